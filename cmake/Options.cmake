@@ -1,0 +1,24 @@
+# stress_options: how every target of the project is compiled.
+add_library(stress_options INTERFACE)
+target_compile_features(stress_options INTERFACE cxx_std_17)
+target_compile_options(stress_options INTERFACE
+  -stdlib=libc++
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Wold-style-cast
+  -Wimplicit-fallthrough -Wthread-safety
+  # A log location is the path as the build knows it, not this machine's.
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/="
+  -fno-omit-frame-pointer)
+target_compile_definitions(stress_options INTERFACE _LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_FAST)
+target_link_options(stress_options INTERFACE -stdlib=libc++ -fuse-ld=lld)
+if(STRESS_WERROR)
+  target_compile_options(stress_options INTERFACE -Werror)
+endif()
+
+find_package(Threads REQUIRED)
+target_link_libraries(stress_options INTERFACE Threads::Threads)
+
+# STRESS_SANITIZE=address,undefined or thread.
+if(STRESS_SANITIZE)
+  target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all -g)
+  target_link_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE})
+endif()

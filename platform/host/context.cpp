@@ -1,0 +1,153 @@
+#include <atomic>
+#include <string>
+
+#include "diagnostics.h"
+#include "ormis/qet_context.h"
+#include "state.h"
+
+namespace Ormis {
+namespace host {
+
+namespace {
+
+struct Context {};
+
+std::atomic<bool> initialized{false};
+std::atomic<std::uint64_t> processContextId{0};
+Table<std::uint64_t, Context> contexts;
+thread_local std::uint64_t currentContextId = 0;
+
+constexpr std::uint32_t kDeviceId = 0;  // one machine, one device
+
+std::int32_t RequireInitialized(const char* operation) {
+  if (initialized) return kQetOk;
+  return QET_FAIL(operation, kQetNotInitialized, "the platform is not initialised: call QetInitialize first");
+}
+
+void Describe(std::string& text, const char* kind, const Leftover& left) {
+  if (left.count == 0) return;
+  if (!text.empty()) text += ", ";
+  text += std::to_string(left.count) + " " + kind + (left.count == 1 ? "" : "s");
+  if (left.bytes != 0) text += " (" + std::to_string(left.bytes) + " bytes)";
+}
+
+}  // namespace
+
+ara::log::Logger& Log() {
+  static ara::log::Logger& logger = ara::log::CreateLogger("QET", "accelerator platform, host implementation",
+                                                           ara::log::LogLevel::kVerbose);
+  return logger;
+}
+
+std::uint64_t NextId() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
+
+std::int32_t RequireContext(const char* operation) {
+  if (const std::int32_t status = RequireInitialized(operation); status != kQetOk) return status;
+  if (currentContextId == 0 || contexts.Find(currentContextId) == nullptr) {
+    return QET_FAIL(
+        operation, kQetNoContext,
+        "no live context is bound to this thread: call QetCreateContext and QetSetCurrentContext first");
+  }
+  return kQetOk;
+}
+
+}  // namespace host
+
+std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
+  return host::Guarded(__func__, [&]() -> std::int32_t {
+    if (!parameters.configuration.empty()) {
+      return QET_FAIL(
+          "QetInitialize", kQetInvalidArgument,
+          "unknown configuration '" << parameters.configuration << "', expected the empty string");
+    }
+    if (parameters.deviceId != host::kDeviceId) {
+      return QET_FAIL("QetInitialize", kQetInvalidArgument,
+                      "no device " << parameters.deviceId << ", expected 0");
+    }
+    if (host::initialized.exchange(true)) {
+      return QET_FAIL("QetInitialize", kQetAlreadyInitialized, "the platform is initialised already");
+    }
+    context.id = host::NextId();
+    host::processContextId = context.id;
+    return kQetOk;
+  });
+}
+
+std::int32_t QetRelease(QetContext& context) {
+  return host::Guarded(__func__, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireInitialized("QetRelease"); status != kQetOk) return status;
+    if (context.id != host::processContextId) {
+      return QET_FAIL("QetRelease", kQetUnknownContext, "this is not the context that QetInitialize filled");
+    }
+    // In the order of a worker's tear-down: what runs on a channel or in a context goes before it.
+    std::string left;
+    host::Describe(left, "model", host::ReclaimModels());
+    host::Describe(left, "encoder", host::ReclaimEncoders());
+    host::Describe(left, "image", host::ReclaimImages());
+    host::Describe(left, "channel", host::ReclaimChannels());
+    host::Describe(left, "context", host::Leftover{host::contexts.TakeAll().size(), 0});
+    if (!left.empty()) {
+      host::Log().LogInfo({__FILE__, "QetRelease", __LINE__})
+          << "QetRelease: gave back what was left: " << left;
+    }
+    host::initialized = false;
+    host::processContextId = 0;
+    context = QetContext{};
+    return kQetOk;
+  });
+}
+
+std::int32_t QetCreateContext(QetContext& context) {
+  return host::Guarded(__func__, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireInitialized("QetCreateContext"); status != kQetOk)
+      return status;
+    if (context.deviceId != host::kDeviceId) {
+      return QET_FAIL("QetCreateContext", kQetInvalidArgument,
+                      "no device " << context.deviceId << ", expected 0");
+    }
+    if (context.id != 0) {
+      return QET_FAIL(
+          "QetCreateContext", kQetAlreadyInitialized,
+          "the record holds context " << std::to_string(context.id) << " already, expected an empty one");
+    }
+    const std::uint64_t id = host::NextId();
+    host::contexts.Add(id, std::make_shared<host::Context>());
+    context.id = id;
+    return kQetOk;
+  });
+}
+
+std::int32_t QetSetCurrentContext(QetContext& context) {
+  return host::Guarded(__func__, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireInitialized("QetSetCurrentContext"); status != kQetOk) {
+      return status;
+    }
+    if (host::contexts.Find(context.id) == nullptr) {
+      return QET_FAIL(
+          "QetSetCurrentContext", kQetUnknownContext,
+          "no live context " << std::to_string(context.id) << ", expected one from QetCreateContext");
+    }
+    host::currentContextId = context.id;
+    return kQetOk;
+  });
+}
+
+std::int32_t QetDestroyContext(QetContext& context) {
+  return host::Guarded(__func__, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireInitialized("QetDestroyContext"); status != kQetOk)
+      return status;
+    if (host::contexts.Take(context.id) == nullptr) {
+      return QET_FAIL(
+          "QetDestroyContext", kQetUnknownContext,
+          "no live context " << std::to_string(context.id) << ", expected one from QetCreateContext");
+    }
+    if (host::currentContextId == context.id) host::currentContextId = 0;
+    context = QetContext{};
+    return kQetOk;
+  });
+}
+
+}  // namespace Ormis

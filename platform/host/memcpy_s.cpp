@@ -1,0 +1,26 @@
+#include "ormis/memcpy_s.h"
+
+#include <cerrno>
+#include <cstring>
+
+int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
+  if (destination == nullptr) return EINVAL;
+  if (destinationMax > kMemcpySMax) return ERANGE;
+
+  int error = 0;
+  const auto to = reinterpret_cast<std::uintptr_t>(destination);
+  const auto from = reinterpret_cast<std::uintptr_t>(source);
+  if (source == nullptr) {
+    error = EINVAL;
+  } else if (count > destinationMax) {  // covers a count above kMemcpySMax, too
+    error = ERANGE;
+  } else if (count != 0 && (to < from ? from - to : to - from) < count) {
+    error = EOVERFLOW;
+  }
+  if (error != 0) {
+    std::memset(destination, 0, destinationMax);
+    return error;
+  }
+  std::memcpy(destination, source, count);
+  return 0;
+}

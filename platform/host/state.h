@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Ormis::host {
+
+/// Returns 0 when the platform is initialised and a live context is bound to the calling thread; otherwise
+/// says why not, in the name of `operation`, and returns the code.
+std::int32_t RequireContext(const char* operation);
+
+/// What QetRelease found left behind of one kind.
+struct Leftover {
+  std::uint64_t count = 0;
+  std::uint64_t bytes = 0;  ///< memory given back, where the kind has a size that counts; else 0
+};
+
+// Each engine frees what its kind still holds. Called by QetRelease, when no other thread is in the platform.
+Leftover ReclaimChannels();
+Leftover ReclaimImages();
+Leftover ReclaimEncoders();
+Leftover ReclaimModels();
+
+/// The live objects of one kind by key. Every member may be called from any thread; an object that is found
+/// stays alive while the caller holds it, whatever happens to the table.
+template <typename Key, typename T>
+class Table {
+ public:
+  /// Returns false, and adds nothing, when the key is taken.
+  bool Add(Key key, std::shared_ptr<T> object) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return objects_.emplace(key, std::move(object)).second;
+  }
+
+  /// Returns null when there is none.
+  std::shared_ptr<T> Find(Key key) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = objects_.find(key);
+    return found == objects_.end() ? nullptr : found->second;
+  }
+
+  /// Removes and returns the object; null when there is none.
+  std::shared_ptr<T> Take(Key key) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = objects_.find(key);
+    if (found == objects_.end()) return nullptr;
+    std::shared_ptr<T> object = std::move(found->second);
+    objects_.erase(found);
+    return object;
+  }
+
+  std::vector<std::shared_ptr<T>> TakeAll() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::shared_ptr<T>> all;
+    all.reserve(objects_.size());
+    for (auto& entry : objects_) all.push_back(std::move(entry.second));
+    objects_.clear();
+    return all;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<Key, std::shared_ptr<T>> objects_;
+};
+
+/// A number never given out before in this process: names of contexts, encoders, streams and models, so that
+/// a stale name is always recognised.
+std::uint64_t NextId();
+
+}  // namespace Ormis::host

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ara/core/string_view.h"
+
+#define ARA_LOG_API __attribute__((visibility("default")))
+
+/// The logging interface that the benchmark and the platform write to. Best effort by contract: no operation
+/// here throws, reports a failure to its caller or changes its flow.
+namespace ara::log {
+
+/// Severity of a record; a smaller number is more severe. kOff is no severity of a record: as a threshold it
+/// lets nothing through.
+enum class LogLevel : std::uint8_t {
+  kOff = 0,
+  kFatal = 1,
+  kError = 2,
+  kWarn = 3,
+  kInfo = 4,
+  kDebug = 5,
+  kVerbose = 6,
+};
+
+/// Where records go: any combination of the bits. No bit set means nowhere.
+enum class LogMode : std::uint8_t {
+  kRemote = 1,
+  kFile = 2,
+  kConsole = 4,
+};
+
+constexpr LogMode operator|(LogMode a, LogMode b) {
+  return static_cast<LogMode>(static_cast<std::uint8_t>(a) | static_cast<std::uint8_t>(b));
+}
+
+constexpr bool HasMode(LogMode set, LogMode bit) {
+  return (static_cast<std::uint8_t>(set) & static_cast<std::uint8_t>(bit)) != 0;
+}
+
+/// The place of a log statement. The texts are not copied: they must be literals or live as long as the
+/// record.
+struct SourceLocation {
+  const char* file;      ///< path of the source file as the build knows it, relative to the project
+  const char* function;  ///< unqualified name of the enclosing function
+  std::int32_t line;     ///< line of the statement
+};
+
+class Logger;
+
+/// One record under construction. It is handed to the sinks when it is destroyed, at the end of the
+/// statement. The record lives in a fixed buffer inside the stream: nothing is allocated and no lock is
+/// taken, so a stream may be used from a signal handler. A text beyond kTextCapacity is cut, and the line
+/// says so. Threads: a stream belongs to the thread that opened it; any number of threads may hold streams of
+/// one logger.
+class ARA_LOG_API LogStream {
+ public:
+  /// Bytes of text that one record holds. With time, level and location a line stays below 4096 bytes
+  /// (PIPE_BUF on Linux), so that one write(2) to a pipe is never torn.
+  static constexpr std::size_t kTextCapacity = 3072;
+
+  ~LogStream();
+  LogStream(const LogStream&) = delete;
+  LogStream& operator=(const LogStream&) = delete;
+
+  LogStream& operator<<(const char* text);  ///< a null pointer inserts nothing
+  LogStream& operator<<(ara::core::internal::StringView<char> text);
+  LogStream& operator<<(const std::string& text);
+  LogStream& operator<<(int number);           ///< signed decimal
+  LogStream& operator<<(unsigned int number);  ///< unsigned decimal
+
+ private:
+  friend class Logger;
+  LogStream(const Logger& logger, LogLevel level, const SourceLocation& location);
+  void Append(const char* text, std::size_t length);
+
+  const Logger& logger_;
+  SourceLocation location_;
+  LogLevel level_;
+  bool enabled_;  ///< decided once, when the stream is opened
+  bool cut_ = false;
+  std::uint32_t length_ = 0;
+  char text_[kTextCapacity];  // left unset: only the first length_ bytes count
+};
+
+/// One log context. Loggers are made by CreateLogger alone and live until the process ends.
+/// Threads: every member may be called from any thread at the same time, and from a signal handler.
+class ARA_LOG_API Logger {
+ public:
+  /// True when a record of `level` passes both this logger's threshold and the application's (InitLogging).
+  bool IsEnabled(LogLevel level) const;
+
+  /// Opens a record. A record of a level that is not enabled takes insertions and is dropped.
+  LogStream LogError(const SourceLocation& location) const;
+  LogStream LogWarn(const SourceLocation& location) const;
+  LogStream LogInfo(const SourceLocation& location) const;
+  LogStream LogDebug(const SourceLocation& location) const;
+
+ private:
+  friend class LogStream;
+  friend Logger& CreateLogger(ara::core::internal::StringView<char>, ara::core::internal::StringView<char>,
+                              LogLevel);
+
+  std::atomic<std::uint8_t> level_{0};
+  char contextId_[16] = {};  ///< zero-terminated, longer ids are cut
+};
+
+/// Starts logging for the application: sets the application's threshold and opens the sinks of `mode`.
+/// `appId` names the application in every line and the log file (`directory`/`appId`.log); `directory` is
+/// made if missing. A sink that cannot be opened costs one line on standard error and is left out. Before
+/// this call records go to standard error, whatever their level. A second call replaces the settings.
+/// Threads: one caller at a time; other threads may log meanwhile.
+ARA_LOG_API void InitLogging(const std::string& appId, const std::string& appDescription, LogLevel level,
+                             LogMode mode, const std::string& directory);
+
+/// Returns the logger of context `contextId`, made on first use; its threshold becomes `level` either way.
+/// Never fails: past the fixed number of contexts the last one is shared.
+/// Threads: any; allocates nothing and takes no lock.
+ARA_LOG_API Logger& CreateLogger(ara::core::internal::StringView<char> contextId,
+                                 ara::core::internal::StringView<char> contextDescription, LogLevel level);
+
+}  // namespace ara::log

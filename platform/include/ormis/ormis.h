@@ -1,0 +1,12 @@
+#pragma once
+
+/// The accelerator platform's interface, whole. Declarations only: any implementation of them may be linked.
+#include "ormis/memcpy_s.h"
+#include "ormis/ormis_logger.h"
+#include "ormis/qet_context.h"
+#include "ormis/qet_dnn.h"
+#include "ormis/qet_error.h"
+#include "ormis/qet_image.h"
+#include "ormis/qet_log.h"
+#include "ormis/qet_venc.h"
+#include "ormis/qet_yaml.h"

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ormis/export.h"
+
+namespace Ormis {
+
+/// One input or output tensor of a model.
+struct QetDNNBuffer {
+  void* data = nullptr;  ///< the platform's memory, valid until QetDNNRelease
+  std::uint64_t sizeBytes = 0;
+};
+
+/// One loaded model with its input and output buffers. Value-initialise it on the thread that uses it, hand
+/// it to the operations below, destroy it after QetDNNRelease: the destructor frees the members, not the
+/// model. Callers that only run the model need none of its members.
+struct QetDNNHandle {
+  std::uint64_t modelId = 0;                         ///< 0: no model
+  std::string modelPath;                             ///< as given to QetDNNModelInitialize
+  std::vector<QetDNNBuffer> inputs;                  ///< in the model's order; QetDNNModelCreateInput
+  std::vector<QetDNNBuffer> outputs;                 ///< in the model's order; QetDNNModelCreateOutput
+  std::map<const void*, std::uint32_t> inputIndex;   ///< buffer address to index in `inputs`
+  std::map<const void*, std::uint32_t> outputIndex;  ///< buffer address to index in `outputs`
+  std::map<std::string, std::uint32_t> tensorIndex;  ///< tensor name to index, inputs before outputs
+  mutable std::recursive_mutex mutex;                ///< held by each operation on this handle
+};
+
+/// Loads the model file `path` into the current context. Requires: a current context, a handle without a
+/// model. Returns 0, or a code; QetDNNRelease may follow in either case.
+ORMIS_API std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path);
+
+/// Creates the model's input buffers. Callers that never write them infer over what the platform left there
+/// (the host leaves zeros). Requires: a loaded model, no inputs yet. Returns 0, or a code.
+ORMIS_API std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle);
+
+/// Creates the model's output buffers. Requires: a loaded model, no outputs yet. Returns 0, or a code.
+ORMIS_API std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle);
+
+/// Runs one inference; returns after the model has executed once and the output buffers are written.
+/// Requires: a current context, a model with inputs and outputs. Threads: any, each with its own handle.
+/// Returns 0, or a code.
+ORMIS_API std::int32_t QetDNNModelProcess(const QetDNNHandle& handle);
+
+/// Releases the model and its buffers and empties the handle. Accepts a handle in any partial state; one
+/// without a model answers kQetModelNotReady and is left alone.
+ORMIS_API std::int32_t QetDNNRelease(QetDNNHandle& handle);
+
+}  // namespace Ormis

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ormis/export.h"
+
+namespace Ormis {
+
+/// Pixel formats (`ImageData::imageType`). Rows are packed: a row of a plane is width x bytes per pixel, no
+/// padding. The numbers are the platform's; 3 to 8 and 16 upwards are no formats.
+enum QetImageType : std::uint32_t {
+  kQetImageRgb888 = 0,     ///< packed, 3 bytes per pixel
+  kQetImageBgr888 = 1,     ///< packed, 3 bytes per pixel
+  kQetImageYuv420sp = 2,   ///< luma plane, then interleaved chroma at half width and height (NV12)
+  kQetImageYvu420sp = 9,   ///< as 2, chroma order swapped (NV21)
+  kQetImageYuv422sp = 10,  ///< luma plane, then interleaved chroma at half width (NV16)
+  kQetImageYvu422sp = 11,  ///< as 10, chroma order swapped (NV61)
+  kQetImageArgb8888 = 12,  ///< packed, 4 bytes per pixel
+  kQetImageAbgr8888 = 13,
+  kQetImageRgba8888 = 14,
+  kQetImageBgra8888 = 15,
+};
+
+/// Who owns the memory of an image (`ImageData::bufferMode`).
+enum QetBufferMode : std::uint32_t {
+  kQetBufferUser = 0,      ///< `data` points at memory of the caller
+  kQetBufferPlatform = 1,  ///< `data` comes from QetImageMallocAligned
+};
+
+/// How a resize computes a pixel.
+enum QetImageInterpolationType : std::uint32_t {
+  kQetInterpolationArea = 1,  ///< mean of the source area that the pixel covers; every source pixel counts
+};
+
+/// One image buffer. The layout is the platform's and fixed: 80 bytes, little-endian.
+/// Value-initialise it, then set width, height, bufferMode, imageType (and data and dataSize for
+/// kQetBufferUser).
+struct ImageData {
+  std::uint64_t offset00 = 0;      ///< the platform's; never set by callers
+  std::string offset08;            ///< the platform's; never set by callers
+  std::uint32_t width = 0;         ///< pixels
+  std::uint32_t height = 0;        ///< pixels
+  std::uint32_t dataSize = 0;      ///< bytes at `data`; 0 before QetImageMallocAligned, which fills it
+  std::uint32_t bufferMode = 0;    ///< a QetBufferMode
+  std::uint32_t imageType = 0;     ///< a QetImageType
+  std::uint8_t* data = nullptr;    ///< first byte of the pixels
+  std::uint64_t offset40[2] = {};  ///< the platform's; never set by callers
+};
+static_assert(sizeof(ImageData) == 80, "size of ImageData");
+static_assert(offsetof(ImageData, offset00) == 0x00 && offsetof(ImageData, offset08) == 0x08 &&
+                  offsetof(ImageData, width) == 0x20 && offsetof(ImageData, height) == 0x24 &&
+                  offsetof(ImageData, dataSize) == 0x28 && offsetof(ImageData, bufferMode) == 0x2c &&
+                  offsetof(ImageData, imageType) == 0x30 && offsetof(ImageData, data) == 0x38 &&
+                  offsetof(ImageData, offset40) == 0x40,
+              "layout of ImageData");
+
+/// Creates a media-unit channel. `channel` holds the number that the caller would like; the platform may
+/// replace it, and the number left in it names the channel from then on. Requires: a current context.
+/// Threads: any. Returns 0, or a code and leaves `channel` as it was.
+ORMIS_API std::int32_t QetCreateChannel(int& channel);
+
+/// Destroys a channel. Requires: a current context. Returns 0, or a code.
+ORMIS_API std::int32_t QetDestroyChannel(int channel);
+
+/// Allocates media-unit memory for `image` (width, height, bufferMode 1 and imageType set, data null) and
+/// fills `data` and `dataSize`. The memory is zeroed, really backed by pages, aligned to 4096 bytes, and
+/// belongs to the platform: free it with QetImageDestroy. Requires: a current context. Threads: any. Returns
+/// 0, or a code and leaves `image` as it was.
+ORMIS_API std::int32_t QetImageMallocAligned(ImageData& image);
+
+/// Copies the pixels of `source` into the media-unit memory of `destination` (same size and type).
+/// Both may be the same record: its pixels are then read and written in place and stay as they are.
+/// Requires: a current context; `destination` from QetImageMallocAligned. Returns 0, or a code.
+ORMIS_API std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination);
+
+/// Scales `source` into `destination` on `channel`, to the destination's width and height; returns when the
+/// result is in place. Both are of one image type and from QetImageMallocAligned. `timeoutMs` is always -1:
+/// wait for the result (the host engine works on the calling thread and knows no other).
+/// Requires: a current context. Threads: any, each with its own context; no two calls may share a
+/// destination. Returns 0, or a code and leaves the destination's pixels unspecified.
+ORMIS_API std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
+                                      QetImageInterpolationType interpolation, int timeoutMs);
+
+/// Frees what QetImageMallocAligned allocated and clears `data` and `dataSize`.
+/// Requires: a current context. Returns 0, or a code and leaves `image` as it was.
+ORMIS_API std::int32_t QetImageDestroy(ImageData& image);
+
+}  // namespace Ormis

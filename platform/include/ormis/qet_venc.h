@@ -1,0 +1,125 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+
+#include "ormis/export.h"
+#include "ormis/qet_image.h"
+
+/// One packet of an encoded stream: 48 bytes.
+struct ux_venc_packet {
+  const std::uint8_t* data;  ///< H.264 byte stream (Annex B start codes); the encoder's memory
+  std::uint64_t sizeBytes;
+  std::int64_t frameIndex;   ///< number of the frame that it encodes, from 0
+  std::uint32_t isKeyFrame;  ///< 1 where decoding can start here
+  std::uint32_t reserved0;
+  std::uint64_t reserved[2];
+};
+static_assert(sizeof(ux_venc_packet) == 48, "size of ux_venc_packet");
+
+/// One encoded stream with its packets: 456 bytes. Callers zero it before GetStream and hand the same record
+/// to ReleaseStream; its fields are the encoder's. The packets are valid until then.
+struct ux_venc_stream {
+  std::uint64_t streamId;     ///< names the stream to ReleaseStream; 0: none
+  std::uint32_t packetCount;  ///< packets in use, at most 8
+  std::uint32_t channel;      ///< channel of the encoder
+  std::uint64_t totalBytes;   ///< of all packets
+  std::uint64_t reserved[6];
+  ux_venc_packet packets[8];
+};
+static_assert(sizeof(ux_venc_stream) == 456, "size of ux_venc_stream");
+static_assert(offsetof(ux_venc_stream, packets) == 72, "layout of ux_venc_stream");
+
+namespace Ormis {
+
+/// A video encoder. Its construction stands here, not in the library: set the configuration members, call
+/// Init, then SendFrame, GetStream, ReleaseStream for every frame; the destructor, a library call, ends it.
+/// Members whose meaning is evident carry a name; the others are named by their offset and are the encoder's
+/// own: set them to the documented values and leave them.
+/// Threads: one thread at a time per encoder, with its context current.
+class ORMIS_API QetVenc {
+ public:
+  // A constructor of its own, because the eight bytes at 0x88 are left unset: value-initialisation of a class
+  // without one would zero them.
+  QetVenc() {}  // NOLINT(modernize-use-equals-default)
+  ~QetVenc();
+  QetVenc(const QetVenc&) = delete;
+  QetVenc& operator=(const QetVenc&) = delete;
+
+  /// Opens the encoder with the members as they are now. Requires: a current context, not initialised before.
+  /// Returns 0, or a code and leaves the encoder as it was.
+  std::int32_t Init();
+
+  /// Submits one frame: width and height of this encoder, image type 2, dataSize bytes at data. The frame is
+  /// read before the call returns. Returns 0, or a code.
+  std::int32_t SendFrame(const ImageData& frame);
+
+  /// Delivers the stream of the oldest frame not yet fetched. Returns 0, or a code and leaves `stream` as it
+  /// was.
+  std::int32_t GetStream(ux_venc_stream& stream);
+
+  /// Gives the buffers of a fetched stream back: once for every successful GetStream. Returns 0, or a code.
+  std::int32_t ReleaseStream(ux_venc_stream& stream);
+
+  std::uint64_t encoderId = 0;                       ///< 0x00, the encoder's: 0 while not initialised
+  std::uint64_t offset08[16] = {};                   ///< 0x08
+  std::uint64_t offset88;                            ///< 0x88, left unset
+  std::uint32_t offset90[11] = {};                   ///< 0x90
+  std::uint32_t offsetBC = 0;                        ///< 0xBC
+  std::uint32_t offsetC0 = 0;                        ///< 0xC0
+  std::uint32_t offsetC4 = 0;                        ///< 0xC4
+  std::uint32_t width = 0;                           ///< 0xC8, pixels
+  std::uint32_t height = 0;                          ///< 0xCC, pixels
+  std::uint32_t channel = 0;                         ///< 0xD0, encoder channel
+  std::uint32_t offsetD4 = 0;                        ///< 0xD4
+  std::uint32_t bitrateKbps = 0;                     ///< 0xD8, target, 1000 bit/s
+  std::uint32_t offsetDC = 0;                        ///< 0xDC
+  std::uint32_t maxWidth = 0;                        ///< 0xE0, pixels
+  std::uint32_t maxHeight = 0;                       ///< 0xE4, pixels
+  std::uint32_t offsetE8 = 0;                        ///< 0xE8
+  std::uint32_t streamBufferBytes = 0;               ///< 0xEC, room for encoded data
+  std::uint32_t offsetF0 = 0;                        ///< 0xF0
+  std::uint32_t offsetF4 = 0;                        ///< 0xF4
+  std::uint32_t offsetF8 = 0;                        ///< 0xF8
+  std::map<std::uint32_t, std::uint64_t> offset100;  ///< 0x100, empty
+  std::uint32_t offset118 = 0;                       ///< 0x118
+  std::uint64_t offset120 = 0;                       ///< 0x120
+  std::uint32_t offset128 = 0;                       ///< 0x128
+  std::uint32_t offset12C = 0;                       ///< 0x12C
+  std::uint32_t frameRate = 0;                       ///< 0x130, frames per second that the bit rate refers to
+  std::uint32_t gopSize = 0;                         ///< 0x134, frames from one key frame to the next
+};
+static_assert(sizeof(QetVenc) == 0x138, "size of QetVenc");
+#define ORMIS_ASSERT_OFFSET(member, at) static_assert(offsetof(QetVenc, member) == (at), "offset of " #member)
+ORMIS_ASSERT_OFFSET(encoderId, 0x00);
+ORMIS_ASSERT_OFFSET(offset08, 0x08);
+ORMIS_ASSERT_OFFSET(offset88, 0x88);
+ORMIS_ASSERT_OFFSET(offset90, 0x90);
+ORMIS_ASSERT_OFFSET(offsetBC, 0xBC);
+ORMIS_ASSERT_OFFSET(offsetC0, 0xC0);
+ORMIS_ASSERT_OFFSET(offsetC4, 0xC4);
+ORMIS_ASSERT_OFFSET(width, 0xC8);
+ORMIS_ASSERT_OFFSET(height, 0xCC);
+ORMIS_ASSERT_OFFSET(channel, 0xD0);
+ORMIS_ASSERT_OFFSET(offsetD4, 0xD4);
+ORMIS_ASSERT_OFFSET(bitrateKbps, 0xD8);
+ORMIS_ASSERT_OFFSET(offsetDC, 0xDC);
+ORMIS_ASSERT_OFFSET(maxWidth, 0xE0);
+ORMIS_ASSERT_OFFSET(maxHeight, 0xE4);
+ORMIS_ASSERT_OFFSET(offsetE8, 0xE8);
+ORMIS_ASSERT_OFFSET(streamBufferBytes, 0xEC);
+ORMIS_ASSERT_OFFSET(offsetF0, 0xF0);
+ORMIS_ASSERT_OFFSET(offsetF4, 0xF4);
+ORMIS_ASSERT_OFFSET(offsetF8, 0xF8);
+ORMIS_ASSERT_OFFSET(offset100, 0x100);
+ORMIS_ASSERT_OFFSET(offset118, 0x118);
+ORMIS_ASSERT_OFFSET(offset120, 0x120);
+ORMIS_ASSERT_OFFSET(offset128, 0x128);
+ORMIS_ASSERT_OFFSET(offset12C, 0x12C);
+ORMIS_ASSERT_OFFSET(frameRate, 0x130);
+ORMIS_ASSERT_OFFSET(gopSize, 0x134);
+#undef ORMIS_ASSERT_OFFSET
+static_assert(sizeof(QetVenc::offset100) == 24, "size of the map at 0x100");
+
+}  // namespace Ormis
