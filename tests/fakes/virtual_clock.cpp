@@ -20,6 +20,8 @@ constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 
 }  // namespace
 
+// Exported: the callers that matter are in the standard library.
+#pragma GCC visibility push(default)
 extern "C" {
 
 int clock_gettime(clockid_t clock, struct timespec* time) {
@@ -50,6 +52,7 @@ int nanosleep(const struct timespec* span, struct timespec* rest) {
 }
 
 }  // extern "C"
+#pragma GCC visibility pop
 
 VirtualClock::VirtualClock() {
   const std::lock_guard<std::mutex> lock(mutex);
