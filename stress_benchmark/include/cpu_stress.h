@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "stress_register.h"
+
+/// Bytes that each copy moves: read once and written once.
+constexpr std::size_t kCopyBytes = 8294400;  // a 1920 x 1080 frame at 4 bytes per pixel
+
+/// Launcher of "cpuStress" (contract: StressLauncher).
+void runCpuStress(std::unique_ptr<vorn::StressRegister>& reg, std::vector<std::thread>& threads,
+                  const volatile int& stopFlag);
+
+/// One worker: copies its source buffer into its destination buffer until stopFlag is nonzero.
+/// Life: allocate and zero both buffers -> per cycle: look at the flag, copy, pause -> free. A cycle that has
+/// begun completes, pause included, before the flag is looked at again.
+void MemoryCopy(std::unique_ptr<vorn::StressRegister>& reg, int index, const volatile int& stopFlag);

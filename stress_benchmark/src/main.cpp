@@ -1,0 +1,5 @@
+#include "stress_bencmark.h"
+
+int main(int argc, char** argv) {
+  return RunStressBenchmark(argc, argv);
+}
