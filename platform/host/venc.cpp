@@ -21,7 +21,7 @@ constexpr std::uint32_t kMaxBitrateKbps =
     INT_MAX / 1000;  // libavcodec keeps the rate buffer's bits in an int
 
 struct Slot {
-  enum class State { kFree, kWaiting, kFetched };
+  enum class State : std::uint8_t { kFree, kWaiting, kFetched };
   State state = State::kFree;
   std::uint64_t streamId = 0;  ///< ascending with the frames
   H264Packet packet;
