@@ -3,6 +3,7 @@
 #include <onnxruntime_c_api.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -42,10 +43,21 @@ using Status = std::unique_ptr<OrtStatus, Releaser<&OrtApi::ReleaseStatus>>;
 using TypeInfo = std::unique_ptr<OrtTypeInfo, Releaser<&OrtApi::ReleaseTypeInfo>>;
 using Value = std::unique_ptr<OrtValue, Releaser<&OrtApi::ReleaseValue>>;
 
+/// The library's text in one line, as a log record has to be.
+std::string OneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+std::string Text(const Status& status) {
+  return OneLine(Api().GetErrorMessage(status.get()));
+}
+
 /// Calls that fail only when memory is out or the library is broken.
 void Must(OrtStatus* result) {
   const Status status(result);
-  if (status != nullptr) throw std::runtime_error(Api().GetErrorMessage(status.get()));
+  if (status != nullptr) throw std::runtime_error(Text(status));
 }
 
 void ORT_API_CALL LogMessage(void*, OrtLoggingLevel severity, const char* category, const char*,
@@ -53,8 +65,13 @@ void ORT_API_CALL LogMessage(void*, OrtLoggingLevel severity, const char* catego
   // A warning, however severe the library finds it: what makes an operation fail comes back as its status,
   // and is said once, at error level, by the operation.
   if (severity < ORT_LOGGING_LEVEL_WARNING) return;
-  Log().LogWarn({__FILE__, "OnnxModel", __LINE__})
-      << "ONNX Runtime: " << category << ": " << message << " (" << codeLocation << ")";
+  const ara::log::SourceLocation here{__FILE__, "LogMessage", __LINE__};
+  try {
+    Log().LogWarn(here) << "ONNX Runtime: " << category << ": " << OneLine(message) << " (" << codeLocation
+                        << ")";
+  } catch (const std::bad_alloc&) {
+    Log().LogWarn(here) << "ONNX Runtime: a message that memory was too short for";
+  }
 }
 
 // One for all models. Each of them holds it: a session must not outlive it.
@@ -249,7 +266,7 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   if (const Status status(
           Api().CreateSession(state->environment.get(), path.c_str(), options.get(), &session));
       status != nullptr) {
-    return {kQetModelUnreadable, "cannot load model " + path + ": " + Api().GetErrorMessage(status.get())};
+    return {kQetModelUnreadable, "cannot load model " + path + ": " + Text(status)};
   }
   state->session.reset(session);
 
@@ -297,7 +314,7 @@ Outcome OnnxModel::Run() {
                                 inputs.valuePointers.data(), inputs.namePointers.size(),
                                 outputs.namePointers.data(), outputs.namePointers.size(),
                                 outputs.valuePointers.data()));
-  if (status != nullptr) return {kQetInferenceFailure, Api().GetErrorMessage(status.get())};
+  if (status != nullptr) return {kQetInferenceFailure, Text(status)};
   return {};
 }
 
