@@ -1,0 +1,104 @@
+#include "area_scaler.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace Ormis::host {
+
+namespace {
+
+/// sums[i] = sum of weights[k] * rows[k][i]. A loop over bytes with constant bounds inside: it is compiled
+/// to vector instructions.
+template <typename Sum, int kRows, bool kAdd>
+void WeighRows(const std::uint8_t* const* rows, const Sum* weights, std::size_t length,
+               Sum* __restrict sums) {
+  for (std::size_t i = 0; i < length; ++i) {
+    Sum sum = kAdd ? sums[i] : Sum{0};
+    for (int row = 0; row < kRows; ++row) {
+      sum = static_cast<Sum>(sum + static_cast<Sum>(weights[row] * rows[row][i]));
+    }
+    sums[i] = sum;
+  }
+}
+
+}  // namespace
+
+AreaScaler::Ratio AreaScaler::ReducedRatio(std::uint32_t from, std::uint32_t to) {
+  const std::uint32_t divisor = std::gcd(from, to);
+  return {to / divisor, from / divisor};
+}
+
+AreaScaler::Span AreaScaler::SpanAt(const Ratio& ratio, std::uint32_t index) {
+  const std::uint64_t begin = std::uint64_t{index} * ratio.resultUnits;
+  const std::uint64_t end = begin + ratio.resultUnits;
+  const std::uint64_t first = begin / ratio.sourceUnits;
+  const std::uint64_t last = (end - 1) / ratio.sourceUnits;
+  const std::uint64_t firstEnd = std::min(end, (first + 1) * ratio.sourceUnits);
+  return {static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last),
+          static_cast<std::uint32_t>(firstEnd - begin),
+          static_cast<std::uint32_t>(last == first ? 0 : end - last * ratio.sourceUnits)};
+}
+
+void AreaScaler::PrepareColumns(const Ratio& ratio, std::uint32_t count) {
+  if (ratio.sourceUnits == columnRatio_.sourceUnits && ratio.resultUnits == columnRatio_.resultUnits &&
+      columns_.size() >= count) {
+    return;
+  }
+  columns_.resize(count);
+  for (std::uint32_t column = 0; column < count; ++column) columns_[column] = SpanAt(ratio, column);
+  columnRatio_ = ratio;
+}
+
+template <typename Sum, typename Total, typename Real>
+void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
+                           std::uint8_t* destination, const Ratio& rows, std::vector<Sum>& rowSums) {
+  const std::size_t length = std::size_t{from.width} * from.channels;
+  const std::size_t channels = from.channels;
+  if (rowSums.size() < length) rowSums.resize(length);
+  Sum* const sums = rowSums.data();
+
+  const auto columnUnits = static_cast<Total>(columnRatio_.sourceUnits);
+  const auto area = static_cast<std::uint64_t>(rows.resultUnits) * columnRatio_.resultUnits;
+  const auto half = static_cast<Total>(area / 2);
+  const Real scale = Real{1} / static_cast<Real>(area);
+
+  for (std::uint32_t y = 0; y < to.height; ++y) {
+    const Span span = SpanAt(rows, y);
+    const std::uint8_t* row = source + span.first * length;
+    auto weight = static_cast<Sum>(span.firstWeight);
+    WeighRows<Sum, 1, false>(&row, &weight, length, sums);
+    for (std::uint32_t at = span.first + 1; at <= span.last; ++at) {
+      row += length;
+      weight = static_cast<Sum>(at == span.last ? span.lastWeight : rows.sourceUnits);
+      WeighRows<Sum, 1, true>(&row, &weight, length, sums);
+    }
+    for (std::uint32_t x = 0; x < to.width; ++x) {
+      const Span column = columns_[x];
+      for (std::size_t c = 0; c < channels; ++c) {
+        const Sum* const first = sums + column.first * channels + c;
+        const Sum* const last = sums + column.last * channels + c;
+        Total inner = 0;
+        for (const Sum* at = first + channels; at < last; at += channels) inner += *at;
+        const Total total = static_cast<Total>(column.firstWeight) * *first + columnUnits * inner +
+                            static_cast<Total>(column.lastWeight) * *last;
+        // In the middle between two integers, where the rounding errors of Real cannot reach the next one.
+        *destination++ = static_cast<std::uint8_t>((static_cast<Real>(total + half) + Real{0.5}) * scale);
+      }
+    }
+  }
+}
+
+void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
+                       std::uint8_t* destination) {
+  const Ratio rows = ReducedRatio(from.height, to.height);
+  PrepareColumns(ReducedRatio(from.width, to.width), to.width);
+  const std::uint64_t area = std::uint64_t{rows.resultUnits} * columnRatio_.resultUnits;
+  // 255 x 257 is the largest 16-bit number; a float holds 255 x 8192 with enough bits behind the point.
+  if (rows.resultUnits <= 257 && area <= 8192) {
+    ScaleWith<std::uint16_t, std::int32_t, float>(from, source, to, destination, rows, narrowSums_);
+  } else {
+    ScaleWith<std::uint32_t, std::int64_t, double>(from, source, to, destination, rows, wideSums_);
+  }
+}
+
+}  // namespace Ormis::host

@@ -1,0 +1,58 @@
+#include "channel.h"
+
+#include "diagnostics.h"
+#include "ormis/qet_image.h"
+#include "state.h"
+
+namespace Ormis {
+namespace host {
+
+namespace {
+
+constexpr int kMaxChannels = 256;  // well above 40 workers; a caller that leaks channels is told
+
+Table<int, Channel> channels;
+
+}  // namespace
+
+std::shared_ptr<Channel> FindChannel(int channel) {
+  return channels.Find(channel);
+}
+
+Leftover ReclaimChannels() {
+  return {channels.TakeAll().size(), 0};
+}
+
+}  // namespace host
+
+std::int32_t QetCreateChannel(int& channel) {
+  constexpr const char* kOperation = "QetCreateChannel";
+  return host::Guarded(kOperation, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
+    const auto made = std::make_shared<host::Channel>();
+    if (channel >= 0 && channel < host::kMaxChannels && host::channels.Add(channel, made)) return kQetOk;
+    // Another thread may take a free number first: adding is the test.
+    for (int number = 0; number < host::kMaxChannels; ++number) {
+      if (host::channels.Add(number, made)) {
+        channel = number;
+        return kQetOk;
+      }
+    }
+    return QET_FAIL(kOperation, kQetBusy,
+                    "all " << host::kMaxChannels << " channels are in use: destroy one first");
+  });
+}
+
+std::int32_t QetDestroyChannel(int channel) {
+  constexpr const char* kOperation = "QetDestroyChannel";
+  return host::Guarded(kOperation, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
+    if (host::channels.Take(channel) == nullptr) {
+      return QET_FAIL(kOperation, kQetUnknownChannel,
+                      "no channel " << channel << ", expected a live one from QetCreateChannel");
+    }
+    return kQetOk;
+  });
+}
+
+}  // namespace Ormis

@@ -1,0 +1,250 @@
+#include "image.h"
+
+#include <cstring>
+#include <limits>
+#include <new>
+#include <string>
+
+#include "diagnostics.h"
+#include "state.h"
+
+namespace Ormis {
+namespace host {
+
+namespace {
+
+constexpr std::size_t kAlignment = 4096;
+
+Table<const std::uint8_t*, Image> images;
+
+std::string SizeText(std::uint32_t width, std::uint32_t height) {
+  return std::to_string(width) + " x " + std::to_string(height);
+}
+
+/// The image in memory of the platform's or of the caller's: where its pixels are read.
+std::int32_t RequireSource(const char* operation, const ImageData& record, std::shared_ptr<Image>& image,
+                           const std::uint8_t*& pixels) {
+  if (record.bufferMode == kQetBufferUser) {
+    ImageShape shape;
+    if (const std::int32_t status = DescribeImage(operation, record, shape); status != kQetOk) return status;
+    if (record.data == nullptr) {
+      return QET_FAIL(operation, kQetInvalidArgument, "source without data, expected the caller's pixels");
+    }
+    if (record.dataSize < shape.bytes) {
+      return QET_FAIL(operation, kQetInvalidSize,
+                      "source of " << record.dataSize << " bytes, expected " << shape.bytes << " for "
+                                   << SizeText(record.width, record.height) << " of type "
+                                   << record.imageType);
+    }
+    pixels = record.data;
+    return kQetOk;
+  }
+  if (const std::int32_t status = RequireImage(operation, "source", record, image); status != kQetOk) {
+    return status;
+  }
+  pixels = image->pixels.get();
+  return kQetOk;
+}
+
+/// Reads and writes every word where it is. Volatile: a copy of memory onto itself would be left out, by the
+/// compiler or by the C library, and with it the work that the caller asked for.
+void CopyInPlace(std::uint8_t* pixels, std::uint32_t bytes) {
+  std::uint32_t at = 0;
+  for (; bytes - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+    auto* const word = reinterpret_cast<volatile std::uint64_t*>(pixels + at);
+    const std::uint64_t value = *word;
+    *word = value;
+  }
+  for (; at < bytes; ++at) {
+    auto* const byte = static_cast<volatile std::uint8_t*>(pixels + at);
+    const std::uint8_t value = *byte;
+    *byte = value;
+  }
+}
+
+}  // namespace
+
+std::int32_t DescribeImage(const char* operation, const ImageData& record, ImageShape& shape) {
+  const std::uint32_t width = record.width;
+  const std::uint32_t height = record.height;
+  std::uint32_t widthStep = 1;
+  std::uint32_t heightStep = 1;
+  ImageShape planes;
+  switch (record.imageType) {
+    case kQetImageRgb888:
+    case kQetImageBgr888:
+      planes = {1, {{width, height, 3}, {}}, 0};
+      break;
+    case kQetImageYuv420sp:
+    case kQetImageYvu420sp:
+      planes = {2, {{width, height, 1}, {width / 2, height / 2, 2}}, 0};
+      widthStep = 2;
+      heightStep = 2;
+      break;
+    case kQetImageYuv422sp:
+    case kQetImageYvu422sp:
+      planes = {2, {{width, height, 1}, {width / 2, height, 2}}, 0};
+      widthStep = 2;
+      break;
+    case kQetImageArgb8888:
+    case kQetImageAbgr8888:
+    case kQetImageRgba8888:
+    case kQetImageBgra8888:
+      planes = {1, {{width, height, 4}, {}}, 0};
+      break;
+    default:
+      return QET_FAIL(operation, kQetUnsupported,
+                      "unknown image type " << record.imageType << ", expected 0 to 2 or 9 to 15");
+  }
+  if (width == 0 || height == 0) {
+    return QET_FAIL(operation, kQetInvalidSize,
+                    "image of " << SizeText(width, height) << ", expected sides of at least 1");
+  }
+  if (width % widthStep != 0 || height % heightStep != 0) {
+    return QET_FAIL(operation, kQetInvalidSize,
+                    "image of " << SizeText(width, height) << " and type " << record.imageType
+                                << ", expected an even width" << (heightStep == 2 ? " and height" : ""));
+  }
+  // Tested before the factor, so that the product of both stays within 64 bits.
+  std::uint64_t bytes = std::uint64_t{width} * height;
+  if (bytes <= std::numeric_limits<std::uint32_t>::max()) {
+    bytes = 0;
+    for (const PlaneShape& plane : planes.planes) bytes += plane.Bytes();
+  }
+  if (bytes > std::numeric_limits<std::uint32_t>::max()) {
+    return QET_FAIL(operation, kQetInvalidSize,
+                    "image of " << SizeText(width, height) << " and type " << record.imageType
+                                << ", expected at most 4294967295 bytes");
+  }
+  planes.bytes = static_cast<std::uint32_t>(bytes);
+  shape = planes;
+  return kQetOk;
+}
+
+std::int32_t RequireImage(const char* operation, const char* role, const ImageData& record,
+                          std::shared_ptr<Image>& image) {
+  if (record.bufferMode != kQetBufferPlatform) {
+    return QET_FAIL(
+        operation, kQetInvalidArgument,
+        role << " with buffer mode " << record.bufferMode << ", expected 1, the platform's memory");
+  }
+  std::shared_ptr<Image> found = images.Find(record.data);
+  if (found == nullptr) {
+    return QET_FAIL(
+        operation, kQetUnknownBuffer,
+        role << " without memory of the platform, expected a live one from QetImageMallocAligned");
+  }
+  if (record.imageType != found->type) {
+    return QET_FAIL(
+        operation, kQetInvalidArgument,
+        role << " of type " << record.imageType << ", expected " << found->type << " as it was allocated");
+  }
+  if (record.width != found->width || record.height != found->height ||
+      record.dataSize != found->shape.bytes) {
+    return QET_FAIL(operation, kQetInvalidSize,
+                    role << " of " << SizeText(record.width, record.height) << " and " << record.dataSize
+                         << " bytes, expected " << SizeText(found->width, found->height) << " and "
+                         << found->shape.bytes << " bytes as it was allocated");
+  }
+  image = std::move(found);
+  return kQetOk;
+}
+
+Leftover ReclaimImages() {
+  Leftover left;
+  for (const std::shared_ptr<Image>& image : images.TakeAll()) {
+    ++left.count;
+    left.bytes += image->shape.bytes;
+  }
+  return left;
+}
+
+}  // namespace host
+
+std::int32_t QetImageMallocAligned(ImageData& image) {
+  constexpr const char* kOperation = "QetImageMallocAligned";
+  return host::Guarded(kOperation, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
+    if (image.bufferMode != kQetBufferPlatform) {
+      return QET_FAIL(kOperation, kQetInvalidArgument,
+                      "buffer mode " << image.bufferMode << ", expected 1, the platform's memory");
+    }
+    if (image.data != nullptr) {
+      return QET_FAIL(kOperation, kQetInvalidArgument, "the record has data already, expected none");
+    }
+    auto made = std::make_shared<host::Image>();
+    if (const std::int32_t status = host::DescribeImage(kOperation, image, made->shape); status != kQetOk) {
+      return status;
+    }
+    made->width = image.width;
+    made->height = image.height;
+    made->type = image.imageType;
+    const std::size_t bytes = made->shape.bytes;
+    const std::size_t room = (bytes + host::kAlignment - 1) / host::kAlignment * host::kAlignment;
+    made->pixels.reset(static_cast<std::uint8_t*>(std::aligned_alloc(host::kAlignment, room)));
+    if (made->pixels == nullptr) {
+      return QET_FAIL(kOperation, kQetOutOfMemory,
+                      "no memory for an image of " << host::SizeText(image.width, image.height) << ", "
+                                                   << made->shape.bytes << " bytes");
+    }
+    // Written, not obtained zeroed: an untouched page is the one shared zero page, and an engine that reads
+    // it would stay in the cache.
+    std::memset(made->pixels.get(), 0, room);
+
+    std::uint8_t* const data = made->pixels.get();
+    host::images.Add(data, std::move(made));
+    image.data = data;
+    image.dataSize = static_cast<std::uint32_t>(bytes);
+    return kQetOk;
+  });
+}
+
+std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
+  constexpr const char* kOperation = "QetMemcpyToKivu";
+  return host::Guarded(kOperation, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
+    std::shared_ptr<host::Image> to;
+    if (const std::int32_t status = host::RequireImage(kOperation, "destination", destination, to);
+        status != kQetOk) {
+      return status;
+    }
+    std::shared_ptr<host::Image> from;
+    const std::uint8_t* pixels = nullptr;
+    if (const std::int32_t status = host::RequireSource(kOperation, source, from, pixels); status != kQetOk) {
+      return status;
+    }
+    if (source.imageType != to->type) {
+      return QET_FAIL(kOperation, kQetInvalidArgument,
+                      "source of type " << source.imageType << ", expected the destination's " << to->type);
+    }
+    if (source.width != to->width || source.height != to->height) {
+      return QET_FAIL(kOperation, kQetInvalidSize,
+                      "source of " << host::SizeText(source.width, source.height)
+                                   << ", expected the destination's "
+                                   << host::SizeText(to->width, to->height));
+    }
+    if (pixels == to->pixels.get()) {
+      host::CopyInPlace(to->pixels.get(), to->shape.bytes);
+    } else {
+      // A caller's own record may name part of the destination's memory.
+      std::memmove(to->pixels.get(), pixels, to->shape.bytes);
+    }
+    return kQetOk;
+  });
+}
+
+std::int32_t QetImageDestroy(ImageData& image) {
+  constexpr const char* kOperation = "QetImageDestroy";
+  return host::Guarded(kOperation, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
+    if (image.data == nullptr || host::images.Take(image.data) == nullptr) {
+      return QET_FAIL(kOperation, kQetUnknownBuffer,
+                      "image without memory of the platform, expected a live one from QetImageMallocAligned");
+    }
+    image.data = nullptr;
+    image.dataSize = 0;
+    return kQetOk;
+  });
+}
+
+}  // namespace Ormis

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+/// Watches array new and delete of the test executable, which it replaces: every new array is filled with
+/// 0xA5, so that one that nobody zeroed is noticed. While a watch exists, arrays made and freed on its thread
+/// are noted.
+class ArrayAllocations {
+ public:
+  ArrayAllocations();
+  ~ArrayAllocations();
+  ArrayAllocations(const ArrayAllocations&) = delete;
+  ArrayAllocations& operator=(const ArrayAllocations&) = delete;
+
+  /// Lets the `nth` array new (from 1) throw std::bad_alloc.
+  void Fail(int nth);
+
+  /// Bytes of each array new that succeeded, and kFreed for each delete, in order.
+  const std::vector<std::size_t>& Events() const;
+  static constexpr std::size_t kFreed = static_cast<std::size_t>(-1);
+};

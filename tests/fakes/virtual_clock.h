@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+/// Time under a test's control: clock_gettime(CLOCK_MONOTONIC) and nanosleep of the test executable are
+/// interposed. While a VirtualClock exists the steady clock stands still but for Advance and for sleeps,
+/// which return at once and advance it. One object at a time; any thread may read or sleep meanwhile.
+class VirtualClock {
+ public:
+  VirtualClock();
+  ~VirtualClock();
+  VirtualClock(const VirtualClock&) = delete;
+  VirtualClock& operator=(const VirtualClock&) = delete;
+
+  void Advance(std::chrono::nanoseconds span);
+  std::chrono::nanoseconds Now() const;
+
+  /// Every sleep so far, in order, nanoseconds.
+  std::vector<std::int64_t> Sleeps() const;
+  /// Clock reads so far.
+  std::uint64_t Reads() const;
+  /// Called after each sleep with the number of sleeps so far, on the sleeping thread.
+  void OnSleep(std::function<void(std::size_t)> hook);
+};

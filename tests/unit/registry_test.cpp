@@ -1,0 +1,102 @@
+#include <functional>
+#include <iostream>
+#include <sstream>
+
+#include "aicore_stress.h"
+#include "cpu_stress.h"
+#include "fixture.h"
+#include "kivu_venc_stress.h"
+#include "kivu_vpc_stress.h"
+#include "stress_bencmark.h"
+
+namespace {
+
+class RegistryTest : public UnitTest {
+ protected:
+  RegistryTest() : former_(std::cout.rdbuf(out_.rdbuf())), registry_(stressRegistry) { stopFlag = 0; }
+  ~RegistryTest() override {
+    std::cout.rdbuf(former_);
+    stressRegistry = registry_;
+    stopFlag = 0;
+  }
+
+  std::ostringstream out_;
+  std::streambuf* former_;
+  std::unordered_map<std::string, StressLauncher> registry_;
+  VirtualClock clock_;
+};
+
+using Launcher = void (*)(std::unique_ptr<vorn::StressRegister>&, std::vector<std::thread>&, volatile int&);
+
+TEST_F(RegistryTest, HoldsTheFourLaunchers) {
+  ASSERT_EQ(stressRegistry.size(), 4U);
+  const auto target = [](const char* name) { return *stressRegistry.at(name).target<Launcher>(); };
+  EXPECT_EQ(target("kivuVpcStress"), &runVpcStress);
+  EXPECT_EQ(target("kivuVencStress"), &runVencStress);
+  EXPECT_EQ(target("aicStress"), &runAicStress);
+  using CpuLauncher =
+      void (*)(std::unique_ptr<vorn::StressRegister>&, std::vector<std::thread>&, const volatile int&);
+  EXPECT_EQ(*stressRegistry.at("cpuStress").target<CpuLauncher>(), &runCpuStress);
+}
+
+TEST_F(RegistryTest, ThreadListHoldsWorkersThenAveragerPerStressThenReporterAndLimiter) {
+  StressBenchmark benchmark("unused.yaml");
+  benchmark.stressMap["one"] = MakeRecord(2, 0);
+  benchmark.stressMap["two"] = MakeRecord(3, 0);
+  std::vector<std::size_t> sizesAtLaunch;
+  std::vector<std::string> names;
+  for (const char* name : {"one", "two"}) {
+    stressRegistry[name] = [&, name](std::unique_ptr<vorn::StressRegister>& reg,
+                                     std::vector<std::thread>& threads, volatile int& stop) {
+      EXPECT_EQ(&stop, &stopFlag);
+      EXPECT_EQ(reg.get(), benchmark.stressMap[name].get());
+      sizesAtLaunch.push_back(threads.size());
+      names.emplace_back(name);
+      for (std::uint32_t i = 0; i < reg->threadNum; ++i) threads.emplace_back([] {});
+    };
+  }
+  benchmark.runTimes = 1;
+  benchmark.Start();
+  const std::size_t first = names[0] == "one" ? 2 : 3;
+  EXPECT_THAT(sizesAtLaunch, ElementsAre(0, first + 1));
+  EXPECT_EQ(benchmark.threads.size(), 2U + 1 + 3 + 1 + 2);
+  for (const std::thread& thread : benchmark.threads) EXPECT_FALSE(thread.joinable());
+  EXPECT_THAT(Infos(),
+              ElementsAre("Start() | stressName : " + names[0], "Start() | stressName : " + names[1]));
+}
+
+TEST_F(RegistryTest, LevelZeroStartsOnlyItsAverager) {
+  StressBenchmark benchmark("unused.yaml");
+  benchmark.stressMap["cpuStress"] = MakeRecord(0, 1000);
+  benchmark.Start();
+  EXPECT_EQ(benchmark.threads.size(), 3U);
+  EXPECT_THAT(out_.str(), testing::StartsWith("cpuStress : 0.000000 fps. ispStress : 30.0 fps.\n"));
+  EXPECT_EQ(fakePlatform::CountOf("memcpy_s"), 0);
+}
+
+TEST_F(RegistryTest, EmptyMapStartsReporterAndLimiterAlone) {
+  StressBenchmark benchmark("unused.yaml");
+  benchmark.Start();
+  EXPECT_EQ(benchmark.threads.size(), 2U);
+  EXPECT_EQ(stopFlag, 1);
+  EXPECT_THAT(out_.str(), testing::StartsWith("ispStress : 30.0 fps.\n"));
+}
+
+TEST_F(RegistryTest, UnknownNameInsertsAnEmptyLauncherAndThrows) {
+  StressBenchmark benchmark("unused.yaml");
+  benchmark.stressMap["noStress"] = MakeRecord(1, 0);
+  EXPECT_THROW(benchmark.Start(), std::bad_function_call);
+  EXPECT_EQ(stressRegistry.count("noStress"), 1U);
+  EXPECT_THAT(benchmark.threads, IsEmpty());
+}
+
+TEST_F(RegistryTest, RecordStartsWithOneThreadAndNoPause) {
+  const vorn::StressRegister record;
+  EXPECT_EQ(record.threadNum, 1U);
+  EXPECT_EQ(record.sleepUs, 0U);
+  EXPECT_EQ(record.file, "");
+  EXPECT_EQ(record.averageFps, 0.0);
+  EXPECT_THAT(record.threadFps, IsEmpty());
+}
+
+}  // namespace
