@@ -43,23 +43,33 @@ class ORMIS_API QetVenc {
   // A constructor of its own, because the eight bytes at 0x88 are left unset: value-initialisation of a class
   // without one would zero them.
   QetVenc() {}  // NOLINT(modernize-use-equals-default)
+
+  /// Ends the encoder in whatever state it is and frees its streams. Needs no context and no initialised
+  /// platform.
   ~QetVenc();
+
   QetVenc(const QetVenc&) = delete;
   QetVenc& operator=(const QetVenc&) = delete;
 
-  /// Opens the encoder with the members as they are now. Requires: a current context, not initialised before.
-  /// Returns 0, or a code and leaves the encoder as it was.
+  /// Opens the encoder with the members as they are now; changing them later changes nothing. Requires: a
+  /// current context, not initialised before; width and height even and at most maxWidth and maxHeight;
+  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. Returns 0, or a code and leaves the
+  /// encoder as it was.
   std::int32_t Init();
 
-  /// Submits one frame: width and height of this encoder, image type 2, dataSize bytes at data. The frame is
-  /// read before the call returns. Returns 0, or a code.
+  /// Submits one frame: width and height of this encoder, image type 2, at least width x height x 3 / 2 bytes
+  /// at data. The frame is read before the call returns, and its stream is ready then. Streams that were not
+  /// released are kept, a limited number of them and of their bytes (streamBufferBytes): beyond it, kQetBusy.
+  /// Requires: a current context. Returns 0, or a code.
   std::int32_t SendFrame(const ImageData& frame);
 
-  /// Delivers the stream of the oldest frame not yet fetched. Returns 0, or a code and leaves `stream` as it
-  /// was.
+  /// Delivers the stream of the oldest frame not yet fetched, kQetNoStream where there is none. Its packets
+  /// stay valid until ReleaseStream, the encoder's end or QetRelease. Requires: a current context. Returns 0,
+  /// or a code and leaves `stream` as it was.
   std::int32_t GetStream(ux_venc_stream& stream);
 
-  /// Gives the buffers of a fetched stream back: once for every successful GetStream. Returns 0, or a code.
+  /// Gives the buffers of a fetched stream back, once for every successful GetStream, and zeroes the record;
+  /// kQetNoStream for a stream that is not outstanding. Requires: a current context. Returns 0, or a code.
   std::int32_t ReleaseStream(ux_venc_stream& stream);
 
   std::uint64_t encoderId = 0;                       ///< 0x00, the encoder's: 0 while not initialised
@@ -120,6 +130,6 @@ ORMIS_ASSERT_OFFSET(offset12C, 0x12C);
 ORMIS_ASSERT_OFFSET(frameRate, 0x130);
 ORMIS_ASSERT_OFFSET(gopSize, 0x134);
 #undef ORMIS_ASSERT_OFFSET
-static_assert(sizeof(QetVenc::offset100) == 24, "size of the map at 0x100");
+static_assert(sizeof(std::map<std::uint32_t, std::uint64_t>) == 24, "size of the map at 0x100");
 
 }  // namespace Ormis

@@ -1,0 +1,124 @@
+#include "networks.h"
+
+#include <cmath>
+#include <random>
+
+namespace {
+
+using onnx_writer::Graph;
+using onnx_writer::Tensor;
+
+constexpr float kBiasLimit = 0.1f;
+
+/// Keeps the size of what passes through a rectified layer of `inputs` inputs to each of its outputs.
+float RectifiedLimit(std::int64_t inputs) {
+  return std::sqrt(6.0f / static_cast<float>(inputs));
+}
+
+/// Adds layers to a graph, each on top of the value that the one before returned.
+class Builder {
+ public:
+  explicit Builder(const char* name) { graph_.name = name; }
+
+  std::string Input(const std::vector<std::int64_t>& shape) {
+    graph_.inputs.push_back({"image", shape});
+    return "image";
+  }
+
+  std::string Conv(const std::string& name, const std::string& from, std::int64_t inChannels,
+                   std::int64_t outChannels, std::int64_t kernel, std::int64_t stride, float gain = 1) {
+    Weights(name + "Weight", {outChannels, inChannels, kernel, kernel},
+            RectifiedLimit(inChannels * kernel * kernel) * gain);
+    Weights(name + "Bias", {outChannels}, kBiasLimit);
+    const std::int64_t pad = kernel / 2;
+    graph_.nodes.push_back(
+        {"Conv",
+         {from, name + "Weight", name + "Bias"},
+         {name},
+         {{"kernel_shape", {kernel, kernel}}, {"pads", {pad, pad, pad, pad}}, {"strides", {stride, stride}}},
+         {}});
+    return name;
+  }
+
+  std::string Relu(const std::string& from) { return Node("Relu", {from}, from + "Relu"); }
+
+  std::string Add(const std::string& a, const std::string& b) { return Node("Add", {a, b}, a + "Sum"); }
+
+  std::string MaxPoolHalf(const std::string& from) {
+    const std::string to = Node("MaxPool", {from}, from + "Pool");
+    graph_.nodes.back().lists = {{"kernel_shape", {3, 3}}, {"pads", {1, 1, 1, 1}}, {"strides", {2, 2}}};
+    return to;
+  }
+
+  /// Two convolutions around a shortcut, which gets a convolution of its own where the shape changes. The
+  /// second one is damped: each block adds to what comes in, and 8 of them would otherwise grow it beyond
+  /// use.
+  std::string ResidualBlock(const std::string& name, const std::string& from, std::int64_t inChannels,
+                            std::int64_t outChannels, std::int64_t stride) {
+    const std::string inner = Relu(Conv(name + "Conv1", from, inChannels, outChannels, 3, stride));
+    const std::string outer = Conv(name + "Conv2", inner, outChannels, outChannels, 3, 1, 0.5f);
+    const std::string shortcut =
+        stride == 1 && inChannels == outChannels
+            ? from
+            : Conv(name + "Shortcut", from, inChannels, outChannels, 1, stride, 0.7f);
+    return Relu(Add(outer, shortcut));
+  }
+
+  /// The mean of each channel, then a fully connected layer; ends the network.
+  Graph Classify(const std::string& from, std::int64_t channels, std::int64_t classes) {
+    const std::string means = Node("Flatten", {Node("GlobalAveragePool", {from}, "means")}, "features");
+    Weights("denseWeight", {classes, channels}, RectifiedLimit(channels));
+    Weights("denseBias", {classes}, kBiasLimit);
+    Node("Gemm", {means, "denseWeight", "denseBias"}, "scores");
+    graph_.nodes.back().numbers = {{"transB", 1}};
+    graph_.outputs.push_back({"scores", {1, classes}});
+    return std::move(graph_);
+  }
+
+ private:
+  std::string Node(const char* operation, const std::vector<std::string>& from, const std::string& to) {
+    graph_.nodes.push_back({operation, from, {to}, {}, {}});
+    return to;
+  }
+
+  /// Adds weights that are uniform between -limit and limit.
+  void Weights(const std::string& name, const std::vector<std::int64_t>& shape, float limit) {
+    std::size_t count = 1;
+    for (const std::int64_t dimension : shape) count *= static_cast<std::size_t>(dimension);
+    Tensor tensor{name, shape, std::vector<float>(count)};
+    for (float& value : tensor.values) {
+      // The engine's numbers are fixed by the language, a distribution's are not.
+      value = (static_cast<float>(random_() >> 8) / 0x800000 - 1.0f) * limit;
+    }
+    graph_.initializers.push_back(std::move(tensor));
+  }
+
+  Graph graph_;
+  std::mt19937 random_{20240229};  // NOLINT(cert-msc51-cpp): the same network each time
+};
+
+}  // namespace
+
+onnx_writer::Graph ExampleNetwork() {
+  Builder builder("example");
+  std::string top = builder.Input({1, 3, 224, 224});
+  top = builder.MaxPoolHalf(builder.Relu(builder.Conv("stem", top, 3, 64, 7, 2)));
+  std::int64_t channels = 64;
+  for (int stage = 0; stage < 4; ++stage) {
+    const std::int64_t outChannels = std::int64_t{64} << stage;
+    for (int block = 0; block < 2; ++block) {
+      const std::string name = "stage" + std::to_string(stage) + "Block" + std::to_string(block);
+      top = builder.ResidualBlock(name, top, channels, outChannels, stage > 0 && block == 0 ? 2 : 1);
+      channels = outChannels;
+    }
+  }
+  return builder.Classify(top, channels, 1000);
+}
+
+onnx_writer::Graph TinyNetwork() {
+  Builder builder("tiny");
+  std::string top = builder.Input({1, 3, 8, 8});
+  top = builder.Relu(builder.Conv("conv1", top, 3, 4, 3, 2));
+  top = builder.Relu(builder.Add(builder.Conv("conv2", top, 4, 4, 3, 1), top));
+  return builder.Classify(top, 4, 5);
+}

@@ -1,0 +1,231 @@
+#include "h264_encoder.h"
+
+#include <glob.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/hwcontext.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/log.h>
+}
+
+namespace Ormis::host {
+
+namespace {
+
+// Best first. A node that exists may still be no encoder (a camera is a video4linux device, too): then the
+// engine does not open, and the next one is tried.
+constexpr H264Engine kEngines[] = {
+    {"h264_nvenc", "/dev/nvidia[0-9]*", "preset=p1,tune=ull,rc=cbr,zerolatency=1,delay=0"},
+    {"h264_vaapi", "/dev/dri/renderD*", "rc_mode=CBR,async_depth=1"},
+    {"h264_v4l2m2m", "/dev/video*", ""},
+    // nal-hrd=cbr pads with filler, so that a still picture has the configured rate, too; without scene cuts
+    // a key frame comes every gopSize frames and at no other time.
+    {"libx264", nullptr, "preset=ultrafast,tune=zerolatency,x264-params=scenecut=0:nal-hrd=cbr"},
+};
+
+// What libavcodec said last on this thread: its return codes alone ("Generic error in an external library")
+// say too little. Engines work on the calling thread, so the text belongs to the failure at hand.
+thread_local char lastMessage[256];
+
+void KeepMessage(void* context, int level, const char* format, std::va_list arguments) {
+  if (level > AV_LOG_ERROR) return;
+  int printPrefix = 1;
+  av_log_format_line2(context, level, format, arguments, lastMessage, sizeof lastMessage, &printPrefix);
+  lastMessage[std::strcspn(lastMessage, "\n")] = '\0';
+}
+
+std::string Reason(const char* what, int error) {
+  char text[AV_ERROR_MAX_STRING_SIZE];
+  av_make_error_string(text, sizeof text, error);
+  std::string reason = std::string(what) + ": " + text;
+  if (lastMessage[0] != '\0') reason += std::string(" (") + lastMessage + ")";
+  return reason;
+}
+
+void KeepCallersMemory(void*, std::uint8_t*) {}
+
+}  // namespace
+
+std::vector<H264Engine> H264EnginesToTry(const std::function<bool(const char*)>& exists) {
+  std::vector<H264Engine> engines;
+  for (const H264Engine& engine : kEngines) {
+    if (engine.device == nullptr || exists(engine.device)) engines.push_back(engine);
+  }
+  return engines;
+}
+
+bool DeviceExists(const char* pattern) {
+  glob_t found{};
+  const bool exists = glob(pattern, GLOB_NOSORT, nullptr, &found) == 0;
+  globfree(&found);
+  return exists;
+}
+
+H264Packet::H264Packet() : packet_(av_packet_alloc()) {
+  if (packet_ == nullptr) throw std::bad_alloc();
+}
+
+H264Packet::~H264Packet() {
+  av_packet_free(&packet_);
+}
+
+const std::uint8_t* H264Packet::Data() const {
+  return packet_->data;
+}
+
+std::uint64_t H264Packet::SizeBytes() const {
+  return static_cast<std::uint64_t>(packet_->size);
+}
+
+std::int64_t H264Packet::FrameIndex() const {
+  return packet_->pts;
+}
+
+bool H264Packet::IsKeyFrame() const {
+  return (packet_->flags & AV_PKT_FLAG_KEY) != 0;
+}
+
+void H264Packet::Clear() {
+  av_packet_unref(packet_);
+}
+
+std::unique_ptr<H264Encoder> H264Encoder::Open(const H264Settings& settings,
+                                               const std::vector<H264Engine>& engines, std::string& reason) {
+  static std::once_flag once;
+  // Process-wide, as libavcodec has it: by default it writes to standard error.
+  std::call_once(once, [] { av_log_set_callback(KeepMessage); });
+
+  reason.clear();
+  for (const H264Engine& engine : engines) {
+    std::unique_ptr<H264Encoder> encoder(new H264Encoder(settings, engine));
+    std::string failure = encoder->OpenCodec();
+    if (failure.empty() && engine.device != nullptr) {
+      // A device may open and still not encode, or keep frames back: only a trial shows. It goes to an
+      // encoder of its own, so that the caller's stream starts with the caller's frame.
+      H264Packet packet;
+      const std::vector<std::uint8_t> grey(
+          static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 3 / 2, 128);
+      failure = encoder->Encode(grey.data(), packet);
+      encoder.reset(new H264Encoder(settings, engine));
+      if (failure.empty()) failure = encoder->OpenCodec();
+    }
+    if (failure.empty()) return encoder;
+    reason += (reason.empty() ? "" : "; ") + std::string(engine.name) + ": " + failure;
+  }
+  return nullptr;
+}
+
+H264Encoder::H264Encoder(const H264Settings& settings, const H264Engine& engine)
+    : settings_(settings), engine_(engine) {}
+
+H264Encoder::~H264Encoder() {
+  av_frame_free(&hardwareFrame_);
+  av_frame_free(&frame_);
+  avcodec_free_context(&codec_);
+}
+
+std::string H264Encoder::OpenCodec() {
+  lastMessage[0] = '\0';
+  const AVCodec* description = avcodec_find_encoder_by_name(engine_.name);
+  if (description == nullptr) return "this build of libavcodec does not have it";
+  codec_ = avcodec_alloc_context3(description);
+  frame_ = av_frame_alloc();
+  if (codec_ == nullptr || frame_ == nullptr) throw std::bad_alloc();
+
+  codec_->width = settings_.width;
+  codec_->height = settings_.height;
+  codec_->pix_fmt = AV_PIX_FMT_NV12;
+  codec_->time_base = {1, settings_.frameRate};
+  codec_->framerate = {settings_.frameRate, 1};
+  codec_->bit_rate = settings_.bitsPerSecond;
+  codec_->rc_max_rate = settings_.bitsPerSecond;
+  codec_->rc_buffer_size = settings_.bitsPerSecond;  // one second
+  codec_->gop_size = settings_.gopSize;
+  codec_->keyint_min = settings_.gopSize;
+  codec_->max_b_frames = 0;
+  codec_->thread_count = 1;
+  codec_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+  if (std::strcmp(engine_.name, "h264_vaapi") == 0) {
+    if (std::string failure = UseHardwareFrames(); !failure.empty()) return failure;
+  }
+
+  AVDictionary* options = nullptr;
+  int error = av_dict_parse_string(&options, engine_.options, "=", ",", 0);
+  if (error == 0) error = avcodec_open2(codec_, description, &options);
+  av_dict_free(&options);
+  if (error < 0) return Reason("cannot be opened", error);
+
+  frame_->format = AV_PIX_FMT_NV12;
+  frame_->width = settings_.width;
+  frame_->height = settings_.height;
+  return {};
+}
+
+std::string H264Encoder::UseHardwareFrames() {
+  AVBufferRef* device = nullptr;
+  int error = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, nullptr, nullptr, 0);
+  if (error < 0) return Reason("its device cannot be opened", error);
+  codec_->hw_frames_ctx = av_hwframe_ctx_alloc(device);
+  av_buffer_unref(&device);
+  hardwareFrame_ = av_frame_alloc();
+  if (codec_->hw_frames_ctx == nullptr || hardwareFrame_ == nullptr) throw std::bad_alloc();
+  auto* frames = reinterpret_cast<AVHWFramesContext*>(codec_->hw_frames_ctx->data);
+  frames->format = AV_PIX_FMT_VAAPI;
+  frames->sw_format = AV_PIX_FMT_NV12;
+  frames->width = settings_.width;
+  frames->height = settings_.height;
+  frames->initial_pool_size = 4;
+  error = av_hwframe_ctx_init(codec_->hw_frames_ctx);
+  if (error < 0) return Reason("its frames cannot be made", error);
+  codec_->pix_fmt = AV_PIX_FMT_VAAPI;
+  return {};
+}
+
+std::string H264Encoder::Encode(const std::uint8_t* nv12, H264Packet& packet) {
+  lastMessage[0] = '\0';
+  auto* pixels =
+      const_cast<std::uint8_t*>(nv12);  // libavcodec's frames know no const; this one is marked read-only
+  const int bytes = av_image_fill_arrays(frame_->data, frame_->linesize, pixels, AV_PIX_FMT_NV12,
+                                         settings_.width, settings_.height, 1);
+  if (bytes < 0) return Reason("the frame cannot be described", bytes);
+  frame_->pts = frameCount_++;
+
+  std::string failure;
+  if (hardwareFrame_ != nullptr) {
+    int error = av_hwframe_get_buffer(codec_->hw_frames_ctx, hardwareFrame_, 0);
+    if (error == 0) error = av_hwframe_transfer_data(hardwareFrame_, frame_, 0);
+    hardwareFrame_->pts = frame_->pts;
+    failure = error < 0 ? Reason("the frame cannot be sent to the device", error)
+                        : EncodeFrame(hardwareFrame_, packet.packet_);
+    av_frame_unref(hardwareFrame_);
+    return failure;
+  }
+  // A frame without a buffer reference would be copied. libx264 has read it when it returns; of a device that
+  // is not known, so there the copy stays.
+  if (engine_.device == nullptr) {
+    frame_->buf[0] = av_buffer_create(pixels, static_cast<std::size_t>(bytes), KeepCallersMemory, nullptr,
+                                      AV_BUFFER_FLAG_READONLY);
+    if (frame_->buf[0] == nullptr) throw std::bad_alloc();
+  }
+  failure = EncodeFrame(frame_, packet.packet_);
+  av_buffer_unref(&frame_->buf[0]);
+  return failure;
+}
+
+std::string H264Encoder::EncodeFrame(AVFrame* frame, AVPacket* packet) {
+  int error = avcodec_send_frame(codec_, frame);
+  if (error < 0) return Reason("the frame was refused", error);
+  error = avcodec_receive_packet(codec_, packet);
+  if (error == AVERROR(EAGAIN)) return "the frame was kept back, expected one packet for each frame";
+  if (error < 0) return Reason("encoding failed", error);
+  return {};
+}
+
+}  // namespace Ormis::host

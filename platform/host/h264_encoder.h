@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct AVCodecContext;
+struct AVFrame;
+struct AVPacket;
+
+namespace Ormis::host {
+
+struct H264Settings {
+  int width = 0;   ///< pixels, even
+  int height = 0;  ///< pixels, even
+  int frameRate = 0;
+  int gopSize = 0;  ///< frames from one key frame to the next
+  int bitsPerSecond = 0;
+};
+
+/// An encoder of libavcodec, and what it takes to encode at a constant rate, one frame in and one packet out.
+struct H264Engine {
+  const char* name;  ///< as libavcodec knows it
+  const char*
+      device;  ///< pattern of device nodes, of which one has to be there; null for the software engine
+  const char* options;  ///< its own options, "key=value,key=value"
+};
+
+/// The engines worth trying, best first: the hardware ones whose device `exists`, then the software one.
+std::vector<H264Engine> H264EnginesToTry(const std::function<bool(const char* pattern)>& exists);
+
+/// True when this machine has a device node that matches the shell pattern.
+bool DeviceExists(const char* pattern);
+
+/// One encoded frame. Its memory is reused by the next Encode into it.
+class H264Packet {
+ public:
+  H264Packet();
+  ~H264Packet();
+  H264Packet(const H264Packet&) = delete;
+  H264Packet& operator=(const H264Packet&) = delete;
+
+  const std::uint8_t* Data() const;
+  std::uint64_t SizeBytes() const;
+  std::int64_t FrameIndex() const;
+  bool IsKeyFrame() const;
+  void Clear();
+
+ private:
+  friend class H264Encoder;
+  AVPacket* packet_;
+};
+
+/// An open H.264 encoder on the calling thread: no thread of its own unless the hardware's driver has some.
+/// Threads: one at a time.
+class H264Encoder {
+ public:
+  /// Opens the first of `engines` that works. Returns null when none does, with every engine's reason in
+  /// `reason`.
+  static std::unique_ptr<H264Encoder> Open(const H264Settings& settings,
+                                           const std::vector<H264Engine>& engines, std::string& reason);
+  ~H264Encoder();
+  H264Encoder(const H264Encoder&) = delete;
+  H264Encoder& operator=(const H264Encoder&) = delete;
+
+  const char* EngineName() const { return engine_.name; }
+
+  /// Encodes one NV12 picture of packed rows, which is read before the call returns. Returns the empty string
+  /// and fills `packet`, or says why not.
+  std::string Encode(const std::uint8_t* nv12, H264Packet& packet);
+
+ private:
+  H264Encoder(const H264Settings& settings, const H264Engine& engine);
+  std::string OpenCodec();
+  std::string UseHardwareFrames();
+  std::string EncodeFrame(AVFrame* frame, AVPacket* packet);
+
+  H264Settings settings_;
+  H264Engine engine_;
+  AVCodecContext* codec_ = nullptr;
+  AVFrame* frame_ = nullptr;
+  AVFrame* hardwareFrame_ = nullptr;  ///< only where the engine reads frames of its device alone
+  std::int64_t frameCount_ = 0;
+};
+
+}  // namespace Ormis::host

@@ -1,0 +1,251 @@
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <mutex>
+#include <string>
+
+#include "diagnostics.h"
+#include "h264_encoder.h"
+#include "ormis/qet_venc.h"
+#include "state.h"
+
+namespace Ormis {
+namespace host {
+
+namespace {
+
+// The next frame may be sent before the last stream is given back, but a caller that never gives one back
+// must not fill the memory.
+constexpr std::size_t kMaxOutstanding = 16;
+constexpr std::uint32_t kMaxBitrateKbps =
+    INT_MAX / 1000;  // libavcodec keeps the rate buffer's bits in an int
+
+struct Slot {
+  enum class State : std::uint8_t { kFree, kWaiting, kFetched };
+  State state = State::kFree;
+  std::uint64_t streamId = 0;  ///< ascending with the frames
+  H264Packet packet;
+};
+
+struct Encoder {
+  std::mutex mutex;
+  std::unique_ptr<H264Encoder> engine;
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::uint32_t channel = 0;
+  std::uint64_t streamBufferBytes = 0;
+  std::uint64_t outstandingBytes = 0;
+  std::array<Slot, kMaxOutstanding> slots;
+};
+
+Table<std::uint64_t, Encoder> encoders;
+
+std::string Size(std::uint32_t width, std::uint32_t height) {
+  return std::to_string(width) + "x" + std::to_string(height);
+}
+
+std::int32_t CheckSettings(const QetVenc& venc) {
+  constexpr const char* kInit = "QetVenc::Init";
+  const std::string size = Size(venc.width, venc.height);
+  if (venc.width == 0 || venc.height == 0 || venc.width % 2 != 0 || venc.height % 2 != 0) {
+    return QET_FAIL(kInit, kQetInvalidSize, "size " << size << ", expected even width and height above 0");
+  }
+  if (venc.width > venc.maxWidth || venc.height > venc.maxHeight) {
+    return QET_FAIL(kInit, kQetInvalidSize,
+                    "size " << size << ", expected at most " << Size(venc.maxWidth, venc.maxHeight));
+  }
+  // Offsets inside a frame, and the sizes of libavcodec, are ints.
+  if (static_cast<std::uint64_t>(venc.width) * venc.height > INT_MAX / 2) {
+    return QET_FAIL(kInit, kQetInvalidSize, "size " << size << ", expected a frame of less than 2 GiB");
+  }
+  if (venc.bitrateKbps == 0 || venc.bitrateKbps > kMaxBitrateKbps) {
+    return QET_FAIL(kInit, kQetInvalidArgument,
+                    "bit rate " << venc.bitrateKbps << " kbit/s, expected 1 to " << kMaxBitrateKbps);
+  }
+  if (venc.frameRate == 0 || venc.frameRate > INT_MAX) {
+    return QET_FAIL(kInit, kQetInvalidArgument,
+                    "frame rate " << venc.frameRate << ", expected 1 to " << INT_MAX);
+  }
+  if (venc.gopSize == 0 || venc.gopSize > INT_MAX) {
+    return QET_FAIL(kInit, kQetInvalidArgument,
+                    "key frame distance " << venc.gopSize << ", expected 1 to " << INT_MAX);
+  }
+  if (venc.streamBufferBytes == 0) {
+    return QET_FAIL(kInit, kQetInvalidSize, "a stream buffer of 0 bytes, expected more");
+  }
+  return kQetOk;
+}
+
+std::int32_t CheckFrame(const ImageData& frame, const Encoder& encoder) {
+  constexpr const char* kSendFrame = "QetVenc::SendFrame";
+  if (frame.imageType != kQetImageYuv420sp) {
+    return QET_FAIL(kSendFrame, kQetUnsupported,
+                    "image type " << frame.imageType << ", expected " << unsigned{kQetImageYuv420sp});
+  }
+  if (frame.width != encoder.width || frame.height != encoder.height) {
+    return QET_FAIL(kSendFrame, kQetInvalidSize,
+                    "a frame of " << Size(frame.width, frame.height) << ", expected "
+                                  << Size(encoder.width, encoder.height));
+  }
+  const std::uint64_t bytes = std::uint64_t{encoder.width} * encoder.height * 3 / 2;
+  if (frame.dataSize < bytes) {
+    return QET_FAIL(kSendFrame, kQetInvalidSize,
+                    "a frame of " << frame.dataSize << " bytes, expected at least " << std::to_string(bytes));
+  }
+  if (frame.data == nullptr) {
+    return QET_FAIL(kSendFrame, kQetInvalidArgument, "a frame without data");
+  }
+  return kQetOk;
+}
+
+/// Returns the encoder, or null after saying why there is none and setting `status`.
+std::shared_ptr<Encoder> RequireEncoder(const char* operation, const QetVenc& venc, std::int32_t& status) {
+  status = RequireContext(operation);
+  if (status != kQetOk) return nullptr;
+  std::shared_ptr<Encoder> encoder = encoders.Find(venc.encoderId);
+  if (encoder == nullptr) {
+    status = QET_FAIL(operation, kQetEncoderNotReady, "the encoder is not initialised: call Init first");
+  }
+  return encoder;
+}
+
+}  // namespace
+
+Leftover ReclaimEncoders() {
+  return {encoders.TakeAll().size(), 0};
+}
+
+}  // namespace host
+
+std::int32_t QetVenc::Init() {
+  constexpr const char* kInit = "QetVenc::Init";
+  return host::Guarded(kInit, [&]() -> std::int32_t {
+    if (const std::int32_t status = host::RequireContext(kInit); status != kQetOk) return status;
+    if (host::encoders.Find(encoderId) != nullptr) {
+      return QET_FAIL(kInit, kQetAlreadyInitialized, "the encoder is initialised already");
+    }
+    if (const std::int32_t status = host::CheckSettings(*this); status != kQetOk) return status;
+
+    const host::H264Settings settings{static_cast<int>(width), static_cast<int>(height),
+                                      static_cast<int>(frameRate), static_cast<int>(gopSize),
+                                      static_cast<int>(bitrateKbps * 1000)};
+    auto encoder = std::make_shared<host::Encoder>();
+    std::string refused;
+    encoder->engine = host::H264Encoder::Open(settings, host::H264EnginesToTry(host::DeviceExists), refused);
+    if (encoder->engine == nullptr) {
+      return QET_FAIL(kInit, kQetEncoderFailure,
+                      "no engine encodes " << host::Size(width, height) << " at " << frameRate
+                                           << " frames/s and " << bitrateKbps << " kbit/s: " << refused);
+    }
+    {
+      auto record = host::Log().LogInfo({__FILE__, kInit, __LINE__});
+      record << kInit << ": channel " << channel << ", " << host::Size(width, height) << ", engine "
+             << encoder->engine->EngineName();
+      if (!refused.empty()) record << ", after " << refused;
+    }
+    encoder->width = width;
+    encoder->height = height;
+    encoder->channel = channel;
+    encoder->streamBufferBytes = streamBufferBytes;
+    const std::uint64_t id = host::NextId();
+    host::encoders.Add(id, std::move(encoder));
+    encoderId = id;
+    return kQetOk;
+  });
+}
+
+std::int32_t QetVenc::SendFrame(const ImageData& frame) {
+  constexpr const char* kSendFrame = "QetVenc::SendFrame";
+  return host::Guarded(kSendFrame, [&]() -> std::int32_t {
+    std::int32_t status = kQetOk;
+    const auto encoder = host::RequireEncoder(kSendFrame, *this, status);
+    if (encoder == nullptr) return status;
+    const std::lock_guard<std::mutex> lock(encoder->mutex);
+    status = host::CheckFrame(frame, *encoder);
+    if (status != kQetOk) return status;
+
+    const auto slot = std::find_if(encoder->slots.begin(), encoder->slots.end(), [](const host::Slot& one) {
+      return one.state == host::Slot::State::kFree;
+    });
+    if (slot == encoder->slots.end() || encoder->outstandingBytes >= encoder->streamBufferBytes) {
+      return QET_FAIL(kSendFrame, kQetBusy,
+                      "streams of " << std::to_string(encoder->outstandingBytes)
+                                    << " bytes are outstanding, expected fewer than "
+                                    << unsigned{host::kMaxOutstanding} << " streams and "
+                                    << std::to_string(encoder->streamBufferBytes)
+                                    << " bytes: release some first");
+    }
+    if (const std::string failure = encoder->engine->Encode(frame.data, slot->packet); !failure.empty()) {
+      return QET_FAIL(kSendFrame, kQetEncoderFailure, encoder->engine->EngineName() << ": " << failure);
+    }
+    slot->state = host::Slot::State::kWaiting;
+    slot->streamId = host::NextId();
+    encoder->outstandingBytes += slot->packet.SizeBytes();
+    return kQetOk;
+  });
+}
+
+std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
+  constexpr const char* kGetStream = "QetVenc::GetStream";
+  return host::Guarded(kGetStream, [&]() -> std::int32_t {
+    std::int32_t status = kQetOk;
+    const auto encoder = host::RequireEncoder(kGetStream, *this, status);
+    if (encoder == nullptr) return status;
+    const std::lock_guard<std::mutex> lock(encoder->mutex);
+
+    host::Slot* oldest = nullptr;
+    for (host::Slot& slot : encoder->slots) {
+      if (slot.state != host::Slot::State::kWaiting) continue;
+      if (oldest == nullptr || slot.streamId < oldest->streamId) oldest = &slot;
+    }
+    if (oldest == nullptr) {
+      return QET_FAIL(kGetStream, kQetNoStream, "no stream is waiting: call SendFrame first");
+    }
+    oldest->state = host::Slot::State::kFetched;
+
+    stream = ux_venc_stream{};
+    stream.streamId = oldest->streamId;
+    stream.packetCount = 1;
+    stream.channel = encoder->channel;
+    stream.totalBytes = oldest->packet.SizeBytes();
+    stream.packets[0].data = oldest->packet.Data();
+    stream.packets[0].sizeBytes = oldest->packet.SizeBytes();
+    stream.packets[0].frameIndex = oldest->packet.FrameIndex();
+    stream.packets[0].isKeyFrame = oldest->packet.IsKeyFrame() ? 1 : 0;
+    return kQetOk;
+  });
+}
+
+std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
+  constexpr const char* kReleaseStream = "QetVenc::ReleaseStream";
+  return host::Guarded(kReleaseStream, [&]() -> std::int32_t {
+    std::int32_t status = kQetOk;
+    const auto encoder = host::RequireEncoder(kReleaseStream, *this, status);
+    if (encoder == nullptr) return status;
+    const std::lock_guard<std::mutex> lock(encoder->mutex);
+
+    const auto slot = std::find_if(encoder->slots.begin(), encoder->slots.end(), [&](const host::Slot& one) {
+      return one.state == host::Slot::State::kFetched && one.streamId == stream.streamId;
+    });
+    if (slot == encoder->slots.end()) {
+      return QET_FAIL(kReleaseStream, kQetNoStream,
+                      "stream " << std::to_string(stream.streamId)
+                                << " is not outstanding, expected one from GetStream, once");
+    }
+    encoder->outstandingBytes -= slot->packet.SizeBytes();
+    slot->packet.Clear();
+    slot->state = host::Slot::State::kFree;
+    stream = ux_venc_stream{};
+    return kQetOk;
+  });
+}
+
+// Takes no context and no initialised platform: after QetRelease there is just nothing left to free.
+QetVenc::~QetVenc() {
+  (void)host::Guarded("QetVenc::~QetVenc", [&]() -> std::int32_t {
+    host::encoders.Take(encoderId);
+    return kQetOk;
+  });
+}
+
+}  // namespace Ormis

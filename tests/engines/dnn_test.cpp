@@ -1,0 +1,406 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "engine_test.h"
+#include "networks.h"
+
+namespace {
+
+using onnx_writer::ElementType;
+using Ormis::QetDNNHandle;
+
+/// A folder of its own for the model files of one test.
+class DnnTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    folder_ = std::filesystem::temp_directory_path() / ("dnn_test_" + std::to_string(getpid()));
+    std::filesystem::create_directories(folder_);
+    EngineTest::SetUp();
+  }
+
+  void TearDown() override {
+    EngineTest::TearDown();
+    std::filesystem::remove_all(folder_);
+  }
+
+  std::string Write(const std::string& bytes) {
+    std::string path = folder_ / "model.onnx";
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+  }
+  std::string Write(const onnx_writer::Graph& graph) { return Write(onnx_writer::Serialize(graph)); }
+
+  std::filesystem::path folder_;
+};
+
+/// A model that hands its input on.
+onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType type) {
+  onnx_writer::Graph graph;
+  graph.name = "identity";
+  graph.inputs = {{"in", shape, type}};
+  graph.outputs = {{"out", shape, type}};
+  graph.nodes = {{"Identity", {"in"}, {"out"}, {}, {}}};
+  return graph;
+}
+
+/// Loads a model with its buffers and ends with it.
+struct Loaded {
+  explicit Loaded(const std::string& path) {
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+    EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+    EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+  }
+  ~Loaded() { EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk); }
+
+  float* Input() { return static_cast<float*>(handle.inputs.at(0).data); }
+  std::vector<float> Output() const {
+    const Ormis::QetDNNBuffer& buffer = handle.outputs.at(0);
+    const auto* values = static_cast<const float*>(buffer.data);
+    return {values, values + buffer.sizeBytes / sizeof(float)};
+  }
+
+  QetDNNHandle handle;
+};
+
+// --- The tiny network, computed by plain loops
+// --------------------------------------------------------------
+
+using Values = std::vector<float>;
+
+const Values& Weights(const onnx_writer::Graph& graph, const std::string& name) {
+  const auto found = std::find_if(graph.initializers.begin(), graph.initializers.end(),
+                                  [&](const onnx_writer::Tensor& tensor) { return tensor.name == name; });
+  if (found == graph.initializers.end()) throw std::runtime_error("no weights " + name);
+  return found->values;
+}
+
+/// 3x3 with a border of zeros, planes of `size` x `size`.
+Values Conv3x3(const Values& in, std::size_t inPlanes, std::size_t size, const Values& weight,
+               const Values& bias, std::size_t stride) {
+  const std::size_t outSize = (size + stride - 1) / stride;
+  Values out;
+  for (std::size_t o = 0; o < bias.size(); ++o) {
+    for (std::size_t y = 0; y < outSize; ++y) {
+      for (std::size_t x = 0; x < outSize; ++x) {
+        double sum = bias[o];
+        for (std::size_t i = 0; i < inPlanes; ++i) {
+          for (std::size_t ky = 0; ky < 3; ++ky) {
+            for (std::size_t kx = 0; kx < 3; ++kx) {
+              const std::size_t row = y * stride + ky;  // of the plane with its border
+              const std::size_t column = x * stride + kx;
+              if (row < 1 || row > size || column < 1 || column > size) continue;
+              sum += double{in[(i * size + row - 1) * size + column - 1]} *
+                     double{weight[((o * inPlanes + i) * 3 + ky) * 3 + kx]};
+            }
+          }
+        }
+        out.push_back(static_cast<float>(sum));
+      }
+    }
+  }
+  return out;
+}
+
+void Rectify(Values& values) {
+  for (float& value : values) value = std::max(value, 0.0f);
+}
+
+Values ComputeTiny(const Values& image) {
+  const onnx_writer::Graph graph = TinyNetwork();
+  Values first = Conv3x3(image, 3, 8, Weights(graph, "conv1Weight"), Weights(graph, "conv1Bias"), 2);
+  Rectify(first);
+  Values sum = Conv3x3(first, 4, 4, Weights(graph, "conv2Weight"), Weights(graph, "conv2Bias"), 1);
+  for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += first[i];
+  Rectify(sum);
+  const Values& weight = Weights(graph, "denseWeight");
+  Values scores = Weights(graph, "denseBias");
+  for (std::size_t channel = 0; channel < 4; ++channel) {
+    double mean = 0;
+    for (std::size_t i = 0; i < 16; ++i) mean += double{sum[channel * 16 + i]} / 16;
+    for (std::size_t score = 0; score < scores.size(); ++score) {
+      scores[score] += weight[score * 4 + channel] * static_cast<float>(mean);
+    }
+  }
+  return scores;
+}
+
+Values SomeImage(std::size_t count, std::uint32_t seed) {
+  Values image(count);
+  for (float& value : image) {
+    seed = seed * 1664525U + 1013904223U;
+    value = static_cast<float>(seed >> 8) / 0x800000 - 1.0f;
+  }
+  return image;
+}
+
+TEST_F(DnnTest, OutputsAreThoseComputedIndependently) {
+  Loaded model(Write(TinyNetwork()));
+  ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, 3 * 8 * 8 * sizeof(float));
+  for (std::uint32_t seed = 1; seed <= 20; ++seed) {
+    const Values image = SomeImage(3 * 8 * 8, seed);
+    std::copy(image.begin(), image.end(), model.Input());
+    ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+    const Values expected = ComputeTiny(image);
+    const Values output = model.Output();
+    ASSERT_EQ(output.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(output[i], expected[i], 1e-5f) << i;
+  }
+}
+
+TEST_F(DnnTest, UntouchedInputsAreZeros) {
+  Loaded model(Write(TinyNetwork()));
+  ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+  const Values expected = ComputeTiny(Values(3 * 8 * 8, 0.0f));
+  const Values output = model.Output();
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(output[i], expected[i], 1e-5f) << i;
+}
+
+TEST_F(DnnTest, TheHandleListsItsTensors) {
+  Loaded model(Write(TinyNetwork()));
+  const QetDNNHandle& handle = model.handle;
+  EXPECT_NE(handle.modelId, 0U);
+  EXPECT_EQ(handle.modelPath, (folder_ / "model.onnx").string());
+  ASSERT_EQ(handle.inputs.size(), 1U);
+  ASSERT_EQ(handle.outputs.size(), 1U);
+  EXPECT_EQ(handle.outputs[0].sizeBytes, 5 * sizeof(float));
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(handle.inputs[0].data) % 4096, 0U);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(handle.outputs[0].data) % 4096, 0U);
+  EXPECT_EQ(handle.inputIndex.at(handle.inputs[0].data), 0U);
+  EXPECT_EQ(handle.outputIndex.at(handle.outputs[0].data), 0U);
+  EXPECT_EQ(handle.tensorIndex.at("image"), 0U);
+  EXPECT_EQ(handle.tensorIndex.at("scores"), 1U);
+}
+
+TEST_F(DnnTest, BuffersAreBackedByPagesOfTheirOwn) {
+  constexpr std::size_t kBytes = std::size_t{16} << 20;
+  const auto residentPages = [] {
+    std::size_t total = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident;
+  };
+  const std::string path = Write(Identity({kBytes}, ElementType::kUint8));
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  const std::size_t before = residentPages();
+  ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+  EXPECT_GE((residentPages() - before) * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), kBytes * 9 / 10);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, EveryTypeOfWholeBytesHasBuffersOfItsSize) {
+  const std::pair<ElementType, std::size_t> types[] = {
+      {ElementType::kFloat, 4},   {ElementType::kUint8, 1},  {ElementType::kInt8, 1},
+      {ElementType::kUint16, 2},  {ElementType::kInt16, 2},  {ElementType::kInt32, 4},
+      {ElementType::kInt64, 8},   {ElementType::kBool, 1},   {ElementType::kFloat16, 2},
+      {ElementType::kDouble, 8},  {ElementType::kUint32, 4}, {ElementType::kUint64, 8},
+      {ElementType::kBfloat16, 2}};
+  for (const auto& [type, bytes] : types) {
+    SCOPED_TRACE(static_cast<int>(type));
+    Loaded model(Write(Identity({2, 3}, type)));
+    ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, 6 * bytes);
+    ASSERT_EQ(model.handle.outputs.at(0).sizeBytes, 6 * bytes);
+    std::memset(model.handle.inputs[0].data, 1, 6 * bytes);
+    ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+    EXPECT_EQ(std::memcmp(model.handle.inputs[0].data, model.handle.outputs[0].data, 6 * bytes), 0);
+  }
+}
+
+TEST_F(DnnTest, TextTensorsAreUnsupported) {
+  const std::string path = Write(Identity({2}, ElementType::kString));
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  std::int32_t code = 0;
+  const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelCreateInput(handle); });
+  EXPECT_EQ(code, Ormis::kQetUnsupported);
+  EXPECT_NE(log.find("input 'in'"), std::string::npos) << log;
+  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetUnsupported);
+  EXPECT_TRUE(handle.inputs.empty());
+  EXPECT_TRUE(handle.outputs.empty());
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, OpenDimensionsBecomeOne) {
+  Loaded model(
+      Write(Identity({onnx_writer::kOpenDimension, 3, onnx_writer::kOpenDimension}, ElementType::kFloat)));
+  EXPECT_EQ(model.handle.inputs.at(0).sizeBytes, 3 * sizeof(float));
+  EXPECT_EQ(model.handle.outputs.at(0).sizeBytes, 3 * sizeof(float));
+  EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, ScalarsAndEmptyTensorsWork) {
+  {
+    Loaded model(Write(Identity({}, ElementType::kFloat)));
+  }
+  Loaded model(Write(Identity({0, 3}, ElementType::kFloat)));
+  EXPECT_EQ(model.handle.inputs.at(0).sizeBytes, 0U);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, ASizeThatOverflowsAnswersACode) {
+  const std::string path = Write(Identity({1LL << 40, 1LL << 40}, ElementType::kFloat));
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetInvalidSize);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, AnInferenceThatFailsSaysWhy) {
+  // The output has two rows, which the model does not tell beforehand.
+  onnx_writer::Graph graph = Identity({onnx_writer::kOpenDimension, 3}, ElementType::kFloat);
+  graph.nodes = {{"Concat", {"in", "in"}, {"out"}, {}, {{"axis", 0}}}};
+  Loaded model(Write(graph));
+  std::int32_t code = 0;
+  const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelProcess(model.handle); });
+  EXPECT_EQ(code, Ormis::kQetInferenceFailure);
+  const std::string line = "QetDNNModelProcess: model " + model.handle.modelPath + ": ";
+  ASSERT_NE(log.find(line), std::string::npos) << log;
+  EXPECT_EQ(log.find(line), log.rfind(line)) << "said once";
+}
+
+TEST_F(DnnTest, AFileThatCannotBeReadIsNamedWithTheReason) {
+  const auto expectLine = [](const std::string& path, const std::string& line) {
+    QetDNNHandle handle;
+    std::int32_t code = 0;
+    const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelInitialize(handle, path); });
+    EXPECT_EQ(code, Ormis::kQetModelUnreadable);
+    EXPECT_NE(log.find("QetDNNModelInitialize: " + line), std::string::npos) << log;
+    EXPECT_EQ(LineCount(log), 1U) << log;
+    EXPECT_EQ(handle.modelId, 0U);
+  };
+  expectLine("none.onnx", "cannot read model none.onnx: No such file or directory");
+  expectLine("", "cannot read model : No such file or directory");
+  expectLine(folder_.string(), "cannot read model " + folder_.string() + ": Is a directory");
+  expectLine("/dev/null", "cannot read model /dev/null: not a regular file");
+  const std::string empty = Write(std::string());
+  expectLine(empty, "cannot load model " + empty + ": ");
+  const std::string garbage = Write(std::string(5000, '\x7e'));
+  expectLine(garbage, "cannot load model " + garbage + ": ");
+}
+
+TEST_F(DnnTest, ATruncatedFileAnswersACode) {
+  const std::string whole = onnx_writer::Serialize(TinyNetwork());
+  for (std::size_t size = 1; size < whole.size(); size += 61) {
+    QetDNNHandle handle;
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, Write(whole.substr(0, size))), Ormis::kQetModelUnreadable)
+        << size;
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetModelNotReady);
+  }
+}
+
+TEST_F(DnnTest, AModelOfAnUnknownOperationAnswersACode) {
+  onnx_writer::Graph graph = Identity({2}, ElementType::kFloat);
+  graph.nodes[0].operation = "NoSuchOperation";
+  QetDNNHandle handle;
+  EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, Write(graph)), Ormis::kQetModelUnreadable);
+}
+
+TEST_F(DnnTest, StepsOutOfOrderAreRefused) {
+  const std::string path = Write(TinyNetwork());
+  QetDNNHandle handle;
+  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetModelNotReady);
+  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetModelNotReady);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady);
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetAlreadyInitialized);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "no inputs";
+  ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetAlreadyInitialized);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "no outputs";
+  ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetAlreadyInitialized);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "released";
+}
+
+TEST_F(DnnTest, OperationsWithoutAContextAreRefused) {
+  const std::string path = Write(TinyNetwork());
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  std::thread([&] {
+    QetDNNHandle other;
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(other, path), Ormis::kQetNoContext);
+    EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetNoContext);
+    EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetNoContext);
+    EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetNoContext);
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << "what is held can always be let go";
+  }).join();
+}
+
+TEST_F(DnnTest, ReleaseAcceptsEveryPartialState) {
+  const std::string path = Write(TinyNetwork());
+  QetDNNHandle handle;
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetModelNotReady) << "never used";
+  EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, "none.onnx"), Ormis::kQetModelUnreadable);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetModelNotReady) << "failed to load";
+  for (int steps = 0; steps < 3; ++steps) {
+    ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+    if (steps > 0) ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+    if (steps > 1) ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << steps;
+    EXPECT_EQ(handle.modelId, 0U);
+    EXPECT_TRUE(handle.modelPath.empty() && handle.inputs.empty() && handle.outputs.empty() &&
+                handle.inputIndex.empty() && handle.outputIndex.empty() && handle.tensorIndex.empty());
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetModelNotReady) << "twice";
+  }
+  EXPECT_EQ(StandardErrorOf([&] { ReleasePlatform(); }).find("model"), std::string::npos);
+}
+
+TEST_F(DnnTest, ReleasingThePlatformFreesModelsAndSaysSo) {
+  const std::string path = Write(TinyNetwork());
+  QetDNNHandle forgotten;
+  QetDNNHandle halfMade;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(forgotten, path), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelCreateInput(forgotten), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelCreateOutput(forgotten), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(halfMade, path), Ormis::kQetOk);
+  const std::string log = StandardErrorOf([&] { ReleasePlatform(); });
+  EXPECT_NE(log.find("2 models"), std::string::npos) << log;
+  EXPECT_EQ(Ormis::QetDNNModelProcess(forgotten), Ormis::kQetNotInitialized);
+  EXPECT_EQ(Ormis::QetDNNRelease(forgotten), Ormis::kQetModelNotReady);
+  EXPECT_TRUE(forgotten.inputs.empty());
+  // The engine starts again with the platform.
+  context_ = {};
+  EngineTest::SetUp();
+  EXPECT_EQ(Ormis::QetDNNModelProcess(halfMade), Ormis::kQetModelNotReady);
+  Loaded model(path);
+  EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, TenModelsInTenThreadsAgreeToTheBit) {
+  constexpr std::size_t kThreads = 10;
+  std::vector<Values> outputs(kThreads);
+  std::vector<std::thread> threads;
+  for (std::size_t index = 0; index < kThreads; ++index) {
+    threads.push_back(WithContext([&outputs, index] {
+      Loaded model(EXAMPLE_NETWORK);
+      const Values image = SomeImage(std::size_t{3} * 224 * 224, 1);
+      ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, image.size() * sizeof(float));
+      std::copy(image.begin(), image.end(), model.Input());
+      for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+        if (i == 0) outputs[index] = model.Output();
+        ASSERT_EQ(model.Output(), outputs[index]) << "inference " << i;
+      }
+    }));
+  }
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_EQ(outputs[0].size(), 1000U);
+  for (const Values& output : outputs) {
+    EXPECT_EQ(std::memcmp(output.data(), outputs[0].data(), outputs[0].size() * sizeof(float)), 0);
+  }
+  // A network whose values died out or ran away would agree with itself, too.
+  const auto [least, most] = std::minmax_element(outputs[0].begin(), outputs[0].end());
+  EXPECT_GT(*most - *least, 0.1f);
+  EXPECT_LT(*most - *least, 1000.0f);
+}
+
+}  // namespace

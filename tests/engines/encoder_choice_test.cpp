@@ -1,0 +1,96 @@
+// Which engine an encoder takes. Looks inside the host platform: from outside only the log tells.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "h264_encoder.h"
+
+namespace {
+
+using Ormis::host::H264Encoder;
+using Ormis::host::H264EnginesToTry;
+using Ormis::host::H264Packet;
+using Ormis::host::H264Settings;
+
+constexpr H264Settings kSettings{64, 48, 30, 60, 200000};
+const std::vector<std::uint8_t> grey(64 * 48 * 3 / 2, 90);
+
+std::vector<std::string> NamesToTry(const std::vector<std::string>& patterns) {
+  std::vector<std::string> names;
+  for (const auto& engine : H264EnginesToTry([&](const char* pattern) {
+         for (const std::string& one : patterns) {
+           if (one == pattern) return true;
+         }
+         return false;
+       })) {
+    names.emplace_back(engine.name);
+  }
+  return names;
+}
+
+TEST(EncoderChoice, WithoutADeviceOnlyTheSoftwareIsTried) {
+  EXPECT_EQ(NamesToTry({}), std::vector<std::string>{"libx264"});
+}
+
+TEST(EncoderChoice, ADeviceIsTriedBeforeTheSoftware) {
+  EXPECT_EQ(NamesToTry({"/dev/video*"}), (std::vector<std::string>{"h264_v4l2m2m", "libx264"}));
+  EXPECT_EQ(NamesToTry({"/dev/dri/renderD*"}), (std::vector<std::string>{"h264_vaapi", "libx264"}));
+  EXPECT_EQ(NamesToTry({"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
+            (std::vector<std::string>{"h264_nvenc", "h264_vaapi", "h264_v4l2m2m", "libx264"}));
+}
+
+TEST(EncoderChoice, DevicesAreFoundByPattern) {
+  EXPECT_TRUE(Ormis::host::DeviceExists("/dev/nul[l]"));
+  EXPECT_TRUE(Ormis::host::DeviceExists("/dev/zer*"));
+  EXPECT_FALSE(Ormis::host::DeviceExists("/dev/no_such_device*"));
+}
+
+TEST(EncoderChoice, FallsBackToTheSoftwareAndSaysWhyNotTheOthers) {
+  std::string reason;
+  const auto encoder =
+      H264Encoder::Open(kSettings, H264EnginesToTry([](const char*) { return true; }), reason);
+  ASSERT_NE(encoder, nullptr) << reason;
+  if (std::string(encoder->EngineName()) != "libx264")
+    GTEST_SKIP() << "this machine has " << encoder->EngineName();
+  EXPECT_NE(reason.find("h264_nvenc: "), std::string::npos) << reason;
+  EXPECT_NE(reason.find("; h264_vaapi: "), std::string::npos) << reason;
+  EXPECT_NE(reason.find("; h264_v4l2m2m: "), std::string::npos) << reason;
+  H264Packet packet;
+  EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
+}
+
+TEST(EncoderChoice, ReturnsNullWithTheReasonWhenNothingOpens) {
+  std::string reason;
+  EXPECT_EQ(H264Encoder::Open(kSettings, {{"no_such_engine", nullptr, ""}}, reason), nullptr);
+  EXPECT_EQ(reason, "no_such_engine: this build of libavcodec does not have it");
+}
+
+// A software engine in the place of a device shows what the trial is for.
+TEST(EncoderChoice, ADeviceThatKeepsFramesBackIsNotTaken) {
+  std::string reason;
+  const auto encoder = H264Encoder::Open(
+      kSettings,
+      {{"libx264", "/dev/null", "preset=medium"}, {"libx264", nullptr, "preset=ultrafast,tune=zerolatency"}},
+      reason);
+  ASSERT_NE(encoder, nullptr);
+  EXPECT_NE(reason.find("kept back"), std::string::npos) << reason;
+  H264Packet packet;
+  EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
+}
+
+TEST(EncoderChoice, TheTrialFrameIsNotPartOfTheStream) {
+  std::string reason;
+  const auto encoder =
+      H264Encoder::Open(kSettings, {{"libx264", "/dev/null", "preset=ultrafast,tune=zerolatency"}}, reason);
+  ASSERT_NE(encoder, nullptr) << reason;
+  EXPECT_EQ(reason, "");
+  H264Packet packet;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(encoder->Encode(grey.data(), packet), "");
+    EXPECT_EQ(packet.FrameIndex(), i);
+    EXPECT_EQ(packet.IsKeyFrame(), i == 0);
+  }
+}
+
+}  // namespace

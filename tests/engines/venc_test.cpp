@@ -1,0 +1,515 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "engine_test.h"
+#include "h264_decoder.h"
+
+namespace {
+
+using Ormis::ImageData;
+using Ormis::QetVenc;
+
+constexpr std::uint32_t kWidth = 1920;
+constexpr std::uint32_t kHeight = 1080;
+
+/// As the encode stress configures it, where it matters to the encoder.
+std::unique_ptr<QetVenc> MakeEncoder(std::uint32_t width = kWidth, std::uint32_t height = kHeight) {
+  auto venc = std::make_unique<QetVenc>();
+  venc->width = width;
+  venc->height = height;
+  venc->channel = 25;
+  venc->bitrateKbps = 2000;
+  venc->maxWidth = 4096;
+  venc->maxHeight = 4096;
+  venc->streamBufferBytes = 9437184;
+  venc->frameRate = 30;
+  venc->gopSize = 60;
+  return venc;
+}
+
+std::size_t FrameBytes(std::uint32_t width, std::uint32_t height) {
+  return std::size_t{width} * height * 3 / 2;
+}
+
+ImageData FrameOver(std::uint8_t* pixels, std::uint32_t width, std::uint32_t height) {
+  ImageData frame;
+  frame.width = width;
+  frame.height = height;
+  frame.dataSize = static_cast<std::uint32_t>(FrameBytes(width, height));
+  frame.imageType = Ormis::kQetImageYuv420sp;
+  frame.data = pixels;
+  return frame;
+}
+
+/// A small encoder with a frame for it.
+struct Small {
+  static constexpr std::uint32_t kSmallWidth = 64;
+  static constexpr std::uint32_t kSmallHeight = 48;
+
+  std::unique_ptr<QetVenc> venc = MakeEncoder(kSmallWidth, kSmallHeight);
+  std::vector<std::uint8_t> pixels = std::vector<std::uint8_t>(FrameBytes(kSmallWidth, kSmallHeight), 90);
+  ImageData frame = FrameOver(pixels.data(), kSmallWidth, kSmallHeight);
+};
+
+/// A picture with detail at every scale, as photographs have it, that pans two pixels a frame and fades in
+/// colour.
+class MovingPicture {
+ public:
+  MovingPicture() : texture_(kTextureWidth * kHeight) {
+    std::uint32_t state = 1;
+    for (const std::uint32_t cell : {256U, 128U, 64U, 32U, 16U, 8U, 4U, 2U}) AddOctave(cell, state);
+  }
+
+  /// NV12.
+  void Draw(int index, std::vector<std::uint8_t>& pixels) const {
+    pixels.resize(FrameBytes(kWidth, kHeight));
+    std::uint32_t grain = static_cast<std::uint32_t>(index) * 7919U + 1U;
+    for (std::uint32_t y = 0; y < kHeight; ++y) {
+      const float* from = &texture_[y * kTextureWidth + static_cast<std::uint32_t>(index) * 2];
+      std::uint8_t* row = &pixels[y * kWidth];
+      for (std::uint32_t x = 0; x < kWidth; ++x) {
+        grain = grain * 1664525U + 1013904223U;
+        const float value = 128.0f + from[x] + static_cast<float>(grain >> 24) / 64.0f - 2.0f;
+        row[x] = static_cast<std::uint8_t>(std::clamp(value, 0.0f, 255.0f));
+      }
+    }
+    std::uint8_t* chroma = &pixels[kWidth * kHeight];
+    for (std::uint32_t y = 0; y < kHeight / 2; ++y) {
+      for (std::uint32_t x = 0; x < kWidth / 2; ++x) {
+        *chroma++ = static_cast<std::uint8_t>(64 + x * 100 / (kWidth / 2));
+        *chroma++ =
+            static_cast<std::uint8_t>(170 + y * 50 / (kHeight / 2) + static_cast<std::uint32_t>(index) / 6);
+      }
+    }
+  }
+
+ private:
+  static constexpr std::uint32_t kTextureWidth = kWidth + 512;
+  static constexpr float kHeightOfDetail = 2.0f;
+
+  /// Adds noise that is smooth over `cell` pixels: the finer, the weaker.
+  void AddOctave(std::uint32_t cell, std::uint32_t& state) {
+    const std::uint32_t columns = kTextureWidth / cell + 2;
+    std::vector<float> grid(columns * (kHeight / cell + 2));
+    for (float& value : grid) {
+      state = state * 1664525U + 1013904223U;
+      value = (static_cast<float>(state >> 8) / 0x800000 - 1.0f) * kHeightOfDetail *
+              std::sqrt(static_cast<float>(cell));
+    }
+    for (std::uint32_t y = 0; y < kHeight; ++y) {
+      const float v = static_cast<float>(y % cell) / static_cast<float>(cell);
+      for (std::uint32_t x = 0; x < kTextureWidth; ++x) {
+        const float u = static_cast<float>(x % cell) / static_cast<float>(cell);
+        const float* corner = &grid[y / cell * columns + x / cell];
+        texture_[y * kTextureWidth + x] += (corner[0] * (1 - u) + corner[1] * u) * (1 - v) +
+                                           (corner[columns] * (1 - u) + corner[columns + 1] * u) * v;
+      }
+    }
+  }
+
+  std::vector<float> texture_;
+};
+
+double Psnr(const std::uint8_t* reference, std::size_t step, const std::vector<std::uint8_t>& plane) {
+  double sum = 0;
+  for (std::size_t i = 0; i < plane.size(); ++i) {
+    const int difference = reference[i * step] - plane[i];
+    sum += difference * difference;
+  }
+  const double mean = sum / static_cast<double>(plane.size());
+  return mean == 0 ? std::numeric_limits<double>::infinity() : 10 * std::log10(255.0 * 255.0 / mean);
+}
+
+double KilobitsPerSecond(std::uint64_t bytes, int frames) {
+  return static_cast<double>(bytes) * 8 / 1000 * 30 / frames;
+}
+
+class VencTest : public EngineTest {};
+
+TEST_F(VencTest, EachFrameInGivesOnePacketOut) {
+  const auto venc = MakeEncoder();
+  ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+  std::vector<std::uint8_t> pixels(FrameBytes(kWidth, kHeight));
+  std::uint32_t state = 7;
+  for (std::uint8_t& pixel : pixels) pixel = static_cast<std::uint8_t>((state = state * 1664525U + 1U) >> 24);
+  const ImageData frame = FrameOver(pixels.data(), kWidth, kHeight);
+  for (int i = 0; i < 180; ++i) {
+    ASSERT_EQ(venc->SendFrame(frame), Ormis::kQetOk) << i;
+    ux_venc_stream stream{};
+    ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk) << i;
+    EXPECT_NE(stream.streamId, 0U);
+    EXPECT_EQ(stream.channel, 25U);
+    ASSERT_EQ(stream.packetCount, 1U);
+    EXPECT_EQ(stream.packets[0].frameIndex, i);
+    EXPECT_EQ(stream.packets[0].isKeyFrame, i % 60 == 0 ? 1U : 0U) << i;
+    EXPECT_GT(stream.packets[0].sizeBytes, 0U);
+    EXPECT_EQ(stream.totalBytes, stream.packets[0].sizeBytes);
+    const std::uint8_t startCode[] = {0, 0, 0, 1};
+    EXPECT_EQ(std::memcmp(stream.packets[0].data, startCode, sizeof startCode), 0);
+    ux_venc_stream none{};
+    EXPECT_EQ(venc->GetStream(none), Ormis::kQetNoStream);
+    ASSERT_EQ(venc->ReleaseStream(stream), Ormis::kQetOk) << i;
+  }
+}
+
+TEST_F(VencTest, MovingPictureDecodesAbove30DecibelsAtTheConfiguredRate) {
+  constexpr int kFrames = 120;  // four seconds
+  const auto venc = MakeEncoder();
+  ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+  const MovingPicture picture;
+  H264Decoder decoder;
+  std::vector<std::uint8_t> pixels;
+  std::vector<Picture> decoded;
+  std::uint64_t bytes = 0;
+  int checked = 0;
+  const auto check = [&](std::vector<Picture> pictures) {
+    for (const Picture& one : pictures) {
+      const int index = checked++;
+      ASSERT_EQ(one.width, static_cast<int>(kWidth));
+      ASSERT_EQ(one.height, static_cast<int>(kHeight));
+      EXPECT_EQ(one.isKeyFrame, index % 60 == 0) << index;
+      if (index % 5 != 0) continue;
+      std::vector<std::uint8_t> original;
+      picture.Draw(index, original);
+      EXPECT_GT(Psnr(original.data(), 1, one.luma), 30) << "luma of frame " << index;
+      const std::uint8_t* chroma = &original[kWidth * kHeight];
+      EXPECT_GT(Psnr(chroma, 2, one.chromaU), 30) << "first chroma of frame " << index;
+      EXPECT_GT(Psnr(chroma + 1, 2, one.chromaV), 30) << "second chroma of frame " << index;
+    }
+  };
+  for (int i = 0; i < kFrames; ++i) {
+    picture.Draw(i, pixels);
+    ASSERT_EQ(venc->SendFrame(FrameOver(pixels.data(), kWidth, kHeight)), Ormis::kQetOk);
+    // The frame has been read: what becomes of its memory does not matter any more.
+    std::fill(pixels.begin(), pixels.end(), std::uint8_t{0});
+    ux_venc_stream stream{};
+    ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk);
+    bytes += stream.totalBytes;
+    check(decoder.Decode(stream.packets[0].data, stream.packets[0].sizeBytes));
+    ASSERT_EQ(venc->ReleaseStream(stream), Ormis::kQetOk);
+  }
+  check(decoder.Flush());
+  EXPECT_EQ(checked, kFrames);
+  EXPECT_NEAR(KilobitsPerSecond(bytes, kFrames), 2000, 200);
+}
+
+TEST_F(VencTest, BlackPictureHasTheConfiguredRateToo) {
+  constexpr int kFrames = 120;
+  const auto venc = MakeEncoder();
+  ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+  std::vector<std::uint8_t> pixels(FrameBytes(kWidth, kHeight));
+  std::uint64_t bytes = 0;
+  for (int i = 0; i < kFrames; ++i) {
+    ASSERT_EQ(venc->SendFrame(FrameOver(pixels.data(), kWidth, kHeight)), Ormis::kQetOk);
+    ux_venc_stream stream{};
+    ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk);
+    bytes += stream.totalBytes;
+    ASSERT_EQ(venc->ReleaseStream(stream), Ormis::kQetOk);
+  }
+  EXPECT_NEAR(KilobitsPerSecond(bytes, kFrames), 2000, 200);
+}
+
+TEST_F(VencTest, ReadsNothingBeyondTheFrameAndWritesNothingIntoIt) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  // Widths that are no multiple of what a vector register or a macroblock holds, too.
+  for (const std::uint32_t width : {1920U, 1282U, 66U, 34U}) {
+    const std::uint32_t height = 1080;
+    const std::size_t bytes = FrameBytes(width, height);
+    const std::size_t mapped = (bytes + page - 1) / page * page;
+    void* memory = mmap(nullptr, mapped + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto* base = static_cast<std::uint8_t*>(memory);
+    std::memset(base, 100, mapped);
+    ASSERT_EQ(mprotect(base, mapped, PROT_READ), 0);
+    ASSERT_EQ(mprotect(base + mapped, page, PROT_NONE), 0);
+    const auto venc = MakeEncoder(width, height);
+    ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_EQ(venc->SendFrame(FrameOver(base + mapped - bytes, width, height)), Ormis::kQetOk) << width;
+    }
+    ASSERT_EQ(munmap(memory, mapped + page), 0);
+  }
+}
+
+TEST_F(VencTest, StreamsComeInTheOrderOfTheFramesAndStayValidUntilReleased) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  std::vector<ux_venc_stream> streams(5);
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+    std::vector<std::vector<std::uint8_t>> copies;
+    for (int i = 0; i < 5; ++i) {
+      ux_venc_stream& stream = streams[static_cast<std::size_t>(i)];
+      ASSERT_EQ(small.venc->GetStream(stream), Ormis::kQetOk);
+      EXPECT_EQ(stream.packets[0].frameIndex, round * 5 + i);
+      copies.emplace_back(stream.packets[0].data, stream.packets[0].data + stream.packets[0].sizeBytes);
+    }
+    // Released out of order, so that the next round's frames find the places mixed.
+    for (const std::size_t i : {2U, 0U, 4U, 1U, 3U}) {
+      EXPECT_EQ(std::memcmp(streams[i].packets[0].data, copies[i].data(), copies[i].size()), 0);
+      EXPECT_EQ(small.venc->ReleaseStream(streams[i]), Ormis::kQetOk);
+    }
+  }
+}
+
+TEST_F(VencTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
+  struct Case {
+    const char* name;
+    std::uint32_t QetVenc::* member;
+    std::uint32_t value;
+    std::int32_t code;
+  };
+  const Case cases[] = {
+      {"width 0", &QetVenc::width, 0, Ormis::kQetInvalidSize},
+      {"height 0", &QetVenc::height, 0, Ormis::kQetInvalidSize},
+      {"odd width", &QetVenc::width, 1919, Ormis::kQetInvalidSize},
+      {"odd height", &QetVenc::height, 1079, Ormis::kQetInvalidSize},
+      {"width above the maximum", &QetVenc::width, 4098, Ormis::kQetInvalidSize},
+      {"height above the maximum", &QetVenc::height, 4098, Ormis::kQetInvalidSize},
+      {"no bit rate", &QetVenc::bitrateKbps, 0, Ormis::kQetInvalidArgument},
+      {"bit rate beyond an int", &QetVenc::bitrateKbps, 2147484, Ormis::kQetInvalidArgument},
+      {"no frame rate", &QetVenc::frameRate, 0, Ormis::kQetInvalidArgument},
+      {"frame rate beyond an int", &QetVenc::frameRate, 0x80000000U, Ormis::kQetInvalidArgument},
+      {"no key frame distance", &QetVenc::gopSize, 0, Ormis::kQetInvalidArgument},
+      {"key frame distance beyond an int", &QetVenc::gopSize, 0x80000000U, Ormis::kQetInvalidArgument},
+      {"no room for streams", &QetVenc::streamBufferBytes, 0, Ormis::kQetInvalidSize},
+  };
+  for (const Case& one : cases) {
+    const auto venc = MakeEncoder();
+    venc.get()->*one.member = one.value;
+    std::int32_t code = 0;
+    const std::string log = StandardErrorOf([&] { code = venc->Init(); });
+    EXPECT_EQ(code, one.code) << one.name;
+    EXPECT_EQ(LineCount(log), 1U) << log;
+    EXPECT_NE(log.find("QetVenc::Init: "), std::string::npos) << log;
+    EXPECT_EQ(venc->encoderId, 0U) << one.name;
+    // Corrected, the same encoder opens.
+    venc.get()->*one.member = MakeEncoder().get()->*one.member;
+    EXPECT_EQ(venc->Init(), Ormis::kQetOk) << one.name;
+  }
+}
+
+TEST_F(VencTest, InitAnswersACodeForAFrameOfMoreThanTheLibraryCanDescribe) {
+  const auto venc = MakeEncoder(65536, 65536);
+  venc->maxWidth = venc->maxHeight = 65536;
+  EXPECT_EQ(venc->Init(), Ormis::kQetInvalidSize);
+}
+
+TEST_F(VencTest, InitSaysWhatTheEngineRefused) {
+  const auto venc = MakeEncoder(32768, 2);  // wider than H.264 levels and libx264 go
+  venc->maxWidth = 32768;
+  std::int32_t code = 0;
+  const std::string log = StandardErrorOf([&] { code = venc->Init(); });
+  EXPECT_EQ(code, Ormis::kQetEncoderFailure);
+  EXPECT_EQ(LineCount(log), 1U) << log;
+  EXPECT_NE(log.find("32768x2"), std::string::npos) << log;
+  EXPECT_NE(log.find("libx264"), std::string::npos) << log;
+}
+
+TEST_F(VencTest, InitTwiceIsRefused) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  EXPECT_EQ(small.venc->Init(), Ormis::kQetAlreadyInitialized);
+  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+}
+
+TEST_F(VencTest, OperationsBeforeInitAreRefused) {
+  Small small;
+  ux_venc_stream stream{};
+  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetEncoderNotReady);
+  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetEncoderNotReady);
+  EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetEncoderNotReady);
+}
+
+TEST_F(VencTest, OperationsWithoutAContextAreRefused) {
+  Small small;
+  Small other;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  std::thread([&] {
+    ux_venc_stream stream{};
+    EXPECT_EQ(other.venc->Init(), Ormis::kQetNoContext);
+    EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetNoContext);
+    EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoContext);
+    EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetNoContext);
+  }).join();
+}
+
+TEST_F(VencTest, SendFrameAnswersACodeForEachWrongFrame) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  const auto send = [&](auto change) {
+    ImageData frame = FrameOver(small.pixels.data(), Small::kSmallWidth, Small::kSmallHeight);
+    change(frame);
+    return small.venc->SendFrame(frame);
+  };
+  EXPECT_EQ(send([](ImageData& frame) { frame.imageType = Ormis::kQetImageBgr888; }), Ormis::kQetUnsupported);
+  EXPECT_EQ(send([](ImageData& frame) { frame.imageType = 99; }), Ormis::kQetUnsupported);
+  EXPECT_EQ(send([](ImageData& frame) { frame.width += 2; }), Ormis::kQetInvalidSize);
+  EXPECT_EQ(send([](ImageData& frame) { frame.height -= 2; }), Ormis::kQetInvalidSize);
+  EXPECT_EQ(send([](ImageData& frame) { frame.dataSize -= 1; }), Ormis::kQetInvalidSize);
+  EXPECT_EQ(send([](ImageData& frame) { frame.data = nullptr; }), Ormis::kQetInvalidArgument);
+  ux_venc_stream stream{};
+  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream) << "a refused frame left a stream";
+  EXPECT_EQ(send([](ImageData& frame) { frame.dataSize += 4096; }), Ormis::kQetOk);
+}
+
+TEST_F(VencTest, SizesChangedAfterInitDoNotCount) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  small.venc->width = small.frame.width = 1920;
+  small.venc->height = small.frame.height = 1080;
+  small.frame.dataSize = 3110400;
+  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetInvalidSize);
+}
+
+TEST_F(VencTest, FetchingWithoutAStreamLeavesTheRecordAsItWas) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  ux_venc_stream stream;
+  std::memset(&stream, 0x5a, sizeof stream);
+  const ux_venc_stream before = stream;
+  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream);
+  EXPECT_EQ(std::memcmp(&stream, &before, sizeof stream), 0);
+}
+
+TEST_F(VencTest, AStreamIsReleasedOnce) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetNoStream) << "nothing was fetched";
+  ASSERT_EQ(small.venc->GetStream(stream), Ormis::kQetOk);
+  ux_venc_stream copy = stream;
+  EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetOk);
+  EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetNoStream);
+  EXPECT_EQ(small.venc->ReleaseStream(copy), Ormis::kQetNoStream);
+  copy.streamId = 123456789;
+  EXPECT_EQ(small.venc->ReleaseStream(copy), Ormis::kQetNoStream);
+}
+
+TEST_F(VencTest, AStreamOfAnotherEncoderIsRefused) {
+  Small one;
+  Small other;
+  ASSERT_EQ(one.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(other.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(one.venc->SendFrame(one.frame), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  ASSERT_EQ(one.venc->GetStream(stream), Ormis::kQetOk);
+  EXPECT_EQ(other.venc->ReleaseStream(stream), Ormis::kQetNoStream);
+  EXPECT_EQ(one.venc->ReleaseStream(stream), Ormis::kQetOk);
+}
+
+TEST_F(VencTest, StreamsNotReleasedAreLimitedAndFreedWithTheEncoder) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  std::vector<ux_venc_stream> streams;
+  std::int32_t code = Ormis::kQetOk;
+  while ((code = small.venc->SendFrame(small.frame)) == Ormis::kQetOk) {
+    ASSERT_LT(streams.size(), 1000U);
+    streams.emplace_back();
+    if (streams.size() % 2 == 0) ASSERT_EQ(small.venc->GetStream(streams.back()), Ormis::kQetOk);
+  }
+  EXPECT_EQ(code, Ormis::kQetBusy);
+  EXPECT_GE(streams.size(), 8U);
+  // One given back makes room for one.
+  ASSERT_EQ(small.venc->ReleaseStream(streams[1]), Ormis::kQetOk);
+  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetBusy);
+}
+
+TEST_F(VencTest, BytesNotReleasedAreLimited) {
+  Small small;
+  small.venc->streamBufferBytes = 1;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+    EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetBusy);
+    ASSERT_EQ(small.venc->GetStream(stream), Ormis::kQetOk);
+    ASSERT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetOk);
+  }
+}
+
+TEST_F(VencTest, TheDestructorWorksInEveryState) {
+  {
+    Small neverInitialised;
+  }
+  {
+    Small failed;
+    failed.venc->bitrateKbps = 0;
+    ASSERT_NE(failed.venc->Init(), Ormis::kQetOk);
+  }
+  {
+    Small unfetched;
+    ASSERT_EQ(unfetched.venc->Init(), Ormis::kQetOk);
+    ASSERT_EQ(unfetched.venc->SendFrame(unfetched.frame), Ormis::kQetOk);
+  }
+  Small withoutContext;
+  ASSERT_EQ(withoutContext.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDestroyContext(context_), Ormis::kQetOk);
+  withoutContext.venc.reset();
+  // It is gone, not just forgotten: nothing of it is left for the platform to give back.
+  EXPECT_EQ(StandardErrorOf([&] { ReleasePlatform(); }), "");
+}
+
+TEST_F(VencTest, ReleasingThePlatformFreesEncodersAndSaysSo) {
+  Small first;
+  Small second;
+  ASSERT_EQ(first.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(second.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(first.venc->SendFrame(first.frame), Ormis::kQetOk);
+  const std::string log = StandardErrorOf([&] { ReleasePlatform(); });
+  EXPECT_NE(log.find("2 encoders"), std::string::npos) << log;
+  ux_venc_stream stream{};
+  EXPECT_EQ(first.venc->SendFrame(first.frame), Ormis::kQetNotInitialized);
+  EXPECT_EQ(first.venc->GetStream(stream), Ormis::kQetNotInitialized);
+  EXPECT_EQ(first.venc->ReleaseStream(stream), Ormis::kQetNotInitialized);
+  first.venc.reset();
+  // A platform that is started again does not know the old encoder, whose owner may open it anew.
+  context_ = {};
+  SetUp();
+  EXPECT_EQ(second.venc->SendFrame(second.frame), Ormis::kQetEncoderNotReady);
+  EXPECT_EQ(second.venc->Init(), Ormis::kQetOk);
+  EXPECT_EQ(second.venc->SendFrame(second.frame), Ormis::kQetOk);
+}
+
+TEST_F(VencTest, TenEncodersInTenThreadsMakeTheSameStream) {
+  constexpr std::uint32_t kThreads = 10;
+  constexpr std::uint32_t kSmallWidth = 320;
+  constexpr std::uint32_t kSmallHeight = 240;
+  std::vector<std::vector<std::uint8_t>> streams(kThreads);
+  std::vector<std::thread> threads;
+  for (std::uint32_t index = 0; index < kThreads; ++index) {
+    threads.push_back(WithContext([&, index] {
+      const auto venc = MakeEncoder(kSmallWidth, kSmallHeight);
+      venc->channel = index;
+      ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+      std::vector<std::uint8_t> pixels(FrameBytes(kSmallWidth, kSmallHeight));
+      std::uint32_t state = 5;
+      for (int i = 0; i < 40; ++i) {
+        for (std::uint8_t& pixel : pixels) {
+          pixel = static_cast<std::uint8_t>((state = state * 1664525U + 1013904223U) >> 26);
+        }
+        ASSERT_EQ(venc->SendFrame(FrameOver(pixels.data(), kSmallWidth, kSmallHeight)), Ormis::kQetOk);
+        ux_venc_stream stream{};
+        ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk);
+        EXPECT_EQ(stream.channel, index);
+        streams[index].insert(streams[index].end(), stream.packets[0].data,
+                              stream.packets[0].data + stream.packets[0].sizeBytes);
+        ASSERT_EQ(venc->ReleaseStream(stream), Ormis::kQetOk);
+      }
+    }));
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_FALSE(streams[0].empty());
+  for (const auto& stream : streams) EXPECT_EQ(stream, streams[0]);
+}
+
+}  // namespace
