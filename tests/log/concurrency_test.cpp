@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <thread>
@@ -65,8 +66,8 @@ void ExpectAll(const std::vector<log_test::Line>& lines, unsigned writers, unsig
       ++ticks[line.text];
       continue;
     }
-    unsigned writer = writers;
-    ASSERT_EQ(std::sscanf(line.text.c_str(), "record %u ", &writer), 1) << line.text;
+    ASSERT_EQ(line.text.rfind("record ", 0), 0U) << line.text;
+    const auto writer = static_cast<unsigned>(std::strtoul(line.text.c_str() + 7, nullptr, 10));
     ASSERT_LT(writer, writers);
     const unsigned record = next[writer]++;
     ASSERT_EQ(line.text, "record " + std::to_string(writer) + " " + std::to_string(record) + " " +
@@ -90,6 +91,7 @@ TEST(LoggingUnderSignals, TenThreadsLoseAndMixNothing) {
     const Handler handler(SIGUSR1);
     std::atomic<bool> stop{false};
     std::vector<std::thread> writers;
+    writers.reserve(kWriters);
     for (unsigned writer = 0; writer < kWriters; ++writer) {
       writers.emplace_back([&, writer] {
         WriteRecords(logger, writer, kRecords);
@@ -104,7 +106,7 @@ TEST(LoggingUnderSignals, TenThreadsLoseAndMixNothing) {
     stop = true;
     for (std::thread& writer : writers) writer.join();
   }
-  InitLogging("STBM", "", LogLevel::kOff, LogMode{0}, "");
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
 
   const std::string console = testing::internal::GetCapturedStderr();
   const std::string end = " (tests/log/concurrency_test.cpp:1 Write)";
@@ -137,7 +139,7 @@ TEST(LoggingUnderSignals, AThreadIsInterruptedAnywhereInARecord) {
     const itimerval off{};
     ASSERT_EQ(setitimer(ITIMER_REAL, &off, nullptr), 0);
   }
-  InitLogging("STBM", "", LogLevel::kOff, LogMode{0}, "");
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
   EXPECT_GT(interruptions, 0);
   EXPECT_GT(handled, interruptions);
   unsigned record = 0;
@@ -169,6 +171,7 @@ TEST(LoggingUnderSignals, NoRecordIsLostWhileTheSettingsAreReplaced) {
     const itimerval period{{0, 500}, {0, 500}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &period, nullptr), 0);
     std::vector<std::thread> writers;
+    writers.reserve(kWriters);
     for (unsigned writer = 0; writer < kWriters; ++writer) {
       writers.emplace_back([&, writer] {
         WriteRecords(logger, writer, kRecords);
@@ -182,7 +185,7 @@ TEST(LoggingUnderSignals, NoRecordIsLostWhileTheSettingsAreReplaced) {
     ASSERT_EQ(setitimer(ITIMER_REAL, &off, nullptr), 0);
     for (std::thread& writer : writers) writer.join();
   }
-  InitLogging("STBM", "", LogLevel::kOff, LogMode{0}, "");
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
 
   int records = 0;
   int signals = 0;
@@ -201,6 +204,7 @@ TEST(CreateLogger, ManyThreadsGetTheSameLogger) {
   std::vector<std::vector<Logger*>> made(kThreads);
   std::atomic<bool> go{false};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       while (!go) {

@@ -31,6 +31,7 @@ class LogProbe : public testing::Test {
     std::vector<std::string> arguments = {LOG_PROBE};
     arguments.insert(arguments.end(), words.begin(), words.end());
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
 

@@ -105,11 +105,12 @@ TEST(Sink, OutlivesANonBlockingPipeThatIsFull) {
 }
 
 TEST(Sink, RaisesNoSignalWhenTheReaderIsGone) {
-  ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+  const auto handler = std::signal(SIGPIPE, SIG_DFL);
   Pipe pipe;
   pipe.CloseReader();
   Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
   EXPECT_NE(Deliver(sink, "lost"), nullptr);
+  (void)std::signal(SIGPIPE, handler);
 }
 
 TEST(Sink, ToleratesADescriptorThatIsClosed) {
@@ -177,6 +178,7 @@ TEST(Sink, IsReplacedUnderItsWriters) {
   constexpr int kRecords = 5000;
   std::atomic<int> failures{0};
   std::vector<std::thread> writers;
+  writers.reserve(2);
   for (int writer = 0; writer < 2; ++writer) {
     writers.emplace_back([&] {
       for (int i = 0; i < kRecords; ++i) failures += Deliver(sink, "line") == nullptr ? 0 : 1;
