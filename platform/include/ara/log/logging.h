@@ -11,6 +11,19 @@
 
 /// The logging interface that the benchmark and the platform write to. Best effort by contract: no operation
 /// here throws, reports a failure to its caller or changes its flow.
+///
+/// A record is one line, whatever its text:
+///   2025-01-31T23:59:59.123456Z INFO STBM STBM 4711 text
+/// that is the UTC time, the level, the application's id, the context's id, the thread id and the text. Where
+/// the application's threshold is kDebug or more verbose, " (file:line function)" follows. ASCII control
+/// characters stand as \n, \r, \t or \xNN. A text that was cut ends in " [cut]"; " [N lost before]" ends the
+/// first line after N that a sink could not take.
+///
+/// A sink that takes nothing (full disk, reader that stopped reading) loses records and is waited for no
+/// longer than about a second; a lost record of the log file is told on standard error, once. A record for a
+/// pipe that nobody reads any more is lost, too; should the reader go at the very moment of the write, the
+/// process gets SIGPIPE, whose disposition is the application's affair. A process forked from one that logs
+/// goes on logging to the same places.
 namespace ara::log {
 
 /// Severity of a record; a smaller number is more severe. kOff is no severity of a record: as a threshold it
@@ -33,6 +46,8 @@ enum class LogMode : std::uint8_t {
 };
 
 constexpr LogMode operator|(LogMode a, LogMode b) {
+  // A sum of bits is a value of the enumeration, though no enumerator: its underlying type is fixed.
+  // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange)
   return static_cast<LogMode>(static_cast<std::uint8_t>(a) | static_cast<std::uint8_t>(b));
 }
 
@@ -51,14 +66,14 @@ struct SourceLocation {
 class Logger;
 
 /// One record under construction. It is handed to the sinks when it is destroyed, at the end of the
-/// statement. The record lives in a fixed buffer inside the stream: nothing is allocated and no lock is
-/// taken, so a stream may be used from a signal handler. A text beyond kTextCapacity is cut, and the line
-/// says so. Threads: a stream belongs to the thread that opened it; any number of threads may hold streams of
-/// one logger.
+/// statement. The record lives in a fixed buffer inside the stream: nothing is allocated, no lock is taken
+/// and errno is kept, so a stream may be used from a signal handler. A text beyond kTextCapacity is cut, and
+/// the line says so; what is inserted after that is dropped. Needs up to 12 KiB of stack. Threads: a stream
+/// belongs to the thread that opened it; any number of threads may hold streams of one logger.
 class ARA_LOG_API LogStream {
  public:
-  /// Bytes of text that one record holds. With time, level and location a line stays below 4096 bytes
-  /// (PIPE_BUF on Linux), so that one write(2) to a pipe is never torn.
+  /// Bytes of text that one record holds, escapes included. With time, level and location a line stays within
+  /// 4096 bytes (PIPE_BUF on Linux), so that one write(2) to a pipe is never torn.
   static constexpr std::size_t kTextCapacity = 3072;
 
   ~LogStream();
@@ -89,7 +104,8 @@ class ARA_LOG_API LogStream {
 /// Threads: every member may be called from any thread at the same time, and from a signal handler.
 class ARA_LOG_API Logger {
  public:
-  /// True when a record of `level` passes both this logger's threshold and the application's (InitLogging).
+  /// True when a record of `level` passes both this logger's threshold and the application's (InitLogging);
+  /// before InitLogging the application's lets everything through. Never true for kOff.
   bool IsEnabled(LogLevel level) const;
 
   /// Opens a record. A record of a level that is not enabled takes insertions and is dropped.
@@ -103,21 +119,27 @@ class ARA_LOG_API Logger {
   friend Logger& CreateLogger(ara::core::internal::StringView<char>, ara::core::internal::StringView<char>,
                               LogLevel);
 
-  std::atomic<std::uint8_t> level_{0};
-  char contextId_[16] = {};  ///< zero-terminated, longer ids are cut
+  std::atomic<LogLevel> level_{LogLevel::kOff};
+  std::atomic<std::uint64_t> contextId_{0};  ///< its up to 8 characters in order of memory; 0: not made yet
 };
 
 /// Starts logging for the application: sets the application's threshold and opens the sinks of `mode`.
-/// `appId` names the application in every line and the log file (`directory`/`appId`.log); `directory` is
-/// made if missing. A sink that cannot be opened costs one line on standard error and is left out. Before
-/// this call records go to standard error, whatever their level. A second call replaces the settings.
-/// Threads: one caller at a time; other threads may log meanwhile.
+/// `appId` names the application in every line (its first 16 characters) and the log file
+/// (`directory`/`appId`.log); `directory` is made if missing, an empty one is the working directory. A log
+/// file past 10 MiB is moved to `appId`.log.1 first. The console is standard error. A sink that cannot be
+/// opened costs one line on standard error and is left out; so does the remote sink, which this build does
+/// not have. `appDescription` is for the remote sink. Before this call records go to standard error under
+/// application id
+/// "-". A second call replaces the settings.
+/// Threads: one caller at a time and no signal handler; other threads and signal handlers may log meanwhile,
+/// each record by the old settings or by the new.
 ARA_LOG_API void InitLogging(const std::string& appId, const std::string& appDescription, LogLevel level,
                              LogMode mode, const std::string& directory);
 
-/// Returns the logger of context `contextId`, made on first use; its threshold becomes `level` either way.
-/// Never fails: past the fixed number of contexts the last one is shared.
-/// Threads: any; allocates nothing and takes no lock.
+/// Returns the logger of context `contextId`, made on first use; its threshold becomes `level` either way. An
+/// id counts up to its 8th character; in it '_' replaces what is not printable ASCII, and an empty one is
+/// "-". Never fails: past 64 contexts the last one is shared. Works before the libraries are initialised.
+/// Threads: any, and signal handlers; allocates nothing and takes no lock.
 ARA_LOG_API Logger& CreateLogger(ara::core::internal::StringView<char> contextId,
                                  ara::core::internal::StringView<char> contextDescription, LogLevel level);
 

@@ -1,0 +1,98 @@
+#include "sink.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ara::log {
+
+namespace {
+
+constexpr int kWaitMs = 10;
+constexpr int kMaxWaits = 100;
+// Attempts of one line: each may be interrupted before it writes anything.
+constexpr int kMaxAttempts = 100;
+
+}  // namespace
+
+const char* ErrorText(int error) {
+  const char* const text = strerrordesc_np(error);
+  return text != nullptr ? text : "unknown error";
+}
+
+const char* Sink::Deliver(FixedText line) {
+  if (disabled_.load(std::memory_order_relaxed)) return nullptr;
+  // Read before it is taken: nearly always zero, and a read does not fight over the cache line.
+  const std::uint32_t lost = lost_.load(std::memory_order_relaxed) == 0 ? 0 : lost_.exchange(0);
+  const bool torn = torn_.load(std::memory_order_relaxed) && torn_.exchange(false);
+  if (lost > 0) {
+    line.Append(" [");
+    line.AppendDecimal(lost);
+    line.Append(" lost before]");
+  }
+  line.Append("\n");
+
+  const std::size_t skipped = torn ? 0 : 1;
+  // A reader that has stopped reading costs its wait once, not once a line.
+  const char* const reason =
+      WriteOnce(line.data() + skipped, line.size() - skipped, lost > 0 ? 0 : kMaxWaits);
+  if (reason != nullptr) {
+    lost_.fetch_add(lost + 1);
+    if (torn) torn_.store(true);
+  }
+  return reason;
+}
+
+const char* Sink::WriteOnce(const char* line, std::size_t size, int waits) {
+  const int descriptor = descriptor_.load(std::memory_order_relaxed);
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    if ((blocking_ == Blocking::kPossible || attempt > 0) && !WaitUntilReady(descriptor, &waits)) {
+      return "it takes nothing";
+    }
+    const ssize_t written = write(descriptor, line, size);
+    if (written == static_cast<ssize_t>(size)) return nullptr;
+    if (written >= 0) {
+      // The rest is not sent after it: another thread's line may stand there by now.
+      torn_.store(true);
+      return "it took a line in part";
+    }
+    if (errno != EINTR && errno != EAGAIN) return ErrorText(errno);
+  }
+  return "it takes nothing";
+}
+
+// Asked before each write that could block, and before each repetition. A pipe that nobody reads any more is
+// not ready either, which spares the process the SIGPIPE. `waits` is what is left of the line's patience.
+bool Sink::WaitUntilReady(int descriptor, int* waits) {
+  pollfd request{descriptor, POLLOUT, 0};
+  int ready = poll(&request, 1, 0);
+  // An interruption counts as a wait: poll(2) is never resumed, and the signals may not end.
+  for (; ready <= 0 && *waits > 0; --*waits) ready = poll(&request, 1, kWaitMs);
+  return ready > 0 && request.revents == POLLOUT;
+}
+
+bool Sink::Replace(int descriptor) {
+  const int old = descriptor_.load(std::memory_order_relaxed);
+  if (old < 0) {
+    descriptor_.store(descriptor);
+  } else {
+    // The number stays and never closes: a writer that has just read it meets the old file or the new one.
+    int result = -1;
+    for (int attempt = 0; attempt < kMaxAttempts && result < 0; ++attempt) {
+      result = dup3(descriptor, old, O_CLOEXEC);
+      if (result < 0 && errno != EINTR && errno != EBUSY) break;
+    }
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    if (result < 0) return false;
+  }
+  lost_.store(0);
+  torn_.store(false);
+  return true;
+}
+
+}  // namespace ara::log

@@ -1,0 +1,223 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ara/log/logging.h"
+#include "log_files.h"
+
+namespace ara::log {
+namespace {
+
+constexpr SourceLocation kHere{"tests/log/concurrency_test.cpp", "Write", 1};
+
+Logger* handlerLogger = nullptr;
+std::atomic<int> handled{0};
+
+void OnSignal(int /*signal*/) {
+  handlerLogger->LogDebug(kHere) << "signal " << handled.fetch_add(1);
+}
+
+/// Installs OnSignal for a signal while it lives.
+class Handler {
+ public:
+  explicit Handler(int signal) : signal_(signal) {
+    handled = 0;
+    struct sigaction action{};
+    action.sa_handler = OnSignal;  // without SA_RESTART: system calls are to be interrupted
+    EXPECT_EQ(sigaction(signal, &action, &old_), 0);
+  }
+  ~Handler() { sigaction(signal_, &old_, nullptr); }
+  Handler(const Handler&) = delete;
+  Handler& operator=(const Handler&) = delete;
+
+ private:
+  int signal_;
+  struct sigaction old_{};
+};
+
+/// A text whose end follows from its beginning, so that a mixed or torn one shows; up to 3000 bytes.
+std::string Payload(unsigned writer, unsigned record) {
+  return std::string((writer * 7919U + record * 104729U) % 3000U, static_cast<char>('a' + writer % 26)) + ".";
+}
+
+void WriteRecords(const Logger& logger, unsigned writer, unsigned records) {
+  for (unsigned record = 0; record < records; ++record) {
+    logger.LogInfo(kHere) << "record " << writer << " " << record << " " << Payload(writer, record);
+  }
+}
+
+/// Checks that the lines are `records` of each of `writers`, whole and in order, and `signals` of the
+/// handler.
+void ExpectAll(const std::vector<log_test::Line>& lines, unsigned writers, unsigned records, int signals,
+               const std::string& end) {
+  std::vector<unsigned> next(writers, 0);
+  std::map<std::string, int> ticks;
+  for (const log_test::Line& line : lines) {
+    if (line.text.rfind("signal ", 0) == 0) {
+      ++ticks[line.text];
+      continue;
+    }
+    ASSERT_EQ(line.text.rfind("record ", 0), 0U) << line.text;
+    const auto writer = static_cast<unsigned>(std::strtoul(line.text.c_str() + 7, nullptr, 10));
+    ASSERT_LT(writer, writers);
+    const unsigned record = next[writer]++;
+    ASSERT_EQ(line.text, "record " + std::to_string(writer) + " " + std::to_string(record) + " " +
+                             Payload(writer, record) + end);
+  }
+  EXPECT_EQ(next, std::vector<unsigned>(writers, records));
+  EXPECT_EQ(ticks.size(), static_cast<std::size_t>(signals));
+  for (int i = 0; i < signals; ++i) EXPECT_EQ(ticks["signal " + std::to_string(i) + end], 1) << i;
+}
+
+TEST(LoggingUnderSignals, TenThreadsLoseAndMixNothing) {
+  constexpr unsigned kWriters = 10;
+  constexpr unsigned kRecords = 1500;
+  constexpr int kSignals = 600;
+  const log_test::TemporaryFolder folder;
+  InitLogging("STBM", "", LogLevel::kDebug, LogMode::kFile | LogMode::kConsole, folder.Path().string());
+  testing::internal::CaptureStderr();
+  Logger& logger = CreateLogger("MANY", "", LogLevel::kVerbose);
+  handlerLogger = &logger;
+  {
+    const Handler handler(SIGUSR1);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> writers;
+    writers.reserve(kWriters);
+    for (unsigned writer = 0; writer < kWriters; ++writer) {
+      writers.emplace_back([&, writer] {
+        WriteRecords(logger, writer, kRecords);
+        // Stays reachable for the signals.
+        while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      });
+    }
+    for (int signal = 0; handled < kSignals; ++signal) {
+      pthread_kill(writers[static_cast<std::size_t>(signal) % kWriters].native_handle(), SIGUSR1);
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    stop = true;
+    for (std::thread& writer : writers) writer.join();
+  }
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
+
+  const std::string console = testing::internal::GetCapturedStderr();
+  const std::string end = " (tests/log/concurrency_test.cpp:1 Write)";
+  ExpectAll(log_test::ReadLog(folder.File("STBM.log")), kWriters, kRecords, handled, end);
+  std::vector<log_test::Line> lines;
+  for (const std::string& line : log_test::SplitLines(console)) lines.push_back(log_test::ParseLine(line));
+  ExpectAll(lines, kWriters, kRecords, handled, end);
+}
+
+TEST(LoggingUnderSignals, AThreadIsInterruptedAnywhereInARecord) {
+  constexpr unsigned kRecords = 20000;
+  const log_test::TemporaryFolder folder;
+  InitLogging("STBM", "", LogLevel::kInfo, LogMode::kFile, folder.Path().string());
+  Logger& logger = CreateLogger("MANY", "", LogLevel::kVerbose);
+  // At debug level the handler's record is disabled here: it opens a stream and drops it.
+  handlerLogger = &logger;
+  int interruptions = 0;
+  {
+    const Handler handler(SIGALRM);
+    const itimerval period{{0, 200}, {0, 200}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &period, nullptr), 0);
+    for (unsigned done = 0; done < kRecords; done += kRecords / 4) {
+      if (done == kRecords / 2) {
+        InitLogging("STBM", "", LogLevel::kDebug, LogMode::kFile, folder.Path().string());
+        interruptions = handled;
+      }
+      for (unsigned i = 0; i < kRecords / 4; ++i)
+        logger.LogInfo(kHere) << "record " << done + i << " " << "text";
+    }
+    const itimerval off{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &off, nullptr), 0);
+  }
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
+  EXPECT_GT(interruptions, 0);
+  EXPECT_GT(handled, interruptions);
+  unsigned record = 0;
+  int signals = 0;
+  for (const log_test::Line& line : log_test::ReadLog(folder.File("STBM.log"))) {
+    if (line.text.rfind("signal ", 0) == 0) {
+      ++signals;
+    } else {
+      ASSERT_EQ(line.text.rfind("record " + std::to_string(record++) + " text", 0), 0U) << line.text;
+    }
+  }
+  EXPECT_EQ(record, kRecords);
+  // A signal that came while InitLogging was at work logged by the old settings or by the new.
+  EXPECT_LE(signals, handled);
+  EXPECT_GE(signals, handled - interruptions);
+}
+
+TEST(LoggingUnderSignals, NoRecordIsLostWhileTheSettingsAreReplaced) {
+  constexpr unsigned kWriters = 2;
+  constexpr unsigned kRecords = 3000;
+  const log_test::TemporaryFolder folder;
+  const std::string folders[] = {folder.File("a"), folder.File("b")};
+  InitLogging("APPA", "", LogLevel::kDebug, LogMode::kFile, folders[0]);
+  Logger& logger = CreateLogger("MANY", "", LogLevel::kVerbose);
+  handlerLogger = &logger;
+  std::atomic<unsigned> writing{kWriters};
+  {
+    const Handler handler(SIGALRM);
+    const itimerval period{{0, 500}, {0, 500}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &period, nullptr), 0);
+    std::vector<std::thread> writers;
+    writers.reserve(kWriters);
+    for (unsigned writer = 0; writer < kWriters; ++writer) {
+      writers.emplace_back([&, writer] {
+        WriteRecords(logger, writer, kRecords);
+        --writing;
+      });
+    }
+    for (unsigned i = 1; writing > 0; ++i) {
+      InitLogging(i % 2 == 0 ? "APPA" : "APPB", "", LogLevel::kDebug, LogMode::kFile, folders[i % 2]);
+    }
+    const itimerval off{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &off, nullptr), 0);
+    for (std::thread& writer : writers) writer.join();
+  }
+  InitLogging("STBM", "", LogLevel::kOff, LogMode::kConsole, "");
+
+  int records = 0;
+  int signals = 0;
+  for (const std::string& path : {folders[0] + "/APPA.log", folders[1] + "/APPB.log"}) {
+    for (const log_test::Line& line : log_test::ReadLog(path)) {
+      EXPECT_TRUE(line.appId == "APPA" || line.appId == "APPB") << line.appId;
+      ++(line.text.rfind("signal ", 0) == 0 ? signals : records);
+    }
+  }
+  EXPECT_EQ(records, static_cast<int>(kWriters * kRecords));
+  EXPECT_EQ(signals, handled);
+}
+
+TEST(CreateLogger, ManyThreadsGetTheSameLogger) {
+  constexpr std::size_t kThreads = 10;
+  std::vector<std::vector<Logger*>> made(kThreads);
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      while (!go) {
+      }
+      for (int i = 0; i < 20; ++i) {
+        made[thread].push_back(&CreateLogger("RACE" + std::to_string(i), "", LogLevel::kError));
+      }
+    });
+  }
+  go = true;
+  for (std::thread& thread : threads) thread.join();
+  for (const std::vector<Logger*>& loggers : made) EXPECT_EQ(loggers, made[0]);
+}
+
+}  // namespace
+}  // namespace ara::log

@@ -1,0 +1,370 @@
+#include "ara/log/logging.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "allocation_count.h"
+#include "log_files.h"
+
+namespace ara::log {
+namespace {
+
+using log_test::Line;
+using log_test::ReadFile;
+using log_test::ReadLog;
+using log_test::SplitLines;
+using log_test::TemporaryFolder;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+constexpr SourceLocation kHere{"stress_benchmark/src/cpu_stress.cpp", "runCpuStress", 42};
+constexpr LogMode kNowhere = LogMode{0};
+
+/// Logging into a folder of the test's own, at info level unless the test starts it anew.
+class Logging : public testing::Test {
+ protected:
+  Logging() { Init(LogLevel::kInfo); }
+  ~Logging() override { InitLogging("STBM", "", LogLevel::kOff, kNowhere, ""); }
+
+  void Init(LogLevel level, LogMode mode = LogMode::kFile) {
+    InitLogging("STBM", "a test", level, mode, folder_.Path().string());
+  }
+  std::string Content() const { return ReadFile(folder_.File("STBM.log")); }
+  std::vector<Line> Records() const { return ReadLog(folder_.File("STBM.log")); }
+
+  TemporaryFolder folder_;
+  Logger& logger_ = CreateLogger("STBM", "STBM", LogLevel::kVerbose);
+};
+
+TEST_F(Logging, WritesTimeLevelIdsThreadAndText) {
+  std::time_t before = std::time(nullptr);
+  logger_.LogInfo(kHere) << ara::core::internal::StringView<char>("runCpuStress") << "() | "
+                         << "CPU threadNum: " << 4U << std::string(" , memcpy Process start...");
+  const std::time_t after = std::time(nullptr);
+
+  const std::string content = Content();
+  const std::regex shape(
+      R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\.\d{6}Z INFO STBM STBM (\d+) runCpuStress\(\) \| CPU threadNum: 4 , memcpy Process start\.\.\.\n)");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(content, match, shape)) << content;
+  EXPECT_EQ(match[2], std::to_string(syscall(SYS_gettid)));
+  std::vector<std::string> possible;
+  for (; before <= after; ++before) {
+    std::tm fields{};
+    char text[32];
+    ASSERT_NE(gmtime_r(&before, &fields), nullptr);
+    ASSERT_GT(std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &fields), 0U);
+    possible.emplace_back(text);
+  }
+  EXPECT_THAT(possible, testing::Contains(match[1].str()));
+}
+
+TEST_F(Logging, NamesTheThreadThatWrites) {
+  std::string id;
+  std::thread([&] {
+    id = std::to_string(syscall(SYS_gettid));
+    logger_.LogInfo(kHere) << "text";
+  }).join();
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].threadId, id);
+  EXPECT_NE(id, std::to_string(syscall(SYS_gettid)));
+}
+
+TEST_F(Logging, NamesTheSourceWhereTheApplicationLogsAtDebugLevel) {
+  for (const LogLevel level : {LogLevel::kError, LogLevel::kInfo, LogLevel::kDebug, LogLevel::kVerbose}) {
+    Init(level);
+    logger_.LogError(kHere) << "text";
+  }
+  const std::vector<Line> records = Records();
+  ASSERT_EQ(records.size(), 4U);
+  EXPECT_EQ(records[0].text, "text");
+  EXPECT_EQ(records[1].text, "text");
+  EXPECT_EQ(records[2].text, "text (stress_benchmark/src/cpu_stress.cpp:42 runCpuStress)");
+  EXPECT_EQ(records[3].text, records[2].text);
+}
+
+TEST_F(Logging, BearsALocationWithoutTexts) {
+  Init(LogLevel::kDebug);
+  logger_.LogDebug(SourceLocation{nullptr, nullptr, -1}) << "text";
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].text, "text (?:0 ?)");
+}
+
+TEST_F(Logging, WritesNumbersOfEitherSign) {
+  logger_.LogInfo(kHere) << 0 << " " << -1 << " " << INT_MIN << " " << INT_MAX << " " << 0U << " "
+                         << UINT_MAX;
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].text, "0 -1 -2147483648 2147483647 0 4294967295");
+}
+
+TEST_F(Logging, InsertsNothingForANullPointer) {
+  const char* none = nullptr;
+  logger_.LogInfo(kHere) << "a" << none << ara::core::internal::StringView<char>() << std::string() << "b";
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].text, "ab");
+}
+
+TEST_F(Logging, ARecordWithoutTextIsALine) {
+  {
+    const auto& stream = logger_.LogInfo(kHere);
+    (void)stream;
+  }
+  ASSERT_EQ(SplitLines(Content()).size(), 1U);
+}
+
+TEST_F(Logging, KeepsARecordOnOneLine) {
+  logger_.LogInfo(kHere) << "a\nb" << std::string("\r\n\x1b[31m") << "\x7f";
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].text, "a\\nb\\r\\n\\x1b[31m\\x7f");
+}
+
+TEST_F(Logging, CutsAndMarksALongRecord) {
+  const std::string full(LogStream::kTextCapacity, 'x');
+  logger_.LogInfo(kHere) << full;
+  logger_.LogInfo(kHere) << full << "y";
+  logger_.LogInfo(kHere) << full.substr(1) << 12 << "dropped" << 3U << "dropped";
+  const std::vector<Line> records = Records();
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[0].text, full);
+  EXPECT_EQ(records[1].text, full + " [cut]");
+  EXPECT_EQ(records[2].text, full.substr(1) + "1 [cut]");
+}
+
+TEST_F(Logging, KeepsTheLongestLineWithinAPipesAtomicSize) {
+  const std::string longName(5000, '\x1b');
+  InitLogging(std::string(200, 'A'), "", LogLevel::kDebug, LogMode::kFile, folder_.Path().string());
+  const std::string path = folder_.File(std::string(200, 'A') + ".log");
+  CreateLogger(std::string(100, 'L'), "", LogLevel::kVerbose)
+          .LogDebug(SourceLocation{longName.c_str(), longName.c_str(), INT_MAX})
+      << std::string(10000, 'x');
+  const std::string content = ReadFile(path);
+  EXPECT_LE(content.size(), 4096U);
+  EXPECT_THAT(content, HasSubstr(" [cut] (\\x1b"));
+  EXPECT_THAT(content, HasSubstr(":2147483647 \\x1b"));
+  EXPECT_THAT(content, EndsWith(")\n"));
+  EXPECT_THAT(content, HasSubstr(" DEBUG " + std::string(16, 'A') + " " + std::string(8, 'L') + " "));
+}
+
+TEST_F(Logging, ARecordMustPassBothThresholds) {
+  for (unsigned application = 0; application <= 6; ++application) {
+    Init(static_cast<LogLevel>(application));
+    for (unsigned own = 0; own <= 6; ++own) {
+      const Logger& logger = CreateLogger("BOTH", "", static_cast<LogLevel>(own));
+      EXPECT_FALSE(logger.IsEnabled(LogLevel::kOff));
+      for (unsigned level = 1; level <= 6; ++level) {
+        EXPECT_EQ(logger.IsEnabled(static_cast<LogLevel>(level)), level <= own && level <= application)
+            << level << " of " << own << " and " << application;
+      }
+      const std::size_t before = Records().size();
+      logger.LogError(kHere) << "E";
+      logger.LogWarn(kHere) << "W";
+      logger.LogInfo(kHere) << "I";
+      logger.LogDebug(kHere) << "D";
+      std::string written;
+      const std::vector<Line> records = Records();
+      for (std::size_t i = before; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].level.substr(0, 1), records[i].text.substr(0, 1));
+        written += records[i].text.substr(0, 1);
+      }
+      const unsigned threshold = std::min(own, application);
+      EXPECT_EQ(written, std::string("EWID").substr(0, threshold < 2 ? 0 : threshold - 1));
+    }
+  }
+}
+
+TEST_F(Logging, TheSameContextIsTheSameLoggerWithTheNewThreshold) {
+  Logger& first = CreateLogger("SAME", "one", LogLevel::kError);
+  EXPECT_FALSE(first.IsEnabled(LogLevel::kInfo));
+  Logger& second = CreateLogger("SAME", "two", LogLevel::kInfo);
+  EXPECT_EQ(&first, &second);
+  EXPECT_TRUE(first.IsEnabled(LogLevel::kInfo));
+  EXPECT_NE(&first, &CreateLogger("SAM", "", LogLevel::kInfo));
+}
+
+TEST_F(Logging, IdsAreCutAndKeepTheColumnsApart) {
+  CreateLogger("longerThanEight", "", LogLevel::kInfo).LogInfo(kHere) << "long";
+  EXPECT_EQ(&CreateLogger("longerTh", "", LogLevel::kInfo), &CreateLogger("longerThis", "", LogLevel::kInfo));
+  CreateLogger("a b\n\xc3", "", LogLevel::kInfo).LogInfo(kHere) << "odd";
+  CreateLogger("", "", LogLevel::kInfo).LogInfo(kHere) << "none";
+  const std::vector<Line> records = Records();
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[0].contextId, "longerTh");
+  EXPECT_EQ(records[1].contextId, "a_b__");
+  EXPECT_EQ(records[2].contextId, "-");
+}
+
+TEST_F(Logging, TheSettingsOfASecondCallHold) {
+  logger_.LogInfo(kHere) << "first";
+  const TemporaryFolder other;
+  InitLogging("OTHR", "", LogLevel::kWarn, LogMode::kFile, other.Path().string());
+  logger_.LogInfo(kHere) << "dropped";
+  logger_.LogWarn(kHere) << "second";
+  ASSERT_EQ(Records().size(), 1U);
+  const std::vector<Line> records = ReadLog(other.File("OTHR.log"));
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0].appId, "OTHR");
+  EXPECT_EQ(records[0].text, "second");
+
+  Init(LogLevel::kInfo, kNowhere);
+  logger_.LogError(kHere) << "nowhere";
+  Init(LogLevel::kInfo);
+  logger_.LogInfo(kHere) << "back";
+  EXPECT_EQ(ReadLog(other.File("OTHR.log")).size(), 1U);
+  EXPECT_EQ(Records().size(), 2U);
+}
+
+TEST_F(Logging, MakesNestedFoldersAndAppends) {
+  const std::string nested = folder_.File("a/b/c");
+  for (int i = 0; i < 2; ++i) {
+    InitLogging("STBM", "", LogLevel::kInfo, LogMode::kFile, nested);
+    logger_.LogInfo(kHere) << "text";
+  }
+  EXPECT_EQ(ReadLog(nested + "/STBM.log").size(), 2U);
+}
+
+TEST_F(Logging, MovesAFileAwayThatIsPastTenMebibytes) {
+  constexpr std::uintmax_t kLimit = 10485760;
+  const std::string path = folder_.File("STBM.log");
+  std::filesystem::resize_file(path, kLimit);
+  Init(LogLevel::kInfo);
+  EXPECT_FALSE(std::filesystem::exists(path + ".1"));
+  logger_.LogInfo(kHere) << "past";
+  Init(LogLevel::kInfo);
+  EXPECT_GT(std::filesystem::file_size(path + ".1"), kLimit);
+  EXPECT_EQ(std::filesystem::file_size(path), 0U);
+  logger_.LogInfo(kHere) << "text";
+  EXPECT_EQ(Records().size(), 1U);
+
+  std::filesystem::resize_file(path, kLimit + 1);
+  Init(LogLevel::kInfo);
+  EXPECT_EQ(std::filesystem::file_size(path + ".1"), kLimit + 1) << "the one moved before is replaced";
+}
+
+TEST_F(Logging, KeepsErrno) {
+  errno = EDOM;
+  logger_.LogInfo(kHere) << "text";
+  EXPECT_EQ(errno, EDOM);
+  logger_.LogDebug(kHere) << "dropped";
+  EXPECT_EQ(errno, EDOM);
+
+  std::filesystem::create_symlink("/dev/full", folder_.File("FULL.log"));
+  InitLogging("FULL", "", LogLevel::kInfo, LogMode::kFile, folder_.Path().string());
+  testing::internal::CaptureStderr();
+  errno = EDOM;
+  logger_.LogInfo(kHere) << "lost";
+  EXPECT_EQ(errno, EDOM);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("No space left on device"));
+}
+
+TEST_F(Logging, HandsARecordOverInOneWrite) {
+#if __has_feature(undefined_behavior_sanitizer)
+  GTEST_SKIP() << "the sanitizer's own checks write";
+#endif
+  const auto writes = [] {
+    const std::string counters = ReadFile("/proc/thread-self/io");
+    const std::size_t at = counters.find("syscw: ");
+    return at == std::string::npos ? -1 : std::stol(counters.substr(at + std::strlen("syscw: ")));
+  };
+  if (writes() < 0) GTEST_SKIP() << "this kernel does not count writes";
+  const long before = writes();
+  logger_.LogInfo(kHere) << "a record" << 1 << std::string(2000, 'x') << 2U;
+  EXPECT_EQ(writes() - before, 1);
+  logger_.LogDebug(kHere) << "of a disabled level";
+  EXPECT_EQ(writes() - before, 1);
+}
+
+TEST_F(Logging, AllocatesNothingForARecord) {
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "the sanitizer has the allocator";
+  const std::string longText(5000, '\n');
+  long before = log_test::AllocationsOfThisThread();
+  const auto probe = std::make_unique<std::string>(1000, 'x');
+  ASSERT_EQ(log_test::AllocationsOfThisThread() - before, 2) << "the counter does not count";
+
+  Init(LogLevel::kDebug, LogMode::kFile | LogMode::kConsole);
+  testing::internal::CaptureStderr();
+  before = log_test::AllocationsOfThisThread();
+  CreateLogger("ALLO", "", LogLevel::kVerbose).LogDebug(kHere) << longText << 1 << 2U << "text";
+  logger_.LogInfo(kHere) << *probe << -1;
+  const long allocations = log_test::AllocationsOfThisThread() - before;
+  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(SplitLines(testing::internal::GetCapturedStderr()).size(), 2U);
+
+  std::filesystem::create_symlink("/dev/full", folder_.File("FULL.log"));
+  InitLogging("FULL", "", LogLevel::kInfo, LogMode::kFile, folder_.Path().string());
+  testing::internal::CaptureStderr();
+  before = log_test::AllocationsOfThisThread();
+  logger_.LogInfo(kHere) << "lost";
+  EXPECT_EQ(log_test::AllocationsOfThisThread() - before, 0) << "a lost record";
+  testing::internal::GetCapturedStderr();
+}
+
+TEST_F(Logging, TheConsoleIsStandardErrorAndTheFileStaysWhole) {
+  Init(LogLevel::kInfo, LogMode::kFile | LogMode::kConsole);
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  logger_.LogInfo(kHere) << "both";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), Content());
+  ASSERT_EQ(Records().size(), 1U);
+}
+
+const Logger* handlerLogger = nullptr;
+
+void LogInHandler(int signal) {
+  errno = 0;  // what a handler may do to a program that is not careful
+  handlerLogger->LogError(kHere) << "inner " << signal;
+}
+
+TEST_F(Logging, AHandlerLogsInTheMiddleOfARecord) {
+  handlerLogger = &logger_;
+  const auto old = std::signal(SIGUSR1, LogInHandler);
+  const auto interrupted = [](const char* text) {
+    (void)std::raise(SIGUSR1);
+    return text;
+  };
+  logger_.LogInfo(kHere) << "outer " << interrupted("one") << interrupted(" two");
+  (void)std::signal(SIGUSR1, old);
+  const std::vector<Line> records = Records();
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[0].text, "inner " + std::to_string(SIGUSR1));
+  EXPECT_EQ(records[1].text, records[0].text);
+  EXPECT_EQ(records[2].text, "outer one two");
+}
+
+TEST_F(Logging, ItsFileIsNotInheritedByAnotherProgram) {
+  logger_.LogInfo(kHere) << "text";
+  const std::string target = std::filesystem::canonical(folder_.File("STBM.log")).string();
+  int found = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    if (std::filesystem::read_symlink(entry.path(), error).string() != target) continue;
+    ++found;
+    const std::string info = ReadFile("/proc/self/fdinfo/" + entry.path().filename().string());
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(info, match, std::regex(R"(flags:\s+([0-7]+))"))) << info;
+    const int flags = std::stoi(match[1], nullptr, 8);
+    EXPECT_NE(flags & O_CLOEXEC, 0);
+    EXPECT_NE(flags & O_APPEND, 0);
+  }
+  EXPECT_EQ(found, 1);
+}
+
+}  // namespace
+}  // namespace ara::log
