@@ -185,7 +185,7 @@ class QetYamlBuilder {
     const auto& scalar = event->data.scalar;
     entry.scalar.assign(reinterpret_cast<const char*>(scalar.value), scalar.length);
     const std::string tag = Text(scalar.tag);
-    const bool plainNull = scalar.plain_implicit != 0 &&
+    const bool plainNull = scalar.style == YAML_PLAIN_SCALAR_STYLE && tag.empty() &&
                            (entry.scalar.empty() || entry.scalar == "~" || entry.scalar == "null" ||
                             entry.scalar == "Null" || entry.scalar == "NULL");
     entry.kind = plainNull || tag == YAML_NULL_TAG ? Kind::kNull : Kind::kScalar;
