@@ -117,10 +117,10 @@ int main(int argc, char** argv) {
   Require(Ormis::QetInitialize(process, {}) == 0 && Ormis::QetCreateContext(context) == 0 &&
               Ormis::QetSetCurrentContext(context) == 0 && Ormis::QetCreateChannel(channel) == 0,
           "starting the platform");
-  (void)std::printf("%-28s   %12s   %12s   %6s   %14s\n", "RGB24, median of rounds", "QetImageResize", "sws area",
-                    "ratio", "max difference");
-  for (const Case& sizes : {Case{1920, 1080, 416, 234}, Case{1920, 1080, 960, 540}, Case{1920, 1080, 417, 235},
-                            Case{416, 234, 1920, 1080}}) {
+  (void)std::printf("%-28s   %12s   %12s   %6s   %14s\n", "RGB24, median of rounds", "QetImageResize",
+                    "sws area", "ratio", "max difference");
+  for (const Case& sizes : {Case{1920, 1080, 416, 234}, Case{1920, 1080, 960, 540},
+                            Case{1920, 1080, 417, 235}, Case{416, 234, 1920, 1080}}) {
     Measure(channel, sizes, rounds);
   }
   Require(Ormis::QetDestroyChannel(channel) == 0 && Ormis::QetDestroyContext(context) == 0 &&

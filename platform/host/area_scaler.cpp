@@ -7,17 +7,14 @@ namespace Ormis::host {
 
 namespace {
 
-/// sums[i] = sum of weights[k] * rows[k][i]. A loop over bytes with constant bounds inside: it is compiled
-/// to vector instructions.
-template <typename Sum, int kRows, bool kAdd>
-void WeighRows(const std::uint8_t* const* rows, const Sum* weights, std::size_t length,
-               Sum* __restrict sums) {
+enum class RowUse { kSet, kAdd };
+
+/// sums[i] = or += weight * row[i]. Compiled to vector instructions: that is what makes the scaler fast.
+template <RowUse use, typename Sum>
+void WeighRow(const std::uint8_t* __restrict row, Sum weight, std::size_t length, Sum* __restrict sums) {
   for (std::size_t i = 0; i < length; ++i) {
-    Sum sum = kAdd ? sums[i] : Sum{0};
-    for (int row = 0; row < kRows; ++row) {
-      sum = static_cast<Sum>(sum + static_cast<Sum>(weights[row] * rows[row][i]));
-    }
-    sums[i] = sum;
+    const auto product = static_cast<Sum>(weight * row[i]);
+    sums[i] = use == RowUse::kSet ? product : static_cast<Sum>(sums[i] + product);
   }
 }
 
@@ -65,12 +62,11 @@ void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, c
   for (std::uint32_t y = 0; y < to.height; ++y) {
     const Span span = SpanAt(rows, y);
     const std::uint8_t* row = source + span.first * length;
-    auto weight = static_cast<Sum>(span.firstWeight);
-    WeighRows<Sum, 1, false>(&row, &weight, length, sums);
+    WeighRow<RowUse::kSet>(row, static_cast<Sum>(span.firstWeight), length, sums);
     for (std::uint32_t at = span.first + 1; at <= span.last; ++at) {
       row += length;
-      weight = static_cast<Sum>(at == span.last ? span.lastWeight : rows.sourceUnits);
-      WeighRows<Sum, 1, true>(&row, &weight, length, sums);
+      const std::uint32_t weight = at == span.last ? span.lastWeight : rows.sourceUnits;
+      WeighRow<RowUse::kAdd>(row, static_cast<Sum>(weight), length, sums);
     }
     for (std::uint32_t x = 0; x < to.width; ++x) {
       const Span column = columns_[x];

@@ -25,6 +25,9 @@ std::int32_t Guarded(const char* operation, Body&& body) {
   } catch (const std::exception& error) {
     Log().LogError(here) << operation << ": " << error.what();
     return kQetInternal;
+  } catch (...) {
+    Log().LogError(here) << operation << ": an exception of an unknown kind";
+    return kQetInternal;
   }
 }
 

@@ -1,9 +1,10 @@
 #include "image.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <new>
 #include <string>
+#include <utility>
 
 #include "diagnostics.h"
 #include "state.h"
@@ -179,22 +180,22 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
     made->width = image.width;
     made->height = image.height;
     made->type = image.imageType;
-    const std::size_t bytes = made->shape.bytes;
-    const std::size_t room = (bytes + host::kAlignment - 1) / host::kAlignment * host::kAlignment;
-    made->pixels.reset(static_cast<std::uint8_t*>(std::aligned_alloc(host::kAlignment, room)));
-    if (made->pixels == nullptr) {
+    void* memory = nullptr;
+    if (::posix_memalign(&memory, host::kAlignment, made->shape.bytes) != 0) {
       return QET_FAIL(kOperation, kQetOutOfMemory,
                       "no memory for an image of " << host::SizeText(image.width, image.height) << ", "
                                                    << made->shape.bytes << " bytes");
     }
+    made->pixels.reset(static_cast<std::uint8_t*>(memory));
     // Written, not obtained zeroed: an untouched page is the one shared zero page, and an engine that reads
     // it would stay in the cache.
-    std::memset(made->pixels.get(), 0, room);
+    std::memset(memory, 0, made->shape.bytes);
 
+    const std::uint32_t bytes = made->shape.bytes;
     std::uint8_t* const data = made->pixels.get();
     host::images.Add(data, std::move(made));
     image.data = data;
-    image.dataSize = static_cast<std::uint32_t>(bytes);
+    image.dataSize = bytes;
     return kQetOk;
   });
 }

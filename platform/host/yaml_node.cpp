@@ -58,12 +58,13 @@ class QetYamlBuilder {
   QetYamlBuilder(const QetYamlBuilder&) = delete;
   QetYamlBuilder& operator=(const QetYamlBuilder&) = delete;
 
-  QetYamlNode Build() {
+  /// Reads the document into `root`, an empty node.
+  void Build(QetYamlNode& root) {
     Expect(YAML_STREAM_START_EVENT);
-    if (Next().type() == YAML_STREAM_END_EVENT) return {};
+    if (Next().type() == YAML_STREAM_END_EVENT) return;
     const Event first = Next();
-    const std::size_t root = ParseNode(first, 1);
-    const Kind kind = entries_[root].kind;
+    const std::size_t top = ParseNode(first, 1);
+    const Kind kind = entries_[top].kind;
     if (kind != Kind::kMapping && kind != Kind::kNull) {
       Fail(first.Start(), std::string("the top level is a ") +
                               (kind == Kind::kSequence ? "sequence" : "scalar") + ", expected a mapping");
@@ -71,7 +72,7 @@ class QetYamlBuilder {
     Expect(YAML_DOCUMENT_END_EVENT);
     const Event end = Next();
     if (end.type() != YAML_STREAM_END_EVENT) Fail(end.Start(), "a second document, expected one");
-    return Expand(root);
+    Expand(top, root);
   }
 
  private:
@@ -184,7 +185,7 @@ class QetYamlBuilder {
     const auto& scalar = event->data.scalar;
     entry.scalar.assign(reinterpret_cast<const char*>(scalar.value), scalar.length);
     const std::string tag = Text(scalar.tag);
-    const bool plainNull = scalar.plain_implicit != 0 &&
+    const bool plainNull = scalar.style == YAML_PLAIN_SCALAR_STYLE && tag.empty() &&
                            (entry.scalar.empty() || entry.scalar == "~" || entry.scalar == "null" ||
                             entry.scalar == "Null" || entry.scalar == "NULL");
     entry.kind = plainNull || tag == YAML_NULL_TAG ? Kind::kNull : Kind::kScalar;
@@ -224,13 +225,12 @@ class QetYamlBuilder {
     }
   }
 
-  QetYamlNode Expand(std::size_t index) const {
+  /// Fills the nodes where they stay: a node that is returned is copied with all below it.
+  void Expand(std::size_t index, QetYamlNode& node) const {
     const Entry& entry = entries_[index];
-    QetYamlNode node;
     node.kind_ = entry.kind;
     node.scalar_ = entry.scalar;
-    for (const auto& [key, child] : entry.children) node.children[key] = Expand(child);
-    return node;
+    for (const auto& [key, child] : entry.children) Expand(child, node.children[key]);
   }
 
   const std::string& path_;
@@ -263,7 +263,7 @@ bool ToUnsigned(const std::string& text, unsigned int& out) {
 
 QetYamlNode::QetYamlNode(const std::string& path) {
   const std::string text = ReadFile(path);
-  *this = QetYamlBuilder(path, text).Build();
+  QetYamlBuilder(path, text).Build(*this);
 }
 
 QetYamlNode::QetYamlNode() = default;

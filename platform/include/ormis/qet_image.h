@@ -57,34 +57,44 @@ static_assert(offsetof(ImageData, offset00) == 0x00 && offsetof(ImageData, offse
               "layout of ImageData");
 
 /// Creates a media-unit channel. `channel` holds the number that the caller would like; the platform may
-/// replace it, and the number left in it names the channel from then on. Requires: a current context.
-/// Threads: any. Returns 0, or a code and leaves `channel` as it was.
+/// replace it, and the number left in it names the channel from then on. The host has the channels 0 to 255
+/// in every process: a number that is taken or is none of these, a negative one for instance, becomes the
+/// lowest free one. Requires: a current context. Threads: any. Returns 0, or a code (kQetBusy when all are
+/// taken) and leaves `channel` as it was.
 ORMIS_API std::int32_t QetCreateChannel(int& channel);
 
-/// Destroys a channel. Requires: a current context. Returns 0, or a code.
+/// Destroys a channel; an operation that runs on it in another thread still ends well. Requires: a current
+/// context. Threads: any. Returns 0, or a code.
 ORMIS_API std::int32_t QetDestroyChannel(int channel);
 
 /// Allocates media-unit memory for `image` (width, height, bufferMode 1 and imageType set, data null) and
 /// fills `data` and `dataSize`. The memory is zeroed, really backed by pages, aligned to 4096 bytes, and
-/// belongs to the platform: free it with QetImageDestroy. Requires: a current context. Threads: any. Returns
-/// 0, or a code and leaves `image` as it was.
+/// belongs to the platform: free it with QetImageDestroy. From then on the record's fields stay as they are:
+/// the operations below refuse a record that no longer says what was allocated. At most 4294967295 bytes; the
+/// semi-planar types need an even width, those of 4:2:0 an even height, too. Requires: a current context.
+/// Threads: any. Returns 0, or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageMallocAligned(ImageData& image);
 
 /// Copies the pixels of `source` into the media-unit memory of `destination` (same size and type).
-/// Both may be the same record: its pixels are then read and written in place and stay as they are.
-/// Requires: a current context; `destination` from QetImageMallocAligned. Returns 0, or a code.
+/// `source` is an image of QetImageMallocAligned or has kQetBufferUser and at least the bytes of its size and
+/// type. Both may be the same record: its pixels are then read and written in place and stay as they are.
+/// Requires: a current context; `destination` from QetImageMallocAligned. Threads: any; no two calls may
+/// share a destination. Returns 0, or a code and leaves the destination as it was.
 ORMIS_API std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination);
 
 /// Scales `source` into `destination` on `channel`, to the destination's width and height; returns when the
-/// result is in place. Both are of one image type and from QetImageMallocAligned. `timeoutMs` is always -1:
-/// wait for the result (the host engine works on the calling thread and knows no other).
-/// Requires: a current context. Threads: any, each with its own context; no two calls may share a
-/// destination. Returns 0, or a code and leaves the destination's pixels unspecified.
+/// result is in place. Both are of one image type, from QetImageMallocAligned and not the same image.
+/// `timeoutMs` is always -1: wait for the result (the host engine works on the calling thread and knows no
+/// other). The host's sides are at most 16777216 pixels; its results are exact, rounded to nearest, a half
+/// upwards. Requires: a current context. Threads: any, each with its own context; no two calls may share a
+/// destination; calls on one channel run one after the other. Returns 0, or a code and leaves the
+/// destination's pixels unspecified.
 ORMIS_API std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                                       QetImageInterpolationType interpolation, int timeoutMs);
 
-/// Frees what QetImageMallocAligned allocated and clears `data` and `dataSize`.
-/// Requires: a current context. Returns 0, or a code and leaves `image` as it was.
+/// Frees what QetImageMallocAligned allocated and clears `data` and `dataSize`. Only `data` counts: other
+/// fields may have been changed. Requires: a current context. Threads: any. Returns 0, or a code and leaves
+/// `image` as it was.
 ORMIS_API std::int32_t QetImageDestroy(ImageData& image);
 
 }  // namespace Ormis

@@ -10,11 +10,13 @@ namespace Ormis {
 
 /// A node of a parsed YAML document; a value: copies are independent. Reading is const and safe from any
 /// thread. Limits of a document, against files that are hostile or simply no configuration: one document, 64
-/// levels deep, 10,000 nodes, 1 MiB; duplicate keys, undefined and self-referencing aliases are errors.
+/// levels deep, 10,000 nodes (keys and items count, an alias counts as what it names), 1 MiB. Errors are
+/// also: duplicate keys, keys that are no scalars, undefined and self-referencing aliases. Tags other than
+/// !!null and !!str are ignored; "<<" is a key like any other.
 class ORMIS_API QetYamlNode {
  public:
   /// Loads and parses the file; this is its root node, a mapping (or nothing, for an empty document).
-  /// Throws std::runtime_error, with line and column where it is about the text ("c.yaml:7:3: ...").
+  /// Throws std::runtime_error, with line and column, from 1, where it is about the text ("c.yaml:7:3: ...").
   explicit QetYamlNode(const std::string& path);
   QetYamlNode();
   QetYamlNode(const QetYamlNode& other);

@@ -1,0 +1,177 @@
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform_test.h"
+
+namespace Ormis::test {
+namespace {
+
+using testing::HasSubstr;
+
+class ContextTest : public PlatformTest {};
+
+TEST(PlatformNotStarted, EveryOperationSaysSo) {
+  QetContext context;
+  int channel = 0;
+  ImageData image = Record(2, 2, kQetImageBgr888);
+  const ImageData other;
+  const std::string reason = "call QetInitialize first";
+  ExpectFailure(kQetNotInitialized, "QetRelease", reason, [&] { return QetRelease(context); });
+  ExpectFailure(kQetNotInitialized, "QetCreateContext", reason, [&] { return QetCreateContext(context); });
+  ExpectFailure(kQetNotInitialized, "QetSetCurrentContext", reason,
+                [&] { return QetSetCurrentContext(context); });
+  ExpectFailure(kQetNotInitialized, "QetDestroyContext", reason, [&] { return QetDestroyContext(context); });
+  ExpectFailure(kQetNotInitialized, "QetCreateChannel", reason, [&] { return QetCreateChannel(channel); });
+  ExpectFailure(kQetNotInitialized, "QetDestroyChannel", reason, [&] { return QetDestroyChannel(channel); });
+  ExpectFailure(kQetNotInitialized, "QetImageMallocAligned", reason,
+                [&] { return QetImageMallocAligned(image); });
+  ExpectFailure(kQetNotInitialized, "QetMemcpyToKivu", reason, [&] { return QetMemcpyToKivu(other, image); });
+  ExpectFailure(kQetNotInitialized, "QetImageResize", reason,
+                [&] { return QetImageResize(channel, other, image, kQetInterpolationArea, -1); });
+  ExpectFailure(kQetNotInitialized, "QetImageDestroy", reason, [&] { return QetImageDestroy(image); });
+  EXPECT_EQ(image.data, nullptr);
+}
+
+TEST(PlatformNotStarted, InitializeChecksItsParameters) {
+  QetContext context;
+  QetContextParameters parameters;
+  parameters.configuration = "fast";
+  ExpectFailure(kQetInvalidArgument, "QetInitialize",
+                "unknown configuration 'fast', expected the empty string",
+                [&] { return QetInitialize(context, parameters); });
+  parameters = {};
+  parameters.deviceId = 3;
+  ExpectFailure(kQetInvalidArgument, "QetInitialize", "no device 3, expected 0",
+                [&] { return QetInitialize(context, parameters); });
+  EXPECT_EQ(context.id, 0U);
+}
+
+TEST_F(ContextTest, SecondInitializeIsRefusedAndChangesNothing) {
+  QetContext second;
+  ExpectFailure(kQetAlreadyInitialized, "QetInitialize", "initialised already",
+                [&] { return QetInitialize(second, {}); });
+  EXPECT_EQ(second.id, 0U);
+  int channel = 0;
+  EXPECT_EQ(QetCreateChannel(channel), kQetOk);
+  EXPECT_EQ(QetDestroyChannel(channel), kQetOk);
+}
+
+TEST_F(ContextTest, ReleaseWantsTheContextOfInitialize) {
+  ExpectFailure(kQetUnknownContext, "QetRelease", "not the context that QetInitialize filled",
+                [&] { return QetRelease(context_); });
+}
+
+TEST_F(ContextTest, StartsAgainAfterRelease) {
+  ASSERT_EQ(QetRelease(process_), kQetOk);
+  EXPECT_EQ(process_.id, 0U);
+  ExpectFailure(kQetNotInitialized, "QetRelease", "call QetInitialize first",
+                [&] { return QetRelease(process_); });
+  ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
+  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", "no live context",
+                [&] { return QetSetCurrentContext(context_); });
+}
+
+TEST_F(ContextTest, CreateWantsAnEmptyRecord) {
+  ExpectFailure(kQetAlreadyInitialized, "QetCreateContext", "expected an empty one",
+                [&] { return QetCreateContext(context_); });
+  QetContext other;
+  other.deviceId = 1;
+  ExpectFailure(kQetInvalidArgument, "QetCreateContext", "no device 1, expected 0",
+                [&] { return QetCreateContext(other); });
+}
+
+TEST_F(ContextTest, UnknownAndDestroyedContextsAreRefused) {
+  QetContext unknown;
+  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", "no live context 0",
+                [&] { return QetSetCurrentContext(unknown); });
+  ExpectFailure(kQetUnknownContext, "QetDestroyContext", "no live context 0",
+                [&] { return QetDestroyContext(unknown); });
+  QetContext copy = context_;
+  ASSERT_EQ(QetDestroyContext(context_), kQetOk);
+  EXPECT_EQ(context_.id, 0U);
+  ExpectFailure(kQetUnknownContext, "QetDestroyContext", "no live context",
+                [&] { return QetDestroyContext(copy); });
+}
+
+TEST_F(ContextTest, OperationsWantAContextOfTheirOwnThread) {
+  ImageData image = Record(2, 2, kQetImageBgr888);
+  const std::string reason = "no live context is bound to this thread";
+  std::thread([&] {
+    int channel = 0;
+    ExpectFailure(kQetNoContext, "QetCreateChannel", reason, [&] { return QetCreateChannel(channel); });
+    ExpectFailure(kQetNoContext, "QetDestroyChannel", reason, [&] { return QetDestroyChannel(channel); });
+    ExpectFailure(kQetNoContext, "QetImageMallocAligned", reason,
+                  [&] { return QetImageMallocAligned(image); });
+    ExpectFailure(kQetNoContext, "QetMemcpyToKivu", reason, [&] { return QetMemcpyToKivu(image, image); });
+    ExpectFailure(kQetNoContext, "QetImageResize", reason,
+                  [&] { return QetImageResize(0, image, image, kQetInterpolationArea, -1); });
+    ExpectFailure(kQetNoContext, "QetImageDestroy", reason, [&] { return QetImageDestroy(image); });
+  }).join();
+}
+
+TEST_F(ContextTest, DestroyUnbindsFromEveryThread) {
+  int channel = 0;
+  QetContext copy = context_;
+  std::thread([&] { EXPECT_EQ(QetDestroyContext(copy), kQetOk); }).join();
+  ExpectFailure(kQetNoContext, "QetCreateChannel", "no live context",
+                [&] { return QetCreateChannel(channel); });
+}
+
+TEST_F(ContextTest, BindingReplacesAnEarlierOne) {
+  QetContext second;
+  ASSERT_EQ(QetCreateContext(second), kQetOk);
+  ASSERT_EQ(QetSetCurrentContext(second), kQetOk);
+  ASSERT_EQ(QetDestroyContext(context_), kQetOk);
+  int channel = 0;
+  EXPECT_EQ(QetCreateChannel(channel), kQetOk);
+  ASSERT_EQ(QetDestroyContext(second), kQetOk);
+  ExpectFailure(kQetNoContext, "QetDestroyChannel", "no live context",
+                [&] { return QetDestroyChannel(channel); });
+}
+
+// A worker whose resize fails leaves its images, its channel and its context as they are.
+TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
+  std::vector<std::thread> workers;
+  for (int i = 0; i < 3; ++i) {
+    workers.emplace_back([i] {
+      QetContext context;
+      EXPECT_EQ(QetCreateContext(context), kQetOk);
+      EXPECT_EQ(QetSetCurrentContext(context), kQetOk);
+      int channel = i;
+      EXPECT_EQ(QetCreateChannel(channel), kQetOk);
+      ImageData image = Record(100, 10, kQetImageBgr888);
+      EXPECT_EQ(QetImageMallocAligned(image), kQetOk);
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+
+  CapturedStandardError log;
+  EXPECT_EQ(QetRelease(process_), kQetOk);
+  EXPECT_THAT(log.Text(), HasSubstr("QetRelease: gave back what was left: 3 images (9000 bytes), 3 channels, "
+                                    "4 contexts\n"));
+}
+
+TEST_F(ContextTest, ReleaseWithNothingLeftIsSilent) {
+  ASSERT_EQ(QetDestroyContext(context_), kQetOk);
+  CapturedStandardError log;
+  EXPECT_EQ(QetRelease(process_), kQetOk);
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(ContextTest, WhatReleaseGaveBackIsUnknownAfterwards) {
+  int channel = 0;
+  ImageData image = Record(8, 8, kQetImageBgr888);
+  ASSERT_EQ(QetCreateChannel(channel), kQetOk);
+  ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+  ASSERT_EQ(QetRelease(process_), kQetOk);
+  ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
+  const ThreadContext context;
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+                [&] { return QetImageDestroy(image); });
+  ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", "no channel 0",
+                [&] { return QetDestroyChannel(channel); });
+}
+
+}  // namespace
+}  // namespace Ormis::test

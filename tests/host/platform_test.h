@@ -1,0 +1,114 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "ormis/ormis.h"
+
+namespace Ormis::test {
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HOST_TEST_SANITIZED 1
+#endif
+#endif
+
+/// Collects what is written to standard error while it lives: before logging is started, every record.
+class CapturedStandardError {
+ public:
+  CapturedStandardError() : file_(std::tmpfile()), saved_(dup(STDERR_FILENO)) {
+    (void)std::fflush(stderr);
+    EXPECT_GE(dup2(fileno(file_), STDERR_FILENO), 0);
+  }
+  ~CapturedStandardError() {
+    Restore();
+    (void)std::fclose(file_);
+  }
+  CapturedStandardError(const CapturedStandardError&) = delete;
+  CapturedStandardError& operator=(const CapturedStandardError&) = delete;
+
+  /// Ends the collection.
+  std::string Text() {
+    Restore();
+    std::string text;
+    std::rewind(file_);
+    for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) text.push_back(static_cast<char>(c));
+    return text;
+  }
+
+ private:
+  void Restore() {
+    if (saved_ < 0) return;
+    (void)std::fflush(stderr);
+    EXPECT_GE(dup2(saved_, STDERR_FILENO), 0);
+    (void)close(saved_);
+    saved_ = -1;
+  }
+
+  std::FILE* file_;
+  int saved_;
+};
+
+/// Expects that `call` returns `code` and writes exactly one line, with `operation` and `part` in it.
+template <typename Call>
+void ExpectFailure(std::int32_t code, const std::string& operation, const std::string& part, Call&& call) {
+  CapturedStandardError log;
+  const std::int32_t status = call();
+  const std::string text = log.Text();
+  EXPECT_EQ(status, code) << text;
+  EXPECT_THAT(text, testing::HasSubstr(operation + ": "));
+  EXPECT_THAT(text, testing::HasSubstr(part));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+}
+
+/// A record as callers make it before QetImageMallocAligned.
+inline ImageData Record(std::uint32_t width, std::uint32_t height, std::uint32_t imageType) {
+  ImageData image;
+  image.width = width;
+  image.height = height;
+  image.bufferMode = kQetBufferPlatform;
+  image.imageType = imageType;
+  return image;
+}
+
+/// The platform started, with a context bound to the test's thread.
+class PlatformTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
+    ASSERT_EQ(QetCreateContext(context_), kQetOk);
+    ASSERT_EQ(QetSetCurrentContext(context_), kQetOk);
+  }
+  void TearDown() override {
+    if (process_.id != 0) {
+      EXPECT_EQ(QetRelease(process_), kQetOk);
+    }
+  }
+
+  QetContext process_;
+  QetContext context_;
+};
+
+/// A context of its own for a thread of a test.
+class ThreadContext {
+ public:
+  ThreadContext() {
+    EXPECT_EQ(QetCreateContext(context_), kQetOk);
+    EXPECT_EQ(QetSetCurrentContext(context_), kQetOk);
+  }
+  ~ThreadContext() { EXPECT_EQ(QetDestroyContext(context_), kQetOk); }
+  ThreadContext(const ThreadContext&) = delete;
+  ThreadContext& operator=(const ThreadContext&) = delete;
+
+ private:
+  QetContext context_;
+};
+
+}  // namespace Ormis::test
