@@ -1,6 +1,5 @@
 #include "fake_log.h"
 
-#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -47,7 +46,12 @@ void Insert(const void* stream, char kind, Piece piece) {
 
 constexpr std::size_t kMaxLoggers = 16;
 ara::log::Logger loggers[kMaxLoggers];
+std::string contextIds[kMaxLoggers];
 std::size_t loggerCount = 0;
+
+const std::string& ContextIdOf(const ara::log::Logger& logger) {
+  return contextIds[&logger - loggers];
+}
 
 }  // namespace
 
@@ -117,8 +121,8 @@ namespace ara::log {
 LogStream::LogStream(const Logger& logger, LogLevel level, const SourceLocation& location)
     : logger_(logger), location_(location), level_(level), enabled_(true) {
   const std::lock_guard<std::mutex> lock(fakeLog::Mutex());
-  fakeLog::TheState().open[this] =
-      fakeLog::Record{logger_.contextId_, level_, location_.file, location_.function, location_.line, {}, {}};
+  fakeLog::TheState().open[this] = fakeLog::Record{
+      fakeLog::ContextIdOf(logger_), level_, location_.file, location_.function, location_.line, {}, {}};
 }
 
 LogStream::~LogStream() {
@@ -153,7 +157,7 @@ LogStream& LogStream::operator<<(unsigned int number) {
 
 bool Logger::IsEnabled(LogLevel level) const {
   fakeLog::Note("IsEnabled " + std::to_string(static_cast<int>(level)));
-  return static_cast<std::uint8_t>(level) <= level_;
+  return level <= level_.load();
 }
 
 LogStream Logger::LogError(const SourceLocation& location) const {
@@ -189,13 +193,13 @@ Logger& CreateLogger(ara::core::internal::StringView<char> contextId,
       {id, std::string(contextDescription.data(), contextDescription.size()), level});
   Logger* logger = nullptr;
   for (std::size_t i = 0; i < fakeLog::loggerCount; ++i) {
-    if (id == fakeLog::loggers[i].contextId_) logger = &fakeLog::loggers[i];
+    if (id == fakeLog::contextIds[i]) logger = &fakeLog::loggers[i];
   }
   if (logger == nullptr) {
+    fakeLog::contextIds[fakeLog::loggerCount] = id;
     logger = &fakeLog::loggers[fakeLog::loggerCount++];
-    std::memcpy(logger->contextId_, id.data(), id.size());
   }
-  logger->level_ = static_cast<std::uint8_t>(level);
+  logger->level_ = level;
   return *logger;
 }
 
