@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <set>
+#include <thread>
 
 namespace {
 
@@ -15,6 +18,9 @@ std::atomic<std::uint64_t> reads{0};
 std::mutex mutex;
 std::vector<std::int64_t> sleeps;
 std::function<void(std::size_t)> sleepHook;
+std::condition_variable sleeperArrived;
+std::set<std::thread::id> sleepers;
+std::size_t sleepersAwaited = 0;
 
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 
@@ -42,7 +48,10 @@ int nanosleep(const struct timespec* span, struct timespec* rest) {
   std::function<void(std::size_t)> hook;
   std::size_t count = 0;
   {
-    const std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
+    sleepers.insert(std::this_thread::get_id());
+    sleeperArrived.notify_all();
+    sleeperArrived.wait(lock, [] { return sleepers.size() >= sleepersAwaited; });
     sleeps.push_back(ns);
     count = sleeps.size();
     hook = sleepHook;
@@ -58,6 +67,8 @@ VirtualClock::VirtualClock() {
   const std::lock_guard<std::mutex> lock(mutex);
   sleeps.clear();
   sleepHook = nullptr;
+  sleepers.clear();
+  sleepersAwaited = 0;
   reads = 0;
   nowNs = 1000 * kNsPerSecond;
   active = true;
@@ -86,4 +97,9 @@ std::uint64_t VirtualClock::Reads() const {
 void VirtualClock::OnSleep(std::function<void(std::size_t)> hook) {
   const std::lock_guard<std::mutex> lock(mutex);
   sleepHook = std::move(hook);
+}
+
+void VirtualClock::WaitForSleepers(std::size_t threads) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  sleepersAwaited = threads;
 }

@@ -61,6 +61,7 @@ TEST_F(LifecycleTest, WithoutAnArgumentTheUsageGoesToStandardErrorAndTheStatusIs
 }
 
 TEST_F(LifecycleTest, WholeRunWithoutSections) {
+  clock_.WaitForSleepers(2);
   EXPECT_EQ(Run(""), 0);
   EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize", "QetRelease"));
   EXPECT_THAT(Infos(), ElementsAre("Init() | QetInitialize success"));
@@ -132,6 +133,7 @@ TEST_F(LifecycleTest, RunTimesOfFortyAndMoreAreKeptWithoutAWarning) {
 }
 
 TEST_F(LifecycleTest, AbsentRunTimesAreNotWarnedAbout) {
+  clock_.WaitForSleepers(2);
   EXPECT_EQ(Run("logLevel: 5\n"), 0);
   EXPECT_THAT(Warnings(), IsEmpty());
   // 40 s of sleeping raise the flag; limiter and reporter share the virtual seconds.
@@ -206,6 +208,7 @@ TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseGiveMinusOne) {
 }
 
 TEST_F(LifecycleTest, SigintDuringTheRunEndsIt) {
+  clock_.WaitForSleepers(2);
   clock_.OnSleep([](std::size_t n) {
     if (n == 5) std::raise(SIGINT);
   });

@@ -55,7 +55,7 @@ TEST_F(RegistryTest, ThreadListHoldsWorkersThenAveragerPerStressThenReporterAndL
       for (std::uint32_t i = 0; i < reg->threadNum; ++i) threads.emplace_back([] {});
     };
   }
-  benchmark.runTimes = 1;
+  clock_.WaitForSleepers(4);  // two averagers, reporter, limiter
   benchmark.Start();
   const std::size_t first = names[0] == "one" ? 2 : 3;
   EXPECT_THAT(sizesAtLaunch, ElementsAre(0, first + 1));
@@ -68,6 +68,7 @@ TEST_F(RegistryTest, ThreadListHoldsWorkersThenAveragerPerStressThenReporterAndL
 TEST_F(RegistryTest, LevelZeroStartsOnlyItsAverager) {
   StressBenchmark benchmark("unused.yaml");
   benchmark.stressMap["cpuStress"] = MakeRecord(0, 1000);
+  clock_.WaitForSleepers(3);
   benchmark.Start();
   EXPECT_EQ(benchmark.threads.size(), 3U);
   EXPECT_THAT(out_.str(), testing::StartsWith("cpuStress : 0.000000 fps. ispStress : 30.0 fps.\n"));
@@ -76,6 +77,7 @@ TEST_F(RegistryTest, LevelZeroStartsOnlyItsAverager) {
 
 TEST_F(RegistryTest, EmptyMapStartsReporterAndLimiterAlone) {
   StressBenchmark benchmark("unused.yaml");
+  clock_.WaitForSleepers(2);
   benchmark.Start();
   EXPECT_EQ(benchmark.threads.size(), 2U);
   EXPECT_EQ(stopFlag, 1);
