@@ -211,6 +211,7 @@ TEST_F(LifecycleTest, SigintDuringTheRunEndsIt) {
   clock_.WaitForSleepers(2);
   clock_.OnSleep([](std::size_t n) {
     if (n == 5) std::raise(SIGINT);
+    while (n > 5 && stopFlag == 0) std::this_thread::yield();
   });
   EXPECT_EQ(Run("logLevel: 5\n"), 0);
   EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize", "QetRelease"));
