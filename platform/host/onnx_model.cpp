@@ -318,6 +318,7 @@ Outcome OnnxModel::Run() {
   return {};
 }
 
+// With the platform, not when the process exits: the library's own statics may be gone by then.
 void OnnxModel::ReleaseEnvironment() {
   const std::lock_guard<std::mutex> lock(environmentMutex);
   sharedEnvironment.reset();
