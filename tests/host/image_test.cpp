@@ -53,7 +53,7 @@ TEST_F(ImageTest, MallocFillsDataAndDataSizeForEveryType) {
 }
 
 TEST_F(ImageTest, MemoryIsBackedByPagesOfItsOwn) {
-  constexpr std::uint32_t kBytes = 64U << 20;
+  constexpr std::size_t kBytes = std::size_t{64} << 20;
   ImageData image = Record(4096, 4096, kQetImageArgb8888);
   const std::size_t before = OwnMemory();
   ASSERT_NE(before, 0U);
@@ -287,6 +287,7 @@ TEST_F(ImageTest, RecordsChangedAfterTheAllocationAreRefused) {
 
 TEST_F(ImageTest, FortyThreadsAllocateCopyAndDestroy) {
   std::vector<std::thread> threads;
+  threads.reserve(40);
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([i] {
       const ThreadContext context;

@@ -209,7 +209,7 @@ TEST_F(ResizeTest, AHalfIsRoundedUpwards) {
     ImageData result = Allocate(1, height == 1 ? 1 : 2, 0);
     for (std::uint32_t y = 0; y < height; ++y) {
       const std::uint8_t rows[6] = {0, 7, 254, 1, 8, 255};
-      std::memcpy(source.data + y * 6, rows, 6);
+      std::memcpy(source.data + std::size_t{y} * 6, rows, 6);
     }
     ASSERT_EQ(Resize(source, result), kQetOk);
     EXPECT_EQ(result.data[0], 1);
@@ -297,7 +297,8 @@ TEST_F(ResizeTest, OtherInterpolationsAndTimeLimitsAreUnsupported) {
 
 TEST_F(ResizeTest, SourceAndDestinationMustBeTwoImagesOfOneType) {
   const ImageData source = Allocate(8, 8, 1);
-  const ImageData copy = source;
+  ImageData copy = source;
+  copy.offset08 = "another record";
   ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
                 [&] { return Resize(source, source); });
   ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
@@ -375,6 +376,7 @@ TEST_F(ResizeTest, FortyThreadsGetTheResultOfOne) {
   ASSERT_EQ(Resize(source, expected), kQetOk);
   ExpectAreaAverage(source, expected);
   std::vector<std::thread> threads;
+  threads.reserve(40);
   std::atomic<int> equal{0};
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([&, i] {
