@@ -106,7 +106,7 @@ TEST_F(ImageTest, MallocRefusesSizesThatOverflow) {
   for (const Size& size :
        {Size{1, 65536, 65536}, Size{1, 1431655766, 1}, Size{12, 32768, 32768}, Size{12, 1073741824, 1},
         Size{2, 65536, 65536}, Size{2, 0xfffffffe, 0xfffffffe}, Size{15, 0xffffffff, 0xffffffff},
-        Size{10, 2147483648, 1}, Size{1, 0x80000000, 0x80000000}}) {
+        Size{12, 0x80000000, 0x80000000}, Size{10, 2147483648, 1}, Size{1, 0x80000000, 0x80000000}}) {
     ImageData image = Record(size.width, size.height, size.type);
     ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected at most 4294967295 bytes",
                   [&] { return QetImageMallocAligned(image); });
