@@ -93,6 +93,7 @@ TEST_F(RandomCvImgTest, UnknownTypesFreeTheFormerBuffer) {
     Make(1920, 1080, type);
     ExpectFault("Unsported image type");
     EXPECT_THAT(events_, ElementsAre(kFreed));
+    EXPECT_THAT(fakePlatform::Names(), IsEmpty());
   }
 }
 
