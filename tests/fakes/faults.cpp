@@ -11,6 +11,8 @@ namespace {
 
 std::atomic<const std::mutex*> refusedMutex{nullptr};
 std::atomic<int> refusedLocks{0};
+std::atomic<const std::mutex*> watchedMutex{nullptr};
+std::atomic<int> watchedLocks{0};
 
 std::atomic<bool> countingStarts{false};
 std::atomic<int> starts{0};
@@ -35,6 +37,7 @@ void __wrap__ZNSt3__15mutex4lockEv(std::mutex* mutex) {
     ++refusedLocks;
     throw std::system_error(EDEADLK, std::generic_category(), "mutex lock failed");
   }
+  if (mutex == watchedMutex) ++watchedLocks;
   __real__ZNSt3__15mutex4lockEv(mutex);
 }
 
@@ -62,6 +65,19 @@ MutexFault::~MutexFault() {
 
 int MutexFault::Delivered() {
   return refusedLocks;
+}
+
+MutexWatch::MutexWatch(std::mutex& mutex) {
+  watchedLocks = 0;
+  watchedMutex = &mutex;
+}
+
+MutexWatch::~MutexWatch() {
+  watchedMutex = nullptr;
+}
+
+int MutexWatch::Locks() {
+  return watchedLocks;
 }
 
 ThreadStarts::ThreadStarts() {

@@ -17,6 +17,17 @@ class MutexFault {
   static int Delivered();
 };
 
+/// While it exists, the locks of `mutex` are counted.
+class MutexWatch {
+ public:
+  explicit MutexWatch(std::mutex& mutex);
+  ~MutexWatch();
+  MutexWatch(const MutexWatch&) = delete;
+  MutexWatch& operator=(const MutexWatch&) = delete;
+
+  static int Locks();
+};
+
 /// While it exists, thread creations are counted, and one may be refused.
 class ThreadStarts {
  public:

@@ -57,6 +57,21 @@ TEST_F(LogSiteTest, EnabledSiteEvaluatesItsPiecesOnce) {
   EXPECT_EQ(evaluations, 1);
 }
 
+TEST_F(LogSiteTest, EachStepAsksTheSingletonAgain) {
+  for (const ara::log::LogLevel level : {ara::log::LogLevel::kDebug, ara::log::LogLevel::kInfo}) {
+    SetLevel(level);
+    ara::log::Logger& other = ara::log::CreateLogger("NEXT", "", ara::log::LogLevel::kDebug);
+    fakeLog::Reset();
+    // While the site asks whether its level is enabled, another logger takes the place.
+    fakeLog::OnCall([&] { Ormis::OrmisLogger::GetInstance().logger = &other; });
+    STBM_LOG_DEBUG("text");
+    fakeLog::OnCall(nullptr);
+    ASSERT_EQ(fakeLog::Records().size(), 1U);
+    EXPECT_EQ(fakeLog::Records()[0].contextId, "NEXT");
+    EXPECT_EQ(fakeLog::Records()[0].Text().empty(), level == ara::log::LogLevel::kInfo);
+  }
+}
+
 TEST_F(LogSiteTest, SiteIsOneStatement) {
   if (evaluations < 0)
     STBM_LOG_ERROR("not reached");
