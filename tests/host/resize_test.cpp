@@ -225,7 +225,7 @@ TEST_F(ResizeTest, AHalfIsRoundedUpwards) {
   }
 }
 
-// One pixel in half a million decides: both arithmetics are exact to the last one.
+// One pixel in half a million decides: both arithmetic are exact to the last one.
 TEST_F(ResizeTest, JustBelowAHalfIsRoundedDown) {
   for (const auto& [width, height] : {std::pair{64U, 128U}, std::pair{4096U, 128U}, std::pair{2048U, 258U}}) {
     const std::uint32_t pixels = width * height;
