@@ -22,3 +22,8 @@ if(STRESS_SANITIZE)
   target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all -g)
   target_link_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE})
 endif()
+
+# Tells the fuzzers which code an input reached.
+if(STRESS_FUZZ)
+  target_compile_options(stress_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
