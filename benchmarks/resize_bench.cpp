@@ -40,10 +40,9 @@ void Paint(Ormis::ImageData& image) {
   }
 }
 
-double Median(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
-                   values.end());
-  return values[values.size() / 2];
+/// The least disturbed round: on a shared machine the others measure their neighbours.
+double Best(const std::vector<double>& values) {
+  return *std::min_element(values.begin(), values.end());
 }
 
 template <typename Body>
@@ -100,8 +99,8 @@ void Measure(int channel, const Case& sizes, int rounds) {
     maxDifference = std::max(maxDifference, std::abs(int{result.data[i]} - int{reference[i]}));
   }
   (void)std::printf("%5u x %-5u -> %4u x %-4u   %9.3f ms   %9.3f ms   %6.2f   %14d\n", sizes.sourceWidth,
-                    sizes.sourceHeight, sizes.width, sizes.height, Median(own), Median(sws),
-                    Median(sws) / Median(own), maxDifference);
+                    sizes.sourceHeight, sizes.width, sizes.height, Best(own), Best(sws),
+                    Best(sws) / Best(own), maxDifference);
   sws_freeContext(scaler);
   Require(Ormis::QetImageDestroy(result) == 0 && Ormis::QetImageDestroy(source) == 0, "QetImageDestroy");
 }
@@ -117,7 +116,7 @@ int main(int argc, char** argv) {
   Require(Ormis::QetInitialize(process, {}) == 0 && Ormis::QetCreateContext(context) == 0 &&
               Ormis::QetSetCurrentContext(context) == 0 && Ormis::QetCreateChannel(channel) == 0,
           "starting the platform");
-  (void)std::printf("%-28s   %12s   %12s   %6s   %14s\n", "RGB24, median of rounds", "QetImageResize",
+  (void)std::printf("%-28s   %12s   %12s   %6s   %14s\n", "RGB24, best of rounds", "QetImageResize",
                     "sws area", "ratio", "max difference");
   for (const Case& sizes : {Case{1920, 1080, 416, 234}, Case{1920, 1080, 960, 540},
                             Case{1920, 1080, 417, 235}, Case{416, 234, 1920, 1080}}) {

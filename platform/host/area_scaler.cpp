@@ -7,7 +7,7 @@ namespace Ormis::host {
 
 namespace {
 
-enum class RowUse { kSet, kAdd };
+enum class RowUse : std::uint8_t { kSet, kAdd };
 
 /// sums[i] = or += weight * row[i]. Compiled to vector instructions: that is what makes the scaler fast.
 template <RowUse use, typename Sum>

@@ -46,7 +46,8 @@ std::uint64_t NextId() {
 
 std::int32_t RequireContext(const char* operation) {
   if (const std::int32_t status = RequireInitialized(operation); status != kQetOk) return status;
-  if (currentContextId == 0 || contexts.Find(currentContextId) == nullptr) {
+  // A thread stays bound to a context that has been destroyed: ids are not used again, so it finds nothing.
+  if (contexts.Find(currentContextId) == nullptr) {
     return QET_FAIL(
         operation, kQetNoContext,
         "no live context is bound to this thread: call QetCreateContext and QetSetCurrentContext first");
@@ -144,7 +145,6 @@ std::int32_t QetDestroyContext(QetContext& context) {
           "QetDestroyContext", kQetUnknownContext,
           "no live context " << std::to_string(context.id) << ", expected one from QetCreateContext");
     }
-    if (host::currentContextId == context.id) host::currentContextId = 0;
     context = QetContext{};
     return kQetOk;
   });

@@ -14,7 +14,7 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
     error = EINVAL;
   } else if (count > destinationMax) {  // covers a count above kMemcpySMax, too
     error = ERANGE;
-  } else if (count != 0 && (to < from ? from - to : to - from) < count) {
+  } else if ((to < from ? from - to : to - from) < count) {
     error = EOVERFLOW;
   }
   if (error != 0) {

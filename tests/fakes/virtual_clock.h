@@ -24,7 +24,7 @@ class VirtualClock {
   std::uint64_t Reads() const;
   /// Called after each sleep with the number of sleeps so far, on the sleeping thread.
   void OnSleep(std::function<void(std::size_t)> hook);
-  /// Holds every sleep until that many different threads have begun one: without it one thread may sleep through
-  /// hours of virtual time before another has started.
+  /// Holds every sleep until that many different threads have begun one: without it one thread may sleep
+  /// through hours of virtual time before another has started.
   void WaitForSleepers(std::size_t threads);
 };

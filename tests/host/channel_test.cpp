@@ -72,6 +72,7 @@ TEST_F(ChannelTest, FortyThreadsWithFourWishesGetFortyChannels) {
   std::mutex mutex;
   std::set<int> granted;
   std::vector<std::thread> threads;
+  threads.reserve(40);
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([&, i] {
       const ThreadContext context;

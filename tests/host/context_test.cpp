@@ -133,6 +133,7 @@ TEST_F(ContextTest, BindingReplacesAnEarlierOne) {
 // A worker whose resize fails leaves its images, its channel and its context as they are.
 TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
   std::vector<std::thread> workers;
+  workers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     workers.emplace_back([i] {
       QetContext context;

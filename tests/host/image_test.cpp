@@ -53,7 +53,7 @@ TEST_F(ImageTest, MallocFillsDataAndDataSizeForEveryType) {
 }
 
 TEST_F(ImageTest, MemoryIsBackedByPagesOfItsOwn) {
-  constexpr std::uint32_t kBytes = 64U << 20;
+  constexpr std::size_t kBytes = std::size_t{64} << 20;
   ImageData image = Record(4096, 4096, kQetImageArgb8888);
   const std::size_t before = OwnMemory();
   ASSERT_NE(before, 0U);
@@ -106,7 +106,7 @@ TEST_F(ImageTest, MallocRefusesSizesThatOverflow) {
   for (const Size& size :
        {Size{1, 65536, 65536}, Size{1, 1431655766, 1}, Size{12, 32768, 32768}, Size{12, 1073741824, 1},
         Size{2, 65536, 65536}, Size{2, 0xfffffffe, 0xfffffffe}, Size{15, 0xffffffff, 0xffffffff},
-        Size{10, 2147483648, 1}, Size{1, 0x80000000, 0x80000000}}) {
+        Size{12, 0x80000000, 0x80000000}, Size{10, 2147483648, 1}, Size{1, 0x80000000, 0x80000000}}) {
     ImageData image = Record(size.width, size.height, size.type);
     ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected at most 4294967295 bytes",
                   [&] { return QetImageMallocAligned(image); });
@@ -287,6 +287,7 @@ TEST_F(ImageTest, RecordsChangedAfterTheAllocationAreRefused) {
 
 TEST_F(ImageTest, FortyThreadsAllocateCopyAndDestroy) {
   std::vector<std::thread> threads;
+  threads.reserve(40);
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([i] {
       const ThreadContext context;

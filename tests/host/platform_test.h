@@ -1,13 +1,12 @@
 #pragma once
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "ormis/ormis.h"
@@ -23,13 +22,12 @@ namespace Ormis::test {
 /// Collects what is written to standard error while it lives: before logging is started, every record.
 class CapturedStandardError {
  public:
-  CapturedStandardError() : file_(std::tmpfile()), saved_(dup(STDERR_FILENO)) {
-    (void)std::fflush(stderr);
-    EXPECT_GE(dup2(fileno(file_), STDERR_FILENO), 0);
+  CapturedStandardError() : file_(memfd_create("stderr", MFD_CLOEXEC)), saved_(dup(STDERR_FILENO)) {
+    EXPECT_GE(dup2(file_, STDERR_FILENO), 0);
   }
   ~CapturedStandardError() {
     Restore();
-    (void)std::fclose(file_);
+    (void)close(file_);
   }
   CapturedStandardError(const CapturedStandardError&) = delete;
   CapturedStandardError& operator=(const CapturedStandardError&) = delete;
@@ -37,22 +35,22 @@ class CapturedStandardError {
   /// Ends the collection.
   std::string Text() {
     Restore();
-    std::string text;
-    std::rewind(file_);
-    for (int c = std::fgetc(file_); c != EOF; c = std::fgetc(file_)) text.push_back(static_cast<char>(c));
+    std::string text(std::size_t{1} << 16, '\0');
+    const ssize_t length = pread(file_, text.data(), text.size(), 0);
+    EXPECT_GE(length, 0);
+    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
     return text;
   }
 
  private:
   void Restore() {
     if (saved_ < 0) return;
-    (void)std::fflush(stderr);
     EXPECT_GE(dup2(saved_, STDERR_FILENO), 0);
     (void)close(saved_);
     saved_ = -1;
   }
 
-  std::FILE* file_;
+  int file_;
   int saved_;
 };
 

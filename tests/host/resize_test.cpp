@@ -173,6 +173,13 @@ TEST_F(ResizeTest, OddSizesOfTheTypesThatHaveThem) {
 TEST_F(ResizeTest, BothSidesOfTheLimitsOfTheNarrowArithmetic) {
   ResizeNoiseAndCompare(1, 3, 257, 2, 1);
   ResizeNoiseAndCompare(1, 3, 258, 2, 1);
+  for (const std::uint32_t height : {257U, 258U}) {
+    const ImageData source = Allocate(3, height, 1);
+    const ImageData result = Allocate(2, 1, 1);
+    std::memset(source.data, 255, source.dataSize);
+    ASSERT_EQ(Resize(source, result), kQetOk);
+    EXPECT_EQ(std::count(result.data, result.data + result.dataSize, 255), 6) << height;
+  }
   ResizeNoiseAndCompare(1, 128, 64, 1, 1);
   ResizeNoiseAndCompare(1, 128, 65, 1, 1);
   ResizeNoiseAndCompare(1, 5000, 3, 7, 2);
@@ -209,12 +216,30 @@ TEST_F(ResizeTest, AHalfIsRoundedUpwards) {
     ImageData result = Allocate(1, height == 1 ? 1 : 2, 0);
     for (std::uint32_t y = 0; y < height; ++y) {
       const std::uint8_t rows[6] = {0, 7, 254, 1, 8, 255};
-      std::memcpy(source.data + y * 6, rows, 6);
+      std::memcpy(source.data + std::size_t{y} * 6, rows, 6);
     }
     ASSERT_EQ(Resize(source, result), kQetOk);
     EXPECT_EQ(result.data[0], 1);
     EXPECT_EQ(result.data[1], 8);
     EXPECT_EQ(result.data[2], 255);
+  }
+}
+
+// One pixel in half a million decides: both arithmetics are exact to the last one.
+TEST_F(ResizeTest, JustBelowAHalfIsRoundedDown) {
+  for (const auto& [width, height] : {std::pair{64U, 128U}, std::pair{4096U, 128U}, std::pair{2048U, 258U}}) {
+    const std::uint32_t pixels = width * height;
+    const ImageData source = Allocate(width, height, 0);
+    const ImageData result = Allocate(1, 1, 0);
+    std::memset(source.data, 200, source.dataSize);
+    for (std::size_t pixel = 0; pixel < pixels / 2; ++pixel) {
+      source.data[pixel * 3] = 201;
+      if (pixel > 0) source.data[pixel * 3 + 1] = 201;
+    }
+    ASSERT_EQ(Resize(source, result), kQetOk);
+    EXPECT_EQ(result.data[0], 201) << width << " x " << height;
+    EXPECT_EQ(result.data[1], 200) << width << " x " << height;
+    EXPECT_EQ(result.data[2], 200) << width << " x " << height;
   }
 }
 
@@ -297,7 +322,8 @@ TEST_F(ResizeTest, OtherInterpolationsAndTimeLimitsAreUnsupported) {
 
 TEST_F(ResizeTest, SourceAndDestinationMustBeTwoImagesOfOneType) {
   const ImageData source = Allocate(8, 8, 1);
-  const ImageData copy = source;
+  ImageData copy = source;
+  copy.offset08 = "another record";
   ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
                 [&] { return Resize(source, source); });
   ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
@@ -375,6 +401,7 @@ TEST_F(ResizeTest, FortyThreadsGetTheResultOfOne) {
   ASSERT_EQ(Resize(source, expected), kQetOk);
   ExpectAreaAverage(source, expected);
   std::vector<std::thread> threads;
+  threads.reserve(40);
   std::atomic<int> equal{0};
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([&, i] {

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +11,6 @@
 
 namespace Ormis::test {
 namespace {
-
-using testing::HasSubstr;
 
 /// A folder of the test's own, and the working directory while it lives, so that messages name "c.yaml".
 class YamlNodeTest : public testing::Test {
@@ -186,8 +183,9 @@ TEST_F(YamlNodeTest, DepthCountsThroughAliases) {
   EXPECT_EQ(Parse("a: &x " + Nested(40) + "\nb: {b: *x}\n").children.size(), 2U);
   std::string text = "a0: &a0 " + Nested(10) + "\n";
   for (int i = 1; i < 60; ++i) {
-    const std::string number = std::to_string(i);
-    text += "a" + number + ": &a" + number + " {k: *a" + std::to_string(i - 1) + "}\n";
+    const std::string name = "a" + std::to_string(i);
+    text.append(name).append(": &").append(name).append(" {k: *a");
+    text.append(std::to_string(i - 1)).append("}\n");
   }
   // a<i> is 11 + i levels deep, below the top level.
   ExpectError(text, "c.yaml:54:15: more than 64 levels deep");

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -199,24 +200,44 @@ TEST(LoggingUnderSignals, NoRecordIsLostWhileTheSettingsAreReplaced) {
   EXPECT_EQ(signals, handled);
 }
 
-TEST(CreateLogger, ManyThreadsGetTheSameLogger) {
-  constexpr std::size_t kThreads = 10;
-  std::vector<std::vector<Logger*>> made(kThreads);
-  std::atomic<bool> go{false};
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (std::size_t thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      while (!go) {
-      }
-      for (int i = 0; i < 20; ++i) {
-        made[thread].push_back(&CreateLogger("RACE" + std::to_string(i), "", LogLevel::kError));
+/// Calls CreateLogger in `threads` threads that ask at the same moment, `rounds` times; `idOf(thread, round)`
+/// is the context. Returns each thread's loggers.
+template <typename IdOf>
+std::vector<std::vector<Logger*>> CreateAtOnce(std::size_t threads, std::size_t rounds, IdOf idOf) {
+  std::vector<std::vector<Logger*>> made(threads);
+  std::atomic<std::size_t> arrived{0};
+  std::vector<std::thread> running;
+  running.reserve(threads);
+  for (std::size_t thread = 0; thread < threads; ++thread) {
+    running.emplace_back([&, thread] {
+      for (std::size_t round = 0; round < rounds; ++round) {
+        const std::string id = idOf(thread, round);
+        ++arrived;
+        while (arrived < (round + 1) * threads) {
+        }
+        made[thread].push_back(&CreateLogger(id, "", LogLevel::kError));
       }
     });
   }
-  go = true;
-  for (std::thread& thread : threads) thread.join();
+  for (std::thread& thread : running) thread.join();
+  return made;
+}
+
+TEST(CreateLogger, ThreadsThatAskForOneContextShareItsLogger) {
+  const auto made =
+      CreateAtOnce(10, 5, [](std::size_t, std::size_t round) { return "ONE" + std::to_string(round); });
   for (const std::vector<Logger*>& loggers : made) EXPECT_EQ(loggers, made[0]);
+  EXPECT_EQ(std::set<Logger*>(made[0].begin(), made[0].end()).size(), 5U);
+}
+
+TEST(CreateLogger, ThreadsThatAskForSeveralContextsShareNone) {
+  constexpr std::size_t kRounds = 18;
+  const auto made = CreateAtOnce(2, kRounds, [](std::size_t thread, std::size_t round) {
+    return std::to_string(thread) + "OF" + std::to_string(round);
+  });
+  std::set<Logger*> distinct;
+  for (const std::vector<Logger*>& loggers : made) distinct.insert(loggers.begin(), loggers.end());
+  EXPECT_EQ(distinct.size(), 2 * kRounds);
 }
 
 }  // namespace

@@ -140,8 +140,10 @@ TEST_F(Logging, CutsAndMarksALongRecord) {
   logger_.LogInfo(kHere) << full;
   logger_.LogInfo(kHere) << full << "y";
   logger_.LogInfo(kHere) << full.substr(1) << 12 << "dropped" << 3U << "dropped";
+  logger_.LogInfo(kHere) << full.substr(1) << "\n" << "dropped, though there is room for a byte";
   const std::vector<Line> records = Records();
-  ASSERT_EQ(records.size(), 3U);
+  ASSERT_EQ(records.size(), 4U);
+  EXPECT_EQ(records[3].text, full.substr(1) + " [cut]");
   EXPECT_EQ(records[0].text, full);
   EXPECT_EQ(records[1].text, full + " [cut]");
   EXPECT_EQ(records[2].text, full.substr(1) + "1 [cut]");

@@ -26,8 +26,8 @@ using testing::MatchesRegex;
 
 class LogProbe : public testing::Test {
  protected:
-  /// Runs the probe; its output is in out_ and, unless it is to run without, its standard error in err_.
-  void Run(const std::vector<std::string>& words, bool withStandardError = true) {
+  /// Runs the probe with its output in out_ and its standard error in err_; `closed` it is started without.
+  void Run(const std::vector<std::string>& words, const std::vector<int>& closed = {}) {
     std::vector<std::string> arguments = {LOG_PROBE};
     arguments.insert(arguments.end(), words.begin(), words.end());
     std::vector<char*> pointers;
@@ -39,11 +39,8 @@ class LogProbe : public testing::Test {
     ASSERT_EQ(posix_spawn_file_actions_init(&actions), 0);
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, folder_.File("out").c_str(), kFlags, 0644);
-    if (withStandardError) {
-      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, folder_.File("err").c_str(), kFlags, 0644);
-    } else {
-      posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
-    }
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, folder_.File("err").c_str(), kFlags, 0644);
+    for (const int descriptor : closed) posix_spawn_file_actions_addclose(&actions, descriptor);
     posix_spawn_file_actions_addchdir_np(&actions, folder_.Path().c_str());
     pid_t child = -1;
     const int result = posix_spawn(&child, LOG_PROBE, &actions, nullptr, pointers.data(), environ);
@@ -52,7 +49,7 @@ class LogProbe : public testing::Test {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     out_ = ReadFile(folder_.File("out"));
-    err_ = withStandardError ? ReadFile(folder_.File("err")) : "";
+    err_ = ReadFile(folder_.File("err"));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << out_ << err_;
   }
 
@@ -187,17 +184,18 @@ TEST_F(LogProbe, PastTheLastContextTheLastOneIsShared) {
 TEST_F(LogProbe, WithoutStandardErrorNoOtherFileGetsTheLog) {
   Run({"open", "mine",  "logger", "TPW",  "6", "error", "before", "init",  "STBM", "4",
        "7",    "./log", "logger", "STBM", "4", "error", "after",  "write", "2",    "my own"},
-      false);
+      {STDERR_FILENO});
   EXPECT_EQ(out_, "2\n") << "the file should have taken the place of standard error";
   EXPECT_EQ(ReadFile(folder_.File("mine")), "my own");
   ASSERT_EQ(FileRecords().size(), 1U);
   EXPECT_EQ(FileRecords()[0].text, "after");
 }
 
-TEST_F(LogProbe, WithoutStandardErrorTheLogFileDoesNotTakeItsPlace) {
-  Run({"init", "STBM", "4", "6", "./log", "logger", "STBM", "4", "error", "text", "write", "2", "foreign"},
-      false);
-  EXPECT_EQ(out_, "not written\n");
+TEST_F(LogProbe, TheLogFileTakesThePlaceOfNoStandardStream) {
+  Run({"init", "STBM", "4", "6", "./log", "logger", "STBM", "4", "error", "text", "write", "0", "foreign",
+       "write", "2", "foreign"},
+      {STDIN_FILENO, STDERR_FILENO});
+  EXPECT_EQ(out_, "not written\nnot written\n");
   EXPECT_EQ(FileRecords().size(), 1U);
 }
 
