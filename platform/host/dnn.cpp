@@ -3,6 +3,7 @@
 #include <string>
 
 #include "diagnostics.h"
+#include "model_trial.h"
 #include "onnx_model.h"
 #include "ormis/qet_dnn.h"
 #include "state.h"
@@ -67,10 +68,13 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
       return QET_FAIL(kOperation, kQetAlreadyInitialized,
                       "the handle holds model " << handle.modelPath << " already, expected an empty one");
     }
+    const host::TrialResult trial = host::TryModel(path);
+    if (!trial.load.Ok()) return QET_FAIL(kOperation, trial.load.code, trial.load.reason);
     std::unique_ptr<host::OnnxModel> model;
     if (const host::Outcome outcome = host::OnnxModel::Load(path, model); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, outcome.reason);
     }
+    if (!trial.run.Ok()) model->RefuseToRun(trial.run);
     host::Empty(handle);
     handle.modelPath = path;
     const std::uint64_t id = host::NextId();

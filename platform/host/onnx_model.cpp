@@ -160,6 +160,10 @@ struct Tensors {
   bool made = false;
 };
 
+// Of all inputs, and of all outputs. A damaged dimension asks for any amount, and a machine may well promise
+// more than it has: the end would come when the pages are written.
+constexpr std::size_t kMaxTensorsBytes = std::size_t{2} << 30;
+
 struct TypeInfoGetter {
   OrtStatus* (*OrtApi::*get)(const OrtSession*, std::size_t, OrtTypeInfo**) noexcept;
   const char* kind;
@@ -171,6 +175,7 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
   Must(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &rawInfo));
   const MemoryInfo memoryInfo(rawInfo);
 
+  std::size_t totalBytes = 0;
   for (std::size_t i = 0; i < tensors.names.size(); ++i) {
     const std::string item = std::string(getter.kind) + " '" + tensors.names[i] + "'";
     OrtTypeInfo* rawType = nullptr;
@@ -191,14 +196,18 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
     Must(Api().GetDimensionsCount(shapeInfo, &dimensionCount));
     std::vector<std::int64_t> shape(dimensionCount);
     Must(Api().GetDimensions(shapeInfo, shape.data(), dimensionCount));
-    constexpr std::size_t kMaxBytes = SIZE_MAX / 4;
     for (std::int64_t& dimension : shape) {
       if (dimension < 0) dimension = 1;
       const auto size = static_cast<std::size_t>(dimension);
-      if (size != 0 && bytes > kMaxBytes / size) {
-        return {kQetInvalidSize, item + " is larger than memory can be"};
+      if (size != 0 && bytes > kMaxTensorsBytes / size) {
+        return {kQetInvalidSize,
+                item + " is larger than 2 GiB, which is what the inputs or outputs may take"};
       }
       bytes *= size;
+    }
+    totalBytes += bytes;
+    if (totalBytes > kMaxTensorsBytes) {
+      return {kQetInvalidSize, item + " and those before it take more than 2 GiB, expected at most that"};
     }
 
     made.memory.push_back(AllocatePages(bytes));
@@ -249,6 +258,7 @@ struct OnnxModel::State {
   Session session;
   Tensors inputs;
   Tensors outputs;
+  Outcome refusal;  ///< why it must not run; or kQetOk
 };
 
 OnnxModel::OnnxModel(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -307,7 +317,12 @@ std::vector<OnnxTensor> OnnxModel::Outputs() const {
   return state_->outputs.tensors;
 }
 
+void OnnxModel::RefuseToRun(Outcome reason) {
+  state_->refusal = std::move(reason);
+}
+
 Outcome OnnxModel::Run() {
+  if (!state_->refusal.Ok()) return state_->refusal;
   Tensors& inputs = state_->inputs;
   Tensors& outputs = state_->outputs;
   const Status status(Api().Run(state_->session.get(), nullptr, inputs.namePointers.data(),

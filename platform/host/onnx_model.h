@@ -47,6 +47,9 @@ class OnnxModel {
   /// Runs the model once over its buffers. Requires: inputs and outputs. Allocates nothing of its own.
   Outcome Run();
 
+  /// From here on Run fails with `reason`, and does nothing.
+  void RefuseToRun(Outcome reason);
+
   /// Lets go of what all models share. Models that are still loaded keep it until they go.
   static void ReleaseEnvironment();
 
