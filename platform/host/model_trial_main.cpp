@@ -3,12 +3,26 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
 
 #include "diagnostics.h"
 #include "model_trial.h"
+
+// Sanitizers reserve address space without end, and have bounds of their own.
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define MODEL_TRIAL_SANITIZED
+constexpr char kSanitizerOptions[] = "hard_rss_limit_mb=4096:allocator_may_return_null=1";
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return kSanitizerOptions;
+}
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+  return kSanitizerOptions;
+}
+#endif
 
 namespace Ormis::host {
 
@@ -19,17 +33,18 @@ ara::log::Logger& Log() {
 
 namespace {
 
-void Limit(decltype(RLIMIT_CPU) resource, rlim_t limit) {
-  const rlimit value{limit, limit};
-  // A limit that is stricter already stays.
+void Limit(int resource, rlim_t limit) {
+  rlimit value{};
+  if (getrlimit(resource, &value) != 0) return;
+  value.rlim_max = std::min(value.rlim_max, limit);
+  value.rlim_cur = value.rlim_max;
   (void)setrlimit(resource, &value);
 }
 
 void LimitResources() {
   Limit(RLIMIT_CORE, 0);
   Limit(RLIMIT_CPU, kTrialProcessorS);
-#if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
-  // Sanitizers reserve address space without end.
+#ifndef MODEL_TRIAL_SANITIZED
   const auto pages = static_cast<rlim_t>(sysconf(_SC_PHYS_PAGES));
   Limit(RLIMIT_AS, pages / 2 * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)));
 #endif

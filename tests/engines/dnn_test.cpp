@@ -3,41 +3,17 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <vector>
 
-#include "engine_test.h"
-#include "networks.h"
+#include "model_test.h"
 
 namespace {
 
 using onnx_writer::ElementType;
 using Ormis::QetDNNHandle;
 
-/// A folder of its own for the model files of one test.
-class DnnTest : public EngineTest {
- protected:
-  void SetUp() override {
-    folder_ = std::filesystem::temp_directory_path() / ("dnn_test_" + std::to_string(getpid()));
-    std::filesystem::create_directories(folder_);
-    EngineTest::SetUp();
-  }
-
-  void TearDown() override {
-    EngineTest::TearDown();
-    std::filesystem::remove_all(folder_);
-  }
-
-  std::string Write(const std::string& bytes) {
-    std::string path = folder_ / "model.onnx";
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-  }
-  std::string Write(const onnx_writer::Graph& graph) { return Write(onnx_writer::Serialize(graph)); }
-
-  std::filesystem::path folder_;
-};
+class DnnTest : public ModelTest {};
 
 /// A model that hands its input on.
 onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType type) {
