@@ -17,11 +17,11 @@ struct TrialResult {
 // reason.
 constexpr char kTrialLoaded[] = "loaded";
 constexpr char kTrialRan[] = "ran";
-constexpr unsigned int kTrialProcessorS = 60;  ///< processor time that the process may take
+constexpr unsigned int kTrialProcessorS = 20;  ///< processor time that the process may take
 
 /// Loads the model file and runs it once over zeros, in a process that may die of it: the engine trusts its
 /// models, and one that is hostile or damaged reads memory that is not there, divides by zero, asks for more
-/// memory than there is or never ends. `load` fails when the process died, or took more than a minute of
+/// memory than there is or never ends. `load` fails when the process died, or took more than 20 s of
 /// processor time or half of the machine's memory to load the model; `run` when the inference did. A file
 /// that passed is not tried again until it changes. Where the process cannot be started, all is said to be
 /// well, and a warning says so once. Threads: any; one trial at a time, as each takes the memory of a model.

@@ -1,9 +1,11 @@
 // The process that libormis.so tries a model file in. Its only argument is the file; standard output takes
 // the result.
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -75,6 +77,8 @@ void Try(const char* path) {
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
+  // A caller that is killed while it waits takes this process with it.
+  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   Ormis::host::LimitResources();
   try {
     Ormis::host::Try(argv[1]);
