@@ -51,7 +51,7 @@ void Empty(QetDNNHandle& handle) {
 
 }  // namespace
 
-Leftover ReclaimModels() {
+Leftover ReclaimModels() noexcept {
   const Leftover left{models.TakeAll().size(), 0};
   OnnxModel::ReleaseEnvironment();
   return left;

@@ -151,9 +151,9 @@ std::int32_t RequireImage(const char* operation, const char* role, const ImageDa
   return kQetOk;
 }
 
-Leftover ReclaimImages() {
+Leftover ReclaimImages() noexcept {
   Leftover left;
-  for (const std::shared_ptr<Image>& image : images.TakeAll()) {
+  for (const auto& [data, image] : images.TakeAll()) {
     ++left.count;
     left.bytes += image->shape.bytes;
   }

@@ -111,7 +111,7 @@ std::shared_ptr<Encoder> RequireEncoder(const char* operation, const QetVenc& ve
 
 }  // namespace
 
-Leftover ReclaimEncoders() {
+Leftover ReclaimEncoders() noexcept {
   return {encoders.TakeAll().size(), 0};
 }
 

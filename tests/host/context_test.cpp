@@ -2,6 +2,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_memory.h"
 #include "platform_test.h"
 
 namespace Ormis::test {
@@ -151,6 +152,38 @@ TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
   EXPECT_EQ(QetRelease(process_), kQetOk);
   EXPECT_THAT(log.Text(), HasSubstr("QetRelease: gave back what was left: 3 images (9000 bytes), 3 channels, "
                                     "4 contexts"));
+}
+
+// Whichever allocation fails: what is released stays released, and only the list of it may be lost.
+TEST_F(ContextTest, ReleaseNeedsNoMemory) {
+  if (!FailingMemory::kWorks) GTEST_SKIP();
+  std::size_t faults = 0;
+  for (std::size_t failAt = 1;; ++failAt) {
+    ASSERT_LT(failAt, 1000U);
+    for (int i = 0; i < 3; ++i) {
+      int channel = i;
+      ASSERT_EQ(QetCreateChannel(channel), kQetOk);
+      ImageData image = Record(100, 10, kQetImageBgr888);
+      ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+    }
+    CapturedStandardError log;
+    std::int32_t status = kQetOk;
+    bool fired = false;
+    {
+      const FailingMemory memory(failAt);
+      status = QetRelease(process_);
+      fired = memory.Fired();
+    }
+    const std::string text = log.Text();
+    ASSERT_EQ(status, kQetOk) << "allocation " << failAt << ": " << text;
+    EXPECT_EQ(process_.id, 0U);
+    EXPECT_THAT(text, HasSubstr("QetRelease: gave back what was left"));
+    context_ = QetContext{};
+    SetUp();
+    if (!fired) break;
+    ++faults;
+  }
+  EXPECT_GT(faults, 0U);
 }
 
 TEST_F(ContextTest, ReleaseWithNothingLeftIsSilent) {
