@@ -32,6 +32,26 @@ TEST(PlatformNotStarted, EveryOperationSaysSo) {
                 [&] { return QetImageResize(channel, other, image, kQetInterpolationArea, -1); });
   ExpectFailure(kQetNotInitialized, "QetImageDestroy", reason, [&] { return QetImageDestroy(image); });
   EXPECT_EQ(image.data, nullptr);
+
+  QetVenc venc;
+  ux_venc_stream stream{};
+  ExpectFailure(kQetNotInitialized, "QetVenc::Init", reason, [&] { return venc.Init(); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::SendFrame", reason, [&] { return venc.SendFrame(other); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::GetStream", reason, [&] { return venc.GetStream(stream); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::ReleaseStream", reason,
+                [&] { return venc.ReleaseStream(stream); });
+
+  QetDNNHandle handle;
+  ExpectFailure(kQetNotInitialized, "QetDNNModelInitialize", reason,
+                [&] { return QetDNNModelInitialize(handle, "model.onnx"); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelCreateInput", reason,
+                [&] { return QetDNNModelCreateInput(handle); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelCreateOutput", reason,
+                [&] { return QetDNNModelCreateOutput(handle); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelProcess", reason, [&] { return QetDNNModelProcess(handle); });
+  // Works without a platform, too; it is the model that is missing.
+  ExpectFailure(kQetModelNotReady, "QetDNNRelease", "the handle holds no model",
+                [&] { return QetDNNRelease(handle); });
 }
 
 TEST(PlatformNotStarted, InitializeChecksItsParameters) {
