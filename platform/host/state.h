@@ -65,8 +65,8 @@ class Table {
   std::map<Key, std::shared_ptr<T>> objects_;
 };
 
-/// A number never given out before in this process: names of contexts, encoders, streams and models, so that
-/// a stale name is always recognised.
+/// A number never given out before in this process: names of contexts, images, encoders, streams and models,
+/// so that a stale name is always recognised.
 std::uint64_t NextId();
 
 }  // namespace Ormis::host

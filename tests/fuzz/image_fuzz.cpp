@@ -42,6 +42,7 @@ constexpr std::uint64_t kMaxLiveBytes = std::uint64_t{16} << 20;
 constexpr std::uint64_t kMaxWorkBytes = std::uint64_t{16} << 20;
 
 struct Live {
+  std::uint64_t id;  ///< as the platform left it in the record
   std::uint32_t width;
   std::uint32_t height;
   std::uint32_t type;
@@ -224,21 +225,23 @@ class Script {
     FUZZ_REQUIRE(live_.count(record.data) == 0, "memory that is in use");
     FUZZ_REQUIRE(std::all_of(record.data, record.data + *bytes, [](std::uint8_t byte) { return byte == 0; }),
                  "zeroed");
-    live_[record.data] = {record.width, record.height, record.imageType, *bytes};
+    FUZZ_REQUIRE(ids_.insert(record.offset00).second, "a number that was given out before");
+    live_[record.data] = {record.offset00, record.width, record.height, record.imageType, *bytes};
     liveBytes_ += *bytes;
     workBytes_ += *bytes;
   }
 
   void Destroy(ImageData& record) {
     const auto found = live_.find(record.data);
-    const bool valid = bound_ && found != live_.end();
+    const bool valid = bound_ && found != live_.end() && found->second.id == record.offset00;
     const ImageData before = record;
     if (!Succeeds("QetImageDestroy", valid ? Expect::kSuccess : Expect::kFailure,
                   [&] { return Ormis::QetImageDestroy(record); })) {
       FUZZ_REQUIRE(Same(record, before), "a record that was refused has changed");
       return;
     }
-    FUZZ_REQUIRE(record.data == nullptr && record.dataSize == 0, "an image that is gone");
+    FUZZ_REQUIRE(record.data == nullptr && record.dataSize == 0 && record.offset00 == 0,
+                 "an image that is gone");
     freed_ = before.data;
     liveBytes_ -= found->second.bytes;
     live_.erase(found);
@@ -249,8 +252,9 @@ class Script {
     const auto found = live_.find(record.data);
     if (record.bufferMode != Ormis::kQetBufferPlatform || found == live_.end()) return nullptr;
     const Live& live = found->second;
-    const bool same = record.width == live.width && record.height == live.height &&
-                      record.imageType == live.type && record.dataSize == live.bytes;
+    const bool same = record.offset00 == live.id && record.width == live.width &&
+                      record.height == live.height && record.imageType == live.type &&
+                      record.dataSize == live.bytes;
     return same ? &live : nullptr;
   }
 
@@ -360,6 +364,7 @@ class Script {
   bool bound_ = false;
   ImageData records_[kRecords];
   std::map<std::uint8_t*, Live> live_;
+  std::set<std::uint64_t> ids_ = {0};
   std::set<int> channels_;
   std::uint8_t* freed_ = nullptr;
   std::uint64_t liveBytes_ = 0;
