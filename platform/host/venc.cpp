@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "diagnostics.h"
 #include "h264_encoder.h"
+#include "image.h"
 #include "ormis/qet_venc.h"
 #include "state.h"
 
@@ -76,8 +78,19 @@ std::int32_t CheckSettings(const QetVenc& venc) {
   return kQetOk;
 }
 
-std::int32_t CheckFrame(const ImageData& frame, const Encoder& encoder) {
+/// Checks the frame. Where its pixels are the platform's, they stay while `image` is held.
+std::int32_t RequireFrame(const ImageData& frame, const Encoder& encoder, std::shared_ptr<Image>& image) {
   constexpr const char* kSendFrame = "QetVenc::SendFrame";
+  if (frame.bufferMode == kQetBufferPlatform) {
+    if (const std::int32_t status = RequireImage(kSendFrame, "frame", frame, image); status != kQetOk) {
+      return status;
+    }
+  } else if (frame.bufferMode != kQetBufferUser) {
+    return QET_FAIL(kSendFrame, kQetInvalidArgument,
+                    "frame with buffer mode "
+                        << frame.bufferMode
+                        << ", expected 0, the caller's memory, or 1, the platform's memory");
+  }
   if (frame.imageType != kQetImageYuv420sp) {
     return QET_FAIL(kSendFrame, kQetUnsupported,
                     "image type " << frame.imageType << ", expected " << unsigned{kQetImageYuv420sp});
@@ -161,7 +174,8 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
     const auto encoder = host::RequireEncoder(kSendFrame, *this, status);
     if (encoder == nullptr) return status;
     const std::lock_guard<std::mutex> lock(encoder->mutex);
-    status = host::CheckFrame(frame, *encoder);
+    std::shared_ptr<host::Image> image;
+    status = host::RequireFrame(frame, *encoder, image);
     if (status != kQetOk) return status;
 
     const auto slot = std::find_if(encoder->slots.begin(), encoder->slots.end(), [](const host::Slot& one) {

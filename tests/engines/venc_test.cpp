@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -365,6 +366,103 @@ TEST_F(VencTest, SendFrameAnswersACodeForEachWrongFrame) {
   ux_venc_stream stream{};
   EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream) << "a refused frame left a stream";
   EXPECT_EQ(send([](ImageData& frame) { frame.dataSize += 4096; }), Ormis::kQetOk);
+}
+
+ImageData AllocateFrame(std::size_t width, std::size_t height) {
+  ImageData image = FrameOver(nullptr, width, height);
+  image.dataSize = 0;
+  image.bufferMode = Ormis::kQetBufferPlatform;
+  EXPECT_EQ(Ormis::QetImageMallocAligned(image), Ormis::kQetOk);
+  return image;
+}
+
+std::vector<std::uint8_t> Encoded(QetVenc& venc, const ImageData& frame) {
+  EXPECT_EQ(venc.SendFrame(frame), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  EXPECT_EQ(venc.GetStream(stream), Ormis::kQetOk);
+  std::vector<std::uint8_t> bytes(stream.packets[0].data,
+                                  stream.packets[0].data + stream.packets[0].sizeBytes);
+  EXPECT_EQ(venc.ReleaseStream(stream), Ormis::kQetOk);
+  return bytes;
+}
+
+TEST_F(VencTest, AnImageOfThePlatformIsEncodedLikeTheCallersMemory) {
+  Small own;
+  Small platform;
+  ASSERT_EQ(own.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(platform.venc->Init(), Ormis::kQetOk);
+  ImageData image = AllocateFrame(Small::kSmallWidth, Small::kSmallHeight);
+  for (std::uint32_t i = 0; i < image.dataSize; ++i) {
+    own.pixels[i] = image.data[i] = static_cast<std::uint8_t>(i * i);
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Encoded(*platform.venc, image), Encoded(*own.venc, own.frame));
+  EXPECT_EQ(Ormis::QetImageDestroy(image), Ormis::kQetOk);
+}
+
+TEST_F(VencTest, SendFrameAnswersACodeForMemoryThatIsNotThePlatforms) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  const auto expectRefused = [&](const ImageData& frame, std::int32_t expected, const char* part) {
+    std::int32_t code = 0;
+    const std::string log = StandardErrorOf([&] { code = small.venc->SendFrame(frame); });
+    EXPECT_EQ(code, expected) << log;
+    EXPECT_EQ(LineCount(log), 1U) << log;
+    EXPECT_NE(log.find("QetVenc::SendFrame: "), std::string::npos) << log;
+    EXPECT_NE(log.find(part), std::string::npos) << log;
+  };
+  ImageData image = AllocateFrame(Small::kSmallWidth, Small::kSmallHeight);
+  ImageData changed = image;
+  changed.dataSize += 1;
+  expectRefused(changed, Ormis::kQetInvalidSize, "as it was allocated");
+  changed = image;
+  changed.imageType = Ormis::kQetImageYvu420sp;
+  expectRefused(changed, Ormis::kQetInvalidArgument, "as it was allocated");
+
+  const ImageData stale = image;
+  ASSERT_EQ(Ormis::QetImageDestroy(image), Ormis::kQetOk);
+  expectRefused(stale, Ormis::kQetUnknownBuffer, "without memory of the platform");
+  ImageData foreign = small.frame;
+  foreign.bufferMode = Ormis::kQetBufferPlatform;
+  expectRefused(foreign, Ormis::kQetUnknownBuffer, "without memory of the platform");
+  for (const std::uint32_t mode : {2U, 0xffffffffU}) {
+    ImageData frame = small.frame;
+    frame.bufferMode = mode;
+    expectRefused(frame, Ormis::kQetInvalidArgument, "buffer mode");
+  }
+
+  ImageData larger = AllocateFrame(Small::kSmallWidth + 2, Small::kSmallHeight);
+  expectRefused(larger, Ormis::kQetInvalidSize, "a frame of 66x48, expected 64x48");
+  EXPECT_EQ(Ormis::QetImageDestroy(larger), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream) << "a refused frame left a stream";
+}
+
+TEST_F(VencTest, AnImageThatIsDestroyedMeanwhileIsEncodedWholeOrRefused) {
+  const auto venc = MakeEncoder();
+  ASSERT_EQ(venc->Init(), Ormis::kQetOk);
+  for (int i = 0; i < 12; ++i) {
+    ImageData image = AllocateFrame(kWidth, kHeight);
+    std::uint32_t state = 7;
+    for (std::uint32_t at = 0; at < image.dataSize; ++at) {
+      image.data[at] = static_cast<std::uint8_t>((state = state * 1664525U + 1U) >> 24);
+    }
+    const ImageData frame = image;
+    std::atomic<bool> sending{false};
+    std::thread destroyer = WithContext([&] {
+      while (!sending) std::this_thread::yield();
+      EXPECT_EQ(Ormis::QetImageDestroy(image), Ormis::kQetOk);
+    });
+    sending = true;
+    const std::int32_t code = venc->SendFrame(frame);
+    destroyer.join();
+    if (code == Ormis::kQetOk) {
+      ux_venc_stream stream{};
+      ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk);
+      EXPECT_EQ(venc->ReleaseStream(stream), Ormis::kQetOk);
+    } else {
+      EXPECT_EQ(code, Ormis::kQetUnknownBuffer);
+    }
+  }
 }
 
 TEST_F(VencTest, SizesChangedAfterInitDoNotCount) {

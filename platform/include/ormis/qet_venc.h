@@ -58,7 +58,9 @@ class ORMIS_API QetVenc {
   std::int32_t Init();
 
   /// Submits one frame: width and height of this encoder, image type 2, at least width x height x 3 / 2 bytes
-  /// at data. The frame is read before the call returns, and its stream is ready then. Streams that were not
+  /// at data, which is either the caller's memory (bufferMode 0) or a live image of QetImageMallocAligned
+  /// (bufferMode 1, the record as that left it). The frame is read before the call returns, even if another
+  /// thread destroys the image meanwhile, and its stream is ready then. Streams that were not
   /// released are kept, a limited number of them and of their bytes (streamBufferBytes): beyond it, kQetBusy.
   /// Requires: a current context. Returns 0, or a code.
   std::int32_t SendFrame(const ImageData& frame);
