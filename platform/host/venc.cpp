@@ -21,6 +21,9 @@ namespace {
 constexpr std::size_t kMaxOutstanding = 16;
 constexpr std::uint32_t kMaxBitrateKbps =
     INT_MAX / 1000;  // libavcodec keeps the rate buffer's bits in an int
+// Settings that libx264 refuses are kept from it: it loses what it had allocated by then, up to 20 MB a time.
+constexpr std::uint32_t kMaxSide = 16384;
+constexpr std::uint32_t kMaxFrameRate = 100'000;  // at high bit rates it counts 380,000 and more as too many
 
 struct Slot {
   enum class State : std::uint8_t { kFree, kWaiting, kFetched };
@@ -56,17 +59,17 @@ std::int32_t CheckSettings(const QetVenc& venc) {
     return QET_FAIL(kInit, kQetInvalidSize,
                     "size " << size << ", expected at most " << Size(venc.maxWidth, venc.maxHeight));
   }
-  // Offsets inside a frame, and the sizes of libavcodec, are ints.
-  if (static_cast<std::uint64_t>(venc.width) * venc.height > INT_MAX / 2) {
-    return QET_FAIL(kInit, kQetInvalidSize, "size " << size << ", expected a frame of less than 2 GiB");
+  if (venc.width > kMaxSide || venc.height > kMaxSide) {
+    return QET_FAIL(kInit, kQetInvalidSize,
+                    "size " << size << ", expected at most " << Size(kMaxSide, kMaxSide));
   }
   if (venc.bitrateKbps == 0 || venc.bitrateKbps > kMaxBitrateKbps) {
     return QET_FAIL(kInit, kQetInvalidArgument,
                     "bit rate " << venc.bitrateKbps << " kbit/s, expected 1 to " << kMaxBitrateKbps);
   }
-  if (venc.frameRate == 0 || venc.frameRate > INT_MAX) {
+  if (venc.frameRate == 0 || venc.frameRate > kMaxFrameRate) {
     return QET_FAIL(kInit, kQetInvalidArgument,
-                    "frame rate " << venc.frameRate << ", expected 1 to " << INT_MAX);
+                    "frame rate " << venc.frameRate << ", expected 1 to " << kMaxFrameRate);
   }
   if (venc.gopSize == 0 || venc.gopSize > INT_MAX) {
     return QET_FAIL(kInit, kQetInvalidArgument,

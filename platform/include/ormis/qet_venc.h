@@ -53,8 +53,9 @@ class ORMIS_API QetVenc {
 
   /// Opens the encoder with the members as they are now; changing them later changes nothing. Requires: a
   /// current context, not initialised before; width and height even and at most maxWidth and maxHeight;
-  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. Returns 0, or a code and leaves the
-  /// encoder as it was.
+  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. The host takes sides of at most 16384
+  /// pixels, 2147483 kbit/s, 100000 frames per second and a gopSize of 2147483647, and of these what its
+  /// engine can encode. Returns 0, or a code and leaves the encoder as it was.
   std::int32_t Init();
 
   /// Submits one frame: width and height of this encoder, image type 2, at least width x height x 3 / 2 bytes
