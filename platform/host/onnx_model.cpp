@@ -231,7 +231,7 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
                                               type.shape.data(), type.shape.size(), type.element, &value));
     made.values.emplace_back(value);
     made.valuePointers.push_back(value);
-    made.tensors.push_back({tensors.names[i], made.memory.back().get(), type.bytes});
+    made.tensors.push_back({made.memory.back().get(), type.bytes});
   }
 
   tensors.memory = std::move(made.memory);
@@ -240,6 +240,14 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
   tensors.tensors = std::move(made.tensors);
   tensors.made = true;
   return {};
+}
+
+void DropTensors(Tensors& tensors) noexcept {
+  tensors.made = false;
+  tensors.tensors.clear();
+  tensors.valuePointers.clear();
+  tensors.values.clear();
+  tensors.memory.clear();
 }
 
 void ReadNames(OrtSession* session,
@@ -324,12 +332,20 @@ Outcome OnnxModel::CreateOutputs() {
   return CreateTensors(state_->session.get(), {&OrtApi::SessionGetOutputTypeInfo, "output"}, state_->outputs);
 }
 
-std::vector<OnnxTensor> OnnxModel::Inputs() const {
+const std::vector<OnnxTensor>& OnnxModel::Inputs() const {
   return state_->inputs.tensors;
 }
 
-std::vector<OnnxTensor> OnnxModel::Outputs() const {
+const std::vector<OnnxTensor>& OnnxModel::Outputs() const {
   return state_->outputs.tensors;
+}
+
+void OnnxModel::DropInputs() noexcept {
+  DropTensors(state_->inputs);
+}
+
+void OnnxModel::DropOutputs() noexcept {
+  DropTensors(state_->outputs);
 }
 
 void OnnxModel::RefuseToRun(Outcome reason) {
