@@ -28,3 +28,8 @@ if(STRESS_SANITIZE STREQUAL "thread")
   target_compile_options(stress_options INTERFACE "SHELL:-mllvm -tsan-distinguish-volatile=1")
   target_link_libraries(stress_options INTERFACE tsan_volatile)
 endif()
+
+# Tells the fuzzers which code an input reached.
+if(STRESS_FUZZ)
+  target_compile_options(stress_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -1,6 +1,7 @@
 #include "area_scaler.h"
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 
 namespace Ormis::host {
@@ -59,8 +60,20 @@ void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, c
   const auto half = static_cast<Total>(area / 2);
   const Real scale = Real{1} / static_cast<Real>(area);
 
+  const std::size_t resultLength = std::size_t{to.width} * channels;
+  Span above{};
   for (std::uint32_t y = 0; y < to.height; ++y) {
     const Span span = SpanAt(rows, y);
+    // Within one source row like the row above, so it is the same row. Weighing the source row again for each
+    // of them would take minutes for a long source row enlarged to a high image.
+    const bool repeated =
+        y > 0 && span.first == span.last && above.first == above.last && span.first == above.first;
+    above = span;
+    if (repeated) {
+      std::memcpy(destination, destination - resultLength, resultLength);
+      destination += resultLength;
+      continue;
+    }
     const std::uint8_t* row = source + span.first * length;
     WeighRow<RowUse::kSet>(row, static_cast<Sum>(span.firstWeight), length, sums);
     for (std::uint32_t at = span.first + 1; at <= span.last; ++at) {

@@ -19,7 +19,7 @@ std::shared_ptr<Channel> FindChannel(int channel) {
   return channels.Find(channel);
 }
 
-Leftover ReclaimChannels() {
+Leftover ReclaimChannels() noexcept {
   return {channels.TakeAll().size(), 0};
 }
 

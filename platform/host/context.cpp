@@ -1,4 +1,6 @@
 #include <atomic>
+#include <cstddef>
+#include <new>
 #include <string>
 
 #include "diagnostics.h"
@@ -24,11 +26,22 @@ std::int32_t RequireInitialized(const char* operation) {
   return QET_FAIL(operation, kQetNotInitialized, "the platform is not initialised: call QetInitialize first");
 }
 
-void Describe(std::string& text, const char* kind, const Leftover& left) {
-  if (left.count == 0) return;
-  if (!text.empty()) text += ", ";
-  text += std::to_string(left.count) + " " + kind + (left.count == 1 ? "" : "s");
-  if (left.bytes != 0) text += " (" + std::to_string(left.bytes) + " bytes)";
+struct LeftoverKind {
+  const char* name;
+  Leftover left;
+};
+
+/// The kinds of which something was left, in words.
+template <std::size_t kCount>
+std::string Describe(const LeftoverKind (&kinds)[kCount]) {
+  std::string text;
+  for (const auto& [name, left] : kinds) {
+    if (left.count == 0) continue;
+    if (!text.empty()) text += ", ";
+    text += std::to_string(left.count) + " " + name + (left.count == 1 ? "" : "s");
+    if (left.bytes != 0) text += " (" + std::to_string(left.bytes) + " bytes)";
+  }
+  return text;
 }
 
 }  // namespace
@@ -84,19 +97,27 @@ std::int32_t QetRelease(QetContext& context) {
       return QET_FAIL("QetRelease", kQetUnknownContext, "this is not the context that QetInitialize filled");
     }
     // In the order of a worker's tear-down: what runs on a channel or in a context goes before it.
-    std::string left;
-    host::Describe(left, "model", host::ReclaimModels());
-    host::Describe(left, "encoder", host::ReclaimEncoders());
-    host::Describe(left, "image", host::ReclaimImages());
-    host::Describe(left, "channel", host::ReclaimChannels());
-    host::Describe(left, "context", host::Leftover{host::contexts.TakeAll().size(), 0});
-    if (!left.empty()) {
-      host::Log().LogInfo({__FILE__, "QetRelease", __LINE__})
-          << "QetRelease: gave back what was left: " << left;
-    }
+    const host::LeftoverKind kinds[] = {
+        {"model", host::ReclaimModels()},
+        {"encoder", host::ReclaimEncoders()},
+        {"image", host::ReclaimImages()},
+        {"channel", host::ReclaimChannels()},
+        {"context", {host::contexts.TakeAll().size(), 0}},
+    };
     host::initialized = false;
     host::processContextId = 0;
     context = QetContext{};
+    // All is done: what is said about it must not turn it into a failure.
+    try {
+      const std::string left = host::Describe(kinds);
+      if (!left.empty()) {
+        host::Log().LogInfo({__FILE__, "QetRelease", __LINE__})
+            << "QetRelease: gave back what was left: " << left;
+      }
+    } catch (const std::bad_alloc&) {
+      host::Log().LogInfo({__FILE__, "QetRelease", __LINE__})
+          << "QetRelease: gave back what was left; memory is too short to say what";
+    }
     return kQetOk;
   });
 }

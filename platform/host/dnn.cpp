@@ -3,6 +3,7 @@
 #include <string>
 
 #include "diagnostics.h"
+#include "model_trial.h"
 #include "onnx_model.h"
 #include "ormis/qet_dnn.h"
 #include "state.h"
@@ -12,30 +13,41 @@ namespace host {
 
 namespace {
 
-Table<std::uint64_t, OnnxModel> models;
+struct Model {
+  std::mutex mutex;  ///< of handles, two may hold the number of one model
+  std::unique_ptr<OnnxModel> engine;
+};
+
+Table<std::uint64_t, Model> models;
 
 /// Returns the handle's model, or null after saying why there is none and setting `status`.
-std::shared_ptr<OnnxModel> RequireModel(const char* operation, const QetDNNHandle& handle,
-                                        std::int32_t& status) {
+std::shared_ptr<Model> RequireModel(const char* operation, const QetDNNHandle& handle, std::int32_t& status) {
   status = RequireContext(operation);
   if (status != kQetOk) return nullptr;
-  std::shared_ptr<OnnxModel> model = models.Find(handle.modelId);
+  std::shared_ptr<Model> model = models.Find(handle.modelId);
   if (model == nullptr) {
     status = QET_FAIL(operation, kQetModelNotReady, "no model is loaded: call QetDNNModelInitialize first");
   }
   return model;
 }
 
-/// Lists the new tensors in the handle. `firstIndex` is the index of the first of them among all tensors.
+/// Lists the new tensors in the handle: in all lists, or throws and leaves them as they were. `firstIndex` is
+/// the index of the first of them among all tensors.
 void Publish(const std::vector<OnnxTensor>& tensors, std::uint32_t firstIndex,
              std::vector<QetDNNBuffer>& buffers, std::map<const void*, std::uint32_t>& bufferIndex,
-             std::map<std::string, std::uint32_t>& tensorIndex) {
+             std::map<std::uint32_t, void*>& bufferOf) {
+  std::vector<QetDNNBuffer> newBuffers;
+  std::map<const void*, std::uint32_t> newBufferIndex;
+  std::map<std::uint32_t, void*> newBufferOf = bufferOf;
   for (const OnnxTensor& tensor : tensors) {
-    const auto index = static_cast<std::uint32_t>(buffers.size());
-    buffers.push_back({tensor.data, tensor.sizeBytes});
-    bufferIndex.emplace(tensor.data, index);
-    tensorIndex.emplace(tensor.name, firstIndex + index);
+    const auto index = static_cast<std::uint32_t>(newBuffers.size());
+    newBuffers.push_back({tensor.data, tensor.sizeBytes});
+    newBufferIndex.emplace(tensor.data, index);
+    newBufferOf.emplace(firstIndex + index, tensor.data);
   }
+  buffers.swap(newBuffers);
+  bufferIndex.swap(newBufferIndex);
+  bufferOf.swap(newBufferOf);
 }
 
 void Empty(QetDNNHandle& handle) {
@@ -45,12 +57,12 @@ void Empty(QetDNNHandle& handle) {
   handle.outputs.clear();
   handle.inputIndex.clear();
   handle.outputIndex.clear();
-  handle.tensorIndex.clear();
+  handle.bufferOf.clear();
 }
 
 }  // namespace
 
-Leftover ReclaimModels() {
+Leftover ReclaimModels() noexcept {
   const Leftover left{models.TakeAll().size(), 0};
   OnnxModel::ReleaseEnvironment();
   return left;
@@ -67,14 +79,18 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
       return QET_FAIL(kOperation, kQetAlreadyInitialized,
                       "the handle holds model " << handle.modelPath << " already, expected an empty one");
     }
-    std::unique_ptr<host::OnnxModel> model;
-    if (const host::Outcome outcome = host::OnnxModel::Load(path, model); !outcome.Ok()) {
+    const host::TrialResult trial = host::TryModel(path);
+    if (!trial.load.Ok()) return QET_FAIL(kOperation, trial.load.code, trial.load.reason);
+    auto model = std::make_shared<host::Model>();
+    if (const host::Outcome outcome = host::OnnxModel::Load(path, model->engine); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, outcome.reason);
     }
-    host::Empty(handle);
-    handle.modelPath = path;
+    if (!trial.run.Ok()) model->engine->RefuseToRun(trial.run);
+    std::string modelPath = path;  // which may be the handle's own, and is emptied with it
     const std::uint64_t id = host::NextId();
     host::models.Add(id, std::move(model));
+    host::Empty(handle);
+    handle.modelPath.swap(modelPath);
     handle.modelId = id;
     return kQetOk;
   });
@@ -87,14 +103,20 @@ std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle) {
     std::int32_t status = kQetOk;
     const auto model = host::RequireModel(kOperation, handle, status);
     if (model == nullptr) return status;
-    if (model->HasInputs()) {
+    const std::lock_guard<std::mutex> modelLock(model->mutex);
+    if (model->engine->HasInputs()) {
       return QET_FAIL(kOperation, kQetAlreadyInitialized,
                       "model " << handle.modelPath << " has its inputs already");
     }
-    if (const host::Outcome outcome = model->CreateInputs(); !outcome.Ok()) {
+    if (const host::Outcome outcome = model->engine->CreateInputs(); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
     }
-    host::Publish(model->Inputs(), 0, handle.inputs, handle.inputIndex, handle.tensorIndex);
+    try {
+      host::Publish(model->engine->Inputs(), 0, handle.inputs, handle.inputIndex, handle.bufferOf);
+    } catch (...) {
+      model->engine->DropInputs();
+      throw;
+    }
     return kQetOk;
   });
 }
@@ -106,15 +128,21 @@ std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle) {
     std::int32_t status = kQetOk;
     const auto model = host::RequireModel(kOperation, handle, status);
     if (model == nullptr) return status;
-    if (model->HasOutputs()) {
+    const std::lock_guard<std::mutex> modelLock(model->mutex);
+    if (model->engine->HasOutputs()) {
       return QET_FAIL(kOperation, kQetAlreadyInitialized,
                       "model " << handle.modelPath << " has its outputs already");
     }
-    if (const host::Outcome outcome = model->CreateOutputs(); !outcome.Ok()) {
+    if (const host::Outcome outcome = model->engine->CreateOutputs(); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
     }
-    host::Publish(model->Outputs(), static_cast<std::uint32_t>(model->InputCount()), handle.outputs,
-                  handle.outputIndex, handle.tensorIndex);
+    try {
+      host::Publish(model->engine->Outputs(), static_cast<std::uint32_t>(model->engine->InputCount()),
+                    handle.outputs, handle.outputIndex, handle.bufferOf);
+    } catch (...) {
+      model->engine->DropOutputs();
+      throw;
+    }
     return kQetOk;
   });
 }
@@ -126,12 +154,13 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
     std::int32_t status = kQetOk;
     const auto model = host::RequireModel(kOperation, handle, status);
     if (model == nullptr) return status;
-    if (!model->HasInputs() || !model->HasOutputs()) {
+    const std::lock_guard<std::mutex> modelLock(model->mutex);
+    if (!model->engine->HasInputs() || !model->engine->HasOutputs()) {
       return QET_FAIL(kOperation, kQetModelNotReady,
                       "model " << handle.modelPath << " has no "
-                               << (model->HasInputs() ? "outputs" : "inputs") << " yet");
+                               << (model->engine->HasInputs() ? "outputs" : "inputs") << " yet");
     }
-    if (const host::Outcome outcome = model->Run(); !outcome.Ok()) {
+    if (const host::Outcome outcome = model->engine->Run(); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
     }
     return kQetOk;

@@ -16,7 +16,14 @@ namespace {
 
 constexpr std::size_t kAlignment = 4096;
 
-Table<const std::uint8_t*, Image> images;
+// By id: an address is soon used again, and a stale record would pass for somebody else's.
+Table<std::uint64_t, Image> images;
+
+/// Returns null where the record does not name a live image with the memory that it was given.
+std::shared_ptr<Image> FindImage(const ImageData& record) {
+  std::shared_ptr<Image> image = images.Find(record.offset00);
+  return image != nullptr && image->pixels.get() == record.data ? image : nullptr;
+}
 
 std::string SizeText(std::uint32_t width, std::uint32_t height) {
   return std::to_string(width) + " x " + std::to_string(height);
@@ -129,7 +136,7 @@ std::int32_t RequireImage(const char* operation, const char* role, const ImageDa
         operation, kQetInvalidArgument,
         role << " with buffer mode " << record.bufferMode << ", expected 1, the platform's memory");
   }
-  std::shared_ptr<Image> found = images.Find(record.data);
+  std::shared_ptr<Image> found = FindImage(record);
   if (found == nullptr) {
     return QET_FAIL(
         operation, kQetUnknownBuffer,
@@ -151,9 +158,9 @@ std::int32_t RequireImage(const char* operation, const char* role, const ImageDa
   return kQetOk;
 }
 
-Leftover ReclaimImages() {
+Leftover ReclaimImages() noexcept {
   Leftover left;
-  for (const std::shared_ptr<Image>& image : images.TakeAll()) {
+  for (const auto& [id, image] : images.TakeAll()) {
     ++left.count;
     left.bytes += image->shape.bytes;
   }
@@ -193,7 +200,9 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
 
     const std::uint32_t bytes = made->shape.bytes;
     std::uint8_t* const data = made->pixels.get();
-    host::images.Add(data, std::move(made));
+    const std::uint64_t id = host::NextId();
+    host::images.Add(id, std::move(made));
+    image.offset00 = id;
     image.data = data;
     image.dataSize = bytes;
     return kQetOk;
@@ -238,10 +247,11 @@ std::int32_t QetImageDestroy(ImageData& image) {
   constexpr const char* kOperation = "QetImageDestroy";
   return host::Guarded(kOperation, [&]() -> std::int32_t {
     if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
-    if (image.data == nullptr || host::images.Take(image.data) == nullptr) {
+    if (host::FindImage(image) == nullptr || host::images.Take(image.offset00) == nullptr) {
       return QET_FAIL(kOperation, kQetUnknownBuffer,
                       "image without memory of the platform, expected a live one from QetImageMallocAligned");
     }
+    image.offset00 = 0;
     image.data = nullptr;
     image.dataSize = 0;
     return kQetOk;

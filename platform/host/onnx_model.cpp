@@ -160,54 +160,78 @@ struct Tensors {
   bool made = false;
 };
 
+// Of all inputs, and of all outputs. A damaged dimension asks for any amount, and a machine may well promise
+// more than it has: the end would come when the pages are written.
+constexpr std::size_t kMaxTensorsBytes = std::size_t{2} << 30;
+
 struct TypeInfoGetter {
   OrtStatus* (*OrtApi::*get)(const OrtSession*, std::size_t, OrtTypeInfo**) noexcept;
   const char* kind;
 };
 
+struct TensorType {
+  ONNXTensorElementDataType element = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
+  std::vector<std::int64_t> shape;
+  std::size_t bytes = 0;
+};
+
+/// Finds out what a tensor has to be, if it and those before it, of `totalBytes`, fit.
+Outcome Describe(const OrtTypeInfo* typeInfo, const std::string& item, std::size_t& totalBytes,
+                 TensorType& type) {
+  const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
+  Must(Api().CastTypeInfoToTensorInfo(typeInfo, &shapeInfo));
+  if (shapeInfo == nullptr) return {kQetUnsupported, item + " is no tensor, expected a tensor"};
+
+  Must(Api().GetTensorElementType(shapeInfo, &type.element));
+  type.bytes = ElementBytes(type.element);
+  if (type.bytes == 0) {
+    return {kQetUnsupported, item + " has element type " + std::to_string(type.element) +
+                                 ", expected a numeric one of whole bytes"};
+  }
+  std::size_t dimensionCount = 0;
+  Must(Api().GetDimensionsCount(shapeInfo, &dimensionCount));
+  type.shape.resize(dimensionCount);
+  Must(Api().GetDimensions(shapeInfo, type.shape.data(), dimensionCount));
+  bool fits = true;
+  for (std::int64_t& dimension : type.shape) {
+    if (dimension < 0) dimension = 1;
+    const auto size = static_cast<std::size_t>(dimension);
+    fits = fits && (size == 0 || type.bytes <= kMaxTensorsBytes / size);
+    type.bytes *= size;  // may wrap where it does not fit
+  }
+  if (!fits || type.bytes > kMaxTensorsBytes - totalBytes) {
+    return {kQetInvalidSize, item + " is too large, expected at most 2 GiB for all of its kind"};
+  }
+  totalBytes += type.bytes;
+  return {};
+}
+
 Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors& tensors) {
+  std::vector<TensorType> types;
+  std::size_t totalBytes = 0;
+  for (std::size_t i = 0; i < tensors.names.size(); ++i) {
+    OrtTypeInfo* rawType = nullptr;
+    Must((Api().*getter.get)(session, i, &rawType));
+    const TypeInfo typeInfo(rawType);
+    const std::string item = std::string(getter.kind) + " '" + tensors.names[i] + "'";
+    types.emplace_back();
+    if (const Outcome outcome = Describe(rawType, item, totalBytes, types.back()); !outcome.Ok())
+      return outcome;
+  }
+
   Tensors made;
   OrtMemoryInfo* rawInfo = nullptr;
   Must(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &rawInfo));
   const MemoryInfo memoryInfo(rawInfo);
-
-  for (std::size_t i = 0; i < tensors.names.size(); ++i) {
-    const std::string item = std::string(getter.kind) + " '" + tensors.names[i] + "'";
-    OrtTypeInfo* rawType = nullptr;
-    Must((Api().*getter.get)(session, i, &rawType));
-    const TypeInfo typeInfo(rawType);
-    const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
-    Must(Api().CastTypeInfoToTensorInfo(rawType, &shapeInfo));
-    if (shapeInfo == nullptr) return {kQetUnsupported, item + " is no tensor, expected a tensor"};
-
-    ONNXTensorElementDataType type = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
-    Must(Api().GetTensorElementType(shapeInfo, &type));
-    std::size_t bytes = ElementBytes(type);
-    if (bytes == 0) {
-      return {kQetUnsupported,
-              item + " has element type " + std::to_string(type) + ", expected a numeric one of whole bytes"};
-    }
-    std::size_t dimensionCount = 0;
-    Must(Api().GetDimensionsCount(shapeInfo, &dimensionCount));
-    std::vector<std::int64_t> shape(dimensionCount);
-    Must(Api().GetDimensions(shapeInfo, shape.data(), dimensionCount));
-    constexpr std::size_t kMaxBytes = SIZE_MAX / 4;
-    for (std::int64_t& dimension : shape) {
-      if (dimension < 0) dimension = 1;
-      const auto size = static_cast<std::size_t>(dimension);
-      if (size != 0 && bytes > kMaxBytes / size) {
-        return {kQetInvalidSize, item + " is larger than memory can be"};
-      }
-      bytes *= size;
-    }
-
-    made.memory.push_back(AllocatePages(bytes));
+  for (std::size_t i = 0; i < types.size(); ++i) {
+    const TensorType& type = types[i];
+    made.memory.push_back(AllocatePages(type.bytes));
     OrtValue* value = nullptr;
-    Must(Api().CreateTensorWithDataAsOrtValue(memoryInfo.get(), made.memory.back().get(), bytes, shape.data(),
-                                              shape.size(), type, &value));
+    Must(Api().CreateTensorWithDataAsOrtValue(memoryInfo.get(), made.memory.back().get(), type.bytes,
+                                              type.shape.data(), type.shape.size(), type.element, &value));
     made.values.emplace_back(value);
     made.valuePointers.push_back(value);
-    made.tensors.push_back({tensors.names[i], made.memory.back().get(), bytes});
+    made.tensors.push_back({made.memory.back().get(), type.bytes});
   }
 
   tensors.memory = std::move(made.memory);
@@ -216,6 +240,14 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
   tensors.tensors = std::move(made.tensors);
   tensors.made = true;
   return {};
+}
+
+void DropTensors(Tensors& tensors) noexcept {
+  tensors.made = false;
+  tensors.tensors.clear();
+  tensors.valuePointers.clear();
+  tensors.values.clear();
+  tensors.memory.clear();
 }
 
 void ReadNames(OrtSession* session,
@@ -249,6 +281,7 @@ struct OnnxModel::State {
   Session session;
   Tensors inputs;
   Tensors outputs;
+  Outcome refusal;  ///< why it must not run; or kQetOk
 };
 
 OnnxModel::OnnxModel(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -299,15 +332,28 @@ Outcome OnnxModel::CreateOutputs() {
   return CreateTensors(state_->session.get(), {&OrtApi::SessionGetOutputTypeInfo, "output"}, state_->outputs);
 }
 
-std::vector<OnnxTensor> OnnxModel::Inputs() const {
+const std::vector<OnnxTensor>& OnnxModel::Inputs() const {
   return state_->inputs.tensors;
 }
 
-std::vector<OnnxTensor> OnnxModel::Outputs() const {
+const std::vector<OnnxTensor>& OnnxModel::Outputs() const {
   return state_->outputs.tensors;
 }
 
+void OnnxModel::DropInputs() noexcept {
+  DropTensors(state_->inputs);
+}
+
+void OnnxModel::DropOutputs() noexcept {
+  DropTensors(state_->outputs);
+}
+
+void OnnxModel::RefuseToRun(Outcome reason) {
+  state_->refusal = std::move(reason);
+}
+
 Outcome OnnxModel::Run() {
+  if (!state_->refusal.Ok()) return state_->refusal;
   Tensors& inputs = state_->inputs;
   Tensors& outputs = state_->outputs;
   const Status status(Api().Run(state_->session.get(), nullptr, inputs.namePointers.data(),

@@ -19,7 +19,6 @@ struct Outcome {
 
 /// One input or output of a model, and the memory behind it.
 struct OnnxTensor {
-  std::string name;
   void* data = nullptr;  ///< the model's; page-aligned, zeroed when made
   std::size_t sizeBytes = 0;
 };
@@ -41,11 +40,18 @@ class OnnxModel {
   /// Make the buffers, all of them or none. A dimension that the model leaves open becomes 1.
   Outcome CreateInputs();
   Outcome CreateOutputs();
-  std::vector<OnnxTensor> Inputs() const;
-  std::vector<OnnxTensor> Outputs() const;
+  const std::vector<OnnxTensor>& Inputs() const;
+  const std::vector<OnnxTensor>& Outputs() const;
+
+  /// Give the buffers back: as before CreateInputs, and CreateOutputs.
+  void DropInputs() noexcept;
+  void DropOutputs() noexcept;
 
   /// Runs the model once over its buffers. Requires: inputs and outputs. Allocates nothing of its own.
   Outcome Run();
+
+  /// From here on Run fails with `reason`, and does nothing.
+  void RefuseToRun(Outcome reason);
 
   /// Lets go of what all models share. Models that are still loaded keep it until they go.
   static void ReleaseEnvironment();

@@ -5,7 +5,6 @@
 #include <memory>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 namespace Ormis::host {
 
@@ -20,10 +19,11 @@ struct Leftover {
 };
 
 // Each engine frees what its kind still holds. Called by QetRelease, when no other thread is in the platform.
-Leftover ReclaimChannels();
-Leftover ReclaimImages();
-Leftover ReclaimEncoders();
-Leftover ReclaimModels();
+// They do not fail: there is no way back once the first of them has been called.
+Leftover ReclaimChannels() noexcept;
+Leftover ReclaimImages() noexcept;
+Leftover ReclaimEncoders() noexcept;
+Leftover ReclaimModels() noexcept;
 
 /// The live objects of one kind by key. Every member may be called from any thread; an object that is found
 /// stays alive while the caller holds it, whatever happens to the table.
@@ -53,12 +53,10 @@ class Table {
     return object;
   }
 
-  std::vector<std::shared_ptr<T>> TakeAll() {
+  std::map<Key, std::shared_ptr<T>> TakeAll() noexcept {
+    std::map<Key, std::shared_ptr<T>> all;
     const std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::shared_ptr<T>> all;
-    all.reserve(objects_.size());
-    for (auto& entry : objects_) all.push_back(std::move(entry.second));
-    objects_.clear();
+    all.swap(objects_);
     return all;
   }
 
@@ -67,8 +65,8 @@ class Table {
   std::map<Key, std::shared_ptr<T>> objects_;
 };
 
-/// A number never given out before in this process: names of contexts, encoders, streams and models, so that
-/// a stale name is always recognised.
+/// A number never given out before in this process: names of contexts, images, encoders, streams and models,
+/// so that a stale name is always recognised.
 std::uint64_t NextId();
 
 }  // namespace Ormis::host

@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "diagnostics.h"
 #include "h264_encoder.h"
+#include "image.h"
 #include "ormis/qet_venc.h"
 #include "state.h"
 
@@ -19,6 +21,9 @@ namespace {
 constexpr std::size_t kMaxOutstanding = 16;
 constexpr std::uint32_t kMaxBitrateKbps =
     INT_MAX / 1000;  // libavcodec keeps the rate buffer's bits in an int
+// Settings that libx264 refuses are kept from it: it loses what it had allocated by then, up to 20 MB a time.
+constexpr std::uint32_t kMaxSide = 16384;
+constexpr std::uint32_t kMaxFrameRate = 100'000;  // at high bit rates it counts 380,000 and more as too many
 
 struct Slot {
   enum class State : std::uint8_t { kFree, kWaiting, kFetched };
@@ -54,17 +59,17 @@ std::int32_t CheckSettings(const QetVenc& venc) {
     return QET_FAIL(kInit, kQetInvalidSize,
                     "size " << size << ", expected at most " << Size(venc.maxWidth, venc.maxHeight));
   }
-  // Offsets inside a frame, and the sizes of libavcodec, are ints.
-  if (static_cast<std::uint64_t>(venc.width) * venc.height > INT_MAX / 2) {
-    return QET_FAIL(kInit, kQetInvalidSize, "size " << size << ", expected a frame of less than 2 GiB");
+  if (venc.width > kMaxSide || venc.height > kMaxSide) {
+    return QET_FAIL(kInit, kQetInvalidSize,
+                    "size " << size << ", expected at most " << Size(kMaxSide, kMaxSide));
   }
   if (venc.bitrateKbps == 0 || venc.bitrateKbps > kMaxBitrateKbps) {
     return QET_FAIL(kInit, kQetInvalidArgument,
                     "bit rate " << venc.bitrateKbps << " kbit/s, expected 1 to " << kMaxBitrateKbps);
   }
-  if (venc.frameRate == 0 || venc.frameRate > INT_MAX) {
+  if (venc.frameRate == 0 || venc.frameRate > kMaxFrameRate) {
     return QET_FAIL(kInit, kQetInvalidArgument,
-                    "frame rate " << venc.frameRate << ", expected 1 to " << INT_MAX);
+                    "frame rate " << venc.frameRate << ", expected 1 to " << kMaxFrameRate);
   }
   if (venc.gopSize == 0 || venc.gopSize > INT_MAX) {
     return QET_FAIL(kInit, kQetInvalidArgument,
@@ -76,8 +81,19 @@ std::int32_t CheckSettings(const QetVenc& venc) {
   return kQetOk;
 }
 
-std::int32_t CheckFrame(const ImageData& frame, const Encoder& encoder) {
+/// Checks the frame. Where its pixels are the platform's, they stay while `image` is held.
+std::int32_t RequireFrame(const ImageData& frame, const Encoder& encoder, std::shared_ptr<Image>& image) {
   constexpr const char* kSendFrame = "QetVenc::SendFrame";
+  if (frame.bufferMode == kQetBufferPlatform) {
+    if (const std::int32_t status = RequireImage(kSendFrame, "frame", frame, image); status != kQetOk) {
+      return status;
+    }
+  } else if (frame.bufferMode != kQetBufferUser) {
+    return QET_FAIL(kSendFrame, kQetInvalidArgument,
+                    "frame with buffer mode "
+                        << frame.bufferMode
+                        << ", expected 0, the caller's memory, or 1, the platform's memory");
+  }
   if (frame.imageType != kQetImageYuv420sp) {
     return QET_FAIL(kSendFrame, kQetUnsupported,
                     "image type " << frame.imageType << ", expected " << unsigned{kQetImageYuv420sp});
@@ -111,7 +127,7 @@ std::shared_ptr<Encoder> RequireEncoder(const char* operation, const QetVenc& ve
 
 }  // namespace
 
-Leftover ReclaimEncoders() {
+Leftover ReclaimEncoders() noexcept {
   return {encoders.TakeAll().size(), 0};
 }
 
@@ -161,7 +177,8 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
     const auto encoder = host::RequireEncoder(kSendFrame, *this, status);
     if (encoder == nullptr) return status;
     const std::lock_guard<std::mutex> lock(encoder->mutex);
-    status = host::CheckFrame(frame, *encoder);
+    std::shared_ptr<host::Image> image;
+    status = host::RequireFrame(frame, *encoder, image);
     if (status != kQetOk) return status;
 
     const auto slot = std::find_if(encoder->slots.begin(), encoder->slots.end(), [](const host::Slot& one) {

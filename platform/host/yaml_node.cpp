@@ -268,7 +268,16 @@ QetYamlNode::QetYamlNode(const std::string& path) {
 
 QetYamlNode::QetYamlNode() = default;
 QetYamlNode::QetYamlNode(const QetYamlNode& other) = default;
-QetYamlNode& QetYamlNode::operator=(const QetYamlNode& other) = default;
+
+// By way of a copy: `other` may be one of this node's own children, which goes with them.
+QetYamlNode& QetYamlNode::operator=(const QetYamlNode& other) {
+  QetYamlNode copy(other);
+  children.swap(copy.children);
+  scalar_.swap(copy.scalar_);
+  kind_ = copy.kind_;
+  return *this;
+}
+
 QetYamlNode::~QetYamlNode() = default;
 
 QetYamlNode QetYamlNode::operator[](const std::string& key) const {

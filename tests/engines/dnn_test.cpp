@@ -3,41 +3,18 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <vector>
 
-#include "engine_test.h"
-#include "networks.h"
+#include "failing_memory.h"
+#include "model_test.h"
 
 namespace {
 
 using onnx_writer::ElementType;
 using Ormis::QetDNNHandle;
 
-/// A folder of its own for the model files of one test.
-class DnnTest : public EngineTest {
- protected:
-  void SetUp() override {
-    folder_ = std::filesystem::temp_directory_path() / ("dnn_test_" + std::to_string(getpid()));
-    std::filesystem::create_directories(folder_);
-    EngineTest::SetUp();
-  }
-
-  void TearDown() override {
-    EngineTest::TearDown();
-    std::filesystem::remove_all(folder_);
-  }
-
-  std::string Write(const std::string& bytes) {
-    std::string path = folder_ / "model.onnx";
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-  }
-  std::string Write(const onnx_writer::Graph& graph) { return Write(onnx_writer::Serialize(graph)); }
-
-  std::filesystem::path folder_;
-};
+class DnnTest : public ModelTest {};
 
 /// A model that hands its input on.
 onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType type) {
@@ -175,8 +152,45 @@ TEST_F(DnnTest, TheHandleListsItsTensors) {
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(handle.outputs[0].data) % 4096, 0U);
   EXPECT_EQ(handle.inputIndex.at(handle.inputs[0].data), 0U);
   EXPECT_EQ(handle.outputIndex.at(handle.outputs[0].data), 0U);
-  EXPECT_EQ(handle.tensorIndex.at("image"), 0U);
-  EXPECT_EQ(handle.tensorIndex.at("scores"), 1U);
+  EXPECT_EQ(handle.bufferOf.at(0), handle.inputs[0].data);
+  EXPECT_EQ(handle.bufferOf.at(1), handle.outputs[0].data);
+  EXPECT_EQ(handle.bufferOf.size(), 2U);
+}
+
+/// Three inputs, each of which is handed on to an output of its own.
+onnx_writer::Graph Threefold() {
+  onnx_writer::Graph graph;
+  graph.name = "threefold";
+  for (const char* const name : {"a", "b", "c"}) {
+    graph.inputs.push_back({name, {2, 3}, ElementType::kFloat});
+    graph.outputs.push_back({std::string("out_") + name, {2, 3}, ElementType::kFloat});
+    graph.nodes.push_back({"Identity", {name}, {std::string("out_") + name}, {}, {}});
+  }
+  return graph;
+}
+
+void ExpectThreefold(const QetDNNHandle& handle) {
+  ASSERT_EQ(handle.inputs.size(), 3U);
+  ASSERT_EQ(handle.outputs.size(), 3U);
+  EXPECT_EQ(handle.inputIndex.size(), 3U);
+  EXPECT_EQ(handle.outputIndex.size(), 3U);
+  EXPECT_EQ(handle.bufferOf.size(), 6U);
+  for (std::uint32_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(handle.inputIndex.at(handle.inputs[i].data), i);
+    EXPECT_EQ(handle.outputIndex.at(handle.outputs[i].data), i);
+    EXPECT_EQ(handle.bufferOf.at(i), handle.inputs[i].data);
+    EXPECT_EQ(handle.bufferOf.at(3 + i), handle.outputs[i].data);
+  }
+}
+
+TEST_F(DnnTest, TheHandleListsInputsBeforeOutputsWhicheverCameFirst) {
+  const std::string path = Write(Threefold());
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+  ExpectThreefold(handle);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
 TEST_F(DnnTest, BuffersAreBackedByPagesOfTheirOwn) {
@@ -350,7 +364,7 @@ TEST_F(DnnTest, ReleaseAcceptsEveryPartialState) {
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << steps;
     EXPECT_EQ(handle.modelId, 0U);
     EXPECT_TRUE(handle.modelPath.empty() && handle.inputs.empty() && handle.outputs.empty() &&
-                handle.inputIndex.empty() && handle.outputIndex.empty() && handle.tensorIndex.empty());
+                handle.inputIndex.empty() && handle.outputIndex.empty() && handle.bufferOf.empty());
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetModelNotReady) << "twice";
   }
   EXPECT_EQ(StandardErrorOf([&] { ReleasePlatform(); }).find("model"), std::string::npos);
@@ -374,6 +388,122 @@ TEST_F(DnnTest, ReleasingThePlatformFreesModelsAndSaysSo) {
   EXPECT_EQ(Ormis::QetDNNModelProcess(halfMade), Ormis::kQetModelNotReady);
   Loaded model(path);
   EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+}
+
+TEST_F(DnnTest, AHandleMayBeLoadedAgainFromItsOwnPath) {
+  const std::string path = Write(TinyNetwork());
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  ReleasePlatform();
+  StartPlatform();
+  ASSERT_EQ(handle.modelPath, path);
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, handle.modelPath), Ormis::kQetOk);
+  EXPECT_EQ(handle.modelPath, path);
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+/// Repeats `step` on a handle that `prepare` makes anew, with another of its last allocations failing each
+/// time; those before belong to the engine. `check` sees the handle after each failure.
+template <typename Prepare, typename Step, typename Check>
+void FailLastAllocations(std::size_t last, Prepare prepare, Step step, Check check) {
+  std::size_t count = 0;
+  for (int i = 0; i < 2; ++i) {  // the first time is not like the others
+    QetDNNHandle handle;
+    prepare(handle);
+    const FailingMemory memory(0);
+    ASSERT_EQ(step(handle), Ormis::kQetOk);
+    count = memory.Count();
+  }
+  ASSERT_GT(count, last);
+  for (std::size_t failAt = count - last + 1; failAt <= count; ++failAt) {
+    SCOPED_TRACE("allocation " + std::to_string(failAt) + " of " + std::to_string(count));
+    QetDNNHandle handle;
+    prepare(handle);
+    {
+      const FailingMemory memory(failAt);
+      ASSERT_EQ(step(handle), Ormis::kQetOutOfMemory);
+      ASSERT_TRUE(memory.Fired());
+    }
+    check(handle);
+  }
+}
+
+TEST_F(DnnTest, BuffersThatCannotBeListedAreNotMade) {
+  if (!FailingMemory::kWorks) GTEST_SKIP();
+  const std::string path = Write(Threefold());
+  FailLastAllocations(
+      8, [&](QetDNNHandle& handle) { ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk); },
+      [](QetDNNHandle& handle) { return Ormis::QetDNNModelCreateInput(handle); },
+      [](QetDNNHandle& handle) {
+        EXPECT_TRUE(handle.inputs.empty() && handle.inputIndex.empty() && handle.bufferOf.empty());
+        EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+        EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+        ExpectThreefold(handle);
+        EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+        EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+      });
+  FailLastAllocations(
+      8,
+      [&](QetDNNHandle& handle) {
+        ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+        ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+      },
+      [](QetDNNHandle& handle) { return Ormis::QetDNNModelCreateOutput(handle); },
+      [](QetDNNHandle& handle) {
+        EXPECT_TRUE(handle.outputs.empty() && handle.outputIndex.empty());
+        EXPECT_EQ(handle.bufferOf.size(), 3U);
+        EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+        ExpectThreefold(handle);
+        EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+        EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+      });
+}
+
+TEST_F(DnnTest, AModelThatCannotBeNotedLeavesTheHandleAsItWas) {
+  if (!FailingMemory::kWorks) GTEST_SKIP();
+  const std::string path = Write(TinyNetwork());
+  const std::string before(100, 'x');
+  FailLastAllocations(
+      2,
+      [&](QetDNNHandle& handle) {
+        handle.modelId = 123456789;
+        handle.modelPath = before;
+      },
+      [&](QetDNNHandle& handle) { return Ormis::QetDNNModelInitialize(handle, path); },
+      [&](QetDNNHandle& handle) {
+        EXPECT_EQ(handle.modelId, 123456789U);
+        EXPECT_EQ(handle.modelPath, before);
+      });
+  // The platform lists the models that were loaded to count allocations, and no other.
+  EXPECT_NE(StandardErrorOf([&] { ReleasePlatform(); }).find("2 models"), std::string::npos);
+}
+
+TEST_F(DnnTest, TwoHandlesOfOneModelTakeTurns) {
+  const std::string path = Write(TinyNetwork());
+  for (int round = 0; round < 20; ++round) {
+    QetDNNHandle first;
+    QetDNNHandle second;
+    ASSERT_EQ(Ormis::QetDNNModelInitialize(first, path), Ormis::kQetOk);
+    second.modelId = first.modelId;
+    const auto use = [](QetDNNHandle& handle) {
+      for (int i = 0; i < 3; ++i) {
+        const std::int32_t input = Ormis::QetDNNModelCreateInput(handle);
+        EXPECT_TRUE(input == Ormis::kQetOk || input == Ormis::kQetAlreadyInitialized) << input;
+        const std::int32_t output = Ormis::QetDNNModelCreateOutput(handle);
+        EXPECT_TRUE(output == Ormis::kQetOk || output == Ormis::kQetAlreadyInitialized) << output;
+        EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+      }
+    };
+    (void)StandardErrorOf([&] {
+      std::thread other = WithContext([&] { use(second); });
+      use(first);
+      other.join();
+    });
+    EXPECT_EQ(first.inputs.size() + second.inputs.size(), 1U);
+    EXPECT_EQ(first.outputs.size() + second.outputs.size(), 1U);
+    EXPECT_EQ(Ormis::QetDNNRelease(first), Ormis::kQetOk);
+    EXPECT_EQ(Ormis::QetDNNRelease(second), Ormis::kQetModelNotReady);
+  }
 }
 
 TEST_F(DnnTest, TenModelsInTenThreadsAgreeToTheBit) {

@@ -2,6 +2,7 @@
 #include <thread>
 #include <vector>
 
+#include "failing_memory.h"
 #include "platform_test.h"
 
 namespace Ormis::test {
@@ -31,6 +32,26 @@ TEST(PlatformNotStarted, EveryOperationSaysSo) {
                 [&] { return QetImageResize(channel, other, image, kQetInterpolationArea, -1); });
   ExpectFailure(kQetNotInitialized, "QetImageDestroy", reason, [&] { return QetImageDestroy(image); });
   EXPECT_EQ(image.data, nullptr);
+
+  QetVenc venc;
+  ux_venc_stream stream{};
+  ExpectFailure(kQetNotInitialized, "QetVenc::Init", reason, [&] { return venc.Init(); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::SendFrame", reason, [&] { return venc.SendFrame(other); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::GetStream", reason, [&] { return venc.GetStream(stream); });
+  ExpectFailure(kQetNotInitialized, "QetVenc::ReleaseStream", reason,
+                [&] { return venc.ReleaseStream(stream); });
+
+  QetDNNHandle handle;
+  ExpectFailure(kQetNotInitialized, "QetDNNModelInitialize", reason,
+                [&] { return QetDNNModelInitialize(handle, "model.onnx"); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelCreateInput", reason,
+                [&] { return QetDNNModelCreateInput(handle); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelCreateOutput", reason,
+                [&] { return QetDNNModelCreateOutput(handle); });
+  ExpectFailure(kQetNotInitialized, "QetDNNModelProcess", reason, [&] { return QetDNNModelProcess(handle); });
+  // Works without a platform, too; it is the model that is missing.
+  ExpectFailure(kQetModelNotReady, "QetDNNRelease", "the handle holds no model",
+                [&] { return QetDNNRelease(handle); });
 }
 
 TEST(PlatformNotStarted, InitializeChecksItsParameters) {
@@ -151,6 +172,38 @@ TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
   EXPECT_EQ(QetRelease(process_), kQetOk);
   EXPECT_THAT(log.Text(), HasSubstr("QetRelease: gave back what was left: 3 images (9000 bytes), 3 channels, "
                                     "4 contexts"));
+}
+
+// Whichever allocation fails: what is released stays released, and only the list of it may be lost.
+TEST_F(ContextTest, ReleaseNeedsNoMemory) {
+  if (!FailingMemory::kWorks) GTEST_SKIP();
+  std::size_t faults = 0;
+  for (std::size_t failAt = 1;; ++failAt) {
+    ASSERT_LT(failAt, 1000U);
+    for (int i = 0; i < 3; ++i) {
+      int channel = i;
+      ASSERT_EQ(QetCreateChannel(channel), kQetOk);
+      ImageData image = Record(100, 10, kQetImageBgr888);
+      ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+    }
+    CapturedStandardError log;
+    std::int32_t status = kQetOk;
+    bool fired = false;
+    {
+      const FailingMemory memory(failAt);
+      status = QetRelease(process_);
+      fired = memory.Fired();
+    }
+    const std::string text = log.Text();
+    ASSERT_EQ(status, kQetOk) << "allocation " << failAt << ": " << text;
+    EXPECT_EQ(process_.id, 0U);
+    EXPECT_THAT(text, HasSubstr("QetRelease: gave back what was left"));
+    context_ = QetContext{};
+    SetUp();
+    if (!fired) break;
+    ++faults;
+  }
+  EXPECT_GT(faults, 0U);
 }
 
 TEST_F(ContextTest, ReleaseWithNothingLeftIsSilent) {

@@ -44,9 +44,10 @@ TEST_F(ImageTest, MallocFillsDataAndDataSizeForEveryType) {
     EXPECT_TRUE(std::all_of(image.data, image.data + size.bytes, [](std::uint8_t b) { return b == 0; }));
     EXPECT_EQ(image.width, size.width);
     EXPECT_EQ(image.height, size.height);
-    EXPECT_EQ(image.offset00, 0U);
+    EXPECT_NE(image.offset00, 0U);
     EXPECT_EQ(image.offset08, "");
     EXPECT_EQ(QetImageDestroy(image), kQetOk);
+    EXPECT_EQ(image.offset00, 0U);
     EXPECT_EQ(image.data, nullptr);
     EXPECT_EQ(image.dataSize, 0U);
   }
@@ -175,6 +176,49 @@ TEST_F(ImageTest, DestroyRefusesForeignMemory) {
   ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
                 [&] { return QetImageDestroy(image); });
   EXPECT_EQ(QetImageDestroy(inside), kQetOk);
+}
+
+// An allocator gives the next image of that size the memory that was freed last.
+TEST_F(ImageTest, AStaleRecordIsRefusedWhenItsMemoryBelongsToSomebodyElse) {
+  ImageData stale;
+  std::vector<ImageData> others;
+  for (int i = 0; i < 1000 && stale.data == nullptr; ++i) {
+    ImageData image = Record(64, 48, 1);
+    ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+    const ImageData copy = image;
+    ASSERT_EQ(QetImageDestroy(image), kQetOk);
+    ImageData& other = others.emplace_back(Record(64, 48, 1));
+    ASSERT_EQ(QetImageMallocAligned(other), kQetOk);
+    if (other.data == copy.data) stale = copy;
+  }
+  if (stale.data == nullptr) GTEST_SKIP() << "this allocator keeps what was freed";
+  ImageData& owner = others.back();
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform",
+                [&] { return QetMemcpyToKivu(owner, stale); });
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "source without memory of the platform",
+                [&] { return QetMemcpyToKivu(stale, owner); });
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+                [&] { return QetImageDestroy(stale); });
+  EXPECT_NE(stale.data, nullptr);
+  EXPECT_EQ(QetMemcpyToKivu(owner, owner), kQetOk);
+  EXPECT_EQ(QetImageDestroy(owner), kQetOk);
+}
+
+TEST_F(ImageTest, ARecordWithTheAddressAloneIsRefused) {
+  ImageData image = Record(8, 8, 1);
+  ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+  ImageData made = Record(8, 8, 1);
+  made.data = image.data;
+  made.dataSize = image.dataSize;
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform",
+                [&] { return QetMemcpyToKivu(image, made); });
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+                [&] { return QetImageDestroy(made); });
+  ImageData moved = image;
+  moved.data = nullptr;
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+                [&] { return QetImageDestroy(moved); });
+  EXPECT_EQ(QetImageDestroy(image), kQetOk);
 }
 
 TEST_F(ImageTest, MemcpyWithOneRecordKeepsThePixelsAndTheRecordUsable) {

@@ -331,5 +331,23 @@ TEST_F(YamlNodeTest, CopiesAreIndependent) {
   EXPECT_EQ(Text(root["a"], "b"), "1");
 }
 
+TEST_F(YamlNodeTest, ANodeMayBecomeItsOwnChild) {
+  const std::string longText(1000, 'x');
+  QetYamlNode node = Parse("AIC:\n  File: {path: " + longText + ", number: 7}\n  Level: 1\nCPU: 2\n");
+  node = node.children.at("AIC");
+  EXPECT_EQ(node.children.size(), 2U);
+  node = node.children.at("File");
+  EXPECT_EQ(node.children.size(), 2U);
+  EXPECT_EQ(Text(node, "path"), longText);
+  node = node.children.at("number");
+  unsigned int number = 0;
+  EXPECT_TRUE(node.AsIf(number));
+  EXPECT_EQ(number, 7U);
+  EXPECT_TRUE(node.children.empty());
+  QetYamlNode& same = node;
+  node = same;
+  EXPECT_TRUE(node.AsIf(number));
+}
+
 }  // namespace
 }  // namespace Ormis::test

@@ -18,7 +18,8 @@ struct QetDNNBuffer {
 
 /// One loaded model with its input and output buffers. Value-initialise it on the thread that uses it, hand
 /// it to the operations below, destroy it after QetDNNRelease: the destructor frees the members, not the
-/// model. Callers that only run the model need none of its members.
+/// model. Callers that only run the model need none of its members. Operations on one model run one after the
+/// other, also where a second handle holds its number.
 struct QetDNNHandle {
   std::uint64_t modelId = 0;                         ///< 0: no model
   std::string modelPath;                             ///< as given to QetDNNModelInitialize
@@ -26,7 +27,7 @@ struct QetDNNHandle {
   std::vector<QetDNNBuffer> outputs;                 ///< in the model's order; QetDNNModelCreateOutput
   std::map<const void*, std::uint32_t> inputIndex;   ///< buffer address to index in `inputs`
   std::map<const void*, std::uint32_t> outputIndex;  ///< buffer address to index in `outputs`
-  std::map<std::string, std::uint32_t> tensorIndex;  ///< tensor name to index, outputs after inputs
+  std::map<std::uint32_t, void*> bufferOf;           ///< index to buffer address, outputs after inputs
   mutable std::recursive_mutex mutex;                ///< held by each operation on this handle
 };
 

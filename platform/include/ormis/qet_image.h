@@ -38,7 +38,7 @@ enum QetImageInterpolationType : std::uint32_t {
 /// Value-initialise it, then set width, height, bufferMode, imageType (and data and dataSize for
 /// kQetBufferUser).
 struct ImageData {
-  std::uint64_t offset00 = 0;      ///< the platform's; never set by callers
+  std::uint64_t offset00 = 0;      ///< the platform's, names its memory; never set by callers
   std::string offset08;            ///< the platform's; never set by callers
   std::uint32_t width = 0;         ///< pixels
   std::uint32_t height = 0;        ///< pixels
@@ -63,14 +63,17 @@ static_assert(offsetof(ImageData, offset00) == 0x00 && offsetof(ImageData, offse
 /// taken) and leaves `channel` as it was.
 ORMIS_API std::int32_t QetCreateChannel(int& channel);
 
-/// Destroys a channel; an operation that runs on it in another thread still ends well. Requires: a current
-/// context. Threads: any. Returns 0, or a code.
+/// Destroys a channel; an operation that runs on it in another thread still ends well. The number is free for
+/// the next QetCreateChannel then: a caller that goes on using it may reach somebody else's channel, which
+/// the platform cannot tell. Requires: a current context. Threads: any. Returns 0, or a code.
 ORMIS_API std::int32_t QetDestroyChannel(int channel);
 
 /// Allocates media-unit memory for `image` (width, height, bufferMode 1 and imageType set, data null) and
-/// fills `data` and `dataSize`. The memory is zeroed, really backed by pages, aligned to 4096 bytes, and
-/// belongs to the platform: free it with QetImageDestroy. From then on the record's fields stay as they are:
-/// the operations below refuse a record that no longer says what was allocated. At most 4294967295 bytes; the
+/// fills `data`, `dataSize` and `offset00`. The memory is zeroed, really backed by pages, aligned to 4096
+/// bytes, and belongs to the platform: free it with QetImageDestroy. From then on the record's fields stay as
+/// they are: the operations below refuse a record that no longer says what was allocated. A copy of the
+/// record names the same memory; one that outlives it is refused with kQetUnknownBuffer, also when the
+/// address is in use again, and so is a record that has the address alone. At most 4294967295 bytes; the
 /// semi-planar types need an even width, those of 4:2:0 an even height, too. Requires: a current context.
 /// Threads: any. Returns 0, or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageMallocAligned(ImageData& image);
@@ -92,9 +95,9 @@ ORMIS_API std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& desti
 ORMIS_API std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                                       QetImageInterpolationType interpolation, int timeoutMs);
 
-/// Frees what QetImageMallocAligned allocated and clears `data` and `dataSize`. Only `data` counts: other
-/// fields may have been changed. Requires: a current context. Threads: any. Returns 0, or a code and leaves
-/// `image` as it was.
+/// Frees what QetImageMallocAligned allocated and clears `data`, `dataSize` and `offset00`. Only `data` and
+/// `offset00` count: other fields may have been changed. Requires: a current context. Threads: any. Returns
+/// 0, or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageDestroy(ImageData& image);
 
 }  // namespace Ormis

@@ -53,12 +53,15 @@ class ORMIS_API QetVenc {
 
   /// Opens the encoder with the members as they are now; changing them later changes nothing. Requires: a
   /// current context, not initialised before; width and height even and at most maxWidth and maxHeight;
-  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. Returns 0, or a code and leaves the
-  /// encoder as it was.
+  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. The host takes sides of at most 16384
+  /// pixels, 2147483 kbit/s, 100000 frames per second and a gopSize of 2147483647, and of these what its
+  /// engine can encode. Returns 0, or a code and leaves the encoder as it was.
   std::int32_t Init();
 
   /// Submits one frame: width and height of this encoder, image type 2, at least width x height x 3 / 2 bytes
-  /// at data. The frame is read before the call returns, and its stream is ready then. Streams that were not
+  /// at data, which is either the caller's memory (bufferMode 0) or a live image of QetImageMallocAligned
+  /// (bufferMode 1, the record as that left it). The frame is read before the call returns, even if another
+  /// thread destroys the image meanwhile, and its stream is ready then. Streams that were not
   /// released are kept, a limited number of them and of their bytes (streamBufferBytes): beyond it, kQetBusy.
   /// Requires: a current context. Returns 0, or a code.
   std::int32_t SendFrame(const ImageData& frame);

@@ -8,7 +8,8 @@
 
 namespace Ormis {
 
-/// A node of a parsed YAML document; a value: copies are independent. Reading is const and safe from any
+/// A node of a parsed YAML document; a value: copies are independent, and a node may be assigned from one of
+/// its own children. Reading is const and safe from any
 /// thread. Limits of a document, against files that are hostile or simply no configuration: one document, 64
 /// levels deep, 10,000 nodes (keys and items count, an alias counts as what it names), 1 MiB. Errors are
 /// also: duplicate keys, keys that are no scalars, undefined and self-referencing aliases. Tags other than

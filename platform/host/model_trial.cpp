@@ -1,0 +1,199 @@
+#include "model_trial.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include "diagnostics.h"
+
+namespace Ormis::host {
+
+namespace {
+
+constexpr char kProgram[] = "ormis/model_trial";  // beside the library
+
+/// A file as it is now: one that is written anew is another.
+using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
+
+std::mutex trialMutex;
+std::set<FileState> passed;
+
+/// Returns false for what is no file to load a model from; the engine says why.
+bool StateOf(const std::string& path, FileState& state) {
+  struct stat status{};
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  state = {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+  return true;
+}
+
+std::string ProgramPath() {
+  Dl_info library{};
+  if (dladdr(&trialMutex, &library) == 0 || library.dli_fname == nullptr) return kProgram;
+  const std::string path = library.dli_fname;
+  return path.substr(0, path.rfind('/') + 1) + kProgram;
+}
+
+class Pipe {
+ public:
+  Pipe() {
+    if (pipe2(ends_, O_CLOEXEC) != 0) ends_[0] = ends_[1] = -1;
+  }
+  ~Pipe() {
+    CloseEnd(0);
+    CloseEnd(1);
+  }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  bool Ok() const { return ends_[0] >= 0; }
+  int WriteEnd() const { return ends_[1]; }
+
+  /// All that is written until nobody can write any more.
+  std::string ReadAll() {
+    CloseEnd(1);
+    std::string text;
+    char part[512];
+    for (;;) {
+      const ssize_t size = read(ends_[0], part, sizeof part);
+      if (size < 0 && errno == EINTR) continue;
+      if (size <= 0) return text;
+      text.append(part, static_cast<std::size_t>(size));
+    }
+  }
+
+ private:
+  void CloseEnd(int end) {
+    if (ends_[end] >= 0) (void)close(ends_[end]);
+    ends_[end] = -1;
+  }
+
+  int ends_[2] = {-1, -1};
+};
+
+/// The environment, but for what would put a stranger's code into the process.
+std::vector<char*> Environment() {
+  std::vector<char*> variables;
+  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+    if (std::strncmp(*variable, "LD_PRELOAD=", 11) != 0) variables.push_back(*variable);
+  }
+  variables.push_back(nullptr);
+  return variables;
+}
+
+/// Starts the process with `output` as its standard output and nothing else of this one's. Returns 0 or an
+/// error number.
+int Start(const std::string& path, int output, pid_t& child) {
+  std::string program = ProgramPath();
+  std::string argument = path;
+  char* const arguments[] = {program.data(), argument.data(), nullptr};
+  std::vector<char*> environment = Environment();
+
+  posix_spawn_file_actions_t files;
+  if (const int error = posix_spawn_file_actions_init(&files); error != 0) return error;
+  posix_spawnattr_t attributes;
+  if (const int error = posix_spawnattr_init(&attributes); error != 0) {
+    (void)posix_spawn_file_actions_destroy(&files);
+    return error;
+  }
+  // The interrupt of a terminal reaches the process, too: it is not to look like a fault of the model.
+  sigset_t blocked;
+  (void)sigemptyset(&blocked);
+  (void)sigaddset(&blocked, SIGINT);
+  int error = posix_spawnattr_setsigmask(&attributes, &blocked);
+  if (error == 0) error = posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  if (error == 0) error = posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  if (error == 0) error = posix_spawn_file_actions_adddup2(&files, output, 1);
+  if (error == 0) error = posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);
+  if (error == 0) error = posix_spawn_file_actions_addclosefrom_np(&files, 3);
+  if (error == 0)
+    error = posix_spawn(&child, program.c_str(), &files, &attributes, arguments, environment.data());
+  (void)posix_spawnattr_destroy(&attributes);
+  (void)posix_spawn_file_actions_destroy(&files);
+  return error;
+}
+
+/// How the process ended, in words.
+std::string EndOf(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return "an end that nobody saw";  // the application ignores SIGCHLD
+  }
+  if (!WIFSIGNALED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+  if (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL) {
+    return "more than " + std::to_string(kTrialProcessorS) +
+           " s of processor time, or more memory than there is";
+  }
+  const char* const name = sigdescr_np(WTERMSIG(status));
+  return name != nullptr ? name : "signal " + std::to_string(WTERMSIG(status));
+}
+
+/// Finds the line of `step` in what the process said. Returns false when it did not come that far.
+bool Find(const std::string& said, const std::string& step, Outcome& outcome) {
+  const std::string head = step + ' ';
+  for (std::size_t begin = 0; begin < said.size();) {
+    const std::size_t end = std::min(said.find('\n', begin), said.size());
+    if (said.compare(begin, head.size(), head) == 0) {
+      int code = kQetInternal;
+      const char* const line = said.data() + begin;
+      const auto [rest, error] = std::from_chars(line + head.size(), said.data() + end, code);
+      outcome.code = error == std::errc() ? static_cast<QetError>(code) : kQetInternal;
+      outcome.reason.assign(rest, said.data() + end);
+      outcome.reason.erase(0, outcome.reason.find_first_not_of(' '));
+      return true;
+    }
+    begin = end + 1;
+  }
+  return false;
+}
+
+void WarnOnce(int error) {
+  static std::atomic<bool> warned{false};
+  if (warned.exchange(true)) return;
+  Log().LogWarn({__FILE__, "TryModel", __LINE__})
+      << "models are loaded untried: cannot run " << ProgramPath() << ": " << std::strerror(error);
+}
+
+}  // namespace
+
+TrialResult TryModel(const std::string& path) {
+  FileState state;
+  if (!StateOf(path, state)) return {};
+  const std::lock_guard<std::mutex> lock(trialMutex);
+  if (passed.count(state) != 0) return {};
+
+  Pipe pipe;
+  pid_t child = 0;
+  int error = errno;
+  if (pipe.Ok()) error = Start(path, pipe.WriteEnd(), child);
+  if (!pipe.Ok() || error != 0) {
+    WarnOnce(error);
+    return {};
+  }
+  const std::string said = pipe.ReadAll();
+  const std::string end = EndOf(child);
+
+  TrialResult result;
+  if (!Find(said, kTrialLoaded, result.load)) {
+    result.load = {kQetModelUnreadable,
+                   "cannot load model " + path + ": the engine died of it in a trial: " + end};
+  } else if (result.load.Ok() && !Find(said, kTrialRan, result.run)) {
+    result.run = {kQetInferenceFailure, "the engine died of the first inference in a trial: " + end};
+  }
+  if (result.load.Ok() && result.run.Ok()) passed.insert(state);
+  return result;
+}
+
+}  // namespace Ormis::host

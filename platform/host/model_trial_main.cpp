@@ -1,0 +1,90 @@
+// The process that libormis.so tries a model file in. Its only argument is the file; standard output takes
+// the result.
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+
+#include "diagnostics.h"
+#include "model_trial.h"
+
+// Sanitizers reserve address space without end, and have bounds of their own.
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define MODEL_TRIAL_SANITIZED
+constexpr char kSanitizerOptions[] = "hard_rss_limit_mb=4096:allocator_may_return_null=1";
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return kSanitizerOptions;
+}
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+  return kSanitizerOptions;
+}
+#endif
+
+namespace Ormis::host {
+
+// The engine's part of the library asks for it. What there is to say comes back as the result.
+ara::log::Logger& Log() {
+  return ara::log::CreateLogger("QET", "", ara::log::LogLevel::kOff);
+}
+
+namespace {
+
+void Limit(int resource, rlim_t limit) {
+  rlimit value{};
+  if (getrlimit(resource, &value) != 0) return;
+  value.rlim_max = std::min(value.rlim_max, limit);
+  value.rlim_cur = value.rlim_max;
+  (void)setrlimit(resource, &value);
+}
+
+void LimitResources() {
+  Limit(RLIMIT_CORE, 0);
+  Limit(RLIMIT_CPU, kTrialProcessorS);
+#ifndef MODEL_TRIAL_SANITIZED
+  const auto pages = static_cast<rlim_t>(sysconf(_SC_PHYS_PAGES));
+  Limit(RLIMIT_AS, pages / 2 * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)));
+#endif
+}
+
+void Say(const char* step, const Outcome& outcome) {
+  std::cout << step << ' ' << outcome.code;
+  if (!outcome.Ok()) std::cout << ' ' << outcome.reason;
+  std::cout << std::endl;
+}
+
+Outcome Run(OnnxModel& model) {
+  // Buffers that cannot be made fail in the caller's process as well, and are told there.
+  if (!model.CreateInputs().Ok() || !model.CreateOutputs().Ok()) return {};
+  return model.Run();
+}
+
+void Try(const char* path) {
+  std::unique_ptr<OnnxModel> model;
+  const Outcome loaded = OnnxModel::Load(path, model);
+  Say(kTrialLoaded, loaded);
+  if (loaded.Ok()) Say(kTrialRan, Run(*model));
+}
+
+}  // namespace
+
+}  // namespace Ormis::host
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  // A caller that is killed while it waits takes this process with it.
+  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+  Ormis::host::LimitResources();
+  try {
+    Ormis::host::Try(argv[1]);
+  } catch (const std::exception&) {
+    return 3;  // memory is out: the caller sees how far it came
+  }
+  // Not through the engine's own ending, which is not what was asked.
+  std::_Exit(0);
+}

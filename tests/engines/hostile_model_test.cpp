@@ -1,0 +1,163 @@
+// Model files that are cut off, damaged or made to do harm: a status and a reason for each, and the process
+// goes on.
+#include <array>
+#include <functional>
+#include <random>
+
+#include "model_fields.h"
+#include "model_test.h"
+
+namespace {
+
+using Ormis::QetDNNHandle;
+
+const std::string& GoodModel() {
+  static const std::string model = onnx_writer::Serialize(TinyNetwork());
+  return model;
+}
+
+class HostileModelTest : public ModelTest {
+ protected:
+  /// What the four steps answer, as far as they come.
+  struct Answers {
+    const char* failedStep = nullptr;  ///< null: the model runs
+    std::int32_t code = 0;
+    std::string log;
+  };
+
+  /// Loads the file and runs it. Expects that a step that fails says why, in its name.
+  Answers LoadAndRun(const std::string& bytes) {
+    const std::string path = Write(bytes);
+    const std::array<std::pair<const char*, std::function<std::int32_t(QetDNNHandle&)>>, 4> steps = {{
+        {"QetDNNModelInitialize", [&](QetDNNHandle& handle) { return QetDNNModelInitialize(handle, path); }},
+        {"QetDNNModelCreateInput", Ormis::QetDNNModelCreateInput},
+        {"QetDNNModelCreateOutput", Ormis::QetDNNModelCreateOutput},
+        {"QetDNNModelProcess", Ormis::QetDNNModelProcess},
+    }};
+    QetDNNHandle handle;
+    Answers answers;
+    answers.log = StandardErrorOf([&] {
+      for (const auto& [name, step] : steps) {
+        answers.code = step(handle);
+        if (answers.code == Ormis::kQetOk) continue;
+        answers.failedStep = name;
+        break;
+      }
+    });
+    const bool loaded = handle.modelId != 0;
+    EXPECT_EQ(StandardErrorOf([&] {
+                EXPECT_EQ(QetDNNRelease(handle), loaded ? Ormis::kQetOk : Ormis::kQetModelNotReady);
+              }).empty(),
+              loaded);
+    if (answers.failedStep != nullptr) {
+      EXPECT_GE(answers.code, Ormis::kQetInvalidArgument);
+      EXPECT_LE(answers.code, Ormis::kQetInternal);
+      const std::string head = std::string(" ERROR - QET ");
+      const std::size_t name = answers.log.find(std::string(answers.failedStep) + ": ");
+      EXPECT_NE(answers.log.find(head), std::string::npos) << answers.log;
+      EXPECT_NE(name, std::string::npos) << answers.log;
+    }
+    return answers;
+  }
+
+  /// Loads and runs `count` variants of the good model. Expects that some fail, and `someRun` says whether
+  /// some run.
+  void Try(int count, bool someRun, const std::function<std::string(int)>& variant) {
+    int failed = 0;
+    for (int i = 0; i < count; ++i) {
+      SCOPED_TRACE(i);
+      if (LoadAndRun(variant(i)).failedStep != nullptr) ++failed;
+    }
+    EXPECT_GT(failed, count / 4);
+    EXPECT_EQ(failed < count, someRun);
+  }
+};
+
+/// The good model with one attribute of its first convolution changed.
+std::string WithAttribute(const char* name, const std::vector<std::int64_t>& values) {
+  onnx_writer::Graph graph = TinyNetwork();
+  graph.nodes.at(0).lists[name] = values;
+  return onnx_writer::Serialize(graph);
+}
+
+TEST_F(HostileModelTest, TheGoodModelRuns) {
+  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
+  EXPECT_EQ(WriteFields(ReadFields(GoodModel())), GoodModel())
+      << "what is changed below is changed on purpose";
+}
+
+TEST_F(HostileModelTest, CutOffAnywhere) {
+  constexpr int kCount = 150;
+  Try(kCount, false,
+      [](int i) { return GoodModel().substr(0, GoodModel().size() * static_cast<std::size_t>(i) / kCount); });
+}
+
+TEST_F(HostileModelTest, DamagedBytes) {
+  Try(150, true, [](int i) {
+    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::string model = GoodModel();
+    for (auto changes = 1 + random() % 4; changes > 0; --changes) {
+      model[random() % model.size()] = static_cast<char>(random());
+    }
+    return model;
+  });
+}
+
+TEST_F(HostileModelTest, MissingAndRepeatedParts) {
+  Try(100, false, [](int i) {
+    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::string model = GoodModel();
+    const std::string part = model.substr(random() % model.size(), 1 + random() % 100);
+    if (i % 2 == 0) {
+      model.insert(random() % model.size(), part);
+    } else {
+      model.erase(random() % model.size(), part.size());
+    }
+    return model;
+  });
+}
+
+TEST_F(HostileModelTest, ChangedFields) {
+  Try(250, true, [](int i) {
+    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::vector<ModelField> fields = ReadFields(GoodModel());
+    ChangeFields(fields, random);
+    return WriteFields(fields);
+  });
+}
+
+// These end a process that lets the engine have them: it divides by zero, or reads what is not there.
+TEST_F(HostileModelTest, TheEngineDiesElsewhere) {
+  for (const std::string& model : {WithAttribute("strides", {0, 2}), WithAttribute("strides", {2, 0}),
+                                   WithAttribute("pads", {1, 1, 1, -2})}) {
+    const Answers answers = LoadAndRun(model);
+    ASSERT_NE(answers.failedStep, nullptr);
+    EXPECT_NE(answers.log.find("the engine died of "), std::string::npos) << answers.log;
+  }
+  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr) << "nothing is left behind";
+}
+
+TEST_F(HostileModelTest, AFileThatChangesIsTriedAgain) {
+  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
+  EXPECT_STREQ(LoadAndRun(WithAttribute("strides", {0, 2})).failedStep, "QetDNNModelInitialize");
+  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
+}
+
+TEST_F(HostileModelTest, BuffersTakeTwoGibibytesAtMost) {
+  onnx_writer::Graph graph;
+  graph.name = "large";
+  graph.inputs = {{"in", {(1LL << 29) + 1}, onnx_writer::ElementType::kFloat}};
+  graph.outputs = {{"out", {1}, onnx_writer::ElementType::kInt64}};
+  graph.nodes = {{"Shape", {"in"}, {"out"}, {}, {}}};
+  const Answers one = LoadAndRun(onnx_writer::Serialize(graph));
+  EXPECT_STREQ(one.failedStep, "QetDNNModelCreateInput");
+  EXPECT_EQ(one.code, Ormis::kQetInvalidSize);
+  // Each of them would do.
+  graph.inputs = {{"in", {1}}, {"more", {1LL << 28}}, {"yetMore", {1LL << 28}}};
+  const Answers sum = LoadAndRun(onnx_writer::Serialize(graph));
+  EXPECT_STREQ(sum.failedStep, "QetDNNModelCreateInput");
+  EXPECT_EQ(sum.code, Ormis::kQetInvalidSize);
+  EXPECT_NE(sum.log.find("'yetMore'"), std::string::npos) << sum.log;
+}
+
+}  // namespace

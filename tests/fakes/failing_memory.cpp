@@ -1,0 +1,78 @@
+#include "failing_memory.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+// Plain data: operator new reads them before and after any constructor runs.
+thread_local bool watched = false;
+thread_local std::size_t allocationCount = 0;
+thread_local std::size_t failingAllocation = 0;
+
+[[maybe_unused]] void* Allocate(std::size_t bytes) noexcept {
+  if (watched && ++allocationCount == failingAllocation) return nullptr;
+  return std::malloc(bytes == 0 ? 1 : bytes);
+}
+
+[[maybe_unused]] void* AllocateOrThrow(std::size_t bytes) {
+  void* const memory = Allocate(bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
+FailingMemory::FailingMemory(std::size_t failAt) {
+  allocationCount = 0;
+  failingAllocation = failAt;
+  watched = true;
+}
+
+FailingMemory::~FailingMemory() {
+  watched = false;
+}
+
+std::size_t FailingMemory::Count() const {
+  return allocationCount;
+}
+
+bool FailingMemory::Fired() const {
+  return failingAllocation != 0 && allocationCount >= failingAllocation;
+}
+
+// All forms of normal alignment: a sanitizer has its own of those that are left out, and takes it for a
+// mistake when memory from one of its own is freed by one of these. It watches malloc, so nothing escapes it.
+
+#if !__has_feature(thread_sanitizer)
+void* operator new(std::size_t bytes) {
+  return AllocateOrThrow(bytes);
+}
+void* operator new[](std::size_t bytes) {
+  return AllocateOrThrow(bytes);
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return Allocate(bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+  return Allocate(bytes);
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+#endif

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+/// Ends the process, as a finding, when `condition` does not hold. `subject` is a std::string that tells
+/// more.
+#define FUZZ_REQUIRE(condition, subject)                                                             \
+  do {                                                                                               \
+    if (!(condition)) {                                                                              \
+      (void)std::fprintf(stderr, "%s:%d: does not hold: %s\n  %s\n", __FILE__, __LINE__, #condition, \
+                         std::string(subject).c_str());                                              \
+      std::abort();                                                                                  \
+    }                                                                                                \
+  } while (false)
