@@ -26,9 +26,8 @@ class MeasuringPeriod {
   /// Ends the operation that StartCycle began, pauses for the record's sleepUs, and publishes when due.
   void EndCycle() {
     const Clock::time_point workEnd = Clock::now();
-    if (reg_->sleepUs != 0) {
-      std::this_thread::sleep_for(std::chrono::nanoseconds(std::int64_t{reg_->sleepUs} * 1000));
-    }
+    const std::uint32_t sleepUs = reg_->sleepUs;
+    if (sleepUs != 0) std::this_thread::sleep_for(std::chrono::nanoseconds(std::int64_t{sleepUs} * 1000));
     busyMs_ += WholeMs(workEnd - start_);
     elapsedMs_ += WholeMs(Clock::now() - start_);
     ++count_;

@@ -110,9 +110,9 @@ int StressBenchmark::Parse() {
     const Ormis::QetYamlNode yaml(configPath);
     for (const Section& section : kSections) {
       if (yaml.children.count(section.key) == 0) continue;
-      const Ormis::QetYamlNode node = yaml[section.key];
       vorn::StressRegister& record =
           *stressMap.emplace(section.stressName, std::make_unique<vorn::StressRegister>()).first->second;
+      const Ormis::QetYamlNode node = yaml[section.key];
       if (!node.GetValue<unsigned int>("Level", record.threadNum)) {
         STBM_LOG_ERROR("Cannot find " << section.levelPath << " in Config File!");
         return 10;

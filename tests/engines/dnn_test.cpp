@@ -139,11 +139,13 @@ Values SomeImage(std::size_t count, std::uint32_t seed) {
   return image;
 }
 
+constexpr std::size_t kTinyInputs = std::size_t{3} * 8 * 8;
+
 TEST_F(DnnTest, OutputsAreThoseComputedIndependently) {
   Loaded model(Write(TinyNetwork()));
-  ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, 3 * 8 * 8 * sizeof(float));
+  ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, kTinyInputs * sizeof(float));
   for (std::uint32_t seed = 1; seed <= 20; ++seed) {
-    const Values image = SomeImage(3 * 8 * 8, seed);
+    const Values image = SomeImage(kTinyInputs, seed);
     std::copy(image.begin(), image.end(), model.Input());
     ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
     const Values expected = ComputeTiny(image);
@@ -156,7 +158,7 @@ TEST_F(DnnTest, OutputsAreThoseComputedIndependently) {
 TEST_F(DnnTest, UntouchedInputsAreZeros) {
   Loaded model(Write(TinyNetwork()));
   ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
-  const Values expected = ComputeTiny(Values(3 * 8 * 8, 0.0f));
+  const Values expected = ComputeTiny(Values(kTinyInputs, 0.0f));
   const Values output = model.Output();
   for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(output[i], expected[i], 1e-5f) << i;
 }
@@ -368,8 +370,7 @@ TEST_F(DnnTest, ReleasingThePlatformFreesModelsAndSaysSo) {
   EXPECT_EQ(Ormis::QetDNNRelease(forgotten), Ormis::kQetModelNotReady);
   EXPECT_TRUE(forgotten.inputs.empty());
   // The engine starts again with the platform.
-  context_ = {};
-  EngineTest::SetUp();
+  StartPlatform();
   EXPECT_EQ(Ormis::QetDNNModelProcess(halfMade), Ormis::kQetModelNotReady);
   Loaded model(path);
   EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
@@ -379,6 +380,7 @@ TEST_F(DnnTest, TenModelsInTenThreadsAgreeToTheBit) {
   constexpr std::size_t kThreads = 10;
   std::vector<Values> outputs(kThreads);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (std::size_t index = 0; index < kThreads; ++index) {
     threads.push_back(WithContext([&outputs, index] {
       Loaded model(EXAMPLE_NETWORK);

@@ -11,7 +11,10 @@
 /// A started platform with a context bound to the test's thread. What a test releases itself stays released.
 class EngineTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { StartPlatform(); }
+
+  void StartPlatform() {
+    context_ = Ormis::QetContext{};
     ASSERT_EQ(Ormis::QetInitialize(process_, Ormis::QetContextParameters{}), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetCreateContext(context_), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetSetCurrentContext(context_), Ormis::kQetOk);

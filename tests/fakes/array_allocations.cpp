@@ -1,6 +1,5 @@
 #include "array_allocations.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -17,23 +16,36 @@ std::vector<std::size_t>& EventList() {
 
 }  // namespace
 
-void* operator new[](std::size_t bytes) {
+// The linker sends the executable's array news and deletes here (--wrap): replacing the operators themselves
+// would collide with the thread sanitizer's.
+extern "C" {
+
+void* __real__Znam(std::size_t bytes);      // NOLINT(bugprone-reserved-identifier): the linker's names
+void __real__ZdaPv(void* memory) noexcept;  // NOLINT(bugprone-reserved-identifier)
+void* __wrap__Znam(std::size_t bytes);      // NOLINT(bugprone-reserved-identifier)
+void __wrap__ZdaPv(void* memory) noexcept;  // NOLINT(bugprone-reserved-identifier)
+void __wrap__ZdaPvm(void* memory, std::size_t) noexcept;  // NOLINT(bugprone-reserved-identifier)
+
+void* __wrap__Znam(std::size_t bytes) {  // NOLINT(bugprone-reserved-identifier)
+  // Past any machine's memory: refused here, since the sanitizers' allocators abort instead of throwing.
+  if (bytes > (std::size_t{1} << 40)) throw std::bad_alloc();
   if (watching && ++count == failAt) throw std::bad_alloc();
-  void* memory = bytes > (std::size_t{1} << 40) ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
-  if (memory == nullptr) throw std::bad_alloc();
+  void* memory = __real__Znam(bytes);
   std::memset(memory, 0xA5, bytes);
   if (watching) EventList().push_back(bytes);
   return memory;
 }
 
-void operator delete[](void* memory) noexcept {
+void __wrap__ZdaPv(void* memory) noexcept {  // NOLINT(bugprone-reserved-identifier)
   if (watching && memory != nullptr) EventList().push_back(ArrayAllocations::kFreed);
-  std::free(memory);
+  __real__ZdaPv(memory);
 }
 
-void operator delete[](void* memory, std::size_t) noexcept {
-  operator delete[](memory);
+void __wrap__ZdaPvm(void* memory, std::size_t) noexcept {  // NOLINT(bugprone-reserved-identifier)
+  __wrap__ZdaPv(memory);
 }
+
+}  // extern "C"
 
 ArrayAllocations::ArrayAllocations() {
   EventList().clear();

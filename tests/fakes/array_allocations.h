@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <vector>
 
-/// Watches array new and delete of the test executable, which it replaces: every new array is filled with
-/// 0xA5, so that one that nobody zeroed is noticed. While a watch exists, arrays made and freed on its thread
-/// are noted.
+/// Watches array new and delete of the test executable, which is linked with --wrap for them: every new array
+/// is filled with 0xA5, so that one that nobody zeroed is noticed. While a watch exists, arrays made and
+/// freed on its thread are noted.
 class ArrayAllocations {
  public:
   ArrayAllocations();

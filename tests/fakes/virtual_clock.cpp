@@ -7,7 +7,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 #include <thread>
 
 namespace {
@@ -19,7 +18,7 @@ std::mutex mutex;
 std::vector<std::int64_t> sleeps;
 std::function<void(std::size_t)> sleepHook;
 std::condition_variable sleeperArrived;
-std::set<std::thread::id> sleepers;
+std::map<std::thread::id, std::size_t> sleepers;
 std::size_t sleepersAwaited = 0;
 
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
@@ -49,7 +48,7 @@ int nanosleep(const struct timespec* span, struct timespec* rest) {
   std::size_t count = 0;
   {
     std::unique_lock<std::mutex> lock(mutex);
-    sleepers.insert(std::this_thread::get_id());
+    ++sleepers[std::this_thread::get_id()];
     sleeperArrived.notify_all();
     sleeperArrived.wait(lock, [] { return sleepers.size() >= sleepersAwaited; });
     sleeps.push_back(ns);
@@ -88,6 +87,16 @@ std::chrono::nanoseconds VirtualClock::Now() const {
 std::vector<std::int64_t> VirtualClock::Sleeps() const {
   const std::lock_guard<std::mutex> lock(mutex);
   return sleeps;
+}
+
+std::map<std::thread::id, std::size_t> VirtualClock::SleepsByThread() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return sleepers;
+}
+
+void VirtualClock::Forget() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  sleepers.clear();
 }
 
 std::uint64_t VirtualClock::Reads() const {

@@ -38,11 +38,23 @@ TEST_F(AicoreStressTest, StartsOneWorkerALevelEachWithItsOwnHandleAndTheFile) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_THAT(Infos(), ElementsAre("runAicStress() | Aicore threadNum: 3 , Aicore Process start..."));
   std::set<std::thread::id> workers;
+  std::set<const void*> handles;
   for (const auto& call : fakePlatform::CallsOf("QetDNNModelInitialize")) {
     workers.insert(call.thread);
+    handles.insert(call.object);
     EXPECT_EQ(call.path, "net.onnx");
   }
   EXPECT_EQ(workers.size(), 3U);
+  EXPECT_EQ(handles.size(), 3U);  // all three were alive at once
+}
+
+TEST_F(AicoreStressTest, OneContextAndOneHandleFromFirstToLast) {
+  RunCycles(1);
+  const auto calls = fakePlatform::Calls();
+  for (const auto& call : calls) {
+    const bool ofModel = call.name.rfind("QetDNN", 0) == 0;
+    EXPECT_EQ(call.object, calls[ofModel ? 2 : 0].object) << call.name;
+  }
 }
 
 TEST_F(AicoreStressTest, WholeLifeInOrder) {

@@ -1,7 +1,7 @@
 #include "cpu_stress.h"
 
 #include <algorithm>
-#include <atomic>
+#include <set>
 
 #include "array_allocations.h"
 #include "fixture.h"
@@ -25,19 +25,25 @@ TEST_F(CpuStressTest, LevelZeroLogsItsLineAndStartsNothing) {
 }
 
 TEST_F(CpuStressTest, StartsOneWorkerALevelAndReturnsWithoutWaiting) {
-  auto record = MakeRecord(4, 0);
+  auto record = MakeRecord(4, 100);
   std::vector<std::thread> threads(1);  // the list may hold others already
   volatile int stop = 0;
-  std::atomic<int> copying{0};
-  fakePlatform::OnCall("memcpy_s", [&](int) { ++copying; });
   runCpuStress(record, threads, stop);
   EXPECT_EQ(threads.size(), 5U);
   EXPECT_FALSE(threads.front().joinable());
-  while (copying < 8) std::this_thread::yield();
+  const auto buffers = [] {
+    std::set<const void*> all;
+    for (const auto& call : fakePlatform::CallsOf("memcpy_s")) all.insert({call.source, call.destination});
+    return all.size();
+  };
+  while (buffers() < 8) std::this_thread::yield();
   stop = 1;
   threads.erase(threads.begin());
   JoinAll(threads);
   EXPECT_THAT(Infos(), ElementsAre("runCpuStress() | CPU threadNum: 4 , memcpy Process start..."));
+  std::set<std::thread::id> workers;
+  for (const auto& call : fakePlatform::Calls()) workers.insert(call.thread);
+  EXPECT_EQ(workers.size(), 4U);
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
@@ -121,7 +127,7 @@ TEST_F(CpuStressTest, StopFlagAlreadySetAllocatesAndFreesBothBuffers) {
   EXPECT_THAT(fakePlatform::Names(), IsEmpty());
 }
 
-TEST_F(CpuStressTest, NothingIsAllocatedInTheLoop) {
+TEST_F(CpuStressTest, NoBufferIsMadeInTheLoop) {
   auto record = MakeRecord(1, 0);
   volatile int stop = 0;
   fakePlatform::OnCall("memcpy_s", [&](int n) {

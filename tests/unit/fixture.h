@@ -17,6 +17,7 @@
 class UnitTest : public testing::Test {
  protected:
   UnitTest() {
+    fakeLog::Reset();
     SetLevel(ara::log::LogLevel::kDebug);
     fakeLog::Reset();
     fakePlatform::Reset();

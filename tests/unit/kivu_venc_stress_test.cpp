@@ -1,5 +1,6 @@
 #include "kivu_venc_stress.h"
 
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <set>
@@ -84,6 +85,12 @@ TEST_F(VencStressTest, EncoderMembersAreAsRequired) {
     if (at >= 0x88 && at < 0x90) continue;
     EXPECT_EQ(bytes[at], 0) << "offset " << at;
   }
+  // An empty map: no root at 0x108, no elements at 0x110.
+  std::uint64_t map[3];
+  std::memcpy(map, bytes.data() + 0x100, sizeof map);
+  EXPECT_NE(map[0], 0U);
+  EXPECT_EQ(map[1], 0U);
+  EXPECT_EQ(map[2], 0U);
 }
 
 TEST_F(VencStressTest, EncoderLeavesTheEightBytesAt0x88Unset) {
@@ -116,6 +123,29 @@ TEST_F(VencStressTest, FrameRecordIsAsRequired) {
   EXPECT_TRUE(fakePlatform::LastFrameWasZero(3110400));
 }
 
+TEST_F(VencStressTest, ACycleIsTimedFromSendingToReleasing) {
+  VirtualClock clock;
+  for (const char* operation : {"QetVenc::GetStream", "QetVenc::ReleaseStream"}) {
+    fakePlatform::OnCall(operation, [&](int) { clock.Advance(std::chrono::milliseconds(1)); });
+  }
+  fakePlatform::OnCall("QetVenc::SendFrame", [&](int n) {
+    clock.Advance(std::chrono::milliseconds(1));
+    if (n == 334) stop_ = 1;
+  });
+  EXPECT_EQ(VencProcess(record_, index_, stop_), 0);
+  EXPECT_EQ(record_->threadFps[3], 334 / 1002.0 * 1000.0);
+}
+
+TEST_F(VencStressTest, OneContextAndOneEncoderFromFirstToLast) {
+  RunCycles(1);
+  const auto calls = fakePlatform::Calls();
+  const void* context = calls.front().object;
+  for (const auto& call : calls) {
+    const bool ofEncoder = call.name.rfind("QetVenc::", 0) == 0;
+    EXPECT_EQ(call.object, ofEncoder ? calls[2].object : context) << call.name;
+  }
+}
+
 TEST_F(VencStressTest, StreamRecordIsZeroedAfreshBeforeEveryFetch) {
   RunCycles(3);
   EXPECT_EQ(fakePlatform::CountOf("QetVenc::GetStream"), 3);
@@ -124,7 +154,10 @@ TEST_F(VencStressTest, StreamRecordIsZeroedAfreshBeforeEveryFetch) {
 
 TEST_F(VencStressTest, HostTestImageOutlivesTheEncoderAndIsFreed) {
   ArrayAllocations watch;
+  std::size_t eventsAtTheEncodersEnd = 0;
+  fakePlatform::OnCall("QetVenc::~QetVenc", [&](int) { eventsAtTheEncodersEnd = watch.Events().size(); });
   EXPECT_EQ(RunCycles(5), 0);
+  EXPECT_EQ(eventsAtTheEncodersEnd, 1U) << "made, and not yet freed";
   EXPECT_THAT(watch.Events(), ElementsAre(3110400U, ArrayAllocations::kFreed));
 }
 
@@ -169,6 +202,7 @@ TEST_P(VencSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToSendFrame) {
   auto calls = GetParam().calls;
   calls.insert(calls.end(), {"QetVenc::SendFrame", "QetVenc::~QetVenc"});
   EXPECT_EQ(fakePlatform::Names(), calls);
+  EXPECT_TRUE(fakePlatform::LastFrameWasZero(3110400)) << "the frame was prepared all the same";
 }
 
 TEST_P(VencSetUpFaultTest, ReturnsTen) {
@@ -194,7 +228,9 @@ class VencLoopFaultTest : public VencStressTest, public testing::WithParamInterf
 
 TEST_P(VencLoopFaultTest, DestroysTheEncoderAndLeavesTheContext) {
   fakePlatform::Fail(GetParam().operation, 2, 77);
+  ArrayAllocations watch;
   EXPECT_EQ(VencProcess(record_, index_, stop_), 10);
+  EXPECT_THAT(watch.Events(), ElementsAre(3110400U, ArrayAllocations::kFreed));
   EXPECT_EQ(fakePlatform::FailuresDelivered(GetParam().operation), 1);
   EXPECT_THAT(Errors(), ElementsAre(std::string("VencProcess() | ") + GetParam().text + ", ret = 77"));
   std::vector<std::string> calls = {"QetCreateContext",   "QetSetCurrentContext", "QetVenc::Init",

@@ -66,7 +66,19 @@ TEST_F(VpcStressTest, StartsOneWorkerALevelWithItsIndexAsTheWishedChannel) {
   EXPECT_EQ(workers.count(std::this_thread::get_id()), 0U);
 }
 
-TEST_F(VpcStressTest, WholeLifeInOrderOnTheWorkersThread) {
+TEST_F(VpcStressTest, EveryCallIsOnTheWorkersThread) {
+  auto record = MakeRecord(1, 0);
+  std::vector<std::thread> threads;
+  fakePlatform::OnCall("QetImageResize", [this](int) { stop_ = 1; });
+  runVpcStress(record, threads, stop_);
+  ASSERT_EQ(threads.size(), 1U);
+  const std::thread::id worker = threads[0].get_id();
+  threads[0].join();
+  EXPECT_EQ(fakePlatform::Calls().size(), kSetUp.size() + 1 + 4);
+  for (const auto& call : fakePlatform::Calls()) EXPECT_EQ(call.thread, worker) << call.name;
+}
+
+TEST_F(VpcStressTest, WholeLifeInOrder) {
   EXPECT_EQ(RunCycles(2), 0);
   EXPECT_EQ(fakePlatform::Names(),
             Then(kSetUp, {"QetImageResize", "QetImageResize", "QetImageDestroy", "QetImageDestroy",
@@ -210,7 +222,10 @@ TEST_F(VpcStressTest, SetUpThatFailedButWhoseResizesWorkGoesOnLikeAnyOther) {
 
 TEST_F(VpcStressTest, FailedResizeInMidRunEndsTheWorkerWithoutTearDown) {
   fakePlatform::Fail("QetImageResize", 3, 77);
+  ArrayAllocations watch;
   EXPECT_EQ(VPCResize(record_, index_, stop_), 10);
+  EXPECT_THAT(watch.Events(), ElementsAre(6220800U, ArrayAllocations::kFreed))
+      << "the locals are freed all the same";
   EXPECT_EQ(fakePlatform::FailuresDelivered("QetImageResize"), 1);
   EXPECT_EQ(fakePlatform::Names(), Then(kSetUp, {"QetImageResize", "QetImageResize", "QetImageResize"}));
   EXPECT_THAT(Errors(), ElementsAre("VPCResize() | QetImageResize failed, ret = 77"));

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <iostream>
 #include <sstream>
@@ -44,6 +45,8 @@ TEST_F(LifecycleTest, ConstructorSetsTheDefaults) {
   EXPECT_EQ(benchmark.context.id, 0U);
   EXPECT_EQ(benchmark.context.name, "");
   EXPECT_EQ(benchmark.contextParams.configuration, "");
+  EXPECT_EQ(benchmark.context.deviceId, 0U);
+  EXPECT_EQ(benchmark.contextParams.deviceId, 0U);
   EXPECT_EQ(benchmark.configPath, "c.yaml");
   EXPECT_TRUE(benchmark.threads.empty());
   EXPECT_TRUE(benchmark.stressMap.empty());
@@ -97,6 +100,24 @@ TEST_F(LifecycleTest, LogSettingsAreHandedOverAsTheyAre) {
   EXPECT_EQ(fakeLog::Creations()[0].level, ara::log::LogLevel::kDebug);
 }
 
+TEST_F(LifecycleTest, LogSettingsAreNotRangeChecked) {
+  const TemporaryFile file("logMode: 4294967295\nlogLevel: 99\n");
+  StressBenchmark benchmark(file.Path());
+  EXPECT_TRUE(benchmark.Init());
+  EXPECT_EQ(benchmark.logMode, 4294967295U);
+  EXPECT_EQ(benchmark.logLevel, 99U);
+  EXPECT_EQ(fakeLog::Starts()[0].level, Ormis::ParseLogLevel(static_cast<Ormis::QetLogLevelType>(99)));
+}
+
+TEST_F(LifecycleTest, LoggingAndTheRunTimeComeBeforeThePlatform) {
+  std::vector<std::string> callsBefore;
+  fakePlatform::OnCall("QetInitialize", [&](int) { callsBefore = fakeLog::Calls(); });
+  const TemporaryFile file("runTimes: 3\n");
+  StressBenchmark benchmark(file.Path());
+  EXPECT_TRUE(benchmark.Init());
+  EXPECT_THAT(callsBefore, ElementsAre("InitLogging", "CreateLogger STBM", "IsEnabled 3", "LogWarn"));
+}
+
 TEST_F(LifecycleTest, SettingsThatDoNotConvertBecomeZero) {
   const TemporaryFile file("logMode: many\nlogLevel: -4\nrunTimes: soon\n");
   StressBenchmark benchmark(file.Path());
@@ -112,6 +133,10 @@ TEST_F(LifecycleTest, RunTimesBelowFortyAreRaisedWithAWarningUnderTheNewLogger) 
     fakePlatform::Reset();
     const TemporaryFile file("runTimes: " + value + "\n");
     StressBenchmark benchmark(file.Path());
+    // As at the start of a process.
+    Ormis::OrmisLogger::GetInstance().logger =
+        &ara::log::CreateLogger("TPW", "TPW", ara::log::LogLevel::kVerbose);
+    fakeLog::Reset();
     EXPECT_TRUE(benchmark.Init());
     EXPECT_EQ(benchmark.runTimes, 40U);
     EXPECT_THAT(Warnings(), ElementsAre("Init() | RunTimes should be larger 40 , now is: " + value +
@@ -136,8 +161,9 @@ TEST_F(LifecycleTest, AbsentRunTimesAreNotWarnedAbout) {
   clock_.WaitForSleepers(2);
   EXPECT_EQ(Run("logLevel: 5\n"), 0);
   EXPECT_THAT(Warnings(), IsEmpty());
-  // 40 s of sleeping raise the flag; limiter and reporter share the virtual seconds.
-  EXPECT_GE(clock_.Sleeps().size(), 41U);
+  std::size_t limiterSleeps = 0;
+  for (const auto& entry : clock_.SleepsByThread()) limiterSleeps = std::max(limiterSleeps, entry.second);
+  EXPECT_GE(limiterSleeps, 41U);
 }
 
 TEST_F(LifecycleTest, PlatformGetsAnEmptyContextAndEmptyParameters) {
@@ -166,10 +192,10 @@ TEST_F(LifecycleTest, FailedInitializeEndsWithoutParseAndWithoutRelease) {
 }
 
 TEST_F(LifecycleTest, FailedParseEndsWithoutRelease) {
-  for (const char* key : {"VPC", "VENC", "CPU"}) {
+  for (const char* key : {"VPC", "VENC", "CPU", "AIC"}) {
     fakeLog::Reset();
     fakePlatform::Reset();
-    EXPECT_EQ(Run(std::string(key) + ": {Level: 11}\n"), -1);
+    EXPECT_EQ(Run(std::string(key) + ": {Level: 11, File: m}\n"), -1);
     ASSERT_EQ(Errors().size(), 2U);
     EXPECT_THAT(Errors()[0], HasSubstr("stress level:[0, 10], now is : 11"));
     EXPECT_EQ(Errors()[1], "Init() | Stress benchamrk parse failed");
@@ -205,6 +231,10 @@ TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseGiveMinusOne) {
   fakePlatform::OnCall("QetInitialize", [](int) { std::raise(SIGINT); });
   fakePlatform::Fail("QetRelease", 1, 9);
   EXPECT_EQ(Run(""), -1);
+  EXPECT_EQ(fakePlatform::FailuresDelivered("QetRelease"), 1);
+  EXPECT_THAT(Errors(), ElementsAre("Release() | Fail to relase ctx!"));
+  EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize", "QetRelease"));
+  EXPECT_EQ(out_.str(), "");
 }
 
 TEST_F(LifecycleTest, SigintDuringTheRunEndsIt) {
@@ -217,6 +247,20 @@ TEST_F(LifecycleTest, SigintDuringTheRunEndsIt) {
   EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize", "QetRelease"));
   EXPECT_LE(clock_.Sleeps().size(), 7U);
   EXPECT_EQ(Debugs().size(), 1U);
+}
+
+TEST_F(LifecycleTest, SigintWhileStressesRunEndsEveryThread) {
+  const TemporaryFile file("CPU: {Level: 2}\nVPC: {Level: 2}\n");
+  StressBenchmark benchmark(file.Path());
+  ASSERT_TRUE(benchmark.Init());
+  fakePlatform::OnCall("QetImageResize", [](int n) {
+    if (n == 20) std::raise(SIGINT);
+  });
+  benchmark.Start();
+  EXPECT_EQ(benchmark.threads.size(), 2U + 1 + 2 + 1 + 2);
+  for (const std::thread& thread : benchmark.threads) EXPECT_FALSE(thread.joinable());
+  EXPECT_EQ(fakePlatform::CountOf("QetDestroyContext"), 2);
+  EXPECT_TRUE(benchmark.Release());
 }
 
 TEST_F(LifecycleTest, SecondSigintOnlyLogsAgain) {
@@ -250,6 +294,14 @@ TEST_F(LifecycleTest, UnreadableFileThrowsOutOfInitBeforeAnythingElse) {
   EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL);
 }
 
+TEST_F(LifecycleTest, MalformedFileThrowsOutOfInitBeforeAnythingElse) {
+  const TemporaryFile file("CPU: {");
+  StressBenchmark benchmark(file.Path());
+  EXPECT_THROW(benchmark.Init(), std::runtime_error);
+  EXPECT_THAT(fakeLog::Calls(), IsEmpty());
+  EXPECT_THAT(fakePlatform::Names(), IsEmpty());
+}
+
 TEST_F(LifecycleTest, FileThatVanishesBeforeParseFailsInitWithTheLoadLine) {
   auto file = std::make_unique<TemporaryFile>("");
   StressBenchmark benchmark(file->Path());
@@ -258,6 +310,7 @@ TEST_F(LifecycleTest, FileThatVanishesBeforeParseFailsInitWithTheLoadLine) {
   ASSERT_EQ(Errors().size(), 2U);
   EXPECT_THAT(Errors()[0], testing::StartsWith("Load() | Load " + benchmark.configPath + " happen error, "));
   EXPECT_EQ(Errors()[1], "Init() | Stress benchamrk parse failed");
+  EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "faults.h"
 #include "fixture.h"
 #include "stress_bencmark.h"
 
@@ -76,6 +77,14 @@ TEST_F(MonitorsTest, AveragerReadsThreadNumInEveryPass) {
   EXPECT_EQ(record->averageFps, 4.0);
 }
 
+TEST_F(MonitorsTest, AveragerTakesTheLockOnceASlot) {
+  auto record = MakeRecord(5, 0);
+  const MutexWatch watch(record->fpsMutex);
+  StopAtSleep(1);
+  RateAverager(record, stop_);
+  EXPECT_EQ(MutexWatch::Locks(), 5);
+}
+
 TEST_F(MonitorsTest, AveragerOfMissingSlotsThrowsAndReleasesTheLock) {
   auto record = MakeRecord(2, 0);
   record->threadFps.resize(1);
@@ -118,6 +127,7 @@ TEST_F(MonitorsTest, LevelZeroIsPrintedAsZero) {
   stresses["aicStress"] = MakeRecord(0, 0);
   StopAtSleep(2);
   RateReporter(stresses, stop_);
+  EXPECT_EQ(Lines().size(), 2U);
   EXPECT_THAT(Lines(), testing::Each("aicStress : 0.000000 fps. ispStress : 30.0 fps."));
 }
 

@@ -52,6 +52,15 @@ TEST_F(RandomCvImgTest, SizesByImageType) {
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
+TEST_F(RandomCvImgTest, OddSizesFreeTheFormerBuffer) {
+  for (const std::uint32_t type : {2U, 10U}) {
+    buffer_.reset(new std::uint8_t[1]);
+    Make(1921, 1080, type);
+    EXPECT_EQ(buffer_, nullptr);
+    EXPECT_THAT(events_, ElementsAre(kFreed));
+  }
+}
+
 TEST_F(RandomCvImgTest, OddWidthOfYuv420) {
   Make(1921, 1080, 2);
   ExpectFault(kYuv420Fault);
@@ -93,6 +102,7 @@ TEST_F(RandomCvImgTest, UnknownTypesFreeTheFormerBuffer) {
     Make(1920, 1080, type);
     ExpectFault("Unsported image type");
     EXPECT_THAT(events_, ElementsAre(kFreed));
+    EXPECT_THAT(fakePlatform::Names(), IsEmpty());
   }
 }
 

@@ -1,0 +1,81 @@
+// Preloaded under the program, in front of the platform and the log, which it goes on to call: writes the
+// name of each call into the file that RECORD_CALLS names, and raises SIGINT inside the platform's start
+// where RAISE_SIGINT_IN_INITIALIZE is set. One write(2) a call, also from signal handlers.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "ara/log/logging.h"
+#include "ormis/qet_context.h"
+
+namespace {
+
+using Initialize = std::int32_t (*)(Ormis::QetContext&, const Ormis::QetContextParameters&);
+using Release = std::int32_t (*)(Ormis::QetContext&);
+// A member function's object is its first argument.
+using LogDebug = ara::log::LogStream (*)(const ara::log::Logger*, const ara::log::SourceLocation&);
+
+struct Recorder {
+  int file = -1;
+  Initialize initialize = nullptr;
+  Release release = nullptr;
+  LogDebug logDebug = nullptr;
+
+  void Note(const char* line) const {
+    const int error = errno;
+    const std::size_t length = std::strlen(line);
+    if (write(file, line, length) != static_cast<ssize_t>(length)) std::abort();
+    errno = error;
+  }
+};
+Recorder recorder;
+
+template <typename Function>
+void Find(const char* linkName, Function& function) {
+  function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, linkName));
+  if (function == nullptr) std::abort();
+}
+
+// Looked up here, for dlsym may not be called in a signal handler.
+__attribute__((constructor)) void FindTheReal() {
+  Find("_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE", recorder.initialize);
+  Find("_ZN5Ormis10QetReleaseERNS_10QetContextE", recorder.release);
+  Find("_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE", recorder.logDebug);
+  const char* const path = std::getenv("RECORD_CALLS");
+  if (path == nullptr) std::abort();
+  recorder.file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (recorder.file < 0) std::abort();
+}
+
+}  // namespace
+
+namespace Ormis {
+
+std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
+  recorder.Note("QetInitialize\n");
+  if (std::getenv("RAISE_SIGINT_IN_INITIALIZE") != nullptr && std::raise(SIGINT) != 0) std::abort();
+  return recorder.initialize(context, parameters);
+}
+
+std::int32_t QetRelease(QetContext& context) {
+  recorder.Note("QetRelease\n");
+  return recorder.release(context);
+}
+
+}  // namespace Ormis
+
+namespace ara::log {
+
+// Each run of the signal handler comes here exactly once, whatever the level.
+LogStream Logger::LogDebug(const SourceLocation& location) const {
+  if (std::strcmp(location.function, "SignalHandler") == 0) recorder.Note("SignalHandler\n");
+  return recorder.logDebug(this, location);
+}
+
+}  // namespace ara::log

@@ -1,0 +1,124 @@
+// The stresses on the real engines: they all do their work, and they all stop.
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+
+#include "program_test.h"
+
+namespace {
+
+class Load : public ProgramTest {
+ protected:
+  static std::string EveryStress(int level, const std::string& model) {
+    const std::string number = std::to_string(level);
+    return "runTimes: 600\nlogLevel: 5\nVPC: {Level: " + number + "}\nVENC: {Level: " + number +
+           "}\nCPU: {Level: " + number + "}\nAIC: {Level: " + number + ", File: " + model + "}\n";
+  }
+
+  /// Threads that every run has: main, reporter, limiter and what a sanitizer adds.
+  int ThreadsWithoutStress() const {
+    Program program(With({Write("nothing.yaml", "")}));
+    EXPECT_TRUE(program.ReadLine().has_value());
+    return program.ThreadCount();
+  }
+
+  /// Runs all four stresses until the encoder and the model have published a rate each, and ends the run.
+  void RunEveryStress(int level) {
+    const int threads = ThreadsWithoutStress() + 4 * (level + 1);
+    std::filesystem::remove_all(Directory() / "log");
+
+    Program program(Configured(EveryStress(level, EXAMPLE_NETWORK)));
+    bool encoded = false;
+    bool inferred = false;
+    // Of the other two only the line is looked at: an operation of under a millisecond counts as no time, so
+    // that on a fast host 0 is their right rate.
+    while (!encoded || !inferred) {
+      const auto line = program.ReadLine();
+      ASSERT_TRUE(line.has_value()) << program.Wait(std::chrono::seconds(0));
+      EXPECT_EQ(program.ThreadCount(), threads) << *line;
+      const auto rates = Rates(*line);
+      ASSERT_THAT(rates, SizeIs(4U));
+      encoded = encoded || std::atof(rates.at("kivuVencStress").c_str()) > 0.0;
+      inferred = inferred || std::atof(rates.at("aicStress").c_str()) > 0.0;
+      ASSERT_LT(program.Seconds(), 240.0) << *line;
+    }
+
+    const double interrupted = program.Seconds();
+    program.Signal(SIGINT);
+    const Ending ending = program.Wait();
+    EXPECT_THAT(ending, Exited(0));
+    const double stopSeconds = ending.seconds - interrupted;
+    RecordProperty("stopSeconds", std::to_string(stopSeconds));
+    std::cout << "stopped " << stopSeconds << " s after SIGINT\n";
+    EXPECT_LT(stopSeconds, 10.0) << "2 on an idle machine";
+
+    ExpectRateLines(ending.OutputLines(), {"kivuVpcStress", "kivuVencStress", "cpuStress", "aicStress"});
+    const std::vector<std::string> texts = Texts(LogFile(), "");
+    EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
+    EXPECT_THAT(texts, Not(Contains(HasSubstr("gave back")))) << "something was left behind";
+    EXPECT_THAT(texts, Contains("DEBUG AICoreInit() | [AicoreStress] Initialize AicStress finished.")
+                           .Times(static_cast<std::size_t>(level)));
+  }
+};
+
+TEST_F(Load, EveryStressAtLevel1WorksAndStops) {
+  RunEveryStress(1);
+}
+
+TEST_F(Load, EveryStressAtLevel10WorksAndStops) {
+  RunEveryStress(10);
+}
+
+TEST_F(Load, AMissingModelEndsItsWorkersAlone) {
+  const Ending ending = RunLines(Configured("AIC: {Level: 1, File: none.onnx}\nVPC: {Level: 1}\n"), 3);
+  EXPECT_THAT(ending, Exited(0));
+  for (const std::string& line : ending.OutputLines()) EXPECT_EQ(Rates(line)["aicStress"], "0.000000");
+  ExpectRateLines(ending.OutputLines(), {"aicStress", "kivuVpcStress"});
+
+  std::vector<std::string> errors;
+  for (const LogRecord& record : LogFile()) {
+    if (record.level == "ERROR") errors.push_back(record.context + " " + record.text);
+  }
+  EXPECT_THAT(errors,
+              ElementsAre("QET QetDNNModelInitialize: cannot read model none.onnx: No such file or directory",
+                          "STBM AICoreInit() | [AicoreStress] Init dnn model failed!",
+                          "QET QetDNNRelease: the handle holds no model",
+                          "STBM AICoreRelease() | [AicoreStress] NNProcessPipeline QetDNNRelease failed.",
+                          "STBM AICoreStressNode() | [AicoreStress] AICore stress node initialize failed."));
+  EXPECT_THAT(Read("log/STBM.log"), Not(HasSubstr("gave back")));
+}
+
+TEST_F(Load, AFileThatIsNoModelEndsItsWorkersAlone) {
+  Write("m.onnx", "not a network\n");
+  const Ending ending = RunLines(Configured("AIC: {Level: 2, File: m.onnx}\n"), 2);
+  EXPECT_THAT(ending, Exited(0));
+  for (const std::string& line : ending.OutputLines()) EXPECT_EQ(Rates(line)["aicStress"], "0.000000");
+  const std::vector<std::string> texts = Texts(LogFile(), "");
+  EXPECT_THAT(texts, Contains(HasSubstr("QetDNNModelInitialize: cannot load model m.onnx: ")).Times(2));
+  EXPECT_THAT(
+      texts,
+      Contains("ERROR AICoreStressNode() | [AicoreStress] AICore stress node initialize failed.").Times(2));
+}
+
+// The one test that sits out a whole run: of 40 seconds, though 10 are asked for, and the limiter's one more.
+TEST_F(Load, AWholeRunEndsByItself) {
+  const Ending ending =
+      Run(Configured("runTimes: 10\nCPU: {Level: 1}\nVPC: {Level: 0}\nVENC: {Level: 0}\nAIC: {Level: 0, "
+                     "File: none.onnx}\n"));
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_GE(ending.seconds, 41.0);
+  EXPECT_LE(ending.seconds, 44.0);
+  const std::vector<std::string> lines = ending.OutputLines();
+  EXPECT_THAT(lines, SizeIs(AllOf(testing::Ge(40U), testing::Le(42U))));
+  ExpectRateLines(lines, {"kivuVpcStress", "kivuVencStress", "cpuStress", "aicStress"});
+  for (const std::string& line : lines) {
+    for (const auto& [name, rate] : Rates(line)) {
+      if (name != "cpuStress") EXPECT_EQ(rate, "0.000000") << name;
+    }
+  }
+  EXPECT_THAT(Texts(LogFile()), Contains("WARN Init() | RunTimes should be larger 40 , now is: 10. runTimes "
+                                         "will be set to 40"));
+}
+
+}  // namespace

@@ -1,0 +1,168 @@
+// Where the log goes and what of it: "logMode" and "logLevel" as they act on the whole program.
+
+#include <csignal>
+
+#include "program_test.h"
+
+namespace {
+
+class Logging : public ProgramTest {
+ protected:
+  /// Runs for a line, with a warning and records of info level on the way; the signal logs at debug level.
+  Ending RunWith(const std::string& settings) const {
+    return RunLines(Configured(settings + "\nrunTimes: 39\nCPU: {Level: 0}\n"));
+  }
+};
+
+constexpr char kWarning[] =
+    "WARN Init() | RunTimes should be larger 40 , now is: 39. runTimes will be set to 40";
+constexpr char kInitialized[] = "INFO Init() | QetInitialize success";
+constexpr char kStressName[] = "INFO Start() | stressName : cpuStress";
+constexpr char kStarted[] = "INFO runCpuStress() | CPU threadNum: 0 , memcpy Process start...";
+constexpr char kSignal[] =
+    "DEBUG SignalHandler() | ===== Signal Interactive attention received. signal: 2 stopFlag_: 1 =====";
+
+TEST_F(Logging, WithoutSettingsGoesToFileAndConsoleAtInfoLevel) {
+  const Ending ending = RunWith("");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
+  EXPECT_EQ(Read("log/STBM.log"), ending.error);
+  for (const LogRecord& record : LogFile()) {
+    EXPECT_EQ(record.application, "STBM");
+    EXPECT_EQ(record.context, "STBM") << "no record under the context from before the start-up";
+    EXPECT_EQ(record.location, "");
+  }
+}
+
+TEST_F(Logging, Mode2WritesTheFileAlone) {
+  const Ending ending = RunWith("logMode: 2");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
+}
+
+TEST_F(Logging, Mode4WritesTheConsoleAlone) {
+  const Ending ending = RunWith("logMode: 4");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(Texts(ParseLog(ending.error)), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
+  EXPECT_THAT(Files(), ElementsAre("c.yaml"));
+}
+
+TEST_F(Logging, Mode0WritesNothing) {
+  const Ending ending = RunWith("logMode: 0");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_THAT(Files(), ElementsAre("c.yaml"));
+  ExpectRateLines(ending.OutputLines(), {"cpuStress"});
+}
+
+TEST_F(Logging, AModeThatIsNoNumberCountsAsZero) {
+  const Ending ending = RunWith("logMode: file");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_THAT(Files(), ElementsAre("c.yaml"));
+}
+
+TEST_F(Logging, Mode1IsToldOnceWhereThereIsNoRemoteSink) {
+  const Ending ending = RunWith("logMode: 1");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "ara::log: the remote sink is not available in this build\n");
+  EXPECT_THAT(Files(), ElementsAre("c.yaml"));
+}
+
+TEST_F(Logging, UnknownBitsOfTheModeAreIgnored) {
+  const Ending ending = RunWith("logMode: 4294967290");  // all bits but 1 and 4
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
+}
+
+TEST_F(Logging, Levels0And1WriteNoRecord) {
+  for (const std::string level : {"0", "1", "none"}) {
+    SCOPED_TRACE(level);
+    const Ending ending = RunWith("logLevel: " + level);
+    EXPECT_THAT(ending, Exited(0));
+    EXPECT_EQ(ending.error, "");
+    EXPECT_EQ(Read("log/STBM.log"), "");
+  }
+}
+
+TEST_F(Logging, Level2WritesErrorsAlone) {
+  EXPECT_THAT(RunWith("logLevel: 2"), Exited(0));
+  EXPECT_EQ(Read("log/STBM.log"), "");
+  EXPECT_THAT(Run(Configured("logLevel: 2\nrunTimes: 1\nCPU: {Level: 11}\n")), Exited(255));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre("ERROR Parse() | cpu stress level:[0, 10], now is : 11",
+                                            "ERROR Init() | Stress benchamrk parse failed"));
+}
+
+TEST_F(Logging, Level3AddsWarnings) {
+  EXPECT_THAT(RunWith("logLevel: 3"), Exited(0));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning));
+}
+
+TEST_F(Logging, Level5AddsTheSignalAndTheSourceOfEachRecord) {
+  EXPECT_THAT(RunWith("logLevel: 5"), Exited(0));
+  const std::vector<LogRecord> records = LogFile();
+  EXPECT_THAT(Texts(records), ElementsAre(kWarning, kInitialized, kStressName, kStarted, kSignal));
+  std::vector<std::string> locations;
+  for (const LogRecord& record : records) locations.push_back(record.location);
+  // The path as the build knows it, whatever machine it was built on.
+  EXPECT_THAT(
+      locations,
+      ElementsAre(testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ Init"),
+                  testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ Init"),
+                  testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ Start"),
+                  testing::MatchesRegex("stress_benchmark/src/cpu_stress\\.cpp:[0-9]+ runCpuStress"),
+                  testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ SignalHandler")));
+}
+
+TEST_F(Logging, ALevelPastTheLastIsTheLast) {
+  const Ending ending = RunWith("logLevel: 99");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted, kSignal));
+}
+
+TEST_F(Logging, AtLevel0ARefusedConfigurationStillHasItsStatus) {
+  const Ending ending = Run(Configured("logLevel: 0\nCPU: {Level: 11}\n"));
+  EXPECT_THAT(ending, Exited(255));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_EQ(ending.output, "");
+}
+
+TEST_F(Logging, ASecondRunAppendsToTheFile) {
+  EXPECT_THAT(RunWith("logLevel: 3"), Exited(0));
+  EXPECT_THAT(RunWith("logLevel: 3"), Exited(0));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kWarning));
+}
+
+TEST_F(Logging, AFileInTheWayOfTheFolderIsToldOnceAndChangesNothingElse) {
+  Write("log", "not a folder\n");
+  const Ending ending = RunWith("logMode: 2");
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "ara::log: cannot make folder ./log: File exists\n");
+  ExpectRateLines(ending.OutputLines(), {"cpuStress"});
+  EXPECT_EQ(Read("log"), "not a folder\n");
+}
+
+TEST_F(Logging, AFileThatCannotBeOpenedLeavesTheConsole) {
+  std::filesystem::create_directories(Directory() / "log/STBM.log");
+  const Ending ending = RunWith("");
+  EXPECT_THAT(ending, Exited(0));
+  std::vector<std::string> lines = ending.ErrorLines();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "ara::log: cannot open ./log/STBM.log: Is a directory");
+  lines.erase(lines.begin());
+  std::string records;
+  for (const std::string& line : lines) records += line + "\n";
+  EXPECT_THAT(Texts(ParseLog(records)), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
+}
+
+TEST_F(Logging, WithoutStandardErrorTheFileIsWrittenAndNothingElseIs) {
+  Launch launch = Configured("CPU: {Level: 0}\n");
+  launch.standardError = false;
+  EXPECT_THAT(RunLines(launch), Exited(0));
+  EXPECT_THAT(Texts(LogFile()), ElementsAre(kInitialized, kStressName, kStarted));
+  EXPECT_EQ(Read("c.yaml"), "CPU: {Level: 0}\n");
+}
+
+}  // namespace

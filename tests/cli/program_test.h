@@ -1,0 +1,81 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "log_record.h"
+#include "program.h"
+
+/// A sanitizer takes address space and memory of its own: limits on them would hit it and not the program.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define STRESS_SANITIZED 1
+#endif
+#endif
+#ifdef STRESS_SANITIZED
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+/// Tests of the real program in a directory of their own, which is its working directory. Exit statuses also
+/// tell of the sanitizers: what they find makes it another one, 1, 23 or 66, and no test expects those.
+class ProgramTest : public testing::Test {
+ protected:
+  /// Writes a file into the directory; returns its name, which is its path for the program.
+  std::string Write(const std::string& name, const std::string& content) const;
+  /// The content of a file of the directory; empty when there is none.
+  std::string Read(const std::string& name) const;
+  bool Exists(const std::string& name) const;
+  /// Names of what is in the directory, in order.
+  std::vector<std::string> Files() const;
+  const std::filesystem::path& Directory() const { return directory_.Path(); }
+
+  /// How to start the program in the directory.
+  Launch With(std::vector<std::string> arguments) const;
+  /// How to start it with a configuration of that content.
+  Launch Configured(const std::string& configuration) const;
+
+  /// Runs the program to its own end.
+  static Ending Run(Launch launch);
+  /// Runs the program until it has written `lines` lines, then ends it with SIGINT.
+  static Ending RunLines(Launch launch, int lines = 1);
+
+  std::vector<LogRecord> LogFile() const { return ParseLog(Read("log/STBM.log")); }
+
+ private:
+  TemporaryDirectory directory_;
+};
+
+/// The rates of one line by stress name, as they are printed. Fails the test when the line has not exactly
+/// the form that it must have.
+std::map<std::string, std::string> Rates(const std::string& line);
+
+/// Fails the test for every line that is no rate line of exactly these stresses.
+void ExpectRateLines(const std::vector<std::string>& lines, const std::vector<std::string>& stresses);
+
+/// Ended by itself with that exit status.
+MATCHER_P(Exited, expected, "") {
+  return !arg.hung && arg.status == expected;
+}
+
+/// Ended by that signal.
+MATCHER_P(KilledBy, expected, "") {
+  return !arg.hung && arg.signal == expected;
+}
+
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
