@@ -12,6 +12,10 @@ constexpr std::uint32_t kWidth = 1920;
 constexpr std::uint32_t kHeight = 1080;
 constexpr std::uint32_t kFirstChannel = 25;
 
+void Paint(std::vector<std::uint8_t>& pixels, std::uint32_t row, std::uint32_t rows, std::uint8_t value) {
+  std::fill_n(pixels.data() + std::size_t{row} * kWidth, std::size_t{rows} * kWidth, value);
+}
+
 }  // namespace
 
 void Configure(Ormis::QetVenc& encoder, unsigned int index) {
@@ -55,9 +59,9 @@ Frame::Frame() : pixels_(kWidth * kHeight * 3 / 2, 128) {
 
 void Frame::Next() {
   constexpr std::uint32_t kStep = 16;
-  std::fill_n(pixels_.begin() + row_ * kWidth, kWidth * kStep, std::uint8_t{60});
+  Paint(pixels_, row_, kStep, 60);
   row_ = (row_ + kStep) % (kHeight - kStep);
-  std::fill_n(pixels_.begin() + row_ * kWidth, kWidth * kStep, std::uint8_t{220});
+  Paint(pixels_, row_, kStep, 220);
 }
 
 void EncodeOne(Ormis::QetVenc& encoder, Frame& frame) {

@@ -21,12 +21,17 @@ bool IsOfThePlatform(const char* symbol) {
   return std::strcmp(symbol, "memcpy_s") == 0;
 }
 
+template <typename T>
+const T* At(ElfW(Addr) address) {
+  return reinterpret_cast<const T*>(address);  // NOLINT(performance-no-int-to-ptr): the loader gives integers
+}
+
 // Every call into a library goes through the procedure linkage table, whose relocations name the symbols.
 void ReadImports(const dl_phdr_info& program, std::vector<std::string>& symbols) {
   const ElfW(Dyn)* dynamic = nullptr;
   for (std::size_t i = 0; i < program.dlpi_phnum; ++i) {
     if (program.dlpi_phdr[i].p_type == PT_DYNAMIC) {
-      dynamic = reinterpret_cast<const ElfW(Dyn)*>(program.dlpi_addr + program.dlpi_phdr[i].p_vaddr);
+      dynamic = At<ElfW(Dyn)>(program.dlpi_addr + program.dlpi_phdr[i].p_vaddr);
     }
   }
   const ElfW(Sym)* table = nullptr;
@@ -37,9 +42,9 @@ void ReadImports(const dl_phdr_info& program, std::vector<std::string>& symbols)
     // The loader turns these into addresses, on some architectures only.
     ElfW(Addr) address = dynamic->d_un.d_ptr;
     if (address < program.dlpi_addr) address += program.dlpi_addr;
-    if (dynamic->d_tag == DT_SYMTAB) table = reinterpret_cast<const ElfW(Sym)*>(address);
-    if (dynamic->d_tag == DT_STRTAB) names = reinterpret_cast<const char*>(address);
-    if (dynamic->d_tag == DT_JMPREL) relocations = reinterpret_cast<const ElfW(Rela)*>(address);
+    if (dynamic->d_tag == DT_SYMTAB) table = At<ElfW(Sym)>(address);
+    if (dynamic->d_tag == DT_STRTAB) names = At<char>(address);
+    if (dynamic->d_tag == DT_JMPREL) relocations = At<ElfW(Rela)>(address);
     if (dynamic->d_tag == DT_PLTRELSZ) bytes = dynamic->d_un.d_val;
   }
   if (table == nullptr || names == nullptr || relocations == nullptr) return;

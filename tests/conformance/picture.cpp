@@ -69,7 +69,7 @@ std::size_t RowBytes(std::uint32_t width, const Settings& settings) {
 }
 
 Picture::Picture(std::uint32_t width, std::uint32_t height)
-    : width_(width), height_(height), pixels_(width * kChannels * height) {
+    : width_(width), height_(height), pixels_(std::size_t{width} * kChannels * height) {
   std::uint8_t* pixel = pixels_.data();
   for (std::uint32_t y = 0; y < height; ++y) {
     for (std::uint32_t x = 0; x < width; ++x) {
@@ -83,7 +83,8 @@ Picture::Picture(std::uint32_t width, std::uint32_t height)
 void Picture::PutInto(Ormis::ImageData& image, const Settings& settings) const {
   const std::size_t rowBytes = RowBytes(width_, settings);
   for (std::uint32_t y = 0; y < height_; ++y) {
-    std::copy_n(pixels_.data() + y * width_ * kChannels, width_ * kChannels, image.data + y * rowBytes);
+    std::copy_n(pixels_.data() + std::size_t{y} * width_ * kChannels, width_ * kChannels,
+                image.data + y * rowBytes);
   }
   // Where the copy does not accept this, the check of the copy says so.
   (void)Ormis::QetMemcpyToKivu(image, image);

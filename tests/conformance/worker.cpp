@@ -67,9 +67,9 @@ class Barrier {
     if (phase == phase_) throw Failure("another thread failed");
   }
 
-  void Fail(std::exception_ptr failure) {
+  void Fail(const std::exception_ptr& failure) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (failure_ == nullptr) failure_ = std::move(failure);
+    if (failure_ == nullptr) failure_ = failure;
     changed_.notify_all();
   }
 
