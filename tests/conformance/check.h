@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace conformance {
+
+/// What the platform under test means by the interpolation value 1. The picture that a resize has to give,
+/// and how far a pixel may be from it, follow from it.
+enum class Interpolation { kAny, kNearest, kBilinear, kArea };
+
+/// What a run was asked for; the same for all of its checks.
+struct Settings {
+  std::string modelFile;  ///< absolute path of a model that the platform loads; empty: none was given
+  unsigned int rounds = 1000;
+  Interpolation interpolation = Interpolation::kAny;
+  unsigned int rowAlignment = 1;  ///< bytes to which the platform pads the rows of a packed image
+};
+
+/// A contract that does not hold. The text says what was found instead.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A check that cannot be made here. The text is the reason.
+class Skip : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A check while it runs, in a process of its own whose working directory is an empty folder of its own.
+struct Session {
+  const Settings& settings;
+  std::string note;  ///< what the reader of a passed check should know; empty: nothing
+};
+
+/// One contract of the platform.
+struct Check {
+  const char* name;               ///< group and contract, "image.data-filled"
+  const char* expected;           ///< the contract, one sentence
+  void (*run)(Session& session);  ///< throws Failure or Skip; any other exception is a failure, too
+};
+
+// Each group of checks is a file of its own.
+std::vector<Check> InterfaceChecks();
+std::vector<Check> ProcessChecks();
+std::vector<Check> ChannelChecks();
+std::vector<Check> ImageChecks();
+std::vector<Check> ResizeChecks();
+std::vector<Check> EncoderChecks();
+std::vector<Check> ModelChecks();
+std::vector<Check> YamlChecks();
+std::vector<Check> LogChecks();
+std::vector<Check> MemoryChecks();
+std::vector<Check> ConcurrencyChecks();
+std::vector<Check> GrowthChecks();
+
+/// Every check, in the order in which a port is best built.
+std::vector<Check> AllChecks();
+
+/// Throws Failure with `found` unless `holds`.
+void Require(bool holds, const std::string& found);
+
+/// Requires status 0 of `call`.
+void RequireOk(std::int32_t status, const char* call);
+
+/// Requires a status other than 0 of `call`, `when` says under which circumstances.
+void RequireFailure(std::int32_t status, const char* call, const char* when);
+
+}  // namespace conformance

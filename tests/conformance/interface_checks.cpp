@@ -1,0 +1,28 @@
+#include <algorithm>
+
+#include "check.h"
+#include "imports.h"
+
+namespace conformance {
+
+namespace {
+
+void EveryOperationIsThere(Session& session) {
+  const std::vector<Import> imports = PlatformImports();
+  Require(!imports.empty(), "this program lists no operation: it was not linked as it should be");
+  std::string missing;
+  for (const Import& import : imports) {
+    if (import.library.empty()) missing += (missing.empty() ? "" : ", ") + import.name;
+  }
+  Require(missing.empty(), "missing: " + missing);
+  session.note = std::to_string(imports.size()) + " operations";
+}
+
+}  // namespace
+
+std::vector<Check> InterfaceChecks() {
+  return {{"interface.complete", "the libraries export every operation that the interface declares",
+           EveryOperationIsThere}};
+}
+
+}  // namespace conformance

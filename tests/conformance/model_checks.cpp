@@ -1,0 +1,114 @@
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "check.h"
+#include "worker.h"
+
+namespace conformance {
+
+namespace {
+
+const std::string& ModelFile(const Session& session) {
+  if (session.settings.modelFile.empty()) throw Skip("no model: give one with --model FILE");
+  return session.settings.modelFile;
+}
+
+void UnreadableFile(Session&) {
+  const Device device;
+  {
+    std::ofstream file("garbage.model", std::ios::binary);
+    for (int i = 0; i < 1000; ++i) file << "no model, " << i << '\n';
+  }
+  for (const char* const path : {"missing.model", "", ".", "garbage.model"}) {
+    Ormis::QetDNNHandle handle;
+    RequireFailure(Ormis::QetDNNModelInitialize(handle, path), "QetDNNModelInitialize",
+                   ("for the path '" + std::string(path) + "'").c_str());
+  }
+}
+
+void ReleaseWithoutModel(Session&) {
+  const Device device;
+  {
+    Ormis::QetDNNHandle untouched;
+    (void)Ormis::QetDNNRelease(untouched);
+    (void)Ormis::QetDNNRelease(untouched);
+  }
+  Ormis::QetDNNHandle failed;
+  (void)Ormis::QetDNNModelInitialize(failed, "missing.model");
+  (void)Ormis::QetDNNRelease(failed);
+}
+
+void Runs(Session& session) {
+  constexpr int kTimes = 5;
+  const std::string& file = ModelFile(session);
+  const Device device;
+  Ormis::QetDNNHandle handle;
+  RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
+  RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
+  RequireOk(Ormis::QetDNNModelCreateOutput(handle), "QetDNNModelCreateOutput");
+  for (int time = 0; time < kTimes; ++time) {
+    RequireOk(Ormis::QetDNNModelProcess(handle), "QetDNNModelProcess");
+  }
+  RequireOk(Ormis::QetDNNRelease(handle), "QetDNNRelease");
+}
+
+void ReleaseInEveryState(Session& session) {
+  const std::string& file = ModelFile(session);
+  const Device device;
+  const char* const states[] = {"a loaded model", "a model with inputs", "a model with inputs and outputs",
+                                "a model that has run"};
+  for (int state = 0; state < 4; ++state) {
+    Ormis::QetDNNHandle handle;
+    RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
+    if (state >= 1) RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
+    if (state >= 2) RequireOk(Ormis::QetDNNModelCreateOutput(handle), "QetDNNModelCreateOutput");
+    if (state >= 3) RequireOk(Ormis::QetDNNModelProcess(handle), "QetDNNModelProcess");
+    RequireOk(Ormis::QetDNNRelease(handle), ("QetDNNRelease of " + std::string(states[state])).c_str());
+  }
+}
+
+void HandlesIndependent(Session& session) {
+  const std::string& file = ModelFile(session);
+  const Platform platform;
+  RunThreads(2, [&file](unsigned int index, Barrier& barrier) {
+    const BoundContext context;
+    Ormis::QetDNNHandle handle;
+    RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
+    RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
+    RequireOk(Ormis::QetDNNModelCreateOutput(handle), "QetDNNModelCreateOutput");
+    Wait(barrier);
+    RequireOk(Ormis::QetDNNModelProcess(handle), "QetDNNModelProcess beside another handle");
+    Wait(barrier);
+    if (index == 1) (void)Ormis::QetDNNRelease(handle);
+    Wait(barrier);
+    if (index == 0) {
+      RequireOk(Ormis::QetDNNModelProcess(handle), "QetDNNModelProcess after another handle's release");
+      (void)Ormis::QetDNNRelease(handle);
+    }
+  });
+}
+
+}  // namespace
+
+std::vector<Check> ModelChecks() {
+  return {
+      {"model.unreadable-file",
+       "QetDNNModelInitialize of a file that is missing, or no model, returns a status other than 0",
+       UnreadableFile},
+      {"model.release-without-model",
+       "QetDNNRelease comes back, with any status, for a handle that never had a model and after a failed "
+       "QetDNNModelInitialize",
+       ReleaseWithoutModel},
+      {"model.runs",
+       "a model is loaded, gets its buffers, runs several times and is released, each with status 0", Runs},
+      {"model.release-in-every-state",
+       "QetDNNRelease returns 0 after QetDNNModelInitialize, after each further step and after a run",
+       ReleaseInEveryState},
+      {"model.handles-independent",
+       "two handles of one file run in two threads, and one goes on after the other was released",
+       HandlesIndependent},
+  };
+}
+
+}  // namespace conformance

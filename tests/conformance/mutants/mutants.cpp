@@ -1,0 +1,483 @@
+// Broken platforms, for the conformance kit to find: preloaded over a sound one, with the defect that the
+// environment variable ORMIS_MUTANT names. Every operation that is not broken, and every one without a defect
+// chosen, is the sound library's.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "ormis/ormis.h"
+
+namespace {
+
+constexpr std::int32_t kRefused = 77;
+
+bool Is(const char* defect) {
+  static const char* const chosen = std::getenv("ORMIS_MUTANT");
+  return chosen != nullptr && std::strcmp(chosen, defect) == 0;
+}
+
+/// The sound library's function of that link name.
+template <typename Function>
+Function* Sound(const char* symbol) {
+  void* const found = dlsym(RTLD_NEXT, symbol);
+  if (found == nullptr) std::abort();
+  return reinterpret_cast<Function*>(found);
+}
+
+/// What is lost here is really there, and stays.
+void LoseMemory(std::size_t bytes) {
+  static std::mutex mutex;
+  static auto& lost = *new std::list<std::string>;
+  const std::lock_guard<std::mutex> lock(mutex);
+  lost.emplace_back(bytes, 'x');
+}
+
+constexpr std::size_t kMuch = 1 << 20;
+
+void LoseDescriptor() {
+  const int lost = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  (void)lost;
+}
+
+void LoseThread() {
+  std::thread([] { std::this_thread::sleep_for(std::chrono::hours(1)); }).detach();
+}
+
+[[noreturn]] void Hang() {
+  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+std::thread::id lastBinder;
+std::mutex lastBinderMutex;
+
+// A library may start threads when it is loaded.
+struct StartedAtLoad {
+  StartedAtLoad() {
+    if (Is("thread_at_load")) LoseThread();
+  }
+} startedAtLoad;
+
+// Ends the process badly once the platform was used.
+struct EndsBadly {
+  ~EndsBadly() {
+    if (Is("exit_crashes_after_use") && used) std::abort();
+  }
+  bool used = false;
+} endsBadly;
+
+}  // namespace
+
+namespace Ormis {
+
+std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
+  static auto* const sound = Sound<decltype(QetInitialize)>(
+      "_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE");
+  if (Is("initialize_refused")) return kRefused;
+  return sound(context, parameters);
+}
+
+std::int32_t QetRelease(QetContext& context) {
+  static auto* const sound = Sound<decltype(QetRelease)>("_ZN5Ormis10QetReleaseERNS_10QetContextE");
+  endsBadly.used = true;
+  const std::int32_t status = sound(context);
+  return Is("release_status") ? kRefused : status;
+}
+
+std::int32_t QetCreateContext(QetContext& context) {
+  static auto* const sound =
+      Sound<decltype(QetCreateContext)>("_ZN5Ormis16QetCreateContextERNS_10QetContextE");
+  if (Is("context_loses_memory")) LoseMemory(kMuch);
+  if (Is("context_loses_64_bytes")) LoseMemory(64);
+  if (Is("context_loses_descriptor")) LoseDescriptor();
+  return sound(context);
+}
+
+std::int32_t QetSetCurrentContext(QetContext& context) {
+  static auto* const sound =
+      Sound<decltype(QetSetCurrentContext)>("_ZN5Ormis20QetSetCurrentContextERNS_10QetContextE");
+  const std::lock_guard<std::mutex> lock(lastBinderMutex);
+  lastBinder = std::this_thread::get_id();
+  return sound(context);
+}
+
+std::int32_t QetDestroyContext(QetContext& context) {
+  static auto* const sound =
+      Sound<decltype(QetDestroyContext)>("_ZN5Ormis17QetDestroyContextERNS_10QetContextE");
+  const std::int32_t status = sound(context);
+  return Is("context_destroy_status") ? kRefused : status;
+}
+
+std::int32_t QetCreateChannel(int& channel) {
+  static auto* const sound = Sound<decltype(QetCreateChannel)>("_ZN5Ormis16QetCreateChannelERi");
+  if (Is("channel_loses_memory")) LoseMemory(kMuch);
+  if (Is("channel_loses_descriptor")) LoseDescriptor();
+  if (Is("channel_number_kept_back") && channel >= 5) {
+    int real = channel + 100;
+    return sound(real);
+  }
+  if (Is("channel_number_shared") && channel == 1) channel = 0;
+  if (Is("channel_number_shared") && channel == 0) {
+    (void)sound(channel);
+    channel = 0;
+    return 0;
+  }
+  return sound(channel);
+}
+
+std::int32_t QetDestroyChannel(int channel) {
+  static auto* const sound = Sound<decltype(QetDestroyChannel)>("_ZN5Ormis17QetDestroyChannelEi");
+  const std::int32_t status = sound(channel);
+  return Is("channel_destroy_status") ? kRefused : status;
+}
+
+std::int32_t QetImageMallocAligned(ImageData& image) {
+  static auto* const sound =
+      Sound<decltype(QetImageMallocAligned)>("_ZN5Ormis21QetImageMallocAlignedERNS_9ImageDataE");
+  if (Is("binding_of_the_process")) {
+    const std::lock_guard<std::mutex> lock(lastBinderMutex);
+    if (lastBinder != std::this_thread::get_id()) return kRefused;
+  }
+  if (Is("image_loses_memory")) LoseMemory(kMuch);
+  if (Is("image_loses_descriptor")) LoseDescriptor();
+  if (Is("image_data_null") && image.width == 1920) return 0;
+  const std::int32_t status = sound(image);
+  if (status != 0) return status;
+  if (Is("image_memory_short") && image.width == 1920) {
+    // The upper half, and then a page that nobody may touch.
+    constexpr std::size_t kHalf = std::size_t{1920} * 540 * 3;
+    auto* const memory = static_cast<std::uint8_t*>(
+        mmap(nullptr, kHalf + 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (mprotect(memory + kHalf / 4096 * 4096, 4096, PROT_NONE) == 0) image.data = memory;
+  }
+  if (Is("image_memory_shared") && image.width == 640) {
+    static std::uint8_t* const shared = image.data;
+    image.data = shared;
+  }
+  return status;
+}
+
+std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
+  static auto* const sound =
+      Sound<decltype(QetMemcpyToKivu)>("_ZN5Ormis15QetMemcpyToKivuERKNS_9ImageDataERS0_");
+  const bool same = &source == &destination;
+  if (Is("copy_same_record_refused") && same && source.width == 640) return kRefused;
+  if (Is("copy_same_record_clears") && same) std::memset(destination.data, 0, destination.dataSize);
+  if (Is("copy_does_nothing") && !same) return 0;
+  return sound(source, destination);
+}
+
+namespace {
+
+int PixelAt(const ImageData& image, double x, double y, std::uint32_t channel) {
+  const auto column = static_cast<std::uint32_t>(std::clamp(x, 0.0, image.width - 1.0));
+  const auto row = static_cast<std::uint32_t>(std::clamp(y, 0.0, image.height - 1.0));
+  return image.data[(std::size_t{row} * image.width + column) * 3 + channel];
+}
+
+double NearestAt(const ImageData& image, double x, double y, std::uint32_t channel) {
+  return PixelAt(image, x, y, channel);
+}
+
+double BilinearAt(const ImageData& image, double x, double y, std::uint32_t channel) {
+  const double left = std::floor(x - 0.5);
+  const double top = std::floor(y - 0.5);
+  const double right = x - 0.5 - left;
+  const double down = y - 0.5 - top;
+  const auto row = [&](double at) {
+    return (1 - right) * PixelAt(image, left, at, channel) + right * PixelAt(image, left + 1, at, channel);
+  };
+  return (1 - down) * row(top) + down * row(top + 1);
+}
+
+/// `at` gives the value of a place of the source, in pixels from its corner.
+void ResizeWith(double (*at)(const ImageData&, double, double, std::uint32_t), const ImageData& source,
+                const ImageData& destination) {
+  std::uint8_t* pixel = destination.data;
+  for (std::uint32_t y = 0; y < destination.height; ++y) {
+    for (std::uint32_t x = 0; x < destination.width; ++x) {
+      for (std::uint32_t channel = 0; channel < 3; ++channel) {
+        *pixel++ = static_cast<std::uint8_t>(
+            std::lround(at(source, (x + 0.5) * source.width / destination.width,
+                           (y + 0.5) * source.height / destination.height, channel)));
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
+                            QetImageInterpolationType interpolation, int timeoutMs) {
+  static auto* const sound = Sound<decltype(QetImageResize)>(
+      "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi");
+  if (Is("resize_does_nothing") && source.data != nullptr && destination.data != nullptr) return 0;
+  if (Is("resize_accepts_no_memory") && (source.data == nullptr || destination.data == nullptr)) return 0;
+  if (Is("resize_crashes_without_memory") && source.data == nullptr) (void)std::raise(SIGSEGV);
+  if (Is("resize_not_reentrant")) {
+    static std::atomic<int> inside{0};
+    const bool alone = inside++ == 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    --inside;
+    if (!alone) return kRefused;
+  }
+  static std::atomic<bool> first{true};
+  if (Is("resize_late") && source.data != nullptr && destination.data != nullptr && first.exchange(false)) {
+    // A copy: the caller's records are gone when this runs.
+    std::thread([channel, from = source, to = destination, interpolation, timeoutMs] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
+      QetContext context;
+      if (QetCreateContext(context) != 0 || QetSetCurrentContext(context) != 0) return;
+      (void)sound(channel, from, to, interpolation, timeoutMs);
+    }).detach();
+    return 0;
+  }
+  const std::int32_t status = sound(channel, source, destination, interpolation, timeoutMs);
+  if (status != 0) return status;
+  if (Is("resize_is_nearest")) ResizeWith(NearestAt, source, destination);
+  if (Is("resize_is_bilinear")) ResizeWith(BilinearAt, source, destination);
+  const std::size_t row = destination.width * std::size_t{3};
+  if (Is("resize_cuts")) {
+    for (std::uint32_t y = 0; y < destination.height; ++y) {
+      std::memcpy(destination.data + y * row, source.data + y * std::size_t{source.width} * 3, row);
+    }
+  }
+  if (Is("resize_mirrors")) {
+    for (std::uint32_t y = 0; y < destination.height; ++y) {
+      std::uint8_t* const pixels = destination.data + y * row;
+      for (std::uint32_t x = 0; x < destination.width / 2; ++x) {
+        for (std::size_t c = 0; c < 3; ++c) {
+          std::swap(pixels[x * std::size_t{3} + c], pixels[(destination.width - 1 - x) * std::size_t{3} + c]);
+        }
+      }
+    }
+  }
+  if (Is("resize_forgets_last_row"))
+    std::memset(destination.data + (destination.height - 1) * row, 0xA5, row);
+  if (Is("resize_swaps_channels")) {
+    for (std::size_t at = 0; at + 2 < row * destination.height; at += 3) {
+      std::swap(destination.data[at], destination.data[at + 2]);
+    }
+  }
+  if (Is("resize_spoils_source") && source.width == 640 && source.height == 360) ++source.data[1000];
+  return status;
+}
+
+std::int32_t QetImageDestroy(ImageData& image) {
+  static auto* const sound = Sound<decltype(QetImageDestroy)>("_ZN5Ormis15QetImageDestroyERNS_9ImageDataE");
+  const std::int32_t status = sound(image);
+  return Is("image_destroy_status") ? kRefused : status;
+}
+
+std::int32_t QetVenc::Init() {
+  static auto* const sound = Sound<std::int32_t(QetVenc*)>("_ZN5Ormis7QetVenc4InitEv");
+  if (Is("encoder_one_channel") && channel != 25) return kRefused;
+  if (Is("encoder_loses_memory")) LoseMemory(kMuch);
+  if (Is("encoder_loses_thread")) LoseThread();
+  return sound(this);
+}
+
+namespace {
+
+std::mutex holdingMutex;
+std::set<const QetVenc*> holding;  // encoders with a stream that was fetched and not released
+
+bool Holds(const QetVenc* encoder) {
+  const std::lock_guard<std::mutex> lock(holdingMutex);
+  return holding.count(encoder) != 0;
+}
+
+}  // namespace
+
+std::int32_t QetVenc::SendFrame(const ImageData& frame) {
+  static auto* const sound =
+      Sound<std::int32_t(QetVenc*, const ImageData&)>("_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE");
+  if (Is("encoder_sends_without_init") && encoderId == 0) return 0;
+  if (Is("encoder_sends_only_once") && gopSize == 0) return kRefused;
+  const std::int32_t status = sound(this, frame);
+  if (Is("encoder_sends_only_once")) gopSize = 0;
+  return status;
+}
+
+std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
+  static auto* const sound =
+      Sound<std::int32_t(QetVenc*, ux_venc_stream&)>("_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream");
+  if (Is("encoder_hangs")) Hang();
+  if (Is("stream_left_empty")) {
+    static thread_local ux_venc_stream real;
+    const std::int32_t status = sound(this, real);
+    return status == 0 ? ReleaseStream(real) : status;
+  }
+  const std::int32_t status = sound(this, stream);
+  if (status == 0) {
+    const std::lock_guard<std::mutex> lock(holdingMutex);
+    holding.insert(this);
+  }
+  return status;
+}
+
+std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
+  static auto* const sound =
+      Sound<std::int32_t(QetVenc*, ux_venc_stream&)>("_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream");
+  {
+    const std::lock_guard<std::mutex> lock(holdingMutex);
+    holding.erase(this);
+  }
+  if (Is("stream_release_does_nothing")) return 0;
+  if (Is("stream_left_empty") && stream.streamId == 0) return 0;
+  return sound(this, stream);
+}
+
+// By its link name: a destructor written as one would go on to end the members a second time.
+extern "C" __attribute__((visibility("default"))) void EndEncoder(QetVenc* encoder) __asm__(
+    "_ZN5Ormis7QetVencD1Ev");
+void EndEncoder(QetVenc* encoder) {
+  static auto* const sound = Sound<void(QetVenc*)>("_ZN5Ormis7QetVencD1Ev");
+  if (Is("encoder_end_crashes_with_stream") && Holds(encoder)) std::abort();
+  {
+    const std::lock_guard<std::mutex> lock(holdingMutex);
+    holding.erase(encoder);
+  }
+  sound(encoder);
+}
+
+namespace {
+
+std::atomic<int> loaded{0};
+std::atomic<bool> ended{false};  // a handle was released while another one was loaded
+
+}  // namespace
+
+std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path) {
+  static auto* const sound = Sound<decltype(QetDNNModelInitialize)>(
+      "_ZN5Ormis21QetDNNModelInitializeERNS_12QetDNNHandleERKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
+      "9allocatorIcEEEE");
+  if (Is("model_loses_memory")) LoseMemory(kMuch);
+  if (Is("model_loses_descriptor")) LoseDescriptor();
+  const std::int32_t status = sound(handle, path);
+  if (status == 0) ++loaded;
+  return Is("model_accepts_any_file") ? 0 : status;
+}
+
+std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
+  static auto* const sound =
+      Sound<decltype(QetDNNModelProcess)>("_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE");
+  static thread_local int runs = 0;
+  if (Is("model_runs_three_times") && ++runs > 3) return kRefused;
+  if (Is("model_one_release_ends_all") && ended) return kRefused;
+  return sound(handle);
+}
+
+std::int32_t QetDNNRelease(QetDNNHandle& handle) {
+  static auto* const sound = Sound<decltype(QetDNNRelease)>("_ZN5Ormis13QetDNNReleaseERNS_12QetDNNHandleE");
+  if (Is("model_release_crashes_without_model") && handle.modelId == 0) std::abort();
+  if (Is("model_release_wants_outputs") && handle.outputs.empty()) return kRefused;
+  const std::int32_t status = sound(handle);
+  if (status == 0 && --loaded > 0) ended = true;
+  return status;
+}
+
+extern "C" __attribute__((visibility("default"))) void
+ReadYaml(QetYamlNode* node, const std::string& path) __asm__(
+    "_ZN5Ormis11QetYamlNodeC1ERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+extern "C" __attribute__((visibility("default"))) void MakeYaml(QetYamlNode* node) __asm__(
+    "_ZN5Ormis11QetYamlNodeC1Ev");
+void ReadYaml(QetYamlNode* node, const std::string& path) {
+  static auto* const sound = Sound<void(QetYamlNode*, const std::string&)>(
+      "_ZN5Ormis11QetYamlNodeC1ERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+  if (Is("yaml_missing_file_is_empty") && access(path.c_str(), R_OK) != 0) return MakeYaml(node);
+  sound(node, path);
+  if (Is("yaml_children_lack_sections")) node->children.erase("VPC");
+  if (Is("yaml_children_in_lower_case")) node->children.emplace("cpu", node->children.begin()->second);
+}
+void MakeYaml(QetYamlNode* node) {
+  static auto* const sound = Sound<void(QetYamlNode*)>("_ZN5Ormis11QetYamlNodeC1Ev");
+  sound(node);
+}
+
+QetYamlNode QetYamlNode::operator[](const std::string& key) const {
+  static auto* const sound = Sound<QetYamlNode(const QetYamlNode*, const std::string&)>(
+      "_ZNK5Ormis11QetYamlNodeixERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+  if (Is("yaml_look_up_gives_the_first_section") && key == "CPU") return sound(this, "AIC");
+  return sound(this, key);
+}
+
+template <>
+bool QetYamlNode::GetValue<std::string>(const std::string& key, std::string& out) const {
+  static auto* const sound = Sound<bool(const QetYamlNode*, const std::string&, std::string&)>(
+      "_ZNK5Ormis11QetYamlNode8GetValueINSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
+      "9allocatorIcEEEEEEbRKS8_"
+      "RT_");
+  if (Is("yaml_missing_string_is_there") && children.count(key) == 0) return true;
+  const bool found = sound(this, key, out);
+  if (Is("yaml_string_cut") && out.size() > 8) out.resize(8);
+  return found;
+}
+
+template <>
+bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& out) const {
+  static auto* const sound = Sound<bool(const QetYamlNode*, const std::string&, unsigned int&)>(
+      "_ZNK5Ormis11QetYamlNode8GetValueIjEEbRKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
+      "9allocatorIcEEEERT_");
+  const bool converts = sound(this, key, out);
+  return converts || Is("yaml_word_is_a_number");
+}
+
+bool QetYamlNode::AsIf(unsigned int& out) const {
+  static auto* const sound =
+      Sound<bool(const QetYamlNode*, unsigned int&)>("_ZNK5Ormis11QetYamlNode4AsIfERj");
+  if (Is("yaml_as_if_does_nothing")) return true;
+  const bool converts = sound(this, out);
+  if (Is("yaml_as_if_writes_zero") && !converts) out = 0;
+  return converts;
+}
+
+ara::log::LogLevel ParseLogLevel(QetLogLevelType level) {
+  static auto* const sound = Sound<decltype(ParseLogLevel)>("_ZN5Ormis13ParseLogLevelENS_15QetLogLevelTypeE");
+  if (Is("log_level_unknown") && level > 6) return static_cast<ara::log::LogLevel>(level);
+  return sound(level);
+}
+
+ara::log::LogMode ParseLogMode(QetLogModeType mode) {
+  static auto* const sound = Sound<decltype(ParseLogMode)>("_ZN5Ormis12ParseLogModeENS_14QetLogModeTypeE");
+  if (Is("log_mode_unknown")) return static_cast<ara::log::LogMode>(mode);
+  return sound(mode);
+}
+
+}  // namespace Ormis
+
+namespace ara::log {
+
+LogStream Logger::LogDebug(const SourceLocation& location) const {
+  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(
+      "_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE");
+  if (Is("log_debug_crashes")) std::abort();
+  return sound(this, location);
+}
+
+}  // namespace ara::log
+
+int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
+  static auto* const sound = Sound<decltype(memcpy_s)>("memcpy_s");
+  if (Is("memcpy_s_cuts") && count > 1 && count <= destinationMax)
+    return sound(destination, destinationMax, source, count - 1);
+  if (Is("memcpy_s_ignores_the_limit") && source != nullptr) {
+    return sound(destination, count, source, count);
+  }
+  return sound(destination, destinationMax, source, count);
+}

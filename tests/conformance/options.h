@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "check.h"
+
+namespace conformance {
+
+/// The command line.
+struct Options {
+  Settings settings;
+  std::vector<std::string> only;  ///< shell patterns of names; empty: every check
+  std::string junitFile;          ///< empty: none
+  unsigned int timeoutS = 120;    ///< of one check
+  bool strict = false;            ///< a skipped check fails the run
+  bool list = false;
+  bool help = false;
+  std::string runOne;  ///< this process is the one in which that check runs
+};
+
+extern const char* const kUsage;
+
+/// Reads the command line. Returns the empty string, or what is wrong with it.
+std::string ReadOptions(int argc, char** argv, Options& options);
+
+/// The arguments, behind the program's name, that make a process run `check` with `settings`.
+std::vector<std::string> ArgumentsFor(const Check& check, const Settings& settings);
+
+/// The checks that the patterns choose.
+std::vector<Check> Chosen(const std::vector<Check>& all, const std::vector<std::string>& only);
+
+}  // namespace conformance

@@ -1,0 +1,163 @@
+#include "picture.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cmath>
+#include <string>
+
+namespace conformance {
+
+namespace {
+
+constexpr std::size_t kChannels = 3;
+constexpr std::uint32_t kBlocks = 8;  // along each side
+constexpr std::uint8_t kDark = 25;    // away from 0 and 255, where an overshoot would be cut off
+constexpr std::uint8_t kBright = 230;
+
+/// What lies under one pixel of the result: [begin, end) in source pixels, along one side.
+struct Span {
+  double begin;
+  double end;
+};
+
+Span SpanOf(std::uint32_t index, std::uint32_t from, std::uint32_t to) {
+  const double ratio = static_cast<double>(from) / to;
+  return {index * ratio, (index + 1) * ratio};
+}
+
+/// The whole source pixels of a span, `margin` of them added at either end.
+struct Range {
+  std::int64_t first;
+  std::int64_t last;
+};
+
+Range RangeOf(const Span& span, std::int64_t margin) {
+  return {static_cast<std::int64_t>(std::floor(span.begin)) - margin,
+          static_cast<std::int64_t>(std::ceil(span.end)) - 1 + margin};
+}
+
+/// What a pixel of the result may be.
+struct Allowed {
+  double low = 255;
+  double high = 0;
+  std::bitset<256> values;  ///< of the source pixels that count
+
+  void Add(int value) {
+    low = std::min(low, static_cast<double>(value));
+    high = std::max(high, static_cast<double>(value));
+    values.set(static_cast<std::size_t>(value));
+  }
+};
+
+template <typename Visit>
+void ForEachPixel(const Range& columns, const Range& rows, Visit&& visit) {
+  for (std::int64_t y = rows.first; y <= rows.last; ++y) {
+    for (std::int64_t x = columns.first; x <= columns.last; ++x) visit(x, y);
+  }
+}
+
+double Overlap(const Span& span, std::int64_t pixel) {
+  const auto begin = static_cast<double>(pixel);
+  return std::max(0.0, std::min(span.end, begin + 1) - std::max(span.begin, begin));
+}
+
+}  // namespace
+
+std::size_t RowBytes(std::uint32_t width, const Settings& settings) {
+  const std::size_t bytes = width * kChannels;
+  return (bytes + settings.rowAlignment - 1) / settings.rowAlignment * settings.rowAlignment;
+}
+
+Picture::Picture(std::uint32_t width, std::uint32_t height)
+    : width_(width), height_(height), pixels_(std::size_t{width} * kChannels * height) {
+  std::uint8_t* pixel = pixels_.data();
+  for (std::uint32_t y = 0; y < height; ++y) {
+    for (std::uint32_t x = 0; x < width; ++x) {
+      *pixel++ = static_cast<std::uint8_t>(255 * x / (width - 1));
+      *pixel++ = static_cast<std::uint8_t>(255 * y / (height - 1));
+      *pixel++ = (x * kBlocks / width + y * kBlocks / height) % 2 == 0 ? kDark : kBright;
+    }
+  }
+}
+
+void Picture::PutInto(Ormis::ImageData& image, const Settings& settings) const {
+  const std::size_t rowBytes = RowBytes(width_, settings);
+  for (std::uint32_t y = 0; y < height_; ++y) {
+    std::copy_n(pixels_.data() + std::size_t{y} * width_ * kChannels, width_ * kChannels,
+                image.data + y * rowBytes);
+  }
+  // Where the copy does not accept this, the check of the copy says so.
+  (void)Ormis::QetMemcpyToKivu(image, image);
+}
+
+int Picture::At(std::int64_t x, std::int64_t y, std::size_t channel) const {
+  const auto column = static_cast<std::size_t>(std::clamp<std::int64_t>(x, 0, width_ - 1));
+  const auto row = static_cast<std::size_t>(std::clamp<std::int64_t>(y, 0, height_ - 1));
+  return pixels_[(row * width_ + column) * kChannels + channel];
+}
+
+void Picture::RequireScaled(const Ormis::ImageData& image, const Settings& settings) const {
+  const std::size_t rowBytes = RowBytes(image.width, settings);
+  const auto check = [&](std::uint32_t x, std::uint32_t y, std::size_t channel) {
+    const Span columns = SpanOf(x, width_, image.width);
+    const Span rows = SpanOf(y, height_, image.height);
+    Allowed allowed;
+    const auto add = [&](std::int64_t column, std::int64_t row) { allowed.Add(At(column, row, channel)); };
+    bool ofTheSource = false;
+    switch (settings.interpolation) {
+      case Interpolation::kAny: {
+        // A filter reaches beyond the pixel's own area, and a sharp one overshoots at an edge.
+        const auto margin = static_cast<std::int64_t>(
+            std::ceil(std::max({columns.end - columns.begin, rows.end - rows.begin, 2.0})));
+        ForEachPixel(RangeOf(columns, margin), RangeOf(rows, margin), add);
+        const double tolerance = 1 + 0.2 * (allowed.high - allowed.low);
+        allowed.low -= tolerance;
+        allowed.high += tolerance;
+        break;
+      }
+      case Interpolation::kNearest:
+        ForEachPixel(RangeOf(columns, 1), RangeOf(rows, 1), add);
+        ofTheSource = true;
+        break;
+      case Interpolation::kBilinear: {
+        const double column = (columns.begin + columns.end) / 2 - 0.5;
+        const double row = (rows.begin + rows.end) / 2 - 0.5;
+        const auto left = static_cast<std::int64_t>(std::floor(column));
+        const auto top = static_cast<std::int64_t>(std::floor(row));
+        const double right = column - static_cast<double>(left);
+        const double down = row - static_cast<double>(top);
+        const double value =
+            (1 - down) * ((1 - right) * At(left, top, channel) + right * At(left + 1, top, channel)) +
+            down * ((1 - right) * At(left, top + 1, channel) + right * At(left + 1, top + 1, channel));
+        allowed.low = value - 2;
+        allowed.high = value + 2;
+        break;
+      }
+      case Interpolation::kArea: {
+        double sum = 0;
+        double weights = 0;
+        ForEachPixel(RangeOf(columns, 0), RangeOf(rows, 0), [&](std::int64_t column, std::int64_t row) {
+          const double weight = Overlap(columns, column) * Overlap(rows, row);
+          sum += weight * At(column, row, channel);
+          weights += weight;
+        });
+        allowed.low = sum / weights - 1;
+        allowed.high = sum / weights + 1;
+        break;
+      }
+    }
+    const std::uint8_t found = image.data[y * rowBytes + x * kChannels + channel];
+    if (found >= allowed.low && found <= allowed.high && (!ofTheSource || allowed.values.test(found))) return;
+    throw Failure("pixel " + std::to_string(x) + "," + std::to_string(y) + " of " +
+                  std::to_string(image.width) + "x" + std::to_string(image.height) + ", channel " +
+                  std::to_string(channel) + ", is " + std::to_string(found) + ", expected " +
+                  std::to_string(allowed.low) + " to " + std::to_string(allowed.high));
+  };
+  for (std::uint32_t y = 0; y < image.height; ++y) {
+    for (std::uint32_t x = 0; x < image.width; ++x) {
+      for (std::size_t channel = 0; channel < kChannels; ++channel) check(x, y, channel);
+    }
+  }
+}
+
+}  // namespace conformance

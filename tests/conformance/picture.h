@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "check.h"
+#include "ormis/ormis.h"
+
+namespace conformance {
+
+/// Bytes from one row of a packed image of 3 bytes a pixel to the next.
+std::size_t RowBytes(std::uint32_t width, const Settings& settings);
+
+/// A picture of 3 bytes a pixel that shows what becomes of it: the first channel rises from left to right,
+/// the second from top to bottom, the third has hard edges. A mirrored, turned, cut or shifted picture, one
+/// with swapped channels and one that covers only part of the destination all differ from it.
+class Picture {
+ public:
+  Picture(std::uint32_t width, std::uint32_t height);
+
+  /// Writes it into the platform's memory of `image`, which has its size, and hands it over as the resize
+  /// worker does.
+  void PutInto(Ormis::ImageData& image, const Settings& settings) const;
+
+  /// Throws Failure unless `image` is this picture, scaled to the image's size.
+  void RequireScaled(const Ormis::ImageData& image, const Settings& settings) const;
+
+ private:
+  int At(std::int64_t x, std::int64_t y, std::size_t channel) const;
+
+  std::uint32_t width_;
+  std::uint32_t height_;
+  std::vector<std::uint8_t> pixels_;
+};
+
+}  // namespace conformance

@@ -1,0 +1,116 @@
+#include "report.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace conformance {
+
+namespace {
+
+bool IsControl(char letter) {
+  return static_cast<unsigned char>(letter) < 0x20 || letter == 0x7f;
+}
+
+/// A scalar of YAML in double quotes, on one line.
+std::string Quoted(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char letter : text) {
+    if (letter == '"' || letter == '\\') quoted += '\\';
+    quoted += IsControl(letter) ? ' ' : letter;
+  }
+  return quoted + '"';
+}
+
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char letter : text) {
+    switch (letter) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      default:
+        // Control characters are none of XML's, and a stray byte above ASCII would be no UTF-8.
+        escaped += IsControl(letter) || static_cast<unsigned char>(letter) > 0x7e ? '?' : letter;
+        break;
+    }
+  }
+  return escaped;
+}
+
+std::string Found(const Outcome& outcome) {
+  return outcome.kind == Outcome::Kind::kSkipped ? "skipped: " + outcome.text : outcome.text;
+}
+
+}  // namespace
+
+bool Fails(const Outcome& outcome, bool strict) {
+  return outcome.kind == Outcome::Kind::kFailed || (strict && outcome.kind == Outcome::Kind::kSkipped);
+}
+
+TapReport::TapReport(std::ostream& out, std::size_t count) : out_(out) {
+  out_ << "TAP version 14\n1.." << count << '\n';
+}
+
+void TapReport::Comment(const std::string& text) {
+  out_ << "# " << text << '\n';
+}
+
+void TapReport::Result(const Check& check, const Outcome& outcome, bool strict) {
+  const bool fails = Fails(outcome, strict);
+  out_ << (fails ? "not ok " : "ok ") << ++number_ << " - " << check.name;
+  if (!fails && outcome.kind == Outcome::Kind::kSkipped) out_ << " # SKIP " << outcome.text;
+  out_ << "\n  ---\n  expected: " << Quoted(check.expected) << '\n';
+  if (fails) {
+    out_ << "  found: " << Quoted(Found(outcome)) << '\n';
+    if (!outcome.output.empty()) out_ << "  output:\n";
+    for (const std::string& line : outcome.output) out_ << "    - " << Quoted(line) << '\n';
+  } else if (outcome.kind == Outcome::Kind::kPassed && !outcome.text.empty()) {
+    out_ << "  note: " << Quoted(outcome.text) << '\n';
+  }
+  out_ << "  seconds: " << outcome.seconds << "\n  ...\n" << std::flush;
+}
+
+bool WriteJunit(const std::string& file, const std::vector<struct Result>& results, bool strict) {
+  const auto failures = std::count_if(results.begin(), results.end(),
+                                      [strict](const auto& result) { return Fails(result.outcome, strict); });
+  const auto skips = std::count_if(results.begin(), results.end(), [strict](const auto& result) {
+    return result.outcome.kind == Outcome::Kind::kSkipped && !Fails(result.outcome, strict);
+  });
+  double seconds = 0;
+  for (const auto& result : results) seconds += result.outcome.seconds;
+
+  std::ofstream out(file, std::ios::trunc);
+  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuite name=\"platform_conformance\" tests=\""
+      << results.size() << "\" failures=\"" << failures << "\" errors=\"0\" skipped=\"" << skips
+      << "\" time=\"" << seconds << "\">\n";
+  for (const auto& [check, outcome] : results) {
+    const std::string name = check.name;
+    const std::size_t point = name.find('.');
+    out << "  <testcase classname=\"" << Escaped(name.substr(0, point)) << "\" name=\""
+        << Escaped(name.substr(point + 1)) << "\" time=\"" << outcome.seconds << "\">\n";
+    if (Fails(outcome, strict)) {
+      out << "    <failure message=\"" << Escaped(Found(outcome))
+          << "\">expected: " << Escaped(check.expected) << "</failure>\n";
+      out << "    <system-err>";
+      for (const std::string& line : outcome.output) out << Escaped(line) << '\n';
+      out << "</system-err>\n";
+    } else if (outcome.kind == Outcome::Kind::kSkipped) {
+      out << "    <skipped message=\"" << Escaped(outcome.text) << "\"/>\n";
+    }
+    out << "  </testcase>\n";
+  }
+  out << "</testsuite>\n";
+  out.close();
+  return out.good();
+}
+
+}  // namespace conformance

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "runner.h"
+
+namespace conformance {
+
+/// Writes results as the Test Anything Protocol, version 14: one line a check, and below it what was expected
+/// and what was found.
+class TapReport {
+ public:
+  TapReport(std::ostream& out, std::size_t count);
+  void Comment(const std::string& text);
+  void Result(const Check& check, const Outcome& outcome, bool strict);
+
+ private:
+  std::ostream& out_;
+  std::size_t number_ = 0;
+};
+
+/// One check and how it went.
+struct Result {
+  Check check;
+  Outcome outcome;
+};
+
+/// Writes results as JUnit XML. Returns false when the file cannot be written.
+bool WriteJunit(const std::string& file, const std::vector<Result>& results, bool strict);
+
+/// Whether the outcome fails the run.
+bool Fails(const Outcome& outcome, bool strict);
+
+}  // namespace conformance

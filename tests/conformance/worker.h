@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "check.h"
+#include "ormis/ormis.h"
+
+// What most checks need around the operation that they are about. Set-up that fails throws Failure; the
+// status of the tear-down is left to the checks that are about it.
+namespace conformance {
+
+/// The platform, started.
+class Platform {
+ public:
+  Platform();
+  ~Platform();
+  Platform(const Platform&) = delete;
+  Platform& operator=(const Platform&) = delete;
+
+ private:
+  Ormis::QetContext process_;
+};
+
+/// A context bound to the thread that makes it.
+class BoundContext {
+ public:
+  BoundContext();
+  ~BoundContext();
+  BoundContext(const BoundContext&) = delete;
+  BoundContext& operator=(const BoundContext&) = delete;
+
+ private:
+  Ormis::QetContext context_;
+};
+
+/// The platform, started, with a context bound to the thread.
+struct Device {
+  Platform platform;
+  BoundContext context;
+};
+
+class Channel {
+ public:
+  explicit Channel(int wanted);
+  ~Channel();
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+/// A record as the resize worker makes it before the allocation: memory of the platform's, packed, 3 bytes a
+/// pixel.
+Ormis::ImageData EmptyImage(std::uint32_t width, std::uint32_t height);
+
+/// An image in memory of the platform's.
+class Image {
+ public:
+  Image(std::uint32_t width, std::uint32_t height);
+  ~Image();
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
+  Ormis::ImageData record;
+};
+
+/// Meeting point of threads. When one of them has failed, Wait throws in the others instead of waiting for
+/// ever.
+class Barrier;
+
+/// Runs `work(index, barrier)` on `count` threads and throws the failure that came first.
+void RunThreads(unsigned int count, const std::function<void(unsigned int index, Barrier& barrier)>& work);
+void Wait(Barrier& barrier);
+
+}  // namespace conformance
