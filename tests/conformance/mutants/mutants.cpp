@@ -429,19 +429,27 @@ bool QetYamlNode::GetValue<std::string>(const std::string& key, std::string& out
   return found;
 }
 
+namespace {
+
+thread_local bool insideGetValue = false;  // which may rest on AsIf or not
+
+}  // namespace
+
 template <>
 bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& out) const {
   static auto* const sound = Sound<bool(const QetYamlNode*, const std::string&, unsigned int&)>(
       "_ZNK5Ormis11QetYamlNode8GetValueIjEEbRKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
       "9allocatorIcEEEERT_");
+  insideGetValue = true;
   const bool converts = sound(this, key, out);
+  insideGetValue = false;
   return converts || Is("yaml_word_is_a_number");
 }
 
 bool QetYamlNode::AsIf(unsigned int& out) const {
   static auto* const sound =
       Sound<bool(const QetYamlNode*, unsigned int&)>("_ZNK5Ormis11QetYamlNode4AsIfERj");
-  if (Is("yaml_as_if_does_nothing")) return true;
+  if (Is("yaml_as_if_does_nothing") && !insideGetValue) return true;
   const bool converts = sound(this, out);
   if (Is("yaml_as_if_writes_zero") && !converts) out = 0;
   return converts;
