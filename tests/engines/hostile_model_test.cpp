@@ -73,13 +73,6 @@ class HostileModelTest : public ModelTest {
   }
 };
 
-/// The good model with one attribute of its first convolution changed.
-std::string WithAttribute(const char* name, const std::vector<std::int64_t>& values) {
-  onnx_writer::Graph graph = TinyNetwork();
-  graph.nodes.at(0).lists[name] = values;
-  return onnx_writer::Serialize(graph);
-}
-
 TEST_F(HostileModelTest, TheGoodModelRuns) {
   EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
   EXPECT_EQ(WriteFields(ReadFields(GoodModel())), GoodModel())
@@ -126,7 +119,16 @@ TEST_F(HostileModelTest, ChangedFields) {
   });
 }
 
-// These end a process that lets the engine have them: it divides by zero, or reads what is not there.
+#ifdef __x86_64__
+/// The good model with one attribute of its first convolution changed.
+std::string WithAttribute(const char* name, const std::vector<std::int64_t>& values) {
+  onnx_writer::Graph graph = TinyNetwork();
+  graph.nodes.at(0).lists[name] = values;
+  return onnx_writer::Serialize(graph);
+}
+
+// These end a process that lets the engine have them: it divides by zero, or reads what is not there. Other
+// processors divide by zero without complaint.
 TEST_F(HostileModelTest, TheEngineDiesElsewhere) {
   for (const std::string& model : {WithAttribute("strides", {0, 2}), WithAttribute("strides", {2, 0}),
                                    WithAttribute("pads", {1, 1, 1, -2})}) {
@@ -142,6 +144,7 @@ TEST_F(HostileModelTest, AFileThatChangesIsTriedAgain) {
   EXPECT_STREQ(LoadAndRun(WithAttribute("strides", {0, 2})).failedStep, "QetDNNModelInitialize");
   EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
 }
+#endif
 
 TEST_F(HostileModelTest, BuffersTakeTwoGibibytesAtMost) {
   onnx_writer::Graph graph;

@@ -1,0 +1,85 @@
+// Preloaded into tests that run under emulation: a program of the emulated kind that they start is started
+// under the emulator as well. The machine itself could not run it.
+#include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace {
+
+// No memory of the heap: this runs between a fork and an exec, too.
+constexpr std::size_t kMaxTexts = 1024;
+constexpr const char* kEmulator[] = {EMULATOR};
+constexpr char kFirstProcessOnly[] = "QEMU_SET_ENV=";
+
+bool NeedsEmulator(const char* program) {
+  Elf64_Ehdr header{};
+  const int file = open(program, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const bool whole = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header);
+  close(file);
+  return whole && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EMULATED_MACHINE;
+}
+
+/// A null-terminated list of texts.
+class List {
+ public:
+  void Add(const char* text) {
+    if (count_ + 1 < kMaxTexts) texts_[count_++] = const_cast<char*>(text);
+  }
+  char* const* Texts() const { return texts_; }
+
+ private:
+  char* texts_[kMaxTexts] = {};
+  std::size_t count_ = 0;
+};
+
+/// What to start instead of the program, and with what.
+struct Start {
+  Start(const char* path, char* const* arguments, char* const* environment) : program(path) {
+    if (NeedsEmulator(path)) {
+      program = kEmulator[0];
+      for (const char* text : kEmulator) argv.Add(text);
+      argv.Add(path);
+      if (*arguments != nullptr) ++arguments;
+    }
+    for (; *arguments != nullptr; ++arguments) argv.Add(*arguments);
+    // The emulator would preload this library into every process, and not what a test has chosen.
+    for (; *environment != nullptr; ++environment) {
+      if (std::strncmp(*environment, kFirstProcessOnly, sizeof kFirstProcessOnly - 1) != 0)
+        envp.Add(*environment);
+    }
+  }
+
+  const char* program;
+  List argv;
+  List envp;
+};
+
+template <typename Function>
+Function* Next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int execve(const char* program, char* const arguments[],
+                                                             char* const environment[]) noexcept {
+  const Start start(program, arguments, environment);
+  return Next<decltype(execve)>("execve")(start.program, start.argv.Texts(), start.envp.Texts());
+}
+
+extern "C" __attribute__((visibility("default"))) int posix_spawn(pid_t* child, const char* program,
+                                                                  const posix_spawn_file_actions_t* files,
+                                                                  const posix_spawnattr_t* attributes,
+                                                                  char* const arguments[],
+                                                                  char* const environment[]) {
+  const Start start(program, arguments, environment);
+  return Next<decltype(posix_spawn)>("posix_spawn")(child, start.program, files, attributes,
+                                                    start.argv.Texts(), start.envp.Texts());
+}
