@@ -85,7 +85,8 @@ TEST_P(LaunchersTest, FailureToStartAThreadPropagates) {
     EXPECT_THAT(error.what(), HasSubstr("thread constructor failed"));
     EXPECT_EQ(error.code().value(), EAGAIN);
   }
-  EXPECT_EQ(threads_.size(), 1U);
+  ASSERT_EQ(threads_.size(), 1U);
+  threads_[0].join();
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
