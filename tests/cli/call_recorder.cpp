@@ -47,6 +47,8 @@ __attribute__((constructor)) void FindTheReal() {
   Find("_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE", recorder.initialize);
   Find("_ZN5Ormis10QetReleaseERNS_10QetContextE", recorder.release);
   Find("_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE", recorder.logDebug);
+  // Not for what the program starts in turn, such as a sanitizer's symbolizer.
+  if (unsetenv("LD_PRELOAD") != 0) std::abort();
   const char* const path = std::getenv("RECORD_CALLS");
   if (path == nullptr) std::abort();
   recorder.file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

@@ -147,6 +147,8 @@ void* Real(int operation) {
 
 __attribute__((constructor)) void Start() {
   for (int operation = 0; operation < kOperations; ++operation) (void)Real(operation);
+  // Not for what the program starts in turn, such as a sanitizer's symbolizer.
+  if (unsetenv("LD_PRELOAD") != 0) Refuse("cannot unset", "LD_PRELOAD");
   if (const char* const text = std::getenv("FAULT")) Parse(text);
   if (const char* const path = std::getenv("FAULT_CALLS")) {
     callsFile = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
