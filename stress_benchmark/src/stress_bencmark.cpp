@@ -74,14 +74,13 @@ bool StressBenchmark::Init() {
   // The handler logs, and must not be the first to ask for the singleton: if it interrupted the creation, the
   // creation would wait for itself.
   Ormis::OrmisLogger::GetInstance();
-  std::signal(SIGINT, SignalHandler);
+  (void)std::signal(SIGINT, SignalHandler);
 
   const ara::log::LogLevel level = Ormis::ParseLogLevel(static_cast<Ormis::QetLogLevelType>(logLevel));
   ara::log::InitLogging(appId, appDescription, level,
                         Ormis::ParseLogMode(static_cast<Ormis::QetLogModeType>(logMode)), logDirectory);
-  const std::string contextId = appId;
   Ormis::OrmisLogger::GetInstance().logger = &ara::log::CreateLogger(
-      contextId, contextId, Ormis::ParseLogLevel(static_cast<Ormis::QetLogLevelType>(logLevel)));
+      appId, appId, Ormis::ParseLogLevel(static_cast<Ormis::QetLogLevelType>(logLevel)));
 
   if (ReadSetting(yaml, "runTimes", runTimes) && runTimes < kMinRunTimesS) {
     STBM_LOG_WARN("RunTimes should be larger " << kMinRunTimesS << " , now is: " << runTimes
