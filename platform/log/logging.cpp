@@ -1,6 +1,7 @@
 #include "ara/log/logging.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -8,14 +9,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <system_error>
+#include <utility>
 
 #include "fixed_text.h"
+#include "remote_port.h"
+#include "remote_sink.h"
 #include "sink.h"
 #include "utc_time.h"
 
@@ -31,6 +37,7 @@ constexpr std::size_t kMaxContextIdBytes = sizeof(std::uint64_t);
 constexpr std::size_t kMaxFileBytes = 512;
 constexpr std::size_t kMaxFunctionBytes = 256;
 constexpr std::size_t kMaxToldPathBytes = 1024;
+constexpr std::size_t kMaxDescriptionBytes = 127;
 
 // PIPE_BUF on Linux: a longer write to a pipe may be torn.
 constexpr std::size_t kMaxLineBytes = 4096;
@@ -51,8 +58,16 @@ struct Settings {
   LogLevel level = LogLevel::kVerbose;
   bool toFile = false;
   bool toConsole = true;
+  bool toRemote = false;
   char path[kMaxToldPathBytes] = "";   ///< of the log file, for messages
   const Settings* replaced = nullptr;  ///< keeps the older settings in reach of a leak checker
+};
+
+/// What a context is described as. Kept for the remote sink, which makes use of it later and elsewhere.
+struct Description {
+  enum class State : std::uint8_t { kNone, kBeingWritten, kComplete };
+  std::atomic<State> state{State::kNone};
+  char text[kMaxDescriptionBytes + 1] = "";
 };
 
 // Constant-initialised, all of it: other libraries log from their static initialisers.
@@ -62,6 +77,9 @@ constexpr Settings kBeforeInitLogging{};
 [[clang::require_constant_initialization]] Sink logFile{-1, Sink::Blocking::kNever};
 [[clang::require_constant_initialization]] std::atomic<bool> fileLossTold{false};
 [[clang::require_constant_initialization]] Logger loggers[kMaxLoggers];
+[[clang::require_constant_initialization]] Description descriptions[kMaxLoggers];
+// Made once, and never destroyed: a thread may be about to log when the process ends.
+[[clang::require_constant_initialization]] std::atomic<RemoteSink*> remote{nullptr};
 static_assert(std::atomic<const Settings*>::is_always_lock_free &&
                   std::atomic<std::uint64_t>::is_always_lock_free &&
                   std::atomic<LogLevel>::is_always_lock_free,
@@ -174,6 +192,52 @@ bool OpenLogFile(const std::string& folder, const std::string& path) {
   return true;
 }
 
+void StopRemoteSink() {
+  const std::uint64_t lost = remote.load()->Stop();
+  if (lost > 0) Tell("records lost on the way to the DLT daemon", "", std::to_string(lost));
+}
+
+void AbandonRemoteSink() {
+  remote.load()->Abandon();
+}
+
+/// Starts the remote sink, unless it runs already. Returns false when there is none, which is told once.
+bool StartRemoteSink(const std::string& appId, const std::string& appDescription) {
+  static bool told = false;
+  if (remote.load() == nullptr) {
+    std::string reason;
+    std::unique_ptr<RemotePort> port = MakeDltPort(console.Disabled(), &reason);
+    if (port != nullptr) {
+      auto sink = std::make_unique<RemoteSink>(std::move(port));
+      sink->SetApplication(appId, appDescription);
+      reason = sink->Start();
+      if (reason.empty()) {
+        remote.store(sink.release());
+        // After the start, so that it runs before libdlt's own handler.
+        (void)std::atexit(StopRemoteSink);
+        (void)pthread_atfork(nullptr, nullptr, AbandonRemoteSink);
+        return true;
+      }
+    }
+    if (!told) {
+      Tell("the remote sink is not available", reason.empty() ? " in this build" : "", reason);
+    }
+    told = true;
+    return false;
+  }
+  remote.load()->SetApplication(appId, appDescription);
+  return true;
+}
+
+/// Keeps the first description of a context. Who comes while it is being written leaves that to the writer:
+/// it may be a signal handler that has interrupted it.
+void KeepDescription(Description& description, View text) {
+  auto expected = Description::State::kNone;
+  if (!description.state.compare_exchange_strong(expected, Description::State::kBeingWritten)) return;
+  FixedText(description.text, kMaxDescriptionBytes).AppendEscaped(text);
+  description.state.store(Description::State::kComplete, std::memory_order_release);
+}
+
 }  // namespace
 
 LogStream::LogStream(const Logger& logger, LogLevel level, const SourceLocation& location)
@@ -199,8 +263,10 @@ LogStream::~LogStream() {
   line.Append(View(contextId, strnlen(contextId, sizeof contextId)));
   line.Append(" ");
   // The system call: a thread id kept by a library would be the parent's in the child of a fork.
-  line.AppendDecimal(static_cast<std::uint64_t>(syscall(SYS_gettid)));
+  const auto threadId = static_cast<std::uint32_t>(syscall(SYS_gettid));
+  line.AppendDecimal(threadId);
   line.Append(" ");
+  const std::size_t headBytes = line.size();
   line.Append(View(text_, length_));
   if (cut_) line.Append(" [cut]");
   if (current.level >= LogLevel::kDebug) {
@@ -213,11 +279,27 @@ LogStream::~LogStream() {
     line.Append(")");
   }
 
+  bool homeless = false;
+  if (current.toRemote) {
+    const auto number = static_cast<std::size_t>(&logger_ - loggers);
+    const Description& description = descriptions[number];
+    const bool described = description.state.load(std::memory_order_acquire) == Description::State::kComplete;
+    RemoteHeader header{};
+    header.context = static_cast<std::uint32_t>(number);
+    header.contextId = packed;
+    header.contextDescription = described ? description.text : nullptr;
+    header.level = level_;
+    header.threadId = threadId;
+    homeless = !remote.load(std::memory_order_relaxed)
+                    ->Deliver(header, View(line.data() + headBytes, line.size() - headBytes));
+  }
   if (current.toFile) {
     const char* const reason = logFile.Deliver(line);
     if (reason != nullptr && !fileLossTold.exchange(true)) Tell("cannot write ", current.path, reason);
   }
-  if (current.toConsole) console.Deliver(line);
+  // Once the remote sink has been stopped, at the end of the process or in the child of a fork, its records
+  // need another place.
+  if (current.toConsole || homeless) console.Deliver(line);
   errno = error;
 }
 
@@ -281,12 +363,8 @@ LogStream Logger::LogDebug(const SourceLocation& location) const {
   return {*this, LogLevel::kDebug, location};
 }
 
-void InitLogging(const std::string& appId, const std::string& /*appDescription*/, LogLevel level,
-                 LogMode mode, const std::string& directory) {
-  static std::atomic<bool> remoteTold{false};
-  if (HasMode(mode, LogMode::kRemote) && !remoteTold.exchange(true)) {
-    Tell("the remote sink is not available in this build", "", "");
-  }
+void InitLogging(const std::string& appId, const std::string& appDescription, LogLevel level, LogMode mode,
+                 const std::string& directory) {
   try {
     auto next = std::make_unique<Settings>();
     std::memset(next->appId, 0, sizeof next->appId);
@@ -299,6 +377,7 @@ void InitLogging(const std::string& appId, const std::string& /*appDescription*/
       std::memcpy(next->path, path.data(), std::min(path.size(), sizeof next->path - 1));
       next->toFile = OpenLogFile(folder, path);
     }
+    if (HasMode(mode, LogMode::kRemote)) next->toRemote = StartRemoteSink(next->appId, appDescription);
     // Without a file the old one stays open: a record under way may still go there.
     next->replaced = settings.load(std::memory_order_relaxed);
     settings.store(next.release(), std::memory_order_release);
@@ -307,7 +386,7 @@ void InitLogging(const std::string& appId, const std::string& /*appDescription*/
   }
 }
 
-Logger& CreateLogger(View contextId, View /*contextDescription*/, LogLevel level) {
+Logger& CreateLogger(View contextId, View contextDescription, LogLevel level) {
   // The id fits into one atomic word, so that a slot is free or taken and nothing in between: a signal
   // handler that asks for the same context in the middle of this has no one to wait for.
   char bytes[kMaxContextIdBytes] = {};
@@ -315,9 +394,11 @@ Logger& CreateLogger(View contextId, View /*contextDescription*/, LogLevel level
   std::uint64_t id = 0;
   std::memcpy(&id, bytes, sizeof id);
 
-  for (Logger& logger : loggers) {
+  for (std::size_t i = 0; i < kMaxLoggers; ++i) {
+    Logger& logger = loggers[i];
     std::uint64_t taken = 0;
     if (logger.contextId_.compare_exchange_strong(taken, id) || taken == id) {
+      KeepDescription(descriptions[i], contextDescription);
       logger.level_.store(level, std::memory_order_relaxed);
       return logger;
     }

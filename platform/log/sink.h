@@ -32,6 +32,7 @@ class Sink {
 
   /// From here on lines are neither written nor counted.
   void Disable() { disabled_.store(true, std::memory_order_relaxed); }
+  bool Disabled() const { return disabled_.load(std::memory_order_relaxed); }
 
  private:
   static bool WaitUntilReady(int descriptor, int* waits);

@@ -5,10 +5,19 @@
 //   loggers COUNT                   loggers "C0", "C1", ..., each with one info record of its own name
 //   open FILE                       opens the file for writing and keeps it open; prints its descriptor
 //   write FD TEXT                   writes the text to the descriptor
-//   fork TEXT                       one info record from a forked child, then one from the parent
+//   fork TEXT                       one info record from a forked child, which exits, then one from the
+//                                   parent
 //   init-under-signals DIRECTORY    logs from a signal handler before, during and after InitLogging with the
-//   file
-//                                   alone; prints how often
+//                                   file alone; prints how often
+//   flood THREADS COUNT             COUNT info records from each of so many threads at once
+//   waits                           prints how often threads of a flood have waited for anything, and their
+//                                   longest record
+//   touch FILE                      makes the file
+//   await FILE                      waits until the file is there
+//   sigpipe                         prints whether the signal has its default action
+//   unblocked                       prints how many threads besides this one take SIGINT
+//   descriptors                     prints the open files, but for the standard streams
+//   exec WORD                       runs the probe with that word in a process forked from this one
 // As the first word, "early" makes a record before any library is initialised.
 #include <fcntl.h>
 #include <sys/time.h>
@@ -16,13 +25,19 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ara/log/logging.h"
+#include "delivery_times.h"
 
 namespace {
 
@@ -79,10 +94,67 @@ void InitUnderSignals(const char* directory) {
 }
 
 void LogFromFork(Logger& logger, const char* text) {
+  (void)std::fflush(nullptr);
   const pid_t child = fork();
+  if (child != 0) waitpid(child, nullptr, 0);
   logger.LogInfo(kHere) << text << (child == 0 ? " child" : " parent");
-  if (child == 0) _exit(0);
+  if (child != 0) return;
+#if __has_feature(address_sanitizer)
+  _exit(0);  // what the stacks of the parent's other threads own has no owner here: it would count as leaked
+#else
+  std::exit(0);
+#endif
+}
+
+log_test::DeliveryTimes floodTimes;
+
+void Flood(Logger& logger, int threads, int records) {
+  std::vector<std::thread> writers;
+  writers.reserve(static_cast<std::size_t>(threads));
+  for (int writer = 0; writer < threads; ++writer) {
+    writers.emplace_back([&logger, writer, records] {
+      floodTimes.Measure(records, [&](int i) { logger.LogInfo(kHere) << "flood " << writer << " " << i; });
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+}
+
+void PrintDescriptors() {
+  for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; ++descriptor) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
+    if (!error) std::printf("%d %s\n", descriptor, target.c_str());
+  }
+}
+
+void ExecProbe(const char* word) {
+  (void)std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    (void)execl("/proc/self/exe", "log_probe", word, nullptr);
+    _exit(127);
+  }
   waitpid(child, nullptr, 0);
+}
+
+bool SigpipeHasDefaultAction() {
+  struct sigaction action{};
+  sigaction(SIGPIPE, nullptr, &action);
+  return action.sa_handler == SIG_DFL;
+}
+
+int OtherThreadsThatTakeSigint() {
+  int count = 0;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (Number(thread.path().filename().c_str()) == getpid()) continue;
+    std::ifstream status(thread.path() / "status");
+    std::string word;
+    while (status >> word && word != "SigBlk:") {
+    }
+    if (!(status >> word)) continue;  // it has just ended
+    count += (std::strtoull(word.c_str(), nullptr, 16) >> (SIGINT - 1) & 1) == 0 ? 1 : 0;
+  }
+  return count;
 }
 
 }  // namespace
@@ -120,6 +192,27 @@ int main(int argc, char** argv) {
       i += 2;
     } else if (word == "fork" && logger != nullptr && left >= 1) {
       LogFromFork(*logger, argv[++i]);
+    } else if (word == "flood" && logger != nullptr && left >= 2) {
+      Flood(*logger, Number(argv[i + 1]), Number(argv[i + 2]));
+      i += 2;
+    } else if (word == "touch" && left >= 1) {
+      std::ofstream(argv[++i]).flush();
+    } else if (word == "await" && left >= 1) {
+      for (++i; !std::filesystem::exists(argv[i]);) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    } else if (word == "waits") {
+      std::printf("waits %ld, longest %ld us, on the processor %ld us\n", floodTimes.waits.load(),
+                  static_cast<long>(floodTimes.longestNs / 1000),
+                  static_cast<long>(floodTimes.longestOnProcessorNs / 1000));
+    } else if (word == "descriptors") {
+      PrintDescriptors();
+    } else if (word == "exec" && left >= 1) {
+      ExecProbe(argv[++i]);
+    } else if (word == "sigpipe") {
+      std::printf("SIGPIPE %s\n", SigpipeHasDefaultAction() ? "default" : "changed");
+    } else if (word == "unblocked") {
+      std::printf("unblocked %d\n", OtherThreadsThatTakeSigint());
     } else if (word == "init-under-signals" && left >= 1) {
       InitUnderSignals(argv[++i]);
     } else {

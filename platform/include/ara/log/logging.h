@@ -23,7 +23,18 @@
 /// longer than about a second; a lost record of the log file is told on standard error, once. A record for a
 /// pipe that nobody reads any more is lost, too; should the reader go at the very moment of the write, the
 /// process gets SIGPIPE, whose disposition is the application's affair. A process forked from one that logs
-/// goes on logging to the same places.
+/// goes on logging to the same places, with standard error in place of the remote sink.
+///
+/// The remote sink sends records to the DLT daemon (Diagnostic Log and Trace, libdlt): application
+/// and context by the first 4 characters of their ids, with their descriptions, the level, the time of the
+/// record, and as arguments the thread id and the text with what follows it, cut at about 1,200 bytes. A
+/// thread of its own forwards them: logging waits neither for the daemon nor for libdlt. 1,024 records find
+/// room while the daemon is slow or not there; more are lost. What the daemon had not read when it died is
+/// lost, too. Lost records are counted, and their number is told on standard error when the process exits:
+/// records that have arrived, with those, are all that were made, but for what the daemon itself took and
+/// lost. The exit waits up to a second for a daemon that is there, and not at all for one that is not. abort
+/// and _exit drop what has not been forwarded. The disposition of SIGPIPE and the signal masks of the
+/// application's threads stay as they are; the threads of libdlt and of the sink handle no signal.
 namespace ara::log {
 
 /// Severity of a record; a smaller number is more severe. kOff is no severity of a record: as a threshold it
@@ -127,10 +138,9 @@ class ARA_LOG_API Logger {
 /// `appId` names the application in every line (its first 16 characters) and the log file
 /// (`directory`/`appId`.log); `directory` is made if missing, an empty one is the working directory. A log
 /// file past 10 MiB is moved to `appId`.log.1 first. The console is standard error. A sink that cannot be
-/// opened costs one line on standard error and is left out; so does the remote sink, which this build does
-/// not have. `appDescription` is for the remote sink. Before this call records go to standard error under
-/// application id
-/// "-". A second call replaces the settings.
+/// opened costs one line on standard error and is left out; so does the remote sink where the build or the
+/// machine has no libdlt. `appDescription` is for the remote sink. Before this call records go to standard
+/// error under application id "-". A second call replaces the settings.
 /// Threads: one caller at a time and no signal handler; other threads and signal handlers may log meanwhile,
 /// each record by the old settings or by the new.
 ARA_LOG_API void InitLogging(const std::string& appId, const std::string& appDescription, LogLevel level,
@@ -138,8 +148,9 @@ ARA_LOG_API void InitLogging(const std::string& appId, const std::string& appDes
 
 /// Returns the logger of context `contextId`, made on first use; its threshold becomes `level` either way. An
 /// id counts up to its 8th character; in it '_' replaces what is not printable ASCII, and an empty one is
-/// "-". Never fails: past 64 contexts the last one is shared. Works before the libraries are initialised.
-/// Threads: any, and signal handlers; allocates nothing and takes no lock.
+/// "-". `contextDescription` is for the remote sink: the first one that was given holds, and its first 127
+/// bytes count. Never fails: past 64 contexts the last one is shared. Works before the libraries are
+/// initialised. Threads: any, and signal handlers; allocates nothing and takes no lock.
 ARA_LOG_API Logger& CreateLogger(ara::core::internal::StringView<char> contextId,
                                  ara::core::internal::StringView<char> contextDescription, LogLevel level);
 

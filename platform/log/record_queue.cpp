@@ -1,0 +1,90 @@
+#include "record_queue.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace ara::log {
+
+namespace {
+
+constexpr std::uint64_t kClosed = std::uint64_t{1} << 63;
+
+void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) {
+  const int error = errno;
+  // Every result is as good: who waits looks again, and who wakes has nothing to add.
+  (void)syscall(SYS_futex, &word, operation, value, nullptr, nullptr, 0);
+  errno = error;
+}
+
+}  // namespace
+
+RecordQueue::RecordQueue(std::size_t capacity) : slots_(capacity), mask_(capacity - 1) {
+  for (std::size_t i = 0; i < capacity; ++i) slots_[i].sequence.store(i, std::memory_order_relaxed);
+}
+
+RemoteRecord* RecordQueue::Claim() {
+  std::uint64_t ticket = tail_.load(std::memory_order_relaxed);
+  for (;;) {
+    // Closing changes the tail, so that no claim can slip in behind it.
+    if ((ticket & kClosed) != 0) return nullptr;
+    Slot& slot = slots_[ticket & mask_];
+    const std::uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
+    if (sequence == ticket) {
+      if (tail_.compare_exchange_weak(ticket, ticket + 1, std::memory_order_relaxed)) return &slot;
+    } else if (sequence < ticket) {
+      return nullptr;
+    } else {
+      ticket = tail_.load(std::memory_order_relaxed);
+    }
+  }
+}
+
+void RecordQueue::Publish(RemoteRecord* record) {
+  auto* const slot = static_cast<Slot*>(record);
+  // In one order with Wait's store and loads: either this sees the consumer asleep, or it sees the record.
+  slot->sequence.store(slot->sequence.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
+  if (sleeping_.load(std::memory_order_seq_cst) != 0) WakeConsumer();
+}
+
+RemoteRecord* RecordQueue::Front() {
+  const std::uint64_t head = head_.load(std::memory_order_relaxed);
+  Slot& slot = slots_[head & mask_];
+  return slot.sequence.load(std::memory_order_seq_cst) == head + 1 ? &slot : nullptr;
+}
+
+void RecordQueue::Pop() {
+  const std::uint64_t head = head_.load(std::memory_order_relaxed);
+  slots_[head & mask_].sequence.store(head + slots_.size(), std::memory_order_release);
+  head_.store(head + 1, std::memory_order_relaxed);
+}
+
+void RecordQueue::Wait() {
+  sleeping_.store(1, std::memory_order_seq_cst);
+  if (Front() == nullptr && !Closed()) Futex(sleeping_, FUTEX_WAIT_PRIVATE, 1);
+  sleeping_.store(0, std::memory_order_seq_cst);
+}
+
+void RecordQueue::WakeConsumer() {
+  // One of the producers that see it asleep wakes it.
+  if (sleeping_.exchange(0) != 0) Futex(sleeping_, FUTEX_WAKE_PRIVATE, 1);
+}
+
+void RecordQueue::Close() {
+  tail_.fetch_or(kClosed, std::memory_order_seq_cst);
+  WakeConsumer();
+}
+
+bool RecordQueue::Closed() const {
+  return (tail_.load(std::memory_order_seq_cst) & kClosed) != 0;
+}
+
+std::uint64_t RecordQueue::Remaining() const {
+  // The head first: it never passes the tail.
+  const std::uint64_t head = head_.load(std::memory_order_acquire);
+  return (tail_.load(std::memory_order_acquire) & ~kClosed) - head;
+}
+
+}  // namespace ara::log

@@ -1,0 +1,182 @@
+#include "daemon.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+std::filesystem::path FindTool(const std::string& name) {
+  const char* const path = std::getenv("PATH");
+  std::istringstream folders(path != nullptr ? path : "/usr/bin");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const std::filesystem::path file = std::filesystem::path(folder) / name;
+    if (access(file.c_str(), X_OK) == 0) return file;
+  }
+  return {};
+}
+
+/// A port that nobody has at the moment; 0 when there is no IPv6.
+int FreePort() {
+  const int descriptor = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  socklen_t length = sizeof address;
+  int port = 0;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (descriptor >= 0 && bind(descriptor, generic, length) == 0 &&
+      getsockname(descriptor, generic, &length) == 0) {
+    port = ntohs(address.sin6_port);
+  }
+  if (descriptor >= 0) close(descriptor);
+  return port;
+}
+
+/// Neither waits for the test to read what it prints.
+Launch Silent(const std::string& tool, const std::filesystem::path& folder) {
+  Launch launch;
+  launch.program = FindTool(tool);
+  launch.directory = folder;
+  launch.standardOutput = Launch::Output::kFull;
+  launch.standardError = false;
+  return launch;
+}
+
+}  // namespace
+
+void WaitUntil(const std::function<bool()>& condition, const std::string& what) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      FAIL() << "waited in vain for " << what;
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+std::string DltDaemon::Missing() {
+#if !STRESS_HAVE_DLT
+  return "the build has no remote sink: libdlt's headers were not found";
+#endif
+  for (const std::string tool : {"dlt-daemon", "dlt-receive", "dlt-convert"}) {
+    if (FindTool(tool).empty()) {
+      return tool +
+             " is not installed (Debian packages dlt-daemon and dlt-tools; ./scripts/setup installs them)";
+    }
+  }
+  return FreePort() == 0 ? "there is no IPv6 loopback, which the daemon needs" : "";
+}
+
+void DltDaemon::Start() {
+  const std::string port = std::to_string(FreePort());
+  const std::string received = "received" + std::to_string(starts_++);
+  std::ofstream(folder_ / "dlt.conf") << "BindAddress = ::1\n"
+                                      << "LoggingMode = 2\n"
+                                      << "LoggingFilename = " << (folder_ / "daemon.log").string() << "\n"
+                                      << "PersistanceStoragePath = " << folder_.string() << "\n"
+                                      << "ControlSocketPath = " << (folder_ / "control").string() << "\n";
+  Launch daemon = Silent("dlt-daemon", folder_);
+  daemon.arguments = {"-t", folder_.string(), "-c", (folder_ / "dlt.conf").string(), "-p", port};
+  daemon_ = std::make_unique<Program>(daemon);
+  WaitUntil([&] { return std::filesystem::is_fifo(folder_ / "dlt"); }, "the daemon's pipe");
+
+  // The daemon listens some time after it has started.
+  WaitUntil(
+      [&] {
+        if (receiver_ == nullptr || !receiver_->Running()) {
+          Launch receiver = Silent("dlt-receive", folder_);
+          receiver.arguments = {"-o", (folder_ / received).string(), "-p", port, "::1"};
+          receiver_ = std::make_unique<Program>(receiver);
+          receiver_->RunFor(std::chrono::milliseconds(100));
+        }
+        return std::filesystem::exists(folder_ / received) &&
+               std::filesystem::file_size(folder_ / received) > 0;
+      },
+      "the receiver's first message");
+}
+
+void DltDaemon::Kill() {
+  receiver_.reset();
+  daemon_.reset();
+}
+
+std::string DltDaemon::Raw() const {
+  std::ostringstream content;
+  for (int i = 0; i < starts_; ++i) {
+    content << std::ifstream(folder_ / ("received" + std::to_string(i)), std::ios::binary).rdbuf();
+  }
+  return content.str();
+}
+
+void DltDaemon::WaitFor(const std::string& text) const {
+  WaitUntil([&] { return Raw().find(text) != std::string::npos; }, text);
+}
+
+std::vector<DltMessage> DltDaemon::Received(const std::string& application) const {
+  // "12 2025/01/31 23:59:59.123456 62430001 003 ECU1 STBM STBM log info V 2 [4711 text]"
+  static const std::regex shape(R"(\d+ \S+ \S+ +\d+ \d+ \S+ (\S+) (\S+) log (\S+) V \d+ \[(\d+) (.*)\] *)");
+  std::vector<DltMessage> messages;
+  for (int i = 0; i < starts_; ++i) {
+    Launch convert;
+    convert.program = FindTool("dlt-convert");
+    convert.arguments = {"-a", (folder_ / ("received" + std::to_string(i))).string()};
+    Program program(convert);
+    for (const std::string& line : program.Wait().OutputLines()) {
+      std::smatch match;
+      if (!std::regex_match(line, match, shape)) continue;
+      DltMessage message{match[1], match[2], match[3], match[4], match[5]};
+      // The protocol's ids have four characters; the tool shows the missing ones as hyphens.
+      for (std::string* id : {&message.application, &message.context}) {
+        id->erase(id->find_last_not_of('-') + 1);
+      }
+      if (message.application == application) messages.push_back(message);
+    }
+  }
+  return messages;
+}
+
+void DltTest::SetUp() {
+  const std::string missing = DltDaemon::Missing();
+  if (!missing.empty()) GTEST_SKIP() << missing;
+}
+
+Launch DltTest::Probe(std::vector<std::string> words) const {
+  Launch launch = With(std::move(words));
+  launch.program = LOG_PROBE;
+  launch.environment["DLT_PIPE_DIR"] = Directory().string();
+  return launch;
+}
+
+Launch DltTest::RemoteProbe(const std::vector<std::string>& words) const {
+  std::vector<std::string> all = {"init", "STBM", "4", "1", "./log", "logger", "STBM", "6"};
+  all.insert(all.end(), words.begin(), words.end());
+  return Probe(all);
+}
+
+void DltTest::WaitForFile(const std::string& name) const {
+  WaitUntil([&] { return Exists(name); }, name);
+}
+
+std::uint64_t ToldLost(const Ending& ending) {
+  static const std::regex shape("ara::log: records lost on the way to the DLT daemon: (\\d+)");
+  std::uint64_t lost = 0;
+  int told = 0;
+  for (const std::string& line : ending.ErrorLines()) {
+    std::smatch match;
+    if (!std::regex_match(line, match, shape)) continue;
+    lost = std::stoull(match[1]);
+    ++told;
+  }
+  EXPECT_LE(told, 1) << ending;
+  return lost;
+}

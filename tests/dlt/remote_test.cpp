@@ -1,0 +1,250 @@
+// Records on their way to a real daemon: there, away, slow, stopped and dying.
+
+#include <chrono>
+#include <csignal>
+#include <map>
+#include <regex>
+
+#include "daemon.h"
+
+namespace {
+
+using Dlt = DltTest;
+
+// Far below the 10 s that libdlt would wait for a daemon at exit, and far above what the sink allows itself.
+constexpr double kPromptSeconds = 5.0;
+
+std::vector<std::string> Texts(const std::vector<DltMessage>& messages) {
+  std::vector<std::string> texts;
+  texts.reserve(messages.size());
+  for (const DltMessage& message : messages) texts.push_back(message.text);
+  return texts;
+}
+
+void ExpectNoWaits(const Ending& ending) {
+  static const std::regex shape("waits (\\d+), longest .*");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(ending.output, match, shape)) << ending;
+  std::cout << match[0] << "\n";
+  EXPECT_LT(std::stol(match[1]), 100) << "page faults may wait a little";
+}
+
+constexpr char kUnregistered[] = "Unregistered ApID 'STBM'";
+
+TEST_F(Dlt, RecordsArriveWithApplicationContextLevelThreadAndText) {
+  daemon_.Start();
+  Program probe(Probe({"init", "STBM", "6", "1", "./log", "logger", "STBM", "6", "error", "e\n1", "warn", "w",
+                       "debug", "d 2", "logger", "QET", "6", "info", "[i]"}));
+  EXPECT_THAT(probe.Wait(), Exited(0));
+  EXPECT_EQ(probe.Wait().output, "");
+  EXPECT_EQ(probe.Wait().error, "");
+  EXPECT_FALSE(Exists("log"));
+  daemon_.WaitFor(kUnregistered);
+
+  const std::vector<DltMessage> messages = daemon_.Received();
+  ASSERT_THAT(messages, SizeIs(4));
+  const std::string place = " (tests/log/log_probe.cpp:7 Probe)";
+  EXPECT_THAT(Texts(messages), ElementsAre("e\\n1" + place, "w" + place, "d 2" + place, "[i]" + place));
+  const char* const levels[] = {"error", "warn", "debug", "info"};
+  const char* const contexts[] = {"STBM", "STBM", "STBM", "QET"};
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    EXPECT_EQ(messages[i].level, levels[i]);
+    EXPECT_EQ(messages[i].context, contexts[i]);
+    EXPECT_EQ(messages[i].threadId, std::to_string(probe.Id()));
+  }
+  EXPECT_THAT(daemon_.Raw(), HasSubstr("Description=probe"));
+}
+
+TEST_F(Dlt, TheThresholdsHoldAndTheOtherSinksGoOn) {
+  daemon_.Start();
+  const Ending ending = Run(Probe({"init", "STBM", "3", "7", "./log", "logger", "STBM", "6", "error", "e",
+                                   "warn", "w", "info", "i", "debug", "d"}));
+  EXPECT_THAT(ending, Exited(0));
+  daemon_.WaitFor(kUnregistered);
+  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("e", "w"));
+  EXPECT_THAT(SplitLines(Read("log/STBM.log")), SizeIs(2));
+  EXPECT_THAT(ending.ErrorLines(), SizeIs(2));
+}
+
+TEST_F(Dlt, ALongTextIsCutAndMarked) {
+  daemon_.Start();
+  EXPECT_THAT(Run(RemoteProbe({"info", std::string(3000, 'x'), "info", "short"})), Exited(0));
+  daemon_.WaitFor(kUnregistered);
+  const std::vector<std::string> texts = Texts(daemon_.Received());
+  ASSERT_THAT(texts, SizeIs(2));
+  EXPECT_TRUE(std::regex_match(texts[0], std::regex("x{1200,} \\[cut\\]"))) << texts[0];
+  EXPECT_EQ(texts[1], "short");
+}
+
+TEST_F(Dlt, AnotherApplicationIsRegisteredAnew) {
+  daemon_.Start();
+  Program probe(
+      RemoteProbe({"info", "one", "await", "go", "init", "OTHR", "4", "1", "./log", "info", "two"}));
+  daemon_.WaitFor("one");
+  Release("go");
+  EXPECT_THAT(probe.Wait(), Exited(0));
+  daemon_.WaitFor("Unregistered ApID 'OTHR'");
+  EXPECT_THAT(Texts(daemon_.Received("STBM")), ElementsAre("one"));
+  ASSERT_THAT(Texts(daemon_.Received("OTHR")), ElementsAre("two"));
+  EXPECT_EQ(daemon_.Received("OTHR")[0].context, "STBM");
+}
+
+TEST_F(Dlt, StandardOutputStaysTheApplications) {
+  daemon_.Start();
+  Launch launch = RemoteProbe({"info", "text"});
+  launch.environment["DLT_LOG_MODE"] = "0";
+  launch.environment["DLT_LOG_LEVEL"] = "7";
+  for (const std::string mode : {"FORCE_ON", "AUTOMATIC"}) {
+    launch.environment["DLT_LOCAL_PRINT_MODE"] = mode;
+    EXPECT_EQ(Run(launch).output, "");
+  }
+  daemon_.Kill();
+  EXPECT_EQ(Run(launch).output, "");
+}
+
+// The number of standard error is another file's then, and libdlt has something to say: there is no daemon.
+TEST_F(Dlt, WithoutStandardErrorNoOtherFileGetsTheMessages) {
+  Launch launch =
+      Probe({"open", "mine", "init", "STBM", "4", "1", "./log", "logger", "STBM", "6", "info", "i"});
+  launch.standardError = false;
+  const Ending ending = Run(launch);
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.output, "2\n") << "the file should have taken the place of standard error";
+  EXPECT_TRUE(Exists("mine"));
+  EXPECT_EQ(Read("mine"), "");
+}
+
+TEST_F(Dlt, NoSignalIsHandledInTheThreadsOfTheRemoteSink) {
+  daemon_.Start();
+  const Ending ending = Run(RemoteProbe({"info", "text", "unblocked"}));
+  EXPECT_EQ(ending.output, "unblocked 0\n") << ending;
+}
+
+TEST_F(Dlt, AFloodArrivesOrIsCounted) {
+  constexpr std::uint64_t kThreads = 10;
+  constexpr std::uint64_t kRecords = 10000;
+  daemon_.Start();
+  const Ending ending =
+      Run(RemoteProbe({"flood", std::to_string(kThreads), std::to_string(kRecords), "waits"}));
+  EXPECT_THAT(ending, Exited(0));
+  ExpectNoWaits(ending);
+  daemon_.WaitFor(kUnregistered);
+
+  const std::vector<DltMessage> messages = daemon_.Received();
+  const std::uint64_t lost = ToldLost(ending);
+  std::cout << messages.size() << " arrived, " << lost << " were counted as lost\n";
+  EXPECT_EQ(messages.size() + lost, kThreads * kRecords);
+  static const std::regex shape(R"(flood (\d+) (\d+)(?: \[(\d+) lost before\])?)");
+  std::map<int, int> last;
+  std::uint64_t marked = 0;
+  for (const DltMessage& message : messages) {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(message.text, match, shape)) << message.text;
+    const auto [entry, isFirst] = last.try_emplace(std::stoi(match[1]), -1);
+    EXPECT_GT(std::stoi(match[2]), entry->second) << "in order, and none twice";
+    entry->second = std::stoi(match[2]);
+    if (match[3].matched) marked += std::stoull(match[3]);
+  }
+  EXPECT_LE(marked, lost);
+  EXPECT_TRUE(lost == 0 || marked > 0 || messages.size() <= 1024) << "a loss before a record is told with it";
+}
+
+TEST_F(Dlt, WithoutADaemonNothingWaitsAndEachRecordIsCounted) {
+  const Ending ending = Run(RemoteProbe({"flood", "10", "10000", "waits", "sigpipe"}));
+  EXPECT_THAT(ending, Exited(0));
+  ExpectNoWaits(ending);
+  EXPECT_THAT(ending.output, HasSubstr("SIGPIPE default\n"));
+  EXPECT_EQ(ToldLost(ending), 100000U) << ending;
+  EXPECT_LT(ending.seconds, kSanitized ? 2 * kPromptSeconds : kPromptSeconds);
+}
+
+TEST_F(Dlt, ADaemonThatStartsLaterGetsWhatHasWaited) {
+  Program probe(RemoteProbe({"info", "early", "touch", "logged", "await", "go", "info", "late"}));
+  WaitForFile("logged");
+  daemon_.Start();
+  daemon_.WaitFor("early");
+  Release("go");
+  EXPECT_THAT(probe.Wait(), Exited(0));
+  daemon_.WaitFor(kUnregistered);
+  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("early", "late"));
+  EXPECT_EQ(ToldLost(probe.Wait()), 0U);
+}
+
+TEST_F(Dlt, AStoppedDaemonHoldsUpNoThreadAndTheExitNotForLong) {
+  daemon_.Start();
+  daemon_.Signal(SIGSTOP);
+  const Ending ending = Run(RemoteProbe({"flood", "10", "10000", "waits"}));
+  EXPECT_THAT(ending, Exited(0));
+  ExpectNoWaits(ending);
+  EXPECT_LT(ending.seconds, kSanitized ? 2 * kPromptSeconds : kPromptSeconds);
+  const std::uint64_t lost = ToldLost(ending);
+  EXPECT_GT(lost, 0U);
+  // What the pipe has taken is the daemon's, who gets it when it goes on. Its own next record is the sign
+  // that it has.
+  daemon_.Signal(SIGCONT);
+  EXPECT_THAT(Run(RemoteProbe({"info", "the sign"})), Exited(0));
+  daemon_.WaitFor("the sign");
+  EXPECT_EQ(daemon_.Received().size() - 1 + lost, 100000U);
+}
+
+TEST_F(Dlt, WhatADyingDaemonHasNotReadIsCounted) {
+  daemon_.Start();
+  Program probe(RemoteProbe({"info", "before", "await", "stopped", "flood", "1", "300", "touch", "flooded",
+                             "await", "killed", "sigpipe"}));
+  daemon_.WaitFor("before");
+  daemon_.Signal(SIGSTOP);
+  Release("stopped");
+  WaitForFile("flooded");
+  daemon_.Kill();
+  Release("killed");
+  const Ending& ending = probe.Wait();
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.output, "SIGPIPE default\n");
+  EXPECT_EQ(ToldLost(ending), 300U) << ending;
+  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("before"));
+}
+
+TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
+  daemon_.Start();
+  Program probe(
+      RemoteProbe({"info", "before", "await", "stopped", "flood", "1", "300", "touch", "flooded", "await",
+                   "killed", "info", "next", "await", "again", "info", "after", "sigpipe"}));
+  daemon_.WaitFor("before");
+  daemon_.Signal(SIGSTOP);
+  Release("stopped");
+  WaitForFile("flooded");
+  daemon_.Kill();
+  Release("killed");
+  daemon_.Start();
+  daemon_.WaitFor("next");
+  Release("again");
+  const Ending& ending = probe.Wait();
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.output, "SIGPIPE default\n");
+  EXPECT_EQ(ToldLost(ending), 300U) << ending;
+  daemon_.WaitFor(kUnregistered);
+  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("before", "next", "after [300 lost before]"));
+}
+
+TEST_F(Dlt, AProgramThatIsStartedInTurnGetsNoDescriptor) {
+  daemon_.Start();
+  const Ending alone = Run(Probe({"descriptors"}));
+  Program probe(RemoteProbe({"info", "first", "info", "second", "await", "go", "exec", "descriptors"}));
+  // The first one has been seen through when the second one comes, so that every descriptor is open.
+  daemon_.WaitFor("second");
+  Release("go");
+  EXPECT_THAT(probe.Wait(), Exited(0));
+  EXPECT_EQ(probe.Wait().output, alone.output);
+}
+
+TEST_F(Dlt, AForkedProcessLogsToStandardError) {
+  daemon_.Start();
+  const Ending ending = Run(RemoteProbe({"fork", "from"}));
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(ending.ErrorLines(), ElementsAre(HasSubstr(" INFO STBM STBM ")));
+  EXPECT_THAT(ending.error, HasSubstr("from child"));
+  daemon_.WaitFor(kUnregistered);
+  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("from parent"));
+}
+
+}  // namespace

@@ -1,0 +1,152 @@
+#include "record_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "allocation_count.h"
+
+namespace ara::log {
+namespace {
+
+void Put(RecordQueue& queue, std::uint32_t number) {
+  RemoteRecord* const record = queue.Claim();
+  ASSERT_NE(record, nullptr);
+  record->uptime = number;
+  queue.Publish(record);
+}
+
+/// Takes the oldest record and returns its number, or -1 when there is none.
+int Take(RecordQueue& queue) {
+  const RemoteRecord* const record = queue.Front();
+  if (record == nullptr) return -1;
+  const int number = static_cast<int>(record->uptime);
+  queue.Pop();
+  return number;
+}
+
+TEST(RecordQueue, KeepsTheOrderOverManyRounds) {
+  RecordQueue queue(4);
+  EXPECT_EQ(Take(queue), -1);
+  for (std::uint32_t i = 0; i < 100; i += 3) {
+    for (std::uint32_t k = 0; k < 3; ++k) Put(queue, i + k);
+    for (std::uint32_t k = 0; k < 3; ++k) EXPECT_EQ(Take(queue), static_cast<int>(i + k));
+    EXPECT_EQ(Take(queue), -1);
+  }
+}
+
+TEST(RecordQueue, TakesNothingWhenItIsFull) {
+  RecordQueue queue(4);
+  for (std::uint32_t i = 0; i < 4; ++i) Put(queue, i);
+  EXPECT_EQ(queue.Claim(), nullptr);
+  EXPECT_EQ(queue.Remaining(), 4U);
+  EXPECT_EQ(Take(queue), 0);
+  Put(queue, 4);
+  EXPECT_EQ(queue.Claim(), nullptr);
+  for (int i = 1; i <= 4; ++i) EXPECT_EQ(Take(queue), i);
+}
+
+// A producer that is interrupted between the two, by a signal handler that is a producer, too.
+TEST(RecordQueue, AClaimThatIsNotPublishedHoldsBackTheConsumerAlone) {
+  RecordQueue queue(4);
+  RemoteRecord* const interrupted = queue.Claim();
+  ASSERT_NE(interrupted, nullptr);
+  for (std::uint32_t i = 1; i < 4; ++i) Put(queue, i);
+  EXPECT_EQ(queue.Claim(), nullptr) << "full, and no waiting";
+  EXPECT_EQ(queue.Front(), nullptr);
+  interrupted->uptime = 0;
+  queue.Publish(interrupted);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Take(queue), i);
+}
+
+TEST(RecordQueue, ClosedItTakesNothingAndKeepsWhatItHas) {
+  RecordQueue queue(4);
+  Put(queue, 0);
+  RemoteRecord* const claimed = queue.Claim();
+  EXPECT_FALSE(queue.Closed());
+  queue.Close();
+  EXPECT_TRUE(queue.Closed());
+  EXPECT_EQ(queue.Claim(), nullptr);
+  EXPECT_EQ(queue.Remaining(), 2U);
+  EXPECT_EQ(Take(queue), 0);
+  EXPECT_EQ(Take(queue), -1);
+  EXPECT_EQ(queue.Remaining(), 1U) << "a claim counts before it is published";
+  claimed->uptime = 1;
+  queue.Publish(claimed);
+  EXPECT_EQ(Take(queue), 1);
+  EXPECT_EQ(queue.Remaining(), 0U);
+  queue.Wait();  // does not wait any more
+}
+
+TEST(RecordQueue, AllocatesNothingAfterItsStart) {
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer has the allocator to itself";
+  RecordQueue queue(4);
+  const long before = log_test::AllocationsOfThisThread();
+  for (std::uint32_t i = 0; i < 20; ++i) {
+    Put(queue, i);
+    Take(queue);
+  }
+  EXPECT_EQ(log_test::AllocationsOfThisThread(), before);
+}
+
+// Each record alone, so that the consumer is asleep, or about to be, nearly every time.
+TEST(RecordQueue, WakesTheConsumerForEachRecord) {
+  constexpr std::uint32_t kRecords = 20000;
+  RecordQueue queue(2);
+  std::atomic<std::uint32_t> taken{0};
+  std::thread consumer([&] {
+    while (taken < kRecords) {
+      if (Take(queue) >= 0) {
+        ++taken;
+      } else {
+        queue.Wait();
+      }
+    }
+  });
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    Put(queue, i);
+    while (taken <= i) std::this_thread::yield();
+  }
+  consumer.join();
+}
+
+TEST(RecordQueue, LosesAndDoublesNothingBetweenManyProducers) {
+  constexpr std::uint32_t kProducers = 4;
+  constexpr std::uint32_t kRecords = 20000;
+  RecordQueue queue(8);
+  std::vector<std::thread> producers;
+  producers.reserve(kProducers);
+  for (std::uint32_t producer = 0; producer < kProducers; ++producer) {
+    producers.emplace_back([&queue, producer] {
+      for (std::uint32_t i = 0; i < kRecords;) {
+        RemoteRecord* const record = queue.Claim();
+        if (record == nullptr) {
+          std::this_thread::yield();
+          continue;
+        }
+        record->header.context = producer;
+        record->uptime = i++;
+        queue.Publish(record);
+      }
+    });
+  }
+  std::vector<std::uint32_t> next(kProducers, 0);
+  for (std::uint32_t taken = 0; taken < kProducers * kRecords;) {
+    const RemoteRecord* const record = queue.Front();
+    if (record == nullptr) {
+      queue.Wait();
+      continue;
+    }
+    EXPECT_EQ(record->uptime, next[record->header.context]++);
+    queue.Pop();
+    ++taken;
+  }
+  for (std::thread& producer : producers) producer.join();
+  EXPECT_EQ(queue.Remaining(), 0U);
+  EXPECT_EQ(next, std::vector<std::uint32_t>(kProducers, kRecords));
+}
+
+}  // namespace
+}  // namespace ara::log

@@ -1,0 +1,401 @@
+#include "remote_sink.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <iostream>
+#include <thread>
+#include <vector>
+
+#include "allocation_count.h"
+#include "delivery_times.h"
+
+namespace ara::log {
+namespace {
+
+using State = RemotePort::State;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+
+/// What the port was asked and what it answers; outlives the sink, which is never destroyed in the product.
+struct Receiver {
+  std::atomic<State> state{State::kIdle};
+  std::atomic<bool> refuses{false};
+  std::atomic<bool> hangs{false};
+  std::atomic<int> refused{0};
+  std::atomic<std::uint64_t> leftBehind{0};
+  std::atomic<std::uint64_t> leftBehindAtEnd{0};
+  std::atomic<int> settled{0};
+  const char* failure = nullptr;
+
+  std::mutex mutex;
+  std::vector<RemoteRecord> records;  ///< as they were sent
+  std::vector<std::string> texts;
+  std::vector<std::string> calls;
+  sigset_t blocked{};
+
+  void Note(const std::string& call) {
+    const std::lock_guard lock(mutex);
+    calls.push_back(call);
+  }
+  std::vector<std::string> Texts() {
+    const std::lock_guard lock(mutex);
+    return texts;
+  }
+  /// Waits until so many records have been sent.
+  void WaitFor(std::size_t count) {
+    while (Texts().size() < count) std::this_thread::yield();
+  }
+  void WaitForCall(const std::string& call) {
+    for (bool called = false; !called; std::this_thread::yield()) {
+      const std::lock_guard lock(mutex);
+      called = std::find(calls.begin(), calls.end(), call) != calls.end();
+    }
+  }
+  /// Waits until the sink has asked again what became of the last record.
+  void WaitUntilSettledAgain() {
+    const int before = settled;
+    while (settled < before + 2) std::this_thread::yield();
+  }
+};
+
+class FakePort : public RemotePort {
+ public:
+  explicit FakePort(Receiver& receiver) : receiver_(receiver) {}
+  const char* Open() override {
+    pthread_sigmask(SIG_SETMASK, nullptr, &receiver_.blocked);
+    receiver_.Note("open");
+    return receiver_.failure;
+  }
+  void SetApplication(const std::string& id, const std::string& description) override {
+    receiver_.Note("application " + id + " " + description);
+  }
+  bool Send(const RemoteRecord& record) override {
+    while (receiver_.hangs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (receiver_.refuses) {
+      ++receiver_.refused;
+      return false;
+    }
+    const std::lock_guard lock(receiver_.mutex);
+    receiver_.records.push_back(record);
+    receiver_.texts.emplace_back(record.text, record.textLength);
+    return true;
+  }
+  State Settle() override {
+    ++receiver_.settled;
+    return receiver_.state;
+  }
+  std::uint64_t TakeLeftBehind() override { return receiver_.leftBehind.exchange(0); }
+  void Close() override {
+    receiver_.Note("close");
+    receiver_.leftBehind += receiver_.leftBehindAtEnd;
+  }
+
+ private:
+  Receiver& receiver_;
+};
+
+class Remote : public testing::Test {
+ protected:
+  void Start(std::size_t capacity = 64) {
+    sink_ = std::make_unique<RemoteSink>(std::make_unique<FakePort>(receiver_), capacity);
+    sink_->SetApplication("STBM", "a test");
+    ASSERT_EQ(sink_->Start(), "");
+  }
+  bool Deliver(const std::string& text, std::uint32_t context = 0) {
+    RemoteHeader header;
+    header.context = context;
+    return sink_->Deliver(header, FixedText::View(text.data(), text.size()));
+  }
+
+  Receiver receiver_;
+  std::unique_ptr<RemoteSink> sink_;
+};
+
+TEST_F(Remote, ForwardsEachRecordAsItWasMade) {
+  Start();
+  RemoteHeader header;
+  header.contextId = 0x51;
+  header.contextDescription = "described";
+  header.context = 5;
+  header.threadId = 4711;
+  header.level = LogLevel::kWarn;
+  std::timespec before{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &before);
+  EXPECT_TRUE(sink_->Deliver(header, "one"));
+  EXPECT_TRUE(Deliver("two"));
+  EXPECT_EQ(sink_->Stop(), 0U);
+  EXPECT_THAT(receiver_.texts, ElementsAre("one", "two"));
+  const RemoteRecord& record = receiver_.records[0];
+  EXPECT_EQ(record.header.contextId, 0x51U);
+  EXPECT_STREQ(record.header.contextDescription, "described");
+  EXPECT_EQ(record.header.context, 5U);
+  EXPECT_EQ(record.header.threadId, 4711U);
+  EXPECT_EQ(record.header.level, LogLevel::kWarn);
+  const auto earliest = static_cast<std::uint32_t>(before.tv_sec * 10000 + before.tv_nsec / 100000);
+  EXPECT_GE(record.uptime, earliest);
+  EXPECT_LT(record.uptime, earliest + 10 * 60 * 10000U);
+  EXPECT_THAT(receiver_.calls, ElementsAre("open", "application STBM a test", "close"));
+}
+
+TEST_F(Remote, CutsAndMarksALongText) {
+  Start();
+  EXPECT_TRUE(Deliver(std::string(5000, 'x')));
+  EXPECT_TRUE(Deliver(std::string(1200, 'y')));
+  EXPECT_EQ(sink_->Stop(), 0U);
+  ASSERT_EQ(receiver_.texts.size(), 2U);
+  EXPECT_THAT(receiver_.texts[0], EndsWith("xx [cut]"));
+  EXPECT_LE(receiver_.texts[0].size(), RemoteRecord::kTextCapacity);
+  EXPECT_EQ(receiver_.texts[1], std::string(1200, 'y'));
+}
+
+TEST_F(Remote, CountsAndMarksWhatFindsTheQueueFull) {
+  Start(4);
+  receiver_.state = State::kBusy;
+  Deliver("0");
+  receiver_.WaitFor(1);
+  // The first one keeps its place until it is settled.
+  for (int i = 1; i < 10; ++i) EXPECT_TRUE(Deliver(std::to_string(i)));
+  receiver_.state = State::kIdle;
+  receiver_.WaitFor(4);
+  Deliver("after");
+  EXPECT_EQ(sink_->Stop(), 6U);
+  EXPECT_THAT(receiver_.texts, ElementsAre("0", "1", "2", "3", "after [6 lost before]"));
+}
+
+TEST_F(Remote, CountsAndMarksWhatThePortRefuses) {
+  Start();
+  receiver_.refuses = true;
+  Deliver("lost");
+  Deliver("lost");
+  while (receiver_.refused < 2) std::this_thread::yield();
+  receiver_.refuses = false;
+  Deliver("short");
+  receiver_.WaitFor(1);
+  receiver_.refuses = true;
+  Deliver("lost");
+  while (receiver_.refused < 3) std::this_thread::yield();
+  receiver_.refuses = false;
+  Deliver(std::string(5000, 'x'));
+  EXPECT_EQ(sink_->Stop(), 3U);
+  ASSERT_EQ(receiver_.texts.size(), 2U);
+  EXPECT_EQ(receiver_.texts[0], "short [2 lost before]");
+  EXPECT_THAT(receiver_.texts[1], EndsWith("xx [cut] [1 lost before]"));
+  EXPECT_LE(receiver_.texts[1].size(), RemoteRecord::kTextCapacity);
+}
+
+TEST_F(Remote, CountsAndMarksWhatTheReceiverLeftBehind) {
+  Start();
+  receiver_.leftBehind = 3;
+  Deliver("first");
+  Deliver("second");
+  Deliver("third");
+  EXPECT_EQ(sink_->Stop(), 3U);
+  EXPECT_THAT(receiver_.texts, ElementsAre("first", "second [3 lost before]", "third"));
+}
+
+TEST_F(Remote, CountsWhatTurnsOutToBeLeftBehindAtTheEnd) {
+  Start();
+  Deliver("one");
+  receiver_.leftBehindAtEnd = 2;
+  EXPECT_EQ(sink_->Stop(), 2U);
+}
+
+TEST_F(Remote, WaitsForAReceiverThatIsNotThereYet) {
+  Start();
+  receiver_.state = State::kAway;
+  Deliver("one");
+  Deliver("two");
+  receiver_.WaitFor(1);
+  receiver_.WaitUntilSettledAgain();
+  EXPECT_THAT(receiver_.Texts(), ElementsAre("one")) << "the second one keeps its place";
+  receiver_.state = State::kIdle;
+  receiver_.WaitFor(2);
+  EXPECT_EQ(sink_->Stop(), 0U);
+}
+
+TEST_F(Remote, TheStopCountsWhatAnAbsentReceiverDoesNotGet) {
+  Start();
+  receiver_.state = State::kAway;
+  for (int i = 0; i < 10; ++i) Deliver("lost");
+  EXPECT_EQ(sink_->Stop(), 10U);
+  EXPECT_LE(receiver_.texts.size(), 1U);
+  EXPECT_EQ(receiver_.calls.back(), "close");
+}
+
+TEST_F(Remote, TheStopGivesUpOnAReceiverThatTakesNothing) {
+  Start();
+  receiver_.state = State::kBusy;
+  for (int i = 0; i < 10; ++i) Deliver("lost");
+  EXPECT_EQ(sink_->Stop(), 10U);
+  EXPECT_EQ(receiver_.calls.back(), "close");
+}
+
+TEST_F(Remote, APortThatHangsHoldsUpNoThread) {
+  constexpr std::size_t kThreads = 10;
+  constexpr int kRecords = 10000;
+  Start(RemoteSink::kCapacity);
+  receiver_.hangs = true;
+  log_test::DeliveryTimes times;
+  std::vector<std::thread> writers;
+  writers.reserve(kThreads);
+  for (std::size_t writer = 0; writer < kThreads; ++writer) {
+    writers.emplace_back([&] { times.Measure(kRecords, [this](int /*number*/) { Deliver("text"); }); });
+  }
+  for (std::thread& writer : writers) writer.join();
+  const std::uint64_t lost = sink_->Stop();
+  std::cout << kThreads * kRecords << " deliveries: waits " << times.waits << ", longest "
+            << times.longestNs / 1000 << " us, on the processor " << times.longestOnProcessorNs / 1000
+            << " us\n";
+  EXPECT_EQ(lost, kThreads * kRecords);
+  EXPECT_LT(times.waits, 100) << "page faults may wait a little";
+  EXPECT_THAT(receiver_.texts, IsEmpty());
+  receiver_.hangs = false;
+  receiver_.WaitForCall("close");
+  sink_->Stop();
+  EXPECT_LE(receiver_.texts.size(), 1U) << "what was counted as lost stays lost, but for the one in the port";
+}
+
+TEST_F(Remote, TheStopForwardsWhatIsQueued) {
+  Start(1024);
+  for (int i = 0; i < 1000; ++i) Deliver(std::to_string(i));
+  EXPECT_EQ(sink_->Stop(), 0U);
+  ASSERT_EQ(receiver_.texts.size(), 1000U);
+  EXPECT_EQ(receiver_.texts.back(), "999");
+}
+
+TEST_F(Remote, TakesNothingAfterTheStop) {
+  Start();
+  sink_->Stop();
+  EXPECT_FALSE(Deliver("late"));
+  EXPECT_THAT(receiver_.texts, IsEmpty());
+}
+
+TEST_F(Remote, AbandonedInAForkedProcessItTakesNothingAndIsNotWaitedFor) {
+  Start();
+  receiver_.state = State::kBusy;
+  Deliver("one");
+  receiver_.WaitFor(1);
+  const pid_t child = fork();
+  if (child == 0) {
+    sink_->Abandon();
+    sink_->SetApplication("OTHR", "");
+    _exit(!Deliver("late") && sink_->Stop() == 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  receiver_.state = State::kIdle;
+  EXPECT_TRUE(Deliver("two"));
+  EXPECT_EQ(sink_->Stop(), 0U);
+  EXPECT_THAT(receiver_.texts, ElementsAre("one", "two"));
+}
+
+TEST_F(Remote, BlocksAllSignalsInTheForwardingThreadAlone) {
+  sigset_t before;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  Start();
+  sigset_t after;
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  sink_->Stop();
+  for (const int signal : {SIGINT, SIGPIPE, SIGALRM, SIGUSR1, SIGTERM}) {
+    EXPECT_EQ(sigismember(&receiver_.blocked, signal), 1) << signal;
+    EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+  }
+}
+
+TEST_F(Remote, AnotherApplicationHoldsForTheRecordsThatFollow) {
+  Start();
+  Deliver("one");
+  receiver_.WaitFor(1);
+  sink_->SetApplication("STBM", "a test");
+  sink_->SetApplication("OTHR", "another");
+  Deliver("two");
+  sink_->Stop();
+  EXPECT_THAT(receiver_.calls,
+              ElementsAre("open", "application STBM a test", "application OTHR another", "close"));
+}
+
+TEST_F(Remote, SaysWhyThePortCannotBeOpened) {
+  receiver_.failure = "no way";
+  RemoteSink sink(std::make_unique<FakePort>(receiver_));
+  EXPECT_EQ(sink.Start(), "no way");
+  EXPECT_THAT(receiver_.calls, ElementsAre("open"));
+}
+
+TEST_F(Remote, DeliversWithoutAnAllocation) {
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer has the allocator to itself";
+  Start(2);
+  receiver_.state = State::kBusy;
+  const std::string text = "text";
+  const FixedText::View view(text.data(), text.size());
+  const long before = log_test::AllocationsOfThisThread();
+  for (int i = 0; i < 10; ++i) sink_->Deliver({}, view);
+  EXPECT_EQ(log_test::AllocationsOfThisThread(), before);
+  sink_->Stop();
+}
+
+RemoteSink* handlerSink = nullptr;
+std::atomic<int> handled{0};
+
+void OnSignal(int /*signal*/) {
+  RemoteHeader header;
+  header.context = 99;
+  handlerSink->Deliver(header, "signal");
+  ++handled;
+}
+
+// The queue is small, so that it is full, empty and wrapped around all the time.
+TEST_F(Remote, UnderSignalsEveryRecordArrivesOnceOrIsCounted) {
+  constexpr std::uint32_t kWriters = 4;
+  constexpr int kRecords = 20000;
+  Start(16);
+  handlerSink = sink_.get();
+  handled = 0;
+  struct sigaction action{};
+  struct sigaction old{};
+  action.sa_handler = OnSignal;
+  ASSERT_EQ(sigaction(SIGALRM, &action, &old), 0);
+  const itimerval period{{0, 100}, {0, 100}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &period, nullptr), 0);
+  std::vector<std::thread> writers;
+  writers.reserve(kWriters);
+  for (std::uint32_t writer = 0; writer < kWriters; ++writer) {
+    writers.emplace_back([this, writer] {
+      for (int i = 0; i < kRecords; ++i) Deliver(std::to_string(i), writer);
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  const itimerval off{};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &off, nullptr), 0);
+  ASSERT_EQ(sigaction(SIGALRM, &old, nullptr), 0);
+  const std::uint64_t lost = sink_->Stop();
+
+  EXPECT_GT(handled, 0);
+  EXPECT_EQ(receiver_.records.size() + lost,
+            std::uint64_t{kWriters} * kRecords + static_cast<std::uint64_t>(handled));
+  std::vector<int> last(kWriters, -1);
+  std::uint64_t marked = 0;
+  for (std::size_t i = 0; i < receiver_.records.size(); ++i) {
+    marked += receiver_.records[i].lostBefore;
+    const std::uint32_t writer = receiver_.records[i].header.context;
+    if (writer == 99) continue;
+    const int number = std::stoi(receiver_.texts[i]);
+    EXPECT_GT(number, last[writer]) << "in order, and none twice";
+    last[writer] = number;
+  }
+  EXPECT_LE(marked, lost);
+}
+
+}  // namespace
+}  // namespace ara::log
