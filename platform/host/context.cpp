@@ -5,6 +5,7 @@
 
 #include "diagnostics.h"
 #include "ormis/qet_context.h"
+#include "ormis/qet_host.h"
 #include "state.h"
 
 namespace Ormis {
@@ -169,6 +170,10 @@ std::int32_t QetDestroyContext(QetContext& context) {
     context = QetContext{};
     return kQetOk;
   });
+}
+
+std::uint32_t QetHostVersion() {
+  return 1;
 }
 
 }  // namespace Ormis

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "stream_copy.h"
+
 int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
   if (destination == nullptr) return EINVAL;
   if (destinationMax > kMemcpySMax) return ERANGE;
@@ -21,6 +23,7 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
     std::memset(destination, 0, destinationMax);
     return error;
   }
-  std::memcpy(destination, source, count);
+  // Large copies are there to load memory: see stream_copy.h.
+  Ormis::host::CopyToMemory(destination, source, count);
   return 0;
 }

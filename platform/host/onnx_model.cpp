@@ -1,5 +1,6 @@
 #include "onnx_model.h"
 
+#include <malloc.h>
 #include <onnxruntime_c_api.h>
 #include <sys/stat.h>
 
@@ -302,6 +303,11 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
     return {kQetModelUnreadable, "cannot load model " + path + ": " + Text(status)};
   }
   state->session.reset(session);
+#ifdef __GLIBC__
+  // What loading took for a while and freed, more than the weights: the C library would keep it with this
+  // thread.
+  (void)malloc_trim(0);
+#endif
 
   std::size_t count = 0;
   Must(Api().SessionGetInputCount(session, &count));

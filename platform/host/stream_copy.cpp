@@ -1,0 +1,123 @@
+#include "stream_copy.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace Ormis::host {
+
+namespace {
+
+constexpr std::size_t kLineBytes = 64;
+constexpr std::size_t kPageBytes = 4096;
+constexpr std::size_t kPages = 4;
+
+void CopyByLibrary(void* destination, const void* source, std::size_t bytes) {
+  std::memcpy(destination, source, bytes);
+}
+
+/// One cache line, whole, so that the processor hands it to memory in one piece instead of reading it first.
+template <typename Vector>
+[[gnu::always_inline]] inline void CopyLine(unsigned char* to, const unsigned char* from) {
+  constexpr std::size_t kVectors = kLineBytes / sizeof(Vector);
+  Vector line[kVectors];
+  std::memcpy(line, from, kLineBytes);
+  for (std::size_t i = 0; i < kVectors; ++i) {
+    __builtin_nontemporal_store(line[i], reinterpret_cast<Vector*>(to) + i);
+  }
+}
+
+/// The loop of all widths, inlined into functions that may use Vector's instructions.
+template <typename Vector>
+[[gnu::always_inline]] inline void CopyLines(void* destination, const void* source, std::size_t bytes) {
+  auto* to = static_cast<unsigned char*>(destination);
+  const auto* from = static_cast<const unsigned char*>(source);
+  const std::size_t head = (kLineBytes - reinterpret_cast<std::uintptr_t>(to) % kLineBytes) % kLineBytes;
+  if (bytes < head + kLineBytes) {
+    std::memcpy(to, from, bytes);
+    return;
+  }
+  std::memcpy(to, from, head);
+  to += head;
+  from += head;
+  bytes -= head;
+
+  // Several pages side by side: prefetchers stop at a page's end, and memory has more than one row open. From
+  // memory this is a quarter to a half faster than one page after the other, from the cache the same.
+  for (; bytes >= kPages * kPageBytes; bytes -= kPages * kPageBytes) {
+    for (std::size_t offset = 0; offset < kPageBytes; offset += kLineBytes) {
+      for (std::size_t page = 0; page < kPages; ++page) {
+        CopyLine<Vector>(to + page * kPageBytes + offset, from + page * kPageBytes + offset);
+      }
+    }
+    to += kPages * kPageBytes;
+    from += kPages * kPageBytes;
+  }
+  for (; bytes >= kLineBytes; bytes -= kLineBytes) {
+    CopyLine<Vector>(to, from);
+    to += kLineBytes;
+    from += kLineBytes;
+  }
+  std::memcpy(to, from, bytes);
+}
+
+#if defined(__x86_64__)
+
+using Bytes16 = long long __attribute__((vector_size(16)));
+using Bytes32 = long long __attribute__((vector_size(32)));
+using Bytes64 = long long __attribute__((vector_size(64)));
+
+// Streaming stores are not ordered with the stores after them: without the fence another thread could see a
+// flag that says "copied" before the copy.
+void StreamSse2(void* destination, const void* source, std::size_t bytes) {
+  CopyLines<Bytes16>(destination, source, bytes);
+  __builtin_ia32_sfence();
+}
+
+[[gnu::target("avx")]] void StreamAvx(void* destination, const void* source, std::size_t bytes) {
+  CopyLines<Bytes32>(destination, source, bytes);
+  __builtin_ia32_sfence();
+}
+
+[[gnu::target("avx512f")]] void StreamAvx512(void* destination, const void* source, std::size_t bytes) {
+  CopyLines<Bytes64>(destination, source, bytes);
+  __builtin_ia32_sfence();
+}
+
+#elif defined(__aarch64__)
+
+/// STNP takes a pair of registers; the compiler makes pairs of a vector of twice a register's size.
+using Bytes32 = long long __attribute__((vector_size(32)));
+
+// The order of these stores is that of any others.
+void StreamNeon(void* destination, const void* source, std::size_t bytes) {
+  CopyLines<Bytes32>(destination, source, bytes);
+}
+
+#endif
+
+std::vector<CopyRoutine> FindRoutines() {
+  std::vector<CopyRoutine> routines{{"memcpy", CopyByLibrary}};
+#if defined(__x86_64__)
+  __builtin_cpu_init();
+  routines.push_back({"sse2", StreamSse2});
+  if (__builtin_cpu_supports("avx")) routines.push_back({"avx", StreamAvx});
+  if (__builtin_cpu_supports("avx512f")) routines.push_back({"avx512", StreamAvx512});
+#elif defined(__aarch64__)
+  routines.push_back({"stnp", StreamNeon});
+#endif
+  return routines;
+}
+
+}  // namespace
+
+const std::vector<CopyRoutine>& CopyRoutines() {
+  static const std::vector<CopyRoutine> routines = FindRoutines();
+  return routines;
+}
+
+void CopyToMemory(void* destination, const void* source, std::size_t bytes) {
+  const CopyRoutine& routine = bytes < kStreamFromBytes ? CopyRoutines().front() : CopyRoutines().back();
+  routine.copy(destination, source, bytes);
+}
+
+}  // namespace Ormis::host
