@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// The buckets that latencies are counted in, shared by the meter and its reader: exact below 256 ns, 128 to
+/// every octave above, so that a bucket is at most 0.8 % wide. What is 2^41 ns (36 minutes) or longer is
+/// counted in the last one. Changing this changes the meter's protocol.
+namespace scope {
+
+constexpr unsigned kSubBucketBits = 7;
+constexpr unsigned kSubBuckets = 1U << kSubBucketBits;
+constexpr unsigned kTopBit = 40;
+constexpr std::size_t kBucketCount = (kTopBit - kSubBucketBits + 2) * kSubBuckets;
+
+constexpr std::size_t BucketOf(std::uint64_t ns) {
+  if (ns < 2 * kSubBuckets) return static_cast<std::size_t>(ns);
+  const auto topBit = static_cast<unsigned>(63 - __builtin_clzll(ns));
+  if (topBit > kTopBit) return kBucketCount - 1;
+  const unsigned shift = topBit - kSubBucketBits;
+  return shift * std::size_t{kSubBuckets} + static_cast<std::size_t>(ns >> shift);
+}
+
+/// Smallest latency of the bucket.
+constexpr std::uint64_t BucketLow(std::size_t bucket) {
+  if (bucket < 2 * std::size_t{kSubBuckets}) return bucket;
+  const std::size_t shift = (bucket >> kSubBucketBits) - 1;
+  return (std::uint64_t{bucket} - shift * kSubBuckets) << shift;
+}
+
+/// Smallest latency that is too long for the bucket.
+constexpr std::uint64_t BucketHigh(std::size_t bucket) {
+  return BucketLow(bucket + 1);
+}
+
+}  // namespace scope

@@ -1,0 +1,150 @@
+#include "child_process.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace scope {
+namespace {
+
+struct Pipe {
+  int readEnd = -1;
+  int writeEnd = -1;
+};
+
+Pipe MakePipe() {
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    throw std::runtime_error(std::string("cannot make a pipe: ") + std::strerror(errno));
+  }
+  return {ends[0], ends[1]};
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> Environment(const std::vector<std::pair<std::string, std::string>>& additions) {
+  std::vector<std::string> entries;
+  for (char** at = environ; *at != nullptr; ++at) {
+    const std::string entry(*at);
+    bool replaced = false;
+    for (const auto& [name, value] : additions)
+      replaced = replaced || entry.compare(0, name.size() + 1, name + "=") == 0;
+    if (!replaced) entries.push_back(entry);
+  }
+  for (const auto& [name, value] : additions) entries.push_back(name + "=" + value);
+  return entries;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const Options& options) {
+  std::vector<std::string> arguments{options.program};
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
+  std::vector<std::string> environment = Environment(options.environment);
+  const std::vector<char*> argv = Pointers(arguments);
+  const std::vector<char*> envp = Pointers(environment);
+  const Pipe output = MakePipe();
+  const Pipe errors = options.takeErrors ? MakePipe() : Pipe{};
+  const Pipe failure = MakePipe();
+  const pid_t parent = getpid();
+
+  id_ = fork();
+  if (id_ == 0) {
+    (void)setpgid(0, 0);
+    (void)prctl(PR_SET_PDEATHSIG, SIGINT);
+    if (getppid() != parent) _exit(127);
+    (void)dup2(output.writeEnd, STDOUT_FILENO);
+    if (options.takeErrors) (void)dup2(errors.writeEnd, STDERR_FILENO);
+    if (options.inherit >= 0) (void)fcntl(options.inherit, F_SETFD, 0);
+    // Signals that this program waits for or ignores would stay so beyond the exec.
+    (void)std::signal(SIGPIPE, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)execve(argv[0], argv.data(), envp.data());
+    const int error = errno;
+    (void)!write(failure.writeEnd, &error, sizeof(error));
+    _exit(127);
+  }
+  const int forkError = errno;
+  for (const int end : {output.writeEnd, errors.writeEnd, failure.writeEnd}) {
+    if (end >= 0) (void)close(end);
+  }
+  output_ = output.readEnd;
+  errors_ = errors.readEnd;
+  int error = forkError;
+  // Closed by the exec, and so empty, when the program runs.
+  const bool failed = id_ < 0 || read(failure.readEnd, &error, sizeof(error)) == ssize_t{sizeof(error)};
+  (void)close(failure.readEnd);
+  if (failed) {
+    if (id_ > 0) (void)waitpid(id_, nullptr, 0);
+    id_ = -1;
+    (void)close(output_);
+    if (errors_ >= 0) (void)close(errors_);
+    throw std::runtime_error("cannot start " + options.program + ": " + std::strerror(error));
+  }
+  (void)fcntl(output_, F_SETFL, O_NONBLOCK);
+  if (errors_ >= 0) (void)fcntl(errors_, F_SETFL, O_NONBLOCK);
+}
+
+ChildProcess::~ChildProcess() {
+  if (!HasEnded()) {
+    Signal(SIGKILL);
+    (void)waitpid(id_, nullptr, 0);
+  }
+  (void)close(output_);
+  if (errors_ >= 0) (void)close(errors_);
+}
+
+void ChildProcess::Signal(int signal) {
+  if (!ended_) (void)kill(-id_, signal);
+}
+
+bool ChildProcess::HasEnded() {
+  if (!ended_ && waitpid(id_, &status_, WNOHANG) == id_) ended_ = true;
+  return ended_;
+}
+
+int ChildProcess::ExitStatus() const {
+  return WIFEXITED(status_) ? WEXITSTATUS(status_) : 0;
+}
+
+int ChildProcess::EndSignal() const {
+  return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0;
+}
+
+bool LineReader::Read(int descriptor, std::vector<std::string>& lines) {
+  std::array<char, 4096> bytes{};
+  for (;;) {
+    const ssize_t size = read(descriptor, bytes.data(), bytes.size());
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+    if (size <= 0) break;
+    rest_.append(bytes.data(), static_cast<std::size_t>(size));
+    std::size_t from = 0;
+    for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n', from)) {
+      lines.push_back(rest_.substr(from, end - from));
+      from = end + 1;
+    }
+    rest_.erase(0, from);
+  }
+  if (!rest_.empty()) lines.push_back(std::exchange(rest_, {}));
+  return false;
+}
+
+}  // namespace scope

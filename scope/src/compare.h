@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "compare_figures.h"
+#include "run_folder.h"
+
+namespace scope {
+
+/// One of the two that are compared.
+struct Side {
+  std::string name;  ///< as given
+  std::vector<Run> runs;
+  std::optional<double> warmupS;  ///< of the sweep that it is a point of
+};
+
+/// Reads what `argument` names: a run folder; a folder of runs, which are repeats; or a point of a sweep as
+/// FOLDER:CPU=2,VENC=0, with a level for each swept section, whose runs that are done are repeats. Throws
+/// RunFolderError for anything else.
+Side ReadSide(const std::string& argument);
+
+/// A condition under which not all of the runs were recorded.
+struct ConditionDifference {
+  std::string name;  ///< a key of run.json's conditions, "levels" or "complete"
+  std::string a;     ///< what it was in A's runs; different ones are joined by " or "
+  std::string b;
+};
+/// The conditions that matter to a rate: the machine, its kernel, frequencies and libraries, the build, the
+/// meter, the levels, and whether the runs are complete. Not the load average: it is noise, not a setting.
+std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b);
+/// The names that DifferentConditions knows.
+std::vector<std::string> ConditionNames();
+
+enum class Verdict {
+  kBetter,
+  kWorse,
+  kNoDifference,  ///< none shown at this noise
+  kMissing,       ///< one side does not have the figure
+  kUnusable       ///< has values that say nothing; `note` says why
+};
+
+struct ComparedFigure {
+  FigureKey key;
+  std::vector<double> aValues;  ///< a repeat each, its median over the seconds; or the seconds
+  std::vector<double> bValues;
+  std::optional<double> a;  ///< median; none where a side does not have the figure
+  std::optional<double> b;
+  std::optional<double> differencePercent;  ///< of A's median, and so are the next two
+  double lowPercent = 0;
+  double highPercent = 0;
+  std::optional<double> rankSumP;  ///< over repeats alone
+  Verdict verdict = Verdict::kNoDifference;
+  bool regression = false;
+  std::optional<int> repeatsForOnePercent;
+  std::string note;
+};
+
+struct Comparison {
+  /// True: the noise is that between repeats. False: a side has one run alone, and the noise is that within
+  /// the runs, between their seconds; it says nothing on how one run differs from the next.
+  bool overRepeats = true;
+  std::vector<ComparedFigure> figures;
+  std::vector<std::string> notes;
+  bool regression = false;
+};
+
+struct CompareOptions {
+  double skipS = 5;
+  double tolerancePercent = 1;
+  double confidence = 0.95;
+  std::uint64_t seed = 1;
+  std::set<Figure> figures;  ///< empty: all
+};
+
+/// Compares B with A, figure by figure. A difference is shown when the bootstrap interval of the difference
+/// of medians leaves out 0 and, over repeats, the rank-sum test agrees: of few repeats a bootstrap alone
+/// makes too much. It is a regression when the whole interval is worse than the tolerance, or the figure is
+/// missing in B alone. Throws RunFolderError for a run without a second after skipS.
+Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
+
+/// The comparison as text for people, on standard output. `differences`: conditions that are allowed to
+/// differ.
+void PrintComparison(const Side& a, const Side& b, const Comparison& comparison,
+                     const std::vector<ConditionDifference>& differences, const CompareOptions& options);
+
+}  // namespace scope

@@ -1,0 +1,96 @@
+#include "compare_figures.h"
+
+#include <algorithm>
+#include <optional>
+#include <tuple>
+
+namespace scope {
+namespace {
+
+// In the order in which they are listed.
+const std::vector<std::string> kEngines = {"cpu", "vpc", "venc", "aic", kAllEngines};
+constexpr double kNsPerUs = 1e3;
+
+using Values = std::map<FigureKey, std::vector<double>>;
+
+// By the ends of the seconds, for all engines: how many have a whole second then, and what they move in it.
+struct TotalSecond {
+  std::size_t engines = 0;
+  double gigabytesPerS = 0;
+};
+
+void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
+               std::map<double, TotalSecond>& totals) {
+  bool bytesKnown = true;
+  for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {
+    const EngineSecond& second = engine.seconds[i];
+    // The middle: the seconds do not begin exactly on the second.
+    if (second.afterGap || second.timeS - second.spanS / 2 < skipS) continue;
+    figures[{engine.engine, Figure::kOperations}].push_back(second.OperationsPerS());
+    const std::optional<double> gigabytesPerS = second.GigabytesPerS();
+    bytesKnown = bytesKnown && gigabytesPerS.has_value();
+    if (gigabytesPerS) {
+      figures[{engine.engine, Figure::kBandwidth}].push_back(*gigabytesPerS);
+      TotalSecond& total = totals[second.timeS];
+      ++total.engines;
+      total.gigabytesPerS += *gigabytesPerS;
+    }
+    if (second.operations == 0) continue;
+    figures[{engine.engine, Figure::kP50}].push_back(static_cast<double>(second.p50Ns) / kNsPerUs);
+    figures[{engine.engine, Figure::kP99}].push_back(static_cast<double>(second.p99Ns) / kNsPerUs);
+  }
+  if (!bytesKnown) figures.erase({engine.engine, Figure::kBandwidth});
+}
+
+}  // namespace
+
+const std::vector<FigureKind>& FigureKinds() {
+  static const std::vector<FigureKind> kKinds = {{Figure::kOperations, "ops", "op/s", false},
+                                                 {Figure::kBandwidth, "bandwidth", "GB/s", false},
+                                                 {Figure::kP50, "p50", "us", true},
+                                                 {Figure::kP99, "p99", "us", true},
+                                                 {Figure::kPrinted, "printed", "fps", false}};
+  return kKinds;
+}
+
+const FigureKind& KindOf(Figure figure) {
+  return FigureKinds().at(static_cast<std::size_t>(figure));
+}
+
+bool operator<(const FigureKey& left, const FigureKey& right) {
+  const auto rank = [](const FigureKey& key) {
+    return std::tuple(std::find(kEngines.begin(), kEngines.end(), key.engine), key.engine, key.figure);
+  };
+  return rank(left) < rank(right);
+}
+
+std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double skipS) {
+  Values figures;
+  std::map<double, TotalSecond> totals;
+  std::size_t working = 0;
+  for (const EngineSummary& engine : run.engines) {
+    if (!IsLoad(engine.engine)) continue;
+    if (engine.work.operations == 0) {
+      figures[{engine.engine, Figure::kOperations}] = {0};
+      figures[{kAllEngines, Figure::kBandwidth}] = {0};  // unless another one works
+      continue;
+    }
+    ++working;
+    AddEngine(engine, skipS, figures, totals);
+  }
+  if (working != 0) figures.erase({kAllEngines, Figure::kBandwidth});
+  for (const auto& [timeS, total] : totals) {
+    // A second in which one of them has not begun yet, or has ended, or whose bytes are unknown, is no sum.
+    if (total.engines != working) continue;
+    figures[{kAllEngines, Figure::kBandwidth}].push_back(total.gigabytesPerS);
+  }
+  for (const PrintedRates& printed : run.printed) {
+    if (printed.engine.empty()) continue;
+    for (const Rate& rate : printed.rates) {
+      if (rate.timeS >= skipS) figures[{printed.engine, Figure::kPrinted}].push_back(rate.fps);
+    }
+  }
+  return figures;
+}
+
+}  // namespace scope

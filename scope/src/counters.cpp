@@ -1,0 +1,304 @@
+#include "counters.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <initializer_list>
+#include <utility>
+
+#include "system_files.h"
+
+namespace scope {
+namespace {
+
+constexpr const char* kPerf = "perf";
+constexpr const char* kResctrl = "resctrl";
+constexpr const char* kDevfreq = "devfreq";
+constexpr const char* kEdac = "edac";
+constexpr const char* kThermal = "thermal";
+constexpr const char* kCpuFrequency = "cpufreq";
+constexpr const char* kThrottle = "throttle";
+
+// "/" and "tree/" as the beginning of paths.
+std::string WithoutSlash(const std::string& root) {
+  return root.substr(0, root.find_last_not_of('/') + 1);
+}
+
+bool StartsWith(const std::string& text, const std::string& beginning) {
+  return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+bool HasAny(const std::string& text, std::initializer_list<const char*> words) {
+  return std::any_of(words.begin(), words.end(),
+                     [&text](const char* word) { return text.find(word) != std::string::npos; });
+}
+
+// Counting units of memory controllers and of the interconnects before them.
+bool CountsMemory(const std::string& unit) {
+  constexpr const char* kUnits[] = {"uncore_imc", "amd_umc", "amd_df",   "arm_cmn", "arm_dsu",
+                                    "arm_dmc",    "dmc620",  "imx8_ddr", "imx9_ddr"};
+  return std::any_of(std::begin(kUnits), std::end(kUnits),
+                     [&unit](const char* name) { return StartsWith(unit, name); });
+}
+
+class Kernel : public PerfEvents {
+ public:
+  int Open(const perf_event_attr& attributes, int cpu) override {
+    return static_cast<int>(syscall(SYS_perf_event_open, &attributes, -1, cpu, -1, PERF_FLAG_FD_CLOEXEC));
+  }
+
+  std::optional<double> Read(int descriptor) override {
+    struct {
+      std::uint64_t value, enabledNs, runningNs;
+    } count{};
+    if (read(descriptor, &count, sizeof(count)) != static_cast<ssize_t>(sizeof(count)) ||
+        count.runningNs == 0) {
+      return std::nullopt;
+    }
+    // More events than counters take turns.
+    return static_cast<double>(count.value) * static_cast<double>(count.enabledNs) /
+           static_cast<double>(count.runningNs);
+  }
+
+  void Close(int descriptor) override { (void)close(descriptor); }
+};
+
+// Puts `value` into the bits that `bits` ("config:0-7,32-35") names, lowest first.
+bool PutBits(const std::string& bits, std::uint64_t value, perf_event_attr& attributes) {
+  const std::size_t colon = bits.find(':');
+  if (colon == std::string::npos) return false;
+  const std::string word = bits.substr(0, colon);
+  std::uint64_t config = 0;
+  const char* at = bits.c_str() + colon + 1;
+  for (;;) {
+    char* end = nullptr;
+    const unsigned long first = std::strtoul(at, &end, 10);
+    if (end == at) return false;
+    unsigned long last = first;
+    if (*end == '-') {
+      at = end + 1;
+      last = std::strtoul(at, &end, 10);
+    }
+    if (last > 63 || last < first) return false;
+    for (unsigned long bit = first; bit <= last; ++bit, value >>= 1U) config |= (value & 1U) << bit;
+    if (*end != ',') break;
+    at = end + 1;
+  }
+  // The value has more bits than its field.
+  if (value != 0) return false;
+  if (word == "config") {
+    attributes.config |= config;
+  } else if (word == "config1") {
+    attributes.config1 |= config;
+  } else if (word == "config2") {
+    attributes.config2 |= config;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<PerfEvents> KernelPerfEvents() {
+  return std::make_unique<Kernel>();
+}
+
+bool ParsePerfEvent(const std::string& folder, const std::string& text, perf_event_attr& attributes) {
+  attributes = {};
+  attributes.size = sizeof(attributes);
+  const std::optional<double> type = ReadNumber(folder + "/type");
+  if (!type) return false;
+  attributes.type = static_cast<std::uint32_t>(*type);
+  std::size_t from = 0;
+  while (from <= text.size()) {
+    const std::size_t comma = std::min(text.find(',', from), text.size());
+    const std::string term = text.substr(from, comma - from);
+    from = comma + 1;
+    const std::size_t equals = term.find('=');
+    const std::string field = term.substr(0, equals);
+    std::uint64_t value = 1;  // a field without a value is a flag
+    if (equals != std::string::npos) {
+      const std::string digits = term.substr(equals + 1);
+      char* end = nullptr;
+      value = std::strtoull(digits.c_str(), &end, 0);
+      if (digits.empty() || *end != '\0') return false;  // "?": the user would have to say
+    }
+    if (field == "config") {
+      attributes.config |= value;
+      continue;
+    }
+    const std::optional<std::string> bits = ReadText(folder + "/format/" + field);
+    if (!bits || !PutBits(*bits, value, attributes)) return false;
+  }
+  return true;
+}
+
+Counters::Counters(const std::string& systemRoot, std::unique_ptr<PerfEvents> perf) : perf_(std::move(perf)) {
+  const std::string root = WithoutSlash(systemRoot);
+  FindPerf(root);
+  FindResctrl(root);
+  FindDevfreq(root);
+  FindEdac(root);
+  FindThermal(root);
+  FindCpu(root);
+}
+
+Counters::~Counters() {
+  for (const PerfCounter& counter : perfCounters_) perf_->Close(counter.descriptor);
+}
+
+void Counters::Conclude(const char* source, std::size_t filesBefore, const std::string& reason) {
+  const bool present = files_.size() > filesBefore;
+  sources_.push_back({source, present, present ? std::string() : reason});
+}
+
+void Counters::FindPerf(const std::string& root) {
+  const std::string folder = root + "/sys/bus/event_source/devices";
+  std::string reason;
+  for (const std::string& unit : ListFolder(folder)) {
+    if (CountsMemory(unit)) OpenPerf(unit, folder + "/" + unit, reason);
+  }
+  const bool present = !perfCounters_.empty();
+  if (reason.empty()) reason = "the kernel offers no counting unit of a memory controller in " + folder;
+  sources_.push_back({kPerf, present, present ? std::string() : reason});
+}
+
+void Counters::OpenPerf(const std::string& unit, const std::string& folder, std::string& reason) {
+  const auto cpu =
+      static_cast<int>(std::strtol(ReadText(folder + "/cpumask").value_or("0").c_str(), nullptr, 10));
+  bool understood = false;
+  for (const std::string& event : ListFolder(folder + "/events")) {
+    // Reads and writes of memory; a unit has few counters, and the rest would take turns with them.
+    if (event.find('.') != std::string::npos || !HasAny(event, {"read", "write", "_rd", "_wr"})) continue;
+    const std::string path = folder + "/events/" + event;
+    perf_event_attr attributes{};
+    if (!ParsePerfEvent(folder, ReadText(path).value_or(""), attributes)) continue;
+    understood = true;
+    attributes.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
+    const int descriptor = perf_->Open(attributes, cpu);
+    if (descriptor < 0) {
+      const int error = errno;
+      reason = unit + "/" + event + ": perf_event_open: " + std::strerror(error);
+      if (error == EACCES || error == EPERM) {
+        reason += " (needs CAP_PERFMON, or kernel.perf_event_paranoid 0 or less)";
+      }
+      continue;
+    }
+    const std::string unitOfEvent = ReadText(path + ".unit").value_or("events");
+    perfCounters_.push_back(
+        {unit + "/" + event, unitOfEvent + "/s", ReadNumber(path + ".scale").value_or(1.0), descriptor});
+  }
+  if (!understood && reason.empty()) reason = unit + " describes no event for reads or writes of memory";
+}
+
+void Counters::FindResctrl(const std::string& root) {
+  const std::string folder = root + "/sys/fs/resctrl/mon_data";
+  const std::size_t before = files_.size();
+  std::error_code error;
+  const bool there = std::filesystem::is_directory(folder, error);
+  for (const std::string& domain : ListFolder(folder)) {
+    for (const char* count : {"mbm_total_bytes", "mbm_local_bytes"}) {
+      const std::string path = folder + "/" + domain + "/" + count;
+      if (ReadNumber(path)) files_.push_back({kResctrl, domain + "/" + count, path, "B/s", 1, true});
+    }
+  }
+  Conclude(kResctrl, before,
+           there ? "no domain in " + folder + " counts bandwidth (mbm_total_bytes)"
+                 : folder + " is missing: resctrl is not mounted, or the CPU has no bandwidth monitoring");
+}
+
+void Counters::FindDevfreq(const std::string& root) {
+  const std::string folder = root + "/sys/class/devfreq";
+  const std::size_t before = files_.size();
+  const std::vector<std::string> devices = ListFolder(folder);
+  for (const std::string& device : devices) {
+    if (!HasAny(device, {"dmc", "ddr", "dram", "memory", "emc", "mif", "interconnect"})) continue;
+    const std::string path = folder + "/" + device + "/cur_freq";
+    if (ReadNumber(path)) files_.push_back({kDevfreq, device, path, "Hz", 1, false});
+  }
+  Conclude(kDevfreq, before,
+           devices.empty() ? folder + " is missing or empty: the kernel scales no device's frequency"
+                           : "none of the " + std::to_string(devices.size()) + " devices in " + folder +
+                                 " is a memory controller by its name");
+}
+
+void Counters::FindEdac(const std::string& root) {
+  const std::string folder = root + "/sys/devices/system/edac/mc";
+  const std::size_t before = files_.size();
+  for (const std::string& controller : ListFolder(folder)) {
+    for (const char* count : {"ce_count", "ue_count"}) {
+      const std::string path = folder + "/" + controller + "/" + count;
+      if (ReadNumber(path)) files_.push_back({kEdac, controller + "/" + count, path, "errors", 1, false});
+    }
+  }
+  Conclude(kEdac, before, "no memory controller in " + folder + ": no EDAC driver for this machine's memory");
+}
+
+void Counters::FindThermal(const std::string& root) {
+  const std::string folder = root + "/sys/class/thermal";
+  const std::size_t before = files_.size();
+  for (const std::string& zone : ListFolder(folder)) {
+    if (!StartsWith(zone, "thermal_zone")) continue;
+    const std::string path = folder + "/" + zone + "/temp";
+    if (!ReadNumber(path)) continue;
+    const std::string type = ReadText(folder + "/" + zone + "/type").value_or("");
+    files_.push_back({kThermal, type.empty() ? zone : zone + "/" + type, path, "degC", 1e-3, false});
+  }
+  Conclude(kThermal, before, "no readable thermal zone in " + folder);
+}
+
+void Counters::FindCpu(const std::string& root) {
+  const std::string folder = root + "/sys/devices/system/cpu";
+  const std::vector<std::string> cpus = ListFolder(folder);
+  std::size_t before = files_.size();
+  for (const std::string& cpu : cpus) {
+    const std::string path = folder + "/" + cpu + "/cpufreq/scaling_cur_freq";
+    if (ReadNumber(path)) files_.push_back({kCpuFrequency, cpu, path, "MHz", 1e-3, false});
+  }
+  Conclude(kCpuFrequency, before, "no CPU in " + folder + " tells its frequency (cpufreq/scaling_cur_freq)");
+  before = files_.size();
+  for (const std::string& cpu : cpus) {
+    const std::string path = folder + "/" + cpu + "/thermal_throttle/core_throttle_count";
+    if (ReadNumber(path)) files_.push_back({kThrottle, cpu, path, "events", 1, false});
+  }
+  Conclude(kThrottle, before,
+           "no CPU in " + folder + " counts its throttling (thermal_throttle/core_throttle_count)");
+}
+
+std::optional<double> Counters::PerSecond(const std::string& key, double count, double timeS) {
+  const auto before = before_.find(key);
+  std::optional<double> rate;
+  // A counter that went back was started again.
+  if (before != before_.end() && timeS > before->second.first && count >= before->second.second) {
+    rate = (count - before->second.second) / (timeS - before->second.first);
+  }
+  before_[key] = {timeS, count};
+  return rate;
+}
+
+std::vector<CounterValue> Counters::Read(double timeS) {
+  std::vector<CounterValue> values;
+  for (const PerfCounter& counter : perfCounters_) {
+    const std::optional<double> count = perf_->Read(counter.descriptor);
+    if (!count) continue;
+    const std::optional<double> rate = PerSecond(counter.name, *count * counter.scale, timeS);
+    if (rate) values.push_back({timeS, kPerf, counter.name, counter.unit, *rate});
+  }
+  for (const File& file : files_) {
+    const std::optional<double> number = ReadNumber(file.path);
+    if (!number) continue;
+    std::optional<double> value = *number * file.scale;
+    if (file.rate) value = PerSecond(file.source + "/" + file.name, *value, timeS);
+    if (value) values.push_back({timeS, file.source, file.name, file.unit, *value});
+  }
+  return values;
+}
+
+}  // namespace scope

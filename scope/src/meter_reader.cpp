@@ -1,0 +1,184 @@
+#include "meter_reader.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "latency_buckets.h"
+
+namespace scope {
+namespace {
+
+constexpr std::size_t kLargestPacket = sizeof(ThreadSamplePacket) + kBucketCount * sizeof(BucketCount);
+
+template <typename Packet>
+Packet Unpack(const char* bytes, std::size_t size, const char* name) {
+  if (size < sizeof(Packet)) {
+    throw MeterError(std::string("the meter sent a ") + name + " packet of " + std::to_string(size) +
+                     " bytes, expected " + std::to_string(sizeof(Packet)));
+  }
+  Packet packet;
+  std::memcpy(&packet, bytes, sizeof(packet));
+  return packet;
+}
+
+}  // namespace
+
+const char* NameOf(Engine engine) {
+  switch (engine) {
+    case Engine::kCpu:
+      return "cpu";
+    case Engine::kVpc:
+      return "vpc";
+    case Engine::kVenc:
+      return "venc";
+    case Engine::kAic:
+      return "aic";
+    case Engine::kVpcCopy:
+      return "vpc_copy";
+  }
+  return nullptr;
+}
+
+MeterReader::MeterReader(std::uint64_t startNs) : startNs_(startNs) {
+  int ends[2] = {-1, -1};
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+    throw MeterError(std::string("cannot make the meter's socket: ") + std::strerror(errno));
+  }
+  socket_ = ends[0];
+  childEnd_ = ends[1];
+  // A second of forty workers fits, should this side be late by one. The system may grant less.
+  const int bytes = 4 << 20;
+  (void)setsockopt(childEnd_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+}
+
+MeterReader::~MeterReader() {
+  CloseChildEnd();
+  if (socket_ >= 0) (void)close(socket_);
+}
+
+void MeterReader::CloseChildEnd() {
+  if (childEnd_ >= 0) (void)close(childEnd_);
+  childEnd_ = -1;
+}
+
+void MeterReader::Read(std::vector<MeterSecond>& seconds) {
+  std::vector<char> bytes(kLargestPacket + 1);
+  while (socket_ >= 0) {
+    const ssize_t size = recv(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (size <= 0) {
+      (void)close(socket_);
+      socket_ = -1;
+      // A second that was cut short by the program's end is still a second.
+      if (!pending_.samples.empty()) Flush(startNs_, seconds);
+      return;
+    }
+    Take(bytes.data(), static_cast<std::size_t>(size), seconds);
+  }
+}
+
+void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds) {
+  const auto header = Unpack<PacketHeader>(bytes, size, "meter");
+  if (header.magic != kMeterMagic) {
+    throw MeterError(
+        "something that is no meter writes to the meter's socket: packets begin with another word");
+  }
+  if (header.version != kMeterVersion) {
+    throw MeterError("the meter was built for another version: it speaks version " +
+                     std::to_string(header.version) + ", this program reads version " +
+                     std::to_string(kMeterVersion) + ". Use libstress_scope.so of the same build.");
+  }
+  if (header.type == PacketType::kHello) {
+    const auto hello = Unpack<HelloPacket>(bytes, size, "hello");
+    // A second program under the same meter would be another run.
+    if (processId_ != 0) return;
+    if (hello.bucketCount != kBucketCount) {
+      throw MeterError("the meter has " + std::to_string(hello.bucketCount) + " latency buckets, expected " +
+                       std::to_string(kBucketCount) + ". Use libstress_scope.so of the same build.");
+    }
+    processId_ = header.processId;
+    hostPlatform_ = hello.hostPlatform != 0;
+    platformPath_.assign(hello.platformPath, strnlen(hello.platformPath, sizeof(hello.platformPath)));
+    return;
+  }
+  if (header.processId != processId_) return;
+  if (header.type == PacketType::kThreadSample) {
+    TakeSample(bytes, size);
+  } else if (header.type == PacketType::kEndOfSecond) {
+    const auto end = Unpack<EndOfSecondPacket>(bytes, size, "end");
+    last_ = end.last != 0;
+    delayedSamples_ = end.delayedSamples;
+    unmeasured_ = end.unmeasured;
+    Flush(header.timeNs, seconds);
+  } else {
+    throw MeterError("the meter sent a packet of the unknown type " +
+                     std::to_string(static_cast<std::uint32_t>(header.type)));
+  }
+}
+
+void MeterReader::TakeSample(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<ThreadSamplePacket>(bytes, size, "sample");
+  const char* const engine = NameOf(packet.engine);
+  if (engine == nullptr || size != sizeof(packet) + packet.buckets * sizeof(BucketCount)) {
+    throw MeterError("the meter sent a sample that cannot be read: engine " +
+                     std::to_string(static_cast<std::uint32_t>(packet.engine)) + ", " +
+                     std::to_string(packet.buckets) + " buckets in " + std::to_string(size) + " bytes");
+  }
+  Histogram second;
+  for (std::uint32_t i = 0; i < packet.buckets; ++i) {
+    BucketCount entry;
+    std::memcpy(&entry, bytes + sizeof(packet) + i * sizeof(entry), sizeof(entry));
+    if (entry.bucket >= kBucketCount) {
+      throw MeterError("the meter sent a count for bucket " + std::to_string(entry.bucket) + " of " +
+                       std::to_string(kBucketCount));
+    }
+    second.Add(entry.bucket, entry.count);
+  }
+  const auto thread = static_cast<int>(packet.thread);
+  latencies_[{engine, thread}].Add(second);
+  pending_.latencies[engine].Add(second);
+  pending_.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;
+  // Only set-up copies: a row in every second would say nothing.
+  if (packet.engine == Engine::kVpcCopy && packet.operations == 0 && packet.failures == 0) return;
+
+  Sample sample;
+  sample.engine = engine;
+  sample.thread = thread;
+  sample.operations = packet.operations;
+  sample.busyNs = packet.busyNs;
+  if (packet.bytesKnown != 0) sample.bytes = packet.bytes;
+  sample.failures = packet.failures;
+  if (packet.operations != 0) {
+    // The middle of the highest bucket may lie above the longest operation in it.
+    sample.maxNs = std::max(packet.maxNs, BucketLow(second.Buckets().rbegin()->first));
+    sample.p50Ns = std::min(second.Percentile(0.50), sample.maxNs);
+    sample.p99Ns = std::min(second.Percentile(0.99), sample.maxNs);
+  }
+  pending_.samples.push_back(sample);
+}
+
+void MeterReader::Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds) {
+  if (timeNs > startNs_) pending_.timeS = static_cast<double>(timeNs - startNs_) * 1e-9;
+  std::sort(pending_.samples.begin(), pending_.samples.end(), [](const Sample& left, const Sample& right) {
+    return std::tie(left.engine, left.thread) < std::tie(right.engine, right.thread);
+  });
+  for (Sample& sample : pending_.samples) sample.timeS = pending_.timeS;
+  seconds.push_back(std::exchange(pending_, {}));
+}
+
+std::vector<HistogramRow> MeterReader::HistogramRows() const {
+  std::vector<HistogramRow> rows;
+  for (const auto& [key, histogram] : latencies_) {
+    for (const auto& [bucket, count] : histogram.Buckets()) {
+      rows.push_back({key.first, key.second, BucketLow(bucket), BucketHigh(bucket), count});
+    }
+  }
+  return rows;
+}
+
+}  // namespace scope

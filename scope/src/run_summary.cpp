@@ -1,0 +1,275 @@
+#include "run_summary.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <iterator>
+#include <map>
+#include <set>
+#include <tuple>
+#include <utility>
+
+#include "statistics.h"
+
+namespace scope {
+namespace {
+
+constexpr double kBytesPerGigabyte = 1e9;
+constexpr double kNsPerS = 1e9;
+constexpr std::uint64_t kMillisecondNs = 1'000'000;
+constexpr double kGapS = 1.75;
+constexpr const char* kSetUpEngine = "vpc_copy";
+
+struct Load {
+  const char* engine;
+  const char* stress;
+};
+constexpr std::array<Load, 4> kLoads = {
+    {{"cpu", "cpuStress"}, {"vpc", "kivuVpcStress"}, {"venc", "kivuVencStress"}, {"aic", "aicStress"}}};
+
+// The loads in their own order, whatever else there is by name.
+std::pair<std::size_t, std::string> OrderOf(const std::string& engine) {
+  const auto* const at =
+      std::find_if(kLoads.begin(), kLoads.end(), [&](const Load& load) { return engine == load.engine; });
+  return {static_cast<std::size_t>(at - kLoads.begin()), engine};
+}
+
+using Rows = std::vector<const Sample*>;
+
+// Ends of all seconds of the run: an engine's first second began where the one before it ended.
+double StartOf(const std::set<double>& ends, double timeS) {
+  const auto at = ends.lower_bound(timeS);
+  return at == ends.begin() ? 0 : *std::prev(at);
+}
+
+std::uint64_t WeightedMedian(std::vector<std::pair<std::uint64_t, std::uint64_t>> valuesAndWeights) {
+  std::sort(valuesAndWeights.begin(), valuesAndWeights.end());
+  std::uint64_t whole = 0;
+  for (const auto& [value, weight] : valuesAndWeights) whole += weight;
+  std::uint64_t seen = 0;
+  for (const auto& [value, weight] : valuesAndWeights) {
+    seen += weight;
+    if (seen * 2 >= whole && weight != 0) return value;
+  }
+  return 0;
+}
+
+EngineSecond Add(const Rows& rows) {
+  EngineSecond second;
+  second.timeS = rows.front()->timeS;
+  second.bytes = 0;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> medians;
+  for (const Sample* row : rows) {
+    second.operations += row->operations;
+    if (row->bytes && second.bytes) {
+      *second.bytes += *row->bytes;
+    } else {
+      second.bytes.reset();
+    }
+    second.failures += row->failures;
+    medians.emplace_back(row->p50Ns, row->operations);
+    second.p99Ns = std::max(second.p99Ns, row->p99Ns);
+    second.maxNs = std::max(second.maxNs, row->maxNs);
+  }
+  second.p50Ns = WeightedMedian(std::move(medians));
+  return second;
+}
+
+std::vector<EngineSecond> Seconds(const Rows& samples, const std::set<double>& ends) {
+  std::map<double, Rows> byTime;
+  for (const Sample* sample : samples) byTime[sample->timeS].push_back(sample);
+  std::vector<EngineSecond> seconds;
+  for (const auto& [timeS, rows] : byTime) {
+    EngineSecond second = Add(rows);
+    // A row holds what was done since the row before it, however long ago that was.
+    second.spanS = timeS - (seconds.empty() ? StartOf(ends, timeS) : seconds.back().timeS);
+    second.afterGap = !seconds.empty() && second.spanS > kGapS;
+    if (second.spanS > 0) seconds.push_back(second);
+  }
+  return seconds;
+}
+
+std::pair<std::size_t, std::size_t> WholeSeconds(const std::vector<EngineSecond>& seconds) {
+  const auto worked = [](const EngineSecond& second) { return second.operations != 0; };
+  const auto first = std::find_if(seconds.begin(), seconds.end(), worked);
+  if (first == seconds.end()) return {0, 0};
+  const auto last = std::find_if(seconds.rbegin(), seconds.rend(), worked).base();
+  const auto begin = static_cast<std::size_t>(first - seconds.begin());
+  const auto end = static_cast<std::size_t>(last - seconds.begin());
+  if (end - begin > 2) return {begin + 1, end - 1};
+  return {begin, end};
+}
+
+// By nearest rank, the middle of its bucket, which no operation took longer than the longest.
+std::optional<std::uint64_t> Percentile(
+    const std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>& buckets, double quantile,
+    std::uint64_t maxNs) {
+  std::uint64_t whole = 0;
+  for (const auto& [bucket, count] : buckets) whole += count;
+  if (whole == 0) return std::nullopt;
+  const double rank = std::max(1.0, std::ceil(quantile * static_cast<double>(whole)));
+  std::uint64_t seen = 0;
+  for (const auto& [bucket, count] : buckets) {
+    seen += count;
+    const std::uint64_t middle =
+        bucket.first + (std::max(bucket.second, bucket.first + 1) - 1 - bucket.first) / 2;
+    if (static_cast<double>(seen) >= rank) return maxNs == 0 ? middle : std::min(middle, maxNs);
+  }
+  return std::nullopt;
+}
+
+using Buckets = std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>;
+
+WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t firstWhole,
+                          std::size_t endWhole, const Buckets& buckets) {
+  WorkSummary work;
+  double spanS = 0;
+  std::uint64_t operations = 0;
+  std::optional<std::uint64_t> bytes = 0;
+  for (std::size_t i = 0; i != seconds.size(); ++i) {
+    const EngineSecond& second = seconds[i];
+    work.operations += second.operations;
+    work.failures += second.failures;
+    work.maxNs = std::max(work.maxNs, second.maxNs);
+    if (i < firstWhole || i >= endWhole || second.afterGap) continue;
+    spanS += second.spanS;
+    operations += second.operations;
+    if (second.bytes && bytes) {
+      *bytes += *second.bytes;
+    } else {
+      bytes.reset();
+    }
+  }
+  if (spanS > 0) {
+    work.operationsPerS = static_cast<double>(operations) / spanS;
+    if (bytes) work.gigabytesPerS = static_cast<double>(*bytes) / spanS / kBytesPerGigabyte;
+  }
+  work.p50Ns = Percentile(buckets, 0.50, work.maxNs);
+  work.p99Ns = Percentile(buckets, 0.99, work.maxNs);
+  return work;
+}
+
+double BusyRate(const Rows& samples) {
+  double operations = 0;
+  double busyNs = 0;
+  for (const Sample* sample : samples) {
+    operations += static_cast<double>(sample->operations);
+    busyNs += static_cast<double>(sample->busyNs);
+  }
+  return busyNs > 0 ? operations / busyNs * kNsPerS : 0;
+}
+
+double ShareBelowMillisecond(const Buckets& buckets) {
+  double below = 0;
+  double whole = 0;
+  for (const auto& [bucket, count] : buckets) {
+    whole += static_cast<double>(count);
+    if (bucket.first < kMillisecondNs) below += static_cast<double>(count);
+  }
+  return whole > 0 ? below / whole : 0;
+}
+
+EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, const std::set<double>& ends,
+                              const std::vector<HistogramRow>& histogram) {
+  std::map<int, Rows> byThread;
+  for (const Sample* sample : samples) byThread[sample->thread].push_back(sample);
+  Buckets all;
+  std::map<int, Buckets> buckets;
+  for (const HistogramRow& row : histogram) {
+    if (row.engine != engine) continue;
+    all[{row.lowNs, row.highNs}] += row.count;
+    buckets[row.thread][{row.lowNs, row.highNs}] += row.count;
+  }
+
+  EngineSummary summary;
+  summary.engine = engine;
+  summary.seconds = Seconds(samples, ends);
+  std::tie(summary.firstWhole, summary.endWhole) = WholeSeconds(summary.seconds);
+  summary.work = SummariseWork(summary.seconds, summary.firstWhole, summary.endWhole, all);
+  double busyRates = 0;
+  int busyThreads = 0;
+  for (const auto& [thread, rows] : byThread) {
+    const std::vector<EngineSecond> seconds = Seconds(rows, ends);
+    const auto [first, end] = WholeSeconds(seconds);
+    ThreadSummary threadSummary{thread, SummariseWork(seconds, first, end, buckets[thread])};
+    threadSummary.work.busyRate = BusyRate(rows);
+    busyRates += threadSummary.work.busyRate;
+    busyThreads += threadSummary.work.busyRate > 0 ? 1 : 0;
+    summary.threads.push_back(threadSummary);
+  }
+  summary.work.busyRate = busyThreads == 0 ? 0 : busyRates / busyThreads;
+  summary.belowMillisecond = ShareBelowMillisecond(all);
+  return summary;
+}
+
+std::string EngineOf(const std::string& stress) {
+  const auto* const at =
+      std::find_if(kLoads.begin(), kLoads.end(), [&](const Load& load) { return stress == load.stress; });
+  return at == kLoads.end() ? std::string() : at->engine;
+}
+
+PrintedRates SummarisePrinted(const std::string& stress, const std::vector<Rate>& rates) {
+  PrintedRates printed;
+  printed.stress = stress;
+  printed.engine = EngineOf(stress);
+  std::vector<double> values;
+  for (const Rate& rate : rates) {
+    if (rate.stress != stress) continue;
+    printed.rates.push_back(rate);
+    if (rate.fps != 0 || !values.empty()) values.push_back(rate.fps);
+  }
+  if (!values.empty()) printed.median = Median(std::move(values));
+  return printed;
+}
+
+}  // namespace
+
+std::optional<double> EngineSecond::GigabytesPerS() const {
+  if (!bytes) return std::nullopt;
+  return static_cast<double>(*bytes) / spanS / kBytesPerGigabyte;
+}
+
+const PrintedRates* RunSummary::PrintedOf(const std::string& engine) const {
+  const auto at = std::find_if(printed.begin(), printed.end(),
+                               [&](const PrintedRates& rates) { return rates.engine == engine; });
+  return at == printed.end() ? nullptr : &*at;
+}
+
+RunSummary Summarise(const Run& run) {
+  std::map<std::string, Rows> byEngine;
+  std::set<double> ends;
+  for (const Sample& sample : run.samples) {
+    byEngine[sample.engine].push_back(&sample);
+    ends.insert(sample.timeS);
+  }
+  RunSummary summary;
+  for (const auto& [engine, samples] : byEngine) {
+    summary.engines.push_back(SummariseEngine(engine, samples, ends, run.histogram));
+  }
+  std::sort(summary.engines.begin(), summary.engines.end(),
+            [](const auto& a, const auto& b) { return OrderOf(a.engine) < OrderOf(b.engine); });
+
+  std::set<std::string> stresses;
+  for (const Rate& rate : run.rates) stresses.insert(rate.stress);
+  for (const std::string& stress : stresses) summary.printed.push_back(SummarisePrinted(stress, run.rates));
+  std::sort(summary.printed.begin(), summary.printed.end(), [](const auto& a, const auto& b) {
+    return std::make_pair(OrderOf(a.engine), a.stress) < std::make_pair(OrderOf(b.engine), b.stress);
+  });
+
+  double sum = 0;
+  bool known = false;
+  for (const EngineSummary& engine : summary.engines) {
+    if (!IsLoad(engine.engine) || engine.work.operations == 0) continue;
+    if (!engine.work.gigabytesPerS) return summary;
+    sum += *engine.work.gigabytesPerS;
+    known = true;
+  }
+  if (known) summary.gigabytesPerS = sum;
+  return summary;
+}
+
+bool IsLoad(const std::string& engine) {
+  return engine != kSetUpEngine;
+}
+
+}  // namespace scope

@@ -1,0 +1,394 @@
+#include "compare.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "run_summary.h"
+#include "run_tool.h"
+#include "statistics.h"
+#include "synthetic_run.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+ToolResult RunTool(std::vector<std::string> arguments) {
+  return RunProgram(STRESS_SCOPE, std::move(arguments));
+}
+
+class CompareTest : public ::testing::Test {
+ protected:
+  // A folder of repeats whose rates of copies are the given ones, and whose latencies follow from them.
+  std::string Repeats(const std::string& name, const std::vector<double>& rates) const {
+    int number = 0;
+    for (const double rate : rates) {
+      SyntheticEngine cpu;
+      cpu.operationsPerS = rate;
+      cpu.p50Ns = static_cast<std::uint64_t>(1e9 / rate);
+      cpu.p99Ns = 2 * cpu.p50Ns;
+      cpu.fps = rate;
+      WriteRun(folder_ / (name + "/" + std::to_string(++number)), {cpu});
+    }
+    return folder_ / name;
+  }
+
+  static const ComparedFigure& Find(const Comparison& comparison, const std::string& engine, Figure figure) {
+    for (const ComparedFigure& compared : comparison.figures) {
+      if (compared.key.engine == engine && compared.key.figure == figure) return compared;
+    }
+    throw std::runtime_error("no figure of " + engine);
+  }
+
+  std::string One(const std::string& name, const std::function<void(RunInfo&)>& change = {},
+                  SyntheticEngine engine = {}) const {
+    RunInfo info = SyntheticInfo();
+    if (change) change(info);
+    WriteRun(folder_ / name, {std::move(engine)}, info);
+    return folder_ / name;
+  }
+
+  static std::string ErrorOf(const std::string& argument) {
+    try {
+      (void)ReadSide(argument);
+    } catch (const RunFolderError& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(CompareTest, FiguresLeaveOutTheWarmUpAndTheEnd) {
+  SyntheticEngine cpu;
+  cpu.threads = 2;
+  cpu.riseAS = 10;
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  venc.operationsPerS = 100;
+  WriteRun(folder_ / "run", {cpu, venc});
+  const scope::Run run = ReadRun(folder_ / "run");
+  const auto figures = FiguresOf(Summarise(run), 5);
+  // Seconds that end at 6 to 27, of two threads: in the last one with operations it ends.
+  const std::vector<double>& operations = figures.at({"cpu", Figure::kOperations});
+  ASSERT_EQ(operations.size(), 22U);
+  EXPECT_DOUBLE_EQ(operations.front(), 2 * 560);
+  EXPECT_DOUBLE_EQ(operations.back(), 2 * 770);
+  EXPECT_DOUBLE_EQ(figures.at({"cpu", Figure::kBandwidth}).front(), 1120 * 2e6 / 1e9);
+  EXPECT_DOUBLE_EQ(figures.at({kAllEngines, Figure::kBandwidth}).front(), (1120 + 100) * 2e6 / 1e9);
+  EXPECT_DOUBLE_EQ(figures.at({"cpu", Figure::kP50}).front(), 2000);
+  EXPECT_DOUBLE_EQ(figures.at({"venc", Figure::kP99}).front(), 4000);
+  EXPECT_EQ(figures.at({"venc", Figure::kPrinted}).size(), 26U);
+  // The first second of an engine is never whole.
+  EXPECT_EQ(FiguresOf(Summarise(run), 0).at({"cpu", Figure::kOperations}).size(), 26U);
+}
+
+TEST_F(CompareTest, FiguresAreOverTheLengthOfTheSecond) {
+  scope::Run run;
+  run.info.durationS = 100;
+  for (const double timeS : {1.0, 2.0, 3.5, 4.5}) {
+    Sample sample;
+    sample.timeS = timeS;
+    sample.engine = "vpc";
+    sample.operations = 300;
+    run.samples.push_back(sample);
+  }
+  const auto figures = FiguresOf(Summarise(run), 0);
+  EXPECT_THAT(figures.at({"vpc", Figure::kOperations}), ElementsAre(300, 200));
+  EXPECT_EQ(figures.count({"vpc", Figure::kBandwidth}), 0U);  // bytes unknown
+  EXPECT_EQ(figures.count({kAllEngines, Figure::kBandwidth}), 0U);
+}
+
+TEST_F(CompareTest, TheTotalIsOfSecondsInWhichEveryEngineWorks) {
+  scope::Run run;
+  for (int timeS = 1; timeS <= 10; ++timeS) {
+    for (const char* const engine : {"cpu", "aic", "vpc_copy"}) {
+      if (engine == std::string("aic") && timeS < 4) continue;  // a model that takes long to load
+      Sample sample;
+      sample.timeS = timeS;
+      sample.engine = engine;
+      sample.operations = 1;
+      sample.bytes = engine == std::string("cpu") ? 2'000'000'000 : 1'000'000'000;
+      run.samples.push_back(sample);
+    }
+  }
+  EXPECT_THAT(FiguresOf(Summarise(run), 0).at({kAllEngines, Figure::kBandwidth}),
+              ElementsAre(3, 3, 3, 3, 3));  // seconds 5 to 9
+}
+
+TEST_F(CompareTest, RepeatsThatLieApartAreADifferenceInTheRightDirection) {
+  const Side a = ReadSide(Repeats("a", {500, 501, 502, 503, 504}));
+  const Side b = ReadSide(Repeats("b", {450, 451, 452, 453, 454}));
+  const Comparison worse = Compare(a, b, {});
+  EXPECT_TRUE(worse.overRepeats);
+  EXPECT_TRUE(worse.regression);
+  const ComparedFigure& operations = Find(worse, "cpu", Figure::kOperations);
+  EXPECT_EQ(operations.verdict, Verdict::kWorse);
+  EXPECT_THAT(operations.aValues, ElementsAre(500, 501, 502, 503, 504));
+  EXPECT_DOUBLE_EQ(*operations.differencePercent, (452.0 - 502) / 502 * 100);
+  EXPECT_LT(operations.highPercent, -8);
+  EXPECT_DOUBLE_EQ(*operations.rankSumP, 2.0 / 252);
+  EXPECT_EQ(Find(worse, "cpu", Figure::kBandwidth).verdict, Verdict::kWorse);
+  const ComparedFigure& p50 = Find(worse, "cpu", Figure::kP50);
+  EXPECT_GT(*p50.differencePercent, 10);  // a higher latency is worse
+  EXPECT_EQ(p50.verdict, Verdict::kWorse);
+  EXPECT_TRUE(p50.regression);
+
+  const Comparison better = Compare(b, a, {});
+  EXPECT_FALSE(better.regression);
+  for (const ComparedFigure& figure : better.figures) {
+    EXPECT_EQ(figure.verdict, Verdict::kBetter) << KindOf(figure.key.figure).name;
+  }
+}
+
+TEST_F(CompareTest, AlikeRepeatsShowNoDifference) {
+  const Side a = ReadSide(Repeats("a", {500, 510, 490, 505, 495}));
+  const Side b = ReadSide(Repeats("b", {498, 512, 489, 503, 501}));
+  const Comparison comparison = Compare(a, b, {});
+  EXPECT_FALSE(comparison.regression);
+  for (const ComparedFigure& figure : comparison.figures) {
+    EXPECT_EQ(figure.verdict, Verdict::kNoDifference);
+    EXPECT_LE(figure.lowPercent, 0);
+    EXPECT_GE(figure.highPercent, 0);
+  }
+  // Spreads of 1.58 % and 1.65 % of the medians (statistics_test.cpp tests the formula).
+  const double pooled = std::sqrt((std::pow(StandardDeviation({500, 510, 490, 505, 495}) / 500, 2) +
+                                   std::pow(StandardDeviation({498, 512, 489, 503, 501}) / 501, 2)) /
+                                  2);
+  EXPECT_EQ(Find(comparison, "cpu", Figure::kOperations).repeatsForOnePercent, RepeatsToShow(pooled, 0.01));
+}
+
+TEST_F(CompareTest, ThreeRepeatsASideNeverShowADifference) {
+  const Comparison comparison =
+      Compare(ReadSide(Repeats("a", {500, 501, 502})), ReadSide(Repeats("b", {300, 301, 302})), {});
+  EXPECT_EQ(Find(comparison, "cpu", Figure::kOperations).verdict, Verdict::kNoDifference);
+  EXPECT_FALSE(comparison.regression);
+  EXPECT_THAT(comparison.notes,
+              ElementsAre("3 repeats a side cannot show a difference at 95 %: record 4 or more"));
+}
+
+TEST_F(CompareTest, ToleranceIsForTheWholeInterval) {
+  const Side a = ReadSide(Repeats("a", {1000, 1001, 1002, 1003, 1004}));
+  const Side b = ReadSide(Repeats("b", {980, 981, 982, 983, 984}));  // 2 % less, 1.6 to 2.4
+  CompareOptions options;
+  options.figures = {Figure::kOperations};
+  options.tolerancePercent = 1;
+  EXPECT_TRUE(Compare(a, b, options).regression);
+  options.tolerancePercent = 2;
+  EXPECT_FALSE(Compare(a, b, options).regression);
+  EXPECT_EQ(Compare(a, b, options).figures.front().verdict, Verdict::kWorse);
+}
+
+TEST_F(CompareTest, OneRunASideIsWithinRunNoiseAlone) {
+  SyntheticEngine slow;
+  slow.operationsPerS = 400;
+  const Side a = ReadSide(One("a"));
+  const Side b = ReadSide(One("b", {}, slow));
+  const Comparison comparison = Compare(a, b, {});
+  EXPECT_FALSE(comparison.overRepeats);
+  const ComparedFigure& operations = Find(comparison, "cpu", Figure::kOperations);
+  EXPECT_EQ(operations.verdict, Verdict::kWorse);
+  EXPECT_EQ(operations.aValues.size(), 22U);
+  EXPECT_FALSE(operations.rankSumP.has_value());
+  const ToolResult result = RunTool({"compare", folder_ / "a", folder_ / "b"});
+  EXPECT_EQ(result.status, 1) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("Within-run noise only"));
+}
+
+TEST_F(CompareTest, PrintedRatesOfShortOperationsDecideNothing) {
+  SyntheticEngine fast;
+  fast.p50Ns = 999'000;
+  fast.fps = 30'000;
+  SyntheticEngine slower = fast;
+  slower.fps = 20'000;
+  const Side a = ReadSide(One("a", {}, fast));
+  const Comparison comparison = Compare(a, ReadSide(One("b", {}, slower)), {});
+  const ComparedFigure& printed = Find(comparison, "cpu", Figure::kPrinted);
+  EXPECT_EQ(printed.verdict, Verdict::kUnusable);
+  EXPECT_THAT(printed.note, HasSubstr("less than 1 ms"));
+  EXPECT_FALSE(comparison.regression);
+  slower.p50Ns = fast.p50Ns = 1'000'000;
+  EXPECT_TRUE(Compare(ReadSide(One("c", {}, fast)), ReadSide(One("d", {}, slower)), {}).regression);
+}
+
+TEST_F(CompareTest, RatesWithoutAMeterAreCompared) {
+  const auto lines = [](RunInfo& info) {
+    info.kind = "rates";
+    info.conditions = {};
+    info.config = {};
+  };
+  SyntheticEngine slow;
+  slow.fps = 400;
+  const Comparison comparison = Compare(ReadSide(One("a", lines)), ReadSide(One("b", lines, slow)), {});
+  ASSERT_EQ(comparison.figures.size(), 1U);
+  EXPECT_EQ(comparison.figures[0].key.figure, Figure::kPrinted);
+  EXPECT_EQ(comparison.figures[0].verdict, Verdict::kWorse);
+  EXPECT_TRUE(comparison.regression);
+  EXPECT_EQ(RunTool({"compare", folder_ / "a", folder_ / "a"}).status, 0);
+}
+
+TEST_F(CompareTest, AnEngineThatIsGoneIsARegression) {
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  WriteRun(folder_ / "a", {SyntheticEngine(), venc});
+  WriteRun(folder_ / "b", {SyntheticEngine()});
+  const Side a = ReadSide(folder_ / "a");
+  const Side b = ReadSide(folder_ / "b");
+  const Comparison gone = Compare(a, b, {});
+  EXPECT_TRUE(gone.regression);
+  EXPECT_EQ(Find(gone, "venc", Figure::kOperations).verdict, Verdict::kMissing);
+  EXPECT_EQ(Find(gone, "venc", Figure::kOperations).note, "B does not have it");
+  CompareOptions options;
+  options.figures = {Figure::kOperations};  // without the total, which comes with the engine
+  EXPECT_FALSE(Compare(b, a, options).regression);
+}
+
+TEST_F(CompareTest, AMedianOfZeroHasNoPerCent) {
+  SyntheticEngine none;
+  none.operationsPerS = 0;
+  const Comparison comparison = Compare(ReadSide(One("a", {}, none)), ReadSide(One("b")), {});
+  const ComparedFigure& operations = Find(comparison, "cpu", Figure::kOperations);
+  EXPECT_EQ(operations.verdict, Verdict::kUnusable);
+  EXPECT_EQ(operations.note, "A's median is 0");
+  EXPECT_FALSE(operations.differencePercent.has_value());
+  EXPECT_TRUE(Compare(ReadSide(folder_ / "b"), ReadSide(folder_ / "a"), {}).regression);
+}
+
+TEST_F(CompareTest, NotesFailuresDriftAndOtherFiles) {
+  SyntheticEngine rising;
+  rising.riseAS = 20;
+  const std::string a = One("a", {}, rising);
+  One("b", [](RunInfo& info) { info.config.text += "# more\n"; });
+  Side b = ReadSide(folder_ / "b");
+  b.runs[0].samples[3].failures = 7;
+  const Comparison comparison = Compare(ReadSide(a), b, {});
+  EXPECT_THAT(comparison.notes,
+              ElementsAre((folder_ / "b") + ": cpu: 7 operations failed",
+                          HasSubstr("a: cpu: the rate is still drifting at the end, by +"),
+                          "the configuration files have the same levels and are not the same"));
+}
+
+TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
+  const Side a = ReadSide(One("a"));
+  const auto different = [&](const std::function<void(RunInfo&)>& change) {
+    const auto differences = DifferentConditions(a.runs, ReadSide(One("b", change)).runs);
+    return differences.size() == 1 ? differences[0].name + ": " + differences[0].a + " | " + differences[0].b
+                                   : std::to_string(differences.size()) + " differences";
+  };
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.loadAverage = {9, 9, 9}; }), "0 differences");
+  EXPECT_EQ(different([](RunInfo& info) { info.complete = false; }), "complete: yes | no");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.cpuModel = "another"; }),
+            "cpu_model: a CPU | another");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.cpuCount = 4; }), "cpu_count: 2 | 4");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.caches.clear(); }),
+            "caches: 2 x L1 Data 48 KiB | unknown");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.memTotalBytes *= 2; }),
+            "mem_total_bytes: 8.0 GiB | 16.0 GiB");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.memTotalBytes -= 4096; }), "0 differences");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.kernel = "6.6"; }), "kernel: 6.1 | 6.6");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.hostnameHash = "4"; }), "hostname_hash: 0123 | 4");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.governor = "powersave"; }),
+            "governor: performance | powersave");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.cpuMhzMax = 2000; }),
+            "cpu_mhz: 800 to 3000 | 800 to 2000");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.buildType = "Debug"; }),
+            "build_type: Release | Debug");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.libraryVersions = {{"libormis", "2"}}; }),
+            "library_versions: libormis 1.0.0 | libormis 2");
+  EXPECT_EQ(different([](RunInfo& info) { info.config.levels = {{"cpu", 2}, {"vpc", 0}}; }),
+            "levels: cpu=1 | cpu=2, vpc=0");
+}
+
+TEST_F(CompareTest, RefusesDifferentConditionsUnlessTold) {
+  const std::string a = One("a");
+  const std::string b = One("b", [](RunInfo& info) {
+    info.conditions.kernel = "6.6";
+    info.config.levels = {{"cpu", 2}};
+  });
+  const ToolResult refused = RunTool({"compare", a, b});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.output, "");
+  EXPECT_THAT(refused.errors,
+              AllOf(HasSubstr("kernel: 6.1 in A, 6.6 in B"), HasSubstr("levels: cpu=1 in A, cpu=2 in B"),
+                    HasSubstr("--allow kernel,levels")));
+  const ToolResult half = RunTool({"compare", "--allow", "kernel", a, b});
+  EXPECT_EQ(half.status, 2);
+  EXPECT_THAT(half.errors, AllOf(Not(HasSubstr("6.6")), HasSubstr("levels: cpu=1 in A")));
+  const ToolResult allowed = RunTool({"compare", a, b, "--allow", "kernel,levels"});
+  EXPECT_EQ(allowed.status, 0) << allowed.errors;
+  EXPECT_THAT(allowed.output, HasSubstr("Different, as allowed: kernel: 6.1 in A, 6.6 in B"));
+  EXPECT_EQ(RunTool({"compare", a, b, "--force"}).status, 0);
+  EXPECT_EQ(RunTool({"compare", b, a, "--allow", "weather"}).status, 2);
+}
+
+TEST_F(CompareTest, RefusesIncompleteRunsOnBothSides) {
+  const std::string a = One("a", [](RunInfo& info) {
+    info.complete = false;
+    info.incompleteReason = "the power went";
+  });
+  const ToolResult refused = RunTool({"compare", a, a});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_THAT(refused.errors, HasSubstr("complete: no in A, no in B"));
+  EXPECT_THAT(RunTool({"compare", a, a, "--force"}).output, HasSubstr("incomplete: the power went"));
+}
+
+TEST_F(CompareTest, JsonHasEveryFigure) {
+  const std::string a = Repeats("a", {500, 501, 502, 503});
+  const std::string b = Repeats("b", {400, 401, 402, 403});
+  const ToolResult result = RunTool({"compare", "--json", "--figure", "ops,p99", a, b, "--skip", "3"});
+  EXPECT_EQ(result.status, 1) << result.errors;
+  const auto json = nlohmann::json::parse(result.output);
+  EXPECT_EQ(json["noise"], "repeats");
+  EXPECT_EQ(json["skip_s"], 3);
+  EXPECT_EQ(json["regression"], true);
+  EXPECT_EQ(json["a"]["runs"].size(), 4U);
+  ASSERT_EQ(json["figures"].size(), 2U);
+  EXPECT_EQ(json["figures"][0]["engine"], "cpu");
+  EXPECT_EQ(json["figures"][0]["figure"], "ops");
+  EXPECT_EQ(json["figures"][0]["verdict"], "worse");
+  EXPECT_DOUBLE_EQ(json["figures"][0]["a"].get<double>(), 501.5);
+  EXPECT_EQ(json["figures"][0]["b_values"].size(), 4U);
+  EXPECT_EQ(json["figures"][1]["lower_is_better"], true);
+}
+
+TEST_F(CompareTest, RefusesWhatIsNoRun) {
+  EXPECT_THAT(ErrorOf(folder_ / "none"), HasSubstr("there is no such folder"));
+  EXPECT_THAT(ErrorOf(folder_.Put("file", "")), HasSubstr("there is no such folder"));
+  std::filesystem::create_directories(folder_ / "empty/sub");
+  EXPECT_THAT(ErrorOf(folder_ / "empty"), HasSubstr("neither a run folder nor a folder of runs"));
+  EXPECT_THAT(ErrorOf((folder_ / "empty") + ":CPU=1"), HasSubstr("not a sweep: cannot read sweep.json"));
+  folder_.Put("bad/run.json", "{");
+  EXPECT_THAT(ErrorOf(folder_ / "bad"), HasSubstr("bad/run.json: "));
+  folder_.Put("repeats/1/run.json", "[]");
+  EXPECT_THAT(ErrorOf(folder_ / "repeats"), HasSubstr("repeats/1/run.json: "));
+}
+
+TEST_F(CompareTest, RefusesBadArguments) {
+  const std::string a = One("a");
+  const auto refused = [](std::vector<std::string> arguments, const std::string& words) {
+    const ToolResult result = RunTool(std::move(arguments));
+    EXPECT_EQ(result.status, 2) << words;
+    EXPECT_THAT(result.errors, HasSubstr(words));
+    EXPECT_EQ(result.output, "");
+  };
+  refused({"compare", a}, "B is required");
+  refused({"compare", a, folder_ / "none"}, "there is no such folder");
+  refused({"compare", a, a, "--tolerance", "-1"}, "--tolerance");
+  refused({"compare", a, a, "--confidence", "1"}, "--confidence");
+  refused({"compare", a, a, "--figure", "speed"}, "speed");
+  refused({"compare", a, a, "--skip", "31"}, "there is no second to compare after the first 31 s");
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "run_folder.h"
+
+/// A run of 41 seconds of which every figure is known: cpu with two threads, vpc, venc and aic with one,
+/// which begin and end within a second.
+namespace made_run {
+
+constexpr int kWholeSeconds = 39;
+
+struct Engine {
+  const char* name;
+  const char* stress;
+  int threads;
+  std::uint64_t operations;  ///< of a thread in a whole second
+  std::uint64_t latencyNs;   ///< of each
+  std::uint64_t bytes;       ///< of each
+  double printed;
+};
+constexpr Engine kEngines[] = {{"cpu", "cpuStress", 2, 400, 500'000, 16'588'800, 0},
+                               {"vpc", "kivuVpcStress", 1, 100, 4'000'000, 6'512'832, 250},
+                               {"venc", "kivuVencStress", 1, 50, 9'000'000, 3'118'400, 111},
+                               {"aic", "aicStress", 1, 12, 60'000'000, 47'000'000, 16.5}};
+
+inline scope::Sample SampleOf(const Engine& engine, int thread, double timeS, std::uint64_t operations) {
+  scope::Sample sample;
+  sample.timeS = timeS;
+  sample.engine = engine.name;
+  sample.thread = thread;
+  sample.operations = operations;
+  sample.busyNs = operations * engine.latencyNs;
+  sample.bytes = operations * engine.bytes;
+  if (operations != 0) sample.p50Ns = sample.p99Ns = sample.maxNs = engine.latencyNs;
+  return sample;
+}
+
+inline scope::Run Run() {
+  scope::Run run;
+  run.info.tool = "stress_scope 0.1.0";
+  run.info.kind = "record";
+  run.info.started = "2026-11-21T04:00:00Z";
+  run.info.complete = true;
+  run.info.durationS = 41.2;
+  run.info.config.path = "config/all.yaml";
+  run.info.config.text = "CPU:\n  Level: 2\n";
+  run.info.config.levels = {{"cpu", 2}, {"vpc", 1}, {"venc", 1}, {"aic", 1}};
+  run.info.conditions.cpuModel = "A Processor";
+  run.info.conditions.cpuCount = 4;
+  run.info.conditions.memTotalBytes = 8'000'000'000;
+  run.info.conditions.buildType = "Release";
+  run.info.conditions.loadAverage = {0.2, 0.1, 0.1};
+  run.info.conditions.meter = true;
+  run.info.counters = {{"thermal", true, ""}, {"resctrl", false, "not mounted"}};
+  for (int second = 1; second <= kWholeSeconds + 2; ++second) {
+    const bool edge = second == 1 || second == kWholeSeconds + 2;
+    for (const Engine& engine : kEngines) {
+      for (int thread = 0; thread != engine.threads; ++thread) {
+        run.samples.push_back(
+            SampleOf(engine, thread, second, edge ? engine.operations / 2 : engine.operations));
+      }
+      run.rates.push_back({static_cast<double>(second), engine.stress, second < 3 ? 0 : engine.printed});
+    }
+    run.counters.push_back({static_cast<double>(second), "thermal", "zone0", "degC", 50 + second * 0.1});
+  }
+  for (const Engine& engine : kEngines) {
+    const std::uint64_t operations = engine.operations * (kWholeSeconds + 1);
+    for (int thread = 0; thread != engine.threads; ++thread) {
+      run.histogram.push_back(
+          {engine.name, thread, engine.latencyNs - 1000, engine.latencyNs + 1001, operations});
+    }
+  }
+  return run;
+}
+
+/// Saves `run` as a run folder.
+inline void Write(const scope::Run& run, const std::string& folder) {
+  scope::RunWriter writer(folder, false);
+  writer.WriteInfo(run.info);
+  if (run.info.conditions.meter) {
+    writer.Add(run.samples);
+    writer.WriteHistogram(run.histogram);
+  }
+  writer.Add(run.rates);
+  writer.Add(run.counters);
+}
+
+}  // namespace made_run

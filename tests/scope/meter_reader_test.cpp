@@ -1,0 +1,149 @@
+#include "meter_reader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "latency_buckets.h"
+
+namespace {
+
+using scope::MeterError;
+using scope::MeterReader;
+using scope::MeterSecond;
+using scope::PacketType;
+using ::testing::HasSubstr;
+
+class MeterReaderTest : public ::testing::Test {
+ protected:
+  template <typename Packet>
+  void Send(const Packet& packet, std::size_t size = sizeof(Packet)) {
+    ASSERT_EQ(send(reader_.ChildEnd(), &packet, size, 0), static_cast<ssize_t>(size));
+  }
+
+  static scope::PacketHeader Header(PacketType type) {
+    return {scope::kMeterMagic, scope::kMeterVersion, type, 42, 0};
+  }
+
+  void SendHello() {
+    scope::HelloPacket hello{};
+    hello.header = Header(PacketType::kHello);
+    hello.bucketCount = scope::kBucketCount;
+    Send(hello);
+  }
+
+  struct OneBucket {
+    scope::ThreadSamplePacket head;
+    scope::BucketCount bucket;
+  };
+
+  static OneBucket SampleOf(scope::Engine engine) {
+    OneBucket sample{};
+    sample.head.header = Header(PacketType::kThreadSample);
+    sample.head.engine = engine;
+    sample.head.operations = 3;
+    sample.head.buckets = 1;
+    sample.bucket = {1000, 3};
+    return sample;
+  }
+
+  std::string ErrorOfRead() {
+    try {
+      reader_.Read(seconds_);
+    } catch (const MeterError& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+
+  MeterReader reader_{0};
+  std::vector<MeterSecond> seconds_;
+};
+
+TEST_F(MeterReaderTest, RefusesAMeterOfAnotherVersion) {
+  scope::HelloPacket hello{};
+  hello.header = Header(PacketType::kHello);
+  hello.header.version = scope::kMeterVersion + 1;
+  Send(hello);
+  const std::string error = ErrorOfRead();
+  EXPECT_THAT(error, HasSubstr("built for another version"));
+  EXPECT_THAT(error, HasSubstr("speaks version 2"));
+  EXPECT_THAT(error, HasSubstr("same build"));
+}
+
+TEST_F(MeterReaderTest, RefusesAVersionWhosePacketsHaveAnotherSize) {
+  scope::PacketHeader header = Header(PacketType::kHello);
+  header.version = 99;
+  Send(header);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("speaks version 99"));
+}
+
+TEST_F(MeterReaderTest, RefusesWhatIsNoMeter) {
+  Send("a line of text that somebody wrote here");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("no meter"));
+}
+
+TEST_F(MeterReaderTest, RefusesAPacketThatIsTooShort) {
+  Send(std::uint32_t{scope::kMeterMagic});
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("4 bytes, expected 24"));
+}
+
+TEST_F(MeterReaderTest, RefusesOtherBuckets) {
+  scope::HelloPacket hello{};
+  hello.header = Header(PacketType::kHello);
+  hello.bucketCount = 5;
+  Send(hello);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("has 5 latency buckets"));
+}
+
+TEST_F(MeterReaderTest, RefusesASampleWhoseBucketsAreMissing) {
+  SendHello();
+  const OneBucket sample = SampleOf(scope::Engine::kCpu);
+  Send(sample, sizeof(sample.head));
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("cannot be read"));
+}
+
+TEST_F(MeterReaderTest, RefusesAnUnknownEngineAndAnUnknownBucket) {
+  SendHello();
+  Send(SampleOf(static_cast<scope::Engine>(9)));
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("engine 9"));
+  OneBucket sample = SampleOf(scope::Engine::kCpu);
+  sample.bucket.bucket = scope::kBucketCount;
+  Send(sample);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("bucket 4480 of 4480"));
+}
+
+TEST_F(MeterReaderTest, ASecondProgramUnderTheMeterIsAnotherRun) {
+  SendHello();
+  OneBucket sample = SampleOf(scope::Engine::kCpu);
+  sample.head.header.processId = 43;
+  Send(sample);
+  Send(SampleOf(scope::Engine::kVpc));
+  scope::EndOfSecondPacket end{};
+  end.header = Header(PacketType::kEndOfSecond);
+  end.header.timeNs = 1'500'000'000;
+  Send(end);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(seconds_.size(), 1U);
+  ASSERT_EQ(seconds_[0].samples.size(), 1U);
+  EXPECT_EQ(seconds_[0].samples[0].engine, "vpc");
+  EXPECT_DOUBLE_EQ(seconds_[0].samples[0].timeS, 1.5);
+  EXPECT_EQ(seconds_[0].samples[0].operations, 3U);
+  EXPECT_FALSE(seconds_[0].samples[0].bytes.has_value());
+}
+
+TEST_F(MeterReaderTest, ASecondCutShortByTheEndOfTheProgramIsKept) {
+  SendHello();
+  OneBucket sample = SampleOf(scope::Engine::kCpu);
+  sample.head.header.timeNs = 2'000'000'000;
+  Send(sample);
+  reader_.CloseChildEnd();
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(seconds_.size(), 1U);
+  EXPECT_DOUBLE_EQ(seconds_[0].timeS, 2);
+  EXPECT_EQ(reader_.Descriptor(), -1);
+}
+
+}  // namespace

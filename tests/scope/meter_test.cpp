@@ -1,0 +1,353 @@
+// The meter under a program that counts for itself.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "child_process.h"
+#include "meter_reader.h"
+#include "sanitized.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using scope::ChildProcess;
+using scope::MeterReader;
+using scope::MeterSecond;
+using scope::Sample;
+
+constexpr const char* kEngineNames[] = {"cpu", "vpc", "venc", "aic", "vpc_copy"};
+
+struct Counted {
+  std::uint64_t operations = 0;
+  std::uint64_t busyNs = 0;
+  std::uint64_t failures = 0;
+  std::vector<std::uint64_t> latenciesNs;
+};
+
+struct Report {
+  std::map<std::string, Counted> engines;
+  int allocations = -1;
+  int threads = -1;
+};
+
+Report ReadReport(const std::string& path) {
+  Report report;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::string first;
+    words >> first;
+    if (first == "latency") {
+      std::size_t engine = 0;
+      std::uint64_t ns = 0;
+      words >> engine >> ns;
+      report.engines[kEngineNames[engine]].latenciesNs.push_back(ns);
+    } else if (first == "allocations") {
+      words >> report.allocations;
+    } else if (first == "threads") {
+      words >> report.threads;
+    } else {
+      Counted& counted = report.engines[kEngineNames[std::stoul(first)]];
+      words >> counted.operations >> counted.busyNs >> counted.failures;
+    }
+  }
+  return report;
+}
+
+// What the meter said, all seconds and threads of an engine together.
+struct Metered {
+  std::uint64_t operations = 0;
+  std::uint64_t busyNs = 0;
+  std::uint64_t failures = 0;
+  std::uint64_t bytes = 0;
+  bool bytesKnown = true;
+  std::uint64_t maxNs = 0;
+  std::map<int, std::uint64_t> operationsOfThread;
+};
+
+struct Load {
+  int calls = 100;
+  int threads = 2;
+  long waitNs = 1'000'000;
+  int failEvery = 0;
+  std::string mode;
+};
+
+class MeterTest : public ::testing::Test {
+ protected:
+  void Start(const Load& load, bool withMeter = true, bool withReader = true) {
+    reader_ = std::make_unique<MeterReader>(0);
+    if (fullQueue_) {
+      // Another process's packets, which the reader passes over.
+      const scope::PacketHeader other{scope::kMeterMagic, scope::kMeterVersion,
+                                      scope::PacketType::kEndOfSecond, -1, 0};
+      while (send(reader_->ChildEnd(), &other, sizeof(other), MSG_DONTWAIT) > 0) continue;
+      ASSERT_EQ(errno, EAGAIN);
+    }
+    ChildProcess::Options options;
+    options.program = COUNTED_LOAD;
+    options.arguments = {folder_ / "report",          folder_.Put("model", std::string(5000, 'w')),
+                         std::to_string(load.calls),  std::to_string(load.threads),
+                         std::to_string(load.waitNs), std::to_string(load.failEvery)};
+    if (!load.mode.empty()) options.arguments.push_back(load.mode);
+    if (withMeter) options.environment.emplace_back("LD_PRELOAD", METER);
+    if (withReader) {
+      options.environment.emplace_back(scope::kDescriptorVariable, std::to_string(reader_->ChildEnd()));
+      options.inherit = reader_->ChildEnd();
+    }
+    child_ = std::make_unique<ChildProcess>(options);
+    reader_->CloseChildEnd();
+  }
+
+  void Wait(bool read = true) {
+    while (!child_->HasEnded()) {
+      if (read) reader_->Read(seconds_);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    reader_->Read(seconds_);
+    EXPECT_EQ(child_->ExitStatus(), 0);
+    EXPECT_EQ(child_->EndSignal(), 0);
+    for (const MeterSecond& second : seconds_) {
+      for (const Sample& sample : second.samples) {
+        Metered& metered = metered_[sample.engine];
+        metered.operations += sample.operations;
+        metered.busyNs += sample.busyNs;
+        metered.failures += sample.failures;
+        metered.bytes += sample.bytes.value_or(0);
+        metered.bytesKnown = metered.bytesKnown && sample.bytes.has_value();
+        metered.maxNs = std::max(metered.maxNs, sample.maxNs);
+        metered.operationsOfThread[sample.thread] += sample.operations;
+      }
+    }
+    report_ = ReadReport(folder_ / "report");
+  }
+
+  void Run(const Load& load) {
+    Start(load);
+    if (!HasFatalFailure()) Wait();
+  }
+
+  std::uint64_t ExactPercentile(const std::string& engine, double quantile) {
+    std::vector<std::uint64_t>& values = report_.engines[engine].latenciesNs;
+    std::sort(values.begin(), values.end());
+    const auto rank = static_cast<std::size_t>(std::ceil(quantile * static_cast<double>(values.size())));
+    return values[std::max<std::size_t>(rank, 1) - 1];
+  }
+
+  scope::Histogram MeteredLatencies(const std::string& engine) {
+    scope::Histogram all;
+    for (const auto& [key, histogram] : reader_->Latencies()) {
+      if (key.first == engine) all.Add(histogram);
+    }
+    return all;
+  }
+
+  TemporaryFolder folder_;
+  bool fullQueue_ = false;
+  std::unique_ptr<MeterReader> reader_;
+  std::unique_ptr<ChildProcess> child_;
+  std::vector<MeterSecond> seconds_;
+  std::map<std::string, Metered> metered_;
+  Report report_;
+};
+
+TEST_F(MeterTest, AgreesWithAnIndependentCountWithinOnePercent) {
+  Load load;
+  load.calls = 300;
+  Run(load);
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
+    const Counted& counted = report_.engines[engine];
+    const Metered& metered = metered_[engine];
+    ASSERT_EQ(counted.operations, 600U) << engine;
+    EXPECT_EQ(metered.operations, counted.operations) << engine;
+    const auto busy = static_cast<double>(counted.busyNs);
+    EXPECT_NEAR(static_cast<double>(metered.busyNs), busy, busy * 0.01) << engine;
+    ASSERT_EQ(metered.operationsOfThread.size(), 2U) << engine;
+    EXPECT_EQ(metered.operationsOfThread.at(0), 300U) << engine;
+    EXPECT_EQ(metered.operationsOfThread.at(1), 300U) << engine;
+  }
+  EXPECT_EQ(metered_["vpc_copy"].operations, 2U);
+  EXPECT_TRUE(reader_->SaidLast());
+  EXPECT_EQ(reader_->DelayedSamples(), 0U);
+  // Four engines, one after the other, of 300 calls of 1 to 4 ms: several seconds, each with its own samples.
+  EXPECT_GE(seconds_.size(), 2U);
+}
+
+TEST_F(MeterTest, PercentilesAgreeWithExactOnesWithinOnePercent) {
+  Load load;
+  load.calls = 300;
+  Run(load);
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
+    const scope::Histogram latencies = MeteredLatencies(engine);
+    ASSERT_EQ(latencies.Total(), 600U) << engine;
+    for (const double quantile : {0.25, 0.50, 0.70, 0.90}) {
+      const auto exact = static_cast<double>(ExactPercentile(engine, quantile));
+      EXPECT_NEAR(static_cast<double>(latencies.Percentile(quantile)), exact, exact * 0.01)
+          << engine << " at " << quantile;
+    }
+    const auto longest = static_cast<double>(ExactPercentile(engine, 1));
+    EXPECT_NEAR(static_cast<double>(metered_[engine].maxNs), longest, longest * 0.01) << engine;
+  }
+}
+
+TEST_F(MeterTest, CountsTheBytesOfTheRecords) {
+  Load load;
+  load.calls = 10;
+  load.waitNs = 0;
+  Run(load);
+  const std::uint64_t operations = 20;
+  EXPECT_EQ(metered_["cpu"].bytes, operations * 2 * 100);
+  EXPECT_EQ(metered_["vpc"].bytes, operations * 3 * (64 * 32 + 32 * 32));
+  EXPECT_EQ(metered_["vpc_copy"].bytes, 2 * 3 * (2U * 64 * 32));
+  // Another platform's records of streams and buffers are its own: the frame alone, and the model's file
+  // alone.
+  EXPECT_FALSE(reader_->IsHostPlatform());
+  EXPECT_EQ(metered_["venc"].bytes, operations * (64 * 32 * 3 / 2));
+  EXPECT_EQ(metered_["aic"].bytes, operations * 5000);
+  for (const auto& [engine, metered] : metered_) EXPECT_TRUE(metered.bytesKnown) << engine;
+}
+
+TEST_F(MeterTest, CountsFailuresApartFromOperations) {
+  Load load;
+  load.calls = 50;
+  load.threads = 1;
+  load.waitNs = 0;
+  load.failEvery = 5;
+  Run(load);
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
+    EXPECT_EQ(report_.engines[engine].failures, 10U) << engine;
+    EXPECT_EQ(metered_[engine].failures, 10U) << engine;
+    EXPECT_EQ(metered_[engine].operations, 40U) << engine;
+    EXPECT_EQ(MeteredLatencies(engine).Total(), 40U) << engine;
+  }
+}
+
+TEST_F(MeterTest, AModelThatDoesNotLoadIsAFailureOfTheAiCore) {
+  Load load;
+  load.calls = 1;
+  load.waitNs = 0;
+  load.mode = "badmodel";
+  Run(load);
+  EXPECT_EQ(metered_["aic"].failures, 2U);
+  EXPECT_EQ(metered_["aic"].operations, 0U);
+}
+
+TEST_F(MeterTest, AllocatesNothingInAMeasuredCall) {
+  Load load;
+  load.calls = 1000;
+  load.waitNs = 0;
+  Run(load);
+  EXPECT_EQ(metered_["cpu"].operations, 2000U);
+  EXPECT_EQ(report_.allocations, 0);
+}
+
+TEST_F(MeterTest, MoreThreadsThanItHasRoomForAreCountedAsUnmeasured) {
+  Load load;
+  load.calls = 1;
+  load.threads = 60;  // five engines each, and room for 128 in all
+  load.waitNs = 0;
+  Run(load);
+  std::uint64_t measured = 0;
+  for (const auto& [engine, metered] : metered_) measured += metered.operations;
+  EXPECT_EQ(measured, 128U);
+  EXPECT_GT(reader_->Unmeasured(), 0U);
+}
+
+TEST_F(MeterTest, WithoutAReaderItOnlyPassesCallsOn) {
+  Load load;
+  load.calls = 10;
+  load.waitNs = 0;
+  Start(load, true, false);
+  Wait();
+  EXPECT_EQ(report_.engines["cpu"].operations, 20U);
+  EXPECT_EQ(report_.threads, 1);
+  EXPECT_FALSE(reader_->SaidHello());
+}
+
+TEST_F(MeterTest, WithAReaderThereIsOneThreadMore) {
+  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer has a thread of its own";
+  Load load;
+  load.calls = 1;
+  load.waitNs = 0;
+  Run(load);
+  EXPECT_EQ(report_.threads, 2);
+}
+
+TEST_F(MeterTest, AForkedChildIsNotThisRun) {
+  Load load;
+  load.calls = 10;
+  load.waitNs = 0;
+  load.mode = "fork";
+  Run(load);
+  EXPECT_EQ(metered_["cpu"].operations, 20U);
+  EXPECT_EQ(metered_["aic"].operations, 20U);
+}
+
+TEST_F(MeterTest, AReaderThatStallsDoesNotHoldTheWorkersUp) {
+  Load load;
+  load.calls = 150;
+  fullQueue_ = true;
+  Start(load);
+  Wait(false);
+  EXPECT_EQ(report_.engines["aic"].operations, 300U);
+  EXPECT_FALSE(reader_->SaidHello());
+  EXPECT_TRUE(metered_.empty());
+}
+
+TEST_F(MeterTest, WhatAStalledReaderMissedComesWithTheNextSample) {
+  Load load;
+  load.calls = 600;
+  fullQueue_ = true;
+  Start(load);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  Wait();
+  EXPECT_EQ(metered_["cpu"].operations, 1200U);
+  EXPECT_EQ(metered_["vpc"].operations, 1200U);
+  EXPECT_GT(reader_->DelayedSamples(), 0U);
+}
+
+TEST_F(MeterTest, AReaderThatGoesAwayDoesNotEndTheProgram) {
+  Load load;
+  load.calls = 150;
+  Start(load);
+  reader_ = std::make_unique<MeterReader>(0);
+  Wait();
+  EXPECT_EQ(report_.engines["aic"].operations, 300U);
+}
+
+TEST_F(MeterTest, SaysWhichPlatformItStandsInFrontOf) {
+  Load load;
+  load.calls = 1;
+  load.waitNs = 0;
+  Run(load);
+  EXPECT_NE(reader_->PlatformPath().find("libcounting_platform"), std::string::npos)
+      << reader_->PlatformPath();
+}
+
+TEST_F(MeterTest, ADescriptorThatIsNoReaderIsLeftAlone) {
+  for (const char* descriptor : {"", "1", "999", "-1", "x", "99999999999999999999"}) {
+    ChildProcess::Options options;
+    options.program = COUNTED_LOAD;
+    options.arguments = {folder_ / "report", "model", "5", "1", "0", "0"};
+    options.environment = {{"LD_PRELOAD", METER}, {scope::kDescriptorVariable, descriptor}};
+    ChildProcess child(options);
+    while (!child.HasEnded()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(child.ExitStatus(), 0) << descriptor;
+    scope::LineReader reader;
+    std::vector<std::string> lines;
+    reader.Read(child.Output(), lines);
+    EXPECT_TRUE(lines.empty()) << descriptor << ": " << lines.front();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,47 @@
+#include "rate_line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using scope::ParseRateLine;
+using ::testing::HasSubstr;
+
+std::string ErrorOf(const std::string& line) {
+  try {
+    (void)ParseRateLine(line, 1);
+  } catch (const scope::RateLineError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+TEST(RateLine, HasAnEntryForEachStressAndLeavesTheConstantOut) {
+  const auto rates =
+      ParseRateLine("cpuStress : 431.034483 fps. kivuVpcStress : 0.000000 fps. ispStress : 30.0 fps.", 7);
+  ASSERT_EQ(rates.size(), 2U);
+  EXPECT_EQ(rates[0].stress, "cpuStress");
+  EXPECT_DOUBLE_EQ(rates[0].fps, 431.034483);
+  EXPECT_DOUBLE_EQ(rates[0].timeS, 7);
+  EXPECT_EQ(rates[1].stress, "kivuVpcStress");
+}
+
+TEST(RateLine, WithoutAStressHasNoEntry) {
+  EXPECT_TRUE(ParseRateLine("ispStress : 30.0 fps.", 1).empty());
+}
+
+TEST(RateLine, SaysWhereItIsWrongAndWhatWasExpected) {
+  EXPECT_EQ(ErrorOf(""), "character 1: expected the name of a stress, found the end of the line");
+  EXPECT_EQ(ErrorOf("cpuStress = 1 fps."), "character 10: expected \" : \", found \" = 1 fps.\"");
+  EXPECT_EQ(ErrorOf("cpuStress : nan fps."),
+            "character 13: expected a rate such as 30.0, found \"nan fps.\"");
+  EXPECT_EQ(ErrorOf("cpuStress : 1.2.3 fps."),
+            "character 13: expected a rate such as 30.0, found \"1.2.3 fps.\"");
+  EXPECT_THAT(ErrorOf("cpuStress : 1 fps"), HasSubstr("expected \" fps.\""));
+  EXPECT_THAT(ErrorOf("cpuStress : 1 fps."), HasSubstr("expected \" \", found the end of the line"));
+  EXPECT_THAT(ErrorOf("ispStress : 30.0 fps. cpuStress : 1 fps."),
+              HasSubstr("the end of the line after ispStress"));
+}
+
+}  // namespace

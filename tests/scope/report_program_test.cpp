@@ -1,0 +1,193 @@
+// stress_scope report as a user runs it: the page that it writes, and what it says of bad input.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "made_run.h"
+#include "run_tool.h"
+#include "temporary_folder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class ReportProgramTest : public ::testing::Test {
+ protected:
+  ReportProgramTest() { made_run::Write(made_run::Run(), run_); }
+
+  static ToolResult Report(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "report");
+    return RunProgram(STRESS_SCOPE, std::move(arguments));
+  }
+
+  // Refused with these words, and nothing is written.
+  void Refused(const std::vector<std::string>& arguments, const std::string& words) const {
+    const ToolResult result = Report(arguments);
+    EXPECT_EQ(result.status, 2) << words << "\n" << result.errors;
+    EXPECT_THAT(result.errors, HasSubstr(words));
+    EXPECT_EQ(result.output, "");
+    EXPECT_FALSE(fs::exists(run_ + "/report.html"));
+    EXPECT_FALSE(fs::exists(run_ + "/report.html.new"));
+  }
+
+  TemporaryFolder folder_;
+  std::string run_ = folder_ / "before";
+};
+
+TEST_F(ReportProgramTest, WritesAPageIntoTheFolderAndASummary) {
+  const ToolResult result = Report({run_ + "/"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output,
+              AllOf(HasSubstr("before\n"), HasSubstr("  cpu "), HasSubstr("before/report.html\n")));
+  EXPECT_THAT(folder_.Get("before/report.html"), AllOf(HasSubstr("<!DOCTYPE html>"), HasSubstr("</html>\n")));
+}
+
+TEST_F(ReportProgramTest, PutsSeveralRunsOnOnePage) {
+  made_run::Write(made_run::Run(), folder_ / "after");
+  const ToolResult result = Report({run_, folder_ / "after", "-o", folder_ / "both.html"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(folder_.Get("both.html"), AllOf(HasSubstr("A: before"), HasSubstr("B: after")));
+  EXPECT_FALSE(fs::exists(run_ + "/report.html"));
+}
+
+TEST_F(ReportProgramTest, TextWritesNoPage) {
+  const ToolResult result = Report({run_, "--text"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output, AllOf(HasSubstr("  cpu "), Not(HasSubstr("report.html"))));
+  EXPECT_FALSE(fs::exists(run_ + "/report.html"));
+}
+
+TEST_F(ReportProgramTest, ReplacesTheReportThatWasThere) {
+  folder_.Put("before/report.html", "old");
+  EXPECT_EQ(Report({run_}).status, 0);
+  EXPECT_THAT(folder_.Get("before/report.html"), HasSubstr("<!DOCTYPE html>"));
+}
+
+TEST_F(ReportProgramTest, RefusesWrongArguments) {
+  Refused({}, "DIR is required");
+  Refused({run_, "--bogus"}, "--bogus");
+  Refused({run_, run_, run_, run_, run_, run_, run_, run_, run_}, "1 to 8 run folders, not of 9");
+}
+
+TEST_F(ReportProgramTest, RefusesFoldersThatAreNoRun) {
+  fs::create_directories(folder_ / "empty");
+  Refused({folder_ / "none"}, "none: there is no such folder");
+  Refused({folder_ / "empty"}, "empty: not a run folder: cannot read run.json");
+  Refused({folder_.Put("a file", "")}, "a file: there is no such folder");
+  Refused({run_, folder_ / "empty"}, "empty: not a run folder");
+}
+
+TEST_F(ReportProgramTest, RefusesForeignAndTruncatedDescriptions) {
+  folder_.Put("before/run.json", "{\"format\": 2}");
+  Refused({run_}, "written in format 2, this program reads format 1");
+  folder_.Put("before/run.json", "{\"name\": \"a package\"}");
+  Refused({run_}, "not the description of a run");
+  folder_.Put("before/run.json", "");
+  Refused({run_}, "run.json: ");
+  folder_.Put("before/run.json", "{\"format\": 1, \"kind\": \"record\", \"conditions\": {\"cpu_model\": \"A");
+  Refused({run_}, "run.json: ");
+  folder_.Put("before/run.json",
+              "{\"format\": 1, \"kind\": \"record\", \"conditions\": {\"load_average\": 3}}");
+  Refused({run_}, "run.json: ");
+  folder_.Put("before/run.json", "\xff\xfe{}");
+  Refused({run_}, "run.json: ");
+}
+
+TEST_F(ReportProgramTest, RefusesForeignTables) {
+  const std::string samples = folder_.Get("before/samples.csv");
+  folder_.Put("before/samples.csv", "a,b\n1,2\n");
+  Refused({run_}, "samples.csv:1: expected the header");
+  folder_.Put("before/samples.csv", samples + "1e999,cpu,0,1,1,1,0,1,1,1\n");
+  Refused({run_}, "expected a number as time_s, found \"1e999\"");
+  folder_.Put("before/samples.csv", samples + std::string("\0\0\0\n", 4));
+  Refused({run_}, "expected 10 fields");
+  fs::remove(run_ + "/samples.csv");
+  Refused({run_}, "a complete run has this file, and it is missing");
+}
+
+TEST_F(ReportProgramTest, ShowsWhatATruncatedRunHasAndSaysSo) {
+  scope::Run run = made_run::Run();
+  run.info.complete = false;
+  run.info.incompleteReason = "the power went";
+  scope::RunWriter(run_, true).WriteInfo(run.info);
+  const ToolResult nothing = Report({run_});
+  EXPECT_EQ(nothing.status, 0) << nothing.errors;
+  EXPECT_THAT(nothing.output, AllOf(HasSubstr("nothing was recorded"), HasSubstr("the power went"),
+                                    HasSubstr("samples.csv is missing")));
+  fs::remove(run_ + "/report.html");
+
+  made_run::Write(run, folder_ / "cut");
+  const std::string samples = folder_.Get("cut/samples.csv");
+  folder_.Put("cut/samples.csv", samples.substr(0, samples.size() / 2));
+  const ToolResult half = Report({folder_ / "cut"});
+  EXPECT_EQ(half.status, 0) << half.errors;
+  EXPECT_THAT(half.output, AllOf(HasSubstr("  cpu            2"), HasSubstr("is cut and was left out")));
+}
+
+TEST_F(ReportProgramTest, ShowsSamplesWithGapsAndSaysSo) {
+  scope::Run run = made_run::Run();
+  std::vector<scope::Sample> kept;
+  for (const scope::Sample& sample : run.samples) {
+    if (sample.timeS <= 10 || sample.timeS >= 20) kept.push_back(sample);
+  }
+  run.samples = kept;
+  made_run::Write(run, folder_ / "gap");
+  const ToolResult result = Report({folder_ / "gap"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output,
+              HasSubstr("warning: no sample of cpu thread 0 and 4 more between 10.000 s and 20.000 s"));
+  EXPECT_THAT(result.output, HasSubstr("800.0")) << "the rate of the seconds that are there";
+}
+
+// Times that go back or stand still, and numbers at the end of their range.
+TEST_F(ReportProgramTest, SurvivesAbsurdFigures) {
+  const std::string header = "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+  const std::string most = "18446744073709551615";
+  folder_.Put(
+      "before/samples.csv",
+      header + "5,cpu,0,1,1,1,0,1,1,1\n5,cpu,0,1,1,1,0,1,1,1\n-3,cpu,0,1,1,1,0,1,1,1\n0,,0,0,0,,0,0,0,0\n" +
+          "1e300,vpc,1000000," + most + "," + most + "," + most + "," + most + "," + most + "," + most + "," +
+          most + "\n");
+  folder_.Put("before/histogram.csv",
+              "engine,thread,low_ns,high_ns,count\nvpc,0," + most + ",0," + most + "\ncpu,0,0,0,0\n");
+  folder_.Put("before/rates.csv", "time_s,stress,fps\n-1,cpuStress,1e300\n1,,-5\n");
+  const ToolResult result = Report({run_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+}
+
+TEST_F(ReportProgramTest, RefusesAPlaceThatItCannotWriteTo) {
+  Refused({run_, "-o", "/proc/none/report.html"}, "cannot write /proc/none/report.html");
+  Refused({run_, "-o", folder_.Path()}, "cannot write " + folder_.Path());
+}
+
+TEST_F(ReportProgramTest, SaysThatTheDiskIsFullAndKeepsTheReportThatWasThere) {
+  Refused({run_, "-o", "/dev/full"}, "cannot write /dev/full: No space left on device");
+  folder_.Put("report.html", "old");
+  fs::create_symlink("/dev/full", folder_ / "report.html.new");
+  Refused({run_, "-o", folder_ / "report.html"}, "No space left on device");
+  EXPECT_EQ(folder_.Get("report.html"), "old");
+}
+
+TEST_F(ReportProgramTest, SaysThatStandardOutputIsFull) {
+  const ToolResult result = RunProgram(
+      "/bin/sh", {"-c", std::string("'") + STRESS_SCOPE + "' report --text '" + run_ + "' >/dev/full"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors, HasSubstr("cannot write to standard output: No space left on device"));
+}
+
+TEST_F(ReportProgramTest, ShowsRateLinesAlone) {
+  const std::string line = "cpuStress : 250.000000 fps. ispStress : 30.0 fps.\n";
+  ASSERT_EQ(
+      RunProgram(STRESS_SCOPE, {"rates", folder_.Put("lines", line + line + line), "-o", folder_ / "board"})
+          .status,
+      0);
+  const ToolResult result = Report({folder_ / "board"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output, AllOf(HasSubstr("no meter: rate lines alone"), HasSubstr("250.0")));
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+#include "run_folder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+class RunFolderTest : public ::testing::Test {
+ protected:
+  static RunInfo SomeInfo() {
+    RunInfo info;
+    info.tool = "stress_scope 0.1.0";
+    info.kind = "record";
+    info.started = "2026-11-21T04:00:00Z";
+    info.complete = true;
+    info.durationS = 41.5;
+    info.exitStatus = 3;
+    info.signal = 2;
+    info.label = "four \"threads\"\n\xff";
+    info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}, {"venc", 10}}};
+    info.conditions.cpuModel = "a CPU";
+    info.conditions.cpuCount = 2;
+    info.conditions.caches = {{1, "Data", 49152, 2}};
+    info.conditions.libraryVersions = {{"libormis", "1.0.0"}};
+    info.conditions.loadAverage = {0.5, 1, 2};
+    info.conditions.meter = true;
+    info.counters = {{"edac", false, "no driver"}};
+    return info;
+  }
+
+  static Sample SampleAt(double timeS, const std::string& engine = "cpu", int thread = 0) {
+    Sample sample;
+    sample.timeS = timeS;
+    sample.engine = engine;
+    sample.thread = thread;
+    sample.operations = 100;
+    sample.busyNs = 900'000'000;
+    sample.bytes = 18'446'744'073'709'551'615U;
+    sample.failures = 1;
+    sample.p50Ns = 9'000'000;
+    sample.p99Ns = 9'900'000;
+    sample.maxNs = 10'000'000;
+    return sample;
+  }
+
+  void WriteWhole(const RunInfo& info, const std::vector<Sample>& samples) const {
+    RunWriter writer(run_, false);
+    writer.WriteInfo(info);
+    writer.Add(samples);
+    writer.Add(std::vector<Rate>{{1.25, "cpuStress", 431.034483}});
+    writer.AddRateLine("cpuStress : 431.034483 fps. ispStress : 30.0 fps.");
+    writer.WriteHistogram({{"cpu", 0, 1000, 1008, 100}});
+  }
+
+  std::string ErrorOfRead() const {
+    try {
+      (void)ReadRun(run_);
+    } catch (const RunFolderError& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+
+  TemporaryFolder folder_;
+  std::string run_ = folder_ / "a/run";
+};
+
+TEST_F(RunFolderTest, ReadsWhatItWrote) {
+  Sample unknown = SampleAt(2, "aic", 3);
+  unknown.bytes.reset();
+  WriteWhole(SomeInfo(), {SampleAt(1.0005), unknown});
+  const scope::Run run = ReadRun(run_);
+  EXPECT_TRUE(run.notes.empty()) << run.notes.front();
+  EXPECT_EQ(run.info.kind, "record");
+  EXPECT_TRUE(run.info.complete);
+  EXPECT_DOUBLE_EQ(run.info.durationS, 41.5);
+  EXPECT_EQ(run.info.exitStatus, 3);
+  EXPECT_EQ(run.info.signal, 2);
+  EXPECT_EQ(run.info.label, "four \"threads\"\n\xef\xbf\xbd");  // what is no text is replaced
+  EXPECT_EQ(run.info.config.text, "CPU:\n  Level: 1\n");
+  EXPECT_THAT(run.info.config.levels, ElementsAre(std::pair("cpu", 1), std::pair("venc", 10)));
+  EXPECT_EQ(run.info.conditions.caches.at(0).bytes, 49152U);
+  EXPECT_THAT(run.info.conditions.loadAverage, ElementsAre(0.5, 1, 2));
+  EXPECT_EQ(run.info.counters.at(0).reason, "no driver");
+  ASSERT_EQ(run.samples.size(), 2U);
+  EXPECT_NEAR(run.samples[0].timeS, 1.0005, 0.001);
+  EXPECT_EQ(run.samples[0].bytes, SampleAt(0).bytes);
+  EXPECT_EQ(run.samples[0].maxNs, 10'000'000U);
+  EXPECT_FALSE(run.samples[1].bytes.has_value());
+  EXPECT_EQ(run.samples[1].thread, 3);
+  ASSERT_EQ(run.rates.size(), 1U);
+  EXPECT_DOUBLE_EQ(run.rates[0].fps, 431.034483);
+  ASSERT_EQ(run.histogram.size(), 1U);
+  EXPECT_EQ(run.histogram[0].highNs, 1008U);
+  EXPECT_THAT(folder_.Get("a/run/samples.jsonl"), HasSubstr("\"bytes\":null"));
+}
+
+TEST_F(RunFolderTest, RefusesAFolderWithSomethingInIt) {
+  folder_.Put("a/run/notes.txt", "mine");
+  EXPECT_THROW(RunWriter(run_, false), RunFolderError);
+  EXPECT_EQ(folder_.Get("a/run/notes.txt"), "mine");
+  EXPECT_THROW(RunWriter(folder_.Put("file", ""), true), RunFolderError);
+}
+
+TEST_F(RunFolderTest, ForceReplacesARunAndNothingElse) {
+  WriteWhole(SomeInfo(), {SampleAt(1)});
+  folder_.Put("a/run/notes.txt", "mine");
+  folder_.Put("a/run/report.html", "of the run that goes");
+  RunWriter writer(run_, true);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "a/run/report.html"));
+  EXPECT_EQ(folder_.Get("a/run/notes.txt"), "mine");
+  EXPECT_FALSE(IsRunFolder(run_));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "a/run/samples.csv"));
+}
+
+TEST_F(RunFolderTest, TakesAnEmptyFolder) {
+  std::filesystem::create_directories(run_);
+  EXPECT_NO_THROW(RunWriter(run_, false));
+}
+
+TEST_F(RunFolderTest, AFullDiskIsSaidAndKeepsWhatIsThere) {
+  RunWriter writer(run_, false);
+  writer.WriteInfo(SomeInfo());
+  std::filesystem::create_symlink("/dev/full", run_ + "/samples.csv");
+  try {
+    writer.Add({SampleAt(1)});
+    FAIL() << "no error";
+  } catch (const RunFolderError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("samples.csv: No space left on device"));
+  }
+  EXPECT_NO_THROW(writer.Add(std::vector<Rate>{{1, "cpuStress", 5}}));
+  EXPECT_EQ(ReadRunInfo(run_).kind, "record");
+}
+
+TEST_F(RunFolderTest, ALineThatWasCutIsLeftOutAndNoted) {
+  WriteWhole(SomeInfo(), {SampleAt(1), SampleAt(2)});
+  const std::string whole = folder_.Get("a/run/samples.csv");
+  folder_.Put("a/run/samples.csv", whole.substr(0, whole.size() - 9));
+  const scope::Run run = ReadRun(run_);
+  EXPECT_EQ(run.samples.size(), 1U);
+  EXPECT_THAT(run.notes, ElementsAre("samples.csv: line 3 is cut and was left out"));
+}
+
+TEST_F(RunFolderTest, SecondsWithoutASampleAreNotedOnce) {
+  WriteWhole(SomeInfo(), {SampleAt(1), SampleAt(2), SampleAt(5), SampleAt(9), SampleAt(9, "vpc"),
+                          SampleAt(9, "vpc_copy"), SampleAt(20, "vpc_copy")});
+  EXPECT_THAT(ReadRun(run_).notes, ElementsAre("no sample of cpu thread 0 between 2.000 s and 5.000 s"));
+}
+
+TEST_F(RunFolderTest, ThreadsWithTheSameGapShareANote) {
+  WriteWhole(SomeInfo(), {SampleAt(1), SampleAt(1, "cpu", 1), SampleAt(1, "vpc"), SampleAt(4),
+                          SampleAt(4, "cpu", 1), SampleAt(4, "vpc")});
+  EXPECT_THAT(ReadRun(run_).notes,
+              ElementsAre("no sample of cpu thread 0 and 2 more between 1.000 s and 4.000 s"));
+}
+
+TEST_F(RunFolderTest, AnIncompleteRunMayLackItsLastFiles) {
+  RunInfo info = SomeInfo();
+  info.complete = false;
+  info.incompleteReason = "the power went";
+  RunWriter(run_, false).WriteInfo(info);
+  const scope::Run run = ReadRun(run_);
+  EXPECT_EQ(run.notes.size(), 4U);
+  EXPECT_EQ(run.notes[0], "the run is incomplete: the power went");
+}
+
+TEST_F(RunFolderTest, ACompleteRunMayNot) {
+  WriteWhole(SomeInfo(), {SampleAt(1)});
+  std::filesystem::remove(folder_ / "a/run/histogram.csv");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("histogram.csv: a complete run has this file"));
+}
+
+TEST_F(RunFolderTest, RefusesForeignFolders) {
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("there is no such folder"));
+  std::filesystem::create_directories(run_);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("not a run folder"));
+  folder_.Put("a/run/run.json", "[1, 2]");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("not the description of a run"));
+  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\":");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("run.json: "));
+  folder_.Put("a/run/run.json", "{\"format\": 2}");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("written in format 2, this program reads format 1"));
+  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"sweep\"}");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("found \"sweep\""));
+  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"record\", \"complete\": \"yes\"}");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("must be boolean"));
+  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"record\", \"config\": []}");
+  EXPECT_NE(ErrorOfRead(), "no error");
+}
+
+TEST_F(RunFolderTest, RefusesForeignTables) {
+  WriteWhole(SomeInfo(), {SampleAt(1)});
+  const std::string header = "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+  folder_.Put("a/run/samples.csv", "time,rate\n1,2\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:1: expected the header"));
+  folder_.Put("a/run/samples.csv", header + "1,cpu,0\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:2: expected 10 fields"));
+  folder_.Put("a/run/samples.csv", header + "1,cpu,0,-5,6,7,8,9,10,11\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:2: expected a whole number as operations, found \"-5\""));
+  folder_.Put("a/run/samples.csv", header + "nan,cpu,0,5,6,7,8,9,10,11\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("expected a number as time_s, found \"nan\""));
+  folder_.Put("a/run/samples.csv", header + "1,cpu,99999999999999999999,5,6,7,8,9,10,11\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("as thread"));
+}
+
+}  // namespace

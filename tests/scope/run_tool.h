@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "child_process.h"
+
+/// How a program ended and what it wrote.
+struct ToolResult {
+  int status = -1;  ///< exit status, or the negative number of the signal that ended it
+  std::string output;
+  std::string errors;
+};
+
+/// Waits for the end of `child`, whose standard error is taken.
+inline ToolResult WaitFor(scope::ChildProcess& child) {
+  ToolResult result;
+  scope::LineReader output;
+  scope::LineReader errors;
+  bool ended = false;
+  while (!ended) {
+    ended = child.HasEnded();
+    std::vector<std::string> lines;
+    output.Read(child.Output(), lines);
+    for (const std::string& line : lines) result.output += line + "\n";
+    lines.clear();
+    errors.Read(child.Errors(), lines);
+    for (const std::string& line : lines) result.errors += line + "\n";
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  result.status = child.EndSignal() == 0 ? child.ExitStatus() : -child.EndSignal();
+  return result;
+}
+
+inline scope::ChildProcess::Options ProgramOptions(const std::string& program,
+                                                   std::vector<std::string> arguments) {
+  scope::ChildProcess::Options options;
+  options.program = program;
+  options.arguments = std::move(arguments);
+  options.takeErrors = true;
+  return options;
+}
+
+inline ToolResult RunProgram(const std::string& program, std::vector<std::string> arguments) {
+  scope::ChildProcess child(ProgramOptions(program, std::move(arguments)));
+  return WaitFor(child);
+}

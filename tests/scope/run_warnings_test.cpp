@@ -1,0 +1,143 @@
+#include "run_warnings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "made_run.h"
+
+namespace {
+
+using scope::DriftAtEnd;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+std::vector<std::string> WarningsOf(const scope::Run& run) {
+  return scope::Warnings(run, scope::Summarise(run));
+}
+
+// Without the copies, which take less than a millisecond.
+scope::Run QuietRun() {
+  scope::Run run = made_run::Run();
+  const auto isCpu = [](const auto& row) { return row.engine == "cpu"; };
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(), isCpu), run.samples.end());
+  run.histogram.erase(std::remove_if(run.histogram.begin(), run.histogram.end(), isCpu), run.histogram.end());
+  return run;
+}
+
+TEST(RunWarnings, NoneWhereNothingIsAmiss) {
+  EXPECT_THAT(WarningsOf(QuietRun()), IsEmpty());
+}
+
+TEST(RunWarnings, OperationsBelowAMillisecond) {
+  EXPECT_THAT(WarningsOf(made_run::Run()),
+              ElementsAre(AllOf(HasSubstr("cpu: 100 % of the operations take less than a millisecond"),
+                                HasSubstr("printed rate is not to be used"))));
+}
+
+TEST(RunWarnings, BuildsForDebugging) {
+  scope::Run run = QuietRun();
+  for (const char* build : {"Debug", "RelWithDebInfo address,undefined", "Release thread"}) {
+    run.info.conditions.buildType = build;
+    EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("built as \"" + std::string(build) + "\"")));
+  }
+  for (const char* build : {"", "RelWithDebInfo"}) {
+    run.info.conditions.buildType = build;
+    EXPECT_THAT(WarningsOf(run), IsEmpty()) << build;
+  }
+}
+
+TEST(RunWarnings, ABusyMachine) {
+  scope::Run run = QuietRun();
+  run.info.conditions.loadAverage = {1.1, 0, 0};
+  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("busy at the start: a load average of 1.10 on 4 CPUs")));
+  run.info.conditions.loadAverage = {};
+  EXPECT_THAT(WarningsOf(run), IsEmpty());
+}
+
+TEST(RunWarnings, WhatTheReaderNoted) {
+  scope::Run run = QuietRun();
+  run.notes = {"the run is incomplete: the power went"};
+  EXPECT_THAT(WarningsOf(run), ElementsAre("the run is incomplete: the power went"));
+}
+
+TEST(RunWarnings, FailuresAndAnEngineThatStopped) {
+  scope::Run run = QuietRun();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine != "vpc" || sample.timeS <= 30) continue;
+    sample.operations = 0;
+    sample.failures = sample.timeS == 31 ? 3 : 0;
+  }
+  EXPECT_THAT(WarningsOf(run),
+              ElementsAre("vpc: 3 operations failed", "vpc: no operation after 30 s of 41 s"));
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine == "vpc") sample.operations = 0;
+  }
+  EXPECT_THAT(WarningsOf(run), ElementsAre("vpc: 3 operations failed", "vpc: not one operation succeeded"));
+}
+
+TEST(RunWarnings, RatesThatDrift) {
+  scope::Run run = QuietRun();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine == "venc") sample.operations = 100 - static_cast<std::uint64_t>(sample.timeS);
+  }
+  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("venc: the rate is still drifting at the end, by -2")));
+}
+
+TEST(RunWarnings, PrintedRatesWithoutTheMeter) {
+  scope::Run run = QuietRun();
+  run.samples.clear();
+  run.histogram.clear();
+  for (scope::Rate& rate : run.rates) {
+    if (rate.stress == "aicStress") rate.fps = 1000 + rate.timeS;
+  }
+  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("cpuStress: every printed rate is 0"),
+                                           HasSubstr("aicStress: printed rates above 1000 fps")));
+}
+
+TEST(RunWarnings, WhatTheCountersShow) {
+  scope::Run run = QuietRun();
+  for (int second = 0; second != 30; ++second) {
+    const double timeS = second;
+    run.counters.push_back({timeS, "cpufreq", "cpu0", "MHz", second < 10 ? 2400.0 : 1800.0});
+    run.counters.push_back({timeS, "cpufreq", "cpu1", "MHz", second < 10 ? 2400.0 : 1900.0});
+    run.counters.push_back({timeS, "cpufreq", "cpu2", "MHz", second == 10 ? 2400.0 : 2350.0});
+    run.counters.push_back({timeS, "devfreq", "dmc", "Hz", second < 20 ? 2133e6 : 1066e6});
+    run.counters.push_back({timeS, "edac", "mc0/ce_count", "errors", second < 20 ? 4.0 : 6.0});
+    run.counters.push_back({timeS, "throttle", "cpu0", "events", 7.0 + second});
+    run.counters.push_back({timeS, "throttle", "cpu1", "events", 7.0});
+  }
+  EXPECT_THAT(
+      WarningsOf(run),
+      ElementsAre("cpufreq: cpu0: slowed down from 2400 to 1800 MHz during the run (and 1 more of this kind)",
+                  "devfreq: dmc: the frequency changed during the run, between 1066 and 2133 MHz",
+                  "edac: mc0/ce_count: 2 memory errors during the run",
+                  "throttle: cpu0: throttled 29 times during the run"));
+}
+
+TEST(DriftAtEnd, IsTheChangeOfTheSecondHalf) {
+  std::vector<double> rates(20, 7.0);
+  for (int i = 0; i != 21; ++i) rates.push_back(90 + i);
+  EXPECT_NEAR(DriftAtEnd(rates), 0.2, 1e-9);
+}
+
+TEST(DriftAtEnd, IsNoneInNoiseInAStepAndInTooFew) {
+  std::vector<double> noise;
+  for (int i = 0; i != 40; ++i) noise.push_back(100 + (i * 7919 % 13) - 6);
+  EXPECT_DOUBLE_EQ(DriftAtEnd(noise), 0);
+  std::vector<double> early(40, 100.0);
+  for (int i = 0; i != 20; ++i) early[static_cast<std::size_t>(i)] = 50 + i;
+  EXPECT_DOUBLE_EQ(DriftAtEnd(early), 0) << "it had settled";
+  EXPECT_DOUBLE_EQ(DriftAtEnd({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}), 0);
+  EXPECT_DOUBLE_EQ(DriftAtEnd({}), 0);
+}
+
+// Against the pairs of values that it would take: 10^10 of them.
+TEST(DriftAtEnd, OfALongRunIsOfPartsOfIt) {
+  std::vector<double> rates;
+  for (int i = 0; i != 200'000; ++i) rates.push_back(1e6 + i);
+  EXPECT_NEAR(DriftAtEnd(rates), 1e5 / 1.15e6, 0.001);
+}
+
+}  // namespace

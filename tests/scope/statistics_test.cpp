@@ -1,0 +1,217 @@
+// Against published values; the sources are named where the numbers stand.
+#include "statistics.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numeric>
+#include <stdexcept>
+
+namespace {
+
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+// Michelson's hundred measurements of the speed of light in air, km/s above 299000, in the order of NIST's
+// Statistical Reference Datasets ("Michelso"), which certifies mean and standard deviation to 15 digits.
+const std::vector<double> kMichelson = {
+    850, 740, 900, 1070, 930, 850, 950, 980, 980, 880, 1000, 980, 930, 650, 760, 810, 1000, 1000, 960, 960,
+    960, 940, 960, 940,  880, 800, 850, 880, 900, 840, 830,  790, 810, 880, 880, 830, 800,  790,  760, 800,
+    880, 880, 880, 860,  720, 720, 620, 860, 970, 950, 880,  910, 850, 870, 840, 840, 850,  840,  840, 840,
+    890, 810, 810, 820,  800, 770, 760, 740, 750, 760, 910,  920, 890, 860, 880, 720, 840,  850,  850, 780,
+    890, 840, 780, 810,  760, 810, 790, 810, 820, 850, 870,  870, 810, 740, 810, 940, 950,  800,  810, 870};
+
+// NIST's "NumAcc3" and "NumAcc4": 1001 values that differ in the last digits only. Certified standard
+// deviation of both: 0.1.
+std::vector<double> NumAcc(double base) {
+  std::vector<double> values = {base + 0.2};
+  for (int i = 0; i < 500; ++i) {
+    values.push_back(base + 0.1);
+    values.push_back(base + 0.3);
+  }
+  return values;
+}
+
+// The survival of mice after surgery, days: Efron and Tibshirani, "An Introduction to the Bootstrap", 1993,
+// table 2.1.
+const std::vector<double> kTreated = {94, 197, 16, 38, 99, 141, 23};
+const std::vector<double> kUntreated = {52, 104, 146, 10, 51, 30, 40, 27, 46};
+
+TEST(StatisticsTest, MeanAndDeviationAreNistsToTwelveDigits) {
+  ASSERT_EQ(kMichelson.size(), 100U);
+  EXPECT_DOUBLE_EQ(Mean(kMichelson), 852.4);
+  EXPECT_NEAR(StandardDeviation(kMichelson), 79.0105478190518, 1e-11);
+  EXPECT_NEAR(CoefficientOfVariation(kMichelson), 79.0105478190518 / 852.4, 1e-13);
+}
+
+TEST(StatisticsTest, DigitsAreKeptWhereTheMeanIsMuchGreaterThanTheSpread) {
+  EXPECT_DOUBLE_EQ(Mean(NumAcc(1e6)), 1000000.2);
+  EXPECT_NEAR(StandardDeviation(NumAcc(1e6)), 0.1, 1e-10);
+  EXPECT_DOUBLE_EQ(Mean(NumAcc(1e7)), 10000000.2);
+  EXPECT_NEAR(StandardDeviation(NumAcc(1e7)), 0.1, 1e-8);
+}
+
+// R 4: summary(morley$Speed), the same hundred values.
+TEST(StatisticsTest, QuantilesAreTypeSeven) {
+  EXPECT_DOUBLE_EQ(Quantile(kMichelson, 0), 620);
+  EXPECT_DOUBLE_EQ(Quantile(kMichelson, 0.25), 807.5);
+  EXPECT_DOUBLE_EQ(Median(kMichelson), 850);
+  EXPECT_DOUBLE_EQ(Quantile(kMichelson, 0.75), 892.5);
+  EXPECT_DOUBLE_EQ(Quantile(kMichelson, 1), 1070);
+  EXPECT_DOUBLE_EQ(Quantile({4, 1, 3, 2}, 0.4), 2.2);
+  EXPECT_DOUBLE_EQ(Median({7}), 7);
+}
+
+// Any table of the normal distribution.
+TEST(StatisticsTest, NormalQuantiles) {
+  EXPECT_NEAR(NormalQuantile(0.975), 1.959963984540054, 1e-12);
+  EXPECT_NEAR(NormalQuantile(0.8), 0.8416212335729143, 1e-12);
+  EXPECT_NEAR(NormalQuantile(0.05), -1.6448536269514722, 1e-12);
+  EXPECT_NEAR(NormalQuantile(0.5), 0, 1e-12);
+}
+
+// Efron and Tibshirani, table 2.2: the bootstrap standard error of the treated group's median comes to 37.83
+// with ever more resamples.
+TEST(StatisticsTest, BootstrapErrorOfAMedianIsThePublishedOne) {
+  BootstrapOptions options;
+  options.resamples = 200'000;
+  EXPECT_NEAR(StandardDeviation(BootstrapMedians(kTreated, options)), 37.83, 0.2);
+}
+
+// The median of a resample of three is the smallest in 7 of 27, the middle in 13, the greatest in 7.
+TEST(StatisticsTest, BootstrapDrawsEveryValueAlike) {
+  BootstrapOptions options;
+  options.resamples = 270'000;
+  int counts[3] = {};
+  for (const double median : BootstrapMedians({0, 1, 2}, options)) ++counts[static_cast<int>(median)];
+  EXPECT_NEAR(counts[0], 70'000, 1200);
+  EXPECT_NEAR(counts[1], 130'000, 1200);
+  EXPECT_NEAR(counts[2], 70'000, 1200);
+}
+
+TEST(StatisticsTest, IntervalHoldsTheDifferenceAndRepeatsWithItsSeed) {
+  BootstrapOptions options;
+  const Interval interval = MedianDifference(kUntreated, kTreated, options);
+  EXPECT_LT(interval.low, 0);  // the book's conclusion: 48 days more, and no difference shown
+  EXPECT_GT(interval.high, 48);
+  const Interval again = MedianDifference(kUntreated, kTreated, options);
+  EXPECT_EQ(interval.low, again.low);
+  EXPECT_EQ(interval.high, again.high);
+  options.seed = 2;
+  EXPECT_NE(BootstrapMedians(kTreated, options), BootstrapMedians(kTreated, {}));
+}
+
+TEST(StatisticsTest, SidesAreResampledIndependently) {
+  // Were they not, the difference of a side from itself would never scatter.
+  const Interval interval = MedianDifference(kTreated, kTreated, {});
+  EXPECT_LT(interval.low, -10);
+  EXPECT_GT(interval.high, 10);
+}
+
+TEST(StatisticsTest, HigherConfidenceIsWider) {
+  BootstrapOptions options;
+  const Interval usual = MedianDifference(kUntreated, kTreated, options);
+  options.confidence = 0.5;
+  const Interval half = MedianDifference(kUntreated, kTreated, options);
+  EXPECT_LT(usual.low, half.low);
+  EXPECT_GT(usual.high, half.high);
+}
+
+TEST(StatisticsTest, BlocksKeepNeighboursTogether) {
+  // Two long phases: whole phases change places, and the median moves much further than by single draws.
+  std::vector<double> phases(40, 0.0);
+  for (std::size_t i = 0; i < phases.size(); ++i) phases[i] = (i < 20 ? 0 : 100) + static_cast<double>(i % 3);
+  BootstrapOptions options;
+  const auto far = [&] {
+    int count = 0;
+    for (const double median : BootstrapMedians(phases, options)) count += median < 2 || median > 100 ? 1 : 0;
+    return count;
+  };
+  const int singly = far();
+  options.block = 10;
+  const int inBlocks = far();
+  EXPECT_GT(inBlocks, singly);
+}
+
+// Hollander and Wolfe, "Nonparametric Statistical Methods", 1973, p. 69: permeability of the human
+// chorioamnion; W = 35, one-sided p = 0.1272 (also in the examples of R's wilcox.test).
+TEST(StatisticsTest, RankSumIsThePublishedOne) {
+  const std::vector<double> x = {0.80, 0.83, 1.89, 1.04, 1.45, 1.38, 1.91, 1.64, 0.73, 1.46};
+  const std::vector<double> y = {1.15, 0.88, 0.90, 0.74, 1.21};
+  EXPECT_NEAR(RankSumP(x, y), 2 * 0.1272, 0.0001);
+  EXPECT_DOUBLE_EQ(RankSumP(x, y), RankSumP(y, x));
+}
+
+TEST(StatisticsTest, RankSumOfSidesThatLieApart) {
+  // Two of the 70 choices of four of eight.
+  EXPECT_DOUBLE_EQ(RankSumP({1, 2, 3, 4}, {5, 6, 7, 8}), 2.0 / 70);
+  EXPECT_DOUBLE_EQ(RankSumP({5, 6, 7, 8}, {1, 2, 3, 4}), 2.0 / 70);
+  EXPECT_DOUBLE_EQ(RankSumP({1}, {2}), 1);
+}
+
+TEST(StatisticsTest, RankSumWithTies) {
+  EXPECT_DOUBLE_EQ(RankSumP({3, 3, 3}, {3, 3, 3}), 1);
+  // Of the 10 choices of two among {1, 1, 2, 2, 2}, one has both ones; it is the least.
+  EXPECT_DOUBLE_EQ(RankSumP({1, 1}, {2, 2, 2}), 0.2);
+}
+
+TEST(StatisticsTest, RankSumOfManyIsCloseToTheExactOne) {
+  std::vector<double> a(25);
+  std::iota(a.begin(), a.end(), 0.0);
+  std::vector<double> b = a;
+  for (double& value : b) value += 5.5;
+  const double exact = RankSumP(a, b);
+  b.push_back(18);  // one more than is counted exactly, in the middle
+  EXPECT_NEAR(RankSumP(a, b), exact, 0.01);
+  EXPECT_LT(exact, 0.05);
+  const std::vector<double> same(30, 7.0);
+  EXPECT_DOUBLE_EQ(RankSumP(same, same), 1);
+}
+
+TEST(StatisticsTest, FewerThanFourRepeatsShowNothingAtFivePercent) {
+  EXPECT_EQ(LeastRepeats(0.95), 4);
+  EXPECT_EQ(LeastRepeats(0.90), 3);
+  EXPECT_EQ(LeastRepeats(0.99), 5);
+}
+
+TEST(StatisticsTest, RepeatsForADifferenceOfOneSpread) {
+  // 16 for two means (Lehr, "Sixteen s-squared over d-squared", Statistics in Medicine 11, 1992; exactly
+  // 15.70), times pi / 2.
+  EXPECT_EQ(RepeatsToShow(0.01, 0.01), 25);
+  EXPECT_EQ(RepeatsToShow(0.02, 0.01), 99);
+  EXPECT_EQ(RepeatsToShow(0.0001, 0.01), 4);
+  EXPECT_EQ(RepeatsToShow(0, 0.01), 4);
+}
+
+// Hollander and Wolfe, 1973, p. 187: lightness of tuna, by the Hunter L measure and by a panel; T = 26,
+// tau = 0.4444, exact p = 0.1194 (also in the examples of R's cor.test). Here the panel's values in the order
+// of the measure.
+TEST(StatisticsTest, TrendIsThePublishedOne) {
+  const Trend trend = TestTrend({2.5, 4.0, 2.6, 3.6, 2.8, 3.1, 5.2, 5.0, 3.8});
+  EXPECT_DOUBLE_EQ(trend.score, 2 * 26 - 36);
+  EXPECT_NEAR(trend.tau, 0.4444, 0.0001);
+  EXPECT_NEAR(trend.p, 0.1194, 0.002);  // an approximation of the exact one
+}
+
+TEST(StatisticsTest, SlopeIsThatOfALineWithOutliers) {
+  std::vector<double> line;
+  line.reserve(21);
+  for (int i = 0; i <= 20; ++i) line.push_back(100 - 3.0 * i);
+  EXPECT_DOUBLE_EQ(TestTrend(line).slope, -3);
+  EXPECT_DOUBLE_EQ(TestTrend(line).tau, -1);
+  line[7] = 1e9;
+  EXPECT_NEAR(TestTrend(line).slope, -3, 0.2);
+}
+
+TEST(StatisticsTest, TooFewValuesAreRefused) {
+  EXPECT_THROW(Median({}), std::invalid_argument);
+  EXPECT_THROW(Mean({}), std::invalid_argument);
+  EXPECT_THROW(StandardDeviation({1}), std::invalid_argument);
+  EXPECT_THROW(CoefficientOfVariation({-1, 1}), std::invalid_argument);
+  EXPECT_THROW(NormalQuantile(1), std::invalid_argument);
+  EXPECT_THROW(BootstrapMedians({}, {}), std::invalid_argument);
+  EXPECT_THROW(RankSumP({}, {1}), std::invalid_argument);
+  EXPECT_THROW(TestTrend({1}), std::invalid_argument);
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "run_folder.h"
+
+/// An engine that works alike in every second, but for the first (half) and the last two (not at all).
+struct SyntheticEngine {
+  std::string engine = "cpu";
+  std::string stress = "cpuStress";
+  int threads = 1;
+  double operationsPerS = 500;  ///< of each thread
+  std::uint64_t bytesPerOperation = 2'000'000;
+  std::uint64_t p50Ns = 2'000'000;
+  std::uint64_t p99Ns = 4'000'000;
+  double fps = 450;
+  double riseAS = 0;  ///< operations that each second has more than the one before
+};
+
+inline scope::RunInfo SyntheticInfo() {
+  scope::RunInfo info;
+  info.tool = "stress_scope 0.1.0";
+  info.kind = "record";
+  info.started = "2026-11-21T04:00:00Z";
+  info.complete = true;
+  info.durationS = 30;
+  info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}}};
+  info.conditions.cpuModel = "a CPU";
+  info.conditions.cpuCount = 2;
+  info.conditions.caches = {{1, "Data", 49152, 2}};
+  info.conditions.governor = "performance";
+  info.conditions.cpuMhzMin = 800;
+  info.conditions.cpuMhzMax = 3000;
+  info.conditions.memTotalBytes = std::uint64_t{8} << 30;
+  info.conditions.kernel = "6.1";
+  info.conditions.hostnameHash = "0123";
+  info.conditions.buildType = "Release";
+  info.conditions.libraryVersions = {{"libormis", "1.0.0"}};
+  info.conditions.meter = true;
+  return info;
+}
+
+/// Writes the run of so many seconds as info.durationS has; without a meter, its rate lines alone.
+inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngine>& engines,
+                     const scope::RunInfo& info = SyntheticInfo()) {
+  scope::RunWriter writer(folder, true);
+  writer.WriteInfo(info);
+  writer.Add(std::vector<scope::Rate>());
+  if (info.conditions.meter) {
+    writer.Add(std::vector<scope::Sample>());
+    std::vector<scope::HistogramRow> rows;
+    for (const SyntheticEngine& engine : engines) {
+      rows.push_back({engine.engine, 0, engine.p50Ns, engine.p50Ns + 1, 1000});
+    }
+    writer.WriteHistogram(rows);
+  }
+  const int seconds = static_cast<int>(info.durationS);
+  for (int second = 1; second <= seconds; ++second) {
+    std::vector<scope::Sample> samples;
+    std::vector<scope::Rate> rates;
+    for (const SyntheticEngine& engine : engines) {
+      const double share = second == 1 ? 0.5 : second > seconds - 2 ? 0 : 1;
+      const double rate = engine.operationsPerS + engine.riseAS * second;
+      for (int thread = 0; thread < engine.threads; ++thread) {
+        scope::Sample sample;
+        sample.timeS = second;
+        sample.engine = engine.engine;
+        sample.thread = thread;
+        sample.operations = static_cast<std::uint64_t>(std::lround(rate * share));
+        sample.busyNs = sample.operations * engine.p50Ns;
+        sample.bytes = sample.operations * engine.bytesPerOperation;
+        if (sample.operations != 0) {
+          sample.p50Ns = engine.p50Ns;
+          sample.p99Ns = engine.p99Ns;
+          sample.maxNs = engine.p99Ns;
+        }
+        samples.push_back(sample);
+      }
+      rates.push_back({static_cast<double>(second), engine.stress, second < 3 ? 0 : engine.fps});
+    }
+    if (info.conditions.meter) writer.Add(samples);
+    writer.Add(rates);
+  }
+}

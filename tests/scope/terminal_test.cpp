@@ -1,0 +1,90 @@
+// The live table of a recording, in a terminal.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "run_folder.h"
+#include "run_tool.h"
+#include "sanitized.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+
+class TerminalTest : public ::testing::Test {
+ protected:
+  ~TerminalTest() override { (void)Tmux({"kill-server"}); }
+
+  // A server of this test's own.
+  ToolResult Tmux(std::vector<std::string> arguments) const {
+    const std::vector<std::string> own = {"-u", "-f", "/dev/null", "-S", folder_ / "terminal"};
+    arguments.insert(arguments.begin(), own.begin(), own.end());
+    return RunProgram(TMUX, std::move(arguments));
+  }
+
+  std::string Screen() const { return Tmux({"capture-pane", "-p"}).output; }
+
+  // The screen as soon as it satisfies `right`, or as it is after a time that is long on any machine.
+  std::string WaitForScreen(const std::function<bool(const std::string&)>& right) const {
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(35);
+    std::string screen = Screen();
+    while (!right(screen) && std::chrono::steady_clock::now() < giveUp) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      screen = Screen();
+    }
+    return screen;
+  }
+
+  TemporaryFolder folder_;
+};
+
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST_F(TerminalTest, ShowsATableInPlaceAndCtrlCCompletesTheRecording) {
+  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
+  const std::string config =
+      folder_.Put("all.yaml",
+                  "logMode: 4\nlogLevel: 3\nrunTimes: 40\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
+                  "VENC:\n  Level: 1\nAIC:\n  Level: 1\n  File: " EXAMPLE_NETWORK "\n");
+  // A shell that outlives Ctrl-C, so that the last screen stays.
+  const std::string command = "trap : INT; '" STRESS_SCOPE "' record '" + config + "' -o '" +
+                              (folder_ / "run") + "'; echo \"the status is $?\"; exec sleep 60";
+  const ToolResult started = Tmux({"new-session", "-d", "-x", "120", "-y", "30", command});
+  ASSERT_EQ(started.status, 0) << started.errors;
+
+  const std::string table = WaitForScreen([](const std::string& screen) {
+    return Has(screen, "\ncpu ") && std::regex_search(screen, std::regex("\nvpc +2 ")) &&
+           Has(screen, "\nvenc ") && Has(screen, "\naic ");
+  });
+  EXPECT_THAT(table, ContainsRegex("[0-9]+ s of 40 s  \\[#*\\.+\\] +[0-9]+ %"));
+  EXPECT_THAT(table, ContainsRegex("engine +threads +ops/s +GB/s +p50 +p99 +max +ops/s over time"));
+  EXPECT_THAT(table, ContainsRegex("\ncpu +1 +[0-9.]+ +[0-9.]+ +[0-9.]+ [mun]s"));
+  EXPECT_THAT(table, ContainsRegex("\nvpc +2 "));
+  EXPECT_THAT(table, AllOf(HasSubstr("\nvenc "), HasSubstr("\naic ")));
+  EXPECT_THAT(table, HasSubstr("\xe2\x96")) << "the line of blocks";
+  const std::size_t header = table.find("engine ");
+  EXPECT_EQ(table.find("engine ", header + 1), std::string::npos) << "drawn anew in place\n" << table;
+
+  ASSERT_EQ(Tmux({"send-keys", "C-c"}).status, 0);
+  const std::string last =
+      WaitForScreen([](const std::string& screen) { return Has(screen, "the status is"); });
+  EXPECT_THAT(last, HasSubstr("saved in " + (folder_ / "run") + "\nthe status is 0\n"));
+  const scope::Run run = scope::ReadRun(folder_ / "run");
+  EXPECT_TRUE(run.info.complete) << run.info.incompleteReason;
+  EXPECT_LT(run.info.durationS, 40);
+  std::set<std::string> engines;
+  for (const scope::Sample& sample : run.samples) engines.insert(sample.engine);
+  EXPECT_THAT(engines, ::testing::IsSupersetOf({"cpu", "vpc", "venc", "aic"}));
+}
+
+}  // namespace
