@@ -1,30 +1,47 @@
-/// Times QetImageResize against libswscale's area filter, in turns, in one run: RGB24, both on one thread.
-/// usage: resize_bench [rounds]
+/// Times QetImageResize against other libraries' scalers, in turns, in one run: the same RGB24 picture, each
+/// on one thread. usage: resize_bench [ROUNDS]
+///
+/// Quality is told against the exact area average in double precision: an 8-bit picture cannot be nearer to
+/// it than about 58.9 dB, which is what rounding leaves. Which rows of the source a scaler reads is measured:
+/// a row that changes nothing in the result when it changes is not read, or read for nothing.
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
 
+#ifdef HAVE_LIBYUV
+#include <libyuv/scale_rgb.h>
+#endif
+
 #include <algorithm>
-#include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
 #include <vector>
 
+#include "measure.h"
 #include "ormis/ormis.h"
+#ifdef HAVE_OPENCV
+#include "opencv_area.h"
+#endif
 
 namespace {
 
+using measure::Require;
+
 struct Case {
-  std::uint32_t sourceWidth, sourceHeight, width, height;
+  int sourceWidth, sourceHeight, width, height;
 };
 
-void Require(bool condition, const char* what) {
-  if (condition) return;
-  (void)std::fprintf(stderr, "resize_bench: %s failed\n", what);
-  std::exit(1);
-}
+struct Scaler {
+  std::string name;
+  std::uint8_t* result;
+  std::function<void()> scale;
+  std::vector<double> ms;
+};
 
 /// Slopes, waves and fine texture.
 void Paint(Ormis::ImageData& image) {
@@ -40,87 +57,202 @@ void Paint(Ormis::ImageData& image) {
   }
 }
 
-/// The least disturbed round: on a shared machine the others measure their neighbours.
-double Best(const std::vector<double>& values) {
-  return *std::min_element(values.begin(), values.end());
+struct Share {
+  int index;
+  double weight;
+};
+
+/// What each of `to` equal parts of a line of `from` samples covers; the weights of a part add up to 1.
+std::vector<std::vector<Share>> Shares(int from, int to) {
+  std::vector<std::vector<Share>> shares(static_cast<std::size_t>(to));
+  const double scale = static_cast<double>(from) / to;
+  for (int part = 0; part < to; ++part) {
+    const double begin = part * scale;
+    const double end = begin + scale;
+    for (int i = static_cast<int>(begin); i < from && i < end; ++i) {
+      const double covered = std::min(end, i + 1.0) - std::max(begin, static_cast<double>(i));
+      if (covered > 0.0) shares[static_cast<std::size_t>(part)].push_back({i, covered / scale});
+    }
+  }
+  return shares;
 }
 
-template <typename Body>
-double Milliseconds(Body&& body) {
-  const auto start = std::chrono::steady_clock::now();
-  body();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+std::vector<double> ExactAreaAverage(const std::uint8_t* source, const Case& sizes) {
+  const auto columns = Shares(sizes.sourceWidth, sizes.width);
+  const auto rows = Shares(sizes.sourceHeight, sizes.height);
+  std::vector<double> exact;
+  exact.reserve(rows.size() * columns.size() * 3);
+  for (const std::vector<Share>& row : rows) {
+    for (const std::vector<Share>& column : columns) {
+      double sum[3] = {};
+      for (const Share& y : row) {
+        for (const Share& x : column) {
+          const std::uint8_t* const pixel =
+              source + (static_cast<std::size_t>(y.index) * static_cast<std::size_t>(sizes.sourceWidth) +
+                        static_cast<std::size_t>(x.index)) *
+                           3;
+          for (std::size_t c = 0; c < 3; ++c) sum[c] += y.weight * x.weight * pixel[c];
+        }
+      }
+      exact.insert(exact.end(), sum, sum + 3);
+    }
+  }
+  return exact;
 }
 
-void Measure(int channel, const Case& sizes, int rounds) {
+struct Distance {
+  double psnrDb;
+  double largest;  ///< grey levels
+};
+
+Distance From(const std::vector<double>& exact, const std::uint8_t* result) {
+  double squares = 0.0;
+  double largest = 0.0;
+  for (std::size_t i = 0; i < exact.size(); ++i) {
+    const double difference = std::abs(exact[i] - result[i]);
+    squares += difference * difference;
+    largest = std::max(largest, difference);
+  }
+  return {10.0 * std::log10(255.0 * 255.0 * static_cast<double>(exact.size()) / squares), largest};
+}
+
+/// How many rows of the source have a say in the result.
+int RowsThatCount(std::uint8_t* source, const Case& sizes, Scaler& scaler) {
+  const std::size_t rowBytes = static_cast<std::size_t>(sizes.sourceWidth) * 3;
+  const std::size_t resultBytes = static_cast<std::size_t>(sizes.width * sizes.height) * 3;
+  scaler.scale();
+  const std::vector<std::uint8_t> before(scaler.result, scaler.result + resultBytes);
+  std::vector<std::uint8_t> row(rowBytes);
+  int count = 0;
+  for (int y = 0; y < sizes.sourceHeight; ++y) {
+    std::uint8_t* const pixels = source + static_cast<std::size_t>(y) * rowBytes;
+    std::copy_n(pixels, rowBytes, row.data());
+    std::transform(row.begin(), row.end(), pixels,
+                   [](std::uint8_t value) { return value < 128 ? std::uint8_t{255} : std::uint8_t{0}; });
+    scaler.scale();
+    if (std::memcmp(before.data(), scaler.result, resultBytes) != 0) ++count;
+    std::copy_n(row.data(), rowBytes, pixels);
+  }
+  return count;
+}
+
+/// libswscale with one of its filters. Lives as long as the program.
+std::function<void()> Swscale(const std::uint8_t* source, const Case& sizes, std::uint8_t* result,
+                              int filter) {
+  SwsContext* const context =
+      sws_getContext(sizes.sourceWidth, sizes.sourceHeight, AV_PIX_FMT_RGB24, sizes.width, sizes.height,
+                     AV_PIX_FMT_RGB24, filter, nullptr, nullptr, nullptr);
+  Require(context != nullptr, "sws_getContext");
+  return [=] {
+    const std::uint8_t* const sourceRows[4] = {source};
+    const int sourceStride[4] = {sizes.sourceWidth * 3};
+    std::uint8_t* const rows[4] = {result};
+    const int stride[4] = {sizes.width * 3};
+    Require(sws_scale(context, sourceRows, sourceStride, 0, sizes.sourceHeight, rows, stride) == sizes.height,
+            "sws_scale");
+  };
+}
+
+void Measure(int channel, const Case& sizes, int rounds, bool countRows) {
   Ormis::ImageData source;
-  source.width = sizes.sourceWidth;
-  source.height = sizes.sourceHeight;
+  source.width = static_cast<std::uint32_t>(sizes.sourceWidth);
+  source.height = static_cast<std::uint32_t>(sizes.sourceHeight);
   source.bufferMode = Ormis::kQetBufferPlatform;
   source.imageType = Ormis::kQetImageBgr888;
-  Ormis::ImageData result = source;
-  result.width = sizes.width;
-  result.height = sizes.height;
-  Require(Ormis::QetImageMallocAligned(source) == 0 && Ormis::QetImageMallocAligned(result) == 0,
+  Ormis::ImageData own = source;
+  own.width = static_cast<std::uint32_t>(sizes.width);
+  own.height = static_cast<std::uint32_t>(sizes.height);
+  Require(Ormis::QetImageMallocAligned(source) == 0 && Ormis::QetImageMallocAligned(own) == 0,
           "QetImageMallocAligned");
   Paint(source);
 
-  const int width = static_cast<int>(sizes.width);
-  const int height = static_cast<int>(sizes.height);
-  SwsContext* const scaler =
-      sws_getContext(static_cast<int>(sizes.sourceWidth), static_cast<int>(sizes.sourceHeight),
-                     AV_PIX_FMT_RGB24, width, height, AV_PIX_FMT_RGB24, SWS_AREA, nullptr, nullptr, nullptr);
-  Require(scaler != nullptr, "sws_getContext");
+  const std::size_t resultBytes = own.dataSize;
   // libswscale may write past the end of a row.
-  std::vector<std::uint8_t> reference(result.dataSize + 64);
-  const std::uint8_t* const sourceRows[4] = {source.data};
-  const int sourceStride[4] = {static_cast<int>(sizes.sourceWidth * 3)};
-  std::uint8_t* const referenceRows[4] = {reference.data()};
-  const int referenceStride[4] = {width * 3};
+  std::vector<std::vector<std::uint8_t>> results(4, std::vector<std::uint8_t>(resultBytes + 64));
+  std::vector<Scaler> scalers;
+  scalers.push_back({"QetImageResize",
+                     own.data,
+                     [&] {
+                       Require(
+                           Ormis::QetImageResize(channel, source, own, Ormis::kQetInterpolationArea, -1) == 0,
+                           "QetImageResize");
+                     },
+                     {}});
+  scalers.push_back(
+      {"libswscale, area", results[0].data(), Swscale(source.data, sizes, results[0].data(), SWS_AREA), {}});
+  scalers.push_back({"libswscale, bilinear",
+                     results[1].data(),
+                     Swscale(source.data, sizes, results[1].data(), SWS_BILINEAR),
+                     {}});
+#ifdef HAVE_LIBYUV
+  scalers.push_back({"libyuv, box",
+                     results[2].data(),
+                     [&] {
+                       Require(libyuv::RGBScale(source.data, sizes.sourceWidth * 3, sizes.sourceWidth,
+                                                sizes.sourceHeight, results[2].data(), sizes.width * 3,
+                                                sizes.width, sizes.height, libyuv::kFilterBox) == 0,
+                               "RGBScale");
+                     },
+                     {}});
+#endif
+#ifdef HAVE_OPENCV
+  scalers.push_back({"OpenCV, area",
+                     results[3].data(),
+                     [&] {
+                       Require(OpenCvArea(source.data, sizes.sourceWidth, sizes.sourceHeight,
+                                          results[3].data(), sizes.width, sizes.height) == 0,
+                               "OpenCvArea");
+                     },
+                     {}});
+#endif
 
-  std::vector<double> own;
-  std::vector<double> sws;
   for (int round = -3; round < rounds; ++round) {  // the first three warm up
-    const double ownMs = Milliseconds([&] {
-      Require(Ormis::QetImageResize(channel, source, result, Ormis::kQetInterpolationArea, -1) == 0,
-              "QetImageResize");
-    });
-    const double swsMs = Milliseconds([&] {
-      Require(sws_scale(scaler, sourceRows, sourceStride, 0, static_cast<int>(sizes.sourceHeight),
-                        referenceRows, referenceStride) == height,
-              "sws_scale");
-    });
-    if (round < 0) continue;
-    own.push_back(ownMs);
-    sws.push_back(swsMs);
+    for (Scaler& scaler : scalers) {
+      const double ms = measure::Milliseconds(scaler.scale);
+      if (round >= 0) scaler.ms.push_back(ms);
+    }
   }
-  int maxDifference = 0;
-  for (std::size_t i = 0; i < result.dataSize; ++i) {
-    maxDifference = std::max(maxDifference, std::abs(int{result.data[i]} - int{reference[i]}));
+  const std::vector<double> exact = ExactAreaAverage(source.data, sizes);
+  std::vector<Distance> distances;
+  for (const Scaler& scaler : scalers) distances.push_back(From(exact, scaler.result));
+  for (std::size_t i = 0; i < scalers.size(); ++i) {
+    Scaler& scaler = scalers[i];
+    (void)std::printf("| %d x %d to %d x %d | %s | %.3f | %.2f | %.1f | %.1f |", sizes.sourceWidth,
+                      sizes.sourceHeight, sizes.width, sizes.height, scaler.name.c_str(),
+                      measure::Best(scaler.ms), measure::MedianRatio(scaler.ms, scalers[0].ms),
+                      distances[i].psnrDb, distances[i].largest);
+    if (countRows) {
+      const int rows = RowsThatCount(source.data, sizes, scaler);
+      const double bytes = 3.0 * (static_cast<double>(rows) * sizes.sourceWidth +
+                                  static_cast<double>(sizes.width) * sizes.height);
+      (void)std::printf(" %d | %.2f | %.2f |\n", rows, bytes / 1e6, bytes / 1e6 / measure::Best(scaler.ms));
+    } else {
+      (void)std::printf(" | | |\n");
+    }
+    (void)std::fflush(stdout);
   }
-  (void)std::printf("%5u x %-5u -> %4u x %-4u   %9.3f ms   %9.3f ms   %6.2f   %14d\n", sizes.sourceWidth,
-                    sizes.sourceHeight, sizes.width, sizes.height, Best(own), Best(sws),
-                    Best(sws) / Best(own), maxDifference);
-  sws_freeContext(scaler);
-  Require(Ormis::QetImageDestroy(result) == 0 && Ormis::QetImageDestroy(source) == 0, "QetImageDestroy");
+  Require(Ormis::QetImageDestroy(own) == 0 && Ormis::QetImageDestroy(source) == 0, "QetImageDestroy");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int rounds = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 101;
-  Require(rounds > 0, "reading the number of rounds");
+  const int rounds = measure::CountArgument(argc, argv, 1, 101);
   Ormis::QetContext process;
   Ormis::QetContext context;
   int channel = 0;
   Require(Ormis::QetInitialize(process, {}) == 0 && Ormis::QetCreateContext(context) == 0 &&
               Ormis::QetSetCurrentContext(context) == 0 && Ormis::QetCreateChannel(channel) == 0,
           "starting the platform");
-  (void)std::printf("%-28s   %12s   %12s   %6s   %14s\n", "RGB24, best of rounds", "QetImageResize",
-                    "sws area", "ratio", "max difference");
+  (void)std::printf(
+      "| RGB24 | scaler | ms | time / QetImageResize's | PSNR, dB | largest difference | source rows read "
+      "| MB moved | GB/s |\n"
+      "|---|---|---|---|---|---|---|---|---|\n");
+  bool first = true;
   for (const Case& sizes : {Case{1920, 1080, 416, 234}, Case{1920, 1080, 960, 540},
                             Case{1920, 1080, 417, 235}, Case{416, 234, 1920, 1080}}) {
-    Measure(channel, sizes, rounds);
+    Measure(channel, sizes, rounds, first);
+    first = false;
   }
   Require(Ormis::QetDestroyChannel(channel) == 0 && Ormis::QetDestroyContext(context) == 0 &&
               Ormis::QetRelease(process) == 0,

@@ -1,0 +1,132 @@
+/// How fast copies move memory: memcpy_s beside the ways to copy that it chooses from and a loop by the rules
+/// of the STREAM benchmark's copy. usage: copy_bench [ROUNDS [SECONDS]]
+///
+/// Every thread copies a buffer of the CPU stress's size into another, over and over. Once its own two, as
+/// the CPU stress does: large caches hold them. Once through so many pairs that no cache holds them: what is
+/// moved then comes from and goes to memory. All ways take turns in each round; the figure is the median of
+/// the rounds, in GB/s (10^9 bytes a second, read + written, all threads together).
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cpu_stress.h"
+#include "ormis/memcpy_s.h"
+#include "stream_copy.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Ormis::host::CopyRoutine;
+
+void Require(bool condition, const char* what) {
+  if (condition) return;
+  (void)std::fprintf(stderr, "copy_bench: %s failed\n", what);
+  std::exit(1);
+}
+
+void CopyChecked(void* destination, const void* source, std::size_t bytes) {
+  (void)memcpy_s(destination, bytes, source, bytes);
+}
+
+/// An element at a time, as it is written: the compiler may vectorize it and may not call memcpy.
+[[clang::no_builtin("memcpy", "memmove")]] void CopyAsStream(void* destination, const void* source,
+                                                             std::size_t bytes) {
+  auto* to = static_cast<double*>(destination);
+  const auto* from = static_cast<const double*>(source);
+  for (std::size_t i = 0; i < bytes / sizeof(double); ++i) to[i] = from[i];
+}
+
+/// Memory that no cache holds, for all threads together.
+constexpr std::size_t kFarBytes = std::size_t{1} << 30;
+
+struct Pair {
+  std::unique_ptr<std::uint8_t[]> source;
+  std::unique_ptr<std::uint8_t[]> destination;
+};
+
+/// Written through, so that every page is the buffer's own.
+std::vector<Pair> MakePairs(std::size_t count) {
+  std::vector<Pair> pairs(count);
+  for (Pair& pair : pairs) {
+    pair.source.reset(new std::uint8_t[kCopyBytes]);
+    pair.destination.reset(new std::uint8_t[kCopyBytes]);
+    std::fill_n(pair.source.get(), kCopyBytes, std::uint8_t{1});
+    std::fill_n(pair.destination.get(), kCopyBytes, std::uint8_t{2});
+  }
+  return pairs;
+}
+
+/// GB/s of all threads together.
+double Rate(const CopyRoutine& routine, const std::vector<std::vector<Pair>>& pairs, double seconds) {
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> copies{0};
+  std::vector<std::thread> threads;
+  threads.reserve(pairs.size());
+  const Clock::time_point start = Clock::now();
+  for (const std::vector<Pair>& own : pairs) {
+    threads.emplace_back([&routine, &own, &stop, &copies] {
+      std::uint64_t done = 0;
+      while (!stop.load(std::memory_order_relaxed)) {
+        const Pair& pair = own[done % own.size()];
+        routine.copy(pair.destination.get(), pair.source.get(), kCopyBytes);
+        ++done;
+      }
+      copies += done;
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  const double took = std::chrono::duration<double>(Clock::now() - start).count();
+  return static_cast<double>(copies) * 2.0 * static_cast<double>(kCopyBytes) / took / 1e9;
+}
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int rounds = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 7;
+  const double seconds = argc > 2 ? std::strtod(argv[2], nullptr) : 0.5;
+  Require(rounds > 0 && seconds > 0.0 && argc <= 3, "reading the arguments [ROUNDS [SECONDS]]");
+
+  std::vector<CopyRoutine> routines{{"memcpy_s", CopyChecked}, {"STREAM copy", CopyAsStream}};
+  for (const CopyRoutine& routine : Ormis::host::CopyRoutines()) routines.push_back(routine);
+  (void)std::printf("| threads | buffers |");
+  for (const CopyRoutine& routine : routines) (void)std::printf(" %s |", routine.name);
+  (void)std::printf(" memcpy_s / memcpy | memcpy_s / STREAM copy |\n|---|---|---|---|");
+  for (std::size_t i = 0; i < routines.size(); ++i) (void)std::printf("---|");
+  (void)std::printf("\n");
+
+  for (const bool far : {false, true}) {
+    for (const std::size_t threads : {1U, 2U, 4U, 10U}) {
+      const std::size_t pairsAThread =
+          far ? std::max(std::size_t{2}, kFarBytes / (2 * kCopyBytes) / threads) : std::size_t{1};
+      std::vector<std::vector<Pair>> pairs;
+      for (std::size_t i = 0; i < threads; ++i) pairs.push_back(MakePairs(pairsAThread));
+      std::vector<std::vector<double>> rates(routines.size());
+      for (int round = -1; round < rounds; ++round) {  // the first one warms up
+        for (std::size_t i = 0; i < routines.size(); ++i) {
+          const double rate = Rate(routines[i], pairs, seconds);
+          if (round >= 0) rates[i].push_back(rate);
+        }
+      }
+      (void)std::printf("| %zu | %s |", threads, far ? "far beyond the caches" : "the stress's own two");
+      for (const std::vector<double>& rate : rates) (void)std::printf(" %.1f |", Median(rate));
+      (void)std::printf(" %.2f | %.2f |\n", Median(rates[0]) / Median(rates[2]),
+                        Median(rates[0]) / Median(rates[1]));
+      (void)std::fflush(stdout);
+    }
+  }
+}

@@ -1,0 +1,113 @@
+/// What the meter adds to a call, in ns: operations that do nothing, called without the meter, under the
+/// meter without a reader, and under the meter with one. Each is a run of this program as a child. usage:
+/// meter_bench [rounds]
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "meter_reader.h"
+#include "ormis/memcpy_s.h"
+#include "ormis/qet_dnn.h"
+#include "ormis/qet_image.h"
+#include "ormis/qet_venc.h"
+
+namespace {
+
+constexpr int kCallsARound = 20'000;
+constexpr const char* kOperations[] = {"memcpy_s", "QetImageResize", "encode (3 calls)",
+                                       "QetDNNModelProcess"};
+
+// The least disturbed round, ns a call.
+template <typename Operation>
+double Best(int rounds, Operation operation) {
+  double best = 1e18;
+  for (int round = 0; round < rounds; ++round) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kCallsARound; ++i) {
+      if (operation() != 0) std::abort();
+    }
+    const std::chrono::duration<double, std::nano> took = std::chrono::steady_clock::now() - start;
+    best = std::min(best, took.count() / kCallsARound);
+  }
+  return best;
+}
+
+int MeasureCalls(int rounds) {
+  char from[64] = {};
+  char to[64] = {};
+  Ormis::ImageData image;
+  image.width = 1920;
+  image.height = 1080;
+  image.imageType = Ormis::kQetImageBgr888;
+  Ormis::QetVenc encoder;
+  ux_venc_stream stream{};
+  Ormis::QetDNNHandle handle;
+  (void)Ormis::QetDNNModelInitialize(handle, "/proc/self/exe");
+  (void)std::printf("%f\n", Best(rounds, [&] { return memcpy_s(to, sizeof(to), from, sizeof(from)); }));
+  (void)std::printf("%f\n", Best(rounds, [&] {
+                      return Ormis::QetImageResize(0, image, image, Ormis::kQetInterpolationArea, -1);
+                    }));
+  (void)std::printf("%f\n", Best(rounds, [&] {
+                      return encoder.SendFrame(image) + encoder.GetStream(stream) +
+                             encoder.ReleaseStream(stream);
+                    }));
+  (void)std::printf("%f\n", Best(rounds, [&] { return Ormis::QetDNNModelProcess(handle); }));
+  return 0;
+}
+
+std::vector<double> Run(const std::string& self, const std::string& rounds, bool meter, bool withReader) {
+  scope::MeterReader reader(0);
+  scope::ChildProcess::Options options;
+  options.program = self;
+  options.arguments = {"calls", rounds};
+  if (meter) options.environment.emplace_back("LD_PRELOAD", METER);
+  if (withReader) {
+    options.environment.emplace_back(scope::kDescriptorVariable, std::to_string(reader.ChildEnd()));
+    options.inherit = reader.ChildEnd();
+  }
+  scope::ChildProcess child(options);
+  reader.CloseChildEnd();
+  std::vector<scope::MeterSecond> seconds;
+  while (!child.HasEnded()) {
+    reader.Read(seconds);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  scope::LineReader output;
+  std::vector<std::string> lines;
+  output.Read(child.Output(), lines);
+  if (child.ExitStatus() != 0 || lines.size() != std::size(kOperations) || reader.SaidHello() != withReader) {
+    (void)std::fprintf(stderr, "meter_bench: the measuring child failed\n");
+    std::exit(1);
+  }
+  std::vector<double> values;
+  for (const std::string& line : lines) values.push_back(std::strtod(line.c_str(), nullptr));
+  return values;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 2 && std::strcmp(argv[1], "calls") == 0) {
+    return MeasureCalls(static_cast<int>(std::strtol(argv[2], nullptr, 10)));
+  }
+  const std::string rounds = argc > 1 ? argv[1] : "100";
+  const std::vector<double> plain = Run("/proc/self/exe", rounds, false, false);
+  const std::vector<double> silent = Run("/proc/self/exe", rounds, true, false);
+  const std::vector<double> metered = Run("/proc/self/exe", rounds, true, true);
+  (void)std::printf("%-20s %10s %12s %12s %14s\n", "ns, best of rounds", "no meter", "no reader",
+                    "with reader", "meter adds");
+  for (std::size_t i = 0; i < std::size(kOperations); ++i) {
+    (void)std::printf("%-20s %10.1f %12.1f %12.1f %14.1f\n", kOperations[i], plain[i], silent[i], metered[i],
+                      metered[i] - plain[i]);
+  }
+  return 0;
+}
