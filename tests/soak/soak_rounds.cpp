@@ -1,0 +1,99 @@
+// One process that runs the benchmark again and again, as a program that lives longer than a run would:
+//
+//   soak_rounds CONFIG SECONDS ROUNDS LONGEST RESTS
+//
+// Each round initialises the platform, launches what the configuration names with all its monitors, lets it
+// run for 1 to LONGEST seconds, joins everything and releases the platform. It goes on for SECONDS, and for
+// ROUNDS at least. What the process has of the machine at rest, after each round, becomes a line of the file
+// RESTS. Failures are of interest to the log alone: they come from what is preloaded.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "stress_bencmark.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void StartLogging() {
+  // Once: it keeps the settings of earlier starts on purpose.
+  (void)std::signal(SIGINT, SignalHandler);
+  ara::log::InitLogging("STBM", "soak", ara::log::LogLevel::kInfo, ara::log::LogMode::kFile, "./log");
+  Ormis::OrmisLogger::GetInstance().logger =
+      &ara::log::CreateLogger("STBM", "STBM", ara::log::LogLevel::kInfo);
+}
+
+void RunRound(const std::string& configuration, std::uint32_t seconds) {
+  StressBenchmark benchmark(configuration);
+  benchmark.runTimes = seconds;
+  stopFlag = 0;
+  // Failures are made at random: a later call works.
+  while (Ormis::QetInitialize(benchmark.context, benchmark.contextParams) != 0) {
+  }
+  if (benchmark.Parse() != 0) std::abort();
+  benchmark.Start();
+  while (!benchmark.Release()) {
+  }
+}
+
+long EntriesOf(const char* folder) {
+  long count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) count += entry.exists() ? 1 : 0;
+  return count;
+}
+
+/// Memory of the process's own, without what it maps of files.
+long AnonymousKiB() {
+  std::ifstream rollup("/proc/self/smaps_rollup");
+  for (std::string word; rollup >> word;) {
+    long kib = 0;
+    if (word == "Anonymous:" && rollup >> kib) return kib;
+  }
+  return 0;
+}
+
+void NoteRest(std::FILE* rests, Clock::time_point start) {
+  // A thread that was joined stays listed for a moment.
+  for (int i = 0; i < 100 && EntriesOf("/proc/self/task") > 1; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  (void)malloc_trim(0);  // what is free counts as well otherwise
+  const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+  (void)std::fprintf(rests, "%ld,%ld,%ld,%ld\n", static_cast<long>(elapsed.count()), AnonymousKiB(),
+                     EntriesOf("/proc/self/fd"), EntriesOf("/proc/self/task"));
+  (void)std::fflush(rests);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 6) {
+    (void)std::fprintf(stderr, "usage: soak_rounds CONFIG SECONDS ROUNDS LONGEST RESTS\n");
+    return 2;
+  }
+  const auto seconds = std::chrono::seconds(std::strtol(argv[2], nullptr, 10));
+  const long rounds = std::strtol(argv[3], nullptr, 10);
+  const long longest = std::strtol(argv[4], nullptr, 10);
+  std::FILE* const rests = std::fopen(argv[5], "we");
+  if (rests == nullptr) {
+    std::perror(argv[5]);
+    return 2;
+  }
+  StartLogging();
+  const Clock::time_point start = Clock::now();
+  for (long round = 0; round < rounds || Clock::now() - start < seconds; ++round) {
+    RunRound(argv[1], 1 + static_cast<std::uint32_t>(round % longest));
+    NoteRest(rests, start);
+  }
+  return 0;
+}
