@@ -5,11 +5,11 @@ set(ONNXRUNTIME_ROOT "" CACHE PATH "Folder with include/onnxruntime_c_api.h and 
 set(onnxruntime_roots "${ONNXRUNTIME_ROOT}")
 if(NOT ONNXRUNTIME_ROOT)
   find_package(PkgConfig REQUIRED)
-  pkg_check_modules(ONNXRUNTIME QUIET IMPORTED_TARGET libonnxruntime>=1.21)
+  pkg_check_modules(ONNXRUNTIME QUIET IMPORTED_TARGET GLOBAL libonnxruntime>=1.21)
   set(onnxruntime_roots "${PROJECT_BINARY_DIR}/deps/onnxruntime" "${PROJECT_SOURCE_DIR}/build/deps/onnxruntime")
 endif()
 
-add_library(OnnxRuntime::OnnxRuntime INTERFACE IMPORTED)
+add_library(OnnxRuntime::OnnxRuntime INTERFACE IMPORTED GLOBAL)
 if(NOT ONNXRUNTIME_ROOT AND ONNXRUNTIME_FOUND)
   target_link_libraries(OnnxRuntime::OnnxRuntime INTERFACE PkgConfig::ONNXRUNTIME)
 else()
@@ -25,7 +25,7 @@ else()
       "The AI core stress needs ONNX Runtime 1.21 or later, which is neither in the system nor in: ${onnxruntime_roots}.\n"
       "Run ./scripts/setup, which fetches it, or set -DONNXRUNTIME_ROOT=DIR.")
   endif()
-  add_library(onnxruntime_fetched SHARED IMPORTED)
+  add_library(onnxruntime_fetched SHARED IMPORTED GLOBAL)
   set_target_properties(onnxruntime_fetched PROPERTIES
     IMPORTED_LOCATION "${ONNXRUNTIME_LIBRARY}"
     IMPORTED_SONAME libonnxruntime.so.1

@@ -1,10 +1,12 @@
-/* The thread sanitizer's hooks for volatile accesses, which do nothing: the stop flag is a plain volatile int that is
- * read and written without lock or atomic operation, and that is required. It is the only volatile object of the
- * project, so nothing else escapes the sanitizer. */
+/* The thread sanitizer's hooks for volatile accesses, which do nothing: the stop flag is a plain volatile int
+ * that is read and written without lock or atomic operation, and that is required. It is the only volatile
+ * object of the project, so nothing else escapes the sanitizer. */
 
-#define HOOK(name) \
-  void name(void* address); \
-  void name(void* address) { (void)address; }
+#define HOOK(name)           \
+  void name(void* address);  \
+  void name(void* address) { \
+    (void)address;           \
+  }
 
 HOOK(__tsan_volatile_read1)
 HOOK(__tsan_volatile_read2)

@@ -98,4 +98,27 @@ TEST_F(Output, WhoseReaderHasGoneEndsTheProgramAtTheFirstLine) {
   EXPECT_THAT(Run(launch), KilledBy(SIGPIPE));
 }
 
+// A reader who does not read holds up the rate lines alone: the workers go on, and end at SIGINT. The program
+// itself ends when the line that it was writing has been taken.
+TEST_F(Output, ThatNobodyReadsHoldsUpTheLinesAlone) {
+  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer's signal() lets the signal break off the write";
+  Launch launch = Configured("logLevel: 5\nCPU: {Level: 2}\n");
+  launch.standardOutput = Launch::Output::kHeldUp;
+  Program program(launch);
+  ASSERT_TRUE(program.WaitForError("runCpuStress() | "));
+  program.RunFor(std::chrono::milliseconds(2500));
+  const int threads = program.ThreadCount();
+  program.Signal(SIGINT);
+  ASSERT_TRUE(program.WaitForError("SignalHandler() | "));
+  program.RunFor(std::chrono::milliseconds(2500));
+  EXPECT_TRUE(program.Running()) << "the line is not lost";
+  EXPECT_LE(program.ThreadCount(), threads - 2) << "the workers have ended";
+  program.TakeOutput();
+  const Ending ending = program.Wait();
+  EXPECT_THAT(ending, Exited(0));
+  ASSERT_EQ(ending.output.compare(0, Program::kFilling.size(), Program::kFilling), 0);
+  ExpectRateLines(SplitLines(std::string_view(ending.output).substr(Program::kFilling.size())),
+                  {"cpuStress"});
+}
+
 }  // namespace

@@ -17,8 +17,6 @@
 #include <stdexcept>
 #include <system_error>
 
-extern char** environ;
-
 namespace {
 
 constexpr int kPollMs = 10;
@@ -59,7 +57,7 @@ std::vector<std::string> EnvironmentWith(const std::map<std::string, std::string
     const std::string text = *entry;
     if (changes.count(text.substr(0, text.find('='))) == 0) environment.push_back(text);
   }
-  for (const auto& [name, value] : changes) environment.push_back(name + "=" + value);
+  for (const auto& [name, value] : changes) environment.emplace_back(name).append("=").append(value);
   return environment;
 }
 
@@ -144,6 +142,14 @@ Program::Program(Launch launch) {
     output = pipe.write;
     outputPipe_ = pipe.read;
     if (launch.standardOutput == Launch::Output::kUnwanted) Close(outputPipe_);
+    if (launch.standardOutput == Launch::Output::kHeldUp) {
+      const auto size = static_cast<int>(kFilling.size());
+      if (fcntl(output, F_SETPIPE_SZ, size) != size ||
+          write(output, kFilling.data(), kFilling.size()) != size) {
+        Fail("cannot fill a pipe");
+      }
+      std::swap(outputPipe_, heldPipe_);
+    }
   }
   int error = -1;
   if (launch.standardError) {
@@ -159,7 +165,7 @@ Program::Program(Launch launch) {
   if (id_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kCannotExecute);  // the test was gone before the line above
-    for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGQUIT}) std::signal(signal, SIG_DFL);
+    for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGQUIT}) (void)std::signal(signal, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -184,6 +190,7 @@ Program::~Program() {
     waitpid(id_, nullptr, 0);
   }
   Close(outputPipe_);
+  Close(heldPipe_);
   Close(errorPipe_);
 }
 
@@ -244,7 +251,7 @@ std::optional<std::string> Program::ReadLine(std::chrono::milliseconds wait) {
     return lineEnd != std::string::npos;
   };
   if (!PumpUntil(whole, wait)) return std::nullopt;
-  const std::string line = ending_.output.substr(linesRead_, lineEnd - linesRead_);
+  std::string line = ending_.output.substr(linesRead_, lineEnd - linesRead_);
   linesRead_ = lineEnd + 1;
   return line;
 }
@@ -274,12 +281,19 @@ const Ending& Program::Wait(std::chrono::milliseconds wait) {
   return ending_;
 }
 
+// A page: the smallest pipe there is.
+const std::string Program::kFilling(4096, '#');
+
+void Program::TakeOutput() {
+  std::swap(outputPipe_, heldPipe_);
+}
+
 int Program::ThreadCount() const {
   std::ifstream status("/proc/" + std::to_string(id_) + "/status");
   std::string line;
   constexpr std::string_view kKey = "Threads:";
   while (std::getline(status, line)) {
-    if (line.compare(0, kKey.size(), kKey) == 0) return std::atoi(line.c_str() + kKey.size());
+    if (line.compare(0, kKey.size(), kKey) == 0) return std::stoi(line.substr(kKey.size()));
   }
   return 0;
 }

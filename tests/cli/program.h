@@ -39,6 +39,7 @@ struct Launch {
     kClosed,    ///< the program starts without a standard output
     kFull,      ///< a device that takes nothing, as a full disk does
     kUnwanted,  ///< a pipe whose reader has gone
+    kHeldUp,    ///< a pipe that is full, and stays so until TakeOutput
   };
 
   std::vector<std::string> arguments;
@@ -96,6 +97,11 @@ class Program {
   /// Waits for the end; kills the program when the wait is over. Later calls return the same.
   const Ending& Wait(std::chrono::milliseconds wait = kPatience);
 
+  /// From here on takes what stands on the pipe of kHeldUp: what had filled it, kFilling, and what the
+  /// program wrote.
+  void TakeOutput();
+  static const std::string kFilling;
+
   /// Threads of the process as the system counts them; 0 when it has ended.
   int ThreadCount() const;
 
@@ -112,6 +118,7 @@ class Program {
   pid_t id_ = -1;
   Clock::time_point start_;
   int outputPipe_ = -1;
+  int heldPipe_ = -1;
   int errorPipe_ = -1;
   bool ended_ = false;
   std::size_t linesRead_ = 0;   ///< bytes of the output that ReadLine has handed out

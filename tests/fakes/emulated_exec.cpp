@@ -1,5 +1,5 @@
-// Preloaded into tests that run under emulation: a program of the emulated kind that they start is started
-// under the emulator as well. The machine itself could not run it.
+// Preloaded into tests that run under emulation: an arm64 program that they start is started under the
+// emulator as well. The machine itself could not run it.
 #include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>
@@ -23,7 +23,7 @@ bool NeedsEmulator(const char* program) {
   if (file < 0) return false;
   const bool whole = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header);
   close(file);
-  return whole && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EMULATED_MACHINE;
+  return whole && std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_machine == EM_AARCH64;
 }
 
 /// A null-terminated list of texts.

@@ -1,8 +1,10 @@
 // Preloaded under the program, in front of the platform, which it goes on to call. FAULT has one or more of
 // "operation:N:action", separated by commas: in the N-th call of the operation (counted over all threads)
 // do as the action says, which is "fail=CODE" (in place of the call), "delay=MILLISECONDS" or "sigint"
-// (before it). "N-" means the N-th and all that follow. Every call is noted in the file that FAULT_CALLS
-// names: thread, operation, status.
+// (before it). "N-" means the N-th and all that follow; "1/N" one call in N at random, delayed by up to the
+// milliseconds. FAULT_SEED, a number, decides which calls those are: the same ones whenever it is the same.
+// Every call is noted in the file that FAULT_CALLS names: thread, operation, status. How many faults there
+// were is added to the file that FAULT_TOTALS names when the process exits: failed, delayed, interrupted.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,18 +89,26 @@ constexpr const char* kNames[kOperations][2] = {
 struct Fault {
   int from = 0;
   int to = 0;
+  int oneIn = 0;  // 0: not at random
   enum class Action { kNone, kFail, kDelay, kSigint } action = Action::kNone;
   int value = 0;
 };
 
+constexpr int kFaultsAnOperation = 4;
+
 void* real[kOperations];
-Fault faults[kOperations];
+Fault faults[kOperations][kFaultsAnOperation];
 std::atomic<int> counts[kOperations];
+std::atomic<long> failures{0};
+std::atomic<long> delays{0};
+std::atomic<long> interruptions{0};
+std::uint64_t seed = 0;
 int callsFile = -1;
+int totalsFile = -1;
 std::atomic<bool> ready{false};
 
 [[noreturn]] void Refuse(const char* why, const char* what) {
-  std::fprintf(stderr, "fault shim: %s: %s\n", why, what);
+  (void)std::fprintf(stderr, "fault shim: %s: %s\n", why, what);
   std::abort();
 }
 
@@ -120,10 +131,17 @@ void Parse(const char* text) {
     int operation = 0;
     while (operation < kOperations && std::strcmp(kNames[operation][0], entry) != 0) ++operation;
     if (operation == kOperations) Refuse("no such operation", entry);
-    Fault& fault = faults[operation];
+    int slot = 0;
+    while (slot < kFaultsAnOperation && faults[operation][slot].action != Fault::Action::kNone) ++slot;
+    if (slot == kFaultsAnOperation) Refuse("too many faults", entry);
+    Fault& fault = faults[operation][slot];
     char* end = nullptr;
     fault.from = static_cast<int>(std::strtol(number + 1, &end, 10));
     fault.to = *end == '-' ? 1 << 30 : fault.from;
+    if (*end == '/') {
+      fault.oneIn = static_cast<int>(std::strtol(end + 1, nullptr, 10));
+      if (fault.from != 1 || fault.oneIn < 1) Refuse("no such share", number + 1);
+    }
     const char* const value = std::strchr(action + 1, '=');
     fault.value = value == nullptr ? 0 : static_cast<int>(std::strtol(value + 1, nullptr, 10));
     if (std::strncmp(action + 1, "fail=", 5) == 0) {
@@ -149,12 +167,23 @@ __attribute__((constructor)) void Start() {
   for (int operation = 0; operation < kOperations; ++operation) (void)Real(operation);
   // Not for what the program starts in turn, such as a sanitizer's symbolizer.
   if (unsetenv("LD_PRELOAD") != 0) Refuse("cannot unset", "LD_PRELOAD");
+  if (const char* const text = std::getenv("FAULT_SEED")) seed = std::strtoull(text, nullptr, 10);
   if (const char* const text = std::getenv("FAULT")) Parse(text);
   if (const char* const path = std::getenv("FAULT_CALLS")) {
     callsFile = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (callsFile < 0) Refuse("cannot open", path);
   }
+  if (const char* const path = std::getenv("FAULT_TOTALS")) {
+    totalsFile = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (totalsFile < 0) Refuse("cannot open", path);
+  }
   ready = true;
+}
+
+__attribute__((destructor)) void TellTotals() {
+  if (totalsFile >= 0) {
+    (void)dprintf(totalsFile, "%ld %ld %ld\n", failures.load(), delays.load(), interruptions.load());
+  }
 }
 
 void Note(int operation, int status) {
@@ -165,19 +194,47 @@ void Note(int operation, int status) {
   if (write(callsFile, line, static_cast<std::size_t>(length)) != length) std::abort();
 }
 
+// A number that looks random and depends on nothing but the seed and these. (Finalizer of SplitMix64.)
+std::uint64_t Mixed(int operation, int slot, int number) {
+  std::uint64_t mixed = seed * 0x9e3779b97f4a7c15U + static_cast<std::uint64_t>(number) * 64 +
+                        static_cast<std::uint64_t>(operation);
+  mixed += static_cast<std::uint64_t>(slot) << 48;
+  for (int round = 0; round < 2; ++round) {
+    mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9U;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebU;
+    mixed ^= mixed >> 31;
+  }
+  return mixed;
+}
+
 // Counts the call and does what is due before it. Returns true, with the code, when it is to fail.
 bool Due(int operation, int& code) {
   const int number = ++counts[operation];
-  const Fault& fault = faults[operation];
-  if (fault.action == Fault::Action::kNone || number < fault.from || number > fault.to) return false;
-  if (fault.action == Fault::Action::kSigint) {
-    (void)kill(getpid(), SIGINT);
-  } else if (fault.action == Fault::Action::kDelay) {
-    const struct timespec span = {fault.value / 1000, fault.value % 1000 * 1000000L};
-    (void)nanosleep(&span, nullptr);
+  for (int slot = 0; slot < kFaultsAnOperation; ++slot) {
+    const Fault& fault = faults[operation][slot];
+    if (fault.action == Fault::Action::kNone) return false;
+    int delayMs = fault.value;
+    if (fault.oneIn != 0) {
+      const std::uint64_t mixed = Mixed(operation, slot, number);
+      if (mixed % static_cast<std::uint64_t>(fault.oneIn) != 0) continue;
+      delayMs = static_cast<int>((mixed >> 32) % static_cast<std::uint64_t>(fault.value + 1));
+    } else if (number < fault.from || number > fault.to) {
+      continue;
+    }
+    if (fault.action == Fault::Action::kSigint) {
+      ++interruptions;
+      (void)kill(getpid(), SIGINT);
+    } else if (fault.action == Fault::Action::kDelay) {
+      ++delays;
+      const struct timespec span = {delayMs / 1000, delayMs % 1000 * 1000000L};
+      (void)nanosleep(&span, nullptr);
+    } else {
+      ++failures;
+      code = fault.value;
+      return true;
+    }
   }
-  code = fault.value;
-  return fault.action == Fault::Action::kFail;
+  return false;
 }
 
 // Forwards every call through one template, with pointers where the interface has references: the same to the

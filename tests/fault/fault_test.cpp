@@ -451,7 +451,8 @@ INSTANTIATE_TEST_SUITE_P(
       return name;
     });
 
-#ifndef STRESS_SANITIZED  // what follows fails calls that a sanitizer replaces itself
+// What follows fails calls that a sanitizer replaces itself.
+#if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
 
 // The buffers of the workers' set-ups, in the order of the calls.
 struct Allocation {
@@ -511,6 +512,28 @@ TEST_F(FaultTest, AClockThatJumpsChangesRatesAlone) {
 }
 
 #endif
+
+// So that what a soak has found can be looked for again.
+TEST_F(FaultTest, ASeedDecidesWhichCallsFailAtRandom) {
+  const auto failing = [&](const std::string& seed) {
+    Launch launch = Faulty("CPU: {Level: 1}\n", "memcpy_s:1/4:fail=777");
+    launch.environment["FAULT_SEED"] = seed;
+    std::filesystem::remove(Directory() / "calls");
+    EXPECT_THAT(RunLines(launch, 2), Exited(0));
+    std::string pattern;
+    for (const Call& call : Calls()) {
+      if (call.operation == "memcpy_s") pattern += call.status == kCode ? 'x' : '.';
+    }
+    return pattern.substr(0, 64);
+  };
+  const std::string pattern = failing("1");
+  ASSERT_THAT(pattern, SizeIs(64));
+  const auto count = std::count(pattern.begin(), pattern.end(), 'x');
+  EXPECT_GT(count, 4) << pattern;
+  EXPECT_LT(count, 32) << pattern;
+  EXPECT_EQ(failing("1"), pattern);
+  EXPECT_NE(failing("2"), pattern);
+}
 
 TEST_F(FaultTest, AFullDiskUnderTheLogChangesNothingElse) {
   std::filesystem::create_directory(Directory() / "log");

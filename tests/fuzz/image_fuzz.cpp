@@ -309,7 +309,7 @@ class Script {
         bound_ && channels_.count(channel) != 0 && interpolation == Ormis::kQetInterpolationArea &&
         timeLimit == -1 && LiveOf(source) != nullptr && LiveOf(destination) != nullptr &&
         source.data != destination.data && source.imageType == destination.imageType && side <= kMaxSide;
-    const auto shade = static_cast<std::uint8_t>(input_.Byte());
+    const std::uint8_t shade = input_.Byte();
     if (valid) {
       workBytes_ += std::uint64_t{source.dataSize} + destination.dataSize;
       std::memset(source.data, shade, source.dataSize);

@@ -175,6 +175,11 @@ void CheckTime(const std::string& line) {
   }
 }
 
+/// What a const char* of it shows.
+std::string UpToNull(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
 /// `line` without its newline.
 void CheckLine(const std::string& line, const Expected& expected) {
   FUZZ_REQUIRE(line.size() < kMaxLineBytes, line);
@@ -186,16 +191,18 @@ void CheckLine(const std::string& line, const Expected& expected) {
   const std::string rest = line.substr(timeSize + expected.head.size());
 
   Escaped file;
-  file.Add(expected.location.file.value_or("?").c_str());
+  file.Add(UpToNull(expected.location.file.value_or("?")));
   Escaped function;
-  function.Add(expected.location.function.value_or("?").c_str());
+  function.Add(UpToNull(expected.location.function.value_or("?")));
   const std::string number = ":" + std::to_string(expected.location.line) + " ";
   for (const std::string& text : expected.text.Fitting(LogStream::kTextCapacity, " [cut]")) {
     if (rest.compare(0, text.size(), text) != 0) continue;
     const std::string tail = rest.substr(text.size());
     for (const std::string& fileText : file.Fitting(kMaxFileBytes, "")) {
       for (const std::string& functionText : function.Fitting(kMaxFunctionBytes, "")) {
-        if (tail == " (" + fileText + number + functionText + ")") return;
+        std::string location = " (";
+        location.append(fileText).append(number).append(functionText).append(")");
+        if (tail == location) return;
       }
     }
   }
@@ -310,7 +317,7 @@ class Script {
       case 'c':
         lastText_ = input_.Text();
         stream << lastText_.c_str();
-        text.Add(lastText_.c_str());
+        text.Add(UpToNull(lastText_));
         return true;
       case 'v':
         lastText_ = input_.Text();

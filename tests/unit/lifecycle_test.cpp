@@ -15,12 +15,12 @@ class LifecycleTest : public UnitTest {
  protected:
   LifecycleTest() : cout_(std::cout.rdbuf(out_.rdbuf())), cerr_(std::cerr.rdbuf(err_.rdbuf())) {
     stopFlag = 0;
-    std::signal(SIGINT, SIG_DFL);
+    (void)std::signal(SIGINT, SIG_DFL);
   }
   ~LifecycleTest() override {
     std::cout.rdbuf(cout_);
     std::cerr.rdbuf(cerr_);
-    std::signal(SIGINT, SIG_DFL);
+    (void)std::signal(SIGINT, SIG_DFL);
     stopFlag = 0;
   }
 
@@ -217,7 +217,7 @@ TEST_F(LifecycleTest, ReleaseGetsTheContextOfInitialize) {
 }
 
 TEST_F(LifecycleTest, SigintDuringInitSkipsStartAndReleases) {
-  fakePlatform::OnCall("QetInitialize", [](int) { std::raise(SIGINT); });
+  fakePlatform::OnCall("QetInitialize", [](int) { (void)std::raise(SIGINT); });
   EXPECT_EQ(Run("logLevel: 5\nCPU: {Level: 1}\n"), 0);
   EXPECT_THAT(fakePlatform::Names(), ElementsAre("QetInitialize", "QetRelease"));
   EXPECT_EQ(out_.str(), "");
@@ -228,7 +228,7 @@ TEST_F(LifecycleTest, SigintDuringInitSkipsStartAndReleases) {
 }
 
 TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseGiveMinusOne) {
-  fakePlatform::OnCall("QetInitialize", [](int) { std::raise(SIGINT); });
+  fakePlatform::OnCall("QetInitialize", [](int) { (void)std::raise(SIGINT); });
   fakePlatform::Fail("QetRelease", 1, 9);
   EXPECT_EQ(Run(""), -1);
   EXPECT_EQ(fakePlatform::FailuresDelivered("QetRelease"), 1);
@@ -240,7 +240,7 @@ TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseGiveMinusOne) {
 TEST_F(LifecycleTest, SigintDuringTheRunEndsIt) {
   clock_.WaitForSleepers(2);
   clock_.OnSleep([](std::size_t n) {
-    if (n == 5) std::raise(SIGINT);
+    if (n == 5) (void)std::raise(SIGINT);
     while (n > 5 && stopFlag == 0) std::this_thread::yield();
   });
   EXPECT_EQ(Run("logLevel: 5\n"), 0);
@@ -254,7 +254,7 @@ TEST_F(LifecycleTest, SigintWhileStressesRunEndsEveryThread) {
   StressBenchmark benchmark(file.Path());
   ASSERT_TRUE(benchmark.Init());
   fakePlatform::OnCall("QetImageResize", [](int n) {
-    if (n == 20) std::raise(SIGINT);
+    if (n == 20) (void)std::raise(SIGINT);
   });
   benchmark.Start();
   EXPECT_EQ(benchmark.threads.size(), 2U + 1 + 2 + 1 + 2);
@@ -265,8 +265,8 @@ TEST_F(LifecycleTest, SigintWhileStressesRunEndsEveryThread) {
 
 TEST_F(LifecycleTest, SecondSigintOnlyLogsAgain) {
   fakePlatform::OnCall("QetInitialize", [](int) {
-    std::raise(SIGINT);
-    std::raise(SIGINT);
+    (void)std::raise(SIGINT);
+    (void)std::raise(SIGINT);
   });
   EXPECT_EQ(Run("logLevel: 5\n"), 0);
   EXPECT_EQ(stopFlag, 1);
@@ -278,7 +278,7 @@ TEST_F(LifecycleTest, HandlerIsInstalledBeforeLoggingStarts) {
   fakeLog::OnCall([&] {
     if (handlerAtStart != nullptr) return;
     handlerAtStart = std::signal(SIGINT, SIG_IGN);
-    std::signal(SIGINT, handlerAtStart);
+    (void)std::signal(SIGINT, handlerAtStart);
   });
   const TemporaryFile file("");
   StressBenchmark benchmark(file.Path());

@@ -12,11 +12,15 @@ namespace {
 
 using ara::log::LogLevel;
 
+void LogEarly() {
+  STBM_LOG_ERROR("early");
+}
+
 TEST(SingletonTest, IsCreatedOnceAsTpwAndReplacedAtTheStart) {
   // Several threads reach a first site together.
   std::vector<std::thread> threads;
   threads.reserve(8);
-  for (int i = 0; i < 8; ++i) threads.emplace_back([] { STBM_LOG_ERROR("early"); });
+  for (int i = 0; i < 8; ++i) threads.emplace_back(LogEarly);
   for (std::thread& thread : threads) thread.join();
 
   ASSERT_EQ(fakeLog::Creations().size(), 1U);
