@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <ctime>
 
 namespace ara::log {
 
@@ -15,6 +18,27 @@ constexpr int kWaitMs = 10;
 constexpr int kMaxWaits = 100;
 // Attempts of one line: each may be interrupted before it writes anything.
 constexpr int kMaxAttempts = 100;
+
+/// write(2) that fails where the file may not grow (RLIMIT_FSIZE), instead of ending the program by SIGXFSZ.
+/// The signal goes to the thread that writes: blocked there, it is taken back.
+ssize_t WriteWithoutSizeSignal(int descriptor, const char* bytes, std::size_t size) {
+  sigset_t sizeSignal;
+  sigemptyset(&sizeSignal);
+  sigaddset(&sizeSignal, SIGXFSZ);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &sizeSignal, &before);
+  const ssize_t written = write(descriptor, bytes, size);
+  const int error = errno;
+  if (sigismember(&before, SIGXFSZ) == 0) {
+    if (written < 0 && error == EFBIG) {
+      constexpr timespec kAtOnce{};
+      sigtimedwait(&sizeSignal, nullptr, &kAtOnce);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+  errno = error;
+  return written;
+}
 
 }  // namespace
 
@@ -52,7 +76,7 @@ const char* Sink::WriteOnce(const char* line, std::size_t size, int waits) {
     if ((blocking_ == Blocking::kPossible || attempt > 0) && !WaitUntilReady(descriptor, &waits)) {
       return "it takes nothing";
     }
-    const ssize_t written = write(descriptor, line, size);
+    const ssize_t written = WriteWithoutSizeSignal(descriptor, line, size);
     if (written == static_cast<ssize_t>(size)) return nullptr;
     if (written >= 0) {
       // The rest is not sent after it: another thread's line may stand there by now.
