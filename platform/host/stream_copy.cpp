@@ -95,23 +95,24 @@ void StreamNeon(void* destination, const void* source, std::size_t bytes) {
 
 #endif
 
-std::vector<CopyRoutine> FindRoutines() {
-  std::vector<CopyRoutine> routines{{"memcpy", CopyByLibrary}};
+CopyRoutineList FindRoutines() {
+  CopyRoutineList routines;
+  routines.Add({"memcpy", CopyByLibrary});
 #if defined(__x86_64__)
   __builtin_cpu_init();
-  routines.push_back({"sse2", StreamSse2});
-  if (__builtin_cpu_supports("avx")) routines.push_back({"avx", StreamAvx});
-  if (__builtin_cpu_supports("avx512f")) routines.push_back({"avx512", StreamAvx512});
+  routines.Add({"sse2", StreamSse2});
+  if (__builtin_cpu_supports("avx")) routines.Add({"avx", StreamAvx});
+  if (__builtin_cpu_supports("avx512f")) routines.Add({"avx512", StreamAvx512});
 #elif defined(__aarch64__)
-  routines.push_back({"stnp", StreamNeon});
+  routines.Add({"stnp", StreamNeon});
 #endif
   return routines;
 }
 
 }  // namespace
 
-const std::vector<CopyRoutine>& CopyRoutines() {
-  static const std::vector<CopyRoutine> routines = FindRoutines();
+const CopyRoutineList& CopyRoutines() {
+  static const CopyRoutineList routines = FindRoutines();
   return routines;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
-#include <vector>
 
 namespace Ormis::host {
 
@@ -11,10 +11,25 @@ struct CopyRoutine {
   void (*copy)(void* destination, const void* source, std::size_t bytes);
 };
 
+/// Routines in a row, without memory of the heap: whoever copies must not fail for want of any.
+class CopyRoutineList {
+ public:
+  void Add(CopyRoutine routine) { routines_.at(size_++) = routine; }
+  const CopyRoutine* begin() const { return routines_.data(); }
+  const CopyRoutine* end() const { return begin() + size_; }
+  std::size_t size() const { return size_; }
+  const CopyRoutine& front() const { return *begin(); }
+  const CopyRoutine& back() const { return *(end() - 1); }
+
+ private:
+  std::array<CopyRoutine, 4> routines_{};
+  std::size_t size_ = 0;
+};
+
 /// The ways that this processor knows, the narrowest stores first. The first is the C library's own memcpy;
 /// the others write past the caches ("streaming stores"), so that every byte of the destination crosses the
 /// memory controller.
-const std::vector<CopyRoutine>& CopyRoutines();
+const CopyRoutineList& CopyRoutines();
 
 /// Counts from here on are copied past the caches. Below it a destination is likely to be read again at once,
 /// from the cache, and a streamed one would have to come back from memory.

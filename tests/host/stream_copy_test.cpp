@@ -54,7 +54,7 @@ TEST_P(CopyTest, CopiesEveryByteAndNoOther) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, CopyTest, testing::ValuesIn(CopyRoutines()),
+INSTANTIATE_TEST_SUITE_P(All, CopyTest, testing::ValuesIn(CopyRoutines().begin(), CopyRoutines().end()),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(CopyToMemoryTest, CopiesBelowAndAboveTheLimitOfStreaming) {
