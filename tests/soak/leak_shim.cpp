@@ -1,5 +1,5 @@
-// A platform that must not pass the soak. Preloaded, it goes wrong in QetImageResize as LEAK says: "memory",
-// "descriptor", "thread", "leftover", "hang" or "crash".
+// A platform that must not pass the soak. Preloaded, it goes wrong in QetImageResize as LEAK says: "growth"
+// (of memory, descriptors and threads), "leftover", "hang" or "crash".
 #include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -31,22 +31,33 @@ void* Idle(void* /*argument*/) {
 void* volatile leaked;  // seen from outside, so that the compiler cannot leave the leak out
 
 // True once a period, in one of the threads that ask.
-bool Due(milliseconds period) {
-  static std::atomic<Clock::rep> last{0};
-  const Clock::time_point now = Clock::now();
-  Clock::rep known = last;
-  return now - Clock::time_point(Clock::duration(known)) >= period &&
-         last.compare_exchange_strong(known, now.time_since_epoch().count());
-}
+class Schedule {
+ public:
+  explicit Schedule(milliseconds period) : period_(period) {}
+  bool Due() {
+    const Clock::time_point now = Clock::now();
+    Clock::rep known = last_;
+    return now - Clock::time_point(Clock::duration(known)) >= period_ &&
+           last_.compare_exchange_strong(known, now.time_since_epoch().count());
+  }
+
+ private:
+  const milliseconds period_;
+  std::atomic<Clock::rep> last_{0};
+};
 
 void GoWrong() {
   static const std::string leak = std::getenv("LEAK");
   static const Clock::time_point start = Clock::now();
   pthread_t thread{};
-  if (leak == "memory" && Due(kMemoryPeriod)) leaked = std::memset(std::malloc(kLeakBytes), 1, kLeakBytes);
-  if (leak == "descriptor" && Due(kHandlePeriod)) (void)dup(STDOUT_FILENO);
-  if (leak == "thread" && Due(kHandlePeriod)) (void)pthread_create(&thread, nullptr, Idle, nullptr);
-  if (leak == "leftover" && Due(kGoodTime) && fork() == 0) (void)Idle(nullptr);
+  static Schedule memory(kMemoryPeriod);
+  static Schedule descriptor(kHandlePeriod);
+  static Schedule idler(kHandlePeriod);
+  static Schedule leftover(kGoodTime);
+  if (leak == "growth" && memory.Due()) leaked = std::memset(std::malloc(kLeakBytes), 1, kLeakBytes);
+  if (leak == "growth" && descriptor.Due()) (void)dup(STDOUT_FILENO);
+  if (leak == "growth" && idler.Due()) (void)pthread_create(&thread, nullptr, Idle, nullptr);
+  if (leak == "leftover" && leftover.Due() && fork() == 0) (void)Idle(nullptr);
   if (leak == "hang" && Clock::now() - start > kGoodTime) (void)Idle(nullptr);
   if (leak == "crash" && Clock::now() - start > kGoodTime) std::abort();
 }
