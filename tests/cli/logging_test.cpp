@@ -1,5 +1,8 @@
 // Where the log goes and what of it: "logMode" and "logLevel" as they act on the whole program.
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <csignal>
 
 #include "program_test.h"
@@ -136,6 +139,51 @@ TEST_F(Logging, AFileInTheWayOfTheFolderIsToldOnceAndChangesNothingElse) {
   EXPECT_EQ(ending.error, "ara::log: cannot make folder ./log: File exists\n");
   ExpectRateLines(ending.OutputLines(), {"cpuStress"});
   EXPECT_EQ(Read("log"), "not a folder\n");
+}
+
+TEST_F(Logging, AFolderThatMayNotBeWrittenIsToldOnceAndChangesNothingElse) {
+  Launch launch = Configured("logMode: 2\nCPU: {Level: 0}\n");
+  if (geteuid() != 0) {
+    std::filesystem::permissions(Directory(), std::filesystem::perms::owner_write,
+                                 std::filesystem::perm_options::remove);
+  } else if (!RunAsAnother(launch)) {
+    GTEST_SKIP() << "root writes everywhere, and no other user can start the program here";
+  }
+  const Ending ending = RunLines(launch, 2);
+  std::filesystem::permissions(Directory(), std::filesystem::perms::owner_write,
+                               std::filesystem::perm_options::add);
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "ara::log: cannot make folder ./log: Permission denied\n");
+  ExpectRateLines(ending.OutputLines(), {"cpuStress"});
+  EXPECT_THAT(Files(), ElementsAre("c.yaml"));
+}
+
+// Such a write is answered with a signal whose default action ends the process.
+TEST_F(Logging, AFileThatReachesTheLimitOfItsSizeChangesNothingElse) {
+  for (const rlim_t limit : {0U, 300U}) {
+    SCOPED_TRACE(limit);
+    std::filesystem::remove_all(Directory() / "log");
+    Launch launch = Configured("logLevel: 5\nCPU: {Level: 1}\n");
+    launch.limits[RLIMIT_FSIZE] = limit;
+    const Ending ending = RunLines(launch, 2);
+    EXPECT_THAT(ending, Exited(0));
+    EXPECT_THAT(ending.OutputLines(), SizeIs(testing::Ge(2U)));
+    EXPECT_THAT(ending.ErrorLines(),
+                Contains(AllOf(testing::StartsWith("ara::log: cannot write ./log/STBM.log: "),
+                               AnyOf(HasSubstr("File too large"), HasSubstr("it took a line in part"))))
+                    .Times(1));
+    EXPECT_THAT(ending.error, HasSubstr("SignalHandler() | "));
+    EXPECT_LE(Read("log/STBM.log").size(), limit);
+  }
+}
+
+TEST_F(Logging, ThatSignalFromElsewhereStillEndsTheProgram) {
+  Launch launch = Configured("CPU: {Level: 1}\n");
+  launch.limits[RLIMIT_FSIZE] = 0;
+  Program program(launch);
+  ASSERT_TRUE(program.ReadLine().has_value());
+  program.Signal(SIGXFSZ);
+  EXPECT_THAT(program.Wait(), KilledBy(SIGXFSZ));
 }
 
 TEST_F(Logging, AFileThatCannotBeOpenedLeavesTheConsole) {

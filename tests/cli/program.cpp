@@ -1,6 +1,7 @@
 #include "program.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -175,6 +176,11 @@ Program::Program(Launch launch) {
     for (const auto& [resource, limit] : launch.limits) {
       const rlimit both{limit, limit};
       if (setrlimit(static_cast<__rlimit_resource_t>(resource), &both) != 0) _exit(kCannotExecute);
+    }
+    if (launch.user) {
+      const uid_t user = *launch.user;
+      if (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0) _exit(kCannotExecute);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // another user's process starts without
     }
     if (chdir(directory.c_str()) == 0) execve(argv[0], argv.data(), envp.data());
     _exit(kCannotExecute);

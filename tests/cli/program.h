@@ -46,6 +46,7 @@ struct Launch {
   std::filesystem::path directory = ".";           ///< working directory
   std::map<std::string, std::string> environment;  ///< set over the test's own
   std::map<int, rlim_t> limits;                    ///< soft and hard limit by resource (RLIMIT_...)
+  std::optional<uid_t> user;                       ///< whom it runs as, without groups; needs root
   Output standardOutput = Output::kCaptured;
   bool standardError = true;  ///< captured; without it the program starts without one
   std::filesystem::path program = STRESS_BENCHMARK_PROGRAM;

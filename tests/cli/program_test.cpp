@@ -1,5 +1,7 @@
 #include "program_test.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <fstream>
@@ -58,6 +60,17 @@ Ending ProgramTest::RunLines(Launch launch, int lines) {
   }
   program.Signal(SIGINT);
   return program.Wait();
+}
+
+bool ProgramTest::RunAsAnother(Launch& launch) const {
+  if (geteuid() != 0) return false;
+  using std::filesystem::perms;
+  std::filesystem::permissions(Directory(), perms::owner_all | perms::group_exec | perms::group_read |
+                                                perms::others_exec | perms::others_read);
+  launch.user = 20000 + static_cast<uid_t>(getpid()) % 40000;
+  Launch usage = With({});
+  usage.user = launch.user;
+  return Run(usage).status == 0;
 }
 
 std::map<std::string, std::string> Rates(const std::string& line) {

@@ -56,6 +56,11 @@ class ProgramTest : public testing::Test {
   /// Runs the program until it has written `lines` lines, then ends it with SIGINT.
   static Ending RunLines(Launch launch, int lines = 1);
 
+  /// Lets the program run as a user who is not root, as whom nothing else runs and who may read the directory
+  /// but not write to it. Returns false where that cannot be, because the test is not root's or the user
+  /// cannot start the program.
+  bool RunAsAnother(Launch& launch) const;
+
   std::vector<LogRecord> LogFile() const { return ParseLog(Read("log/STBM.log")); }
 
  private:

@@ -3,16 +3,24 @@
 // do as the action says, which is "fail=CODE" (in place of the call), "delay=MILLISECONDS" or "sigint"
 // (before it). "N-" means the N-th and all that follow; "1/N" one call in N at random, delayed by up to the
 // milliseconds. FAULT_SEED, a number, decides which calls those are: the same ones whenever it is the same.
-// Every call is noted in the file that FAULT_CALLS names: thread, operation, status. How many faults there
-// were is added to the file that FAULT_TOTALS names when the process exits: failed, delayed, interrupted.
+// What answers no status fails as it can: the YAML node's constructor and its operator[] throw, its
+// conversions answer false, ParseLogLevel and ParseLogMode answer CODE, memory is refused. Destructors
+// cannot. Every call is noted in the file that FAULT_CALLS names: thread, operation, status. Every fault is
+// added to the file that FAULT_TOTALS names, at once, because the process may die of it: how many failed,
+// were delayed, were interrupted (a 1 and two 0), operation, number of the call. FAULT_NAP, milliseconds, is
+// the longest that any sleep takes: a whole run passes in a moment.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
+#include <unwind.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +29,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <stdexcept>
+#include <string>
 
 #include "ormis/ormis.h"
 
@@ -42,18 +52,41 @@ enum Operation : int {
   kSendFrame,
   kGetStream,
   kReleaseStream,
+  kVencEnd,
   kModelInitialize,
   kCreateInput,
   kCreateOutput,
   kProcess,
   kDnnRelease,
   kMemcpyS,
+  kYamlOpen,
+  kYamlIndex,
+  kYamlText,
+  kYamlUnsigned,
+  kYamlAsIf,
+  kYamlEnd,
+  kParseLogLevel,
+  kParseLogMode,
   kArrayNew,
   kPosixMemalign,
   kThreadCreate,
   kClock,
+  kWallClock,
+  kSpawn,
+  kMainMemory,
+  kWorkerMemory,
   kOperations
 };
+
+#define LIBCXX_STRING "NSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE"
+#define YAML_OPEN "_ZN5Ormis11QetYamlNodeC1ERK" LIBCXX_STRING
+#define YAML_INDEX "_ZNK5Ormis11QetYamlNodeixERK" LIBCXX_STRING
+#define YAML_UNSIGNED                                                                                       \
+  "_ZNK5Ormis11QetYamlNode8GetValueIjEEbRKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_9allocatorIcEEEE" \
+  "RT_"
+#define YAML_TEXT                                                                                            \
+  "_ZNK5Ormis11QetYamlNode8GetValueINSt3__112basic_stringIcNS2_11char_traitsIcEENS2_9allocatorIcEEEEEEbRKS8" \
+  "_RT_"
 
 // Name in FAULT, and link name.
 constexpr const char* kNames[kOperations][2] = {
@@ -72,6 +105,7 @@ constexpr const char* kNames[kOperations][2] = {
     {"QetVenc::SendFrame", "_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE"},
     {"QetVenc::GetStream", "_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream"},
     {"QetVenc::ReleaseStream", "_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream"},
+    {"QetVenc::~QetVenc", "_ZN5Ormis7QetVencD1Ev"},
     {"QetDNNModelInitialize",
      "_ZN5Ormis21QetDNNModelInitializeERNS_12QetDNNHandleERKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
      "9allocatorIcEEEE"},
@@ -80,10 +114,24 @@ constexpr const char* kNames[kOperations][2] = {
     {"QetDNNModelProcess", "_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE"},
     {"QetDNNRelease", "_ZN5Ormis13QetDNNReleaseERNS_12QetDNNHandleE"},
     {"memcpy_s", "memcpy_s"},
+    {"QetYamlNode::QetYamlNode", YAML_OPEN},
+    {"QetYamlNode::operator[]", YAML_INDEX},
+    {"QetYamlNode::GetValue<string>", YAML_TEXT},
+    {"QetYamlNode::GetValue<unsigned>", YAML_UNSIGNED},
+    {"QetYamlNode::AsIf", "_ZNK5Ormis11QetYamlNode4AsIfERj"},
+    {"QetYamlNode::~QetYamlNode", "_ZN5Ormis11QetYamlNodeD1Ev"},
+    {"ParseLogLevel", "_ZN5Ormis13ParseLogLevelENS_15QetLogLevelTypeE"},
+    {"ParseLogMode", "_ZN5Ormis12ParseLogModeENS_14QetLogModeTypeE"},
     {"new[]", "_Znam"},
     {"posix_memalign", "posix_memalign"},
     {"pthread_create", "pthread_create"},
     {"clock", "clock_gettime"},
+    {"wall-clock", "clock_gettime"},
+    {"posix_spawn", "posix_spawn"},
+    // What the program and the platform's libraries ask for themselves, of any kind of memory: on the main
+    // thread; on the first thread that the program starts, up to the end of its first cycle.
+    {"main-memory", "malloc"},
+    {"worker-memory", "malloc"},
 };
 
 struct Fault {
@@ -99,12 +147,10 @@ constexpr int kFaultsAnOperation = 4;
 void* real[kOperations];
 Fault faults[kOperations][kFaultsAnOperation];
 std::atomic<int> counts[kOperations];
-std::atomic<long> failures{0};
-std::atomic<long> delays{0};
-std::atomic<long> interruptions{0};
 std::uint64_t seed = 0;
 int callsFile = -1;
 int totalsFile = -1;
+long napMs = -1;
 std::atomic<bool> ready{false};
 
 [[noreturn]] void Refuse(const char* why, const char* what) {
@@ -145,6 +191,7 @@ void Parse(const char* text) {
     const char* const value = std::strchr(action + 1, '=');
     fault.value = value == nullptr ? 0 : static_cast<int>(std::strtol(value + 1, nullptr, 10));
     if (std::strncmp(action + 1, "fail=", 5) == 0) {
+      if (operation == kVencEnd || operation == kYamlEnd) Refuse("cannot fail", entry);
       fault.action = Fault::Action::kFail;
     } else if (std::strncmp(action + 1, "delay=", 6) == 0) {
       fault.action = Fault::Action::kDelay;
@@ -167,6 +214,7 @@ __attribute__((constructor)) void Start() {
   for (int operation = 0; operation < kOperations; ++operation) (void)Real(operation);
   // Not for what the program starts in turn, such as a sanitizer's symbolizer.
   if (unsetenv("LD_PRELOAD") != 0) Refuse("cannot unset", "LD_PRELOAD");
+  if (const char* const text = std::getenv("FAULT_NAP")) napMs = std::strtol(text, nullptr, 10);
   if (const char* const text = std::getenv("FAULT_SEED")) seed = std::strtoull(text, nullptr, 10);
   if (const char* const text = std::getenv("FAULT")) Parse(text);
   if (const char* const path = std::getenv("FAULT_CALLS")) {
@@ -180,10 +228,15 @@ __attribute__((constructor)) void Start() {
   ready = true;
 }
 
-__attribute__((destructor)) void TellTotals() {
-  if (totalsFile >= 0) {
-    (void)dprintf(totalsFile, "%ld %ld %ld\n", failures.load(), delays.load(), interruptions.load());
-  }
+void AddToTotals(Fault::Action action, int operation, int number) {
+  if (totalsFile < 0) return;
+  const int error = errno;
+  char line[128];
+  const int length = std::snprintf(line, sizeof line, "%d %d %d %s %d\n", action == Fault::Action::kFail,
+                                   action == Fault::Action::kDelay, action == Fault::Action::kSigint,
+                                   kNames[operation][0], number);
+  if (write(totalsFile, line, static_cast<std::size_t>(length)) != length) std::abort();
+  errno = error;
 }
 
 void Note(int operation, int status) {
@@ -221,15 +274,13 @@ bool Due(int operation, int& code) {
     } else if (number < fault.from || number > fault.to) {
       continue;
     }
+    AddToTotals(fault.action, operation, number);
     if (fault.action == Fault::Action::kSigint) {
-      ++interruptions;
       (void)kill(getpid(), SIGINT);
     } else if (fault.action == Fault::Action::kDelay) {
-      ++delays;
       const struct timespec span = {delayMs / 1000, delayMs % 1000 * 1000000L};
       (void)nanosleep(&span, nullptr);
     } else {
-      ++failures;
       code = fault.value;
       return true;
     }
@@ -237,18 +288,45 @@ bool Due(int operation, int& code) {
   return false;
 }
 
+// Not made when first used, as that takes memory.
+__attribute__((tls_model("initial-exec"))) thread_local bool cycled = false;
+
 // Forwards every call through one template, with pointers where the interface has references: the same to the
 // machine, and what the sanitizer's check of function types objects to.
 template <typename Result, typename... Arguments>
-__attribute__((no_sanitize("function"))) Result Call(int operation, Arguments... arguments) {
+__attribute__((no_sanitize("function"))) Result Forward(int operation, Arguments... arguments) {
+  return reinterpret_cast<Result (*)(Arguments...)>(real[operation])(arguments...);
+}
+
+template <typename Result, typename... Arguments>
+Result Call(int operation, Arguments... arguments) {
   int code = 0;
   if (Due(operation, code)) {
     Note(operation, code);
-    return code;
+    return static_cast<Result>(code);
   }
-  const Result result = reinterpret_cast<Result (*)(Arguments...)>(real[operation])(arguments...);
-  Note(operation, result);
+  const Result result = Forward<Result>(operation, arguments...);
+  Note(operation, static_cast<int>(result));
+  if (operation == kMemcpyS || operation == kImageResize || operation == kReleaseStream ||
+      operation == kProcess) {
+    cycled = true;
+  }
   return result;
+}
+
+// Of what answers no status: 0 stands for it, noted before the call.
+void BeforeCall(int operation) {
+  int code = 0;
+  const bool fails = Due(operation, code);
+  Note(operation, code);
+  if (fails) throw std::runtime_error("fault " + std::to_string(code));
+}
+
+bool Convert(int operation, const Ormis::QetYamlNode* node, const std::string* key, void* out) {
+  int code = 0;
+  const bool fails = Due(operation, code);
+  Note(operation, code);
+  return !fails && Forward<bool>(operation, node, key, out);
 }
 
 }  // namespace
@@ -301,6 +379,30 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
 std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
   return Call<std::int32_t>(kReleaseStream, this, &stream);
 }
+ara::log::LogLevel ParseLogLevel(QetLogLevelType level) {
+  return Call<ara::log::LogLevel>(kParseLogLevel, level);
+}
+ara::log::LogMode ParseLogMode(QetLogModeType mode) {
+  return Call<ara::log::LogMode>(kParseLogMode, mode);
+}
+QetYamlNode QetYamlNode::operator[](const std::string& key) const {
+  BeforeCall(kYamlIndex);
+  return Forward<QetYamlNode>(kYamlIndex, this, &key);
+}
+template <>
+bool QetYamlNode::GetValue<std::string>(const std::string& key, std::string& out) const {
+  return Convert(kYamlText, this, &key, &out);
+}
+template <>
+bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& out) const {
+  return Convert(kYamlUnsigned, this, &key, &out);
+}
+bool QetYamlNode::AsIf(unsigned int& out) const {
+  int code = 0;
+  const bool fails = Due(kYamlAsIf, code);
+  Note(kYamlAsIf, code);
+  return !fails && Forward<bool>(kYamlAsIf, this, &out);
+}
 std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path) {
   return Call<std::int32_t>(kModelInitialize, &handle, &path);
 }
@@ -324,28 +426,188 @@ extern "C" int memcpy_s(void* destination, std::size_t destinationMax, const voi
   return Call<int>(kMemcpyS, destination, destinationMax, source, count);
 }
 
+// By their link names: a constructor and destructors of this library's own would make and end the members.
+#pragma GCC visibility push(default)
+extern "C" {
+
+void OpenYaml(void* node, const void* path) __asm__(YAML_OPEN);
+void OpenYaml(void* node, const void* path) {
+  BeforeCall(kYamlOpen);
+  Forward<void>(kYamlOpen, node, path);
+}
+
+void EndYaml(void* node) __asm__("_ZN5Ormis11QetYamlNodeD1Ev");
+void EndYaml(void* node) {
+  BeforeCall(kYamlEnd);
+  Forward<void>(kYamlEnd, node);
+}
+
+void EndVenc(void* encoder) __asm__("_ZN5Ormis7QetVencD1Ev");
+void EndVenc(void* encoder) {
+  BeforeCall(kVencEnd);
+  Forward<void>(kVencEnd, encoder);
+}
+
+int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* files,
+                const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment) {
+  return Call<int>(kSpawn, child, path, files, attributes, arguments, environment);
+}
+
+}  // extern "C"
+#pragma GCC visibility pop
+
 // Below here is what a sanitizer replaces itself, and what other libraries call before this one is
 // initialised.
 #if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
 
-__attribute__((visibility("default"))) void* operator new[](std::size_t bytes) {
+extern "C" {
+// The C library's own allocation, under names that nothing stands in front of.
+void* __libc_malloc(std::size_t bytes);
+void* __libc_calloc(std::size_t count, std::size_t bytes);
+void* __libc_realloc(void* memory, std::size_t bytes);
+void* __libc_memalign(std::size_t alignment, std::size_t bytes);
+}
+
+namespace {
+
+// Where the code of a library lies.
+struct Range {
+  std::uintptr_t begin = 0;
+  std::uintptr_t end = 0;
+  bool Has(std::uintptr_t address) const { return address >= begin && address < end; }
+};
+
+Range ownCode[3];     // the program, libormis.so, libara_log.so
+Range passedCode[2];  // this library and libc++, through which they ask for some of their memory
+bool memoryCounted = false;
+std::atomic<int> threadsStarted{0};
+// 0 on the main thread, then in the order of the starts.
+__attribute__((tls_model("initial-exec"))) thread_local int threadNumber = 0;
+
+int FindCode(struct dl_phdr_info* library, std::size_t /*size*/, void* /*data*/) {
+  static bool first = true;
+  Range code;
+  for (int i = 0; i < library->dlpi_phnum; ++i) {
+    const auto& segment = library->dlpi_phdr[i];
+    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
+    const std::uintptr_t begin = library->dlpi_addr + segment.p_vaddr;
+    code.begin = code.end == 0 ? begin : std::min(code.begin, begin);
+    code.end = std::max(code.end, begin + segment.p_memsz);
+  }
+  const auto is = [&](const char* name) { return std::strstr(library->dlpi_name, name) != nullptr; };
+  if (first) ownCode[0] = code;
+  if (is("/libormis.so")) ownCode[1] = code;
+  if (is("/libara_log.so")) ownCode[2] = code;
+  if (is("/libfault_shim.so")) passedCode[0] = code;
+  if (is("/libc++.so")) passedCode[1] = code;
+  first = false;
+  return 0;
+}
+
+template <std::size_t kCount>
+bool In(const Range (&ranges)[kCount], std::uintptr_t address) {
+  return std::any_of(ranges, ranges + kCount, [=](const Range& range) { return range.Has(address); });
+}
+
+_Unwind_Reason_Code FindCaller(struct _Unwind_Context* context, void* caller) {
+  const std::uintptr_t address = _Unwind_GetIP(context);
+  if (In(passedCode, address)) return _URC_NO_REASON;
+  *static_cast<std::uintptr_t*>(caller) = address;
+  return _URC_END_OF_STACK;
+}
+
+// Whether memory that is asked for from `caller` is to be refused.
+bool MemoryDue(const void* from) {
+  if (!memoryCounted || !ready) return false;
+  const bool onMain = threadNumber == 0;
+  if (!onMain && (threadNumber != 1 || cycled)) return false;
+  auto caller = reinterpret_cast<std::uintptr_t>(from);
+  if (In(passedCode, caller)) (void)_Unwind_Backtrace(FindCaller, &caller);
+  int code = 0;
+  return In(ownCode, caller) && Due(onMain ? kMainMemory : kWorkerMemory, code);
+}
+
+__attribute__((constructor)) void StartMemory() {
+  (void)dl_iterate_phdr(FindCode, nullptr);
+  memoryCounted = faults[kMainMemory][0].action != Fault::Action::kNone ||
+                  faults[kWorkerMemory][0].action != Fault::Action::kNone;
+}
+
+struct ThreadStart {
+  void* (*body)(void*);
+  void* argument;
+  int number;
+};
+
+void* RunThread(void* start) {
+  const ThreadStart thread = *static_cast<ThreadStart*>(start);
+  std::free(start);
+  threadNumber = thread.number;
+  return thread.body(thread.argument);
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+
+void* operator new(std::size_t bytes) {
+  void* const memory =
+      MemoryDue(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+void* operator new(std::size_t bytes, std::align_val_t alignment) {
+  void* const memory = MemoryDue(__builtin_return_address(0))
+                           ? nullptr
+                           : __libc_memalign(static_cast<std::size_t>(alignment), bytes == 0 ? 1 : bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+void* operator new[](std::size_t bytes) {
   int code = 0;
   if (ready && Due(kArrayNew, code)) {
     Note(kArrayNew, code);
     throw std::bad_alloc();
   }
-  void* const memory = std::malloc(bytes == 0 ? 1 : bytes);
+  void* const memory =
+      MemoryDue(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
-#pragma GCC visibility push(default)
 extern "C" {
+
+void* malloc(std::size_t bytes) {
+  if (!MemoryDue(__builtin_return_address(0))) return __libc_malloc(bytes);
+  errno = ENOMEM;
+  return nullptr;
+}
+
+void* calloc(std::size_t count, std::size_t bytes) {
+  if (!MemoryDue(__builtin_return_address(0))) return __libc_calloc(count, bytes);
+  errno = ENOMEM;
+  return nullptr;
+}
+
+void* realloc(void* old, std::size_t bytes) {
+  if (!MemoryDue(__builtin_return_address(0))) return __libc_realloc(old, bytes);
+  errno = ENOMEM;
+  return nullptr;
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t bytes) {
+  if (!MemoryDue(__builtin_return_address(0))) return __libc_memalign(alignment, bytes);
+  errno = ENOMEM;
+  return nullptr;
+}
 
 int posix_memalign(void** memory, std::size_t alignment, std::size_t bytes) {
   using PosixMemalign = int (*)(void**, std::size_t, std::size_t);
   int code = 0;
   if (ready && Due(kPosixMemalign, code)) return code;
+  if (MemoryDue(__builtin_return_address(0))) return ENOMEM;
   return reinterpret_cast<PosixMemalign>(Real(kPosixMemalign))(memory, alignment, bytes);
 }
 
@@ -354,16 +616,35 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   using PthreadCreate = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
   int code = 0;
   if (ready && Due(kThreadCreate, code)) return code;
-  return reinterpret_cast<PthreadCreate>(Real(kThreadCreate))(thread, attributes, body, argument);
+  auto* const start = static_cast<ThreadStart*>(__libc_malloc(sizeof(ThreadStart)));
+  if (start == nullptr) return EAGAIN;
+  *start = {body, argument, ++threadsStarted};
+  const int error =
+      reinterpret_cast<PthreadCreate>(Real(kThreadCreate))(thread, attributes, RunThread, start);
+  if (error != 0) std::free(start);
+  return error;
 }
 
 // A fault of "clock" jumps: from then on the monotonic clock is that many seconds ahead (behind where
-// negative).
+// negative). With "wall-clock" the time of day jumps by that much at every call.
 int clock_gettime(clockid_t clock, struct timespec* time) {
   const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
   int code = 0;
   if (ready && clock == CLOCK_MONOTONIC && Due(kClock, code)) time->tv_sec += code;
+  if (ready && clock == CLOCK_REALTIME && Due(kWallClock, code)) {
+    static std::atomic<long> jumped{0};
+    time->tv_sec += jumped += code;
+  }
   return result;
+}
+
+int nanosleep(const struct timespec* span, struct timespec* left) {
+  struct timespec nap = *span;
+  if (napMs >= 0 && (nap.tv_sec > 0 || nap.tv_nsec > napMs * 1000000)) {
+    nap = {napMs / 1000, napMs % 1000 * 1000000L};
+  }
+  if (syscall(SYS_nanosleep, &nap, left) == 0) return 0;
+  return -1;
 }
 
 }  // extern "C"

@@ -1,9 +1,11 @@
 // Every operation of the platform fails under the real program, in its first call and in a later one: what is
-// logged, what is called after it, that the others go on, how the program ends. Under AddressSanitizer a leak
-// is a failure, too.
+// logged, what is called after it, that the others go on, how the program ends, and that the fault was made
+// as it was scripted. Under AddressSanitizer a leak is a failure, too.
 
 #include <algorithm>
+#include <cctype>
 #include <csignal>
+#include <functional>
 #include <sstream>
 
 #include "program_test.h"
@@ -18,12 +20,28 @@ struct Call {
 
 class FaultTest : public ProgramTest {
  protected:
-  Launch Faulty(const std::string& configuration, const std::string& fault) const {
-    Launch launch = Configured("runTimes: 600\nlogLevel: 5\n" + configuration);
+  Launch Faulty(const std::string& configuration, const std::string& fault, int runTimes = 600) const {
+    Launch launch = Configured("runTimes: " + std::to_string(runTimes) + "\nlogLevel: 5\n" + configuration);
     launch.environment["LD_PRELOAD"] = FAULT_SHIM;
     launch.environment["FAULT"] = fault;
     launch.environment["FAULT_CALLS"] = "calls";
+    launch.environment["FAULT_TOTALS"] = "totals";
     return launch;
+  }
+
+  /// The faults that were made, in their order: failed, delayed, interrupted, operation, number of the call.
+  std::vector<std::string> Made() const { return SplitLines(Read("totals")); }
+
+  /// The line of Made for "operation:N".
+  static std::string Failed(std::string call) { return "1 0 0 " + call.replace(call.rfind(':'), 1, " "); }
+  static std::string Delayed(std::string call) { return "0 1 0 " + call.replace(call.rfind(':'), 1, " "); }
+  static std::string Interrupted(std::string call) {
+    return "0 0 1 " + call.replace(call.rfind(':'), 1, " ");
+  }
+
+  /// For another run in the directory.
+  void Forget() const {
+    for (const char* name : {"calls", "totals", "log"}) std::filesystem::remove_all(Directory() / name);
   }
 
   std::vector<Call> Calls() const {
@@ -49,10 +67,15 @@ class FaultTest : public ProgramTest {
     return names;
   }
 
-  static bool CopiedAfter(const std::vector<Call>& calls, int status) {
+  // Whether another thread than the one that got `status` has called one of the operations since.
+  static bool OthersCalledAfter(const std::vector<Call>& calls, int status,
+                                const std::vector<std::string>& operations) {
     const auto failed =
         std::find_if(calls.begin(), calls.end(), [=](const Call& c) { return c.status == status; });
-    return std::any_of(failed, calls.end(), [](const Call& call) { return call.operation == "memcpy_s"; });
+    return std::any_of(failed, calls.end(), [&](const Call& call) {
+      return call.thread != failed->thread &&
+             std::find(operations.begin(), operations.end(), call.operation) != operations.end();
+    });
   }
 };
 
@@ -85,11 +108,17 @@ TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
   } else {
     ASSERT_TRUE(program.WaitForError(end)) << program.Wait(std::chrono::seconds(0));
   }
-  // The copies go on after it.
+  // The copies go on after it, and so does the second worker of its stress.
   if (!fault.inTearDown) {
-    while (!CopiedAfter(Calls(), kCode) && program.Seconds() < 60)
-      program.RunFor(std::chrono::milliseconds(20));
-    EXPECT_TRUE(CopiedAfter(Calls(), kCode));
+    const bool second = std::string(fault.section).find("Level: 2") != std::string::npos;
+    const auto othersGoOn = [&] {
+      const std::vector<Call> calls = Calls();
+      return OthersCalledAfter(calls, kCode, {"memcpy_s"}) &&
+             (!second || OthersCalledAfter(calls, kCode,
+                                           {"QetImageResize", "QetVenc::GetStream", "QetDNNModelProcess"}));
+    };
+    while (!othersGoOn() && program.Seconds() < 60) program.RunFor(std::chrono::milliseconds(20));
+    EXPECT_TRUE(othersGoOn());
   }
   program.Signal(SIGINT);
   const Ending& ending = program.Wait();
@@ -103,10 +132,11 @@ TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls.back().operation, "QetRelease");
   EXPECT_EQ(calls.back().status, 0);
+  EXPECT_THAT(Made(), ElementsAre(Failed(fault.operation)));
 }
 
-const std::string kModel = std::string("AIC: {Level: 1, File: ") + EXAMPLE_NETWORK + "}\n";
-const std::string kModels = std::string("AIC: {Level: 2, File: ") + EXAMPLE_NETWORK + "}\n";
+const std::string kModel = std::string("AIC: {Level: 1, File: ") + TINY_NETWORK + "}\n";
+const std::string kModels = std::string("AIC: {Level: 2, File: ") + TINY_NETWORK + "}\n";
 const char* const kVpc = "VPC: {Level: 1}\n";
 const char* const kVpcs = "VPC: {Level: 2}\n";
 const char* const kVenc = "VENC: {Level: 1}\n";
@@ -127,7 +157,62 @@ const Names kPrepareWorks = {"QetImageMallocAligned", "QetMemcpyToKivu", "QetIma
 
 INSTANTIATE_TEST_SUITE_P(
     All, WorkerFaultTest,
-    testing::Values(Fault{"VpcFirstCreateContext", kVpcs, "QetCreateContext:1",
+    testing::Values(Fault{"VpcLaterCreateChannel", kVpcs, "QetCreateChannel:2",
+                          "VpcInit() | QetCreateChannel fail, ret = 777", kResizeFailed, kPrepareWorks},
+                    Fault{"VpcLaterAllocation",
+                          kVpcs,
+                          "QetImageMallocAligned:4",
+                          "VpcPerpare() | QetImageMallocAligned fail, ret = 777",
+                          kResizeFailed,
+                          {"QetImageResize"}},
+                    Fault{"VpcLaterDestroySource",
+                          kVpcs,
+                          "QetImageDestroy:4",
+                          "VPCResize() | QetImageDestroy(srcImage) failed, ret = 777",
+                          nullptr,
+                          {},
+                          true},
+                    Fault{"VpcLaterDestroyContext",
+                          kVpcs,
+                          "QetDestroyContext:2",
+                          "VPCResize() | QetDestroyContext failed, ret = 777",
+                          nullptr,
+                          {},
+                          true},
+                    Fault{"VencLaterSetCurrentContext",
+                          kVencs,
+                          "QetSetCurrentContext:2",
+                          "VencInit() | QetSetCurrentContext fail, ret = 777",
+                          kSendFailed,
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
+                    Fault{"VencLaterDestroyContext",
+                          kVencs,
+                          "QetDestroyContext:2",
+                          "VencProcess() | [AicoreStress] AICoreStressNode QetDestroyContext failed.",
+                          nullptr,
+                          {},
+                          true},
+                    Fault{"AicFirstSetCurrentContext",
+                          kModels.c_str(),
+                          "QetSetCurrentContext:1",
+                          "AICoreInit() | QetSetCurrentContext failed",
+                          kNodeFailed,
+                          {}},
+                    Fault{"AicLaterRelease",
+                          kModels.c_str(),
+                          "QetDNNRelease:2",
+                          "AICoreRelease() | [AicoreStress] NNProcessPipeline QetDNNRelease failed.",
+                          nullptr,
+                          {"QetDestroyContext"},
+                          true},
+                    Fault{"AicLaterDestroyContext",
+                          kModels.c_str(),
+                          "QetDestroyContext:2",
+                          "AICoreRelease() | [AicoreStress] QetDestroyContext failed.",
+                          nullptr,
+                          {},
+                          true},
+                    Fault{"VpcFirstCreateContext", kVpcs, "QetCreateContext:1",
                           "VpcInit() | QetCreateContext fail, ret = 777", kResizeFailed, kPrepareRefused},
                     Fault{"VpcLaterCreateContext", kVpcs, "QetCreateContext:2",
                           "VpcInit() | QetCreateContext fail, ret = 777", kResizeFailed, kPrepareRefused},
@@ -213,67 +298,67 @@ INSTANTIATE_TEST_SUITE_P(
                           "QetCreateContext:1",
                           "VencInit() | QetCreateContext fail, ret = 777",
                           kSendFailed,
-                          {"QetVenc::SendFrame"}},
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
                     Fault{"VencLaterCreateContext",
                           kVencs,
                           "QetCreateContext:2",
                           "VencInit() | QetCreateContext fail, ret = 777",
                           kSendFailed,
-                          {"QetVenc::SendFrame"}},
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
                     Fault{"VencSetCurrentContext",
                           kVenc,
                           "QetSetCurrentContext:1",
                           "VencInit() | QetSetCurrentContext fail, ret = 777",
                           kSendFailed,
-                          {"QetVenc::SendFrame"}},
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
                     Fault{"VencFirstInit",
                           kVencs,
                           "QetVenc::Init:1",
                           "VencInit() | venc init fail, ret = 777",
                           kSendFailed,
-                          {"QetVenc::SendFrame"}},
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
                     Fault{"VencLaterInit",
                           kVencs,
                           "QetVenc::Init:2",
                           "VencInit() | venc init fail, ret = 777",
                           kSendFailed,
-                          {"QetVenc::SendFrame"}},
+                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
                     Fault{"VencFirstSendFrame",
                           kVencs,
                           "QetVenc::SendFrame:1",
                           "VencProcess() | venc SendFrame fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencLaterSendFrame",
                           kVencs,
                           "QetVenc::SendFrame:9",
                           "VencProcess() | venc SendFrame fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencFirstGetStream",
                           kVencs,
                           "QetVenc::GetStream:1",
                           "VencProcess() | venc GetStream fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencLaterGetStream",
                           kVencs,
                           "QetVenc::GetStream:9",
                           "VencProcess() | venc GetStream fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencFirstReleaseStream",
                           kVencs,
                           "QetVenc::ReleaseStream:1",
                           "VencProcess() | venc ReleaseStream fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencLaterReleaseStream",
                           kVencs,
                           "QetVenc::ReleaseStream:9",
                           "VencProcess() | venc ReleaseStream fail, ret = 777",
                           nullptr,
-                          {}},
+                          {"QetVenc::~QetVenc"}},
                     Fault{"VencDestroyContext",
                           kVenc,
                           "QetDestroyContext:1",
@@ -293,7 +378,7 @@ INSTANTIATE_TEST_SUITE_P(
                           "AICoreInit() | Create context failed",
                           kNodeFailed,
                           {}},
-                    Fault{"AicSetCurrentContext",
+                    Fault{"AicLaterSetCurrentContext",
                           kModels.c_str(),
                           "QetSetCurrentContext:2",
                           "AICoreInit() | QetSetCurrentContext failed",
@@ -368,21 +453,150 @@ TEST_F(FaultTest, FailedInitializeEndsTheProgramWithoutARelease) {
   EXPECT_THAT(ending, Exited(255));
   EXPECT_EQ(ending.output, "");
   EXPECT_THAT(Texts(LogFile()), Contains("ERROR Init() | QetInitialize failed").Times(1));
-  ASSERT_EQ(Calls().size(), 1U);
+  // The configuration is let go of, and that is all.
+  EXPECT_THAT(CallsAfter(Calls(), kCode), Each("QetYamlNode::~QetYamlNode"));
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 QetInitialize 1"));
 }
 
 TEST_F(FaultTest, FailedReleaseEndsTheProgramWith255) {
   const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "QetRelease:1:fail=777"));
   EXPECT_THAT(ending, Exited(255));
   EXPECT_THAT(Texts(LogFile()), Contains("ERROR Release() | Fail to relase ctx!").Times(1));
+  EXPECT_THAT(CallsAfter(Calls(), kCode), IsEmpty());
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 QetRelease 1"));
 }
 
 TEST_F(FaultTest, FailedCopiesAreNotExamined) {
-  const Ending ending = RunLines(Faulty("CPU: {Level: 2}\n", "memcpy_s:1-:fail=34"), 2);
+  const Ending ending = RunLines(Faulty("CPU: {Level: 2}\n", "memcpy_s:1-:fail=777"), 2);
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(Texts(LogFile()), Not(Contains(testing::StartsWith("ERROR"))));
-  const std::vector<Call> calls = Calls();
-  EXPECT_TRUE(std::any_of(calls.begin(), calls.end(), [](const Call& call) { return call.status == 34; }));
+  std::vector<std::string> copies;
+  for (const Call& call : Calls()) {
+    if (call.operation == "memcpy_s") copies.push_back(std::to_string(call.status));
+  }
+  EXPECT_THAT(copies, AllOf(SizeIs(testing::Ge(4U)), Each("777")));
+  EXPECT_THAT(Made(), AllOf(SizeIs(copies.size()), Each(testing::StartsWith("1 0 0 memcpy_s "))));
+}
+
+TEST_F(FaultTest, AfterOneFailedCopyItsWorkerGoesOn) {
+  for (const std::string copy : {"memcpy_s:1", "memcpy_s:9"}) {
+    SCOPED_TRACE(copy);
+    Forget();
+    Program program(Faulty("CPU: {Level: 2}\n", copy + ":fail=777"));
+    const auto goesOn = [&] {
+      const std::vector<Call> calls = Calls();
+      return testing::Matches(Contains("memcpy_s"))(CallsAfter(calls, kCode)) &&
+             OthersCalledAfter(calls, kCode, {"memcpy_s"});
+    };
+    while (!goesOn() && program.Seconds() < 60) program.RunFor(std::chrono::milliseconds(20));
+    EXPECT_TRUE(goesOn());
+    program.Signal(SIGINT);
+    EXPECT_THAT(program.Wait(), Exited(0));
+    EXPECT_THAT(Texts(LogFile()), Not(Contains(testing::StartsWith("ERROR"))));
+    EXPECT_THAT(Made(), ElementsAre(Failed(copy)));
+  }
+}
+
+// What reads the configuration, on the main thread: nobody else is there yet. The file is read twice, and of
+// the keys runTimes, logLevel, CPU and AIC, logLevel is asked for first.
+struct ConfigurationFault {
+  const char* name;
+  const char* fault;
+  int status;  // exit status; -1: the exception ends the program
+  std::vector<std::string> errors;
+};
+
+std::ostream& operator<<(std::ostream& stream, const ConfigurationFault& fault) {
+  return stream << fault.fault;
+}
+
+class ConfigurationFaultTest : public FaultTest, public testing::WithParamInterface<ConfigurationFault> {};
+
+TEST_P(ConfigurationFaultTest, EndsAsItsPlaceDemands) {
+  const ConfigurationFault& fault = GetParam();
+  const Ending ending =
+      Run(Faulty(std::string("CPU: {Level: 1}\nAIC: {Level: 0, File: ") + TINY_NETWORK + "}\n",
+                 std::string(fault.fault) + ":fail=777"));
+  EXPECT_EQ(ending.output, "");
+  EXPECT_THAT(Made(), ElementsAre(Failed(fault.fault)));
+  if (fault.status < 0) {
+    EXPECT_THAT(ending, KilledBy(SIGABRT));
+    EXPECT_THAT(ending.error, HasSubstr("std::runtime_error: fault 777"));
+    EXPECT_THAT(CallsAfter(Calls(), kCode), Each("QetYamlNode::~QetYamlNode"));
+    return;
+  }
+  EXPECT_THAT(ending, Exited(fault.status));
+  std::vector<std::string> errors;
+  for (const std::string& text : Texts(LogFile())) {
+    if (text.compare(0, 6, "ERROR ") == 0) errors.push_back(text.substr(6));
+  }
+  EXPECT_EQ(errors, fault.errors);
+  // Where Init fails there is no release.
+  EXPECT_THAT(CallsAfter(Calls(), kCode), Each("QetYamlNode::~QetYamlNode"));
+}
+
+constexpr char kParseFailed[] = "Init() | Stress benchamrk parse failed";
+constexpr char kLoadFailed[] = "Load() | Load c.yaml happen error, the message is: fault 777";
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ConfigurationFaultTest,
+    testing::Values(
+        ConfigurationFault{"FirstOpen", "QetYamlNode::QetYamlNode:1", -1, {}},
+        ConfigurationFault{"LaterOpen", "QetYamlNode::QetYamlNode:2", 255, {kLoadFailed, kParseFailed}},
+        ConfigurationFault{"FirstIndex", "QetYamlNode::operator[]:1", -1, {}},
+        ConfigurationFault{"LaterIndex", "QetYamlNode::operator[]:2", -1, {}},
+        ConfigurationFault{"SectionIndex", "QetYamlNode::operator[]:3", 255, {kLoadFailed, kParseFailed}},
+        ConfigurationFault{
+            "LaterSectionIndex", "QetYamlNode::operator[]:4", 255, {kLoadFailed, kParseFailed}},
+        ConfigurationFault{"FirstLevel",
+                           "QetYamlNode::GetValue<unsigned>:1",
+                           255,
+                           {"Parse() | Cannot find CPU: Level in Config File!", kParseFailed}},
+        ConfigurationFault{"LaterLevel",
+                           "QetYamlNode::GetValue<unsigned>:2",
+                           255,
+                           {"Parse() | Cannot find AIC: Level in Config File!", kParseFailed}},
+        ConfigurationFault{"File",
+                           "QetYamlNode::GetValue<string>:1",
+                           255,
+                           {"Parse() | Cannot find AIC: File in Config File!", kParseFailed}}),
+    [](const testing::TestParamInfo<ConfigurationFault>& info) { return std::string(info.param.name); });
+
+// A setting that does not convert is 0.
+TEST_F(FaultTest, ALogLevelThatDoesNotConvertIsOff) {
+  const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "QetYamlNode::AsIf:1:fail=777"));
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_EQ(ending.error, "");
+  EXPECT_EQ(Read("log/STBM.log"), "");
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 QetYamlNode::AsIf 1"));
+}
+
+TEST_F(FaultTest, RunTimesThatDoNotConvertAreRaised) {
+  const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "QetYamlNode::AsIf:2:fail=777"));
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(Texts(LogFile()),
+              Contains("WARN Init() | RunTimes should be larger 40 , now is: 0. runTimes will be set to 40"));
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 QetYamlNode::AsIf 2"));
+}
+
+// The sinks have the first answer, the program's logger the second.
+TEST_F(FaultTest, AnotherLogLevelIsTakenAsItIs) {
+  for (const std::string call : {"ParseLogLevel:1", "ParseLogLevel:2"}) {
+    SCOPED_TRACE(call);
+    Forget();
+    const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", call + ":fail=2"));
+    EXPECT_THAT(ending, Exited(0));
+    EXPECT_THAT(Texts(LogFile()), IsEmpty()) << "errors alone";
+    EXPECT_THAT(Made(), ElementsAre(Failed(call)));
+  }
+}
+
+TEST_F(FaultTest, AnotherLogModeIsTakenAsItIs) {
+  const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "ParseLogMode:1:fail=4"));
+  EXPECT_THAT(ending, Exited(0));
+  EXPECT_THAT(ending.error, HasSubstr("QetInitialize success"));
+  EXPECT_FALSE(Exists("log"));
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 ParseLogMode 1"));
 }
 
 TEST_F(FaultTest, WhatFailedWorkersLeftIsGivenBack) {
@@ -399,10 +613,12 @@ TEST_F(FaultTest, WhatFailedWorkersLeftIsGivenBack) {
   EXPECT_THAT(program.Wait(), Exited(0));
   EXPECT_THAT(Texts(LogFile(), "QET"), Contains(AllOf(HasSubstr("gave back what was left: 2 images"),
                                                       HasSubstr("1 channel"), HasSubstr("2 contexts"))));
+  EXPECT_THAT(Made(), UnorderedElementsAre("1 0 0 QetImageResize 3", "1 0 0 QetVenc::GetStream 3"));
 }
 
-// Every operation of every engine, in its own section's run: an interrupt inside it ends the run cleanly, and
-// a delay changes nothing but time.
+// Every operation of every engine: an interrupt inside it ends the run cleanly, and a delay changes nothing
+// but time. In its first call, and in a later one of what the workers call again and again. Of the
+// configuration's operations it is the first after the handler was installed.
 class OperationTest : public FaultTest, public testing::WithParamInterface<const char*> {
  protected:
   static std::string EveryEngine() {
@@ -410,10 +626,13 @@ class OperationTest : public FaultTest, public testing::WithParamInterface<const
   }
 };
 
-TEST_P(OperationTest, InterruptedInItsFirstCallTheRunEndsCleanly) {
-  const bool inTearDown = std::string(GetParam()).find("Destroy") != std::string::npos ||
-                          std::string(GetParam()).find("Release:") != std::string::npos;
-  Program program(Faulty(EveryEngine(), std::string(GetParam()) + "1:sigint"));
+TEST_P(OperationTest, InterruptedInItTheRunEndsCleanly) {
+  const std::string call = GetParam();
+  const bool inTearDown = call.find("Destroy") != std::string::npos ||
+                          call.find("Release:") != std::string::npos ||
+                          call.find("~QetVenc") != std::string::npos;
+  const bool beforeTheLog = call.find("ParseLog") == 0;
+  Program program(Faulty(EveryEngine(), call + ":sigint"));
   if (inTearDown) {
     ASSERT_TRUE(program.ReadLine().has_value());
     program.Signal(SIGINT);
@@ -421,35 +640,102 @@ TEST_P(OperationTest, InterruptedInItsFirstCallTheRunEndsCleanly) {
   const Ending& ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));
   const std::vector<std::string> texts = Texts(LogFile(), "");
-  EXPECT_THAT(texts, Contains(HasSubstr("Signal Interactive attention received. signal: 2")));
+  if (!beforeTheLog) {
+    EXPECT_THAT(texts, Contains(HasSubstr("Signal Interactive attention received. signal: 2")));
+  }
   EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
   EXPECT_THAT(texts, Not(Contains(HasSubstr("gave back"))));
   EXPECT_EQ(Calls().back().operation, "QetRelease");
+  EXPECT_THAT(Made(), ElementsAre(Interrupted(call)));
 }
 
-TEST_P(OperationTest, DelayedInItsFirstCallNothingElseChanges) {
-  const Ending ending = RunLines(Faulty(EveryEngine(), std::string(GetParam()) + "1:delay=300"), 2);
+TEST_P(OperationTest, DelayedInItNothingElseChanges) {
+  const std::string call = GetParam();
+  const Ending ending = RunLines(Faulty(EveryEngine(), call + ":delay=300"));
   EXPECT_THAT(ending, Exited(0));
   const std::vector<std::string> texts = Texts(LogFile(), "");
   EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
   EXPECT_THAT(texts, Not(Contains(HasSubstr("gave back"))));
+  EXPECT_THAT(Made(), ElementsAre(Delayed(call)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, OperationTest,
-    testing::Values("QetInitialize:", "QetRelease:", "QetCreateContext:", "QetSetCurrentContext:",
-                    "QetDestroyContext:", "QetCreateChannel:", "QetDestroyChannel:", "QetImageMallocAligned:",
-                    "QetMemcpyToKivu:", "QetImageResize:", "QetImageDestroy:", "QetVenc::Init:",
-                    "QetVenc::SendFrame:", "QetVenc::GetStream:", "QetVenc::ReleaseStream:",
-                    "QetDNNModelInitialize:", "QetDNNModelCreateInput:", "QetDNNModelCreateOutput:",
-                    "QetDNNModelProcess:", "QetDNNRelease:", "memcpy_s:"),
+    testing::Values("QetYamlNode::QetYamlNode:2", "QetYamlNode::operator[]:2", "QetYamlNode::AsIf:2",
+                    "QetYamlNode::GetValue<unsigned>:1", "QetYamlNode::GetValue<unsigned>:2",
+                    "QetYamlNode::GetValue<string>:1", "QetYamlNode::~QetYamlNode:2", "ParseLogLevel:1",
+                    "ParseLogLevel:2", "ParseLogMode:1", "QetInitialize:1", "QetRelease:1",
+                    "QetCreateContext:1", "QetSetCurrentContext:1", "QetDestroyContext:1",
+                    "QetCreateChannel:1", "QetDestroyChannel:1", "QetImageMallocAligned:1",
+                    "QetMemcpyToKivu:1", "QetImageResize:1", "QetImageResize:9", "QetImageDestroy:1",
+                    "QetVenc::Init:1", "QetVenc::SendFrame:1", "QetVenc::SendFrame:9", "QetVenc::GetStream:1",
+                    "QetVenc::ReleaseStream:1", "QetVenc::~QetVenc:1", "QetDNNModelInitialize:1",
+                    "QetDNNModelCreateInput:1", "QetDNNModelCreateOutput:1", "QetDNNModelProcess:1",
+                    "QetDNNModelProcess:9", "QetDNNRelease:1", "memcpy_s:1", "memcpy_s:9"),
     [](const testing::TestParamInfo<const char*>& info) {
       std::string name;
       for (const char* c = info.param; *c != '\0'; ++c) {
-        if (*c != ':' && *c != '_') name += *c;
+        if (std::isalnum(static_cast<unsigned char>(*c)) != 0) name += *c;
+        if (*c == '~') name += "End";
       }
       return name;
     });
+
+TEST_F(FaultTest, InterruptedBeforeTheHandlerIsThereTheProgramIsKilled) {
+  for (const std::string call : {"QetYamlNode::QetYamlNode:1", "QetYamlNode::operator[]:1",
+                                 "QetYamlNode::AsIf:1", "QetYamlNode::~QetYamlNode:1"}) {
+    SCOPED_TRACE(call);
+    Forget();
+    const Ending ending = Run(Faulty("CPU: {Level: 1}\n", call + ":sigint"));
+    EXPECT_THAT(ending, KilledBy(SIGINT));
+    EXPECT_EQ(ending.output, "");
+    EXPECT_EQ(ending.error, "");
+    EXPECT_FALSE(Exists("log"));
+    EXPECT_THAT(Made(), ElementsAre(Interrupted(call)));
+  }
+}
+
+// A model is tried in a process of its own first. Without one it is loaded all the same.
+TEST_F(FaultTest, AProcessThatCannotBeStartedIsToldOnceAndChangesNothingElse) {
+  Program program(Faulty(kModels, "posix_spawn:1-:fail=11"));
+  const auto inferred = [&] {
+    const std::vector<Call> calls = Calls();
+    return std::count_if(calls.begin(), calls.end(), [](const Call& call) {
+             return call.operation == "QetDNNModelProcess" && call.status == 0;
+           }) >= 4;
+  };
+  while (!inferred() && program.Seconds() < 60) program.RunFor(std::chrono::milliseconds(20));
+  EXPECT_TRUE(inferred());
+  program.Signal(SIGINT);
+  EXPECT_THAT(program.Wait(), Exited(0));
+  const std::vector<std::string> texts = Texts(LogFile(), "");
+  EXPECT_THAT(texts, Contains(AllOf(testing::StartsWith("WARN models are loaded untried: cannot run "),
+                                    testing::EndsWith(": Resource temporarily unavailable")))
+                         .Times(1));
+  EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 posix_spawn 1", "1 0 0 posix_spawn 2"));
+}
+
+// The real limit, which counts the threads of a user: a CPU worker, its averager, the reporter, the limiter.
+TEST_F(FaultTest, ThreadsBeyondTheLimitOfAUserEndTheProgramWithTheReason) {
+  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer itself cannot start under such a limit";
+  Launch launch = Configured("logMode: 4\nCPU: {Level: 1}\n");
+  if (!RunAsAnother(launch)) {
+    GTEST_SKIP() << "root is exempt from the limit, and no other user can start the program here";
+  }
+  // A limit of 1 is the main thread.
+  for (const rlim_t limit : {1U, 2U, 3U, 4U}) {
+    SCOPED_TRACE(limit);
+    launch.limits[RLIMIT_NPROC] = limit;
+    const Ending ending = Run(launch);
+    EXPECT_THAT(ending, KilledBy(SIGABRT));
+    EXPECT_THAT(ending.error, HasSubstr("thread constructor failed"));
+    EXPECT_EQ(ending.output, "");
+  }
+  // One more for the sanitizer that looks for leaks at the end.
+  launch.limits[RLIMIT_NPROC] = kAddressSanitized ? 6 : 5;
+  EXPECT_THAT(RunLines(launch), Exited(0));
+}
 
 // What follows fails calls that a sanitizer replaces itself.
 #if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
@@ -472,6 +758,8 @@ TEST_P(AllocationTest, FailingInAWorkerEndsTheProgramWithTheReason) {
   EXPECT_THAT(ending, KilledBy(SIGABRT));
   EXPECT_THAT(ending.error, HasSubstr("std::bad_alloc"));
   EXPECT_THAT(Texts(LogFile()), Not(Contains(testing::StartsWith("ERROR"))));
+  const std::string fault = GetParam().fault;
+  EXPECT_THAT(Made(), ElementsAre(Failed(fault.substr(0, fault.rfind(':')))));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AllocationTest,
@@ -489,29 +777,147 @@ TEST_F(FaultTest, DeviceMemoryThatCannotBeHadIsAStatus) {
   program.Signal(SIGINT);
   EXPECT_THAT(program.Wait(), Exited(0));
   EXPECT_THAT(Texts(LogFile()), Contains("ERROR VpcPerpare() | QetImageMallocAligned fail, ret = 1010"));
+  EXPECT_THAT(Made(), ElementsAre("1 0 0 posix_memalign 1"));
 }
 
 TEST_F(FaultTest, AThreadThatCannotBeStartedEndsTheProgramWithTheReason) {
   // Of a CPU and a VPC worker, their averagers, the reporter and the limiter.
   for (const std::string nth : {"1", "2", "3", "4", "5", "6"}) {
+    Forget();
     const Ending ending =
         Run(Faulty("CPU: {Level: 1}\nVPC: {Level: 1}\n", "pthread_create:" + nth + ":fail=11"));
     EXPECT_THAT(ending, KilledBy(SIGABRT)) << nth;
     EXPECT_THAT(ending.error, HasSubstr("thread constructor failed")) << nth;
+    EXPECT_THAT(Made(), ElementsAre("1 0 0 pthread_create " + nth));
   }
 }
 
 TEST_F(FaultTest, AClockThatJumpsChangesRatesAlone) {
   for (const std::string seconds : {"3600", "-3600"}) {
+    Forget();
     const Ending ending =
         RunLines(Faulty("CPU: {Level: 2}\nVPC: {Level: 1}\n", "clock:500-:fail=" + seconds), 3);
     EXPECT_THAT(ending, Exited(0)) << seconds;
     EXPECT_THAT(Texts(LogFile(), ""), Not(Contains(testing::StartsWith("ERROR"))));
     EXPECT_GE(ending.OutputLines().size(), 3U);
+    EXPECT_THAT(Made(), Contains("1 0 0 clock 500"));
+  }
+}
+
+// Where anything but the log looked at the time of day, an operation would take a day each, or less than
+// none.
+TEST_F(FaultTest, ATimeOfDayThatJumpsChangesTimeStampsAlone) {
+  for (const int seconds : {86400, -86400}) {
+    SCOPED_TRACE(seconds);
+    Forget();
+    Program program(Faulty("VENC: {Level: 1}\n", "wall-clock:2-:fail=" + std::to_string(seconds)));
+    bool published = false;
+    while (!published && program.Seconds() < 60) {
+      const auto line = program.ReadLine();
+      ASSERT_TRUE(line.has_value()) << program.Wait(std::chrono::seconds(0));
+      const double rate = std::stod(Rates(*line)["kivuVencStress"]);
+      published = rate != 0.0;
+      if (published) EXPECT_GT(rate, 0.01) << *line;
+    }
+    EXPECT_TRUE(published);
+    program.Signal(SIGINT);
+    EXPECT_THAT(program.Wait(), Exited(0));
+    EXPECT_THAT(Texts(LogFile(), ""), Not(Contains(testing::StartsWith("ERROR"))));
+    std::vector<std::string> days;
+    for (const std::string& line : SplitLines(Read("log/STBM.log"))) days.push_back(line.substr(0, 10));
+    ASSERT_THAT(days, SizeIs(testing::Ge(3U)));
+    if (seconds < 0) std::reverse(days.begin(), days.end());
+    EXPECT_EQ(std::adjacent_find(days.begin(), days.end(), std::greater_equal<>()), days.end());
+    EXPECT_THAT(Made(), SizeIs(testing::Ge(days.size() - 1)));
   }
 }
 
 #endif
+
+// Every piece of memory that the program and the platform's libraries ask for themselves in a worker's set-up
+// and first cycle, or on the main thread, is refused in a run of its own. In the platform that is a status,
+// and the worker ends as it does for any other. The program's own exceptions are caught where the
+// configuration is read, and nowhere else: one in a worker or outside that place ends the program, with the
+// library's words.
+struct MemorySweep {
+  const char* name;
+  const char* section;
+  const char* memory;
+  int fewestReported;
+  int fewestEnded;
+  int mostEnded;
+};
+
+std::ostream& operator<<(std::ostream& stream, const MemorySweep& sweep) {
+  return stream << sweep.name;
+}
+
+class MemoryTest : public FaultTest, public testing::WithParamInterface<MemorySweep> {};
+
+TEST_P(MemoryTest, EachPieceThatIsRefusedIsReportedOrEndsTheProgram) {
+  if (kSanitized) GTEST_SKIP() << "the sanitizer brings an allocation of its own";
+  const MemorySweep& sweep = GetParam();
+  int reported = 0;
+  int ended = 0;
+  for (int number = 1;; ++number) {
+    const std::string call = std::string(sweep.memory) + ":" + std::to_string(number);
+    SCOPED_TRACE(call);
+    Forget();
+    Launch launch = Faulty(sweep.section, call + ":fail=12", 40);
+    launch.environment["FAULT_NAP"] = "5";  // the forty seconds pass in a fifth of one
+    const Ending ending = Run(launch);
+    const std::vector<std::string> errors = [&] {
+      std::vector<std::string> found;
+      for (const std::string& line : ending.ErrorLines()) {
+        if (line.find(" ERROR ") != std::string::npos || line.find("ara::log: cannot") == 0) {
+          found.push_back(line);
+        }
+      }
+      return found;
+    }();
+    if (Made().empty()) {
+      EXPECT_THAT(ending, Exited(0));
+      EXPECT_THAT(errors, IsEmpty());
+      break;
+    }
+    EXPECT_THAT(Made(), ElementsAre(Failed(call)));
+    if (ending.signal) {
+      EXPECT_THAT(ending, KilledBy(SIGABRT));
+      EXPECT_THAT(ending.error, HasSubstr("uncaught exception of type std::bad_alloc"));
+      ++ended;
+    } else if (ending.status == 255) {
+      EXPECT_THAT(ending, Exited(255));
+      EXPECT_THAT(errors, Contains(HasSubstr(" happen error, the message is: std::bad_alloc")));
+      EXPECT_EQ(ending.output, "");
+      ++reported;
+    } else {
+      EXPECT_THAT(ending, Exited(0));
+      EXPECT_THAT(errors, Not(IsEmpty()));
+      EXPECT_THAT(ending.OutputLines(), SizeIs(testing::Ge(2U))) << "the others go on";
+      ASSERT_FALSE(Calls().empty());
+      EXPECT_EQ(Calls().back().operation, "QetRelease");
+      ++reported;
+    }
+    if (HasFailure()) return;
+  }
+  EXPECT_GE(reported, sweep.fewestReported);
+  EXPECT_GE(ended, sweep.fewestEnded);
+  EXPECT_LE(ended, sweep.mostEnded);
+}
+
+const std::string kEveryLevelZero =
+    std::string("VPC: {Level: 0}\nVENC: {Level: 0}\nCPU: {Level: 0}\nAIC: {Level: 0, File: ") + TINY_NETWORK +
+    "}\n";
+
+// What ends the program: the test images, the CPU worker's two buffers. A copy asks for nothing.
+INSTANTIATE_TEST_SUITE_P(
+    All, MemoryTest,
+    testing::Values(MemorySweep{"Main", kEveryLevelZero.c_str(), "main-memory", 10, 10, 1000},
+                    MemorySweep{"Vpc", kVpc, "worker-memory", 5, 1, 1},
+                    MemorySweep{"Venc", kVenc, "worker-memory", 3, 1, 1},
+                    MemorySweep{"Cpu", "CPU: {Level: 1}\n", "worker-memory", 0, 2, 2},
+                    MemorySweep{"Aic", kModel.c_str(), "worker-memory", 20, 0, 0}),
+    [](const testing::TestParamInfo<MemorySweep>& info) { return std::string(info.param.name); });
 
 // So that what a soak has found can be looked for again.
 TEST_F(FaultTest, ASeedDecidesWhichCallsFailAtRandom) {
