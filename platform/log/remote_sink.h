@@ -66,11 +66,11 @@ class RemoteSink {
   const std::unique_ptr<RemotePort> port_;
   std::thread thread_;
 
-  std::atomic<std::uint64_t> lost_{0};   ///< all of them
-  std::atomic<bool> upperBound_{false};  ///< some of them may be others'
-  std::uint64_t carried_ = 0;            ///< lost while they were forwarded; no record says so yet
-  bool carriedIsUpperBound_ = false;
+  std::atomic<std::uint64_t> lost_{0};      ///< all of them
+  std::uint64_t carried_ = 0;               ///< lost while they were forwarded; no record says so yet
   std::atomic<std::uint32_t> unmarked_{0};  ///< found the queue full; no record says so yet
+  std::atomic<bool> upperBound_{false};     ///< some of them may be others'
+  bool carriedIsUpperBound_ = false;
   std::atomic<bool> abandoned_{false};
 
   struct Application {
