@@ -68,10 +68,11 @@ void ReleaseInEveryState(Session& session) {
   }
 }
 
-/// Calls the operation where nothing can be created: on a thread without a context.
-void CreateWithoutContext(std::int32_t (*create)(Ormis::QetDNNHandle&), Ormis::QetDNNHandle& handle,
-                          int& failed) {
-  RunThreads(1, [&](unsigned int, Barrier&) { failed += create(handle) != 0 ? 1 : 0; });
+/// Runs `create` where nothing can be created: on a thread without a context. (A function of its own, since
+/// the address of an operation would be bound when the kit starts.)
+template <typename Create>
+void WithoutContext(const Create& create, int& failed) {
+  RunThreads(1, [&](unsigned int, Barrier&) { failed += create() != 0 ? 1 : 0; });
 }
 
 void ReleaseAfterFailedBuffers(Session& session) {
@@ -88,14 +89,14 @@ void ReleaseAfterFailedBuffers(Session& session) {
   {
     Ormis::QetDNNHandle handle;
     RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
-    CreateWithoutContext(Ormis::QetDNNModelCreateInput, handle, failed);
+    WithoutContext([&] { return Ormis::QetDNNModelCreateInput(handle); }, failed);
     RequireOk(Ormis::QetDNNRelease(handle), "QetDNNRelease after QetDNNModelCreateInput failed");
   }
   {
     Ormis::QetDNNHandle handle;
     RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
     RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
-    CreateWithoutContext(Ormis::QetDNNModelCreateOutput, handle, failed);
+    WithoutContext([&] { return Ormis::QetDNNModelCreateOutput(handle); }, failed);
     RequireOk(Ormis::QetDNNRelease(handle), "QetDNNRelease after QetDNNModelCreateOutput failed");
   }
   Ormis::QetDNNHandle next;
