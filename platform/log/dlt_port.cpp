@@ -108,8 +108,9 @@ class VariableHidden {
 };
 
 /// The pipe in which the daemon gets its messages, seen from beside libdlt: the protocol acknowledges
-/// nothing, and only the pipe itself knows how much of it a daemon that died has left unread. Where libdlt
-/// talks to the daemon in another way, this sees nothing.
+/// nothing, and only the pipe itself knows how much of it a daemon that died has left unread. It does not
+/// know whose that is: all applications of the machine write to one pipe. Where libdlt talks to the daemon in
+/// another way, this sees nothing.
 class DaemonPipe {
  public:
   DaemonPipe() {

@@ -194,7 +194,9 @@ bool OpenLogFile(const std::string& folder, const std::string& path) {
 
 void StopRemoteSink() {
   const std::uint64_t lost = remote.load()->Stop();
-  if (lost > 0) Tell("records lost on the way to the DLT daemon", "", std::to_string(lost));
+  if (lost == 0) return;
+  Tell("records lost on the way to the DLT daemon", "",
+       (remote.load()->LostIsUpperBound() ? "up to " : "") + std::to_string(lost));
 }
 
 void AbandonRemoteSink() {

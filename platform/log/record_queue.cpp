@@ -58,7 +58,9 @@ RemoteRecord* RecordQueue::Front() {
 void RecordQueue::Pop() {
   const std::uint64_t head = head_.load(std::memory_order_relaxed);
   slots_[head & mask_].sequence.store(head + slots_.size(), std::memory_order_release);
-  head_.store(head + 1, std::memory_order_relaxed);
+  // With Remaining's acquire: who sees this head sees a tail that is not behind it. (A slot's reuse is
+  // ordered by its sequence.)
+  head_.store(head + 1, std::memory_order_release);
 }
 
 void RecordQueue::Wait() {

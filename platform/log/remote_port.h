@@ -35,8 +35,8 @@ class RemotePort {
   /// Goes on with the record that was sent last.
   virtual State Settle() = 0;
 
-  /// How many records the receiver is known to have left behind since the last call: Send has reported them
-  /// as handed over.
+  /// How many records the receiver has left behind since the last call, at most: Send has reported them as
+  /// handed over. Where others send to it, some of what it left behind is theirs.
   virtual std::uint64_t TakeLeftBehind() = 0;
 
   /// Ends it, without waiting for the receiver; a record that has not been taken is dropped.

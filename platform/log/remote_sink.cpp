@@ -19,7 +19,7 @@ constexpr milliseconds kFirstPause{1};
 // Without a receiver, or with one that reads nothing, this is how often it is looked for.
 constexpr milliseconds kLongestPause{50};
 
-constexpr std::size_t kMarksBytes = Sink::kTail + 6;  // " [N lost before]" and " [cut]"
+constexpr std::size_t kMarksBytes = Sink::kTail + 12;  // " [up to N lost before]" and " [cut]"
 
 std::uint32_t Uptime() {
   std::timespec now{};
@@ -168,7 +168,7 @@ bool RemoteSink::HandOver(RemoteRecord& record) {
   const std::uint64_t lostBefore = record.lostBefore + carried_;
   FixedText line(record.text, sizeof record.text, record.textLength);
   if (lostBefore > 0) {
-    line.Append(" [");
+    line.Append(carriedIsUpperBound_ ? " [up to " : " [");
     line.AppendDecimal(lostBefore);
     line.Append(" lost before]");
     record.textLength = static_cast<std::uint32_t>(line.size());
@@ -179,6 +179,7 @@ bool RemoteSink::HandOver(RemoteRecord& record) {
     carried_ = lostBefore + 1;
     return true;
   }
+  carriedIsUpperBound_ = false;
   for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
     const RemotePort::State state = port_->Settle();
     CollectLeftBehind();
@@ -196,8 +197,11 @@ bool RemoteSink::HandOver(RemoteRecord& record) {
 
 void RemoteSink::CollectLeftBehind() {
   const std::uint64_t left = port_->TakeLeftBehind();
+  if (left == 0) return;
   lost_.fetch_add(left, std::memory_order_relaxed);
+  upperBound_ = true;
   carried_ += left;
+  carriedIsUpperBound_ = true;
 }
 
 bool RemoteSink::PastDeadline() {

@@ -18,8 +18,9 @@ namespace ara::log {
 
 /// The sink of records that leave the process: a bounded queue, and one thread that takes them from there to
 /// a port. A record that finds the queue full is lost; each loss is counted, and the next record that gets
-/// through ends in " [N lost before]". Without a receiver the records wait in the queue.
-/// Never destroyed: a thread may be about to deliver when the process ends.
+/// through ends in " [N lost before]", or " [up to N lost before]" where a receiver has left some behind that
+/// may have been others'. Without a receiver the records wait in the queue. Never destroyed: a thread may be
+/// about to deliver when the process ends.
 class RemoteSink {
  public:
   static constexpr std::size_t kCapacity = 1024;
@@ -44,6 +45,9 @@ class RemoteSink {
   /// there, and no longer than kFlushTime. Returns how many records were lost since the start.
   std::uint64_t Stop();
 
+  /// Whether fewer may have been lost than Stop has returned.
+  bool LostIsUpperBound() const { return upperBound_; }
+
   /// For the child of a fork, which has no forwarding thread and may find the locks taken for good: lets no
   /// record in any more, and leaves nothing to stop.
   void Abandon();
@@ -65,6 +69,8 @@ class RemoteSink {
   std::atomic<std::uint64_t> lost_{0};      ///< all of them
   std::uint64_t carried_ = 0;               ///< lost while they were forwarded; no record says so yet
   std::atomic<std::uint32_t> unmarked_{0};  ///< found the queue full; no record says so yet
+  std::atomic<bool> upperBound_{false};     ///< some of them may be others'
+  bool carriedIsUpperBound_ = false;
   std::atomic<bool> abandoned_{false};
 
   struct Application {

@@ -99,6 +99,20 @@ void EndsInAnyState(Session&) {
   EncodeOne(again, frame);
 }
 
+void NoStreamWithoutFrame(Session&) {
+  const Device device;
+  Frame frame;
+  Ormis::QetVenc encoder;
+  Configure(encoder, 0);
+  RequireOk(encoder.Init(), "Init");
+  ux_venc_stream stream{};
+  RequireFailure(encoder.GetStream(stream), "GetStream", "before any frame was sent");
+  EncodeOne(encoder, frame);
+  stream = {};
+  RequireFailure(encoder.GetStream(stream), "GetStream", "for a second stream of one frame");
+  EncodeOne(encoder, frame);
+}
+
 // What a worker does whose set-up failed: it goes on, and its first frame has to end it.
 void FailsWithoutInit(Session&) {
   const Platform platform;
@@ -124,6 +138,10 @@ std::vector<Check> EncoderChecks() {
       {"encoder.one-stream-for-one-frame",
        "every SendFrame returns 0 and is followed by one GetStream that returns 0 and fills the record",
        OneStreamForOneFrame},
+      {"encoder.no-stream-without-frame",
+       "GetStream without a frame that it could be of comes back with a status other than 0, and the encoder "
+       "goes on",
+       NoStreamWithoutFrame},
       {"encoder.release-returns-buffers",
        "one ReleaseStream for every GetStream returns 0 and keeps the encoder going", ReleaseReturnsBuffers},
       {"encoder.ends-in-any-state",

@@ -8,8 +8,8 @@
 #include "usage.h"
 #include "worker.h"
 
-// What a thousand rounds of making and ending leave behind. All rounds run on the main thread, whose heap is
-// the one that the C library can tell about.
+// What a thousand rounds of making and ending leave behind. The rounds of one thing run on the main thread,
+// where nothing else moves the heap; those of threads have a worker's life each, on a thread of its own.
 namespace conformance {
 
 namespace {
@@ -122,6 +122,19 @@ struct ModelRound {
   }
 };
 
+/// A resize worker's life. What a library keeps for each thread, the other rounds make once.
+void ThreadRound() {
+  RunThreads(1, [](unsigned int, Barrier&) {
+    const BoundContext context;
+    const Channel channel(0);
+    const Image source(160, 90);
+    const Image destination(80, 45);
+    RequireOk(Ormis::QetImageResize(channel.Number(), source.record, destination.record,
+                                    Ormis::kQetInterpolationArea, -1),
+              "QetImageResize");
+  });
+}
+
 const std::string& ModelFile(const Session& session) {
   if (session.settings.modelFile.empty()) throw Skip("no model: give one with --model FILE");
   return session.settings.modelFile;
@@ -181,6 +194,16 @@ void ModelHandles(Session& session) {
   RequireSteadyHandles(session, kSlow, ModelRound{file});
 }
 
+void ThreadMemory(Session& session) {
+  const Platform platform;
+  RequireSteadyMemory(session, 1, ThreadRound);
+}
+
+void ThreadHandles(Session& session) {
+  const Platform platform;
+  RequireSteadyHandles(session, 1, ThreadRound);
+}
+
 }  // namespace
 
 std::vector<Check> GrowthChecks() {
@@ -206,6 +229,14 @@ std::vector<Check> GrowthChecks() {
       {"growth.model-handles",
        "descriptors and threads do not grow with models loaded, run and released (a tenth of the rounds)",
        ModelHandles},
+      {"growth.thread-memory",
+       "memory does not grow with threads that make a context, a channel and images, resize, and end",
+       ThreadMemory},
+      {"growth.thread-handles",
+       "descriptors and threads do not grow with threads that make a context, a channel and images, resize, "
+       "and "
+       "end",
+       ThreadHandles},
   };
 }
 

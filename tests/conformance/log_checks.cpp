@@ -1,4 +1,13 @@
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "check.h"
 #include "worker.h"
@@ -67,6 +76,96 @@ void AcceptsRecords(Session&) {
   });
 }
 
+// Long enough to be written in pieces by whoever does that.
+constexpr char kOpening[] = "(KIT-BEGIN ";
+constexpr char kFilling[] =
+    " abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz ";
+constexpr char kClosing[] = " KIT-END)";
+
+void LogWhole(const ara::log::Logger& logger, unsigned int writer, unsigned int number) {
+  logger.LogError({__FILE__, "LogWhole", __LINE__}) << kOpening << writer << kFilling << number << kClosing;
+}
+
+constexpr unsigned int kWriters = 4;  // one more is the handler
+const ara::log::Logger* handlersLogger = nullptr;
+std::atomic<unsigned int> handled{0};
+static_assert(std::atomic<unsigned int>::is_always_lock_free, "used in a signal handler");
+
+void LogFromHandler(int /*signal*/) {
+  LogWhole(*handlersLogger, kWriters, handled);
+  ++handled;
+}
+
+/// Where the line holds a part of such a record, requires the whole of exactly one; tells whether it does.
+bool HoldsWhole(const std::string& line, unsigned int& writer) {
+  const std::size_t begin = line.find(kOpening);
+  const std::size_t end = line.find(kClosing);
+  if (begin == std::string::npos && end == std::string::npos) return false;
+  unsigned int number = 0;
+  bool whole = begin != std::string::npos && end != std::string::npos && begin < end;
+  if (whole) {
+    const std::string record = line.substr(begin, end - begin + sizeof kClosing - 1);
+    const std::size_t numberAt = record.rfind(kFilling);
+    whole = std::sscanf(record.c_str() + sizeof kOpening - 1, "%u", &writer) == 1 &&
+            numberAt != std::string::npos &&
+            std::sscanf(record.c_str() + numberAt + sizeof kFilling - 1, "%u", &number) == 1 &&
+            record == kOpening + std::to_string(writer) + kFilling + std::to_string(number) + kClosing &&
+            line.find(kOpening, begin + 1) == std::string::npos &&
+            line.find(kClosing, end + 1) == std::string::npos;
+  }
+  Require(whole, "a line of the log that is not one whole record: " + line);
+  return true;
+}
+
+// How records are stored is the library's own; where they are lines of text, on the console or in a file
+// below the working directory, they are looked at.
+void FromSignalHandler(Session& session) {
+  constexpr unsigned int kSignals = 200;
+  ara::log::InitLogging("KIT", "conformance kit", Level(kDefaultLevel), Mode(kDefaultMode), "./log");
+  handlersLogger = &ara::log::CreateLogger("KIT", "KIT", Level(kDefaultLevel));
+  struct sigaction action{};
+  action.sa_handler = LogFromHandler;
+  action.sa_flags = SA_RESTART;
+  RequireOk(sigaction(SIGUSR1, &action, nullptr), "sigaction");
+
+  std::array<pthread_t, kWriters> writers{};
+  std::atomic<bool> done{false};
+  RunThreads(kWriters + 1, [&](unsigned int index, Barrier& barrier) {
+    if (index < kWriters) writers[index] = pthread_self();
+    Wait(barrier);
+    if (index < kWriters) {
+      for (unsigned int number = 0; !done; ++number) {
+        LogWhole(*handlersLogger, index, number);
+        if (number > 20 * kSignals) std::this_thread::yield();
+      }
+    } else {
+      // One after the other, since those that wait for delivery become one.
+      for (unsigned int sent = 0; sent < kSignals; ++sent) {
+        RequireOk(pthread_kill(writers[sent % kWriters], SIGUSR1), "pthread_kill");
+        while (handled <= sent) std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+      done = true;
+    }
+    Wait(barrier);  // none ends while it may get a signal
+  });
+
+  unsigned int lines = 0;
+  unsigned int fromHandler = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(".")) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream file(entry.path(), std::ios::binary);
+    for (std::string line; std::getline(file, line);) {
+      unsigned int writer = 0;
+      if (!HoldsWhole(line, writer)) continue;
+      ++lines;
+      fromHandler += writer == kWriters ? 1 : 0;
+    }
+  }
+  session.note = lines == 0 ? "no line of text found to look at"
+                            : std::to_string(lines) + " whole lines, " + std::to_string(fromHandler) +
+                                  " of them from " + std::to_string(kSignals) + " calls of the handler";
+}
+
 }  // namespace
 
 std::vector<Check> LogChecks() {
@@ -82,6 +181,10 @@ std::vector<Check> LogChecks() {
        "logging starts with the converted defaults, and loggers take records of every level from many "
        "threads",
        AcceptsRecords},
+      {"log.from-signal-handler",
+       "a signal handler logs from within threads that log themselves: none hangs, and where the log is text "
+       "every line is one whole record",
+       FromSignalHandler},
   };
 }
 

@@ -34,9 +34,16 @@ int RunAll(const std::vector<conformance::Check>& checks, const conformance::Opt
   conformance::TapReport report(std::cout, checks.size());
   TellWhatIsChecked(report);
   std::vector<conformance::Result> results;
+  conformance::CatchInterrupts();
   for (const conformance::Check& check : checks) {
     results.push_back({check, conformance::RunApart(check, options.settings, options.timeoutS)});
-    report.Result(check, results.back().outcome, options.strict);
+    if (const int signal = conformance::Interrupted(); signal != 0) {
+      report.BailOut("interrupted while checking " + std::string(check.name));
+      std::cerr << "platform_conformance: interrupted while checking " << check.name << ": " << check.expected
+                << '\n';
+      conformance::EndBy(signal);
+    }
+    report.Result(check, results.back().outcome, options.allowSkip);
   }
   const auto count = [&results](conformance::Outcome::Kind kind) {
     return std::to_string(std::count_if(results.begin(), results.end(),
@@ -46,12 +53,12 @@ int RunAll(const std::vector<conformance::Check>& checks, const conformance::Opt
                  count(conformance::Outcome::Kind::kFailed) + " failed, " +
                  count(conformance::Outcome::Kind::kSkipped) + " skipped");
   std::cout.flush();
-  if (!options.junitFile.empty() && !conformance::WriteJunit(options.junitFile, results, options.strict)) {
+  if (!options.junitFile.empty() && !conformance::WriteJunit(options.junitFile, results, options.allowSkip)) {
     return Wrong("cannot write " + options.junitFile);
   }
   if (!std::cout) return Wrong("cannot write to standard output");
   return std::any_of(results.begin(), results.end(),
-                     [&](const auto& result) { return Fails(result.outcome, options.strict); })
+                     [&](const auto& result) { return Fails(result.outcome, options.allowSkip); })
              ? kSomeFailed
              : kAllHold;
 }

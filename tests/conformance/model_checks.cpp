@@ -68,6 +68,47 @@ void ReleaseInEveryState(Session& session) {
   }
 }
 
+/// Runs `create` where nothing can be created: on a thread without a context. (A function of its own, since
+/// the address of an operation would be bound when the kit starts.)
+template <typename Create>
+void WithoutContext(const Create& create, int& failed) {
+  RunThreads(1, [&](unsigned int, Barrier&) { failed += create() != 0 ? 1 : 0; });
+}
+
+void ReleaseAfterFailedBuffers(Session& session) {
+  const std::string& file = ModelFile(session);
+  const Device device;
+  int failed = 0;
+  {
+    Ormis::QetDNNHandle without;
+    (void)Ormis::QetDNNModelInitialize(without, "missing.model");
+    failed += Ormis::QetDNNModelCreateInput(without) != 0 ? 1 : 0;
+    failed += Ormis::QetDNNModelCreateOutput(without) != 0 ? 1 : 0;
+    (void)Ormis::QetDNNRelease(without);
+  }
+  {
+    Ormis::QetDNNHandle handle;
+    RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
+    WithoutContext([&] { return Ormis::QetDNNModelCreateInput(handle); }, failed);
+    RequireOk(Ormis::QetDNNRelease(handle), "QetDNNRelease after QetDNNModelCreateInput failed");
+  }
+  {
+    Ormis::QetDNNHandle handle;
+    RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
+    RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
+    WithoutContext([&] { return Ormis::QetDNNModelCreateOutput(handle); }, failed);
+    RequireOk(Ormis::QetDNNRelease(handle), "QetDNNRelease after QetDNNModelCreateOutput failed");
+  }
+  Ormis::QetDNNHandle next;
+  RequireOk(Ormis::QetDNNModelInitialize(next, file), "QetDNNModelInitialize after those releases");
+  RequireOk(Ormis::QetDNNModelCreateInput(next), "QetDNNModelCreateInput after those releases");
+  RequireOk(Ormis::QetDNNModelCreateOutput(next), "QetDNNModelCreateOutput after those releases");
+  RequireOk(Ormis::QetDNNModelProcess(next), "QetDNNModelProcess after those releases");
+  RequireOk(Ormis::QetDNNRelease(next), "QetDNNRelease");
+  // That a creation fails without a model or a context is nothing that is promised.
+  session.note = std::to_string(failed) + " of 4 creations failed";
+}
+
 void HandlesIndependent(Session& session) {
   const std::string& file = ModelFile(session);
   const Platform platform;
@@ -105,6 +146,11 @@ std::vector<Check> ModelChecks() {
       {"model.release-in-every-state",
        "QetDNNRelease returns 0 after QetDNNModelInitialize, after each further step and after a run",
        ReleaseInEveryState},
+      {"model.release-after-failed-buffers",
+       "QetDNNRelease comes back after a failed QetDNNModelCreateInput or QetDNNModelCreateOutput, with 0 "
+       "where "
+       "a model was loaded, and the next model runs",
+       ReleaseAfterFailedBuffers},
       {"model.handles-independent",
        "two handles of one file run in two threads, and one goes on after the other was released",
        HandlesIndependent},

@@ -26,13 +26,14 @@ process of its own. To check another one:
   --row-alignment BYTES  the library pads the rows of a packed image to this (1: no padding)
   --timeout SECONDS      time that one check may take (120)
   --only PATTERN         only the checks whose name matches the shell pattern; may be given more than once
-  --strict               a skipped check fails the run
+  --allow-skip           a skipped check does not fail the run
   --junit FILE           write the results as JUnit XML, too
   --list                 print name and contract of each check and end
   --help                 print this and end
 
-Results go to standard output in TAP, version 14. Exit status: 0 when no check failed, 1 when one did, 2 when the
-command line is wrong or a result could not be written.
+Results go to standard output in TAP, version 14. Exit status: 0 when every check passed, 1 when one failed or
+was skipped (--allow-skip: failed), 2 when the command line is wrong or a result could not be written. An interrupt
+(Ctrl-C) ends the check that is running and tells which one it was; the status is the signal's, 130.
 )";
 
 namespace {
@@ -44,7 +45,7 @@ enum Option : int {
   kRowAlignment,
   kTimeout,
   kOnly,
-  kStrict,
+  kAllowSkip,
   kJunit,
   kList,
   kHelp,
@@ -96,7 +97,7 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
                           {"row-alignment", required_argument, nullptr, kRowAlignment},
                           {"timeout", required_argument, nullptr, kTimeout},
                           {"only", required_argument, nullptr, kOnly},
-                          {"strict", no_argument, nullptr, kStrict},
+                          {"allow-skip", no_argument, nullptr, kAllowSkip},
                           {"junit", required_argument, nullptr, kJunit},
                           {"list", no_argument, nullptr, kList},
                           {"help", no_argument, nullptr, kHelp},
@@ -126,8 +127,8 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
       case kOnly:
         options.only.emplace_back(optarg);
         break;
-      case kStrict:
-        options.strict = true;
+      case kAllowSkip:
+        options.allowSkip = true;
         break;
       case kJunit:
         options.junitFile = optarg;

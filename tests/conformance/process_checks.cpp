@@ -1,4 +1,8 @@
+#include <list>
+#include <string>
+
 #include "check.h"
+#include "encoder.h"
 #include "worker.h"
 
 namespace conformance {
@@ -9,6 +13,45 @@ void StartAndEnd(Session&) {
   Ormis::QetContext process;
   RequireOk(Ormis::QetInitialize(process, Ormis::QetContextParameters{}), "QetInitialize");
   RequireOk(Ormis::QetRelease(process), "QetRelease");
+}
+
+/// What workers leave behind whose failure paths release nothing. Never destroyed: whose context is gone has
+/// no business with the library any more.
+struct Leftovers {
+  Ormis::QetContext context;
+  Ormis::ImageData source = EmptyImage(1920, 1080);
+  Ormis::ImageData destination = EmptyImage(416, 234);
+  Frame frame;
+  Ormis::QetVenc encoder;
+  ux_venc_stream stream{};
+  bool hasEncoder = false;
+
+  void Make() {
+    RequireOk(Ormis::QetCreateContext(context), "QetCreateContext");
+    RequireOk(Ormis::QetSetCurrentContext(context), "QetSetCurrentContext");
+    int channel = 0;
+    RequireOk(Ormis::QetCreateChannel(channel), "QetCreateChannel");
+    RequireOk(Ormis::QetImageMallocAligned(source), "QetImageMallocAligned");
+    RequireOk(Ormis::QetImageMallocAligned(destination), "QetImageMallocAligned");
+    Configure(encoder, 0);
+    // A library without an encoder has none to leave; encoder.* tells that.
+    hasEncoder = encoder.Init() == 0;
+    if (!hasEncoder) return;
+    RequireOk(encoder.SendFrame(frame.Record()), "SendFrame");
+    RequireOk(encoder.GetStream(stream), "GetStream");
+  }
+};
+
+void ReleaseWithLeftovers(Session& session) {
+  static auto& left = *new std::list<Leftovers>;
+  for (const char* const when : {"", ", when it is started again after leftovers"}) {
+    Ormis::QetContext process;
+    RequireOk(Ormis::QetInitialize(process, Ormis::QetContextParameters{}),
+              ("QetInitialize" + std::string(when)).c_str());
+    RunThreads(1, [](unsigned int, Barrier&) { left.emplace_back().Make(); });
+    RequireOk(Ormis::QetRelease(process), "QetRelease with a context, a channel, images and an encoder left");
+  }
+  if (!left.back().hasEncoder) session.note = "no encoder was among them: Init fails";
 }
 
 // Three times, for a context that cannot be made again would stop a second run of workers.
@@ -56,6 +99,10 @@ std::vector<Check> ProcessChecks() {
       {"process.initialize-release",
        "QetInitialize with an empty string and 0, then QetRelease of the same context, return 0",
        StartAndEnd},
+      {"process.release-with-leftovers",
+       "QetRelease returns 0 though a context, a channel, images and an encoder were left behind, and "
+       "QetInitialize starts the platform again",
+       ReleaseWithLeftovers},
       {"context.create-bind-destroy",
        "on a worker thread QetCreateContext, QetSetCurrentContext and QetDestroyContext return 0, again and "
        "again",

@@ -52,8 +52,8 @@ std::string Found(const Outcome& outcome) {
 
 }  // namespace
 
-bool Fails(const Outcome& outcome, bool strict) {
-  return outcome.kind == Outcome::Kind::kFailed || (strict && outcome.kind == Outcome::Kind::kSkipped);
+bool Fails(const Outcome& outcome, bool allowSkip) {
+  return outcome.kind == Outcome::Kind::kFailed || (!allowSkip && outcome.kind == Outcome::Kind::kSkipped);
 }
 
 TapReport::TapReport(std::ostream& out, std::size_t count) : out_(out) {
@@ -64,8 +64,12 @@ void TapReport::Comment(const std::string& text) {
   out_ << "# " << text << '\n';
 }
 
-void TapReport::Result(const Check& check, const Outcome& outcome, bool strict) {
-  const bool fails = Fails(outcome, strict);
+void TapReport::BailOut(const std::string& why) {
+  out_ << "Bail out! " << why << '\n' << std::flush;
+}
+
+void TapReport::Result(const Check& check, const Outcome& outcome, bool allowSkip) {
+  const bool fails = Fails(outcome, allowSkip);
   out_ << (fails ? "not ok " : "ok ") << ++number_ << " - " << check.name;
   if (!fails && outcome.kind == Outcome::Kind::kSkipped) out_ << " # SKIP " << outcome.text;
   out_ << "\n  ---\n  expected: " << Quoted(check.expected) << '\n';
@@ -79,11 +83,12 @@ void TapReport::Result(const Check& check, const Outcome& outcome, bool strict) 
   out_ << "  seconds: " << outcome.seconds << "\n  ...\n" << std::flush;
 }
 
-bool WriteJunit(const std::string& file, const std::vector<struct Result>& results, bool strict) {
-  const auto failures = std::count_if(results.begin(), results.end(),
-                                      [strict](const auto& result) { return Fails(result.outcome, strict); });
-  const auto skips = std::count_if(results.begin(), results.end(), [strict](const auto& result) {
-    return result.outcome.kind == Outcome::Kind::kSkipped && !Fails(result.outcome, strict);
+bool WriteJunit(const std::string& file, const std::vector<struct Result>& results, bool allowSkip) {
+  const auto failures = std::count_if(results.begin(), results.end(), [allowSkip](const auto& result) {
+    return Fails(result.outcome, allowSkip);
+  });
+  const auto skips = std::count_if(results.begin(), results.end(), [allowSkip](const auto& result) {
+    return result.outcome.kind == Outcome::Kind::kSkipped && !Fails(result.outcome, allowSkip);
   });
   double seconds = 0;
   for (const auto& result : results) seconds += result.outcome.seconds;
@@ -97,7 +102,7 @@ bool WriteJunit(const std::string& file, const std::vector<struct Result>& resul
     const std::size_t point = name.find('.');
     out << "  <testcase classname=\"" << Escaped(name.substr(0, point)) << "\" name=\""
         << Escaped(name.substr(point + 1)) << "\" time=\"" << outcome.seconds << "\">\n";
-    if (Fails(outcome, strict)) {
+    if (Fails(outcome, allowSkip)) {
       out << "    <failure message=\"" << Escaped(Found(outcome))
           << "\">expected: " << Escaped(check.expected) << "</failure>\n";
       out << "    <system-err>";

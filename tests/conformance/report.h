@@ -16,7 +16,9 @@ class TapReport {
  public:
   TapReport(std::ostream& out, std::size_t count);
   void Comment(const std::string& text);
-  void Result(const Check& check, const Outcome& outcome, bool strict);
+  /// The run ends before its last check.
+  void BailOut(const std::string& why);
+  void Result(const Check& check, const Outcome& outcome, bool allowSkip);
 
  private:
   std::ostream& out_;
@@ -30,9 +32,9 @@ struct Result {
 };
 
 /// Writes results as JUnit XML. Returns false when the file cannot be written.
-bool WriteJunit(const std::string& file, const std::vector<Result>& results, bool strict);
+bool WriteJunit(const std::string& file, const std::vector<Result>& results, bool allowSkip);
 
 /// Whether the outcome fails the run.
-bool Fails(const Outcome& outcome, bool strict);
+bool Fails(const Outcome& outcome, bool allowSkip);
 
 }  // namespace conformance

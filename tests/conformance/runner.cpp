@@ -32,6 +32,14 @@ constexpr const char* kPassed = "passed";
 constexpr const char* kFailed = "failed";
 constexpr const char* kSkipped = "skipped";
 
+// The terminal sends them to the kit alone: a check has a process group of its own.
+constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGHUP};
+volatile std::sig_atomic_t interrupt = 0;
+
+void KeepInterrupt(int signal) {
+  interrupt = signal;
+}
+
 /// An empty folder that lives as long as this object.
 class ScratchFolder {
  public:
@@ -65,6 +73,12 @@ std::string ProgramFile() {
 [[noreturn]] void BecomeTheCheck(const Check& check, const Settings& settings, const std::string& folder,
                                  bool fresh) {
   (void)setpgid(0, 0);
+  for (const int signal : kInterrupts) {
+    struct sigaction action{};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == KeepInterrupt) {
+      (void)std::signal(signal, SIG_DFL);
+    }
+  }
   const int output =
       open((folder + "/" + kOutputFile).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (chdir(folder.c_str()) != 0 || output < 0 || dup2(output, STDOUT_FILENO) < 0 ||
@@ -84,7 +98,8 @@ std::string ProgramFile() {
   std::exit(RunHere(check, settings));
 }
 
-/// Waits for the child to end; kills it, and everything that it started, when the time is over.
+/// Waits for the child to end; kills it, and everything that it started, when the time is over or the run is
+/// interrupted.
 bool WaitFor(pid_t child, unsigned int timeoutS, int& status) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutS);
   // Polled: a signal or a pipe would tell at once, but a library may take the one and keep the other.
@@ -92,7 +107,7 @@ bool WaitFor(pid_t child, unsigned int timeoutS, int& status) {
        pause = std::min(pause * 2, std::chrono::microseconds(5000))) {
     const pid_t ended = waitpid(child, &status, WNOHANG);
     if (ended == child) return true;
-    if (std::chrono::steady_clock::now() >= end || (ended < 0 && errno != EINTR)) break;
+    if (interrupt != 0 || std::chrono::steady_clock::now() >= end || (ended < 0 && errno != EINTR)) break;
     std::this_thread::sleep_for(pause);
   }
   (void)kill(-child, SIGKILL);
@@ -160,6 +175,27 @@ Outcome ReadOutcome(const std::filesystem::path& folder, int status) {
 
 }  // namespace
 
+void CatchInterrupts() {
+  for (const int signal : kInterrupts) {
+    struct sigaction action{};
+    // What whoever started the kit wants ignored stays so.
+    if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
+    action = {};
+    action.sa_handler = KeepInterrupt;
+    (void)sigaction(signal, &action, nullptr);
+  }
+}
+
+int Interrupted() {
+  return interrupt;
+}
+
+void EndBy(int signal) {
+  (void)std::signal(signal, SIG_DFL);
+  (void)std::raise(signal);
+  std::exit(128 + signal);  // it is blocked
+}
+
 Outcome RunApart(const Check& check, const Settings& settings, unsigned int timeoutS) {
   const auto begin = std::chrono::steady_clock::now();
   const ScratchFolder scratch;
@@ -173,6 +209,7 @@ Outcome RunApart(const Check& check, const Settings& settings, unsigned int time
   std::cout.flush();
   const pid_t child = fork();
   if (child == 0) BecomeTheCheck(check, settings, folder, fresh);
+  (void)setpgid(child, child);  // both do it: the group is there for whoever needs it first
   if (child < 0) {
     outcome.text = std::string("no process for the check: ") + std::strerror(errno);
     return outcome;
@@ -182,7 +219,8 @@ Outcome RunApart(const Check& check, const Settings& settings, unsigned int time
     outcome = ReadOutcome(scratch.Path(), status);
   } else {
     outcome.output = LastLines(scratch.Path() / kOutputFile);
-    outcome.text = "still running after " + std::to_string(timeoutS) + " s";
+    outcome.text = interrupt != 0 ? std::string("interrupted")
+                                  : "still running after " + std::to_string(timeoutS) + " s";
   }
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   return outcome;

@@ -15,8 +15,18 @@ struct Outcome {
   double seconds = 0;
 };
 
+/// From here on SIGINT, SIGTERM and SIGHUP end the check that RunApart is at, and are kept for Interrupted.
+void CatchInterrupts();
+
+/// The signal that is to end the run; 0: none.
+int Interrupted();
+
+/// Ends this process as the signal would have.
+[[noreturn]] void EndBy(int signal);
+
 /// Runs the check in a process of its own and tells how that ended: a crash, an end of its own and a hang of
-/// more than `timeoutS` seconds are failures of the check. The calling process never calls the platform.
+/// more than `timeoutS` seconds are failures of the check, and so is an interrupt. The calling process never
+/// calls the platform.
 Outcome RunApart(const Check& check, const Settings& settings, unsigned int timeoutS);
 
 /// Runs the check in this process, whose working directory is the check's own, and leaves the result there.

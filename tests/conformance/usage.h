@@ -8,7 +8,7 @@ namespace conformance {
 struct Usage {
   std::uint64_t descriptors = 0;
   std::uint64_t threads = 0;
-  std::uint64_t heapBytes = 0;      ///< in use, of the C library's heap of the main thread
+  std::uint64_t heapBytes = 0;      ///< in use, of the C library's heap
   std::uint64_t residentBytes = 0;  ///< memory that is really there
   std::uint64_t mappedBytes = 0;    ///< addresses taken
 };

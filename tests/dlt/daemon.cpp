@@ -105,6 +105,12 @@ void DltDaemon::Start() {
       "the receiver's first message");
 }
 
+void DltDaemon::KillUnderTheReceiver() {
+  daemon_->Signal(SIGKILL);
+  (void)daemon_->Wait();
+  (void)receiver_->Wait();
+}
+
 void DltDaemon::Kill() {
   receiver_.reset();
   daemon_.reset();
@@ -168,7 +174,7 @@ void DltTest::WaitForFile(const std::string& name) const {
 }
 
 std::uint64_t ToldLost(const Ending& ending) {
-  static const std::regex shape("ara::log: records lost on the way to the DLT daemon: (\\d+)");
+  static const std::regex shape("ara::log: records lost on the way to the DLT daemon: (?:up to )?(\\d+)");
   std::uint64_t lost = 0;
   int told = 0;
   for (const std::string& line : ending.ErrorLines()) {

@@ -31,6 +31,8 @@ class DltDaemon {
   /// Starts both and returns when records get through. Fails the test when that does not work out.
   void Start();
   void Signal(int signal) const { daemon_->Signal(signal); }
+  /// Ends the daemon alone, and waits until the receiver has taken what was on its way and noticed.
+  void KillUnderTheReceiver();
   /// Ends both, whatever state they are in; what has been received stays.
   void Kill();
 
@@ -68,5 +70,5 @@ class DltTest : public ProgramTest {
 /// Waits until `condition` holds. Fails the test when that takes too long.
 void WaitUntil(const std::function<bool()>& condition, const std::string& what);
 
-/// How many lost records a program has told of when it ended.
+/// How many lost records a program has told of when it ended, exactly or at most.
 std::uint64_t ToldLost(const Ending& ending);

@@ -188,6 +188,7 @@ TEST_F(Remote, CountsAndMarksWhatThePortRefuses) {
   receiver_.refuses = false;
   Deliver(std::string(5000, 'x'));
   EXPECT_EQ(sink_->Stop(), 3U);
+  EXPECT_FALSE(sink_->LostIsUpperBound());
   ASSERT_EQ(receiver_.texts.size(), 2U);
   EXPECT_EQ(receiver_.texts[0], "short [2 lost before]");
   EXPECT_THAT(receiver_.texts[1], EndsWith("xx [cut] [1 lost before]"));
@@ -201,7 +202,8 @@ TEST_F(Remote, CountsAndMarksWhatTheReceiverLeftBehind) {
   Deliver("second");
   Deliver("third");
   EXPECT_EQ(sink_->Stop(), 3U);
-  EXPECT_THAT(receiver_.texts, ElementsAre("first", "second [3 lost before]", "third"));
+  EXPECT_THAT(receiver_.texts, ElementsAre("first", "second [up to 3 lost before]", "third"));
+  EXPECT_TRUE(sink_->LostIsUpperBound());
 }
 
 TEST_F(Remote, CountsWhatTurnsOutToBeLeftBehindAtTheEnd) {
@@ -209,6 +211,7 @@ TEST_F(Remote, CountsWhatTurnsOutToBeLeftBehindAtTheEnd) {
   Deliver("one");
   receiver_.leftBehindAtEnd = 2;
   EXPECT_EQ(sink_->Stop(), 2U);
+  EXPECT_TRUE(sink_->LostIsUpperBound());
 }
 
 TEST_F(Remote, WaitsForAReceiverThatIsNotThereYet) {

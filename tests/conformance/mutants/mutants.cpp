@@ -66,6 +66,9 @@ void LoseThread() {
 std::thread::id lastBinder;
 std::mutex lastBinderMutex;
 
+std::atomic<int> liveContexts{0};
+std::atomic<bool> leftBehind{false};
+
 // A library may start threads when it is loaded.
 struct StartedAtLoad {
   StartedAtLoad() {
@@ -88,13 +91,15 @@ namespace Ormis {
 std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
   static auto* const sound = Sound<decltype(QetInitialize)>(
       "_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE");
-  if (Is("initialize_refused")) return kRefused;
+  if (Is("initialize_refused") || (Is("initialize_refused_after_leftovers") && leftBehind)) return kRefused;
   return sound(context, parameters);
 }
 
 std::int32_t QetRelease(QetContext& context) {
   static auto* const sound = Sound<decltype(QetRelease)>("_ZN5Ormis10QetReleaseERNS_10QetContextE");
   endsBadly.used = true;
+  leftBehind = liveContexts > 0;
+  if (Is("release_refuses_leftovers") && leftBehind) return kRefused;
   const std::int32_t status = sound(context);
   return Is("release_status") ? kRefused : status;
 }
@@ -105,6 +110,12 @@ std::int32_t QetCreateContext(QetContext& context) {
   if (Is("context_loses_memory")) LoseMemory(kMuch);
   if (Is("context_loses_64_bytes")) LoseMemory(64);
   if (Is("context_loses_descriptor")) LoseDescriptor();
+  static thread_local bool known = false;
+  if (!known && Is("thread_loses_memory")) LoseMemory(kMuch);
+  if (!known && Is("thread_loses_64_bytes")) LoseMemory(64);
+  if (!known && Is("thread_loses_descriptor")) LoseDescriptor();
+  known = true;
+  ++liveContexts;
   return sound(context);
 }
 
@@ -119,6 +130,7 @@ std::int32_t QetSetCurrentContext(QetContext& context) {
 std::int32_t QetDestroyContext(QetContext& context) {
   static auto* const sound =
       Sound<decltype(QetDestroyContext)>("_ZN5Ormis17QetDestroyContextERNS_10QetContextE");
+  --liveContexts;
   const std::int32_t status = sound(context);
   return Is("context_destroy_status") ? kRefused : status;
 }
@@ -302,6 +314,13 @@ bool Holds(const QetVenc* encoder) {
   return holding.count(encoder) != 0;
 }
 
+std::set<const QetVenc*> waiting;  // encoders with a frame whose stream was not fetched
+
+bool TakeFrame(const QetVenc* encoder) {
+  const std::lock_guard<std::mutex> lock(holdingMutex);
+  return waiting.erase(encoder) != 0;
+}
+
 }  // namespace
 
 std::int32_t QetVenc::SendFrame(const ImageData& frame) {
@@ -311,6 +330,8 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   if (Is("encoder_sends_only_once") && gopSize == 0) return kRefused;
   const std::int32_t status = sound(this, frame);
   if (Is("encoder_sends_only_once")) gopSize = 0;
+  const std::lock_guard<std::mutex> lock(holdingMutex);
+  waiting.insert(this);
   return status;
 }
 
@@ -318,6 +339,9 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
   static auto* const sound =
       Sound<std::int32_t(QetVenc*, ux_venc_stream&)>("_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream");
   if (Is("encoder_hangs")) Hang();
+  const bool hasFrame = TakeFrame(this);
+  if (Is("stream_without_frame") && !hasFrame) return 0;
+  if (Is("encoder_waits_for_a_frame") && !hasFrame) Hang();
   if (Is("stream_left_empty")) {
     static thread_local ux_venc_stream real;
     const std::int32_t status = sound(this, real);
@@ -374,6 +398,38 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
   return Is("model_accepts_any_file") ? 0 : status;
 }
 
+namespace {
+
+std::mutex unfinishedMutex;
+std::set<const QetDNNHandle*> withoutInputs;  // handles for which the creation failed
+std::set<const QetDNNHandle*> withoutOutputs;
+
+std::int32_t Note(std::set<const QetDNNHandle*>& unfinished, const QetDNNHandle& handle,
+                  std::int32_t status) {
+  const std::lock_guard<std::mutex> lock(unfinishedMutex);
+  if (status != 0) unfinished.insert(&handle);
+  return status;
+}
+
+bool TakeFrom(std::set<const QetDNNHandle*>& unfinished, const QetDNNHandle& handle) {
+  const std::lock_guard<std::mutex> lock(unfinishedMutex);
+  return unfinished.erase(&handle) != 0;
+}
+
+}  // namespace
+
+std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle) {
+  static auto* const sound =
+      Sound<decltype(QetDNNModelCreateInput)>("_ZN5Ormis22QetDNNModelCreateInputERNS_12QetDNNHandleE");
+  return Note(withoutInputs, handle, sound(handle));
+}
+
+std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle) {
+  static auto* const sound =
+      Sound<decltype(QetDNNModelCreateOutput)>("_ZN5Ormis23QetDNNModelCreateOutputERNS_12QetDNNHandleE");
+  return Note(withoutOutputs, handle, sound(handle));
+}
+
 std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
   static auto* const sound =
       Sound<decltype(QetDNNModelProcess)>("_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE");
@@ -386,6 +442,10 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
 std::int32_t QetDNNRelease(QetDNNHandle& handle) {
   static auto* const sound = Sound<decltype(QetDNNRelease)>("_ZN5Ormis13QetDNNReleaseERNS_12QetDNNHandleE");
   if (Is("model_release_crashes_without_model") && handle.modelId == 0) std::abort();
+  const bool lacksInputs = TakeFrom(withoutInputs, handle);
+  const bool lacksOutputs = TakeFrom(withoutOutputs, handle);
+  if (Is("model_release_crashes_without_inputs") && lacksInputs) std::abort();
+  if (Is("model_release_refuses_without_outputs") && lacksOutputs) return kRefused;
   if (Is("model_release_wants_outputs") && handle.outputs.empty()) return kRefused;
   const std::int32_t status = sound(handle);
   if (status == 0 && --loaded > 0) ended = true;
@@ -476,6 +536,28 @@ LogStream Logger::LogDebug(const SourceLocation& location) const {
       "_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE");
   if (Is("log_debug_crashes")) std::abort();
   return sound(this, location);
+}
+
+LogStream Logger::LogError(const SourceLocation& location) const {
+  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(
+      "_ZNK3ara3log6Logger8LogErrorERKNS0_14SourceLocationE");
+  if (Is("log_locks")) {
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(100);
+    while (std::chrono::steady_clock::now() < end) {
+    }
+  }
+  return sound(this, location);
+}
+
+LogStream& LogStream::operator<<(const char* text) {
+  static auto* const sound = Sound<LogStream&(LogStream*, const char*)>("_ZN3ara3log9LogStreamlsEPKc");
+  if (Is("log_writes_in_pieces")) {
+    (void)!write(STDERR_FILENO, text, std::strlen(text));
+    return *this;
+  }
+  return sound(this, text);
 }
 
 }  // namespace ara::log

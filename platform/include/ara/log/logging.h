@@ -17,7 +17,7 @@
 /// that is the UTC time, the level, the application's id, the context's id, the thread id and the text. Where
 /// the application's threshold is kDebug or more verbose, " (file:line function)" follows. ASCII control
 /// characters stand as \n, \r, \t or \xNN. A text that was cut ends in " [cut]"; " [N lost before]" ends the
-/// first line after N that a sink could not take.
+/// first line after N that a sink could not take ("up to N" where it cannot tell).
 ///
 /// A sink that takes nothing (full disk, reader that stopped reading) loses records and is waited for no
 /// longer than about a second; a lost record of the log file is told on standard error, once. A record for a
