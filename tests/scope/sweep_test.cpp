@@ -360,7 +360,7 @@ TEST_F(SweepTest, RefusesBadInputBeforeAnythingIsMade) {
   refused({"sweep", folder_.Put("bad.yaml", "CPU: [1"), "--levels", "CPU=1", "-o", Folder()}, "bad.yaml:");
   refused({"sweep", Config(), "--levels", "CPU=1", "--warmup", "37", "-o", Folder()},
           "runs of 40 s are too short for a warm-up of 37 s");
-  refused({"sweep", Config(), "--levels", "CPU=1", "--stop-after", "8", "-o", Folder()},
+  refused({"sweep", Config(), "--levels", "CPU=1", "--stop-after", "8", "--grace", "60", "-o", Folder()},
           "runs of 8 s are too short for a warm-up of 5 s");
   refused({"sweep", Config(), "--resume", Folder()}, "--resume");
   refused({"sweep", "--resume", Folder()}, "not a sweep");
@@ -464,7 +464,7 @@ TEST_F(SweepTest, SweepsTheRealBenchmark) {
   if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config = folder_.Put("cpu.yaml", "logMode: 4\nlogLevel: 3\nCPU:\n  Level: 1\n");
   const ToolResult result =
-      RunTool({"sweep", config, "--levels", "CPU=0,1", "--warmup", "1", "--stop-after", "5", "-o", Folder()});
+      RunTool({"sweep", config, "--levels", "CPU=0,1", "--warmup", "1", "--stop-after", "8", "-o", Folder()});
   EXPECT_EQ(result.status, 0) << result.errors;
   const SweepTable table = ReadSweepTable(Folder(), ReadSweep(Folder()));
   ASSERT_EQ(table.points.size(), 2U);
