@@ -63,10 +63,14 @@ class Counters {
     std::string name;
     std::string unit;
     double scale;
-    int descriptor;
+    std::vector<int> descriptors;  ///< one for each CPU of the unit's mask: a package each
   };
 
-  void Conclude(const char* source, std::size_t filesBefore, const std::string& reason);
+  /// Takes the file where it has a number, or will have one; otherwise notes why not as the first `reason`.
+  void Add(File file, std::string& reason);
+  /// Lists `source` as present where files were added since; else with `reason`, or with `otherwise`.
+  void Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
+                const std::string& otherwise);
   void FindResctrl(const std::string& root);
   void FindDevfreq(const std::string& root);
   void FindEdac(const std::string& root);
@@ -74,6 +78,8 @@ class Counters {
   void FindCpu(const std::string& root);
   void FindPerf(const std::string& root);
   void OpenPerf(const std::string& unit, const std::string& folder, std::string& reason);
+  std::vector<int> OpenOnAll(const std::vector<int>& cpus, const perf_event_attr& attributes,
+                             const std::string& event, std::string& reason);
   std::optional<double> PerSecond(const std::string& key, double count, double timeS);
 
   std::unique_ptr<PerfEvents> perf_;

@@ -131,6 +131,7 @@ WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t 
     work.operations += second.operations;
     work.failures += second.failures;
     work.maxNs = std::max(work.maxNs, second.maxNs);
+    if (second.operations != 0) work.lastS = second.timeS;
     if (i < firstWhole || i >= endWhole || second.afterGap) continue;
     spanS += second.spanS;
     operations += second.operations;
@@ -243,6 +244,7 @@ RunSummary Summarise(const Run& run) {
     ends.insert(sample.timeS);
   }
   RunSummary summary;
+  if (!ends.empty()) summary.endS = *ends.rbegin();
   for (const auto& [engine, samples] : byEngine) {
     summary.engines.push_back(SummariseEngine(engine, samples, ends, run.histogram));
   }
