@@ -301,6 +301,16 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
   if (number == 0) run.notes.push_back(std::string(name) + " is empty");
 }
 
+// Samples come every second until the benchmark has ended: a folder that was copied in part has fewer.
+void NoteMissingEnd(Run& run) {
+  constexpr double kSlackS = 5;
+  if (!run.info.complete || !run.info.conditions.meter || run.samples.empty()) return;
+  double lastS = 0;
+  for (const Sample& sample : run.samples) lastS = std::max(lastS, sample.timeS);
+  if (run.info.durationS - lastS <= kSlackS) return;
+  run.notes.push_back("no sample after " + Seconds(lastS) + " s of " + Seconds(run.info.durationS) + " s");
+}
+
 // The first gap of each thread; threads with the same one share a note.
 void NoteGaps(Run& run) {
   std::map<std::pair<std::string, int>, double> last;
@@ -392,6 +402,7 @@ Run ReadRun(const std::string& folder) {
     run.counters.push_back({row.Real(0), row.Text(1), row.Text(2), row.Text(3), row.Real(4)});
   });
   NoteGaps(run);
+  NoteMissingEnd(run);
   return run;
 }
 

@@ -170,6 +170,17 @@ double ShareBelowMillisecond(const Buckets& buckets) {
   return whole > 0 ? below / whole : 0;
 }
 
+// Where there is no histogram: a recorder that was killed leaves none. By the medians of the seconds.
+double ShareBelowMillisecond(const Rows& samples) {
+  double below = 0;
+  double whole = 0;
+  for (const Sample* sample : samples) {
+    whole += static_cast<double>(sample->operations);
+    if (sample->p50Ns < kMillisecondNs) below += static_cast<double>(sample->operations);
+  }
+  return whole > 0 ? below / whole : 0;
+}
+
 EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, const std::set<double>& ends,
                               const std::vector<HistogramRow>& histogram) {
   std::map<int, Rows> byThread;
@@ -199,7 +210,7 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
     summary.threads.push_back(threadSummary);
   }
   summary.work.busyRate = busyThreads == 0 ? 0 : busyRates / busyThreads;
-  summary.belowMillisecond = ShareBelowMillisecond(all);
+  summary.belowMillisecond = all.empty() ? ShareBelowMillisecond(samples) : ShareBelowMillisecond(all);
   return summary;
 }
 

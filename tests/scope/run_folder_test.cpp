@@ -21,7 +21,7 @@ class RunFolderTest : public ::testing::Test {
     info.kind = "record";
     info.started = "2026-11-21T04:00:00Z";
     info.complete = true;
-    info.durationS = 41.5;
+    info.durationS = 4.5;
     info.exitStatus = 3;
     info.signal = 2;
     info.label = "four \"threads\"\n\xff";
@@ -81,7 +81,7 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_TRUE(run.notes.empty()) << run.notes.front();
   EXPECT_EQ(run.info.kind, "record");
   EXPECT_TRUE(run.info.complete);
-  EXPECT_DOUBLE_EQ(run.info.durationS, 41.5);
+  EXPECT_DOUBLE_EQ(run.info.durationS, 4.5);
   EXPECT_EQ(run.info.exitStatus, 3);
   EXPECT_EQ(run.info.signal, 2);
   EXPECT_EQ(run.info.label, "four \"threads\"\n\xef\xbf\xbd");  // what is no text is replaced
@@ -201,6 +201,13 @@ TEST_F(RunFolderTest, ALineThatWasCutIsLeftOutAndNoted) {
   const scope::Run run = ReadRun(run_);
   EXPECT_EQ(run.samples.size(), 1U);
   EXPECT_THAT(run.notes, ElementsAre("samples.csv: line 3 is cut and was left out"));
+}
+
+TEST_F(RunFolderTest, SamplesThatEndBeforeTheRunAreNoted) {
+  RunInfo info = SomeInfo();
+  info.durationS = 41.5;
+  WriteWhole(info, {SampleAt(19), SampleAt(20)});
+  EXPECT_THAT(ReadRun(run_).notes, ElementsAre("no sample after 20.000 s of 41.500 s"));
 }
 
 TEST_F(RunFolderTest, SecondsWithoutASampleAreNotedOnce) {

@@ -36,6 +36,12 @@ TEST(RunWarnings, OperationsBelowAMillisecond) {
                                 HasSubstr("printed rate is not to be used"))));
 }
 
+TEST(RunWarnings, OperationsBelowAMillisecondOfARunWithoutAHistogram) {
+  scope::Run run = made_run::Run();
+  run.histogram.clear();
+  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("cpu: 100 % of the operations take less than")));
+}
+
 TEST(RunWarnings, BuildsForDebugging) {
   scope::Run run = QuietRun();
   for (const char* build : {"Debug", "RelWithDebInfo address,undefined", "Release thread"}) {
