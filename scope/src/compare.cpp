@@ -270,6 +270,20 @@ void Judge(ComparedFigure& figure, bool overRepeats, const CompareOptions& optio
   figure.regression = least > options.tolerancePercent;
 }
 
+std::size_t RunsWith(const SideFigures& figures, const FigureKey& key) {
+  return static_cast<std::size_t>(std::count_if(figures.runs.begin(), figures.runs.end(),
+                                                [&key](const Values& run) { return run.count(key) != 0; }));
+}
+
+// The runs that have the figure are all that the medians are of.
+void JudgeMissingRuns(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
+  const std::size_t missing = b.runs.size() - RunsWith(b, figure.key);
+  if (figure.verdict == Verdict::kMissing || missing == 0 || RunsWith(a, figure.key) != a.runs.size()) return;
+  figure.verdict = Verdict::kWorse;
+  figure.regression = true;
+  figure.note = Format("%zu of %zu runs of B do not have it", missing, b.runs.size());
+}
+
 // The seconds before an engine stopped may be as good as ever, and a median is of no other.
 void JudgeEarlyEnd(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
   if (figure.verdict == Verdict::kMissing) return;
@@ -526,6 +540,7 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
     } else {
       Judge(figure, comparison.overRepeats, options);
     }
+    JudgeMissingRuns(figure, ofA, ofB);
     JudgeEarlyEnd(figure, ofA, ofB);
     comparison.regression = comparison.regression || figure.regression;
     comparison.figures.push_back(std::move(figure));

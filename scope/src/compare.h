@@ -80,8 +80,9 @@ struct CompareOptions {
 /// Compares B with A, figure by figure. A difference is shown when the bootstrap interval of the difference
 /// of medians leaves out 0 and, over repeats, the rank-sum test agrees: of few repeats a bootstrap alone
 /// makes too much. It is a regression when the whole interval is worse than the tolerance, when the figure is
-/// missing in B alone, or when its engine, or a thread of it, stops before the end in B alone: a median over
-/// the seconds does not show that. Throws RunFolderError for a run without a second after skipS.
+/// missing in B, or some of its runs, alone, or when its engine, or a thread of it, stops before the end in B
+/// alone: a median over the seconds does not show that. Throws RunFolderError for a run without a second
+/// after skipS.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 
 /// The comparison as text for people, on standard output. `differences`: conditions that are allowed to

@@ -59,16 +59,14 @@ class Kernel : public PerfEvents {
     struct {
       std::uint64_t value, enabledNs, runningNs;
     } count{};
-    if (read(descriptor, &count, sizeof(count)) != static_cast<ssize_t>(sizeof(count)) ||
-        count.runningNs == 0) {
-      return std::nullopt;
-    }
-    // More events than counters take turns.
-    return static_cast<double>(count.value) * static_cast<double>(count.enabledNs) /
-           static_cast<double>(count.runningNs);
+    if (read(descriptor, &count, sizeof(count)) != static_cast<ssize_t>(sizeof(count))) return std::nullopt;
+    return counts_[descriptor].Next(count.value, count.enabledNs, count.runningNs);
   }
 
   void Close(int descriptor) override { (void)close(descriptor); }
+
+ private:
+  std::map<int, ScaledCount> counts_;
 };
 
 // Puts `value` into the bits that `bits` ("config:0-7,32-35") names, lowest first.
@@ -107,6 +105,17 @@ bool PutBits(const std::string& bits, std::uint64_t value, perf_event_attr& attr
 }
 
 }  // namespace
+
+std::optional<double> ScaledCount::Next(std::uint64_t value, std::uint64_t enabledNs,
+                                        std::uint64_t runningNs) {
+  if (runningNs <= runningNs_) return std::nullopt;
+  count_ += static_cast<double>(value - value_) * static_cast<double>(enabledNs - enabledNs_) /
+            static_cast<double>(runningNs - runningNs_);
+  value_ = value;
+  enabledNs_ = enabledNs;
+  runningNs_ = runningNs;
+  return count_;
+}
 
 std::unique_ptr<PerfEvents> KernelPerfEvents() {
   return std::make_unique<Kernel>();

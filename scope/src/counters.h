@@ -26,6 +26,21 @@ class PerfEvents {
   virtual void Close(int descriptor) = 0;
 };
 
+/// A count that took turns with others on the hardware: it ran for a part of the time and is scaled up.
+class ScaledCount {
+ public:
+  /// The count so far, from what the kernel says. Each interval is scaled for itself: the share that an event
+  /// ran changes, and all that was counted before is not to change with it. None for an interval in which it
+  /// did not run; the next one has it.
+  std::optional<double> Next(std::uint64_t value, std::uint64_t enabledNs, std::uint64_t runningNs);
+
+ private:
+  double count_ = 0;
+  std::uint64_t value_ = 0;
+  std::uint64_t enabledNs_ = 0;
+  std::uint64_t runningNs_ = 0;
+};
+
 /// The running kernel's.
 std::unique_ptr<PerfEvents> KernelPerfEvents();
 

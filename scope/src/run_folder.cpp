@@ -16,6 +16,7 @@
 #include <set>
 
 #include "system_files.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -536,9 +537,7 @@ void RunWriter::Add(const std::vector<Sample>& samples) {
 void RunWriter::Add(const std::vector<Rate>& rates) {
   std::string csv;
   for (const Rate& rate : rates) {
-    std::array<char, 40> fps{};
-    (void)std::snprintf(fps.data(), fps.size(), "%.6f", rate.fps);
-    csv += Seconds(rate.timeS) + ',' + rate.stress + ',' + fps.data() + '\n';
+    csv += Seconds(rate.timeS) + ',' + rate.stress + ',' + Format("%.6f", rate.fps) + '\n';
   }
   Open(ratesCsv_, kRatesName, kRatesHeader).Write(csv);
 }

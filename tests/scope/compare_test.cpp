@@ -260,6 +260,27 @@ TEST_F(CompareTest, AnEngineThatIsGoneIsARegression) {
   EXPECT_FALSE(Compare(b, a, options).regression);
 }
 
+TEST_F(CompareTest, AnEngineThatIsGoneFromSomeRepeatsIsARegression) {
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  for (const char* run : {"1", "2", "3", "4"}) {
+    WriteRun(folder_ / "a" + "/" + run, {SyntheticEngine(), venc});
+    std::vector<SyntheticEngine> engines = {SyntheticEngine(), venc};
+    if (*run > '2') engines.pop_back();
+    WriteRun(folder_ / "b" + "/" + run, engines);
+  }
+  const Side a = ReadSide(folder_ / "a");
+  const Side b = ReadSide(folder_ / "b");
+  const Comparison gone = Compare(a, b, {});
+  EXPECT_TRUE(gone.regression);
+  EXPECT_EQ(Find(gone, "venc", Figure::kOperations).note, "2 of 4 runs of B do not have it");
+  EXPECT_EQ(Find(gone, "cpu", Figure::kOperations).verdict, Verdict::kNoDifference);
+  CompareOptions options;
+  options.figures = {Figure::kOperations};  // without the total, which comes with the engine
+  EXPECT_FALSE(Compare(b, a, options).regression);
+}
+
 TEST_F(CompareTest, AnEngineThatStopsHalfwayIsARegression) {
   SyntheticEngine venc;
   venc.engine = "venc";

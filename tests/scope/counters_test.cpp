@@ -134,7 +134,7 @@ TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {
     // 32768 lines of 64 bytes in two seconds in one package, and twice as many in the other.
     EXPECT_DOUBLE_EQ(values[0].value, 3.0);
     EXPECT_EQ(values[1].unit, "events/s");
-    EXPECT_DOUBLE_EQ(values[1].value, 32768 / 2 * (3 + 4));
+    EXPECT_DOUBLE_EQ(values[1].value, 16384.0 * (3 + 4));
   }
   EXPECT_EQ(perf_.closed, 4);
 }
@@ -145,6 +145,14 @@ TEST_F(CountersTest, SaysWhenTheKernelRefusesToCount) {
   const auto counters = Find();
   EXPECT_FALSE(SourceOf(*counters, "perf").present);
   EXPECT_THAT(SourceOf(*counters, "perf").reason, HasSubstr("Permission denied (needs CAP_PERFMON"));
+}
+
+TEST(ScaledCount, ScalesEachIntervalForItself) {
+  scope::ScaledCount count;
+  EXPECT_EQ(count.Next(1'000'000, 1000, 500), 2'000'000);
+  EXPECT_EQ(count.Next(1'000'100, 2000, 1500), 2'000'100);  // it ran for all of this one
+  EXPECT_EQ(count.Next(1'000'100, 3000, 1500), std::nullopt);
+  EXPECT_EQ(count.Next(1'000'200, 4000, 2500), 2'000'300);  // and for half of these two
 }
 
 TEST_F(CountersTest, LeavesOtherCountingUnitsAlone) {

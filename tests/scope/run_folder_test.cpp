@@ -125,6 +125,15 @@ TEST_F(RunFolderTest, ReadsNamesThatTheMachineMade) {
   EXPECT_THAT(folder_.Get("a/run/counters.csv"), HasSubstr("1.000,thermal,\"zone0/cpu,gpu\",\"a,b\",2.5\n"));
 }
 
+TEST_F(RunFolderTest, KeepsAbsurdRatesAsTheyAre) {
+  RunInfo info = SomeInfo();
+  info.conditions.meter = false;
+  RunWriter writer(run_, false);
+  writer.WriteInfo(info);
+  writer.Add(std::vector<Rate>{{1, "cpuStress", 1e300}});
+  EXPECT_DOUBLE_EQ(ReadRun(run_).rates.at(0).fps, 1e300);
+}
+
 TEST_F(RunFolderTest, RefusesAFolderWithSomethingInIt) {
   folder_.Put("a/run/notes.txt", "mine");
   EXPECT_THROW(RunWriter(run_, false), RunFolderError);

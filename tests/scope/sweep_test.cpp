@@ -460,6 +460,15 @@ TEST_F(SweepTest, OtherConditionsAmongTheRunsAreNoted) {
               ElementsAre("the runs were not all recorded under the same kernel: 6.1 or 6.6"));
 }
 
+TEST_F(SweepTest, AnEngineThatStopsEarlyIsNoted) {
+  const Sweep sweep = Recorded(ParseAxes({"CPU=1..2"}), {{5}, {8}});
+  SyntheticEngine stopping;
+  stopping.stopsAt = 20;
+  WriteRun(Folder() + "/run-0002", {stopping});
+  EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes,
+              ElementsAre("run-0002 (CPU=2): cpu: no operation after 20 s of 30 s"));
+}
+
 TEST_F(SweepTest, SweepsTheRealBenchmark) {
   if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config = folder_.Put("cpu.yaml", "logMode: 4\nlogLevel: 3\nCPU:\n  Level: 1\n");
