@@ -208,6 +208,11 @@ TEST_F(CountersTest, ReadsBandwidthFromResctrl) {
   // A domain that had no value at first.
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "100\n");
   EXPECT_EQ(counters->Read(3.5).size(), 1U);
+  tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "300\n");
+  const std::vector<CounterValue> later = counters->Read(3.75);
+  ASSERT_EQ(later.size(), 2U);
+  EXPECT_EQ(later[1].name, "mon_L3_01/mbm_total_bytes");
+  EXPECT_DOUBLE_EQ(later[1].value, 800);
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "Unavailable\n");
   // One that was started again says nothing for a second.
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_00/mbm_total_bytes", "7\n");
