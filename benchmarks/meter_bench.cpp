@@ -1,8 +1,12 @@
 /// What the meter adds to a call, in ns: operations that do nothing, called without the meter, under the
 /// meter without a reader, and under the meter with one. Each is a run of this program as a child. usage:
-/// meter_bench [rounds]
+/// meter_bench [rounds [CONFIG]]
+/// With a configuration, the benchmark runs on it under the meter as well: what is added to an operation over
+/// the time that one takes there is the share of the engine's rate that the meter costs.
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +29,8 @@ namespace {
 constexpr int kCallsARound = 20'000;
 constexpr const char* kOperations[] = {"memcpy_s", "QetImageResize", "encode (3 calls)",
                                        "QetDNNModelProcess"};
+constexpr const char* kEngines[] = {"cpu", "vpc", "venc", "aic"};
+constexpr std::chrono::seconds kMeasured{10};
 
 // The least disturbed round, ns a call.
 template <typename Operation>
@@ -93,6 +99,54 @@ std::vector<double> Run(const std::string& self, const std::string& rounds, bool
   return values;
 }
 
+struct Busy {
+  std::uint64_t operations = 0;
+  std::uint64_t ns = 0;
+};
+
+// What each engine did while the benchmark ran on `config` for some seconds.
+std::map<std::string, Busy> RunEngines(const std::string& config) {
+  scope::MeterReader reader(0);
+  scope::ChildProcess::Options options;
+  options.program = BENCHMARK;
+  options.arguments = {config};
+  options.environment = {{"LD_PRELOAD", METER},
+                         {scope::kDescriptorVariable, std::to_string(reader.ChildEnd())}};
+  options.inherit = reader.ChildEnd();
+  options.takeErrors = true;
+  scope::ChildProcess child(options);
+  reader.CloseChildEnd();
+  scope::LineReader output;
+  scope::LineReader errors;
+  std::vector<std::string> lines;
+  std::vector<scope::MeterSecond> seconds;
+  const auto end = std::chrono::steady_clock::now() + kMeasured;
+  for (bool stopped = false; !child.HasEnded();) {
+    if (!stopped && std::chrono::steady_clock::now() >= end) {
+      child.Signal(SIGINT);
+      stopped = true;
+    }
+    reader.Read(seconds);
+    output.Read(child.Output(), lines);
+    errors.Read(child.Errors(), lines);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  reader.Read(seconds);
+  std::map<std::string, Busy> engines;
+  for (const scope::MeterSecond& second : seconds) {
+    for (const scope::Sample& sample : second.samples) {
+      engines[sample.engine].operations += sample.operations;
+      engines[sample.engine].ns += sample.busyNs;
+    }
+  }
+  if (!reader.SaidLast() || engines.empty()) {
+    (void)std::fprintf(stderr, "meter_bench: the benchmark did not run on %s under the meter\n",
+                       config.c_str());
+    std::exit(1);
+  }
+  return engines;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -108,6 +162,18 @@ int main(int argc, char** argv) {
   for (std::size_t i = 0; i < std::size(kOperations); ++i) {
     (void)std::printf("%-20s %10.1f %12.1f %12.1f %14.1f\n", kOperations[i], plain[i], silent[i], metered[i],
                       metered[i] - plain[i]);
+  }
+  if (argc < 3) return 0;
+  const std::map<std::string, Busy> engines = RunEngines(argv[2]);
+  (void)std::printf("\n%-20s %10s %16s %14s %14s\n", "engine", "operations", "ns an operation", "meter adds",
+                    "of its rate");
+  for (std::size_t i = 0; i < std::size(kEngines); ++i) {
+    const auto at = engines.find(kEngines[i]);
+    if (at == engines.end() || at->second.operations == 0) continue;
+    const double ns = static_cast<double>(at->second.ns) / static_cast<double>(at->second.operations);
+    const double added = metered[i] - plain[i];
+    (void)std::printf("%-20s %10llu %16.0f %14.1f %12.4f %%\n", kEngines[i],
+                      static_cast<unsigned long long>(at->second.operations), ns, added, added / ns * 100);
   }
   return 0;
 }

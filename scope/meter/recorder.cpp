@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,6 +21,8 @@ namespace {
 // The benchmark has at most 40 workers, and a resize worker needs two sets.
 constexpr std::uint32_t kCounterSets = 128;
 constexpr long kNsPerS = 1'000'000'000;
+// How long a reader that is late may hold up the end of the program, for each packet until one is not taken.
+constexpr timeval kLastWait{5, 0};
 
 ThreadCounters counterSets[kCounterSets];
 std::atomic<std::uint32_t> setsTaken{0};
@@ -54,6 +57,9 @@ struct SamplePacket {
 };
 
 int readerSocket = -1;
+// While the program runs, a packet that finds the queue full is not waited for: the next sample has it. The
+// last ones have no next.
+int sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 Told told[kCounterSets];
 SamplePacket packet;
 std::uint64_t delayedSamples = 0;
@@ -75,9 +81,10 @@ PacketHeader Header(PacketType type) {
 bool Send(const void* bytes, std::size_t size) {
   ssize_t sent = 0;
   do {
-    sent = send(readerSocket, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    sent = send(readerSocket, bytes, size, sendFlags);
   } while (sent < 0 && errno == EINTR);
   if (sent >= 0) return true;
+  sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
   if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS && errno != ENOMEM) {
     recording.store(false, std::memory_order_relaxed);
   }
@@ -121,6 +128,9 @@ bool SendSample(ThreadCounters& counters, Told& before) {
 }
 
 void SendSecond(bool last) {
+  if (last && setsockopt(readerSocket, SOL_SOCKET, SO_SNDTIMEO, &kLastWait, sizeof(kLastWait)) == 0) {
+    sendFlags = MSG_NOSIGNAL;
+  }
   // Nothing is understood before it; the queue may have been full from the start.
   saidHello = saidHello || Send(&hello, sizeof(hello));
   EndOfSecondPacket end{};

@@ -36,7 +36,8 @@ ThreadCounters* CountersOf(Engine engine);
 /// recorded. `hostPlatform` and `platformPath` (null: unknown) go into the Hello. Called once, before main.
 void StartReporting(bool hostPlatform, const char* platformPath);
 
-/// Sends what is left and ends the reporting thread. Called once, after main.
+/// Sends what is left and ends the reporting thread; waits some seconds at most for a reader that is late.
+/// Called once, after main.
 void StopReporting();
 
 }  // namespace scope

@@ -1,7 +1,9 @@
 #include "compare.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -22,6 +24,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
+constexpr const char* kSettings = "config";
 constexpr double kDrift = 0.02;
 constexpr double kOnePercent = 0.01;
 // More than anybody records; the number would say that it is known well.
@@ -134,6 +137,33 @@ std::string Joined(const std::set<std::string>& texts, const std::string& betwee
   return joined;
 }
 
+// One entry for each value of the configuration, but for the levels, that is not the same in all runs.
+void AddSettings(const std::vector<Run>& a, const std::vector<Run>& b,
+                 std::vector<ConditionDifference>& differences) {
+  std::set<std::string> names;
+  for (const std::vector<Run>* side : {&a, &b}) {
+    for (const Run& run : *side) {
+      for (const auto& [name, value] : run.info.config.settings) names.insert(name);
+    }
+  }
+  for (const std::string& name : names) {
+    const auto values = [&wanted = name](const std::vector<Run>& runs) {
+      std::set<std::string> all;
+      for (const Run& run : runs) {
+        const auto& settings = run.info.config.settings;
+        const auto at = std::find_if(settings.begin(), settings.end(),
+                                     [&wanted](const auto& setting) { return setting.first == wanted; });
+        all.insert(at == settings.end() ? "unset" : at->second);
+      }
+      return all;
+    };
+    const std::set<std::string> ofA = values(a);
+    const std::set<std::string> ofB = values(b);
+    if (ofA == ofB && ofA.size() == 1) continue;
+    differences.push_back({kSettings, name + "=" + Joined(ofA, " or "), name + "=" + Joined(ofB, " or ")});
+  }
+}
+
 // --- figures
 // ------------------------------------------------------------------------------------------------
 
@@ -143,6 +173,8 @@ struct SideFigures {
   std::vector<Values> runs;  ///< the seconds of each run
   /// Engines whose printed rates are not to be used.
   std::set<std::string> printedTooCoarsely;
+  /// Engine that worked and stopped before the end of a run, to where.
+  std::map<std::string, std::string> stopped;
 };
 
 SideFigures Read(const Side& side, const CompareOptions& options) {
@@ -151,6 +183,9 @@ SideFigures Read(const Side& side, const CompareOptions& options) {
     const RunSummary summary = Summarise(run);
     for (const EngineSummary& engine : summary.engines) {
       if (HasShortOperations(engine)) figures.printedTooCoarsely.insert(engine.engine);
+      if (!IsLoad(engine.engine) || engine.work.operations == 0) continue;
+      const std::string end = EarlyEnd(engine, summary.endS);
+      if (!end.empty()) figures.stopped.emplace(engine.engine, end);
     }
     figures.runs.push_back(FiguresOf(summary, options.skipS));
     if (figures.runs.back().empty()) {
@@ -233,6 +268,38 @@ void Judge(ComparedFigure& figure, bool overRepeats, const CompareOptions& optio
   const double least = lowerIsBetter ? figure.lowPercent : -figure.highPercent;  // worse by at least this
   figure.verdict = least > 0 ? Verdict::kWorse : Verdict::kBetter;
   figure.regression = least > options.tolerancePercent;
+}
+
+std::size_t RunsWith(const SideFigures& figures, const FigureKey& key) {
+  return static_cast<std::size_t>(std::count_if(figures.runs.begin(), figures.runs.end(),
+                                                [&key](const Values& run) { return run.count(key) != 0; }));
+}
+
+// The runs that have the figure are all that the medians are of.
+void JudgeMissingRuns(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
+  const std::size_t missing = b.runs.size() - RunsWith(b, figure.key);
+  if (figure.verdict == Verdict::kMissing || missing == 0 || RunsWith(a, figure.key) != a.runs.size()) return;
+  figure.verdict = Verdict::kWorse;
+  figure.regression = true;
+  figure.note = Format("%zu of %zu runs of B do not have it", missing, b.runs.size());
+}
+
+// The seconds before an engine stopped may be as good as ever, and a median is of no other.
+void JudgeEarlyEnd(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
+  if (figure.verdict == Verdict::kMissing) return;
+  for (const auto& [engine, end] : b.stopped) {
+    if (a.stopped.count(engine) != 0) continue;
+    if (figure.key.engine != engine && figure.key.engine != kAllEngines) continue;
+    figure.verdict = Verdict::kWorse;
+    figure.regression = true;
+    figure.note = "in B, " + engine + " stops early: " + end;
+    return;
+  }
+}
+
+void NoteEarlyEnds(const char* side, const SideFigures& figures, std::vector<std::string>& notes) {
+  for (const auto& [engine, end] : figures.stopped)
+    notes.push_back(std::string("in ") + side + ", " + engine + " stops early: " + end);
 }
 
 void NoteDrift(const Side& side, const SideFigures& figures, std::vector<std::string>& notes) {
@@ -356,16 +423,16 @@ void PrintJson(const Side& a, const Side& b, const Comparison& comparison,
 
 void RefuseDifferences(const std::vector<ConditionDifference>& differences, const CommandOptions& options) {
   std::string lines;
-  std::string names;
+  std::set<std::string> names;
   for (const ConditionDifference& difference : differences) {
     const bool allowed = std::count(options.allowed.begin(), options.allowed.end(), difference.name) != 0;
     if (allowed || options.force) continue;
     lines += "\n  " + difference.name + ": " + difference.a + " in A, " + difference.b + " in B";
-    names += (names.empty() ? "" : ",") + difference.name;
+    names.insert(difference.name);
   }
   if (names.empty()) return;
   throw RunFolderError("the runs were not recorded under the same conditions:" + lines +
-                       "\nIf that is what you compare, add --allow " + names);
+                       "\nIf that is what you compare, add --allow " + Joined(names, ","));
 }
 
 int RunCompare(CommandOptions options) {
@@ -388,6 +455,9 @@ int RunCompare(CommandOptions options) {
   RefuseDifferences(differences, options);
   const Comparison comparison = Compare(a, b, options.compare);
   (options.json ? PrintJson : PrintComparison)(a, b, comparison, differences, options.compare);
+  std::cout.flush();
+  if (!std::cout)
+    throw RunFolderError(std::string("cannot write to standard output: ") + std::strerror(errno));
   return comparison.regression ? kExitFailure : kExitOk;
 }
 
@@ -420,6 +490,7 @@ Side ReadSide(const std::string& argument) {
 std::vector<std::string> ConditionNames() {
   std::vector<std::string> names;
   for (const Condition& condition : Known()) names.emplace_back(condition.name);
+  names.emplace_back(kSettings);
   return names;
 }
 
@@ -438,6 +509,7 @@ std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, 
     if (ofA == ofB && ofA.size() == 1 && !incomplete) continue;
     differences.push_back({condition.name, Joined(ofA, " or "), Joined(ofB, " or ")});
   }
+  AddSettings(a, b, differences);
   return differences;
 }
 
@@ -468,6 +540,8 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
     } else {
       Judge(figure, comparison.overRepeats, options);
     }
+    JudgeMissingRuns(figure, ofA, ofB);
+    JudgeEarlyEnd(figure, ofA, ofB);
     comparison.regression = comparison.regression || figure.regression;
     comparison.figures.push_back(std::move(figure));
   }
@@ -481,13 +555,10 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
   }
   NoteRuns(a, comparison.notes);
   NoteRuns(b, comparison.notes);
+  NoteEarlyEnds("A", ofA, comparison.notes);
+  NoteEarlyEnds("B", ofB, comparison.notes);
   NoteDrift(a, ofA, comparison.notes);
   NoteDrift(b, ofB, comparison.notes);
-  const std::string& text = a.runs.front().info.config.text;
-  const bool sameLevels = a.runs.front().info.config.levels == b.runs.front().info.config.levels;
-  if (sameLevels && text != b.runs.front().info.config.text) {
-    comparison.notes.push_back("the configuration files have the same levels and are not the same");
-  }
   return comparison;
 }
 
@@ -566,7 +637,16 @@ void AddCompare(CLI::App& app, int& status) {
       ->check(CLI::IsMember(ConditionNames()));
   command->add_flag("--force", options->force, "Compare whatever differs");
   command->add_flag("--json", options->json, "Print JSON");
-  command->callback([options, &status] { status = RunCompare(*options); });
+  command->callback([options, &status] {
+    try {
+      status = RunCompare(*options);
+    } catch (const RunFolderError&) {
+      throw;
+    } catch (const std::exception& error) {
+      // What cannot be judged, for want of memory or for any other reason, is no regression.
+      throw RunFolderError(std::string("cannot compare: ") + error.what());
+    }
+  });
 }
 
 }  // namespace scope

@@ -25,12 +25,13 @@ Side ReadSide(const std::string& argument);
 
 /// A condition under which not all of the runs were recorded.
 struct ConditionDifference {
-  std::string name;  ///< a key of run.json's conditions, "levels" or "complete"
+  std::string name;  ///< a key of run.json's conditions, "levels", "config" or "complete"
   std::string a;     ///< what it was in A's runs; different ones are joined by " or "
   std::string b;
 };
 /// The conditions that matter to a rate: the machine, its kernel, frequencies and libraries, the build, the
-/// meter, the levels, and whether the runs are complete. Not the load average: it is noise, not a setting.
+/// meter, the levels, the configuration's other values (an entry "config" each), and whether the runs are
+/// complete. Not the load average: it is noise, not a setting.
 std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b);
 /// The names that DifferentConditions knows.
 std::vector<std::string> ConditionNames();
@@ -78,8 +79,10 @@ struct CompareOptions {
 
 /// Compares B with A, figure by figure. A difference is shown when the bootstrap interval of the difference
 /// of medians leaves out 0 and, over repeats, the rank-sum test agrees: of few repeats a bootstrap alone
-/// makes too much. It is a regression when the whole interval is worse than the tolerance, or the figure is
-/// missing in B alone. Throws RunFolderError for a run without a second after skipS.
+/// makes too much. It is a regression when the whole interval is worse than the tolerance, when the figure is
+/// missing in B, or some of its runs, alone, or when its engine, or a thread of it, stops before the end in B
+/// alone: a median over the seconds does not show that. Throws RunFolderError for a run without a second
+/// after skipS.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 
 /// The comparison as text for people, on standard output. `differences`: conditions that are allowed to

@@ -89,6 +89,21 @@ std::string Hash(const std::string& text) {
   return digits.data();
 }
 
+// The document's values, but for the levels, by their keys with dots between.
+void AddSettings(const Ormis::QetYamlNode& node, const std::string& prefix,
+                 std::vector<std::pair<std::string, std::string>>& settings) {
+  static const std::set<std::string> kLevels = {"CPU.Level", "VPC.Level", "VENC.Level", "AIC.Level"};
+  for (const auto& [key, child] : node.children) {
+    const std::string name = prefix + key;
+    std::string value;
+    if (!child.children.empty()) {
+      AddSettings(child, name + ".", settings);
+    } else if (kLevels.count(name) == 0 && node.GetValue<std::string>(key, value)) {
+      settings.emplace_back(name, value);
+    }
+  }
+}
+
 bool IsCpu(const std::string& name) {
   return name.size() > 3 && name.compare(0, 3, "cpu") == 0 &&
          name.find_first_not_of("0123456789", 3) == std::string::npos;
@@ -106,7 +121,8 @@ Conditions ReadConditions(const std::string& systemRoot) {
   std::vector<std::string> cpus = ListFolder(cpuFolder);
   cpus.erase(std::remove_if(cpus.begin(), cpus.end(), [](const std::string& name) { return !IsCpu(name); }),
              cpus.end());
-  conditions.cpuCount = static_cast<int>(cpus.size());
+  conditions.cpuCount = static_cast<int>(ParseCpuList(ReadText(cpuFolder + "/online").value_or("")).size());
+  if (conditions.cpuCount == 0) conditions.cpuCount = static_cast<int>(cpus.size());
   conditions.caches = Caches(cpuFolder, cpus);
   std::set<std::string> governors;
   for (const std::string& cpu : cpus) {
@@ -177,6 +193,7 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
       if (root.children.count(key) == 0 || !root[key].GetValue<unsigned int>("Level", level)) continue;
       config.levels.emplace_back(engine, static_cast<int>(std::min(level, 1'000'000U)));
     }
+    AddSettings(root, "", config.settings);
   } catch (const std::exception& error) {
     throw RunFolderError(error.what());
   }

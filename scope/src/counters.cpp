@@ -24,6 +24,8 @@ constexpr const char* kEdac = "edac";
 constexpr const char* kThermal = "thermal";
 constexpr const char* kCpuFrequency = "cpufreq";
 constexpr const char* kThrottle = "throttle";
+// What resctrl says of a counter that has no value at the moment.
+constexpr const char* kNotYet = "Unavailable";
 
 // "/" and "tree/" as the beginning of paths.
 std::string WithoutSlash(const std::string& root) {
@@ -57,16 +59,14 @@ class Kernel : public PerfEvents {
     struct {
       std::uint64_t value, enabledNs, runningNs;
     } count{};
-    if (read(descriptor, &count, sizeof(count)) != static_cast<ssize_t>(sizeof(count)) ||
-        count.runningNs == 0) {
-      return std::nullopt;
-    }
-    // More events than counters take turns.
-    return static_cast<double>(count.value) * static_cast<double>(count.enabledNs) /
-           static_cast<double>(count.runningNs);
+    if (read(descriptor, &count, sizeof(count)) != static_cast<ssize_t>(sizeof(count))) return std::nullopt;
+    return counts_[descriptor].Next(count.value, count.enabledNs, count.runningNs);
   }
 
   void Close(int descriptor) override { (void)close(descriptor); }
+
+ private:
+  std::map<int, ScaledCount> counts_;
 };
 
 // Puts `value` into the bits that `bits` ("config:0-7,32-35") names, lowest first.
@@ -105,6 +105,17 @@ bool PutBits(const std::string& bits, std::uint64_t value, perf_event_attr& attr
 }
 
 }  // namespace
+
+std::optional<double> ScaledCount::Next(std::uint64_t value, std::uint64_t enabledNs,
+                                        std::uint64_t runningNs) {
+  if (runningNs <= runningNs_) return std::nullopt;
+  count_ += static_cast<double>(value - value_) * static_cast<double>(enabledNs - enabledNs_) /
+            static_cast<double>(runningNs - runningNs_);
+  value_ = value;
+  enabledNs_ = enabledNs;
+  runningNs_ = runningNs;
+  return count_;
+}
 
 std::unique_ptr<PerfEvents> KernelPerfEvents() {
   return std::make_unique<Kernel>();
@@ -151,12 +162,29 @@ Counters::Counters(const std::string& systemRoot, std::unique_ptr<PerfEvents> pe
 }
 
 Counters::~Counters() {
-  for (const PerfCounter& counter : perfCounters_) perf_->Close(counter.descriptor);
+  for (const PerfCounter& counter : perfCounters_) {
+    for (const int descriptor : counter.descriptors) perf_->Close(descriptor);
+  }
 }
 
-void Counters::Conclude(const char* source, std::size_t filesBefore, const std::string& reason) {
+void Counters::Add(File file, std::string& reason) {
+  std::string why;
+  if (const std::optional<std::string> text = ReadText(file.path); !text) {
+    // A file that is not there is no news: not every folder has all of them.
+    if (errno != ENOENT && errno != ENOTDIR) why = "cannot read " + file.path + ": " + std::strerror(errno);
+  } else if (!ReadNumber(file.path) && *text != kNotYet) {
+    why = file.path + " says \"" + *text + "\", which is no number";
+  } else {
+    files_.push_back(std::move(file));
+    return;
+  }
+  if (reason.empty()) reason = why;
+}
+
+void Counters::Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
+                        const std::string& otherwise) {
   const bool present = files_.size() > filesBefore;
-  sources_.push_back({source, present, present ? std::string() : reason});
+  sources_.push_back({source, present, present ? std::string() : reason.empty() ? otherwise : reason});
 }
 
 void Counters::FindPerf(const std::string& root) {
@@ -170,9 +198,33 @@ void Counters::FindPerf(const std::string& root) {
   sources_.push_back({kPerf, present, present ? std::string() : reason});
 }
 
+std::vector<int> Counters::OpenOnAll(const std::vector<int>& cpus, const perf_event_attr& attributes,
+                                     const std::string& event, std::string& reason) {
+  std::vector<int> descriptors;
+  for (const int cpu : cpus) {
+    const int descriptor = perf_->Open(attributes, cpu);
+    if (descriptor >= 0) {
+      descriptors.push_back(descriptor);
+      continue;
+    }
+    const int error = errno;
+    reason = event + ": perf_event_open: " + std::strerror(error);
+    if (error == EACCES || error == EPERM) {
+      reason += " (needs CAP_PERFMON, or kernel.perf_event_paranoid 0 or less)";
+    }
+    // The sum of some packages would be taken for that of all.
+    for (const int opened : descriptors) perf_->Close(opened);
+    return {};
+  }
+  return descriptors;
+}
+
 void Counters::OpenPerf(const std::string& unit, const std::string& folder, std::string& reason) {
-  const auto cpu =
-      static_cast<int>(std::strtol(ReadText(folder + "/cpumask").value_or("0").c_str(), nullptr, 10));
+  const std::vector<int> cpus = ParseCpuList(ReadText(folder + "/cpumask").value_or("0"));
+  if (cpus.empty()) {
+    reason = folder + "/cpumask names no CPU";
+    return;
+  }
   bool understood = false;
   for (const std::string& event : ListFolder(folder + "/events")) {
     // Reads and writes of memory; a unit has few counters, and the rest would take turns with them.
@@ -181,49 +233,58 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
     perf_event_attr attributes{};
     if (!ParsePerfEvent(folder, ReadText(path).value_or(""), attributes)) continue;
     understood = true;
-    attributes.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
-    const int descriptor = perf_->Open(attributes, cpu);
-    if (descriptor < 0) {
-      const int error = errno;
-      reason = unit + "/" + event + ": perf_event_open: " + std::strerror(error);
-      if (error == EACCES || error == EPERM) {
-        reason += " (needs CAP_PERFMON, or kernel.perf_event_paranoid 0 or less)";
+    double scale = 1;
+    if (const std::optional<std::string> text = ReadText(path + ".scale"); text) {
+      const std::optional<double> number = ReadNumber(path + ".scale");
+      if (!number) {
+        // In the unit of the event, a bare count would be wrong by that factor.
+        reason = path + ".scale says \"" + *text + "\", which is no number";
+        continue;
       }
-      continue;
+      scale = *number;
     }
+    attributes.read_format = PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING;
+    std::string name = unit;
+    name += '/' + event;
+    const std::vector<int> descriptors = OpenOnAll(cpus, attributes, name, reason);
+    if (descriptors.empty()) continue;
     const std::string unitOfEvent = ReadText(path + ".unit").value_or("events");
-    perfCounters_.push_back(
-        {unit + "/" + event, unitOfEvent + "/s", ReadNumber(path + ".scale").value_or(1.0), descriptor});
+    perfCounters_.push_back({name, unitOfEvent + "/s", scale, descriptors});
   }
   if (!understood && reason.empty()) reason = unit + " describes no event for reads or writes of memory";
 }
 
 void Counters::FindResctrl(const std::string& root) {
-  const std::string folder = root + "/sys/fs/resctrl/mon_data";
+  const std::string mount = root + "/sys/fs/resctrl";
+  const std::string folder = mount + "/mon_data";
   const std::size_t before = files_.size();
-  std::error_code error;
-  const bool there = std::filesystem::is_directory(folder, error);
+  std::string reason;
   for (const std::string& domain : ListFolder(folder)) {
     for (const char* count : {"mbm_total_bytes", "mbm_local_bytes"}) {
       const std::string path = folder + "/" + domain + "/" + count;
-      if (ReadNumber(path)) files_.push_back({kResctrl, domain + "/" + count, path, "B/s", 1, true});
+      Add({kResctrl, domain + "/" + count, path, "B/s", 1, true}, reason);
     }
   }
-  Conclude(kResctrl, before,
-           there ? "no domain in " + folder + " counts bandwidth (mbm_total_bytes)"
-                 : folder + " is missing: resctrl is not mounted, or the CPU has no bandwidth monitoring");
+  std::error_code ignored;
+  const auto there = [&ignored](const std::string& path) { return std::filesystem::exists(path, ignored); };
+  // The kernel makes the place for it where the CPU has it; what it can do is there once it is mounted.
+  Conclude(kResctrl, before, reason,
+           there(folder)            ? "no domain in " + folder + " counts bandwidth (mbm_total_bytes)"
+           : there(mount + "/info") ? folder + " is missing: this resctrl has no monitoring"
+           : there(mount)           ? "resctrl is not mounted on " + mount
+                                    : mount + " is missing: the kernel offers no resctrl on this machine");
 }
 
 void Counters::FindDevfreq(const std::string& root) {
   const std::string folder = root + "/sys/class/devfreq";
   const std::size_t before = files_.size();
   const std::vector<std::string> devices = ListFolder(folder);
+  std::string reason;
   for (const std::string& device : devices) {
     if (!HasAny(device, {"dmc", "ddr", "dram", "memory", "emc", "mif", "interconnect"})) continue;
-    const std::string path = folder + "/" + device + "/cur_freq";
-    if (ReadNumber(path)) files_.push_back({kDevfreq, device, path, "Hz", 1, false});
+    Add({kDevfreq, device, folder + "/" + device + "/cur_freq", "Hz", 1, false}, reason);
   }
-  Conclude(kDevfreq, before,
+  Conclude(kDevfreq, before, reason,
            devices.empty() ? folder + " is missing or empty: the kernel scales no device's frequency"
                            : "none of the " + std::to_string(devices.size()) + " devices in " + folder +
                                  " is a memory controller by its name");
@@ -232,43 +293,46 @@ void Counters::FindDevfreq(const std::string& root) {
 void Counters::FindEdac(const std::string& root) {
   const std::string folder = root + "/sys/devices/system/edac/mc";
   const std::size_t before = files_.size();
+  std::string reason;
   for (const std::string& controller : ListFolder(folder)) {
     for (const char* count : {"ce_count", "ue_count"}) {
       const std::string path = folder + "/" + controller + "/" + count;
-      if (ReadNumber(path)) files_.push_back({kEdac, controller + "/" + count, path, "errors", 1, false});
+      Add({kEdac, controller + "/" + count, path, "errors", 1, false}, reason);
     }
   }
-  Conclude(kEdac, before, "no memory controller in " + folder + ": no EDAC driver for this machine's memory");
+  Conclude(kEdac, before, reason, "no memory controller in " + folder);
 }
 
 void Counters::FindThermal(const std::string& root) {
   const std::string folder = root + "/sys/class/thermal";
   const std::size_t before = files_.size();
+  std::string reason;
   for (const std::string& zone : ListFolder(folder)) {
     if (!StartsWith(zone, "thermal_zone")) continue;
     const std::string path = folder + "/" + zone + "/temp";
-    if (!ReadNumber(path)) continue;
     const std::string type = ReadText(folder + "/" + zone + "/type").value_or("");
-    files_.push_back({kThermal, type.empty() ? zone : zone + "/" + type, path, "degC", 1e-3, false});
+    Add({kThermal, type.empty() ? zone : zone + "/" + type, path, "degC", 1e-3, false}, reason);
   }
-  Conclude(kThermal, before, "no readable thermal zone in " + folder);
+  Conclude(kThermal, before, reason, "no thermal zone with a temperature in " + folder);
 }
 
 void Counters::FindCpu(const std::string& root) {
   const std::string folder = root + "/sys/devices/system/cpu";
   const std::vector<std::string> cpus = ListFolder(folder);
   std::size_t before = files_.size();
+  std::string reason;
   for (const std::string& cpu : cpus) {
-    const std::string path = folder + "/" + cpu + "/cpufreq/scaling_cur_freq";
-    if (ReadNumber(path)) files_.push_back({kCpuFrequency, cpu, path, "MHz", 1e-3, false});
+    Add({kCpuFrequency, cpu, folder + "/" + cpu + "/cpufreq/scaling_cur_freq", "MHz", 1e-3, false}, reason);
   }
-  Conclude(kCpuFrequency, before, "no CPU in " + folder + " tells its frequency (cpufreq/scaling_cur_freq)");
+  Conclude(kCpuFrequency, before, reason,
+           "no CPU in " + folder + " tells its frequency (cpufreq/scaling_cur_freq)");
   before = files_.size();
+  reason.clear();
   for (const std::string& cpu : cpus) {
     const std::string path = folder + "/" + cpu + "/thermal_throttle/core_throttle_count";
-    if (ReadNumber(path)) files_.push_back({kThrottle, cpu, path, "events", 1, false});
+    Add({kThrottle, cpu, path, "events", 1, false}, reason);
   }
-  Conclude(kThrottle, before,
+  Conclude(kThrottle, before, reason,
            "no CPU in " + folder + " counts its throttling (thermal_throttle/core_throttle_count)");
 }
 
@@ -286,7 +350,11 @@ std::optional<double> Counters::PerSecond(const std::string& key, double count, 
 std::vector<CounterValue> Counters::Read(double timeS) {
   std::vector<CounterValue> values;
   for (const PerfCounter& counter : perfCounters_) {
-    const std::optional<double> count = perf_->Read(counter.descriptor);
+    std::optional<double> count = 0;
+    for (const int descriptor : counter.descriptors) {
+      const std::optional<double> ofPackage = perf_->Read(descriptor);
+      count = count && ofPackage ? std::optional(*count + *ofPackage) : std::nullopt;
+    }
     if (!count) continue;
     const std::optional<double> rate = PerSecond(counter.name, *count * counter.scale, timeS);
     if (rate) values.push_back({timeS, kPerf, counter.name, counter.unit, *rate});

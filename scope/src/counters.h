@@ -26,6 +26,21 @@ class PerfEvents {
   virtual void Close(int descriptor) = 0;
 };
 
+/// A count that took turns with others on the hardware: it ran for a part of the time and is scaled up.
+class ScaledCount {
+ public:
+  /// The count so far, from what the kernel says. Each interval is scaled for itself: the share that an event
+  /// ran changes, and all that was counted before is not to change with it. None for an interval in which it
+  /// did not run; the next one has it.
+  std::optional<double> Next(std::uint64_t value, std::uint64_t enabledNs, std::uint64_t runningNs);
+
+ private:
+  double count_ = 0;
+  std::uint64_t value_ = 0;
+  std::uint64_t enabledNs_ = 0;
+  std::uint64_t runningNs_ = 0;
+};
+
 /// The running kernel's.
 std::unique_ptr<PerfEvents> KernelPerfEvents();
 
@@ -63,10 +78,14 @@ class Counters {
     std::string name;
     std::string unit;
     double scale;
-    int descriptor;
+    std::vector<int> descriptors;  ///< one for each CPU of the unit's mask: a package each
   };
 
-  void Conclude(const char* source, std::size_t filesBefore, const std::string& reason);
+  /// Takes the file where it has a number, or will have one; otherwise notes why not as the first `reason`.
+  void Add(File file, std::string& reason);
+  /// Lists `source` as present where files were added since; else with `reason`, or with `otherwise`.
+  void Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
+                const std::string& otherwise);
   void FindResctrl(const std::string& root);
   void FindDevfreq(const std::string& root);
   void FindEdac(const std::string& root);
@@ -74,6 +93,8 @@ class Counters {
   void FindCpu(const std::string& root);
   void FindPerf(const std::string& root);
   void OpenPerf(const std::string& unit, const std::string& folder, std::string& reason);
+  std::vector<int> OpenOnAll(const std::vector<int>& cpus, const perf_event_attr& attributes,
+                             const std::string& event, std::string& reason);
   std::optional<double> PerSecond(const std::string& key, double count, double timeS);
 
   std::unique_ptr<PerfEvents> perf_;

@@ -108,7 +108,7 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
   }
   if (header.processId != processId_) return;
   if (header.type == PacketType::kThreadSample) {
-    TakeSample(bytes, size);
+    TakeSample(bytes, size, seconds);
   } else if (header.type == PacketType::kEndOfSecond) {
     const auto end = Unpack<EndOfSecondPacket>(bytes, size, "end");
     last_ = end.last != 0;
@@ -121,7 +121,7 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
   }
 }
 
-void MeterReader::TakeSample(const char* bytes, std::size_t size) {
+void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds) {
   const auto packet = Unpack<ThreadSamplePacket>(bytes, size, "sample");
   const char* const engine = NameOf(packet.engine);
   if (engine == nullptr || size != sizeof(packet) + packet.buckets * sizeof(BucketCount)) {
@@ -140,6 +140,11 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size) {
     second.Add(entry.bucket, entry.count);
   }
   const auto thread = static_cast<int>(packet.thread);
+  // A thread has one sample a second: the end of the second before found the queue full.
+  if (std::any_of(pending_.samples.begin(), pending_.samples.end(),
+                  [&](const Sample& sample) { return sample.engine == engine && sample.thread == thread; })) {
+    Flush(startNs_, seconds);
+  }
   latencies_[{engine, thread}].Add(second);
   pending_.latencies[engine].Add(second);
   pending_.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;

@@ -60,7 +60,7 @@ class MeterReader {
 
  private:
   void Take(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
-  void TakeSample(const char* bytes, std::size_t size);
+  void TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
   void Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds);
 
   std::uint64_t startNs_;

@@ -1,5 +1,6 @@
 #include "rate_line.h"
 
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 
@@ -32,7 +33,7 @@ class Line {
     const std::string digits = text_.substr(from, at_ - from);
     char* end = nullptr;
     const double value = std::strtod(digits.c_str(), &end);
-    if (digits.empty() || *end != '\0') {
+    if (digits.empty() || *end != '\0' || !std::isfinite(value)) {
       at_ = from;
       Fail("a rate such as 30.0");
     }

@@ -362,6 +362,8 @@ class Recording {
       Fail("the meter did not answer: " + benchmark_ +
            " calls no platform library, or could not load the meter. "
            "There are rate lines at most.");
+    } else if (options_.useMeter && !meterFailed_ && !meter_->SaidLast()) {
+      Fail("the meter did not say that the program ends: its last samples are missing");
     }
     if (meter_->Unmeasured() != 0) {
       Tell(std::to_string(meter_->Unmeasured()) +

@@ -85,15 +85,7 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
     WriteFile(path, page);  // a device or a pipe keeps its place
     return path;
   }
-  // As a whole or not at all: a full disk leaves the report that was there.
-  const std::string next = path + ".new";
-  try {
-    WriteFile(next, page);
-  } catch (...) {
-    (void)std::remove(next.c_str());
-    throw;
-  }
-  if (std::rename(next.c_str(), path.c_str()) != 0) CannotWrite(path, errno);
+  ReplaceFile(path, page);
   return path;
 }
 

@@ -1,6 +1,7 @@
 #include "run_folder.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,11 +11,12 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
+
+#include "system_files.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -69,6 +71,8 @@ Json ToJson(const RunInfo& info) {
                           {"bytes", cache.bytes},
                           {"instances", cache.instances}});
   }
+  Json settings = Json::object();
+  for (const auto& [name, value] : info.config.settings) settings[name] = value;
   Json versions = Json::object();
   for (const auto& [name, version] : info.conditions.libraryVersions) versions[name] = version;
   Json counters = Json::array();
@@ -88,7 +92,10 @@ Json ToJson(const RunInfo& info) {
       {"exit_status", info.exitStatus},
       {"signal", info.signal},
       {"label", info.label},
-      {"config", Json{{"path", info.config.path}, {"text", info.config.text}, {"levels", levels}}},
+      {"config", Json{{"path", info.config.path},
+                      {"text", info.config.text},
+                      {"levels", levels},
+                      {"settings", settings}}},
       {"conditions", Json{{"cpu_model", machine.cpuModel},
                           {"cpu_count", machine.cpuCount},
                           {"caches", caches},
@@ -131,6 +138,10 @@ RunInfo FromJson(const Json& json) {
   for (const auto& [engine, level] : levels.items()) {
     info.config.levels.emplace_back(engine, level.get<int>());
   }
+  const Json settings = config.value("settings", Json::object());
+  for (const auto& [name, value] : settings.items()) {
+    info.config.settings.emplace_back(name, value.get<std::string>());
+  }
   const Json machine = json.value("conditions", Json::object());
   Conditions& conditions = info.conditions;
   Take(machine, "cpu_model", conditions.cpuModel);
@@ -171,19 +182,44 @@ RunInfo FromJson(const Json& json) {
 // --- reading tables
 // ------------------------------------------------------------------------------------------
 
+// A name of the machine's own as a field: in quotes where it has a comma or a quote, as is usual for CSV.
+// A row is a line, so what would break it becomes a blank.
+std::string Field(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char letter) { return static_cast<unsigned char>(letter) < ' '; }, ' ');
+  if (text.find_first_of(",\"") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (const char letter : text) quoted += letter == '"' ? std::string("\"\"") : std::string(1, letter);
+  return quoted + '"';
+}
+
+// The fields of a row, out of their quotes. A quote within a field without quotes stands for itself.
+std::vector<std::string> Fields(const std::string& row) {
+  std::vector<std::string> fields(1);
+  bool quoted = false;
+  for (std::size_t i = 0; i < row.size(); ++i) {
+    std::string& field = fields.back();
+    if (row[i] == '"' && (quoted || (field.empty() && (i == 0 || row[i - 1] == ',')))) {
+      const bool doubled = quoted && i + 1 < row.size() && row[i + 1] == '"';
+      if (doubled) {
+        field += row[++i];
+      } else {
+        quoted = !quoted;
+      }
+    } else if (row[i] == ',' && !quoted) {
+      fields.emplace_back();
+    } else {
+      field += row[i];
+    }
+  }
+  return fields;
+}
+
 // One row of a table, with the words for what is wrong in it.
 class Row {
  public:
   Row(const std::string& path, std::size_t line, const std::string& text, const char* header)
-      : path_(path), line_(line) {
-    std::istringstream names(header);
-    for (std::string name; std::getline(names, name, ',');) names_.push_back(name);
-    std::size_t from = 0;
-    for (std::size_t comma = text.find(','); comma != std::string::npos; comma = text.find(',', from)) {
-      fields_.push_back(text.substr(from, comma - from));
-      from = comma + 1;
-    }
-    fields_.push_back(text.substr(from));
+      : path_(path), line_(line), names_(Fields(header)), fields_(Fields(text)) {
     if (fields_.size() != names_.size()) {
       Fail("expected " + std::to_string(names_.size()) + " fields (" + header + "), found " +
            std::to_string(fields_.size()));
@@ -236,8 +272,8 @@ class Row {
 template <typename AddRow>
 void ReadTable(Run& run, const char* name, const char* header, bool required, AddRow add) {
   const std::string path = run.folder + "/" + name;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
+  const std::optional<std::string> text = ReadFile(path);
+  if (!text) {
     const int error = errno;
     if (error != ENOENT) throw RunFolderError(path + ": " + std::strerror(error));
     if (!required) return;
@@ -245,16 +281,18 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     run.notes.push_back(std::string(name) + " is missing: the run is incomplete");
     return;
   }
-  std::string line;
   std::size_t number = 0;
-  while (std::getline(file, line)) {
+  for (std::size_t from = 0; from < text->size();) {
     ++number;
-    if (file.eof()) {
+    const std::size_t end = text->find('\n', from);
+    if (end == std::string::npos) {
       // Every line is written with its line feed: one without was cut.
       run.notes.push_back(std::string(name) + ": line " + std::to_string(number) +
                           " is cut and was left out");
       return;
     }
+    const std::string line = text->substr(from, end - from);
+    from = end + 1;
     if (number > 1) {
       add(Row(path, number, line, header));
     } else if (line != header) {
@@ -262,6 +300,16 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     }
   }
   if (number == 0) run.notes.push_back(std::string(name) + " is empty");
+}
+
+// Samples come every second until the benchmark has ended: a folder that was copied in part has fewer.
+void NoteMissingEnd(Run& run) {
+  constexpr double kSlackS = 5;
+  if (!run.info.complete || !run.info.conditions.meter || run.samples.empty()) return;
+  double lastS = 0;
+  for (const Sample& sample : run.samples) lastS = std::max(lastS, sample.timeS);
+  if (run.info.durationS - lastS <= kSlackS) return;
+  run.notes.push_back("no sample after " + Seconds(lastS) + " s of " + Seconds(run.info.durationS) + " s");
 }
 
 // The first gap of each thread; threads with the same one share a note.
@@ -290,19 +338,21 @@ void NoteGaps(Run& run) {
 }  // namespace
 
 bool IsRunFolder(const std::string& folder) {
-  std::error_code ignored;
-  return fs::exists(fs::path(folder) / kInfoName, ignored);
+  std::error_code error;
+  const bool exists = fs::exists(fs::path(folder) / kInfoName, error);
+  if (error) throw RunFolderError(folder + ": cannot tell whether it is a run folder: " + error.message());
+  return exists;
 }
 
 RunInfo ReadRunInfo(const std::string& folder) {
   const std::string path = folder + "/" + kInfoName;
   std::error_code ignored;
   if (!fs::is_directory(folder, ignored)) throw RunFolderError(folder + ": there is no such folder");
-  std::ifstream file(path, std::ios::binary);
-  if (!file)
+  const std::optional<std::string> text = ReadFile(path);
+  if (!text)
     throw RunFolderError(folder + ": not a run folder: cannot read run.json: " + std::strerror(errno));
   try {
-    const Json json = Json::parse(file);
+    const Json json = Json::parse(*text);
     if (!json.is_object() || json.find("format") == json.end() || !json["format"].is_number_integer()) {
       throw RunFolderError(path + ": not the description of a run: it has no \"format\" number");
     }
@@ -353,22 +403,26 @@ Run ReadRun(const std::string& folder) {
     run.counters.push_back({row.Real(0), row.Text(1), row.Text(2), row.Text(3), row.Real(4)});
   });
   NoteGaps(run);
+  NoteMissingEnd(run);
   return run;
 }
 
 // --- writing
 // -------------------------------------------------------------------------------------------------
 
-class RunWriter::File {
+namespace {
+
+// Everything that was written is in the file, and not in this program alone, when the call returns.
+class OutputFile {
  public:
-  explicit File(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "we")) {
+  explicit OutputFile(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "we")) {
     if (file_ == nullptr) Fail(errno);
   }
-  ~File() {
+  ~OutputFile() {
     if (file_ != nullptr) (void)std::fclose(file_);
   }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
 
   void Write(const std::string& text) {
     errno = 0;
@@ -380,10 +434,15 @@ class RunWriter::File {
     }
   }
 
+  // What is on the disk then is all of it.
   void Close() {
+    errno = 0;
+    // Not every file system can tell.
+    const bool saved = fsync(fileno(file_)) == 0 || errno == EINVAL;
+    const int error = errno;
     std::FILE* const file = std::exchange(file_, nullptr);
     errno = 0;
-    if (std::fclose(file) != 0) Fail(errno);
+    if (std::fclose(file) != 0 || !saved) Fail(saved ? errno : error);
   }
 
  private:
@@ -394,6 +453,27 @@ class RunWriter::File {
   std::string path_;
   std::FILE* file_;
 };
+
+}  // namespace
+
+class RunWriter::File : public OutputFile {
+  using OutputFile::OutputFile;
+};
+
+void ReplaceFile(const std::string& path, const std::string& text) {
+  const std::string next = path + ".new";
+  try {
+    OutputFile file(next);
+    file.Write(text);
+    file.Close();
+    if (std::rename(next.c_str(), path.c_str()) != 0) {
+      throw RunFolderError("cannot write " + path + ": " + std::strerror(errno));
+    }
+  } catch (const RunFolderError&) {
+    (void)std::remove(next.c_str());
+    throw;
+  }
+}
 
 RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
   std::error_code error;
@@ -423,16 +503,9 @@ RunWriter::File& RunWriter::Open(std::unique_ptr<File>& file, const char* name, 
 }
 
 void RunWriter::WriteInfo(const RunInfo& info) {
-  const std::string path = folder_ + "/" + kInfoName;
-  const std::string next = path + ".new";
   std::string text = ToJson(info).dump(2, ' ', false, Json::error_handler_t::replace);
   text += '\n';
-  File file(next);
-  file.Write(text);
-  file.Close();
-  if (std::rename(next.c_str(), path.c_str()) != 0) {
-    throw RunFolderError("cannot write " + path + ": " + std::strerror(errno));
-  }
+  ReplaceFile(folder_ + "/" + kInfoName, text);
 }
 
 void RunWriter::Add(const std::vector<Sample>& samples) {
@@ -464,9 +537,7 @@ void RunWriter::Add(const std::vector<Sample>& samples) {
 void RunWriter::Add(const std::vector<Rate>& rates) {
   std::string csv;
   for (const Rate& rate : rates) {
-    std::array<char, 40> fps{};
-    (void)std::snprintf(fps.data(), fps.size(), "%.6f", rate.fps);
-    csv += Seconds(rate.timeS) + ',' + rate.stress + ',' + fps.data() + '\n';
+    csv += Seconds(rate.timeS) + ',' + rate.stress + ',' + Format("%.6f", rate.fps) + '\n';
   }
   Open(ratesCsv_, kRatesName, kRatesHeader).Write(csv);
 }
@@ -475,8 +546,8 @@ void RunWriter::Add(const std::vector<CounterValue>& counters) {
   if (counters.empty()) return;
   std::string csv;
   for (const CounterValue& counter : counters) {
-    csv += Seconds(counter.timeS) + ',' + counter.source + ',' + counter.name + ',' + counter.unit + ',' +
-           Number(counter.value) + '\n';
+    csv += Seconds(counter.timeS) + ',' + counter.source + ',' + Field(counter.name) + ',' +
+           Field(counter.unit) + ',' + Number(counter.value) + '\n';
   }
   Open(countersCsv_, kCountersName, kCountersHeader).Write(csv);
 }
@@ -491,9 +562,7 @@ void RunWriter::WriteHistogram(const std::vector<HistogramRow>& rows) {
     csv += row.engine + ',' + std::to_string(row.thread) + ',' + std::to_string(row.lowNs) + ',' +
            std::to_string(row.highNs) + ',' + std::to_string(row.count) + '\n';
   }
-  File file(folder_ + "/" + kHistogramName);
-  file.Write(csv);
-  file.Close();
+  ReplaceFile(folder_ + "/" + kHistogramName, csv);
 }
 
 std::string UtcNow() {

@@ -52,6 +52,8 @@ struct Configuration {
   std::string text;
   /// Engine ("cpu", "vpc", "venc", "aic") to its level, for the sections that the file has.
   std::vector<std::pair<std::string, int>> levels;
+  /// Its other values, by name: "runTimes", "AIC.File".
+  std::vector<std::pair<std::string, std::string>> settings;
 };
 
 /// A source of counters that was looked for.
@@ -136,13 +138,13 @@ Run ReadRun(const std::string& folder);
 /// run.json alone, of the folder `folder`. Throws RunFolderError.
 RunInfo ReadRunInfo(const std::string& folder);
 
-/// True where `folder` has a run.json, whatever is in it.
+/// True where `folder` has a run.json, whatever is in it. Throws RunFolderError where that cannot be told.
 bool IsRunFolder(const std::string& folder);
 
 /// Writes a run folder while the run goes on: everything handed over is in the files when the call returns,
-/// so that a recorder that is killed leaves what it had. run.json is replaced as a whole and says "complete":
-/// false until Finish. Every operation throws RunFolderError where the file system refuses, naming the file
-/// and the reason; the other files stay usable. Threads: one.
+/// so that a recorder that is killed leaves what it had. run.json and the histogram are replaced as a whole.
+/// Every operation throws RunFolderError where the file system refuses, naming the file and the reason; the
+/// other files stay usable. Threads: one.
 class RunWriter {
  public:
   /// Makes the folder and its parents. One that exists and is not empty is refused, unless `force`: then the
@@ -173,6 +175,10 @@ class RunWriter {
   std::unique_ptr<File> ratesText_;
   std::unique_ptr<File> countersCsv_;
 };
+
+/// Puts `text` in the place of the file as a whole or not at all: where the disk is full, the file that was
+/// there stays. Throws RunFolderError.
+void ReplaceFile(const std::string& path, const std::string& text);
 
 /// Now in UTC, ISO 8601, to the second.
 std::string UtcNow();

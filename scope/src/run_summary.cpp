@@ -131,6 +131,7 @@ WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t 
     work.operations += second.operations;
     work.failures += second.failures;
     work.maxNs = std::max(work.maxNs, second.maxNs);
+    if (second.operations != 0) work.lastS = second.timeS;
     if (i < firstWhole || i >= endWhole || second.afterGap) continue;
     spanS += second.spanS;
     operations += second.operations;
@@ -169,6 +170,17 @@ double ShareBelowMillisecond(const Buckets& buckets) {
   return whole > 0 ? below / whole : 0;
 }
 
+// Where there is no histogram: a recorder that was killed leaves none. By the medians of the seconds.
+double ShareBelowMillisecond(const Rows& samples) {
+  double below = 0;
+  double whole = 0;
+  for (const Sample* sample : samples) {
+    whole += static_cast<double>(sample->operations);
+    if (sample->p50Ns < kMillisecondNs) below += static_cast<double>(sample->operations);
+  }
+  return whole > 0 ? below / whole : 0;
+}
+
 EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, const std::set<double>& ends,
                               const std::vector<HistogramRow>& histogram) {
   std::map<int, Rows> byThread;
@@ -198,7 +210,7 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
     summary.threads.push_back(threadSummary);
   }
   summary.work.busyRate = busyThreads == 0 ? 0 : busyRates / busyThreads;
-  summary.belowMillisecond = ShareBelowMillisecond(all);
+  summary.belowMillisecond = all.empty() ? ShareBelowMillisecond(samples) : ShareBelowMillisecond(all);
   return summary;
 }
 
@@ -243,6 +255,7 @@ RunSummary Summarise(const Run& run) {
     ends.insert(sample.timeS);
   }
   RunSummary summary;
+  if (!ends.empty()) summary.endS = *ends.rbegin();
   for (const auto& [engine, samples] : byEngine) {
     summary.engines.push_back(SummariseEngine(engine, samples, ends, run.histogram));
   }

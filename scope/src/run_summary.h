@@ -38,6 +38,7 @@ struct WorkSummary {
   std::optional<std::uint64_t> p50Ns;   ///< of all operations; none without operations or histogram
   std::optional<std::uint64_t> p99Ns;
   std::uint64_t maxNs = 0;
+  double lastS = 0;  ///< end of the last second with an operation; 0 without one
   /// Operations per second of busy time: what the benchmark would print if it counted exactly. Of several
   /// threads the mean, as it prints. 0 without operations.
   double busyRate = 0;
@@ -75,6 +76,7 @@ struct RunSummary {
   std::vector<EngineSummary> engines;   ///< cpu, vpc, venc, aic, then others by name
   std::vector<PrintedRates> printed;    ///< in the same order
   std::optional<double> gigabytesPerS;  ///< of all engines together; none where one is unknown, or none there
+  double endS = 0;                      ///< of the last second of all
 
   const PrintedRates* PrintedOf(const std::string& engine) const;
 };

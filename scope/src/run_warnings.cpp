@@ -49,20 +49,6 @@ void AddFailures(const EngineSummary& engine, Texts& warnings) {
                                             static_cast<unsigned long long>(engine.work.failures)));
 }
 
-void AddEarlyEnd(const EngineSummary& engine, double endS, Texts& warnings) {
-  if (engine.work.operations == 0) {
-    warnings.push_back(engine.engine + ": not one operation succeeded");
-    return;
-  }
-  double lastS = 0;
-  for (const EngineSecond& second : engine.seconds) {
-    if (second.operations != 0) lastS = second.timeS;
-  }
-  if (endS - lastS > kStoppedEarlyS) {
-    warnings.push_back(engine.engine + Format(": no operation after %.0f s of %.0f s", lastS, endS));
-  }
-}
-
 void AddDrift(const std::string& name, const std::vector<double>& rates, Texts& warnings) {
   const double drift = DriftAtEnd(rates);
   if (std::abs(drift) <= kDrift) return;
@@ -162,6 +148,25 @@ std::vector<double> Thinned(const std::vector<double>& values) {
 
 }  // namespace
 
+std::string EarlyEnd(const EngineSummary& engine, double endS) {
+  // An operation that goes on at the end began as long before it as the longest took.
+  const auto stopped = [endS](const WorkSummary& work) {
+    return endS - work.lastS > kStoppedEarlyS + static_cast<double>(work.maxNs) * 1e-9;
+  };
+  if (engine.work.operations == 0) return "not one operation succeeded";
+  if (stopped(engine.work)) return Format("no operation after %.0f s of %.0f s", engine.work.lastS, endS);
+  std::size_t count = 0;
+  double firstS = endS;
+  for (const ThreadSummary& thread : engine.threads) {
+    if (!stopped(thread.work)) continue;
+    ++count;
+    firstS = std::min(firstS, thread.work.lastS);
+  }
+  if (count == 0) return {};
+  return Format("%zu of %zu threads stopped, the first after %.0f s of %.0f s", count, engine.threads.size(),
+                firstS, endS);
+}
+
 bool HasShortOperations(const EngineSummary& engine) {
   return engine.belowMillisecond >= kShareBelowMillisecond;
 }
@@ -180,14 +185,11 @@ std::vector<std::string> Warnings(const Run& run, const RunSummary& summary) {
   Texts warnings = run.notes;
   AddBuild(run, warnings);
   AddLoad(run, warnings);
-  double endS = 0;
-  for (const EngineSummary& engine : summary.engines) {
-    if (!engine.seconds.empty()) endS = std::max(endS, engine.seconds.back().timeS);
-  }
   for (const EngineSummary& engine : summary.engines) {
     AddFailures(engine, warnings);
     if (!IsLoad(engine.engine)) continue;
-    AddEarlyEnd(engine, endS, warnings);
+    const std::string end = EarlyEnd(engine, summary.endS);
+    if (!end.empty()) warnings.push_back(engine.engine + ": " + end);
     AddShortOperations(engine, warnings);
     std::vector<double> rates;
     for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {

@@ -14,6 +14,10 @@ namespace scope {
 /// and memory errors that the counters show. Empty where nothing is amiss.
 std::vector<std::string> Warnings(const Run& run, const RunSummary& summary);
 
+/// Where `engine`, or a thread of it, did nothing any more before the run ended at `endS`: a sentence without
+/// the engine's name. Empty where all worked to the end.
+std::string EarlyEnd(const EngineSummary& engine, double endS);
+
 /// True where so many operations take less than a millisecond that the printed rate is not to be used.
 bool HasShortOperations(const EngineSummary& engine);
 

@@ -1,12 +1,9 @@
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -43,14 +40,6 @@ struct SweepOptions {
 
 std::string Absolute(const std::string& path) {
   return path.empty() ? path : fs::absolute(path).lexically_normal().string();
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-  errno = 0;
-  std::ofstream file(path, std::ios::binary);
-  file << text;
-  file.close();
-  if (!file) throw RunFolderError("cannot write " + path + ": " + std::strerror(errno));
 }
 
 // Seconds that a run of the sweep takes.
@@ -106,7 +95,7 @@ Sweep Prepare(const SweepOptions& options) {
   fs::create_directories(options.folder, error);
   if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
   sweep.started = UtcNow();
-  WriteText(options.folder + "/" + kConfigName, config);
+  ReplaceFile(options.folder + "/" + kConfigName, config);
   WriteSweep(options.folder, sweep);
   return sweep;
 }
@@ -159,7 +148,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
   std::error_code error;
   fs::create_directories(options.folder, error);
   if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
-  WriteText(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
+  ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
   const RecordResult result = Record(options);
   run.reason.clear();
   if (result.stopped) {

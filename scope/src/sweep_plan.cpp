@@ -306,15 +306,8 @@ Sweep ReadSweep(const std::string& folder) {
 }
 
 void WriteSweep(const std::string& folder, const Sweep& sweep) {
-  const std::string path = folder + "/" + kSweepName;
-  const std::string next = path + ".new";
-  errno = 0;
-  std::ofstream file(next, std::ios::binary);
-  file << ToJson(sweep).dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-  file.close();
-  if (!file || std::rename(next.c_str(), path.c_str()) != 0) {
-    throw RunFolderError("cannot write " + path + ": " + std::strerror(errno));
-  }
+  ReplaceFile(folder + "/" + kSweepName,
+              ToJson(sweep).dump(2, ' ', false, Json::error_handler_t::replace) + '\n');
 }
 
 }  // namespace scope

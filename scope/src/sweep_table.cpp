@@ -122,7 +122,14 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
     SweepPoint& point = table.points.back();
     try {
       Run run = ReadRun(folder + "/" + planned.folder);
-      auto figures = FiguresOf(Summarise(run), sweep.settings.warmupS);
+      const RunSummary summary = Summarise(run);
+      for (const EngineSummary& engine : summary.engines) {
+        const std::string end = IsLoad(engine.engine) ? EarlyEnd(engine, summary.endS) : std::string();
+        if (end.empty()) continue;
+        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine.engine +
+                              ": " + end);
+      }
+      auto figures = FiguresOf(summary, sweep.settings.warmupS);
       // No operation at all: every level is 0.
       if (sweep.settings.useMeter && run.samples.empty()) figures[kTotal] = {0};
       for (const auto& [key, seconds] : figures) {

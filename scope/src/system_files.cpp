@@ -1,6 +1,8 @@
 #include "system_files.h"
 
 #include <array>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,21 +13,31 @@
 
 namespace scope {
 
-std::optional<std::string> ReadText(const std::string& path) {
+std::optional<std::string> ReadFile(const std::string& path) {
   struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
+    void operator()(std::FILE* file) const {
+      const int error = errno;
+      (void)std::fclose(file);
+      errno = error;
+    }
   };
   const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "re"));
   if (file == nullptr) return std::nullopt;
   std::string text;
   std::array<char, 4096> bytes{};
+  errno = 0;
   for (std::size_t size = 1; size != 0;) {
     size = std::fread(bytes.data(), 1, bytes.size(), file.get());
     text.append(bytes.data(), size);
   }
   // A folder opens, and so do files of sys that then refuse to be read.
   if (std::ferror(file.get()) != 0) return std::nullopt;
-  text.erase(text.find_last_not_of(" \t\r\n") + 1);
+  return text;
+}
+
+std::optional<std::string> ReadText(const std::string& path) {
+  std::optional<std::string> text = ReadFile(path);
+  if (text) text->erase(text->find_last_not_of(" \t\r\n") + 1);
   return text;
 }
 
@@ -34,8 +46,28 @@ std::optional<double> ReadNumber(const std::string& path) {
   if (!text || text->empty()) return std::nullopt;
   char* end = nullptr;
   const double value = std::strtod(text->c_str(), &end);
-  if (*end != '\0') return std::nullopt;
+  if (*end != '\0' || !std::isfinite(value)) return std::nullopt;
   return value;
+}
+
+std::vector<int> ParseCpuList(const std::string& text) {
+  constexpr long kMost = 1 << 16;
+  std::vector<int> cpus;
+  for (const char* at = text.c_str(); *at != '\0';) {
+    char* end = nullptr;
+    const long first = std::strtol(at, &end, 10);
+    if (end == at) return {};
+    long last = first;
+    if (*end == '-') {
+      at = end + 1;
+      last = std::strtol(at, &end, 10);
+      if (end == at) return {};
+    }
+    if (first < 0 || last < first || last >= kMost || (*end != ',' && *end != '\0')) return {};
+    for (long cpu = first; cpu <= last; ++cpu) cpus.push_back(static_cast<int>(cpu));
+    at = *end == ',' ? end + 1 : end;
+  }
+  return cpus;
 }
 
 std::vector<std::string> ListFolder(const std::string& path) {

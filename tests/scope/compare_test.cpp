@@ -7,12 +7,17 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
 
 #include "run_summary.h"
 #include "run_tool.h"
+#include "sanitized.h"
 #include "statistics.h"
 #include "synthetic_run.h"
 #include "temporary_folder.h"
+#include "text_format.h"
+#include "text_table.h"
 
 namespace {
 
@@ -255,6 +260,66 @@ TEST_F(CompareTest, AnEngineThatIsGoneIsARegression) {
   EXPECT_FALSE(Compare(b, a, options).regression);
 }
 
+TEST_F(CompareTest, AnEngineThatIsGoneFromSomeRepeatsIsARegression) {
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  for (const char* run : {"1", "2", "3", "4"}) {
+    WriteRun(folder_ / "a" + "/" + run, {SyntheticEngine(), venc});
+    std::vector<SyntheticEngine> engines = {SyntheticEngine(), venc};
+    if (*run > '2') engines.pop_back();
+    WriteRun(folder_ / "b" + "/" + run, engines);
+  }
+  const Side a = ReadSide(folder_ / "a");
+  const Side b = ReadSide(folder_ / "b");
+  const Comparison gone = Compare(a, b, {});
+  EXPECT_TRUE(gone.regression);
+  EXPECT_EQ(Find(gone, "venc", Figure::kOperations).note, "2 of 4 runs of B do not have it");
+  EXPECT_EQ(Find(gone, "cpu", Figure::kOperations).verdict, Verdict::kNoDifference);
+  CompareOptions options;
+  options.figures = {Figure::kOperations};  // without the total, which comes with the engine
+  EXPECT_FALSE(Compare(b, a, options).regression);
+}
+
+TEST_F(CompareTest, AnEngineThatStopsHalfwayIsARegression) {
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  SyntheticEngine stopping = venc;
+  stopping.stopsAt = 20;
+  WriteRun(folder_ / "a", {SyntheticEngine(), venc});
+  WriteRun(folder_ / "b", {SyntheticEngine(), stopping});
+  const Side a = ReadSide(folder_ / "a");
+  const Side b = ReadSide(folder_ / "b");
+  const Comparison stops = Compare(a, b, {});
+  EXPECT_TRUE(stops.regression);
+  for (const auto& [engine, figure] :
+       {std::pair("venc", Figure::kOperations), std::pair(kAllEngines, Figure::kBandwidth)}) {
+    EXPECT_EQ(Find(stops, engine, figure).verdict, Verdict::kWorse);
+    EXPECT_EQ(Find(stops, engine, figure).note, "in B, venc stops early: no operation after 20 s of 30 s");
+  }
+  EXPECT_EQ(Find(stops, "cpu", Figure::kOperations).verdict, Verdict::kNoDifference);
+  EXPECT_THAT(stops.notes, ElementsAre("in B, venc stops early: no operation after 20 s of 30 s"));
+  EXPECT_EQ(RunTool({"compare", folder_ / "a", folder_ / "b"}).status, 1);
+  // It is not B that is worse.
+  const Comparison former = Compare(b, a, {});
+  EXPECT_FALSE(former.regression);
+  EXPECT_THAT(former.notes, ElementsAre("in A, venc stops early: no operation after 20 s of 30 s"));
+  EXPECT_FALSE(Compare(b, b, {}).regression);
+}
+
+TEST_F(CompareTest, AThreadThatStopsLateIsARegression) {
+  SyntheticEngine cpu;
+  cpu.threads = 3;
+  SyntheticEngine stopping = cpu;
+  stopping.stopsAt = 24;  // too late for the median
+  stopping.stoppingThreads = 2;
+  const Comparison stops = Compare(ReadSide(One("a", {}, cpu)), ReadSide(One("b", {}, stopping)), {});
+  EXPECT_TRUE(stops.regression);
+  EXPECT_EQ(Find(stops, "cpu", Figure::kOperations).note,
+            "in B, cpu stops early: 2 of 3 threads stopped, the first after 24 s of 30 s");
+}
+
 TEST_F(CompareTest, AMedianOfZeroHasNoPerCent) {
   SyntheticEngine none;
   none.operationsPerS = 0;
@@ -266,18 +331,16 @@ TEST_F(CompareTest, AMedianOfZeroHasNoPerCent) {
   EXPECT_TRUE(Compare(ReadSide(folder_ / "b"), ReadSide(folder_ / "a"), {}).regression);
 }
 
-TEST_F(CompareTest, NotesFailuresDriftAndOtherFiles) {
+TEST_F(CompareTest, NotesFailuresAndDrift) {
   SyntheticEngine rising;
   rising.riseAS = 20;
   const std::string a = One("a", {}, rising);
-  One("b", [](RunInfo& info) { info.config.text += "# more\n"; });
-  Side b = ReadSide(folder_ / "b");
+  Side b = ReadSide(One("b", [](RunInfo& info) { info.config.text += "# more\n"; }));
   b.runs[0].samples[3].failures = 7;
   const Comparison comparison = Compare(ReadSide(a), b, {});
   EXPECT_THAT(comparison.notes,
               ElementsAre((folder_ / "b") + ": cpu: 7 operations failed",
-                          HasSubstr("a: cpu: the rate is still drifting at the end, by +"),
-                          "the configuration files have the same levels and are not the same"));
+                          HasSubstr("a: cpu: the rate is still drifting at the end, by +")));
 }
 
 TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
@@ -309,6 +372,11 @@ TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
             "library_versions: libormis 1.0.0 | libormis 2");
   EXPECT_EQ(different([](RunInfo& info) { info.config.levels = {{"cpu", 2}, {"vpc", 0}}; }),
             "levels: cpu=1 | cpu=2, vpc=0");
+  EXPECT_EQ(different([](RunInfo& info) { info.config.text += "# a word more\n"; }), "0 differences");
+  EXPECT_EQ(different([](RunInfo& info) { info.config.settings = {{"runTimes", "60"}}; }),
+            "config: runTimes=40 | runTimes=60");
+  EXPECT_EQ(different([](RunInfo& info) { info.config.settings.emplace_back("AIC.File", "other.onnx"); }),
+            "config: AIC.File=unset | AIC.File=other.onnx");
 }
 
 TEST_F(CompareTest, RefusesDifferentConditionsUnlessTold) {
@@ -331,6 +399,53 @@ TEST_F(CompareTest, RefusesDifferentConditionsUnlessTold) {
   EXPECT_THAT(allowed.output, HasSubstr("Different, as allowed: kernel: 6.1 in A, 6.6 in B"));
   EXPECT_EQ(RunTool({"compare", a, b, "--force"}).status, 0);
   EXPECT_EQ(RunTool({"compare", b, a, "--allow", "weather"}).status, 2);
+}
+
+TEST_F(CompareTest, RefusesOtherConfigurationsUnlessTold) {
+  const std::string a = One("a");
+  const std::string b =
+      One("b", [](RunInfo& info) { info.config.settings = {{"logLevel", "0"}, {"runTimes", "60"}}; });
+  const ToolResult refused = RunTool({"compare", a, b, "--allow", "levels"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_THAT(refused.errors, AllOf(HasSubstr("config: logLevel=unset in A, logLevel=0 in B"),
+                                    HasSubstr("config: runTimes=40 in A, runTimes=60 in B"),
+                                    HasSubstr("add --allow config\n")));
+  const ToolResult allowed = RunTool({"compare", a, b, "--allow", "config"});
+  EXPECT_EQ(allowed.status, 0) << allowed.errors;
+  EXPECT_THAT(allowed.output, HasSubstr("Different, as allowed: config: runTimes=40 in A, runTimes=60 in B"));
+}
+
+TEST_F(CompareTest, WhatItCannotDoIsNoRegression) {
+  const std::string a = One("a");
+  const std::string words = std::string("'") + STRESS_SCOPE + "' compare '" + a + "' '" + a + "'";
+  const ToolResult full = RunProgram("/bin/sh", {"-c", words + " >/dev/full"});
+  EXPECT_EQ(full.status, 2);
+  EXPECT_THAT(full.errors, HasSubstr("cannot write to standard output: No space left on device"));
+
+  // A run that is there and cannot be looked at is not left out of its side.
+  const std::string repeats = Repeats("repeats", {500, 501});
+  std::filesystem::create_symlink("loop", repeats + "/loop");
+  EXPECT_THAT(ErrorOf(repeats), HasSubstr("loop: cannot tell whether it is a run folder"));
+
+  const std::string b = One("b");
+  std::filesystem::remove(b + "/samples.csv");
+  std::filesystem::create_directory(b + "/samples.csv");
+  const ToolResult unreadable = RunTool({"compare", a, b});
+  EXPECT_EQ(unreadable.status, 2);
+  EXPECT_THAT(unreadable.errors, HasSubstr("samples.csv: Is a directory"));
+}
+
+TEST_F(CompareTest, WithoutMemoryItDoesNotJudge) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer takes more address space than a test can grant";
+  const std::string a = One("a");
+  const std::string b = One("b");
+  std::filesystem::resize_file(b + "/samples.csv", std::uintmax_t{4} << 30);  // takes no room on the disk
+  const ToolResult result = RunProgram(
+      "/bin/sh",
+      {"-c", std::string("ulimit -v 1000000; exec '") + STRESS_SCOPE + "' compare '" + a + "' '" + b + "'"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors, HasSubstr("cannot compare: "));
+  EXPECT_EQ(result.output, "");
 }
 
 TEST_F(CompareTest, RefusesIncompleteRunsOnBothSides) {
@@ -361,6 +476,33 @@ TEST_F(CompareTest, JsonHasEveryFigure) {
   EXPECT_DOUBLE_EQ(json["figures"][0]["a"].get<double>(), 501.5);
   EXPECT_EQ(json["figures"][0]["b_values"].size(), 4U);
   EXPECT_EQ(json["figures"][1]["lower_is_better"], true);
+
+  // All that the table says, number for number.
+  const ToolResult table = RunTool({"compare", a, b, "--skip", "3"});
+  const auto all = nlohmann::json::parse(RunTool({"compare", "--json", a, b, "--skip", "3"}).output);
+  std::size_t found = 0;
+  std::istringstream lines(table.output);
+  for (std::string line; std::getline(lines, line);) {
+    for (const auto& figure : all["figures"]) {
+      const auto percent = [&figure](const char* key) {
+        return Format("%+.2f %%", figure[key].get<double>());
+      };
+      std::vector<std::string> cells = {figure["engine"], figure["figure"], figure["unit"]};
+      for (const char* side : {"a", "b"}) cells.push_back(ShortNumber(figure[side].get<double>()));
+      for (const char* key : {"difference_percent", "low_percent", "high_percent"})
+        cells.push_back(percent(key));
+      cells.push_back(std::to_string(figure["repeats_for_1_percent"].get<int>()));
+      cells.push_back(figure["verdict"].get<std::string>() +
+                      (figure["regression"] == true ? ", a regression" : ""));
+      std::string pattern = "^";
+      for (const std::string& cell : cells) {
+        pattern += (pattern == "^" ? "" : " +") + std::regex_replace(cell, std::regex("[+.]"), "\\$&");
+      }
+      found += std::regex_search(line, std::regex(pattern + "$")) ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(found, 6U) << table.output << all.dump(2);
+  EXPECT_EQ(all["figures"].size(), 6U);
 }
 
 TEST_F(CompareTest, RefusesWhatIsNoRun) {

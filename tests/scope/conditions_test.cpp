@@ -68,6 +68,18 @@ TEST(Conditions, OfAMachineWithTwoCores) {
   EXPECT_EQ(conditions.caches[1].instances, 1);
 }
 
+TEST(Conditions, CountsTheCpusThatAreOnline) {
+  const TemporaryFolder tree;
+  for (const char* cpu : {"cpu0", "cpu1", "cpu2", "cpu3"})
+    tree.Put(std::string("sys/devices/system/cpu/") + cpu + "/uevent", "");
+  EXPECT_EQ(scope::ReadConditions(tree.Path()).cpuCount, 4);
+  for (const auto& [list, count] :
+       {std::pair("0-2", 3), std::pair("0,2-3\n", 3), std::pair("1", 1), std::pair("x", 4)}) {
+    tree.Put("sys/devices/system/cpu/online", list);
+    EXPECT_EQ(scope::ReadConditions(tree.Path()).cpuCount, count) << list;
+  }
+}
+
 TEST(Conditions, OnArmTheDeviceTreeNamesTheBoard) {
   const TemporaryFolder tree;
   tree.Put("proc/cpuinfo", "processor\t: 0\nCPU implementer\t: 0x41\nCPU part\t: 0xd42\n");
@@ -99,6 +111,8 @@ TEST(ReadConfiguration, HasTheLevelsAndTheRunTimeThatTheBenchmarkMakesOfIt) {
       runTimeS);
   EXPECT_EQ(runTimeS, 55U);
   EXPECT_THAT(config.levels, ElementsAre(Pair("cpu", 2), Pair("aic", 0)));
+  EXPECT_THAT(config.settings,
+              ElementsAre(Pair("AIC.File", "x"), Pair("VENC.File", "y"), Pair("runTimes", "55")));
   EXPECT_THAT(config.text, HasSubstr("runTimes: 55\n"));
   (void)scope::ReadConfiguration(folder.Put("short.yaml", "runTimes: 5\n"), runTimeS);
   EXPECT_EQ(runTimeS, 40U);

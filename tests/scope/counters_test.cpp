@@ -84,8 +84,32 @@ TEST_F(CountersTest, AbsentSourcesAreListedWithTheReason) {
     EXPECT_FALSE(source.present) << source.source;
     EXPECT_FALSE(source.reason.empty()) << source.source;
   }
-  EXPECT_THAT(SourceOf(*counters, "resctrl").reason, HasSubstr("not mounted"));
+  EXPECT_THAT(SourceOf(*counters, "resctrl").reason, HasSubstr("offers no resctrl"));
   EXPECT_THAT(counters->Read(1), IsEmpty());
+  std::filesystem::create_directories(tree_ / "sys/fs/resctrl");
+  EXPECT_THAT(SourceOf(*Find(), "resctrl").reason, HasSubstr("not mounted"));
+  std::filesystem::create_directories(tree_ / "sys/fs/resctrl/info");
+  EXPECT_THAT(SourceOf(*Find(), "resctrl").reason, HasSubstr("has no monitoring"));
+}
+
+TEST_F(CountersTest, WhatIsThereAndCannotBeUsedIsNotCalledMissing) {
+  // A folder in the place of the file opens and cannot be read.
+  std::filesystem::create_directories(tree_ / "sys/class/devfreq/dmc/cur_freq");
+  std::filesystem::create_directories(tree_ / "sys/devices/system/edac/mc/mc0/ce_count");
+  tree_.Put("sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq", "<unknown>\n");
+  const auto counters = Find();
+  EXPECT_THAT(SourceOf(*counters, "devfreq").reason, HasSubstr("dmc/cur_freq: Is a directory"));
+  EXPECT_THAT(SourceOf(*counters, "edac").reason, HasSubstr("ce_count: Is a directory"));
+  EXPECT_THAT(SourceOf(*counters, "cpufreq").reason, HasSubstr("says \"<unknown>\", which is no number"));
+}
+
+TEST_F(CountersTest, AnEventWhoseScaleIsNotUnderstoodIsNotCounted) {
+  PutImc();
+  tree_.Put("sys/bus/event_source/devices/uncore_imc_0/events/cas_count_read.scale", "64B\n");
+  std::filesystem::remove(tree_ / "sys/bus/event_source/devices/uncore_imc_0/events/cas_count_write");
+  const auto counters = Find();
+  EXPECT_THAT(perf_.opened, IsEmpty());
+  EXPECT_THAT(SourceOf(*counters, "perf").reason, HasSubstr("cas_count_read.scale says \"64B\""));
 }
 
 TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {
@@ -93,11 +117,13 @@ TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {
   {
     const auto counters = Find();
     EXPECT_TRUE(SourceOf(*counters, "perf").present);
-    ASSERT_EQ(perf_.opened.size(), 2U);
+    ASSERT_EQ(perf_.opened.size(), 4U);
     EXPECT_EQ(perf_.opened[0].attributes.type, 14U);
     EXPECT_EQ(perf_.opened[0].attributes.config, 0x0304U);
-    EXPECT_EQ(perf_.opened[1].attributes.config, 0x0c04U);
+    EXPECT_EQ(perf_.opened[2].attributes.config, 0x0c04U);
+    // A controller of each of two packages has this name.
     EXPECT_EQ(perf_.opened[0].cpu, 8);
+    EXPECT_EQ(perf_.opened[1].cpu, 24);
     perf_.count = 1000;
     EXPECT_THAT(counters->Read(1), IsEmpty());
     perf_.count = 33768;
@@ -105,11 +131,12 @@ TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {
     ASSERT_EQ(values.size(), 2U);
     EXPECT_EQ(values[0].name, "uncore_imc_0/cas_count_read");
     EXPECT_EQ(values[0].unit, "MiB/s");
-    EXPECT_DOUBLE_EQ(values[0].value, 1.0);  // 32768 lines of 64 bytes in two seconds
+    // 32768 lines of 64 bytes in two seconds in one package, and twice as many in the other.
+    EXPECT_DOUBLE_EQ(values[0].value, 3.0);
     EXPECT_EQ(values[1].unit, "events/s");
-    EXPECT_DOUBLE_EQ(values[1].value, 32768);
+    EXPECT_DOUBLE_EQ(values[1].value, 16384.0 * (3 + 4));
   }
-  EXPECT_EQ(perf_.closed, 2);
+  EXPECT_EQ(perf_.closed, 4);
 }
 
 TEST_F(CountersTest, SaysWhenTheKernelRefusesToCount) {
@@ -118,6 +145,14 @@ TEST_F(CountersTest, SaysWhenTheKernelRefusesToCount) {
   const auto counters = Find();
   EXPECT_FALSE(SourceOf(*counters, "perf").present);
   EXPECT_THAT(SourceOf(*counters, "perf").reason, HasSubstr("Permission denied (needs CAP_PERFMON"));
+}
+
+TEST(ScaledCount, ScalesEachIntervalForItself) {
+  scope::ScaledCount count;
+  EXPECT_EQ(count.Next(1'000'000, 1000, 500), 2'000'000);
+  EXPECT_EQ(count.Next(1'000'100, 2000, 1500), 2'000'100);  // it ran for all of this one
+  EXPECT_EQ(count.Next(1'000'100, 3000, 1500), std::nullopt);
+  EXPECT_EQ(count.Next(1'000'200, 4000, 2500), 2'000'300);  // and for half of these two
 }
 
 TEST_F(CountersTest, LeavesOtherCountingUnitsAlone) {
@@ -170,6 +205,15 @@ TEST_F(CountersTest, ReadsBandwidthFromResctrl) {
   EXPECT_EQ(values[0].name, "mon_L3_00/mbm_total_bytes");
   EXPECT_EQ(values[0].unit, "B/s");
   EXPECT_DOUBLE_EQ(values[0].value, 2e6);
+  // A domain that had no value at first.
+  tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "100\n");
+  EXPECT_EQ(counters->Read(3.5).size(), 1U);
+  tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "300\n");
+  const std::vector<CounterValue> later = counters->Read(3.75);
+  ASSERT_EQ(later.size(), 2U);
+  EXPECT_EQ(later[1].name, "mon_L3_01/mbm_total_bytes");
+  EXPECT_DOUBLE_EQ(later[1].value, 800);
+  tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "Unavailable\n");
   // One that was started again says nothing for a second.
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_00/mbm_total_bytes", "7\n");
   EXPECT_THAT(counters->Read(4), IsEmpty());

@@ -19,6 +19,7 @@ CountedCalls counted[kCountedEngines];
 std::atomic<long> waitNs{0};
 std::atomic<int> failEvery{0};
 thread_local std::uint64_t encodeNs = 0;
+thread_local std::uint64_t virtualNs = 0;
 
 std::uint64_t NowNs() {
   timespec now{};
@@ -26,8 +27,17 @@ std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+// Virtual steps take one to four times as long as was set, all alike often.
+std::uint64_t WorkVirtually(std::uint64_t call) {
+  const auto least = static_cast<std::uint64_t>(waitNs.load());
+  const std::uint64_t ns = least + call * 7919 * 1009 % (3 * least + 1);
+  virtualNs += ns;
+  return ns;
+}
+
 // Every fourth wait is four times as long, so that the percentiles differ.
 std::uint64_t Work(std::uint64_t call) {
+  if (virtualNs != 0) return WorkVirtually(call);
   const std::uint64_t start = NowNs();
   const long ns = waitNs.load() * (call % 4 == 3 ? 4 : 1);
   const timespec wait{ns / 1'000'000'000, ns % 1'000'000'000};
@@ -61,6 +71,10 @@ int Call(int engine) {
 
 CountedCalls& CountedCallsOf(int engine) {
   return counted[engine];
+}
+
+std::uint64_t& VirtualNs() {
+  return virtualNs;
 }
 
 void SetWork(long ns, int failEveryNth) {

@@ -20,5 +20,9 @@ struct CountedCalls {
 
 __attribute__((visibility("default"))) CountedCalls& CountedCallsOf(int engine);
 
+/// Time of the calling thread, in ns, where it is virtual: a step then moves it on by what it would have
+/// taken, and waits for nothing. 0, as at first: the thread's time is the system's.
+__attribute__((visibility("default"))) std::uint64_t& VirtualNs();
+
 /// From now on each step waits `ns` (0: not at all), and every `failEveryNth` call fails with 77 (0: none).
 __attribute__((visibility("default"))) void SetWork(long ns, int failEveryNth);

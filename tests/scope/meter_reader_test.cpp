@@ -134,6 +134,26 @@ TEST_F(MeterReaderTest, ASecondProgramUnderTheMeterIsAnotherRun) {
   EXPECT_FALSE(seconds_[0].samples[0].bytes.has_value());
 }
 
+TEST_F(MeterReaderTest, SecondsAreToldApartWhereTheEndOfOneDidNotComeThrough) {
+  SendHello();
+  for (const std::uint64_t second : {1U, 2U}) {
+    for (const scope::Engine engine : {scope::Engine::kCpu, scope::Engine::kVpc}) {
+      OneBucket sample = SampleOf(engine);
+      sample.head.header.timeNs = second * 1'000'000'000;
+      Send(sample);
+    }
+  }
+  scope::EndOfSecondPacket end{};
+  end.header = Header(PacketType::kEndOfSecond);
+  end.header.timeNs = 2'000'000'000;
+  Send(end);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(seconds_.size(), 2U);
+  for (const MeterSecond& second : seconds_) EXPECT_EQ(second.samples.size(), 2U);
+  EXPECT_DOUBLE_EQ(seconds_[0].timeS, 1);
+  EXPECT_DOUBLE_EQ(seconds_[1].timeS, 2);
+}
+
 TEST_F(MeterReaderTest, ASecondCutShortByTheEndOfTheProgramIsKept) {
   SendHello();
   OneBucket sample = SampleOf(scope::Engine::kCpu);

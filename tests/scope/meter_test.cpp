@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -31,6 +32,7 @@ struct Counted {
   std::uint64_t operations = 0;
   std::uint64_t busyNs = 0;
   std::uint64_t failures = 0;
+  std::uint64_t aroundNs = 0;
   std::vector<std::uint64_t> latenciesNs;
 };
 
@@ -52,6 +54,10 @@ Report ReadReport(const std::string& path) {
       std::uint64_t ns = 0;
       words >> engine >> ns;
       report.engines[kEngineNames[engine]].latenciesNs.push_back(ns);
+    } else if (first == "around") {
+      std::size_t engine = 0;
+      words >> engine;
+      words >> report.engines[kEngineNames[engine]].aroundNs;
     } else if (first == "allocations") {
       words >> report.allocations;
     } else if (first == "threads") {
@@ -109,6 +115,13 @@ class MeterTest : public ::testing::Test {
     reader_->CloseChildEnd();
   }
 
+  // Until the workers have ended and the program is about to.
+  void WaitForTheReport() {
+    while (!std::filesystem::exists(folder_ / "report") && !child_->HasEnded()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+
   void Wait(bool read = true) {
     while (!child_->HasEnded()) {
       if (read) reader_->Read(seconds_);
@@ -161,17 +174,20 @@ class MeterTest : public ::testing::Test {
   Report report_;
 };
 
+// In virtual time, of which the platform and the meter see the same: on a busy machine a worker may lose the
+// CPU between the meter's look at the clock and the platform's.
 TEST_F(MeterTest, AgreesWithAnIndependentCountWithinOnePercent) {
   Load load;
   load.calls = 300;
+  load.mode = "virtual";
   Run(load);
   for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
     const Counted& counted = report_.engines[engine];
     const Metered& metered = metered_[engine];
     ASSERT_EQ(counted.operations, 600U) << engine;
     EXPECT_EQ(metered.operations, counted.operations) << engine;
-    const auto busy = static_cast<double>(counted.busyNs);
-    EXPECT_NEAR(static_cast<double>(metered.busyNs), busy, busy * 0.01) << engine;
+    EXPECT_GE(counted.busyNs, 600U * 1'000'000) << engine;
+    EXPECT_EQ(metered.busyNs, counted.busyNs) << engine;
     ASSERT_EQ(metered.operationsOfThread.size(), 2U) << engine;
     EXPECT_EQ(metered.operationsOfThread.at(0), 300U) << engine;
     EXPECT_EQ(metered.operationsOfThread.at(1), 300U) << engine;
@@ -179,6 +195,18 @@ TEST_F(MeterTest, AgreesWithAnIndependentCountWithinOnePercent) {
   EXPECT_EQ(metered_["vpc_copy"].operations, 2U);
   EXPECT_TRUE(reader_->SaidLast());
   EXPECT_EQ(reader_->DelayedSamples(), 0U);
+}
+
+TEST_F(MeterTest, MeasuresRealTimeBetweenThatInsideACallAndThatAroundIt) {
+  Load load;
+  load.calls = 300;
+  Run(load);
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
+    const Counted& counted = report_.engines[engine];
+    EXPECT_GE(counted.busyNs, 600U * 1'000'000) << engine;
+    EXPECT_GE(metered_[engine].busyNs, counted.busyNs) << engine;
+    EXPECT_LE(metered_[engine].busyNs, counted.aroundNs) << engine;
+  }
   // Four engines, one after the other, of 300 calls of 1 to 4 ms: several seconds, each with its own samples.
   EXPECT_GE(seconds_.size(), 2U);
 }
@@ -186,17 +214,17 @@ TEST_F(MeterTest, AgreesWithAnIndependentCountWithinOnePercent) {
 TEST_F(MeterTest, PercentilesAgreeWithExactOnesWithinOnePercent) {
   Load load;
   load.calls = 300;
+  load.mode = "virtual";
   Run(load);
   for (const char* engine : {"cpu", "vpc", "venc", "aic"}) {
     const scope::Histogram latencies = MeteredLatencies(engine);
     ASSERT_EQ(latencies.Total(), 600U) << engine;
-    for (const double quantile : {0.25, 0.50, 0.70, 0.90}) {
+    for (const double quantile : {0.01, 0.25, 0.50, 0.70, 0.90, 0.99}) {
       const auto exact = static_cast<double>(ExactPercentile(engine, quantile));
       EXPECT_NEAR(static_cast<double>(latencies.Percentile(quantile)), exact, exact * 0.01)
           << engine << " at " << quantile;
     }
-    const auto longest = static_cast<double>(ExactPercentile(engine, 1));
-    EXPECT_NEAR(static_cast<double>(metered_[engine].maxNs), longest, longest * 0.01) << engine;
+    EXPECT_EQ(metered_[engine].maxNs, ExactPercentile(engine, 1)) << engine;
   }
 }
 
@@ -295,25 +323,40 @@ TEST_F(MeterTest, AForkedChildIsNotThisRun) {
 
 TEST_F(MeterTest, AReaderThatStallsDoesNotHoldTheWorkersUp) {
   Load load;
-  load.calls = 150;
+  load.calls = 10;
   fullQueue_ = true;
   Start(load);
   Wait(false);
-  EXPECT_EQ(report_.engines["aic"].operations, 300U);
+  EXPECT_EQ(report_.engines["aic"].operations, 20U);
   EXPECT_FALSE(reader_->SaidHello());
   EXPECT_TRUE(metered_.empty());
 }
 
 TEST_F(MeterTest, WhatAStalledReaderMissedComesWithTheNextSample) {
   Load load;
-  load.calls = 600;
+  load.calls = 300;
   fullQueue_ = true;
   Start(load);
-  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  WaitForTheReport();
   Wait();
-  EXPECT_EQ(metered_["cpu"].operations, 1200U);
-  EXPECT_EQ(metered_["vpc"].operations, 1200U);
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) EXPECT_EQ(metered_[engine].operations, 600U);
   EXPECT_GT(reader_->DelayedSamples(), 0U);
+}
+
+TEST_F(MeterTest, TheLastSamplesWaitForAReaderThatIsLate) {
+  Load load;
+  load.calls = 10;
+  load.waitNs = 0;
+  fullQueue_ = true;
+  Start(load);
+  WaitForTheReport();
+  // It would have ended by then.
+  for (int i = 0; i < 100 && !child_->HasEnded(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  Wait();
+  for (const char* engine : {"cpu", "vpc", "venc", "aic"}) EXPECT_EQ(metered_[engine].operations, 20U);
+  EXPECT_TRUE(reader_->SaidLast());
 }
 
 TEST_F(MeterTest, AReaderThatGoesAwayDoesNotEndTheProgram) {

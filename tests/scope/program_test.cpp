@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "child_process.h"
+#include "latency_buckets.h"
+#include "protocol.h"
 #include "run_folder.h"
 #include "run_tool.h"
 #include "sanitized.h"
@@ -56,12 +58,12 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config =
       folder_.Put("all.yaml",
-                  "logMode: 4\nlogLevel: 3\nrunTimes: 40\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
+                  "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
                   "VENC:\n  Level: 1\nAIC:\n  Level: 1\n  File: " EXAMPLE_NETWORK "\n");
-  ChildProcess child(Tool({"record", config, "-o", folder_ / "run", "--label", "a label"}));
+  ChildProcess child(Tool({"record", config, "-o", folder_ / "run", "--label", "a label", "--grace", "120"}));
   // Until every engine has worked for a second, on whatever machine this is.
   const std::string samples = "run/samples.csv";
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(35);
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(240);
   while (folder_.Get(samples).find('2') == std::string::npos ||
          folder_.Get(samples).find(",aic,") == std::string::npos ||
          folder_.Get("run/rates.csv").find("aicStress") == std::string::npos) {
@@ -165,6 +167,19 @@ TEST_F(ProgramTest, SaysWhenTheMeterDoesNotAnswer) {
   EXPECT_THAT(result.errors, HasSubstr("the meter did not answer"));
 }
 
+TEST_F(ProgramTest, SaysWhenTheMetersLastSamplesAreMissing) {
+  if (kSanitized) GTEST_SKIP() << "another program cannot load a meter that is built with a sanitizer";
+  scope::HelloPacket hello{};
+  hello.header = {scope::kMeterMagic, scope::kMeterVersion, scope::PacketType::kHello, 1, 0};
+  hello.bucketCount = scope::kBucketCount;
+  folder_.Put("benchmark.hello", std::string(reinterpret_cast<const char*>(&hello), sizeof(hello)));
+  const ToolResult result = RunTool({"record", Config(), "-o", folder_ / "run", "--benchmark",
+                                     Script("cat \"$0.hello\" >&$STRESS_SCOPE_FD")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("its last samples are missing"));
+  EXPECT_FALSE(scope::ReadRunInfo(folder_ / "run").complete);
+}
+
 TEST_F(ProgramTest, RefusesAMeterOfAnotherVersion) {
   if (kSanitized) GTEST_SKIP() << "another program cannot load a meter that is built with a sanitizer";
   const ToolResult result =
@@ -232,8 +247,11 @@ TEST_F(ProgramTest, SavesRateLinesOfAFile) {
 TEST_F(ProgramTest, SavesRateLinesOfAPipeAsTheyCome) {
   ChildProcess::Options options;
   options.program = "/bin/sh";
-  options.arguments = {"-c", std::string("(echo '") + kRateLine + "'; sleep 1; echo '" + kRateLine + "') | " +
-                                 STRESS_SCOPE + " rates -o " + (folder_ / "run")};
+  // The second line comes a second after the first one has been saved, however long that takes.
+  options.arguments = {"-c", std::string("(echo '") + kRateLine + "'; until grep -qs cpu '" +
+                                 (folder_ / "run/rates.csv") + "'; do sleep 0.1; done; sleep 1; echo '" +
+                                 kRateLine + "') | " + STRESS_SCOPE + " rates -o '" + (folder_ / "run") +
+                                 "'"};
   ChildProcess child(options);
   while (!child.HasEnded()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(child.ExitStatus(), 0);

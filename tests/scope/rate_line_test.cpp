@@ -38,6 +38,7 @@ TEST(RateLine, SaysWhereItIsWrongAndWhatWasExpected) {
             "character 13: expected a rate such as 30.0, found \"nan fps.\"");
   EXPECT_EQ(ErrorOf("cpuStress : 1.2.3 fps."),
             "character 13: expected a rate such as 30.0, found \"1.2.3 fps.\"");
+  EXPECT_THAT(ErrorOf("cpuStress : " + std::string(400, '9') + " fps."), HasSubstr("expected a rate"));
   EXPECT_THAT(ErrorOf("cpuStress : 1 fps"), HasSubstr("expected \" fps.\""));
   EXPECT_THAT(ErrorOf("cpuStress : 1 fps."), HasSubstr("expected \" \", found the end of the line"));
   EXPECT_THAT(ErrorOf("ispStress : 30.0 fps. cpuStress : 1 fps."),

@@ -154,6 +154,27 @@ TEST(ReportPage, OfNothingSaysSo) {
   EXPECT_THAT(ReportText({Reported({}, "one")}), HasSubstr("nothing was recorded"));
 }
 
+TEST(Report, ShowsEachWarningOnThePageAndInTheText) {
+  scope::Run run = made_run::Run();
+  EXPECT_THAT(ReportPage({Reported(run, "one")}), Not(HasSubstr("drifting")));
+  run.info.conditions.buildType = "Debug";
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine == "venc") sample.operations = 100 - static_cast<std::uint64_t>(sample.timeS);
+  }
+  for (int second = 1; second <= 40; ++second) {
+    run.counters.push_back({static_cast<double>(second), "throttle", "cpu0", "events", 7.0 + second});
+  }
+  const std::string page = ReportPage({Reported(run, "one")});
+  const std::string text = ReportText({Reported(run, "one")});
+  for (const char* words : {"cpu: 100 % of the operations take less than a millisecond",
+                            "venc: the rate is still drifting at the end",
+                            "for debugging: its figures are not those of a release",
+                            "throttle: cpu0: throttled 39 times during the run"}) {
+    EXPECT_THAT(page, HasSubstr(words));
+    EXPECT_THAT(text, HasSubstr(words));
+  }
+}
+
 TEST(ReportText, HasTheFiguresOfEachEngineAndTheWarnings) {
   const std::string text = ReportText({Reported(made_run::Run(), "one")});
   EXPECT_THAT(

@@ -21,11 +21,11 @@ class RunFolderTest : public ::testing::Test {
     info.kind = "record";
     info.started = "2026-11-21T04:00:00Z";
     info.complete = true;
-    info.durationS = 41.5;
+    info.durationS = 4.5;
     info.exitStatus = 3;
     info.signal = 2;
     info.label = "four \"threads\"\n\xff";
-    info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}, {"venc", 10}}};
+    info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}, {"venc", 10}}, {{"AIC.File", "m.onnx"}}};
     info.conditions.cpuModel = "a CPU";
     info.conditions.cpuCount = 2;
     info.conditions.caches = {{1, "Data", 49152, 2}};
@@ -81,12 +81,13 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_TRUE(run.notes.empty()) << run.notes.front();
   EXPECT_EQ(run.info.kind, "record");
   EXPECT_TRUE(run.info.complete);
-  EXPECT_DOUBLE_EQ(run.info.durationS, 41.5);
+  EXPECT_DOUBLE_EQ(run.info.durationS, 4.5);
   EXPECT_EQ(run.info.exitStatus, 3);
   EXPECT_EQ(run.info.signal, 2);
   EXPECT_EQ(run.info.label, "four \"threads\"\n\xef\xbf\xbd");  // what is no text is replaced
   EXPECT_EQ(run.info.config.text, "CPU:\n  Level: 1\n");
   EXPECT_THAT(run.info.config.levels, ElementsAre(std::pair("cpu", 1), std::pair("venc", 10)));
+  EXPECT_THAT(run.info.config.settings, ElementsAre(std::pair("AIC.File", "m.onnx")));
   EXPECT_EQ(run.info.conditions.caches.at(0).bytes, 49152U);
   EXPECT_THAT(run.info.conditions.loadAverage, ElementsAre(0.5, 1, 2));
   EXPECT_EQ(run.info.counters.at(0).reason, "no driver");
@@ -101,6 +102,36 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   ASSERT_EQ(run.histogram.size(), 1U);
   EXPECT_EQ(run.histogram[0].highNs, 1008U);
   EXPECT_THAT(folder_.Get("a/run/samples.jsonl"), HasSubstr("\"bytes\":null"));
+}
+
+TEST_F(RunFolderTest, ReadsNamesThatTheMachineMade) {
+  const std::vector<std::string> names = {"zone0/cpu,gpu", "a \"b\", c", "\"", ",", "a\nb", "12\" rack", ""};
+  {
+    RunWriter writer(run_, false);
+    RunInfo info = SomeInfo();
+    info.conditions.meter = false;
+    writer.WriteInfo(info);
+    writer.Add(std::vector<Rate>());
+    for (const std::string& name : names)
+      writer.Add(std::vector<CounterValue>{{1, "thermal", name, "a,b", 2.5}});
+  }
+  const scope::Run run = ReadRun(run_);
+  ASSERT_EQ(run.counters.size(), names.size());
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    EXPECT_EQ(run.counters[i].name, names[i] == "a\nb" ? "a b" : names[i]);
+    EXPECT_EQ(run.counters[i].unit, "a,b");
+    EXPECT_DOUBLE_EQ(run.counters[i].value, 2.5);
+  }
+  EXPECT_THAT(folder_.Get("a/run/counters.csv"), HasSubstr("1.000,thermal,\"zone0/cpu,gpu\",\"a,b\",2.5\n"));
+}
+
+TEST_F(RunFolderTest, KeepsAbsurdRatesAsTheyAre) {
+  RunInfo info = SomeInfo();
+  info.conditions.meter = false;
+  RunWriter writer(run_, false);
+  writer.WriteInfo(info);
+  writer.Add(std::vector<Rate>{{1, "cpuStress", 1e300}});
+  EXPECT_DOUBLE_EQ(ReadRun(run_).rates.at(0).fps, 1e300);
 }
 
 TEST_F(RunFolderTest, RefusesAFolderWithSomethingInIt) {
@@ -140,6 +171,38 @@ TEST_F(RunFolderTest, AFullDiskIsSaidAndKeepsWhatIsThere) {
   EXPECT_EQ(ReadRunInfo(run_).kind, "record");
 }
 
+TEST_F(RunFolderTest, AFileThatIsReplacedStaysWhereTheDiskIsFull) {
+  RunWriter writer(run_, false);
+  writer.WriteInfo(SomeInfo());
+  writer.WriteHistogram({{"cpu", 0, 1000, 1008, 100}});
+  for (const char* name : {"run.json", "histogram.csv"}) {
+    const std::string before = folder_.Get(std::string("a/run/") + name);
+    const std::string next = run_ + "/" + name + ".new";
+    std::filesystem::create_symlink("/dev/full", next);
+    RunInfo info = SomeInfo();
+    info.label = "another";
+    try {
+      if (std::string(name) == "run.json") {
+        writer.WriteInfo(info);
+      } else {
+        writer.WriteHistogram({});
+      }
+      FAIL() << name << ": no error";
+    } catch (const RunFolderError& error) {
+      EXPECT_THAT(error.what(), HasSubstr("No space left on device"));
+    }
+    EXPECT_EQ(folder_.Get(std::string("a/run/") + name), before);
+    EXPECT_FALSE(std::filesystem::is_symlink(next)) << "nothing is left behind";
+  }
+}
+
+TEST_F(RunFolderTest, AFileThatCannotBeReadIsNotAnEmptyOne) {
+  WriteWhole(SomeInfo(), {SampleAt(1)});
+  std::filesystem::remove(run_ + "/samples.csv");
+  std::filesystem::create_directory(run_ + "/samples.csv");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv: Is a directory"));
+}
+
 TEST_F(RunFolderTest, ALineThatWasCutIsLeftOutAndNoted) {
   WriteWhole(SomeInfo(), {SampleAt(1), SampleAt(2)});
   const std::string whole = folder_.Get("a/run/samples.csv");
@@ -147,6 +210,13 @@ TEST_F(RunFolderTest, ALineThatWasCutIsLeftOutAndNoted) {
   const scope::Run run = ReadRun(run_);
   EXPECT_EQ(run.samples.size(), 1U);
   EXPECT_THAT(run.notes, ElementsAre("samples.csv: line 3 is cut and was left out"));
+}
+
+TEST_F(RunFolderTest, SamplesThatEndBeforeTheRunAreNoted) {
+  RunInfo info = SomeInfo();
+  info.durationS = 41.5;
+  WriteWhole(info, {SampleAt(19), SampleAt(20)});
+  EXPECT_THAT(ReadRun(run_).notes, ElementsAre("no sample after 20.000 s of 41.500 s"));
 }
 
 TEST_F(RunFolderTest, SecondsWithoutASampleAreNotedOnce) {

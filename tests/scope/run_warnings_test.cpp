@@ -36,6 +36,12 @@ TEST(RunWarnings, OperationsBelowAMillisecond) {
                                 HasSubstr("printed rate is not to be used"))));
 }
 
+TEST(RunWarnings, OperationsBelowAMillisecondOfARunWithoutAHistogram) {
+  scope::Run run = made_run::Run();
+  run.histogram.clear();
+  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("cpu: 100 % of the operations take less than")));
+}
+
 TEST(RunWarnings, BuildsForDebugging) {
   scope::Run run = QuietRun();
   for (const char* build : {"Debug", "RelWithDebInfo address,undefined", "Release thread"}) {
@@ -75,6 +81,30 @@ TEST(RunWarnings, FailuresAndAnEngineThatStopped) {
     if (sample.engine == "vpc") sample.operations = 0;
   }
   EXPECT_THAT(WarningsOf(run), ElementsAre("vpc: 3 operations failed", "vpc: not one operation succeeded"));
+}
+
+TEST(RunWarnings, AThreadThatStopped) {
+  scope::Run run = QuietRun();
+  std::vector<scope::Sample> second;
+  for (scope::Sample sample : run.samples) {
+    if (sample.engine != "vpc") continue;
+    sample.thread = 1;
+    if (sample.timeS > 20) sample.operations = 0;
+    second.push_back(sample);
+  }
+  run.samples.insert(run.samples.end(), second.begin(), second.end());
+  EXPECT_THAT(WarningsOf(run),
+              ::testing::Contains("vpc: 1 of 2 threads stopped, the first after 20 s of 41 s"));
+}
+
+TEST(RunWarnings, AnOperationThatTakesLongIsNoStop) {
+  scope::Run run = QuietRun();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine != "aic") continue;
+    sample.operations = static_cast<int>(sample.timeS) % 10 == 5 ? 1 : 0;  // the last one at 35 s of 41 s
+    sample.maxNs = sample.operations * 10'000'000'000;
+  }
+  EXPECT_THAT(WarningsOf(run), IsEmpty());
 }
 
 TEST(RunWarnings, RatesThatDrift) {

@@ -360,7 +360,7 @@ TEST_F(SweepTest, RefusesBadInputBeforeAnythingIsMade) {
   refused({"sweep", folder_.Put("bad.yaml", "CPU: [1"), "--levels", "CPU=1", "-o", Folder()}, "bad.yaml:");
   refused({"sweep", Config(), "--levels", "CPU=1", "--warmup", "37", "-o", Folder()},
           "runs of 40 s are too short for a warm-up of 37 s");
-  refused({"sweep", Config(), "--levels", "CPU=1", "--stop-after", "8", "-o", Folder()},
+  refused({"sweep", Config(), "--levels", "CPU=1", "--stop-after", "8", "--grace", "60", "-o", Folder()},
           "runs of 8 s are too short for a warm-up of 5 s");
   refused({"sweep", Config(), "--resume", Folder()}, "--resume");
   refused({"sweep", "--resume", Folder()}, "not a sweep");
@@ -460,11 +460,20 @@ TEST_F(SweepTest, OtherConditionsAmongTheRunsAreNoted) {
               ElementsAre("the runs were not all recorded under the same kernel: 6.1 or 6.6"));
 }
 
+TEST_F(SweepTest, AnEngineThatStopsEarlyIsNoted) {
+  const Sweep sweep = Recorded(ParseAxes({"CPU=1..2"}), {{5}, {8}});
+  SyntheticEngine stopping;
+  stopping.stopsAt = 20;
+  WriteRun(Folder() + "/run-0002", {stopping});
+  EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes,
+              ElementsAre("run-0002 (CPU=2): cpu: no operation after 20 s of 30 s"));
+}
+
 TEST_F(SweepTest, SweepsTheRealBenchmark) {
   if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config = folder_.Put("cpu.yaml", "logMode: 4\nlogLevel: 3\nCPU:\n  Level: 1\n");
   const ToolResult result =
-      RunTool({"sweep", config, "--levels", "CPU=0,1", "--warmup", "1", "--stop-after", "5", "-o", Folder()});
+      RunTool({"sweep", config, "--levels", "CPU=0,1", "--warmup", "1", "--stop-after", "8", "-o", Folder()});
   EXPECT_EQ(result.status, 0) << result.errors;
   const SweepTable table = ReadSweepTable(Folder(), ReadSweep(Folder()));
   ASSERT_EQ(table.points.size(), 2U);

@@ -17,7 +17,9 @@ struct SyntheticEngine {
   std::uint64_t p50Ns = 2'000'000;
   std::uint64_t p99Ns = 4'000'000;
   double fps = 450;
-  double riseAS = 0;  ///< operations that each second has more than the one before
+  int stopsAt = 0;          ///< second after which it does nothing; 0: it works to the end
+  int stoppingThreads = 0;  ///< so many of its threads alone; 0: all
+  double riseAS = 0;        ///< operations that each second has more than the one before
 };
 
 inline scope::RunInfo SyntheticInfo() {
@@ -27,7 +29,7 @@ inline scope::RunInfo SyntheticInfo() {
   info.started = "2026-11-21T04:00:00Z";
   info.complete = true;
   info.durationS = 30;
-  info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}}};
+  info.config = {"c.yaml", "CPU:\n  Level: 1\n", {{"cpu", 1}}, {{"runTimes", "40"}}};
   info.conditions.cpuModel = "a CPU";
   info.conditions.cpuCount = 2;
   info.conditions.caches = {{1, "Data", 49152, 2}};
@@ -69,7 +71,9 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
         sample.timeS = second;
         sample.engine = engine.engine;
         sample.thread = thread;
-        sample.operations = static_cast<std::uint64_t>(std::lround(rate * share));
+        const bool stops = engine.stopsAt != 0 && second > engine.stopsAt &&
+                           (engine.stoppingThreads == 0 || thread < engine.stoppingThreads);
+        sample.operations = stops ? 0 : static_cast<std::uint64_t>(std::lround(rate * share));
         sample.busyNs = sample.operations * engine.p50Ns;
         sample.bytes = sample.operations * engine.bytesPerOperation;
         if (sample.operations != 0) {
