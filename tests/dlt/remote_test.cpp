@@ -266,10 +266,22 @@ TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
   const Ending& ending = probe.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.output, "SIGPIPE default\n");
-  EXPECT_EQ(ToldLost(ending), 300U) << ending;
-  EXPECT_THAT(ending.error, HasSubstr("up to 300")) << "others may have written to the pipe";
+  const std::uint64_t lost = ToldLost(ending);
+  EXPECT_THAT(ending.error, HasSubstr("up to " + std::to_string(lost)))
+      << "others may have written to the pipe";
   daemon_.WaitFor(kUnregistered);
-  EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("before", "next", "after [up to 300 lost before]"));
+  // On a busy machine the forwarding thread has not come to all of the flood when the daemon dies, and sends
+  // the rest to the next one.
+  const std::vector<std::string> texts = Texts(daemon_.Received());
+  const auto late =
+      std::count_if(texts.begin(), texts.end(), testing::Matches(testing::StartsWith("flood ")));
+  EXPECT_GT(lost, 0U);
+  EXPECT_EQ(lost + static_cast<std::uint64_t>(late), 300U) << ending;
+  EXPECT_EQ(texts.size(), 3U + static_cast<std::size_t>(late));
+  EXPECT_THAT(texts, Contains("before"));
+  EXPECT_THAT(texts, Contains(testing::StartsWith("next")));
+  EXPECT_THAT(texts, Contains(testing::StartsWith("after")));
+  EXPECT_THAT(texts, Contains(HasSubstr(" [up to " + std::to_string(lost) + " lost before]")).Times(1));
 }
 
 // libdlt would take up to 10 s without a daemon. The least of several runs is without what a crowded machine
