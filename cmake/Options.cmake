@@ -17,9 +17,10 @@ endif()
 find_package(Threads REQUIRED)
 target_link_libraries(stress_options INTERFACE Threads::Threads)
 
-# STRESS_SANITIZE=address,undefined or thread.
+# STRESS_SANITIZE=address,undefined or thread. Their reports need lines, and no more of debug information.
 if(STRESS_SANITIZE)
-  target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all -g)
+  target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all
+                         -gline-tables-only)
   target_link_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE})
 endif()
 

@@ -10,28 +10,7 @@
 
 #include "log_record.h"
 #include "program.h"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define STRESS_ADDRESS_SANITIZER 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define STRESS_THREAD_SANITIZER 1
-#endif
-#endif
-#ifdef STRESS_ADDRESS_SANITIZER
-constexpr bool kAddressSanitized = true;
-#else
-constexpr bool kAddressSanitized = false;
-#endif
-/// ThreadSanitizer's signal() does not restart system calls; the system's does.
-#ifdef STRESS_THREAD_SANITIZER
-constexpr bool kThreadSanitized = true;
-#else
-constexpr bool kThreadSanitized = false;
-#endif
-/// A sanitizer takes address space and memory of its own: limits on them would hit it and not the program.
-constexpr bool kSanitized = kAddressSanitized || kThreadSanitized;
+#include "sanitizers.h"
 
 /// Tests of the real program in a directory of their own, which is its working directory. Exit statuses also
 /// tell of the sanitizers: what they find makes it another one, 1, 23 or 66, and no test expects those.

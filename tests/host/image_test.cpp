@@ -133,7 +133,7 @@ TEST_F(ImageTest, MallocRefusesARecordWithMemory) {
   EXPECT_EQ(image.data, data);
 }
 
-#ifndef HOST_TEST_SANITIZED
+#if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
 TEST_F(ImageTest, MallocWithoutMemoryAnswersACode) {
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);

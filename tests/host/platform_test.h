@@ -10,14 +10,9 @@
 #include <string>
 
 #include "ormis/ormis.h"
+#include "sanitizers.h"
 
 namespace Ormis::test {
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HOST_TEST_SANITIZED 1
-#endif
-#endif
 
 /// Collects what is written to standard error while it lives: before logging is started, every record.
 class CapturedStandardError {

@@ -28,6 +28,15 @@ std::string Reference(std::time_t seconds) {
   return text;
 }
 
+bool IsReference(std::time_t seconds) {
+  const UtcTime utc = ToUtc({seconds, 0});
+  std::tm fields{};
+  return gmtime_r(&seconds, &fields) != nullptr && utc.year == fields.tm_year + 1900 &&
+         static_cast<int>(utc.month) == fields.tm_mon + 1 && static_cast<int>(utc.day) == fields.tm_mday &&
+         static_cast<int>(utc.hour) == fields.tm_hour && static_cast<int>(utc.minute) == fields.tm_min &&
+         static_cast<int>(utc.second) == fields.tm_sec && utc.microsecond == 0;
+}
+
 TEST(UtcTime, KnowsTheEpochAndLeapDays) {
   EXPECT_EQ(Text(0), "1970-01-01 00:00:00.000000");
   EXPECT_EQ(Text(-1), "1969-12-31 23:59:59.000000");
@@ -52,9 +61,9 @@ TEST(UtcTime, AgreesWithTheCLibraryOnEveryDayOfAThousandYears) {
   // From 1500 to 2500: more than two whole cycles of the calendar, on both sides of the epoch.
   for (std::time_t day = -171663; day < 193582; ++day) {
     const std::time_t second = (day * 7919 % kDay + kDay) % kDay;
-    ASSERT_EQ(Text(day * kDay + second), Reference(day * kDay + second));
-    ASSERT_EQ(Text(day * kDay), Reference(day * kDay));
-    ASSERT_EQ(Text(day * kDay - 1), Reference(day * kDay - 1));
+    for (const std::time_t time : {day * kDay + second, day * kDay, day * kDay - 1}) {
+      ASSERT_TRUE(IsReference(time)) << Text(time) << " is not " << Reference(time);
+    }
   }
 }
 

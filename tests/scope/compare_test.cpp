@@ -12,7 +12,7 @@
 
 #include "run_summary.h"
 #include "run_tool.h"
-#include "sanitized.h"
+#include "sanitizers.h"
 #include "statistics.h"
 #include "synthetic_run.h"
 #include "temporary_folder.h"

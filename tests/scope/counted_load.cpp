@@ -23,12 +23,7 @@
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"
 #include "ormis/qet_venc.h"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SANITIZED
-#endif
-#endif
+#include "sanitizers.h"
 
 namespace {
 thread_local bool inCall = false;
@@ -47,7 +42,7 @@ extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t cl
   return 0;
 }
 
-#ifndef SANITIZED
+#if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's own
 extern "C" void* __libc_malloc(std::size_t size);
 

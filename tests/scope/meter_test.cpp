@@ -16,7 +16,7 @@
 
 #include "child_process.h"
 #include "meter_reader.h"
-#include "sanitized.h"
+#include "sanitizers.h"
 #include "temporary_folder.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "protocol.h"
 #include "run_folder.h"
 #include "run_tool.h"
-#include "sanitized.h"
+#include "sanitizers.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -55,7 +55,6 @@ class ProgramTest : public ::testing::Test {
 constexpr const char* kRateLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fps.";
 
 TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
-  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config =
       folder_.Put("all.yaml",
                   "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"

@@ -11,7 +11,6 @@
 
 #include "conditions.h"
 #include "run_tool.h"
-#include "sanitized.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
 #include "synthetic_run.h"
@@ -470,7 +469,6 @@ TEST_F(SweepTest, AnEngineThatStopsEarlyIsNoted) {
 }
 
 TEST_F(SweepTest, SweepsTheRealBenchmark) {
-  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config = folder_.Put("cpu.yaml", "logMode: 4\nlogLevel: 3\nCPU:\n  Level: 1\n");
   const ToolResult result =
       RunTool({"sweep", config, "--levels", "CPU=0,1", "--warmup", "1", "--stop-after", "8", "-o", Folder()});

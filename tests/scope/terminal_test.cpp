@@ -10,7 +10,6 @@
 
 #include "run_folder.h"
 #include "run_tool.h"
-#include "sanitized.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -51,7 +50,6 @@ bool Has(const std::string& text, const std::string& part) {
 }
 
 TEST_F(TerminalTest, ShowsATableInPlaceAndCtrlCCompletesTheRecording) {
-  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer finds the unlocked average and no names";
   const std::string config =
       folder_.Put("all.yaml",
                   "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
