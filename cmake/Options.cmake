@@ -14,6 +14,13 @@ if(STRESS_WERROR)
   target_compile_options(stress_options INTERFACE -Werror)
 endif()
 
+# compile_together(TARGET...): several sources as one if STRESS_UNITY asks for it, where headers take most of the time.
+function(compile_together)
+  if(STRESS_UNITY)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 6)
+  endif()
+endfunction()
+
 find_package(Threads REQUIRED)
 target_link_libraries(stress_options INTERFACE Threads::Threads)
 

@@ -86,7 +86,7 @@ class Pipe {
 };
 
 /// The environment, but for what would put a stranger's code into the process.
-std::vector<char*> Environment() {
+std::vector<char*> TrialEnvironment() {
   std::vector<char*> variables;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
     if (std::strncmp(*variable, "LD_PRELOAD=", 11) != 0) variables.push_back(*variable);
@@ -101,7 +101,7 @@ int Start(const std::string& path, int output, pid_t& child) {
   std::string program = ProgramPath();
   std::string argument = path;
   char* const arguments[] = {program.data(), argument.data(), nullptr};
-  std::vector<char*> environment = Environment();
+  std::vector<char*> environment = TrialEnvironment();
 
   posix_spawn_file_actions_t files;
   if (const int error = posix_spawn_file_actions_init(&files); error != 0) return error;

@@ -25,7 +25,6 @@ using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
 constexpr const char* kSettings = "config";
-constexpr double kDrift = 0.02;
 constexpr double kOnePercent = 0.01;
 // More than anybody records; the number would say that it is known well.
 constexpr int kManyRepeats = 9999;

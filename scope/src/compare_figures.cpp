@@ -8,7 +8,7 @@ namespace scope {
 namespace {
 
 // In the order in which they are listed.
-const std::vector<std::string> kEngines = {"cpu", "vpc", "venc", "aic", kAllEngines};
+const std::vector<std::string> kFigureOrder = {"cpu", "vpc", "venc", "aic", kAllEngines};
 constexpr double kNsPerUs = 1e3;
 
 using Values = std::map<FigureKey, std::vector<double>>;
@@ -59,7 +59,8 @@ const FigureKind& KindOf(Figure figure) {
 
 bool operator<(const FigureKey& left, const FigureKey& right) {
   const auto rank = [](const FigureKey& key) {
-    return std::tuple(std::find(kEngines.begin(), kEngines.end(), key.engine), key.engine, key.figure);
+    return std::tuple(std::find(kFigureOrder.begin(), kFigureOrder.end(), key.engine), key.engine,
+                      key.figure);
   };
   return rank(left) < rank(right);
 }

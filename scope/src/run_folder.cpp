@@ -39,12 +39,6 @@ constexpr const char* kHistogramHeader = "engine,thread,low_ns,high_ns,count";
 constexpr const char* kRatesHeader = "time_s,stress,fps";
 constexpr const char* kCountersHeader = "time_s,source,name,unit,value";
 
-// Has rows for the seconds alone in which it worked.
-constexpr const char* kSetUpEngine = "vpc_copy";
-
-// Seconds between two samples of a thread from which on the reader speaks of a gap.
-constexpr double kGapS = 1.75;
-
 std::string Seconds(double value) {
   std::array<char, 32> text{};
   (void)std::snprintf(text.data(), text.size(), "%.3f", value);
@@ -184,7 +178,7 @@ RunInfo FromJson(const Json& json) {
 
 // A name of the machine's own as a field: in quotes where it has a comma or a quote, as is usual for CSV.
 // A row is a line, so what would break it becomes a blank.
-std::string Field(std::string text) {
+std::string CsvField(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char letter) { return static_cast<unsigned char>(letter) < ' '; }, ' ');
   if (text.find_first_of(",\"") == std::string::npos) return text;
@@ -216,9 +210,9 @@ std::vector<std::string> Fields(const std::string& row) {
 }
 
 // One row of a table, with the words for what is wrong in it.
-class Row {
+class CsvRow {
  public:
-  Row(const std::string& path, std::size_t line, const std::string& text, const char* header)
+  CsvRow(const std::string& path, std::size_t line, const std::string& text, const char* header)
       : path_(path), line_(line), names_(Fields(header)), fields_(Fields(text)) {
     if (fields_.size() != names_.size()) {
       Fail("expected " + std::to_string(names_.size()) + " fields (" + header + "), found " +
@@ -294,7 +288,7 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     const std::string line = text->substr(from, end - from);
     from = end + 1;
     if (number > 1) {
-      add(Row(path, number, line, header));
+      add(CsvRow(path, number, line, header));
     } else if (line != header) {
       throw RunFolderError(path + ":1: expected the header \"" + header + "\", found \"" + line + "\"");
     }
@@ -380,7 +374,7 @@ Run ReadRun(const std::string& folder) {
                         (run.info.incompleteReason.empty() ? "" : ": " + run.info.incompleteReason));
   }
   const bool meter = run.info.conditions.meter;
-  ReadTable(run, kSamplesName, kSamplesHeader, meter, [&run](const Row& row) {
+  ReadTable(run, kSamplesName, kSamplesHeader, meter, [&run](const CsvRow& row) {
     Sample sample;
     sample.timeS = row.Real(0);
     sample.engine = row.Text(1);
@@ -394,12 +388,12 @@ Run ReadRun(const std::string& folder) {
     sample.maxNs = row.Count(9);
     run.samples.push_back(sample);
   });
-  ReadTable(run, kHistogramName, kHistogramHeader, meter, [&run](const Row& row) {
+  ReadTable(run, kHistogramName, kHistogramHeader, meter, [&run](const CsvRow& row) {
     run.histogram.push_back({row.Text(0), row.Index(1), row.Count(2), row.Count(3), row.Count(4)});
   });
   ReadTable(run, kRatesName, kRatesHeader, true,
-            [&run](const Row& row) { run.rates.push_back({row.Real(0), row.Text(1), row.Real(2)}); });
-  ReadTable(run, kCountersName, kCountersHeader, false, [&run](const Row& row) {
+            [&run](const CsvRow& row) { run.rates.push_back({row.Real(0), row.Text(1), row.Real(2)}); });
+  ReadTable(run, kCountersName, kCountersHeader, false, [&run](const CsvRow& row) {
     run.counters.push_back({row.Real(0), row.Text(1), row.Text(2), row.Text(3), row.Real(4)});
   });
   NoteGaps(run);
@@ -546,8 +540,8 @@ void RunWriter::Add(const std::vector<CounterValue>& counters) {
   if (counters.empty()) return;
   std::string csv;
   for (const CounterValue& counter : counters) {
-    csv += Seconds(counter.timeS) + ',' + counter.source + ',' + Field(counter.name) + ',' +
-           Field(counter.unit) + ',' + Number(counter.value) + '\n';
+    csv += Seconds(counter.timeS) + ',' + counter.source + ',' + CsvField(counter.name) + ',' +
+           CsvField(counter.unit) + ',' + Number(counter.value) + '\n';
   }
   Open(countersCsv_, kCountersName, kCountersHeader).Write(csv);
 }

@@ -15,6 +15,12 @@ namespace scope {
 
 constexpr int kRunFormat = 1;
 
+/// Has rows for the seconds alone in which it worked.
+constexpr const char* kSetUpEngine = "vpc_copy";
+
+/// Seconds between two samples of a thread from which on the reader speaks of a gap.
+constexpr double kGapS = 1.75;
+
 /// A run folder, or another input, that cannot be used or written; what() is a sentence for the user, with
 /// the file and the line where there is one.
 class RunFolderError : public std::runtime_error {

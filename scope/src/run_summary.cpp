@@ -10,15 +10,13 @@
 #include <utility>
 
 #include "statistics.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
 
-constexpr double kBytesPerGigabyte = 1e9;
 constexpr double kNsPerS = 1e9;
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
-constexpr double kGapS = 1.75;
-constexpr const char* kSetUpEngine = "vpc_copy";
 
 struct Load {
   const char* engine;
@@ -75,7 +73,7 @@ EngineSecond Add(const Rows& rows) {
   return second;
 }
 
-std::vector<EngineSecond> Seconds(const Rows& samples, const std::set<double>& ends) {
+std::vector<EngineSecond> SecondsOf(const Rows& samples, const std::set<double>& ends) {
   std::map<double, Rows> byTime;
   for (const Sample* sample : samples) byTime[sample->timeS].push_back(sample);
   std::vector<EngineSecond> seconds;
@@ -195,13 +193,13 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
 
   EngineSummary summary;
   summary.engine = engine;
-  summary.seconds = Seconds(samples, ends);
+  summary.seconds = SecondsOf(samples, ends);
   std::tie(summary.firstWhole, summary.endWhole) = WholeSeconds(summary.seconds);
   summary.work = SummariseWork(summary.seconds, summary.firstWhole, summary.endWhole, all);
   double busyRates = 0;
   int busyThreads = 0;
   for (const auto& [thread, rows] : byThread) {
-    const std::vector<EngineSecond> seconds = Seconds(rows, ends);
+    const std::vector<EngineSecond> seconds = SecondsOf(rows, ends);
     const auto [first, end] = WholeSeconds(seconds);
     ThreadSummary threadSummary{thread, SummariseWork(seconds, first, end, buckets[thread])};
     threadSummary.work.busyRate = BusyRate(rows);

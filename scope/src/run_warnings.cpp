@@ -13,7 +13,6 @@ namespace {
 
 // Of a CPU each: beyond it, somebody else's work is measured as well.
 constexpr double kBusyLoad = 0.25;
-constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;
 // Cut off, such operations count as no time at all, and the printed rate is of the others.
 constexpr double kShareBelowMillisecond = 0.01;

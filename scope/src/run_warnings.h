@@ -21,6 +21,9 @@ std::string EarlyEnd(const EngineSummary& engine, double endS);
 /// True where so many operations take less than a millisecond that the printed rate is not to be used.
 bool HasShortOperations(const EngineSummary& engine);
 
+/// From so much on a change over the last half of a run is worth a word.
+constexpr double kDrift = 0.02;
+
 /// How much a series of rates, the same time apart, still changes over its last half: the Theil-Sen slope
 /// times the half's length, as a share of its median. 0 where the Mann-Kendall test does not tell a trend
 /// from noise at the 1 % level, or fewer than kLeastForDrift values are in that half.

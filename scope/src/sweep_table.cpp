@@ -16,9 +16,7 @@ namespace scope {
 namespace {
 
 constexpr double kCloseShare = 0.05;
-constexpr double kDrift = 0.02;
 constexpr double kConfidence = 0.95;
-constexpr std::size_t kBarWidth = 40;
 const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
 
 int Threads(const SweepPoint& point) {

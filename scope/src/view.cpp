@@ -15,11 +15,9 @@
 namespace scope {
 namespace {
 
-constexpr double kNsPerS = 1e9;
 // The engines that are shown, in this order. vpc_copy is set-up.
-constexpr const char* kEngines[] = {"cpu", "vpc", "venc", "aic"};
+constexpr const char* kShownEngines[] = {"cpu", "vpc", "venc", "aic"};
 constexpr std::size_t kSparkWidth = 30;
-constexpr std::size_t kBarWidth = 40;
 
 std::string GigabytesPerS(const EngineFigures& figures) {
   return figures.gigabytesPerS ? Format("%.3f", *figures.gigabytesPerS) : "-";
@@ -28,7 +26,7 @@ std::string GigabytesPerS(const EngineFigures& figures) {
 template <typename Engines>
 std::vector<std::string> Ordered(const Engines& engines) {
   std::vector<std::string> names;
-  for (const char* name : kEngines) {
+  for (const char* name : kShownEngines) {
     if (engines.count(name) != 0) names.emplace_back(name);
   }
   return names;
@@ -160,7 +158,8 @@ void Figures::Add(const MeterSecond& second) {
   for (auto& [name, engine] : engines_) {
     if (spanS > 0) {
       engine.last.operationsPerS = static_cast<double>(operations[name]) / spanS;
-      if (engine.bytesKnown) engine.last.gigabytesPerS = static_cast<double>(bytes[name]) / spanS / kNsPerS;
+      if (engine.bytesKnown)
+        engine.last.gigabytesPerS = static_cast<double>(bytes[name]) / spanS / kBytesPerGigabyte;
     }
     engine.history.push_back(engine.last.operationsPerS);
     const auto latencies = second.latencies.find(name);

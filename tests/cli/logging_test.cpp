@@ -22,8 +22,6 @@ constexpr char kWarning[] =
 constexpr char kInitialized[] = "INFO Init() | QetInitialize success";
 constexpr char kStressName[] = "INFO Start() | stressName : cpuStress";
 constexpr char kStarted[] = "INFO runCpuStress() | CPU threadNum: 0 , memcpy Process start...";
-constexpr char kSignal[] =
-    "DEBUG SignalHandler() | ===== Signal Interactive attention received. signal: 2 stopFlag_: 1 =====";
 
 TEST_F(Logging, WithoutSettingsGoesToFileAndConsoleAtInfoLevel) {
   const Ending ending = RunWith("");

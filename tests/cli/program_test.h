@@ -53,6 +53,10 @@ std::map<std::string, std::string> Rates(const std::string& line);
 /// Fails the test for every line that is no rate line of exactly these stresses.
 void ExpectRateLines(const std::vector<std::string>& lines, const std::vector<std::string>& stresses);
 
+/// What the log says of a SIGINT.
+inline constexpr char kSignal[] =
+    "DEBUG SignalHandler() | ===== Signal Interactive attention received. signal: 2 stopFlag_: 1 =====";
+
 /// Ended by itself with that exit status.
 MATCHER_P(Exited, expected, "") {
   return !arg.hung && arg.status == expected;

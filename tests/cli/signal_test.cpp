@@ -13,9 +13,6 @@
 
 namespace {
 
-constexpr char kSignal[] =
-    "DEBUG SignalHandler() | ===== Signal Interactive attention received. signal: 2 stopFlag_: 1 =====";
-
 constexpr int kSigints = 300;
 
 class Signals : public ProgramTest {

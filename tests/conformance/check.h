@@ -37,6 +37,12 @@ struct Session {
   std::string note;  ///< what the reader of a passed check should know; empty: nothing
 };
 
+/// The model to work with; throws Skip without one.
+inline const std::string& ModelFile(const Session& session) {
+  if (session.settings.modelFile.empty()) throw Skip("no model: give one with --model FILE");
+  return session.settings.modelFile;
+}
+
 /// One contract of the platform.
 struct Check {
   const char* name;               ///< group and contract, "image.data-filled"

@@ -135,11 +135,6 @@ void ThreadRound() {
   });
 }
 
-const std::string& ModelFile(const Session& session) {
-  if (session.settings.modelFile.empty()) throw Skip("no model: give one with --model FILE");
-  return session.settings.modelFile;
-}
-
 void ContextMemory(Session& session) {
   const Platform platform;
   RequireSteadyMemory(session, 1, ContextRound);

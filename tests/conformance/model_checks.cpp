@@ -9,11 +9,6 @@ namespace conformance {
 
 namespace {
 
-const std::string& ModelFile(const Session& session) {
-  if (session.settings.modelFile.empty()) throw Skip("no model: give one with --model FILE");
-  return session.settings.modelFile;
-}
-
 void UnreadableFile(Session&) {
   const Device device;
   {

@@ -12,8 +12,6 @@
 namespace Ormis::test {
 namespace {
 
-constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
-
 class ImageTest : public PlatformTest {};
 
 /// Memory of this process's own, in bytes; pages that are only mapped to the shared zero page do not count.

@@ -14,6 +14,9 @@
 
 namespace Ormis::test {
 
+/// Every type that an image can have.
+constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
+
 /// Collects what is written to standard error while it lives: before logging is started, every record.
 class CapturedStandardError {
  public:

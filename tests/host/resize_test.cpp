@@ -17,8 +17,6 @@ extern "C" {
 namespace Ormis::test {
 namespace {
 
-constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
-
 struct Plane {
   std::uint32_t width, height, channels;
   std::size_t Bytes() const { return std::size_t{width} * height * channels; }

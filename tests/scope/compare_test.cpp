@@ -27,10 +27,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 
-ToolResult RunTool(std::vector<std::string> arguments) {
-  return RunProgram(STRESS_SCOPE, std::move(arguments));
-}
-
 class CompareTest : public ::testing::Test {
  protected:
   // A folder of repeats whose rates of copies are the given ones, and whose latencies follow from them.

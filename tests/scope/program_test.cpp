@@ -29,10 +29,6 @@ class ProgramTest : public ::testing::Test {
     return ProgramOptions(STRESS_SCOPE, std::move(arguments));
   }
 
-  static ToolResult RunTool(std::vector<std::string> arguments) {
-    return RunProgram(STRESS_SCOPE, std::move(arguments));
-  }
-
   std::string Script(const std::string& body) const {
     const std::string path = folder_.Put("benchmark", "#!/bin/sh\n" + body + "\n");
     (void)chmod(path.c_str(), 0755);

@@ -48,3 +48,8 @@ inline ToolResult RunProgram(const std::string& program, std::vector<std::string
   scope::ChildProcess child(ProgramOptions(program, std::move(arguments)));
   return WaitFor(child);
 }
+
+/// The scope's program.
+inline ToolResult RunTool(std::vector<std::string> arguments) {
+  return RunProgram(STRESS_SCOPE, std::move(arguments));
+}

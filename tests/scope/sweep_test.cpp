@@ -25,10 +25,6 @@ using ::testing::Not;
 using ::testing::Pair;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 
-ToolResult RunTool(std::vector<std::string> arguments) {
-  return RunProgram(STRESS_SCOPE, std::move(arguments));
-}
-
 template <typename Call>
 std::string ErrorOf(Call call) {
   try {

@@ -184,13 +184,13 @@ TEST_F(VencStressTest, FailedDestroyContextLogsTheFixedTextWithoutAStatusAndYiel
               ElementsAre("VencProcess() | [AicoreStress] AICoreStressNode QetDestroyContext failed."));
 }
 
-struct Fault {
+struct VencFault {
   const char* operation;
   const char* text;
   std::vector<std::string> calls;
 };
 
-class VencSetUpFaultTest : public VencStressTest, public testing::WithParamInterface<Fault> {};
+class VencSetUpFaultTest : public VencStressTest, public testing::WithParamInterface<VencFault> {};
 
 TEST_P(VencSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToSendFrame) {
   fakePlatform::Fail(GetParam().operation, 1, 77);
@@ -215,16 +215,16 @@ TEST_P(VencSetUpFaultTest, ReturnsTen) {
 
 INSTANTIATE_TEST_SUITE_P(
     All, VencSetUpFaultTest,
-    testing::Values(Fault{"QetCreateContext", "QetCreateContext fail", {"QetCreateContext"}},
-                    Fault{"QetSetCurrentContext",
-                          "QetSetCurrentContext fail",
-                          {"QetCreateContext", "QetSetCurrentContext"}},
-                    Fault{"QetVenc::Init",
-                          "venc init fail",
-                          {"QetCreateContext", "QetSetCurrentContext", "QetVenc::Init"}}),
-    [](const testing::TestParamInfo<Fault>& info) { return "Fault" + std::to_string(info.index); });
+    testing::Values(VencFault{"QetCreateContext", "QetCreateContext fail", {"QetCreateContext"}},
+                    VencFault{"QetSetCurrentContext",
+                              "QetSetCurrentContext fail",
+                              {"QetCreateContext", "QetSetCurrentContext"}},
+                    VencFault{"QetVenc::Init",
+                              "venc init fail",
+                              {"QetCreateContext", "QetSetCurrentContext", "QetVenc::Init"}}),
+    [](const testing::TestParamInfo<VencFault>& info) { return "Fault" + std::to_string(info.index); });
 
-class VencLoopFaultTest : public VencStressTest, public testing::WithParamInterface<Fault> {};
+class VencLoopFaultTest : public VencStressTest, public testing::WithParamInterface<VencFault> {};
 
 TEST_P(VencLoopFaultTest, DestroysTheEncoderAndLeavesTheContext) {
   fakePlatform::Fail(GetParam().operation, 2, 77);
@@ -243,11 +243,11 @@ TEST_P(VencLoopFaultTest, DestroysTheEncoderAndLeavesTheContext) {
 INSTANTIATE_TEST_SUITE_P(
     All, VencLoopFaultTest,
     testing::Values(
-        Fault{"QetVenc::SendFrame", "venc SendFrame fail", {"QetVenc::SendFrame"}},
-        Fault{"QetVenc::GetStream", "venc GetStream fail", {"QetVenc::SendFrame", "QetVenc::GetStream"}},
-        Fault{"QetVenc::ReleaseStream",
-              "venc ReleaseStream fail",
-              {"QetVenc::SendFrame", "QetVenc::GetStream", "QetVenc::ReleaseStream"}}),
-    [](const testing::TestParamInfo<Fault>& info) { return "Fault" + std::to_string(info.index); });
+        VencFault{"QetVenc::SendFrame", "venc SendFrame fail", {"QetVenc::SendFrame"}},
+        VencFault{"QetVenc::GetStream", "venc GetStream fail", {"QetVenc::SendFrame", "QetVenc::GetStream"}},
+        VencFault{"QetVenc::ReleaseStream",
+                  "venc ReleaseStream fail",
+                  {"QetVenc::SendFrame", "QetVenc::GetStream", "QetVenc::ReleaseStream"}}),
+    [](const testing::TestParamInfo<VencFault>& info) { return "Fault" + std::to_string(info.index); });
 
 }  // namespace

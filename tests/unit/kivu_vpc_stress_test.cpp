@@ -150,7 +150,7 @@ TEST_F(VpcStressTest, StopFlagSetAfterSetUpGoesStraightToTheTearDown) {
             Then(kSetUp, {"QetImageDestroy", "QetImageDestroy", "QetDestroyChannel", "QetDestroyContext"}));
 }
 
-struct Fault {
+struct VpcFault {
   const char* operation;
   int nth;
   const char* function;
@@ -158,7 +158,7 @@ struct Fault {
   std::vector<std::string> calls;  // all calls of the worker, when the first resize fails as well
 };
 
-class VpcSetUpFaultTest : public VpcStressTest, public testing::WithParamInterface<Fault> {};
+class VpcSetUpFaultTest : public VpcStressTest, public testing::WithParamInterface<VpcFault> {};
 
 TEST_P(VpcSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToItsFirstResize) {
   fakePlatform::Fail(GetParam().operation, GetParam().nth, 77);
@@ -189,28 +189,28 @@ const std::vector<std::string> kPrepareAndResize = {"QetImageMallocAligned", "Qe
 
 INSTANTIATE_TEST_SUITE_P(
     All, VpcSetUpFaultTest,
-    testing::Values(Fault{"QetCreateContext", 1, "VpcInit", "QetCreateContext fail",
-                          Then({"QetCreateContext"}, kPrepareAndResize)},
-                    Fault{"QetSetCurrentContext", 1, "VpcInit", "QetSetCurrentContext fail",
-                          Then({"QetCreateContext", "QetSetCurrentContext"}, kPrepareAndResize)},
-                    Fault{"QetCreateChannel", 1, "VpcInit", "QetCreateChannel fail",
-                          Then({"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel"},
-                               kPrepareAndResize)},
-                    Fault{"QetImageMallocAligned",
-                          1,
-                          "VpcPerpare",
-                          "QetImageMallocAligned fail",
-                          {"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel",
-                           "QetImageMallocAligned", "QetImageResize"}},
-                    Fault{"QetMemcpyToKivu",
-                          1,
-                          "VpcPerpare",
-                          "QetMemcpyToKivu fail",
-                          {"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel",
-                           "QetImageMallocAligned", "QetMemcpyToKivu", "QetImageResize"}},
-                    Fault{"QetImageMallocAligned", 2, "VpcPerpare", "QetImageMallocAligned fail",
-                          Then(kSetUp, {"QetImageResize"})}),
-    [](const testing::TestParamInfo<Fault>& info) {
+    testing::Values(VpcFault{"QetCreateContext", 1, "VpcInit", "QetCreateContext fail",
+                             Then({"QetCreateContext"}, kPrepareAndResize)},
+                    VpcFault{"QetSetCurrentContext", 1, "VpcInit", "QetSetCurrentContext fail",
+                             Then({"QetCreateContext", "QetSetCurrentContext"}, kPrepareAndResize)},
+                    VpcFault{"QetCreateChannel", 1, "VpcInit", "QetCreateChannel fail",
+                             Then({"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel"},
+                                  kPrepareAndResize)},
+                    VpcFault{"QetImageMallocAligned",
+                             1,
+                             "VpcPerpare",
+                             "QetImageMallocAligned fail",
+                             {"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel",
+                              "QetImageMallocAligned", "QetImageResize"}},
+                    VpcFault{"QetMemcpyToKivu",
+                             1,
+                             "VpcPerpare",
+                             "QetMemcpyToKivu fail",
+                             {"QetCreateContext", "QetSetCurrentContext", "QetCreateChannel",
+                              "QetImageMallocAligned", "QetMemcpyToKivu", "QetImageResize"}},
+                    VpcFault{"QetImageMallocAligned", 2, "VpcPerpare", "QetImageMallocAligned fail",
+                             Then(kSetUp, {"QetImageResize"})}),
+    [](const testing::TestParamInfo<VpcFault>& info) {
       return std::string(info.param.operation) + std::to_string(info.param.nth);
     });
 

@@ -27,11 +27,12 @@ class RegistryTest : public UnitTest {
   VirtualClock clock_;
 };
 
-using Launcher = void (*)(std::unique_ptr<vorn::StressRegister>&, std::vector<std::thread>&, volatile int&);
+using LauncherFunction = void (*)(std::unique_ptr<vorn::StressRegister>&, std::vector<std::thread>&,
+                                  volatile int&);
 
 TEST_F(RegistryTest, HoldsTheFourLaunchers) {
   ASSERT_EQ(stressRegistry.size(), 4U);
-  const auto target = [](const char* name) { return *stressRegistry.at(name).target<Launcher>(); };
+  const auto target = [](const char* name) { return *stressRegistry.at(name).target<LauncherFunction>(); };
   EXPECT_EQ(target("kivuVpcStress"), &runVpcStress);
   EXPECT_EQ(target("kivuVencStress"), &runVencStress);
   EXPECT_EQ(target("aicStress"), &runAicStress);
