@@ -11,10 +11,10 @@ namespace scope {
 constexpr unsigned kSubBucketBits = 7;
 constexpr unsigned kSubBuckets = 1U << kSubBucketBits;
 constexpr unsigned kTopBit = 40;
-constexpr std::size_t kBucketCount = (kTopBit - kSubBucketBits + 2) * kSubBuckets;
+constexpr std::size_t kBucketCount = std::size_t{kTopBit - kSubBucketBits + 2} * kSubBuckets;
 
 constexpr std::size_t BucketOf(std::uint64_t ns) {
-  if (ns < 2 * kSubBuckets) return static_cast<std::size_t>(ns);
+  if (ns < 2 * std::uint64_t{kSubBuckets}) return static_cast<std::size_t>(ns);
   const auto topBit = static_cast<unsigned>(63 - __builtin_clzll(ns));
   if (topBit > kTopBit) return kBucketCount - 1;
   const unsigned shift = topBit - kSubBucketBits;

@@ -35,7 +35,7 @@ TEST_P(CopyTest, CopiesEveryByteAndNoOther) {
   constexpr std::size_t kLargest = 70'000;
   constexpr std::uint8_t kGuard = 0xa5;
   const std::vector<std::uint8_t> source = Pattern(kLargest + kMargin);
-  // Around a vector, a cache line, a page, and the pages that are copied side by side.
+  // Around a vector, a cache line, a page, and several of them.
   for (const std::size_t bytes :
        {0UL,    1UL,    15UL,   16UL,    31UL,    63UL,    64UL,    65UL,    127UL,   128UL,   129UL,   191UL,
         4095UL, 4096UL, 4160UL, 16383UL, 16384UL, 16385UL, 16448UL, 16511UL, 32768UL, 32831UL, kLargest}) {
