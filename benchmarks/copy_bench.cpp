@@ -1,5 +1,6 @@
 /// How fast copies move memory: memcpy_s beside the ways to copy that it chooses from and a loop by the rules
-/// of the STREAM benchmark's copy. usage: copy_bench [ROUNDS [SECONDS]]
+/// of the STREAM benchmark's copy. usage: copy_bench [ROUNDS [SECONDS]], or copy_bench own|far THREADS
+/// SECONDS, which prints the one figure of memcpy_s, to be taken in turns with other programs.
 ///
 /// Every thread copies a buffer of the CPU stress's size into another, over and over. Once its own two, as
 /// the CPU stress does: large caches hold them. Once through so many pairs that no cache holds them: what is
@@ -88,6 +89,15 @@ double Rate(const CopyRoutine& routine, const std::vector<std::vector<Pair>>& pa
   return static_cast<double>(copies) * 2.0 * static_cast<double>(kCopyBytes) / took / 1e9;
 }
 
+/// Buffers of all threads: each thread's own two, or so many that no cache holds them.
+std::vector<std::vector<Pair>> MakePairsOf(std::size_t threads, bool far) {
+  const std::size_t pairsAThread =
+      far ? std::max(std::size_t{2}, kFarBytes / (2 * kCopyBytes) / threads) : std::size_t{1};
+  std::vector<std::vector<Pair>> pairs;
+  for (std::size_t i = 0; i < threads; ++i) pairs.push_back(MakePairs(pairsAThread));
+  return pairs;
+}
+
 double Median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
@@ -97,6 +107,16 @@ double Median(std::vector<double> values) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string buffers = argc == 4 ? argv[1] : "";
+  if (buffers == "own" || buffers == "far") {
+    const long threads = std::strtol(argv[2], nullptr, 10);
+    const double seconds = std::strtod(argv[3], nullptr);
+    Require(threads > 0 && threads <= 1000 && seconds > 0.0, "reading the arguments own|far THREADS SECONDS");
+    const auto pairs = MakePairsOf(static_cast<std::size_t>(threads), buffers == "far");
+    (void)Rate({"memcpy_s", CopyChecked}, pairs, seconds / 10);  // warms up
+    (void)std::printf("%.1f\n", Rate({"memcpy_s", CopyChecked}, pairs, seconds));
+    return 0;
+  }
   const int rounds = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 7;
   const double seconds = argc > 2 ? std::strtod(argv[2], nullptr) : 0.5;
   Require(rounds > 0 && seconds > 0.0 && argc <= 3, "reading the arguments [ROUNDS [SECONDS]]");
@@ -111,10 +131,7 @@ int main(int argc, char** argv) {
 
   for (const bool far : {false, true}) {
     for (const std::size_t threads : {1U, 2U, 4U, 10U}) {
-      const std::size_t pairsAThread =
-          far ? std::max(std::size_t{2}, kFarBytes / (2 * kCopyBytes) / threads) : std::size_t{1};
-      std::vector<std::vector<Pair>> pairs;
-      for (std::size_t i = 0; i < threads; ++i) pairs.push_back(MakePairs(pairsAThread));
+      const auto pairs = MakePairsOf(threads, far);
       std::vector<std::vector<double>> rates(routines.size());
       for (int round = -1; round < rounds; ++round) {  // the first one warms up
         for (std::size_t i = 0; i < routines.size(); ++i) {
