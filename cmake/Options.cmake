@@ -14,10 +14,10 @@ if(STRESS_WERROR)
   target_compile_options(stress_options INTERFACE -Werror)
 endif()
 
-# compile_together(TARGET...): several sources as one if STRESS_UNITY asks for it, where headers take most of the time.
-function(compile_together)
+# compile_together(TARGET SOURCES): so many sources as one if STRESS_UNITY asks for it, where headers take most of the time.
+function(compile_together target sources)
   if(STRESS_UNITY)
-    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 6)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${sources})
   endif()
 endfunction()
 
