@@ -62,8 +62,7 @@ class Load : public ProgramTest {
 };
 
 TEST_F(Load, EveryStressAtLevel1WorksAndStops) {
-  if (kThreadSanitized)
-    GTEST_SKIP() << "of the same threads there are more at level 10, and it takes a minute";
+  if (kSanitized) GTEST_SKIP() << "of the same threads there are more at level 10, and it takes a minute";
   RunEveryStress(1);
 }
 

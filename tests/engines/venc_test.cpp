@@ -11,6 +11,7 @@
 
 #include "engine_test.h"
 #include "h264_decoder.h"
+#include "sanitizers.h"
 
 namespace {
 
@@ -161,6 +162,7 @@ TEST_F(VencTest, EachFrameInGivesOnePacketOut) {
 }
 
 TEST_F(VencTest, MovingPictureDecodesAbove30DecibelsAtTheConfiguredRate) {
+  if (kThreadSanitized) GTEST_SKIP() << "one thread, which draws and compares";
   constexpr int kFrames = 120;  // four seconds
   const auto venc = MakeEncoder();
   ASSERT_EQ(venc->Init(), Ormis::kQetOk);
