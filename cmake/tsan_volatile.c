@@ -1,6 +1,6 @@
 /* The thread sanitizer's hooks for volatile accesses, which do nothing: the stop flag is a plain volatile int
- * that is read and written without lock or atomic operation, and that is required. It is the only volatile
- * object of the project, so nothing else escapes the sanitizer. */
+ * that is read and written without lock or atomic operation, and that is required. Besides it nothing
+ * volatile is shared but a flag that signal handlers set, so little else escapes the sanitizer. */
 
 #define HOOK(name)           \
   void name(void* address);  \

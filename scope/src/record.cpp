@@ -448,7 +448,7 @@ void AddRecord(CLI::App& app, int& status) {
                       "Program to run (default: stress_benchmark beside this one)");
   command->add_option("--meter", options->meter,
                       "Meter to preload (default: libstress_scope.so of this build)");
-  command->add_flag("--no-meter", *noMeter, "Record rate lines and conditions alone");
+  command->add_flag("--no-meter", *noMeter, "Record rate lines, counters and conditions alone");
   command->add_option("--label", options->label, "Words to keep with the run");
   command->add_flag("--quiet", *quiet, "Show nothing while it runs");
   command->add_option("--sysfs-root", options->systemRoot, "Folder that has sys and proc (default: /)");

@@ -13,7 +13,7 @@ struct RecordOptions {
   bool force = false;     ///< replace a run that is in the folder
   std::string benchmark;  ///< program; empty: stress_benchmark beside this program
   std::string meter;      ///< library; empty: libstress_scope.so in the lib folder beside this program's
-  bool useMeter = true;   ///< false: rate lines and conditions alone
+  bool useMeter = true;   ///< false: rate lines, counters and conditions alone
   std::string label;
   std::vector<std::string> extra;  ///< further arguments of the benchmark
   bool live = true;                ///< false: nothing on standard output but the last lines

@@ -261,7 +261,8 @@ void AddSweep(CLI::App& app, int& status) {
   add("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)");
   add("--benchmark", settings.benchmark, "Program to run (default: stress_benchmark beside this one)");
   add("--meter", settings.meter, "Meter to preload (default: libstress_scope.so of this build)");
-  command->add_flag("--no-meter", *noMeter, "Record rate lines and conditions alone")->excludes(resume);
+  command->add_flag("--no-meter", *noMeter, "Record rate lines, counters and conditions alone")
+      ->excludes(resume);
   add("--sysfs-root", settings.systemRoot, "Folder that has sys and proc (default: /)");
   add("--grace", settings.graceS, "Seconds without a sign of life after the run time that count as hung")
       ->check(CLI::Range(1.0, 3600.0))

@@ -23,7 +23,7 @@ void RandomCvImg(std::uint32_t width, std::int32_t height, std::uint32_t imageTy
     size = static_cast<std::int32_t>(pixels * 3) / 2;
   } else if (imageType == 10 || imageType == 11) {
     if (oddWidth) fault = "For yuv422sp or yvu422sp image, width should be even number";
-    size = static_cast<std::int32_t>(pixels * 3);  // a third more than the layout needs, on purpose
+    size = static_cast<std::int32_t>(pixels * 3);  // half as much again as the layout needs, on purpose
   } else {
     fault = "Unsported image type";
   }
