@@ -305,7 +305,10 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   state->session.reset(session);
 #ifdef __GLIBC__
   // What loading took for a while and freed, more than the weights: the C library would keep it with this
-  // thread.
+  // thread. One thread at a time: where another allocator stands in front of the C library's (a preloaded
+  // one, a sanitizer's), the first call of all sets the C library's up, and two at once leave it broken.
+  static std::mutex trimming;
+  const std::lock_guard<std::mutex> lock(trimming);
   (void)malloc_trim(0);
 #endif
 
