@@ -2,8 +2,10 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <tuple>
@@ -61,19 +64,29 @@ class Pipe {
   bool Ok() const { return ends_[0] >= 0; }
   int WriteEnd() const { return ends_[1]; }
 
-  /// All that is written until nobody can write any more.
-  std::string ReadAll() {
+  /// All that `writer` writes until it has ended. That nobody can write any more does not tell: a process
+  /// that another thread forked meanwhile can, as long as it lives.
+  std::string ReadAll(pid_t writer) {
     CloseEnd(1);
+    // Where the kernel is too old for it, the end of the pipe has to do.
+    const int ended = static_cast<int>(syscall(SYS_pidfd_open, writer, 0));
+    const bool isGone = ended < 0 && errno == ESRCH;  // the application ignores SIGCHLD
+    pollfd events[] = {{ends_[0], POLLIN, 0}, {ended, POLLIN, 0}};
     std::string text;
     char part[512];
     for (;;) {
       // One trial at a time: the callers' lock is held meanwhile, on purpose.
       // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection)
+      if (poll(events, std::size(events), isGone ? 0 : -1) < 0 && errno == EINTR) continue;
+      if (events[0].revents == 0) break;  // all that an ended process has written is there
+      // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection)
       const ssize_t size = read(ends_[0], part, sizeof part);
       if (size < 0 && errno == EINTR) continue;
-      if (size <= 0) return text;
+      if (size <= 0) break;
       text.append(part, static_cast<std::size_t>(size));
     }
+    if (ended >= 0) (void)close(ended);
+    return text;
   }
 
  private:
@@ -184,7 +197,7 @@ TrialResult TryModel(const std::string& path) {
     WarnOnce(error);
     return {};
   }
-  const std::string said = pipe.ReadAll();
+  const std::string said = pipe.ReadAll(child);
   const std::string end = EndOf(child);
 
   TrialResult result;
