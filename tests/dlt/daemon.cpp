@@ -1,6 +1,8 @@
 #include "daemon.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -114,6 +116,14 @@ void DltDaemon::KillUnderTheReceiver() {
 void DltDaemon::Kill() {
   receiver_.reset();
   daemon_.reset();
+}
+
+int DltDaemon::UnreadBytes() const {
+  const int pipe = open((folder_ / "dlt").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  int bytes = 0;
+  EXPECT_EQ(ioctl(pipe, FIONREAD, &bytes), 0);
+  (void)close(pipe);
+  return bytes;
 }
 
 std::string DltDaemon::Raw() const {

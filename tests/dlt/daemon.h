@@ -36,6 +36,8 @@ class DltDaemon {
   /// Ends both, whatever state they are in; what has been received stays.
   void Kill();
 
+  /// What has been written to the pipe and not yet been read.
+  int UnreadBytes() const;
   /// What has been received so far, in this order, of one application.
   std::vector<DltMessage> Received(const std::string& application = "STBM") const;
   /// The receiver's file as it is.

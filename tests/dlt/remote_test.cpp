@@ -239,6 +239,8 @@ TEST_F(Dlt, WhatADyingDaemonHasNotReadIsCounted) {
   daemon_.Signal(SIGSTOP);
   Release("stopped");
   WaitForFile("flooded");
+  // The forwarding thread comes to the flood when it may.
+  WaitUntil([&] { return daemon_.UnreadBytes() > 0; }, "a record in the pipe");
   daemon_.Kill();
   Release("killed");
   const Ending& ending = probe.Wait();
@@ -258,6 +260,7 @@ TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
   daemon_.Signal(SIGSTOP);
   Release("stopped");
   WaitForFile("flooded");
+  WaitUntil([&] { return daemon_.UnreadBytes() > 0; }, "a record in the pipe");
   daemon_.Kill();
   Release("killed");
   daemon_.Start();
