@@ -50,7 +50,7 @@ class Load : public ProgramTest {
     const double stopSeconds = ending.seconds - interrupted;
     RecordProperty("stopSeconds", std::to_string(stopSeconds));
     std::cout << "stopped " << stopSeconds << " s after SIGINT\n";
-    EXPECT_LT(stopSeconds, 10.0) << "2 on an idle machine";
+    EXPECT_LT(stopSeconds, 60.0) << "2 on an idle machine";
 
     ExpectRateLines(ending.OutputLines(), {"kivuVpcStress", "kivuVencStress", "cpuStress", "aicStress"});
     const std::vector<std::string> texts = Texts(LogFile(), "");
