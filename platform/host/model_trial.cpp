@@ -55,8 +55,9 @@ class Pipe {
     if (pipe2(ends_, O_CLOEXEC) != 0) ends_[0] = ends_[1] = -1;
   }
   ~Pipe() {
-    CloseEnd(0);
-    CloseEnd(1);
+    Close(ends_[0]);
+    Close(ends_[1]);
+    Close(ended_);
   }
   Pipe(const Pipe&) = delete;
   Pipe& operator=(const Pipe&) = delete;
@@ -67,35 +68,34 @@ class Pipe {
   /// All that `writer` writes until it has ended. That nobody can write any more does not tell: a process
   /// that another thread forked meanwhile can, as long as it lives.
   std::string ReadAll(pid_t writer) {
-    CloseEnd(1);
+    Close(ends_[1]);
     // Where the kernel is too old for it, the end of the pipe has to do.
-    const int ended = static_cast<int>(syscall(SYS_pidfd_open, writer, 0));
-    const bool isGone = ended < 0 && errno == ESRCH;  // the application ignores SIGCHLD
-    pollfd events[] = {{ends_[0], POLLIN, 0}, {ended, POLLIN, 0}};
+    ended_ = static_cast<int>(syscall(SYS_pidfd_open, writer, 0));
+    const bool isGone = ended_ < 0 && errno == ESRCH;  // the application ignores SIGCHLD
+    pollfd events[] = {{ends_[0], POLLIN, 0}, {ended_, POLLIN, 0}};
     std::string text;
     char part[512];
     for (;;) {
       // One trial at a time: the callers' lock is held meanwhile, on purpose.
-      // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection)
+      // NOLINTBEGIN(clang-analyzer-unix.BlockInCriticalSection)
       if (poll(events, std::size(events), isGone ? 0 : -1) < 0 && errno == EINTR) continue;
-      if (events[0].revents == 0) break;  // all that an ended process has written is there
-      // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection)
+      if (events[0].revents == 0) return text;  // all that an ended process has written is there
       const ssize_t size = read(ends_[0], part, sizeof part);
+      // NOLINTEND(clang-analyzer-unix.BlockInCriticalSection)
       if (size < 0 && errno == EINTR) continue;
-      if (size <= 0) break;
+      if (size <= 0) return text;
       text.append(part, static_cast<std::size_t>(size));
     }
-    if (ended >= 0) (void)close(ended);
-    return text;
   }
 
  private:
-  void CloseEnd(int end) {
-    if (ends_[end] >= 0) (void)close(ends_[end]);
-    ends_[end] = -1;
+  static void Close(int& descriptor) {
+    if (descriptor >= 0) (void)close(descriptor);
+    descriptor = -1;
   }
 
   int ends_[2] = {-1, -1};
+  int ended_ = -1;  ///< readable when the writer has ended
 };
 
 /// The environment, but for what would put a stranger's code into the process.
