@@ -106,7 +106,6 @@ std::int32_t QetRelease(QetContext& context) {
         {"context", {host::contexts.TakeAll().size(), 0}},
     };
     host::initialized = false;
-    host::processContextId = 0;
     context = QetContext{};
     // All is done: what is said about it must not turn it into a failure.
     try {

@@ -81,24 +81,24 @@ std::int32_t DescribeImage(const char* operation, const ImageData& record, Image
   switch (record.imageType) {
     case kQetImageRgb888:
     case kQetImageBgr888:
-      planes = {1, {{width, height, 3}, {}}, 0};
+      planes = {1, {{width, height, 3}}};
       break;
     case kQetImageYuv420sp:
     case kQetImageYvu420sp:
-      planes = {2, {{width, height, 1}, {width / 2, height / 2, 2}}, 0};
+      planes = {2, {{width, height, 1}, {width / 2, height / 2, 2}}};
       widthStep = 2;
       heightStep = 2;
       break;
     case kQetImageYuv422sp:
     case kQetImageYvu422sp:
-      planes = {2, {{width, height, 1}, {width / 2, height, 2}}, 0};
+      planes = {2, {{width, height, 1}, {width / 2, height, 2}}};
       widthStep = 2;
       break;
     case kQetImageArgb8888:
     case kQetImageAbgr8888:
     case kQetImageRgba8888:
     case kQetImageBgra8888:
-      planes = {1, {{width, height, 4}, {}}, 0};
+      planes = {1, {{width, height, 4}}};
       break;
     default:
       return QET_FAIL(operation, kQetUnsupported,

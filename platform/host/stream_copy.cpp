@@ -1,5 +1,6 @@
 #include "stream_copy.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -29,11 +30,8 @@ template <typename Vector>
 [[gnu::always_inline]] inline void CopyLines(void* destination, const void* source, std::size_t bytes) {
   auto* to = static_cast<unsigned char*>(destination);
   const auto* from = static_cast<const unsigned char*>(source);
-  const std::size_t head = (kLineBytes - reinterpret_cast<std::uintptr_t>(to) % kLineBytes) % kLineBytes;
-  if (bytes < head + kLineBytes) {
-    std::memcpy(to, from, bytes);
-    return;
-  }
+  const std::size_t toLine = (kLineBytes - reinterpret_cast<std::uintptr_t>(to) % kLineBytes) % kLineBytes;
+  const std::size_t head = std::min(toLine, bytes);
   std::memcpy(to, from, head);
   to += head;
   from += head;
@@ -105,9 +103,12 @@ const CopyRoutineList& CopyRoutines() {
   return routines;
 }
 
+const CopyRoutine& RoutineFor(std::size_t bytes) {
+  return bytes < kStreamFromBytes ? CopyRoutines().front() : CopyRoutines().back();
+}
+
 void CopyToMemory(void* destination, const void* source, std::size_t bytes) {
-  const CopyRoutine& routine = bytes < kStreamFromBytes ? CopyRoutines().front() : CopyRoutines().back();
-  routine.copy(destination, source, bytes);
+  RoutineFor(bytes).copy(destination, source, bytes);
 }
 
 }  // namespace Ormis::host

@@ -35,8 +35,10 @@ const CopyRoutineList& CopyRoutines();
 /// from the cache, and a streamed one would have to come back from memory.
 constexpr std::size_t kStreamFromBytes = std::size_t{1} << 20;
 
-/// Copies `bytes` with the C library's memcpy, and from kStreamFromBytes on with the widest streaming stores
-/// there are. What it wrote is visible to other threads as memcpy's would be.
+/// The routine for a copy of that size: the first below kStreamFromBytes, else the last.
+const CopyRoutine& RoutineFor(std::size_t bytes);
+
+/// Copies `bytes` with RoutineFor(bytes). Other threads see what it wrote as they see what memcpy writes.
 void CopyToMemory(void* destination, const void* source, std::size_t bytes);
 
 }  // namespace Ormis::host

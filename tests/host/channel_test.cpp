@@ -47,12 +47,12 @@ TEST_F(ChannelTest, ADestroyedNumberIsFreeAgain) {
 TEST_F(ChannelTest, UnknownAndDestroyedChannelsAreRefused) {
   int channel = 3;
   for (const int unknown : {3, -1, 256, INT_MAX}) {
-    ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", "no channel " + std::to_string(unknown),
+    ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", NoChannelMessage(unknown),
                   [&] { return QetDestroyChannel(unknown); });
   }
   ASSERT_EQ(QetCreateChannel(channel), kQetOk);
   ASSERT_EQ(QetDestroyChannel(channel), kQetOk);
-  ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", "no channel 3",
+  ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", NoChannelMessage(3),
                 [&] { return QetDestroyChannel(channel); });
 }
 
@@ -63,7 +63,7 @@ TEST_F(ChannelTest, AllTakenIsBusyAndLeavesTheWish) {
     ASSERT_EQ(channel, i);
   }
   int channel = 12;
-  ExpectFailure(kQetBusy, "QetCreateChannel", "all 256 channels are in use",
+  ExpectFailure(kQetBusy, "QetCreateChannel", "all 256 channels are in use: destroy one first",
                 [&] { return QetCreateChannel(channel); });
   EXPECT_EQ(channel, 12);
 }

@@ -8,16 +8,29 @@
 namespace Ormis::test {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 
-class ContextTest : public PlatformTest {};
+class ContextTest : public PlatformTest {
+ protected:
+  /// Ends the platform. Expects one line at info level, located in the operation, and returns it.
+  std::string LogOfRelease() {
+    CapturedStandardError log;
+    EXPECT_EQ(QetRelease(process_), kQetOk);
+    const std::string text = log.Text();
+    EXPECT_THAT(text, HasSubstr("Z INFO - QET "));
+    EXPECT_THAT(text, HasSubstr(" QetRelease: "));
+    EXPECT_THAT(text, EndsWith(" QetRelease)\n"));
+    return text;
+  }
+};
 
 TEST(PlatformNotStarted, EveryOperationSaysSo) {
   QetContext context;
   int channel = 0;
   ImageData image = Record(2, 2, kQetImageBgr888);
   const ImageData other;
-  const std::string reason = "call QetInitialize first";
+  const std::string reason = kNotInitializedMessage;
   ExpectFailure(kQetNotInitialized, "QetRelease", reason, [&] { return QetRelease(context); });
   ExpectFailure(kQetNotInitialized, "QetCreateContext", reason, [&] { return QetCreateContext(context); });
   ExpectFailure(kQetNotInitialized, "QetSetCurrentContext", reason,
@@ -70,7 +83,7 @@ TEST(PlatformNotStarted, InitializeChecksItsParameters) {
 
 TEST_F(ContextTest, SecondInitializeIsRefusedAndChangesNothing) {
   QetContext second;
-  ExpectFailure(kQetAlreadyInitialized, "QetInitialize", "initialised already",
+  ExpectFailure(kQetAlreadyInitialized, "QetInitialize", "the platform is initialised already",
                 [&] { return QetInitialize(second, {}); });
   EXPECT_EQ(second.id, 0U);
   int channel = 0;
@@ -79,22 +92,28 @@ TEST_F(ContextTest, SecondInitializeIsRefusedAndChangesNothing) {
 }
 
 TEST_F(ContextTest, ReleaseWantsTheContextOfInitialize) {
-  ExpectFailure(kQetUnknownContext, "QetRelease", "not the context that QetInitialize filled",
+  ExpectFailure(kQetUnknownContext, "QetRelease", "this is not the context that QetInitialize filled",
                 [&] { return QetRelease(context_); });
+}
+
+/// Of a context that has been destroyed, or was none: `id` is what its record holds.
+std::string NoLiveContext(std::uint64_t id) {
+  return "no live context " + std::to_string(id) + ", expected one from QetCreateContext";
 }
 
 TEST_F(ContextTest, StartsAgainAfterRelease) {
   ASSERT_EQ(QetRelease(process_), kQetOk);
   EXPECT_EQ(process_.id, 0U);
-  ExpectFailure(kQetNotInitialized, "QetRelease", "call QetInitialize first",
+  ExpectFailure(kQetNotInitialized, "QetRelease", kNotInitializedMessage,
                 [&] { return QetRelease(process_); });
   ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
-  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", "no live context",
+  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", NoLiveContext(context_.id),
                 [&] { return QetSetCurrentContext(context_); });
 }
 
 TEST_F(ContextTest, CreateWantsAnEmptyRecord) {
-  ExpectFailure(kQetAlreadyInitialized, "QetCreateContext", "expected an empty one",
+  ExpectFailure(kQetAlreadyInitialized, "QetCreateContext",
+                "the record holds context " + std::to_string(context_.id) + " already, expected an empty one",
                 [&] { return QetCreateContext(context_); });
   QetContext other;
   other.deviceId = 1;
@@ -104,20 +123,20 @@ TEST_F(ContextTest, CreateWantsAnEmptyRecord) {
 
 TEST_F(ContextTest, UnknownAndDestroyedContextsAreRefused) {
   QetContext unknown;
-  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", "no live context 0",
+  ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", NoLiveContext(0),
                 [&] { return QetSetCurrentContext(unknown); });
-  ExpectFailure(kQetUnknownContext, "QetDestroyContext", "no live context 0",
+  ExpectFailure(kQetUnknownContext, "QetDestroyContext", NoLiveContext(0),
                 [&] { return QetDestroyContext(unknown); });
   QetContext copy = context_;
   ASSERT_EQ(QetDestroyContext(context_), kQetOk);
   EXPECT_EQ(context_.id, 0U);
-  ExpectFailure(kQetUnknownContext, "QetDestroyContext", "no live context",
+  ExpectFailure(kQetUnknownContext, "QetDestroyContext", NoLiveContext(copy.id),
                 [&] { return QetDestroyContext(copy); });
 }
 
 TEST_F(ContextTest, OperationsWantAContextOfTheirOwnThread) {
   ImageData image = Record(2, 2, kQetImageBgr888);
-  const std::string reason = "no live context is bound to this thread";
+  const std::string reason = kNoContextMessage;
   std::thread([&] {
     int channel = 0;
     ExpectFailure(kQetNoContext, "QetCreateChannel", reason, [&] { return QetCreateChannel(channel); });
@@ -135,7 +154,7 @@ TEST_F(ContextTest, DestroyUnbindsFromEveryThread) {
   int channel = 0;
   QetContext copy = context_;
   std::thread([&] { EXPECT_EQ(QetDestroyContext(copy), kQetOk); }).join();
-  ExpectFailure(kQetNoContext, "QetCreateChannel", "no live context",
+  ExpectFailure(kQetNoContext, "QetCreateChannel", kNoContextMessage,
                 [&] { return QetCreateChannel(channel); });
 }
 
@@ -147,7 +166,7 @@ TEST_F(ContextTest, BindingReplacesAnEarlierOne) {
   int channel = 0;
   EXPECT_EQ(QetCreateChannel(channel), kQetOk);
   ASSERT_EQ(QetDestroyContext(second), kQetOk);
-  ExpectFailure(kQetNoContext, "QetDestroyChannel", "no live context",
+  ExpectFailure(kQetNoContext, "QetDestroyChannel", kNoContextMessage,
                 [&] { return QetDestroyChannel(channel); });
 }
 
@@ -168,10 +187,17 @@ TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
   }
   for (std::thread& worker : workers) worker.join();
 
-  CapturedStandardError log;
-  EXPECT_EQ(QetRelease(process_), kQetOk);
-  EXPECT_THAT(log.Text(), HasSubstr("QetRelease: gave back what was left: 3 images (9000 bytes), 3 channels, "
-                                    "4 contexts"));
+  EXPECT_THAT(LogOfRelease(),
+              HasSubstr("gave back what was left: 3 images (9000 bytes), 3 channels, 4 contexts ("));
+}
+
+TEST_F(ContextTest, ReleaseCountsOneOfAKindInTheSingular) {
+  int channel = 0;
+  ASSERT_EQ(QetCreateChannel(channel), kQetOk);
+  ImageData image = Record(10, 1, kQetImageBgr888);
+  ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+  EXPECT_THAT(LogOfRelease(),
+              HasSubstr("gave back what was left: 1 image (30 bytes), 1 channel, 1 context ("));
 }
 
 // Whichever allocation fails: what is released stays released, and only the list of it may be lost.
@@ -197,7 +223,12 @@ TEST_F(ContextTest, ReleaseNeedsNoMemory) {
     const std::string text = log.Text();
     ASSERT_EQ(status, kQetOk) << "allocation " << failAt << ": " << text;
     EXPECT_EQ(process_.id, 0U);
-    EXPECT_THAT(text, HasSubstr("QetRelease: gave back what was left"));
+    EXPECT_THAT(text, HasSubstr("Z INFO - QET "));
+    EXPECT_THAT(text,
+                HasSubstr(fired ? " QetRelease: gave back what was left; memory is too short to say what ("
+                                : " QetRelease: gave back what was left: 3 images (9000 bytes), 3 channels, "
+                                  "1 context ("));
+    EXPECT_THAT(text, EndsWith(" QetRelease)\n"));
     context_ = QetContext{};
     SetUp();
     if (!fired) break;
@@ -221,9 +252,9 @@ TEST_F(ContextTest, WhatReleaseGaveBackIsUnknownAfterwards) {
   ASSERT_EQ(QetRelease(process_), kQetOk);
   ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
   const ThreadContext context;
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(image); });
-  ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", "no channel 0",
+  ExpectFailure(kQetUnknownChannel, "QetDestroyChannel", NoChannelMessage(0),
                 [&] { return QetDestroyChannel(channel); });
 }
 

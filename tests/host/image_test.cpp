@@ -1,6 +1,9 @@
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -61,10 +64,20 @@ TEST_F(ImageTest, MemoryIsBackedByPagesOfItsOwn) {
   EXPECT_GT(OwnMemory(), before + kBytes / 10 * 9);
 }
 
+/// Why a record's size is refused: `expected` is what the message says after "expected".
+std::string SizeMessage(const ImageData& image, const std::string& expected, bool namesType = true) {
+  return "image of " + std::to_string(image.width) + " x " + std::to_string(image.height) +
+         (namesType ? " and type " + std::to_string(image.imageType) : "") + ", expected " + expected;
+}
+
+std::string UnknownTypeMessage(std::uint32_t type) {
+  return "unknown image type " + std::to_string(type) + ", expected 0 to 2 or 9 to 15";
+}
+
 TEST_F(ImageTest, MallocRefusesTypesThatAreNone) {
   for (const std::uint32_t type : {3U, 4U, 5U, 6U, 7U, 8U, 16U, 0x100U, 0xffffffffU}) {
     ImageData image = Record(8, 8, type);
-    ExpectFailure(kQetUnsupported, "QetImageMallocAligned", "unknown image type " + std::to_string(type),
+    ExpectFailure(kQetUnsupported, "QetImageMallocAligned", UnknownTypeMessage(type),
                   [&] { return QetImageMallocAligned(image); });
     EXPECT_EQ(image.data, nullptr);
     EXPECT_EQ(image.dataSize, 0U);
@@ -75,7 +88,8 @@ TEST_F(ImageTest, MallocRefusesSidesOfZero) {
   for (const std::uint32_t type : kAllTypes) {
     for (const auto& [width, height] : {std::pair{0U, 8U}, std::pair{8U, 0U}, std::pair{0U, 0U}}) {
       ImageData image = Record(width, height, type);
-      ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected sides of at least 1",
+      ExpectFailure(kQetInvalidSize, "QetImageMallocAligned",
+                    SizeMessage(image, "sides of at least 1", false),
                     [&] { return QetImageMallocAligned(image); });
     }
   }
@@ -85,13 +99,13 @@ TEST_F(ImageTest, MallocRefusesOddSidesWhereChromaIsHalved) {
   for (const std::uint32_t type : {2U, 9U}) {
     for (const auto& [width, height] : {std::pair{7U, 8U}, std::pair{8U, 7U}, std::pair{1U, 1U}}) {
       ImageData image = Record(width, height, type);
-      ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected an even width and height",
+      ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", SizeMessage(image, "an even width and height"),
                     [&] { return QetImageMallocAligned(image); });
     }
   }
   for (const std::uint32_t type : {10U, 11U}) {
     ImageData image = Record(7, 8, type);
-    ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected an even width",
+    ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", SizeMessage(image, "an even width"),
                   [&] { return QetImageMallocAligned(image); });
     image = Record(8, 7, type);
     EXPECT_EQ(QetImageMallocAligned(image), kQetOk);
@@ -103,11 +117,12 @@ TEST_F(ImageTest, MallocRefusesSizesThatOverflow) {
     std::uint32_t type, width, height;
   };
   for (const Size& size :
-       {Size{1, 65536, 65536}, Size{1, 1431655766, 1}, Size{12, 32768, 32768}, Size{12, 1073741824, 1},
-        Size{2, 65536, 65536}, Size{2, 0xfffffffe, 0xfffffffe}, Size{15, 0xffffffff, 0xffffffff},
-        Size{12, 0x80000000, 0x80000000}, Size{10, 2147483648, 1}, Size{1, 0x80000000, 0x80000000}}) {
+       {Size{1, 65535, 65537}, Size{1, 65536, 65536}, Size{1, 1431655766, 1}, Size{12, 32768, 32768},
+        Size{12, 1073741824, 1}, Size{2, 65536, 65536}, Size{2, 0xfffffffe, 0xfffffffe},
+        Size{15, 0xffffffff, 0xffffffff}, Size{12, 0x80000000, 0x80000000}, Size{10, 2147483648, 1},
+        Size{1, 0x80000000, 0x80000000}}) {
     ImageData image = Record(size.width, size.height, size.type);
-    ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", "expected at most 4294967295 bytes",
+    ExpectFailure(kQetInvalidSize, "QetImageMallocAligned", SizeMessage(image, "at most 4294967295 bytes"),
                   [&] { return QetImageMallocAligned(image); });
     EXPECT_EQ(image.data, nullptr);
   }
@@ -117,7 +132,8 @@ TEST_F(ImageTest, MallocRefusesBuffersOfTheCallerAndUnknownModes) {
   for (const std::uint32_t mode : {0U, 2U, 0xffffffffU}) {
     ImageData image = Record(8, 8, 1);
     image.bufferMode = mode;
-    ExpectFailure(kQetInvalidArgument, "QetImageMallocAligned", "buffer mode " + std::to_string(mode),
+    ExpectFailure(kQetInvalidArgument, "QetImageMallocAligned",
+                  "buffer mode " + std::to_string(mode) + ", expected 1, the platform's memory",
                   [&] { return QetImageMallocAligned(image); });
   }
 }
@@ -126,12 +142,14 @@ TEST_F(ImageTest, MallocRefusesARecordWithMemory) {
   ImageData image = Record(8, 8, 1);
   ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
   std::uint8_t* const data = image.data;
-  ExpectFailure(kQetInvalidArgument, "QetImageMallocAligned", "has data already",
+  ExpectFailure(kQetInvalidArgument, "QetImageMallocAligned", "the record has data already, expected none",
                 [&] { return QetImageMallocAligned(image); });
   EXPECT_EQ(image.data, data);
 }
 
 #if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
+// The largest image that is accepted among them, so that it needs no 4 GiB here. One byte more is refused
+// above, before any memory is asked for.
 TEST_F(ImageTest, MallocWithoutMemoryAnswersACode) {
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
@@ -140,10 +158,14 @@ TEST_F(ImageTest, MallocWithoutMemoryAnswersACode) {
   ASSERT_EQ(setrlimit(RLIMIT_AS, &small), 0);
   ImageData image = Record(32768, 32767, kQetImageArgb8888);
   ExpectFailure(kQetOutOfMemory, "QetImageMallocAligned",
-                "no memory for an image of 32768 x 32767, 4294836224",
+                "no memory for an image of 32768 x 32767, 4294836224 bytes",
                 [&] { return QetImageMallocAligned(image); });
   EXPECT_EQ(image.data, nullptr);
   EXPECT_EQ(image.dataSize, 0U);
+  ImageData largest = Record(65537, 21845, kQetImageBgr888);
+  ExpectFailure(kQetOutOfMemory, "QetImageMallocAligned",
+                "no memory for an image of 65537 x 21845, 4294967295 bytes",
+                [&] { return QetImageMallocAligned(largest); });
   ASSERT_EQ(setrlimit(RLIMIT_AS, &saved), 0);
 }
 #endif
@@ -153,9 +175,9 @@ TEST_F(ImageTest, DestroyTwiceIsRefused) {
   ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
   ImageData copy = image;
   ASSERT_EQ(QetImageDestroy(image), kQetOk);
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(image); });
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(copy); });
   EXPECT_NE(copy.data, nullptr);
 }
@@ -163,15 +185,15 @@ TEST_F(ImageTest, DestroyTwiceIsRefused) {
 TEST_F(ImageTest, DestroyRefusesForeignMemory) {
   std::vector<std::uint8_t> own(192);
   ImageData image = Record(8, 8, 1);
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(image); });
   image.data = own.data();
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(image); });
   ImageData inside = Record(8, 8, 1);
   ASSERT_EQ(QetImageMallocAligned(inside), kQetOk);
   image.data = inside.data + 1;
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(image); });
   EXPECT_EQ(QetImageDestroy(inside), kQetOk);
 }
@@ -191,11 +213,11 @@ TEST_F(ImageTest, AStaleRecordIsRefusedWhenItsMemoryBelongsToSomebodyElse) {
   }
   if (stale.data == nullptr) GTEST_SKIP() << "this allocator keeps what was freed";
   ImageData& owner = others.back();
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownDestinationMessage,
                 [&] { return QetMemcpyToKivu(owner, stale); });
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "source without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownSourceMessage,
                 [&] { return QetMemcpyToKivu(stale, owner); });
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(stale); });
   EXPECT_NE(stale.data, nullptr);
   EXPECT_EQ(QetMemcpyToKivu(owner, owner), kQetOk);
@@ -208,13 +230,13 @@ TEST_F(ImageTest, ARecordWithTheAddressAloneIsRefused) {
   ImageData made = Record(8, 8, 1);
   made.data = image.data;
   made.dataSize = image.dataSize;
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownDestinationMessage,
                 [&] { return QetMemcpyToKivu(image, made); });
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(made); });
   ImageData moved = image;
   moved.data = nullptr;
-  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", "without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetImageDestroy", kUnknownImageMessage,
                 [&] { return QetImageDestroy(moved); });
   EXPECT_EQ(QetImageDestroy(image), kQetOk);
 }
@@ -234,6 +256,56 @@ TEST_F(ImageTest, MemcpyWithOneRecordKeepsThePixelsAndTheRecordUsable) {
   EXPECT_TRUE(std::equal(before.begin(), before.end(), source.data));
   ASSERT_EQ(QetImageMallocAligned(destination), kQetOk);
   EXPECT_EQ(QetImageResize(channel, source, destination, kQetInterpolationArea, -1), kQetOk);
+}
+
+/// While one exists, the pages of `memory` can be read only, and each write to one of them is counted and let
+/// through. `memory` starts at a page. One object at a time.
+class WrittenPages {
+ public:
+  WrittenPages(std::uint8_t* memory, std::size_t bytes) {
+    begin_ = memory;
+    pages_ = (bytes + kPageBytes - 1) / kPageBytes;
+    count_ = 0;
+    struct sigaction action{};
+    action.sa_sigaction = OnWrite;
+    action.sa_flags = SA_SIGINFO;
+    EXPECT_EQ(sigaction(SIGSEGV, &action, &saved_), 0);
+    EXPECT_EQ(mprotect(begin_, pages_ * kPageBytes, PROT_READ), 0);
+  }
+  ~WrittenPages() {
+    EXPECT_EQ(mprotect(begin_, pages_ * kPageBytes, PROT_READ | PROT_WRITE), 0);
+    EXPECT_EQ(sigaction(SIGSEGV, &saved_, nullptr), 0);
+  }
+  WrittenPages(const WrittenPages&) = delete;
+  WrittenPages& operator=(const WrittenPages&) = delete;
+
+  static std::size_t Count() { return count_; }
+  static constexpr std::size_t kPageBytes = 4096;
+
+ private:
+  static void OnWrite(int, siginfo_t* info, void*) {
+    const auto at = reinterpret_cast<std::uintptr_t>(info->si_addr);
+    const auto begin = reinterpret_cast<std::uintptr_t>(begin_);
+    if (at < begin || at >= begin + pages_ * kPageBytes) std::abort();
+    ++count_;
+    const std::uintptr_t page = (at - begin) / kPageBytes * kPageBytes;
+    if (mprotect(begin_ + page, kPageBytes, PROT_READ | PROT_WRITE) != 0) std::abort();
+  }
+
+  static inline std::uint8_t* begin_ = nullptr;
+  static inline std::size_t pages_ = 0;
+  static inline volatile std::size_t count_ = 0;
+  struct sigaction saved_{};
+};
+
+// The copy of an image onto itself changes nothing that could be compared, but it has to load the memory.
+TEST_F(ImageTest, MemcpyWithOneRecordWritesEveryPage) {
+  ImageData image = Record(54614, 1, kQetImageBgr888);
+  ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+  ASSERT_EQ(image.dataSize, 40 * WrittenPages::kPageBytes + 2);  // the last page holds less than a word
+  const WrittenPages written(image.data, image.dataSize);
+  EXPECT_EQ(QetMemcpyToKivu(image, image), kQetOk);
+  EXPECT_EQ(WrittenPages::Count(), 41U);
 }
 
 TEST_F(ImageTest, MemcpyCopiesFromPlatformAndFromUserMemory) {
@@ -263,7 +335,8 @@ TEST_F(ImageTest, MemcpyRefusesWhatDoesNotFit) {
   ImageData user = Record(8, 8, 1);
   user.bufferMode = kQetBufferUser;
   const auto copy = [&] { return QetMemcpyToKivu(user, destination); };
-  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "source without data", copy);
+  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "source without data, expected the caller's pixels",
+                copy);
   user.data = own.data();
   user.dataSize = 191;
   ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu", "source of 191 bytes, expected 192 for 8 x 8 of type 1",
@@ -274,18 +347,19 @@ TEST_F(ImageTest, MemcpyRefusesWhatDoesNotFit) {
   ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu", "source of 7 x 8, expected the destination's 8 x 8",
                 copy);
   user.width = 0;
-  ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu", "expected sides of at least 1", copy);
+  ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu", SizeMessage(user, "sides of at least 1", false), copy);
   user.width = 8;
   user.imageType = 0;
   ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "source of type 0, expected the destination's 1",
                 copy);
   user.imageType = 5;
-  ExpectFailure(kQetUnsupported, "QetMemcpyToKivu", "unknown image type 5", copy);
+  ExpectFailure(kQetUnsupported, "QetMemcpyToKivu", UnknownTypeMessage(5), copy);
   user.imageType = 1;
   user.bufferMode = 2;
-  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "source with buffer mode 2", copy);
+  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu",
+                "source with buffer mode 2, expected 1, the platform's memory", copy);
   user.bufferMode = kQetBufferPlatform;
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "source without memory of the platform", copy);
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownSourceMessage, copy);
 }
 
 TEST_F(ImageTest, MemcpyChecksTheDestination) {
@@ -294,15 +368,16 @@ TEST_F(ImageTest, MemcpyChecksTheDestination) {
   std::vector<std::uint8_t> own(192);
   ImageData destination = Record(8, 8, 1);
   const auto copy = [&] { return QetMemcpyToKivu(source, destination); };
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform", copy);
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownDestinationMessage, copy);
   destination.data = own.data();
   destination.dataSize = 192;
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform", copy);
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownDestinationMessage, copy);
   destination.bufferMode = kQetBufferUser;
-  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "destination with buffer mode 0", copy);
+  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu",
+                "destination with buffer mode 0, expected 1, the platform's memory", copy);
   ImageData gone = source;
   ASSERT_EQ(QetImageDestroy(source), kQetOk);
-  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", "destination without memory of the platform",
+  ExpectFailure(kQetUnknownBuffer, "QetMemcpyToKivu", kUnknownDestinationMessage,
                 [&] { return QetMemcpyToKivu(gone, gone); });
 }
 
@@ -315,13 +390,17 @@ TEST_F(ImageTest, RecordsChangedAfterTheAllocationAreRefused) {
     for (const std::uint32_t value : {0U, 7U, 9U, 4000U, 0xffffffffU}) {
       ImageData changed = image;
       changed.*field = value;
-      ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu", "8 x 8 and 192 bytes as it was allocated",
+      ExpectFailure(kQetInvalidSize, "QetMemcpyToKivu",
+                    "destination of " + std::to_string(changed.width) + " x " +
+                        std::to_string(changed.height) + " and " + std::to_string(changed.dataSize) +
+                        " bytes, expected 8 x 8 and 192 bytes as it was allocated",
                     [&] { return QetMemcpyToKivu(changed, changed); });
     }
   }
   ImageData changed = image;
   changed.imageType = kQetImageArgb8888;
-  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu", "of type 12, expected 1 as it was allocated",
+  ExpectFailure(kQetInvalidArgument, "QetMemcpyToKivu",
+                "destination of type 12, expected 1 as it was allocated",
                 [&] { return QetMemcpyToKivu(changed, changed); });
   changed.width = 4000;
   EXPECT_EQ(QetImageDestroy(changed), kQetOk);

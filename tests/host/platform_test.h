@@ -14,6 +14,21 @@
 
 namespace Ormis::test {
 
+// Messages of more than one operation.
+constexpr char kNotInitializedMessage[] = "the platform is not initialised: call QetInitialize first";
+constexpr char kNoContextMessage[] =
+    "no live context is bound to this thread: call QetCreateContext and QetSetCurrentContext first";
+constexpr char kUnknownImageMessage[] =
+    "image without memory of the platform, expected a live one from QetImageMallocAligned";
+constexpr char kUnknownSourceMessage[] =
+    "source without memory of the platform, expected a live one from QetImageMallocAligned";
+constexpr char kUnknownDestinationMessage[] =
+    "destination without memory of the platform, expected a live one from QetImageMallocAligned";
+
+inline std::string NoChannelMessage(int channel) {
+  return "no channel " + std::to_string(channel) + ", expected a live one from QetCreateChannel";
+}
+
 /// Every type that an image can have.
 constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
 
@@ -52,15 +67,17 @@ class CapturedStandardError {
   int saved_;
 };
 
-/// Expects that `call` returns `code` and writes exactly one line, with `operation` and `part` in it.
+/// Expects that `call` returns `code` and logs one line: at error level, in the context "QET", with the text
+/// "OPERATION: MESSAGE" and nothing more, located in the operation.
 template <typename Call>
-void ExpectFailure(std::int32_t code, const std::string& operation, const std::string& part, Call&& call) {
+void ExpectFailure(std::int32_t code, const std::string& operation, const std::string& message, Call&& call) {
   CapturedStandardError log;
   const std::int32_t status = call();
   const std::string text = log.Text();
   EXPECT_EQ(status, code) << text;
-  EXPECT_THAT(text, testing::HasSubstr(operation + ": "));
-  EXPECT_THAT(text, testing::HasSubstr(part));
+  EXPECT_THAT(text, testing::HasSubstr("Z ERROR - QET "));
+  EXPECT_THAT(text, testing::HasSubstr(" " + operation + ": " + message + " ("));
+  EXPECT_THAT(text, testing::EndsWith(" " + operation + ")\n"));
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
 }
 

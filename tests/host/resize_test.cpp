@@ -94,15 +94,19 @@ void FillWithNoise(ImageData& image, unsigned int seed) {
 /// Slopes, waves, an edge and fine texture.
 void PaintNaturalLike(ImageData& image) {
   std::mt19937 random(7);
+  const std::size_t rowBytes = std::size_t{image.width} * 3;
+  std::vector<double> waves(rowBytes);
+  for (std::uint32_t x = 0; x < image.width; ++x) {
+    for (std::uint32_t c = 0; c < 3; ++c) waves[x * 3 + c] = 60 * std::sin(x * 0.013 * (c + 1));
+  }
   for (std::uint32_t y = 0; y < image.height; ++y) {
-    for (std::uint32_t x = 0; x < image.width; ++x) {
-      for (std::uint32_t c = 0; c < 3; ++c) {
-        const double waves = 60 * std::sin(x * 0.013 * (c + 1)) * std::cos(y * 0.021);
-        const double edge = x * 2 > image.width + y / 3 ? 40 : -30;
-        const double texture = static_cast<double>(random() % 17) - 8;
-        image.data[(std::size_t{y} * image.width + x) * 3 + c] =
-            static_cast<std::uint8_t>(std::clamp(128 + waves + edge + texture, 0.0, 255.0));
-      }
+    std::uint8_t* const row = image.data + y * rowBytes;
+    const double height = std::cos(y * 0.021);
+    const std::size_t edgeAt = (image.width + y / 3) / 2 * 3;
+    for (std::size_t i = 0; i < rowBytes; ++i) {
+      const double value = 128 + waves[i] * height + (i > edgeAt ? 40 : -30);
+      row[i] =
+          static_cast<std::uint8_t>(std::clamp(value + static_cast<double>(random() % 17) - 8, 0.0, 255.0));
     }
   }
 }
@@ -295,25 +299,27 @@ TEST_F(ResizeTest, UnknownAndDestroyedChannelsAreRefused) {
   const ImageData source = Allocate(8, 8, 1);
   const ImageData result = Allocate(4, 4, 1);
   for (const int unknown : {channel_ + 1, -1, 1000}) {
-    ExpectFailure(kQetUnknownChannel, "QetImageResize", "no channel " + std::to_string(unknown),
+    ExpectFailure(kQetUnknownChannel, "QetImageResize", NoChannelMessage(unknown),
                   [&] { return QetImageResize(unknown, source, result, kQetInterpolationArea, -1); });
   }
   ASSERT_EQ(QetDestroyChannel(channel_), kQetOk);
-  ExpectFailure(kQetUnknownChannel, "QetImageResize", "no channel 0", [&] { return Resize(source, result); });
+  ExpectFailure(kQetUnknownChannel, "QetImageResize", NoChannelMessage(0),
+                [&] { return Resize(source, result); });
 }
 
 TEST_F(ResizeTest, OtherInterpolationsAndTimeLimitsAreUnsupported) {
   const ImageData source = Allocate(8, 8, 1);
   const ImageData result = Allocate(4, 4, 1);
   for (const std::uint32_t number : {0U, 2U, 0xffffffffU}) {
-    ExpectFailure(
-        kQetUnsupported, "QetImageResize", "interpolation " + std::to_string(number) + ", expected 1", [&] {
-          return QetImageResize(channel_, source, result, static_cast<QetImageInterpolationType>(number), -1);
-        });
+    ExpectFailure(kQetUnsupported, "QetImageResize",
+                  "interpolation " + std::to_string(number) + ", expected 1, area average", [&] {
+                    return QetImageResize(channel_, source, result,
+                                          static_cast<QetImageInterpolationType>(number), -1);
+                  });
   }
   for (const int limit : {0, 1000, -2}) {
     ExpectFailure(kQetUnsupported, "QetImageResize",
-                  "time limit of " + std::to_string(limit) + " ms, expected -1",
+                  "time limit of " + std::to_string(limit) + " ms, expected -1, wait for the result",
                   [&] { return QetImageResize(channel_, source, result, kQetInterpolationArea, limit); });
   }
 }
@@ -322,9 +328,11 @@ TEST_F(ResizeTest, SourceAndDestinationMustBeTwoImagesOfOneType) {
   const ImageData source = Allocate(8, 8, 1);
   ImageData copy = source;
   copy.offset08 = "another record";
-  ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
+  ExpectFailure(kQetInvalidArgument, "QetImageResize",
+                "source and destination share one memory, expected two images",
                 [&] { return Resize(source, source); });
-  ExpectFailure(kQetInvalidArgument, "QetImageResize", "share one memory",
+  ExpectFailure(kQetInvalidArgument, "QetImageResize",
+                "source and destination share one memory, expected two images",
                 [&] { return Resize(source, copy); });
   const ImageData other = Allocate(4, 4, 0);
   ExpectFailure(kQetInvalidArgument, "QetImageResize", "destination of type 0, expected the source's 1",
@@ -336,16 +344,19 @@ TEST_F(ResizeTest, RecordsThatAreNotAsAllocatedAreRefused) {
   const ImageData result = Allocate(4, 4, 1);
   ImageData changed = source;
   changed.width = 800;
-  ExpectFailure(kQetInvalidSize, "QetImageResize", "source of 800 x 8",
+  ExpectFailure(kQetInvalidSize, "QetImageResize",
+                "source of 800 x 8 and 192 bytes, expected 8 x 8 and 192 bytes as it was allocated",
                 [&] { return Resize(changed, result); });
   changed = result;
   changed.height = 800;
-  ExpectFailure(kQetInvalidSize, "QetImageResize", "destination of 4 x 800",
+  ExpectFailure(kQetInvalidSize, "QetImageResize",
+                "destination of 4 x 800 and 48 bytes, expected 4 x 4 and 48 bytes as it was allocated",
                 [&] { return Resize(source, changed); });
   changed = result;
   changed.width = 0;
   changed.height = 0;
-  ExpectFailure(kQetInvalidSize, "QetImageResize", "destination of 0 x 0",
+  ExpectFailure(kQetInvalidSize, "QetImageResize",
+                "destination of 0 x 0 and 48 bytes, expected 4 x 4 and 48 bytes as it was allocated",
                 [&] { return Resize(source, changed); });
   changed = source;
   changed.imageType = 0;
@@ -357,19 +368,20 @@ TEST_F(ResizeTest, MemoryThatIsNotThePlatformsIsRefused) {
   std::vector<std::uint8_t> own(192);
   const ImageData result = Allocate(4, 4, 1);
   ImageData source = Record(8, 8, 1);
-  ExpectFailure(kQetUnknownBuffer, "QetImageResize", "source without memory",
+  ExpectFailure(kQetUnknownBuffer, "QetImageResize", kUnknownSourceMessage,
                 [&] { return Resize(source, result); });
   source.data = own.data();
   source.dataSize = 192;
-  ExpectFailure(kQetUnknownBuffer, "QetImageResize", "source without memory",
+  ExpectFailure(kQetUnknownBuffer, "QetImageResize", kUnknownSourceMessage,
                 [&] { return Resize(source, result); });
   source.bufferMode = kQetBufferUser;
-  ExpectFailure(kQetInvalidArgument, "QetImageResize", "source with buffer mode 0",
+  ExpectFailure(kQetInvalidArgument, "QetImageResize",
+                "source with buffer mode 0, expected 1, the platform's memory",
                 [&] { return Resize(source, result); });
   ImageData freed = Allocate(8, 8, 1);
   const ImageData stale = freed;
   ASSERT_EQ(QetImageDestroy(freed), kQetOk);
-  ExpectFailure(kQetUnknownBuffer, "QetImageResize", "destination without memory",
+  ExpectFailure(kQetUnknownBuffer, "QetImageResize", kUnknownDestinationMessage,
                 [&] { return Resize(result, stale); });
 }
 
@@ -377,19 +389,33 @@ TEST_F(ResizeTest, MemoryThatIsNotThePlatformsIsRefused) {
 TEST_F(ResizeTest, EmptyRecordsAreRefused) {
   const ImageData source;
   const ImageData result;
-  ExpectFailure(kQetInvalidArgument, "QetImageResize", "source with buffer mode 0",
+  ExpectFailure(kQetInvalidArgument, "QetImageResize",
+                "source with buffer mode 0, expected 1, the platform's memory",
                 [&] { return Resize(source, result); });
 }
 
 TEST_F(ResizeTest, SidesBeyondTheEngineAreUnsupported) {
-  const ImageData source = Allocate((1U << 24) + 2, 1, 10);
-  const ImageData result = Allocate(2, 1, 10);
-  ExpectFailure(kQetUnsupported, "QetImageResize", "a side above 16777216 pixels",
-                [&] { return Resize(source, result); });
-  const ImageData largest = Allocate(1U << 24, 1, 10);
-  std::memset(largest.data, 255, largest.dataSize);
-  ASSERT_EQ(Resize(largest, result), kQetOk);
-  EXPECT_EQ(std::count(result.data, result.data + result.dataSize, 255), 4);
+  constexpr std::uint32_t kLargest = 1U << 24;
+  const std::string message = "a side above 16777216 pixels, expected at most that";
+  const ImageData small = Allocate(1, 1, 0);
+  for (const auto& [width, height] : {std::pair{kLargest + 1, 1U}, std::pair{1U, kLargest + 1}}) {
+    ImageData large = Allocate(width, height, 0);
+    ExpectFailure(kQetUnsupported, "QetImageResize", message, [&] { return Resize(large, small); });
+    ExpectFailure(kQetUnsupported, "QetImageResize", message, [&] { return Resize(small, large); });
+    EXPECT_EQ(QetImageDestroy(large), kQetOk);
+  }
+}
+
+TEST_F(ResizeTest, SidesAtTheLimitOfTheEngineAreScaled) {
+  constexpr std::uint32_t kLargest = 1U << 24;
+  const ImageData small = Allocate(1, 1, 0);
+  for (const auto& [width, height] : {std::pair{kLargest, 1U}, std::pair{1U, kLargest}}) {
+    ImageData large = Allocate(width, height, 0);
+    std::memset(large.data, 255, large.dataSize);
+    ASSERT_EQ(Resize(large, small), kQetOk) << width << " x " << height;
+    EXPECT_EQ(std::count(small.data, small.data + small.dataSize, 255), 3) << width << " x " << height;
+    EXPECT_EQ(QetImageDestroy(large), kQetOk);
+  }
 }
 
 TEST_F(ResizeTest, FortyThreadsGetTheResultOfOne) {
