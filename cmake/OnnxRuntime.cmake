@@ -34,4 +34,6 @@ else()
   # Installed beside the platform library, which looks in its own folder first.
   install(FILES "${ONNXRUNTIME_LIBRARY}" DESTINATION ${CMAKE_INSTALL_LIBDIR}
           PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  get_filename_component(onnxruntime_root "${ONNXRUNTIME_LIBRARY}/../.." ABSOLUTE)
+  install_notice(onnxruntime "${onnxruntime_root}/copyright")
 endif()

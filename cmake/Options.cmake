@@ -24,6 +24,10 @@ endfunction()
 find_package(Threads REQUIRED)
 target_link_libraries(stress_options INTERFACE Threads::Threads)
 
+# stress_version: for the sources that print the project's version.
+add_library(stress_version INTERFACE)
+target_compile_definitions(stress_version INTERFACE "STRESS_VERSION=\"${PROJECT_VERSION}\"")
+
 # STRESS_SANITIZE=address,undefined or thread. Their reports need lines, and no more of debug information.
 if(STRESS_SANITIZE)
   target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all

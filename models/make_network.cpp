@@ -5,13 +5,33 @@
 
 #include "networks.h"
 
+namespace {
+
+const char* const kUsage = R"(usage: make_network [--tiny] FILE
+Writes the example network, an ONNX model, to FILE.
+
+  --tiny     a much smaller network: for tests, and for trying a platform
+  --help     print this and end
+  --version  print the version and end
+)";
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+    std::cout << kUsage;
+    return 0;
+  }
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::cout << "make_network " STRESS_VERSION "\n";
+    return 0;
+  }
   const bool tiny = argc > 1 && std::strcmp(argv[1], "--tiny") == 0;
-  if (argc != (tiny ? 3 : 2)) {
-    std::cerr << "usage: make_network [--tiny] FILE\n";
+  const std::string path = argc == (tiny ? 3 : 2) ? argv[argc - 1] : "";
+  if (path.empty() || path.front() == '-') {
+    std::cerr << kUsage;
     return 1;
   }
-  const std::string path = argv[argc - 1];
   const std::string model = onnx_writer::Serialize(tiny ? TinyNetwork() : ExampleNetwork());
 
   // Renamed when whole: nothing ever sees half a network.

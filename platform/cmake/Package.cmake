@@ -1,7 +1,6 @@
 # What another project needs to build against the installed platform: headers, CMake package, pkg-config file.
 include(CMakePackageConfigHelpers)
 
-set(ORMIS_VERSION 1.0.0)
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/ormis")
 
 install(DIRECTORY include/ormis include/ara DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")

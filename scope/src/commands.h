@@ -16,6 +16,6 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;   ///< the benchmark failed, or the recording is not complete
 constexpr int kExitBadUsage = 2;  ///< wrong arguments or bad input
 
-constexpr const char* kToolVersion = "stress_scope 0.1.0";
+constexpr const char* kToolVersion = "stress_scope " STRESS_VERSION;
 
 }  // namespace scope

@@ -74,6 +74,10 @@ int main(int argc, char** argv) {
     std::cout << conformance::kUsage;
     return kAllHold;
   }
+  if (options.version) {
+    std::cout << "platform_conformance " STRESS_VERSION "\n";
+    return kAllHold;
+  }
   if (!options.runOne.empty()) {
     for (const conformance::Check& check : all) {
       if (options.runOne == check.name) return conformance::RunHere(check, options.settings);

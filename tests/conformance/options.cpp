@@ -30,6 +30,7 @@ process of its own. To check another one:
   --junit FILE           write the results as JUnit XML, too
   --list                 print name and contract of each check and end
   --help                 print this and end
+  --version              print the version and end
 
 Results go to standard output in TAP, version 14. Exit status: 0 when every check passed, 1 when one failed or
 was skipped (--allow-skip: failed), 2 when the command line is wrong or a result could not be written. An interrupt
@@ -49,6 +50,7 @@ enum Option : int {
   kJunit,
   kList,
   kHelp,
+  kVersion,
   kRunOne,
 };
 
@@ -101,6 +103,7 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
                           {"junit", required_argument, nullptr, kJunit},
                           {"list", no_argument, nullptr, kList},
                           {"help", no_argument, nullptr, kHelp},
+                          {"version", no_argument, nullptr, kVersion},
                           {"run-one", required_argument, nullptr, kRunOne},
                           {nullptr, 0, nullptr, 0}};
   constexpr unsigned int kMost = 1'000'000;
@@ -138,6 +141,9 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
         break;
       case kHelp:
         options.help = true;
+        break;
+      case kVersion:
+        options.version = true;
         break;
       case kRunOne:
         options.runOne = optarg;

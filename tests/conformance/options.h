@@ -16,6 +16,7 @@ struct Options {
   bool allowSkip = false;         ///< a skipped check does not fail the run
   bool list = false;
   bool help = false;
+  bool version = false;
   std::string runOne;  ///< this process is the one in which that check runs
 };
 
