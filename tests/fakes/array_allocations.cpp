@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -12,6 +13,11 @@ thread_local int count = 0;
 std::vector<std::size_t>& EventList() {
   thread_local std::vector<std::size_t> events;
   return events;
+}
+
+std::function<void()>& FreeHook() {
+  thread_local std::function<void()> hook;
+  return hook;
 }
 
 }  // namespace
@@ -37,7 +43,10 @@ void* __wrap__Znam(std::size_t bytes) {  // NOLINT(bugprone-reserved-identifier)
 }
 
 void __wrap__ZdaPv(void* memory) noexcept {  // NOLINT(bugprone-reserved-identifier)
-  if (watching && memory != nullptr) EventList().push_back(ArrayAllocations::kFreed);
+  if (watching && memory != nullptr) {
+    if (FreeHook()) FreeHook()();
+    EventList().push_back(ArrayAllocations::kFreed);
+  }
   __real__ZdaPv(memory);
 }
 
@@ -49,6 +58,7 @@ void __wrap__ZdaPvm(void* memory, std::size_t) noexcept {  // NOLINT(bugprone-re
 
 ArrayAllocations::ArrayAllocations() {
   EventList().clear();
+  FreeHook() = nullptr;
   failAt = 0;
   count = 0;
   watching = true;
@@ -60,6 +70,10 @@ ArrayAllocations::~ArrayAllocations() {
 
 void ArrayAllocations::Fail(int nth) {
   failAt = nth;
+}
+
+void ArrayAllocations::OnFree(std::function<void()> hook) {
+  FreeHook() = std::move(hook);
 }
 
 const std::vector<std::size_t>& ArrayAllocations::Events() const {

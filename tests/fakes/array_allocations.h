@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <vector>
 
 /// Watches array new and delete of the test executable, which is linked with --wrap for them: every new array
@@ -15,6 +16,9 @@ class ArrayAllocations {
 
   /// Lets the `nth` array new (from 1) throw std::bad_alloc.
   void Fail(int nth);
+
+  /// Called just before an array is freed.
+  void OnFree(std::function<void()> hook);
 
   /// Bytes of each array new that succeeded, and kFreed for each delete, in order.
   const std::vector<std::size_t>& Events() const;

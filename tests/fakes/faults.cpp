@@ -13,6 +13,8 @@ std::atomic<const std::mutex*> refusedMutex{nullptr};
 std::atomic<int> refusedLocks{0};
 std::atomic<const std::mutex*> watchedMutex{nullptr};
 std::atomic<int> watchedLocks{0};
+MutexWatch::Hook lockHook;
+MutexWatch::Hook unlockHook;
 
 std::atomic<bool> countingStarts{false};
 std::atomic<int> starts{0};
@@ -21,12 +23,15 @@ std::function<void(int)> startHook;
 
 }  // namespace
 
-// The linker's names for what it redirects: std::mutex::lock and pthread_create.
+// The linker's names for what it redirects: std::mutex::lock, std::mutex::unlock and
+// pthread_create.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 void __real__ZNSt3__15mutex4lockEv(std::mutex* mutex);
 void __wrap__ZNSt3__15mutex4lockEv(std::mutex* mutex);
+void __real__ZNSt3__15mutex6unlockEv(std::mutex* mutex);
+void __wrap__ZNSt3__15mutex6unlockEv(std::mutex* mutex);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -37,8 +42,16 @@ void __wrap__ZNSt3__15mutex4lockEv(std::mutex* mutex) {
     ++refusedLocks;
     throw std::system_error(EDEADLK, std::generic_category(), "mutex lock failed");
   }
-  if (mutex == watchedMutex) ++watchedLocks;
+  if (mutex == watchedMutex) {
+    ++watchedLocks;
+    if (lockHook) lockHook();
+  }
   __real__ZNSt3__15mutex4lockEv(mutex);
+}
+
+void __wrap__ZNSt3__15mutex6unlockEv(std::mutex* mutex) {
+  if (mutex == watchedMutex && unlockHook) unlockHook();
+  __real__ZNSt3__15mutex6unlockEv(mutex);
 }
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -67,8 +80,10 @@ int MutexFault::Delivered() {
   return refusedLocks;
 }
 
-MutexWatch::MutexWatch(std::mutex& mutex) {
+MutexWatch::MutexWatch(std::mutex& mutex, Hook beforeLock, Hook beforeUnlock) {
   watchedLocks = 0;
+  lockHook = std::move(beforeLock);
+  unlockHook = std::move(beforeUnlock);
   watchedMutex = &mutex;
 }
 

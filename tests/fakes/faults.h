@@ -17,10 +17,12 @@ class MutexFault {
   static int Delivered();
 };
 
-/// While it exists, the locks of `mutex` are counted.
+/// While it exists, the locks of `mutex` are counted, and the hooks are called: one just before each lock,
+/// the other just before each unlock, on the thread that makes it.
 class MutexWatch {
  public:
-  explicit MutexWatch(std::mutex& mutex);
+  using Hook = std::function<void()>;
+  explicit MutexWatch(std::mutex& mutex, Hook beforeLock = nullptr, Hook beforeUnlock = nullptr);
   ~MutexWatch();
   MutexWatch(const MutexWatch&) = delete;
   MutexWatch& operator=(const MutexWatch&) = delete;

@@ -179,6 +179,31 @@ TEST_F(AicoreStressTest, TearDownAlwaysDoesBothStepsAndYieldsZero) {
   EXPECT_EQ(fakePlatform::CountOf("QetDestroyContext"), 1);
 }
 
+TEST_F(AicoreStressTest, SetUpReturnsTenForEachFailureAndZeroOtherwise) {
+  Ormis::QetContext context{};
+  Ormis::QetDNNHandle handle{};
+  EXPECT_EQ(AICoreInit(context, handle, "net.onnx"), 0);
+  for (const char* operation : {"QetCreateContext", "QetSetCurrentContext", "QetDNNModelInitialize",
+                                "QetDNNModelCreateInput", "QetDNNModelCreateOutput"}) {
+    fakePlatform::Reset();
+    fakePlatform::Fail(operation, 1, 77);
+    EXPECT_EQ(AICoreInit(context, handle, "net.onnx"), 10) << operation;
+    EXPECT_EQ(fakePlatform::FailuresDelivered(operation), 1);
+  }
+}
+
+TEST_F(AicoreStressTest, LoopReturnsTenForAFailedInferenceAndZeroWhenStopped) {
+  const Ormis::QetDNNHandle handle{};
+  fakePlatform::Fail("QetDNNModelProcess", 2, 77);
+  EXPECT_EQ(AICoreInfe(record_, 0, stop_, handle), 10);
+  EXPECT_EQ(fakePlatform::FailuresDelivered("QetDNNModelProcess"), 1);
+  fakePlatform::OnCall("QetDNNModelProcess", [this](int) { stop_ = 1; });
+  EXPECT_EQ(AICoreInfe(record_, 0, stop_, handle), 0) << "stopped after an inference";
+  EXPECT_EQ(AICoreInfe(record_, 0, stop_, handle), 0) << "stopped before the first one";
+  EXPECT_EQ(fakePlatform::CountOf("QetDNNModelProcess"), 3);
+  EXPECT_THAT(Errors(), IsEmpty()) << "the caller logs";
+}
+
 TEST_F(AicoreStressTest, ReleaseReturnsZeroInEveryCase) {
   Ormis::QetContext context{};
   Ormis::QetDNNHandle handle{};

@@ -1,5 +1,6 @@
 #include <stdexcept>
 
+#include "faults.h"
 #include "fixture.h"
 #include "stress_bencmark.h"
 #include "temporary_file.h"
@@ -145,6 +146,26 @@ TEST_F(ParseTest, ExistingRecordIsKept) {
   EXPECT_EQ(Parse("CPU: {Level: 2}\n"), 0);
   EXPECT_EQ(benchmark_.stressMap["cpuStress"].get(), former);
   EXPECT_EQ(former->threadNum, 2U);
+}
+
+TEST_F(ParseTest, SlotsAreResizedUnderTheMutex) {
+  benchmark_.stressMap["cpuStress"] = MakeRecord(9, 7);
+  vorn::StressRegister& record = *benchmark_.stressMap["cpuStress"];
+  std::vector<std::size_t> sizes;
+  const auto noteSize = [&] { sizes.push_back(record.threadFps.size()); };
+  const MutexWatch watch(record.fpsMutex, noteSize, noteSize);
+  EXPECT_EQ(Parse("CPU: {Level: 2}\n"), 0);
+  EXPECT_EQ(MutexWatch::Locks(), 1);
+  EXPECT_THAT(sizes, ElementsAre(9U, 2U)) << "at the lock, and at the unlock";
+}
+
+TEST_F(ParseTest, FaultsAreWrittenWhereOnlyErrorsAre) {
+  SetLevel(ara::log::LogLevel::kError);
+  EXPECT_EQ(Parse("CPU: {}\n"), 10);
+  EXPECT_EQ(Parse("CPU: {Level: 11}\n"), 10);
+  EXPECT_EQ(Parse("CPU: {"), 10);
+  ASSERT_EQ(Errors().size(), 3U);
+  EXPECT_THAT(Errors()[2], testing::StartsWith("Load() | Load "));
 }
 
 TEST_F(ParseTest, ExceptionOfTheReaderIsLoggedAsLoad) {

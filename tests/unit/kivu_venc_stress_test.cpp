@@ -7,6 +7,7 @@
 
 #include "array_allocations.h"
 #include "fixture.h"
+#include "image_requests.h"
 
 namespace {
 
@@ -168,12 +169,36 @@ TEST_F(VencStressTest, StopFlagSetAfterSetUpSendsNoFrame) {
                                                  "QetVenc::~QetVenc", "QetDestroyContext"));
 }
 
-TEST_F(VencStressTest, PrepareFillsTheRecordAndReturnsZero) {
+TEST_F(VencStressTest, InitReturnsZeroWhenEveryStepWorks) {
+  Ormis::QetContext context{};
+  Ormis::QetVenc encoder;
+  EXPECT_EQ(VencInit(context, 25, encoder), 0);
+  EXPECT_THAT(fakePlatform::Names(),
+              ElementsAre("QetCreateContext", "QetSetCurrentContext", "QetVenc::Init"));
+}
+
+TEST_F(VencStressTest, PrepareSetsEveryFieldOfTheRecordAndReturnsZero) {
   std::unique_ptr<std::uint8_t[]> image;
   Ormis::ImageData frame{};
+  frame.width = frame.height = frame.dataSize = frame.bufferMode = frame.imageType = 0xA5A5A5A5;
   EXPECT_EQ(VencPrepare(image, frame), 0);
-  EXPECT_EQ(frame.data, image.get());
   EXPECT_NE(image, nullptr);
+  EXPECT_EQ(frame.width, 1920U);
+  EXPECT_EQ(frame.height, 1080U);
+  EXPECT_EQ(frame.dataSize, 3110400U);
+  EXPECT_EQ(frame.bufferMode, 0U);
+  EXPECT_EQ(frame.imageType, 2U);
+  EXPECT_EQ(frame.data, image.get());
+}
+
+TEST_F(VencStressTest, TestImageIsOfType2) {
+  const ImageRequests requests;
+  stop_ = 1;
+  VencProcess(record_, index_, stop_);
+  ASSERT_EQ(requests.All().size(), 1U);
+  EXPECT_EQ(requests.All()[0].width, 1920U);
+  EXPECT_EQ(requests.All()[0].height, 1080);
+  EXPECT_EQ(requests.All()[0].imageType, 2U);
 }
 
 TEST_F(VencStressTest, FailedDestroyContextLogsTheFixedTextWithoutAStatusAndYieldsZero) {

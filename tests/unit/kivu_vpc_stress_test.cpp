@@ -6,6 +6,7 @@
 
 #include "array_allocations.h"
 #include "fixture.h"
+#include "image_requests.h"
 
 namespace {
 
@@ -141,6 +142,36 @@ TEST_F(VpcStressTest, HostTestImageIsMadeAndFreed) {
   stop_ = 1;
   VPCResize(record_, index_, stop_);
   EXPECT_THAT(watch.Events(), ElementsAre(6220800U, ArrayAllocations::kFreed));
+}
+
+TEST_F(VpcStressTest, HostTestImageIsOfType0) {
+  const ImageRequests requests;
+  stop_ = 1;
+  VPCResize(record_, index_, stop_);
+  ASSERT_EQ(requests.All().size(), 1U);
+  EXPECT_EQ(requests.All()[0].width, 1920U);
+  EXPECT_EQ(requests.All()[0].height, 1080);
+  EXPECT_EQ(requests.All()[0].imageType, 0U);
+}
+
+TEST_F(VpcStressTest, PrepareSetsEveryFieldOfBothRecordsButTheSizeAndReturnsZero) {
+  std::unique_ptr<std::uint8_t[]> image;
+  Ormis::ImageData images[2];
+  std::uint8_t pixel = 0;
+  for (Ormis::ImageData& record : images) {
+    record.width = record.height = record.bufferMode = record.imageType = 0xA5A5A5A5;
+    record.data = &pixel;
+  }
+  EXPECT_EQ(VpcPerpare(image, images[0], images[1]), 0);
+  EXPECT_EQ(images[0].width, 1920U);
+  EXPECT_EQ(images[0].height, 1080U);
+  EXPECT_EQ(images[1].width, 416U);
+  EXPECT_EQ(images[1].height, 234U);
+  for (const Ormis::ImageData& record : images) {
+    EXPECT_EQ(record.bufferMode, 1U);
+    EXPECT_EQ(record.imageType, 1U);
+    EXPECT_EQ(record.data, nullptr);
+  }
 }
 
 TEST_F(VpcStressTest, StopFlagSetAfterSetUpGoesStraightToTheTearDown) {

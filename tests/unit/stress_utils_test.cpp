@@ -123,6 +123,36 @@ TEST_F(RandomCvImgTest, FormerBufferIsFreedAfterTheNewOneIsMade) {
   EXPECT_THAT(events_, ElementsAre(6U, kFreed));
 }
 
+TEST_F(RandomCvImgTest, FormerBufferIsFreedAfterTheNewOneIsStored) {
+  buffer_.reset(new std::uint8_t[1]);
+  const std::uint8_t* const former = buffer_.get();
+  const std::uint8_t* heldAtFree = nullptr;
+  ArrayAllocations watch;
+  watch.OnFree([&] { heldAtFree = buffer_.get(); });
+  RandomCvImg(2, 2, 2, buffer_);
+  EXPECT_THAT(watch.Events(), ElementsAre(6U, kFreed));
+  EXPECT_NE(heldAtFree, former);
+  EXPECT_EQ(heldAtFree, buffer_.get());
+  EXPECT_NE(buffer_, nullptr);
+}
+
+TEST_F(RandomCvImgTest, FaultIsLoggedBeforeTheFormerBufferIsFreed) {
+  struct Case {
+    std::uint32_t type;
+    const char* fault;
+  };
+  for (const Case c : {Case{2, kYuv420Fault}, Case{10, kYuv422Fault}, Case{3, "Unsported image type"}}) {
+    fakeLog::Reset();
+    buffer_.reset(new std::uint8_t[1]);
+    std::vector<std::string> errorsAtFree;
+    ArrayAllocations watch;
+    watch.OnFree([&] { errorsAtFree = Errors(); });
+    RandomCvImg(1921, 1080, c.type, buffer_);
+    EXPECT_THAT(watch.Events(), ElementsAre(kFreed));
+    EXPECT_THAT(errorsAtFree, ElementsAre(std::string("RandomCvImg() | ") + c.fault));
+  }
+}
+
 TEST_F(RandomCvImgTest, FailedAllocationKeepsTheFormerBuffer) {
   buffer_.reset(new std::uint8_t[1]);
   const std::uint8_t* former = buffer_.get();

@@ -106,6 +106,24 @@ TEST_P(WorkersTest, CountersRestartFromZeroAfterAPublication) {
   EXPECT_EQ(Slot(), 250.0);
 }
 
+TEST_P(WorkersTest, EachPeriodOfOneMillisecondCyclesIsAThousandAndOneCyclesLong) {
+  record_->sleepUs = 0;
+  double after1000 = -1.0;
+  double after2001 = -1.0;
+  Run(2002, [&](int n) {
+    if (n == 1001) after1000 = Slot();
+    if (n == 1002) {
+      EXPECT_EQ(Slot(), 1000.0);
+      record_->threadFps[1] = 0.0;  // so that the second publication is seen
+    }
+    if (n == 2002) after2001 = Slot();
+    clock_.Advance(milliseconds(1));
+  });
+  EXPECT_EQ(after1000, 0.0);
+  EXPECT_EQ(after2001, 0.0);
+  EXPECT_EQ(Slot(), 1000.0);
+}
+
 TEST_P(WorkersTest, PauseIsNotBusyTime) {
   record_->sleepUs = 99000;
   Run(11, [&](int) { clock_.Advance(milliseconds(1)); });
@@ -116,6 +134,12 @@ TEST_P(WorkersTest, SleepsSleepUsOnceACycle) {
   record_->sleepUs = 100;
   Run(3, [&](int) { clock_.Advance(milliseconds(1)); });
   EXPECT_THAT(clock_.Sleeps(), ElementsAre(100'000, 100'000, 100'000));
+}
+
+TEST_P(WorkersTest, SleepUsOfOneIsAPause) {
+  record_->sleepUs = 1;
+  Run(2, [&](int) { clock_.Advance(milliseconds(1)); });
+  EXPECT_THAT(clock_.Sleeps(), ElementsAre(1000, 1000));
 }
 
 TEST_P(WorkersTest, SleepUsOfZeroMakesNoSleepCall) {
@@ -150,6 +174,13 @@ TEST_P(WorkersTest, IndexBeyondTheSlotsLogsOncePerPeriodAndGoesOn) {
   // The lock is free again.
   ASSERT_TRUE(record_->fpsMutex.try_lock());
   record_->fpsMutex.unlock();
+}
+
+TEST_P(WorkersTest, ExceptionLineIsWrittenWhereOnlyErrorsAre) {
+  SetLevel(ara::log::LogLevel::kError);
+  record_->threadFps.clear();
+  Run(334, [&](int) { clock_.Advance(milliseconds(2)); });
+  EXPECT_THAT(Errors(), ElementsAre(std::string(GetParam().name) + "() | vector"));
 }
 
 TEST_P(WorkersTest, ExceptionLineNamesTheWorkersOwnPlace) {
