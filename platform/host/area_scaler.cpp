@@ -10,7 +10,8 @@ namespace {
 
 enum class RowUse : std::uint8_t { kSet, kAdd };
 
-/// sums[i] = or += weight * row[i]. Compiled to vector instructions: that is what makes the scaler fast.
+/// Sets sums[i] to weight * row[i], or adds it. The compiler makes vector instructions of the loop, which
+/// make the scaler fast.
 template <RowUse use, typename Sum>
 void WeighRow(const std::uint8_t* __restrict row, Sum weight, std::size_t length, Sum* __restrict sums) {
   for (std::size_t i = 0; i < length; ++i) {
@@ -64,8 +65,8 @@ void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, c
   Span above{};
   for (std::uint32_t y = 0; y < to.height; ++y) {
     const Span span = SpanAt(rows, y);
-    // Within one source row like the row above, so it is the same row. Weighing the source row again for each
-    // of them would take minutes for a long source row enlarged to a high image.
+    // This row and the row above lie within one source row, so they are equal. To compute each of them would
+    // take minutes where a long source row is enlarged to a high image.
     const bool repeated =
         y > 0 && span.first == span.last && above.first == above.last && span.first == above.first;
     above = span;
@@ -90,7 +91,8 @@ void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, c
         for (const Sum* at = first + channels; at < last; at += channels) inner += *at;
         const Total total = static_cast<Total>(column.firstWeight) * *first + columnUnits * inner +
                             static_cast<Total>(column.lastWeight) * *last;
-        // In the middle between two integers, where the rounding errors of Real cannot reach the next one.
+        // The 0.5 keeps the quotient half a step away from each integer: rounding errors of Real cannot move
+        // it across one.
         *destination++ = static_cast<std::uint8_t>((static_cast<Real>(total + half) + Real{0.5}) * scale);
       }
     }
@@ -102,7 +104,7 @@ void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const
   const Ratio rows = ReducedRatio(from.height, to.height);
   PrepareColumns(ReducedRatio(from.width, to.width), to.width);
   const std::uint64_t area = std::uint64_t{rows.resultUnits} * columnRatio_.resultUnits;
-  // 255 x 257 is the largest 16-bit number; a float holds 255 x 8192 with enough bits behind the point.
+  // 255 x 257 is the largest 16-bit number. A float holds 255 x 8192 and has enough bits left for fractions.
   if (rows.resultUnits <= 257 && area <= 8192) {
     ScaleWith<std::uint16_t, std::int32_t, float>(from, source, to, destination, rows, narrowSums_);
   } else {

@@ -9,11 +9,11 @@ namespace Ormis::host {
 
 /// Scales planes by area average: a pixel of the result is the mean of the source area that it covers, with
 /// exact fractions of pixels at the borders, rounded to nearest (a half upwards). Enlarging follows the same
-/// rule. Reads every source pixel; single-threaded. Keeps its scratch memory from call to call, so that
-/// equal sizes allocate nothing. Threads: one at a time.
+/// rule. Reads every source pixel. Works on the calling thread alone. Keeps its scratch memory between calls,
+/// so that a call with the sizes of the last one allocates nothing. Threads: one at a time.
 class AreaScaler {
  public:
-  /// Largest side of a source or a result that the arithmetic holds.
+  /// Largest side of a source or a result for which the arithmetic does not overflow.
   static constexpr std::uint32_t kMaxSide = 1U << 24;
 
   /// `from` and `to` have the same number of channels, 1 to 4, and sides of 1 to kMaxSide. The planes must
@@ -22,21 +22,20 @@ class AreaScaler {
              std::uint8_t* destination);
 
  private:
-  // A side of n source pixels becomes a side of m. With both divided by their greatest common divisor, a
-  // source pixel is m units long and a pixel of the result n units: all borders fall on whole units, and
-  // the weights are exact integers.
+  // A side of n source pixels becomes a side of m pixels. After a division of both by their greatest common
+  // divisor, a source pixel is m units long and a pixel of the result n units. All borders then fall on whole
+  // units, and all weights are integers.
   struct Ratio {
-    std::uint32_t sourceUnits = 0;  ///< of one source pixel
-    std::uint32_t resultUnits = 0;  ///< of one pixel of the result
+    std::uint32_t sourceUnits = 0;  ///< length of one source pixel
+    std::uint32_t resultUnits = 0;  ///< length of one pixel of the result
   };
 
-  /// The source pixels under one pixel of the result. Those between the first and the last one count with
-  /// all their units.
+  /// The source pixels under one pixel of the result. Pixels between the first and the last count in full.
   struct Span {
     std::uint32_t first;
     std::uint32_t last;
     std::uint32_t firstWeight;
-    std::uint32_t lastWeight;  ///< 0 when the first is the last
+    std::uint32_t lastWeight;  ///< 0 when `first` equals `last`
   };
 
   static Ratio ReducedRatio(std::uint32_t from, std::uint32_t to);

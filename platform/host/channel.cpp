@@ -9,7 +9,7 @@ namespace host {
 
 namespace {
 
-constexpr int kMaxChannels = 256;  // well above 40 workers; a caller that leaks channels is told
+constexpr int kMaxChannels = 256;  // well above 40 workers; a caller that leaks channels gets an error
 
 Table<int, Channel> channels;
 
@@ -31,7 +31,7 @@ std::int32_t QetCreateChannel(int& channel) {
     if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
     const auto made = std::make_shared<host::Channel>();
     if (channel >= 0 && channel < host::kMaxChannels && host::channels.Add(channel, made)) return kQetOk;
-    // Another thread may take a free number first: adding is the test.
+    // No look first: between a look and Add another thread could take the number.
     for (int number = 0; number < host::kMaxChannels; ++number) {
       if (host::channels.Add(number, made)) {
         channel = number;

@@ -7,10 +7,10 @@
 
 namespace Ormis::host {
 
-/// One media-unit channel: what runs on it runs one after the other.
+/// One media-unit channel. Operations on it run one after the other.
 struct Channel {
   std::mutex mutex;   ///< held for the whole of an operation on this channel
-  AreaScaler scaler;  ///< with the scratch memory of the last sizes, guarded by `mutex`
+  AreaScaler scaler;  ///< holds scratch memory for the last sizes; guarded by `mutex`
 };
 
 /// Returns null when there is no such channel.

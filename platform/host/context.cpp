@@ -32,7 +32,7 @@ struct LeftoverKind {
   Leftover left;
 };
 
-/// The kinds of which something was left, in words.
+/// Lists the kinds of which something was left, with counts.
 template <std::size_t kCount>
 std::string Describe(const LeftoverKind (&kinds)[kCount]) {
   std::string text;
@@ -60,7 +60,7 @@ std::uint64_t NextId() {
 
 std::int32_t RequireContext(const char* operation) {
   if (const std::int32_t status = RequireInitialized(operation); status != kQetOk) return status;
-  // A thread stays bound to a context that has been destroyed: ids are not used again, so it finds nothing.
+  // A thread stays bound to a destroyed context. Ids are never used again, so it is not found here.
   if (contexts.Find(currentContextId) == nullptr) {
     return QET_FAIL(
         operation, kQetNoContext,
@@ -97,7 +97,7 @@ std::int32_t QetRelease(QetContext& context) {
     if (context.id != host::processContextId) {
       return QET_FAIL("QetRelease", kQetUnknownContext, "this is not the context that QetInitialize filled");
     }
-    // In the order of a worker's tear-down: what runs on a channel or in a context goes before it.
+    // In the order of a worker's tear-down: channels and contexts go after what uses them.
     const host::LeftoverKind kinds[] = {
         {"model", host::ReclaimModels()},
         {"encoder", host::ReclaimEncoders()},
@@ -107,7 +107,7 @@ std::int32_t QetRelease(QetContext& context) {
     };
     host::initialized = false;
     context = QetContext{};
-    // All is done: what is said about it must not turn it into a failure.
+    // The release has succeeded. Want of memory for the log line must not turn it into a failure.
     try {
       const std::string left = host::Describe(kinds);
       if (!left.empty()) {

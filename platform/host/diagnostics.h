@@ -13,7 +13,7 @@ namespace Ormis::host {
 /// The platform's own log context, "QET". Its threshold is the application's.
 ara::log::Logger& Log();
 
-/// Runs the body of an operation: what a library throws ends here and becomes a status.
+/// Runs the body of an operation. An exception that it throws ends here: it is logged and becomes a status.
 template <typename Body>
 std::int32_t Guarded(const char* operation, Body&& body) {
   const ara::log::SourceLocation here{__FILE__, operation, __LINE__};
@@ -33,7 +33,7 @@ std::int32_t Guarded(const char* operation, Body&& body) {
 
 }  // namespace Ormis::host
 
-/// Says once, at error level, what failed, on which item and what was expected; is the status to return.
+/// Logs at error level what failed, on which item and what was expected. Its value is the status to return.
 #define QET_FAIL(operation, code, pieces)                                                                 \
   ((void)(::Ormis::host::Log().LogError(::ara::log::SourceLocation{__FILE__, operation, __LINE__})        \
           << (operation) << ": " << pieces), /* NOLINT(bugprone-macro-parentheses): an insertion chain */ \

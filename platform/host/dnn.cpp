@@ -14,13 +14,13 @@ namespace host {
 namespace {
 
 struct Model {
-  std::mutex mutex;  ///< of handles, two may hold the number of one model
+  std::mutex mutex;  ///< two handles may hold the id of one model
   std::unique_ptr<OnnxModel> engine;
 };
 
 Table<std::uint64_t, Model> models;
 
-/// Returns the handle's model, or null after saying why there is none and setting `status`.
+/// Returns the handle's model. Otherwise logs why there is none, sets `status` and returns null.
 std::shared_ptr<Model> RequireModel(const char* operation, const QetDNNHandle& handle, std::int32_t& status) {
   status = RequireContext(operation);
   if (status != kQetOk) return nullptr;
@@ -31,8 +31,8 @@ std::shared_ptr<Model> RequireModel(const char* operation, const QetDNNHandle& h
   return model;
 }
 
-/// Lists the new tensors in the handle: in all lists, or throws and leaves them as they were. `firstIndex` is
-/// the index of the first of them among all tensors.
+/// Enters the new tensors into the three lists of a handle. Throws where memory is out, and leaves the lists
+/// as they were then. `firstIndex` is the index of the first new tensor among all tensors.
 void Publish(const std::vector<OnnxTensor>& tensors, std::uint32_t firstIndex,
              std::vector<QetDNNBuffer>& buffers, std::map<const void*, std::uint32_t>& bufferIndex,
              std::map<std::uint32_t, void*>& bufferOf) {
@@ -86,7 +86,7 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
       return QET_FAIL(kOperation, outcome.code, outcome.reason);
     }
     if (!trial.run.Ok()) model->engine->RefuseToRun(trial.run);
-    std::string modelPath = path;  // which may be the handle's own, and is emptied with it
+    std::string modelPath = path;  // `path` may be the handle's member, which Empty clears
     const std::uint64_t id = host::NextId();
     host::models.Add(id, std::move(model));
     host::Empty(handle);
@@ -172,7 +172,7 @@ std::int32_t QetDNNRelease(QetDNNHandle& handle) {
   return host::Guarded(kOperation, [&]() -> std::int32_t {
     const std::lock_guard<std::recursive_mutex> lock(handle.mutex);
     const auto model = host::models.Take(handle.modelId);
-    // Also after QetRelease, which took the model: the handle's buffers are gone then.
+    // Also where QetRelease has taken the model: the buffers that the handle names are gone.
     host::Empty(handle);
     if (model == nullptr) {
       return QET_FAIL(kOperation, kQetModelNotReady, "the handle holds no model");

@@ -19,19 +19,19 @@ namespace Ormis::host {
 
 namespace {
 
-// Best first. A node that exists may still be no encoder (a camera is a video4linux device, too): then the
+// Best first. A device node may exist and still be no encoder: a camera is a video4linux device, too. Such an
 // engine does not open, and the next one is tried.
 constexpr H264Engine kEngines[] = {
     {"h264_nvenc", "/dev/nvidia[0-9]*", "preset=p1,tune=ull,rc=cbr,zerolatency=1,delay=0"},
     {"h264_vaapi", "/dev/dri/renderD*", "rc_mode=CBR,async_depth=1"},
     {"h264_v4l2m2m", "/dev/video*", ""},
-    // nal-hrd=cbr pads with filler, so that a still picture has the configured rate, too; without scene cuts
-    // a key frame comes every gopSize frames and at no other time.
+    // nal-hrd=cbr pads with filler data: a still picture has the configured rate, too. scenecut=0: a key
+    // frame comes every gopSize frames and at no other time.
     {"libx264", nullptr, "preset=ultrafast,tune=zerolatency,x264-params=scenecut=0:nal-hrd=cbr"},
 };
 
-// What libavcodec said last on this thread: its return codes alone ("Generic error in an external library")
-// say too little. Engines work on the calling thread, so the text belongs to the failure at hand.
+// The last message of libavcodec on this thread. Its return codes alone say too little ("Generic error in an
+// external library"). Engines work on the calling thread, so the message belongs to the current failure.
 thread_local char lastMessage[256];
 
 void KeepMessage(void* context, int level, const char* format, std::va_list arguments) {
@@ -99,7 +99,7 @@ void H264Packet::Clear() {
 std::unique_ptr<H264Encoder> H264Encoder::Open(const H264Settings& settings,
                                                const std::vector<H264Engine>& engines, std::string& reason) {
   static std::once_flag once;
-  // Process-wide, as libavcodec has it: by default it writes to standard error.
+  // One callback for the whole process: libavcodec has no other. Its own writes to standard error.
   std::call_once(once, [] { av_log_set_callback(KeepMessage); });
 
   reason.clear();
@@ -107,8 +107,8 @@ std::unique_ptr<H264Encoder> H264Encoder::Open(const H264Settings& settings,
     std::unique_ptr<H264Encoder> encoder(new H264Encoder(settings, engine));
     std::string failure = encoder->OpenCodec();
     if (failure.empty() && engine.device != nullptr) {
-      // A device may open and still not encode, or keep frames back: only a trial shows. It goes to an
-      // encoder of its own, so that the caller's stream starts with the caller's frame.
+      // A device may open and still not encode, or keep frames back, so one frame is encoded on trial. The
+      // trial has an encoder of its own: the caller's stream has to start with the caller's frame.
       H264Packet packet;
       const std::vector<std::uint8_t> grey(
           static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 3 / 2, 128);
@@ -190,8 +190,8 @@ std::string H264Encoder::UseHardwareFrames() {
 
 std::string H264Encoder::Encode(const std::uint8_t* nv12, H264Packet& packet) {
   lastMessage[0] = '\0';
-  auto* pixels =
-      const_cast<std::uint8_t*>(nv12);  // libavcodec's frames know no const; this one is marked read-only
+  // libavcodec's frames have no const pointers. This frame is marked read-only.
+  auto* pixels = const_cast<std::uint8_t*>(nv12);
   const int bytes = av_image_fill_arrays(frame_->data, frame_->linesize, pixels, AV_PIX_FMT_NV12,
                                          settings_.width, settings_.height, 1);
   if (bytes < 0) return Reason("the frame cannot be described", bytes);
@@ -207,8 +207,8 @@ std::string H264Encoder::Encode(const std::uint8_t* nv12, H264Packet& packet) {
     av_frame_unref(hardwareFrame_);
     return failure;
   }
-  // A frame without a buffer reference would be copied. libx264 has read it when it returns; of a device that
-  // is not known, so there the copy stays.
+  // libavcodec copies a frame that has no buffer reference. libx264 has read the frame when the call returns,
+  // so it needs no copy. Whether a device has is unknown, so a device gets the copy.
   if (engine_.device == nullptr) {
     frame_->buf[0] = av_buffer_create(pixels, static_cast<std::size_t>(bytes), KeepCallersMemory, nullptr,
                                       AV_BUFFER_FLAG_READONLY);

@@ -20,21 +20,22 @@ struct H264Settings {
   int bitsPerSecond = 0;
 };
 
-/// An encoder of libavcodec, and what it takes to encode at a constant rate, one frame in and one packet out.
+/// An encoder of libavcodec, with the options that make it encode at a constant bit rate and return one
+/// packet for each frame.
 struct H264Engine {
-  const char* name;  ///< as libavcodec knows it
-  const char*
-      device;  ///< pattern of device nodes, of which one has to be there; null for the software engine
+  const char* name;     ///< libavcodec's name for it
+  const char* device;   ///< pattern of its device nodes; null for the software engine
   const char* options;  ///< its own options, "key=value,key=value"
 };
 
-/// The engines worth trying, best first: the hardware ones whose device `exists`, then the software one.
+/// The engines to try, best first: the hardware engines for whose device `exists` is true, then the software
+/// engine.
 std::vector<H264Engine> H264EnginesToTry(const std::function<bool(const char* pattern)>& exists);
 
 /// True when this machine has a device node that matches the shell pattern.
 bool DeviceExists(const char* pattern);
 
-/// One encoded frame. Its memory is reused by the next Encode into it.
+/// One encoded frame. The next Encode into it reuses its memory.
 class H264Packet {
  public:
   H264Packet();
@@ -53,12 +54,12 @@ class H264Packet {
   AVPacket* packet_;
 };
 
-/// An open H.264 encoder on the calling thread: no thread of its own unless the hardware's driver has some.
+/// An open H.264 encoder. It works on the calling thread and starts no thread; a hardware driver may.
 /// Threads: one at a time.
 class H264Encoder {
  public:
-  /// Opens the first of `engines` that works. Returns null when none does, with every engine's reason in
-  /// `reason`.
+  /// Opens the first of `engines` that works. `reason` then says why those before it do not; it is empty for
+  /// the first. Returns null when none works, with every engine's reason in `reason`.
   static std::unique_ptr<H264Encoder> Open(const H264Settings& settings,
                                            const std::vector<H264Engine>& engines, std::string& reason);
   ~H264Encoder();
@@ -67,8 +68,8 @@ class H264Encoder {
 
   const char* EngineName() const { return engine_.name; }
 
-  /// Encodes one NV12 picture of packed rows, which is read before the call returns. Returns the empty string
-  /// and fills `packet`, or says why not.
+  /// Encodes one NV12 picture without padding between rows. Has read it when the call returns. Returns the
+  /// empty string and fills `packet`, or returns the reason of the failure.
   std::string Encode(const std::uint8_t* nv12, H264Packet& packet);
 
  private:
@@ -81,7 +82,7 @@ class H264Encoder {
   H264Engine engine_;
   AVCodecContext* codec_ = nullptr;
   AVFrame* frame_ = nullptr;
-  AVFrame* hardwareFrame_ = nullptr;  ///< only where the engine reads frames of its device alone
+  AVFrame* hardwareFrame_ = nullptr;  ///< null unless the engine takes only frames in its device's memory
   std::int64_t frameCount_ = 0;
 };
 

@@ -16,10 +16,10 @@ namespace {
 
 constexpr std::size_t kAlignment = 4096;
 
-// By id: an address is soon used again, and a stale record would pass for somebody else's.
+// By id. Addresses are soon used again: by address, a stale record would name another caller's image.
 Table<std::uint64_t, Image> images;
 
-/// Returns null where the record does not name a live image with the memory that it was given.
+/// Returns null unless the record names a live image and still holds its address.
 std::shared_ptr<Image> FindImage(const ImageData& record) {
   std::shared_ptr<Image> image = images.Find(record.offset00);
   return image != nullptr && image->pixels.get() == record.data ? image : nullptr;
@@ -29,7 +29,8 @@ std::string SizeText(std::uint32_t width, std::uint32_t height) {
   return std::to_string(width) + " x " + std::to_string(height);
 }
 
-/// The image in memory of the platform's or of the caller's: where its pixels are read.
+/// Finds the pixels of a source, in the platform's or in the caller's memory. `image` keeps the platform's
+/// alive.
 std::int32_t RequireSource(const char* operation, const ImageData& record, std::shared_ptr<Image>& image,
                            const std::uint8_t*& pixels) {
   if (record.bufferMode == kQetBufferUser) {
@@ -54,8 +55,8 @@ std::int32_t RequireSource(const char* operation, const ImageData& record, std::
   return kQetOk;
 }
 
-/// Reads and writes every word where it is. Volatile: a copy of memory onto itself would be left out, by the
-/// compiler or by the C library, and with it the work that the caller asked for.
+/// Reads and writes every word in place. Volatile, because compiler and C library leave out a copy of memory
+/// onto itself, and the caller asked for its memory traffic.
 void CopyInPlace(std::uint8_t* pixels, std::uint32_t bytes) {
   std::uint32_t at = 0;
   for (; bytes - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
@@ -113,7 +114,7 @@ std::int32_t DescribeImage(const char* operation, const ImageData& record, Image
                     "image of " << SizeText(width, height) << " and type " << record.imageType
                                 << ", expected an even width" << (heightStep == 2 ? " and height" : ""));
   }
-  // Tested before the factor, so that the product of both stays within 64 bits.
+  // Tested before the bytes of a pixel come in, so that no product exceeds 64 bits.
   std::uint64_t bytes = std::uint64_t{width} * height;
   if (bytes <= std::numeric_limits<std::uint32_t>::max()) {
     bytes = 0;
@@ -194,8 +195,8 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
                                                    << made->shape.bytes << " bytes");
     }
     made->pixels.reset(static_cast<std::uint8_t*>(memory));
-    // Written, not obtained zeroed: an untouched page is the one shared zero page, and an engine that reads
-    // it would stay in the cache.
+    // Zeroed by writing. Memory that comes zeroed from the kernel is one shared page until it is written, and
+    // reads of that page stay in the cache.
     std::memset(memory, 0, made->shape.bytes);
 
     const std::uint32_t bytes = made->shape.bytes;
@@ -236,7 +237,7 @@ std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
     if (pixels == to->pixels.get()) {
       host::CopyInPlace(to->pixels.get(), to->shape.bytes);
     } else {
-      // A caller's own record may name part of the destination's memory.
+      // memmove: a caller's record may name a part of the destination's memory.
       std::memmove(to->pixels.get(), pixels, to->shape.bytes);
     }
     return kQetOk;

@@ -17,15 +17,15 @@ struct PlaneShape {
   std::uint64_t Bytes() const { return std::uint64_t{width} * height * channels; }
 };
 
-/// An image's planes in the order in which they lie in memory, one right behind the other.
+/// An image's planes in the order of memory, without a gap between them.
 struct ImageShape {
   std::uint32_t planeCount = 0;
   PlaneShape planes[2];
   std::uint32_t bytes = 0;  ///< of all planes
 };
 
-/// Works out the planes from the record's type, width and height. Returns 0; or says in the name of
-/// `operation` what is wrong with them, and returns kQetUnsupported (type) or kQetInvalidSize.
+/// Computes the planes from the record's type, width and height. Returns 0. Otherwise logs in the name of
+/// `operation` what is wrong and returns kQetUnsupported (type) or kQetInvalidSize.
 std::int32_t DescribeImage(const char* operation, const ImageData& record, ImageShape& shape);
 
 /// The memory of one QetImageMallocAligned.
@@ -41,9 +41,9 @@ struct Image {
   std::unique_ptr<std::uint8_t, Free> pixels;
 };
 
-/// Finds the memory behind a record and checks that the record still says what was allocated. Returns 0 with
-/// `image`; or says what is wrong with the `role` ("source", ...) in the name of `operation`, and returns the
-/// code. The memory stays while `image` is held, even if another thread destroys the record meanwhile.
+/// Finds the memory of a record and checks that the record's fields are those of the allocation. Returns 0
+/// and fills `image`. Otherwise logs in the name of `operation` what is wrong with the `role` ("source", ...)
+/// and returns the code. The memory stays while `image` is held, even if another thread destroys the record.
 std::int32_t RequireImage(const char* operation, const char* role, const ImageData& record,
                           std::shared_ptr<Image>& image);
 

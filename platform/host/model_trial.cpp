@@ -28,13 +28,13 @@ namespace {
 
 constexpr char kProgram[] = "ormis/model_trial";  // beside the library
 
-/// A file as it is now: one that is written anew is another.
+/// Identifies a file and its present content: changes when the file is replaced or written.
 using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
 
 std::mutex trialMutex;
 std::set<FileState> passed;
 
-/// Returns false for what is no file to load a model from; the engine says why.
+/// Returns false for what is no regular file. OnnxModel::Load then says why.
 bool StateOf(const std::string& path, FileState& state) {
   struct stat status{};
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
@@ -65,21 +65,21 @@ class Pipe {
   bool Ok() const { return ends_[0] >= 0; }
   int WriteEnd() const { return ends_[1]; }
 
-  /// All that `writer` writes until it has ended. That nobody can write any more does not tell: a process
-  /// that another thread forked meanwhile can, as long as it lives.
+  /// Returns all that `writer` writes until it ends. Does not wait for the end of the pipe: a process that
+  /// another thread forked meanwhile holds the write end open as long as it lives.
   std::string ReadAll(pid_t writer) {
     Close(ends_[1]);
-    // Where the kernel is too old for it, the end of the pipe has to do.
+    // Fails on a kernel before 5.3. poll then ignores it, and the end of the pipe is waited for.
     ended_ = static_cast<int>(syscall(SYS_pidfd_open, writer, 0));
-    const bool isGone = ended_ < 0 && errno == ESRCH;  // the application ignores SIGCHLD
+    const bool isGone = ended_ < 0 && errno == ESRCH;  // where the application ignores SIGCHLD
     pollfd events[] = {{ends_[0], POLLIN, 0}, {ended_, POLLIN, 0}};
     std::string text;
     char part[512];
     for (;;) {
-      // One trial at a time: the callers' lock is held meanwhile, on purpose.
+      // The callers' lock is held on purpose: one trial at a time.
       // NOLINTBEGIN(clang-analyzer-unix.BlockInCriticalSection)
       if (poll(events, std::size(events), isGone ? 0 : -1) < 0 && errno == EINTR) continue;
-      if (events[0].revents == 0) return text;  // all that an ended process has written is there
+      if (events[0].revents == 0) return text;  // the process has ended, and all it wrote has been read
       const ssize_t size = read(ends_[0], part, sizeof part);
       // NOLINTEND(clang-analyzer-unix.BlockInCriticalSection)
       if (size < 0 && errno == EINTR) continue;
@@ -98,7 +98,7 @@ class Pipe {
   int ended_ = -1;  ///< readable when the writer has ended
 };
 
-/// The environment, but for what would put a stranger's code into the process.
+/// The environment without LD_PRELOAD, which would load foreign code into the process.
 std::vector<char*> TrialEnvironment() {
   std::vector<char*> variables;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
@@ -108,7 +108,7 @@ std::vector<char*> TrialEnvironment() {
   return variables;
 }
 
-/// Starts the process with `output` as its standard output and nothing else of this one's. Returns 0 or an
+/// Starts the process with `output` as its standard output; it inherits no other descriptor. Returns 0 or an
 /// error number.
 int Start(const std::string& path, int output, pid_t& child) {
   std::string program = ProgramPath();
@@ -123,7 +123,7 @@ int Start(const std::string& path, int output, pid_t& child) {
     (void)posix_spawn_file_actions_destroy(&files);
     return error;
   }
-  // The interrupt of a terminal reaches the process, too: it is not to look like a fault of the model.
+  // Ctrl-C reaches this process, too. Blocked, so that it does not look like a fault of the model.
   sigset_t blocked;
   (void)sigemptyset(&blocked);
   (void)sigaddset(&blocked, SIGINT);
@@ -140,11 +140,11 @@ int Start(const std::string& path, int output, pid_t& child) {
   return error;
 }
 
-/// How the process ended, in words.
+/// Waits for the process and describes how it ended.
 std::string EndOf(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return "an end that nobody saw";  // the application ignores SIGCHLD
+    if (errno != EINTR) return "exit status unknown";  // the application ignores SIGCHLD
   }
   if (!WIFSIGNALED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
   if (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL) {
@@ -155,7 +155,7 @@ std::string EndOf(pid_t child) {
   return name != nullptr ? name : "signal " + std::to_string(WTERMSIG(status));
 }
 
-/// Finds the line of `step` in what the process said. Returns false when it did not come that far.
+/// Reads the line of `step` from the process's output. Returns false where the process ended before it.
 bool Find(const std::string& said, const std::string& step, Outcome& outcome) {
   const std::string head = step + ' ';
   for (std::size_t begin = 0; begin < said.size();) {
@@ -178,7 +178,7 @@ void WarnOnce(int error) {
   static std::atomic<bool> warned{false};
   if (warned.exchange(true)) return;
   Log().LogWarn({__FILE__, "TryModel", __LINE__})
-      << "models are loaded untried: cannot run " << ProgramPath() << ": " << std::strerror(error);
+      << "models are loaded without a trial: cannot run " << ProgramPath() << ": " << std::strerror(error);
 }
 
 }  // namespace

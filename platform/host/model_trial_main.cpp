@@ -1,5 +1,5 @@
-// The process that libormis.so tries a model file in. Its only argument is the file; standard output takes
-// the result.
+// The process in which libormis.so tries a model file. Its only argument is the file. It writes the result to
+// standard output.
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@
 #include "diagnostics.h"
 #include "model_trial.h"
 
-// Sanitizers reserve address space without end, and have bounds of their own.
+// Sanitizers reserve far more address space than RLIMIT_AS would allow. They have limits of their own.
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define MODEL_TRIAL_SANITIZED
 constexpr char kSanitizerOptions[] = "hard_rss_limit_mb=4096:allocator_may_return_null=1";
@@ -28,7 +28,7 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 
 namespace Ormis::host {
 
-// The engine's part of the library asks for it. What there is to say comes back as the result.
+// onnx_model.cpp needs it. Logs nothing: the result says what there is to say.
 ara::log::Logger& Log() {
   return ara::log::CreateLogger("QET", "", ara::log::LogLevel::kOff);
 }
@@ -59,7 +59,7 @@ void Say(const char* step, const Outcome& outcome) {
 }
 
 Outcome Run(OnnxModel& model) {
-  // Buffers that cannot be made fail in the caller's process as well, and are told there.
+  // Buffers that cannot be made fail in the caller's process as well, which logs the reason.
   if (!model.CreateInputs().Ok() || !model.CreateOutputs().Ok()) return {};
   return model.Run();
 }
@@ -83,8 +83,8 @@ int main(int argc, char** argv) {
   try {
     Ormis::host::Try(argv[1]);
   } catch (const std::exception&) {
-    return 3;  // memory is out: the caller sees how far it came
+    return 3;  // memory is out: the output shows how far it came
   }
-  // Not through the engine's own ending, which is not what was asked.
+  // Without the engine's clean-up at exit, which is not under test.
   std::_Exit(0);
 }

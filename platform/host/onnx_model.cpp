@@ -15,7 +15,7 @@
 
 #include "diagnostics.h"
 
-// Only the C interface: the library is built against another C++ standard library.
+// Only the C interface of ONNX Runtime: it is built with another C++ standard library.
 namespace Ormis::host {
 
 namespace {
@@ -44,7 +44,7 @@ using Status = std::unique_ptr<OrtStatus, Releaser<&OrtApi::ReleaseStatus>>;
 using TypeInfo = std::unique_ptr<OrtTypeInfo, Releaser<&OrtApi::ReleaseTypeInfo>>;
 using Value = std::unique_ptr<OrtValue, Releaser<&OrtApi::ReleaseValue>>;
 
-/// The library's text in one line, as a log record has to be.
+/// Makes one line of the runtime's text, for the log.
 std::string OneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   text.erase(text.find_last_not_of(' ') + 1);
@@ -55,16 +55,16 @@ std::string Text(const Status& status) {
   return OneLine(Api().GetErrorMessage(status.get()));
 }
 
-/// Calls that fail only when memory is out or the library is broken.
-void Must(OrtStatus* result) {
+/// Throws where `result` is a failure. For calls that fail only where memory is out or the runtime is broken.
+void ThrowOnFailure(OrtStatus* result) {
   const Status status(result);
   if (status != nullptr) throw std::runtime_error(Text(status));
 }
 
 void ORT_API_CALL LogMessage(void*, OrtLoggingLevel severity, const char* category, const char*,
                              const char* codeLocation, const char* message) {
-  // A warning, however severe the library finds it: what makes an operation fail comes back as its status,
-  // and is said once, at error level, by the operation.
+  // Errors of the runtime become warnings: where an operation fails, its status says so, and the operation
+  // logs that once at error level.
   if (severity < ORT_LOGGING_LEVEL_WARNING) return;
   const ara::log::SourceLocation here{__FILE__, "LogMessage", __LINE__};
   try {
@@ -75,7 +75,7 @@ void ORT_API_CALL LogMessage(void*, OrtLoggingLevel severity, const char* catego
   }
 }
 
-// One for all models. Each of them holds it: a session must not outlive it.
+// One environment for all models. Each model holds it, because a session must not outlive it.
 std::mutex environmentMutex;
 std::shared_ptr<OrtEnv> sharedEnvironment;
 
@@ -83,8 +83,8 @@ std::shared_ptr<OrtEnv> Environment() {
   const std::lock_guard<std::mutex> lock(environmentMutex);
   if (sharedEnvironment == nullptr) {
     OrtEnv* environment = nullptr;
-    Must(Api().CreateEnvWithCustomLogger(LogMessage, nullptr, ORT_LOGGING_LEVEL_WARNING, "ormis",
-                                         &environment));
+    ThrowOnFailure(Api().CreateEnvWithCustomLogger(LogMessage, nullptr, ORT_LOGGING_LEVEL_WARNING, "ormis",
+                                                   &environment));
     sharedEnvironment.reset(environment, Releaser<&OrtApi::ReleaseEnv>());
   }
   return sharedEnvironment;
@@ -92,18 +92,18 @@ std::shared_ptr<OrtEnv> Environment() {
 
 SessionOptions SingleThreaded() {
   OrtSessionOptions* raw = nullptr;
-  Must(Api().CreateSessionOptions(&raw));
+  ThrowOnFailure(Api().CreateSessionOptions(&raw));
   SessionOptions options(raw);
-  Must(Api().SetIntraOpNumThreads(raw, 1));
-  Must(Api().SetInterOpNumThreads(raw, 1));
-  Must(Api().SetSessionExecutionMode(raw, ORT_SEQUENTIAL));
-  Must(Api().SetSessionGraphOptimizationLevel(raw, ORT_ENABLE_ALL));
-  Must(Api().AddSessionConfigEntry(raw, "session.intra_op.allow_spinning", "0"));
-  Must(Api().AddSessionConfigEntry(raw, "session.inter_op.allow_spinning", "0"));
+  ThrowOnFailure(Api().SetIntraOpNumThreads(raw, 1));
+  ThrowOnFailure(Api().SetInterOpNumThreads(raw, 1));
+  ThrowOnFailure(Api().SetSessionExecutionMode(raw, ORT_SEQUENTIAL));
+  ThrowOnFailure(Api().SetSessionGraphOptimizationLevel(raw, ORT_ENABLE_ALL));
+  ThrowOnFailure(Api().AddSessionConfigEntry(raw, "session.intra_op.allow_spinning", "0"));
+  ThrowOnFailure(Api().AddSessionConfigEntry(raw, "session.inter_op.allow_spinning", "0"));
   return options;
 }
 
-/// Bytes of one element; 0 for a type whose elements have no fixed number of whole bytes.
+/// Bytes of one element; 0 for a type whose elements have no fixed size in whole bytes.
 std::size_t ElementBytes(ONNXTensorElementDataType type) {
   switch (type) {
     case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
@@ -139,7 +139,7 @@ struct FreeMemory {
   void operator()(void* memory) const { std::free(memory); }
 };
 
-/// Zeroed and really there: written, so that no two pages are one shared zero page.
+/// Zeroed by writing, so that each page is memory of its own and not the kernel's shared zero page.
 std::unique_ptr<void, FreeMemory> AllocatePages(std::size_t bytes) {
   constexpr std::size_t kPage = 4096;
   const std::size_t rounded = bytes == 0 ? kPage : (bytes + kPage - 1) / kPage * kPage;
@@ -149,20 +149,20 @@ std::unique_ptr<void, FreeMemory> AllocatePages(std::size_t bytes) {
   return memory;
 }
 
-/// The inputs or the outputs of a model: names as they stand in the model, then, once made, buffers and
-/// values. What Run takes is kept as arrays, so that a run builds nothing.
+/// The inputs or the outputs of a model: the names from the model and, after CreateTensors, buffers and
+/// values. The arrays are those that Run hands to the runtime, so that it allocates nothing.
 struct Tensors {
   std::vector<std::string> names;
   std::vector<const char*> namePointers;  ///< of `names`
-  std::vector<OnnxTensor> tensors;        ///< empty until made, as is what follows
+  std::vector<OnnxTensor> tensors;        ///< this and the members below are empty until `made`
   std::vector<std::unique_ptr<void, FreeMemory>> memory;
   std::vector<Value> values;
   std::vector<OrtValue*> valuePointers;  ///< of `values`
   bool made = false;
 };
 
-// Of all inputs, and of all outputs. A damaged dimension asks for any amount, and a machine may well promise
-// more than it has: the end would come when the pages are written.
+// For all inputs together, and for all outputs. A damaged dimension may ask for any amount. Linux may promise
+// more memory than there is, and the process would be killed when the pages are written.
 constexpr std::size_t kMaxTensorsBytes = std::size_t{2} << 30;
 
 struct TypeInfoGetter {
@@ -176,23 +176,24 @@ struct TensorType {
   std::size_t bytes = 0;
 };
 
-/// Finds out what a tensor has to be, if it and those before it, of `totalBytes`, fit.
+/// Reads a tensor's element type, shape and size, and adds the size to `totalBytes`. Fails where the sum
+/// would exceed kMaxTensorsBytes.
 Outcome Describe(const OrtTypeInfo* typeInfo, const std::string& item, std::size_t& totalBytes,
                  TensorType& type) {
   const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
-  Must(Api().CastTypeInfoToTensorInfo(typeInfo, &shapeInfo));
+  ThrowOnFailure(Api().CastTypeInfoToTensorInfo(typeInfo, &shapeInfo));
   if (shapeInfo == nullptr) return {kQetUnsupported, item + " is no tensor, expected a tensor"};
 
-  Must(Api().GetTensorElementType(shapeInfo, &type.element));
+  ThrowOnFailure(Api().GetTensorElementType(shapeInfo, &type.element));
   type.bytes = ElementBytes(type.element);
   if (type.bytes == 0) {
     return {kQetUnsupported, item + " has element type " + std::to_string(type.element) +
                                  ", expected a numeric one of whole bytes"};
   }
   std::size_t dimensionCount = 0;
-  Must(Api().GetDimensionsCount(shapeInfo, &dimensionCount));
+  ThrowOnFailure(Api().GetDimensionsCount(shapeInfo, &dimensionCount));
   type.shape.resize(dimensionCount);
-  Must(Api().GetDimensions(shapeInfo, type.shape.data(), dimensionCount));
+  ThrowOnFailure(Api().GetDimensions(shapeInfo, type.shape.data(), dimensionCount));
   bool fits = true;
   for (std::int64_t& dimension : type.shape) {
     if (dimension < 0) dimension = 1;
@@ -212,7 +213,7 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
   std::size_t totalBytes = 0;
   for (std::size_t i = 0; i < tensors.names.size(); ++i) {
     OrtTypeInfo* rawType = nullptr;
-    Must((Api().*getter.get)(session, i, &rawType));
+    ThrowOnFailure((Api().*getter.get)(session, i, &rawType));
     const TypeInfo typeInfo(rawType);
     const std::string item = std::string(getter.kind) + " '" + tensors.names[i] + "'";
     types.emplace_back();
@@ -222,14 +223,15 @@ Outcome CreateTensors(OrtSession* session, const TypeInfoGetter& getter, Tensors
 
   Tensors made;
   OrtMemoryInfo* rawInfo = nullptr;
-  Must(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &rawInfo));
+  ThrowOnFailure(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &rawInfo));
   const MemoryInfo memoryInfo(rawInfo);
   for (std::size_t i = 0; i < types.size(); ++i) {
     const TensorType& type = types[i];
     made.memory.push_back(AllocatePages(type.bytes));
     OrtValue* value = nullptr;
-    Must(Api().CreateTensorWithDataAsOrtValue(memoryInfo.get(), made.memory.back().get(), type.bytes,
-                                              type.shape.data(), type.shape.size(), type.element, &value));
+    ThrowOnFailure(Api().CreateTensorWithDataAsOrtValue(memoryInfo.get(), made.memory.back().get(),
+                                                        type.bytes, type.shape.data(), type.shape.size(),
+                                                        type.element, &value));
     made.values.emplace_back(value);
     made.valuePointers.push_back(value);
     made.tensors.push_back({made.memory.back().get(), type.bytes});
@@ -255,17 +257,17 @@ void ReadNames(OrtSession* session,
                OrtStatus* (*OrtApi::*get)(const OrtSession*, std::size_t, OrtAllocator*, char**) noexcept,
                std::size_t count, Tensors& tensors) {
   OrtAllocator* allocator = nullptr;
-  Must(Api().GetAllocatorWithDefaultOptions(&allocator));
+  ThrowOnFailure(Api().GetAllocatorWithDefaultOptions(&allocator));
   for (std::size_t i = 0; i < count; ++i) {
     char* name = nullptr;
-    Must((Api().*get)(session, i, allocator, &name));
+    ThrowOnFailure((Api().*get)(session, i, allocator, &name));
     tensors.names.emplace_back(name);
-    Must(Api().AllocatorFree(allocator, name));
+    ThrowOnFailure(Api().AllocatorFree(allocator, name));
   }
   for (const std::string& name : tensors.names) tensors.namePointers.push_back(name.c_str());
 }
 
-/// Why the file cannot be read; the empty string when it can.
+/// Returns why the file cannot be read, or the empty string.
 std::string Unreadable(const std::string& path) {
   struct stat status{};
   if (stat(path.c_str(), &status) != 0) return std::strerror(errno);
@@ -282,7 +284,7 @@ struct OnnxModel::State {
   Session session;
   Tensors inputs;
   Tensors outputs;
-  Outcome refusal;  ///< why it must not run; or kQetOk
+  Outcome refusal;  ///< why the model must not run, or kQetOk
 };
 
 OnnxModel::OnnxModel(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -310,18 +312,18 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   }
   state->session.reset(session);
 #ifdef __GLIBC__
-  // What loading took for a while and freed, more than the weights: the C library would keep it with this
-  // thread. One thread at a time: where another allocator stands in front of the C library's (a preloaded
-  // one, a sanitizer's), the first call of all sets the C library's up, and two at once leave it broken.
+  // Loading takes and frees more memory than the weights have. Without this call the C library would keep it.
+  // One thread at a time: where another allocator replaces the C library's (a preloaded one, a sanitizer's),
+  // the first call sets the C library's up, and two at once break it.
   static std::mutex trimming;
   const std::lock_guard<std::mutex> lock(trimming);
   (void)malloc_trim(0);
 #endif
 
   std::size_t count = 0;
-  Must(Api().SessionGetInputCount(session, &count));
+  ThrowOnFailure(Api().SessionGetInputCount(session, &count));
   ReadNames(session, &OrtApi::SessionGetInputName, count, state->inputs);
-  Must(Api().SessionGetOutputCount(session, &count));
+  ThrowOnFailure(Api().SessionGetOutputCount(session, &count));
   ReadNames(session, &OrtApi::SessionGetOutputName, count, state->outputs);
   if (firstLock.owns_lock()) isPast = true;
   model.reset(new OnnxModel(std::move(state)));
@@ -380,7 +382,7 @@ Outcome OnnxModel::Run() {
   return {};
 }
 
-// With the platform, not when the process exits: the library's own statics may be gone by then.
+// Called when the platform ends. At exit would be too late: the runtime's own statics may be gone.
 void OnnxModel::ReleaseEnvironment() {
   const std::lock_guard<std::mutex> lock(environmentMutex);
   sharedEnvironment.reset();

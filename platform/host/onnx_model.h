@@ -10,7 +10,7 @@
 
 namespace Ormis::host {
 
-/// How an engine operation ended: a code, and the reason when it is not kQetOk.
+/// Result of an engine operation: a code, and the reason where it is not kQetOk.
 struct Outcome {
   QetError code = kQetOk;
   std::string reason;
@@ -19,15 +19,15 @@ struct Outcome {
 
 /// One input or output of a model, and the memory behind it.
 struct OnnxTensor {
-  void* data = nullptr;  ///< the model's; page-aligned, zeroed when made
+  void* data = nullptr;  ///< owned by the model; page-aligned, zeroed when created
   std::size_t sizeBytes = 0;
 };
 
-/// A model that ONNX Runtime has loaded. It runs on the calling thread alone: no thread of its own.
+/// A model that ONNX Runtime has loaded. It runs on the calling thread and starts no thread.
 /// Threads: one at a time.
 class OnnxModel {
  public:
-  /// Loads the model file `path`. Fills `model`, or returns why not.
+  /// Loads the model file `path`. Fills `model`, or returns the reason of the failure.
   static Outcome Load(const std::string& path, std::unique_ptr<OnnxModel>& model);
   ~OnnxModel();
   OnnxModel(const OnnxModel&) = delete;
@@ -37,23 +37,23 @@ class OnnxModel {
   bool HasInputs() const;
   bool HasOutputs() const;
 
-  /// Make the buffers, all of them or none. A dimension that the model leaves open becomes 1.
+  /// Create the buffers: all of them or none. A dimension that the model leaves open becomes 1.
   Outcome CreateInputs();
   Outcome CreateOutputs();
   const std::vector<OnnxTensor>& Inputs() const;
   const std::vector<OnnxTensor>& Outputs() const;
 
-  /// Give the buffers back: as before CreateInputs, and CreateOutputs.
+  /// Free the buffers. The state is then that before CreateInputs or CreateOutputs.
   void DropInputs() noexcept;
   void DropOutputs() noexcept;
 
   /// Runs the model once over its buffers. Requires: inputs and outputs. Allocates nothing of its own.
   Outcome Run();
 
-  /// From here on Run fails with `reason`, and does nothing.
+  /// From now on Run does nothing and returns `reason`.
   void RefuseToRun(Outcome reason);
 
-  /// Lets go of what all models share. Models that are still loaded keep it until they go.
+  /// Releases the environment that all models share. It lives on until the last loaded model is destroyed.
   static void ReleaseEnvironment();
 
  private:

@@ -8,25 +8,25 @@
 
 namespace Ormis::host {
 
-/// Returns 0 when the platform is initialised and a live context is bound to the calling thread; otherwise
-/// says why not, in the name of `operation`, and returns the code.
+/// Returns 0 when the platform is initialised and a live context is bound to the calling thread. Otherwise
+/// logs the reason in the name of `operation` and returns the code.
 std::int32_t RequireContext(const char* operation);
 
-/// What QetRelease found left behind of one kind.
+/// What was left of one kind of object when QetRelease was called.
 struct Leftover {
   std::uint64_t count = 0;
-  std::uint64_t bytes = 0;  ///< memory given back, where the kind has a size that counts; else 0
+  std::uint64_t bytes = 0;  ///< memory of images; 0 for other kinds
 };
 
-// Each engine frees what its kind still holds. Called by QetRelease, when no other thread is in the platform.
-// They do not fail: there is no way back once the first of them has been called.
+// Each frees all objects of one kind. Called by QetRelease, when no other thread is in the platform. They
+// cannot fail, because QetRelease cannot undo those that came before.
 Leftover ReclaimChannels() noexcept;
 Leftover ReclaimImages() noexcept;
 Leftover ReclaimEncoders() noexcept;
 Leftover ReclaimModels() noexcept;
 
-/// The live objects of one kind by key. Every member may be called from any thread; an object that is found
-/// stays alive while the caller holds it, whatever happens to the table.
+/// The live objects of one kind by key. An object that was found stays alive while the caller holds it, even
+/// when it is removed. Threads: any.
 template <typename Key, typename T>
 class Table {
  public:
@@ -65,8 +65,8 @@ class Table {
   std::map<Key, std::shared_ptr<T>> objects_;
 };
 
-/// A number never given out before in this process: names of contexts, images, encoders, streams and models,
-/// so that a stale name is always recognised.
+/// Returns an id that was never returned before in this process. Contexts, images, encoders, streams and
+/// models have such ids, so that a stale one is always recognised. Later ids are greater.
 std::uint64_t NextId();
 
 }  // namespace Ormis::host

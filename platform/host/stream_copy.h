@@ -11,7 +11,7 @@ struct CopyRoutine {
   void (*copy)(void* destination, const void* source, std::size_t bytes);
 };
 
-/// Routines in a row, without memory of the heap: whoever copies must not fail for want of any.
+/// A list of routines that uses no heap, so that a copy cannot fail for want of memory.
 class CopyRoutineList {
  public:
   void Add(CopyRoutine routine) { routines_.at(size_++) = routine; }
@@ -26,13 +26,13 @@ class CopyRoutineList {
   std::size_t size_ = 0;
 };
 
-/// The ways that this processor knows, the narrowest stores first. The first is the C library's own memcpy;
-/// the others write past the caches ("streaming stores"), so that every byte of the destination crosses the
-/// memory controller.
+/// The routines that this processor can run. The first is the C library's memcpy. The others write past the
+/// caches with streaming stores, so that every byte of the destination crosses the memory controller; the
+/// narrowest stores come first.
 const CopyRoutineList& CopyRoutines();
 
-/// Counts from here on are copied past the caches. Below it a destination is likely to be read again at once,
-/// from the cache, and a streamed one would have to come back from memory.
+/// The smallest copy that is streamed. A smaller destination is likely to be read again at once; streamed, it
+/// would have to come back from memory.
 constexpr std::size_t kStreamFromBytes = std::size_t{1} << 20;
 
 /// The routine for a copy of that size: the first below kStreamFromBytes, else the last.

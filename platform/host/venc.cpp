@@ -16,14 +16,14 @@ namespace host {
 
 namespace {
 
-// The next frame may be sent before the last stream is given back, but a caller that never gives one back
-// must not fill the memory.
+// A caller may send frames before it releases streams, but one that never releases any must not fill the
+// memory.
 constexpr std::size_t kMaxOutstanding = 16;
-constexpr std::uint32_t kMaxBitrateKbps =
-    INT_MAX / 1000;  // libavcodec keeps the rate buffer's bits in an int
-// Settings that libx264 refuses are kept from it: it loses what it had allocated by then, up to 20 MB a time.
+// libavcodec keeps the bits of the rate buffer in an int.
+constexpr std::uint32_t kMaxBitrateKbps = INT_MAX / 1000;
+// libx264 must not see settings that it refuses: each time it leaks what it has allocated, up to 20 MB.
 constexpr std::uint32_t kMaxSide = 16384;
-constexpr std::uint32_t kMaxFrameRate = 100'000;  // at high bit rates it counts 380,000 and more as too many
+constexpr std::uint32_t kMaxFrameRate = 100'000;  // at high bit rates it refuses 380,000 and more
 
 struct Slot {
   enum class State : std::uint8_t { kFree, kWaiting, kFetched };
@@ -81,7 +81,7 @@ std::int32_t CheckSettings(const QetVenc& venc) {
   return kQetOk;
 }
 
-/// Checks the frame. Where its pixels are the platform's, they stay while `image` is held.
+/// Checks the frame. Where its pixels are in the platform's memory, `image` keeps them alive.
 std::int32_t RequireFrame(const ImageData& frame, const Encoder& encoder, std::shared_ptr<Image>& image) {
   constexpr const char* kSendFrame = "QetVenc::SendFrame";
   if (frame.bufferMode == kQetBufferPlatform) {
@@ -114,7 +114,7 @@ std::int32_t RequireFrame(const ImageData& frame, const Encoder& encoder, std::s
   return kQetOk;
 }
 
-/// Returns the encoder, or null after saying why there is none and setting `status`.
+/// Returns the encoder. Otherwise logs why there is none, sets `status` and returns null.
 std::shared_ptr<Encoder> RequireEncoder(const char* operation, const QetVenc& venc, std::int32_t& status) {
   status = RequireContext(operation);
   if (status != kQetOk) return nullptr;
@@ -257,7 +257,7 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
   });
 }
 
-// Takes no context and no initialised platform: after QetRelease there is just nothing left to free.
+// Needs no context and no initialised platform: after QetRelease there is nothing left to free.
 QetVenc::~QetVenc() {
   (void)host::Guarded("QetVenc::~QetVenc", [&]() -> std::int32_t {
     host::encoders.Take(encoderId);

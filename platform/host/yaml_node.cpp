@@ -32,7 +32,7 @@ std::string ReadFile(const std::string& path) {
   const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
   if (file == nullptr) fail(errno);
 
-  // One byte more than allowed, and never more: a device may have no end.
+  // Reads at most one byte more than allowed: a device may have no end.
   std::string text(kMaxFileBytes + 1, '\0');
   text.resize(std::fread(text.data(), 1, text.size(), file.get()));
   if (std::ferror(file.get()) != 0) fail(errno);
@@ -44,9 +44,9 @@ std::string ReadFile(const std::string& path) {
 
 }  // namespace
 
-/// Reads one document from the parser's events. The nodes lie in a flat list in which an alias is one more
-/// reference to the node it names; the tree of values is made from it at the end, when its size is known to
-/// be within the limits.
+/// Reads one document from the parser's events. The nodes are entries of a flat list, and an alias is a
+/// further reference to an entry. The tree of values is made from the list at the end, when its size is known
+/// to be within the limits.
 class QetYamlBuilder {
  public:
   QetYamlBuilder(const std::string& path, const std::string& text) : path_(path), text_(text) {
@@ -96,13 +96,13 @@ class QetYamlBuilder {
     yaml_event_t event_{};
   };
 
-  /// One node of the text, or, through an alias, several of the tree.
+  /// One node of the text. Aliases may make it several nodes of the tree.
   struct Entry {
     Kind kind = Kind::kNull;
     std::string scalar;
     std::map<std::string, std::size_t> children;  ///< of a mapping, by index into entries_
-    std::size_t nodes = 1;                        ///< of the tree below and with it
-    std::size_t depth = 1;                        ///< levels of the tree below and with it
+    std::size_t nodes = 1;                        ///< of its subtree, itself included
+    std::size_t depth = 1;                        ///< levels of its subtree, its own included
     bool complete = false;
   };
 
@@ -117,7 +117,7 @@ class QetYamlBuilder {
     if (parser_.context != nullptr) message += std::string(" ") + parser_.context;
     yaml_mark_t at = parser_.problem_mark;
     if (parser_.error == YAML_READER_ERROR) {
-      // The reader knows only the offset of the byte that it refuses.
+      // The reader reports only the offset of the byte that it refuses.
       at = yaml_mark_t{};
       for (std::size_t i = 0; i < parser_.problem_offset && i < text_.size(); ++i) {
         at.column = text_[i] == '\n' ? 0 : at.column + 1;
@@ -138,7 +138,7 @@ class QetYamlBuilder {
     return text == nullptr ? std::string() : reinterpret_cast<const char*>(text);
   }
 
-  /// Adds nodes to the tree, within the limits.
+  /// Counts new nodes of the tree. Throws beyond a limit.
   void Spend(const Event& event, std::size_t nodes, std::size_t depth) {
     if (depth > kMaxDepth) Fail(event.Start(), "more than 64 levels deep");
     nodes_ += nodes;
@@ -225,7 +225,7 @@ class QetYamlBuilder {
     }
   }
 
-  /// Fills the nodes where they stay: a node that is returned is copied with all below it.
+  /// Fills nodes in place. A node that is returned would be copied with its whole subtree.
   void Expand(std::size_t index, QetYamlNode& node) const {
     const Entry& entry = entries_[index];
     node.kind_ = entry.kind;
@@ -269,7 +269,7 @@ QetYamlNode::QetYamlNode(const std::string& path) {
 QetYamlNode::QetYamlNode() = default;
 QetYamlNode::QetYamlNode(const QetYamlNode& other) = default;
 
-// By way of a copy: `other` may be one of this node's own children, which goes with them.
+// Copies first: `other` may be one of this node's own children, which are replaced.
 QetYamlNode& QetYamlNode::operator=(const QetYamlNode& other) {
   QetYamlNode copy(other);
   children.swap(copy.children);

@@ -716,7 +716,7 @@ TEST_F(FaultTest, AProcessThatCannotBeStartedIsToldOnceAndChangesNothingElse) {
   program.Signal(SIGINT);
   EXPECT_THAT(program.Wait(), Exited(0));
   const std::vector<std::string> texts = Texts(LogFile(), "");
-  EXPECT_THAT(texts, Contains(AllOf(testing::StartsWith("WARN models are loaded untried: cannot run "),
+  EXPECT_THAT(texts, Contains(AllOf(testing::StartsWith("WARN models are loaded without a trial: cannot run "),
                                     testing::EndsWith(": Resource temporarily unavailable")))
                          .Times(1));
   EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));

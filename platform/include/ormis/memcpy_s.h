@@ -5,7 +5,7 @@
 
 #include "ormis/export.h"
 
-/// Largest size that memcpy_s accepts. A larger one is taken for a negative number that was converted (the C
+/// Largest size that memcpy_s accepts. A larger one is treated as a converted negative number (the C
 /// standard's Annex K, K.3.4, suggests such a limit).
 constexpr std::size_t kMemcpySMax = SIZE_MAX >> 1;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The accelerator platform's interface, whole. Declarations only: any implementation of them may be linked.
+/// Includes the whole interface of the accelerator platform. Any implementation of it may be linked.
 #include "ormis/memcpy_s.h"
 #include "ormis/ormis_logger.h"
 #include "ormis/qet_context.h"

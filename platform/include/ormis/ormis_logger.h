@@ -5,9 +5,9 @@
 namespace Ormis {
 
 /// The process-wide logger. Created on first use with context "TPW" at the most verbose level, so that a log
-/// statement works before logging is started; the start-up then puts the application's logger in its place.
-/// Threads: the first use may come from several threads at once; the replacement belongs to the main thread
-/// before any other thread exists. Reads take no lock.
+/// statement works before logging is started. The start-up then replaces it by the application's logger.
+/// Threads: any may make the first use. The main thread replaces the logger before any other thread exists.
+/// A read of `logger` takes no lock; a call of GetInstance that meets the first use waits for its end.
 class OrmisLogger {
  public:
   static OrmisLogger& GetInstance() {

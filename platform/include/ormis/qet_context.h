@@ -9,11 +9,11 @@
 
 namespace Ormis {
 
-/// A device context. Opaque to its owner: value-initialise it, hand it to the operations below, destroy it.
-/// Plain data; copying it does not create a second context.
+/// Names a device context. Callers value-initialise it, pass it to the operations below and destroy it, and
+/// use none of its members. A copy of the record names the same context.
 struct QetContext {
-  std::uint64_t id = 0;        ///< the platform's; 0 while no context has been created in it
-  std::string name;            ///< the platform's; never set by callers beyond the empty string
+  std::uint64_t id = 0;        ///< set by the platform; 0: no context
+  std::string name;            ///< the platform's own; callers leave it empty
   std::uint32_t deviceId = 0;  ///< callers leave 0, the default device
 };
 static_assert(sizeof(QetContext) == 40 && offsetof(QetContext, name) == 8 &&
@@ -22,7 +22,7 @@ static_assert(sizeof(QetContext) == 40 && offsetof(QetContext, name) == 8 &&
 
 /// Start-up parameters of the process context; an empty string and 0 choose the platform's defaults.
 struct QetContextParameters {
-  std::string configuration;   ///< the platform's; the host implementation knows only the empty string
+  std::string configuration;   ///< defined by the platform; the host accepts only the empty string
   std::uint32_t deviceId = 0;  ///< 0: the default device
 };
 static_assert(sizeof(QetContextParameters) == 32 && offsetof(QetContextParameters, deviceId) == 24,
@@ -33,22 +33,25 @@ static_assert(sizeof(QetContextParameters) == 32 && offsetof(QetContextParameter
 /// Returns 0, or a code; after a failure nothing needs releasing.
 ORMIS_API std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters);
 
-/// Ends the platform: frees every context, channel, image, encoder and model that was left behind, and says
-/// at info level what that was. `context` is the one given to QetInitialize and is emptied. Threads: the main
-/// thread, when no other thread is inside the platform. Returns 0, or a code and leaves the platform as it
-/// was.
+/// Ends the platform: frees every context, channel, image, encoder and model that still exists, and logs at
+/// info level what those were. Requires: `context` is the one that QetInitialize filled; it is emptied.
+/// Threads: the main thread, when no other thread is inside the platform. Returns 0, or a code and changes
+/// nothing.
 ORMIS_API std::int32_t QetRelease(QetContext& context);
 
-/// Creates a context in `context` (value-initialised, owned by the caller). It is not yet bound to a thread.
-/// Requires: QetInitialize succeeded. Threads: any. Returns 0, or a code and leaves `context` as it was.
+/// Creates a context and names it in `context` (value-initialised, owned by the caller). Binds it to no
+/// thread. Requires: QetInitialize succeeded. Threads: any. Returns 0, or a code and leaves `context` as it
+/// was.
 ORMIS_API std::int32_t QetCreateContext(QetContext& context);
 
-/// Binds `context` to the calling thread: every later channel, image, encoder or model operation of this
-/// thread runs in it. Replaces an earlier binding. Returns 0, or a code and leaves the binding as it was.
+/// Binds `context` to the calling thread: later channel, image, encoder and model operations of this thread
+/// run in it. Replaces an earlier binding. Threads: any. Returns 0, or a code and leaves the binding as it
+/// was.
 ORMIS_API std::int32_t QetSetCurrentContext(QetContext& context);
 
-/// Destroys `context`, unbinds it from the calling thread where it is bound, and empties it. What was created
-/// in it and not released stays until QetRelease. Returns 0, or a code.
+/// Destroys the context that `context` names, and empties the record. Threads that are bound to it have no
+/// context then. What was created in it and not released stays until QetRelease. Threads: any. Returns 0, or
+/// a code and changes nothing.
 ORMIS_API std::int32_t QetDestroyContext(QetContext& context);
 
 }  // namespace Ormis

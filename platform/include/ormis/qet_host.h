@@ -6,9 +6,9 @@
 
 namespace Ormis {
 
-/// Tells this implementation from others, which do not have it; asked for by its link name, never linked. The
-/// version of what the headers here say of fields that are the platform's own (ux_venc_stream,
-/// QetDNNHandle): 1. Threads: any, at any time.
+/// Exists in the host implementation alone. A program looks the symbol up at run time to recognise it, and
+/// never links it. Returns the version of the fields that these headers describe and other platforms may use
+/// in their own way (ux_venc_stream, QetDNNHandle): 1. Threads: any, at any time.
 ORMIS_API std::uint32_t QetHostVersion();
 
 }  // namespace Ormis

@@ -8,8 +8,8 @@
 
 namespace Ormis {
 
-/// Pixel formats (`ImageData::imageType`). Rows are packed: a row of a plane is width x bytes per pixel, no
-/// padding. The numbers are the platform's; 3 to 8 and 16 upwards are no formats.
+/// Pixel formats (`ImageData::imageType`). Rows have no padding: a row of a plane has width x bytes per
+/// pixel. The numbers are the platform's; 3 to 8 and those from 16 are no formats.
 enum QetImageType : std::uint32_t {
   kQetImageRgb888 = 0,     ///< packed, 3 bytes per pixel
   kQetImageBgr888 = 1,     ///< packed, 3 bytes per pixel
@@ -38,15 +38,15 @@ enum QetImageInterpolationType : std::uint32_t {
 /// Value-initialise it, then set width, height, bufferMode, imageType (and data and dataSize for
 /// kQetBufferUser).
 struct ImageData {
-  std::uint64_t offset00 = 0;      ///< the platform's, names its memory; never set by callers
-  std::string offset08;            ///< the platform's; never set by callers
+  std::uint64_t offset00 = 0;      ///< the platform's own, names the memory; never set by callers
+  std::string offset08;            ///< the platform's own; never set by callers
   std::uint32_t width = 0;         ///< pixels
   std::uint32_t height = 0;        ///< pixels
   std::uint32_t dataSize = 0;      ///< bytes at `data`; 0 before QetImageMallocAligned, which fills it
   std::uint32_t bufferMode = 0;    ///< a QetBufferMode
   std::uint32_t imageType = 0;     ///< a QetImageType
   std::uint8_t* data = nullptr;    ///< first byte of the pixels
-  std::uint64_t offset40[2] = {};  ///< the platform's; never set by callers
+  std::uint64_t offset40[2] = {};  ///< the platform's own; never set by callers
 };
 static_assert(sizeof(ImageData) == 80, "size of ImageData");
 static_assert(offsetof(ImageData, offset00) == 0x00 && offsetof(ImageData, offset08) == 0x08 &&
@@ -56,48 +56,48 @@ static_assert(offsetof(ImageData, offset00) == 0x00 && offsetof(ImageData, offse
                   offsetof(ImageData, offset40) == 0x40,
               "layout of ImageData");
 
-/// Creates a media-unit channel. `channel` holds the number that the caller would like; the platform may
-/// replace it, and the number left in it names the channel from then on. The host has the channels 0 to 255
-/// in every process: a number that is taken or is none of these, a negative one for instance, becomes the
-/// lowest free one. Requires: a current context. Threads: any. Returns 0, or a code (kQetBusy when all are
-/// taken) and leaves `channel` as it was.
+/// Creates a media-unit channel. `channel` holds the number that the caller would like. The platform may
+/// replace it; the number that it holds afterwards names the channel. The host has the channels 0 to 255 in
+/// every process, and replaces a number that is taken or outside them by the lowest free one. Requires: a
+/// current context. Threads: any. Returns 0, or a code (kQetBusy when all are taken) and leaves `channel` as
+/// it was.
 ORMIS_API std::int32_t QetCreateChannel(int& channel);
 
-/// Destroys a channel; an operation that runs on it in another thread still ends well. The number is free for
-/// the next QetCreateChannel then: a caller that goes on using it may reach somebody else's channel, which
-/// the platform cannot tell. Requires: a current context. Threads: any. Returns 0, or a code.
+/// Destroys a channel. An operation that runs on it in another thread still completes. A later
+/// QetCreateChannel may return the same number, so a caller that still uses it may reach another caller's
+/// channel; the platform cannot detect that. Requires: a current context. Threads: any. Returns 0, or a code.
 ORMIS_API std::int32_t QetDestroyChannel(int channel);
 
 /// Allocates media-unit memory for `image` (width, height, bufferMode 1 and imageType set, data null) and
-/// fills `data`, `dataSize` and `offset00`. The memory is zeroed, really backed by pages, aligned to 4096
-/// bytes, and belongs to the platform: free it with QetImageDestroy. From then on the record's fields stay as
-/// they are: the operations below refuse a record that no longer says what was allocated. A copy of the
-/// record names the same memory; one that outlives it is refused with kQetUnknownBuffer, also when the
-/// address is in use again, and so is a record that has the address alone. At most 4294967295 bytes; the
-/// semi-planar types need an even width, those of 4:2:0 an even height, too. Requires: a current context.
-/// Threads: any. Returns 0, or a code and leaves `image` as it was.
+/// fills `data`, `dataSize` and `offset00`. The memory is zeroed, aligned to 4096 bytes, backed by pages of
+/// its own, and belongs to the platform: free it with QetImageDestroy. Until then do not change the record:
+/// the operations below refuse one that differs from what was allocated. A copy of the record names the same
+/// memory. A record whose memory was freed is refused with kQetUnknownBuffer, even when its address is in use
+/// again, and so is a record that holds only the address. Limits: 4294967295 bytes; an even width for the
+/// semi-planar types, and an even height for those of 4:2:0. Requires: a current context. Threads: any.
+/// Returns 0, or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageMallocAligned(ImageData& image);
 
 /// Copies the pixels of `source` into the media-unit memory of `destination` (same size and type).
-/// `source` is an image of QetImageMallocAligned or has kQetBufferUser and at least the bytes of its size and
-/// type. Both may be the same record: its pixels are then read and written in place and stay as they are.
+/// `source` comes from QetImageMallocAligned, or has kQetBufferUser and at least the bytes of its size and
+/// type. Both may name the same memory: its pixels are then read and written in place and keep their values.
 /// Requires: a current context; `destination` from QetImageMallocAligned. Threads: any; no two calls may
 /// share a destination. Returns 0, or a code and leaves the destination as it was.
 ORMIS_API std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination);
 
-/// Scales `source` into `destination` on `channel`, to the destination's width and height; returns when the
-/// result is in place. Both are of one image type, from QetImageMallocAligned and not the same image.
-/// `timeoutMs` is always -1: wait for the result (the host engine works on the calling thread and knows no
-/// other). The host's sides are at most 16777216 pixels; its results are exact, rounded to nearest, a half
-/// upwards. Requires: a current context. Threads: any, each with its own context; no two calls may share a
-/// destination; calls on one channel run one after the other. Returns 0, or a code and leaves the
+/// Scales `source` to the destination's width and height into `destination`, on `channel`. Returns when the
+/// result is complete. Both images come from QetImageMallocAligned, have one type and are not the same image.
+/// `timeoutMs` is -1, wait for the result; the host accepts no other value, because it works on the calling
+/// thread. The host accepts sides of at most 16777216 pixels; its results are exact, rounded to nearest, a
+/// half upwards. Requires: a current context. Threads: any, each with its own context; no two calls may share
+/// a destination; calls on one channel run one after the other. Returns 0, or a code and leaves the
 /// destination's pixels unspecified.
 ORMIS_API std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                                       QetImageInterpolationType interpolation, int timeoutMs);
 
-/// Frees what QetImageMallocAligned allocated and clears `data`, `dataSize` and `offset00`. Only `data` and
-/// `offset00` count: other fields may have been changed. Requires: a current context. Threads: any. Returns
-/// 0, or a code and leaves `image` as it was.
+/// Frees what QetImageMallocAligned allocated and clears `data`, `dataSize` and `offset00`. Looks at `data`
+/// and `offset00` alone: other fields may have changed. Requires: a current context. Threads: any. Returns 0,
+/// or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageDestroy(ImageData& image);
 
 }  // namespace Ormis

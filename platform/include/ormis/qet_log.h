@@ -7,7 +7,7 @@
 
 namespace Ormis {
 
-/// Configured log level: the number of the ara::log::LogLevel. A number from a file may be any other, too.
+/// Configured log level, with the numbers of ara::log::LogLevel. A number from a file may be none of these.
 enum QetLogLevelType : std::uint32_t {
   kQetLogOff = 0,
   kQetLogFatal = 1,
@@ -18,7 +18,7 @@ enum QetLogLevelType : std::uint32_t {
   kQetLogVerbose = 6,
 };
 
-/// Configured log mode: a sum of these bits.
+/// Configured log mode: any combination of these bits.
 enum QetLogModeType : std::uint32_t {
   kQetLogRemote = 1,
   kQetLogFile = 2,

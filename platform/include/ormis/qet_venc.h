@@ -11,17 +11,17 @@
 struct ux_venc_packet {
   const std::uint8_t* data;  ///< H.264 byte stream (Annex B start codes); the encoder's memory
   std::uint64_t sizeBytes;
-  std::int64_t frameIndex;   ///< number of the frame that it encodes, from 0
-  std::uint32_t isKeyFrame;  ///< 1 where decoding can start here
+  std::int64_t frameIndex;   ///< number of the encoded frame, from 0
+  std::uint32_t isKeyFrame;  ///< 1 when decoding can start here, else 0
   std::uint32_t reserved0;
   std::uint64_t reserved[2];
 };
 static_assert(sizeof(ux_venc_packet) == 48, "size of ux_venc_packet");
 
-/// One encoded stream with its packets: 456 bytes. Callers zero it before GetStream and hand the same record
-/// to ReleaseStream; its fields are the encoder's. The packets are valid until then.
+/// One encoded stream with its packets: 456 bytes. Callers zero it before GetStream and pass the same record
+/// to ReleaseStream. The encoder sets the fields. The packets are valid until ReleaseStream.
 struct ux_venc_stream {
-  std::uint64_t streamId;     ///< names the stream to ReleaseStream; 0: none
+  std::uint64_t streamId;     ///< names the stream for ReleaseStream; 0: none
   std::uint32_t packetCount;  ///< packets in use, at most 8
   std::uint32_t channel;      ///< channel of the encoder
   std::uint64_t totalBytes;   ///< of all packets
@@ -33,49 +33,49 @@ static_assert(offsetof(ux_venc_stream, packets) == 72, "layout of ux_venc_stream
 
 namespace Ormis {
 
-/// A video encoder. Its construction stands here, not in the library: set the configuration members, call
-/// Init, then SendFrame, GetStream, ReleaseStream for every frame; the destructor, a library call, ends it.
-/// Members whose meaning is evident carry a name; the others are named by their offset and are the encoder's
-/// own: set them to the documented values and leave them.
-/// Threads: one thread at a time per encoder, with its context current.
+/// A video encoder. Set the configuration members and call Init, then SendFrame, GetStream and ReleaseStream
+/// for every frame. The constructor is inline; the destructor is a library call and ends the encoder.
+/// Members whose meaning is known have a name. The others are named by their offset and are the encoder's
+/// own: set them to the values that it documents, and to nothing else. Threads: one thread at a time per
+/// encoder, with a current context.
 class ORMIS_API QetVenc {
  public:
-  // A constructor of its own, because the eight bytes at 0x88 are left unset: value-initialisation of a class
-  // without one would zero them.
+  // Not defaulted, because the eight bytes at 0x88 stay unset: with a defaulted constructor,
+  // value-initialisation would zero them.
   QetVenc() {}  // NOLINT(modernize-use-equals-default)
 
-  /// Ends the encoder in whatever state it is and frees its streams. Needs no context and no initialised
-  /// platform.
+  /// Ends the encoder in any state and frees its streams. Needs no context and no initialised platform.
   ~QetVenc();
 
   QetVenc(const QetVenc&) = delete;
   QetVenc& operator=(const QetVenc&) = delete;
 
-  /// Opens the encoder with the members as they are now; changing them later changes nothing. Requires: a
-  /// current context, not initialised before; width and height even and at most maxWidth and maxHeight;
-  /// bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. The host takes sides of at most 16384
-  /// pixels, 2147483 kbit/s, 100000 frames per second and a gopSize of 2147483647, and of these what its
-  /// engine can encode. Returns 0, or a code and leaves the encoder as it was.
+  /// Opens the encoder with the present values of the members. Later changes of them have no effect.
+  /// Requires: a current context; not initialised before; width and height even, at least 2 and at most
+  /// maxWidth and maxHeight; bitrateKbps, frameRate, gopSize and streamBufferBytes above 0. The host accepts
+  /// at most 16384 pixels a side, 2147483 kbit/s, 100000 frames per second and a gopSize of 2147483647; its
+  /// engine may refuse combinations of these. Returns 0, or a code and leaves the encoder as it was.
   std::int32_t Init();
 
-  /// Submits one frame: width and height of this encoder, image type 2, at least width x height x 3 / 2 bytes
-  /// at data, which is either the caller's memory (bufferMode 0) or a live image of QetImageMallocAligned
-  /// (bufferMode 1, the record as that left it). The frame is read before the call returns, even if another
-  /// thread destroys the image meanwhile, and its stream is ready then. Streams that were not
-  /// released are kept, a limited number of them and of their bytes (streamBufferBytes): beyond it, kQetBusy.
-  /// Requires: a current context. Returns 0, or a code.
+  /// Encodes one frame. It has width and height of this encoder, image type 2 and at least width x height x 3
+  /// / 2 bytes at data: in the caller's memory (bufferMode 0), or in a live image of QetImageMallocAligned
+  /// (bufferMode 1, with an unchanged record). When the call returns, the frame has been read, even if
+  /// another thread destroys the image meanwhile, and its stream is ready. Streams are kept until they are
+  /// released. Returns kQetBusy when too many are kept (the host: 16) or their bytes have reached
+  /// streamBufferBytes. Requires: a current context. Returns 0, or a code.
   std::int32_t SendFrame(const ImageData& frame);
 
-  /// Delivers the stream of the oldest frame not yet fetched, kQetNoStream where there is none. Its packets
-  /// stay valid until ReleaseStream, the encoder's end or QetRelease. Requires: a current context. Returns 0,
-  /// or a code and leaves `stream` as it was.
+  /// Fetches the stream of the oldest frame whose stream was not fetched. Its packets are valid until
+  /// ReleaseStream, the encoder's end or QetRelease. Requires: a current context. Returns 0, or a code
+  /// (kQetNoStream where no stream waits) and leaves `stream` as it was.
   std::int32_t GetStream(ux_venc_stream& stream);
 
-  /// Gives the buffers of a fetched stream back, once for every successful GetStream, and zeroes the record;
-  /// kQetNoStream for a stream that is not outstanding. Requires: a current context. Returns 0, or a code.
+  /// Frees the buffers of a fetched stream and zeroes the record. To be called once for every successful
+  /// GetStream. Requires: a current context. Returns 0, or a code (kQetNoStream for a stream that was not
+  /// fetched or was released before).
   std::int32_t ReleaseStream(ux_venc_stream& stream);
 
-  std::uint64_t encoderId = 0;                       ///< 0x00, the encoder's: 0 while not initialised
+  std::uint64_t encoderId = 0;                       ///< 0x00, the encoder's own; 0: not initialised
   std::uint64_t offset08[16] = {};                   ///< 0x08
   std::uint64_t offset88;                            ///< 0x88, left unset
   std::uint32_t offset90[11] = {};                   ///< 0x90

@@ -8,29 +8,31 @@
 
 namespace Ormis {
 
-/// A node of a parsed YAML document; a value: copies are independent, and a node may be assigned from one of
-/// its own children. Reading is const and safe from any
-/// thread. Limits of a document, against files that are hostile or simply no configuration: one document, 64
-/// levels deep, 10,000 nodes (keys and items count, an alias counts as what it names), 1 MiB. Errors are
-/// also: duplicate keys, keys that are no scalars, undefined and self-referencing aliases. Tags other than
-/// !!null and !!str are ignored; "<<" is a key like any other.
+/// A node of a parsed YAML document. Copies are independent, and a node may be assigned from one of its own
+/// children. Threads: any may read; one that writes excludes all others.
+/// Limits of a file: one document, 64 levels, 10,000 nodes, 1 MiB. Keys, values and items are nodes, and an
+/// alias counts as all the nodes that it names. Duplicate keys, keys that are not scalars, and undefined or
+/// self-referencing aliases are errors. Tags other than !!null and !!str are ignored. "<<" is a key like any
+/// other.
 class ORMIS_API QetYamlNode {
  public:
-  /// Loads and parses the file; this is its root node, a mapping (or nothing, for an empty document).
-  /// Throws std::runtime_error, with line and column, from 1, where it is about the text ("c.yaml:7:3: ...").
+  /// Reads the file; the node is its root. The root is a mapping, or null where the document is empty or
+  /// null. Throws std::runtime_error: for a fault of the text with line and column, from 1 ("c.yaml:7:3:
+  /// ..."); for a file that cannot be read with the reason. Throws std::bad_alloc.
   explicit QetYamlNode(const std::string& path);
   QetYamlNode();
   QetYamlNode(const QetYamlNode& other);
   QetYamlNode& operator=(const QetYamlNode& other);
   ~QetYamlNode();
 
-  /// The child of that key. Throws std::runtime_error naming the key when there is none: test `children`
-  /// first.
+  /// Returns a copy of the child of that key. Throws std::runtime_error with the key when there is none: look
+  /// into `children` first.
   QetYamlNode operator[](const std::string& key) const;
 
   /// Reads the child's scalar into `out`. Returns false, and leaves `out` alone, when the key is missing or
-  /// its value does not convert. For T = std::string any scalar but null converts; for T = unsigned int
-  /// decimal, 0x and 0o numbers up to 4294967295, plain or quoted, with an optional +.
+  /// its value does not convert. T is std::string or unsigned int. Every scalar but null converts to a
+  /// string. Decimal, 0x and 0o numbers up to 4294967295 convert to an unsigned int, plain or quoted, with an
+  /// optional +.
   template <typename T>
   bool GetValue(const std::string& key, T& out) const;
 
@@ -38,7 +40,7 @@ class ORMIS_API QetYamlNode {
   /// when it does not convert.
   bool AsIf(unsigned int& out) const;
 
-  /// The children of a mapping by key; empty for anything else. Callers count a key here before they read it.
+  /// The children of a mapping by key; empty for any other node. Test here whether a key exists.
   std::map<std::string, QetYamlNode> children;
 
  private:
