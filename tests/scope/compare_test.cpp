@@ -10,6 +10,10 @@
 #include <regex>
 #include <sstream>
 
+#include "compare_conditions.h"
+#include "comparison_text.h"
+#include "number_text.h"
+#include "run_folder.h"
 #include "run_summary.h"
 #include "run_tool.h"
 #include "sanitizers.h"

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "configuration.h"
+#include "errors.h"
 #include "temporary_folder.h"
 
 namespace {

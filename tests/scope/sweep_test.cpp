@@ -9,10 +9,14 @@
 #include <set>
 #include <thread>
 
-#include "conditions.h"
+#include "compare_conditions.h"
+#include "configuration.h"
+#include "run_folder.h"
 #include "run_tool.h"
+#include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
+#include "sweep_text.h"
 #include "synthetic_run.h"
 #include "temporary_folder.h"
 

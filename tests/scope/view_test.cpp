@@ -1,6 +1,7 @@
-#include "view.h"
-
 #include <gtest/gtest.h>
+
+#include "live_view.h"
+#include "number_text.h"
 
 namespace {
 

@@ -1,0 +1,73 @@
+#include "compare_input.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+#include "errors.h"
+#include "run_folder.h"
+#include "sweep_folder.h"
+#include "sweep_plan.h"
+
+namespace scope {
+namespace {
+
+namespace fs = std::filesystem;
+
+Side PointOfSweep(const std::string& folder, const std::string& point, const std::string& argument) {
+  const Sweep sweep = ReadSweep(folder);
+  const SweepLevels wanted = ParsePoint(point);
+  const auto refuse = [&argument](const std::string& why) { throw RunFolderError(argument + ": " + why); };
+  for (const auto& [section, level] : wanted) {
+    const auto isSection = [&name = section](const SweepAxis& axis) { return axis.section == name; };
+    if (std::none_of(sweep.axes.begin(), sweep.axes.end(), isSection)) refuse(section + " was not swept");
+  }
+  Side side;
+  side.name = argument;
+  side.warmupS = sweep.settings.warmupS;
+  bool known = false;
+  for (const SweepRun& run : sweep.runs) {
+    bool matches = true;
+    for (const auto& level : run.levels) {
+      const auto sameSection = [&](const auto& one) { return one.first == level.first; };
+      const auto at = std::find_if(wanted.begin(), wanted.end(), sameSection);
+      if (at == wanted.end()) refuse("it says no level of " + level.first + ", which was swept");
+      matches = matches && at->second == level.second;
+    }
+    if (!matches) continue;
+    known = true;
+    if (run.state == SweepState::kDone) side.runs.push_back(ReadRun(fs::path(folder) / run.folder));
+  }
+  if (!known) refuse("the sweep has no such point");
+  if (side.runs.empty()) refuse("no run of this point is done");
+  return side;
+}
+
+}  // namespace
+
+Side ReadSide(const std::string& argument) {
+  std::error_code ignored;
+  const std::size_t colon = argument.rfind(':');
+  if (!fs::exists(argument, ignored) && colon != std::string::npos) {
+    return PointOfSweep(argument.substr(0, colon), argument.substr(colon + 1), argument);
+  }
+  if (IsSweepFolder(argument)) {
+    throw RunFolderError(argument + " is a sweep: name a point of it, as in " + argument + ":CPU=1,VENC=2");
+  }
+  Side side;
+  side.name = argument;
+  if (!IsRunFolder(argument) && fs::is_directory(argument, ignored)) {
+    std::set<std::string> folders;
+    for (const auto& entry : fs::directory_iterator(argument, ignored)) {
+      if (IsRunFolder(entry.path().string())) folders.insert(entry.path().string());
+    }
+    for (const std::string& folder : folders) side.runs.push_back(ReadRun(folder));
+    if (side.runs.empty()) throw RunFolderError(argument + ": neither a run folder nor a folder of runs");
+    return side;
+  }
+  side.runs.push_back(ReadRun(argument));
+  return side;
+}
+
+}  // namespace scope

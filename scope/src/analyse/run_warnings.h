@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "run.h"
+#include "run_summary.h"
+
+namespace scope {
+
+/// What is to be known before the figures of `run` are believed, a sentence each: what the reader noted (an
+/// incomplete run, gaps), a build for debugging, a busy machine at the start, failed operations, an engine
+/// that stopped working, rates still drifting at the end, printed rates that are not to be used, throttling
+/// and memory errors that the counters show. Empty where nothing is amiss.
+std::vector<std::string> Warnings(const Run& run, const RunSummary& summary);
+
+/// Where `engine`, or a thread of it, did nothing any more before the run ended at `endS`: a sentence without
+/// the engine's name. Empty where all worked to the end.
+std::string EarlyEnd(const EngineSummary& engine, double endS);
+
+/// True where so many operations take less than a millisecond that the printed rate is not to be used.
+bool HasShortOperations(const EngineSummary& engine);
+
+/// From so much on a change over the last half of a run is worth a word.
+constexpr double kDrift = 0.02;
+
+/// How much a series of rates, the same time apart, still changes over its last half: the Theil-Sen slope
+/// times the half's length, as a share of its median. 0 where the Mann-Kendall test does not tell a trend
+/// from noise at the 1 % level, or fewer than kLeastForDrift values are in that half.
+double DriftAtEnd(const std::vector<double>& rates);
+
+constexpr std::size_t kLeastForDrift = 8;
+
+}  // namespace scope

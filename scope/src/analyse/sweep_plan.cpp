@@ -1,0 +1,135 @@
+#include "sweep_plan.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <random>
+#include <sstream>
+#include <utility>
+
+#include "errors.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+constexpr int kMostLevel = 10;
+constexpr std::size_t kMostRuns = 9999;
+const std::array<const char*, 4> kSections = {"VPC", "VENC", "CPU", "AIC"};
+
+int ParseLevel(const std::string& text, const std::string& whole) {
+  const bool digits =
+      !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos;
+  const int level = digits ? std::atoi(text.c_str()) : kMostLevel + 1;
+  if (level > kMostLevel) {
+    throw RunFolderError("\"" + whole + "\": expected levels from 0 to " + std::to_string(kMostLevel) +
+                         ", found \"" + text + "\"");
+  }
+  return level;
+}
+
+SweepAxis ParseAxis(const std::string& text) {
+  SweepAxis axis;
+  const std::size_t sign = text.find('=');
+  axis.section = text.substr(0, sign);
+  if (sign == std::string::npos ||
+      std::find(kSections.begin(), kSections.end(), axis.section) == kSections.end()) {
+    throw RunFolderError("\"" + text +
+                         "\": expected CPU, VPC, VENC or AIC, then \"=\" and levels, as in CPU=0,1,2..4");
+  }
+  const auto refuse = [&text](const std::string& why) { throw RunFolderError("\"" + text + "\": " + why); };
+  std::istringstream parts(text.substr(sign + 1) + ",");
+  for (std::string part; std::getline(parts, part, ',');) {
+    const std::size_t dots = part.find("..");
+    const int first = ParseLevel(part.substr(0, dots), text);
+    const int last = dots == std::string::npos ? first : ParseLevel(part.substr(dots + 2), text);
+    if (last < first) refuse("the range " + part + " falls");
+    for (int level = first; level <= last; ++level) {
+      if (std::find(axis.levels.begin(), axis.levels.end(), level) != axis.levels.end()) {
+        refuse("level " + std::to_string(level) + " comes twice");
+      }
+      axis.levels.push_back(level);
+    }
+  }
+  std::sort(axis.levels.begin(), axis.levels.end());
+  return axis;
+}
+
+// Own, because std::shuffle is free to do it another way in the next version of the library.
+void Shuffle(std::vector<std::size_t>& items, std::mt19937_64& random) {
+  for (std::size_t i = items.size(); i > 1; --i) std::swap(items[i - 1], items[random() % i]);
+}
+
+}  // namespace
+
+std::string PointText(const SweepLevels& levels) {
+  std::string text;
+  for (const auto& [section, level] : levels) {
+    text += (text.empty() ? "" : " ") + section + "=" + std::to_string(level);
+  }
+  return text;
+}
+
+std::vector<SweepAxis> ParseAxes(const std::vector<std::string>& texts) {
+  std::vector<SweepAxis> axes;
+  for (const std::string& text : texts) {
+    SweepAxis axis = ParseAxis(text);
+    for (const SweepAxis& other : axes) {
+      if (other.section == axis.section)
+        throw RunFolderError("levels of " + axis.section + " are given twice");
+    }
+    axes.push_back(std::move(axis));
+  }
+  return axes;
+}
+
+SweepLevels ParsePoint(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text + ",");
+  for (std::string part; std::getline(stream, part, ',');) parts.push_back(part);
+  SweepLevels levels;
+  for (const SweepAxis& axis : ParseAxes(parts)) {
+    if (axis.levels.size() != 1)
+      throw RunFolderError("\"" + text + "\": expected one level of " + axis.section);
+    levels.emplace_back(axis.section, axis.levels.front());
+  }
+  return levels;
+}
+
+std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed) {
+  std::vector<SweepLevels> points = {{}};
+  for (const SweepAxis& axis : axes) {
+    std::vector<SweepLevels> longer;
+    for (const SweepLevels& point : points) {
+      for (const int level : axis.levels) {
+        longer.push_back(point);
+        longer.back().emplace_back(axis.section, level);
+      }
+    }
+    points = std::move(longer);
+  }
+  const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
+  if (count > kMostRuns) {
+    throw RunFolderError("the grid has " + std::to_string(count) + " runs, and a sweep at most " +
+                         std::to_string(kMostRuns));
+  }
+  std::vector<SweepRun> runs(count);
+  std::mt19937_64 random(seed);
+  int order = 0;
+  for (int repeat = 1; repeat <= repeats; ++repeat) {
+    std::vector<std::size_t> shuffled(points.size());
+    for (std::size_t i = 0; i < shuffled.size(); ++i) shuffled[i] = i;
+    Shuffle(shuffled, random);
+    for (const std::size_t point : shuffled) {
+      const std::size_t index =
+          point * static_cast<std::size_t>(repeats) + static_cast<std::size_t>(repeat - 1);
+      runs[index].folder = Format("run-%04zu", index + 1);
+      runs[index].levels = points[point];
+      runs[index].repeat = repeat;
+      runs[index].order = ++order;
+    }
+  }
+  return runs;
+}
+
+}  // namespace scope

@@ -1,0 +1,149 @@
+#include "sweep_table.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include "compare_conditions.h"
+#include "errors.h"
+#include "run_folder.h"
+#include "run_summary.h"
+#include "run_warnings.h"
+#include "statistics.h"
+#include "sweep_plan.h"
+
+namespace scope {
+namespace {
+
+constexpr double kCloseShare = 0.05;
+constexpr double kConfidence = 0.95;
+const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
+
+int Threads(const SweepPoint& point) {
+  int sum = 0;
+  for (const auto& [section, level] : point.levels) sum += level;
+  return sum;
+}
+
+bool NoDifferenceShown(const std::vector<double>& a, const std::vector<double>& b) {
+  const auto least = static_cast<std::size_t>(LeastRepeats(kConfidence));
+  if (a.size() < least || b.size() < least) return false;
+  const Interval interval = MedianDifference(a, b, {});
+  return (interval.low <= 0 && interval.high >= 0) || RankSumP(a, b) > 1 - kConfidence;
+}
+
+void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
+  for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
+    if (difference.name == "levels") continue;
+    notes.push_back("the runs were not all recorded under the same " + difference.name + ": " + difference.a);
+  }
+}
+
+}  // namespace
+
+SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
+  SweepTable table;
+  table.axes = sweep.axes;
+  std::set<FigureKey> keys;
+  std::vector<Run> runs;
+  std::size_t notDone = 0;
+  for (const SweepRun& planned : sweep.runs) {
+    if (table.points.empty() || table.points.back().levels != planned.levels) {
+      table.points.push_back({planned.levels, 0, {}});
+    }
+    if (planned.state != SweepState::kDone) {
+      ++notDone;
+      if (planned.state == SweepState::kFailed) {
+        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) +
+                              ") failed: " + planned.reason);
+      }
+      continue;
+    }
+    SweepPoint& point = table.points.back();
+    try {
+      Run run = ReadRun(folder + "/" + planned.folder);
+      const RunSummary summary = Summarise(run);
+      for (const EngineSummary& engine : summary.engines) {
+        const std::string end = IsLoad(engine.engine) ? EarlyEnd(engine, summary.endS) : std::string();
+        if (end.empty()) continue;
+        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine.engine +
+                              ": " + end);
+      }
+      auto figures = FiguresOf(summary, sweep.settings.warmupS);
+      // No operation at all: every level is 0.
+      if (sweep.settings.useMeter && run.samples.empty()) figures[kTotal] = {0};
+      for (const auto& [key, seconds] : figures) {
+        keys.insert(key);
+        point.values[key].push_back(Median(seconds));
+        if (key.figure == Figure::kOperations && std::abs(DriftAtEnd(seconds)) > kDrift) {
+          table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): the rate of " +
+                                key.engine + " is still drifting at the end");
+        }
+      }
+      ++point.runs;
+      run.samples.clear();
+      run.histogram.clear();
+      runs.push_back(std::move(run));
+    } catch (const RunFolderError& error) {
+      table.notes.emplace_back(error.what());
+      ++notDone;
+    }
+  }
+  if (notDone != 0) {
+    table.notes.push_back(std::to_string(notDone) + " of " + std::to_string(sweep.runs.size()) +
+                          " runs are not done");
+  }
+  if (!runs.empty()) NoteConditions(runs, table.notes);
+  for (const FigureKey& key : keys) {
+    if (key.engine != kAllEngines && (table.engines.empty() || table.engines.back() != key.engine)) {
+      table.engines.push_back(key.engine);
+    }
+  }
+  return table;
+}
+
+double GreatestBandwidth(const SweepTable& table) {
+  double greatest = 0;
+  for (const SweepPoint& point : table.points) {
+    greatest = std::max(greatest, MedianOf(point, kTotal).value_or(0));
+  }
+  return greatest;
+}
+
+std::optional<double> MedianOf(const SweepPoint& point, const FigureKey& key) {
+  const auto at = point.values.find(key);
+  if (at == point.values.end()) return std::nullopt;
+  return Median(at->second);
+}
+
+std::optional<Saturation> FindSaturation(const SweepTable& table) {
+  Saturation saturation;
+  const double greatest = GreatestBandwidth(table);
+  if (greatest <= 0) return std::nullopt;
+  int mostThreads = 0;
+  for (std::size_t i = 0; i < table.points.size(); ++i) {
+    const std::optional<double> total = MedianOf(table.points[i], kTotal);
+    if (!total) continue;
+    mostThreads = std::max(mostThreads, Threads(table.points[i]));
+    if (*total >= greatest) saturation.best = i;
+  }
+  const std::vector<double>& best = table.points[saturation.best].values.at(kTotal);
+  saturation.lowest = saturation.best;
+  const auto hasFewer = [&table](std::size_t point, std::size_t than) {
+    return Threads(table.points[point]) < Threads(table.points[than]);
+  };
+  for (std::size_t i = 0; i < table.points.size(); ++i) {
+    const double total = MedianOf(table.points[i], kTotal).value_or(0);
+    if (total >= (1 - kCloseShare) * greatest && hasFewer(i, saturation.lowest)) saturation.lowest = i;
+  }
+  for (std::size_t i = 0; i < table.points.size(); ++i) {
+    const auto values = table.points[i].values.find(kTotal);
+    if (values == table.points[i].values.end()) continue;
+    if (!hasFewer(i, saturation.untold.value_or(saturation.lowest))) continue;
+    if (NoDifferenceShown(values->second, best)) saturation.untold = i;
+  }
+  saturation.reached = Threads(table.points[saturation.lowest]) < mostThreads;
+  return saturation;
+}
+
+}  // namespace scope

@@ -1,0 +1,118 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "compare.h"
+#include "compare_conditions.h"
+#include "comparison_text.h"
+#include "errors.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+struct CommandOptions {
+  std::string a;
+  std::string b;
+  CompareOptions compare;
+  double skipS = -1;
+  std::vector<std::string> allowed;
+  std::vector<std::string> figures;
+  bool force = false;
+  bool json = false;
+};
+
+void RefuseDifferences(const std::vector<ConditionDifference>& differences, const CommandOptions& options) {
+  std::string lines;
+  std::set<std::string> names;
+  for (const ConditionDifference& difference : differences) {
+    const bool allowed = std::count(options.allowed.begin(), options.allowed.end(), difference.name) != 0;
+    if (allowed || options.force) continue;
+    lines += "\n  " + difference.name + ": " + difference.a + " in A, " + difference.b + " in B";
+    names.insert(difference.name);
+  }
+  if (names.empty()) return;
+  throw RunFolderError("the runs were not recorded under the same conditions:" + lines +
+                       "\nIf that is what you compare, add --allow " + Joined(names, ","));
+}
+
+int RunCompare(CommandOptions options) {
+  for (const std::string& name : options.figures) {
+    const auto& kinds = FigureKinds();
+    const auto at =
+        std::find_if(kinds.begin(), kinds.end(), [&](const FigureKind& kind) { return name == kind.name; });
+    options.compare.figures.insert(at->figure);
+  }
+  const Side a = ReadSide(options.a);
+  const Side b = ReadSide(options.b);
+  if (options.skipS >= 0) {
+    options.compare.skipS = options.skipS;
+  } else if (a.warmupS || b.warmupS) {
+    options.compare.skipS = std::max(a.warmupS.value_or(0), b.warmupS.value_or(0));
+  }
+  // One who names two points of a sweep has said that the levels differ.
+  if (a.warmupS && b.warmupS) options.allowed.emplace_back("levels");
+  const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
+  RefuseDifferences(differences, options);
+  const Comparison comparison = Compare(a, b, options.compare);
+  std::cout << (options.json ? ComparisonJson : ComparisonText)(a, b, comparison, differences,
+                                                                options.compare);
+  std::cout.flush();
+  if (!std::cout)
+    throw RunFolderError(std::string("cannot write to standard output: ") + std::strerror(errno));
+  return comparison.regression ? kExitFailure : kExitOk;
+}
+
+}  // namespace
+
+void AddCompare(CLI::App& app, int& status) {
+  CLI::App* const command = app.add_subcommand(
+      "compare", "Tell whether B is better or worse than A: runs, points of a sweep, or folders of repeats");
+  const auto options = std::make_shared<CommandOptions>();
+  command->add_option("A", options->a, "Run folder, folder of runs, or SWEEP:CPU=1,VENC=2")->required();
+  command->add_option("B", options->b, "The same")->required();
+  std::vector<std::string> figures;
+  for (const FigureKind& kind : FigureKinds()) figures.emplace_back(kind.name);
+  command->add_option("--figure", options->figures, "Compare these alone")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::IsMember(figures));
+  command
+      ->add_option("--tolerance", options->compare.tolerancePercent,
+                   "Per cent that a figure may be worse before it is a regression")
+      ->check(CLI::Range(0.0, 100.0))
+      ->capture_default_str();
+  command
+      ->add_option("--skip", options->skipS,
+                   "Seconds left out at the start of each run (default: a sweep's warm-up, else 5)")
+      ->check(CLI::Range(0.0, 1e6));
+  command
+      ->add_option("--confidence", options->compare.confidence, "Confidence of the intervals, 0.5 to 0.999")
+      ->check(CLI::Range(0.5, 0.999))
+      ->capture_default_str();
+  command->add_option("--seed", options->compare.seed, "Seed of the bootstrap")->capture_default_str();
+  command->add_option("--allow", options->allowed, "Conditions that may differ, by name")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::IsMember(ConditionNames()));
+  command->add_flag("--force", options->force, "Compare whatever differs");
+  command->add_flag("--json", options->json, "Print JSON");
+  command->callback([options, &status] {
+    try {
+      status = RunCompare(*options);
+    } catch (const RunFolderError&) {
+      throw;
+    } catch (const std::exception& error) {
+      // What cannot be judged, for want of memory or for any other reason, is no regression.
+      throw RunFolderError(std::string("cannot compare: ") + error.what());
+    }
+  });
+}
+
+}  // namespace scope

@@ -1,0 +1,287 @@
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <random>
+
+#include "commands.h"
+#include "compare.h"
+#include "compare_conditions.h"
+#include "compare_input.h"
+#include "comparison_text.h"
+#include "configuration.h"
+#include "errors.h"
+#include "live_view.h"
+#include "recording.h"
+#include "run_folder.h"
+#include "sweep_folder.h"
+#include "sweep_plan.h"
+#include "sweep_table.h"
+#include "sweep_text.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kConfigName = "config.yaml";
+// What the figures leave out at a run's end, and two seconds for a median.
+constexpr double kLeastMeasuredS = 4;
+// From the end of a run to the start of the next one.
+constexpr double kBetweenS = 2;
+
+struct SweepOptions {
+  std::string config;
+  std::string folder;
+  std::string resume;
+  std::vector<std::string> levels;
+  SweepSettings settings;
+  bool quiet = false;
+};
+
+std::string Absolute(const std::string& path) {
+  return path.empty() ? path : fs::absolute(path).lexically_normal().string();
+}
+
+// Seconds that a run of the sweep takes.
+double RunSeconds(const std::string& config, const SweepSettings& settings) {
+  unsigned int runTimeS = 0;
+  (void)ReadConfiguration(config, runTimeS);
+  const double whole = runTimeS;
+  return settings.stopAfterS > 0 ? std::min(settings.stopAfterS, whole) : whole;
+}
+
+RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
+  RecordOptions options;
+  options.folder = folder;
+  options.config = folder + "/" + kConfigName;
+  options.force = true;  // of the sweep's own folder: what is in it is this run's configuration, or its rest
+  options.benchmark = sweep.settings.benchmark;
+  options.meter = sweep.settings.meter;
+  options.useMeter = sweep.settings.useMeter;
+  options.extra = sweep.settings.extra;
+  options.systemRoot = sweep.settings.systemRoot;
+  options.graceS = sweep.settings.graceS;
+  options.stopAfterS = sweep.settings.stopAfterS;
+  return options;
+}
+
+Sweep Prepare(const SweepOptions& options) {
+  if (options.levels.empty()) throw RunFolderError("nothing to sweep: say --levels, as in --levels CPU=0..4");
+  Sweep sweep;
+  sweep.settings = options.settings;
+  sweep.settings.benchmark = Absolute(sweep.settings.benchmark);
+  sweep.settings.meter = Absolute(sweep.settings.meter);
+  sweep.configPath = options.config;
+  sweep.axes = ParseAxes(options.levels);
+  sweep.runs = PlanRuns(sweep.axes, sweep.settings.repeats, sweep.settings.seed);
+  const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
+  const double runS = RunSeconds(options.config, sweep.settings);
+  if (runS < sweep.settings.warmupS + kLeastMeasuredS) {
+    throw RunFolderError(
+        Format("runs of %g s are too short for a warm-up of %g s: at least %g s are to be left", runS,
+               sweep.settings.warmupS, kLeastMeasuredS));
+  }
+  CheckRecord(RecordOf(sweep, options.folder));
+
+  std::error_code error;
+  if (IsSweepFolder(options.folder)) {
+    throw RunFolderError(options.folder + " has a sweep: go on with --resume " + options.folder +
+                         ", or choose another folder");
+  }
+  if (fs::exists(options.folder, error) &&
+      (!fs::is_directory(options.folder, error) || !fs::is_empty(options.folder, error))) {
+    throw RunFolderError(options.folder + " exists and is not an empty folder: choose another one");
+  }
+  fs::create_directories(options.folder, error);
+  if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
+  sweep.started = UtcNow();
+  ReplaceFile(options.folder + "/" + kConfigName, config);
+  WriteSweep(options.folder, sweep);
+  return sweep;
+}
+
+// Runs that are to be recorded, in their order. One whose folder has gone, or is not complete, is not done.
+std::vector<SweepRun*> Due(const std::string& folder, Sweep& sweep) {
+  std::vector<SweepRun*> due;
+  for (SweepRun& run : sweep.runs) {
+    if (run.state == SweepState::kDone) {
+      const std::string path = folder + "/" + run.folder;
+      if (!IsRunFolder(path) || !ReadRunInfo(path).complete) run.state = SweepState::kPlanned;
+    }
+    if (run.state != SweepState::kDone) due.push_back(&run);
+  }
+  std::sort(due.begin(), due.end(), [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
+  return due;
+}
+
+/// SIGINT and SIGTERM wait, between the runs as well: one that comes there is not to leave the sweep half
+/// told.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigemptyset(&set_);
+    for (const int signal : {SIGINT, SIGTERM}) sigaddset(&set_, signal);
+    (void)pthread_sigmask(SIG_BLOCK, &set_, &before_);
+  }
+  ~HeldSignals() {
+    (void)Came();
+    (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+  bool Came() const {
+    const timespec none{};
+    return sigtimedwait(&set_, nullptr, &none) > 0;
+  }
+
+ private:
+  sigset_t set_{};
+  sigset_t before_{};
+};
+
+bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet) {
+  RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
+  options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
+  std::error_code error;
+  fs::create_directories(options.folder, error);
+  if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
+  ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
+  const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : MakeSilentView();
+  // The sweep's own figures come at its end.
+  const RecordResult result = RecordAndPrint(options, *view, false);
+  run.reason.clear();
+  if (result.stopped) {
+    run.state = SweepState::kInterrupted;
+  } else if (!result.complete) {
+    run.state = SweepState::kFailed;
+    run.reason = result.reason;
+  } else {
+    run.state = SweepState::kDone;
+  }
+  WriteSweep(folder, sweep);
+  return !result.stopped;
+}
+
+// True when all runs are done.
+bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
+  const std::vector<SweepRun*> due = Due(folder, sweep);
+  const double runS = due.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
+  std::cout << "sweep " << folder << ": " << due.size() << " of " << sweep.runs.size()
+            << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
+  const HeldSignals signals;
+  bool interrupted = false;
+  for (std::size_t i = 0; i < due.size() && !interrupted; ++i) {
+    SweepRun& run = *due[i];
+    const double leftS = runS * static_cast<double>(due.size() - i);
+    std::cout << "run " << run.order << " of " << sweep.runs.size() << ": " << PointText(run.levels)
+              << ", repeat " << run.repeat
+              << Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60)
+              << std::endl;
+    interrupted = !RecordOne(folder, sweep, run, quiet) || signals.Came();
+  }
+  if (interrupted) {
+    std::cerr
+        << "stress_scope: interrupted; what was recorded is kept. Go on with: stress_scope sweep --resume "
+        << folder << std::endl;
+  }
+  return std::all_of(sweep.runs.begin(), sweep.runs.end(),
+                     [](const SweepRun& run) { return run.state == SweepState::kDone; });
+}
+
+// Two points are two settings: which of them is better is what was asked.
+void ShowTwo(const std::string& folder, const Sweep& sweep, const SweepTable& table) {
+  const auto side = [&folder](const SweepPoint& point) {
+    std::string name = folder + ":" + PointText(point.levels);
+    std::replace(name.begin() + static_cast<std::ptrdiff_t>(folder.size()), name.end(), ' ', ',');
+    return ReadSide(name);
+  };
+  const Side a = side(table.points[0]);
+  const Side b = side(table.points[1]);
+  CompareOptions options;
+  options.skipS = sweep.settings.warmupS;
+  std::cout << ComparisonText(a, b, Compare(a, b, options), DifferentConditions(a.runs, b.runs), options);
+}
+
+void Show(const std::string& folder, const Sweep& sweep) {
+  const SweepTable table = ReadSweepTable(folder, sweep);
+  std::cout << Format("\nMedians after a warm-up of %g s\n", sweep.settings.warmupS) << TableText(table);
+  for (const std::string& part : {BandwidthText(table), SaturationText(table)}) {
+    if (!part.empty()) std::cout << '\n' << part;
+  }
+  for (const std::string& note : table.notes) std::cout << "\nnote: " << note;
+  if (!table.notes.empty()) std::cout << '\n';
+  const bool two = table.points.size() == 2 && table.points[0].runs != 0 && table.points[1].runs != 0;
+  if (two) {
+    std::cout << '\n';
+    try {
+      ShowTwo(folder, sweep, table);
+    } catch (const RunFolderError& error) {
+      std::cout << "not compared: " << error.what() << '\n';  // the sweep is recorded all the same
+    }
+  }
+  std::cout << std::flush;
+}
+
+int RunSweep(const SweepOptions& options) {
+  const bool resumed = !options.resume.empty();
+  const std::string folder = resumed ? options.resume : options.folder;
+  Sweep sweep = resumed ? ReadSweep(folder) : Prepare(options);
+  const bool done = RecordAll(folder, sweep, options.quiet);
+  Show(folder, sweep);
+  return done ? kExitOk : kExitFailure;
+}
+
+}  // namespace
+
+void AddSweep(CLI::App& app, int& status) {
+  CLI::App* const command =
+      app.add_subcommand("sweep", "Record a grid of levels, and show where the bandwidth saturates");
+  const auto options = std::make_shared<SweepOptions>();
+  const auto noMeter = std::make_shared<bool>(false);
+  SweepSettings& settings = options->settings;
+  CLI::Option* const config =
+      command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
+  CLI::Option* const resume = command->add_option(
+      "--resume", options->resume, "Go on with the sweep in this folder; show it when all of it is done");
+  const auto add = [command, resume](const char* name, auto& value, const char* help) {
+    return command->add_option(name, value, help)->excludes(resume);
+  };
+  config->excludes(resume);
+  add("--levels", options->levels, "Section and its levels, as in CPU=0,1,2..4; once for each section")
+      ->allow_extra_args(false);
+  add("--repeat", settings.repeats, "Runs of each point")->check(CLI::Range(1, 1000))->capture_default_str();
+  add("--warmup", settings.warmupS, "Seconds at the start of each run that figures leave out")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+  add("--stop-after", settings.stopAfterS, "Seconds after which SIGINT ends each run (default: its run time)")
+      ->check(CLI::Range(0.0, 1e6));
+  CLI::Option* const seed =
+      add("--seed", settings.seed, "Seed of the order (default: another one each time)");
+  add("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)");
+  add("--benchmark", settings.benchmark, "Program to run (default: stress_benchmark beside this one)");
+  add("--meter", settings.meter, "Meter to preload (default: libstress_scope.so of this build)");
+  command->add_flag("--no-meter", *noMeter, "Record rate lines, counters and conditions alone")
+      ->excludes(resume);
+  add("--sysfs-root", settings.systemRoot, "Folder that has sys and proc (default: /)");
+  add("--grace", settings.graceS, "Seconds without a sign of life after the run time that count as hung")
+      ->check(CLI::Range(1.0, 3600.0))
+      ->capture_default_str();
+  command->add_flag("--quiet", options->quiet, "Show no table while a run goes on");
+  add("EXTRA", settings.extra, "Further arguments of the benchmark, after --");
+  command->callback([options, noMeter, seed, &status] {
+    options->settings.useMeter = !*noMeter;
+    if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
+    if (options->folder.empty()) options->folder = TimedFolder("sweep-");
+    if (seed->count() == 0) options->settings.seed = std::random_device()();
+    status = RunSweep(*options);
+  });
+}
+
+}  // namespace scope

@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// A recorded run as plain data. scope/FORMAT.md describes the files that it is kept in.
+namespace scope {
+
+/// Has rows for the seconds alone in which it worked.
+constexpr const char* kSetUpEngine = "vpc_copy";
+
+/// Seconds between two samples of a thread from which on the reader speaks of a gap.
+constexpr double kGapS = 1.75;
+
+struct Cache {
+  int level = 0;
+  std::string type;  ///< "Data", "Instruction" or "Unified", as the kernel says
+  std::uint64_t bytes = 0;
+  int instances = 0;  ///< how many of this cache the machine has
+};
+
+/// The machine and the program, as found when the run started. An empty text, or 0, is something that the
+/// machine does not tell.
+struct Conditions {
+  std::string cpuModel;
+  int cpuCount = 0;
+  std::vector<Cache> caches;
+  std::string governor;
+  double cpuMhzMin = 0;
+  double cpuMhzMax = 0;
+  std::uint64_t memTotalBytes = 0;
+  std::string kernel;
+  std::string hostnameHash;  ///< tells machines apart without naming them
+  std::string buildType;     ///< of the benchmark, empty where it is not of this tool's own build
+  std::vector<std::pair<std::string, std::string>> libraryVersions;  ///< name to version, sorted by name
+  std::vector<double> loadAverage;                                   ///< three values, empty where unknown
+  bool meter = false;                                                ///< false: no samples, rate lines alone
+};
+
+struct Configuration {
+  std::string path;
+  std::string text;
+  /// Engine ("cpu", "vpc", "venc", "aic") to its level, for the sections that the file has.
+  std::vector<std::pair<std::string, int>> levels;
+  /// Its other values, by name: "runTimes", "AIC.File".
+  std::vector<std::pair<std::string, std::string>> settings;
+};
+
+/// A source of counters that was looked for.
+struct CounterSource {
+  std::string source;
+  bool present = false;
+  std::string reason;  ///< why it is absent; empty where it is present
+};
+
+/// run.json.
+struct RunInfo {
+  std::string tool;
+  std::string kind;     ///< "record" or "rates"
+  std::string started;  ///< UTC, ISO 8601
+  bool complete = false;
+  std::string incompleteReason;
+  double durationS = 0;
+  int exitStatus = 0;
+  int signal = 0;  ///< the one that ended the benchmark, 0 where none did
+  std::string label;
+  Configuration config;
+  Conditions conditions;
+  std::vector<CounterSource> counters;
+};
+
+/// What one worker thread did on one engine in one second. Operations are calls that succeeded; busy time,
+/// bytes and latencies are theirs alone.
+struct Sample {
+  double timeS = 0;  ///< end of the second, from the benchmark's start
+  std::string engine;
+  int thread = 0;
+  std::uint64_t operations = 0;
+  std::uint64_t busyNs = 0;
+  std::optional<std::uint64_t> bytes;  ///< none where unknown
+  std::uint64_t failures = 0;
+  std::uint64_t p50Ns = 0;  ///< these three are 0 where operations is
+  std::uint64_t p99Ns = 0;
+  std::uint64_t maxNs = 0;
+};
+
+/// Operations of a whole run whose latency is in [lowNs, highNs).
+struct HistogramRow {
+  std::string engine;
+  int thread = 0;
+  std::uint64_t lowNs = 0;
+  std::uint64_t highNs = 0;
+  std::uint64_t count = 0;
+};
+
+/// One stress's part of one rate line.
+struct Rate {
+  double timeS = 0;  ///< when the line came
+  std::string stress;
+  double fps = 0;
+};
+
+struct CounterValue {
+  double timeS = 0;
+  std::string source;
+  std::string name;
+  std::string unit;
+  double value = 0;
+};
+
+struct Run {
+  std::string folder;
+  RunInfo info;
+  std::vector<Sample> samples;
+  std::vector<HistogramRow> histogram;
+  std::vector<Rate> rates;
+  std::vector<CounterValue> counters;
+  /// What the reader noticed and went on with, a sentence each: an incomplete run, a cut last line, seconds
+  /// without a sample.
+  std::vector<std::string> notes;
+};
+
+}  // namespace scope

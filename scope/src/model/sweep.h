@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// What a sweep records, and how far it has come, as plain data.
+namespace scope {
+
+/// A section of the configuration and the levels that it gets.
+struct SweepAxis {
+  std::string section;  ///< "CPU", "VPC", "VENC" or "AIC"
+  std::vector<int> levels;
+};
+
+/// Levels by section, in the order of the axes: a point of the grid.
+using SweepLevels = std::vector<std::pair<std::string, int>>;
+
+enum class SweepState { kPlanned, kDone, kFailed, kInterrupted };
+
+struct SweepRun {
+  std::string folder;  ///< within the sweep's
+  SweepLevels levels;
+  int repeat = 1;  ///< from 1
+  int order = 1;   ///< of execution, from 1
+  SweepState state = SweepState::kPlanned;
+  std::string reason;  ///< why it failed; empty otherwise
+};
+
+/// How each run is recorded, kept so that a resumed sweep does the same.
+struct SweepSettings {
+  int repeats = 1;
+  double warmupS = 5;      ///< seconds at the start of each run that the figures leave out
+  double stopAfterS = 0;   ///< 0: each run goes on for the run time of the configuration
+  std::uint64_t seed = 0;  ///< of the order
+  std::string benchmark;   ///< as in RecordOptions, and so are the others
+  std::string meter;
+  bool useMeter = true;
+  std::vector<std::string> extra;
+  std::string systemRoot = "/";
+  double graceS = 15;
+};
+
+struct Sweep {
+  std::string started;     ///< UTC, ISO 8601
+  std::string configPath;  ///< of the user's file; the folder has it as config.yaml, with absolute paths
+  SweepSettings settings;
+  std::vector<SweepAxis> axes;
+  std::vector<SweepRun> runs;  ///< by point of the grid, the last axis first, then by repeat
+};
+
+}  // namespace scope

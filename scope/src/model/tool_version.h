@@ -1,0 +1,7 @@
+#pragma once
+
+namespace scope {
+
+constexpr const char* kToolVersion = "stress_scope " STRESS_VERSION;
+
+}  // namespace scope

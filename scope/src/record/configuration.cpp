@@ -1,0 +1,114 @@
+#include "configuration.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
+
+#include "errors.h"
+#include "ormis/qet_yaml.h"
+#include "system_files.h"
+
+namespace scope {
+namespace {
+
+using Json = nlohmann::ordered_json;
+namespace fs = std::filesystem;
+
+constexpr int kMostLevel = 10;
+constexpr const char* kModelSection = "AIC";
+const std::array<const char*, 4> kSections = {"VPC", "VENC", "CPU", "AIC"};
+
+std::string Quoted(const std::string& text) {
+  return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// The document's values, but for the levels, by their keys with dots between.
+void AddSettings(const Ormis::QetYamlNode& node, const std::string& prefix,
+                 std::vector<std::pair<std::string, std::string>>& settings) {
+  static const std::set<std::string> kLevels = {"CPU.Level", "VPC.Level", "VENC.Level", "AIC.Level"};
+  for (const auto& [key, child] : node.children) {
+    const std::string name = prefix + key;
+    std::string value;
+    if (!child.children.empty()) {
+      AddSettings(child, name + ".", settings);
+    } else if (kLevels.count(name) == 0 && node.GetValue<std::string>(key, value)) {
+      settings.emplace_back(name, value);
+    }
+  }
+}
+
+}  // namespace
+
+Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS) {
+  // What the benchmark makes of a file: its defaults, and its least run time.
+  constexpr unsigned int kLeastRunTimesS = 40;
+  Configuration config;
+  config.path = path;
+  try {
+    const Ormis::QetYamlNode root(path);
+    runTimesS = kLeastRunTimesS;
+    (void)root.GetValue<unsigned int>("runTimes", runTimesS);
+    runTimesS = std::max(runTimesS, kLeastRunTimesS);
+    for (const auto& [key, engine] : {std::pair("CPU", "cpu"), std::pair("VPC", "vpc"),
+                                      std::pair("VENC", "venc"), std::pair("AIC", "aic")}) {
+      unsigned int level = 0;
+      if (root.children.count(key) == 0 || !root[key].GetValue<unsigned int>("Level", level)) continue;
+      config.levels.emplace_back(engine, static_cast<int>(std::min(level, 1'000'000U)));
+    }
+    AddSettings(root, "", config.settings);
+  } catch (const std::exception& error) {
+    throw RunFolderError(error.what());
+  }
+  // After the parse, which takes files of a limited size alone.
+  const std::optional<std::string> text = ReadText(path);
+  if (!text) throw RunFolderError("cannot read " + path + ": " + std::strerror(errno));
+  config.text = *text + "\n";
+  return config;
+}
+
+std::string PointConfiguration(const std::string& path, const SweepLevels& levels) {
+  std::string text;
+  try {
+    const Ormis::QetYamlNode root(path);
+    for (const char* const key : {"logMode", "logLevel", "runTimes"}) {
+      if (root.children.count(key) == 0) continue;
+      // What is there and no number counts as 0 to the benchmark.
+      unsigned int value = 0;
+      (void)root.GetValue<unsigned int>(key, value);
+      text += std::string(key) + ": " + std::to_string(value) + "\n";
+    }
+    for (const char* const section : kSections) {
+      const bool has = root.children.count(section) != 0;
+      const bool isModel = std::strcmp(section, kModelSection) == 0;
+      const auto swept = std::find_if(levels.begin(), levels.end(),
+                                      [&](const auto& level) { return level.first == section; });
+      if (swept == levels.end() && !has) continue;
+      unsigned int level = 0;
+      if (swept != levels.end()) {
+        level = static_cast<unsigned int>(swept->second);
+      } else if (!root[section].GetValue<unsigned int>("Level", level) || level > kMostLevel) {
+        throw RunFolderError(path + ": expected a \"Level\" from 0 to 10 in the section " + section);
+      }
+      text += std::string(section) + ":\n  Level: " + std::to_string(level) + "\n";
+      if (!isModel) continue;
+      std::string file;
+      if (!has || !root[section].GetValue<std::string>("File", file)) {
+        throw RunFolderError(path + ": levels of AIC need a section AIC with a model as \"File\"");
+      }
+      text +=
+          "  File: " + Quoted(file.empty() ? file : fs::absolute(file).lexically_normal().string()) + "\n";
+    }
+  } catch (const RunFolderError&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw RunFolderError(error.what());
+  }
+  return text;
+}
+
+}  // namespace scope

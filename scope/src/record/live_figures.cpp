@@ -1,0 +1,70 @@
+#include "live_figures.h"
+
+#include <algorithm>
+
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+// The engines that are shown, in this order. vpc_copy is set-up.
+constexpr const char* kShownEngines[] = {"cpu", "vpc", "venc", "aic"};
+
+template <typename Engines>
+std::vector<std::string> Ordered(const Engines& engines) {
+  std::vector<std::string> names;
+  for (const char* name : kShownEngines) {
+    if (engines.count(name) != 0) names.emplace_back(name);
+  }
+  return names;
+}
+
+}  // namespace
+
+void Figures::Add(const MeterSecond& second) {
+  const double spanS = second.timeS - timeS_;
+  for (auto& [name, engine] : engines_) {
+    engine.last = {};
+    engine.last.failures = engine.failures;
+  }
+  std::map<std::string, std::uint64_t> operations;
+  std::map<std::string, std::uint64_t> bytes;
+  for (const Sample& sample : second.samples) {
+    EngineState& engine = engines_[sample.engine];
+    operations[sample.engine] += sample.operations;
+    if (sample.bytes) {
+      bytes[sample.engine] += *sample.bytes;
+    } else {
+      engine.bytesKnown = false;
+    }
+    engine.failures += sample.failures;
+    engine.last.failures = engine.failures;
+    engine.last.threads += sample.operations != 0 ? 1 : 0;
+    engine.last.maxNs = std::max(engine.last.maxNs, sample.maxNs);
+  }
+  for (auto& [name, engine] : engines_) {
+    if (spanS > 0) {
+      engine.last.operationsPerS = static_cast<double>(operations[name]) / spanS;
+      if (engine.bytesKnown)
+        engine.last.gigabytesPerS = static_cast<double>(bytes[name]) / spanS / kBytesPerGigabyte;
+    }
+    engine.history.push_back(engine.last.operationsPerS);
+    const auto latencies = second.latencies.find(name);
+    if (latencies == second.latencies.end()) continue;
+    engine.last.p50Ns = std::min(latencies->second.Percentile(0.50), engine.last.maxNs);
+    engine.last.p99Ns = std::min(latencies->second.Percentile(0.99), engine.last.maxNs);
+  }
+  timeS_ = second.timeS;
+}
+
+std::vector<std::pair<std::string, EngineFigures>> Figures::Last() const {
+  std::vector<std::pair<std::string, EngineFigures>> rows;
+  for (const std::string& name : Ordered(engines_)) rows.emplace_back(name, engines_.at(name).last);
+  return rows;
+}
+
+const std::vector<double>& Figures::History(const std::string& engine) const {
+  return engines_.at(engine).history;
+}
+
+}  // namespace scope

@@ -1,0 +1,178 @@
+#include "live_view.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "number_text.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+constexpr std::size_t kSparkWidth = 30;
+
+std::string GigabytesPerS(const EngineFigures& figures) {
+  return figures.gigabytesPerS ? Format("%.3f", *figures.gigabytesPerS) : "-";
+}
+
+class LiveView : public View {
+ public:
+  ~LiveView() override { LiveView::End(); }
+
+  void Second(const Figures& figures, double timeS, double runTimeS) override {
+    if (ended_) return;
+    std::vector<std::string> lines;
+    lines.push_back(Format("%5.0f s of %.0f s  ", timeS, runTimeS) + ProgressBar(timeS, runTimeS, kBarWidth));
+    lines.push_back(Format("%-6s %7s %12s %9s %10s %10s %10s  %s", "engine", "threads", "ops/s", "GB/s",
+                           "p50", "p99", "max", "ops/s over time"));
+    for (const auto& [engine, row] : figures.Last()) {
+      lines.push_back(
+          Format("%-6s %7d %12s %9s %10s %10s %10s  ", engine.c_str(), row.threads,
+                 RateText(row.operationsPerS).c_str(), GigabytesPerS(row).c_str(), Latency(row.p50Ns).c_str(),
+                 Latency(row.p99Ns).c_str(), Latency(row.maxNs).c_str()) +
+          Sparkline(figures.History(engine), kSparkWidth) +
+          (row.failures == 0 ? "" : Format("  %llu failed", static_cast<unsigned long long>(row.failures))));
+    }
+    table_ = std::move(lines);
+    Draw();
+  }
+
+  void ErrorLine(const std::string& line) override {
+    if (ended_) {
+      (void)std::fprintf(stderr, "%s\n", line.c_str());
+      return;
+    }
+    Erase();
+    Put("\r" + line + "\033[K\n");
+    Draw();
+  }
+
+  bool TakesErrors() const override { return true; }
+
+  void End() override {
+    if (ended_) return;
+    ended_ = true;
+    if (cursorHidden_) Put("\033[?25h");
+  }
+
+ private:
+  void Erase() {
+    if (drawn_ != 0) Put(Format("\033[%zuA\033[J", drawn_));
+    drawn_ = 0;
+  }
+
+  void Draw() {
+    if (!cursorHidden_) Put("\033[?25l");
+    cursorHidden_ = true;
+    Erase();
+    winsize size{};
+    // A line that wraps would take two, and the table would climb.
+    std::size_t width = 80;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) width = size.ws_col - 1U;
+    std::string text;
+    for (const std::string& line : table_) text += Cut(line, width) + "\033[K\n";
+    Put(text);
+    drawn_ = table_.size();
+  }
+
+  // The first `width` characters of UTF-8.
+  static std::string Cut(const std::string& line, std::size_t width) {
+    std::size_t characters = 0;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+      const bool begins = (static_cast<unsigned char>(line[i]) & 0xC0U) != 0x80U;
+      if (begins && characters++ == width) return line.substr(0, i);
+    }
+    return line;
+  }
+
+  static void Put(const std::string& text) {
+    (void)std::fwrite(text.data(), 1, text.size(), stdout);
+    (void)std::fflush(stdout);
+  }
+
+  std::vector<std::string> table_;
+  std::size_t drawn_ = 0;
+  bool cursorHidden_ = false;
+  bool ended_ = false;
+};
+
+class PlainView : public View {
+ public:
+  void Second(const Figures& figures, double timeS, double /*runTimeS*/) override {
+    for (const auto& [engine, row] : figures.Last()) {
+      (void)std::printf("%.0f s %s\n", timeS, Describe(engine, row).c_str());
+    }
+    (void)std::fflush(stdout);
+  }
+  void ErrorLine(const std::string& /*line*/) override {}
+  bool TakesErrors() const override { return false; }
+  void End() override {}
+};
+
+class SilentView : public View {
+ public:
+  void Second(const Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {}
+  void ErrorLine(const std::string& /*line*/) override {}
+  bool TakesErrors() const override { return false; }
+  void End() override {}
+};
+
+}  // namespace
+
+std::unique_ptr<View> MakeLiveView() {
+  return std::make_unique<LiveView>();
+}
+
+std::unique_ptr<View> MakePlainView() {
+  return std::make_unique<PlainView>();
+}
+
+std::unique_ptr<View> MakeSilentView() {
+  return std::make_unique<SilentView>();
+}
+
+bool OutputIsTerminal() {
+  const char* const terminal = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::string Describe(const std::string& engine, const EngineFigures& figures) {
+  std::string text =
+      Format("%-4s %2d %s %10s op/s %8s GB/s  p50 %s  p99 %s  max %s", engine.c_str(), figures.threads,
+             figures.threads == 1 ? "thread " : "threads", RateText(figures.operationsPerS).c_str(),
+             GigabytesPerS(figures).c_str(), Latency(figures.p50Ns).c_str(), Latency(figures.p99Ns).c_str(),
+             Latency(figures.maxNs).c_str());
+  if (figures.failures != 0)
+    text += Format("  %llu failed", static_cast<unsigned long long>(figures.failures));
+  return text;
+}
+
+std::string Sparkline(const std::vector<double>& values, std::size_t width) {
+  static const char* const kBlocks[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+  const std::size_t count = std::min(width, values.size());
+  const auto first = values.end() - static_cast<std::ptrdiff_t>(count);
+  double top = 0;
+  for (auto at = first; at != values.end(); ++at) top = std::max(top, *at);
+  std::string line;
+  for (auto at = first; at != values.end(); ++at) {
+    const double share = top > 0 ? std::clamp(*at / top, 0.0, 1.0) : 0;
+    line += kBlocks[static_cast<std::size_t>(std::lround(share * 7))];
+  }
+  return line;
+}
+
+std::string ProgressBar(double done, double whole, std::size_t width) {
+  const double share = whole > 0 ? std::clamp(done / whole, 0.0, 1.0) : 0;
+  const auto filled = static_cast<std::size_t>(std::lround(share * static_cast<double>(width)));
+  return "[" + std::string(filled, '#') + std::string(width - filled, '.') + "]" +
+         Format(" %3.0f %%", share * 100);
+}
+
+}  // namespace scope

@@ -1,0 +1,73 @@
+#include "report.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include "errors.h"
+#include "run_folder.h"
+#include "run_warnings.h"
+
+namespace scope {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string NameOf(const Run& run, std::size_t index, std::size_t count) {
+  fs::path folder = fs::path(run.folder).lexically_normal();
+  if (!folder.has_filename()) folder = folder.parent_path();
+  std::string name = run.info.label.empty() ? folder.filename().string() : run.info.label;
+  if (count == 1) return name;
+  return std::string(1, static_cast<char>('A' + index)) + ": " + name;
+}
+
+[[noreturn]] void CannotWrite(const std::string& file, int error) {
+  throw RunFolderError("cannot write " + file + ": " + std::strerror(error));
+}
+
+void WriteFile(const std::string& file, const std::string& text) {
+  std::FILE* const out = std::fopen(file.c_str(), "we");
+  if (out == nullptr) CannotWrite(file, errno);
+  errno = 0;
+  const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+  const int error = errno;
+  errno = 0;
+  if (std::fclose(out) != 0 || !written) CannotWrite(file, written ? errno : error);
+}
+
+}  // namespace
+
+std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders) {
+  if (folders.empty() || folders.size() > kMostRuns) {
+    throw RunFolderError("a report is of 1 to " + std::to_string(kMostRuns) + " run folders, not of " +
+                         std::to_string(folders.size()));
+  }
+  std::vector<ReportedRun> runs;
+  for (const std::string& folder : folders) {
+    ReportedRun reported;
+    reported.run = ReadRun(folder);
+    reported.summary = Summarise(reported.run);
+    reported.warnings = Warnings(reported.run, reported.summary);
+    reported.name = NameOf(reported.run, runs.size(), folders.size());
+    runs.push_back(std::move(reported));
+  }
+  return runs;
+}
+
+std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string& file) {
+  std::string path = file;
+  if (path.empty())
+    path = runs.size() == 1 ? (fs::path(runs.front().run.folder) / "report.html").string() : "report.html";
+  const std::string page = ReportPage(runs);
+  std::error_code ignored;
+  if (fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
+    WriteFile(path, page);  // a device or a pipe keeps its place
+    return path;
+  }
+  ReplaceFile(path, page);
+  return path;
+}
+
+}  // namespace scope

@@ -1,0 +1,125 @@
+#include "sweep_text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "number_text.h"
+#include "sweep_plan.h"
+#include "text_table.h"
+
+namespace scope {
+namespace {
+
+const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
+
+std::string OrDash(const std::optional<double>& value) {
+  return value ? ShortNumber(*value) : "-";
+}
+
+bool HasFigure(const SweepTable& table, const FigureKey& key) {
+  return std::any_of(table.points.begin(), table.points.end(),
+                     [&key](const SweepPoint& point) { return point.values.count(key) != 0; });
+}
+
+std::string CurveText(const SweepTable& table) {
+  const double greatest = GreatestBandwidth(table);
+  const std::optional<Saturation> saturation = FindSaturation(table);
+  TextTable rows("rrl");
+  rows.Add({table.axes[0].section, "GB/s", ""});
+  for (std::size_t i = 0; i < table.points.size(); ++i) {
+    const SweepPoint& point = table.points[i];
+    const std::optional<double> total = MedianOf(point, kTotal);
+    std::string bar;
+    const auto filled =
+        static_cast<std::size_t>(std::lround(total.value_or(0) / greatest * static_cast<double>(kBarWidth)));
+    for (std::size_t j = 0; j < filled; ++j) bar += "█";
+    if (saturation && saturation->reached && saturation->lowest == i) bar += " saturated";
+    rows.Add({std::to_string(point.levels[0].second), OrDash(total), bar});
+  }
+  return "Total bandwidth against the level of " + table.axes[0].section + "\n" + rows.Text();
+}
+
+std::string MapText(const SweepTable& table) {
+  static const char* const kShades[] = {"  ", "░░", "▒▒", "▓▓", "██"};
+  const SweepAxis& down = table.axes[0];
+  const SweepAxis& across = table.axes[1];
+  const double greatest = GreatestBandwidth(table);
+  TextTable rows("l");
+  std::vector<std::string> head = {""};
+  for (const int level : across.levels) head.push_back(across.section + "=" + std::to_string(level));
+  rows.Add(head);
+  auto point = table.points.begin();
+  for (const int level : down.levels) {
+    std::vector<std::string> row = {down.section + "=" + std::to_string(level)};
+    for (std::size_t i = 0; i < across.levels.size(); ++i, ++point) {
+      const std::optional<double> total = MedianOf(*point, kTotal);
+      const auto shade = static_cast<std::size_t>(std::lround(total.value_or(0) / greatest * 4));
+      row.push_back(OrDash(total) + " " + (total ? kShades[shade] : "  "));
+    }
+    rows.Add(row);
+  }
+  return "Total bandwidth, GB/s, by the levels of " + down.section + " and " + across.section +
+         " (darkest: " + ShortNumber(greatest) + ")\n" + rows.Text();
+}
+
+}  // namespace
+
+std::string TableText(const SweepTable& table) {
+  std::vector<std::pair<std::string, FigureKey>> columns;
+  for (const std::string& engine : table.engines) {
+    if (HasFigure(table, {engine, Figure::kOperations})) {
+      columns.push_back({engine + " op/s", {engine, Figure::kOperations}});
+      columns.push_back({engine + " GB/s", {engine, Figure::kBandwidth}});
+    } else {
+      columns.push_back({engine + " printed fps", {engine, Figure::kPrinted}});
+    }
+  }
+  if (HasFigure(table, kTotal)) columns.push_back({"total GB/s", kTotal});
+  TextTable rows(std::string(table.axes.size(), 'r'));
+  std::vector<std::string> head;
+  for (const SweepAxis& axis : table.axes) head.push_back(axis.section);
+  head.emplace_back("runs");
+  for (const auto& [title, key] : columns) head.push_back(title);
+  rows.Add(head);
+  for (const SweepPoint& point : table.points) {
+    std::vector<std::string> row;
+    for (const auto& [section, level] : point.levels) row.push_back(std::to_string(level));
+    row.push_back(std::to_string(point.runs));
+    for (const auto& [title, key] : columns) row.push_back(OrDash(MedianOf(point, key)));
+    rows.Add(row);
+  }
+  return rows.Text();
+}
+
+std::string BandwidthText(const SweepTable& table) {
+  if (GreatestBandwidth(table) <= 0) return {};
+  if (table.axes.size() == 1) return CurveText(table);
+  if (table.axes.size() == 2) return MapText(table);
+  return {};
+}
+
+std::string SaturationText(const SweepTable& table) {
+  const std::optional<Saturation> saturation = FindSaturation(table);
+  if (!saturation) return {};
+  const auto at = [&table](std::size_t point) {
+    return ShortNumber(*MedianOf(table.points[point], kTotal)) + " GB/s at " +
+           PointText(table.points[point].levels);
+  };
+  std::string text;
+  if (saturation->reached) {
+    text = "Saturates with " + at(saturation->lowest) + ", within 5 % of the best, " + at(saturation->best) +
+           ".\n";
+  } else {
+    text = "No saturation: the best, " + at(saturation->best) + ", takes the most threads that were tried.\n";
+  }
+  if (saturation->untold) {
+    text += "At this noise the repeats do not tell the best from " + at(*saturation->untold) +
+            ": record more of them, on a quieter machine.\n";
+  }
+  return text;
+}
+
+}  // namespace scope

@@ -1,0 +1,148 @@
+#include "sweep_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "errors.h"
+#include "run_folder.h"
+#include "tool_version.h"
+
+namespace scope {
+namespace {
+
+using Json = nlohmann::ordered_json;
+namespace fs = std::filesystem;
+
+constexpr const char* kSweepName = "sweep.json";
+constexpr int kSweepFormat = 1;
+const std::array<std::pair<SweepState, const char*>, 4> kStates = {
+    {{SweepState::kPlanned, "planned"},
+     {SweepState::kDone, "done"},
+     {SweepState::kFailed, "failed"},
+     {SweepState::kInterrupted, "interrupted"}}};
+
+Json ToJson(const Sweep& sweep) {
+  Json grid = Json::object();
+  for (const SweepAxis& axis : sweep.axes) grid[axis.section] = axis.levels;
+  Json runs = Json::array();
+  for (const SweepRun& run : sweep.runs) {
+    Json levels = Json::object();
+    for (const auto& [section, level] : run.levels) levels[section] = level;
+    const auto* const state =
+        std::find_if(kStates.begin(), kStates.end(), [&](const auto& one) { return one.first == run.state; });
+    runs.push_back(Json{{"folder", run.folder},
+                        {"levels", levels},
+                        {"repeat", run.repeat},
+                        {"order", run.order},
+                        {"state", state->second},
+                        {"reason", run.reason}});
+  }
+  const SweepSettings& settings = sweep.settings;
+  return Json{{"format", kSweepFormat},
+              {"tool", kToolVersion},
+              {"kind", "sweep"},
+              {"started", sweep.started},
+              {"config", Json{{"path", sweep.configPath}}},
+              {"grid", grid},
+              {"repeats", settings.repeats},
+              {"seed", settings.seed},
+              {"warmup_s", settings.warmupS},
+              {"stop_after_s", settings.stopAfterS},
+              {"benchmark", settings.benchmark},
+              {"meter", settings.meter},
+              {"use_meter", settings.useMeter},
+              {"arguments", settings.extra},
+              {"sysfs_root", settings.systemRoot},
+              {"grace_s", settings.graceS},
+              {"runs", runs}};
+}
+
+SweepRun RunFromJson(const Json& json, const std::string& path) {
+  SweepRun run;
+  json.at("folder").get_to(run.folder);
+  // Folders within the sweep's: what a resumed sweep replaces is nowhere else.
+  if (run.folder.empty() || run.folder[0] == '.' || run.folder.find('/') != std::string::npos) {
+    throw RunFolderError(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
+  }
+  for (const auto& [section, level] : json.at("levels").items()) {
+    run.levels.emplace_back(section, level.get<int>());
+  }
+  json.at("repeat").get_to(run.repeat);
+  json.at("order").get_to(run.order);
+  json.at("reason").get_to(run.reason);
+  const auto text = json.at("state").get<std::string>();
+  const auto* const state =
+      std::find_if(kStates.begin(), kStates.end(), [&](const auto& one) { return text == one.second; });
+  if (state == kStates.end()) throw RunFolderError(path + ": a run has the unknown state \"" + text + "\"");
+  run.state = state->first;
+  return run;
+}
+
+Sweep FromJson(const Json& json, const std::string& path) {
+  Sweep sweep;
+  json.at("started").get_to(sweep.started);
+  json.at("config").at("path").get_to(sweep.configPath);
+  SweepSettings& settings = sweep.settings;
+  json.at("repeats").get_to(settings.repeats);
+  json.at("seed").get_to(settings.seed);
+  json.at("warmup_s").get_to(settings.warmupS);
+  json.at("stop_after_s").get_to(settings.stopAfterS);
+  json.at("benchmark").get_to(settings.benchmark);
+  json.at("meter").get_to(settings.meter);
+  json.at("use_meter").get_to(settings.useMeter);
+  json.at("arguments").get_to(settings.extra);
+  json.at("sysfs_root").get_to(settings.systemRoot);
+  json.at("grace_s").get_to(settings.graceS);
+  for (const auto& [section, levels] : json.at("grid").items()) {
+    sweep.axes.push_back({section, levels.get<std::vector<int>>()});
+  }
+  for (const Json& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
+  for (const SweepRun& run : sweep.runs) {
+    const bool fits =
+        std::equal(run.levels.begin(), run.levels.end(), sweep.axes.begin(), sweep.axes.end(),
+                   [](const auto& level, const SweepAxis& axis) {
+                     return level.first == axis.section &&
+                            std::count(axis.levels.begin(), axis.levels.end(), level.second) == 1;
+                   });
+    if (!fits) throw RunFolderError(path + ": the run " + run.folder + " is no point of the grid");
+  }
+  return sweep;
+}
+
+}  // namespace
+
+bool IsSweepFolder(const std::string& folder) {
+  std::error_code ignored;
+  return fs::exists(fs::path(folder) / kSweepName, ignored);
+}
+
+Sweep ReadSweep(const std::string& folder) {
+  const std::string path = folder + "/" + kSweepName;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw RunFolderError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
+  try {
+    const Json json = Json::parse(file);
+    const int format = json.at("format").get<int>();
+    if (format != kSweepFormat) {
+      throw RunFolderError(path + ": written in format " + std::to_string(format) +
+                           ", this program reads format " + std::to_string(kSweepFormat));
+    }
+    if (json.at("kind").get<std::string>() != "sweep") throw RunFolderError(path + ": not a sweep");
+    return FromJson(json, path);
+  } catch (const Json::exception& error) {
+    throw RunFolderError(path + ": " + error.what());
+  }
+}
+
+void WriteSweep(const std::string& folder, const Sweep& sweep) {
+  ReplaceFile(folder + "/" + kSweepName,
+              ToJson(sweep).dump(2, ' ', false, Json::error_handler_t::replace) + '\n');
+}
+
+}  // namespace scope
