@@ -23,8 +23,8 @@ struct H264Settings {
 /// An encoder of libavcodec, with the options that make it encode at a constant bit rate and return one
 /// packet for each frame.
 struct H264Engine {
-  const char* name;     ///< libavcodec's name for it
-  const char* device;   ///< pattern of its device nodes; null for the software engine
+  const char* name;     ///< as libavcodec knows it
+  const char* device;   ///< shell pattern of its device nodes; null: the software engine, which needs none
   const char* options;  ///< its own options, "key=value,key=value"
 };
 

@@ -2,9 +2,9 @@
 
 #include "platform.h"
 
-/// The log statement of this program. `pieces` is an insertion chain: STBM_LOG_ERROR("venc init fail" << ",
-/// ret = "
-/// << ret) in VencInit writes "VencInit() | venc init fail, ret = 7".
+/// The log statement of this program. `pieces` is an insertion chain. In VencInit the statement
+///   STBM_LOG_ERROR("venc init fail, ret = " << ret);
+/// writes "VencInit() | venc init fail, ret = 7".
 /// Where the level is not enabled the statement still opens a record at that level and inserts an empty text,
 /// on purpose; `pieces` is then not evaluated. Every step asks the singleton anew. Threads: any, and signal
 /// handlers once the singleton exists.

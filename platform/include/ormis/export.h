@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// What every header of the platform needs: the mark of exported names, and the check of the standard
+/// library.
+
 #include <cstddef>
 #include <map>
 #include <string>

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The copy that the CPU stress repeats.
+
 #include <cstddef>
 #include <cstdint>
 

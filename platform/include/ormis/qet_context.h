@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Start and end of the platform, and the contexts in which its operations run.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>

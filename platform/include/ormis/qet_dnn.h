@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Inference: models and their input and output buffers.
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -12,8 +15,8 @@ namespace Ormis {
 
 /// One input or output tensor of a model.
 struct QetDNNBuffer {
-  void* data = nullptr;  ///< the platform's memory; valid until QetDNNRelease or QetRelease
-  std::uint64_t sizeBytes = 0;
+  void* data = nullptr;         ///< the platform's memory; valid until QetDNNRelease or QetRelease
+  std::uint64_t sizeBytes = 0;  ///< bytes at `data`
 };
 
 /// One loaded model with its input and output buffers. Value-initialise it on the thread that uses it, pass

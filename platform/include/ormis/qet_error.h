@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The status codes of the host.
+
 #include <cstdint>
 
 namespace Ormis {
@@ -8,7 +11,7 @@ namespace Ormis {
 /// any other value a failure. Callers log the number and never interpret it, so another implementation may
 /// use its own numbers. These start at 1001, so that they stand out in a log.
 enum QetError : std::int32_t {
-  kQetOk = 0,
+  kQetOk = 0,                     ///< success
   kQetInvalidArgument = 1001,     ///< a value outside what the operation accepts
   kQetNotInitialized = 1002,      ///< QetInitialize has not succeeded, or QetRelease has been called since
   kQetAlreadyInitialized = 1003,  ///< the object or the platform is initialised already

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// What tells the host from other platforms.
+
 #include <cstdint>
 
 #include "ormis/export.h"

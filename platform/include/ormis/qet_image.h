@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Images: their memory, channels of the media unit, copy and resize.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -18,9 +21,9 @@ enum QetImageType : std::uint32_t {
   kQetImageYuv422sp = 10,  ///< luma plane, then interleaved chroma at half width (NV16)
   kQetImageYvu422sp = 11,  ///< as 10, chroma order swapped (NV61)
   kQetImageArgb8888 = 12,  ///< packed, 4 bytes per pixel
-  kQetImageAbgr8888 = 13,
-  kQetImageRgba8888 = 14,
-  kQetImageBgra8888 = 15,
+  kQetImageAbgr8888 = 13,  ///< packed, 4 bytes per pixel
+  kQetImageRgba8888 = 14,  ///< packed, 4 bytes per pixel
+  kQetImageBgra8888 = 15,  ///< packed, 4 bytes per pixel
 };
 
 /// Who owns the memory of an image (`ImageData::bufferMode`).

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The H.264 encoder and the streams that it makes.
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -9,12 +12,12 @@
 
 /// One packet of an encoded stream: 48 bytes.
 struct ux_venc_packet {
-  const std::uint8_t* data;  ///< H.264 byte stream (Annex B start codes); the encoder's memory
-  std::uint64_t sizeBytes;
-  std::int64_t frameIndex;   ///< number of the encoded frame, from 0
-  std::uint32_t isKeyFrame;  ///< 1 when decoding can start here, else 0
-  std::uint32_t reserved0;
-  std::uint64_t reserved[2];
+  const std::uint8_t* data;   ///< H.264 byte stream (Annex B start codes); the encoder's memory
+  std::uint64_t sizeBytes;    ///< bytes at `data`
+  std::int64_t frameIndex;    ///< number of the encoded frame, from 0
+  std::uint32_t isKeyFrame;   ///< 1 when decoding can start here, else 0
+  std::uint32_t reserved0;    ///< the platform's
+  std::uint64_t reserved[2];  ///< the platform's
 };
 static_assert(sizeof(ux_venc_packet) == 48, "size of ux_venc_packet");
 
@@ -25,8 +28,8 @@ struct ux_venc_stream {
   std::uint32_t packetCount;  ///< packets in use, at most 8
   std::uint32_t channel;      ///< channel of the encoder
   std::uint64_t totalBytes;   ///< of all packets
-  std::uint64_t reserved[6];
-  ux_venc_packet packets[8];
+  std::uint64_t reserved[6];  ///< the platform's
+  ux_venc_packet packets[8];  ///< the first `packetCount` of them are in use
 };
 static_assert(sizeof(ux_venc_stream) == 456, "size of ux_venc_stream");
 static_assert(offsetof(ux_venc_stream, packets) == 72, "layout of ux_venc_stream");

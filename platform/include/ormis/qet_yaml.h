@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The reader of configuration files.
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -12,16 +15,19 @@ namespace Ormis {
 /// children. Threads: any may read; one that writes excludes all others.
 /// Limits of a file: one document, 64 levels, 10,000 nodes, 1 MiB. Keys, values and items are nodes, and an
 /// alias counts as all the nodes that it names. Duplicate keys, keys that are not scalars, and undefined or
-/// self-referencing aliases are errors. Tags other than !!null and !!str are ignored. "<<" is a key like any
-/// other.
+/// self-referencing aliases are errors. A scalar is null when its tag is !!null, or when it has no tag and is
+/// plain: ~, null, Null, NULL or empty. Tags have no other effect. "<<" is a key like any other.
 class ORMIS_API QetYamlNode {
  public:
   /// Reads the file; the node is its root. The root is a mapping, or null where the document is empty or
   /// null. Throws std::runtime_error: for a fault of the text with line and column, from 1 ("c.yaml:7:3:
   /// ..."); for a file that cannot be read with the reason. Throws std::bad_alloc.
   explicit QetYamlNode(const std::string& path);
+  /// A null node.
   QetYamlNode();
+  /// Copies the node and everything below it.
   QetYamlNode(const QetYamlNode& other);
+  /// Becomes a copy of `other`, which may be one of this node's own children.
   QetYamlNode& operator=(const QetYamlNode& other);
   ~QetYamlNode();
 
@@ -36,7 +42,7 @@ class ORMIS_API QetYamlNode {
   template <typename T>
   bool GetValue(const std::string& key, T& out) const;
 
-  /// Converts this node's own scalar as GetValue<unsigned int> does. Returns false, and leaves `out` alone,
+  /// Reads this node's own scalar as GetValue reads an unsigned int. Returns false and leaves `out` as it was
   /// when it does not convert.
   bool AsIf(unsigned int& out) const;
 
@@ -51,8 +57,10 @@ class ORMIS_API QetYamlNode {
   Kind kind_ = Kind::kNull;
 };
 
+/// The text of a child.
 template <>
 ORMIS_API bool QetYamlNode::GetValue<std::string>(const std::string& key, std::string& out) const;
+/// The number of a child.
 template <>
 ORMIS_API bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& out) const;
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The logging interface.
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -7,6 +10,7 @@
 
 #include "ara/core/string_view.h"
 
+/// Marks what the logging library exports; everything else of it is hidden.
 #define ARA_LOG_API __attribute__((visibility("default")))
 
 /// The logging interface that the benchmark and the platform write to. Best effort by contract: no operation
@@ -16,8 +20,8 @@
 ///   2025-01-31T23:59:59.123456Z INFO STBM STBM 4711 text
 /// that is the UTC time, the level, the application's id, the context's id, the thread id and the text. Where
 /// the application's threshold is kDebug or more verbose, " (file:line function)" follows. ASCII control
-/// characters stand as \n, \r, \t or \xNN. A text that was cut ends in " [cut]"; " [N lost before]" ends the
-/// first line after N that a sink could not take ("up to N" where it cannot tell).
+/// characters stand as `\n`, `\r`, `\t` or `\xNN`. A text that was cut ends in " [cut]"; " [N lost before]"
+/// ends the first line after N that a sink could not take ("up to N" where it cannot tell).
 ///
 /// A sink that takes nothing (full disk, reader that stopped reading) loses records and is waited for no
 /// longer than about a second; a lost record of the log file is told on standard error, once. A record for a
@@ -37,31 +41,33 @@
 /// application's threads stay as they are; the threads of libdlt and of the sink handle no signal.
 namespace ara::log {
 
-/// Severity of a record; a smaller number is more severe. kOff is no severity of a record: as a threshold it
-/// lets nothing through.
+/// Severity of a record; a smaller number is more severe. A threshold lets its own level and the more severe
+/// ones through.
 enum class LogLevel : std::uint8_t {
-  kOff = 0,
-  kFatal = 1,
-  kError = 2,
-  kWarn = 3,
-  kInfo = 4,
-  kDebug = 5,
-  kVerbose = 6,
+  kOff = 0,      ///< as a threshold: nothing passes; no record has this level
+  kFatal = 1,    ///< the process cannot go on
+  kError = 2,    ///< an operation failed
+  kWarn = 3,     ///< something is not as configured or expected, and work goes on
+  kInfo = 4,     ///< what was started, chosen and ended
+  kDebug = 5,    ///< details for developers; lines then name file, line and function
+  kVerbose = 6,  ///< everything
 };
 
 /// Where records go: any combination of the bits. No bit set means nowhere.
 enum class LogMode : std::uint8_t {
-  kRemote = 1,
-  kFile = 2,
-  kConsole = 4,
+  kRemote = 1,   ///< the DLT daemon of the machine
+  kFile = 2,     ///< the log file
+  kConsole = 4,  ///< standard error
 };
 
+/// The places of both modes together.
 constexpr LogMode operator|(LogMode a, LogMode b) {
   // A sum of bits is a value of the enumeration, though no enumerator: its underlying type is fixed.
   // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange)
   return static_cast<LogMode>(static_cast<std::uint8_t>(a) | static_cast<std::uint8_t>(b));
 }
 
+/// True when `set` has a place of `bit`.
 constexpr bool HasMode(LogMode set, LogMode bit) {
   return (static_cast<std::uint8_t>(set) & static_cast<std::uint8_t>(bit)) != 0;
 }
@@ -87,15 +93,21 @@ class ARA_LOG_API LogStream {
   /// 4096 bytes (PIPE_BUF on Linux), so that one write(2) to a pipe is never torn.
   static constexpr std::size_t kTextCapacity = 3072;
 
+  /// Hands the record to the sinks. Does not throw and does not report; see above for what a sink may lose.
   ~LogStream();
   LogStream(const LogStream&) = delete;
   LogStream& operator=(const LogStream&) = delete;
 
-  LogStream& operator<<(const char* text);  ///< a null pointer inserts nothing
+  /// Appends a zero-terminated text; a null pointer appends nothing. Each insertion copies what it is given.
+  LogStream& operator<<(const char* text);
+  /// Appends the characters of `text`, which may include zeros.
   LogStream& operator<<(ara::core::internal::StringView<char> text);
+  /// Appends the characters of `text`, which may include zeros.
   LogStream& operator<<(const std::string& text);
-  LogStream& operator<<(int number);           ///< signed decimal
-  LogStream& operator<<(unsigned int number);  ///< unsigned decimal
+  /// Appends the number in decimal, with a minus sign where it is negative.
+  LogStream& operator<<(int number);
+  /// Appends the number in decimal.
+  LogStream& operator<<(unsigned int number);
 
  private:
   friend class Logger;
@@ -119,10 +131,14 @@ class ARA_LOG_API Logger {
   /// before InitLogging the application's lets everything through. Never true for kOff.
   bool IsEnabled(LogLevel level) const;
 
-  /// Opens a record. A record of a level that is not enabled takes insertions and is dropped.
+  /// Opens a record of level kError. A record of a level that is not enabled takes insertions and is dropped;
+  /// that is decided here, once. The same holds for the other three.
   LogStream LogError(const SourceLocation& location) const;
+  /// Opens a record of level kWarn.
   LogStream LogWarn(const SourceLocation& location) const;
+  /// Opens a record of level kInfo.
   LogStream LogInfo(const SourceLocation& location) const;
+  /// Opens a record of level kDebug.
   LogStream LogDebug(const SourceLocation& location) const;
 
  private:
