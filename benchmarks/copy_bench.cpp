@@ -24,7 +24,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Ormis::host::CopyRoutine;
+using Ormis::portable::CopyRoutine;
 
 void Require(bool condition, const char* what) {
   if (condition) return;
@@ -122,7 +122,7 @@ int main(int argc, char** argv) {
   Require(rounds > 0 && seconds > 0.0 && argc <= 3, "reading the arguments [ROUNDS [SECONDS]]");
 
   std::vector<CopyRoutine> routines{{"memcpy_s", CopyChecked}, {"STREAM copy", CopyAsStream}};
-  for (const CopyRoutine& routine : Ormis::host::CopyRoutines()) routines.push_back(routine);
+  for (const CopyRoutine& routine : Ormis::portable::CopyRoutines()) routines.push_back(routine);
   (void)std::printf("| threads | buffers |");
   for (const CopyRoutine& routine : routines) (void)std::printf(" %s |", routine.name);
   (void)std::printf(" memcpy_s / memcpy | memcpy_s / STREAM copy |\n|---|---|---|---|");

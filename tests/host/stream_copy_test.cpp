@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-namespace Ormis::host {
+namespace Ormis::portable {
 
 void PrintTo(const CopyRoutine& routine, std::ostream* out) {
   *out << routine.name;
@@ -109,4 +109,4 @@ TEST(CopyRoutinesTest, TheLibrarysComesFirstThenAllThatThisProcessorHas) {
 }
 
 }  // namespace
-}  // namespace Ormis::host
+}  // namespace Ormis::portable

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace Ormis::host {
+namespace Ormis::portable {
 
 namespace {
 
@@ -111,4 +111,4 @@ void CopyToMemory(void* destination, const void* source, std::size_t bytes) {
   RoutineFor(bytes).copy(destination, source, bytes);
 }
 
-}  // namespace Ormis::host
+}  // namespace Ormis::portable

@@ -24,6 +24,6 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
     return error;
   }
   // Large copies are there to load memory: see stream_copy.h.
-  Ormis::host::CopyToMemory(destination, source, count);
+  Ormis::portable::CopyToMemory(destination, source, count);
   return 0;
 }

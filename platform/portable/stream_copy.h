@@ -3,7 +3,7 @@
 #include <array>
 #include <cstddef>
 
-namespace Ormis::host {
+namespace Ormis::portable {
 
 /// A way to copy. Buffers must not overlap. Threads: any.
 struct CopyRoutine {
@@ -41,4 +41,4 @@ const CopyRoutine& RoutineFor(std::size_t bytes);
 /// Copies `bytes` with RoutineFor(bytes). Other threads see what it wrote as they see what memcpy writes.
 void CopyToMemory(void* destination, const void* source, std::size_t bytes);
 
-}  // namespace Ormis::host
+}  // namespace Ormis::portable
