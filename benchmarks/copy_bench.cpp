@@ -1,11 +1,12 @@
-/// How fast copies move memory: memcpy_s beside the ways to copy that it chooses from and a loop by the rules
-/// of the STREAM benchmark's copy. usage: copy_bench [ROUNDS [SECONDS]], or copy_bench own|far THREADS
-/// SECONDS, which prints the one figure of memcpy_s, to be taken in turns with other programs.
+/// How fast copies move memory: memcpy_s, the routines that it chooses from, and the copy loop of STREAM.
+/// usage: copy_bench [ROUNDS [SECONDS]]
+///        copy_bench own|far THREADS SECONDS    prints the one figure of memcpy_s, for turns with other
+///        programs
 ///
-/// Every thread copies a buffer of the CPU stress's size into another, over and over. Once its own two, as
-/// the CPU stress does: large caches hold them. Once through so many pairs that no cache holds them: what is
-/// moved then comes from and goes to memory. All ways take turns in each round; the figure is the median of
-/// the rounds, in GB/s (10^9 bytes a second, read + written, all threads together).
+/// Every thread copies a buffer of the CPU stress's size into another, over and over. "own": each thread has
+/// two buffers, as in the CPU stress; large caches hold them. "far": each thread goes through so many pairs
+/// that no cache holds them. All routines take turns in each round. The figure is the median of the rounds,
+/// in GB/s (10^9 bytes a second, read + written, all threads together).
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -36,7 +37,7 @@ void CopyChecked(void* destination, const void* source, std::size_t bytes) {
   (void)memcpy_s(destination, bytes, source, bytes);
 }
 
-/// An element at a time, as it is written: the compiler may vectorize it and may not call memcpy.
+/// One element at a time: the compiler may vectorize this loop, but may not replace it by memcpy.
 [[clang::no_builtin("memcpy", "memmove")]] void CopyAsStream(void* destination, const void* source,
                                                              std::size_t bytes) {
   auto* to = static_cast<double*>(destination);
@@ -44,7 +45,7 @@ void CopyChecked(void* destination, const void* source, std::size_t bytes) {
   for (std::size_t i = 0; i < bytes / sizeof(double); ++i) to[i] = from[i];
 }
 
-/// Memory that no cache holds, for all threads together.
+/// More memory than any cache holds, for all threads together.
 constexpr std::size_t kFarBytes = std::size_t{1} << 30;
 
 struct Pair {
@@ -52,7 +53,7 @@ struct Pair {
   std::unique_ptr<std::uint8_t[]> destination;
 };
 
-/// Written through, so that every page is the buffer's own.
+/// Every page is written once, so that it is not the shared zero page.
 std::vector<Pair> MakePairs(std::size_t count) {
   std::vector<Pair> pairs(count);
   for (Pair& pair : pairs) {
@@ -89,7 +90,7 @@ double Rate(const CopyRoutine& routine, const std::vector<std::vector<Pair>>& pa
   return static_cast<double>(copies) * 2.0 * static_cast<double>(kCopyBytes) / took / 1e9;
 }
 
-/// Buffers of all threads: each thread's own two, or so many that no cache holds them.
+/// The buffers of all threads: two for each thread, or so many that no cache holds them.
 std::vector<std::vector<Pair>> MakePairsOf(std::size_t threads, bool far) {
   const std::size_t pairsAThread =
       far ? std::max(std::size_t{2}, kFarBytes / (2 * kCopyBytes) / threads) : std::size_t{1};

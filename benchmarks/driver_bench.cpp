@@ -1,12 +1,11 @@
-/// What the four worker loops cost beside the operations that they drive. usage: driver_bench [MODEL
-/// [ROUNDS]]
+/// What the four worker loops cost, compared with the operations that they drive.
+/// usage: driver_bench [MODEL [ROUNDS]]
 ///
-/// The unchanged workers run here, and the operations of their cycles pass through this program, which is
-/// asked first by the dynamic linker. It lets the worker drive a number of cycles, then makes the same calls
-/// itself, on the same thread and with the same arguments, and so on in turns: what differs is the worker's
-/// loop and nothing else. A second direct turn tells how much of a difference means nothing. Once over
-/// operations that return at once (what a cycle of the loop costs, in ns), once over the real engines (the
-/// rate of a worker against the direct calls').
+/// The unchanged workers run in this program, which interposes the operations of their cycles. It lets the
+/// worker drive a number of cycles, then makes the same calls itself, on the same thread and with the same
+/// arguments, and so on in turns. So only the worker's loop differs. A second direct turn shows the noise.
+/// The first table uses operations that return at once (what a cycle of the loop costs, in ns), the second
+/// one the real engines (the rate of a worker, compared with the direct calls).
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -45,7 +44,7 @@ double NsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
 }
 
-/// Takes turns with the worker: see above. One for all, as one worker runs at a time.
+/// Takes turns with the worker, see above. One object serves all, because one worker runs at a time.
 struct Turns {
   Turns(bool real, int cyclesATurn, int rounds) : real(real), cyclesATurn(cyclesATurn), rounds(rounds) {}
 
@@ -57,7 +56,7 @@ struct Turns {
   std::vector<double> directNs;
   std::vector<double> againNs;
 
-  /// Called at the end of each of the worker's cycles, with what repeats the cycle's calls.
+  /// Called at the end of each of the worker's cycles, with a function that repeats the cycle's calls.
   template <typename Calls>
   void CycleDone(const Calls& calls) {
     if (stop != 0) return;
@@ -97,7 +96,7 @@ template <typename... Arguments>
   return 0;
 }
 
-/// Of the cycle that is under way.
+/// The state of the current cycle.
 const Ormis::ImageData* frame = nullptr;
 
 using SendFrame = std::int32_t (*)(Ormis::QetVenc*, const Ormis::ImageData&);
@@ -146,14 +145,14 @@ void Measure(const Worker& worker, const std::string& model, Turns& measured) {
   Require(static_cast<int>(measured.directNs.size()) == measured.rounds, worker.name);
 }
 
-/// Turn by turn: what disturbs the machine for seconds disturbs both.
+/// In turns: a disturbance that lasts seconds hits both sides.
 double MedianRatio(const std::vector<double>& numerators, const std::vector<double>& denominators) {
   std::vector<double> ratios;
   for (std::size_t i = 0; i < numerators.size(); ++i) ratios.push_back(numerators[i] / denominators[i]);
   return Median(ratios);
 }
 
-/// What the clock reads of a cycle cost by themselves: it has three.
+/// What the three clock reads of a cycle cost by themselves.
 double ClockReadsNs() {
   constexpr int kCycles = 100'000;
   std::vector<double> ns;

@@ -1,9 +1,9 @@
-/// QetVenc against libavcodec used directly, in turns, in one run: the encode stress's picture and settings,
-/// each on one thread. usage: encode_bench [ROUNDS]
+/// Compares QetVenc with direct use of libavcodec, in turns within one run: the encode stress's picture and
+/// settings, each on one thread. usage: encode_bench [ROUNDS]
 ///
-/// The direct use opens libx264 as the platform does where there is no hardware encoder; on a machine that
-/// has one, the two are not the same engine, and the platform's log says so. A second direct use, the same in
-/// every respect but where its memory lies, tells how much of a difference means nothing.
+/// The direct use opens libx264, as the platform does where there is no hardware encoder. On a machine that
+/// has one, the two sides use different engines, and the platform's log says so. A second direct use, which
+/// differs only in where its memory lies, shows the noise.
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/imgutils.h>
@@ -27,7 +27,7 @@ constexpr int kFrameRate = 30;
 constexpr int kGopSize = 60;
 constexpr int kBitsPerSecond = 2'000'000;
 
-/// As an application would use libavcodec: a frame over the caller's pixels, made once.
+/// libavcodec as an application would use it: one frame around the caller's pixels, made once.
 class DirectEncoder {
  public:
   explicit DirectEncoder(std::vector<std::uint8_t>& pixels)
@@ -95,7 +95,7 @@ class DirectEncoder {
 
 int main(int argc, char** argv) {
   const int rounds = measure::CountArgument(argc, argv, 1, 31);
-  // Black, as the encode stress's picture is.
+  // Black, like the encode stress's picture.
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 3 / 2);
   Ormis::QetContext process;
   Ormis::QetContext context;
@@ -127,7 +127,7 @@ int main(int argc, char** argv) {
     frame.imageType = Ormis::kQetImageYuv420sp;
     frame.data = pixels.data();
 
-    // A turn is one group of pictures, so that key frames cost both the same.
+    // A turn is one group of pictures, so both sides encode the same number of key frames.
     const auto ownTurn = [&] {
       for (int i = 0; i < kGopSize; ++i) {
         ux_venc_stream stream{};

@@ -1,8 +1,8 @@
-/// QetDNN against a bare session of the same runtime, with the same options: inference in turns in one run,
+/// Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run,
 /// and what ten instances of the model cost to load and to keep. usage: inference_bench [MODEL [ROUNDS]]
 ///
-/// Memory is the growth of the process's anonymous memory, each way in a process of its own: what one gives
-/// back the other would use again.
+/// Memory is the growth of the process's anonymous memory. Each side runs in a process of its own, because
+/// the second one would use again what the first one gave back.
 #include <onnxruntime_c_api.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,15 +27,15 @@ const OrtApi& Api() {
   return *api;
 }
 
-void Must(OrtStatus* status, const char* what) {
+void Check(OrtStatus* status, const char* what) {
   Require(status == nullptr, what);
 }
 
-/// One environment for all sessions, as the runtime asks for.
+/// One environment for all sessions: the runtime allows no more.
 OrtEnv* Environment() {
   static OrtEnv* const environment = [] {
     OrtEnv* made = nullptr;
-    Must(Api().CreateEnv(ORT_LOGGING_LEVEL_WARNING, "bench", &made), "CreateEnv");
+    Check(Api().CreateEnv(ORT_LOGGING_LEVEL_WARNING, "bench", &made), "CreateEnv");
     return made;
   }();
   return environment;
@@ -48,21 +48,22 @@ struct BareTensors {
   std::vector<OrtValue*> values;
 };
 
-/// A session with its tensors, made once. Lives as long as the process.
+/// A session with its tensors, made once. It lives as long as the process.
 class BareSession {
  public:
   explicit BareSession(const std::string& model) {
     OrtSessionOptions* options = nullptr;
-    Must(Api().CreateSessionOptions(&options), "CreateSessionOptions");
-    Must(Api().SetIntraOpNumThreads(options, 1), "SetIntraOpNumThreads");
-    Must(Api().SetInterOpNumThreads(options, 1), "SetInterOpNumThreads");
-    Must(Api().SetSessionExecutionMode(options, ORT_SEQUENTIAL), "SetSessionExecutionMode");
-    Must(Api().SetSessionGraphOptimizationLevel(options, ORT_ENABLE_ALL), "SetSessionGraphOptimizationLevel");
-    Must(Api().AddSessionConfigEntry(options, "session.intra_op.allow_spinning", "0"),
-         "AddSessionConfigEntry");
-    Must(Api().AddSessionConfigEntry(options, "session.inter_op.allow_spinning", "0"),
-         "AddSessionConfigEntry");
-    Must(Api().CreateSession(Environment(), model.c_str(), options, &session_), "CreateSession");
+    Check(Api().CreateSessionOptions(&options), "CreateSessionOptions");
+    Check(Api().SetIntraOpNumThreads(options, 1), "SetIntraOpNumThreads");
+    Check(Api().SetInterOpNumThreads(options, 1), "SetInterOpNumThreads");
+    Check(Api().SetSessionExecutionMode(options, ORT_SEQUENTIAL), "SetSessionExecutionMode");
+    Check(Api().SetSessionGraphOptimizationLevel(options, ORT_ENABLE_ALL),
+          "SetSessionGraphOptimizationLevel");
+    Check(Api().AddSessionConfigEntry(options, "session.intra_op.allow_spinning", "0"),
+          "AddSessionConfigEntry");
+    Check(Api().AddSessionConfigEntry(options, "session.inter_op.allow_spinning", "0"),
+          "AddSessionConfigEntry");
+    Check(Api().CreateSession(Environment(), model.c_str(), options, &session_), "CreateSession");
     Api().ReleaseSessionOptions(options);
     Make(&OrtApi::SessionGetInputCount, &OrtApi::SessionGetInputName, &OrtApi::SessionGetInputTypeInfo,
          inputs_);
@@ -73,10 +74,10 @@ class BareSession {
   BareSession& operator=(const BareSession&) = delete;
 
   void Run() {
-    Must(Api().Run(session_, nullptr, inputs_.namePointers.data(), inputs_.values.data(),
-                   inputs_.values.size(), outputs_.namePointers.data(), outputs_.values.size(),
-                   outputs_.values.data()),
-         "Run");
+    Check(Api().Run(session_, nullptr, inputs_.namePointers.data(), inputs_.values.data(),
+                    inputs_.values.size(), outputs_.namePointers.data(), outputs_.values.size(),
+                    outputs_.values.data()),
+          "Run");
   }
 
   const std::vector<float>& FirstOutput() const { return outputs_.memory.front(); }
@@ -85,29 +86,29 @@ class BareSession {
   template <typename Count, typename Name, typename Type>
   void Make(Count count, Name name, Type type, BareTensors& tensors) {
     OrtAllocator* allocator = nullptr;
-    Must(Api().GetAllocatorWithDefaultOptions(&allocator), "GetAllocatorWithDefaultOptions");
+    Check(Api().GetAllocatorWithDefaultOptions(&allocator), "GetAllocatorWithDefaultOptions");
     OrtMemoryInfo* memoryInfo = nullptr;
-    Must(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &memoryInfo),
-         "CreateCpuMemoryInfo");
+    Check(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &memoryInfo),
+          "CreateCpuMemoryInfo");
     std::size_t number = 0;
-    Must((Api().*count)(session_, &number), "counting tensors");
+    Check((Api().*count)(session_, &number), "counting tensors");
     for (std::size_t i = 0; i < number; ++i) {
       char* text = nullptr;
-      Must((Api().*name)(session_, i, allocator, &text), "naming a tensor");
+      Check((Api().*name)(session_, i, allocator, &text), "naming a tensor");
       tensors.names.emplace_back(text);
-      Must(Api().AllocatorFree(allocator, text), "AllocatorFree");
+      Check(Api().AllocatorFree(allocator, text), "AllocatorFree");
       OrtTypeInfo* info = nullptr;
-      Must((Api().*type)(session_, i, &info), "describing a tensor");
+      Check((Api().*type)(session_, i, &info), "describing a tensor");
       const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
-      Must(Api().CastTypeInfoToTensorInfo(info, &shapeInfo), "CastTypeInfoToTensorInfo");
+      Check(Api().CastTypeInfoToTensorInfo(info, &shapeInfo), "CastTypeInfoToTensorInfo");
       ONNXTensorElementDataType element = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
-      Must(Api().GetTensorElementType(shapeInfo, &element), "GetTensorElementType");
+      Check(Api().GetTensorElementType(shapeInfo, &element), "GetTensorElementType");
       Require(element == ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT,
               "finding tensors of 32-bit floats, expected by this program,");
       std::size_t dimensions = 0;
-      Must(Api().GetDimensionsCount(shapeInfo, &dimensions), "GetDimensionsCount");
+      Check(Api().GetDimensionsCount(shapeInfo, &dimensions), "GetDimensionsCount");
       std::vector<std::int64_t> shape(dimensions);
-      Must(Api().GetDimensions(shapeInfo, shape.data(), dimensions), "GetDimensions");
+      Check(Api().GetDimensions(shapeInfo, shape.data(), dimensions), "GetDimensions");
       std::size_t elements = 1;
       for (std::int64_t& size : shape) {
         if (size < 0) size = 1;
@@ -116,10 +117,10 @@ class BareSession {
       Api().ReleaseTypeInfo(info);
       tensors.memory.emplace_back(elements);
       OrtValue* value = nullptr;
-      Must(Api().CreateTensorWithDataAsOrtValue(memoryInfo, tensors.memory.back().data(),
-                                                elements * sizeof(float), shape.data(), shape.size(), element,
-                                                &value),
-           "CreateTensorWithDataAsOrtValue");
+      Check(Api().CreateTensorWithDataAsOrtValue(memoryInfo, tensors.memory.back().data(),
+                                                 elements * sizeof(float), shape.data(), shape.size(),
+                                                 element, &value),
+            "CreateTensorWithDataAsOrtValue");
       tensors.values.push_back(value);
     }
     Api().ReleaseMemoryInfo(memoryInfo);
@@ -131,7 +132,7 @@ class BareSession {
   BareTensors outputs_;
 };
 
-/// The platform on this thread, from here to the end of the process.
+/// Starts the platform on this thread. It stays until the process ends.
 void StartPlatform() {
   static Ormis::QetContext process;
   static Ormis::QetContext context;
@@ -155,7 +156,7 @@ double AnonymousMegabytes() {
   return 0.0;
 }
 
-/// Runs `body` in a process of its own.
+/// Runs `body` in a child process.
 template <typename Body>
 void Apart(Body&& body) {
   (void)std::fflush(stdout);

@@ -1,4 +1,4 @@
-/// What the side-by-side programs share: how they time, and how they end when something does not work.
+/// What the side-by-side programs share: timing, and how they end when something fails.
 #pragma once
 
 #include <algorithm>
@@ -20,7 +20,7 @@ inline void Require(bool condition, const char* what) {
 /// The argument at `index`, or `fallback`; ends the program unless it is a number above 0.
 inline int CountArgument(int argc, char** argv, int index, int fallback) {
   const long value = index < argc ? std::strtol(argv[index], nullptr, 10) : fallback;
-  Require(value > 0 && value < 1'000'000, "reading the arguments: a count above 0");
+  Require(value > 0 && value < 1'000'000, "reading the arguments: expected a count above 0, which");
   return static_cast<int>(value);
 }
 
@@ -31,13 +31,13 @@ inline double Median(std::vector<double> values) {
   return *middle;
 }
 
-/// The least disturbed round: on a shared machine the others measure their neighbours.
+/// The shortest time. On a shared machine the longer ones include other programs' work.
 inline double Best(const std::vector<double>& values) {
   Require(!values.empty(), "measuring");
   return *std::min_element(values.begin(), values.end());
 }
 
-/// Turn by turn, then the median: what disturbs the machine for seconds disturbs both.
+/// The median of the ratios within each turn: a disturbance that lasts seconds hits both sides of a turn.
 inline double MedianRatio(const std::vector<double>& numerators, const std::vector<double>& denominators) {
   std::vector<double> ratios;
   for (std::size_t i = 0; i < numerators.size(); ++i) ratios.push_back(numerators[i] / denominators[i]);

@@ -1,4 +1,4 @@
-/// Operations that do nothing, behind the dynamic linker as a platform's are.
+/// A platform library whose operations do nothing.
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"

@@ -7,7 +7,7 @@
 int OpenCvArea(const std::uint8_t* source, int sourceWidth, int sourceHeight, std::uint8_t* result, int width,
                int height) try {
   cv::setNumThreads(1);
-  // OpenCV's matrices know no const; resize reads this one alone.
+  // OpenCV's matrices have no const view; resize only reads this one.
   const cv::Mat from(sourceHeight, sourceWidth, CV_8UC3, const_cast<std::uint8_t*>(source));
   cv::Mat to(height, width, CV_8UC3, result);
   cv::resize(from, to, to.size(), 0, 0, cv::INTER_AREA);

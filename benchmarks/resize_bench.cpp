@@ -1,9 +1,9 @@
-/// Times QetImageResize against other libraries' scalers, in turns, in one run: the same RGB24 picture, each
-/// on one thread. usage: resize_bench [ROUNDS]
+/// Compares QetImageResize with other libraries' scalers, in turns within one run: the same RGB24 picture,
+/// each on one thread. usage: resize_bench [ROUNDS]
 ///
-/// Quality is told against the exact area average in double precision: an 8-bit picture cannot be nearer to
-/// it than about 58.9 dB, which is what rounding leaves. Which rows of the source a scaler reads is measured:
-/// a row that changes nothing in the result when it changes is not read, or read for nothing.
+/// Quality is measured against the exact area average in double precision. Rounding alone keeps an 8-bit
+/// picture at about 58.9 dB from it. The program also measures which rows of the source a scaler uses: it
+/// changes a row and looks whether the result changes.
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
@@ -62,7 +62,8 @@ struct Share {
   double weight;
 };
 
-/// What each of `to` equal parts of a line of `from` samples covers; the weights of a part add up to 1.
+/// Divides a line of `from` samples into `to` equal parts: the samples that each part covers, and their
+/// weights, which add up to 1.
 std::vector<std::vector<Share>> Shares(int from, int to) {
   std::vector<std::vector<Share>> shares(static_cast<std::size_t>(to));
   const double scale = static_cast<double>(from) / to;
@@ -116,7 +117,7 @@ Distance From(const std::vector<double>& exact, const std::uint8_t* result) {
   return {10.0 * std::log10(255.0 * 255.0 * static_cast<double>(exact.size()) / squares), largest};
 }
 
-/// How many rows of the source have a say in the result.
+/// How many rows of the source influence the result.
 int RowsThatCount(std::uint8_t* source, const Case& sizes, Scaler& scaler) {
   const std::size_t rowBytes = static_cast<std::size_t>(sizes.sourceWidth) * 3;
   const std::size_t resultBytes = static_cast<std::size_t>(sizes.width * sizes.height) * 3;

@@ -1,5 +1,5 @@
-# The platform's records have fixed layouts that exist with libc++ alone: 24-byte strings and maps. Another
-# standard library would build and then hand records of another size to the platform.
+# The platform's records have fixed layouts, with 24-byte strings and maps, which only libc++ has. A build with another
+# standard library would pass records of the wrong size to the platform.
 include(CheckCXXSourceCompiles)
 
 set(CMAKE_REQUIRED_FLAGS "-stdlib=libc++")

@@ -1,5 +1,5 @@
 # install_notice(NAME FILE): installs a third party's copyright and licence beside what carries its code.
-# THIRD_PARTY.md says what that is. A missing notice only warns: who builds for himself distributes nothing.
+# THIRD_PARTY.md says what that is. A missing notice is only a warning: a build for one's own use distributes nothing.
 function(install_notice name file)
   if(EXISTS "${file}")
     install(FILES "${file}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/notices" RENAME "${name}")

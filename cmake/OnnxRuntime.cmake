@@ -1,5 +1,5 @@
-# OnnxRuntime::OnnxRuntime: the inference engine, through its C interface. In this order: ONNXRUNTIME_ROOT, the system,
-# what ./scripts/setup fetched for this build folder or for the default one.
+# OnnxRuntime::OnnxRuntime: the inference engine, through its C interface. Looked for in this order: ONNXRUNTIME_ROOT,
+# the system, what ./scripts/setup fetched for this build folder, what it fetched for the default one.
 set(ONNXRUNTIME_ROOT "" CACHE PATH "Folder with include/onnxruntime_c_api.h and lib/libonnxruntime.so.1")
 
 set(onnxruntime_roots "${ONNXRUNTIME_ROOT}")
@@ -13,7 +13,7 @@ add_library(OnnxRuntime::OnnxRuntime INTERFACE IMPORTED GLOBAL)
 if(NOT ONNXRUNTIME_ROOT AND ONNXRUNTIME_FOUND)
   target_link_libraries(OnnxRuntime::OnnxRuntime INTERFACE PkgConfig::ONNXRUNTIME)
 else()
-  # By path: the interface and the library have to come from one place.
+  # By path: header and library must come from the same place.
   find_path(ONNXRUNTIME_INCLUDE_DIR onnxruntime_c_api.h PATHS ${onnxruntime_roots}
             PATH_SUFFIXES include include/onnxruntime NO_DEFAULT_PATH)
   find_file(ONNXRUNTIME_LIBRARY NAMES libonnxruntime.so.1 PATHS ${onnxruntime_roots}

@@ -5,7 +5,7 @@ target_compile_options(stress_options INTERFACE
   -stdlib=libc++
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Wold-style-cast
   -Wimplicit-fallthrough -Wthread-safety
-  # A log location is the path as the build knows it, not this machine's.
+  # Log locations are paths within the source tree, not this machine's.
   "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/="
   -fno-omit-frame-pointer)
 target_compile_definitions(stress_options INTERFACE _LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_FAST)
@@ -14,7 +14,8 @@ if(STRESS_WERROR)
   target_compile_options(stress_options INTERFACE -Werror)
 endif()
 
-# compile_together(TARGET SOURCES): so many sources as one if STRESS_UNITY asks for it, where headers take most of the time.
+# compile_together(TARGET SOURCES): with STRESS_UNITY, compiles SOURCES sources at a time as one. For targets whose
+# headers take most of the compile time.
 function(compile_together target sources)
   if(STRESS_UNITY)
     set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${sources})
@@ -28,7 +29,7 @@ target_link_libraries(stress_options INTERFACE Threads::Threads)
 add_library(stress_version INTERFACE)
 target_compile_definitions(stress_version INTERFACE "STRESS_VERSION=\"${PROJECT_VERSION}\"")
 
-# STRESS_SANITIZE=address,undefined or thread. Their reports need lines, and no more of debug information.
+# STRESS_SANITIZE=address,undefined or thread. Reports need line numbers, but no other debug information.
 if(STRESS_SANITIZE)
   target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all
                          -gline-tables-only)
@@ -41,7 +42,7 @@ if(STRESS_SANITIZE STREQUAL "thread")
   target_link_libraries(stress_options INTERFACE tsan_volatile)
 endif()
 
-# Tells the fuzzers which code an input reached.
+# Coverage for the fuzzers: which code an input reached.
 if(STRESS_FUZZ)
   target_compile_options(stress_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()

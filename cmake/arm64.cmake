@@ -1,5 +1,5 @@
-# Toolchain of the arm64 preset: clang, and what ./scripts/setup-arm64 put into the build folder. Programs of the build
-# and the tests run under emulation.
+# Toolchain of the arm64 preset: clang, and the libraries that ./scripts/setup-arm64 put into the build folder. The
+# build's own programs and the tests run under emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
@@ -12,7 +12,7 @@ set(CMAKE_C_COMPILER clang-19)
 set(CMAKE_CXX_COMPILER clang++-19)
 set(CMAKE_C_COMPILER_TARGET aarch64-linux-gnu)
 set(CMAKE_CXX_COMPILER_TARGET aarch64-linux-gnu)
-# For CMake's own checks, which come before the project's options: there is no libstdc++ to link against.
+# For CMake's own checks, which run before the project's options apply: there is no libstdc++ to link against.
 set(CMAKE_CXX_FLAGS_INIT -stdlib=libc++)
 foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT -fuse-ld=lld-19)
