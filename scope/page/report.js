@@ -1,76 +1,50 @@
-// Draws the charts that "chart-data" describes, each on the canvas of its name.
-'use strict';
+// Makes the page of a report from its data, which scope/FORMAT.md describes.
 
-(() => {
-  const kManyPoints = 150;
+function section(title, ...content) {
+  return el('section', {}, el('h2', {}, title), ...content);
+}
 
-  // On a logarithmic axis: 1, 2 and 5 of each power of ten.
-  function logTick(value) {
-    const leading = Number(value.toExponential().split('e')[0]);
-    return leading === 1 || leading === 2 || leading === 5 ? shortNumber(value) : null;
+function runHead(run) {
+  const facts = [`${run.kind} of ${run.started}`, `${run.duration_s.toFixed(1)} s`];
+  if (!run.complete) facts.push('incomplete');
+  for (const [key, unit] of [['cpu_model', ''], ['build_type', ' build']]) {
+    const text = run.conditions.find((condition) => condition.key === key)?.text;
+    if (text) facts.push(text + unit);
   }
+  return el('p', {}, el('strong', {}, run.name), ` ${facts.join(', ')}`);
+}
 
-  function shortNumber(value) {
-    return Number(Number(value).toPrecision(4)).toLocaleString('en', {maximumFractionDigits: 6});
+function summarySection(data, engines, totals) {
+  const parts = engines.length === 0 ?
+      [el('p', {}, 'Nothing was recorded: neither an operation nor a rate line.')] :
+      [summaryTable(data.runs, engines), threadTable(data.runs)];
+  for (const run of data.runs.filter((each) => !each.meter)) {
+    parts.push(el('p', {class: 'absent'},
+        `${run.name}: recorded without the meter, so there are no operations, bytes and latencies.`));
   }
+  return section('Summary', ...parts, chartFigures(totals, ''));
+}
 
-  function dataset(series, spec) {
-    const plain = !spec.stepped && !spec.stacked && series.dash.length === 0;
-    const marked = plain && series.points.length <= kManyPoints;
-    return {
-      label: series.name,
-      data: series.points.map(([x, y]) => ({x, y})),
-      borderColor: series.colour,
-      backgroundColor: series.colour + (spec.stacked ? 'b3' : '40'),
-      borderDash: series.dash,
-      borderWidth: 2,
-      fill: series.fill ? (spec.stacked ? 'stack' : 'origin') : false,
-      stepped: Boolean(spec.stepped),
-      pointStyle: series.marker,
-      pointRadius: marked ? 2.5 : 0,
-      pointHitRadius: 6,
-      spanGaps: false,
-    };
-  }
+function showReport(data) {
+  const engines = data.engines.filter((engine) => engine.load);
+  const charts = new Charts(data.runs, engines);
+  const totals = charts.totals();
+  const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
+  const counters = charts.counters();
 
-  function axis(title, logarithmic, limits) {
-    return {
-      type: logarithmic ? 'logarithmic' : 'linear',
-      title: {display: true, text: title},
-      ticks: {callback: logarithmic ? logTick : shortNumber, maxRotation: 0, includeBounds: false},
-      ...limits,
-    };
-  }
-
-  function draw(spec) {
-    const x = axis(spec.xTitle, spec.xLog, {min: spec.xMin, max: spec.xMax});
-    const y = axis(spec.yTitle, spec.yLog, {suggestedMax: spec.yMax, stacked: Boolean(spec.stacked)});
-    if (!spec.yLog) y.beginAtZero = true;
-    // Where dashes tell the lines apart the legend shows lines, elsewhere the points.
-    const dashed = spec.series.some((series) => series.dash.length !== 0);
-    const labels = dashed ? {boxHeight: 1, boxWidth: 32} : {boxHeight: 7, usePointStyle: !spec.stacked};
-    new Chart(document.getElementById(spec.id), {
-      type: 'line',
-      data: {datasets: spec.series.map((series) => dataset(series, spec))},
-      options: {
-        animation: false,
-        maintainAspectRatio: false,
-        interaction: {mode: 'nearest', axis: 'x', intersect: false},
-        scales: {x, y},
-        plugins: {
-          legend: {display: spec.series.length > 1, labels},
-          tooltip: {
-            callbacks: {
-              title: (items) => `${spec.xTitle.split(' (')[0]}: ${shortNumber(items[0].parsed.x)}`,
-              label: (item) => `${item.dataset.label}: ${shortNumber(item.parsed.y)}`,
-            },
-          },
-        },
-      },
-    });
-  }
+  document.title = `stress_scope: ${data.runs.map((run) => run.name).join(' | ')}`;
+  document.querySelector('header').append(...data.runs.map(runHead));
+  document.querySelector('main').prepend(
+      section('Warnings', warningList(data.runs)),
+      summarySection(data, engines, totals),
+      ...engines.map((engine, i) => section(engine.title, chartFigures(ofEngines[i], `${engine.title}. `))),
+      section('Counters of the machine', chartFigures(counters, 'Counters. '), counterTable(data.runs)),
+      section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)));
+  document.getElementById('tool').textContent = data.tool;
 
   Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
   Chart.defaults.color = '#3c444c';
-  JSON.parse(document.getElementById('chart-data').textContent).forEach(draw);
-})();
+  for (const chart of [...totals, ...ofEngines.flat(), ...counters]) draw(document.getElementById(chart.id), chart);
+}
+
+showReport(JSON.parse(document.getElementById('report-data').textContent));

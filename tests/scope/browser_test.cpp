@@ -1,172 +1,238 @@
-// The page of a report, looked at in a browser: its charts are drawn, it says nothing on the console, and it
-// asks for nothing from outside. A screenshot of each page stays in the build folder.
+// The page of a report, looked at in a browser: its tables and charts are drawn, it says nothing on the
+// console, and it asks for nothing from outside. A screenshot of each page stays in the build folder.
+#include "browser.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <map>
+#include <algorithm>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "made_run.h"
-#include "run_tool.h"
-#include "temporary_folder.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using browser::Visit;
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::SizeIs;
+using ::testing::Not;
 
-// Put at the end of the page: counts, on every canvas, the pixels that have the colour of one of its lines.
-constexpr const char* kMeasure = R"(<script>
-for (const canvas of document.querySelectorAll('canvas')) {
-  const colours = Chart.getChart(canvas).data.datasets.map((set) => set.borderColor.match(/[0-9a-f]{2}/g));
-  const wanted = colours.map((parts) => parts.map((part) => parseInt(part, 16)));
-  const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-  let drawn = 0;
-  for (let at = 0; at < pixels.length; at += 4) {
-    drawn += pixels[at + 3] > 200 && wanted.some((colour) => colour.every((part, i) => Math.abs(part - pixels[at + i]) < 16));
-  }
-  canvas.dataset.drawn = drawn;
+constexpr int kWidth = 1280;
+
+void RemoveSamples(scope::Run& run, double startS, double endS) {
+  run.samples.erase(
+      std::remove_if(run.samples.begin(), run.samples.end(),
+                     [=](const auto& sample) { return sample.timeS > startS && sample.timeS < endS; }),
+      run.samples.end());
 }
-</script>)";
 
-// What a browser saw of a page.
-struct Visit {
-  std::string dom;
-  std::vector<std::string> console;  ///< every line that the page wrote there, errors of the browser included
-  std::vector<std::string> requests;  ///< addresses that the page, not the browser, asked for
-};
+std::vector<std::string> EngineCharts(const std::vector<std::string>& engines) {
+  std::vector<std::string> ids;
+  for (const std::string& engine : engines) {
+    for (const char* chart : {"-rate", "-bandwidth", "-latency", "-histogram", "-printed"}) {
+      ids.push_back(engine + chart);
+    }
+  }
+  return ids;
+}
 
-class BrowserTest : public ::testing::Test {
+void ExpectGood(const Visit& visit, const std::vector<std::string>& charts) {
+  EXPECT_THAT(visit.console, IsEmpty());
+  EXPECT_THAT(visit.requests, IsEmpty());
+  EXPECT_EQ(visit.ChartIds(), charts);
+  // A line across a chart is some hundreds of pixels long.
+  for (const json& chart : visit.page["charts"]) EXPECT_GT(chart["drawn"], 200) << chart["id"];
+}
+
+class ReportInBrowser : public browser::BrowserTest {
  protected:
-  // Opens `page`; the screenshot is `height` pixels high.
-  Visit Open(const std::string& page, const std::string& name, int height) const {
-    const std::string screenshot = std::string(SCREENSHOTS) + "/" + name + ".png";
-    const std::string netLog = folder_ / "net.json";
-    fs::create_directories(SCREENSHOTS);
-    fs::remove(screenshot);
-    fs::remove(netLog);
-    const ToolResult result = RunProgram(
-        CHROMIUM,
-        {"--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
-         "--disable-background-networking", "--disable-component-update", "--disable-sync",
-         "--user-data-dir=" + (folder_ / "profile"), "--host-resolver-rules=MAP * ~NOTFOUND",
-         "--log-net-log=" + netLog, "--enable-logging=stderr", "--virtual-time-budget=3000",
-         "--hide-scrollbars", "--window-size=1400," + std::to_string(height), "--screenshot=" + screenshot,
-         "--dump-dom", "file://" + page});
-    EXPECT_EQ(result.status, 0) << result.errors;
-    EXPECT_TRUE(fs::exists(screenshot)) << result.errors;
-    Visit visit;
-    visit.dom = result.output;
-    std::istringstream lines(result.errors);
-    for (std::string line; std::getline(lines, line);) {
-      if (line.find(":CONSOLE:") != std::string::npos) visit.console.push_back(line);
-    }
-    visit.requests = Requests(netLog);
-    return visit;
+  // The page of `run` alone.
+  Visit Open(const scope::Run& run, const std::string& name, int height) const {
+    made_run::Write(run, folder_ / "run");
+    return BrowserTest::Open(Page({folder_ / "run"}), name, kWidth, height);
   }
 
-  // Of a request that the browser makes for itself the log says that its initiator is "not an origin", or one
-  // of the browser's maker; pages in files have the origin "null".
-  static std::vector<std::string> Requests(const std::string& netLog) {
-    std::ifstream file(netLog);
-    const nlohmann::json log = nlohmann::json::parse(file);
-    const int start = log["constants"]["logEventTypes"]["URL_REQUEST_START_JOB"];
-    std::vector<std::string> requests;
-    for (const nlohmann::json& event : log["events"]) {
-      // The end of a request has no address.
-      if (event["type"] != start || !event.contains("params") || !event["params"].contains("url")) continue;
-      const std::string initiator = event["params"].value("initiator", "null");
-      if (initiator == "null") requests.push_back(event["params"]["url"]);
-    }
-    return requests;
+  Visit Open(const scope::Run& first, const scope::Run& second, const std::string& name, int height) const {
+    made_run::Write(first, folder_ / "run");
+    made_run::Write(second, folder_ / "other");
+    return BrowserTest::Open(Page({folder_ / "run", folder_ / "other"}), name, kWidth, height);
   }
-
-  // Canvas to the pixels that are drawn on it.
-  static std::map<std::string, int> Drawn(const std::string& dom) {
-    std::map<std::string, int> drawn;
-    const std::regex canvas("<canvas id=\"([^\"]+)\"[^>]*>");
-    const std::regex count("data-drawn=\"([0-9]+)\"");
-    for (std::sregex_iterator at(dom.begin(), dom.end(), canvas); at != std::sregex_iterator(); ++at) {
-      std::smatch pixels;
-      const std::string tag = at->str();
-      drawn[(*at)[1]] = std::regex_search(tag, pixels, count) ? std::stoi(pixels[1]) : -1;
-    }
-    return drawn;
-  }
-
-  // The report of `folders`, with what measures it.
-  std::string Page(std::vector<std::string> folders) const {
-    const std::string file = folder_ / "report.html";
-    folders.insert(folders.begin(), "report");
-    folders.insert(folders.end(), {"-o", file});
-    const ToolResult result = RunProgram(STRESS_SCOPE, folders);
-    EXPECT_EQ(result.status, 0) << result.errors;
-    std::ofstream(file, std::ios::app) << kMeasure;
-    return file;
-  }
-
-  void ExpectGood(const Visit& visit, std::size_t charts) const {
-    EXPECT_THAT(visit.console, IsEmpty());
-    EXPECT_THAT(visit.requests, IsEmpty());
-    const std::map<std::string, int> drawn = Drawn(visit.dom);
-    EXPECT_THAT(drawn, SizeIs(charts));
-    // A line across a chart is some hundreds of pixels long.
-    for (const auto& [canvas, pixels] : drawn) EXPECT_GT(pixels, 200) << canvas;
-  }
-
-  TemporaryFolder folder_;
 };
 
-TEST_F(BrowserTest, DrawsEveryChartOfARecording) {
-  made_run::Write(made_run::Run(), folder_ / "run");
-  ExpectGood(Open(Page({folder_ / "run"}), "report", 5600), 22);
+TEST_F(ReportInBrowser, DrawsEveryChartOfARecording) {
+  const Visit visit = Open(made_run::Run(), "report", 5600);
+  std::vector<std::string> charts = EngineCharts({"cpu", "vpc", "venc", "aic"});
+  charts.insert(charts.begin(), "total-0");
+  charts.emplace_back("counter-0-0");
+  ExpectGood(visit, charts);
+  EXPECT_EQ(visit.page["title"], "stress_scope: run");
 }
 
-TEST_F(BrowserTest, DrawsSeveralRunsWithHostileWordsAndGaps) {
+TEST_F(ReportInBrowser, ItsPointsAreTheFigures) {
+  const Visit visit = Open(made_run::Run(), "report", 5600);
+  const json rate = visit.Chart("cpu-rate")["series"][0]["points"];
+  EXPECT_EQ(rate.size(), std::size_t{made_run::kWholeSeconds});
+  EXPECT_EQ(rate[0], json::parse("[2, 800]"));
+  EXPECT_EQ(visit.Chart("cpu-bandwidth")["series"][0]["points"][0][1], 13.271);
+  const json latency = visit.Chart("cpu-latency")["series"];
+  EXPECT_EQ(latency[1]["name"], "p99");
+  EXPECT_EQ(latency[1]["points"][0], json::parse("[2, 500]"));
+  double share = 0;
+  for (const json& point : visit.Chart("cpu-histogram")["series"][0]["points"])
+    share += point[1].get<double>();
+  EXPECT_DOUBLE_EQ(share, 100);
+  EXPECT_EQ(visit.Chart("vpc-printed")["series"][0]["points"][5], json::parse("[6, 250]"));
+  EXPECT_EQ(visit.Chart("counter-0-0")["series"][0]["points"][9], json::parse("[10, 51]"));
+}
+
+TEST_F(ReportInBrowser, ShowsEveryTable) {
+  scope::Run run = made_run::Run();
+  run.info.label = "a label";
+  run.info.conditions.caches = {{3, "Unified", 32U << 20U, 2}};
+  const Visit visit = Open(run, "report_tables", 5600);
+  EXPECT_THAT(visit.Row("figures", {"cpu"}),
+              ElementsAre("cpu", "2", "32,000", "800.0", "13.271", "500.00 µs", "500.00 µs", "500.00 µs", "0",
+                          "0.00", "2000.0", "–"));
+  EXPECT_THAT(visit.Row("figures", {"vpc"}),
+              ElementsAre("vpc", "1", "4,000", "100.0", "0.651", "4.00 ms", "4.00 ms", "4.00 ms", "0",
+                          "250.0", "250.0", "+0 %"));
+  EXPECT_THAT(visit.Row("figures", {"all"}), ElementsAre("all", "", "14.642", ""));
+  EXPECT_THAT(visit.Row("figures", {"cpu", "1"}),
+              ElementsAre("cpu", "1", "16,000", "400.0", "6.636", "500.00 µs", "500.00 µs", "500.00 µs", "0",
+                          "2000.0"));
+  for (const auto& [title, text] :
+       std::vector<std::pair<std::string, std::string>>{{"Label", "a label"},
+                                                        {"Started (UTC)", "2026-11-21T04:00:00Z"},
+                                                        {"Duration", "41.2 s"},
+                                                        {"State", "complete"},
+                                                        {"End of the benchmark", "status 0"},
+                                                        {"Configuration", "config/all.yaml"},
+                                                        {"Levels", "cpu 2, vpc 1, venc 1, aic 1"},
+                                                        {"Recorded by", "stress_scope 0.1.0"},
+                                                        {"Meter", "measured every operation"},
+                                                        {"Build", "Release"},
+                                                        {"CPU", "A Processor"},
+                                                        {"CPUs", "4"},
+                                                        {"Caches", "L3 Unified 2 x 32 MiB"},
+                                                        {"Governor", "not known"},
+                                                        {"Memory", "8.0 GB"},
+                                                        {"Load average at the start", "0.20, 0.10, 0.10"}}) {
+    EXPECT_THAT(visit.Row("conditions", {title}), ElementsAre(title, text));
+  }
+  EXPECT_THAT(visit.Row("", {"thermal"}), ElementsAre("thermal", "recorded"));
+  EXPECT_THAT(visit.Row("", {"resctrl"}), ElementsAre("resctrl", "absent: not mounted"));
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("cpu: 100 % of the operations take less than a millisecond"),
+                    HasSubstr("Configuration file config/all.yaml"),
+                    HasSubstr("record of 2026-11-21T04:00:00Z, 41.2 s, A Processor, Release build"),
+                    HasSubstr("CPU: memory copies"), HasSubstr("What the figures mean")));
+}
+
+TEST_F(ReportInBrowser, ALineHasAGapWhereSamplesAreMissing) {
+  scope::Run run = made_run::Run();
+  RemoveSamples(run, 10, 14);
+  const Visit visit = Open(run, "report_gap", 5600);
+  for (const char* chart : {"total-0", "cpu-rate", "cpu-bandwidth", "cpu-latency"}) {
+    EXPECT_EQ(visit.Chart(chart)["series"][0]["points"][9], json::parse("[14, null]")) << chart;
+  }
+}
+
+TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   scope::Run other = made_run::Run();
-  other.info.label = "</script><script>throw 1</script><img src=\"http://outside.example/a.png\"> & more";
-  other.info.config.text = other.info.label;
-  other.counters.front().name = other.info.label;
-  other.samples.erase(
-      std::remove_if(other.samples.begin(), other.samples.end(),
-                     [](const auto& sample) { return sample.timeS > 10 && sample.timeS < 20; }),
-      other.samples.end());
-  made_run::Write(made_run::Run(), folder_ / "run");
-  made_run::Write(other, folder_ / "other");
-  const Visit visit = Open(Page({folder_ / "run", folder_ / "other"}), "report_of_two", 6200);
-  ExpectGood(visit, 24);
-  EXPECT_THAT(visit.dom, HasSubstr("&lt;/script&gt;&lt;script&gt;throw 1"));
+  other.info.conditions.governor = "performance";
+  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  std::vector<std::string> charts = EngineCharts({"cpu", "vpc", "venc", "aic"});
+  charts.insert(charts.begin(), {"total-0", "total-1"});
+  charts.insert(charts.end(), {"counter-0-0", "counter-1-0"});
+  ExpectGood(visit, charts);
+  const json series = visit.Chart("cpu-rate")["series"];
+  ASSERT_EQ(series.size(), 2U);
+  EXPECT_EQ(series[0]["name"], "A: run, operations");
+  EXPECT_EQ(series[1]["name"], "B: other, operations");
+  EXPECT_NE(series[0]["colour"], series[1]["colour"]);
+  EXPECT_NE(series[0]["marker"], series[1]["marker"]);
+  EXPECT_THAT(visit.Row("conditions", {"≠ Governor"}), ElementsAre("≠ Governor", "not known", "performance"));
+  EXPECT_THAT(visit.Row("conditions", {"CPU"}), ElementsAre("CPU", "A Processor", "A Processor"));
 }
 
-TEST_F(BrowserTest, DrawsRateLinesAlone) {
+TEST_F(ReportInBrowser, TakesWhatRunsSayAsWords) {
+  const std::string hostile =
+      "</script><script>throw 1</script><!--<img src=\"http://outside.example/a.png\" onerror=\"throw 2\">"
+      "&amp; ' \xe2\x80\xa8 \x1b[31m \x01";
+  const std::string shown = "</script><script>throw 1</script><!--<img src=\"http://outside.example/a.png\"";
+  scope::Run other = made_run::Run();
+  other.info.label = other.info.config.text = other.info.config.path = hostile;
+  other.info.conditions.cpuModel = other.info.conditions.governor = other.info.incompleteReason = hostile;
+  other.info.config.levels.emplace_back(hostile, 1);
+  other.info.counters.back().reason = hostile;
+  other.info.complete = false;
+  other.counters.front().name = hostile;
+  other.samples.push_back(other.samples.back());
+  other.samples.back().engine = hostile;
+  const Visit visit = Open(made_run::Run(), other, "report_hostile", 6400);
+  EXPECT_THAT(visit.console, IsEmpty());
+  EXPECT_THAT(visit.requests, IsEmpty());
+  EXPECT_THAT(visit.page["title"].get<std::string>(), HasSubstr(shown));
+  EXPECT_THAT(visit.Row("conditions", {"≠ Label"})[2], HasSubstr(shown));
+  EXPECT_THAT(visit.Row("conditions", {"≠ CPU"})[2], HasSubstr(shown));
+  EXPECT_THAT(visit.Row("conditions", {"≠ Levels"})[2], HasSubstr(shown));
+  EXPECT_THAT(visit.Chart("counter-1-0")["series"][0]["name"].get<std::string>(), HasSubstr(shown));
+  EXPECT_THAT(visit.Text(), HasSubstr("absent: " + shown));
+  EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
+}
+
+TEST_F(ReportInBrowser, DrawsRateLinesAlone) {
   scope::Run run = made_run::Run();
   run.info.kind = "rates";
   run.info.conditions = {};
+  run.info.counters.clear();
   run.counters.clear();
-  made_run::Write(run, folder_ / "run");
-  const Visit visit = Open(Page({folder_ / "run"}), "report_of_rates", 2400);
-  ExpectGood(visit, 4);
+  const Visit visit = Open(run, "report_of_rates", 2400);
+  ExpectGood(visit, {"cpu-printed", "vpc-printed", "venc-printed", "aic-printed"});
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("recorded without the meter"), HasSubstr("None were looked for")));
+  EXPECT_THAT(visit.Row("conditions", {"CPU"}), ElementsAre("CPU", "not known"));
+  EXPECT_THAT(visit.Row("figures", {"vpc"}), AllOf(Contains("250.0"), Contains("–").Times(10)));
+}
+
+TEST_F(ReportInBrowser, OfNothingSaysSo) {
+  scope::Run run;
+  run.info.kind = "record";
+  const Visit visit = Open(run, "report_of_nothing", 1600);
+  ExpectGood(visit, {});
+  EXPECT_THAT(visit.Text(), HasSubstr("Nothing was recorded: neither an operation nor a rate line."));
+}
+
+// A page that somebody has changed is not drawn: its policy knows its own script alone.
+TEST_F(ReportInBrowser, ItsPolicyRefusesAnotherScript) {
+  made_run::Write(made_run::Run(), folder_ / "run");
+  (void)Page({folder_ / "run"});
+  std::string page = folder_.Get("report.html");
+  const std::string begin = "'use strict';";
+  const std::size_t at = page.find("<script>" + begin);
+  ASSERT_NE(at, std::string::npos);
+  page.insert(at + 8, "console.log('changed');");
+  const Visit visit = BrowserTest::Open(folder_.Put("changed.html", page), "changed", kWidth, 600);
+  EXPECT_THAT(visit.console, ElementsAre(HasSubstr("Content Security Policy")));
+  EXPECT_THAT(visit.page["charts"], IsEmpty());
 }
 
 // That the others can fail.
-TEST_F(BrowserTest, SeesErrorsRequestsAndEmptyCharts) {
+TEST_F(ReportInBrowser, SeesErrorsRequestsAndEmptyCharts) {
   const std::string page =
-      folder_.Put("bad.html",
-                  "<!DOCTYPE html><canvas id=\"empty\"></canvas>"
-                  "<img src=\"http://outside.example/a.png\"><script>"
-                  "window.Chart = {getChart: () => ({data: {datasets: [{borderColor: '#0072b2'}]}})};"
-                  "console.log('a word'); throw new Error('a fault');</script>" +
-                      std::string(kMeasure));
-  const Visit visit = Open(page, "bad", 400);
-  EXPECT_THAT(visit.console, ::testing::Contains(HasSubstr("a word")));
-  EXPECT_THAT(visit.console, ::testing::Contains(HasSubstr("a fault")));
-  EXPECT_THAT(visit.requests, ::testing::ElementsAre("http://outside.example/a.png"));
-  EXPECT_EQ(Drawn(visit.dom)["empty"], 0);
+      "<!DOCTYPE html><canvas id=\"empty\"></canvas>"
+      "<img src=\"http://outside.example/a.png\"><script>"
+      "window.Chart = {getChart: () => ({data: {datasets: [{borderColor: '#0072b2'}]}})};"
+      "console.log('a word'); throw new Error('a fault');</script>";
+  const Visit visit = BrowserTest::Open(folder_.Put("bad.html", Measured(page)), "bad", kWidth, 400);
+  EXPECT_THAT(visit.console, Contains(HasSubstr("a word")));
+  EXPECT_THAT(visit.console, Contains(HasSubstr("a fault")));
+  EXPECT_THAT(visit.requests, ElementsAre("http://outside.example/a.png"));
+  EXPECT_EQ(visit.Chart("empty")["drawn"], 0);
 }
 
 }  // namespace

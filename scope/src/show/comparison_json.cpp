@@ -1,17 +1,9 @@
-#include <nlohmann/json.hpp>
-
 #include "comparison_text.h"
+#include "json.h"
 #include "tool_version.h"
 
 namespace scope {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
 
 Json SideJson(const Side& side) {
   Json folders = Json::array();

@@ -13,34 +13,12 @@
   __attribute__((visibility("hidden"))) extern const char symbol##End[];   \
   }
 
-EMBED(scopeChartsLibrary, SCOPE_CHARTS_LIBRARY)
-EMBED(scopeChartsLicence, SCOPE_CHARTS_LICENCE)
-EMBED(scopePageStyle, SCOPE_PAGE_STYLE)
-EMBED(scopePageScript, SCOPE_PAGE_SCRIPT)
+EMBED(scopePageTemplate, SCOPE_PAGE_TEMPLATE)
 
 namespace scope {
-namespace {
 
-std::string_view Between(const char* begin, const char* end) {
-  return {begin, static_cast<std::size_t>(end - begin)};
-}
-
-}  // namespace
-
-std::string_view ChartsLibrary() {
-  return Between(scopeChartsLibraryBegin, scopeChartsLibraryEnd);
-}
-
-std::string_view ChartsLibraryLicence() {
-  return Between(scopeChartsLicenceBegin, scopeChartsLicenceEnd);
-}
-
-std::string_view PageStyle() {
-  return Between(scopePageStyleBegin, scopePageStyleEnd);
-}
-
-std::string_view PageScript() {
-  return Between(scopePageScriptBegin, scopePageScriptEnd);
+std::string_view PageTemplate() {
+  return {scopePageTemplateBegin, static_cast<std::size_t>(scopePageTemplateEnd - scopePageTemplateBegin)};
 }
 
 }  // namespace scope

@@ -1,0 +1,75 @@
+// Draws a chart on its canvas.
+
+const kManyPoints = 150;
+
+// On a logarithmic axis: 1, 2 and 5 of each power of ten.
+function logTick(value) {
+  const leading = Number(value.toExponential().split('e')[0]);
+  return leading === 1 || leading === 2 || leading === 5 ? shortNumber(value) : null;
+}
+
+function dataset(series, chart) {
+  const plain = !chart.stepped && !chart.stacked && series.dash.length === 0;
+  const marked = plain && series.points.length <= kManyPoints;
+  return {
+    label: series.name,
+    data: series.points,
+    borderColor: series.colour,
+    backgroundColor: series.colour + (chart.stacked ? 'b3' : '40'),
+    borderDash: series.dash,
+    borderWidth: 2,
+    fill: series.fill ? (chart.stacked ? 'stack' : 'origin') : false,
+    stepped: Boolean(chart.stepped),
+    pointStyle: series.marker,
+    pointRadius: marked ? 2.5 : 0,
+    pointHitRadius: 6,
+    spanGaps: false,
+  };
+}
+
+function axisOptions(axis) {
+  return {
+    type: axis.log ? 'logarithmic' : 'linear',
+    title: {display: true, text: axis.title},
+    ticks: {callback: axis.log ? logTick : shortNumber, maxRotation: 0, includeBounds: false},
+  };
+}
+
+function draw(canvas, chart) {
+  const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
+  const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
+  if (!chart.y.log) y.beginAtZero = true;
+  // Where dashes tell the lines apart the legend shows lines, elsewhere the points.
+  const dashed = chart.series.some((series) => series.dash.length !== 0);
+  const labels = dashed ? {boxHeight: 1, boxWidth: 32} : {boxHeight: 7, usePointStyle: !chart.stacked};
+  new Chart(canvas, {
+    type: 'line',
+    data: {datasets: chart.series.map((series) => dataset(series, chart))},
+    options: {
+      animation: false,
+      maintainAspectRatio: false,
+      interaction: {mode: 'nearest', axis: 'x', intersect: false},
+      scales: {x, y},
+      plugins: {
+        legend: {display: chart.series.length > 1, labels},
+        tooltip: {
+          callbacks: {
+            title: (items) => `${chart.x.title.split(' (')[0]}: ${shortNumber(items[0].parsed.x)}`,
+            label: (item) => `${item.dataset.label}: ${shortNumber(item.parsed.y)}`,
+          },
+        },
+      },
+    },
+  });
+}
+
+// Charts under their titles. `about` begins what a screen reader says of each. They are drawn once they are in the page.
+function chartFigures(charts, about) {
+  if (charts.length === 0) return [];
+  return el('div', {class: 'charts'}, charts.map((chart) => {
+    const words = `${about}${chart.title}. Vertical: ${chart.y.title}. Horizontal: ${chart.x.title}.`;
+    const canvas = el('canvas', {id: chart.id, role: 'img', 'aria-label': words});
+    return el('figure', {class: chart.broad && 'broad'}, el('figcaption', {}, chart.title),
+        el('div', {class: 'plot'}, canvas));
+  }));
+}

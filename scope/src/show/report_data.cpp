@@ -1,0 +1,249 @@
+#include "report_data.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <optional>
+#include <tuple>
+#include <utility>
+
+#include "run_warnings.h"
+#include "text_format.h"
+#include "tool_version.h"
+
+namespace scope {
+namespace {
+
+// Six digits: more than a chart shows, in a third of the characters.
+Json Rounded(double value) {
+  return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
+}
+
+template <typename Row>
+Json Column(const std::vector<Row>& rows, const std::function<Json(const Row&)>& value) {
+  Json column = Json::array();
+  for (const Row& row : rows) column.push_back(value(row));
+  return column;
+}
+
+Json WorkJson(const WorkSummary& work) {
+  return Json{{"operations", work.operations},
+              {"failures", work.failures},
+              {"operations_per_s", work.operationsPerS},
+              {"gigabytes_per_s", OrNull(work.gigabytesPerS)},
+              {"p50_ns", OrNull(work.p50Ns)},
+              {"p99_ns", OrNull(work.p99Ns)},
+              {"max_ns", work.maxNs},
+              {"busy_fps", work.busyRate}};
+}
+
+// A second after a gap tells no rate, and one without operations no latency.
+Json SecondsJson(const std::vector<EngineSecond>& seconds) {
+  const auto rate = [&](const std::function<std::optional<double>(const EngineSecond&)>& value) {
+    return Column<EngineSecond>(seconds, [&](const EngineSecond& second) {
+      const std::optional<double> figure = second.afterGap ? std::nullopt : value(second);
+      return figure ? Rounded(*figure) : Json(nullptr);
+    });
+  };
+  const auto latency = [&](std::uint64_t EngineSecond::* figure) {
+    return Column<EngineSecond>(seconds, [&](const EngineSecond& second) {
+      return second.afterGap || second.*figure == 0 ? Json(nullptr) : Json(second.*figure);
+    });
+  };
+  return Json{
+      {"time_s", Column<EngineSecond>(seconds, [](const auto& second) { return Rounded(second.timeS); })},
+      {"operations_per_s", rate([](const auto& second) { return second.OperationsPerS(); })},
+      {"gigabytes_per_s", rate([](const auto& second) { return second.GigabytesPerS(); })},
+      {"p50_ns", latency(&EngineSecond::p50Ns)},
+      {"p99_ns", latency(&EngineSecond::p99Ns)},
+      {"max_ns", latency(&EngineSecond::maxNs)}};
+}
+
+// A bucket may stand there once for each thread.
+Json HistogramJson(const std::vector<HistogramRow>& rows, const std::string& engine) {
+  Json histogram{{"low_ns", Json::array()}, {"high_ns", Json::array()}, {"operations", Json::array()}};
+  for (const HistogramRow& row : rows) {
+    if (row.engine != engine) continue;
+    histogram["low_ns"].push_back(row.lowNs);
+    histogram["high_ns"].push_back(row.highNs);
+    histogram["operations"].push_back(row.count);
+  }
+  return histogram;
+}
+
+Json EnginesJson(const ReportedRun& run) {
+  Json engines = Json::array();
+  for (const EngineSummary& engine : run.summary.engines) {
+    Json threads = Json::array();
+    for (const ThreadSummary& thread : engine.threads) {
+      threads.push_back(Json{{"thread", thread.thread}, {"work", WorkJson(thread.work)}});
+    }
+    engines.push_back(Json{{"name", engine.engine},
+                           {"work", WorkJson(engine.work)},
+                           {"short_operations", HasShortOperations(engine)},
+                           {"threads", threads},
+                           {"first_whole", engine.firstWhole},
+                           {"end_whole", engine.endWhole},
+                           {"seconds", SecondsJson(engine.seconds)},
+                           {"histogram", HistogramJson(run.run.histogram, engine.engine)}});
+  }
+  return engines;
+}
+
+Json PrintedJson(const RunSummary& summary) {
+  Json printed = Json::array();
+  for (const PrintedRates& rates : summary.printed) {
+    printed.push_back(
+        Json{{"engine", rates.engine},
+             {"stress", rates.stress},
+             {"median_fps", rates.median},
+             {"time_s", Column<Rate>(rates.rates, [](const Rate& rate) { return Rounded(rate.timeS); })},
+             {"fps", Column<Rate>(rates.rates, [](const Rate& rate) { return Rounded(rate.fps); })}});
+  }
+  return printed;
+}
+
+Json CountersJson(const std::vector<CounterValue>& values) {
+  std::map<std::tuple<std::string, std::string, std::string>, std::pair<Json, Json>> series;
+  for (const CounterValue& value : values) {
+    auto& [times, figures] = series[{value.source, value.unit, value.name}];
+    times.push_back(Rounded(value.timeS));
+    figures.push_back(Rounded(value.value));
+  }
+  Json counters = Json::array();
+  for (const auto& [key, columns] : series) {
+    const auto& [source, unit, name] = key;
+    counters.push_back(Json{{"source", source},
+                            {"unit", unit},
+                            {"name", name},
+                            {"time_s", columns.first},
+                            {"value", columns.second}});
+  }
+  return counters;
+}
+
+std::string Bytes(std::uint64_t bytes) {
+  const auto value = static_cast<double>(bytes);
+  if (bytes >= std::uint64_t{1} << 30) return Format("%.1f GiB", value / (1 << 30));
+  if (bytes >= std::uint64_t{1} << 20) return Format("%.3g MiB", value / (1 << 20));
+  return Format("%.3g KiB", value / (1 << 10));
+}
+
+std::string Joined(const std::vector<std::string>& parts) {
+  std::string text;
+  for (const std::string& part : parts) text += (text.empty() ? "" : ", ") + part;
+  return text;
+}
+
+// Key, title and text of each condition; an empty text is something that the machine does not tell.
+Json ConditionsJson(const Conditions& machine) {
+  std::vector<std::string> libraries;
+  for (const auto& [name, version] : machine.libraryVersions) libraries.push_back(name + " " + version);
+  std::vector<std::string> caches;
+  for (const Cache& cache : machine.caches) {
+    caches.push_back(Format("L%d ", cache.level) + cache.type + " " +
+                     (cache.instances > 1 ? Format("%d x ", cache.instances) : "") + Bytes(cache.bytes));
+  }
+  std::vector<std::string> loads;
+  for (const double load : machine.loadAverage) loads.push_back(Format("%.2f", load));
+  const bool hasMhz = machine.cpuMhzMax > 0;
+  const auto bytes = static_cast<double>(machine.memTotalBytes);
+  const std::vector<std::tuple<const char*, const char*, std::string>> rows = {
+      {"meter", "Meter",
+       machine.meter ? "measured every operation"
+                     : "none: rate lines alone, without operations, bytes and latencies"},
+      {"build_type", "Build", machine.buildType},
+      {"library_versions", "Libraries", Joined(libraries)},
+      {"cpu_model", "CPU", machine.cpuModel},
+      {"cpu_count", "CPUs", machine.cpuCount > 0 ? std::to_string(machine.cpuCount) : ""},
+      {"caches", "Caches", Joined(caches)},
+      {"governor", "Governor", machine.governor},
+      {"cpu_mhz", "CPU frequency",
+       hasMhz ? Format("%.0f to %.0f MHz", machine.cpuMhzMin, machine.cpuMhzMax) : ""},
+      {"mem_total_bytes", "Memory", bytes > 0 ? Format("%.1f GB", bytes / 1e9) : ""},
+      {"kernel", "Kernel", machine.kernel},
+      {"load_average", "Load average at the start", Joined(loads)},
+      {"hostname_hash", "Machine (hash of its name)", machine.hostnameHash}};
+  Json conditions = Json::array();
+  for (const auto& [key, title, text] : rows) {
+    conditions.push_back(Json{{"key", key}, {"title", title}, {"text", text}});
+  }
+  return conditions;
+}
+
+Json RunJson(const ReportedRun& reported) {
+  const RunInfo& info = reported.run.info;
+  Json levels = Json::object();
+  for (const auto& [engine, level] : info.config.levels) levels[engine] = level;
+  Json sources = Json::array();
+  for (const CounterSource& source : info.counters) {
+    sources.push_back(
+        Json{{"source", source.source}, {"present", source.present}, {"reason", source.reason}});
+  }
+  return Json{{"name", reported.name},
+              {"folder", reported.run.folder},
+              {"tool", info.tool},
+              {"kind", info.kind},
+              {"label", info.label},
+              {"started", info.started},
+              {"complete", info.complete},
+              {"incomplete_reason", info.incompleteReason},
+              {"duration_s", info.durationS},
+              {"exit_status", info.exitStatus},
+              {"signal", info.signal},
+              {"meter", info.conditions.meter},
+              {"config", Json{{"path", info.config.path}, {"text", info.config.text}, {"levels", levels}}},
+              {"conditions", ConditionsJson(info.conditions)},
+              {"warnings", reported.warnings},
+              {"gigabytes_per_s", OrNull(reported.summary.gigabytesPerS)},
+              {"engines", EnginesJson(reported)},
+              {"printed", PrintedJson(reported.summary)},
+              {"counter_sources", sources},
+              {"counters", CountersJson(reported.run.counters)}};
+}
+
+std::string EngineTitle(const std::string& engine) {
+  static const std::map<std::string, std::string> kTitles = {
+      {"cpu", "CPU: memory copies"},
+      {"vpc", "VPC: image resizes"},
+      {"venc", "VENC: frame encodes"},
+      {"aic", "AIC: inferences"},
+      {"vpc_copy", "VPC set-up: copies to media memory"}};
+  const auto at = kTitles.find(engine);
+  return at == kTitles.end() ? engine : at->second;
+}
+
+// Every engine that a run has figures of: cpu, vpc, venc, aic, then others.
+std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
+  std::vector<std::string> names;
+  const auto add = [&names](const std::string& name) {
+    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  };
+  for (const char* known : {"cpu", "vpc", "venc", "aic"}) {
+    for (const ReportedRun& run : runs) {
+      const auto& engines = run.summary.engines;
+      const bool worked = std::any_of(engines.begin(), engines.end(),
+                                      [&](const EngineSummary& engine) { return engine.engine == known; });
+      if (worked || run.summary.PrintedOf(known) != nullptr) add(known);
+    }
+  }
+  for (const ReportedRun& run : runs) {
+    for (const EngineSummary& engine : run.summary.engines) add(engine.engine);
+  }
+  return names;
+}
+
+}  // namespace
+
+Json ReportData(const std::vector<ReportedRun>& runs) {
+  Json data{{"tool", kToolVersion}, {"engines", Json::array()}, {"runs", Json::array()}};
+  for (const std::string& engine : Engines(runs)) {
+    data["engines"].push_back(
+        Json{{"name", engine}, {"title", EngineTitle(engine)}, {"load", IsLoad(engine)}});
+  }
+  for (const ReportedRun& run : runs) data["runs"].push_back(RunJson(run));
+  return data;
+}
+
+}  // namespace scope

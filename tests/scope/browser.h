@@ -1,0 +1,153 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "run_tool.h"
+#include "temporary_folder.h"
+
+/// Opens pages in headless Chromium and says what is to be seen on them.
+namespace browser {
+
+// Put at the end of the page: writes down its tables and charts. On every canvas it counts the pixels that
+// have the colour of one of its lines.
+constexpr const char* kMeasure = R"(<script nonce="measure">
+const isNear = (pixels, at) => (colour) => colour.every((part, i) => Math.abs(part - pixels[at + i]) < 16);
+const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
+  const sets = Chart.getChart(canvas).data.datasets;
+  const wanted = sets.map((set) => set.borderColor.match(/[0-9a-f]{2}/g).map((part) => parseInt(part, 16)));
+  const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+  let drawn = 0;
+  for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));
+  const series = sets.map((set) => ({name: set.label, colour: set.borderColor, dash: set.borderDash,
+    marker: set.pointStyle, points: (set.data ?? []).map((point) => [point.x, point.y])}));
+  return {id: canvas.id, drawn, series};
+});
+const rowsOf = (table) => [...table.rows].map((row) => [...row.cells].map((cell) => cell.textContent));
+const tables = [...document.querySelectorAll('table')].map((table) => ({kind: table.className, rows: rowsOf(table)}));
+const measured = document.createElement('script');
+measured.type = 'application/json';
+measured.id = 'measured';
+measured.textContent = JSON.stringify({title: document.title, text: document.body.innerText, charts, tables})
+  .replaceAll('<', '\\u003c');
+document.body.append(measured);
+</script>)";
+
+/// What a browser saw of a page.
+struct Visit {
+  std::vector<std::string> console;  ///< every line that the page wrote there, errors of the browser included
+  std::vector<std::string> requests;  ///< addresses that the page, not the browser, asked for
+  std::string dom;
+  nlohmann::json page;  ///< what kMeasure found; null where it did not come to run
+
+  const nlohmann::json& Chart(const std::string& id) const {
+    static const nlohmann::json kNone;
+    for (const nlohmann::json& chart : page["charts"]) {
+      if (chart["id"] == id) return chart;
+    }
+    ADD_FAILURE() << "no chart " << id;
+    return kNone;
+  }
+
+  std::vector<std::string> ChartIds() const {
+    std::vector<std::string> ids;
+    for (const nlohmann::json& chart : page["charts"]) ids.push_back(chart["id"]);
+    return ids;
+  }
+
+  std::string Text() const { return page["text"]; }
+
+  /// The row of the table of this kind that begins with these cells; empty where there is none.
+  std::vector<std::string> Row(const std::string& kind, const std::vector<std::string>& begin) const {
+    for (const nlohmann::json& table : page["tables"]) {
+      if (table["kind"] != kind) continue;
+      for (const nlohmann::json& cells : table["rows"]) {
+        const auto row = cells.get<std::vector<std::string>>();
+        if (row.size() >= begin.size() && std::equal(begin.begin(), begin.end(), row.begin())) return row;
+      }
+    }
+    return {};
+  }
+};
+
+class BrowserTest : public ::testing::Test {
+ protected:
+  // Opens `page`. The screenshot, `width` and `height` pixels large, stays in the build folder.
+  Visit Open(const std::string& page, const std::string& name, int width, int height) const {
+    const std::string screenshot = std::string(SCREENSHOTS) + "/" + name + ".png";
+    const std::string netLog = folder_ / "net.json";
+    std::filesystem::create_directories(SCREENSHOTS);
+    std::filesystem::remove(screenshot);
+    std::filesystem::remove(netLog);
+    const ToolResult result = RunProgram(
+        CHROMIUM,
+        {"--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-quic",
+         "--no-first-run", "--disable-background-networking", "--disable-component-update", "--disable-sync",
+         "--user-data-dir=" + (folder_ / "profile"), "--host-resolver-rules=MAP * ~NOTFOUND",
+         "--log-net-log=" + netLog, "--enable-logging=stderr", "--virtual-time-budget=3000",
+         "--hide-scrollbars", "--window-size=" + std::to_string(width) + "," + std::to_string(height),
+         "--screenshot=" + screenshot, "--dump-dom", "file://" + page});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_TRUE(std::filesystem::exists(screenshot)) << result.errors;
+    Visit visit;
+    visit.dom = result.output;
+    std::istringstream lines(result.errors);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find(":CONSOLE:") != std::string::npos) visit.console.push_back(line);
+    }
+    visit.requests = Requests(netLog);
+    const std::string begin = "id=\"measured\">";
+    const std::size_t at = result.output.rfind(begin);
+    if (at != std::string::npos) {
+      const std::size_t from = at + begin.size();
+      visit.page = nlohmann::json::parse(result.output.substr(from, result.output.find('<', from) - from));
+    }
+    return visit;
+  }
+
+  // Has kMeasure run at the end of `page`, past its policy.
+  static std::string Measured(std::string page) {
+    const std::string policy = "script-src ";
+    const std::size_t at = page.find(policy);
+    if (at != std::string::npos) page.insert(at + policy.size(), "'nonce-measure' ");
+    return page + kMeasure;
+  }
+
+  // The report of `folders`, with what measures it.
+  std::string Page(std::vector<std::string> folders) const {
+    const std::string file = folder_ / "report.html";
+    folders.insert(folders.begin(), "report");
+    folders.insert(folders.end(), {"-o", file});
+    const ToolResult result = RunProgram(STRESS_SCOPE, folders);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    return folder_.Put("report.html", Measured(folder_.Get("report.html")));
+  }
+
+  TemporaryFolder folder_;
+
+ private:
+  // Of a request that the browser makes for itself the log says that its initiator is "not an origin", or one
+  // of the browser's maker; pages in files have the origin "null".
+  static std::vector<std::string> Requests(const std::string& netLog) {
+    std::ifstream file(netLog);
+    const nlohmann::json log = nlohmann::json::parse(file);
+    const int start = log["constants"]["logEventTypes"]["URL_REQUEST_START_JOB"];
+    std::vector<std::string> requests;
+    for (const nlohmann::json& event : log["events"]) {
+      // The end of a request has no address.
+      if (event["type"] != start || !event.contains("params") || !event["params"].contains("url")) continue;
+      const std::string initiator = event["params"].value("initiator", "null");
+      if (initiator == "null") requests.push_back(event["params"]["url"]);
+    }
+    return requests;
+  }
+};
+
+}  // namespace browser
