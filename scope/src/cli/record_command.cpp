@@ -10,8 +10,8 @@
 
 namespace scope {
 
-RecordResult RecordAndPrint(const RecordOptions& options, View& view, bool summary) {
-  const RecordResult result = Record(options, view);
+RecordResult RecordAndPrint(const RecordOptions& options, View& view, Signals& signals, bool summary) {
+  const RecordResult result = Record(options, view, signals);
   // What is saved, as everything else shows it.
   try {
     if (summary) std::cout << ReportText(ReadRuns({options.folder}));
@@ -55,7 +55,8 @@ void AddRecord(CLI::App& app, int& status) {
     options->useMeter = !*noMeter;
     if (options->folder.empty()) options->folder = TimedFolder("run-");
     const auto view = *quiet ? MakeSilentView() : OutputIsTerminal() ? MakeLiveView() : MakePlainView();
-    status = RecordAndPrint(*options, *view, true).complete ? kExitOk : kExitFailure;
+    Signals signals;
+    status = RecordAndPrint(*options, *view, signals, true).complete ? kExitOk : kExitFailure;
   });
 }
 

@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <csignal>
-#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -120,33 +118,7 @@ std::vector<SweepRun*> Due(const std::string& folder, Sweep& sweep) {
   return due;
 }
 
-/// SIGINT and SIGTERM wait, between the runs as well: one that comes there is not to leave the sweep half
-/// told.
-class HeldSignals {
- public:
-  HeldSignals() {
-    sigemptyset(&set_);
-    for (const int signal : {SIGINT, SIGTERM}) sigaddset(&set_, signal);
-    (void)pthread_sigmask(SIG_BLOCK, &set_, &before_);
-  }
-  ~HeldSignals() {
-    (void)Came();
-    (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  HeldSignals(const HeldSignals&) = delete;
-  HeldSignals& operator=(const HeldSignals&) = delete;
-
-  bool Came() const {
-    const timespec none{};
-    return sigtimedwait(&set_, nullptr, &none) > 0;
-  }
-
- private:
-  sigset_t set_{};
-  sigset_t before_{};
-};
-
-bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet) {
+bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet, Signals& signals) {
   RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
   options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
   std::error_code error;
@@ -155,7 +127,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
   ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
   const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : MakeSilentView();
   // The sweep's own figures come at its end.
-  const RecordResult result = RecordAndPrint(options, *view, false);
+  const RecordResult result = RecordAndPrint(options, *view, signals, false);
   run.reason.clear();
   if (result.stopped) {
     run.state = SweepState::kInterrupted;
@@ -175,7 +147,8 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
   const double runS = due.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
   std::cout << "sweep " << folder << ": " << due.size() << " of " << sweep.runs.size()
             << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
-  const HeldSignals signals;
+  // Held between the runs as well: one that comes there must not leave sweep.json behind the folders.
+  Signals signals;
   bool interrupted = false;
   for (std::size_t i = 0; i < due.size() && !interrupted; ++i) {
     SweepRun& run = *due[i];
@@ -184,7 +157,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
               << ", repeat " << run.repeat
               << Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60)
               << std::endl;
-    interrupted = !RecordOne(folder, sweep, run, quiet) || signals.Came();
+    interrupted = !RecordOne(folder, sweep, run, quiet, signals) || signals.TakeStop();
   }
   if (interrupted) {
     std::cerr

@@ -130,11 +130,12 @@ int ChildProcess::EndSignal() const {
 
 bool LineReader::Read(int descriptor, std::vector<std::string>& lines) {
   std::array<char, 4096> bytes{};
-  for (;;) {
+  while (!atEnd_) {
     const ssize_t size = read(descriptor, bytes.data(), bytes.size());
     if (size < 0 && errno == EINTR) continue;
     if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
-    if (size <= 0) break;
+    atEnd_ = size <= 0;
+    if (atEnd_) break;
     rest_.append(bytes.data(), static_cast<std::size_t>(size));
     std::size_t from = 0;
     for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n', from)) {

@@ -54,9 +54,12 @@ class LineReader {
   /// Appends the lines that are complete, without line feeds. False at the end, after which a last line
   /// without a line feed has been appended as well.
   bool Read(int descriptor, std::vector<std::string>& lines);
+  /// True once Read has found the end; it reads no more then.
+  bool AtEnd() const { return atEnd_; }
 
  private:
   std::string rest_;
+  bool atEnd_ = false;
 };
 
 }  // namespace scope

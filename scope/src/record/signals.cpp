@@ -1,0 +1,49 @@
+#include "signals.h"
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace scope {
+
+Signals::Signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&set, signal);
+  (void)pthread_sigmask(SIG_BLOCK, &set, &before_);
+  struct sigaction ignore{};
+  ignore.sa_handler = SIG_IGN;
+  (void)sigaction(SIGPIPE, &ignore, &brokenPipe_);
+  descriptor_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (descriptor_ < 0) {
+    const std::string reason = std::strerror(errno);
+    Restore();
+    throw std::runtime_error("cannot wait for signals: " + reason);
+  }
+}
+
+Signals::~Signals() {
+  // One that came late would be delivered when the mask goes.
+  (void)TakeStop();
+  (void)close(descriptor_);
+  Restore();
+}
+
+bool Signals::TakeStop() {
+  bool stop = false;
+  signalfd_siginfo info{};
+  while (read(descriptor_, &info, sizeof(info)) == ssize_t{sizeof(info)})
+    stop = stop || info.ssi_signo != SIGCHLD;
+  return stop;
+}
+
+void Signals::Restore() {
+  (void)sigaction(SIGPIPE, &brokenPipe_, nullptr);
+  (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+}  // namespace scope

@@ -1,0 +1,94 @@
+#include "supervisor.h"
+
+#include <cstring>
+
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+// The run-time limiter ends a second after it raised the flag; set-up and tear-down of the engines come on
+// top.
+constexpr double kUsualEndS = 2;
+// One Ctrl-C may come twice: from the terminal, and from a program in between that passes it on.
+constexpr double kSameSignalS = 1;
+
+std::string Seconds(double seconds) {
+  return Format("%.3g s", seconds);
+}
+
+std::string SignalText(int signal) {
+  const char* const name = sigabbrev_np(signal);
+  return name == nullptr ? "signal " + std::to_string(signal) : "SIG" + std::string(name);
+}
+
+}  // namespace
+
+Supervisor::Decision Supervisor::TimePassed(double nowS) {
+  if (state_ == State::kRunning) {
+    if (limits_.stopAfterS > 0 && nowS >= limits_.stopAfterS) return {Ask(nowS), ""};
+    if (!Hangs(nowS)) return {};
+    return {Ask(nowS), FirstFault("the benchmark hangs: its run time of " + Seconds(limits_.runTimeS) +
+                                  " is over, and there was neither a rate line nor an operation for " +
+                                  Seconds(limits_.graceS))};
+  }
+  if (state_ == State::kStopping && nowS > askedS_ + limits_.graceS) {
+    return {Kill(), FirstFault("the benchmark did not end within " + Seconds(limits_.graceS) +
+                               " of SIGINT and was killed")};
+  }
+  return {};
+}
+
+Supervisor::Decision Supervisor::SignalCame(double nowS) {
+  interrupted_ = true;
+  if (state_ == State::kRunning) return {Ask(nowS), ""};
+  if (state_ == State::kStopping && nowS > askedS_ + kSameSignalS) return {Kill(), ""};
+  return {};
+}
+
+Supervisor::Decision Supervisor::RecordingFailed(double nowS, const std::string& reason) {
+  return {state_ == State::kRunning ? Ask(nowS) : Send::kNothing, FirstFault(reason)};
+}
+
+Supervisor::Decision Supervisor::BenchmarkEnded(const Ending& ending) {
+  state_ = State::kEnded;
+  return {Send::kNothing, FirstFault(FaultOf(ending))};
+}
+
+Supervisor::Send Supervisor::Ask(double nowS) {
+  state_ = State::kStopping;
+  askedS_ = nowS;
+  return Send::kSigint;
+}
+
+Supervisor::Send Supervisor::Kill() {
+  state_ = State::kKilled;
+  return Send::kSigkill;
+}
+
+// The others follow from the first one.
+std::string Supervisor::FirstFault(const std::string& fault) {
+  if (!fault_.empty()) return "";
+  fault_ = fault;
+  return fault;
+}
+
+bool Supervisor::Hangs(double nowS) const {
+  return nowS > limits_.runTimeS + kUsualEndS && nowS > lastLifeS_ + limits_.graceS;
+}
+
+std::string Supervisor::FaultOf(const Ending& ending) const {
+  if (ending.signal != 0) return "the benchmark was ended by " + SignalText(ending.signal);
+  if (ending.exitStatus != 0) {
+    return "the benchmark ended with status " + std::to_string(ending.exitStatus) + "; its log says why";
+  }
+  if (ending.meter == Meter::kSilent) {
+    return "the meter did not answer: " + limits_.program +
+           " calls no platform library, or could not load the meter. There are rate lines at most.";
+  }
+  if (ending.meter == Meter::kCut)
+    return "the meter did not say that the program ends: its last samples are missing";
+  return "";
+}
+
+}  // namespace scope

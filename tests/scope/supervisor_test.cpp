@@ -1,0 +1,195 @@
+// How a recording ends, in virtual time: the test says what happens when.
+#include "supervisor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+
+namespace {
+
+using scope::Supervisor;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using Send = Supervisor::Send;
+using State = Supervisor::State;
+using Meter = Supervisor::Meter;
+
+class SupervisorTest : public ::testing::Test {
+ protected:
+  static Supervisor::Limits Limits() {
+    Supervisor::Limits limits;
+    limits.program = "bin/benchmark";
+    limits.runTimeS = 40;
+    limits.graceS = 15;
+    return limits;
+  }
+
+  static Supervisor StoppingAfter(double stopAfterS) {
+    Supervisor::Limits limits = Limits();
+    limits.stopAfterS = stopAfterS;
+    return Supervisor(limits);
+  }
+
+  void Expect(const Supervisor::Decision& decision, Send send, const std::string& fault, State state) {
+    EXPECT_EQ(decision.send, send);
+    EXPECT_EQ(decision.fault, fault);
+    EXPECT_EQ(supervisor_.CurrentState(), state);
+  }
+
+  Supervisor supervisor_{Limits()};
+};
+
+TEST_F(SupervisorTest, BeginsWithARunningBenchmark) {
+  EXPECT_EQ(supervisor_.CurrentState(), State::kRunning);
+  EXPECT_EQ(supervisor_.Fault(), "");
+  EXPECT_FALSE(supervisor_.Interrupted());
+}
+
+TEST_F(SupervisorTest, ABenchmarkThatEndsByItselfIsACompleteRecording) {
+  for (double nowS = 0; nowS <= 42; nowS += 0.25) {
+    supervisor_.SignOfLife(nowS);
+    Expect(supervisor_.TimePassed(nowS), Send::kNothing, "", State::kRunning);
+  }
+  Expect(supervisor_.BenchmarkEnded({0, 0, Meter::kSaidTheEnd}), Send::kNothing, "", State::kEnded);
+  EXPECT_EQ(supervisor_.Fault(), "");
+  EXPECT_FALSE(supervisor_.Interrupted());
+}
+
+TEST_F(SupervisorTest, ASignalAsksTheBenchmarkToEndWhichIsNoFault) {
+  Expect(supervisor_.SignalCame(3), Send::kSigint, "", State::kStopping);
+  EXPECT_TRUE(supervisor_.Interrupted());
+  Expect(supervisor_.TimePassed(4), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.BenchmarkEnded({}), Send::kNothing, "", State::kEnded);
+  EXPECT_EQ(supervisor_.Fault(), "");
+}
+
+TEST_F(SupervisorTest, TheSameSignalMayComeTwiceWithinASecond) {
+  (void)supervisor_.SignalCame(3);
+  Expect(supervisor_.SignalCame(3), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.SignalCame(4), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.SignalCame(4.001), Send::kSigkill, "", State::kKilled);
+}
+
+TEST_F(SupervisorTest, ASecondSignalKillsWhoeverAskedFirst) {
+  supervisor_ = StoppingAfter(8);
+  (void)supervisor_.TimePassed(8);
+  EXPECT_FALSE(supervisor_.Interrupted());
+  Expect(supervisor_.SignalCame(10), Send::kSigkill, "", State::kKilled);
+  EXPECT_TRUE(supervisor_.Interrupted());
+}
+
+TEST_F(SupervisorTest, AKilledBenchmarkIsSentNothingMore) {
+  (void)supervisor_.SignalCame(1);
+  (void)supervisor_.SignalCame(3);
+  Expect(supervisor_.SignalCame(5), Send::kNothing, "", State::kKilled);
+  Expect(supervisor_.TimePassed(500), Send::kNothing, "", State::kKilled);
+  Expect(supervisor_.RecordingFailed(501, "full"), Send::kNothing, "full", State::kKilled);
+  Expect(supervisor_.BenchmarkEnded({0, SIGKILL, Meter::kCut}), Send::kNothing, "", State::kEnded);
+  EXPECT_EQ(supervisor_.Fault(), "full");
+}
+
+TEST_F(SupervisorTest, ABenchmarkThatIgnoresSigintIsKilledAfterTheGrace) {
+  (void)supervisor_.SignalCame(3);
+  Expect(supervisor_.TimePassed(18), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.TimePassed(18.001), Send::kSigkill,
+         "the benchmark did not end within 15 s of SIGINT and was killed", State::kKilled);
+  // Told already: that it died of it is no news.
+  Expect(supervisor_.BenchmarkEnded({0, SIGKILL, Meter::kCut}), Send::kNothing, "", State::kEnded);
+  EXPECT_EQ(supervisor_.Fault(), "the benchmark did not end within 15 s of SIGINT and was killed");
+}
+
+TEST_F(SupervisorTest, SignsOfLifeDoNotPutOffTheKill) {
+  (void)supervisor_.SignalCame(3);
+  supervisor_.SignOfLife(18);
+  EXPECT_EQ(supervisor_.TimePassed(18.001).send, Send::kSigkill);
+}
+
+TEST_F(SupervisorTest, StopsAtTheTimeThatWasAskedFor) {
+  supervisor_ = StoppingAfter(8);
+  Expect(supervisor_.TimePassed(7.999), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(8), Send::kSigint, "", State::kStopping);
+  Expect(supervisor_.TimePassed(8.2), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.TimePassed(23), Send::kNothing, "", State::kStopping);
+  EXPECT_EQ(supervisor_.TimePassed(23.001).send, Send::kSigkill);
+}
+
+TEST_F(SupervisorTest, ASilentBenchmarkHangsOnceItsRunTimeAndTheGraceAreOver) {
+  supervisor_.SignOfLife(30);
+  Expect(supervisor_.TimePassed(42), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(45), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(45.001), Send::kSigint,
+         "the benchmark hangs: its run time of 40 s is over, and there was neither a rate line nor an "
+         "operation for 15 s",
+         State::kStopping);
+  Expect(supervisor_.TimePassed(60.001), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.TimePassed(60.002), Send::kSigkill, "", State::kKilled);
+  EXPECT_FALSE(supervisor_.Interrupted());
+}
+
+TEST_F(SupervisorTest, TheLastSignOfLifeCountsInWhateverOrderTheyAreTold) {
+  supervisor_.SignOfLife(40);
+  supervisor_.SignOfLife(39);
+  Expect(supervisor_.TimePassed(55), Send::kNothing, "", State::kRunning);
+  EXPECT_EQ(supervisor_.TimePassed(55.001).send, Send::kSigint);
+}
+
+TEST_F(SupervisorTest, ABenchmarkMayBeSilentWithinItsRunTimeAndTwoSecondsMore) {
+  Expect(supervisor_.TimePassed(42), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(42.001), Send::kSigint, supervisor_.Fault(), State::kStopping);
+  EXPECT_THAT(supervisor_.Fault(), StartsWith("the benchmark hangs"));
+}
+
+TEST_F(SupervisorTest, ABenchmarkThatStillWorksDoesNotHang) {
+  for (double nowS = 0; nowS < 500; nowS += 10) {
+    supervisor_.SignOfLife(nowS);
+    Expect(supervisor_.TimePassed(nowS + 9), Send::kNothing, "", State::kRunning);
+  }
+}
+
+TEST_F(SupervisorTest, ARecordingThatFailsEndsTheBenchmark) {
+  Expect(supervisor_.RecordingFailed(5, "no space"), Send::kSigint, "no space", State::kStopping);
+  Expect(supervisor_.RecordingFailed(6, "still none"), Send::kNothing, "", State::kStopping);
+  Expect(supervisor_.TimePassed(20.001), Send::kSigkill, "", State::kKilled);
+  EXPECT_EQ(supervisor_.Fault(), "no space");
+}
+
+TEST_F(SupervisorTest, ARecordingMayFailWhileTheBenchmarkEnds) {
+  (void)supervisor_.SignalCame(5);
+  Expect(supervisor_.RecordingFailed(6, "no space"), Send::kNothing, "no space", State::kStopping);
+  // The grace counts from the signal.
+  EXPECT_EQ(supervisor_.TimePassed(20).send, Send::kNothing);
+  EXPECT_EQ(supervisor_.TimePassed(20.001).send, Send::kSigkill);
+}
+
+TEST_F(SupervisorTest, AfterTheEndThereIsNobodyToSendASignalTo) {
+  (void)supervisor_.BenchmarkEnded({});
+  Expect(supervisor_.TimePassed(500), Send::kNothing, "", State::kEnded);
+  Expect(supervisor_.RecordingFailed(500, "no space"), Send::kNothing, "no space", State::kEnded);
+  EXPECT_FALSE(supervisor_.Interrupted());
+  Expect(supervisor_.SignalCame(501), Send::kNothing, "", State::kEnded);
+  EXPECT_TRUE(supervisor_.Interrupted());
+}
+
+TEST_F(SupervisorTest, SaysHowTheBenchmarkEnded) {
+  const auto fault = [](const Supervisor::Ending& ending) {
+    Supervisor supervisor(Limits());
+    const Supervisor::Decision decision = supervisor.BenchmarkEnded(ending);
+    EXPECT_EQ(decision.fault, supervisor.Fault());
+    EXPECT_EQ(decision.send, Send::kNothing);
+    return decision.fault;
+  };
+  EXPECT_EQ(fault({0, SIGSEGV, Meter::kCut}), "the benchmark was ended by SIGSEGV");
+  EXPECT_EQ(fault({0, SIGRTMIN + 3, Meter::kUnused}),
+            "the benchmark was ended by signal " + std::to_string(SIGRTMIN + 3));
+  EXPECT_EQ(fault({255, 0, Meter::kSilent}), "the benchmark ended with status 255; its log says why");
+  EXPECT_THAT(fault({0, 0, Meter::kSilent}),
+              HasSubstr("the meter did not answer: bin/benchmark calls no platform library"));
+  EXPECT_EQ(fault({0, 0, Meter::kCut}),
+            "the meter did not say that the program ends: its last samples are missing");
+  EXPECT_EQ(fault({0, 0, Meter::kUnused}), "");
+  EXPECT_EQ(fault({0, 0, Meter::kSaidTheEnd}), "");
+}
+
+}  // namespace
