@@ -21,6 +21,7 @@
 #include "cpu_stress.h"
 #include "kivu_venc_stress.h"
 #include "kivu_vpc_stress.h"
+#include "link_names.h"
 #include "ormis/ormis.h"
 
 namespace {
@@ -110,13 +111,12 @@ std::int32_t (*nextResize)(int, const Ormis::ImageData&, const Ormis::ImageData&
 std::int32_t (*nextProcess)(const Ormis::QetDNNHandle&) = nullptr;
 
 void Connect() {
-  nextSendFrame = Next<SendFrame>("_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE", Null);
-  nextGetStream = Next<GetStream>("_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream", Null);
-  nextReleaseStream = Next<GetStream>("_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream", Null);
-  nextCopy = Next<decltype(nextCopy)>("memcpy_s", Null);
-  nextResize = Next<decltype(nextResize)>(
-      "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi", Null);
-  nextProcess = Next<decltype(nextProcess)>("_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE", Null);
+  nextSendFrame = Next<SendFrame>(LINK_QET_VENC_SEND_FRAME, Null);
+  nextGetStream = Next<GetStream>(LINK_QET_VENC_GET_STREAM, Null);
+  nextReleaseStream = Next<GetStream>(LINK_QET_VENC_RELEASE_STREAM, Null);
+  nextCopy = Next<decltype(nextCopy)>(LINK_MEMCPY_S, Null);
+  nextResize = Next<decltype(nextResize)>(LINK_QET_IMAGE_RESIZE, Null);
+  nextProcess = Next<decltype(nextProcess)>(LINK_QET_DNN_MODEL_PROCESS, Null);
 }
 
 using Record = std::unique_ptr<vorn::StressRegister>;

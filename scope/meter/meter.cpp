@@ -11,6 +11,7 @@
 #include <ctime>
 #include <string>
 
+#include "link_names.h"
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"
@@ -67,24 +68,19 @@ class Next<Result(Arguments...)> {
   std::atomic<Pointer> function_{nullptr};
 };
 
-Next<int(void*, std::size_t, const void*, std::size_t)> nextMemcpyS("memcpy_s");
+Next<int(void*, std::size_t, const void*, std::size_t)> nextMemcpyS(LINK_MEMCPY_S);
 Next<std::int32_t(int, const ImageData&, const ImageData&, QetImageInterpolationType, int)> nextResize(
-    "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi");
-Next<std::int32_t(const ImageData&, ImageData&)> nextMemcpyToKivu(
-    "_ZN5Ormis15QetMemcpyToKivuERKNS_9ImageDataERS0_");
-Next<std::int32_t(QetVenc*, const ImageData&)> nextSendFrame("_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE");
-Next<std::int32_t(QetVenc*, ux_venc_stream&)> nextGetStream("_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream");
-Next<std::int32_t(QetVenc*, ux_venc_stream&)> nextReleaseStream(
-    "_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream");
-Next<std::int32_t(QetDNNHandle&, const std::string&)> nextModelInitialize(
-    "_ZN5Ormis21QetDNNModelInitializeERNS_12QetDNNHandleERKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
-    "9allocatorIcEEEE");
-Next<std::int32_t(const QetDNNHandle&)> nextModelProcess(
-    "_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE");
+    LINK_QET_IMAGE_RESIZE);
+Next<std::int32_t(const ImageData&, ImageData&)> nextMemcpyToKivu(LINK_QET_MEMCPY_TO_KIVU);
+Next<std::int32_t(QetVenc*, const ImageData&)> nextSendFrame(LINK_QET_VENC_SEND_FRAME);
+Next<std::int32_t(QetVenc*, ux_venc_stream&)> nextGetStream(LINK_QET_VENC_GET_STREAM);
+Next<std::int32_t(QetVenc*, ux_venc_stream&)> nextReleaseStream(LINK_QET_VENC_RELEASE_STREAM);
+Next<std::int32_t(QetDNNHandle&, const std::string&)> nextModelInitialize(LINK_QET_DNN_MODEL_INITIALIZE);
+Next<std::int32_t(const QetDNNHandle&)> nextModelProcess(LINK_QET_DNN_MODEL_PROCESS);
 
 // This project's own platform has it, and no other; only then do the fields that belong to the platform mean
 // what its header says.
-Next<std::uint32_t()> nextHostVersion("_ZN5Ormis14QetHostVersionEv");
+Next<std::uint32_t()> nextHostVersion(LINK_HOST_VERSION);
 bool hostPlatform = false;
 
 __attribute__((constructor)) void Start() {

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "ara/log/logging.h"
+#include "link_names.h"
 #include "ormis/qet_context.h"
 
 namespace {
@@ -44,9 +45,9 @@ void Find(const char* linkName, Function& function) {
 
 // Looked up here, for dlsym may not be called in a signal handler.
 __attribute__((constructor)) void FindTheReal() {
-  Find("_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE", recorder.initialize);
-  Find("_ZN5Ormis10QetReleaseERNS_10QetContextE", recorder.release);
-  Find("_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE", recorder.logDebug);
+  Find(LINK_QET_INITIALIZE, recorder.initialize);
+  Find(LINK_QET_RELEASE, recorder.release);
+  Find(LINK_LOG_DEBUG, recorder.logDebug);
   // Not for what the program starts in turn, such as a sanitizer's symbolizer.
   if (unsetenv("LD_PRELOAD") != 0) std::abort();
   const char* const path = std::getenv("RECORD_CALLS");

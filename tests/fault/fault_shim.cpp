@@ -32,6 +32,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "link_names.h"
 #include "ormis/ormis.h"
 
 namespace {
@@ -78,50 +79,38 @@ enum Operation : int {
   kOperations
 };
 
-#define LIBCXX_STRING "NSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE"
-#define YAML_OPEN "_ZN5Ormis11QetYamlNodeC1ERK" LIBCXX_STRING
-#define YAML_INDEX "_ZNK5Ormis11QetYamlNodeixERK" LIBCXX_STRING
-#define YAML_UNSIGNED                                                                                       \
-  "_ZNK5Ormis11QetYamlNode8GetValueIjEEbRKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_9allocatorIcEEEE" \
-  "RT_"
-#define YAML_TEXT                                                                                            \
-  "_ZNK5Ormis11QetYamlNode8GetValueINSt3__112basic_stringIcNS2_11char_traitsIcEENS2_9allocatorIcEEEEEEbRKS8" \
-  "_RT_"
-
 // Name in FAULT, and link name.
 constexpr const char* kNames[kOperations][2] = {
-    {"QetInitialize", "_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE"},
-    {"QetRelease", "_ZN5Ormis10QetReleaseERNS_10QetContextE"},
-    {"QetCreateContext", "_ZN5Ormis16QetCreateContextERNS_10QetContextE"},
-    {"QetSetCurrentContext", "_ZN5Ormis20QetSetCurrentContextERNS_10QetContextE"},
-    {"QetDestroyContext", "_ZN5Ormis17QetDestroyContextERNS_10QetContextE"},
-    {"QetCreateChannel", "_ZN5Ormis16QetCreateChannelERi"},
-    {"QetDestroyChannel", "_ZN5Ormis17QetDestroyChannelEi"},
-    {"QetImageMallocAligned", "_ZN5Ormis21QetImageMallocAlignedERNS_9ImageDataE"},
-    {"QetMemcpyToKivu", "_ZN5Ormis15QetMemcpyToKivuERKNS_9ImageDataERS0_"},
-    {"QetImageResize", "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi"},
-    {"QetImageDestroy", "_ZN5Ormis15QetImageDestroyERNS_9ImageDataE"},
-    {"QetVenc::Init", "_ZN5Ormis7QetVenc4InitEv"},
-    {"QetVenc::SendFrame", "_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE"},
-    {"QetVenc::GetStream", "_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream"},
-    {"QetVenc::ReleaseStream", "_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream"},
-    {"QetVenc::~QetVenc", "_ZN5Ormis7QetVencD1Ev"},
-    {"QetDNNModelInitialize",
-     "_ZN5Ormis21QetDNNModelInitializeERNS_12QetDNNHandleERKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
-     "9allocatorIcEEEE"},
-    {"QetDNNModelCreateInput", "_ZN5Ormis22QetDNNModelCreateInputERNS_12QetDNNHandleE"},
-    {"QetDNNModelCreateOutput", "_ZN5Ormis23QetDNNModelCreateOutputERNS_12QetDNNHandleE"},
-    {"QetDNNModelProcess", "_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE"},
-    {"QetDNNRelease", "_ZN5Ormis13QetDNNReleaseERNS_12QetDNNHandleE"},
-    {"memcpy_s", "memcpy_s"},
-    {"QetYamlNode::QetYamlNode", YAML_OPEN},
-    {"QetYamlNode::operator[]", YAML_INDEX},
-    {"QetYamlNode::GetValue<string>", YAML_TEXT},
-    {"QetYamlNode::GetValue<unsigned>", YAML_UNSIGNED},
-    {"QetYamlNode::AsIf", "_ZNK5Ormis11QetYamlNode4AsIfERj"},
-    {"QetYamlNode::~QetYamlNode", "_ZN5Ormis11QetYamlNodeD1Ev"},
-    {"ParseLogLevel", "_ZN5Ormis13ParseLogLevelENS_15QetLogLevelTypeE"},
-    {"ParseLogMode", "_ZN5Ormis12ParseLogModeENS_14QetLogModeTypeE"},
+    {"QetInitialize", LINK_QET_INITIALIZE},
+    {"QetRelease", LINK_QET_RELEASE},
+    {"QetCreateContext", LINK_QET_CREATE_CONTEXT},
+    {"QetSetCurrentContext", LINK_QET_SET_CURRENT_CONTEXT},
+    {"QetDestroyContext", LINK_QET_DESTROY_CONTEXT},
+    {"QetCreateChannel", LINK_QET_CREATE_CHANNEL},
+    {"QetDestroyChannel", LINK_QET_DESTROY_CHANNEL},
+    {"QetImageMallocAligned", LINK_QET_IMAGE_MALLOC_ALIGNED},
+    {"QetMemcpyToKivu", LINK_QET_MEMCPY_TO_KIVU},
+    {"QetImageResize", LINK_QET_IMAGE_RESIZE},
+    {"QetImageDestroy", LINK_QET_IMAGE_DESTROY},
+    {"QetVenc::Init", LINK_QET_VENC_INIT},
+    {"QetVenc::SendFrame", LINK_QET_VENC_SEND_FRAME},
+    {"QetVenc::GetStream", LINK_QET_VENC_GET_STREAM},
+    {"QetVenc::ReleaseStream", LINK_QET_VENC_RELEASE_STREAM},
+    {"QetVenc::~QetVenc", LINK_QET_VENC_END},
+    {"QetDNNModelInitialize", LINK_QET_DNN_MODEL_INITIALIZE},
+    {"QetDNNModelCreateInput", LINK_QET_DNN_MODEL_CREATE_INPUT},
+    {"QetDNNModelCreateOutput", LINK_QET_DNN_MODEL_CREATE_OUTPUT},
+    {"QetDNNModelProcess", LINK_QET_DNN_MODEL_PROCESS},
+    {"QetDNNRelease", LINK_QET_DNN_RELEASE},
+    {"memcpy_s", LINK_MEMCPY_S},
+    {"QetYamlNode::QetYamlNode", LINK_QET_YAML_OPEN},
+    {"QetYamlNode::operator[]", LINK_QET_YAML_INDEX},
+    {"QetYamlNode::GetValue<string>", LINK_QET_YAML_GET_TEXT},
+    {"QetYamlNode::GetValue<unsigned>", LINK_QET_YAML_GET_UNSIGNED},
+    {"QetYamlNode::AsIf", LINK_QET_YAML_AS_IF},
+    {"QetYamlNode::~QetYamlNode", LINK_QET_YAML_END},
+    {"ParseLogLevel", LINK_PARSE_LOG_LEVEL},
+    {"ParseLogMode", LINK_PARSE_LOG_MODE},
     {"new[]", "_Znam"},
     {"posix_memalign", "posix_memalign"},
     {"pthread_create", "pthread_create"},
@@ -430,19 +419,19 @@ extern "C" int memcpy_s(void* destination, std::size_t destinationMax, const voi
 #pragma GCC visibility push(default)
 extern "C" {
 
-void OpenYaml(void* node, const void* path) __asm__(YAML_OPEN);
+void OpenYaml(void* node, const void* path) __asm__(LINK_QET_YAML_OPEN);
 void OpenYaml(void* node, const void* path) {
   BeforeCall(kYamlOpen);
   Forward<void>(kYamlOpen, node, path);
 }
 
-void EndYaml(void* node) __asm__("_ZN5Ormis11QetYamlNodeD1Ev");
+void EndYaml(void* node) __asm__(LINK_QET_YAML_END);
 void EndYaml(void* node) {
   BeforeCall(kYamlEnd);
   Forward<void>(kYamlEnd, node);
 }
 
-void EndVenc(void* encoder) __asm__("_ZN5Ormis7QetVencD1Ev");
+void EndVenc(void* encoder) __asm__(LINK_QET_VENC_END);
 void EndVenc(void* encoder) {
   BeforeCall(kVencEnd);
   Forward<void>(kVencEnd, encoder);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "link_names.h"
 #include "ormis/ormis.h"
 
 namespace {
@@ -71,8 +72,7 @@ __attribute__((no_sanitize("function"))) std::int32_t QetImageResize(int channel
                                                                      QetImageInterpolationType interpolation,
                                                                      int timeoutMs) {
   using Resize = std::int32_t (*)(int, const ImageData&, const ImageData&, QetImageInterpolationType, int);
-  static const auto real = reinterpret_cast<Resize>(
-      dlsym(RTLD_NEXT, "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi"));
+  static const auto real = reinterpret_cast<Resize>(dlsym(RTLD_NEXT, LINK_QET_IMAGE_RESIZE));
   GoWrong();
   return real(channel, source, destination, interpolation, timeoutMs);
 }

@@ -21,6 +21,7 @@
 #include <thread>
 #include <utility>
 
+#include "link_names.h"
 #include "ormis/ormis.h"
 
 namespace {
@@ -89,14 +90,13 @@ struct EndsBadly {
 namespace Ormis {
 
 std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
-  static auto* const sound = Sound<decltype(QetInitialize)>(
-      "_ZN5Ormis13QetInitializeERNS_10QetContextERKNS_20QetContextParametersE");
+  static auto* const sound = Sound<decltype(QetInitialize)>(LINK_QET_INITIALIZE);
   if (Is("initialize_refused") || (Is("initialize_refused_after_leftovers") && leftBehind)) return kRefused;
   return sound(context, parameters);
 }
 
 std::int32_t QetRelease(QetContext& context) {
-  static auto* const sound = Sound<decltype(QetRelease)>("_ZN5Ormis10QetReleaseERNS_10QetContextE");
+  static auto* const sound = Sound<decltype(QetRelease)>(LINK_QET_RELEASE);
   endsBadly.used = true;
   leftBehind = liveContexts > 0;
   if (Is("release_refuses_leftovers") && leftBehind) return kRefused;
@@ -105,8 +105,7 @@ std::int32_t QetRelease(QetContext& context) {
 }
 
 std::int32_t QetCreateContext(QetContext& context) {
-  static auto* const sound =
-      Sound<decltype(QetCreateContext)>("_ZN5Ormis16QetCreateContextERNS_10QetContextE");
+  static auto* const sound = Sound<decltype(QetCreateContext)>(LINK_QET_CREATE_CONTEXT);
   if (Is("context_loses_memory")) LoseMemory(kMuch);
   if (Is("context_loses_64_bytes")) LoseMemory(64);
   if (Is("context_loses_descriptor")) LoseDescriptor();
@@ -120,23 +119,21 @@ std::int32_t QetCreateContext(QetContext& context) {
 }
 
 std::int32_t QetSetCurrentContext(QetContext& context) {
-  static auto* const sound =
-      Sound<decltype(QetSetCurrentContext)>("_ZN5Ormis20QetSetCurrentContextERNS_10QetContextE");
+  static auto* const sound = Sound<decltype(QetSetCurrentContext)>(LINK_QET_SET_CURRENT_CONTEXT);
   const std::lock_guard<std::mutex> lock(lastBinderMutex);
   lastBinder = std::this_thread::get_id();
   return sound(context);
 }
 
 std::int32_t QetDestroyContext(QetContext& context) {
-  static auto* const sound =
-      Sound<decltype(QetDestroyContext)>("_ZN5Ormis17QetDestroyContextERNS_10QetContextE");
+  static auto* const sound = Sound<decltype(QetDestroyContext)>(LINK_QET_DESTROY_CONTEXT);
   --liveContexts;
   const std::int32_t status = sound(context);
   return Is("context_destroy_status") ? kRefused : status;
 }
 
 std::int32_t QetCreateChannel(int& channel) {
-  static auto* const sound = Sound<decltype(QetCreateChannel)>("_ZN5Ormis16QetCreateChannelERi");
+  static auto* const sound = Sound<decltype(QetCreateChannel)>(LINK_QET_CREATE_CHANNEL);
   if (Is("channel_loses_memory")) LoseMemory(kMuch);
   if (Is("channel_loses_descriptor")) LoseDescriptor();
   if (Is("channel_number_kept_back") && channel >= 5) {
@@ -153,14 +150,13 @@ std::int32_t QetCreateChannel(int& channel) {
 }
 
 std::int32_t QetDestroyChannel(int channel) {
-  static auto* const sound = Sound<decltype(QetDestroyChannel)>("_ZN5Ormis17QetDestroyChannelEi");
+  static auto* const sound = Sound<decltype(QetDestroyChannel)>(LINK_QET_DESTROY_CHANNEL);
   const std::int32_t status = sound(channel);
   return Is("channel_destroy_status") ? kRefused : status;
 }
 
 std::int32_t QetImageMallocAligned(ImageData& image) {
-  static auto* const sound =
-      Sound<decltype(QetImageMallocAligned)>("_ZN5Ormis21QetImageMallocAlignedERNS_9ImageDataE");
+  static auto* const sound = Sound<decltype(QetImageMallocAligned)>(LINK_QET_IMAGE_MALLOC_ALIGNED);
   if (Is("binding_of_the_process")) {
     const std::lock_guard<std::mutex> lock(lastBinderMutex);
     if (lastBinder != std::this_thread::get_id()) return kRefused;
@@ -185,8 +181,7 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
 }
 
 std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
-  static auto* const sound =
-      Sound<decltype(QetMemcpyToKivu)>("_ZN5Ormis15QetMemcpyToKivuERKNS_9ImageDataERS0_");
+  static auto* const sound = Sound<decltype(QetMemcpyToKivu)>(LINK_QET_MEMCPY_TO_KIVU);
   const bool same = &source == &destination;
   if (Is("copy_same_record_refused") && same && source.width == 640) return kRefused;
   if (Is("copy_same_record_clears") && same) std::memset(destination.data, 0, destination.dataSize);
@@ -236,8 +231,7 @@ void ResizeWith(double (*at)(const ImageData&, double, double, std::uint32_t), c
 
 std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                             QetImageInterpolationType interpolation, int timeoutMs) {
-  static auto* const sound = Sound<decltype(QetImageResize)>(
-      "_ZN5Ormis14QetImageResizeEiRKNS_9ImageDataES2_NS_25QetImageInterpolationTypeEi");
+  static auto* const sound = Sound<decltype(QetImageResize)>(LINK_QET_IMAGE_RESIZE);
   if (Is("resize_does_nothing") && source.data != nullptr && destination.data != nullptr) return 0;
   if (Is("resize_accepts_no_memory") && (source.data == nullptr || destination.data == nullptr)) return 0;
   if (Is("resize_crashes_without_memory") && source.data == nullptr) (void)std::raise(SIGSEGV);
@@ -291,13 +285,13 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
 }
 
 std::int32_t QetImageDestroy(ImageData& image) {
-  static auto* const sound = Sound<decltype(QetImageDestroy)>("_ZN5Ormis15QetImageDestroyERNS_9ImageDataE");
+  static auto* const sound = Sound<decltype(QetImageDestroy)>(LINK_QET_IMAGE_DESTROY);
   const std::int32_t status = sound(image);
   return Is("image_destroy_status") ? kRefused : status;
 }
 
 std::int32_t QetVenc::Init() {
-  static auto* const sound = Sound<std::int32_t(QetVenc*)>("_ZN5Ormis7QetVenc4InitEv");
+  static auto* const sound = Sound<std::int32_t(QetVenc*)>(LINK_QET_VENC_INIT);
   if (Is("encoder_one_channel") && channel != 25) return kRefused;
   if (Is("encoder_loses_memory")) LoseMemory(kMuch);
   if (Is("encoder_loses_thread")) LoseThread();
@@ -324,8 +318,7 @@ bool TakeFrame(const QetVenc* encoder) {
 }  // namespace
 
 std::int32_t QetVenc::SendFrame(const ImageData& frame) {
-  static auto* const sound =
-      Sound<std::int32_t(QetVenc*, const ImageData&)>("_ZN5Ormis7QetVenc9SendFrameERKNS_9ImageDataE");
+  static auto* const sound = Sound<std::int32_t(QetVenc*, const ImageData&)>(LINK_QET_VENC_SEND_FRAME);
   if (Is("encoder_sends_without_init") && encoderId == 0) return 0;
   if (Is("encoder_sends_only_once") && gopSize == 0) return kRefused;
   const std::int32_t status = sound(this, frame);
@@ -336,8 +329,7 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
 }
 
 std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
-  static auto* const sound =
-      Sound<std::int32_t(QetVenc*, ux_venc_stream&)>("_ZN5Ormis7QetVenc9GetStreamER14ux_venc_stream");
+  static auto* const sound = Sound<std::int32_t(QetVenc*, ux_venc_stream&)>(LINK_QET_VENC_GET_STREAM);
   if (Is("encoder_hangs")) Hang();
   const bool hasFrame = TakeFrame(this);
   if (Is("stream_without_frame") && !hasFrame) return 0;
@@ -356,8 +348,7 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
 }
 
 std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
-  static auto* const sound =
-      Sound<std::int32_t(QetVenc*, ux_venc_stream&)>("_ZN5Ormis7QetVenc13ReleaseStreamER14ux_venc_stream");
+  static auto* const sound = Sound<std::int32_t(QetVenc*, ux_venc_stream&)>(LINK_QET_VENC_RELEASE_STREAM);
   {
     const std::lock_guard<std::mutex> lock(holdingMutex);
     holding.erase(this);
@@ -369,9 +360,9 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
 
 // By its link name: a destructor written as one would go on to end the members a second time.
 extern "C" __attribute__((visibility("default"))) void EndEncoder(QetVenc* encoder) __asm__(
-    "_ZN5Ormis7QetVencD1Ev");
+    LINK_QET_VENC_END);
 void EndEncoder(QetVenc* encoder) {
-  static auto* const sound = Sound<void(QetVenc*)>("_ZN5Ormis7QetVencD1Ev");
+  static auto* const sound = Sound<void(QetVenc*)>(LINK_QET_VENC_END);
   if (Is("encoder_end_crashes_with_stream") && Holds(encoder)) std::abort();
   {
     const std::lock_guard<std::mutex> lock(holdingMutex);
@@ -388,9 +379,7 @@ std::atomic<bool> ended{false};  // a handle was released while another one was 
 }  // namespace
 
 std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path) {
-  static auto* const sound = Sound<decltype(QetDNNModelInitialize)>(
-      "_ZN5Ormis21QetDNNModelInitializeERNS_12QetDNNHandleERKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
-      "9allocatorIcEEEE");
+  static auto* const sound = Sound<decltype(QetDNNModelInitialize)>(LINK_QET_DNN_MODEL_INITIALIZE);
   if (Is("model_loses_memory")) LoseMemory(kMuch);
   if (Is("model_loses_descriptor")) LoseDescriptor();
   const std::int32_t status = sound(handle, path);
@@ -419,20 +408,17 @@ bool TakeFrom(std::set<const QetDNNHandle*>& unfinished, const QetDNNHandle& han
 }  // namespace
 
 std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle) {
-  static auto* const sound =
-      Sound<decltype(QetDNNModelCreateInput)>("_ZN5Ormis22QetDNNModelCreateInputERNS_12QetDNNHandleE");
+  static auto* const sound = Sound<decltype(QetDNNModelCreateInput)>(LINK_QET_DNN_MODEL_CREATE_INPUT);
   return Note(withoutInputs, handle, sound(handle));
 }
 
 std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle) {
-  static auto* const sound =
-      Sound<decltype(QetDNNModelCreateOutput)>("_ZN5Ormis23QetDNNModelCreateOutputERNS_12QetDNNHandleE");
+  static auto* const sound = Sound<decltype(QetDNNModelCreateOutput)>(LINK_QET_DNN_MODEL_CREATE_OUTPUT);
   return Note(withoutOutputs, handle, sound(handle));
 }
 
 std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
-  static auto* const sound =
-      Sound<decltype(QetDNNModelProcess)>("_ZN5Ormis18QetDNNModelProcessERKNS_12QetDNNHandleE");
+  static auto* const sound = Sound<decltype(QetDNNModelProcess)>(LINK_QET_DNN_MODEL_PROCESS);
   static thread_local int runs = 0;
   if (Is("model_runs_three_times") && ++runs > 3) return kRefused;
   if (Is("model_one_release_ends_all") && ended) return kRefused;
@@ -440,7 +426,7 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
 }
 
 std::int32_t QetDNNRelease(QetDNNHandle& handle) {
-  static auto* const sound = Sound<decltype(QetDNNRelease)>("_ZN5Ormis13QetDNNReleaseERNS_12QetDNNHandleE");
+  static auto* const sound = Sound<decltype(QetDNNRelease)>(LINK_QET_DNN_RELEASE);
   if (Is("model_release_crashes_without_model") && handle.modelId == 0) std::abort();
   const bool lacksInputs = TakeFrom(withoutInputs, handle);
   const bool lacksOutputs = TakeFrom(withoutOutputs, handle);
@@ -452,37 +438,32 @@ std::int32_t QetDNNRelease(QetDNNHandle& handle) {
   return status;
 }
 
-extern "C" __attribute__((visibility("default"))) void
-ReadYaml(QetYamlNode* node, const std::string& path) __asm__(
-    "_ZN5Ormis11QetYamlNodeC1ERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+extern "C" __attribute__((visibility("default"))) void ReadYaml(
+    QetYamlNode* node, const std::string& path) __asm__(LINK_QET_YAML_OPEN);
 extern "C" __attribute__((visibility("default"))) void MakeYaml(QetYamlNode* node) __asm__(
-    "_ZN5Ormis11QetYamlNodeC1Ev");
+    LINK_QET_YAML_EMPTY);
 void ReadYaml(QetYamlNode* node, const std::string& path) {
-  static auto* const sound = Sound<void(QetYamlNode*, const std::string&)>(
-      "_ZN5Ormis11QetYamlNodeC1ERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+  static auto* const sound = Sound<void(QetYamlNode*, const std::string&)>(LINK_QET_YAML_OPEN);
   if (Is("yaml_missing_file_is_empty") && access(path.c_str(), R_OK) != 0) return MakeYaml(node);
   sound(node, path);
   if (Is("yaml_children_lack_sections")) node->children.erase("VPC");
   if (Is("yaml_children_in_lower_case")) node->children.emplace("cpu", node->children.begin()->second);
 }
 void MakeYaml(QetYamlNode* node) {
-  static auto* const sound = Sound<void(QetYamlNode*)>("_ZN5Ormis11QetYamlNodeC1Ev");
+  static auto* const sound = Sound<void(QetYamlNode*)>(LINK_QET_YAML_EMPTY);
   sound(node);
 }
 
 QetYamlNode QetYamlNode::operator[](const std::string& key) const {
-  static auto* const sound = Sound<QetYamlNode(const QetYamlNode*, const std::string&)>(
-      "_ZNK5Ormis11QetYamlNodeixERKNSt3__112basic_stringIcNS1_11char_traitsIcEENS1_9allocatorIcEEEE");
+  static auto* const sound = Sound<QetYamlNode(const QetYamlNode*, const std::string&)>(LINK_QET_YAML_INDEX);
   if (Is("yaml_look_up_gives_the_first_section") && key == "CPU") return sound(this, "AIC");
   return sound(this, key);
 }
 
 template <>
 bool QetYamlNode::GetValue<std::string>(const std::string& key, std::string& out) const {
-  static auto* const sound = Sound<bool(const QetYamlNode*, const std::string&, std::string&)>(
-      "_ZNK5Ormis11QetYamlNode8GetValueINSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
-      "9allocatorIcEEEEEEbRKS8_"
-      "RT_");
+  static auto* const sound =
+      Sound<bool(const QetYamlNode*, const std::string&, std::string&)>(LINK_QET_YAML_GET_TEXT);
   if (Is("yaml_missing_string_is_there") && children.count(key) == 0) return true;
   const bool found = sound(this, key, out);
   if (Is("yaml_string_cut") && out.size() > 8) out.resize(8);
@@ -497,9 +478,8 @@ thread_local bool insideGetValue = false;  // which may rest on AsIf or not
 
 template <>
 bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& out) const {
-  static auto* const sound = Sound<bool(const QetYamlNode*, const std::string&, unsigned int&)>(
-      "_ZNK5Ormis11QetYamlNode8GetValueIjEEbRKNSt3__112basic_stringIcNS2_11char_traitsIcEENS2_"
-      "9allocatorIcEEEERT_");
+  static auto* const sound =
+      Sound<bool(const QetYamlNode*, const std::string&, unsigned int&)>(LINK_QET_YAML_GET_UNSIGNED);
   insideGetValue = true;
   const bool converts = sound(this, key, out);
   insideGetValue = false;
@@ -507,8 +487,7 @@ bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& o
 }
 
 bool QetYamlNode::AsIf(unsigned int& out) const {
-  static auto* const sound =
-      Sound<bool(const QetYamlNode*, unsigned int&)>("_ZNK5Ormis11QetYamlNode4AsIfERj");
+  static auto* const sound = Sound<bool(const QetYamlNode*, unsigned int&)>(LINK_QET_YAML_AS_IF);
   if (Is("yaml_as_if_does_nothing") && !insideGetValue) return true;
   const bool converts = sound(this, out);
   if (Is("yaml_as_if_writes_zero") && !converts) out = 0;
@@ -516,13 +495,13 @@ bool QetYamlNode::AsIf(unsigned int& out) const {
 }
 
 ara::log::LogLevel ParseLogLevel(QetLogLevelType level) {
-  static auto* const sound = Sound<decltype(ParseLogLevel)>("_ZN5Ormis13ParseLogLevelENS_15QetLogLevelTypeE");
+  static auto* const sound = Sound<decltype(ParseLogLevel)>(LINK_PARSE_LOG_LEVEL);
   if (Is("log_level_unknown") && level > 6) return static_cast<ara::log::LogLevel>(level);
   return sound(level);
 }
 
 ara::log::LogMode ParseLogMode(QetLogModeType mode) {
-  static auto* const sound = Sound<decltype(ParseLogMode)>("_ZN5Ormis12ParseLogModeENS_14QetLogModeTypeE");
+  static auto* const sound = Sound<decltype(ParseLogMode)>(LINK_PARSE_LOG_MODE);
   if (Is("log_mode_unknown")) return static_cast<ara::log::LogMode>(mode);
   return sound(mode);
 }
@@ -532,15 +511,13 @@ ara::log::LogMode ParseLogMode(QetLogModeType mode) {
 namespace ara::log {
 
 LogStream Logger::LogDebug(const SourceLocation& location) const {
-  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(
-      "_ZNK3ara3log6Logger8LogDebugERKNS0_14SourceLocationE");
+  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(LINK_LOG_DEBUG);
   if (Is("log_debug_crashes")) std::abort();
   return sound(this, location);
 }
 
 LogStream Logger::LogError(const SourceLocation& location) const {
-  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(
-      "_ZNK3ara3log6Logger8LogErrorERKNS0_14SourceLocationE");
+  static auto* const sound = Sound<LogStream(const Logger*, const SourceLocation&)>(LINK_LOG_ERROR);
   if (Is("log_locks")) {
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
@@ -552,7 +529,7 @@ LogStream Logger::LogError(const SourceLocation& location) const {
 }
 
 LogStream& LogStream::operator<<(const char* text) {
-  static auto* const sound = Sound<LogStream&(LogStream*, const char*)>("_ZN3ara3log9LogStreamlsEPKc");
+  static auto* const sound = Sound<LogStream&(LogStream*, const char*)>(LINK_LOG_INSERT_TEXT);
   if (Is("log_writes_in_pieces")) {
     (void)!write(STDERR_FILENO, text, std::strlen(text));
     return *this;
@@ -563,7 +540,7 @@ LogStream& LogStream::operator<<(const char* text) {
 }  // namespace ara::log
 
 int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
-  static auto* const sound = Sound<decltype(memcpy_s)>("memcpy_s");
+  static auto* const sound = Sound<decltype(memcpy_s)>(LINK_MEMCPY_S);
   if (Is("memcpy_s_cuts") && count > 1 && count <= destinationMax)
     return sound(destination, destinationMax, source, count - 1);
   if (Is("memcpy_s_ignores_the_limit") && source != nullptr) {
