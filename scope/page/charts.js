@@ -1,10 +1,15 @@
 // What each chart shows: {id, title, broad, x, y, stacked, stepped, series}. An axis is {title, min, max, log}; a series
-// {name, colour, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap.
+// {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap.
 
-// The colours of Okabe and Ito, which the colour-blind tell apart, without the yellow that white swallows.
-const kColours = ['#0072b2', '#d55e00', '#009e73', '#aa4499', '#e69f00', '#56b4e9', '#000000', '#767676'];
-// Colour is not the only difference between the lines of two runs.
+// Colours belong to engines. Lines of runs differ in dashes and points, lines of figures in weight.
+const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // of engines that the program has no colour for
+const kCounterColours = ['#4477aa', '#ee6677', '#228833', '#aa3377', '#ccbb44', '#66ccee', '#60656b', '#994455'];
+const kTotalColour = '#60656b';
+const kDashes = [[], [7, 4], [2, 3], [10, 3, 2, 3], [14, 5], [5, 2], [10, 3, 2, 3, 2, 3], [1, 5]];
 const kMarkers = ['circle', 'rect', 'triangle', 'rectRot', 'cross', 'star', 'crossRot', 'line'];
+const kStrong = {width: 2.5, opacity: 1};
+const kMiddling = {width: 1.75, opacity: 0.75};
+const kFaint = {width: 1.25, opacity: 0.5};
 const kBinsPerOctave = 8;
 const kLeastRange = 5; // of a histogram's axis: wide enough for a number or two
 
@@ -44,47 +49,51 @@ class Charts {
   }
 
   engineColour(name) {
-    return kColours[this.engines.findIndex((engine) => engine.name === name) % kColours.length];
+    const unknown = this.engines.filter((engine) => !engine.colour);
+    const known = this.engines.find((engine) => engine.name === name && engine.colour);
+    if (known) return known.colour;
+    return kMoreColours[unknown.findIndex((engine) => engine.name === name) % kMoreColours.length];
   }
 
-  // One run: the engine's colour. Several: the run's.
-  colour(runIndex, engine) {
-    return this.runs.length === 1 ? this.engineColour(engine) : kColours[runIndex];
-  }
-
-  series(runIndex, engine, what, points, style = {}) {
-    const name = this.runs.length === 1 ? what : `${this.runs[runIndex].name}, ${what}`;
-    return {name, points, colour: this.colour(runIndex, engine), marker: kMarkers[runIndex], dash: [], ...style};
+  // A line of the run; `what` tells it from the run's other lines in the chart.
+  line(runIndex, colour, what, points, style = {}) {
+    const several = this.runs.length > 1;
+    const name = !several ? what : [this.runs[runIndex].name, ...(what ? [what] : [])].join(', ');
+    return {name, points, colour, dash: kDashes[runIndex], marker: kMarkers[runIndex], weight: kStrong, ...style};
   }
 
   ofRun(title, run) {
     return this.runs.length === 1 ? title : `${title}: ${run.name}`;
   }
 
-  // All engines of each run on top of each other; the same scale for every run.
+  // The bandwidth of all engines: of several runs beside each other, and of each run, all on one scale.
   totals() {
-    const charts = [];
-    let top = 0;
-    this.runs.forEach((run, i) => {
-      if (run.gigabytes_per_s === null) return;
-      const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
-      const bandwidths = engines.map((engine) => new Map(
-          wholePoints(engine, 'gigabytes_per_s').map((point) => [point.x, point.y])));
-      const times = [...new Set(bandwidths.flatMap((bandwidth) => [...bandwidth.keys()]))].sort((a, b) => a - b);
-      for (const x of times) {
-        top = Math.max(top, bandwidths.reduce((sum, bandwidth) => sum + (bandwidth.get(x) ?? 0), 0));
-      }
-      const series = engines.map((engine, at) => ({
-        name: engine.name, colour: this.engineColour(engine.name), dash: [], marker: 'circle', fill: true,
-        // A stack needs a value of every engine at every time.
-        points: times.map((x) => ({x, y: bandwidths[at].has(x) ? bandwidths[at].get(x) : 0})),
-      }));
-      const title = this.ofRun('Bandwidth of all engines', run);
-      charts.push({...this.overTime(`total-${i}`, title, {title: 'Bandwidth (GB/s, stacked)'}, series),
-        stacked: true, broad: this.runs.length === 1});
+    const stacks = this.runs.map((run) => this.stack(run));
+    const sums = stacks.map((stack) => sumOf(stack));
+    const top = greatest(sums.flatMap((points) => points.map((point) => point.y)));
+    const charts = stacks.flatMap((series, i) => {
+      if (this.runs[i].gigabytes_per_s === null) return [];
+      const title = this.ofRun('Bandwidth of all engines', this.runs[i]);
+      return [{...this.overTime(`total-${i}`, title, {title: 'Bandwidth (GB/s, stacked)', max: top}, series),
+        stacked: true, broad: this.runs.length === 1}];
     });
-    for (const chart of charts) chart.y.max = top;
-    return charts;
+    if (charts.length < 2) return charts;
+    const lines = sums.map((points, i) => this.line(i, kTotalColour, '', points)).filter(isDrawn);
+    const axis = {title: 'Bandwidth (GB/s)', max: top};
+    return [{...this.overTime('totals', 'Bandwidth of all engines together', axis, lines), broad: true}, ...charts];
+  }
+
+  // The engines of a run, with a point for every second that one of them has.
+  stack(run) {
+    const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
+    const bandwidths = engines.map((engine) => new Map(
+        wholePoints(engine, 'gigabytes_per_s').map((point) => [point.x, point.y])));
+    const times = [...new Set(bandwidths.flatMap((bandwidth) => [...bandwidth.keys()]))].sort((a, b) => a - b);
+    return engines.map((engine, i) => ({
+      name: engine.name, colour: this.engineColour(engine.name), dash: [], marker: 'circle', weight: kStrong, fill: true,
+      // A stack needs a value of every engine at every time.
+      points: times.map((x) => ({x, y: bandwidths[i].has(x) ? bandwidths[i].get(x) : 0})),
+    }));
   }
 
   // Rate, bandwidth, latencies, histogram and printed rate of the engine, all runs in each, without the empty ones.
@@ -96,23 +105,23 @@ class Charts {
   }
 
   // A series for each run that has figures of the engine in `column` of its seconds.
-  columnSeries(engine, what, column, perUnit = 1, style = {}) {
+  columnLines(engine, what, column, perUnit = 1, style = {}) {
     return this.runs.flatMap((run, i) => {
       const found = engineOf(run, engine);
       if (!found) return [];
       const points = wholePoints(found, column).map(({x, y}) => ({x, y: y === null ? null : y * perUnit}));
-      return [this.series(i, engine, what, points, style)];
+      return [this.line(i, this.engineColour(engine), what, points, style)];
     }).filter(isDrawn);
   }
 
   rate(engine) {
     return this.overTime(`${engine}-rate`, 'Rate', {title: 'Operations (1/s)'},
-        this.columnSeries(engine, 'operations', 'operations_per_s'));
+        this.columnLines(engine, '', 'operations_per_s'));
   }
 
   bandwidth(engine) {
     return this.overTime(`${engine}-bandwidth`, 'Bandwidth', {title: 'Bandwidth (GB/s)'},
-        this.columnSeries(engine, 'bandwidth', 'gigabytes_per_s'));
+        this.columnLines(engine, '', 'gigabytes_per_s'));
   }
 
   // The unit that the engine's latencies are shown in, and how many of it a nanosecond is.
@@ -125,9 +134,9 @@ class Charts {
   latency(engine) {
     const [unit, perNs] = this.latencyUnit(engine);
     const series = [
-      ...this.columnSeries(engine, 'p50', 'p50_ns', perNs),
-      ...this.columnSeries(engine, 'p99', 'p99_ns', perNs, {dash: [6, 4]}),
-      ...this.columnSeries(engine, 'max', 'max_ns', perNs, {dash: [1, 4]}),
+      ...this.columnLines(engine, 'p50', 'p50_ns', perNs),
+      ...this.columnLines(engine, 'p99', 'p99_ns', perNs, {weight: kMiddling}),
+      ...this.columnLines(engine, 'max', 'max_ns', perNs, {weight: kFaint}),
     ];
     const axis = {title: `Latency (${unit})`, log: true};
     return {...this.overTime(`${engine}-latency`, 'Latency of an operation', axis, series), broad: true};
@@ -142,7 +151,7 @@ class Charts {
       if (points.length === 0) return [];
       lowest = Math.min(lowest, points[0].x);
       highest = Math.max(highest, points[points.length - 1].x * 2 ** (1 / kBinsPerOctave));
-      return [this.series(i, engine, 'share', points, {fill: true})];
+      return [this.line(i, this.engineColour(engine), '', points, {fill: this.runs.length === 1})];
     });
     const widen = Math.max(1, Math.sqrt(kLeastRange * lowest / highest));
     return {
@@ -158,8 +167,9 @@ class Charts {
       if (!printed) return [];
       const exact = engineOf(run, engine)?.work.busy_fps ?? 0;
       const line = [{x: 0, y: exact}, {x: this.endS, y: exact}];
-      return [this.series(i, engine, 'printed', pointsOf(printed.time_s, printed.fps)),
-        ...(exact > 0 ? [this.series(i, engine, 'exact, whole run', line, {dash: [6, 4]})] : [])];
+      const colour = this.engineColour(engine);
+      return [this.line(i, colour, 'printed', pointsOf(printed.time_s, printed.fps)),
+        ...(exact > 0 ? [this.line(i, colour, 'exact, whole run', line, {weight: kFaint, marker: false})] : [])];
     });
     return this.overTime(`${engine}-printed`, measured ? 'Printed rate beside the exact one' : 'Printed rate',
         {title: 'Rate of a busy thread (fps)'}, series);
@@ -175,13 +185,21 @@ class Charts {
       }
       return [...bySource].map(([axis, counters], number) => {
         const series = counters.map((counter, at) => ({
-          name: counter.name, colour: kColours[at % kColours.length], dash: [],
-          marker: kMarkers[at % kMarkers.length], points: pointsOf(counter.time_s, counter.value),
+          name: counter.name, colour: kCounterColours[at % kCounterColours.length], weight: kStrong,
+          dash: kDashes[i], marker: kMarkers[at % kMarkers.length], points: pointsOf(counter.time_s, counter.value),
         }));
         return this.overTime(`counter-${i}-${number}`, this.ofRun(counters[0].source, run), {title: axis}, series);
       });
     });
   }
+}
+
+// The sums of a stack's series: null where one of them has a gap.
+function sumOf(stack) {
+  return (stack[0]?.points ?? []).map(({x}, i) => {
+    const values = stack.map((series) => series.points[i].y);
+    return {x, y: values.includes(null) ? null : values.reduce((sum, value) => sum + value, 0)};
+  });
 }
 
 // The seconds in which the engine worked throughout.

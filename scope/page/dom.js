@@ -33,6 +33,11 @@ function latencyText(ns) {
   return `${(ns / 1e9).toFixed(2)} s`;
 }
 
+// With its sign.
+function percentText(value) {
+  return `${value > 0 ? '+' : value < 0 ? '−' : ''}${Math.abs(value)} %`;
+}
+
 function shortNumber(value) {
   return Number(Number(value).toPrecision(4)).toLocaleString('en', {maximumFractionDigits: 6});
 }

@@ -8,16 +8,20 @@ function logTick(value) {
   return leading === 1 || leading === 2 || leading === 5 ? shortNumber(value) : null;
 }
 
+// "#rrggbb" with an opacity of 0 to 1.
+function withOpacity(colour, opacity) {
+  return colour + Math.round(opacity * 255).toString(16).padStart(2, '0');
+}
+
 function dataset(series, chart) {
-  const plain = !chart.stepped && !chart.stacked && series.dash.length === 0;
-  const marked = plain && series.points.length <= kManyPoints;
+  const marked = series.marker && !chart.stepped && !chart.stacked && series.points.length <= kManyPoints;
   return {
     label: series.name,
     data: series.points,
-    borderColor: series.colour,
-    backgroundColor: series.colour + (chart.stacked ? 'b3' : '40'),
+    borderColor: withOpacity(series.colour, series.weight.opacity),
+    backgroundColor: withOpacity(series.colour, chart.stacked ? 0.7 : 0.25),
     borderDash: series.dash,
-    borderWidth: 2,
+    borderWidth: series.weight.width,
     fill: series.fill ? (chart.stacked ? 'stack' : 'origin') : false,
     stepped: Boolean(chart.stepped),
     pointStyle: series.marker,
@@ -39,9 +43,7 @@ function draw(canvas, chart) {
   const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
   const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
   if (!chart.y.log) y.beginAtZero = true;
-  // Where dashes tell the lines apart the legend shows lines, elsewhere the points.
-  const dashed = chart.series.some((series) => series.dash.length !== 0);
-  const labels = dashed ? {boxHeight: 1, boxWidth: 32} : {boxHeight: 7, usePointStyle: !chart.stacked};
+  const labels = chart.stacked ? {boxHeight: 7} : {boxHeight: 1, boxWidth: 36};
   new Chart(canvas, {
     type: 'line',
     data: {datasets: chart.series.map((series) => dataset(series, chart))},

@@ -43,7 +43,7 @@ function summaryRow(run, name, headings) {
     ...workCells(engine && engine.work),
     cell(printed && rateText(printed.median_fps), engine && engine.short_operations),
     cell(exact && rateText(exact)),
-    cell(offBy !== null && `${offBy < 0 ? '−' : '+'}${Math.abs(offBy).toFixed(0)} %`),
+    cell(offBy !== null && percentText(Math.round(offBy))),
   ];
 }
 

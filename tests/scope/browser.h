@@ -22,7 +22,7 @@ constexpr const char* kMeasure = R"(<script nonce="measure">
 const isNear = (pixels, at) => (colour) => colour.every((part, i) => Math.abs(part - pixels[at + i]) < 16);
 const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   const sets = Chart.getChart(canvas).data.datasets;
-  const wanted = sets.map((set) => set.borderColor.match(/[0-9a-f]{2}/g).map((part) => parseInt(part, 16)));
+  const wanted = sets.map((set) => set.borderColor.match(/[0-9a-f]{2}/g).slice(0, 3).map((part) => parseInt(part, 16)));
   const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
   let drawn = 0;
   for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));

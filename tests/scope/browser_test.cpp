@@ -97,9 +97,8 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
   EXPECT_THAT(visit.Row("figures", {"cpu"}),
               ElementsAre("cpu", "2", "32,000", "800.0", "13.271", "500.00 µs", "500.00 µs", "500.00 µs", "0",
                           "0.00", "2000.0", "–"));
-  EXPECT_THAT(visit.Row("figures", {"vpc"}),
-              ElementsAre("vpc", "1", "4,000", "100.0", "0.651", "4.00 ms", "4.00 ms", "4.00 ms", "0",
-                          "250.0", "250.0", "+0 %"));
+  EXPECT_THAT(visit.Row("figures", {"vpc"}), ElementsAre("vpc", "1", "4,000", "100.0", "0.651", "4.00 ms",
+                                                         "4.00 ms", "4.00 ms", "0", "250.0", "250.0", "0 %"));
   EXPECT_THAT(visit.Row("figures", {"all"}), ElementsAre("all", "", "14.642", ""));
   EXPECT_THAT(visit.Row("figures", {"cpu", "1"}),
               ElementsAre("cpu", "1", "16,000", "400.0", "6.636", "500.00 µs", "500.00 µs", "500.00 µs", "0",
@@ -146,17 +145,52 @@ TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   other.info.conditions.governor = "performance";
   const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
   std::vector<std::string> charts = EngineCharts({"cpu", "vpc", "venc", "aic"});
-  charts.insert(charts.begin(), {"total-0", "total-1"});
+  charts.insert(charts.begin(), {"totals", "total-0", "total-1"});
   charts.insert(charts.end(), {"counter-0-0", "counter-1-0"});
   ExpectGood(visit, charts);
-  const json series = visit.Chart("cpu-rate")["series"];
-  ASSERT_EQ(series.size(), 2U);
-  EXPECT_EQ(series[0]["name"], "A: run, operations");
-  EXPECT_EQ(series[1]["name"], "B: other, operations");
-  EXPECT_NE(series[0]["colour"], series[1]["colour"]);
-  EXPECT_NE(series[0]["marker"], series[1]["marker"]);
   EXPECT_THAT(visit.Row("conditions", {"≠ Governor"}), ElementsAre("≠ Governor", "not known", "performance"));
   EXPECT_THAT(visit.Row("conditions", {"CPU"}), ElementsAre("CPU", "A Processor", "A Processor"));
+}
+
+TEST_F(ReportInBrowser, ColoursBelongToEnginesAndLineStylesToRuns) {
+  const Visit visit = Open(made_run::Run(), made_run::Run(), "report_of_two", 6200);
+  const json cpu = visit.Chart("cpu-rate")["series"];
+  const json venc = visit.Chart("venc-printed")["series"];
+  ASSERT_EQ(cpu.size(), 2U);
+  EXPECT_EQ(cpu[0]["name"], "A: run");
+  EXPECT_EQ(cpu[1]["name"], "B: other");
+  EXPECT_EQ(cpu[0]["colour"], cpu[1]["colour"]);
+  EXPECT_NE(cpu[0]["colour"], venc[0]["colour"]);
+  EXPECT_EQ(visit.Chart("total-0")["series"][0]["colour"], cpu[0]["colour"]);
+  EXPECT_EQ(visit.Chart("total-1")["series"][2]["colour"], venc[0]["colour"]);
+  EXPECT_EQ(cpu[0]["dash"], json::array());
+  EXPECT_NE(cpu[1]["dash"], json::array());
+  EXPECT_NE(cpu[0]["marker"], cpu[1]["marker"]);
+  EXPECT_EQ(venc[2]["name"], "B: other, printed");
+  EXPECT_EQ(venc[2]["dash"], cpu[1]["dash"]);
+}
+
+// An engine keeps its colour where another one is missing.
+TEST_F(ReportInBrowser, AnEngineHasTheSameColourOnEveryPage) {
+  scope::Run run = made_run::Run();
+  const std::string all = Open(run, "report", 2400).Chart("venc-rate")["series"][0]["colour"];
+  std::filesystem::remove_all(folder_ / "run");
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
+                                   [](const auto& sample) { return sample.engine != "venc"; }),
+                    run.samples.end());
+  run.rates.clear();
+  EXPECT_EQ(Open(run, "report_of_one_engine", 2400).Chart("venc-rate")["series"][0]["colour"], all);
+}
+
+TEST_F(ReportInBrowser, ShowsTheBandwidthOfAllRunsOnCommonAxes) {
+  scope::Run other = made_run::Run();
+  for (scope::Sample& sample : other.samples) sample.bytes = *sample.bytes * 2;
+  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  const json series = visit.Chart("totals")["series"];
+  ASSERT_EQ(series.size(), 2U);
+  EXPECT_EQ(series[0]["name"], "A: run");
+  EXPECT_NEAR(series[0]["points"][0][1].get<double>(), 14.642, 1e-3);
+  EXPECT_NEAR(series[1]["points"][0][1].get<double>(), 29.2845, 1e-3);
 }
 
 TEST_F(ReportInBrowser, TakesWhatRunsSayAsWords) {

@@ -41,7 +41,8 @@ nlohmann::json DataOf(const std::vector<ReportedRun>& runs) {
 TEST(ReportPage, ItsDataAreTheFigures) {
   const nlohmann::json data = DataOf({Reported(made_run::Run(), "one")});
   EXPECT_EQ(data["engines"][0],
-            nlohmann::json::parse(R"({"name": "cpu", "title": "CPU: memory copies", "load": true})"));
+            nlohmann::json::parse(
+                R"({"name": "cpu", "title": "CPU: memory copies", "colour": "#0072b2", "load": true})"));
   const nlohmann::json& run = data["runs"][0];
   EXPECT_EQ(run["name"], "one");
   EXPECT_EQ(run["duration_s"], 41.2);

@@ -203,15 +203,21 @@ Json RunJson(const ReportedRun& reported) {
               {"counters", CountersJson(reported.run.counters)}};
 }
 
-std::string EngineTitle(const std::string& engine) {
-  static const std::map<std::string, std::string> kTitles = {
-      {"cpu", "CPU: memory copies"},
-      {"vpc", "VPC: image resizes"},
-      {"venc", "VENC: frame encodes"},
-      {"aic", "AIC: inferences"},
-      {"vpc_copy", "VPC set-up: copies to media memory"}};
-  const auto at = kTitles.find(engine);
-  return at == kTitles.end() ? engine : at->second;
+struct EngineLook {
+  const char* title;
+  const char* colour;
+};
+
+// The colours are those of Okabe and Ito, which the colour-blind tell apart.
+EngineLook LookOf(const std::string& engine) {
+  static const std::map<std::string, EngineLook> kLooks = {
+      {"cpu", {"CPU: memory copies", "#0072b2"}},
+      {"vpc", {"VPC: image resizes", "#d55e00"}},
+      {"venc", {"VENC: frame encodes", "#009e73"}},
+      {"aic", {"AIC: inferences", "#aa4499"}},
+      {"vpc_copy", {"VPC set-up: copies to media memory", ""}}};
+  const auto at = kLooks.find(engine);
+  return at == kLooks.end() ? EngineLook{engine.c_str(), ""} : at->second;
 }
 
 // Every engine that a run has figures of: cpu, vpc, venc, aic, then others.
@@ -239,8 +245,9 @@ std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
 Json ReportData(const std::vector<ReportedRun>& runs) {
   Json data{{"tool", kToolVersion}, {"engines", Json::array()}, {"runs", Json::array()}};
   for (const std::string& engine : Engines(runs)) {
+    const EngineLook look = LookOf(engine);
     data["engines"].push_back(
-        Json{{"name", engine}, {"title", EngineTitle(engine)}, {"load", IsLoad(engine)}});
+        Json{{"name", engine}, {"title", look.title}, {"colour", look.colour}, {"load", IsLoad(engine)}});
   }
   for (const ReportedRun& run : runs) data["runs"].push_back(RunJson(run));
   return data;
