@@ -36,7 +36,7 @@ constexpr std::size_t kMaxAppIdBytes = 16;
 constexpr std::size_t kMaxContextIdBytes = sizeof(std::uint64_t);
 constexpr std::size_t kMaxFileBytes = 512;
 constexpr std::size_t kMaxFunctionBytes = 256;
-constexpr std::size_t kMaxToldPathBytes = 1024;
+constexpr std::size_t kMaxToldBytes = 1023;  // of a path or a reason in a message about a sink
 constexpr std::size_t kMaxDescriptionBytes = 127;
 
 // PIPE_BUF on Linux: a longer write to a pipe may be torn.
@@ -48,6 +48,10 @@ static_assert(1 + kMaxTimeBytes + kMaxFieldBytes + kMaxAppIdBytes + LogStream::k
                       kMaxMarksBytes + kMaxFileBytes + kMaxFunctionBytes + Sink::kTail <=
                   kMaxLineBytes,
               "the longest record must fit into one line");
+constexpr std::size_t kMaxToldWordsBytes =
+    64;  // "ara::log: " and the longest of the texts that begin a message
+static_assert(1 + kMaxToldWordsBytes + 2 * kMaxToldBytes + Sink::kTail <= kMaxLineBytes,
+              "the longest message about a sink must fit into one line");
 
 constexpr off_t kMaxLogFileBytes = off_t{10} << 20;
 
@@ -59,7 +63,7 @@ struct Settings {
   bool toFile = false;
   bool toConsole = true;
   bool toRemote = false;
-  char path[kMaxToldPathBytes] = "";   ///< of the log file, for messages
+  char path[kMaxToldBytes + 1] = "";   ///< of the log file, for messages
   const Settings* replaced = nullptr;  ///< keeps the older settings in reach of a leak checker
 };
 
@@ -130,12 +134,12 @@ View TextOrUnknown(const char* text) {
 /// Says on standard error what became of a sink.
 void Tell(View what, View item, View reason) {
   char buffer[kMaxLineBytes];
-  FixedText line(buffer, sizeof buffer - Sink::kTail);
+  FixedText line(buffer, sizeof buffer);
   line.Append("\nara::log: ");
   line.Append(what);
-  line.AppendEscaped(item);
+  line.AppendEscaped(item, kMaxToldBytes);
   line.Append(reason.empty() ? "" : ": ");
-  line.AppendEscaped(reason);
+  line.AppendEscaped(reason, kMaxToldBytes);
   console.Deliver(line);
 }
 
@@ -251,7 +255,7 @@ LogStream::~LogStream() {
   const Settings& current = *settings.load(std::memory_order_acquire);
 
   char buffer[kMaxLineBytes];
-  FixedText line(buffer, sizeof buffer - Sink::kTail);
+  FixedText line(buffer, sizeof buffer);
   line.Append("\n");
   AppendTime(line);
   line.Append(" ");

@@ -39,6 +39,20 @@ TEST(FixedText, SplitsNeitherAnEscapeNorACharacter) {
   EXPECT_EQ(Escaped("\xc3\xa4\xc3\xa4x", 4, false), "\xc3\xa4\xc3\xa4");  // whole before the cut
 }
 
+TEST(FixedText, DropsASplitCharacterAtTheStart) {
+  EXPECT_EQ(Escaped("\xe2\x82\xac", 2, false), "");
+  EXPECT_EQ(Escaped("\xc3\xa4", 1, false), "");
+  EXPECT_EQ(Escaped("\xc0\x80", 1, false), "") << "the smallest byte that begins a sequence";
+}
+
+TEST(FixedText, DropsAtMostFourBytesOfWhatIsNoUtf8) {
+  const std::string continuations(6, '\xbf');
+  EXPECT_EQ(Escaped(continuations, 2, false), continuations.substr(0, 2));
+  EXPECT_EQ(Escaped(continuations, 5, false), continuations.substr(0, 5));
+  EXPECT_EQ(Escaped("a\xf8" + continuations, 5, false), "a") << "a first byte and three more";
+  EXPECT_EQ(Escaped("a\xf8" + continuations, 6, false), "a\xf8" + continuations.substr(0, 4));
+}
+
 TEST(FixedText, KeepsToTheBytesAllowed) {
   char buffer[16];
   FixedText text(buffer, sizeof buffer);
@@ -62,6 +76,13 @@ TEST(FixedText, WritesDecimals) {
   text.Append(" ");
   text.AppendDecimal(UINT64_MAX);
   EXPECT_EQ(std::string(text.data(), text.size()), "0 07 2025 18446744073709551615");
+}
+
+TEST(FixedText, PadsDecimalsToAtMostTwentyDigits) {
+  char buffer[64];
+  FixedText text(buffer, sizeof buffer);
+  EXPECT_TRUE(text.AppendDecimal(7, 20));
+  EXPECT_EQ(std::string(text.data(), text.size()), "00000000000000000007");
 }
 
 }  // namespace

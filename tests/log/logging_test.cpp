@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@
 
 #include "allocation_count.h"
 #include "log_files.h"
+#include "system_calls.h"
 
 namespace ara::log {
 namespace {
@@ -74,6 +76,22 @@ TEST_F(Logging, WritesTimeLevelIdsThreadAndText) {
     possible.emplace_back(text);
   }
   EXPECT_THAT(possible, testing::Contains(match[1].str()));
+}
+
+TEST_F(Logging, EachFieldOfTheTimeHasItsWidth) {
+  log_test::SystemCalls calls;
+  std::timespec now{981173106, 7089};
+  calls.onRealTime = [&] { return now; };
+  logger_.LogInfo(kHere) << "text";
+  now = {1700000000, 987654321};
+  logger_.LogInfo(kHere) << "text";
+  now = {-59000000000, 0};
+  logger_.LogInfo(kHere) << "text";
+  const std::vector<Line> records = Records();
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[0].time, "2001-02-03T04:05:06.000007Z");
+  EXPECT_EQ(records[1].time, "2023-11-14T22:13:20.987654Z");
+  EXPECT_EQ(records[2].time, "0100-05-13T15:06:40.000000Z");
 }
 
 TEST_F(Logging, NamesTheThreadThatWrites) {
@@ -164,6 +182,15 @@ TEST_F(Logging, KeepsTheLongestLineWithinAPipesAtomicSize) {
   EXPECT_THAT(content, HasSubstr(" DEBUG " + std::string(16, 'A') + " " + std::string(8, 'L') + " "));
 }
 
+TEST_F(Logging, NamesOfTheSourceHaveAMostLength) {
+  Init(LogLevel::kDebug);
+  const std::string file(600, 'f');
+  const std::string function(600, 'g');
+  logger_.LogInfo(SourceLocation{file.c_str(), function.c_str(), 3}) << "text";
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].text, "text (" + file.substr(0, 512) + ":3 " + function.substr(0, 256) + ")");
+}
+
 TEST_F(Logging, ARecordMustPassBothThresholds) {
   for (unsigned application = 0; application <= 6; ++application) {
     Init(static_cast<LogLevel>(application));
@@ -205,8 +232,10 @@ TEST_F(Logging, IdsAreCutAndKeepTheColumnsApart) {
   EXPECT_EQ(&CreateLogger("longerTh", "", LogLevel::kInfo), &CreateLogger("longerThis", "", LogLevel::kInfo));
   CreateLogger("a b\n\xc3", "", LogLevel::kInfo).LogInfo(kHere) << "odd";
   CreateLogger("", "", LogLevel::kInfo).LogInfo(kHere) << "none";
+  CreateLogger("!~\x7f", "", LogLevel::kInfo).LogInfo(kHere) << "first and last of the printable ones";
   const std::vector<Line> records = Records();
-  ASSERT_EQ(records.size(), 3U);
+  ASSERT_EQ(records.size(), 4U);
+  EXPECT_EQ(records[3].contextId, "!~_");
   EXPECT_EQ(records[0].contextId, "longerTh");
   EXPECT_EQ(records[1].contextId, "a_b__");
   EXPECT_EQ(records[2].contextId, "-");
@@ -257,6 +286,60 @@ TEST_F(Logging, MovesAFileAwayThatIsPastTenMebibytes) {
   std::filesystem::resize_file(path, kLimit + 1);
   Init(LogLevel::kInfo);
   EXPECT_EQ(std::filesystem::file_size(path + ".1"), kLimit + 1) << "the one moved before is replaced";
+}
+
+TEST_F(Logging, AFileThatCannotBeMovedAwayIsToldAndGrowsOn) {
+  const std::string path = folder_.File("STBM.log");
+  std::filesystem::resize_file(path, 10485761);
+  std::filesystem::create_directories(path + ".1/occupied");
+  testing::internal::CaptureStderr();
+  Init(LogLevel::kInfo);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::AnyOf("ara::log: cannot move " + path + ": Is a directory\n",
+                             "ara::log: cannot move " + path + ": Directory not empty\n"));
+  logger_.LogInfo(kHere) << "text";
+  EXPECT_GT(std::filesystem::file_size(path), 10485761U);
+}
+
+TEST_F(Logging, ANewFileIsReadableByAllAndWritableByItsOwner) {
+  const mode_t mask = umask(0);
+  InitLogging("MODE", "", LogLevel::kInfo, LogMode::kFile, folder_.Path().string());
+  umask(mask);
+  EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder_.File("MODE.log")).permissions()), 0644U);
+}
+
+TEST_F(Logging, EachFilesFirstLossIsTold) {
+  testing::internal::CaptureStderr();
+  std::string expected;
+  for (const std::string app : {"ONE", "TWO"}) {
+    std::filesystem::create_symlink("/dev/full", folder_.File(app + ".log"));
+    InitLogging(app, "", LogLevel::kInfo, LogMode::kFile, folder_.Path().string());
+    logger_.LogInfo(kHere) << "lost and told";
+    logger_.LogInfo(kHere) << "lost";
+    expected += "ara::log: cannot write " + folder_.File(app + ".log") + ": No space left on device\n";
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+}
+
+TEST_F(Logging, ALongPathIsToldByItsFirst1023Bytes) {
+  std::string directory = folder_.Path().string();
+  for (int i = 0; i < 5; ++i) directory += "/" + std::string(240, 'd');
+  std::filesystem::create_directories(directory);
+  std::filesystem::create_symlink("/dev/full", directory + "/FULL.log");
+  testing::internal::CaptureStderr();
+  InitLogging("FULL", "", LogLevel::kInfo, LogMode::kFile, directory);
+  logger_.LogInfo(kHere) << "lost";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ara::log: cannot write " + directory.substr(0, 1023) + ": No space left on device\n");
+}
+
+TEST_F(Logging, WhatIsToldOfASinkStaysWithinAPipesAtomicSize) {
+  testing::internal::CaptureStderr();
+  InitLogging("STBM", "", LogLevel::kInfo, LogMode::kFile, std::string(4000, '\x1b'));
+  const std::string told = testing::internal::GetCapturedStderr();
+  EXPECT_LE(told.size(), 4096U);
+  EXPECT_THAT(told, testing::StartsWith("ara::log: cannot make folder \\x1b\\x1b"));
+  EXPECT_THAT(told, EndsWith("\n"));
 }
 
 TEST_F(Logging, KeepsErrno) {

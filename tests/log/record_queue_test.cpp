@@ -1,12 +1,18 @@
 #include "record_queue.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 
 #include <atomic>
+#include <cerrno>
+#include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "allocation_count.h"
+#include "system_calls.h"
 
 namespace ara::log {
 namespace {
@@ -78,6 +84,63 @@ TEST(RecordQueue, ClosedItTakesNothingAndKeepsWhatItHas) {
   EXPECT_EQ(Take(queue), 1);
   EXPECT_EQ(queue.Remaining(), 0U);
   queue.Wait();  // does not wait any more
+}
+
+/// Notes each call of the kernel's wait and wake, and answers at once with an error.
+struct ScriptedFutex {
+  ScriptedFutex() {
+    calls.onFutex = [this](void* word, int operation, unsigned value) {
+      const unsigned current = static_cast<std::atomic<std::uint32_t>*>(word)->load();
+      made.push_back((operation == FUTEX_WAIT_PRIVATE   ? "wait if "
+                      : operation == FUTEX_WAKE_PRIVATE ? "wake "
+                                                        : "other ") +
+                     std::to_string(value) + ", is " + std::to_string(current));
+      if (operation == FUTEX_WAIT_PRIVATE && whileAsleep) whileAsleep();
+      errno = EAGAIN;
+      return -1;
+    };
+  }
+  log_test::SystemCalls calls;
+  std::vector<std::string> made;
+  std::function<void()> whileAsleep;
+};
+
+TEST(RecordQueue, TheConsumerSleepsUntilTheFirstRecordWakesIt) {
+  RecordQueue queue(4);
+  ScriptedFutex futex;
+  futex.whileAsleep = [&] {
+    Put(queue, 0);
+    Put(queue, 1);
+  };
+  errno = EDOM;
+  queue.Wait();
+  EXPECT_THAT(futex.made, testing::ElementsAre("wait if 1, is 1", "wake 1, is 0"));
+  EXPECT_EQ(errno, EDOM);
+
+  futex.made.clear();
+  Put(queue, 2);
+  EXPECT_THAT(futex.made, testing::IsEmpty()) << "nobody is asleep";
+  queue.Wait();
+  EXPECT_THAT(futex.made, testing::IsEmpty()) << "there are records";
+}
+
+TEST(RecordQueue, AConsumerThatWakesByItselfIsNotWoken) {
+  RecordQueue queue(4);
+  ScriptedFutex futex;
+  queue.Wait();
+  Put(queue, 0);
+  EXPECT_THAT(futex.made, testing::ElementsAre("wait if 1, is 1"));
+}
+
+TEST(RecordQueue, ClosingWakesTheConsumer) {
+  RecordQueue queue(4);
+  ScriptedFutex futex;
+  futex.whileAsleep = [&] { queue.Close(); };
+  queue.Wait();
+  EXPECT_THAT(futex.made, testing::ElementsAre("wait if 1, is 1", "wake 1, is 0"));
+  futex.made.clear();
+  queue.Wait();
+  EXPECT_THAT(futex.made, testing::IsEmpty()) << "what is closed is not waited for";
 }
 
 TEST(RecordQueue, AllocatesNothingAfterItsStart) {

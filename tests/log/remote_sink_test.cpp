@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -18,92 +17,17 @@
 
 #include "allocation_count.h"
 #include "delivery_times.h"
+#include "fake_port.h"
 
 namespace ara::log {
 namespace {
 
+using log_test::FakePort;
+using log_test::Receiver;
 using State = RemotePort::State;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
-
-/// What the port was asked and what it answers; outlives the sink, which is never destroyed in the product.
-struct Receiver {
-  std::atomic<State> state{State::kIdle};
-  std::atomic<bool> refuses{false};
-  std::atomic<bool> hangs{false};
-  std::atomic<int> refused{0};
-  std::atomic<std::uint64_t> leftBehind{0};
-  std::atomic<std::uint64_t> leftBehindAtEnd{0};
-  std::atomic<int> settled{0};
-  const char* failure = nullptr;
-
-  std::mutex mutex;
-  std::vector<RemoteRecord> records;  ///< as they were sent
-  std::vector<std::string> texts;
-  std::vector<std::string> calls;
-  sigset_t blocked{};
-
-  void Note(const std::string& call) {
-    const std::lock_guard lock(mutex);
-    calls.push_back(call);
-  }
-  std::vector<std::string> Texts() {
-    const std::lock_guard lock(mutex);
-    return texts;
-  }
-  /// Waits until so many records have been sent.
-  void WaitFor(std::size_t count) {
-    while (Texts().size() < count) std::this_thread::yield();
-  }
-  void WaitForCall(const std::string& call) {
-    for (bool called = false; !called; std::this_thread::yield()) {
-      const std::lock_guard lock(mutex);
-      called = std::find(calls.begin(), calls.end(), call) != calls.end();
-    }
-  }
-  /// Waits until the sink has asked again what became of the last record.
-  void WaitUntilSettledAgain() {
-    const int before = settled;
-    while (settled < before + 2) std::this_thread::yield();
-  }
-};
-
-class FakePort : public RemotePort {
- public:
-  explicit FakePort(Receiver& receiver) : receiver_(receiver) {}
-  const char* Open() override {
-    pthread_sigmask(SIG_SETMASK, nullptr, &receiver_.blocked);
-    receiver_.Note("open");
-    return receiver_.failure;
-  }
-  void SetApplication(const std::string& id, const std::string& description) override {
-    receiver_.Note("application " + id + " " + description);
-  }
-  bool Send(const RemoteRecord& record) override {
-    while (receiver_.hangs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    if (receiver_.refuses) {
-      ++receiver_.refused;
-      return false;
-    }
-    const std::lock_guard lock(receiver_.mutex);
-    receiver_.records.push_back(record);
-    receiver_.texts.emplace_back(record.text, record.textLength);
-    return true;
-  }
-  State Settle() override {
-    ++receiver_.settled;
-    return receiver_.state;
-  }
-  std::uint64_t TakeLeftBehind() override { return receiver_.leftBehind.exchange(0); }
-  void Close() override {
-    receiver_.Note("close");
-    receiver_.leftBehind += receiver_.leftBehindAtEnd;
-  }
-
- private:
-  Receiver& receiver_;
-};
 
 class Remote : public testing::Test {
  protected:

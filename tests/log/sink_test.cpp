@@ -1,27 +1,36 @@
 #include "sink.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
+#include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "log_files.h"
+#include "system_calls.h"
 
 namespace ara::log {
 namespace {
 
+using testing::ElementsAre;
+
 /// Delivers a line of this text, as a record would be.
 const char* Deliver(Sink& sink, const std::string& text) {
   char buffer[4096];
-  FixedText line(buffer, sizeof buffer - Sink::kTail);
+  FixedText line(buffer, sizeof buffer);
   line.Append("\n");
   line.Append(text);
   return sink.Deliver(line);
@@ -80,16 +89,141 @@ TEST(Sink, IsNotHeldUpByAReaderThatStopped) {
   EXPECT_EQ(pipe.Read(), "first [500 lost before]\nsecond\n");
 }
 
+/// Notes what a sink asks of poll(2), and answers without waiting.
+struct ScriptedPoll {
+  ScriptedPoll() {
+    calls.onPoll = [this](pollfd& request, int timeoutMs) {
+      EXPECT_EQ(request.events, POLLOUT);
+      timeouts.push_back(timeoutMs);
+      return answer(request);
+    };
+  }
+  log_test::SystemCalls calls;
+  std::vector<int> timeouts;
+  std::function<std::optional<int>(pollfd& request)> answer = [](pollfd& /*request*/) { return 0; };
+};
+
+/// One question at once, then a hundred waits of 10 ms.
+std::vector<int> WholePatience() {
+  std::vector<int> timeouts(101, 10);
+  timeouts.front() = 0;
+  return timeouts;
+}
+
 TEST(Sink, WaitsForAReaderThatIsSlow) {
   Pipe pipe;
   pipe.Fill();
   Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
-  const char* reason = "not delivered";
-  std::thread writer([&] { reason = Deliver(sink, "line"); });
-  std::string content;
-  while (content.find("line\n") == std::string::npos) content += pipe.Read();
-  writer.join();
-  EXPECT_EQ(reason, nullptr);
+  ScriptedPoll poll;
+  poll.answer = [&](pollfd& /*request*/) -> std::optional<int> {
+    if (poll.timeouts.size() < 51) return 0;
+    if (poll.timeouts.size() == 51) pipe.Read();  // in the 50th wait
+    return std::nullopt;
+  };
+  EXPECT_EQ(Deliver(sink, "line"), nullptr);
+  std::vector<int> expected = WholePatience();
+  expected.resize(51);
+  EXPECT_EQ(poll.timeouts, expected) << "it goes on as soon as there is room";
+  EXPECT_EQ(pipe.Read(), "line\n");
+}
+
+TEST(Sink, GivesUpOnAReaderAfterAHundredWaits) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
+  ScriptedPoll poll;
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_EQ(poll.timeouts, WholePatience());
+
+  poll.timeouts.clear();
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_THAT(poll.timeouts, ElementsAre(0)) << "the wait is paid once, not once a line";
+
+  poll.answer = [](pollfd& /*request*/) { return std::nullopt; };
+  EXPECT_EQ(Deliver(sink, "line"), nullptr);
+  EXPECT_EQ(pipe.Read(), "line [2 lost before]\n");
+
+  poll.answer = [](pollfd& /*request*/) { return 0; };
+  poll.timeouts.clear();
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_EQ(poll.timeouts, WholePatience()) << "a line that got through ends the haste";
+}
+
+TEST(Sink, AnInterruptedPollCountsAsAWait) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
+  ScriptedPoll poll;
+  poll.answer = [](pollfd& /*request*/) {
+    errno = EINTR;
+    return -1;
+  };
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_EQ(poll.timeouts, WholePatience());
+}
+
+TEST(Sink, AnErrorOfTheDescriptorIsNotReadiness) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
+  ScriptedPoll poll;
+  poll.calls.onWrite = [](int, const char*, std::size_t) {
+    ADD_FAILURE() << "this write would raise SIGPIPE";
+    return std::nullopt;
+  };
+  poll.answer = [](pollfd& request) {
+    request.revents = POLLOUT | POLLERR;
+    return 1;
+  };
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_THAT(poll.timeouts, ElementsAre(0));
+}
+
+TEST(Sink, RepeatsAWriteThatWasInterrupted) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kNever);
+  for (const int error : {EINTR, EAGAIN}) {
+    ScriptedPoll poll;
+    poll.answer = [](pollfd& /*request*/) { return std::nullopt; };
+    int writes = 0;
+    poll.calls.onWrite = [&](int, const char*, std::size_t) -> std::optional<ssize_t> {
+      if (++writes > 3) return std::nullopt;
+      errno = error;
+      return -1;
+    };
+    EXPECT_EQ(Deliver(sink, "line"), nullptr);
+    EXPECT_EQ(writes, 4);
+    EXPECT_THAT(poll.timeouts, ElementsAre(0, 0, 0))
+        << "asked before each repetition, and not before the first";
+    EXPECT_EQ(pipe.Read(), "line\n");
+  }
+}
+
+TEST(Sink, GivesUpAfterAHundredWrites) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
+  ScriptedPoll poll;
+  poll.answer = [](pollfd& /*request*/) { return std::nullopt; };
+  int writes = 0;
+  poll.calls.onWrite = [&](int, const char*, std::size_t) {
+    ++writes;
+    errno = EINTR;
+    return -1;
+  };
+  EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
+  EXPECT_EQ(writes, 100);
+  EXPECT_EQ(poll.timeouts.size(), 100U);
+}
+
+TEST(Sink, AFileThatMayNotGrowNeedsNoSignalToBeTold) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kNever);
+  log_test::SystemCalls calls;
+  int writes = 0;
+  calls.onWrite = [&](int, const char*, std::size_t) {
+    ++writes;
+    errno = EFBIG;  // past the largest file of the file system: no signal comes with it
+    return -1;
+  };
+  EXPECT_STREQ(Deliver(sink, "lost"), "File too large");
+  EXPECT_EQ(writes, 1);
 }
 
 TEST(Sink, OutlivesANonBlockingPipeThatIsFull) {
@@ -168,6 +302,124 @@ TEST(Sink, EndsALineThatWasTakenInPart) {
   EXPECT_EQ(Deliver(sink, "last"), nullptr);
   EXPECT_EQ(log_test::ReadFile(path), "123456\nabc\nafter [2 lost before]\nlast\n");
   close(file);
+}
+
+TEST(Sink, LeavesASizeSignalThatTheApplicationBlocksPending) {
+  const log_test::TemporaryFolder folder;
+  const int file = open(folder.File("full").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  ASSERT_GE(file, 0);
+  Sink sink(file, Sink::Blocking::kNever);
+  sigset_t sizeSignal;
+  sigemptyset(&sizeSignal);
+  sigaddset(&sizeSignal, SIGXFSZ);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &sizeSignal, nullptr), 0);
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+  const rlimit none{0, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  const char* const reason = Deliver(sink, "lost");
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
+
+  EXPECT_STREQ(reason, "File too large");
+  sigset_t blocked;
+  EXPECT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &blocked), 0);
+  EXPECT_EQ(sigismember(&blocked, SIGXFSZ), 1);
+  constexpr timespec kAtOnce{};
+  EXPECT_EQ(sigtimedwait(&sizeSignal, nullptr, &kAtOnce), SIGXFSZ);
+  EXPECT_EQ(pthread_sigmask(SIG_UNBLOCK, &sizeSignal, nullptr), 0);
+  close(file);
+}
+
+TEST(Sink, AReplacedPlaceTakesNoMarksOfTheOldOne) {
+  Pipe first;
+  Pipe second;
+  const int sinksOwn = dup(first.ends[1]);
+  Sink sink(sinksOwn, Sink::Blocking::kNever);
+  {
+    log_test::SystemCalls calls;
+    calls.onWrite = [&](int descriptor, const char* bytes, std::size_t) {
+      return syscall(SYS_write, descriptor, bytes, 3);
+    };
+    EXPECT_STREQ(Deliver(sink, "torn"), "it took a line in part");
+    calls.onWrite = [&](int, const char*, std::size_t) {
+      errno = ENOSPC;
+      return -1;
+    };
+    EXPECT_STREQ(Deliver(sink, "lost"), "No space left on device");
+  }
+  const int given = dup(second.ends[1]);
+  ASSERT_TRUE(sink.Replace(given));
+  EXPECT_EQ(Deliver(sink, "line"), nullptr);
+  EXPECT_EQ(first.Read(), "tor");
+  EXPECT_EQ(second.Read(), "line\n");
+  EXPECT_EQ(fcntl(given, F_GETFD), -1) << "the sink closes what it was given";
+  EXPECT_EQ(fcntl(sinksOwn, F_GETFD), FD_CLOEXEC) << "and keeps the number it has";
+  close(sinksOwn);
+}
+
+TEST(Sink, RepeatsAReplacementThatWasInterrupted) {
+  for (const int error : {EINTR, EBUSY}) {
+    Pipe first;
+    Pipe second;
+    const int sinksOwn = dup(first.ends[1]);
+    Sink sink(sinksOwn, Sink::Blocking::kNever);
+    log_test::SystemCalls calls;
+    int attempts = 0;
+    calls.onDup3 = [&](int, int, int) -> std::optional<int> {
+      if (++attempts > 3) return std::nullopt;
+      errno = error;
+      return -1;
+    };
+    EXPECT_TRUE(sink.Replace(dup(second.ends[1])));
+    EXPECT_EQ(attempts, 4);
+    EXPECT_EQ(Deliver(sink, "line"), nullptr);
+    EXPECT_EQ(second.Read(), "line\n");
+    close(sinksOwn);
+  }
+}
+
+TEST(Sink, KeepsItsPlaceWhereItCannotBeReplaced) {
+  struct Case {
+    int error;
+    int attempts;
+  };
+  for (const Case c : {Case{EMFILE, 1}, Case{EBUSY, 100}}) {
+    Pipe pipe;
+    Sink sink(pipe.ends[1], Sink::Blocking::kNever);
+    const int given = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    log_test::SystemCalls calls;
+    int attempts = 0;
+    calls.onDup3 = [&](int from, int to, int flags) {
+      EXPECT_EQ(from, given);
+      EXPECT_EQ(to, pipe.ends[1]);
+      EXPECT_EQ(flags, O_CLOEXEC);
+      if (++attempts == c.attempts) close(given);  // so that the sink's own close(2) fails, too
+      errno = c.error;
+      return -1;
+    };
+    EXPECT_FALSE(sink.Replace(given));
+    EXPECT_EQ(errno, c.error) << "the reason is not that of the close";
+    EXPECT_EQ(attempts, c.attempts);
+    EXPECT_EQ(Deliver(sink, "line"), nullptr);
+    EXPECT_EQ(pipe.Read(), "line\n");
+  }
+}
+
+TEST(Sink, DescriptorZeroIsReplacedLikeAnyOther) {
+  Sink sink(0, Sink::Blocking::kNever);
+  log_test::SystemCalls calls;
+  int replaced = -1;
+  calls.onDup3 = [&](int, int to, int) {
+    replaced = to;
+    return to;
+  };
+  EXPECT_TRUE(sink.Replace(open("/dev/null", O_WRONLY | O_CLOEXEC)));
+  EXPECT_EQ(replaced, 0);
+}
+
+TEST(Sink, AnErrorNumberWithoutATextIsUnknown) {
+  EXPECT_STREQ(ErrorText(ENOENT), "No such file or directory");
+  EXPECT_STREQ(ErrorText(99999), "unknown error");
 }
 
 TEST(Sink, IsReplacedUnderItsWriters) {

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "remote_port.h"
+
+namespace log_test {
+
+using ara::log::RemotePort;
+using ara::log::RemoteRecord;
+
+/// What the port was asked and what it answers; outlives the sink, which is never destroyed in the product.
+struct Receiver {
+  std::atomic<RemotePort::State> state{RemotePort::State::kIdle};
+  std::atomic<bool> refuses{false};
+  std::atomic<bool> hangs{false};
+  std::atomic<int> refused{0};
+  std::atomic<std::uint64_t> leftBehind{0};
+  std::atomic<std::uint64_t> leftBehindAtEnd{0};
+  std::atomic<int> settled{0};
+  const char* failure = nullptr;
+
+  std::mutex mutex;
+  std::vector<RemoteRecord> records;  ///< as they were sent
+  std::vector<std::string> texts;
+  std::vector<std::string> calls;
+  sigset_t blocked{};
+
+  void Note(const std::string& call) {
+    const std::lock_guard lock(mutex);
+    calls.push_back(call);
+  }
+  std::vector<std::string> Texts() {
+    const std::lock_guard lock(mutex);
+    return texts;
+  }
+  /// Waits until so many records have been sent.
+  void WaitFor(std::size_t count) {
+    while (Texts().size() < count) std::this_thread::yield();
+  }
+  void WaitForCall(const std::string& call) {
+    for (bool called = false; !called; std::this_thread::yield()) {
+      const std::lock_guard lock(mutex);
+      called = std::find(calls.begin(), calls.end(), call) != calls.end();
+    }
+  }
+  /// Waits until the sink has asked again what became of the last record.
+  void WaitUntilSettledAgain() {
+    const int before = settled;
+    while (settled < before + 2) std::this_thread::yield();
+  }
+};
+
+class FakePort : public RemotePort {
+ public:
+  explicit FakePort(Receiver& receiver) : receiver_(receiver) {}
+  const char* Open() override {
+    pthread_sigmask(SIG_SETMASK, nullptr, &receiver_.blocked);
+    receiver_.Note("open");
+    return receiver_.failure;
+  }
+  void SetApplication(const std::string& id, const std::string& description) override {
+    receiver_.Note("application " + id + " " + description);
+  }
+  bool Send(const RemoteRecord& record) override {
+    while (receiver_.hangs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (receiver_.refuses) {
+      ++receiver_.refused;
+      return false;
+    }
+    const std::lock_guard lock(receiver_.mutex);
+    receiver_.records.push_back(record);
+    receiver_.texts.emplace_back(record.text, record.textLength);
+    return true;
+  }
+  RemotePort::State Settle() override {
+    ++receiver_.settled;
+    return receiver_.state;
+  }
+  std::uint64_t TakeLeftBehind() override { return receiver_.leftBehind.exchange(0); }
+  void Close() override {
+    receiver_.Note("close");
+    receiver_.leftBehind += receiver_.leftBehindAtEnd;
+  }
+
+ private:
+  Receiver& receiver_;
+};
+
+}  // namespace log_test
