@@ -84,6 +84,7 @@ void DltDaemon::Start() {
   const std::string received = "received" + std::to_string(starts_++);
   std::ofstream(folder_ / "dlt.conf") << "BindAddress = ::1\n"
                                       << "LoggingMode = 2\n"
+                                      << "LoggingLevel = " << (logsRegistrations_ ? 7 : 6) << "\n"
                                       << "LoggingFilename = " << (folder_ / "daemon.log").string() << "\n"
                                       << "PersistanceStoragePath = " << folder_.string() << "\n"
                                       << "ControlSocketPath = " << (folder_ / "control").string() << "\n";
@@ -136,6 +137,15 @@ std::string DltDaemon::Raw() const {
 
 void DltDaemon::WaitFor(const std::string& text) const {
   WaitUntil([&] { return Raw().find(text) != std::string::npos; }, text);
+}
+
+void DltDaemon::WaitForOwnLog(const std::string& text) const {
+  const auto content = [&] {
+    std::ostringstream log;
+    log << std::ifstream(folder_ / "daemon.log", std::ios::binary).rdbuf();
+    return log.str();
+  };
+  WaitUntil([&] { return content().find(text) != std::string::npos; }, text);
 }
 
 std::vector<DltMessage> DltDaemon::Received(const std::string& application) const {

@@ -28,6 +28,8 @@ class DltDaemon {
 
   explicit DltDaemon(std::filesystem::path folder) : folder_(std::move(folder)) {}
 
+  /// Lets daemons that are started from here on write down what is registered, for WaitForOwnLog.
+  void LogRegistrations() { logsRegistrations_ = true; }
   /// Starts both and returns when records get through. Fails the test when that does not work out.
   void Start();
   void Signal(int signal) const { daemon_->Signal(signal); }
@@ -44,12 +46,15 @@ class DltDaemon {
   std::string Raw() const;
   /// Waits until the text has been received. Fails the test when it does not come.
   void WaitFor(const std::string& text) const;
+  /// The same for the daemon's own log.
+  void WaitForOwnLog(const std::string& text) const;
 
  private:
   std::filesystem::path folder_;
   std::unique_ptr<Program> daemon_;
   std::unique_ptr<Program> receiver_;
   int starts_ = 0;
+  bool logsRegistrations_ = false;
 };
 
 /// Tests of the remote sink against a daemon; skipped where there can be none.

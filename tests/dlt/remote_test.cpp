@@ -53,6 +53,15 @@ TEST_F(Dlt, RecordsArriveWithApplicationContextLevelThreadAndText) {
     EXPECT_EQ(messages[i].context, contexts[i]);
     EXPECT_EQ(messages[i].threadId, std::to_string(probe.Id()));
   }
+}
+
+TEST_F(Dlt, TheDescriptionsOfApplicationAndContextArrive) {
+  daemon_.LogRegistrations();
+  daemon_.Start();
+  EXPECT_THAT(Run(RemoteProbe({"info", "text"})), Exited(0));
+  daemon_.WaitForOwnLog("ApplicationID 'STBM' registered for PID");
+  daemon_.WaitForOwnLog("ContextID 'STBM' registered for ApID 'STBM', Description=a context");
+  daemon_.WaitFor(kUnregistered);
   EXPECT_THAT(daemon_.Raw(), HasSubstr("Description=probe"));
 }
 

@@ -169,7 +169,7 @@ int main(int argc, char** argv) {
       Init(argv[i + 1], argv[i + 2], argv[i + 3], argv[i + 4]);
       i += 4;
     } else if (word == "logger" && left >= 2) {
-      logger = &CreateLogger(argv[i + 1], "probe", static_cast<LogLevel>(Number(argv[i + 2])));
+      logger = &CreateLogger(argv[i + 1], "a context", static_cast<LogLevel>(Number(argv[i + 2])));
       i += 2;
     } else if (word == "error" && logger != nullptr && left >= 1) {
       logger->LogError(kHere) << argv[++i];
