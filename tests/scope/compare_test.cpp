@@ -12,8 +12,9 @@
 
 #include "compare_conditions.h"
 #include "comparison_text.h"
+#include "errors.h"
 #include "number_text.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "run_summary.h"
 #include "run_tool.h"
 #include "sanitizers.h"
@@ -65,7 +66,7 @@ class CompareTest : public ::testing::Test {
   static std::string ErrorOf(const std::string& argument) {
     try {
       (void)ReadSide(argument);
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       return error.what();
     }
     return "no error";

@@ -126,10 +126,10 @@ TEST(ReadConfiguration, HasTheLevelsAndTheRunTimeThatTheBenchmarkMakesOfIt) {
 TEST(ReadConfiguration, RefusesWhatTheBenchmarkCannotRead) {
   const TemporaryFolder folder;
   unsigned int runTimeS = 0;
-  EXPECT_THROW((void)scope::ReadConfiguration(folder / "missing.yaml", runTimeS), scope::RunFolderError);
-  EXPECT_THROW((void)scope::ReadConfiguration(folder.Path(), runTimeS), scope::RunFolderError);
+  EXPECT_THROW((void)scope::ReadConfiguration(folder / "missing.yaml", runTimeS), scope::UserError);
+  EXPECT_THROW((void)scope::ReadConfiguration(folder.Path(), runTimeS), scope::UserError);
   EXPECT_THROW((void)scope::ReadConfiguration(folder.Put("bad.yaml", "CPU: [1, 2\n"), runTimeS),
-               scope::RunFolderError);
+               scope::UserError);
 }
 
 }  // namespace

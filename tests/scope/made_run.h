@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "run_folder.h"
+#include "run_writer.h"
 
 /// A run of 41 seconds of which every figure is known: cpu with two threads, vpc, venc and aic with one,
 /// which begin and end within a second.

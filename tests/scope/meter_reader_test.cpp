@@ -6,14 +6,15 @@
 
 #include <cstring>
 
+#include "errors.h"
 #include "latency_buckets.h"
 
 namespace {
 
-using scope::MeterError;
 using scope::MeterReader;
 using scope::MeterSecond;
 using scope::PacketType;
+using scope::UserError;
 using ::testing::HasSubstr;
 
 class MeterReaderTest : public ::testing::Test {
@@ -52,7 +53,7 @@ class MeterReaderTest : public ::testing::Test {
   std::string ErrorOfRead() {
     try {
       reader_.Read(seconds_);
-    } catch (const MeterError& error) {
+    } catch (const UserError& error) {
       return error.what();
     }
     return "no error";

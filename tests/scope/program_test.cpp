@@ -11,7 +11,7 @@
 #include "child_process.h"
 #include "latency_buckets.h"
 #include "protocol.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "run_tool.h"
 #include "sanitizers.h"
 #include "temporary_folder.h"

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "errors.h"
+
 namespace {
 
 using scope::ParseRateLine;
@@ -11,7 +13,7 @@ using ::testing::HasSubstr;
 std::string ErrorOf(const std::string& line) {
   try {
     (void)ParseRateLine(line, 1);
-  } catch (const scope::RateLineError& error) {
+  } catch (const scope::UserError& error) {
     return error.what();
   }
   return "no error";

@@ -6,6 +6,7 @@
 
 #include "made_run.h"
 #include "run_tool.h"
+#include "run_writer.h"
 #include "temporary_folder.h"
 
 namespace {

@@ -1,10 +1,12 @@
-#include "run_folder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
+#include "errors.h"
+#include "run_reader.h"
+#include "run_writer.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -63,7 +65,7 @@ class RunFolderTest : public ::testing::Test {
   std::string ErrorOfRead() const {
     try {
       (void)ReadRun(run_);
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       return error.what();
     }
     return "no error";
@@ -136,9 +138,9 @@ TEST_F(RunFolderTest, KeepsAbsurdRatesAsTheyAre) {
 
 TEST_F(RunFolderTest, RefusesAFolderWithSomethingInIt) {
   folder_.Put("a/run/notes.txt", "mine");
-  EXPECT_THROW(RunWriter(run_, false), RunFolderError);
+  EXPECT_THROW(RunWriter(run_, false), UserError);
   EXPECT_EQ(folder_.Get("a/run/notes.txt"), "mine");
-  EXPECT_THROW(RunWriter(folder_.Put("file", ""), true), RunFolderError);
+  EXPECT_THROW(RunWriter(folder_.Put("file", ""), true), UserError);
 }
 
 TEST_F(RunFolderTest, ForceReplacesARunAndNothingElse) {
@@ -164,7 +166,7 @@ TEST_F(RunFolderTest, AFullDiskIsSaidAndKeepsWhatIsThere) {
   try {
     writer.Add({SampleAt(1)});
     FAIL() << "no error";
-  } catch (const RunFolderError& error) {
+  } catch (const UserError& error) {
     EXPECT_THAT(error.what(), HasSubstr("samples.csv: No space left on device"));
   }
   EXPECT_NO_THROW(writer.Add(std::vector<Rate>{{1, "cpuStress", 5}}));
@@ -188,7 +190,7 @@ TEST_F(RunFolderTest, AFileThatIsReplacedStaysWhereTheDiskIsFull) {
         writer.WriteHistogram({});
       }
       FAIL() << name << ": no error";
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       EXPECT_THAT(error.what(), HasSubstr("No space left on device"));
     }
     EXPECT_EQ(folder_.Get(std::string("a/run/") + name), before);

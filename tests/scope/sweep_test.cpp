@@ -11,7 +11,8 @@
 
 #include "compare_conditions.h"
 #include "configuration.h"
-#include "run_folder.h"
+#include "errors.h"
+#include "run_reader.h"
 #include "run_tool.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -33,7 +34,7 @@ template <typename Call>
 std::string ErrorOf(Call call) {
   try {
     call();
-  } catch (const RunFolderError& error) {
+  } catch (const UserError& error) {
     return error.what();
   }
   return "no error";

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "run_folder.h"
+#include "run_writer.h"
 
 /// An engine that works alike in every second, but for the first (half) and the last two (not at all).
 struct SyntheticEngine {

@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "run_folder.h"
+#include "run_reader.h"
 #include "run_tool.h"
 #include "temporary_folder.h"
 

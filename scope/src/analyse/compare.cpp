@@ -38,8 +38,8 @@ SideFigures Read(const Side& side, const CompareOptions& options) {
     }
     figures.runs.push_back(FiguresOf(summary, options.skipS));
     if (figures.runs.back().empty()) {
-      throw RunFolderError(run.folder + ": there is no second to compare after the first " +
-                           Format("%g", options.skipS) + " s; --skip says how many are left out");
+      throw UserError(run.folder + ": there is no second to compare after the first " +
+                      Format("%g", options.skipS) + " s; --skip says how many are left out");
     }
   }
   return figures;
@@ -209,7 +209,7 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
     comparison.regression = comparison.regression || figure.regression;
     comparison.figures.push_back(std::move(figure));
   }
-  if (comparison.figures.empty()) throw RunFolderError("neither side has a figure that was asked for");
+  if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
   const std::size_t least = std::min(a.runs.size(), b.runs.size());
   const auto needed = static_cast<std::size_t>(LeastRepeats(options.confidence));
   if (comparison.overRepeats && least < needed && a.runs.size() + b.runs.size() < 2 * needed) {

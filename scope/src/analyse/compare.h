@@ -56,7 +56,7 @@ struct CompareOptions {
 /// of medians leaves out 0 and, over repeats, the rank-sum test agrees: of few repeats a bootstrap alone
 /// makes too much. It is a regression when the whole interval is worse than the tolerance, when the figure is
 /// missing in B, or some of its runs, alone, or when its engine, or a thread of it, stops before the end in B
-/// alone: a median over the seconds does not show that. Throws RunFolderError for a run without a second
+/// alone: a median over the seconds does not show that. Throws UserError for a run without a second
 /// after skipS.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 

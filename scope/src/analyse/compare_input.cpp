@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "errors.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 
@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 Side PointOfSweep(const std::string& folder, const std::string& point, const std::string& argument) {
   const Sweep sweep = ReadSweep(folder);
   const SweepLevels wanted = ParsePoint(point);
-  const auto refuse = [&argument](const std::string& why) { throw RunFolderError(argument + ": " + why); };
+  const auto refuse = [&argument](const std::string& why) { throw UserError(argument + ": " + why); };
   for (const auto& [section, level] : wanted) {
     const auto isSection = [&name = section](const SweepAxis& axis) { return axis.section == name; };
     if (std::none_of(sweep.axes.begin(), sweep.axes.end(), isSection)) refuse(section + " was not swept");
@@ -53,7 +53,7 @@ Side ReadSide(const std::string& argument) {
     return PointOfSweep(argument.substr(0, colon), argument.substr(colon + 1), argument);
   }
   if (IsSweepFolder(argument)) {
-    throw RunFolderError(argument + " is a sweep: name a point of it, as in " + argument + ":CPU=1,VENC=2");
+    throw UserError(argument + " is a sweep: name a point of it, as in " + argument + ":CPU=1,VENC=2");
   }
   Side side;
   side.name = argument;
@@ -63,7 +63,7 @@ Side ReadSide(const std::string& argument) {
       if (IsRunFolder(entry.path().string())) folders.insert(entry.path().string());
     }
     for (const std::string& folder : folders) side.runs.push_back(ReadRun(folder));
-    if (side.runs.empty()) throw RunFolderError(argument + ": neither a run folder nor a folder of runs");
+    if (side.runs.empty()) throw UserError(argument + ": neither a run folder nor a folder of runs");
     return side;
   }
   side.runs.push_back(ReadRun(argument));

@@ -17,7 +17,7 @@ struct Side {
 
 /// Reads what `argument` names: a run folder; a folder of runs, which are repeats; or a point of a sweep as
 /// FOLDER:CPU=2,VENC=0, with a level for each swept section, whose runs that are done are repeats. Throws
-/// RunFolderError for anything else.
+/// UserError for anything else.
 Side ReadSide(const std::string& argument);
 
 }  // namespace scope

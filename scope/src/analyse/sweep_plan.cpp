@@ -22,8 +22,8 @@ int ParseLevel(const std::string& text, const std::string& whole) {
       !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos;
   const int level = digits ? std::atoi(text.c_str()) : kMostLevel + 1;
   if (level > kMostLevel) {
-    throw RunFolderError("\"" + whole + "\": expected levels from 0 to " + std::to_string(kMostLevel) +
-                         ", found \"" + text + "\"");
+    throw UserError("\"" + whole + "\": expected levels from 0 to " + std::to_string(kMostLevel) +
+                    ", found \"" + text + "\"");
   }
   return level;
 }
@@ -34,10 +34,10 @@ SweepAxis ParseAxis(const std::string& text) {
   axis.section = text.substr(0, sign);
   if (sign == std::string::npos ||
       std::find(kSections.begin(), kSections.end(), axis.section) == kSections.end()) {
-    throw RunFolderError("\"" + text +
-                         "\": expected CPU, VPC, VENC or AIC, then \"=\" and levels, as in CPU=0,1,2..4");
+    throw UserError("\"" + text +
+                    "\": expected CPU, VPC, VENC or AIC, then \"=\" and levels, as in CPU=0,1,2..4");
   }
-  const auto refuse = [&text](const std::string& why) { throw RunFolderError("\"" + text + "\": " + why); };
+  const auto refuse = [&text](const std::string& why) { throw UserError("\"" + text + "\": " + why); };
   std::istringstream parts(text.substr(sign + 1) + ",");
   for (std::string part; std::getline(parts, part, ',');) {
     const std::size_t dots = part.find("..");
@@ -75,8 +75,7 @@ std::vector<SweepAxis> ParseAxes(const std::vector<std::string>& texts) {
   for (const std::string& text : texts) {
     SweepAxis axis = ParseAxis(text);
     for (const SweepAxis& other : axes) {
-      if (other.section == axis.section)
-        throw RunFolderError("levels of " + axis.section + " are given twice");
+      if (other.section == axis.section) throw UserError("levels of " + axis.section + " are given twice");
     }
     axes.push_back(std::move(axis));
   }
@@ -89,8 +88,7 @@ SweepLevels ParsePoint(const std::string& text) {
   for (std::string part; std::getline(stream, part, ',');) parts.push_back(part);
   SweepLevels levels;
   for (const SweepAxis& axis : ParseAxes(parts)) {
-    if (axis.levels.size() != 1)
-      throw RunFolderError("\"" + text + "\": expected one level of " + axis.section);
+    if (axis.levels.size() != 1) throw UserError("\"" + text + "\": expected one level of " + axis.section);
     levels.emplace_back(axis.section, axis.levels.front());
   }
   return levels;
@@ -110,8 +108,8 @@ std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, 
   }
   const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
   if (count > kMostRuns) {
-    throw RunFolderError("the grid has " + std::to_string(count) + " runs, and a sweep at most " +
-                         std::to_string(kMostRuns));
+    throw UserError("the grid has " + std::to_string(count) + " runs, and a sweep at most " +
+                    std::to_string(kMostRuns));
   }
   std::vector<SweepRun> runs(count);
   std::mt19937_64 random(seed);

@@ -6,7 +6,7 @@
 
 #include "compare_conditions.h"
 #include "errors.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
 #include "statistics.h"
@@ -84,7 +84,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       run.samples.clear();
       run.histogram.clear();
       runs.push_back(std::move(run));
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       table.notes.emplace_back(error.what());
       ++notDone;
     }

@@ -38,8 +38,8 @@ void RefuseDifferences(const std::vector<ConditionDifference>& differences, cons
     names.insert(difference.name);
   }
   if (names.empty()) return;
-  throw RunFolderError("the runs were not recorded under the same conditions:" + lines +
-                       "\nIf that is what you compare, add --allow " + Joined(names, ","));
+  throw UserError("the runs were not recorded under the same conditions:" + lines +
+                  "\nIf that is what you compare, add --allow " + Joined(names, ","));
 }
 
 int RunCompare(CommandOptions options) {
@@ -64,8 +64,7 @@ int RunCompare(CommandOptions options) {
   std::cout << (options.json ? ComparisonJson : ComparisonText)(a, b, comparison, differences,
                                                                 options.compare);
   std::cout.flush();
-  if (!std::cout)
-    throw RunFolderError(std::string("cannot write to standard output: ") + std::strerror(errno));
+  if (!std::cout) throw UserError(std::string("cannot write to standard output: ") + std::strerror(errno));
   return comparison.regression ? kExitFailure : kExitOk;
 }
 
@@ -106,11 +105,11 @@ void AddCompare(CLI::App& app, int& status) {
   command->callback([options, &status] {
     try {
       status = RunCompare(*options);
-    } catch (const RunFolderError&) {
+    } catch (const UserError&) {
       throw;
     } catch (const std::exception& error) {
       // What cannot be judged, for want of memory or for any other reason, is no regression.
-      throw RunFolderError(std::string("cannot compare: ") + error.what());
+      throw UserError(std::string("cannot compare: ") + error.what());
     }
   });
 }

@@ -24,7 +24,7 @@ int Main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
-  } catch (const RunFolderError& error) {
+  } catch (const UserError& error) {
     std::cerr << "stress_scope: " << error.what() << '\n';
     return kExitBadUsage;
   } catch (const std::exception& error) {

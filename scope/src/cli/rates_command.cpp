@@ -8,9 +8,11 @@
 #include <iostream>
 #include <memory>
 
+#include "clock.h"
 #include "commands.h"
+#include "errors.h"
 #include "rate_line.h"
-#include "run_folder.h"
+#include "run_writer.h"
 #include "tool_version.h"
 
 namespace scope {
@@ -32,7 +34,7 @@ int SaveRates(const RatesOptions& options) {
     // A folder opens as well.
     if (!file || file.peek() == std::ifstream::traits_type::eof()) {
       const std::string reason = errno == 0 ? "it is empty" : std::strerror(errno);
-      throw RunFolderError("cannot read rate lines from " + options.file + ": " + reason);
+      throw UserError("cannot read rate lines from " + options.file + ": " + reason);
     }
   }
   std::istream& input = standardInput ? std::cin : file;
@@ -63,7 +65,7 @@ int SaveRates(const RatesOptions& options) {
       const std::vector<Rate> rates = ParseRateLine(line, timeS);
       writer.AddRateLine(line);
       writer.Add(rates);
-    } catch (const RateLineError& error) {
+    } catch (const UserError& error) {
       reason = name + ":" + std::to_string(number) + ": " + error.what();
       break;
     }

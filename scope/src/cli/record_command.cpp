@@ -1,12 +1,12 @@
 #include <iostream>
 #include <memory>
 
+#include "clock.h"
 #include "commands.h"
 #include "errors.h"
 #include "live_view.h"
 #include "recording.h"
 #include "report.h"
-#include "run_folder.h"
 
 namespace scope {
 
@@ -15,7 +15,7 @@ RecordResult RecordAndPrint(const RecordOptions& options, View& view, Signals& s
   // What is saved, as everything else shows it.
   try {
     if (summary) std::cout << ReportText(ReadRuns({options.folder}));
-  } catch (const RunFolderError& error) {
+  } catch (const UserError& error) {
     std::cerr << "stress_scope: " << error.what() << std::endl;
   }
   std::cout << (result.complete ? "saved in " : "incomplete, saved in ") << options.folder << std::endl;

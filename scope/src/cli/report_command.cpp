@@ -23,8 +23,7 @@ int Report(const ReportOptions& options) {
   std::cout << ReportText(runs);
   if (!file.empty()) std::cout << "\nreport in " << file << '\n';
   std::cout.flush();
-  if (!std::cout)
-    throw RunFolderError(std::string("cannot write to standard output: ") + std::strerror(errno));
+  if (!std::cout) throw UserError(std::string("cannot write to standard output: ") + std::strerror(errno));
   return kExitOk;
 }
 

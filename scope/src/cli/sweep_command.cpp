@@ -6,16 +6,18 @@
 #include <memory>
 #include <random>
 
+#include "clock.h"
 #include "commands.h"
 #include "compare.h"
 #include "compare_conditions.h"
 #include "compare_input.h"
 #include "comparison_text.h"
 #include "configuration.h"
+#include "durable_file.h"
 #include "errors.h"
 #include "live_view.h"
 #include "recording.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
@@ -70,7 +72,7 @@ RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
 }
 
 Sweep Prepare(const SweepOptions& options) {
-  if (options.levels.empty()) throw RunFolderError("nothing to sweep: say --levels, as in --levels CPU=0..4");
+  if (options.levels.empty()) throw UserError("nothing to sweep: say --levels, as in --levels CPU=0..4");
   Sweep sweep;
   sweep.settings = options.settings;
   sweep.settings.benchmark = Absolute(sweep.settings.benchmark);
@@ -81,23 +83,19 @@ Sweep Prepare(const SweepOptions& options) {
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
   const double runS = RunSeconds(options.config, sweep.settings);
   if (runS < sweep.settings.warmupS + kLeastMeasuredS) {
-    throw RunFolderError(
-        Format("runs of %g s are too short for a warm-up of %g s: at least %g s are to be left", runS,
-               sweep.settings.warmupS, kLeastMeasuredS));
+    throw UserError(Format("runs of %g s are too short for a warm-up of %g s: at least %g s are to be left",
+                           runS, sweep.settings.warmupS, kLeastMeasuredS));
   }
   CheckRecord(RecordOf(sweep, options.folder));
 
-  std::error_code error;
   if (IsSweepFolder(options.folder)) {
-    throw RunFolderError(options.folder + " has a sweep: go on with --resume " + options.folder +
-                         ", or choose another folder");
+    throw UserError(options.folder + " has a sweep: go on with --resume " + options.folder +
+                    ", or choose another folder");
   }
-  if (fs::exists(options.folder, error) &&
-      (!fs::is_directory(options.folder, error) || !fs::is_empty(options.folder, error))) {
-    throw RunFolderError(options.folder + " exists and is not an empty folder: choose another one");
+  if (IsTaken(options.folder)) {
+    throw UserError(options.folder + " exists and is not an empty folder: choose another one");
   }
-  fs::create_directories(options.folder, error);
-  if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
+  MakeFolder(options.folder);
   sweep.started = UtcNow();
   ReplaceFile(options.folder + "/" + kConfigName, config);
   WriteSweep(options.folder, sweep);
@@ -121,9 +119,7 @@ std::vector<SweepRun*> Due(const std::string& folder, Sweep& sweep) {
 bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet, Signals& signals) {
   RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
   options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
-  std::error_code error;
-  fs::create_directories(options.folder, error);
-  if (error) throw RunFolderError("cannot make the folder " + options.folder + ": " + error.message());
+  MakeFolder(options.folder);
   ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
   const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : MakeSilentView();
   // The sweep's own figures come at its end.
@@ -195,7 +191,7 @@ void Show(const std::string& folder, const Sweep& sweep) {
     std::cout << '\n';
     try {
       ShowTwo(folder, sweep, table);
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       std::cout << "not compared: " << error.what() << '\n';  // the sweep is recorded all the same
     }
   }

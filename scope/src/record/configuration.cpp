@@ -62,11 +62,11 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
     }
     AddSettings(root, "", config.settings);
   } catch (const std::exception& error) {
-    throw RunFolderError(error.what());
+    throw UserError(error.what());
   }
   // After the parse, which takes files of a limited size alone.
   const std::optional<std::string> text = ReadText(path);
-  if (!text) throw RunFolderError("cannot read " + path + ": " + std::strerror(errno));
+  if (!text) throw UserError("cannot read " + path + ": " + std::strerror(errno));
   config.text = *text + "\n";
   return config;
 }
@@ -92,21 +92,21 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
       if (swept != levels.end()) {
         level = static_cast<unsigned int>(swept->second);
       } else if (!root[section].GetValue<unsigned int>("Level", level) || level > kMostLevel) {
-        throw RunFolderError(path + ": expected a \"Level\" from 0 to 10 in the section " + section);
+        throw UserError(path + ": expected a \"Level\" from 0 to 10 in the section " + section);
       }
       text += std::string(section) + ":\n  Level: " + std::to_string(level) + "\n";
       if (!isModel) continue;
       std::string file;
       if (!has || !root[section].GetValue<std::string>("File", file)) {
-        throw RunFolderError(path + ": levels of AIC need a section AIC with a model as \"File\"");
+        throw UserError(path + ": levels of AIC need a section AIC with a model as \"File\"");
       }
       text +=
           "  File: " + Quoted(file.empty() ? file : fs::absolute(file).lexically_normal().string()) + "\n";
     }
-  } catch (const RunFolderError&) {
+  } catch (const UserError&) {
     throw;
   } catch (const std::exception& error) {
-    throw RunFolderError(error.what());
+    throw UserError(error.what());
   }
   return text;
 }

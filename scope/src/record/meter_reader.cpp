@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
+#include "errors.h"
 #include "latency_buckets.h"
 
 namespace scope {
@@ -17,8 +19,8 @@ constexpr std::size_t kLargestPacket = sizeof(ThreadSamplePacket) + kBucketCount
 template <typename Packet>
 Packet Unpack(const char* bytes, std::size_t size, const char* name) {
   if (size < sizeof(Packet)) {
-    throw MeterError(std::string("the meter sent a ") + name + " packet of " + std::to_string(size) +
-                     " bytes, expected " + std::to_string(sizeof(Packet)));
+    throw UserError(std::string("the meter sent a ") + name + " packet of " + std::to_string(size) +
+                    " bytes, expected " + std::to_string(sizeof(Packet)));
   }
   Packet packet;
   std::memcpy(&packet, bytes, sizeof(packet));
@@ -46,7 +48,7 @@ const char* NameOf(Engine engine) {
 MeterReader::MeterReader(std::uint64_t startNs) : startNs_(startNs) {
   int ends[2] = {-1, -1};
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw MeterError(std::string("cannot make the meter's socket: ") + std::strerror(errno));
+    throw std::runtime_error(std::string("cannot make the meter's socket: ") + std::strerror(errno));
   }
   socket_ = ends[0];
   childEnd_ = ends[1];
@@ -85,21 +87,21 @@ void MeterReader::Read(std::vector<MeterSecond>& seconds) {
 void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds) {
   const auto header = Unpack<PacketHeader>(bytes, size, "meter");
   if (header.magic != kMeterMagic) {
-    throw MeterError(
+    throw UserError(
         "something that is no meter writes to the meter's socket: packets begin with another word");
   }
   if (header.version != kMeterVersion) {
-    throw MeterError("the meter was built for another version: it speaks version " +
-                     std::to_string(header.version) + ", this program reads version " +
-                     std::to_string(kMeterVersion) + ". Use libstress_scope.so of the same build.");
+    throw UserError("the meter was built for another version: it speaks version " +
+                    std::to_string(header.version) + ", this program reads version " +
+                    std::to_string(kMeterVersion) + ". Use libstress_scope.so of the same build.");
   }
   if (header.type == PacketType::kHello) {
     const auto hello = Unpack<HelloPacket>(bytes, size, "hello");
     // A second program under the same meter would be another run.
     if (processId_ != 0) return;
     if (hello.bucketCount != kBucketCount) {
-      throw MeterError("the meter has " + std::to_string(hello.bucketCount) + " latency buckets, expected " +
-                       std::to_string(kBucketCount) + ". Use libstress_scope.so of the same build.");
+      throw UserError("the meter has " + std::to_string(hello.bucketCount) + " latency buckets, expected " +
+                      std::to_string(kBucketCount) + ". Use libstress_scope.so of the same build.");
     }
     processId_ = header.processId;
     hostPlatform_ = hello.hostPlatform != 0;
@@ -116,8 +118,8 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
     unmeasured_ = end.unmeasured;
     Flush(header.timeNs, seconds);
   } else {
-    throw MeterError("the meter sent a packet of the unknown type " +
-                     std::to_string(static_cast<std::uint32_t>(header.type)));
+    throw UserError("the meter sent a packet of the unknown type " +
+                    std::to_string(static_cast<std::uint32_t>(header.type)));
   }
 }
 
@@ -125,17 +127,17 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   const auto packet = Unpack<ThreadSamplePacket>(bytes, size, "sample");
   const char* const engine = NameOf(packet.engine);
   if (engine == nullptr || size != sizeof(packet) + packet.buckets * sizeof(BucketCount)) {
-    throw MeterError("the meter sent a sample that cannot be read: engine " +
-                     std::to_string(static_cast<std::uint32_t>(packet.engine)) + ", " +
-                     std::to_string(packet.buckets) + " buckets in " + std::to_string(size) + " bytes");
+    throw UserError("the meter sent a sample that cannot be read: engine " +
+                    std::to_string(static_cast<std::uint32_t>(packet.engine)) + ", " +
+                    std::to_string(packet.buckets) + " buckets in " + std::to_string(size) + " bytes");
   }
   Histogram second;
   for (std::uint32_t i = 0; i < packet.buckets; ++i) {
     BucketCount entry;
     std::memcpy(&entry, bytes + sizeof(packet) + i * sizeof(entry), sizeof(entry));
     if (entry.bucket >= kBucketCount) {
-      throw MeterError("the meter sent a count for bucket " + std::to_string(entry.bucket) + " of " +
-                       std::to_string(kBucketCount));
+      throw UserError("the meter sent a count for bucket " + std::to_string(entry.bucket) + " of " +
+                      std::to_string(kBucketCount));
     }
     second.Add(entry.bucket, entry.count);
   }

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,12 +11,6 @@
 #include "run.h"
 
 namespace scope {
-
-/// A meter that cannot be understood; what() says why and what to do.
-class MeterError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 /// What the meter told for one second.
 struct MeterSecond {
@@ -30,7 +23,7 @@ struct MeterSecond {
 class MeterReader {
  public:
   /// Makes the pair of sockets. `startNs` is the time (CLOCK_MONOTONIC) that samples count from. Throws
-  /// MeterError when the system has none left.
+  /// std::runtime_error when the system has none left.
   explicit MeterReader(std::uint64_t startNs);
   ~MeterReader();
   MeterReader(const MeterReader&) = delete;
@@ -43,7 +36,7 @@ class MeterReader {
   void CloseChildEnd();
 
   /// Takes every packet that has arrived. The seconds that are complete with it are added to `seconds`.
-  /// Throws MeterError for a meter of another version, and for what is no meter.
+  /// Throws UserError for a meter of another version, and for what is no meter.
   void Read(std::vector<MeterSecond>& seconds);
 
   bool SaidHello() const { return processId_ != 0; }

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "errors.h"
+
 namespace scope {
 namespace {
 
@@ -47,9 +49,8 @@ class Line {
   }
 
   [[noreturn]] void Fail(const std::string& expected) const {
-    throw RateLineError(
-        "character " + std::to_string(at_ + 1) + ": expected " + expected +
-        (AtEnd() ? ", found the end of the line" : ", found \"" + text_.substr(at_, 20) + '"'));
+    throw UserError("character " + std::to_string(at_ + 1) + ": expected " + expected +
+                    (AtEnd() ? ", found the end of the line" : ", found \"" + text_.substr(at_, 20) + '"'));
   }
 
  private:

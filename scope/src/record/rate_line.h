@@ -1,6 +1,5 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -8,15 +7,10 @@
 
 namespace scope {
 
-/// A line that is no rate line; what() says at which character, from 1, and what was expected there.
-class RateLineError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 /// Reads a rate line ("cpuStress : 431.034483 fps. ispStress : 30.0 fps."), without its line feed. The entry
 /// that ends every line, ispStress, is a constant of the benchmark: it must be there and is left out of the
-/// result. Throws RateLineError.
+/// result. Throws UserError for a line that is no rate line; what() says at which character, from 1, and what
+/// was expected there.
 std::vector<Rate> ParseRateLine(const std::string& line, double timeS);
 
 }  // namespace scope

@@ -17,13 +17,14 @@
 #include <memory>
 
 #include "child_process.h"
+#include "clock.h"
 #include "conditions.h"
 #include "configuration.h"
 #include "counters.h"
 #include "errors.h"
 #include "meter_reader.h"
 #include "rate_line.h"
-#include "run_folder.h"
+#include "run_writer.h"
 #include "signals.h"
 #include "supervisor.h"
 #include "tool_version.h"
@@ -64,8 +65,8 @@ std::string OwnFolder() {
 std::string FindBenchmark(const std::string& given) {
   const std::string path = given.empty() ? OwnFolder() + "/stress_benchmark" : given;
   if (access(path.c_str(), X_OK) != 0) {
-    throw RunFolderError("cannot run the benchmark " + path + ": " + std::strerror(errno) +
-                         (given.empty() ? ". Say where it is with --benchmark." : ""));
+    throw UserError("cannot run the benchmark " + path + ": " + std::strerror(errno) +
+                    (given.empty() ? ". Say where it is with --benchmark." : ""));
   }
   return path;
 }
@@ -82,13 +83,12 @@ std::string FindMeter(const std::string& given) {
     if (access(candidate.c_str(), R_OK) != 0) continue;
     const std::string path = fs::absolute(candidate).lexically_normal().string();
     if (path.find_first_of(": ") != std::string::npos) {
-      throw RunFolderError("the meter's path has a blank or a colon, which cannot be preloaded: " + path);
+      throw UserError("the meter's path has a blank or a colon, which cannot be preloaded: " + path);
     }
     return path;
   }
-  throw RunFolderError(
-      "cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
-      ". Say where libstress_scope.so is with --meter, or record without it with --no-meter.");
+  throw UserError("cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
+                  ". Say where libstress_scope.so is with --meter, or record without it with --no-meter.");
 }
 
 /// One recording, from the start of the benchmark to the last file: waits, reads, saves and shows. When the
@@ -200,7 +200,7 @@ class Recording {
       try {
         const std::vector<Rate> rates = ParseRateLine(line, timeS);
         Save([&] { writer_->Add(rates); });
-      } catch (const RateLineError& error) {
+      } catch (const UserError& error) {
         if (badLines_++ == 0)
           Tell("the benchmark printed a line that is no rate line: " + std::string(error.what()));
       }
@@ -214,7 +214,7 @@ class Recording {
     std::vector<MeterSecond> seconds;
     try {
       meter_->Read(seconds);
-    } catch (const MeterError& error) {
+    } catch (const UserError& error) {
       Do(supervisor_->RecordingFailed(TimeS(), error.what()));
       meter_ = std::make_unique<MeterReader>(startNs_);
       meter_->CloseChildEnd();
@@ -257,7 +257,7 @@ class Recording {
     try {
       write();
       return true;
-    } catch (const RunFolderError& error) {
+    } catch (const UserError& error) {
       Do(supervisor_->RecordingFailed(
           TimeS(), std::string(error.what()) + "; what was recorded so far stays in " + writer_->Folder()));
       return false;

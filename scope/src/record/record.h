@@ -31,12 +31,12 @@ struct RecordResult {
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. What `signals` tells
 /// stops the benchmark with SIGINT, a second time more than a second later with SIGKILL; the recording is
-/// saved in either case. Throws RunFolderError, before anything runs, for a configuration that cannot be
+/// saved in either case. Throws UserError, before anything runs, for a configuration that cannot be
 /// read, a missing program or meter, or a folder that cannot be used. Threads: one call at a time, on the
 /// main thread.
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals);
 
-/// Throws RunFolderError where Record would for a missing program or meter. Makes and changes nothing.
+/// Throws UserError where Record would for a missing program or meter. Makes and changes nothing.
 void CheckRecord(const RecordOptions& options);
 
 }  // namespace scope

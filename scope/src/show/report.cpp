@@ -6,8 +6,9 @@
 #include <filesystem>
 #include <utility>
 
+#include "durable_file.h"
 #include "errors.h"
-#include "run_folder.h"
+#include "run_reader.h"
 #include "run_warnings.h"
 
 namespace scope {
@@ -24,7 +25,7 @@ std::string NameOf(const Run& run, std::size_t index, std::size_t count) {
 }
 
 [[noreturn]] void CannotWrite(const std::string& file, int error) {
-  throw RunFolderError("cannot write " + file + ": " + std::strerror(error));
+  throw UserError("cannot write " + file + ": " + std::strerror(error));
 }
 
 void WriteFile(const std::string& file, const std::string& text) {
@@ -41,8 +42,8 @@ void WriteFile(const std::string& file, const std::string& text) {
 
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders) {
   if (folders.empty() || folders.size() > kMostRuns) {
-    throw RunFolderError("a report is of 1 to " + std::to_string(kMostRuns) + " run folders, not of " +
-                         std::to_string(folders.size()));
+    throw UserError("a report is of 1 to " + std::to_string(kMostRuns) + " run folders, not of " +
+                    std::to_string(folders.size()));
   }
   std::vector<ReportedRun> runs;
   for (const std::string& folder : folders) {

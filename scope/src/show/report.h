@@ -19,7 +19,7 @@ struct ReportedRun {
 /// As many as the page has colours that can be told apart.
 constexpr std::size_t kMostRuns = 8;
 
-/// Reads the run folders. Throws RunFolderError: a folder that cannot be used, none, or more than kMostRuns.
+/// Reads the run folders. Throws UserError: a folder that cannot be used, none, or more than kMostRuns.
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders);
 
 /// The report for a terminal, in ASCII but for what the runs themselves say.
@@ -30,7 +30,7 @@ std::string ReportText(const std::vector<ReportedRun>& runs);
 std::string ReportPage(const std::vector<ReportedRun>& runs);
 
 /// Writes the report of the run folder `folder` to `file`, or to report.html in the folder where `file` is
-/// empty. Returns the file. Throws RunFolderError.
+/// empty. Returns the file. Throws UserError.
 std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string& file);
 
 }  // namespace scope

@@ -9,8 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "durable_file.h"
 #include "errors.h"
-#include "run_folder.h"
 #include "tool_version.h"
 
 namespace scope {
@@ -68,7 +68,7 @@ SweepRun RunFromJson(const Json& json, const std::string& path) {
   json.at("folder").get_to(run.folder);
   // Folders within the sweep's: what a resumed sweep replaces is nowhere else.
   if (run.folder.empty() || run.folder[0] == '.' || run.folder.find('/') != std::string::npos) {
-    throw RunFolderError(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
+    throw DamagedFolder(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
   }
   for (const auto& [section, level] : json.at("levels").items()) {
     run.levels.emplace_back(section, level.get<int>());
@@ -79,7 +79,7 @@ SweepRun RunFromJson(const Json& json, const std::string& path) {
   const auto text = json.at("state").get<std::string>();
   const auto* const state =
       std::find_if(kStates.begin(), kStates.end(), [&](const auto& one) { return text == one.second; });
-  if (state == kStates.end()) throw RunFolderError(path + ": a run has the unknown state \"" + text + "\"");
+  if (state == kStates.end()) throw DamagedFolder(path + ": a run has the unknown state \"" + text + "\"");
   run.state = state->first;
   return run;
 }
@@ -110,7 +110,7 @@ Sweep FromJson(const Json& json, const std::string& path) {
                      return level.first == axis.section &&
                             std::count(axis.levels.begin(), axis.levels.end(), level.second) == 1;
                    });
-    if (!fits) throw RunFolderError(path + ": the run " + run.folder + " is no point of the grid");
+    if (!fits) throw DamagedFolder(path + ": the run " + run.folder + " is no point of the grid");
   }
   return sweep;
 }
@@ -125,18 +125,18 @@ bool IsSweepFolder(const std::string& folder) {
 Sweep ReadSweep(const std::string& folder) {
   const std::string path = folder + "/" + kSweepName;
   std::ifstream file(path, std::ios::binary);
-  if (!file) throw RunFolderError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
+  if (!file) throw UserError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
   try {
     const Json json = Json::parse(file);
     const int format = json.at("format").get<int>();
     if (format != kSweepFormat) {
-      throw RunFolderError(path + ": written in format " + std::to_string(format) +
-                           ", this program reads format " + std::to_string(kSweepFormat));
+      throw DamagedFolder(path + ": written in format " + std::to_string(format) +
+                          ", this program reads format " + std::to_string(kSweepFormat));
     }
-    if (json.at("kind").get<std::string>() != "sweep") throw RunFolderError(path + ": not a sweep");
+    if (json.at("kind").get<std::string>() != "sweep") throw DamagedFolder(path + ": not a sweep");
     return FromJson(json, path);
   } catch (const Json::exception& error) {
-    throw RunFolderError(path + ": " + error.what());
+    throw DamagedFolder(path + ": " + error.what());
   }
 }
 

@@ -8,9 +8,9 @@
 namespace scope {
 
 bool IsSweepFolder(const std::string& folder);
-/// Throws RunFolderError, with the file and what was expected there.
+/// Throws UserError, with the file and what was expected there.
 Sweep ReadSweep(const std::string& folder);
-/// Replaces sweep.json as a whole. Throws RunFolderError.
+/// Replaces sweep.json as a whole. Throws UserError.
 void WriteSweep(const std::string& folder, const Sweep& sweep);
 
 }  // namespace scope

@@ -4,29 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "errors.h"
 #include "run.h"
 
-/// The run folder of format version 1: what `record` and `rates` save and everything else reads. The files
-/// and their columns are described in scope/FORMAT.md.
 namespace scope {
-
-constexpr int kRunFormat = 1;
-
-/// Reads the run folder `folder`. A last line that was cut (the recorder was killed) is left out and noted,
-/// and so is a file that an incomplete run does not have; anything else that is wrong throws RunFolderError,
-/// which names the file, the line and what was expected there.
-Run ReadRun(const std::string& folder);
-
-/// run.json alone, of the folder `folder`. Throws RunFolderError.
-RunInfo ReadRunInfo(const std::string& folder);
-
-/// True where `folder` has a run.json, whatever is in it. Throws RunFolderError where that cannot be told.
-bool IsRunFolder(const std::string& folder);
 
 /// Writes a run folder while the run goes on: everything handed over is in the files when the call returns,
 /// so that a recorder that is killed leaves what it had. run.json and the histogram are replaced as a whole.
-/// Every operation throws RunFolderError where the file system refuses, naming the file and the reason; the
+/// Every operation throws UserError where the file system refuses, naming the file and the reason; the
 /// other files stay usable. Threads: one.
 class RunWriter {
  public:
@@ -58,15 +42,5 @@ class RunWriter {
   std::unique_ptr<File> ratesText_;
   std::unique_ptr<File> countersCsv_;
 };
-
-/// Puts `text` in the place of the file as a whole or not at all: where the disk is full, the file that was
-/// there stays. Throws RunFolderError.
-void ReplaceFile(const std::string& path, const std::string& text);
-
-/// Now in UTC, ISO 8601, to the second.
-std::string UtcNow();
-
-/// A name for a run folder in the current one: `prefix` and the time.
-std::string TimedFolder(const std::string& prefix);
 
 }  // namespace scope

@@ -1,0 +1,78 @@
+#include "durable_file.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "errors.h"
+
+namespace scope {
+namespace {
+
+namespace fs = std::filesystem;
+
+}  // namespace
+
+OutputFile::OutputFile(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "we")) {
+  if (file_ == nullptr) Fail(errno);
+}
+
+OutputFile::~OutputFile() {
+  if (file_ != nullptr) (void)std::fclose(file_);
+}
+
+void OutputFile::Write(const std::string& text) {
+  errno = 0;
+  if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() || std::fflush(file_) != 0) {
+    const int error = errno;
+    // What could not be written stays in the stream's buffer otherwise, and every later call fails on it.
+    std::clearerr(file_);
+    Fail(error);
+  }
+}
+
+void OutputFile::Close() {
+  errno = 0;
+  // Not every file system can tell.
+  const bool saved = fsync(fileno(file_)) == 0 || errno == EINVAL;
+  const int error = errno;
+  std::FILE* const file = std::exchange(file_, nullptr);
+  errno = 0;
+  if (std::fclose(file) != 0 || !saved) Fail(saved ? errno : error);
+}
+
+void OutputFile::Fail(int error) const {
+  throw UserError("cannot write " + path_ + ": " + std::strerror(error));
+}
+
+void ReplaceFile(const std::string& path, const std::string& text) {
+  const std::string next = path + ".new";
+  try {
+    OutputFile file(next);
+    file.Write(text);
+    file.Close();
+    if (std::rename(next.c_str(), path.c_str()) != 0) {
+      throw UserError("cannot write " + path + ": " + std::strerror(errno));
+    }
+  } catch (const UserError&) {
+    (void)std::remove(next.c_str());
+    throw;
+  }
+}
+
+void MakeFolder(const std::string& path) {
+  std::error_code error;
+  fs::create_directories(path, error);
+  if (error) throw UserError("cannot make the folder " + path + ": " + error.message());
+}
+
+bool IsTaken(const std::string& path) {
+  std::error_code error;
+  return fs::exists(path, error) && (!fs::is_directory(path, error) || !fs::is_empty(path, error));
+}
+
+}  // namespace scope
