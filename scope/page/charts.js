@@ -83,16 +83,21 @@ class Charts {
     return [{...this.overTime('totals', 'Bandwidth of all engines together', axis, lines), broad: true}, ...charts];
   }
 
-  // The engines of a run, with a point for every second that one of them has.
+  // The engines of a run, with a point for every second that one of them has. An engine that has not begun, or has ended,
+  // moves nothing. Where one lacks a second in between, all have a gap: their sum is not known.
   stack(run) {
     const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
-    const bandwidths = engines.map((engine) => new Map(
-        wholePoints(engine, 'gigabytes_per_s').map((point) => [point.x, point.y])));
-    const times = [...new Set(bandwidths.flatMap((bandwidth) => [...bandwidth.keys()]))].sort((a, b) => a - b);
+    const lines = engines.map((engine) => wholePoints(engine, 'gigabytes_per_s'));
+    const times = [...new Set(lines.flatMap((points) => points.map(({x}) => x)))].sort((a, b) => a - b);
+    const values = lines.map((points) => {
+      const byTime = new Map(points.map(({x, y}) => [x, y]));
+      const works = (x) => points.length > 0 && x >= points[0].x && x <= points[points.length - 1].x;
+      return times.map((x) => (works(x) ? byTime.get(x) ?? null : 0));
+    });
+    const isGap = times.map((_, at) => values.some((column) => column[at] === null));
     return engines.map((engine, i) => ({
       name: engine.name, colour: this.engineColour(engine.name), dash: [], marker: 'circle', weight: kStrong, fill: true,
-      // A stack needs a value of every engine at every time.
-      points: times.map((x) => ({x, y: bandwidths[i].has(x) ? bandwidths[i].get(x) : 0})),
+      points: times.map((x, at) => ({x, y: isGap[at] ? null : values[i][at]})),
     }));
   }
 

@@ -13,6 +13,11 @@ function withOpacity(colour, opacity) {
   return colour + Math.round(opacity * 255).toString(16).padStart(2, '0');
 }
 
+// A point between two gaps has no line that would show it.
+function isAlone(points, at) {
+  return (points[at - 1]?.y ?? null) === null && (points[at + 1]?.y ?? null) === null;
+}
+
 function dataset(series, chart) {
   const marked = series.marker && !chart.stepped && !chart.stacked && series.points.length <= kManyPoints;
   return {
@@ -25,7 +30,7 @@ function dataset(series, chart) {
     fill: series.fill ? (chart.stacked ? 'stack' : 'origin') : false,
     stepped: Boolean(chart.stepped),
     pointStyle: series.marker,
-    pointRadius: marked ? 2.5 : 0,
+    pointRadius: series.points.map((_, at) => (marked || isAlone(series.points, at) ? 2.5 : 0)),
     pointHitRadius: 6,
     spanGaps: false,
   };

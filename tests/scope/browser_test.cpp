@@ -140,6 +140,23 @@ TEST_F(ReportInBrowser, ALineHasAGapWhereSamplesAreMissing) {
   }
 }
 
+// Another engine has the second: the sum is not known, and no engine's is 0.
+TEST_F(ReportInBrowser, AStackHasAGapWhereOneEngineLacksASecond) {
+  scope::Run run = made_run::Run();
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
+                                   [](const auto& sample) {
+                                     return sample.engine == "vpc" && sample.timeS > 10 && sample.timeS < 14;
+                                   }),
+                    run.samples.end());
+  const Visit visit = Open(run, "report_gap_of_one", 2400);
+  for (const json& series : visit.Chart("total-0")["series"]) {
+    for (std::size_t second = 2; second != 41; ++second) {
+      const bool gap = second > 10 && second < 15;
+      EXPECT_EQ(series["points"][second - 2][1].is_null(), gap) << series["name"] << " " << second;
+    }
+  }
+}
+
 TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   scope::Run other = made_run::Run();
   other.info.conditions.governor = "performance";
