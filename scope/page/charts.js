@@ -4,6 +4,7 @@
 // Colours belong to engines. Lines of runs differ in dashes and points, lines of figures in weight.
 const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // of engines that the program has no colour for
 const kCounterColours = ['#4477aa', '#ee6677', '#228833', '#aa3377', '#ccbb44', '#66ccee', '#60656b', '#994455'];
+const kCountedUnits = ['errors', 'events']; // counted since the machine's start
 const kTotalColour = '#60656b';
 const kDashes = [[], [7, 4], [2, 3], [10, 3, 2, 3], [14, 5], [5, 2], [10, 3, 2, 3, 2, 3], [1, 5]];
 const kMarkers = ['circle', 'rect', 'triangle', 'rectRot', 'cross', 'star', 'crossRot', 'line'];
@@ -19,6 +20,15 @@ function engineOf(run, name) {
 
 function printedOf(run, name) {
   return run.printed.find((printed) => printed.engine === name);
+}
+
+// What is wrong with an engine that was to work in the run and did not; empty where all is well.
+function failureOf(run, name) {
+  const engine = engineOf(run, name);
+  if (engine && engine.work.operations > 0) return '';
+  if (engine) return `no operation succeeded, ${thousands(engine.work.failures)} failed`;
+  const level = run.config.levels[name] ?? 0;
+  return level > 0 && run.meter ? `not one operation was begun, though the level is ${level}` : '';
 }
 
 function greatest(values) {
@@ -103,7 +113,7 @@ class Charts {
 
   // Rate, bandwidth, latencies, histogram and printed rate of the engine, all runs in each, without the empty ones.
   ofEngine(engine) {
-    const measured = this.runs.some((run) => engineOf(run, engine));
+    const measured = this.runs.some((run) => engineOf(run, engine) && failureOf(run, engine) === '');
     const charts = measured ? [this.rate(engine), this.bandwidth(engine), this.latency(engine), this.histogram(engine)] : [];
     charts.push(this.printed(engine, measured));
     return charts.filter((chart) => chart.series.length > 0);
@@ -113,7 +123,7 @@ class Charts {
   columnLines(engine, what, column, perUnit = 1, style = {}) {
     return this.runs.flatMap((run, i) => {
       const found = engineOf(run, engine);
-      if (!found) return [];
+      if (!found || failureOf(run, engine) !== '') return [];
       const points = wholePoints(found, column).map(({x, y}) => ({x, y: y === null ? null : y * perUnit}));
       return [this.line(i, this.engineColour(engine), what, points, style)];
     }).filter(isDrawn);
@@ -169,7 +179,7 @@ class Charts {
   printed(engine, measured) {
     const series = this.runs.flatMap((run, i) => {
       const printed = printedOf(run, engine);
-      if (!printed) return [];
+      if (!printed || failureOf(run, engine) !== '') return [];
       const exact = engineOf(run, engine)?.work.busy_fps ?? 0;
       const line = [{x: 0, y: exact}, {x: this.endS, y: exact}];
       const colour = this.engineColour(engine);
@@ -189,11 +199,15 @@ class Charts {
         bySource.set(axis, [...(bySource.get(axis) ?? []), counter]);
       }
       return [...bySource].map(([axis, counters], number) => {
+        const counted = kCountedUnits.includes(counters[0].unit);
         const series = counters.map((counter, at) => ({
           name: counter.name, colour: kCounterColours[at % kCounterColours.length], weight: kStrong,
-          dash: kDashes[i], marker: kMarkers[at % kMarkers.length], points: pointsOf(counter.time_s, counter.value),
+          dash: kDashes[i], marker: kMarkers[at % kMarkers.length],
+          points: pointsOf(counter.time_s, counter.value.map((value) => value - (counted ? counter.value[0] : 0))),
         }));
-        return this.overTime(`counter-${i}-${number}`, this.ofRun(counters[0].source, run), {title: axis}, series);
+        const axisTitle = counted ? `${axis}, since the run's start` : axis;
+        return {...this.overTime(`counter-${i}-${number}`, this.ofRun(counters[0].source, run), {title: axisTitle}, series),
+          stepped: counted};
       });
     });
   }

@@ -14,6 +14,12 @@ function runHead(run) {
   return el('p', {}, el('strong', {}, run.name), ` ${facts.join(', ')}`);
 }
 
+function engineSection(runs, engine, charts) {
+  const failures = runs.filter((run) => failureOf(run, engine.name) !== '').map((run) => el('p', {class: 'failed'},
+      `${runs.length > 1 ? `${run.name}: ` : ''}${failureOf(run, engine.name)}.`));
+  return section(engine.title, ...failures, chartFigures(charts, `${engine.title}. `));
+}
+
 function summarySection(data, engines, totals) {
   const parts = engines.length === 0 ?
       [el('p', {}, 'Nothing was recorded: neither an operation nor a rate line.')] :
@@ -37,7 +43,7 @@ function showReport(data) {
   document.querySelector('main').prepend(
       section('Warnings', warningList(data.runs)),
       summarySection(data, engines, totals),
-      ...engines.map((engine, i) => section(engine.title, chartFigures(ofEngines[i], `${engine.title}. `))),
+      ...engines.map((engine, i) => engineSection(data.runs, engine, ofEngines[i])),
       section('Counters of the machine', chartFigures(counters, 'Counters. '), counterTable(data.runs)),
       section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)));
   document.getElementById('tool').textContent = data.tool;

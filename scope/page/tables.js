@@ -84,13 +84,16 @@ function warningList(runs) {
   ]));
 }
 
+// One row a source, however many runs there are.
 function counterTable(runs) {
-  const several = runs.length > 1;
-  const rows = runs.flatMap((run) => run.counter_sources.map((source) => el('tr', {},
-      several ? rowHeading(run.name) : [], rowHeading(source.source),
-      el('td', {}, source.present ? 'recorded' : `absent: ${source.reason}`))));
-  if (rows.length === 0) return el('p', {}, 'None were looked for.');
-  return table('', several ? ['Run', 'Source', 'State'] : ['Source', 'State'], [], rows);
+  const sources = [...new Set(runs.flatMap((run) => run.counter_sources.map((entry) => entry.source)))];
+  if (sources.length === 0) return el('p', {}, 'None were looked for.');
+  const rows = sources.map((source) => el('tr', {}, rowHeading(source), runs.map((run) => {
+    const entry = run.counter_sources.find((each) => each.source === source);
+    if (!entry) return el('td', {}, absent('not looked for'));
+    return el('td', {}, entry.present ? 'recorded' : `absent: ${entry.reason}`);
+  })));
+  return table('counters', ['Source', ...(runs.length > 1 ? runs.map((run) => run.name) : ['State'])], [], rows);
 }
 
 function stateText(run) {

@@ -27,7 +27,7 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   let drawn = 0;
   for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));
   const series = sets.map((set) => ({name: set.label, colour: set.borderColor, dash: set.borderDash,
-    marker: set.pointStyle, points: (set.data ?? []).map((point) => [point.x, point.y])}));
+    marker: set.pointStyle, stepped: set.stepped, points: (set.data ?? []).map((point) => [point.x, point.y])}));
   return {id: canvas.id, drawn, series};
 });
 const rowsOf = (table) => [...table.rows].map((row) => [...row.cells].map((cell) => cell.textContent));

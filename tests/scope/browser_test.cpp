@@ -122,8 +122,8 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
                                                         {"Load average at the start", "0.20, 0.10, 0.10"}}) {
     EXPECT_THAT(visit.Row("conditions", {title}), ElementsAre(title, text));
   }
-  EXPECT_THAT(visit.Row("", {"thermal"}), ElementsAre("thermal", "recorded"));
-  EXPECT_THAT(visit.Row("", {"resctrl"}), ElementsAre("resctrl", "absent: not mounted"));
+  EXPECT_THAT(visit.Row("counters", {"thermal"}), ElementsAre("thermal", "recorded"));
+  EXPECT_THAT(visit.Row("counters", {"resctrl"}), ElementsAre("resctrl", "absent: not mounted"));
   EXPECT_THAT(visit.Text(),
               AllOf(HasSubstr("cpu: 100 % of the operations take less than a millisecond"),
                     HasSubstr("Configuration file config/all.yaml"),
@@ -155,6 +155,50 @@ TEST_F(ReportInBrowser, AStackHasAGapWhereOneEngineLacksASecond) {
       EXPECT_EQ(series["points"][second - 2][1].is_null(), gap) << series["name"] << " " << second;
     }
   }
+}
+
+TEST_F(ReportInBrowser, AFailedEngineSaysSoInsteadOfEmptyAxes) {
+  scope::Run run = made_run::Run();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine != "vpc") continue;
+    sample = made_run::SampleOf(made_run::kEngines[1], 0, sample.timeS, 0);
+    sample.failures = 3;
+  }
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
+                                   [](const auto& sample) { return sample.engine == "aic"; }),
+                    run.samples.end());
+  run.histogram.clear();
+  run.rates.clear();
+  const Visit visit = Open(run, "report_failed_engine", 4400);
+  ExpectGood(visit, {"total-0", "cpu-rate", "cpu-bandwidth", "cpu-latency", "venc-rate", "venc-bandwidth",
+                     "venc-latency", "counter-0-0"});
+  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("VPC: image resizes\n\nno operation succeeded, 123 failed."),
+                                  HasSubstr("AIC: inferences\n\nnot one operation was begun, though the "
+                                            "level is 1.")));
+  EXPECT_THAT(visit.Text(), Not(HasSubstr("VENC: frame encodes\n\nn")));
+}
+
+TEST_F(ReportInBrowser, ShowsTheSourcesOfCountersOfAllRunsInOneTable) {
+  scope::Run other = made_run::Run();
+  other.info.counters = {{"thermal", false, "no zone"}, {"edac", true, ""}};
+  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  EXPECT_THAT(visit.Row("counters", {"Source"}), ElementsAre("Source", "A: run", "B: other"));
+  EXPECT_THAT(visit.Row("counters", {"thermal"}), ElementsAre("thermal", "recorded", "absent: no zone"));
+  EXPECT_THAT(visit.Row("counters", {"resctrl"}),
+              ElementsAre("resctrl", "absent: not mounted", "not looked for"));
+  EXPECT_THAT(visit.Row("counters", {"edac"}), ElementsAre("edac", "not looked for", "recorded"));
+}
+
+TEST_F(ReportInBrowser, CountsAreStepsFromTheStartOfTheRun) {
+  scope::Run run = made_run::Run();
+  for (int second = 1; second <= 40; ++second) {
+    run.counters.push_back({static_cast<double>(second), "edac", "mc0", "errors", second < 20 ? 7.0 : 9.0});
+  }
+  const json chart = Open(run, "report_counts", 5600).Chart("counter-0-0");
+  EXPECT_EQ(chart["series"][0]["name"], "mc0");
+  EXPECT_EQ(chart["series"][0]["stepped"], true);
+  EXPECT_EQ(chart["series"][0]["points"][18], json::parse("[19, 0]"));
+  EXPECT_EQ(chart["series"][0]["points"][19], json::parse("[20, 2]"));
 }
 
 TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {

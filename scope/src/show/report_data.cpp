@@ -1,10 +1,10 @@
 #include "report_data.h"
 
-#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -220,23 +220,22 @@ EngineLook LookOf(const std::string& engine) {
   return at == kLooks.end() ? EngineLook{engine.c_str(), ""} : at->second;
 }
 
-// Every engine that a run has figures of: cpu, vpc, venc, aic, then others.
+// Every engine that a run has figures of, or was to load: cpu, vpc, venc, aic, then others.
 std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
-  std::vector<std::string> names;
-  const auto add = [&names](const std::string& name) {
-    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
-  };
-  for (const char* known : {"cpu", "vpc", "venc", "aic"}) {
-    for (const ReportedRun& run : runs) {
-      const auto& engines = run.summary.engines;
-      const bool worked = std::any_of(engines.begin(), engines.end(),
-                                      [&](const EngineSummary& engine) { return engine.engine == known; });
-      if (worked || run.summary.PrintedOf(known) != nullptr) add(known);
+  std::set<std::string> found;
+  for (const ReportedRun& run : runs) {
+    for (const EngineSummary& engine : run.summary.engines) found.insert(engine.engine);
+    for (const PrintedRates& printed : run.summary.printed) found.insert(printed.engine);
+    for (const auto& [engine, level] : run.run.info.config.levels) {
+      if (level > 0) found.insert(engine);
     }
   }
-  for (const ReportedRun& run : runs) {
-    for (const EngineSummary& engine : run.summary.engines) add(engine.engine);
+  found.erase("");
+  std::vector<std::string> names;
+  for (const char* known : {"cpu", "vpc", "venc", "aic"}) {
+    if (found.erase(known) != 0) names.emplace_back(known);
   }
+  names.insert(names.end(), found.begin(), found.end());
   return names;
 }
 
