@@ -15,6 +15,7 @@ using onnx_writer::ElementType;
 using Ormis::QetDNNHandle;
 
 class DnnTest : public ModelTest {};
+class DnnBasicsTest : public ModelTest {};  // what runs under emulation, too
 
 /// A model that hands its input on.
 onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType type) {
@@ -118,7 +119,7 @@ Values SomeImage(std::size_t count, std::uint32_t seed) {
 
 constexpr std::size_t kTinyInputs = std::size_t{3} * 8 * 8;
 
-TEST_F(DnnTest, OutputsAreThoseComputedIndependently) {
+TEST_F(DnnBasicsTest, OutputsAreThoseComputedIndependently) {
   Loaded model(Write(TinyNetwork()));
   ASSERT_EQ(model.handle.inputs.at(0).sizeBytes, kTinyInputs * sizeof(float));
   for (std::uint32_t seed = 1; seed <= 20; ++seed) {
@@ -243,7 +244,7 @@ TEST_F(DnnTest, TextTensorsAreUnsupported) {
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
-TEST_F(DnnTest, OpenDimensionsBecomeOne) {
+TEST_F(DnnBasicsTest, OpenDimensionsBecomeOne) {
   Loaded model(
       Write(Identity({onnx_writer::kOpenDimension, 3, onnx_writer::kOpenDimension}, ElementType::kFloat)));
   EXPECT_EQ(model.handle.inputs.at(0).sizeBytes, 3 * sizeof(float));
@@ -337,7 +338,7 @@ TEST_F(DnnTest, StepsOutOfOrderAreRefused) {
   EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "released";
 }
 
-TEST_F(DnnTest, OperationsWithoutAContextAreRefused) {
+TEST_F(DnnBasicsTest, OperationsWithoutAContextAreRefused) {
   const std::string path = Write(TinyNetwork());
   QetDNNHandle handle;
   ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);

@@ -134,6 +134,7 @@ double KilobitsPerSecond(std::uint64_t bytes, int frames) {
 }
 
 class VencTest : public EngineTest {};
+class VencInitTest : public EngineTest {};
 
 TEST_F(VencTest, EachFrameInGivesOnePacketOut) {
   const auto venc = MakeEncoder();
@@ -262,7 +263,7 @@ TEST_F(VencTest, StreamsComeInTheOrderOfTheFramesAndStayValidUntilReleased) {
   }
 }
 
-TEST_F(VencTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
+TEST_F(VencInitTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
   struct Case {
     const char* name;
     std::uint32_t QetVenc::* member;
@@ -299,7 +300,7 @@ TEST_F(VencTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
   }
 }
 
-TEST_F(VencTest, InitAnswersACodeForSidesThatNoEngineEncodes) {
+TEST_F(VencInitTest, InitAnswersACodeForSidesThatNoEngineEncodes) {
   for (const auto& [width, height] : {std::pair{16386U, 2U},
                                       {2U, 16386U},
                                       {65536U, 65536U},
@@ -363,7 +364,7 @@ TEST_F(VencTest, TheLongestSidesWork) {
   }
 }
 
-TEST_F(VencTest, InitSaysWhatTheEngineRefused) {
+TEST_F(VencInitTest, InitSaysWhatTheEngineRefused) {
   const auto venc = MakeEncoder(16384, 16384);  // sides that it has, but not both at once
   venc->maxWidth = venc->maxHeight = 16384;
   std::int32_t code = 0;
@@ -374,7 +375,7 @@ TEST_F(VencTest, InitSaysWhatTheEngineRefused) {
   EXPECT_NE(log.find("libx264"), std::string::npos) << log;
 }
 
-TEST_F(VencTest, InitTwiceIsRefused) {
+TEST_F(VencInitTest, InitTwiceIsRefused) {
   Small small;
   ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
   EXPECT_EQ(small.venc->Init(), Ormis::kQetAlreadyInitialized);

@@ -16,6 +16,7 @@ namespace Ormis::test {
 namespace {
 
 class ImageTest : public PlatformTest {};
+class ImageMemoryTest : public PlatformTest {};
 
 /// Memory of this process's own, in bytes; pages that are only mapped to the shared zero page do not count.
 std::size_t OwnMemory() {
@@ -150,7 +151,7 @@ TEST_F(ImageTest, MallocRefusesARecordWithMemory) {
 #if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
 // The largest image that is accepted among them, so that it needs no 4 GiB here. One byte more is refused
 // above, before any memory is asked for.
-TEST_F(ImageTest, MallocWithoutMemoryAnswersACode) {
+TEST_F(ImageMemoryTest, MallocWithoutMemoryAnswersACode) {
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
   rlimit small = saved;
