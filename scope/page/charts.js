@@ -1,4 +1,4 @@
-// What each chart shows: {id, title, broad, x, y, stacked, stepped, series}. An axis is {title, min, max, log}; a series
+// What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, series}. An axis is {title, min, max, log}; a series
 // {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap.
 
 // Colours belong to engines. Lines of runs differ in dashes and points, lines of figures in weight.
@@ -45,8 +45,9 @@ function isDrawn(series) {
 
 // The charts of a report: `runs` and `engines` as in its data, the engines those that are drawn.
 class Charts {
-  constructor(runs, engines) {
+  constructor(runs, engines, warmupS) {
     this.runs = runs;
+    this.warmupS = warmupS;
     this.engines = engines;
     const ends = runs.map((run) => greatest([run.duration_s,
       ...run.engines.map((engine) => greatest(engine.seconds.time_s)),
@@ -55,7 +56,8 @@ class Charts {
   }
 
   overTime(id, title, yAxis, series) {
-    return {id, title, x: {title: 'Time since the start (s)', min: 0, max: this.endS}, y: yAxis, series};
+    const x = {title: 'Time since the start (s)', min: 0, max: this.endS};
+    return {id, title, x, y: yAxis, series, warmupS: this.warmupS};
   }
 
   engineColour(name) {

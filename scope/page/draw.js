@@ -1,6 +1,7 @@
 // Draws a chart on its canvas.
 
 const kManyPoints = 150;
+const kShade = '#8a93a033';
 
 // On a logarithmic axis: 1, 2 and 5 of each power of ten.
 function logTick(value) {
@@ -44,6 +45,20 @@ function axisOptions(axis) {
   };
 }
 
+// Shades the warm-up, beneath everything else.
+const kWarmUpShade = {
+  id: 'warmUp',
+  beforeDraw(drawn, _, {endS}) {
+    if (endS === undefined) return;
+    const {ctx, chartArea, scales} = drawn;
+    ctx.save();
+    ctx.fillStyle = kShade;
+    ctx.fillRect(chartArea.left, chartArea.top, Math.min(scales.x.getPixelForValue(endS), chartArea.right) - chartArea.left,
+        chartArea.height);
+    ctx.restore();
+  },
+};
+
 function draw(canvas, chart) {
   const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
   const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
@@ -51,6 +66,7 @@ function draw(canvas, chart) {
   const labels = chart.stacked ? {boxHeight: 7} : {boxHeight: 1, boxWidth: 36};
   new Chart(canvas, {
     type: 'line',
+    plugins: [kWarmUpShade],
     data: {datasets: chart.series.map((series) => dataset(series, chart))},
     options: {
       animation: false,
@@ -58,6 +74,7 @@ function draw(canvas, chart) {
       interaction: {mode: 'nearest', axis: 'x', intersect: false},
       scales: {x, y},
       plugins: {
+        warmUp: {endS: chart.warmupS},
         legend: {display: chart.series.length > 1, labels},
         tooltip: {
           callbacks: {

@@ -23,7 +23,7 @@ function engineSection(runs, engine, charts) {
 function summarySection(data, engines, totals) {
   const parts = engines.length === 0 ?
       [el('p', {}, 'Nothing was recorded: neither an operation nor a rate line.')] :
-      [summaryTable(data.runs, engines), threadTable(data.runs)];
+      [el('h3', {}, 'The whole run'), summaryTable(data.runs, engines), threadTable(data.runs), ...medianTable(data)].flat();
   for (const run of data.runs.filter((each) => !each.meter)) {
     parts.push(el('p', {class: 'absent'},
         `${run.name}: recorded without the meter, so there are no operations, bytes and latencies.`));
@@ -33,7 +33,7 @@ function summarySection(data, engines, totals) {
 
 function showReport(data) {
   const engines = data.engines.filter((engine) => engine.load);
-  const charts = new Charts(data.runs, engines);
+  const charts = new Charts(data.runs, engines, data.warmup_s);
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
   const counters = charts.counters();

@@ -64,6 +64,31 @@ function summaryTable(runs, engines) {
       ['Threads', ...figures, 'Printed fps', 'Exact fps', 'Off by'], rows);
 }
 
+// The columns of the medians: the figures, in the order in which the runs have them.
+function medianColumns(runs) {
+  const titles = new Map();
+  for (const {figure, unit} of runs.flatMap((run) => run.medians)) titles.set(figure, `${figure} (${unit})`);
+  return [...titles];
+}
+
+// The same figures of the seconds after the warm-up, which differ from those of the whole run.
+function medianTable(data) {
+  const {runs} = data;
+  const several = runs.length > 1;
+  const columns = medianColumns(runs);
+  const engines = [...data.engines, {name: 'total'}].filter(({name}) =>
+    runs.some((run) => run.medians.some((entry) => entry.engine === name)));
+  if (engines.length === 0) return [];
+  const rows = engines.flatMap(({name}) => runs.map((run) => el('tr', {},
+      rowHeading(name === 'total' ? 'all' : name), several ? rowHeading(run.name) : [],
+      columns.map(([figure]) => {
+        const entry = run.medians.find((each) => each.engine === name && each.figure === figure);
+        return cell(entry && shortNumber(entry.median));
+      }))));
+  return [el('h3', {}, `Medians of the seconds after the warm-up of ${data.warmup_s} s, as compare takes them`),
+    table('figures medians', several ? ['Engine', 'Run'] : ['Engine'], columns.map(([, title]) => title), rows)];
+}
+
 function threadTable(runs) {
   const several = runs.length > 1;
   const rows = runs.flatMap((run) => run.engines.flatMap((engine) => engine.threads.map((thread) => el('tr', {},

@@ -28,7 +28,12 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));
   const series = sets.map((set) => ({name: set.label, colour: set.borderColor, dash: set.borderDash,
     marker: set.pointStyle, stepped: set.stepped, points: (set.data ?? []).map((point) => [point.x, point.y])}));
-  return {id: canvas.id, drawn, series};
+  const area = Chart.getChart(canvas).chartArea;
+  const scale = canvas.width / canvas.clientWidth;
+  // Of the ground near the left and the right end of the chart, above the lines.
+  const opacityAt = (x) => pixels[(Math.round((area.top + 3) * scale) * canvas.width + Math.round(x * scale)) * 4 + 3];
+  const shades = area ? [0.03, 0.97].map((share) => opacityAt(area.left + share * area.width)) : [];
+  return {id: canvas.id, drawn, series, shades};
 });
 const rowsOf = (table) => [...table.rows].map((row) => [...row.cells].map((cell) => cell.textContent));
 const tables = [...document.querySelectorAll('table')].map((table) => ({kind: table.className, rows: rowsOf(table)}));

@@ -201,6 +201,26 @@ TEST_F(ReportInBrowser, CountsAreStepsFromTheStartOfTheRun) {
   EXPECT_EQ(chart["series"][0]["points"][19], json::parse("[20, 2]"));
 }
 
+// The run is four times as fast in its warm-up, which the whole run includes and the medians do not.
+TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
+  scope::Run run = made_run::Run();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine == "venc" && sample.timeS > 1 && sample.timeS <= 5) sample.operations = 200;
+  }
+  const Visit visit = Open(run, "report_warm_up", 2400);
+  EXPECT_EQ(visit.Chart("cpu-rate")["shades"], json::parse("[51, 0]"));
+  EXPECT_EQ(visit.Chart("cpu-histogram")["shades"], json::parse("[0, 0]"));
+  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("The whole run"), HasSubstr("Medians of the seconds after the "
+                                                                        "warm-up of 5 s, as compare takes")));
+  EXPECT_EQ(visit.Row("figures", {"venc"})[3], "65.4");
+  EXPECT_THAT(
+      visit.Row("figures medians", {"Engine"}),
+      ElementsAre("Engine", "ops (op/s)", "bandwidth (GB/s)", "p50 (us)", "p99 (us)", "printed (fps)"));
+  EXPECT_THAT(visit.Row("figures medians", {"venc"}),
+              ElementsAre("venc", "50", "0.1559", "9,000", "9,000", "111"));
+  EXPECT_THAT(visit.Row("figures medians", {"all"}), ElementsAre("all", "–", "14.64", "–", "–", "–"));
+}
+
 TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   scope::Run other = made_run::Run();
   other.info.conditions.governor = "performance";

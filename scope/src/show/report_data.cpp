@@ -8,7 +8,10 @@
 #include <tuple>
 #include <utility>
 
+#include "compare.h"
+#include "compare_figures.h"
 #include "run_warnings.h"
+#include "statistics.h"
 #include "text_format.h"
 #include "tool_version.h"
 
@@ -102,6 +105,18 @@ Json PrintedJson(const RunSummary& summary) {
              {"fps", Column<Rate>(rates.rates, [](const Rate& rate) { return Rounded(rate.fps); })}});
   }
   return printed;
+}
+
+// As comparisons take them.
+Json MediansJson(const RunSummary& summary) {
+  Json medians = Json::array();
+  for (const auto& [key, values] : FiguresOf(summary, CompareOptions().skipS)) {
+    if (values.empty()) continue;
+    const FigureKind& kind = KindOf(key.figure);
+    medians.push_back(
+        Json{{"engine", key.engine}, {"figure", kind.name}, {"unit", kind.unit}, {"median", Median(values)}});
+  }
+  return medians;
 }
 
 Json CountersJson(const std::vector<CounterValue>& values) {
@@ -199,6 +214,7 @@ Json RunJson(const ReportedRun& reported) {
               {"gigabytes_per_s", OrNull(reported.summary.gigabytesPerS)},
               {"engines", EnginesJson(reported)},
               {"printed", PrintedJson(reported.summary)},
+              {"medians", MediansJson(reported.summary)},
               {"counter_sources", sources},
               {"counters", CountersJson(reported.run.counters)}};
 }
@@ -242,7 +258,10 @@ std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
 }  // namespace
 
 Json ReportData(const std::vector<ReportedRun>& runs) {
-  Json data{{"tool", kToolVersion}, {"engines", Json::array()}, {"runs", Json::array()}};
+  Json data{{"tool", kToolVersion},
+            {"warmup_s", CompareOptions().skipS},
+            {"engines", Json::array()},
+            {"runs", Json::array()}};
   for (const std::string& engine : Engines(runs)) {
     const EngineLook look = LookOf(engine);
     data["engines"].push_back(
