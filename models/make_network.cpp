@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   }
   const std::string model = onnx_writer::Serialize(tiny ? TinyNetwork() : ExampleNetwork());
 
-  // Renamed when whole: nothing ever sees half a network.
+  // Renamed when complete, so that no reader finds half a network.
   const std::string part = path + ".part";
   std::ofstream file(part, std::ios::binary | std::ios::trunc);
   file.write(model.data(), static_cast<std::streamsize>(model.size()));

@@ -10,12 +10,13 @@ using onnx_writer::Tensor;
 
 constexpr float kBiasLimit = 0.1f;
 
-/// Keeps the size of what passes through a rectified layer of `inputs` inputs to each of its outputs.
+/// The limit of a layer's uniform weights that keeps the size of the values, where each output has `inputs`
+/// inputs and is rectified.
 float RectifiedLimit(std::int64_t inputs) {
   return std::sqrt(6.0f / static_cast<float>(inputs));
 }
 
-/// Adds layers to a graph, each on top of the value that the one before returned.
+/// Adds layers to a graph. Each takes the value that the layer before returned.
 class Builder {
  public:
   explicit Builder(const char* name) { graph_.name = name; }
@@ -50,9 +51,9 @@ class Builder {
     return to;
   }
 
-  /// Two convolutions around a shortcut, which gets a convolution of its own where the shape changes. The
-  /// second one is damped: each block adds to what comes in, and 8 of them would otherwise grow it beyond
-  /// use.
+  /// Two convolutions, and a shortcut past them; where the shape changes, the shortcut has a convolution,
+  /// too. The second convolution has small weights: each of the 8 blocks adds to its input, and the values
+  /// would otherwise grow too large.
   std::string ResidualBlock(const std::string& name, const std::string& from, std::int64_t inChannels,
                             std::int64_t outChannels, std::int64_t stride) {
     const std::string inner = Relu(Conv(name + "Conv1", from, inChannels, outChannels, 3, stride));
@@ -64,7 +65,7 @@ class Builder {
     return Relu(Add(outer, shortcut));
   }
 
-  /// The mean of each channel, then a fully connected layer; ends the network.
+  /// Ends the network: the mean of each channel, then a fully connected layer.
   Graph Classify(const std::string& from, std::int64_t channels, std::int64_t classes) {
     const std::string means = Node("Flatten", {Node("GlobalAveragePool", {from}, "means")}, "features");
     Weights("denseWeight", {classes, channels}, RectifiedLimit(channels));
@@ -87,7 +88,8 @@ class Builder {
     for (const std::int64_t dimension : shape) count *= static_cast<std::size_t>(dimension);
     Tensor tensor{name, shape, std::vector<float>(count)};
     for (float& value : tensor.values) {
-      // The engine's numbers are fixed by the language, a distribution's are not.
+      // Without a standard distribution: the numbers of the generator are the same everywhere, a
+      // distribution's are not.
       value = (static_cast<float>(random_() >> 8) / 0x800000 - 1.0f) * limit;
     }
     graph_.initializers.push_back(std::move(tensor));

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// Just enough of the ONNX model format to write networks: a protocol buffer of which only varints and
-/// length-delimited fields are needed. Field numbers and enumerators are those of onnx.proto3.
+/// Writes networks in the ONNX model format, a protocol buffer. Varints and length-delimited fields are
+/// enough for them. Field numbers and enumerators are those of onnx.proto3.
 namespace onnx_writer {
 
 /// TensorProto.DataType

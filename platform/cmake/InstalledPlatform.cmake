@@ -1,5 +1,5 @@
-# The targets ormis_interface, ormis and ara_log from what is installed in ORMIS_ROOT. Headers and a logging library
-# that are not there are this project's.
+# Makes the targets ormis_interface, ormis and ara_log from what is installed in ORMIS_ROOT. Where headers or a logging
+# library are missing there, takes this project's.
 find_path(ORMIS_INCLUDE_DIR ormis/ormis.h PATHS "${ORMIS_ROOT}" PATH_SUFFIXES include NO_DEFAULT_PATH
           DOC "Folder with ormis/ormis.h and ara/log/logging.h")
 if(NOT ORMIS_INCLUDE_DIR)
@@ -31,7 +31,7 @@ endif()
 add_library(ormis SHARED IMPORTED GLOBAL)
 set_target_properties(ormis PROPERTIES IMPORTED_LOCATION "${ORMIS_LIBRARY}")
 target_link_libraries(ormis INTERFACE ormis_interface ara_log)
-# The programs of this build, once installed, look where the platform is.
+# After installation the programs of this build find the platform in its folder.
 foreach(library IN ITEMS "${ORMIS_LIBRARY}" "${ARA_LOG_LIBRARY}")
   if(library)
     get_filename_component(folder "${library}" DIRECTORY)

@@ -12,7 +12,7 @@ write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/ormisConfigVersion
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/ormisConfig.cmake" "${CMAKE_CURRENT_BINARY_DIR}/ormisConfigVersion.cmake"
         DESTINATION "${package_dir}")
 
-# Relative to the file itself, so that an installed tree may be moved.
+# Relative to the file itself, so that the installed tree can be moved.
 file(RELATIVE_PATH ORMIS_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/ormis.pc.in "${CMAKE_CURRENT_BINARY_DIR}/ormis.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/ormis.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

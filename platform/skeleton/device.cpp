@@ -68,7 +68,7 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream&) {
   return Unsupported("QetVenc::ReleaseStream");
 }
 
-// Nothing to end: there is never an encoder behind it.
+// There is never an encoder to end.
 QetVenc::~QetVenc() = default;
 
 std::int32_t QetDNNModelInitialize(QetDNNHandle&, const std::string&) {

@@ -10,7 +10,7 @@ namespace Ormis {
 
 using skeleton::Unsupported;
 
-// A constructor has no status: what it cannot do, it throws.
+// A constructor has no status, so it throws.
 QetYamlNode::QetYamlNode(const std::string&) {
   throw std::runtime_error("QetYamlNode: not supported");
 }
@@ -41,7 +41,7 @@ bool QetYamlNode::AsIf(unsigned int&) const {
   return false;
 }
 
-// There is no level or mode that says so; these show what the other operations say.
+// No level or mode means "not supported". These let the messages of the other operations appear.
 ara::log::LogLevel ParseLogLevel(QetLogLevelType) {
   (void)Unsupported("ParseLogLevel");
   return ara::log::LogLevel::kError;

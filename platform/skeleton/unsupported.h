@@ -7,7 +7,7 @@
 
 namespace Ormis::skeleton {
 
-/// Says at error level that `operation` is not supported; is the status to return.
+/// Logs at error level that `operation` is not supported. Returns the status for the operation to return.
 inline std::int32_t Unsupported(const char* operation) {
   static const ara::log::Logger& logger =
       ara::log::CreateLogger("QET", "accelerator platform, skeleton", ara::log::LogLevel::kVerbose);

@@ -17,7 +17,7 @@ using Ormis::QetDNNHandle;
 class DnnTest : public ModelTest {};
 class DnnBasicsTest : public ModelTest {};  // what runs under emulation, too
 
-/// A model that hands its input on.
+/// A model that copies its input to its output.
 onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType type) {
   onnx_writer::Graph graph;
   graph.name = "identity";
@@ -27,7 +27,7 @@ onnx_writer::Graph Identity(const std::vector<std::int64_t>& shape, ElementType 
   return graph;
 }
 
-/// Loads a model with its buffers and ends with it.
+/// Loads a model and creates its buffers. Releases both at its end.
 struct Loaded {
   explicit Loaded(const std::string& path) {
     EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
@@ -46,8 +46,7 @@ struct Loaded {
   QetDNNHandle handle;
 };
 
-// --- The tiny network, computed by plain loops
-// --------------------------------------------------------------
+// --- The tiny network, computed by plain loops ---
 
 using Values = std::vector<float>;
 
@@ -58,7 +57,7 @@ const Values& Weights(const onnx_writer::Graph& graph, const std::string& name) 
   return found->values;
 }
 
-/// 3x3 with a border of zeros, planes of `size` x `size`.
+/// A convolution of 3x3 with a border of zeros, over planes of `size` x `size`.
 Values Conv3x3(const Values& in, std::size_t inPlanes, std::size_t size, const Values& weight,
                const Values& bias, std::size_t stride) {
   const std::size_t outSize = (size + stride - 1) / stride;
@@ -158,7 +157,7 @@ TEST_F(DnnTest, TheHandleListsItsTensors) {
   EXPECT_EQ(handle.bufferOf.size(), 2U);
 }
 
-/// Three inputs, each of which is handed on to an output of its own.
+/// Three inputs, each of which is copied to an output of its own.
 onnx_writer::Graph Threefold() {
   onnx_writer::Graph graph;
   graph.name = "threefold";
@@ -270,7 +269,7 @@ TEST_F(DnnTest, ASizeThatOverflowsAnswersACode) {
 }
 
 TEST_F(DnnTest, AnInferenceThatFailsSaysWhy) {
-  // The output has two rows, which the model does not tell beforehand.
+  // The output has two rows. The model does not declare that.
   onnx_writer::Graph graph = Identity({onnx_writer::kOpenDimension, 3}, ElementType::kFloat);
   graph.nodes = {{"Concat", {"in", "in"}, {"out"}, {}, {{"axis", 0}}}};
   Loaded model(Write(graph));
@@ -279,7 +278,7 @@ TEST_F(DnnTest, AnInferenceThatFailsSaysWhy) {
   EXPECT_EQ(code, Ormis::kQetInferenceFailure);
   const std::string line = "QetDNNModelProcess: model " + model.handle.modelPath + ": ";
   ASSERT_NE(log.find(line), std::string::npos) << log;
-  EXPECT_EQ(log.find(line), log.rfind(line)) << "said once";
+  EXPECT_EQ(log.find(line), log.rfind(line)) << "the reason has to be logged once";
 }
 
 TEST_F(DnnTest, AFileThatCannotBeReadIsNamedWithTheReason) {
@@ -348,7 +347,7 @@ TEST_F(DnnBasicsTest, OperationsWithoutAContextAreRefused) {
     EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetNoContext);
     EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetNoContext);
     EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetNoContext);
-    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << "what is held can always be let go";
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << "a release needs no context";
   }).join();
 }
 
@@ -403,12 +402,12 @@ TEST_F(DnnTest, AHandleMayBeLoadedAgainFromItsOwnPath) {
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
-/// Repeats `step` on a handle that `prepare` makes anew, with another of its last allocations failing each
-/// time; those before belong to the engine. `check` sees the handle after each failure.
+/// Calls `step` once for each of its `last` allocations and makes that one fail. `prepare` makes a new handle
+/// each time, and `check` sees it after the failure. Earlier allocations belong to the engine.
 template <typename Prepare, typename Step, typename Check>
 void FailLastAllocations(std::size_t last, Prepare prepare, Step step, Check check) {
   std::size_t count = 0;
-  for (int i = 0; i < 2; ++i) {  // the first time is not like the others
+  for (int i = 0; i < 2; ++i) {  // the first call allocates more than later ones
     QetDNNHandle handle;
     prepare(handle);
     const FailingMemory memory(0);
@@ -460,7 +459,7 @@ TEST_F(DnnTest, BuffersThatCannotBeListedAreNotMade) {
       });
 }
 
-TEST_F(DnnTest, AModelThatCannotBeNotedLeavesTheHandleAsItWas) {
+TEST_F(DnnTest, AModelThatCannotBeListedLeavesTheHandleAsItWas) {
   if (!FailingMemory::kWorks) GTEST_SKIP();
   const std::string path = Write(TinyNetwork());
   const std::string before(100, 'x');
@@ -475,7 +474,7 @@ TEST_F(DnnTest, AModelThatCannotBeNotedLeavesTheHandleAsItWas) {
         EXPECT_EQ(handle.modelId, 123456789U);
         EXPECT_EQ(handle.modelPath, before);
       });
-  // The platform lists the models that were loaded to count allocations, and no other.
+  // These two were loaded to count allocations. The platform lists no other.
   EXPECT_NE(StandardErrorOf([&] { ReleasePlatform(); }).find("2 models"), std::string::npos);
 }
 
@@ -530,7 +529,7 @@ TEST_F(DnnTest, TenModelsInTenThreadsAgreeToTheBit) {
   for (const Values& output : outputs) {
     EXPECT_EQ(std::memcmp(output.data(), outputs[0].data(), outputs[0].size() * sizeof(float)), 0);
   }
-  // A network whose values died out or ran away would agree with itself, too.
+  // Values that all became 0 or infinite would be equal, too.
   const auto [least, most] = std::minmax_element(outputs[0].begin(), outputs[0].end());
   EXPECT_GT(*most - *least, 0.1f);
   EXPECT_LT(*most - *least, 1000.0f);

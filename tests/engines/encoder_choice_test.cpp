@@ -1,4 +1,5 @@
-// Which engine an encoder takes. Looks inside the host platform: from outside only the log tells.
+// Tests which engine an encoder takes. Uses a part of the host platform directly: through the public headers
+// only the log shows the choice.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -29,11 +30,11 @@ std::vector<std::string> NamesToTry(const std::vector<std::string>& patterns) {
   return names;
 }
 
-TEST(EncoderChoice, WithoutADeviceOnlyTheSoftwareIsTried) {
+TEST(EncoderChoice, WithoutADeviceOnlyTheSoftwareEngineIsTried) {
   EXPECT_EQ(NamesToTry({}), std::vector<std::string>{"libx264"});
 }
 
-TEST(EncoderChoice, ADeviceIsTriedBeforeTheSoftware) {
+TEST(EncoderChoice, ADeviceIsTriedBeforeTheSoftwareEngine) {
   EXPECT_EQ(NamesToTry({"/dev/video*"}), (std::vector<std::string>{"h264_v4l2m2m", "libx264"}));
   EXPECT_EQ(NamesToTry({"/dev/dri/renderD*"}), (std::vector<std::string>{"h264_vaapi", "libx264"}));
   EXPECT_EQ(NamesToTry({"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
@@ -46,7 +47,7 @@ TEST(EncoderChoice, DevicesAreFoundByPattern) {
   EXPECT_FALSE(Ormis::host::DeviceExists("/dev/no_such_device*"));
 }
 
-TEST(EncoderChoice, FallsBackToTheSoftwareAndSaysWhyNotTheOthers) {
+TEST(EncoderChoice, FallsBackToTheSoftwareEngineWithTheReasons) {
   std::string reason;
   const auto encoder =
       H264Encoder::Open(kSettings, H264EnginesToTry([](const char*) { return true; }), reason);
@@ -66,7 +67,7 @@ TEST(EncoderChoice, ReturnsNullWithTheReasonWhenNothingOpens) {
   EXPECT_EQ(reason, "no_such_engine: this build of libavcodec does not have it");
 }
 
-// A software engine in the place of a device shows what the trial is for.
+// A software engine in place of a device shows what the trial detects.
 TEST(EncoderChoice, ADeviceThatKeepsFramesBackIsNotTaken) {
   std::string reason;
   const auto encoder = H264Encoder::Open(

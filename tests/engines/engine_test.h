@@ -8,7 +8,7 @@
 
 #include "ormis/ormis.h"
 
-/// A started platform with a context bound to the test's thread. What a test releases itself stays released.
+/// Starts the platform and binds a context to the test's thread. A test may release both itself.
 class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override { StartPlatform(); }
@@ -32,7 +32,7 @@ class EngineTest : public ::testing::Test {
   Ormis::QetContext context_;
 };
 
-/// Runs `work` on a thread of its own with a context of its own.
+/// Runs `work` on a new thread with a context of its own.
 template <typename Work>
 std::thread WithContext(Work work) {
   return std::thread([work = std::move(work)] {
@@ -44,7 +44,7 @@ std::thread WithContext(Work work) {
   });
 }
 
-/// What `work` writes to standard error, which is where the log goes before it is started.
+/// Returns what `work` writes to standard error. The log goes there until it is started.
 template <typename Work>
 std::string StandardErrorOf(Work work) {
   ::testing::internal::CaptureStderr();

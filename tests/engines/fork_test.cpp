@@ -1,5 +1,4 @@
-// An application may fork at any time, from any thread. Here it does so in the middle of what the library
-// does.
+// An application may fork at any time, from any thread. Here it forks in the middle of an operation.
 #include <dlfcn.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -20,7 +19,8 @@ pid_t forked = 0;
 
 class ForkTest : public ModelTest {
  protected:
-  /// Loads a model while a process is forked that lives on; expects that it still does afterwards.
+  /// Loads a model and forks a process meanwhile. Expects that the load does not wait for the end of that
+  /// process.
   void LoadWhileForking() {
     const std::string path = Write(TinyNetwork());
     QetDNNHandle handle;
@@ -37,7 +37,8 @@ class ForkTest : public ModelTest {
 
 }  // namespace
 
-// The library's call comes here: the last moment at which a fork has all that the library has open.
+// The library's call comes here. It is the last moment at which a forked process inherits all descriptors
+// that the library has open.
 extern "C" __attribute__((visibility("default"))) int posix_spawn(pid_t* child, const char* path,
                                                                   const posix_spawn_file_actions_t* actions,
                                                                   const posix_spawnattr_t* attributes,
@@ -54,11 +55,11 @@ extern "C" __attribute__((visibility("default"))) int posix_spawn(pid_t* child, 
 
 namespace {
 
-TEST_F(ForkTest, AProcessForkedWhileAModelIsTriedHoldsNothingUp) {
+TEST_F(ForkTest, ALoadDoesNotWaitForAProcessForkedMeanwhile) {
   LoadWhileForking();
 }
 
-TEST_F(ForkTest, NorWhereTheApplicationIgnoresItsChildrensEnds) {
+TEST_F(ForkTest, ALoadDoesNotWaitWhereTheApplicationIgnoresSigchld) {
   const auto before = std::signal(SIGCHLD, SIG_IGN);
   LoadWhileForking();
   (void)std::signal(SIGCHLD, before);

@@ -41,7 +41,7 @@ H264Decoder::~H264Decoder() {
 }
 
 std::vector<Picture> H264Decoder::Decode(const std::uint8_t* data, std::uint64_t sizeBytes) {
-  // Copied: the decoder reads a little beyond the end and wants zeros there.
+  // Copied, because the decoder reads a little beyond the end and needs zeros there.
   Require(av_new_packet(packet_, static_cast<int>(sizeBytes)) == 0, "out of memory");
   std::memcpy(packet_->data, data, sizeBytes);
   const int error = avcodec_send_packet(codec_, packet_);

@@ -7,7 +7,7 @@ struct AVCodecContext;
 struct AVFrame;
 struct AVPacket;
 
-/// One decoded picture, 4:2:0 with the chroma planes apart.
+/// One decoded picture, 4:2:0 with separate chroma planes.
 struct Picture {
   int width = 0;
   int height = 0;
@@ -17,7 +17,7 @@ struct Picture {
   std::vector<std::uint8_t> chromaV;
 };
 
-/// Decodes what an encoder made, with libavcodec's own decoder.
+/// Decodes an encoder's packets with libavcodec's own decoder.
 class H264Decoder {
  public:
   H264Decoder();
@@ -27,7 +27,7 @@ class H264Decoder {
 
   /// Takes one packet and returns the pictures that it completes. Throws on a packet that does not decode.
   std::vector<Picture> Decode(const std::uint8_t* data, std::uint64_t sizeBytes);
-  /// Returns the pictures that are still inside; ends the stream.
+  /// Ends the stream and returns the pictures that the decoder still holds.
   std::vector<Picture> Flush();
 
  private:

@@ -1,4 +1,4 @@
-// Model files that are cut off, damaged or made to do harm: a status and a reason for each, and the process
+// Model files that are cut off, damaged or hostile. Each must end in a status with a reason, and the process
 // goes on.
 #include <array>
 #include <functional>
@@ -19,14 +19,14 @@ const std::string& GoodModel() {
 
 class HostileModelTest : public ModelTest {
  protected:
-  /// What the four steps answer, as far as they come.
+  /// The results of the four steps, up to the first that fails.
   struct Answers {
     const char* failedStep = nullptr;  ///< null: the model runs
     std::int32_t code = 0;
     std::string log;
   };
 
-  /// Loads the file and runs it. Expects that a step that fails says why, in its name.
+  /// Loads the file and runs it. Expects that a failing step logs the reason in its own name.
   Answers LoadAndRun(const std::string& bytes) {
     const std::string path = Write(bytes);
     const std::array<std::pair<const char*, std::function<std::int32_t(QetDNNHandle&)>>, 4> steps = {{
@@ -61,11 +61,10 @@ class HostileModelTest : public ModelTest {
     return answers;
   }
 
-  /// Loads and runs `count` variants of the good model, or some of them under AddressSanitizer, where each
-  /// is tried in a process that takes ten times as long. Expects that some fail, and `someRun` says whether
-  /// some run.
+  /// Loads and runs `count` variants of the good model; fewer under AddressSanitizer, where the trial of each
+  /// takes ten times as long. Expects that some fail and, where `someRun`, that some run.
   void Try(int count, bool someRun, const std::function<std::string(int)>& variant) {
-    if (kThreadSanitized) GTEST_SKIP() << "one thread, which reads a file";
+    if (kThreadSanitized) GTEST_SKIP() << "the test has one thread";
     constexpr int kStep = kAddressSanitized ? 7 : 1;
     int tried = 0;
     int failed = 0;
@@ -82,7 +81,7 @@ class HostileModelTest : public ModelTest {
 TEST_F(HostileModelTest, TheGoodModelRuns) {
   EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr);
   EXPECT_EQ(WriteFields(ReadFields(GoodModel())), GoodModel())
-      << "what is changed below is changed on purpose";
+      << "the tests below change a model that has to be good";
 }
 
 TEST_F(HostileModelTest, CutOffAnywhere) {
@@ -133,16 +132,16 @@ std::string WithAttribute(const char* name, const std::vector<std::int64_t>& val
   return onnx_writer::Serialize(graph);
 }
 
-// These end a process that lets the engine have them: it divides by zero, or reads what is not there. Other
-// processors divide by zero without complaint.
-TEST_F(HostileModelTest, TheEngineDiesElsewhere) {
+// The engine crashes on these models: it divides by zero, or reads invalid memory. On other processors a
+// division by zero is no fault.
+TEST_F(HostileModelTest, TheEngineCrashesInAnotherProcess) {
   for (const std::string& model : {WithAttribute("strides", {0, 2}), WithAttribute("strides", {2, 0}),
                                    WithAttribute("pads", {1, 1, 1, -2})}) {
     const Answers answers = LoadAndRun(model);
     ASSERT_NE(answers.failedStep, nullptr);
     EXPECT_NE(answers.log.find("the engine died of "), std::string::npos) << answers.log;
   }
-  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr) << "nothing is left behind";
+  EXPECT_EQ(LoadAndRun(GoodModel()).failedStep, nullptr) << "a good model has to run after the bad ones";
 }
 
 TEST_F(HostileModelTest, AFileThatChangesIsTriedAgain) {
@@ -161,7 +160,7 @@ TEST_F(HostileModelTest, BuffersTakeTwoGibibytesAtMost) {
   const Answers one = LoadAndRun(onnx_writer::Serialize(graph));
   EXPECT_STREQ(one.failedStep, "QetDNNModelCreateInput");
   EXPECT_EQ(one.code, Ormis::kQetInvalidSize);
-  // Each of them would do.
+  // Each input alone is small enough.
   graph.inputs = {{"in", {1}}, {"more", {1LL << 28}}, {"yetMore", {1LL << 28}}};
   const Answers sum = LoadAndRun(onnx_writer::Serialize(graph));
   EXPECT_STREQ(sum.failedStep, "QetDNNModelCreateInput");

@@ -1,4 +1,5 @@
-// Every kind of work at once, as many threads as the benchmark may start: each keeps to its own results.
+// Every kind of work at once, in as many threads as the benchmark may start. Each thread must get its own
+// results.
 #include <algorithm>
 #include <array>
 #include <condition_variable>
@@ -15,8 +16,8 @@ namespace {
 using Ormis::ImageData;
 
 constexpr std::uint32_t kThreadsOfAKind = 10;
-constexpr int kRounds = 4;       ///< in each of which everything is made and given back
-constexpr int kRepetitions = 5;  ///< of the work in a round
+constexpr int kRounds = 4;       ///< each creates and destroys everything
+constexpr int kRepetitions = 5;  ///< of the work within a round
 constexpr std::uint32_t kWidth = 64;
 constexpr std::uint32_t kHeight = 48;
 
@@ -54,7 +55,7 @@ void ResizeRound(std::uint32_t index) {
   EXPECT_EQ(Ormis::QetDestroyChannel(channel), Ormis::kQetOk);
 }
 
-/// The streams of the round, one behind the other. Every second round sends the platform's memory.
+/// Returns the streams of a round, joined. Every second round sends frames in the platform's memory.
 void EncodeRound(std::uint32_t index, int round, Bytes& streams) {
   Ormis::QetVenc venc;
   venc.width = kWidth;
@@ -124,7 +125,7 @@ void CopyRound(std::uint32_t index) {
   }
 }
 
-/// Lets all threads go when the last has come.
+/// Holds all threads until the last has arrived.
 class StartingLine {
  public:
   explicit StartingLine(std::uint32_t count) : missing_(count) {}
@@ -156,7 +157,7 @@ TEST_F(MixedTest, FortyThreadsOfAllKinds) {
       for (int i = 0; i < kRounds; ++i) round(i);
     }));
   };
-  // What is told of the stale records is not to fill the output of the test.
+  // Captured, so that the lines about stale records do not fill the test's output.
   const std::string log = StandardErrorOf([&] {
     for (std::uint32_t index = 0; index < kThreadsOfAKind; ++index) {
       add([index](int) { ResizeRound(index); });
@@ -167,7 +168,7 @@ TEST_F(MixedTest, FortyThreadsOfAllKinds) {
     for (std::thread& thread : threads) thread.join();
   });
   EXPECT_EQ(LineCount(log), std::size_t{kThreadsOfAKind} * kRounds * (kRepetitions + 1))
-      << "a line for each stale record and for each encoder: " << log;
+      << "expected a line for each stale record and each encoder: " << log;
   EXPECT_FALSE(streams[0].empty());
   for (const Bytes& stream : streams) EXPECT_EQ(stream, streams[0]);
   EXPECT_FALSE(outputs[0].empty());

@@ -56,7 +56,7 @@ class Reader {
     if (size > bytes_.size() - at_) return false;
     field.bytes = bytes_.substr(at_, size);
     at_ += size;
-    // Whether bytes are a message, the format does not say.
+    // The format does not say whether bytes are a message, so try.
     ::Message below;
     if (field.kind == Kind::kBytes && depth < kMaxDepth && size > 0 &&
         Reader(field.bytes).Message(below, depth + 1)) {
@@ -162,11 +162,11 @@ class Changer {
         break;
     }
     field.message.clear();
-    // A fixed kind has its size by definition.
+    // A value of a fixed kind always has its size.
     if (field.kind != Kind::kBytes) field.bytes.resize(field.kind == Kind::kFixed32 ? 4 : 8);
   }
 
-  /// Field 7 of a model is its graph, field 1 of that a node, field 4 of that its operation.
+  /// Field 7 of a model is its graph, field 1 of a graph is a node, field 4 of a node is its operation.
   void ChangeOperation() {
     static const char* const kOperations[] = {"Conv",       "ConvTranspose", "MaxPool",    "AveragePool",
                                               "LpPool",     "Gemm",          "MatMul",     "Reshape",
@@ -226,6 +226,6 @@ std::string WriteFields(const std::vector<ModelField>& fields) {
 }
 
 void ChangeFields(std::vector<ModelField>& fields, std::mt19937& random) {
-  // The list of messages holds for one change.
+  // A new Changer for each change: a change invalidates its list of messages.
   for (auto changes = 1 + random() % 3; changes > 0; --changes) Changer(fields, random).Change();
 }

@@ -5,19 +5,18 @@
 #include <string>
 #include <vector>
 
-/// A model file as the tree of its fields (a protocol buffer), to change some of them and leave the rest a
-/// model.
+/// The tree of a model file's fields (a protocol buffer). Lets a test change some fields and keep the rest.
 struct ModelField {
   enum class Kind : std::uint8_t { kNumber = 0, kFixed64 = 1, kBytes = 2, kFixed32 = 5 };  ///< wire types
 
   std::uint32_t id = 0;
   Kind kind = Kind::kNumber;
   std::uint64_t number = 0;
-  std::string bytes;                ///< of every kind but kNumber, where there are no fields below
-  std::vector<ModelField> message;  ///< where the bytes are a message themselves
+  std::string bytes;                ///< the value, unless it is a number or a message
+  std::vector<ModelField> message;  ///< the fields below, where the value is a message
 };
 
-/// Throws std::runtime_error for bytes that are no message.
+/// Throws std::runtime_error where `bytes` are not a message.
 std::vector<ModelField> ReadFields(const std::string& bytes);
 std::string WriteFields(const std::vector<ModelField>& fields);
 

@@ -9,7 +9,7 @@
 #include "engine_test.h"
 #include "networks.h"
 
-/// A folder of its own for the model files of one test.
+/// A test with a folder of its own for model files.
 class ModelTest : public EngineTest {
  protected:
   void SetUp() override {

@@ -21,7 +21,7 @@ using Ormis::QetVenc;
 constexpr std::size_t kWidth = 1920;
 constexpr std::size_t kHeight = 1080;
 
-/// As the encode stress configures it, where it matters to the encoder.
+/// An encoder with those settings of the encode stress that matter to the encoder.
 std::unique_ptr<QetVenc> MakeEncoder(std::size_t width = kWidth, std::size_t height = kHeight) {
   auto venc = std::make_unique<QetVenc>();
   venc->width = static_cast<std::uint32_t>(width);
@@ -50,7 +50,7 @@ ImageData FrameOver(std::uint8_t* pixels, std::size_t width, std::size_t height)
   return frame;
 }
 
-/// A small encoder with a frame for it.
+/// A small encoder and a frame of its size.
 struct Small {
   static constexpr std::size_t kSmallWidth = 64;
   static constexpr std::size_t kSmallHeight = 48;
@@ -60,7 +60,7 @@ struct Small {
   ImageData frame = FrameOver(pixels.data(), kSmallWidth, kSmallHeight);
 };
 
-/// A picture with detail at every scale, as photographs have it, that pans two pixels a frame and fades in
+/// A picture with detail at every scale, like a photograph. It moves two pixels a frame and changes its
 /// colour.
 class MovingPicture {
  public:
@@ -69,7 +69,7 @@ class MovingPicture {
     for (const std::size_t cell : {256U, 128U, 64U, 32U, 16U, 8U, 4U, 2U}) AddOctave(cell, state);
   }
 
-  /// NV12.
+  /// Returns the frame as NV12.
   void Draw(int index, std::vector<std::uint8_t>& pixels) const {
     pixels.resize(FrameBytes(kWidth, kHeight));
     std::uint32_t grain = static_cast<std::uint32_t>(index) * 7919U + 1U;
@@ -96,7 +96,7 @@ class MovingPicture {
   static constexpr std::size_t kTextureWidth = kWidth + 512;
   static constexpr float kHeightOfDetail = 2.0f;
 
-  /// Adds noise that is smooth over `cell` pixels: the finer, the weaker.
+  /// Adds noise that is smooth over `cell` pixels. Finer noise is weaker.
   void AddOctave(std::size_t cell, std::uint32_t& state) {
     const std::size_t columns = kTextureWidth / cell + 2;
     std::vector<float> grid(columns * (kHeight / cell + 2));
@@ -163,7 +163,7 @@ TEST_F(VencTest, EachFrameInGivesOnePacketOut) {
 }
 
 TEST_F(VencTest, MovingPictureDecodesAbove30DecibelsAtTheConfiguredRate) {
-  if (kThreadSanitized) GTEST_SKIP() << "one thread, which draws and compares";
+  if (kThreadSanitized) GTEST_SKIP() << "the test has one thread";
   constexpr int kFrames = 120;  // four seconds
   const auto venc = MakeEncoder();
   ASSERT_EQ(venc->Init(), Ormis::kQetOk);
@@ -191,7 +191,7 @@ TEST_F(VencTest, MovingPictureDecodesAbove30DecibelsAtTheConfiguredRate) {
   for (int i = 0; i < kFrames; ++i) {
     picture.Draw(i, pixels);
     ASSERT_EQ(venc->SendFrame(FrameOver(pixels.data(), kWidth, kHeight)), Ormis::kQetOk);
-    // The frame has been read: what becomes of its memory does not matter any more.
+    // The frame has been read, so its memory may change.
     std::fill(pixels.begin(), pixels.end(), std::uint8_t{0});
     ux_venc_stream stream{};
     ASSERT_EQ(venc->GetStream(stream), Ormis::kQetOk);
@@ -222,7 +222,7 @@ TEST_F(VencTest, BlackPictureHasTheConfiguredRateToo) {
 
 TEST_F(VencTest, ReadsNothingBeyondTheFrameAndWritesNothingIntoIt) {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  // Widths that are no multiple of what a vector register or a macroblock holds, too.
+  // Also with widths that are no multiple of a vector register or a macroblock.
   for (const std::size_t width : {1920U, 1282U, 66U, 34U}) {
     const std::size_t height = 1080;
     const std::size_t bytes = FrameBytes(width, height);
@@ -255,7 +255,7 @@ TEST_F(VencTest, StreamsComeInTheOrderOfTheFramesAndStayValidUntilReleased) {
       EXPECT_EQ(stream.packets[0].frameIndex, round * 5 + i);
       copies.emplace_back(stream.packets[0].data, stream.packets[0].data + stream.packets[0].sizeBytes);
     }
-    // Released out of order, so that the next round's frames find the places mixed.
+    // Released out of order, so that the next round's frames use the slots in another order.
     for (const std::size_t i : {2U, 0U, 4U, 1U, 3U}) {
       EXPECT_EQ(std::memcmp(streams[i].packets[0].data, copies[i].data(), copies[i].size()), 0);
       EXPECT_EQ(small.venc->ReleaseStream(streams[i]), Ormis::kQetOk);
@@ -294,7 +294,7 @@ TEST_F(VencInitTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
     EXPECT_EQ(LineCount(log), 1U) << log;
     EXPECT_NE(log.find("QetVenc::Init: "), std::string::npos) << log;
     EXPECT_EQ(venc->encoderId, 0U) << one.name;
-    // Corrected, the same encoder opens.
+    // With the setting corrected, the same encoder opens.
     venc.get()->*one.member = MakeEncoder().get()->*one.member;
     EXPECT_EQ(venc->Init(), Ormis::kQetOk) << one.name;
   }
@@ -315,7 +315,8 @@ TEST_F(VencInitTest, InitAnswersACodeForSidesThatNoEngineEncodes) {
   }
 }
 
-// What the engine would refuse is refused before it is asked (it would lose memory), and the rest works.
+// Settings that the engine would refuse are refused before it sees them, because it would leak memory. All
+// others work.
 TEST_F(VencTest, ExtremeSettingsWorkOrAreRefused) {
   constexpr std::uint32_t kMost = std::numeric_limits<std::int32_t>::max();
   struct Case {
@@ -365,7 +366,7 @@ TEST_F(VencTest, TheLongestSidesWork) {
 }
 
 TEST_F(VencInitTest, InitSaysWhatTheEngineRefused) {
-  const auto venc = MakeEncoder(16384, 16384);  // sides that it has, but not both at once
+  const auto venc = MakeEncoder(16384, 16384);  // each side is allowed, but not both at once
   venc->maxWidth = venc->maxHeight = 16384;
   std::int32_t code = 0;
   const std::string log = StandardErrorOf([&] { code = venc->Init(); });
@@ -519,7 +520,7 @@ TEST_F(VencTest, AnImageThatIsDestroyedMeanwhileIsEncodedWholeOrRefused) {
   }
 }
 
-TEST_F(VencTest, SizesChangedAfterInitDoNotCount) {
+TEST_F(VencTest, SizesChangedAfterInitHaveNoEffect) {
   Small small;
   ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
   small.venc->width = small.frame.width = 1920;
@@ -577,7 +578,7 @@ TEST_F(VencTest, StreamsNotReleasedAreLimitedAndFreedWithTheEncoder) {
   }
   EXPECT_EQ(code, Ormis::kQetBusy);
   EXPECT_GE(streams.size(), 8U);
-  // One given back makes room for one.
+  // One release makes room for one frame.
   ASSERT_EQ(small.venc->ReleaseStream(streams[1]), Ormis::kQetOk);
   EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
   EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetBusy);
@@ -614,7 +615,7 @@ TEST_F(VencTest, TheDestructorWorksInEveryState) {
   ASSERT_EQ(withoutContext.venc->Init(), Ormis::kQetOk);
   ASSERT_EQ(Ormis::QetDestroyContext(context_), Ormis::kQetOk);
   withoutContext.venc.reset();
-  // It is gone, not just forgotten: nothing of it is left for the platform to give back.
+  // The destructor has freed it: the platform finds no encoder that was left.
   EXPECT_EQ(StandardErrorOf([&] { ReleasePlatform(); }), "");
 }
 
@@ -631,7 +632,7 @@ TEST_F(VencTest, ReleasingThePlatformFreesEncodersAndSaysSo) {
   EXPECT_EQ(first.venc->GetStream(stream), Ormis::kQetNotInitialized);
   EXPECT_EQ(first.venc->ReleaseStream(stream), Ormis::kQetNotInitialized);
   first.venc.reset();
-  // A platform that is started again does not know the old encoder, whose owner may open it anew.
+  // After a restart the platform does not know the old encoder. Its owner may open it again.
   StartPlatform();
   EXPECT_EQ(second.venc->SendFrame(second.frame), Ormis::kQetEncoderNotReady);
   EXPECT_EQ(second.venc->Init(), Ormis::kQetOk);

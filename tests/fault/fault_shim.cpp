@@ -1,14 +1,18 @@
-// Preloaded under the program, in front of the platform, which it goes on to call. FAULT has one or more of
-// "operation:N:action", separated by commas: in the N-th call of the operation (counted over all threads)
-// do as the action says, which is "fail=CODE" (in place of the call), "delay=MILLISECONDS" or "sigint"
-// (before it). "N-" means the N-th and all that follow; "1/N" one call in N at random, delayed by up to the
-// milliseconds. FAULT_SEED, a number, decides which calls those are: the same ones whenever it is the same.
-// What answers no status fails as it can: the YAML node's constructor and its operator[] throw, its
-// conversions answer false, ParseLogLevel and ParseLogMode answer CODE, memory is refused. Destructors
-// cannot. Every call is noted in the file that FAULT_CALLS names: thread, operation, status. Every fault is
-// added to the file that FAULT_TOTALS names, at once, because the process may die of it: how many failed,
-// were delayed, were interrupted (a 1 and two 0), operation, number of the call. FAULT_NAP, milliseconds, is
-// the longest that any sleep takes: a whole run passes in a moment.
+// Injects faults into the platform's operations. Preloaded into the program, it stands in front of the
+// platform and forwards every call to it. Environment variables:
+//   FAULT         "operation:N:action", one or more, separated by commas. The action happens in the N-th
+//                 call of the operation, counted over all threads: "fail=CODE" in place of the call,
+//                 "delay=MILLISECONDS" or "sigint" before it. "N-" means the N-th and all later calls. "1/N"
+//                 means one call in N at random; a delay is then random, too, up to the given time.
+//   FAULT_SEED    a number that decides which calls the random ones are.
+//   FAULT_CALLS   a file to which every call is written: thread, operation, status.
+//   FAULT_TOTALS  a file to which every fault is written: a 1 in the first, second or third place for failed,
+//                 delayed or interrupted, then the operation and the number of the call. Written before the
+//                 fault is made, because the process may die of it.
+//   FAULT_NAP     milliseconds: the longest that any sleep takes, so that a whole run passes in a moment.
+// An operation without a status fails in its own way: the constructor of the YAML node and its operator[]
+// throw, its conversions return false, ParseLogLevel and ParseLogMode return CODE, memory is refused.
+// Destructors cannot fail.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -79,7 +83,7 @@ enum Operation : int {
   kOperations
 };
 
-// Name in FAULT, and link name.
+// The name in FAULT and the link name of each operation.
 constexpr const char* kNames[kOperations][2] = {
     {"QetInitialize", LINK_QET_INITIALIZE},
     {"QetRelease", LINK_QET_RELEASE},
@@ -117,8 +121,8 @@ constexpr const char* kNames[kOperations][2] = {
     {"clock", "clock_gettime"},
     {"wall-clock", "clock_gettime"},
     {"posix_spawn", "posix_spawn"},
-    // What the program and the platform's libraries ask for themselves, of any kind of memory: on the main
-    // thread; on the first thread that the program starts, up to the end of its first cycle.
+    // Memory of any kind that the program and the platform's libraries ask for themselves: on the main
+    // thread, and on the first thread that the program starts, up to the end of its first cycle.
     {"main-memory", "malloc"},
     {"worker-memory", "malloc"},
 };
@@ -156,7 +160,7 @@ void Parse(const char* text) {
     entry[length] = '\0';
     text += length + (text[length] == ',' ? 1 : 0);
 
-    // The operation's name may hold colons: the last two divide.
+    // Split at the last two colons: the operation's name may contain others.
     char* const action = std::strrchr(entry, ':');
     if (action == nullptr) Refuse("no action", entry);
     *action = '\0';
@@ -192,7 +196,7 @@ void Parse(const char* text) {
   }
 }
 
-// The real operation. Other libraries are initialised, and call, before this one.
+// Looks up the real operation at the first call: other libraries call before this one is initialised.
 void* Real(int operation) {
   if (real[operation] == nullptr) real[operation] = dlsym(RTLD_NEXT, kNames[operation][1]);
   if (real[operation] == nullptr) Refuse("not found", kNames[operation][1]);
@@ -201,7 +205,7 @@ void* Real(int operation) {
 
 __attribute__((constructor)) void Start() {
   for (int operation = 0; operation < kOperations; ++operation) (void)Real(operation);
-  // Not for what the program starts in turn, such as a sanitizer's symbolizer.
+  // Programs that this one starts, such as a sanitizer's symbolizer, get no faults.
   if (unsetenv("LD_PRELOAD") != 0) Refuse("cannot unset", "LD_PRELOAD");
   if (const char* const text = std::getenv("FAULT_NAP")) napMs = std::strtol(text, nullptr, 10);
   if (const char* const text = std::getenv("FAULT_SEED")) seed = std::strtoull(text, nullptr, 10);
@@ -236,7 +240,7 @@ void Note(int operation, int status) {
   if (write(callsFile, line, static_cast<std::size_t>(length)) != length) std::abort();
 }
 
-// A number that looks random and depends on nothing but the seed and these. (Finalizer of SplitMix64.)
+// A pseudo-random number that depends on the seed and the arguments alone (the finalizer of SplitMix64).
 std::uint64_t Mixed(int operation, int slot, int number) {
   std::uint64_t mixed = seed * 0x9e3779b97f4a7c15U + static_cast<std::uint64_t>(number) * 64 +
                         static_cast<std::uint64_t>(operation);
@@ -249,8 +253,8 @@ std::uint64_t Mixed(int operation, int slot, int number) {
   return mixed;
 }
 
-// Counts the call and does what is due before it. Returns true, with the code, when it is to fail.
-bool Due(int operation, int& code) {
+// Counts the call and makes its delay or interrupt. Returns true, with the code, when the call has to fail.
+bool InjectFault(int operation, int& code) {
   const int number = ++counts[operation];
   for (int slot = 0; slot < kFaultsAnOperation; ++slot) {
     const Fault& fault = faults[operation][slot];
@@ -277,11 +281,11 @@ bool Due(int operation, int& code) {
   return false;
 }
 
-// Not made when first used, as that takes memory.
+// initial-exec: another model would allocate it at its first use, inside of malloc.
 __attribute__((tls_model("initial-exec"))) thread_local bool cycled = false;
 
-// Forwards every call through one template, with pointers where the interface has references: the same to the
-// machine, and what the sanitizer's check of function types objects to.
+// Forwards every call through one template, with pointers in place of the interface's references. That is the
+// same machine code, but the sanitizer's check of function types would report it.
 template <typename Result, typename... Arguments>
 __attribute__((no_sanitize("function"))) Result Forward(int operation, Arguments... arguments) {
   return reinterpret_cast<Result (*)(Arguments...)>(real[operation])(arguments...);
@@ -290,7 +294,7 @@ __attribute__((no_sanitize("function"))) Result Forward(int operation, Arguments
 template <typename Result, typename... Arguments>
 Result Call(int operation, Arguments... arguments) {
   int code = 0;
-  if (Due(operation, code)) {
+  if (InjectFault(operation, code)) {
     Note(operation, code);
     return static_cast<Result>(code);
   }
@@ -303,17 +307,17 @@ Result Call(int operation, Arguments... arguments) {
   return result;
 }
 
-// Of what answers no status: 0 stands for it, noted before the call.
+// For operations without a status. Writes the call down before it is made, with status 0.
 void BeforeCall(int operation) {
   int code = 0;
-  const bool fails = Due(operation, code);
+  const bool fails = InjectFault(operation, code);
   Note(operation, code);
   if (fails) throw std::runtime_error("fault " + std::to_string(code));
 }
 
 bool Convert(int operation, const Ormis::QetYamlNode* node, const std::string* key, void* out) {
   int code = 0;
-  const bool fails = Due(operation, code);
+  const bool fails = InjectFault(operation, code);
   Note(operation, code);
   return !fails && Forward<bool>(operation, node, key, out);
 }
@@ -388,7 +392,7 @@ bool QetYamlNode::GetValue<unsigned int>(const std::string& key, unsigned int& o
 }
 bool QetYamlNode::AsIf(unsigned int& out) const {
   int code = 0;
-  const bool fails = Due(kYamlAsIf, code);
+  const bool fails = InjectFault(kYamlAsIf, code);
   Note(kYamlAsIf, code);
   return !fails && Forward<bool>(kYamlAsIf, this, &out);
 }
@@ -415,7 +419,7 @@ extern "C" int memcpy_s(void* destination, std::size_t destinationMax, const voi
   return Call<int>(kMemcpyS, destination, destinationMax, source, count);
 }
 
-// By their link names: a constructor and destructors of this library's own would make and end the members.
+// Defined by their link names: C++ definitions here would construct and destroy the members as well.
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -445,12 +449,12 @@ int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t
 }  // extern "C"
 #pragma GCC visibility pop
 
-// Below here is what a sanitizer replaces itself, and what other libraries call before this one is
+// The functions below are replaced by sanitizers, and called by other libraries before this one is
 // initialised.
 #if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
 
 extern "C" {
-// The C library's own allocation, under names that nothing stands in front of.
+// The C library's own allocation functions, under names that nothing interposes.
 void* __libc_malloc(std::size_t bytes);
 void* __libc_calloc(std::size_t count, std::size_t bytes);
 void* __libc_realloc(void* memory, std::size_t bytes);
@@ -459,7 +463,7 @@ void* __libc_memalign(std::size_t alignment, std::size_t bytes);
 
 namespace {
 
-// Where the code of a library lies.
+// The addresses of a library's code.
 struct Range {
   std::uintptr_t begin = 0;
   std::uintptr_t end = 0;
@@ -470,7 +474,7 @@ Range ownCode[3];     // the program, libormis.so, libara_log.so
 Range passedCode[2];  // this library and libc++, through which they ask for some of their memory
 bool memoryCounted = false;
 std::atomic<int> threadsStarted{0};
-// 0 on the main thread, then in the order of the starts.
+// 0 on the main thread; later threads count in the order of their starts.
 __attribute__((tls_model("initial-exec"))) thread_local int threadNumber = 0;
 
 int FindCode(struct dl_phdr_info* library, std::size_t /*size*/, void* /*data*/) {
@@ -505,15 +509,15 @@ _Unwind_Reason_Code FindCaller(struct _Unwind_Context* context, void* caller) {
   return _URC_END_OF_STACK;
 }
 
-// Whether memory that is asked for from `caller` is to be refused.
-bool MemoryDue(const void* from) {
+// Whether the memory that code at `from` asks for has to be refused.
+bool RefusesMemory(const void* from) {
   if (!memoryCounted || !ready) return false;
   const bool onMain = threadNumber == 0;
   if (!onMain && (threadNumber != 1 || cycled)) return false;
   auto caller = reinterpret_cast<std::uintptr_t>(from);
   if (In(passedCode, caller)) (void)_Unwind_Backtrace(FindCaller, &caller);
   int code = 0;
-  return In(ownCode, caller) && Due(onMain ? kMainMemory : kWorkerMemory, code);
+  return In(ownCode, caller) && InjectFault(onMain ? kMainMemory : kWorkerMemory, code);
 }
 
 __attribute__((constructor)) void StartMemory() {
@@ -541,13 +545,13 @@ void* RunThread(void* start) {
 
 void* operator new(std::size_t bytes) {
   void* const memory =
-      MemoryDue(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
+      RefusesMemory(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
 void* operator new(std::size_t bytes, std::align_val_t alignment) {
-  void* const memory = MemoryDue(__builtin_return_address(0))
+  void* const memory = RefusesMemory(__builtin_return_address(0))
                            ? nullptr
                            : __libc_memalign(static_cast<std::size_t>(alignment), bytes == 0 ? 1 : bytes);
   if (memory == nullptr) throw std::bad_alloc();
@@ -556,12 +560,12 @@ void* operator new(std::size_t bytes, std::align_val_t alignment) {
 
 void* operator new[](std::size_t bytes) {
   int code = 0;
-  if (ready && Due(kArrayNew, code)) {
+  if (ready && InjectFault(kArrayNew, code)) {
     Note(kArrayNew, code);
     throw std::bad_alloc();
   }
   void* const memory =
-      MemoryDue(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
+      RefusesMemory(__builtin_return_address(0)) ? nullptr : __libc_malloc(bytes == 0 ? 1 : bytes);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
@@ -569,25 +573,25 @@ void* operator new[](std::size_t bytes) {
 extern "C" {
 
 void* malloc(std::size_t bytes) {
-  if (!MemoryDue(__builtin_return_address(0))) return __libc_malloc(bytes);
+  if (!RefusesMemory(__builtin_return_address(0))) return __libc_malloc(bytes);
   errno = ENOMEM;
   return nullptr;
 }
 
 void* calloc(std::size_t count, std::size_t bytes) {
-  if (!MemoryDue(__builtin_return_address(0))) return __libc_calloc(count, bytes);
+  if (!RefusesMemory(__builtin_return_address(0))) return __libc_calloc(count, bytes);
   errno = ENOMEM;
   return nullptr;
 }
 
 void* realloc(void* old, std::size_t bytes) {
-  if (!MemoryDue(__builtin_return_address(0))) return __libc_realloc(old, bytes);
+  if (!RefusesMemory(__builtin_return_address(0))) return __libc_realloc(old, bytes);
   errno = ENOMEM;
   return nullptr;
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t bytes) {
-  if (!MemoryDue(__builtin_return_address(0))) return __libc_memalign(alignment, bytes);
+  if (!RefusesMemory(__builtin_return_address(0))) return __libc_memalign(alignment, bytes);
   errno = ENOMEM;
   return nullptr;
 }
@@ -595,8 +599,8 @@ void* aligned_alloc(std::size_t alignment, std::size_t bytes) {
 int posix_memalign(void** memory, std::size_t alignment, std::size_t bytes) {
   using PosixMemalign = int (*)(void**, std::size_t, std::size_t);
   int code = 0;
-  if (ready && Due(kPosixMemalign, code)) return code;
-  if (MemoryDue(__builtin_return_address(0))) return ENOMEM;
+  if (ready && InjectFault(kPosixMemalign, code)) return code;
+  if (RefusesMemory(__builtin_return_address(0))) return ENOMEM;
   return reinterpret_cast<PosixMemalign>(Real(kPosixMemalign))(memory, alignment, bytes);
 }
 
@@ -604,7 +608,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
                    void* argument) {
   using PthreadCreate = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
   int code = 0;
-  if (ready && Due(kThreadCreate, code)) return code;
+  if (ready && InjectFault(kThreadCreate, code)) return code;
   auto* const start = static_cast<ThreadStart*>(__libc_malloc(sizeof(ThreadStart)));
   if (start == nullptr) return EAGAIN;
   *start = {body, argument, ++threadsStarted};
@@ -614,13 +618,13 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   return error;
 }
 
-// A fault of "clock" jumps: from then on the monotonic clock is that many seconds ahead (behind where
-// negative). With "wall-clock" the time of day jumps by that much at every call.
+// A fault of "clock" adds CODE seconds to the monotonic clock, or takes them away where CODE is negative. A
+// fault of "wall-clock" does the same to the time of day, and adds up: each call moves it further.
 int clock_gettime(clockid_t clock, struct timespec* time) {
   const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
   int code = 0;
-  if (ready && clock == CLOCK_MONOTONIC && Due(kClock, code)) time->tv_sec += code;
-  if (ready && clock == CLOCK_REALTIME && Due(kWallClock, code)) {
+  if (ready && clock == CLOCK_MONOTONIC && InjectFault(kClock, code)) time->tv_sec += code;
+  if (ready && clock == CLOCK_REALTIME && InjectFault(kWallClock, code)) {
     static std::atomic<long> jumped{0};
     time->tv_sec += jumped += code;
   }

@@ -1,6 +1,6 @@
-// Every operation of the platform fails under the real program, in its first call and in a later one: what is
-// logged, what is called after it, that the others go on, how the program ends, and that the fault was made
-// as it was scripted. Under AddressSanitizer a leak is a failure, too.
+// Every operation of the platform fails under the real program, in its first call and in a later one. The
+// tests look at what is logged, what is called afterwards, that the other workers go on, how the program
+// ends, and that the fault was made as scripted. Under AddressSanitizer a leak is a failure, too.
 
 #include <algorithm>
 #include <cctype>
@@ -39,8 +39,8 @@ class FaultTest : public ProgramTest {
     return "0 0 1 " + call.replace(call.rfind(':'), 1, " ");
   }
 
-  /// For another run in the directory.
-  void Forget() const {
+  /// Prepares the directory for another run.
+  void RemoveTraces() const {
     for (const char* name : {"calls", "totals", "log"}) std::filesystem::remove_all(Directory() / name);
   }
 
@@ -55,7 +55,7 @@ class FaultTest : public ProgramTest {
     return calls;
   }
 
-  // Names of the calls of the thread that got `status`, after it.
+  // Names of the calls that the thread which got `status` made afterwards.
   static std::vector<std::string> CallsAfter(const std::vector<Call>& calls, int status) {
     const auto failed =
         std::find_if(calls.begin(), calls.end(), [=](const Call& c) { return c.status == status; });
@@ -67,7 +67,7 @@ class FaultTest : public ProgramTest {
     return names;
   }
 
-  // Whether another thread than the one that got `status` has called one of the operations since.
+  // Whether a thread other than the one that got `status` called one of the operations afterwards.
   static bool OthersCalledAfter(const std::vector<Call>& calls, int status,
                                 const std::vector<std::string>& operations) {
     const auto failed =
@@ -85,10 +85,10 @@ struct Fault {
   const char* name;
   const char* section;                  // the stress under test
   const char* operation;                // with the number of the call
-  const char* message;                  // the error record, to the letter
-  const char* last;                     // the error record that ends the worker, if another follows
-  std::vector<std::string> callsAfter;  // of the failed worker
-  bool inTearDown = false;              // happens after SIGINT
+  const char* message;                  // the text of the error record
+  const char* last;                     // the error record that ends the worker, where that is another
+  std::vector<std::string> callsAfter;  // what the failed worker calls afterwards
+  bool inTearDown = false;              // the fault happens after SIGINT
 };
 
 std::ostream& operator<<(std::ostream& stream, const Fault& fault) {
@@ -108,7 +108,7 @@ TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
   } else {
     ASSERT_TRUE(program.WaitForError(end)) << program.Wait(std::chrono::seconds(0));
   }
-  // The copies go on after it, and so does the second worker of its stress.
+  // The copies go on, and so does the second worker of the failed worker's stress.
   if (!fault.inTearDown) {
     const bool second = std::string(fault.section).find("Level: 2") != std::string::npos;
     const auto othersGoOn = [&] {
@@ -453,7 +453,7 @@ TEST_F(FaultTest, FailedInitializeEndsTheProgramWithoutARelease) {
   EXPECT_THAT(ending, Exited(255));
   EXPECT_EQ(ending.output, "");
   EXPECT_THAT(Texts(LogFile()), Contains("ERROR Init() | QetInitialize failed").Times(1));
-  // The configuration is let go of, and that is all.
+  // The configuration is freed, and no other call follows.
   EXPECT_THAT(CallsAfter(Calls(), kCode), Each("QetYamlNode::~QetYamlNode"));
   EXPECT_THAT(Made(), ElementsAre("1 0 0 QetInitialize 1"));
 }
@@ -481,7 +481,7 @@ TEST_F(FaultTest, FailedCopiesAreNotExamined) {
 TEST_F(FaultTest, AfterOneFailedCopyItsWorkerGoesOn) {
   for (const std::string copy : {"memcpy_s:1", "memcpy_s:9"}) {
     SCOPED_TRACE(copy);
-    Forget();
+    RemoveTraces();
     Program program(Faulty("CPU: {Level: 2}\n", copy + ":fail=777"));
     const auto goesOn = [&] {
       const std::vector<Call> calls = Calls();
@@ -497,8 +497,8 @@ TEST_F(FaultTest, AfterOneFailedCopyItsWorkerGoesOn) {
   }
 }
 
-// What reads the configuration, on the main thread: nobody else is there yet. The file is read twice, and of
-// the keys runTimes, logLevel, CPU and AIC, logLevel is asked for first.
+// Faults while the configuration is read. That happens on the main thread, before any other exists. The file
+// is read twice. Of the keys runTimes, logLevel, CPU and AIC, logLevel is read first.
 struct ConfigurationFault {
   const char* name;
   const char* fault;
@@ -512,7 +512,7 @@ std::ostream& operator<<(std::ostream& stream, const ConfigurationFault& fault) 
 
 class ConfigurationFaultTest : public FaultTest, public testing::WithParamInterface<ConfigurationFault> {};
 
-TEST_P(ConfigurationFaultTest, EndsAsItsPlaceDemands) {
+TEST_P(ConfigurationFaultTest, EndsTheProgramAsTheTableSays) {
   const ConfigurationFault& fault = GetParam();
   const Ending ending =
       Run(Faulty(std::string("CPU: {Level: 1}\nAIC: {Level: 0, File: ") + TINY_NETWORK + "}\n",
@@ -562,7 +562,7 @@ INSTANTIATE_TEST_SUITE_P(
                            {"Parse() | Cannot find AIC: File in Config File!", kParseFailed}}),
     [](const testing::TestParamInfo<ConfigurationFault>& info) { return std::string(info.param.name); });
 
-// A setting that does not convert is 0.
+// A setting that does not convert is read as 0.
 TEST_F(FaultTest, ALogLevelThatDoesNotConvertIsOff) {
   const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "QetYamlNode::AsIf:1:fail=777"));
   EXPECT_THAT(ending, Exited(0));
@@ -571,7 +571,7 @@ TEST_F(FaultTest, ALogLevelThatDoesNotConvertIsOff) {
   EXPECT_THAT(Made(), ElementsAre("1 0 0 QetYamlNode::AsIf 1"));
 }
 
-TEST_F(FaultTest, RunTimesThatDoNotConvertAreRaised) {
+TEST_F(FaultTest, RunTimesThatDoNotConvertAreRaisedToTheLeast) {
   const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", "QetYamlNode::AsIf:2:fail=777"));
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(Texts(LogFile()),
@@ -579,14 +579,14 @@ TEST_F(FaultTest, RunTimesThatDoNotConvertAreRaised) {
   EXPECT_THAT(Made(), ElementsAre("1 0 0 QetYamlNode::AsIf 2"));
 }
 
-// The sinks have the first answer, the program's logger the second.
+// The first answer goes to the sinks, the second to the program's logger.
 TEST_F(FaultTest, AnotherLogLevelIsTakenAsItIs) {
   for (const std::string call : {"ParseLogLevel:1", "ParseLogLevel:2"}) {
     SCOPED_TRACE(call);
-    Forget();
+    RemoveTraces();
     const Ending ending = RunLines(Faulty("CPU: {Level: 1}\n", call + ":fail=2"));
     EXPECT_THAT(ending, Exited(0));
-    EXPECT_THAT(Texts(LogFile()), IsEmpty()) << "errors alone";
+    EXPECT_THAT(Texts(LogFile()), IsEmpty()) << "only errors are to be logged";
     EXPECT_THAT(Made(), ElementsAre(Failed(call)));
   }
 }
@@ -599,10 +599,10 @@ TEST_F(FaultTest, AnotherLogModeIsTakenAsItIs) {
   EXPECT_THAT(Made(), ElementsAre("1 0 0 ParseLogMode 1"));
 }
 
-TEST_F(FaultTest, WhatFailedWorkersLeftIsGivenBack) {
+TEST_F(FaultTest, ReleaseFreesWhatFailedWorkersLeft) {
   Program program(Faulty(std::string("VPC: {Level: 2}\nVENC: {Level: 1}\n"),
                          "QetImageResize:3:fail=777,QetVenc::GetStream:3:fail=778"));
-  // The two come in either order, and the log file has both.
+  // The workers fail in either order. The log file has both records.
   const auto failed = [&](const char* text) { return Contains(HasSubstr(text)); };
   while (program.Seconds() < 60 &&
          !testing::Matches(AllOf(failed("QetImageResize failed, ret = 777"),
@@ -616,9 +616,9 @@ TEST_F(FaultTest, WhatFailedWorkersLeftIsGivenBack) {
   EXPECT_THAT(Made(), UnorderedElementsAre("1 0 0 QetImageResize 3", "1 0 0 QetVenc::GetStream 3"));
 }
 
-// Every operation of every engine: an interrupt inside it ends the run cleanly, and a delay changes nothing
-// but time. In its first call, and in a later one of what the workers call again and again. Of the
-// configuration's operations it is the first after the handler was installed.
+// For every operation of every engine: an interrupt during the call ends the run cleanly, and a delay changes
+// nothing but time. The call is the operation's first, and for operations that workers repeat also a later
+// one. For the configuration's operations it is the first after the handler was installed.
 class OperationTest : public FaultTest, public testing::WithParamInterface<const char*> {
  protected:
   static std::string EveryEngine() {
@@ -630,7 +630,7 @@ class OperationTest : public FaultTest, public testing::WithParamInterface<const
   }
 };
 
-TEST_P(OperationTest, InterruptedInItTheRunEndsCleanly) {
+TEST_P(OperationTest, AnInterruptDuringItEndsTheRunCleanly) {
   const std::string call = GetParam();
   const bool beforeTheLog = call.find("ParseLog") == 0;
   Program program(Faulty(EveryEngine(), call + ":sigint"));
@@ -650,7 +650,7 @@ TEST_P(OperationTest, InterruptedInItTheRunEndsCleanly) {
   EXPECT_THAT(Made(), ElementsAre(Interrupted(call)));
 }
 
-TEST_P(OperationTest, DelayedInItNothingElseChanges) {
+TEST_P(OperationTest, ADelayOfItChangesNothingElse) {
   if (kAddressSanitized) GTEST_SKIP() << "ThreadSanitizer, which sees freed memory too, runs these";
   const std::string call = GetParam();
   Program program(Faulty(EveryEngine(), call + ":delay=300"));
@@ -688,11 +688,11 @@ INSTANTIATE_TEST_SUITE_P(
       return name;
     });
 
-TEST_F(FaultTest, InterruptedBeforeTheHandlerIsThereTheProgramIsKilled) {
+TEST_F(FaultTest, AnInterruptBeforeTheHandlerIsInstalledKillsTheProgram) {
   for (const std::string call : {"QetYamlNode::QetYamlNode:1", "QetYamlNode::operator[]:1",
                                  "QetYamlNode::AsIf:1", "QetYamlNode::~QetYamlNode:1"}) {
     SCOPED_TRACE(call);
-    Forget();
+    RemoveTraces();
     const Ending ending = Run(Faulty("CPU: {Level: 1}\n", call + ":sigint"));
     EXPECT_THAT(ending, KilledBy(SIGINT));
     EXPECT_EQ(ending.output, "");
@@ -702,8 +702,8 @@ TEST_F(FaultTest, InterruptedBeforeTheHandlerIsThereTheProgramIsKilled) {
   }
 }
 
-// A model is tried in a process of its own first. Without one it is loaded all the same.
-TEST_F(FaultTest, AProcessThatCannotBeStartedIsToldOnceAndChangesNothingElse) {
+// A model is first tried in a process of its own. Where that cannot start, the model is loaded all the same.
+TEST_F(FaultTest, AProcessThatCannotBeStartedIsReportedOnceAndChangesNothingElse) {
   Program program(Faulty(kModels, "posix_spawn:1-:fail=11"));
   const auto inferred = [&] {
     const std::vector<Call> calls = Calls();
@@ -716,21 +716,23 @@ TEST_F(FaultTest, AProcessThatCannotBeStartedIsToldOnceAndChangesNothingElse) {
   program.Signal(SIGINT);
   EXPECT_THAT(program.Wait(), Exited(0));
   const std::vector<std::string> texts = Texts(LogFile(), "");
-  EXPECT_THAT(texts, Contains(AllOf(testing::StartsWith("WARN models are loaded without a trial: cannot run "),
-                                    testing::EndsWith(": Resource temporarily unavailable")))
-                         .Times(1));
+  EXPECT_THAT(texts,
+              Contains(AllOf(testing::StartsWith("WARN models are loaded without a trial: cannot run "),
+                             testing::EndsWith(": Resource temporarily unavailable")))
+                  .Times(1));
   EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
   EXPECT_THAT(Made(), ElementsAre("1 0 0 posix_spawn 1", "1 0 0 posix_spawn 2"));
 }
 
-// The real limit, which counts the threads of a user: a CPU worker, its averager, the reporter, the limiter.
+// With the real limit on the threads of a user. The run needs four: a CPU worker, its averager, the reporter
+// and the limiter.
 TEST_F(FaultTest, ThreadsBeyondTheLimitOfAUserEndTheProgramWithTheReason) {
   if (kThreadSanitized) GTEST_SKIP() << "the sanitizer itself cannot start under such a limit";
   Launch launch = Configured("logMode: 4\nCPU: {Level: 1}\n");
   if (!RunAsAnother(launch)) {
     GTEST_SKIP() << "root is exempt from the limit, and no other user can start the program here";
   }
-  // A limit of 1 is the main thread.
+  // A limit of 1 leaves only the main thread.
   for (const rlim_t limit : {1U, 2U, 3U, 4U}) {
     SCOPED_TRACE(limit);
     launch.limits[RLIMIT_NPROC] = limit;
@@ -739,15 +741,15 @@ TEST_F(FaultTest, ThreadsBeyondTheLimitOfAUserEndTheProgramWithTheReason) {
     EXPECT_THAT(ending.error, HasSubstr("thread constructor failed"));
     EXPECT_EQ(ending.output, "");
   }
-  // One more for the sanitizer that looks for leaks at the end.
+  // The sanitizer needs one more, to look for leaks at the end.
   launch.limits[RLIMIT_NPROC] = kAddressSanitized ? 6 : 5;
   EXPECT_THAT(RunLines(launch), Exited(0));
 }
 
-// What follows fails calls that a sanitizer replaces itself.
+// The tests below fail calls that a sanitizer replaces itself.
 #if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
 
-// The buffers of the workers' set-ups, in the order of the calls.
+// The buffers that the workers allocate in their set-ups, in the order of the calls.
 struct Allocation {
   const char* name;
   const char* section;
@@ -778,7 +780,7 @@ INSTANTIATE_TEST_SUITE_P(All, AllocationTest,
                            return std::string(info.param.name);
                          });
 
-TEST_F(FaultTest, DeviceMemoryThatCannotBeHadIsAStatus) {
+TEST_F(FaultTest, WantOfDeviceMemoryIsAStatus) {
   Program program(Faulty(kVpc, "posix_memalign:1:fail=12"));
   ASSERT_TRUE(program.WaitForError("QetImageResize failed")) << program.Wait(std::chrono::seconds(0));
   program.Signal(SIGINT);
@@ -788,9 +790,9 @@ TEST_F(FaultTest, DeviceMemoryThatCannotBeHadIsAStatus) {
 }
 
 TEST_F(FaultTest, AThreadThatCannotBeStartedEndsTheProgramWithTheReason) {
-  // Of a CPU and a VPC worker, their averagers, the reporter and the limiter.
+  // The threads are a CPU and a VPC worker, their averagers, the reporter and the limiter.
   for (const std::string nth : {"1", "2", "3", "4", "5", "6"}) {
-    Forget();
+    RemoveTraces();
     const Ending ending =
         Run(Faulty("CPU: {Level: 1}\nVPC: {Level: 1}\n", "pthread_create:" + nth + ":fail=11"));
     EXPECT_THAT(ending, KilledBy(SIGABRT)) << nth;
@@ -801,7 +803,7 @@ TEST_F(FaultTest, AThreadThatCannotBeStartedEndsTheProgramWithTheReason) {
 
 TEST_F(FaultTest, AClockThatJumpsChangesRatesAlone) {
   for (const std::string seconds : {"3600", "-3600"}) {
-    Forget();
+    RemoveTraces();
     Program program(Faulty("CPU: {Level: 2}\nVPC: {Level: 1}\n", "clock:500-:fail=" + seconds));
     bool jumped = false;
     for (int lines = 0; lines < 3 || (!jumped && program.Seconds() < 60); ++lines) {
@@ -815,12 +817,12 @@ TEST_F(FaultTest, AClockThatJumpsChangesRatesAlone) {
   }
 }
 
-// Where anything but the log looked at the time of day, an operation would take a day each, or less than
-// none.
+// If anything but the log looked at the time of day, each operation would seem to take a day, or a negative
+// time.
 TEST_F(FaultTest, ATimeOfDayThatJumpsChangesTimeStampsAlone) {
   for (const int seconds : {86400, -86400}) {
     SCOPED_TRACE(seconds);
-    Forget();
+    RemoveTraces();
     Program program(Faulty("VENC: {Level: 1}\n", "wall-clock:2-:fail=" + std::to_string(seconds)));
     bool published = false;
     while (!published && program.Seconds() < 60) {
@@ -845,11 +847,10 @@ TEST_F(FaultTest, ATimeOfDayThatJumpsChangesTimeStampsAlone) {
 
 #endif
 
-// Every piece of memory that the program and the platform's libraries ask for themselves in a worker's set-up
-// and first cycle, or on the main thread, is refused in a run of its own. In the platform that is a status,
-// and the worker ends as it does for any other. The program's own exceptions are caught where the
-// configuration is read, and nowhere else: one in a worker or outside that place ends the program, with the
-// library's words.
+// Each allocation that the program and the platform's libraries make themselves, on the main thread or in a
+// worker's set-up and first cycle, is refused in a run of its own. The platform answers with a status, and
+// the worker ends as it does for any other status. The program catches exceptions only where it reads the
+// configuration: elsewhere the exception ends the program, with the standard library's message.
 struct MemorySweep {
   const char* name;
   const char* section;
@@ -866,16 +867,16 @@ std::ostream& operator<<(std::ostream& stream, const MemorySweep& sweep) {
 class MemoryTest : public FaultTest, public testing::WithParamInterface<MemorySweep> {};
 
 TEST_P(MemoryTest, EachPieceThatIsRefusedIsReportedOrEndsTheProgram) {
-  if (kSanitized) GTEST_SKIP() << "the sanitizer brings an allocation of its own";
+  if (kSanitized) GTEST_SKIP() << "the sanitizer replaces the allocation functions";
   const MemorySweep& sweep = GetParam();
   int reported = 0;
   int ended = 0;
   for (int number = 1;; ++number) {
     const std::string call = std::string(sweep.memory) + ":" + std::to_string(number);
     SCOPED_TRACE(call);
-    Forget();
+    RemoveTraces();
     Launch launch = Faulty(sweep.section, call + ":fail=12", 40);
-    launch.environment["FAULT_NAP"] = "5";  // the forty seconds pass in a fifth of one
+    launch.environment["FAULT_NAP"] = "5";  // the run of 40 s takes 0.2 s
     const Ending ending = Run(launch);
     const std::vector<std::string> errors = [&] {
       std::vector<std::string> found;
@@ -904,7 +905,7 @@ TEST_P(MemoryTest, EachPieceThatIsRefusedIsReportedOrEndsTheProgram) {
     } else {
       EXPECT_THAT(ending, Exited(0));
       EXPECT_THAT(errors, Not(IsEmpty()));
-      EXPECT_THAT(ending.OutputLines(), SizeIs(testing::Ge(2U))) << "the others go on";
+      EXPECT_THAT(ending.OutputLines(), SizeIs(testing::Ge(2U))) << "the other workers have to go on";
       ASSERT_FALSE(Calls().empty());
       EXPECT_EQ(Calls().back().operation, "QetRelease");
       ++reported;
@@ -920,7 +921,7 @@ const std::string kEveryLevelZero =
     std::string("VPC: {Level: 0}\nVENC: {Level: 0}\nCPU: {Level: 0}\nAIC: {Level: 0, File: ") + TINY_NETWORK +
     "}\n";
 
-// What ends the program: the test images, the CPU worker's two buffers. A copy asks for nothing.
+// These end the program: the test images and the CPU worker's two buffers. A copy allocates nothing.
 INSTANTIATE_TEST_SUITE_P(
     All, MemoryTest,
     testing::Values(MemorySweep{"Main", kEveryLevelZero.c_str(), "main-memory", 10, 10, 1000},
@@ -930,7 +931,7 @@ INSTANTIATE_TEST_SUITE_P(
                     MemorySweep{"Aic", kModel.c_str(), "worker-memory", 20, 0, 0}),
     [](const testing::TestParamInfo<MemorySweep>& info) { return std::string(info.param.name); });
 
-// So that what a soak has found can be looked for again.
+// With the same seed, a failure that a soak found can be looked for again.
 TEST_F(FaultTest, ASeedDecidesWhichCallsFailAtRandom) {
   const auto failing = [&](const std::string& seed) {
     Launch launch = Faulty("CPU: {Level: 1}\n", "memcpy_s:1/4:fail=777");

@@ -1,4 +1,4 @@
-// The input is a configuration file: the YAML reader alone, then the configuration rules on top of it.
+// The input is a configuration file. It goes to the YAML reader alone, then to the configuration's rules.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -52,13 +52,13 @@ Tree Measure(const Ormis::QetYamlNode& node) {
   Tree tree{1, 1};
   for (const auto& [key, child] : node.children) {
     const Tree below = Measure(child);
-    tree.values += 1 + below.values;  // a key is a node, too
+    tree.values += 1 + below.values;  // 1 for the key, which is a node, too
     tree.depth = std::max(tree.depth, 1 + below.depth);
   }
   return tree;
 }
 
-/// Returns whether the reader takes the file.
+/// Returns whether the reader accepts the file.
 bool CheckReader(const std::string& path) {
   try {
     const Ormis::QetYamlNode root(path);
@@ -141,9 +141,9 @@ void CheckInit(const std::string& path, bool readable, int parseStatus) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const LimitedMemory limit;
-  struct sigaction interrupt{};  // Init takes it away from the fuzzer
+  struct sigaction interrupt{};  // the fuzzer's, which Init replaces
   sigaction(SIGINT, nullptr, &interrupt);
-  // Every log level that a file asks for is as good as another here.
+  // The log level that a file asks for does not matter here.
   Ormis::OrmisLogger::GetInstance().logger = &ara::log::CreateLogger("TPW", "TPW", LogLevel::kVerbose);
 
   const InputFile file(data, size);

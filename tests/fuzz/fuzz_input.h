@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-/// The bytes of a fuzzer's input, taken from the front. Past the end there are zeros and empty texts.
+/// Reads a fuzzer's input from the front. Past its end it returns zeros and empty texts.
 class FuzzInput {
  public:
   FuzzInput(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
@@ -18,7 +18,7 @@ class FuzzInput {
     return *data_++;
   }
 
-  /// Little-endian, `bytes` of at most 4.
+  /// A little-endian number of `bytes` bytes, at most 4.
   std::uint32_t Number(int bytes = 4) {
     std::uint32_t number = 0;
     for (int i = 0; i < bytes; ++i) number |= std::uint32_t{Byte()} << (8 * i);

@@ -1,6 +1,6 @@
-// The input is a script of image operations on four records, most of them wrong. The harness keeps a model of
-// what is alive, and knows from it which call has to succeed. One letter a step, its arguments behind it (a
-// byte each; W and H: two bytes, N: four, little-endian); A and B are records:
+// The input is a script of image operations on four records; most operations are wrong. The harness keeps a
+// model of what is alive, and derives from it which call has to succeed. A step is one letter and its
+// arguments (a byte each; W and H: two bytes, N: four, little-endian). A and B are records:
 //
 //   n A W H TYPE       a fresh record of that size and type; M allocates it as well
 //   o A W H TYPE OFF   a record of the caller's own memory, which begins OFF x 16 bytes into it
@@ -35,21 +35,21 @@ using Ormis::ImageData;
 constexpr std::size_t kRecords = 4;
 constexpr std::size_t kUserBytes = 65536;
 constexpr std::uint32_t kMaxSide = 1U << 24;
-// Tables of a resize grow with the sides: above this one of them may be too big for LimitedMemory.
+// Tables of a resize grow with the sides. Above this side one of them may be too large for LimitedMemory.
 constexpr std::uint32_t kSideThatAlwaysFits = 1U << 16;
-// What one input may keep alive and move: bounds of the harness, the platform has none of its own.
+// What one input may keep alive and copy. These are limits of the harness; the platform has none.
 constexpr std::uint64_t kMaxLiveBytes = std::uint64_t{16} << 20;
 constexpr std::uint64_t kMaxWorkBytes = std::uint64_t{16} << 20;
 
 struct Live {
-  std::uint64_t id;  ///< as the platform left it in the record
+  std::uint64_t id;  ///< from the platform, in the record
   std::uint32_t width;
   std::uint32_t height;
   std::uint32_t type;
   std::uint32_t bytes;
 };
 
-/// The bytes of an image; none where there can be no such image.
+/// The bytes of an image, or nothing where there can be no such image.
 std::optional<std::uint32_t> BytesOf(const ImageData& record) {
   const std::uint64_t pixels = std::uint64_t{record.width} * record.height;
   if (pixels == 0 || pixels > UINT32_MAX) return {};
@@ -79,23 +79,23 @@ bool Same(const ImageData& a, const ImageData& b) {
 
 enum class Expect : std::uint8_t { kSuccess, kFailure, kSuccessOrNoMemory };
 
-/// Runs an operation and checks its status, and that a failure is told in one line that names the operation.
+/// Runs an operation. Checks its status, and that a failure is logged in one line that names the operation.
 template <typename Call>
 bool Succeeds(const char* operation, Expect expect, Call&& call) {
   fakeLog::Reset();
   const std::int32_t status = call();
   const std::vector<std::string> errors = fakeLog::Texts(ara::log::LogLevel::kError);
-  const std::string told = std::string(operation) + " answers " + std::to_string(status) +
-                           (errors.empty() ? "" : ": " + errors[0]);
+  const std::string answer = std::string(operation) + " answers " + std::to_string(status) +
+                             (errors.empty() ? "" : ": " + errors[0]);
   FUZZ_REQUIRE(
       status == Ormis::kQetOk || (status >= Ormis::kQetInvalidArgument && status < Ormis::kQetInternal),
-      told);
-  FUZZ_REQUIRE(errors.size() == (status == Ormis::kQetOk ? 0 : 1), told);
-  FUZZ_REQUIRE(errors.empty() || errors[0].rfind(std::string(operation) + ": ", 0) == 0, told);
+      answer);
+  FUZZ_REQUIRE(errors.size() == (status == Ormis::kQetOk ? 0 : 1), answer);
+  FUZZ_REQUIRE(errors.empty() || errors[0].rfind(std::string(operation) + ": ", 0) == 0, answer);
   const bool success = status == Ormis::kQetOk;
-  FUZZ_REQUIRE(expect != Expect::kSuccess || success, told);
-  FUZZ_REQUIRE(expect != Expect::kFailure || !success, told);
-  FUZZ_REQUIRE(expect != Expect::kSuccessOrNoMemory || success || status == Ormis::kQetOutOfMemory, told);
+  FUZZ_REQUIRE(expect != Expect::kSuccess || success, answer);
+  FUZZ_REQUIRE(expect != Expect::kFailure || !success, answer);
+  FUZZ_REQUIRE(expect != Expect::kSuccessOrNoMemory || success || status == Ormis::kQetOutOfMemory, answer);
   return success;
 }
 
@@ -180,7 +180,7 @@ class Script {
     }
   }
 
-  // Numbers around the 256 that exist.
+  // Numbers around the 256 channels.
   int Channel() { return int{input_.Byte()} - 2; }
 
   ImageData& FreshRecord(std::uint32_t bufferMode) {
@@ -247,7 +247,7 @@ class Script {
     live_.erase(found);
   }
 
-  /// The memory behind a record of the platform's; null where the record does not say what was allocated.
+  /// The memory of a record of the platform's, or null where the record differs from what was allocated.
   const Live* LiveOf(const ImageData& record) const {
     const auto found = live_.find(record.data);
     if (record.bufferMode != Ormis::kQetBufferPlatform || found == live_.end()) return nullptr;
@@ -258,8 +258,8 @@ class Script {
     return same ? &live : nullptr;
   }
 
-  /// A record of the caller's own memory is taken at its word, so it must be true: readable bytes from
-  /// `data`.
+  /// The platform cannot check a record of the caller's own memory, so `data` must point to that many
+  /// readable bytes.
   std::uint64_t ReadableBytes(const std::uint8_t* data) const {
     const auto within = [data](const std::uint8_t* begin, std::size_t bytes) -> std::uint64_t {
       const auto at = reinterpret_cast<std::uintptr_t>(data);

@@ -31,9 +31,8 @@ LimitedMemory::~LimitedMemory() {
   limitBytes = SIZE_MAX;
 }
 
-// All forms of normal alignment: a sanitizer has its own of those that are left out, and takes it for a
-// mistake when memory from one of its own is freed by one of these. It watches malloc and memalign, so
-// nothing escapes it.
+// All forms for normal alignment. The other forms stay a sanitizer's own: it would report memory from one of
+// its own that is freed by one of these. It watches malloc and memalign, so it misses nothing.
 
 void* operator new(std::size_t bytes) {
   return AllocateOrThrow(bytes);
@@ -66,7 +65,7 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept {
   std::free(memory);
 }
 
-// Exported: the platform's library is to find this one.
+// Exported, so that the platform's library calls this one.
 extern "C" __attribute__((visibility("default"))) int posix_memalign(void** memory, std::size_t alignment,
                                                                      std::size_t bytes) noexcept {
   void* const made = bytes > limitBytes ? nullptr : memalign(alignment, bytes);

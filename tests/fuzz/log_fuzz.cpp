@@ -1,15 +1,16 @@
-// The input is a script of log records, written to a log file by the real back end and compared with what the
-// contract of ara/log/logging.h makes of it. One letter a step, its arguments behind it:
+// The input is a script of log records. The real back end writes them to a log file, which is compared with
+// what the contract of ara/log/logging.h asks for. A step is one letter and its arguments:
 //
 //   x ID LEVEL         the following records go to this context, with this threshold
 //   f TEXT  g TEXT     file and function of the following records' location; F, G: none
 //   l NUMBER           its line
-//   E W I D            opens a record, and hands over the one before
+//   E W I D            hands over the record before, and opens one of that level
 //   c TEXT  v TEXT  s TEXT  i NUMBER  u NUMBER   inserts const char*, view, std::string, int, unsigned int
 //   n                  inserts a null pointer
-//   r BYTE             inserts the last text that often
+//   r BYTE             inserts the last text BYTE times
 //
-// ID and TEXT are a byte of length and the bytes, NUMBER is 4 bytes, little-endian. Other bytes are skipped.
+// ID and TEXT are a byte with the length, then the bytes. NUMBER is 4 bytes, little-endian. Other bytes are
+// skipped.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,7 +39,7 @@ constexpr std::size_t kMaxLineBytes = 4096;
 constexpr std::size_t kMaxFileBytes = 512;
 constexpr std::size_t kMaxFunctionBytes = 256;
 constexpr std::size_t kMaxContexts = 64;
-// What a cut leaves free at most: a started UTF-8 sequence of four bytes is taken back.
+// A cut leaves at most so many bytes free: it removes a begun UTF-8 sequence of four bytes.
 constexpr std::size_t kMaxCutLoss = 4;
 constexpr std::size_t kMaxRecords = 64;
 
@@ -49,7 +50,7 @@ class LogFile {
     std::string folder = std::filesystem::temp_directory_path() / "log_fuzz_XXXXXX";
     FUZZ_REQUIRE(mkdtemp(folder.data()) != nullptr, folder);
     folder_ = folder;
-    // The most verbose level: each line carries its location, and is as long as a line can be.
+    // At the most verbose level each line has its location, and so the greatest length.
     ara::log::InitLogging("fuzz", "", LogLevel::kVerbose, ara::log::LogMode::kFile, folder);
     file_ = open((folder + "/fuzz.log").c_str(), O_RDWR | O_CLOEXEC);
     FUZZ_REQUIRE(file_ >= 0, folder);
@@ -62,7 +63,7 @@ class LogFile {
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
 
-  /// What was logged since the last call.
+  /// Returns what was logged since the last call.
   std::string Take() {
     struct stat status{};
     FUZZ_REQUIRE(fstat(file_, &status) == 0, "fstat");
@@ -82,10 +83,10 @@ LogFile& TheLogFile() {
   return file;
 }
 
-/// A text with its control characters escaped, and where it may be cut.
+/// A text with its control characters escaped, and the places where it may be cut.
 struct Escaped {
   std::string text;
-  std::vector<std::size_t> ends{0};  ///< of each source character within `text`
+  std::vector<std::size_t> ends{0};  ///< where each source character ends within `text`
 
   void Add(const std::string& source) {
     for (const char c : source) {
@@ -107,7 +108,7 @@ struct Escaped {
     }
   }
 
-  /// True where a started UTF-8 sequence goes on.
+  /// True where a begun UTF-8 sequence goes on.
   bool SplitsCharacter(std::size_t at) const {
     const auto byteAt = [this](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const auto continues = [&](std::size_t i) { return (byteAt(i) & 0xc0) == 0x80; };
@@ -119,7 +120,7 @@ struct Escaped {
     return lead + length > at;
   }
 
-  /// What may stand for it where there is room for `limit` bytes.
+  /// The texts that may be logged for it where there is room for `limit` bytes.
   std::vector<std::string> Fitting(std::size_t limit, const char* mark) const {
     if (text.size() <= limit) return {text};
     std::vector<std::string> cuts;
@@ -138,9 +139,9 @@ struct Location {
   std::int32_t line = 1;
 };
 
-/// A line of the log as it should be.
+/// The expected line of the log.
 struct Expected {
-  std::string head;  ///< between the time and the text
+  std::string head;  ///< the part between the time and the text
   Escaped text;
   Location location;
 };
@@ -175,7 +176,7 @@ void CheckTime(const std::string& line) {
   }
 }
 
-/// What a const char* of it shows.
+/// What a const char* to `text` shows.
 std::string UpToNull(const std::string& text) {
   return text.substr(0, text.find('\0'));
 }
@@ -210,7 +211,7 @@ void CheckLine(const std::string& line, const Expected& expected) {
   FUZZ_REQUIRE(isOneOfThoseExpected, line);
 }
 
-/// Plays a script, and keeps what the log should hold then.
+/// Plays a script, and keeps the lines that the log has to hold afterwards.
 class Script {
  public:
   Script(const std::uint8_t* data, std::size_t size) : input_(data, size) {
@@ -276,7 +277,7 @@ class Script {
     LogLevel threshold;
   };
 
-  // Loggers live as long as the process, and so does what is known of them.
+  // Static, because loggers live as long as the process.
   static std::map<const Logger*, Context>& Contexts() {
     static std::map<const Logger*, Context> contexts;
     return contexts;
@@ -310,7 +311,7 @@ class Script {
     if (level <= context.threshold) expected_.push_back(std::move(record));
   }
 
-  /// Returns false, and takes nothing, where the input goes on with something else.
+  /// Returns false, and reads nothing, where the next step is another one.
   bool Insert(LogStream& stream, Escaped& text) {
     FuzzInput before = input_;
     switch (input_.Byte()) {

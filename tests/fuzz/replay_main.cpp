@@ -1,4 +1,4 @@
-// Runs a fuzzer's harness over stored inputs, without the fuzzer: any compiler and any target can do that.
+// Runs a fuzzer's harness over stored inputs. Needs no fuzzer, so it works with any compiler on any target.
 //
 //   PROGRAM FILE_OR_FOLDER...
 #include <algorithm>
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
         std::cerr << "cannot read " << path << "\n";
         return 1;
       }
-      // Named before it runs: a harness ends the process at a finding.
+      // Printed before the run, because a harness ends the process at a finding.
       std::cout << path.string() << std::endl;
       LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
       ++count;

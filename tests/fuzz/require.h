@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Ends the process, as a finding, when `condition` does not hold. `subject` is a std::string that tells
-/// more.
+/// Ends the process when `condition` does not hold: a finding. `subject` is a std::string that describes the
+/// case.
 #define FUZZ_REQUIRE(condition, subject)                                                             \
   do {                                                                                               \
     if (!(condition)) {                                                                              \

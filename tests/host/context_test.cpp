@@ -62,7 +62,7 @@ TEST(PlatformNotStarted, EveryOperationSaysSo) {
   ExpectFailure(kQetNotInitialized, "QetDNNModelCreateOutput", reason,
                 [&] { return QetDNNModelCreateOutput(handle); });
   ExpectFailure(kQetNotInitialized, "QetDNNModelProcess", reason, [&] { return QetDNNModelProcess(handle); });
-  // Works without a platform, too; it is the model that is missing.
+  // Needs no platform: what is missing is the model.
   ExpectFailure(kQetModelNotReady, "QetDNNRelease", "the handle holds no model",
                 [&] { return QetDNNRelease(handle); });
 }
@@ -96,7 +96,7 @@ TEST_F(ContextTest, ReleaseWantsTheContextOfInitialize) {
                 [&] { return QetRelease(context_); });
 }
 
-/// Of a context that has been destroyed, or was none: `id` is what its record holds.
+/// The message about a record that names no live context; `id` is the id in the record.
 std::string NoLiveContext(std::uint64_t id) {
   return "no live context " + std::to_string(id) + ", expected one from QetCreateContext";
 }
@@ -170,7 +170,7 @@ TEST_F(ContextTest, BindingReplacesAnEarlierOne) {
                 [&] { return QetDestroyChannel(channel); });
 }
 
-// A worker whose resize fails leaves its images, its channel and its context as they are.
+// A worker whose resize fails does not free its images, its channel and its context.
 TEST_F(ContextTest, ReleaseGivesBackWhatWorkersLeftAndSaysWhat) {
   std::vector<std::thread> workers;
   workers.reserve(3);
@@ -200,7 +200,8 @@ TEST_F(ContextTest, ReleaseCountsOneOfAKindInTheSingular) {
               HasSubstr("gave back what was left: 1 image (30 bytes), 1 channel, 1 context ("));
 }
 
-// Whichever allocation fails: what is released stays released, and only the list of it may be lost.
+// Makes each allocation fail in turn. The release succeeds all the same; only the list of what was left is
+// lost.
 TEST_F(ContextTest, ReleaseNeedsNoMemory) {
   if (!FailingMemory::kWorks) GTEST_SKIP();
   std::size_t faults = 0;

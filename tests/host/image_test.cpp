@@ -18,7 +18,7 @@ namespace {
 class ImageTest : public PlatformTest {};
 class ImageMemoryTest : public PlatformTest {};
 
-/// Memory of this process's own, in bytes; pages that are only mapped to the shared zero page do not count.
+/// Anonymous memory of this process in bytes, without pages that are mapped to the shared zero page.
 std::size_t OwnMemory() {
   std::ifstream status("/proc/self/status");
   for (std::string word; status >> word;) {
@@ -65,7 +65,7 @@ TEST_F(ImageTest, MemoryIsBackedByPagesOfItsOwn) {
   EXPECT_GT(OwnMemory(), before + kBytes / 10 * 9);
 }
 
-/// Why a record's size is refused: `expected` is what the message says after "expected".
+/// The message about a record's size, which ends in "expected" and `expected`.
 std::string SizeMessage(const ImageData& image, const std::string& expected, bool namesType = true) {
   return "image of " + std::to_string(image.width) + " x " + std::to_string(image.height) +
          (namesType ? " and type " + std::to_string(image.imageType) : "") + ", expected " + expected;
@@ -149,8 +149,8 @@ TEST_F(ImageTest, MallocRefusesARecordWithMemory) {
 }
 
 #if !defined(STRESS_ADDRESS_SANITIZER) && !defined(STRESS_THREAD_SANITIZER)
-// The largest image that is accepted among them, so that it needs no 4 GiB here. One byte more is refused
-// above, before any memory is asked for.
+// The largest image is tested here, where it needs no 4 GiB: that memory is asked for shows that the size is
+// accepted. One byte more is refused before (MallocRefusesSizesThatOverflow).
 TEST_F(ImageMemoryTest, MallocWithoutMemoryAnswersACode) {
   rlimit saved{};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
@@ -199,7 +199,7 @@ TEST_F(ImageTest, DestroyRefusesForeignMemory) {
   EXPECT_EQ(QetImageDestroy(inside), kQetOk);
 }
 
-// An allocator gives the next image of that size the memory that was freed last.
+// An allocator usually returns the memory that was freed last for the next image of the same size.
 TEST_F(ImageTest, AStaleRecordIsRefusedWhenItsMemoryBelongsToSomebodyElse) {
   ImageData stale;
   std::vector<ImageData> others;
@@ -245,7 +245,7 @@ TEST_F(ImageTest, ARecordWithTheAddressAloneIsRefused) {
 TEST_F(ImageTest, MemcpyWithOneRecordKeepsThePixelsAndTheRecordUsable) {
   int channel = 0;
   ASSERT_EQ(QetCreateChannel(channel), kQetOk);
-  ImageData source = Record(31, 17, 1);  // 1581 bytes: no whole number of words
+  ImageData source = Record(31, 17, 1);  // 1581 bytes, which is no multiple of a word
   ImageData destination = Record(5, 3, 1);
   ASSERT_EQ(QetImageMallocAligned(source), kQetOk);
   for (std::uint32_t i = 0; i < source.dataSize; ++i) source.data[i] = static_cast<std::uint8_t>(i * 7);
@@ -259,8 +259,8 @@ TEST_F(ImageTest, MemcpyWithOneRecordKeepsThePixelsAndTheRecordUsable) {
   EXPECT_EQ(QetImageResize(channel, source, destination, kQetInterpolationArea, -1), kQetOk);
 }
 
-/// While one exists, the pages of `memory` can be read only, and each write to one of them is counted and let
-/// through. `memory` starts at a page. One object at a time.
+/// Counts the pages of `memory` that are written while it exists. `memory` starts at a page. One object at a
+/// time.
 class WrittenPages {
  public:
   WrittenPages(std::uint8_t* memory, std::size_t bytes) {
@@ -299,7 +299,8 @@ class WrittenPages {
   struct sigaction saved_{};
 };
 
-// The copy of an image onto itself changes nothing that could be compared, but it has to load the memory.
+// The copy of an image onto itself changes no pixel, but it has to write them: it is there to load the
+// memory.
 TEST_F(ImageTest, MemcpyWithOneRecordWritesEveryPage) {
   ImageData image = Record(54614, 1, kQetImageBgr888);
   ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
@@ -382,7 +383,7 @@ TEST_F(ImageTest, MemcpyChecksTheDestination) {
                 [&] { return QetMemcpyToKivu(gone, gone); });
 }
 
-// The memory has the size of the allocation, whatever the record says later.
+// A record that was changed no longer describes its memory.
 TEST_F(ImageTest, RecordsChangedAfterTheAllocationAreRefused) {
   ImageData image = Record(8, 8, 1);
   ASSERT_EQ(QetImageMallocAligned(image), kQetOk);

@@ -10,7 +10,7 @@
 namespace Ormis::test {
 namespace {
 
-/// One copy inside a field of 32 bytes that holds "a" to "z" and "0" to "5"; kNone is a null pointer.
+/// One copy inside a field of 32 bytes that holds "a" to "z" and "0" to "5". kNone stands for a null pointer.
 constexpr std::size_t kNone = SIZE_MAX;
 struct Row {
   const char* name;
@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"LastByteOverlaps", 0, 8, 7, 8, EOVERFLOW, "........ijklmnopqrstuvwxyz012345"},
         Row{"NeighboursDoNotOverlap", 0, 8, 8, 8, 0, "ijklmnopijklmnopqrstuvwxyz012345"},
         Row{"NeighboursBeforeDoNotOverlap", 8, 8, 0, 8, 0, "abcdefghabcdefghqrstuvwxyz012345"},
-        // The copying objects are the counted bytes, not the room behind them.
+        // Only the bytes that are copied may not overlap, not the room behind them.
         Row{"SourceInTheRoomBehindTheCopyIsNoOverlap", 0, 16, 8, 8, 0, "ijklmnopijklmnopqrstuvwxyz012345"}),
     [](const auto& info) { return std::string(info.param.name); });
 

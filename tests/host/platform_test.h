@@ -32,7 +32,8 @@ inline std::string NoChannelMessage(int channel) {
 /// Every type that an image can have.
 constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
 
-/// Collects what is written to standard error while it lives: before logging is started, every record.
+/// Collects what is written to standard error while it exists. Until logging is started, every record goes
+/// there.
 class CapturedStandardError {
  public:
   CapturedStandardError() : file_(memfd_create("stderr", MFD_CLOEXEC)), saved_(dup(STDERR_FILENO)) {
@@ -91,7 +92,7 @@ inline ImageData Record(std::uint32_t width, std::uint32_t height, std::uint32_t
   return image;
 }
 
-/// The platform started, with a context bound to the test's thread.
+/// Starts the platform and binds a context to the test's thread.
 class PlatformTest : public testing::Test {
  protected:
   void SetUp() override {

@@ -40,7 +40,7 @@ std::vector<Plane> PlanesOf(const ImageData& image) {
   }
 }
 
-/// The mean of the source area under one pixel of the result, as the definition says it.
+/// The mean of the source area under one pixel of the result, by the definition.
 double AreaMean(const Plane& from, const std::uint8_t* source, const Plane& to, std::uint32_t x,
                 std::uint32_t y, std::uint32_t channel) {
   const double left = static_cast<double>(x) * from.width / to.width;
@@ -58,8 +58,8 @@ double AreaMean(const Plane& from, const std::uint8_t* source, const Plane& to, 
   return sum / ((right - left) * (bottom - top));
 }
 
-/// Expects every sample to be the definition's, rounded to nearest; in the middle between two, where the
-/// reference's own rounding decides, either.
+/// Expects that every sample is the mean, rounded to nearest. Where the mean is midway between two values,
+/// both are accepted, because AreaMean has rounding errors of its own.
 void ExpectAreaAverage(const ImageData& source, const ImageData& result) {
   const std::vector<Plane> from = PlanesOf(source);
   const std::vector<Plane> to = PlanesOf(result);
@@ -172,7 +172,7 @@ TEST_F(ResizeTest, OddSizesOfTheTypesThatHaveThem) {
   for (const std::uint32_t type : {10U, 11U}) ResizeNoiseAndCompare(type, 32, 21, 6, 5);
 }
 
-// Above these the sums no longer fit 16 bits, or the reciprocal a float.
+// Beyond these limits the sums do not fit into 16 bits, or a float is not precise enough.
 TEST_F(ResizeTest, BothSidesOfTheLimitsOfTheNarrowArithmetic) {
   ResizeNoiseAndCompare(1, 3, 257, 2, 1);
   ResizeNoiseAndCompare(1, 3, 258, 2, 1);
@@ -228,7 +228,7 @@ TEST_F(ResizeTest, AHalfIsRoundedUpwards) {
   }
 }
 
-// One pixel in half a million decides: both arithmetic are exact to the last one.
+// One grey level in one of half a million pixels decides: both arithmetics are exact.
 TEST_F(ResizeTest, JustBelowAHalfIsRoundedDown) {
   for (const auto& [width, height] : {std::pair{64U, 128U}, std::pair{4096U, 128U}, std::pair{2048U, 258U}}) {
     const std::uint32_t pixels = width * height;
@@ -255,7 +255,7 @@ TEST_F(ResizeTest, EverySourcePixelCounts) {
     ASSERT_EQ(Resize(source, result), kQetOk);
     int sum = 0;
     for (std::uint32_t i = 0; i < 13 * 13; ++i) sum += result.data[i * 3 + 1];
-    // 255 / 21.3, in up to four pixels.
+    // 255 / 21.3, spread over up to four pixels.
     ASSERT_NEAR(sum, 12, 2) << pixel;
   }
 }
@@ -386,7 +386,7 @@ TEST_F(ResizeTest, MemoryThatIsNotThePlatformsIsRefused) {
                 [&] { return Resize(result, stale); });
 }
 
-// A worker whose set-up failed goes on with value-initialised records.
+// A worker whose set-up failed calls it with value-initialised records.
 TEST_F(ResizeTest, EmptyRecordsAreRefused) {
   const ImageData source;
   const ImageData result;
@@ -431,7 +431,8 @@ TEST_F(ResizeTest, FortyThreadsGetTheResultOfOne) {
   for (int i = 0; i < 40; ++i) {
     threads.emplace_back([&, i] {
       const ThreadContext context;
-      // Half of them share a channel, each with a type of its own: the scratch memory is the channel's.
+      // Half of the threads share a channel, and with it the scratch memory; each scales to a size of its
+      // own.
       int channel = i;
       const bool shares = i % 2 == 0;
       if (shares) channel = channel_;

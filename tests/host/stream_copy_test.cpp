@@ -1,4 +1,5 @@
-// Every way to copy that this processor knows, compiled in: the library exports the one that it chose alone.
+// Tests every copy routine that this processor can run. The source is compiled in, because the library
+// exports none of them.
 
 #include "stream_copy.h"
 
@@ -25,7 +26,7 @@ namespace {
 
 class CopyTest : public testing::TestWithParam<CopyRoutine> {};
 
-/// Bytes with no period that a line's, a page's or a vector's size has.
+/// Bytes that do not repeat with the size of a vector, a line or a page.
 std::vector<std::uint8_t> Pattern(std::size_t bytes) {
   std::vector<std::uint8_t> pattern(bytes);
   std::uint32_t state = 1;
@@ -43,7 +44,7 @@ TEST_P(CopyTest, CopiesEveryByteAndNoOther) {
   const std::vector<std::uint8_t> source = Pattern(kLargest + kMargin);
   std::vector<std::uint8_t> destination(kMargin + kLargest + 2 * kMargin);
   std::vector<std::uint8_t> expected(destination.size());
-  // Around a vector, a cache line, a page, and several of them.
+  // Sizes around a vector, a cache line, a page, and several of them.
   for (const std::size_t bytes :
        {0UL,    1UL,    15UL,   16UL,    31UL,    63UL,    64UL,    65UL,    127UL,   128UL,   129UL,   191UL,
         4095UL, 4096UL, 4160UL, 16383UL, 16384UL, 16385UL, 16448UL, 16511UL, 32768UL, 32831UL, kLargest}) {
@@ -81,7 +82,7 @@ TEST(CopyRoutinesTest, AMebibyteIsTheSmallestCopyThatStreams) {
   EXPECT_EQ(RoutineFor(SIZE_MAX).name, CopyRoutines().back().name);
 }
 
-/// What the kernel says that this processor has.
+/// The processor's features as the kernel reports them.
 std::set<std::string> ProcessorFlags() {
   std::ifstream file("/proc/cpuinfo");
   for (std::string line; std::getline(file, line);) {

@@ -12,7 +12,7 @@
 namespace Ormis::test {
 namespace {
 
-/// A folder of the test's own, and the working directory while it lives, so that messages name "c.yaml".
+/// Makes a folder of its own the working directory, so that messages name the file "c.yaml".
 class YamlNodeTest : public testing::Test {
  protected:
   YamlNodeTest() : home_(std::filesystem::current_path()) {
@@ -160,7 +160,7 @@ TEST_F(YamlNodeTest, UndefinedAndSelfReferencingAliasesAreErrors) {
   ExpectError("&top\na: *top\n", "c.yaml:2:4: alias 'top' inside the node that it names");
 }
 
-/// A mapping of `levels` levels, the last of which holds a scalar that is one more.
+/// `levels` mappings inside each other. The scalar in the last one is one level more.
 std::string Nested(int levels) {
   std::string text;
   for (int i = 0; i < levels; ++i) text += "{a: ";
@@ -192,7 +192,7 @@ TEST_F(YamlNodeTest, DepthCountsThroughAliases) {
 }
 
 TEST_F(YamlNodeTest, NodesAreLimitedTo10000) {
-  // The mapping, its key and the sequence are three.
+  // The mapping, its key and the sequence are three more nodes.
   const auto list = [](int items) {
     std::string text = "a: [";
     for (int i = 0; i < items; ++i) text += "x,";

@@ -1,4 +1,4 @@
-// A platform that must not pass the soak. Preloaded, it goes wrong in QetImageResize as LEAK says: "growth"
+// Makes a platform fail the soak. Preloaded, it adds a fault to QetImageResize, which LEAK names: "growth"
 // (of memory, descriptors and threads), "leftover", "hang" or "crash".
 #include <dlfcn.h>
 #include <pthread.h>
@@ -18,8 +18,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// By time, not by calls, so that a fast machine does not meet a limit of the process before the samples
-// begin.
+// Leaks are counted by time, not by calls: a fast machine would otherwise meet a limit of the process before
+// the samples begin.
 constexpr std::size_t kLeakBytes = 256 << 10;
 constexpr milliseconds kMemoryPeriod{20};
 constexpr milliseconds kHandlePeriod{100};
@@ -29,13 +29,13 @@ void* Idle(void* /*argument*/) {
   for (;;) pause();
 }
 
-void* volatile leaked;  // seen from outside, so that the compiler cannot leave the leak out
+void* volatile leaked;  // volatile, so that the compiler keeps the leak
 
-// True once a period, in one of the threads that ask.
+// True once a period, for one of the threads that ask.
 class Schedule {
  public:
   explicit Schedule(milliseconds period) : period_(period) {}
-  bool Due() {
+  bool IsTime() {
     const Clock::time_point now = Clock::now();
     Clock::rep known = last_;
     return now - Clock::time_point(Clock::duration(known)) >= period_ &&
@@ -55,10 +55,10 @@ void GoWrong() {
   static Schedule descriptor(kHandlePeriod);
   static Schedule idler(kHandlePeriod);
   static Schedule leftover(kGoodTime);
-  if (leak == "growth" && memory.Due()) leaked = std::memset(std::malloc(kLeakBytes), 1, kLeakBytes);
-  if (leak == "growth" && descriptor.Due()) (void)dup(STDOUT_FILENO);
-  if (leak == "growth" && idler.Due()) (void)pthread_create(&thread, nullptr, Idle, nullptr);
-  if (leak == "leftover" && leftover.Due() && fork() == 0) (void)Idle(nullptr);
+  if (leak == "growth" && memory.IsTime()) leaked = std::memset(std::malloc(kLeakBytes), 1, kLeakBytes);
+  if (leak == "growth" && descriptor.IsTime()) (void)dup(STDOUT_FILENO);
+  if (leak == "growth" && idler.IsTime()) (void)pthread_create(&thread, nullptr, Idle, nullptr);
+  if (leak == "leftover" && leftover.IsTime() && fork() == 0) (void)Idle(nullptr);
   if (leak == "hang" && Clock::now() - start > kGoodTime) (void)Idle(nullptr);
   if (leak == "crash" && Clock::now() - start > kGoodTime) std::abort();
 }

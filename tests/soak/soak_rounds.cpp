@@ -1,11 +1,11 @@
-// One process that runs the benchmark again and again, as a program that lives longer than a run would:
+// Runs the benchmark again and again in one process, as a program that lives longer than one run would:
 //
 //   soak_rounds CONFIG SECONDS ROUNDS LONGEST RESTS
 //
-// Each round initialises the platform, launches what the configuration names with all its monitors, lets it
-// run for 1 to LONGEST seconds, joins everything and releases the platform. It goes on for SECONDS, and for
-// ROUNDS at least. What the process has of the machine at rest, after each round, becomes a line of the file
-// RESTS. Failures are of interest to the log alone: they come from what is preloaded.
+// Each round initialises the platform, launches the stresses of the configuration with all monitors, lets
+// them run for 1 to LONGEST seconds, joins all threads and releases the platform. The rounds go on for
+// SECONDS, and there are at least ROUNDS. After each round a line of the file RESTS gets the memory,
+// descriptors and threads of the process. Failures are only logged: the preloaded library makes them.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 void StartLogging() {
-  // Once: it keeps the settings of earlier starts on purpose.
+  // Called once, because it keeps the settings of earlier calls.
   (void)std::signal(SIGINT, SignalHandler);
   ara::log::InitLogging("STBM", "soak", ara::log::LogLevel::kInfo, ara::log::LogMode::kFile, "./log");
   Ormis::OrmisLogger::GetInstance().logger =
@@ -37,7 +37,7 @@ void RunRound(const std::string& configuration, std::uint32_t seconds) {
   StressBenchmark benchmark(configuration);
   benchmark.runTimes = seconds;
   stopFlag = 0;
-  // Failures are made at random: a later call works.
+  // The failures are random, so a later call works.
   while (Ormis::QetInitialize(benchmark.context, benchmark.contextParams) != 0) {
   }
   if (benchmark.Parse() != 0) std::abort();
@@ -52,7 +52,7 @@ long EntriesOf(const char* folder) {
   return count;
 }
 
-/// Memory of the process's own, without what it maps of files.
+/// The process's anonymous memory, in KiB: without mapped files.
 long AnonymousKiB() {
   std::ifstream rollup("/proc/self/smaps_rollup");
   for (std::string word; rollup >> word;) {
@@ -63,11 +63,11 @@ long AnonymousKiB() {
 }
 
 void NoteRest(std::FILE* rests, Clock::time_point start) {
-  // A thread that was joined stays listed for a moment.
+  // The kernel lists a joined thread for a moment longer.
   for (int i = 0; i < 100 && EntriesOf("/proc/self/task") > 1; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  (void)malloc_trim(0);  // what is free counts as well otherwise
+  (void)malloc_trim(0);  // without it, freed memory would count, too
   const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
   (void)std::fprintf(rests, "%ld,%ld,%ld,%ld\n", static_cast<long>(elapsed.count()), AnonymousKiB(),
                      EntriesOf("/proc/self/fd"), EntriesOf("/proc/self/task"));
