@@ -4,10 +4,12 @@
 
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <stdexcept>
 #include <string>
 
 #include "ormis/ormis.h"
+#include "yaml_faults.h"
 
 namespace Ormis::test {
 namespace {
@@ -44,6 +46,9 @@ class YamlNodeTest : public testing::Test {
     EXPECT_EQ(node.GetValue(key, out), out != "unchanged") << key;
     return out;
   }
+
+  /// Start and end of stream, document and mapping, key and value.
+  static constexpr int kEventsOfOneKey = 8;
 
  private:
   std::filesystem::path home_;
@@ -243,6 +248,35 @@ TEST_F(YamlNodeTest, FilesThatCannotBeReadNamePathAndReason) {
     EXPECT_EQ(message("closed.yaml"), "cannot read closed.yaml: Permission denied");
   }
   EXPECT_EQ(message("/proc/self/mem"), "cannot read /proc/self/mem: Input/output error");
+}
+
+TEST_F(YamlNodeTest, WantOfMemoryInTheParserIsBadAlloc) {
+  {
+    const YamlFault fault(YamlFault::Kind::kNoParser);
+    EXPECT_THROW(Parse("a: 1\n"), std::bad_alloc);
+    EXPECT_TRUE(YamlFault::Fired());
+  }
+  for (int call = 1; call <= kEventsOfOneKey; ++call) {
+    const YamlFault fault(YamlFault::Kind::kNoMemory, call);
+    EXPECT_THROW(Parse("a: 1\n"), std::bad_alloc) << call;
+    EXPECT_TRUE(YamlFault::Fired()) << call;
+  }
+}
+
+TEST_F(YamlNodeTest, AParserThatFailsWithoutAReasonIsAnError) {
+  const YamlFault fault(YamlFault::Kind::kNoReason, 3);
+  ExpectError("a: 1\n", "c.yaml:1:1: not YAML");
+  EXPECT_TRUE(YamlFault::Fired());
+}
+
+TEST_F(YamlNodeTest, AnEventInTheWrongPlaceIsAnError) {
+  // The stream's start, the mapping, key and value, the mapping's end, the document's end.
+  for (const auto& [call, place] :
+       {std::pair{1, "1:1"}, {3, "1:1"}, {4, "1:1"}, {5, "1:4"}, {6, "2:1"}, {7, "2:1"}}) {
+    const YamlFault fault(YamlFault::Kind::kUnexpectedEvent, call);
+    ExpectError("a: 1\n", std::string("c.yaml:") + place + ": unexpected structure");
+    EXPECT_TRUE(YamlFault::Fired()) << call;
+  }
 }
 
 TEST_F(YamlNodeTest, AMissingKeyThrowsItsName) {

@@ -1,0 +1,61 @@
+#include "yaml_faults.h"
+
+#include <dlfcn.h>
+#include <yaml.h>
+
+#include <optional>
+
+namespace {
+
+std::optional<YamlFault::Kind> scripted;
+int callsLeft = 0;
+bool fired = false;
+
+/// Whether the scripted fault belongs to this call of yaml_parser_parse.
+bool IsThisCall() {
+  if (!scripted.has_value() || *scripted == YamlFault::Kind::kNoParser || --callsLeft != 0) return false;
+  fired = true;
+  return true;
+}
+
+}  // namespace
+
+YamlFault::YamlFault(Kind kind, int call) {
+  scripted = kind;
+  callsLeft = call;
+  fired = false;
+}
+
+YamlFault::~YamlFault() {
+  scripted.reset();
+}
+
+bool YamlFault::Fired() {
+  return fired;
+}
+
+extern "C" __attribute__((visibility("default"))) int yaml_parser_initialize(yaml_parser_t* parser) {
+  if (scripted == YamlFault::Kind::kNoParser) {
+    fired = true;
+    return 0;
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&yaml_parser_initialize)>(dlsym(RTLD_NEXT, "yaml_parser_initialize"));
+  return real(parser);
+}
+
+extern "C" __attribute__((visibility("default"))) int yaml_parser_parse(yaml_parser_t* parser,
+                                                                        yaml_event_t* event) {
+  static const auto real =
+      reinterpret_cast<decltype(&yaml_parser_parse)>(dlsym(RTLD_NEXT, "yaml_parser_parse"));
+  if (!IsThisCall()) return real(parser, event);
+  if (*scripted == YamlFault::Kind::kUnexpectedEvent) {
+    const int result = real(parser, event);
+    const yaml_mark_t start = event->start_mark;
+    yaml_event_delete(event);  // leaves an event of no type
+    event->start_mark = start;
+    return result;
+  }
+  parser->error = *scripted == YamlFault::Kind::kNoMemory ? YAML_MEMORY_ERROR : YAML_PARSER_ERROR;
+  return 0;
+}
