@@ -4,8 +4,10 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <string>
 #include <vector>
 
+#include "expect_failure.h"
 #include "failing_memory.h"
 #include "model_test.h"
 
@@ -13,6 +15,8 @@ namespace {
 
 using onnx_writer::ElementType;
 using Ormis::QetDNNHandle;
+using Ormis::test::ExpectFailure;
+using Ormis::test::kNoContextMessage;
 
 class DnnTest : public ModelTest {};
 class DnnBasicsTest : public ModelTest {};  // what runs under emulation, too
@@ -230,16 +234,18 @@ TEST_F(DnnTest, EveryTypeOfWholeBytesHasBuffersOfItsSize) {
 
 TEST_F(DnnTest, TextTensorsAreUnsupported) {
   const std::string path = Write(Identity({2}, ElementType::kString));
+  const std::string reason = "has element type 8, expected a numeric one of whole bytes";
   QetDNNHandle handle;
   ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
-  std::int32_t code = 0;
-  const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelCreateInput(handle); });
-  EXPECT_EQ(code, Ormis::kQetUnsupported);
-  EXPECT_NE(log.find("input 'in'"), std::string::npos) << log;
-  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetUnsupported);
+  ExpectFailure(Ormis::kQetUnsupported, "QetDNNModelCreateInput", "model " + path + ": input 'in' " + reason,
+                [&] { return Ormis::QetDNNModelCreateInput(handle); });
+  ExpectFailure(Ormis::kQetUnsupported, "QetDNNModelCreateOutput",
+                "model " + path + ": output 'out' " + reason,
+                [&] { return Ormis::QetDNNModelCreateOutput(handle); });
   EXPECT_TRUE(handle.inputs.empty());
   EXPECT_TRUE(handle.outputs.empty());
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", "model " + path + " has no inputs yet",
+                [&] { return Ormis::QetDNNModelProcess(handle); });
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
@@ -264,7 +270,9 @@ TEST_F(DnnTest, ASizeThatOverflowsAnswersACode) {
   const std::string path = Write(Identity({1LL << 40, 1LL << 40}, ElementType::kFloat));
   QetDNNHandle handle;
   ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
-  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetInvalidSize);
+  ExpectFailure(Ormis::kQetInvalidSize, "QetDNNModelCreateInput",
+                "model " + path + ": input 'in' is too large, expected at most 2 GiB for all of its kind",
+                [&] { return Ormis::QetDNNModelCreateInput(handle); });
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
@@ -321,20 +329,49 @@ TEST_F(DnnTest, AModelOfAnUnknownOperationAnswersACode) {
 TEST_F(DnnTest, StepsOutOfOrderAreRefused) {
   const std::string path = Write(TinyNetwork());
   QetDNNHandle handle;
-  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetModelNotReady);
-  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetModelNotReady);
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady);
+  const auto input = [&] { return Ormis::QetDNNModelCreateInput(handle); };
+  const auto output = [&] { return Ormis::QetDNNModelCreateOutput(handle); };
+  const auto process = [&] { return Ormis::QetDNNModelProcess(handle); };
+  const auto initialize = [&] { return Ormis::QetDNNModelInitialize(handle, path); };
+  const auto release = [&] { return Ormis::QetDNNRelease(handle); };
+  const std::string noModel = "no model is loaded: call QetDNNModelInitialize first";
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelCreateInput", noModel, input);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelCreateOutput", noModel, output);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", noModel, process);
+  ASSERT_EQ(initialize(), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetAlreadyInitialized, "QetDNNModelInitialize",
+                "the handle holds model " + path + " already, expected an empty one", initialize);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", "model " + path + " has no inputs yet",
+                process);
+  ASSERT_EQ(input(), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetAlreadyInitialized, "QetDNNModelCreateInput",
+                "model " + path + " has its inputs already", input);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", "model " + path + " has no outputs yet",
+                process);
+  ASSERT_EQ(output(), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetAlreadyInitialized, "QetDNNModelCreateOutput",
+                "model " + path + " has its outputs already", output);
+  EXPECT_EQ(process(), Ormis::kQetOk);
+  EXPECT_EQ(release(), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", noModel, process);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNRelease", "the handle holds no model", release);
+}
+
+TEST_F(DnnTest, OutputsMayBeCreatedBeforeInputs) {
+  Loaded loaded(Write(TinyNetwork()));
+  ASSERT_EQ(Ormis::QetDNNModelProcess(loaded.handle), Ormis::kQetOk);
+  const std::string path = loaded.handle.modelPath;
+  QetDNNHandle handle;
   ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
-  EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetAlreadyInitialized);
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "no inputs";
-  ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
-  EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetAlreadyInitialized);
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "no outputs";
   ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
-  EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetAlreadyInitialized);
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetModelNotReady, "QetDNNModelProcess", "model " + path + " has no inputs yet",
+                [&] { return Ormis::QetDNNModelProcess(handle); });
+  ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+  ASSERT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
+  EXPECT_EQ(std::memcmp(handle.outputs.at(0).data, loaded.handle.outputs.at(0).data,
+                        handle.outputs.at(0).sizeBytes),
+            0);
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
-  EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetModelNotReady) << "released";
 }
 
 TEST_F(DnnBasicsTest, OperationsWithoutAContextAreRefused) {
@@ -343,10 +380,14 @@ TEST_F(DnnBasicsTest, OperationsWithoutAContextAreRefused) {
   ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
   std::thread([&] {
     QetDNNHandle other;
-    EXPECT_EQ(Ormis::QetDNNModelInitialize(other, path), Ormis::kQetNoContext);
-    EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetNoContext);
-    EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetNoContext);
-    EXPECT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetNoContext);
+    ExpectFailure(Ormis::kQetNoContext, "QetDNNModelInitialize", kNoContextMessage,
+                  [&] { return Ormis::QetDNNModelInitialize(other, path); });
+    ExpectFailure(Ormis::kQetNoContext, "QetDNNModelCreateInput", kNoContextMessage,
+                  [&] { return Ormis::QetDNNModelCreateInput(handle); });
+    ExpectFailure(Ormis::kQetNoContext, "QetDNNModelCreateOutput", kNoContextMessage,
+                  [&] { return Ormis::QetDNNModelCreateOutput(handle); });
+    ExpectFailure(Ormis::kQetNoContext, "QetDNNModelProcess", kNoContextMessage,
+                  [&] { return Ormis::QetDNNModelProcess(handle); });
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk) << "a release needs no context";
   }).join();
 }

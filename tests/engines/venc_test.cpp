@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "engine_test.h"
+#include "expect_failure.h"
 #include "h264_decoder.h"
 #include "sanitizers.h"
 
@@ -17,6 +18,8 @@ namespace {
 
 using Ormis::ImageData;
 using Ormis::QetVenc;
+using Ormis::test::ExpectFailure;
+using Ormis::test::kNoContextMessage;
 
 constexpr std::size_t kWidth = 1920;
 constexpr std::size_t kHeight = 1080;
@@ -265,38 +268,39 @@ TEST_F(VencTest, StreamsComeInTheOrderOfTheFramesAndStayValidUntilReleased) {
 
 TEST_F(VencInitTest, InitAnswersACodeAndOneLineForEachWrongSetting) {
   struct Case {
-    const char* name;
     std::uint32_t QetVenc::* member;
     std::uint32_t value;
     std::int32_t code;
+    const char* message;
   };
   const Case cases[] = {
-      {"width 0", &QetVenc::width, 0, Ormis::kQetInvalidSize},
-      {"height 0", &QetVenc::height, 0, Ormis::kQetInvalidSize},
-      {"odd width", &QetVenc::width, 1919, Ormis::kQetInvalidSize},
-      {"odd height", &QetVenc::height, 1079, Ormis::kQetInvalidSize},
-      {"width above the maximum", &QetVenc::width, 4098, Ormis::kQetInvalidSize},
-      {"height above the maximum", &QetVenc::height, 4098, Ormis::kQetInvalidSize},
-      {"no bit rate", &QetVenc::bitrateKbps, 0, Ormis::kQetInvalidArgument},
-      {"bit rate beyond an int", &QetVenc::bitrateKbps, 2147484, Ormis::kQetInvalidArgument},
-      {"no frame rate", &QetVenc::frameRate, 0, Ormis::kQetInvalidArgument},
-      {"frame rate beyond an int", &QetVenc::frameRate, 0x80000000U, Ormis::kQetInvalidArgument},
-      {"no key frame distance", &QetVenc::gopSize, 0, Ormis::kQetInvalidArgument},
-      {"key frame distance beyond an int", &QetVenc::gopSize, 0x80000000U, Ormis::kQetInvalidArgument},
-      {"no room for streams", &QetVenc::streamBufferBytes, 0, Ormis::kQetInvalidSize},
+      {&QetVenc::width, 0, Ormis::kQetInvalidSize, "size 0x1080, expected even width and height above 0"},
+      {&QetVenc::height, 0, Ormis::kQetInvalidSize, "size 1920x0, expected even width and height above 0"},
+      {&QetVenc::width, 1919, Ormis::kQetInvalidSize,
+       "size 1919x1080, expected even width and height above 0"},
+      {&QetVenc::height, 1079, Ormis::kQetInvalidSize,
+       "size 1920x1079, expected even width and height above 0"},
+      {&QetVenc::width, 4098, Ormis::kQetInvalidSize, "size 4098x1080, expected at most 4096x4096"},
+      {&QetVenc::height, 4098, Ormis::kQetInvalidSize, "size 1920x4098, expected at most 4096x4096"},
+      {&QetVenc::bitrateKbps, 0, Ormis::kQetInvalidArgument, "bit rate 0 kbit/s, expected 1 to 2147483"},
+      {&QetVenc::bitrateKbps, 2147484, Ormis::kQetInvalidArgument,
+       "bit rate 2147484 kbit/s, expected 1 to 2147483"},
+      {&QetVenc::frameRate, 0, Ormis::kQetInvalidArgument, "frame rate 0, expected 1 to 100000"},
+      {&QetVenc::frameRate, 0x80000000U, Ormis::kQetInvalidArgument,
+       "frame rate 2147483648, expected 1 to 100000"},
+      {&QetVenc::gopSize, 0, Ormis::kQetInvalidArgument, "key frame distance 0, expected 1 to 2147483647"},
+      {&QetVenc::gopSize, 0x80000000U, Ormis::kQetInvalidArgument,
+       "key frame distance 2147483648, expected 1 to 2147483647"},
+      {&QetVenc::streamBufferBytes, 0, Ormis::kQetInvalidSize, "a stream buffer of 0 bytes, expected more"},
   };
   for (const Case& one : cases) {
     const auto venc = MakeEncoder();
     venc.get()->*one.member = one.value;
-    std::int32_t code = 0;
-    const std::string log = StandardErrorOf([&] { code = venc->Init(); });
-    EXPECT_EQ(code, one.code) << one.name;
-    EXPECT_EQ(LineCount(log), 1U) << log;
-    EXPECT_NE(log.find("QetVenc::Init: "), std::string::npos) << log;
-    EXPECT_EQ(venc->encoderId, 0U) << one.name;
+    ExpectFailure(one.code, "QetVenc::Init", one.message, [&] { return venc->Init(); });
+    EXPECT_EQ(venc->encoderId, 0U) << one.message;
     // With the setting corrected, the same encoder opens.
     venc.get()->*one.member = MakeEncoder().get()->*one.member;
-    EXPECT_EQ(venc->Init(), Ormis::kQetOk) << one.name;
+    EXPECT_EQ(venc->Init(), Ormis::kQetOk) << one.message;
   }
 }
 
@@ -308,11 +312,22 @@ TEST_F(VencInitTest, InitAnswersACodeForSidesThatNoEngineEncodes) {
                                       {4294967294U, 4294967294U}}) {
     const auto venc = MakeEncoder(width, height);
     venc->maxWidth = venc->maxHeight = UINT32_MAX;
-    std::int32_t code = 0;
-    const std::string log = StandardErrorOf([&] { code = venc->Init(); });
-    EXPECT_EQ(code, Ormis::kQetInvalidSize) << log;
-    EXPECT_NE(log.find("expected at most 16384x16384"), std::string::npos) << log;
+    ExpectFailure(
+        Ormis::kQetInvalidSize, "QetVenc::Init",
+        "size " + std::to_string(width) + "x" + std::to_string(height) + ", expected at most 16384x16384",
+        [&] { return venc->Init(); });
   }
+}
+
+TEST_F(VencTest, InitLogsChannelSizeAndEngine) {
+  Small small;
+  std::int32_t code = -1;
+  const std::string log = StandardErrorOf([&] { code = small.venc->Init(); });
+  EXPECT_EQ(code, Ormis::kQetOk);
+  EXPECT_EQ(LineCount(log), 1U) << log;
+  EXPECT_NE(log.find("Z INFO - QET "), std::string::npos) << log;
+  EXPECT_NE(log.find(" QetVenc::Init: channel 25, 64x48, engine "), std::string::npos) << log;
+  EXPECT_NE(log.find(" QetVenc::Init)\n"), std::string::npos) << log;
 }
 
 // Settings that the engine would refuse are refused before it sees them, because it would leak memory. All
@@ -379,16 +394,21 @@ TEST_F(VencInitTest, InitSaysWhatTheEngineRefused) {
 TEST_F(VencInitTest, InitTwiceIsRefused) {
   Small small;
   ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
-  EXPECT_EQ(small.venc->Init(), Ormis::kQetAlreadyInitialized);
+  ExpectFailure(Ormis::kQetAlreadyInitialized, "QetVenc::Init", "the encoder is initialised already",
+                [&] { return small.venc->Init(); });
   EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
 }
 
 TEST_F(VencTest, OperationsBeforeInitAreRefused) {
   Small small;
   ux_venc_stream stream{};
-  EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetEncoderNotReady);
-  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetEncoderNotReady);
-  EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetEncoderNotReady);
+  const std::string message = "the encoder is not initialised: call Init first";
+  ExpectFailure(Ormis::kQetEncoderNotReady, "QetVenc::SendFrame", message,
+                [&] { return small.venc->SendFrame(small.frame); });
+  ExpectFailure(Ormis::kQetEncoderNotReady, "QetVenc::GetStream", message,
+                [&] { return small.venc->GetStream(stream); });
+  ExpectFailure(Ormis::kQetEncoderNotReady, "QetVenc::ReleaseStream", message,
+                [&] { return small.venc->ReleaseStream(stream); });
 }
 
 TEST_F(VencTest, OperationsWithoutAContextAreRefused) {
@@ -397,30 +417,51 @@ TEST_F(VencTest, OperationsWithoutAContextAreRefused) {
   ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
   std::thread([&] {
     ux_venc_stream stream{};
-    EXPECT_EQ(other.venc->Init(), Ormis::kQetNoContext);
-    EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetNoContext);
-    EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoContext);
-    EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetNoContext);
+    ExpectFailure(Ormis::kQetNoContext, "QetVenc::Init", kNoContextMessage,
+                  [&] { return other.venc->Init(); });
+    ExpectFailure(Ormis::kQetNoContext, "QetVenc::SendFrame", kNoContextMessage,
+                  [&] { return small.venc->SendFrame(small.frame); });
+    ExpectFailure(Ormis::kQetNoContext, "QetVenc::GetStream", kNoContextMessage,
+                  [&] { return small.venc->GetStream(stream); });
+    ExpectFailure(Ormis::kQetNoContext, "QetVenc::ReleaseStream", kNoContextMessage,
+                  [&] { return small.venc->ReleaseStream(stream); });
   }).join();
+}
+
+constexpr char kNoStreamMessage[] = "no stream is waiting: call SendFrame first";
+
+std::string NotOutstandingMessage(std::uint64_t streamId) {
+  return "stream " + std::to_string(streamId) + " is not outstanding, expected one from GetStream, once";
 }
 
 TEST_F(VencTest, SendFrameAnswersACodeForEachWrongFrame) {
   Small small;
   ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
-  const auto send = [&](auto change) {
+  const auto refused = [&](std::int32_t code, const std::string& message, auto change) {
     ImageData frame = FrameOver(small.pixels.data(), Small::kSmallWidth, Small::kSmallHeight);
     change(frame);
-    return small.venc->SendFrame(frame);
+    ExpectFailure(code, "QetVenc::SendFrame", message, [&] { return small.venc->SendFrame(frame); });
   };
-  EXPECT_EQ(send([](ImageData& frame) { frame.imageType = Ormis::kQetImageBgr888; }), Ormis::kQetUnsupported);
-  EXPECT_EQ(send([](ImageData& frame) { frame.imageType = 99; }), Ormis::kQetUnsupported);
-  EXPECT_EQ(send([](ImageData& frame) { frame.width += 2; }), Ormis::kQetInvalidSize);
-  EXPECT_EQ(send([](ImageData& frame) { frame.height -= 2; }), Ormis::kQetInvalidSize);
-  EXPECT_EQ(send([](ImageData& frame) { frame.dataSize -= 1; }), Ormis::kQetInvalidSize);
-  EXPECT_EQ(send([](ImageData& frame) { frame.data = nullptr; }), Ormis::kQetInvalidArgument);
+  refused(Ormis::kQetInvalidArgument,
+          "frame with buffer mode 2, expected 0, the caller's memory, or 1, the platform's memory",
+          [](ImageData& frame) { frame.bufferMode = 2; });
+  refused(Ormis::kQetUnsupported, "image type 1, expected 2",
+          [](ImageData& frame) { frame.imageType = Ormis::kQetImageBgr888; });
+  refused(Ormis::kQetUnsupported, "image type 99, expected 2",
+          [](ImageData& frame) { frame.imageType = 99; });
+  refused(Ormis::kQetInvalidSize, "a frame of 66x48, expected 64x48",
+          [](ImageData& frame) { frame.width += 2; });
+  refused(Ormis::kQetInvalidSize, "a frame of 64x46, expected 64x48",
+          [](ImageData& frame) { frame.height -= 2; });
+  refused(Ormis::kQetInvalidSize, "a frame of 4607 bytes, expected at least 4608",
+          [](ImageData& frame) { frame.dataSize -= 1; });
+  refused(Ormis::kQetInvalidArgument, "a frame without data", [](ImageData& frame) { frame.data = nullptr; });
   ux_venc_stream stream{};
-  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream) << "a refused frame left a stream";
-  EXPECT_EQ(send([](ImageData& frame) { frame.dataSize += 4096; }), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetNoStream, "QetVenc::GetStream", kNoStreamMessage,
+                [&] { return small.venc->GetStream(stream); });
+  ImageData larger = small.frame;
+  larger.dataSize += 4096;
+  EXPECT_EQ(small.venc->SendFrame(larger), Ormis::kQetOk);
 }
 
 ImageData AllocateFrame(std::size_t width, std::size_t height) {
@@ -535,7 +576,8 @@ TEST_F(VencTest, FetchingWithoutAStreamLeavesTheRecordAsItWas) {
   ux_venc_stream stream;
   std::memset(&stream, 0x5a, sizeof stream);
   const ux_venc_stream before = stream;
-  EXPECT_EQ(small.venc->GetStream(stream), Ormis::kQetNoStream);
+  ExpectFailure(Ormis::kQetNoStream, "QetVenc::GetStream", kNoStreamMessage,
+                [&] { return small.venc->GetStream(stream); });
   EXPECT_EQ(std::memcmp(&stream, &before, sizeof stream), 0);
 }
 
@@ -551,7 +593,8 @@ TEST_F(VencTest, AStreamIsReleasedOnce) {
   EXPECT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetNoStream);
   EXPECT_EQ(small.venc->ReleaseStream(copy), Ormis::kQetNoStream);
   copy.streamId = 123456789;
-  EXPECT_EQ(small.venc->ReleaseStream(copy), Ormis::kQetNoStream);
+  ExpectFailure(Ormis::kQetNoStream, "QetVenc::ReleaseStream", NotOutstandingMessage(123456789),
+                [&] { return small.venc->ReleaseStream(copy); });
 }
 
 TEST_F(VencTest, AStreamOfAnotherEncoderIsRefused) {
@@ -577,11 +620,38 @@ TEST_F(VencTest, StreamsNotReleasedAreLimitedAndFreedWithTheEncoder) {
     if (streams.size() % 2 == 0) ASSERT_EQ(small.venc->GetStream(streams.back()), Ormis::kQetOk);
   }
   EXPECT_EQ(code, Ormis::kQetBusy);
-  EXPECT_GE(streams.size(), 8U);
+  EXPECT_EQ(streams.size(), 16U);
   // One release makes room for one frame.
   ASSERT_EQ(small.venc->ReleaseStream(streams[1]), Ormis::kQetOk);
   EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
   EXPECT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetBusy);
+}
+
+TEST_F(VencTest, TheBytesOfStreamsThatAreKeptAreLimitedToTheBuffer) {
+  Small small;
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+  ux_venc_stream first{};
+  ASSERT_EQ(small.venc->GetStream(first), Ormis::kQetOk);
+  const auto bytes = static_cast<std::uint32_t>(first.totalBytes);
+
+  // The first frame of another encoder has as many bytes. They may be one less than the buffer has, not as
+  // many.
+  for (const auto& [room, code] : {std::pair{bytes, Ormis::kQetBusy}, {bytes + 1, Ormis::kQetOk}}) {
+    Small other;
+    other.venc->streamBufferBytes = room;
+    ASSERT_EQ(other.venc->Init(), Ormis::kQetOk);
+    ASSERT_EQ(other.venc->SendFrame(other.frame), Ormis::kQetOk);
+    if (code == Ormis::kQetOk) {
+      EXPECT_EQ(other.venc->SendFrame(other.frame), code);
+      continue;
+    }
+    ExpectFailure(code, "QetVenc::SendFrame",
+                  "streams of " + std::to_string(bytes) +
+                      " bytes are outstanding, expected fewer than 16 streams and " + std::to_string(room) +
+                      " bytes: release some first",
+                  [&] { return other.venc->SendFrame(other.frame); });
+  }
 }
 
 TEST_F(VencTest, BytesNotReleasedAreLimited) {

@@ -2,22 +2,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 
+#include "expect_failure.h"
 #include "ormis/ormis.h"
 #include "sanitizers.h"
 
 namespace Ormis::test {
 
 // Messages of more than one operation.
-constexpr char kNotInitializedMessage[] = "the platform is not initialised: call QetInitialize first";
-constexpr char kNoContextMessage[] =
-    "no live context is bound to this thread: call QetCreateContext and QetSetCurrentContext first";
 constexpr char kUnknownImageMessage[] =
     "image without memory of the platform, expected a live one from QetImageMallocAligned";
 constexpr char kUnknownSourceMessage[] =
@@ -31,56 +26,6 @@ inline std::string NoChannelMessage(int channel) {
 
 /// Every type that an image can have.
 constexpr std::uint32_t kAllTypes[] = {0, 1, 2, 9, 10, 11, 12, 13, 14, 15};
-
-/// Collects what is written to standard error while it exists. Until logging is started, every record goes
-/// there.
-class CapturedStandardError {
- public:
-  CapturedStandardError() : file_(memfd_create("stderr", MFD_CLOEXEC)), saved_(dup(STDERR_FILENO)) {
-    EXPECT_GE(dup2(file_, STDERR_FILENO), 0);
-  }
-  ~CapturedStandardError() {
-    Restore();
-    (void)close(file_);
-  }
-  CapturedStandardError(const CapturedStandardError&) = delete;
-  CapturedStandardError& operator=(const CapturedStandardError&) = delete;
-
-  /// Ends the collection.
-  std::string Text() {
-    Restore();
-    std::string text(std::size_t{1} << 16, '\0');
-    const ssize_t length = pread(file_, text.data(), text.size(), 0);
-    EXPECT_GE(length, 0);
-    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    return text;
-  }
-
- private:
-  void Restore() {
-    if (saved_ < 0) return;
-    EXPECT_GE(dup2(saved_, STDERR_FILENO), 0);
-    (void)close(saved_);
-    saved_ = -1;
-  }
-
-  int file_;
-  int saved_;
-};
-
-/// Expects that `call` returns `code` and logs one line: at error level, in the context "QET", with the text
-/// "OPERATION: MESSAGE" and nothing more, located in the operation.
-template <typename Call>
-void ExpectFailure(std::int32_t code, const std::string& operation, const std::string& message, Call&& call) {
-  CapturedStandardError log;
-  const std::int32_t status = call();
-  const std::string text = log.Text();
-  EXPECT_EQ(status, code) << text;
-  EXPECT_THAT(text, testing::HasSubstr("Z ERROR - QET "));
-  EXPECT_THAT(text, testing::HasSubstr(" " + operation + ": " + message + " ("));
-  EXPECT_THAT(text, testing::EndsWith(" " + operation + ")\n"));
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-}
 
 /// A record as callers make it before QetImageMallocAligned.
 inline ImageData Record(std::uint32_t width, std::uint32_t height, std::uint32_t imageType) {
