@@ -7,7 +7,6 @@
 /// time.
 onnx_writer::Graph ExampleNetwork();
 
-/// A network with the same kinds of layers, small enough for tests to compute: 1x3x8x8 floats ("image") to 5
-/// outputs
-/// ("scores"). Its tensors are "conv1", "conv2" and "dense", each with "Weight" or "Bias" behind it.
+/// A network with the same kinds of layers, small enough for tests to compute: 1x3x8x8 floats ("image"), 5
+/// outputs ("scores"). Its tensors are "conv1", "conv2" and "dense", each with "Weight" or "Bias" behind it.
 onnx_writer::Graph TinyNetwork();
