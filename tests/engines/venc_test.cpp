@@ -319,7 +319,7 @@ TEST_F(VencInitTest, InitAnswersACodeForSidesThatNoEngineEncodes) {
   }
 }
 
-TEST_F(VencTest, InitLogsChannelSizeAndEngine) {
+TEST_F(VencInitTest, InitLogsChannelSizeAndEngine) {
   Small small;
   std::int32_t code = -1;
   const std::string log = StandardErrorOf([&] { code = small.venc->Init(); });
