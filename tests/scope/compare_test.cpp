@@ -75,64 +75,6 @@ class CompareTest : public ::testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(CompareTest, FiguresLeaveOutTheWarmUpAndTheEnd) {
-  SyntheticEngine cpu;
-  cpu.threads = 2;
-  cpu.riseAS = 10;
-  SyntheticEngine venc;
-  venc.engine = "venc";
-  venc.stress = "kivuVencStress";
-  venc.operationsPerS = 100;
-  WriteRun(folder_ / "run", {cpu, venc});
-  const scope::Run run = ReadRun(folder_ / "run");
-  const auto figures = FiguresOf(Summarise(run), 5);
-  // Seconds that end at 6 to 27, of two threads: in the last one with operations it ends.
-  const std::vector<double>& operations = figures.at({"cpu", Figure::kOperations});
-  ASSERT_EQ(operations.size(), 22U);
-  EXPECT_DOUBLE_EQ(operations.front(), 2 * 560);
-  EXPECT_DOUBLE_EQ(operations.back(), 2 * 770);
-  EXPECT_DOUBLE_EQ(figures.at({"cpu", Figure::kBandwidth}).front(), 1120 * 2e6 / 1e9);
-  EXPECT_DOUBLE_EQ(figures.at({kAllEngines, Figure::kBandwidth}).front(), (1120 + 100) * 2e6 / 1e9);
-  EXPECT_DOUBLE_EQ(figures.at({"cpu", Figure::kP50}).front(), 2000);
-  EXPECT_DOUBLE_EQ(figures.at({"venc", Figure::kP99}).front(), 4000);
-  EXPECT_EQ(figures.at({"venc", Figure::kPrinted}).size(), 26U);
-  // The first second of an engine is never whole.
-  EXPECT_EQ(FiguresOf(Summarise(run), 0).at({"cpu", Figure::kOperations}).size(), 26U);
-}
-
-TEST_F(CompareTest, FiguresAreOverTheLengthOfTheSecond) {
-  scope::Run run;
-  run.info.durationS = 100;
-  for (const double timeS : {1.0, 2.0, 3.5, 4.5}) {
-    Sample sample;
-    sample.timeS = timeS;
-    sample.engine = "vpc";
-    sample.operations = 300;
-    run.samples.push_back(sample);
-  }
-  const auto figures = FiguresOf(Summarise(run), 0);
-  EXPECT_THAT(figures.at({"vpc", Figure::kOperations}), ElementsAre(300, 200));
-  EXPECT_EQ(figures.count({"vpc", Figure::kBandwidth}), 0U);  // bytes unknown
-  EXPECT_EQ(figures.count({kAllEngines, Figure::kBandwidth}), 0U);
-}
-
-TEST_F(CompareTest, TheTotalIsOfSecondsInWhichEveryEngineWorks) {
-  scope::Run run;
-  for (int timeS = 1; timeS <= 10; ++timeS) {
-    for (const char* const engine : {"cpu", "aic", "vpc_copy"}) {
-      if (engine == std::string("aic") && timeS < 4) continue;  // a model that takes long to load
-      Sample sample;
-      sample.timeS = timeS;
-      sample.engine = engine;
-      sample.operations = 1;
-      sample.bytes = engine == std::string("cpu") ? 2'000'000'000 : 1'000'000'000;
-      run.samples.push_back(sample);
-    }
-  }
-  EXPECT_THAT(FiguresOf(Summarise(run), 0).at({kAllEngines, Figure::kBandwidth}),
-              ElementsAre(3, 3, 3, 3, 3));  // seconds 5 to 9
-}
-
 TEST_F(CompareTest, RepeatsThatLieApartAreADifferenceInTheRightDirection) {
   const Side a = ReadSide(Repeats("a", {500, 501, 502, 503, 504}));
   const Side b = ReadSide(Repeats("b", {450, 451, 452, 453, 454}));

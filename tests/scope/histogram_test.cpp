@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <random>
 #include <vector>
 
@@ -77,6 +78,43 @@ TEST(Histogram, AddsAnother) {
   one.Add(other);
   EXPECT_EQ(one.Total(), 7U);
   EXPECT_EQ(one.Buckets().at(3), 3U);
+}
+
+TEST(Histogram, APercentileIsTheMiddleOfItsBucket) {
+  scope::Histogram histogram;
+  const std::size_t bucket = BucketOf(1'000'000);
+  histogram.Add(bucket, 1);
+  EXPECT_EQ(histogram.Percentile(0.5), (BucketLow(bucket) + BucketHigh(bucket) - 1) / 2);
+  EXPECT_GT(histogram.Percentile(0.5), BucketLow(bucket));
+  EXPECT_LT(histogram.Percentile(0.5), BucketHigh(bucket) - 1);
+}
+
+TEST(Histogram, HasNoBucketOfWhatDidNotCome) {
+  scope::Histogram histogram;
+  histogram.Add(7, 0);
+  EXPECT_TRUE(histogram.Buckets().empty());
+  histogram.Add(7, 2);
+  histogram.Add(7, 3);
+  EXPECT_EQ(histogram.Buckets().at(7), 5U);
+  EXPECT_EQ(histogram.Total(), 5U);
+}
+
+TEST(AtQuantile, IsByNearestRank) {
+  const std::map<int, std::uint64_t> counts = {{10, 0}, {20, 3}, {30, 6}, {40, 1}};
+  const auto at = [&counts](double quantile) { return scope::AtQuantile(counts, quantile)->first; };
+  EXPECT_EQ(at(0), 20) << "the least that came";
+  EXPECT_EQ(at(0.3), 20);
+  EXPECT_EQ(at(0.31), 30);
+  EXPECT_EQ(at(0.9), 30);
+  EXPECT_EQ(at(0.91), 40);
+  EXPECT_EQ(at(1), 40);
+}
+
+TEST(AtQuantile, OfNothingIsTheEnd) {
+  const std::map<int, std::uint64_t> none;
+  EXPECT_EQ(scope::AtQuantile(none, 0.5), none.end());
+  const std::map<int, std::uint64_t> notOne = {{1, 0}, {2, 0}};
+  EXPECT_EQ(scope::AtQuantile(notOne, 0.5), notOne.end());
 }
 
 }  // namespace

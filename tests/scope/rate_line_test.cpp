@@ -47,4 +47,27 @@ TEST(RateLine, SaysWhereItIsWrongAndWhatWasExpected) {
               HasSubstr("the end of the line after ispStress"));
 }
 
+TEST(RateLine, NamesHaveLettersDigitsAndUnderscores) {
+  const auto rates = ParseRateLine("my_Stress2 : 1 fps. ispStress : 30.0 fps.", 1);
+  ASSERT_EQ(rates.size(), 1U);
+  EXPECT_EQ(rates[0].stress, "my_Stress2");
+  EXPECT_EQ(ErrorOf("my-stress : 1 fps."), "character 3: expected \" : \", found \"-stress : 1 fps.\"");
+}
+
+TEST(RateLine, SaysOfALongRestItsFirstTwentyCharacters) {
+  EXPECT_EQ(ErrorOf("cpuStress:0123456789012345678901234"),
+            "character 10: expected \" : \", found \":0123456789012345678\"");
+}
+
+TEST(RateLine, EndsAnywhereButAfterTheConstantWithAnError) {
+  EXPECT_EQ(ErrorOf("cpuStress"), "character 10: expected \" : \", found the end of the line");
+  EXPECT_EQ(ErrorOf("cpuStress : "), "character 13: expected a rate such as 30.0, found the end of the line");
+  EXPECT_EQ(ErrorOf("cpuStress : 12"), "character 15: expected \" fps.\", found the end of the line");
+  EXPECT_EQ(ErrorOf("cpuStress : ."), "character 13: expected a rate such as 30.0, found \".\"");
+  EXPECT_EQ(ErrorOf("cpuStress : 1 fps. "),
+            "character 20: expected the name of a stress, found the end of the line");
+  EXPECT_EQ(ErrorOf("ispStress : 30.0 fps. "),
+            "character 22: expected the end of the line after ispStress, found \" \"");
+}
+
 }  // namespace

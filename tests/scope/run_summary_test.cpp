@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "made_run.h"
 
 namespace {
@@ -144,6 +146,213 @@ TEST(RunSummary, OfNothingIsEmpty) {
   EXPECT_TRUE(summary.engines.empty());
   EXPECT_TRUE(summary.printed.empty());
   EXPECT_FALSE(summary.gigabytesPerS.has_value());
+}
+
+TEST(RunSummary, TheFirstSecondOfALateEngineBeganWhereTheOneBeforeItEnded) {
+  scope::Run run;
+  run.samples = {At(1, 1), At(2.5, 1), At(4, 1), At(5, 1)};
+  for (const double timeS : {4.0, 5.0}) run.samples.push_back(At(timeS, 30, 0, "aic"));
+  const RunSummary summary = Summarise(run);
+  ASSERT_EQ(summary.engines[1].seconds.size(), 2U);
+  EXPECT_DOUBLE_EQ(summary.engines[1].seconds[0].spanS, 1.5);
+  EXPECT_FALSE(summary.engines[1].seconds[0].afterGap) << "it had not begun";
+  EXPECT_DOUBLE_EQ(summary.engines[1].work.operationsPerS, 60 / 2.5);
+  EXPECT_DOUBLE_EQ(summary.engines[0].seconds[0].spanS, 1);
+  EXPECT_DOUBLE_EQ(summary.endS, 5);
+}
+
+TEST(RunSummary, AGapIsLongerThanAThreadsSecondEverIs) {
+  const EngineSummary engine = OnlyEngine({At(1, 1), At(2, 10), At(3.75, 35), At(5.5625, 10), At(6, 1)});
+  EXPECT_FALSE(engine.seconds[2].afterGap) << "1.75 s";
+  EXPECT_TRUE(engine.seconds[3].afterGap) << "1.8125 s";
+  EXPECT_DOUBLE_EQ(engine.work.operationsPerS, 45 / 2.75);
+}
+
+TEST(RunSummary, AFirstSecondIsNeverAfterAGap) {
+  const EngineSummary engine = OnlyEngine({At(3, 30), At(4, 5)});
+  EXPECT_FALSE(engine.seconds[0].afterGap);
+  EXPECT_DOUBLE_EQ(engine.seconds[0].spanS, 3);
+}
+
+TEST(RunSummary, ASecondWithoutLengthIsNone) {
+  const EngineSummary engine = OnlyEngine({At(0, 7), At(1, 10)});
+  ASSERT_EQ(engine.seconds.size(), 1U);
+  EXPECT_DOUBLE_EQ(engine.seconds[0].timeS, 1);
+}
+
+TEST(RunSummary, WholeSecondsAreThoseBetweenTheFirstAndTheLast) {
+  const auto whole = [](const std::vector<Sample>& samples) {
+    const EngineSummary engine = OnlyEngine(samples);
+    return std::make_pair(engine.firstWhole, engine.endWhole);
+  };
+  EXPECT_EQ(whole({At(1, 5)}), std::make_pair(0UL, 1UL));
+  EXPECT_EQ(whole({At(1, 5), At(2, 5)}), std::make_pair(0UL, 2UL));
+  EXPECT_EQ(whole({At(1, 5), At(2, 5), At(3, 5)}), std::make_pair(1UL, 2UL));
+  EXPECT_EQ(whole({At(1, 0), At(2, 5), At(3, 5), At(4, 5), At(5, 5), At(6, 0)}), std::make_pair(2UL, 4UL));
+  EXPECT_EQ(whole({At(1, 0), At(2, 0), At(3, 0)}), std::make_pair(0UL, 0UL));
+}
+
+TEST(RunSummary, AnIdleEngineHasNoRateAndNoLatency) {
+  scope::Run run;
+  run.samples = {At(1, 0), At(2, 0), At(3, 0)};
+  run.samples[1].failures = 4;
+  run.samples[2].failures = 3;
+  run.samples[1].p50Ns = 77;  // of no operation
+  const RunSummary summary = Summarise(run);
+  const scope::WorkSummary& work = summary.engines.at(0).work;
+  EXPECT_DOUBLE_EQ(work.operationsPerS, 0);
+  EXPECT_FALSE(work.gigabytesPerS.has_value());
+  EXPECT_FALSE(work.p50Ns.has_value());
+  EXPECT_EQ(work.failures, 7U);
+  EXPECT_DOUBLE_EQ(work.lastS, 0);
+  EXPECT_DOUBLE_EQ(work.busyRate, 0);
+  EXPECT_DOUBLE_EQ(summary.engines[0].belowMillisecond, 0);
+  EXPECT_EQ(summary.engines[0].seconds[1].p50Ns, 0U);
+  EXPECT_FALSE(summary.gigabytesPerS.has_value()) << "no engine works";
+}
+
+TEST(RunSummary, TheSumIsOfTheEnginesThatWork) {
+  scope::Run run;
+  run.samples = {At(1, 1), At(2, 5), At(3, 1)};
+  for (const double timeS : {1.0, 2.0, 3.0}) {
+    run.samples.push_back(At(timeS, 0, 0, "aic"));
+    run.samples.back().bytes.reset();
+    run.samples.push_back(At(timeS, 10, 0, "vpc"));
+  }
+  EXPECT_DOUBLE_EQ(Summarise(run).gigabytesPerS.value_or(0), 0.015);
+}
+
+TEST(RunSummary, BytesOfASecondAreKnownIfThoseOfAllThreadsAre) {
+  std::vector<Sample> samples = {At(1, 1), At(2, 5), At(2, 10, 1), At(3, 1)};
+  EXPECT_DOUBLE_EQ(OnlyEngine(samples).seconds[1].GigabytesPerS().value_or(0), 0.015);
+  samples[1].bytes.reset();
+  EXPECT_FALSE(OnlyEngine(samples).seconds[1].bytes.has_value()) << "a later thread's are not enough";
+  EXPECT_FALSE(OnlyEngine(samples).seconds[1].GigabytesPerS().has_value());
+  EXPECT_FALSE(OnlyEngine(samples).work.gigabytesPerS.has_value());
+  samples[1].bytes = 0;
+  samples[0].bytes.reset();
+  EXPECT_TRUE(OnlyEngine(samples).work.gigabytesPerS.has_value()) << "the first second counts for no rate";
+}
+
+TEST(RunSummary, OneUnknownSecondMakesTheRateOfBytesUnknown) {
+  std::vector<Sample> samples = {At(1, 1), At(2, 5), At(3, 5), At(4, 5), At(5, 1)};
+  samples[2].bytes.reset();
+  EXPECT_FALSE(OnlyEngine(samples).work.gigabytesPerS.has_value());
+  EXPECT_DOUBLE_EQ(OnlyEngine(samples).work.operationsPerS, 5);
+}
+
+TEST(RunSummary, TheMedianOfASecondGivesEachThreadTheWeightOfItsOperations) {
+  const auto median = [](std::vector<std::pair<std::uint64_t, std::uint64_t>> latenciesAndOperations) {
+    std::vector<Sample> samples;
+    for (const auto& [latencyNs, operations] : latenciesAndOperations) {
+      samples.push_back(At(1, operations, static_cast<int>(samples.size())));
+      samples.back().p50Ns = latencyNs;
+    }
+    return OnlyEngine(samples).seconds.at(0).p50Ns;
+  };
+  EXPECT_EQ(median({{900, 10}, {100, 10}}), 100U) << "the lower one of two middles";
+  EXPECT_EQ(median({{900, 11}, {100, 10}}), 900U);
+  EXPECT_EQ(median({{300, 4}, {200, 3}, {100, 2}}), 200U);
+  EXPECT_EQ(median({{300, 6}, {200, 3}, {100, 2}}), 300U);
+  EXPECT_EQ(median({{300, 5}, {100, 0}}), 300U);
+  EXPECT_EQ(median({{500, 3}, {100, 5}, {500, 3}}), 500U) << "alike ones count together";
+}
+
+TEST(RunSummary, APercentileIsTheMiddleOfItsBucket) {
+  scope::Run run;
+  run.samples = {At(1, 4)};
+  run.samples[0].maxNs = 0;
+  const auto p50 = [&run](std::uint64_t lowNs, std::uint64_t highNs) {
+    run.histogram = {{"cpu", 0, lowNs, highNs, 4}};
+    return Summarise(run).engines[0].work.p50Ns;
+  };
+  EXPECT_EQ(p50(1000, 1011), 1005U);
+  EXPECT_EQ(p50(1000, 1010), 1004U);
+  EXPECT_EQ(p50(1000, 1001), 1000U);
+  EXPECT_EQ(p50(1000, 1000), 1000U) << "a bucket without width";
+  run.samples[0].maxNs = 1002;
+  EXPECT_EQ(p50(1000, 1011), 1002U);
+}
+
+TEST(RunSummary, EachThreadHasItsOwnFigures) {
+  scope::Run run;
+  run.samples = {At(1, 1), At(2, 10), At(3, 1), At(1, 2, 3), At(2, 30, 3), At(3, 2, 3)};
+  for (std::size_t i = 3; i != 6; ++i) run.samples[i].busyNs *= 2;
+  run.histogram = {{"cpu", 0, 1000, 1001, 12}, {"cpu", 3, 900, 901, 34}, {"aic", 3, 7, 8, 1'000'000}};
+  const EngineSummary engine = Summarise(run).engines.at(0);
+  ASSERT_EQ(engine.threads.size(), 2U);
+  EXPECT_EQ(engine.threads[0].thread, 0);
+  EXPECT_EQ(engine.threads[1].thread, 3);
+  EXPECT_EQ(engine.threads[0].work.operations, 12U);
+  EXPECT_EQ(engine.threads[1].work.operations, 34U);
+  EXPECT_DOUBLE_EQ(engine.threads[0].work.operationsPerS, 10);
+  EXPECT_DOUBLE_EQ(engine.threads[1].work.operationsPerS, 30);
+  EXPECT_EQ(engine.threads[0].work.p50Ns, 1000U);
+  EXPECT_EQ(engine.threads[1].work.p50Ns, 900U);
+  EXPECT_EQ(engine.work.p50Ns, 900U);
+  EXPECT_DOUBLE_EQ(engine.threads[0].work.busyRate, 1000);
+  EXPECT_DOUBLE_EQ(engine.threads[1].work.busyRate, 500);
+  EXPECT_DOUBLE_EQ(engine.work.busyRate, 750);
+}
+
+TEST(RunSummary, TheRateOfBusyTimeIsOfTheThreadsThatWereBusy) {
+  std::vector<Sample> samples = {At(1, 10), At(1, 0, 1), At(1, 30, 2)};
+  samples[2].busyNs = 60'000'000;
+  EXPECT_DOUBLE_EQ(OnlyEngine(samples).work.busyRate, 750);
+}
+
+TEST(RunSummary, ShortOperationsAreThoseBelowAMillisecond) {
+  scope::Run run;
+  run.samples = {At(1, 10)};
+  run.histogram = {{"cpu", 0, 999'999, 1'000'000, 1}, {"cpu", 0, 1'000'000, 1'000'001, 3}};
+  EXPECT_DOUBLE_EQ(Summarise(run).engines[0].belowMillisecond, 0.25);
+  // Without a histogram, by the medians of the threads' seconds.
+  run.histogram.clear();
+  run.samples = {At(1, 30), At(2, 10), At(2, 40, 1)};
+  run.samples[1].p50Ns = 999'999;
+  EXPECT_DOUBLE_EQ(Summarise(run).engines[0].belowMillisecond, 0.125);
+}
+
+TEST(RunSummary, FiguresOfTheWholeRunAreOfAllSeconds) {
+  std::vector<Sample> samples = {At(1, 5), At(2, 7), At(5, 9), At(6, 3), At(7, 0)};
+  samples[0].maxNs = 9'000'000;
+  for (Sample& sample : samples) sample.failures = 1;
+  const scope::WorkSummary work = OnlyEngine(samples).work;
+  EXPECT_EQ(work.operations, 24U);
+  EXPECT_EQ(work.failures, 5U);
+  EXPECT_EQ(work.maxNs, 9'000'000U);
+  EXPECT_DOUBLE_EQ(work.lastS, 6);
+}
+
+TEST(RunSummary, EnginesAndPrintedRatesAreInTheirOwnOrder) {
+  scope::Run run;
+  for (const char* engine : {"zzz", "vpc_copy", "aic", "venc", "vpc", "cpu", "aaa"})
+    run.samples.push_back(At(1, 1, 0, engine));
+  for (const char* stress :
+       {"zStress", "aicStress", "kivuVencStress", "aStress", "kivuVpcStress", "cpuStress"})
+    run.rates.push_back({1, stress, 2});
+  const RunSummary summary = Summarise(run);
+  std::vector<std::string> engines;
+  for (const EngineSummary& engine : summary.engines) engines.push_back(engine.engine);
+  EXPECT_THAT(engines, ElementsAre("cpu", "vpc", "venc", "aic", "aaa", "vpc_copy", "zzz"));
+  std::vector<std::string> stresses;
+  std::vector<std::string> loads;
+  for (const scope::PrintedRates& printed : summary.printed) {
+    stresses.push_back(printed.stress);
+    loads.push_back(printed.engine);
+  }
+  EXPECT_THAT(stresses,
+              ElementsAre("cpuStress", "kivuVpcStress", "kivuVencStress", "aicStress", "aStress", "zStress"));
+  EXPECT_THAT(loads, ElementsAre("cpu", "vpc", "venc", "aic", "", ""));
+  EXPECT_EQ(summary.PrintedOf("vpc")->stress, "kivuVpcStress");
+  EXPECT_EQ(summary.PrintedOf("gpu"), nullptr);
+}
+
+TEST(RunSummary, RatesThatAreAllZeroHaveTheMedianZero) {
+  scope::Run run;
+  run.rates = {{1, "cpuStress", 0}, {2, "cpuStress", 0}};
+  EXPECT_DOUBLE_EQ(Summarise(run).PrintedOf("cpu")->median, 0);
+  EXPECT_EQ(Summarise(run).PrintedOf("cpu")->rates.size(), 2U);
 }
 
 }  // namespace

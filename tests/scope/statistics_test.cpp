@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
+#include <map>
 #include <numeric>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -212,6 +216,174 @@ TEST(StatisticsTest, TooFewValuesAreRefused) {
   EXPECT_THROW(BootstrapMedians({}, {}), std::invalid_argument);
   EXPECT_THROW(RankSumP({}, {1}), std::invalid_argument);
   EXPECT_THROW(TestTrend({1}), std::invalid_argument);
+}
+
+// From here on, figures without a source were computed apart from this code, from the published formulas.
+
+TEST(StatisticsTest, QuantilesBetweenTheLastTwoValues) {
+  EXPECT_DOUBLE_EQ(Quantile({3, 1, 4, 2}, 0.9), 3.7);
+  EXPECT_DOUBLE_EQ(Quantile({10, 20}, 0.75), 17.5);
+  EXPECT_DOUBLE_EQ(Quantile({10, 20}, 0.999), 19.99);
+  EXPECT_DOUBLE_EQ(Median({1, 2, 3, 10}), 2.5);
+}
+
+TEST(StatisticsTest, SharesOutsideOfZeroToOneAreTheEnds) {
+  EXPECT_DOUBLE_EQ(Quantile({1, 2, 3}, -0.5), 1);
+  EXPECT_DOUBLE_EQ(Quantile({1, 2, 3}, 1.5), 3);
+}
+
+TEST(StatisticsTest, VariationIsOfTheAbsoluteMean) {
+  EXPECT_DOUBLE_EQ(CoefficientOfVariation({-1, -3}), std::sqrt(2.0) / 2);
+  EXPECT_DOUBLE_EQ(CoefficientOfVariation({1, 3}), std::sqrt(2.0) / 2);
+}
+
+TEST(StatisticsTest, NormalQuantilesOfTheTails) {
+  EXPECT_NEAR(NormalQuantile(1e-6), -4.753424308822899, 1e-9);
+  EXPECT_NEAR(NormalQuantile(0.999), 3.090232306167813, 1e-11);
+  EXPECT_NEAR(NormalQuantile(0.6), 0.2533471031357998, 1e-12);
+  EXPECT_THROW(NormalQuantile(0), std::invalid_argument);
+  EXPECT_THROW(NormalQuantile(-0.1), std::invalid_argument);
+}
+
+TEST(StatisticsTest, BootstrapMakesAsManyResamplesAsAskedFor) {
+  EXPECT_EQ(BootstrapMedians(kTreated, {}).size(), 9999U);
+  BootstrapOptions options;
+  options.resamples = 3;
+  EXPECT_EQ(BootstrapMedians(kTreated, options).size(), 3U);
+  options.resamples = -1;
+  EXPECT_TRUE(BootstrapMedians(kTreated, options).empty());
+}
+
+// Two neighbours and one value of any place: of the nine such resamples of {0, 1, 10}, the median is 0 in
+// two, 1 in five and 10 in two. The values form a circle, so 10 and 0 are neighbours.
+TEST(StatisticsTest, BlocksOfTwoAreDrawnFromACircle) {
+  BootstrapOptions options;
+  options.resamples = 90'000;
+  options.block = 2;
+  std::map<double, int> counts;
+  for (const double median : BootstrapMedians({0, 1, 10}, options)) ++counts[median];
+  EXPECT_EQ(counts.size(), 3U);
+  EXPECT_NEAR(counts[0], 20'000, 600);
+  EXPECT_NEAR(counts[1], 50'000, 600);
+  EXPECT_NEAR(counts[10], 20'000, 600);
+}
+
+TEST(StatisticsTest, ABlockOfAllValuesIsARotation) {
+  for (const std::size_t block : {std::size_t{7}, std::size_t{1000}}) {
+    BootstrapOptions options;
+    options.block = block;
+    options.resamples = 100;
+    for (const double median : BootstrapMedians(kTreated, options)) ASSERT_DOUBLE_EQ(median, 94);
+  }
+  BootstrapOptions none;
+  none.block = 0;
+  EXPECT_EQ(BootstrapMedians(kTreated, none), BootstrapMedians(kTreated, {}));
+}
+
+TEST(StatisticsTest, TheIntervalLeavesOutHalfOfTheRestAtEachTail) {
+  const std::vector<double> zero = {0};
+  for (const double confidence : {0.95, 0.9, 0.5}) {
+    BootstrapOptions options;
+    options.confidence = confidence;
+    options.resamples = 999;
+    BootstrapOptions ofB = options;
+    ofB.seed = ~options.seed;
+    const std::vector<double> b = BootstrapMedians(kTreated, ofB);
+    const Interval right = MedianDifference(zero, kTreated, options);
+    EXPECT_DOUBLE_EQ(right.low, Quantile(b, (1 - confidence) / 2));
+    EXPECT_DOUBLE_EQ(right.high, Quantile(b, 1 - (1 - confidence) / 2));
+    const std::vector<double> a = BootstrapMedians(kTreated, options);
+    const Interval left = MedianDifference(kTreated, zero, options);
+    EXPECT_DOUBLE_EQ(left.low, -Quantile(a, 1 - (1 - confidence) / 2));
+    EXPECT_DOUBLE_EQ(left.high, -Quantile(a, (1 - confidence) / 2));
+  }
+}
+
+TEST(StatisticsTest, RankSumOfFewWithTiesBetweenTheSides) {
+  // 21 of the 126 choices of four of nine have the ranks of the first side or lower ones.
+  EXPECT_DOUBLE_EQ(RankSumP({1, 2, 2, 5}, {2, 3, 4, 5, 5}), 2 * 21.0 / 126);
+  EXPECT_DOUBLE_EQ(RankSumP({2, 3, 4, 5, 5}, {1, 2, 2, 5}), 2 * 21.0 / 126);
+  EXPECT_DOUBLE_EQ(RankSumP({1, 2}, {2, 3, 3}), 0.4);
+}
+
+// `count` values of each given one.
+std::vector<double> Many(const std::vector<std::pair<double, int>>& valuesAndCounts) {
+  std::vector<double> values;
+  for (const auto& [value, count] : valuesAndCounts)
+    values.insert(values.end(), static_cast<std::size_t>(count), value);
+  return values;
+}
+
+// Rank sum 424, mean 610, variance 3555.254 (4066.667 without the ties).
+TEST(StatisticsTest, RankSumWithTiesInLargeSamples) {
+  const std::vector<double> a = Many({{1, 14}, {2, 4}, {3, 2}});
+  const std::vector<double> b = Many({{1, 10}, {2, 18}, {3, 12}});
+  EXPECT_NEAR(RankSumP(a, b), 0.0018641617303469505, 1e-12);
+  EXPECT_NEAR(RankSumP(b, a), 0.0018641617303469505, 1e-12);
+}
+
+TEST(StatisticsTest, RankSumCountsUpToFiftyValuesExactly) {
+  std::vector<double> a(25);
+  std::iota(a.begin(), a.end(), 0.0);
+  std::vector<double> b(25);
+  std::iota(b.begin(), b.end(), 25.0);
+  EXPECT_NEAR(RankSumP(a, b), 1.5821457204897235e-14, 1e-24);
+  b.push_back(50);
+  EXPECT_NEAR(RankSumP(a, b), 9.697974076284181e-10, 1e-18);
+}
+
+TEST(StatisticsTest, LeastRepeatsOfAnyConfidence) {
+  EXPECT_EQ(LeastRepeats(0), 1);
+  EXPECT_EQ(LeastRepeats(0.6), 2);
+  EXPECT_EQ(LeastRepeats(0.999), 7);  // 2 of 3432 choices; 2 of 924 are too many
+}
+
+TEST(StatisticsTest, RepeatsDependOnConfidenceAndPower) {
+  EXPECT_EQ(RepeatsToShow(0.03, 0.01), 222);
+  EXPECT_EQ(RepeatsToShow(0.03, 0.01, 0.99), 331);
+  EXPECT_EQ(RepeatsToShow(0.03, 0.01, 0.95, 0.5), 109);
+  EXPECT_EQ(RepeatsToShow(0.03, 0.02, 0.95, 0.9), 75);
+  EXPECT_EQ(RepeatsToShow(1, 1e-9), 1'000'000) << "as many as none will record";
+}
+
+TEST(StatisticsTest, TrendsApproximationIsCorrectedForContinuity) {
+  EXPECT_NEAR(TestTrend({2.5, 4.0, 2.6, 3.6, 2.8, 3.1, 5.2, 5.0, 3.8}).p, 0.11785089502136512, 1e-12);
+  const Trend falling = TestTrend({9, 7, 8, 5, 5, 3, 4, 1});
+  EXPECT_DOUBLE_EQ(falling.score, -23);
+  EXPECT_NEAR(falling.tau, -23.0 / 28, 1e-12);
+  EXPECT_NEAR(falling.p, 0.00609054605657882, 1e-12);
+  EXPECT_DOUBLE_EQ(falling.slope, -1);
+}
+
+TEST(StatisticsTest, TrendWithTies) {
+  const Trend trend = TestTrend({1, 1, 2, 2, 2, 3, 1, 3, 3, 4, 4, 2});
+  EXPECT_DOUBLE_EQ(trend.score, 35);
+  EXPECT_NEAR(trend.p, 0.015072216073823563, 1e-12);  // 0.0197 if the ties were none
+  EXPECT_DOUBLE_EQ(trend.slope, 0.25);
+  const Trend flat = TestTrend({5, 5, 5, 5});
+  EXPECT_DOUBLE_EQ(flat.p, 1);
+  EXPECT_DOUBLE_EQ(flat.slope, 0);
+  EXPECT_DOUBLE_EQ(TestTrend({1, 2}).p, 1) << "two values have no trend that could be told from noise";
+}
+
+TEST(StatisticsTest, SaysWhatIsMissing) {
+  const auto error = [](const std::function<double()>& call) {
+    try {
+      return "no error: " + std::to_string(call());
+    } catch (const std::invalid_argument& caught) {
+      return std::string(caught.what());
+    }
+  };
+  EXPECT_EQ(error([] { return Median({}); }), "a quantile needs 1 values, got 0");
+  EXPECT_EQ(error([] { return Mean({}); }), "a mean needs 1 values, got 0");
+  EXPECT_EQ(error([] { return StandardDeviation({1}); }), "a standard deviation needs 2 values, got 1");
+  EXPECT_EQ(error([] { return CoefficientOfVariation({-1, 1}); }),
+            "a coefficient of variation needs a mean other than 0");
+  EXPECT_EQ(error([] { return NormalQuantile(1); }), "a normal quantile needs a probability in (0, 1)");
+  EXPECT_EQ(error([] { return BootstrapMedians({}, {})[0]; }), "a bootstrap needs 1 values, got 0");
+  EXPECT_EQ(error([] { return RankSumP({}, {1}); }), "a rank-sum test needs 1 values, got 0");
+  EXPECT_EQ(error([] { return RankSumP({1}, {}); }), "a rank-sum test needs 1 values, got 0");
+  EXPECT_EQ(error([] { return TestTrend({1}).p; }), "a trend needs 2 values, got 1");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <tuple>
 #include <utility>
 
+#include "histogram.h"
 #include "statistics.h"
 #include "text_format.h"
 
@@ -40,23 +41,11 @@ double StartOf(const std::set<double>& ends, double timeS) {
   return at == ends.begin() ? 0 : *std::prev(at);
 }
 
-std::uint64_t WeightedMedian(std::vector<std::pair<std::uint64_t, std::uint64_t>> valuesAndWeights) {
-  std::sort(valuesAndWeights.begin(), valuesAndWeights.end());
-  std::uint64_t whole = 0;
-  for (const auto& [value, weight] : valuesAndWeights) whole += weight;
-  std::uint64_t seen = 0;
-  for (const auto& [value, weight] : valuesAndWeights) {
-    seen += weight;
-    if (seen * 2 >= whole && weight != 0) return value;
-  }
-  return 0;
-}
-
 EngineSecond Add(const Rows& rows) {
   EngineSecond second;
   second.timeS = rows.front()->timeS;
   second.bytes = 0;
-  std::vector<std::pair<std::uint64_t, std::uint64_t>> medians;
+  std::map<std::uint64_t, std::uint64_t> medians;
   for (const Sample* row : rows) {
     second.operations += row->operations;
     if (row->bytes && second.bytes) {
@@ -65,11 +54,11 @@ EngineSecond Add(const Rows& rows) {
       second.bytes.reset();
     }
     second.failures += row->failures;
-    medians.emplace_back(row->p50Ns, row->operations);
+    medians[row->p50Ns] += row->operations;
     second.p99Ns = std::max(second.p99Ns, row->p99Ns);
     second.maxNs = std::max(second.maxNs, row->maxNs);
   }
-  second.p50Ns = WeightedMedian(std::move(medians));
+  if (second.operations != 0) second.p50Ns = AtQuantile(medians, 0.50)->first;
   return second;
 }
 
@@ -98,25 +87,16 @@ std::pair<std::size_t, std::size_t> WholeSeconds(const std::vector<EngineSecond>
   return {begin, end};
 }
 
-// By nearest rank, the middle of its bucket, which no operation took longer than the longest.
-std::optional<std::uint64_t> Percentile(
-    const std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>& buckets, double quantile,
-    std::uint64_t maxNs) {
-  std::uint64_t whole = 0;
-  for (const auto& [bucket, count] : buckets) whole += count;
-  if (whole == 0) return std::nullopt;
-  const double rank = std::max(1.0, std::ceil(quantile * static_cast<double>(whole)));
-  std::uint64_t seen = 0;
-  for (const auto& [bucket, count] : buckets) {
-    seen += count;
-    const std::uint64_t middle =
-        bucket.first + (std::max(bucket.second, bucket.first + 1) - 1 - bucket.first) / 2;
-    if (static_cast<double>(seen) >= rank) return maxNs == 0 ? middle : std::min(middle, maxNs);
-  }
-  return std::nullopt;
-}
-
 using Buckets = std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>;
+
+// The middle of the bucket, which no operation took longer than the longest.
+std::optional<std::uint64_t> Percentile(const Buckets& buckets, double quantile, std::uint64_t maxNs) {
+  const auto at = AtQuantile(buckets, quantile);
+  if (at == buckets.end()) return std::nullopt;
+  const auto [low, high] = at->first;
+  const std::uint64_t middle = low + (std::max(high, low + 1) - 1 - low) / 2;
+  return maxNs == 0 ? middle : std::min(middle, maxNs);
+}
 
 WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t firstWhole,
                           std::size_t endWhole, const Buckets& buckets) {

@@ -188,7 +188,7 @@ int LeastRepeats(double confidence) {
   do {
     ++repeats;
     choices *= 2.0 * (2.0 * repeats - 1) / repeats;
-  } while (2 / choices > (1 - confidence) * kRounding && repeats < kMostRepeats);
+  } while (2 / choices > (1 - confidence) * kRounding);
   return repeats;
 }
 

@@ -1,8 +1,5 @@
 #include "histogram.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include "latency_buckets.h"
 
 namespace scope {
@@ -18,15 +15,8 @@ void Histogram::Add(const Histogram& other) {
 }
 
 std::uint64_t Histogram::Percentile(double quantile) const {
-  if (total_ == 0) return 0;
-  const double exact = std::ceil(std::clamp(quantile, 0.0, 1.0) * static_cast<double>(total_));
-  const auto rank = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(exact));
-  std::uint64_t seen = 0;
-  for (const auto& [bucket, count] : buckets_) {
-    seen += count;
-    if (seen >= rank) return (BucketLow(bucket) + BucketHigh(bucket) - 1) / 2;
-  }
-  return BucketLow(buckets_.rbegin()->first);
+  const auto at = AtQuantile(buckets_, quantile);
+  return at == buckets_.end() ? 0 : (BucketLow(at->first) + BucketHigh(at->first) - 1) / 2;
 }
 
 }  // namespace scope

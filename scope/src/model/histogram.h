@@ -1,10 +1,26 @@
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 
 namespace scope {
+
+/// Of `counts`, a map of values to how often each came, the first entry that a share of `quantile` (0 to 1)
+/// of all does not exceed, by nearest rank. The end where nothing came.
+template <typename Counts>
+typename Counts::const_iterator AtQuantile(const Counts& counts, double quantile) {
+  std::uint64_t whole = 0;
+  for (const auto& [value, count] : counts) whole += count;
+  const double rank = std::max(1.0, std::ceil(quantile * static_cast<double>(whole)));
+  std::uint64_t seen = 0;
+  return std::find_if(counts.begin(), counts.end(), [&](const auto& entry) {
+    seen += entry.second;
+    return static_cast<double>(seen) >= rank;
+  });
+}
 
 /// Latencies counted in the meter's buckets (latency_buckets.h).
 class Histogram {
