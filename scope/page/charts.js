@@ -1,5 +1,6 @@
-// What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, series}. An axis is {title, min, max, log}; a series
-// {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap.
+// What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, marks, series}. An axis is {title, min, max, log}; a series
+// {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap; a mark
+// {x, text}.
 
 // Colours belong to engines. Lines of runs differ in dashes and points, lines of figures in weight.
 const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // of engines that the program has no colour for
@@ -43,6 +44,14 @@ function isDrawn(series) {
   return series.points.some((point) => point.y !== null);
 }
 
+// Numbers the warnings that have a time, for list and charts.
+function numberWarnings(runs) {
+  let number = 0;
+  for (const warning of runs.flatMap((run) => run.warnings)) {
+    if (warning.time_s !== null) warning.mark = String(++number);
+  }
+}
+
 // The charts of a report: `runs` and `engines` as in its data, the engines those that are drawn.
 class Charts {
   constructor(runs, engines, warmupS) {
@@ -67,6 +76,12 @@ class Charts {
     return kMoreColours[unknown.findIndex((engine) => engine.name === name) % kMoreColours.length];
   }
 
+  // The warnings on a chart of `runs`: those for which `belongs` holds.
+  marks(runs, belongs) {
+    return runs.flatMap((run) => run.warnings).filter((warning) => warning.mark && belongs(warning))
+        .map((warning) => ({x: warning.time_s, text: warning.mark}));
+  }
+
   // A line of the run; `what` tells it from the run's other lines in the chart.
   line(runIndex, colour, what, points, style = {}) {
     const several = this.runs.length > 1;
@@ -87,12 +102,13 @@ class Charts {
       if (this.runs[i].gigabytes_per_s === null) return [];
       const title = this.ofRun('Bandwidth of all engines', this.runs[i]);
       return [{...this.overTime(`total-${i}`, title, {title: 'Bandwidth (GB/s, stacked)', max: top}, series),
-        stacked: true, broad: this.runs.length === 1}];
+        stacked: true, broad: this.runs.length === 1, marks: this.marks([this.runs[i]], () => true)}];
     });
     if (charts.length < 2) return charts;
     const lines = sums.map((points, i) => this.line(i, kTotalColour, '', points)).filter(isDrawn);
     const axis = {title: 'Bandwidth (GB/s)', max: top};
-    return [{...this.overTime('totals', 'Bandwidth of all engines together', axis, lines), broad: true}, ...charts];
+    return [{...this.overTime('totals', 'Bandwidth of all engines together', axis, lines), broad: true,
+      marks: this.marks(this.runs, () => true)}, ...charts];
   }
 
   // The engines of a run, with a point for every second that one of them has. An engine that has not begun, or has ended,
@@ -118,7 +134,9 @@ class Charts {
     const measured = this.runs.some((run) => engineOf(run, engine) && failureOf(run, engine) === '');
     const charts = measured ? [this.rate(engine), this.bandwidth(engine), this.latency(engine), this.histogram(engine)] : [];
     charts.push(this.printed(engine, measured));
-    return charts.filter((chart) => chart.series.length > 0);
+    const marks = this.marks(this.runs, (warning) => warning.engine === engine);
+    return charts.filter((chart) => chart.series.length > 0)
+        .map((chart) => ({...chart, marks: chart.warmupS === undefined ? [] : marks}));
   }
 
   // A series for each run that has figures of the engine in `column` of its seconds.
@@ -209,7 +227,7 @@ class Charts {
         }));
         const axisTitle = counted ? `${axis}, since the run's start` : axis;
         return {...this.overTime(`counter-${i}-${number}`, this.ofRun(counters[0].source, run), {title: axisTitle}, series),
-          stepped: counted};
+          stepped: counted, marks: this.marks([run], (warning) => warning.engine === '')};
       });
     });
   }

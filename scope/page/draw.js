@@ -1,6 +1,7 @@
 // Draws a chart on its canvas.
 
 const kManyPoints = 150;
+const kCaution = '#b3261e';
 const kShade = '#8a93a033';
 
 // On a logarithmic axis: 1, 2 and 5 of each power of ten.
@@ -59,6 +60,27 @@ const kWarmUpShade = {
   },
 };
 
+// A line with a number at the time of each warning.
+const kWarningMarks = {
+  id: 'warningMarks',
+  afterDatasetsDraw(drawn, _, {marks}) {
+    const {ctx, chartArea, scales} = drawn;
+    ctx.save();
+    ctx.strokeStyle = ctx.fillStyle = kCaution;
+    ctx.setLineDash([3, 3]);
+    ctx.font = `bold 12px ${Chart.defaults.font.family}`;
+    for (const {x, text} of marks ?? []) {
+      const left = scales.x.getPixelForValue(x);
+      ctx.beginPath();
+      ctx.moveTo(left, chartArea.top);
+      ctx.lineTo(left, chartArea.bottom);
+      ctx.stroke();
+      ctx.fillText(text, left + 3, chartArea.top + 10);
+    }
+    ctx.restore();
+  },
+};
+
 function draw(canvas, chart) {
   const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
   const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
@@ -66,7 +88,7 @@ function draw(canvas, chart) {
   const labels = chart.stacked ? {boxHeight: 7} : {boxHeight: 1, boxWidth: 36};
   new Chart(canvas, {
     type: 'line',
-    plugins: [kWarmUpShade],
+    plugins: [kWarmUpShade, kWarningMarks],
     data: {datasets: chart.series.map((series) => dataset(series, chart))},
     options: {
       animation: false,
@@ -75,6 +97,7 @@ function draw(canvas, chart) {
       scales: {x, y},
       plugins: {
         warmUp: {endS: chart.warmupS},
+        warningMarks: {marks: chart.marks},
         legend: {display: chart.series.length > 1, labels},
         tooltip: {
           callbacks: {

@@ -33,6 +33,7 @@ function summarySection(data, engines, totals) {
 
 function showReport(data) {
   const engines = data.engines.filter((engine) => engine.load);
+  numberWarnings(data.runs);
   const charts = new Charts(data.runs, engines, data.warmup_s);
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));

@@ -100,12 +100,15 @@ function threadTable(runs) {
       table('figures', several ? ['Run', 'Engine'] : ['Engine'], ['Thread', ...figures, 'Exact fps'], rows));
 }
 
+// Warnings that have a time are numbered as on the charts.
 function warningList(runs) {
   const told = runs.filter((run) => run.warnings.length > 0);
   if (told.length === 0) return el('p', {}, 'None.');
   return el('div', {class: 'warnings'}, told.flatMap((run) => [
     ...(runs.length > 1 ? [el('h3', {}, run.name)] : []),
-    el('ul', {}, run.warnings.map((warning) => el('li', {}, warning))),
+    el('ul', {}, run.warnings.map((warning) => el('li', {},
+        warning.mark ? [el('span', {class: 'mark'}, warning.mark), ' '] : [], warning.text,
+        warning.mark ? absent(` from ${warning.time_s.toFixed(0)} s on`) : []))),
   ]));
 }
 

@@ -221,6 +221,31 @@ TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
   EXPECT_THAT(visit.Row("figures medians", {"all"}), ElementsAre("all", "–", "14.64", "–", "–", "–"));
 }
 
+TEST_F(ReportInBrowser, MarksWarningsOnTheTimeAxis) {
+  scope::Run run = made_run::Run();
+  for (scope::Sample& sample : run.samples) {
+    if (sample.engine == "venc" && sample.timeS >= 12) sample.failures = 1;
+  }
+  for (int second = 1; second <= 40; ++second) {
+    run.counters.push_back(
+        {static_cast<double>(second), "throttle", "cpu0", "events", second < 31 ? 7.0 : 8.0});
+  }
+  const Visit visit = Open(run, "report_marks", 6200);
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("1 venc: 30 operations failed from 12 s on"),
+                    HasSubstr("2 throttle: cpu0: throttled 1 times during the run from 31 s on")));
+  const json failures = json::parse(R"([{"x": 12, "text": "1"}])");
+  const json throttled = json::parse(R"([{"x": 31, "text": "2"}])");
+  EXPECT_EQ(visit.Chart("venc-rate")["marks"], failures);
+  EXPECT_EQ(visit.Chart("venc-latency")["marks"], failures);
+  EXPECT_EQ(visit.Chart("venc-histogram")["marks"], json::array());
+  EXPECT_EQ(visit.Chart("cpu-rate")["marks"], json::array());
+  EXPECT_EQ(visit.Chart("counter-0-0")["marks"], throttled);
+  EXPECT_EQ(visit.Chart("total-0")["marks"].size(), 2U);
+  EXPECT_GT(visit.Chart("venc-rate")["cautions"], 50);
+  EXPECT_EQ(visit.Chart("cpu-rate")["cautions"], 0);
+}
+
 TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   scope::Run other = made_run::Run();
   other.info.conditions.governor = "performance";

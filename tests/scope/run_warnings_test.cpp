@@ -14,7 +14,18 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 std::vector<std::string> WarningsOf(const scope::Run& run) {
-  return scope::Warnings(run, scope::Summarise(run));
+  std::vector<std::string> texts;
+  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(run)))
+    texts.push_back(warning.text);
+  return texts;
+}
+
+// The first warning that has a time.
+scope::Warning TimedWarning(const scope::Run& run) {
+  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(run))) {
+    if (warning.timeS) return warning;
+  }
+  return {};
 }
 
 // Without the copies, which take less than a millisecond.
@@ -28,6 +39,32 @@ scope::Run QuietRun() {
 
 TEST(RunWarnings, NoneWhereNothingIsAmiss) {
   EXPECT_THAT(WarningsOf(QuietRun()), IsEmpty());
+}
+
+TEST(RunWarnings, SayWhenAndOfWhichEngine) {
+  scope::Run failing = QuietRun();
+  scope::Run stopping = QuietRun();
+  scope::Run drifting = QuietRun();
+  for (std::size_t i = 0; i != failing.samples.size(); ++i) {
+    const scope::Sample& sample = failing.samples[i];
+    if (sample.engine != "venc") continue;
+    if (sample.timeS == 12 || sample.timeS == 20) failing.samples[i].failures = 1;
+    if (sample.timeS > 9) stopping.samples[i].operations = 0;
+    drifting.samples[i].operations = 100 - static_cast<std::uint64_t>(sample.timeS);
+  }
+  EXPECT_EQ(TimedWarning(failing).timeS, 12);
+  EXPECT_EQ(TimedWarning(failing).engine, "venc");
+  EXPECT_EQ(TimedWarning(stopping).timeS, 9);
+  EXPECT_EQ(TimedWarning(stopping).engine, "venc");
+  EXPECT_EQ(TimedWarning(drifting).timeS, 21);
+
+  scope::Run hot = QuietRun();
+  for (int second = 1; second <= 40; ++second) {
+    hot.counters.push_back(
+        {static_cast<double>(second), "throttle", "cpu0", "events", second < 31 ? 7.0 : 8.0});
+  }
+  EXPECT_EQ(TimedWarning(hot).timeS, 31);
+  EXPECT_EQ(TimedWarning(hot).engine, "");
 }
 
 TEST(RunWarnings, OperationsBelowAMillisecond) {

@@ -33,7 +33,7 @@ SideFigures Read(const Side& side, const CompareOptions& options) {
     for (const EngineSummary& engine : summary.engines) {
       if (HasShortOperations(engine)) figures.printedTooCoarsely.insert(engine.engine);
       if (!IsLoad(engine.engine) || engine.work.operations == 0) continue;
-      const std::string end = EarlyEnd(engine, summary.endS);
+      const std::string end = EarlyEnd(engine, summary.endS).text;
       if (!end.empty()) figures.stopped.emplace(engine.engine, end);
     }
     figures.runs.push_back(FiguresOf(summary, options.skipS));

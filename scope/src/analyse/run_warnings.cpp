@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <utility>
 
@@ -21,114 +22,146 @@ constexpr double kGreatestWholeRate = 1000;
 constexpr double kSlowedDown = 0.95;
 constexpr double kStoppedEarlyS = 2.5;
 
-using Texts = std::vector<std::string>;
+using List = std::vector<Warning>;
 
-void AddBuild(const Run& run, Texts& warnings) {
+void AddBuild(const Run& run, List& warnings) {
   const std::string& build = run.info.conditions.buildType;
   const bool optimised =
       build.empty() || build == "Release" || build == "RelWithDebInfo" || build == "MinSizeRel";
   if (!optimised) {
-    warnings.push_back("the benchmark was built as \"" + build +
-                       "\", for debugging: its figures are not those of a release");
+    warnings.push_back({"the benchmark was built as \"" + build +
+                            "\", for debugging: its figures are not those of a release",
+                        {},
+                        {}});
   }
 }
 
-void AddLoad(const Run& run, Texts& warnings) {
+void AddLoad(const Run& run, List& warnings) {
   const Conditions& machine = run.info.conditions;
   if (machine.loadAverage.empty() || machine.cpuCount <= 0) return;
   const double load = machine.loadAverage.front();
   if (load <= kBusyLoad * machine.cpuCount) return;
   warnings.push_back(
-      Format("the machine was busy at the start: a load average of %.2f on %d CPUs", load, machine.cpuCount));
+      {Format("the machine was busy at the start: a load average of %.2f on %d CPUs", load, machine.cpuCount),
+       {},
+       {}});
 }
 
-void AddFailures(const EngineSummary& engine, Texts& warnings) {
+void AddFailures(const EngineSummary& engine, List& warnings) {
   if (engine.work.failures == 0) return;
-  warnings.push_back(engine.engine + Format(": %llu operations failed",
-                                            static_cast<unsigned long long>(engine.work.failures)));
+  const auto first = std::find_if(engine.seconds.begin(), engine.seconds.end(),
+                                  [](const EngineSecond& second) { return second.failures != 0; });
+  warnings.push_back({engine.engine + Format(": %llu operations failed",
+                                             static_cast<unsigned long long>(engine.work.failures)),
+                      first == engine.seconds.end() ? std::nullopt : std::optional(first->timeS),
+                      engine.engine});
 }
 
-void AddDrift(const std::string& name, const std::vector<double>& rates, Texts& warnings) {
+// `times` and `rates` of equal length.
+void AddDrift(const std::string& name, const std::string& engine, const std::vector<double>& times,
+              const std::vector<double>& rates, List& warnings) {
   const double drift = DriftAtEnd(rates);
   if (std::abs(drift) <= kDrift) return;
   warnings.push_back(
-      name +
-      Format(": the rate is still drifting at the end, by %+.1f %% over the second half", drift * 100));
+      {name +
+           Format(": the rate is still drifting at the end, by %+.1f %% over the second half", drift * 100),
+       times[times.size() / 2], engine});
 }
 
-void AddShortOperations(const EngineSummary& engine, Texts& warnings) {
+void AddShortOperations(const EngineSummary& engine, List& warnings) {
   if (!HasShortOperations(engine)) return;
   warnings.push_back(
-      engine.engine +
-      Format(": %.0f %% of the operations take less than a millisecond, which the benchmark counts "
-             "as no time: its printed rate is not to be used",
-             engine.belowMillisecond * 100));
+      {engine.engine +
+           Format(": %.0f %% of the operations take less than a millisecond, which the benchmark counts "
+                  "as no time: its printed rate is not to be used",
+                  engine.belowMillisecond * 100),
+       {},
+       engine.engine});
 }
 
-void AddPrinted(const PrintedRates& printed, Texts& warnings) {
+void AddPrinted(const PrintedRates& printed, List& warnings) {
+  std::vector<double> times;
   std::vector<double> rates;
   for (const Rate& rate : printed.rates) {
-    if (rate.fps != 0 || !rates.empty()) rates.push_back(rate.fps);
+    if (rate.fps == 0 && rates.empty()) continue;
+    times.push_back(rate.timeS);
+    rates.push_back(rate.fps);
   }
   if (rates.empty()) {
     warnings.push_back(
-        printed.stress +
-        ": every printed rate is 0: its operations take less than a millisecond, or none succeeded");
+        {printed.stress +
+             ": every printed rate is 0: its operations take less than a millisecond, or none succeeded",
+         {},
+         printed.engine});
     return;
   }
   if (*std::max_element(rates.begin(), rates.end()) > kGreatestWholeRate) {
     warnings.push_back(
-        printed.stress +
-        ": printed rates above 1000 fps: operations take less than a millisecond, which the benchmark "
-        "counts as no time, and the rates are not to be used");
+        {printed.stress +
+             ": printed rates above 1000 fps: operations take less than a millisecond, which the benchmark "
+             "counts as no time, and the rates are not to be used",
+         {},
+         printed.engine});
     return;
   }
-  AddDrift(printed.stress, rates, warnings);
+  AddDrift(printed.stress, printed.engine, times, rates, warnings);
 }
 
 using Series = std::vector<const CounterValue*>;
 
-// Empty where the counter tells nothing amiss.
-std::string AboutCounter(const Series& series) {
+// When the counter first had a value for which `isAmiss` holds; one has.
+std::optional<double> FirstTime(const Series& series, const std::function<bool(double)>& isAmiss) {
+  return (*std::find_if(series.begin(), series.end(),
+                        [&](const auto* entry) { return isAmiss(entry->value); }))
+      ->timeS;
+}
+
+// An empty one where the counter tells nothing amiss.
+Warning AboutCounter(const Series& series) {
   const CounterValue& first = *series.front();
   const CounterValue& last = *series.back();
   const auto [lowAt, highAt] = std::minmax_element(
       series.begin(), series.end(), [](const auto* a, const auto* b) { return a->value < b->value; });
   const double low = (*lowAt)->value;
   const double high = (*highAt)->value;
-  if (first.source == "throttle" && last.value > first.value) {
-    return first.name + Format(": throttled %.0f times during the run", last.value - first.value);
-  }
-  if (first.source == "edac" && last.value > first.value) {
-    return first.name + Format(": %.0f memory errors during the run", last.value - first.value);
+  if (last.value > first.value && (first.source == "throttle" || first.source == "edac")) {
+    const char* const format = first.source == "throttle" ? ": throttled %.0f times during the run"
+                                                          : ": %.0f memory errors during the run";
+    return {first.name + Format(format, last.value - first.value),
+            FirstTime(series, [&](double value) { return value > first.value; }),
+            {}};
   }
   if (first.source == "devfreq" && low < high) {
-    return first.name +
-           Format(": the frequency changed during the run, between %.0f and %.0f MHz", low / 1e6, high / 1e6);
+    return {first.name + Format(": the frequency changed during the run, between %.0f and %.0f MHz",
+                                low / 1e6, high / 1e6),
+            FirstTime(series, [&](double value) { return value != first.value; }),
+            {}};
   }
   if (first.source == "cpufreq") {
     std::vector<double> late;
     for (std::size_t i = series.size() / 3 * 2; i != series.size(); ++i) late.push_back(series[i]->value);
     const double end = Median(std::move(late));
     if (end >= high * kSlowedDown) return {};
-    return first.name + Format(": slowed down from %.0f to %.0f MHz during the run", high, end);
+    return {first.name + Format(": slowed down from %.0f to %.0f MHz during the run", high, end),
+            FirstTime(series, [&](double value) { return value < high * kSlowedDown; }),
+            {}};
   }
   return {};
 }
 
 // One sentence for a source: a machine has as many of the same as it has CPUs.
-void AddCounters(const Run& run, Texts& warnings) {
+void AddCounters(const Run& run, List& warnings) {
   std::map<std::pair<std::string, std::string>, Series> byName;
   for (const CounterValue& value : run.counters) byName[{value.source, value.name}].push_back(&value);
-  std::map<std::string, Texts> bySource;
+  std::map<std::string, List> bySource;
   for (const auto& [name, series] : byName) {
-    std::string text = AboutCounter(series);
-    if (!text.empty()) bySource[name.first].push_back(std::move(text));
+    Warning warning = AboutCounter(series);
+    if (!warning.text.empty()) bySource[name.first].push_back(std::move(warning));
   }
-  for (const auto& [source, texts] : bySource) {
+  for (const auto& [source, ofSource] : bySource) {
     const std::string more =
-        texts.size() > 1 ? Format(" (and %zu more of this kind)", texts.size() - 1) : std::string();
-    warnings.push_back(source + ": " + texts.front() + more);
+        ofSource.size() > 1 ? Format(" (and %zu more of this kind)", ofSource.size() - 1) : std::string();
+    warnings.push_back({source + ": " + ofSource.front().text + more, ofSource.front().timeS, {}});
   }
 }
 
@@ -147,13 +180,16 @@ std::vector<double> Thinned(const std::vector<double>& values) {
 
 }  // namespace
 
-std::string EarlyEnd(const EngineSummary& engine, double endS) {
+Warning EarlyEnd(const EngineSummary& engine, double endS) {
   // An operation that goes on at the end began as long before it as the longest took.
   const auto stopped = [endS](const WorkSummary& work) {
     return endS - work.lastS > kStoppedEarlyS + static_cast<double>(work.maxNs) * 1e-9;
   };
-  if (engine.work.operations == 0) return "not one operation succeeded";
-  if (stopped(engine.work)) return Format("no operation after %.0f s of %.0f s", engine.work.lastS, endS);
+  if (engine.work.operations == 0) return {"not one operation succeeded", {}, engine.engine};
+  if (stopped(engine.work)) {
+    return {Format("no operation after %.0f s of %.0f s", engine.work.lastS, endS), engine.work.lastS,
+            engine.engine};
+  }
   std::size_t count = 0;
   double firstS = endS;
   for (const ThreadSummary& thread : engine.threads) {
@@ -162,8 +198,9 @@ std::string EarlyEnd(const EngineSummary& engine, double endS) {
     firstS = std::min(firstS, thread.work.lastS);
   }
   if (count == 0) return {};
-  return Format("%zu of %zu threads stopped, the first after %.0f s of %.0f s", count, engine.threads.size(),
-                firstS, endS);
+  return {Format("%zu of %zu threads stopped, the first after %.0f s of %.0f s", count, engine.threads.size(),
+                 firstS, endS),
+          firstS, engine.engine};
 }
 
 bool HasShortOperations(const EngineSummary& engine) {
@@ -180,21 +217,25 @@ double DriftAtEnd(const std::vector<double>& rates) {
   return trend.slope * static_cast<double>(half.size() - 1) / middle;
 }
 
-std::vector<std::string> Warnings(const Run& run, const RunSummary& summary) {
-  Texts warnings = run.notes;
+std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
+  List warnings;
+  for (const std::string& note : run.notes) warnings.push_back({note, {}, {}});
   AddBuild(run, warnings);
   AddLoad(run, warnings);
   for (const EngineSummary& engine : summary.engines) {
     AddFailures(engine, warnings);
     if (!IsLoad(engine.engine)) continue;
-    const std::string end = EarlyEnd(engine, summary.endS);
-    if (!end.empty()) warnings.push_back(engine.engine + ": " + end);
+    const Warning end = EarlyEnd(engine, summary.endS);
+    if (!end.text.empty()) warnings.push_back({engine.engine + ": " + end.text, end.timeS, engine.engine});
     AddShortOperations(engine, warnings);
+    std::vector<double> times;
     std::vector<double> rates;
     for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {
-      if (!engine.seconds[i].afterGap) rates.push_back(engine.seconds[i].OperationsPerS());
+      if (engine.seconds[i].afterGap) continue;
+      times.push_back(engine.seconds[i].timeS);
+      rates.push_back(engine.seconds[i].OperationsPerS());
     }
-    AddDrift(engine.engine, rates, warnings);
+    AddDrift(engine.engine, engine.engine, times, rates, warnings);
   }
   if (summary.engines.empty()) {
     for (const PrintedRates& printed : summary.printed) AddPrinted(printed, warnings);

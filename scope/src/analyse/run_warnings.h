@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,15 +9,21 @@
 
 namespace scope {
 
+struct Warning {
+  std::string text;             ///< a sentence; empty: there is nothing to warn of
+  std::optional<double> timeS;  ///< when it began, where that is known
+  std::string engine;           ///< the one that it is about; empty for the run or the machine
+};
+
 /// What is to be known before the figures of `run` are believed, a sentence each: what the reader noted (an
 /// incomplete run, gaps), a build for debugging, a busy machine at the start, failed operations, an engine
 /// that stopped working, rates still drifting at the end, printed rates that are not to be used, throttling
 /// and memory errors that the counters show. Empty where nothing is amiss.
-std::vector<std::string> Warnings(const Run& run, const RunSummary& summary);
+std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 
 /// Where `engine`, or a thread of it, did nothing any more before the run ended at `endS`: a sentence without
-/// the engine's name. Empty where all worked to the end.
-std::string EarlyEnd(const EngineSummary& engine, double endS);
+/// the engine's name. An empty one where all worked to the end.
+Warning EarlyEnd(const EngineSummary& engine, double endS);
 
 /// True where so many operations take less than a millisecond that the printed rate is not to be used.
 bool HasShortOperations(const EngineSummary& engine);

@@ -64,7 +64,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       Run run = ReadRun(folder + "/" + planned.folder);
       const RunSummary summary = Summarise(run);
       for (const EngineSummary& engine : summary.engines) {
-        const std::string end = IsLoad(engine.engine) ? EarlyEnd(engine, summary.endS) : std::string();
+        const std::string end = IsLoad(engine.engine) ? EarlyEnd(engine, summary.endS).text : std::string();
         if (end.empty()) continue;
         table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine.engine +
                               ": " + end);

@@ -5,6 +5,7 @@
 
 #include "run.h"
 #include "run_summary.h"
+#include "run_warnings.h"
 
 namespace scope {
 
@@ -12,7 +13,7 @@ namespace scope {
 struct ReportedRun {
   Run run;
   RunSummary summary;
-  std::vector<std::string> warnings;
+  std::vector<Warning> warnings;
   std::string name;  ///< how the report calls it: its label or folder, with a letter where there are several
 };
 

@@ -196,6 +196,11 @@ Json RunJson(const ReportedRun& reported) {
     sources.push_back(
         Json{{"source", source.source}, {"present", source.present}, {"reason", source.reason}});
   }
+  Json warnings = Json::array();
+  for (const Warning& warning : reported.warnings) {
+    warnings.push_back(
+        Json{{"text", warning.text}, {"time_s", OrNull(warning.timeS)}, {"engine", warning.engine}});
+  }
   return Json{{"name", reported.name},
               {"folder", reported.run.folder},
               {"tool", info.tool},
@@ -210,7 +215,7 @@ Json RunJson(const ReportedRun& reported) {
               {"meter", info.conditions.meter},
               {"config", Json{{"path", info.config.path}, {"text", info.config.text}, {"levels", levels}}},
               {"conditions", ConditionsJson(info.conditions)},
-              {"warnings", reported.warnings},
+              {"warnings", warnings},
               {"gigabytes_per_s", OrNull(reported.summary.gigabytesPerS)},
               {"engines", EnginesJson(reported)},
               {"printed", PrintedJson(reported.summary)},

@@ -80,7 +80,7 @@ std::string ReportText(const std::vector<ReportedRun>& runs) {
     if (!reported.run.info.conditions.meter && !empty) {
       text += "  no meter: rate lines alone, without operations, bytes and latencies\n";
     }
-    for (const std::string& warning : reported.warnings) text += "  warning: " + warning + "\n";
+    for (const Warning& warning : reported.warnings) text += "  warning: " + warning.text + "\n";
   }
   return text;
 }
