@@ -90,6 +90,50 @@ std::string ReadInterpolation(const char* name, Interpolation& interpolation) {
   return std::string("unknown interpolation ") + name + ", expected any, nearest, bilinear or area";
 }
 
+/// Takes over the option that getopt_long has found. Returns the empty string, or what is wrong with it.
+std::string TakeOption(int found, Options& options) {
+  constexpr unsigned int kMost = 1'000'000;
+  switch (found) {
+    case kModel:
+      return ReadModel(optarg, options.settings.modelFile);
+    case kRounds:
+      if (!ReadNumber(optarg, 1, kMost, options.settings.rounds)) return "--rounds takes 1 to 1000000";
+      break;
+    case kInterpolation:
+      return ReadInterpolation(optarg, options.settings.interpolation);
+    case kRowAlignment:
+      if (ReadNumber(optarg, 1, kMost, options.settings.rowAlignment)) break;
+      return "--row-alignment takes 1 to 1000000 bytes";
+    case kTimeout:
+      if (!ReadNumber(optarg, 1, kMost, options.timeoutS)) return "--timeout takes 1 to 1000000 seconds";
+      break;
+    case kOnly:
+      options.only.emplace_back(optarg);
+      break;
+    case kAllowSkip:
+      options.allowSkip = true;
+      break;
+    case kJunit:
+      options.junitFile = optarg;
+      break;
+    case kList:
+      options.list = true;
+      break;
+    case kHelp:
+      options.help = true;
+      break;
+    case kVersion:
+      options.version = true;
+      break;
+    case kRunOne:
+      options.runOne = optarg;
+      break;
+    default:
+      return "see --help";  // getopt_long has said the rest
+  }
+  return {};
+}
+
 }  // namespace
 
 std::string ReadOptions(int argc, char** argv, Options& options) {
@@ -106,53 +150,8 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
                           {"version", no_argument, nullptr, kVersion},
                           {"run-one", required_argument, nullptr, kRunOne},
                           {nullptr, 0, nullptr, 0}};
-  constexpr unsigned int kMost = 1'000'000;
   for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
-    std::string wrong;
-    switch (found) {
-      case kModel:
-        wrong = ReadModel(optarg, options.settings.modelFile);
-        break;
-      case kRounds:
-        if (!ReadNumber(optarg, 1, kMost, options.settings.rounds)) wrong = "--rounds takes 1 to 1000000";
-        break;
-      case kInterpolation:
-        wrong = ReadInterpolation(optarg, options.settings.interpolation);
-        break;
-      case kRowAlignment:
-        if (!ReadNumber(optarg, 1, kMost, options.settings.rowAlignment)) {
-          wrong = "--row-alignment takes 1 to 1000000 bytes";
-        }
-        break;
-      case kTimeout:
-        if (!ReadNumber(optarg, 1, kMost, options.timeoutS)) wrong = "--timeout takes 1 to 1000000 seconds";
-        break;
-      case kOnly:
-        options.only.emplace_back(optarg);
-        break;
-      case kAllowSkip:
-        options.allowSkip = true;
-        break;
-      case kJunit:
-        options.junitFile = optarg;
-        break;
-      case kList:
-        options.list = true;
-        break;
-      case kHelp:
-        options.help = true;
-        break;
-      case kVersion:
-        options.version = true;
-        break;
-      case kRunOne:
-        options.runOne = optarg;
-        break;
-      default:
-        wrong = "see --help";  // getopt_long has said the rest
-        break;
-    }
-    if (!wrong.empty()) return wrong;
+    if (std::string wrong = TakeOption(found, options); !wrong.empty()) return wrong;
   }
   if (optind < argc) return std::string("unexpected argument ") + argv[optind];
   return {};

@@ -41,6 +41,11 @@ struct Allowed {
   double low = 255;
   double high = 0;
   std::bitset<256> values;  ///< of the source pixels that count
+  bool onlyValues = false;  ///< one of `values`, and nothing in between
+
+  bool Holds(std::uint8_t value) const {
+    return value >= low && value <= high && (!onlyValues || values.test(value));
+  }
 
   void Add(int value) {
     low = std::min(low, static_cast<double>(value));
@@ -59,6 +64,78 @@ void ForEachPixel(const Range& columns, const Range& rows, Visit&& visit) {
 double Overlap(const Span& span, std::int64_t pixel) {
   const auto begin = static_cast<double>(pixel);
   return std::max(0.0, std::min(span.end, begin + 1) - std::max(span.begin, begin));
+}
+
+// What each interpolation makes of the source pixels under one pixel of the result. `at` gives the value of
+// one of them by column and row.
+
+template <typename At>
+Allowed AllowedByAny(const Span& columns, const Span& rows, At&& at) {
+  // A filter reaches beyond the pixel's own area, and a sharp one overshoots at an edge.
+  const auto margin = static_cast<std::int64_t>(
+      std::ceil(std::max({columns.end - columns.begin, rows.end - rows.begin, 2.0})));
+  Allowed allowed;
+  ForEachPixel(RangeOf(columns, margin), RangeOf(rows, margin),
+               [&](std::int64_t column, std::int64_t row) { allowed.Add(at(column, row)); });
+  const double tolerance = 1 + 0.2 * (allowed.high - allowed.low);
+  allowed.low -= tolerance;
+  allowed.high += tolerance;
+  return allowed;
+}
+
+template <typename At>
+Allowed AllowedByNearest(const Span& columns, const Span& rows, At&& at) {
+  Allowed allowed;
+  ForEachPixel(RangeOf(columns, 1), RangeOf(rows, 1),
+               [&](std::int64_t column, std::int64_t row) { allowed.Add(at(column, row)); });
+  allowed.onlyValues = true;
+  return allowed;
+}
+
+template <typename At>
+Allowed AllowedByBilinear(const Span& columns, const Span& rows, At&& at) {
+  const double column = (columns.begin + columns.end) / 2 - 0.5;
+  const double row = (rows.begin + rows.end) / 2 - 0.5;
+  const auto left = static_cast<std::int64_t>(std::floor(column));
+  const auto top = static_cast<std::int64_t>(std::floor(row));
+  const double right = column - static_cast<double>(left);
+  const double down = row - static_cast<double>(top);
+  const double value = (1 - down) * ((1 - right) * at(left, top) + right * at(left + 1, top)) +
+                       down * ((1 - right) * at(left, top + 1) + right * at(left + 1, top + 1));
+  Allowed allowed;
+  allowed.low = value - 2;
+  allowed.high = value + 2;
+  return allowed;
+}
+
+template <typename At>
+Allowed AllowedByArea(const Span& columns, const Span& rows, At&& at) {
+  double sum = 0;
+  double weights = 0;
+  ForEachPixel(RangeOf(columns, 0), RangeOf(rows, 0), [&](std::int64_t column, std::int64_t row) {
+    const double weight = Overlap(columns, column) * Overlap(rows, row);
+    sum += weight * at(column, row);
+    weights += weight;
+  });
+  Allowed allowed;
+  allowed.low = sum / weights - 1;
+  allowed.high = sum / weights + 1;
+  return allowed;
+}
+
+template <typename At>
+Allowed AllowedBy(Interpolation interpolation, const Span& columns, const Span& rows, At&& at) {
+  switch (interpolation) {
+    case Interpolation::kAny:
+      break;
+    case Interpolation::kNearest:
+      return AllowedByNearest(columns, rows, at);
+    case Interpolation::kBilinear:
+      return AllowedByBilinear(columns, rows, at);
+    case Interpolation::kArea:
+      return AllowedByArea(columns, rows, at);
+  }
+  return AllowedByAny(columns, rows, at);
 }
 
 }  // namespace
@@ -99,55 +176,11 @@ int Picture::At(std::int64_t x, std::int64_t y, std::size_t channel) const {
 void Picture::RequireScaled(const Ormis::ImageData& image, const Settings& settings) const {
   const std::size_t rowBytes = RowBytes(image.width, settings);
   const auto check = [&](std::uint32_t x, std::uint32_t y, std::size_t channel) {
-    const Span columns = SpanOf(x, width_, image.width);
-    const Span rows = SpanOf(y, height_, image.height);
-    Allowed allowed;
-    const auto add = [&](std::int64_t column, std::int64_t row) { allowed.Add(At(column, row, channel)); };
-    bool ofTheSource = false;
-    switch (settings.interpolation) {
-      case Interpolation::kAny: {
-        // A filter reaches beyond the pixel's own area, and a sharp one overshoots at an edge.
-        const auto margin = static_cast<std::int64_t>(
-            std::ceil(std::max({columns.end - columns.begin, rows.end - rows.begin, 2.0})));
-        ForEachPixel(RangeOf(columns, margin), RangeOf(rows, margin), add);
-        const double tolerance = 1 + 0.2 * (allowed.high - allowed.low);
-        allowed.low -= tolerance;
-        allowed.high += tolerance;
-        break;
-      }
-      case Interpolation::kNearest:
-        ForEachPixel(RangeOf(columns, 1), RangeOf(rows, 1), add);
-        ofTheSource = true;
-        break;
-      case Interpolation::kBilinear: {
-        const double column = (columns.begin + columns.end) / 2 - 0.5;
-        const double row = (rows.begin + rows.end) / 2 - 0.5;
-        const auto left = static_cast<std::int64_t>(std::floor(column));
-        const auto top = static_cast<std::int64_t>(std::floor(row));
-        const double right = column - static_cast<double>(left);
-        const double down = row - static_cast<double>(top);
-        const double value =
-            (1 - down) * ((1 - right) * At(left, top, channel) + right * At(left + 1, top, channel)) +
-            down * ((1 - right) * At(left, top + 1, channel) + right * At(left + 1, top + 1, channel));
-        allowed.low = value - 2;
-        allowed.high = value + 2;
-        break;
-      }
-      case Interpolation::kArea: {
-        double sum = 0;
-        double weights = 0;
-        ForEachPixel(RangeOf(columns, 0), RangeOf(rows, 0), [&](std::int64_t column, std::int64_t row) {
-          const double weight = Overlap(columns, column) * Overlap(rows, row);
-          sum += weight * At(column, row, channel);
-          weights += weight;
-        });
-        allowed.low = sum / weights - 1;
-        allowed.high = sum / weights + 1;
-        break;
-      }
-    }
+    const Allowed allowed =
+        AllowedBy(settings.interpolation, SpanOf(x, width_, image.width), SpanOf(y, height_, image.height),
+                  [&](std::int64_t column, std::int64_t row) { return At(column, row, channel); });
     const std::uint8_t found = image.data[y * rowBytes + x * kChannels + channel];
-    if (found >= allowed.low && found <= allowed.high && (!ofTheSource || allowed.values.test(found))) return;
+    if (allowed.Holds(found)) return;
     throw Failure("pixel " + std::to_string(x) + "," + std::to_string(y) + " of " +
                   std::to_string(image.width) + "x" + std::to_string(image.height) + ", channel " +
                   std::to_string(channel) + ", is " + std::to_string(found) + ", expected " +
