@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cctype>
 #include <csignal>
+#include <fstream>
 #include <functional>
 #include <sstream>
+#include <stdexcept>
 
 #include "program_test.h"
 
@@ -81,15 +83,65 @@ class FaultTest : public ProgramTest {
 
 constexpr int kCode = 777;
 
+/// A row of worker_faults.txt.
 struct Fault {
-  const char* name;
-  const char* section;                  // the stress under test
-  const char* operation;                // with the number of the call
-  const char* message;                  // the text of the error record
-  const char* last;                     // the error record that ends the worker, where that is another
-  std::vector<std::string> callsAfter;  // what the failed worker calls afterwards
+  std::string name;
+  std::string stress;
+  int level = 0;
+  std::string operation;                // with the number of the call
   bool inTearDown = false;              // the fault happens after SIGINT
+  std::string message;                  // the text of the error record
+  std::string last;                     // how the error record begins that ends the worker
+  std::vector<std::string> callsAfter;  // what the failed worker calls afterwards
 };
+
+std::string Section(const std::string& stress, int level) {
+  const std::string file = stress == "AIC" ? std::string(", File: ") + TINY_NETWORK : "";
+  return stress + ": {Level: " + std::to_string(level) + file + "}\n";
+}
+
+/// The rows of a table, without its comments and empty lines.
+std::vector<std::string> Rows(const char* path) {
+  std::ifstream file(path);
+  std::vector<std::string> rows;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.empty() && line.front() != '#') rows.push_back(line);
+  }
+  if (rows.empty()) throw std::runtime_error(std::string("no rows in ") + path);
+  return rows;
+}
+
+std::vector<std::string> Columns(const std::string& row) {
+  std::vector<std::string> columns;
+  for (std::size_t begin = 0; begin <= row.size();) {
+    const std::size_t end = std::min(row.find(';', begin), row.size());
+    const std::size_t first = std::min(row.find_first_not_of(' ', begin), end);
+    columns.push_back(row.substr(first, end - first));
+    begin = end + 1;
+  }
+  return columns;
+}
+
+std::vector<Fault> ReadFaults() {
+  std::vector<Fault> faults;
+  for (const std::string& row : Rows(WORKER_FAULTS)) {
+    const std::vector<std::string> columns = Columns(row);
+    if (columns.size() != 7 || (columns[3] != "running" && columns[3] != "ending")) {
+      throw std::runtime_error("not a row of worker_faults.txt: " + row);
+    }
+    Fault fault;
+    fault.name = columns[0];
+    std::istringstream(columns[1]) >> fault.stress >> fault.level;
+    fault.operation = columns[2];
+    fault.inTearDown = columns[3] == "ending";
+    fault.message = columns[4];
+    fault.last = columns[5].empty() ? fault.message : columns[5];
+    std::istringstream calls(columns[6]);
+    for (std::string call; calls >> call;) fault.callsAfter.push_back(call);
+    faults.push_back(fault);
+  }
+  return faults;
+}
 
 std::ostream& operator<<(std::ostream& stream, const Fault& fault) {
   return stream << fault.operation;
@@ -99,23 +151,22 @@ class WorkerFaultTest : public FaultTest, public testing::WithParamInterface<Fau
 
 TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
   const Fault& fault = GetParam();
-  Launch launch = Faulty(std::string(fault.section) + "CPU: {Level: 1}\n",
-                         std::string(fault.operation) + ":fail=" + std::to_string(kCode));
+  Launch launch = Faulty(Section(fault.stress, fault.level) + "CPU: {Level: 1}\n",
+                         fault.operation + ":fail=" + std::to_string(kCode));
   Program program(std::move(launch));
-  const std::string end = fault.last == nullptr ? fault.message : fault.last;
   if (fault.inTearDown) {
     ASSERT_TRUE(program.ReadLine().has_value()) << program.Wait(std::chrono::seconds(0));
   } else {
-    ASSERT_TRUE(program.WaitForError(end)) << program.Wait(std::chrono::seconds(0));
+    ASSERT_TRUE(program.WaitForError(fault.last)) << program.Wait(std::chrono::seconds(0));
   }
   // The copies go on, and so does the second worker of the failed worker's stress.
   if (!fault.inTearDown) {
-    const bool second = std::string(fault.section).find("Level: 2") != std::string::npos;
     const auto othersGoOn = [&] {
       const std::vector<Call> calls = Calls();
       return OthersCalledAfter(calls, kCode, {"memcpy_s"}) &&
-             (!second || OthersCalledAfter(calls, kCode,
-                                           {"QetImageResize", "QetVenc::GetStream", "QetDNNModelProcess"}));
+             (fault.level < 2 ||
+              OthersCalledAfter(calls, kCode,
+                                {"QetImageResize", "QetVenc::GetStream", "QetDNNModelProcess"}));
     };
     while (!othersGoOn() && program.Seconds() < 60) program.RunFor(std::chrono::milliseconds(20));
     EXPECT_TRUE(othersGoOn());
@@ -125,8 +176,8 @@ TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
   EXPECT_THAT(ending, Exited(0));
 
   const std::vector<std::string> texts = Texts(LogFile());
-  EXPECT_THAT(texts, Contains(std::string("ERROR ") + fault.message).Times(1));
-  EXPECT_THAT(texts, Contains(testing::StartsWith("ERROR " + end)).Times(1));
+  EXPECT_THAT(texts, Contains("ERROR " + fault.message).Times(1));
+  EXPECT_THAT(texts, Contains(testing::StartsWith("ERROR " + fault.last)).Times(1));
   const std::vector<Call> calls = Calls();
   EXPECT_EQ(CallsAfter(calls, kCode), fault.callsAfter);
   ASSERT_FALSE(calls.empty());
@@ -138,315 +189,10 @@ TEST_P(WorkerFaultTest, IsLoggedAndTheOthersGoOn) {
 const std::string kModel = std::string("AIC: {Level: 1, File: ") + TINY_NETWORK + "}\n";
 const std::string kModels = std::string("AIC: {Level: 2, File: ") + TINY_NETWORK + "}\n";
 const char* const kVpc = "VPC: {Level: 1}\n";
-const char* const kVpcs = "VPC: {Level: 2}\n";
 const char* const kVenc = "VENC: {Level: 1}\n";
-const char* const kVencs = "VENC: {Level: 2}\n";
 
-constexpr char kResizeFailed[] = "VPCResize() | QetImageResize failed, ret = ";
-constexpr char kSendFailed[] = "VencProcess() | venc SendFrame fail, ret = ";
-constexpr char kNodeFailed[] = "AICoreStressNode() | [AicoreStress] AICore stress node initialize failed.";
-constexpr char kInferenceFailed[] =
-    "AICoreStressNode() | [AicoreStress] AICore stress node inference failed.";
-
-using Names = std::vector<std::string>;
-
-// A VPC worker whose set-up failed goes on to its first resize, which the real platform refuses.
-const Names kPrepareRefused = {"QetImageMallocAligned", "QetImageResize"};
-const Names kPrepareWorks = {"QetImageMallocAligned", "QetMemcpyToKivu", "QetImageMallocAligned",
-                             "QetImageResize"};
-
-INSTANTIATE_TEST_SUITE_P(
-    All, WorkerFaultTest,
-    testing::Values(Fault{"VpcLaterCreateChannel", kVpcs, "QetCreateChannel:2",
-                          "VpcInit() | QetCreateChannel fail, ret = 777", kResizeFailed, kPrepareWorks},
-                    Fault{"VpcLaterAllocation",
-                          kVpcs,
-                          "QetImageMallocAligned:4",
-                          "VpcPerpare() | QetImageMallocAligned fail, ret = 777",
-                          kResizeFailed,
-                          {"QetImageResize"}},
-                    Fault{"VpcLaterDestroySource",
-                          kVpcs,
-                          "QetImageDestroy:4",
-                          "VPCResize() | QetImageDestroy(srcImage) failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcLaterDestroyContext",
-                          kVpcs,
-                          "QetDestroyContext:2",
-                          "VPCResize() | QetDestroyContext failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VencLaterSetCurrentContext",
-                          kVencs,
-                          "QetSetCurrentContext:2",
-                          "VencInit() | QetSetCurrentContext fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencLaterDestroyContext",
-                          kVencs,
-                          "QetDestroyContext:2",
-                          "VencProcess() | [AicoreStress] AICoreStressNode QetDestroyContext failed.",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"AicFirstSetCurrentContext",
-                          kModels.c_str(),
-                          "QetSetCurrentContext:1",
-                          "AICoreInit() | QetSetCurrentContext failed",
-                          kNodeFailed,
-                          {}},
-                    Fault{"AicLaterRelease",
-                          kModels.c_str(),
-                          "QetDNNRelease:2",
-                          "AICoreRelease() | [AicoreStress] NNProcessPipeline QetDNNRelease failed.",
-                          nullptr,
-                          {"QetDestroyContext"},
-                          true},
-                    Fault{"AicLaterDestroyContext",
-                          kModels.c_str(),
-                          "QetDestroyContext:2",
-                          "AICoreRelease() | [AicoreStress] QetDestroyContext failed.",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcFirstCreateContext", kVpcs, "QetCreateContext:1",
-                          "VpcInit() | QetCreateContext fail, ret = 777", kResizeFailed, kPrepareRefused},
-                    Fault{"VpcLaterCreateContext", kVpcs, "QetCreateContext:2",
-                          "VpcInit() | QetCreateContext fail, ret = 777", kResizeFailed, kPrepareRefused},
-                    Fault{"VpcFirstSetCurrentContext", kVpcs, "QetSetCurrentContext:1",
-                          "VpcInit() | QetSetCurrentContext fail, ret = 777", kResizeFailed, kPrepareRefused},
-                    Fault{"VpcLaterSetCurrentContext", kVpcs, "QetSetCurrentContext:2",
-                          "VpcInit() | QetSetCurrentContext fail, ret = 777", kResizeFailed, kPrepareRefused},
-                    Fault{"VpcCreateChannel", kVpc, "QetCreateChannel:1",
-                          "VpcInit() | QetCreateChannel fail, ret = 777", kResizeFailed, kPrepareWorks},
-                    Fault{"VpcSourceAllocation",
-                          kVpc,
-                          "QetImageMallocAligned:1",
-                          "VpcPerpare() | QetImageMallocAligned fail, ret = 777",
-                          kResizeFailed,
-                          {"QetImageResize"}},
-                    Fault{"VpcDestinationAllocation",
-                          kVpc,
-                          "QetImageMallocAligned:2",
-                          "VpcPerpare() | QetImageMallocAligned fail, ret = 777",
-                          kResizeFailed,
-                          {"QetImageResize"}},
-                    Fault{"VpcCopy",
-                          kVpc,
-                          "QetMemcpyToKivu:1",
-                          "VpcPerpare() | QetMemcpyToKivu fail, ret = 777",
-                          kResizeFailed,
-                          {"QetImageResize"}},
-                    Fault{"VpcLaterCopy",
-                          kVpcs,
-                          "QetMemcpyToKivu:2",
-                          "VpcPerpare() | QetMemcpyToKivu fail, ret = 777",
-                          kResizeFailed,
-                          {"QetImageResize"}},
-                    Fault{"VpcFirstResize",
-                          kVpcs,
-                          "QetImageResize:1",
-                          "VPCResize() | QetImageResize failed, ret = 777",
-                          nullptr,
-                          {}},
-                    Fault{"VpcLaterResize",
-                          kVpcs,
-                          "QetImageResize:9",
-                          "VPCResize() | QetImageResize failed, ret = 777",
-                          nullptr,
-                          {}},
-                    Fault{"VpcDestroyDestination",
-                          kVpc,
-                          "QetImageDestroy:1",
-                          "VPCResize() | QetImageDestroy(dstImage) failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcDestroySource",
-                          kVpc,
-                          "QetImageDestroy:2",
-                          "VPCResize() | QetImageDestroy(srcImage) failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcDestroyChannel",
-                          kVpc,
-                          "QetDestroyChannel:1",
-                          "VPCResize() | QetDestroyChannel failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcLaterDestroyChannel",
-                          kVpcs,
-                          "QetDestroyChannel:2",
-                          "VPCResize() | QetDestroyChannel failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VpcDestroyContext",
-                          kVpc,
-                          "QetDestroyContext:1",
-                          "VPCResize() | QetDestroyContext failed, ret = 777",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"VencFirstCreateContext",
-                          kVencs,
-                          "QetCreateContext:1",
-                          "VencInit() | QetCreateContext fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencLaterCreateContext",
-                          kVencs,
-                          "QetCreateContext:2",
-                          "VencInit() | QetCreateContext fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencSetCurrentContext",
-                          kVenc,
-                          "QetSetCurrentContext:1",
-                          "VencInit() | QetSetCurrentContext fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencFirstInit",
-                          kVencs,
-                          "QetVenc::Init:1",
-                          "VencInit() | venc init fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencLaterInit",
-                          kVencs,
-                          "QetVenc::Init:2",
-                          "VencInit() | venc init fail, ret = 777",
-                          kSendFailed,
-                          {"QetVenc::SendFrame", "QetVenc::~QetVenc"}},
-                    Fault{"VencFirstSendFrame",
-                          kVencs,
-                          "QetVenc::SendFrame:1",
-                          "VencProcess() | venc SendFrame fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencLaterSendFrame",
-                          kVencs,
-                          "QetVenc::SendFrame:9",
-                          "VencProcess() | venc SendFrame fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencFirstGetStream",
-                          kVencs,
-                          "QetVenc::GetStream:1",
-                          "VencProcess() | venc GetStream fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencLaterGetStream",
-                          kVencs,
-                          "QetVenc::GetStream:9",
-                          "VencProcess() | venc GetStream fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencFirstReleaseStream",
-                          kVencs,
-                          "QetVenc::ReleaseStream:1",
-                          "VencProcess() | venc ReleaseStream fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencLaterReleaseStream",
-                          kVencs,
-                          "QetVenc::ReleaseStream:9",
-                          "VencProcess() | venc ReleaseStream fail, ret = 777",
-                          nullptr,
-                          {"QetVenc::~QetVenc"}},
-                    Fault{"VencDestroyContext",
-                          kVenc,
-                          "QetDestroyContext:1",
-                          "VencProcess() | [AicoreStress] AICoreStressNode QetDestroyContext failed.",
-                          nullptr,
-                          {},
-                          true},
-                    Fault{"AicFirstCreateContext",
-                          kModels.c_str(),
-                          "QetCreateContext:1",
-                          "AICoreInit() | Create context failed",
-                          kNodeFailed,
-                          {}},
-                    Fault{"AicLaterCreateContext",
-                          kModels.c_str(),
-                          "QetCreateContext:2",
-                          "AICoreInit() | Create context failed",
-                          kNodeFailed,
-                          {}},
-                    Fault{"AicLaterSetCurrentContext",
-                          kModels.c_str(),
-                          "QetSetCurrentContext:2",
-                          "AICoreInit() | QetSetCurrentContext failed",
-                          kNodeFailed,
-                          {}},
-                    Fault{"AicFirstModelInitialize",
-                          kModels.c_str(),
-                          "QetDNNModelInitialize:1",
-                          "AICoreInit() | [AicoreStress] Init dnn model failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicLaterModelInitialize",
-                          kModels.c_str(),
-                          "QetDNNModelInitialize:2",
-                          "AICoreInit() | [AicoreStress] Init dnn model failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicFirstCreateInput",
-                          kModels.c_str(),
-                          "QetDNNModelCreateInput:1",
-                          "AICoreInit() | Create input failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicLaterCreateInput",
-                          kModels.c_str(),
-                          "QetDNNModelCreateInput:2",
-                          "AICoreInit() | Create input failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicFirstCreateOutput",
-                          kModels.c_str(),
-                          "QetDNNModelCreateOutput:1",
-                          "AICoreInit() | Create output failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicLaterCreateOutput",
-                          kModels.c_str(),
-                          "QetDNNModelCreateOutput:2",
-                          "AICoreInit() | Create output failed!",
-                          kNodeFailed,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicFirstProcess",
-                          kModels.c_str(),
-                          "QetDNNModelProcess:1",
-                          kInferenceFailed,
-                          nullptr,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicLaterProcess",
-                          kModels.c_str(),
-                          "QetDNNModelProcess:5",
-                          kInferenceFailed,
-                          nullptr,
-                          {"QetDNNRelease", "QetDestroyContext"}},
-                    Fault{"AicRelease",
-                          kModel.c_str(),
-                          "QetDNNRelease:1",
-                          "AICoreRelease() | [AicoreStress] NNProcessPipeline QetDNNRelease failed.",
-                          nullptr,
-                          {"QetDestroyContext"},
-                          true},
-                    Fault{"AicDestroyContext",
-                          kModel.c_str(),
-                          "QetDestroyContext:1",
-                          "AICoreRelease() | [AicoreStress] QetDestroyContext failed.",
-                          nullptr,
-                          {},
-                          true}),
-    [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(All, WorkerFaultTest, testing::ValuesIn(ReadFaults()),
+                         [](const testing::TestParamInfo<Fault>& info) { return info.param.name; });
 
 TEST_F(FaultTest, FailedInitializeEndsTheProgramWithoutARelease) {
   const Ending ending = Run(Faulty("CPU: {Level: 1}\n", "QetInitialize:1:fail=777"));
@@ -616,10 +362,9 @@ TEST_F(FaultTest, ReleaseFreesWhatFailedWorkersLeft) {
   EXPECT_THAT(Made(), UnorderedElementsAre("1 0 0 QetImageResize 3", "1 0 0 QetVenc::GetStream 3"));
 }
 
-// For every operation of every engine: an interrupt during the call ends the run cleanly, and a delay changes
-// nothing but time. The call is the operation's first, and for operations that workers repeat also a later
-// one. For the configuration's operations it is the first after the handler was installed.
-class OperationTest : public FaultTest, public testing::WithParamInterface<const char*> {
+// For each row of operations.txt: an interrupt during the call ends the run cleanly, and a delay changes
+// nothing but time.
+class OperationTest : public FaultTest, public testing::WithParamInterface<std::string> {
  protected:
   static std::string EveryEngine() {
     return std::string("VPC: {Level: 1}\nVENC: {Level: 1}\nCPU: {Level: 1}\n") + kModel;
@@ -666,27 +411,15 @@ TEST_P(OperationTest, ADelayOfItChangesNothingElse) {
   EXPECT_THAT(Made(), ElementsAre(Delayed(call)));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, OperationTest,
-    testing::Values("QetYamlNode::QetYamlNode:2", "QetYamlNode::operator[]:2", "QetYamlNode::AsIf:2",
-                    "QetYamlNode::GetValue<unsigned>:1", "QetYamlNode::GetValue<unsigned>:2",
-                    "QetYamlNode::GetValue<string>:1", "QetYamlNode::~QetYamlNode:2", "ParseLogLevel:1",
-                    "ParseLogLevel:2", "ParseLogMode:1", "QetInitialize:1", "QetRelease:1",
-                    "QetCreateContext:1", "QetSetCurrentContext:1", "QetDestroyContext:1",
-                    "QetCreateChannel:1", "QetDestroyChannel:1", "QetImageMallocAligned:1",
-                    "QetMemcpyToKivu:1", "QetImageResize:1", "QetImageResize:9", "QetImageDestroy:1",
-                    "QetVenc::Init:1", "QetVenc::SendFrame:1", "QetVenc::SendFrame:9", "QetVenc::GetStream:1",
-                    "QetVenc::ReleaseStream:1", "QetVenc::~QetVenc:1", "QetDNNModelInitialize:1",
-                    "QetDNNModelCreateInput:1", "QetDNNModelCreateOutput:1", "QetDNNModelProcess:1",
-                    "QetDNNModelProcess:9", "QetDNNRelease:1", "memcpy_s:1", "memcpy_s:9"),
-    [](const testing::TestParamInfo<const char*>& info) {
-      std::string name;
-      for (const char* c = info.param; *c != '\0'; ++c) {
-        if (std::isalnum(static_cast<unsigned char>(*c)) != 0) name += *c;
-        if (*c == '~') name += "End";
-      }
-      return name;
-    });
+INSTANTIATE_TEST_SUITE_P(All, OperationTest, testing::ValuesIn(Rows(OPERATIONS)),
+                         [](const testing::TestParamInfo<std::string>& info) {
+                           std::string name;
+                           for (const char c : info.param) {
+                             if (std::isalnum(static_cast<unsigned char>(c)) != 0) name += c;
+                             if (c == '~') name += "End";
+                           }
+                           return name;
+                         });
 
 TEST_F(FaultTest, AnInterruptBeforeTheHandlerIsInstalledKillsTheProgram) {
   for (const std::string call : {"QetYamlNode::QetYamlNode:1", "QetYamlNode::operator[]:1",
