@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "engines.h"
 #include "meter_reader.h"
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"
@@ -27,9 +28,9 @@
 namespace {
 
 constexpr int kCallsARound = 20'000;
+// Of each load, in the order of the engines.
 constexpr const char* kOperations[] = {"memcpy_s", "QetImageResize", "encode (3 calls)",
                                        "QetDNNModelProcess"};
-constexpr const char* kEngines[] = {"cpu", "vpc", "venc", "aic"};
 constexpr std::chrono::seconds kMeasured{10};
 
 // The least disturbed round, ns a call.
@@ -167,12 +168,15 @@ int main(int argc, char** argv) {
   const std::map<std::string, Busy> engines = RunEngines(argv[2]);
   (void)std::printf("\n%-20s %10s %16s %14s %14s\n", "engine", "operations", "ns an operation", "meter adds",
                     "of its rate");
-  for (std::size_t i = 0; i < std::size(kEngines); ++i) {
-    const auto at = engines.find(kEngines[i]);
+  std::size_t i = 0;
+  for (const scope::EngineInfo& engine : scope::Engines()) {
+    if (!engine.load || i == std::size(kOperations)) continue;
+    const double added = metered[i] - plain[i];
+    ++i;
+    const auto at = engines.find(engine.id);
     if (at == engines.end() || at->second.operations == 0) continue;
     const double ns = static_cast<double>(at->second.ns) / static_cast<double>(at->second.operations);
-    const double added = metered[i] - plain[i];
-    (void)std::printf("%-20s %10llu %16.0f %14.1f %12.4f %%\n", kEngines[i],
+    (void)std::printf("%-20s %10llu %16.0f %14.1f %12.4f %%\n", engine.id,
                       static_cast<unsigned long long>(at->second.operations), ns, added, added / ns * 100);
   }
   return 0;

@@ -5,6 +5,7 @@
 #include <map>
 #include <tuple>
 
+#include "engines.h"
 #include "errors.h"
 #include "run_summary.h"
 #include "run_warnings.h"

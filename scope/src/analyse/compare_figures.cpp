@@ -4,11 +4,11 @@
 #include <optional>
 #include <tuple>
 
+#include "engines.h"
+
 namespace scope {
 namespace {
 
-// In the order in which they are listed.
-const std::vector<std::string> kFigureOrder = {"cpu", "vpc", "venc", "aic", kAllEngines};
 constexpr double kNsPerUs = 1e3;
 
 using Values = std::map<FigureKey, std::vector<double>>;
@@ -59,8 +59,8 @@ const FigureKind& KindOf(Figure figure) {
 
 bool operator<(const FigureKey& left, const FigureKey& right) {
   const auto rank = [](const FigureKey& key) {
-    return std::tuple(std::find(kFigureOrder.begin(), kFigureOrder.end(), key.engine), key.engine,
-                      key.figure);
+    const bool unknown = key.engine != kAllEngines && FindEngine(&EngineInfo::id, key.engine) == nullptr;
+    return std::tuple(EngineOrder(key.engine), unknown, key.engine, key.figure);
   };
   return rank(left) < rank(right);
 }

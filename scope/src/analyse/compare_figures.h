@@ -25,7 +25,7 @@ const FigureKind& KindOf(Figure figure);
 constexpr const char* kAllEngines = "total";
 
 struct FigureKey {
-  std::string engine;  ///< "cpu", "vpc", "venc", "aic" or kAllEngines
+  std::string engine;  ///< its id, or kAllEngines
   Figure figure = Figure::kOperations;
 };
 /// Engines as they are listed everywhere, then figures.

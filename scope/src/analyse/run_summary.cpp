@@ -1,7 +1,6 @@
 #include "run_summary.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <iterator>
 #include <map>
@@ -9,6 +8,7 @@
 #include <tuple>
 #include <utility>
 
+#include "engines.h"
 #include "histogram.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -19,18 +19,9 @@ namespace {
 constexpr double kNsPerS = 1e9;
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
 
-struct Load {
-  const char* engine;
-  const char* stress;
-};
-constexpr std::array<Load, 4> kLoads = {
-    {{"cpu", "cpuStress"}, {"vpc", "kivuVpcStress"}, {"venc", "kivuVencStress"}, {"aic", "aicStress"}}};
-
-// The loads in their own order, whatever else there is by name.
+// The engines of the table in its order, then others by name.
 std::pair<std::size_t, std::string> OrderOf(const std::string& engine) {
-  const auto* const at =
-      std::find_if(kLoads.begin(), kLoads.end(), [&](const Load& load) { return engine == load.engine; });
-  return {static_cast<std::size_t>(at - kLoads.begin()), engine};
+  return {EngineOrder(engine), engine};
 }
 
 using Rows = std::vector<const Sample*>;
@@ -192,16 +183,11 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
   return summary;
 }
 
-std::string EngineOf(const std::string& stress) {
-  const auto* const at =
-      std::find_if(kLoads.begin(), kLoads.end(), [&](const Load& load) { return stress == load.stress; });
-  return at == kLoads.end() ? std::string() : at->engine;
-}
-
 PrintedRates SummarisePrinted(const std::string& stress, const std::vector<Rate>& rates) {
   PrintedRates printed;
   printed.stress = stress;
-  printed.engine = EngineOf(stress);
+  const EngineInfo* const engine = FindEngine(&EngineInfo::stress, stress);
+  if (engine != nullptr) printed.engine = engine->id;
   std::vector<double> values;
   for (const Rate& rate : rates) {
     if (rate.stress != stress) continue;
@@ -257,10 +243,6 @@ RunSummary Summarise(const Run& run) {
   }
   if (known) summary.gigabytesPerS = sum;
   return summary;
-}
-
-bool IsLoad(const std::string& engine) {
-  return engine != kSetUpEngine;
 }
 
 }  // namespace scope

@@ -73,7 +73,7 @@ struct PrintedRates {
 };
 
 struct RunSummary {
-  std::vector<EngineSummary> engines;   ///< cpu, vpc, venc, aic, then others by name
+  std::vector<EngineSummary> engines;   ///< in the order of their table, then others by name
   std::vector<PrintedRates> printed;    ///< in the same order
   std::optional<double> gigabytesPerS;  ///< of all engines together; none where one is unknown, or none there
   double endS = 0;                      ///< of the last second of all
@@ -81,10 +81,7 @@ struct RunSummary {
   const PrintedRates* PrintedOf(const std::string& engine) const;
 };
 
-/// "vpc_copy", the set-up of the resize workers, is among the engines and does not count towards the sum.
+/// An engine of a set-up is among the engines and does not count towards the sum.
 RunSummary Summarise(const Run& run);
-
-/// True for an engine that works while the run goes on, false for one of a worker's set-up.
-bool IsLoad(const std::string& engine);
 
 }  // namespace scope

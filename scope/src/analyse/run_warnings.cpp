@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "engines.h"
 #include "statistics.h"
 #include "text_format.h"
 

@@ -1,21 +1,19 @@
 #include "sweep_plan.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <random>
 #include <sstream>
 #include <utility>
 
+#include "engines.h"
 #include "errors.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
 
-constexpr int kMostLevel = 10;
 constexpr std::size_t kMostRuns = 9999;
-const std::array<const char*, 4> kSections = {"VPC", "VENC", "CPU", "AIC"};
 
 int ParseLevel(const std::string& text, const std::string& whole) {
   const bool digits =
@@ -28,14 +26,24 @@ int ParseLevel(const std::string& text, const std::string& whole) {
   return level;
 }
 
+// "CPU, VPC, VENC or AIC".
+std::string Sections() {
+  std::vector<std::string> names;
+  for (const EngineInfo& engine : Engines()) {
+    if (engine.load) names.emplace_back(engine.section);
+  }
+  const std::string last = names.back();
+  names.pop_back();
+  return Joined(names, ", ") + " or " + last;
+}
+
 SweepAxis ParseAxis(const std::string& text) {
   SweepAxis axis;
   const std::size_t sign = text.find('=');
   axis.section = text.substr(0, sign);
-  if (sign == std::string::npos ||
-      std::find(kSections.begin(), kSections.end(), axis.section) == kSections.end()) {
-    throw UserError("\"" + text +
-                    "\": expected CPU, VPC, VENC or AIC, then \"=\" and levels, as in CPU=0,1,2..4");
+  if (sign == std::string::npos || FindEngine(&EngineInfo::section, axis.section) == nullptr) {
+    throw UserError("\"" + text + "\": expected " + Sections() +
+                    ", then \"=\" and levels, as in CPU=0,1,2..4");
   }
   const auto refuse = [&text](const std::string& why) { throw UserError("\"" + text + "\": " + why); };
   std::istringstream parts(text.substr(sign + 1) + ",");

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "compare_conditions.h"
+#include "engines.h"
 #include "errors.h"
 #include "run_reader.h"
 #include "run_summary.h"

@@ -9,9 +9,6 @@
 /// A recorded run as plain data. scope/FORMAT.md describes the files that it is kept in.
 namespace scope {
 
-/// Has rows for the seconds alone in which it worked.
-constexpr const char* kSetUpEngine = "vpc_copy";
-
 /// Seconds between two samples of a thread from which on the reader speaks of a gap.
 constexpr double kGapS = 1.75;
 
@@ -43,7 +40,7 @@ struct Conditions {
 struct Configuration {
   std::string path;
   std::string text;
-  /// Engine ("cpu", "vpc", "venc", "aic") to its level, for the sections that the file has.
+  /// Engine to its level, for the sections that the file has.
   std::vector<std::pair<std::string, int>> levels;
   /// Its other values, by name: "runTimes", "AIC.File".
   std::vector<std::pair<std::string, std::string>> settings;

@@ -10,7 +10,7 @@ namespace scope {
 
 /// A section of the configuration and the levels that it gets.
 struct SweepAxis {
-  std::string section;  ///< "CPU", "VPC", "VENC" or "AIC"
+  std::string section;  ///< of an engine: "CPU"
   std::vector<int> levels;
 };
 

@@ -1,14 +1,13 @@
 #include "configuration.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <utility>
 
+#include "engines.h"
 #include "errors.h"
 #include "ormis/qet_yaml.h"
 #include "system_files.h"
@@ -19,24 +18,25 @@ namespace {
 using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
-constexpr int kMostLevel = 10;
-constexpr const char* kModelSection = "AIC";
-const std::array<const char*, 4> kSections = {"VPC", "VENC", "CPU", "AIC"};
-
 std::string Quoted(const std::string& text) {
   return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool IsLevel(const std::string& name) {
+  return std::any_of(Engines().begin(), Engines().end(), [&](const EngineInfo& engine) {
+    return engine.load && name == std::string(engine.section) + ".Level";
+  });
 }
 
 // The document's values, but for the levels, by their keys with dots between.
 void AddSettings(const Ormis::QetYamlNode& node, const std::string& prefix,
                  std::vector<std::pair<std::string, std::string>>& settings) {
-  static const std::set<std::string> kLevels = {"CPU.Level", "VPC.Level", "VENC.Level", "AIC.Level"};
   for (const auto& [key, child] : node.children) {
     const std::string name = prefix + key;
     std::string value;
     if (!child.children.empty()) {
       AddSettings(child, name + ".", settings);
-    } else if (kLevels.count(name) == 0 && node.GetValue<std::string>(key, value)) {
+    } else if (!IsLevel(name) && node.GetValue<std::string>(key, value)) {
       settings.emplace_back(name, value);
     }
   }
@@ -54,11 +54,11 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
     runTimesS = kLeastRunTimesS;
     (void)root.GetValue<unsigned int>("runTimes", runTimesS);
     runTimesS = std::max(runTimesS, kLeastRunTimesS);
-    for (const auto& [key, engine] : {std::pair("CPU", "cpu"), std::pair("VPC", "vpc"),
-                                      std::pair("VENC", "venc"), std::pair("AIC", "aic")}) {
+    for (const EngineInfo& engine : Engines()) {
       unsigned int level = 0;
-      if (root.children.count(key) == 0 || !root[key].GetValue<unsigned int>("Level", level)) continue;
-      config.levels.emplace_back(engine, static_cast<int>(std::min(level, 1'000'000U)));
+      if (!engine.load || root.children.count(engine.section) == 0) continue;
+      if (!root[engine.section].GetValue<unsigned int>("Level", level)) continue;
+      config.levels.emplace_back(engine.id, static_cast<int>(std::min(level, 1'000'000U)));
     }
     AddSettings(root, "", config.settings);
   } catch (const std::exception& error) {
@@ -82,9 +82,10 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
       (void)root.GetValue<unsigned int>(key, value);
       text += std::string(key) + ": " + std::to_string(value) + "\n";
     }
-    for (const char* const section : kSections) {
+    for (const EngineInfo& engine : Engines()) {
+      if (!engine.load) continue;
+      const std::string section = engine.section;
       const bool has = root.children.count(section) != 0;
-      const bool isModel = std::strcmp(section, kModelSection) == 0;
       const auto swept = std::find_if(levels.begin(), levels.end(),
                                       [&](const auto& level) { return level.first == section; });
       if (swept == levels.end() && !has) continue;
@@ -94,14 +95,16 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
       } else if (!root[section].GetValue<unsigned int>("Level", level) || level > kMostLevel) {
         throw UserError(path + ": expected a \"Level\" from 0 to 10 in the section " + section);
       }
-      text += std::string(section) + ":\n  Level: " + std::to_string(level) + "\n";
-      if (!isModel) continue;
+      text += section + ":\n  Level: " + std::to_string(level) + "\n";
+      const std::string key = engine.fileKey;
+      if (key.empty()) continue;
       std::string file;
-      if (!has || !root[section].GetValue<std::string>("File", file)) {
-        throw UserError(path + ": levels of AIC need a section AIC with a model as \"File\"");
+      if (!has || !root[section].GetValue<std::string>(key, file)) {
+        throw UserError(path + ": levels of " + section + " need a section " + section +
+                        " with a model as \"" + key + "\"");
       }
-      text +=
-          "  File: " + Quoted(file.empty() ? file : fs::absolute(file).lexically_normal().string()) + "\n";
+      text += "  " + key + ": " +
+              Quoted(file.empty() ? file : fs::absolute(file).lexically_normal().string()) + "\n";
     }
   } catch (const UserError&) {
     throw;

@@ -2,24 +2,10 @@
 
 #include <algorithm>
 
+#include "engines.h"
 #include "text_format.h"
 
 namespace scope {
-namespace {
-
-// The engines that are shown, in this order. vpc_copy is set-up.
-constexpr const char* kShownEngines[] = {"cpu", "vpc", "venc", "aic"};
-
-template <typename Engines>
-std::vector<std::string> Ordered(const Engines& engines) {
-  std::vector<std::string> names;
-  for (const char* name : kShownEngines) {
-    if (engines.count(name) != 0) names.emplace_back(name);
-  }
-  return names;
-}
-
-}  // namespace
 
 void Figures::Add(const MeterSecond& second) {
   const double spanS = second.timeS - timeS_;
@@ -59,7 +45,10 @@ void Figures::Add(const MeterSecond& second) {
 
 std::vector<std::pair<std::string, EngineFigures>> Figures::Last() const {
   std::vector<std::pair<std::string, EngineFigures>> rows;
-  for (const std::string& name : Ordered(engines_)) rows.emplace_back(name, engines_.at(name).last);
+  for (const EngineInfo& engine : Engines()) {
+    const auto at = engines_.find(engine.id);
+    if (engine.load && at != engines_.end()) rows.emplace_back(engine.id, at->second.last);
+  }
   return rows;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "engines.h"
 #include "errors.h"
 #include "latency_buckets.h"
 
@@ -28,22 +29,6 @@ Packet Unpack(const char* bytes, std::size_t size, const char* name) {
 }
 
 }  // namespace
-
-const char* NameOf(Engine engine) {
-  switch (engine) {
-    case Engine::kCpu:
-      return "cpu";
-    case Engine::kVpc:
-      return "vpc";
-    case Engine::kVenc:
-      return "venc";
-    case Engine::kAic:
-      return "aic";
-    case Engine::kVpcCopy:
-      return "vpc_copy";
-  }
-  return nullptr;
-}
 
 MeterReader::MeterReader(std::uint64_t startNs) : startNs_(startNs) {
   int ends[2] = {-1, -1};
@@ -125,12 +110,12 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
 
 void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds) {
   const auto packet = Unpack<ThreadSamplePacket>(bytes, size, "sample");
-  const char* const engine = NameOf(packet.engine);
-  if (engine == nullptr || size != sizeof(packet) + packet.buckets * sizeof(BucketCount)) {
-    throw UserError("the meter sent a sample that cannot be read: engine " +
-                    std::to_string(static_cast<std::uint32_t>(packet.engine)) + ", " +
+  const auto row = static_cast<std::size_t>(packet.engine);
+  if (row >= Engines().size() || size != sizeof(packet) + packet.buckets * sizeof(BucketCount)) {
+    throw UserError("the meter sent a sample that cannot be read: engine " + std::to_string(row) + ", " +
                     std::to_string(packet.buckets) + " buckets in " + std::to_string(size) + " bytes");
   }
+  const std::string engine = Engines()[row].id;
   Histogram second;
   for (std::uint32_t i = 0; i < packet.buckets; ++i) {
     BucketCount entry;
@@ -150,8 +135,8 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   latencies_[{engine, thread}].Add(second);
   pending_.latencies[engine].Add(second);
   pending_.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;
-  // Only set-up copies: a row in every second would say nothing.
-  if (packet.engine == Engine::kVpcCopy && packet.operations == 0 && packet.failures == 0) return;
+  // A set-up is soon over: a row in every second would say nothing.
+  if (!Engines()[row].load && packet.operations == 0 && packet.failures == 0) return;
 
   Sample sample;
   sample.engine = engine;

@@ -69,6 +69,4 @@ class MeterReader {
   std::map<std::pair<std::string, int>, Histogram> latencies_;
 };
 
-const char* NameOf(Engine engine);
-
 }  // namespace scope

@@ -10,6 +10,7 @@
 
 #include "compare.h"
 #include "compare_figures.h"
+#include "engines.h"
 #include "run_warnings.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -145,12 +146,6 @@ std::string Bytes(std::uint64_t bytes) {
   return Format("%.3g KiB", value / (1 << 10));
 }
 
-std::string Joined(const std::vector<std::string>& parts) {
-  std::string text;
-  for (const std::string& part : parts) text += (text.empty() ? "" : ", ") + part;
-  return text;
-}
-
 // Key, title and text of each condition; an empty text is something that the machine does not tell.
 Json ConditionsJson(const Conditions& machine) {
   std::vector<std::string> libraries;
@@ -169,16 +164,16 @@ Json ConditionsJson(const Conditions& machine) {
        machine.meter ? "measured every operation"
                      : "none: rate lines alone, without operations, bytes and latencies"},
       {"build_type", "Build", machine.buildType},
-      {"library_versions", "Libraries", Joined(libraries)},
+      {"library_versions", "Libraries", Joined(libraries, ", ")},
       {"cpu_model", "CPU", machine.cpuModel},
       {"cpu_count", "CPUs", machine.cpuCount > 0 ? std::to_string(machine.cpuCount) : ""},
-      {"caches", "Caches", Joined(caches)},
+      {"caches", "Caches", Joined(caches, ", ")},
       {"governor", "Governor", machine.governor},
       {"cpu_mhz", "CPU frequency",
        hasMhz ? Format("%.0f to %.0f MHz", machine.cpuMhzMin, machine.cpuMhzMax) : ""},
       {"mem_total_bytes", "Memory", bytes > 0 ? Format("%.1f GB", bytes / 1e9) : ""},
       {"kernel", "Kernel", machine.kernel},
-      {"load_average", "Load average at the start", Joined(loads)},
+      {"load_average", "Load average at the start", Joined(loads, ", ")},
       {"hostname_hash", "Machine (hash of its name)", machine.hostnameHash}};
   Json conditions = Json::array();
   for (const auto& [key, title, text] : rows) {
@@ -224,25 +219,8 @@ Json RunJson(const ReportedRun& reported) {
               {"counters", CountersJson(reported.run.counters)}};
 }
 
-struct EngineLook {
-  const char* title;
-  const char* colour;
-};
-
-// The colours are those of Okabe and Ito, which the colour-blind tell apart.
-EngineLook LookOf(const std::string& engine) {
-  static const std::map<std::string, EngineLook> kLooks = {
-      {"cpu", {"CPU: memory copies", "#0072b2"}},
-      {"vpc", {"VPC: image resizes", "#d55e00"}},
-      {"venc", {"VENC: frame encodes", "#009e73"}},
-      {"aic", {"AIC: inferences", "#aa4499"}},
-      {"vpc_copy", {"VPC set-up: copies to media memory", ""}}};
-  const auto at = kLooks.find(engine);
-  return at == kLooks.end() ? EngineLook{engine.c_str(), ""} : at->second;
-}
-
-// Every engine that a run has figures of, or was to load: cpu, vpc, venc, aic, then others.
-std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
+// Every engine that a run has figures of, or was to load: those of the table in its order, then others.
+std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
   std::set<std::string> found;
   for (const ReportedRun& run : runs) {
     for (const EngineSummary& engine : run.summary.engines) found.insert(engine.engine);
@@ -253,8 +231,8 @@ std::vector<std::string> Engines(const std::vector<ReportedRun>& runs) {
   }
   found.erase("");
   std::vector<std::string> names;
-  for (const char* known : {"cpu", "vpc", "venc", "aic"}) {
-    if (found.erase(known) != 0) names.emplace_back(known);
+  for (const EngineInfo& known : Engines()) {
+    if (found.erase(known.id) != 0) names.emplace_back(known.id);
   }
   names.insert(names.end(), found.begin(), found.end());
   return names;
@@ -267,10 +245,12 @@ Json ReportData(const std::vector<ReportedRun>& runs) {
             {"warmup_s", CompareOptions().skipS},
             {"engines", Json::array()},
             {"runs", Json::array()}};
-  for (const std::string& engine : Engines(runs)) {
-    const EngineLook look = LookOf(engine);
-    data["engines"].push_back(
-        Json{{"name", engine}, {"title", look.title}, {"colour", look.colour}, {"load", IsLoad(engine)}});
+  for (const std::string& engine : ShownEngines(runs)) {
+    const EngineInfo* const info = FindEngine(&EngineInfo::id, engine);
+    data["engines"].push_back(Json{{"name", engine},
+                                   {"title", info == nullptr ? engine : std::string(info->title)},
+                                   {"colour", info == nullptr ? "" : info->colour},
+                                   {"load", IsLoad(engine)}});
   }
   for (const ReportedRun& run : runs) data["runs"].push_back(RunJson(run));
   return data;

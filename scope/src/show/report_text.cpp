@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <set>
 
+#include "engines.h"
 #include "number_text.h"
 #include "report.h"
 #include "text_format.h"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "csv.h"
+#include "engines.h"
 
 namespace scope {
 namespace {
@@ -31,7 +32,7 @@ void NoteGaps(Run& run) {
   std::set<std::pair<std::string, int>> noted;
   std::map<std::pair<double, double>, std::vector<std::string>> gaps;
   for (const Sample& sample : run.samples) {
-    if (sample.engine == kSetUpEngine) continue;
+    if (!IsLoad(sample.engine)) continue;  // has rows for the seconds alone in which it worked
     const auto key = std::make_pair(sample.engine, sample.thread);
     const auto before = last.find(key);
     if (before != last.end() && sample.timeS - before->second > kGapS && noted.insert(key).second) {

@@ -15,17 +15,21 @@ namespace scope {
 
 constexpr const char* kDescriptorVariable = "STRESS_SCOPE_FD";
 constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
-/// Raised with every change to this file or to latency_buckets.h.
+/// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
 constexpr std::uint32_t kMeterVersion = 1;
 
+/// kCpu: memcpy_s. kVpc: QetImageResize. kVenc: SendFrame, GetStream and ReleaseStream, one operation. kAic:
+/// QetDNNModelProcess; a failed QetDNNModelInitialize is a failure of it. kVpcCopy: QetMemcpyToKivu.
 enum class Engine : std::uint32_t {
-  kCpu = 0,      ///< memcpy_s
-  kVpc = 1,      ///< QetImageResize
-  kVenc = 2,     ///< SendFrame, GetStream and ReleaseStream: one operation
-  kAic = 3,      ///< QetDNNModelProcess; a failed QetDNNModelInitialize is a failure of it
-  kVpcCopy = 4,  ///< QetMemcpyToKivu
+#define ENGINE(symbol, ...) k##symbol,
+#include "engines.inc"
+#undef ENGINE
 };
-constexpr std::uint32_t kEngineCount = 5;
+constexpr std::uint32_t kEngineCount = 0
+#define ENGINE(...) +1
+#include "engines.inc"
+#undef ENGINE
+    ;
 
 enum class PacketType : std::uint32_t { kHello = 0, kThreadSample = 1, kEndOfSecond = 2 };
 
