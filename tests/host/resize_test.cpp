@@ -228,7 +228,7 @@ TEST_F(ResizeTest, AHalfIsRoundedUpwards) {
   }
 }
 
-// One grey level in one of half a million pixels decides: both arithmetics are exact.
+// One grey level in one of half a million pixels decides: both kinds of arithmetic are exact.
 TEST_F(ResizeTest, JustBelowAHalfIsRoundedDown) {
   for (const auto& [width, height] : {std::pair{64U, 128U}, std::pair{4096U, 128U}, std::pair{2048U, 258U}}) {
     const std::uint32_t pixels = width * height;
