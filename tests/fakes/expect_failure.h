@@ -61,7 +61,7 @@ void ExpectFailure(std::int32_t code, const std::string& operation, const std::s
   const std::string text = log.Text();
   EXPECT_EQ(status, code) << text;
   EXPECT_THAT(text, testing::HasSubstr("Z ERROR - QET "));
-  EXPECT_THAT(text, testing::HasSubstr(" " + operation + ": " + message + " ("));
+  EXPECT_THAT(text, testing::HasSubstr(" " + operation + ": " + message + " (platform/"));
   EXPECT_THAT(text, testing::EndsWith(" " + operation + ")\n"));
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
 }

@@ -115,6 +115,8 @@ TEST_F(YamlNodeTest, SyntaxErrorsCarryLineAndColumn) {
 TEST_F(YamlNodeTest, BytesThatAreNoTextCarryLineAndColumn) {
   ExpectError(std::string("a: 1\nb: \0\n", 10), "c.yaml:2:4: control characters are not allowed");
   ExpectError("a: 1\nb: 2\nc: x\xff\n", "c.yaml:3:5: invalid leading UTF-8 octet");
+  ExpectError("a: \x01\n", "c.yaml:1:4: control characters are not allowed");
+  ExpectError("\n\x01\n", "c.yaml:2:1: control characters are not allowed");
   ExpectError(
       "\x7f"
       "ELF\x02\x01\x01",
