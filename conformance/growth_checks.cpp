@@ -80,39 +80,72 @@ void RequireSteadyHandles(Session& session, unsigned int divisor, const Round& r
   session.note = std::to_string(rounds) + " rounds";
 }
 
-void ContextRound() {
-  Ormis::QetContext context;
-  RequireOk(Ormis::QetCreateContext(context), "QetCreateContext");
-  RequireOk(Ormis::QetSetCurrentContext(context), "QetSetCurrentContext");
-  (void)Ormis::QetDestroyContext(context);
-}
+// What is made and ended, and what has to be there for it. Round is one piece of it.
 
-void ChannelRound() {
-  int channel = 0;
-  RequireOk(Ormis::QetCreateChannel(channel), "QetCreateChannel");
-  (void)Ormis::QetDestroyChannel(channel);
-}
+struct Contexts {
+  static constexpr unsigned int kDivisor = 1;
 
-void ImageRound() {
-  const Image source(1920, 1080);
-  const Image destination(416, 234);
-}
+  explicit Contexts(const Session& /*session*/) {}
 
-struct EncoderRound {
-  Frame& frame;
+  void Round() const {
+    Ormis::QetContext context;
+    RequireOk(Ormis::QetCreateContext(context), "QetCreateContext");
+    RequireOk(Ormis::QetSetCurrentContext(context), "QetSetCurrentContext");
+    (void)Ormis::QetDestroyContext(context);
+  }
 
-  void operator()() const {
+  const Platform platform{};
+};
+
+struct Channels {
+  static constexpr unsigned int kDivisor = 1;
+
+  explicit Channels(const Session& /*session*/) {}
+
+  void Round() const {
+    int channel = 0;
+    RequireOk(Ormis::QetCreateChannel(channel), "QetCreateChannel");
+    (void)Ormis::QetDestroyChannel(channel);
+  }
+
+  const Device device{};
+};
+
+struct Images {
+  static constexpr unsigned int kDivisor = 1;
+
+  explicit Images(const Session& /*session*/) {}
+
+  void Round() const {
+    const Image source(1920, 1080);
+    const Image destination(416, 234);
+  }
+
+  const Device device{};
+};
+
+struct Encoders {
+  static constexpr unsigned int kDivisor = kSlow;
+
+  explicit Encoders(const Session& /*session*/) {}
+
+  void Round() {
     Ormis::QetVenc encoder;
     Configure(encoder, 0);
     RequireOk(encoder.Init(), "Init");
     EncodeOne(encoder, frame);
   }
+
+  const Device device{};
+  Frame frame{};
 };
 
-struct ModelRound {
-  const std::string& file;
+struct Models {
+  static constexpr unsigned int kDivisor = kSlow;
 
-  void operator()() const {
+  explicit Models(const Session& session) : file(ModelFile(session)) {}
+
+  void Round() const {
     Ormis::QetDNNHandle handle;
     RequireOk(Ormis::QetDNNModelInitialize(handle, file), "QetDNNModelInitialize");
     RequireOk(Ormis::QetDNNModelCreateInput(handle), "QetDNNModelCreateInput");
@@ -120,118 +153,77 @@ struct ModelRound {
     RequireOk(Ormis::QetDNNModelProcess(handle), "QetDNNModelProcess");
     (void)Ormis::QetDNNRelease(handle);
   }
+
+  const std::string& file;  // before the device: without a model the check is skipped
+  const Device device{};
 };
 
 /// A resize worker's life. What a library keeps for each thread, the other rounds make once.
-void ThreadRound() {
-  RunThreads(1, [](unsigned int, Barrier&) {
-    const BoundContext context;
-    const Channel channel(0);
-    const Image source(160, 90);
-    const Image destination(80, 45);
-    RequireOk(Ormis::QetImageResize(channel.Number(), source.record, destination.record,
-                                    Ormis::kQetInterpolationArea, -1),
-              "QetImageResize");
-  });
+struct Threads {
+  static constexpr unsigned int kDivisor = 1;
+
+  explicit Threads(const Session& /*session*/) {}
+
+  void Round() const {
+    RunThreads(1, [](unsigned int, Barrier&) {
+      const BoundContext context;
+      const Channel channel(0);
+      const Image source(160, 90);
+      const Image destination(80, 45);
+      RequireOk(Ormis::QetImageResize(channel.Number(), source.record, destination.record,
+                                      Ormis::kQetInterpolationArea, -1),
+                "QetImageResize");
+    });
+  }
+
+  const Platform platform{};
+};
+
+template <typename Things>
+void Memory(Session& session) {
+  Things things(session);
+  RequireSteadyMemory(session, Things::kDivisor, [&] { things.Round(); });
 }
 
-void ContextMemory(Session& session) {
-  const Platform platform;
-  RequireSteadyMemory(session, 1, ContextRound);
-}
-
-void ContextHandles(Session& session) {
-  const Platform platform;
-  RequireSteadyHandles(session, 1, ContextRound);
-}
-
-void ChannelMemory(Session& session) {
-  const Device device;
-  RequireSteadyMemory(session, 1, ChannelRound);
-}
-
-void ChannelHandles(Session& session) {
-  const Device device;
-  RequireSteadyHandles(session, 1, ChannelRound);
-}
-
-void ImageMemory(Session& session) {
-  const Device device;
-  RequireSteadyMemory(session, 1, ImageRound);
-}
-
-void ImageHandles(Session& session) {
-  const Device device;
-  RequireSteadyHandles(session, 1, ImageRound);
-}
-
-void EncoderMemory(Session& session) {
-  const Device device;
-  Frame frame;
-  RequireSteadyMemory(session, kSlow, EncoderRound{frame});
-}
-
-void EncoderHandles(Session& session) {
-  const Device device;
-  Frame frame;
-  RequireSteadyHandles(session, kSlow, EncoderRound{frame});
-}
-
-void ModelMemory(Session& session) {
-  const std::string& file = ModelFile(session);
-  const Device device;
-  RequireSteadyMemory(session, kSlow, ModelRound{file});
-}
-
-void ModelHandles(Session& session) {
-  const std::string& file = ModelFile(session);
-  const Device device;
-  RequireSteadyHandles(session, kSlow, ModelRound{file});
-}
-
-void ThreadMemory(Session& session) {
-  const Platform platform;
-  RequireSteadyMemory(session, 1, ThreadRound);
-}
-
-void ThreadHandles(Session& session) {
-  const Platform platform;
-  RequireSteadyHandles(session, 1, ThreadRound);
+template <typename Things>
+void Handles(Session& session) {
+  Things things(session);
+  RequireSteadyHandles(session, Things::kDivisor, [&] { things.Round(); });
 }
 
 }  // namespace
 
 std::vector<Check> GrowthChecks() {
   return {
-      {"growth.context-memory", "memory does not grow with contexts made and destroyed", ContextMemory},
+      {"growth.context-memory", "memory does not grow with contexts made and destroyed", Memory<Contexts>},
       {"growth.context-handles", "descriptors and threads do not grow with contexts made and destroyed",
-       ContextHandles},
-      {"growth.channel-memory", "memory does not grow with channels made and destroyed", ChannelMemory},
+       Handles<Contexts>},
+      {"growth.channel-memory", "memory does not grow with channels made and destroyed", Memory<Channels>},
       {"growth.channel-handles", "descriptors and threads do not grow with channels made and destroyed",
-       ChannelHandles},
-      {"growth.image-memory", "memory does not grow with images allocated and destroyed", ImageMemory},
+       Handles<Channels>},
+      {"growth.image-memory", "memory does not grow with images allocated and destroyed", Memory<Images>},
       {"growth.image-handles", "descriptors and threads do not grow with images allocated and destroyed",
-       ImageHandles},
+       Handles<Images>},
       {"growth.encoder-memory",
        "memory does not grow with encoders that encode a frame and end (a tenth of the rounds)",
-       EncoderMemory},
+       Memory<Encoders>},
       {"growth.encoder-handles",
        "descriptors and threads do not grow with encoders that encode a frame and end (a tenth of the "
        "rounds)",
-       EncoderHandles},
+       Handles<Encoders>},
       {"growth.model-memory",
-       "memory does not grow with models loaded, run and released (a tenth of the rounds)", ModelMemory},
+       "memory does not grow with models loaded, run and released (a tenth of the rounds)", Memory<Models>},
       {"growth.model-handles",
        "descriptors and threads do not grow with models loaded, run and released (a tenth of the rounds)",
-       ModelHandles},
+       Handles<Models>},
       {"growth.thread-memory",
        "memory does not grow with threads that make a context, a channel and images, resize, and end",
-       ThreadMemory},
+       Memory<Threads>},
       {"growth.thread-handles",
        "descriptors and threads do not grow with threads that make a context, a channel and images, resize, "
        "and "
        "end",
-       ThreadHandles},
+       Handles<Threads>},
   };
 }
 

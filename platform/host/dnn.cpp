@@ -50,6 +50,57 @@ void Publish(const std::vector<OnnxTensor>& tensors, std::uint32_t firstIndex,
   bufferOf.swap(newBufferOf);
 }
 
+/// What differs between a model's inputs and its outputs.
+struct Side {
+  const char* name;
+  bool afterInputs;  ///< the outputs are counted on from the inputs
+  bool (OnnxModel::*has)() const;
+  Outcome (OnnxModel::*create)();
+  const std::vector<OnnxTensor>& (OnnxModel::*tensors)() const;
+  void (OnnxModel::*drop)() noexcept;
+};
+
+constexpr Side kInputs = {"inputs",
+                          false,
+                          &OnnxModel::HasInputs,
+                          &OnnxModel::CreateInputs,
+                          &OnnxModel::Inputs,
+                          &OnnxModel::DropInputs};
+constexpr Side kOutputs = {"outputs",
+                           true,
+                           &OnnxModel::HasOutputs,
+                           &OnnxModel::CreateOutputs,
+                           &OnnxModel::Outputs,
+                           &OnnxModel::DropOutputs};
+
+/// Creates the buffers of one side, and enters them into the lists of the handle: `buffers` and `bufferIndex`
+/// are that side's.
+std::int32_t CreateBuffers(const char* operation, const Side& side, QetDNNHandle& handle,
+                           std::vector<QetDNNBuffer>& buffers,
+                           std::map<const void*, std::uint32_t>& bufferIndex) {
+  const std::lock_guard<std::recursive_mutex> lock(handle.mutex);
+  std::int32_t status = kQetOk;
+  const auto model = RequireModel(operation, handle, status);
+  if (model == nullptr) return status;
+  const std::lock_guard<std::mutex> modelLock(model->mutex);
+  OnnxModel& engine = *model->engine;
+  if ((engine.*side.has)()) {
+    return QET_FAIL(operation, kQetAlreadyInitialized,
+                    "model " << handle.modelPath << " has its " << side.name << " already");
+  }
+  if (const Outcome outcome = (engine.*side.create)(); !outcome.Ok()) {
+    return QET_FAIL(operation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
+  }
+  try {
+    const auto first = static_cast<std::uint32_t>(side.afterInputs ? engine.InputCount() : 0);
+    Publish((engine.*side.tensors)(), first, buffers, bufferIndex, handle.bufferOf);
+  } catch (...) {
+    (engine.*side.drop)();
+    throw;
+  }
+  return kQetOk;
+}
+
 void Empty(QetDNNHandle& handle) {
   handle.modelId = 0;
   handle.modelPath.clear();
@@ -98,52 +149,15 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
 
 std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle) {
   constexpr const char* kOperation = "QetDNNModelCreateInput";
-  return host::Guarded(kOperation, [&]() -> std::int32_t {
-    const std::lock_guard<std::recursive_mutex> lock(handle.mutex);
-    std::int32_t status = kQetOk;
-    const auto model = host::RequireModel(kOperation, handle, status);
-    if (model == nullptr) return status;
-    const std::lock_guard<std::mutex> modelLock(model->mutex);
-    if (model->engine->HasInputs()) {
-      return QET_FAIL(kOperation, kQetAlreadyInitialized,
-                      "model " << handle.modelPath << " has its inputs already");
-    }
-    if (const host::Outcome outcome = model->engine->CreateInputs(); !outcome.Ok()) {
-      return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
-    }
-    try {
-      host::Publish(model->engine->Inputs(), 0, handle.inputs, handle.inputIndex, handle.bufferOf);
-    } catch (...) {
-      model->engine->DropInputs();
-      throw;
-    }
-    return kQetOk;
+  return host::Guarded(kOperation, [&] {
+    return host::CreateBuffers(kOperation, host::kInputs, handle, handle.inputs, handle.inputIndex);
   });
 }
 
 std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle) {
   constexpr const char* kOperation = "QetDNNModelCreateOutput";
-  return host::Guarded(kOperation, [&]() -> std::int32_t {
-    const std::lock_guard<std::recursive_mutex> lock(handle.mutex);
-    std::int32_t status = kQetOk;
-    const auto model = host::RequireModel(kOperation, handle, status);
-    if (model == nullptr) return status;
-    const std::lock_guard<std::mutex> modelLock(model->mutex);
-    if (model->engine->HasOutputs()) {
-      return QET_FAIL(kOperation, kQetAlreadyInitialized,
-                      "model " << handle.modelPath << " has its outputs already");
-    }
-    if (const host::Outcome outcome = model->engine->CreateOutputs(); !outcome.Ok()) {
-      return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
-    }
-    try {
-      host::Publish(model->engine->Outputs(), static_cast<std::uint32_t>(model->engine->InputCount()),
-                    handle.outputs, handle.outputIndex, handle.bufferOf);
-    } catch (...) {
-      model->engine->DropOutputs();
-      throw;
-    }
-    return kQetOk;
+  return host::Guarded(kOperation, [&] {
+    return host::CreateBuffers(kOperation, host::kOutputs, handle, handle.outputs, handle.outputIndex);
   });
 }
 
