@@ -10,7 +10,9 @@ if(NOT ONNXRUNTIME_ROOT)
 endif()
 
 add_library(OnnxRuntime::OnnxRuntime INTERFACE IMPORTED GLOBAL)
+set(beside_platform "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libonnxruntime.so.1")
 if(NOT ONNXRUNTIME_ROOT AND ONNXRUNTIME_FOUND)
+  file(REMOVE "${beside_platform}")  # left from a fetched one, it would be loaded
   target_link_libraries(OnnxRuntime::OnnxRuntime INTERFACE PkgConfig::ONNXRUNTIME)
 else()
   # By path: header and library must come from the same place.
@@ -31,7 +33,9 @@ else()
     IMPORTED_SONAME libonnxruntime.so.1
     INTERFACE_INCLUDE_DIRECTORIES "${ONNXRUNTIME_INCLUDE_DIR}")
   target_link_libraries(OnnxRuntime::OnnxRuntime INTERFACE onnxruntime_fetched)
-  # Installed beside the platform library, which looks in its own folder first.
+  # Beside the platform library, which looks in its own folder first: a link in the build folder, a copy where installed.
+  file(MAKE_DIRECTORY "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
+  file(CREATE_LINK "${ONNXRUNTIME_LIBRARY}" "${beside_platform}" SYMBOLIC)
   install(FILES "${ONNXRUNTIME_LIBRARY}" DESTINATION ${CMAKE_INSTALL_LIBDIR}
           PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   get_filename_component(onnxruntime_root "${ONNXRUNTIME_LIBRARY}/../.." ABSOLUTE)
