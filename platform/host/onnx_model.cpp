@@ -298,12 +298,6 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   auto state = std::make_unique<State>();
   state->environment = Environment();
   const SessionOptions options = SingleThreaded();
-  // The first load ends before another begins: the runtime makes its registry of kernels then, in a static
-  // variable whose guard a ThreadSanitizer does not see, as the runtime was not built for it.
-  static std::mutex first;
-  static bool isPast = false;
-  std::unique_lock<std::mutex> firstLock(first);
-  if (isPast) firstLock.unlock();
   OrtSession* session = nullptr;
   if (const Status status(
           Api().CreateSession(state->environment.get(), path.c_str(), options.get(), &session));
@@ -325,7 +319,6 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   ReadNames(session, &OrtApi::SessionGetInputName, count, state->inputs);
   ThrowOnFailure(Api().SessionGetOutputCount(session, &count));
   ReadNames(session, &OrtApi::SessionGetOutputName, count, state->outputs);
-  if (firstLock.owns_lock()) isPast = true;
   model.reset(new OnnxModel(std::move(state)));
   return {};
 }
