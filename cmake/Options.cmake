@@ -31,6 +31,15 @@ target_compile_definitions(stress_version INTERFACE "STRESS_VERSION=\"${PROJECT_
 
 # STRESS_SANITIZE=address,undefined or thread. Reports need line numbers, but no other debug information.
 if(STRESS_SANITIZE)
+  include(CheckCXXSourceCompiles)
+  set(CMAKE_REQUIRED_FLAGS "-stdlib=libc++ -fsanitize=${STRESS_SANITIZE}")
+  check_cxx_source_compiles("int main() {}" STRESS_HAVE_SANITIZERS)
+  unset(CMAKE_REQUIRED_FLAGS)
+  if(NOT STRESS_HAVE_SANITIZERS)
+    unset(STRESS_HAVE_SANITIZERS CACHE)  # looked for again next time
+    message(FATAL_ERROR "Programs with -fsanitize=${STRESS_SANITIZE} cannot be linked: install libclang-rt-19-dev "
+                        "(./scripts/setup --dev does).")
+  endif()
   target_compile_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE} -fno-sanitize-recover=all
                          -gline-tables-only)
   target_link_options(stress_options INTERFACE -fsanitize=${STRESS_SANITIZE})
