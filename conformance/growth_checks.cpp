@@ -94,7 +94,7 @@ struct Contexts {
     (void)Ormis::QetDestroyContext(context);
   }
 
-  const Platform platform{};
+  const Platform platform;
 };
 
 struct Channels {
@@ -137,7 +137,7 @@ struct Encoders {
   }
 
   const Device device{};
-  Frame frame{};
+  Frame frame;
 };
 
 struct Models {
@@ -176,7 +176,7 @@ struct Threads {
     });
   }
 
-  const Platform platform{};
+  const Platform platform;
 };
 
 template <typename Things>
