@@ -1,13 +1,28 @@
 // Draws a chart on its canvas.
 
 const kManyPoints = 150;
-const kCaution = '#b3261e';
 const kShade = '#8a93a033';
 
 // On a logarithmic axis: 1, 2 and 5 of each power of ten.
 function logTick(value) {
   const leading = Number(value.toExponential().split('e')[0]);
   return leading === 1 || leading === 2 || leading === 5 ? shortNumber(value) : null;
+}
+
+// A colour of the page's style.
+function styleColour(name) {
+  return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+}
+
+function isDark() {
+  return styleColour('color-scheme') === 'dark';
+}
+
+// A line's colour, made lighter for a dark ground.
+function onGround(colour) {
+  if (!isDark()) return colour;
+  const parts = colour.match(/[0-9a-f]{2}/g).map((part) => parseInt(part, 16));
+  return `#${parts.map((part) => Math.round(part + (255 - part) * 0.35).toString(16).padStart(2, '0')).join('')}`;
 }
 
 // "#rrggbb" with an opacity of 0 to 1.
@@ -21,12 +36,13 @@ function isAlone(points, at) {
 }
 
 function dataset(series, chart) {
+  const colour = onGround(series.colour);
   const marked = series.marker && !chart.stepped && !chart.stacked && series.points.length <= kManyPoints;
   return {
     label: series.name,
     data: series.points,
-    borderColor: withOpacity(series.colour, series.weight.opacity),
-    backgroundColor: withOpacity(series.colour, chart.stacked ? 0.7 : 0.25),
+    borderColor: withOpacity(colour, series.weight.opacity),
+    backgroundColor: withOpacity(colour, chart.stacked ? 0.7 : 0.25),
     borderDash: series.dash,
     borderWidth: series.weight.width,
     fill: series.fill ? (chart.stacked ? 'stack' : 'origin') : false,
@@ -42,6 +58,7 @@ function axisOptions(axis) {
   return {
     type: axis.log ? 'logarithmic' : 'linear',
     title: {display: true, text: axis.title},
+    grid: {color: styleColour('--grid'), borderColor: styleColour('--faint')},
     ticks: {callback: axis.log ? logTick : shortNumber, maxRotation: 0, includeBounds: false},
   };
 }
@@ -66,7 +83,7 @@ const kWarningMarks = {
   afterDatasetsDraw(drawn, _, {marks}) {
     const {ctx, chartArea, scales} = drawn;
     ctx.save();
-    ctx.strokeStyle = ctx.fillStyle = kCaution;
+    ctx.strokeStyle = ctx.fillStyle = styleColour('--mark');
     ctx.setLineDash([3, 3]);
     ctx.font = `bold 12px ${Chart.defaults.font.family}`;
     for (const {x, text} of marks ?? []) {
@@ -108,6 +125,28 @@ function draw(canvas, chart) {
       },
     },
   });
+}
+
+// Draws the charts, and draws them anew when the ground changes: from light to dark, or to paper.
+function drawAll(charts) {
+  const redraw = () => {
+    Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
+    Chart.defaults.font.size = document.documentElement.hasAttribute('data-print') ? 9 : 12;
+    Chart.defaults.color = styleColour('--ink');
+    for (const chart of charts) {
+      const canvas = document.getElementById(chart.id);
+      Chart.getChart(canvas)?.destroy();
+      draw(canvas, chart);
+    }
+  };
+  const print = (isPrinting) => () => {
+    document.documentElement.toggleAttribute('data-print', isPrinting);
+    redraw();
+  };
+  redraw();
+  matchMedia('(prefers-color-scheme: dark)').addEventListener('change', redraw);
+  addEventListener('beforeprint', print(true));
+  addEventListener('afterprint', print(false));
 }
 
 // Charts under their titles. `about` begins what a screen reader says of each. They are drawn once they are in the page.

@@ -49,9 +49,7 @@ function showReport(data) {
       section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)));
   document.getElementById('tool').textContent = data.tool;
 
-  Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
-  Chart.defaults.color = '#3c444c';
-  for (const chart of [...totals, ...ofEngines.flat(), ...counters]) draw(document.getElementById(chart.id), chart);
+  drawAll([...totals, ...ofEngines.flat(), ...counters]);
 }
 
 showReport(JSON.parse(document.getElementById('report-data').textContent));

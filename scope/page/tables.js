@@ -1,67 +1,105 @@
-// The tables and lists of the page. A row of a table is an array of cells; null is a figure that a run does not have.
+// The tables and lists of the page. A cell with a number keeps it as data-value, by which its column is sorted.
 
+// Title, key in the data, and text of the value.
 const kWorkColumns = [
-  ['Operations', (work) => thousands(work.operations)],
-  ['ops/s', (work) => rateText(work.operations_per_s)],
-  ['GB/s', (work) => work.gigabytes_per_s?.toFixed(3)],
-  ['p50', (work) => work.p50_ns && latencyText(work.p50_ns)],
-  ['p99', (work) => work.p99_ns && latencyText(work.p99_ns)],
-  ['max', (work) => work.max_ns && latencyText(work.max_ns)],
-  ['Failures', (work) => thousands(work.failures), (work) => work.failures > 0],
+  ['Operations', 'operations', thousands],
+  ['ops/s', 'operations_per_s', rateText],
+  ['GB/s', 'gigabytes_per_s', (value) => value.toFixed(3)],
+  ['p50', 'p50_ns', latencyText],
+  ['p99', 'p99_ns', latencyText],
+  ['max', 'max_ns', latencyText],
+  ['Failures', 'failures', thousands],
 ];
+const kWorkTitles = kWorkColumns.map(([title]) => title);
 
-function cell(content, doubtful) {
-  return el('td', {class: doubtful && 'bad'}, content || absent());
+// `value` is null or undefined where the run does not have the figure.
+function figureCell(value, text, doubtful = false) {
+  const known = (value ?? null) !== null;
+  return el('td', {class: doubtful && 'bad', 'data-value': known && String(value)}, known ? text(value) : absent());
 }
 
 function workCells(work) {
-  return kWorkColumns.map(([, text, doubtful]) => cell(work && text(work), work && doubtful && doubtful(work)));
+  return kWorkColumns.map(([, key, text]) => {
+    const value = work?.[key];
+    if (key === 'failures') return figureCell(value, text, value > 0);
+    return figureCell(key.endsWith('_ns') ? value || null : value, text);
+  });
 }
 
 function rowHeading(text, attributes = {}) {
   return el('th', {scope: 'row', ...attributes}, text);
 }
 
-// `words` and `figures`: the titles of the columns that are read as words, and of those with numbers after them.
+// Sorts the rows by a column; those that are fixed stay at the end, after those without a value.
+function sortRows(heading) {
+  const column = heading.cellIndex;
+  const body = heading.closest('table').tBodies[0];
+  const isWords = heading.classList.contains('words');
+  const before = heading.getAttribute('aria-sort');
+  const rising = before ? before === 'descending' : isWords;
+  for (const other of heading.parentNode.cells) other.removeAttribute('aria-sort');
+  heading.setAttribute('aria-sort', rising ? 'ascending' : 'descending');
+  const valueOf = (row) => (isWords ? row.cells[column].textContent : Number(row.cells[column].dataset.value));
+  const hasValue = (row) => isWords || 'value' in row.cells[column].dataset;
+  const fixed = [...body.rows].filter((row) => 'fixed' in row.dataset);
+  const rest = [...body.rows].filter((row) => !('fixed' in row.dataset));
+  const known = rest.filter(hasValue).sort((a, b) => {
+    const order = isWords ? valueOf(a).localeCompare(valueOf(b)) : valueOf(a) - valueOf(b);
+    return rising ? order : -order;
+  });
+  body.append(...known, ...rest.filter((row) => !hasValue(row)), ...fixed);
+}
+
+function sortableHeading(title, attributes) {
+  const button = el('button', {type: 'button', title: 'Sort'}, title);
+  const heading = el('th', {scope: 'col', ...attributes}, button);
+  button.addEventListener('click', () => sortRows(heading));
+  return heading;
+}
+
+// `words` and `figures`: the titles of the columns that are read as words, and of those with numbers after them. A table
+// with numbers can be sorted.
 function table(kind, words, figures, rows) {
-  const headings = [
-    ...words.map((title) => el('th', {scope: 'col', class: 'words'}, title)),
-    ...figures.map((title) => el('th', {scope: 'col'}, title)),
-  ];
+  const wordHeading = (title) => (figures.length > 0 ? sortableHeading(title, {class: 'words'}) :
+      el('th', {scope: 'col', class: 'words'}, title));
+  const headings = [...words.map(wordHeading), ...figures.map((title) => sortableHeading(title, {}))];
   const head = headings.length > 0 && el('thead', {}, el('tr', {}, headings));
-  return el('div', {class: 'wide'}, el('table', {class: kind}, head || [], el('tbody', {}, rows)));
+  const columns = figures.length > 0 && words.length > 1 ? ' two' : '';
+  return el('div', {class: 'wide'}, el('table', {class: kind + columns}, head || [], el('tbody', {}, rows)));
+}
+
+// The headings of a row: the engine and, of several runs, the run.
+function workHeadings(runs, run, engine) {
+  return [rowHeading(engine), ...(runs.length > 1 ? [rowHeading(run.name)] : [])];
+}
+
+function workWords(runs) {
+  return runs.length > 1 ? ['Engine', 'Run'] : ['Engine'];
 }
 
 function summaryRow(run, name, headings) {
   const engine = engineOf(run, name);
   const printed = printedOf(run, name);
-  const exact = engine && engine.work.busy_fps > 0 ? engine.work.busy_fps : null;
-  const offBy = exact && printed && printed.median_fps > 0 ? (printed.median_fps / exact - 1) * 100 : null;
+  const exact = engine?.work.busy_fps || null;
+  const offBy = exact && printed && printed.median_fps > 0 ? Math.round((printed.median_fps / exact - 1) * 100) : null;
   return [
     ...headings,
-    cell(engine && String(engine.threads.length)),
-    ...workCells(engine && engine.work),
-    cell(printed && rateText(printed.median_fps), engine && engine.short_operations),
-    cell(exact && rateText(exact)),
-    cell(offBy !== null && percentText(Math.round(offBy))),
+    figureCell(engine?.threads.length, String),
+    ...workCells(engine?.work),
+    figureCell(printed?.median_fps, rateText, engine?.short_operations),
+    figureCell(exact, rateText),
+    figureCell(offBy, percentText),
   ];
 }
 
 function summaryTable(runs, engines) {
-  const several = runs.length > 1;
-  const runHeading = (run) => (several ? [rowHeading(run.name)] : []);
-  const rows = engines.flatMap((engine) => runs.map((run, i) => {
-    const group = el('th', {scope: 'rowgroup', rowspan: several && runs.length}, engine.name);
-    const headings = [...(i === 0 ? [group] : []), ...runHeading(run)];
-    return el('tr', {class: i === 0 && 'first'}, summaryRow(run, engine.name, headings));
-  }));
+  const rows = engines.flatMap((engine) => runs.map((run, i) =>
+    el('tr', {class: i === 0 && 'first'}, summaryRow(run, engine.name, workHeadings(runs, run, engine.name)))));
   for (const run of runs.filter((each) => each.gigabytes_per_s !== null)) {
-    rows.push(el('tr', {class: 'first'}, rowHeading('all'), runHeading(run), el('td', {colspan: 3}),
-        cell(run.gigabytes_per_s.toFixed(3)), el('td', {colspan: 7})));
+    rows.push(el('tr', {class: 'first', 'data-fixed': ''}, workHeadings(runs, run, 'all'), el('td', {colspan: 3}),
+        figureCell(run.gigabytes_per_s, (value) => value.toFixed(3)), el('td', {colspan: 7})));
   }
-  const figures = kWorkColumns.map(([title]) => title);
-  return table('figures', several ? ['Engine', 'Run'] : ['Engine'],
-      ['Threads', ...figures, 'Printed fps', 'Exact fps', 'Off by'], rows);
+  return table('figures', workWords(runs), ['Threads', ...kWorkTitles, 'Printed fps', 'Exact fps', 'Off by'], rows);
 }
 
 // The columns of the medians: the figures, in the order in which the runs have them.
@@ -74,30 +112,25 @@ function medianColumns(runs) {
 // The same figures of the seconds after the warm-up, which differ from those of the whole run.
 function medianTable(data) {
   const {runs} = data;
-  const several = runs.length > 1;
   const columns = medianColumns(runs);
   const engines = [...data.engines, {name: 'total'}].filter(({name}) =>
     runs.some((run) => run.medians.some((entry) => entry.engine === name)));
   if (engines.length === 0) return [];
   const rows = engines.flatMap(({name}) => runs.map((run) => el('tr', {},
-      rowHeading(name === 'total' ? 'all' : name), several ? rowHeading(run.name) : [],
-      columns.map(([figure]) => {
-        const entry = run.medians.find((each) => each.engine === name && each.figure === figure);
-        return cell(entry && shortNumber(entry.median));
-      }))));
+      workHeadings(runs, run, name === 'total' ? 'all' : name),
+      columns.map(([figure]) => figureCell(
+          run.medians.find((each) => each.engine === name && each.figure === figure)?.median, shortNumber)))));
   return [el('h3', {}, `Medians of the seconds after the warm-up of ${data.warmup_s} s, as compare takes them`),
-    table('figures medians', several ? ['Engine', 'Run'] : ['Engine'], columns.map(([, title]) => title), rows)];
+    table('figures medians', workWords(runs), columns.map(([, title]) => title), rows)];
 }
 
 function threadTable(runs) {
-  const several = runs.length > 1;
   const rows = runs.flatMap((run) => run.engines.flatMap((engine) => engine.threads.map((thread) => el('tr', {},
-      several ? rowHeading(run.name) : [], rowHeading(engine.name), cell(String(thread.thread)),
-      workCells(thread.work), cell(thread.work.busy_fps > 0 && rateText(thread.work.busy_fps))))));
+      workHeadings(runs, run, engine.name), figureCell(thread.thread, String), workCells(thread.work),
+      figureCell(thread.work.busy_fps || null, rateText)))));
   if (rows.length === 0) return [];
-  const figures = kWorkColumns.map(([title]) => title);
   return el('details', {}, el('summary', {}, 'Each thread'),
-      table('figures', several ? ['Run', 'Engine'] : ['Engine'], ['Thread', ...figures, 'Exact fps'], rows));
+      table('figures threads', workWords(runs), ['Thread', ...kWorkTitles, 'Exact fps'], rows));
 }
 
 // Warnings that have a time are numbered as on the charts.

@@ -43,7 +43,7 @@ const tables = [...document.querySelectorAll('table')].map((table) => ({kind: ta
 const measured = document.createElement('script');
 measured.type = 'application/json';
 measured.id = 'measured';
-measured.textContent = JSON.stringify({title: document.title, text: document.body.innerText, charts, tables})
+measured.textContent = JSON.stringify({title: document.title, text: document.body.innerText, charts, tables, extra})
   .replaceAll('<', '\\u003c');
 document.body.append(measured);
 </script>)";
@@ -88,20 +88,19 @@ struct Visit {
 class BrowserTest : public ::testing::Test {
  protected:
   // Opens `page`. The screenshot, `width` and `height` pixels large, stays in the build folder.
-  Visit Open(const std::string& page, const std::string& name, int width, int height) const {
+  Visit Open(const std::string& page, const std::string& name, int width, int height,
+             bool dark = false) const {
     const std::string screenshot = std::string(SCREENSHOTS) + "/" + name + ".png";
     const std::string netLog = folder_ / "net.json";
     std::filesystem::create_directories(SCREENSHOTS);
     std::filesystem::remove(screenshot);
     std::filesystem::remove(netLog);
-    const ToolResult result = RunProgram(
-        CHROMIUM,
-        {"--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-quic",
-         "--no-first-run", "--disable-background-networking", "--disable-component-update", "--disable-sync",
-         "--user-data-dir=" + (folder_ / "profile"), "--host-resolver-rules=MAP * ~NOTFOUND",
-         "--log-net-log=" + netLog, "--enable-logging=stderr", "--virtual-time-budget=3000",
-         "--hide-scrollbars", "--window-size=" + std::to_string(width) + "," + std::to_string(height),
-         "--screenshot=" + screenshot, "--dump-dom", "file://" + page});
+    std::vector<std::string> flags = Flags();
+    flags.insert(flags.end(), {"--log-net-log=" + netLog, "--enable-logging=stderr", "--hide-scrollbars",
+                               "--window-size=" + std::to_string(width) + "," + std::to_string(height),
+                               std::string("--blink-settings=preferredColorScheme=") + (dark ? "0" : "1"),
+                               "--screenshot=" + screenshot, "--dump-dom", "file://" + page});
+    const ToolResult result = RunProgram(CHROMIUM, flags);
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_TRUE(std::filesystem::exists(screenshot)) << result.errors;
     Visit visit;
@@ -120,27 +119,55 @@ class BrowserTest : public ::testing::Test {
     return visit;
   }
 
-  // Has kMeasure run at the end of `page`, past its policy.
-  static std::string Measured(std::string page) {
+  // Prints `page` into the build folder. Returns the PDF.
+  std::string Print(const std::string& page, const std::string& name) const {
+    const std::string file = std::string(SCREENSHOTS) + "/" + name + ".pdf";
+    std::filesystem::remove(file);
+    std::vector<std::string> flags = Flags();
+    flags.insert(flags.end(), {"--no-pdf-header-footer", "--print-to-pdf=" + file, "file://" + page});
+    const ToolResult result = RunProgram(CHROMIUM, flags);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    std::ostringstream pdf;
+    pdf << std::ifstream(file, std::ios::binary).rdbuf();
+    return pdf.str();
+  }
+
+  // Has `script`, which may set `extra`, and then kMeasure run at the end of `page`, past its policy.
+  static std::string Measured(std::string page, const std::string& script = {}) {
     const std::string policy = "script-src ";
     const std::size_t at = page.find(policy);
     if (at != std::string::npos) page.insert(at + policy.size(), "'nonce-measure' ");
-    return page + kMeasure;
+    return page + "<script nonce=\"measure\">let extra = null; " + script + "</script>" + kMeasure;
   }
 
-  // The report of `folders`, with what measures it.
-  std::string Page(std::vector<std::string> folders) const {
+  // The report of `folders`, with `script` and what measures it.
+  std::string Page(std::vector<std::string> folders, const std::string& script = {}) const {
     const std::string file = folder_ / "report.html";
     folders.insert(folders.begin(), "report");
     folders.insert(folders.end(), {"-o", file});
     const ToolResult result = RunProgram(STRESS_SCOPE, folders);
     EXPECT_EQ(result.status, 0) << result.errors;
-    return folder_.Put("report.html", Measured(folder_.Get("report.html")));
+    return folder_.Put("report.html", Measured(folder_.Get("report.html"), script));
   }
 
   TemporaryFolder folder_;
 
  private:
+  std::vector<std::string> Flags() const {
+    return {"--headless=new",
+            "--no-sandbox",
+            "--disable-gpu",
+            "--disable-dev-shm-usage",
+            "--disable-quic",
+            "--no-first-run",
+            "--disable-background-networking",
+            "--disable-component-update",
+            "--disable-sync",
+            "--user-data-dir=" + (folder_ / "profile"),
+            "--host-resolver-rules=MAP * ~NOTFOUND",
+            "--virtual-time-budget=3000"};
+  }
+
   // Of a request that the browser makes for itself the log says that its initiator is "not an origin", or one
   // of the browser's maker; pages in files have the origin "null".
   static std::vector<std::string> Requests(const std::string& netLog) {

@@ -100,7 +100,7 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
   EXPECT_THAT(visit.Row("figures", {"vpc"}), ElementsAre("vpc", "1", "4,000", "100.0", "0.651", "4.00 ms",
                                                          "4.00 ms", "4.00 ms", "0", "250.0", "250.0", "0 %"));
   EXPECT_THAT(visit.Row("figures", {"all"}), ElementsAre("all", "", "14.642", ""));
-  EXPECT_THAT(visit.Row("figures", {"cpu", "1"}),
+  EXPECT_THAT(visit.Row("figures threads", {"cpu", "1"}),
               ElementsAre("cpu", "1", "16,000", "400.0", "6.636", "500.00 µs", "500.00 µs", "500.00 µs", "0",
                           "2000.0"));
   for (const auto& [title, text] :
