@@ -214,7 +214,7 @@ class Charts {
   counters() {
     return this.runs.flatMap((run, i) => {
       const bySource = new Map();
-      for (const counter of run.counters) {
+      for (const counter of run.counter_series) {
         const axis = `${counter.source} (${counter.unit})`;
         bySource.set(axis, [...(bySource.get(axis) ?? []), counter]);
       }

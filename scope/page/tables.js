@@ -147,10 +147,10 @@ function warningList(runs) {
 
 // One row a source, however many runs there are.
 function counterTable(runs) {
-  const sources = [...new Set(runs.flatMap((run) => run.counter_sources.map((entry) => entry.source)))];
+  const sources = [...new Set(runs.flatMap((run) => run.counters.map((entry) => entry.source)))];
   if (sources.length === 0) return el('p', {}, 'None were looked for.');
   const rows = sources.map((source) => el('tr', {}, rowHeading(source), runs.map((run) => {
-    const entry = run.counter_sources.find((each) => each.source === source);
+    const entry = run.counters.find((each) => each.source === source);
     if (!entry) return el('td', {}, absent('not looked for'));
     return el('td', {}, entry.present ? 'recorded' : `absent: ${entry.reason}`);
   })));

@@ -59,7 +59,7 @@ TEST(ReportPage, ItsDataAreTheFigures) {
   EXPECT_EQ(cpu["histogram"]["low_ns"], nlohmann::json::parse("[499000, 499000]"));
   EXPECT_EQ(cpu["histogram"]["operations"], nlohmann::json::parse("[16000, 16000]"));
   EXPECT_EQ(run["printed"][1]["fps"][5], 250);
-  EXPECT_EQ(run["counters"][0]["value"][9], 51);
+  EXPECT_EQ(run["counter_series"][0]["value"][9], 51);
 }
 
 TEST(ReportPage, AFigureThatARunDoesNotHaveIsNull) {
@@ -124,7 +124,7 @@ TEST(ReportPage, NothingLeadsOutOfItsData) {
   }
   const nlohmann::json data = DataOf(page);
   EXPECT_EQ(data["runs"][0]["label"], hostile);
-  EXPECT_EQ(data["runs"][0]["counters"][0]["name"], hostile);
+  EXPECT_EQ(data["runs"][0]["counter_series"][0]["name"], hostile);
   EXPECT_EQ(data["engines"].back()["title"], hostile);
   EXPECT_EQ(data["runs"][1]["name"], "\xef\xbf\xbd");
 }

@@ -334,7 +334,7 @@ TEST(RunSummary, EnginesAndPrintedRatesAreInTheirOwnOrder) {
   const RunSummary summary = Summarise(run);
   std::vector<std::string> engines;
   for (const EngineSummary& engine : summary.engines) engines.push_back(engine.engine);
-  EXPECT_THAT(engines, ElementsAre("cpu", "vpc", "venc", "aic", "aaa", "vpc_copy", "zzz"));
+  EXPECT_THAT(engines, ElementsAre("cpu", "vpc", "venc", "aic", "vpc_copy", "aaa", "zzz"));
   std::vector<std::string> stresses;
   std::vector<std::string> loads;
   for (const scope::PrintedRates& printed : summary.printed) {

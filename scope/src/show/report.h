@@ -17,7 +17,7 @@ struct ReportedRun {
   std::string name;  ///< how the report calls it: its label or folder, with a letter where there are several
 };
 
-/// As many as the page has colours that can be told apart.
+/// As many as the page has line styles that can be told apart.
 constexpr std::size_t kMostRuns = 8;
 
 /// Reads the run folders. Throws UserError: a folder that cannot be used, none, or more than kMostRuns.

@@ -1,7 +1,6 @@
 #include "report_data.h"
 
 #include <cmath>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -11,6 +10,7 @@
 #include "compare.h"
 #include "compare_figures.h"
 #include "engines.h"
+#include "run_json.h"
 #include "run_warnings.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -24,10 +24,10 @@ Json Rounded(double value) {
   return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
 }
 
-template <typename Row>
-Json Column(const std::vector<Row>& rows, const std::function<Json(const Row&)>& value) {
+template <typename Rows, typename Value>
+Json Column(const Rows& rows, Value value) {
   Json column = Json::array();
-  for (const Row& row : rows) column.push_back(value(row));
+  for (const auto& row : rows) column.push_back(value(row));
   return column;
 }
 
@@ -44,21 +44,21 @@ Json WorkJson(const WorkSummary& work) {
 
 // A second after a gap tells no rate, and one without operations no latency.
 Json SecondsJson(const std::vector<EngineSecond>& seconds) {
-  const auto rate = [&](const std::function<std::optional<double>(const EngineSecond&)>& value) {
-    return Column<EngineSecond>(seconds, [&](const EngineSecond& second) {
+  const auto column = [&](auto value) {
+    return Column(seconds, [&](const EngineSecond& second) {
       const std::optional<double> figure = second.afterGap ? std::nullopt : value(second);
       return figure ? Rounded(*figure) : Json(nullptr);
     });
   };
   const auto latency = [&](std::uint64_t EngineSecond::* figure) {
-    return Column<EngineSecond>(seconds, [&](const EngineSecond& second) {
-      return second.afterGap || second.*figure == 0 ? Json(nullptr) : Json(second.*figure);
+    return column([=](const EngineSecond& second) {
+      return second.*figure == 0 ? std::nullopt : std::optional(static_cast<double>(second.*figure));
     });
   };
   return Json{
-      {"time_s", Column<EngineSecond>(seconds, [](const auto& second) { return Rounded(second.timeS); })},
-      {"operations_per_s", rate([](const auto& second) { return second.OperationsPerS(); })},
-      {"gigabytes_per_s", rate([](const auto& second) { return second.GigabytesPerS(); })},
+      {"time_s", Column(seconds, [](const auto& second) { return Rounded(second.timeS); })},
+      {"operations_per_s", column([](const auto& second) { return std::optional(second.OperationsPerS()); })},
+      {"gigabytes_per_s", column([](const auto& second) { return second.GigabytesPerS(); })},
       {"p50_ns", latency(&EngineSecond::p50Ns)},
       {"p99_ns", latency(&EngineSecond::p99Ns)},
       {"max_ns", latency(&EngineSecond::maxNs)}};
@@ -102,8 +102,8 @@ Json PrintedJson(const RunSummary& summary) {
         Json{{"engine", rates.engine},
              {"stress", rates.stress},
              {"median_fps", rates.median},
-             {"time_s", Column<Rate>(rates.rates, [](const Rate& rate) { return Rounded(rate.timeS); })},
-             {"fps", Column<Rate>(rates.rates, [](const Rate& rate) { return Rounded(rate.fps); })}});
+             {"time_s", Column(rates.rates, [](const Rate& rate) { return Rounded(rate.timeS); })},
+             {"fps", Column(rates.rates, [](const Rate& rate) { return Rounded(rate.fps); })}});
   }
   return printed;
 }
@@ -184,39 +184,22 @@ Json ConditionsJson(const Conditions& machine) {
 
 Json RunJson(const ReportedRun& reported) {
   const RunInfo& info = reported.run.info;
-  Json levels = Json::object();
-  for (const auto& [engine, level] : info.config.levels) levels[engine] = level;
-  Json sources = Json::array();
-  for (const CounterSource& source : info.counters) {
-    sources.push_back(
-        Json{{"source", source.source}, {"present", source.present}, {"reason", source.reason}});
-  }
-  Json warnings = Json::array();
+  Json run = Json::parse(RunInfoText(info));
+  run["warnings"] = Json::array();
+  run["name"] = reported.name;
+  run["folder"] = reported.run.folder;
+  run["meter"] = info.conditions.meter;
+  run["conditions"] = ConditionsJson(info.conditions);
   for (const Warning& warning : reported.warnings) {
-    warnings.push_back(
+    run["warnings"].push_back(
         Json{{"text", warning.text}, {"time_s", OrNull(warning.timeS)}, {"engine", warning.engine}});
   }
-  return Json{{"name", reported.name},
-              {"folder", reported.run.folder},
-              {"tool", info.tool},
-              {"kind", info.kind},
-              {"label", info.label},
-              {"started", info.started},
-              {"complete", info.complete},
-              {"incomplete_reason", info.incompleteReason},
-              {"duration_s", info.durationS},
-              {"exit_status", info.exitStatus},
-              {"signal", info.signal},
-              {"meter", info.conditions.meter},
-              {"config", Json{{"path", info.config.path}, {"text", info.config.text}, {"levels", levels}}},
-              {"conditions", ConditionsJson(info.conditions)},
-              {"warnings", warnings},
-              {"gigabytes_per_s", OrNull(reported.summary.gigabytesPerS)},
-              {"engines", EnginesJson(reported)},
-              {"printed", PrintedJson(reported.summary)},
-              {"medians", MediansJson(reported.summary)},
-              {"counter_sources", sources},
-              {"counters", CountersJson(reported.run.counters)}};
+  run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
+  run["engines"] = EnginesJson(reported);
+  run["printed"] = PrintedJson(reported.summary);
+  run["medians"] = MediansJson(reported.summary);
+  run["counter_series"] = CountersJson(reported.run.counters);
+  return run;
 }
 
 // Every engine that a run has figures of, or was to load: those of the table in its order, then others.
