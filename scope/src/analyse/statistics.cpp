@@ -112,13 +112,6 @@ double StandardDeviation(const std::vector<double>& values) {
   return std::sqrt(squares / static_cast<double>(values.size() - 1));
 }
 
-double CoefficientOfVariation(const std::vector<double>& values) {
-  const double deviation = StandardDeviation(values);
-  const double mean = std::abs(Mean(values));
-  if (mean == 0) throw std::invalid_argument("a coefficient of variation needs a mean other than 0");
-  return deviation / mean;
-}
-
 double NormalQuantile(double p) {
   if (!(p > 0 && p < 1)) throw std::invalid_argument("a normal quantile needs a probability in (0, 1)");
   if (p < 0.5) return -NormalQuantile(1 - p);

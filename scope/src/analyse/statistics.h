@@ -16,8 +16,6 @@ double Median(std::vector<double> values);
 double Mean(const std::vector<double>& values);
 /// Of a sample: over n - 1. Needs two values.
 double StandardDeviation(const std::vector<double>& values);
-/// Standard deviation over the absolute mean. Needs two values, and a mean that is not 0.
-double CoefficientOfVariation(const std::vector<double>& values);
 
 /// The value that a standard normal variable does not exceed with probability `p`, 0 < p < 1.
 double NormalQuantile(double p);

@@ -5,7 +5,6 @@
 #include "commands.h"
 #include "errors.h"
 #include "live_view.h"
-#include "recording.h"
 #include "report.h"
 
 namespace scope {
@@ -22,37 +21,40 @@ RecordResult RecordAndPrint(const RecordOptions& options, View& view, Signals& s
   return result;
 }
 
+void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
+  const auto add = [&](const char* name, auto& value, const char* help) {
+    CLI::Option* const option = command.add_option(name, value, help);
+    return excluded == nullptr ? option : option->excludes(excluded);
+  };
+  add("--benchmark", settings.benchmark, "Program to run (default: stress_benchmark beside this one)");
+  add("--meter", settings.meter, "Meter to preload (default: libstress_scope.so of this build)");
+  CLI::Option* const noMeter = command.add_flag_callback(
+      "--no-meter", [&settings] { settings.useMeter = false; },
+      "Record rate lines, counters and conditions alone");
+  if (excluded != nullptr) noMeter->excludes(excluded);
+  add("--sysfs-root", settings.systemRoot, "Folder that has sys and proc (default: /)");
+  add("--stop-after", settings.stopAfterS, "Seconds after which SIGINT ends the run (default: its run time)")
+      ->check(CLI::Range(0.0, 1e6));
+  add("--grace", settings.graceS, "Seconds without a sign of life after the run time that count as hung")
+      ->check(CLI::Range(1.0, 3600.0))
+      ->capture_default_str();
+  add("EXTRA", settings.extra, "Further arguments of the benchmark, after --");
+}
+
 void AddRecord(CLI::App& app, int& status) {
   CLI::App* const command =
       app.add_subcommand("record", "Run the benchmark under the meter and save a run folder");
   const auto options = std::make_shared<RecordOptions>();
-  const auto noMeter = std::make_shared<bool>(false);
   const auto quiet = std::make_shared<bool>(false);
   command->add_option("CONFIG", options->config, "Configuration file of the benchmark")->required();
   command->add_option("-o,--output", options->folder, "Run folder to make (default: run-TIME)");
   command->add_flag("--force", options->force, "Replace the run that is in the folder");
-  command->add_option("--benchmark", options->benchmark,
-                      "Program to run (default: stress_benchmark beside this one)");
-  command->add_option("--meter", options->meter,
-                      "Meter to preload (default: libstress_scope.so of this build)");
-  command->add_flag("--no-meter", *noMeter, "Record rate lines, counters and conditions alone");
   command->add_option("--label", options->label, "Words to keep with the run");
   command->add_flag("--quiet", *quiet, "Show nothing while it runs");
-  command->add_option("--sysfs-root", options->systemRoot, "Folder that has sys and proc (default: /)");
   command->add_option("--run-time", options->runTimeS,
                       "Seconds that the benchmark runs, where CONFIG does not say it");
-  command
-      ->add_option("--stop-after", options->stopAfterS,
-                   "Seconds after which SIGINT ends the run (default: its run time)")
-      ->check(CLI::Range(0.0, 1e6));
-  command
-      ->add_option("--grace", options->graceS,
-                   "Seconds without a sign of life after the run time that count as hung")
-      ->check(CLI::Range(1.0, 3600.0))
-      ->capture_default_str();
-  command->add_option("EXTRA", options->extra, "Further arguments of the benchmark, after --");
-  command->callback([options, noMeter, quiet, &status] {
-    options->useMeter = !*noMeter;
+  AddRunSettings(*command, *options, nullptr);
+  command->callback([options, quiet, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("run-");
     const auto view = *quiet ? MakeSilentView() : OutputIsTerminal() ? MakeLiveView() : MakePlainView();
     Signals signals;

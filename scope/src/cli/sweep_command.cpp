@@ -16,7 +16,6 @@
 #include "durable_file.h"
 #include "errors.h"
 #include "live_view.h"
-#include "recording.h"
 #include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -58,16 +57,10 @@ double RunSeconds(const std::string& config, const SweepSettings& settings) {
 
 RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
   RecordOptions options;
+  static_cast<RunSettings&>(options) = sweep.settings;
   options.folder = folder;
   options.config = folder + "/" + kConfigName;
   options.force = true;  // of the sweep's own folder: what is in it is this run's configuration, or its rest
-  options.benchmark = sweep.settings.benchmark;
-  options.meter = sweep.settings.meter;
-  options.useMeter = sweep.settings.useMeter;
-  options.extra = sweep.settings.extra;
-  options.systemRoot = sweep.settings.systemRoot;
-  options.graceS = sweep.settings.graceS;
-  options.stopAfterS = sweep.settings.stopAfterS;
   return options;
 }
 
@@ -103,17 +96,18 @@ Sweep Prepare(const SweepOptions& options) {
 }
 
 // Runs that are to be recorded, in their order. One whose folder has gone, or is not complete, is not done.
-std::vector<SweepRun*> Due(const std::string& folder, Sweep& sweep) {
-  std::vector<SweepRun*> due;
+std::vector<SweepRun*> RunsToRecord(const std::string& folder, Sweep& sweep) {
+  std::vector<SweepRun*> toRecord;
   for (SweepRun& run : sweep.runs) {
     if (run.state == SweepState::kDone) {
       const std::string path = folder + "/" + run.folder;
       if (!IsRunFolder(path) || !ReadRunInfo(path).complete) run.state = SweepState::kPlanned;
     }
-    if (run.state != SweepState::kDone) due.push_back(&run);
+    if (run.state != SweepState::kDone) toRecord.push_back(&run);
   }
-  std::sort(due.begin(), due.end(), [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
-  return due;
+  std::sort(toRecord.begin(), toRecord.end(),
+            [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
+  return toRecord;
 }
 
 bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet, Signals& signals) {
@@ -139,16 +133,17 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
 
 // True when all runs are done.
 bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
-  const std::vector<SweepRun*> due = Due(folder, sweep);
-  const double runS = due.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
-  std::cout << "sweep " << folder << ": " << due.size() << " of " << sweep.runs.size()
+  const std::vector<SweepRun*> toRecord = RunsToRecord(folder, sweep);
+  const double runS =
+      toRecord.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
+  std::cout << "sweep " << folder << ": " << toRecord.size() << " of " << sweep.runs.size()
             << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
   // Held between the runs as well: one that comes there must not leave sweep.json behind the folders.
   Signals signals;
   bool interrupted = false;
-  for (std::size_t i = 0; i < due.size() && !interrupted; ++i) {
-    SweepRun& run = *due[i];
-    const double leftS = runS * static_cast<double>(due.size() - i);
+  for (std::size_t i = 0; i < toRecord.size() && !interrupted; ++i) {
+    SweepRun& run = *toRecord[i];
+    const double leftS = runS * static_cast<double>(toRecord.size() - i);
     std::cout << "run " << run.order << " of " << sweep.runs.size() << ": " << PointText(run.levels)
               << ", repeat " << run.repeat
               << Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60)
@@ -213,7 +208,6 @@ void AddSweep(CLI::App& app, int& status) {
   CLI::App* const command =
       app.add_subcommand("sweep", "Record a grid of levels, and show where the bandwidth saturates");
   const auto options = std::make_shared<SweepOptions>();
-  const auto noMeter = std::make_shared<bool>(false);
   SweepSettings& settings = options->settings;
   CLI::Option* const config =
       command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
@@ -229,23 +223,12 @@ void AddSweep(CLI::App& app, int& status) {
   add("--warmup", settings.warmupS, "Seconds at the start of each run that figures leave out")
       ->check(CLI::Range(0.0, 1e6))
       ->capture_default_str();
-  add("--stop-after", settings.stopAfterS, "Seconds after which SIGINT ends each run (default: its run time)")
-      ->check(CLI::Range(0.0, 1e6));
   CLI::Option* const seed =
       add("--seed", settings.seed, "Seed of the order (default: another one each time)");
   add("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)");
-  add("--benchmark", settings.benchmark, "Program to run (default: stress_benchmark beside this one)");
-  add("--meter", settings.meter, "Meter to preload (default: libstress_scope.so of this build)");
-  command->add_flag("--no-meter", *noMeter, "Record rate lines, counters and conditions alone")
-      ->excludes(resume);
-  add("--sysfs-root", settings.systemRoot, "Folder that has sys and proc (default: /)");
-  add("--grace", settings.graceS, "Seconds without a sign of life after the run time that count as hung")
-      ->check(CLI::Range(1.0, 3600.0))
-      ->capture_default_str();
+  AddRunSettings(*command, settings, resume);
   command->add_flag("--quiet", options->quiet, "Show no table while a run goes on");
-  add("EXTRA", settings.extra, "Further arguments of the benchmark, after --");
-  command->callback([options, noMeter, seed, &status] {
-    options->settings.useMeter = !*noMeter;
+  command->callback([options, seed, &status] {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("sweep-");
     if (seed->count() == 0) options->settings.seed = std::random_device()();

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "run_settings.h"
+
 /// What a sweep records, and how far it has come, as plain data.
 namespace scope {
 
@@ -29,17 +31,10 @@ struct SweepRun {
 };
 
 /// How each run is recorded, kept so that a resumed sweep does the same.
-struct SweepSettings {
+struct SweepSettings : RunSettings {
   int repeats = 1;
   double warmupS = 5;      ///< seconds at the start of each run that the figures leave out
-  double stopAfterS = 0;   ///< 0: each run goes on for the run time of the configuration
   std::uint64_t seed = 0;  ///< of the order
-  std::string benchmark;   ///< as in RecordOptions, and so are the others
-  std::string meter;
-  bool useMeter = true;
-  std::vector<std::string> extra;
-  std::string systemRoot = "/";
-  double graceS = 15;
 };
 
 struct Sweep {

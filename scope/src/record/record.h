@@ -3,24 +3,18 @@
 #include <string>
 #include <vector>
 
+#include "run_settings.h"
 #include "signals.h"
 #include "view.h"
 
 namespace scope {
 
-struct RecordOptions {
-  std::string config;     ///< configuration file of the benchmark
-  std::string folder;     ///< run folder to make
-  bool force = false;     ///< replace a run that is in the folder
-  std::string benchmark;  ///< program; empty: stress_benchmark beside this program
-  std::string meter;      ///< library; empty: libstress_scope.so in the lib folder beside this program's
-  bool useMeter = true;   ///< false: rate lines, counters and conditions alone
-  std::string label;
-  std::vector<std::string> extra;  ///< further arguments of the benchmark
-  std::string systemRoot = "/";    ///< where sys and proc are
-  unsigned int runTimeS = 0;       ///< 0: as the configuration says
-  double stopAfterS = 0;           ///< seconds after which SIGINT ends the run; 0: it ends by itself
-  double graceS = 15;              ///< seconds without a sign of life, past the run time, that count as hung
+struct RecordOptions : RunSettings {
+  std::string config;         ///< configuration file of the benchmark
+  std::string folder;         ///< run folder to make
+  bool force = false;         ///< replace a run that is in the folder
+  std::string label;          ///< words to keep with the run
+  unsigned int runTimeS = 0;  ///< 0: as the configuration says
 };
 
 struct RecordResult {

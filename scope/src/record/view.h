@@ -6,17 +6,17 @@
 
 namespace scope {
 
-/// Where a recording shows itself. Threads: one.
+/// Where a recording shows itself; this one shows nothing. Threads: one.
 class View {
  public:
   virtual ~View() = default;
   /// A second has passed; `runTimeS` is the run time that is configured.
-  virtual void Second(const Figures& figures, double timeS, double runTimeS) = 0;
+  virtual void Second(const Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) {}
   /// A line that the benchmark wrote to standard error. Called only when TakesErrors.
-  virtual void ErrorLine(const std::string& line) = 0;
-  virtual bool TakesErrors() const = 0;
+  virtual void ErrorLine(const std::string& /*line*/) {}
+  virtual bool TakesErrors() const { return false; }
   /// Leaves the screen in order: nothing is drawn any more, and others may write.
-  virtual void End() = 0;
+  virtual void End() {}
 };
 
 }  // namespace scope

@@ -111,17 +111,6 @@ class PlainView : public View {
     }
     (void)std::fflush(stdout);
   }
-  void ErrorLine(const std::string& /*line*/) override {}
-  bool TakesErrors() const override { return false; }
-  void End() override {}
-};
-
-class SilentView : public View {
- public:
-  void Second(const Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {}
-  void ErrorLine(const std::string& /*line*/) override {}
-  bool TakesErrors() const override { return false; }
-  void End() override {}
 };
 
 }  // namespace
@@ -135,7 +124,7 @@ std::unique_ptr<View> MakePlainView() {
 }
 
 std::unique_ptr<View> MakeSilentView() {
-  return std::make_unique<SilentView>();
+  return std::make_unique<View>();
 }
 
 bool OutputIsTerminal() {

@@ -1,8 +1,5 @@
 #include "report.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <utility>
 
@@ -22,20 +19,6 @@ std::string NameOf(const Run& run, std::size_t index, std::size_t count) {
   std::string name = run.info.label.empty() ? folder.filename().string() : run.info.label;
   if (count == 1) return name;
   return std::string(1, static_cast<char>('A' + index)) + ": " + name;
-}
-
-[[noreturn]] void CannotWrite(const std::string& file, int error) {
-  throw UserError("cannot write " + file + ": " + std::strerror(error));
-}
-
-void WriteFile(const std::string& file, const std::string& text) {
-  std::FILE* const out = std::fopen(file.c_str(), "we");
-  if (out == nullptr) CannotWrite(file, errno);
-  errno = 0;
-  const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-  const int error = errno;
-  errno = 0;
-  if (std::fclose(out) != 0 || !written) CannotWrite(file, written ? errno : error);
 }
 
 }  // namespace
@@ -64,7 +47,7 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
   const std::string page = ReportPage(runs);
   std::error_code ignored;
   if (fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
-    WriteFile(path, page);  // a device or a pipe keeps its place
+    OutputFile(path).Write(page);  // a device or a pipe keeps its place
     return path;
   }
   ReplaceFile(path, page);

@@ -27,6 +27,21 @@ const std::array<std::pair<SweepState, const char*>, 4> kStates = {
      {SweepState::kFailed, "failed"},
      {SweepState::kInterrupted, "interrupted"}}};
 
+// Calls `visit` with the key and the value of each setting.
+template <typename Settings, typename Visit>
+void ForEachSetting(Settings& settings, Visit visit) {
+  visit("repeats", settings.repeats);
+  visit("seed", settings.seed);
+  visit("warmup_s", settings.warmupS);
+  visit("stop_after_s", settings.stopAfterS);
+  visit("benchmark", settings.benchmark);
+  visit("meter", settings.meter);
+  visit("use_meter", settings.useMeter);
+  visit("arguments", settings.extra);
+  visit("sysfs_root", settings.systemRoot);
+  visit("grace_s", settings.graceS);
+}
+
 Json ToJson(const Sweep& sweep) {
   Json grid = Json::object();
   for (const SweepAxis& axis : sweep.axes) grid[axis.section] = axis.levels;
@@ -43,24 +58,15 @@ Json ToJson(const Sweep& sweep) {
                         {"state", state->second},
                         {"reason", run.reason}});
   }
-  const SweepSettings& settings = sweep.settings;
-  return Json{{"format", kSweepFormat},
-              {"tool", kToolVersion},
-              {"kind", "sweep"},
-              {"started", sweep.started},
-              {"config", Json{{"path", sweep.configPath}}},
-              {"grid", grid},
-              {"repeats", settings.repeats},
-              {"seed", settings.seed},
-              {"warmup_s", settings.warmupS},
-              {"stop_after_s", settings.stopAfterS},
-              {"benchmark", settings.benchmark},
-              {"meter", settings.meter},
-              {"use_meter", settings.useMeter},
-              {"arguments", settings.extra},
-              {"sysfs_root", settings.systemRoot},
-              {"grace_s", settings.graceS},
-              {"runs", runs}};
+  Json json{{"format", kSweepFormat},
+            {"tool", kToolVersion},
+            {"kind", "sweep"},
+            {"started", sweep.started},
+            {"config", Json{{"path", sweep.configPath}}},
+            {"grid", grid}};
+  ForEachSetting(sweep.settings, [&](const char* key, const auto& value) { json[key] = value; });
+  json["runs"] = runs;
+  return json;
 }
 
 SweepRun RunFromJson(const Json& json, const std::string& path) {
@@ -88,17 +94,7 @@ Sweep FromJson(const Json& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
   json.at("config").at("path").get_to(sweep.configPath);
-  SweepSettings& settings = sweep.settings;
-  json.at("repeats").get_to(settings.repeats);
-  json.at("seed").get_to(settings.seed);
-  json.at("warmup_s").get_to(settings.warmupS);
-  json.at("stop_after_s").get_to(settings.stopAfterS);
-  json.at("benchmark").get_to(settings.benchmark);
-  json.at("meter").get_to(settings.meter);
-  json.at("use_meter").get_to(settings.useMeter);
-  json.at("arguments").get_to(settings.extra);
-  json.at("sysfs_root").get_to(settings.systemRoot);
-  json.at("grace_s").get_to(settings.graceS);
+  ForEachSetting(sweep.settings, [&](const char* key, auto& value) { json.at(key).get_to(value); });
   for (const auto& [section, levels] : json.at("grid").items()) {
     sweep.axes.push_back({section, levels.get<std::vector<int>>()});
   }
