@@ -28,7 +28,7 @@ Warning EarlyEnd(const EngineSummary& engine, double endS);
 /// True where so many operations take less than a millisecond that the printed rate is not to be used.
 bool HasShortOperations(const EngineSummary& engine);
 
-/// From so much on a change over the last half of a run is worth a word.
+/// Changes above this share over the last half of a run are reported.
 constexpr double kDrift = 0.02;
 
 /// How much a series of rates, the same time apart, still changes over its last half: the Theil-Sen slope

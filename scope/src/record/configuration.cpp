@@ -77,7 +77,7 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
     const Ormis::QetYamlNode root(path);
     for (const char* const key : {"logMode", "logLevel", "runTimes"}) {
       if (root.children.count(key) == 0) continue;
-      // What is there and no number counts as 0 to the benchmark.
+      // The benchmark reads a value that does not parse as 0.
       unsigned int value = 0;
       (void)root.GetValue<unsigned int>(key, value);
       text += std::string(key) + ": " + std::to_string(value) + "\n";

@@ -170,7 +170,7 @@ Counters::~Counters() {
 void Counters::Add(File file, std::string& reason) {
   std::string why;
   if (const std::optional<std::string> text = ReadText(file.path); !text) {
-    // A file that is not there is no news: not every folder has all of them.
+    // Missing files are expected: not every folder has all of them.
     if (errno != ENOENT && errno != ENOTDIR) why = "cannot read " + file.path + ": " + std::strerror(errno);
   } else if (!ReadNumber(file.path) && *text != kNotYet) {
     why = file.path + " says \"" + *text + "\", which is no number";

@@ -7,7 +7,7 @@
 namespace scope {
 namespace {
 
-// More than anybody records; the number would say that it is known well.
+// Nobody records more, and an exact number would look too certain.
 constexpr int kManyRepeats = 9999;
 
 std::string RunsText(const Side& side) {

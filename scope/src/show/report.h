@@ -30,8 +30,8 @@ std::string ReportText(const std::vector<ReportedRun>& runs);
 /// comes from the runs is data wherever it stands, whatever characters it has. At least one run.
 std::string ReportPage(const std::vector<ReportedRun>& runs);
 
-/// Writes the report of the run folder `folder` to `file`, or to report.html in the folder where `file` is
-/// empty. Returns the file. Throws UserError.
+/// Writes the page of `runs` to `file`. Where `file` is empty: to report.html, in the run's folder if there
+/// is one run, else in the current folder. Returns the file. Throws UserError.
 std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string& file);
 
 }  // namespace scope

@@ -6,8 +6,8 @@
 
 namespace scope {
 
-/// Rows of UTF-8 text in columns as wide as their widest field. The first `left` columns begin, and the
-/// others end, at the same place in every row.
+/// Rows of UTF-8 text in columns as wide as their widest field. `sides` has a letter for each column: 'l' for
+/// fields at the left. Other columns, and those without a letter, have their fields at the right.
 class TextTable {
  public:
   explicit TextTable(std::string sides) : sides_(std::move(sides)) {}
