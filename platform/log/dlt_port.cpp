@@ -25,7 +25,7 @@ namespace ara::log {
 
 namespace {
 
-// The levels have the protocol's numbers.
+// The protocol has the same numbers for the levels.
 static_assert(static_cast<int>(LogLevel::kFatal) == DLT_LOG_FATAL &&
               static_cast<int>(LogLevel::kError) == DLT_LOG_ERROR &&
               static_cast<int>(LogLevel::kWarn) == DLT_LOG_WARN &&
@@ -33,19 +33,19 @@ static_assert(static_cast<int>(LogLevel::kFatal) == DLT_LOG_FATAL &&
               static_cast<int>(LogLevel::kDebug) == DLT_LOG_DEBUG &&
               static_cast<int>(LogLevel::kVerbose) == DLT_LOG_VERBOSE);
 
-// Of a message on its way to the daemon: libdlt's header, and the protocol's standard and extended header.
+// The headers of a message to the daemon: libdlt's own, and the protocol's standard and extended header.
 constexpr std::size_t kUserHeaderBytes = 8;
 constexpr std::size_t kHeaderBytes =
     kUserHeaderBytes + sizeof(DltStandardHeader) + sizeof(DltStandardHeaderExtra) + sizeof(DltExtendedHeader);
-// Each argument has a type; a text has its length and a terminator besides.
+// Each argument begins with its type. A text also has its length and a terminator.
 constexpr std::size_t kThreadIdBytes = sizeof(std::uint32_t) + sizeof(std::uint32_t);
 constexpr std::size_t kTextOverheadBytes = sizeof(std::uint32_t) + sizeof(std::uint16_t) + 1;
 static_assert(kHeaderBytes + kThreadIdBytes + kTextOverheadBytes + RemoteRecord::kTextCapacity <=
                   DLT_USER_BUF_MAX_SIZE,
               "the longest record must fit into a message");
 
-/// The functions of libdlt, which is loaded only when the remote sink is asked for: so nothing else needs it,
-/// and it is no part of the other runs.
+/// The functions of libdlt. The library is loaded only when the remote sink is asked for; other runs neither
+/// need nor load it.
 struct LibDlt {
   decltype(&dlt_init) init;
   decltype(&dlt_free) free;
@@ -63,7 +63,7 @@ struct LibDlt {
   decltype(&dlt_log_init) initOwnLog;
   decltype(&dlt_log_set_level) setOwnLogLevel;
 
-  /// Returns false and says why when it cannot be loaded.
+  /// Loads the library. Returns false and sets `reason` when that failed.
   bool Load(std::string* reason) {
     void* const library = dlopen("libdlt.so.2", RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
@@ -87,7 +87,7 @@ struct LibDlt {
   }
 };
 
-/// Takes a variable out of the environment while it lives, if it has this value.
+/// Removes a variable from the environment while this object exists, if the variable has this value.
 class VariableHidden {
  public:
   VariableHidden(const char* name, const char* value) : name_(name), value_(value) {
@@ -107,10 +107,10 @@ class VariableHidden {
   bool hidden_;
 };
 
-/// The pipe in which the daemon gets its messages, seen from beside libdlt: the protocol acknowledges
-/// nothing, and only the pipe itself knows how much of it a daemon that died has left unread. It does not
-/// know whose that is: all applications of the machine write to one pipe. Where libdlt talks to the daemon in
-/// another way, this sees nothing.
+/// Watches the pipe through which libdlt sends its messages to the daemon. The protocol acknowledges nothing,
+/// so the pipe alone tells how many bytes a daemon that died has not read. It does not tell whose they are:
+/// all applications of the machine write to one pipe. Where libdlt reaches the daemon in another way, this
+/// sees nothing.
 class DaemonPipe {
  public:
   DaemonPipe() {
@@ -121,7 +121,7 @@ class DaemonPipe {
   DaemonPipe(const DaemonPipe&) = delete;
   DaemonPipe& operator=(const DaemonPipe&) = delete;
 
-  /// Looks at the pipe of the daemon that is there now, unless it looks at one already.
+  /// Opens the pipe of the present daemon, unless one is open already.
   void Open() {
     if (descriptor_ >= 0) return;
     descriptor_ = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
@@ -130,7 +130,7 @@ class DaemonPipe {
     if (descriptor_ >= 0) close(descriptor_);
     descriptor_ = -1;
   }
-  /// True when nobody reads it any more.
+  /// True when the pipe is open here and has no reader any more.
   bool Broken() const {
     pollfd request{descriptor_, 0, 0};
     return descriptor_ >= 0 && poll(&request, 1, 0) > 0 && (request.revents & POLLERR) != 0;
@@ -145,13 +145,13 @@ class DaemonPipe {
   int descriptor_ = -1;
 };
 
-/// The sizes of the messages that were sent last.
+/// The sizes of the last messages.
 class SentSizes {
  public:
   void Add(std::size_t bytes) { sizes_[count_++ % sizes_.size()] = static_cast<std::uint16_t>(bytes); }
   void Clear() { count_ = 0; }
 
-  /// How many of the last messages make up this many bytes.
+  /// Returns how many of the last messages make up this many bytes.
   std::uint64_t MessagesIn(std::size_t bytes) const {
     std::uint64_t messages = 0;
     for (std::size_t sum = 0; sum < bytes && messages < std::min<std::uint64_t>(count_, sizes_.size());) {
@@ -162,7 +162,7 @@ class SentSizes {
   }
 
  private:
-  std::array<std::uint16_t, 16384> sizes_{};  // of the shortest messages in the longest pipe, 1 MiB
+  std::array<std::uint16_t, 16384> sizes_{};  // enough for the shortest messages in the largest pipe, 1 MiB
   std::uint64_t count_ = 0;
 };
 
@@ -171,16 +171,16 @@ class DltPort : public RemotePort {
   DltPort(const LibDlt& dlt, bool silent) : dlt_(dlt), silent_(silent) {}
 
   const char* Open() override {
-    // Standard output is the application's. libdlt would write messages of its own there, and on demand the
-    // records.
+    // Standard output belongs to the application. With these settings libdlt would write its own messages and
+    // the records there.
     const VariableHidden noMessages("DLT_LOG_MODE", "0");
     const VariableHidden noRecords("DLT_LOCAL_PRINT_MODE", "FORCE_ON");
     const VariableHidden noUnsentRecords("DLT_LOCAL_PRINT_MODE", "AUTOMATIC");
     dlt_.initOwnLog(DLT_LOG_TO_STDERR);
     if (silent_) dlt_.setOwnLogLevel(LOG_EMERG);
 
-    // libdlt ignores the signal for the whole process. Its own writes are made where it is blocked: here and
-    // in the threads that it starts here.
+    // libdlt makes the whole process ignore SIGPIPE; that is undone here. libdlt writes only in threads in
+    // which the signal is blocked: this one and those that it starts here.
     struct sigaction onBrokenPipe{};
     (void)sigaction(SIGPIPE, nullptr, &onBrokenPipe);
     const DltReturnValue result = dlt_.init();
@@ -189,7 +189,7 @@ class DltPort : public RemotePort {
       Finish();
       return "libdlt cannot be initialised";
     }
-    // Else the end of the process waits up to 10 s for a daemon.
+    // Otherwise the exit of the process would wait up to 10 s for a daemon.
     (void)dlt_.setTimeoutAtExit(0);
     return nullptr;
   }
@@ -211,12 +211,12 @@ class DltPort : public RemotePort {
     DltContextData message{};
     const DltReturnValue enabled =
         dlt_.writeStart(context, &message, static_cast<DltLogLevelType>(record.header.level));
-    // The daemon's user has switched the level off for this context: nothing to send, and nothing lost.
+    // The daemon's user has switched this level off for the context. Nothing is sent, and nothing is lost.
     if (enabled == DLT_RETURN_OK) return true;
     if (enabled < DLT_RETURN_OK) return false;
     message.use_timestamp = DLT_USER_TIMESTAMP;
     message.user_timestamp = record.uptime;
-    // They fail where DLT_LOG_MSG_BUF_LEN leaves too little room: what there is is sent.
+    // They fail when DLT_LOG_MSG_BUF_LEN leaves too little room. The message is then sent without them.
     (void)dlt_.writeUint32(&message, record.header.threadId);
     (void)dlt_.writeText(&message, record.text, static_cast<std::uint16_t>(record.textLength));
     if (dlt_.writeFinish(&message) < DLT_RETURN_OK) return false;
@@ -225,7 +225,7 @@ class DltPort : public RemotePort {
   }
 
   State Settle() override {
-    // What the daemon has not taken waits in libdlt's buffer.
+    // libdlt keeps in its buffer what the daemon has not taken.
     if (Waiting() > 0) {
       NoteLeftBehind();
       const DltReturnValue result = dlt_.resend();
@@ -249,7 +249,7 @@ class DltPort : public RemotePort {
   }
 
  private:
-  /// Returns null when memory is out.
+  /// Returns null when there is no memory.
   DltContext* ContextOf(const RemoteRecord& record) {
     auto context = contexts_.find(record.header.context);
     if (context == contexts_.end()) {
@@ -260,7 +260,7 @@ class DltPort : public RemotePort {
       }
       char id[sizeof record.header.contextId + 1] = {};
       std::memcpy(id, &record.header.contextId, sizeof record.header.contextId);
-      // All levels: the thresholds of the application have been applied already.
+      // All levels are enabled: the application's thresholds have been applied already.
       (void)dlt_.registerContext(
           &context->second, id,
           record.header.contextDescription != nullptr ? record.header.contextDescription : "",
@@ -282,7 +282,8 @@ class DltPort : public RemotePort {
     pipe_.Close();
   }
 
-  /// Ends libdlt here, so that its handler at exit finds nothing to do. It would say so on every exit.
+  /// Ends libdlt here, so that its exit handler has nothing to do. libdlt would write a message about that at
+  /// every exit; the level suppresses it.
   void Finish() {
     dlt_.setOwnLogLevel(silent_ ? LOG_EMERG : LOG_CRIT);
     (void)dlt_.unregisterApp();
@@ -294,8 +295,8 @@ class DltPort : public RemotePort {
   std::map<std::uint32_t, DltContext> contexts_;
   bool registered_ = false;
   DaemonPipe pipe_;
-  SentSizes sizes_;                 ///< of the messages in the pipe, and of some before them
-  std::size_t unsettledBytes_ = 0;  ///< of the last message, which is in the pipe or in libdlt's buffer
+  SentSizes sizes_;                 ///< of the messages in the pipe and some before them
+  std::size_t unsettledBytes_ = 0;  ///< size of the last message, which is in the pipe or in libdlt's buffer
   std::uint64_t leftBehind_ = 0;
 };
 

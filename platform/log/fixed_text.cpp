@@ -61,7 +61,7 @@ bool FixedText::AppendDecimal(std::uint64_t number, unsigned minDigits) {
 
 void FixedText::DropSplitCharacter() {
   std::size_t end = length_;
-  // A sequence has at most three continuation bytes; bytes that are no UTF-8 lose no more than that.
+  // A sequence has at most three continuation bytes. Of bytes that are not UTF-8 no more are removed either.
   for (int i = 0; i < 3 && end > 0 && IsUtf8Continuation(static_cast<unsigned char>(buffer_[end - 1])); ++i) {
     --end;
   }

@@ -7,23 +7,24 @@
 
 namespace ara::log {
 
-/// Text put together in a buffer of the caller's, which must outlive it. What does not fit is left out;
-/// nothing allocates, locks or touches errno, so it may be used in a signal handler. Not zero-terminated.
-/// Copies share the buffer and have a length each.
+/// Builds a text in the caller's buffer, which must outlive it. What does not fit is left out. Nothing here
+/// allocates, locks or changes errno, so it may be used in a signal handler. The text is not zero-terminated.
+/// Copies share the buffer, and each has its own length.
 class FixedText {
  public:
   using View = ara::core::internal::StringView<char>;
 
-  /// `buffer` has room for `capacity` bytes, of which the first `length` are text already.
+  /// `buffer` has room for `capacity` bytes; the first `length` of them are text already.
   FixedText(char* buffer, std::size_t capacity, std::size_t length = 0)
       : buffer_(buffer), capacity_(capacity), length_(length) {}
 
-  /// Adds the text as it is. Returns false when not all of it fitted.
+  /// Adds the text unchanged. Returns false when not all of it fitted.
   bool Append(View text);
 
-  /// Adds the text with each ASCII control character as an escape (\n, \r, \t, else \xNN in lower-case hex),
-  /// so that it stays on one line and moves no terminal. A backslash stays as it is. Adds at most `maxBytes`.
-  /// Returns false when not all of it fitted; an escape or a UTF-8 sequence is then not split.
+  /// Adds the text and replaces each ASCII control character by an escape (\n, \r, \t, else \xNN in
+  /// lower-case hex), so that the text stays on one line and cannot control a terminal. A backslash is not
+  /// changed. Adds at most `maxBytes`. Returns false when not all of it fitted; neither an escape nor a UTF-8
+  /// sequence is split.
   bool AppendEscaped(View text, std::size_t maxBytes = SIZE_MAX);
 
   /// Adds the number in decimal, with leading zeros up to `minDigits` (at most 20).
@@ -33,7 +34,7 @@ class FixedText {
   std::size_t size() const { return length_; }
 
  private:
-  /// Takes back the bytes of a UTF-8 sequence that its next byte does not fit behind.
+  /// Removes the last bytes if they begin a UTF-8 sequence that does not fit as a whole.
   void DropSplitCharacter();
 
   char* buffer_;

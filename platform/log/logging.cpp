@@ -1,28 +1,18 @@
 #include "ara/log/logging.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
-#include <filesystem>
 #include <memory>
 #include <string>
-#include <system_error>
-#include <utility>
 
 #include "fixed_text.h"
-#include "remote_port.h"
-#include "remote_sink.h"
-#include "sink.h"
+#include "sinks.h"
 #include "utc_time.h"
 
 namespace ara::log {
@@ -36,68 +26,47 @@ constexpr std::size_t kMaxAppIdBytes = 16;
 constexpr std::size_t kMaxContextIdBytes = sizeof(std::uint64_t);
 constexpr std::size_t kMaxFileBytes = 512;
 constexpr std::size_t kMaxFunctionBytes = 256;
-constexpr std::size_t kMaxToldBytes = 1023;  // of a path or a reason in a message about a sink
 constexpr std::size_t kMaxDescriptionBytes = 127;
 
-// PIPE_BUF on Linux: a longer write to a pipe may be torn.
-constexpr std::size_t kMaxLineBytes = 4096;
 constexpr std::size_t kMaxTimeBytes = 32;   // "2025-01-31T23:59:59.123456Z ", and years beyond 9999
 constexpr std::size_t kMaxFieldBytes = 48;  // level, context id and thread id with their spaces
 constexpr std::size_t kMaxMarksBytes = 32;  // " [cut]", " (", the line number, ")"
 static_assert(1 + kMaxTimeBytes + kMaxFieldBytes + kMaxAppIdBytes + LogStream::kTextCapacity +
-                      kMaxMarksBytes + kMaxFileBytes + kMaxFunctionBytes + Sink::kTail <=
+                      kMaxMarksBytes + kMaxFileBytes + kMaxFunctionBytes + Sink::kTailBytes <=
                   kMaxLineBytes,
               "the longest record must fit into one line");
-constexpr std::size_t kMaxToldWordsBytes =
-    64;  // "ara::log: " and the longest of the texts that begin a message
-static_assert(1 + kMaxToldWordsBytes + 2 * kMaxToldBytes + Sink::kTail <= kMaxLineBytes,
-              "the longest message about a sink must fit into one line");
 
-constexpr off_t kMaxLogFileBytes = off_t{10} << 20;
-
-/// The application's settings. Never changed once published and never freed: a record under way may hold
-/// them.
+/// The application's settings. They are never changed once published, and never freed: a record that is being
+/// made may use them.
 struct Settings {
   char appId[kMaxAppIdBytes + 1] = "-";
   LogLevel level = LogLevel::kVerbose;
   bool toFile = false;
   bool toConsole = true;
   bool toRemote = false;
-  char path[kMaxToldBytes + 1] = "";   ///< of the log file, for messages
-  const Settings* replaced = nullptr;  ///< keeps the older settings in reach of a leak checker
+  char path[kMaxReportedBytes + 1] = "";  ///< of the log file, for messages
+  const Settings* replaced = nullptr;     ///< the settings before, so that a leak checker finds them in use
 };
 
-/// What a context is described as. Kept for the remote sink, which makes use of it later and elsewhere.
+/// The description of a context, for the remote sink.
 struct Description {
   enum class State : std::uint8_t { kNone, kBeingWritten, kComplete };
   std::atomic<State> state{State::kNone};
   char text[kMaxDescriptionBytes + 1] = "";
 };
 
-// Constant-initialised, all of it: other libraries log from their static initialisers.
+// All of these are constant-initialised: other libraries log from their static initialisers.
 constexpr Settings kBeforeInitLogging{};
 [[clang::require_constant_initialization]] std::atomic<const Settings*> settings{&kBeforeInitLogging};
-[[clang::require_constant_initialization]] Sink console{STDERR_FILENO, Sink::Blocking::kPossible};
-[[clang::require_constant_initialization]] Sink logFile{-1, Sink::Blocking::kNever};
-[[clang::require_constant_initialization]] std::atomic<bool> fileLossTold{false};
 [[clang::require_constant_initialization]] Logger loggers[kMaxLoggers];
 [[clang::require_constant_initialization]] Description descriptions[kMaxLoggers];
-// Made once, and never destroyed: a thread may be about to log when the process ends.
-[[clang::require_constant_initialization]] std::atomic<RemoteSink*> remote{nullptr};
 static_assert(std::atomic<const Settings*>::is_always_lock_free &&
                   std::atomic<std::uint64_t>::is_always_lock_free &&
                   std::atomic<LogLevel>::is_always_lock_free,
               "records are written in signal handlers");
 
-// A process that is started without standard error gives that number to the first file it opens: that file
-// must not get the log. No file is open yet when the libraries are initialised.
-__attribute__((constructor)) void NoteMissingStandardError() {
-  const int error = errno;
-  if (fcntl(STDERR_FILENO, F_GETFD) < 0) console.Disable();
-  errno = error;
-}
-
-/// Copies an id as far as there is room; what would blur the columns of a line becomes '_', no id "-".
+/// Copies an id as far as there is room. Blanks and what is not printable ASCII become '_', which keeps the
+/// columns of a line apart. An empty id becomes "-".
 void CopyId(View id, char* field, std::size_t capacity) {
   if (id.empty()) id = View("-");
   const std::size_t length = std::min(id.size(), capacity);
@@ -131,18 +100,6 @@ View TextOrUnknown(const char* text) {
   return text != nullptr ? View(text) : View("?");
 }
 
-/// Says on standard error what became of a sink.
-void Tell(View what, View item, View reason) {
-  char buffer[kMaxLineBytes];
-  FixedText line(buffer, sizeof buffer);
-  line.Append("\nara::log: ");
-  line.Append(what);
-  line.AppendEscaped(item, kMaxToldBytes);
-  line.Append(reason.empty() ? "" : ": ");
-  line.AppendEscaped(reason, kMaxToldBytes);
-  console.Deliver(line);
-}
-
 void AppendTime(FixedText& line) {
   std::timespec now{};
   (void)clock_gettime(CLOCK_REALTIME, &now);  // cannot fail for this clock
@@ -163,80 +120,8 @@ void AppendTime(FixedText& line) {
   line.Append("Z");
 }
 
-/// Moves a log file that has grown past the limit out of the way; the one moved before is lost.
-void RotateLogFile(const std::string& path) {
-  struct stat status{};
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size <= kMaxLogFileBytes)
-    return;
-  if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) Tell("cannot move ", path, ErrorText(errno));
-}
-
-/// Opens the log file as the file sink. Returns false when that failed, which has then been told.
-bool OpenLogFile(const std::string& folder, const std::string& path) {
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    Tell("cannot make folder ", folder, error.message());
-    return false;
-  }
-  RotateLogFile(path);
-  // Not blocking: a path that is a pipe without a reader would hold the application up.
-  const int opened =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
-  // Above the standard streams: one of them may be closed, and what is written to it would end up in the log.
-  const int descriptor = opened < 0 ? -1 : fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int duplicationError = errno;
-  if (opened >= 0) close(opened);
-  errno = duplicationError;
-  if (descriptor < 0 || !logFile.Replace(descriptor)) {
-    Tell("cannot open ", path, ErrorText(errno));
-    return false;
-  }
-  fileLossTold.store(false);
-  return true;
-}
-
-void StopRemoteSink() {
-  const std::uint64_t lost = remote.load()->Stop();
-  if (lost == 0) return;
-  Tell("records lost on the way to the DLT daemon", "",
-       (remote.load()->LostIsUpperBound() ? "up to " : "") + std::to_string(lost));
-}
-
-void AbandonRemoteSink() {
-  remote.load()->Abandon();
-}
-
-/// Starts the remote sink, unless it runs already. Returns false when there is none, which is told once.
-bool StartRemoteSink(const std::string& appId, const std::string& appDescription) {
-  static bool told = false;
-  if (remote.load() == nullptr) {
-    std::string reason;
-    std::unique_ptr<RemotePort> port = MakeDltPort(console.Disabled(), &reason);
-    if (port != nullptr) {
-      auto sink = std::make_unique<RemoteSink>(std::move(port));
-      sink->SetApplication(appId, appDescription);
-      reason = sink->Start();
-      if (reason.empty()) {
-        remote.store(sink.release());
-        // After the start, so that it runs before libdlt's own handler.
-        (void)std::atexit(StopRemoteSink);
-        (void)pthread_atfork(nullptr, nullptr, AbandonRemoteSink);
-        return true;
-      }
-    }
-    if (!told) {
-      Tell("the remote sink is not available", reason.empty() ? " in this build" : "", reason);
-    }
-    told = true;
-    return false;
-  }
-  remote.load()->SetApplication(appId, appDescription);
-  return true;
-}
-
-/// Keeps the first description of a context. Who comes while it is being written leaves that to the writer:
-/// it may be a signal handler that has interrupted it.
+/// Stores the first description of a context. A caller that finds the description being written returns at
+/// once: it may be a signal handler that has interrupted the writer.
 void KeepDescription(Description& description, View text) {
   auto expected = Description::State::kNone;
   if (!description.state.compare_exchange_strong(expected, Description::State::kBeingWritten)) return;
@@ -268,7 +153,7 @@ LogStream::~LogStream() {
   std::memcpy(contextId, &packed, sizeof contextId);
   line.Append(View(contextId, strnlen(contextId, sizeof contextId)));
   line.Append(" ");
-  // The system call: a thread id kept by a library would be the parent's in the child of a fork.
+  // The system call, because after a fork an id that a library has stored would be the parent's.
   const auto threadId = static_cast<std::uint32_t>(syscall(SYS_gettid));
   line.AppendDecimal(threadId);
   line.Append(" ");
@@ -285,7 +170,7 @@ LogStream::~LogStream() {
     line.Append(")");
   }
 
-  bool homeless = false;
+  bool remoteStopped = false;
   if (current.toRemote) {
     const auto number = static_cast<std::size_t>(&logger_ - loggers);
     const Description& description = descriptions[number];
@@ -296,21 +181,17 @@ LogStream::~LogStream() {
     header.contextDescription = described ? description.text : nullptr;
     header.level = level_;
     header.threadId = threadId;
-    homeless = !remote.load(std::memory_order_relaxed)
-                    ->Deliver(header, View(line.data() + headBytes, line.size() - headBytes));
+    remoteStopped = !DeliverToRemoteSink(header, View(line.data() + headBytes, line.size() - headBytes));
   }
-  if (current.toFile) {
-    const char* const reason = logFile.Deliver(line);
-    if (reason != nullptr && !fileLossTold.exchange(true)) Tell("cannot write ", current.path, reason);
-  }
-  // Once the remote sink has been stopped, at the end of the process or in the child of a fork, its records
-  // need another place.
-  if (current.toConsole || homeless) console.Deliver(line);
+  if (current.toFile) DeliverToFile(line, current.path);
+  // At the end of the process and in the child of a fork the remote sink has been stopped. Its records then
+  // go to the console.
+  if (current.toConsole || remoteStopped) DeliverToConsole(line);
   errno = error;
 }
 
 void LogStream::Append(const char* text, std::size_t length) {
-  // After a cut nothing follows: a later, shorter piece would read as if it belonged there.
+  // After a cut nothing is added: a later, shorter piece would look as if it belonged there.
   if (!enabled_ || cut_) return;
   FixedText record(text_, kTextCapacity, length_);
   cut_ = !record.AppendEscaped(View(text, length));
@@ -334,7 +215,8 @@ LogStream& LogStream::operator<<(const std::string& text) {
 
 LogStream& LogStream::operator<<(int number) {
   if (number >= 0) return *this << static_cast<unsigned int>(number);
-  // One piece, so that a cut does not leave a sign alone; negated as unsigned, which INT_MIN bears.
+  // Inserted as one piece, so that a cut cannot leave the sign alone. Negated as unsigned, which works for
+  // INT_MIN.
   char digits[16] = {'-'};
   FixedText text(digits, sizeof digits, 1);
   text.AppendDecimal(0U - static_cast<unsigned int>(number));
@@ -384,17 +266,17 @@ void InitLogging(const std::string& appId, const std::string& appDescription, Lo
       next->toFile = OpenLogFile(folder, path);
     }
     if (HasMode(mode, LogMode::kRemote)) next->toRemote = StartRemoteSink(next->appId, appDescription);
-    // Without a file the old one stays open: a record under way may still go there.
+    // The old file stays open even when there is no new one: a record that is being made may still go there.
     next->replaced = settings.load(std::memory_order_relaxed);
     settings.store(next.release(), std::memory_order_release);
   } catch (const std::exception& error) {
-    Tell("cannot start logging for ", appId, error.what());
+    ReportProblem("cannot start logging for ", appId, error.what());
   }
 }
 
 Logger& CreateLogger(View contextId, View contextDescription, LogLevel level) {
-  // The id fits into one atomic word, so that a slot is free or taken and nothing in between: a signal
-  // handler that asks for the same context in the middle of this has no one to wait for.
+  // The id fits into one atomic word, so a slot is either free or taken. A signal handler that interrupts
+  // this function and asks for the same context need not wait.
   char bytes[kMaxContextIdBytes] = {};
   CopyId(contextId, bytes, sizeof bytes);
   std::uint64_t id = 0;

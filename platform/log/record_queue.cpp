@@ -14,7 +14,7 @@ constexpr std::uint64_t kClosed = std::uint64_t{1} << 63;
 
 void Futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) {
   const int error = errno;
-  // Every result is as good: who waits looks again, and who wakes has nothing to add.
+  // The result does not matter: the consumer checks again after a wait, and a wake-up needs no answer.
   (void)syscall(SYS_futex, &word, operation, value, nullptr, nullptr, 0);
   errno = error;
 }
@@ -28,7 +28,7 @@ RecordQueue::RecordQueue(std::size_t capacity) : slots_(capacity), mask_(capacit
 RemoteRecord* RecordQueue::Claim() {
   std::uint64_t ticket = tail_.load(std::memory_order_relaxed);
   for (;;) {
-    // Closing changes the tail, so that no claim can slip in behind it.
+    // Closing changes the tail, so the exchange below fails if the queue is closed meanwhile.
     if ((ticket & kClosed) != 0) return nullptr;
     Slot& slot = slots_[ticket & mask_];
     const std::uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
@@ -44,7 +44,8 @@ RemoteRecord* RecordQueue::Claim() {
 
 void RecordQueue::Publish(RemoteRecord* record) {
   auto* const slot = static_cast<Slot*>(record);
-  // In one order with Wait's store and loads: either this sees the consumer asleep, or it sees the record.
+  // Sequentially consistent, as in Wait: either this thread sees that the consumer sleeps, or the consumer
+  // sees the record.
   slot->sequence.store(slot->sequence.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
   if (sleeping_.load(std::memory_order_seq_cst) != 0) WakeConsumer();
 }
@@ -58,8 +59,8 @@ RemoteRecord* RecordQueue::Front() {
 void RecordQueue::Pop() {
   const std::uint64_t head = head_.load(std::memory_order_relaxed);
   slots_[head & mask_].sequence.store(head + slots_.size(), std::memory_order_release);
-  // With Remaining's acquire: who sees this head sees a tail that is not behind it. (A slot's reuse is
-  // ordered by its sequence.)
+  // Pairs with the acquire in Remaining: who sees this head also sees a tail that is not behind it. The
+  // slot's reuse is ordered by its sequence.
   head_.store(head + 1, std::memory_order_release);
 }
 
@@ -70,7 +71,7 @@ void RecordQueue::Wait() {
 }
 
 void RecordQueue::WakeConsumer() {
-  // One of the producers that see it asleep wakes it.
+  // Of the producers that see it asleep only one wakes it.
   if (sleeping_.exchange(0) != 0) Futex(sleeping_, FUTEX_WAKE_PRIVATE, 1);
 }
 
@@ -84,7 +85,7 @@ bool RecordQueue::Closed() const {
 }
 
 std::uint64_t RecordQueue::Remaining() const {
-  // The head first: it never passes the tail.
+  // The head is read first: the tail that is read after it cannot be behind it.
   const std::uint64_t head = head_.load(std::memory_order_acquire);
   return (tail_.load(std::memory_order_acquire) & ~kClosed) - head;
 }

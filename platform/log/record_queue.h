@@ -9,9 +9,9 @@
 
 namespace ara::log {
 
-/// Where a record comes from.
+/// Who made a record, and at which level.
 struct RemoteHeader {
-  std::uint64_t contextId = 0;               ///< up to 8 characters in order of memory
+  std::uint64_t contextId = 0;               ///< up to 8 characters, in the order of their bytes in memory
   const char* contextDescription = nullptr;  ///< lives until the process ends; null: none
   std::uint32_t context = 0;                 ///< number of the logger, from 0
   std::uint32_t threadId = 0;
@@ -20,7 +20,7 @@ struct RemoteHeader {
 
 /// A record on its way to the remote sink.
 struct RemoteRecord {
-  /// Bytes of text with what the sink adds to it.
+  /// Bytes of the text, including what the sink adds to it.
   static constexpr std::size_t kTextCapacity = 1280;
 
   RemoteHeader header;
@@ -31,9 +31,9 @@ struct RemoteRecord {
 };
 
 /// A bounded queue of records, from any number of producers to one consumer.
-/// Producers take no lock, allocate nothing and wait for no one, so they may be signal handlers, even one
-/// that interrupts a producer anywhere: a record that is claimed and not published yet holds back the
-/// consumer, and with it the records behind, but no producer.
+/// Producers take no lock, allocate nothing and wait for no one. So a signal handler may be a producer, even
+/// when it has interrupted one: a record that is claimed but not yet published delays the consumer and the
+/// records behind it, but no producer.
 class RecordQueue {
  public:
   /// `capacity` is a power of two.
@@ -41,44 +41,48 @@ class RecordQueue {
   RecordQueue(const RecordQueue&) = delete;
   RecordQueue& operator=(const RecordQueue&) = delete;
 
-  /// Producer: returns the record to fill in and to publish, or null when the queue is full or closed. Its
-  /// content is unspecified.
+  /// Producer: returns a record with unspecified content, to be filled in and published. Returns null when
+  /// the queue is full or closed.
   RemoteRecord* Claim();
-  /// Producer: hands a claimed record to the consumer. Wakes it when it waits; does not change errno.
+  /// Producer: hands a claimed record to the consumer and wakes it if it waits. Does not change errno.
   void Publish(RemoteRecord* record);
 
-  /// Consumer: the oldest record, or null when there is none or it is not published yet.
+  /// Consumer: returns the oldest record, or null when there is none or when it is not published yet.
   RemoteRecord* Front();
-  /// Consumer: gives the oldest record, which Front has returned, back to the producers.
+  /// Consumer: removes the oldest record; its place is free for the producers. Requires: Front has returned
+  /// it.
   void Pop();
-  /// Consumer: returns when Front may have a record or the queue is closed; may return earlier.
+  /// Consumer: waits until Front may have a record or the queue is closed. May return earlier.
   void Wait();
 
-  /// Lets no record in any more, for good; those claimed before stay. Wakes the consumer. Threads: any.
+  /// Closes the queue for good: Claim returns null from here on; claimed records stay. Wakes the consumer.
+  /// Threads: any.
   void Close();
   bool Closed() const;
-  /// Records that are claimed and not popped yet; once the queue is closed, that only falls. Threads: any.
+  /// The number of records that are claimed and not yet removed. It never grows once the queue is closed.
+  /// Threads: any.
   std::uint64_t Remaining() const;
 
  private:
   struct Slot : RemoteRecord {
-    /// Its ticket: free for it; one more: published; plus the capacity: popped.
+    /// Says what the slot is ready for. Equal to a ticket: that ticket may claim it. Ticket + 1: published.
+    /// Ticket + capacity: removed, so the next round's ticket may claim it.
     std::atomic<std::uint64_t> sequence;
   };
 
   void WakeConsumer();
 
-  // The producers' line of the cache, and the consumer's.
-  alignas(64) std::atomic<std::uint64_t> tail_{0};  ///< the next ticket; its highest bit: closed
+  // Producers and consumer write to different cache lines.
+  alignas(64) std::atomic<std::uint64_t> tail_{0};  ///< the next ticket; the highest bit is set when closed
   std::vector<Slot> slots_;
   const std::uint64_t mask_;
-  std::atomic<std::uint32_t> sleeping_{0};          ///< the consumer waits on it, or is about to
-  alignas(64) std::atomic<std::uint64_t> head_{0};  ///< tickets popped; the consumer's
+  std::atomic<std::uint32_t> sleeping_{0};          ///< 1 while the consumer waits or is about to
+  alignas(64) std::atomic<std::uint64_t> head_{0};  ///< the number of removed records; the consumer's
 };
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free &&
                   std::atomic<std::uint32_t>::is_always_lock_free &&
                   sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t),
-              "producers are signal handlers, and the kernel reads the flag");
+              "signal handlers are producers, and the kernel reads the flag");
 
 }  // namespace ara::log

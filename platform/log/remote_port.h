@@ -8,13 +8,13 @@
 
 namespace ara::log {
 
-/// The way to whoever takes the records of the remote sink. May lock, allocate and take its time; throws
-/// nothing. Threads: all of it is called by one thread, the forwarding one, with every signal blocked.
+/// Sends the records of the remote sink to a receiver in another process. Its members may lock, allocate and
+/// wait; they throw nothing. Threads: the forwarding thread alone, with every signal blocked.
 class RemotePort {
  public:
   enum class State : std::uint8_t {
-    kIdle,  ///< every record that was sent has been taken, or is lost for good
-    kBusy,  ///< the receiver is there and does not take the last record at the moment
+    kIdle,  ///< the receiver has taken the last record, or the record is lost for good
+    kBusy,  ///< there is a receiver, but it has not taken the last record yet
     kAway,  ///< there is no receiver at the moment
   };
 
@@ -23,28 +23,31 @@ class RemotePort {
   RemotePort& operator=(const RemotePort&) = delete;
   virtual ~RemotePort() = default;
 
-  /// Returns null, or why the port cannot be used. A receiver that is not there yet is no reason.
+  /// Opens the port. Returns null, or the reason why the port cannot be used. It can be used before there is
+  /// a receiver.
   virtual const char* Open() = 0;
 
-  /// Under which application the records that follow are sent.
+  /// Sets the application of the records that are sent from here on.
   virtual void SetApplication(const std::string& id, const std::string& description) = 0;
 
-  /// Hands over a record; requires kIdle. Returns false when the record is lost.
+  /// Sends a record. Requires: the last Settle, if any, has returned kIdle. Returns false when the record is
+  /// lost.
   virtual bool Send(const RemoteRecord& record) = 0;
 
-  /// Goes on with the record that was sent last.
+  /// Tries again to deliver the record that was sent last. Returns what has become of it.
   virtual State Settle() = 0;
 
-  /// How many records the receiver has left behind since the last call, at most: Send has reported them as
-  /// handed over. Where others send to it, some of what it left behind is theirs.
+  /// Returns how many sent records a receiver that died has not read, and resets that number. It is an upper
+  /// bound: where other applications write to the same receiver, some of the unread records are theirs.
   virtual std::uint64_t TakeLeftBehind() = 0;
 
-  /// Ends it, without waiting for the receiver; a record that has not been taken is dropped.
+  /// Closes the port without waiting for the receiver. A record that the receiver has not taken is dropped.
   virtual void Close() = 0;
 };
 
-/// The port to the DLT daemon. Returns null when this machine has none, and says why, or when this build has
-/// none, with an empty reason. What libdlt itself has to say goes to standard error, or nowhere if `silent`.
+/// Creates the port to the DLT daemon. Returns null when this build has none (`reason` is empty then), or
+/// when libdlt cannot be loaded (`reason` says why). libdlt's own messages go to standard error, or nowhere
+/// when `silent`.
 std::unique_ptr<RemotePort> MakeDltPort(bool silent, std::string* reason);
 
 }  // namespace ara::log

@@ -16,10 +16,11 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFirstPause{1};
-// Without a receiver, or with one that reads nothing, this is how often it is looked for.
+// The longest pause between two attempts when the receiver is away or reads nothing.
 constexpr milliseconds kLongestPause{50};
 
-constexpr std::size_t kMarksBytes = Sink::kTail + 12;  // " [up to N lost before]" and " [cut]"
+// Room for " [cut]" and " [up to N lost before]".
+constexpr std::size_t kMarksBytes = Sink::kTailBytes + 12;
 
 std::uint32_t Uptime() {
   std::timespec now{};
@@ -27,7 +28,7 @@ std::uint32_t Uptime() {
   return static_cast<std::uint32_t>(now.tv_sec * 10'000 + now.tv_nsec / 100'000);
 }
 
-/// Blocks all signals in this thread while it lives: threads that are started meanwhile inherit that.
+/// Blocks all signals in this thread while it exists. Threads that are started meanwhile inherit that.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -78,7 +79,7 @@ bool RemoteSink::Deliver(const RemoteHeader& header, FixedText::View text) {
   }
   record->header = header;
   record->uptime = Uptime();
-  // Read before it is taken: nearly always zero, and a read does not fight over the cache line.
+  // Read first: it is nearly always zero, and a read leaves the cache line shared between the processors.
   record->lostBefore =
       unmarked_.load(std::memory_order_relaxed) == 0 ? 0 : unmarked_.exchange(0, std::memory_order_relaxed);
   FixedText line(record->text, sizeof record->text);
@@ -104,7 +105,7 @@ std::uint64_t RemoteSink::Stop() {
   queue_.Close();
 
   std::unique_lock lock(mutex_);
-  // A little longer than the forwarding thread allows itself; if it hangs in the port, it stays behind.
+  // A little longer than the forwarding thread itself waits. If it hangs in the port, it is not joined.
   const bool ended = changed_.wait_until(lock, deadline_ + kLongestPause * 4, [this] { return ended_; });
   lock.unlock();
   if (ended && thread_.joinable()) thread_.join();
@@ -135,7 +136,7 @@ void RemoteSink::Run() {
 void RemoteSink::Forward() {
   for (;;) {
     ApplyApplication();
-    // What is left at the deadline has been counted as lost.
+    // Stop counts what is still queued at the deadline as lost.
     if (queue_.Closed() && (queue_.Remaining() == 0 || PastDeadline())) return;
     RemoteRecord* const record = queue_.Front();
     if (record != nullptr) {
@@ -144,7 +145,7 @@ void RemoteSink::Forward() {
     } else if (!queue_.Closed()) {
       queue_.Wait();
     } else {
-      // Claimed and not published: its thread was interrupted in between.
+      // A record is claimed but not published yet: its thread was interrupted in between.
       std::this_thread::sleep_for(kFirstPause);
     }
   }
@@ -162,8 +163,8 @@ void RemoteSink::ApplyApplication() {
   port_->SetApplication(application_.id, application_.description);
 }
 
-/// Sees a record through to its end. Returns false when the sink is stopped and the receiver does not take
-/// it: the record then stays in the queue, as those behind it.
+/// Forwards a record and waits until the receiver has taken it or it is lost. Returns false when the sink is
+/// stopped before that: the record then stays in the queue, and the records behind it as well.
 bool RemoteSink::HandOver(RemoteRecord& record) {
   const std::uint64_t lostBefore = record.lostBefore + carried_;
   FixedText line(record.text, sizeof record.text, record.textLength);

@@ -16,11 +16,11 @@
 
 namespace ara::log {
 
-/// The sink of records that leave the process: a bounded queue, and one thread that takes them from there to
-/// a port. A record that finds the queue full is lost; each loss is counted, and the next record that gets
-/// through ends in " [N lost before]", or " [up to N lost before]" where a receiver has left some behind that
-/// may have been others'. Without a receiver the records wait in the queue. Never destroyed: a thread may be
-/// about to deliver when the process ends.
+/// The sink of records that leave the process: a bounded queue, and one thread that forwards them to a port.
+/// Without a receiver the records wait in the queue. A record that finds the queue full is lost. Losses are
+/// counted, and the next record that gets through ends in " [N lost before]". It ends in " [up to N lost
+/// before]" when a receiver died and some of its unread records may have been another application's. The sink
+/// is never destroyed: a thread may be about to deliver when the process ends.
 class RemoteSink {
  public:
   static constexpr std::size_t kCapacity = 1024;
@@ -29,27 +29,27 @@ class RemoteSink {
   explicit RemoteSink(std::unique_ptr<RemotePort> port, std::size_t capacity = kCapacity)
       : queue_(capacity), port_(std::move(port)) {}
 
-  /// Opens the port and starts the forwarding thread, in which all signals are blocked. Returns an empty
-  /// text, or why there is no remote sink; it must not be used then. Call it once.
+  /// Starts the forwarding thread, in which all signals are blocked, and opens the port in it. Returns an
+  /// empty text, or the reason why the sink cannot be used. Call it once.
   std::string Start();
 
-  /// Names the application; holds for the records that are forwarded from here on.
+  /// Sets the application of the records that are forwarded from here on.
   void SetApplication(const std::string& id, const std::string& description);
 
-  /// Queues a record with the time of this call. A text that is too long is cut and marked. Returns false
-  /// when the sink has been stopped and took nothing; a record that was lost has been taken. Threads: any,
-  /// and signal handlers: takes no lock, allocates nothing and waits for no one.
+  /// Queues a record with the time of this call. A text that is too long is cut and marked. Returns true when
+  /// the record was queued, or lost and counted; false when the sink has been stopped. Threads: any, and
+  /// signal handlers: takes no lock, allocates nothing and waits for no one.
   bool Deliver(const RemoteHeader& header, FixedText::View text);
 
-  /// Lets no record in any more and waits until the queued ones are forwarded: not for a receiver that is not
-  /// there, and no longer than kFlushTime. Returns how many records were lost since the start.
+  /// Accepts no more records, and waits until the queued ones are forwarded: for at most kFlushTime, and not
+  /// at all when there is no receiver. Returns how many records were lost since the start.
   std::uint64_t Stop();
 
-  /// Whether fewer may have been lost than Stop has returned.
+  /// True when fewer records may have been lost than Stop has returned.
   bool LostIsUpperBound() const { return upperBound_; }
 
-  /// For the child of a fork, which has no forwarding thread and may find the locks taken for good: lets no
-  /// record in any more, and leaves nothing to stop.
+  /// For the child of a fork, which has no forwarding thread and in which the locks may be held for ever:
+  /// accepts no more records, and Stop has nothing to do.
   void Abandon();
 
  private:
@@ -66,21 +66,21 @@ class RemoteSink {
   const std::unique_ptr<RemotePort> port_;
   std::thread thread_;
 
-  std::atomic<std::uint64_t> lost_{0};      ///< all of them
-  std::uint64_t carried_ = 0;               ///< lost while they were forwarded; no record says so yet
-  std::atomic<std::uint32_t> unmarked_{0};  ///< found the queue full; no record says so yet
-  std::atomic<bool> upperBound_{false};     ///< some of them may be others'
-  bool carriedIsUpperBound_ = false;
+  std::atomic<std::uint64_t> lost_{0};      ///< all losses
+  std::uint64_t carried_ = 0;               ///< lost while forwarding, and in no record's mark yet
+  std::atomic<std::uint32_t> unmarked_{0};  ///< lost because the queue was full, and in no record's mark yet
+  std::atomic<bool> upperBound_{false};     ///< some of lost_ may be other applications' records
+  bool carriedIsUpperBound_ = false;        ///< some of carried_ may be other applications' records
   std::atomic<bool> abandoned_{false};
 
   struct Application {
     std::string id;
     std::string description;
   };
-  Application application_;  ///< as the port knows it; the forwarding thread's
+  Application application_;  ///< the one that the port has; used by the forwarding thread alone
 
-  // Between the application's threads that start and stop the sink and the forwarding one; no record waits
-  // here.
+  // Guards the members below, which the forwarding thread shares with the threads that start and stop the
+  // sink. Delivering a record does not take it.
   std::mutex mutex_;
   std::condition_variable changed_;
   const char* failure_ = nullptr;

@@ -16,11 +16,11 @@ namespace {
 
 constexpr int kWaitMs = 10;
 constexpr int kMaxWaits = 100;
-// Attempts of one line: each may be interrupted before it writes anything.
+// Attempts to write one line; a signal may interrupt each of them before it has written anything.
 constexpr int kMaxAttempts = 100;
 
-/// write(2) that fails where the file may not grow (RLIMIT_FSIZE), instead of ending the program by SIGXFSZ.
-/// The signal goes to the thread that writes: blocked there, it is taken back.
+/// write(2) that fails with EFBIG when the file may not grow (RLIMIT_FSIZE), without the SIGXFSZ that would
+/// end the program. The kernel sends the signal to the writing thread, which blocks it and then removes it.
 ssize_t WriteWithoutSizeSignal(int descriptor, const char* bytes, std::size_t size) {
   sigset_t sizeSignal;
   sigemptyset(&sizeSignal);
@@ -49,7 +49,7 @@ const char* ErrorText(int error) {
 
 const char* Sink::Deliver(FixedText line) {
   if (disabled_.load(std::memory_order_relaxed)) return nullptr;
-  // Read before it is taken: nearly always zero, and a read does not fight over the cache line.
+  // Read first: it is nearly always zero, and a read leaves the cache line shared between the processors.
   const std::uint32_t lost = lost_.load(std::memory_order_relaxed) == 0 ? 0 : lost_.exchange(0);
   const bool torn = torn_.load(std::memory_order_relaxed) && torn_.exchange(false);
   if (lost > 0) {
@@ -60,7 +60,7 @@ const char* Sink::Deliver(FixedText line) {
   line.Append("\n");
 
   const std::size_t skipped = torn ? 0 : 1;
-  // A reader that has stopped reading costs its wait once, not once a line.
+  // After a loss the sink does not wait again, so a reader that stopped reading delays one line and not each.
   const char* const reason =
       WriteOnce(line.data() + skipped, line.size() - skipped, lost > 0 ? 0 : kMaxWaits);
   if (reason != nullptr) {
@@ -79,7 +79,7 @@ const char* Sink::WriteOnce(const char* line, std::size_t size, int waits) {
     const ssize_t written = WriteWithoutSizeSignal(descriptor, line, size);
     if (written == static_cast<ssize_t>(size)) return nullptr;
     if (written >= 0) {
-      // The rest is not sent after it: another thread's line may stand there by now.
+      // The rest is not written: another thread's line may follow by now.
       torn_.store(true);
       return "it took a line in part";
     }
@@ -88,12 +88,13 @@ const char* Sink::WriteOnce(const char* line, std::size_t size, int waits) {
   return "it takes nothing";
 }
 
-// Asked before each write that could block, and before each repetition. A pipe that nobody reads any more is
-// not ready either, which spares the process the SIGPIPE. `waits` is what is left of the line's patience.
+// Called before each write that could block, and before each repeated write. Returns false as well for a pipe
+// without a reader, so that the write does not raise SIGPIPE. `waits` is the number of waits that the line
+// has left.
 bool Sink::WaitUntilReady(int descriptor, int* waits) {
   pollfd request{descriptor, POLLOUT, 0};
   int ready = poll(&request, 1, 0);
-  // An interruption counts as a wait: poll(2) is never resumed, and the signals may not end.
+  // An interrupted poll counts as a wait. Otherwise a stream of signals could make the wait endless.
   for (; ready <= 0 && *waits > 0; --*waits) ready = poll(&request, 1, kWaitMs);
   return ready > 0 && request.revents == POLLOUT;
 }
@@ -103,7 +104,8 @@ bool Sink::Replace(int descriptor) {
   if (old < 0) {
     descriptor_.store(descriptor);
   } else {
-    // The number stays and never closes: a writer that has just read it meets the old file or the new one.
+    // The descriptor keeps its number and is never closed, so a thread that has just read the number writes
+    // to the old file or to the new one.
     int result = -1;
     for (int attempt = 0; attempt < kMaxAttempts && result < 0; ++attempt) {
       result = dup3(descriptor, old, O_CLOEXEC);

@@ -8,29 +8,31 @@
 
 namespace ara::log {
 
-/// One place that lines go to: a file descriptor, and what was lost on the way to it.
-/// Threads: any number may hand over lines at the same time, and signal handlers; lines never mix, because
-/// each is one write(2) to a descriptor that appends. No operation waits for longer than about a second.
+/// Writes lines to a file descriptor and counts the lines that are lost on the way.
+/// Threads: any number of threads and signal handlers may deliver lines at the same time. Lines never mix,
+/// because each is one write(2) to a descriptor that appends. No operation waits longer than about a second.
 class Sink {
  public:
-  /// Bytes that a line must leave free at its end for what the sink adds.
-  static constexpr std::size_t kTail = 32;
+  /// Bytes that a line must leave free at its end: room for what Deliver adds.
+  static constexpr std::size_t kTailBytes = 32;
 
-  /// What the descriptor does when it cannot take a line at once.
+  /// Whether a write to the descriptor can block.
   enum class Blocking : std::uint8_t { kNever, kPossible };
 
   constexpr Sink(int descriptor, Blocking blocking) : descriptor_(descriptor), blocking_(blocking) {}
 
-  /// Hands over one line. `line` begins with a newline, which is sent only to end a line that the sink took
-  /// in part; the newline at its end is added here, and before it "[N lost before]" when N lines could not be
-  /// handed over since the last one. Returns null, or why the line is lost.
+  /// Writes one line. Requires: `line` begins with a newline, has none at its end, and has kTailBytes of free
+  /// capacity. The first newline is written only when the line before was written in part. At the end
+  /// " [N lost before]" is added when N lines have been lost since the last one, then the newline. Returns
+  /// null, or the reason why the line is lost.
   const char* Deliver(FixedText line);
 
-  /// Takes `descriptor` over; records on their way go to the old or to the new place. Returns false when that
-  /// failed, with errno set: the sink then keeps its old place. Threads: one caller at a time.
+  /// Writes to `descriptor` from here on and owns it; lines that are being delivered go to the old file or to
+  /// the new one. Returns false, with errno set, when that failed: `descriptor` is closed and the sink keeps
+  /// its old file. Threads: one caller at a time.
   bool Replace(int descriptor);
 
-  /// From here on lines are neither written nor counted.
+  /// From here on Deliver neither writes nor counts.
   void Disable() { disabled_.store(true, std::memory_order_relaxed); }
   bool Disabled() const { return disabled_.load(std::memory_order_relaxed); }
 
@@ -41,12 +43,12 @@ class Sink {
   std::atomic<int> descriptor_;
   const Blocking blocking_;
   std::atomic<bool> disabled_{false};
-  std::atomic<bool> torn_{false};  ///< the last line was taken in part: no newline ends it yet
+  std::atomic<bool> torn_{false};  ///< the last line was written in part and has no newline yet
   std::atomic<std::uint32_t> lost_{0};
 };
 
-/// The system's text for an error number. Unlike strerror it neither allocates nor translates, so that it may
-/// be used in a signal handler.
+/// The system's English text for an error number. Unlike strerror it may be used in a signal handler: it
+/// neither allocates nor translates.
 const char* ErrorText(int error);
 
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,

@@ -12,8 +12,8 @@ constexpr std::int64_t kDaysPer4Years = 4 * kDaysPerYear + 1;
 constexpr std::int64_t kDaysPer100Years = 25 * kDaysPer4Years - 1;
 constexpr std::int64_t kDaysPer400Years = 4 * kDaysPer100Years + 1;
 
-// Years are counted from March, so that a leap day is the last day of its year, and from 2000, where the
-// calendar's cycle of 400 years begins.
+// Years begin in March here, so that a leap day is the last day of its year. They are counted from 2000,
+// where a cycle of 400 years begins.
 constexpr std::int64_t kMarch2000 = 11017;  // days from 1970-01-01 to 2000-03-01
 constexpr int kDaysFromMarch[] = {31, 30, 31, 30, 31, 31, 30, 31, 30, 31, 31, 29};
 
@@ -34,8 +34,8 @@ UtcTime ToUtc(const std::timespec& sinceEpoch) {
     rest += kDaysPer400Years;
     --cycles;
   }
-  // The last century of a cycle and the last year of four are a day longer: that day must not count as one
-  // century or year more.
+  // The last century of a cycle and the last year of four are one day longer. The minimum keeps that day in
+  // its century and its year.
   const std::int64_t centuries = std::min<std::int64_t>(rest / kDaysPer100Years, 3);
   rest -= centuries * kDaysPer100Years;
   const std::int64_t fours = rest / kDaysPer4Years;

@@ -16,9 +16,9 @@ struct UtcTime {
   unsigned microsecond;
 };
 
-/// The UTC time of `sinceEpoch`, counted from 1970-01-01T00:00:00Z; before it when negative. `tv_nsec` must
-/// be in 0 to 999,999,999; what is below a microsecond is dropped. Threads: any, and signal handlers: unlike
-/// gmtime_r it takes no lock and reads no time zone.
+/// Converts a time since 1970-01-01T00:00:00Z, which may be negative, to UTC. Requires: tv_nsec from 0 to
+/// 999,999,999. Fractions of a microsecond are dropped. Threads: any, and signal handlers: unlike gmtime_r it
+/// takes no lock and reads no time zone.
 UtcTime ToUtc(const std::timespec& sinceEpoch);
 
 }  // namespace ara::log

@@ -7,7 +7,7 @@
 
 #include "stress_register.h"
 
-/// Bytes that each copy moves: read once and written once.
+/// Bytes of one copy. Each is read once and written once.
 constexpr std::size_t kCopyBytes = 8294400;  // a 1920 x 1080 frame at 4 bytes per pixel
 
 /// Launcher of "cpuStress" (contract: StressLauncher).
@@ -15,6 +15,6 @@ void runCpuStress(std::unique_ptr<vorn::StressRegister>& reg, std::vector<std::t
                   const volatile int& stopFlag);
 
 /// One worker: copies its source buffer into its destination buffer until stopFlag is nonzero.
-/// Life: allocate and zero both buffers -> per cycle: look at the flag, copy, pause -> free. A cycle that has
-/// begun completes, pause included, before the flag is looked at again.
+/// Life: allocate and zero both buffers -> per cycle: read the flag, copy, pause -> free both buffers. A
+/// cycle that has begun always completes, its pause included.
 void MemoryCopy(std::unique_ptr<vorn::StressRegister>& reg, int index, const volatile int& stopFlag);

@@ -2,12 +2,12 @@
 
 #include "platform.h"
 
-/// The log statement of this program. `pieces` is an insertion chain. In VencInit the statement
+/// The log statement of this program. `pieces` is a chain of insertions. In VencInit the statement
 ///   STBM_LOG_ERROR("venc init fail, ret = " << ret);
 /// writes "VencInit() | venc init fail, ret = 7".
-/// Where the level is not enabled the statement still opens a record at that level and inserts an empty text,
-/// on purpose; `pieces` is then not evaluated. Every step asks the singleton anew. Threads: any, and signal
-/// handlers once the singleton exists.
+/// When the level is not enabled, the statement opens a record at that level all the same and inserts an
+/// empty text; this is deliberate. `pieces` is not evaluated then. Each step gets the singleton again.
+/// Threads: any, and signal handlers once the singleton exists.
 #define STBM_LOG_AT(location, level, open, pieces)                                                \
   do {                                                                                            \
     const ::ara::log::SourceLocation stbmLocation = (location);                                   \
@@ -19,9 +19,9 @@
     }                                                                                             \
   } while (false)
 
-/// The place of a statement: file, enclosing function, line.
+/// The source location of a statement: file, enclosing function, line.
 #define STBM_HERE STBM_HERE_AS(__func__)
-/// The same under another function name.
+/// The same with another function name.
 #define STBM_HERE_AS(functionName)   \
   ::ara::log::SourceLocation {       \
     __FILE__, functionName, __LINE__ \

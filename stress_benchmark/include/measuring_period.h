@@ -11,19 +11,20 @@
 #include "log_site.h"
 #include "stress_register.h"
 
-/// The measuring period of one worker: adds up the time of its cycles and publishes the rate, in operations
-/// per second of busy time, once more than a second of busy time and pauses has been added up. A cycle is
-/// StartCycle(), the operation, EndCycle(). One object a worker, on the worker's thread.
+/// Measures the rate of one worker. A cycle is StartCycle(), the operation, EndCycle(). The object adds up
+/// the operations' time (busy time) and the whole cycles' time (elapsed time, pauses included). When the
+/// elapsed time exceeds one second and there is busy time, it publishes operations per second of busy time
+/// and starts a new period. Threads: one object for each worker, used by the worker's thread alone.
 class MeasuringPeriod {
  public:
-  /// `index` selects the worker's slot in threadFps; `where` is the place that a failed store is logged
-  /// under.
+  /// `index` selects the worker's slot in threadFps. `where` is the source location of the log line that
+  /// reports a missing slot.
   MeasuringPeriod(std::unique_ptr<vorn::StressRegister>& reg, int index, ara::log::SourceLocation where)
       : reg_(reg), index_(index), where_(where) {}
 
   void StartCycle() { start_ = Clock::now(); }
 
-  /// Ends the operation that StartCycle began, pauses for the record's sleepUs, and publishes when due.
+  /// Ends the operation, pauses for the record's sleepUs, and publishes the rate when the period is over.
   void EndCycle() {
     const Clock::time_point workEnd = Clock::now();
     const std::uint32_t sleepUs = reg_->sleepUs;
@@ -31,8 +32,8 @@ class MeasuringPeriod {
     busyMs_ += WholeMs(workEnd - start_);
     elapsedMs_ += WholeMs(Clock::now() - start_);
     ++count_;
-    // Both strictly greater. Work below a millisecond leaves busyMs_ at 0: then the period goes on, however
-    // long, until one operation takes a whole millisecond.
+    // Both comparisons are strict. Operations below one millisecond leave busyMs_ at 0; the period then lasts
+    // until one operation takes a whole millisecond.
     if (busyMs_ > 0.0 && elapsedMs_ > kPeriodMs) Publish();
   }
 
@@ -40,7 +41,7 @@ class MeasuringPeriod {
   using Clock = std::chrono::steady_clock;
   static constexpr double kPeriodMs = 1000.0;
 
-  // Whole milliseconds, cut off in every single cycle on purpose.
+  // Each cycle's time is truncated to whole milliseconds; this is deliberate.
   static double WholeMs(Clock::duration span) {
     return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(span).count());
   }

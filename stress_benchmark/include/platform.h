@@ -1,6 +1,6 @@
 #pragma once
 
-/// The one header through which the benchmark sees the accelerator platform and its logging. Declarations
-/// only: the program runs wherever an implementation of them is linked or put under it.
+/// The benchmark includes the accelerator platform and its logging through this header alone. They are
+/// declarations only: any library that implements them can be linked or loaded.
 #include "ara/log/logging.h"
 #include "ormis/ormis.h"

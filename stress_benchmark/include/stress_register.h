@@ -10,23 +10,23 @@
 
 namespace vorn {
 
-/// The record of one configured stress, shared by its workers, its averager and the reporter. Made by the
-/// configuration reader, owned by StressBenchmark::stressMap, alive until every thread has been joined.
-/// After the configuration is read only averageFps and threadFps change, and threadFps.size() == threadNum.
+/// The record of one configured stress, shared by its workers, its averager and the reporter. Parse creates
+/// it; StressBenchmark::stressMap owns it, and it outlives every thread that uses it. After Parse only
+/// averageFps and the values in threadFps change, and threadFps.size() == threadNum.
 class StressRegister {
  public:
   std::uint32_t threadNum = 1;  ///< worker threads: the section's "Level"
   std::uint32_t sleepUs = 0;    ///< pause after each operation, microseconds; 0: none
   std::string file;             ///< model file, for the AI core stress alone
-  double averageFps = 0.0;      ///< mean of threadFps, written once a second; read and written without a lock
+  double averageFps = 0.0;      ///< mean of threadFps, updated once a second; read and written without a lock
   std::mutex fpsMutex;          ///< guards threadFps
   std::vector<double> threadFps;  ///< slot i: operations per second of busy time of worker i
 };
 
 }  // namespace vorn
 
-/// Starts a stress. Called on the main thread, once per configured stress: logs the start line, starts
-/// threadNum workers with indices from 0, moves them onto the end of the thread list and returns without
-/// waiting for them.
+/// Starts one stress: logs the start line, starts threadNum workers with indices from 0, appends them to
+/// `threads` and returns without waiting for them. Called once for each configured stress. Threads: the main
+/// thread alone.
 using StressLauncher = std::function<void(std::unique_ptr<vorn::StressRegister>& reg,
                                           std::vector<std::thread>& threads, volatile int& stopFlag)>;

@@ -34,7 +34,7 @@ int AICoreInit(Ormis::QetContext& ctx, Ormis::QetDNNHandle& handle, const std::s
   }
   if (Ormis::QetSetCurrentContext(ctx) != 0) {
     STBM_LOG_ERROR("QetSetCurrentContext failed");
-    return 10;  // the context just created is left as it is, on purpose
+    return 10;  // the new context is not destroyed; this is deliberate
   }
   if (Ormis::QetDNNModelInitialize(handle, file) != 0) {
     STBM_LOG_ERROR("[AicoreStress] Init dnn model failed!");
@@ -59,7 +59,7 @@ int AICoreInfe(std::unique_ptr<vorn::StressRegister>& reg, int index, volatile i
                const Ormis::QetDNNHandle& handle) {
   if (stop != 0) return 0;
   MeasuringPeriod period(reg, index, STBM_HERE);
-  // The other stresses look at the flag at the top of the loop; this one does so at its end.
+  // The other stresses read the flag at the top of their loop; this one reads it at the end.
   do {
     period.StartCycle();
     if (Ormis::QetDNNModelProcess(handle) != 0) return 10;

@@ -8,8 +8,8 @@
 
 namespace {
 
-// Written through, so that every page is the buffer's own: a source that was never written is one shared page
-// of zeros, and the copies would then move half the memory.
+// Every byte is written, so that the buffer has pages of its own. All pages of a source that was never
+// written are one shared page of zeros, and the copies would then move half the memory.
 std::unique_ptr<std::uint8_t[]> MakeZeroedBuffer() {
   std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kCopyBytes]);
   std::memset(buffer.get(), 0, kCopyBytes);
@@ -32,7 +32,7 @@ void MemoryCopy(std::unique_ptr<vorn::StressRegister>& reg, int index, const vol
   MeasuringPeriod period(reg, index, STBM_HERE);
   while (stopFlag == 0) {
     period.StartCycle();
-    (void)memcpy_s(destination.get(), kCopyBytes, source.get(), kCopyBytes);  // the result is not examined
+    (void)memcpy_s(destination.get(), kCopyBytes, source.get(), kCopyBytes);  // the result is ignored
     period.EndCycle();
   }
 }

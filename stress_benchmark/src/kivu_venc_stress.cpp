@@ -12,7 +12,7 @@ constexpr std::uint32_t kFrameImageType = 2;
 constexpr std::uint32_t kFrameBytes = kFrameWidth * kFrameHeight * 3 / 2;
 constexpr int kFirstChannel = 25;  // worker i encodes on channel 25 + i
 
-// Every member is set, whatever the class's own defaults are.
+// Sets every member: another platform's class may have other defaults.
 void ConfigureEncoder(Ormis::QetVenc& encoder, int channel) {
   encoder.offsetBC = 46;
   encoder.offsetC0 = 25;
@@ -83,7 +83,7 @@ std::int32_t VencProcess(std::unique_ptr<vorn::StressRegister>& reg, int index, 
   {
     Ormis::QetVenc encoder;
     ConfigureEncoder(encoder, index + kFirstChannel);
-    // A failed set-up is logged and not examined: SendFrame then fails and ends the worker.
+    // The result is ignored on purpose: after a failed set-up SendFrame fails and ends the worker.
     (void)VencInit(context, index + kFirstChannel, encoder);
     (void)VencPrepare(testImage, frame);
 
@@ -92,7 +92,7 @@ std::int32_t VencProcess(std::unique_ptr<vorn::StressRegister>& reg, int index, 
       period.StartCycle();
       if (const std::int32_t ret = encoder.SendFrame(frame); ret != 0) {
         STBM_LOG_ERROR("venc SendFrame fail" << ", ret = " << ret);
-        return 10;  // here and below: the encoder ends, the context stays
+        return 10;  // here and below the encoder is destroyed and the context is not
       }
       ux_venc_stream stream{};
       if (const std::int32_t ret = encoder.GetStream(stream); ret != 0) {
@@ -105,9 +105,9 @@ std::int32_t VencProcess(std::unique_ptr<vorn::StressRegister>& reg, int index, 
       }
       period.EndCycle();
     }
-  }  // the encoder ends before its context
+  }  // the encoder is destroyed before its context
   if (Ormis::QetDestroyContext(context) != 0) {
-    // The required text of this message names another stress, and a failure here changes no result.
+    // The text names another stress. Tools that read the log rely on it. The result is 0 all the same.
     STBM_LOG_ERROR("[AicoreStress] AICoreStressNode QetDestroyContext failed.");
   }
   return 0;

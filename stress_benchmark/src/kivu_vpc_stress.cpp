@@ -55,7 +55,7 @@ std::int32_t VpcPerpare(std::unique_ptr<std::uint8_t[]>& /*testImage*/, Ormis::I
     STBM_LOG_ERROR("QetImageMallocAligned fail" << ", ret = " << ret);
     return 10;
   }
-  // The record is its own source, on purpose: the host test image is never copied into it.
+  // The record is both source and destination; this is deliberate. The test image is never copied into it.
   if (const std::int32_t ret = Ormis::QetMemcpyToKivu(source, source); ret != 0) {
     STBM_LOG_ERROR("QetMemcpyToKivu fail" << ", ret = " << ret);
     return 10;
@@ -74,7 +74,7 @@ std::int32_t VPCResize(std::unique_ptr<vorn::StressRegister>& reg, int index, vo
   std::unique_ptr<std::uint8_t[]> testImage;
   Ormis::ImageData source{};
   Ormis::ImageData destination{};
-  // A failed set-up is logged and not examined: the first resize then fails and ends the worker.
+  // The results are ignored on purpose: after a failed set-up the first resize fails and ends the worker.
   (void)VpcInit(context, channel, testImage);
   (void)VpcPerpare(testImage, source, destination);
 
@@ -84,12 +84,12 @@ std::int32_t VPCResize(std::unique_ptr<vorn::StressRegister>& reg, int index, vo
     if (const std::int32_t ret = Ormis::QetImageResize(channel, source, destination, kInterpolation, -1);
         ret != 0) {
       STBM_LOG_ERROR("QetImageResize failed" << ", ret = " << ret);
-      return 10;  // nothing is released on this path; the platform's release takes it back
+      return 10;  // releases nothing; QetRelease frees what is left
     }
     period.EndCycle();
   }
 
-  // The first failure ends the tear-down; what comes after it stays.
+  // The first failure ends the tear-down; the remaining resources are not destroyed.
   if (const std::int32_t ret = Ormis::QetImageDestroy(destination); ret != 0) {
     STBM_LOG_ERROR("QetImageDestroy(dstImage) failed" << ", ret = " << ret);
     return 10;

@@ -22,11 +22,11 @@ constexpr std::chrono::nanoseconds kMonitorPeriod{1'000'000'000};
 // One stress section of the configuration file.
 struct Section {
   const char* key;
-  const char* levelPath;  // as messages name it
+  const char* levelPath;  // the key as log messages name it
   const char* filePath;   // null: the section has no "File"
   const char* stressName;
   std::uint32_t sleepUs;
-  const char* rangeMessage;  // one begins with a blank; so it is to be
+  const char* rangeMessage;  // one begins with a blank: tools that read the log rely on it
 };
 
 constexpr Section kSections[] = {
@@ -36,7 +36,7 @@ constexpr Section kSections[] = {
     {"AIC", "AIC: Level", "AIC: File", "aicStress", 1000, "aic stress level:[0, 10], now is : "},
 };
 
-// A key that is present but does not convert leaves 0.
+// Returns false when the key is absent. A value that does not convert is stored as 0.
 bool ReadSetting(const Ormis::QetYamlNode& yaml, const char* key, std::uint32_t& member) {
   if (yaml.children.count(key) == 0) return false;
   unsigned int value = 0;
@@ -57,7 +57,7 @@ std::unordered_map<std::string, StressLauncher> stressRegistry = {
 };
 
 void SignalHandler(int signal) {
-  stopFlag = 1;  // first, whatever becomes of the record
+  stopFlag = 1;  // first: the stop must not depend on the logging
   STBM_LOG_DEBUG("===== Signal Interactive attention received. signal: " << signal << " stopFlag_: "
                                                                          << stopFlag << " =====");
 }
@@ -71,8 +71,8 @@ bool StressBenchmark::Init() {
   ReadSetting(yaml, "logMode", logMode);
   ReadSetting(yaml, "logLevel", logLevel);
 
-  // The handler logs, and must not be the first to ask for the singleton: if it interrupted the creation, the
-  // creation would wait for itself.
+  // Creates the singleton before the handler is installed. The handler logs: if it interrupted the creation,
+  // it would wait for the creation to end, for ever.
   Ormis::OrmisLogger::GetInstance();
   (void)std::signal(SIGINT, SignalHandler);
 
@@ -125,7 +125,7 @@ int StressBenchmark::Parse() {
         const std::lock_guard<std::mutex> lock(record.fpsMutex);
         record.threadFps.resize(record.threadNum);
       }
-      // Looked at after the resize, and the record stays in the map: harmless, as Init fails.
+      // Checked after the resize. The record stays in the map, which is harmless because Init fails.
       if (record.threadNum > kMaxLevel) {
         STBM_LOG_ERROR(section.rangeMessage << record.threadNum);
         return 10;
@@ -133,7 +133,7 @@ int StressBenchmark::Parse() {
     }
     return 0;
   } catch (const std::exception& error) {
-    // Logged as "Load", on purpose.
+    // The function name is "Load". Tools that read the log rely on it.
     STBM_LOG_AT(STBM_HERE_AS("Load"), kError, LogError,
                 "Load " << configPath << " happen error, the message is: " << error.what());
     return 10;
@@ -143,7 +143,7 @@ int StressBenchmark::Parse() {
 void StressBenchmark::Start() {
   for (auto& [name, record] : stressMap) {
     STBM_LOG_INFO("stressName : " << name);
-    // A name without a launcher would insert an empty one here and throw std::bad_function_call.
+    // For an unknown name this inserts an empty launcher and throws std::bad_function_call.
     stressRegistry[name](record, threads, stopFlag);
     threads.push_back(std::thread(RateAverager, std::ref(record), std::ref(stopFlag)));
   }
@@ -168,7 +168,7 @@ void RateAverager(std::unique_ptr<vorn::StressRegister>& reg, const volatile int
     if (reg->threadNum != 0) {
       double sum = 0.0;
       for (std::uint32_t i = 0; i < reg->threadNum; ++i) {
-        // Once a slot, so that no worker waits for a whole pass.
+        // Locked once for each slot, so that no worker waits for a whole pass.
         const std::lock_guard<std::mutex> lock(reg->fpsMutex);
         sum += reg->threadFps.at(i);
       }
@@ -185,8 +185,8 @@ void RateReporter(const StressMap& stresses, const volatile int& stop) {
     for (const auto& [name, record] : stresses) {
       line += name + " : " + std::to_string(record->averageFps) + " fps. ";
     }
-    std::this_thread::sleep_for(kMonitorPeriod);  // what is printed was read before
-    line += "ispStress : 30.0 fps.";              // a constant of the program: no such stress is run
+    std::this_thread::sleep_for(kMonitorPeriod);  // the line shows the rates from before the pause
+    line += "ispStress : 30.0 fps.";              // a constant: there is no such stress
     std::cout << line << std::endl;
   } while (stop == 0);
 }
@@ -196,7 +196,7 @@ void RunTimeLimiter(std::uint32_t runTimes, volatile int& stop) {
   std::uint32_t counter = 1;
   do {
     if (counter > runTimes) stop = 1;
-    // The flag is looked at after the sleep, so that the limiter ends a second after it raised it.
+    // The flag is read after the sleep, so the limiter ends one second after it has set the flag.
     std::this_thread::sleep_for(kMonitorPeriod);
     counter += 1;
   } while (stop == 0);
@@ -205,10 +205,10 @@ void RunTimeLimiter(std::uint32_t runTimes, volatile int& stop) {
 int RunStressBenchmark(int argc, const char* const* argv) {
   if (argc <= 1) {
     std::cerr << "Input error! Please input config path!" << std::endl;
-    return 0;  // not a failure, on purpose
+    return 0;  // deliberately not a failure
   }
   StressBenchmark benchmark(argv[1]);
-  if (!benchmark.Init()) return -1;  // without a release, even where the platform had started
+  if (!benchmark.Init()) return -1;  // without a release, even when the platform has started
   if (!benchmark.IsStopped()) benchmark.Start();
   return benchmark.Release() ? 0 : -1;
 }

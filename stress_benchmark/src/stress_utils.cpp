@@ -7,7 +7,7 @@
 
 void RandomCvImg(std::uint32_t width, std::int32_t height, std::uint32_t imageType,
                  std::unique_ptr<std::uint8_t[]>& buffer) {
-  // Multiplied unsigned, so that the wrap of the signed 32-bit product is defined.
+  // Unsigned, because signed overflow is undefined. The conversion back gives the wrapped signed product.
   const std::uint32_t pixels = width * static_cast<std::uint32_t>(height);
   const bool oddWidth = width % 2 != 0;
   const bool oddHeight = height % 2 != 0;
@@ -23,7 +23,7 @@ void RandomCvImg(std::uint32_t width, std::int32_t height, std::uint32_t imageTy
     size = static_cast<std::int32_t>(pixels * 3) / 2;
   } else if (imageType == 10 || imageType == 11) {
     if (oddWidth) fault = "For yuv422sp or yvu422sp image, width should be even number";
-    size = static_cast<std::int32_t>(pixels * 3);  // half as much again as the layout needs, on purpose
+    size = static_cast<std::int32_t>(pixels * 3);  // 1.5 times what the layout needs; this is deliberate
   } else {
     fault = "Unsported image type";
   }
@@ -33,7 +33,7 @@ void RandomCvImg(std::uint32_t width, std::int32_t height, std::uint32_t imageTy
     return;
   }
 
-  // Widened with its sign: a wrapped size asks for nearly the whole address space and throws.
+  // Sign-extended: a negative size becomes a huge one, and the allocation throws.
   const auto bytes = static_cast<std::size_t>(std::ptrdiff_t{size});
   std::unique_ptr<std::uint8_t[]> fresh(new std::uint8_t[bytes]);
   std::memset(fresh.get(), 0, bytes);

@@ -1,6 +1,6 @@
-// Preloaded under the program, in front of the platform and the log, which it goes on to call: writes the
-// name of each call into the file that RECORD_CALLS names, and raises SIGINT inside the platform's start
-// where RAISE_SIGINT_IN_INITIALIZE is set. One write(2) a call, also from signal handlers.
+// Preloaded into the program, before the platform and the log. Writes the name of each call to the file that
+// RECORD_CALLS names, then calls the real function. When RAISE_SIGINT_IN_INITIALIZE is set, it raises SIGINT
+// inside the platform's start. One write(2) for each call, so it works in signal handlers.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -43,12 +43,12 @@ void Find(const char* linkName, Function& function) {
   if (function == nullptr) std::abort();
 }
 
-// Looked up here, for dlsym may not be called in a signal handler.
+// Looked up here, because dlsym may not be called in a signal handler.
 __attribute__((constructor)) void FindTheReal() {
   Find(LINK_QET_INITIALIZE, recorder.initialize);
   Find(LINK_QET_RELEASE, recorder.release);
   Find(LINK_LOG_DEBUG, recorder.logDebug);
-  // Not for what the program starts in turn, such as a sanitizer's symbolizer.
+  // Other programs that the program starts, such as a sanitizer's symbolizer, must not load this library.
   if (unsetenv("LD_PRELOAD") != 0) std::abort();
   const char* const path = std::getenv("RECORD_CALLS");
   if (path == nullptr) std::abort();
@@ -75,7 +75,7 @@ std::int32_t QetRelease(QetContext& context) {
 
 namespace ara::log {
 
-// Each run of the signal handler comes here exactly once, whatever the level.
+// Each run of the signal handler calls this exactly once, at every log level.
 LogStream Logger::LogDebug(const SourceLocation& location) const {
   if (std::strcmp(location.function, "SignalHandler") == 0) recorder.Note("SignalHandler\n");
   return recorder.logDebug(this, location);

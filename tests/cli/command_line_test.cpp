@@ -1,4 +1,4 @@
-// The argument and the file that it names: what the program does before it knows a configuration.
+// The argument and the file that it names: what the program does before it has read a configuration.
 
 #include <csignal>
 
@@ -8,19 +8,19 @@ namespace {
 
 class CommandLine : public ProgramTest {
  protected:
-  /// Ended by an exception that nothing caught: the reader's message on standard error, nothing else
-  /// anywhere.
+  /// Expects that an uncaught exception ends the program: standard error has the reader's message, standard
+  /// output nothing, and no file is written.
   void ExpectUncaught(const std::string& name, const std::string& message) const {
     const std::vector<std::string> before = Files();
     const Ending ending = Run(With({name}));
     EXPECT_THAT(ending, KilledBy(SIGABRT));
     EXPECT_THAT(ending.error, testing::ContainsRegex("terminating.*" + message));
     EXPECT_EQ(ending.output, "");
-    EXPECT_EQ(Files(), before) << "no log yet";
+    EXPECT_EQ(Files(), before) << "there is no log yet";
   }
 };
 
-TEST_F(CommandLine, NoArgumentIsToldOnStandardErrorAndEndsWithStatusZero) {
+TEST_F(CommandLine, NoArgumentIsReportedOnStandardErrorAndEndsWithStatusZero) {
   const Ending ending = Run(With({}));
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.error, "Input error! Please input config path!\n");
@@ -61,13 +61,13 @@ TEST_F(CommandLine, DuplicateKeysEndTheProgramWithNameLineAndColumn) {
 }
 
 TEST_F(CommandLine, ATooDeepFileEndsTheProgramWithNameLineAndColumn) {
-  // The top level is the first of 64: the 64th bracket is one too many, behind the five characters of the
-  // key.
+  // The top level counts as one of the 64 levels, so the 64th bracket is one too many. The key has five
+  // characters.
   ExpectUncaught(Write("deep.yaml", "CPU: " + std::string(70, '[') + std::string(70, ']') + "\n"),
                  "deep\\.yaml:1:69: more than 64 levels deep\n");
 }
 
-TEST_F(CommandLine, BinaryGarbageEndsTheProgramWithNameLineAndColumn) {
+TEST_F(CommandLine, BinaryDataEndsTheProgramWithNameLineAndColumn) {
   std::string garbage = "CPU:\n";
   for (int i = 0; i < 4096; ++i) garbage += static_cast<char>(0x80 + i * 31 % 0x80);
   ExpectUncaught(Write("c.yaml", garbage), "c\\.yaml:2:1: ");

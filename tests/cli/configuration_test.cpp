@@ -1,4 +1,4 @@
-// What becomes of each fault in a configuration: exit status, log line to the letter, and no run.
+// Each fault of a configuration: the exit status, the exact log line, and that nothing runs.
 
 #include <sys/stat.h>
 
@@ -9,8 +9,8 @@ namespace {
 
 class Configuration : public ProgramTest {
  protected:
-  /// The program ends with -1 before any stress: `faults` are all that the log says after the platform's
-  /// start.
+  /// Expects that the program has ended with -1 before any stress, and that the log says nothing but `faults`
+  /// between the platform's start and the end.
   void ExpectRefused(const Ending& ending, std::vector<std::string> faults) const {
     EXPECT_THAT(ending, Exited(255));
     EXPECT_EQ(ending.output, "") << "no rate line";
@@ -41,19 +41,20 @@ TEST_F(Configuration, Level11OfAicIsRefused) {
   ExpectRefused("AIC: {Level: 11, File: m.onnx}\n", "Parse() | aic stress level:[0, 10], now is : 11");
 }
 
-TEST_F(Configuration, ALargeLevelIsToldAsItIs) {
+TEST_F(Configuration, ALargeLevelIsReportedUnchanged) {
   ExpectRefused("CPU: {Level: 0x10000}\n", "Parse() | cpu stress level:[0, 10], now is : 65536");
 }
 
-// The rates are sized before the range is tested. Where there is no memory for them, that is what is told.
-TEST_F(Configuration, ALevelBeyondMemoryIsToldAsAnException) {
+// The slots for the rates are allocated before the range is checked. When there is no memory for them, that
+// is reported.
+TEST_F(Configuration, ALevelThatNeedsTooMuchMemoryIsReportedAsAnException) {
   if (kSanitized) GTEST_SKIP() << "a sanitizer needs the address space itself";
   Launch launch = Configured("CPU: {Level: 4294967295}\n");
   launch.limits[RLIMIT_AS] = rlim_t{4} << 30;
   ExpectRefused(Run(launch), {"ERROR Load() | Load c.yaml happen error, the message is: std::bad_alloc"});
 }
 
-TEST_F(Configuration, AMissingLevelIsToldForEachSection) {
+TEST_F(Configuration, AMissingLevelIsReportedForEachSection) {
   for (const std::string section : {"VPC", "VENC", "CPU", "AIC"}) {
     SCOPED_TRACE(section);
     std::filesystem::remove_all(Directory() / "log");
@@ -62,7 +63,7 @@ TEST_F(Configuration, AMissingLevelIsToldForEachSection) {
   }
 }
 
-TEST_F(Configuration, ALevelThatIsNoNumberIsToldAsMissing) {
+TEST_F(Configuration, ALevelThatIsNotANumberIsReportedAsMissing) {
   for (const std::string level : {"high", "-1", "1.5", "4294967296", "~", "[1]", "{Level: 1}", "''", "1e1"}) {
     SCOPED_TRACE(level);
     std::filesystem::remove_all(Directory() / "log");
@@ -70,7 +71,7 @@ TEST_F(Configuration, ALevelThatIsNoNumberIsToldAsMissing) {
   }
 }
 
-TEST_F(Configuration, ASectionThatIsNoMappingHasNoLevel) {
+TEST_F(Configuration, LevelOfASectionThatIsNotAMappingIsReportedAsMissing) {
   for (const std::string section : {"", "1", "[Level, 1]"}) {
     SCOPED_TRACE(section);
     std::filesystem::remove_all(Directory() / "log");
@@ -82,28 +83,29 @@ TEST_F(Configuration, AicWithoutFileIsRefused) {
   ExpectRefused("AIC: {Level: 1}\n", "Parse() | Cannot find AIC: File in Config File!");
 }
 
-TEST_F(Configuration, AicWithoutFileIsRefusedBeforeItsLevelIsTested) {
+TEST_F(Configuration, AicWithoutFileIsRefusedBeforeItsLevelIsChecked) {
   ExpectRefused("AIC: {Level: 11}\n", "Parse() | Cannot find AIC: File in Config File!");
 }
 
-TEST_F(Configuration, OnlyTheFirstFaultInTheOrderOfSectionsIsTold) {
+TEST_F(Configuration, OnlyTheFirstFaultInTheOrderOfSectionsIsReported) {
   ExpectRefused("AIC: {}\nCPU: {Level: 12}\nVENC: {Level: 13}\nVPC: {}\n",
                 "Parse() | Cannot find VPC: Level in Config File!");
 }
 
-TEST_F(Configuration, SectionsBeforeAFaultStartNoWorkEither) {
+TEST_F(Configuration, SectionsBeforeAFaultStartNoWorkers) {
   ExpectRefused("VPC: {Level: 1}\nCPU: {Level: 11}\n", "Parse() | cpu stress level:[0, 10], now is : 11");
 }
 
-TEST_F(Configuration, UnknownKeysAndOtherCasesOfLettersAreIgnored) {
+TEST_F(Configuration, UnknownKeysAreIgnoredAndKeysAreCaseSensitive) {
   const Ending ending =
       RunLines(Configured("cpu: {Level: 11}\nGPU: {Level: 11}\nCPU: {Level: 0, Sleep: x}\n"));
   EXPECT_THAT(ending, Exited(0));
   ExpectRateLines(ending.OutputLines(), {"cpuStress"});
 }
 
-// The file is read again for the sections. A change in between that breaks it does not abort: it is told.
-TEST_F(Configuration, AFileThatIsBrokenAtTheSecondReadIsTold) {
+// The file is read again for the sections. When it has been damaged meanwhile, the program does not abort:
+// the fault is logged.
+TEST_F(Configuration, AFileThatIsDamagedBeforeTheSecondReadIsReported) {
   const Fifo fifo(Directory() / "c.yaml");
   Program program(With({"c.yaml"}));
   ASSERT_TRUE(fifo.Feed("logLevel: 4\n"));
@@ -130,7 +132,7 @@ TEST_F(Configuration, RunTimesBelow40IsRaisedWithAWarning) {
                   "INFO Init() | QetInitialize success"));
 }
 
-TEST_F(Configuration, RunTimesThatIsNoNumberCountsAsZero) {
+TEST_F(Configuration, RunTimesThatIsNotANumberIsReadAsZero) {
   const Ending ending = RunLines(Configured("runTimes: long\n"));
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(Texts(LogFile()),

@@ -17,7 +17,7 @@ Fifo::Fifo(std::filesystem::path path) : path_(std::move(path)) {
 int Fifo::WaitForReader() const {
   const auto end = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < end) {
-    // Not blocking, a pipe opens for writing only when somebody has it open, or is opening it, for reading.
+    // A non-blocking open for writing succeeds only when a reader has opened the pipe or is opening it.
     const int descriptor = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor >= 0) return descriptor;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));

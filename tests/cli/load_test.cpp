@@ -1,4 +1,4 @@
-// The stresses on the real engines: they all do their work, and they all stop.
+// The stresses on the real engines: each of them works, and each stops.
 
 #include <csignal>
 #include <iostream>
@@ -15,14 +15,14 @@ class Load : public ProgramTest {
            "}\nCPU: {Level: " + number + "}\nAIC: {Level: " + number + ", File: " + model + "}\n";
   }
 
-  /// Threads that every run has: main, reporter, limiter and what a sanitizer adds.
+  /// How many threads a run without stresses has: main, reporter, limiter and those of a sanitizer.
   int ThreadsWithoutStress() const {
     Program program(With({Write("nothing.yaml", "")}));
     EXPECT_TRUE(program.ReadLine().has_value());
     return program.ThreadCount();
   }
 
-  /// Runs all four stresses until the encoder and the model have published a rate each, and ends the run.
+  /// Runs all four stresses until the encoder and the model have each published a rate, then ends the run.
   void RunEveryStress(int level) {
     const int threads = ThreadsWithoutStress() + 4 * (level + 1);
     std::filesystem::remove_all(Directory() / "log");
@@ -30,8 +30,8 @@ class Load : public ProgramTest {
     Program program(Configured(EveryStress(level, EXAMPLE_NETWORK)));
     bool encoded = false;
     bool inferred = false;
-    // Of the other two only the line is looked at: an operation of under a millisecond counts as no time, so
-    // that on a fast host 0 is their right rate.
+    // The other two may have the rate 0 on a fast machine, because operations below one millisecond count as
+    // no time. Only their entries in the line are checked.
     while (!encoded || !inferred) {
       const auto line = program.ReadLine();
       if (!line) FAIL() << program.Wait(std::chrono::seconds(0));
@@ -50,19 +50,20 @@ class Load : public ProgramTest {
     const double stopSeconds = ending.seconds - interrupted;
     RecordProperty("stopSeconds", std::to_string(stopSeconds));
     std::cout << "stopped " << stopSeconds << " s after SIGINT\n";
-    EXPECT_LT(stopSeconds, 60.0) << "2 on an idle machine";
+    EXPECT_LT(stopSeconds, 60.0) << "it takes 2 s on an idle machine";
 
     ExpectRateLines(ending.OutputLines(), {"kivuVpcStress", "kivuVencStress", "cpuStress", "aicStress"});
     const std::vector<std::string> texts = Texts(LogFile(), "");
     EXPECT_THAT(texts, Not(Contains(testing::StartsWith("ERROR"))));
-    EXPECT_THAT(texts, Not(Contains(HasSubstr("gave back")))) << "something was left behind";
+    EXPECT_THAT(texts, Not(Contains(HasSubstr("gave back"))))
+        << "the platform had to free what a worker had left";
     EXPECT_THAT(texts, Contains("DEBUG AICoreInit() | [AicoreStress] Initialize AicStress finished.")
                            .Times(static_cast<std::size_t>(level)));
   }
 };
 
 TEST_F(Load, EveryStressAtLevel1WorksAndStops) {
-  if (kSanitized) GTEST_SKIP() << "of the same threads there are more at level 10, and it takes a minute";
+  if (kSanitized) GTEST_SKIP() << "level 10 runs the same code, and this takes a minute";
   RunEveryStress(1);
 }
 
@@ -70,7 +71,7 @@ TEST_F(Load, EveryStressAtLevel10WorksAndStops) {
   RunEveryStress(10);
 }
 
-TEST_F(Load, AMissingModelEndsItsWorkersAlone) {
+TEST_F(Load, AMissingModelEndsOnlyItsWorkers) {
   const Ending ending = RunLines(Configured("AIC: {Level: 1, File: none.onnx}\nVPC: {Level: 1}\n"), 3);
   EXPECT_THAT(ending, Exited(0));
   for (const std::string& line : ending.OutputLines()) EXPECT_EQ(Rates(line)["aicStress"], "0.000000");
@@ -89,7 +90,7 @@ TEST_F(Load, AMissingModelEndsItsWorkersAlone) {
   EXPECT_THAT(Read("log/STBM.log"), Not(HasSubstr("gave back")));
 }
 
-TEST_F(Load, AFileThatIsNoModelEndsItsWorkersAlone) {
+TEST_F(Load, AFileThatIsNotAModelEndsOnlyItsWorkers) {
   Write("m.onnx", "not a network\n");
   const Ending ending = RunLines(Configured("AIC: {Level: 2, File: m.onnx}\n"), 2);
   EXPECT_THAT(ending, Exited(0));
@@ -101,16 +102,17 @@ TEST_F(Load, AFileThatIsNoModelEndsItsWorkersAlone) {
       Contains("ERROR AICoreStressNode() | [AicoreStress] AICore stress node initialize failed.").Times(2));
 }
 
-// The one test that sits out a whole run: of 40 seconds, though 10 are asked for, and the limiter's one more.
+// The only test of a whole run. The configuration asks for 10 seconds, which becomes 40; the limiter adds
+// one.
 TEST_F(Load, AWholeRunEndsByItself) {
-  // A sanitizer would make nothing of the one worker but heat.
+  // With a sanitizer a worker would only cost time: it shows nothing that other tests do not show.
   const std::string level = kSanitized ? "0" : "1";
   const Ending ending = Run(Configured("runTimes: 10\nCPU: {Level: " + level +
                                        "}\nVPC: {Level: 0}\nVENC: {Level: 0}\nAIC: {Level: 0, "
                                        "File: none.onnx}\n"));
   EXPECT_THAT(ending, Exited(0));
   EXPECT_GE(ending.seconds, 41.0);
-  EXPECT_LE(ending.seconds, 80.0) << "a crowded machine takes its time, but not as long again";
+  EXPECT_LE(ending.seconds, 80.0) << "a busy machine takes longer, but not twice as long";
   const std::vector<std::string> lines = ending.OutputLines();
   EXPECT_THAT(lines, SizeIs(AllOf(testing::Ge(30U), testing::Le(50U))));
   ExpectRateLines(lines, {"kivuVpcStress", "kivuVencStress", "cpuStress", "aicStress"});

@@ -1,4 +1,4 @@
-// Where the log goes and what of it: "logMode" and "logLevel" as they act on the whole program.
+// Where the log goes and which records it has: "logMode" and "logLevel" in the whole program.
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,7 +11,8 @@ namespace {
 
 class Logging : public ProgramTest {
  protected:
-  /// Runs for a line, with a warning and records of info level on the way; the signal logs at debug level.
+  /// Runs the program until its first rate line. The log gets a warning and records at info level; the signal
+  /// that ends the run is logged at debug level.
   Ending RunWith(const std::string& settings) const {
     return RunLines(Configured(settings + "\nrunTimes: 39\nCPU: {Level: 0}\n"));
   }
@@ -30,19 +31,19 @@ TEST_F(Logging, WithoutSettingsGoesToFileAndConsoleAtInfoLevel) {
   EXPECT_EQ(Read("log/STBM.log"), ending.error);
   for (const LogRecord& record : LogFile()) {
     EXPECT_EQ(record.application, "STBM");
-    EXPECT_EQ(record.context, "STBM") << "no record under the context from before the start-up";
+    EXPECT_EQ(record.context, "STBM") << "no record has the context that is used before the start-up";
     EXPECT_EQ(record.location, "");
   }
 }
 
-TEST_F(Logging, Mode2WritesTheFileAlone) {
+TEST_F(Logging, Mode2WritesOnlyTheFile) {
   const Ending ending = RunWith("logMode: 2");
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.error, "");
   EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
 }
 
-TEST_F(Logging, Mode4WritesTheConsoleAlone) {
+TEST_F(Logging, Mode4WritesOnlyTheConsole) {
   const Ending ending = RunWith("logMode: 4");
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(Texts(ParseLog(ending.error)), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
@@ -57,7 +58,7 @@ TEST_F(Logging, Mode0WritesNothing) {
   ExpectRateLines(ending.OutputLines(), {"cpuStress"});
 }
 
-TEST_F(Logging, AModeThatIsNoNumberCountsAsZero) {
+TEST_F(Logging, AModeThatIsNotANumberIsReadAsZero) {
   const Ending ending = RunWith("logMode: file");
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.error, "");
@@ -81,7 +82,7 @@ TEST_F(Logging, Levels0And1WriteNoRecord) {
   }
 }
 
-TEST_F(Logging, Level2WritesErrorsAlone) {
+TEST_F(Logging, Level2WritesOnlyErrors) {
   EXPECT_THAT(RunWith("logLevel: 2"), Exited(0));
   EXPECT_EQ(Read("log/STBM.log"), "");
   EXPECT_THAT(Run(Configured("logLevel: 2\nrunTimes: 1\nCPU: {Level: 11}\n")), Exited(255));
@@ -101,7 +102,7 @@ TEST_F(Logging, Level5AddsTheSignalAndTheSourceOfEachRecord) {
   std::vector<std::string> locations;
   locations.reserve(records.size());
   for (const LogRecord& record : records) locations.push_back(record.location);
-  // The path as the build knows it, whatever machine it was built on.
+  // The path inside the project, which does not depend on where it was built.
   EXPECT_THAT(
       locations,
       ElementsAre(testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ Init"),
@@ -111,13 +112,13 @@ TEST_F(Logging, Level5AddsTheSignalAndTheSourceOfEachRecord) {
                   testing::MatchesRegex("stress_benchmark/src/stress_bencmark\\.cpp:[0-9]+ SignalHandler")));
 }
 
-TEST_F(Logging, ALevelPastTheLastIsTheLast) {
+TEST_F(Logging, ALevelAboveTheHighestActsAsTheHighest) {
   const Ending ending = RunWith("logLevel: 99");
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kInitialized, kStressName, kStarted, kSignal));
 }
 
-TEST_F(Logging, AtLevel0ARefusedConfigurationStillHasItsStatus) {
+TEST_F(Logging, ARefusedConfigurationHasItsStatusAtLevel0Too) {
   const Ending ending = Run(Configured("logLevel: 0\nCPU: {Level: 11}\n"));
   EXPECT_THAT(ending, Exited(255));
   EXPECT_EQ(ending.error, "");
@@ -130,7 +131,7 @@ TEST_F(Logging, ASecondRunAppendsToTheFile) {
   EXPECT_THAT(Texts(LogFile()), ElementsAre(kWarning, kWarning));
 }
 
-TEST_F(Logging, AFileInTheWayOfTheFolderIsToldOnceAndChangesNothingElse) {
+TEST_F(Logging, AFileInPlaceOfTheFolderIsReportedOnceAndChangesNothingElse) {
   Write("log", "not a folder\n");
   const Ending ending = RunWith("logMode: 2");
   EXPECT_THAT(ending, Exited(0));
@@ -139,7 +140,7 @@ TEST_F(Logging, AFileInTheWayOfTheFolderIsToldOnceAndChangesNothingElse) {
   EXPECT_EQ(Read("log"), "not a folder\n");
 }
 
-TEST_F(Logging, AFolderThatMayNotBeWrittenIsToldOnceAndChangesNothingElse) {
+TEST_F(Logging, AFolderThatMayNotBeWrittenIsReportedOnceAndChangesNothingElse) {
   Launch launch = Configured("logMode: 2\nCPU: {Level: 0}\n");
   if (geteuid() != 0) {
     std::filesystem::permissions(Directory(), std::filesystem::perms::owner_write,
@@ -156,9 +157,9 @@ TEST_F(Logging, AFolderThatMayNotBeWrittenIsToldOnceAndChangesNothingElse) {
   EXPECT_THAT(Files(), ElementsAre("c.yaml"));
 }
 
-// Such a write is answered with a signal whose default action ends the process.
-TEST_F(Logging, AFileThatReachesTheLimitOfItsSizeChangesNothingElse) {
-  if (kThreadSanitized) GTEST_SKIP() << "ThreadSanitizer's own start needs files that grow";
+// Such a write raises a signal whose default action ends the process.
+TEST_F(Logging, AFileThatReachesItsLargestSizeChangesNothingElse) {
+  if (kThreadSanitized) GTEST_SKIP() << "ThreadSanitizer needs files that may grow when it starts";
   for (const rlim_t limit : {0U, 300U}) {
     SCOPED_TRACE(limit);
     std::filesystem::remove_all(Directory() / "log");
@@ -177,7 +178,7 @@ TEST_F(Logging, AFileThatReachesTheLimitOfItsSizeChangesNothingElse) {
 }
 
 TEST_F(Logging, ThatSignalFromElsewhereStillEndsTheProgram) {
-  if (kThreadSanitized) GTEST_SKIP() << "ThreadSanitizer's own start needs files that grow";
+  if (kThreadSanitized) GTEST_SKIP() << "ThreadSanitizer needs files that may grow when it starts";
   Launch launch = Configured("CPU: {Level: 1}\n");
   launch.limits[RLIMIT_FSIZE] = 0;
   Program program(launch);
@@ -186,7 +187,7 @@ TEST_F(Logging, ThatSignalFromElsewhereStillEndsTheProgram) {
   EXPECT_THAT(program.Wait(), KilledBy(SIGXFSZ));
 }
 
-TEST_F(Logging, AFileThatCannotBeOpenedLeavesTheConsole) {
+TEST_F(Logging, WhenTheFileCannotBeOpenedTheConsoleStillWorks) {
   std::filesystem::create_directories(Directory() / "log/STBM.log");
   const Ending ending = RunWith("");
   EXPECT_THAT(ending, Exited(0));
@@ -199,7 +200,7 @@ TEST_F(Logging, AFileThatCannotBeOpenedLeavesTheConsole) {
   EXPECT_THAT(Texts(ParseLog(records)), ElementsAre(kWarning, kInitialized, kStressName, kStarted));
 }
 
-TEST_F(Logging, WithoutStandardErrorTheFileIsWrittenAndNothingElseIs) {
+TEST_F(Logging, WithoutStandardErrorOnlyTheLogFileIsWritten) {
   Launch launch = Configured("CPU: {Level: 0}\n");
   launch.standardError = false;
   EXPECT_THAT(RunLines(launch), Exited(0));

@@ -1,4 +1,4 @@
-// Standard output: one rate line a second and nothing else, whatever else is going on.
+// Standard output: one rate line a second and nothing else.
 
 #include <csignal>
 
@@ -11,7 +11,7 @@ class Output : public ProgramTest {};
 constexpr char kEveryStress[] =
     "VPC: {Level: 0}\nVENC: {Level: 0}\nCPU: {Level: 0}\nAIC: {Level: 0, File: none.onnx}\n";
 
-TEST_F(Output, WithoutSectionsEachLineIsTheConstantAlone) {
+TEST_F(Output, WithoutSectionsEachLineIsOnlyTheConstantText) {
   const Ending ending = RunLines(Configured("runTimes: 40\n"), 3);
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(ending.OutputLines(), AllOf(SizeIs(testing::Ge(3U)), Each("ispStress : 30.0 fps.")));
@@ -42,19 +42,19 @@ TEST_F(Output, AStressOfLevelZeroShowsZeroAndLogsItsStart) {
                            "INFO runAicStress() | Aicore threadNum: 0 , Aicore Process start..."));
 }
 
-// Standard output is a pipe here: without a flush nothing would arrive before the end.
+// Standard output is a pipe here. Without a flush nothing would arrive before the program ends.
 TEST_F(Output, LinesArriveAsTheyAreWrittenOneASecond) {
   Program program(Configured("CPU: {Level: 1}\n"));
   for (int line = 1; line <= 4; ++line) {
     ASSERT_TRUE(program.ReadLine().has_value());
-    EXPECT_GE(program.Seconds(), line) << "each comes after a second of its own";
+    EXPECT_GE(program.Seconds(), line) << "the lines come at least one second apart";
     EXPECT_TRUE(program.Running());
   }
   program.Signal(SIGINT);
   EXPECT_THAT(program.Wait(), Exited(0));
 }
 
-TEST_F(Output, CarriesRateLinesAloneWhileEverythingIsLogged) {
+TEST_F(Output, HasOnlyRateLinesWhileEverythingIsLogged) {
   const Ending ending =
       RunLines(Configured("logMode: 7\nlogLevel: 6\nrunTimes: 1\nVPC: {Level: 1}\nVENC: {Level: 1}\n"
                           "CPU: {Level: 1}\nAIC: {Level: 1, File: none.onnx}\n"),
@@ -65,7 +65,7 @@ TEST_F(Output, CarriesRateLinesAloneWhileEverythingIsLogged) {
   EXPECT_EQ(ending.output.back(), '\n');
 }
 
-TEST_F(Output, MissingAtTheStartChangesNothingElse) {
+TEST_F(Output, ProgramRunsWithoutIt) {
   Launch launch = Configured("logLevel: 5\nCPU: {Level: 1}\nVENC: {Level: 1}\n");
   launch.standardOutput = Launch::Output::kClosed;
   Program program(launch);
@@ -76,11 +76,11 @@ TEST_F(Output, MissingAtTheStartChangesNothingElse) {
   const Ending ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_THAT(ending.error, Not(HasSubstr(" fps")));
-  EXPECT_EQ(Read("log/STBM.log"), ending.error) << "rates must not end up in a file that took the number 1";
+  EXPECT_EQ(Read("log/STBM.log"), ending.error) << "no rates in the log file, even if it has descriptor 1";
   EXPECT_EQ(Read("c.yaml"), "logLevel: 5\nCPU: {Level: 1}\nVENC: {Level: 1}\n");
 }
 
-TEST_F(Output, ThatTakesNothingChangesNothingElse) {
+TEST_F(Output, ProgramRunsWhenItTakesNothing) {
   Launch launch = Configured("CPU: {Level: 1}\n");
   launch.standardOutput = Launch::Output::kFull;
   Program program(launch);
@@ -91,17 +91,17 @@ TEST_F(Output, ThatTakesNothingChangesNothingElse) {
   EXPECT_THAT(program.Wait(), Exited(0));
 }
 
-// SIGINT is the only signal that the program changes: a reader who leaves ends it, as it ends any filter.
-TEST_F(Output, WhoseReaderHasGoneEndsTheProgramAtTheFirstLine) {
+// The program changes only SIGINT. So SIGPIPE ends it when its reader has gone, as it ends most programs.
+TEST_F(Output, ProgramEndsAtTheFirstLineWhenItsReaderHasGone) {
   Launch launch = Configured("");
   launch.standardOutput = Launch::Output::kUnwanted;
   EXPECT_THAT(Run(launch), KilledBy(SIGPIPE));
 }
 
-// A reader who does not read holds up the rate lines alone: the workers go on, and end at SIGINT. The program
-// itself ends when the line that it was writing has been taken.
-TEST_F(Output, ThatNobodyReadsHoldsUpTheLinesAlone) {
-  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer's signal() lets the signal break off the write";
+// A reader that does not read delays only the rate lines: the workers run on and end at SIGINT. The program
+// ends when its last line has been read.
+TEST_F(Output, ReaderThatDoesNotReadDelaysOnlyTheLines) {
+  if (kThreadSanitized) GTEST_SKIP() << "with the sanitizer's signal() the signal ends the write";
   Launch launch = Configured("logLevel: 5\nCPU: {Level: 2}\n");
   launch.standardOutput = Launch::Output::kHeldUp;
   Program program(launch);
@@ -111,7 +111,7 @@ TEST_F(Output, ThatNobodyReadsHoldsUpTheLinesAlone) {
   program.Signal(SIGINT);
   ASSERT_TRUE(program.WaitForError("SignalHandler() | "));
   program.RunFor(std::chrono::milliseconds(2500));
-  EXPECT_TRUE(program.Running()) << "the line is not lost";
+  EXPECT_TRUE(program.Running()) << "it still has a line to write";
   EXPECT_LE(program.ThreadCount(), threads - 2) << "the workers have ended";
   program.TakeOutput();
   const Ending ending = program.Wait();

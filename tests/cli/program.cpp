@@ -43,7 +43,7 @@ void Close(int& descriptor) {
   descriptor = -1;
 }
 
-/// What stands behind one of the program's standard streams: a descriptor, or -1 for none.
+/// Makes `descriptor` the standard stream `stream`; closes the stream when the descriptor is -1.
 void PutInPlace(int descriptor, int stream) {
   if (descriptor < 0) {
     close(stream);
@@ -70,7 +70,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return pointers;
 }
 
-/// Takes what is there. Closes the descriptor at its end.
+/// Reads what is available. Closes the descriptor at the end of the stream.
 void Take(int& descriptor, std::string& text) {
   char buffer[4096];
   const ssize_t count = read(descriptor, buffer, sizeof buffer);
@@ -121,12 +121,12 @@ std::ostream& operator<<(std::ostream& stream, const Ending& ending) {
                 << ending.error << "---";
 }
 
-// fork and not posix_spawn: limits, and the kill with the test's own death, are set between fork and exec.
+// fork and not posix_spawn, because limits and the parent-death signal are set between fork and exec.
 Program::Program(Launch launch) {
   std::vector<std::string> arguments = std::move(launch.arguments);
   arguments.insert(arguments.begin(), launch.program.string());
   std::vector<std::string> environment = EnvironmentWith(launch.environment);
-  // All made before the fork: after it only what a signal handler may call is allowed.
+  // All prepared before the fork. After it only async-signal-safe functions may be called.
   const std::vector<char*> argv = Pointers(arguments);
   const std::vector<char*> envp = Pointers(environment);
   const std::string directory = launch.directory.string();
@@ -165,7 +165,7 @@ Program::Program(Launch launch) {
   if (id_ < 0) Fail("cannot fork");
   if (id_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(kCannotExecute);  // the test was gone before the line above
+    if (getppid() != parent) _exit(kCannotExecute);  // the test had ended before the line above
     for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGQUIT}) (void)std::signal(signal, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
@@ -180,7 +180,7 @@ Program::Program(Launch launch) {
     if (launch.user) {
       const uid_t user = *launch.user;
       if (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0) _exit(kCannotExecute);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);  // another user's process starts without
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // setuid has cleared it
     }
     if (chdir(directory.c_str()) == 0) execve(argv[0], argv.data(), envp.data());
     _exit(kCannotExecute);
@@ -206,7 +206,7 @@ bool Program::Running() {
 }
 
 void Program::Signal(int signal) const {
-  // An id that has been waited for may be another process's by now.
+  // The id of a process that has ended may belong to another process by now.
   if (!ended_) kill(id_, signal);
 }
 
@@ -227,8 +227,8 @@ void Program::LookForEnd() {
 void Program::Pump(Clock::time_point end) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
   const int pollMs = static_cast<int>(std::clamp<std::int64_t>(left, 0, kPollMs));
-  pollfd streams[] = {{outputPipe_, POLLIN, 0}, {errorPipe_, POLLIN, 0}};  // poll passes over -1
-  // Not until something comes: the end of a program that wrote nothing must be seen, too.
+  pollfd streams[] = {{outputPipe_, POLLIN, 0}, {errorPipe_, POLLIN, 0}};  // poll ignores a descriptor of -1
+  // A short timeout, so that the end of a program that writes nothing is noticed, too.
   if (poll(streams, 2, pollMs) > 0) {
     if (streams[0].revents != 0) Take(outputPipe_, ending_.output);
     if (streams[1].revents != 0) Take(errorPipe_, ending_.error);
@@ -269,7 +269,7 @@ bool Program::WaitForError(std::string_view text, std::chrono::milliseconds wait
     errorFound_ = at + text.size();
     return true;
   };
-  // Not asked again once it has found it: it would look for the next one.
+  // Not called again after it has found the text: it would search for the next one.
   bool seen = false;
   return PumpUntil([&] { return seen = seen || found(); }, wait);
 }
@@ -287,7 +287,7 @@ const Ending& Program::Wait(std::chrono::milliseconds wait) {
   return ending_;
 }
 
-// A page: the smallest pipe there is.
+// One page, the size of the smallest pipe.
 const std::string Program::kFilling(4096, '#');
 
 void Program::TakeOutput() {

@@ -12,11 +12,11 @@
 #include <string_view>
 #include <vector>
 
-/// What every wait here is given before the program counts as hung. Far above what a slow, crowded machine
-/// and a sanitizer take: it ends a hang and measures nothing.
+/// How long each wait lasts before the program counts as hung. Much longer than a slow, busy machine with a
+/// sanitizer needs: it is there to end a hang, not to measure.
 constexpr std::chrono::seconds kPatience{120};
 
-/// An empty directory of the test's own, removed with what is in it.
+/// An empty directory for one test. The destructor removes it with its content.
 class TemporaryDirectory {
  public:
   /// Throws std::runtime_error when it cannot be made.
@@ -31,24 +31,24 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
-/// How the program is started. Standard input is empty; signals have their default action and none is
-/// blocked, whatever the test's own are.
+/// How the program is started. Its standard input is empty. Signals have their default action and none is
+/// blocked, whatever they are in the test.
 struct Launch {
   enum class Output {
     kCaptured,
     kClosed,    ///< the program starts without a standard output
-    kFull,      ///< a device that takes nothing, as a full disk does
-    kUnwanted,  ///< a pipe whose reader has gone
-    kHeldUp,    ///< a pipe that is full, and stays so until TakeOutput
+    kFull,      ///< a device that takes nothing, like a full disk
+    kUnwanted,  ///< a pipe without a reader
+    kHeldUp,    ///< a pipe that is full until TakeOutput is called
   };
 
   std::vector<std::string> arguments;
   std::filesystem::path directory = ".";           ///< working directory
-  std::map<std::string, std::string> environment;  ///< set over the test's own
+  std::map<std::string, std::string> environment;  ///< added to the test's environment
   std::map<int, rlim_t> limits;                    ///< soft and hard limit by resource (RLIMIT_...)
-  std::optional<uid_t> user;                       ///< whom it runs as, without groups; needs root
+  std::optional<uid_t> user;                       ///< the user that it runs as, without groups; needs root
   Output standardOutput = Output::kCaptured;
-  bool standardError = true;  ///< captured; without it the program starts without one
+  bool standardError = true;  ///< captured; false: the program starts without one
   std::filesystem::path program = STRESS_BENCHMARK_PROGRAM;
 };
 
@@ -56,7 +56,7 @@ struct Launch {
 struct Ending {
   std::optional<int> status;  ///< exit status, 0 to 255; none when a signal ended it
   std::optional<int> signal;  ///< the signal that ended it
-  bool hung = false;          ///< it had to be killed: the wait was over
+  bool hung = false;          ///< it did not end in time and was killed
   double seconds = 0.0;       ///< from its start to its end
   std::string output;         ///< standard output
   std::string error;          ///< standard error
@@ -67,16 +67,17 @@ struct Ending {
 
 std::ostream& operator<<(std::ostream& stream, const Ending& ending);
 
-/// The lines of a text, without their ends. A text that does not end in a newline has its rest as last line.
+/// The lines of a text, without their newlines. What follows the last newline is the last line, unless it is
+/// empty.
 std::vector<std::string> SplitLines(std::string_view text);
 
-/// One run of the real program. Its output is taken from it only inside the members that wait, all of it: a
-/// program that writes to one stream while the test waits for the other is never held up. It is killed with
-/// the object, and with the test. Threads: one object, one thread.
+/// One run of the real program. The members that wait read both of its streams, so a program that writes to
+/// one stream while the test waits for the other is not blocked. The program is killed when the object is
+/// destroyed and when the test ends. Threads: an object belongs to one thread.
 class Program {
  public:
-  /// Starts the program. Throws std::runtime_error when there is no process to be had; a program file that
-  /// cannot be executed shows as exit status 127.
+  /// Starts the program. Throws std::runtime_error when the process cannot be created. When the program file
+  /// cannot be executed, the exit status is 127.
   explicit Program(Launch launch);
   ~Program();
   Program(const Program&) = delete;
@@ -85,31 +86,33 @@ class Program {
   pid_t Id() const { return id_; }
   bool Running();
   void Signal(int signal) const;
-  /// Seconds since the start.
+  /// Returns the seconds since the start.
   double Seconds() const;
 
-  /// The next line of standard output, without its end; none when the program ended or the wait was over.
+  /// Returns the next line of standard output, without its newline; nothing when the program has ended or the
+  /// wait is over.
   std::optional<std::string> ReadLine(std::chrono::milliseconds wait = kPatience);
-  /// Waits until `text` stands on standard error, anywhere after what an earlier call has found. Returns
-  /// false when the program ended without it or the wait was over.
+  /// Waits until `text` is on standard error, after the text that the last call has found. Returns false when
+  /// the program has ended without it or the wait is over.
   bool WaitForError(std::string_view text, std::chrono::milliseconds wait = kPatience);
-  /// Lets the program run for a while, taking its output.
+  /// Lets the program run for this time and reads its output.
   void RunFor(std::chrono::milliseconds time);
-  /// Waits for the end; kills the program when the wait is over. Later calls return the same.
+  /// Waits until the program has ended; kills it when the wait is over. Later calls return the same.
   const Ending& Wait(std::chrono::milliseconds wait = kPatience);
 
-  /// From here on takes what stands on the pipe of kHeldUp: what had filled it, kFilling, and what the
-  /// program wrote.
+  /// From here on the pipe of kHeldUp is read. Its content is kFilling, which had filled it, and then what
+  /// the program has written.
   void TakeOutput();
   static const std::string kFilling;
 
-  /// Threads of the process as the system counts them; 0 when it has ended.
+  /// Returns how many threads the process has; 0 when it has ended.
   int ThreadCount() const;
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  /// Takes output and looks for the end until `done` or the wait is over. Returns the last of `done`.
+  /// Reads output until `done` returns true, the program has ended or the wait is over. Returns the last
+  /// result of `done`.
   template <typename Done>
   bool PumpUntil(Done&& done, std::chrono::milliseconds wait);
   void Pump(Clock::time_point end);

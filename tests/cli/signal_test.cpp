@@ -1,4 +1,4 @@
-// SIGINT at every stage of a run, and what becomes of other signals.
+// SIGINT at every stage of a run, and other signals.
 
 #include <unistd.h>
 
@@ -17,7 +17,8 @@ constexpr int kSigints = 300;
 
 class Signals : public ProgramTest {
  protected:
-  /// With the calls of the platform's start and release and of the signal handler noted.
+  /// Changes `launch` so that the calls of the platform's start and release and of the signal handler are
+  /// recorded.
   Launch Recorded(Launch launch) const {
     launch.environment["LD_PRELOAD"] = CALL_RECORDER;
     launch.environment["RECORD_CALLS"] = "calls";
@@ -25,8 +26,8 @@ class Signals : public ProgramTest {
   }
   std::vector<std::string> Calls() const { return SplitLines(Read("calls")); }
 
-  /// The run came to its end, and each of at most kSigints handled signals is in the log, which has only
-  /// whole lines, the same in both sinks.
+  /// Expects that the run has ended normally, that it has handled between one and kSigints signals and logged
+  /// each of them, and that file and console have the same lines, all complete.
   void ExpectEachLogged(const Ending& ending) const {
     EXPECT_THAT(ending, Exited(0));
     const auto handled = Count(Calls(), "SignalHandler");
@@ -66,7 +67,7 @@ TEST_F(Signals, SigintWhileTheFileIsReadFirstKillsTheProgram) {
 }
 
 TEST_F(Signals, SigintWhileTheSectionsAreReadSkipsTheRun) {
-  if (kThreadSanitized) GTEST_SKIP() << "the sanitizer's signal() lets the signal break off the read";
+  if (kThreadSanitized) GTEST_SKIP() << "with the sanitizer's signal() the signal ends the read";
   const Fifo fifo(Directory() / "c.yaml");
   Program program(Recorded(With({"c.yaml"})));
   ASSERT_TRUE(fifo.Feed("logLevel: 5\n"));
@@ -75,7 +76,7 @@ TEST_F(Signals, SigintWhileTheSectionsAreReadSkipsTheRun) {
   ASSERT_GE(held, 0);
   program.Signal(SIGINT);
   ASSERT_TRUE(program.WaitForError("SignalHandler() | "));
-  close(held);  // the end of an empty file
+  close(held);  // the program reads an empty file
   const Ending ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.output, "") << "no rate line";
@@ -83,7 +84,7 @@ TEST_F(Signals, SigintWhileTheSectionsAreReadSkipsTheRun) {
   EXPECT_THAT(Calls(), ElementsAre("QetInitialize", "SignalHandler", "QetRelease"));
 }
 
-TEST_F(Signals, SigintInsideThePlatformsStartSkipsTheRunButNotTheRelease) {
+TEST_F(Signals, SigintDuringThePlatformsStartSkipsTheRunButNotTheRelease) {
   Launch launch = Recorded(Configured("logLevel: 5\nCPU: {Level: 10}\nVPC: {Level: 1}\n"));
   launch.environment["RAISE_SIGINT_IN_INITIALIZE"] = "1";
   const Ending ending = Run(launch);
@@ -93,7 +94,7 @@ TEST_F(Signals, SigintInsideThePlatformsStartSkipsTheRunButNotTheRelease) {
   EXPECT_THAT(Calls(), ElementsAre("QetInitialize", "SignalHandler", "QetRelease"));
 }
 
-TEST_F(Signals, SigintDuringAnInitThatFailsLeavesItsStatus) {
+TEST_F(Signals, SigintDuringAnInitThatFailsDoesNotChangeTheStatus) {
   Launch launch = Recorded(Configured("logLevel: 5\nCPU: {Level: 11}\n"));
   launch.environment["RAISE_SIGINT_IN_INITIALIZE"] = "1";
   const Ending ending = Run(launch);
@@ -114,7 +115,7 @@ TEST_F(Signals, SigintDuringTheRunPrintsTheLastLineAndReleases) {
   Program program(Recorded(Configured("logLevel: 5\nCPU: {Level: 2}\nVPC: {Level: 1}\n")));
   ASSERT_TRUE(program.ReadLine().has_value());
   ASSERT_TRUE(program.ReadLine().has_value());
-  // Into the reporter's sleep, so that its last line is still to come.
+  // Sent during the reporter's sleep, so that its last line still follows.
   program.RunFor(std::chrono::milliseconds(300));
   program.Signal(SIGINT);
   const Ending ending = program.Wait();
@@ -144,7 +145,8 @@ TEST_F(Signals, BelowDebugLevelSigintLeavesNoRecord) {
   EXPECT_THAT(Read("log/STBM.log"), Not(HasSubstr("Signal")));
 }
 
-// Pending signals of one number are one: without a pause most of these meet inside the handler, or before it.
+// The system joins equal pending signals to one. Without pauses most of these arrive while the handler runs
+// or before it has started.
 TEST_F(Signals, ThreeHundredSigintsInARowEndTheRunOfTenWorkers) {
   Program program(Recorded(Configured("logLevel: 5\nCPU: {Level: 10}\n")));
   ASSERT_TRUE(program.ReadLine().has_value());

@@ -1,4 +1,4 @@
-// Where there is no remote sink, the others go on.
+// Without a remote sink the other sinks work.
 
 #include "daemon.h"
 
@@ -14,7 +14,7 @@ class NoRemoteSink : public ProgramTest {
   }
 };
 
-TEST_F(NoRemoteSink, IsToldOnceWhereTheBuildHasNone) {
+TEST_F(NoRemoteSink, IsReportedOnceWhenTheBuildHasNone) {
   Launch launch = Probe();
   launch.environment["LD_LIBRARY_PATH"] = LOG_WITHOUT_DLT;
   const Ending ending = Run(launch);
@@ -23,7 +23,7 @@ TEST_F(NoRemoteSink, IsToldOnceWhereTheBuildHasNone) {
   EXPECT_THAT(LogFile(), SizeIs(1));
 }
 
-TEST_F(NoRemoteSink, TheProgramRunsWhereTheBuildHasNone) {
+TEST_F(NoRemoteSink, TheProgramRunsWhenTheBuildHasNone) {
   Launch launch = Configured("logMode: 1\nCPU: {Level: 1}\n");
   launch.environment["LD_LIBRARY_PATH"] = LOG_WITHOUT_DLT;
   const Ending ending = RunLines(launch);
@@ -32,7 +32,7 @@ TEST_F(NoRemoteSink, TheProgramRunsWhereTheBuildHasNone) {
   EXPECT_FALSE(Exists("log"));
 }
 
-TEST_F(NoRemoteSink, IsToldOnceWhereTheLibraryCannotBeLoaded) {
+TEST_F(NoRemoteSink, IsReportedOnceWhenTheLibraryCannotBeLoaded) {
   if (!STRESS_HAVE_DLT) GTEST_SKIP() << "the build has none";
   Write("libdlt.so.2", "no library");
   Launch launch = Probe();
@@ -45,7 +45,7 @@ TEST_F(NoRemoteSink, IsToldOnceWhereTheLibraryCannotBeLoaded) {
   EXPECT_THAT(LogFile(), SizeIs(1));
 }
 
-TEST_F(NoRemoteSink, IsToldWhereTheFolderOfThePipesIsMissing) {
+TEST_F(NoRemoteSink, IsReportedWhenTheFolderOfThePipesIsMissing) {
   if (!STRESS_HAVE_DLT) GTEST_SKIP() << "the build has none";
   Launch launch = Probe();
   launch.environment["DLT_PIPE_DIR"] = (Directory() / "missing").string();
@@ -57,7 +57,7 @@ TEST_F(NoRemoteSink, IsToldWhereTheFolderOfThePipesIsMissing) {
   EXPECT_THAT(LogFile(), SizeIs(1));
 }
 
-// libdlt is loaded on demand alone.
+// libdlt is loaded only on demand.
 TEST_F(NoRemoteSink, TheOtherModesDoNotLoadTheLibrary) {
   Write("libdlt.so.2", "no library");
   Launch launch = With({"init", "STBM", "4", "6", "./log", "logger", "STBM", "6", "info", "text"});

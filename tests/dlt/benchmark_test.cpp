@@ -1,4 +1,4 @@
-// The program itself with "logMode: 1".
+// The benchmark with "logMode: 1".
 
 #include <algorithm>
 #include <csignal>
@@ -38,7 +38,7 @@ TEST_F(RemoteBenchmark, LogsToTheDaemonUntilItsEnd) {
   EXPECT_THAT(daemon_.Raw(), HasSubstr("Description=Stress Benchmark for DDR Optimizer in VORN."));
 }
 
-TEST_F(RemoteBenchmark, OutlivesItsDaemon) {
+TEST_F(RemoteBenchmark, RunsOnWhenItsDaemonDies) {
   daemon_.Start();
   Program program(Benchmark());
   ASSERT_TRUE(program.ReadLine().has_value());
@@ -47,7 +47,7 @@ TEST_F(RemoteBenchmark, OutlivesItsDaemon) {
   program.Signal(SIGINT);
   const Ending& ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));
-  EXPECT_GT(ToldLost(ending), 0U) << "those of the end";
+  EXPECT_GT(ReportedLosses(ending), 0U) << "the records at the end of the run";
   ExpectRateLines(ending.OutputLines(), {"cpuStress"});
 }
 

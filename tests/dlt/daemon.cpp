@@ -26,7 +26,7 @@ std::filesystem::path FindTool(const std::string& name) {
   return {};
 }
 
-/// A port that nobody has at the moment; 0 when there is no IPv6.
+/// Returns a port that is free at the moment; 0 when there is no IPv6.
 int FreePort() {
   const int descriptor = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in6 address{};
@@ -43,7 +43,7 @@ int FreePort() {
   return port;
 }
 
-/// Neither waits for the test to read what it prints.
+/// How to start a tool whose output is dropped, so that it never waits for a reader.
 Launch Silent(const std::string& tool, const std::filesystem::path& folder) {
   Launch launch;
   launch.program = FindTool(tool);
@@ -59,7 +59,7 @@ void WaitUntil(const std::function<bool()>& condition, const std::string& what) 
   const auto end = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
-      FAIL() << "waited in vain for " << what;
+      FAIL() << "waited too long for " << what;
       return;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -93,7 +93,7 @@ void DltDaemon::Start() {
   daemon_ = std::make_unique<Program>(daemon);
   WaitUntil([&] { return std::filesystem::is_fifo(folder_ / "dlt"); }, "the daemon's pipe");
 
-  // The daemon listens some time after it has started.
+  // The daemon does not listen at once, so the receiver may have to be started again.
   WaitUntil(
       [&] {
         if (receiver_ == nullptr || !receiver_->Running()) {
@@ -161,7 +161,7 @@ std::vector<DltMessage> DltDaemon::Received(const std::string& application) cons
       std::smatch match;
       if (!std::regex_match(line, match, shape)) continue;
       DltMessage message{match[1], match[2], match[3], match[4], match[5]};
-      // The protocol's ids have four characters; the tool shows the missing ones as hyphens.
+      // The protocol's ids have four characters; the tool prints missing ones as hyphens.
       for (std::string* id : {&message.application, &message.context}) {
         id->erase(id->find_last_not_of('-') + 1);
       }
@@ -193,16 +193,16 @@ void DltTest::WaitForFile(const std::string& name) const {
   WaitUntil([&] { return Exists(name); }, name);
 }
 
-std::uint64_t ToldLost(const Ending& ending) {
+std::uint64_t ReportedLosses(const Ending& ending) {
   static const std::regex shape("ara::log: records lost on the way to the DLT daemon: (?:up to )?(\\d+)");
   std::uint64_t lost = 0;
-  int told = 0;
+  int reports = 0;
   for (const std::string& line : ending.ErrorLines()) {
     std::smatch match;
     if (!std::regex_match(line, match, shape)) continue;
     lost = std::stoull(match[1]);
-    ++told;
+    ++reports;
   }
-  EXPECT_LE(told, 1) << ending;
+  EXPECT_LE(reports, 1) << ending;
   return lost;
 }

@@ -11,7 +11,7 @@
 
 #include "program_test.h"
 
-/// One message as the receiver has stored it.
+/// One message that the receiver has stored.
 struct DltMessage {
   std::string application;
   std::string context;
@@ -20,33 +20,33 @@ struct DltMessage {
   std::string text;
 };
 
-/// A DLT daemon of the test's own and a receiver at it, on a free port and in the test's folder.
+/// A DLT daemon and its receiver for one test, on a free port and in the test's folder.
 class DltDaemon {
  public:
-  /// Why there can be no daemon here; empty where there can.
+  /// Returns why a daemon cannot run here; an empty text when it can.
   static std::string Missing();
 
   explicit DltDaemon(std::filesystem::path folder) : folder_(std::move(folder)) {}
 
-  /// Lets daemons that are started from here on write down what is registered, for WaitForOwnLog.
+  /// Makes daemons that are started from here on log what is registered. Needed for WaitForOwnLog.
   void LogRegistrations() { logsRegistrations_ = true; }
-  /// Starts both and returns when records get through. Fails the test when that does not work out.
+  /// Starts both and waits until the receiver gets messages. Fails the test when it does not.
   void Start();
   void Signal(int signal) const { daemon_->Signal(signal); }
-  /// Ends the daemon alone, and waits until the receiver has taken what was on its way and noticed.
+  /// Kills the daemon only, and waits until the receiver has stored the last messages and ended.
   void KillUnderTheReceiver();
-  /// Ends both, whatever state they are in; what has been received stays.
+  /// Kills both, even when they are stopped. The receiver's file stays.
   void Kill();
 
-  /// What has been written to the pipe and not yet been read.
+  /// Returns how many bytes in the pipe the daemon has not read.
   int UnreadBytes() const;
-  /// What has been received so far, in this order, of one application.
+  /// Returns the messages of one application that have been received so far, in order.
   std::vector<DltMessage> Received(const std::string& application = "STBM") const;
-  /// The receiver's file as it is.
+  /// Returns the content of the receiver's file.
   std::string Raw() const;
-  /// Waits until the text has been received. Fails the test when it does not come.
+  /// Waits until the text has been received. Fails the test when that takes too long.
   void WaitFor(const std::string& text) const;
-  /// The same for the daemon's own log.
+  /// Waits until the text is in the daemon's own log. Fails the test when that takes too long.
   void WaitForOwnLog(const std::string& text) const;
 
  private:
@@ -57,18 +57,18 @@ class DltDaemon {
   bool logsRegistrations_ = false;
 };
 
-/// Tests of the remote sink against a daemon; skipped where there can be none.
+/// Tests of the remote sink with a daemon; skipped when no daemon can run here.
 class DltTest : public ProgramTest {
  protected:
   void SetUp() override;
 
-  /// How to start the probe with these words, in the test's folder.
+  /// Returns how to start log_probe with these commands, in the test's folder.
   Launch Probe(std::vector<std::string> words) const;
-  /// The same with logging started for the remote sink alone, under application and context STBM.
+  /// The same; the first commands start logging with the remote sink only, as application and context STBM.
   Launch RemoteProbe(const std::vector<std::string>& words) const;
-  /// Makes a program at `await name` go on.
+  /// Ends the wait of a probe at `await name`.
   void Release(const std::string& name) const { Write(name, ""); }
-  /// Waits until a program has reached its `touch name`.
+  /// Waits until a probe has reached `touch name`.
   void WaitForFile(const std::string& name) const;
 
   DltDaemon daemon_{Directory()};
@@ -77,5 +77,5 @@ class DltTest : public ProgramTest {
 /// Waits until `condition` holds. Fails the test when that takes too long.
 void WaitUntil(const std::function<bool()>& condition, const std::string& what);
 
-/// How many lost records a program has told of when it ended, exactly or at most.
-std::uint64_t ToldLost(const Ending& ending);
+/// Returns how many lost records a program has reported at its end. The number may be an upper bound.
+std::uint64_t ReportedLosses(const Ending& ending);

@@ -1,4 +1,4 @@
-// Records on their way to a real daemon: there, away, slow, stopped and dying.
+// Records on their way to a real daemon that runs, is missing, is slow, is stopped or dies.
 
 #include <algorithm>
 #include <chrono>
@@ -12,7 +12,8 @@ namespace {
 
 using Dlt = DltTest;
 
-// Far below the 10 s that libdlt would wait for a daemon at exit, and far above what the sink allows itself.
+// Much less than the 10 s for which libdlt would wait for a daemon at exit, and much more than the sink
+// waits.
 constexpr double kPromptSeconds = 5.0;
 
 std::vector<std::string> Texts(const std::vector<DltMessage>& messages) {
@@ -27,7 +28,7 @@ void ExpectNoWaits(const Ending& ending) {
   std::smatch match;
   ASSERT_TRUE(std::regex_search(ending.output, match, shape)) << ending;
   std::cout << match[0] << "\n";
-  EXPECT_LT(std::stol(match[1]), 100) << "page faults may wait a little";
+  EXPECT_LT(std::stol(match[1]), 100) << "a page fault may wait";
 }
 
 constexpr char kUnregistered[] = "Unregistered ApID 'STBM'";
@@ -65,7 +66,7 @@ TEST_F(Dlt, TheDescriptionsOfApplicationAndContextArrive) {
   EXPECT_THAT(daemon_.Raw(), HasSubstr("Description=probe"));
 }
 
-TEST_F(Dlt, TheThresholdsHoldAndTheOtherSinksGoOn) {
+TEST_F(Dlt, TheThresholdsApplyAndTheOtherSinksWork) {
   daemon_.Start();
   const Ending ending = Run(Probe({"init", "STBM", "3", "7", "./log", "logger", "STBM", "6", "error", "e",
                                    "warn", "w", "info", "i", "debug", "d"}));
@@ -86,7 +87,7 @@ TEST_F(Dlt, ALongTextIsCutAndMarked) {
   EXPECT_EQ(texts[1], "short");
 }
 
-TEST_F(Dlt, AnotherApplicationIsRegisteredAnew) {
+TEST_F(Dlt, AnotherApplicationIsRegistered) {
   daemon_.Start();
   Program probe(
       RemoteProbe({"info", "one", "await", "go", "init", "OTHR", "4", "1", "./log", "info", "two"}));
@@ -99,7 +100,7 @@ TEST_F(Dlt, AnotherApplicationIsRegisteredAnew) {
   EXPECT_EQ(daemon_.Received("OTHR")[0].context, "STBM");
 }
 
-TEST_F(Dlt, StandardOutputStaysTheApplications) {
+TEST_F(Dlt, NothingIsWrittenToStandardOutput) {
   daemon_.Start();
   Launch launch = RemoteProbe({"info", "text"});
   launch.environment["DLT_LOG_MODE"] = "0";
@@ -112,25 +113,25 @@ TEST_F(Dlt, StandardOutputStaysTheApplications) {
   EXPECT_EQ(Run(launch).output, "");
 }
 
-// The number of standard error is another file's then, and libdlt has something to say: there is no daemon.
-TEST_F(Dlt, WithoutStandardErrorNoOtherFileGetsTheMessages) {
+// Another file has the descriptor of standard error, and libdlt writes a message because there is no daemon.
+TEST_F(Dlt, WithoutStandardErrorLibdltsMessagesGoToNoOtherFile) {
   Launch launch =
       Probe({"open", "mine", "init", "STBM", "4", "1", "./log", "logger", "STBM", "6", "info", "i"});
   launch.standardError = false;
   const Ending ending = Run(launch);
   EXPECT_THAT(ending, Exited(0));
-  EXPECT_EQ(ending.output, "2\n") << "the file should have taken the place of standard error";
+  EXPECT_EQ(ending.output, "2\n") << "the file should have got the descriptor of standard error";
   EXPECT_TRUE(Exists("mine"));
   EXPECT_EQ(Read("mine"), "");
 }
 
-TEST_F(Dlt, NoSignalIsHandledInTheThreadsOfTheRemoteSink) {
+TEST_F(Dlt, TheThreadsOfTheRemoteSinkBlockSignals) {
   daemon_.Start();
   const Ending ending = Run(RemoteProbe({"info", "text", "unblocked"}));
   EXPECT_EQ(ending.output, "unblocked 0\n") << ending;
 }
 
-TEST_F(Dlt, AFloodArrivesOrIsCounted) {
+TEST_F(Dlt, EachRecordOfAFloodArrivesOrIsCounted) {
   constexpr std::uint64_t kThreads = 10;
   constexpr std::uint64_t kRecords = 10000;
   daemon_.Start();
@@ -141,7 +142,7 @@ TEST_F(Dlt, AFloodArrivesOrIsCounted) {
   daemon_.WaitFor(kUnregistered);
 
   const std::vector<DltMessage> messages = daemon_.Received();
-  const std::uint64_t lost = ToldLost(ending);
+  const std::uint64_t lost = ReportedLosses(ending);
   std::cout << messages.size() << " arrived, " << lost << " were counted as lost\n";
   EXPECT_EQ(messages.size() + lost, kThreads * kRecords);
   static const std::regex shape(R"(flood (\d+) (\d+)(?: \[(\d+) lost before\])?)");
@@ -151,25 +152,25 @@ TEST_F(Dlt, AFloodArrivesOrIsCounted) {
     std::smatch match;
     ASSERT_TRUE(std::regex_match(message.text, match, shape)) << message.text;
     const auto [entry, isFirst] = last.try_emplace(std::stoi(match[1]), -1);
-    EXPECT_GT(std::stoi(match[2]), entry->second) << "in order, and none twice";
+    EXPECT_GT(std::stoi(match[2]), entry->second) << "records arrive in order and once";
     entry->second = std::stoi(match[2]);
     if (match[3].matched) marked += std::stoull(match[3]);
   }
   EXPECT_LE(marked, lost);
-  EXPECT_TRUE(lost == 0 || marked > 0 || messages.size() <= 1024) << "a loss before a record is told with it";
+  EXPECT_TRUE(lost == 0 || marked > 0 || messages.size() <= 1024) << "a loss is marked in the next record";
 }
 
-TEST_F(Dlt, WithoutADaemonNothingWaitsAndEachRecordIsCounted) {
+TEST_F(Dlt, WithoutADaemonNoThreadWaitsAndEachRecordIsCounted) {
   const Ending ending = Run(RemoteProbe({"flood", "10", "10000", "waits", "sigpipe"}));
   EXPECT_THAT(ending, Exited(0));
   ExpectNoWaits(ending);
   EXPECT_THAT(ending.output, HasSubstr("SIGPIPE default\n"));
-  EXPECT_EQ(ToldLost(ending), 100000U) << ending;
+  EXPECT_EQ(ReportedLosses(ending), 100000U) << ending;
   EXPECT_THAT(ending.error, Not(HasSubstr("up to")));
   EXPECT_LT(ending.seconds, kSanitized ? 2 * kPromptSeconds : kPromptSeconds);
 }
 
-TEST_F(Dlt, ADaemonThatStartsLaterGetsWhatHasWaited) {
+TEST_F(Dlt, ADaemonThatStartsLaterGetsTheQueuedRecords) {
   Program probe(RemoteProbe({"info", "early", "touch", "logged", "await", "go", "info", "late"}));
   WaitForFile("logged");
   daemon_.Start();
@@ -178,28 +179,27 @@ TEST_F(Dlt, ADaemonThatStartsLaterGetsWhatHasWaited) {
   EXPECT_THAT(probe.Wait(), Exited(0));
   daemon_.WaitFor(kUnregistered);
   EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("early", "late"));
-  EXPECT_EQ(ToldLost(probe.Wait()), 0U);
+  EXPECT_EQ(ReportedLosses(probe.Wait()), 0U);
 }
 
-TEST_F(Dlt, AStoppedDaemonHoldsUpNoThreadAndTheExitNotForLong) {
+TEST_F(Dlt, AStoppedDaemonDelaysNoThreadAndTheExitOnlyShortly) {
   daemon_.Start();
   daemon_.Signal(SIGSTOP);
   const Ending ending = Run(RemoteProbe({"flood", "10", "10000", "waits"}));
   EXPECT_THAT(ending, Exited(0));
   ExpectNoWaits(ending);
   EXPECT_LT(ending.seconds, kSanitized ? 2 * kPromptSeconds : kPromptSeconds);
-  const std::uint64_t lost = ToldLost(ending);
+  const std::uint64_t lost = ReportedLosses(ending);
   EXPECT_GT(lost, 0U);
-  // What the pipe has taken is the daemon's, who gets it when it goes on. Its own next record is the sign
-  // that it has.
+  // The daemon reads what is in the pipe when it continues. A later record shows when it has done so.
   daemon_.Signal(SIGCONT);
-  EXPECT_THAT(Run(RemoteProbe({"info", "the sign"})), Exited(0));
-  daemon_.WaitFor("the sign");
+  EXPECT_THAT(Run(RemoteProbe({"info", "the later record"})), Exited(0));
+  daemon_.WaitFor("the later record");
   EXPECT_EQ(daemon_.Received().size() - 1 + lost, 100000U);
 }
 
-// What it has read by then and not passed on is lost behind the log's back: at most its receive buffer.
-TEST_F(Dlt, ADaemonKilledInTheMiddleOfAFlood) {
+// The log cannot count what the daemon had read and not yet passed on: at most the daemon's receive buffer.
+TEST_F(Dlt, RecordsAreCountedWhenTheDaemonIsKilledDuringAFlood) {
   constexpr std::uint64_t kRecords = 100000;
   constexpr std::uint64_t kReceiveBufferBytes = 65535;
   constexpr std::uint64_t kShortestMessageBytes = 60;
@@ -214,16 +214,16 @@ TEST_F(Dlt, ADaemonKilledInTheMiddleOfAFlood) {
   ExpectNoWaits(ending);
   EXPECT_THAT(ending.output, HasSubstr("SIGPIPE default\n"));
   EXPECT_LT(ending.seconds, kSanitized ? 2 * kPromptSeconds : kPromptSeconds);
-  const std::uint64_t lost = ToldLost(ending);
+  const std::uint64_t lost = ReportedLosses(ending);
   const std::uint64_t arrived = daemon_.Received().size();
   std::cout << arrived << " arrived, " << lost << " were counted as lost\n";
   EXPECT_LE(arrived + lost, kRecords);
   EXPECT_GE(arrived + lost + kReceiveBufferBytes / kShortestMessageBytes, kRecords);
 }
 
-// The pipe does not tell whose the unread messages are: the count is never too low, and says that it may be
-// too high.
-TEST_F(Dlt, BesideAnotherWriterTheCountIsAnUpperBound) {
+// The pipe does not tell who has written the unread messages. The reported number is never too low, and the
+// message says that it may be too high.
+TEST_F(Dlt, WithAnotherWriterTheCountIsAnUpperBound) {
   daemon_.Start();
   Program probe(RemoteProbe({"flood", "1", "100", "info", "read", "await", "stopped", "flood", "1", "10",
                              "touch", "flooded", "await", "killed"}));
@@ -234,13 +234,13 @@ TEST_F(Dlt, BesideAnotherWriterTheCountIsAnUpperBound) {
   WaitForFile("flooded");
   daemon_.Kill();
   Release("killed");
-  const std::uint64_t lost = ToldLost(probe.Wait());
+  const std::uint64_t lost = ReportedLosses(probe.Wait());
   EXPECT_THAT(probe.Wait().error, HasSubstr("up to"));
   EXPECT_GE(lost, 10U);
-  EXPECT_LE(lost, 100U + 1U + 10U) << "no more than were ever sent";
+  EXPECT_LE(lost, 100U + 1U + 10U) << "no more than were sent";
 }
 
-TEST_F(Dlt, WhatADyingDaemonHasNotReadIsCounted) {
+TEST_F(Dlt, RecordsThatADyingDaemonHasNotReadAreCounted) {
   daemon_.Start();
   Program probe(RemoteProbe({"info", "before", "await", "stopped", "flood", "1", "300", "touch", "flooded",
                              "await", "killed", "sigpipe"}));
@@ -248,19 +248,19 @@ TEST_F(Dlt, WhatADyingDaemonHasNotReadIsCounted) {
   daemon_.Signal(SIGSTOP);
   Release("stopped");
   WaitForFile("flooded");
-  // The forwarding thread comes to the flood when it may.
+  // The forwarding thread may not have begun yet.
   WaitUntil([&] { return daemon_.UnreadBytes() > 0; }, "a record in the pipe");
   daemon_.Kill();
   Release("killed");
   const Ending& ending = probe.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.output, "SIGPIPE default\n");
-  EXPECT_EQ(ToldLost(ending), 300U) << ending;
+  EXPECT_EQ(ReportedLosses(ending), 300U) << ending;
   EXPECT_THAT(ending.error, HasSubstr("up to 300")) << "others may have written to the pipe";
   EXPECT_THAT(Texts(daemon_.Received()), ElementsAre("before"));
 }
 
-TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
+TEST_F(Dlt, TheNextDaemonGetsTheLaterRecordsAndTheCount) {
   daemon_.Start();
   Program probe(
       RemoteProbe({"info", "before", "await", "stopped", "flood", "1", "300", "touch", "flooded", "await",
@@ -278,12 +278,12 @@ TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
   const Ending& ending = probe.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(ending.output, "SIGPIPE default\n");
-  const std::uint64_t lost = ToldLost(ending);
+  const std::uint64_t lost = ReportedLosses(ending);
   EXPECT_THAT(ending.error, HasSubstr("up to " + std::to_string(lost)))
       << "others may have written to the pipe";
   daemon_.WaitFor(kUnregistered);
-  // On a busy machine the forwarding thread has not come to all of the flood when the daemon dies, and sends
-  // the rest to the next one.
+  // On a busy machine the forwarding thread may not have sent all of the flood when the daemon dies. It sends
+  // the rest to the next daemon.
   const std::vector<std::string> texts = Texts(daemon_.Received());
   const auto late =
       std::count_if(texts.begin(), texts.end(), testing::Matches(testing::StartsWith("flood ")));
@@ -296,8 +296,8 @@ TEST_F(Dlt, TheNextDaemonGetsTheRecordsThatFollowAndTheCount) {
   EXPECT_THAT(texts, Contains(HasSubstr(" [up to " + std::to_string(lost) + " lost before]")).Times(1));
 }
 
-// libdlt would take up to 10 s without a daemon. The least of several runs is without what a crowded machine
-// adds.
+// libdlt would wait up to 10 s without a daemon. The shortest of several runs is compared, because a busy
+// machine makes single runs longer.
 TEST_F(Dlt, TheExitTakesNoLongerThanWithTheFileAlone) {
   const auto leastSeconds = [&](const std::string& mode) {
     double least = kPromptSeconds * 2;
@@ -319,11 +319,11 @@ TEST_F(Dlt, TheExitTakesNoLongerThanWithTheFileAlone) {
   EXPECT_LT(withDaemon, withFile + 1.0);
 }
 
-TEST_F(Dlt, AProgramThatIsStartedInTurnGetsNoDescriptor) {
+TEST_F(Dlt, AChildProgramInheritsNoDescriptor) {
   daemon_.Start();
   const Ending alone = Run(Probe({"descriptors"}));
   Program probe(RemoteProbe({"info", "first", "info", "second", "await", "go", "exec", "descriptors"}));
-  // The first one has been seen through when the second one comes, so that every descriptor is open.
+  // When the second record arrives, the first has been handled completely, so every descriptor is open.
   daemon_.WaitFor("second");
   Release("go");
   EXPECT_THAT(probe.Wait(), Exited(0));

@@ -22,18 +22,19 @@ std::function<void()>& FreeHook() {
 
 }  // namespace
 
-// The linker sends the executable's array news and deletes here (--wrap): replacing the operators themselves
-// would collide with the thread sanitizer's.
+// The linker redirects the executable's calls of array new and delete to these functions (--wrap). To replace
+// the operators themselves would conflict with those of ThreadSanitizer.
 extern "C" {
 
-void* __real__Znam(std::size_t bytes);      // NOLINT(bugprone-reserved-identifier): the linker's names
-void __real__ZdaPv(void* memory) noexcept;  // NOLINT(bugprone-reserved-identifier)
-void* __wrap__Znam(std::size_t bytes);      // NOLINT(bugprone-reserved-identifier)
-void __wrap__ZdaPv(void* memory) noexcept;  // NOLINT(bugprone-reserved-identifier)
+void* __real__Znam(
+    std::size_t bytes);  // NOLINT(bugprone-reserved-identifier): names that the linker requires
+void __real__ZdaPv(void* memory) noexcept;                // NOLINT(bugprone-reserved-identifier)
+void* __wrap__Znam(std::size_t bytes);                    // NOLINT(bugprone-reserved-identifier)
+void __wrap__ZdaPv(void* memory) noexcept;                // NOLINT(bugprone-reserved-identifier)
 void __wrap__ZdaPvm(void* memory, std::size_t) noexcept;  // NOLINT(bugprone-reserved-identifier)
 
 void* __wrap__Znam(std::size_t bytes) {  // NOLINT(bugprone-reserved-identifier)
-  // Past any machine's memory: refused here, since the sanitizers' allocators abort instead of throwing.
+  // More than any machine has. Refused here, because the sanitizers' allocators abort instead of throwing.
   if (bytes > (std::size_t{1} << 40)) throw std::bad_alloc();
   if (watching && ++count == failAt) throw std::bad_alloc();
   void* memory = __real__Znam(bytes);

@@ -4,9 +4,9 @@
 #include <functional>
 #include <vector>
 
-/// Watches array new and delete of the test executable, which is linked with --wrap for them: every new array
-/// is filled with 0xA5, so that one that nobody zeroed is noticed. While a watch exists, arrays made and
-/// freed on its thread are noted.
+/// Watches array new and array delete of the test executable, which is linked with --wrap for them. Every new
+/// array is filled with 0xA5, so a test can see whether the code has zeroed it. While an object exists, it
+/// records the arrays that are allocated and freed on its thread.
 class ArrayAllocations {
  public:
   ArrayAllocations();
@@ -14,7 +14,7 @@ class ArrayAllocations {
   ArrayAllocations(const ArrayAllocations&) = delete;
   ArrayAllocations& operator=(const ArrayAllocations&) = delete;
 
-  /// Lets the `nth` array new (from 1) throw std::bad_alloc.
+  /// Makes the `nth` array new (from 1) throw std::bad_alloc.
   void Fail(int nth);
 
   /// Called just before an array is freed.

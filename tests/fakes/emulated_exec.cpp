@@ -1,5 +1,5 @@
-// Preloaded into tests that run under emulation: an arm64 program that they start is started under the
-// emulator as well. The machine itself could not run it.
+// Preloaded into tests that run under emulation. When such a test starts an arm64 program, this library
+// starts it under the emulator, because the machine itself cannot run it.
 #include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// No memory of the heap: this runs between a fork and an exec, too.
+// Nothing here uses the heap: this also runs between fork and exec.
 constexpr std::size_t kMaxTexts = 1024;
 constexpr const char* kEmulator[] = {EMULATOR};
 constexpr char kFirstProcessOnly[] = "QEMU_SET_ENV=";
@@ -39,7 +39,7 @@ class List {
   std::size_t count_ = 0;
 };
 
-/// What to start instead of the program, and with what.
+/// The program, arguments and environment that are started instead.
 struct Start {
   Start(const char* path, char* const* arguments, char* const* environment) : program(path) {
     if (NeedsEmulator(path)) {
@@ -49,7 +49,8 @@ struct Start {
       if (*arguments != nullptr) ++arguments;
     }
     for (; *arguments != nullptr; ++arguments) argv.Add(*arguments);
-    // The emulator would preload this library into every process, and not what a test has chosen.
+    // With this variable the emulator would preload this library into every process, instead of the library
+    // that a test has chosen.
     for (; *environment != nullptr; ++environment) {
       if (std::strncmp(*environment, kFirstProcessOnly, sizeof kFirstProcessOnly - 1) != 0)
         envp.Add(*environment);

@@ -41,8 +41,9 @@ bool FailingMemory::Fired() const {
   return failingAllocation != 0 && allocationCount >= failingAllocation;
 }
 
-// All forms of normal alignment: a sanitizer has its own of those that are left out, and takes it for a
-// mistake when memory from one of its own is freed by one of these. It watches malloc, so nothing escapes it.
+// All forms for normal alignment are replaced. A sanitizer has its own version of each form that is not, and
+// reports an error when memory from its version is freed by one of these. It also watches malloc, so it still
+// sees every allocation.
 
 #if !__has_feature(thread_sanitizer)
 void* operator new(std::size_t bytes) {

@@ -2,9 +2,10 @@
 
 #include <cstddef>
 
-/// While one exists, one allocation by operator new on the thread that made it throws std::bad_alloc: the
-/// `failAt`-th since then, from 1; none for 0. Replaces operator new in the program and in every library that
-/// it loads; not under ThreadSanitizer, whose own cannot be replaced. Threads: at most one object each.
+/// While an object exists, one allocation by operator new on its thread throws std::bad_alloc: the
+/// `failAt`-th (from 1) since the object was made; none when `failAt` is 0. It replaces operator new in the
+/// program and in every library that the program loads. Does not work under ThreadSanitizer, whose operator
+/// new cannot be replaced. Threads: at most one object in each thread.
 class FailingMemory {
  public:
   static constexpr bool kWorks =

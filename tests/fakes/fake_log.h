@@ -7,8 +7,7 @@
 
 #include "ara/log/logging.h"
 
-/// The logging interface as a record of what was asked of it. It takes the place of the real back end in the
-/// test executable.
+/// A logging back end that records its calls. It replaces the real one in the test executable.
 namespace fakeLog {
 
 using Piece = std::variant<std::string, int, unsigned int>;
@@ -19,10 +18,11 @@ struct Record {
   std::string file;
   std::string function;
   int line;
-  std::vector<Piece> pieces;  ///< in the order and type of the insertions
-  std::vector<char> kinds;    ///< 'c' const char*, 'v' view, 's' string, 'i' int, 'u' unsigned int
+  std::vector<Piece> pieces;  ///< what was inserted, in order
+  std::vector<char>
+      kinds;  ///< type of each piece: 'c' const char*, 'v' view, 's' string, 'i' int, 'u' unsigned int
 
-  std::string Text() const;  ///< the pieces put together
+  std::string Text() const;  ///< the pieces as one text
 };
 
 struct LoggerCreation {
@@ -39,17 +39,17 @@ struct Start {
   std::string directory;
 };
 
-/// Forgets everything but the loggers that exist.
+/// Forgets all calls and records. The loggers stay.
 void Reset();
-/// Every record that was opened and closed, empty ones included.
+/// All records that are complete, empty ones included.
 std::vector<Record> Records();
-/// The texts of the records of `level` that are not empty.
+/// The texts of the records of `level`, without the empty ones.
 std::vector<std::string> Texts(ara::log::LogLevel level);
 std::vector<LoggerCreation> Creations();
 std::vector<Start> Starts();
-/// "CreateLogger TPW", "InitLogging", "IsEnabled 5", "LogDebug" in the order of the calls.
+/// The calls in order, such as "CreateLogger TPW", "InitLogging", "IsEnabled 5", "LogDebug".
 std::vector<std::string> Calls();
-/// Runs before each call is noted; Reset removes it.
+/// Sets a function that runs just before each call is recorded. Reset removes it.
 void OnCall(std::function<void()> hook);
 
 }  // namespace fakeLog

@@ -44,7 +44,7 @@ State& TheState() {
   return state;
 }
 
-// Records the call, runs its hook, and is the status to return.
+// Records the call, runs its hook, and returns the call's status.
 std::int32_t Record(Call call) {
   std::function<void(int)> hook;
   int number = 0;
@@ -268,7 +268,7 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   {
     const std::lock_guard<std::mutex> lock(Mutex());
     TheState().frames.push_back(BytesOf(frame));
-    // Looked through once a buffer: the frame is large and the calls are many.
+    // Checked once for each buffer: the frame is large, and there are many calls.
     if (TheState().lastPixels != frame.data || TheState().lastFrameBytes != frame.dataSize) {
       TheState().lastPixels = frame.data;
       TheState().lastFrameBytes = frame.dataSize;
@@ -290,7 +290,7 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
   Call call = Named("QetVenc::GetStream", this);
   call.destination = &stream;
   const std::int32_t result = fakePlatform::Record(call);
-  if (result == 0) stream.streamId = 1;  // a record that is not zeroed afresh is noticed
+  if (result == 0) stream.streamId = 1;  // shows at the next GetStream if the record is not zeroed again
   return result;
 }
 

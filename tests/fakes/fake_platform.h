@@ -9,10 +9,10 @@
 
 #include "ormis/ormis.h"
 
-/// A scripted platform: the operations that do something, without engines. It records who called what on
-/// which thread, fails the call it is told to fail, and runs a hook in each call (to let virtual time pass or
-/// to raise a stop flag). The YAML reader and the log converters stay the real ones. It takes the place of
-/// the platform library's operations in the test executable.
+/// A scripted platform without engines. It replaces the operations of the platform library in the test
+/// executable; the YAML reader and the log converters stay the real ones. It records each call with its
+/// thread, makes chosen calls fail, and runs a test's function inside calls, for instance to advance virtual
+/// time or to set a stop flag.
 namespace fakePlatform {
 
 struct Call {
@@ -32,38 +32,40 @@ struct Call {
 
 void Reset();
 
-/// Lets the `nth` call (from 1) of `operation` return `code`.
+/// Makes the `nth` call (from 1) of `operation` return `code`.
 void Fail(const std::string& operation, int nth, std::int32_t code);
-/// Lets every call of `operation` from the `nth` on return `code`.
+/// Makes every call of `operation` from the `nth` on return `code`.
 void FailFrom(const std::string& operation, int nth, std::int32_t code);
-/// How many failures of `operation` were delivered: a test asserts that its fault fired.
+/// How many calls of `operation` were made to fail. With it a test asserts that its fault was injected.
 int FailuresDelivered(const std::string& operation);
 
-/// Runs inside each call of `operation`, after it was recorded, with its number from 1.
+/// Sets a function that runs inside each call of `operation`, after the call was recorded. It gets the number
+/// of the call, from 1.
 void OnCall(const std::string& operation, std::function<void(int)> hook);
 
 std::vector<Call> Calls();
 std::vector<Call> CallsOf(const std::string& operation);
 int CountOf(const std::string& operation);
-/// Names alone, in the order of the calls.
+/// The names of all calls, in order.
 std::vector<std::string> Names();
 
-/// What QetCreateChannel puts into its argument; without a call it leaves the wish.
+/// Sets the number that QetCreateChannel returns in its argument. By default it leaves the argument
+/// unchanged.
 void GiveChannel(int channel);
 
-/// The bytes of the encoder at its Init, of the frame at its first SendFrame, and of each image record handed
-/// to QetImageMallocAligned (string members excluded by whoever compares).
+/// The bytes of the encoder at each Init, of the image record at each QetImageMallocAligned, and of the frame
+/// at each SendFrame. Who compares them has to leave out the string members.
 using EncoderBytes = std::array<unsigned char, sizeof(Ormis::QetVenc)>;
 std::vector<EncoderBytes> Encoders();
 using ImageBytes = std::array<unsigned char, sizeof(Ormis::ImageData)>;
 std::vector<ImageBytes> AllocatedImages();
 std::vector<ImageBytes> Frames();
-/// True when every stream record was all zero at its GetStream.
+/// True when every stream record was zero at its GetStream.
 bool StreamsWereZero();
-/// The pixels of the last frame were `bytes` zeros.
+/// True when the last frame had `bytes` bytes of pixels, all zero.
 bool LastFrameWasZero(std::size_t bytes);
 
-/// The context given to QetInitialize and its parameters, as they were.
+/// The context and the parameters at the call of QetInitialize.
 Ormis::QetContext InitializedContext();
 Ormis::QetContextParameters InitializedParameters();
 

@@ -3,9 +3,9 @@
 #include <functional>
 #include <mutex>
 
-/// Failures of the standard library's own parts, in the test executable alone (linked with --wrap).
+/// Failures inside the standard library, in the test executable alone, which is linked with --wrap for them.
 
-/// While it exists, locking `mutex` throws std::system_error, as a lock that would deadlock does.
+/// While an object exists, locking `mutex` throws std::system_error, like a lock that would deadlock.
 class MutexFault {
  public:
   explicit MutexFault(std::mutex& mutex);
@@ -13,12 +13,12 @@ class MutexFault {
   MutexFault(const MutexFault&) = delete;
   MutexFault& operator=(const MutexFault&) = delete;
 
-  /// How often a lock was refused.
+  /// How many locks have failed.
   static int Delivered();
 };
 
-/// While it exists, the locks of `mutex` are counted, and the hooks are called: one just before each lock,
-/// the other just before each unlock, on the thread that makes it.
+/// While an object exists, the locks of `mutex` are counted. One function is called just before each lock,
+/// the other just before each unlock, on the thread that locks or unlocks.
 class MutexWatch {
  public:
   using Hook = std::function<void()>;
@@ -30,7 +30,7 @@ class MutexWatch {
   static int Locks();
 };
 
-/// While it exists, thread creations are counted, and one may be refused.
+/// While an object exists, thread creations are counted, and one can be made to fail.
 class ThreadStarts {
  public:
   ThreadStarts();
@@ -38,9 +38,9 @@ class ThreadStarts {
   ThreadStarts(const ThreadStarts&) = delete;
   ThreadStarts& operator=(const ThreadStarts&) = delete;
 
-  /// The `nth` creation (from 1) fails with EAGAIN, as at the limit of a system's threads.
+  /// Makes the `nth` creation (from 1) fail with EAGAIN, as when the system has too many threads.
   void Fail(int nth);
-  /// Called after each creation with its number, on the creating thread.
+  /// Sets a function that is called after each creation with its number, on the creating thread.
   void OnStart(std::function<void(int)> hook);
   int Count() const;
 };

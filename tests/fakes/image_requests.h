@@ -4,7 +4,8 @@
 #include <vector>
 
 /// While one exists, the calls of RandomCvImg are recorded (the test executable is linked with --wrap for
-/// it); the images are made as ever. One object at a time, for workers on the thread of the test.
+/// it); the images are made as usual. One object at a time; only calls on the thread of the test are
+/// recorded.
 class ImageRequests {
  public:
   struct Request {

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a sanitizer keeps a test from seeing, or makes too slow for it.
+/// Which sanitizer the tests are built with. Some tests cannot see through one, or are too slow with it.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define STRESS_ADDRESS_SANITIZER 1
@@ -15,12 +15,13 @@ constexpr bool kAddressSanitized = true;
 #else
 constexpr bool kAddressSanitized = false;
 #endif
-/// It has a thread of its own, and its signal() does not restart system calls; the system's does.
+/// ThreadSanitizer adds a thread to the program. After its signal() an interrupted system call is not
+/// restarted; after the system's signal() it is.
 #ifdef STRESS_THREAD_SANITIZER
 constexpr bool kThreadSanitized = true;
 #else
 constexpr bool kThreadSanitized = false;
 #endif
-/// A sanitizer takes address space and memory of its own: limits on them would hit it and not the program.
-/// Another program, such as a shell, cannot load a library that is built with one.
+/// A sanitizer needs much address space and memory itself, so limits on them would stop the sanitizer and not
+/// the program. A program without it, such as a shell, cannot load a library that is built with it.
 constexpr bool kSanitized = kAddressSanitized || kThreadSanitized;

@@ -25,7 +25,7 @@ constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 
 }  // namespace
 
-// Exported: the callers that matter are in the standard library.
+// Exported, because the callers are in the standard library.
 #pragma GCC visibility push(default)
 extern "C" {
 

@@ -19,7 +19,8 @@ namespace {
 thread_local long allocations = 0;
 }
 
-// The C library's own names for its allocator, which these stand in front of for the whole process.
+// The C library's names for its own allocator. The functions below replace it in the whole process and call
+// it.
 extern "C" {
 void* __libc_malloc(std::size_t size);                           // NOLINT(bugprone-reserved-identifier)
 void* __libc_calloc(std::size_t count, std::size_t size);        // NOLINT(bugprone-reserved-identifier)

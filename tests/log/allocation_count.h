@@ -2,10 +2,11 @@
 
 namespace log_test {
 
-/// False under a sanitizer, which has the allocator to itself.
+/// False under a sanitizer, whose allocator cannot be replaced.
 bool CountsAllocations();
 
-/// Calls of malloc and its kin on this thread so far; operator new ends there, too.
+/// How often malloc, calloc, realloc and aligned_alloc have been called on this thread, operator new
+/// included.
 long AllocationsOfThisThread();
 
 }  // namespace log_test

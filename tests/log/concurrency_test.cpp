@@ -27,13 +27,13 @@ void OnSignal(int /*signal*/) {
   handlerLogger->LogDebug(kHere) << "signal " << handled.fetch_add(1);
 }
 
-/// Installs OnSignal for a signal while it lives.
+/// Installs OnSignal for a signal while the object exists.
 class Handler {
  public:
   explicit Handler(int signal) : signal_(signal) {
     handled = 0;
     struct sigaction action{};
-    action.sa_handler = OnSignal;  // without SA_RESTART: system calls are to be interrupted
+    action.sa_handler = OnSignal;  // without SA_RESTART, so that system calls are interrupted
     EXPECT_EQ(sigaction(signal, &action, &old_), 0);
   }
   ~Handler() { sigaction(signal_, &old_, nullptr); }
@@ -45,7 +45,7 @@ class Handler {
   struct sigaction old_{};
 };
 
-/// A text whose end follows from its beginning, so that a mixed or torn one shows; up to 3000 bytes.
+/// The text of a record, up to 3000 bytes. It follows from the two numbers, so mixed and torn lines show.
 std::string Payload(unsigned writer, unsigned record) {
   return std::string((writer * 7919U + record * 104729U) % 3000U, static_cast<char>('a' + writer % 26)) + ".";
 }
@@ -56,8 +56,8 @@ void WriteRecords(const Logger& logger, unsigned writer, unsigned records) {
   }
 }
 
-/// Checks that the lines are `records` of each of `writers`, whole and in order, and `signals` of the
-/// handler.
+/// Checks that the lines are `records` lines of each of `writers` writers, complete and in order, and
+/// `signals` lines of the signal handler.
 void ExpectAll(const std::vector<log_test::Line>& lines, unsigned writers, unsigned records, int signals,
                const std::string& end) {
   std::vector<unsigned> next(writers, 0);
@@ -96,7 +96,7 @@ TEST(LoggingUnderSignals, TenThreadsLoseAndMixNothing) {
     for (unsigned writer = 0; writer < kWriters; ++writer) {
       writers.emplace_back([&, writer] {
         WriteRecords(logger, writer, kRecords);
-        // Stays reachable for the signals.
+        // The thread has to exist until all signals have been sent.
         while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       });
     }
@@ -117,12 +117,12 @@ TEST(LoggingUnderSignals, TenThreadsLoseAndMixNothing) {
   ExpectAll(lines, kWriters, kRecords, handled, end);
 }
 
-TEST(LoggingUnderSignals, AThreadIsInterruptedAnywhereInARecord) {
+TEST(LoggingUnderSignals, AThreadMayBeInterruptedAnywhereInARecord) {
   constexpr unsigned kRecords = 20000;
   const log_test::TemporaryFolder folder;
   InitLogging("STBM", "", LogLevel::kInfo, LogMode::kFile, folder.Path().string());
   Logger& logger = CreateLogger("MANY", "", LogLevel::kVerbose);
-  // At debug level the handler's record is disabled here: it opens a stream and drops it.
+  // The handler logs at debug level, which is disabled at first: it opens a stream that is dropped.
   handlerLogger = &logger;
   int interruptions = 0;
   {
@@ -153,7 +153,7 @@ TEST(LoggingUnderSignals, AThreadIsInterruptedAnywhereInARecord) {
     }
   }
   EXPECT_EQ(record, kRecords);
-  // A signal that came while InitLogging was at work logged by the old settings or by the new.
+  // During InitLogging the handler logs by the old settings or by the new ones.
   EXPECT_LE(signals, handled);
   EXPECT_GE(signals, handled - interruptions);
 }
@@ -200,8 +200,8 @@ TEST(LoggingUnderSignals, NoRecordIsLostWhileTheSettingsAreReplaced) {
   EXPECT_EQ(signals, handled);
 }
 
-/// Calls CreateLogger in `threads` threads that ask at the same moment, `rounds` times; `idOf(thread, round)`
-/// is the context. Returns each thread's loggers.
+/// Calls CreateLogger in `threads` threads at the same moment, `rounds` times, for the context
+/// `idOf(thread, round)`. Returns each thread's loggers.
 template <typename IdOf>
 std::vector<std::vector<Logger*>> CreateAtOnce(std::size_t threads, std::size_t rounds, IdOf idOf) {
   std::vector<std::vector<Logger*>> made(threads);
@@ -223,14 +223,14 @@ std::vector<std::vector<Logger*>> CreateAtOnce(std::size_t threads, std::size_t 
   return made;
 }
 
-TEST(CreateLogger, ThreadsThatAskForOneContextShareItsLogger) {
+TEST(CreateLogger, OneContextHasOneLoggerInAllThreads) {
   const auto made =
       CreateAtOnce(10, 5, [](std::size_t, std::size_t round) { return "ONE" + std::to_string(round); });
   for (const std::vector<Logger*>& loggers : made) EXPECT_EQ(loggers, made[0]);
   EXPECT_EQ(std::set<Logger*>(made[0].begin(), made[0].end()).size(), 5U);
 }
 
-TEST(CreateLogger, ThreadsThatAskForSeveralContextsShareNone) {
+TEST(CreateLogger, DifferentContextsHaveDifferentLoggers) {
   constexpr std::size_t kRounds = 18;
   const auto made = CreateAtOnce(2, kRounds, [](std::size_t thread, std::size_t round) {
     return std::to_string(thread) + "OF" + std::to_string(round);

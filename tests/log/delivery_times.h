@@ -9,15 +9,16 @@
 
 namespace log_test {
 
-/// What log records cost the threads that make them. A thread that waits for anything leaves the processor of
-/// its own accord, which the kernel counts: so `waits` tells on a crowded machine, too, whether they block.
-/// The longest times are for people to read; that by the clock on the wall has the scheduler's part in it.
+/// What log records cost the threads that make them. The kernel counts how often a thread gives up the
+/// processor to wait for something, so `waits` shows whether they block, even on a busy machine. The two
+/// longest times are for people to read; `longestNs` includes the time in which other threads had the
+/// processor.
 struct DeliveryTimes {
   std::atomic<long> waits{0};
   std::atomic<std::int64_t> longestNs{0};
   std::atomic<std::int64_t> longestOnProcessorNs{0};
 
-  /// Calls `deliver` with the numbers below `count`, on the calling thread.
+  /// Calls `deliver` with each number from 0 to `count` - 1, on the calling thread.
   template <typename Deliver>
   void Measure(int count, const Deliver& deliver) {
     const long waitsBefore = WaitsOfThisThread();
@@ -43,7 +44,7 @@ struct DeliveryTimes {
     return usage.ru_nvcsw;
   }
   static void Raise(std::atomic<std::int64_t>& longest, std::int64_t value) {
-    for (std::int64_t known = longest; value > known && !longest.compare_exchange_weak(known, value);) {
+    for (std::int64_t current = longest; value > current && !longest.compare_exchange_weak(current, value);) {
     }
   }
 };

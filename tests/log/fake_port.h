@@ -19,7 +19,8 @@ namespace log_test {
 using ara::log::RemotePort;
 using ara::log::RemoteRecord;
 
-/// What the port was asked and what it answers; outlives the sink, which is never destroyed in the product.
+/// Records the calls of the port and decides its answers. It outlives the sink, which the product never
+/// destroys.
 struct Receiver {
   std::atomic<RemotePort::State> state{RemotePort::State::kIdle};
   std::atomic<bool> refuses{false};
@@ -44,7 +45,7 @@ struct Receiver {
     const std::lock_guard lock(mutex);
     return texts;
   }
-  /// Waits until so many records have been sent.
+  /// Waits until `count` records have been sent.
   void WaitFor(std::size_t count) {
     while (Texts().size() < count) std::this_thread::yield();
   }
@@ -54,7 +55,7 @@ struct Receiver {
       called = std::find(calls.begin(), calls.end(), call) != calls.end();
     }
   }
-  /// Waits until the sink has asked again what became of the last record.
+  /// Waits until the sink has called Settle again.
   void WaitUntilSettledAgain() {
     const int before = settled;
     while (settled < before + 2) std::this_thread::yield();

@@ -36,7 +36,7 @@ TEST(FixedText, SplitsNeitherAnEscapeNorACharacter) {
   EXPECT_EQ(Escaped("ab\xe2\x82\xac", 4, false), "ab");                   // three, room for two
   EXPECT_EQ(Escaped("a\xf0\x9f\x98\x80", 4, false), "a");                 // four, room for three
   EXPECT_EQ(Escaped("\xc3\xa4\xc3\xa4", 4), "\xc3\xa4\xc3\xa4");          // fits
-  EXPECT_EQ(Escaped("\xc3\xa4\xc3\xa4x", 4, false), "\xc3\xa4\xc3\xa4");  // whole before the cut
+  EXPECT_EQ(Escaped("\xc3\xa4\xc3\xa4x", 4, false), "\xc3\xa4\xc3\xa4");  // complete before the cut
 }
 
 TEST(FixedText, DropsASplitCharacterAtTheStart) {
@@ -53,7 +53,7 @@ TEST(FixedText, DropsAtMostFourBytesOfWhatIsNoUtf8) {
   EXPECT_EQ(Escaped("a\xf8" + continuations, 6, false), "a\xf8" + continuations.substr(0, 4));
 }
 
-TEST(FixedText, KeepsToTheBytesAllowed) {
+TEST(FixedText, KeepsToTheAllowedBytes) {
   char buffer[16];
   FixedText text(buffer, sizeof buffer);
   EXPECT_TRUE(text.Append("12"));

@@ -6,7 +6,7 @@
 
 namespace log_test {
 
-/// A folder of its own for one test, removed with what is in it.
+/// An empty folder for one test. The destructor removes it with its content.
 class TemporaryFolder {
  public:
   TemporaryFolder();
@@ -28,19 +28,19 @@ struct Line {
   std::string appId;
   std::string contextId;
   std::string threadId;
-  std::string text;  ///< with what follows it
+  std::string text;  ///< the text and everything after it
 };
 
-/// The file's content; empty when there is no such file.
+/// Returns the file's content; an empty text when there is no such file.
 std::string ReadFile(const std::string& path);
 
-/// The text's lines; a last line without its newline is a failure of the test.
+/// Splits a text into its lines. Fails the test when the last line has no newline.
 std::vector<std::string> SplitLines(const std::string& text);
 
-/// Takes a line apart; a line that is not shaped like one is a failure of the test.
+/// Splits a log line into its columns. Fails the test when the line does not have the form of a log line.
 Line ParseLine(const std::string& line);
 
-/// SplitLines and ParseLine of a file.
+/// Reads a log file and splits each of its lines into columns.
 std::vector<Line> ReadLog(const std::string& path);
 
 }  // namespace log_test

@@ -1,24 +1,25 @@
-// log_probe WORD...: does what the words say, one after the other:
+// log_probe WORD...: carries out these commands in order:
 //   init APP LEVEL MODE DIRECTORY   InitLogging
 //   logger CONTEXT LEVEL            CreateLogger; what follows logs to it
 //   error|warn|info|debug TEXT      one record
 //   loggers COUNT                   loggers "C0", "C1", ..., each with one info record of its own name
-//   open FILE                       opens the file for writing and keeps it open; prints its descriptor
+//   open FILE                       opens the file for writing and leaves it open; prints its descriptor
 //   write FD TEXT                   writes the text to the descriptor
 //   fork TEXT                       one info record from a forked child, which exits, then one from the
 //                                   parent
-//   init-under-signals DIRECTORY    logs from a signal handler before, during and after InitLogging with the
-//                                   file alone; prints how often
-//   flood THREADS COUNT             COUNT info records from each of so many threads at once
-//   waits                           prints how often threads of a flood have waited for anything, and their
-//                                   longest record
+//   init-under-signals DIRECTORY    logs from a signal handler before, during and after an InitLogging with
+//   only
+//                                   the log file; prints how often
+//   flood THREADS COUNT             COUNT info records from each of THREADS threads at the same time
+//   waits                           prints how often the threads of floods have waited, and how long their
+//                                   longest record took
 //   touch FILE                      makes the file
-//   await FILE                      waits until the file is there
-//   sigpipe                         prints whether the signal has its default action
-//   unblocked                       prints how many threads besides this one take SIGINT
-//   descriptors                     prints the open files, but for the standard streams
-//   exec WORD                       runs the probe with that word in a process forked from this one
-// As the first word, "early" makes a record before any library is initialised.
+//   await FILE                      waits until the file exists
+//   sigpipe                         prints whether SIGPIPE has its default action
+//   unblocked                       prints how many other threads do not block SIGINT
+//   descriptors                     prints the open files without the standard streams
+//   exec WORD                       runs the probe with that command in a child process
+// The first command may be "early": it makes a record before any library is initialised.
 #include <fcntl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -59,7 +60,7 @@ void Init(const char* appId, const char* level, const char* mode, const char* di
               directory);
 }
 
-// A sanitizer is not ready that early.
+// Not under a sanitizer, which is not initialised that early.
 #if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
 void LogEarly(int argc, char** argv, char** /*environment*/) {
   if (argc < 2 || std::strcmp(argv[1], "early") != 0) return;
@@ -100,7 +101,7 @@ void LogFromFork(Logger& logger, const char* text) {
   logger.LogInfo(kHere) << text << (child == 0 ? " child" : " parent");
   if (child != 0) return;
 #if __has_feature(address_sanitizer)
-  _exit(0);  // what the stacks of the parent's other threads own has no owner here: it would count as leaked
+  _exit(0);  // no leak check: what the parent's other threads own looks leaked here
 #else
   std::exit(0);
 #endif

@@ -39,7 +39,7 @@ using testing::HasSubstr;
 constexpr SourceLocation kHere{"stress_benchmark/src/cpu_stress.cpp", "runCpuStress", 42};
 constexpr LogMode kNowhere = LogMode{0};
 
-/// Logging into a folder of the test's own, at info level unless the test starts it anew.
+/// Logs to a file in the test's folder, at info level until the test calls Init again.
 class Logging : public testing::Test {
  protected:
   Logging() { Init(LogLevel::kInfo); }
@@ -105,7 +105,7 @@ TEST_F(Logging, NamesTheThreadThatWrites) {
   EXPECT_NE(id, std::to_string(syscall(SYS_gettid)));
 }
 
-TEST_F(Logging, NamesTheSourceWhereTheApplicationLogsAtDebugLevel) {
+TEST_F(Logging, NamesTheSourceWhenTheApplicationLogsAtDebugLevel) {
   for (const LogLevel level : {LogLevel::kError, LogLevel::kInfo, LogLevel::kDebug, LogLevel::kVerbose}) {
     Init(level);
     logger_.LogError(kHere) << "text";
@@ -118,7 +118,7 @@ TEST_F(Logging, NamesTheSourceWhereTheApplicationLogsAtDebugLevel) {
   EXPECT_EQ(records[3].text, records[2].text);
 }
 
-TEST_F(Logging, BearsALocationWithoutTexts) {
+TEST_F(Logging, AcceptsALocationWithoutTexts) {
   Init(LogLevel::kDebug);
   logger_.LogDebug(SourceLocation{nullptr, nullptr, -1}) << "text";
   ASSERT_EQ(Records().size(), 1U);
@@ -132,7 +132,7 @@ TEST_F(Logging, WritesNumbersOfEitherSign) {
   EXPECT_EQ(Records()[0].text, "0 -1 -2147483648 2147483647 0 4294967295");
 }
 
-TEST_F(Logging, InsertsNothingForANullPointer) {
+TEST_F(Logging, InsertsNothingForANullPointerOrAnEmptyText) {
   const char* none = nullptr;
   logger_.LogInfo(kHere) << "a" << none << ara::core::internal::StringView<char>() << std::string() << "b";
   ASSERT_EQ(Records().size(), 1U);
@@ -182,7 +182,7 @@ TEST_F(Logging, KeepsTheLongestLineWithinAPipesAtomicSize) {
   EXPECT_THAT(content, HasSubstr(" DEBUG " + std::string(16, 'A') + " " + std::string(8, 'L') + " "));
 }
 
-TEST_F(Logging, NamesOfTheSourceHaveAMostLength) {
+TEST_F(Logging, CutsLongNamesOfTheSource) {
   Init(LogLevel::kDebug);
   const std::string file(600, 'f');
   const std::string function(600, 'g');
@@ -191,7 +191,7 @@ TEST_F(Logging, NamesOfTheSourceHaveAMostLength) {
   EXPECT_EQ(Records()[0].text, "text (" + file.substr(0, 512) + ":3 " + function.substr(0, 256) + ")");
 }
 
-TEST_F(Logging, ARecordMustPassBothThresholds) {
+TEST_F(Logging, ARecordHasToPassBothThresholds) {
   for (unsigned application = 0; application <= 6; ++application) {
     Init(static_cast<LogLevel>(application));
     for (unsigned own = 0; own <= 6; ++own) {
@@ -227,7 +227,7 @@ TEST_F(Logging, TheSameContextIsTheSameLoggerWithTheNewThreshold) {
   EXPECT_NE(&first, &CreateLogger("SAM", "", LogLevel::kInfo));
 }
 
-TEST_F(Logging, IdsAreCutAndKeepTheColumnsApart) {
+TEST_F(Logging, IdsAreCutAndContainNoBlanks) {
   CreateLogger("longerThanEight", "", LogLevel::kInfo).LogInfo(kHere) << "long";
   EXPECT_EQ(&CreateLogger("longerTh", "", LogLevel::kInfo), &CreateLogger("longerThis", "", LogLevel::kInfo));
   CreateLogger("a b\n\xc3", "", LogLevel::kInfo).LogInfo(kHere) << "odd";
@@ -241,7 +241,7 @@ TEST_F(Logging, IdsAreCutAndKeepTheColumnsApart) {
   EXPECT_EQ(records[2].contextId, "-");
 }
 
-TEST_F(Logging, TheSettingsOfASecondCallHold) {
+TEST_F(Logging, TheSettingsOfASecondCallReplaceTheFirst) {
   logger_.LogInfo(kHere) << "first";
   const TemporaryFolder other;
   InitLogging("OTHR", "", LogLevel::kWarn, LogMode::kFile, other.Path().string());
@@ -270,7 +270,7 @@ TEST_F(Logging, MakesNestedFoldersAndAppends) {
   EXPECT_EQ(ReadLog(nested + "/STBM.log").size(), 2U);
 }
 
-TEST_F(Logging, MovesAFileAwayThatIsPastTenMebibytes) {
+TEST_F(Logging, RenamesAFileThatIsLargerThanTenMebibytes) {
   constexpr std::uintmax_t kLimit = 10485760;
   const std::string path = folder_.File("STBM.log");
   std::filesystem::resize_file(path, kLimit);
@@ -285,10 +285,11 @@ TEST_F(Logging, MovesAFileAwayThatIsPastTenMebibytes) {
 
   std::filesystem::resize_file(path, kLimit + 1);
   Init(LogLevel::kInfo);
-  EXPECT_EQ(std::filesystem::file_size(path + ".1"), kLimit + 1) << "the one moved before is replaced";
+  EXPECT_EQ(std::filesystem::file_size(path + ".1"), kLimit + 1)
+      << "it replaces the file that was renamed before";
 }
 
-TEST_F(Logging, AFileThatCannotBeMovedAwayIsToldAndGrowsOn) {
+TEST_F(Logging, AFileThatCannotBeRenamedIsReportedAndStaysInUse) {
   const std::string path = folder_.File("STBM.log");
   std::filesystem::resize_file(path, 10485761);
   std::filesystem::create_directories(path + ".1/occupied");
@@ -308,20 +309,20 @@ TEST_F(Logging, ANewFileIsReadableByAllAndWritableByItsOwner) {
   EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(folder_.File("MODE.log")).permissions()), 0644U);
 }
 
-TEST_F(Logging, EachFilesFirstLossIsTold) {
+TEST_F(Logging, EachFilesFirstLossIsReported) {
   testing::internal::CaptureStderr();
   std::string expected;
   for (const std::string app : {"ONE", "TWO"}) {
     std::filesystem::create_symlink("/dev/full", folder_.File(app + ".log"));
     InitLogging(app, "", LogLevel::kInfo, LogMode::kFile, folder_.Path().string());
-    logger_.LogInfo(kHere) << "lost and told";
+    logger_.LogInfo(kHere) << "lost and reported";
     logger_.LogInfo(kHere) << "lost";
     expected += "ara::log: cannot write " + folder_.File(app + ".log") + ": No space left on device\n";
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
 }
 
-TEST_F(Logging, ALongPathIsToldByItsFirst1023Bytes) {
+TEST_F(Logging, ALongPathIsReportedWithItsFirst1023Bytes) {
   std::string directory = folder_.Path().string();
   for (int i = 0; i < 5; ++i) directory += "/" + std::string(240, 'd');
   std::filesystem::create_directories(directory);
@@ -333,13 +334,13 @@ TEST_F(Logging, ALongPathIsToldByItsFirst1023Bytes) {
             "ara::log: cannot write " + directory.substr(0, 1023) + ": No space left on device\n");
 }
 
-TEST_F(Logging, WhatIsToldOfASinkStaysWithinAPipesAtomicSize) {
+TEST_F(Logging, AMessageAboutASinkStaysWithinAPipesAtomicSize) {
   testing::internal::CaptureStderr();
   InitLogging("STBM", "", LogLevel::kInfo, LogMode::kFile, std::string(4000, '\x1b'));
-  const std::string told = testing::internal::GetCapturedStderr();
-  EXPECT_LE(told.size(), 4096U);
-  EXPECT_THAT(told, testing::StartsWith("ara::log: cannot make folder \\x1b\\x1b"));
-  EXPECT_THAT(told, EndsWith("\n"));
+  const std::string message = testing::internal::GetCapturedStderr();
+  EXPECT_LE(message.size(), 4096U);
+  EXPECT_THAT(message, testing::StartsWith("ara::log: cannot make folder \\x1b\\x1b"));
+  EXPECT_THAT(message, EndsWith("\n"));
 }
 
 TEST_F(Logging, KeepsErrno) {
@@ -360,7 +361,7 @@ TEST_F(Logging, KeepsErrno) {
 
 TEST_F(Logging, HandsARecordOverInOneWrite) {
 #if __has_feature(undefined_behavior_sanitizer)
-  GTEST_SKIP() << "the sanitizer's own checks write";
+  GTEST_SKIP() << "the sanitizer makes writes itself";
 #endif
   const auto writes = [] {
     const std::string counters = ReadFile("/proc/thread-self/io");
@@ -376,7 +377,7 @@ TEST_F(Logging, HandsARecordOverInOneWrite) {
 }
 
 TEST_F(Logging, AllocatesNothingForARecord) {
-  if (!log_test::CountsAllocations()) GTEST_SKIP() << "the sanitizer has the allocator";
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
   const std::string longText(5000, '\n');
   long before = log_test::AllocationsOfThisThread();
   const auto probe = std::make_unique<std::string>(1000, 'x');
@@ -400,7 +401,7 @@ TEST_F(Logging, AllocatesNothingForARecord) {
   testing::internal::GetCapturedStderr();
 }
 
-TEST_F(Logging, TheConsoleIsStandardErrorAndTheFileStaysWhole) {
+TEST_F(Logging, TheConsoleIsStandardErrorAndTheFileGetsTheSame) {
   Init(LogLevel::kInfo, LogMode::kFile | LogMode::kConsole);
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
@@ -413,7 +414,7 @@ TEST_F(Logging, TheConsoleIsStandardErrorAndTheFileStaysWhole) {
 const Logger* handlerLogger = nullptr;
 
 void LogInHandler(int signal) {
-  errno = 0;  // what a handler may do to a program that is not careful
+  errno = 0;  // as a careless handler may do
   handlerLogger->LogError(kHere) << "inner " << signal;
 }
 

@@ -1,4 +1,4 @@
-// What a process of its own does: log_probe, run in a folder of the test's own.
+// Logging in another process: log_probe, run in the test's folder.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,8 @@ using testing::MatchesRegex;
 
 class LogProbe : public testing::Test {
  protected:
-  /// Runs the probe with its output in out_ and its standard error in err_; `closed` it is started without.
+  /// Runs the probe and puts its output into out_ and its standard error into err_. The descriptors in
+  /// `closed` are closed when it starts.
   void Run(const std::vector<std::string>& words, const std::vector<int>& closed = {}) {
     std::vector<std::string> arguments = {LOG_PROBE};
     arguments.insert(arguments.end(), words.begin(), words.end());
@@ -65,7 +66,7 @@ class LogProbe : public testing::Test {
   std::string err_;
 };
 
-TEST_F(LogProbe, EveryRecordGoesToStandardErrorBeforeTheStart) {
+TEST_F(LogProbe, EveryRecordGoesToStandardErrorBeforeInitLogging) {
   Run({"logger", "TPW", "6", "error", "one", "debug", "two"});
   const std::vector<Line> records = ErrorRecords();
   ASSERT_EQ(records.size(), 2U);
@@ -78,14 +79,14 @@ TEST_F(LogProbe, EveryRecordGoesToStandardErrorBeforeTheStart) {
   EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "log"));
 }
 
-TEST_F(LogProbe, ALoggersOwnThresholdHoldsBeforeTheStart) {
+TEST_F(LogProbe, ALoggersOwnThresholdAppliesBeforeInitLogging) {
   Run({"logger", "TPW", "3", "warn", "one", "info", "two", "logger", "TPW", "0", "error", "three"});
   EXPECT_EQ(ErrorRecords().size(), 1U);
 }
 
 TEST_F(LogProbe, ARecordIsWrittenBeforeAnyLibraryIsInitialised) {
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-  GTEST_SKIP() << "a sanitizer is not ready that early";
+  GTEST_SKIP() << "a sanitizer is not initialised that early";
 #endif
   Run({"early", "loggers", "1"});
   const std::vector<Line> records = ErrorRecords();
@@ -96,7 +97,7 @@ TEST_F(LogProbe, ARecordIsWrittenBeforeAnyLibraryIsInitialised) {
 
 TEST_F(LogProbe, TheModesBitsChooseTheSinks) {
   const std::vector<std::string> record = {"logger", "STBM", "6", "error", "text"};
-  // The remote sink has tests of its own.
+  // The remote sink is tested elsewhere.
   for (const int mode : {0, 2, 4, 6}) {
     std::filesystem::remove_all(folder_.Path() / "log");
     std::vector<std::string> words = {"init", "STBM", "4", std::to_string(mode), "./log"};
@@ -115,7 +116,7 @@ TEST_F(LogProbe, TheModesBitsChooseTheSinks) {
   }
 }
 
-TEST_F(LogProbe, AFileInTheFoldersPlaceCostsOneLine) {
+TEST_F(LogProbe, AFileInPlaceOfTheFolderIsReportedInOneLine) {
   std::ofstream(folder_.Path() / "log") << "in the way";
   Run({"init", "STBM", "4", "2", "./log", "logger", "STBM", "4", "error", "one", "error", "two"});
   EXPECT_THAT(err_, MatchesRegex("ara::log: cannot make folder ./log: [^\n]+\n"));
@@ -124,29 +125,29 @@ TEST_F(LogProbe, AFileInTheFoldersPlaceCostsOneLine) {
 
   Run({"init", "STBM", "4", "6", "./log", "logger", "STBM", "4", "error", "one"});
   ASSERT_EQ(SplitLines(err_).size(), 2U);
-  EXPECT_EQ(ParseLine(SplitLines(err_)[1]).text, "one") << "the console is there all the same";
+  EXPECT_EQ(ParseLine(SplitLines(err_)[1]).text, "one") << "the console works nevertheless";
 }
 
-TEST_F(LogProbe, AFolderInTheFilesPlaceCostsOneLine) {
+TEST_F(LogProbe, AFolderInPlaceOfTheFileIsReportedInOneLine) {
   std::filesystem::create_directories(folder_.Path() / "log" / "STBM.log");
   Run({"init", "STBM", "4", "2", "./log", "logger", "STBM", "4", "error", "one", "error", "two"});
   EXPECT_EQ(err_, "ara::log: cannot open ./log/STBM.log: Is a directory\n");
 }
 
-TEST_F(LogProbe, APipeInTheFilesPlaceDoesNotHoldTheStartUp) {
+TEST_F(LogProbe, APipeInPlaceOfTheFileDoesNotBlockInitLogging) {
   std::filesystem::create_directories(folder_.Path() / "log");
   ASSERT_EQ(mkfifo(folder_.File("log/STBM.log").c_str(), 0644), 0);
   Run({"init", "STBM", "4", "2", "./log", "logger", "STBM", "4", "error", "one"});
   EXPECT_EQ(err_, "ara::log: cannot open ./log/STBM.log: No such device or address\n");
 }
 
-TEST_F(LogProbe, APathIsToldOnOneLine) {
+TEST_F(LogProbe, APathIsReportedOnOneLine) {
   std::ofstream(folder_.Path() / "a\nb") << "in the way";
   Run({"init", "STBM", "4", "2", "a\nb"});
   EXPECT_THAT(err_, MatchesRegex("ara::log: cannot make folder a\\\\nb: [^\n]+\n"));
 }
 
-TEST_F(LogProbe, AFullDiskIsToldOnceAndTheConsoleGoesOn) {
+TEST_F(LogProbe, AFullDiskIsReportedOnceAndTheConsoleStillWorks) {
   std::filesystem::create_directories(folder_.Path() / "log");
   std::filesystem::create_symlink("/dev/full", folder_.Path() / "log" / "STBM.log");
   Run({"init", "STBM", "4", "2", "./log", "logger", "STBM", "4", "error", "one", "error", "two", "error",
@@ -162,7 +163,7 @@ TEST_F(LogProbe, AnEmptyDirectoryIsTheWorkingDirectory) {
   EXPECT_EQ(err_, "");
 }
 
-TEST_F(LogProbe, PastTheLastContextTheLastOneIsShared) {
+TEST_F(LogProbe, MoreContextsThan64ShareTheLastOne) {
   Run({"loggers", "70"});
   const std::vector<Line> records = ErrorRecords();
   ASSERT_EQ(records.size(), 70U);
@@ -173,17 +174,17 @@ TEST_F(LogProbe, PastTheLastContextTheLastOneIsShared) {
   }
 }
 
-TEST_F(LogProbe, WithoutStandardErrorNoOtherFileGetsTheLog) {
+TEST_F(LogProbe, WithoutStandardErrorTheLogGoesToNoOtherFile) {
   Run({"open", "mine",  "logger", "TPW",  "6", "error", "before", "init",  "STBM", "4",
        "6",    "./log", "logger", "STBM", "4", "error", "after",  "write", "2",    "my own"},
       {STDERR_FILENO});
-  EXPECT_EQ(out_, "2\n") << "the file should have taken the place of standard error";
+  EXPECT_EQ(out_, "2\n") << "the file should have got the descriptor of standard error";
   EXPECT_EQ(ReadFile(folder_.File("mine")), "my own");
   ASSERT_EQ(FileRecords().size(), 1U);
   EXPECT_EQ(FileRecords()[0].text, "after");
 }
 
-TEST_F(LogProbe, TheLogFileTakesThePlaceOfNoStandardStream) {
+TEST_F(LogProbe, TheLogFileNeverGetsTheDescriptorOfAStandardStream) {
   Run({"init", "STBM", "4", "6", "./log", "logger", "STBM", "4", "error", "text", "write", "0", "foreign",
        "write", "2", "foreign"},
       {STDIN_FILENO, STDERR_FILENO});
@@ -199,7 +200,7 @@ TEST_F(LogProbe, AForkedProcessLogsToTheSameFile) {
   EXPECT_NE(records[0].text, records[1].text);
 }
 
-TEST_F(LogProbe, SignalHandlersLogThroughoutTheStart) {
+TEST_F(LogProbe, SignalHandlersLogDuringInitLogging) {
   Run({"init-under-signals", "./log"});
   const std::vector<Line> before = ErrorRecords();
   const std::vector<Line> after = ReadLog(folder_.File("log/PROB.log"));

@@ -43,7 +43,7 @@ TEST(RecordQueue, KeepsTheOrderOverManyRounds) {
   }
 }
 
-TEST(RecordQueue, TakesNothingWhenItIsFull) {
+TEST(RecordQueue, AcceptsNothingWhenItIsFull) {
   RecordQueue queue(4);
   for (std::uint32_t i = 0; i < 4; ++i) Put(queue, i);
   EXPECT_EQ(queue.Claim(), nullptr);
@@ -54,20 +54,20 @@ TEST(RecordQueue, TakesNothingWhenItIsFull) {
   for (int i = 1; i <= 4; ++i) EXPECT_EQ(Take(queue), i);
 }
 
-// A producer that is interrupted between the two, by a signal handler that is a producer, too.
-TEST(RecordQueue, AClaimThatIsNotPublishedHoldsBackTheConsumerAlone) {
+// A signal handler that is a producer has interrupted a producer between Claim and Publish.
+TEST(RecordQueue, AClaimThatIsNotPublishedDelaysOnlyTheConsumer) {
   RecordQueue queue(4);
   RemoteRecord* const interrupted = queue.Claim();
   ASSERT_NE(interrupted, nullptr);
   for (std::uint32_t i = 1; i < 4; ++i) Put(queue, i);
-  EXPECT_EQ(queue.Claim(), nullptr) << "full, and no waiting";
+  EXPECT_EQ(queue.Claim(), nullptr) << "the queue is full; Claim does not wait";
   EXPECT_EQ(queue.Front(), nullptr);
   interrupted->uptime = 0;
   queue.Publish(interrupted);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(Take(queue), i);
 }
 
-TEST(RecordQueue, ClosedItTakesNothingAndKeepsWhatItHas) {
+TEST(RecordQueue, WhenClosedItAcceptsNothingAndKeepsItsRecords) {
   RecordQueue queue(4);
   Put(queue, 0);
   RemoteRecord* const claimed = queue.Claim();
@@ -78,15 +78,15 @@ TEST(RecordQueue, ClosedItTakesNothingAndKeepsWhatItHas) {
   EXPECT_EQ(queue.Remaining(), 2U);
   EXPECT_EQ(Take(queue), 0);
   EXPECT_EQ(Take(queue), -1);
-  EXPECT_EQ(queue.Remaining(), 1U) << "a claim counts before it is published";
+  EXPECT_EQ(queue.Remaining(), 1U) << "a claimed record counts before it is published";
   claimed->uptime = 1;
   queue.Publish(claimed);
   EXPECT_EQ(Take(queue), 1);
   EXPECT_EQ(queue.Remaining(), 0U);
-  queue.Wait();  // does not wait any more
+  queue.Wait();  // returns at once
 }
 
-/// Notes each call of the kernel's wait and wake, and answers at once with an error.
+/// Records each futex call and returns an error at once.
 struct ScriptedFutex {
   ScriptedFutex() {
     calls.onFutex = [this](void* word, int operation, unsigned value) {
@@ -119,12 +119,12 @@ TEST(RecordQueue, TheConsumerSleepsUntilTheFirstRecordWakesIt) {
 
   futex.made.clear();
   Put(queue, 2);
-  EXPECT_THAT(futex.made, testing::IsEmpty()) << "nobody is asleep";
+  EXPECT_THAT(futex.made, testing::IsEmpty()) << "no consumer sleeps";
   queue.Wait();
   EXPECT_THAT(futex.made, testing::IsEmpty()) << "there are records";
 }
 
-TEST(RecordQueue, AConsumerThatWakesByItselfIsNotWoken) {
+TEST(RecordQueue, AConsumerThatWokeByItselfIsNotWokenAgain) {
   RecordQueue queue(4);
   ScriptedFutex futex;
   queue.Wait();
@@ -140,11 +140,11 @@ TEST(RecordQueue, ClosingWakesTheConsumer) {
   EXPECT_THAT(futex.made, testing::ElementsAre("wait if 1, is 1", "wake 1, is 0"));
   futex.made.clear();
   queue.Wait();
-  EXPECT_THAT(futex.made, testing::IsEmpty()) << "what is closed is not waited for";
+  EXPECT_THAT(futex.made, testing::IsEmpty()) << "a closed queue is not waited for";
 }
 
 TEST(RecordQueue, AllocatesNothingAfterItsStart) {
-  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer has the allocator to itself";
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
   RecordQueue queue(4);
   const long before = log_test::AllocationsOfThisThread();
   for (std::uint32_t i = 0; i < 20; ++i) {
@@ -154,7 +154,7 @@ TEST(RecordQueue, AllocatesNothingAfterItsStart) {
   EXPECT_EQ(log_test::AllocationsOfThisThread(), before);
 }
 
-// Each record alone, so that the consumer is asleep, or about to be, nearly every time.
+// One record at a time, so that the consumer nearly always sleeps or is about to.
 TEST(RecordQueue, WakesTheConsumerForEachRecord) {
   constexpr std::uint32_t kRecords = 20000;
   RecordQueue queue(2);
@@ -175,13 +175,13 @@ TEST(RecordQueue, WakesTheConsumerForEachRecord) {
   consumer.join();
 }
 
-// The head carries with it what came before: else it could be seen ahead of the tail, and what remains would
-// be near 2^64. ThreadSanitizer tells where the order is missing, on any machine.
-TEST(RecordQueue, WhoSeesARecordTakenSeesWhatWasDoneBefore) {
+// Who sees the new head has to see what was done before it. Otherwise the head could seem to be ahead of the
+// tail, and Remaining would return nearly 2^64. ThreadSanitizer finds a missing order on every machine.
+TEST(RecordQueue, WhoSeesThatARecordIsRemovedSeesWhatWasDoneBefore) {
   RecordQueue queue(4);
   RemoteRecord* const record = queue.Claim();
   ASSERT_NE(record, nullptr);
-  int before = 0;  // plain: the queue alone orders its use
+  int before = 0;  // not atomic: only the queue orders the accesses
   std::thread observer([&] {
     while (queue.Remaining() != 0) std::this_thread::yield();
     EXPECT_EQ(before, 1);
@@ -197,7 +197,28 @@ TEST(RecordQueue, WhoSeesARecordTakenSeesWhatWasDoneBefore) {
   for (std::thread* const thread : {&observer, &consumer, &producer}) thread->join();
 }
 
-TEST(RecordQueue, LosesAndDoublesNothingBetweenManyProducers) {
+TEST(RecordQueue, ProducersThatClaimAtTheSameMomentGetDifferentRecords) {
+  constexpr std::uint32_t kRounds = 300;
+  constexpr std::uint32_t kProducers = 2;
+  for (std::uint32_t round = 0; round < kRounds; ++round) {
+    RecordQueue queue(4);
+    std::atomic<std::uint32_t> ready{0};
+    RemoteRecord* claimed[kProducers] = {};
+    const auto claim = [&](std::uint32_t producer) {
+      ++ready;
+      while (ready < kProducers) {
+      }
+      claimed[producer] = queue.Claim();
+    };
+    std::thread other(claim, 1U);
+    claim(0);
+    other.join();
+    ASSERT_NE(claimed[0], nullptr);
+    ASSERT_NE(claimed[0], claimed[1]) << "round " << round;
+  }
+}
+
+TEST(RecordQueue, LosesAndDuplicatesNothingWithManyProducers) {
   constexpr std::uint32_t kProducers = 4;
   constexpr std::uint32_t kRecords = 20000;
   RecordQueue queue(8);

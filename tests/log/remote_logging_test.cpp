@@ -1,5 +1,5 @@
-// What InitLogging, the loggers and the end of the process make of the remote sink, with a port of the tests'
-// own in place of the daemon's. A process has one remote sink, so each test runs in a child process.
+// The remote sink as InitLogging, the loggers and the end of the process use it, with a fake port. A process
+// has one remote sink, so each test runs in a child process.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ int portsMade = 0;
 
 namespace ara::log {
 
-// In place of libdlt's.
+// Replaces the function that creates the port to the daemon.
 std::unique_ptr<RemotePort> MakeDltPort(bool silent, std::string* reason) {
   ++portsMade;
   return makePort(silent, reason);
@@ -50,9 +50,9 @@ class RemoteLogging : public testing::Test {
     makePort = [this](bool, std::string*) { return std::make_unique<FakePort>(receiver_); };
   }
 
-  /// Runs `body` in a child process that then exits. What fails in it fails the test; returns what the child
-  /// has written to standard error.
-  std::string InAChild(const std::function<void()>& body) const {
+  /// Runs `body` in a child process, which then exits. A failure there is a failure of the test. Returns the
+  /// child's standard error.
+  std::string InChildProcess(const std::function<void()>& body) const {
     const std::string errors = folder_.File("errors");
     (void)std::fflush(nullptr);
     const pid_t child = fork();
@@ -79,7 +79,7 @@ class RemoteLogging : public testing::Test {
 };
 
 TEST_F(RemoteLogging, ARecordCarriesItsContextLevelThreadAndText) {
-  const std::string errors = InAChild([this] {
+  const std::string errors = InChildProcess([this] {
     InitLogging("STBM", "a test", LogLevel::kDebug, LogMode::kRemote, "");
     Logger& other = CreateLogger("OTHER", "another context", LogLevel::kVerbose);
     TheLogger().LogWarn(kHere) << "one " << 1;
@@ -108,8 +108,8 @@ TEST_F(RemoteLogging, ARecordCarriesItsContextLevelThreadAndText) {
   EXPECT_EQ(errors, "") << "the remote sink is the only one";
 }
 
-TEST_F(RemoteLogging, TheFirstDescriptionOfAContextHolds) {
-  InAChild([this] {
+TEST_F(RemoteLogging, TheFirstDescriptionOfAContextIsKept) {
+  InChildProcess([this] {
     Init();
     CreateLogger("RMT", "first", LogLevel::kInfo);
     CreateLogger("RMT", "second", LogLevel::kInfo).LogInfo(kHere) << "text";
@@ -119,7 +119,7 @@ TEST_F(RemoteLogging, TheFirstDescriptionOfAContextHolds) {
 }
 
 TEST_F(RemoteLogging, ADescriptionIsEscapedAndCutTo127Bytes) {
-  InAChild([this] {
+  InChildProcess([this] {
     Init();
     CreateLogger("LONG", std::string(200, 'd'), LogLevel::kInfo).LogInfo(kHere) << "text";
     CreateLogger("ODD", "two\nlines", LogLevel::kInfo).LogInfo(kHere) << "text";
@@ -131,8 +131,8 @@ TEST_F(RemoteLogging, ADescriptionIsEscapedAndCutTo127Bytes) {
   });
 }
 
-TEST_F(RemoteLogging, TheApplicationsIdIsTheOneOfTheLines) {
-  InAChild([this] {
+TEST_F(RemoteLogging, TheApplicationsIdIsTheSameAsInTheLines) {
+  InChildProcess([this] {
     Init(LogMode::kRemote, "MY APPLICATION'S NAME", "described");
     TheLogger().LogInfo(kHere) << "text";
     receiver_.WaitFor(1);
@@ -140,8 +140,8 @@ TEST_F(RemoteLogging, TheApplicationsIdIsTheOneOfTheLines) {
   });
 }
 
-TEST_F(RemoteLogging, ASecondStartNamesTheApplicationAnewAndKeepsThePort) {
-  InAChild([this] {
+TEST_F(RemoteLogging, ASecondInitLoggingSetsTheApplicationAndKeepsThePort) {
+  InChildProcess([this] {
     Init();
     TheLogger().LogInfo(kHere) << "one";
     receiver_.WaitFor(1);
@@ -153,8 +153,8 @@ TEST_F(RemoteLogging, ASecondStartNamesTheApplicationAnewAndKeepsThePort) {
   });
 }
 
-TEST_F(RemoteLogging, WithoutItsModeItGetsNothing) {
-  const std::string errors = InAChild([this] {
+TEST_F(RemoteLogging, WithoutItsModeItGetsNoRecords) {
+  const std::string errors = InChildProcess([this] {
     Init(LogMode::kConsole);
     TheLogger().LogInfo(kHere) << "before";
     EXPECT_EQ(portsMade, 0);
@@ -170,16 +170,16 @@ TEST_F(RemoteLogging, WithoutItsModeItGetsNothing) {
   EXPECT_EQ(log_test::SplitLines(errors).size(), 2U) << errors;
 }
 
-TEST_F(RemoteLogging, AMissingPortIsToldOnceAndTheOthersGoOn) {
-  const std::string errors = InAChild([this] {
+TEST_F(RemoteLogging, AMissingPortIsReportedOnceAndTheOtherSinksWork) {
+  const std::string errors = InChildProcess([this] {
     makePort = [](bool silent, std::string* reason) {
-      EXPECT_FALSE(silent) << "there is a standard error to write to";
+      EXPECT_FALSE(silent) << "the process has a standard error";
       *reason = "none here";
       return nullptr;
     };
     Init(LogMode::kRemote | LogMode::kConsole);
     Init(LogMode::kRemote | LogMode::kConsole);
-    EXPECT_EQ(portsMade, 2) << "tried again";
+    EXPECT_EQ(portsMade, 2) << "each InitLogging tries again";
     TheLogger().LogInfo(kHere) << "text";
     EXPECT_THAT(receiver_.calls, IsEmpty());
   });
@@ -190,15 +190,15 @@ TEST_F(RemoteLogging, AMissingPortIsToldOnceAndTheOthersGoOn) {
 }
 
 TEST_F(RemoteLogging, ABuildWithoutThePortSaysSo) {
-  const std::string errors = InAChild([] {
+  const std::string errors = InChildProcess([] {
     makePort = [](bool, std::string*) { return nullptr; };
     Init();
   });
   EXPECT_EQ(errors, "ara::log: the remote sink is not available in this build\n");
 }
 
-TEST_F(RemoteLogging, APortThatCannotBeOpenedIsToldAndTriedAgainAtTheNextStart) {
-  const std::string errors = InAChild([this] {
+TEST_F(RemoteLogging, APortThatCannotBeOpenedIsReportedAndTriedAgainByTheNextInitLogging) {
+  const std::string errors = InChildProcess([this] {
     receiver_.failure = "no way";
     Init();
     TheLogger().LogInfo(kHere) << "nowhere";
@@ -211,9 +211,9 @@ TEST_F(RemoteLogging, APortThatCannotBeOpenedIsToldAndTriedAgainAtTheNextStart) 
   EXPECT_EQ(errors, "ara::log: the remote sink is not available: no way\n");
 }
 
-TEST_F(RemoteLogging, TheExitForwardsWhatIsQueuedAndEndsThePort) {
-  const std::string errors = InAChild([this] {
-    // Runs after the sink has been stopped: what is registered first runs last.
+TEST_F(RemoteLogging, TheExitForwardsQueuedRecordsAndClosesThePort) {
+  const std::string errors = InChildProcess([this] {
+    // Registered first, so that it runs last: after the sink has been stopped.
     static Receiver* const receiver = &receiver_;
     (void)std::atexit([] {
       if (receiver->texts.size() != 100 || receiver->calls.back() != "close") _exit(2);
@@ -221,11 +221,11 @@ TEST_F(RemoteLogging, TheExitForwardsWhatIsQueuedAndEndsThePort) {
     Init();
     for (int i = 0; i < 100; ++i) TheLogger().LogInfo(kHere) << "text";
   });
-  EXPECT_EQ(errors, "") << "nothing is lost, and nothing told";
+  EXPECT_EQ(errors, "") << "nothing is lost, so nothing is reported";
 }
 
-TEST_F(RemoteLogging, TheExitTellsHowManyRecordsAreLost) {
-  const std::string errors = InAChild([this] {
+TEST_F(RemoteLogging, TheExitReportsHowManyRecordsAreLost) {
+  const std::string errors = InChildProcess([this] {
     Init();
     receiver_.state = RemotePort::State::kAway;
     for (int i = 0; i < 3; ++i) TheLogger().LogInfo(kHere) << "lost";
@@ -233,8 +233,8 @@ TEST_F(RemoteLogging, TheExitTellsHowManyRecordsAreLost) {
   EXPECT_EQ(errors, "ara::log: records lost on the way to the DLT daemon: 3\n");
 }
 
-TEST_F(RemoteLogging, ASingleLossIsToldToo) {
-  const std::string errors = InAChild([this] {
+TEST_F(RemoteLogging, ASingleLossIsReportedToo) {
+  const std::string errors = InChildProcess([this] {
     Init();
     receiver_.refuses = true;
     TheLogger().LogInfo(kHere) << "lost";
@@ -244,7 +244,7 @@ TEST_F(RemoteLogging, ASingleLossIsToldToo) {
 }
 
 TEST_F(RemoteLogging, ACountThatMayBeTooHighSaysSo) {
-  const std::string errors = InAChild([this] {
+  const std::string errors = InChildProcess([this] {
     Init();
     TheLogger().LogInfo(kHere) << "text";
     receiver_.leftBehindAtEnd = 2;
@@ -253,7 +253,7 @@ TEST_F(RemoteLogging, ACountThatMayBeTooHighSaysSo) {
 }
 
 TEST_F(RemoteLogging, AForkedProcessLogsToStandardErrorInstead) {
-  const std::string errors = InAChild([this] {
+  const std::string errors = InChildProcess([this] {
     Init();
     TheLogger().LogInfo(kHere) << "parent";
     receiver_.WaitFor(1);
@@ -274,8 +274,8 @@ TEST_F(RemoteLogging, AForkedProcessLogsToStandardErrorInstead) {
   EXPECT_EQ(log_test::ParseLine(lines[0]).text, "child");
 }
 
-TEST_F(RemoteLogging, TheFileTakesEachRecordBesideIt) {
-  InAChild([this] {
+TEST_F(RemoteLogging, TheFileGetsEachRecordToo) {
+  InChildProcess([this] {
     InitLogging("STBM", "a test", LogLevel::kInfo, LogMode::kRemote | LogMode::kFile,
                 folder_.Path().string());
     TheLogger().LogInfo(kHere) << "text";

@@ -46,7 +46,7 @@ class Remote : public testing::Test {
   std::unique_ptr<RemoteSink> sink_;
 };
 
-TEST_F(Remote, ForwardsEachRecordAsItWasMade) {
+TEST_F(Remote, ForwardsEachRecordUnchanged) {
   Start();
   RemoteHeader header;
   header.contextId = 0x51;
@@ -83,12 +83,12 @@ TEST_F(Remote, CutsAndMarksALongText) {
   EXPECT_EQ(receiver_.texts[1], std::string(1200, 'y'));
 }
 
-TEST_F(Remote, CountsAndMarksWhatFindsTheQueueFull) {
+TEST_F(Remote, CountsAndMarksRecordsThatFindTheQueueFull) {
   Start(4);
   receiver_.state = State::kBusy;
   Deliver("0");
   receiver_.WaitFor(1);
-  // The first one keeps its place until it is settled.
+  // The first record stays in the queue until the receiver has taken it.
   for (int i = 1; i < 10; ++i) EXPECT_TRUE(Deliver(std::to_string(i)));
   receiver_.state = State::kIdle;
   receiver_.WaitFor(4);
@@ -97,7 +97,7 @@ TEST_F(Remote, CountsAndMarksWhatFindsTheQueueFull) {
   EXPECT_THAT(receiver_.texts, ElementsAre("0", "1", "2", "3", "after [6 lost before]"));
 }
 
-TEST_F(Remote, CountsAndMarksWhatThePortRefuses) {
+TEST_F(Remote, CountsAndMarksRecordsThatThePortRefuses) {
   Start();
   receiver_.refuses = true;
   Deliver("lost");
@@ -119,7 +119,7 @@ TEST_F(Remote, CountsAndMarksWhatThePortRefuses) {
   EXPECT_LE(receiver_.texts[1].size(), RemoteRecord::kTextCapacity);
 }
 
-TEST_F(Remote, CountsAndMarksWhatTheReceiverLeftBehind) {
+TEST_F(Remote, CountsAndMarksRecordsThatTheReceiverHasNotRead) {
   Start();
   receiver_.leftBehind = 3;
   Deliver("first");
@@ -130,7 +130,7 @@ TEST_F(Remote, CountsAndMarksWhatTheReceiverLeftBehind) {
   EXPECT_TRUE(sink_->LostIsUpperBound());
 }
 
-TEST_F(Remote, CountsWhatTurnsOutToBeLeftBehindAtTheEnd) {
+TEST_F(Remote, CountsUnreadRecordsThatShowOnlyAtTheEnd) {
   Start();
   Deliver("one");
   receiver_.leftBehindAtEnd = 2;
@@ -145,13 +145,13 @@ TEST_F(Remote, WaitsForAReceiverThatIsNotThereYet) {
   Deliver("two");
   receiver_.WaitFor(1);
   receiver_.WaitUntilSettledAgain();
-  EXPECT_THAT(receiver_.Texts(), ElementsAre("one")) << "the second one keeps its place";
+  EXPECT_THAT(receiver_.Texts(), ElementsAre("one")) << "the second one stays in the queue";
   receiver_.state = State::kIdle;
   receiver_.WaitFor(2);
   EXPECT_EQ(sink_->Stop(), 0U);
 }
 
-TEST_F(Remote, TheStopCountsWhatAnAbsentReceiverDoesNotGet) {
+TEST_F(Remote, StopCountsWhatAnAbsentReceiverDoesNotGet) {
   Start();
   receiver_.state = State::kAway;
   for (int i = 0; i < 10; ++i) Deliver("lost");
@@ -160,7 +160,7 @@ TEST_F(Remote, TheStopCountsWhatAnAbsentReceiverDoesNotGet) {
   EXPECT_EQ(receiver_.calls.back(), "close");
 }
 
-TEST_F(Remote, TheStopGivesUpOnAReceiverThatTakesNothing) {
+TEST_F(Remote, StopGivesUpOnAReceiverThatTakesNothing) {
   Start();
   receiver_.state = State::kBusy;
   for (int i = 0; i < 10; ++i) Deliver("lost");
@@ -168,7 +168,7 @@ TEST_F(Remote, TheStopGivesUpOnAReceiverThatTakesNothing) {
   EXPECT_EQ(receiver_.calls.back(), "close");
 }
 
-TEST_F(Remote, APortThatHangsHoldsUpNoThread) {
+TEST_F(Remote, APortThatHangsDelaysNoThread) {
   constexpr std::size_t kThreads = 10;
   constexpr int kRecords = 10000;
   Start(RemoteSink::kCapacity);
@@ -185,15 +185,16 @@ TEST_F(Remote, APortThatHangsHoldsUpNoThread) {
             << times.longestNs / 1000 << " us, on the processor " << times.longestOnProcessorNs / 1000
             << " us\n";
   EXPECT_EQ(lost, kThreads * kRecords);
-  EXPECT_LT(times.waits, 100) << "page faults may wait a little";
+  EXPECT_LT(times.waits, 100) << "a page fault may wait";
   EXPECT_THAT(receiver_.texts, IsEmpty());
   receiver_.hangs = false;
   receiver_.WaitForCall("close");
   sink_->Stop();
-  EXPECT_LE(receiver_.texts.size(), 1U) << "what was counted as lost stays lost, but for the one in the port";
+  EXPECT_LE(receiver_.texts.size(), 1U)
+      << "only the record in the port may still arrive; the others were counted as lost";
 }
 
-TEST_F(Remote, TheStopForwardsWhatIsQueued) {
+TEST_F(Remote, StopForwardsQueuedRecords) {
   Start(1024);
   for (int i = 0; i < 1000; ++i) Deliver(std::to_string(i));
   EXPECT_EQ(sink_->Stop(), 0U);
@@ -201,14 +202,14 @@ TEST_F(Remote, TheStopForwardsWhatIsQueued) {
   EXPECT_EQ(receiver_.texts.back(), "999");
 }
 
-TEST_F(Remote, TakesNothingAfterTheStop) {
+TEST_F(Remote, AcceptsNothingAfterStop) {
   Start();
   sink_->Stop();
   EXPECT_FALSE(Deliver("late"));
   EXPECT_THAT(receiver_.texts, IsEmpty());
 }
 
-TEST_F(Remote, AbandonedInAForkedProcessItTakesNothingAndIsNotWaitedFor) {
+TEST_F(Remote, AbandonedInAForkedProcessItAcceptsNothingAndStopDoesNotWait) {
   Start();
   receiver_.state = State::kBusy;
   Deliver("one");
@@ -228,7 +229,7 @@ TEST_F(Remote, AbandonedInAForkedProcessItTakesNothingAndIsNotWaitedFor) {
   EXPECT_THAT(receiver_.texts, ElementsAre("one", "two"));
 }
 
-TEST_F(Remote, BlocksAllSignalsInTheForwardingThreadAlone) {
+TEST_F(Remote, BlocksAllSignalsInTheForwardingThreadOnly) {
   sigset_t before;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
   Start();
@@ -241,7 +242,7 @@ TEST_F(Remote, BlocksAllSignalsInTheForwardingThreadAlone) {
   }
 }
 
-TEST_F(Remote, AnotherApplicationHoldsForTheRecordsThatFollow) {
+TEST_F(Remote, AnotherApplicationIsSetForLaterRecords) {
   Start();
   Deliver("one");
   receiver_.WaitFor(1);
@@ -253,7 +254,7 @@ TEST_F(Remote, AnotherApplicationHoldsForTheRecordsThatFollow) {
               ElementsAre("open", "application STBM a test", "application OTHR another", "close"));
 }
 
-TEST_F(Remote, SaysWhyThePortCannotBeOpened) {
+TEST_F(Remote, ReturnsWhyThePortCannotBeOpened) {
   receiver_.failure = "no way";
   RemoteSink sink(std::make_unique<FakePort>(receiver_));
   EXPECT_EQ(sink.Start(), "no way");
@@ -261,7 +262,7 @@ TEST_F(Remote, SaysWhyThePortCannotBeOpened) {
 }
 
 TEST_F(Remote, DeliversWithoutAnAllocation) {
-  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer has the allocator to itself";
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
   Start(2);
   receiver_.state = State::kBusy;
   const std::string text = "text";
@@ -282,7 +283,7 @@ void OnSignal(int /*signal*/) {
   ++handled;
 }
 
-// The queue is small, so that it is full, empty and wrapped around all the time.
+// The queue is small, so that it is often full and often empty and wraps around all the time.
 TEST_F(Remote, UnderSignalsEveryRecordArrivesOnceOrIsCounted) {
   constexpr std::uint32_t kWriters = 4;
   constexpr int kRecords = 20000;
@@ -318,7 +319,7 @@ TEST_F(Remote, UnderSignalsEveryRecordArrivesOnceOrIsCounted) {
     const std::uint32_t writer = receiver_.records[i].header.context;
     if (writer == 99) continue;
     const int number = std::stoi(receiver_.texts[i]);
-    EXPECT_GT(number, last[writer]) << "in order, and none twice";
+    EXPECT_GT(number, last[writer]) << "records arrive in order and once";
     last[writer] = number;
   }
   EXPECT_LE(marked, lost);

@@ -27,7 +27,7 @@ namespace {
 
 using testing::ElementsAre;
 
-/// Delivers a line of this text, as a record would be.
+/// Delivers a line with this text, as a record does.
 const char* Deliver(Sink& sink, const std::string& text) {
   char buffer[4096];
   FixedText line(buffer, sizeof buffer);
@@ -46,7 +46,7 @@ struct Pipe {
     if (ends[0] >= 0) close(ends[0]);
     ends[0] = -1;
   }
-  /// Fills the pipe so that it takes no page more, and leaves its end blocking.
+  /// Fills the pipe until it has no room for another page. Its end is blocking afterwards.
   void Fill() const {
     const int flags = fcntl(ends[1], F_GETFL);
     fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
@@ -63,9 +63,9 @@ struct Pipe {
   int ends[2] = {-1, -1};
 };
 
-TEST(Sink, HandsOverALineInOneWrite) {
+TEST(Sink, WritesALineInOneWrite) {
   int ends[2];
-  // A packet socket keeps the writes apart.
+  // A packet socket does not join writes.
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
   Sink sink(ends[1], Sink::Blocking::kPossible);
   EXPECT_EQ(Deliver(sink, "one"), nullptr);
@@ -77,7 +77,7 @@ TEST(Sink, HandsOverALineInOneWrite) {
   close(ends[1]);
 }
 
-TEST(Sink, IsNotHeldUpByAReaderThatStopped) {
+TEST(Sink, IsNotDelayedLongByAReaderThatStopped) {
   Pipe pipe;
   pipe.Fill();
   Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
@@ -89,7 +89,7 @@ TEST(Sink, IsNotHeldUpByAReaderThatStopped) {
   EXPECT_EQ(pipe.Read(), "first [500 lost before]\nsecond\n");
 }
 
-/// Notes what a sink asks of poll(2), and answers without waiting.
+/// Records the calls of poll(2) and answers them without waiting.
 struct ScriptedPoll {
   ScriptedPoll() {
     calls.onPoll = [this](pollfd& request, int timeoutMs) {
@@ -103,8 +103,8 @@ struct ScriptedPoll {
   std::function<std::optional<int>(pollfd& request)> answer = [](pollfd& /*request*/) { return 0; };
 };
 
-/// One question at once, then a hundred waits of 10 ms.
-std::vector<int> WholePatience() {
+/// The timeouts of a sink that gives up: one poll without a wait, then a hundred waits of 10 ms.
+std::vector<int> AllTimeouts() {
   std::vector<int> timeouts(101, 10);
   timeouts.front() = 0;
   return timeouts;
@@ -121,9 +121,9 @@ TEST(Sink, WaitsForAReaderThatIsSlow) {
     return std::nullopt;
   };
   EXPECT_EQ(Deliver(sink, "line"), nullptr);
-  std::vector<int> expected = WholePatience();
+  std::vector<int> expected = AllTimeouts();
   expected.resize(51);
-  EXPECT_EQ(poll.timeouts, expected) << "it goes on as soon as there is room";
+  EXPECT_EQ(poll.timeouts, expected) << "it writes as soon as there is room";
   EXPECT_EQ(pipe.Read(), "line\n");
 }
 
@@ -132,11 +132,11 @@ TEST(Sink, GivesUpOnAReaderAfterAHundredWaits) {
   Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
   ScriptedPoll poll;
   EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
-  EXPECT_EQ(poll.timeouts, WholePatience());
+  EXPECT_EQ(poll.timeouts, AllTimeouts());
 
   poll.timeouts.clear();
   EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
-  EXPECT_THAT(poll.timeouts, ElementsAre(0)) << "the wait is paid once, not once a line";
+  EXPECT_THAT(poll.timeouts, ElementsAre(0)) << "it waits once, not for each line";
 
   poll.answer = [](pollfd& /*request*/) { return std::nullopt; };
   EXPECT_EQ(Deliver(sink, "line"), nullptr);
@@ -145,7 +145,7 @@ TEST(Sink, GivesUpOnAReaderAfterAHundredWaits) {
   poll.answer = [](pollfd& /*request*/) { return 0; };
   poll.timeouts.clear();
   EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
-  EXPECT_EQ(poll.timeouts, WholePatience()) << "a line that got through ends the haste";
+  EXPECT_EQ(poll.timeouts, AllTimeouts()) << "after a line that got through it waits again";
 }
 
 TEST(Sink, AnInterruptedPollCountsAsAWait) {
@@ -157,7 +157,7 @@ TEST(Sink, AnInterruptedPollCountsAsAWait) {
     return -1;
   };
   EXPECT_STREQ(Deliver(sink, "lost"), "it takes nothing");
-  EXPECT_EQ(poll.timeouts, WholePatience());
+  EXPECT_EQ(poll.timeouts, AllTimeouts());
 }
 
 TEST(Sink, AnErrorOfTheDescriptorIsNotReadiness) {
@@ -191,7 +191,7 @@ TEST(Sink, RepeatsAWriteThatWasInterrupted) {
     EXPECT_EQ(Deliver(sink, "line"), nullptr);
     EXPECT_EQ(writes, 4);
     EXPECT_THAT(poll.timeouts, ElementsAre(0, 0, 0))
-        << "asked before each repetition, and not before the first";
+        << "before each repeated write, and not before the first one";
     EXPECT_EQ(pipe.Read(), "line\n");
   }
 }
@@ -212,21 +212,21 @@ TEST(Sink, GivesUpAfterAHundredWrites) {
   EXPECT_EQ(poll.timeouts.size(), 100U);
 }
 
-TEST(Sink, AFileThatMayNotGrowNeedsNoSignalToBeTold) {
+TEST(Sink, AFileThatMayNotGrowIsNoticedWithoutASignal) {
   Pipe pipe;
   Sink sink(pipe.ends[1], Sink::Blocking::kNever);
   log_test::SystemCalls calls;
   int writes = 0;
   calls.onWrite = [&](int, const char*, std::size_t) {
     ++writes;
-    errno = EFBIG;  // past the largest file of the file system: no signal comes with it
+    errno = EFBIG;  // as at the largest size of the file system, where there is no signal
     return -1;
   };
   EXPECT_STREQ(Deliver(sink, "lost"), "File too large");
   EXPECT_EQ(writes, 1);
 }
 
-TEST(Sink, OutlivesANonBlockingPipeThatIsFull) {
+TEST(Sink, LosesLinesOfANonBlockingPipeThatIsFull) {
   Pipe pipe;
   pipe.Fill();
   fcntl(pipe.ends[1], F_SETFL, O_NONBLOCK);
@@ -247,7 +247,7 @@ TEST(Sink, RaisesNoSignalWhenTheReaderIsGone) {
   (void)std::signal(SIGPIPE, handler);
 }
 
-TEST(Sink, ToleratesADescriptorThatIsClosed) {
+TEST(Sink, AcceptsADescriptorThatIsClosed) {
   Pipe pipe;
   const int closed = dup(pipe.ends[1]);
   close(closed);
@@ -257,7 +257,7 @@ TEST(Sink, ToleratesADescriptorThatIsClosed) {
   EXPECT_STREQ(Deliver(file, "lost"), "Bad file descriptor");
 }
 
-TEST(Sink, DisabledWritesNothingAndComplainsOfNothing) {
+TEST(Sink, WritesAndReportsNothingWhenDisabled) {
   Pipe pipe;
   Sink sink(pipe.ends[1], Sink::Blocking::kPossible);
   sink.Disable();
@@ -266,7 +266,7 @@ TEST(Sink, DisabledWritesNothingAndComplainsOfNothing) {
   EXPECT_EQ(pipe.Read(), "");
 }
 
-TEST(Sink, GivesTheReasonOfAFullDisk) {
+TEST(Sink, ReturnsTheReasonOfAFullDisk) {
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);
   Sink sink(full, Sink::Blocking::kNever);
@@ -274,15 +274,15 @@ TEST(Sink, GivesTheReasonOfAFullDisk) {
   close(full);
 }
 
-TEST(Sink, EndsALineThatWasTakenInPart) {
+TEST(Sink, EndsALineThatWasWrittenInPart) {
   const log_test::TemporaryFolder folder;
   const std::string path = folder.File("torn");
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   ASSERT_GE(file, 0);
   Sink sink(file, Sink::Blocking::kNever);
 
-  // A limit on the file's size stands in for a disk that fills up in the middle of a line. The signal that
-  // comes with it would end the program.
+  // A limit on the file's size has the same effect as a disk that becomes full in the middle of a line. In
+  // addition there is a signal that would end the program.
   rlimit old{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
   const rlimit small{10, old.rlim_max};
@@ -330,7 +330,7 @@ TEST(Sink, LeavesASizeSignalThatTheApplicationBlocksPending) {
   close(file);
 }
 
-TEST(Sink, AReplacedPlaceTakesNoMarksOfTheOldOne) {
+TEST(Sink, ANewFileGetsNoMarksOfTheOldOne) {
   Pipe first;
   Pipe second;
   const int sinksOwn = dup(first.ends[1]);
@@ -352,8 +352,8 @@ TEST(Sink, AReplacedPlaceTakesNoMarksOfTheOldOne) {
   EXPECT_EQ(Deliver(sink, "line"), nullptr);
   EXPECT_EQ(first.Read(), "tor");
   EXPECT_EQ(second.Read(), "line\n");
-  EXPECT_EQ(fcntl(given, F_GETFD), -1) << "the sink closes what it was given";
-  EXPECT_EQ(fcntl(sinksOwn, F_GETFD), FD_CLOEXEC) << "and keeps the number it has";
+  EXPECT_EQ(fcntl(given, F_GETFD), -1) << "the sink closes the descriptor that it was given";
+  EXPECT_EQ(fcntl(sinksOwn, F_GETFD), FD_CLOEXEC) << "and keeps its own number";
   close(sinksOwn);
 }
 
@@ -378,7 +378,7 @@ TEST(Sink, RepeatsAReplacementThatWasInterrupted) {
   }
 }
 
-TEST(Sink, KeepsItsPlaceWhereItCannotBeReplaced) {
+TEST(Sink, KeepsItsFileWhenItCannotBeReplaced) {
   struct Case {
     int error;
     int attempts;
@@ -393,12 +393,12 @@ TEST(Sink, KeepsItsPlaceWhereItCannotBeReplaced) {
       EXPECT_EQ(from, given);
       EXPECT_EQ(to, pipe.ends[1]);
       EXPECT_EQ(flags, O_CLOEXEC);
-      if (++attempts == c.attempts) close(given);  // so that the sink's own close(2) fails, too
+      if (++attempts == c.attempts) close(given);  // so that the sink's close(2) fails as well
       errno = c.error;
       return -1;
     };
     EXPECT_FALSE(sink.Replace(given));
-    EXPECT_EQ(errno, c.error) << "the reason is not that of the close";
+    EXPECT_EQ(errno, c.error) << "errno is that of dup3(2), not that of close(2)";
     EXPECT_EQ(attempts, c.attempts);
     EXPECT_EQ(Deliver(sink, "line"), nullptr);
     EXPECT_EQ(pipe.Read(), "line\n");
@@ -422,7 +422,7 @@ TEST(Sink, AnErrorNumberWithoutATextIsUnknown) {
   EXPECT_STREQ(ErrorText(99999), "unknown error");
 }
 
-TEST(Sink, IsReplacedUnderItsWriters) {
+TEST(Sink, CanBeReplacedWhileThreadsWrite) {
   const log_test::TemporaryFolder folder;
   const auto openFile = [&](const std::string& name) {
     return open(folder.File(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

@@ -37,20 +37,21 @@ bool IsReference(std::time_t seconds) {
          static_cast<int>(utc.second) == fields.tm_sec && utc.microsecond == 0;
 }
 
-TEST(UtcTime, KnowsTheEpochAndLeapDays) {
+TEST(UtcTime, ConvertsTheEpochAndLeapDays) {
   EXPECT_EQ(Text(0), "1970-01-01 00:00:00.000000");
   EXPECT_EQ(Text(-1), "1969-12-31 23:59:59.000000");
-  EXPECT_EQ(Text(951782400), "2000-02-29 00:00:00.000000");  // a leap year: divisible by 400
+  EXPECT_EQ(Text(951782400), "2000-02-29 00:00:00.000000");  // a leap year, because 2000 is divisible by 400
   EXPECT_EQ(Text(951868800), "2000-03-01 00:00:00.000000");
   EXPECT_EQ(Text(1709251199), "2024-02-29 23:59:59.000000");
   EXPECT_EQ(Text(1709251200), "2024-03-01 00:00:00.000000");
-  EXPECT_EQ(Text(4107542399), "2100-02-28 23:59:59.000000");  // none: divisible by 100 alone
+  EXPECT_EQ(Text(4107542399),
+            "2100-02-28 23:59:59.000000");  // no leap year, because 2100 is divisible by 100 and not by 400
   EXPECT_EQ(Text(4107542400), "2100-03-01 00:00:00.000000");
   EXPECT_EQ(Text(1735689599), "2024-12-31 23:59:59.000000");
   EXPECT_EQ(Text(1735689600), "2025-01-01 00:00:00.000000");
 }
 
-TEST(UtcTime, DropsWhatIsBelowAMicrosecond) {
+TEST(UtcTime, DropsFractionsOfAMicrosecond) {
   EXPECT_EQ(Text(0, 999), "1970-01-01 00:00:00.000000");
   EXPECT_EQ(Text(0, 1000), "1970-01-01 00:00:00.000001");
   EXPECT_EQ(Text(0, 999999999), "1970-01-01 00:00:00.999999");

@@ -27,7 +27,7 @@ TEST_F(AicoreStressTest, LevelZeroLogsItsLineAndStartsNothing) {
   EXPECT_THAT(Infos(), ElementsAre("runAicStress() | Aicore threadNum: 0 , Aicore Process start..."));
 }
 
-TEST_F(AicoreStressTest, StartsOneWorkerALevelEachWithItsOwnHandleAndTheFile) {
+TEST_F(AicoreStressTest, StartsOneWorkerPerLevelEachWithItsOwnHandleAndTheFile) {
   auto record = MakeRecord(3, 1000);
   record->file = "net.onnx";
   std::vector<std::thread> threads;
@@ -45,10 +45,10 @@ TEST_F(AicoreStressTest, StartsOneWorkerALevelEachWithItsOwnHandleAndTheFile) {
     EXPECT_EQ(call.path, "net.onnx");
   }
   EXPECT_EQ(workers.size(), 3U);
-  EXPECT_EQ(handles.size(), 3U);  // all three were alive at once
+  EXPECT_EQ(handles.size(), 3U);  // the three handles exist at the same time
 }
 
-TEST_F(AicoreStressTest, OneContextAndOneHandleFromFirstToLast) {
+TEST_F(AicoreStressTest, EveryCallUsesTheSameContextAndHandle) {
   RunCycles(1);
   const auto calls = fakePlatform::Calls();
   for (const auto& call : calls) {
@@ -76,7 +76,7 @@ TEST_F(AicoreStressTest, StopFlagSetBeforeTheLoopSetsUpAndReleasesWithoutAnInfer
                   "QetDNNModelCreateInput", "QetDNNModelCreateOutput", "QetDNNRelease", "QetDestroyContext"));
 }
 
-TEST_F(AicoreStressTest, FlagIsSeenAfterTheIterationNotInIt) {
+TEST_F(AicoreStressTest, FlagIsReadAfterTheCycleNotInIt) {
   EXPECT_EQ(RunCycles(1), 0);
   EXPECT_EQ(fakePlatform::CountOf("QetDNNModelProcess"), 1);
 }
@@ -112,7 +112,7 @@ TEST_F(AicoreStressTest, FailedModelInitializeReleasesModelAndContext) {
   EXPECT_EQ(record_->threadFps[0], 0.0);
 }
 
-TEST_F(AicoreStressTest, FailuresOfTheReleaseAfterAFailedModelAreLoggedAsSuch) {
+TEST_F(AicoreStressTest, FailuresOfTheReleaseAfterAFailedModelAreLoggedToo) {
   fakePlatform::Fail("QetDNNModelInitialize", 1, 77);
   fakePlatform::Fail("QetDNNRelease", 1, 78);
   fakePlatform::Fail("QetDestroyContext", 1, 79);

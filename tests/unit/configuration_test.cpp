@@ -55,7 +55,7 @@ TEST_F(ParseTest, LevelTenIsAccepted) {
   EXPECT_EQ(Record("cpuStress").threadFps.size(), 10U);
 }
 
-TEST_F(ParseTest, LevelElevenIsLoggedInTheSectionsWordsAndTheRecordStays) {
+TEST_F(ParseTest, LevelElevenIsLoggedWithTheSectionsTextAndTheRecordStays) {
   struct Case {
     const char* yaml;
     const char* name;
@@ -71,8 +71,8 @@ TEST_F(ParseTest, LevelElevenIsLoggedInTheSectionsWordsAndTheRecordStays) {
     EXPECT_EQ(Parse(c.yaml), 10);
     EXPECT_THAT(Errors(), ElementsAre(std::string("Parse() | ") + c.message));
     EXPECT_EQ(Record(c.name).threadNum, 11U);
-    EXPECT_EQ(Record(c.name).threadFps.size(), 11U) << "resized before the range is looked at";
-    EXPECT_NE(Record(c.name).sleepUs, 0U) << "set before the range is looked at";
+    EXPECT_EQ(Record(c.name).threadFps.size(), 11U) << "resized before the range is checked";
+    EXPECT_NE(Record(c.name).sleepUs, 0U) << "set before the range is checked";
     const fakeLog::Record record = fakeLog::Records()[0];
     EXPECT_EQ(std::string(record.kinds.begin(), record.kinds.end()), "vccu");
   }
@@ -95,7 +95,7 @@ TEST_F(ParseTest, MissingLevelOfEachSection) {
   }
 }
 
-TEST_F(ParseTest, LevelThatIsNoNumberCannotBeFound) {
+TEST_F(ParseTest, LevelThatIsNotANumberIsLoggedAsMissing) {
   for (const std::string level : {"-1", "1.5", "many", "", "~", "[1]", "{a: 1}", "4294967296", "1e1"}) {
     fakeLog::Reset();
     benchmark_.stressMap.clear();
@@ -104,7 +104,7 @@ TEST_F(ParseTest, LevelThatIsNoNumberCannotBeFound) {
   }
 }
 
-TEST_F(ParseTest, SectionThatIsNoMappingHasNoLevel) {
+TEST_F(ParseTest, LevelOfASectionThatIsNotAMappingIsLoggedAsMissing) {
   for (const std::string value : {"5", "", "[Level, 3]"}) {
     fakeLog::Reset();
     benchmark_.stressMap.clear();
@@ -118,7 +118,7 @@ TEST_F(ParseTest, MissingModelFile) {
   EXPECT_THAT(Errors(), ElementsAre("Parse() | Cannot find AIC: File in Config File!"));
 }
 
-TEST_F(ParseTest, MissingModelFileIsSeenBeforeTheRange) {
+TEST_F(ParseTest, MissingModelFileIsCheckedBeforeTheRange) {
   EXPECT_EQ(Parse("AIC: {Level: 11}\n"), 10);
   EXPECT_THAT(Errors(), ElementsAre("Parse() | Cannot find AIC: File in Config File!"));
 }
@@ -128,7 +128,7 @@ TEST_F(ParseTest, FileOfOtherSectionsIsIgnored) {
   EXPECT_EQ(Record("cpuStress").file, "");
 }
 
-TEST_F(ParseTest, SectionsAreReadInTheirOwnOrderAndOnlyUpToTheFirstFault) {
+TEST_F(ParseTest, SectionsAreReadInAFixedOrderAndOnlyUpToTheFirstFault) {
   EXPECT_EQ(Parse("AIC: {Level: 1}\nCPU: {Level: 11}\nVENC: {Level: 2}\nVPC: {Level: 1}\n"), 10);
   EXPECT_THAT(Errors(), ElementsAre("Parse() | cpu stress level:[0, 10], now is : 11"));
   EXPECT_EQ(benchmark_.stressMap.size(), 3U);
@@ -159,7 +159,7 @@ TEST_F(ParseTest, SlotsAreResizedUnderTheMutex) {
   EXPECT_THAT(sizes, ElementsAre(9U, 2U)) << "at the lock, and at the unlock";
 }
 
-TEST_F(ParseTest, FaultsAreWrittenWhereOnlyErrorsAre) {
+TEST_F(ParseTest, FaultsAreLoggedWhenOnlyErrorsAreEnabled) {
   SetLevel(ara::log::LogLevel::kError);
   EXPECT_EQ(Parse("CPU: {}\n"), 10);
   EXPECT_EQ(Parse("CPU: {Level: 11}\n"), 10);

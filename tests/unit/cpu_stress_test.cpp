@@ -24,9 +24,9 @@ TEST_F(CpuStressTest, LevelZeroLogsItsLineAndStartsNothing) {
   EXPECT_THAT(Infos(), ElementsAre("runCpuStress() | CPU threadNum: 0 , memcpy Process start..."));
 }
 
-TEST_F(CpuStressTest, StartsOneWorkerALevelAndReturnsWithoutWaiting) {
+TEST_F(CpuStressTest, StartsOneWorkerPerLevelAndReturnsWithoutWaiting) {
   auto record = MakeRecord(4, 100);
-  std::vector<std::thread> threads(1);  // the list may hold others already
+  std::vector<std::thread> threads(1);  // the list may contain other threads already
   volatile int stop = 0;
   runCpuStress(record, threads, stop);
   EXPECT_EQ(threads.size(), 5U);
@@ -94,7 +94,7 @@ TEST_F(CpuStressTest, BothBuffersAreZero) {
   EXPECT_TRUE(zero);
 }
 
-TEST_F(CpuStressTest, ResultOfTheCopyIsNotExamined) {
+TEST_F(CpuStressTest, ResultOfTheCopyIsIgnored) {
   VirtualClock clock;
   fakePlatform::FailFrom("memcpy_s", 1, 34);
   auto record = MakeRecord(1, 1000);
@@ -109,7 +109,7 @@ TEST_F(CpuStressTest, ResultOfTheCopyIsNotExamined) {
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
-TEST_F(CpuStressTest, UsesNoPlatformOperationButTheCopy) {
+TEST_F(CpuStressTest, UsesOnlyTheCopyOfThePlatform) {
   auto record = MakeRecord(1, 0);
   volatile int stop = 0;
   fakePlatform::OnCall("memcpy_s", [&](int) { stop = 1; });
@@ -127,7 +127,7 @@ TEST_F(CpuStressTest, StopFlagAlreadySetAllocatesAndFreesBothBuffers) {
   EXPECT_THAT(fakePlatform::Names(), IsEmpty());
 }
 
-TEST_F(CpuStressTest, NoBufferIsMadeInTheLoop) {
+TEST_F(CpuStressTest, AllocatesNothingInTheLoop) {
   auto record = MakeRecord(1, 0);
   volatile int stop = 0;
   fakePlatform::OnCall("memcpy_s", [&](int n) {
@@ -138,7 +138,7 @@ TEST_F(CpuStressTest, NoBufferIsMadeInTheLoop) {
   EXPECT_EQ(watch.Events().size(), 4U);
 }
 
-TEST_F(CpuStressTest, FailedAllocationOfEitherBufferLeavesTheWorker) {
+TEST_F(CpuStressTest, FailedAllocationOfEitherBufferThrowsOutOfTheWorker) {
   auto record = MakeRecord(1, 1000);
   volatile int stop = 0;
   for (const int nth : {1, 2}) {

@@ -13,7 +13,7 @@
 #include "stress_register.h"
 #include "virtual_clock.h"
 
-/// What every unit test starts from: fakes without memory, and the singleton's logger "STBM" at debug level.
+/// Before each unit test: resets the fakes and gives the singleton a logger "STBM" at debug level.
 class UnitTest : public testing::Test {
  protected:
   UnitTest() {

@@ -33,7 +33,7 @@ TEST_F(VencStressTest, LevelZeroLogsItsLineAndStartsNothing) {
   EXPECT_THAT(Infos(), ElementsAre("runVencStress() | KIVU VENC threadNum: 0 , venc Process start..."));
 }
 
-TEST_F(VencStressTest, StartsOneWorkerALevel) {
+TEST_F(VencStressTest, StartsOneWorkerPerLevel) {
   auto record = MakeRecord(3, 100);
   std::vector<std::thread> threads;
   runVencStress(record, threads, stop_);
@@ -63,7 +63,7 @@ TEST_F(VencStressTest, WholeLifeInOrder) {
             fakePlatform::CallsOf("QetVenc::ReleaseStream")[0].destination);
 }
 
-TEST_F(VencStressTest, EncoderMembersAreAsRequired) {
+TEST_F(VencStressTest, EncoderMembersHaveTheirFixedValues) {
   RunCycles(1);
   const auto encoders = fakePlatform::Encoders();
   ASSERT_EQ(encoders.size(), 1U);
@@ -107,7 +107,7 @@ TEST_F(VencStressTest, EncoderLeavesTheEightBytesAt0x88Unset) {
   encoder->~QetVenc();
 }
 
-TEST_F(VencStressTest, FrameRecordIsAsRequired) {
+TEST_F(VencStressTest, FrameRecordHasItsFixedValues) {
   RunCycles(2);
   const auto frames = fakePlatform::Frames();
   ASSERT_EQ(frames.size(), 2U);
@@ -137,7 +137,7 @@ TEST_F(VencStressTest, ACycleIsTimedFromSendingToReleasing) {
   EXPECT_EQ(record_->threadFps[3], 334 / 1002.0 * 1000.0);
 }
 
-TEST_F(VencStressTest, OneContextAndOneEncoderFromFirstToLast) {
+TEST_F(VencStressTest, EveryCallUsesTheSameContextAndEncoder) {
   RunCycles(1);
   const auto calls = fakePlatform::Calls();
   const void* context = calls.front().object;
@@ -147,18 +147,18 @@ TEST_F(VencStressTest, OneContextAndOneEncoderFromFirstToLast) {
   }
 }
 
-TEST_F(VencStressTest, StreamRecordIsZeroedAfreshBeforeEveryFetch) {
+TEST_F(VencStressTest, StreamRecordIsZeroedBeforeEveryFetch) {
   RunCycles(3);
   EXPECT_EQ(fakePlatform::CountOf("QetVenc::GetStream"), 3);
   EXPECT_TRUE(fakePlatform::StreamsWereZero());
 }
 
-TEST_F(VencStressTest, HostTestImageOutlivesTheEncoderAndIsFreed) {
+TEST_F(VencStressTest, TestImageOutlivesTheEncoderAndIsFreed) {
   ArrayAllocations watch;
   std::size_t eventsAtTheEncodersEnd = 0;
   fakePlatform::OnCall("QetVenc::~QetVenc", [&](int) { eventsAtTheEncodersEnd = watch.Events().size(); });
   EXPECT_EQ(RunCycles(5), 0);
-  EXPECT_EQ(eventsAtTheEncodersEnd, 1U) << "made, and not yet freed";
+  EXPECT_EQ(eventsAtTheEncodersEnd, 1U) << "allocated and not yet freed";
   EXPECT_THAT(watch.Events(), ElementsAre(3110400U, ArrayAllocations::kFreed));
 }
 
@@ -217,7 +217,7 @@ struct VencFault {
 
 class VencSetUpFaultTest : public VencStressTest, public testing::WithParamInterface<VencFault> {};
 
-TEST_P(VencSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToSendFrame) {
+TEST_P(VencSetUpFaultTest, IsLoggedAndTheWorkerGoesOnToSendFrame) {
   fakePlatform::Fail(GetParam().operation, 1, 77);
   fakePlatform::Fail("QetVenc::SendFrame", 1, -5);
   EXPECT_EQ(VencProcess(record_, index_, stop_), 10);
@@ -227,7 +227,7 @@ TEST_P(VencSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToSendFrame) {
   auto calls = GetParam().calls;
   calls.insert(calls.end(), {"QetVenc::SendFrame", "QetVenc::~QetVenc"});
   EXPECT_EQ(fakePlatform::Names(), calls);
-  EXPECT_TRUE(fakePlatform::LastFrameWasZero(3110400)) << "the frame was prepared all the same";
+  EXPECT_TRUE(fakePlatform::LastFrameWasZero(3110400)) << "the frame was prepared nevertheless";
 }
 
 TEST_P(VencSetUpFaultTest, ReturnsTen) {

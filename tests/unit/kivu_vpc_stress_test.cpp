@@ -47,7 +47,7 @@ TEST_F(VpcStressTest, LevelZeroLogsItsLineAndStartsNothing) {
   EXPECT_THAT(Infos(), ElementsAre("runVpcStress() | KIVU VPC threadNum: 0 , resize Process start..."));
 }
 
-TEST_F(VpcStressTest, StartsOneWorkerALevelWithItsIndexAsTheWishedChannel) {
+TEST_F(VpcStressTest, StartsOneWorkerPerLevelWithItsIndexAsTheWantedChannel) {
   auto record = MakeRecord(4, 100);
   std::vector<std::thread> threads;
   runVpcStress(record, threads, stop_);
@@ -89,12 +89,12 @@ TEST_F(VpcStressTest, WholeLifeInOrder) {
   EXPECT_EQ(fakePlatform::CallsOf("QetDestroyContext")[0].object, context);
   const auto images = fakePlatform::CallsOf("QetImageMallocAligned");
   const auto destroyed = fakePlatform::CallsOf("QetImageDestroy");
-  EXPECT_EQ(destroyed[0].object, images[1].object) << "the destination goes first";
+  EXPECT_EQ(destroyed[0].object, images[1].object) << "the destination is destroyed first";
   EXPECT_EQ(destroyed[1].object, images[0].object);
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
-TEST_F(VpcStressTest, ImageRecordsAreAsRequired) {
+TEST_F(VpcStressTest, ImageRecordsHaveTheirFixedValues) {
   RunCycles(1);
   const auto images = fakePlatform::AllocatedImages();
   ASSERT_EQ(images.size(), 2U);
@@ -124,7 +124,7 @@ TEST_F(VpcStressTest, SourceIsCopiedOntoItselfRightAfterItsAllocation) {
   EXPECT_EQ(copy.source, fakePlatform::CallsOf("QetImageMallocAligned")[0].object);
 }
 
-TEST_F(VpcStressTest, ResizeGetsTheFixedArgumentsAndTheChannelThatWasHandedBack) {
+TEST_F(VpcStressTest, ResizeGetsTheFixedArgumentsAndTheChannelThatThePlatformReturned) {
   fakePlatform::GiveChannel(42);
   RunCycles(1);
   EXPECT_EQ(fakePlatform::CallsOf("QetCreateChannel")[0].channel, 3);
@@ -137,14 +137,14 @@ TEST_F(VpcStressTest, ResizeGetsTheFixedArgumentsAndTheChannelThatWasHandedBack)
   EXPECT_EQ(fakePlatform::CallsOf("QetDestroyChannel")[0].channel, 42);
 }
 
-TEST_F(VpcStressTest, HostTestImageIsMadeAndFreed) {
+TEST_F(VpcStressTest, TestImageIsAllocatedAndFreed) {
   ArrayAllocations watch;
   stop_ = 1;
   VPCResize(record_, index_, stop_);
   EXPECT_THAT(watch.Events(), ElementsAre(6220800U, ArrayAllocations::kFreed));
 }
 
-TEST_F(VpcStressTest, HostTestImageIsOfType0) {
+TEST_F(VpcStressTest, TestImageIsOfType0) {
   const ImageRequests requests;
   stop_ = 1;
   VPCResize(record_, index_, stop_);
@@ -186,12 +186,12 @@ struct VpcFault {
   int nth;
   const char* function;
   const char* text;
-  std::vector<std::string> calls;  // all calls of the worker, when the first resize fails as well
+  std::vector<std::string> calls;  // all calls of a worker whose first resize fails as well
 };
 
 class VpcSetUpFaultTest : public VpcStressTest, public testing::WithParamInterface<VpcFault> {};
 
-TEST_P(VpcSetUpFaultTest, IsLoggedAndTheWorkerCarriesOnToItsFirstResize) {
+TEST_P(VpcSetUpFaultTest, IsLoggedAndTheWorkerGoesOnToItsFirstResize) {
   fakePlatform::Fail(GetParam().operation, GetParam().nth, 77);
   fakePlatform::Fail("QetImageResize", 1, -5);
   EXPECT_EQ(VPCResize(record_, index_, stop_), 10);
@@ -211,7 +211,7 @@ TEST_P(VpcSetUpFaultTest, ReturnsTen) {
   Ormis::ImageData destination{};
   const bool inInit = std::string(GetParam().function) == "VpcInit";
   EXPECT_EQ(VpcInit(context, channel, image), inInit ? 10 : 0);
-  EXPECT_EQ(image == nullptr, inInit) << "the host test image is made by a complete VpcInit alone";
+  EXPECT_EQ(image == nullptr, inInit) << "only a complete VpcInit creates the test image";
   EXPECT_EQ(VpcPerpare(image, source, destination), inInit ? 0 : 10);
 }
 
@@ -245,7 +245,7 @@ INSTANTIATE_TEST_SUITE_P(
       return std::string(info.param.operation) + std::to_string(info.param.nth);
     });
 
-TEST_F(VpcStressTest, SetUpThatFailedButWhoseResizesWorkGoesOnLikeAnyOther) {
+TEST_F(VpcStressTest, WorkerWhoseSetUpFailedRunsOnWhileItsResizesWork) {
   fakePlatform::Fail("QetCreateChannel", 1, 77);
   EXPECT_EQ(RunCycles(3), 0);
   EXPECT_EQ(fakePlatform::CountOf("QetDestroyChannel"), 1);
@@ -256,7 +256,7 @@ TEST_F(VpcStressTest, FailedResizeInMidRunEndsTheWorkerWithoutTearDown) {
   ArrayAllocations watch;
   EXPECT_EQ(VPCResize(record_, index_, stop_), 10);
   EXPECT_THAT(watch.Events(), ElementsAre(6220800U, ArrayAllocations::kFreed))
-      << "the locals are freed all the same";
+      << "the locals are freed nevertheless";
   EXPECT_EQ(fakePlatform::FailuresDelivered("QetImageResize"), 1);
   EXPECT_EQ(fakePlatform::Names(), Then(kSetUp, {"QetImageResize", "QetImageResize", "QetImageResize"}));
   EXPECT_THAT(Errors(), ElementsAre("VPCResize() | QetImageResize failed, ret = 77"));
@@ -266,7 +266,7 @@ struct TearDownFault {
   const char* operation;
   int nth;
   const char* text;
-  std::size_t stepsDone;  // tear-down calls made, the failed one included
+  std::size_t stepsDone;  // calls of the tear-down, the failed one included
 };
 
 class VpcTearDownFaultTest : public VpcStressTest, public testing::WithParamInterface<TearDownFault> {};

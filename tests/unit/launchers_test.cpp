@@ -35,7 +35,7 @@ class LaunchersTest : public UnitTest, public testing::WithParamInterface<Launch
   volatile int stop_ = 0;
 };
 
-TEST_P(LaunchersTest, AppendsToAListThatHoldsOthers) {
+TEST_P(LaunchersTest, AppendsToAListThatContainsOtherThreads) {
   Record record = MakeRecord(2, 0);
   threads_.resize(3);
   GetParam().run(record, threads_, stop_);
@@ -63,7 +63,7 @@ TEST_P(LaunchersTest, EveryWorkerGetsItsOwnIndex) {
 
 TEST_P(LaunchersTest, ReadsThreadNumBeforeEachStart) {
   Record record = MakeRecord(5, 0);
-  stop_ = 1;  // the workers end at once: the list is what counts
+  stop_ = 1;  // the workers end at once; this test is about the list
   ThreadStarts starts;
   starts.OnStart([&](int n) {
     if (n == 2) record->threadNum = 3;

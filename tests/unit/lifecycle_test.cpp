@@ -108,7 +108,7 @@ TEST_F(LifecycleTest, LoggingStartsInOrderWithTheDefaults) {
   EXPECT_EQ(calls[1], "CreateLogger STBM");
 }
 
-TEST_F(LifecycleTest, LogSettingsAreHandedOverAsTheyAre) {
+TEST_F(LifecycleTest, LogSettingsArePassedOnUnchanged) {
   Run("logMode: 3\nlogLevel: 5\n");
   ASSERT_EQ(fakeLog::Starts().size(), 1U);
   EXPECT_EQ(fakeLog::Starts()[0].level, ara::log::LogLevel::kDebug);
@@ -125,7 +125,7 @@ TEST_F(LifecycleTest, LogSettingsAreNotRangeChecked) {
   EXPECT_EQ(fakeLog::Starts()[0].level, Ormis::ParseLogLevel(static_cast<Ormis::QetLogLevelType>(99)));
 }
 
-TEST_F(LifecycleTest, LoggingAndTheRunTimeComeBeforeThePlatform) {
+TEST_F(LifecycleTest, LoggingStartsAndTheRunTimeIsReadBeforeThePlatformStarts) {
   std::vector<std::string> callsBefore;
   fakePlatform::OnCall("QetInitialize", [&](int) { callsBefore = fakeLog::Calls(); });
   const TemporaryFile file("runTimes: 3\n");
@@ -140,7 +140,7 @@ TEST_F(LifecycleTest, SettingsThatDoNotConvertBecomeZero) {
   EXPECT_TRUE(benchmark.Init());
   EXPECT_EQ(benchmark.logMode, 0U);
   EXPECT_EQ(benchmark.logLevel, 0U);
-  EXPECT_EQ(benchmark.runTimes, 40U) << "0 is below the floor";
+  EXPECT_EQ(benchmark.runTimes, 40U) << "0 is below the minimum";
 }
 
 TEST_F(LifecycleTest, RunTimesBelowFortyAreRaisedWithAWarningUnderTheNewLogger) {
@@ -149,7 +149,7 @@ TEST_F(LifecycleTest, RunTimesBelowFortyAreRaisedWithAWarningUnderTheNewLogger) 
     fakePlatform::Reset();
     const TemporaryFile file("runTimes: " + value + "\n");
     StressBenchmark benchmark(file.Path());
-    // As at the start of a process.
+    // The logger that the singleton has at the start of a process.
     Ormis::OrmisLogger::GetInstance().logger =
         &ara::log::CreateLogger("TPW", "TPW", ara::log::LogLevel::kVerbose);
     fakeLog::Reset();
@@ -219,7 +219,7 @@ TEST_F(LifecycleTest, FailedParseEndsWithoutRelease) {
   }
 }
 
-TEST_F(LifecycleTest, FailedReleaseIsLoggedAndGivesMinusOne) {
+TEST_F(LifecycleTest, FailedReleaseIsLoggedAndReturnsMinusOne) {
   fakePlatform::Fail("QetRelease", 1, 9);
   EXPECT_EQ(Run(""), -1);
   EXPECT_EQ(fakePlatform::FailuresDelivered("QetRelease"), 1);
@@ -242,7 +242,7 @@ TEST_F(LifecycleTest, SigintDuringInitSkipsStartAndReleases) {
                           "stopFlag_: 1 ====="));
 }
 
-TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseGiveMinusOne) {
+TEST_F(LifecycleTest, SigintDuringInitAndAFailedReleaseReturnMinusOne) {
   fakePlatform::OnCall("QetInitialize", [](int) { (void)std::raise(SIGINT); });
   fakePlatform::Fail("QetRelease", 1, 9);
   EXPECT_EQ(Run(""), -1);
@@ -278,7 +278,7 @@ TEST_F(LifecycleTest, SigintWhileStressesRunEndsEveryThread) {
   EXPECT_TRUE(benchmark.Release());
 }
 
-TEST_F(LifecycleTest, SecondSigintOnlyLogsAgain) {
+TEST_F(LifecycleTest, SecondSigintIsLoggedAgain) {
   fakePlatform::OnCall("QetInitialize", [](int) {
     (void)std::raise(SIGINT);
     (void)std::raise(SIGINT);

@@ -16,7 +16,7 @@ const char* Evaluated() {
   return "text";
 }
 
-TEST_F(LogSiteTest, EnabledSiteWritesFunctionNameThenSeparatorThenPieces) {
+TEST_F(LogSiteTest, EnabledStatementWritesFunctionNameThenSeparatorThenPieces) {
   STBM_LOG_ERROR("Name fail" << ", ret = " << -7 << std::string("!") << 8U);
   ASSERT_EQ(fakeLog::Records().size(), 1U);
   const fakeLog::Record record = fakeLog::Records()[0];
@@ -27,7 +27,7 @@ TEST_F(LogSiteTest, EnabledSiteWritesFunctionNameThenSeparatorThenPieces) {
   EXPECT_EQ(record.function, "TestBody");
 }
 
-TEST_F(LogSiteTest, EachLevelAsksForItselfAndOpensItsOwnRecord) {
+TEST_F(LogSiteTest, EachLevelAsksIsEnabledAndOpensARecordOfThatLevel) {
   const int line = __LINE__;
   STBM_LOG_ERROR("e");
   STBM_LOG_WARN("w");
@@ -38,7 +38,7 @@ TEST_F(LogSiteTest, EachLevelAsksForItselfAndOpensItsOwnRecord) {
   EXPECT_EQ(fakeLog::Records()[3].line, line + 4);
 }
 
-TEST_F(LogSiteTest, DisabledSiteOpensOneEmptyRecordAndEvaluatesNothing) {
+TEST_F(LogSiteTest, DisabledStatementOpensOneEmptyRecordAndEvaluatesNothing) {
   SetLevel(ara::log::LogLevel::kInfo);
   fakeLog::Reset();
   evaluations = 0;
@@ -51,18 +51,18 @@ TEST_F(LogSiteTest, DisabledSiteOpensOneEmptyRecordAndEvaluatesNothing) {
   EXPECT_EQ(std::string(fakeLog::Records()[0].kinds.data(), 1), "c");
 }
 
-TEST_F(LogSiteTest, EnabledSiteEvaluatesItsPiecesOnce) {
+TEST_F(LogSiteTest, EnabledStatementEvaluatesItsPiecesOnce) {
   evaluations = 0;
   STBM_LOG_DEBUG(Evaluated());
   EXPECT_EQ(evaluations, 1);
 }
 
-TEST_F(LogSiteTest, EachStepAsksTheSingletonAgain) {
+TEST_F(LogSiteTest, EachStepGetsTheSingletonAgain) {
   for (const ara::log::LogLevel level : {ara::log::LogLevel::kDebug, ara::log::LogLevel::kInfo}) {
     SetLevel(level);
     ara::log::Logger& other = ara::log::CreateLogger("NEXT", "", ara::log::LogLevel::kDebug);
     fakeLog::Reset();
-    // While the site asks whether its level is enabled, another logger takes the place.
+    // Another logger is put in place while the statement asks whether its level is enabled.
     fakeLog::OnCall([&] { Ormis::OrmisLogger::GetInstance().logger = &other; });
     STBM_LOG_DEBUG("text");
     fakeLog::OnCall(nullptr);
@@ -72,7 +72,7 @@ TEST_F(LogSiteTest, EachStepAsksTheSingletonAgain) {
   }
 }
 
-TEST_F(LogSiteTest, SiteIsOneStatement) {
+TEST_F(LogSiteTest, MacroIsOneStatement) {
   if (evaluations < 0)
     STBM_LOG_ERROR("not reached");
   else

@@ -54,10 +54,10 @@ TEST_F(MonitorsTest, AveragerAveragesOnceASecondUntilStopped) {
   });
   RateAverager(record, stop_);
   EXPECT_THAT(seen, ElementsAre(0.0, 1.0, 2.0));
-  EXPECT_EQ(record->averageFps, 2.0);  // the flag is looked at after the sleep: no further pass
+  EXPECT_EQ(record->averageFps, 2.0);  // the flag is read after the sleep, so there is no further pass
 }
 
-TEST_F(MonitorsTest, AveragerOfNoThreadsKeepsTheValue) {
+TEST_F(MonitorsTest, AveragerWithoutThreadsKeepsTheValue) {
   auto record = MakeRecord(0, 0);
   record->averageFps = 7.0;
   StopAtSleep(2);
@@ -77,7 +77,7 @@ TEST_F(MonitorsTest, AveragerReadsThreadNumInEveryPass) {
   EXPECT_EQ(record->averageFps, 4.0);
 }
 
-TEST_F(MonitorsTest, AveragerTakesTheLockOnceASlot) {
+TEST_F(MonitorsTest, AveragerTakesTheLockOncePerSlot) {
   auto record = MakeRecord(5, 0);
   const MutexWatch watch(record->fpsMutex);
   StopAtSleep(1);
@@ -93,7 +93,7 @@ TEST_F(MonitorsTest, AveragerOfMissingSlotsThrowsAndReleasesTheLock) {
   record->fpsMutex.unlock();
 }
 
-TEST_F(MonitorsTest, ReporterPrintsEveryStressAndTheConstantOne) {
+TEST_F(MonitorsTest, ReporterPrintsEveryStressAndTheConstantText) {
   StressMap stresses;
   stresses["cpuStress"] = MakeRecord(1, 0);
   stresses["cpuStress"]->averageFps = 1234.5;
@@ -144,7 +144,7 @@ TEST_F(MonitorsTest, ReporterPrintsTheValuesReadBeforeItsSleep) {
                                    "cpuStress : 10.000000 fps. ispStress : 30.0 fps."));
 }
 
-TEST_F(MonitorsTest, ReporterPrintsOneMoreLineWhenTheFlagRisesInItsSleep) {
+TEST_F(MonitorsTest, ReporterPrintsOneMoreLineWhenTheFlagIsSetInItsSleep) {
   StopAtSleep(1);
   RateReporter({}, stop_);
   EXPECT_EQ(Lines().size(), 1U);
@@ -157,7 +157,7 @@ TEST_F(MonitorsTest, LimiterRaisesTheFlagAfterRunTimesAndEndsASecondLater) {
   });
   RunTimeLimiter(40, stop_);
   EXPECT_EQ(stop_, 1);
-  EXPECT_EQ(raisedBefore, 41U);  // up in the 41st sleep: after 40 s
+  EXPECT_EQ(raisedBefore, 41U);  // set during the 41st sleep, that is, after 40 s
   EXPECT_EQ(clock_.Sleeps().size(), 41U);
 }
 
@@ -167,7 +167,7 @@ TEST_F(MonitorsTest, LimiterOfZeroRaisesTheFlagAtOnce) {
   EXPECT_EQ(clock_.Sleeps().size(), 1U);
 }
 
-TEST_F(MonitorsTest, LimiterEndsWhenTheFlagRisesEarlier) {
+TEST_F(MonitorsTest, LimiterEndsWhenTheFlagIsSetEarlier) {
   StopAtSleep(3);
   RunTimeLimiter(40, stop_);
   EXPECT_THAT(clock_.Sleeps(), ElementsAre(kSecond, kSecond, kSecond));

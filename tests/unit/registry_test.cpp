@@ -30,7 +30,7 @@ class RegistryTest : public UnitTest {
 using LauncherFunction = void (*)(std::unique_ptr<vorn::StressRegister>&, std::vector<std::thread>&,
                                   volatile int&);
 
-TEST_F(RegistryTest, HoldsTheFourLaunchers) {
+TEST_F(RegistryTest, ContainsTheFourLaunchers) {
   ASSERT_EQ(stressRegistry.size(), 4U);
   const auto target = [](const char* name) { return *stressRegistry.at(name).target<LauncherFunction>(); };
   EXPECT_EQ(target("kivuVpcStress"), &runVpcStress);
@@ -41,7 +41,7 @@ TEST_F(RegistryTest, HoldsTheFourLaunchers) {
   EXPECT_EQ(*stressRegistry.at("cpuStress").target<CpuLauncher>(), &runCpuStress);
 }
 
-TEST_F(RegistryTest, ThreadListHoldsWorkersThenAveragerPerStressThenReporterAndLimiter) {
+TEST_F(RegistryTest, ThreadListIsWorkersThenAveragerPerStressThenReporterAndLimiter) {
   StressBenchmark benchmark("unused.yaml");
   benchmark.stressMap["one"] = MakeRecord(2, 0);
   benchmark.stressMap["two"] = MakeRecord(3, 0);
@@ -83,7 +83,7 @@ TEST_F(RegistryTest, LevelZeroStartsOnlyItsAverager) {
   EXPECT_EQ(fakePlatform::CountOf("memcpy_s"), 0);
 }
 
-TEST_F(RegistryTest, EmptyMapStartsReporterAndLimiterAlone) {
+TEST_F(RegistryTest, EmptyMapStartsOnlyReporterAndLimiter) {
   StressBenchmark benchmark("unused.yaml");
   clock_.WaitForSleepers(2);
   benchmark.Start();
@@ -102,7 +102,7 @@ TEST_F(RegistryTest, ListEndsWithReporterAndLimiterOfRunTimesSeconds) {
     std::vector<std::thread::id> started;
     ThreadStarts starts;
     starts.OnStart([&](int) {
-      // The list does not hold the new thread yet: it is known once the next one starts.
+      // The new thread is not in the list yet; the last entry is the thread before it.
       if (!benchmark.threads.empty()) started.push_back(benchmark.threads.back().get_id());
     });
     benchmark.Start();
@@ -125,7 +125,7 @@ TEST_F(RegistryTest, UnknownNameInsertsAnEmptyLauncherAndThrows) {
   EXPECT_THAT(benchmark.threads, IsEmpty());
 }
 
-TEST_F(RegistryTest, RecordStartsWithOneThreadAndNoPause) {
+TEST_F(RegistryTest, NewRecordHasOneThreadAndNoPause) {
   const vorn::StressRegister record;
   EXPECT_EQ(record.threadNum, 1U);
   EXPECT_EQ(record.sleepUs, 0U);

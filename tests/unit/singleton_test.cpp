@@ -1,5 +1,5 @@
-// The singleton logger is created once in a process. Each test therefore runs in a child process of its own,
-// in which nobody has asked for the singleton yet.
+// The singleton logger is created once in a process. Each test therefore runs in a child process, in which
+// the singleton does not exist yet.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,8 +17,8 @@ namespace {
 
 using ara::log::LogLevel;
 
-/// Runs `body` in a child process; what fails there fails this test.
-void InAProcessOfItsOwn(const std::function<void()>& body) {
+/// Runs `body` in a child process. A failure there is a failure of this test.
+void InChildProcess(const std::function<void()>& body) {
   (void)std::fflush(nullptr);
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -37,8 +37,8 @@ void LogEarly() {
 }
 
 TEST(SingletonTest, IsCreatedOnceAsTpwAndReplacedAtTheStart) {
-  InAProcessOfItsOwn([] {
-    // Several threads reach a first site together.
+  InChildProcess([] {
+    // Several threads reach their first log statement at the same time.
     std::vector<std::thread> threads;
     threads.reserve(8);
     for (int i = 0; i < 8; ++i) threads.emplace_back(LogEarly);
@@ -58,15 +58,15 @@ TEST(SingletonTest, IsCreatedOnceAsTpwAndReplacedAtTheStart) {
     const TemporaryFile file("logLevel: 5\n");
     StressBenchmark benchmark(file.Path());
     EXPECT_TRUE(benchmark.Init());
-    ASSERT_EQ(fakeLog::Creations().size(), 1U) << "the first logger existed";
+    ASSERT_EQ(fakeLog::Creations().size(), 1U) << "the TPW logger exists already";
     EXPECT_EQ(fakeLog::Creations()[0].contextId, "STBM");
     SignalHandler(2);
     EXPECT_EQ(fakeLog::Records().back().contextId, "STBM");
   });
 }
 
-TEST(SingletonTest, InitThatAsksFirstCreatesItBeforeItTakesSigintAndStartsLogging) {
-  InAProcessOfItsOwn([] {
+TEST(SingletonTest, InitCreatesItBeforeTheSignalHandlerAndBeforeLoggingStarts) {
+  InChildProcess([] {
     std::vector<bool> handlerInstalled;
     fakeLog::OnCall([&] {
       void (*const handler)(int) = std::signal(SIGINT, SIG_IGN);
@@ -81,7 +81,8 @@ TEST(SingletonTest, InitThatAsksFirstCreatesItBeforeItTakesSigintAndStartsLoggin
 
     EXPECT_THAT(callsBeforeThePlatform, ElementsAre("CreateLogger TPW", "InitLogging", "CreateLogger STBM"));
     ASSERT_GE(handlerInstalled.size(), 3U);
-    EXPECT_FALSE(handlerInstalled[0]) << "the handler logs: the singleton has to be there before it";
+    EXPECT_FALSE(handlerInstalled[0])
+        << "the handler logs, so the singleton has to exist before it is installed";
     EXPECT_TRUE(handlerInstalled[1]);
     ASSERT_EQ(fakeLog::Creations().size(), 2U);
     EXPECT_EQ(fakeLog::Creations()[0].description, "TPW");

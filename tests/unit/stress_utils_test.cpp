@@ -28,7 +28,7 @@ class RandomCvImgTest : public UnitTest {
   }
 
   static constexpr std::size_t kFreed = ArrayAllocations::kFreed;
-  std::vector<std::size_t> events_;  ///< sizes of arrays made, kFreed for arrays freed
+  std::vector<std::size_t> events_;  ///< the size of each new array, and kFreed for each freed one
   std::unique_ptr<std::uint8_t[]> buffer_;
 };
 
@@ -117,7 +117,7 @@ TEST_F(RandomCvImgTest, SizeOfZeroStoresABufferOfNoBytes) {
   EXPECT_THAT(Errors(), IsEmpty());
 }
 
-TEST_F(RandomCvImgTest, FormerBufferIsFreedAfterTheNewOneIsMade) {
+TEST_F(RandomCvImgTest, FormerBufferIsFreedAfterTheNewOneIsAllocated) {
   buffer_.reset(new std::uint8_t[1]);
   Make(2, 2, 2);
   EXPECT_THAT(events_, ElementsAre(6U, kFreed));
@@ -164,8 +164,8 @@ TEST_F(RandomCvImgTest, FailedAllocationKeepsTheFormerBuffer) {
 }
 
 TEST_F(RandomCvImgTest, ProductWrapsIn32BitsAndIsWidenedWithItsSign) {
-  // 3 x 30000 x 30000 = 2,700,000,000 wraps to a negative number: nearly the whole address space is asked
-  // for.
+  // 3 x 30000 x 30000 = 2,700,000,000 wraps to a negative number, which asks for nearly the whole address
+  // space.
   buffer_.reset(new std::uint8_t[1]);
   const std::uint8_t* former = buffer_.get();
   EXPECT_THROW(Make(30000, 30000, 0), std::bad_alloc);
@@ -177,7 +177,7 @@ TEST_F(RandomCvImgTest, ProductWrapsIn32BitsAndIsWidenedWithItsSign) {
   EXPECT_THAT(events_, ElementsAre(131072U));
 }
 
-TEST_F(RandomCvImgTest, HalvingIsOfTheSignedValueTowardsZero) {
+TEST_F(RandomCvImgTest, TheSignedValueIsHalvedTowardsZero) {
   // 3 x w x h wraps to -1,594,967,296; halved it is still negative, so the allocation fails. An unsigned
   // halving would give 1,350,000,000 bytes.
   EXPECT_THROW(Make(30000, 30000, 2), std::bad_alloc);

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A file of that content, removed at the end.
+/// A file with the given content. The destructor removes it.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& content) {

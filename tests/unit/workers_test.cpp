@@ -27,14 +27,14 @@ using Record = std::unique_ptr<vorn::StressRegister>;
 
 struct Worker {
   const char* name;       ///< as in log lines
-  const char* operation;  ///< the call that a cycle's work consists of
+  const char* operation;  ///< the platform operation of each cycle
   const char* sourceFile;
   std::function<void(Record&, int, volatile int&)> run;
 };
 
 class WorkersTest : public UnitTest, public testing::WithParamInterface<Worker> {
  protected:
-  // Runs the worker over `cycles` cycles; `work(n)` is called inside the n-th.
+  // Runs the worker for `cycles` cycles; `work(n)` is called inside the operation of the n-th.
   void Run(int cycles, const std::function<void(int)>& work) {
     fakePlatform::OnCall(GetParam().operation, [&, cycles](int n) {
       work(n);
@@ -55,7 +55,7 @@ class WorkersTest : public UnitTest, public testing::WithParamInterface<Worker> 
 TEST_P(WorkersTest, PublishesAfterThe334thCycleOfTwoAndThreeMilliseconds) {
   double before = -1.0;
   Run(334, [&](int n) {
-    if (n == 334) before = Slot();  // after 333 cycles: 999 ms are not enough
+    if (n == 334) before = Slot();  // 333 cycles take 999 ms, which is not enough
     clock_.Advance(milliseconds(2));
   });
   EXPECT_EQ(before, 0.0);
@@ -85,7 +85,7 @@ TEST_P(WorkersTest, FirstWholeMillisecondAfterManyShortOnesPublishesTheWholeCoun
   EXPECT_EQ(Slot(), 3001.0 / 1.0 * 1000.0);
 }
 
-TEST_P(WorkersTest, EveryCycleIsCutToWholeMilliseconds) {
+TEST_P(WorkersTest, EveryCycleIsTruncatedToWholeMilliseconds) {
   // 1.999999 ms of work count as 1 ms; with the pause of 1 ms the cycle is 2.999999 ms and counts as 2 ms.
   double before = -1.0;
   Run(501, [&](int n) {
@@ -114,7 +114,7 @@ TEST_P(WorkersTest, EachPeriodOfOneMillisecondCyclesIsAThousandAndOneCyclesLong)
     if (n == 1001) after1000 = Slot();
     if (n == 1002) {
       EXPECT_EQ(Slot(), 1000.0);
-      record_->threadFps[1] = 0.0;  // so that the second publication is seen
+      record_->threadFps[1] = 0.0;  // so that the second rate shows
     }
     if (n == 2002) after2001 = Slot();
     clock_.Advance(milliseconds(1));
@@ -130,13 +130,13 @@ TEST_P(WorkersTest, PauseIsNotBusyTime) {
   EXPECT_EQ(Slot(), 1000.0);
 }
 
-TEST_P(WorkersTest, SleepsSleepUsOnceACycle) {
+TEST_P(WorkersTest, SleepsOncePerCycleForSleepUs) {
   record_->sleepUs = 100;
   Run(3, [&](int) { clock_.Advance(milliseconds(1)); });
   EXPECT_THAT(clock_.Sleeps(), ElementsAre(100'000, 100'000, 100'000));
 }
 
-TEST_P(WorkersTest, SleepUsOfOneIsAPause) {
+TEST_P(WorkersTest, SleepUsOfOneIsOneMicrosecond) {
   record_->sleepUs = 1;
   Run(2, [&](int) { clock_.Advance(milliseconds(1)); });
   EXPECT_THAT(clock_.Sleeps(), ElementsAre(1000, 1000));
@@ -160,7 +160,7 @@ TEST_P(WorkersTest, LongestPauseDoesNotOverflow) {
   EXPECT_THAT(clock_.Sleeps(), ElementsAre(4294967295000));
 }
 
-TEST_P(WorkersTest, ReadsTheClockThreeTimesACycle) {
+TEST_P(WorkersTest, ReadsTheClockThreeTimesPerCycle) {
   Run(10, [&](int) { clock_.Advance(milliseconds(1)); });
   EXPECT_EQ(clock_.Reads(), 30U);
 }
@@ -171,19 +171,19 @@ TEST_P(WorkersTest, IndexBeyondTheSlotsLogsOncePerPeriodAndGoesOn) {
   const std::string line = std::string(GetParam().name) + "() | vector";
   EXPECT_THAT(Errors(), ElementsAre(line, line, line));
   EXPECT_EQ(record_->threadFps[0], 0.0);
-  // The lock is free again.
+  // The mutex has been unlocked.
   ASSERT_TRUE(record_->fpsMutex.try_lock());
   record_->fpsMutex.unlock();
 }
 
-TEST_P(WorkersTest, ExceptionLineIsWrittenWhereOnlyErrorsAre) {
+TEST_P(WorkersTest, ExceptionIsLoggedWhenOnlyErrorsAreEnabled) {
   SetLevel(ara::log::LogLevel::kError);
   record_->threadFps.clear();
   Run(334, [&](int) { clock_.Advance(milliseconds(2)); });
   EXPECT_THAT(Errors(), ElementsAre(std::string(GetParam().name) + "() | vector"));
 }
 
-TEST_P(WorkersTest, ExceptionLineNamesTheWorkersOwnPlace) {
+TEST_P(WorkersTest, ExceptionLineHasTheWorkersSourceLocation) {
   record_->threadFps.clear();
   Run(334, [&](int) { clock_.Advance(milliseconds(2)); });
   bool seen = false;
@@ -222,7 +222,7 @@ TEST_P(WorkersTest, PublishesUnderTheMutexThatReadersTake) {
   std::thread worker([&] { GetParam().run(record_, index_, stop_); });
   while (operations < 1) std::this_thread::yield();
   poll(nullptr, 0,
-       50);  // real time: a worker that does not wait for the lock is long past its second operation
+       50);  // real time; a worker that does not wait for the lock makes its second operation long before
   EXPECT_EQ(operations, 1);
   EXPECT_EQ(Slot(), 0.0);
   reader.unlock();
@@ -231,7 +231,7 @@ TEST_P(WorkersTest, PublishesUnderTheMutexThatReadersTake) {
   EXPECT_EQ(Slot(), 1 / 1001.0 * 1000.0);
 }
 
-TEST_P(WorkersTest, AnyOtherExceptionWhilePublishingLeavesTheWorker) {
+TEST_P(WorkersTest, AnyOtherExceptionWhilePublishingThrowsOutOfTheWorker) {
   const MutexFault fault(record_->fpsMutex);
   fakePlatform::OnCall(GetParam().operation, [&](int) { clock_.Advance(milliseconds(2)); });
   EXPECT_THROW(GetParam().run(record_, index_, stop_), std::system_error);
