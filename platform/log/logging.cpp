@@ -28,11 +28,12 @@ constexpr std::size_t kMaxFileBytes = 512;
 constexpr std::size_t kMaxFunctionBytes = 256;
 constexpr std::size_t kMaxDescriptionBytes = 127;
 
-constexpr std::size_t kMaxTimeBytes = 32;   // "2025-01-31T23:59:59.123456Z ", and years beyond 9999
-constexpr std::size_t kMaxFieldBytes = 48;  // level, context id and thread id with their spaces
-constexpr std::size_t kMaxMarksBytes = 32;  // " [cut]", " (", the line number, ")"
-static_assert(1 + kMaxTimeBytes + kMaxFieldBytes + kMaxAppIdBytes + LogStream::kTextCapacity +
-                      kMaxMarksBytes + kMaxFileBytes + kMaxFunctionBytes + Sink::kTailBytes <=
+static_assert(1 +           // the newline that ends a line written in part
+                      32 +  // "2025-01-31T23:59:59.123456Z ", with room for years beyond 9999
+                      48 +  // level, context id and thread id with their blanks
+                      kMaxAppIdBytes + LogStream::kTextCapacity +
+                      32 +  // " [cut]", " (", the line number, ")"
+                      kMaxFileBytes + kMaxFunctionBytes + Sink::kTailBytes <=
                   kMaxLineBytes,
               "the longest record must fit into one line");
 

@@ -30,7 +30,7 @@ ssize_t WriteWithoutSizeSignal(int descriptor, const char* bytes, std::size_t si
   const ssize_t written = write(descriptor, bytes, size);
   const int error = errno;
   if (sigismember(&before, SIGXFSZ) == 0) {
-    if (written < 0 && error == EFBIG) {
+    if (written < 0) {
       constexpr timespec kAtOnce{};
       sigtimedwait(&sizeSignal, nullptr, &kAtOnce);
     }
@@ -96,7 +96,7 @@ bool Sink::WaitUntilReady(int descriptor, int* waits) {
   int ready = poll(&request, 1, 0);
   // An interrupted poll counts as a wait. Otherwise a stream of signals could make the wait endless.
   for (; ready <= 0 && *waits > 0; --*waits) ready = poll(&request, 1, kWaitMs);
-  return ready > 0 && request.revents == POLLOUT;
+  return request.revents == POLLOUT;
 }
 
 bool Sink::Replace(int descriptor) {
@@ -106,11 +106,12 @@ bool Sink::Replace(int descriptor) {
   } else {
     // The descriptor keeps its number and is never closed, so a thread that has just read the number writes
     // to the old file or to the new one.
-    int result = -1;
-    for (int attempt = 0; attempt < kMaxAttempts && result < 0; ++attempt) {
+    int result = 0;
+    int attempts = 0;
+    do {
       result = dup3(descriptor, old, O_CLOEXEC);
-      if (result < 0 && errno != EINTR && errno != EBUSY) break;
-    }
+      ++attempts;
+    } while (result < 0 && (errno == EINTR || errno == EBUSY) && attempts < kMaxAttempts);
     const int error = errno;
     close(descriptor);
     errno = error;

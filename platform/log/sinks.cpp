@@ -23,9 +23,9 @@ namespace {
 
 constexpr off_t kMaxLogFileBytes = off_t{10} << 20;
 
-// "ara::log: " and the longest text that begins a message.
-constexpr std::size_t kMaxReportWordsBytes = 64;
-static_assert(1 + kMaxReportWordsBytes + 2 * kMaxReportedBytes + Sink::kTailBytes <= kMaxLineBytes,
+static_assert(64 +  // "\nara::log: " and the longest text that begins a message
+                      2 * kMaxReportedBytes + Sink::kTailBytes <=
+                  kMaxLineBytes,
               "the longest message about a sink must fit into one line");
 
 // All of these are constant-initialised: other libraries log from their static initialisers.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <linux/limits.h>
+
 #include <cstddef>
 #include <string>
 
@@ -12,8 +14,8 @@ namespace ara::log {
 /// The places that records go to: the console, the log file and the remote sink. A process has one of each.
 /// Threads: unless said otherwise the functions may be called from any thread and from signal handlers.
 
-// PIPE_BUF on Linux: a longer write to a pipe may be torn.
-constexpr std::size_t kMaxLineBytes = 4096;
+/// The most bytes of a line. A longer write to a pipe may be torn.
+constexpr std::size_t kMaxLineBytes = PIPE_BUF;
 
 /// The most bytes of a path or of a reason in a message about a sink.
 constexpr std::size_t kMaxReportedBytes = 1023;

@@ -277,7 +277,9 @@ TEST_F(Logging, RenamesAFileThatIsLargerThanTenMebibytes) {
   Init(LogLevel::kInfo);
   EXPECT_FALSE(std::filesystem::exists(path + ".1"));
   logger_.LogInfo(kHere) << "past";
+  testing::internal::CaptureStderr();
   Init(LogLevel::kInfo);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "nothing has failed";
   EXPECT_GT(std::filesystem::file_size(path + ".1"), kLimit);
   EXPECT_EQ(std::filesystem::file_size(path), 0U);
   logger_.LogInfo(kHere) << "text";

@@ -174,6 +174,14 @@ TEST_F(LogProbe, MoreContextsThan64ShareTheLastOne) {
   }
 }
 
+TEST_F(LogProbe, TheSharedContextGetsTheThresholdOfTheLastCaller) {
+  Run({"loggers", "64", "logger", "MORE", "2", "error", "error of MORE", "info", "info of MORE"});
+  const std::vector<Line> records = ErrorRecords();
+  ASSERT_EQ(records.size(), 65U);
+  EXPECT_EQ(records[64].contextId, "C63");
+  EXPECT_THAT(records[64].text, testing::StartsWith("error of MORE"));
+}
+
 TEST_F(LogProbe, WithoutStandardErrorTheLogGoesToNoOtherFile) {
   Run({"open", "mine",  "logger", "TPW",  "6", "error", "before", "init",  "STBM", "4",
        "6",    "./log", "logger", "STBM", "4", "error", "after",  "write", "2",    "my own"},

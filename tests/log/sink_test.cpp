@@ -304,6 +304,19 @@ TEST(Sink, EndsALineThatWasWrittenInPart) {
   close(file);
 }
 
+TEST(Sink, AWriteOfNoBytesIsALoss) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kNever);
+  log_test::SystemCalls calls;
+  int writes = 0;
+  calls.onWrite = [&](int, const char*, std::size_t) {
+    ++writes;
+    return 0;
+  };
+  EXPECT_STREQ(Deliver(sink, "lost"), "it took a line in part");
+  EXPECT_EQ(writes, 1);
+}
+
 TEST(Sink, LeavesASizeSignalThatTheApplicationBlocksPending) {
   const log_test::TemporaryFolder folder;
   const int file = open(folder.File("full").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
