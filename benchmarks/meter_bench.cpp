@@ -28,9 +28,15 @@
 namespace {
 
 constexpr int kCallsARound = 20'000;
-// Of each load, in the order of the engines.
-constexpr const char* kOperations[] = {"memcpy_s", "QetImageResize", "encode (3 calls)",
-                                       "QetDNNModelProcess"};
+// What is measured, in this order, and the engine whose operation it is.
+struct MeasuredOperation {
+  const char* name;
+  const char* engine;
+};
+constexpr MeasuredOperation kOperations[] = {{"memcpy_s", "cpu"},
+                                             {"QetImageResize", "vpc"},
+                                             {"encode (3 calls)", "venc"},
+                                             {"QetDNNModelProcess", "aic"}};
 constexpr std::chrono::seconds kMeasured{10};
 
 // The least disturbed round, ns a call.
@@ -161,18 +167,24 @@ int main(int argc, char** argv) {
   (void)std::printf("%-20s %10s %12s %12s %14s\n", "ns, best of rounds", "no meter", "no reader",
                     "with reader", "meter adds");
   for (std::size_t i = 0; i < std::size(kOperations); ++i) {
-    (void)std::printf("%-20s %10.1f %12.1f %12.1f %14.1f\n", kOperations[i], plain[i], silent[i], metered[i],
-                      metered[i] - plain[i]);
+    (void)std::printf("%-20s %10.1f %12.1f %12.1f %14.1f\n", kOperations[i].name, plain[i], silent[i],
+                      metered[i], metered[i] - plain[i]);
   }
   if (argc < 3) return 0;
   const std::map<std::string, Busy> engines = RunEngines(argv[2]);
   (void)std::printf("\n%-20s %10s %16s %14s %14s\n", "engine", "operations", "ns an operation", "meter adds",
                     "of its rate");
-  std::size_t i = 0;
   for (const scope::EngineInfo& engine : scope::Engines()) {
-    if (!engine.load || i == std::size(kOperations)) continue;
+    if (!engine.load) continue;
+    const auto* const measured = std::find_if(
+        std::begin(kOperations), std::end(kOperations),
+        [&engine](const MeasuredOperation& one) { return engine.id == std::string(one.engine); });
+    if (measured == std::end(kOperations)) {
+      (void)std::fprintf(stderr, "meter_bench: no operation of %s is measured\n", engine.id);
+      return 1;
+    }
+    const auto i = static_cast<std::size_t>(measured - std::begin(kOperations));
     const double added = metered[i] - plain[i];
-    ++i;
     const auto at = engines.find(engine.id);
     if (at == engines.end() || at->second.operations == 0) continue;
     const double ns = static_cast<double>(at->second.ns) / static_cast<double>(at->second.operations);

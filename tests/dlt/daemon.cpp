@@ -73,7 +73,8 @@ std::string DltDaemon::Missing() {
   for (const std::string tool : {"dlt-daemon", "dlt-receive", "dlt-convert"}) {
     if (FindTool(tool).empty()) {
       return tool +
-             " is not installed (Debian packages dlt-daemon and dlt-tools; ./scripts/setup --dev installs them)";
+             " is not installed (Debian packages dlt-daemon and dlt-tools; ./scripts/setup --dev installs "
+             "them)";
     }
   }
   return FreePort() == 0 ? "there is no IPv6 loopback, which the daemon needs" : "";

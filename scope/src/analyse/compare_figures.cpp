@@ -1,6 +1,7 @@
 #include "compare_figures.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <tuple>
 
@@ -26,30 +27,38 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
     const EngineSecond& second = engine.seconds[i];
     // The middle: the seconds do not begin exactly on the second.
     if (second.afterGap || second.timeS - second.spanS / 2 < skipS) continue;
-    figures[{engine.engine, Figure::kOperations}].push_back(second.OperationsPerS());
+    for (const FigureKind& kind : FigureKinds()) {
+      const auto value = kind.ofSecond == nullptr ? std::nullopt : kind.ofSecond(second);
+      if (value) figures[{engine.engine, kind.figure}].push_back(*value);
+    }
     const std::optional<double> gigabytesPerS = second.GigabytesPerS();
     bytesKnown = bytesKnown && gigabytesPerS.has_value();
-    if (gigabytesPerS) {
-      figures[{engine.engine, Figure::kBandwidth}].push_back(*gigabytesPerS);
-      TotalSecond& total = totals[second.timeS];
-      ++total.engines;
-      total.gigabytesPerS += *gigabytesPerS;
-    }
-    if (second.operations == 0) continue;
-    figures[{engine.engine, Figure::kP50}].push_back(static_cast<double>(second.p50Ns) / kNsPerUs);
-    figures[{engine.engine, Figure::kP99}].push_back(static_cast<double>(second.p99Ns) / kNsPerUs);
+    if (!gigabytesPerS) continue;
+    TotalSecond& total = totals[second.timeS];
+    ++total.engines;
+    total.gigabytesPerS += *gigabytesPerS;
   }
   if (!bytesKnown) figures.erase({engine.engine, Figure::kBandwidth});
+}
+
+// A second without operations has no latency.
+template <std::uint64_t EngineSecond::* kLatencyNs>
+std::optional<double> LatencyUs(const EngineSecond& second) {
+  if (second.operations == 0) return std::nullopt;
+  return static_cast<double>(second.*kLatencyNs) / kNsPerUs;
 }
 
 }  // namespace
 
 const std::vector<FigureKind>& FigureKinds() {
-  static const std::vector<FigureKind> kKinds = {{Figure::kOperations, "ops", "op/s", false},
-                                                 {Figure::kBandwidth, "bandwidth", "GB/s", false},
-                                                 {Figure::kP50, "p50", "us", true},
-                                                 {Figure::kP99, "p99", "us", true},
-                                                 {Figure::kPrinted, "printed", "fps", false}};
+  static const std::vector<FigureKind> kKinds = {
+      {Figure::kOperations, "ops", "op/s", false,
+       [](const EngineSecond& second) { return std::optional(second.OperationsPerS()); }},
+      {Figure::kBandwidth, "bandwidth", "GB/s", false,
+       [](const EngineSecond& second) { return second.GigabytesPerS(); }},
+      {Figure::kP50, "p50", "us", true, LatencyUs<&EngineSecond::p50Ns>},
+      {Figure::kP99, "p99", "us", true, LatencyUs<&EngineSecond::p99Ns>},
+      {Figure::kPrinted, "printed", "fps", false, nullptr}};
   return kKinds;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +18,8 @@ struct FigureKind {
   const char* name;  ///< on the command line and in JSON: "ops", "bandwidth", "p50", "p99", "printed"
   const char* unit;  ///< "op/s", "GB/s", "us", "us", "fps"
   bool lowerIsBetter;
+  /// The figure of a second; none where the second has none. Null: not taken from the meter's seconds.
+  std::optional<double> (*ofSecond)(const EngineSecond& second);
 };
 const std::vector<FigureKind>& FigureKinds();
 const FigureKind& KindOf(Figure figure);
