@@ -307,8 +307,8 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
   state->session.reset(session);
 #ifdef __GLIBC__
   // Loading takes and frees more memory than the weights have. Without this call the C library would keep it.
-  // One thread at a time: under a preloaded allocator the first call sets up the C library's own, and two calls
-  // at once break that.
+  // One thread at a time: under a preloaded allocator the first call sets up the C library's own, and two
+  // calls at once break that.
   static std::mutex trimming;
   const std::lock_guard<std::mutex> lock(trimming);
   (void)malloc_trim(0);
