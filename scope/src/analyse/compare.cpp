@@ -20,10 +20,10 @@ constexpr double kOnePercent = 0.01;
 using Values = std::map<FigureKey, std::vector<double>>;
 
 struct SideFigures {
-  std::vector<Values> runs;  ///< the seconds of each run
-  /// Engines whose printed rates are not to be used.
+  std::vector<Values> runs;  ///< the values of each run's seconds
+  /// Engines whose printed rates are unusable.
   std::set<std::string> printedTooCoarsely;
-  /// Engine that worked and stopped before the end of a run, to where.
+  /// Engines that stopped before the end of a run, each with a sentence about when.
   std::map<std::string, std::string> stopped;
 };
 
@@ -46,7 +46,7 @@ SideFigures Read(const Side& side, const CompareOptions& options) {
   return figures;
 }
 
-// One value a run, or all seconds of all runs.
+// One median per run, or the values of all seconds of all runs.
 std::vector<double> Pick(const SideFigures& figures, const FigureKey& key, bool overRepeats) {
   std::vector<double> values;
   for (const Values& run : figures.runs) {
@@ -61,12 +61,12 @@ std::vector<double> Pick(const SideFigures& figures, const FigureKey& key, bool 
   return values;
 }
 
-// Neighbouring seconds are alike; the block grows with their number as is usual for this bootstrap.
+// Neighbouring seconds depend on each other. The cube root is the usual block length for this bootstrap.
 std::size_t Block(std::size_t seconds) {
   return static_cast<std::size_t>(std::lround(std::cbrt(static_cast<double>(seconds))));
 }
 
-// Scatter of a run's figure over its median, as far as it is known.
+// The coefficient of variation of a run's median. None for fewer than two values or a median of 0.
 std::optional<double> Variation(const std::vector<double>& values, bool overRepeats,
                                 const BootstrapOptions& bootstrap) {
   const double median = std::abs(Median(values));
@@ -115,7 +115,8 @@ void Judge(ComparedFigure& figure, bool overRepeats, const CompareOptions& optio
   }
   if (!shown) return;
   const bool lowerIsBetter = KindOf(figure.key.figure).lowerIsBetter;
-  const double least = lowerIsBetter ? figure.lowPercent : -figure.highPercent;  // worse by at least this
+  const double least =
+      lowerIsBetter ? figure.lowPercent : -figure.highPercent;  // B is worse by at least this
   figure.verdict = least > 0 ? Verdict::kWorse : Verdict::kBetter;
   figure.regression = least > options.tolerancePercent;
 }
@@ -125,7 +126,7 @@ std::size_t RunsWith(const SideFigures& figures, const FigureKey& key) {
                                                 [&key](const Values& run) { return run.count(key) != 0; }));
 }
 
-// The runs that have the figure are all that the medians are of.
+// The medians cover only the runs that have the figure. They do not show that other runs lack it.
 void JudgeMissingRuns(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
   const std::size_t missing = b.runs.size() - RunsWith(b, figure.key);
   if (figure.verdict == Verdict::kMissing || missing == 0 || RunsWith(a, figure.key) != a.runs.size()) return;
@@ -134,7 +135,7 @@ void JudgeMissingRuns(ComparedFigure& figure, const SideFigures& a, const SideFi
   figure.note = Format("%zu of %zu runs of B do not have it", missing, b.runs.size());
 }
 
-// The seconds before an engine stopped may be as good as ever, and a median is of no other.
+// A median covers only the seconds before the engine stopped, and those may be as good as in A.
 void JudgeEarlyEnd(ComparedFigure& figure, const SideFigures& a, const SideFigures& b) {
   if (figure.verdict == Verdict::kMissing) return;
   for (const auto& [engine, end] : b.stopped) {

@@ -14,21 +14,21 @@ namespace scope {
 enum class Verdict {
   kBetter,
   kWorse,
-  kNoDifference,  ///< none shown at this noise
-  kMissing,       ///< one side does not have the figure
-  kUnusable       ///< has values that say nothing; `note` says why
+  kNoDifference,  ///< the noise hides any difference
+  kMissing,       ///< one side lacks the figure
+  kUnusable       ///< the values mean nothing; `note` says why
 };
 
 struct ComparedFigure {
   FigureKey key;
-  std::vector<double> aValues;  ///< a repeat each, its median over the seconds; or the seconds
+  std::vector<double> aValues;  ///< the median of each repeat, or the values of the seconds
   std::vector<double> bValues;
-  std::optional<double> a;  ///< median; none where a side does not have the figure
+  std::optional<double> a;  ///< median; none if the side lacks the figure
   std::optional<double> b;
-  std::optional<double> differencePercent;  ///< of A's median, and so are the next two
+  std::optional<double> differencePercent;  ///< in per cent of A's median, like the next two
   double lowPercent = 0;
   double highPercent = 0;
-  std::optional<double> rankSumP;  ///< over repeats alone
+  std::optional<double> rankSumP;  ///< only when repeats are compared
   Verdict verdict = Verdict::kNoDifference;
   bool regression = false;
   std::optional<int> repeatsForOnePercent;
@@ -36,8 +36,8 @@ struct ComparedFigure {
 };
 
 struct Comparison {
-  /// True: the noise is that between repeats. False: a side has one run alone, and the noise is that within
-  /// the runs, between their seconds; it says nothing on how one run differs from the next.
+  /// True: the noise between repeats is used. False: a side has only one run, so the noise between the
+  /// seconds of a run is used. That noise does not show how much runs differ from each other.
   bool overRepeats = true;
   std::vector<ComparedFigure> figures;
   std::vector<std::string> notes;
@@ -49,15 +49,14 @@ struct CompareOptions {
   double tolerancePercent = 1;
   double confidence = 0.95;
   std::uint64_t seed = 1;
-  std::set<Figure> figures;  ///< empty: all
+  std::set<Figure> figures;  ///< empty means all
 };
 
-/// Compares B with A, figure by figure. A difference is shown when the bootstrap interval of the difference
-/// of medians leaves out 0 and, over repeats, the rank-sum test agrees: of few repeats a bootstrap alone
-/// makes too much. It is a regression when the whole interval is worse than the tolerance, when the figure is
-/// missing in B, or some of its runs, alone, or when its engine, or a thread of it, stops before the end in B
-/// alone: a median over the seconds does not show that. Throws UserError for a run without a second
-/// after skipS.
+/// Compares B with A, figure by figure. A difference counts when the bootstrap interval of the difference of
+/// medians excludes 0. Over repeats the rank-sum test must agree: with few repeats, a bootstrap alone finds
+/// too many differences. It is a regression when the whole interval is worse than the tolerance. It is also
+/// one when only B lacks the figure in some runs, or when an engine or one of its threads stops early only
+/// in B. Throws UserError for a run without a second after skipS.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 
 }  // namespace scope

@@ -56,7 +56,7 @@ const std::vector<Condition>& Known() {
        }},
       {"caches", [](const Run& run) { return CachesText(run.info.conditions.caches); }},
       {"mem_total_bytes",
-       // To what a module is, not to what the kernel of the day keeps for itself.
+       // One decimal: kernels reserve slightly different amounts of the same memory modules.
        [](const Run& run) {
          const auto bytes = static_cast<double>(run.info.conditions.memTotalBytes);
          return bytes == 0 ? std::string() : Format("%.1f GiB", bytes / kGibibyte);
@@ -77,7 +77,7 @@ const std::vector<Condition>& Known() {
   return kKnown;
 }
 
-// One entry for each value of the configuration, but for the levels, that is not the same in all runs.
+// Adds an entry for each setting, except the levels, whose value differs between runs.
 void AddSettings(const std::vector<Run>& a, const std::vector<Run>& b,
                  std::vector<ConditionDifference>& differences) {
   std::set<std::string> names;

@@ -7,17 +7,17 @@
 
 namespace scope {
 
-/// A condition under which not all of the runs were recorded.
+/// A condition whose value differs between runs.
 struct ConditionDifference {
   std::string name;  ///< a key of run.json's conditions, "levels", "config" or "complete"
-  std::string a;     ///< what it was in A's runs; different ones are joined by " or "
+  std::string a;     ///< the value in A's runs; different values are joined by " or "
   std::string b;
 };
-/// The conditions that matter to a rate: the machine, its kernel, frequencies and libraries, the build, the
-/// meter, the levels, the configuration's other values (an entry "config" each), and whether the runs are
-/// complete. Not the load average: it is noise, not a setting.
+/// Compares the conditions that affect a rate: the machine, its kernel, frequencies and libraries, the build,
+/// the meter, the levels, the other settings (one entry "config" each), and whether the runs are complete.
+/// The load average is left out: it is noise, not a setting.
 std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b);
-/// The names that DifferentConditions knows.
+/// All names that DifferentConditions can return.
 std::vector<std::string> ConditionNames();
 
 }  // namespace scope

@@ -14,7 +14,7 @@ constexpr double kNsPerUs = 1e3;
 
 using Values = std::map<FigureKey, std::vector<double>>;
 
-// By the ends of the seconds, for all engines: how many have a whole second then, and what they move in it.
+// One second of all engines together: how many have a whole second that ends then, and their bandwidth.
 struct TotalSecond {
   std::size_t engines = 0;
   double gigabytesPerS = 0;
@@ -25,7 +25,7 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
   bool bytesKnown = true;
   for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {
     const EngineSecond& second = engine.seconds[i];
-    // The middle: the seconds do not begin exactly on the second.
+    // The middle decides, because a second does not begin at exactly a whole number.
     if (second.afterGap || second.timeS - second.spanS / 2 < skipS) continue;
     for (const FigureKind& kind : FigureKinds()) {
       const auto value = kind.ofSecond == nullptr ? std::nullopt : kind.ofSecond(second);
@@ -82,7 +82,7 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
     if (!IsLoad(engine.engine)) continue;
     if (engine.work.operations == 0) {
       figures[{engine.engine, Figure::kOperations}] = {0};
-      figures[{kAllEngines, Figure::kBandwidth}] = {0};  // unless another one works
+      figures[{kAllEngines, Figure::kBandwidth}] = {0};  // erased below if another engine works
       continue;
     }
     ++working;
@@ -90,7 +90,7 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
   }
   if (working != 0) figures.erase({kAllEngines, Figure::kBandwidth});
   for (const auto& [timeS, total] : totals) {
-    // A second in which one of them has not begun yet, or has ended, or whose bytes are unknown, is no sum.
+    // No sum if an engine has not begun, has ended, or has unknown bytes.
     if (total.engines != working) continue;
     figures[{kAllEngines, Figure::kBandwidth}].push_back(total.gigabytesPerS);
   }

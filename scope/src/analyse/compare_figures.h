@@ -10,12 +10,12 @@
 
 namespace scope {
 
-/// What is compared of an engine, in the order in which it is shown.
+/// The figures of an engine that are compared, in display order.
 enum class Figure { kOperations, kBandwidth, kP50, kP99, kPrinted };
 
 struct FigureKind {
   Figure figure;
-  const char* name;  ///< on the command line and in JSON: "ops", "bandwidth", "p50", "p99", "printed"
+  const char* name;  ///< in arguments and JSON: "ops", "bandwidth", "p50", "p99", "printed"
   const char* unit;  ///< "op/s", "GB/s", "us", "us", "fps"
   bool lowerIsBetter;
   /// The figure of a second; none where the second has none. Null: not taken from the meter's seconds.
@@ -24,23 +24,23 @@ struct FigureKind {
 const std::vector<FigureKind>& FigureKinds();
 const FigureKind& KindOf(Figure figure);
 
-/// All engines together; has a bandwidth alone, and only where every engine's bytes are known.
+/// All engines together. Its only figure is the bandwidth, if the bytes of every engine are known.
 constexpr const char* kAllEngines = "total";
 
 struct FigureKey {
   std::string engine;  ///< its id, or kAllEngines
   Figure figure = Figure::kOperations;
 };
-/// Engines as they are listed everywhere, then figures.
+/// Orders by engine, as in the table of engines, and then by figure.
 bool operator<(const FigureKey& left, const FigureKey& right);
 
-/// Values of the run's seconds by figure, in the order of time:
-/// - ops/s and GB/s (10^9 bytes) of all the engine's threads together, over the length of the second;
-/// - p50 and p99 in us, as EngineSecond has them;
-/// - the rate that was printed.
-/// They are the engine's whole seconds, of which those that begin before `skipS` are left out, and so are
-/// printed rates before it. An engine without any operation has the one rate 0, and where none has any, so
-/// has the total. Engines and figures without a value are absent.
+/// The values of the run's seconds by figure, in order of time:
+/// - op/s and GB/s (10^9 bytes) of all threads of the engine, divided by the second's length;
+/// - p50 and p99 of EngineSecond, in us;
+/// - the printed rate.
+/// Only whole seconds count. Seconds whose middle is before `skipS` and printed rates before it are left out.
+/// An engine without operations has the single rate 0. If no engine has any, the total is a single 0 too.
+/// Engines and figures without a value are absent.
 std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double skipS);
 
 }  // namespace scope

@@ -8,15 +8,15 @@
 
 namespace scope {
 
-/// One of the two that are compared.
+/// One of the two sides of a comparison.
 struct Side {
-  std::string name;  ///< as given
+  std::string name;  ///< as the user gave it
   std::vector<Run> runs;
-  std::optional<double> warmupS;  ///< of the sweep that it is a point of
+  std::optional<double> warmupS;  ///< of the sweep, if the side is a point of one
 };
 
-/// Reads what `argument` names: a run folder; a folder of runs, which are repeats; or a point of a sweep as
-/// FOLDER:CPU=2,VENC=0, with a level for each swept section, whose runs that are done are repeats. Throws
+/// Reads a run folder, a folder of runs, or a point of a sweep. A point is FOLDER:CPU=2,VENC=0, with a level
+/// for each swept section. The runs of a folder, and the finished runs of a point, are repeats. Throws
 /// UserError for anything else.
 Side ReadSide(const std::string& argument);
 

@@ -19,14 +19,14 @@ namespace {
 constexpr double kNsPerS = 1e9;
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
 
-// The engines of the table in its order, then others by name.
+// Engines in the order of the table, then others by name.
 std::pair<std::size_t, std::string> OrderOf(const std::string& engine) {
   return {EngineOrder(engine), engine};
 }
 
 using Rows = std::vector<const Sample*>;
 
-// Ends of all seconds of the run: an engine's first second began where the one before it ended.
+// `ends` has the ends of all seconds of the run. A second begins where the one before it ends.
 double StartOf(const std::set<double>& ends, double timeS) {
   const auto at = ends.lower_bound(timeS);
   return at == ends.begin() ? 0 : *std::prev(at);
@@ -59,7 +59,7 @@ std::vector<EngineSecond> SecondsOf(const Rows& samples, const std::set<double>&
   std::vector<EngineSecond> seconds;
   for (const auto& [timeS, rows] : byTime) {
     EngineSecond second = Add(rows);
-    // A row holds what was done since the row before it, however long ago that was.
+    // A row counts everything since the row before it, even after a gap.
     second.spanS = timeS - (seconds.empty() ? StartOf(ends, timeS) : seconds.back().timeS);
     second.afterGap = !seconds.empty() && second.spanS > kGapS;
     if (second.spanS > 0) seconds.push_back(second);
@@ -80,7 +80,7 @@ std::pair<std::size_t, std::size_t> WholeSeconds(const std::vector<EngineSecond>
 
 using Buckets = std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>;
 
-// The middle of the bucket, which no operation took longer than the longest.
+// The middle of the bucket, but never more than the longest operation.
 std::optional<std::uint64_t> Percentile(const Buckets& buckets, double quantile, std::uint64_t maxNs) {
   const auto at = AtQuantile(buckets, quantile);
   if (at == buckets.end()) return std::nullopt;
@@ -139,7 +139,7 @@ double ShareBelowMillisecond(const Buckets& buckets) {
   return whole > 0 ? below / whole : 0;
 }
 
-// Where there is no histogram: a recorder that was killed leaves none. By the medians of the seconds.
+// For runs without a histogram (a killed recorder leaves none): uses the medians of the seconds.
 double ShareBelowMillisecond(const Rows& samples) {
   double below = 0;
   double whole = 0;

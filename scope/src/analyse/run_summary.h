@@ -7,22 +7,22 @@
 
 #include "run.h"
 
-/// What a recorded run comes to: the figures that every report shows. Gigabytes are 10^9 bytes.
+/// The figures of a recorded run that every report shows. Gigabytes are 10^9 bytes.
 namespace scope {
 
 /// One engine in one second, all its threads together.
 struct EngineSecond {
   double timeS = 0;  ///< end of the second
   double spanS = 0;  ///< its length
-  /// Seconds before it have no samples. Those are either in this one or lost, so it tells no rate.
+  /// True if samples are missing before it. They are counted here or lost, so this second has no rate.
   bool afterGap = false;
   std::uint64_t operations = 0;
-  std::optional<std::uint64_t> bytes;  ///< none where a thread's are unknown
+  std::optional<std::uint64_t> bytes;  ///< none if a thread's bytes are unknown
   std::uint64_t failures = 0;
-  /// Of the threads' own: the median, each thread weighing as many operations as it did. 0 without
-  /// operations, as the two below.
+  /// Median of the threads' medians, weighted by their operations. This and the next two are 0 without
+  /// operations.
   std::uint64_t p50Ns = 0;
-  std::uint64_t p99Ns = 0;  ///< of the thread that has the greatest; that of all together is at most this
+  std::uint64_t p99Ns = 0;  ///< the greatest p99 of a thread; the p99 of all threads together is at most this
   std::uint64_t maxNs = 0;
 
   double OperationsPerS() const { return static_cast<double>(operations) / spanS; }
@@ -34,13 +34,13 @@ struct WorkSummary {
   std::uint64_t operations = 0;
   std::uint64_t failures = 0;
   double operationsPerS = 0;            ///< over the whole seconds, see EngineSummary
-  std::optional<double> gigabytesPerS;  ///< the same; none where bytes are unknown
+  std::optional<double> gigabytesPerS;  ///< the same; none if bytes are unknown
   std::optional<std::uint64_t> p50Ns;   ///< of all operations; none without operations or histogram
   std::optional<std::uint64_t> p99Ns;
   std::uint64_t maxNs = 0;
   double lastS = 0;  ///< end of the last second with an operation; 0 without one
-  /// Operations per second of busy time: what the benchmark would print if it counted exactly. Of several
-  /// threads the mean, as it prints. 0 without operations.
+  /// Operations per second of busy time: the rate that the benchmark would print if it counted exactly. For
+  /// several threads it is their mean, like the printed rate. 0 without operations.
   double busyRate = 0;
 };
 
@@ -54,34 +54,33 @@ struct EngineSummary {
   WorkSummary work;
   std::vector<ThreadSummary> threads;
   std::vector<EngineSecond> seconds;
-  /// The seconds between the one in which the engine began and the one in which it ended, or all with
-  /// operations where there are no others: [firstWhole, endWhole) of `seconds`. Rates are over those of them
-  /// that are not after a gap.
+  /// The whole seconds are [firstWhole, endWhole) of `seconds`: those between the engine's first and last
+  /// second with operations. If there is none between, these two count. Rates leave out seconds after a gap.
   std::size_t firstWhole = 0;
   std::size_t endWhole = 0;
-  double belowMillisecond = 0;  ///< share of its operations that took less than 1 ms, of 0 to 1
+  double belowMillisecond = 0;  ///< share (0 to 1) of operations that took less than 1 ms
 };
 
 /// One stress's printed rates.
 struct PrintedRates {
   std::string stress;
-  std::string engine;  ///< the engine that it loads; empty for a name that is not known
+  std::string engine;  ///< the engine that it loads; empty if the stress is unknown
   std::vector<Rate> rates;
-  /// Median of the lines from the first on that is not 0; 0 where all are. The lines before come from a
-  /// benchmark that has not measured yet.
+  /// Median of the rates from the first one that is not 0; 0 if all are 0. Before it, the benchmark has
+  /// not measured yet.
   double median = 0;
 };
 
 struct RunSummary {
-  std::vector<EngineSummary> engines;   ///< in the order of their table, then others by name
+  std::vector<EngineSummary> engines;   ///< in the order of the table, then others by name
   std::vector<PrintedRates> printed;    ///< in the same order
-  std::optional<double> gigabytesPerS;  ///< of all engines together; none where one is unknown, or none there
-  double endS = 0;                      ///< of the last second of all
+  std::optional<double> gigabytesPerS;  ///< of all engines; none if one is unknown or there is none
+  double endS = 0;                      ///< end of the run's last second
 
   const PrintedRates* PrintedOf(const std::string& engine) const;
 };
 
-/// An engine of a set-up is among the engines and does not count towards the sum.
+/// Engines of the set-up are listed, but are not part of the sum.
 RunSummary Summarise(const Run& run);
 
 }  // namespace scope

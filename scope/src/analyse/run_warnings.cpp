@@ -13,12 +13,12 @@
 namespace scope {
 namespace {
 
-// Of a CPU each: beyond it, somebody else's work is measured as well.
+// Load average per CPU. Above it, the work of other programs affects the figures.
 constexpr double kBusyLoad = 0.25;
 constexpr double kDriftP = 0.01;
-// Cut off, such operations count as no time at all, and the printed rate is of the others.
+// The printed rate counts whole milliseconds, so shorter operations add no time to it.
 constexpr double kShareBelowMillisecond = 0.01;
-// What counts at all counts as a millisecond or more: a greater rate has operations that count as none.
+// An operation that is counted takes at least 1 ms. A higher rate includes operations counted as 0 ms.
 constexpr double kGreatestWholeRate = 1000;
 constexpr double kSlowedDown = 0.95;
 constexpr double kStoppedEarlyS = 2.5;
@@ -58,7 +58,7 @@ void AddFailures(const EngineSummary& engine, List& warnings) {
                       engine.engine});
 }
 
-// `times` and `rates` of equal length.
+// `times` and `rates` have equal lengths.
 void AddDrift(const std::string& name, const std::string& engine, const std::vector<double>& times,
               const std::vector<double>& rates, List& warnings) {
   const double drift = DriftAtEnd(rates);
@@ -110,14 +110,14 @@ void AddPrinted(const PrintedRates& printed, List& warnings) {
 
 using Series = std::vector<const CounterValue*>;
 
-// When the counter first had a value for which `isAmiss` holds; one has.
+// The time of the first value for which `isAmiss` is true. There must be one.
 std::optional<double> FirstTime(const Series& series, const std::function<bool(double)>& isAmiss) {
   return (*std::find_if(series.begin(), series.end(),
                         [&](const auto* entry) { return isAmiss(entry->value); }))
       ->timeS;
 }
 
-// An empty one where the counter tells nothing amiss.
+// An empty warning if nothing is wrong.
 Warning AboutCounter(const Series& series) {
   const CounterValue& first = *series.front();
   const CounterValue& last = *series.back();
@@ -150,7 +150,7 @@ Warning AboutCounter(const Series& series) {
   return {};
 }
 
-// One sentence for a source: a machine has as many of the same as it has CPUs.
+// One sentence per source, because each CPU can have the same warning.
 void AddCounters(const Run& run, List& warnings) {
   std::map<std::pair<std::string, std::string>, Series> byName;
   for (const CounterValue& value : run.counters) byName[{value.source, value.name}].push_back(&value);
@@ -166,7 +166,7 @@ void AddCounters(const Run& run, List& warnings) {
   }
 }
 
-// The middle of equal parts of the series, where it is longer than the pairs of all its values allow.
+// Medians of equal parts of a long series: the trend test compares all pairs of values.
 std::vector<double> Thinned(const std::vector<double>& values) {
   constexpr std::size_t kMost = 500;
   if (values.size() <= kMost) return values;
@@ -182,7 +182,7 @@ std::vector<double> Thinned(const std::vector<double>& values) {
 }  // namespace
 
 Warning EarlyEnd(const EngineSummary& engine, double endS) {
-  // An operation that goes on at the end began as long before it as the longest took.
+  // An operation may still run at the end. It may take as long as the longest one did.
   const auto stopped = [endS](const WorkSummary& work) {
     return endS - work.lastS > kStoppedEarlyS + static_cast<double>(work.maxNs) * 1e-9;
   };

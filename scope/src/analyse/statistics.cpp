@@ -14,7 +14,7 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr std::size_t kExactRankSum = 50;
 constexpr int kMostRepeats = 1'000'000;
-// 1 - 0.9 is a little less than 0.1.
+// Tolerance for rounding: 1 - 0.9 is slightly less than 0.1.
 constexpr double kRounding = 1 + 1e-9;
 
 void Need(const std::vector<double>& values, std::size_t count, const char* what) {
@@ -27,14 +27,14 @@ double NormalTail(double z) {
   return 0.5 * std::erfc(z / std::sqrt(2.0));
 }
 
-// Two-sided p of a score of standard deviation `deviation`, which moves in whole steps of 2 * `halfStep`.
+// Two-sided p of a score with this standard deviation. The score moves in steps of 2 * `halfStep`.
 double NormalP(double score, double halfStep, double deviation) {
   if (deviation <= 0) return 1;
   const double z = std::max(0.0, std::abs(score) - halfStep) / deviation;
   return std::min(1.0, 2 * NormalTail(z));
 }
 
-// Sum over groups of equal values of their number t as `add` has it.
+// Sums `add(t)` over the groups of equal values, where t is the size of the group.
 template <typename Add>
 double OverTies(const std::vector<double>& values, Add add) {
   std::map<double, double> counts;
@@ -44,7 +44,7 @@ double OverTies(const std::vector<double>& values, Add add) {
   return sum;
 }
 
-// Twice the rank of each value, equal ones sharing the middle of theirs: whole numbers.
+// Twice the rank of each value. Equal values share their mean rank, so the doubled ranks are whole.
 std::vector<std::size_t> DoubledRanks(const std::vector<double>& values) {
   std::vector<double> sorted = values;
   std::sort(sorted.begin(), sorted.end());
@@ -57,7 +57,7 @@ std::vector<std::size_t> DoubledRanks(const std::vector<double>& values) {
   return ranks;
 }
 
-// How often a choice of `chosen` of all ranks has the sum `sum` or less, and how often that or more.
+// Two-sided p: twice the share of choices of `chosen` ranks whose sum is as far out as `sum`.
 double ExactRankSumP(const std::vector<std::size_t>& ranks, std::size_t chosen, std::size_t sum) {
   const std::size_t whole = std::accumulate(ranks.begin(), ranks.end(), std::size_t{0});
   std::vector<std::vector<double>> ways(chosen + 1, std::vector<double>(whole + 1, 0));
@@ -98,7 +98,7 @@ double Mean(const std::vector<double>& values) {
   Need(values, 1, "a mean");
   const auto count = static_cast<double>(values.size());
   const double first = std::accumulate(values.begin(), values.end(), 0.0) / count;
-  // The rest of the division, which is lost where the values are much greater than their differences.
+  // Adds the rounding error of the division. It matters if values are much larger than their differences.
   double rest = 0;
   for (const double value : values) rest += value - first;
   return first + rest / count;
@@ -115,7 +115,7 @@ double StandardDeviation(const std::vector<double>& values) {
 double NormalQuantile(double p) {
   if (!(p > 0 && p < 1)) throw std::invalid_argument("a normal quantile needs a probability in (0, 1)");
   if (p < 0.5) return -NormalQuantile(1 - p);
-  // By halving: erfc has no inverse in the standard library, and this is called a few times a program.
+  // Bisection: the standard library has no inverse of erfc, and speed does not matter here.
   double low = 0;
   double high = 40;
   for (int step = 0; step < 100; ++step) {
@@ -129,8 +129,8 @@ std::vector<double> BootstrapMedians(const std::vector<double>& values, const Bo
   Need(values, 1, "a bootstrap");
   const std::size_t count = values.size();
   const std::size_t block = std::clamp<std::size_t>(options.block, 1, count);
-  // The standard fixes the numbers of this engine, and not those of its distributions. Of 2^64 numbers the
-  // remainder favours none that matters.
+  // The C++ standard fixes the numbers of this engine, but not those of its distributions. The remainder of
+  // a 64-bit number is uniform enough.
   std::mt19937_64 random(options.seed);
   std::vector<double> medians;
   medians.reserve(static_cast<std::size_t>(std::max(options.resamples, 0)));
@@ -149,7 +149,7 @@ Interval MedianDifference(const std::vector<double>& a, const std::vector<double
                           const BootstrapOptions& options) {
   const std::vector<double> ofA = BootstrapMedians(a, options);
   BootstrapOptions other = options;
-  other.seed = ~options.seed;  // the same numbers for both would tie one side's resamples to the other's
+  other.seed = ~options.seed;  // equal numbers would correlate the resamples of both sides
   std::vector<double> differences = BootstrapMedians(b, other);
   for (std::size_t i = 0; i < differences.size(); ++i) differences[i] -= ofA[i];
   const double tail = (1 - options.confidence) / 2;
@@ -175,7 +175,7 @@ double RankSumP(const std::vector<double>& a, const std::vector<double>& b) {
 }
 
 int LeastRepeats(double confidence) {
-  // Two of the choices of n among 2n values put all of one side above all of the other.
+  // Of all choices of n among 2n values, two put one side completely above the other.
   double choices = 1;
   int repeats = 0;
   do {

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-/// Statistics of repeated measurements. Every function takes finite values; those that need some say how
-/// many, and throw std::invalid_argument for fewer. Results depend on the arguments alone. Threads: any.
+/// Statistics of repeated measurements. All values must be finite. A function that needs a number of values
+/// says so and throws std::invalid_argument for fewer. Results depend only on the arguments. Threads: any.
 namespace scope {
 
 /// The quantile `share` (0 to 1) by linear interpolation between the order statistics (type 7 of Hyndman and
@@ -14,7 +14,7 @@ double Quantile(std::vector<double> values, double share);
 double Median(std::vector<double> values);
 
 double Mean(const std::vector<double>& values);
-/// Of a sample: over n - 1. Needs two values.
+/// Sample standard deviation (divides by n - 1). Needs two values.
 double StandardDeviation(const std::vector<double>& values);
 
 /// The value that a standard normal variable does not exceed with probability `p`, 0 < p < 1.
@@ -29,42 +29,40 @@ struct BootstrapOptions {
   double confidence = 0.95;
   int resamples = 9999;
   std::uint64_t seed = 1;
-  /// Values are drawn in runs of so many neighbours (circular block bootstrap). 1 for values that do not
-  /// depend on the one before; more for a series over time.
+  /// Number of neighbours that are drawn together (circular block bootstrap). Use 1 for independent values
+  /// and more for a series over time.
   std::size_t block = 1;
 };
 
-/// Medians of resamples of `values`, which needs one.
+/// Medians of resamples of `values`. Needs one value.
 std::vector<double> BootstrapMedians(const std::vector<double>& values, const BootstrapOptions& options);
 
-/// Confidence interval of median(b) - median(a): the percentiles of its bootstrap distribution, both sides
-/// resampled on their own. Percentiles and not BCa: the acceleration of BCa comes from a jackknife, which is
-/// not consistent for the median.
+/// Confidence interval of median(b) - median(a): percentiles of its bootstrap distribution. Each side is
+/// resampled independently. BCa is not used: its jackknife is not consistent for the median.
 Interval MedianDifference(const std::vector<double>& a, const std::vector<double>& b,
                           const BootstrapOptions& options);
 
-/// Two-sided p of the rank-sum test of Wilcoxon, Mann and Whitney: how often values that are all of one kind
-/// would fall as far apart as `a` and `b`. Exact, with ties too, for up to 50 values together; by the normal
-/// approximation, corrected for ties and continuity, above. Both need one value.
+/// Two-sided p of the rank-sum test of Wilcoxon, Mann and Whitney: the probability that samples of one
+/// distribution lie as far apart as `a` and `b`. Exact for up to 50 values in total, also with ties. Above,
+/// the normal approximation, corrected for ties and continuity. Each side needs one value.
 double RankSumP(const std::vector<double>& a, const std::vector<double>& b);
 
-/// Repeats a side below which RankSumP cannot come to 1 - `confidence`, however far the sides lie apart.
+/// The fewest repeats per side with which RankSumP can reach 1 - `confidence`.
 int LeastRepeats(double confidence);
 
-/// Repeats a side that show a difference of `share` (0.01: 1 %) between two medians with the probability
-/// `power`, for repeats that scatter with the coefficient of variation `variation`. Of normal values: the
-/// sample size for two means times pi / 2, by which the median needs more values; never below LeastRepeats.
+/// The repeats per side that show a difference of `share` (0.01: 1 %) between two medians with probability
+/// `power`. `variation` is the coefficient of variation of the repeats. Assumes normal values: the sample
+/// size for two means, times pi / 2 because these are medians. Never below LeastRepeats.
 int RepeatsToShow(double variation, double share, double confidence = 0.95, double power = 0.8);
 
-/// Whether values in the order of time rise or fall: the test of Mann and Kendall, with the slope of Theil
-/// and Sen.
+/// The Mann-Kendall test for a trend of values in order of time, with the Theil-Sen slope.
 struct Trend {
-  double score = 0;  ///< S: pairs that rise less pairs that fall
-  double tau = 0;    ///< S over the number of pairs
+  double score = 0;  ///< S: rising pairs minus falling pairs
+  double tau = 0;    ///< S divided by the number of pairs
   double p = 1;      ///< two-sided, normal approximation, corrected for ties and continuity
-  double slope = 0;  ///< median of the slopes of all pairs, a step
+  double slope = 0;  ///< median slope of all pairs, per step
 };
-/// Needs two values. For values that do not depend on the one before; where they do, p comes out too small.
+/// Needs two values. Assumes independent values; p is too small if neighbours depend on each other.
 Trend TestTrend(const std::vector<double>& values);
 
 }  // namespace scope

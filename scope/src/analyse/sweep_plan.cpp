@@ -63,7 +63,7 @@ SweepAxis ParseAxis(const std::string& text) {
   return axis;
 }
 
-// Own, because std::shuffle is free to do it another way in the next version of the library.
+// Not std::shuffle: its order may differ between library versions.
 void Shuffle(std::vector<std::size_t>& items, std::mt19937_64& random) {
   for (std::size_t i = items.size(); i > 1; --i) std::swap(items[i - 1], items[random() % i]);
 }

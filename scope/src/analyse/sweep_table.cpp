@@ -71,7 +71,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
                               ": " + end);
       }
       auto figures = FiguresOf(summary, sweep.settings.warmupS);
-      // No operation at all: every level is 0.
+      // No operations: every level is 0.
       if (sweep.settings.useMeter && run.samples.empty()) figures[kTotal] = {0};
       for (const auto& [key, seconds] : figures) {
         keys.insert(key);

@@ -11,42 +11,42 @@
 
 namespace scope {
 
-/// A point of the grid and what its runs came to.
+/// A point of the grid with the figures of its runs.
 struct SweepPoint {
   SweepLevels levels;
-  std::size_t runs = 0;  ///< that are done
-  /// The median over the seconds of each run, in the order of the repeats. Absent: the engine did not work.
+  std::size_t runs = 0;  ///< finished runs
+  /// The median of each run's seconds, in the order of the repeats. Engines that did not work are absent.
   std::map<FigureKey, std::vector<double>> values;
 };
 
-/// A sweep, as far as it is done.
+/// The finished part of a sweep.
 struct SweepTable {
   std::vector<SweepAxis> axes;
-  std::vector<SweepPoint> points;  ///< of the whole grid, the last axis first
+  std::vector<SweepPoint> points;  ///< the whole grid; the last axis changes fastest
   std::vector<std::string> engines;
-  std::vector<std::string> notes;  ///< what is to be known before the figures are used, a sentence each
+  std::vector<std::string> notes;  ///< reasons to doubt the figures, one sentence each
 };
 
-/// Reads the runs of the sweep in `folder` that are done. A run that cannot be read is left out and noted.
+/// Reads the finished runs of the sweep in `folder`. A run that cannot be read is left out and noted.
 SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep);
 
-/// The median of the point's runs; none where it has no such figure.
+/// The median over the point's runs; none if the point lacks the figure.
 std::optional<double> MedianOf(const SweepPoint& point, const FigureKey& key);
 
-/// Where more load stops to bring more total bandwidth.
+/// The point from which more load gives no more total bandwidth.
 struct Saturation {
-  std::size_t best = 0;  ///< point of the greatest total bandwidth
+  std::size_t best = 0;  ///< the point with the greatest total bandwidth
   /// The point with the fewest threads, over all swept sections, whose median is within 5 % of the best.
   std::size_t lowest = 0;
-  bool reached = false;  ///< false: the lowest is the one with the most threads, and more may bring more
-  /// A point with fewer threads still that four or more repeats each do not tell from the best, by the test
-  /// of `compare`. It may be as good, or the noise hides that it is not.
+  bool reached = false;  ///< false: `lowest` has the most threads, so more threads may give more
+  /// A point with even fewer threads that the test of `compare` cannot tell from the best, with four or more
+  /// repeats each. Either it is as good, or noise hides the difference.
   std::optional<std::size_t> untold;
 };
-/// None where no point has a total bandwidth other than 0.
+/// None if no point has a total bandwidth above 0.
 std::optional<Saturation> FindSaturation(const SweepTable& table);
 
-/// The greatest median of the total bandwidth, in GB/s; 0 where there is none.
+/// The greatest median of the total bandwidth, in GB/s; 0 if there is none.
 double GreatestBandwidth(const SweepTable& table);
 
 }  // namespace scope

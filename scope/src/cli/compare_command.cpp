@@ -56,7 +56,7 @@ int RunCompare(CommandOptions options) {
   } else if (a.warmupS || b.warmupS) {
     options.compare.skipS = std::max(a.warmupS.value_or(0), b.warmupS.value_or(0));
   }
-  // One who names two points of a sweep has said that the levels differ.
+  // A user who names two points of a sweep knows that their levels differ.
   if (a.warmupS && b.warmupS) options.allowed.emplace_back("levels");
   const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
   RefuseDifferences(differences, options);
@@ -108,7 +108,7 @@ void AddCompare(CLI::App& app, int& status) {
     } catch (const UserError&) {
       throw;
     } catch (const std::exception& error) {
-      // What cannot be judged, for want of memory or for any other reason, is no regression.
+      // A comparison that fails, for example for lack of memory, is not a regression.
       throw UserError(std::string("cannot compare: ") + error.what());
     }
   });

@@ -31,7 +31,7 @@ int SaveRates(const RatesOptions& options) {
   if (!standardInput) {
     errno = 0;
     file.open(options.file, std::ios::binary);
-    // A folder opens as well.
+    // Opening a folder succeeds, so test for it.
     if (!file || file.peek() == std::ifstream::traits_type::eof()) {
       const std::string reason = errno == 0 ? "it is empty" : std::strerror(errno);
       throw UserError("cannot read rate lines from " + options.file + ": " + reason);
@@ -55,8 +55,8 @@ int SaveRates(const RatesOptions& options) {
   std::string reason;
   for (std::string line; std::getline(input, line);) {
     ++number;
-    if (!line.empty() && line.back() == '\r') line.pop_back();  // a terminal was on the way
-    // The benchmark prints one line a second; only a pipe says when each came.
+    if (!line.empty() && line.back() == '\r') line.pop_back();  // a terminal adds it
+    // Only lines of a pipe have a time of arrival. In a file each line counts as one second.
     const double timeS = standardInput
                              ? std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
                              : static_cast<double>(number);

@@ -11,7 +11,7 @@ namespace scope {
 
 RecordResult RecordAndPrint(const RecordOptions& options, View& view, Signals& signals, bool summary) {
   const RecordResult result = Record(options, view, signals);
-  // What is saved, as everything else shows it.
+  // Reads the saved run, so the figures are the same as in every other view.
   try {
     if (summary) std::cout << ReportText(ReadRuns({options.folder}));
   } catch (const UserError& error) {

@@ -29,9 +29,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kConfigName = "config.yaml";
-// What the figures leave out at a run's end, and two seconds for a median.
+// The edges that the figures leave out, and two more seconds for a median.
 constexpr double kLeastMeasuredS = 4;
-// From the end of a run to the start of the next one.
+// Estimated time between two runs.
 constexpr double kBetweenS = 2;
 
 struct SweepOptions {
@@ -47,7 +47,7 @@ std::string Absolute(const std::string& path) {
   return path.empty() ? path : fs::absolute(path).lexically_normal().string();
 }
 
-// Seconds that a run of the sweep takes.
+// The length of one run of the sweep.
 double RunSeconds(const std::string& config, const SweepSettings& settings) {
   unsigned int runTimeS = 0;
   (void)ReadConfiguration(config, runTimeS);
@@ -60,7 +60,7 @@ RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
   static_cast<RunSettings&>(options) = sweep.settings;
   options.folder = folder;
   options.config = folder + "/" + kConfigName;
-  options.force = true;  // of the sweep's own folder: what is in it is this run's configuration, or its rest
+  options.force = true;  // the folder belongs to the sweep: it holds this run's configuration or remains
   return options;
 }
 
@@ -95,7 +95,7 @@ Sweep Prepare(const SweepOptions& options) {
   return sweep;
 }
 
-// Runs that are to be recorded, in their order. One whose folder has gone, or is not complete, is not done.
+// The runs to record, in order. A run whose folder is missing or incomplete is recorded again.
 std::vector<SweepRun*> RunsToRecord(const std::string& folder, Sweep& sweep) {
   std::vector<SweepRun*> toRecord;
   for (SweepRun& run : sweep.runs) {
@@ -116,7 +116,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
   MakeFolder(options.folder);
   ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
   const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : MakeSilentView();
-  // The sweep's own figures come at its end.
+  // No summary per run: the sweep prints its figures at its end.
   const RecordResult result = RecordAndPrint(options, *view, signals, false);
   run.reason.clear();
   if (result.stopped) {
@@ -138,7 +138,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
       toRecord.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
   std::cout << "sweep " << folder << ": " << toRecord.size() << " of " << sweep.runs.size()
             << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
-  // Held between the runs as well: one that comes there must not leave sweep.json behind the folders.
+  // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
   Signals signals;
   bool interrupted = false;
   for (std::size_t i = 0; i < toRecord.size() && !interrupted; ++i) {
@@ -159,7 +159,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
                      [](const SweepRun& run) { return run.state == SweepState::kDone; });
 }
 
-// Two points are two settings: which of them is better is what was asked.
+// A sweep of two points asks which of them is better, so it compares them.
 void ShowTwo(const std::string& folder, const Sweep& sweep, const SweepTable& table) {
   const auto side = [&folder](const SweepPoint& point) {
     std::string name = folder + ":" + PointText(point.levels);
@@ -187,7 +187,7 @@ void Show(const std::string& folder, const Sweep& sweep) {
     try {
       ShowTwo(folder, sweep, table);
     } catch (const UserError& error) {
-      std::cout << "not compared: " << error.what() << '\n';  // the sweep is recorded all the same
+      std::cout << "not compared: " << error.what() << '\n';  // the sweep is recorded anyway
     }
   }
   std::cout << std::flush;

@@ -7,7 +7,7 @@
 namespace scope {
 namespace {
 
-// Nobody records more, and an exact number would look too certain.
+// Larger numbers are not practical, and an exact value would suggest a certainty that is not there.
 constexpr int kManyRepeats = 9999;
 
 std::string RunsText(const Side& side) {

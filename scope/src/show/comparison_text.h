@@ -8,17 +8,17 @@
 
 namespace scope {
 
-/// The comparison as text for people. `differences`: conditions that are allowed to differ.
+/// The comparison as text for people. `differences` lists the differing conditions that the user allowed.
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences,
                            const CompareOptions& options);
 
-/// The same as JSON, as scope/FORMAT.md describes it.
+/// The same as JSON; scope/FORMAT.md describes it.
 std::string ComparisonJson(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences,
                            const CompareOptions& options);
 
-/// What the verdict is called.
+/// The name of the verdict.
 std::string VerdictText(Verdict verdict);
 
 }  // namespace scope

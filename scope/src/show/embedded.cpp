@@ -1,6 +1,6 @@
 #include "embedded.h"
 
-// The paths come from the build. The assembler takes a file as it is, where a literal has a greatest length.
+// The build sets the paths. The assembler embeds files of any size; the length of a literal is limited.
 #define EMBED(symbol, path)                                                \
   __asm__(".pushsection .rodata\n" #symbol                                 \
           "Begin:\n"                                                       \

@@ -4,8 +4,8 @@
 
 namespace scope {
 
-/// The page of a report, whole but for its data, which goes where "@REPORT_DATA@" stands. The build makes it
-/// of what is in page/.
+/// The complete page of a report without its data, which replaces "@REPORT_DATA@". The build makes it from
+/// page/.
 std::string_view PageTemplate();
 
 }  // namespace scope

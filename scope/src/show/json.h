@@ -5,7 +5,7 @@
 
 namespace scope {
 
-/// An object's keys stay in the order in which they were added.
+/// Objects keep their keys in the order of insertion.
 using Json = nlohmann::ordered_json;
 
 /// The value, or null.

@@ -73,7 +73,7 @@ class LiveView : public View {
     cursorHidden_ = true;
     Erase();
     winsize size{};
-    // A line that wraps would take two, and the table would climb.
+    // A wrapped line would take two rows, and the table would move up with each redraw.
     std::size_t width = 80;
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) width = size.ws_col - 1U;
     std::string text;

@@ -47,7 +47,7 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
   const std::string page = ReportPage(runs);
   std::error_code ignored;
   if (fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
-    OutputFile(path).Write(page);  // a device or a pipe keeps its place
+    OutputFile(path).Write(page);  // a device or a pipe must not be replaced
     return path;
   }
   ReplaceFile(path, page);

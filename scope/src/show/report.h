@@ -9,29 +9,29 @@
 
 namespace scope {
 
-/// A run and everything that a report says of it.
+/// A run and everything that a report shows about it.
 struct ReportedRun {
   Run run;
   RunSummary summary;
   std::vector<Warning> warnings;
-  std::string name;  ///< how the report calls it: its label or folder, with a letter where there are several
+  std::string name;  ///< its label or folder, with a letter if there are several runs
 };
 
-/// As many as the page has line styles that can be told apart.
+/// The number of line styles of the page that readers can distinguish.
 constexpr std::size_t kMostRuns = 8;
 
-/// Reads the run folders. Throws UserError: a folder that cannot be used, none, or more than kMostRuns.
+/// Reads the run folders. Throws UserError for an unusable folder, no folder, or more than kMostRuns.
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders);
 
-/// The report for a terminal, in ASCII but for what the runs themselves say.
+/// The report for a terminal, in ASCII except for texts of the runs.
 std::string ReportText(const std::vector<ReportedRun>& runs);
 
-/// The report as one HTML page that loads nothing: style, script, charts library and data are in it. What
-/// comes from the runs is data wherever it stands, whatever characters it has. At least one run.
+/// The report as one HTML page that loads nothing: it contains style, script, charts library and data. Texts
+/// of the runs are never interpreted as markup or script. Needs at least one run.
 std::string ReportPage(const std::vector<ReportedRun>& runs);
 
-/// Writes the page of `runs` to `file`. Where `file` is empty: to report.html, in the run's folder if there
-/// is one run, else in the current folder. Returns the file. Throws UserError.
+/// Writes the page of `runs` to `file`. If `file` is empty, writes report.html into the run's folder, or into
+/// the current folder if there are several runs. Returns the file's path. Throws UserError.
 std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string& file);
 
 }  // namespace scope

@@ -19,7 +19,7 @@
 namespace scope {
 namespace {
 
-// Six digits: more than a chart shows, in a third of the characters.
+// Six digits are more than a chart shows, and take a third of the space.
 Json Rounded(double value) {
   return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
 }
@@ -42,7 +42,7 @@ Json WorkJson(const WorkSummary& work) {
               {"busy_fps", work.busyRate}};
 }
 
-// A second after a gap tells no rate, and one without operations no latency.
+// A second after a gap has no rate. A second without operations has no latency.
 Json SecondsJson(const std::vector<EngineSecond>& seconds) {
   const auto column = [&](auto value) {
     return Column(seconds, [&](const EngineSecond& second) {
@@ -64,7 +64,7 @@ Json SecondsJson(const std::vector<EngineSecond>& seconds) {
       {"max_ns", latency(&EngineSecond::maxNs)}};
 }
 
-// A bucket may stand there once for each thread.
+// A bucket may appear once per thread.
 Json HistogramJson(const std::vector<HistogramRow>& rows, const std::string& engine) {
   Json histogram{{"low_ns", Json::array()}, {"high_ns", Json::array()}, {"operations", Json::array()}};
   for (const HistogramRow& row : rows) {
@@ -108,7 +108,7 @@ Json PrintedJson(const RunSummary& summary) {
   return printed;
 }
 
-// As comparisons take them.
+// The same figures as in comparisons.
 Json MediansJson(const RunSummary& summary) {
   Json medians = Json::array();
   for (const auto& [key, values] : FiguresOf(summary, CompareOptions().skipS)) {
@@ -146,7 +146,7 @@ std::string Bytes(std::uint64_t bytes) {
   return Format("%.3g KiB", value / (1 << 10));
 }
 
-// Key, title and text of each condition; an empty text is something that the machine does not tell.
+// Key, title and text of each condition. The text is empty if the machine does not report the value.
 Json ConditionsJson(const Conditions& machine) {
   std::vector<std::string> libraries;
   for (const auto& [name, version] : machine.libraryVersions) libraries.push_back(name + " " + version);
@@ -202,7 +202,7 @@ Json RunJson(const ReportedRun& reported) {
   return run;
 }
 
-// Every engine that a run has figures of, or was to load: those of the table in its order, then others.
+// Every engine that a run measured or was configured to load, in the order of the table, then others.
 std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
   std::set<std::string> found;
   for (const ReportedRun& run : runs) {

@@ -7,8 +7,8 @@
 
 namespace scope {
 
-/// What the page of a report draws: the runs with their conditions, figures, series and warnings. FORMAT.md
-/// has the keys. A figure that a run does not have is null. At least one run.
+/// The data of a report's page: the runs with their conditions, figures, series and warnings. FORMAT.md lists
+/// the keys. A figure that a run lacks is null. Needs at least one run.
 Json ReportData(const std::vector<ReportedRun>& runs);
 
 }  // namespace scope

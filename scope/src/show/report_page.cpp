@@ -8,7 +8,7 @@
 namespace scope {
 namespace {
 
-// In a script element nothing but "<" leads out of the data. Everything beyond ASCII is escaped, too.
+// In a script element only "<" can end the data, so it is escaped. All non-ASCII characters are, too.
 std::string ScriptJson(const Json& json) {
   std::string escaped;
   for (const char letter : json.dump(-1, ' ', true, Json::error_handler_t::replace)) {

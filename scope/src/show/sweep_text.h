@@ -6,13 +6,13 @@
 
 namespace scope {
 
-/// Medians of each point: runs, op/s and GB/s of each engine (the printed rate where there was no meter), and
-/// the total bandwidth.
+/// A table with a row per point: its runs, the medians of op/s and GB/s of each engine (the printed rate if
+/// there was no meter), and the total bandwidth.
 std::string TableText(const SweepTable& table);
-/// Total bandwidth over the level of the one section, as bars; over two sections, as a map in shades. Empty
-/// for other numbers of sections, and without a bandwidth.
+/// The total bandwidth as bars for one swept section, and as a shaded map for two. Empty for more sections or
+/// without a bandwidth.
 std::string BandwidthText(const SweepTable& table);
-/// A sentence on FindSaturation; empty where there is none.
+/// The result of FindSaturation as text; empty if there is none.
 std::string SaturationText(const SweepTable& table);
 
 }  // namespace scope

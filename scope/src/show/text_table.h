@@ -6,13 +6,13 @@
 
 namespace scope {
 
-/// Rows of UTF-8 text in columns as wide as their widest field. `sides` has a letter for each column: 'l' for
-/// fields at the left. Other columns, and those without a letter, have their fields at the right.
+/// Rows of UTF-8 text in columns as wide as their widest field. `sides` has a letter for each column: 'l'
+/// aligns left. Any other letter, or none, aligns right.
 class TextTable {
  public:
   explicit TextTable(std::string sides) : sides_(std::move(sides)) {}
   void Add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
-  /// The rows, a line each, two blanks between the columns and none at the ends.
+  /// One line per row, with two blanks between columns and no trailing blanks.
   std::string Text() const;
 
  private:
