@@ -1,6 +1,5 @@
-/// libstress_scope.so: preloaded in front of a platform library, takes the calls of the operations that do
-/// work, passes them on and measures them. A status is handed back as it came, and nothing is changed on the
-/// way.
+/// libstress_scope.so is preloaded in front of a platform library. It takes the calls of the operations that
+/// do work, passes them on and measures them. It changes no argument and no status.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -27,8 +26,8 @@ using Ormis::QetVenc;
 using scope::Engine;
 using scope::ThreadCounters;
 
-/// The operation behind ours, under its link name. Members are called as what they are at the link level:
-/// functions that take the object first.
+/// The platform's operation with the same link name as ours. Members are called as functions that take the
+/// object first, which is what they are at the link level.
 template <typename Function>
 class Next;
 
@@ -37,7 +36,7 @@ class Next<Result(Arguments...)> {
  public:
   explicit constexpr Next(const char* linkName) : linkName_(linkName) {}
 
-  /// True where a library behind this one has it.
+  /// True if a library behind this one has the operation.
   bool Find() {
     const auto found = reinterpret_cast<Pointer>(dlsym(RTLD_NEXT, linkName_));
     function_.store(found, std::memory_order_relaxed);
@@ -55,7 +54,7 @@ class Next<Result(Arguments...)> {
  private:
   using Pointer = Result (*)(Arguments...);
 
-  // A constructor that ran before ours, or a platform that was loaded later.
+  // Reached when a constructor ran before ours, or when the platform was loaded later.
   Pointer FindLate() {
     if (!Find()) {
       (void)std::fprintf(stderr, "libstress_scope: no platform library has %s\n", linkName_);
@@ -78,13 +77,13 @@ Next<std::int32_t(QetVenc*, ux_venc_stream&)> nextReleaseStream(LINK_QET_VENC_RE
 Next<std::int32_t(QetDNNHandle&, const std::string&)> nextModelInitialize(LINK_QET_DNN_MODEL_INITIALIZE);
 Next<std::int32_t(const QetDNNHandle&)> nextModelProcess(LINK_QET_DNN_MODEL_PROCESS);
 
-// This project's own platform has it, and no other; only then do the fields that belong to the platform mean
-// what its header says.
+// Only this project's own platform has this name. With another platform, the fields that belong to the
+// platform may mean something else than its header says.
 Next<std::uint32_t()> nextHostVersion(LINK_HOST_VERSION);
 bool hostPlatform = false;
 
 __attribute__((constructor)) void Start() {
-  // Not the benchmark, but a shell or a tool that starts it: nothing to measure here.
+  // This program is a shell or a tool that starts the benchmark: there is nothing to measure.
   bool found = nextMemcpyS.Find();
   found = nextResize.Find() || found;
   found = nextMemcpyToKivu.Find() || found;
@@ -111,7 +110,7 @@ std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// Bytes of the image's pixels; 0 where the type is unknown and the record does not say.
+// Bytes of the image's pixels. 0 if the type is unknown and the record has no size.
 std::uint64_t PixelBytes(const ImageData& image) {
   const std::uint64_t pixels = std::uint64_t{image.width} * image.height;
   switch (image.imageType) {
@@ -161,11 +160,10 @@ std::int32_t Measure(Engine engine, Call call, CountBytes countBytes) {
   return status;
 }
 
-// --- encoder
-// -------------------------------------------------------------------------------------------------
+// --- encoder ---
 
-// What the calls of the running encode of this thread have taken and moved; the clock stands still between
-// them.
+// Time and bytes of the calls that belong to this thread's current encode. The time between the calls does
+// not count.
 struct Encode {
   std::uint64_t busyNs;
   std::uint64_t bytes;
@@ -184,11 +182,10 @@ std::int32_t MeasureStep(ThreadCounters& counters, Call call) {
   return status;
 }
 
-// --- inference
-// -----------------------------------------------------------------------------------------------
+// --- inference ---
 
-// Sizes of the models' files by handle. An address that is used again gets the size of the model that it
-// names then.
+// Size of each model's file by the model's handle. If an address is used again, its entry is replaced by the
+// size of the new model.
 constexpr std::size_t kModels = 256;
 struct Model {
   std::atomic<const QetDNNHandle*> handle;
@@ -257,7 +254,7 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
   ThreadCounters* const counters = scope::CountersOf(Engine::kVenc);
   if (counters == nullptr) return nextGetStream(this, stream);
   const std::int32_t status = MeasureStep(*counters, [&] { return nextGetStream(this, stream); });
-  // The record's fields are the encoder's: another platform's stream is left out.
+  // The fields of the record belong to the platform, so another platform's stream is not counted.
   if (status == 0 && hostPlatform) encode.bytes += stream.totalBytes;
   return status;
 }
@@ -276,7 +273,7 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
 std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path) {
   const std::int32_t status = nextModelInitialize(handle, path);
   if (status != 0) {
-    // A worker whose model does not load never infers: its failure would be seen nowhere else.
+    // A worker whose model does not load never infers. Only this call shows its failure.
     if (ThreadCounters* const counters = scope::CountersOf(Engine::kAic); counters != nullptr)
       counters->Failed();
     return status;

@@ -21,7 +21,8 @@ namespace {
 // The benchmark has at most 40 workers, and a resize worker needs two sets.
 constexpr std::uint32_t kCounterSets = 128;
 constexpr long kNsPerS = 1'000'000'000;
-// How long a reader that is late may hold up the end of the program, for each packet until one is not taken.
+// The longest wait for a slow reader at the program's end, for each packet. After the first packet that is
+// not taken in this time, none is waited for.
 constexpr timeval kLastWait{5, 0};
 
 ThreadCounters counterSets[kCounterSets];
@@ -30,8 +31,8 @@ std::atomic<std::uint32_t> threadsOf[kEngineCount];
 std::atomic<std::uint64_t> unmeasured{0};
 std::atomic<bool> recording{false};
 
-// A preloaded library's thread-locals are in the static block: no call and no allocation at a thread's first
-// access.
+// The thread-locals of a preloaded library are in the static block. A thread's first access therefore makes
+// no call and allocates nothing.
 __attribute__((tls_model("initial-exec"))) thread_local ThreadCounters* ownCounters[kEngineCount];
 
 template <typename T>
@@ -39,15 +40,14 @@ void AddTo(std::atomic<T>& counter, T amount) {
   counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
 }
 
-// --- the reporting thread
-// ------------------------------------------------------------------------------------
+// --- the reporting thread ---
 
-// What the reader has been told of a set of counters.
-struct Told {
+// The part of a set of counters that has been sent to the reader.
+struct SentCounters {
   std::uint64_t busyNs;
   std::uint64_t bytes;
   std::uint64_t failures;
-  std::uint64_t maxNs;  // taken from the counters, and not told yet
+  std::uint64_t maxNs;  // taken from the counters and not yet sent
   std::uint32_t buckets[kBucketCount];
 };
 
@@ -57,10 +57,10 @@ struct SamplePacket {
 };
 
 int readerSocket = -1;
-// While the program runs, a packet that finds the queue full is not waited for: the next sample has it. The
-// last ones have no next.
+// While the program runs, the meter does not wait if the queue is full: the next sample contains what was not
+// sent. The last samples have no next one, so the meter waits for them.
 int sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
-Told told[kCounterSets];
+SentCounters sentCounters[kCounterSets];
 SamplePacket packet;
 std::uint64_t delayedSamples = 0;
 HelloPacket hello;
@@ -76,8 +76,8 @@ PacketHeader Header(PacketType type) {
           static_cast<std::uint64_t>(now.tv_sec) * kNsPerS + static_cast<std::uint64_t>(now.tv_nsec)};
 }
 
-// False when the packet did not get through: the queue is full, or the reader has gone, which ends the
-// recording.
+// Returns false if the packet was not sent: the queue is full, or the reader has gone. Without a reader the
+// recording ends.
 bool Send(const void* bytes, std::size_t size) {
   ssize_t sent = 0;
   do {
@@ -91,7 +91,7 @@ bool Send(const void* bytes, std::size_t size) {
   return false;
 }
 
-bool SendSample(ThreadCounters& counters, Told& before) {
+bool SendSample(ThreadCounters& counters, SentCounters& before) {
   const std::uint64_t busyNs = counters.busyNs.load(std::memory_order_relaxed);
   const std::uint64_t bytes = counters.bytes.load(std::memory_order_relaxed);
   const std::uint64_t failures = counters.failures.load(std::memory_order_relaxed);
@@ -131,13 +131,13 @@ void SendSecond(bool last) {
   if (last && setsockopt(readerSocket, SOL_SOCKET, SO_SNDTIMEO, &kLastWait, sizeof(kLastWait)) == 0) {
     sendFlags = MSG_NOSIGNAL;
   }
-  // Nothing is understood before it; the queue may have been full from the start.
+  // The reader needs the Hello first. The queue may have been full since the start.
   saidHello = saidHello || Send(&hello, sizeof(hello));
   EndOfSecondPacket end{};
   const std::uint32_t sets = setsTaken.load(std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < sets && i < kCounterSets; ++i) {
     if (counterSets[i].inUse.load(std::memory_order_acquire) == 0) continue;
-    if (saidHello && SendSample(counterSets[i], told[i])) {
+    if (saidHello && SendSample(counterSets[i], sentCounters[i])) {
       ++end.samples;
     } else {
       ++delayedSamples;
@@ -167,13 +167,13 @@ void* Report(void* /*unused*/) {
   }
 }
 
-// The parent's reporting thread is not in the child, and the reader's socket is the parent's affair.
+// A forked child does not have the reporting thread, and the reader's socket belongs to the parent.
 void ForgetReader() {
   recording.store(false, std::memory_order_relaxed);
   reportingThreadRuns = false;
 }
 
-// The descriptor in the environment, or -1: no number, or no longer the socket that it once was.
+// The descriptor that the environment names; -1 if it is not a number or not such a socket any more.
 int InheritedSocket() {
   const char* const text = std::getenv(kDescriptorVariable);
   if (text == nullptr || *text == '\0') return -1;
@@ -222,7 +222,7 @@ ThreadCounters* CountersOf(Engine engine) {
 void StartReporting(bool hostPlatform, const char* platformPath) {
   readerSocket = InheritedSocket();
   if (readerSocket < 0) return;
-  // Programs that this one starts are not this run.
+  // Programs that this one starts do not belong to this run.
   (void)fcntl(readerSocket, F_SETFD, FD_CLOEXEC);
   hello.header = Header(PacketType::kHello);
   hello.hostPlatform = hostPlatform ? 1 : 0;
@@ -232,7 +232,7 @@ void StartReporting(bool hostPlatform, const char* platformPath) {
   }
   if (sem_init(&programEnds, 0, 0) != 0 || pthread_atfork(nullptr, nullptr, ForgetReader) != 0) return;
 
-  // SIGINT and all others are the program's: its threads get them, never this one.
+  // Signals go to the program's own threads, never to this one.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The buckets that latencies are counted in, shared by the meter and its reader: exact below 256 ns, 128 to
-/// every octave above, so that a bucket is at most 0.8 % wide. What is 2^41 ns (36 minutes) or longer is
-/// counted in the last one. Changing this changes the meter's protocol.
+/// The latency buckets of the meter and its reader. Below 256 ns each bucket is 1 ns wide. Above, each octave
+/// has 128 buckets, so a bucket is at most 0.8 % wide. The last bucket also counts latencies of 2^41 ns (36
+/// minutes) and longer. Changing this changes the meter's protocol.
 namespace scope {
 
 constexpr unsigned kSubBucketBits = 7;
@@ -21,14 +21,14 @@ constexpr std::size_t BucketOf(std::uint64_t ns) {
   return shift * std::size_t{kSubBuckets} + static_cast<std::size_t>(ns >> shift);
 }
 
-/// Smallest latency of the bucket.
+/// The smallest latency in the bucket.
 constexpr std::uint64_t BucketLow(std::size_t bucket) {
   if (bucket < 2 * std::size_t{kSubBuckets}) return bucket;
   const std::size_t shift = (bucket >> kSubBucketBits) - 1;
   return (std::uint64_t{bucket} - shift * kSubBuckets) << shift;
 }
 
-/// Smallest latency that is too long for the bucket.
+/// The smallest latency above the bucket.
 constexpr std::uint64_t BucketHigh(std::size_t bucket) {
   return BucketLow(bucket + 1);
 }

@@ -6,7 +6,7 @@
 
 namespace scope {
 
-/// An engine, as its row in protocol/engines.inc has it.
+/// One engine: its row in protocol/engines.inc, which explains the fields.
 struct EngineInfo {
   const char* id;
   bool load;
@@ -17,19 +17,19 @@ struct EngineInfo {
   const char* colour;
 };
 
-/// The table of engines: every list of engines is made from it. Its rows are in the order of enum Engine.
+/// The table of engines, in the order of enum Engine. Every list of engines is made from it.
 const std::vector<EngineInfo>& Engines();
 
-/// The engine whose `field` has this value; null where there is none, as in a run folder of a later version.
+/// The engine whose `field` has this value. Null if there is none: a later version may know more engines.
 const EngineInfo* FindEngine(const char* EngineInfo::* field, const std::string& value);
 
-/// Place of the engine `id` in the table; for one that is not there, the place behind the last.
+/// The row of the engine `id` in the table; the number of rows if it is not there.
 std::size_t EngineOrder(const std::string& id);
 
-/// True for an engine that works while the run goes on, false for one of a worker's set-up.
+/// False for an engine that works only in a worker's set-up; true for all others and for unknown ones.
 bool IsLoad(const std::string& id);
 
-/// The highest level that the benchmark takes.
+/// The highest level that the benchmark accepts.
 constexpr int kMostLevel = 10;
 
 }  // namespace scope

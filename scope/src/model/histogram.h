@@ -8,8 +8,8 @@
 
 namespace scope {
 
-/// Of `counts`, a map of values to how often each came, the first entry that a share of `quantile` (0 to 1)
-/// of all does not exceed, by nearest rank. The end where nothing came.
+/// The entry of `counts` (a map from value to count) that holds the quantile `quantile` (0 to 1), by nearest
+/// rank. The end if `counts` is empty.
 template <typename Counts>
 typename Counts::const_iterator AtQuantile(const Counts& counts, double quantile) {
   std::uint64_t whole = 0;
@@ -30,11 +30,11 @@ class Histogram {
 
   std::uint64_t Total() const { return total_; }
 
-  /// The latency, in ns, that a share of `quantile` (0 to 1) of the operations does not exceed, by nearest
-  /// rank: the middle of its bucket, so within 0.4 %. 0 without operations.
+  /// The latency in ns at the quantile `quantile` (0 to 1), by nearest rank. It is the middle of a bucket, so
+  /// it is within 0.4 %. 0 without operations.
   std::uint64_t Percentile(double quantile) const;
 
-  /// Bucket to count, none of them 0, in rising order.
+  /// Bucket to count, in rising order, without counts of 0.
   const std::map<std::size_t, std::uint64_t>& Buckets() const { return buckets_; }
 
  private:

@@ -6,21 +6,21 @@
 #include <utility>
 #include <vector>
 
-/// A recorded run as plain data. scope/FORMAT.md describes the files that it is kept in.
+/// A recorded run as plain data. scope/FORMAT.md describes its files.
 namespace scope {
 
-/// Seconds between two samples of a thread from which on the reader speaks of a gap.
+/// More seconds than this between two samples of a thread are reported as a gap.
 constexpr double kGapS = 1.75;
 
 struct Cache {
   int level = 0;
-  std::string type;  ///< "Data", "Instruction" or "Unified", as the kernel says
+  std::string type;  ///< "Data", "Instruction" or "Unified", as in sysfs
   std::uint64_t bytes = 0;
   int instances = 0;  ///< how many of this cache the machine has
 };
 
-/// The machine and the program, as found when the run started. An empty text, or 0, is something that the
-/// machine does not tell.
+/// The machine and the program when the run started. A text is empty, or a number 0, if the machine does not
+/// provide it.
 struct Conditions {
   std::string cpuModel;
   int cpuCount = 0;
@@ -31,10 +31,10 @@ struct Conditions {
   std::uint64_t memTotalBytes = 0;
   std::string kernel;
   std::string hostnameHash;  ///< tells machines apart without naming them
-  std::string buildType;     ///< of the benchmark, empty where it is not of this tool's own build
+  std::string buildType;     ///< of the benchmark; empty if it is not from this tool's build
   std::vector<std::pair<std::string, std::string>> libraryVersions;  ///< name to version, sorted by name
-  std::vector<double> loadAverage;                                   ///< three values, empty where unknown
-  bool meter = false;                                                ///< false: no samples, rate lines alone
+  std::vector<double> loadAverage;                                   ///< three values; empty if unknown
+  bool meter = false;                                                ///< false: no samples, only rate lines
 };
 
 struct Configuration {
@@ -46,11 +46,11 @@ struct Configuration {
   std::vector<std::pair<std::string, std::string>> settings;
 };
 
-/// A source of counters that was looked for.
+/// A source of counters, whether it was found or not.
 struct CounterSource {
   std::string source;
   bool present = false;
-  std::string reason;  ///< why it is absent; empty where it is present
+  std::string reason;  ///< why it is absent; empty if it is present
 };
 
 /// run.json.
@@ -62,24 +62,24 @@ struct RunInfo {
   std::string incompleteReason;
   double durationS = 0;
   int exitStatus = 0;
-  int signal = 0;  ///< the one that ended the benchmark, 0 where none did
+  int signal = 0;  ///< that ended the benchmark; 0 if it ended by itself
   std::string label;
   Configuration config;
   Conditions conditions;
   std::vector<CounterSource> counters;
 };
 
-/// What one worker thread did on one engine in one second. Operations are calls that succeeded; busy time,
-/// bytes and latencies are theirs alone.
+/// What one worker thread did on one engine in one second. Operations are calls that succeeded. Busy time,
+/// bytes and latencies do not include failed calls.
 struct Sample {
   double timeS = 0;  ///< end of the second, from the benchmark's start
   std::string engine;
   int thread = 0;
   std::uint64_t operations = 0;
   std::uint64_t busyNs = 0;
-  std::optional<std::uint64_t> bytes;  ///< none where unknown
+  std::optional<std::uint64_t> bytes;  ///< none if unknown
   std::uint64_t failures = 0;
-  std::uint64_t p50Ns = 0;  ///< these three are 0 where operations is
+  std::uint64_t p50Ns = 0;  ///< this and the next two are 0 without operations
   std::uint64_t p99Ns = 0;
   std::uint64_t maxNs = 0;
 };
@@ -115,7 +115,7 @@ struct Run {
   std::vector<HistogramRow> histogram;
   std::vector<Rate> rates;
   std::vector<CounterValue> counters;
-  /// What the reader noticed and went on with, a sentence each: an incomplete run, a cut last line, seconds
+  /// Problems that did not stop the reader, one sentence each: an incomplete run, a cut last line, seconds
   /// without a sample.
   std::vector<std::string> notes;
 };

@@ -6,10 +6,10 @@ namespace scope {
 
 constexpr double kBytesPerGigabyte = 1e9;
 
-/// printf into a text, of at most 511 bytes.
+/// printf into a text. Cuts it after 511 bytes.
 __attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...);
 
-/// The texts in their order, with `between` between them.
+/// All texts, in order, with `between` between them.
 template <typename Texts>
 std::string Joined(const Texts& texts, const std::string& between) {
   std::string joined;

@@ -71,7 +71,7 @@ ChildProcess::ChildProcess(const Options& options) {
     (void)dup2(output.writeEnd, STDOUT_FILENO);
     if (options.takeErrors) (void)dup2(errors.writeEnd, STDERR_FILENO);
     if (options.inherit >= 0) (void)fcntl(options.inherit, F_SETFD, 0);
-    // Signals that this program waits for or ignores would stay so beyond the exec.
+    // Blocked and ignored signals would stay blocked and ignored after the exec.
     (void)std::signal(SIGPIPE, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
@@ -88,7 +88,7 @@ ChildProcess::ChildProcess(const Options& options) {
   output_ = output.readEnd;
   errors_ = errors.readEnd;
   int error = forkError;
-  // Closed by the exec, and so empty, when the program runs.
+  // A successful exec closes this pipe, so it is empty when the program runs.
   const bool failed = id_ < 0 || read(failure.readEnd, &error, sizeof(error)) == ssize_t{sizeof(error)};
   (void)close(failure.readEnd);
   if (failed) {

@@ -7,38 +7,37 @@
 
 namespace scope {
 
-/// A program that runs beside this one, in a process group of its own, with its standard output (and, if
-/// asked, its standard error) on a pipe. It gets SIGINT when this program dies.
+/// A child program in a process group of its own. Its standard output and, on request, its standard error are
+/// pipes. It gets SIGINT when this program dies.
 class ChildProcess {
  public:
   struct Options {
     std::string program;
     std::vector<std::string> arguments;                            ///< without the program's name
-    std::vector<std::pair<std::string, std::string>> environment;  ///< set in addition to this program's
-    int inherit = -1;                                              ///< a descriptor that the program gets
+    std::vector<std::pair<std::string, std::string>> environment;  ///< added to this program's
+    int inherit = -1;                                              ///< a descriptor that the program inherits
     bool takeErrors = false;
   };
 
-  /// Throws std::runtime_error, with the reason, when the program cannot be started.
+  /// Throws std::runtime_error, with the reason, if the program cannot be started.
   explicit ChildProcess(const Options& options);
-  /// Kills what still runs.
+  /// Kills the program if it still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t Id() const { return id_; }
-  /// Both non-blocking; -1 where there is none.
+  /// Both are non-blocking. Errors() is -1 if standard error is not taken.
   int Output() const { return output_; }
   int Errors() const { return errors_; }
 
-  /// Sends `signal` to the program and to all that it has started: a shell in between would keep it to
-  /// itself.
+  /// Sends `signal` to the program and to all programs that it started: a shell would not pass it on.
   void Signal(int signal);
 
-  /// True once the program has ended; the two below then say how.
+  /// True after the program has ended. The next two then say how.
   bool HasEnded();
   int ExitStatus() const;
-  int EndSignal() const;  ///< 0 when it ended by itself
+  int EndSignal() const;  ///< 0 if it ended by itself
 
  private:
   pid_t id_ = -1;
@@ -48,13 +47,13 @@ class ChildProcess {
   int status_ = 0;
 };
 
-/// Takes what a non-blocking descriptor has and hands it out line by line.
+/// Reads lines from a non-blocking descriptor.
 class LineReader {
  public:
-  /// Appends the lines that are complete, without line feeds. False at the end, after which a last line
-  /// without a line feed has been appended as well.
+  /// Appends the complete lines, without line feeds. At the end of the input it also appends a last line that
+  /// has no line feed, and returns false.
   bool Read(int descriptor, std::vector<std::string>& lines);
-  /// True once Read has found the end; it reads no more then.
+  /// True after Read has found the end. Read then reads no more.
   bool AtEnd() const { return atEnd_; }
 
  private:

@@ -18,7 +18,7 @@
 namespace scope {
 namespace {
 
-// The value of "key : value" in a text such as proc/cpuinfo; empty where there is none.
+// The value of "key : value" in a text such as proc/cpuinfo; empty if there is none.
 std::string Field(const std::string& text, const std::string& key) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
@@ -36,7 +36,7 @@ std::string Field(const std::string& text, const std::string& key) {
 std::string CpuModel(const std::string& root, const std::string& cpuinfo) {
   std::string model = Field(cpuinfo, "model name");
   if (!model.empty()) return model;
-  // 64-bit Arm kernels name the part by number only; the device tree knows the board.
+  // 64-bit Arm kernels give only the part's number. The device tree names the board.
   const std::optional<std::string> board = ReadText(root + "/proc/device-tree/model");
   if (board && !board->empty()) return board->substr(0, board->find('\0'));
   const std::string part = Field(cpuinfo, "CPU part");
@@ -44,7 +44,7 @@ std::string CpuModel(const std::string& root, const std::string& cpuinfo) {
   return "implementer " + Field(cpuinfo, "CPU implementer") + " part " + part;
 }
 
-// "32K" of sys.
+// The bytes of a size such as "32K" in sys.
 std::uint64_t CacheBytes(const std::string& text) {
   char* end = nullptr;
   const std::uint64_t number = std::strtoull(text.c_str(), &end, 10);
@@ -63,7 +63,7 @@ std::vector<Cache> Caches(const std::string& cpuFolder, const std::vector<std::s
       const std::optional<std::string> size = ReadText(cache + "/size");
       const std::optional<std::string> type = ReadText(cache + "/type");
       if (!level || !size || !type) continue;
-      // The CPUs that share it name the instance; without them each CPU has its own.
+      // The list of CPUs that share a cache identifies it. Without a list, each CPU has its own cache.
       const std::string instance = ReadText(cache + "/shared_cpu_list").value_or(cpu);
       found[{static_cast<int>(*level), *type, CacheBytes(*size)}].insert(instance);
     }
@@ -76,7 +76,7 @@ std::vector<Cache> Caches(const std::string& cpuFolder, const std::vector<std::s
   return caches;
 }
 
-// FNV-1a, 64 bits: a name for the machine that is the same in every run and is not the machine's own.
+// FNV-1a, 64 bits: the same in every run on one machine, without its name.
 std::string Hash(const std::string& text) {
   std::uint64_t hash = 0xcbf29ce484222325;
   for (const char letter : text) {

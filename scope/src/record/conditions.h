@@ -8,13 +8,13 @@
 
 namespace scope {
 
-/// The machine, as the files under `root` ("/", or a recorded tree) tell it; what they do not tell stays
-/// empty. Build type, library versions and meter are left to the caller.
+/// Reads the machine's conditions from the files under `root` ("/", or a recorded tree). What they do not
+/// contain stays empty. The caller fills in build type, library versions and meter.
 Conditions ReadConditions(const std::string& root);
 
-/// Versions of the libraries that the process has mapped and that matter to a run: the platform library and
-/// its folder's, the C and C++ libraries and the engines. From the number behind ".so." of each file; the
-/// name alone where there is none. Sorted by name; empty when the process has ended.
+/// Versions of the libraries that matter to a run and that the process has mapped: the platform library,
+/// those in its folder, the C and C++ libraries and the engines. The version is what follows ".so." in the
+/// file's name, or the whole name if nothing follows. Sorted by name. Empty if the process has ended.
 std::vector<std::pair<std::string, std::string>> LibraryVersions(const std::string& mapsPath,
                                                                  const std::string& platformPath);
 

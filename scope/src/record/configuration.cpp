@@ -28,7 +28,7 @@ bool IsLevel(const std::string& name) {
   });
 }
 
-// The document's values, but for the levels, by their keys with dots between.
+// Adds all values except the levels. A name is the keys joined by dots.
 void AddSettings(const Ormis::QetYamlNode& node, const std::string& prefix,
                  std::vector<std::pair<std::string, std::string>>& settings) {
   for (const auto& [key, child] : node.children) {
@@ -45,7 +45,7 @@ void AddSettings(const Ormis::QetYamlNode& node, const std::string& prefix,
 }  // namespace
 
 Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS) {
-  // What the benchmark makes of a file: its defaults, and its least run time.
+  // The benchmark's defaults and its shortest run time.
   constexpr unsigned int kLeastRunTimesS = 40;
   Configuration config;
   config.path = path;
@@ -64,7 +64,7 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
   } catch (const std::exception& error) {
     throw UserError(error.what());
   }
-  // After the parse, which takes files of a limited size alone.
+  // Read after the parser, which refuses files that are too large.
   const std::optional<std::string> text = ReadText(path);
   if (!text) throw UserError("cannot read " + path + ": " + std::strerror(errno));
   config.text = *text + "\n";

@@ -8,13 +8,13 @@
 /// The benchmark's configuration files.
 namespace scope {
 
-/// Reads the benchmark's configuration file. Throws UserError when it cannot be read, or is no
-/// configuration. `runTimesS`: the run time that the benchmark makes of it.
+/// Reads the benchmark's configuration file and sets `runTimesS` to the run time that the benchmark would
+/// use. Throws UserError if the file cannot be read or is not a configuration.
 Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS);
 
-/// A configuration file with the settings of `path` and other levels; a section that `path` does not have is
-/// added. The model's path is absolute in it. Throws UserError for a file that cannot be read or that
-/// the benchmark would refuse, and for an AIC level without an AIC section, which names the model.
+/// The text of a configuration with the settings of `path` and the given levels. A missing section is added.
+/// The model's path becomes absolute. Throws UserError for a file that cannot be read or that the benchmark
+/// would refuse, and for an AIC level without an AIC section: only that section names the model.
 std::string PointConfiguration(const std::string& path, const SweepLevels& levels);
 
 }  // namespace scope

@@ -24,10 +24,10 @@ constexpr const char* kEdac = "edac";
 constexpr const char* kThermal = "thermal";
 constexpr const char* kCpuFrequency = "cpufreq";
 constexpr const char* kThrottle = "throttle";
-// What resctrl says of a counter that has no value at the moment.
+// The content of a resctrl file that has no value at the moment.
 constexpr const char* kNotYet = "Unavailable";
 
-// "/" and "tree/" as the beginning of paths.
+// `root` without the slashes at its end, to put paths behind it.
 std::string WithoutSlash(const std::string& root) {
   return root.substr(0, root.find_last_not_of('/') + 1);
 }
@@ -41,7 +41,7 @@ bool HasAny(const std::string& text, std::initializer_list<const char*> words) {
                      [&text](const char* word) { return text.find(word) != std::string::npos; });
 }
 
-// Counting units of memory controllers and of the interconnects before them.
+// True for the counting units of memory controllers and of interconnects.
 bool CountsMemory(const std::string& unit) {
   constexpr const char* kUnits[] = {"uncore_imc", "amd_umc", "amd_df",   "arm_cmn", "arm_dsu",
                                     "arm_dmc",    "dmc620",  "imx8_ddr", "imx9_ddr"};
@@ -69,7 +69,7 @@ class Kernel : public PerfEvents {
   std::map<int, ScaledCount> counts_;
 };
 
-// Puts `value` into the bits that `bits` ("config:0-7,32-35") names, lowest first.
+// Writes `value`, lowest bit first, into the bits that `bits` ("config:0-7,32-35") names.
 bool PutBits(const std::string& bits, std::uint64_t value, perf_event_attr& attributes) {
   const std::size_t colon = bits.find(':');
   if (colon == std::string::npos) return false;
@@ -139,7 +139,7 @@ bool ParsePerfEvent(const std::string& folder, const std::string& text, perf_eve
       const std::string digits = term.substr(equals + 1);
       char* end = nullptr;
       value = std::strtoull(digits.c_str(), &end, 0);
-      if (digits.empty() || *end != '\0') return false;  // "?": the user would have to say
+      if (digits.empty() || *end != '\0') return false;  // "?": the user would have to give the value
     }
     if (field == "config") {
       attributes.config |= value;
@@ -170,7 +170,7 @@ Counters::~Counters() {
 void Counters::Add(File file, std::string& reason) {
   std::string why;
   if (const std::optional<std::string> text = ReadText(file.path); !text) {
-    // Missing files are expected: not every folder has all of them.
+    // Missing files are expected.
     if (errno != ENOENT && errno != ENOTDIR) why = "cannot read " + file.path + ": " + std::strerror(errno);
   } else if (!ReadNumber(file.path) && *text != kNotYet) {
     why = file.path + " says \"" + *text + "\", which is no number";
@@ -212,7 +212,7 @@ std::vector<int> Counters::OpenOnAll(const std::vector<int>& cpus, const perf_ev
     if (error == EACCES || error == EPERM) {
       reason += " (needs CAP_PERFMON, or kernel.perf_event_paranoid 0 or less)";
     }
-    // The sum of some packages would be taken for that of all.
+    // The sum over some packages would look like the sum over all.
     for (const int opened : descriptors) perf_->Close(opened);
     return {};
   }
@@ -227,7 +227,7 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
   }
   bool understood = false;
   for (const std::string& event : ListFolder(folder + "/events")) {
-    // Reads and writes of memory; a unit has few counters, and the rest would take turns with them.
+    // Only reads and writes of memory: a unit has few counters, and more events would have to share them.
     if (event.find('.') != std::string::npos || !HasAny(event, {"read", "write", "_rd", "_wr"})) continue;
     const std::string path = folder + "/events/" + event;
     perf_event_attr attributes{};
@@ -237,7 +237,7 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
     if (const std::optional<std::string> text = ReadText(path + ".scale"); text) {
       const std::optional<double> number = ReadNumber(path + ".scale");
       if (!number) {
-        // In the unit of the event, a bare count would be wrong by that factor.
+        // Without its scale, the value would not be in the event's unit.
         reason = path + ".scale says \"" + *text + "\", which is no number";
         continue;
       }
@@ -267,7 +267,7 @@ void Counters::FindResctrl(const std::string& root) {
   }
   std::error_code ignored;
   const auto there = [&ignored](const std::string& path) { return std::filesystem::exists(path, ignored); };
-  // The kernel makes the place for it where the CPU has it; what it can do is there once it is mounted.
+  // The mount point exists if the CPU has resctrl. Its files exist after it is mounted.
   Conclude(kResctrl, before, reason,
            there(folder)            ? "no domain in " + folder + " counts bandwidth (mbm_total_bytes)"
            : there(mount + "/info") ? folder + " is missing: this resctrl has no monitoring"
@@ -339,7 +339,7 @@ void Counters::FindCpu(const std::string& root) {
 std::optional<double> Counters::PerSecond(const std::string& key, double count, double timeS) {
   const auto before = before_.find(key);
   std::optional<double> rate;
-  // A counter that went back was started again.
+  // A counter that decreased was restarted.
   if (before != before_.end() && timeS > before->second.first && count >= before->second.second) {
     rate = (count - before->second.second) / (timeS - before->second.first);
   }

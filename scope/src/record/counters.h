@@ -11,27 +11,27 @@
 
 #include "run.h"
 
-/// Counters of the memory system and the machine, beside what the meter measures. Each source is looked for
-/// where the kernel keeps it; one that is not there is listed with the reason, and nothing stands in for it.
+/// Counters of the memory system and the machine. Each source is looked for where the kernel has it. An
+/// absent source is listed with the reason, and no other value replaces it.
 namespace scope {
 
-/// The kernel's counting of hardware events, as far as it is used here; a test puts another one in its place.
+/// The part of the kernel's perf events that is used here. Tests replace it.
 class PerfEvents {
  public:
   virtual ~PerfEvents() = default;
   /// Starts counting `attributes` on `cpu`, for all processes. Returns a descriptor, or -1 and sets errno.
   virtual int Open(const perf_event_attr& attributes, int cpu) = 0;
-  /// The count so far, scaled up where the counter was shared; none when it cannot be read.
+  /// The count so far, scaled up if the counter was shared; none if it cannot be read.
   virtual std::optional<double> Read(int descriptor) = 0;
   virtual void Close(int descriptor) = 0;
 };
 
-/// A count that took turns with others on the hardware: it ran for a part of the time and is scaled up.
+/// The count of an event that shares a hardware counter: it was counted part of the time and is scaled up.
 class ScaledCount {
  public:
-  /// The count so far, from what the kernel says. Each interval is scaled for itself: the share that an event
-  /// ran changes, and all that was counted before is not to change with it. None for an interval in which it
-  /// did not run; the next one has it.
+  /// The count so far, from the kernel's values. Each interval is scaled by the share of it in which the
+  /// event was counted, so a later share does not change earlier counts. None if the event was not counted in
+  /// an interval; the next interval then includes it.
   std::optional<double> Next(std::uint64_t value, std::uint64_t enabledNs, std::uint64_t runningNs);
 
  private:
@@ -41,12 +41,12 @@ class ScaledCount {
   std::uint64_t runningNs_ = 0;
 };
 
-/// The running kernel's.
+/// The events of the running kernel.
 std::unique_ptr<PerfEvents> KernelPerfEvents();
 
 /// Fills `attributes` (type, config, config1, config2) for the event `text` ("event=0x04,umask=0x03") of the
-/// counting unit in `folder`, by its format files. False for an event that needs values from the user, or has
-/// a field that the unit does not describe.
+/// counting unit in `folder`, which has the format files. False if the event needs values from the user or
+/// has a field without a format file.
 bool ParsePerfEvent(const std::string& folder, const std::string& text, perf_event_attr& attributes);
 
 class Counters {
@@ -60,8 +60,8 @@ class Counters {
   /// Every source that was looked for, in a fixed order.
   const std::vector<CounterSource>& Sources() const { return sources_; }
 
-  /// What the present ones say at `timeS`. Rates are over the time since the call before, and absent in the
-  /// first one.
+  /// The values of all present sources at `timeS`. Rates are over the time since the previous call, so the
+  /// first call returns none.
   std::vector<CounterValue> Read(double timeS);
 
  private:
@@ -72,18 +72,19 @@ class Counters {
     std::string path;
     std::string unit;
     double scale;
-    bool rate;  ///< a count that only grows, reported per second
+    bool rate;  ///< the number is a growing count, and its rate is reported
   };
   struct PerfCounter {
     std::string name;
     std::string unit;
     double scale;
-    std::vector<int> descriptors;  ///< one for each CPU of the unit's mask: a package each
+    std::vector<int> descriptors;  ///< one for each CPU in the unit's mask, that is, for each package
   };
 
-  /// Takes the file where it has a number, or will have one; otherwise notes why not as the first `reason`.
+  /// Adds the file if it has a number or will have one. Otherwise sets `reason`, unless it is set already.
   void Add(File file, std::string& reason);
-  /// Lists `source` as present where files were added since; else with `reason`, or with `otherwise`.
+  /// Lists `source` as present if files were added since, else as absent for `reason` or, if empty,
+  /// `otherwise`.
   void Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
                 const std::string& otherwise);
   void FindResctrl(const std::string& root);

@@ -15,14 +15,14 @@ namespace scope {
 struct EngineFigures {
   int threads = 0;
   double operationsPerS = 0;
-  std::optional<double> gigabytesPerS;  ///< 10^9 bytes, read and written; none where unknown
+  std::optional<double> gigabytesPerS;  ///< 10^9 bytes, read and written; none if unknown
   std::uint64_t p50Ns = 0;
   std::uint64_t p99Ns = 0;
   std::uint64_t maxNs = 0;
   std::uint64_t failures = 0;  ///< since the start
 };
 
-/// The second that was last, and how the rates came to it.
+/// The last second, and each engine's rate in all seconds so far.
 class Figures {
  public:
   void Add(const MeterSecond& second);

@@ -37,7 +37,7 @@ MeterReader::MeterReader(std::uint64_t startNs) : startNs_(startNs) {
   }
   socket_ = ends[0];
   childEnd_ = ends[1];
-  // A second of forty workers fits, should this side be late by one. The system may grant less.
+  // Room for one second of forty workers, in case this side is a second late. The system may grant less.
   const int bytes = 4 << 20;
   (void)setsockopt(childEnd_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
 }
@@ -61,7 +61,7 @@ void MeterReader::Read(std::vector<MeterSecond>& seconds) {
     if (size <= 0) {
       (void)close(socket_);
       socket_ = -1;
-      // A second that was cut short by the program's end is still a second.
+      // The program's end cut this second short. It is kept.
       if (!pending_.samples.empty()) Flush(startNs_, seconds);
       return;
     }
@@ -82,7 +82,7 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
   }
   if (header.type == PacketType::kHello) {
     const auto hello = Unpack<HelloPacket>(bytes, size, "hello");
-    // A second program under the same meter would be another run.
+    // Another program under the same meter does not belong to this run.
     if (processId_ != 0) return;
     if (hello.bucketCount != kBucketCount) {
       throw UserError("the meter has " + std::to_string(hello.bucketCount) + " latency buckets, expected " +
@@ -127,7 +127,7 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
     second.Add(entry.bucket, entry.count);
   }
   const auto thread = static_cast<int>(packet.thread);
-  // A thread has one sample a second: the end of the second before found the queue full.
+  // A thread has one sample a second. Here the queue was full when the previous second ended.
   if (std::any_of(pending_.samples.begin(), pending_.samples.end(),
                   [&](const Sample& sample) { return sample.engine == engine && sample.thread == thread; })) {
     Flush(startNs_, seconds);
@@ -135,7 +135,7 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   latencies_[{engine, thread}].Add(second);
   pending_.latencies[engine].Add(second);
   pending_.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;
-  // A set-up is soon over: a row in every second would say nothing.
+  // A set-up ends early. Rows for the seconds after it would be empty.
   if (!Engines()[row].load && packet.operations == 0 && packet.failures == 0) return;
 
   Sample sample;
@@ -146,7 +146,7 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   if (packet.bytesKnown != 0) sample.bytes = packet.bytes;
   sample.failures = packet.failures;
   if (packet.operations != 0) {
-    // The middle of the highest bucket may lie above the longest operation in it.
+    // The middle of the highest bucket may be above the longest latency in it.
     sample.maxNs = std::max(packet.maxNs, BucketLow(second.Buckets().rbegin()->first));
     sample.p50Ns = std::min(second.Percentile(0.50), sample.maxNs);
     sample.p99Ns = std::min(second.Percentile(0.99), sample.maxNs);

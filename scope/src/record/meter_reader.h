@@ -12,7 +12,7 @@
 
 namespace scope {
 
-/// What the meter told for one second.
+/// What the meter reported for one second.
 struct MeterSecond {
   double timeS = 0;
   std::vector<Sample> samples;
@@ -22,21 +22,21 @@ struct MeterSecond {
 /// The other end of the meter's socket.
 class MeterReader {
  public:
-  /// Makes the pair of sockets. `startNs` is the time (CLOCK_MONOTONIC) that samples count from. Throws
-  /// std::runtime_error when the system has none left.
+  /// Makes the pair of sockets. Times of samples count from `startNs` (CLOCK_MONOTONIC). Throws
+  /// std::runtime_error if the system has no sockets left.
   explicit MeterReader(std::uint64_t startNs);
   ~MeterReader();
   MeterReader(const MeterReader&) = delete;
   MeterReader& operator=(const MeterReader&) = delete;
 
-  /// To wait on; -1 once the meter has gone.
+  /// The descriptor to wait on; -1 after the meter has gone.
   int Descriptor() const { return socket_; }
-  /// For the child to inherit; close-on-exec until CloseChildEnd, or the child itself, changes that.
+  /// The descriptor that the child inherits. It is close-on-exec: the child has to clear that flag.
   int ChildEnd() const { return childEnd_; }
   void CloseChildEnd();
 
-  /// Takes every packet that has arrived. The seconds that are complete with it are added to `seconds`.
-  /// Throws UserError for a meter of another version, and for what is no meter.
+  /// Reads all packets that have arrived and adds the seconds that are now complete to `seconds`. Throws
+  /// UserError if the packets are from a meter of another version, or not from a meter.
   void Read(std::vector<MeterSecond>& seconds);
 
   bool SaidHello() const { return processId_ != 0; }
@@ -44,7 +44,7 @@ class MeterReader {
   bool IsHostPlatform() const { return hostPlatform_; }
   std::uint64_t DelayedSamples() const { return delayedSamples_; }
   std::uint64_t Unmeasured() const { return unmeasured_; }
-  /// True when the meter said that the program ends: nothing is missing.
+  /// True if the meter has reported the program's end, so nothing is missing.
   bool SaidLast() const { return last_; }
 
   /// Latencies of the whole run by engine and thread.

@@ -91,8 +91,8 @@ std::string FindMeter(const std::string& given) {
                   ". Say where libstress_scope.so is with --meter, or record without it with --no-meter.");
 }
 
-/// One recording, from the start of the benchmark to the last file: waits, reads, saves and shows. When the
-/// benchmark is to end is the supervisor's to decide.
+/// One recording, from the start of the benchmark to the last file: it waits, reads, saves and shows. The
+/// supervisor decides when the benchmark has to end.
 class Recording {
  public:
   Recording(const RecordOptions& options, View& view)
@@ -110,7 +110,7 @@ class Recording {
     info_.kind = "record";
     info_.label = options.label;
     info_.conditions = ReadConditions(options.systemRoot);
-    // Known of the benchmark that was built with this program, and of no other.
+    // Only the benchmark of this build has a known build type.
     if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
     info_.counters = counters_->Sources();
@@ -166,7 +166,7 @@ class Recording {
                                  {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0}}};
     (void)poll(waits.data(), waits.size(), kPollMs);
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
-    // Looked at before the pipes are read: what it wrote before it ended is in them then.
+    // Asked before the pipes are read, so that they hold all that it wrote before it ended.
     const bool ended = child_->HasEnded();
     ReadOutput();
     ReadMeter();
@@ -227,7 +227,7 @@ class Recording {
       Save([&] { writer_->Add(second.samples); });
       const bool whole = second.timeS > figures_.TimeS() + kShownSecondS;
       figures_.Add(second);
-      // The rates of what is left at the end are of a few operations.
+      // The rest of a second at the end has too few operations to show a rate.
       if (whole) view_.Second(figures_, second.timeS, limits_.runTimeS);
     }
   }
@@ -246,7 +246,7 @@ class Recording {
     Save([&] { writer_->Add(values); });
   }
 
-  // After a file that took no more, the rest of the run is not saved: it would have a hole.
+  // After a failed write nothing more is added: the run would have a gap.
   template <typename Write>
   void Save(Write write) {
     if (saving_) saving_ = Try(write);
@@ -276,7 +276,7 @@ class Recording {
       Tell(std::to_string(meter_->DelayedSamples()) +
            " samples came with the next second: the recorder was too slow");
     }
-    // Even after a failed write: there may be room for these again, and each stands on its own.
+    // Tried even after a failed write: there may be room again, and these files do not need the others.
     if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });
     info_.complete = supervisor_->Fault().empty();
     info_.incompleteReason = supervisor_->Fault();

@@ -27,7 +27,7 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
-  // One that came late would be delivered when the mask goes.
+  // A pending signal would be delivered when the mask is restored.
   (void)TakeStop();
   (void)close(descriptor_);
   Restore();

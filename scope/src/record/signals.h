@@ -4,22 +4,22 @@
 
 namespace scope {
 
-/// SIGINT, SIGTERM and SIGCHLD as something to wait for. As long as it lives they have no other effect, and a
-/// closed pipe does not end this program. No handler is installed, so nothing runs inside a signal. Threads:
-/// the main thread of a program that has started no other.
+/// Makes SIGINT, SIGTERM and SIGCHLD readable from a descriptor. While this object exists, they have no other
+/// effect, and a closed pipe does not end this program. No handler is installed. Threads: the main thread,
+/// before the program has started another one.
 class Signals {
  public:
-  /// Throws std::runtime_error when the system has no descriptor left; signals are then as before.
+  /// Throws std::runtime_error if the system has no descriptors left. The signals are then as before.
   Signals();
-  /// Drops what came and was not taken, and leaves the signals as they were.
+  /// Drops signals that were not taken and restores the former signal settings.
   ~Signals();
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;
 
-  /// Readable when one has come.
+  /// Readable when a signal has come.
   int Descriptor() const { return descriptor_; }
 
-  /// Takes all that have come. True when SIGINT or SIGTERM is among them.
+  /// Takes all signals that have come. True if SIGINT or SIGTERM is among them.
   bool TakeStop();
 
  private:

@@ -7,10 +7,10 @@
 namespace scope {
 namespace {
 
-// The run-time limiter ends a second after it raised the flag; set-up and tear-down of the engines come on
-// top.
+// The benchmark's run-time limiter ends a second after it set the flag. The engines need time to start and
+// end.
 constexpr double kUsualEndS = 2;
-// One Ctrl-C may come twice: from the terminal, and from a program in between that passes it on.
+// One Ctrl-C may arrive twice: from the terminal, and from a parent program that passes it on.
 constexpr double kSameSignalS = 1;
 
 std::string Seconds(double seconds) {
@@ -66,7 +66,7 @@ Supervisor::Send Supervisor::Kill() {
   return Send::kSigkill;
 }
 
-// The others follow from the first one.
+// Only the first fault is kept: later ones follow from it.
 std::string Supervisor::FirstFault(const std::string& fault) {
   if (!fault_.empty()) return "";
   fault_ = fault;

@@ -6,8 +6,8 @@
 namespace scope {
 
 /// Decides how a recording ends: when the benchmark is asked to end, when it is killed, and what went wrong.
-/// It has no clock, no process and no output: the caller says what happened and when, and does what is
-/// decided. Times are seconds since the benchmark started; `nowS` never falls. Threads: one.
+/// It has no clock, no process and no output. The caller reports what happened and when, and carries out the
+/// decisions. Times are seconds since the benchmark's start. `nowS` never decreases. Threads: one.
 class Supervisor {
  public:
   enum class State {
@@ -22,47 +22,47 @@ class Supervisor {
 
   struct Decision {
     Send send = Send::kNothing;
-    /// The first thing that went wrong, for the user. Handed out once; empty where there is no news.
+    /// The first fault, as a text for the user. Returned once; empty otherwise.
     std::string fault;
   };
 
   struct Limits {
-    std::string program;    ///< the benchmark, for messages
+    std::string program;    ///< the benchmark's path, for messages
     double runTimeS = 0;    ///< how long it runs by itself
     double stopAfterS = 0;  ///< when it is asked to end; 0: never
-    double graceS = 15;  ///< without a sign of life for so long it hangs; it has so long to end after SIGINT
+    double graceS = 15;     ///< longest silence past the run time, and longest time to end after SIGINT
   };
 
   enum class Meter {
     kUnused,
     kSilent,     ///< sent nothing
     kCut,        ///< did not say that the program ends
-    kSaidTheEnd  ///< nothing is missing
+    kSaidTheEnd  ///< all samples were received
   };
 
   /// How the benchmark ended.
   struct Ending {
     int exitStatus = 0;
-    int signal = 0;  ///< 0 when it ended by itself
+    int signal = 0;  ///< 0 if it ended by itself
     Meter meter = Meter::kUnused;
   };
 
   explicit Supervisor(const Limits& limits) : limits_(limits) {}
 
-  /// The benchmark printed a line or did an operation at `timeS`, which may be told late.
+  /// The benchmark printed a line or did an operation at `timeS`. The call may come later.
   void SignOfLife(double timeS) { lastLifeS_ = std::max(lastLifeS_, timeS); }
-  /// To be called a few times a second, for what depends on time alone.
+  /// Checks the time limits. Call it a few times a second.
   Decision TimePassed(double nowS);
   /// This program got SIGINT or SIGTERM.
   Decision SignalCame(double nowS);
-  /// What the benchmark does cannot be recorded any more.
+  /// The recording cannot go on, for `reason`.
   Decision RecordingFailed(double nowS, const std::string& reason);
   Decision BenchmarkEnded(const Ending& ending);
 
   State CurrentState() const { return state_; }
-  /// True once SIGINT or SIGTERM came.
+  /// True after SIGINT or SIGTERM came.
   bool Interrupted() const { return interrupted_; }
-  /// The first thing that went wrong; empty for a recording that is complete.
+  /// The first fault; empty for a complete recording.
   const std::string& Fault() const { return fault_; }
 
  private:

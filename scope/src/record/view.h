@@ -6,16 +6,16 @@
 
 namespace scope {
 
-/// Where a recording shows itself; this one shows nothing. Threads: one.
+/// Shows a recording while it runs. This base class shows nothing. Threads: one.
 class View {
  public:
   virtual ~View() = default;
-  /// A second has passed; `runTimeS` is the run time that is configured.
+  /// A second has passed. `runTimeS` is the configured run time.
   virtual void Second(const Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) {}
-  /// A line that the benchmark wrote to standard error. Called only when TakesErrors.
+  /// The benchmark wrote `line` to standard error. Called only if TakesErrors().
   virtual void ErrorLine(const std::string& /*line*/) {}
   virtual bool TakesErrors() const { return false; }
-  /// Leaves the screen in order: nothing is drawn any more, and others may write.
+  /// Stops drawing and restores the screen, so that others may write to it.
   virtual void End() {}
 };
 

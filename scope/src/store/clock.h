@@ -4,10 +4,10 @@
 
 namespace scope {
 
-/// Now in UTC, ISO 8601, to the second.
+/// The current time in UTC, ISO 8601, in whole seconds.
 std::string UtcNow();
 
-/// A name for a run folder in the current one: `prefix` and the time.
+/// A folder name of `prefix` and the current time.
 std::string TimedFolder(const std::string& prefix);
 
 }  // namespace scope

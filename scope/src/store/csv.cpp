@@ -11,7 +11,7 @@
 namespace scope {
 namespace {
 
-// The fields of a row, out of their quotes. A quote within a field without quotes stands for itself.
+// The fields of a row, without their quotes. A quote inside an unquoted field is an ordinary character.
 std::vector<std::string> Fields(const std::string& row) {
   std::vector<std::string> fields(1);
   bool quoted = false;

@@ -5,21 +5,20 @@
 #include <string>
 #include <vector>
 
-/// Tables of comma-separated values, a line a row.
+/// Tables of comma-separated values, one row a line.
 namespace scope {
 
-/// A text of the machine's own as a field: in quotes where it has a comma or a quote. What would break the
-/// line becomes a blank.
+/// `text` as a field: in quotes if it contains a comma or a quote. Control characters become blanks.
 std::string CsvField(std::string text);
 
 /// To the millisecond.
 std::string CsvSeconds(double value);
 
-/// With fifteen digits: what a double holds, and no noise after them.
+/// With fifteen significant digits: more would be noise.
 std::string CsvNumber(double value);
 
-/// One row of the table in the file `path`, whose first line is `header`. A field that is not what its reader
-/// asks for is a DamagedFolder that names file, line and field.
+/// One row of the table in the file `path`, whose first line is `header`. Throws DamagedFolder, which names
+/// file, line and field, if a field does not have the type that is asked for.
 class CsvRow {
  public:
   CsvRow(const std::string& path, std::size_t line, const std::string& text, const char* header);

@@ -29,7 +29,7 @@ void OutputFile::Write(const std::string& text) {
   errno = 0;
   if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() || std::fflush(file_) != 0) {
     const int error = errno;
-    // What could not be written stays in the stream's buffer otherwise, and every later call fails on it.
+    // Without this the stream stays in its error state.
     std::clearerr(file_);
     Fail(error);
   }
@@ -37,7 +37,7 @@ void OutputFile::Write(const std::string& text) {
 
 void OutputFile::Close() {
   errno = 0;
-  // Not every file system can tell.
+  // EINVAL: this file system has no fsync.
   const bool saved = fsync(fileno(file_)) == 0 || errno == EINVAL;
   const int error = errno;
   std::FILE* const file = std::exchange(file_, nullptr);

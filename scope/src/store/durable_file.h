@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <string>
 
-/// Writing files so that what was written is kept. Failures are UserErrors that name the file and the reason.
+/// Writes files so that what was written is kept. Failures are UserErrors that name the file and the reason.
 namespace scope {
 
-/// A file that is written anew.
+/// A new file, which replaces an existing one at once.
 class OutputFile {
  public:
   explicit OutputFile(std::string path);
@@ -14,10 +14,9 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  /// When it returns, `text` is in the file, not in this program alone. After a failure the next call may
-  /// succeed.
+  /// On return, `text` has left this program's buffers. After a failure the next call may succeed.
   void Write(const std::string& text);
-  /// When it returns, everything is on the disk.
+  /// On return, all data is on the disk.
   void Close();
 
  private:
@@ -27,14 +26,14 @@ class OutputFile {
   std::FILE* file_;
 };
 
-/// Puts `text` in the place of the file as a whole or not at all: where the disk is full, the file that was
-/// there stays. Throws UserError.
+/// Replaces the file's content with `text`, completely or not at all. If the disk is full, the old file
+/// stays. Throws UserError.
 void ReplaceFile(const std::string& path, const std::string& text);
 
 /// Makes the folder and its parents.
 void MakeFolder(const std::string& path);
 
-/// True where `path` is there and is something else than an empty folder.
+/// True if `path` exists and is not an empty folder.
 bool IsTaken(const std::string& path);
 
 }  // namespace scope

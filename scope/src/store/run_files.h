@@ -1,6 +1,6 @@
 #pragma once
 
-/// Names of a run folder's files, and the first lines of its tables.
+/// The file names of a run folder and the header rows of its tables.
 namespace scope {
 
 constexpr const char* kInfoName = "run.json";

@@ -13,7 +13,7 @@
 namespace scope {
 namespace {
 
-// Samples come every second until the benchmark has ended: a folder that was copied in part has fewer.
+// A complete run has samples until the benchmark's end. If they stop early, the folder was copied in part.
 void NoteMissingEnd(Run& run) {
   constexpr double kSlackS = 5;
   if (!run.info.complete || !run.info.conditions.meter || run.samples.empty()) return;
@@ -26,13 +26,13 @@ void NoteMissingEnd(Run& run) {
 
 }  // namespace
 
-// The first gap of each thread; threads with the same one share a note.
+// Only the first gap of each thread is noted. Threads with the same gap share one note.
 void NoteGaps(Run& run) {
   std::map<std::pair<std::string, int>, double> last;
   std::set<std::pair<std::string, int>> noted;
   std::map<std::pair<double, double>, std::vector<std::string>> gaps;
   for (const Sample& sample : run.samples) {
-    if (!IsLoad(sample.engine)) continue;  // has rows for the seconds alone in which it worked
+    if (!IsLoad(sample.engine)) continue;  // a set-up has rows only for the seconds in which it worked
     const auto key = std::make_pair(sample.engine, sample.thread);
     const auto before = last.find(key);
     if (before != last.end() && sample.timeS - before->second > kGapS && noted.insert(key).second) {

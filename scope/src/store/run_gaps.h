@@ -4,7 +4,7 @@
 
 namespace scope {
 
-/// Adds to the run's notes what its samples lack: seconds of a thread between two samples, and the end of a
+/// Notes missing samples in `run.notes`: gaps between two samples of a thread, and a missing end of a
 /// complete run.
 void NoteGaps(Run& run);
 

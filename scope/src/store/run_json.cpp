@@ -61,7 +61,8 @@ Json ToJson(const RunInfo& info) {
   };
 }
 
-// What is missing keeps its default, so that a later format may add keys; what is there must have its type.
+// A missing key keeps its default, so that later versions may add keys. A present key must have the right
+// type.
 template <typename T>
 void Take(const Json& object, const char* key, T& out) {
   const auto at = object.find(key);

@@ -11,8 +11,8 @@ constexpr int kRunFormat = 1;
 /// The text of run.json.
 std::string RunInfoText(const RunInfo& info);
 
-/// What the text of the file `path`, a run.json, says. Throws DamagedFolder, which names the file and what
-/// was expected there.
+/// Parses `text`, the content of the run.json at `path`. Throws DamagedFolder, which names the file and what
+/// was expected.
 RunInfo ParseRunInfo(const std::string& text, const std::string& path);
 
 }  // namespace scope

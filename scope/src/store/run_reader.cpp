@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Calls `add` for every row of the table. A missing file is an error only where it is `required`.
+// Calls `add` for every row of the table. A missing file matters only if it is `required`.
 template <typename AddRow>
 void ReadTable(Run& run, const char* name, const char* header, bool required, AddRow add) {
   const std::string path = run.folder + "/" + name;
@@ -36,7 +36,7 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     ++number;
     const std::size_t end = text->find('\n', from);
     if (end == std::string::npos) {
-      // Every line is written with its line feed: one without was cut.
+      // The writer ends every line with a line feed. A line without one was cut.
       run.notes.push_back(std::string(name) + ": line " + std::to_string(number) +
                           " is cut and was left out");
       return;

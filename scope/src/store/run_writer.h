@@ -8,14 +8,14 @@
 
 namespace scope {
 
-/// Writes a run folder while the run goes on: everything handed over is in the files when the call returns,
-/// so that a recorder that is killed leaves what it had. run.json and the histogram are replaced as a whole.
-/// Every operation throws UserError where the file system refuses, naming the file and the reason; the
-/// other files stay usable. Threads: one.
+/// Writes a run folder during the run. When a call returns, its data is in the files, so a recorder that is
+/// killed loses nothing of it. run.json and the histogram are replaced as a whole. Every operation throws
+/// UserError, which names the file and the reason, if the file system fails. The other files stay usable.
+/// Threads: one.
 class RunWriter {
  public:
-  /// Makes the folder and its parents. One that exists and is not empty is refused, unless `force`: then the
-  /// files of an earlier run in it are removed, and nothing else.
+  /// Makes the folder and its parents. Refuses an existing folder that is not empty. With `force` it removes
+  /// the files of an earlier run from such a folder, and nothing else.
   RunWriter(const std::string& folder, bool force);
   ~RunWriter();
   RunWriter(const RunWriter&) = delete;
@@ -27,7 +27,7 @@ class RunWriter {
   void Add(const std::vector<Sample>& samples);
   void Add(const std::vector<Rate>& rates);
   void Add(const std::vector<CounterValue>& counters);
-  /// One line as it came, without its line feed.
+  /// Adds one line as it was printed, without its line feed.
   void AddRateLine(const std::string& line);
   void WriteHistogram(const std::vector<HistogramRow>& rows);
 

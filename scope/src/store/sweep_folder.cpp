@@ -72,7 +72,7 @@ Json ToJson(const Sweep& sweep) {
 SweepRun RunFromJson(const Json& json, const std::string& path) {
   SweepRun run;
   json.at("folder").get_to(run.folder);
-  // Folders within the sweep's: what a resumed sweep replaces is nowhere else.
+  // A resumed sweep replaces this folder, so it must be inside the sweep's own.
   if (run.folder.empty() || run.folder[0] == '.' || run.folder.find('/') != std::string::npos) {
     throw DamagedFolder(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
   }

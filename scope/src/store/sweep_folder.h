@@ -4,11 +4,11 @@
 
 #include "sweep.h"
 
-/// sweep.json, which says what a sweep records and how far it has come (scope/FORMAT.md).
+/// sweep.json: what a sweep records and how much of it is done (scope/FORMAT.md).
 namespace scope {
 
 bool IsSweepFolder(const std::string& folder);
-/// Throws UserError, with the file and what was expected there.
+/// Throws UserError, which names the file and what was expected.
 Sweep ReadSweep(const std::string& folder);
 /// Replaces sweep.json as a whole. Throws UserError.
 void WriteSweep(const std::string& folder, const Sweep& sweep);

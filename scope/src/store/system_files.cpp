@@ -30,7 +30,7 @@ std::optional<std::string> ReadFile(const std::string& path) {
     size = std::fread(bytes.data(), 1, bytes.size(), file.get());
     text.append(bytes.data(), size);
   }
-  // A folder opens, and so do files of sys that then refuse to be read.
+  // Folders, and some files of sys, can be opened but not read.
   if (std::ferror(file.get()) != 0) return std::nullopt;
   return text;
 }

@@ -4,24 +4,23 @@
 #include <string>
 #include <vector>
 
-/// Reading files, above all the small ones of sys and proc. Absent and unreadable ones are no values, never
-/// errors.
+/// Reads files, mostly small ones of sys and proc. A missing or unreadable file gives no value and no error.
 namespace scope {
 
-/// All that is in the file; errno says why there is none. Throws std::bad_alloc.
+/// The file's content. If there is none, errno says why. Throws std::bad_alloc.
 std::optional<std::string> ReadFile(const std::string& path);
 
-/// The file's text without the white space at its end; errno says why there is none.
+/// The file's text without white space at the end. If there is none, errno says why.
 std::optional<std::string> ReadText(const std::string& path);
 
-/// The file's text as a finite number; none where it is something else.
+/// The file's text as a finite number; none if it is something else.
 std::optional<double> ReadNumber(const std::string& path);
 
-/// The CPUs of a list such as "0-3,6"; empty where it is none.
+/// The CPUs of a list such as "0-3,6"; empty if `text` is not such a list.
 std::vector<int> ParseCpuList(const std::string& text);
 
-/// Names in the folder, sorted; those of numbered things in the order of their numbers. Empty where it is
-/// missing.
+/// The names in the folder, sorted; numbers in names sort by value ("cpu2" before "cpu10"). Empty if the
+/// folder is missing.
 std::vector<std::string> ListFolder(const std::string& path);
 
 }  // namespace scope
