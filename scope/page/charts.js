@@ -2,8 +2,8 @@
 // {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap; a mark
 // {x, text}.
 
-// Colours belong to engines. Lines of runs differ in dashes and points, lines of figures in weight.
-const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // of engines that the program has no colour for
+// Each engine has its colour. Runs differ in dashes and markers, figures in line weight.
+const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // for engines that are not in the program's table
 const kCounterColours = ['#4477aa', '#ee6677', '#228833', '#aa3377', '#ccbb44', '#66ccee', '#60656b', '#994455'];
 const kCountedUnits = ['errors', 'events']; // counted since the machine's start
 const kTotalColour = '#60656b';
@@ -13,7 +13,7 @@ const kStrong = {width: 2.5, opacity: 1};
 const kMiddling = {width: 1.75, opacity: 0.75};
 const kFaint = {width: 1.25, opacity: 0.5};
 const kBinsPerOctave = 8;
-const kLeastRange = 5; // of a histogram's axis: wide enough for a number or two
+const kLeastRange = 5; // of a histogram's axis, so that one or two numbers fit
 
 function engineOf(run, name) {
   return run.engines.find((engine) => engine.name === name);
@@ -23,7 +23,7 @@ function printedOf(run, name) {
   return run.printed.find((printed) => printed.engine === name);
 }
 
-// What is wrong with an engine that was to work in the run and did not; empty where all is well.
+// Why an engine of the run's configuration did no work; empty if it worked.
 function failureOf(run, name) {
   const engine = engineOf(run, name);
   if (engine && engine.work.operations > 0) return '';
@@ -44,7 +44,7 @@ function isDrawn(series) {
   return series.points.some((point) => point.y !== null);
 }
 
-// Numbers the warnings that have a time, for list and charts.
+// Numbers the warnings that have a time. The list and the charts show the number.
 function numberWarnings(runs) {
   let number = 0;
   for (const warning of runs.flatMap((run) => run.warnings)) {
@@ -52,7 +52,7 @@ function numberWarnings(runs) {
   }
 }
 
-// The charts of a report: `runs` and `engines` as in its data, the engines those that are drawn.
+// The charts of a report. `runs` and `engines` are those of its data; only these engines are drawn.
 class Charts {
   constructor(runs, engines, warmupS) {
     this.runs = runs;
@@ -76,13 +76,13 @@ class Charts {
     return kMoreColours[unknown.findIndex((engine) => engine.name === name) % kMoreColours.length];
   }
 
-  // The warnings on a chart of `runs`: those for which `belongs` holds.
+  // The marks on a chart of `runs`: the warnings for which `belongs` is true.
   marks(runs, belongs) {
     return runs.flatMap((run) => run.warnings).filter((warning) => warning.mark && belongs(warning))
         .map((warning) => ({x: warning.time_s, text: warning.mark}));
   }
 
-  // A line of the run; `what` tells it from the run's other lines in the chart.
+  // A line of the run. `what` names it if the run has several lines in the chart.
   line(runIndex, colour, what, points, style = {}) {
     const several = this.runs.length > 1;
     const name = !several ? what : [this.runs[runIndex].name, ...(what ? [what] : [])].join(', ');
@@ -93,7 +93,7 @@ class Charts {
     return this.runs.length === 1 ? title : `${title}: ${run.name}`;
   }
 
-  // The bandwidth of all engines: of several runs beside each other, and of each run, all on one scale.
+  // The bandwidth of all engines: one chart that compares the runs, and one per run, all with the same scale.
   totals() {
     const stacks = this.runs.map((run) => this.stack(run));
     const sums = stacks.map((stack) => sumOf(stack));
@@ -111,8 +111,8 @@ class Charts {
       marks: this.marks(this.runs, () => true)}, ...charts];
   }
 
-  // The engines of a run, with a point for every second that one of them has. An engine that has not begun, or has ended,
-  // moves nothing. Where one lacks a second in between, all have a gap: their sum is not known.
+  // The engines of a run, with a point for every second of any of them. Before its start and after its end an engine has
+  // the value 0. If an engine lacks a second in between, all have a gap there, because the sum is unknown.
   stack(run) {
     const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
     const lines = engines.map((engine) => wholePoints(engine, 'gigabytes_per_s'));
@@ -129,7 +129,7 @@ class Charts {
     }));
   }
 
-  // Rate, bandwidth, latencies, histogram and printed rate of the engine, all runs in each, without the empty ones.
+  // Rate, bandwidth, latencies, histogram and printed rate of the engine, for all runs. Empty charts are left out.
   ofEngine(engine) {
     const measured = this.runs.some((run) => engineOf(run, engine) && failureOf(run, engine) === '');
     const charts = measured ? [this.rate(engine), this.bandwidth(engine), this.latency(engine), this.histogram(engine)] : [];
@@ -139,7 +139,7 @@ class Charts {
         .map((chart) => ({...chart, marks: chart.warmupS === undefined ? [] : marks}));
   }
 
-  // A series for each run that has figures of the engine in `column` of its seconds.
+  // A line for each run that has values of the engine in this column of its seconds.
   columnLines(engine, what, column, perUnit = 1, style = {}) {
     return this.runs.flatMap((run, i) => {
       const found = engineOf(run, engine);
@@ -159,7 +159,7 @@ class Charts {
         this.columnLines(engine, '', 'gigabytes_per_s'));
   }
 
-  // The unit that the engine's latencies are shown in, and how many of it a nanosecond is.
+  // The unit of the engine's latencies, and the factor from nanoseconds.
   latencyUnit(engine) {
     const middle = greatest(this.runs.map((run) => engineOf(run, engine)?.work.p50_ns ?? 0));
     if (middle >= 1e6) return ['ms', 1e-6];
@@ -210,7 +210,7 @@ class Charts {
         {title: 'Rate of a busy thread (fps)'}, series);
   }
 
-  // A chart for each run and source of counters that it recorded.
+  // A chart for each run and each of its sources of counters.
   counters() {
     return this.runs.flatMap((run, i) => {
       const bySource = new Map();
@@ -233,7 +233,7 @@ class Charts {
   }
 }
 
-// The sums of a stack's series: null where one of them has a gap.
+// The sum of a stack's series: null where a series has a gap.
 function sumOf(stack) {
   return (stack[0]?.points ?? []).map(({x}, i) => {
     const values = stack.map((series) => series.points[i].y);
@@ -241,14 +241,14 @@ function sumOf(stack) {
   });
 }
 
-// The seconds in which the engine worked throughout.
+// The points of the engine's whole seconds.
 function wholePoints(engine, column) {
   const seconds = engine.seconds;
   return pointsOf(seconds.time_s, seconds[column]).slice(engine.first_whole, engine.end_whole);
 }
 
-// Per cent of the operations in each of equal parts of an octave, with an empty part at both ends, so that the first and
-// the last bar are seen whole.
+// The operations in per cent per bin; an octave has kBinsPerOctave bins. An empty bin at each end keeps the outer bars
+// inside the chart.
 function shares(histogram, perNs) {
   const bins = new Map();
   let whole = 0;

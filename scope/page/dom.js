@@ -1,8 +1,8 @@
 'use strict';
 
-// Elements, and numbers as texts.
+// Makes elements and formats numbers.
 
-// An element with these attributes and children. A child that is a text becomes a text node, never markup.
+// Makes an element with attributes and children. A string becomes a text node, never markup.
 function el(tag, attributes, ...children) {
   const element = document.createElement(tag);
   for (const [name, value] of Object.entries(attributes)) {
@@ -20,12 +20,12 @@ function thousands(value) {
   return value.toLocaleString('en', {maximumFractionDigits: 0});
 }
 
-// With as many decimals as a rate of this size needs.
+// A rate; small ones have more decimals.
 function rateText(value) {
   return value.toFixed(value < 10 ? 2 : value < 10000 ? 1 : 0);
 }
 
-// In the unit that fits it.
+// A latency in a fitting unit.
 function latencyText(ns) {
   if (ns < 1e3) return `${ns} ns`;
   if (ns < 1e6) return `${(ns / 1e3).toFixed(2)} µs`;
@@ -33,7 +33,7 @@ function latencyText(ns) {
   return `${(ns / 1e9).toFixed(2)} s`;
 }
 
-// With its sign.
+// A percentage with its sign.
 function percentText(value) {
   return `${value > 0 ? '+' : value < 0 ? '−' : ''}${Math.abs(value)} %`;
 }

@@ -3,13 +3,13 @@
 const kManyPoints = 150;
 const kShade = '#8a93a033';
 
-// On a logarithmic axis: 1, 2 and 5 of each power of ten.
+// Labels of a logarithmic axis: 1, 2 and 5 times each power of ten.
 function logTick(value) {
   const leading = Number(value.toExponential().split('e')[0]);
   return leading === 1 || leading === 2 || leading === 5 ? shortNumber(value) : null;
 }
 
-// A colour of the page's style.
+// A colour from the page's style sheet.
 function styleColour(name) {
   return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 }
@@ -18,19 +18,19 @@ function isDark() {
   return styleColour('color-scheme') === 'dark';
 }
 
-// A line's colour, made lighter for a dark ground.
+// The colour of a line, lighter on a dark background.
 function onGround(colour) {
   if (!isDark()) return colour;
   const parts = colour.match(/[0-9a-f]{2}/g).map((part) => parseInt(part, 16));
   return `#${parts.map((part) => Math.round(part + (255 - part) * 0.35).toString(16).padStart(2, '0')).join('')}`;
 }
 
-// "#rrggbb" with an opacity of 0 to 1.
+// Adds an opacity (0 to 1) to "#rrggbb".
 function withOpacity(colour, opacity) {
   return colour + Math.round(opacity * 255).toString(16).padStart(2, '0');
 }
 
-// A point between two gaps has no line that would show it.
+// A point between two gaps has no line, so it needs a marker.
 function isAlone(points, at) {
   return (points[at - 1]?.y ?? null) === null && (points[at + 1]?.y ?? null) === null;
 }
@@ -63,7 +63,7 @@ function axisOptions(axis) {
   };
 }
 
-// Shades the warm-up, beneath everything else.
+// Shades the warm-up behind everything else.
 const kWarmUpShade = {
   id: 'warmUp',
   beforeDraw(drawn, _, {endS}) {
@@ -77,7 +77,7 @@ const kWarmUpShade = {
   },
 };
 
-// A line with a number at the time of each warning.
+// Draws a numbered line at the time of each warning.
 const kWarningMarks = {
   id: 'warningMarks',
   afterDatasetsDraw(drawn, _, {marks}) {
@@ -127,7 +127,7 @@ function draw(canvas, chart) {
   });
 }
 
-// Draws the charts, and draws them anew when the ground changes: from light to dark, or to paper.
+// Draws the charts, and redraws them when the background changes between light, dark and paper.
 function drawAll(charts) {
   const redraw = () => {
     Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
@@ -149,7 +149,7 @@ function drawAll(charts) {
   addEventListener('afterprint', print(false));
 }
 
-// Charts under their titles. `about` begins what a screen reader says of each. They are drawn once they are in the page.
+// Charts with titles. The text for screen readers begins with `about`. drawAll draws them after they are in the page.
 function chartFigures(charts, about) {
   if (charts.length === 0) return [];
   return el('div', {class: 'charts'}, charts.map((chart) => {

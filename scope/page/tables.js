@@ -1,6 +1,6 @@
-// The tables and lists of the page. A cell with a number keeps it as data-value, by which its column is sorted.
+// The tables and lists of the page. A number's cell stores it in data-value, which sorting uses.
 
-// Title, key in the data, and text of the value.
+// Title, key in the data, and function that formats the value.
 const kWorkColumns = [
   ['Operations', 'operations', thousands],
   ['ops/s', 'operations_per_s', rateText],
@@ -12,10 +12,10 @@ const kWorkColumns = [
 ];
 const kWorkTitles = kWorkColumns.map(([title]) => title);
 
-// `value` is null or undefined where the run does not have the figure.
+// `value` is null or undefined if the run lacks the figure.
 function figureCell(value, text, doubtful = false) {
-  const known = (value ?? null) !== null;
-  return el('td', {class: doubtful && 'bad', 'data-value': known && String(value)}, known ? text(value) : absent());
+  const isPresent = (value ?? null) !== null;
+  return el('td', {class: doubtful && 'bad', 'data-value': isPresent && String(value)}, isPresent ? text(value) : absent());
 }
 
 function workCells(work) {
@@ -30,7 +30,7 @@ function rowHeading(text, attributes = {}) {
   return el('th', {scope: 'row', ...attributes}, text);
 }
 
-// Sorts the rows by a column; those that are fixed stay at the end, after those without a value.
+// Sorts the rows by a column. Rows without a value come after the others, and fixed rows come last.
 function sortRows(heading) {
   const column = heading.cellIndex;
   const body = heading.closest('table').tBodies[0];
@@ -43,11 +43,11 @@ function sortRows(heading) {
   const hasValue = (row) => isWords || 'value' in row.cells[column].dataset;
   const fixed = [...body.rows].filter((row) => 'fixed' in row.dataset);
   const rest = [...body.rows].filter((row) => !('fixed' in row.dataset));
-  const known = rest.filter(hasValue).sort((a, b) => {
+  const sorted = rest.filter(hasValue).sort((a, b) => {
     const order = isWords ? valueOf(a).localeCompare(valueOf(b)) : valueOf(a) - valueOf(b);
     return rising ? order : -order;
   });
-  body.append(...known, ...rest.filter((row) => !hasValue(row)), ...fixed);
+  body.append(...sorted, ...rest.filter((row) => !hasValue(row)), ...fixed);
 }
 
 function sortableHeading(title, attributes) {
@@ -57,8 +57,8 @@ function sortableHeading(title, attributes) {
   return heading;
 }
 
-// `words` and `figures`: the titles of the columns that are read as words, and of those with numbers after them. A table
-// with numbers can be sorted.
+// `words` and `figures` are the titles of the text columns and of the number columns after them. A table with numbers
+// can be sorted.
 function table(kind, words, figures, rows) {
   const wordHeading = (title) => (figures.length > 0 ? sortableHeading(title, {class: 'words'}) :
       el('th', {scope: 'col', class: 'words'}, title));
@@ -68,7 +68,7 @@ function table(kind, words, figures, rows) {
   return el('div', {class: 'wide'}, el('table', {class: kind + columns}, head || [], el('tbody', {}, rows)));
 }
 
-// The headings of a row: the engine and, of several runs, the run.
+// The headings of a row: the engine, and the run if there are several.
 function workHeadings(runs, run, engine) {
   return [rowHeading(engine), ...(runs.length > 1 ? [rowHeading(run.name)] : [])];
 }
@@ -102,14 +102,14 @@ function summaryTable(runs, engines) {
   return table('figures', workWords(runs), ['Threads', ...kWorkTitles, 'Printed fps', 'Exact fps', 'Off by'], rows);
 }
 
-// The columns of the medians: the figures, in the order in which the runs have them.
+// The columns of the medians: the figures in the order of the runs' data.
 function medianColumns(runs) {
   const titles = new Map();
   for (const {figure, unit} of runs.flatMap((run) => run.medians)) titles.set(figure, `${figure} (${unit})`);
   return [...titles];
 }
 
-// The same figures of the seconds after the warm-up, which differ from those of the whole run.
+// Medians over the seconds after the warm-up. They differ from the figures of the whole run.
 function medianTable(data) {
   const {runs} = data;
   const columns = medianColumns(runs);
@@ -133,11 +133,11 @@ function threadTable(runs) {
       table('figures threads', workWords(runs), ['Thread', ...kWorkTitles, 'Exact fps'], rows));
 }
 
-// Warnings that have a time are numbered as on the charts.
+// Warnings with a time have the same numbers as on the charts.
 function warningList(runs) {
-  const told = runs.filter((run) => run.warnings.length > 0);
-  if (told.length === 0) return el('p', {}, 'None.');
-  return el('div', {class: 'warnings'}, told.flatMap((run) => [
+  const withWarnings = runs.filter((run) => run.warnings.length > 0);
+  if (withWarnings.length === 0) return el('p', {}, 'None.');
+  return el('div', {class: 'warnings'}, withWarnings.flatMap((run) => [
     ...(runs.length > 1 ? [el('h3', {}, run.name)] : []),
     el('ul', {}, run.warnings.map((warning) => el('li', {},
         warning.mark ? [el('span', {class: 'mark'}, warning.mark), ' '] : [], warning.text,
@@ -145,7 +145,7 @@ function warningList(runs) {
   ]));
 }
 
-// One row a source, however many runs there are.
+// One row per source, for all runs together.
 function counterTable(runs) {
   const sources = [...new Set(runs.flatMap((run) => run.counters.map((entry) => entry.source)))];
   if (sources.length === 0) return el('p', {}, 'None were looked for.');
@@ -167,7 +167,7 @@ function endText(run) {
   return run.signal !== 0 ? `signal ${run.signal}` : `status ${run.exit_status}`;
 }
 
-// Title and text of what a run says of itself.
+// Title and text of each fact about a run.
 const kRunRows = [
   ['Folder', (run) => run.folder],
   ['Label', (run) => run.label || '–'],

@@ -13,11 +13,11 @@
 #include "run_tool.h"
 #include "temporary_folder.h"
 
-/// Opens pages in headless Chromium and says what is to be seen on them.
+/// Opens pages in headless Chromium and reports what they show.
 namespace browser {
 
-// Put at the end of the page: writes down its tables and charts. On every canvas it counts the pixels that
-// have the colour of one of its lines.
+// This script at the end of the page collects its tables and charts. On every canvas it counts the pixels
+// that have the colour of a line.
 constexpr const char* kMeasure = R"(<script nonce="measure">
 const isNear = (pixels, at) => (colour) => colour.every((part, i) => Math.abs(part - pixels[at + i]) < 16);
 const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
@@ -33,7 +33,7 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   for (let at = 0; at < pixels.length; at += 4) cautions += pixels[at + 3] > 100 && isNear(pixels, at)([0xb3, 0x26, 0x1e]);
   const area = Chart.getChart(canvas).chartArea;
   const scale = canvas.width / canvas.clientWidth;
-  // Of the ground near the left and the right end of the chart, above the lines.
+  // The background near the left and the right end of the chart, above the lines.
   const opacityAt = (x) => pixels[(Math.round((area.top + 3) * scale) * canvas.width + Math.round(x * scale)) * 4 + 3];
   const shades = area ? [0.03, 0.97].map((share) => opacityAt(area.left + share * area.width)) : [];
   return {id: canvas.id, drawn, series, shades, marks, cautions};
@@ -50,10 +50,10 @@ document.body.append(measured);
 
 /// What a browser saw of a page.
 struct Visit {
-  std::vector<std::string> console;  ///< every line that the page wrote there, errors of the browser included
+  std::vector<std::string> console;   ///< every line on the console, with errors of the browser
   std::vector<std::string> requests;  ///< addresses that the page, not the browser, asked for
   std::string dom;
-  nlohmann::json page;  ///< what kMeasure found; null where it did not come to run
+  nlohmann::json page;  ///< what kMeasure found; null if it did not run
 
   const nlohmann::json& Chart(const std::string& id) const {
     static const nlohmann::json kNone;
@@ -72,7 +72,7 @@ struct Visit {
 
   std::string Text() const { return page["text"]; }
 
-  /// The row of the table of this kind that begins with these cells; empty where there is none.
+  /// The row of the table of this kind that begins with these cells; empty if there is none.
   std::vector<std::string> Row(const std::string& kind, const std::vector<std::string>& begin) const {
     for (const nlohmann::json& table : page["tables"]) {
       if (table["kind"] != kind) continue;
@@ -132,7 +132,8 @@ class BrowserTest : public ::testing::Test {
     return pdf.str();
   }
 
-  // Has `script`, which may set `extra`, and then kMeasure run at the end of `page`, past its policy.
+  // Runs `script`, which may set `extra`, and then kMeasure at the end of `page`. The page's policy is
+  // bypassed.
   static std::string Measured(std::string page, const std::string& script = {}) {
     const std::string policy = "script-src ";
     const std::size_t at = page.find(policy);
@@ -168,8 +169,8 @@ class BrowserTest : public ::testing::Test {
             "--virtual-time-budget=3000"};
   }
 
-  // Of a request that the browser makes for itself the log says that its initiator is "not an origin", or one
-  // of the browser's maker; pages in files have the origin "null".
+  // Pages in files have the origin "null". Requests of the browser itself have the initiator "not an origin"
+  // or an origin of the browser's maker.
   static std::vector<std::string> Requests(const std::string& netLog) {
     std::ifstream file(netLog);
     const nlohmann::json log = nlohmann::json::parse(file);

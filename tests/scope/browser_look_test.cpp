@@ -1,5 +1,5 @@
-// The page of a report on other grounds than a wide white screen, and under a reader's hands. The screenshots
-// and prints stay in the build folder.
+// The page of a report in dark mode, on a phone, on paper, and with clicks. The screenshots and prints stay
+// in the build folder.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ TEST_F(ReportLook, TablesSortByTheHeadingThatIsClicked) {
       "return engines();})];");
   const Visit visit = Open(page, "report_sorted", 1280, 800);
   EXPECT_THAT(visit.console, IsEmpty());
-  // The copies have no printed rate that could be off: they come last, whichever way the others are sorted.
+  // The copies (cpu) have no "Off by" value, so they come last in both directions.
   EXPECT_THAT(visit.page["extra"].get<std::vector<std::string>>(),
               ElementsAre("cpu vpc venc aic all", "aic venc vpc cpu all", "cpu vpc venc aic all",
                           "aic cpu venc vpc all", "venc vpc aic cpu all", "aic venc vpc cpu all"));
@@ -62,7 +62,7 @@ TEST_F(ReportLook, IsDarkWhereTheReaderPrefersThat) {
   }
 }
 
-// Scrolled to its right end, the summary still says which engine and run each figure is of.
+// Even scrolled to the right, the summary shows the engine and run of each figure.
 TEST_F(ReportLook, FitsAPhoneWhereTheFirstColumnsStay) {
   const std::string page =
       Page({folder_ / "run", folder_ / "other"},
@@ -84,7 +84,7 @@ TEST_F(ReportLook, FitsAPhoneWhereTheFirstColumnsStay) {
   }
 }
 
-// Also where the reader prefers a dark screen.
+// Also if the reader prefers a dark screen.
 TEST_F(ReportLook, IsPrintedLightAndAsWideAsA4) {
   const std::string page =
       Page({folder_ / "run", folder_ / "other"},

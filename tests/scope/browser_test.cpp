@@ -1,5 +1,5 @@
-// The page of a report, looked at in a browser: its tables and charts are drawn, it says nothing on the
-// console, and it asks for nothing from outside. A screenshot of each page stays in the build folder.
+// The page of a report in a browser: it draws its tables and charts, writes nothing to the console, and loads
+// nothing. A screenshot of each page stays in the build folder.
 #include "browser.h"
 
 #include <gmock/gmock.h>
@@ -44,7 +44,7 @@ void ExpectGood(const Visit& visit, const std::vector<std::string>& charts) {
   EXPECT_THAT(visit.console, IsEmpty());
   EXPECT_THAT(visit.requests, IsEmpty());
   EXPECT_EQ(visit.ChartIds(), charts);
-  // A line across a chart is some hundreds of pixels long.
+  // A line across a chart has some hundreds of pixels.
   for (const json& chart : visit.page["charts"]) EXPECT_GT(chart["drawn"], 200) << chart["id"];
 }
 
@@ -140,7 +140,7 @@ TEST_F(ReportInBrowser, ALineHasAGapWhereSamplesAreMissing) {
   }
 }
 
-// Another engine has the second: the sum is not known, and no engine's is 0.
+// Only one engine lacks the second. The sum is unknown, so every engine has a gap and not 0.
 TEST_F(ReportInBrowser, AStackHasAGapWhereOneEngineLacksASecond) {
   scope::Run run = made_run::Run();
   run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
@@ -201,7 +201,7 @@ TEST_F(ReportInBrowser, CountsAreStepsFromTheStartOfTheRun) {
   EXPECT_EQ(chart["series"][0]["points"][19], json::parse("[20, 2]"));
 }
 
-// The run is four times as fast in its warm-up, which the whole run includes and the medians do not.
+// The run is four times as fast during warm-up. The whole run includes that; the medians do not.
 TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
   scope::Run run = made_run::Run();
   for (scope::Sample& sample : run.samples) {
@@ -276,7 +276,7 @@ TEST_F(ReportInBrowser, ColoursBelongToEnginesAndLineStylesToRuns) {
   EXPECT_EQ(venc[2]["dash"], cpu[1]["dash"]);
 }
 
-// An engine keeps its colour where another one is missing.
+// An engine keeps its colour if another one is missing.
 TEST_F(ReportInBrowser, AnEngineHasTheSameColourOnEveryPage) {
   scope::Run run = made_run::Run();
   const std::string all = Open(run, "report", 2400).Chart("venc-rate")["series"][0]["colour"];
@@ -347,7 +347,7 @@ TEST_F(ReportInBrowser, OfNothingSaysSo) {
   EXPECT_THAT(visit.Text(), HasSubstr("Nothing was recorded: neither an operation nor a rate line."));
 }
 
-// A page that somebody has changed is not drawn: its policy knows its own script alone.
+// A changed page is not drawn: its policy allows only the original script.
 TEST_F(ReportInBrowser, ItsPolicyRefusesAnotherScript) {
   made_run::Write(made_run::Run(), folder_ / "run");
   (void)Page({folder_ / "run"});
@@ -361,7 +361,7 @@ TEST_F(ReportInBrowser, ItsPolicyRefusesAnotherScript) {
   EXPECT_THAT(visit.page["charts"], IsEmpty());
 }
 
-// That the others can fail.
+// Shows that the other tests can fail.
 TEST_F(ReportInBrowser, SeesErrorsRequestsAndEmptyCharts) {
   const std::string page =
       "<!DOCTYPE html><canvas id=\"empty\"></canvas>"

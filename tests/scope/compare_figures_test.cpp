@@ -45,7 +45,7 @@ TEST(CompareFigures, FiguresLeaveOutTheWarmUpAndTheEnd) {
   WriteRun(folder / "run", {cpu, venc});
   const scope::Run run = ReadRun(folder / "run");
   const auto figures = FiguresOf(Summarise(run), 5);
-  // Seconds that end at 6 to 27, of two threads: in the last one with operations it ends.
+  // The seconds of two threads that end at 6 to 27. The last second with operations is not whole.
   const std::vector<double>& operations = figures.at({"cpu", Figure::kOperations});
   ASSERT_EQ(operations.size(), 22U);
   EXPECT_DOUBLE_EQ(operations.front(), 2 * 560);

@@ -1,7 +1,7 @@
 /// Works on the counting platform with a known number of calls and reports what the platform counted.
 /// usage: counted_load REPORT MODEL CALLS THREADS WAIT_NS FAIL_EVERY [fork|badmodel|virtual]
 /// The report: a line "ENGINE OPERATIONS BUSY_NS FAILURES" each, then "latency ENGINE NS" for each operation,
-/// "around ENGINE NS" (time of all calls, taken outside of them, and so no less than the meter's),
+/// "around ENGINE NS" (time of all calls, measured around them, so never less than the meter's),
 /// "allocations N" (calls of malloc by a thread inside a measured call) and "threads N" (of the process,
 /// workers left out).
 #include <dirent.h>
@@ -32,8 +32,8 @@ std::atomic<std::uint64_t> aroundNs[kCountedEngines];
 constexpr std::uint64_t kNsPerS = 1'000'000'000;
 }  // namespace
 
-// In front of the C library's, for the meter as well: what it measures of a thread whose time is virtual is
-// known to the nanosecond, however busy the machine is.
+// Replaces the function of the C library, for the meter too. In virtual time the meter's results are exact to
+// the nanosecond, even on a busy machine.
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
                                                                     timespec* time) noexcept {
   const std::uint64_t ns = VirtualNs();
@@ -46,7 +46,7 @@ extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t cl
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's own
 extern "C" void* __libc_malloc(std::size_t size);
 
-// In front of the C library's, for the meter as well.
+// Replaces the function of the C library, for the meter too.
 extern "C" __attribute__((visibility("default"))) void* malloc(std::size_t size) {
   if (inCall) allocations.fetch_add(1);
   return __libc_malloc(size);

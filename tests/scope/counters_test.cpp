@@ -1,4 +1,4 @@
-// Readers of counters over trees of sys as machines have them.
+// Readers of counters on copies of /sys trees like those of real machines.
 #include "counters.h"
 
 #include <gmock/gmock.h>
@@ -16,7 +16,7 @@ using scope::CounterValue;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-/// Notes what was opened and answers with counts that a test sets.
+/// Records what is opened and returns counts that a test sets.
 class FakePerf : public scope::PerfEvents {
  public:
   struct Opened {
@@ -93,7 +93,7 @@ TEST_F(CountersTest, AbsentSourcesAreListedWithTheReason) {
 }
 
 TEST_F(CountersTest, WhatIsThereAndCannotBeUsedIsNotCalledMissing) {
-  // A folder in the place of the file opens and cannot be read.
+  // A folder in place of the file can be opened but not read.
   std::filesystem::create_directories(tree_ / "sys/class/devfreq/dmc/cur_freq");
   std::filesystem::create_directories(tree_ / "sys/devices/system/edac/mc/mc0/ce_count");
   tree_.Put("sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq", "<unknown>\n");
@@ -121,7 +121,7 @@ TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {
     EXPECT_EQ(perf_.opened[0].attributes.type, 14U);
     EXPECT_EQ(perf_.opened[0].attributes.config, 0x0304U);
     EXPECT_EQ(perf_.opened[2].attributes.config, 0x0c04U);
-    // A controller of each of two packages has this name.
+    // Each of two packages has a controller with this name.
     EXPECT_EQ(perf_.opened[0].cpu, 8);
     EXPECT_EQ(perf_.opened[1].cpu, 24);
     perf_.count = 1000;
@@ -205,7 +205,7 @@ TEST_F(CountersTest, ReadsBandwidthFromResctrl) {
   EXPECT_EQ(values[0].name, "mon_L3_00/mbm_total_bytes");
   EXPECT_EQ(values[0].unit, "B/s");
   EXPECT_DOUBLE_EQ(values[0].value, 2e6);
-  // A domain that had no value at first.
+  // A domain without a value at first.
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "100\n");
   EXPECT_EQ(counters->Read(3.5).size(), 1U);
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "300\n");
@@ -214,7 +214,7 @@ TEST_F(CountersTest, ReadsBandwidthFromResctrl) {
   EXPECT_EQ(later[1].name, "mon_L3_01/mbm_total_bytes");
   EXPECT_DOUBLE_EQ(later[1].value, 800);
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_01/mbm_total_bytes", "Unavailable\n");
-  // One that was started again says nothing for a second.
+  // A counter that restarted has no value for one reading.
   tree_.Put("sys/fs/resctrl/mon_data/mon_L3_00/mbm_total_bytes", "7\n");
   EXPECT_THAT(counters->Read(4), IsEmpty());
 }

@@ -1,4 +1,4 @@
-/// A platform that works by waiting and counts for itself: what the meter says is held against it.
+/// A platform that only waits and counts its own work. Tests compare the meter with these counts.
 #include "counting_platform.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// Virtual steps take one to four times as long as was set, all alike often.
+// Virtual steps take one to four times the set time, evenly distributed.
 std::uint64_t WorkVirtually(std::uint64_t call) {
   const auto least = static_cast<std::uint64_t>(waitNs.load());
   const std::uint64_t ns = least + call * 7919 * 1009 % (3 * least + 1);
@@ -105,7 +105,7 @@ std::int32_t QetVenc::SendFrame(const ImageData& /*frame*/) {
   return 0;
 }
 
-// Leaves in the record what would be many bytes to one who takes it for this project's.
+// Sets a large size. A reader that mistakes the record for the project's own would count it.
 std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
   stream.totalBytes = 1'000'000;
   encodeNs += Work(0);

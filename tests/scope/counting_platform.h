@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The engines of the counting platform, with the numbers of the meter's.
+/// The engines of the counting platform, numbered as in the meter.
 enum CountedEngine { kCountedCpu, kCountedVpc, kCountedVenc, kCountedAic, kCountedVpcCopy, kCountedEngines };
 
 constexpr std::size_t kKeptLatencies = 100'000;
@@ -20,8 +20,8 @@ struct CountedCalls {
 
 __attribute__((visibility("default"))) CountedCalls& CountedCallsOf(int engine);
 
-/// Time of the calling thread, in ns, where it is virtual: a step then moves it on by what it would have
-/// taken, and waits for nothing. 0, as at first: the thread's time is the system's.
+/// The virtual time of the calling thread, in ns. A step adds its length to it and does not wait. At 0, the
+/// initial value, the thread uses real time.
 __attribute__((visibility("default"))) std::uint64_t& VirtualNs();
 
 /// From now on each step waits `ns` (0: not at all), and every `failEveryNth` call fails with 77 (0: none).

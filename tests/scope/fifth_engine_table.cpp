@@ -1,4 +1,4 @@
-// The table of engines and one row more, in place of the library's.
+// The table of engines with one more row. It replaces the library's table.
 #include "engines.h"
 
 namespace scope {

@@ -1,5 +1,5 @@
-// A row more in the table of engines is all that a new engine costs the scope: it is found in record, report,
-// sweep and compare.
+// A new engine needs only one more row in the table of engines: record, report, sweep and compare then
+// support it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>

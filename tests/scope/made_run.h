@@ -5,8 +5,8 @@
 
 #include "run_writer.h"
 
-/// A run of 41 seconds of which every figure is known: cpu with two threads, vpc, venc and aic with one,
-/// which begin and end within a second.
+/// A run of 41 seconds with known figures: cpu with two threads; vpc, venc and aic with one. The engines
+/// begin and end within a second.
 namespace made_run {
 
 constexpr int kWholeSeconds = 39;

@@ -1,4 +1,4 @@
-// The meter under a program that counts for itself.
+// The meter in a program that counts its own calls.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -70,7 +70,7 @@ Report ReadReport(const std::string& path) {
   return report;
 }
 
-// What the meter said, all seconds and threads of an engine together.
+// What the meter reported, added up over all seconds and threads of an engine.
 struct Metered {
   std::uint64_t operations = 0;
   std::uint64_t busyNs = 0;
@@ -94,7 +94,7 @@ class MeterTest : public ::testing::Test {
   void Start(const Load& load, bool withMeter = true, bool withReader = true) {
     reader_ = std::make_unique<MeterReader>(0);
     if (fullQueue_) {
-      // Another process's packets, which the reader passes over.
+      // Packets of another process; the reader ignores them.
       const scope::PacketHeader other{scope::kMeterMagic, scope::kMeterVersion,
                                       scope::PacketType::kEndOfSecond, -1, 0};
       while (send(reader_->ChildEnd(), &other, sizeof(other), MSG_DONTWAIT) > 0) continue;
@@ -115,7 +115,7 @@ class MeterTest : public ::testing::Test {
     reader_->CloseChildEnd();
   }
 
-  // Until the workers have ended and the program is about to.
+  // Waits until the workers have ended and the program is about to end.
   void WaitForTheReport() {
     while (!std::filesystem::exists(folder_ / "report") && !child_->HasEnded()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -174,8 +174,8 @@ class MeterTest : public ::testing::Test {
   Report report_;
 };
 
-// In virtual time, of which the platform and the meter see the same: on a busy machine a worker may lose the
-// CPU between the meter's look at the clock and the platform's.
+// Uses virtual time, which is the same for the platform and the meter. In real time, a worker on a busy
+// machine may lose the CPU between the two readings of the clock.
 TEST_F(MeterTest, AgreesWithAnIndependentCountWithinOnePercent) {
   Load load;
   load.calls = 300;
@@ -237,8 +237,8 @@ TEST_F(MeterTest, CountsTheBytesOfTheRecords) {
   EXPECT_EQ(metered_["cpu"].bytes, operations * 2 * 100);
   EXPECT_EQ(metered_["vpc"].bytes, operations * 3 * (64 * 32 + 32 * 32));
   EXPECT_EQ(metered_["vpc_copy"].bytes, 2 * 3 * (2U * 64 * 32));
-  // Another platform's records of streams and buffers are its own: the frame alone, and the model's file
-  // alone.
+  // The meter cannot read the streams and buffers of another platform. It counts only the frame and the
+  // model's file.
   EXPECT_FALSE(reader_->IsHostPlatform());
   EXPECT_EQ(metered_["venc"].bytes, operations * (64 * 32 * 3 / 2));
   EXPECT_EQ(metered_["aic"].bytes, operations * 5000);
@@ -350,7 +350,7 @@ TEST_F(MeterTest, TheLastSamplesWaitForAReaderThatIsLate) {
   fullQueue_ = true;
   Start(load);
   WaitForTheReport();
-  // It would have ended by then.
+  // Without the wait the program would have ended by then.
   for (int i = 0; i < 100 && !child_->HasEnded(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }

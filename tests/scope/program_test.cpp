@@ -1,4 +1,4 @@
-// stress_scope as a user runs it.
+// Runs stress_scope as a user does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -37,7 +37,7 @@ class ProgramTest : public ::testing::Test {
 
   std::string Config() const { return folder_.Put("config.yaml", "CPU:\n  Level: 1\n"); }
 
-  // A recording of a script, which no meter can answer for.
+  // Records a script, which has no meter.
   ToolResult RecordScript(const std::string& body, std::vector<std::string> more = {}) const {
     std::vector<std::string> arguments = {"record",      Config(),     "-o",        folder_ / "run",
                                           "--benchmark", Script(body), "--no-meter"};
@@ -56,7 +56,7 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
                   "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
                   "VENC:\n  Level: 1\nAIC:\n  Level: 1\n  File: " EXAMPLE_NETWORK "\n");
   ChildProcess child(Tool({"record", config, "-o", folder_ / "run", "--label", "a label", "--grace", "120"}));
-  // Until every engine has worked for a second, on whatever machine this is.
+  // Waits until every engine has worked for a second, even on a slow machine.
   const std::string samples = "run/samples.csv";
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(240);
   while (folder_.Get(samples).find('2') == std::string::npos ||
@@ -95,7 +95,7 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   EXPECT_EQ(bytes["cpu"], operations["cpu"] * 2 * 8294400);
   EXPECT_EQ(bytes["vpc"], operations["vpc"] * 3 * (1920 * 1080 + 416 * 234));
   EXPECT_EQ(operations["vpc_copy"], 2U);
-  // The stream on top of the frame, and the weights with the input and the output on top of the model's file.
+  // The frame plus the stream, and the model's file plus weights, input and output.
   EXPECT_GT(bytes["venc"], operations["venc"] * 3110400);
   EXPECT_GT(bytes["aic"], operations["aic"] * std::filesystem::file_size(EXAMPLE_NETWORK));
   bool platformKnown = false;
@@ -242,7 +242,7 @@ TEST_F(ProgramTest, SavesRateLinesOfAFile) {
 TEST_F(ProgramTest, SavesRateLinesOfAPipeAsTheyCome) {
   ChildProcess::Options options;
   options.program = "/bin/sh";
-  // The second line comes a second after the first one has been saved, however long that takes.
+  // The second line comes one second after the first one is saved.
   options.arguments = {"-c", std::string("(echo '") + kRateLine + "'; until grep -qs cpu '" +
                                  (folder_ / "run/rates.csv") + "'; do sleep 0.1; done; sleep 1; echo '" +
                                  kRateLine + "') | " + STRESS_SCOPE + " rates -o '" + (folder_ / "run") +

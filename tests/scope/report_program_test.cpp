@@ -1,4 +1,4 @@
-// stress_scope report as a user runs it: the page that it writes, and what it says of bad input.
+// Runs stress_scope report as a user does: the page that it writes, and its errors for bad input.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ class ReportProgramTest : public ::testing::Test {
     return RunProgram(STRESS_SCOPE, std::move(arguments));
   }
 
-  // Refused with these words, and nothing is written.
+  // Expects an error with these words and no page.
   void Refused(const std::vector<std::string>& arguments, const std::string& words) const {
     const ToolResult result = Report(arguments);
     EXPECT_EQ(result.status, 2) << words << "\n" << result.errors;
@@ -144,7 +144,7 @@ TEST_F(ReportProgramTest, ShowsSamplesWithGapsAndSaysSo) {
   EXPECT_THAT(result.output, HasSubstr("800.0")) << "the rate of the seconds that are there";
 }
 
-// Times that go back or stand still, and numbers at the end of their range.
+// Times that go back or stand still, and numbers at the limits of their range.
 TEST_F(ReportProgramTest, SurvivesAbsurdFigures) {
   const std::string header = "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
   const std::string most = "18446744073709551615";

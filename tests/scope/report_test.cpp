@@ -27,7 +27,7 @@ ReportedRun Reported(scope::Run run, const std::string& name) {
   return reported;
 }
 
-// What the page carries, as a browser reads it.
+// The data of the page, as a browser reads it.
 nlohmann::json DataOf(const std::string& page) {
   const std::string begin = "<script type=\"application/json\" id=\"report-data\">";
   const std::size_t from = page.find(begin) + begin.size();

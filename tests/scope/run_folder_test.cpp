@@ -86,7 +86,7 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_DOUBLE_EQ(run.info.durationS, 4.5);
   EXPECT_EQ(run.info.exitStatus, 3);
   EXPECT_EQ(run.info.signal, 2);
-  EXPECT_EQ(run.info.label, "four \"threads\"\n\xef\xbf\xbd");  // what is no text is replaced
+  EXPECT_EQ(run.info.label, "four \"threads\"\n\xef\xbf\xbd");  // invalid UTF-8 is replaced
   EXPECT_EQ(run.info.config.text, "CPU:\n  Level: 1\n");
   EXPECT_THAT(run.info.config.levels, ElementsAre(std::pair("cpu", 1), std::pair("venc", 10)));
   EXPECT_THAT(run.info.config.settings, ElementsAre(std::pair("AIC.File", "m.onnx")));

@@ -197,7 +197,7 @@ TEST(RunSummary, AnIdleEngineHasNoRateAndNoLatency) {
   run.samples = {At(1, 0), At(2, 0), At(3, 0)};
   run.samples[1].failures = 4;
   run.samples[2].failures = 3;
-  run.samples[1].p50Ns = 77;  // of no operation
+  run.samples[1].p50Ns = 77;  // ignored: there are no operations
   const RunSummary summary = Summarise(run);
   const scope::WorkSummary& work = summary.engines.at(0).work;
   EXPECT_DOUBLE_EQ(work.operationsPerS, 0);
@@ -306,7 +306,7 @@ TEST(RunSummary, ShortOperationsAreThoseBelowAMillisecond) {
   run.samples = {At(1, 10)};
   run.histogram = {{"cpu", 0, 999'999, 1'000'000, 1}, {"cpu", 0, 1'000'000, 1'000'001, 3}};
   EXPECT_DOUBLE_EQ(Summarise(run).engines[0].belowMillisecond, 0.25);
-  // Without a histogram, by the medians of the threads' seconds.
+  // Without a histogram, the medians of the threads' seconds are used.
   run.histogram.clear();
   run.samples = {At(1, 30), At(2, 10), At(2, 40, 1)};
   run.samples[1].p50Ns = 999'999;

@@ -15,7 +15,7 @@ struct ToolResult {
   std::string errors;
 };
 
-/// Waits for the end of `child`, whose standard error is taken.
+/// Waits for the end of `child`. Its standard error must be captured.
 inline ToolResult WaitFor(scope::ChildProcess& child) {
   ToolResult result;
   scope::LineReader output;

@@ -20,7 +20,7 @@ std::vector<std::string> WarningsOf(const scope::Run& run) {
   return texts;
 }
 
-// The first warning that has a time.
+// The first warning with a time.
 scope::Warning TimedWarning(const scope::Run& run) {
   for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(run))) {
     if (warning.timeS) return warning;
@@ -28,7 +28,7 @@ scope::Warning TimedWarning(const scope::Run& run) {
   return {};
 }
 
-// Without the copies, which take less than a millisecond.
+// The made run without the copies, which take less than a millisecond.
 scope::Run QuietRun() {
   scope::Run run = made_run::Run();
   const auto isCpu = [](const auto& row) { return row.engine == "cpu"; };
@@ -200,7 +200,7 @@ TEST(DriftAtEnd, IsNoneInNoiseInAStepAndInTooFew) {
   EXPECT_DOUBLE_EQ(DriftAtEnd({}), 0);
 }
 
-// Against the pairs of values that it would take: 10^10 of them.
+// Comparing all values would need 10^10 pairs.
 TEST(DriftAtEnd, OfALongRunIsOfPartsOfIt) {
   std::vector<double> rates;
   for (int i = 0; i != 200'000; ++i) rates.push_back(1e6 + i);

@@ -61,7 +61,7 @@ TEST(SignalsTest, LeavesSignalsAsTheyWere) {
     const Signals signals;
     for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) EXPECT_TRUE(Blocked(signal)) << signal;
     EXPECT_EQ(BrokenPipe(), SIG_IGN);
-    // Nobody takes this one, and it must not end the test.
+    // Nobody reads this signal. It must not end the test.
     ASSERT_EQ(raise(SIGINT), 0);
   }
   for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) EXPECT_FALSE(Blocked(signal)) << signal;

@@ -1,4 +1,4 @@
-// Against published values; the sources are named where the numbers stand.
+// Compares with published values. Each number has its source beside it.
 #include "statistics.h"
 
 #include <gmock/gmock.h>
@@ -105,7 +105,7 @@ TEST(StatisticsTest, IntervalHoldsTheDifferenceAndRepeatsWithItsSeed) {
 }
 
 TEST(StatisticsTest, SidesAreResampledIndependently) {
-  // Were they not, the difference of a side from itself would never scatter.
+  // If both sides used the same numbers, a side's difference from itself would always be 0.
   const Interval interval = MedianDifference(kTreated, kTreated, {});
   EXPECT_LT(interval.low, -10);
   EXPECT_GT(interval.high, 10);
@@ -121,7 +121,7 @@ TEST(StatisticsTest, HigherConfidenceIsWider) {
 }
 
 TEST(StatisticsTest, BlocksKeepNeighboursTogether) {
-  // Two long phases: whole phases change places, and the median moves much further than by single draws.
+  // Two long phases: blocks move the median much further than single draws do.
   std::vector<double> phases(40, 0.0);
   for (std::size_t i = 0; i < phases.size(); ++i) phases[i] = (i < 20 ? 0 : 100) + static_cast<double>(i % 3);
   BootstrapOptions options;
@@ -146,7 +146,7 @@ TEST(StatisticsTest, RankSumIsThePublishedOne) {
 }
 
 TEST(StatisticsTest, RankSumOfSidesThatLieApart) {
-  // Two of the 70 choices of four of eight.
+  // Two of the 70 choices of four out of eight.
   EXPECT_DOUBLE_EQ(RankSumP({1, 2, 3, 4}, {5, 6, 7, 8}), 2.0 / 70);
   EXPECT_DOUBLE_EQ(RankSumP({5, 6, 7, 8}, {1, 2, 3, 4}), 2.0 / 70);
   EXPECT_DOUBLE_EQ(RankSumP({1}, {2}), 1);
@@ -164,7 +164,7 @@ TEST(StatisticsTest, RankSumOfManyIsCloseToTheExactOne) {
   std::vector<double> b = a;
   for (double& value : b) value += 5.5;
   const double exact = RankSumP(a, b);
-  b.push_back(18);  // one more than is counted exactly, in the middle
+  b.push_back(18);  // one value more than the exact method takes, in the middle
   EXPECT_NEAR(RankSumP(a, b), exact, 0.01);
   EXPECT_LT(exact, 0.05);
   const std::vector<double> same(30, 7.0);
@@ -216,7 +216,7 @@ TEST(StatisticsTest, TooFewValuesAreRefused) {
   EXPECT_THROW(TestTrend({1}), std::invalid_argument);
 }
 
-// From here on, figures without a source were computed apart from this code, from the published formulas.
+// From here on, figures without a source were computed independently from the published formulas.
 
 TEST(StatisticsTest, QuantilesBetweenTheLastTwoValues) {
   EXPECT_DOUBLE_EQ(Quantile({3, 1, 4, 2}, 0.9), 3.7);
@@ -351,7 +351,7 @@ TEST(StatisticsTest, TrendsApproximationIsCorrectedForContinuity) {
 TEST(StatisticsTest, TrendWithTies) {
   const Trend trend = TestTrend({1, 1, 2, 2, 2, 3, 1, 3, 3, 4, 4, 2});
   EXPECT_DOUBLE_EQ(trend.score, 35);
-  EXPECT_NEAR(trend.p, 0.015072216073823563, 1e-12);  // 0.0197 if the ties were none
+  EXPECT_NEAR(trend.p, 0.015072216073823563, 1e-12);  // 0.0197 without the ties
   EXPECT_DOUBLE_EQ(trend.slope, 0.25);
   const Trend flat = TestTrend({5, 5, 5, 5});
   EXPECT_DOUBLE_EQ(flat.p, 1);

@@ -7,7 +7,7 @@
 
 #include "run_writer.h"
 
-/// An engine that works alike in every second, but for the first (half) and the last two (not at all).
+/// An engine with the same work in every second, except the first (half) and the last two (none).
 struct SyntheticEngine {
   std::string engine = "cpu";
   std::string stress = "cpuStress";
@@ -18,8 +18,8 @@ struct SyntheticEngine {
   std::uint64_t p99Ns = 4'000'000;
   double fps = 450;
   int stopsAt = 0;          ///< second after which it does nothing; 0: it works to the end
-  int stoppingThreads = 0;  ///< so many of its threads alone; 0: all
-  double riseAS = 0;        ///< operations that each second has more than the one before
+  int stoppingThreads = 0;  ///< only this many of its threads stop; 0: all
+  double riseAS = 0;        ///< increase of operations from second to second
 };
 
 inline scope::RunInfo SyntheticInfo() {
@@ -45,7 +45,7 @@ inline scope::RunInfo SyntheticInfo() {
   return info;
 }
 
-/// Writes the run of so many seconds as info.durationS has; without a meter, its rate lines alone.
+/// Writes a run of info.durationS seconds. Without a meter it has only rate lines.
 inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngine>& engines,
                      const scope::RunInfo& info = SyntheticInfo()) {
   scope::RunWriter writer(folder, true);

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A new folder, removed with all that is in it at the end.
+/// A new folder. The destructor removes it with its content.
 class TemporaryFolder {
  public:
   TemporaryFolder() {
@@ -24,7 +24,7 @@ class TemporaryFolder {
   const std::string& Path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
-  /// Writes a file of that content, and the folders above it. Returns its path.
+  /// Writes a file with this content and makes its parent folders. Returns its path.
   std::string Put(const std::string& name, const std::string& content) const {
     const std::filesystem::path file = std::filesystem::path(path_) / name;
     std::filesystem::create_directories(file.parent_path());

@@ -22,7 +22,7 @@ class TerminalTest : public ::testing::Test {
  protected:
   ~TerminalTest() override { (void)Tmux({"kill-server"}); }
 
-  // A server of this test's own.
+  // Uses a separate server for this test.
   ToolResult Tmux(std::vector<std::string> arguments) const {
     const std::vector<std::string> own = {"-u", "-f", "/dev/null", "-S", folder_ / "terminal"};
     arguments.insert(arguments.begin(), own.begin(), own.end());
@@ -31,7 +31,7 @@ class TerminalTest : public ::testing::Test {
 
   std::string Screen() const { return Tmux({"capture-pane", "-p"}).output; }
 
-  // The screen as soon as it satisfies `right`, or as it is after a time that is long on any machine.
+  // Waits until the screen satisfies `right`, or until a generous time limit. Returns the screen.
   std::string WaitForScreen(const std::function<bool(const std::string&)>& right) const {
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     std::string screen = Screen();
@@ -54,7 +54,7 @@ TEST_F(TerminalTest, ShowsATableInPlaceAndCtrlCCompletesTheRecording) {
       folder_.Put("all.yaml",
                   "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
                   "VENC:\n  Level: 1\nAIC:\n  Level: 1\n  File: " EXAMPLE_NETWORK "\n");
-  // A shell that outlives Ctrl-C, so that the last screen stays.
+  // The shell survives Ctrl-C, so the last screen stays.
   const std::string command = "trap : INT; '" STRESS_SCOPE "' record '" + config + "' -o '" +
                               (folder_ / "run") + "' --grace 120; echo \"the status is $?\"; exec sleep 600";
   const ToolResult started = Tmux({"new-session", "-d", "-x", "120", "-y", "30", command});
