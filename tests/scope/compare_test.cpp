@@ -34,7 +34,7 @@ using namespace scope;  // NOLINT(google-build-using-namespace): all of it is un
 
 class CompareTest : public ::testing::Test {
  protected:
-  // A folder of repeats whose rates of copies are the given ones, and whose latencies follow from them.
+  // A folder of repeats with the given rates of copies. The latencies follow from the rates.
   std::string Repeats(const std::string& name, const std::vector<double>& rates) const {
     int number = 0;
     for (const double rate : rates) {
@@ -244,7 +244,7 @@ TEST_F(CompareTest, AnEngineThatStopsHalfwayIsARegression) {
   EXPECT_EQ(Find(stops, "cpu", Figure::kOperations).verdict, Verdict::kNoDifference);
   EXPECT_THAT(stops.notes, ElementsAre("in B, venc stops early: no operation after 20 s of 30 s"));
   EXPECT_EQ(RunTool({"compare", folder_ / "a", folder_ / "b"}).status, 1);
-  // It is not B that is worse.
+  // The other way round B is not worse.
   const Comparison former = Compare(b, a, {});
   EXPECT_FALSE(former.regression);
   EXPECT_THAT(former.notes, ElementsAre("in A, venc stops early: no operation after 20 s of 30 s"));
@@ -322,7 +322,7 @@ TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
             "config: AIC.File=unset | AIC.File=other.onnx");
 }
 
-TEST_F(CompareTest, RefusesDifferentConditionsUnlessTold) {
+TEST_F(CompareTest, RefusesDifferentConditionsUnlessAllowed) {
   const std::string a = One("a");
   const std::string b = One("b", [](RunInfo& info) {
     info.conditions.kernel = "6.6";
@@ -344,7 +344,7 @@ TEST_F(CompareTest, RefusesDifferentConditionsUnlessTold) {
   EXPECT_EQ(RunTool({"compare", b, a, "--allow", "weather"}).status, 2);
 }
 
-TEST_F(CompareTest, RefusesOtherConfigurationsUnlessTold) {
+TEST_F(CompareTest, RefusesOtherConfigurationsUnlessAllowed) {
   const std::string a = One("a");
   const std::string b =
       One("b", [](RunInfo& info) { info.config.settings = {{"logLevel", "0"}, {"runTimes", "60"}}; });
@@ -365,7 +365,7 @@ TEST_F(CompareTest, WhatItCannotDoIsNoRegression) {
   EXPECT_EQ(full.status, 2);
   EXPECT_THAT(full.errors, HasSubstr("cannot write to standard output: No space left on device"));
 
-  // A run that is there and cannot be looked at is not left out of its side.
+  // A run that cannot be examined is an error. It is not left out silently.
   const std::string repeats = Repeats("repeats", {500, 501});
   std::filesystem::create_symlink("loop", repeats + "/loop");
   EXPECT_THAT(ErrorOf(repeats), HasSubstr("loop: cannot tell whether it is a run folder"));
@@ -382,7 +382,7 @@ TEST_F(CompareTest, WithoutMemoryItDoesNotJudge) {
   if (kSanitized) GTEST_SKIP() << "a sanitizer takes more address space than a test can grant";
   const std::string a = One("a");
   const std::string b = One("b");
-  std::filesystem::resize_file(b + "/samples.csv", std::uintmax_t{4} << 30);  // takes no room on the disk
+  std::filesystem::resize_file(b + "/samples.csv", std::uintmax_t{4} << 30);  // a sparse file
   const ToolResult result = RunProgram(
       "/bin/sh",
       {"-c", std::string("ulimit -v 1000000; exec '") + STRESS_SCOPE + "' compare '" + a + "' '" + b + "'"});
@@ -420,7 +420,7 @@ TEST_F(CompareTest, JsonHasEveryFigure) {
   EXPECT_EQ(json["figures"][0]["b_values"].size(), 4U);
   EXPECT_EQ(json["figures"][1]["lower_is_better"], true);
 
-  // All that the table says, number for number.
+  // Every number of the table.
   const ToolResult table = RunTool({"compare", a, b, "--skip", "3"});
   const auto all = nlohmann::json::parse(RunTool({"compare", "--json", a, b, "--skip", "3"}).output);
   std::size_t found = 0;

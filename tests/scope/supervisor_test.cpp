@@ -1,4 +1,4 @@
-// How a recording ends, in virtual time: the test says what happens when.
+// How a recording ends. Time is virtual: the test sets what happens when.
 #include "supervisor.h"
 
 #include <gmock/gmock.h>
@@ -95,7 +95,7 @@ TEST_F(SupervisorTest, ABenchmarkThatIgnoresSigintIsKilledAfterTheGrace) {
   Expect(supervisor_.TimePassed(18), Send::kNothing, "", State::kStopping);
   Expect(supervisor_.TimePassed(18.001), Send::kSigkill,
          "the benchmark did not end within 15 s of SIGINT and was killed", State::kKilled);
-  // Told already: that it died of it is no news.
+  // The kill is already reported. The death that follows adds no second report.
   Expect(supervisor_.BenchmarkEnded({0, SIGKILL, Meter::kCut}), Send::kNothing, "", State::kEnded);
   EXPECT_EQ(supervisor_.Fault(), "the benchmark did not end within 15 s of SIGINT and was killed");
 }
@@ -128,7 +128,7 @@ TEST_F(SupervisorTest, ASilentBenchmarkHangsOnceItsRunTimeAndTheGraceAreOver) {
   EXPECT_FALSE(supervisor_.Interrupted());
 }
 
-TEST_F(SupervisorTest, TheLastSignOfLifeCountsInWhateverOrderTheyAreTold) {
+TEST_F(SupervisorTest, TheLatestSignOfLifeCountsInAnyOrder) {
   supervisor_.SignOfLife(40);
   supervisor_.SignOfLife(39);
   Expect(supervisor_.TimePassed(55), Send::kNothing, "", State::kRunning);
@@ -158,7 +158,7 @@ TEST_F(SupervisorTest, ARecordingThatFailsEndsTheBenchmark) {
 TEST_F(SupervisorTest, ARecordingMayFailWhileTheBenchmarkEnds) {
   (void)supervisor_.SignalCame(5);
   Expect(supervisor_.RecordingFailed(6, "no space"), Send::kNothing, "no space", State::kStopping);
-  // The grace counts from the signal.
+  // The grace starts at the signal.
   EXPECT_EQ(supervisor_.TimePassed(20).send, Send::kNothing);
   EXPECT_EQ(supervisor_.TimePassed(20.001).send, Send::kSigkill);
 }

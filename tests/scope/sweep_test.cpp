@@ -112,7 +112,7 @@ class SweepTest : public ::testing::Test {
     return path;
   }
 
-  // A benchmark whose rate is a hundred times its CPU level, and which keeps a list of the levels.
+  // A benchmark whose rate is 100 times its CPU level. It keeps a list of the levels.
   std::string Counting() const {
     return Script(
         "level=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\necho \"$level\" >>\"$0.levels\"\n"
@@ -135,7 +135,7 @@ class SweepTest : public ::testing::Test {
     return states;
   }
 
-  // A finished sweep whose runs' total bandwidths, GB/s, are the given ones by point and repeat.
+  // A finished sweep with the given total bandwidths in GB/s, by point and repeat.
   Sweep Recorded(const std::vector<SweepAxis>& axes,
                  const std::vector<std::vector<double>>& gigabytesPerS) const {
     Sweep sweep;
@@ -171,7 +171,7 @@ TEST_F(SweepTest, MakesTheConfigurationOfEachPoint) {
   EXPECT_THAT(config.text,
               AllOf(HasSubstr("logMode: 6\n"), Not(HasSubstr("other")),
                     HasSubstr("File: \"" + std::filesystem::absolute("a b.onnx").string() + "\"")));
-  // The same again, so that points can be made of the sweep's own copy anywhere.
+  // The result is stable, so the sweep can make its points from its own copy in any folder.
   EXPECT_EQ(PointConfiguration(made, {}), folder_.Get("made.yaml"));
 }
 
@@ -266,7 +266,7 @@ TEST_F(SweepTest, RecordsTheGridInItsOrder) {
 }
 
 TEST_F(SweepTest, AnInterruptedSweepKeepsItsRunsAndGoesOn) {
-  // The second run waits for ever.
+  // The second run never ends.
   const std::string benchmark = Script(
       "echo run >>\"$0.runs\"\necho 'cpuStress : 5.000000 fps. ispStress : 30.0 fps.'\n"
       "if [ \"$(wc -l <\"$0.runs\")\" = 2 ]; then touch \"$0.waits\"; exec sleep 100; fi");
@@ -289,7 +289,7 @@ TEST_F(SweepTest, AnInterruptedSweepKeepsItsRunsAndGoesOn) {
   EXPECT_EQ(folder_.Get("benchmark.runs"), "run\nrun\nrun\nrun\nrun\n");
   states = States();
   EXPECT_EQ(std::count(states.begin(), states.end(), SweepState::kDone), 4);
-  // Nothing is left to do, and nothing is done.
+  // No run is left, so none is recorded.
   EXPECT_EQ(RunTool({"sweep", "--resume", Folder()}).status, 0);
   EXPECT_EQ(folder_.Get("benchmark.runs"), "run\nrun\nrun\nrun\nrun\n");
 }
@@ -304,7 +304,7 @@ TEST_F(SweepTest, ARunWhoseFolderHasGoneIsRecordedAgain) {
   EXPECT_TRUE(IsRunFolder(Folder() + "/run-0002"));
 }
 
-TEST_F(SweepTest, ARunThatFailsIsToldAndTheOthersAreRecorded) {
+TEST_F(SweepTest, ARunThatFailsIsReportedAndTheOthersAreRecorded) {
   const std::string benchmark = Script(
       "grep -q '^  Level: 3' \"$1\" && exit 9\necho 'cpuStress : 5.000000 fps. ispStress : 30.0 fps.'");
   const ToolResult result = RunTool(SweepOf(benchmark, {"--levels", "CPU=2..4"}));
@@ -395,7 +395,7 @@ TEST_F(SweepTest, SaturationIsTheLowestLevelWithinFivePercent) {
                                           HasSubstr("██ saturated\n")));
 }
 
-TEST_F(SweepTest, NoiseThatHidesSaturationIsTold) {
+TEST_F(SweepTest, NoiseThatHidesSaturationIsReported) {
   const SweepTable table = ReadSweepTable(
       Folder(),
       Recorded(ParseAxes({"CPU=1..3"}),

@@ -44,8 +44,8 @@ struct Condition {
   std::string (*text)(const Run& run);
 };
 
-const std::vector<Condition>& Known() {
-  static const std::vector<Condition> kKnown = {
+const std::vector<Condition>& ComparedConditions() {
+  static const std::vector<Condition> kConditions = {
       {"complete", [](const Run& run) { return std::string(run.info.complete ? "yes" : "no"); }},
       {"meter", [](const Run& run) { return std::string(run.info.conditions.meter ? "yes" : "no"); }},
       {"cpu_model", [](const Run& run) { return run.info.conditions.cpuModel; }},
@@ -74,7 +74,7 @@ const std::vector<Condition>& Known() {
       {"library_versions", [](const Run& run) { return PairsText(run.info.conditions.libraryVersions); }},
       {"levels", [](const Run& run) { return PairsText(run.info.config.levels); }},
   };
-  return kKnown;
+  return kConditions;
 }
 
 // Adds an entry for each setting, except the levels, whose value differs between runs.
@@ -108,14 +108,14 @@ void AddSettings(const std::vector<Run>& a, const std::vector<Run>& b,
 
 std::vector<std::string> ConditionNames() {
   std::vector<std::string> names;
-  for (const Condition& condition : Known()) names.emplace_back(condition.name);
+  for (const Condition& condition : ComparedConditions()) names.emplace_back(condition.name);
   names.emplace_back(kSettings);
   return names;
 }
 
 std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b) {
   std::vector<ConditionDifference> differences;
-  for (const Condition& condition : Known()) {
+  for (const Condition& condition : ComparedConditions()) {
     const auto texts = [&condition](const std::vector<Run>& runs) {
       std::set<std::string> all;
       for (const Run& run : runs) all.insert(OrUnknown(condition.text(run)));
