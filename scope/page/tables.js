@@ -176,7 +176,6 @@ const kRunRows = [
   ['State', stateText],
   ['End of the benchmark', endText],
   ['Configuration', (run) => run.config.path],
-  ['Levels', (run) => Object.entries(run.config.levels).map(([engine, level]) => `${engine} ${level}`).join(', ')],
   ['Recorded by', (run) => run.tool],
 ];
 

@@ -110,15 +110,15 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
                                                         {"State", "complete"},
                                                         {"End of the benchmark", "status 0"},
                                                         {"Configuration", "config/all.yaml"},
-                                                        {"Levels", "cpu 2, vpc 1, venc 1, aic 1"},
+                                                        {"Levels", "cpu=2, vpc=1, venc=1, aic=1"},
                                                         {"Recorded by", "stress_scope 0.1.0"},
-                                                        {"Meter", "measured every operation"},
+                                                        {"Every operation measured", "yes"},
                                                         {"Build", "Release"},
                                                         {"CPU", "A Processor"},
                                                         {"CPUs", "4"},
-                                                        {"Caches", "L3 Unified 2 x 32 MiB"},
+                                                        {"Caches", "2 x L3 Unified 32 MiB"},
                                                         {"Governor", "not known"},
-                                                        {"Memory", "8.0 GB"},
+                                                        {"Memory", "7.5 GiB"},
                                                         {"Load average at the start", "0.20, 0.10, 0.10"}}) {
     EXPECT_THAT(visit.Row("conditions", {title}), ElementsAre(title, text));
   }

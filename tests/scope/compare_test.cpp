@@ -307,8 +307,8 @@ TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.hostnameHash = "4"; }), "hostname_hash: 0123 | 4");
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.governor = "powersave"; }),
             "governor: performance | powersave");
-  EXPECT_EQ(different([](RunInfo& info) { info.conditions.cpuMhzMax = 2000; }),
-            "cpu_mhz: 800 to 3000 | 800 to 2000");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.cpuMhz.most = 2000; }),
+            "cpu_mhz: 800 to 3000 MHz | 800 to 2000 MHz");
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.buildType = "Debug"; }),
             "build_type: Release | Debug");
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.libraryVersions = {{"libormis", "2"}}; }),

@@ -56,8 +56,8 @@ TEST(Conditions, OfAMachineWithTwoCores) {
   EXPECT_EQ(conditions.cpuModel, "Some CPU @ 2.00GHz");
   EXPECT_EQ(conditions.cpuCount, 2);
   EXPECT_EQ(conditions.governor, "performance,powersave");
-  EXPECT_DOUBLE_EQ(conditions.cpuMhzMin, 600);
-  EXPECT_DOUBLE_EQ(conditions.cpuMhzMax, 2400);
+  EXPECT_DOUBLE_EQ(conditions.cpuMhz.least, 600);
+  EXPECT_DOUBLE_EQ(conditions.cpuMhz.most, 2400);
   EXPECT_EQ(conditions.memTotalBytes, 24684092ULL * 1024);
   EXPECT_EQ(conditions.kernel, "6.1.0-18-amd64");
   EXPECT_THAT(conditions.loadAverage, ElementsAre(0.5, 1.25, 2));

@@ -200,6 +200,17 @@ TEST(DriftAtEnd, IsNoneInNoiseInAStepAndInTooFew) {
   EXPECT_DOUBLE_EQ(DriftAtEnd({}), 0);
 }
 
+TEST(Drift, IsReportedAboveTwoPercent) {
+  const auto rising = [](double share) {
+    std::vector<double> rates;
+    for (int i = 0; i != 40; ++i) rates.push_back(1000 + (i - 29.5) / 19 * 1000 * share);
+    return scope::Drift(rates);
+  };
+  EXPECT_EQ(rising(0.019), "");
+  EXPECT_EQ(rising(0.021), "the rate is still drifting at the end, by +2.1 % over the second half");
+  EXPECT_EQ(rising(-0.021), "the rate is still drifting at the end, by -2.1 % over the second half");
+}
+
 // Comparing all values would need 10^10 pairs.
 TEST(DriftAtEnd, OfALongRunIsOfPartsOfIt) {
   std::vector<double> rates;

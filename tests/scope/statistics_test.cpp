@@ -325,6 +325,31 @@ TEST(StatisticsTest, RankSumCountsUpToFiftyValuesExactly) {
   EXPECT_NEAR(RankSumP(a, b), 9.697974076284181e-10, 1e-18);
 }
 
+TEST(StatisticsTest, ADifferenceOfRepeatsNeedsTheIntervalAndTheRankSum) {
+  const Difference apart = TestDifference({1, 2, 3, 4}, {15, 16, 17, 18}, true, {});
+  EXPECT_TRUE(apart.shown);
+  EXPECT_DOUBLE_EQ(*apart.rankSumP, 2.0 / 70);
+  EXPECT_TRUE(TestDifference({15, 16, 17, 18}, {1, 2, 3, 4}, true, {}).shown);
+  EXPECT_FALSE(TestDifference({1, 2, 3}, {15, 16, 17}, true, {}).shown)
+      << "the least p of three a side is 0.1";
+  BootstrapOptions options;
+  options.confidence = 0.9;
+  EXPECT_TRUE(TestDifference({1, 2, 3}, {15, 16, 17}, true, options).shown)
+      << "0.1 is 1 - 0.9, but for rounding";
+  const Difference same = TestDifference(kUntreated, kTreated, true, {});
+  EXPECT_FALSE(same.shown);
+  EXPECT_EQ(same.interval.low, MedianDifference(kUntreated, kTreated, {}).low);
+  EXPECT_EQ(same.interval.high, MedianDifference(kUntreated, kTreated, {}).high);
+}
+
+TEST(StatisticsTest, ADifferenceOfSecondsNeedsTheIntervalAlone) {
+  const Difference apart = TestDifference({1, 2, 3}, {15, 16, 17}, false, {});
+  EXPECT_TRUE(apart.shown);
+  EXPECT_FALSE(apart.rankSumP.has_value());
+  EXPECT_FALSE(TestDifference({1, 2, 3}, {1, 2, 3}, false, {}).shown);
+  EXPECT_FALSE(TestDifference({1}, {1}, false, {}).shown) << "an interval from 0 to 0";
+}
+
 TEST(StatisticsTest, LeastRepeatsOfAnyConfidence) {
   EXPECT_EQ(LeastRepeats(0), 1);
   EXPECT_EQ(LeastRepeats(0.6), 2);

@@ -34,8 +34,8 @@ inline scope::RunInfo SyntheticInfo() {
   info.conditions.cpuCount = 2;
   info.conditions.caches = {{1, "Data", 49152, 2}};
   info.conditions.governor = "performance";
-  info.conditions.cpuMhzMin = 800;
-  info.conditions.cpuMhzMax = 3000;
+  info.conditions.cpuMhz.least = 800;
+  info.conditions.cpuMhz.most = 3000;
   info.conditions.memTotalBytes = std::uint64_t{8} << 30;
   info.conditions.kernel = "6.1";
   info.conditions.hostnameHash = "0123";

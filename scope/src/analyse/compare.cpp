@@ -5,7 +5,6 @@
 #include <map>
 #include <tuple>
 
-#include "engines.h"
 #include "errors.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -33,7 +32,7 @@ SideFigures Read(const Side& side, const CompareOptions& options) {
     const RunSummary summary = Summarise(run);
     for (const EngineSummary& engine : summary.engines) {
       if (HasShortOperations(engine)) figures.printedTooCoarsely.insert(engine.engine);
-      if (!IsLoad(engine.engine) || engine.work.operations == 0) continue;
+      if (engine.work.operations == 0) continue;
       const std::string end = EarlyEnd(engine, summary.endS).text;
       if (!end.empty()) figures.stopped.emplace(engine.engine, end);
     }
@@ -96,24 +95,19 @@ void Judge(ComparedFigure& figure, bool overRepeats, const CompareOptions& optio
   bootstrap.confidence = options.confidence;
   bootstrap.seed = options.seed;
   if (!overRepeats) bootstrap.block = Block(std::min(a.size(), b.size()));
-  const Interval interval = MedianDifference(a, b, bootstrap);
+  const Difference difference = TestDifference(a, b, overRepeats, bootstrap);
   const double percent = 100 / std::abs(base);
   figure.differencePercent = (*figure.b - base) * percent;
-  figure.lowPercent = interval.low * percent;
-  figure.highPercent = interval.high * percent;
-  bool shown = figure.lowPercent > 0 || figure.highPercent < 0;
-  if (overRepeats) {
-    figure.rankSumP = RankSumP(a, b);
-    const double rounding = 1 + 1e-9;
-    shown = shown && *figure.rankSumP <= (1 - options.confidence) * rounding;
-  }
+  figure.lowPercent = difference.interval.low * percent;
+  figure.highPercent = difference.interval.high * percent;
+  figure.rankSumP = difference.rankSumP;
   const auto variationA = Variation(a, overRepeats, bootstrap);
   const auto variationB = Variation(b, overRepeats, bootstrap);
   if (variationA && variationB) {
     const double pooled = std::sqrt((*variationA * *variationA + *variationB * *variationB) / 2);
     figure.repeatsForOnePercent = RepeatsToShow(pooled, kOnePercent, options.confidence);
   }
-  if (!shown) return;
+  if (!difference.shown) return;
   const bool lowerIsBetter = KindOf(figure.key.figure).lowerIsBetter;
   const double least =
       lowerIsBetter ? figure.lowPercent : -figure.highPercent;  // B is worse by at least this
@@ -156,11 +150,8 @@ void NoteEarlyEnds(const char* side, const SideFigures& figures, std::vector<std
 void NoteDrift(const Side& side, const SideFigures& figures, std::vector<std::string>& notes) {
   for (std::size_t i = 0; i < figures.runs.size(); ++i) {
     for (const auto& [key, values] : figures.runs[i]) {
-      const double drift = key.figure == Figure::kOperations ? DriftAtEnd(values) : 0;
-      if (std::abs(drift) <= kDrift) continue;
-      notes.push_back(side.runs[i].folder + ": " + key.engine +
-                      ": the rate is still drifting at the end, by " +
-                      Format("%+.1f %% over the second half", drift * 100));
+      const std::string drift = key.figure == Figure::kOperations ? Drift(values) : std::string();
+      if (!drift.empty()) notes.push_back(side.runs[i].folder + ": " + key.engine + ": " + drift);
     }
   }
 }

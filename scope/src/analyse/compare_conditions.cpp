@@ -1,134 +1,77 @@
 #include "compare_conditions.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
-#include <type_traits>
 
+#include "run_keys.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
 
+constexpr const char* kComplete = "complete";
 constexpr const char* kSettings = "config";
-constexpr double kGibibyte = 1024.0 * 1024 * 1024;
 
-std::string OrUnknown(const std::string& text) {
-  return text.empty() ? "unknown" : text;
+// A value of the configuration, or "unset".
+std::string SettingOf(const Run& run, const std::string& name) {
+  const auto& settings = run.info.config.settings;
+  const auto at = std::find_if(settings.begin(), settings.end(),
+                               [&name](const auto& entry) { return entry.first == name; });
+  return name + "=" + (at == settings.end() ? "unset" : at->second);
 }
 
-std::string CachesText(const std::vector<Cache>& caches) {
-  std::string text;
-  for (const Cache& cache : caches) {
-    text += Format("%s%d x L%d %s %g KiB", text.empty() ? "" : ", ", cache.instances, cache.level,
-                   cache.type.c_str(), static_cast<double>(cache.bytes) / 1024);
-  }
-  return text;
-}
-
-template <typename Pairs>
-std::string PairsText(const Pairs& pairs) {
-  std::string text;
-  for (const auto& [name, value] : pairs) {
-    text += (text.empty() ? "" : ", ") + name;
-    if constexpr (std::is_same_v<std::decay_t<decltype(value)>, int>) {
-      text += "=" + std::to_string(value);
-    } else {
-      text += " " + value;
-    }
-  }
-  return text;
-}
-
-struct Condition {
-  const char* name;
-  std::string (*text)(const Run& run);
-};
-
-const std::vector<Condition>& ComparedConditions() {
-  static const std::vector<Condition> kConditions = {
-      {"complete", [](const Run& run) { return std::string(run.info.complete ? "yes" : "no"); }},
-      {"meter", [](const Run& run) { return std::string(run.info.conditions.meter ? "yes" : "no"); }},
-      {"cpu_model", [](const Run& run) { return run.info.conditions.cpuModel; }},
-      {"cpu_count",
-       [](const Run& run) {
-         const int count = run.info.conditions.cpuCount;
-         return count == 0 ? std::string() : std::to_string(count);
-       }},
-      {"caches", [](const Run& run) { return CachesText(run.info.conditions.caches); }},
-      {"mem_total_bytes",
-       // One decimal: kernels reserve slightly different amounts of the same memory modules.
-       [](const Run& run) {
-         const auto bytes = static_cast<double>(run.info.conditions.memTotalBytes);
-         return bytes == 0 ? std::string() : Format("%.1f GiB", bytes / kGibibyte);
-       }},
-      {"kernel", [](const Run& run) { return run.info.conditions.kernel; }},
-      {"hostname_hash", [](const Run& run) { return run.info.conditions.hostnameHash; }},
-      {"governor", [](const Run& run) { return run.info.conditions.governor; }},
-      {"cpu_mhz",
-       [](const Run& run) {
-         const Conditions& conditions = run.info.conditions;
-         return conditions.cpuMhzMax == 0 ? std::string()
-                                          : Format("%g to %g", conditions.cpuMhzMin, conditions.cpuMhzMax);
-       }},
-      {"build_type", [](const Run& run) { return run.info.conditions.buildType; }},
-      {"library_versions", [](const Run& run) { return PairsText(run.info.conditions.libraryVersions); }},
-      {"levels", [](const Run& run) { return PairsText(run.info.config.levels); }},
+// Adds a difference unless all runs of both sides have the same `text`. Incomplete runs differ from each
+// other, too.
+template <typename TextOf>
+void AddUnlessSame(const std::string& name, const std::vector<Run>& a, const std::vector<Run>& b,
+                   const TextOf& text, std::vector<ConditionDifference>& differences) {
+  const auto texts = [&text](const std::vector<Run>& runs) {
+    std::set<std::string> all;
+    for (const Run& run : runs) all.insert(text(run));
+    return all;
   };
-  return kConditions;
-}
-
-// Adds an entry for each setting, except the levels, whose value differs between runs.
-void AddSettings(const std::vector<Run>& a, const std::vector<Run>& b,
-                 std::vector<ConditionDifference>& differences) {
-  std::set<std::string> names;
-  for (const std::vector<Run>* side : {&a, &b}) {
-    for (const Run& run : *side) {
-      for (const auto& [name, value] : run.info.config.settings) names.insert(name);
-    }
-  }
-  for (const std::string& name : names) {
-    const auto values = [&wanted = name](const std::vector<Run>& runs) {
-      std::set<std::string> all;
-      for (const Run& run : runs) {
-        const auto& settings = run.info.config.settings;
-        const auto at = std::find_if(settings.begin(), settings.end(),
-                                     [&wanted](const auto& setting) { return setting.first == wanted; });
-        all.insert(at == settings.end() ? "unset" : at->second);
-      }
-      return all;
-    };
-    const std::set<std::string> ofA = values(a);
-    const std::set<std::string> ofB = values(b);
-    if (ofA == ofB && ofA.size() == 1) continue;
-    differences.push_back({kSettings, name + "=" + Joined(ofA, " or "), name + "=" + Joined(ofB, " or ")});
-  }
+  const std::set<std::string> ofA = texts(a);
+  const std::set<std::string> ofB = texts(b);
+  const bool incomplete = name == kComplete && ofA.count("no") + ofB.count("no") != 0;
+  if (ofA != ofB || ofA.size() != 1 || incomplete)
+    differences.push_back({name, Joined(ofA, " or "), Joined(ofB, " or ")});
 }
 
 }  // namespace
 
 std::vector<std::string> ConditionNames() {
   std::vector<std::string> names;
-  for (const Condition& condition : ComparedConditions()) names.emplace_back(condition.name);
+  for (const RunText& row : RunTexts({})) {
+    if (row.key.mustAgree) names.emplace_back(row.key.name);
+  }
   names.emplace_back(kSettings);
   return names;
 }
 
 std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b) {
   std::vector<ConditionDifference> differences;
-  for (const Condition& condition : ComparedConditions()) {
-    const auto texts = [&condition](const std::vector<Run>& runs) {
-      std::set<std::string> all;
-      for (const Run& run : runs) all.insert(OrUnknown(condition.text(run)));
-      return all;
-    };
-    const std::set<std::string> ofA = texts(a);
-    const std::set<std::string> ofB = texts(b);
-    const bool incomplete =
-        std::string(condition.name) == "complete" && ofA.count("no") + ofB.count("no") != 0;
-    if (ofA == ofB && ofA.size() == 1 && !incomplete) continue;
-    differences.push_back({condition.name, Joined(ofA, " or "), Joined(ofB, " or ")});
+  std::map<const Run*, std::vector<RunText>> texts;
+  std::set<std::string> settings;
+  for (const std::vector<Run>* side : {&a, &b}) {
+    for (const Run& run : *side) {
+      texts[&run] = RunTexts(run.info);
+      for (const auto& [name, value] : run.info.config.settings) settings.insert(name);
+    }
   }
-  AddSettings(a, b, differences);
+  const std::vector<RunText> rows = RunTexts({});
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    if (!rows[i].key.mustAgree) continue;
+    const auto text = [&](const Run& run) {
+      const std::string& known = texts.at(&run)[i].text;
+      return known.empty() ? std::string("unknown") : known;
+    };
+    AddUnlessSame(rows[i].key.name, a, b, text, differences);
+  }
+  for (const std::string& name : settings) {
+    AddUnlessSame(
+        kSettings, a, b, [&name = name](const Run& run) { return SettingOf(run, name); }, differences);
+  }
   return differences;
 }
 

@@ -15,7 +15,10 @@ namespace {
 
 // Load average per CPU. Above it, the work of other programs affects the figures.
 constexpr double kBusyLoad = 0.25;
+// Changes above this share are reported.
+constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;
+constexpr std::size_t kLeastForDrift = 8;
 // The printed rate counts whole milliseconds, so shorter operations add no time to it.
 constexpr double kShareBelowMillisecond = 0.01;
 // An operation that is counted takes at least 1 ms. A higher rate includes operations counted as 0 ms.
@@ -61,12 +64,8 @@ void AddFailures(const EngineSummary& engine, List& warnings) {
 // `times` and `rates` have equal lengths.
 void AddDrift(const std::string& name, const std::string& engine, const std::vector<double>& times,
               const std::vector<double>& rates, List& warnings) {
-  const double drift = DriftAtEnd(rates);
-  if (std::abs(drift) <= kDrift) return;
-  warnings.push_back(
-      {name +
-           Format(": the rate is still drifting at the end, by %+.1f %% over the second half", drift * 100),
-       times[times.size() / 2], engine});
+  const std::string drift = Drift(rates);
+  if (!drift.empty()) warnings.push_back({name + ": " + drift, times[times.size() / 2], engine});
 }
 
 void AddShortOperations(const EngineSummary& engine, List& warnings) {
@@ -182,6 +181,7 @@ std::vector<double> Thinned(const std::vector<double>& values) {
 }  // namespace
 
 Warning EarlyEnd(const EngineSummary& engine, double endS) {
+  if (!IsLoad(engine.engine)) return {};
   // An operation may still run at the end. It may take as long as the longest one did.
   const auto stopped = [endS](const WorkSummary& work) {
     return endS - work.lastS > kStoppedEarlyS + static_cast<double>(work.maxNs) * 1e-9;
@@ -216,6 +216,12 @@ double DriftAtEnd(const std::vector<double>& rates) {
   const double middle = Median(half);
   if (trend.p >= kDriftP || middle <= 0) return 0;
   return trend.slope * static_cast<double>(half.size() - 1) / middle;
+}
+
+std::string Drift(const std::vector<double>& rates) {
+  const double drift = DriftAtEnd(rates);
+  if (std::abs(drift) <= kDrift) return {};
+  return Format("the rate is still drifting at the end, by %+.1f %% over the second half", drift * 100);
 }
 
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {

@@ -21,20 +21,18 @@ struct Warning {
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 
 /// Warns if `engine`, or a thread of it, stopped working before the run ended at `endS`. The sentence does
-/// not name the engine. It is empty if all threads worked to the end.
+/// not name the engine. It is empty if all threads worked to the end, and for an engine of a set-up.
 Warning EarlyEnd(const EngineSummary& engine, double endS);
 
 /// True if too many operations take less than a millisecond, which makes the printed rate unusable.
 bool HasShortOperations(const EngineSummary& engine);
 
-/// Changes above this share over the last half of a run are reported.
-constexpr double kDrift = 0.02;
-
-/// The change of evenly spaced rates over the last half of the series: the Theil-Sen slope times the half's
+/// The change of evenly spaced rates over the second half of the series: the Theil-Sen slope times the half's
 /// length, as a share of its median. 0 if the Mann-Kendall test finds no trend at the 1 % level, or if that
-/// half has fewer than kLeastForDrift values.
+/// half has fewer than 8 values.
 double DriftAtEnd(const std::vector<double>& rates);
 
-constexpr std::size_t kLeastForDrift = 8;
+/// A sentence where DriftAtEnd is more than 2 %, otherwise empty.
+std::string Drift(const std::vector<double>& rates);
 
 }  // namespace scope

@@ -174,6 +174,16 @@ double RankSumP(const std::vector<double>& a, const std::vector<double>& b) {
   return NormalP(score, 0.5, std::sqrt(variance));
 }
 
+Difference TestDifference(const std::vector<double>& a, const std::vector<double>& b, bool repeats,
+                          const BootstrapOptions& options) {
+  Difference difference;
+  difference.interval = MedianDifference(a, b, options);
+  if (repeats) difference.rankSumP = RankSumP(a, b);
+  difference.shown = (difference.interval.low > 0 || difference.interval.high < 0) &&
+                     difference.rankSumP.value_or(0) <= (1 - options.confidence) * kRounding;
+  return difference;
+}
+
 int LeastRepeats(double confidence) {
   // Of all choices of n among 2n values, two put one side completely above the other.
   double choices = 1;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 /// Statistics of repeated measurements. All values must be finite. A function that needs a number of values
@@ -46,6 +47,16 @@ Interval MedianDifference(const std::vector<double>& a, const std::vector<double
 /// distribution lie as far apart as `a` and `b`. Exact for up to 50 values in total, also with ties. Above,
 /// the normal approximation, corrected for ties and continuity. Each side needs one value.
 double RankSumP(const std::vector<double>& a, const std::vector<double>& b);
+
+/// Whether the medians of `a` and `b` differ.
+struct Difference {
+  Interval interval;               ///< of MedianDifference
+  std::optional<double> rankSumP;  ///< of repeats only
+  bool shown = false;  ///< the interval leaves out 0, and rankSumP, if any, is at most 1 - confidence
+};
+/// `repeats`: the values are medians of runs, not neighbouring seconds of one. Each side needs one value.
+Difference TestDifference(const std::vector<double>& a, const std::vector<double>& b, bool repeats,
+                          const BootstrapOptions& options);
 
 /// The fewest repeats per side with which RankSumP can reach 1 - `confidence`.
 int LeastRepeats(double confidence);

@@ -1,11 +1,9 @@
 #include "sweep_table.h"
 
 #include <algorithm>
-#include <cmath>
 #include <set>
 
 #include "compare_conditions.h"
-#include "engines.h"
 #include "errors.h"
 #include "run_reader.h"
 #include "run_summary.h"
@@ -28,9 +26,7 @@ int Threads(const SweepPoint& point) {
 
 bool NoDifferenceShown(const std::vector<double>& a, const std::vector<double>& b) {
   const auto least = static_cast<std::size_t>(LeastRepeats(kConfidence));
-  if (a.size() < least || b.size() < least) return false;
-  const Interval interval = MedianDifference(a, b, {});
-  return (interval.low <= 0 && interval.high >= 0) || RankSumP(a, b) > 1 - kConfidence;
+  return a.size() >= least && b.size() >= least && !TestDifference(a, b, true, {}).shown;
 }
 
 void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
@@ -64,22 +60,20 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
     try {
       Run run = ReadRun(folder + "/" + planned.folder);
       const RunSummary summary = Summarise(run);
-      for (const EngineSummary& engine : summary.engines) {
-        const std::string end = IsLoad(engine.engine) ? EarlyEnd(engine, summary.endS).text : std::string();
-        if (end.empty()) continue;
-        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine.engine +
-                              ": " + end);
-      }
+      const auto note = [&](const std::string& engine, const std::string& text) {
+        if (text.empty()) return;
+        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine + ": " +
+                              text);
+      };
+      for (const EngineSummary& engine : summary.engines)
+        note(engine.engine, EarlyEnd(engine, summary.endS).text);
       auto figures = FiguresOf(summary, sweep.settings.warmupS);
       // No operations: every level is 0.
       if (sweep.settings.useMeter && run.samples.empty()) figures[kTotal] = {0};
       for (const auto& [key, seconds] : figures) {
         keys.insert(key);
         point.values[key].push_back(Median(seconds));
-        if (key.figure == Figure::kOperations && std::abs(DriftAtEnd(seconds)) > kDrift) {
-          table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): the rate of " +
-                                key.engine + " is still drifting at the end");
-        }
+        if (key.figure == Figure::kOperations) note(key.engine, Drift(seconds));
       }
       ++point.runs;
       run.samples.clear();

@@ -19,6 +19,11 @@ struct Cache {
   int instances = 0;  ///< how many of this cache the machine has
 };
 
+struct MhzRange {
+  double least = 0;
+  double most = 0;
+};
+
 /// The machine and the program when the run started. A text is empty, or a number 0, if the machine does not
 /// provide it.
 struct Conditions {
@@ -26,8 +31,7 @@ struct Conditions {
   int cpuCount = 0;
   std::vector<Cache> caches;
   std::string governor;
-  double cpuMhzMin = 0;
-  double cpuMhzMax = 0;
+  MhzRange cpuMhz;  ///< of all CPUs
   std::uint64_t memTotalBytes = 0;
   std::string kernel;
   std::string hostnameHash;  ///< tells machines apart without naming them

@@ -114,10 +114,10 @@ Conditions ReadConditions(const std::string& systemRoot) {
     if (const auto governor = ReadText(folder + "/scaling_governor")) governors.insert(*governor);
     if (const auto khz = ReadNumber(folder + "/cpuinfo_min_freq")) {
       const double mhz = *khz / 1000;
-      conditions.cpuMhzMin = conditions.cpuMhzMin == 0 ? mhz : std::min(conditions.cpuMhzMin, mhz);
+      conditions.cpuMhz.least = conditions.cpuMhz.least == 0 ? mhz : std::min(conditions.cpuMhz.least, mhz);
     }
     if (const auto khz = ReadNumber(folder + "/cpuinfo_max_freq")) {
-      conditions.cpuMhzMax = std::max(conditions.cpuMhzMax, *khz / 1000);
+      conditions.cpuMhz.most = std::max(conditions.cpuMhz.most, *khz / 1000);
     }
   }
   for (const std::string& governor : governors) {

@@ -11,6 +11,7 @@
 #include "compare_figures.h"
 #include "engines.h"
 #include "run_json.h"
+#include "run_keys.h"
 #include "run_warnings.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -139,45 +140,12 @@ Json CountersJson(const std::vector<CounterValue>& values) {
   return counters;
 }
 
-std::string Bytes(std::uint64_t bytes) {
-  const auto value = static_cast<double>(bytes);
-  if (bytes >= std::uint64_t{1} << 30) return Format("%.1f GiB", value / (1 << 30));
-  if (bytes >= std::uint64_t{1} << 20) return Format("%.3g MiB", value / (1 << 20));
-  return Format("%.3g KiB", value / (1 << 10));
-}
-
-// Key, title and text of each condition. The text is empty if the machine does not report the value.
-Json ConditionsJson(const Conditions& machine) {
-  std::vector<std::string> libraries;
-  for (const auto& [name, version] : machine.libraryVersions) libraries.push_back(name + " " + version);
-  std::vector<std::string> caches;
-  for (const Cache& cache : machine.caches) {
-    caches.push_back(Format("L%d ", cache.level) + cache.type + " " +
-                     (cache.instances > 1 ? Format("%d x ", cache.instances) : "") + Bytes(cache.bytes));
-  }
-  std::vector<std::string> loads;
-  for (const double load : machine.loadAverage) loads.push_back(Format("%.2f", load));
-  const bool hasMhz = machine.cpuMhzMax > 0;
-  const auto bytes = static_cast<double>(machine.memTotalBytes);
-  const std::vector<std::tuple<const char*, const char*, std::string>> rows = {
-      {"meter", "Meter",
-       machine.meter ? "measured every operation"
-                     : "none: rate lines alone, without operations, bytes and latencies"},
-      {"build_type", "Build", machine.buildType},
-      {"library_versions", "Libraries", Joined(libraries, ", ")},
-      {"cpu_model", "CPU", machine.cpuModel},
-      {"cpu_count", "CPUs", machine.cpuCount > 0 ? std::to_string(machine.cpuCount) : ""},
-      {"caches", "Caches", Joined(caches, ", ")},
-      {"governor", "Governor", machine.governor},
-      {"cpu_mhz", "CPU frequency",
-       hasMhz ? Format("%.0f to %.0f MHz", machine.cpuMhzMin, machine.cpuMhzMax) : ""},
-      {"mem_total_bytes", "Memory", bytes > 0 ? Format("%.1f GB", bytes / 1e9) : ""},
-      {"kernel", "Kernel", machine.kernel},
-      {"load_average", "Load average at the start", Joined(loads, ", ")},
-      {"hostname_hash", "Machine (hash of its name)", machine.hostnameHash}};
+// The text of a condition is empty if the machine does not report the value.
+Json ConditionsJson(const RunInfo& info) {
   Json conditions = Json::array();
-  for (const auto& [key, title, text] : rows) {
-    conditions.push_back(Json{{"key", key}, {"title", title}, {"text", text}});
+  for (const auto& [key, text] : RunTexts(info)) {
+    if (key.title != nullptr)
+      conditions.push_back(Json{{"key", key.name}, {"title", key.title}, {"text", text}});
   }
   return conditions;
 }
@@ -189,7 +157,7 @@ Json RunJson(const ReportedRun& reported) {
   run["name"] = reported.name;
   run["folder"] = reported.run.folder;
   run["meter"] = info.conditions.meter;
-  run["conditions"] = ConditionsJson(info.conditions);
+  run["conditions"] = ConditionsJson(info);
   for (const Warning& warning : reported.warnings) {
     run["warnings"].push_back(
         Json{{"text", warning.text}, {"time_s", OrNull(warning.timeS)}, {"engine", warning.engine}});

@@ -1,0 +1,123 @@
+#include "run_keys.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "compare_conditions.h"
+#include "run_json.h"
+#include "synthetic_run.h"
+
+namespace {
+
+using scope::RunInfo;
+using Json = nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+std::string ReadFile(const char* path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+void AddLeaves(const Json& json, const std::string& path, std::set<std::string>& leaves) {
+  if (json.is_object() && !json.empty()) {
+    for (const auto& [name, value] : json.items())
+      AddLeaves(value, path.empty() ? name : path + "." + name, leaves);
+  } else if (json.is_array() && !json.empty()) {
+    AddLeaves(json[0], path + "[]", leaves);
+  } else {
+    leaves.insert(path);
+  }
+}
+
+// Those of a run that has a cache and a source of counters, and nothing in lists whose names are the user's.
+std::set<std::string> WrittenKeys() {
+  RunInfo info;
+  info.conditions.caches.emplace_back();
+  info.counters.emplace_back();
+  std::set<std::string> keys;
+  AddLeaves(Json::parse(scope::RunInfoText(info)), "", keys);
+  return keys;
+}
+
+// In the first column of the table: names in full, or from a point on, as the one before.
+std::set<std::string> DocumentedKeys() {
+  std::set<std::string> keys;
+  std::istringstream lines(ReadFile(SCOPE_FORMAT));
+  bool here = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line[0] == '#') here = line == "## run.json";
+    if (!here || line.rfind("| `", 0) != 0) continue;
+    const std::string cell = line.substr(0, line.find(" |"));
+    const std::regex name("`([^`]+)`");
+    std::string before;
+    for (std::sregex_iterator at(cell.begin(), cell.end(), name), end; at != end; ++at) {
+      const std::string found = (*at)[1];
+      before = found[0] == '.' ? before.substr(0, before.rfind('.')) + found : found;
+      keys.insert(before);
+    }
+  }
+  return keys;
+}
+
+TEST(RunKeys, AreExactlyThoseOfTheFormatsDescription) {
+  EXPECT_THAT(WrittenKeys(), Not(IsEmpty()));
+  EXPECT_EQ(WrittenKeys(), DocumentedKeys());
+}
+
+TEST(RunKeys, ThatMustAgreeAreThoseOfTheManual) {
+  const std::string manual = ReadFile(SCOPE_MANUAL);
+  const std::size_t from = manual.find("Conditions that may differ:");
+  ASSERT_NE(from, std::string::npos);
+  std::string text = manual.substr(from, manual.find(".TP", from) - from);
+  text = text.substr(text.find(':') + 1, text.find(": the other") - text.find(':') - 1);
+  std::set<std::string> named;
+  const std::regex name("[a-z_]+");
+  for (std::sregex_iterator at(text.begin(), text.end(), name), end; at != end; ++at) named.insert(at->str());
+  named.erase("and");
+  const std::vector<std::string> names = scope::ConditionNames();
+  EXPECT_EQ(named, std::set<std::string>(names.begin(), names.end()));
+}
+
+TEST(RunKeys, ReadWhatWasWritten) {
+  RunInfo info = SyntheticInfo();
+  info.conditions.loadAverage = {0.5, 1, 2};
+  info.counters = {{"edac", false, "why"}};
+  info.label = "words";
+  info.exitStatus = 3;
+  const std::string text = scope::RunInfoText(info);
+  EXPECT_EQ(scope::RunInfoText(scope::ParseRunInfo(text, "run.json")), text);
+  EXPECT_NE(scope::RunInfoText(RunInfo()), text);
+}
+
+TEST(RunKeys, HaveTextsForPeople) {
+  RunInfo info = SyntheticInfo();
+  info.conditions.caches.push_back({3, "Unified", 37'748'736, 1});
+  info.conditions.loadAverage = {0.5, 1, 2.006};
+  std::vector<std::string> texts;
+  for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
+  EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "build_type: Release",
+                                 "library_versions: libormis 1.0.0", "cpu_model: a CPU", "cpu_count: 2",
+                                 "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
+                                 "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
+                                 "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));
+}
+
+TEST(RunKeys, OfWhatTheMachineDoesNotTellHaveNoText) {
+  std::vector<std::string> told;
+  for (const auto& [key, text] : scope::RunTexts({})) {
+    if (!text.empty()) told.push_back(key.name + ("=" + text));
+  }
+  EXPECT_THAT(told, ElementsAre("complete=no", "meter=no"));
+}
+
+}  // namespace
