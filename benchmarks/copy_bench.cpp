@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// How fast copies move memory: memcpy_s, the routines that it chooses from, and the copy loop of STREAM.
 /// usage: copy_bench [ROUNDS [SECONDS]]
 ///        copy_bench own|far THREADS SECONDS    prints the one figure of memcpy_s, for turns with other

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// What the four worker loops cost, compared with the operations that they drive.
 /// usage: driver_bench [MODEL [ROUNDS]]
 ///

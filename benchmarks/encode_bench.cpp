@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// Compares QetVenc with direct use of libavcodec, in turns within one run: the encode stress's picture and
 /// settings, each on one thread. usage: encode_bench [ROUNDS]
 ///

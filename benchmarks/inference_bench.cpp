@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run,
 /// and what ten instances of the model cost to load and to keep. usage: inference_bench [MODEL [ROUNDS]]
 ///

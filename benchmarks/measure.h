@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// What the side-by-side programs share: timing, and how they end when something fails.
 #pragma once
 

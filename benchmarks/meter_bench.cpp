@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// What the meter adds to a call, in ns: operations that do nothing, called without the meter, under the
 /// meter without a reader, and under the meter with one. Each is a run of this program as a child. usage:
 /// meter_bench [rounds [CONFIG]]

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// A platform library whose operations do nothing.
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"

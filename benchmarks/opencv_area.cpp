@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "opencv_area.h"
 
 #include <opencv2/core.hpp>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// Compares QetImageResize with other libraries' scalers, in turns within one run: the same RGB24 picture,
 /// each on one thread. usage: resize_bench [ROUNDS]
 ///

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The platform's records have fixed layouts, with 24-byte strings and maps, which only libc++ has. A build with another
 # standard library would pass records of the wrong size to the platform.
 include(CheckCXXSourceCompiles)

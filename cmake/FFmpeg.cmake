@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # PkgConfig::FFMPEG: libavcodec and libavutil, for the encoder.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(FFMPEG IMPORTED_TARGET libavcodec>=58 libavutil)

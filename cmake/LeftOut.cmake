@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Tests that cannot be built here, because a program or a library that they need is missing.
 option(STRESS_REQUIRE_ALL_TESTS "Fail where tests are left out because something that they need is missing" OFF)
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # install_notice(NAME FILE): installs a third party's copyright and licence beside what carries its code.
 # THIRD_PARTY.md says what that is. A missing notice is only a warning: a build for one's own use distributes nothing.
 function(install_notice name file)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # OnnxRuntime::OnnxRuntime: the inference engine, through its C interface. Looked for in this order: ONNXRUNTIME_ROOT,
 # the system, what ./scripts/setup fetched for this build folder, what it fetched for the default one.
 set(ONNXRUNTIME_ROOT "" CACHE PATH "Folder with include/onnxruntime_c_api.h and lib/libonnxruntime.so.1")

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # stress_options: how every target of the project is compiled.
 add_library(stress_options INTERFACE)
 target_compile_features(stress_options INTERFACE cxx_std_17)

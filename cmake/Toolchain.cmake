@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Included before project(): a plain `cmake -B build` takes clang 19, without a preset or a variable.
 if(NOT DEFINED CMAKE_CXX_COMPILER AND "$ENV{CXX}" STREQUAL "")
   find_program(STRESS_CLANGXX NAMES clang++-19 clang++)

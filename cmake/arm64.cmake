@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Toolchain of the arm64 preset: clang, and the libraries that ./scripts/setup-arm64 put into the build folder. The
 # build's own programs and the tests run under emulation.
 set(CMAKE_SYSTEM_NAME Linux)

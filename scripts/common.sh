@@ -1,8 +1,9 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # Sourced by the scripts beside it. The comment at the top of each script is its help.
 
 # Prints the help of the script.
-printHelp() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+printHelp() { sed -n '2,/^[^#]/{/^# SPDX-/d;s/^# \{0,1\}//p;}' "$0"; }
 
 # answerHelp "$@": if --help or -h is among the arguments, prints the script's help and ends it. Nothing precedes this.
 answerHelp() {

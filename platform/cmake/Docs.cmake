@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # docs: API pages of the public headers in api/html of the build folder.
 find_program(DOXYGEN doxygen DOC "Doxygen, for the target docs")
 if(DOXYGEN)

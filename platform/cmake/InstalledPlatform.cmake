@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Makes the targets ormis_interface, ormis and ara_log from what is installed in ORMIS_ROOT. Where headers or a logging
 # library are missing there, takes this project's.
 find_path(ORMIS_INCLUDE_DIR ormis/ormis.h PATHS "${ORMIS_ROOT}" PATH_SUFFIXES include NO_DEFAULT_PATH

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What another project needs to build against the installed platform: headers, CMake package, pkg-config file.
 include(CMakePackageConfigHelpers)
 

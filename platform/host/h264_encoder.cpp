@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "h264_encoder.h"
 
 #include <glob.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The process in which libormis.so tries a model file. Its only argument is the file. It writes the result to
 // standard output.
 #include <sys/prctl.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The names in link_names.h. C++ that looks operations up links ormis_link_names and includes the header. Here each LINK_...
 # of it is a variable that holds the name, and ORMIS_OPERATIONS lists those that every platform library exports.
 add_library(ormis_link_names INTERFACE)

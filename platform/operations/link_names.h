@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // The names under which the linker knows the platform's operations: the only place where they are written

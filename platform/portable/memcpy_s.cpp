@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ormis/memcpy_s.h"
 
 #include <cerrno>

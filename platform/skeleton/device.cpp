@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ormis/qet_context.h"
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"

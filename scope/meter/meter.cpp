@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// libstress_scope.so is preloaded in front of a platform library. It takes the calls of the operations that
 /// do work, passes them on and measures them. It changes no argument and no status.
 #include <dlfcn.h>

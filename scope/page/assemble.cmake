@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Puts style, scripts and Chart.js into the page's template, with their hashes for its content security policy:
 #   cmake -DTEMPLATE=report.html -DSTYLE=report.css -DSCRIPTS="a.js;b.js" -DCHARTS_LIBRARY=... -DCHARTS_LICENCE=...
 #         -DOUTPUT=... -P assemble.cmake

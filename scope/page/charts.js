@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, marks, series}. An axis is {title, min, max, log}; a series
 // {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap; a mark
 // {x, text}.

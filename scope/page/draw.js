@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Draws a chart on its canvas.
 
 const kManyPoints = 150;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes the page of a report from its data, which scope/FORMAT.md describes.
 
 function section(title, ...content) {

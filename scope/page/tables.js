@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The tables and lists of the page. A number's cell stores it in data-value, which sorting uses.
 
 // Title, key in the data, and function that formats the value.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 /// The benchmark includes the accelerator platform and its logging through this header alone. They are

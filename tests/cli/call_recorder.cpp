@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Preloaded into the program, before the platform and the log. Writes the name of each call to the file that
 // RECORD_CALLS names, then calls the real function. When RAISE_SIGINT_IN_INITIALIZE is set, it raises SIGINT
 // inside the platform's start. One write(2) for each call, so it works in signal handlers.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The argument and the file that it names: what the program does before it has read a configuration.
 
 #include <csignal>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Each fault of a configuration: the exit status, the exact log line, and that nothing runs.
 
 #include <sys/stat.h>

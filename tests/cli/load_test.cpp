@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The stresses on the real engines: each of them works, and each stops.
 
 #include <csignal>

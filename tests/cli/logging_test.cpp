@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Where the log goes and which records it has: "logMode" and "logLevel" in the whole program.
 
 #include <sys/resource.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Standard output: one rate line a second and nothing else.
 
 #include <csignal>

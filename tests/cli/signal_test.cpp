@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // SIGINT at every stage of a run, and other signals.
 
 #include <unistd.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Without a remote sink the other sinks work.
 
 #include "daemon.h"

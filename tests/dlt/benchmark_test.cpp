@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The benchmark with "logMode: 1".
 
 #include <algorithm>

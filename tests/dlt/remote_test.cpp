@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Records on their way to a real daemon that runs, is missing, is slow, is stopped or dies.
 
 #include <algorithm>

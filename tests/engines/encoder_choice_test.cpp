@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Tests which engine an encoder takes. Uses a part of the host platform directly: through the public headers
 // only the log shows the choice.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An application may fork at any time, from any thread. Here it forks in the middle of an operation.
 #include <dlfcn.h>
 #include <spawn.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Model files that are cut off, damaged or hostile. Each must end in a status with a reason, and the process
 // goes on.
 #include <array>

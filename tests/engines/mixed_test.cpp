@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Every kind of work at once, in as many threads as the benchmark may start. Each thread must get its own
 // results.
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Preloaded into tests that run under emulation. When such a test starts an arm64 program, this library
 // starts it under the emulator, because the machine itself cannot run it.
 #include <dlfcn.h>

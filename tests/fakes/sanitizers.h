@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 /// Which sanitizer the tests are built with. Some tests cannot see through one, or are too slow with it.

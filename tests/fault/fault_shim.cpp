@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Injects faults into the platform's operations. Preloaded into the program, it stands in front of the
 // platform and forwards every call to it. Environment variables:
 //   FAULT         "operation:N:action", one or more, separated by commas. The action happens in the N-th

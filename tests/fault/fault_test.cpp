@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Every operation of the platform fails under the real program, in its first call and in a later one. The
 // tests look at what is logged, what is called afterwards, that the other workers go on, how the program
 // ends, and that the fault was made as scripted. Under AddressSanitizer a leak is a failure, too.

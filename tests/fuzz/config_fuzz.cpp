@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The input is a configuration file. It goes to the YAML reader alone, then to the configuration's rules.
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The input is a script of image operations on four records; most operations are wrong. The harness keeps a
 // model of what is alive, and derives from it which call has to succeed. A step is one letter and its
 // arguments (a byte each; W and H: two bytes, N: four, little-endian). A and B are records:

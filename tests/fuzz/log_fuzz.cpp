@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The input is a script of log records. The real back end writes them to a log file, which is compared with
 // what the contract of ara/log/logging.h asks for. A step is one letter and its arguments:
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs a fuzzer's harness over stored inputs. Needs no fuzzer, so it works with any compiler on any target.
 //
 //   PROGRAM FILE_OR_FOLDER...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Tests every copy routine that this processor can run. The source is compiled in, because the library
 // exports none of them.
 

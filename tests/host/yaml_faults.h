@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 /// While one exists, one call of libyaml goes wrong as scripted. Stands in front of libyaml for the whole

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // log_probe WORD...: carries out these commands in order:
 //   init APP LEVEL MODE DIRECTORY   InitLogging
 //   logger CONTEXT LEVEL            CreateLogger; what follows logs to it

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Logging in another process: log_probe, run in the test's folder.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The remote sink as InitLogging, the loggers and the end of the process use it, with a fake port. A process
 // has one remote sink, so each test runs in a child process.
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The page of a report in dark mode, on a phone, on paper, and with clicks. The screenshots and prints stay
 // in the build folder.
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The page of a report in a browser: it draws its tables and charts, writes nothing to the console, and loads
 // nothing. A screenshot of each page stays in the build folder.
 #include "browser.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// Works on the counting platform with a known number of calls and reports what the platform counted.
 /// usage: counted_load REPORT MODEL CALLS THREADS WAIT_NS FAIL_EVERY [fork|badmodel|virtual]
 /// The report: a line "ENGINE OPERATIONS BUSY_NS FAILURES" each, then "latency ENGINE NS" for each operation,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Readers of counters on copies of /sys trees like those of real machines.
 #include "counters.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 /// A platform that only waits and counts its own work. Tests compare the meter with these counts.
 #include "counting_platform.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The table of engines with one more row. It replaces the library's table.
 #include "engines.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A new engine needs only one more row in the table of engines: record, report, sweep and compare then
 // support it.
 #include <gmock/gmock.h>

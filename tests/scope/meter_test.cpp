@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The meter in a program that counts its own calls.
 #include <gtest/gtest.h>
 #include <poll.h>

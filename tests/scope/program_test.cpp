@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs stress_scope as a user does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

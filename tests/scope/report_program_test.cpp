@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs stress_scope report as a user does: the page that it writes, and its errors for bad input.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

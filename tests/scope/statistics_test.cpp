@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares with published values. Each number has its source beside it.
 #include "statistics.h"
 

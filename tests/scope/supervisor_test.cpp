@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How a recording ends. Time is virtual: the test sets what happens when.
 #include "supervisor.h"
 

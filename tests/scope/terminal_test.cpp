@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The live table of a recording, in a terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

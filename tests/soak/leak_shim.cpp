@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes a platform fail the soak. Preloaded, it adds a fault to QetImageResize, which LEAK names: "growth"
 // (of memory, descriptors and threads), "leftover", "hang" or "crash".
 #include <dlfcn.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs the benchmark again and again in one process, as a program that lives longer than one run would:
 //
 //   soak_rounds CONFIG SECONDS ROUNDS LONGEST RESTS

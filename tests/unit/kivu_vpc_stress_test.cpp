@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kivu_vpc_stress.h"
 
 #include <atomic>

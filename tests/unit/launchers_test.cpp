@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The contract that the four launchers share.
 
 #include <chrono>

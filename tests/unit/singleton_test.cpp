@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The singleton logger is created once in a process. Each test therefore runs in a child process, in which
 // the singleton does not exist yet.
 

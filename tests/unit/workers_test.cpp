@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The rules of the measuring period, for each of the four workers, in virtual time.
 
 #include <poll.h>

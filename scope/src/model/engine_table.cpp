@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines.h"
 
 // Keep this file to the table: a test links another table in its place.

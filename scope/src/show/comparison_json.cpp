@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "comparison_text.h"
 #include "json.h"
 #include "tool_version.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "embedded.h"
 
 // The build sets the paths. The assembler embeds files of any size; the length of a literal is limited.

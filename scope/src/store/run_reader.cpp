@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "run_reader.h"
 
 #include <cerrno>

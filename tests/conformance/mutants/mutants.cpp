@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Broken platforms, for the conformance kit to find: preloaded over a sound one, with the defect that the
 // environment variable ORMIS_MUTANT names. Every operation that is not broken, and every one without a defect
 // chosen, is the sound library's.
