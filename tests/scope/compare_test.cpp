@@ -369,7 +369,7 @@ TEST_F(CompareTest, WhatItCannotDoIsNoRegression) {
   // A run that cannot be examined is an error. It is not left out silently.
   const std::string repeats = Repeats("repeats", {500, 501});
   std::filesystem::create_symlink("loop", repeats + "/loop");
-  EXPECT_THAT(ErrorOf(repeats), HasSubstr("loop: cannot tell whether it is a run folder"));
+  EXPECT_THAT(ErrorOf(repeats), HasSubstr("loop: cannot find out whether it is a run folder"));
 
   const std::string b = One("b");
   std::filesystem::remove(b + "/samples.csv");

@@ -102,7 +102,7 @@ TEST_F(CountersTest, WhatIsThereAndCannotBeUsedIsNotCalledMissing) {
   const auto counters = Find();
   EXPECT_THAT(SourceOf(*counters, "devfreq").reason, HasSubstr("dmc/cur_freq: Is a directory"));
   EXPECT_THAT(SourceOf(*counters, "edac").reason, HasSubstr("ce_count: Is a directory"));
-  EXPECT_THAT(SourceOf(*counters, "cpufreq").reason, HasSubstr("says \"<unknown>\", which is no number"));
+  EXPECT_THAT(SourceOf(*counters, "cpufreq").reason, HasSubstr("contains \"<unknown>\", expected a number"));
 }
 
 TEST_F(CountersTest, AnEventWhoseScaleIsNotUnderstoodIsNotCounted) {

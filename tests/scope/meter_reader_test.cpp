@@ -71,7 +71,7 @@ TEST_F(MeterReaderTest, RefusesAMeterOfAnotherVersion) {
   Send(hello);
   const std::string error = ErrorOfRead();
   EXPECT_THAT(error, HasSubstr("built for another version"));
-  EXPECT_THAT(error, HasSubstr("speaks version 2"));
+  EXPECT_THAT(error, HasSubstr("sends version 2"));
   EXPECT_THAT(error, HasSubstr("same build"));
 }
 
@@ -79,7 +79,7 @@ TEST_F(MeterReaderTest, RefusesAVersionWhosePacketsHaveAnotherSize) {
   scope::PacketHeader header = Header(PacketType::kHello);
   header.version = 99;
   Send(header);
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("speaks version 99"));
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("sends version 99"));
 }
 
 TEST_F(MeterReaderTest, RefusesWhatIsNoMeter) {

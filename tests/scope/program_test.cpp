@@ -111,7 +111,7 @@ TEST_F(ProgramTest, KeepsTheLinesAndTheirRates) {
   const ToolResult result =
       RecordScript(std::string("echo '") + kRateLine + "'; echo \"$2\"", {"--", "more words"});
   EXPECT_EQ(result.status, 0) << result.errors;
-  EXPECT_THAT(result.errors, HasSubstr("no rate line: character 5: expected \" : \""));
+  EXPECT_THAT(result.errors, HasSubstr("not a rate line: character 5: expected \" : \""));
   const scope::Run run = scope::ReadRun(folder_ / "run");
   EXPECT_TRUE(run.info.complete);
   EXPECT_FALSE(run.info.conditions.meter);
@@ -185,7 +185,7 @@ TEST_F(ProgramTest, RefusesAMeterOfAnotherVersion) {
                       ">&$STRESS_SCOPE_FD\nsleep 5")});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors,
-              HasSubstr("built for another version: it speaks version 99, this program reads version 1"));
+              HasSubstr("built for another version: it sends version 99, this program reads version 1"));
   EXPECT_FALSE(scope::ReadRunInfo(folder_ / "run").complete);
 }
 

@@ -109,7 +109,7 @@ TEST_F(ReportProgramTest, RefusesForeignTables) {
   folder_.Put("before/samples.csv", samples + std::string("\0\0\0\n", 4));
   Refused({run_}, "expected 10 fields");
   fs::remove(run_ + "/samples.csv");
-  Refused({run_}, "a complete run has this file, and it is missing");
+  Refused({run_}, "the file is missing, although the run is complete");
 }
 
 TEST_F(ReportProgramTest, ShowsWhatATruncatedRunHasAndSaysSo) {
@@ -190,7 +190,7 @@ TEST_F(ReportProgramTest, ShowsRateLinesAlone) {
       0);
   const ToolResult result = Report({folder_ / "board"});
   EXPECT_EQ(result.status, 0) << result.errors;
-  EXPECT_THAT(result.output, AllOf(HasSubstr("no meter: rate lines alone"), HasSubstr("250.0")));
+  EXPECT_THAT(result.output, AllOf(HasSubstr("no meter: only rate lines"), HasSubstr("250.0")));
 }
 
 }  // namespace

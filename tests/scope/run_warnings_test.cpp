@@ -71,7 +71,7 @@ TEST(RunWarnings, SayWhenAndOfWhichEngine) {
 TEST(RunWarnings, OperationsBelowAMillisecond) {
   EXPECT_THAT(WarningsOf(made_run::Run()),
               ElementsAre(AllOf(HasSubstr("cpu: 100 % of the operations take less than a millisecond"),
-                                HasSubstr("printed rate is not to be used"))));
+                                HasSubstr("do not use its printed rate"))));
 }
 
 TEST(RunWarnings, OperationsBelowAMillisecondOfARunWithoutAHistogram) {

@@ -187,9 +187,9 @@ TEST_F(SupervisorTest, SaysHowTheBenchmarkEnded) {
             "the benchmark was ended by signal " + std::to_string(SIGRTMIN + 3));
   EXPECT_EQ(fault({255, 0, Meter::kSilent}), "the benchmark ended with status 255; its log says why");
   EXPECT_THAT(fault({0, 0, Meter::kSilent}),
-              HasSubstr("the meter did not answer: bin/benchmark calls no platform library"));
+              HasSubstr("the meter did not answer: bin/benchmark does not call the platform library"));
   EXPECT_EQ(fault({0, 0, Meter::kCut}),
-            "the meter did not say that the program ends: its last samples are missing");
+            "the meter did not report the end of the program: its last samples are missing");
   EXPECT_EQ(fault({0, 0, Meter::kUnused}), "");
   EXPECT_EQ(fault({0, 0, Meter::kSaidTheEnd}), "");
 }

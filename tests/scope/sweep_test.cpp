@@ -62,8 +62,8 @@ TEST(SweepPlanTest, RefusesLevelsThatTheBenchmarkWouldRefuse) {
   EXPECT_THAT(error({"CPU=1.5"}), HasSubstr("found \"1.5\""));
   EXPECT_THAT(error({"CPU=0..11"}), HasSubstr("found \"11\""));
   EXPECT_THAT(error({"CPU=99999999999"}), HasSubstr("from 0 to 10"));
-  EXPECT_THAT(error({"CPU=4..2"}), HasSubstr("the range 4..2 falls"));
-  EXPECT_THAT(error({"CPU=0..4,2"}), HasSubstr("level 2 comes twice"));
+  EXPECT_THAT(error({"CPU=4..2"}), HasSubstr("the range 4..2 goes down"));
+  EXPECT_THAT(error({"CPU=0..4,2"}), HasSubstr("level 2 is given twice"));
   EXPECT_THAT(error({"CPU=1", "VPC=1", "CPU=2"}), HasSubstr("levels of CPU are given twice"));
 }
 
@@ -98,7 +98,7 @@ TEST(SweepPlanTest, OrderDependsOnTheSeedAlone) {
   EXPECT_FALSE(std::is_sorted(one.begin(), one.end()));
   EXPECT_THAT(
       ErrorOf([] { (void)PlanRuns(ParseAxes({"CPU=0..10", "VPC=0..10", "VENC=0..10", "AIC=0..10"}), 1, 1); }),
-      HasSubstr("14641 runs, and a sweep at most 9999"));
+      HasSubstr("14641 runs, expected at most 9999"));
 }
 
 class SweepTest : public ::testing::Test {
@@ -237,7 +237,7 @@ TEST_F(SweepTest, RefusesForeignSweeps) {
   sweep.runs[0].folder = "run-0001";
   sweep.runs[0].levels = {{"CPU", 2}};
   WriteSweep(Folder(), sweep);
-  EXPECT_THAT(ErrorOf([&] { (void)ReadSweep(Folder()); }), HasSubstr("is no point of the grid"));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadSweep(Folder()); }), HasSubstr("is not a point of the grid"));
 }
 
 TEST_F(SweepTest, RecordsTheGridInItsOrder) {
@@ -277,7 +277,7 @@ TEST_F(SweepTest, AnInterruptedSweepKeepsItsRunsAndGoesOn) {
   child.Signal(SIGINT);
   const ToolResult interrupted = WaitFor(child);
   EXPECT_EQ(interrupted.status, 1);
-  EXPECT_THAT(interrupted.errors, HasSubstr("Go on with: stress_scope sweep --resume " + Folder()));
+  EXPECT_THAT(interrupted.errors, HasSubstr("Continue with: stress_scope sweep --resume " + Folder()));
   EXPECT_THAT(interrupted.output, HasSubstr("3 of 4 runs are not done"));
   std::vector<SweepState> states = States();
   EXPECT_EQ(std::count(states.begin(), states.end(), SweepState::kDone), 1);
@@ -333,7 +333,7 @@ TEST_F(SweepTest, PointsAreNamedInFull) {
     EXPECT_THAT(result.errors, HasSubstr(words));
   };
   refused("", "is a sweep: name a point of it");
-  refused(":CPU=1", "it says no level of VENC, which was swept");
+  refused(":CPU=1", "expected a level of VENC as well: it was swept");
   refused(":CPU=1,VENC=7", "the sweep has no such point");
   refused(":CPU=1,VPC=0,VENC=0", "VPC was not swept");
   refused(":CPU=1,VENC=0..1", "expected one level of VENC");
@@ -350,7 +350,7 @@ TEST_F(SweepTest, RefusesBadInputBeforeAnythingIsMade) {
     EXPECT_FALSE(std::filesystem::exists(Folder())) << words;
   };
   refused({"sweep"}, "CONFIG or --resume");
-  refused({"sweep", Config(), "-o", Folder()}, "nothing to sweep: say --levels");
+  refused({"sweep", Config(), "-o", Folder()}, "nothing to sweep: give --levels");
   refused(SweepOf(benchmark, {"--levels", "CPU=11"}), "expected levels from 0 to 10, found \"11\"");
   refused(SweepOf(benchmark, {"--levels", "GPU=1"}), "expected CPU, VPC, VENC or AIC");
   refused(SweepOf(benchmark, {"--levels", "CPU=1", "--levels", "CPU=2"}), "given twice");
@@ -388,7 +388,7 @@ TEST_F(SweepTest, SaturationIsTheLowestLevelWithinFivePercent) {
   EXPECT_EQ(saturation->best, 4U);
   EXPECT_EQ(saturation->lowest, 3U);
   EXPECT_TRUE(saturation->reached);
-  EXPECT_FALSE(saturation->untold.has_value());
+  EXPECT_FALSE(saturation->indistinct.has_value());
   EXPECT_EQ(SaturationText(table),
             "Saturates with 9.600 GB/s at CPU=4, within 5 % of the best, 10.00 GB/s at CPU=8.\n");
   EXPECT_THAT(BandwidthText(table), AllOf(HasSubstr("  1  5.000  "
@@ -405,18 +405,18 @@ TEST_F(SweepTest, NoiseThatHidesSaturationIsReported) {
   ASSERT_TRUE(saturation.has_value());
   EXPECT_EQ(saturation->lowest, 2U);
   EXPECT_FALSE(saturation->reached);
-  EXPECT_EQ(saturation->untold, 1U);
+  EXPECT_EQ(saturation->indistinct, 1U);
   EXPECT_THAT(SaturationText(table),
-              HasSubstr("At this noise the repeats do not tell the best from 9.100 GB/s at CPU=2"));
+              HasSubstr("These repeats cannot distinguish the best from 9.100 GB/s at CPU=2"));
 }
 
 TEST_F(SweepTest, FewRepeatsAreNotCalledNoise) {
   const SweepTable table =
       ReadSweepTable(Folder(), Recorded(ParseAxes({"CPU=1..2"}), {{5.0, 9.0, 9.0}, {8.0, 10.0, 12.0}}));
   EXPECT_EQ(FindSaturation(table)->lowest, 1U);
-  EXPECT_FALSE(FindSaturation(table)->untold.has_value());
+  EXPECT_FALSE(FindSaturation(table)->indistinct.has_value());
   EXPECT_EQ(SaturationText(table),
-            "No saturation: the best, 10.00 GB/s at CPU=2, takes the most threads that were tried.\n");
+            "No saturation: the best, 10.00 GB/s at CPU=2, has the most threads of all points.\n");
 }
 
 TEST_F(SweepTest, TwoSectionsAreAMap) {
@@ -457,8 +457,7 @@ TEST_F(SweepTest, OtherConditionsAmongTheRunsAreNoted) {
   RunInfo info = SyntheticInfo();
   info.conditions.kernel = "6.6";
   WriteRun(Folder() + "/run-0002", {SyntheticEngine()}, info);
-  EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes,
-              ElementsAre("the runs were not all recorded under the same kernel: 6.1 or 6.6"));
+  EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes, ElementsAre("the runs differ in kernel: 6.1 or 6.6"));
 }
 
 TEST_F(SweepTest, AnEngineThatStopsEarlyIsNoted) {

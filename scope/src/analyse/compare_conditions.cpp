@@ -64,8 +64,8 @@ std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, 
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!rows[i].key.mustAgree) continue;
     const auto text = [&](const Run& run) {
-      const std::string& known = texts.at(&run)[i].text;
-      return known.empty() ? std::string("unknown") : known;
+      const std::string& value = texts.at(&run)[i].text;
+      return value.empty() ? std::string("unknown") : value;
     };
     AddUnlessSame(rows[i].key.name, a, b, text, differences);
   }

@@ -27,20 +27,20 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
   Side side;
   side.name = argument;
   side.warmupS = sweep.settings.warmupS;
-  bool known = false;
+  bool isPoint = false;
   for (const SweepRun& run : sweep.runs) {
     bool matches = true;
     for (const auto& level : run.levels) {
       const auto sameSection = [&](const auto& one) { return one.first == level.first; };
       const auto at = std::find_if(wanted.begin(), wanted.end(), sameSection);
-      if (at == wanted.end()) refuse("it says no level of " + level.first + ", which was swept");
+      if (at == wanted.end()) refuse("expected a level of " + level.first + " as well: it was swept");
       matches = matches && at->second == level.second;
     }
     if (!matches) continue;
-    known = true;
+    isPoint = true;
     if (run.state == SweepState::kDone) side.runs.push_back(ReadRun(fs::path(folder) / run.folder));
   }
-  if (!known) refuse("the sweep has no such point");
+  if (!isPoint) refuse("the sweep has no such point");
   if (side.runs.empty()) refuse("no run of this point is done");
   return side;
 }

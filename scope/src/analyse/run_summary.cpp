@@ -235,14 +235,14 @@ RunSummary Summarise(const Run& run) {
   });
 
   double sum = 0;
-  bool known = false;
+  bool anyBytes = false;
   for (const EngineSummary& engine : summary.engines) {
     if (!IsLoad(engine.engine) || engine.work.operations == 0) continue;
     if (!engine.work.gigabytesPerS) return summary;
     sum += *engine.work.gigabytesPerS;
-    known = true;
+    anyBytes = true;
   }
-  if (known) summary.gigabytesPerS = sum;
+  if (anyBytes) summary.gigabytesPerS = sum;
   return summary;
 }
 

@@ -20,7 +20,7 @@ constexpr double kBusyLoad = 0.25;
 constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;
 constexpr std::size_t kLeastForDrift = 8;
-// The printed rate counts whole milliseconds, so shorter operations add no time to it.
+// The benchmark counts whole milliseconds, so shorter operations add no busy time.
 constexpr double kShareBelowMillisecond = 0.01;
 // An operation that is counted takes at least 1 ms. A higher rate includes operations counted as 0 ms.
 constexpr double kGreatestWholeRate = 1000;
@@ -74,7 +74,7 @@ void AddShortOperations(const EngineSummary& engine, List& warnings) {
   warnings.push_back(
       {engine.engine +
            Format(": %.0f %% of the operations take less than a millisecond, which the benchmark counts "
-                  "as no time: its printed rate is not to be used",
+                  "as no time: do not use its printed rate",
                   engine.belowMillisecond * 100),
        {},
        engine.engine});
@@ -100,7 +100,7 @@ void AddPrinted(const PrintedRates& printed, List& warnings) {
     warnings.push_back(
         {printed.stress +
              ": printed rates above 1000 fps: operations take less than a millisecond, which the benchmark "
-             "counts as no time, and the rates are not to be used",
+             "counts as no time: do not use these rates",
          {},
          printed.engine});
     return;

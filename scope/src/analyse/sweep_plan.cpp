@@ -52,10 +52,10 @@ SweepAxis ParseAxis(const std::string& text) {
     const std::size_t dots = part.find("..");
     const int first = ParseLevel(part.substr(0, dots), text);
     const int last = dots == std::string::npos ? first : ParseLevel(part.substr(dots + 2), text);
-    if (last < first) refuse("the range " + part + " falls");
+    if (last < first) refuse("the range " + part + " goes down, expected it to rise");
     for (int level = first; level <= last; ++level) {
       if (std::find(axis.levels.begin(), axis.levels.end(), level) != axis.levels.end()) {
-        refuse("level " + std::to_string(level) + " comes twice");
+        refuse("level " + std::to_string(level) + " is given twice");
       }
       axis.levels.push_back(level);
     }
@@ -117,7 +117,7 @@ std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, 
   }
   const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
   if (count > kMostRuns) {
-    throw UserError("the grid has " + std::to_string(count) + " runs, and a sweep at most " +
+    throw UserError("the grid has " + std::to_string(count) + " runs, expected at most " +
                     std::to_string(kMostRuns));
   }
   std::vector<SweepRun> runs(count);

@@ -33,7 +33,7 @@ bool NoDifferenceShown(const std::vector<double>& a, const std::vector<double>& 
 void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
   for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
     if (difference.name == "levels") continue;
-    notes.push_back("the runs were not all recorded under the same " + difference.name + ": " + difference.a);
+    notes.push_back("the runs differ in " + difference.name + ": " + difference.a);
   }
 }
 
@@ -135,8 +135,8 @@ std::optional<Saturation> FindSaturation(const SweepTable& table) {
   for (std::size_t i = 0; i < table.points.size(); ++i) {
     const auto values = table.points[i].values.find(kTotal);
     if (values == table.points[i].values.end()) continue;
-    if (!hasFewer(i, saturation.untold.value_or(saturation.lowest))) continue;
-    if (NoDifferenceShown(values->second, best)) saturation.untold = i;
+    if (!hasFewer(i, saturation.indistinct.value_or(saturation.lowest))) continue;
+    if (NoDifferenceShown(values->second, best)) saturation.indistinct = i;
   }
   saturation.reached = Threads(table.points[saturation.lowest]) < mostThreads;
   return saturation;

@@ -40,9 +40,9 @@ struct Saturation {
   /// The point with the fewest threads, over all swept sections, whose median is within 5 % of the best.
   std::size_t lowest = 0;
   bool reached = false;  ///< false: `lowest` has the most threads, so more threads may give more
-  /// A point with even fewer threads that the test of `compare` cannot tell from the best, with four or more
-  /// repeats each. Either it is as good, or noise hides the difference.
-  std::optional<std::size_t> untold;
+  /// A point with even fewer threads that the test of `compare` cannot distinguish from the best, with four
+  /// or more repeats each. Either it is as good, or noise hides the difference.
+  std::optional<std::size_t> indistinct;
 };
 /// None if no point has a total bandwidth above 0.
 std::optional<Saturation> FindSaturation(const SweepTable& table);

@@ -76,10 +76,10 @@ void AddCompare(CLI::App& app, int& status) {
       "compare", "Tell whether B is better or worse than A: runs, points of a sweep, or folders of repeats");
   const auto options = std::make_shared<CommandOptions>();
   command->add_option("A", options->a, "Run folder, folder of runs, or SWEEP:CPU=1,VENC=2")->required();
-  command->add_option("B", options->b, "The same")->required();
+  command->add_option("B", options->b, "As for A")->required();
   std::vector<std::string> figures;
   for (const FigureKind& kind : FigureKinds()) figures.emplace_back(kind.name);
-  command->add_option("--figure", options->figures, "Compare these alone")
+  command->add_option("--figure", options->figures, "Compare only these figures")
       ->delimiter(',')
       ->allow_extra_args(false)
       ->check(CLI::IsMember(figures));
@@ -101,7 +101,7 @@ void AddCompare(CLI::App& app, int& status) {
       ->delimiter(',')
       ->allow_extra_args(false)
       ->check(CLI::IsMember(ConditionNames()));
-  command->add_flag("--force", options->force, "Compare whatever differs");
+  command->add_flag("--force", options->force, "Compare even if conditions differ");
   command->add_flag("--json", options->json, "Print JSON");
   command->callback([options, &status] {
     try {

@@ -57,7 +57,7 @@ int SaveRates(const RatesOptions& options) {
   for (std::string line; std::getline(input, line);) {
     ++number;
     if (!line.empty() && line.back() == '\r') line.pop_back();  // a terminal adds it
-    // Only lines of a pipe have a time of arrival. In a file each line counts as one second.
+    // Lines from standard input have a time of arrival. In a file, each line counts as one second.
     const double timeS = standardInput
                              ? std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
                              : static_cast<double>(number);
@@ -88,13 +88,13 @@ int SaveRates(const RatesOptions& options) {
 
 void AddRates(CLI::App& app, int& status) {
   CLI::App* const command = app.add_subcommand(
-      "rates", "Save rate lines from a pipe or a file as a run folder, where the meter cannot go");
+      "rates", "Save rate lines from a pipe or a file as a run folder, if the meter cannot run there");
   const auto options = std::make_shared<RatesOptions>();
   command->add_option("FILE", options->file, "File with rate lines; - for standard input")
       ->capture_default_str();
   command->add_option("-o,--output", options->folder, "Run folder to make (default: rates-TIME)");
-  command->add_flag("--force", options->force, "Replace the run that is in the folder");
-  command->add_option("--label", options->label, "Words to keep with the run");
+  command->add_flag("--force", options->force, "Replace an existing run in the folder");
+  command->add_option("--label", options->label, "Text to save with the run");
   command->callback([options, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("rates-");
     status = SaveRates(*options);

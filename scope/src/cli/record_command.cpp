@@ -27,19 +27,21 @@ void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* exclu
     CLI::Option* const option = command.add_option(name, value, help);
     return excluded == nullptr ? option : option->excludes(excluded);
   };
-  add("--benchmark", settings.benchmark, "Program to run (default: stress_benchmark beside this one)");
-  add("--meter", settings.meter, "Meter to preload (default: libstress_scope.so of this build)");
+  add("--benchmark", settings.benchmark,
+      "Benchmark to run (default: the stress_benchmark beside stress_scope)");
+  add("--meter", settings.meter, "Meter library to preload (default: libstress_scope.so of this build)");
   CLI::Option* const noMeter = command.add_flag_callback(
       "--no-meter", [&settings] { settings.useMeter = false; },
-      "Record rate lines, counters and conditions alone");
+      "Record without the meter: only rate lines, counters and conditions");
   if (excluded != nullptr) noMeter->excludes(excluded);
-  add("--sysfs-root", settings.systemRoot, "Folder that has sys and proc (default: /)");
-  add("--stop-after", settings.stopAfterS, "Seconds after which SIGINT ends the run (default: its run time)")
+  add("--sysfs-root", settings.systemRoot, "Folder that contains sys and proc (default: /)");
+  add("--stop-after", settings.stopAfterS,
+      "End the run with SIGINT after this time (default: the run ends by itself)")
       ->check(CLI::Range(0.0, 1e6));
-  add("--grace", settings.graceS, "Seconds without a sign of life after the run time that count as hung")
+  add("--grace", settings.graceS, "Stop the benchmark if it does nothing for so long after its run time")
       ->check(CLI::Range(1.0, 3600.0))
       ->capture_default_str();
-  add("EXTRA", settings.extra, "Further arguments of the benchmark, after --");
+  add("EXTRA", settings.extra, "More arguments for the benchmark, after --");
 }
 
 void AddRecord(CLI::App& app, int& status) {
@@ -49,11 +51,10 @@ void AddRecord(CLI::App& app, int& status) {
   const auto quiet = std::make_shared<bool>(false);
   command->add_option("CONFIG", options->config, "Configuration file of the benchmark")->required();
   command->add_option("-o,--output", options->folder, "Run folder to make (default: run-TIME)");
-  command->add_flag("--force", options->force, "Replace the run that is in the folder");
-  command->add_option("--label", options->label, "Words to keep with the run");
-  command->add_flag("--quiet", *quiet, "Show nothing while it runs");
-  command->add_option("--run-time", options->runTimeS,
-                      "Seconds that the benchmark runs, where CONFIG does not say it");
+  command->add_flag("--force", options->force, "Replace an existing run in the folder");
+  command->add_option("--label", options->label, "Text to save with the run");
+  command->add_flag("--quiet", *quiet, "Show nothing during the run");
+  command->add_option("--run-time", options->runTimeS, "Run time to expect, instead of the one in CONFIG");
   AddRunSettings(*command, *options, nullptr);
   command->callback([options, quiet, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("run-");

@@ -32,12 +32,12 @@ int Report(const ReportOptions& options) {
 
 void AddReport(CLI::App& app, int& status) {
   CLI::App* const command =
-      app.add_subcommand("report", "Show run folders as one HTML page, and in short on the terminal");
+      app.add_subcommand("report", "Show run folders as one HTML page, and print a summary");
   const auto options = std::make_shared<ReportOptions>();
   command->add_option("DIR", options->folders, "Run folders; several are shown on one page")->required();
   command->add_option("-o,--output", options->file,
-                      "Page to write (default: report.html in DIR, or here for several)");
-  command->add_flag("--text", options->text, "Print the summary alone, and write no page unless -o is given");
+                      "Page to write (default: report.html in DIR; for several, in the current folder)");
+  command->add_flag("--text", options->text, "Print only the summary; write a page only with -o");
   command->callback([options, &status] { status = Report(*options); });
 }
 

@@ -30,7 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kConfigName = "config.yaml";
-// The edges that the figures leave out, and two more seconds for a median.
+// The figures leave out the first and the last second. A median needs two more.
 constexpr double kLeastMeasuredS = 4;
 // Estimated time between two runs.
 constexpr double kBetweenS = 2;
@@ -66,7 +66,7 @@ RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
 }
 
 Sweep Prepare(const SweepOptions& options) {
-  if (options.levels.empty()) throw UserError("nothing to sweep: say --levels, as in --levels CPU=0..4");
+  if (options.levels.empty()) throw UserError("nothing to sweep: give --levels, as in --levels CPU=0..4");
   Sweep sweep;
   sweep.settings = options.settings;
   sweep.settings.benchmark = Absolute(sweep.settings.benchmark);
@@ -77,13 +77,13 @@ Sweep Prepare(const SweepOptions& options) {
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
   const double runS = RunSeconds(options.config, sweep.settings);
   if (runS < sweep.settings.warmupS + kLeastMeasuredS) {
-    throw UserError(Format("runs of %g s are too short for a warm-up of %g s: at least %g s are to be left",
+    throw UserError(Format("a run of %g s is too short for a warm-up of %g s: at least %g s must remain",
                            runS, sweep.settings.warmupS, kLeastMeasuredS));
   }
   CheckRecord(RecordOf(sweep, options.folder));
 
   if (IsSweepFolder(options.folder)) {
-    throw UserError(options.folder + " has a sweep: go on with --resume " + options.folder +
+    throw UserError(options.folder + " contains a sweep: continue it with --resume " + options.folder +
                     ", or choose another folder");
   }
   if (IsTaken(options.folder)) {
@@ -152,9 +152,9 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
     interrupted = !RecordOne(folder, sweep, run, quiet, signals) || signals.TakeStop();
   }
   if (interrupted) {
-    std::cerr
-        << "stress_scope: interrupted; what was recorded is kept. Go on with: stress_scope sweep --resume "
-        << folder << std::endl;
+    std::cerr << "stress_scope: interrupted; the finished runs are kept. Continue with: stress_scope sweep "
+                 "--resume "
+              << folder << std::endl;
   }
   return std::all_of(sweep.runs.begin(), sweep.runs.end(),
                      [](const SweepRun& run) { return run.state == SweepState::kDone; });
@@ -213,7 +213,7 @@ void AddSweep(CLI::App& app, int& status) {
   CLI::Option* const config =
       command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
   CLI::Option* const resume = command->add_option(
-      "--resume", options->resume, "Go on with the sweep in this folder; show it when all of it is done");
+      "--resume", options->resume, "Continue the sweep in this folder; if all its runs are done, show it");
   const auto add = [command, resume](const char* name, auto& value, const char* help) {
     return command->add_option(name, value, help)->excludes(resume);
   };
@@ -225,10 +225,10 @@ void AddSweep(CLI::App& app, int& status) {
       ->check(CLI::Range(0.0, 1e6))
       ->capture_default_str();
   CLI::Option* const seed =
-      add("--seed", settings.seed, "Seed of the order (default: another one each time)");
+      add("--seed", settings.seed, "Seed of the random order (default: a new one each time)");
   add("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)");
   AddRunSettings(*command, settings, resume);
-  command->add_flag("--quiet", options->quiet, "Show no table while a run goes on");
+  command->add_flag("--quiet", options->quiet, "Show no table during a run");
   command->callback([options, seed, &status] {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("sweep-");

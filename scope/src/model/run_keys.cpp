@@ -25,7 +25,7 @@ std::string List(const Values& values, const Text& text) {
   return list;
 }
 
-// Nobody reads the values of the other types as text.
+// Values of other types are not shown as text.
 template <typename Value>
 std::string TextOf(const Value& value) {
   if constexpr (std::is_same_v<Value, std::string>) return value;

@@ -10,14 +10,14 @@ namespace scope {
 
 /// A key of run.json.
 struct RunKey {
-  const char* group;  ///< the object that has it: "config", "conditions"; "" where it stands outside of both
-  const char* name;   ///< "cpu_model"; --allow takes it as well
+  const char* group;            ///< the object that has it: "config", "conditions"; "" if it is in neither
+  const char* name;             ///< "cpu_model"; --allow takes it as well
   bool mustAgree = false;       ///< runs that differ in it are not compared unless the user allows it
   const char* title = nullptr;  ///< in the report's table of conditions; null where it is not there
 };
 
 /// The one table of run.json: calls `visit` with each key and its value in `info`, which may be const. The
-/// writer, the reader, the comparison and the report go by it, and a test compares FORMAT.md with it.
+/// writer, the reader, the comparison and the report use it, and a test compares FORMAT.md with it.
 template <typename Info, typename Visit>
 void VisitRunKeys(Info& info, const Visit& visit) {
   constexpr bool kMustAgree = true;
@@ -54,7 +54,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
 
 struct RunText {
   RunKey key;
-  std::string text;  ///< for people; empty where the machine does not tell
+  std::string text;  ///< for people; empty if the machine does not report it
 };
 
 /// The keys that must agree or have a title, and what `info` has there. The same keys in the same order for

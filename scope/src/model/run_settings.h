@@ -14,7 +14,7 @@ struct RunSettings {
   std::vector<std::string> extra;  ///< further arguments of the benchmark
   std::string systemRoot = "/";    ///< folder that contains sys and proc
   double stopAfterS = 0;           ///< SIGINT ends the run after these seconds; 0: it ends by itself
-  double graceS = 15;              ///< past its run time, a benchmark that is silent for so long hangs
+  double graceS = 15;              ///< after its run time, a benchmark that is silent for so long has hung
 };
 
 }  // namespace scope

@@ -25,10 +25,10 @@ constexpr const char* kEdac = "edac";
 constexpr const char* kThermal = "thermal";
 constexpr const char* kCpuFrequency = "cpufreq";
 constexpr const char* kThrottle = "throttle";
-// The content of a resctrl file that has no value at the moment.
+// What a resctrl file contains when it has no value at the moment.
 constexpr const char* kNotYet = "Unavailable";
 
-// `root` without the slashes at its end, to put paths behind it.
+// `root` without the slashes at its end, so that "/..." can be appended.
 std::string WithoutSlash(const std::string& root) {
   return root.substr(0, root.find_last_not_of('/') + 1);
 }
@@ -174,7 +174,7 @@ void Counters::Add(File file, std::string& reason) {
     // Missing files are expected.
     if (errno != ENOENT && errno != ENOTDIR) why = "cannot read " + file.path + ": " + std::strerror(errno);
   } else if (!ReadNumber(file.path) && *text != kNotYet) {
-    why = file.path + " says \"" + *text + "\", which is no number";
+    why = file.path + " contains \"" + *text + "\", expected a number";
   } else {
     files_.push_back(std::move(file));
     return;
@@ -195,7 +195,7 @@ void Counters::FindPerf(const std::string& root) {
     if (CountsMemory(unit)) OpenPerf(unit, folder + "/" + unit, reason);
   }
   const bool present = !perfCounters_.empty();
-  if (reason.empty()) reason = "the kernel offers no counting unit of a memory controller in " + folder;
+  if (reason.empty()) reason = "the kernel has no counters of a memory controller in " + folder;
   sources_.push_back({kPerf, present, present ? std::string() : reason});
 }
 
@@ -213,7 +213,7 @@ std::vector<int> Counters::OpenOnAll(const std::vector<int>& cpus, const perf_ev
     if (error == EACCES || error == EPERM) {
       reason += " (needs CAP_PERFMON, or kernel.perf_event_paranoid 0 or less)";
     }
-    // The sum over some packages would look like the sum over all.
+    // A sum over some of the packages would look like the sum over all of them.
     for (const int opened : descriptors) perf_->Close(opened);
     return {};
   }
@@ -239,7 +239,7 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
       const std::optional<double> number = ReadNumber(path + ".scale");
       if (!number) {
         // Without its scale, the value would not be in the event's unit.
-        reason = path + ".scale says \"" + *text + "\", which is no number";
+        reason = path + ".scale contains \"" + *text + "\", expected a number";
         continue;
       }
       scale = *number;
@@ -252,7 +252,7 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
     const std::string unitOfEvent = ReadText(path + ".unit").value_or("events");
     perfCounters_.push_back({name, unitOfEvent + "/s", scale, descriptors});
   }
-  if (!understood && reason.empty()) reason = unit + " describes no event for reads or writes of memory";
+  if (!understood && reason.empty()) reason = unit + " has no event for reads or writes of memory";
 }
 
 void Counters::FindResctrl(const std::string& root) {
@@ -288,7 +288,7 @@ void Counters::FindDevfreq(const std::string& root) {
   Conclude(kDevfreq, before, reason,
            devices.empty() ? folder + " is missing or empty: the kernel scales no device's frequency"
                            : "none of the " + std::to_string(devices.size()) + " devices in " + folder +
-                                 " is a memory controller by its name");
+                                 " has the name of a memory controller");
 }
 
 void Counters::FindEdac(const std::string& root) {
@@ -326,7 +326,7 @@ void Counters::FindCpu(const std::string& root) {
     Add({kCpuFrequency, cpu, folder + "/" + cpu + "/cpufreq/scaling_cur_freq", "MHz", 1e-3, false}, reason);
   }
   Conclude(kCpuFrequency, before, reason,
-           "no CPU in " + folder + " tells its frequency (cpufreq/scaling_cur_freq)");
+           "no CPU in " + folder + " reports its frequency (cpufreq/scaling_cur_freq)");
   before = files_.size();
   reason.clear();
   for (const std::string& cpu : cpus) {

@@ -74,10 +74,10 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
   const auto header = Unpack<PacketHeader>(bytes, size, "meter");
   if (header.magic != kMeterMagic) {
     throw UserError(
-        "something that is no meter writes to the meter's socket: packets begin with another word");
+        "the meter's socket received a packet that is not from a meter: it has another magic number");
   }
   if (header.version != kMeterVersion) {
-    throw UserError("the meter was built for another version: it speaks version " +
+    throw UserError("the meter was built for another version: it sends version " +
                     std::to_string(header.version) + ", this program reads version " +
                     std::to_string(kMeterVersion) + ". Use libstress_scope.so of the same build.");
   }

@@ -67,7 +67,7 @@ std::string FindBenchmark(const std::string& given) {
   const std::string path = given.empty() ? OwnFolder() + "/stress_benchmark" : given;
   if (access(path.c_str(), X_OK) != 0) {
     throw UserError("cannot run the benchmark " + path + ": " + std::strerror(errno) +
-                    (given.empty() ? ". Say where it is with --benchmark." : ""));
+                    (given.empty() ? ". Give its path with --benchmark." : ""));
   }
   return path;
 }
@@ -88,8 +88,9 @@ std::string FindMeter(const std::string& given) {
     }
     return path;
   }
-  throw UserError("cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
-                  ". Say where libstress_scope.so is with --meter, or record without it with --no-meter.");
+  throw UserError(
+      "cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
+      ". Give the path of libstress_scope.so with --meter, or record without it with --no-meter.");
 }
 
 /// One recording, from the start of the benchmark to the last file: it waits, reads, saves and shows. The
@@ -115,7 +116,7 @@ class Recording {
     if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
     info_.counters = counters_->Sources();
-    info_.incompleteReason = "the recorder did not get to the end of the run";
+    info_.incompleteReason = "the recorder ended before the run did";
   }
 
   RecordResult Run(Signals& signals) {
@@ -167,7 +168,7 @@ class Recording {
                                  {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0}}};
     (void)poll(waits.data(), waits.size(), kPollMs);
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
-    // Asked before the pipes are read, so that they hold all that it wrote before it ended.
+    // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
     const bool ended = child_->HasEnded();
     ReadOutput();
     ReadMeter();
@@ -203,7 +204,7 @@ class Recording {
         Save([&] { writer_->Add(rates); });
       } catch (const UserError& error) {
         if (badLines_++ == 0)
-          Tell("the benchmark printed a line that is no rate line: " + std::string(error.what()));
+          Tell("the benchmark printed a line that is not a rate line: " + std::string(error.what()));
       }
     }
     lines.clear();
@@ -260,7 +261,7 @@ class Recording {
       return true;
     } catch (const UserError& error) {
       Do(supervisor_->RecordingFailed(
-          TimeS(), std::string(error.what()) + "; what was recorded so far stays in " + writer_->Folder()));
+          TimeS(), std::string(error.what()) + "; the data up to now is kept in " + writer_->Folder()));
       return false;
     }
   }
@@ -271,11 +272,11 @@ class Recording {
     info_.signal = child_->EndSignal();
     if (meter_->Unmeasured() != 0) {
       Tell(std::to_string(meter_->Unmeasured()) +
-           " calls were not measured: more threads than the meter has room for");
+           " calls were not measured: there are more threads than the meter can count");
     }
     if (meter_->DelayedSamples() != 0) {
       Tell(std::to_string(meter_->DelayedSamples()) +
-           " samples came with the next second: the recorder was too slow");
+           " samples arrived a second late: the recorder was too slow");
     }
     // Tried even after a failed write: there may be room again, and these files do not need the others.
     if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });

@@ -85,10 +85,10 @@ std::string Supervisor::FaultOf(const Ending& ending) const {
   }
   if (ending.meter == Meter::kSilent) {
     return "the meter did not answer: " + limits_.program +
-           " calls no platform library, or could not load the meter. There are rate lines at most.";
+           " does not call the platform library, or could not load the meter. Only rate lines were recorded.";
   }
   if (ending.meter == Meter::kCut)
-    return "the meter did not say that the program ends: its last samples are missing";
+    return "the meter did not report the end of the program: its last samples are missing";
   return "";
 }
 

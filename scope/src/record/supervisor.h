@@ -37,7 +37,7 @@ class Supervisor {
   enum class Meter {
     kUnused,
     kSilent,     ///< sent nothing
-    kCut,        ///< did not say that the program ends
+    kCut,        ///< did not report the end of the program
     kSaidTheEnd  ///< all samples were received
   };
 
@@ -50,7 +50,7 @@ class Supervisor {
 
   explicit Supervisor(const Limits& limits) : limits_(limits) {}
 
-  /// The benchmark printed a line or did an operation at `timeS`. The call may come later.
+  /// The benchmark printed a line or did an operation at `timeS`, which may lie in the past.
   void SignOfLife(double timeS) { lastLifeS_ = std::max(lastLifeS_, timeS); }
   /// Checks the time limits. Call it a few times a second.
   Decision TimePassed(double nowS);

@@ -26,7 +26,7 @@ std::string NameOf(const Run& run, std::size_t index, std::size_t count) {
 
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders) {
   if (folders.empty() || folders.size() > kMostRuns) {
-    throw UserError("a report is of 1 to " + std::to_string(kMostRuns) + " run folders, not of " +
+    throw UserError("a report takes 1 to " + std::to_string(kMostRuns) + " run folders, got " +
                     std::to_string(folders.size()));
   }
   std::vector<ReportedRun> runs;
@@ -48,7 +48,7 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
   const std::string page = ReportPage(runs);
   std::error_code ignored;
   if (fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
-    OutputFile(path).Write(page);  // a device or a pipe must not be replaced
+    OutputFile(path).Write(page);  // a device or a pipe is written to, not replaced
     return path;
   }
   ReplaceFile(path, page);

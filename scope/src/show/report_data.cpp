@@ -183,8 +183,8 @@ std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
   }
   found.erase("");
   std::vector<std::string> names;
-  for (const EngineInfo& known : Engines()) {
-    if (found.erase(known.id) != 0) names.emplace_back(known.id);
+  for (const EngineInfo& engine : Engines()) {
+    if (found.erase(engine.id) != 0) names.emplace_back(engine.id);
   }
   names.insert(names.end(), found.begin(), found.end());
   return names;

@@ -80,7 +80,7 @@ std::string ReportText(const std::vector<ReportedRun>& runs) {
     text +=
         empty ? "  nothing was recorded: neither an operation nor a rate line\n" : Table(reported.summary);
     if (!reported.run.info.conditions.meter && !empty) {
-      text += "  no meter: rate lines alone, without operations, bytes and latencies\n";
+      text += "  no meter: only rate lines, without operations, bytes and latencies\n";
     }
     for (const Warning& warning : reported.warnings) text += "  warning: " + warning.text + "\n";
   }

@@ -114,11 +114,11 @@ std::string SaturationText(const SweepTable& table) {
     text = "Saturates with " + at(saturation->lowest) + ", within 5 % of the best, " + at(saturation->best) +
            ".\n";
   } else {
-    text = "No saturation: the best, " + at(saturation->best) + ", takes the most threads that were tried.\n";
+    text = "No saturation: the best, " + at(saturation->best) + ", has the most threads of all points.\n";
   }
-  if (saturation->untold) {
-    text += "At this noise the repeats do not tell the best from " + at(*saturation->untold) +
-            ": record more of them, on a quieter machine.\n";
+  if (saturation->indistinct) {
+    text += "These repeats cannot distinguish the best from " + at(*saturation->indistinct) +
+            ". Record more of them, or use a quieter machine.\n";
   }
   return text;
 }

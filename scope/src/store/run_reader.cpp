@@ -28,7 +28,7 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     const int error = errno;
     if (error != ENOENT) throw DamagedFolder(path + ": " + std::strerror(error));
     if (!required) return;
-    if (run.info.complete) throw DamagedFolder(path + ": a complete run has this file, and it is missing");
+    if (run.info.complete) throw DamagedFolder(path + ": the file is missing, although the run is complete");
     run.notes.push_back(std::string(name) + " is missing: the run is incomplete");
     return;
   }
@@ -58,7 +58,7 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
 bool IsRunFolder(const std::string& folder) {
   std::error_code error;
   const bool exists = fs::exists(fs::path(folder) / kInfoName, error);
-  if (error) throw UserError(folder + ": cannot tell whether it is a run folder: " + error.message());
+  if (error) throw UserError(folder + ": cannot find out whether it is a run folder: " + error.message());
   return exists;
 }
 

@@ -107,7 +107,7 @@ Sweep FromJson(const Json& json, const std::string& path) {
                      return level.first == axis.section &&
                             std::count(axis.levels.begin(), axis.levels.end(), level.second) == 1;
                    });
-    if (!fits) throw DamagedFolder(path + ": the run " + run.folder + " is no point of the grid");
+    if (!fits) throw DamagedFolder(path + ": the run " + run.folder + " is not a point of the grid");
   }
   return sweep;
 }
