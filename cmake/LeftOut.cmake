@@ -7,7 +7,7 @@ function(leave_out tests need)
   set_property(GLOBAL APPEND PROPERTY STRESS_LEFT_OUT "${tests}: ${need}")
 endfunction()
 
-# tell_left_out(): lists them at the end of configuring, or fails if all tests are required.
+# tell_left_out(): prints them at the end of the configuration, or fails if all tests are required.
 function(tell_left_out)
   get_property(left_out GLOBAL PROPERTY STRESS_LEFT_OUT)
   if(NOT left_out)

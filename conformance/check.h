@@ -8,11 +8,11 @@
 
 namespace conformance {
 
-/// What the platform under test means by the interpolation value 1. The picture that a resize has to give,
-/// and how far a pixel may be from it, follow from it.
+/// What the platform under test does for interpolation 1. This decides which values the pixels of a resized
+/// picture may have.
 enum class Interpolation { kAny, kNearest, kBilinear, kArea };
 
-/// What a run was asked for; the same for all of its checks.
+/// The settings of a run; all its checks use the same.
 struct Settings {
   std::string modelFile;  ///< absolute path of a model that the platform loads; empty: none was given
   unsigned int rounds = 1000;
@@ -20,22 +20,22 @@ struct Settings {
   unsigned int rowAlignment = 1;  ///< bytes to which the platform pads the rows of a packed image
 };
 
-/// A contract that does not hold. The text says what was found instead.
+/// The contract does not hold. The text says what was found.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// A check that cannot be made here. The text is the reason.
+/// The check cannot be made on this machine. The text is the reason.
 class Skip : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// A check while it runs, in a process of its own whose working directory is an empty folder of its own.
+/// A running check. It has its own process, and its working directory is an empty folder.
 struct Session {
   const Settings& settings;
-  std::string note;  ///< what the reader of a passed check should know; empty: nothing
+  std::string note;  ///< a remark on a passed check; may be empty
 };
 
 /// The model to work with; throws Skip without one.
@@ -65,7 +65,7 @@ std::vector<Check> MemoryChecks();
 std::vector<Check> ConcurrencyChecks();
 std::vector<Check> GrowthChecks();
 
-/// Every check, in the order in which a port is best built.
+/// Every check, in the order in which to build a port.
 std::vector<Check> AllChecks();
 
 /// Throws Failure with `found` unless `holds`.
@@ -74,7 +74,7 @@ void Require(bool holds, const std::string& found);
 /// Requires status 0 of `call`.
 void RequireOk(std::int32_t status, const char* call);
 
-/// Requires a status other than 0 of `call`, `when` says under which circumstances.
+/// Requires a status other than 0 of `call`. `when` describes the circumstances.
 void RequireFailure(std::int32_t status, const char* call, const char* when);
 
 }  // namespace conformance

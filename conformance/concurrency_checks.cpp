@@ -13,10 +13,10 @@ namespace {
 constexpr unsigned int kLevel = 10;
 constexpr unsigned int kCycles = 5;
 
-// The workers of the benchmark, in small: their calls in their order, every status required.
+// Small copies of the benchmark's workers: the same calls in the same order. Every status must be 0.
 
 void ResizeWorker(unsigned int index, const Settings& settings, Barrier& barrier) {
-  // Sizes of its own, so that a result which went to another worker is seen.
+  // Each worker has different sizes, so a result in another worker's image is noticed.
   const std::uint32_t width = 320 + 16 * index;
   const Picture picture(width, 180);
   Ormis::QetContext context;

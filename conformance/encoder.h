@@ -11,12 +11,12 @@ namespace conformance {
 /// Sets the members as the encode worker of that index does.
 void Configure(Ormis::QetVenc& encoder, unsigned int index);
 
-/// The encode worker's frame in memory of the caller's: 1920x1080, image type 2.
+/// The encode worker's frame, in the caller's memory: 1920x1080, image type 2.
 class Frame {
  public:
   Frame();
 
-  /// Changes the picture a little, as the next one of a film.
+  /// Changes the picture a little, like the next picture of a film.
   void Next();
   const Ormis::ImageData& Record() const { return record_; }
 
@@ -26,7 +26,7 @@ class Frame {
   std::uint32_t row_ = 0;
 };
 
-/// One cycle of the worker; throws Failure where a status is not 0.
+/// One cycle of the worker. Throws Failure if a status is not 0.
 void EncodeOne(Ormis::QetVenc& encoder, Frame& frame);
 
 }  // namespace conformance

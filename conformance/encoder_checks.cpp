@@ -48,7 +48,7 @@ void OneStreamForOneFrame(Session&) {
 }
 
 void ReleaseReturnsBuffers(Session& session) {
-  // Beyond what a ring of the configured size holds at the configured rate, where there are enough rounds.
+  // With enough rounds, more frames than the stream buffer holds at the configured rate.
   const unsigned int frames = std::max(32U, session.settings.rounds * 6 / 5);
   const Device device;
   Frame frame;
@@ -114,7 +114,7 @@ void NoStreamWithoutFrame(Session&) {
   EncodeOne(encoder, frame);
 }
 
-// What a worker does whose set-up failed: it goes on, and its first frame has to end it.
+// A worker whose set-up failed goes on. Its first frame must fail, so that the worker ends.
 void FailsWithoutInit(Session&) {
   const Platform platform;
   Frame frame;

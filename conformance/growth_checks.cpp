@@ -9,8 +9,9 @@
 #include "usage.h"
 #include "worker.h"
 
-// What a thousand rounds of making and ending leave behind. The rounds of one thing run on the main thread,
-// where nothing else moves the heap; those of threads have a worker's life each, on a thread of its own.
+// Creates and destroys things a thousand times, and then looks what is left. The rounds run on the main
+// thread, where nothing else changes the heap. In the rounds about threads, each round is a new thread that
+// lives like a worker.
 namespace conformance {
 
 namespace {
@@ -24,7 +25,7 @@ constexpr std::uint64_t kMiB = 1024 * kKiB;
 #endif
 #endif
 
-/// Encoders and models take a thousand times as long as a context: a tenth of the rounds.
+/// Encoders and models take a thousand times as long as contexts, so they get a tenth of the rounds.
 constexpr unsigned int kSlow = 10;
 
 unsigned int RoundsOf(const Session& session, unsigned int divisor) {
@@ -42,12 +43,13 @@ void RequireWithin(const char* what, std::uint64_t before, std::uint64_t after, 
                    unsigned int rounds) {
   if (after <= before + allowed) return;
   throw Failure(std::string(what) + " grew from " + std::to_string(before) + " to " + std::to_string(after) +
-                " over " + std::to_string(rounds) + " rounds, allowed were " + std::to_string(allowed));
+                " over " + std::to_string(rounds) + " rounds, expected at most " + std::to_string(allowed) +
+                " more");
 }
 
-// A leak is a piece a round: what is allowed a round is less than the smallest piece of a heap, or than a
-// page. What is allowed once is what a C library keeps of freed pieces without telling; engines that allocate
-// a lot move more of it.
+// A leak loses at least one block in each round. So the limit for a round is below the smallest block of a
+// heap, or below a page. The limit for the whole run allows for freed blocks that the C library keeps;
+// engines that allocate a lot leave more of them.
 template <typename Round>
 void RequireSteadyMemory(Session& session, unsigned int divisor, const Round& round) {
 #ifdef CONFORMANCE_SANITIZED
@@ -81,7 +83,7 @@ void RequireSteadyHandles(Session& session, unsigned int divisor, const Round& r
   session.note = std::to_string(rounds) + " rounds";
 }
 
-// What is made and ended, and what has to be there for it. Round is one piece of it.
+// What is created and destroyed, and what that needs. Round creates and destroys one.
 
 struct Contexts {
   static constexpr unsigned int kDivisor = 1;
@@ -155,11 +157,12 @@ struct Models {
     (void)Ormis::QetDNNRelease(handle);
   }
 
-  const std::string& file;  // before the device: without a model the check is skipped
+  const std::string& file;  // before the device, because without a model the check is skipped
   const Device device{};
 };
 
-/// A resize worker's life. What a library keeps for each thread, the other rounds make once.
+/// A resize worker's life on a new thread. The other rounds do not notice what a library keeps for each
+/// thread.
 struct Threads {
   static constexpr unsigned int kDivisor = 1;
 

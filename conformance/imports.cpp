@@ -40,7 +40,7 @@ void ReadImports(const dl_phdr_info& program, std::vector<std::string>& symbols)
   const ElfW(Rela)* relocations = nullptr;
   std::size_t bytes = 0;
   for (; dynamic != nullptr && dynamic->d_tag != DT_NULL; ++dynamic) {
-    // The loader turns these into addresses, on some architectures only.
+    // On some architectures the loader replaces these by addresses.
     ElfW(Addr) address = dynamic->d_un.d_ptr;
     if (address < program.dlpi_addr) address += program.dlpi_addr;
     if (dynamic->d_tag == DT_SYMTAB) table = At<ElfW(Sym)>(address);

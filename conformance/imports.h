@@ -8,12 +8,12 @@ namespace conformance {
 
 /// One operation that this program calls in the libraries under test.
 struct Import {
-  std::string name;     ///< as a reader knows it: "Ormis::QetVenc::Init()"
-  std::string library;  ///< file of the library that has it; empty: none has
+  std::string name;     ///< its readable form: "Ormis::QetVenc::Init()"
+  std::string library;  ///< file of the library that has it; empty: no library has it
 };
 
-/// The operations of the platform and of the logging that this program imports, as its own dynamic section
-/// lists them, and where the loader finds each. Calls none of them.
+/// The operations of the platform and the logging that this program imports, and where the loader finds each.
+/// Reads them from the program's own dynamic section and calls none of them.
 std::vector<Import> PlatformImports();
 
 /// The readable form of a symbol, or the symbol itself.

@@ -10,7 +10,8 @@ namespace {
 
 void EveryOperationIsThere(Session& session) {
   const std::vector<Import> imports = PlatformImports();
-  Require(!imports.empty(), "this program lists no operation: it was not linked as it should be");
+  Require(!imports.empty(),
+          "this program imports no operation, expected it to be linked with the platform library");
   std::string missing;
   for (const Import& import : imports) {
     if (import.library.empty()) missing += (missing.empty() ? "" : ", ") + import.name;

@@ -28,7 +28,7 @@ ara::log::LogMode Mode(std::uint32_t number) {
   return Ormis::ParseLogMode(static_cast<Ormis::QetLogModeType>(number));
 }
 
-// The numbers come from a file and are handed over as they are.
+// The numbers come from a file, so any number can arrive.
 constexpr std::uint32_t kNumbers[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 255, 256, 4294967295U};
 
 void LevelConverter(Session&) {
@@ -36,7 +36,7 @@ void LevelConverter(Session&) {
     const auto level = static_cast<unsigned int>(Level(number));
     Require(level <= static_cast<unsigned int>(ara::log::LogLevel::kVerbose),
             "ParseLogLevel of " + std::to_string(number) + " gave " + std::to_string(level) +
-                ", which is no level of ara::log");
+                ", which is not a level of ara::log");
   }
   const ara::log::Logger& logger = ara::log::CreateLogger("KIT", "conformance", Level(kDefaultLevel));
   Require(logger.IsEnabled(ara::log::LogLevel::kError),
@@ -50,7 +50,7 @@ void ModeConverter(Session&) {
     const auto mode = static_cast<unsigned int>(Mode(number));
     Require((mode & ~kKnown) == 0, "ParseLogMode of " + std::to_string(number) + " gave " +
                                        std::to_string(mode) +
-                                       ", which has bits that are no mode of ara::log");
+                                       ", which has bits that are not a mode of ara::log");
   }
   Require(static_cast<unsigned int>(Mode(kDefaultMode)) != 0,
           "ParseLogMode of the default, 6, sends nothing");
@@ -77,7 +77,7 @@ void AcceptsRecords(Session&) {
   });
 }
 
-// Long enough to be written in pieces by whoever does that.
+// Long enough that a library which writes in pieces needs several.
 constexpr char kOpening[] = "(KIT-BEGIN ";
 constexpr char kFilling[] =
     " abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz-abcdefghijklmnopqrstuvwxyz ";
@@ -87,7 +87,7 @@ void LogWhole(const ara::log::Logger& logger, unsigned int writer, unsigned int 
   logger.LogError({__FILE__, "LogWhole", __LINE__}) << kOpening << writer << kFilling << number << kClosing;
 }
 
-constexpr unsigned int kWriters = 4;  // one more is the handler
+constexpr unsigned int kWriters = 4;  // the handler is one more writer
 const ara::log::Logger* handlersLogger = nullptr;
 std::atomic<unsigned int> handled{0};
 static_assert(std::atomic<unsigned int>::is_always_lock_free, "used in a signal handler");
@@ -97,7 +97,7 @@ void LogFromHandler(int /*signal*/) {
   ++handled;
 }
 
-/// Where the line holds a part of such a record, requires the whole of exactly one; tells whether it does.
+/// True if the line contains one of these records. Throws Failure for a part of one, or for two in a line.
 bool HoldsWhole(const std::string& line, unsigned int& writer) {
   const std::size_t begin = line.find(kOpening);
   const std::size_t end = line.find(kClosing);
@@ -118,8 +118,8 @@ bool HoldsWhole(const std::string& line, unsigned int& writer) {
   return true;
 }
 
-// How records are stored is the library's own; where they are lines of text, on the console or in a file
-// below the working directory, they are looked at.
+// A library may store records in any form. If they are lines of text, on the console or in a file below the
+// working directory, they are checked.
 void FromSignalHandler(Session& session) {
   constexpr unsigned int kSignals = 200;
   ara::log::InitLogging("KIT", "conformance kit", Level(kDefaultLevel), Mode(kDefaultMode), "./log");
@@ -140,14 +140,14 @@ void FromSignalHandler(Session& session) {
         if (number > 20 * kSignals) std::this_thread::yield();
       }
     } else {
-      // One after the other, since those that wait for delivery become one.
+      // One after the other, because several pending signals of one number become one.
       for (unsigned int sent = 0; sent < kSignals; ++sent) {
         RequireOk(pthread_kill(writers[sent % kWriters], SIGUSR1), "pthread_kill");
         while (handled <= sent) std::this_thread::sleep_for(std::chrono::microseconds(50));
       }
       done = true;
     }
-    Wait(barrier);  // none ends while it may get a signal
+    Wait(barrier);  // no thread ends while it may still get a signal
   });
 
   unsigned int lines = 0;
@@ -162,7 +162,7 @@ void FromSignalHandler(Session& session) {
       fromHandler += writer == kWriters ? 1 : 0;
     }
   }
-  session.note = lines == 0 ? "no line of text found to look at"
+  session.note = lines == 0 ? "found no line of text to check"
                             : std::to_string(lines) + " whole lines, " + std::to_string(fromHandler) +
                                   " of them from " + std::to_string(kSignals) + " calls of the handler";
 }

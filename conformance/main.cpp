@@ -22,7 +22,7 @@ int Wrong(const std::string& what) {
   return kBadUsage;
 }
 
-void TellWhatIsChecked(conformance::TapReport& report) {
+void CommentOnLibraries(conformance::TapReport& report) {
   std::map<std::string, int> operations;
   for (const conformance::Import& import : conformance::PlatformImports()) ++operations[import.library];
   for (const auto& [library, count] : operations) {
@@ -33,7 +33,7 @@ void TellWhatIsChecked(conformance::TapReport& report) {
 
 int RunAll(const std::vector<conformance::Check>& checks, const conformance::Options& options) {
   conformance::TapReport report(std::cout, checks.size());
-  TellWhatIsChecked(report);
+  CommentOnLibraries(report);
   std::vector<conformance::Result> results;
   conformance::CatchInterrupts();
   for (const conformance::Check& check : checks) {
@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
     return Wrong("no check " + options.runOne);
   }
   const std::vector<conformance::Check> chosen = conformance::Chosen(all, options.only);
-  if (chosen.empty()) return Wrong("no check matches: see --list");
+  if (chosen.empty()) return Wrong("no check matches the pattern of --only: --list prints all names");
   if (options.list) {
     for (const conformance::Check& check : chosen) std::cout << check.name << '\t' << check.expected << '\n';
     return std::cout.flush() ? kAllHold : Wrong("cannot write to standard output");

@@ -64,8 +64,8 @@ void ReleaseInEveryState(Session& session) {
   }
 }
 
-/// Runs `create` where nothing can be created: on a thread without a context. (A function of its own, since
-/// the address of an operation would be bound when the kit starts.)
+/// Runs `create` on a thread without a context, where nothing can be created. It is passed as a function of
+/// this program, because taking the address of an operation would bind it when the kit starts.
 template <typename Create>
 void WithoutContext(const Create& create, int& failed) {
   RunThreads(1, [&](unsigned int, Barrier&) { failed += create() != 0 ? 1 : 0; });
@@ -101,7 +101,7 @@ void ReleaseAfterFailedBuffers(Session& session) {
   RequireOk(Ormis::QetDNNModelCreateOutput(next), "QetDNNModelCreateOutput after those releases");
   RequireOk(Ormis::QetDNNModelProcess(next), "QetDNNModelProcess after those releases");
   RequireOk(Ormis::QetDNNRelease(next), "QetDNNRelease");
-  // That a creation fails without a model or a context is nothing that is promised.
+  // The interface does not promise that a creation fails without a model or a context.
   session.note = std::to_string(failed) + " of 4 creations failed";
 }
 

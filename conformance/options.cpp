@@ -17,25 +17,25 @@ namespace conformance {
 
 const char* const kUsage =
     R"(usage: platform_conformance [OPTION...]
-Checks the contracts of the accelerator platform's library that the loader puts under this program, each in a
-process of its own. To check another one:
+Checks that a library of the accelerator platform keeps its contracts. It checks the library that the loader finds
+for this program, and runs each check in its own process. To check a library in another folder:
   LD_LIBRARY_PATH=DIR platform_conformance
 
-  --model FILE           a model that the library loads; without it the checks that need one are skipped
-  --rounds N             rounds of making and ending in the growth checks (1000); encoders and models take a tenth
-  --interpolation KIND   what the library means by interpolation 1: any, nearest, bilinear or area (any)
+  --model FILE           a model that the library can load; without it, checks that need one are skipped
+  --rounds N             how often the growth checks create and destroy (1000); a tenth for encoders and models
+  --interpolation KIND   what the library does for interpolation 1: any, nearest, bilinear or area (any)
   --row-alignment BYTES  the library pads the rows of a packed image to this (1: no padding)
-  --timeout SECONDS      time that one check may take (120)
-  --only PATTERN         only the checks whose name matches the shell pattern; may be given more than once
-  --allow-skip           a skipped check does not fail the run
-  --junit FILE           write the results as JUnit XML, too
-  --list                 print name and contract of each check and end
-  --help                 print this and end
-  --version              print the version and end
+  --timeout SECONDS      the longest time for one check (120)
+  --only PATTERN         run only checks whose name matches the shell pattern; may be given more than once
+  --allow-skip           do not count skipped checks as failures
+  --junit FILE           also write the results as JUnit XML
+  --list                 print name and contract of each check, and run none
+  --help                 print this help
+  --version              print the version
 
 Results go to standard output in TAP, version 14. Exit status: 0 when every check passed, 1 when one failed or
-was skipped (--allow-skip: failed), 2 when the command line is wrong or a result could not be written. An interrupt
-(Ctrl-C) ends the check that is running and tells which one it was; the status is the signal's, 130.
+was skipped (with --allow-skip: when one failed), 2 when the command line is wrong or a result could not be written.
+Ctrl-C ends the running check, names it, and sets the status to 130.
 )";
 
 namespace {
@@ -74,7 +74,7 @@ bool ReadNumber(const char* text, unsigned int least, unsigned int most, unsigne
 }
 
 std::string ReadModel(const char* file, std::string& path) {
-  // Checks run in folders of their own.
+  // Each check runs in another folder, so a relative path would not work there.
   const std::unique_ptr<char, decltype(&std::free)> absolute(realpath(file, nullptr), &std::free);
   if (absolute == nullptr) return std::string("cannot read model ") + file + ": " + std::strerror(errno);
   path = absolute.get();
@@ -91,22 +91,23 @@ std::string ReadInterpolation(const char* name, Interpolation& interpolation) {
   return std::string("unknown interpolation ") + name + ", expected any, nearest, bilinear or area";
 }
 
-/// Takes over the option that getopt_long has found. Returns the empty string, or what is wrong with it.
+/// Stores the option that getopt_long has found. Returns the empty string, or what is wrong with it.
 std::string TakeOption(int found, Options& options) {
   constexpr unsigned int kMost = 1'000'000;
   switch (found) {
     case kModel:
       return ReadModel(optarg, options.settings.modelFile);
     case kRounds:
-      if (!ReadNumber(optarg, 1, kMost, options.settings.rounds)) return "--rounds takes 1 to 1000000";
+      if (!ReadNumber(optarg, 1, kMost, options.settings.rounds))
+        return "--rounds: expected a number from 1 to 1000000";
       break;
     case kInterpolation:
       return ReadInterpolation(optarg, options.settings.interpolation);
     case kRowAlignment:
       if (ReadNumber(optarg, 1, kMost, options.settings.rowAlignment)) break;
-      return "--row-alignment takes 1 to 1000000 bytes";
+      return "--row-alignment: expected 1 to 1000000 bytes";
     case kTimeout:
-      if (!ReadNumber(optarg, 1, kMost, options.timeoutS)) return "--timeout takes 1 to 1000000 seconds";
+      if (!ReadNumber(optarg, 1, kMost, options.timeoutS)) return "--timeout: expected 1 to 1000000 seconds";
       break;
     case kOnly:
       options.only.emplace_back(optarg);
@@ -130,7 +131,7 @@ std::string TakeOption(int found, Options& options) {
       options.runOne = optarg;
       break;
     default:
-      return "see --help";  // getopt_long has said the rest
+      return "see --help";  // getopt_long has printed the reason
   }
   return {};
 }

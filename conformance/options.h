@@ -18,7 +18,7 @@ struct Options {
   bool list = false;
   bool help = false;
   bool version = false;
-  std::string runOne;  ///< this process is the one in which that check runs
+  std::string runOne;  ///< run this check here: this process was started for it
 };
 
 extern const char* const kUsage;
@@ -26,7 +26,7 @@ extern const char* const kUsage;
 /// Reads the command line. Returns the empty string, or what is wrong with it.
 std::string ReadOptions(int argc, char** argv, Options& options);
 
-/// The arguments, behind the program's name, that make a process run `check` with `settings`.
+/// The arguments, without the program's name, with which a process runs `check` with `settings`.
 std::vector<std::string> ArgumentsFor(const Check& check, const Settings& settings);
 
 /// The checks that the patterns choose.

@@ -12,10 +12,10 @@ namespace {
 
 constexpr std::size_t kChannels = 3;
 constexpr std::uint32_t kBlocks = 8;  // along each side
-constexpr std::uint8_t kDark = 25;    // away from 0 and 255, where an overshoot would be cut off
+constexpr std::uint8_t kDark = 25;    // not 0 or 255, which would cut off an overshoot
 constexpr std::uint8_t kBright = 230;
 
-/// What lies under one pixel of the result: [begin, end) in source pixels, along one side.
+/// The part of the source that one pixel of the result covers along one side: [begin, end) in source pixels.
 struct Span {
   double begin;
   double end;
@@ -26,7 +26,7 @@ Span SpanOf(std::uint32_t index, std::uint32_t from, std::uint32_t to) {
   return {index * ratio, (index + 1) * ratio};
 }
 
-/// The whole source pixels of a span, `margin` of them added at either end.
+/// The source pixels that a span touches, with `margin` more at each end.
 struct Range {
   std::int64_t first;
   std::int64_t last;
@@ -37,12 +37,12 @@ Range RangeOf(const Span& span, std::int64_t margin) {
           static_cast<std::int64_t>(std::ceil(span.end)) - 1 + margin};
 }
 
-/// What a pixel of the result may be.
+/// The values that a pixel of the result may have.
 struct Allowed {
   double low = 255;
   double high = 0;
   std::bitset<256> values;  ///< of the source pixels that count
-  bool onlyValues = false;  ///< one of `values`, and nothing in between
+  bool onlyValues = false;  ///< only `values` are allowed, and no other value between them
 
   bool Holds(std::uint8_t value) const {
     return value >= low && value <= high && (!onlyValues || values.test(value));
@@ -67,8 +67,8 @@ double Overlap(const Span& span, std::int64_t pixel) {
   return std::max(0.0, std::min(span.end, begin + 1) - std::max(span.begin, begin));
 }
 
-// What each interpolation makes of the source pixels under one pixel of the result. `at` gives the value of
-// one of them by column and row.
+// The values that each interpolation may compute for one pixel of the result. `at(x, y)` is the value of a
+// source pixel.
 
 template <typename At>
 Allowed AllowedByAny(const Span& columns, const Span& rows, At&& at) {
@@ -164,7 +164,7 @@ void Picture::PutInto(Ormis::ImageData& image, const Settings& settings) const {
     std::copy_n(pixels_.data() + std::size_t{y} * width_ * kChannels, width_ * kChannels,
                 image.data + y * rowBytes);
   }
-  // Where the copy does not accept this, the check of the copy says so.
+  // The status is ignored: the checks of the copy are about it.
   (void)Ormis::QetMemcpyToKivu(image, image);
 }
 

@@ -13,15 +13,15 @@ namespace conformance {
 /// Bytes from one row of a packed image of 3 bytes a pixel to the next.
 std::size_t RowBytes(std::uint32_t width, const Settings& settings);
 
-/// A picture of 3 bytes a pixel that shows what becomes of it: the first channel rises from left to right,
-/// the second from top to bottom, the third has hard edges. A mirrored, turned, cut or shifted picture, one
-/// with swapped channels and one that covers only part of the destination all differ from it.
+/// A test picture with 3 bytes a pixel. The first channel rises from left to right, the second from top to
+/// bottom, and the third has hard edges. So a result that is mirrored, turned, cut or shifted, has swapped
+/// channels or covers only a part of the destination differs from the right one.
 class Picture {
  public:
   Picture(std::uint32_t width, std::uint32_t height);
 
-  /// Writes it into the platform's memory of `image`, which has its size, and hands it over as the resize
-  /// worker does.
+  /// Writes the picture into the platform's memory of `image`, which has the same size, and copies the image
+  /// onto itself as the resize worker does.
   void PutInto(Ormis::ImageData& image, const Settings& settings) const;
 
   /// Throws Failure unless `image` is this picture, scaled to the image's size.

@@ -16,8 +16,8 @@ void StartAndEnd(Session&) {
   RequireOk(Ormis::QetRelease(process), "QetRelease");
 }
 
-/// What workers leave behind whose failure paths release nothing. Never destroyed: whose context is gone has
-/// no business with the library any more.
+/// What a failed worker leaves behind. It is never destroyed: after its context is gone it must not call the
+/// library again.
 struct Leftovers {
   Ormis::QetContext context;
   Ormis::ImageData source = EmptyImage(1920, 1080);
@@ -35,7 +35,7 @@ struct Leftovers {
     RequireOk(Ormis::QetImageMallocAligned(source), "QetImageMallocAligned");
     RequireOk(Ormis::QetImageMallocAligned(destination), "QetImageMallocAligned");
     Configure(encoder, 0);
-    // A library without an encoder has none to leave; encoder.* tells that.
+    // A library without an encoder leaves none. The checks encoder.* report that.
     hasEncoder = encoder.Init() == 0;
     if (!hasEncoder) return;
     RequireOk(encoder.SendFrame(frame.Record()), "SendFrame");
@@ -45,7 +45,7 @@ struct Leftovers {
 
 void ReleaseWithLeftovers(Session& session) {
   static auto& left = *new std::list<Leftovers>;
-  for (const char* const when : {"", ", when it is started again after leftovers"}) {
+  for (const char* const when : {"", " after a release with leftovers"}) {
     Ormis::QetContext process;
     RequireOk(Ormis::QetInitialize(process, Ormis::QetContextParameters{}),
               ("QetInitialize" + std::string(when)).c_str());
@@ -55,7 +55,7 @@ void ReleaseWithLeftovers(Session& session) {
   if (!left.back().hasEncoder) session.note = "no encoder was among them: Init fails";
 }
 
-// Three times, for a context that cannot be made again would stop a second run of workers.
+// Three times: a second run of workers needs new contexts.
 void CreateBindDestroy(Session&) {
   const Platform platform;
   for (int round = 0; round < 3; ++round) {
@@ -80,11 +80,11 @@ void BoundPerThread(Session&) {
   RunThreads(2, [](unsigned int index, Barrier& barrier) {
     {
       const BoundContext context;
-      Wait(barrier);  // both are bound
+      Wait(barrier);  // both threads have bound their contexts
       UseAnImage();
       Wait(barrier);
       if (index == 0) {
-        Wait(barrier);  // the other thread's context is gone
+        Wait(barrier);  // the other thread's context is destroyed
         UseAnImage();
         return;
       }

@@ -39,7 +39,7 @@ std::string Escaped(const std::string& text) {
         escaped += "&quot;";
         break;
       default:
-        // Control characters are none of XML's, and a stray byte above ASCII would be no UTF-8.
+        // XML has no control characters, and a single byte above ASCII is not UTF-8.
         escaped += IsControl(letter) || static_cast<unsigned char>(letter) > 0x7e ? '?' : letter;
         break;
     }

@@ -11,8 +11,8 @@
 
 namespace conformance {
 
-/// Writes results as the Test Anything Protocol, version 14: one line a check, and below it what was expected
-/// and what was found.
+/// Writes results in the Test Anything Protocol, version 14: a line for each check, followed by what was
+/// expected and what was found.
 class TapReport {
  public:
   TapReport(std::ostream& out, std::size_t count);
@@ -35,7 +35,7 @@ struct Result {
 /// Writes results as JUnit XML. Returns false when the file cannot be written.
 bool WriteJunit(const std::string& file, const std::vector<Result>& results, bool allowSkip);
 
-/// Whether the outcome fails the run.
+/// True if the outcome fails the run.
 bool Fails(const Outcome& outcome, bool allowSkip);
 
 }  // namespace conformance

@@ -13,7 +13,7 @@ namespace conformance {
 
 namespace {
 
-constexpr std::uint8_t kStale = 0xA5;  // what stands in a destination before
+constexpr std::uint8_t kStale = 0xA5;  // the content of a destination before the resize
 
 std::int32_t Resize(const Channel& channel, const Image& source, const Image& destination) {
   return Ormis::QetImageResize(channel.Number(), source.record, destination.record,
@@ -82,7 +82,7 @@ void AgainAndAgain(Session& session) {
   }
 }
 
-// What a worker does whose context could not be made: it goes on, and its first resize has to end it.
+// A worker without a context goes on. Its first resize must fail, so that the worker ends.
 void FailsWithoutImages(Session&) {
   const Platform platform;
   RunThreads(1, [](unsigned int, Barrier&) {
@@ -91,7 +91,7 @@ void FailsWithoutImages(Session&) {
     const std::int32_t status =
         Ormis::QetImageResize(0, source, destination, Ormis::kQetInterpolationArea, -1);
     RequireFailure(status, "QetImageResize", "for images without memory, on a thread without a context");
-    // Any status will do, as long as the call comes back.
+    // Any status is right. The call must return.
     if (Ormis::QetImageMallocAligned(source) == 0) (void)Ormis::QetImageDestroy(source);
   });
   const BoundContext context;

@@ -33,7 +33,7 @@ constexpr const char* kPassed = "passed";
 constexpr const char* kFailed = "failed";
 constexpr const char* kSkipped = "skipped";
 
-// The terminal sends them to the kit alone: a check has a process group of its own.
+// The terminal sends them only to the kit, because a check has its own process group.
 constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGHUP};
 volatile std::sig_atomic_t interrupt = 0;
 
@@ -56,7 +56,7 @@ class ScratchFolder {
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;
 
-  /// The empty path where none could be made.
+  /// Empty if the folder could not be created.
   const std::filesystem::path& Path() const { return path_; }
 
  private:
@@ -69,8 +69,8 @@ std::string ProgramFile() {
   return length < 0 ? std::string() : std::string(path.data(), static_cast<std::size_t>(length));
 }
 
-/// In the child. A library that starts threads when it is loaded has lost them in a fork, and gets a fresh
-/// process; where there is none to be had (a program under an emulator), the fork will have to do.
+/// Called in the child. If the library starts threads when it is loaded, the fork has lost them, and the
+/// check needs a `fresh` process. If none can be started (under an emulator), the check runs in the fork.
 [[noreturn]] void BecomeTheCheck(const Check& check, const Settings& settings, const std::string& folder,
                                  bool fresh) {
   (void)setpgid(0, 0);
@@ -95,15 +95,15 @@ std::string ProgramFile() {
     pointers.push_back(nullptr);
     (void)execv(program.c_str(), pointers.data());
   }
-  // By the ordinary way out: what the library does at the end of a process belongs to the check.
+  // exit, not _exit: what the library does at the end of a process is part of the check.
   std::exit(RunHere(check, settings));
 }
 
-/// Waits for the child to end; kills it, and everything that it started, when the time is over or the run is
-/// interrupted.
+/// Waits for the child to end. If the time is over or the run is interrupted, it kills the child and
+/// everything that the child started, and returns false.
 bool WaitFor(pid_t child, unsigned int timeoutS, int& status) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutS);
-  // Polled: a signal or a pipe would tell at once, but a library may take the one and keep the other.
+  // Polled, because a library may take over the signal or keep the pipe open.
   for (auto pause = std::chrono::microseconds(200);;
        pause = std::min(pause * 2, std::chrono::microseconds(5000))) {
     const pid_t ended = waitpid(child, &status, WNOHANG);
@@ -127,7 +127,7 @@ std::vector<std::string> LastLines(const std::filesystem::path& file) {
   return {lines.begin(), lines.end()};
 }
 
-/// The loader's complaint about an operation that no library has, as a sentence; else the empty string.
+/// A sentence about the operation that the loader did not find; empty if that is not the reason.
 std::string MissingOperation(const std::vector<std::string>& output) {
   const std::string mark = "undefined symbol: ";
   for (const std::string& line : output) {
@@ -179,7 +179,7 @@ Outcome ReadOutcome(const std::filesystem::path& folder, int status) {
 void CatchInterrupts() {
   for (const int signal : kInterrupts) {
     struct sigaction action{};
-    // What whoever started the kit wants ignored stays so.
+    // A signal that the kit inherits as ignored stays ignored.
     if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
     action = {};
     action.sa_handler = KeepInterrupt;
@@ -194,7 +194,7 @@ int Interrupted() {
 void EndBy(int signal) {
   (void)std::signal(signal, SIG_DFL);
   (void)std::raise(signal);
-  std::exit(128 + signal);  // it is blocked
+  std::exit(128 + signal);  // reached if the signal is blocked
 }
 
 Outcome RunApart(const Check& check, const Settings& settings, unsigned int timeoutS) {
@@ -202,7 +202,7 @@ Outcome RunApart(const Check& check, const Settings& settings, unsigned int time
   const ScratchFolder scratch;
   Outcome outcome;
   if (scratch.Path().empty()) {
-    outcome.text = std::string("no folder for the check: ") + std::strerror(errno);
+    outcome.text = std::string("cannot create a folder for the check: ") + std::strerror(errno);
     return outcome;
   }
   const std::string folder = scratch.Path();
@@ -210,9 +210,9 @@ Outcome RunApart(const Check& check, const Settings& settings, unsigned int time
   std::cout.flush();
   const pid_t child = fork();
   if (child == 0) BecomeTheCheck(check, settings, folder, fresh);
-  (void)setpgid(child, child);  // both do it: the group is there for whoever needs it first
+  (void)setpgid(child, child);  // parent and child both do this, so the group exists before either uses it
   if (child < 0) {
-    outcome.text = std::string("no process for the check: ") + std::strerror(errno);
+    outcome.text = std::string("cannot start a process for the check: ") + std::strerror(errno);
     return outcome;
   }
   int status = 0;

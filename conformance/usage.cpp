@@ -33,7 +33,7 @@ Usage MeasureUsage() {
   usage.descriptors = EntriesOf("/proc/self/fd");
   usage.threads = ThreadCount();
 #if defined(__GLIBC__) && __GLIBC_PREREQ(2, 33)
-  (void)malloc_trim(0);  // what is free counts as resident otherwise
+  (void)malloc_trim(0);  // otherwise freed memory counts as resident
   const struct mallinfo2 heap = mallinfo2();
   usage.heapBytes = heap.uordblks + heap.hblkhd;
 #endif

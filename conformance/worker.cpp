@@ -74,7 +74,7 @@ class Barrier {
     changed_.notify_all();
   }
 
-  /// The failure that came first; null when there was none. To be called when the threads have ended.
+  /// The first failure; null if there was none. Call it after the threads have ended.
   std::exception_ptr FirstFailure() const { return failure_; }
 
  private:

@@ -7,8 +7,8 @@
 #include "check.h"
 #include "ormis/ormis.h"
 
-// What most checks need around the operation that they are about. Set-up that fails throws Failure; the
-// status of the tear-down is left to the checks that are about it.
+// The set-up that most checks need. A set-up that fails throws Failure. The status of the tear-down is
+// ignored, because other checks are about it.
 namespace conformance {
 
 /// The platform, started.
@@ -23,7 +23,7 @@ class Platform {
   Ormis::QetContext process_;
 };
 
-/// A context bound to the thread that makes it.
+/// A context that is bound to the calling thread.
 class BoundContext {
  public:
   BoundContext();
@@ -53,11 +53,11 @@ class Channel {
   int number_;
 };
 
-/// A record as the resize worker makes it before the allocation: memory of the platform's, packed, 3 bytes a
+/// A record as the resize worker makes it before the allocation: for the platform's memory, packed, 3 bytes a
 /// pixel.
 Ormis::ImageData EmptyImage(std::uint32_t width, std::uint32_t height);
 
-/// An image in memory of the platform's.
+/// An image in the platform's memory.
 class Image {
  public:
   Image(std::uint32_t width, std::uint32_t height);
@@ -68,11 +68,11 @@ class Image {
   Ormis::ImageData record;
 };
 
-/// Meeting point of threads. When one of them has failed, Wait throws in the others instead of waiting for
-/// ever.
+/// A meeting point of threads. After one thread has failed, Wait throws in the others instead of waiting
+/// forever.
 class Barrier;
 
-/// Runs `work(index, barrier)` on `count` threads and throws the failure that came first.
+/// Runs `work(index, barrier)` on `count` threads and throws the first failure.
 void RunThreads(unsigned int count, const std::function<void(unsigned int index, Barrier& barrier)>& work);
 void Wait(Barrier& barrier);
 

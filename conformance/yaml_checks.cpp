@@ -122,7 +122,7 @@ std::vector<Check> YamlChecks() {
        "GetValue<unsigned int> gives the child's number, and false for a missing key and for a word",
        GetUnsigned},
       {"yaml.as-if", "AsIf gives the node's number", AsIf},
-      {"yaml.as-if-leaves-its-target", "AsIf leaves its target alone where the node is no number",
+      {"yaml.as-if-leaves-its-target", "AsIf does not change its target if the node is not a number",
        AsIfLeavesItsTarget},
       {"yaml.missing-file", "the constructor throws a std::exception for a file that is missing",
        MissingFile},

@@ -35,7 +35,7 @@ using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
 std::mutex trialMutex;
 std::set<FileState> passed;
 
-/// Returns false for what is no regular file. OnnxModel::Load then says why.
+/// Returns false if it is not a regular file. OnnxModel::Load then reports why.
 bool StateOf(const std::string& path, FileState& state) {
   struct stat status{};
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;

@@ -183,7 +183,7 @@ Outcome Describe(const OrtTypeInfo* typeInfo, const std::string& item, std::size
                  TensorType& type) {
   const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
   ThrowOnFailure(Api().CastTypeInfoToTensorInfo(typeInfo, &shapeInfo));
-  if (shapeInfo == nullptr) return {kQetUnsupported, item + " is no tensor, expected a tensor"};
+  if (shapeInfo == nullptr) return {kQetUnsupported, item + " is not a tensor"};
 
   ThrowOnFailure(Api().GetTensorElementType(shapeInfo, &type.element));
   type.bytes = ElementBytes(type.element);

@@ -214,7 +214,7 @@ class QetYamlBuilder {
       const std::size_t keyIndex = ParseNode(key, level + 1);
       const Kind keyKind = entries_[keyIndex].kind;
       if (keyKind != Kind::kScalar && keyKind != Kind::kNull) {
-        Fail(key.Start(), "a key that is no scalar");
+        Fail(key.Start(), "a key that is not a scalar");
       }
       const std::string name = entries_[keyIndex].scalar;
       if (entries_[index].children.count(name) != 0) Fail(key.Start(), "duplicate key '" + name + "'");

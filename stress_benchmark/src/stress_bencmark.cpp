@@ -73,7 +73,7 @@ bool StressBenchmark::Init() {
   ReadSetting(yaml, "logLevel", logLevel);
 
   // Creates the singleton before the handler is installed. The handler logs: if it interrupted the creation,
-  // it would wait for the creation to end, for ever.
+  // it would wait forever for the creation to end.
   Ormis::OrmisLogger::GetInstance();
   (void)std::signal(SIGINT, SignalHandler);
 

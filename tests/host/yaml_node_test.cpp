@@ -137,9 +137,9 @@ TEST_F(YamlNodeTest, DuplicateKeysAreErrors) {
 }
 
 TEST_F(YamlNodeTest, KeysThatAreNoScalarsAreErrors) {
-  ExpectError("? [a, b]\n: 1\n", "c.yaml:1:3: a key that is no scalar");
-  ExpectError("{a: 1, {b: 2}: 3}\n", "c.yaml:1:8: a key that is no scalar");
-  ExpectError("x: &x [1]\n? *x\n: 2\n", "c.yaml:2:3: a key that is no scalar");
+  ExpectError("? [a, b]\n: 1\n", "c.yaml:1:3: a key that is not a scalar");
+  ExpectError("{a: 1, {b: 2}: 3}\n", "c.yaml:1:8: a key that is not a scalar");
+  ExpectError("x: &x [1]\n? *x\n: 2\n", "c.yaml:2:3: a key that is not a scalar");
 }
 
 TEST_F(YamlNodeTest, AliasesStandForWhatTheyName) {
