@@ -12,8 +12,8 @@ const char* const kUsage = R"(usage: make_network [--tiny] FILE
 Writes the example network, an ONNX model, to FILE.
 
   --tiny     a much smaller network: for tests, and for trying a platform
-  --help     print this and end
-  --version  print the version and end
+  --help     print this help
+  --version  print the version
 )";
 
 }  // namespace
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
   }
   const std::string model = onnx_writer::Serialize(tiny ? TinyNetwork() : ExampleNetwork());
 
-  // Renamed when complete, so that no reader finds half a network.
+  // Renamed when complete, so that no reader finds a part of the file.
   const std::string part = path + ".part";
   std::ofstream file(part, std::ios::binary | std::ios::trunc);
   file.write(model.data(), static_cast<std::streamsize>(model.size()));
