@@ -193,7 +193,7 @@ TEST_F(ProgramTest, AFullDiskEndsTheRunAndKeepsWhatWasRecorded) {
   const ToolResult result = RecordScript("ln -s /dev/full \"$(dirname \"$0\")/run/rates.txt\"\necho '" +
                                          std::string(kRateLine) + "'\nsleep 20");
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("rates.txt: No space left on device"), HasSubstr("stays in")));
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("rates.txt: No space left on device"), HasSubstr("is kept in")));
   const scope::RunInfo info = scope::ReadRunInfo(folder_ / "run");
   EXPECT_FALSE(info.complete);
   EXPECT_THAT(info.incompleteReason, HasSubstr("No space left"));

@@ -73,7 +73,7 @@ TEST_F(ReportProgramTest, ReplacesTheReportThatWasThere) {
 TEST_F(ReportProgramTest, RefusesWrongArguments) {
   Refused({}, "DIR is required");
   Refused({run_, "--bogus"}, "--bogus");
-  Refused({run_, run_, run_, run_, run_, run_, run_, run_, run_}, "1 to 8 run folders, not of 9");
+  Refused({run_, run_, run_, run_, run_, run_, run_, run_, run_}, "1 to 8 run folders, got 9");
 }
 
 TEST_F(ReportProgramTest, RefusesFoldersThatAreNoRun) {

@@ -248,7 +248,7 @@ TEST_F(RunFolderTest, AnIncompleteRunMayLackItsLastFiles) {
 TEST_F(RunFolderTest, ACompleteRunMayNot) {
   WriteWhole(SomeInfo(), {SampleAt(1)});
   std::filesystem::remove(folder_ / "a/run/histogram.csv");
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("histogram.csv: a complete run has this file"));
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("histogram.csv: the file is missing"));
 }
 
 TEST_F(RunFolderTest, RefusesForeignFolders) {

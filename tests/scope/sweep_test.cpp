@@ -360,9 +360,9 @@ TEST_F(SweepTest, RefusesBadInputBeforeAnythingIsMade) {
   refused({"sweep", folder_ / "none.yaml", "--levels", "CPU=1", "-o", Folder()}, "cannot read");
   refused({"sweep", folder_.Put("bad.yaml", "CPU: [1"), "--levels", "CPU=1", "-o", Folder()}, "bad.yaml:");
   refused({"sweep", Config(), "--levels", "CPU=1", "--warmup", "37", "-o", Folder()},
-          "runs of 40 s are too short for a warm-up of 37 s");
+          "a run of 40 s is too short for a warm-up of 37 s");
   refused({"sweep", Config(), "--levels", "CPU=1", "--stop-after", "8", "--grace", "60", "-o", Folder()},
-          "runs of 8 s are too short for a warm-up of 5 s");
+          "a run of 8 s is too short for a warm-up of 5 s");
   refused({"sweep", Config(), "--resume", Folder()}, "--resume");
   refused({"sweep", "--resume", Folder()}, "not a sweep");
   refused({"sweep", Config(), "--levels", "CPU=1", "-o", "/proc/none/sweep"}, "cannot make the folder");
@@ -376,7 +376,7 @@ TEST_F(SweepTest, DoesNotTouchASweepThatIsThere) {
   const std::string before = folder_.Get("sweep/sweep.json");
   const ToolResult again = RunTool(SweepOf(benchmark, {"--levels", "CPU=1"}));
   EXPECT_EQ(again.status, 2);
-  EXPECT_THAT(again.errors, HasSubstr("go on with --resume"));
+  EXPECT_THAT(again.errors, HasSubstr("continue it with --resume"));
   EXPECT_EQ(folder_.Get("sweep/sweep.json"), before);
 }
 
