@@ -84,7 +84,7 @@ TEST_F(MeterReaderTest, RefusesAVersionWhosePacketsHaveAnotherSize) {
 
 TEST_F(MeterReaderTest, RefusesWhatIsNoMeter) {
   Send("a line of text that somebody wrote here");
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("no meter"));
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("not from a meter"));
 }
 
 TEST_F(MeterReaderTest, RefusesAPacketThatIsTooShort) {
