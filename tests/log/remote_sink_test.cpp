@@ -19,6 +19,7 @@
 #include "allocation_count.h"
 #include "delivery_times.h"
 #include "fake_port.h"
+#include "system_calls.h"
 
 namespace ara::log {
 namespace {
@@ -71,6 +72,15 @@ TEST_F(Remote, ForwardsEachRecordUnchanged) {
   EXPECT_GE(record.uptime, earliest);
   EXPECT_LT(record.uptime, earliest + 10 * 60 * 10000U);
   EXPECT_THAT(receiver_.calls, ElementsAre("open", "application STBM a test", "close"));
+}
+
+TEST_F(Remote, TheUptimeIsInTenthsOfAMillisecond) {
+  Start();
+  log_test::SystemCalls calls;
+  calls.onUptime = [] { return std::timespec{123'456, 789'199'999}; };
+  EXPECT_TRUE(Deliver("one"));
+  EXPECT_EQ(sink_->Stop(), 0U);
+  EXPECT_EQ(receiver_.records.at(0).uptime, 1'234'567'891U);
 }
 
 TEST_F(Remote, CutsAndMarksALongText) {

@@ -61,8 +61,9 @@ int __wrap_dup3(int from, int to, int flags) {
 }
 
 int __wrap_clock_gettime(clockid_t clock, std::timespec* time) {
-  if (scripted != nullptr && scripted->onRealTime && clock == CLOCK_REALTIME) {
-    if (const auto now = scripted->onRealTime()) {
+  if (scripted != nullptr && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC)) {
+    const auto& script = clock == CLOCK_REALTIME ? scripted->onRealTime : scripted->onUptime;
+    if (const auto now = script ? script() : std::nullopt) {
       *time = *now;
       return 0;
     }

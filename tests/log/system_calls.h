@@ -26,6 +26,7 @@ class SystemCalls {
   std::function<std::optional<ssize_t>(int descriptor, const char* bytes, std::size_t size)> onWrite;
   std::function<std::optional<int>(int from, int to, int flags)> onDup3;
   std::function<std::optional<std::timespec>()> onRealTime;  ///< clock_gettime(CLOCK_REALTIME)
+  std::function<std::optional<std::timespec>()> onUptime;    ///< clock_gettime(CLOCK_MONOTONIC)
   std::function<std::optional<long>(void* word, int operation, unsigned value)> onFutex;
 };
 

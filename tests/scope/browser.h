@@ -28,7 +28,7 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   let drawn = 0;
   for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));
   const series = sets.map((set) => ({name: set.label, colour: set.borderColor, dash: set.borderDash,
-    marker: set.pointStyle, stepped: set.stepped, points: (set.data ?? []).map((point) => [point.x, point.y])}));
+    marker: set.pointStyle, stepped: set.stepped, spansGaps: set.spanGaps, points: (set.data ?? []).map((point) => [point.x, point.y])}));
   const marks = Chart.getChart(canvas).options?.plugins.warningMarks.marks.map(({x, text}) => ({x, text}));
   let cautions = 0; // pixels of the marks
   for (let at = 0; at < pixels.length; at += 4) cautions += pixels[at + 3] > 100 && isNear(pixels, at)([0xb3, 0x26, 0x1e]);
@@ -37,7 +37,8 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   // The background near the left and the right end of the chart, above the lines.
   const opacityAt = (x) => pixels[(Math.round((area.top + 3) * scale) * canvas.width + Math.round(x * scale)) * 4 + 3];
   const shades = area ? [0.03, 0.97].map((share) => opacityAt(area.left + share * area.width)) : [];
-  return {id: canvas.id, drawn, series, shades, marks, cautions};
+  const top = Chart.getChart(canvas).scales?.y.max;
+  return {id: canvas.id, drawn, series, shades, marks, cautions, top};
 });
 const rowsOf = (table) => [...table.rows].map((row) => [...row.cells].map((cell) => cell.textContent));
 const tables = [...document.querySelectorAll('table')].map((table) => ({kind: table.className, rows: rowsOf(table)}));

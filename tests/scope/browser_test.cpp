@@ -138,7 +138,9 @@ TEST_F(ReportInBrowser, ALineHasAGapWhereSamplesAreMissing) {
   RemoveSamples(run, 10, 14);
   const Visit visit = Open(run, "report_gap", 5600);
   for (const char* chart : {"total-0", "cpu-rate", "cpu-bandwidth", "cpu-latency"}) {
-    EXPECT_EQ(visit.Chart(chart)["series"][0]["points"][9], json::parse("[14, null]")) << chart;
+    const json series = visit.Chart(chart)["series"][0];
+    EXPECT_EQ(series["points"][9], json::parse("[14, null]")) << chart;
+    EXPECT_EQ(series["spansGaps"], false) << chart;
   }
 }
 
@@ -299,6 +301,8 @@ TEST_F(ReportInBrowser, ShowsTheBandwidthOfAllRunsOnCommonAxes) {
   EXPECT_EQ(series[0]["name"], "A: run");
   EXPECT_NEAR(series[0]["points"][0][1].get<double>(), 14.642, 1e-3);
   EXPECT_NEAR(series[1]["points"][0][1].get<double>(), 29.2845, 1e-3);
+  EXPECT_GE(visit.Chart("totals")["top"], 29.2845);
+  EXPECT_EQ(visit.Chart("total-0")["top"], visit.Chart("total-1")["top"]);
 }
 
 TEST_F(ReportInBrowser, TakesWhatRunsSayAsWords) {

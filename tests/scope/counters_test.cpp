@@ -86,12 +86,27 @@ TEST_F(CountersTest, AbsentSourcesAreListedWithTheReason) {
     EXPECT_FALSE(source.present) << source.source;
     EXPECT_FALSE(source.reason.empty()) << source.source;
   }
-  EXPECT_THAT(SourceOf(*counters, "resctrl").reason, HasSubstr("offers no resctrl"));
+  const std::map<std::string, std::string> reasons = {
+      {"perf",
+       "the kernel has no counters of a memory controller in " + (tree_ / "sys/bus/event_source/devices")},
+      {"resctrl", (tree_ / "sys/fs/resctrl") + " is missing: the kernel offers no resctrl on this machine"},
+      {"devfreq",
+       (tree_ / "sys/class/devfreq") + " is missing or empty: the kernel scales no device's frequency"},
+      {"edac", "no memory controller in " + (tree_ / "sys/devices/system/edac/mc")},
+      {"thermal", "no thermal zone with a temperature in " + (tree_ / "sys/class/thermal")},
+      {"cpufreq", "no CPU in " + (tree_ / "sys/devices/system/cpu") +
+                      " reports its frequency (cpufreq/scaling_cur_freq)"},
+      {"throttle", "no CPU in " + (tree_ / "sys/devices/system/cpu") +
+                       " counts its throttling (thermal_throttle/core_throttle_count)"}};
+  for (const auto& [source, reason] : reasons) EXPECT_EQ(SourceOf(*counters, source).reason, reason);
   EXPECT_THAT(counters->Read(1), IsEmpty());
   std::filesystem::create_directories(tree_ / "sys/fs/resctrl");
   EXPECT_THAT(SourceOf(*Find(), "resctrl").reason, HasSubstr("not mounted"));
   std::filesystem::create_directories(tree_ / "sys/fs/resctrl/info");
   EXPECT_THAT(SourceOf(*Find(), "resctrl").reason, HasSubstr("has no monitoring"));
+  std::filesystem::create_directories(tree_ / "sys/fs/resctrl/mon_data");
+  EXPECT_EQ(SourceOf(*Find(), "resctrl").reason,
+            "no domain in " + (tree_ / "sys/fs/resctrl/mon_data") + " counts bandwidth (mbm_total_bytes)");
 }
 
 TEST_F(CountersTest, WhatIsThereAndCannotBeUsedIsNotCalledMissing) {
@@ -100,9 +115,15 @@ TEST_F(CountersTest, WhatIsThereAndCannotBeUsedIsNotCalledMissing) {
   std::filesystem::create_directories(tree_ / "sys/devices/system/edac/mc/mc0/ce_count");
   tree_.Put("sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq", "<unknown>\n");
   const auto counters = Find();
-  EXPECT_THAT(SourceOf(*counters, "devfreq").reason, HasSubstr("dmc/cur_freq: Is a directory"));
-  EXPECT_THAT(SourceOf(*counters, "edac").reason, HasSubstr("ce_count: Is a directory"));
-  EXPECT_THAT(SourceOf(*counters, "cpufreq").reason, HasSubstr("contains \"<unknown>\", expected a number"));
+  EXPECT_EQ(SourceOf(*counters, "devfreq").reason,
+            "cannot read " + (tree_ / "sys/class/devfreq/dmc/cur_freq") + ": Is a directory");
+  EXPECT_EQ(SourceOf(*counters, "edac").reason,
+            "cannot read " + (tree_ / "sys/devices/system/edac/mc/mc0/ce_count") + ": Is a directory");
+  EXPECT_EQ(SourceOf(*counters, "cpufreq").reason,
+            (tree_ / "sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq") +
+                " contains \"<unknown>\", expected a number");
+  EXPECT_THAT(SourceOf(*counters, "throttle").reason, HasSubstr("counts its throttling"))
+      << "each source has its own reason";
 }
 
 TEST_F(CountersTest, AnEventWhoseScaleIsNotUnderstoodIsNotCounted) {

@@ -282,6 +282,10 @@ TEST_F(RunFolderTest, RefusesForeignTables) {
   EXPECT_THAT(ErrorOfRead(), HasSubstr("expected a number as time_s, found \"nan\""));
   folder_.Put("a/run/samples.csv", header + "1,cpu,99999999999999999999,5,6,7,8,9,10,11\n");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("as thread"));
+  folder_.Put("a/run/samples.csv", header + "1,cpu,1000001,5,6,7,8,9,10,11\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("expected a thread's number as thread, found \"1000001\""));
+  folder_.Put("a/run/samples.csv", header + "1,cpu,1000000,5,6,7,8,9,10,11\n");
+  EXPECT_EQ(ReadRun(run_).samples.at(0).thread, 1'000'000);
 }
 
 }  // namespace

@@ -68,6 +68,7 @@ TEST(RunSummary, TakesTheLengthOfEachSecondFromItsRows) {
   const EngineSummary engine = OnlyEngine({At(1, 5), At(2.25, 250), At(3, 150), At(4, 1)});
   EXPECT_DOUBLE_EQ(engine.work.operationsPerS, 400 / 2.0);
   EXPECT_DOUBLE_EQ(engine.seconds[1].OperationsPerS(), 200);
+  EXPECT_DOUBLE_EQ(engine.seconds[1].GigabytesPerS().value_or(0), 0.2);
 }
 
 TEST(RunSummary, OfTwoSecondsIsOfBoth) {

@@ -3,6 +3,7 @@
 
 #include "live_view.h"
 #include "number_text.h"
+#include "text_table.h"
 
 namespace {
 
@@ -55,9 +56,104 @@ TEST(Figures, OfAnEngineThatFellSilentAreZero) {
   EXPECT_EQ(figures.History("vpc").size(), 2U);
 }
 
+TEST(Figures, OfASecondReplaceThoseBeforeItButForTheFailures) {
+  Figures figures;
+  Sample failed = SampleOf("venc", 0, 10, 0);
+  failed.failures = 3;
+  figures.Add(SecondAt(1, {failed}));
+  figures.Add(SecondAt(1.5, {SampleOf("venc", 0, 0, 0), SampleOf("venc", 1, 20, 0)}));
+  const scope::EngineFigures venc = figures.Last().at(0).second;
+  EXPECT_EQ(venc.threads, 1) << "the other thread did nothing in this second";
+  EXPECT_EQ(venc.failures, 3U) << "since the start";
+  EXPECT_DOUBLE_EQ(venc.operationsPerS, 40);
+  EXPECT_EQ(figures.History("venc"), (std::vector<double>{10, 40}));
+  figures.Add(SecondAt(2, {}));
+  EXPECT_EQ(figures.Last().at(0).second.failures, 3U);
+  EXPECT_EQ(figures.Last().at(0).second.maxNs, 0U);
+}
+
+TEST(Figures, LatenciesAreNotAboveTheLongest) {
+  Figures figures;
+  Sample sample = SampleOf("cpu", 0, 10, 0);
+  sample.maxNs = 150;
+  figures.Add(SecondAt(1, {sample}));
+  EXPECT_EQ(figures.Last().at(0).second.p50Ns, 150U);
+  EXPECT_EQ(figures.Last().at(0).second.p99Ns, 150U);
+}
+
+TEST(Figures, ASetUpIsNotShown) {
+  Figures figures;
+  figures.Add(
+      SecondAt(1, {SampleOf("vpc_copy", 0, 10, 0), SampleOf("aic", 0, 1, 0), SampleOf("cpu", 0, 1, 0)}));
+  const auto rows = figures.Last();
+  ASSERT_EQ(rows.size(), 2U);
+  EXPECT_EQ(rows[0].first, "cpu");
+  EXPECT_EQ(rows[1].first, "aic");
+}
+
+TEST(Describe, HasTheFiguresOfASecondInOneLine) {
+  scope::EngineFigures figures;
+  figures.threads = 1;
+  figures.operationsPerS = 62.5;
+  EXPECT_EQ(scope::Describe("aic", figures),
+            "aic   1 thread        62.5 op/s        - GB/s  p50 -  p99 -  max -");
+  figures.threads = 10;
+  figures.gigabytesPerS = 1.25;
+  figures.p50Ns = 4'000;
+  figures.p99Ns = 5'000'000;
+  figures.maxNs = 6'000'000;
+  figures.failures = 7;
+  EXPECT_EQ(scope::Describe("venc", figures),
+            "venc 10 threads       62.5 op/s    1.250 GB/s  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
+}
+
+TEST(RateText, HasFewerDecimalsWhereItIsGreater) {
+  EXPECT_EQ(scope::RateText(0), "0.00");
+  EXPECT_EQ(scope::RateText(9.99), "9.99");
+  EXPECT_EQ(scope::RateText(10), "10.0");
+  EXPECT_EQ(scope::RateText(10.56), "10.6");
+  EXPECT_EQ(scope::RateText(9999.9), "9999.9");
+  EXPECT_EQ(scope::RateText(10000), "10000");
+  EXPECT_EQ(scope::RateText(10000.9), "10001");
+}
+
+TEST(ShortNumber, HasFourDigitsOrAllOfAWholeNumber) {
+  EXPECT_EQ(scope::ShortNumber(0), "0.000");
+  EXPECT_EQ(scope::ShortNumber(0.01234), "0.012");
+  EXPECT_EQ(scope::ShortNumber(-0.00001234), "-1.2e-05");
+  EXPECT_EQ(scope::ShortNumber(0.0996), "0.1");
+  EXPECT_EQ(scope::ShortNumber(0.1), "0.100");
+  EXPECT_EQ(scope::ShortNumber(-9.876), "-9.876");
+  EXPECT_EQ(scope::ShortNumber(10), "10.00");
+  EXPECT_EQ(scope::ShortNumber(10.567), "10.57");
+  EXPECT_EQ(scope::ShortNumber(100), "100.0");
+  EXPECT_EQ(scope::ShortNumber(100.56), "100.6");
+  EXPECT_EQ(scope::ShortNumber(9999.9), "9999.9");
+  EXPECT_EQ(scope::ShortNumber(10'000), "10000");
+  EXPECT_EQ(scope::ShortNumber(10'000.9), "10001");
+}
+
+TEST(TextTable, ColumnsAreAsWideAsTheirWidestField) {
+  scope::TextTable table("lrl");
+  table.Add({"name", "GB/s", "note"});
+  table.Add({"a µs", "12.5", ""});
+  table.Add({"longer name", "1", "x", "2"});
+  EXPECT_EQ(table.Text(),
+            "name         GB/s  note\n"
+            "a µs         12.5\n"
+            "longer name     1  x     2\n");
+  EXPECT_EQ(scope::TextTable("l").Text(), "");
+}
+
 TEST(Latency, HasTheUnitThatFits) {
   EXPECT_EQ(scope::Latency(0), "-");
+  EXPECT_EQ(scope::Latency(1), "1 ns");
   EXPECT_EQ(scope::Latency(999), "999 ns");
+  EXPECT_EQ(scope::Latency(1'000), "1.00 us");
+  EXPECT_EQ(scope::Latency(999'990), "999.99 us");
+  EXPECT_EQ(scope::Latency(1'000'000), "1.00 ms");
+  EXPECT_EQ(scope::Latency(999'990'000), "999.99 ms");
+  EXPECT_EQ(scope::Latency(1'000'000'000), "1.00 s");
   EXPECT_EQ(scope::Latency(4'210), "4.21 us");
   EXPECT_EQ(scope::Latency(2'310'000), "2.31 ms");
   EXPECT_EQ(scope::Latency(1'200'000'000), "1.20 s");
@@ -66,12 +162,15 @@ TEST(Latency, HasTheUnitThatFits) {
 TEST(Sparkline, GoesFromNothingToTheGreatestOfItsLastValues) {
   EXPECT_EQ(scope::Sparkline({1000, 0, 5, 10}, 3), "▁▅█");
   EXPECT_EQ(scope::Sparkline({0, 0}, 5), "▁▁");
+  EXPECT_EQ(scope::Sparkline({0.5, 1, 0.25}, 3), "▅█▃");
+  EXPECT_EQ(scope::Sparkline({0, 1, 2, 3, 4, 5, 6, 7}, 8), "▁▂▃▄▅▆▇█");
   EXPECT_EQ(scope::Sparkline({}, 5), "");
 }
 
 TEST(ProgressBar, StopsAtItsEnd) {
   EXPECT_EQ(scope::ProgressBar(10, 40, 8), "[##......]  25 %");
   EXPECT_EQ(scope::ProgressBar(50, 40, 8), "[########] 100 %");
+  EXPECT_EQ(scope::ProgressBar(0.5, 1, 8), "[####....]  50 %");
   EXPECT_EQ(scope::ProgressBar(1, 0, 4), "[....]   0 %");
 }
 

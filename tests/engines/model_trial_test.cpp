@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// What a load makes of the trial of a model. A shell script in place of the trial ends as the engine might.
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <vector>
+
+#include "expect_failure.h"
+#include "model_test.h"
+#include "spawn_calls.h"
+
+namespace {
+
+using Ormis::QetDNNHandle;
+using Ormis::test::ExpectFailure;
+using testing::Contains;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+
+class ModelTrialTest : public ModelTest {
+ protected:
+  void SetUp() override {
+    ModelTest::SetUp();
+    path_ = Write(TinyNetwork());
+  }
+
+  /// Runs the script in place of the trial from now on.
+  void ReplaceTrial(const std::string& script) {
+    script_ = script;
+    arguments_[2] = script_.data();
+    spawn_calls::before = [this](spawn_calls::Call& call) {
+      call.program = "/bin/sh";
+      call.arguments = arguments_;
+      return 0;
+    };
+  }
+
+  /// Expects that the load fails with this code and message when the script is run in place of the trial.
+  void ExpectLoadFails(const std::string& script, std::int32_t code, const std::string& message) {
+    SCOPED_TRACE(script);
+    ReplaceTrial(script);
+    QetDNNHandle handle;
+    ExpectFailure(code, "QetDNNModelInitialize", message,
+                  [&] { return Ormis::QetDNNModelInitialize(handle, path_); });
+    EXPECT_EQ(handle.modelId, 0U);
+  }
+
+  /// Expects that the model loads, and that its inference fails with this code and message.
+  void ExpectRunFails(const std::string& script, std::int32_t code, const std::string& message) {
+    SCOPED_TRACE(script);
+    ReplaceTrial(script);
+    QetDNNHandle handle;
+    ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path_), Ormis::kQetOk);
+    ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+    ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+    ExpectFailure(code, "QetDNNModelProcess", "model " + path_ + ": " + message,
+                  [&] { return Ormis::QetDNNModelProcess(handle); });
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  }
+
+  void ExpectLoads() {
+    QetDNNHandle handle;
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path_), Ormis::kQetOk);
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  }
+
+  std::string path_;
+  spawn_calls::Watch watch_;
+
+ private:
+  std::string shell_ = "sh";
+  std::string option_ = "-c";
+  std::string script_;
+  char* arguments_[4] = {shell_.data(), option_.data(), nullptr, nullptr};
+};
+
+TEST_F(ModelTrialTest, TheTrialsAnswerIsTheLoads) {
+  ExpectLoadFails("echo 'loaded 1010 there is not enough memory'", Ormis::kQetOutOfMemory,
+                  "there is not enough memory");
+  ExpectLoadFails("printf 'loaded 1015 a line without an end'", Ormis::kQetModelUnreadable,
+                  "a line without an end");
+  ExpectLoadFails("echo 'loaded 1018'", Ormis::kQetInternal, "");
+  ExpectLoadFails("echo 'loaded words'", Ormis::kQetInternal, "words");
+  EXPECT_EQ(watch_.Count(), 4);
+}
+
+TEST_F(ModelTrialTest, TheAnswerIsFoundAmongWhatTheEngineWrites) {
+  ExpectLoadFails(
+      "i=0; while [ $i -lt 300 ]; do echo 'a line of the engine'; i=$((i + 1)); done;"
+      "echo; echo loadedagain 1; echo ' loaded 2'; echo 'ran 1016 not yet'; echo 'loaded 1015 the reason'; "
+      "echo 'loaded 0'",
+      Ormis::kQetModelUnreadable, "the reason");
+}
+
+TEST_F(ModelTrialTest, AnAnswerInSeveralPiecesIsReadWhole) {
+  ExpectLoadFails("printf 'loa'; sleep 0.1; printf 'ded 1015 the '; sleep 0.1; echo reason",
+                  Ormis::kQetModelUnreadable, "the reason");
+}
+
+TEST_F(ModelTrialTest, ATrialThatEndsWhileItLoadsSaysOfWhat) {
+  const std::string died = "cannot load model " + path_ + ": the engine died of it in a trial: ";
+  const std::string limit = "more than 20 s of processor time, or more memory than there is";
+  ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable, died + "exit status 3");
+  ExpectLoadFails("kill -SEGV $$", Ormis::kQetModelUnreadable, died + "Segmentation fault");
+  ExpectLoadFails("kill -FPE $$", Ormis::kQetModelUnreadable, died + "Floating point exception");
+  ExpectLoadFails("kill -KILL $$", Ormis::kQetModelUnreadable, died + limit);
+  ExpectLoadFails("kill -XCPU $$", Ormis::kQetModelUnreadable, died + limit);
+  ExpectLoadFails("kill -40 $$", Ormis::kQetModelUnreadable, died + "signal 40");
+  spawn_calls::before = nullptr;
+  ExpectLoads();
+}
+
+TEST_F(ModelTrialTest, WhereTheApplicationIgnoresSigchldTheEndIsNotKnown) {
+  const auto before = std::signal(SIGCHLD, SIG_IGN);
+  ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable,
+                  "cannot load model " + path_ + ": the engine died of it in a trial: exit status unknown");
+  (void)std::signal(SIGCHLD, before);
+}
+
+TEST_F(ModelTrialTest, AnInferenceThatFailsInTheTrialIsRefused) {
+  ExpectRunFails("echo loaded 0; kill -ABRT $$", Ormis::kQetInferenceFailure,
+                 "the engine died of the first inference in a trial: Aborted");
+  ExpectRunFails("echo loaded 0; echo ran 1010 no memory", Ormis::kQetOutOfMemory, "no memory");
+  EXPECT_EQ(watch_.Count(), 2) << "a model that failed is tried again";
+}
+
+TEST_F(ModelTrialTest, AModelThatPassedIsNotTriedAgain) {
+  ExpectLoads();
+  ExpectLoads();
+  EXPECT_EQ(watch_.Count(), 1);
+  path_ = Write(TinyNetwork());
+  ExpectLoads();
+  EXPECT_EQ(watch_.Count(), 2) << "the file has been written again";
+}
+
+TEST_F(ModelTrialTest, WhatIsNoFileIsNotTried) {
+  for (const std::string& path : {std::string("/dev/null"), folder_.string(), std::string("none.onnx")}) {
+    QetDNNHandle handle;
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetModelUnreadable);
+  }
+  EXPECT_EQ(watch_.Count(), 0);
+}
+
+// Ctrl-C reaches the trial as well.
+TEST_F(ModelTrialTest, AnInterruptDoesNotEndTheTrial) {
+  ExpectLoadFails("kill -INT $$; echo loaded 1015 lived", Ormis::kQetModelUnreadable, "lived");
+}
+
+TEST_F(ModelTrialTest, TheTrialInheritsOnlyItsOutput) {
+  constexpr int kInherited = 9;
+  ASSERT_EQ(dup2(STDERR_FILENO, kInherited), kInherited);
+  ExpectLoadFails(
+      "cd /proc/self/fd; for i in 3 4 5 6 7 8 9; do [ -e $i ] && open=\"$open $i\"; done;"
+      "for i in 0 2; do [ $i -ef /dev/null ] || open=\"$open $i\"; done; echo loaded 1015 open:$open",
+      Ormis::kQetModelUnreadable, "open:");
+  (void)close(kInherited);
+}
+
+TEST_F(ModelTrialTest, TheTrialHasTheEnvironmentWithoutPreloadedLibraries) {
+  std::vector<std::string> environment;
+  spawn_calls::before = [&](spawn_calls::Call& call) {
+    for (char* const* variable = call.environment; *variable != nullptr; ++variable)
+      environment.emplace_back(*variable);
+    return 0;
+  };
+  ASSERT_EQ(setenv("LD_PRELOAD", "/none.so", 1), 0);
+  ASSERT_EQ(setenv("LD_PRELOADED", "yes", 1), 0);
+  ExpectLoads();
+  std::size_t variables = 0;
+  while (environ[variables] != nullptr) ++variables;
+  EXPECT_EQ(environment.size(), variables - 1);
+  EXPECT_THAT(environment, Contains("LD_PRELOADED=yes"));
+  EXPECT_THAT(environment, Not(Contains("LD_PRELOAD=/none.so")));
+  (void)unsetenv("LD_PRELOAD");
+  (void)unsetenv("LD_PRELOADED");
+}
+
+TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {
+  std::string program;
+  spawn_calls::before = [&](spawn_calls::Call& call) {
+    program = call.program;
+    return ENOEXEC;
+  };
+  const std::string first = StandardErrorOf([&] { ExpectLoads(); });
+  EXPECT_THAT(first, HasSubstr(" WARN - QET "));
+  EXPECT_EQ(Ormis::test::MessageOf(first),
+            "models are loaded without a trial: cannot run " + program + ": Exec format error");
+  EXPECT_EQ(LineCount(first), 1U) << first;
+  EXPECT_THAT(program, EndsWith("/lib/ormis/model_trial"));
+  EXPECT_EQ(StandardErrorOf([&] { ExpectLoads(); }), "");
+  EXPECT_EQ(watch_.Count(), 2) << "a model that was not tried has not passed";
+}
+
+}  // namespace
