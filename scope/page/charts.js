@@ -14,6 +14,13 @@ const kMarkers = ['circle', 'rect', 'triangle', 'rectRot', 'cross', 'star', 'cro
 const kStrong = {width: 2.5, opacity: 1};
 const kMiddling = {width: 1.75, opacity: 0.75};
 const kFaint = {width: 1.25, opacity: 0.5};
+const kWeights = [kStrong, kMiddling, kFaint]; // of the figures of a chart
+// The charts of an engine's seconds. The data say which figures each one shows.
+const kSecondCharts = {
+  rate: {title: 'Rate', axis: 'Operations (1/s)', log: false},
+  bandwidth: {title: 'Bandwidth', axis: 'Bandwidth (GB/s)', log: false},
+  latency: {title: 'Latency of an operation', axis: 'Latency (UNIT)', log: true},
+};
 const kBinsPerOctave = 8;
 const kLeastRange = 5; // of a histogram's axis, so that one or two numbers fit
 
@@ -54,10 +61,11 @@ function numberWarnings(runs) {
   }
 }
 
-// The charts of a report. `runs` and `engines` are those of its data; only these engines are drawn.
+// The charts of a report's data. Only the given engines are drawn.
 class Charts {
-  constructor(runs, engines, warmupS) {
+  constructor({runs, figures, warmup_s: warmupS}, engines) {
     this.runs = runs;
+    this.figures = figures;
     this.warmupS = warmupS;
     this.engines = engines;
     const ends = runs.map((run) => greatest([run.duration_s,
@@ -117,7 +125,7 @@ class Charts {
   // the value 0. If an engine lacks a second in between, all have a gap there, because the sum is unknown.
   stack(run) {
     const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
-    const lines = engines.map((engine) => wholePoints(engine, 'gigabytes_per_s'));
+    const lines = engines.map((engine) => wholePoints(engine, 'bandwidth'));
     const times = [...new Set(lines.flatMap((points) => points.map(({x}) => x)))].sort((a, b) => a - b);
     const values = lines.map((points) => {
       const byTime = new Map(points.map(({x, y}) => [x, y]));
@@ -134,57 +142,46 @@ class Charts {
   // Rate, bandwidth, latencies, histogram and printed rate of the engine, for all runs. Empty charts are left out.
   ofEngine(engine) {
     const measured = this.runs.some((run) => engineOf(run, engine) && failureOf(run, engine) === '');
-    const charts = measured ? [this.rate(engine), this.bandwidth(engine), this.latency(engine), this.histogram(engine)] : [];
+    const charts = measured ? [...Object.keys(kSecondCharts).map((id) => this.ofSeconds(engine, id)), this.histogram(engine)] : [];
     charts.push(this.printed(engine, measured));
     const marks = this.marks(this.runs, (warning) => warning.engine === engine);
     return charts.filter((chart) => chart.series.length > 0)
         .map((chart) => ({...chart, marks: chart.warmupS === undefined ? [] : marks}));
   }
 
-  // A line for each run that has values of the engine in this column of its seconds.
-  columnLines(engine, what, column, perUnit = 1, style = {}) {
+  // A line for each run that has values of the engine's figure in its seconds.
+  figureLines(engine, figure, what, perUnit, style) {
     return this.runs.flatMap((run, i) => {
       const found = engineOf(run, engine);
       if (!found || failureOf(run, engine) !== '') return [];
-      const points = wholePoints(found, column).map(({x, y}) => ({x, y: y === null ? null : y * perUnit}));
+      const points = wholePoints(found, figure).map(({x, y}) => ({x, y: y === null ? null : y * perUnit}));
       return [this.line(i, this.engineColour(engine), what, points, style)];
     }).filter(isDrawn);
   }
 
-  rate(engine) {
-    return this.overTime(`${engine}-rate`, 'Rate', {title: 'Operations (1/s)'},
-        this.columnLines(engine, '', 'operations_per_s'));
+  // The figures that the data assign to the chart `id`. If there are several, their names are in the legend.
+  ofSeconds(engine, id) {
+    const {title, axis, log} = kSecondCharts[id];
+    const [unit, perUs] = log ? this.latencyUnit(engine) : ['', 1];
+    const figures = this.figures.filter(({chart}) => chart === id);
+    const series = figures.flatMap((figure, i) => this.figureLines(engine, figure.name,
+        figures.length > 1 ? figure.title : '', perUs, {weight: kWeights[i]}));
+    return {...this.overTime(`${engine}-${id}`, title, {title: axis.replace('UNIT', unit), log}, series), broad: log};
   }
 
-  bandwidth(engine) {
-    return this.overTime(`${engine}-bandwidth`, 'Bandwidth', {title: 'Bandwidth (GB/s)'},
-        this.columnLines(engine, '', 'gigabytes_per_s'));
-  }
-
-  // The unit of the engine's latencies, and the factor from nanoseconds.
+  // The unit that fits the engine's latencies, and the factor from microseconds.
   latencyUnit(engine) {
-    const middle = greatest(this.runs.map((run) => engineOf(run, engine)?.work.p50_ns ?? 0));
-    if (middle >= 1e6) return ['ms', 1e-6];
-    return middle >= 1e3 ? ['µs', 1e-3] : ['ns', 1];
-  }
-
-  latency(engine) {
-    const [unit, perNs] = this.latencyUnit(engine);
-    const series = [
-      ...this.columnLines(engine, 'p50', 'p50_ns', perNs),
-      ...this.columnLines(engine, 'p99', 'p99_ns', perNs, {weight: kMiddling}),
-      ...this.columnLines(engine, 'max', 'max_ns', perNs, {weight: kFaint}),
-    ];
-    const axis = {title: `Latency (${unit})`, log: true};
-    return {...this.overTime(`${engine}-latency`, 'Latency of an operation', axis, series), broad: true};
+    const middle = greatest(this.runs.map((run) => engineOf(run, engine)?.work.p50 ?? 0));
+    if (middle >= 1e3) return ['ms', 1e-3];
+    return middle >= 1 ? ['µs', 1] : ['ns', 1e3];
   }
 
   histogram(engine) {
-    const [unit, perNs] = this.latencyUnit(engine);
+    const [unit, perUs] = this.latencyUnit(engine);
     let lowest = Infinity;
     let highest = 0;
     const series = this.runs.flatMap((run, i) => {
-      const points = shares(engineOf(run, engine)?.histogram, perNs);
+      const points = shares(engineOf(run, engine)?.histogram, perUs / 1e3);
       if (points.length === 0) return [];
       lowest = Math.min(lowest, points[0].x);
       highest = Math.max(highest, points[points.length - 1].x * 2 ** (1 / kBinsPerOctave));
@@ -202,7 +199,7 @@ class Charts {
     const series = this.runs.flatMap((run, i) => {
       const printed = printedOf(run, engine);
       if (!printed || failureOf(run, engine) !== '') return [];
-      const exact = engineOf(run, engine)?.work.busy_fps ?? 0;
+      const exact = engineOf(run, engine)?.work.exact ?? 0;
       const line = [{x: 0, y: exact}, {x: this.endS, y: exact}];
       const colour = this.engineColour(engine);
       return [this.line(i, colour, 'printed', pointsOf(printed.time_s, printed.fps)),

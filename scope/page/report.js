@@ -25,7 +25,7 @@ function engineSection(runs, engine, charts) {
 function summarySection(data, engines, totals) {
   const parts = engines.length === 0 ?
       [el('p', {}, 'Nothing was recorded: neither an operation nor a rate line.')] :
-      [el('h3', {}, 'The whole run'), summaryTable(data.runs, engines), threadTable(data.runs), ...medianTable(data)].flat();
+      [el('h3', {}, 'The whole run'), summaryTable(data, engines), threadTable(data), ...medianTable(data)].flat();
   for (const run of data.runs.filter((each) => !each.meter)) {
     parts.push(el('p', {class: 'absent'},
         `${run.name}: recorded without the meter, so there are no operations, bytes and latencies.`));
@@ -36,7 +36,7 @@ function summarySection(data, engines, totals) {
 function showReport(data) {
   const engines = data.engines.filter((engine) => engine.load);
   numberWarnings(data.runs);
-  const charts = new Charts(data.runs, engines, data.warmup_s);
+  const charts = new Charts(data, engines);
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
   const counters = charts.counters();
@@ -50,6 +50,10 @@ function showReport(data) {
       section('Counters of the machine', chartFigures(counters, 'Counters. '), counterTable(data.runs)),
       section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)));
   document.getElementById('tool').textContent = data.tool;
+  for (const term of document.querySelectorAll('dt[data-figures]')) {
+    const names = term.dataset.figures.split(' ');
+    term.prepend(data.figures.filter(({name, chart}) => names.includes(chart || name)).map(({title}) => title).join(', '));
+  }
 
   drawAll([...totals, ...ofEngines.flat(), ...counters]);
 }

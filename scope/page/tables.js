@@ -2,17 +2,14 @@
 
 // The tables and lists of the page. A number's cell stores it in data-value, which sorting uses.
 
-// Title, key in the data, and function that formats the value.
-const kWorkColumns = [
-  ['Operations', 'operations', thousands],
-  ['ops/s', 'operations_per_s', rateText],
-  ['GB/s', 'gigabytes_per_s', (value) => value.toFixed(3)],
-  ['p50', 'p50_ns', latencyText],
-  ['p99', 'p99_ns', latencyText],
-  ['max', 'max_ns', latencyText],
-  ['Failures', 'failures', thousands],
-];
-const kWorkTitles = kWorkColumns.map(([title]) => title);
+// How figures are shown, by their unit; a count has none.
+const kUnitTexts = {
+  '': thousands,
+  'op/s': rateText,
+  'GB/s': (value) => value.toFixed(3),
+  'us': (value) => latencyText(Math.round(value * 1e3)),
+  'fps': rateText,
+};
 
 // `value` is null or undefined if the run lacks the figure.
 function figureCell(value, text, doubtful = false) {
@@ -20,12 +17,13 @@ function figureCell(value, text, doubtful = false) {
   return el('td', {class: doubtful && 'bad', 'data-value': isPresent && String(value)}, isPresent ? text(value) : absent());
 }
 
-function workCells(work) {
-  return kWorkColumns.map(([, key, text]) => {
-    const value = work?.[key];
-    if (key === 'failures') return figureCell(value, text, value > 0);
-    return figureCell(key.endsWith('_ns') ? value || null : value, text);
-  });
+// The figures that the meter measured in the work of an engine or of a thread.
+function workFigures(data) {
+  return data.figures.filter(({measured}) => measured);
+}
+
+function workCells(figures, work) {
+  return figures.map(({name, unit}) => figureCell(work?.[name], kUnitTexts[unit], name === 'failures' && work?.[name] > 0));
 }
 
 function rowHeading(text, attributes = {}) {
@@ -38,7 +36,7 @@ function sortRows(heading) {
   const body = heading.closest('table').tBodies[0];
   const isWords = heading.classList.contains('words');
   const before = heading.getAttribute('aria-sort');
-  const rising = before ? before === 'descending' : isWords;
+  const rising = before ? before === 'descending' : isWords || 'rising' in heading.dataset;
   for (const other of heading.parentNode.cells) other.removeAttribute('aria-sort');
   heading.setAttribute('aria-sort', rising ? 'ascending' : 'descending');
   const valueOf = (row) => (isWords ? row.cells[column].textContent : Number(row.cells[column].dataset.value));
@@ -59,12 +57,13 @@ function sortableHeading(title, attributes) {
   return heading;
 }
 
-// `words` and `figures` are the titles of the text columns and of the number columns after them. A table with numbers
-// can be sorted.
+// `words` are the titles of the text columns; `figures` have those of the number columns after them. A table with numbers
+// can be sorted. The first click puts the best value of a column on top.
 function table(kind, words, figures, rows) {
   const wordHeading = (title) => (figures.length > 0 ? sortableHeading(title, {class: 'words'}) :
       el('th', {scope: 'col', class: 'words'}, title));
-  const headings = [...words.map(wordHeading), ...figures.map((title) => sortableHeading(title, {}))];
+  const headings = [...words.map(wordHeading), ...figures.map((figure) =>
+    sortableHeading(figure.title, {'data-rising': figure.lower_is_better ? '' : null}))];
   const head = headings.length > 0 && el('thead', {}, el('tr', {}, headings));
   const columns = figures.length > 0 && words.length > 1 ? ' two' : '';
   return el('div', {class: 'wide'}, el('table', {class: kind + columns}, head || [], el('tbody', {}, rows)));
@@ -79,60 +78,59 @@ function workWords(runs) {
   return runs.length > 1 ? ['Engine', 'Run'] : ['Engine'];
 }
 
-function summaryRow(run, name, headings) {
+// The printed rate stands where the table of figures has it.
+function summaryRow(data, run, name, headings) {
   const engine = engineOf(run, name);
   const printed = printedOf(run, name);
-  const exact = engine?.work.busy_fps || null;
+  const exact = engine?.work.exact;
   const offBy = exact && printed && printed.median_fps > 0 ? Math.round((printed.median_fps / exact - 1) * 100) : null;
   return [
     ...headings,
     figureCell(engine?.threads.length, String),
-    ...workCells(engine?.work),
-    figureCell(printed?.median_fps, rateText, engine?.short_operations),
-    figureCell(exact, rateText),
+    ...data.figures.flatMap((figure) => (figure.measured ? workCells([figure], engine?.work) :
+        [figureCell(printed?.median_fps, kUnitTexts[figure.unit], engine?.short_operations)])),
     figureCell(offBy, percentText),
   ];
 }
 
-function summaryTable(runs, engines) {
+function summaryTable(data, engines) {
+  const {runs, figures} = data;
   const rows = engines.flatMap((engine) => runs.map((run, i) =>
-    el('tr', {class: i === 0 && 'first'}, summaryRow(run, engine.name, workHeadings(runs, run, engine.name)))));
+    el('tr', {class: i === 0 && 'first'}, summaryRow(data, run, engine.name, workHeadings(runs, run, engine.name)))));
+  const at = figures.findIndex(({name}) => name === 'bandwidth');
   for (const run of runs.filter((each) => each.gigabytes_per_s !== null)) {
-    rows.push(el('tr', {class: 'first', 'data-fixed': ''}, workHeadings(runs, run, 'all'), el('td', {colspan: 3}),
-        figureCell(run.gigabytes_per_s, (value) => value.toFixed(3)), el('td', {colspan: 7})));
+    rows.push(el('tr', {class: 'first', 'data-fixed': ''}, workHeadings(runs, run, 'all'), el('td', {colspan: at + 1}),
+        figureCell(run.gigabytes_per_s, kUnitTexts[figures[at].unit]), el('td', {colspan: figures.length - at})));
   }
-  return table('figures', workWords(runs), ['Threads', ...kWorkTitles, 'Printed fps', 'Exact fps', 'Off by'], rows);
-}
-
-// The columns of the medians: the figures in the order of the runs' data.
-function medianColumns(runs) {
-  const titles = new Map();
-  for (const {figure, unit} of runs.flatMap((run) => run.medians)) titles.set(figure, `${figure} (${unit})`);
-  return [...titles];
+  const columns = [{title: 'Threads'}, ...figures, {title: 'Off by'}];
+  return table('figures', workWords(runs), columns, rows);
 }
 
 // Medians over the seconds after the warm-up. They differ from the figures of the whole run.
 function medianTable(data) {
   const {runs} = data;
-  const columns = medianColumns(runs);
+  const medianOf = (run, engine, figure) =>
+    run.medians.find((each) => each.engine === engine && each.figure === figure)?.median;
+  const columns = data.figures.filter(({name}) => runs.some((run) => run.medians.some((each) => each.figure === name)));
   const engines = [...data.engines, {name: 'total'}].filter(({name}) =>
     runs.some((run) => run.medians.some((entry) => entry.engine === name)));
   if (engines.length === 0) return [];
   const rows = engines.flatMap(({name}) => runs.map((run) => el('tr', {},
       workHeadings(runs, run, name === 'total' ? 'all' : name),
-      columns.map(([figure]) => figureCell(
-          run.medians.find((each) => each.engine === name && each.figure === figure)?.median, shortNumber)))));
+      columns.map((figure) => figureCell(medianOf(run, name, figure.name), shortNumber)))));
+  const titled = columns.map((figure) => ({...figure, title: `${figure.name} (${figure.unit})`}));
   return [el('h3', {}, `Medians of the seconds after the warm-up of ${data.warmup_s} s, as compare takes them`),
-    table('figures medians', workWords(runs), columns.map(([, title]) => title), rows)];
+    table('figures medians', workWords(runs), titled, rows)];
 }
 
-function threadTable(runs) {
+function threadTable(data) {
+  const {runs} = data;
+  const figures = workFigures(data);
   const rows = runs.flatMap((run) => run.engines.flatMap((engine) => engine.threads.map((thread) => el('tr', {},
-      workHeadings(runs, run, engine.name), figureCell(thread.thread, String), workCells(thread.work),
-      figureCell(thread.work.busy_fps || null, rateText)))));
+      workHeadings(runs, run, engine.name), figureCell(thread.thread, String), workCells(figures, thread.work)))));
   if (rows.length === 0) return [];
   return el('details', {}, el('summary', {}, 'Each thread'),
-      table('figures threads', workWords(runs), ['Thread', ...kWorkTitles, 'Exact fps'], rows));
+      table('figures threads', workWords(runs), [{title: 'Thread'}, ...figures], rows));
 }
 
 // Warnings with a time have the same numbers as on the charts.

@@ -160,7 +160,12 @@ TEST(CompareFigures, HaveNamesUnitsAndDirections) {
   is(Figure::kP50, "p50", "us", true);
   is(Figure::kP99, "p99", "us", true);
   is(Figure::kPrinted, "printed", "fps", false);
-  EXPECT_EQ(FigureKinds().size(), 5U);
+  std::vector<std::string> compared;
+  for (const FigureKind& kind : FigureKinds()) {
+    EXPECT_EQ(&KindOf(kind.figure), &kind) << kind.name;
+    if (kind.compared) compared.emplace_back(kind.name);
+  }
+  EXPECT_THAT(compared, ElementsAre("ops", "bandwidth", "p50", "p99", "printed"));
 }
 
 TEST(CompareFigures, AreInTheOrderOfTheEnginesAndThenOfTheFigures) {

@@ -77,7 +77,7 @@ TEST(Histogram, AddsAnother) {
   other.Add(3, 1);
   other.Add(5, 4);
   one.Add(other);
-  EXPECT_EQ(one.Total(), 7U);
+  EXPECT_EQ(one.Buckets().at(5), 4U);
   EXPECT_EQ(one.Buckets().at(3), 3U);
 }
 
@@ -97,7 +97,6 @@ TEST(Histogram, HasNoBucketOfWhatDidNotCome) {
   histogram.Add(7, 2);
   histogram.Add(7, 3);
   EXPECT_EQ(histogram.Buckets().at(7), 5U);
-  EXPECT_EQ(histogram.Total(), 5U);
 }
 
 TEST(AtQuantile, IsByNearestRank) {

@@ -128,7 +128,7 @@ TEST_F(ReportProgramTest, ShowsWhatATruncatedRunHasAndSaysSo) {
   folder_.Put("cut/samples.csv", samples.substr(0, samples.size() / 2));
   const ToolResult half = Report({folder_ / "cut"});
   EXPECT_EQ(half.status, 0) << half.errors;
-  EXPECT_THAT(half.output, AllOf(HasSubstr("  cpu            2"), HasSubstr("is cut and was left out")));
+  EXPECT_THAT(half.output, AllOf(HasSubstr("  cpu           2"), HasSubstr("is cut and was left out")));
 }
 
 TEST_F(ReportProgramTest, ShowsSamplesWithGapsAndSaysSo) {

@@ -104,7 +104,6 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_DOUBLE_EQ(run.rates[0].fps, 431.034483);
   ASSERT_EQ(run.histogram.size(), 1U);
   EXPECT_EQ(run.histogram[0].highNs, 1008U);
-  EXPECT_THAT(folder_.Get("a/run/samples.jsonl"), HasSubstr("\"bytes\":null"));
 }
 
 TEST_F(RunFolderTest, ReadsNamesThatTheMachineMade) {
@@ -165,7 +164,7 @@ TEST_F(RunFolderTest, AFullDiskIsSaidAndKeepsWhatIsThere) {
   writer.WriteInfo(SomeInfo());
   std::filesystem::create_symlink("/dev/full", run_ + "/samples.csv");
   try {
-    writer.Add({SampleAt(1)});
+    writer.Add(std::vector<Sample>{SampleAt(1)});
     FAIL() << "no error";
   } catch (const UserError& error) {
     EXPECT_THAT(error.what(), HasSubstr("samples.csv: No space left on device"));

@@ -12,6 +12,7 @@
 
 #include "compare_conditions.h"
 #include "run_json.h"
+#include "run_tables.h"
 #include "synthetic_run.h"
 
 namespace {
@@ -73,6 +74,19 @@ std::set<std::string> DocumentedKeys() {
 TEST(RunKeys, AreExactlyThoseOfTheFormatsDescription) {
   EXPECT_THAT(WrittenKeys(), Not(IsEmpty()));
   EXPECT_EQ(WrittenKeys(), DocumentedKeys());
+}
+
+TEST(RunTables, HaveTheHeadersOfTheFormatsDescription) {
+  const std::string text = ReadFile(SCOPE_FORMAT);
+  const auto documented = [&text](const std::string& file, const std::string& header) {
+    const std::size_t section = text.find("\n## " + file);
+    const std::size_t from = text.find("\n`", section);
+    return section != std::string::npos && text.compare(from, header.size() + 4, "\n`" + header + "`\n") == 0;
+  };
+  EXPECT_TRUE(documented(scope::kTableName<scope::Sample>, scope::TableHeader<scope::Sample>()));
+  EXPECT_TRUE(documented(scope::kTableName<scope::HistogramRow>, scope::TableHeader<scope::HistogramRow>()));
+  EXPECT_TRUE(documented(scope::kTableName<scope::Rate>, scope::TableHeader<scope::Rate>()));
+  EXPECT_TRUE(documented(scope::kTableName<scope::CounterValue>, scope::TableHeader<scope::CounterValue>()));
 }
 
 TEST(RunKeys, ThatMustAgreeAreThoseOfTheManual) {

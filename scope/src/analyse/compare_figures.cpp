@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "compare_figures.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <optional>
 #include <tuple>
 
@@ -10,8 +8,6 @@
 
 namespace scope {
 namespace {
-
-constexpr double kNsPerUs = 1e3;
 
 using Values = std::map<FigureKey, std::vector<double>>;
 
@@ -29,43 +25,19 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
     // The middle decides, because a second does not begin at exactly a whole number.
     if (second.afterGap || second.timeS - second.spanS / 2 < skipS) continue;
     for (const FigureKind& kind : FigureKinds()) {
-      const auto value = kind.ofSecond == nullptr ? std::nullopt : kind.ofSecond(second);
+      const auto value = kind.compared && kind.of != nullptr ? kind.of(second) : std::nullopt;
       if (value) figures[{engine.engine, kind.figure}].push_back(*value);
     }
-    const std::optional<double> gigabytesPerS = second.GigabytesPerS();
-    bytesKnown = bytesKnown && gigabytesPerS.has_value();
-    if (!gigabytesPerS) continue;
+    bytesKnown = bytesKnown && second.gigabytesPerS.has_value();
+    if (!second.gigabytesPerS) continue;
     TotalSecond& total = totals[second.timeS];
     ++total.engines;
-    total.gigabytesPerS += *gigabytesPerS;
+    total.gigabytesPerS += *second.gigabytesPerS;
   }
   if (!bytesKnown) figures.erase({engine.engine, Figure::kBandwidth});
 }
 
-// A second without operations has no latency.
-template <std::uint64_t EngineSecond::* kLatencyNs>
-std::optional<double> LatencyUs(const EngineSecond& second) {
-  if (second.operations == 0) return std::nullopt;
-  return static_cast<double>(second.*kLatencyNs) / kNsPerUs;
-}
-
 }  // namespace
-
-const std::vector<FigureKind>& FigureKinds() {
-  static const std::vector<FigureKind> kKinds = {
-      {Figure::kOperations, "ops", "op/s", false,
-       [](const EngineSecond& second) { return std::optional(second.OperationsPerS()); }},
-      {Figure::kBandwidth, "bandwidth", "GB/s", false,
-       [](const EngineSecond& second) { return second.GigabytesPerS(); }},
-      {Figure::kP50, "p50", "us", true, LatencyUs<&EngineSecond::p50Ns>},
-      {Figure::kP99, "p99", "us", true, LatencyUs<&EngineSecond::p99Ns>},
-      {Figure::kPrinted, "printed", "fps", false, nullptr}};
-  return kKinds;
-}
-
-const FigureKind& KindOf(Figure figure) {
-  return FigureKinds().at(static_cast<std::size_t>(figure));
-}
 
 bool operator<(const FigureKey& left, const FigureKey& right) {
   const auto rank = [](const FigureKey& key) {

@@ -2,28 +2,12 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "run_summary.h"
 
 namespace scope {
-
-/// The figures of an engine that are compared, in display order.
-enum class Figure { kOperations, kBandwidth, kP50, kP99, kPrinted };
-
-struct FigureKind {
-  Figure figure;
-  const char* name;  ///< in arguments and JSON: "ops", "bandwidth", "p50", "p99", "printed"
-  const char* unit;  ///< "op/s", "GB/s", "us", "us", "fps"
-  bool lowerIsBetter;
-  /// The figure of a second; none where the second has none. Null: not taken from the meter's seconds.
-  std::optional<double> (*ofSecond)(const EngineSecond& second);
-};
-const std::vector<FigureKind>& FigureKinds();
-const FigureKind& KindOf(Figure figure);
 
 /// All engines together. Its only figure is the bandwidth, if the bytes of every engine are known.
 constexpr const char* kAllEngines = "total";
@@ -35,9 +19,9 @@ struct FigureKey {
 /// Orders by engine, as in the table of engines, and then by figure.
 bool operator<(const FigureKey& left, const FigureKey& right);
 
-/// The values of the run's seconds by figure, in order of time:
+/// The values of the run's seconds by figure that is compared, in its unit and in order of time:
 /// - op/s and GB/s (10^9 bytes) of all threads of the engine, divided by the second's length;
-/// - p50 and p99 of EngineSecond, in us;
+/// - p50 and p99 of EngineSecond;
 /// - the printed rate.
 /// Only whole seconds count. Seconds whose middle is before `skipS` and printed rates before it are left out.
 /// An engine without operations has the single rate 0. If no engine has any, the total is a single 0 too.

@@ -17,7 +17,6 @@
 namespace scope {
 namespace {
 
-constexpr double kNsPerS = 1e9;
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
 
 // Engines in the order of the table, then others by name.
@@ -33,37 +32,24 @@ double StartOf(const std::set<double>& ends, double timeS) {
   return at == ends.begin() ? 0 : *std::prev(at);
 }
 
-EngineSecond Add(const Rows& rows) {
-  EngineSecond second;
-  second.timeS = rows.front()->timeS;
-  second.bytes = 0;
-  std::map<std::uint64_t, std::uint64_t> medians;
-  for (const Sample* row : rows) {
-    second.operations += row->operations;
-    if (row->bytes && second.bytes) {
-      *second.bytes += *row->bytes;
-    } else {
-      second.bytes.reset();
-    }
-    second.failures += row->failures;
-    medians[row->p50Ns] += row->operations;
-    second.p99Ns = std::max(second.p99Ns, row->p99Ns);
-    second.maxNs = std::max(second.maxNs, row->maxNs);
-  }
-  if (second.operations != 0) second.p50Ns = AtQuantile(medians, 0.50)->first;
-  return second;
-}
-
 std::vector<EngineSecond> SecondsOf(const Rows& samples, const std::set<double>& ends) {
   std::map<double, Rows> byTime;
   for (const Sample* sample : samples) byTime[sample->timeS].push_back(sample);
   std::vector<EngineSecond> seconds;
   for (const auto& [timeS, rows] : byTime) {
-    EngineSecond second = Add(rows);
     // A row counts everything since the row before it, even after a gap.
-    second.spanS = timeS - (seconds.empty() ? StartOf(ends, timeS) : seconds.back().timeS);
-    second.afterGap = !seconds.empty() && second.spanS > kGapS;
-    if (second.spanS > 0) seconds.push_back(second);
+    const double spanS = timeS - (seconds.empty() ? StartOf(ends, timeS) : seconds.back().timeS);
+    if (spanS <= 0) continue;
+    EngineSecond second = AddUp(rows, spanS);
+    // Of several threads: the median of their medians, weighted by their operations, and the greatest 99th.
+    std::map<std::uint64_t, std::uint64_t> medians;
+    for (const Sample* row : rows) {
+      medians[row->p50Ns] += row->operations;
+      second.p99Ns = std::max(second.p99Ns, row->p99Ns);
+    }
+    if (second.operations != 0) second.p50Ns = AtQuantile(medians, 0.50)->first;
+    second.afterGap = !seconds.empty() && spanS > kGapS;
+    seconds.push_back(second);
   }
   return seconds;
 }
@@ -82,9 +68,9 @@ std::pair<std::size_t, std::size_t> WholeSeconds(const std::vector<EngineSecond>
 using Buckets = std::map<std::pair<std::uint64_t, std::uint64_t>, std::uint64_t>;
 
 // The middle of the bucket, but never more than the longest operation.
-std::optional<std::uint64_t> Percentile(const Buckets& buckets, double quantile, std::uint64_t maxNs) {
+std::uint64_t Percentile(const Buckets& buckets, double quantile, std::uint64_t maxNs) {
   const auto at = AtQuantile(buckets, quantile);
-  if (at == buckets.end()) return std::nullopt;
+  if (at == buckets.end()) return 0;
   const auto [low, high] = at->first;
   const std::uint64_t middle = low + (std::max(high, low + 1) - 1 - low) / 2;
   return maxNs == 0 ? middle : std::min(middle, maxNs);
@@ -93,9 +79,7 @@ std::optional<std::uint64_t> Percentile(const Buckets& buckets, double quantile,
 WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t firstWhole,
                           std::size_t endWhole, const Buckets& buckets) {
   WorkSummary work;
-  double spanS = 0;
-  std::uint64_t operations = 0;
-  std::optional<std::uint64_t> bytes = 0;
+  EngineSecond whole;
   for (std::size_t i = 0; i != seconds.size(); ++i) {
     const EngineSecond& second = seconds[i];
     work.operations += second.operations;
@@ -103,50 +87,29 @@ WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t 
     work.maxNs = std::max(work.maxNs, second.maxNs);
     if (second.operations != 0) work.lastS = second.timeS;
     if (i < firstWhole || i >= endWhole || second.afterGap) continue;
-    spanS += second.spanS;
-    operations += second.operations;
-    if (second.bytes && bytes) {
-      *bytes += *second.bytes;
-    } else {
-      bytes.reset();
-    }
+    whole.spanS += second.spanS;
+    whole.operations += second.operations;
+    whole.bytes = Sum(whole.bytes, second.bytes);
   }
-  if (spanS > 0) {
-    work.operationsPerS = static_cast<double>(operations) / spanS;
-    if (bytes) work.gigabytesPerS = static_cast<double>(*bytes) / spanS / kBytesPerGigabyte;
-  }
+  SetRates(whole);
+  work.operationsPerS = whole.operationsPerS;
+  work.gigabytesPerS = whole.gigabytesPerS;
   work.p50Ns = Percentile(buckets, 0.50, work.maxNs);
   work.p99Ns = Percentile(buckets, 0.99, work.maxNs);
   return work;
 }
 
-double BusyRate(const Rows& samples) {
-  double operations = 0;
-  double busyNs = 0;
-  for (const Sample* sample : samples) {
-    operations += static_cast<double>(sample->operations);
-    busyNs += static_cast<double>(sample->busyNs);
-  }
-  return busyNs > 0 ? operations / busyNs * kNsPerS : 0;
-}
-
-double ShareBelowMillisecond(const Buckets& buckets) {
+double ShareBelowMillisecond(const Rows& samples, const Buckets& buckets) {
   double below = 0;
   double whole = 0;
-  for (const auto& [bucket, count] : buckets) {
-    whole += static_cast<double>(count);
-    if (bucket.first < kMillisecondNs) below += static_cast<double>(count);
-  }
-  return whole > 0 ? below / whole : 0;
-}
-
-// For runs without a histogram (a killed recorder leaves none): uses the medians of the seconds.
-double ShareBelowMillisecond(const Rows& samples) {
-  double below = 0;
-  double whole = 0;
-  for (const Sample* sample : samples) {
-    whole += static_cast<double>(sample->operations);
-    if (sample->p50Ns < kMillisecondNs) below += static_cast<double>(sample->operations);
+  const auto add = [&](std::uint64_t latencyNs, std::uint64_t operations) {
+    whole += static_cast<double>(operations);
+    if (latencyNs < kMillisecondNs) below += static_cast<double>(operations);
+  };
+  for (const auto& [bucket, count] : buckets) add(bucket.first, count);
+  // For runs without a histogram (a killed recorder leaves none): the medians of the seconds.
+  if (buckets.empty()) {
+    for (const Sample* sample : samples) add(sample->p50Ns, sample->operations);
   }
   return whole > 0 ? below / whole : 0;
 }
@@ -174,13 +137,13 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
     const std::vector<EngineSecond> seconds = SecondsOf(rows, ends);
     const auto [first, end] = WholeSeconds(seconds);
     ThreadSummary threadSummary{thread, SummariseWork(seconds, first, end, buckets[thread])};
-    threadSummary.work.busyRate = BusyRate(rows);
+    threadSummary.work.busyRate = AddUp(rows, 0).busyRate;
     busyRates += threadSummary.work.busyRate;
     busyThreads += threadSummary.work.busyRate > 0 ? 1 : 0;
     summary.threads.push_back(threadSummary);
   }
   summary.work.busyRate = busyThreads == 0 ? 0 : busyRates / busyThreads;
-  summary.belowMillisecond = all.empty() ? ShareBelowMillisecond(samples) : ShareBelowMillisecond(all);
+  summary.belowMillisecond = ShareBelowMillisecond(samples, all);
   return summary;
 }
 
@@ -200,11 +163,6 @@ PrintedRates SummarisePrinted(const std::string& stress, const std::vector<Rate>
 }
 
 }  // namespace
-
-std::optional<double> EngineSecond::GigabytesPerS() const {
-  if (!bytes) return std::nullopt;
-  return static_cast<double>(*bytes) / spanS / kBytesPerGigabyte;
-}
 
 const PrintedRates* RunSummary::PrintedOf(const std::string& engine) const {
   const auto at = std::find_if(printed.begin(), printed.end(),

@@ -1,48 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "run.h"
+#include "figures.h"
 
 /// The figures of a recorded run that every report shows. Gigabytes are 10^9 bytes.
 namespace scope {
 
-/// One engine in one second, all its threads together.
-struct EngineSecond {
-  double timeS = 0;  ///< end of the second
-  double spanS = 0;  ///< its length
-  /// True if samples are missing before it. They are counted here or lost, so this second has no rate.
-  bool afterGap = false;
-  std::uint64_t operations = 0;
-  std::optional<std::uint64_t> bytes;  ///< none if a thread's bytes are unknown
-  std::uint64_t failures = 0;
-  /// Median of the threads' medians, weighted by their operations. This and the next two are 0 without
-  /// operations.
-  std::uint64_t p50Ns = 0;
-  std::uint64_t p99Ns = 0;  ///< the greatest p99 of a thread; the p99 of all threads together is at most this
-  std::uint64_t maxNs = 0;
-
-  double OperationsPerS() const { return static_cast<double>(operations) / spanS; }
-  std::optional<double> GigabytesPerS() const;
-};
-
 /// An engine, or one thread of it, over the whole run.
-struct WorkSummary {
-  std::uint64_t operations = 0;
-  std::uint64_t failures = 0;
-  double operationsPerS = 0;            ///< over the whole seconds, see EngineSummary
-  std::optional<double> gigabytesPerS;  ///< the same; none if bytes are unknown
-  std::optional<std::uint64_t> p50Ns;   ///< of all operations; none without operations or histogram
-  std::optional<std::uint64_t> p99Ns;
-  std::uint64_t maxNs = 0;
+/// Rates are over the whole seconds, see EngineSummary. Latencies are those of all operations.
+struct WorkSummary : Work {
   double lastS = 0;  ///< end of the last second with an operation; 0 without one
-  /// Operations per second of busy time: the rate that the benchmark would print if it counted exactly. For
-  /// several threads it is their mean, like the printed rate. 0 without operations.
-  double busyRate = 0;
 };
 
 struct ThreadSummary {

@@ -35,9 +35,7 @@ void AddBuild(const Run& run, List& warnings) {
       build.empty() || build == "Release" || build == "RelWithDebInfo" || build == "MinSizeRel";
   if (!optimised) {
     warnings.push_back({"the benchmark was built as \"" + build +
-                            "\", for debugging: its figures are not those of a release",
-                        {},
-                        {}});
+                        "\", for debugging: its figures are not those of a release"});
   }
 }
 
@@ -46,10 +44,8 @@ void AddLoad(const Run& run, List& warnings) {
   if (machine.loadAverage.empty() || machine.cpuCount <= 0) return;
   const double load = machine.loadAverage.front();
   if (load <= kBusyLoad * machine.cpuCount) return;
-  warnings.push_back(
-      {Format("the machine was busy at the start: a load average of %.2f on %d CPUs", load, machine.cpuCount),
-       {},
-       {}});
+  warnings.push_back({Format("the machine was busy at the start: a load average of %.2f on %d CPUs", load,
+                             machine.cpuCount)});
 }
 
 void AddFailures(const EngineSummary& engine, List& warnings) {
@@ -129,14 +125,12 @@ Warning AboutCounter(const Series& series) {
     const char* const format = first.source == "throttle" ? ": throttled %.0f times during the run"
                                                           : ": %.0f memory errors during the run";
     return {first.name + Format(format, last.value - first.value),
-            FirstTime(series, [&](double value) { return value > first.value; }),
-            {}};
+            FirstTime(series, [&](double value) { return value > first.value; })};
   }
   if (first.source == "devfreq" && low < high) {
     return {first.name + Format(": the frequency changed during the run, between %.0f and %.0f MHz",
                                 low / 1e6, high / 1e6),
-            FirstTime(series, [&](double value) { return value != first.value; }),
-            {}};
+            FirstTime(series, [&](double value) { return value != first.value; })};
   }
   if (first.source == "cpufreq") {
     std::vector<double> late;
@@ -144,8 +138,7 @@ Warning AboutCounter(const Series& series) {
     const double end = Median(std::move(late));
     if (end >= high * kSlowedDown) return {};
     return {first.name + Format(": slowed down from %.0f to %.0f MHz during the run", high, end),
-            FirstTime(series, [&](double value) { return value < high * kSlowedDown; }),
-            {}};
+            FirstTime(series, [&](double value) { return value < high * kSlowedDown; })};
   }
   return {};
 }
@@ -227,7 +220,7 @@ std::string Drift(const std::vector<double>& rates) {
 
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
-  for (const std::string& note : run.notes) warnings.push_back({note, {}, {}});
+  for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
   AddLoad(run, warnings);
   for (const EngineSummary& engine : summary.engines) {
@@ -241,7 +234,7 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
     for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {
       if (engine.seconds[i].afterGap) continue;
       times.push_back(engine.seconds[i].timeS);
-      rates.push_back(engine.seconds[i].OperationsPerS());
+      rates.push_back(engine.seconds[i].operationsPerS);
     }
     AddDrift(engine.engine, engine.engine, times, rates, warnings);
   }

@@ -11,9 +11,9 @@
 namespace scope {
 
 struct Warning {
-  std::string text;             ///< a sentence; empty means no warning
-  std::optional<double> timeS;  ///< when it began, if known
-  std::string engine;           ///< its engine; empty for the run or the machine
+  std::string text = {};             ///< a sentence; empty means no warning
+  std::optional<double> timeS = {};  ///< when it began, if known
+  std::string engine = {};           ///< its engine; empty for the run or the machine
 };
 
 /// Reasons to doubt the figures of `run`, one sentence each: the reader's notes (an incomplete run, gaps), a

@@ -78,7 +78,9 @@ void AddCompare(CLI::App& app, int& status) {
   command->add_option("A", options->a, "Run folder, folder of runs, or SWEEP:CPU=1,VENC=2")->required();
   command->add_option("B", options->b, "As for A")->required();
   std::vector<std::string> figures;
-  for (const FigureKind& kind : FigureKinds()) figures.emplace_back(kind.name);
+  for (const FigureKind& kind : FigureKinds()) {
+    if (kind.compared) figures.emplace_back(kind.name);
+  }
   command->add_option("--figure", options->figures, "Compare only these figures")
       ->delimiter(',')
       ->allow_extra_args(false)

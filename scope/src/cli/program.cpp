@@ -6,7 +6,6 @@
 
 #include "commands.h"
 #include "errors.h"
-#include "tool_version.h"
 
 namespace scope {
 

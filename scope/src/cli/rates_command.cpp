@@ -9,12 +9,10 @@
 #include <iostream>
 #include <memory>
 
-#include "clock.h"
 #include "commands.h"
 #include "errors.h"
 #include "rate_line.h"
 #include "run_writer.h"
-#include "tool_version.h"
 
 namespace scope {
 namespace {

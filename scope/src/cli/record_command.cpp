@@ -2,8 +2,8 @@
 #include <iostream>
 #include <memory>
 
-#include "clock.h"
 #include "commands.h"
+#include "durable_file.h"
 #include "errors.h"
 #include "live_view.h"
 #include "report.h"
@@ -58,7 +58,9 @@ void AddRecord(CLI::App& app, int& status) {
   AddRunSettings(*command, *options, nullptr);
   command->callback([options, quiet, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("run-");
-    const auto view = *quiet ? MakeSilentView() : OutputIsTerminal() ? MakeLiveView() : MakePlainView();
+    const auto view = *quiet               ? std::make_unique<View>()
+                      : OutputIsTerminal() ? MakeLiveView()
+                                           : MakePlainView();
     Signals signals;
     status = RecordAndPrint(*options, *view, signals, true).complete ? kExitOk : kExitFailure;
   });

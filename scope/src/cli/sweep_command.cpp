@@ -7,7 +7,6 @@
 #include <memory>
 #include <random>
 
-#include "clock.h"
 #include "commands.h"
 #include "compare.h"
 #include "compare_conditions.h"
@@ -116,7 +115,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
   options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
   MakeFolder(options.folder);
   ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
-  const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : MakeSilentView();
+  const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // No summary per run: the sweep prints its figures at its end.
   const RecordResult result = RecordAndPrint(options, *view, signals, false);
   run.reason.clear();

@@ -6,9 +6,7 @@
 namespace scope {
 
 void Histogram::Add(std::size_t bucket, std::uint64_t count) {
-  if (count == 0) return;
-  buckets_[bucket] += count;
-  total_ += count;
+  if (count != 0) buckets_[bucket] += count;
 }
 
 void Histogram::Add(const Histogram& other) {

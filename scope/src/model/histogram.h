@@ -29,8 +29,6 @@ class Histogram {
   void Add(std::size_t bucket, std::uint64_t count);
   void Add(const Histogram& other);
 
-  std::uint64_t Total() const { return total_; }
-
   /// The latency in ns at the quantile `quantile` (0 to 1), by nearest rank. It is the middle of a bucket, so
   /// it is within 0.4 %. 0 without operations.
   std::uint64_t Percentile(double quantile) const;
@@ -40,7 +38,6 @@ class Histogram {
 
  private:
   std::map<std::size_t, std::uint64_t> buckets_;
-  std::uint64_t total_ = 0;
 };
 
 }  // namespace scope

@@ -10,6 +10,8 @@
 /// A recorded run as plain data. scope/FORMAT.md describes its files.
 namespace scope {
 
+constexpr const char* kToolVersion = "stress_scope " STRESS_VERSION;
+
 /// More seconds than this between two samples of a thread are reported as a gap.
 constexpr double kGapS = 1.75;
 
@@ -56,6 +58,17 @@ struct CounterSource {
   std::string source;
   bool present = false;
   std::string reason;  ///< why it is absent; empty if it is present
+};
+
+/// How the benchmark is started and ended.
+struct RunSettings {
+  std::string benchmark;  ///< program; empty: stress_benchmark beside this program
+  std::string meter;      ///< library; empty: libstress_scope.so in the lib folder beside this program's
+  bool useMeter = true;   ///< false: only rate lines, counters and conditions
+  std::vector<std::string> extra;  ///< further arguments of the benchmark
+  std::string systemRoot = "/";    ///< folder that contains sys and proc
+  double stopAfterS = 0;           ///< SIGINT ends the run after these seconds; 0: it ends by itself
+  double graceS = 15;              ///< after its run time, a benchmark that is silent for so long has hung
 };
 
 /// run.json.

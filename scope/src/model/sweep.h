@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "run_settings.h"
+#include "run.h"
 
 /// What a sweep records and how much of it is done, as plain data.
 namespace scope {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace scope {
@@ -9,6 +10,9 @@ constexpr double kBytesPerGigabyte = 1e9;
 
 /// printf into a text. Cuts it after 511 bytes.
 __attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...);
+
+/// The finite number that `text` is; none if it is something else.
+std::optional<double> ParseNumber(const std::string& text);
 
 /// All texts, in order, with `between` between them.
 template <typename Texts>

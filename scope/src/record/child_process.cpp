@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <utility>
 
@@ -39,15 +40,14 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 }
 
 std::vector<std::string> Environment(const std::vector<std::pair<std::string, std::string>>& additions) {
-  std::vector<std::string> entries;
+  std::map<std::string, std::string> values;
   for (char** at = environ; *at != nullptr; ++at) {
     const std::string entry(*at);
-    bool replaced = false;
-    for (const auto& [name, value] : additions)
-      replaced = replaced || entry.compare(0, name.size() + 1, name + "=") == 0;
-    if (!replaced) entries.push_back(entry);
+    values.emplace(entry.substr(0, entry.find('=')), entry);
   }
-  for (const auto& [name, value] : additions) entries.push_back(name + "=" + value);
+  for (const auto& [name, value] : additions) values[name] = name + "=" + value;
+  std::vector<std::string> entries;
+  for (const auto& [name, entry] : values) entries.push_back(entry);
   return entries;
 }
 

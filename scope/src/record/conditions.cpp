@@ -2,10 +2,7 @@
 #include "conditions.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -15,6 +12,7 @@
 #include <tuple>
 
 #include "system_files.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -84,9 +82,7 @@ std::string Hash(const std::string& text) {
     hash ^= static_cast<unsigned char>(letter);
     hash *= 0x100000001b3;
   }
-  std::array<char, 20> digits{};
-  (void)std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(hash));
-  return digits.data();
+  return Format("%016llx", static_cast<unsigned long long>(hash));
 }
 
 bool IsCpu(const std::string& name) {
@@ -106,7 +102,7 @@ Conditions ReadConditions(const std::string& systemRoot) {
   std::vector<std::string> cpus = ListFolder(cpuFolder);
   cpus.erase(std::remove_if(cpus.begin(), cpus.end(), [](const std::string& name) { return !IsCpu(name); }),
              cpus.end());
-  conditions.cpuCount = static_cast<int>(ParseCpuList(ReadText(cpuFolder + "/online").value_or("")).size());
+  conditions.cpuCount = static_cast<int>(ParseList(ReadText(cpuFolder + "/online").value_or("")).size());
   if (conditions.cpuCount == 0) conditions.cpuCount = static_cast<int>(cpus.size());
   conditions.caches = Caches(cpuFolder, cpus);
   std::set<std::string> governors;
@@ -121,9 +117,7 @@ Conditions ReadConditions(const std::string& systemRoot) {
       conditions.cpuMhz.most = std::max(conditions.cpuMhz.most, *khz / 1000);
     }
   }
-  for (const std::string& governor : governors) {
-    conditions.governor += (conditions.governor.empty() ? "" : ",") + governor;
-  }
+  conditions.governor = Joined(governors, ",");
 
   const std::string memTotal = Field(ReadText(root + "/proc/meminfo").value_or(""), "MemTotal");
   conditions.memTotalBytes = std::strtoull(memTotal.c_str(), nullptr, 10) << 10;

@@ -16,25 +16,16 @@
 #include "system_files.h"
 
 namespace scope {
+
 namespace {
 
 constexpr const char* kPerf = "perf";
-constexpr const char* kResctrl = "resctrl";
-constexpr const char* kDevfreq = "devfreq";
-constexpr const char* kEdac = "edac";
-constexpr const char* kThermal = "thermal";
-constexpr const char* kCpuFrequency = "cpufreq";
-constexpr const char* kThrottle = "throttle";
 // What a resctrl file contains when it has no value at the moment.
 constexpr const char* kNotYet = "Unavailable";
 
 // `root` without the slashes at its end, so that "/..." can be appended.
 std::string WithoutSlash(const std::string& root) {
   return root.substr(0, root.find_last_not_of('/') + 1);
-}
-
-bool StartsWith(const std::string& text, const std::string& beginning) {
-  return text.compare(0, beginning.size(), beginning) == 0;
 }
 
 bool HasAny(const std::string& text, std::initializer_list<const char*> words) {
@@ -47,7 +38,7 @@ bool CountsMemory(const std::string& unit) {
   constexpr const char* kUnits[] = {"uncore_imc", "amd_umc", "amd_df",   "arm_cmn", "arm_dsu",
                                     "arm_dmc",    "dmc620",  "imx8_ddr", "imx9_ddr"};
   return std::any_of(std::begin(kUnits), std::end(kUnits),
-                     [&unit](const char* name) { return StartsWith(unit, name); });
+                     [&unit](const char* name) { return unit.rfind(name, 0) == 0; });
 }
 
 class Kernel : public PerfEvents {
@@ -75,34 +66,38 @@ bool PutBits(const std::string& bits, std::uint64_t value, perf_event_attr& attr
   const std::size_t colon = bits.find(':');
   if (colon == std::string::npos) return false;
   const std::string word = bits.substr(0, colon);
+  const std::vector<int> places = ParseList(bits.substr(colon + 1));
+  if (places.empty()) return false;
   std::uint64_t config = 0;
-  const char* at = bits.c_str() + colon + 1;
-  for (;;) {
-    char* end = nullptr;
-    const unsigned long first = std::strtoul(at, &end, 10);
-    if (end == at) return false;
-    unsigned long last = first;
-    if (*end == '-') {
-      at = end + 1;
-      last = std::strtoul(at, &end, 10);
-    }
-    if (last > 63 || last < first) return false;
-    for (unsigned long bit = first; bit <= last; ++bit, value >>= 1U) config |= (value & 1U) << bit;
-    if (*end != ',') break;
-    at = end + 1;
+  for (const int place : places) {
+    if (place > 63) return false;
+    config |= (value & 1U) << static_cast<unsigned>(place);
+    value >>= 1U;
   }
   // The value has more bits than its field.
   if (value != 0) return false;
-  if (word == "config") {
-    attributes.config |= config;
-  } else if (word == "config1") {
-    attributes.config1 |= config;
-  } else if (word == "config2") {
-    attributes.config2 |= config;
-  } else {
-    return false;
-  }
-  return true;
+  if (word == "config") attributes.config |= config;
+  if (word == "config1") attributes.config1 |= config;
+  if (word == "config2") attributes.config2 |= config;
+  return word == "config" || word == "config1" || word == "config2";
+}
+
+std::string WhyNoResctrl(const std::string& folder) {
+  std::error_code ignored;
+  const auto there = [&ignored](const std::string& path) { return std::filesystem::exists(path, ignored); };
+  const std::string mount = folder.substr(0, folder.rfind('/'));
+  if (there(folder)) return "no domain in " + folder + " counts bandwidth (mbm_total_bytes)";
+  if (there(mount + "/info")) return folder + " is missing: this resctrl has no monitoring";
+  // The mount point exists if the CPU has resctrl. Its files exist after it is mounted.
+  return there(mount) ? "resctrl is not mounted on " + mount
+                      : mount + " is missing: the kernel offers no resctrl on this machine";
+}
+
+std::string WhyNoDevfreq(const std::string& folder) {
+  const std::size_t devices = ListFolder(folder).size();
+  return devices == 0 ? folder + " is missing or empty: the kernel scales no device's frequency"
+                      : "none of the " + std::to_string(devices) + " devices in " + folder +
+                            " has the name of a memory controller";
 }
 
 }  // namespace
@@ -155,11 +150,24 @@ bool ParsePerfEvent(const std::string& folder, const std::string& text, perf_eve
 Counters::Counters(const std::string& systemRoot, std::unique_ptr<PerfEvents> perf) : perf_(std::move(perf)) {
   const std::string root = WithoutSlash(systemRoot);
   FindPerf(root);
-  FindResctrl(root);
-  FindDevfreq(root);
-  FindEdac(root);
-  FindThermal(root);
-  FindCpu(root);
+  const std::string cpus = root + "/sys/devices/system/cpu";
+  const std::string domains = root + "/sys/fs/resctrl/mon_data";
+  const std::string devices = root + "/sys/class/devfreq";
+  const std::string controllers = root + "/sys/devices/system/edac/mc";
+  const std::string zones = root + "/sys/class/thermal";
+  FindFiles({"resctrl", "", domains, "B/s", 1, true}, {}, {"mbm_total_bytes", "mbm_local_bytes"},
+            WhyNoResctrl(domains));
+  FindFiles({"devfreq", "", devices, "Hz", 1, false},
+            {"dmc", "ddr", "dram", "memory", "emc", "mif", "interconnect"}, {"cur_freq"},
+            WhyNoDevfreq(devices));
+  FindFiles({"edac", "", controllers, "errors", 1, false}, {}, {"ce_count", "ue_count"},
+            "no memory controller in " + controllers);
+  FindFiles({"thermal", "", zones, "degC", 1e-3, false}, {"thermal_zone"}, {"temp"},
+            "no thermal zone with a temperature in " + zones);
+  FindFiles({"cpufreq", "", cpus, "MHz", 1e-3, false}, {}, {"cpufreq/scaling_cur_freq"},
+            "no CPU in " + cpus + " reports its frequency (cpufreq/scaling_cur_freq)");
+  FindFiles({"throttle", "", cpus, "events", 1, false}, {}, {"thermal_throttle/core_throttle_count"},
+            "no CPU in " + cpus + " counts its throttling (thermal_throttle/core_throttle_count)");
 }
 
 Counters::~Counters() {
@@ -180,12 +188,6 @@ void Counters::Add(File file, std::string& reason) {
     return;
   }
   if (reason.empty()) reason = why;
-}
-
-void Counters::Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
-                        const std::string& otherwise) {
-  const bool present = files_.size() > filesBefore;
-  sources_.push_back({source, present, present ? std::string() : reason.empty() ? otherwise : reason});
 }
 
 void Counters::FindPerf(const std::string& root) {
@@ -221,7 +223,7 @@ std::vector<int> Counters::OpenOnAll(const std::vector<int>& cpus, const perf_ev
 }
 
 void Counters::OpenPerf(const std::string& unit, const std::string& folder, std::string& reason) {
-  const std::vector<int> cpus = ParseCpuList(ReadText(folder + "/cpumask").value_or("0"));
+  const std::vector<int> cpus = ParseList(ReadText(folder + "/cpumask").value_or("0"));
   if (cpus.empty()) {
     reason = folder + "/cpumask names no CPU";
     return;
@@ -255,86 +257,25 @@ void Counters::OpenPerf(const std::string& unit, const std::string& folder, std:
   if (!understood && reason.empty()) reason = unit + " has no event for reads or writes of memory";
 }
 
-void Counters::FindResctrl(const std::string& root) {
-  const std::string mount = root + "/sys/fs/resctrl";
-  const std::string folder = mount + "/mon_data";
+void Counters::FindFiles(const File& kind, std::initializer_list<const char*> parts,
+                         std::initializer_list<const char*> files, const std::string& otherwise) {
   const std::size_t before = files_.size();
   std::string reason;
-  for (const std::string& domain : ListFolder(folder)) {
-    for (const char* count : {"mbm_total_bytes", "mbm_local_bytes"}) {
-      const std::string path = folder + "/" + domain + "/" + count;
-      Add({kResctrl, domain + "/" + count, path, "B/s", 1, true}, reason);
+  for (const std::string& entry : ListFolder(kind.path)) {
+    if (parts.size() != 0 && !HasAny(entry, parts)) continue;
+    const std::string folder = kind.path + "/" + entry + "/";
+    // A thermal zone says what it measures. The other entries have no such file.
+    const std::string type = ReadText(folder + "type").value_or("");
+    for (const char* const file : files) {
+      File found = kind;
+      found.name =
+          entry + (type.empty() ? "" : "/" + type) + (files.size() == 1 ? "" : std::string("/") + file);
+      found.path = folder + file;
+      Add(found, reason);
     }
   }
-  std::error_code ignored;
-  const auto there = [&ignored](const std::string& path) { return std::filesystem::exists(path, ignored); };
-  // The mount point exists if the CPU has resctrl. Its files exist after it is mounted.
-  Conclude(kResctrl, before, reason,
-           there(folder)            ? "no domain in " + folder + " counts bandwidth (mbm_total_bytes)"
-           : there(mount + "/info") ? folder + " is missing: this resctrl has no monitoring"
-           : there(mount)           ? "resctrl is not mounted on " + mount
-                                    : mount + " is missing: the kernel offers no resctrl on this machine");
-}
-
-void Counters::FindDevfreq(const std::string& root) {
-  const std::string folder = root + "/sys/class/devfreq";
-  const std::size_t before = files_.size();
-  const std::vector<std::string> devices = ListFolder(folder);
-  std::string reason;
-  for (const std::string& device : devices) {
-    if (!HasAny(device, {"dmc", "ddr", "dram", "memory", "emc", "mif", "interconnect"})) continue;
-    Add({kDevfreq, device, folder + "/" + device + "/cur_freq", "Hz", 1, false}, reason);
-  }
-  Conclude(kDevfreq, before, reason,
-           devices.empty() ? folder + " is missing or empty: the kernel scales no device's frequency"
-                           : "none of the " + std::to_string(devices.size()) + " devices in " + folder +
-                                 " has the name of a memory controller");
-}
-
-void Counters::FindEdac(const std::string& root) {
-  const std::string folder = root + "/sys/devices/system/edac/mc";
-  const std::size_t before = files_.size();
-  std::string reason;
-  for (const std::string& controller : ListFolder(folder)) {
-    for (const char* count : {"ce_count", "ue_count"}) {
-      const std::string path = folder + "/" + controller + "/" + count;
-      Add({kEdac, controller + "/" + count, path, "errors", 1, false}, reason);
-    }
-  }
-  Conclude(kEdac, before, reason, "no memory controller in " + folder);
-}
-
-void Counters::FindThermal(const std::string& root) {
-  const std::string folder = root + "/sys/class/thermal";
-  const std::size_t before = files_.size();
-  std::string reason;
-  for (const std::string& zone : ListFolder(folder)) {
-    if (!StartsWith(zone, "thermal_zone")) continue;
-    const std::string path = folder + "/" + zone + "/temp";
-    const std::string type = ReadText(folder + "/" + zone + "/type").value_or("");
-    Add({kThermal, type.empty() ? zone : zone + "/" + type, path, "degC", 1e-3, false}, reason);
-  }
-  Conclude(kThermal, before, reason, "no thermal zone with a temperature in " + folder);
-}
-
-void Counters::FindCpu(const std::string& root) {
-  const std::string folder = root + "/sys/devices/system/cpu";
-  const std::vector<std::string> cpus = ListFolder(folder);
-  std::size_t before = files_.size();
-  std::string reason;
-  for (const std::string& cpu : cpus) {
-    Add({kCpuFrequency, cpu, folder + "/" + cpu + "/cpufreq/scaling_cur_freq", "MHz", 1e-3, false}, reason);
-  }
-  Conclude(kCpuFrequency, before, reason,
-           "no CPU in " + folder + " reports its frequency (cpufreq/scaling_cur_freq)");
-  before = files_.size();
-  reason.clear();
-  for (const std::string& cpu : cpus) {
-    const std::string path = folder + "/" + cpu + "/thermal_throttle/core_throttle_count";
-    Add({kThrottle, cpu, path, "events", 1, false}, reason);
-  }
-  Conclude(kThrottle, before, reason,
-           "no CPU in " + folder + " counts its throttling (thermal_throttle/core_throttle_count)");
+  const bool present = files_.size() > before;
+  sources_.push_back({kind.source, present, present ? std::string() : reason.empty() ? otherwise : reason});
 }
 
 std::optional<double> Counters::PerSecond(const std::string& key, double count, double timeS) {

@@ -4,6 +4,7 @@
 #include <linux/perf_event.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -84,15 +85,10 @@ class Counters {
 
   /// Adds the file if it has a number or will have one. Otherwise sets `reason`, unless it is set already.
   void Add(File file, std::string& reason);
-  /// Lists `source` as present if files were added since, else as absent for `reason` or, if empty,
-  /// `otherwise`.
-  void Conclude(const char* source, std::size_t filesBefore, const std::string& reason,
-                const std::string& otherwise);
-  void FindResctrl(const std::string& root);
-  void FindDevfreq(const std::string& root);
-  void FindEdac(const std::string& root);
-  void FindThermal(const std::string& root);
-  void FindCpu(const std::string& root);
+  /// Adds the numbers in `files` of each entry of the folder `kind.path` whose name has one of the `parts`;
+  /// no parts: of all entries. Lists the source as present if there are any, else as absent with the reason.
+  void FindFiles(const File& kind, std::initializer_list<const char*> parts,
+                 std::initializer_list<const char*> files, const std::string& otherwise);
   void FindPerf(const std::string& root);
   void OpenPerf(const std::string& unit, const std::string& folder, std::string& reason);
   std::vector<int> OpenOnAll(const std::vector<int>& cpus, const perf_event_attr& attributes,

@@ -4,37 +4,19 @@
 #include <algorithm>
 
 #include "engines.h"
-#include "text_format.h"
 
 namespace scope {
 
 void Figures::Add(const MeterSecond& second) {
-  const double spanS = second.timeS - timeS_;
-  for (auto& [name, engine] : engines_) {
-    engine.last = {};
-    engine.last.failures = engine.failures;
-  }
-  std::map<std::string, std::uint64_t> operations;
-  std::map<std::string, std::uint64_t> bytes;
+  std::map<std::string, std::vector<const Sample*>> rows;
   for (const Sample& sample : second.samples) {
-    EngineState& engine = engines_[sample.engine];
-    operations[sample.engine] += sample.operations;
-    if (sample.bytes) {
-      bytes[sample.engine] += *sample.bytes;
-    } else {
-      engine.bytesKnown = false;
-    }
-    engine.failures += sample.failures;
-    engine.last.failures = engine.failures;
-    engine.last.threads += sample.operations != 0 ? 1 : 0;
-    engine.last.maxNs = std::max(engine.last.maxNs, sample.maxNs);
+    engines_[sample.engine];
+    rows[sample.engine].push_back(&sample);
   }
   for (auto& [name, engine] : engines_) {
-    if (spanS > 0) {
-      engine.last.operationsPerS = static_cast<double>(operations[name]) / spanS;
-      if (engine.bytesKnown)
-        engine.last.gigabytesPerS = static_cast<double>(bytes[name]) / spanS / kBytesPerGigabyte;
-    }
+    const std::uint64_t failures = engine.last.failures;
+    engine.last = AddUp(rows[name], second.timeS - timeS_);
+    engine.last.failures += failures;
     engine.history.push_back(engine.last.operationsPerS);
     const auto latencies = second.latencies.find(name);
     if (latencies == second.latencies.end()) continue;
@@ -44,8 +26,8 @@ void Figures::Add(const MeterSecond& second) {
   timeS_ = second.timeS;
 }
 
-std::vector<std::pair<std::string, EngineFigures>> Figures::Last() const {
-  std::vector<std::pair<std::string, EngineFigures>> rows;
+std::vector<std::pair<std::string, EngineSecond>> Figures::Last() const {
+  std::vector<std::pair<std::string, EngineSecond>> rows;
   for (const EngineInfo& engine : Engines()) {
     const auto at = engines_.find(engine.id);
     if (engine.load && at != engines_.end()) rows.emplace_back(engine.id, at->second.last);

@@ -1,27 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "figures.h"
 #include "meter_reader.h"
 
 namespace scope {
-
-/// What one engine did in a span of time, all threads together.
-struct EngineFigures {
-  int threads = 0;
-  double operationsPerS = 0;
-  std::optional<double> gigabytesPerS;  ///< 10^9 bytes, read and written; none if unknown
-  std::uint64_t p50Ns = 0;
-  std::uint64_t p99Ns = 0;
-  std::uint64_t maxNs = 0;
-  std::uint64_t failures = 0;  ///< since the start
-};
 
 /// The last second, and each engine's rate in all seconds so far.
 class Figures {
@@ -29,20 +17,31 @@ class Figures {
   void Add(const MeterSecond& second);
 
   double TimeS() const { return timeS_; }
-  /// The last second, by engine, in the order in which they are shown.
-  std::vector<std::pair<std::string, EngineFigures>> Last() const;
+  /// The last second, by engine, in the order in which they are shown. Failures are those since the start.
+  std::vector<std::pair<std::string, EngineSecond>> Last() const;
   /// Operations per second of the engine in each second so far.
   const std::vector<double>& History(const std::string& engine) const;
 
  private:
   struct EngineState {
-    EngineFigures last;
-    bool bytesKnown = true;
-    std::uint64_t failures = 0;
+    EngineSecond last;
     std::vector<double> history;
   };
   double timeS_ = 0;
   std::map<std::string, EngineState> engines_;
+};
+
+/// Shows a recording while it runs. This base class shows nothing. Threads: one.
+class View {
+ public:
+  virtual ~View() = default;
+  /// A second has passed. `runTimeS` is the configured run time.
+  virtual void Second(const Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) {}
+  /// The benchmark wrote `line` to standard error. Called only if TakesErrors().
+  virtual void ErrorLine(const std::string& /*line*/) {}
+  virtual bool TakesErrors() const { return false; }
+  /// Stops drawing and restores the screen, so that others may write to it.
+  virtual void End() {}
 };
 
 }  // namespace scope

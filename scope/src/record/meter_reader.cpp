@@ -90,7 +90,6 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
                       std::to_string(kBucketCount) + ". Use libstress_scope.so of the same build.");
     }
     processId_ = header.processId;
-    hostPlatform_ = hello.hostPlatform != 0;
     platformPath_.assign(hello.platformPath, strnlen(hello.platformPath, sizeof(hello.platformPath)));
     return;
   }

@@ -42,7 +42,6 @@ class MeterReader {
 
   bool SaidHello() const { return processId_ != 0; }
   const std::string& PlatformPath() const { return platformPath_; }
-  bool IsHostPlatform() const { return hostPlatform_; }
   std::uint64_t DelayedSamples() const { return delayedSamples_; }
   std::uint64_t Unmeasured() const { return unmeasured_; }
   /// True if the meter has reported the program's end, so nothing is missing.
@@ -62,7 +61,6 @@ class MeterReader {
   int childEnd_ = -1;
   std::int32_t processId_ = 0;
   std::string platformPath_;
-  bool hostPlatform_ = false;
   bool last_ = false;
   std::uint64_t delayedSamples_ = 0;
   std::uint64_t unmeasured_ = 0;

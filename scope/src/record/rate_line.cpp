@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "rate_line.h"
 
-#include <cmath>
 #include <cstddef>
-#include <cstdlib>
 
 #include "errors.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -33,14 +32,10 @@ class Line {
   double Number() {
     const std::size_t from = at_;
     at_ = std::min(text_.find_first_not_of("0123456789.", from), text_.size());
-    const std::string digits = text_.substr(from, at_ - from);
-    char* end = nullptr;
-    const double value = std::strtod(digits.c_str(), &end);
-    if (digits.empty() || *end != '\0' || !std::isfinite(value)) {
-      at_ = from;
-      Fail("a rate such as 30.0");
-    }
-    return value;
+    const std::optional<double> value = ParseNumber(text_.substr(from, at_ - from));
+    if (value) return *value;
+    at_ = from;
+    Fail("a rate such as 30.0");
   }
 
   void Words(const char* words) {

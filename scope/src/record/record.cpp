@@ -18,25 +18,16 @@
 #include <memory>
 
 #include "child_process.h"
-#include "clock.h"
 #include "conditions.h"
 #include "configuration.h"
 #include "counters.h"
 #include "errors.h"
+#include "live_figures.h"
 #include "meter_reader.h"
 #include "rate_line.h"
 #include "run_writer.h"
 #include "signals.h"
 #include "supervisor.h"
-#include "tool_version.h"
-#include "view.h"
-
-#ifndef STRESS_SCOPE_BUILD_TYPE
-#define STRESS_SCOPE_BUILD_TYPE ""
-#endif
-#ifndef STRESS_SCOPE_LIBDIR
-#define STRESS_SCOPE_LIBDIR "lib"
-#endif
 
 namespace scope {
 namespace {
@@ -73,10 +64,8 @@ std::string FindBenchmark(const std::string& given) {
 }
 
 std::string FindMeter(const std::string& given) {
-  std::vector<std::string> candidates;
-  if (!given.empty()) {
-    candidates = {given};
-  } else {
+  std::vector<std::string> candidates = {given};
+  if (given.empty()) {
     candidates = {OwnFolder() + "/../lib/libstress_scope.so",
                   OwnFolder() + "/../" STRESS_SCOPE_LIBDIR "/libstress_scope.so"};
   }
@@ -245,7 +234,7 @@ class Recording {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
     const std::vector<CounterValue> values = counters_->Read(timeS);
-    Save([&] { writer_->Add(values); });
+    if (!values.empty()) Save([&] { writer_->Add(values); });
   }
 
   // After a failed write nothing more is added: the run would have a gap.
@@ -308,8 +297,7 @@ class Recording {
 }  // namespace
 
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals) {
-  Recording recording(options, view);
-  return recording.Run(signals);
+  return Recording(options, view).Run(signals);
 }
 
 void CheckRecord(const RecordOptions& options) {

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "run_settings.h"
+#include "live_figures.h"
+#include "run.h"
 #include "signals.h"
-#include "view.h"
 
 namespace scope {
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "comparison_text.h"
 #include "json.h"
-#include "tool_version.h"
 
 namespace scope {
 namespace {

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "figures.h"
 #include "number_text.h"
 #include "text_format.h"
 
@@ -19,8 +20,16 @@ namespace {
 
 constexpr std::size_t kSparkWidth = 30;
 
-std::string GigabytesPerS(const EngineFigures& figures) {
-  return figures.gigabytesPerS ? Format("%.3f", *figures.gigabytesPerS) : "-";
+// Calls `visit` with each figure that a second has.
+template <typename Visit>
+void ForEachOfASecond(const Visit& visit) {
+  for (const FigureKind& kind : FigureKinds()) {
+    if (*kind.chart != '\0') visit(kind);
+  }
+}
+
+std::string FailuresText(const Work& work) {
+  return work.failures == 0 ? "" : Format("  %llu failed", static_cast<unsigned long long>(work.failures));
 }
 
 class LiveView : public View {
@@ -31,15 +40,15 @@ class LiveView : public View {
     if (ended_) return;
     std::vector<std::string> lines;
     lines.push_back(Format("%5.0f s of %.0f s  ", timeS, runTimeS) + ProgressBar(timeS, runTimeS, kBarWidth));
-    lines.push_back(Format("%-6s %7s %12s %9s %10s %10s %10s  %s", "engine", "threads", "ops/s", "GB/s",
-                           "p50", "p99", "max", "ops/s over time"));
-    for (const auto& [engine, row] : figures.Last()) {
-      lines.push_back(
-          Format("%-6s %7d %12s %9s %10s %10s %10s  ", engine.c_str(), row.threads,
-                 RateText(row.operationsPerS).c_str(), GigabytesPerS(row).c_str(), Latency(row.p50Ns).c_str(),
-                 Latency(row.p99Ns).c_str(), Latency(row.maxNs).c_str()) +
-          Sparkline(figures.History(engine), kSparkWidth) +
-          (row.failures == 0 ? "" : Format("  %llu failed", static_cast<unsigned long long>(row.failures))));
+    std::string head = Format("%-6s %7s", "engine", "threads");
+    ForEachOfASecond([&head](const FigureKind& kind) { head += Format(" %10s", kind.title); });
+    lines.push_back(head + "  ops/s over time");
+    for (const auto& [engine, second] : figures.Last()) {
+      std::string line = Format("%-6s %7d", engine.c_str(), second.threads);
+      ForEachOfASecond([&line, &work = second](const FigureKind& kind) {
+        line += Format(" %10s", FigureText(kind, work).c_str());
+      });
+      lines.push_back(line + "  " + Sparkline(figures.History(engine), kSparkWidth) + FailuresText(second));
     }
     table_ = std::move(lines);
     Draw();
@@ -107,8 +116,13 @@ class LiveView : public View {
 class PlainView : public View {
  public:
   void Second(const Figures& figures, double timeS, double /*runTimeS*/) override {
-    for (const auto& [engine, row] : figures.Last()) {
-      (void)std::printf("%.0f s %s\n", timeS, Describe(engine, row).c_str());
+    for (const auto& [engine, second] : figures.Last()) {
+      std::string line = Format("%.0f s %-4s %2d %s", timeS, engine.c_str(), second.threads,
+                                second.threads == 1 ? "thread " : "threads");
+      ForEachOfASecond([&line, &work = second](const FigureKind& kind) {
+        line += Format("  %s %s", kind.title, FigureText(kind, work).c_str());
+      });
+      (void)std::printf("%s%s\n", line.c_str(), FailuresText(second).c_str());
     }
     (void)std::fflush(stdout);
   }
@@ -124,24 +138,9 @@ std::unique_ptr<View> MakePlainView() {
   return std::make_unique<PlainView>();
 }
 
-std::unique_ptr<View> MakeSilentView() {
-  return std::make_unique<View>();
-}
-
 bool OutputIsTerminal() {
   const char* const terminal = std::getenv("TERM");
   return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
-}
-
-std::string Describe(const std::string& engine, const EngineFigures& figures) {
-  std::string text =
-      Format("%-4s %2d %s %10s op/s %8s GB/s  p50 %s  p99 %s  max %s", engine.c_str(), figures.threads,
-             figures.threads == 1 ? "thread " : "threads", RateText(figures.operationsPerS).c_str(),
-             GigabytesPerS(figures).c_str(), Latency(figures.p50Ns).c_str(), Latency(figures.p99Ns).c_str(),
-             Latency(figures.maxNs).c_str());
-  if (figures.failures != 0)
-    text += Format("  %llu failed", static_cast<unsigned long long>(figures.failures));
-  return text;
 }
 
 std::string Sparkline(const std::vector<double>& values, std::size_t width) {

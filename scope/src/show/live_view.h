@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "live_figures.h"
-#include "view.h"
 
 namespace scope {
 
@@ -15,14 +14,9 @@ namespace scope {
 std::unique_ptr<View> MakeLiveView();
 /// Prints a line for each engine and second.
 std::unique_ptr<View> MakePlainView();
-/// Shows nothing.
-std::unique_ptr<View> MakeSilentView();
 
 /// True if standard output is a terminal that can move its cursor.
 bool OutputIsTerminal();
-
-/// The figures of one engine in one line.
-std::string Describe(const std::string& engine, const EngineFigures& figures);
 
 /// The last `width` values as blocks of eight heights, scaled from 0 to the greatest value.
 std::string Sparkline(const std::vector<double>& values, std::size_t width);

@@ -1,23 +1,226 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <string>
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
-#include "embedded.h"
+#include "compare.h"
+#include "compare_figures.h"
+#include "engines.h"
+#include "json.h"
 #include "report.h"
-#include "report_data.h"
+#include "run_json.h"
+#include "run_keys.h"
+#include "run_warnings.h"
+#include "statistics.h"
+#include "text_format.h"
+
+// The page without its data, which the build makes from page/. The assembler embeds files of any size; the
+// length of a literal is limited.
+__asm__(
+    ".pushsection .rodata\n"
+    "scopePageTemplateBegin:\n"
+    ".incbin \"" SCOPE_PAGE_TEMPLATE
+    "\"\n"
+    "scopePageTemplateEnd:\n"
+    ".byte 0\n"
+    ".popsection\n");
+extern "C" {
+__attribute__((visibility("hidden"))) extern const char scopePageTemplateBegin[];
+__attribute__((visibility("hidden"))) extern const char scopePageTemplateEnd[];
+}
 
 namespace scope {
 namespace {
+
+// Six digits are more than a chart shows, and take a third of the space.
+Json Rounded(double value) {
+  return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
+}
+
+template <typename Rows, typename Value>
+Json Column(const Rows& rows, Value value) {
+  Json column = Json::array();
+  for (const auto& row : rows) column.push_back(value(row));
+  return column;
+}
+
+Json FigureJson(const FigureKind& kind) {
+  return Json{{"name", kind.name},
+              {"title", kind.title},
+              {"unit", kind.unit},
+              {"lower_is_better", kind.lowerIsBetter},
+              {"measured", kind.of != nullptr},
+              {"chart", kind.chart}};
+}
+
+Json WorkJson(const Work& work) {
+  Json json;
+  for (const FigureKind& kind : FigureKinds()) {
+    if (kind.of != nullptr) json[kind.name] = OrNull(kind.of(work));
+  }
+  return json;
+}
+
+// A second after a gap has no rate. A second without operations has no latency.
+Json SecondsJson(const std::vector<EngineSecond>& seconds) {
+  Json json{{"time_s", Column(seconds, [](const auto& second) { return Rounded(second.timeS); })}};
+  for (const FigureKind& kind : FigureKinds()) {
+    if (*kind.chart == '\0') continue;
+    json[kind.name] = Column(seconds, [&kind](const EngineSecond& second) {
+      const auto value = second.afterGap ? std::nullopt : kind.of(second);
+      return value ? Rounded(*value) : Json(nullptr);
+    });
+  }
+  return json;
+}
+
+// A bucket may appear once per thread.
+Json HistogramJson(const std::vector<HistogramRow>& rows, const std::string& engine) {
+  Json histogram{{"low_ns", Json::array()}, {"high_ns", Json::array()}, {"operations", Json::array()}};
+  for (const HistogramRow& row : rows) {
+    if (row.engine != engine) continue;
+    histogram["low_ns"].push_back(row.lowNs);
+    histogram["high_ns"].push_back(row.highNs);
+    histogram["operations"].push_back(row.count);
+  }
+  return histogram;
+}
+
+Json EnginesJson(const ReportedRun& run) {
+  Json engines = Json::array();
+  for (const EngineSummary& engine : run.summary.engines) {
+    Json threads = Json::array();
+    for (const ThreadSummary& thread : engine.threads) {
+      threads.push_back(Json{{"thread", thread.thread}, {"work", WorkJson(thread.work)}});
+    }
+    engines.push_back(Json{{"name", engine.engine},
+                           {"work", WorkJson(engine.work)},
+                           {"short_operations", HasShortOperations(engine)},
+                           {"threads", threads},
+                           {"first_whole", engine.firstWhole},
+                           {"end_whole", engine.endWhole},
+                           {"seconds", SecondsJson(engine.seconds)},
+                           {"histogram", HistogramJson(run.run.histogram, engine.engine)}});
+  }
+  return engines;
+}
+
+Json PrintedJson(const RunSummary& summary) {
+  Json printed = Json::array();
+  for (const PrintedRates& rates : summary.printed) {
+    printed.push_back(
+        Json{{"engine", rates.engine},
+             {"stress", rates.stress},
+             {"median_fps", rates.median},
+             {"time_s", Column(rates.rates, [](const Rate& rate) { return Rounded(rate.timeS); })},
+             {"fps", Column(rates.rates, [](const Rate& rate) { return Rounded(rate.fps); })}});
+  }
+  return printed;
+}
+
+// The same figures as in comparisons.
+Json MediansJson(const RunSummary& summary) {
+  Json medians = Json::array();
+  for (const auto& [key, values] : FiguresOf(summary, CompareOptions().skipS)) {
+    if (values.empty()) continue;
+    medians.push_back(
+        Json{{"engine", key.engine}, {"figure", KindOf(key.figure).name}, {"median", Median(values)}});
+  }
+  return medians;
+}
+
+Json CountersJson(const std::vector<CounterValue>& values) {
+  std::map<std::tuple<std::string, std::string, std::string>, std::pair<Json, Json>> series;
+  for (const CounterValue& value : values) {
+    auto& [times, figures] = series[{value.source, value.unit, value.name}];
+    times.push_back(Rounded(value.timeS));
+    figures.push_back(Rounded(value.value));
+  }
+  Json counters = Json::array();
+  for (const auto& [key, columns] : series) {
+    const auto& [source, unit, name] = key;
+    counters.push_back(Json{{"source", source},
+                            {"unit", unit},
+                            {"name", name},
+                            {"time_s", columns.first},
+                            {"value", columns.second}});
+  }
+  return counters;
+}
+
+// The text of a condition is empty if the machine does not report the value.
+Json ConditionsJson(const RunInfo& info) {
+  Json conditions = Json::array();
+  for (const auto& [key, text] : RunTexts(info)) {
+    if (key.title != nullptr)
+      conditions.push_back(Json{{"key", key.name}, {"title", key.title}, {"text", text}});
+  }
+  return conditions;
+}
+
+Json RunJson(const ReportedRun& reported) {
+  const RunInfo& info = reported.run.info;
+  Json run = Json::parse(RunInfoText(info));
+  run["warnings"] = Json::array();
+  run["name"] = reported.name;
+  run["folder"] = reported.run.folder;
+  run["meter"] = info.conditions.meter;
+  run["conditions"] = ConditionsJson(info);
+  for (const Warning& warning : reported.warnings) {
+    run["warnings"].push_back(
+        Json{{"text", warning.text}, {"time_s", OrNull(warning.timeS)}, {"engine", warning.engine}});
+  }
+  run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
+  run["engines"] = EnginesJson(reported);
+  run["printed"] = PrintedJson(reported.summary);
+  run["medians"] = MediansJson(reported.summary);
+  run["counter_series"] = CountersJson(reported.run.counters);
+  return run;
+}
+
+// Every engine that a run measured or was configured to load, in the order of the table, then others.
+std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
+  std::set<std::string> found;
+  for (const ReportedRun& run : runs) {
+    for (const EngineSummary& engine : run.summary.engines) found.insert(engine.engine);
+    for (const PrintedRates& printed : run.summary.printed) found.insert(printed.engine);
+    for (const auto& [engine, level] : run.run.info.config.levels) {
+      if (level > 0) found.insert(engine);
+    }
+  }
+  found.erase("");
+  std::vector<std::string> names(found.begin(), found.end());
+  std::stable_sort(names.begin(), names.end(),
+                   [](const auto& a, const auto& b) { return EngineOrder(a) < EngineOrder(b); });
+  return names;
+}
+
+Json ReportData(const std::vector<ReportedRun>& runs) {
+  Json data{{"tool", kToolVersion},
+            {"warmup_s", CompareOptions().skipS},
+            {"figures", Column(FigureKinds(), FigureJson)},
+            {"engines", Json::array()},
+            {"runs", Json::array()}};
+  for (const std::string& engine : ShownEngines(runs)) {
+    const EngineInfo* const info = FindEngine(&EngineInfo::id, engine);
+    data["engines"].push_back(Json{{"name", engine},
+                                   {"title", info == nullptr ? engine : std::string(info->title)},
+                                   {"colour", info == nullptr ? "" : info->colour},
+                                   {"load", IsLoad(engine)}});
+  }
+  for (const ReportedRun& run : runs) data["runs"].push_back(RunJson(run));
+  return data;
+}
 
 // In a script element only "<" can end the data, so it is escaped. All non-ASCII characters are, too.
 std::string ScriptJson(const Json& json) {
   std::string escaped;
   for (const char letter : json.dump(-1, ' ', true, Json::error_handler_t::replace)) {
-    if (letter == '<') {
-      escaped += "\\u003c";
-    } else {
-      escaped += letter;
-    }
+    escaped += letter == '<' ? std::string("\\u003c") : std::string(1, letter);
   }
   return escaped;
 }
@@ -26,7 +229,7 @@ std::string ScriptJson(const Json& json) {
 
 std::string ReportPage(const std::vector<ReportedRun>& runs) {
   constexpr std::string_view kPlace = "@REPORT_DATA@";
-  std::string page(PageTemplate());
+  std::string page(scopePageTemplateBegin, scopePageTemplateEnd);
   return page.replace(page.find(kPlace), kPlace.size(), ScriptJson(ReportData(runs)));
 }
 

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <set>
 
 #include "engines.h"
-#include "number_text.h"
 #include "report.h"
 #include "text_format.h"
+#include "text_table.h"
 
 namespace scope {
 namespace {
@@ -23,50 +22,43 @@ std::string Head(const ReportedRun& reported) {
   if (!machine.kernel.empty()) parts.push_back("Linux " + machine.kernel);
   if (!machine.buildType.empty()) parts.push_back(machine.buildType + " build");
   if (!machine.loadAverage.empty()) parts.push_back(Format("load average %.2f", machine.loadAverage.front()));
-  for (std::size_t i = 0; i != parts.size(); ++i) text += (i == 0 ? "\n  " : ", ") + parts[i];
-  return text + "\n\n";
+  return text + (parts.empty() ? "" : "\n  " + Joined(parts, ", ")) + "\n\n";
 }
 
-std::string Figure(double value) {
-  return value > 0 ? RateText(value) : "-";
-}
-
-std::string Row(const std::string& engine, const EngineSummary* work, const PrintedRates* printed) {
-  std::string row = Format("  %-8s", engine.c_str());
-  if (work == nullptr) {
-    row += Format(" %7s %10s %10s %8s %10s %10s %10s %7s", "-", "-", "-", "-", "-", "-", "-", "-");
-  } else {
-    const WorkSummary& all = work->work;
-    const std::string gigabytes = all.gigabytesPerS ? Format("%.3f", *all.gigabytesPerS) : "-";
-    row += Format(" %7zu %10llu %10s %8s %10s %10s %10s %7llu", work->threads.size(),
-                  static_cast<unsigned long long>(all.operations), RateText(all.operationsPerS).c_str(),
-                  gigabytes.c_str(), all.p50Ns ? Latency(*all.p50Ns).c_str() : "-",
-                  all.p99Ns ? Latency(*all.p99Ns).c_str() : "-", Latency(all.maxNs).c_str(),
-                  static_cast<unsigned long long>(all.failures));
+// The row of an engine. Either of the two may be missing.
+std::vector<std::string> Row(const std::string& engine, const EngineSummary* measured,
+                             const PrintedRates* printed) {
+  std::vector<std::string> row = {"  " + engine, measured ? std::to_string(measured->threads.size()) : "-"};
+  for (const FigureKind& kind : FigureKinds()) {
+    if (kind.figure == Figure::kPrinted) {
+      row.push_back(printed ? kind.text(printed->median) : "-");
+    } else {
+      row.push_back(measured ? FigureText(kind, measured->work) : "-");
+    }
   }
-  row += Format(" %11s %11s", printed == nullptr ? "-" : RateText(printed->median).c_str(),
-                work == nullptr ? "-" : Figure(work->work.busyRate).c_str());
-  return row + "\n";
+  return row;
 }
 
 std::string Table(const RunSummary& summary) {
-  std::string table =
-      Format("  %-8s %7s %10s %10s %8s %10s %10s %10s %7s %11s %11s\n", "engine", "threads", "operations",
-             "ops/s", "GB/s", "p50", "p99", "max", "failed", "printed fps", "exact fps");
-  std::set<std::string> shown;
+  TextTable table("l");
+  std::vector<std::string> head = {"  engine", "threads"};
+  std::vector<std::string> all = {"  all", ""};
+  for (const FigureKind& kind : FigureKinds()) {
+    head.emplace_back(kind.title);
+    all.push_back(
+        kind.figure == Figure::kBandwidth && summary.gigabytesPerS ? kind.text(*summary.gigabytesPerS) : "");
+  }
+  table.Add(head);
   for (const EngineSummary& engine : summary.engines) {
-    if (!IsLoad(engine.engine)) continue;
-    table += Row(engine.engine, &engine, summary.PrintedOf(engine.engine));
-    shown.insert(engine.engine);
+    if (IsLoad(engine.engine)) table.Add(Row(engine.engine, &engine, summary.PrintedOf(engine.engine)));
   }
   for (const PrintedRates& printed : summary.printed) {
-    if (shown.count(printed.engine) != 0) continue;
-    table += Row(printed.engine.empty() ? printed.stress : printed.engine, nullptr, &printed);
+    const bool shown = std::any_of(summary.engines.begin(), summary.engines.end(),
+                                   [&](const auto& engine) { return engine.engine == printed.engine; });
+    if (!shown) table.Add(Row(printed.engine.empty() ? printed.stress : printed.engine, nullptr, &printed));
   }
-  if (summary.gigabytesPerS) {
-    table += Format("  %-8s %7s %10s %10s %8.3f\n", "all", "", "", "", *summary.gigabytesPerS);
-  }
-  return table;
+  if (summary.gigabytesPerS) table.Add(all);
+  return table.Text();
 }
 
 }  // namespace

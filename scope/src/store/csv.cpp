@@ -3,14 +3,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 
 #include "errors.h"
-#include "text_format.h"
 
 namespace scope {
 namespace {
+
+// Of threads, for example.
+constexpr std::uint64_t kMostCount = 1'000'000;
 
 // The fields of a row, without their quotes. A quote inside an unquoted field is an ordinary character.
 std::vector<std::string> Fields(const std::string& row) {
@@ -36,59 +37,60 @@ std::vector<std::string> Fields(const std::string& row) {
 
 }  // namespace
 
-std::string CsvField(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char letter) { return static_cast<unsigned char>(letter) < ' '; }, ' ');
-  if (text.find_first_of(",\"") == std::string::npos) return text;
-  std::string quoted = "\"";
-  for (const char letter : text) quoted += letter == '"' ? std::string("\"\"") : std::string(1, letter);
-  return quoted + '"';
+std::string CsvText(const std::string& text) {
+  std::string field;
+  for (const char letter : text) {
+    field += static_cast<unsigned char>(letter) < ' ' ? ' ' : letter;
+    if (letter == '"') field += letter;
+  }
+  return field.find_first_of(",\"") == std::string::npos ? field : '"' + field + '"';
 }
 
-std::string CsvSeconds(double value) {
-  return Format("%.3f", value);
-}
-
-std::string CsvNumber(double value) {
-  return Format("%.15g", value);
-}
-
-CsvRow::CsvRow(const std::string& path, std::size_t line, const std::string& text, const char* header)
-    : path_(path), line_(line), names_(Fields(header)), fields_(Fields(text)) {
-  if (fields_.size() != names_.size()) {
-    Fail("expected " + std::to_string(names_.size()) + " fields (" + header + "), found " +
+CsvRow::CsvRow(const std::string& path, std::size_t line, const std::string& text, const std::string& header)
+    : path_(path), line_(line), fields_(Fields(text)) {
+  const auto expected = static_cast<std::size_t>(1 + std::count(header.begin(), header.end(), ','));
+  if (fields_.size() != expected) {
+    Fail("expected " + std::to_string(expected) + " fields (" + header + "), found " +
          std::to_string(fields_.size()));
   }
 }
 
-std::uint64_t CsvRow::Count(std::size_t column) const {
-  const std::string& text = Text(column);
-  char* end = nullptr;
+void CsvRow::Take(const CsvColumn& /*column*/, std::string& value) {
+  value = fields_[next_++];
+}
+
+void CsvRow::Take(const CsvColumn& column, double& value) {
+  const std::string& text = fields_[next_++];
+  const std::optional<double> number = ParseNumber(text);
+  if (!number) Fail(std::string("expected a number as ") + column.name + ", found \"" + text + "\"");
+  value = *number;
+}
+
+void CsvRow::Take(const CsvColumn& column, std::uint64_t& value) {
+  const std::string& text = fields_[next_++];
   errno = 0;
-  const std::uint64_t value = std::strtoull(text.c_str(), &end, 10);
-  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  if (!digits || errno != 0 || *end != '\0') Fail("expected a whole number as " + names_[column], column);
-  return value;
-}
-
-int CsvRow::Index(std::size_t column) const {
-  const std::uint64_t value = Count(column);
-  if (value > 1'000'000) Fail("expected a thread's number as " + names_[column], column);
-  return static_cast<int>(value);
-}
-
-double CsvRow::Real(std::size_t column) const {
-  const std::string& text = Text(column);
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0' || !std::isfinite(value)) {
-    Fail("expected a number as " + names_[column], column);
+  value = std::strtoull(text.c_str(), nullptr, 10);
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || errno != 0) {
+    Fail(std::string("expected a whole number as ") + column.name + ", found \"" + text + "\"");
   }
-  return value;
 }
 
-void CsvRow::Fail(const std::string& what, std::size_t column) const {
-  Fail(what + ", found \"" + fields_[column] + "\"");
+void CsvRow::Take(const CsvColumn& column, std::optional<std::uint64_t>& value) {
+  if (fields_[next_].empty()) {
+    ++next_;
+  } else {
+    Take(column, value.emplace());
+  }
+}
+
+void CsvRow::Take(const CsvColumn& column, int& value) {
+  std::uint64_t count = 0;
+  Take(column, count);
+  if (count > kMostCount) {
+    Fail(std::string("expected at most ") + std::to_string(kMostCount) + " as " + column.name + ", found " +
+         std::to_string(count));
+  }
+  value = static_cast<int>(count);
 }
 
 void CsvRow::Fail(const std::string& what) const {

@@ -3,8 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -12,11 +15,8 @@
 #include "errors.h"
 
 namespace scope {
-namespace {
 
 namespace fs = std::filesystem;
-
-}  // namespace
 
 OutputFile::OutputFile(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "we")) {
   if (file_ == nullptr) Fail(errno);
@@ -63,6 +63,21 @@ void ReplaceFile(const std::string& path, const std::string& text) {
     (void)std::remove(next.c_str());
     throw;
   }
+}
+
+std::string UtcNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm parts{};
+  (void)gmtime_r(&now, &parts);
+  std::array<char, 32> text{};
+  (void)std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text.data();
+}
+
+std::string TimedFolder(const std::string& prefix) {
+  std::string time = UtcNow();
+  time.erase(std::remove(time.begin(), time.end(), ':'), time.end());
+  return prefix + time;
 }
 
 void MakeFolder(const std::string& path) {

@@ -31,6 +31,12 @@ class OutputFile {
 /// stays. Throws UserError.
 void ReplaceFile(const std::string& path, const std::string& text);
 
+/// The current time in UTC, ISO 8601, in whole seconds.
+std::string UtcNow();
+
+/// A folder name of `prefix` and the current time.
+std::string TimedFolder(const std::string& prefix);
+
 /// Makes the folder and its parents.
 void MakeFolder(const std::string& path);
 

@@ -8,6 +8,7 @@
 namespace scope {
 
 constexpr int kRunFormat = 1;
+constexpr const char* kInfoName = "run.json";
 
 /// The text of run.json.
 std::string RunInfoText(const RunInfo& info);

@@ -1,27 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run_reader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <utility>
 
-#include "csv.h"
+#include "engines.h"
 #include "errors.h"
-#include "run_files.h"
-#include "run_gaps.h"
 #include "run_json.h"
+#include "run_tables.h"
 #include "system_files.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Calls `add` for every row of the table. A missing file matters only if it is `required`.
-template <typename AddRow>
-void ReadTable(Run& run, const char* name, const char* header, bool required, AddRow add) {
+// Reads the table of `rows`. A missing file matters only if it is `required`.
+template <typename Row>
+void ReadTable(Run& run, std::vector<Row>& rows, bool required) {
+  const char* const name = kTableName<Row>;
+  const std::string header = TableHeader<Row>();
   const std::string path = run.folder + "/" + name;
   const std::optional<std::string> text = ReadFile(path);
   if (!text) {
@@ -45,12 +51,48 @@ void ReadTable(Run& run, const char* name, const char* header, bool required, Ad
     const std::string line = text->substr(from, end - from);
     from = end + 1;
     if (number > 1) {
-      add(CsvRow(path, number, line, header));
+      CsvRow fields(path, number, line, header);
+      VisitColumns(rows.emplace_back(),
+                   [&fields](const CsvColumn& column, auto& value) { fields.Take(column, value); });
     } else if (line != header) {
       throw DamagedFolder(path + ":1: expected the header \"" + header + "\", found \"" + line + "\"");
     }
   }
   if (number == 0) run.notes.push_back(std::string(name) + " is empty");
+}
+
+// A complete run has samples until the benchmark's end. If they stop early, the folder was copied in part.
+void NoteMissingEnd(Run& run) {
+  constexpr double kSlackS = 5;
+  if (!run.info.complete || !run.info.conditions.meter || run.samples.empty()) return;
+  double lastS = 0;
+  for (const Sample& sample : run.samples) lastS = std::max(lastS, sample.timeS);
+  if (run.info.durationS - lastS <= kSlackS) return;
+  run.notes.push_back(Format("no sample after %.3f s of %.3f s", lastS, run.info.durationS));
+}
+
+// Only the first gap of each thread is noted. Threads with the same gap share one note.
+void NoteGaps(Run& run) {
+  std::map<std::pair<std::string, int>, double> last;
+  std::set<std::pair<std::string, int>> noted;
+  std::map<std::pair<double, double>, std::vector<std::string>> gaps;
+  for (const Sample& sample : run.samples) {
+    if (!IsLoad(sample.engine)) continue;  // a set-up has rows only for the seconds in which it worked
+    const auto key = std::make_pair(sample.engine, sample.thread);
+    const auto before = last.find(key);
+    if (before != last.end() && sample.timeS - before->second > kGapS && noted.insert(key).second) {
+      gaps[{before->second, sample.timeS}].push_back(sample.engine + " thread " +
+                                                     std::to_string(sample.thread));
+    }
+    last[key] = sample.timeS;
+  }
+  for (const auto& [between, threads] : gaps) {
+    const std::string more =
+        threads.size() == 1 ? std::string() : " and " + std::to_string(threads.size() - 1) + " more";
+    run.notes.push_back("no sample of " + threads.front() + more +
+                        Format(" between %.3f s and %.3f s", between.first, between.second));
+  }
+  NoteMissingEnd(run);
 }
 
 }  // namespace
@@ -80,28 +122,10 @@ Run ReadRun(const std::string& folder) {
                         (run.info.incompleteReason.empty() ? "" : ": " + run.info.incompleteReason));
   }
   const bool meter = run.info.conditions.meter;
-  ReadTable(run, kSamplesName, kSamplesHeader, meter, [&run](const CsvRow& row) {
-    Sample sample;
-    sample.timeS = row.Real(0);
-    sample.engine = row.Text(1);
-    sample.thread = row.Index(2);
-    sample.operations = row.Count(3);
-    sample.busyNs = row.Count(4);
-    if (!row.Text(5).empty()) sample.bytes = row.Count(5);
-    sample.failures = row.Count(6);
-    sample.p50Ns = row.Count(7);
-    sample.p99Ns = row.Count(8);
-    sample.maxNs = row.Count(9);
-    run.samples.push_back(sample);
-  });
-  ReadTable(run, kHistogramName, kHistogramHeader, meter, [&run](const CsvRow& row) {
-    run.histogram.push_back({row.Text(0), row.Index(1), row.Count(2), row.Count(3), row.Count(4)});
-  });
-  ReadTable(run, kRatesName, kRatesHeader, true,
-            [&run](const CsvRow& row) { run.rates.push_back({row.Real(0), row.Text(1), row.Real(2)}); });
-  ReadTable(run, kCountersName, kCountersHeader, false, [&run](const CsvRow& row) {
-    run.counters.push_back({row.Real(0), row.Text(1), row.Text(2), row.Text(3), row.Real(4)});
-  });
+  ReadTable(run, run.samples, meter);
+  ReadTable(run, run.histogram, meter);
+  ReadTable(run, run.rates, true);
+  ReadTable(run, run.counters, false);
   NoteGaps(run);
   return run;
 }

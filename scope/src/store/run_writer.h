@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "run.h"
+#include "durable_file.h"
+#include "run_tables.h"
 
 namespace scope {
 
@@ -18,30 +19,25 @@ class RunWriter {
   /// Makes the folder and its parents. Refuses an existing folder that is not empty. With `force` it removes
   /// the files of an earlier run from such a folder, and nothing else.
   RunWriter(const std::string& folder, bool force);
-  ~RunWriter();
-  RunWriter(const RunWriter&) = delete;
-  RunWriter& operator=(const RunWriter&) = delete;
 
   const std::string& Folder() const { return folder_; }
 
   void WriteInfo(const RunInfo& info);
-  void Add(const std::vector<Sample>& samples);
-  void Add(const std::vector<Rate>& rates);
-  void Add(const std::vector<CounterValue>& counters);
+  /// Adds the rows to their table. The first call makes it, also without rows.
+  template <typename Row>
+  void Add(const std::vector<Row>& rows) {
+    Append(kTableName<Row>, TableHeader<Row>() + '\n', TableText(rows));
+  }
   /// Adds one line as it was printed, without its line feed.
   void AddRateLine(const std::string& line);
   void WriteHistogram(const std::vector<HistogramRow>& rows);
 
  private:
-  class File;
-  File& Open(std::unique_ptr<File>& file, const char* name, const char* header);
+  // Makes the file with `header` where it is not open yet.
+  void Append(const std::string& name, const std::string& header, const std::string& text);
 
   std::string folder_;
-  std::unique_ptr<File> samplesCsv_;
-  std::unique_ptr<File> samplesJson_;
-  std::unique_ptr<File> ratesCsv_;
-  std::unique_ptr<File> ratesText_;
-  std::unique_ptr<File> countersCsv_;
+  std::map<std::string, OutputFile> files_;  ///< by name
 };
 
 }  // namespace scope

@@ -12,7 +12,6 @@
 
 #include "durable_file.h"
 #include "errors.h"
-#include "tool_version.h"
 
 namespace scope {
 namespace {

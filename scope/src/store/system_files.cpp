@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +10,8 @@
 #include <memory>
 #include <set>
 #include <system_error>
+
+#include "text_format.h"
 
 namespace scope {
 
@@ -44,16 +45,12 @@ std::optional<std::string> ReadText(const std::string& path) {
 
 std::optional<double> ReadNumber(const std::string& path) {
   const std::optional<std::string> text = ReadText(path);
-  if (!text || text->empty()) return std::nullopt;
-  char* end = nullptr;
-  const double value = std::strtod(text->c_str(), &end);
-  if (*end != '\0' || !std::isfinite(value)) return std::nullopt;
-  return value;
+  return text ? ParseNumber(*text) : std::nullopt;
 }
 
-std::vector<int> ParseCpuList(const std::string& text) {
+std::vector<int> ParseList(const std::string& text) {
   constexpr long kMost = 1 << 16;
-  std::vector<int> cpus;
+  std::vector<int> numbers;
   for (const char* at = text.c_str(); *at != '\0';) {
     char* end = nullptr;
     const long first = std::strtol(at, &end, 10);
@@ -65,10 +62,10 @@ std::vector<int> ParseCpuList(const std::string& text) {
       if (end == at) return {};
     }
     if (first < 0 || last < first || last >= kMost || (*end != ',' && *end != '\0')) return {};
-    for (long cpu = first; cpu <= last; ++cpu) cpus.push_back(static_cast<int>(cpu));
+    for (long number = first; number <= last; ++number) numbers.push_back(static_cast<int>(number));
     at = *end == ',' ? end + 1 : end;
   }
-  return cpus;
+  return numbers;
 }
 
 std::vector<std::string> ListFolder(const std::string& path) {

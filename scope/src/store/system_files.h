@@ -17,8 +17,8 @@ std::optional<std::string> ReadText(const std::string& path);
 /// The file's text as a finite number; none if it is something else.
 std::optional<double> ReadNumber(const std::string& path);
 
-/// The CPUs of a list such as "0-3,6"; empty if `text` is not such a list.
-std::vector<int> ParseCpuList(const std::string& text);
+/// The numbers of a list such as "0-3,6"; empty if `text` is not such a list.
+std::vector<int> ParseList(const std::string& text);
 
 /// The names in the folder, sorted; numbers in names sort by value ("cpu2" before "cpu10"). Empty if the
 /// folder is missing.

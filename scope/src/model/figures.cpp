@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "figures.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "number_text.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+constexpr double kNsPerUs = 1e3;
+constexpr double kNsPerS = 1e9;
+
+std::string CountText(double value) {
+  return Format("%.0f", value);
+}
+
+std::string BandwidthText(double value) {
+  return Format("%.3f", value);
+}
+
+std::string LatencyText(double us) {
+  return Latency(static_cast<std::uint64_t>(std::llround(us * kNsPerUs)));
+}
+
+template <std::uint64_t Work::* kCount>
+std::optional<double> CountOf(const Work& work) {
+  return static_cast<double>(work.*kCount);
+}
+
+template <std::uint64_t Work::* kLatencyNs>
+std::optional<double> LatencyOf(const Work& work) {
+  if (work.operations == 0 || work.*kLatencyNs == 0) return std::nullopt;
+  return static_cast<double>(work.*kLatencyNs) / kNsPerUs;
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> Sum(std::optional<std::uint64_t> left, std::optional<std::uint64_t> right) {
+  return left && right ? std::optional(*left + *right) : std::nullopt;
+}
+
+void SetRates(EngineSecond& second) {
+  if (second.spanS <= 0) return;
+  second.operationsPerS = static_cast<double>(second.operations) / second.spanS;
+  if (second.bytes) {
+    second.gigabytesPerS = static_cast<double>(*second.bytes) / second.spanS / kBytesPerGigabyte;
+  }
+}
+
+EngineSecond AddUp(const std::vector<const Sample*>& samples, double spanS) {
+  EngineSecond second;
+  second.spanS = spanS;
+  double busyNs = 0;
+  for (const Sample* sample : samples) {
+    second.timeS = sample->timeS;
+    second.operations += sample->operations;
+    second.failures += sample->failures;
+    second.threads += sample->operations != 0 ? 1 : 0;
+    second.maxNs = std::max(second.maxNs, sample->maxNs);
+    second.bytes = Sum(second.bytes, sample->bytes);
+    busyNs += static_cast<double>(sample->busyNs);
+  }
+  if (busyNs > 0) second.busyRate = static_cast<double>(second.operations) / busyNs * kNsPerS;
+  SetRates(second);
+  return second;
+}
+
+const std::vector<FigureKind>& FigureKinds() {
+  static const std::vector<FigureKind> kKinds = {
+      {Figure::kCount, "operations", "operations", "", false, false, "", CountText,
+       CountOf<&Work::operations>},
+      {Figure::kOperations, "ops", "ops/s", "op/s", false, true, "rate", RateText,
+       [](const Work& work) { return std::optional(work.operationsPerS); }},
+      {Figure::kBandwidth, "bandwidth", "GB/s", "GB/s", false, true, "bandwidth", BandwidthText,
+       [](const Work& work) { return work.gigabytesPerS; }},
+      {Figure::kP50, "p50", "p50", "us", true, true, "latency", LatencyText, LatencyOf<&Work::p50Ns>},
+      {Figure::kP99, "p99", "p99", "us", true, true, "latency", LatencyText, LatencyOf<&Work::p99Ns>},
+      {Figure::kMax, "max", "max", "us", true, false, "latency", LatencyText, LatencyOf<&Work::maxNs>},
+      {Figure::kFailures, "failures", "failed", "", true, false, "", CountText, CountOf<&Work::failures>},
+      {Figure::kPrinted, "printed", "printed fps", "fps", false, true, "", RateText, nullptr},
+      {Figure::kExact, "exact", "exact fps", "fps", false, false, "", RateText,
+       [](const Work& work) { return work.busyRate > 0 ? std::optional(work.busyRate) : std::nullopt; }}};
+  return kKinds;
+}
+
+const FigureKind& KindOf(Figure figure) {
+  return FigureKinds().at(static_cast<std::size_t>(figure));
+}
+
+std::string FigureText(const FigureKind& kind, const Work& work) {
+  const std::optional<double> value = kind.of == nullptr ? std::nullopt : kind.of(work);
+  return value ? kind.text(*value) : "-";
+}
+
+}  // namespace scope
