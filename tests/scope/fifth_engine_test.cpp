@@ -4,18 +4,16 @@
 // support it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-
-#include <algorithm>
 
 #include "compare.h"
 #include "comparison_text.h"
 #include "configuration.h"
 #include "engines.h"
-#include "latency_buckets.h"
 #include "live_figures.h"
-#include "meter_reader.h"
+#include "protocol.h"
+#include "record.h"
 #include "report.h"
+#include "run_reader.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
 #include "sweep_text.h"
@@ -49,45 +47,54 @@ TEST_F(FifthEngineTest, IsBehindTheLastRow) {
   EXPECT_TRUE(IsLoad("dma"));
 }
 
+/// Keeps the last second.
+struct LastSecond : View {
+  void Second(const Figures& figures, double /*timeS*/, double /*runTimeS*/) override {
+    last = figures.Last();
+  }
+
+  std::vector<std::pair<std::string, EngineSecond>> last;
+};
+
+// The program sends what a meter with one more engine would send.
 TEST_F(FifthEngineTest, IsRecorded) {
-  MeterReader reader(0);
-  const auto header = [](PacketType type) {
-    return PacketHeader{kMeterMagic, kMeterVersion, type, 42, 1'000'000'000};
-  };
-  const auto send = [&](const auto& packet) {
-    ASSERT_EQ(::send(reader.ChildEnd(), &packet, sizeof(packet), 0), ssize_t{sizeof(packet)});
-  };
-  HelloPacket hello{};
-  hello.header = header(PacketType::kHello);
-  hello.bucketCount = kBucketCount;
-  send(hello);
-  struct {
-    ThreadSamplePacket head;
-    BucketCount bucket;
-  } sample{};
-  sample.head.header = header(PacketType::kThreadSample);
-  sample.head.engine = static_cast<Engine>(kEngineCount);
-  sample.head.operations = 3;
-  sample.head.buckets = 1;
-  sample.bucket = {1000, 3};
-  send(sample);
-  EndOfSecondPacket end{};
-  end.header = header(PacketType::kEndOfSecond);
-  send(end);
+  const std::string number = std::to_string(kEngineCount);
+  std::string script;
+  for (int second = 1; second <= 4; ++second) {
+    script += "sample " + number + " 0 1000 30\nsample " + number +
+              " 1 1000 10\nprint dmaStress : 7.5 fps. "
+              "ispStress : 30.0 fps.\nsecond " +
+              std::to_string(second) + "000\n";
+  }
+  RecordOptions options;
+  options.benchmark = SCRIPTED_METER;
+  options.meter = IDLE_LIBRARY;
+  options.config = folder_.Put("c.yaml", "CPU:\n  Level: 1\nDMA:\n  Level: 2\n  Program: p.bin\n");
+  options.extra = {folder_.Put("script", script)};
+  options.folder = folder_ / "run";
+  options.systemRoot = folder_ / "no-system";
+  LastSecond view;
+  Signals signals;
+  const RecordResult result = Record(options, view, signals);
+  EXPECT_TRUE(result.complete) << result.reason;
+  ASSERT_EQ(view.last.size(), 1U);
+  EXPECT_EQ(view.last[0].first, "dma");
+  EXPECT_EQ(view.last[0].second.operations, 40U);
 
-  std::vector<MeterSecond> seconds;
-  reader.Read(seconds);
-  ASSERT_EQ(seconds.size(), 1U);
-  ASSERT_EQ(seconds[0].samples.size(), 1U);
-  EXPECT_EQ(seconds[0].samples[0].engine, "dma");
-  Figures figures;
-  figures.Add(seconds[0]);
-  ASSERT_EQ(figures.Last().size(), 1U);
-  EXPECT_EQ(figures.Last()[0].first, "dma");
-
-  const std::string path = folder_.Put("c.yaml", "CPU:\n  Level: 1\nDMA:\n  Level: 3\n  Program: p.bin\n");
-  unsigned int runTimeS = 0;
-  EXPECT_THAT(ReadConfiguration(path, runTimeS).levels, ElementsAre(Pair("cpu", 1), Pair("dma", 3)));
+  const auto run = ReadRun(options.folder);
+  EXPECT_THAT(run.info.config.levels, ElementsAre(Pair("cpu", 1), Pair("dma", 2)));
+  ASSERT_EQ(run.samples.size(), 8U);
+  for (const Sample& sample : run.samples) {
+    EXPECT_EQ(sample.engine, "dma");
+    EXPECT_EQ(sample.operations, sample.thread == 0 ? 30U : 10U);
+    EXPECT_EQ(sample.bytes, sample.operations * 1000);
+  }
+  ASSERT_EQ(run.histogram.size(), 2U);
+  EXPECT_EQ(run.histogram[0].engine, "dma");
+  EXPECT_EQ(run.histogram[0].count, 120U);
+  ASSERT_EQ(run.rates.size(), 4U);
+  EXPECT_EQ(run.rates[0].stress, "dmaStress");
+  EXPECT_THAT(ReportText(ReadRuns({options.folder})), HasSubstr("\n  dma "));
 }
 
 TEST_F(FifthEngineTest, IsReported) {
