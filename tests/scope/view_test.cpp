@@ -62,7 +62,7 @@ TEST(Figures, OfASecondReplaceThoseBeforeItButForTheFailures) {
   failed.failures = 3;
   figures.Add(SecondAt(1, {failed}));
   figures.Add(SecondAt(1.5, {SampleOf("venc", 0, 0, 0), SampleOf("venc", 1, 20, 0)}));
-  const scope::EngineFigures venc = figures.Last().at(0).second;
+  const scope::EngineSecond venc = figures.Last().at(0).second;
   EXPECT_EQ(venc.threads, 1) << "the other thread did nothing in this second";
   EXPECT_EQ(venc.failures, 3U) << "since the start";
   EXPECT_DOUBLE_EQ(venc.operationsPerS, 40);
@@ -92,11 +92,10 @@ TEST(Figures, ASetUpIsNotShown) {
 }
 
 TEST(Describe, HasTheFiguresOfASecondInOneLine) {
-  scope::EngineFigures figures;
+  scope::EngineSecond figures;
   figures.threads = 1;
   figures.operationsPerS = 62.5;
-  EXPECT_EQ(scope::Describe("aic", figures),
-            "aic   1 thread        62.5 op/s        - GB/s  p50 -  p99 -  max -");
+  EXPECT_EQ(scope::Describe("aic", figures), "aic   1 thread   ops/s 62.5  GB/s -  p50 -  p99 -  max -");
   figures.threads = 10;
   figures.gigabytesPerS = 1.25;
   figures.p50Ns = 4'000;
@@ -104,7 +103,7 @@ TEST(Describe, HasTheFiguresOfASecondInOneLine) {
   figures.maxNs = 6'000'000;
   figures.failures = 7;
   EXPECT_EQ(scope::Describe("venc", figures),
-            "venc 10 threads       62.5 op/s    1.250 GB/s  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
+            "venc 10 threads  ops/s 62.5  GB/s 1.250  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
 }
 
 TEST(RateText, HasFewerDecimalsWhereItIsGreater) {

@@ -2,7 +2,6 @@
 #include "run_summary.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 #include <map>
 #include <set>
@@ -12,7 +11,6 @@
 #include "engines.h"
 #include "histogram.h"
 #include "statistics.h"
-#include "text_format.h"
 
 namespace scope {
 namespace {

@@ -32,7 +32,7 @@ std::optional<double> CountOf(const Work& work) {
 
 template <std::uint64_t Work::* kLatencyNs>
 std::optional<double> LatencyOf(const Work& work) {
-  if (work.operations == 0 || work.*kLatencyNs == 0) return std::nullopt;
+  if (work.*kLatencyNs == 0) return std::nullopt;
   return static_cast<double>(work.*kLatencyNs) / kNsPerUs;
 }
 

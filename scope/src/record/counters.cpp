@@ -23,11 +23,6 @@ constexpr const char* kPerf = "perf";
 // What a resctrl file contains when it has no value at the moment.
 constexpr const char* kNotYet = "Unavailable";
 
-// `root` without the slashes at its end, so that "/..." can be appended.
-std::string WithoutSlash(const std::string& root) {
-  return root.substr(0, root.find_last_not_of('/') + 1);
-}
-
 bool HasAny(const std::string& text, std::initializer_list<const char*> words) {
   return std::any_of(words.begin(), words.end(),
                      [&text](const char* word) { return text.find(word) != std::string::npos; });
@@ -148,7 +143,7 @@ bool ParsePerfEvent(const std::string& folder, const std::string& text, perf_eve
 }
 
 Counters::Counters(const std::string& systemRoot, std::unique_ptr<PerfEvents> perf) : perf_(std::move(perf)) {
-  const std::string root = WithoutSlash(systemRoot);
+  const std::string root = systemRoot.substr(0, systemRoot.find_last_not_of('/') + 1);
   FindPerf(root);
   const std::string cpus = root + "/sys/devices/system/cpu";
   const std::string domains = root + "/sys/fs/resctrl/mon_data";

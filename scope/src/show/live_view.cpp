@@ -117,12 +117,7 @@ class PlainView : public View {
  public:
   void Second(const Figures& figures, double timeS, double /*runTimeS*/) override {
     for (const auto& [engine, second] : figures.Last()) {
-      std::string line = Format("%.0f s %-4s %2d %s", timeS, engine.c_str(), second.threads,
-                                second.threads == 1 ? "thread " : "threads");
-      ForEachOfASecond([&line, &work = second](const FigureKind& kind) {
-        line += Format("  %s %s", kind.title, FigureText(kind, work).c_str());
-      });
-      (void)std::printf("%s%s\n", line.c_str(), FailuresText(second).c_str());
+      (void)std::printf("%.0f s %s\n", timeS, Describe(engine, second).c_str());
     }
     (void)std::fflush(stdout);
   }
@@ -141,6 +136,15 @@ std::unique_ptr<View> MakePlainView() {
 bool OutputIsTerminal() {
   const char* const terminal = std::getenv("TERM");
   return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::string Describe(const std::string& engine, const EngineSecond& second) {
+  std::string line =
+      Format("%-4s %2d %s", engine.c_str(), second.threads, second.threads == 1 ? "thread " : "threads");
+  ForEachOfASecond([&](const FigureKind& kind) {
+    line += Format("  %s %s", kind.title, FigureText(kind, second).c_str());
+  });
+  return line + FailuresText(second);
 }
 
 std::string Sparkline(const std::vector<double>& values, std::size_t width) {

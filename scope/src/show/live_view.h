@@ -18,6 +18,9 @@ std::unique_ptr<View> MakePlainView();
 /// True if standard output is a terminal that can move its cursor.
 bool OutputIsTerminal();
 
+/// The figures of one engine in one line.
+std::string Describe(const std::string& engine, const EngineSecond& second);
+
 /// The last `width` values as blocks of eight heights, scaled from 0 to the greatest value.
 std::string Sparkline(const std::vector<double>& values, std::size_t width);
 

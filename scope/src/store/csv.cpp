@@ -10,8 +10,7 @@
 namespace scope {
 namespace {
 
-// Of threads, for example.
-constexpr std::uint64_t kMostCount = 1'000'000;
+constexpr std::uint64_t kMostThread = 1'000'000;
 
 // The fields of a row, without their quotes. A quote inside an unquoted field is an ordinary character.
 std::vector<std::string> Fields(const std::string& row) {
@@ -86,9 +85,9 @@ void CsvRow::Take(const CsvColumn& column, std::optional<std::uint64_t>& value) 
 void CsvRow::Take(const CsvColumn& column, int& value) {
   std::uint64_t count = 0;
   Take(column, count);
-  if (count > kMostCount) {
-    Fail(std::string("expected at most ") + std::to_string(kMostCount) + " as " + column.name + ", found " +
-         std::to_string(count));
+  if (count > kMostThread) {
+    Fail(std::string("expected a thread's number as ") + column.name + ", found \"" + std::to_string(count) +
+         "\"");
   }
   value = static_cast<int>(count);
 }

@@ -47,7 +47,7 @@ class CsvRow {
   void Take(const CsvColumn& column, double& value);
   void Take(const CsvColumn& column, std::uint64_t& value);
   void Take(const CsvColumn& column, std::optional<std::uint64_t>& value);
-  void Take(const CsvColumn& column, int& value);  ///< a small count
+  void Take(const CsvColumn& column, int& value);  ///< the number of a thread
 
  private:
   [[noreturn]] void Fail(const std::string& what) const;
