@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "imports.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 #include <link.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
+
+#include "demangled.h"
 
 namespace conformance {
 
@@ -55,21 +54,25 @@ void ReadImports(const dl_phdr_info& program, std::vector<std::string>& symbols)
   }
 }
 
-}  // namespace
-
-std::string Demangled(const std::string& symbol) {
-  int status = 0;
-  const std::unique_ptr<char, decltype(&std::free)> text(
-      abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status), &std::free);
-  return status == 0 ? text.get() : symbol;
+bool HoldsThisFunction(const dl_phdr_info& object) {
+  const auto here = reinterpret_cast<ElfW(Addr)>(&HoldsThisFunction);
+  for (std::size_t i = 0; i < object.dlpi_phnum; ++i) {
+    const ElfW(Phdr)& part = object.dlpi_phdr[i];
+    const ElfW(Addr) begin = object.dlpi_addr + part.p_vaddr;
+    if (part.p_type == PT_LOAD && here >= begin && here - begin < part.p_memsz) return true;
+  }
+  return false;
 }
+
+}  // namespace
 
 std::vector<Import> PlatformImports() {
   std::vector<std::string> symbols;
   dl_iterate_phdr(
       [](dl_phdr_info* info, std::size_t, void* argument) {
+        if (!HoldsThisFunction(*info)) return 0;
         ReadImports(*info, *static_cast<std::vector<std::string>*>(argument));
-        return 1;  // the first one is the program itself
+        return 1;
       },
       &symbols);
   std::vector<Import> imports;

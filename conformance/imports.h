@@ -6,17 +6,14 @@
 
 namespace conformance {
 
-/// One operation that this program calls in the libraries under test.
+/// One operation that the checks call in the libraries under test.
 struct Import {
   std::string name;     ///< its readable form: "Ormis::QetVenc::Init()"
   std::string library;  ///< file of the library that has it; empty: no library has it
 };
 
-/// The operations of the platform and the logging that this program imports, and where the loader finds each.
-/// Reads them from the program's own dynamic section and calls none of them.
+/// The operations of the platform and the logging that the checks' library imports, and where the loader
+/// finds each. Reads them from that library's own dynamic section and calls none of them.
 std::vector<Import> PlatformImports();
-
-/// The readable form of a symbol, or the symbol itself.
-std::string Demangled(const std::string& symbol);
 
 }  // namespace conformance

@@ -11,7 +11,7 @@ namespace {
 void EveryOperationIsThere(Session& session) {
   const std::vector<Import> imports = PlatformImports();
   Require(!imports.empty(),
-          "this program imports no operation, expected it to be linked with the platform library");
+          "the checks import no operation, expected them to be linked with the platform library");
   std::string missing;
   for (const Import& import : imports) {
     if (import.library.empty()) missing += (missing.empty() ? "" : ", ") + import.name;

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <iostream>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "check.h"
-#include "imports.h"
+#include "apart.h"
+#include "check_text.h"
+#include "loader.h"
 #include "options.h"
+#include "prepare_process.h"
 #include "report.h"
 #include "runner.h"
 
@@ -22,28 +23,25 @@ int Wrong(const std::string& what) {
   return kBadUsage;
 }
 
-void CommentOnLibraries(conformance::TapReport& report) {
-  std::map<std::string, int> operations;
-  for (const conformance::Import& import : conformance::PlatformImports()) ++operations[import.library];
-  for (const auto& [library, count] : operations) {
-    report.Comment(std::to_string(count) + " operations " +
-                   (library.empty() ? "missing" : "from " + library));
-  }
+const char* const kLoads = "interface.loads";
+
+void EndIfInterrupted(const conformance::CheckText& check, conformance::TapReport& report) {
+  const int signal = conformance::Interrupted();
+  if (signal == 0) return;
+  report.BailOut("interrupted while checking " + check.name);
+  std::cerr << "platform_conformance: interrupted while checking " << check.name << ": " << check.expected
+            << '\n';
+  conformance::EndBy(signal);
 }
 
-int RunAll(const std::vector<conformance::Check>& checks, const conformance::Options& options) {
+int RunAll(const conformance::Description& description, const std::vector<conformance::CheckText>& checks,
+           const conformance::Options& options) {
   conformance::TapReport report(std::cout, checks.size());
-  CommentOnLibraries(report);
+  for (const std::string& library : description.libraries) report.Comment(library);
   std::vector<conformance::Result> results;
-  conformance::CatchInterrupts();
-  for (const conformance::Check& check : checks) {
-    results.push_back({check, conformance::RunApart(check, options.settings, options.timeoutS)});
-    if (const int signal = conformance::Interrupted(); signal != 0) {
-      report.BailOut("interrupted while checking " + std::string(check.name));
-      std::cerr << "platform_conformance: interrupted while checking " << check.name << ": " << check.expected
-                << '\n';
-      conformance::EndBy(signal);
-    }
+  for (const conformance::CheckText& check : checks) {
+    results.push_back({check, conformance::RunCheck(check, options.settings, options.timeoutS)});
+    EndIfInterrupted(check, report);
     report.Result(check, results.back().outcome, options.allowSkip);
   }
   const auto count = [&results](conformance::Outcome::Kind kind) {
@@ -64,13 +62,42 @@ int RunAll(const std::vector<conformance::Check>& checks, const conformance::Opt
              : kAllHold;
 }
 
+/// The one result of a library that cannot be loaded.
+int TellThatNothingLoads(const conformance::Outcome& outcome, const conformance::Options& options) {
+  const conformance::CheckText loads{
+      kLoads,
+      "the loader finds the platform's libraries, and loading them neither ends nor "
+      "stops the process"};
+  conformance::TapReport report(std::cout, 1);
+  EndIfInterrupted(loads, report);
+  report.Result(loads, outcome, false);
+  if (!options.junitFile.empty() && !conformance::WriteJunit(options.junitFile, {{loads, outcome}}, false)) {
+    return Wrong("cannot write " + options.junitFile);
+  }
+  return std::cout.flush() ? kSomeFailed : Wrong("cannot write to standard output");
+}
+
+int Run(const conformance::Options& options) {
+  conformance::AdoptLeftovers();
+  conformance::CatchInterrupts();
+  conformance::Outcome outcome;
+  const conformance::Description description = conformance::Describe(options.timeoutS, outcome);
+  if (outcome.kind != conformance::Outcome::Kind::kPassed) return TellThatNothingLoads(outcome, options);
+  const std::vector<conformance::CheckText> chosen = conformance::Chosen(description.checks, options.only);
+  if (chosen.empty()) return Wrong("no check matches the pattern of --only: --list prints all names");
+  if (!options.list) return RunAll(description, chosen, options);
+  for (const conformance::CheckText& check : chosen)
+    std::cout << check.name << '\t' << check.expected << '\n';
+  return std::cout.flush() ? kAllHold : Wrong("cannot write to standard output");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  stress::PrepareProcess();
   conformance::Options options;
   if (const std::string wrong = conformance::ReadOptions(argc, argv, options); !wrong.empty())
     return Wrong(wrong);
-  const std::vector<conformance::Check> all = conformance::AllChecks();
   if (options.help) {
     std::cout << conformance::kUsage;
     return kAllHold;
@@ -79,17 +106,6 @@ int main(int argc, char** argv) {
     std::cout << "platform_conformance " STRESS_VERSION "\n";
     return kAllHold;
   }
-  if (!options.runOne.empty()) {
-    for (const conformance::Check& check : all) {
-      if (options.runOne == check.name) return conformance::RunHere(check, options.settings);
-    }
-    return Wrong("no check " + options.runOne);
-  }
-  const std::vector<conformance::Check> chosen = conformance::Chosen(all, options.only);
-  if (chosen.empty()) return Wrong("no check matches the pattern of --only: --list prints all names");
-  if (options.list) {
-    for (const conformance::Check& check : chosen) std::cout << check.name << '\t' << check.expected << '\n';
-    return std::cout.flush() ? kAllHold : Wrong("cannot write to standard output");
-  }
-  return RunAll(chosen, options);
+  if (!options.runOne.empty()) return conformance::RunHere(options.runOne, options.settings);
+  return Run(options);
 }

@@ -159,7 +159,7 @@ std::string ReadOptions(int argc, char** argv, Options& options) {
   return {};
 }
 
-std::vector<std::string> ArgumentsFor(const Check& check, const Settings& settings) {
+std::vector<std::string> ArgumentsFor(const CheckText& check, const Settings& settings) {
   const char* const interpolation =
       std::find_if(std::begin(kInterpolations), std::end(kInterpolations), [&](const InterpolationName& one) {
         return one.kind == settings.interpolation;
@@ -171,12 +171,12 @@ std::vector<std::string> ArgumentsFor(const Check& check, const Settings& settin
   return arguments;
 }
 
-std::vector<Check> Chosen(const std::vector<Check>& all, const std::vector<std::string>& only) {
+std::vector<CheckText> Chosen(const std::vector<CheckText>& all, const std::vector<std::string>& only) {
   if (only.empty()) return all;
-  std::vector<Check> chosen;
-  std::copy_if(all.begin(), all.end(), std::back_inserter(chosen), [&only](const Check& check) {
+  std::vector<CheckText> chosen;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(chosen), [&only](const CheckText& check) {
     return std::any_of(only.begin(), only.end(), [&check](const std::string& pattern) {
-      return fnmatch(pattern.c_str(), check.name, 0) == 0;
+      return fnmatch(pattern.c_str(), check.name.c_str(), 0) == 0;
     });
   });
   return chosen;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "check.h"
+#include "check_text.h"
 
 namespace conformance {
 
@@ -27,9 +28,9 @@ extern const char* const kUsage;
 std::string ReadOptions(int argc, char** argv, Options& options);
 
 /// The arguments, without the program's name, with which a process runs `check` with `settings`.
-std::vector<std::string> ArgumentsFor(const Check& check, const Settings& settings);
+std::vector<std::string> ArgumentsFor(const CheckText& check, const Settings& settings);
 
 /// The checks that the patterns choose.
-std::vector<Check> Chosen(const std::vector<Check>& all, const std::vector<std::string>& only);
+std::vector<CheckText> Chosen(const std::vector<CheckText>& all, const std::vector<std::string>& only);
 
 }  // namespace conformance

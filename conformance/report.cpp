@@ -69,7 +69,7 @@ void TapReport::BailOut(const std::string& why) {
   out_ << "Bail out! " << why << '\n' << std::flush;
 }
 
-void TapReport::Result(const Check& check, const Outcome& outcome, bool allowSkip) {
+void TapReport::Result(const CheckText& check, const Outcome& outcome, bool allowSkip) {
   const bool fails = Fails(outcome, allowSkip);
   out_ << (fails ? "not ok " : "ok ") << ++number_ << " - " << check.name;
   if (!fails && outcome.kind == Outcome::Kind::kSkipped) out_ << " # SKIP " << outcome.text;
@@ -99,7 +99,7 @@ bool WriteJunit(const std::string& file, const std::vector<struct Result>& resul
       << results.size() << "\" failures=\"" << failures << "\" errors=\"0\" skipped=\"" << skips
       << "\" time=\"" << seconds << "\">\n";
   for (const auto& [check, outcome] : results) {
-    const std::string name = check.name;
+    const std::string& name = check.name;
     const std::size_t point = name.find('.');
     out << "  <testcase classname=\"" << Escaped(name.substr(0, point)) << "\" name=\""
         << Escaped(name.substr(point + 1)) << "\" time=\"" << outcome.seconds << "\">\n";

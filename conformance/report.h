@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
+#include "check_text.h"
 #include "runner.h"
 
 namespace conformance {
@@ -19,7 +19,7 @@ class TapReport {
   void Comment(const std::string& text);
   /// The run ends before its last check.
   void BailOut(const std::string& why);
-  void Result(const Check& check, const Outcome& outcome, bool allowSkip);
+  void Result(const CheckText& check, const Outcome& outcome, bool allowSkip);
 
  private:
   std::ostream& out_;
@@ -28,7 +28,7 @@ class TapReport {
 
 /// One check and how it went.
 struct Result {
-  Check check;
+  CheckText check;
   Outcome outcome;
 };
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "check.h"
+#include "check_text.h"
 
 namespace conformance {
 
@@ -16,21 +17,19 @@ struct Outcome {
   double seconds = 0;
 };
 
-/// After this call, SIGINT, SIGTERM and SIGHUP end the running check, and Interrupted returns the signal.
-void CatchInterrupts();
+/// What the checks' library says of itself.
+struct Description {
+  std::vector<std::string> libraries;  ///< a line for each that the checks run over
+  std::vector<CheckText> checks;       ///< in the order in which a port is best built
+};
 
-/// The signal that has interrupted the run; 0: none.
-int Interrupted();
+// Both functions load the platform under test only in a new process. A crash of that process, an exit, a hang
+// of more than `timeoutS` seconds and an interrupt are failures.
 
-/// Ends this process by the signal.
-[[noreturn]] void EndBy(int signal);
+/// Loads the checks and what they run over. `outcome` says whether that went well.
+Description Describe(unsigned int timeoutS, Outcome& outcome);
 
-/// Runs the check in its own process and returns the result. The check fails if that process crashes, exits,
-/// runs for more than `timeoutS` seconds or is interrupted. The calling process never calls the platform.
-Outcome RunApart(const Check& check, const Settings& settings, unsigned int timeoutS);
-
-/// Runs the check in this process and writes the result into the working directory.
-/// Returns the exit status of the process.
-int RunHere(const Check& check, const Settings& settings);
+/// Runs the check and tells how that went.
+Outcome RunCheck(const CheckText& check, const Settings& settings, unsigned int timeoutS);
 
 }  // namespace conformance

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
 #include "networks.h"
+#include "prepare_process.h"
 
 namespace {
 
@@ -19,6 +19,7 @@ Writes the example network, an ONNX model, to FILE.
 }  // namespace
 
 int main(int argc, char** argv) {
+  stress::PrepareProcess();
   if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
     std::cout << kUsage;
     return 0;
@@ -37,10 +38,12 @@ int main(int argc, char** argv) {
 
   // Renamed when complete, so that no reader finds a part of the file.
   const std::string part = path + ".part";
-  std::ofstream file(part, std::ios::binary | std::ios::trunc);
-  file.write(model.data(), static_cast<std::streamsize>(model.size()));
-  file.close();
-  if (!file || std::rename(part.c_str(), path.c_str()) != 0) {
+  (void)std::remove(part.c_str());
+  // "x": a link that somebody puts there is not followed.
+  std::FILE* const file = std::fopen(part.c_str(), "wbxe");
+  bool written = file != nullptr && std::fwrite(model.data(), 1, model.size(), file) == model.size();
+  if (file != nullptr) written = std::fclose(file) == 0 && written;
+  if (!written || std::rename(part.c_str(), path.c_str()) != 0) {
     std::perror(("make_network: cannot write " + path).c_str());
     return 1;
   }

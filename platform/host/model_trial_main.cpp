@@ -15,6 +15,7 @@
 
 #include "diagnostics.h"
 #include "model_trial.h"
+#include "prepare_process.h"
 
 // Sanitizers reserve far more address space than RLIMIT_AS would allow. They have limits of their own.
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -78,6 +79,7 @@ void Try(const char* path) {
 }  // namespace Ormis::host
 
 int main(int argc, char** argv) {
+  stress::PrepareProcess();
   if (argc != 2) return 2;
   // A caller that is killed while it waits takes this process with it.
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
