@@ -214,7 +214,6 @@ TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   refused({"record", folder_.Put("bad.yaml", "CPU: [1"), "-o", run}, "bad.yaml:");
   refused({"record", Config(), "-o", run, "--benchmark", folder_ / "none"}, "cannot run the benchmark");
   refused({"record", Config(), "-o", run, "--meter", folder_ / "none.so"}, "cannot read the meter");
-  refused({"record", Config(), "-o", run, "--meter", folder_.Put("a b.so", "")}, "cannot be preloaded");
   refused({"record", Config(), "-o", "/proc/none/run"}, "cannot make the folder /proc/none/run");
   refused({"rates", folder_ / "none.txt", "-o", run}, "none.txt: No such file");
   refused({"rates", folder_.Put("empty.txt", ""), "-o", run}, "it is empty");

@@ -3,7 +3,9 @@
 
 #include <cmath>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "run_writer.h"
@@ -54,12 +56,8 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
   writer.Add(std::vector<scope::Rate>());
   if (info.conditions.meter) {
     writer.Add(std::vector<scope::Sample>());
-    std::vector<scope::HistogramRow> rows;
-    for (const SyntheticEngine& engine : engines) {
-      rows.push_back({engine.engine, 0, engine.p50Ns, engine.p50Ns + 1, 1000});
-    }
-    writer.WriteHistogram(rows);
   }
+  std::map<std::pair<const SyntheticEngine*, int>, std::uint64_t> totals;
   const int seconds = static_cast<int>(info.durationS);
   for (int second = 1; second <= seconds; ++second) {
     std::vector<scope::Sample> samples;
@@ -82,6 +80,7 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
           sample.p99Ns = engine.p99Ns;
           sample.maxNs = engine.p99Ns;
         }
+        totals[{&engine, thread}] += sample.operations;
         samples.push_back(sample);
       }
       rates.push_back({static_cast<double>(second), engine.stress, second < 3 ? 0 : engine.fps});
@@ -89,4 +88,11 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
     if (info.conditions.meter) writer.Add(samples);
     writer.Add(rates);
   }
+  if (!info.conditions.meter) return;
+  std::vector<scope::HistogramRow> rows;
+  for (const auto& [thread, operations] : totals) {
+    const SyntheticEngine& engine = *thread.first;
+    rows.push_back({engine.engine, thread.second, engine.p50Ns, engine.p50Ns + 1, operations});
+  }
+  writer.WriteHistogram(rows);
 }

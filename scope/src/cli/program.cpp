@@ -6,8 +6,23 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "printable.h"
+#include "standard_output.h"
 
 namespace scope {
+namespace {
+
+// The chosen sub-command sets `status`.
+int Parse(CLI::App& app, int argc, char** argv, const int& status) {
+  try {
+    app.parse(argc, argv);
+    return status;
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
+  }
+}
+
+}  // namespace
 
 int Main(int argc, char** argv) {
   CLI::App app("Exact rates, bytes and latencies of a run of stress_benchmark.", "stress_scope");
@@ -21,14 +36,13 @@ int Main(int argc, char** argv) {
   AddSweep(app, status);
   AddCompare(app, status);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
+    status = Parse(app, argc, argv, status);
+    RequireStandardOutput();
   } catch (const UserError& error) {
-    std::cerr << "stress_scope: " << error.what() << '\n';
-    return kExitBadUsage;
+    std::cerr << "stress_scope: " << Printable(error.what()) << '\n';
+    return status == kExitOk ? kExitBadUsage : status;
   } catch (const std::exception& error) {
-    std::cerr << "stress_scope: " << error.what() << '\n';
+    std::cerr << "stress_scope: " << Printable(error.what()) << '\n';
     return kExitFailure;
   }
   return status;

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "printable.h"
 #include "rate_line.h"
 #include "run_writer.h"
 
@@ -23,6 +24,18 @@ struct RatesOptions {
   bool force = false;
   std::string label;
 };
+
+// The next line, without its line feed. A line without an end, such as /dev/zero has, is cut: it is no rate
+// line whatever follows.
+bool GetLine(std::istream& input, std::string& line) {
+  constexpr std::size_t kMostLetters = 4096;
+  line.clear();
+  for (int letter = input.get(); letter != std::istream::traits_type::eof(); letter = input.get()) {
+    if (letter == '\n' || line.size() == kMostLetters) return true;
+    line += static_cast<char>(letter);
+  }
+  return !line.empty();
+}
 
 int SaveRates(const RatesOptions& options) {
   const bool standardInput = options.file == "-";
@@ -52,7 +65,7 @@ int SaveRates(const RatesOptions& options) {
   const auto start = std::chrono::steady_clock::now();
   std::size_t number = 0;
   std::string reason;
-  for (std::string line; std::getline(input, line);) {
+  for (std::string line; GetLine(input, line);) {
     ++number;
     if (!line.empty() && line.back() == '\r') line.pop_back();  // a terminal adds it
     // Lines from standard input have a time of arrival. In a file, each line counts as one second.
@@ -62,7 +75,7 @@ int SaveRates(const RatesOptions& options) {
     info.durationS = timeS;
     try {
       const std::vector<Rate> rates = ParseRateLine(line, timeS);
-      writer.AddRateLine(line);
+      writer.AddRateLines(line + '\n');
       writer.Add(rates);
     } catch (const UserError& error) {
       reason = name + ":" + std::to_string(number) + ": " + error.what();
@@ -74,8 +87,8 @@ int SaveRates(const RatesOptions& options) {
   info.incompleteReason = reason;
   writer.WriteInfo(info);
   if (!reason.empty()) {
-    std::cerr << "stress_scope: " << reason << "\nstress_scope: the " << (number == 0 ? 0 : number - 1)
-              << " lines before it are saved in " << options.folder << '\n';
+    std::cerr << "stress_scope: " << Printable(reason) << "\nstress_scope: the "
+              << (number == 0 ? 0 : number - 1) << " lines before it are saved in " << options.folder << '\n';
     return kExitBadUsage;
   }
   std::cout << number << " lines saved in " << options.folder << '\n';

@@ -15,7 +15,9 @@
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
+#include "folder_lock.h"
 #include "live_view.h"
+#include "printable.h"
 #include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -64,7 +66,7 @@ RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
   return options;
 }
 
-Sweep Prepare(const SweepOptions& options) {
+Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   if (options.levels.empty()) throw UserError("nothing to sweep: give --levels, as in --levels CPU=0..4");
   Sweep sweep;
   sweep.settings = options.settings;
@@ -89,9 +91,27 @@ Sweep Prepare(const SweepOptions& options) {
     throw UserError(options.folder + " exists and is not an empty folder: choose another one");
   }
   MakeFolder(options.folder);
+  lock = std::make_unique<FolderLock>(options.folder);
   sweep.started = UtcNow();
   ReplaceFile(options.folder + "/" + kConfigName, config);
   WriteSweep(options.folder, sweep);
+  return sweep;
+}
+
+// A sweep's folder may come from elsewhere: it must neither lead to other folders nor hide what it runs.
+Sweep Resume(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
+  RequireNoLink(folder + "/" + kSweepName);
+  RequireNoLink(folder + "/" + kConfigName);
+  Sweep sweep = ReadSweep(folder);
+  lock = std::make_unique<FolderLock>(folder);
+  for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
+  const auto tell = [&folder](const char* what, const std::string& file) {
+    if (!file.empty())
+      std::cout << folder << '/' << kSweepName << " names the " << what << ": " << Printable(file)
+                << std::endl;
+  };
+  tell("program to run", sweep.settings.benchmark);
+  tell("library to load into it", sweep.settings.meter);
   return sweep;
 }
 
@@ -196,7 +216,8 @@ void Show(const std::string& folder, const Sweep& sweep) {
 int RunSweep(const SweepOptions& options) {
   const bool resumed = !options.resume.empty();
   const std::string folder = resumed ? options.resume : options.folder;
-  Sweep sweep = resumed ? ReadSweep(folder) : Prepare(options);
+  std::unique_ptr<FolderLock> lock;
+  Sweep sweep = resumed ? Resume(folder, lock) : Prepare(options, lock);
   const bool done = RecordAll(folder, sweep, options.quiet);
   Show(folder, sweep);
   return done ? kExitOk : kExitFailure;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -14,6 +15,8 @@
 #include <map>
 #include <stdexcept>
 #include <utility>
+
+#include "prepare_process.h"
 
 namespace scope {
 namespace {
@@ -74,6 +77,7 @@ ChildProcess::ChildProcess(const Options& options) {
     if (options.inherit >= 0) (void)fcntl(options.inherit, F_SETFD, 0);
     // Blocked and ignored signals would stay blocked and ignored after the exec.
     (void)std::signal(SIGPIPE, SIG_DFL);
+    stress::RestoreSignals();
     sigset_t none;
     sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -129,24 +133,31 @@ int ChildProcess::EndSignal() const {
   return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0;
 }
 
-bool LineReader::Read(int descriptor, std::vector<std::string>& lines) {
+bool LineReader::Read(int descriptor, std::vector<std::string>& lines, std::size_t mostBytes) {
   std::array<char, 4096> bytes{};
-  while (!atEnd_) {
+  for (std::size_t taken = 0; !atEnd_ && taken < mostBytes;) {
     const ssize_t size = read(descriptor, bytes.data(), bytes.size());
     if (size < 0 && errno == EINTR) continue;
     if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
     atEnd_ = size <= 0;
     if (atEnd_) break;
-    rest_.append(bytes.data(), static_cast<std::size_t>(size));
-    std::size_t from = 0;
-    for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n', from)) {
-      lines.push_back(rest_.substr(from, end - from));
-      from = end + 1;
-    }
-    rest_.erase(0, from);
+    taken += static_cast<std::size_t>(size);
+    Take(bytes.data(), static_cast<std::size_t>(size), lines);
   }
+  if (!atEnd_) return true;
   if (!rest_.empty()) lines.push_back(std::exchange(rest_, {}));
   return false;
+}
+
+void LineReader::Take(const char* bytes, std::size_t size, std::vector<std::string>& lines) {
+  for (const char* const end = bytes + size; bytes != end;) {
+    const char* const feed = std::find(bytes, end, '\n');
+    const auto length = static_cast<std::size_t>(feed - bytes);
+    rest_.append(bytes, std::min(length, kMostLineBytes - rest_.size()));
+    if (feed == end) return;
+    lines.push_back(std::exchange(rest_, {}));
+    bytes = feed + 1;
+  }
 }
 
 }  // namespace scope

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -51,13 +52,21 @@ class ChildProcess {
 /// Reads lines from a non-blocking descriptor.
 class LineReader {
  public:
+  /// A longer line is cut: the rest of it is dropped.
+  static constexpr std::size_t kMostLineBytes = 4096;
+  /// More than a pipe holds. One call of Read with it gets everything that an ended program has written.
+  static constexpr std::size_t kWholePipe = (1 << 16) + 4096;
+
   /// Appends the complete lines, without line feeds. At the end of the input it also appends a last line that
-  /// has no line feed, and returns false.
-  bool Read(int descriptor, std::vector<std::string>& lines);
+  /// has no line feed, and returns false. Reads at most about `mostBytes`, because a program that writes
+  /// without pause would keep the caller here.
+  bool Read(int descriptor, std::vector<std::string>& lines, std::size_t mostBytes = kWholePipe);
   /// True after Read has found the end. Read then reads no more.
   bool AtEnd() const { return atEnd_; }
 
  private:
+  void Take(const char* bytes, std::size_t size, std::vector<std::string>& lines);
+
   std::string rest_;
   bool atEnd_ = false;
 };

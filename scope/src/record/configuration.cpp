@@ -11,6 +11,7 @@
 #include "engines.h"
 #include "errors.h"
 #include "ormis/qet_yaml.h"
+#include "regular_file.h"
 #include "system_files.h"
 
 namespace scope {
@@ -50,6 +51,7 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
   constexpr unsigned int kLeastRunTimesS = 40;
   Configuration config;
   config.path = path;
+  RequireRegularFile(path);
   try {
     const Ormis::QetYamlNode root(path);
     runTimesS = kLeastRunTimesS;
@@ -74,6 +76,7 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
 
 std::string PointConfiguration(const std::string& path, const SweepLevels& levels) {
   std::string text;
+  RequireRegularFile(path);
   try {
     const Ormis::QetYamlNode root(path);
     for (const char* const key : {"logMode", "logLevel", "runTimes"}) {

@@ -55,7 +55,7 @@ void MeterReader::CloseChildEnd() {
 
 void MeterReader::Read(std::vector<MeterSecond>& seconds) {
   std::vector<char> bytes(kLargestPacket + 1);
-  while (socket_ >= 0) {
+  for (int packets = 0; socket_ >= 0 && packets < kMostPackets; ++packets) {
     const ssize_t size = recv(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size < 0 && errno == EINTR) continue;
     if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;

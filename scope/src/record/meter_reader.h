@@ -30,14 +30,17 @@ class MeterReader {
   MeterReader(const MeterReader&) = delete;
   MeterReader& operator=(const MeterReader&) = delete;
 
+  /// More than the socket holds. One call of Read gets everything that an ended program has sent.
+  static constexpr int kMostPackets = 8192;
+
   /// The descriptor to wait on; -1 after the meter has gone.
   int Descriptor() const { return socket_; }
   /// The descriptor that the child inherits. It is close-on-exec: the child has to clear that flag.
   int ChildEnd() const { return childEnd_; }
   void CloseChildEnd();
 
-  /// Reads all packets that have arrived and adds the seconds that are now complete to `seconds`. Throws
-  /// UserError if the packets are from a meter of another version, or not from a meter.
+  /// Reads the packets that have arrived, at most kMostPackets, and adds the seconds that are now complete to
+  /// `seconds`. Throws UserError if the packets are from a meter of another version, or not from a meter.
   void Read(std::vector<MeterSecond>& seconds);
 
   bool SaidHello() const { return processId_ != 0; }

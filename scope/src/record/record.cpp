@@ -24,6 +24,8 @@
 #include "errors.h"
 #include "live_figures.h"
 #include "meter_reader.h"
+#include "preload_path.h"
+#include "printable.h"
 #include "rate_line.h"
 #include "run_writer.h"
 #include "signals.h"
@@ -35,11 +37,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kPollMs = 200;
+// Of each pipe and turn. A benchmark that prints without pause then delays an answer to SIGINT by some ten
+// milliseconds.
+constexpr std::size_t kTurnBytes = 16384;
 constexpr double kCounterPeriodS = 1;
 constexpr double kShownSecondS = 0.5;
 
 void Tell(const std::string& text) {
-  std::cerr << "stress_scope: " << text << std::endl;
+  std::cerr << "stress_scope: " << Printable(text) << std::endl;
 }
 
 std::uint64_t NowNs() {
@@ -71,11 +76,7 @@ std::string FindMeter(const std::string& given) {
   }
   for (const std::string& candidate : candidates) {
     if (access(candidate.c_str(), R_OK) != 0) continue;
-    const std::string path = fs::absolute(candidate).lexically_normal().string();
-    if (path.find_first_of(": ") != std::string::npos) {
-      throw UserError("the meter's path has a blank or a colon, which cannot be preloaded: " + path);
-    }
-    return path;
+    return fs::absolute(candidate).lexically_normal().string();
   }
   throw UserError(
       "cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
@@ -87,10 +88,8 @@ std::string FindMeter(const std::string& given) {
 class Recording {
  public:
   Recording(const RecordOptions& options, View& view)
-      : options_(options),
-        view_(view),
-        limits_(LimitsOf(options)),
-        meterPath_(options.useMeter ? FindMeter(options.meter) : std::string()) {
+      : options_(options), view_(view), limits_(LimitsOf(options)) {
+    if (options.useMeter) preload_ = std::make_unique<PreloadPath>(FindMeter(options.meter));
     unsigned int runTimeS = 0;
     info_.config = ReadConfiguration(options.config, runTimeS);
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
@@ -140,7 +139,7 @@ class Recording {
     if (options_.useMeter) {
       const char* const others = std::getenv("LD_PRELOAD");
       const bool more = others != nullptr && *others != '\0';
-      child.environment = {{"LD_PRELOAD", more ? meterPath_ + ":" + others : meterPath_},
+      child.environment = {{"LD_PRELOAD", more ? preload_->Text() + ":" + others : preload_->Text()},
                            {kDescriptorVariable, std::to_string(meter_->ChildEnd())}};
       child.inherit = meter_->ChildEnd();
     }
@@ -159,7 +158,7 @@ class Recording {
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
     // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
     const bool ended = child_->HasEnded();
-    ReadOutput();
+    ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
     if (counterTimeS_ <= TimeS()) ReadCounters();
     Do(ended ? supervisor_->BenchmarkEnded({child_->ExitStatus(), child_->EndSignal(), MeterState()})
@@ -181,13 +180,15 @@ class Recording {
     return meter_->SaidLast() ? Supervisor::Meter::kSaidTheEnd : Supervisor::Meter::kCut;
   }
 
-  void ReadOutput() {
+  void ReadOutput(std::size_t mostBytes) {
     std::vector<std::string> lines;
-    (void)output_.Read(child_->Output(), lines);
+    (void)output_.Read(child_->Output(), lines, mostBytes);
+    std::string text;
+    for (const std::string& line : lines) text += line + '\n';
+    Save([&] { writer_->AddRateLines(text); });
     for (const std::string& line : lines) {
       const double timeS = TimeS();
       supervisor_->SignOfLife(timeS);
-      Save([&] { writer_->AddRateLine(line); });
       try {
         const std::vector<Rate> rates = ParseRateLine(line, timeS);
         Save([&] { writer_->Add(rates); });
@@ -197,8 +198,8 @@ class Recording {
       }
     }
     lines.clear();
-    (void)errors_.Read(child_->Errors(), lines);
-    for (const std::string& line : lines) view_.ErrorLine(line);
+    (void)errors_.Read(child_->Errors(), lines, mostBytes);
+    for (const std::string& line : lines) view_.ErrorLine(Printable(line));
   }
 
   void ReadMeter() {
@@ -278,7 +279,7 @@ class Recording {
   RecordOptions options_;
   View& view_;
   Supervisor::Limits limits_;
-  std::string meterPath_;
+  std::unique_ptr<PreloadPath> preload_;  ///< null without a meter
   RunInfo info_;
   std::unique_ptr<Supervisor> supervisor_;
   std::unique_ptr<RunWriter> writer_;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "errors.h"
+#include "printable.h"
 
 namespace scope {
 namespace {
@@ -46,7 +47,7 @@ std::string CsvText(const std::string& text) {
 }
 
 CsvRow::CsvRow(const std::string& path, std::size_t line, const std::string& text, const std::string& header)
-    : path_(path), line_(line), fields_(Fields(text)) {
+    : path_(path), line_(line), fields_(Fields(Printable(text))) {
   const auto expected = static_cast<std::size_t>(1 + std::count(header.begin(), header.end(), ','));
   if (fields_.size() != expected) {
     Fail("expected " + std::to_string(expected) + " fields (" + header + "), found " +

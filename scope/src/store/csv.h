@@ -37,8 +37,9 @@ std::string CsvField(const CsvColumn& column, const Value& value) {
   }
 }
 
-/// One row of the table in the file `path`, whose first line is `header`. Each call takes the next field.
-/// Throws DamagedFolder, which names file, line and field, if the field does not have the value's type.
+/// One row of the table in the file `path`, whose first line is `header`. Each call takes the next field, and
+/// texts are printable. Throws DamagedFolder, which names file, line and field, if the field does not have
+/// the value's type.
 class CsvRow {
  public:
   CsvRow(const std::string& path, std::size_t line, const std::string& text, const std::string& header);

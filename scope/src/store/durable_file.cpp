@@ -18,7 +18,9 @@ namespace scope {
 
 namespace fs = std::filesystem;
 
-OutputFile::OutputFile(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "we")) {
+OutputFile::OutputFile(std::string path, Existing existing)
+    : path_(std::move(path)),
+      file_(std::fopen(path_.c_str(), existing == Existing::kReplace ? "we" : "wxe")) {
   if (file_ == nullptr) Fail(errno);
 }
 
@@ -52,8 +54,9 @@ void OutputFile::Fail(int error) const {
 
 void ReplaceFile(const std::string& path, const std::string& text) {
   const std::string next = path + ".new";
+  (void)std::remove(next.c_str());  // of a program that was killed here
   try {
-    OutputFile file(next);
+    OutputFile file(next, OutputFile::Existing::kRefuse);
     file.Write(text);
     file.Close();
     if (std::rename(next.c_str(), path.c_str()) != 0) {
@@ -84,6 +87,12 @@ void MakeFolder(const std::string& path) {
   std::error_code error;
   fs::create_directories(path, error);
   if (error) throw UserError("cannot make the folder " + path + ": " + error.message());
+}
+
+void RequireNoLink(const std::string& path) {
+  std::error_code error;
+  if (!fs::is_symlink(fs::symlink_status(path, error))) return;
+  throw UserError(path + " is a link. A resumed sweep follows no links: replace it by what it leads to");
 }
 
 bool IsTaken(const std::string& path) {

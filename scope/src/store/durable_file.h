@@ -10,7 +10,9 @@ namespace scope {
 /// A new file, which replaces an existing one at once.
 class OutputFile {
  public:
-  explicit OutputFile(std::string path);
+  enum class Existing { kReplace, kRefuse };
+  /// kRefuse: fails if `path` exists, even as a link that leads nowhere.
+  explicit OutputFile(std::string path, Existing existing = Existing::kReplace);
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
@@ -28,7 +30,7 @@ class OutputFile {
 };
 
 /// Replaces the file's content with `text`, completely or not at all. If the disk is full, the old file
-/// stays. Throws UserError.
+/// stays. Writes to `path`.new first, and follows no link there. Throws UserError.
 void ReplaceFile(const std::string& path, const std::string& text);
 
 /// The current time in UTC, ISO 8601, in whole seconds.
@@ -39,6 +41,9 @@ std::string TimedFolder(const std::string& prefix);
 
 /// Makes the folder and its parents.
 void MakeFolder(const std::string& path);
+
+/// Throws UserError if `path` is a symbolic link.
+void RequireNoLink(const std::string& path);
 
 /// True if `path` exists and is not an empty folder.
 bool IsTaken(const std::string& path);

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "errors.h"
+#include "folder_json.h"
+#include "printable.h"
 #include "run_keys.h"
 
 namespace scope {
@@ -45,6 +47,21 @@ void Put(Json& object, const std::string& key, const std::vector<std::pair<std::
 void Put(Json& object, const std::string& key, const MhzRange& range) {
   object[key + "_min"] = range.least;
   object[key + "_max"] = range.most;
+}
+
+// Recursive: ParseFolderJson bounds the levels.
+Json PrintableJson(const Json& json) {
+  if (json.is_string()) return Printable(json.get<std::string>());
+  if (!json.is_structured()) return json;
+  Json printable = json.is_array() ? Json::array() : Json::object();
+  for (const auto& [key, value] : json.items()) {
+    if (json.is_array()) {
+      printable.push_back(PrintableJson(value));
+    } else {
+      printable[Printable(key)] = PrintableJson(value);
+    }
+  }
+  return printable;
 }
 
 Json ToJson(const RunInfo& info) {
@@ -94,7 +111,7 @@ std::string RunInfoText(const RunInfo& info) {
 
 RunInfo ParseRunInfo(const std::string& text, const std::string& path) {
   try {
-    const Json json = Json::parse(text);
+    const Json json = PrintableJson(ParseFolderJson(text, path));
     if (!json.is_object() || json.find("format") == json.end() || !json["format"].is_number_integer()) {
       throw DamagedFolder(path + ": not the description of a run: it has no \"format\" number");
     }

@@ -13,9 +13,10 @@
 
 #include "engines.h"
 #include "errors.h"
+#include "folder_file.h"
+#include "run_checks.h"
 #include "run_json.h"
 #include "run_tables.h"
-#include "system_files.h"
 #include "text_format.h"
 
 namespace scope {
@@ -29,10 +30,8 @@ void ReadTable(Run& run, std::vector<Row>& rows, bool required) {
   const char* const name = kTableName<Row>;
   const std::string header = TableHeader<Row>();
   const std::string path = run.folder + "/" + name;
-  const std::optional<std::string> text = ReadFile(path);
+  const std::optional<std::string> text = ReadFolderFile(path, kMostTableBytes);
   if (!text) {
-    const int error = errno;
-    if (error != ENOENT) throw DamagedFolder(path + ": " + std::strerror(error));
     if (!required) return;
     if (run.info.complete) throw DamagedFolder(path + ": the file is missing, although the run is complete");
     run.notes.push_back(std::string(name) + " is missing: the run is incomplete");
@@ -108,7 +107,7 @@ RunInfo ReadRunInfo(const std::string& folder) {
   const std::string path = folder + "/" + kInfoName;
   std::error_code ignored;
   if (!fs::is_directory(folder, ignored)) throw UserError(folder + ": there is no such folder");
-  const std::optional<std::string> text = ReadFile(path);
+  const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
   if (!text) throw UserError(folder + ": not a run folder: cannot read run.json: " + std::strerror(errno));
   return ParseRunInfo(*text, path);
 }
@@ -126,7 +125,9 @@ Run ReadRun(const std::string& folder) {
   ReadTable(run, run.histogram, meter);
   ReadTable(run, run.rates, true);
   ReadTable(run, run.counters, false);
+  CheckRows(run);
   NoteGaps(run);
+  if (run.info.complete && meter && run.notes.empty()) CheckTotals(run);
   return run;
 }
 

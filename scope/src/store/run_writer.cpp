@@ -13,8 +13,10 @@ namespace fs = std::filesystem;
 
 RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
   std::error_code error;
+  const bool isFolder = fs::is_directory(folder, error);
+  if (isFolder) lock_ = std::make_unique<FolderLock>(folder);
   if (IsTaken(folder)) {
-    if (!force || !fs::is_directory(folder, error)) {
+    if (!force || !isFolder) {
       throw UserError(folder + " exists and is not an empty folder" +
                       (force ? "" : ": choose another one, or add --force to replace the run in it"));
     }
@@ -25,14 +27,15 @@ RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
     }
   }
   MakeFolder(folder);
+  if (lock_ == nullptr) lock_ = std::make_unique<FolderLock>(folder);
 }
 
 void RunWriter::WriteInfo(const RunInfo& info) {
   ReplaceFile(folder_ + "/" + kInfoName, RunInfoText(info));
 }
 
-void RunWriter::AddRateLine(const std::string& line) {
-  Append(kRatesTextName, "", line + '\n');
+void RunWriter::AddRateLines(const std::string& lines) {
+  if (!lines.empty()) Append(kRatesTextName, "", lines);
 }
 
 void RunWriter::WriteHistogram(const std::vector<HistogramRow>& rows) {

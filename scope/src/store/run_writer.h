@@ -2,10 +2,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "durable_file.h"
+#include "folder_lock.h"
 #include "run_tables.h"
 
 namespace scope {
@@ -17,7 +19,8 @@ namespace scope {
 class RunWriter {
  public:
   /// Makes the folder and its parents. Refuses an existing folder that is not empty. With `force` it removes
-  /// the files of an earlier run from such a folder, and nothing else.
+  /// the files of an earlier run from such a folder, and nothing else. Refuses a folder in which another
+  /// recorder is at work. No other one can use the folder while this object exists.
   RunWriter(const std::string& folder, bool force);
 
   const std::string& Folder() const { return folder_; }
@@ -28,8 +31,8 @@ class RunWriter {
   void Add(const std::vector<Row>& rows) {
     Append(kTableName<Row>, TableHeader<Row>() + '\n', TableText(rows));
   }
-  /// Adds one line as it was printed, without its line feed.
-  void AddRateLine(const std::string& line);
+  /// Adds lines as they were printed, each with its line feed. One call for many: each is a write.
+  void AddRateLines(const std::string& lines);
   void WriteHistogram(const std::vector<HistogramRow>& rows);
 
  private:
@@ -37,6 +40,7 @@ class RunWriter {
   void Append(const std::string& name, const std::string& header, const std::string& text);
 
   std::string folder_;
+  std::unique_ptr<FolderLock> lock_;
   std::map<std::string, OutputFile> files_;  ///< by name
 };
 

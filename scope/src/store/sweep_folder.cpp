@@ -6,12 +6,13 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "durable_file.h"
 #include "errors.h"
+#include "folder_file.h"
+#include "folder_json.h"
 
 namespace scope {
 namespace {
@@ -19,7 +20,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
-constexpr const char* kSweepName = "sweep.json";
 constexpr int kSweepFormat = 1;
 const std::array<std::pair<SweepState, const char*>, 4> kStates = {
     {{SweepState::kPlanned, "planned"},
@@ -120,10 +120,10 @@ bool IsSweepFolder(const std::string& folder) {
 
 Sweep ReadSweep(const std::string& folder) {
   const std::string path = folder + "/" + kSweepName;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw UserError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
+  const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
+  if (!text) throw UserError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
   try {
-    const Json json = Json::parse(file);
+    const Json json = ParseFolderJson(*text, path);
     const int format = json.at("format").get<int>();
     if (format != kSweepFormat) {
       throw DamagedFolder(path + ": written in format " + std::to_string(format) +

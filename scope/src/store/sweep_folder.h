@@ -8,6 +8,8 @@
 /// sweep.json: what a sweep records and how much of it is done (scope/FORMAT.md).
 namespace scope {
 
+constexpr const char* kSweepName = "sweep.json";
+
 bool IsSweepFolder(const std::string& folder);
 /// Throws UserError, which names the file and what was expected.
 Sweep ReadSweep(const std::string& folder);

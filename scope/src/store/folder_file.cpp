@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "folder_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "errors.h"
+
+namespace scope {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() {
+    if (number_ >= 0) (void)close(number_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int Number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+[[noreturn]] void Fail(const std::string& path, const std::string& reason) {
+  throw DamagedFolder(path + ": " + reason);
+}
+
+}  // namespace
+
+std::optional<std::string> ReadFolderFile(const std::string& path, std::uint64_t mostBytes) {
+  // Non-blocking: opening a pipe would wait for its writer.
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (file.Number() < 0 && errno == ENOENT) return std::nullopt;
+  struct stat status{};
+  if (file.Number() < 0 || fstat(file.Number(), &status) != 0) Fail(path, std::strerror(errno));
+  if (S_ISDIR(status.st_mode)) Fail(path, std::strerror(EISDIR));
+  if (!S_ISREG(status.st_mode)) Fail(path, "not a regular file");
+  std::string text;
+  std::vector<char> bytes(1 << 16);
+  for (;;) {
+    const ssize_t size = read(file.Number(), bytes.data(), bytes.size());
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) Fail(path, std::strerror(errno));
+    if (size == 0) return text;
+    text.append(bytes.data(), static_cast<std::size_t>(size));
+    if (text.size() > mostBytes) {
+      Fail(path,
+           "larger than " + std::to_string(mostBytes >> 20) + " MiB, expected a file of a run or a sweep");
+    }
+  }
+}
+
+}  // namespace scope
