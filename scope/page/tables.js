@@ -159,7 +159,7 @@ function counterTable(runs) {
 
 function stateText(run) {
   if (run.complete) return 'complete';
-  return run.incomplete_reason ? `incomplete: ${run.incomplete_reason}` : 'incomplete';
+  return run.incomplete_reason ? `incomplete: ${run.incomplete_reason.replaceAll('\n', '; ')}` : 'incomplete';
 }
 
 function endText(run) {

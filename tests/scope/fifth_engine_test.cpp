@@ -69,7 +69,7 @@ TEST_F(FifthEngineTest, IsRecorded) {
   RecordOptions options;
   options.benchmark = SCRIPTED_METER;
   options.meter = IDLE_LIBRARY;
-  options.config = folder_.Put("c.yaml", "CPU:\n  Level: 1\nDMA:\n  Level: 2\n  Program: p.bin\n");
+  options.config = folder_.Put("c.yaml", "CPU:\n  Level: 0\nDMA:\n  Level: 2\n  Program: p.bin\n");
   options.extra = {folder_.Put("script", script)};
   options.folder = folder_ / "run";
   options.systemRoot = folder_ / "no-system";
@@ -82,7 +82,7 @@ TEST_F(FifthEngineTest, IsRecorded) {
   EXPECT_EQ(view.last[0].second.operations, 40U);
 
   const auto run = ReadRun(options.folder);
-  EXPECT_THAT(run.info.config.levels, ElementsAre(Pair("cpu", 1), Pair("dma", 2)));
+  EXPECT_THAT(run.info.config.levels, ElementsAre(Pair("cpu", 0), Pair("dma", 2)));
   ASSERT_EQ(run.samples.size(), 8U);
   for (const Sample& sample : run.samples) {
     EXPECT_EQ(sample.engine, "dma");

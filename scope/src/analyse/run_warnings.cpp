@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "early_end.h"
 #include "engines.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -25,7 +26,6 @@ constexpr double kShareBelowMillisecond = 0.01;
 // An operation that is counted takes at least 1 ms. A higher rate includes operations counted as 0 ms.
 constexpr double kGreatestWholeRate = 1000;
 constexpr double kSlowedDown = 0.95;
-constexpr double kStoppedEarlyS = 2.5;
 
 using List = std::vector<Warning>;
 
@@ -176,10 +176,7 @@ std::vector<double> Thinned(const std::vector<double>& values) {
 
 Warning EarlyEnd(const EngineSummary& engine, double endS) {
   if (!IsLoad(engine.engine)) return {};
-  // An operation may still run at the end. It may take as long as the longest one did.
-  const auto stopped = [endS](const WorkSummary& work) {
-    return endS - work.lastS > kStoppedEarlyS + static_cast<double>(work.maxNs) * 1e-9;
-  };
+  const auto stopped = [endS](const WorkSummary& work) { return StoppedEarly(endS, work.lastS, work.maxNs); };
   if (engine.work.operations == 0) return {"not one operation succeeded", {}, engine.engine};
   if (stopped(engine.work)) {
     return {Format("no operation after %.0f s of %.0f s", engine.work.lastS, endS), engine.work.lastS,

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "configuration.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -72,6 +74,34 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
   if (!text) throw UserError("cannot read " + path + ": " + std::strerror(errno));
   config.text = *text + "\n";
   return config;
+}
+
+std::vector<std::string> UnreadSections(const std::string& path) {
+  std::vector<std::string> names;
+  for (const EngineInfo& engine : Engines()) {
+    if (engine.load) names.emplace_back(engine.section);
+  }
+  std::string expected;
+  for (const std::string& name : names) expected += (expected.empty() ? "" : ", ") + name;
+  for (const char* const name : {"logMode", "logLevel", "runTimes"}) names.emplace_back(name);
+  std::vector<std::string> sentences;
+  try {
+    const Ormis::QetYamlNode root(path);
+    for (const auto& [key, child] : root.children) {
+      if (std::find(names.begin(), names.end(), key) != names.end()) continue;
+      const auto meant = std::find_if(names.begin(), names.end(), [&name = key](const std::string& known) {
+        return strcasecmp(known.c_str(), name.c_str()) == 0;
+      });
+      std::string value;
+      // Any other value is the user's own note.
+      if (meant == names.end() && root.GetValue<std::string>(key, value)) continue;
+      sentences.push_back("nothing reads " + Quoted(key) + " in " + path + ": " +
+                          (meant == names.end() ? "the sections are " + expected : "write " + *meant));
+    }
+  } catch (const std::exception& error) {
+    throw UserError(error.what());
+  }
+  return sentences;
 }
 
 std::string PointConfiguration(const std::string& path, const SweepLevels& levels) {

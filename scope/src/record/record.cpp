@@ -15,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <memory>
 
 #include "child_process.h"
@@ -22,6 +23,7 @@
 #include "configuration.h"
 #include "counters.h"
 #include "errors.h"
+#include "failures.h"
 #include "live_figures.h"
 #include "meter_reader.h"
 #include "preload_path.h"
@@ -83,6 +85,22 @@ std::string FindMeter(const std::string& given) {
       ". Give the path of libstress_scope.so with --meter, or record without it with --no-meter.");
 }
 
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t from = 0; from < text.size();) {
+    const std::size_t end = std::min(text.find('\n', from), text.size());
+    lines.push_back(text.substr(from, end - from));
+    from = end + 1;
+  }
+  return lines;
+}
+
+std::string Joined(const std::vector<std::string>& lines, const char* between) {
+  std::string text;
+  for (const std::string& line : lines) text += (text.empty() ? "" : between) + line;
+  return text;
+}
+
 /// One recording, from the start of the benchmark to the last file: it waits, reads, saves and shows. The
 /// supervisor decides when the benchmark has to end.
 class Recording {
@@ -105,6 +123,8 @@ class Recording {
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
     info_.counters = counters_->Sources();
     info_.incompleteReason = "the recorder ended before the run did";
+    failures_ = UnreadSections(options.config);
+    watch_ = std::make_unique<FailureWatch>(info_.config.levels, options.useMeter);
   }
 
   RecordResult Run(Signals& signals) {
@@ -112,6 +132,7 @@ class Recording {
     writer_->WriteInfo(info_);
     writer_->Add(std::vector<Rate>());
     if (options_.useMeter) writer_->Add(std::vector<Sample>());
+    for (const std::string& failure : failures_) Tell(failure);
     Start();
     try {
       while (supervisor_->CurrentState() != Supervisor::State::kEnded) Step(signals);
@@ -135,7 +156,7 @@ class Recording {
     child.program = limits_.program;
     child.arguments = {options_.config};
     child.arguments.insert(child.arguments.end(), options_.extra.begin(), options_.extra.end());
-    child.takeErrors = view_.TakesErrors();
+    child.takeErrors = true;
     if (options_.useMeter) {
       const char* const others = std::getenv("LD_PRELOAD");
       const bool more = others != nullptr && *others != '\0';
@@ -170,7 +191,10 @@ class Recording {
       view_.End();
       Tell(decision.fault);
     }
-    if (decision.send == Supervisor::Send::kSigint) child_->Signal(SIGINT);
+    if (decision.send == Supervisor::Send::kSigint) {
+      workEndS_ = std::min(workEndS_, TimeS());
+      child_->Signal(SIGINT);
+    }
     if (decision.send == Supervisor::Send::kSigkill) child_->Signal(SIGKILL);
   }
 
@@ -192,6 +216,7 @@ class Recording {
       try {
         const std::vector<Rate> rates = ParseRateLine(line, timeS);
         Save([&] { writer_->Add(rates); });
+        watch_->Add(rates);
       } catch (const UserError& error) {
         if (badLines_++ == 0)
           Tell("the benchmark printed a line that is not a rate line: " + std::string(error.what()));
@@ -199,7 +224,16 @@ class Recording {
     }
     lines.clear();
     (void)errors_.Read(child_->Errors(), lines, mostBytes);
-    for (const std::string& line : lines) view_.ErrorLine(Printable(line));
+    AddLog(lines);
+  }
+
+  void AddLog(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+      text += line + '\n';
+      watch_->AddLogLine(line);
+    }
+    if (!text.empty()) Save([&] { writer_->AddLog(text); });
   }
 
   void ReadMeter() {
@@ -217,6 +251,7 @@ class Recording {
                                       [](const Sample& sample) { return sample.operations != 0; });
       if (worked) supervisor_->SignOfLife(second.timeS);
       Save([&] { writer_->Add(second.samples); });
+      watch_->Add(second.samples);
       const bool whole = second.timeS > figures_.TimeS() + kShownSecondS;
       figures_.Add(second);
       // The rest of a second at the end has too few operations to show a rate.
@@ -270,10 +305,30 @@ class Recording {
     }
     // Tried even after a failed write: there may be room again, and these files do not need the others.
     if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });
-    info_.complete = supervisor_->Fault().empty();
-    info_.incompleteReason = supervisor_->Fault();
+    FindFailures();
+    info_.incompleteReason = Joined(failures_, "\n");
+    info_.complete = info_.incompleteReason.empty();
     (void)Try([this] { writer_->WriteInfo(info_); });
+    if (!info_.complete) return {false, supervisor_->Interrupted(), Joined(failures_, "; ")};
     return {supervisor_->Fault().empty(), supervisor_->Interrupted(), supervisor_->Fault()};
+  }
+
+  // Adds what was found at the end to what was found at the start, and tells it.
+  void FindFailures() {
+    if (LogsToFileOnly(info_.config)) AddLog(Lines(logFile_.Added()));
+    const std::string fault = supervisor_->Fault();
+    if (!fault.empty()) {
+      // What else failed may follow from the fault, which was told when it happened.
+      const std::string why = watch_->Log().WhyItFailed();
+      if (!why.empty()) Tell("the log says: " + why);
+      failures_.insert(failures_.begin(), WithLogLine(fault, why));
+      return;
+    }
+    const bool allCounted = meter_->Unmeasured() == 0;
+    for (const std::string& failure : watch_->Failures(std::min(workEndS_, limits_.runTimeS), allCounted)) {
+      Tell(failure);
+      failures_.push_back(failure);
+    }
   }
 
   RecordOptions options_;
@@ -291,6 +346,10 @@ class Recording {
   Figures figures_;
   std::uint64_t startNs_ = 0;
   double counterTimeS_ = 0;
+  double workEndS_ = std::numeric_limits<double>::infinity();  ///< when the benchmark was asked to end
+  LogFile logFile_;
+  std::unique_ptr<FailureWatch> watch_;
+  std::vector<std::string> failures_;  ///< one line each
   int badLines_ = 0;
   bool saving_ = true;
 };

@@ -54,18 +54,6 @@ class LiveView : public View {
     Draw();
   }
 
-  void ErrorLine(const std::string& line) override {
-    if (ended_) {
-      (void)std::fprintf(stderr, "%s\n", line.c_str());
-      return;
-    }
-    Erase();
-    Put("\r" + line + "\033[K\n");
-    Draw();
-  }
-
-  bool TakesErrors() const override { return true; }
-
   void End() override {
     if (ended_) return;
     ended_ = true;

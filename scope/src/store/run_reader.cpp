@@ -94,6 +94,17 @@ void NoteGaps(Run& run) {
   NoteMissingEnd(run);
 }
 
+// One note for each line of the reason.
+void NoteReasons(Run& run) {
+  const std::string& reason = run.info.incompleteReason;
+  if (reason.empty()) run.notes.push_back("the run is incomplete");
+  for (std::size_t from = 0; from < reason.size();) {
+    const std::size_t end = std::min(reason.find('\n', from), reason.size());
+    run.notes.push_back("the run is incomplete: " + reason.substr(from, end - from));
+    from = end + 1;
+  }
+}
+
 }  // namespace
 
 bool IsRunFolder(const std::string& folder) {
@@ -117,8 +128,7 @@ Run ReadRun(const std::string& folder) {
   run.folder = folder;
   run.info = ReadRunInfo(folder);
   if (!run.info.complete) {
-    run.notes.push_back("the run is incomplete" +
-                        (run.info.incompleteReason.empty() ? "" : ": " + run.info.incompleteReason));
+    NoteReasons(run);
   }
   const bool meter = run.info.conditions.meter;
   ReadTable(run, run.samples, meter);

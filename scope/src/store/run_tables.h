@@ -13,6 +13,7 @@
 namespace scope {
 
 constexpr const char* kRatesTextName = "rates.txt";
+constexpr const char* kLogName = "log.txt";
 constexpr const char* kReportName = "report.html";
 
 /// The file that has a row for each `Row`.

@@ -20,8 +20,9 @@ RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
       throw UserError(folder + " exists and is not an empty folder" +
                       (force ? "" : ": choose another one, or add --force to replace the run in it"));
     }
-    for (const char* name : {kInfoName, kTableName<Sample>, "samples.jsonl", kTableName<HistogramRow>,
-                             kTableName<Rate>, kRatesTextName, kTableName<CounterValue>, kReportName}) {
+    for (const char* name :
+         {kInfoName, kTableName<Sample>, "samples.jsonl", kTableName<HistogramRow>, kTableName<Rate>,
+          kRatesTextName, kLogName, kTableName<CounterValue>, kReportName}) {
       fs::remove(fs::path(folder) / name, error);
       if (error) throw UserError("cannot remove " + folder + "/" + name + ": " + error.message());
     }

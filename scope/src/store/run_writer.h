@@ -33,6 +33,8 @@ class RunWriter {
   }
   /// Adds lines as they were printed, each with its line feed. One call for many: each is a write.
   void AddRateLines(const std::string& lines);
+  /// Adds complete lines of the benchmark's log.
+  void AddLog(const std::string& lines) { Append(kLogName, "", lines); }
   void WriteHistogram(const std::vector<HistogramRow>& rows);
 
  private:
