@@ -95,13 +95,6 @@ TEST_F(FailuresProgramTest, AnOperationThatFailsEndsItsWorker) {
               HasSubstr("the log says: VPCResize() | QetImageResize failed, ret = 777"));
 }
 
-TEST_F(FailuresProgramTest, AWorkerThatHangs) {
-  const ToolResult result =
-      Record("logMode: 4\nCPU: {Level: 2}\n", "memcpy_s:20:delay=10000", "8", {"--grace", "30"});
-  EXPECT_EQ(folder_.Get("totals"), "0 1 0 memcpy_s 20\n");
-  ExpectFailure(result, "cpu: 1 of 2 workers ended early, the first after ");
-}
-
 TEST_F(FailuresProgramTest, AWorkerWhoseSetUpFails) {
   const ToolResult result =
       Record("logMode: 4\nAIC: {Level: 2, File: " TINY_NETWORK "}\n", "QetDNNModelCreateInput:2:fail=777");
