@@ -117,7 +117,8 @@ class SweepTest : public ::testing::Test {
   std::string Counting() const {
     return Script(
         "level=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\necho \"$level\" >>\"$0.levels\"\n"
-        "echo \"cpuStress : $((level * 100)).000000 fps. ispStress : 30.0 fps.\"");
+        "echo \"cpuStress : $((level * 100)).000000 fps. kivuVencStress : 1.000000 fps. ispStress : 30.0 "
+        "fps.\"");
   }
 
   std::vector<std::string> SweepOf(const std::string& benchmark, std::vector<std::string> more = {}) const {
@@ -269,7 +270,8 @@ TEST_F(SweepTest, RecordsTheGridInItsOrder) {
 TEST_F(SweepTest, AnInterruptedSweepKeepsItsRunsAndGoesOn) {
   // The second run never ends.
   const std::string benchmark = Script(
-      "echo run >>\"$0.runs\"\necho 'cpuStress : 5.000000 fps. ispStress : 30.0 fps.'\n"
+      "echo run >>\"$0.runs\"\necho 'cpuStress : 5.000000 fps. kivuVencStress : 1.000000 fps. ispStress : "
+      "30.0 fps.'\n"
       "if [ \"$(wc -l <\"$0.runs\")\" = 2 ]; then touch \"$0.waits\"; exec sleep 100; fi");
   ChildProcess child(ProgramOptions(STRESS_SCOPE, SweepOf(benchmark, {"--levels", "CPU=0..3"})));
   while (!std::filesystem::exists(folder_ / "benchmark.waits"))
@@ -307,7 +309,8 @@ TEST_F(SweepTest, ARunWhoseFolderHasGoneIsRecordedAgain) {
 
 TEST_F(SweepTest, ARunThatFailsIsReportedAndTheOthersAreRecorded) {
   const std::string benchmark = Script(
-      "grep -q '^  Level: 3' \"$1\" && exit 9\necho 'cpuStress : 5.000000 fps. ispStress : 30.0 fps.'");
+      "grep -q '^  Level: 3' \"$1\" && exit 9\necho 'cpuStress : 5.000000 fps. kivuVencStress : 1.000000 "
+      "fps. ispStress : 30.0 fps.'");
   const ToolResult result = RunTool(SweepOf(benchmark, {"--levels", "CPU=2..4"}));
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.output, HasSubstr("note: run-0002 (CPU=3) failed: the benchmark ended with status 9"));
