@@ -227,7 +227,11 @@ TEST_F(MeterTest, MeasuresRealTimeBetweenThatInsideACallAndThatAroundIt) {
   // Four engines, one after the other, of 300 calls of 1 to 4 ms: several seconds, each with its own samples.
   EXPECT_GE(seconds_.size(), 2U);
   EXPECT_LE(static_cast<double>(seconds_.size()), took.count() + 2) << "the last second may be a short one";
-  // A second has only its own bytes.
+  // A second has only its own operations and bytes.
+  for (const std::string& engine : Loads()) {
+    EXPECT_EQ(metered_[engine].operations, 600U) << engine;
+    EXPECT_EQ(OperationsIn(MeteredLatencies(engine)), 600U) << engine;
+  }
   EXPECT_EQ(metered_["cpu"].bytes, 600U * 2 * 100);
   EXPECT_EQ(metered_["vpc"].bytes, 600U * 3 * (64 * 32 + 32 * 32));
   EXPECT_EQ(metered_["venc"].bytes, 600U * (64 * 32 * 3 / 2));
