@@ -92,11 +92,22 @@ TEST(RunWarnings, BuildsForDebugging) {
   }
 }
 
-TEST(RunWarnings, ABusyMachine) {
+TEST(RunWarnings, ADisturbedMachine) {
   scope::Run run = QuietRun();
-  run.info.conditions.loadAverage = {1.1, 0, 0};
-  EXPECT_THAT(WarningsOf(run), ElementsAre(HasSubstr("busy at the start: a load average of 1.10 on 4 CPUs")));
-  run.info.conditions.loadAverage = {};
+  run.info.conditions.loadAverage = {9, 9, 9};  // perhaps of the tool's own last run
+  for (int second = 1; second <= 10; ++second) {
+    const double timeS = second;
+    run.counters.push_back({timeS, "load", "others", "CPUs", second == 4 || second == 7 ? 0.15 : 0.1});
+    run.counters.push_back({timeS, "load", "steal", "CPUs", second == 7 ? 0.85 : 0.05});
+    run.counters.push_back({timeS, "pressure", "cpu", "%", 99});
+  }
+  EXPECT_THAT(WarningsOf(run),
+              ElementsAre("disturbed: 1 of 10 seconds, in which others took more than 5 % of "
+                          "the CPUs' time, at most 25 %"));
+  EXPECT_EQ(TimedWarning(run).timeS, 7);
+  for (scope::CounterValue& value : run.counters) {
+    if (value.source == "load") value.value /= 10;
+  }
   EXPECT_THAT(WarningsOf(run), IsEmpty());
 }
 

@@ -15,8 +15,8 @@
 namespace scope {
 namespace {
 
-// Load average per CPU. Above it, the work of other programs affects the figures.
-constexpr double kBusyLoad = 0.25;
+// Share of the CPUs' time. A second in which others take more is disturbed.
+constexpr double kDisturbed = 0.05;
 // Changes above this share are reported.
 constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;
@@ -39,13 +39,28 @@ void AddBuild(const Run& run, List& warnings) {
   }
 }
 
-void AddLoad(const Run& run, List& warnings) {
-  const Conditions& machine = run.info.conditions;
-  if (machine.loadAverage.empty() || machine.cpuCount <= 0) return;
-  const double load = machine.loadAverage.front();
-  if (load <= kBusyLoad * machine.cpuCount) return;
-  warnings.push_back({Format("the machine was busy at the start: a load average of %.2f on %d CPUs", load,
-                             machine.cpuCount)});
+// Others are programs beside the benchmark and its recorder, and the machine's host (steal).
+void AddDisturbance(const Run& run, List& warnings) {
+  std::map<double, double> othersAt;
+  for (const CounterValue& value : run.counters) {
+    if (value.source == "load") othersAt[value.timeS] += value.value;
+  }
+  if (othersAt.empty() || run.info.conditions.cpuCount <= 0) return;
+  std::size_t disturbed = 0;
+  double most = 0;
+  std::optional<double> firstS;
+  for (const auto& [timeS, cpus] : othersAt) {
+    const double share = cpus / run.info.conditions.cpuCount;
+    if (share <= kDisturbed) continue;
+    ++disturbed;
+    most = std::max(most, share);
+    if (!firstS) firstS = timeS;
+  }
+  if (disturbed == 0) return;
+  warnings.push_back({Format("disturbed: %zu of %zu seconds, in which others took more than %.0f %% of the "
+                             "CPUs' time, at most %.0f %%",
+                             disturbed, othersAt.size(), kDisturbed * 100, most * 100),
+                      firstS});
 }
 
 void AddFailures(const EngineSummary& engine, List& warnings) {
@@ -219,7 +234,7 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
   for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
-  AddLoad(run, warnings);
+  AddDisturbance(run, warnings);
   for (const EngineSummary& engine : summary.engines) {
     AddFailures(engine, warnings);
     if (!IsLoad(engine.engine)) continue;

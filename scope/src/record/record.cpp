@@ -25,6 +25,7 @@
 #include "errors.h"
 #include "failures.h"
 #include "live_figures.h"
+#include "machine_load.h"
 #include "meter_reader.h"
 #include "preload_path.h"
 #include "printable.h"
@@ -122,6 +123,8 @@ class Recording {
     if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
     info_.counters = counters_->Sources();
+    load_ = std::make_unique<MachineLoad>(options.systemRoot);
+    for (CounterSource& source : load_->Sources()) info_.counters.push_back(std::move(source));
     info_.incompleteReason = "the recorder ended before the run did";
     failures_ = UnreadSections(options.config);
     watch_ = std::make_unique<FailureWatch>(info_.config.levels, options.useMeter);
@@ -269,7 +272,8 @@ class Recording {
   void ReadCounters() {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
-    const std::vector<CounterValue> values = counters_->Read(timeS);
+    std::vector<CounterValue> values = counters_->Read(timeS);
+    for (CounterValue& value : load_->Read(timeS, child_->Id())) values.push_back(std::move(value));
     if (!values.empty()) Save([&] { writer_->Add(values); });
   }
 
@@ -339,6 +343,7 @@ class Recording {
   std::unique_ptr<Supervisor> supervisor_;
   std::unique_ptr<RunWriter> writer_;
   std::unique_ptr<Counters> counters_;
+  std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;
   std::unique_ptr<ChildProcess> child_;
   LineReader output_;

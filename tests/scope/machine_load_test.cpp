@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "machine_load.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "temporary_folder.h"
+
+namespace {
+
+using scope::MachineLoad;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
+
+class MachineLoadTest : public ::testing::Test {
+ protected:
+  static constexpr pid_t kBenchmark = 77;
+
+  /// Times are in seconds of one CPU.
+  void Put(double machineS, double stealS, double benchmarkS, double ownS) const {
+    folder_.Put("proc/stat",
+                "cpu  " + Ticks(machineS) + " 0 0 9999 500 0 0 " + Ticks(stealS) + " 0 0\ncpu0 1\n");
+    folder_.Put("proc/77/stat", Process(benchmarkS));
+    folder_.Put("proc/self/stat", Process(ownS));
+  }
+
+  static std::string Ticks(double seconds) {
+    return std::to_string(static_cast<long>(seconds * static_cast<double>(sysconf(_SC_CLK_TCK))));
+  }
+
+  static std::string Process(double seconds) {
+    return "77 (a ) name) R 1 2 3 4 5 6 7 8 9 10 " + Ticks(seconds / 2) + " " + Ticks(seconds / 2) +
+           " 0 0 20\n";
+  }
+
+  std::map<std::string, double> Read(double timeS) {
+    std::map<std::string, double> values;
+    for (const scope::CounterValue& value : load_.Read(timeS, kBenchmark)) {
+      EXPECT_EQ(value.timeS, timeS);
+      values[value.source + "/" + value.name] = value.value;
+    }
+    return values;
+  }
+
+  TemporaryFolder folder_;
+  MachineLoad load_{folder_.Path()};
+};
+
+TEST_F(MachineLoadTest, TimeOfTheBenchmarkAndOfTheRecorderIsNotThatOfOthers) {
+  Put(1000, 50, 10, 2);
+  EXPECT_THAT(Read(1), IsEmpty()) << "the first call";
+  // In two seconds: 4 s of the machine, 2 of them the benchmark's and 1 the recorder's.
+  Put(1004, 51, 12, 3);
+  EXPECT_THAT(Read(3), UnorderedElementsAre(Pair("load/others", 0.5), Pair("load/steal", 0.5)));
+  Put(1005, 51, 14, 3);
+  EXPECT_THAT(Read(4), UnorderedElementsAre(Pair("load/others", 0), Pair("load/steal", 0)))
+      << "ticks that were counted late";
+}
+
+TEST_F(MachineLoadTest, WithoutTheBenchmarkItCannotTellOthers) {
+  Put(1000, 0, 10, 2);
+  (void)Read(1);
+  std::filesystem::remove_all(folder_ / "proc/77");
+  EXPECT_THAT(Read(2), UnorderedElementsAre(Pair("load/steal", 0)));
+}
+
+TEST_F(MachineLoadTest, PressureIsAShareOfTheTime) {
+  const auto put = [this](const std::string& total) {
+    folder_.Put("proc/pressure/memory", "some avg10=1.00 avg60=0.10 avg300=0.00 total=" + total +
+                                            "\nfull avg10=0.00 avg60=0.00 avg300=0.00 total=9\n");
+  };
+  put("1000000");
+  folder_.Put("proc/pressure/io", "nothing");
+  (void)Read(1);
+  put("1500000");
+  EXPECT_THAT(Read(3), UnorderedElementsAre(Pair("pressure/memory", 25)));
+}
+
+TEST_F(MachineLoadTest, SaysWhatIsAbsent) {
+  Put(1, 1, 1, 1);
+  const std::vector<scope::CounterSource> sources = load_.Sources();
+  ASSERT_EQ(sources.size(), 2U);
+  EXPECT_EQ(sources[0].source, "load");
+  EXPECT_TRUE(sources[0].present);
+  EXPECT_FALSE(sources[1].present);
+  EXPECT_THAT(sources[1].reason, HasSubstr("proc/pressure/cpu: No such file"));
+}
+
+}  // namespace
