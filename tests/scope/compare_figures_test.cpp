@@ -31,7 +31,7 @@ Sample At(double timeS, std::uint64_t operations, const std::string& engine = "c
 Values Figures(const std::vector<Sample>& samples, double skipS = 0) {
   scope::Run run;
   run.samples = samples;
-  return FiguresOf(Summarise(run), skipS);
+  return FiguresOf(Summarise(Completed(run)), skipS);
 }
 
 TEST(CompareFigures, FiguresLeaveOutTheWarmUpAndTheEnd) {
@@ -45,7 +45,7 @@ TEST(CompareFigures, FiguresLeaveOutTheWarmUpAndTheEnd) {
   const TemporaryFolder folder;
   WriteRun(folder / "run", {cpu, venc});
   const scope::Run run = ReadRun(folder / "run");
-  const auto figures = FiguresOf(Summarise(run), 5);
+  const auto figures = FiguresOf(Summarise(Completed(run)), 5);
   // The seconds of two threads that end at 6 to 27. The last second with operations is not whole.
   const std::vector<double>& operations = figures.at({"cpu", Figure::kOperations});
   ASSERT_EQ(operations.size(), 22U);
@@ -57,7 +57,7 @@ TEST(CompareFigures, FiguresLeaveOutTheWarmUpAndTheEnd) {
   EXPECT_DOUBLE_EQ(figures.at({"venc", Figure::kP99}).front(), 4000);
   EXPECT_EQ(figures.at({"venc", Figure::kPrinted}).size(), 26U);
   // The first second of an engine is never whole.
-  EXPECT_EQ(FiguresOf(Summarise(run), 0).at({"cpu", Figure::kOperations}).size(), 26U);
+  EXPECT_EQ(FiguresOf(Summarise(Completed(run)), 0).at({"cpu", Figure::kOperations}).size(), 26U);
 }
 
 TEST(CompareFigures, FiguresAreOverTheLengthOfTheSecond) {
@@ -70,7 +70,7 @@ TEST(CompareFigures, FiguresAreOverTheLengthOfTheSecond) {
     sample.operations = 300;
     run.samples.push_back(sample);
   }
-  const auto figures = FiguresOf(Summarise(run), 0);
+  const auto figures = FiguresOf(Summarise(Completed(run)), 0);
   EXPECT_THAT(figures.at({"vpc", Figure::kOperations}), ElementsAre(300, 200));
   EXPECT_EQ(figures.count({"vpc", Figure::kBandwidth}), 0U);  // bytes unknown
   EXPECT_EQ(figures.count({kAllEngines, Figure::kBandwidth}), 0U);
@@ -89,7 +89,7 @@ TEST(CompareFigures, TheTotalIsOfSecondsInWhichEveryEngineWorks) {
       run.samples.push_back(sample);
     }
   }
-  EXPECT_THAT(FiguresOf(Summarise(run), 0).at({kAllEngines, Figure::kBandwidth}),
+  EXPECT_THAT(FiguresOf(Summarise(Completed(run)), 0).at({kAllEngines, Figure::kBandwidth}),
               ElementsAre(3, 3, 3, 3, 3));  // seconds 5 to 9
 }
 
@@ -143,7 +143,7 @@ TEST(CompareFigures, OneUnknownSecondLeavesNoBandwidth) {
 TEST(CompareFigures, PrintedRatesAreOfKnownStressesFromTheSkippedTimeOn) {
   scope::Run run;
   run.rates = {{4.9, "cpuStress", 1}, {5, "cpuStress", 2}, {6, "cpuStress", 3}, {6, "newStress", 9}};
-  const Values figures = FiguresOf(Summarise(run), 5);
+  const Values figures = FiguresOf(Summarise(Completed(run)), 5);
   EXPECT_EQ(figures.size(), 1U);
   EXPECT_THAT(figures.at({"cpu", Figure::kPrinted}), ElementsAre(2, 3));
 }

@@ -53,7 +53,7 @@ struct LastSecond : View {
     last = figures.Last();
   }
 
-  std::vector<std::pair<std::string, EngineSecond>> last;
+  std::vector<std::pair<std::string, EngineSample>> last;
 };
 
 // The program sends what a meter with one more engine would send.
@@ -89,6 +89,10 @@ TEST_F(FifthEngineTest, IsRecorded) {
     EXPECT_EQ(sample.operations, sample.thread == 0 ? 30U : 10U);
     EXPECT_EQ(sample.bytes, sample.operations * 1000);
   }
+  ASSERT_EQ(run.seconds.size(), 4U);
+  EXPECT_EQ(run.seconds[3].engine, "dma");
+  EXPECT_EQ(run.seconds[3].second, 4);
+  EXPECT_EQ(run.seconds[3].operations, 40U);
   ASSERT_EQ(run.histogram.size(), 2U);
   EXPECT_EQ(run.histogram[0].engine, "dma");
   EXPECT_EQ(run.histogram[0].count, 120U);

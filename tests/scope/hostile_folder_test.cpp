@@ -8,6 +8,9 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <sstream>
+#include <utility>
 
 #include "errors.h"
 #include "folder_file.h"
@@ -26,7 +29,9 @@ using ::testing::HasSubstr;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 
 constexpr const char* kSamples =
-    "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+    "second,time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+constexpr const char* kSeconds =
+    "second,time_s,engine,threads,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
 constexpr const char* kHistogram = "engine,thread,low_ns,high_ns,count\n";
 
 class HostileFolderTest : public ::testing::Test {
@@ -51,9 +56,28 @@ class HostileFolderTest : public ::testing::Test {
     return "no error";
   }
 
-  // A run whose samples and histogram are these rows.
+  // A run whose samples and histogram are these rows. The rows of the engines have the same operations,
+  // without latencies of their own.
   std::string ErrorWith(const std::string& samples, const std::string& histogram) const {
+    std::map<std::pair<std::string, std::string>, std::uint64_t> operations;
+    std::istringstream lines(samples);
+    for (std::string second, timeS, engine, thread, count, rest;
+         std::getline(lines, second, ',') && std::getline(lines, timeS, ',') &&
+         std::getline(lines, engine, ',') && std::getline(lines, thread, ',') &&
+         std::getline(lines, count, ',') && std::getline(lines, rest);) {
+      operations[{second + ',' + timeS, engine}] += std::stoull(count);
+    }
+    std::string seconds;
+    for (const auto& [row, count] : operations) {
+      seconds += row.first + ',' + row.second + ",1," + std::to_string(count) + ",5,,0,0,0,0\n";
+    }
+    return ErrorWith(samples, histogram, seconds);
+  }
+
+  std::string ErrorWith(const std::string& samples, const std::string& histogram,
+                        const std::string& seconds) const {
     folder_.Put("run/samples.csv", kSamples + samples);
+    folder_.Put("run/seconds.csv", kSeconds + seconds);
     folder_.Put("run/histogram.csv", kHistogram + histogram);
     return Error();
   }
@@ -109,7 +133,7 @@ TEST_F(HostileFolderTest, DeepJsonIsRefused) {
 }
 
 TEST_F(HostileFolderTest, ManyKeysInOneObjectAreRefused) {
-  std::string json = "{\"format\": 1";
+  std::string json = "{\"format\": 2";
   for (int i = 0; i < 200'000; ++i) json += ",\"" + std::to_string(i) + "\":0";
   folder_.Put("run/run.json", json + "}");
   EXPECT_THAT(Error(), HasSubstr("run.json: too many keys in one object"));
@@ -119,7 +143,7 @@ TEST_F(HostileFolderTest, ManyEnginesAreRefused) {
   std::string samples;
   std::string rates = "time_s,stress,fps\n";
   for (int i = 0; i < 4000; ++i) {
-    samples += "1.000,engine" + std::to_string(i) + ",0,0,0,,0,0,0,0\n";
+    samples += "1,1.000,engine" + std::to_string(i) + ",0,0,0,,0,0,0,0\n";
     rates += "1.000,stress" + std::to_string(i) + ",5\n";
   }
   EXPECT_THAT(ErrorWith(samples, ""),
@@ -133,7 +157,7 @@ TEST_F(HostileFolderTest, ManyThreadsAndCountersAreReported) {
   std::string samples;
   std::string counters = "time_s,source,name,unit,value\n";
   for (int i = 0; i < 4000; ++i) {
-    samples += "1.000,cpu," + std::to_string(i) + ",0,0,,0,0,0,0\n";
+    samples += "1,1.000,cpu," + std::to_string(i) + ",0,0,,0,0,0,0\n";
     counters += "1.000,thermal,zone" + std::to_string(i) + ",degC,50\n";
   }
   folder_.Put("run/counters.csv", counters);
@@ -143,41 +167,44 @@ TEST_F(HostileFolderTest, ManyThreadsAndCountersAreReported) {
 
 TEST_F(HostileFolderTest, NamesThatAreNoneAreRefused) {
   for (const std::string name : {"", "a b", "<script>", "caf\xc3\xa9", "a\033[31m"}) {
-    EXPECT_THAT(ErrorWith("1.000," + name + ",0,0,0,,0,0,0,0\n", ""),
+    EXPECT_THAT(ErrorWith("1,1.000," + name + ",0,0,0,,0,0,0,0\n", ""),
                 HasSubstr("samples.csv:2: expected a short name"));
   }
 }
 
 TEST_F(HostileFolderTest, AThreadHasOneRowASecond) {
-  const std::string once = "1.000,cpu,0,0,0,,0,0,0,0\n";
-  const std::string twice = "2.000,cpu,0,0,0,,0,0,0,0\n";
-  EXPECT_EQ(ErrorWith(once + "1.000,cpu,1,0,0,,0,0,0,0\n" + twice, ""), "no error");
+  const std::string once = "1,1.000,cpu,0,0,0,,0,0,0,0\n";
+  const std::string twice = "2,2.000,cpu,0,0,0,,0,0,0,0\n";
+  EXPECT_EQ(ErrorWith(once + "1,1.000,cpu,1,0,0,,0,0,0,0\n" + twice, ""), "no error");
   EXPECT_THAT(ErrorWith(once + once + twice, ""),
-              HasSubstr("samples.csv:4: expected one row a second for cpu thread 0"));
+              HasSubstr("samples.csv:3: expected one row a second for cpu thread 0"));
   EXPECT_THAT(ErrorWith(twice + once, ""),
               HasSubstr("samples.csv:3: expected one row a second for cpu thread 0"));
-  EXPECT_THAT(ErrorWith("-1.000,cpu,0,0,0,,0,0,0,0\n", ""),
+  EXPECT_THAT(ErrorWith("1,-1.000,cpu,0,0,0,,0,0,0,0\n", ""),
               HasSubstr("samples.csv:2: expected a time from the start on"));
-  EXPECT_EQ(ErrorWith(once + twice + twice, ""), "no error") << "a program may end right after a second";
+  const std::string soon = "3,2.000,cpu,0,0,0,,0,0,0,0\n";
+  EXPECT_EQ(ErrorWith(once + twice + soon, ""), "no error") << "a program may end right after a second";
+  EXPECT_THAT(ErrorWith(once, "", once + once),
+              HasSubstr("seconds.csv:3: expected one row a second for cpu,"));
 }
 
 TEST_F(HostileFolderTest, CountsThatCannotBeAreRefused) {
   const std::string one = "cpu,0,5,6,1\n";
-  EXPECT_EQ(ErrorWith("1.000,cpu,0,1,5,,0,5,5,5\n", one), "no error");
-  EXPECT_THAT(ErrorWith("1.000,cpu,0,1,5,,0,6,5,7\n", one),
+  EXPECT_EQ(ErrorWith("1,1.000,cpu,0,1,5,,0,5,5,5\n", one), "no error");
+  EXPECT_THAT(ErrorWith("1,1.000,cpu,0,1,5,,0,6,5,7\n", one),
               HasSubstr("samples.csv:2: expected p50_ns, p99_ns and max_ns"));
-  EXPECT_THAT(ErrorWith("1.000,cpu,0,1,5,,0,5,7,6\n", one),
+  EXPECT_THAT(ErrorWith("1,1.000,cpu,0,1,5,,0,5,7,6\n", one),
               HasSubstr("samples.csv:2: expected p50_ns, p99_ns and max_ns"));
-  EXPECT_THAT(ErrorWith("1.000,cpu,0,0,0,,0,5,5,5\n", ""),
+  EXPECT_THAT(ErrorWith("1,1.000,cpu,0,0,0,,0,5,5,5\n", ""),
               HasSubstr("samples.csv:2: expected latencies of 0"));
-  EXPECT_THAT(ErrorWith("1.000,cpu,0,1,5,,0,5,5,3000000000\n", one),
+  EXPECT_THAT(ErrorWith("1,1.000,cpu,0,1,5,,0,5,5,3000000000\n", one),
               HasSubstr("samples.csv:2: an operation took longer than the run: max_ns is 3000000000"));
-  EXPECT_THAT(ErrorWith("1.000,cpu,0,1,5,,0,5,5,5\n", "cpu,0,6,6,1\n"),
+  EXPECT_THAT(ErrorWith("1,1.000,cpu,0,1,5,,0,5,5,5\n", "cpu,0,6,6,1\n"),
               HasSubstr("histogram.csv:2: expected low_ns below high_ns"));
 }
 
 TEST_F(HostileFolderTest, SamplesAndHistogramBelongTogether) {
-  const std::string samples = "1.000,cpu,0,3,5,,0,5,5,5\n2.000,cpu,0,4,5,,0,5,5,5\n";
+  const std::string samples = "1,1.000,cpu,0,3,5,,0,5,5,5\n2,2.000,cpu,0,4,5,,0,5,5,5\n";
   EXPECT_EQ(ErrorWith(samples, "cpu,0,5,6,6\ncpu,0,6,7,1\n"), "no error");
   EXPECT_THAT(ErrorWith(samples, "cpu,0,5,6,8\n"),
               AllOf(HasSubstr("samples.csv has 7 operations of cpu thread 0, histogram.csv has 8"),
@@ -187,6 +214,8 @@ TEST_F(HostileFolderTest, SamplesAndHistogramBelongTogether) {
               HasSubstr("samples.csv has 0 operations of vpc thread 1"));
   EXPECT_THAT(ErrorWith(samples, "cpu,0,5,6,18446744073709551615\ncpu,0,6,7,8\n"),
               HasSubstr("histogram.csv has 18446744073709551615"));
+  EXPECT_THAT(ErrorWith(samples, "cpu,0,5,6,7\n", "1,1.000,cpu,1,6,5,,0,5,5,5\n"),
+              HasSubstr("samples.csv has 7 operations of cpu, seconds.csv has 6"));
 }
 
 TEST_F(HostileFolderTest, ALockedFolderIsRefusedUntilTheLockGoes) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "engine_rows.h"
 #include "run_writer.h"
 
 /// A run of 41 seconds with known figures: cpu with two threads; vpc, venc and aic with one. The engines
@@ -76,12 +77,14 @@ inline scope::Run Run() {
   return run;
 }
 
-/// Saves `run` as a run folder.
-inline void Write(const scope::Run& run, const std::string& folder) {
+/// Saves `made` as a run folder. The rows of its engines are made from its samples.
+inline void Write(const scope::Run& made, const std::string& folder) {
+  const scope::Run run = Completed(made);
   scope::RunWriter writer(folder, false);
   writer.WriteInfo(run.info);
   if (run.info.conditions.meter) {
     writer.Add(run.samples);
+    writer.Add(run.seconds);
     writer.WriteHistogram(run.histogram);
   }
   writer.Add(run.rates);

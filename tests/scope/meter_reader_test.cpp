@@ -36,6 +36,13 @@ class MeterReaderTest : public ::testing::Test {
     Send(hello);
   }
 
+  void SendEnd(std::uint64_t timeNs) {
+    scope::EndOfSecondPacket end{};
+    end.header = Header(PacketType::kEndOfSecond);
+    end.header.timeNs = timeNs;
+    Send(end);
+  }
+
   struct OneBucket {
     scope::ThreadSamplePacket head;
     scope::BucketCount bucket;
@@ -154,6 +161,69 @@ TEST_F(MeterReaderTest, SecondsAreToldApartWhereTheEndOfOneDidNotComeThrough) {
   for (const MeterSecond& second : seconds_) EXPECT_EQ(second.samples.size(), 2U);
   EXPECT_DOUBLE_EQ(seconds_[0].timeS, 1);
   EXPECT_DOUBLE_EQ(seconds_[1].timeS, 2);
+}
+
+TEST_F(MeterReaderTest, PercentilesOfAnEngineAreThoseOfAllItsOperations) {
+  SendHello();
+  // The second thread is slow and seldom: its own percentiles say nothing about the engine.
+  OneBucket sample = SampleOf(scope::Engine::kCpu);
+  sample.head.operations = sample.bucket.count = 1000;
+  sample.bucket.bucket = static_cast<std::uint32_t>(scope::BucketOf(100));
+  sample.head.maxNs = 100;
+  sample.head.bytes = 7;
+  sample.head.bytesKnown = 1;
+  Send(sample);
+  sample.head.thread = 1;
+  sample.head.operations = sample.bucket.count = 5;
+  sample.head.failures = 2;
+  sample.bucket.bucket = static_cast<std::uint32_t>(scope::BucketOf(200));
+  sample.head.maxNs = 200;
+  Send(sample);
+  SendEnd(1'000'000'000);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(seconds_.size(), 1U);
+  ASSERT_EQ(seconds_[0].engines.size(), 1U);
+  const scope::EngineSample& cpu = seconds_[0].engines[0];
+  EXPECT_EQ(cpu.engine, "cpu");
+  EXPECT_EQ(cpu.threads, 2);
+  EXPECT_EQ(cpu.operations, 1005U);
+  EXPECT_EQ(cpu.failures, 2U);
+  EXPECT_EQ(cpu.bytes, 14U);
+  EXPECT_EQ(cpu.p50Ns, 100U);
+  EXPECT_EQ(cpu.p99Ns, 100U) << "995 of 1005 operations took no longer";
+  EXPECT_EQ(cpu.maxNs, 200U);
+  EXPECT_EQ(seconds_[0].samples[1].p50Ns, 200U);
+}
+
+TEST_F(MeterReaderTest, ASecondsLatenciesAreNotThoseOfTheOneBefore) {
+  SendHello();
+  for (const std::uint32_t bucket : {200U, 100U}) {
+    OneBucket sample = SampleOf(scope::Engine::kVpc);
+    sample.bucket.bucket = bucket;
+    Send(sample);
+    SendEnd(bucket == 200U ? 1'000'000'000 : 2'000'000'000);
+  }
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(seconds_.size(), 2U);
+  EXPECT_EQ(seconds_[1].engines[0].p50Ns, 100U);
+  EXPECT_EQ(seconds_[1].engines[0].p99Ns, 100U);
+}
+
+TEST_F(MeterReaderTest, NumbersSecondsAndLeavesOutThoseThatAreMissing) {
+  SendHello();
+  for (const std::uint64_t ms : {1'020U, 2'020U, 3'770U, 5'530U, 8'400U, 8'700U}) {
+    Send(SampleOf(scope::Engine::kCpu));
+    SendEnd(ms * 1'000'000);
+  }
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  std::vector<int> numbers;
+  for (const MeterSecond& second : seconds_) {
+    numbers.push_back(second.second);
+    EXPECT_EQ(second.samples[0].second, second.second);
+    EXPECT_EQ(second.engines[0].second, second.second);
+    EXPECT_DOUBLE_EQ(second.engines[0].timeS, second.timeS);
+  }
+  EXPECT_THAT(numbers, ::testing::ElementsAre(1, 2, 3, 5, 8, 9));
 }
 
 TEST_F(MeterReaderTest, ASecondCutShortByTheEndOfTheProgramIsKept) {

@@ -61,7 +61,7 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   // Waits until every engine has worked for a second, even on a slow machine.
   const std::string samples = "run/samples.csv";
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(240);
-  while (folder_.Get(samples).find('2') == std::string::npos ||
+  while (folder_.Get(samples).find("\n2,") == std::string::npos ||
          folder_.Get(samples).find(",aic,") == std::string::npos ||
          folder_.Get("run/rates.csv").find("aicStress") == std::string::npos) {
     ASSERT_LT(std::chrono::steady_clock::now(), giveUp) << folder_.Get(samples);
@@ -93,6 +93,9 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   }
   for (const scope::HistogramRow& row : run.histogram) counted[row.engine] += row.count;
   EXPECT_EQ(counted, operations);
+  counted.clear();
+  for (const scope::EngineSample& row : run.seconds) counted[row.engine] += row.operations;
+  EXPECT_EQ(counted, operations) << "the rows of the engines";
   EXPECT_GT(operations["venc"], 0U);
   EXPECT_EQ(bytes["cpu"], operations["cpu"] * 2 * 8294400);
   EXPECT_EQ(bytes["vpc"], operations["vpc"] * 3 * (1920 * 1080 + 416 * 234));

@@ -85,16 +85,17 @@ TEST_F(ReportProgramTest, RefusesFoldersThatAreNoRun) {
 }
 
 TEST_F(ReportProgramTest, RefusesForeignAndTruncatedDescriptions) {
-  folder_.Put("before/run.json", "{\"format\": 2}");
-  Refused({run_}, "written in format 2, this program reads format 1");
+  folder_.Put("before/run.json", "{\"format\": 1}");
+  Refused({run_}, "before: a run folder of format 1, and " + std::string(scope::kToolVersion) +
+                      " reads format 2. Record the run again, or read it with the version that wrote it.");
   folder_.Put("before/run.json", "{\"name\": \"a package\"}");
   Refused({run_}, "not the description of a run");
   folder_.Put("before/run.json", "");
   Refused({run_}, "run.json: ");
-  folder_.Put("before/run.json", "{\"format\": 1, \"kind\": \"record\", \"conditions\": {\"cpu_model\": \"A");
+  folder_.Put("before/run.json", "{\"format\": 2, \"kind\": \"record\", \"conditions\": {\"cpu_model\": \"A");
   Refused({run_}, "run.json: ");
   folder_.Put("before/run.json",
-              "{\"format\": 1, \"kind\": \"record\", \"conditions\": {\"load_average\": 3}}");
+              "{\"format\": 2, \"kind\": \"record\", \"conditions\": {\"load_average\": 3}}");
   Refused({run_}, "run.json: ");
   folder_.Put("before/run.json", "\xff\xfe{}");
   Refused({run_}, "run.json: ");
@@ -104,10 +105,10 @@ TEST_F(ReportProgramTest, RefusesForeignTables) {
   const std::string samples = folder_.Get("before/samples.csv");
   folder_.Put("before/samples.csv", "a,b\n1,2\n");
   Refused({run_}, "samples.csv:1: expected the header");
-  folder_.Put("before/samples.csv", samples + "1e999,cpu,0,1,1,1,0,1,1,1\n");
+  folder_.Put("before/samples.csv", samples + "1,1e999,cpu,0,1,1,1,0,1,1,1\n");
   Refused({run_}, "expected a number as time_s, found \"1e999\"");
   folder_.Put("before/samples.csv", samples + std::string("\0\0\0\n", 4));
-  Refused({run_}, "expected 10 fields");
+  Refused({run_}, "expected 11 fields");
   fs::remove(run_ + "/samples.csv");
   Refused({run_}, "the file is missing, although the run is complete");
 }
@@ -126,9 +127,12 @@ TEST_F(ReportProgramTest, ShowsWhatATruncatedRunHasAndSaysSo) {
   made_run::Write(run, folder_ / "cut");
   const std::string samples = folder_.Get("cut/samples.csv");
   folder_.Put("cut/samples.csv", samples.substr(0, samples.size() / 2));
+  const std::string seconds = folder_.Get("cut/seconds.csv");
+  folder_.Put("cut/seconds.csv", seconds.substr(0, seconds.size() / 2));
   const ToolResult half = Report({folder_ / "cut"});
   EXPECT_EQ(half.status, 0) << half.errors;
-  EXPECT_THAT(half.output, AllOf(HasSubstr("  cpu           2"), HasSubstr("is cut and was left out")));
+  EXPECT_THAT(half.output, AllOf(HasSubstr("  cpu           2"), HasSubstr("samples.csv: line"),
+                                 HasSubstr("seconds.csv: line"), HasSubstr("is cut and was left out")));
 }
 
 TEST_F(ReportProgramTest, ShowsSamplesWithGapsAndSaysSo) {
@@ -148,12 +152,14 @@ TEST_F(ReportProgramTest, ShowsSamplesWithGapsAndSaysSo) {
 
 // Numbers at the limits of their range.
 TEST_F(ReportProgramTest, SurvivesAbsurdFigures) {
-  const std::string header = "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+  const std::string columns = ",operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
   const std::string most = "18446744073709551615";
-  folder_.Put("before/samples.csv",
-              header + "5,cpu,0,1,1,1,0,1,1,1\n5,cpu,0,1,1,1,0,1,1,1\n0,aic,0,0,0,,0,0,0,0\n" +
-                  "1e300,vpc,1000000," + most + "," + most + "," + most + "," + most + "," + most + "," +
-                  most + "," + most + "\n");
+  const std::string rows =
+      "5,5,cpu,0,1,1,1,0,1,1,1\n6,5,cpu,0,1,1,1,0,1,1,1\n0,0,aic,0,0,0,,0,0,0,0\n"
+      "1000000,1e300,vpc,1000000," +
+      most + "," + most + "," + most + "," + most + "," + most + "," + most + "," + most + "\n";
+  folder_.Put("before/samples.csv", "second,time_s,engine,thread" + columns + rows);
+  folder_.Put("before/seconds.csv", "second,time_s,engine,threads" + columns + rows);
   folder_.Put("before/histogram.csv",
               "engine,thread,low_ns,high_ns,count\nvpc,1000000,0," + most + "," + most + "\ncpu,0,0,1,2\n");
   folder_.Put("before/rates.csv", "time_s,stress,fps\n-1,cpuStress,1e300\n1,x,-5\n");

@@ -22,7 +22,7 @@ using ::testing::Not;
 ReportedRun Reported(scope::Run run, const std::string& name) {
   ReportedRun reported;
   reported.run = std::move(run);
-  reported.summary = scope::Summarise(reported.run);
+  reported.summary = scope::Summarise(Completed(reported.run));
   reported.warnings = scope::Warnings(reported.run, reported.summary);
   reported.name = name;
   return reported;

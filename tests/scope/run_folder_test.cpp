@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 
+#include "engine_rows.h"
 #include "errors.h"
 #include "run_reader.h"
 #include "run_writer.h"
@@ -65,6 +66,7 @@ class RunFolderTest : public ::testing::Test {
 
   static Sample SampleAt(double timeS, const std::string& engine = "cpu", int thread = 0) {
     Sample sample;
+    sample.second = static_cast<int>(timeS);
     sample.timeS = timeS;
     sample.engine = engine;
     sample.thread = thread;
@@ -82,6 +84,7 @@ class RunFolderTest : public ::testing::Test {
     RunWriter writer(run_, false);
     writer.WriteInfo(info);
     writer.Add(samples);
+    writer.Add(EngineRows(samples));
     writer.Add(std::vector<Rate>{{1.25, "cpuStress", 431.034483}});
     writer.AddRateLines("cpuStress : 431.034483 fps. ispStress : 30.0 fps.\n");
     std::map<std::pair<std::string, int>, std::uint64_t> operations;
@@ -129,6 +132,14 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_EQ(run.samples[0].maxNs, 10'000'000U);
   EXPECT_FALSE(run.samples[1].bytes.has_value());
   EXPECT_EQ(run.samples[1].thread, 3);
+  EXPECT_EQ(run.samples[1].second, 2);
+  ASSERT_EQ(run.seconds.size(), 2U);
+  EXPECT_EQ(run.seconds[0].second, 1);
+  EXPECT_NEAR(run.seconds[0].timeS, 1.0005, 0.001);
+  EXPECT_EQ(run.seconds[0].threads, 1);
+  EXPECT_EQ(run.seconds[1].engine, "aic");
+  EXPECT_EQ(run.seconds[1].operations, 100U);
+  EXPECT_FALSE(run.seconds[1].bytes.has_value());
   ASSERT_EQ(run.rates.size(), 1U);
   EXPECT_DOUBLE_EQ(run.rates[0].fps, 431.034483);
   ASSERT_EQ(run.histogram.size(), 2U);
@@ -268,7 +279,7 @@ TEST_F(RunFolderTest, AnIncompleteRunMayLackItsLastFiles) {
   info.incompleteReason = "the power went";
   RunWriter(run_, false).WriteInfo(info);
   const scope::Run run = ReadRun(run_);
-  EXPECT_EQ(run.notes.size(), 4U);
+  EXPECT_EQ(run.notes.size(), 5U);
   EXPECT_EQ(run.notes[0], "the run is incomplete: the power went");
 }
 
@@ -284,35 +295,44 @@ TEST_F(RunFolderTest, RefusesForeignFolders) {
   EXPECT_THAT(ErrorOfRead(), HasSubstr("not a run folder"));
   folder_.Put("a/run/run.json", "[1, 2]");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("not the description of a run"));
-  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\":");
+  folder_.Put("a/run/run.json", "{\"format\": 2, \"kind\":");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("run.json: "));
-  folder_.Put("a/run/run.json", "{\"format\": 2}");
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("written in format 2, this program reads format 1"));
-  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"sweep\"}");
+  folder_.Put("a/run/run.json", "{\"format\": 1, \"tool\": \"stress_scope 0.1.0\"}");
+  EXPECT_EQ(ErrorOfRead(),
+            run_ + ": a run folder of format 1, and " + kToolVersion +
+                " reads format 2. Record the run again, or read it with the version that wrote it: "
+                "stress_scope 0.1.0.");
+  folder_.Put("a/run/run.json", "{\"format\": 3}");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("a run folder of format 3, and "));
+  folder_.Put("a/run/run.json", "{\"format\": 2, \"kind\": \"sweep\"}");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("found \"sweep\""));
-  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"record\", \"complete\": \"yes\"}");
+  folder_.Put("a/run/run.json", "{\"format\": 2, \"kind\": \"record\", \"complete\": \"yes\"}");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("must be boolean"));
-  folder_.Put("a/run/run.json", "{\"format\": 1, \"kind\": \"record\", \"config\": []}");
+  folder_.Put("a/run/run.json", "{\"format\": 2, \"kind\": \"record\", \"config\": []}");
   EXPECT_NE(ErrorOfRead(), "no error");
 }
 
 TEST_F(RunFolderTest, RefusesForeignTables) {
   WriteWhole(SomeInfo(), {SampleAt(1)});
-  const std::string header = "time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
+  const std::string header =
+      "second,time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";
   folder_.Put("a/run/samples.csv", "time,rate\n1,2\n");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:1: expected the header"));
-  folder_.Put("a/run/samples.csv", header + "1,cpu,0\n");
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:2: expected 10 fields"));
-  folder_.Put("a/run/samples.csv", header + "1,cpu,0,-5,6,7,8,9,10,11\n");
+  folder_.Put("a/run/samples.csv", header + "1,1,cpu,0\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:2: expected 11 fields"));
+  folder_.Put("a/run/samples.csv", header + "1,1,cpu,0,-5,6,7,8,9,10,11\n");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("samples.csv:2: expected a whole number as operations, found \"-5\""));
-  folder_.Put("a/run/samples.csv", header + "nan,cpu,0,5,6,7,8,9,10,11\n");
+  folder_.Put("a/run/samples.csv", header + "1,nan,cpu,0,5,6,7,8,9,10,11\n");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("expected a number as time_s, found \"nan\""));
-  folder_.Put("a/run/samples.csv", header + "1,cpu,99999999999999999999,5,6,7,8,9,10,11\n");
+  folder_.Put("a/run/samples.csv", header + "1,1,cpu,99999999999999999999,5,6,7,8,9,10,11\n");
   EXPECT_THAT(ErrorOfRead(), HasSubstr("as thread"));
-  folder_.Put("a/run/samples.csv", header + "1,cpu,1000001,5,6,7,8,9,10,11\n");
-  EXPECT_THAT(ErrorOfRead(), HasSubstr("expected a thread's number as thread, found \"1000001\""));
-  folder_.Put("a/run/samples.csv", header + "1,cpu,1000000,5,6,7,8,9,10,11\n");
+  folder_.Put("a/run/samples.csv", header + "1,1,cpu,1000001,5,6,7,8,9,10,11\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("expected at most 1000000 as thread, found \"1000001\""));
+  folder_.Put("a/run/samples.csv", header + "1,1,cpu,1000000,5,6,7,8,9,10,11\n");
   folder_.Put("a/run/histogram.csv", "engine,thread,low_ns,high_ns,count\ncpu,1000000,9,10,5\n");
+  folder_.Put("a/run/seconds.csv", "second,time_s,engine,threads" +
+                                       header.substr(header.find(",operations")) +
+                                       "1,1,cpu,1,5,6,7,8,9,10,11\n");
   EXPECT_EQ(ReadRun(run_).samples.at(0).thread, 1'000'000);
 }
 

@@ -84,6 +84,7 @@ TEST(RunTables, HaveTheHeadersOfTheFormatsDescription) {
     return section != std::string::npos && text.compare(from, header.size() + 4, "\n`" + header + "`\n") == 0;
   };
   EXPECT_TRUE(documented(scope::kTableName<scope::Sample>, scope::TableHeader<scope::Sample>()));
+  EXPECT_TRUE(documented(scope::kTableName<scope::EngineSample>, scope::TableHeader<scope::EngineSample>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::HistogramRow>, scope::TableHeader<scope::HistogramRow>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::Rate>, scope::TableHeader<scope::Rate>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::CounterValue>, scope::TableHeader<scope::CounterValue>()));

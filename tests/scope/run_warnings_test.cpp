@@ -16,14 +16,14 @@ using ::testing::IsEmpty;
 
 std::vector<std::string> WarningsOf(const scope::Run& run) {
   std::vector<std::string> texts;
-  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(run)))
+  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(Completed(run))))
     texts.push_back(warning.text);
   return texts;
 }
 
 // The first warning with a time.
 scope::Warning TimedWarning(const scope::Run& run) {
-  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(run))) {
+  for (const scope::Warning& warning : scope::Warnings(run, scope::Summarise(Completed(run)))) {
     if (warning.timeS) return warning;
   }
   return {};

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine_rows.h"
 #include "run_writer.h"
 
 /// An engine with the same work in every second, except the first (half) and the last two (none).
@@ -56,6 +57,7 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
   writer.Add(std::vector<scope::Rate>());
   if (info.conditions.meter) {
     writer.Add(std::vector<scope::Sample>());
+    writer.Add(std::vector<scope::EngineSample>());
   }
   std::map<std::pair<const SyntheticEngine*, int>, std::uint64_t> totals;
   const int seconds = static_cast<int>(info.durationS);
@@ -67,6 +69,7 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
       const double rate = engine.operationsPerS + engine.riseAS * second;
       for (int thread = 0; thread < engine.threads; ++thread) {
         scope::Sample sample;
+        sample.second = second;
         sample.timeS = second;
         sample.engine = engine.engine;
         sample.thread = thread;
@@ -85,7 +88,10 @@ inline void WriteRun(const std::string& folder, const std::vector<SyntheticEngin
       }
       rates.push_back({static_cast<double>(second), engine.stress, second < 3 ? 0 : engine.fps});
     }
-    if (info.conditions.meter) writer.Add(samples);
+    if (info.conditions.meter) {
+      writer.Add(samples);
+      writer.Add(EngineRows(samples));
+    }
     writer.Add(rates);
   }
   if (!info.conditions.meter) return;

@@ -18,7 +18,7 @@ struct TotalSecond {
 };
 
 void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
-               std::map<double, TotalSecond>& totals) {
+               std::map<int, TotalSecond>& totals) {
   bool bytesKnown = true;
   for (std::size_t i = engine.firstWhole; i != engine.endWhole; ++i) {
     const EngineSecond& second = engine.seconds[i];
@@ -30,7 +30,7 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
     }
     bytesKnown = bytesKnown && second.gigabytesPerS.has_value();
     if (!second.gigabytesPerS) continue;
-    TotalSecond& total = totals[second.timeS];
+    TotalSecond& total = totals[second.second];
     ++total.engines;
     total.gigabytesPerS += *second.gigabytesPerS;
   }
@@ -49,7 +49,7 @@ bool operator<(const FigureKey& left, const FigureKey& right) {
 
 std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double skipS) {
   Values figures;
-  std::map<double, TotalSecond> totals;
+  std::map<int, TotalSecond> totals;
   std::size_t working = 0;
   for (const EngineSummary& engine : run.engines) {
     if (!IsLoad(engine.engine)) continue;
@@ -62,7 +62,7 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
     AddEngine(engine, skipS, figures, totals);
   }
   if (working != 0) figures.erase({kAllEngines, Figure::kBandwidth});
-  for (const auto& [timeS, total] : totals) {
+  for (const auto& [second, total] : totals) {
     // No sum if an engine has not begun, has ended, or has unknown bytes.
     if (total.engines != working) continue;
     figures[{kAllEngines, Figure::kBandwidth}].push_back(total.gigabytesPerS);

@@ -15,6 +15,7 @@
 namespace scope {
 namespace {
 
+constexpr double kNsPerS = 1e9;
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
 
 // Engines in the order of the table, then others by name.
@@ -22,31 +23,26 @@ std::pair<std::size_t, std::string> OrderOf(const std::string& engine) {
   return {EngineOrder(engine), engine};
 }
 
-using Rows = std::vector<const Sample*>;
+// By the number of a second, its exact end.
+using Ends = std::map<int, double>;
 
-// `ends` has the ends of all seconds of the run. A second begins where the one before it ends.
-double StartOf(const std::set<double>& ends, double timeS) {
-  const auto at = ends.lower_bound(timeS);
-  return at == ends.begin() ? 0 : *std::prev(at);
-}
-
-std::vector<EngineSecond> SecondsOf(const Rows& samples, const std::set<double>& ends) {
-  std::map<double, Rows> byTime;
-  for (const Sample* sample : samples) byTime[sample->timeS].push_back(sample);
+// The seconds of an engine or of a thread, from its rows.
+template <typename Row>
+std::vector<EngineSecond> SecondsOf(const std::vector<const Row*>& rows, const Ends& ends) {
   std::vector<EngineSecond> seconds;
-  for (const auto& [timeS, rows] : byTime) {
-    // A row counts everything since the row before it, even after a gap.
-    const double spanS = timeS - (seconds.empty() ? StartOf(ends, timeS) : seconds.back().timeS);
-    if (spanS <= 0) continue;
-    EngineSecond second = AddUp(rows, spanS);
-    // Of several threads: the median of their medians, weighted by their operations, and the greatest 99th.
-    std::map<std::uint64_t, std::uint64_t> medians;
-    for (const Sample* row : rows) {
-      medians[row->p50Ns] += row->operations;
-      second.p99Ns = std::max(second.p99Ns, row->p99Ns);
-    }
-    if (second.operations != 0) second.p50Ns = AtQuantile(medians, 0.50)->first;
-    second.afterGap = !seconds.empty() && spanS > kGapS;
+  for (const Row* row : rows) {
+    // A row counts everything since the row before it, even after a gap. The first one began where the second
+    // before it ended.
+    const auto at = ends.lower_bound(row->second);
+    const double startS = !seconds.empty()     ? seconds.back().timeS
+                          : at == ends.begin() ? 0
+                                               : std::prev(at)->second;
+    if (row->timeS <= startS) continue;
+    EngineSecond second;
+    static_cast<SecondWork&>(second) = *row;
+    second.spanS = row->timeS - startS;
+    SetRates(second, second.spanS);
+    second.afterGap = !seconds.empty() && row->second > seconds.back().second + 1;
     seconds.push_back(second);
   }
   return seconds;
@@ -77,27 +73,33 @@ std::uint64_t Percentile(const Buckets& buckets, double quantile, std::uint64_t 
 WorkSummary SummariseWork(const std::vector<EngineSecond>& seconds, std::size_t firstWhole,
                           std::size_t endWhole, const Buckets& buckets) {
   WorkSummary work;
-  EngineSecond whole;
+  Work whole;
+  work.bytes = whole.bytes = 0;
+  double wholeS = 0;
   for (std::size_t i = 0; i != seconds.size(); ++i) {
     const EngineSecond& second = seconds[i];
     work.operations += second.operations;
+    work.busyNs += second.busyNs;
+    work.bytes = Sum(work.bytes, second.bytes);
     work.failures += second.failures;
     work.maxNs = std::max(work.maxNs, second.maxNs);
     if (second.operations != 0) work.lastS = second.timeS;
     if (i < firstWhole || i >= endWhole || second.afterGap) continue;
-    whole.spanS += second.spanS;
+    wholeS += second.spanS;
     whole.operations += second.operations;
     whole.bytes = Sum(whole.bytes, second.bytes);
   }
-  SetRates(whole);
+  SetRates(whole, wholeS);
   work.operationsPerS = whole.operationsPerS;
   work.gigabytesPerS = whole.gigabytesPerS;
+  if (work.busyNs != 0)
+    work.busyRate = static_cast<double>(work.operations) / static_cast<double>(work.busyNs) * kNsPerS;
   work.p50Ns = Percentile(buckets, 0.50, work.maxNs);
   work.p99Ns = Percentile(buckets, 0.99, work.maxNs);
   return work;
 }
 
-double ShareBelowMillisecond(const Rows& samples, const Buckets& buckets) {
+double ShareBelowMillisecond(const std::vector<EngineSecond>& seconds, const Buckets& buckets) {
   double below = 0;
   double whole = 0;
   const auto add = [&](std::uint64_t latencyNs, std::uint64_t operations) {
@@ -107,18 +109,23 @@ double ShareBelowMillisecond(const Rows& samples, const Buckets& buckets) {
   for (const auto& [bucket, count] : buckets) add(bucket.first, count);
   // For runs without a histogram (a killed recorder leaves none): the medians of the seconds.
   if (buckets.empty()) {
-    for (const Sample* sample : samples) add(sample->p50Ns, sample->operations);
+    for (const EngineSecond& second : seconds) add(second.p50Ns, second.operations);
   }
   return whole > 0 ? below / whole : 0;
 }
 
-EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, const std::set<double>& ends,
-                              const std::vector<HistogramRow>& histogram) {
-  std::map<int, Rows> byThread;
-  for (const Sample* sample : samples) byThread[sample->thread].push_back(sample);
+EngineSummary SummariseEngine(const std::string& engine, const Run& run, const Ends& ends) {
+  std::vector<const EngineSample*> rows;
+  for (const EngineSample& row : run.seconds) {
+    if (row.engine == engine) rows.push_back(&row);
+  }
+  std::map<int, std::vector<const Sample*>> byThread;
+  for (const Sample& sample : run.samples) {
+    if (sample.engine == engine) byThread[sample.thread].push_back(&sample);
+  }
   Buckets all;
   std::map<int, Buckets> buckets;
-  for (const HistogramRow& row : histogram) {
+  for (const HistogramRow& row : run.histogram) {
     if (row.engine != engine) continue;
     all[{row.lowNs, row.highNs}] += row.count;
     buckets[row.thread][{row.lowNs, row.highNs}] += row.count;
@@ -126,22 +133,21 @@ EngineSummary SummariseEngine(const std::string& engine, const Rows& samples, co
 
   EngineSummary summary;
   summary.engine = engine;
-  summary.seconds = SecondsOf(samples, ends);
+  summary.seconds = SecondsOf(rows, ends);
   std::tie(summary.firstWhole, summary.endWhole) = WholeSeconds(summary.seconds);
   summary.work = SummariseWork(summary.seconds, summary.firstWhole, summary.endWhole, all);
   double busyRates = 0;
   int busyThreads = 0;
-  for (const auto& [thread, rows] : byThread) {
-    const std::vector<EngineSecond> seconds = SecondsOf(rows, ends);
+  for (const auto& [thread, samples] : byThread) {
+    const std::vector<EngineSecond> seconds = SecondsOf(samples, ends);
     const auto [first, end] = WholeSeconds(seconds);
     ThreadSummary threadSummary{thread, SummariseWork(seconds, first, end, buckets[thread])};
-    threadSummary.work.busyRate = AddUp(rows, 0).busyRate;
     busyRates += threadSummary.work.busyRate;
     busyThreads += threadSummary.work.busyRate > 0 ? 1 : 0;
     summary.threads.push_back(threadSummary);
   }
   summary.work.busyRate = busyThreads == 0 ? 0 : busyRates / busyThreads;
-  summary.belowMillisecond = ShareBelowMillisecond(samples, all);
+  summary.belowMillisecond = ShareBelowMillisecond(summary.seconds, all);
   return summary;
 }
 
@@ -169,17 +175,15 @@ const PrintedRates* RunSummary::PrintedOf(const std::string& engine) const {
 }
 
 RunSummary Summarise(const Run& run) {
-  std::map<std::string, Rows> byEngine;
-  std::set<double> ends;
-  for (const Sample& sample : run.samples) {
-    byEngine[sample.engine].push_back(&sample);
-    ends.insert(sample.timeS);
+  std::set<std::string> engines;
+  Ends ends;
+  for (const EngineSample& row : run.seconds) {
+    engines.insert(row.engine);
+    ends[row.second] = row.timeS;
   }
   RunSummary summary;
-  if (!ends.empty()) summary.endS = *ends.rbegin();
-  for (const auto& [engine, samples] : byEngine) {
-    summary.engines.push_back(SummariseEngine(engine, samples, ends, run.histogram));
-  }
+  if (!ends.empty()) summary.endS = ends.rbegin()->second;
+  for (const std::string& engine : engines) summary.engines.push_back(SummariseEngine(engine, run, ends));
   std::sort(summary.engines.begin(), summary.engines.end(),
             [](const auto& a, const auto& b) { return OrderOf(a.engine) < OrderOf(b.engine); });
 

@@ -11,6 +11,13 @@
 namespace scope {
 
 /// An engine, or one thread of it, over the whole run.
+/// A second of an engine, or of one of its threads.
+struct EngineSecond : SecondWork {
+  double spanS = 0;  ///< its length
+  /// True if seconds are missing before it. Their work is counted here or lost, so this second has no rate.
+  bool afterGap = false;
+};
+
 /// Rates are over the whole seconds, see EngineSummary. Latencies are those of all operations.
 struct WorkSummary : Work {
   double lastS = 0;  ///< end of the last second with an operation; 0 without one

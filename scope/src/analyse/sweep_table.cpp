@@ -78,6 +78,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       }
       ++point.runs;
       run.samples.clear();
+      run.seconds.clear();
       run.histogram.clear();
       runs.push_back(std::move(run));
     } catch (const UserError& error) {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "figures.h"
 
-#include <algorithm>
 #include <cmath>
 
 #include "number_text.h"
@@ -11,7 +10,6 @@ namespace scope {
 namespace {
 
 constexpr double kNsPerUs = 1e3;
-constexpr double kNsPerS = 1e9;
 
 std::string CountText(double value) {
   return Format("%.0f", value);
@@ -42,30 +40,10 @@ std::optional<std::uint64_t> Sum(std::optional<std::uint64_t> left, std::optiona
   return left && right ? std::optional(*left + *right) : std::nullopt;
 }
 
-void SetRates(EngineSecond& second) {
-  if (second.spanS <= 0) return;
-  second.operationsPerS = static_cast<double>(second.operations) / second.spanS;
-  if (second.bytes) {
-    second.gigabytesPerS = static_cast<double>(*second.bytes) / second.spanS / kBytesPerGigabyte;
-  }
-}
-
-EngineSecond AddUp(const std::vector<const Sample*>& samples, double spanS) {
-  EngineSecond second;
-  second.spanS = spanS;
-  double busyNs = 0;
-  for (const Sample* sample : samples) {
-    second.timeS = sample->timeS;
-    second.operations += sample->operations;
-    second.failures += sample->failures;
-    second.threads += sample->operations != 0 ? 1 : 0;
-    second.maxNs = std::max(second.maxNs, sample->maxNs);
-    second.bytes = Sum(second.bytes, sample->bytes);
-    busyNs += static_cast<double>(sample->busyNs);
-  }
-  if (busyNs > 0) second.busyRate = static_cast<double>(second.operations) / busyNs * kNsPerS;
-  SetRates(second);
-  return second;
+void SetRates(Work& work, double spanS) {
+  if (spanS <= 0) return;
+  work.operationsPerS = static_cast<double>(work.operations) / spanS;
+  if (work.bytes) work.gigabytesPerS = static_cast<double>(*work.bytes) / spanS / kBytesPerGigabyte;
 }
 
 const std::vector<FigureKind>& FigureKinds() {

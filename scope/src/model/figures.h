@@ -8,41 +8,14 @@
 
 #include "run.h"
 
-/// The figures of an engine's work. GB are 10^9 bytes.
+/// The figures of an engine's work.
 namespace scope {
-
-/// What an engine, or one of its threads, did in a second or in a whole run.
-struct Work {
-  std::uint64_t operations = 0;
-  std::uint64_t failures = 0;
-  double operationsPerS = 0;
-  std::optional<double> gigabytesPerS;  ///< read and written; none if unknown
-  std::uint64_t p50Ns = 0;              ///< this and the next two are 0 if unknown
-  std::uint64_t p99Ns = 0;
-  std::uint64_t maxNs = 0;
-  /// Operations per second of busy time: the rate that the benchmark would print if it counted exactly. For
-  /// an engine's whole run it is the mean of the threads, like the printed rate. 0 without operations.
-  double busyRate = 0;
-};
-
-/// One engine in one second, all its threads together.
-struct EngineSecond : Work {
-  double timeS = 0;  ///< end of the second
-  double spanS = 0;  ///< its length
-  /// True if samples are missing before it. They are counted here or lost, so this second has no rate.
-  bool afterGap = false;
-  int threads = 0;                         ///< those that completed an operation
-  std::optional<std::uint64_t> bytes = 0;  ///< none if a thread's bytes are unknown
-};
 
 /// None if one of the two is unknown.
 std::optional<std::uint64_t> Sum(std::optional<std::uint64_t> left, std::optional<std::uint64_t> right);
 
-/// Sets the rates from operations, bytes and length.
-void SetRates(EngineSecond& second);
-
-/// Adds up an engine's samples of a second that is `spanS` long. Leaves out p50 and p99.
-EngineSecond AddUp(const std::vector<const Sample*>& samples, double spanS);
+/// Sets op/s and GB/s of work that took `spanS`.
+void SetRates(Work& work, double spanS);
 
 /// The figures, in display order.
 enum class Figure { kCount, kOperations, kBandwidth, kP50, kP99, kMax, kFailures, kPrinted, kExact };

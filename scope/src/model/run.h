@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,8 +13,13 @@ namespace scope {
 
 constexpr const char* kToolVersion = "stress_scope " STRESS_VERSION;
 
-/// More seconds than this between two samples of a thread are reported as a gap.
+/// A second that is longer than this is not one second: samples between are missing.
 constexpr double kGapS = 1.75;
+
+/// The number of the second that ends `spanS` after the end of the second `before`. A gap skips numbers.
+inline int SecondAfter(int before, double spanS) {
+  return before + (spanS > kGapS ? static_cast<int>(std::lround(spanS)) : 1);
+}
 
 struct Cache {
   int level = 0;
@@ -87,19 +93,39 @@ struct RunInfo {
   std::vector<CounterSource> counters;
 };
 
-/// What one worker thread did on one engine in one second. Operations are calls that succeeded. Busy time,
-/// bytes and latencies do not include failed calls.
-struct Sample {
-  double timeS = 0;  ///< end of the second, from the benchmark's start
-  std::string engine;
-  int thread = 0;
+/// What an engine, or one of its threads, did in a second or in a whole run. Operations are calls that
+/// succeeded. Busy time, bytes and latencies do not include failed calls.
+struct Work {
   std::uint64_t operations = 0;
   std::uint64_t busyNs = 0;
   std::optional<std::uint64_t> bytes;  ///< none if unknown
   std::uint64_t failures = 0;
-  std::uint64_t p50Ns = 0;  ///< this and the next two are 0 without operations
+  std::uint64_t p50Ns =
+      0;  ///< of all operations; this and the next two are 0 without operations, or if unknown
   std::uint64_t p99Ns = 0;
   std::uint64_t maxNs = 0;
+  double operationsPerS = 0;            ///< this and the next two are computed, and not saved
+  std::optional<double> gigabytesPerS;  ///< 10^9 bytes; none if unknown
+  /// Operations per second of busy time: the rate that the benchmark would print if it counted exactly. For
+  /// several threads it is their mean, like the printed rate. Only of a whole run. 0 without operations.
+  double busyRate = 0;
+};
+
+/// The work of a second.
+struct SecondWork : Work {
+  int second = 0;    ///< its number. The first is 1. A missing second leaves out a number
+  double timeS = 0;  ///< its exact end, from the benchmark's start
+  std::string engine;
+};
+
+/// By one worker thread.
+struct Sample : SecondWork {
+  int thread = 0;
+};
+
+/// By all worker threads together.
+struct EngineSample : SecondWork {
+  int threads = 0;  ///< those that completed an operation
 };
 
 /// Operations of a whole run whose latency is in [lowNs, highNs).
@@ -130,6 +156,7 @@ struct Run {
   std::string folder;
   RunInfo info;
   std::vector<Sample> samples;
+  std::vector<EngineSample> seconds;
   std::vector<HistogramRow> histogram;
   std::vector<Rate> rates;
   std::vector<CounterValue> counters;

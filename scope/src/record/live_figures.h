@@ -18,13 +18,14 @@ class Figures {
 
   double TimeS() const { return timeS_; }
   /// The last second, by engine, in the order in which they are shown. Failures are those since the start.
-  std::vector<std::pair<std::string, EngineSecond>> Last() const;
+  std::vector<std::pair<std::string, EngineSample>> Last() const;
   /// Operations per second of the engine in each second so far.
   const std::vector<double>& History(const std::string& engine) const;
 
  private:
   struct EngineState {
-    EngineSecond last;
+    EngineSample last;
+    std::uint64_t failures = 0;
     std::vector<double> history;
   };
   double timeS_ = 0;

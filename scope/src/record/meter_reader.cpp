@@ -11,6 +11,7 @@
 
 #include "engines.h"
 #include "errors.h"
+#include "figures.h"
 #include "latency_buckets.h"
 
 namespace scope {
@@ -27,6 +28,22 @@ Packet Unpack(const char* bytes, std::size_t size, const char* name) {
   Packet packet;
   std::memcpy(&packet, bytes, sizeof(packet));
   return packet;
+}
+
+// The middle of the highest bucket may be above the longest latency in it.
+void SetLatencies(const Histogram& latencies, std::uint64_t maxNs, SecondWork& work) {
+  work.maxNs = maxNs;
+  work.p50Ns = std::min(latencies.Percentile(0.50), maxNs);
+  work.p99Ns = std::min(latencies.Percentile(0.99), maxNs);
+}
+
+void AddTo(EngineSample& engine, const Sample& sample) {
+  engine.threads += sample.operations != 0 ? 1 : 0;
+  engine.operations += sample.operations;
+  engine.busyNs += sample.busyNs;
+  engine.bytes = Sum(engine.bytes, sample.bytes);
+  engine.failures += sample.failures;
+  engine.maxNs = std::max(engine.maxNs, sample.maxNs);
 }
 
 }  // namespace
@@ -133,7 +150,7 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
     Flush(startNs_, seconds);
   }
   latencies_[{engine, thread}].Add(second);
-  pending_.latencies[engine].Add(second);
+  pendingLatencies_[engine].Add(second);
   pending_.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;
   // A set-up ends early. Rows for the seconds after it would be empty.
   if (!Engines()[row].load && packet.operations == 0 && packet.failures == 0) return;
@@ -145,21 +162,35 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   sample.busyNs = packet.busyNs;
   if (packet.bytesKnown != 0) sample.bytes = packet.bytes;
   sample.failures = packet.failures;
-  if (packet.operations != 0) {
-    // The middle of the highest bucket may be above the longest latency in it.
-    sample.maxNs = std::max(packet.maxNs, BucketLow(second.Buckets().rbegin()->first));
-    sample.p50Ns = std::min(second.Percentile(0.50), sample.maxNs);
-    sample.p99Ns = std::min(second.Percentile(0.99), sample.maxNs);
-  }
+  if (packet.operations != 0)
+    SetLatencies(second, std::max(packet.maxNs, BucketLow(second.Buckets().rbegin()->first)), sample);
   pending_.samples.push_back(sample);
 }
 
 void MeterReader::Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds) {
   if (timeNs > startNs_) pending_.timeS = static_cast<double>(timeNs - startNs_) * 1e-9;
+  pending_.second = second_ = SecondAfter(second_, pending_.timeS - timeS_);
+  timeS_ = pending_.timeS;
   std::sort(pending_.samples.begin(), pending_.samples.end(), [](const Sample& left, const Sample& right) {
     return std::tie(left.engine, left.thread) < std::tie(right.engine, right.thread);
   });
-  for (Sample& sample : pending_.samples) sample.timeS = pending_.timeS;
+  for (Sample& sample : pending_.samples) {
+    sample.second = second_;
+    sample.timeS = timeS_;
+    std::vector<EngineSample>& engines = pending_.engines;
+    if (engines.empty() || engines.back().engine != sample.engine) {
+      engines.emplace_back();
+      engines.back().second = second_;
+      engines.back().timeS = timeS_;
+      engines.back().engine = sample.engine;
+      engines.back().bytes = 0;
+    }
+    AddTo(engines.back(), sample);
+  }
+  for (EngineSample& engine : pending_.engines) {
+    SetLatencies(pendingLatencies_[engine.engine], engine.maxNs, engine);
+  }
+  pendingLatencies_.clear();
   seconds.push_back(std::exchange(pending_, {}));
 }
 

@@ -15,9 +15,11 @@ namespace scope {
 
 /// What the meter reported for one second.
 struct MeterSecond {
+  int second = 0;
   double timeS = 0;
   std::vector<Sample> samples;
-  std::map<std::string, Histogram> latencies;  ///< by engine, all threads of this second
+  /// The same, added up by engine. Latencies are those of all operations of the second.
+  std::vector<EngineSample> engines;
 };
 
 /// The other end of the meter's socket.
@@ -68,6 +70,9 @@ class MeterReader {
   std::uint64_t delayedSamples_ = 0;
   std::uint64_t unmeasured_ = 0;
   MeterSecond pending_;
+  std::map<std::string, Histogram> pendingLatencies_;
+  int second_ = 0;  ///< the last one
+  double timeS_ = 0;
   std::map<std::pair<std::string, int>, Histogram> latencies_;
 };
 

@@ -134,7 +134,10 @@ class Recording {
     info_.started = UtcNow();
     writer_->WriteInfo(info_);
     writer_->Add(std::vector<Rate>());
-    if (options_.useMeter) writer_->Add(std::vector<Sample>());
+    if (options_.useMeter) {
+      writer_->Add(std::vector<Sample>());
+      writer_->Add(std::vector<EngineSample>());
+    }
     for (const std::string& failure : failures_) Tell(failure);
     Start();
     try {
@@ -250,10 +253,11 @@ class Recording {
     }
     for (const MeterSecond& second : seconds) {
       if (!info_.conditions.meter) ReadLibraries();
-      const bool worked = std::any_of(second.samples.begin(), second.samples.end(),
-                                      [](const Sample& sample) { return sample.operations != 0; });
+      const bool worked = std::any_of(second.engines.begin(), second.engines.end(),
+                                      [](const EngineSample& engine) { return engine.operations != 0; });
       if (worked) supervisor_->SignOfLife(second.timeS);
       Save([&] { writer_->Add(second.samples); });
+      Save([&] { writer_->Add(second.engines); });
       watch_->Add(second.samples);
       const bool whole = second.timeS > figures_.TimeS() + kShownSecondS;
       figures_.Add(second);

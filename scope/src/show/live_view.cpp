@@ -126,7 +126,7 @@ bool OutputIsTerminal() {
   return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
-std::string Describe(const std::string& engine, const EngineSecond& second) {
+std::string Describe(const std::string& engine, const EngineSample& second) {
   std::string line =
       Format("%-4s %2d %s", engine.c_str(), second.threads, second.threads == 1 ? "thread " : "threads");
   ForEachOfASecond([&](const FigureKind& kind) {

@@ -19,7 +19,7 @@ std::unique_ptr<View> MakePlainView();
 bool OutputIsTerminal();
 
 /// The figures of one engine in one line.
-std::string Describe(const std::string& engine, const EngineSecond& second);
+std::string Describe(const std::string& engine, const EngineSample& second);
 
 /// The last `width` values as blocks of eight heights, scaled from 0 to the greatest value.
 std::string Sparkline(const std::vector<double>& values, std::size_t width);

@@ -67,7 +67,8 @@ Json WorkJson(const Work& work) {
 
 // A second after a gap has no rate. A second without operations has no latency.
 Json SecondsJson(const std::vector<EngineSecond>& seconds) {
-  Json json{{"time_s", Column(seconds, [](const auto& second) { return Rounded(second.timeS); })}};
+  Json json{{"second", Column(seconds, [](const auto& second) { return Json(second.second); })},
+            {"time_s", Column(seconds, [](const auto& second) { return Rounded(second.timeS); })}};
   for (const FigureKind& kind : FigureKinds()) {
     if (*kind.chart == '\0') continue;
     json[kind.name] = Column(seconds, [&kind](const EngineSecond& second) {

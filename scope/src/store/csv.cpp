@@ -11,7 +11,7 @@
 namespace scope {
 namespace {
 
-constexpr std::uint64_t kMostThread = 1'000'000;
+constexpr std::uint64_t kMostIndex = 1'000'000;
 
 // The fields of a row, without their quotes. A quote inside an unquoted field is an ordinary character.
 std::vector<std::string> Fields(const std::string& row) {
@@ -86,9 +86,9 @@ void CsvRow::Take(const CsvColumn& column, std::optional<std::uint64_t>& value) 
 void CsvRow::Take(const CsvColumn& column, int& value) {
   std::uint64_t count = 0;
   Take(column, count);
-  if (count > kMostThread) {
-    Fail(std::string("expected a thread's number as ") + column.name + ", found \"" + std::to_string(count) +
-         "\"");
+  if (count > kMostIndex) {
+    Fail("expected at most " + std::to_string(kMostIndex) + " as " + column.name + ", found \"" +
+         std::to_string(count) + "\"");
   }
   value = static_cast<int>(count);
 }

@@ -48,7 +48,7 @@ class CsvRow {
   void Take(const CsvColumn& column, double& value);
   void Take(const CsvColumn& column, std::uint64_t& value);
   void Take(const CsvColumn& column, std::optional<std::uint64_t>& value);
-  void Take(const CsvColumn& column, int& value);  ///< the number of a thread
+  void Take(const CsvColumn& column, int& value);  ///< the number of a thread or of a second
 
  private:
   [[noreturn]] void Fail(const std::string& what) const;

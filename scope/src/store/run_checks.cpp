@@ -23,8 +23,17 @@ using Thread = std::pair<std::string, int>;
   throw DamagedFolder(run.folder + "/" + file + ":" + std::to_string(index + 2) + ": " + what);
 }
 
+Thread ThreadOf(const Sample& row) {
+  return {row.engine, row.thread};
+}
+
+// All of an engine's threads together have no number.
+Thread ThreadOf(const EngineSample& row) {
+  return {row.engine, -1};
+}
+
 std::string NameOf(const Thread& thread) {
-  return thread.first + " thread " + std::to_string(thread.second);
+  return thread.first + (thread.second < 0 ? "" : " thread " + std::to_string(thread.second));
 }
 
 // Collects the names in a column, and refuses those that are no names.
@@ -63,44 +72,43 @@ void AddTo(std::uint64_t& sum, std::uint64_t count) {
   sum = count > kMost - sum ? kMost : sum + count;
 }
 
-void CheckTime(const Run& run, std::size_t index, const Thread& thread, const Sample& sample,
-               std::map<Thread, std::pair<double, bool>>& last) {
-  if (sample.timeS < 0) Fail(run, kTableName<Sample>, index, "expected a time from the start on");
-  const auto [at, first] = last.emplace(thread, std::make_pair(sample.timeS, false));
-  if (first) return;
-  auto& [timeS, again] = at->second;
-  if (sample.timeS < timeS || again) {
-    Fail(run, kTableName<Sample>, index,
-         "expected one row a second for " + NameOf(thread) + Format(", after %.3f s", timeS));
-  }
-  again = sample.timeS == timeS;
-  timeS = sample.timeS;
+// `last` is the row before of the same thread, if there is one.
+template <typename Row>
+void CheckTime(const Run& run, std::size_t index, const Row& row, const Row* last) {
+  const char* const file = kTableName<Row>;
+  if (row.timeS < 0) Fail(run, file, index, "expected a time from the start on");
+  if (last == nullptr || (row.second > last->second && row.timeS >= last->timeS)) return;
+  Fail(run, file, index,
+       "expected one row a second for " + NameOf(ThreadOf(row)) +
+           Format(", after second %d at %.3f s", last->second, last->timeS));
 }
 
-void CheckLatencies(const Run& run, std::size_t index, const Sample& sample) {
-  if (sample.p50Ns > sample.p99Ns || sample.p99Ns > sample.maxNs) {
-    Fail(run, kTableName<Sample>, index, "expected p50_ns, p99_ns and max_ns in rising order");
+template <typename Row>
+void CheckLatencies(const Run& run, std::size_t index, const Row& row) {
+  const char* const file = kTableName<Row>;
+  if (row.p50Ns > row.p99Ns || row.p99Ns > row.maxNs) {
+    Fail(run, file, index, "expected p50_ns, p99_ns and max_ns in rising order");
   }
-  if (sample.operations == 0 && sample.maxNs != 0) {
-    Fail(run, kTableName<Sample>, index, "expected latencies of 0 without operations");
+  if (row.operations == 0 && row.maxNs != 0) {
+    Fail(run, file, index, "expected latencies of 0 without operations");
   }
   // Times are rounded.
   constexpr double kSlackS = 1;
-  if (static_cast<double>(sample.maxNs) * 1e-9 > sample.timeS + kSlackS) {
-    Fail(run, kTableName<Sample>, index,
-         "an operation took longer than the run: max_ns is " + std::to_string(sample.maxNs));
+  if (static_cast<double>(row.maxNs) * 1e-9 > row.timeS + kSlackS) {
+    Fail(run, file, index, "an operation took longer than the run: max_ns is " + std::to_string(row.maxNs));
   }
 }
 
-void CheckSamples(const Run& run) {
-  Names engines(run, kTableName<Sample>, "engine");
-  std::map<Thread, std::pair<double, bool>> last;
-  for (std::size_t i = 0; i != run.samples.size(); ++i) {
-    const Sample& sample = run.samples[i];
-    const Thread thread{sample.engine, sample.thread};
-    engines.Add(sample.engine, i);
-    CheckTime(run, i, thread, sample, last);
-    CheckLatencies(run, i, sample);
+template <typename Row>
+void CheckSeconds(const Run& run, const std::vector<Row>& rows) {
+  Names engines(run, kTableName<Row>, "engine");
+  std::map<Thread, const Row*> last;
+  for (std::size_t i = 0; i != rows.size(); ++i) {
+    engines.Add(rows[i].engine, i);
+    const Row*& before = last[ThreadOf(rows[i])];
+    CheckTime(run, i, rows[i], before);
+    CheckLatencies(run, i, rows[i]);
+    before = &rows[i];
   }
 }
 
@@ -113,28 +121,41 @@ void CheckHistogram(const Run& run) {
   }
 }
 
+using Totals = std::map<Thread, std::uint64_t>;
+
+void CompareTotals(const Run& run, Totals operations, const char* file, Totals counts) {
+  for (const auto& [thread, count] : counts) operations.emplace(thread, 0);
+  for (const auto& [thread, count] : operations) {
+    if (counts[thread] == count) continue;
+    throw DamagedFolder(run.folder + ": " + kTableName<Sample> + " has " + std::to_string(count) +
+                        " operations of " + NameOf(thread) + ", " + file + " has " +
+                        std::to_string(counts[thread]) + ": they are not of the same run");
+  }
+}
+
 }  // namespace
 
 void CheckRows(const Run& run) {
-  CheckSamples(run);
+  CheckSeconds(run, run.samples);
+  CheckSeconds(run, run.seconds);
   CheckHistogram(run);
   Names stresses(run, kTableName<Rate>, "stress");
   for (std::size_t i = 0; i != run.rates.size(); ++i) stresses.Add(run.rates[i].stress, i);
 }
 
 void CheckTotals(const Run& run) {
-  std::map<Thread, std::uint64_t> operations;
-  std::map<Thread, std::uint64_t> counts;
-  for (const Sample& sample : run.samples)
-    AddTo(operations[{sample.engine, sample.thread}], sample.operations);
-  for (const HistogramRow& row : run.histogram) AddTo(counts[{row.engine, row.thread}], row.count);
-  for (const auto& [thread, count] : counts) operations.emplace(thread, 0);
-  for (const auto& [thread, count] : operations) {
-    if (counts[thread] == count) continue;
-    throw DamagedFolder(run.folder + ": " + kTableName<Sample> + " has " + std::to_string(count) +
-                        " operations of " + NameOf(thread) + ", " + kTableName<HistogramRow> + " has " +
-                        std::to_string(counts[thread]) + ": they are not of the same run");
+  Totals operations;
+  Totals counts;
+  Totals ofEngines;
+  for (const Sample& sample : run.samples) {
+    AddTo(operations[ThreadOf(sample)], sample.operations);
+    AddTo(ofEngines[{sample.engine, -1}], sample.operations);
   }
+  for (const HistogramRow& row : run.histogram) AddTo(counts[{row.engine, row.thread}], row.count);
+  CompareTotals(run, operations, kTableName<HistogramRow>, counts);
+  counts.clear();
+  for (const EngineSample& row : run.seconds) AddTo(counts[ThreadOf(row)], row.operations);
+  CompareTotals(run, ofEngines, kTableName<EngineSample>, counts);
 }
 
 }  // namespace scope

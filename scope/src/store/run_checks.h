@@ -15,13 +15,12 @@ constexpr std::size_t kMostEngines = 64;
 
 /// Checks that the rows that were read can be rows of a run:
 /// - Engines and stresses have short names, and there are not too many of them.
-/// - The rows of a thread go forward in time and are one a second. Only the last two may have the same time,
-///   because a program may end right after a second.
+/// - The rows of a thread, and those of an engine, are one a second: numbers rise, and times do not go back.
 /// - Latencies are in order, not longer than the run, and 0 without operations.
 void CheckRows(const Run& run);
 
-/// Checks that the histogram has each thread's operations, no more and no less. Only for a complete run
-/// without missing rows.
+/// Checks that the histogram has each thread's operations, and the rows of each engine those of its threads,
+/// no more and no less. Only for a complete run without missing rows.
 void CheckTotals(const Run& run);
 
 }  // namespace scope

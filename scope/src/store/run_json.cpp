@@ -116,9 +116,13 @@ RunInfo ParseRunInfo(const std::string& text, const std::string& path) {
       throw DamagedFolder(path + ": not the description of a run: it has no \"format\" number");
     }
     const int format = json["format"].get<int>();
+    const std::string tool = json.value("tool", std::string());
     if (format != kRunFormat) {
-      throw DamagedFolder(path + ": written in format " + std::to_string(format) +
-                          ", this program reads format " + std::to_string(kRunFormat));
+      throw DamagedFolder(path.substr(0, path.rfind('/')) + ": a run folder of format " +
+                          std::to_string(format) + ", and " + kToolVersion + " reads format " +
+                          std::to_string(kRunFormat) +
+                          ". Record the run again, or read it with the version that wrote it" +
+                          (tool.empty() ? "." : ": " + tool + "."));
     }
     RunInfo info = FromJson(json);
     if (info.kind != "record" && info.kind != "rates") {

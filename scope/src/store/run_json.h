@@ -7,7 +7,7 @@
 
 namespace scope {
 
-constexpr int kRunFormat = 1;
+constexpr int kRunFormat = 2;
 constexpr const char* kInfoName = "run.json";
 
 /// The text of run.json.

@@ -72,18 +72,18 @@ void NoteMissingEnd(Run& run) {
 
 // Only the first gap of each thread is noted. Threads with the same gap share one note.
 void NoteGaps(Run& run) {
-  std::map<std::pair<std::string, int>, double> last;
+  std::map<std::pair<std::string, int>, const Sample*> last;
   std::set<std::pair<std::string, int>> noted;
   std::map<std::pair<double, double>, std::vector<std::string>> gaps;
   for (const Sample& sample : run.samples) {
     if (!IsLoad(sample.engine)) continue;  // a set-up has rows only for the seconds in which it worked
     const auto key = std::make_pair(sample.engine, sample.thread);
-    const auto before = last.find(key);
-    if (before != last.end() && sample.timeS - before->second > kGapS && noted.insert(key).second) {
-      gaps[{before->second, sample.timeS}].push_back(sample.engine + " thread " +
-                                                     std::to_string(sample.thread));
+    const Sample*& before = last[key];
+    if (before != nullptr && sample.second > before->second + 1 && noted.insert(key).second) {
+      gaps[{before->timeS, sample.timeS}].push_back(sample.engine + " thread " +
+                                                    std::to_string(sample.thread));
     }
-    last[key] = sample.timeS;
+    before = &sample;
   }
   for (const auto& [between, threads] : gaps) {
     const std::string more =
@@ -132,6 +132,7 @@ Run ReadRun(const std::string& folder) {
   }
   const bool meter = run.info.conditions.meter;
   ReadTable(run, run.samples, meter);
+  ReadTable(run, run.seconds, meter);
   ReadTable(run, run.histogram, meter);
   ReadTable(run, run.rates, true);
   ReadTable(run, run.counters, false);

@@ -22,6 +22,8 @@ constexpr const char* kTableName = nullptr;
 template <>
 inline constexpr const char* kTableName<Sample> = "samples.csv";
 template <>
+inline constexpr const char* kTableName<EngineSample> = "seconds.csv";
+template <>
 inline constexpr const char* kTableName<HistogramRow> = "histogram.csv";
 template <>
 inline constexpr const char* kTableName<Rate> = "rates.csv";
@@ -32,10 +34,15 @@ inline constexpr const char* kTableName<CounterValue> = "counters.csv";
 template <typename Row, typename Visit>
 void VisitColumns(Row& row, const Visit& visit) {
   using Kind = std::remove_const_t<Row>;
-  if constexpr (std::is_same_v<Kind, Sample>) {
+  if constexpr (std::is_base_of_v<SecondWork, Kind>) {
+    visit(CsvColumn{"second"}, row.second);
     visit(CsvColumn{"time_s"}, row.timeS);
     visit(CsvColumn{"engine"}, row.engine);
-    visit(CsvColumn{"thread"}, row.thread);
+    if constexpr (std::is_same_v<Kind, Sample>) {
+      visit(CsvColumn{"thread"}, row.thread);
+    } else {
+      visit(CsvColumn{"threads"}, row.threads);
+    }
     visit(CsvColumn{"operations"}, row.operations);
     visit(CsvColumn{"busy_ns"}, row.busyNs);
     visit(CsvColumn{"bytes"}, row.bytes);

@@ -20,9 +20,10 @@ RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
       throw UserError(folder + " exists and is not an empty folder" +
                       (force ? "" : ": choose another one, or add --force to replace the run in it"));
     }
+    // Format 1 had samples.jsonl.
     for (const char* name :
-         {kInfoName, kTableName<Sample>, "samples.jsonl", kTableName<HistogramRow>, kTableName<Rate>,
-          kRatesTextName, kLogName, kTableName<CounterValue>, kReportName}) {
+         {kInfoName, kTableName<Sample>, kTableName<EngineSample>, "samples.jsonl", kTableName<HistogramRow>,
+          kTableName<Rate>, kRatesTextName, kLogName, kTableName<CounterValue>, kReportName}) {
       fs::remove(fs::path(folder) / name, error);
       if (error) throw UserError("cannot remove " + folder + "/" + name + ": " + error.message());
     }

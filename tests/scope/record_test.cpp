@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// A recording of a program that sends what a script says, as a meter would.
+#include "record.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "latency_buckets.h"
+#include "report.h"
+#include "run_reader.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::IsEmpty;
+
+/// Keeps what is shown of every second.
+struct Shown : scope::View {
+  void Second(const scope::Figures& figures, double /*timeS*/, double /*runTimeS*/) override {
+    for (const auto& [engine, second] : figures.Last()) seconds[engine].push_back(second);
+  }
+
+  std::map<std::string, std::vector<scope::EngineSample>> seconds;
+};
+
+std::string Bucket(std::uint64_t ns) {
+  return std::to_string(scope::BucketOf(ns));
+}
+
+// The threads of the cpu differ: their medians are 1 and 3 us, and their 99th percentiles 1 us and 9 ms. The
+// number of operations grows from second to second.
+std::string Script(int seconds) {
+  std::string script;
+  for (int second = 1; second <= seconds; ++second) {
+    const auto count = [second](int operations) { return std::to_string(operations + second) + " "; };
+    script += "sample 0 0 " + Bucket(1'000) + " " + count(600) + "\n";
+    script += "sample 0 1 " + Bucket(2'000) + " 200 " + Bucket(3'000) + " " + count(500) + Bucket(9'000'000) +
+              " 9\n";
+    script += "sample 2 0 " + Bucket(20'000'000) + " " + count(40) + "\n";
+    script += "print cpuStress : 7.500000 fps. ispStress : 30.0 fps.\n";
+    script += "second " + std::to_string(1000 * second + 20) + "\n";
+  }
+  return script;
+}
+
+class RecordTest : public ::testing::Test {
+ protected:
+  scope::RecordResult Record(const std::string& script, scope::View& view) {
+    scope::RecordOptions options;
+    options.benchmark = SCRIPTED_METER;
+    options.meter = IDLE_LIBRARY;
+    options.config = folder_.Put("c.yaml", "CPU:\n  Level: 2\nVENC:\n  Level: 1\n");
+    options.extra = {folder_.Put("script", script)};
+    options.folder = run_;
+    options.systemRoot = folder_ / "no-system";
+    scope::Signals signals;
+    return scope::Record(options, view, signals);
+  }
+
+  TemporaryFolder folder_;
+  std::string run_ = folder_ / "run";
+};
+
+TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {
+  constexpr int kSeconds = 12;
+  Shown shown;
+  const scope::RecordResult result = Record(Script(kSeconds), shown);
+  EXPECT_TRUE(result.complete) << result.reason;
+  const std::vector<scope::ReportedRun> reported = scope::ReadRuns({run_});
+  const scope::Run& run = reported[0].run;
+  EXPECT_THAT(run.notes, IsEmpty());
+  const std::string page = scope::ReportPage(reported);
+  const std::size_t from = page.find('>', page.find("id=\"report-data\"")) + 1;
+  const auto data = nlohmann::json::parse(page.substr(from, page.find('<', from) - from));
+  ASSERT_EQ(reported[0].summary.engines.size(), 2U);
+  for (std::size_t i = 0; i < 2; ++i) {
+    const scope::EngineSummary& engine = reported[0].summary.engines[i];
+    const std::vector<scope::EngineSample>& live = shown.seconds[engine.engine];
+    ASSERT_EQ(live.size(), std::size_t{kSeconds});
+    ASSERT_EQ(engine.seconds.size(), live.size());
+    std::vector<scope::EngineSample> saved;
+    for (const scope::EngineSample& row : run.seconds) {
+      if (row.engine == engine.engine) saved.push_back(row);
+    }
+    ASSERT_EQ(saved.size(), live.size());
+    const nlohmann::json& drawn = data["runs"][0]["engines"][i]["seconds"];
+    for (std::size_t at = 0; at < live.size(); ++at) {
+      EXPECT_EQ(live[at].second, static_cast<int>(at) + 1);
+      EXPECT_EQ(saved[at].second, live[at].second);
+      EXPECT_EQ(drawn["second"][at], live[at].second);
+      EXPECT_NEAR(saved[at].timeS, static_cast<double>(at) + 1.02, 0.5);
+      for (const scope::Work* work : {static_cast<const scope::Work*>(&saved[at]),
+                                      static_cast<const scope::Work*>(&engine.seconds[at])}) {
+        EXPECT_EQ(work->operations, live[at].operations);
+        EXPECT_EQ(work->p50Ns, live[at].p50Ns);
+        EXPECT_EQ(work->p99Ns, live[at].p99Ns);
+        EXPECT_EQ(work->maxNs, live[at].maxNs);
+      }
+      EXPECT_NEAR(engine.seconds[at].operationsPerS, live[at].operationsPerS, 1);
+      EXPECT_NEAR(drawn["p50"][at].get<double>() * 1e3, static_cast<double>(live[at].p50Ns), 100);
+      EXPECT_NEAR(drawn["p99"][at].get<double>() * 1e3, static_cast<double>(live[at].p99Ns), 100);
+    }
+  }
+  // Of all threads together, half took 2 us or less, and 99 of 100 took 3 us or less.
+  const scope::EngineSample& first = shown.seconds["cpu"][0];
+  EXPECT_EQ(first.operations, 601U + 200 + 501 + 9);
+  EXPECT_NEAR(static_cast<double>(first.p50Ns), 2'000, 20);
+  EXPECT_NEAR(static_cast<double>(first.p99Ns), 3'000, 30);
+  EXPECT_GE(first.maxNs, 9'000'000U);
+  EXPECT_EQ(first.threads, 2);
+}
+
+TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {
+  Shown shown;
+  EXPECT_TRUE(Record("sample 0 0 1000 5\nsecond 1000\nsample 0 0 1000 5\nsecond 2000\n"
+                     "sample 0 0 1000 5\nsecond 5000\n",
+                     shown)
+                  .complete);
+  const scope::Run run = scope::ReadRun(run_);
+  ASSERT_EQ(run.seconds.size(), 3U);
+  EXPECT_EQ(run.seconds[1].second, 2);
+  EXPECT_EQ(run.seconds[2].second, 5);
+  ASSERT_EQ(run.notes.size(), 1U);
+  EXPECT_THAT(run.notes[0], ::testing::HasSubstr("no sample of cpu thread 0 between "));
+}
+
+}  // namespace
