@@ -119,7 +119,7 @@ TEST_F(HostileFolderTest, AFileBeyondTheLimitIsRefused) {
 
 TEST_F(HostileFolderTest, DeepJsonIsRefused) {
   const auto nested = [](std::size_t levels) {
-    return "{\"format\": 1, \"kind\": \"record\", \"x\": " + std::string(levels - 1, '[') +
+    return "{\"format\": 2, \"kind\": \"record\", \"x\": " + std::string(levels - 1, '[') +
            std::string(levels - 1, ']') + "}";
   };
   folder_.Put("run/run.json", nested(50'000));

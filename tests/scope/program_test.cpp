@@ -32,7 +32,7 @@ class ProgramTest : public ::testing::Test {
   }
 
   std::string Script(const std::string& body) const {
-    const std::string path = folder_.Put("benchmark", "#!/bin/sh\n" + body + "\n");
+    const std::string path = folder_.Put("benchmark", "#!/bin/bash\n" + body + "\n");
     (void)chmod(path.c_str(), 0755);
     return path;
   }

@@ -52,11 +52,11 @@ std::string Script(int seconds) {
 
 class RecordTest : public ::testing::Test {
  protected:
-  scope::RecordResult Record(const std::string& script, scope::View& view) {
+  scope::RecordResult Record(const std::string& config, const std::string& script, scope::View& view) {
     scope::RecordOptions options;
     options.benchmark = SCRIPTED_METER;
     options.meter = IDLE_LIBRARY;
-    options.config = folder_.Put("c.yaml", "CPU:\n  Level: 2\nVENC:\n  Level: 1\n");
+    options.config = folder_.Put("c.yaml", config);
     options.extra = {folder_.Put("script", script)};
     options.folder = run_;
     options.systemRoot = folder_ / "no-system";
@@ -71,7 +71,7 @@ class RecordTest : public ::testing::Test {
 TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {
   constexpr int kSeconds = 12;
   Shown shown;
-  const scope::RecordResult result = Record(Script(kSeconds), shown);
+  const scope::RecordResult result = Record("CPU:\n  Level: 2\nVENC:\n  Level: 1\n", Script(kSeconds), shown);
   EXPECT_TRUE(result.complete) << result.reason;
   const std::vector<scope::ReportedRun> reported = scope::ReadRuns({run_});
   const scope::Run& run = reported[0].run;
@@ -119,10 +119,11 @@ TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {
 
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {
   Shown shown;
-  EXPECT_TRUE(Record("sample 0 0 1000 5\nsecond 1000\nsample 0 0 1000 5\nsecond 2000\n"
-                     "sample 0 0 1000 5\nsecond 5000\n",
-                     shown)
-                  .complete);
+  const scope::RecordResult result = Record("CPU:\n  Level: 1\n",
+                                            "sample 0 0 1000 5\nsecond 1000\nsample 0 0 1000 5\nsecond 2000\n"
+                                            "sample 0 0 1000 5\nsecond 5000\n",
+                                            shown);
+  EXPECT_TRUE(result.complete) << result.reason;
   const scope::Run run = scope::ReadRun(run_);
   ASSERT_EQ(run.seconds.size(), 3U);
   EXPECT_EQ(run.seconds[1].second, 2);
