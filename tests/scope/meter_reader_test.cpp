@@ -197,16 +197,16 @@ TEST_F(MeterReaderTest, PercentilesOfAnEngineAreThoseOfAllItsOperations) {
 
 TEST_F(MeterReaderTest, ASecondsLatenciesAreNotThoseOfTheOneBefore) {
   SendHello();
-  for (const std::uint32_t bucket : {200U, 100U}) {
+  for (const std::uint32_t bucket : {100U, 200U}) {
     OneBucket sample = SampleOf(scope::Engine::kVpc);
     sample.bucket.bucket = bucket;
     Send(sample);
-    SendEnd(bucket == 200U ? 1'000'000'000 : 2'000'000'000);
+    SendEnd(bucket == 100U ? 1'000'000'000 : 2'000'000'000);
   }
   EXPECT_EQ(ErrorOfRead(), "no error");
   ASSERT_EQ(seconds_.size(), 2U);
-  EXPECT_EQ(seconds_[1].engines[0].p50Ns, 100U);
-  EXPECT_EQ(seconds_[1].engines[0].p99Ns, 100U);
+  EXPECT_EQ(seconds_[1].engines[0].p50Ns, 200U);
+  EXPECT_EQ(seconds_[1].engines[0].p99Ns, 200U);
 }
 
 TEST_F(MeterReaderTest, NumbersSecondsAndLeavesOutThoseThatAreMissing) {
