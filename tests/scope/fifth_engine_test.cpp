@@ -130,13 +130,15 @@ TEST_F(FifthEngineTest, IsSwept) {
 }
 
 TEST_F(FifthEngineTest, IsCompared) {
-  WriteRun(folder_ / "a", {Dma(100), {}});
-  WriteRun(folder_ / "b", {Dma(50), {}});
+  for (const char* run : {"1", "2"}) {
+    WriteRun(folder_ / "a" + "/" + run, {Dma(100), {}});
+    WriteRun(folder_ / "b" + "/" + run, {Dma(50), {}});
+  }
   const Side a = ReadSide(folder_ / "a");
   const Side b = ReadSide(folder_ / "b");
   const CompareOptions options;
   const Comparison comparison = Compare(a, b, options);
-  EXPECT_TRUE(comparison.regression);
+  EXPECT_EQ(comparison.answer, Answer::kWorse);
   std::vector<std::string> engines;
   for (const ComparedFigure& figure : comparison.figures) {
     if (engines.empty() || engines.back() != figure.key.engine) engines.push_back(figure.key.engine);

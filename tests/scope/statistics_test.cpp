@@ -6,13 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <functional>
-#include <map>
-#include <numeric>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
 namespace {
 
@@ -37,11 +33,6 @@ std::vector<double> NumAcc(double base) {
   }
   return values;
 }
-
-// The survival of mice after surgery, days: Efron and Tibshirani, "An Introduction to the Bootstrap", 1993,
-// table 2.1.
-const std::vector<double> kTreated = {94, 197, 16, 38, 99, 141, 23};
-const std::vector<double> kUntreated = {52, 104, 146, 10, 51, 30, 40, 27, 46};
 
 TEST(StatisticsTest, MeanAndDeviationAreNistsToTwelveDigits) {
   ASSERT_EQ(kMichelson.size(), 100U);
@@ -75,122 +66,9 @@ TEST(StatisticsTest, NormalQuantiles) {
   EXPECT_NEAR(NormalQuantile(0.5), 0, 1e-12);
 }
 
-// Efron and Tibshirani, table 2.2: the bootstrap standard error of the treated group's median comes to 37.83
-// with ever more resamples.
-TEST(StatisticsTest, BootstrapErrorOfAMedianIsThePublishedOne) {
-  BootstrapOptions options;
-  options.resamples = 200'000;
-  EXPECT_NEAR(StandardDeviation(BootstrapMedians(kTreated, options)), 37.83, 0.2);
-}
-
-// The median of a resample of three is the smallest in 7 of 27, the middle in 13, the greatest in 7.
-TEST(StatisticsTest, BootstrapDrawsEveryValueAlike) {
-  BootstrapOptions options;
-  options.resamples = 270'000;
-  int counts[3] = {};
-  for (const double median : BootstrapMedians({0, 1, 2}, options)) ++counts[static_cast<int>(median)];
-  EXPECT_NEAR(counts[0], 70'000, 1200);
-  EXPECT_NEAR(counts[1], 130'000, 1200);
-  EXPECT_NEAR(counts[2], 70'000, 1200);
-}
-
-TEST(StatisticsTest, IntervalHoldsTheDifferenceAndRepeatsWithItsSeed) {
-  BootstrapOptions options;
-  const Interval interval = MedianDifference(kUntreated, kTreated, options);
-  EXPECT_LT(interval.low, 0);  // the book's conclusion: 48 days more, and no difference shown
-  EXPECT_GT(interval.high, 48);
-  const Interval again = MedianDifference(kUntreated, kTreated, options);
-  EXPECT_EQ(interval.low, again.low);
-  EXPECT_EQ(interval.high, again.high);
-  options.seed = 2;
-  EXPECT_NE(BootstrapMedians(kTreated, options), BootstrapMedians(kTreated, {}));
-}
-
-TEST(StatisticsTest, SidesAreResampledIndependently) {
-  // If both sides used the same numbers, a side's difference from itself would always be 0.
-  const Interval interval = MedianDifference(kTreated, kTreated, {});
-  EXPECT_LT(interval.low, -10);
-  EXPECT_GT(interval.high, 10);
-}
-
-TEST(StatisticsTest, HigherConfidenceIsWider) {
-  BootstrapOptions options;
-  const Interval usual = MedianDifference(kUntreated, kTreated, options);
-  options.confidence = 0.5;
-  const Interval half = MedianDifference(kUntreated, kTreated, options);
-  EXPECT_LT(usual.low, half.low);
-  EXPECT_GT(usual.high, half.high);
-}
-
-TEST(StatisticsTest, BlocksKeepNeighboursTogether) {
-  // Two long phases: blocks move the median much further than single draws do.
-  std::vector<double> phases(40, 0.0);
-  for (std::size_t i = 0; i < phases.size(); ++i) phases[i] = (i < 20 ? 0 : 100) + static_cast<double>(i % 3);
-  BootstrapOptions options;
-  const auto far = [&] {
-    int count = 0;
-    for (const double median : BootstrapMedians(phases, options)) count += median < 2 || median > 100 ? 1 : 0;
-    return count;
-  };
-  const int singly = far();
-  options.block = 10;
-  const int inBlocks = far();
-  EXPECT_GT(inBlocks, singly);
-}
-
-// Hollander and Wolfe, "Nonparametric Statistical Methods", 1973, p. 69: permeability of the human
-// chorioamnion; W = 35, one-sided p = 0.1272 (also in the examples of R's wilcox.test).
-TEST(StatisticsTest, RankSumIsThePublishedOne) {
-  const std::vector<double> x = {0.80, 0.83, 1.89, 1.04, 1.45, 1.38, 1.91, 1.64, 0.73, 1.46};
-  const std::vector<double> y = {1.15, 0.88, 0.90, 0.74, 1.21};
-  EXPECT_NEAR(RankSumP(x, y), 2 * 0.1272, 0.0001);
-  EXPECT_DOUBLE_EQ(RankSumP(x, y), RankSumP(y, x));
-}
-
-TEST(StatisticsTest, RankSumOfSidesThatLieApart) {
-  // Two of the 70 choices of four out of eight.
-  EXPECT_DOUBLE_EQ(RankSumP({1, 2, 3, 4}, {5, 6, 7, 8}), 2.0 / 70);
-  EXPECT_DOUBLE_EQ(RankSumP({5, 6, 7, 8}, {1, 2, 3, 4}), 2.0 / 70);
-  EXPECT_DOUBLE_EQ(RankSumP({1}, {2}), 1);
-}
-
-TEST(StatisticsTest, RankSumWithTies) {
-  EXPECT_DOUBLE_EQ(RankSumP({3, 3, 3}, {3, 3, 3}), 1);
-  // Of the 10 choices of two among {1, 1, 2, 2, 2}, one has both ones; it is the least.
-  EXPECT_DOUBLE_EQ(RankSumP({1, 1}, {2, 2, 2}), 0.2);
-}
-
-TEST(StatisticsTest, RankSumOfManyIsCloseToTheExactOne) {
-  std::vector<double> a(25);
-  std::iota(a.begin(), a.end(), 0.0);
-  std::vector<double> b = a;
-  for (double& value : b) value += 5.5;
-  const double exact = RankSumP(a, b);
-  b.push_back(18);  // one value more than the exact method takes, in the middle
-  EXPECT_NEAR(RankSumP(a, b), exact, 0.01);
-  EXPECT_LT(exact, 0.05);
-  const std::vector<double> same(30, 7.0);
-  EXPECT_DOUBLE_EQ(RankSumP(same, same), 1);
-}
-
-TEST(StatisticsTest, FewerThanFourRepeatsShowNothingAtFivePercent) {
-  EXPECT_EQ(LeastRepeats(0.95), 4);
-  EXPECT_EQ(LeastRepeats(0.90), 3);
-  EXPECT_EQ(LeastRepeats(0.99), 5);
-}
-
-TEST(StatisticsTest, RepeatsForADifferenceOfOneSpread) {
-  // 16 for two means (Lehr, "Sixteen s-squared over d-squared", Statistics in Medicine 11, 1992; exactly
-  // 15.70), times pi / 2.
-  EXPECT_EQ(RepeatsToShow(0.01, 0.01), 25);
-  EXPECT_EQ(RepeatsToShow(0.02, 0.01), 99);
-  EXPECT_EQ(RepeatsToShow(0.0001, 0.01), 4);
-  EXPECT_EQ(RepeatsToShow(0, 0.01), 4);
-}
-
-// Hollander and Wolfe, 1973, p. 187: lightness of tuna, by the Hunter L measure and by a panel; T = 26,
-// tau = 0.4444, exact p = 0.1194 (also in the examples of R's cor.test). Here the panel's values in the order
-// of the measure.
+// Hollander and Wolfe, "Nonparametric Statistical Methods", 1973, p. 187: lightness of tuna, by the Hunter L
+// measure and by a panel; T = 26, tau = 0.4444, exact p = 0.1194 (also in the examples of R's cor.test). Here
+// the panel's values in the order of the measure.
 TEST(StatisticsTest, TrendIsThePublishedOne) {
   const Trend trend = TestTrend({2.5, 4.0, 2.6, 3.6, 2.8, 3.1, 5.2, 5.0, 3.8});
   EXPECT_DOUBLE_EQ(trend.score, 2 * 26 - 36);
@@ -213,8 +91,6 @@ TEST(StatisticsTest, TooFewValuesAreRefused) {
   EXPECT_THROW(Mean({}), std::invalid_argument);
   EXPECT_THROW(StandardDeviation({1}), std::invalid_argument);
   EXPECT_THROW(NormalQuantile(1), std::invalid_argument);
-  EXPECT_THROW(BootstrapMedians({}, {}), std::invalid_argument);
-  EXPECT_THROW(RankSumP({}, {1}), std::invalid_argument);
   EXPECT_THROW(TestTrend({1}), std::invalid_argument);
 }
 
@@ -238,132 +114,6 @@ TEST(StatisticsTest, NormalQuantilesOfTheTails) {
   EXPECT_NEAR(NormalQuantile(0.6), 0.2533471031357998, 1e-12);
   EXPECT_THROW(NormalQuantile(0), std::invalid_argument);
   EXPECT_THROW(NormalQuantile(-0.1), std::invalid_argument);
-}
-
-TEST(StatisticsTest, BootstrapMakesAsManyResamplesAsAskedFor) {
-  EXPECT_EQ(BootstrapMedians(kTreated, {}).size(), 9999U);
-  BootstrapOptions options;
-  options.resamples = 3;
-  EXPECT_EQ(BootstrapMedians(kTreated, options).size(), 3U);
-  options.resamples = -1;
-  EXPECT_TRUE(BootstrapMedians(kTreated, options).empty());
-}
-
-// Two neighbours and one value of any place: of the nine such resamples of {0, 1, 10}, the median is 0 in
-// two, 1 in five and 10 in two. The values form a circle, so 10 and 0 are neighbours.
-TEST(StatisticsTest, BlocksOfTwoAreDrawnFromACircle) {
-  BootstrapOptions options;
-  options.resamples = 90'000;
-  options.block = 2;
-  std::map<double, int> counts;
-  for (const double median : BootstrapMedians({0, 1, 10}, options)) ++counts[median];
-  EXPECT_EQ(counts.size(), 3U);
-  EXPECT_NEAR(counts[0], 20'000, 600);
-  EXPECT_NEAR(counts[1], 50'000, 600);
-  EXPECT_NEAR(counts[10], 20'000, 600);
-}
-
-TEST(StatisticsTest, ABlockOfAllValuesIsARotation) {
-  for (const std::size_t block : {std::size_t{7}, std::size_t{1000}}) {
-    BootstrapOptions options;
-    options.block = block;
-    options.resamples = 100;
-    for (const double median : BootstrapMedians(kTreated, options)) ASSERT_DOUBLE_EQ(median, 94);
-  }
-  BootstrapOptions none;
-  none.block = 0;
-  EXPECT_EQ(BootstrapMedians(kTreated, none), BootstrapMedians(kTreated, {}));
-}
-
-TEST(StatisticsTest, TheIntervalLeavesOutHalfOfTheRestAtEachTail) {
-  const std::vector<double> zero = {0};
-  for (const double confidence : {0.95, 0.9, 0.5}) {
-    BootstrapOptions options;
-    options.confidence = confidence;
-    options.resamples = 999;
-    BootstrapOptions ofB = options;
-    ofB.seed = ~options.seed;
-    const std::vector<double> b = BootstrapMedians(kTreated, ofB);
-    const Interval right = MedianDifference(zero, kTreated, options);
-    EXPECT_DOUBLE_EQ(right.low, Quantile(b, (1 - confidence) / 2));
-    EXPECT_DOUBLE_EQ(right.high, Quantile(b, 1 - (1 - confidence) / 2));
-    const std::vector<double> a = BootstrapMedians(kTreated, options);
-    const Interval left = MedianDifference(kTreated, zero, options);
-    EXPECT_DOUBLE_EQ(left.low, -Quantile(a, 1 - (1 - confidence) / 2));
-    EXPECT_DOUBLE_EQ(left.high, -Quantile(a, (1 - confidence) / 2));
-  }
-}
-
-TEST(StatisticsTest, RankSumOfFewWithTiesBetweenTheSides) {
-  // 21 of the 126 choices of four of nine have the ranks of the first side or lower ones.
-  EXPECT_DOUBLE_EQ(RankSumP({1, 2, 2, 5}, {2, 3, 4, 5, 5}), 2 * 21.0 / 126);
-  EXPECT_DOUBLE_EQ(RankSumP({2, 3, 4, 5, 5}, {1, 2, 2, 5}), 2 * 21.0 / 126);
-  EXPECT_DOUBLE_EQ(RankSumP({1, 2}, {2, 3, 3}), 0.4);
-}
-
-// `count` values of each given one.
-std::vector<double> Many(const std::vector<std::pair<double, int>>& valuesAndCounts) {
-  std::vector<double> values;
-  for (const auto& [value, count] : valuesAndCounts)
-    values.insert(values.end(), static_cast<std::size_t>(count), value);
-  return values;
-}
-
-// Rank sum 424, mean 610, variance 3555.254 (4066.667 without the ties).
-TEST(StatisticsTest, RankSumWithTiesInLargeSamples) {
-  const std::vector<double> a = Many({{1, 14}, {2, 4}, {3, 2}});
-  const std::vector<double> b = Many({{1, 10}, {2, 18}, {3, 12}});
-  EXPECT_NEAR(RankSumP(a, b), 0.0018641617303469505, 1e-12);
-  EXPECT_NEAR(RankSumP(b, a), 0.0018641617303469505, 1e-12);
-}
-
-TEST(StatisticsTest, RankSumCountsUpToFiftyValuesExactly) {
-  std::vector<double> a(25);
-  std::iota(a.begin(), a.end(), 0.0);
-  std::vector<double> b(25);
-  std::iota(b.begin(), b.end(), 25.0);
-  EXPECT_NEAR(RankSumP(a, b), 1.5821457204897235e-14, 1e-24);
-  b.push_back(50);
-  EXPECT_NEAR(RankSumP(a, b), 9.697974076284181e-10, 1e-18);
-}
-
-TEST(StatisticsTest, ADifferenceOfRepeatsNeedsTheIntervalAndTheRankSum) {
-  const Difference apart = TestDifference({1, 2, 3, 4}, {15, 16, 17, 18}, true, {});
-  EXPECT_TRUE(apart.shown);
-  EXPECT_DOUBLE_EQ(*apart.rankSumP, 2.0 / 70);
-  EXPECT_TRUE(TestDifference({15, 16, 17, 18}, {1, 2, 3, 4}, true, {}).shown);
-  EXPECT_FALSE(TestDifference({1, 2, 3}, {15, 16, 17}, true, {}).shown)
-      << "the least p of three a side is 0.1";
-  BootstrapOptions options;
-  options.confidence = 0.9;
-  EXPECT_TRUE(TestDifference({1, 2, 3}, {15, 16, 17}, true, options).shown)
-      << "0.1 is 1 - 0.9, but for rounding";
-  const Difference same = TestDifference(kUntreated, kTreated, true, {});
-  EXPECT_FALSE(same.shown);
-  EXPECT_EQ(same.interval.low, MedianDifference(kUntreated, kTreated, {}).low);
-  EXPECT_EQ(same.interval.high, MedianDifference(kUntreated, kTreated, {}).high);
-}
-
-TEST(StatisticsTest, ADifferenceOfSecondsNeedsTheIntervalAlone) {
-  const Difference apart = TestDifference({1, 2, 3}, {15, 16, 17}, false, {});
-  EXPECT_TRUE(apart.shown);
-  EXPECT_FALSE(apart.rankSumP.has_value());
-  EXPECT_FALSE(TestDifference({1, 2, 3}, {1, 2, 3}, false, {}).shown);
-  EXPECT_FALSE(TestDifference({1}, {1}, false, {}).shown) << "an interval from 0 to 0";
-}
-
-TEST(StatisticsTest, LeastRepeatsOfAnyConfidence) {
-  EXPECT_EQ(LeastRepeats(0), 1);
-  EXPECT_EQ(LeastRepeats(0.6), 2);
-  EXPECT_EQ(LeastRepeats(0.999), 7);  // 2 of 3432 choices; 2 of 924 are too many
-}
-
-TEST(StatisticsTest, RepeatsDependOnConfidenceAndPower) {
-  EXPECT_EQ(RepeatsToShow(0.03, 0.01), 222);
-  EXPECT_EQ(RepeatsToShow(0.03, 0.01, 0.99), 331);
-  EXPECT_EQ(RepeatsToShow(0.03, 0.01, 0.95, 0.5), 109);
-  EXPECT_EQ(RepeatsToShow(0.03, 0.02, 0.95, 0.9), 75);
-  EXPECT_EQ(RepeatsToShow(1, 1e-9), 1'000'000) << "as many as none will record";
 }
 
 TEST(StatisticsTest, TrendsApproximationIsCorrectedForContinuity) {
@@ -398,9 +148,6 @@ TEST(StatisticsTest, SaysWhatIsMissing) {
   EXPECT_EQ(error([] { return Mean({}); }), "a mean needs 1 values, got 0");
   EXPECT_EQ(error([] { return StandardDeviation({1}); }), "a standard deviation needs 2 values, got 1");
   EXPECT_EQ(error([] { return NormalQuantile(1); }), "a normal quantile needs a probability in (0, 1)");
-  EXPECT_EQ(error([] { return BootstrapMedians({}, {})[0]; }), "a bootstrap needs 1 values, got 0");
-  EXPECT_EQ(error([] { return RankSumP({}, {1}); }), "a rank-sum test needs 1 values, got 0");
-  EXPECT_EQ(error([] { return RankSumP({1}, {}); }), "a rank-sum test needs 1 values, got 0");
   EXPECT_EQ(error([] { return TestTrend({1}).p; }), "a trend needs 2 values, got 1");
 }
 

@@ -1,63 +1,70 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "compare_figures.h"
+#include "compare_findings.h"
 #include "compare_input.h"
+#include "verdict.h"
 
 namespace scope {
 
-enum class Verdict {
-  kBetter,
-  kWorse,
-  kNoDifference,  ///< the noise hides any difference
-  kMissing,       ///< one side lacks the figure
-  kUnusable       ///< the values mean nothing; `note` says why
-};
-
 struct ComparedFigure {
   FigureKey key;
-  std::vector<double> aValues;  ///< the median of each repeat, or the values of the seconds
+  std::vector<double> aValues;  ///< one per run that has the figure
   std::vector<double> bValues;
-  std::optional<double> a;  ///< median; none if the side lacks the figure
+  std::optional<double> a;  ///< the geometric mean; none if the side lacks the figure
   std::optional<double> b;
-  std::optional<double> differencePercent;  ///< in per cent of A's median, like the next two
-  double lowPercent = 0;
-  double highPercent = 0;
-  std::optional<double> rankSumP;  ///< only when repeats are compared
-  Verdict verdict = Verdict::kNoDifference;
-  bool regression = false;
-  std::optional<int> repeatsForOnePercent;
+  std::optional<double> differencePercent;    ///< in per cent of `a`
+  std::optional<DifferencePercent> interval;  ///< of the difference; only with two runs a side
+  Verdict verdict = Verdict::kNotJudged;
+  /// It is shown that B is not worse by more than the tolerance. True for a figure that is not judged.
+  bool notWorse = true;
+  std::optional<int> repeats;  ///< RepeatsToTell; only with kCannotTell
   std::string note;
 };
 
+/// The answer of a whole comparison, from the worst to the best.
+enum class Answer {
+  kWorse,         ///< a judged figure or a finding is worse
+  kCannotTell,    ///< a judged figure may be worse by more than the tolerance
+  kNotWorse,      ///< no figure is, but whether one is better or does not differ is not shown
+  kNoDifference,  ///< no judged figure differs by more than the tolerance
+  kBetter         ///< a judged figure is better, no other one is worse
+};
+
 struct Comparison {
-  /// True: the noise between repeats is used. False: a side has only one run, so the noise between the
-  /// seconds of a run is used. That noise does not show how much runs differ from each other.
-  bool overRepeats = true;
   std::vector<ComparedFigure> figures;
+  std::vector<Finding> findings;
   std::vector<std::string> notes;
-  bool regression = false;
+  std::size_t judged = 0;  ///< number of figures that are judged
+  double figureConfidence =
+      0;  ///< of each interval, so that all judged ones hold together with the confidence
+  Answer answer = Answer::kCannotTell;
+  std::optional<int> repeats;  ///< the greatest of the figures'
 };
 
 struct CompareOptions {
   double skipS = 5;
-  double tolerancePercent = 1;
+  double tolerancePercent = 2;
   double confidence = 0.95;
-  std::uint64_t seed = 1;
+  int looks = 1;             ///< how often a growing set of runs is compared until the answer is clear
   std::set<Figure> figures;  ///< empty means all
 };
 
-/// Compares B with A, figure by figure. A difference counts when the bootstrap interval of the difference of
-/// medians excludes 0. Over repeats the rank-sum test must agree: with few repeats, a bootstrap alone finds
-/// too many differences. It is a regression when the whole interval is worse than the tolerance. It is also
-/// one when only B lacks the figure in some runs, or when an engine or one of its threads stops early only
-/// in B. Throws UserError for a run without a second after skipS.
+/// Compares B with A. The value of a run is the mean over its seconds for operations and bytes, and the
+/// median for other figures. The runs of a side are repeats.
+///
+/// Judged are the exact rate of each engine (the printed one where no run has an exact one) and, of more than
+/// one engine, the total bandwidth. If `options.figures` names figures, those are judged instead, and no
+/// other is shown. The intervals of the judged figures hold together, over all looks, with
+/// options.confidence.
+///
+/// Throws UserError for a run without a second after skipS, and for a tolerance that is no number from 0 on.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 
 }  // namespace scope

@@ -6,6 +6,7 @@
 
 #include "compare_conditions.h"
 #include "errors.h"
+#include "ratio.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -16,7 +17,9 @@ namespace scope {
 namespace {
 
 constexpr double kCloseShare = 0.05;
-constexpr double kConfidence = 0.95;
+constexpr double kError = 0.05;
+// Fewer repeats cannot tell most points from the best, and would name them all.
+constexpr std::size_t kLeastRepeats = 4;
 const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
 
 int Threads(const SweepPoint& point) {
@@ -26,8 +29,12 @@ int Threads(const SweepPoint& point) {
 }
 
 bool NoDifferenceShown(const std::vector<double>& a, const std::vector<double>& b) {
-  const auto least = static_cast<std::size_t>(LeastRepeats(kConfidence));
-  return a.size() >= least && b.size() >= least && !TestDifference(a, b, true, {}).shown;
+  if (a.size() < kLeastRepeats || b.size() < kLeastRepeats) return false;
+  const auto isPositive = [](double value) { return value > 0; };
+  if (!std::all_of(a.begin(), a.end(), isPositive) || !std::all_of(b.begin(), b.end(), isPositive))
+    return false;
+  const RatioEstimate estimate = EstimateRatio(a, b, kError);
+  return estimate.low <= 1 && estimate.high >= 1;
 }
 
 void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {

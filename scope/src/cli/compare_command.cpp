@@ -27,6 +27,7 @@ struct CommandOptions {
   std::vector<std::string> figures;
   bool force = false;
   bool json = false;
+  bool allowUnclear = false;
 };
 
 void RefuseDifferences(const std::vector<ConditionDifference>& differences, const CommandOptions& options) {
@@ -66,7 +67,8 @@ int RunCompare(CommandOptions options) {
                                                                 options.compare);
   std::cout.flush();
   if (!std::cout) throw UserError(std::string("cannot write to standard output: ") + std::strerror(errno));
-  return comparison.regression ? kExitFailure : kExitOk;
+  if (comparison.answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
+  return ExitStatusOf(comparison.answer);
 }
 
 }  // namespace
@@ -81,13 +83,15 @@ void AddCompare(CLI::App& app, int& status) {
   for (const FigureKind& kind : FigureKinds()) {
     if (kind.compared) figures.emplace_back(kind.name);
   }
-  command->add_option("--figure", options->figures, "Compare only these figures")
+  command
+      ->add_option("--figure", options->figures,
+                   "Judge these, and show no others (default: judge rates, show all)")
       ->delimiter(',')
       ->allow_extra_args(false)
       ->check(CLI::IsMember(figures));
   command
       ->add_option("--tolerance", options->compare.tolerancePercent,
-                   "Per cent that a figure may be worse before it is a regression")
+                   "Per cent by which figures may differ and still count as equal")
       ->check(CLI::Range(0.0, 100.0))
       ->capture_default_str();
   command
@@ -95,15 +99,17 @@ void AddCompare(CLI::App& app, int& status) {
                    "Seconds left out at the start of each run (default: a sweep's warm-up, else 5)")
       ->check(CLI::Range(0.0, 1e6));
   command
-      ->add_option("--confidence", options->compare.confidence, "Confidence of the intervals, 0.5 to 0.999")
+      ->add_option("--confidence", options->compare.confidence,
+                   "Confidence that no verdict is wrong, 0.5 to 0.999")
       ->check(CLI::Range(0.5, 0.999))
       ->capture_default_str();
-  command->add_option("--seed", options->compare.seed, "Seed of the bootstrap")->capture_default_str();
   command->add_option("--allow", options->allowed, "Conditions that may differ, by name")
       ->delimiter(',')
       ->allow_extra_args(false)
       ->check(CLI::IsMember(ConditionNames()));
   command->add_flag("--force", options->force, "Compare even if conditions differ");
+  command->add_flag("--allow-unclear", options->allowUnclear,
+                    "End with status 0 instead of 4 if the runs cannot tell");
   command->add_flag("--json", options->json, "Print JSON");
   command->callback([options, &status] {
     try {

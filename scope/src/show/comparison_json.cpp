@@ -23,7 +23,7 @@ std::string ComparisonJson(const Side& a, const Side& b, const Comparison& compa
   Json figures = Json::array();
   for (const ComparedFigure& figure : comparison.figures) {
     const FigureKind& kind = KindOf(figure.key.figure);
-    const bool has = figure.differencePercent.has_value();
+    const auto& interval = figure.interval;
     figures.push_back(Json{{"engine", figure.key.engine},
                            {"figure", kind.name},
                            {"unit", kind.unit},
@@ -31,30 +31,36 @@ std::string ComparisonJson(const Side& a, const Side& b, const Comparison& compa
                            {"a", OrNull(figure.a)},
                            {"b", OrNull(figure.b)},
                            {"difference_percent", OrNull(figure.differencePercent)},
-                           {"low_percent", has ? Json(figure.lowPercent) : Json(nullptr)},
-                           {"high_percent", has ? Json(figure.highPercent) : Json(nullptr)},
-                           {"rank_sum_p", OrNull(figure.rankSumP)},
+                           {"low_percent", interval ? Json(interval->low) : Json(nullptr)},
+                           {"high_percent", interval ? Json(interval->high) : Json(nullptr)},
                            {"verdict", VerdictText(figure.verdict)},
-                           {"regression", figure.regression},
-                           {"repeats_for_1_percent", OrNull(figure.repeatsForOnePercent)},
+                           {"not_worse", figure.notWorse},
+                           {"repeats", OrNull(figure.repeats)},
                            {"note", figure.note},
                            {"a_values", figure.aValues},
                            {"b_values", figure.bValues}});
   }
-  const Json json{{"format", 1},
+  Json findings = Json::array();
+  for (const Finding& finding : comparison.findings) {
+    findings.push_back(Json{{"engine", finding.engine}, {"text", finding.text}, {"worse", finding.worse}});
+  }
+  const Json json{{"format", 2},
                   {"kind", "compare"},
                   {"tool", kToolVersion},
                   {"a", SideJson(a)},
                   {"b", SideJson(b)},
-                  {"noise", comparison.overRepeats ? "repeats" : "seconds"},
+                  {"answer", AnswerText(comparison.answer)},
+                  {"exit_status", ExitStatusOf(comparison.answer)},
+                  {"sentence", AnswerSentence(a, b, comparison, options)},
                   {"skip_s", options.skipS},
                   {"confidence", options.confidence},
                   {"tolerance_percent", options.tolerancePercent},
-                  {"seed", options.seed},
+                  {"figure_confidence", comparison.figureConfidence},
+                  {"repeats", OrNull(comparison.repeats)},
                   {"different", different},
                   {"figures", figures},
-                  {"notes", comparison.notes},
-                  {"regression", comparison.regression}};
+                  {"findings", findings},
+                  {"notes", comparison.notes}};
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 

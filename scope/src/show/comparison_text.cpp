@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "comparison_text.h"
 
+#include <algorithm>
+
 #include "number_text.h"
 #include "text_format.h"
 #include "text_table.h"
@@ -11,14 +13,89 @@ namespace {
 // Larger numbers are not practical, and an exact value would suggest a certainty that is not there.
 constexpr int kManyRepeats = 9999;
 
-std::string RunsText(const Side& side) {
-  return std::to_string(side.runs.size()) + (side.runs.size() == 1 ? " run" : " runs");
+std::string RunsText(std::size_t runs) {
+  return std::to_string(runs) + (runs == 1 ? " run" : " runs");
 }
 
-std::string RepeatsText(const ComparedFigure& figure, bool overRepeats) {
-  if (!figure.repeatsForOnePercent) return "-";
-  if (*figure.repeatsForOnePercent > kManyRepeats) return "> " + std::to_string(kManyRepeats);
-  return (overRepeats ? "" : ">= ") + std::to_string(*figure.repeatsForOnePercent);
+std::string RepeatsText(const std::optional<int>& repeats) {
+  if (!repeats || *repeats > kManyRepeats) return "more than " + std::to_string(kManyRepeats);
+  return std::to_string(*repeats);
+}
+
+std::string Percent(double value) {
+  return Format("%+.2f %%", value);
+}
+
+// "cpu ops -5.10 % (-6.02 to -4.17)".
+std::string FigureText(const ComparedFigure& figure) {
+  std::string text = figure.key.engine + " " + KindOf(figure.key.figure).name;
+  if (figure.interval) {
+    text += Format(" %+.2f %% (%+.2f to %+.2f)", figure.interval->value, figure.interval->low,
+                   figure.interval->high);
+  } else if (!figure.note.empty()) {
+    text += ": " + figure.note;
+  }
+  return text;
+}
+
+std::string FiguresText(const Comparison& comparison, Verdict verdict) {
+  std::vector<std::string> texts;
+  for (const ComparedFigure& figure : comparison.figures) {
+    if (figure.verdict == verdict) texts.push_back(FigureText(figure));
+  }
+  return Joined(texts, ", ");
+}
+
+std::string WorseText(const Comparison& comparison) {
+  std::vector<std::string> texts;
+  const std::string figures = FiguresText(comparison, Verdict::kWorse);
+  if (!figures.empty()) texts.push_back(figures);
+  for (const Finding& finding : comparison.findings) {
+    if (finding.worse) texts.push_back(finding.text);
+  }
+  return Joined(texts, "; ");
+}
+
+std::string CannotTellText(const Side& a, const Side& b, const Comparison& comparison,
+                           const std::string& tolerance) {
+  const std::size_t least = std::min(a.runs.size(), b.runs.size());
+  if (least < 2) {
+    return "Cannot tell: one run a side does not show how much runs differ. Record four or more of each.";
+  }
+  const bool hasFigure =
+      std::any_of(comparison.figures.begin(), comparison.figures.end(),
+                  [](const ComparedFigure& figure) { return figure.interval.has_value(); });
+  if (!hasFigure) return "Cannot tell: there is no figure with a value above 0 in all runs.";
+  if (!comparison.repeats && tolerance == "0 %") {
+    return "Cannot tell: no number of repeats shows that there is no difference at all. Choose a tolerance "
+           "above 0.";
+  }
+  return Format("Cannot tell whether B is worse by more than %s: with %s and %s it could not be seen. ",
+                tolerance.c_str(), (RunsText(a.runs.size()) + " of A").c_str(),
+                (std::to_string(b.runs.size()) + " of B").c_str()) +
+         "About " + RepeatsText(comparison.repeats) + " of each would show it.";
+}
+
+std::string RowVerdict(const ComparedFigure& figure) {
+  std::string text = VerdictText(figure.verdict);
+  if (figure.verdict == Verdict::kCannotTell && figure.repeats) {
+    text += ": " + RepeatsText(figure.repeats) + " repeats";
+  }
+  return text + (figure.note.empty() ? "" : ": " + figure.note);
+}
+
+std::string TableOf(const Comparison& comparison) {
+  TextTable table("lllrrrrrl");
+  table.Add({"engine", "figure", "unit", "A", "B", "B - A", "from", "to", "verdict"});
+  for (const ComparedFigure& figure : comparison.figures) {
+    const FigureKind& kind = KindOf(figure.key.figure);
+    table.Add({figure.key.engine, kind.name, kind.unit, figure.a ? ShortNumber(*figure.a) : "-",
+               figure.b ? ShortNumber(*figure.b) : "-",
+               figure.differencePercent ? Percent(*figure.differencePercent) : "-",
+               figure.interval ? Percent(figure.interval->low) : "-",
+               figure.interval ? Percent(figure.interval->high) : "-", RowVerdict(figure)});
+  }
+  return table.Text();
 }
 
 }  // namespace
@@ -30,11 +107,51 @@ std::string VerdictText(Verdict verdict) {
     case Verdict::kWorse:
       return "worse";
     case Verdict::kNoDifference:
-      return "no difference shown";
-    case Verdict::kMissing:
-      return "missing";
-    case Verdict::kUnusable:
-      return "not used";
+      return "no difference";
+    case Verdict::kCannotTell:
+      return "cannot tell";
+    case Verdict::kNotJudged:
+      return "not judged";
+  }
+  return {};
+}
+
+std::string AnswerText(Answer answer) {
+  switch (answer) {
+    case Answer::kWorse:
+      return "worse";
+    case Answer::kCannotTell:
+      return "cannot tell";
+    case Answer::kNotWorse:
+      return "not worse";
+    case Answer::kNoDifference:
+      return "no difference";
+    case Answer::kBetter:
+      return "better";
+  }
+  return {};
+}
+
+int ExitStatusOf(Answer answer) {
+  if (answer == Answer::kWorse) return 1;
+  return answer == Answer::kCannotTell ? 4 : 0;
+}
+
+std::string AnswerSentence(const Side& a, const Side& b, const Comparison& comparison,
+                           const CompareOptions& options) {
+  const std::string tolerance = Format("%g %%", options.tolerancePercent);
+  switch (comparison.answer) {
+    case Answer::kWorse:
+      return "B is worse than A: " + WorseText(comparison) + ".";
+    case Answer::kCannotTell:
+      return CannotTellText(a, b, comparison, tolerance);
+    case Answer::kNotWorse:
+      return "B is not worse than A by more than " + tolerance + ". Whether it is better is not clear.";
+    case Answer::kNoDifference:
+      return "B and A do not differ by more than " + tolerance + ".";
+    case Answer::kBetter:
+      return "B is better than A: " + FiguresText(comparison, Verdict::kBetter) +
+             (comparison.judged > 1 ? "; no judged figure is worse by more than " + tolerance + "." : ".");
   }
   return {};
 }
@@ -42,46 +159,30 @@ std::string VerdictText(Verdict verdict) {
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences,
                            const CompareOptions& options) {
-  std::string text = "A: " + a.name + " (" + RunsText(a) + ")\nB: " + b.name + " (" + RunsText(b) + ")\n";
-  text += Format("Medians after the first %g s; %g %% intervals of B against A, bootstrap over %s.\n",
-                 options.skipS, options.confidence * 100,
-                 comparison.overRepeats ? "repeats" : "the seconds of each run");
-  if (!comparison.overRepeats) {
-    text +=
-        "Within-run noise only: one run a side does not show how runs differ from each other. "
-        "Compare repeats for that.\n";
+  std::string text = "A: " + a.name + " (" + RunsText(a.runs.size()) + ")\nB: " + b.name + " (" +
+                     RunsText(b.runs.size()) + ")\n";
+  text += Format("After the first %g s of each run. ", options.skipS);
+  if (std::min(a.runs.size(), b.runs.size()) < 2) {
+    text += "No intervals and no verdicts: they need two runs a side or more.\n";
+  } else {
+    text += Format("Intervals of %.3g %%", comparison.figureConfidence * 100);
+    if (comparison.judged > 1) {
+      text += Format("; those of the %zu judged figures together: %g %%", comparison.judged,
+                     options.confidence * 100);
+    }
+    text += ".\n";
   }
   for (const ConditionDifference& difference : differences) {
     text += "Different, as allowed: " + difference.name + ": " + difference.a + " in A, " + difference.b +
             " in B\n";
   }
-  text += '\n';
-  TextTable table("lllrrrrrrl");
-  table.Add({"engine", "figure", "unit", "A", "B", "B - A", "from", "to", "repeats for 1 %", "verdict"});
-  for (const ComparedFigure& figure : comparison.figures) {
-    const FigureKind& kind = KindOf(figure.key.figure);
-    std::vector<std::string> row = {figure.key.engine, kind.name, kind.unit,
-                                    figure.a ? ShortNumber(*figure.a) : "-",
-                                    figure.b ? ShortNumber(*figure.b) : "-"};
-    if (figure.differencePercent) {
-      row.push_back(Format("%+.2f %%", *figure.differencePercent));
-      row.push_back(Format("%+.2f %%", figure.lowPercent));
-      row.push_back(Format("%+.2f %%", figure.highPercent));
-    } else {
-      row.insert(row.end(), 3, "-");
-    }
-    row.push_back(RepeatsText(figure, comparison.overRepeats));
-    row.push_back(VerdictText(figure.verdict) + (figure.regression ? ", a regression" : "") +
-                  (figure.note.empty() ? "" : ": " + figure.note));
-    table.Add(row);
+  text += '\n' + TableOf(comparison);
+  for (const Finding& finding : comparison.findings) {
+    text += std::string("\n") + (finding.worse ? "worse: " : "note: ") + finding.text;
   }
-  text += table.Text();
   for (const std::string& note : comparison.notes) text += "\nnote: " + note;
-  if (!comparison.notes.empty()) text += '\n';
-  text += '\n';
-  text += (comparison.regression ? Format("Regression: worse by more than %g %%.\n", options.tolerancePercent)
-                                 : Format("No regression beyond %g %% shown.\n", options.tolerancePercent));
-  return text;
+  if (!comparison.findings.empty() || !comparison.notes.empty()) text += '\n';
+  return text + '\n' + AnswerSentence(a, b, comparison, options) + '\n';
 }
 
 }  // namespace scope

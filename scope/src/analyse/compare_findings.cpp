@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "compare_findings.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "run_warnings.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+constexpr double kClearlyMore = 2;
+
+enum class Trouble { kIncomplete, kStopsEarly, kFailures, kMemoryErrors, kThrottling };
+
+const char* NameOf(Trouble trouble) {
+  switch (trouble) {
+    case Trouble::kIncomplete:
+      return "incomplete runs";
+    case Trouble::kStopsEarly:
+      return "stops early";
+    case Trouble::kFailures:
+      return "operations failed";
+    case Trouble::kMemoryErrors:
+      return "memory errors";
+    case Trouble::kThrottling:
+      return "throttled for heat";
+  }
+  return "";
+}
+
+// One side's runs with a trouble of an engine.
+struct Occurrence {
+  std::vector<double> counts;  ///< of each run that has it
+  std::string example;         ///< of the first run
+};
+
+using Key = std::pair<Trouble, std::string>;
+using Troubles = std::map<Key, Occurrence>;
+
+void Add(Troubles& troubles, const Key& key, double count, const std::string& example = {}) {
+  Occurrence& occurrence = troubles[key];
+  occurrence.counts.push_back(count);
+  if (occurrence.example.empty()) occurrence.example = example;
+}
+
+// How much the counters of `source` grew during the run.
+double Growth(const Run& run, const std::string& source) {
+  std::map<std::string, std::pair<double, double>> ends;
+  for (const CounterValue& counter : run.counters) {
+    if (counter.source != source) continue;
+    const auto [at, isFirst] = ends.try_emplace(counter.name, counter.value, counter.value);
+    if (!isFirst) at->second.second = counter.value;
+  }
+  double growth = 0;
+  for (const auto& [name, values] : ends) growth += std::max(0.0, values.second - values.first);
+  return growth;
+}
+
+Troubles Collect(const std::vector<SummarisedRun>& runs) {
+  Troubles troubles;
+  for (const auto& [run, summary] : runs) {
+    if (!run->info.complete) Add(troubles, {Trouble::kIncomplete, ""}, 1, run->info.incompleteReason);
+    for (const EngineSummary& engine : summary.engines) {
+      if (engine.work.failures != 0) {
+        Add(troubles, {Trouble::kFailures, engine.engine}, static_cast<double>(engine.work.failures));
+      }
+      const std::string end = EarlyEnd(engine, summary.endS).text;
+      if (!end.empty()) Add(troubles, {Trouble::kStopsEarly, engine.engine}, 1, end);
+    }
+    const std::pair<Trouble, const char*> counted[] = {{Trouble::kMemoryErrors, "edac"},
+                                                       {Trouble::kThrottling, "throttle"}};
+    for (const auto& [trouble, source] : counted) {
+      const double growth = Growth(*run, source);
+      if (growth > 0) Add(troubles, {trouble, ""}, growth);
+    }
+  }
+  return troubles;
+}
+
+bool IsCounted(Trouble trouble) {
+  return trouble != Trouble::kIncomplete && trouble != Trouble::kStopsEarly;
+}
+
+// "in 2 of 4 runs of B (17 in all)".
+std::string SideText(const Occurrence& occurrence, std::size_t runs, bool isCounted, const char* side) {
+  double sum = 0;
+  for (const double count : occurrence.counts) sum += count;
+  std::string text = Format("in %zu of %zu runs of %s", occurrence.counts.size(), runs, side);
+  if (isCounted) text += Format(" (%.0f in all)", sum);
+  if (!occurrence.example.empty()) text += " (" + occurrence.example + ")";
+  return text;
+}
+
+bool IsClearlyMore(const Occurrence& a, std::size_t runsOfB, const Occurrence& b) {
+  if (b.counts.size() != runsOfB) return false;
+  const double most = *std::max_element(a.counts.begin(), a.counts.end());
+  return *std::min_element(b.counts.begin(), b.counts.end()) > kClearlyMore * most;
+}
+
+}  // namespace
+
+std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a,
+                                     const std::vector<SummarisedRun>& b) {
+  const Troubles ofA = Collect(a);
+  const Troubles ofB = Collect(b);
+  Troubles all = ofA;
+  all.insert(ofB.begin(), ofB.end());
+  std::vector<Finding> findings;
+  for (const auto& [key, ignored] : all) {
+    const auto atA = ofA.find(key);
+    const auto atB = ofB.find(key);
+    const bool isCounted = IsCounted(key.first);
+    std::vector<std::string> sides;
+    if (atA != ofA.end()) sides.push_back(SideText(atA->second, a.size(), isCounted, "A"));
+    if (atB != ofB.end()) sides.push_back(SideText(atB->second, b.size(), isCounted, "B"));
+    Finding finding;
+    finding.engine = key.second;
+    finding.text =
+        (key.second.empty() ? "" : key.second + ": ") + NameOf(key.first) + " " + Joined(sides, ", ");
+    if (atA == ofA.end()) finding.text += ", in none of A";
+    if (atB == ofB.end()) finding.text += ", in none of B";
+    finding.worse = atB != ofB.end() &&
+                    (atA == ofA.end() || (isCounted && IsClearlyMore(atA->second, b.size(), atB->second)));
+    findings.push_back(std::move(finding));
+  }
+  return findings;
+}
+
+}  // namespace scope

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "run.h"
+#include "run_summary.h"
+
+namespace scope {
+
+/// A trouble of runs that no rate shows: a run that is not complete, an engine that stops early, operations
+/// that fail, memory errors, throttling.
+struct Finding {
+  std::string engine;  ///< empty if it is about the run or the machine
+  std::string text;    ///< one sentence with both sides
+  /// B is worse: only B has it, or each run of B has more than twice as much of it as any run of A.
+  bool worse = false;
+};
+
+/// A run and its summary.
+struct SummarisedRun {
+  const Run* run = nullptr;
+  RunSummary summary;
+};
+
+/// What any run of either side has.
+std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a,
+                                     const std::vector<SummarisedRun>& b);
+
+}  // namespace scope

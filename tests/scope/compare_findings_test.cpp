@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "compare_findings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using ::testing::IsEmpty;
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+scope::Run Complete() {
+  scope::Run run;
+  run.info.complete = true;
+  return run;
+}
+
+// A run whose counter grows by `growth`.
+scope::Run Counting(const char* source, const char* name, double growth) {
+  scope::Run run = Complete();
+  run.counters = {{1, source, name, "errors", 7}, {2, source, name, "errors", 7 + growth}};
+  return run;
+}
+
+scope::Run Failing(std::uint64_t failures) {
+  scope::Run run = Complete();
+  for (int second = 1; second <= 3; ++second) {
+    Sample sample;
+    sample.timeS = second;
+    sample.engine = "cpu";
+    sample.operations = 10;
+    sample.failures = second == 2 ? failures : 0;
+    run.samples.push_back(sample);
+  }
+  return run;
+}
+
+std::vector<Finding> Findings(const std::vector<scope::Run>& a, const std::vector<scope::Run>& b) {
+  std::vector<SummarisedRun> sides[2];
+  for (const scope::Run& run : a) sides[0].push_back({&run, Summarise(run)});
+  for (const scope::Run& run : b) sides[1].push_back({&run, Summarise(run)});
+  return CompareTroubles(sides[0], sides[1]);
+}
+
+TEST(CompareFindings, NoneWhereNothingIsAmiss) {
+  EXPECT_THAT(Findings({Failing(0)}, {Counting("edac", "mc0 ce_count", 0)}), IsEmpty());
+  EXPECT_THAT(Findings({Complete()}, {Counting("thermal", "zone0", 9)}), IsEmpty());
+}
+
+TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {
+  const auto findings = Findings({Complete(), Complete()}, {Complete(), Counting("edac", "mc0 ce_count", 3)});
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0].text, "memory errors in 1 of 2 runs of B (3 in all), in none of A");
+  EXPECT_TRUE(findings[0].worse);
+}
+
+TEST(CompareFindings, WhatOnlyAHasIsToldAndNotWorse) {
+  const auto findings = Findings({Counting("throttle", "cpu0", 2)}, {Complete()});
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0].text, "throttled for heat in 1 of 1 runs of A (2 in all), in none of B");
+  EXPECT_FALSE(findings[0].worse);
+}
+
+TEST(CompareFindings, WhatBothHaveIsWorseOnlyIfItIsClearlyMore) {
+  const auto isWorse = [](const std::vector<std::uint64_t>& a, const std::vector<std::uint64_t>& b) {
+    std::vector<scope::Run> runs[2];
+    for (const std::uint64_t failures : a) runs[0].push_back(Failing(failures));
+    for (const std::uint64_t failures : b) runs[1].push_back(Failing(failures));
+    const auto findings = Findings(runs[0], runs[1]);
+    EXPECT_EQ(findings.size(), 1U);
+    return findings.at(0).worse;
+  };
+  EXPECT_FALSE(isWorse({5, 5}, {6, 10}));
+  EXPECT_FALSE(isWorse({1, 5}, {11, 10})) << "one run of B has only twice as much";
+  EXPECT_TRUE(isWorse({1, 5}, {11, 12}));
+  EXPECT_FALSE(isWorse({1, 5}, {0, 100})) << "not each run of B has it";
+}
+
+TEST(CompareFindings, IncompleteRunsAreToldWithTheirReason) {
+  scope::Run incomplete;
+  incomplete.info.incompleteReason = "the power went";
+  auto findings = Findings({Complete()}, {incomplete});
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0].text, "incomplete runs in 1 of 1 runs of B (the power went), in none of A");
+  EXPECT_TRUE(findings[0].worse);
+  findings = Findings({incomplete}, {incomplete, incomplete});
+  EXPECT_EQ(findings.at(0).text,
+            "incomplete runs in 1 of 1 runs of A (the power went), in 2 of 2 runs of B (the power went)");
+  EXPECT_FALSE(findings[0].worse);
+}
+
+}  // namespace

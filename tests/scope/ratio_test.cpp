@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Compares with published values. Each number has its source beside it.
+#include "ratio.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <stdexcept>
+
+#include "distributions.h"
+#include "verdict.h"
+
+namespace {
+
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+// The additional sleep of ten patients with two drugs, hours: Student, "The probable error of a mean",
+// Biometrika 6, 1908. R 4, t.test(extra ~ group, sleep): Welch's interval of the difference is
+// -3.3654832 to 0.2054832, with 17.776 degrees of freedom.
+const std::vector<double> kFirstDrug = {0.7, -1.6, -0.2, -1.2, -0.1, 3.4, 3.7, 0.8, 0.0, 2.0};
+const std::vector<double> kSecondDrug = {1.9, 0.8, 1.1, 0.1, -0.1, 4.4, 5.5, 1.6, 4.6, 3.4};
+
+std::vector<double> Exp(const std::vector<double>& logarithms) {
+  std::vector<double> values;
+  for (const double logarithm : logarithms) values.push_back(std::exp(logarithm));
+  return values;
+}
+
+// Any table of Student's t.
+TEST(DistributionsTest, StudentQuantilesArePublishedOnes) {
+  EXPECT_NEAR(StudentQuantile(0.975, 1), 12.7062, 1e-4);
+  EXPECT_NEAR(StudentQuantile(0.975, 2), 4.30265, 1e-5);
+  EXPECT_NEAR(StudentQuantile(0.995, 4), 4.60409, 1e-5);
+  EXPECT_NEAR(StudentQuantile(0.9995, 3), 12.9240, 1e-4);
+  EXPECT_NEAR(StudentQuantile(0.975, 10), 2.22814, 1e-5);
+  EXPECT_NEAR(StudentQuantile(0.95, 30), 1.69726, 1e-5);
+  EXPECT_NEAR(StudentQuantile(0.975, 1e6), 1.959966, 1e-6);
+  EXPECT_NEAR(StudentQuantile(0.025, 10), -2.22814, 1e-5);
+  EXPECT_EQ(StudentQuantile(0.5, 3), 0);
+}
+
+// With 1 degree of freedom it is Cauchy's distribution, with 2 its quantile has a closed form.
+TEST(DistributionsTest, StudentQuantilesFarOut) {
+  EXPECT_NEAR(StudentQuantile(1 - 1e-6, 1), 1 / std::tan(1e-6 * std::acos(-1.0)), 1e-3);
+  const double p = 0.9999;
+  EXPECT_NEAR(StudentQuantile(p, 2), (2 * p - 1) / std::sqrt(2 * p * (1 - p)), 1e-9);
+}
+
+TEST(DistributionsTest, TailAndQuantileBelongTogether) {
+  for (const double freedom : {1.0, 1.7, 3.2, 17.776, 250.0}) {
+    for (const double p : {0.51, 0.8, 0.995, 0.99999}) {
+      EXPECT_NEAR(StudentTail(StudentQuantile(p, freedom), freedom), 1 - p, 1e-12) << freedom << " " << p;
+    }
+  }
+  EXPECT_DOUBLE_EQ(StudentTail(0, 5), 0.5);
+  EXPECT_NEAR(StudentTail(-4.30265, 2), 0.975, 1e-6);
+}
+
+// Any table of chi-squared.
+TEST(DistributionsTest, ChiSquaredQuantilesAreNearPublishedOnes) {
+  EXPECT_NEAR(ChiSquaredQuantile(0.2, 2), 0.446, 0.01);
+  EXPECT_NEAR(ChiSquaredQuantile(0.2, 6), 3.070, 0.02);
+  EXPECT_NEAR(ChiSquaredQuantile(0.2, 30), 23.364, 0.03);
+  EXPECT_NEAR(ChiSquaredQuantile(0.9, 10), 15.987, 0.03);
+}
+
+TEST(DistributionsTest, RefuseWhatHasNoQuantile) {
+  EXPECT_THROW((void)StudentQuantile(0, 3), std::invalid_argument);
+  EXPECT_THROW((void)StudentQuantile(1, 3), std::invalid_argument);
+  EXPECT_THROW((void)StudentQuantile(std::nan(""), 3), std::invalid_argument);
+  EXPECT_THROW((void)StudentQuantile(0.9, 0.5), std::invalid_argument);
+  EXPECT_THROW((void)StudentTail(1, 0), std::invalid_argument);
+  EXPECT_THROW((void)ChiSquaredQuantile(1, 3), std::invalid_argument);
+}
+
+TEST(RatioTest, TheIntervalIsThePublishedOne) {
+  const RatioEstimate estimate = EstimateRatio(Exp(kFirstDrug), Exp(kSecondDrug), 0.05);
+  EXPECT_NEAR(std::log(estimate.ratio), 1.58, 1e-9);
+  EXPECT_NEAR(std::log(estimate.low), -0.2054832, 1e-6);
+  EXPECT_NEAR(std::log(estimate.high), 3.3654832, 1e-6);
+  // R 4: the pooled variance of t.test(..., var.equal = TRUE): standard deviations 1.789010 and 2.002249.
+  EXPECT_NEAR(estimate.deviation, std::sqrt((1.789010 * 1.789010 + 2.002249 * 2.002249) / 2), 1e-5);
+  EXPECT_EQ(estimate.freedom, 18);
+}
+
+TEST(RatioTest, NeverFallsBelowZeroAndTurnsWithItsSides) {
+  const std::vector<double> a = {1, 20};
+  const std::vector<double> b = {2, 3};
+  const RatioEstimate there = EstimateRatio(a, b, 0.01);
+  const RatioEstimate back = EstimateRatio(b, a, 0.01);
+  EXPECT_GT(there.low, 0);
+  EXPECT_NEAR(there.low * back.high, 1, 1e-9);
+  EXPECT_NEAR(there.ratio * back.ratio, 1, 1e-12);
+  EXPECT_LT(there.low, EstimateRatio(a, b, 0.05).low);
+}
+
+TEST(RatioTest, RunsWithoutScatterHaveAPoint) {
+  const RatioEstimate estimate = EstimateRatio({10, 10}, {9, 9, 9}, 0.05);
+  EXPECT_DOUBLE_EQ(estimate.ratio, 0.9);
+  EXPECT_DOUBLE_EQ(estimate.low, 0.9);
+  EXPECT_DOUBLE_EQ(estimate.high, 0.9);
+  EXPECT_EQ(RepeatsToTell(estimate, 0.02, {}), 2);
+}
+
+TEST(RatioTest, RefusesWhatHasNoRatio) {
+  EXPECT_THROW((void)EstimateRatio({1}, {1, 2}, 0.05), std::invalid_argument);
+  EXPECT_THROW((void)EstimateRatio({1, 2}, {1, 0}, 0.05), std::invalid_argument);
+  EXPECT_THROW((void)EstimateRatio({1, -2}, {1, 2}, 0.05), std::invalid_argument);
+}
+
+// Cohen, "Statistical Power Analysis for the Behavioral Sciences", 1988, table 2.4.1: 17 and 64 a side for
+// differences of 1 and 0.5 standard deviations, two-sided 5 %, power 80 %.
+TEST(RatioTest, RepeatsArePublishedOnesWhereTheScatterIsKnown) {
+  RatioEstimate known;
+  known.freedom = 100'000'000;
+  known.deviation = std::log1p(0.01);
+  EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 17);
+  known.deviation *= 2;
+  EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 64);
+}
+
+TEST(RatioTest, MoreRepeatsWhereTheScatterIsHardlyKnown) {
+  RatioEstimate estimate;
+  estimate.deviation = 0.01;
+  estimate.freedom = 2;
+  const int few = *RepeatsToTell(estimate, 0.01, {});
+  estimate.freedom = 30;
+  const int many = *RepeatsToTell(estimate, 0.01, {});
+  EXPECT_GT(few, 2 * many);
+  EXPECT_GT(RepeatsToTell(estimate, 0.01, {0.01, 0.2}), many);
+  EXPECT_GT(RepeatsToTell(estimate, 0.01, {0.05, 0.1}), many);
+}
+
+TEST(RatioTest, SomeQuestionsNoNumberOfRepeatsAnswers) {
+  RatioEstimate estimate;
+  estimate.deviation = 1;
+  estimate.freedom = 6;
+  EXPECT_FALSE(RepeatsToTell(estimate, 0, {}).has_value());
+  EXPECT_FALSE(RepeatsToTell(estimate, 1e-5, {}).has_value());
+}
+
+TEST(VerdictTest, DependsOnTheIntervalAndTheTolerance) {
+  const auto judge = [](double value, double low, double high) {
+    return JudgeDifference({value, low, high}, false, 2);
+  };
+  EXPECT_EQ(judge(-5, -7, -3), Verdict::kWorse);
+  EXPECT_EQ(judge(-2.5, -4.9, -0.1), Verdict::kWorse);
+  EXPECT_EQ(judge(-2.5, -5.1, 0.1), Verdict::kCannotTell) << "the interval holds 0";
+  EXPECT_EQ(judge(-1.5, -2.5, -0.5), Verdict::kCannotTell) << "within the tolerance, or beyond it";
+  EXPECT_EQ(judge(-1, -1.9, -0.1), Verdict::kNoDifference) << "shown, but below the tolerance";
+  EXPECT_EQ(judge(0.1, -1.9, 1.9), Verdict::kNoDifference);
+  EXPECT_EQ(judge(0.1, -1.9, 2.1), Verdict::kCannotTell);
+  EXPECT_EQ(judge(2.1, 0.1, 4.1), Verdict::kBetter);
+  EXPECT_EQ(judge(5, -1, 11), Verdict::kCannotTell);
+}
+
+TEST(VerdictTest, ALatencyIsWorseWhenItIsHigher) {
+  EXPECT_EQ(JudgeDifference({5, 3, 7}, true, 2), Verdict::kWorse);
+  EXPECT_EQ(JudgeDifference({-5, -7, -3}, true, 2), Verdict::kBetter);
+  EXPECT_TRUE(IsShownNotWorse({-1, -5, 1.9}, true, 2));
+  EXPECT_FALSE(IsShownNotWorse({-1, -5, 2.1}, true, 2));
+  EXPECT_TRUE(IsShownNotWorse({3, -1.9, 8}, false, 2));
+  EXPECT_FALSE(IsShownNotWorse({3, -2.1, 8}, false, 2));
+}
+
+TEST(VerdictTest, WithoutATolerance) {
+  EXPECT_EQ(JudgeDifference({0, 0, 0}, false, 0), Verdict::kNoDifference);
+  EXPECT_EQ(JudgeDifference({-0.1, -0.2, -0.05}, false, 0), Verdict::kWorse);
+  EXPECT_EQ(JudgeDifference({-0.1, -0.2, 0.05}, false, 0), Verdict::kCannotTell);
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// How often the verdicts are right, over simulated comparisons with a known truth. Prints the table that
+// docs/verdicts.md shows.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "compare_values.h"
+#include "sanitizers.h"
+#include "simulated_runs.h"
+
+namespace {
+
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+constexpr int kComparisons = kSanitized ? 30 : 600;  // of each row
+constexpr double kTolerancePercent = 2;
+constexpr double kSlower = 0.95;
+
+// The greatest share that a true share of `goal` exceeds in one of 1000 simulations: the normal approximation
+// with 3.1 standard errors, and one case more.
+double AtMost(double goal, int cases) {
+  return goal + 3.1 * std::sqrt(goal * (1 - goal) / cases) + 1.0 / cases;
+}
+
+double AtLeast(double goal, int cases) {
+  return 1 - AtMost(1 - goal, cases);
+}
+
+CompareOptions Options() {
+  CompareOptions options;
+  options.tolerancePercent = kTolerancePercent;
+  return options;
+}
+
+// Counts of what comparisons said.
+struct Tally {
+  int comparisons = 0;
+  int falseVerdicts = 0;  ///< some figure better or worse that is not, or no difference in one that differs
+  int answeredWorse = 0;  ///< exit status 1
+  int answeredClear = 0;  ///< exit status 0
+  int overlooked = 0;     ///< no difference in a figure that is 5 % slower
+  int seen = 0;           ///< worse for the figure that is 5 % slower
+
+  double Share(int count) const { return static_cast<double>(count) / std::max(1, comparisons); }
+};
+
+// `slower`: the first engine of B is 5 % slower.
+void Count(const Comparison& comparison, bool slower, Tally& tally) {
+  bool isFalse = false;
+  for (const ComparedFigure& figure : comparison.figures) {
+    if (figure.verdict == Verdict::kNotJudged) continue;
+    const bool isSlower = slower && figure.key.engine == "cpu";
+    // The total of several engines is slower by a part of 5 %, which may be more or less than the tolerance.
+    const bool mayBeSlower = slower && figure.key.engine == kAllEngines;
+    if (figure.verdict == Verdict::kBetter) isFalse = true;
+    if (figure.verdict == Verdict::kWorse && !isSlower && !mayBeSlower) isFalse = true;
+    if (isSlower && figure.verdict == Verdict::kNoDifference) {
+      isFalse = true;
+      ++tally.overlooked;
+    }
+    if (isSlower && figure.verdict == Verdict::kWorse) ++tally.seen;
+  }
+  ++tally.comparisons;
+  tally.falseVerdicts += isFalse ? 1 : 0;
+  tally.answeredWorse += comparison.answer == Answer::kWorse ? 1 : 0;
+  tally.answeredClear +=
+      comparison.answer != Answer::kWorse && comparison.answer != Answer::kCannotTell ? 1 : 0;
+}
+
+std::vector<double> Factors(int engines, bool slower) {
+  std::vector<double> factors(static_cast<std::size_t>(engines), 1.0);
+  if (slower) factors.front() = kSlower;
+  return factors;
+}
+
+Tally Simulate(int engines, int repeats, bool slower, double scatterOfB = 1) {
+  SimulatedRuns runs(static_cast<std::uint64_t>(engines * 1000 + repeats * 10 + (slower ? 1 : 0)));
+  SimulatedScatter scatter;
+  scatter.runs *= scatterOfB;
+  Tally tally;
+  for (int i = 0; i < kComparisons; ++i) {
+    const auto a = runs.Side(repeats, Factors(engines, false));
+    const auto b = runs.Side(repeats, Factors(engines, slower), scatter);
+    Count(CompareValues(a, b, Options()), slower, tally);
+  }
+  return tally;
+}
+
+void PrintRow(const char* what, int engines, int repeats, const Tally& tally) {
+  std::printf("| %-26s | %7d | %7d | %5.1f %% | %6.1f %% | %6.1f %% | %6.1f %% | %5.1f %% |\n", what, engines,
+              repeats, 100 * tally.Share(tally.falseVerdicts), 100 * tally.Share(tally.answeredWorse),
+              100 * tally.Share(tally.answeredClear), 100 * tally.Share(tally.overlooked),
+              100 * tally.Share(tally.seen));
+}
+
+void PrintHead() {
+  std::printf(
+      "| B                          | engines | repeats | false   | status 1 | status 0 | overlooked | seen "
+      "|\n"
+      "|---|---|---|---|---|---|---|---|\n");
+}
+
+TEST(VerdictSimulation, SidesThatDoNotDiffer) {
+  PrintHead();
+  Tally all;
+  for (const int engines : {1, 2, 3, 4}) {
+    for (const int repeats : {2, 4, 8, 16}) {
+      const Tally tally = Simulate(engines, repeats, false);
+      PrintRow("as A", engines, repeats, tally);
+      EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+      EXPECT_LE(tally.Share(tally.answeredWorse), AtMost(0.05, tally.comparisons));
+      all.comparisons += tally.comparisons;
+      all.falseVerdicts += tally.falseVerdicts;
+      all.answeredWorse += tally.answeredWorse;
+    }
+  }
+  EXPECT_LE(all.Share(all.falseVerdicts), AtMost(0.05, all.comparisons));
+}
+
+TEST(VerdictSimulation, OneEngineIsSlower) {
+  PrintHead();
+  for (const int engines : {1, 2, 3, 4}) {
+    for (const int repeats : {2, 4, 8, 16}) {
+      const Tally tally = Simulate(engines, repeats, true);
+      PrintRow("one engine 5 % slower", engines, repeats, tally);
+      EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+      EXPECT_LE(tally.Share(tally.overlooked), AtMost(0.05, tally.comparisons));
+    }
+  }
+}
+
+TEST(VerdictSimulation, BScattersTwiceAsMuch) {
+  PrintHead();
+  for (const int repeats : {2, 4, 8, 16}) {
+    const Tally tally = Simulate(4, repeats, false, 2);
+    PrintRow("as A, twice the scatter", 4, repeats, tally);
+    EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+  }
+}
+
+TEST(VerdictSimulation, OneRunASideGivesNoVerdict) {
+  for (const bool slower : {false, true}) {
+    const Tally tally = Simulate(4, 1, slower);
+    EXPECT_EQ(tally.falseVerdicts + tally.answeredWorse + tally.answeredClear + tally.seen, 0);
+  }
+}
+
+// Records as many repeats as the comparison of `pilot` repeats asked for, if it could not tell.
+Tally FollowAdvice(int engines, int pilot, bool slower, double& meanRepeats) {
+  SimulatedRuns runs(static_cast<std::uint64_t>(500'000 + engines * 1000 + pilot * 10 + (slower ? 1 : 0)));
+  Tally tally;
+  double repeats = 0;
+  const int comparisons = kComparisons / 3;
+  for (int i = 0; i < comparisons; ++i) {
+    Comparison comparison;
+    // Pilots that can tell alone are no question for the advice.
+    do {
+      comparison = CompareValues(runs.Side(pilot, Factors(engines, false)),
+                                 runs.Side(pilot, Factors(engines, slower)), Options());
+    } while (comparison.answer != Answer::kCannotTell);
+    const int wanted = comparison.repeats.value();
+    repeats += wanted;
+    const auto a = runs.Side(wanted, Factors(engines, false));
+    const auto b = runs.Side(wanted, Factors(engines, slower));
+    Count(CompareValues(a, b, Options()), slower, tally);
+  }
+  meanRepeats = repeats / comparisons;
+  return tally;
+}
+
+TEST(VerdictSimulation, TheRepeatsThatItAsksForAreEnough) {
+  PrintHead();
+  for (const auto& [engines, pilot] : {std::pair(1, 2), std::pair(1, 4), std::pair(2, 4), std::pair(4, 4)}) {
+    for (const bool slower : {false, true}) {
+      double repeats = 0;
+      const Tally tally = FollowAdvice(engines, pilot, slower, repeats);
+      PrintRow(slower ? "one engine 5 % slower" : "as A", engines, static_cast<int>(std::lround(repeats)),
+               tally);
+      EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+      const int told = slower ? tally.seen : tally.answeredClear;
+      EXPECT_GE(tally.Share(told), AtLeast(0.8, tally.comparisons)) << engines << " engines, from " << pilot;
+    }
+  }
+}
+
+}  // namespace
