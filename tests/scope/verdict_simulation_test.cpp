@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "compare_values.h"
+#include "experiment_plan.h"
 #include "sanitizers.h"
 #include "simulated_runs.h"
 
@@ -183,6 +184,46 @@ TEST(VerdictSimulation, TheRepeatsThatItAsksForAreEnough) {
       EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
       const int told = slower ? tally.seen : tally.answeredClear;
       EXPECT_GE(tally.Share(told), AtLeast(0.8, tally.comparisons)) << engines << " engines, from " << pilot;
+    }
+  }
+}
+
+// Records both sides until the answer is clear, as the program's experiments do.
+Tally SimulateExperiments(int engines, bool slower, double& meanRepeats) {
+  SimulatedRuns runs(static_cast<std::uint64_t>(900'000 + engines * 10 + (slower ? 1 : 0)));
+  const ExperimentSettings settings;
+  const CompareOptions options = LookOptions(settings);
+  Tally tally;
+  std::size_t repeats = 0;
+  for (int i = 0; i < kComparisons; ++i) {
+    std::vector<RunValues> a;
+    std::vector<RunValues> b;
+    Comparison comparison;
+    for (const std::size_t look : LooksOf(static_cast<std::size_t>(settings.mostRuns / 2))) {
+      while (a.size() < look) {
+        a.push_back(runs.Run(Factors(engines, false), {}));
+        b.push_back(runs.Run(Factors(engines, slower), {}));
+      }
+      comparison = CompareValues(a, b, options);
+      if (IsClear(comparison.answer)) break;
+    }
+    repeats += a.size();
+    Count(comparison, slower, tally);
+  }
+  meanRepeats = static_cast<double>(repeats) / kComparisons;
+  return tally;
+}
+
+TEST(VerdictSimulation, ExperimentsThatStopWhenTheAnswerIsClear) {
+  PrintHead();
+  for (const int engines : {1, 2, 3, 4}) {
+    for (const bool slower : {false, true}) {
+      double repeats = 0;
+      const Tally tally = SimulateExperiments(engines, slower, repeats);
+      PrintRow(slower ? "one engine 5 % slower" : "as A", engines, static_cast<int>(std::lround(repeats)),
+               tally);
+      EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+      if (slower) EXPECT_GE(tally.Share(tally.seen), AtLeast(0.8, tally.comparisons)) << engines;
     }
   }
 }

@@ -23,7 +23,8 @@ SideRuns Read(const Side& side, const CompareOptions& options) {
   for (const Run& run : side.runs) {
     read.runs.push_back({&run, Summarise(run)});
     read.values.push_back(ValuesOf(read.runs.back().summary, options.skipS));
-    if (read.values.back().empty()) {
+    // A run that broke off has none, and is a finding.
+    if (read.values.back().empty() && run.info.complete) {
       throw UserError(run.folder + ": there is no second to compare after the first " +
                       Format("%g", options.skipS) + " s; --skip says how many are left out");
     }

@@ -14,6 +14,7 @@ void AddRates(CLI::App& app, int& status);
 void AddReport(CLI::App& app, int& status);
 void AddSweep(CLI::App& app, int& status);
 void AddCompare(CLI::App& app, int& status);
+void AddAb(CLI::App& app, int& status);
 
 /// Adds the options of `record` and `sweep` that control the benchmark. They exclude `excluded` if it is not
 /// null.

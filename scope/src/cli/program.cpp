@@ -35,6 +35,7 @@ int Main(int argc, char** argv) {
   AddReport(app, status);
   AddSweep(app, status);
   AddCompare(app, status);
+  AddAb(app, status);
   try {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();

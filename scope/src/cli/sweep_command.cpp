@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -19,6 +18,7 @@
 #include "live_view.h"
 #include "printable.h"
 #include "run_reader.h"
+#include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
@@ -28,11 +28,6 @@
 namespace scope {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr const char* kConfigName = "config.yaml";
-// The figures leave out the first and the last second. A median needs two more.
-constexpr double kLeastMeasuredS = 4;
 // Estimated time between two runs.
 constexpr double kBetweenS = 2;
 
@@ -45,23 +40,11 @@ struct SweepOptions {
   bool quiet = false;
 };
 
-std::string Absolute(const std::string& path) {
-  return path.empty() ? path : fs::absolute(path).lexically_normal().string();
-}
-
-// The length of one run of the sweep.
-double RunSeconds(const std::string& config, const SweepSettings& settings) {
-  unsigned int runTimeS = 0;
-  (void)ReadConfiguration(config, runTimeS);
-  const double whole = runTimeS;
-  return settings.stopAfterS > 0 ? std::min(settings.stopAfterS, whole) : whole;
-}
-
 RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
   RecordOptions options;
   static_cast<RunSettings&>(options) = sweep.settings;
   options.folder = folder;
-  options.config = folder + "/" + kConfigName;
+  options.config = folder + "/" + kSeriesConfig;
   options.force = true;  // the folder belongs to the sweep: it holds this run's configuration or remains
   return options;
 }
@@ -70,17 +53,12 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   if (options.levels.empty()) throw UserError("nothing to sweep: give --levels, as in --levels CPU=0..4");
   Sweep sweep;
   sweep.settings = options.settings;
-  sweep.settings.benchmark = Absolute(sweep.settings.benchmark);
-  sweep.settings.meter = Absolute(sweep.settings.meter);
+  MakeAbsolute(sweep.settings);
   sweep.configPath = options.config;
   sweep.axes = ParseAxes(options.levels);
   sweep.runs = PlanRuns(sweep.axes, sweep.settings.repeats, sweep.settings.seed);
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
-  const double runS = RunSeconds(options.config, sweep.settings);
-  if (runS < sweep.settings.warmupS + kLeastMeasuredS) {
-    throw UserError(Format("a run of %g s is too short for a warm-up of %g s: at least %g s must remain",
-                           runS, sweep.settings.warmupS, kLeastMeasuredS));
-  }
+  CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS);
   CheckRecord(RecordOf(sweep, options.folder));
 
   if (IsSweepFolder(options.folder)) {
@@ -93,7 +71,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   MakeFolder(options.folder);
   lock = std::make_unique<FolderLock>(options.folder);
   sweep.started = UtcNow();
-  ReplaceFile(options.folder + "/" + kConfigName, config);
+  ReplaceFile(options.folder + "/" + kSeriesConfig, config);
   WriteSweep(options.folder, sweep);
   return sweep;
 }
@@ -101,7 +79,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
 // A sweep's folder may come from elsewhere: it must neither lead to other folders nor hide what it runs.
 Sweep Resume(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
   RequireNoLink(folder + "/" + kSweepName);
-  RequireNoLink(folder + "/" + kConfigName);
+  RequireNoLink(folder + "/" + kSeriesConfig);
   Sweep sweep = ReadSweep(folder);
   lock = std::make_unique<FolderLock>(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
@@ -134,7 +112,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
   RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
   options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
   MakeFolder(options.folder);
-  ReplaceFile(options.config, PointConfiguration(folder + "/" + kConfigName, run.levels));
+  ReplaceFile(options.config, PointConfiguration(folder + "/" + kSeriesConfig, run.levels));
   const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // No summary per run: the sweep prints its figures at its end.
   const RecordResult result = RecordAndPrint(options, *view, signals, false);
@@ -155,7 +133,7 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
 bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
   const std::vector<SweepRun*> toRecord = RunsToRecord(folder, sweep);
   const double runS =
-      toRecord.empty() ? 0 : RunSeconds(folder + "/" + kConfigName, sweep.settings) + kBetweenS;
+      toRecord.empty() ? 0 : RunSeconds(folder + "/" + kSeriesConfig, sweep.settings) + kBetweenS;
   std::cout << "sweep " << folder << ": " << toRecord.size() << " of " << sweep.runs.size()
             << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
   // Lives across all runs: a signal between two runs must not leave sweep.json out of date.

@@ -70,9 +70,8 @@ std::string CannotTellText(const Side& a, const Side& b, const Comparison& compa
     return "Cannot tell: no number of repeats shows that there is no difference at all. Choose a tolerance "
            "above 0.";
   }
-  return Format("Cannot tell whether B is worse by more than %s: with %s and %s it could not be seen. ",
-                tolerance.c_str(), (RunsText(a.runs.size()) + " of A").c_str(),
-                (std::to_string(b.runs.size()) + " of B").c_str()) +
+  return Format("Cannot tell: with %s of A and %zu of B a difference of %s could not be seen. ",
+                RunsText(a.runs.size()).c_str(), b.runs.size(), tolerance.c_str()) +
          "About " + RepeatsText(comparison.repeats) + " of each would show it.";
 }
 

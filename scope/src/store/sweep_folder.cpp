@@ -13,6 +13,7 @@
 #include "errors.h"
 #include "folder_file.h"
 #include "folder_json.h"
+#include "run_settings_json.h"
 
 namespace scope {
 namespace {
@@ -33,13 +34,7 @@ void ForEachSetting(Settings& settings, Visit visit) {
   visit("repeats", settings.repeats);
   visit("seed", settings.seed);
   visit("warmup_s", settings.warmupS);
-  visit("stop_after_s", settings.stopAfterS);
-  visit("benchmark", settings.benchmark);
-  visit("meter", settings.meter);
-  visit("use_meter", settings.useMeter);
-  visit("arguments", settings.extra);
-  visit("sysfs_root", settings.systemRoot);
-  visit("grace_s", settings.graceS);
+  ForEachRunSetting(settings, visit);
 }
 
 Json ToJson(const Sweep& sweep) {
@@ -49,13 +44,11 @@ Json ToJson(const Sweep& sweep) {
   for (const SweepRun& run : sweep.runs) {
     Json levels = Json::object();
     for (const auto& [section, level] : run.levels) levels[section] = level;
-    const auto* const state =
-        std::find_if(kStates.begin(), kStates.end(), [&](const auto& one) { return one.first == run.state; });
     runs.push_back(Json{{"folder", run.folder},
                         {"levels", levels},
                         {"repeat", run.repeat},
                         {"order", run.order},
-                        {"state", state->second},
+                        {"state", TextOfState(run.state)},
                         {"reason", run.reason}});
   }
   Json json{{"format", kSweepFormat},
@@ -83,10 +76,9 @@ SweepRun RunFromJson(const Json& json, const std::string& path) {
   json.at("order").get_to(run.order);
   json.at("reason").get_to(run.reason);
   const auto text = json.at("state").get<std::string>();
-  const auto* const state =
-      std::find_if(kStates.begin(), kStates.end(), [&](const auto& one) { return text == one.second; });
-  if (state == kStates.end()) throw DamagedFolder(path + ": a run has the unknown state \"" + text + "\"");
-  run.state = state->first;
+  const auto state = StateOfText(text);
+  if (!state) throw DamagedFolder(path + ": a run has the unknown state \"" + text + "\"");
+  run.state = *state;
   return run;
 }
 
@@ -112,6 +104,18 @@ Sweep FromJson(const Json& json, const std::string& path) {
 }
 
 }  // namespace
+
+const char* TextOfState(SweepState state) {
+  return std::find_if(kStates.begin(), kStates.end(), [state](const auto& one) { return one.first == state; })
+      ->second;
+}
+
+std::optional<SweepState> StateOfText(const std::string& text) {
+  const auto* const at =
+      std::find_if(kStates.begin(), kStates.end(), [&text](const auto& one) { return text == one.second; });
+  if (at == kStates.end()) return std::nullopt;
+  return at->first;
+}
 
 bool IsSweepFolder(const std::string& folder) {
   std::error_code ignored;

@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <random>
+
+#include "commands.h"
+#include "compare.h"
+#include "compare_conditions.h"
+#include "comparison_text.h"
+#include "configuration.h"
+#include "durable_file.h"
+#include "errors.h"
+#include "experiment_folder.h"
+#include "experiment_plan.h"
+#include "folder_lock.h"
+#include "live_view.h"
+#include "printable.h"
+#include "run_reader.h"
+#include "series.h"
+#include "setting_switch.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+struct AbOptions {
+  std::string config;
+  std::string folder;
+  std::string resume;
+  ExperimentSettings settings;
+  bool quiet = false;
+  bool allowUnclear = false;
+};
+
+const char* NameOf(bool isB) {
+  return isB ? "B" : "A";
+}
+
+RecordOptions RecordingOf(const Experiment& experiment, const std::string& folder,
+                          const std::string& runFolder) {
+  RecordOptions options;
+  static_cast<RunSettings&>(options) = experiment.settings;
+  options.folder = runFolder;
+  options.config = folder + "/" + kSeriesConfig;
+  options.force = true;  // the folder belongs to the experiment
+  return options;
+}
+
+Experiment PrepareExperiment(const AbOptions& options, std::unique_ptr<FolderLock>& lock) {
+  Experiment experiment;
+  experiment.settings = options.settings;
+  ExperimentSettings& settings = experiment.settings;
+  if (settings.commandA.empty() != settings.commandB.empty()) {
+    throw UserError("say both --a and --b, the commands that make the settings, or none of them");
+  }
+  if (settings.commandA.empty() && isatty(STDIN_FILENO) == 0) {
+    throw UserError(
+        "there is no terminal to ask for the settings: say --a and --b, the commands that make them");
+  }
+  MakeAbsolute(settings);
+  experiment.configPath = options.config;
+  experiment.runs = PlanExperiment(settings);
+  const std::string config = PointConfiguration(options.config, {});
+  CheckRunLength(RunSeconds(options.config, settings), settings.warmupS);
+  CheckRecord(RecordingOf(experiment, options.folder, options.folder));
+  if (IsExperimentFolder(options.folder)) {
+    throw UserError(options.folder + " has an experiment: continue it with --resume " + options.folder +
+                    ", or choose another folder");
+  }
+  if (IsTaken(options.folder)) {
+    throw UserError(options.folder + " exists and is not an empty folder: choose another one");
+  }
+  MakeFolder(options.folder);
+  lock = std::make_unique<FolderLock>(options.folder);
+  experiment.started = UtcNow();
+  ReplaceFile(options.folder + "/" + kSeriesConfig, config);
+  WriteExperiment(options.folder, experiment);
+  return experiment;
+}
+
+// An experiment's folder may come from elsewhere: it must neither lead to other folders nor hide what it
+// runs.
+Experiment ResumeExperiment(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
+  for (const std::string name : {kExperimentName, kSeriesConfig, "a", "b"})
+    RequireNoLink(folder + "/" + name);
+  Experiment experiment = ReadExperiment(folder);
+  lock = std::make_unique<FolderLock>(folder);
+  for (const ExperimentRun& run : experiment.runs) RequireNoLink(folder + "/" + run.folder);
+  const auto tell = [&folder](const char* what, const std::string& text) {
+    if (text.empty()) return;
+    std::cout << folder << '/' << kExperimentName << " names the " << what << ": " << Printable(text)
+              << std::endl;
+  };
+  const ExperimentSettings& settings = experiment.settings;
+  tell("command of A", settings.commandA);
+  tell("command of B", settings.commandB);
+  tell("program to run", settings.benchmark);
+  tell("library to load into it", settings.meter);
+  return experiment;
+}
+
+/// Records an experiment until its answer is clear.
+class Runner {
+ public:
+  Runner(std::string folder, Experiment& experiment, bool quiet)
+      : folder_(std::move(folder)), experiment_(experiment), quiet_(quiet) {
+    looks_ = LooksOf(experiment.runs.size() / 2);
+    options_ = LookOptions(experiment.settings);
+  }
+
+  /// The comparison of all that is recorded; none if a signal ended it. Throws UserError if it cannot go on.
+  std::optional<Comparison> Run() {
+    for (std::size_t i = 0; i < experiment_.runs.size(); ++i) {
+      ExperimentRun& run = experiment_.runs[i];
+      if (!IsDone(run)) {
+        if (!Switch(run.isB) || !Record(run, i)) return std::nullopt;
+        // What fails in B alone is an answer. What fails in A is not, and neither is a B without an A.
+        if (run.state == SweepState::kFailed) {
+          if (!run.isB || SideOf(false).runs.empty()) {
+            throw UserError(run.folder + " of " + folder_ + " is not complete: " + run.reason);
+          }
+          return Compare();
+        }
+      }
+      const std::size_t repeats = (i + 1) / 2;
+      const bool isLook = i % 2 == 1 && std::count(looks_.begin(), looks_.end(), repeats) != 0;
+      if (!isLook) continue;
+      Comparison comparison = Compare();
+      if (IsClear(comparison.answer) || i + 1 == experiment_.runs.size()) return comparison;
+      std::cout << "after " << repeats << " runs of each: not clear yet" << std::endl;
+    }
+    return Compare();
+  }
+
+  Side SideOf(bool isB) const {
+    Side side;
+    const std::string& command = isB ? experiment_.settings.commandB : experiment_.settings.commandA;
+    side.name = command.empty() ? folder_ + (isB ? "/b" : "/a") : command;
+    for (const ExperimentRun& run : experiment_.runs) {
+      const bool isRecorded = run.state == SweepState::kDone || run.state == SweepState::kFailed;
+      if (run.isB == isB && isRecorded) side.runs.push_back(ReadRun(folder_ + "/" + run.folder));
+    }
+    return side;
+  }
+
+  const CompareOptions& Options() const { return options_; }
+
+ private:
+  bool IsDone(ExperimentRun& run) const {
+    const std::string path = folder_ + "/" + run.folder;
+    if (run.state == SweepState::kDone && IsRunFolder(path) && ReadRunInfo(path).complete) return true;
+    run.state = SweepState::kPlanned;
+    return false;
+  }
+
+  bool Switch(bool isB) {
+    if (setting_ == isB) return true;
+    const ExperimentSettings& settings = experiment_.settings;
+    const bool isSwitched = settings.commandA.empty()
+                                ? AskForSwitch(NameOf(isB), signals_)
+                                : RunSwitch(isB ? settings.commandB : settings.commandA, signals_);
+    if (isSwitched) setting_ = isB;
+    return isSwitched;
+  }
+
+  // False if a signal ended the run.
+  bool Record(ExperimentRun& run, std::size_t index) {
+    std::cout << "run " << index + 1 << " of at most " << experiment_.runs.size() << ": " << NameOf(run.isB)
+              << std::endl;
+    RecordOptions options = RecordingOf(experiment_, folder_, folder_ + "/" + run.folder);
+    options.label = NameOf(run.isB);
+    MakeFolder(options.folder);
+    const auto view = !quiet_ && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+    const RecordResult result = RecordAndPrint(options, *view, signals_, false);
+    const bool isStopped = result.stopped || signals_.TakeStop();
+    run.reason = result.reason;
+    run.state = result.stopped    ? SweepState::kInterrupted
+                : result.complete ? SweepState::kDone
+                                  : SweepState::kFailed;
+    WriteExperiment(folder_, experiment_);
+    return !isStopped;
+  }
+
+  Comparison Compare() const { return scope::Compare(SideOf(false), SideOf(true), options_); }
+
+  std::string folder_;
+  Experiment& experiment_;
+  bool quiet_;
+  std::vector<std::size_t> looks_;
+  CompareOptions options_;
+  std::optional<bool> setting_;  // the one that is made; none if that is unknown
+  // Lives across all runs: a signal between two runs must not leave experiment.json out of date.
+  Signals signals_;
+};
+
+int RunAb(const AbOptions& options) {
+  const bool isResumed = !options.resume.empty();
+  const std::string folder = isResumed ? options.resume : options.folder;
+  std::unique_ptr<FolderLock> lock;
+  Experiment experiment = isResumed ? ResumeExperiment(folder, lock) : PrepareExperiment(options, lock);
+  std::cout << "experiment " << folder << ": at most " << experiment.runs.size()
+            << " runs, in random order of seed " << experiment.settings.seed << std::endl;
+  Runner runner(folder, experiment, options.quiet);
+  std::optional<Comparison> comparison;
+  try {
+    comparison = runner.Run();
+  } catch (const UserError& error) {
+    throw UserError(std::string(error.what()) + "\nContinue with: stress_scope ab --resume " + folder);
+  }
+  if (!comparison) {
+    throw UserError("interrupted; what was recorded is kept. Continue with: stress_scope ab --resume " +
+                    folder);
+  }
+  const Side a = runner.SideOf(false);
+  const Side b = runner.SideOf(true);
+  std::cout << '\n'
+            << ComparisonText(a, b, *comparison, DifferentConditions(a.runs, b.runs), runner.Options())
+            << std::flush;
+  if (comparison->answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
+  return ExitStatusOf(comparison->answer);
+}
+
+}  // namespace
+
+void AddAb(CLI::App& app, int& status) {
+  CLI::App* const command = app.add_subcommand(
+      "ab", "Switch between two settings, record each until it is clear whether B is better or worse than A");
+  const auto options = std::make_shared<AbOptions>();
+  ExperimentSettings& settings = options->settings;
+  CLI::Option* const config =
+      command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
+  CLI::Option* const resume =
+      command->add_option("--resume", options->resume, "Continue the experiment in this folder");
+  const auto add = [command, resume](const char* name, auto& value, const char* help) {
+    return command->add_option(name, value, help)->excludes(resume);
+  };
+  config->excludes(resume);
+  add("--a", settings.commandA, "Shell command that makes setting A (default: ask on the terminal)");
+  add("--b", settings.commandB, "Shell command that makes setting B");
+  add("--max-runs", settings.mostRuns, "Most runs to record, of both sides together")
+      ->check(CLI::Range(4, 1998))
+      ->capture_default_str();
+  add("--tolerance", settings.tolerancePercent,
+      "Per cent by which figures may differ and still count as equal")
+      ->check(CLI::Range(0.0, 100.0))
+      ->capture_default_str();
+  add("--confidence", settings.confidence, "Confidence that no verdict is wrong, 0.5 to 0.999")
+      ->check(CLI::Range(0.5, 0.999))
+      ->capture_default_str();
+  add("--warmup", settings.warmupS, "Seconds at the start of each run that figures leave out")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+  CLI::Option* const seed = add("--seed", settings.seed, "Seed of the order (default: a new one each time)");
+  add("-o,--output", options->folder, "Folder to make (default: ab-TIME)");
+  AddRunSettings(*command, settings, resume);
+  command->add_flag("--allow-unclear", options->allowUnclear,
+                    "End with status 0 instead of 4 if the runs cannot tell");
+  command->add_flag("--quiet", options->quiet, "Show no table during a run");
+  command->callback([options, seed, &status] {
+    if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
+    if (options->folder.empty()) options->folder = TimedFolder("ab-");
+    if (seed->count() == 0) options->settings.seed = std::random_device()();
+    status = RunAb(*options);
+  });
+}
+
+}  // namespace scope

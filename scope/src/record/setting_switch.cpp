@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "setting_switch.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <iostream>
+#include <vector>
+
+#include "child_process.h"
+#include "errors.h"
+
+namespace scope {
+namespace {
+
+// The end of a child is a signal, too. This is only the longest wait for one that is lost.
+constexpr int kLongestWaitMs = 1000;
+
+void Forward(LineReader& reader, int descriptor) {
+  std::vector<std::string> lines;
+  (void)reader.Read(descriptor, lines);
+  for (const std::string& line : lines) std::cerr << line << '\n';
+}
+
+}  // namespace
+
+bool RunSwitch(const std::string& command, Signals& signals) {
+  ChildProcess::Options options;
+  options.program = "/bin/sh";
+  // The shell is no foreground job: a command that reads the terminal would be stopped and never end.
+  options.arguments = {"-c", "exec </dev/null\n" + command};
+  ChildProcess child(options);
+  LineReader output;
+  bool stopped = false;
+  while (!child.HasEnded()) {
+    // A negative descriptor is not waited for: at its end, the output is readable without pause.
+    pollfd waits[] = {{output.AtEnd() ? -1 : child.Output(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
+    (void)poll(waits, 2, kLongestWaitMs);
+    Forward(output, child.Output());
+    if (signals.TakeStop()) {
+      child.Signal(stopped ? SIGKILL : SIGINT);
+      stopped = true;
+    }
+  }
+  Forward(output, child.Output());
+  if (stopped) return false;
+  if (child.EndSignal() != 0) {
+    throw UserError("the command was ended by signal " + std::to_string(child.EndSignal()) + ": " + command);
+  }
+  if (child.ExitStatus() != 0) {
+    throw UserError("the command ended with status " + std::to_string(child.ExitStatus()) + ": " + command);
+  }
+  return true;
+}
+
+bool AskForSwitch(const std::string& name, Signals& signals) {
+  std::cerr << "Make setting " << name << " and press Enter: " << std::flush;
+  while (true) {
+    pollfd waits[] = {{STDIN_FILENO, POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
+    (void)poll(waits, 2, -1);
+    if (signals.TakeStop()) return false;
+    if (waits[0].revents == 0) continue;
+    char letter = 0;
+    const ssize_t count = read(STDIN_FILENO, &letter, 1);
+    if (count == 0) throw UserError("nobody answers: say --a and --b, the commands that make the settings");
+    if (count < 0 && errno != EINTR && errno != EAGAIN) throw UserError("cannot read the answer");
+    if (count == 1 && letter == '\n') return true;
+  }
+}
+
+}  // namespace scope

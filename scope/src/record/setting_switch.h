@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "signals.h"
+
+namespace scope {
+
+/// Runs `command` in a shell and waits for its end. Its standard output and standard error are this program's
+/// standard error. True if it was done, false if a signal from `signals` ended it. Throws UserError if it
+/// ends with a failure.
+bool RunSwitch(const std::string& command, Signals& signals);
+
+/// Asks the user on the terminal to make the setting `name`, and waits for Enter. False if a signal came
+/// instead. Throws UserError at the end of the input.
+bool AskForSwitch(const std::string& name, Signals& signals);
+
+}  // namespace scope
