@@ -59,6 +59,7 @@ TEST(ExperimentPlanTest, LooksGrowAndShareTheConfidence) {
   settings.confidence = 0.9;
   const CompareOptions options = LookOptions(settings);
   EXPECT_EQ(options.looks, 6);
+  EXPECT_TRUE(options.paired);
   EXPECT_EQ(options.skipS, 3);
   EXPECT_EQ(options.tolerancePercent, 7);
   EXPECT_EQ(options.confidence, 0.9);
@@ -125,7 +126,7 @@ TEST_F(AbTest, SwitchesRecordsAndEndsWhenBIsWorse) {
   EXPECT_THAT(result.output,
               AllOf(HasSubstr("at most 64 runs, in random order of seed 1"),
                     HasSubstr("B: " + Setting(900) + " (4 runs)"),
-                    HasSubstr("\nB is worse than A: cpu printed -9.71 % (-10.05 to -9.38).\n")));
+                    HasSubstr("\nB is worse than A: cpu printed -9.71 % (-9.75 to -9.68).\n")));
   const Experiment experiment = ReadExperiment(Folder());
   EXPECT_EQ(experiment.settings.seed, 1U);
   EXPECT_EQ(experiment.settings.commandB, Setting(900));

@@ -85,6 +85,24 @@ TEST(RatioTest, TheIntervalIsThePublishedOne) {
   EXPECT_EQ(estimate.freedom, 18);
 }
 
+// R 4, t.test(extra ~ group, sleep, paired = TRUE): -2.4598858 to -0.7001142.
+TEST(RatioTest, TheIntervalOfPairsIsThePublishedOne) {
+  const RatioEstimate estimate = EstimatePairedRatio(Exp(kFirstDrug), Exp(kSecondDrug), 0.05);
+  EXPECT_NEAR(std::log(estimate.ratio), 1.58, 1e-9);
+  EXPECT_NEAR(std::log(estimate.low), 0.7001142, 1e-6);
+  EXPECT_NEAR(std::log(estimate.high), 2.4598858, 1e-6);
+  EXPECT_EQ(estimate.freedom, 9);
+  EXPECT_THROW((void)EstimatePairedRatio({1, 2}, {1, 2, 3}, 0.05), std::invalid_argument);
+  EXPECT_THROW((void)EstimatePairedRatio({1}, {1}, 0.05), std::invalid_argument);
+}
+
+TEST(RatioTest, WhatChangesFromPairToPairDoesNotWidenItsInterval) {
+  const RatioEstimate estimate = EstimatePairedRatio({10, 20, 40}, {9, 18, 36}, 0.05);
+  EXPECT_NEAR(estimate.low, 0.9, 1e-9);
+  EXPECT_NEAR(estimate.high, 0.9, 1e-9);
+  EXPECT_LT(EstimateRatio({10, 20, 40}, {9, 18, 36}, 0.05).low, 0.5);
+}
+
 TEST(RatioTest, NeverFallsBelowZeroAndTurnsWithItsSides) {
   const std::vector<double> a = {1, 20};
   const std::vector<double> b = {2, 3};

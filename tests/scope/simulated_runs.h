@@ -49,6 +49,9 @@ class SimulatedRuns {
     return side;
   }
 
+  /// A factor around 1.
+  double Factor(double deviation) { return std::exp(deviation * Normal()); }
+
  private:
   static constexpr int kSeconds = 30;
 

@@ -52,6 +52,8 @@ struct CompareOptions {
   double skipS = 5;
   double tolerancePercent = 2;
   double confidence = 0.95;
+  /// The n-th runs of both sides were recorded right after each other, in random order.
+  bool paired = false;
   int looks = 1;             ///< how often a growing set of runs is compared until the answer is clear
   std::set<Figure> figures;  ///< empty means all
 };

@@ -89,14 +89,15 @@ bool JudgeMissing(ComparedFigure& figure, std::size_t runsOfA, std::size_t runsO
   return false;
 }
 
-void Judge(ComparedFigure& figure, const ErrorShares& shares, double tolerancePercent) {
+void Judge(ComparedFigure& figure, const ErrorShares& shares, double tolerancePercent, bool paired) {
   if (figure.aValues.size() < 2 || figure.bValues.size() < 2) {
     figure.verdict = Verdict::kCannotTell;
     figure.notWorse = false;
     return;
   }
   const bool lowerIsBetter = KindOf(figure.key.figure).lowerIsBetter;
-  const RatioEstimate estimate = EstimateRatio(figure.aValues, figure.bValues, shares.error);
+  const RatioEstimate estimate = paired ? EstimatePairedRatio(figure.aValues, figure.bValues, shares.error)
+                                        : EstimateRatio(figure.aValues, figure.bValues, shares.error);
   figure.interval = PercentOf(estimate);
   figure.verdict = JudgeDifference(*figure.interval, lowerIsBetter, tolerancePercent);
   figure.notWorse = IsShownNotWorse(*figure.interval, lowerIsBetter, tolerancePercent);
@@ -139,7 +140,11 @@ Comparison CompareValues(const std::vector<RunValues>& a, const std::vector<RunV
     figure.a = Typical(figure.aValues);
     figure.b = Typical(figure.bValues);
     if (figure.a && figure.b && *figure.a != 0) figure.differencePercent = (*figure.b / *figure.a - 1) * 100;
-    if (!JudgeMissing(figure, a.size(), b.size())) Judge(figure, shares, options.tolerancePercent);
+    const bool isPaired = options.paired && figure.aValues.size() == a.size() &&
+                          figure.bValues.size() == b.size() && a.size() == b.size();
+    if (!JudgeMissing(figure, a.size(), b.size())) {
+      Judge(figure, shares, options.tolerancePercent, isPaired);
+    }
     if (judged.count(key) == 0) {
       figure.verdict = Verdict::kNotJudged;
       figure.notWorse = true;

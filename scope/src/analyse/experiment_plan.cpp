@@ -42,6 +42,7 @@ CompareOptions LookOptions(const ExperimentSettings& settings) {
   options.skipS = settings.warmupS;
   options.tolerancePercent = settings.tolerancePercent;
   options.confidence = settings.confidence;
+  options.paired = true;
   options.looks = static_cast<int>(LooksOf(static_cast<std::size_t>(settings.mostRuns / 2)).size());
   return options;
 }

@@ -56,6 +56,26 @@ RatioEstimate EstimateRatio(const std::vector<double>& a, const std::vector<doub
   return estimate;
 }
 
+RatioEstimate EstimatePairedRatio(const std::vector<double>& a, const std::vector<double>& b, double error) {
+  if (a.size() != b.size()) throw std::invalid_argument("pairs need as many values of each side");
+  std::vector<double> differences = Logarithms(b);
+  const std::vector<double> logA = Logarithms(a);
+  for (std::size_t i = 0; i < differences.size(); ++i) differences[i] -= logA[i];
+  const double deviation = StandardDeviation(differences);
+  const double difference = Mean(differences);
+  RatioEstimate estimate;
+  estimate.paired = true;
+  estimate.ratio = std::exp(difference);
+  estimate.freedom = static_cast<int>(differences.size()) - 1;
+  // Of one side: a difference varies as two runs do.
+  estimate.deviation = deviation / std::sqrt(2.0);
+  const double reach = StudentQuantile(1 - error / 2, estimate.freedom) * deviation /
+                       std::sqrt(static_cast<double>(differences.size()));
+  estimate.low = std::exp(difference - reach);
+  estimate.high = std::exp(difference + reach);
+  return estimate;
+}
+
 std::optional<int> RepeatsToTell(const RatioEstimate& estimate, double share, const ErrorShares& shares) {
   if (!(share > 0)) return std::nullopt;
   const double bound =
@@ -67,7 +87,7 @@ std::optional<int> RepeatsToTell(const RatioEstimate& estimate, double share, co
   int repeats = std::max(2, static_cast<int>(std::ceil(least)));
   // Student's quantiles fall with the repeats, so the first number that is enough is the least.
   while (true) {
-    const double freedom = 2.0 * repeats - 2;
+    const double freedom = (estimate.paired ? 1.0 : 2.0) * (repeats - 1);
     const double sum =
         StudentQuantile(1 - shares.error / 2, freedom) + StudentQuantile(1 - shares.miss, freedom);
     if (repeats >= needed(sum)) return repeats;

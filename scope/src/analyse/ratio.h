@@ -16,12 +16,18 @@ struct RatioEstimate {
   /// variation.
   double deviation = 0;
   int freedom = 0;  ///< degrees of freedom of `deviation`
+  bool paired = false;
 };
 
 /// The interval of Welch's t test for the means of the logarithms. It misses the true ratio in a share of
 /// `error` of all cases, half of them on each side. It does not assume that both sides scatter alike. Needs
 /// two values a side, all above 0; throws std::invalid_argument otherwise.
 RatioEstimate EstimateRatio(const std::vector<double>& a, const std::vector<double>& b, double error);
+
+/// The same for values that were recorded in pairs, one of each side right after the other: the interval of
+/// the t test for the pairs' differences. What changes from pair to pair, such as other work on the machine,
+/// does not widen it. Needs two pairs of values above 0; throws std::invalid_argument otherwise.
+RatioEstimate EstimatePairedRatio(const std::vector<double>& a, const std::vector<double>& b, double error);
 
 /// What an interval may get wrong, as shares of all cases.
 struct ErrorShares {
