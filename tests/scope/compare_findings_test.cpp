@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "engine_rows.h"
+
 namespace {
 
 using ::testing::IsEmpty;
@@ -37,8 +39,8 @@ scope::Run Failing(std::uint64_t failures) {
 
 std::vector<Finding> Findings(const std::vector<scope::Run>& a, const std::vector<scope::Run>& b) {
   std::vector<SummarisedRun> sides[2];
-  for (const scope::Run& run : a) sides[0].push_back({&run, Summarise(run)});
-  for (const scope::Run& run : b) sides[1].push_back({&run, Summarise(run)});
+  for (const scope::Run& run : a) sides[0].push_back({&run, Summarise(Completed(run))});
+  for (const scope::Run& run : b) sides[1].push_back({&run, Summarise(Completed(run))});
   return CompareTroubles(sides[0], sides[1]);
 }
 
