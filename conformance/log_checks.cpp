@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -118,10 +120,19 @@ bool HoldsWhole(const std::string& line, unsigned int& writer) {
   return true;
 }
 
+// Puts what this process writes to the console into a file below the working directory.
+void KeepConsole() {
+  const int file = open("console", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  Require(file >= 0 && dup2(file, STDOUT_FILENO) >= 0 && dup2(file, STDERR_FILENO) >= 0,
+          "cannot put the console's text into a file");
+  (void)close(file);
+}
+
 // A library may store records in any form. If they are lines of text, on the console or in a file below the
 // working directory, they are checked.
 void FromSignalHandler(Session& session) {
   constexpr unsigned int kSignals = 200;
+  KeepConsole();
   ara::log::InitLogging("KIT", "conformance kit", Level(kDefaultLevel), Mode(kDefaultMode), "./log");
   handlersLogger = &ara::log::CreateLogger("KIT", "KIT", Level(kDefaultLevel));
   struct sigaction action{};

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <unistd.h>
+
 #include <chrono>
 #include <string>
 #include <thread>
@@ -16,20 +18,22 @@ struct ToolResult {
   std::string errors;
 };
 
+/// Adds to `text` what the non-blocking `descriptor` has, whole: pages are lines of any length.
+inline void ReadWhole(int descriptor, std::string& text) {
+  char bytes[4096];
+  for (ssize_t size = 0; (size = read(descriptor, bytes, sizeof bytes)) > 0;) {
+    text.append(bytes, static_cast<std::size_t>(size));
+  }
+}
+
 /// Waits for the end of `child`. Its standard error must be captured.
 inline ToolResult WaitFor(scope::ChildProcess& child) {
   ToolResult result;
-  scope::LineReader output;
-  scope::LineReader errors;
   bool ended = false;
   while (!ended) {
     ended = child.HasEnded();
-    std::vector<std::string> lines;
-    output.Read(child.Output(), lines);
-    for (const std::string& line : lines) result.output += line + "\n";
-    lines.clear();
-    errors.Read(child.Errors(), lines);
-    for (const std::string& line : lines) result.errors += line + "\n";
+    ReadWhole(child.Output(), result.output);
+    ReadWhole(child.Errors(), result.errors);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   result.status = child.EndSignal() == 0 ? child.ExitStatus() : -child.EndSignal();
