@@ -27,7 +27,7 @@ double AtMost(double goal, int cases) {
   return goal + 3.1 * std::sqrt(goal * (1 - goal) / cases) + 1.0 / cases;
 }
 
-double AtLeast(double goal, int cases) {
+double NotBelow(double goal, int cases) {
   return 1 - AtMost(1 - goal, cases);
 }
 
@@ -183,7 +183,7 @@ TEST(VerdictSimulation, TheRepeatsThatItAsksForAreEnough) {
                tally);
       EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
       const int told = slower ? tally.seen : tally.answeredClear;
-      EXPECT_GE(tally.Share(told), AtLeast(0.8, tally.comparisons)) << engines << " engines, from " << pilot;
+      EXPECT_GE(tally.Share(told), NotBelow(0.8, tally.comparisons)) << engines << " engines, from " << pilot;
     }
   }
 }
@@ -225,7 +225,7 @@ void CheckExperiments(const std::vector<int>& numbersOfEngines, double drift) {
       PrintRow(slower ? "one engine 5 % slower" : "as A", engines, static_cast<int>(std::lround(repeats)),
                tally);
       EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
-      if (slower) EXPECT_GE(tally.Share(tally.seen), AtLeast(0.8, tally.comparisons)) << engines;
+      if (slower) EXPECT_GE(tally.Share(tally.seen), NotBelow(0.8, tally.comparisons)) << engines;
     }
   }
 }
