@@ -84,6 +84,7 @@ TEST(CopyRoutinesTest, AMebibyteIsTheSmallestCopyThatStreams) {
   EXPECT_EQ(RoutineFor(SIZE_MAX).name, CopyRoutines().back().name);
 }
 
+#if defined(__x86_64__)
 /// The processor's features as the kernel reports them.
 std::set<std::string> ProcessorFlags() {
   std::ifstream file("/proc/cpuinfo");
@@ -94,6 +95,7 @@ std::set<std::string> ProcessorFlags() {
   }
   return {};
 }
+#endif
 
 TEST(CopyRoutinesTest, TheLibrarysComesFirstThenAllThatThisProcessorHas) {
   std::vector<std::string> expected = {"memcpy"};
