@@ -109,7 +109,9 @@ TEST_F(ModelTrialTest, ATrialThatEndsWhileItLoadsSaysOfWhat) {
   ExpectLoadFails("kill -FPE $$", Ormis::kQetModelUnreadable, died + "Floating point exception");
   ExpectLoadFails("kill -KILL $$", Ormis::kQetModelUnreadable, died + limit);
   ExpectLoadFails("kill -XCPU $$", Ormis::kQetModelUnreadable, died + limit);
+#if defined(__x86_64__)  // an emulator of another processor has other numbers for these signals
   ExpectLoadFails("kill -40 $$", Ormis::kQetModelUnreadable, died + "signal 40");
+#endif
   spawn_calls::before = nullptr;
   ExpectLoads();
 }
