@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "engine_rows.h"
 #include "run_writer.h"
@@ -77,9 +80,21 @@ inline scope::Run Run() {
   return run;
 }
 
-/// Saves `made` as a run folder. The rows of its engines are made from its samples.
+/// Sets the counts of the histogram, one row a thread, to the operations in the samples.
+inline void FitHistogram(scope::Run& run) {
+  std::map<std::pair<std::string, int>, std::uint64_t> operations;
+  for (const scope::Sample& sample : run.samples)
+    operations[{sample.engine, sample.thread}] += sample.operations;
+  for (scope::HistogramRow& row : run.histogram) row.count = operations[{row.engine, row.thread}];
+  run.histogram.erase(std::remove_if(run.histogram.begin(), run.histogram.end(),
+                                     [](const auto& row) { return row.count == 0; }),
+                      run.histogram.end());
+}
+
+/// Saves `made` as a run folder. The rows of its engines and its histogram are made to fit its samples.
 inline void Write(const scope::Run& made, const std::string& folder) {
-  const scope::Run run = Completed(made);
+  scope::Run run = Completed(made);
+  FitHistogram(run);
   scope::RunWriter writer(folder, false);
   writer.WriteInfo(run.info);
   if (run.info.conditions.meter) {
