@@ -18,7 +18,6 @@
 #include "experiment_plan.h"
 #include "folder_lock.h"
 #include "live_view.h"
-#include "printable.h"
 #include "run_reader.h"
 #include "series.h"
 #include "setting_switch.h"
@@ -71,13 +70,8 @@ Experiment PrepareExperiment(const AbOptions& options, std::unique_ptr<FolderLoc
     throw UserError(options.folder + " has an experiment: continue it with --resume " + options.folder +
                     ", or choose another folder");
   }
-  if (IsTaken(options.folder)) {
-    throw UserError(options.folder + " exists and is not an empty folder: choose another one");
-  }
-  MakeFolder(options.folder);
-  lock = std::make_unique<FolderLock>(options.folder);
+  lock = MakeSeriesFolder(options.folder, config);
   experiment.started = UtcNow();
-  ReplaceFile(options.folder + "/" + kSeriesConfig, config);
   WriteExperiment(options.folder, experiment);
   return experiment;
 }
@@ -90,16 +84,11 @@ Experiment ResumeExperiment(const std::string& folder, std::unique_ptr<FolderLoc
   Experiment experiment = ReadExperiment(folder);
   lock = std::make_unique<FolderLock>(folder);
   for (const ExperimentRun& run : experiment.runs) RequireNoLink(folder + "/" + run.folder);
-  const auto tell = [&folder](const char* what, const std::string& text) {
-    if (text.empty()) return;
-    std::cout << folder << '/' << kExperimentName << " names the " << what << ": " << Printable(text)
-              << std::endl;
-  };
   const ExperimentSettings& settings = experiment.settings;
-  tell("command of A", settings.commandA);
-  tell("command of B", settings.commandB);
-  tell("program to run", settings.benchmark);
-  tell("library to load into it", settings.meter);
+  TellWhatRuns(folder + "/" + kExperimentName, {{"command of A", settings.commandA},
+                                                {"command of B", settings.commandB},
+                                                {"program to run", settings.benchmark},
+                                                {"library to load into it", settings.meter}});
   return experiment;
 }
 

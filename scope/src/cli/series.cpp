@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 
 #include "configuration.h"
+#include "durable_file.h"
 #include "errors.h"
+#include "printable.h"
 #include "text_format.h"
 
 namespace scope {
@@ -35,6 +38,22 @@ void CheckRunLength(double runS, double warmupS) {
   if (runS >= warmupS + kLeastMeasuredS) return;
   throw UserError(Format("a run of %g s is too short for a warm-up of %g s: at least %g s must remain", runS,
                          warmupS, kLeastMeasuredS));
+}
+
+std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config) {
+  if (IsTaken(folder)) {
+    throw UserError(folder + " exists and is not an empty folder: choose another one");
+  }
+  MakeFolder(folder);
+  auto lock = std::make_unique<FolderLock>(folder);
+  ReplaceFile(folder + "/" + kSeriesConfig, config);
+  return lock;
+}
+
+void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named) {
+  for (const auto& [what, text] : named) {
+    if (!text.empty()) std::cout << file << " names the " << what << ": " << Printable(text) << std::endl;
+  }
 }
 
 }  // namespace scope

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "folder_lock.h"
 #include "run.h"
 
 /// What commands share that record several runs into one folder.
@@ -19,5 +23,13 @@ double RunSeconds(const std::string& config, const RunSettings& settings);
 
 /// Throws UserError if so little of a run is left after the warm-up that there is nothing to compare.
 void CheckRunLength(double runS, double warmupS);
+
+/// Makes the folder of a new series, locks it, and puts the configuration's text there. Throws UserError if
+/// the folder exists and is not empty.
+std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config);
+
+/// Before a series is continued, whose folder may come from elsewhere: prints each program or command that
+/// `file` names, with what it is for. Empty ones are left out.
+void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named);
 
 }  // namespace scope

@@ -16,7 +16,6 @@
 #include "errors.h"
 #include "folder_lock.h"
 #include "live_view.h"
-#include "printable.h"
 #include "run_reader.h"
 #include "series.h"
 #include "sweep_folder.h"
@@ -65,13 +64,8 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
     throw UserError(options.folder + " contains a sweep: continue it with --resume " + options.folder +
                     ", or choose another folder");
   }
-  if (IsTaken(options.folder)) {
-    throw UserError(options.folder + " exists and is not an empty folder: choose another one");
-  }
-  MakeFolder(options.folder);
-  lock = std::make_unique<FolderLock>(options.folder);
+  lock = MakeSeriesFolder(options.folder, config);
   sweep.started = UtcNow();
-  ReplaceFile(options.folder + "/" + kSeriesConfig, config);
   WriteSweep(options.folder, sweep);
   return sweep;
 }
@@ -83,13 +77,8 @@ Sweep Resume(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
   Sweep sweep = ReadSweep(folder);
   lock = std::make_unique<FolderLock>(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
-  const auto tell = [&folder](const char* what, const std::string& file) {
-    if (!file.empty())
-      std::cout << folder << '/' << kSweepName << " names the " << what << ": " << Printable(file)
-                << std::endl;
-  };
-  tell("program to run", sweep.settings.benchmark);
-  tell("library to load into it", sweep.settings.meter);
+  TellWhatRuns(folder + "/" + kSweepName, {{"program to run", sweep.settings.benchmark},
+                                           {"library to load into it", sweep.settings.meter}});
   return sweep;
 }
 

@@ -91,9 +91,7 @@ std::string FailureWatch::AboutWork(const std::string& engine, int level, double
     parts.push_back(Format("%d of %d workers ended early, the first after %.0f s of %.0f s", stopped, active,
                            firstS, endS));
   }
-  std::string text;
-  for (const std::string& part : parts) text += (text.empty() ? "" : ", ") + part;
-  return text;
+  return Joined(parts, ", ");
 }
 
 // A printed rate of 0 tells nothing: operations of less than a millisecond are printed as 0, too.

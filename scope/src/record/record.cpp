@@ -33,6 +33,7 @@
 #include "run_writer.h"
 #include "signals.h"
 #include "supervisor.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -94,12 +95,6 @@ std::vector<std::string> Lines(const std::string& text) {
     from = end + 1;
   }
   return lines;
-}
-
-std::string Joined(const std::vector<std::string>& lines, const char* between) {
-  std::string text;
-  for (const std::string& line : lines) text += (text.empty() ? "" : between) + line;
-  return text;
 }
 
 /// One recording, from the start of the benchmark to the last file: it waits, reads, saves and shows. The

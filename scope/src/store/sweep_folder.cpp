@@ -2,69 +2,46 @@
 #include "sweep_folder.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <nlohmann/json.hpp>
 #include <utility>
+#include <vector>
 
-#include "durable_file.h"
 #include "errors.h"
-#include "folder_file.h"
-#include "folder_json.h"
-#include "run_settings_json.h"
+#include "series_json.h"
 
 namespace scope {
 namespace {
 
-using Json = nlohmann::ordered_json;
-namespace fs = std::filesystem;
-
-constexpr int kSweepFormat = 1;
-const std::array<std::pair<SweepState, const char*>, 4> kStates = {
-    {{SweepState::kPlanned, "planned"},
-     {SweepState::kDone, "done"},
-     {SweepState::kFailed, "failed"},
-     {SweepState::kInterrupted, "interrupted"}}};
+constexpr SeriesKind kSweep = {kSweepName, "sweep", "a sweep", 1};
 
 // Calls `visit` with the key and the value of each setting.
 template <typename Settings, typename Visit>
-void ForEachSetting(Settings& settings, Visit visit) {
+void ForEachSweepSetting(Settings& settings, Visit visit) {
   visit("repeats", settings.repeats);
   visit("seed", settings.seed);
   visit("warmup_s", settings.warmupS);
   ForEachRunSetting(settings, visit);
 }
 
-Json ToJson(const Sweep& sweep) {
-  Json grid = Json::object();
-  for (const SweepAxis& axis : sweep.axes) grid[axis.section] = axis.levels;
-  Json runs = Json::array();
+SeriesJson ToJson(const Sweep& sweep) {
+  SeriesJson json = SeriesHead(kSweep, sweep.started, sweep.configPath);
+  json["grid"] = SeriesJson::object();
+  for (const SweepAxis& axis : sweep.axes) json["grid"][axis.section] = axis.levels;
+  ForEachSweepSetting(sweep.settings, [&](const char* key, const auto& value) { json[key] = value; });
+  json["runs"] = SeriesJson::array();
   for (const SweepRun& run : sweep.runs) {
-    Json levels = Json::object();
+    SeriesJson levels = SeriesJson::object();
     for (const auto& [section, level] : run.levels) levels[section] = level;
-    runs.push_back(Json{{"folder", run.folder},
-                        {"levels", levels},
-                        {"repeat", run.repeat},
-                        {"order", run.order},
-                        {"state", TextOfState(run.state)},
-                        {"reason", run.reason}});
+    SeriesJson entry{
+        {"folder", run.folder}, {"levels", levels}, {"repeat", run.repeat}, {"order", run.order}};
+    PutState(entry, run);
+    json["runs"].push_back(std::move(entry));
   }
-  Json json{{"format", kSweepFormat},
-            {"tool", kToolVersion},
-            {"kind", "sweep"},
-            {"started", sweep.started},
-            {"config", Json{{"path", sweep.configPath}}},
-            {"grid", grid}};
-  ForEachSetting(sweep.settings, [&](const char* key, const auto& value) { json[key] = value; });
-  json["runs"] = runs;
   return json;
 }
 
-SweepRun RunFromJson(const Json& json, const std::string& path) {
+SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
   SweepRun run;
-  json.at("folder").get_to(run.folder);
+  GetRun(json, path, run);
   // A resumed sweep replaces this folder, so it must be inside the sweep's own.
   if (run.folder.empty() || run.folder[0] == '.' || run.folder.find('/') != std::string::npos) {
     throw DamagedFolder(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
@@ -74,23 +51,18 @@ SweepRun RunFromJson(const Json& json, const std::string& path) {
   }
   json.at("repeat").get_to(run.repeat);
   json.at("order").get_to(run.order);
-  json.at("reason").get_to(run.reason);
-  const auto text = json.at("state").get<std::string>();
-  const auto state = StateOfText(text);
-  if (!state) throw DamagedFolder(path + ": a run has the unknown state \"" + text + "\"");
-  run.state = *state;
   return run;
 }
 
-Sweep FromJson(const Json& json, const std::string& path) {
+Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
   json.at("config").at("path").get_to(sweep.configPath);
-  ForEachSetting(sweep.settings, [&](const char* key, auto& value) { json.at(key).get_to(value); });
+  ForEachSweepSetting(sweep.settings, [&](const char* key, auto& value) { json.at(key).get_to(value); });
   for (const auto& [section, levels] : json.at("grid").items()) {
     sweep.axes.push_back({section, levels.get<std::vector<int>>()});
   }
-  for (const Json& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
+  for (const SeriesJson& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
   for (const SweepRun& run : sweep.runs) {
     const bool fits =
         std::equal(run.levels.begin(), run.levels.end(), sweep.axes.begin(), sweep.axes.end(),
@@ -105,44 +77,21 @@ Sweep FromJson(const Json& json, const std::string& path) {
 
 }  // namespace
 
-const char* TextOfState(SweepState state) {
-  return std::find_if(kStates.begin(), kStates.end(), [state](const auto& one) { return one.first == state; })
-      ->second;
-}
-
-std::optional<SweepState> StateOfText(const std::string& text) {
-  const auto* const at =
-      std::find_if(kStates.begin(), kStates.end(), [&text](const auto& one) { return text == one.second; });
-  if (at == kStates.end()) return std::nullopt;
-  return at->first;
-}
-
 bool IsSweepFolder(const std::string& folder) {
-  std::error_code ignored;
-  return fs::exists(fs::path(folder) / kSweepName, ignored);
+  return IsSeriesFolder(folder, kSweep);
 }
 
 Sweep ReadSweep(const std::string& folder) {
   const std::string path = folder + "/" + kSweepName;
-  const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
-  if (!text) throw UserError(folder + ": not a sweep: cannot read sweep.json: " + std::strerror(errno));
   try {
-    const Json json = ParseFolderJson(*text, path);
-    const int format = json.at("format").get<int>();
-    if (format != kSweepFormat) {
-      throw DamagedFolder(path + ": written in format " + std::to_string(format) +
-                          ", this program reads format " + std::to_string(kSweepFormat));
-    }
-    if (json.at("kind").get<std::string>() != "sweep") throw DamagedFolder(path + ": not a sweep");
-    return FromJson(json, path);
-  } catch (const Json::exception& error) {
+    return SweepFromJson(ReadSeriesJson(folder, kSweep), path);
+  } catch (const SeriesJson::exception& error) {
     throw DamagedFolder(path + ": " + error.what());
   }
 }
 
 void WriteSweep(const std::string& folder, const Sweep& sweep) {
-  ReplaceFile(folder + "/" + kSweepName,
-              ToJson(sweep).dump(2, ' ', false, Json::error_handler_t::replace) + '\n');
+  WriteSeriesJson(folder, kSweep, ToJson(sweep));
 }
 
 }  // namespace scope

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "sweep.h"
@@ -10,10 +9,6 @@
 namespace scope {
 
 constexpr const char* kSweepName = "sweep.json";
-
-/// The name of a state in the file, and the state of a name; none if it is unknown.
-const char* TextOfState(SweepState state);
-std::optional<SweepState> StateOfText(const std::string& text);
 
 bool IsSweepFolder(const std::string& folder);
 /// Throws UserError, which names the file and what was expected.

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "series_json.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "durable_file.h"
+#include "errors.h"
+#include "folder_file.h"
+#include "folder_json.h"
+
+namespace scope {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::array<std::pair<SweepState, const char*>, 4> kStates = {
+    {{SweepState::kPlanned, "planned"},
+     {SweepState::kDone, "done"},
+     {SweepState::kFailed, "failed"},
+     {SweepState::kInterrupted, "interrupted"}}};
+
+}  // namespace
+
+bool IsSeriesFolder(const std::string& folder, const SeriesKind& kind) {
+  std::error_code ignored;
+  return fs::exists(fs::path(folder) / kind.file, ignored);
+}
+
+SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind) {
+  const std::string path = folder + "/" + kind.file;
+  const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
+  if (!text) {
+    throw UserError(folder + ": not " + kind.what + ": cannot read " + kind.file + ": " +
+                    std::strerror(errno));
+  }
+  SeriesJson json = ParseFolderJson(*text, path);
+  const int format = json.at("format").get<int>();
+  if (format != kind.format) {
+    throw DamagedFolder(path + ": written in format " + std::to_string(format) +
+                        ", this program reads format " + std::to_string(kind.format));
+  }
+  if (json.at("kind").get<std::string>() != kind.kind) throw DamagedFolder(path + ": not " + kind.what);
+  return json;
+}
+
+SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath) {
+  return SeriesJson{{"format", kind.format},
+                    {"tool", kToolVersion},
+                    {"kind", kind.kind},
+                    {"started", started},
+                    {"config", SeriesJson{{"path", configPath}}}};
+}
+
+void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json) {
+  ReplaceFile(folder + "/" + kind.file,
+              json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n');
+}
+
+const char* TextOfState(SweepState state) {
+  return std::find_if(kStates.begin(), kStates.end(), [state](const auto& one) { return one.first == state; })
+      ->second;
+}
+
+SweepState StateOf(const SeriesJson& run, const std::string& path) {
+  const auto text = run.at("state").get<std::string>();
+  const auto* const at =
+      std::find_if(kStates.begin(), kStates.end(), [&text](const auto& one) { return text == one.second; });
+  if (at == kStates.end()) throw DamagedFolder(path + ": a run has the unknown state \"" + text + "\"");
+  return at->first;
+}
+
+}  // namespace scope

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "run.h"
+#include "sweep.h"
+
+/// What sweep.json and experiment.json have in common: both describe a series of runs that may be continued.
+namespace scope {
+
+using SeriesJson = nlohmann::ordered_json;
+
+struct SeriesKind {
+  const char* file;  ///< "sweep.json"
+  const char* kind;  ///< its key "kind": "sweep"
+  const char* what;  ///< for messages: "a sweep"
+  int format;
+};
+
+/// Calls `visit` with the key and the value of each setting of RunSettings.
+template <typename Settings, typename Visit>
+void ForEachRunSetting(Settings& settings, Visit visit) {
+  visit("stop_after_s", settings.stopAfterS);
+  visit("benchmark", settings.benchmark);
+  visit("meter", settings.meter);
+  visit("use_meter", settings.useMeter);
+  visit("arguments", settings.extra);
+  visit("sysfs_root", settings.systemRoot);
+  visit("grace_s", settings.graceS);
+}
+
+bool IsSeriesFolder(const std::string& folder, const SeriesKind& kind);
+
+/// The content of the file in `folder`. Throws UserError if there is none, and DamagedFolder if it has
+/// another format or kind. Both name the file and what was expected.
+SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind);
+
+/// The keys with which the file begins.
+SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath);
+
+/// Replaces the file in `folder` as a whole. Throws UserError.
+void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json);
+
+const char* TextOfState(SweepState state);
+
+/// The state of an entry of "runs". Throws DamagedFolder, which names the file `path`, if it is unknown.
+SweepState StateOf(const SeriesJson& run, const std::string& path);
+
+/// Takes folder, state and reason of a run from its entry of "runs".
+template <typename SeriesRun>
+void GetRun(const SeriesJson& json, const std::string& path, SeriesRun& run) {
+  json.at("folder").get_to(run.folder);
+  json.at("reason").get_to(run.reason);
+  run.state = StateOf(json, path);
+}
+
+/// Adds state and reason to the entry, as its last keys.
+template <typename SeriesRun>
+void PutState(SeriesJson& json, const SeriesRun& run) {
+  json["state"] = TextOfState(run.state);
+  json["reason"] = run.reason;
+}
+
+}  // namespace scope
