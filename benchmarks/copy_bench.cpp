@@ -1,14 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// How fast copies move memory: memcpy_s, the routines that it chooses from, and the copy loop of STREAM.
-/// usage: copy_bench [ROUNDS [SECONDS]]
-///        copy_bench own|far THREADS SECONDS    prints the one figure of memcpy_s, for turns with other
-///        programs
-///
-/// Every thread copies a buffer of the CPU stress's size into another, over and over. "own": each thread has
-/// two buffers, as in the CPU stress; large caches hold them. "far": each thread goes through so many pairs
-/// that no cache holds them. All routines take turns in each round. The figure is the median of the rounds,
-/// in GB/s (10^9 bytes a second, read + written, all threads together).
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -22,6 +12,7 @@
 
 #include "cpu_stress.h"
 #include "ormis/memcpy_s.h"
+#include "program.h"
 #include "stream_copy.h"
 
 namespace {
@@ -107,9 +98,21 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
+const char* const kUsage = R"(usage: copy_bench [ROUNDS [SECONDS]]
+       copy_bench own|far THREADS SECONDS
+Measures how fast copies move memory: memcpy_s, the routines that it chooses from, and the copy loop of STREAM.
+The second form prints one figure of memcpy_s, so that scripts can take turns with other programs.
+
+Every thread copies a buffer of the CPU stress's size into another, over and over. "own": each thread has two
+buffers, as in the CPU stress; large caches hold them. "far": each thread goes through so many pairs that no
+cache holds them. All routines take turns in each round. The figure is the median of the rounds, in GB/s (10^9
+bytes a second, read + written, all threads together).
+)";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "copy_bench", kUsage);
   const std::string buffers = argc == 4 ? argv[1] : "";
   if (buffers == "own" || buffers == "far") {
     const long threads = std::strtol(argv[2], nullptr, 10);

@@ -1,13 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// What the four worker loops cost, compared with the operations that they drive.
-/// usage: driver_bench [MODEL [ROUNDS]]
-///
-/// The unchanged workers run in this program, which interposes the operations of their cycles. It lets the
-/// worker drive a number of cycles, then makes the same calls itself, on the same thread and with the same
-/// arguments, and so on in turns. So only the worker's loop differs. A second direct turn shows the noise.
-/// The first table uses operations that return at once (what a cycle of the loop costs, in ns), the second
-/// one the real engines (the rate of a worker, compared with the direct calls).
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -25,6 +16,7 @@
 #include "kivu_vpc_stress.h"
 #include "link_names.h"
 #include "ormis/ormis.h"
+#include "program.h"
 
 namespace {
 
@@ -166,6 +158,16 @@ double ClockReadsNs() {
   return Median(ns);
 }
 
+const char* const kUsage = R"(usage: driver_bench [MODEL [ROUNDS]]
+Measures what the four worker loops cost, compared with the operations that they drive.
+
+The unchanged workers run in this program, which interposes the operations of their cycles. It lets the worker
+drive a number of cycles, then makes the same calls itself, on the same thread and with the same arguments, and
+so on in turns. So only the worker's loop differs. A second direct turn shows the noise. The first table uses
+operations that return at once (what a cycle of the loop costs, in ns), the second one the real engines (the
+rate of a worker, compared with the direct calls).
+)";
+
 }  // namespace
 
 int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
@@ -212,6 +214,7 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
 }  // namespace Ormis
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "driver_bench", kUsage);
   const std::string model = argc > 1 ? argv[1] : "build/models/example.onnx";
   const int rounds = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 15;
   Require(rounds > 0 && argc <= 3, "reading the arguments [MODEL [ROUNDS]]");

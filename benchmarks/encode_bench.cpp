@@ -1,11 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// Compares QetVenc with direct use of libavcodec, in turns within one run: the encode stress's picture and
-/// settings, each on one thread. usage: encode_bench [ROUNDS]
-///
-/// The direct use opens libx264, as the platform does where there is no hardware encoder. On a machine that
-/// has one, the two sides use different engines, and the platform's log says so. A second direct use, which
-/// differs only in where its memory lies, shows the noise.
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/imgutils.h>
@@ -18,6 +11,7 @@ extern "C" {
 
 #include "measure.h"
 #include "ormis/ormis.h"
+#include "program.h"
 
 namespace {
 
@@ -93,9 +87,19 @@ class DirectEncoder {
   std::uint64_t bytes_ = 0;
 };
 
+const char* const kUsage = R"(usage: encode_bench [ROUNDS]
+Compares QetVenc with direct use of libavcodec, in turns within one run: the encode stress's picture and
+settings, each on one thread.
+
+The direct use opens libx264, as the platform does on a machine without a hardware encoder. On a machine that
+has one, the two sides use different engines, and the platform's log says so. A second direct use, which differs
+only in where its memory lies, shows the noise.
+)";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "encode_bench", kUsage);
   const int rounds = measure::CountArgument(argc, argv, 1, 31);
   // Black, like the encode stress's picture.
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 3 / 2);

@@ -1,10 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run,
-/// and what ten instances of the model cost to load and to keep. usage: inference_bench [MODEL [ROUNDS]]
-///
-/// Memory is the growth of the process's anonymous memory. Each side runs in a process of its own, because
-/// the second one would use again what the first one gave back.
 #include <onnxruntime_c_api.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +12,7 @@
 
 #include "measure.h"
 #include "ormis/ormis.h"
+#include "program.h"
 
 namespace {
 
@@ -189,9 +184,18 @@ void MeasureInstances(const char* name, LoadOne&& loadOne, RunOne&& runOne) {
                     used);
 }
 
+const char* const kUsage = R"(usage: inference_bench [MODEL [ROUNDS]]
+Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run, and what
+ten instances of the model cost to load and to keep.
+
+Memory is the growth of the process's anonymous memory. Each side runs in its own process, because the second
+one would use again what the first one gave back.
+)";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "inference_bench", kUsage);
   const std::string model = argc > 1 ? argv[1] : "build/models/example.onnx";
   const int rounds = measure::CountArgument(argc, argv, 2, 31);
 

@@ -1,10 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// What the meter adds to a call, in ns: operations that do nothing, called without the meter, under the
-/// meter without a reader, and under the meter with one. Each is a run of this program as a child. usage:
-/// meter_bench [rounds [CONFIG]]
-/// With a configuration, the benchmark runs on it under the meter as well: what is added to an operation over
-/// the time that one takes there is the share of the engine's rate that the meter costs.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -26,6 +20,7 @@
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"
 #include "ormis/qet_venc.h"
+#include "program.h"
 
 namespace {
 
@@ -156,9 +151,18 @@ std::map<std::string, Busy> RunEngines(const std::string& config) {
   return engines;
 }
 
+const char* const kUsage = R"(usage: meter_bench [ROUNDS [CONFIG]]
+Measures what the meter adds to a call, in ns: operations that do nothing are called without the meter, under
+the meter without a reader, and under the meter with one. Each is a run of this program as a child.
+
+With a configuration, it also runs the benchmark on it under the meter. The time that the meter adds, divided by
+the time of an operation there, is the share of the engine's rate that the meter costs.
+)";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "meter_bench", kUsage);
   if (argc > 2 && std::strcmp(argv[1], "calls") == 0) {
     return MeasureCalls(static_cast<int>(std::strtol(argv[2], nullptr, 10)));
   }

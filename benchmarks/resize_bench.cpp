@@ -1,11 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
-/// Compares QetImageResize with other libraries' scalers, in turns within one run: the same RGB24 picture,
-/// each on one thread. usage: resize_bench [ROUNDS]
-///
-/// Quality is measured against the exact area average in double precision. Rounding alone keeps an 8-bit
-/// picture at about 58.9 dB from it. The program also measures which rows of the source a scaler uses: it
-/// changes a row and looks whether the result changes.
 extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
@@ -26,6 +19,7 @@ extern "C" {
 
 #include "measure.h"
 #include "ormis/ormis.h"
+#include "program.h"
 #ifdef HAVE_OPENCV
 #include "opencv_area.h"
 #endif
@@ -237,9 +231,19 @@ void Measure(int channel, const Case& sizes, int rounds, bool countRows) {
   Require(Ormis::QetImageDestroy(own) == 0 && Ormis::QetImageDestroy(source) == 0, "QetImageDestroy");
 }
 
+const char* const kUsage = R"(usage: resize_bench [ROUNDS]
+Compares QetImageResize with other libraries' scalers, in turns within one run: the same RGB24 picture, each on
+one thread.
+
+Quality is measured against the exact area average in double precision. Rounding alone keeps an 8-bit picture at
+about 58.9 dB from it. The program also measures which rows of the source a scaler uses: it changes a row and
+checks whether the result changes.
+)";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "resize_bench", kUsage);
   const int rounds = measure::CountArgument(argc, argv, 1, 101);
   Ormis::QetContext process;
   Ormis::QetContext context;

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -80,6 +82,10 @@ void Try(const char* path) {
 
 int main(int argc, char** argv) {
   stress::PrepareProcess();
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    (void)std::puts("model_trial " STRESS_VERSION);
+    return 0;
+  }
   if (argc != 2) return 2;
   // A caller that is killed while it waits takes this process with it.
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
