@@ -561,7 +561,7 @@ TEST_F(CompareTest, RefusesBadArguments) {
     EXPECT_THAT(result.errors, HasSubstr(words));
     EXPECT_EQ(result.output, "");
   };
-  refused({"compare", a}, "B is required");
+  refused({"compare", a}, "B is missing");
   refused({"compare", a, folder_ / "none"}, "there is no such folder");
   refused({"compare", a, a, "--tolerance", "-1"}, "--tolerance");
   refused({"compare", a, a, "--confidence", "1"}, "--confidence");

@@ -210,8 +210,8 @@ TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
     EXPECT_THAT(result.errors, HasSubstr(words));
     EXPECT_FALSE(std::filesystem::exists(run)) << words;
   };
-  refused({}, "subcommand is required");
-  refused({"record"}, "CONFIG is required");
+  refused({}, "a command is missing");
+  refused({"record"}, "CONFIG is missing");
   refused({"record", "--bogus", Config()}, "--bogus");
   refused({"record", folder_ / "none.yaml", "-o", run}, "cannot read " + (folder_ / "none.yaml"));
   refused({"record", folder_.Put("bad.yaml", "CPU: [1"), "-o", run}, "bad.yaml:");
@@ -219,7 +219,7 @@ TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   refused({"record", Config(), "-o", run, "--meter", folder_ / "none.so"}, "cannot read the meter");
   refused({"record", Config(), "-o", "/proc/none/run"}, "cannot make the folder /proc/none/run");
   refused({"rates", folder_ / "none.txt", "-o", run}, "none.txt: No such file");
-  refused({"rates", folder_.Put("empty.txt", ""), "-o", run}, "it is empty");
+  refused({"rates", folder_.Put("empty.txt", ""), "-o", run}, "empty.txt has no rate line");
 }
 
 TEST_F(ProgramTest, DoesNotTouchAFolderThatIsInUse) {

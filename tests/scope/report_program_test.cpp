@@ -71,7 +71,7 @@ TEST_F(ReportProgramTest, ReplacesTheReportThatWasThere) {
 }
 
 TEST_F(ReportProgramTest, RefusesWrongArguments) {
-  Refused({}, "DIR is required");
+  Refused({}, "DIR is missing");
   Refused({run_, "--bogus"}, "--bogus");
   Refused({run_, run_, run_, run_, run_, run_, run_, run_, run_}, "1 to 8 run folders, got 9");
 }

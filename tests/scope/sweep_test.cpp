@@ -280,7 +280,7 @@ TEST_F(SweepTest, AnInterruptedSweepKeepsItsRunsAndGoesOn) {
   const ToolResult interrupted = WaitFor(child);
   EXPECT_EQ(interrupted.status, 1);
   EXPECT_THAT(interrupted.errors, HasSubstr("Continue with: stress_scope sweep --resume " + Folder()));
-  EXPECT_THAT(interrupted.output, HasSubstr("3 of 4 runs are not done"));
+  EXPECT_THAT(interrupted.output, HasSubstr("not done: 3 of 4 runs"));
   std::vector<SweepState> states = States();
   EXPECT_EQ(std::count(states.begin(), states.end(), SweepState::kDone), 1);
   EXPECT_EQ(std::count(states.begin(), states.end(), SweepState::kInterrupted), 1);
@@ -443,7 +443,7 @@ TEST_F(SweepTest, TableHasMediansOfTheRepeats) {
             "CPU  runs  cpu op/s  cpu GB/s  total GB/s\n"
             "  1     3    3000.0     6.000       6.000\n"
             "  2     2    4250.0     8.500       8.500\n");
-  EXPECT_THAT(table.notes, ElementsAre("run-0006 (CPU=2) failed: why", "1 of 6 runs are not done"));
+  EXPECT_THAT(table.notes, ElementsAre("run-0006 (CPU=2) failed: why", "not done: 1 of 6 runs"));
 }
 
 TEST_F(SweepTest, ARunThatCannotBeReadIsNotedAndLeftOut) {
@@ -453,7 +453,7 @@ TEST_F(SweepTest, ARunThatCannotBeReadIsNotedAndLeftOut) {
   EXPECT_EQ(table.points[0].runs, 0U);
   EXPECT_EQ(table.points[1].runs, 1U);
   EXPECT_THAT(table.notes,
-              ElementsAre(HasSubstr("samples.csv:1: expected the header"), "1 of 2 runs are not done"));
+              ElementsAre(HasSubstr("samples.csv:1: expected the header"), "not done: 1 of 2 runs"));
 }
 
 TEST_F(SweepTest, OtherConditionsAmongTheRunsAreNoted) {

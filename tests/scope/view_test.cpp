@@ -145,10 +145,13 @@ TEST(Latency, HasTheUnitThatFits) {
   EXPECT_EQ(scope::Latency(1), "1 ns");
   EXPECT_EQ(scope::Latency(999), "999 ns");
   EXPECT_EQ(scope::Latency(1'000), "1.00 us");
-  EXPECT_EQ(scope::Latency(999'990), "999.99 us");
+  EXPECT_EQ(scope::Latency(999'490), "999 us");
   EXPECT_EQ(scope::Latency(1'000'000), "1.00 ms");
-  EXPECT_EQ(scope::Latency(999'990'000), "999.99 ms");
+  EXPECT_EQ(scope::Latency(999'490'000), "999 ms");
   EXPECT_EQ(scope::Latency(1'000'000'000), "1.00 s");
+  EXPECT_EQ(scope::Latency(999'500), "1.00 ms") << "never 1000 us";
+  EXPECT_EQ(scope::Latency(42'130), "42.1 us");
+  EXPECT_EQ(scope::Latency(421'300'000'000), "421 s");
   EXPECT_EQ(scope::Latency(4'210), "4.21 us");
   EXPECT_EQ(scope::Latency(2'310'000), "2.31 ms");
   EXPECT_EQ(scope::Latency(1'200'000'000), "1.20 s");

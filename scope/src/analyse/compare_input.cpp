@@ -40,8 +40,9 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
     isPoint = true;
     if (run.state == SweepState::kDone) side.runs.push_back(ReadRun(fs::path(folder) / run.folder));
   }
-  if (!isPoint) refuse("the sweep has no such point");
-  if (side.runs.empty()) refuse("no run of this point is done");
+  if (!isPoint) refuse("the sweep has no such point: \"stress_scope report " + folder + "\" lists them");
+  if (side.runs.empty())
+    refuse("no run of this point is done: continue with \"stress_scope sweep --resume " + folder + "\"");
   return side;
 }
 
@@ -64,7 +65,9 @@ Side ReadSide(const std::string& argument) {
       if (IsRunFolder(entry.path().string())) folders.insert(entry.path().string());
     }
     for (const std::string& folder : folders) side.runs.push_back(ReadRun(folder));
-    if (side.runs.empty()) throw UserError(argument + ": neither a run folder nor a folder of runs");
+    if (side.runs.empty())
+      throw UserError(argument +
+                      ": neither a run folder nor a folder of runs, expected what stress_scope record makes");
     return side;
   }
   side.runs.push_back(ReadRun(argument));

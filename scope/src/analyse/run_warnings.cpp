@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <utility>
@@ -67,8 +68,7 @@ void AddFailures(const EngineSummary& engine, List& warnings) {
   if (engine.work.failures == 0) return;
   const auto first = std::find_if(engine.seconds.begin(), engine.seconds.end(),
                                   [](const EngineSecond& second) { return second.failures != 0; });
-  warnings.push_back({engine.engine + Format(": %llu operations failed",
-                                             static_cast<unsigned long long>(engine.work.failures)),
+  warnings.push_back({engine.engine + ": " + Counted(engine.work.failures, "operation") + " failed",
                       first == engine.seconds.end() ? std::nullopt : std::optional(first->timeS),
                       engine.engine});
 }
@@ -137,9 +137,10 @@ Warning AboutCounter(const Series& series) {
   const double low = (*lowAt)->value;
   const double high = (*highAt)->value;
   if (last.value > first.value && (first.source == "throttle" || first.source == "edac")) {
-    const char* const format = first.source == "throttle" ? ": throttled %.0f times during the run"
-                                                          : ": %.0f memory errors during the run";
-    return {first.name + Format(format, last.value - first.value),
+    const auto count = static_cast<std::uint64_t>(std::llround(last.value - first.value));
+    const std::string what =
+        first.source == "throttle" ? "throttled " + Counted(count, "time") : Counted(count, "memory error");
+    return {first.name + ": " + what + " during the run",
             FirstTime(series, [&](double value) { return value > first.value; })};
   }
   if (first.source == "devfreq" && low < high) {

@@ -118,7 +118,7 @@ std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, 
   const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
   if (count > kMostRuns) {
     throw UserError("the grid has " + std::to_string(count) + " runs, expected at most " +
-                    std::to_string(kMostRuns));
+                    std::to_string(kMostRuns) + ": give fewer levels or repeats");
   }
   std::vector<SweepRun> runs(count);
   std::mt19937_64 random(seed);

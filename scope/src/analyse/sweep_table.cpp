@@ -12,6 +12,7 @@
 #include "run_warnings.h"
 #include "statistics.h"
 #include "sweep_plan.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -94,8 +95,8 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
     }
   }
   if (notDone != 0) {
-    table.notes.push_back(std::to_string(notDone) + " of " + std::to_string(sweep.runs.size()) +
-                          " runs are not done");
+    table.notes.push_back("not done: " + std::to_string(notDone) + " of " +
+                          Counted(sweep.runs.size(), "run"));
   }
   if (!runs.empty()) NoteConditions(runs, table.notes);
   for (const FigureKey& key : keys) {

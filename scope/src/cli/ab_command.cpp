@@ -2,10 +2,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "commands.h"
 #include "compare.h"
@@ -21,6 +24,7 @@
 #include "run_reader.h"
 #include "series.h"
 #include "setting_switch.h"
+#include "standard_output.h"
 #include "text_format.h"
 
 namespace scope {
@@ -31,7 +35,8 @@ struct AbOptions {
   std::string folder;
   std::string resume;
   ExperimentSettings settings;
-  bool quiet = false;
+  Output output = Output::kText;
+  TextStyle style;
   bool allowUnclear = false;
 };
 
@@ -78,25 +83,27 @@ Experiment PrepareExperiment(const AbOptions& options, std::unique_ptr<FolderLoc
 
 // An experiment's folder may come from elsewhere: it must neither lead to other folders nor hide what it
 // runs.
-Experiment ResumeExperiment(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
+Experiment ResumeExperiment(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   for (const std::string name : {kExperimentName, kSeriesConfig, "a", "b"})
     RequireNoLink(folder + "/" + name);
   Experiment experiment = ReadExperiment(folder);
   lock = std::make_unique<FolderLock>(folder);
   for (const ExperimentRun& run : experiment.runs) RequireNoLink(folder + "/" + run.folder);
   const ExperimentSettings& settings = experiment.settings;
-  TellWhatRuns(folder + "/" + kExperimentName, {{"command of A", settings.commandA},
-                                                {"command of B", settings.commandB},
-                                                {"program to run", settings.benchmark},
-                                                {"library to load into it", settings.meter}});
+  if (output == Output::kText) {
+    TellWhatRuns(folder + "/" + kExperimentName, {{"command of A", settings.commandA},
+                                                  {"command of B", settings.commandB},
+                                                  {"program to run", settings.benchmark},
+                                                  {"library to load into it", settings.meter}});
+  }
   return experiment;
 }
 
 /// Records an experiment until its answer is clear.
 class Runner {
  public:
-  Runner(std::string folder, Experiment& experiment, bool quiet)
-      : folder_(std::move(folder)), experiment_(experiment), quiet_(quiet) {
+  Runner(std::string folder, Experiment& experiment, bool text)
+      : folder_(std::move(folder)), experiment_(experiment), text_(text) {
     looks_ = LooksOf(experiment.runs.size() / 2);
     options_ = LookOptions(experiment.settings);
   }
@@ -120,7 +127,7 @@ class Runner {
       if (!isLook) continue;
       Comparison comparison = Compare();
       if (IsClear(comparison.answer) || i + 1 == experiment_.runs.size()) return comparison;
-      std::cout << "after " << repeats << " runs of each: not clear yet" << std::endl;
+      if (text_) Print("after " + Counted(repeats, "run") + " of each: not clear yet\n");
     }
     return Compare();
   }
@@ -158,13 +165,16 @@ class Runner {
 
   // False if a signal ended the run.
   bool Record(ExperimentRun& run, std::size_t index) {
-    std::cout << "run " << index + 1 << " of at most " << experiment_.runs.size() << ": " << NameOf(run.isB)
-              << std::endl;
+    if (text_) {
+      Print("run " + std::to_string(index + 1) + " of at most " + std::to_string(experiment_.runs.size()) +
+            ": " + NameOf(run.isB) + "\n");
+    }
     RecordOptions options = RecordingOf(experiment_, folder_, folder_ + "/" + run.folder);
     options.label = NameOf(run.isB);
     MakeFolder(options.folder);
-    const auto view = !quiet_ && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
-    const RecordResult result = RecordAndPrint(options, *view, signals_, false);
+    const auto view = text_ && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+    const RecordResult result = scope::Record(options, *view, signals_);
+    if (text_) Print((result.complete ? "saved in " : "incomplete, saved in ") + options.folder + "\n");
     const bool isStopped = result.stopped || signals_.TakeStop();
     run.reason = result.reason;
     run.state = result.stopped    ? SweepState::kInterrupted
@@ -178,7 +188,7 @@ class Runner {
 
   std::string folder_;
   Experiment& experiment_;
-  bool quiet_;
+  bool text_;
   std::vector<std::size_t> looks_;
   CompareOptions options_;
   std::optional<bool> setting_;  // the one that is made; none if that is unknown
@@ -190,10 +200,14 @@ int RunAb(const AbOptions& options) {
   const bool isResumed = !options.resume.empty();
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
-  Experiment experiment = isResumed ? ResumeExperiment(folder, lock) : PrepareExperiment(options, lock);
-  std::cout << "experiment " << folder << ": at most " << experiment.runs.size()
-            << " runs, in random order of seed " << experiment.settings.seed << std::endl;
-  Runner runner(folder, experiment, options.quiet);
+  Experiment experiment =
+      isResumed ? ResumeExperiment(folder, options.output, lock) : PrepareExperiment(options, lock);
+  const bool text = options.output == Output::kText;
+  if (text) {
+    Print("experiment " + folder + ": at most " + Counted(experiment.runs.size(), "run") +
+          ", in random order of seed " + std::to_string(experiment.settings.seed) + "\n");
+  }
+  Runner runner(folder, experiment, text);
   std::optional<Comparison> comparison;
   try {
     comparison = runner.Run();
@@ -206,9 +220,12 @@ int RunAb(const AbOptions& options) {
   }
   const Side a = runner.SideOf(false);
   const Side b = runner.SideOf(true);
-  std::cout << '\n'
-            << ComparisonText(a, b, *comparison, DifferentConditions(a.runs, b.runs), runner.Options())
-            << std::flush;
+  const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
+  if (text) Print('\n' + ComparisonText(a, b, *comparison, differences, runner.Options(), options.style));
+  if (options.output == Output::kJson) {
+    Print(ComparisonJson(a, b, *comparison, differences, runner.Options()));
+  }
+  RequireStandardOutput();
   if (comparison->answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
   return ExitStatusOf(comparison->answer);
 }
@@ -223,32 +240,39 @@ void AddAb(CLI::App& app, int& status) {
   CLI::Option* const config =
       command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
   CLI::Option* const resume =
-      command->add_option("--resume", options->resume, "Continue the experiment in this folder");
-  const auto add = [command, resume](const char* name, auto& value, const char* help) {
-    return command->add_option(name, value, help)->excludes(resume);
+      command->add_option("--resume", options->resume, "Continue the experiment in this folder")
+          ->type_name("DIR");
+  const auto add = [command, resume](const char* name, auto& value, const char* type, const char* help) {
+    return command->add_option(name, value, help)->type_name(type)->excludes(resume);
   };
   config->excludes(resume);
-  add("--a", settings.commandA, "Shell command that makes setting A (default: ask on the terminal)");
-  add("--b", settings.commandB, "Shell command that makes setting B");
-  add("--max-runs", settings.mostRuns, "Most runs to record, of both sides together")
-      ->check(CLI::Range(4, 1998))
+  add("--a", settings.commandA, "COMMAND",
+      "Shell command that makes setting A (default: ask on the terminal)");
+  add("--b", settings.commandB, "COMMAND", "Shell command that makes setting B");
+  add("--max-runs", settings.mostRuns, "N", "Most runs to record, of both sides together")
+      ->check(WholeNumberFrom(4, 1998))
       ->capture_default_str();
-  add("--tolerance", settings.tolerancePercent,
-      "Per cent by which figures may differ and still count as equal")
-      ->check(CLI::Range(0.0, 100.0))
+  add("--tolerance", settings.tolerancePercent, "PERCENT", "Difference up to which figures count as equal")
+      ->check(NumberFrom(0, 100))
       ->capture_default_str();
-  add("--confidence", settings.confidence, "Confidence that no verdict is wrong, 0.5 to 0.999")
-      ->check(CLI::Range(0.5, 0.999))
+  add("--confidence", settings.confidence, "SHARE", "Confidence that no verdict is wrong, 0.5 to 0.999")
+      ->check(NumberFrom(0.5, 0.999))
       ->capture_default_str();
-  add("--warmup", settings.warmupS, "Seconds at the start of each run that figures leave out")
-      ->check(CLI::Range(0.0, 1e6))
+  add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
+      ->check(NumberFrom(0, kMostSeconds))
       ->capture_default_str();
-  CLI::Option* const seed = add("--seed", settings.seed, "Seed of the order (default: a new one each time)");
-  add("-o,--output", options->folder, "Folder to make (default: ab-TIME)");
+  CLI::Option* const seed =
+      add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
+          ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+  add("-o,--output", options->folder, "DIR", "Folder to make (default: ab-TIME)");
   AddRunSettings(*command, settings, resume);
   command->add_flag("--allow-unclear", options->allowUnclear,
                     "End with status 0 instead of 4 if the runs cannot tell");
-  command->add_flag("--quiet", options->quiet, "Show no table during a run");
+  AddOutput(*command, options->output);
+  AddColour(*command, options->style);
+  command->footer(
+      "Example:\n"
+      "  stress_scope ab config/all.yaml --a ./old-timing.sh --b ./new-timing.sh -o timing");
   command->callback([options, seed, &status] {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("ab-");

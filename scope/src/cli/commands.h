@@ -2,11 +2,13 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <string>
 
-#include "record.h"
+#include "command_line.h"
+#include "sweep.h"
 
-/// Each function adds a sub-command to `app`. The chosen sub-command runs during the parse and sets `status`
-/// to the program's exit status. `status` must outlive the parse.
+/// Each Add function adds a sub-command to `app`. The chosen sub-command runs during the parse and sets
+/// `status` to the program's exit status. `status` must outlive the parse.
 namespace scope {
 
 void AddRecord(CLI::App& app, int& status);
@@ -20,8 +22,11 @@ void AddAb(CLI::App& app, int& status);
 /// null.
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
-/// Records a run. Prints its figures if `summary` is set, and then where it is saved.
-RecordResult RecordAndPrint(const RecordOptions& options, View& view, Signals& signals, bool summary);
+/// Prints the figures of the sweep in `folder`. Throws UserError.
+void PrintSweep(const std::string& folder, Output output, const TextStyle& style);
+
+/// The longest time that an option takes.
+constexpr double kMostSeconds = 1e6;
 
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;   ///< the benchmark failed or the recording is incomplete

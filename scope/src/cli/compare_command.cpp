@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <iostream>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,6 +10,7 @@
 #include "compare_conditions.h"
 #include "comparison_text.h"
 #include "errors.h"
+#include "standard_output.h"
 #include "text_format.h"
 
 namespace scope {
@@ -26,7 +24,8 @@ struct CommandOptions {
   std::vector<std::string> allowed;
   std::vector<std::string> figures;
   bool force = false;
-  bool json = false;
+  Output output = Output::kText;
+  TextStyle style;
   bool allowUnclear = false;
 };
 
@@ -63,10 +62,12 @@ int RunCompare(CommandOptions options) {
   const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
   RefuseDifferences(differences, options);
   const Comparison comparison = Compare(a, b, options.compare);
-  std::cout << (options.json ? ComparisonJson : ComparisonText)(a, b, comparison, differences,
-                                                                options.compare);
-  std::cout.flush();
-  if (!std::cout) throw UserError(std::string("cannot write to standard output: ") + std::strerror(errno));
+  if (options.output == Output::kJson) {
+    Print(ComparisonJson(a, b, comparison, differences, options.compare));
+  } else if (options.output == Output::kText) {
+    Print(ComparisonText(a, b, comparison, differences, options.compare, options.style));
+  }
+  RequireStandardOutput();  // an answer that is lost must not have an exit status
   if (comparison.answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
   return ExitStatusOf(comparison.answer);
 }
@@ -88,29 +89,39 @@ void AddCompare(CLI::App& app, int& status) {
                    "Judge these, and show no others (default: judge rates, show all)")
       ->delimiter(',')
       ->allow_extra_args(false)
-      ->check(CLI::IsMember(figures));
+      ->type_name("NAMES")
+      ->check(OneOf(figures));
   command
       ->add_option("--tolerance", options->compare.tolerancePercent,
-                   "Per cent by which figures may differ and still count as equal")
-      ->check(CLI::Range(0.0, 100.0))
+                   "Difference up to which figures count as equal")
+      ->type_name("PERCENT")
+      ->check(NumberFrom(0, 100))
       ->capture_default_str();
   command
       ->add_option("--skip", options->skipS,
                    "Seconds left out at the start of each run (default: a sweep's warm-up, else 5)")
-      ->check(CLI::Range(0.0, 1e6));
+      ->type_name("SECONDS")
+      ->check(NumberFrom(0, kMostSeconds));
   command
       ->add_option("--confidence", options->compare.confidence,
                    "Confidence that no verdict is wrong, 0.5 to 0.999")
-      ->check(CLI::Range(0.5, 0.999))
+      ->type_name("SHARE")
+      ->check(NumberFrom(0.5, 0.999))
       ->capture_default_str();
   command->add_option("--allow", options->allowed, "Conditions that may differ, by name")
       ->delimiter(',')
       ->allow_extra_args(false)
-      ->check(CLI::IsMember(ConditionNames()));
+      ->type_name("NAMES")
+      ->check(OneOf(ConditionNames()));
   command->add_flag("--force", options->force, "Compare even if conditions differ");
   command->add_flag("--allow-unclear", options->allowUnclear,
                     "End with status 0 instead of 4 if the runs cannot tell");
-  command->add_flag("--json", options->json, "Print JSON");
+  AddOutput(*command, options->output);
+  AddColour(*command, options->style);
+  command->footer(
+      "Examples:\n"
+      "  stress_scope compare before after --tolerance 2\n"
+      "  stress_scope compare grid:CPU=1,VENC=0 grid:CPU=2,VENC=0 --figure bandwidth");
   command->callback([options, &status] {
     try {
       status = RunCompare(*options);

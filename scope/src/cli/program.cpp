@@ -17,18 +17,26 @@ int Parse(CLI::App& app, int argc, char** argv, const int& status) {
   try {
     app.parse(argc, argv);
     return status;
+  } catch (const CLI::Success& answered) {
+    (void)app.exit(answered);  // --help or --version
+    return kExitOk;
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
+    throw UserError(UsageError(app, error));
   }
 }
 
 }  // namespace
 
 int Main(int argc, char** argv) {
-  CLI::App app("Exact rates, bytes and latencies of a run of stress_benchmark.", "stress_scope");
-  app.set_version_flag("--version", kToolVersion);
+  CLI::App app("Measure exact rates, bytes and latencies of a run of stress_benchmark", "stress_scope");
+  SetHelpLayout(app);
+  app.set_version_flag("--version", kToolVersion, "Print the version");
   app.require_subcommand(1);
-  app.failure_message(CLI::FailureMessage::simple);
+  app.footer(
+      "Examples:\n"
+      "  stress_scope record config/all.yaml -o before\n"
+      "  stress_scope report before\n\n"
+      "\"stress_scope COMMAND --help\" describes a command, \"man stress_scope\" everything.");
   int status = kExitOk;
   AddRecord(app, status);
   AddRates(app, status);

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <array>
-#include <chrono>
+#include <cstdint>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <random>
 
 #include "commands.h"
-#include "compare.h"
-#include "compare_conditions.h"
-#include "compare_input.h"
-#include "comparison_text.h"
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
@@ -20,8 +16,6 @@
 #include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
-#include "sweep_table.h"
-#include "sweep_text.h"
 #include "text_format.h"
 
 namespace scope {
@@ -36,7 +30,8 @@ struct SweepOptions {
   std::string resume;
   std::vector<std::string> levels;
   SweepSettings settings;
-  bool quiet = false;
+  Output output = Output::kText;
+  TextStyle style;
 };
 
 RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
@@ -71,14 +66,16 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
 }
 
 // A sweep's folder may come from elsewhere: it must neither lead to other folders nor hide what it runs.
-Sweep Resume(const std::string& folder, std::unique_ptr<FolderLock>& lock) {
+Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   RequireNoLink(folder + "/" + kSweepName);
   RequireNoLink(folder + "/" + kSeriesConfig);
   Sweep sweep = ReadSweep(folder);
   lock = std::make_unique<FolderLock>(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
-  TellWhatRuns(folder + "/" + kSweepName, {{"program to run", sweep.settings.benchmark},
-                                           {"library to load into it", sweep.settings.meter}});
+  if (output == Output::kText) {
+    TellWhatRuns(folder + "/" + kSweepName, {{"program to run", sweep.settings.benchmark},
+                                             {"library to load into it", sweep.settings.meter}});
+  }
   return sweep;
 }
 
@@ -97,14 +94,17 @@ std::vector<SweepRun*> RunsToRecord(const std::string& folder, Sweep& sweep) {
   return toRecord;
 }
 
-bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, bool quiet, Signals& signals) {
+bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, Output output,
+               Signals& signals) {
   RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
   options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
   MakeFolder(options.folder);
   ReplaceFile(options.config, PointConfiguration(folder + "/" + kSeriesConfig, run.levels));
-  const auto view = !quiet && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+  const bool text = output == Output::kText;
+  const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // No summary per run: the sweep prints its figures at its end.
-  const RecordResult result = RecordAndPrint(options, *view, signals, false);
+  const RecordResult result = Record(options, *view, signals);
+  if (text) Print((result.complete ? "saved in " : "incomplete, saved in ") + options.folder + "\n");
   run.reason.clear();
   if (result.stopped) {
     run.state = SweepState::kInterrupted;
@@ -119,23 +119,28 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, boo
 }
 
 // True when all runs are done.
-bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
+bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
   const std::vector<SweepRun*> toRecord = RunsToRecord(folder, sweep);
   const double runS =
       toRecord.empty() ? 0 : RunSeconds(folder + "/" + kSeriesConfig, sweep.settings) + kBetweenS;
-  std::cout << "sweep " << folder << ": " << toRecord.size() << " of " << sweep.runs.size()
-            << " runs to record, in random order of seed " << sweep.settings.seed << std::endl;
+  const bool text = output == Output::kText;
+  if (text) {
+    Print("sweep " + folder + ": " + std::to_string(toRecord.size()) + " of " +
+          Counted(sweep.runs.size(), "run") + " to record, in random order of seed " +
+          std::to_string(sweep.settings.seed) + "\n");
+  }
   // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
   Signals signals;
   bool interrupted = false;
   for (std::size_t i = 0; i < toRecord.size() && !interrupted; ++i) {
     SweepRun& run = *toRecord[i];
     const double leftS = runS * static_cast<double>(toRecord.size() - i);
-    std::cout << "run " << run.order << " of " << sweep.runs.size() << ": " << PointText(run.levels)
-              << ", repeat " << run.repeat
-              << Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60)
-              << std::endl;
-    interrupted = !RecordOne(folder, sweep, run, quiet, signals) || signals.TakeStop();
+    if (text) {
+      Print("run " + std::to_string(run.order) + " of " + std::to_string(sweep.runs.size()) + ": " +
+            PointText(run.levels) + ", repeat " + std::to_string(run.repeat) +
+            Format(leftS < 90 ? "; %.0f s left\n" : "; %.0f min left\n", leftS < 90 ? leftS : leftS / 60));
+    }
+    interrupted = !RecordOne(folder, sweep, run, output, signals) || signals.TakeStop();
   }
   if (interrupted) {
     std::cerr << "stress_scope: interrupted; the finished runs are kept. Continue with: stress_scope sweep "
@@ -146,47 +151,13 @@ bool RecordAll(const std::string& folder, Sweep& sweep, bool quiet) {
                      [](const SweepRun& run) { return run.state == SweepState::kDone; });
 }
 
-// A sweep of two points asks which of them is better, so it compares them.
-void ShowTwo(const std::string& folder, const Sweep& sweep, const SweepTable& table) {
-  const auto side = [&folder](const SweepPoint& point) {
-    std::string name = folder + ":" + PointText(point.levels);
-    std::replace(name.begin() + static_cast<std::ptrdiff_t>(folder.size()), name.end(), ' ', ',');
-    return ReadSide(name);
-  };
-  const Side a = side(table.points[0]);
-  const Side b = side(table.points[1]);
-  CompareOptions options;
-  options.skipS = sweep.settings.warmupS;
-  std::cout << ComparisonText(a, b, Compare(a, b, options), DifferentConditions(a.runs, b.runs), options);
-}
-
-void Show(const std::string& folder, const Sweep& sweep) {
-  const SweepTable table = ReadSweepTable(folder, sweep);
-  std::cout << Format("\nMedians after a warm-up of %g s\n", sweep.settings.warmupS) << TableText(table);
-  for (const std::string& part : {BandwidthText(table), SaturationText(table)}) {
-    if (!part.empty()) std::cout << '\n' << part;
-  }
-  for (const std::string& note : table.notes) std::cout << "\nnote: " << note;
-  if (!table.notes.empty()) std::cout << '\n';
-  const bool two = table.points.size() == 2 && table.points[0].runs != 0 && table.points[1].runs != 0;
-  if (two) {
-    std::cout << '\n';
-    try {
-      ShowTwo(folder, sweep, table);
-    } catch (const UserError& error) {
-      std::cout << "not compared: " << error.what() << '\n';  // the sweep is recorded anyway
-    }
-  }
-  std::cout << std::flush;
-}
-
 int RunSweep(const SweepOptions& options) {
   const bool resumed = !options.resume.empty();
   const std::string folder = resumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
-  Sweep sweep = resumed ? Resume(folder, lock) : Prepare(options, lock);
-  const bool done = RecordAll(folder, sweep, options.quiet);
-  Show(folder, sweep);
+  Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
+  const bool done = RecordAll(folder, sweep, options.output);
+  PrintSweep(folder, options.output, options.style);
   return done ? kExitOk : kExitFailure;
 }
 
@@ -199,23 +170,35 @@ void AddSweep(CLI::App& app, int& status) {
   SweepSettings& settings = options->settings;
   CLI::Option* const config =
       command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
-  CLI::Option* const resume = command->add_option(
-      "--resume", options->resume, "Continue the sweep in this folder; if all its runs are done, show it");
-  const auto add = [command, resume](const char* name, auto& value, const char* help) {
-    return command->add_option(name, value, help)->excludes(resume);
+  CLI::Option* const resume =
+      command
+          ->add_option("--resume", options->resume,
+                       "Continue the sweep in this folder; if all its runs are done, show it")
+          ->type_name("DIR");
+  const auto add = [command, resume](const char* name, auto& value, const char* type, const char* help) {
+    return command->add_option(name, value, help)->type_name(type)->excludes(resume);
   };
   config->excludes(resume);
-  add("--levels", options->levels, "Section and its levels, as in CPU=0,1,2..4; once for each section")
+  add("--levels", options->levels, "SECTION=LEVELS",
+      "Section and its levels, as in CPU=0,1,2..4; once for each section")
       ->allow_extra_args(false);
-  add("--repeat", settings.repeats, "Runs of each point")->check(CLI::Range(1, 1000))->capture_default_str();
-  add("--warmup", settings.warmupS, "Seconds at the start of each run that figures leave out")
-      ->check(CLI::Range(0.0, 1e6))
+  add("--repeat", settings.repeats, "N", "Runs of each point")
+      ->check(WholeNumberFrom(1, 1000))
+      ->capture_default_str();
+  add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
+      ->check(NumberFrom(0, kMostSeconds))
       ->capture_default_str();
   CLI::Option* const seed =
-      add("--seed", settings.seed, "Seed of the random order (default: a new one each time)");
-  add("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)");
+      add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
+          ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+  add("-o,--output", options->folder, "DIR", "Sweep folder to make (default: sweep-TIME)");
   AddRunSettings(*command, settings, resume);
-  command->add_flag("--quiet", options->quiet, "Show no table during a run");
+  AddOutput(*command, options->output);
+  AddColour(*command, options->style);
+  command->footer(
+      "Examples:\n"
+      "  stress_scope sweep config/all.yaml --levels CPU=0..4 --levels VENC=0,1,2 -o grid\n"
+      "  stress_scope sweep --resume grid");
   command->callback([options, seed, &status] {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("sweep-");

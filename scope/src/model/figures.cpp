@@ -48,8 +48,7 @@ void SetRates(Work& work, double spanS) {
 
 const std::vector<FigureKind>& FigureKinds() {
   static const std::vector<FigureKind> kKinds = {
-      {Figure::kCount, "operations", "operations", "", false, false, "", CountText,
-       CountOf<&Work::operations>},
+      {Figure::kCount, "operations", "ops", "", false, false, "", CountText, CountOf<&Work::operations>},
       {Figure::kOperations, "ops", "ops/s", "op/s", false, true, "rate", RateText,
        [](const Work& work) { return std::optional(work.operationsPerS); }},
       {Figure::kBandwidth, "bandwidth", "GB/s", "GB/s", false, true, "bandwidth", BandwidthText,

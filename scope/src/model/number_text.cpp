@@ -18,12 +18,14 @@ std::string ShortNumber(double value) {
 }
 
 std::string Latency(std::uint64_t ns) {
-  const auto value = static_cast<double>(ns);
   if (ns == 0) return "-";
-  if (ns < 1000) return Format("%.0f ns", value);
-  if (ns < 1'000'000) return Format("%.2f us", value / 1e3);
-  if (ns < 1'000'000'000) return Format("%.2f ms", value / 1e6);
-  return Format("%.2f s", value / 1e9);
+  if (ns < 1000) return std::to_string(ns) + " ns";
+  const char* const units[] = {" us", " ms", " s"};
+  double value = static_cast<double>(ns) / 1e3;
+  std::size_t unit = 0;
+  // Three digits show 1 %. A value that would be rounded to 1000 gets the next unit.
+  for (; value >= 999.5 && unit < 2; ++unit) value /= 1000;
+  return Format(value < 10 ? "%.2f" : value < 100 ? "%.1f" : "%.0f", value) + units[unit];
 }
 
 }  // namespace scope

@@ -66,8 +66,9 @@ std::string OwnFolder() {
 std::string FindBenchmark(const std::string& given) {
   const std::string path = given.empty() ? OwnFolder() + "/stress_benchmark" : given;
   if (access(path.c_str(), X_OK) != 0) {
-    throw UserError("cannot run the benchmark " + path + ": " + std::strerror(errno) +
-                    (given.empty() ? ". Give its path with --benchmark." : ""));
+    throw UserError(
+        "cannot run the benchmark " + path + ": " + std::strerror(errno) +
+        (given.empty() ? ". Give its path with --benchmark." : ". Check the path after --benchmark."));
   }
   return path;
 }
@@ -299,12 +300,12 @@ class Recording {
     info_.exitStatus = child_->ExitStatus();
     info_.signal = child_->EndSignal();
     if (meter_->Unmeasured() != 0) {
-      Tell(std::to_string(meter_->Unmeasured()) +
-           " calls were not measured: there are more threads than the meter can count");
+      Tell("the meter did not measure " + Counted(meter_->Unmeasured(), "call") +
+           ": there are more threads than it can count");
     }
     if (meter_->DelayedSamples() != 0) {
-      Tell(std::to_string(meter_->DelayedSamples()) +
-           " samples arrived a second late: the recorder was too slow");
+      Tell("the recorder was too slow: " + Counted(meter_->DelayedSamples(), "sample") +
+           " arrived a second late");
     }
     // Tried even after a failed write: there may be room again, and these files do not need the others.
     if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });

@@ -75,15 +75,26 @@ std::string CannotTellText(const Side& a, const Side& b, const Comparison& compa
          "About " + RepeatsText(comparison.repeats) + " of each would show it.";
 }
 
-std::string RowVerdict(const ComparedFigure& figure) {
-  std::string text = VerdictText(figure.verdict);
+std::string Painted(const std::string& text, Verdict verdict, const TextStyle& style) {
+  if (verdict == Verdict::kBetter) return Painted(text, Colour::kGood, style);
+  if (verdict == Verdict::kWorse) return Painted(text, Colour::kBad, style);
+  return verdict == Verdict::kCannotTell ? Painted(text, Colour::kUnclear, style) : text;
+}
+
+std::string Painted(const std::string& text, Answer answer, const TextStyle& style) {
+  if (answer == Answer::kWorse) return Painted(text, Colour::kBad, style);
+  return Painted(text, answer == Answer::kCannotTell ? Colour::kUnclear : Colour::kGood, style);
+}
+
+std::string RowVerdict(const ComparedFigure& figure, const TextStyle& style) {
+  std::string text = Painted(VerdictText(figure.verdict), figure.verdict, style);
   if (figure.verdict == Verdict::kCannotTell && figure.repeats) {
     text += ": " + RepeatsText(figure.repeats) + " repeats";
   }
   return text + (figure.note.empty() ? "" : ": " + figure.note);
 }
 
-std::string TableOf(const Comparison& comparison) {
+std::string TableOf(const Comparison& comparison, const TextStyle& style) {
   TextTable table("lllrrrrrl");
   table.Add({"engine", "figure", "unit", "A", "B", "B - A", "from", "to", "verdict"});
   for (const ComparedFigure& figure : comparison.figures) {
@@ -92,9 +103,9 @@ std::string TableOf(const Comparison& comparison) {
                figure.b ? ShortNumber(*figure.b) : "-",
                figure.differencePercent ? Percent(*figure.differencePercent) : "-",
                figure.interval ? Percent(figure.interval->low) : "-",
-               figure.interval ? Percent(figure.interval->high) : "-", RowVerdict(figure)});
+               figure.interval ? Percent(figure.interval->high) : "-", RowVerdict(figure, style)});
   }
-  return table.Text();
+  return table.Text(style.width, 2);
 }
 
 }  // namespace
@@ -156,8 +167,8 @@ std::string AnswerSentence(const Side& a, const Side& b, const Comparison& compa
 }
 
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
-                           const std::vector<ConditionDifference>& differences,
-                           const CompareOptions& options) {
+                           const std::vector<ConditionDifference>& differences, const CompareOptions& options,
+                           const TextStyle& style) {
   std::string text = "A: " + a.name + " (" + RunsText(a.runs.size()) + ")\nB: " + b.name + " (" +
                      RunsText(b.runs.size()) + ")\n";
   text += Format("After the first %g s of each run. ", options.skipS);
@@ -175,13 +186,13 @@ std::string ComparisonText(const Side& a, const Side& b, const Comparison& compa
     text += "Different, as allowed: " + difference.name + ": " + difference.a + " in A, " + difference.b +
             " in B\n";
   }
-  text += '\n' + TableOf(comparison);
+  text += '\n' + TableOf(comparison, style);
   for (const Finding& finding : comparison.findings) {
     text += std::string("\n") + (finding.worse ? "worse: " : "note: ") + finding.text;
   }
   for (const std::string& note : comparison.notes) text += "\nnote: " + note;
   if (!comparison.findings.empty() || !comparison.notes.empty()) text += '\n';
-  return text + '\n' + AnswerSentence(a, b, comparison, options) + '\n';
+  return text + '\n' + Painted(AnswerSentence(a, b, comparison, options), comparison.answer, style) + '\n';
 }
 
 }  // namespace scope

@@ -6,14 +6,15 @@
 
 #include "compare.h"
 #include "compare_conditions.h"
+#include "text_style.h"
 
 namespace scope {
 
 /// The comparison as text for people. Its last line is the AnswerSentence. `differences` lists the differing
 /// conditions that the user allowed.
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
-                           const std::vector<ConditionDifference>& differences,
-                           const CompareOptions& options);
+                           const std::vector<ConditionDifference>& differences, const CompareOptions& options,
+                           const TextStyle& style = {});
 
 /// The same as JSON; scope/FORMAT.md describes it.
 std::string ComparisonJson(const Side& a, const Side& b, const Comparison& comparison,

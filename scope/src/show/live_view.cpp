@@ -14,6 +14,7 @@
 #include "figures.h"
 #include "number_text.h"
 #include "text_format.h"
+#include "text_style.h"
 
 namespace scope {
 namespace {
@@ -41,12 +42,12 @@ class LiveView : public View {
     std::vector<std::string> lines;
     lines.push_back(Format("%5.0f s of %.0f s  ", timeS, runTimeS) + ProgressBar(timeS, runTimeS, kBarWidth));
     std::string head = Format("%-6s %7s", "engine", "threads");
-    ForEachOfASecond([&head](const FigureKind& kind) { head += Format(" %10s", kind.title); });
+    ForEachOfASecond([&head](const FigureKind& kind) { head += Format(" %9s", kind.title); });
     lines.push_back(head + "  ops/s over time");
     for (const auto& [engine, second] : figures.Last()) {
       std::string line = Format("%-6s %7d", engine.c_str(), second.threads);
       ForEachOfASecond([&line, &work = second](const FigureKind& kind) {
-        line += Format(" %10s", FigureText(kind, work).c_str());
+        line += Format(" %9s", FigureText(kind, work).c_str());
       });
       lines.push_back(line + "  " + Sparkline(figures.History(engine), kSparkWidth) + FailuresText(second));
     }
@@ -70,10 +71,8 @@ class LiveView : public View {
     if (!cursorHidden_) Put("\033[?25l");
     cursorHidden_ = true;
     Erase();
-    winsize size{};
     // A wrapped line would take two rows, and the table would move up with each redraw.
-    std::size_t width = 80;
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) width = size.ws_col - 1U;
+    const std::size_t width = OutputWidth();
     std::string text;
     for (const std::string& line : table_) text += Cut(line, width) + "\033[K\n";
     Put(text);
@@ -124,6 +123,13 @@ std::unique_ptr<View> MakePlainView() {
 bool OutputIsTerminal() {
   const char* const terminal = std::getenv("TERM");
   return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::size_t OutputWidth() {
+  winsize size{};
+  // One column less: some terminals wrap a line that fills the last column.
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) return size.ws_col - 1U;
+  return kTextWidth;
 }
 
 std::string Describe(const std::string& engine, const EngineSample& second) {

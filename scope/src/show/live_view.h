@@ -18,6 +18,9 @@ std::unique_ptr<View> MakePlainView();
 /// True if standard output is a terminal that can move its cursor.
 bool OutputIsTerminal();
 
+/// The width of tables on standard output: that of the terminal, or kTextWidth if it is not a terminal.
+std::size_t OutputWidth();
+
 /// The figures of one engine in one line.
 std::string Describe(const std::string& engine, const EngineSample& second);
 

@@ -7,6 +7,7 @@
 #include "run.h"
 #include "run_summary.h"
 #include "run_warnings.h"
+#include "text_table.h"
 
 namespace scope {
 
@@ -24,8 +25,11 @@ constexpr std::size_t kMostRuns = 8;
 /// Reads the run folders. Throws UserError for an unusable folder, no folder, or more than kMostRuns.
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders);
 
-/// The report for a terminal, in ASCII except for texts of the runs.
-std::string ReportText(const std::vector<ReportedRun>& runs);
+/// The report for a terminal, in ASCII except for texts of the runs. Its tables fit `width` characters.
+std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width = kTextWidth);
+
+/// The data of the report's page as JSON; scope/FORMAT.md describes it.
+std::string ReportJson(const std::vector<ReportedRun>& runs);
 
 /// The report as one HTML page that loads nothing: it contains style, script, charts library and data. Texts
 /// of the runs are never interpreted as markup or script. Needs at least one run.

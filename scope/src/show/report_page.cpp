@@ -201,7 +201,9 @@ std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
 }
 
 Json ReportData(const std::vector<ReportedRun>& runs) {
-  Json data{{"tool", kToolVersion},
+  Json data{{"format", 1},
+            {"kind", "report"},
+            {"tool", kToolVersion},
             {"warmup_s", CompareOptions().skipS},
             {"figures", Column(FigureKinds(), FigureJson)},
             {"engines", Json::array()},
@@ -227,6 +229,10 @@ std::string ScriptJson(const Json& json) {
 }
 
 }  // namespace
+
+std::string ReportJson(const std::vector<ReportedRun>& runs) {
+  return ReportData(runs).dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+}
 
 std::string ReportPage(const std::vector<ReportedRun>& runs) {
   constexpr std::string_view kPlace = "@REPORT_DATA@";

@@ -16,7 +16,7 @@ std::string Head(const ReportedRun& reported) {
                      Format(", %.1f s, ", info.durationS) + (info.complete ? "complete" : "incomplete");
   std::vector<std::string> parts;
   if (!machine.cpuModel.empty()) parts.push_back(machine.cpuModel);
-  if (machine.cpuCount > 0) parts.push_back(Format("%d CPUs", machine.cpuCount));
+  if (machine.cpuCount > 0) parts.push_back(Counted(static_cast<std::uint64_t>(machine.cpuCount), "CPU"));
   if (machine.memTotalBytes > 0)
     parts.push_back(Format("%.1f GB", static_cast<double>(machine.memTotalBytes) / 1e9));
   if (!machine.kernel.empty()) parts.push_back("Linux " + machine.kernel);
@@ -39,7 +39,7 @@ std::vector<std::string> Row(const std::string& engine, const EngineSummary* mea
   return row;
 }
 
-std::string Table(const RunSummary& summary) {
+std::string Table(const RunSummary& summary, std::size_t width) {
   TextTable table("l");
   std::vector<std::string> head = {"  engine", "threads"};
   std::vector<std::string> all = {"  all", ""};
@@ -58,19 +58,19 @@ std::string Table(const RunSummary& summary) {
     if (!shown) table.Add(Row(printed.engine.empty() ? printed.stress : printed.engine, nullptr, &printed));
   }
   if (summary.gigabytesPerS) table.Add(all);
-  return table.Text();
+  return table.Text(width);
 }
 
 }  // namespace
 
-std::string ReportText(const std::vector<ReportedRun>& runs) {
+std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) {
   std::string text;
   for (const ReportedRun& reported : runs) {
     if (!text.empty()) text += "\n";
     text += Head(reported);
     const bool empty = reported.summary.engines.empty() && reported.summary.printed.empty();
-    text +=
-        empty ? "  nothing was recorded: neither an operation nor a rate line\n" : Table(reported.summary);
+    text += empty ? "  nothing was recorded: neither an operation nor a rate line\n"
+                  : Table(reported.summary, width);
     if (!reported.run.info.conditions.meter && !empty) {
       text += "  no meter: only rate lines, without operations, bytes and latencies\n";
     }

@@ -43,7 +43,7 @@ std::string CurveText(const SweepTable& table) {
   return "Total bandwidth against the level of " + table.axes[0].section + "\n" + rows.Text();
 }
 
-std::string MapText(const SweepTable& table) {
+std::string MapText(const SweepTable& table, std::size_t width) {
   static const char* const kShades[] = {"  ", "░░", "▒▒", "▓▓", "██"};
   const SweepAxis& down = table.axes[0];
   const SweepAxis& across = table.axes[1];
@@ -63,12 +63,12 @@ std::string MapText(const SweepTable& table) {
     rows.Add(row);
   }
   return "Total bandwidth, GB/s, by the levels of " + down.section + " and " + across.section +
-         " (darkest: " + ShortNumber(greatest) + ")\n" + rows.Text();
+         " (darkest: " + ShortNumber(greatest) + ")\n" + rows.Text(width);
 }
 
 }  // namespace
 
-std::string TableText(const SweepTable& table) {
+std::string TableText(const SweepTable& table, std::size_t width) {
   std::vector<std::pair<std::string, FigureKey>> columns;
   for (const std::string& engine : table.engines) {
     if (HasFigure(table, {engine, Figure::kOperations})) {
@@ -92,13 +92,13 @@ std::string TableText(const SweepTable& table) {
     for (const auto& [title, key] : columns) row.push_back(OrDash(MedianOf(point, key)));
     rows.Add(row);
   }
-  return rows.Text();
+  return rows.Text(width, table.axes.size() + 1);
 }
 
-std::string BandwidthText(const SweepTable& table) {
+std::string BandwidthText(const SweepTable& table, std::size_t width) {
   if (GreatestBandwidth(table) <= 0) return {};
   if (table.axes.size() == 1) return CurveText(table);
-  if (table.axes.size() == 2) return MapText(table);
+  if (table.axes.size() == 2) return MapText(table, width);
   return {};
 }
 

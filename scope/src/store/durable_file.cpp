@@ -86,7 +86,8 @@ std::string TimedFolder(const std::string& prefix) {
 void MakeFolder(const std::string& path) {
   std::error_code error;
   fs::create_directories(path, error);
-  if (error) throw UserError("cannot make the folder " + path + ": " + error.message());
+  if (error)
+    throw UserError("cannot make the folder " + path + ": " + error.message() + ". Choose another one.");
 }
 
 void RequireNoLink(const std::string& path) {
