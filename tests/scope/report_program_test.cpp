@@ -57,6 +57,16 @@ TEST_F(ReportProgramTest, PutsSeveralRunsOnOnePage) {
   EXPECT_FALSE(fs::exists(run_ + "/report.html"));
 }
 
+TEST_F(ReportProgramTest, ShowsNamesOfFoldersWithoutWhatControlsATerminal) {
+  const std::string hostile = folder_ / "a\033[2Jb";
+  made_run::Write(made_run::Run(), hostile);
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"report", hostile}, {"compare", hostile, hostile}}) {
+    const ToolResult result = RunProgram(STRESS_SCOPE, arguments);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("a\\x1b[2Jb"), Not(HasSubstr("\033")))) << result.errors;
+  }
+}
+
 TEST_F(ReportProgramTest, TextWritesNoPage) {
   const ToolResult result = Report({run_, "--text"});
   EXPECT_EQ(result.status, 0) << result.errors;

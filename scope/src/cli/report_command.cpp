@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "printable.h"
 #include "report.h"
 #include "sweep_folder.h"
 
@@ -38,7 +39,7 @@ int Report(const ReportOptions& options) {
   const std::string file = page ? WriteReport(runs, options.file) : std::string();
   if (options.output == Output::kJson) Print(ReportJson(runs));
   if (options.output == Output::kText)
-    Print(ReportText(runs, options.style.width) + (page ? "\nreport in " + file + "\n" : ""));
+    Print(ReportText(runs, options.style.width) + (page ? "\nreport in " + Printable(file) + "\n" : ""));
   return kExitOk;
 }
 

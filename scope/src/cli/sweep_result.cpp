@@ -10,6 +10,7 @@
 #include "compare_input.h"
 #include "comparison_text.h"
 #include "errors.h"
+#include "printable.h"
 #include "sweep_folder.h"
 #include "sweep_json.h"
 #include "sweep_plan.h"
@@ -61,7 +62,7 @@ void PrintSweep(const std::string& folder, Output output, const TextStyle& style
   for (const std::string& part : {BandwidthText(table, style.width), SaturationText(table)}) {
     if (!part.empty()) text += '\n' + part;
   }
-  for (const std::string& note : table.notes) text += "\nnote: " + note;
+  for (const std::string& note : table.notes) text += "\nnote: " + Printable(note);
   if (!table.notes.empty()) text += '\n';
   if (!comparison.empty()) text += '\n' + comparison;
   Print(text);

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "number_text.h"
+#include "printable.h"
 #include "text_format.h"
 #include "text_table.h"
 
@@ -51,7 +52,7 @@ std::string WorseText(const Comparison& comparison) {
   const std::string figures = FiguresText(comparison, Verdict::kWorse);
   if (!figures.empty()) texts.push_back(figures);
   for (const Finding& finding : comparison.findings) {
-    if (finding.worse) texts.push_back(finding.text);
+    if (finding.worse) texts.push_back(Printable(finding.text));
   }
   return Joined(texts, "; ");
 }
@@ -188,9 +189,9 @@ std::string ComparisonText(const Side& a, const Side& b, const Comparison& compa
   }
   text += '\n' + TableOf(comparison, style);
   for (const Finding& finding : comparison.findings) {
-    text += std::string("\n") + (finding.worse ? "worse: " : "note: ") + finding.text;
+    text += std::string("\n") + (finding.worse ? "worse: " : "note: ") + Printable(finding.text);
   }
-  for (const std::string& note : comparison.notes) text += "\nnote: " + note;
+  for (const std::string& note : comparison.notes) text += "\nnote: " + Printable(note);
   if (!comparison.findings.empty() || !comparison.notes.empty()) text += '\n';
   return text + '\n' + Painted(AnswerSentence(a, b, comparison, options), comparison.answer, style) + '\n';
 }

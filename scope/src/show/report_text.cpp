@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "engines.h"
+#include "printable.h"
 #include "report.h"
 #include "text_format.h"
 #include "text_table.h"
@@ -12,8 +13,9 @@ namespace {
 std::string Head(const ReportedRun& reported) {
   const RunInfo& info = reported.run.info;
   const Conditions& machine = info.conditions;
-  std::string text = reported.name + "\n  " + reported.run.folder + ": " + info.kind + " of " + info.started +
-                     Format(", %.1f s, ", info.durationS) + (info.complete ? "complete" : "incomplete");
+  std::string text = Printable(reported.name + "\n  " + reported.run.folder) + ": " + info.kind + " of " +
+                     info.started + Format(", %.1f s, ", info.durationS) +
+                     (info.complete ? "complete" : "incomplete");
   std::vector<std::string> parts;
   if (!machine.cpuModel.empty()) parts.push_back(machine.cpuModel);
   if (machine.cpuCount > 0) parts.push_back(Counted(static_cast<std::uint64_t>(machine.cpuCount), "CPU"));
@@ -74,7 +76,7 @@ std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) 
     if (!reported.run.info.conditions.meter && !empty) {
       text += "  no meter: only rate lines, without operations, bytes and latencies\n";
     }
-    for (const Warning& warning : reported.warnings) text += "  warning: " + warning.text + "\n";
+    for (const Warning& warning : reported.warnings) text += "  warning: " + Printable(warning.text) + "\n";
   }
   return text;
 }
