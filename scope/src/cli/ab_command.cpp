@@ -21,6 +21,7 @@
 #include "experiment_plan.h"
 #include "folder_lock.h"
 #include "live_view.h"
+#include "record.h"
 #include "run_reader.h"
 #include "series.h"
 #include "setting_switch.h"

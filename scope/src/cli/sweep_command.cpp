@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "folder_lock.h"
 #include "live_view.h"
+#include "record.h"
 #include "run_reader.h"
 #include "series.h"
 #include "sweep_folder.h"
