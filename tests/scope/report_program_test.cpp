@@ -3,6 +3,7 @@
 // Runs stress_scope report as a user does: the page that it writes, and its errors for bad input.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -78,6 +79,14 @@ TEST_F(ReportProgramTest, ReplacesTheReportThatWasThere) {
   folder_.Put("before/report.html", "old");
   EXPECT_EQ(Report({run_}).status, 0);
   EXPECT_THAT(folder_.Get("before/report.html"), HasSubstr("<!DOCTYPE html>"));
+}
+
+// To open a pipe for writing is to wait for a reader.
+TEST_F(ReportProgramTest, ReplacesAPipeThatStandsInTheFolder) {
+  ASSERT_EQ(mkfifo((run_ + "/report.html").c_str(), 0600), 0);
+  const ToolResult result = Report({run_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_TRUE(fs::is_regular_file(run_ + "/report.html"));
 }
 
 TEST_F(ReportProgramTest, RefusesWrongArguments) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -238,7 +239,39 @@ TEST_F(SweepTest, RefusesForeignSweeps) {
   sweep.runs[0].folder = "run-0001";
   sweep.runs[0].levels = {{"CPU", 2}};
   WriteSweep(Folder(), sweep);
-  EXPECT_THAT(ErrorOf([&] { (void)ReadSweep(Folder()); }), HasSubstr("is not a point of the grid"));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadSweep(Folder()); }), HasSubstr("is not the next point of the grid"));
+}
+
+TEST_F(SweepTest, RefusesASweepWhoseRunsAreNotItsGrid) {
+  std::filesystem::create_directories(Folder());
+  const auto error = [&](const std::function<void(Sweep&)>& change) {
+    Sweep sweep;
+    sweep.settings.repeats = 2;
+    sweep.axes = ParseAxes({"CPU=0..2", "VPC=1,2"});
+    sweep.runs = PlanRuns(sweep.axes, 2, 1);
+    change(sweep);
+    WriteSweep(Folder(), sweep);
+    return ErrorOf([&] { (void)ReadSweep(Folder()); });
+  };
+  EXPECT_EQ(error([](Sweep&) {}), "");
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.runs.pop_back(); }),
+              HasSubstr("the grid has 12 runs, found 11"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.runs.clear(); }), HasSubstr("the grid has 12 runs, found 0"));
+  EXPECT_THAT(error([](Sweep& sweep) { std::swap(sweep.runs[0], sweep.runs[1]); }),
+              HasSubstr("run-0002 is not the next point"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.runs[3].folder = "run-0001"; }),
+              HasSubstr("two runs have the folder run-0001"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.runs[3].order = sweep.runs[2].order; }),
+              HasSubstr("order of the run run-0004"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.runs[3].order = 13; }), HasSubstr("order of the run run-0004"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.settings.repeats = 0; }), HasSubstr("repeats of 1 or more"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.axes[0].levels = {0, 1, 11}; }),
+              HasSubstr("expected levels of CPU from 0 to 10, each once"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.axes[0].levels = {0, 1, 1}; }), HasSubstr("levels of CPU"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.axes[0].levels.clear(); }), HasSubstr("levels of CPU"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.axes[0].section = "\033[2J"; }),
+              HasSubstr("expected sections of engines, each once"));
+  EXPECT_THAT(error([](Sweep& sweep) { sweep.axes.clear(); }), HasSubstr("the grid has no section"));
 }
 
 TEST_F(SweepTest, RecordsTheGridInItsOrder) {

@@ -7,7 +7,6 @@
 #include <system_error>
 
 #include "errors.h"
-#include "printable.h"
 #include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -26,7 +25,7 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
     if (std::none_of(sweep.axes.begin(), sweep.axes.end(), isSection)) refuse(section + " was not swept");
   }
   Side side;
-  side.name = Printable(argument);
+  side.name = argument;
   side.warmupS = sweep.settings.warmupS;
   bool isPoint = false;
   for (const SweepRun& run : sweep.runs) {
@@ -59,7 +58,7 @@ Side ReadSide(const std::string& argument) {
     throw UserError(argument + " is a sweep: name a point of it, as in " + argument + ":CPU=1,VENC=2");
   }
   Side side;
-  side.name = Printable(argument);
+  side.name = argument;
   if (!IsRunFolder(argument) && fs::is_directory(argument, ignored)) {
     std::set<std::string> folders;
     for (const auto& entry : fs::directory_iterator(argument, ignored)) {

@@ -170,8 +170,8 @@ std::string AnswerSentence(const Side& a, const Side& b, const Comparison& compa
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences, const CompareOptions& options,
                            const TextStyle& style) {
-  std::string text = "A: " + a.name + " (" + RunsText(a.runs.size()) + ")\nB: " + b.name + " (" +
-                     RunsText(b.runs.size()) + ")\n";
+  std::string text = "A: " + Printable(a.name) + " (" + RunsText(a.runs.size()) +
+                     ")\nB: " + Printable(b.name) + " (" + RunsText(b.runs.size()) + ")\n";
   text += Format("After the first %g s of each run. ", options.skipS);
   if (std::min(a.runs.size(), b.runs.size()) < 2) {
     text += "No intervals and no verdicts: they need two runs a side or more.\n";

@@ -47,8 +47,10 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
     path = runs.size() == 1 ? (fs::path(runs.front().run.folder) / "report.html").string() : "report.html";
   const std::string page = ReportPage(runs);
   std::error_code ignored;
-  if (fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
-    OutputFile(path).Write(page);  // a device or a pipe is written to, not replaced
+  // A device or a pipe that the user names is written to. One that stands in a run folder may come from
+  // elsewhere: it is replaced.
+  if (!file.empty() && fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
+    OutputFile(path).Write(page);
     return path;
   }
   ReplaceFile(path, page);

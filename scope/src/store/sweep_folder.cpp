@@ -2,11 +2,16 @@
 #include "sweep_folder.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "engines.h"
 #include "errors.h"
 #include "series_json.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -54,6 +59,61 @@ SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
   return run;
 }
 
+// Another program may have written the file, or somebody who means harm.
+void RequireAxes(const Sweep& sweep, const std::string& path) {
+  std::set<std::string> sections;
+  for (const SweepAxis& axis : sweep.axes) {
+    if (FindEngine(&EngineInfo::section, axis.section) == nullptr || !sections.insert(axis.section).second) {
+      throw DamagedFolder(path + ": expected sections of engines, each once, found \"" + axis.section + "\"");
+    }
+    const std::set<int> levels(axis.levels.begin(), axis.levels.end());
+    if (levels.empty() || levels.size() != axis.levels.size() || *levels.begin() < 0 ||
+        *levels.rbegin() > kMostLevel) {
+      throw DamagedFolder(path + ": expected levels of " + axis.section + " from 0 to " +
+                          std::to_string(kMostLevel) + ", each once");
+    }
+  }
+  if (sections.empty()) throw DamagedFolder(path + ": the grid has no section");
+}
+
+// The levels of the grid's point `index`.
+SweepLevels PointOfGrid(const std::vector<SweepAxis>& axes, std::size_t index) {
+  SweepLevels point;
+  for (auto axis = axes.rbegin(); axis != axes.rend(); ++axis) {
+    point.emplace_back(axis->section, axis->levels[index % axis->levels.size()]);
+    index /= axis->levels.size();
+  }
+  std::reverse(point.begin(), point.end());
+  return point;
+}
+
+void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
+  if (sweep.settings.repeats < 1) throw DamagedFolder(path + ": expected repeats of 1 or more");
+  const auto repeats = static_cast<std::size_t>(sweep.settings.repeats);
+  std::size_t count = repeats;
+  for (const SweepAxis& axis : sweep.axes) count *= axis.levels.size();
+  if (count != sweep.runs.size()) {
+    throw DamagedFolder(path + ": the grid has " + Counted(count, "run") + ", found " +
+                        std::to_string(sweep.runs.size()));
+  }
+  std::set<int> orders;
+  std::set<std::string> folders;
+  for (std::size_t i = 0; i < count; ++i) {
+    const SweepRun& run = sweep.runs[i];
+    if (run.levels != PointOfGrid(sweep.axes, i / repeats) ||
+        run.repeat != static_cast<int>(i % repeats) + 1) {
+      throw DamagedFolder(path + ": the run " + run.folder + " is not the next point of the grid");
+    }
+    if (!orders.insert(run.order).second || run.order < 1 || static_cast<std::size_t>(run.order) > count) {
+      throw DamagedFolder(path + ": the order of the run " + run.folder + " is not one of 1 to " +
+                          std::to_string(count) + ", each once");
+    }
+    if (!folders.insert(run.folder).second) {
+      throw DamagedFolder(path + ": two runs have the folder " + run.folder);
+    }
+  }
+}
+
 Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
@@ -63,15 +123,8 @@ Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
     sweep.axes.push_back({section, levels.get<std::vector<int>>()});
   }
   for (const SeriesJson& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
-  for (const SweepRun& run : sweep.runs) {
-    const bool fits =
-        std::equal(run.levels.begin(), run.levels.end(), sweep.axes.begin(), sweep.axes.end(),
-                   [](const auto& level, const SweepAxis& axis) {
-                     return level.first == axis.section &&
-                            std::count(axis.levels.begin(), axis.levels.end(), level.second) == 1;
-                   });
-    if (!fits) throw DamagedFolder(path + ": the run " + run.folder + " is not a point of the grid");
-  }
+  RequireAxes(sweep, path);
+  RequireRunsOfGrid(sweep, path);
   return sweep;
 }
 
