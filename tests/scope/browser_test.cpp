@@ -237,7 +237,7 @@ TEST_F(ReportInBrowser, MarksWarningsOnTheTimeAxis) {
   const Visit visit = Open(run, "report_marks", 6200);
   EXPECT_THAT(visit.Text(),
               AllOf(HasSubstr("1 venc: 30 operations failed from 12 s on"),
-                    HasSubstr("2 throttle: cpu0: throttled 1 times during the run from 31 s on")));
+                    HasSubstr("2 throttle: cpu0: throttled 1 time during the run from 31 s on")));
   const json failures = json::parse(R"([{"x": 12, "text": "1"}])");
   const json throttled = json::parse(R"([{"x": 31, "text": "2"}])");
   EXPECT_EQ(visit.Chart("venc-rate")["marks"], failures);

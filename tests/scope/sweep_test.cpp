@@ -253,7 +253,7 @@ TEST_F(SweepTest, RefusesASweepWhoseRunsAreNotItsGrid) {
     WriteSweep(Folder(), sweep);
     return ErrorOf([&] { (void)ReadSweep(Folder()); });
   };
-  EXPECT_EQ(error([](Sweep&) {}), "");
+  EXPECT_EQ(error([](Sweep&) {}), "no error");
   EXPECT_THAT(error([](Sweep& sweep) { sweep.runs.pop_back(); }),
               HasSubstr("the grid has 12 runs, found 11"));
   EXPECT_THAT(error([](Sweep& sweep) { sweep.runs.clear(); }), HasSubstr("the grid has 12 runs, found 0"));
