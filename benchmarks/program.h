@@ -7,11 +7,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "prepare_process.h"
+
 namespace measure {
 
-/// Answers --help (or -h) with `usage` and --version, and ends the program. Refuses other options in the same
-/// way, with status 2. Returns if the first argument is not an option.
+/// The first call of main: makes the process independent of how it was started (PrepareProcess). Answers
+/// --help (or -h) with `usage` and --version, and ends the program. Refuses other options in the same way,
+/// with status 2. Returns if the first argument is not an option.
 inline void AnswerOptions(int argc, char** argv, const char* name, const char* usage) {
+  stress::PrepareProcess();
   if (argc < 2 || argv[1][0] != '-') return;
   if (std::strcmp(argv[1], "--version") == 0) {
     (void)std::printf("%s " STRESS_VERSION "\n", name);
