@@ -146,6 +146,7 @@ TEST(VerdictSimulation, BScattersTwiceAsMuch) {
     const Tally tally = Simulate(4, repeats, false, 2);
     PrintRow("as A, twice the scatter", 4, repeats, tally);
     EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+    EXPECT_LE(tally.Share(tally.answeredWorse), AtMost(0.05, tally.comparisons));
   }
 }
 
@@ -188,6 +189,7 @@ TEST(VerdictSimulation, TheRepeatsThatItAsksForAreEnough) {
       PrintRow(slower ? "one engine 5 % slower" : "as A", engines, static_cast<int>(std::lround(repeats)),
                tally);
       EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
+      if (!slower) EXPECT_LE(tally.Share(tally.answeredWorse), AtMost(0.05, tally.comparisons)) << engines;
       const int told = slower ? tally.seen : tally.answeredClear;
       EXPECT_GE(tally.Share(told), NotBelow(0.8, tally.comparisons)) << engines << " engines, from " << pilot;
     }
@@ -232,6 +234,7 @@ void CheckExperiments(const std::vector<int>& numbersOfEngines, double drift) {
                tally);
       EXPECT_LE(tally.Share(tally.falseVerdicts), AtMost(0.05, tally.comparisons));
       if (slower) EXPECT_GE(tally.Share(tally.seen), NotBelow(0.8, tally.comparisons)) << engines;
+      if (!slower) EXPECT_LE(tally.Share(tally.answeredWorse), AtMost(0.05, tally.comparisons)) << engines;
     }
   }
 }
