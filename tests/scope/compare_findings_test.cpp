@@ -59,7 +59,7 @@ TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {
 TEST(CompareFindings, WhatOnlyAHasIsToldAndNotWorse) {
   const auto findings = Findings({Counting("throttle", "cpu0", 2)}, {Complete()});
   ASSERT_EQ(findings.size(), 1U);
-  EXPECT_EQ(findings[0].text, "throttled for heat in 1 of 1 runs of A (2 in all), in none of B");
+  EXPECT_EQ(findings[0].text, "throttled for heat in 1 of 1 run of A (2 in all), in none of B");
   EXPECT_FALSE(findings[0].worse);
 }
 
@@ -83,11 +83,11 @@ TEST(CompareFindings, IncompleteRunsAreToldWithTheirReason) {
   incomplete.info.incompleteReason = "the power went";
   auto findings = Findings({Complete()}, {incomplete});
   ASSERT_EQ(findings.size(), 1U);
-  EXPECT_EQ(findings[0].text, "incomplete runs in 1 of 1 runs of B (the power went), in none of A");
+  EXPECT_EQ(findings[0].text, "incomplete runs in 1 of 1 run of B (the power went), in none of A");
   EXPECT_TRUE(findings[0].worse);
   findings = Findings({incomplete}, {incomplete, incomplete});
   EXPECT_EQ(findings.at(0).text,
-            "incomplete runs in 1 of 1 runs of A (the power went), in 2 of 2 runs of B (the power went)");
+            "incomplete runs in 1 of 1 run of A (the power went), in 2 of 2 runs of B (the power went)");
   EXPECT_FALSE(findings[0].worse);
 }
 

@@ -86,6 +86,13 @@ TEST(FailureWatchTest, AWorkerThatEndsEarly) {
   EXPECT_THAT(watch.Failures(10, true), IsEmpty()) << "an operation of 4 s may still run";
 }
 
+TEST(FailureWatchTest, TheOnlyWorkerThatEndsEarly) {
+  FailureWatch watch = TenSeconds({{"cpu", 1}, {"vpc", 1}}, "cpu", 1);
+  watch.Add({Worked("vpc", 0, 4, 5), Worked("vpc", 0, 10, 0)});
+  EXPECT_THAT(watch.Failures(10, true),
+              ElementsAre("vpc: 1 of 1 worker ended early, the first after 4 s of 10 s"));
+}
+
 TEST(FailureWatchTest, WithoutTheMeterAStressThatIsNotPrinted) {
   FailureWatch watch({{"cpu", 1}, {"venc", 1}, {"vpc", 0}}, false);
   EXPECT_THAT(watch.Failures(10, true), IsEmpty()) << "nothing was printed";

@@ -89,7 +89,8 @@ bool IsCounted(Trouble trouble) {
 std::string SideText(const Occurrence& occurrence, std::size_t runs, bool isCounted, const char* side) {
   double sum = 0;
   for (const double count : occurrence.counts) sum += count;
-  std::string text = Format("in %zu of %zu runs of %s", occurrence.counts.size(), runs, side);
+  std::string text =
+      Format("in %zu of %s of %s", occurrence.counts.size(), Counted(runs, "run").c_str(), side);
   if (isCounted) text += Format(" (%.0f in all)", sum);
   if (!occurrence.example.empty()) text += " (" + occurrence.example + ")";
   return text;

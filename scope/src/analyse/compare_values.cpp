@@ -81,7 +81,8 @@ bool JudgeMissing(ComparedFigure& figure, std::size_t runsOfA, std::size_t runsO
   if (figure.aValues.empty()) return decide(Verdict::kNotJudged, "A does not have it");
   if (figure.bValues.empty()) return decide(Verdict::kWorse, "B does not have it");
   if (withoutB != 0 && figure.aValues.size() == runsOfA) {
-    return decide(Verdict::kWorse, Format("%zu of %zu runs of B do not have it", withoutB, runsOfB));
+    return decide(Verdict::kWorse,
+                  Format("%zu of %s of B do not have it", withoutB, Counted(runsOfB, "run").c_str()));
   }
   if (*figure.a == 0 && *figure.b == 0) return decide(Verdict::kNotJudged, "0 on both sides");
   if (!IsPositive(figure.aValues)) return decide(Verdict::kCannotTell, "A has runs with the value 0");

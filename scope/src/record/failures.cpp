@@ -11,10 +11,6 @@
 namespace scope {
 namespace {
 
-std::string Counted(std::uint64_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 // The records of a worker begin with the name of a function: "VPCResize() | ...", "AICoreInit() | ...". It
 // begins with the name of the worker's engine.
 bool IsOf(const BenchmarkLog::Error& error, const std::string& engine) {
@@ -88,8 +84,8 @@ std::string FailureWatch::AboutWork(const std::string& engine, int level, double
     parts.push_back(Format("%d of %d workers did nothing", level - active, level));
   }
   if (stopped != 0) {
-    parts.push_back(Format("%d of %d workers ended early, the first after %.0f s of %.0f s", stopped, active,
-                           firstS, endS));
+    parts.push_back(Format("%d of ", stopped) + Counted(static_cast<std::uint64_t>(active), "worker") +
+                    Format(" ended early, the first after %.0f s of %.0f s", firstS, endS));
   }
   return Joined(parts, ", ");
 }

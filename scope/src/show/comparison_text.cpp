@@ -14,10 +14,6 @@ namespace {
 // Larger numbers are not practical, and an exact value would suggest a certainty that is not there.
 constexpr int kManyRepeats = 9999;
 
-std::string RunsText(std::size_t runs) {
-  return std::to_string(runs) + (runs == 1 ? " run" : " runs");
-}
-
 std::string RepeatsText(const std::optional<int>& repeats) {
   if (!repeats || *repeats > kManyRepeats) return "more than " + std::to_string(kManyRepeats);
   return std::to_string(*repeats);
@@ -72,7 +68,7 @@ std::string CannotTellText(const Side& a, const Side& b, const Comparison& compa
            "above 0.";
   }
   return Format("Cannot tell: with %s of A and %zu of B a difference of %s could not be seen. ",
-                RunsText(a.runs.size()).c_str(), b.runs.size(), tolerance.c_str()) +
+                Counted(a.runs.size(), "run").c_str(), b.runs.size(), tolerance.c_str()) +
          "About " + RepeatsText(comparison.repeats) + " of each would show it.";
 }
 
@@ -170,8 +166,8 @@ std::string AnswerSentence(const Side& a, const Side& b, const Comparison& compa
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences, const CompareOptions& options,
                            const TextStyle& style) {
-  std::string text = "A: " + Printable(a.name) + " (" + RunsText(a.runs.size()) +
-                     ")\nB: " + Printable(b.name) + " (" + RunsText(b.runs.size()) + ")\n";
+  std::string text = "A: " + Printable(a.name) + " (" + Counted(a.runs.size(), "run") +
+                     ")\nB: " + Printable(b.name) + " (" + Counted(b.runs.size(), "run") + ")\n";
   text += Format("After the first %g s of each run. ", options.skipS);
   if (std::min(a.runs.size(), b.runs.size()) < 2) {
     text += "No intervals and no verdicts: they need two runs a side or more.\n";
