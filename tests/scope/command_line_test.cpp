@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -125,6 +126,26 @@ TEST_F(CommandLineTest, EachHelpHasAnExampleAndFitsAHundredColumns) {
   const ToolResult whole = RunTool({"--help"});
   EXPECT_LE(LongestLine(whole.output), 100U);
   for (const std::string command : kCommands) EXPECT_THAT(whole.output, HasSubstr("\n  " + command + " "));
+}
+
+TEST_F(CommandLineTest, TheManualHasEveryOption) {
+  std::string manual = scope::ReadText(SCOPE_MANUAL).value_or("");
+  manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());  // it writes \- for -
+  ASSERT_THAT(manual, HasSubstr(".SH OPTIONS"));
+  const std::regex option("(^|[ ,])(--?[a-z][a-z-]*)");
+  std::size_t options = 0;
+  for (const std::string command : kCommands) {
+    for (const std::string& line : LinesOf(RunTool({command, "--help"}).output)) {
+      if (line.rfind("  -", 0) != 0) continue;
+      const std::string names = line.substr(0, line.find("  ", 2));
+      for (std::sregex_iterator at(names.begin(), names.end(), option), end; at != end; ++at) {
+        ++options;
+        EXPECT_TRUE(std::regex_search(manual, std::regex("[ \n]" + at->str(2) + "[^a-z-]")))
+            << command << " " << at->str(2);
+      }
+    }
+  }
+  EXPECT_GT(options, 60U);
 }
 
 TEST_F(CommandLineTest, AnOptionSaysWhatItTakes) {
