@@ -35,6 +35,8 @@ SideRuns Read(const Side& side, const CompareOptions& options) {
 void NoteRuns(const SideRuns& side, double skipS, std::vector<std::string>& notes) {
   for (const auto& [run, summary] : side.runs) {
     for (const std::string& note : run->notes) notes.push_back(run->folder + ": " + note);
+    const std::string disturbance = Disturbance(*run).text;
+    if (!disturbance.empty()) notes.push_back(run->folder + ": " + disturbance);
     for (const auto& [key, values] : FiguresOf(summary, skipS)) {
       const std::string drift = key.figure == Figure::kOperations ? Drift(values) : std::string();
       if (!drift.empty()) notes.push_back(run->folder + ": " + key.engine + ": " + drift);

@@ -40,30 +40,6 @@ void AddBuild(const Run& run, List& warnings) {
   }
 }
 
-// Others are programs beside the benchmark and its recorder, and the machine's host (steal).
-void AddDisturbance(const Run& run, List& warnings) {
-  std::map<double, double> othersAt;
-  for (const CounterValue& value : run.counters) {
-    if (value.source == "load") othersAt[value.timeS] += value.value;
-  }
-  if (othersAt.empty() || run.info.conditions.cpuCount <= 0) return;
-  std::size_t disturbed = 0;
-  double most = 0;
-  std::optional<double> firstS;
-  for (const auto& [timeS, cpus] : othersAt) {
-    const double share = cpus / run.info.conditions.cpuCount;
-    if (share <= kDisturbed) continue;
-    ++disturbed;
-    most = std::max(most, share);
-    if (!firstS) firstS = timeS;
-  }
-  if (disturbed == 0) return;
-  warnings.push_back({Format("disturbed: %zu of %zu seconds, in which others took more than %.0f %% of the "
-                             "CPUs' time, at most %.0f %%",
-                             disturbed, othersAt.size(), kDisturbed * 100, most * 100),
-                      firstS});
-}
-
 void AddFailures(const EngineSummary& engine, List& warnings) {
   if (engine.work.failures == 0) return;
   const auto first = std::find_if(engine.seconds.begin(), engine.seconds.end(),
@@ -231,11 +207,36 @@ std::string Drift(const std::vector<double>& rates) {
   return Format("the rate is still drifting at the end, by %+.1f %% over the second half", drift * 100);
 }
 
+// Others are programs beside the benchmark and its recorder, and the machine's host (steal).
+Warning Disturbance(const Run& run) {
+  std::map<double, double> othersAt;
+  for (const CounterValue& value : run.counters) {
+    if (value.source == "load") othersAt[value.timeS] += value.value;
+  }
+  if (othersAt.empty() || run.info.conditions.cpuCount <= 0) return {};
+  std::size_t disturbed = 0;
+  double most = 0;
+  std::optional<double> firstS;
+  for (const auto& [timeS, cpus] : othersAt) {
+    const double share = cpus / run.info.conditions.cpuCount;
+    if (share <= kDisturbed) continue;
+    ++disturbed;
+    most = std::max(most, share);
+    if (!firstS) firstS = timeS;
+  }
+  if (disturbed == 0) return {};
+  return {Format("disturbed: %zu of %s, in which others took more than %.0f %% of the CPUs' time, at most "
+                 "%.0f %%",
+                 disturbed, Counted(othersAt.size(), "second").c_str(), kDisturbed * 100, most * 100),
+          firstS};
+}
+
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
   for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
-  AddDisturbance(run, warnings);
+  const Warning disturbance = Disturbance(run);
+  if (!disturbance.text.empty()) warnings.push_back(disturbance);
   for (const EngineSummary& engine : summary.engines) {
     AddFailures(engine, warnings);
     if (!IsLoad(engine.engine)) continue;

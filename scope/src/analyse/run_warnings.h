@@ -21,6 +21,10 @@ struct Warning {
 /// drift at the end, unusable printed rates, throttling and memory errors. Empty if there are none.
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 
+/// Warns of the seconds in which others than the benchmark took processor time; empty if there are none, or
+/// if the run does not know.
+Warning Disturbance(const Run& run);
+
 /// Warns if `engine`, or a thread of it, stopped working before the run ended at `endS`. The sentence does
 /// not name the engine. It is empty if all threads worked to the end, and for an engine of a set-up.
 Warning EarlyEnd(const EngineSummary& engine, double endS);

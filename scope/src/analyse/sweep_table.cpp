@@ -69,11 +69,12 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
     try {
       Run run = ReadRun(folder + "/" + planned.folder);
       const RunSummary summary = Summarise(run);
+      const std::string where = planned.folder + " (" + PointText(planned.levels) + "): ";
       const auto note = [&](const std::string& engine, const std::string& text) {
-        if (text.empty()) return;
-        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) + "): " + engine + ": " +
-                              text);
+        if (!text.empty()) table.notes.push_back(where + engine + ": " + text);
       };
+      const std::string disturbance = Disturbance(run).text;
+      if (!disturbance.empty()) table.notes.push_back(where + disturbance);
       for (const EngineSummary& engine : summary.engines)
         note(engine.engine, EarlyEnd(engine, summary.endS).text);
       auto figures = FiguresOf(summary, sweep.settings.warmupS);
