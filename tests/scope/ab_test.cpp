@@ -7,6 +7,8 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
+#include <iterator>
 #include <thread>
 
 #include "errors.h"
@@ -198,7 +200,40 @@ TEST_F(AbTest, ARunThatFailsOnlyInBMakesItWorse) {
   EXPECT_EQ(result.status, 1) << result.errors;
   EXPECT_THAT(result.output,
               HasSubstr("B is worse than A: cpu printed: B does not have it; incomplete runs in 1 of 1 "
-                        "runs of B (the benchmark ended with status 9"));
+                        "run of B (the benchmark ended with status 9"));
+}
+
+TEST_F(AbTest, ARunThatFailsInBIsJudgedBesideTheAOfItsPair) {
+  (void)Benchmark("test \"$rate\" = 900 && exit 9");
+  std::vector<std::string> arguments = Arguments(1000, 900);
+  *std::next(std::find(arguments.begin(), arguments.end(), "--seed")) = "3";
+  const ToolResult result = RunTool(arguments);
+  const Experiment experiment = ReadExperiment(Folder());
+  ASSERT_TRUE(experiment.runs[0].isB) << "choose a seed that begins with B";
+  EXPECT_EQ(result.status, 1) << result.errors;
+  EXPECT_THAT(result.output,
+              HasSubstr("incomplete runs in 1 of 1 run of B (the benchmark ended with status 9"));
+  EXPECT_EQ(experiment.runs[0].state, SweepState::kFailed);
+  EXPECT_EQ(experiment.runs[1].state, SweepState::kDone);
+  EXPECT_EQ(experiment.runs[2].state, SweepState::kPlanned);
+}
+
+TEST_F(AbTest, WhatItCannotDoIsNoRegression) {
+  // No interpreter, no program: it cannot be started.
+  (void)chmod(folder_.Put("benchmark", "nothing").c_str(), 0755);
+  const ToolResult result = RunTool(Arguments(1000, 900));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("Exec format error"), HasSubstr("stress_scope ab --resume")));
+}
+
+TEST_F(AbTest, RefusesASectionThatNoStressReads) {
+  (void)Benchmark();
+  std::vector<std::string> arguments = Arguments(1000, 900);
+  arguments[1] = folder_.Put("small.yaml", "cpu: {Level: 1}\nVPC: {Level: 1}\n");
+  const ToolResult result = RunTool(arguments);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.errors, "stress_scope: nothing reads \"cpu\" in " + arguments[1] + ": write CPU\n");
+  EXPECT_FALSE(std::filesystem::exists(Folder()));
 }
 
 TEST_F(AbTest, ARunThatFailsInAIsNoAnswer) {
@@ -212,8 +247,10 @@ TEST_F(AbTest, ARunThatFailsInAIsNoAnswer) {
 TEST_F(AbTest, ASignalEndsItsCommandAndItCanBeContinued) {
   (void)Benchmark();
   std::vector<std::string> arguments = Arguments(1000, 900);
-  arguments.back() = "touch " + (folder_ / "waiting") + "; exec sleep 100";
-  arguments[arguments.size() - 3] = arguments.back();
+  for (std::string* command : {&arguments.back(), &arguments[arguments.size() - 3]}) {
+    *command = "test -e " + (folder_ / "allowed") + " || { touch " + (folder_ / "waiting") +
+               "; exec sleep 100; }; " + *command;
+  }
   ChildProcess child(ProgramOptions(STRESS_SCOPE, arguments));
   for (int i = 0; i < 500 && !std::filesystem::exists(folder_ / "waiting"); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -223,6 +260,25 @@ TEST_F(AbTest, ASignalEndsItsCommandAndItCanBeContinued) {
   const ToolResult result = WaitFor(child);
   EXPECT_EQ(result.status, 2);
   EXPECT_THAT(result.errors, HasSubstr("interrupted; what was recorded is kept."));
+  // The command waits no longer.
+  folder_.Put("allowed", "");
+  const ToolResult resumed = RunTool({"ab", "--resume", Folder()});
+  EXPECT_EQ(resumed.status, 1) << resumed.errors;
+  EXPECT_THAT(resumed.output, HasSubstr("B is worse than A: cpu printed -9.71 %"));
+}
+
+TEST_F(AbTest, OutputOfACommandIsShownUnlessQuiet) {
+  (void)Benchmark();
+  std::vector<std::string> arguments = Arguments(1000, 900);
+  arguments.back() += "; printf 'over\\033[2J\\n'; echo errors >&2";
+  const ToolResult shown = RunTool(arguments);
+  EXPECT_EQ(shown.status, 1);
+  EXPECT_THAT(shown.errors, HasSubstr("over\\x1b[2J\nerrors\n"));
+  std::filesystem::remove_all(Folder());
+  arguments.emplace_back("--quiet");
+  const ToolResult quiet = RunTool(arguments);
+  EXPECT_EQ(quiet.status, 1);
+  EXPECT_EQ(quiet.output + quiet.errors, "");
 }
 
 TEST_F(AbTest, ACommandDoesNotReadTheTerminal) {
@@ -282,9 +338,39 @@ TEST_F(AbTest, RefusesForeignExperiments) {
     experiment.runs[0].isB = false;
     experiment.runs[0].folder = folder;
     WriteExperiment(Folder(), experiment);
-    EXPECT_THAT(error(folder_.Get("ab/experiment.json")), HasSubstr("expected a folder of the experiment"))
+    EXPECT_THAT(error(folder_.Get("ab/experiment.json")), HasSubstr("expected the run a/001, found"))
         << folder;
   }
+}
+
+TEST_F(AbTest, RefusesExperimentsThatNoCommandMakes) {
+  std::filesystem::create_directories(Folder());
+  const auto error = [&](const std::function<void(Experiment&)>& change) {
+    Experiment experiment;
+    experiment.settings.mostRuns = 8;
+    experiment.runs = PlanExperiment(experiment.settings);
+    change(experiment);
+    WriteExperiment(Folder(), experiment);
+    const ToolResult result = RunTool({"ab", "--resume", Folder()});
+    EXPECT_EQ(result.status, 2) << result.errors;
+    return result.errors;
+  };
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.confidence = 1; }),
+              HasSubstr("experiment.json: confidence: expected a number from 0.5 to 0.999, found 1\n"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.confidence = 0; }),
+              HasSubstr("confidence: expected"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.tolerancePercent = -1; }),
+              HasSubstr("tolerance_percent: expected a number from 0 to 100, found -1"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.warmupS = 1e9; }),
+              HasSubstr("warmup_s: expected"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.mostRuns = 3; }),
+              HasSubstr("max_runs: expected a number from 4 to 1998, found 3"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.settings.mostRuns = 10; }),
+              HasSubstr("expected 10 runs, found 8"));
+  EXPECT_THAT(error([](Experiment& experiment) { experiment.runs[3] = experiment.runs[2]; }),
+              HasSubstr("expected the run "));
+  EXPECT_THAT(error([](Experiment& experiment) { std::swap(experiment.runs[0], experiment.runs[2]); }),
+              HasSubstr("expected the run "));
 }
 
 TEST_F(AbTest, TheFileKeepsEverything) {

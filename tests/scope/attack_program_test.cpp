@@ -280,6 +280,70 @@ TEST_F(ResumeTest, ASecondOneIsRefused) {
   EXPECT_EQ(Run({"sweep", "--resume", Sweep()}).status, 0);
 }
 
+class AbResumeTest : public AttackTest {
+ protected:
+  // An experiment of four runs that has to be recorded.
+  void MakeExperiment() {
+    folder_.Put("allowed", "");
+    const std::string command = "test -e " + (folder_ / "allowed");
+    const std::string benchmark =
+        Script("rm " + (folder_ / "allowed") + std::string("\necho '") + kRateLine + "'");
+    // The benchmark takes the permission away, so that the second setting cannot be made.
+    const ToolResult stopped =
+        Run({"ab", Config(), "-o", Folder(), "--a", command, "--b", command, "--no-meter", "--warmup", "0",
+             "--max-runs", "4", "--seed", "1", "--quiet", "--benchmark", benchmark});
+    ASSERT_EQ(stopped.status, 2);
+    ASSERT_THAT(stopped.errors, HasSubstr("the command ended with status 1: " + command));
+    Script(std::string("echo '") + kRateLine + "'");
+    folder_.Put("allowed", "");
+  }
+
+  std::string Folder() const { return folder_ / "ab"; }
+
+  ToolResult Resume() const { return Run({"ab", "--resume", Folder(), "--allow-unclear"}); }
+};
+
+TEST_F(AbResumeTest, SaysWhatItRuns) {
+  MakeExperiment();
+  const ToolResult result = Resume();
+  EXPECT_EQ(result.status, 0) << result.errors;
+  const std::string names = "experiment.json names the ";
+  const std::string command = "test -e " + (folder_ / "allowed") + "\n";
+  EXPECT_THAT(result.output, AllOf(HasSubstr(names + "command of A: " + command),
+                                   HasSubstr(names + "command of B: " + command),
+                                   HasSubstr(names + "program to run: " + (folder_ / "benchmark"))));
+  EXPECT_LT(result.output.find("command of B"), result.output.find("run 2 of at most 4")) << result.output;
+}
+
+TEST_F(AbResumeTest, FollowsNoLinks) {
+  MakeExperiment();
+  folder_.Put("elsewhere/run.json", "precious");
+  for (const char* const name : {"/experiment.json", "/config.yaml", "/a", "/a/001"}) {
+    std::filesystem::rename(Folder() + name, folder_ / "moved");
+    std::filesystem::create_symlink(folder_ / "moved", Folder() + name);
+    const ToolResult result = Resume();
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.errors, HasSubstr(std::string(name) + " is a link"));
+    std::filesystem::remove(Folder() + name);
+    std::filesystem::rename(folder_ / "moved", Folder() + name);
+  }
+  std::filesystem::create_directory_symlink(folder_ / "elsewhere", Folder() + "/a/002");
+  EXPECT_THAT(Resume().errors, HasSubstr("/a/002 is a link"));
+  EXPECT_EQ(folder_.Get("elsewhere/run.json"), "precious");
+}
+
+TEST_F(AbResumeTest, ASecondOneIsRefused) {
+  MakeExperiment();
+  {
+    const scope::FolderLock lock(Folder());
+    const ToolResult result = Resume();
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.errors, HasSubstr("is in use: another stress_scope records into it, process " +
+                                         std::to_string(getpid())));
+  }
+  EXPECT_EQ(Resume().status, 0);
+}
+
 TEST_F(AttackTest, ControlCharactersOfTheBenchmarkDoNotReachTheTerminal) {
   const ToolResult result = Run(RecordOf("printf 'no\\033[2J\\n'; exit 0"));
   EXPECT_EQ(result.status, 0);

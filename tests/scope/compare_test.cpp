@@ -331,10 +331,10 @@ TEST_F(CompareTest, AnEngineThatStopsHalfwayInBIsWorse) {
   ASSERT_EQ(stops.findings.size(), 1U);
   EXPECT_EQ(stops.findings[0].engine, "venc");
   EXPECT_EQ(stops.findings[0].text,
-            "venc: stops early in 1 of 1 runs of B (no operation after 20 s of 30 s), in none of A");
+            "venc: stops early in 1 of 1 run of B (no operation after 20 s of 30 s), in none of A");
   const ToolResult result = RunTool({"compare", folder_ / "a", folder_ / "b"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.output, HasSubstr("B is worse than A: venc: stops early in 1 of 1 runs of B"));
+  EXPECT_THAT(result.output, HasSubstr("B is worse than A: venc: stops early in 1 of 1 run of B"));
   // The other way round B is not worse.
   const Comparison former = Compare(b, a, {});
   EXPECT_EQ(former.answer, Answer::kCannotTell);
@@ -567,6 +567,55 @@ TEST_F(CompareTest, RefusesBadArguments) {
   refused({"compare", a, a, "--confidence", "1"}, "--confidence");
   refused({"compare", a, a, "--figure", "speed"}, "speed");
   refused({"compare", a, a, "--skip", "31"}, "there is no second to compare after the first 31 s");
+}
+
+TEST_F(CompareTest, FailuresInBAreJudgedAlthoughItsRunsAreNotComplete) {
+  const std::string a = Repeats("a", {500, 501, 499});
+  const std::string b = Repeats("b", {500, 501, 499});
+  RunInfo info = SyntheticInfo();
+  info.complete = false;
+  info.incompleteReason = "cpu: 3 operations failed";
+  WriteRun(b + "/2", {SyntheticEngine()}, info);
+  const ToolResult result = RunTool({"compare", a, b});
+  EXPECT_EQ(result.status, 1) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("\nB is worse than A: incomplete runs in 1 of 3 runs of B (cpu: 3 "
+                                       "operations failed), in none of A.\n"));
+  // What fails in A leaves nothing to compare with.
+  const ToolResult reversed = RunTool({"compare", b, a});
+  EXPECT_EQ(reversed.status, 2);
+  EXPECT_THAT(reversed.errors, HasSubstr("complete: no or yes in A, yes in B\nIf that"));
+}
+
+TEST_F(CompareTest, ABenchmarkThatEndsBeforeTheMeterAnswersIsJudged) {
+  const std::string a = Repeats("a", {500, 501, 499});
+  const std::string b = Repeats("b", {500, 501, 499});
+  RunInfo info = SyntheticInfo();
+  info.complete = false;
+  info.incompleteReason = "the benchmark was ended by SIGSEGV";
+  info.conditions.meter = false;
+  info.conditions.libraryVersions.clear();
+  std::filesystem::remove_all(b + "/3");
+  WriteRun(b + "/3", {}, info);
+  const ToolResult result = RunTool({"compare", a, b});
+  EXPECT_EQ(result.status, 1) << result.errors;
+  EXPECT_THAT(result.output, AllOf(HasSubstr("B is worse than A: "), HasSubstr("ended by SIGSEGV")));
+  // A whole run without the meter is another way to record.
+  info.complete = true;
+  WriteRun(b + "/3", {SyntheticEngine()}, info);
+  EXPECT_THAT(RunTool({"compare", a, b}).errors, HasSubstr("meter: yes in A, no or yes in B"));
+}
+
+TEST_F(CompareTest, SaysThatRunsWereDisturbed) {
+  const std::string a = One("a");
+  const std::string b = One("b");
+  folder_.Put("b/counters.csv",
+              "time_s,source,name,unit,value\n1.000,load,others,CPUs,0.01\n2.000,load,others,CPUs,0.5\n");
+  const ToolResult result = RunTool({"compare", a, b});
+  EXPECT_THAT(result.output,
+              AllOf(HasSubstr("\nnote: " + b +
+                              ": disturbed: 1 of 2 seconds, in which others took more than 5 % "
+                              "of the CPUs' time, at most 25 %\n"),
+                    Not(HasSubstr("note: " + a))));
 }
 
 }  // namespace

@@ -187,7 +187,31 @@ TEST_F(SweepTest, RefusesConfigurationsThatTheBenchmarkWould) {
   EXPECT_THAT(error("VPC:\n  Level: 11\n", {{"CPU", 1}}), HasSubstr("from 0 to 10 in the section VPC"));
   EXPECT_THAT(error("VPC:\n", {{"CPU", 1}}), HasSubstr("in the section VPC"));
   EXPECT_THAT(error("CPU: [", {{"CPU", 1}}), HasSubstr("c.yaml:"));
-  EXPECT_THAT(ErrorOf([&] { (void)PointConfiguration(folder_ / "none", {}); }), HasSubstr("cannot read"));
+  EXPECT_EQ(ErrorOf([&] { (void)PointConfiguration(folder_ / "none", {}); }),
+            "cannot read " + (folder_ / "none") +
+                ": No such file or directory. Give the path of a configuration file of the benchmark.");
+}
+
+TEST_F(SweepTest, RefusesASectionThatNoStressReads) {
+  const std::string benchmark = Counting();
+  std::vector<std::string> arguments = SweepOf(benchmark, {"--levels", "VENC=0,1"});
+  arguments[1] = folder_.Put("small.yaml", "note: mine\ncpu: {Level: 1}\nVENC: {Level: 1}\n");
+  const ToolResult result = RunTool(arguments);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.errors, "stress_scope: nothing reads \"cpu\" in " + arguments[1] + ": write CPU\n");
+  EXPECT_FALSE(std::filesystem::exists(Folder()));
+  folder_.Put("small.yaml", "note: mine\nCPU: {Level: 1}\nVENC: {Level: 1}\n");
+  EXPECT_EQ(RunTool(arguments).status, 0);
+}
+
+TEST_F(SweepTest, SaysThatRunsWereDisturbed) {
+  const Sweep sweep = Recorded(ParseAxes({"CPU=1,2"}), {{2}, {4}});
+  folder_.Put("sweep/" + sweep.runs[1].folder + "/counters.csv",
+              "time_s,source,name,unit,value\n1.000,load,steal,CPUs,1\n");
+  EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes,
+              ::testing::Contains(sweep.runs[1].folder +
+                                  " (CPU=2): disturbed: 1 of 1 second, in which others took more than 5 % of "
+                                  "the CPUs' time, at most 50 %"));
 }
 
 TEST_F(SweepTest, ReadsWhatItWrote) {

@@ -3,6 +3,7 @@
 // The live table of a recording, in a terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <functional>
@@ -10,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "experiment_folder.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "temporary_folder.h"
@@ -85,6 +87,47 @@ TEST_F(TerminalTest, ShowsATableInPlaceAndCtrlCCompletesTheRecording) {
   std::set<std::string> engines;
   for (const scope::Sample& sample : run.samples) engines.insert(sample.engine);
   EXPECT_THAT(engines, ::testing::IsSupersetOf({"cpu", "vpc", "venc", "aic"}));
+}
+
+// The names of the settings that the user was asked for.
+std::string AskedFor(const std::string& screen) {
+  const std::string words = "Make setting ";
+  std::string names;
+  for (std::size_t at = screen.find(words); at != std::string::npos; at = screen.find(words, at + 1)) {
+    names += screen.at(at + words.size());
+  }
+  return names;
+}
+
+TEST_F(TerminalTest, AsksForEachSettingOfAnExperimentAndWaitsForEnter) {
+  const std::string config = folder_.Put("config.yaml", "CPU:\n  Level: 1\n");
+  const std::string benchmark = folder_.Put(
+      "benchmark", "#!/bin/sh\ncd " + folder_.Path() +
+                       "\ncat setting >>log\necho \"cpuStress : 5.000000 fps. ispStress : 30.0 fps.\"\n");
+  (void)chmod(benchmark.c_str(), 0755);
+  const std::string command = "'" STRESS_SCOPE "' ab '" + config + "' -o '" + (folder_ / "ab") +
+                              "' --benchmark '" + benchmark +
+                              "' --no-meter --warmup 0 --max-runs 4 --seed 1; echo \"the status is $?\"; "
+                              "exec sleep 600";
+  ASSERT_EQ(Tmux({"new-session", "-d", "-x", "120", "-y", "100", command}).status, 0);
+  // Each prompt stays on the screen. The user makes what the newest one asks for.
+  std::string asked;
+  std::string screen;
+  while (true) {
+    screen = WaitForScreen([&asked](const std::string& text) {
+      return Has(text, "the status is") || AskedFor(text).size() > asked.size();
+    });
+    if (AskedFor(screen).size() <= asked.size()) break;
+    asked = AskedFor(screen);
+    folder_.Put("setting", asked.substr(asked.size() - 1));
+    ASSERT_EQ(Tmux({"send-keys", "Enter"}).status, 0);
+  }
+  EXPECT_THAT(screen, HasSubstr("the status is 0\n"));
+  std::string runs;
+  for (const scope::ExperimentRun& run : scope::ReadExperiment(folder_ / "ab").runs) {
+    runs += run.isB ? 'B' : 'A';
+  }
+  EXPECT_EQ(folder_.Get("log"), runs) << "what was set while each run was recorded";
 }
 
 }  // namespace

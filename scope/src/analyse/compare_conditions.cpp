@@ -12,6 +12,8 @@ namespace scope {
 namespace {
 
 constexpr const char* kComplete = "complete";
+constexpr const char* kMeter = "meter";
+constexpr const char* kLibraries = "library_versions";
 constexpr const char* kSettings = "config";
 
 // A value of the configuration, or "unset".
@@ -22,21 +24,31 @@ std::string SettingOf(const Run& run, const std::string& name) {
   return name + "=" + (at == settings.end() ? "unset" : at->second);
 }
 
-// Adds a difference unless all runs of both sides have the same `text`. Incomplete runs differ from each
+// What a run learns when the meter answers. One that broke off before that does not know it.
+bool IsUnknown(const Run& run, const std::string& name) {
+  return (name == kMeter || name == kLibraries) && !run.info.complete && !run.info.conditions.meter;
+}
+
+// Adds a difference unless all runs that know it have the same `text`. Incomplete runs differ from each
 // other, too.
 template <typename TextOf>
 void AddUnlessSame(const std::string& name, const std::vector<Run>& a, const std::vector<Run>& b,
                    const TextOf& text, std::vector<ConditionDifference>& differences) {
-  const auto texts = [&text](const std::vector<Run>& runs) {
+  const auto texts = [&](const std::vector<Run>& runs) {
     std::set<std::string> all;
-    for (const Run& run : runs) all.insert(text(run));
+    for (const Run& run : runs) {
+      if (!IsUnknown(run, name)) all.insert(text(run));
+    }
     return all;
   };
   const std::set<std::string> ofA = texts(a);
   const std::set<std::string> ofB = texts(b);
-  const bool incomplete = name == kComplete && ofA.count("no") + ofB.count("no") != 0;
-  if (ofA != ofB || ofA.size() != 1 || incomplete)
+  std::set<std::string> all = ofA;
+  all.insert(ofB.begin(), ofB.end());
+  const bool incomplete = name == kComplete && all.count("no") != 0;
+  if (all.size() > 1 || incomplete) {
     differences.push_back({name, Joined(ofA, " or "), Joined(ofB, " or ")});
+  }
 }
 
 }  // namespace

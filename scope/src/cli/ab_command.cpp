@@ -21,6 +21,7 @@
 #include "experiment_plan.h"
 #include "folder_lock.h"
 #include "live_view.h"
+#include "printable.h"
 #include "record.h"
 #include "run_reader.h"
 #include "series.h"
@@ -70,6 +71,7 @@ Experiment PrepareExperiment(const AbOptions& options, std::unique_ptr<FolderLoc
   experiment.configPath = options.config;
   experiment.runs = PlanExperiment(settings);
   const std::string config = PointConfiguration(options.config, {});
+  RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, settings), settings.warmupS);
   CheckRecord(RecordingOf(experiment, options.folder, options.folder));
   if (IsExperimentFolder(options.folder)) {
@@ -103,26 +105,28 @@ Experiment ResumeExperiment(const std::string& folder, Output output, std::uniqu
 /// Records an experiment until its answer is clear.
 class Runner {
  public:
-  Runner(std::string folder, Experiment& experiment, bool text)
-      : folder_(std::move(folder)), experiment_(experiment), text_(text) {
+  Runner(std::string folder, Experiment& experiment, Output output)
+      : folder_(std::move(folder)),
+        experiment_(experiment),
+        text_(output == Output::kText),
+        showsSwitches_(output != Output::kQuiet) {
     looks_ = LooksOf(experiment.runs.size() / 2);
     options_ = LookOptions(experiment.settings);
   }
 
   /// The comparison of all that is recorded; none if a signal ended it. Throws UserError if it cannot go on.
   std::optional<Comparison> Run() {
+    bool hasFailedB = false;
     for (std::size_t i = 0; i < experiment_.runs.size(); ++i) {
       ExperimentRun& run = experiment_.runs[i];
-      if (!IsDone(run)) {
-        if (!Switch(run.isB) || !Record(run, i)) return std::nullopt;
-        // What fails in B alone is an answer. What fails in A is not, and neither is a B without an A.
-        if (run.state == SweepState::kFailed) {
-          if (!run.isB || SideOf(false).runs.empty()) {
-            throw UserError(run.folder + " of " + folder_ + " is not complete: " + run.reason);
-          }
-          return Compare();
-        }
+      if (!IsDone(run) && (!Switch(run.isB) || !Record(run, i))) return std::nullopt;
+      // What fails in B alone is an answer. What fails in A is not.
+      if (run.state == SweepState::kFailed && !run.isB) {
+        throw UserError(run.folder + " of " + folder_ + " is not complete: " + run.reason);
       }
+      hasFailedB = hasFailedB || run.state == SweepState::kFailed;
+      // A pair that begins with B gets its A first: a B without an A cannot be judged.
+      if (i % 2 == 1 && hasFailedB) return Compare();
       const std::size_t repeats = (i + 1) / 2;
       const bool isLook = i % 2 == 1 && std::count(looks_.begin(), looks_.end(), repeats) != 0;
       if (!isLook) continue;
@@ -157,9 +161,9 @@ class Runner {
   bool Switch(bool isB) {
     if (setting_ == isB) return true;
     const ExperimentSettings& settings = experiment_.settings;
-    const bool isSwitched = settings.commandA.empty()
-                                ? AskForSwitch(NameOf(isB), signals_)
-                                : RunSwitch(isB ? settings.commandB : settings.commandA, signals_);
+    const bool isSwitched = settings.commandA.empty() ? AskForSwitch(NameOf(isB), signals_)
+                                                      : RunSwitch(isB ? settings.commandB : settings.commandA,
+                                                                  showsSwitches_, signals_);
     if (isSwitched) setting_ = isB;
     return isSwitched;
   }
@@ -175,7 +179,8 @@ class Runner {
     MakeFolder(options.folder);
     const auto view = text_ && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
     const RecordResult result = scope::Record(options, *view, signals_);
-    if (text_) Print((result.complete ? "saved in " : "incomplete, saved in ") + options.folder + "\n");
+    if (text_)
+      Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
     const bool isStopped = result.stopped || signals_.TakeStop();
     run.reason = result.reason;
     run.state = result.stopped    ? SweepState::kInterrupted
@@ -190,6 +195,7 @@ class Runner {
   std::string folder_;
   Experiment& experiment_;
   bool text_;
+  bool showsSwitches_;
   std::vector<std::size_t> looks_;
   CompareOptions options_;
   std::optional<bool> setting_;  // the one that is made; none if that is unknown
@@ -205,14 +211,14 @@ int RunAb(const AbOptions& options) {
       isResumed ? ResumeExperiment(folder, options.output, lock) : PrepareExperiment(options, lock);
   const bool text = options.output == Output::kText;
   if (text) {
-    Print("experiment " + folder + ": at most " + Counted(experiment.runs.size(), "run") +
+    Print("experiment " + Printable(folder) + ": at most " + Counted(experiment.runs.size(), "run") +
           ", in random order of seed " + std::to_string(experiment.settings.seed) + "\n");
   }
-  Runner runner(folder, experiment, text);
+  Runner runner(folder, experiment, options.output);
   std::optional<Comparison> comparison;
   try {
     comparison = runner.Run();
-  } catch (const UserError& error) {
+  } catch (const std::exception& error) {
     throw UserError(std::string(error.what()) + "\nContinue with: stress_scope ab --resume " + folder);
   }
   if (!comparison) {
@@ -251,16 +257,17 @@ void AddAb(CLI::App& app, int& status) {
       "Shell command that makes setting A (default: ask on the terminal)");
   add("--b", settings.commandB, "COMMAND", "Shell command that makes setting B");
   add("--max-runs", settings.mostRuns, "N", "Most runs to record, of both sides together")
-      ->check(WholeNumberFrom(4, 1998))
+      ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedMaxRuns.least),
+                              static_cast<std::uint64_t>(kAllowedMaxRuns.most)))
       ->capture_default_str();
   add("--tolerance", settings.tolerancePercent, "PERCENT", "Difference up to which figures count as equal")
-      ->check(NumberFrom(0, 100))
+      ->check(NumberFrom(kAllowedTolerancePercent.least, kAllowedTolerancePercent.most))
       ->capture_default_str();
   add("--confidence", settings.confidence, "SHARE", "Confidence that no verdict is wrong, 0.5 to 0.999")
-      ->check(NumberFrom(0.5, 0.999))
+      ->check(NumberFrom(kAllowedConfidence.least, kAllowedConfidence.most))
       ->capture_default_str();
   add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
-      ->check(NumberFrom(0, kMostSeconds))
+      ->check(NumberFrom(kAllowedWarmupS.least, kAllowedWarmupS.most))
       ->capture_default_str();
   CLI::Option* const seed =
       add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
@@ -278,7 +285,14 @@ void AddAb(CLI::App& app, int& status) {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("ab-");
     if (seed->count() == 0) options->settings.seed = std::random_device()();
-    status = RunAb(*options);
+    try {
+      status = RunAb(*options);
+    } catch (const UserError&) {
+      throw;
+    } catch (const std::exception& error) {
+      // An experiment that fails, for example for lack of memory, is not a regression.
+      throw UserError(std::string("cannot finish the experiment: ") + error.what());
+    }
   });
 }
 

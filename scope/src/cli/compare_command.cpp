@@ -59,6 +59,10 @@ int RunCompare(CommandOptions options) {
   }
   // A user who names two points of a sweep knows that their levels differ.
   if (a.warmupS && b.warmupS) options.allowed.emplace_back("levels");
+  // What fails in B alone is an answer: a finding says so.
+  const bool isAWhole =
+      std::all_of(a.runs.begin(), a.runs.end(), [](const Run& run) { return run.info.complete; });
+  if (isAWhole) options.allowed.emplace_back("complete");
   const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
   RefuseDifferences(differences, options);
   const Comparison comparison = Compare(a, b, options.compare);

@@ -125,7 +125,8 @@ int SaveRates(const RatesOptions& options) {
     throw UserError(wrong + ". " + Counted(lines.Number() - 1, "line") + " before it " +
                     (lines.Number() == 2 ? "is" : "are") + " saved in " + options.folder);
   }
-  if (!options.quiet) Print(Counted(lines.Number(), "line") + " saved in " + options.folder + "\n");
+  if (!options.quiet)
+    Print(Counted(lines.Number(), "line") + " saved in " + Printable(options.folder) + "\n");
   return kExitOk;
 }
 

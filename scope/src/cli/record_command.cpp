@@ -6,6 +6,7 @@
 #include "durable_file.h"
 #include "errors.h"
 #include "live_view.h"
+#include "printable.h"
 #include "record.h"
 #include "report.h"
 
@@ -26,7 +27,7 @@ int RunRecord(const RecordOptions& options, Output output) {
     std::cerr << "stress_scope: " << error.what() << std::endl;
   }
   if (output == Output::kText) {
-    Print((result.complete ? "saved in " : "incomplete, saved in ") + options.folder + "\n");
+    Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
   }
   return result.complete ? kExitOk : kExitFailure;
 }

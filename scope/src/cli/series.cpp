@@ -27,6 +27,11 @@ void MakeAbsolute(RunSettings& settings) {
   }
 }
 
+void RequireAllRead(const std::string& config) {
+  const std::vector<std::string> sentences = UnreadSections(config);
+  if (!sentences.empty()) throw UserError(Joined(sentences, "\n"));
+}
+
 double RunSeconds(const std::string& config, const RunSettings& settings) {
   unsigned int runTimeS = 0;
   (void)ReadConfiguration(config, runTimeS);

@@ -18,6 +18,10 @@ constexpr const char* kSeriesConfig = "config.yaml";
 /// Makes the paths of programs and libraries absolute: a series may be continued from another folder.
 void MakeAbsolute(RunSettings& settings);
 
+/// Throws UserError if nothing reads a section of the configuration file, such as "cpu". The copies that the
+/// runs get do not have it.
+void RequireAllRead(const std::string& config);
+
 /// The length of one run, in seconds. Throws UserError as ReadConfiguration does.
 double RunSeconds(const std::string& config, const RunSettings& settings);
 

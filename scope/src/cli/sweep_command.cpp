@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "folder_lock.h"
 #include "live_view.h"
+#include "printable.h"
 #include "record.h"
 #include "run_reader.h"
 #include "series.h"
@@ -53,6 +54,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   sweep.axes = ParseAxes(options.levels);
   sweep.runs = PlanRuns(sweep.axes, sweep.settings.repeats, sweep.settings.seed);
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
+  RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS);
   CheckRecord(RecordOf(sweep, options.folder));
 
@@ -105,7 +107,8 @@ bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, Out
   const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // No summary per run: the sweep prints its figures at its end.
   const RecordResult result = Record(options, *view, signals);
-  if (text) Print((result.complete ? "saved in " : "incomplete, saved in ") + options.folder + "\n");
+  if (text)
+    Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
   run.reason.clear();
   if (result.stopped) {
     run.state = SweepState::kInterrupted;
@@ -126,7 +129,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
       toRecord.empty() ? 0 : RunSeconds(folder + "/" + kSeriesConfig, sweep.settings) + kBetweenS;
   const bool text = output == Output::kText;
   if (text) {
-    Print("sweep " + folder + ": " + std::to_string(toRecord.size()) + " of " +
+    Print("sweep " + Printable(folder) + ": " + std::to_string(toRecord.size()) + " of " +
           Counted(sweep.runs.size(), "run") + " to record, in random order of seed " +
           std::to_string(sweep.settings.seed) + "\n");
   }
@@ -146,7 +149,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
   if (interrupted) {
     std::cerr << "stress_scope: interrupted; the finished runs are kept. Continue with: stress_scope sweep "
                  "--resume "
-              << folder << std::endl;
+              << Printable(folder) << std::endl;
   }
   return std::all_of(sweep.runs.begin(), sweep.runs.end(),
                      [](const SweepRun& run) { return run.state == SweepState::kDone; });

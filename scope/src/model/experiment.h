@@ -10,6 +10,17 @@
 /// A comparison of two settings that is recorded until its answer is clear, as plain data.
 namespace scope {
 
+struct NumberRange {
+  double least;
+  double most;
+};
+
+/// What the settings may be.
+constexpr NumberRange kAllowedMaxRuns = {4, 1998};
+constexpr NumberRange kAllowedTolerancePercent = {0, 100};
+constexpr NumberRange kAllowedConfidence = {0.5, 0.999};
+constexpr NumberRange kAllowedWarmupS = {0, 1e6};
+
 /// Saved, so that a continued experiment uses the same settings.
 struct ExperimentSettings : RunSettings {
   std::string commandA;  ///< makes the setting of A; empty, as commandB then is: the user is asked to

@@ -11,6 +11,7 @@
 
 #include "child_process.h"
 #include "errors.h"
+#include "printable.h"
 
 namespace scope {
 namespace {
@@ -18,19 +19,22 @@ namespace {
 // The end of a child is a signal, too. This is only the longest wait for one that is lost.
 constexpr int kLongestWaitMs = 1000;
 
-void Forward(LineReader& reader, int descriptor) {
+// The pipe is read even if nothing is shown: a command that fills it would wait.
+void Forward(LineReader& reader, int descriptor, bool show) {
   std::vector<std::string> lines;
   (void)reader.Read(descriptor, lines);
-  for (const std::string& line : lines) std::cerr << line << '\n';
+  if (!show) return;
+  for (const std::string& line : lines) std::cerr << Printable(line) << '\n';
 }
 
 }  // namespace
 
-bool RunSwitch(const std::string& command, Signals& signals) {
+bool RunSwitch(const std::string& command, bool show, Signals& signals) {
   ChildProcess::Options options;
   options.program = "/bin/sh";
   // The shell is no foreground job: a command that reads the terminal would be stopped and never end.
-  options.arguments = {"-c", "exec </dev/null\n" + command};
+  // Both kinds of output come through one pipe, which keeps their order.
+  options.arguments = {"-c", "exec </dev/null 2>&1\n" + command};
   ChildProcess child(options);
   LineReader output;
   bool stopped = false;
@@ -38,13 +42,13 @@ bool RunSwitch(const std::string& command, Signals& signals) {
     // A negative descriptor is not waited for: at its end, the output is readable without pause.
     pollfd waits[] = {{output.AtEnd() ? -1 : child.Output(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
     (void)poll(waits, 2, kLongestWaitMs);
-    Forward(output, child.Output());
+    Forward(output, child.Output(), show);
     if (signals.TakeStop()) {
       child.Signal(stopped ? SIGKILL : SIGINT);
       stopped = true;
     }
   }
-  Forward(output, child.Output());
+  Forward(output, child.Output(), show);
   if (stopped) return false;
   if (child.EndSignal() != 0) {
     throw UserError("the command was ended by signal " + std::to_string(child.EndSignal()) + ": " + command);

@@ -7,10 +7,10 @@
 
 namespace scope {
 
-/// Runs `command` in a shell and waits for its end. Its standard output and standard error are this program's
-/// standard error. True if it was done, false if a signal from `signals` ended it. Throws UserError if it
-/// ends with a failure.
-bool RunSwitch(const std::string& command, Signals& signals);
+/// Runs `command` in a shell and waits for its end. If `show`, its standard output and standard error go to
+/// this program's standard error, without what controls a terminal. True if it was done, false if a signal
+/// from `signals` ended it. Throws UserError if it ends with a failure.
+bool RunSwitch(const std::string& command, bool show, Signals& signals);
 
 /// Asks the user on the terminal to make the setting `name`, and waits for Enter. False if a signal came
 /// instead. Throws UserError at the end of the input.

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "experiment_folder.h"
 
-#include <algorithm>
-#include <cctype>
+#include <cstddef>
 #include <utility>
+#include <vector>
 
 #include "errors.h"
 #include "series_json.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -26,11 +27,35 @@ void ForEachExperimentSetting(Settings& settings, Visit visit) {
   ForEachRunSetting(settings, visit);
 }
 
-// A continued experiment replaces this folder, so it must be inside the experiment's own: "a/001".
-bool IsFolderOfRun(const std::string& folder, bool isB) {
-  return folder.size() > 2 && folder.compare(0, 2, isB ? "b/" : "a/") == 0 &&
-         std::all_of(folder.begin() + 2, folder.end(),
-                     [](unsigned char letter) { return std::isdigit(letter) != 0; });
+// Another program may have written the file, or somebody who means harm.
+void RequireRange(const char* key, double value, const NumberRange& range, const std::string& path) {
+  if (value >= range.least && value <= range.most) return;
+  throw DamagedFolder(path + Format(": %s: expected a number from %.15g to %.15g, found %.15g", key,
+                                    range.least, range.most, value));
+}
+
+void RequireRanges(const ExperimentSettings& settings, const std::string& path) {
+  RequireRange("max_runs", settings.mostRuns, kAllowedMaxRuns, path);
+  RequireRange("tolerance_percent", settings.tolerancePercent, kAllowedTolerancePercent, path);
+  RequireRange("confidence", settings.confidence, kAllowedConfidence, path);
+  RequireRange("warmup_s", settings.warmupS, kAllowedWarmupS, path);
+}
+
+// The confidence is that of pairs, which are all recorded. A continued experiment replaces the runs' folders,
+// so they must be inside its own: "a/001" and "b/001" are the first pair.
+void RequirePairs(const Experiment& experiment, const std::string& path) {
+  const std::vector<ExperimentRun>& runs = experiment.runs;
+  const auto count = static_cast<std::size_t>(experiment.settings.mostRuns / 2 * 2);
+  if (runs.size() != count) {
+    throw DamagedFolder(path + ": expected " + Counted(count, "run") + ", found " +
+                        std::to_string(runs.size()));
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    const bool isB = i % 2 == 0 ? runs[i].isB : !runs[i - 1].isB;
+    const std::string folder = Format("%s/%03zu", isB ? "b" : "a", i / 2 + 1);
+    if (runs[i].isB == isB && runs[i].folder == folder) continue;
+    throw DamagedFolder(path + ": expected the run " + folder + ", found \"" + runs[i].folder + "\"");
+  }
 }
 
 Experiment ExperimentFromJson(const SeriesJson& json, const std::string& path) {
@@ -43,11 +68,10 @@ Experiment ExperimentFromJson(const SeriesJson& json, const std::string& path) {
     ExperimentRun run;
     GetRun(entry, path, run);
     run.isB = entry.at("side").get<std::string>() == "b";
-    if (!IsFolderOfRun(run.folder, run.isB)) {
-      throw DamagedFolder(path + ": expected a folder of the experiment, found \"" + run.folder + "\"");
-    }
     experiment.runs.push_back(std::move(run));
   }
+  RequireRanges(experiment.settings, path);
+  RequirePairs(experiment, path);
   return experiment;
 }
 
