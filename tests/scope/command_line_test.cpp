@@ -131,7 +131,9 @@ TEST_F(CommandLineTest, EachHelpHasAnExampleAndFitsAHundredColumns) {
 TEST_F(CommandLineTest, TheManualHasEveryOption) {
   std::string manual = scope::ReadText(SCOPE_MANUAL).value_or("");
   manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());  // it writes \- for -
-  ASSERT_THAT(manual, HasSubstr(".SH OPTIONS"));
+  const std::size_t from = manual.find(".SH OPTIONS");
+  ASSERT_NE(from, std::string::npos);
+  manual = manual.substr(from, manual.find(".SH", from + 1) - from);
   const std::regex option("(^|[ ,])(--?[a-z][a-z-]*)");
   std::size_t options = 0;
   for (const std::string command : kCommands) {
