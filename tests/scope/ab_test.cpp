@@ -224,6 +224,14 @@ TEST_F(AbTest, WhatItCannotDoIsNoRegression) {
   const ToolResult result = RunTool(Arguments(1000, 900));
   EXPECT_EQ(result.status, 2);
   EXPECT_THAT(result.errors, AllOf(HasSubstr("Exec format error"), HasSubstr("stress_scope ab --resume")));
+  // Nor is a folder that was removed, in which relative paths mean nothing.
+  const ToolResult lost = RunProgram(
+      "/bin/sh", {"-c",
+                  "mkdir \"$1\" && cd \"$1\" && rmdir \"$1\" && exec \"$0\" ab \"$2\" --benchmark here "
+                  "--a true --b true",
+                  STRESS_SCOPE, folder_ / "gone", Config()});
+  EXPECT_EQ(lost.status, 2);
+  EXPECT_THAT(lost.errors, HasSubstr("stress_scope: cannot finish the experiment: "));
 }
 
 TEST_F(AbTest, RefusesASectionThatNoStressReads) {

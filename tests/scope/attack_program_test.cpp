@@ -350,6 +350,25 @@ TEST_F(AttackTest, ControlCharactersOfTheBenchmarkDoNotReachTheTerminal) {
   EXPECT_THAT(result.errors, AllOf(HasSubstr("found \"\\x1b[2J"), Not(HasSubstr("\033"))));
 }
 
+TEST_F(AttackTest, ControlCharactersOfAFoldersNameDoNotReachTheTerminal) {
+  const std::string benchmark = Script(std::string("echo '") + kRateLine + "'");
+  const std::string folder = folder_ / "red\033[31m";
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"record", Config()},
+        std::vector<std::string>{"sweep", Config(), "--levels", "CPU=1", "--warmup", "0"},
+        std::vector<std::string>{"ab", Config(), "--a", "true", "--b", "true", "--warmup", "0", "--max-runs",
+                                 "4", "--allow-unclear"}}) {
+    std::vector<std::string> arguments = command;
+    arguments.insert(arguments.end(), {"-o", folder, "--no-meter", "--benchmark", benchmark});
+    const ToolResult result = Run(arguments);
+    EXPECT_EQ(result.status, 0) << command.front() << result.errors;
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("saved in " + (folder_ / "red\\x1b[31m")), Not(HasSubstr("\033"))))
+        << command.front();
+    std::filesystem::remove_all(folder);
+  }
+}
+
 TEST_F(AttackTest, ControlCharactersOfARunFolderDoNotReachTheTerminal) {
   std::vector<std::string> arguments = RecordOf(std::string("echo '") + kRateLine + "'");
   arguments.insert(arguments.end(), {"--label", "red\033[31m"});

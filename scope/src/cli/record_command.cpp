@@ -24,7 +24,7 @@ int RunRecord(const RecordOptions& options, Output output) {
     if (output == Output::kText) Print(ReportText(ReadRuns({options.folder}), OutputWidth()));
     if (output == Output::kJson) Print(ReportJson(ReadRuns({options.folder})));
   } catch (const UserError& error) {
-    std::cerr << "stress_scope: " << error.what() << std::endl;
+    std::cerr << "stress_scope: " << Printable(error.what()) << std::endl;
   }
   if (output == Output::kText) {
     Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
