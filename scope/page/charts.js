@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, marks, series}. An axis is {title, min, max, log}; a series
-// {name, colour, weight, dash, marker, fill, points}, whose points are {x, y}, y null where the line has a gap; a mark
-// {x, text}.
+// What each chart shows: {id, title, broad, x, y, stacked, stepped, warmupS, marks, series, beneath}. An axis is
+// {title, min, max, log, whole, free}; a series {name, group, colour, weight, dash, marker, fill, loose, points}, whose points
+// are {x, y}, y null where the line has a gap; a mark {x, text}. `beneath` are low charts with the same horizontal axis.
 
-// Each engine has its colour. Runs differ in dashes and markers, figures in line weight.
+// Each engine has its colour. Runs, or the sides of a comparison, differ in dashes and markers, figures in line weight.
 const kMoreColours = ['#e69f00', '#56b4e9', '#767676']; // for engines that are not in the program's table
 const kCounterColours = ['#4477aa', '#ee6677', '#228833', '#aa3377', '#ccbb44', '#66ccee', '#60656b', '#994455'];
 const kCountedUnits = ['errors', 'events']; // counted since the machine's start
+const kStripSources = ['load', 'pressure']; // drawn beneath the curves of a run
+const kSides = ['A', 'B'];
 const kTotalColour = '#60656b';
 const kDashes = [[], [7, 4], [2, 3], [10, 3, 2, 3], [14, 5], [5, 2], [10, 3, 2, 3, 2, 3], [1, 5]];
 const kMarkers = ['circle', 'rect', 'triangle', 'rectRot', 'cross', 'star', 'crossRot', 'line'];
@@ -92,33 +94,75 @@ class Charts {
         .map((warning) => ({x: warning.time_s, text: warning.mark}));
   }
 
-  // A line of the run. `what` names it if the run has several lines in the chart.
+  // A line of the run. `what` names it if the run has several lines in the chart. The runs of a side look alike.
   line(runIndex, colour, what, points, style = {}) {
-    const several = this.runs.length > 1;
-    const name = !several ? what : [this.runs[runIndex].name, ...(what ? [what] : [])].join(', ');
-    return {name, points, colour, dash: kDashes[runIndex], marker: kMarkers[runIndex], weight: kStrong, ...style};
+    const run = this.runs[runIndex];
+    const named = (name) => [name, ...(what ? [what] : [])].join(', ');
+    const side = kSides.indexOf(run.side);
+    const at = side < 0 ? runIndex : side;
+    const name = this.runs.length > 1 ? named(run.name) : what;
+    const line = {name, points, colour, dash: kDashes[at], marker: kMarkers[at], weight: kStrong, ...style};
+    if (side < 0) return line;
+    const isOneOfMany = this.runs.length > kSides.length;
+    return {...line, group: named(run.side), marker: !isOneOfMany && line.marker,
+      weight: {...line.weight, width: isOneOfMany ? kFaint.width : line.weight.width}};
   }
 
   ofRun(title, run) {
     return this.runs.length === 1 ? title : `${title}: ${run.name}`;
   }
 
-  // The bandwidth of all engines: one chart that compares the runs, and one per run, all with the same scale.
+  // The bandwidth of all engines: one chart that compares the runs, and one per run, all with the same scale. Beneath each is
+  // what else the machine did. The runs of a comparison have no charts of their own.
   totals() {
     const stacks = this.runs.map((run) => this.stack(run));
     const sums = stacks.map((stack) => sumOf(stack));
     const top = greatest(sums.flatMap((points) => points.map((point) => point.y)));
-    const charts = stacks.flatMap((series, i) => {
-      if (this.runs[i].gigabytes_per_s === null) return [];
-      const title = this.ofRun('Bandwidth of all engines', this.runs[i]);
-      return [{...this.overTime(`total-${i}`, title, {title: 'Bandwidth (GB/s, stacked)', max: top}, series),
-        stacked: true, broad: this.runs.length === 1, marks: this.marks([this.runs[i]], () => true)}];
+    const charts = this.runs.flatMap((run, i) => {
+      const title = this.ofRun('Bandwidth of all engines', run);
+      const axis = {title: 'Bandwidth (GB/s, stacked)', max: top};
+      const stack = {...this.overTime(`total-${i}`, title, axis, stacks[i]), stacked: true, marks: this.marks([run], () => true)};
+      const own = run.gigabytes_per_s === null ? [] : [stack];
+      return withBeneath([...own, ...this.strips(i)], this.runs.length === 1);
     });
-    if (charts.length < 2) return charts;
+    if (this.runs.length === 1) return charts;
     const lines = sums.map((points, i) => this.line(i, kTotalColour, '', points)).filter(isDrawn);
     const axis = {title: 'Bandwidth (GB/s)', max: top};
-    return [{...this.overTime('totals', 'Bandwidth of all engines together', axis, lines), broad: true,
-      marks: this.marks(this.runs, () => true)}, ...charts];
+    const common = {...this.overTime('totals', 'Bandwidth of all engines together', axis, lines),
+      marks: this.marks(this.runs, () => true)};
+    const compared = withBeneath([...(lines.length > 1 ? [common] : []), ...this.commonLoad()], true);
+    return this.runs.some((run) => run.side) ? compared : [...compared, ...charts];
+  }
+
+  // A low chart, for which `title` is enough.
+  strip(id, title, yAxis, series, runs) {
+    const chart = this.overTime(id, title, yAxis, series.filter(isDrawn));
+    return chart.series.length === 0 ? [] : [{...chart, marks: this.marks(runs, (warning) => warning.engine === '')}];
+  }
+
+  // What else the machine did during a run, as far as it was recorded.
+  strips(runIndex) {
+    const run = this.runs[runIndex];
+    const lines = (source) => countersOf(run, source).map(({name, time_s: times, value}, at) =>
+      stripLine(name, at, pointsOf(times, value)));
+    const titled = (title) => (run.gigabytes_per_s === null ? this.ofRun(title, run) : title);
+    return [
+      ...this.strip(`load-${runIndex}`, titled('Processor time of other programs and of the host'), {title: 'CPUs', max: 1},
+          lines('load'), [run]),
+      ...this.strip(`pressure-${runIndex}`, titled('Time in which a thread waited for a processor, memory or a disk'),
+          {title: '%', max: 10}, lines('pressure'), [run]),
+      ...this.strip(`frequency-${runIndex}`, titled('Frequency of the slowest and of the fastest CPU'),
+          {title: 'MHz', free: true}, extremes(countersOf(run, 'cpufreq')), [run]),
+    ];
+  }
+
+  // The processor time of others and of the host together, for all runs.
+  commonLoad() {
+    const loadOf = (run) =>
+      sumOf(countersOf(run, 'load').map(({time_s: times, value}) => ({points: pointsOf(times, value)})));
+    const lines = this.runs.map((run, i) => this.line(i, kCounterColours[0], '', loadOf(run)));
+    const title = 'Processor time of other programs and of the host, together';
+    return this.strip('loads', title, {title: 'CPUs', max: 1}, lines, this.runs);
   }
 
   // The engines of a run, with a point for every second of any of them. Before its start and after its end an engine has
@@ -209,11 +253,11 @@ class Charts {
         {title: 'Rate of a busy thread (fps)'}, series);
   }
 
-  // A chart for each run and each of its sources of counters.
+  // A chart for each run and each of its sources of counters that is not drawn beneath the run's curves.
   counters() {
     return this.runs.flatMap((run, i) => {
       const bySource = new Map();
-      for (const counter of run.counter_series) {
+      for (const counter of run.counter_series.filter(({source}) => !kStripSources.includes(source))) {
         const axis = `${counter.source} (${counter.unit})`;
         bySource.set(axis, [...(bySource.get(axis) ?? []), counter]);
       }
@@ -232,10 +276,36 @@ class Charts {
   }
 }
 
-// The sum of a stack's series: null where a series has a gap.
+// One chart with the others beneath it; none if there is no chart.
+function withBeneath([chart, ...beneath], broad) {
+  return chart ? [{...chart, broad, beneath}] : [];
+}
+
+function countersOf(run, source) {
+  return run.counter_series.filter((counter) => counter.source === source);
+}
+
+function stripLine(name, at, points) {
+  const colour = kCounterColours[at % kCounterColours.length];
+  return {name, colour, dash: [], marker: false, weight: kStrong, points};
+}
+
+// The least and the greatest of several counters in each second.
+function extremes(counters) {
+  const byTime = new Map();
+  for (const {time_s: times, value} of counters) {
+    times.forEach((x, i) => byTime.set(x, [...(byTime.get(x) ?? []), value[i]]));
+  }
+  const sorted = [...byTime].sort(([a], [b]) => a - b);
+  return [['slowest', Math.min], ['fastest', Math.max]].map(([name, pick], at) =>
+    stripLine(name, at, sorted.map(([x, values]) => ({x, y: pick(...values)}))));
+}
+
+// The sum of series at the times of the first: null where one has a gap.
 function sumOf(stack) {
-  return (stack[0]?.points ?? []).map(({x}, i) => {
-    const values = stack.map((series) => series.points[i].y);
+  const byTime = stack.map((series) => new Map(series.points.map(({x, y}) => [x, y])));
+  return (stack[0]?.points ?? []).map(({x}) => {
+    const values = byTime.map((valueAt) => valueAt.get(x) ?? null);
     return {x, y: values.includes(null) ? null : values.reduce((sum, value) => sum + value, 0)};
   });
 }

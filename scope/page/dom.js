@@ -3,14 +3,22 @@
 
 // Makes elements and formats numbers.
 
-// Makes an element with attributes and children. A string becomes a text node, never markup.
-function el(tag, attributes, ...children) {
-  const element = document.createElement(tag);
+function filled(element, attributes, children) {
   for (const [name, value] of Object.entries(attributes)) {
     if (value !== null && value !== false) element.setAttribute(name, value);
   }
   element.append(...children.flat());
   return element;
+}
+
+// Makes an element with attributes and children. A string becomes a text node, never markup.
+function el(tag, attributes, ...children) {
+  return filled(document.createElement(tag), attributes, children);
+}
+
+// The same for an element of a drawing.
+function svg(tag, attributes, ...children) {
+  return filled(document.createElementNS('http://www.w3.org/2000/svg', tag), attributes, children);
 }
 
 function absent(text = '–') {
@@ -34,9 +42,15 @@ function latencyText(ns) {
   return `${(ns / 1e9).toFixed(2)} s`;
 }
 
-// A percentage with its sign.
-function percentText(value) {
-  return `${value > 0 ? '+' : value < 0 ? '−' : ''}${Math.abs(value)} %`;
+// A percentage with its sign, with `decimals` if they are given.
+function percentText(value, decimals) {
+  const digits = decimals === undefined ? String(Math.abs(value)) : Math.abs(value).toFixed(decimals);
+  const sign = Number(digits) === 0 ? '' : value > 0 ? '+' : '−';
+  return `${sign}${digits} %`;
+}
+
+function counted(count, noun) {
+  return `${count} ${noun}${count === 1 ? '' : 's'}`;
 }
 
 function shortNumber(value) {

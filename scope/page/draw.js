@@ -3,6 +3,7 @@
 // Draws a chart on its canvas.
 
 const kManyPoints = 150;
+const kMarkerReach = 4; // pixels
 const kShade = '#8a93a033';
 
 // Labels of a logarithmic axis: 1, 2 and 5 times each power of ten.
@@ -39,7 +40,8 @@ function isAlone(points, at) {
 
 function dataset(series, chart) {
   const colour = onGround(series.colour);
-  const marked = series.marker && !chart.stepped && !chart.stacked && series.points.length <= kManyPoints;
+  const isFew = series.points.length <= kManyPoints;
+  const marked = series.loose || (series.marker && !chart.stepped && !chart.stacked && isFew);
   return {
     label: series.name,
     data: series.points,
@@ -53,7 +55,26 @@ function dataset(series, chart) {
     pointRadius: series.points.map((_, at) => (marked || isAlone(series.points, at) ? 2.5 : 0)),
     pointHitRadius: 6,
     spanGaps: false,
+    showLine: !series.loose,
+    clip: chart.x.whole ? kMarkerReach : undefined,
   };
+}
+
+// One entry for each group of lines, such as all runs of a side. A click hides or shows the group.
+function legendOptions(chart) {
+  const groups = chart.series.map(({group, name}) => group ?? name);
+  const isFirst = ({datasetIndex}) => groups.indexOf(groups[datasetIndex]) === datasetIndex;
+  const labels = {
+    ...(chart.stacked ? {boxHeight: 7} : {boxHeight: 1, boxWidth: 36}),
+    generateLabels: (drawn) => Chart.defaults.plugins.legend.labels.generateLabels(drawn).filter(isFirst)
+        .map((label) => ({...label, text: groups[label.datasetIndex]})),
+  };
+  const onClick = (_, {datasetIndex}, {chart: drawn}) => {
+    const isVisible = drawn.isDatasetVisible(datasetIndex);
+    groups.forEach((group, i) => group === groups[datasetIndex] && drawn.setDatasetVisibility(i, !isVisible));
+    drawn.update();
+  };
+  return {display: new Set(groups).size > 1, labels, onClick};
 }
 
 function axisOptions(axis) {
@@ -61,8 +82,19 @@ function axisOptions(axis) {
     type: axis.log ? 'logarithmic' : 'linear',
     title: {display: true, text: axis.title},
     grid: {color: styleColour('--grid'), borderColor: styleColour('--faint')},
-    ticks: {callback: axis.log ? logTick : shortNumber, maxRotation: 0, includeBounds: false},
+    ticks: {
+      callback: axis.log ? logTick : shortNumber, maxRotation: 0, includeBounds: false, precision: axis.whole ? 0 : undefined,
+    },
   };
+}
+
+// Charts above each other have vertical axes of the same width, so that their seconds are above each other, too.
+function alignAxes(chart, isStrip, x, y) {
+  if (!isStrip && !chart.beneath?.length) return;
+  y.afterFit = (axis) => { axis.width = Chart.defaults.font.size * 6; };
+  if (!isStrip) return;
+  x.title.display = x.ticks.display = false;
+  y.ticks.maxTicksLimit = 4;
 }
 
 // Shades the warm-up behind everything else.
@@ -94,17 +126,19 @@ const kWarningMarks = {
       ctx.moveTo(left, chartArea.top);
       ctx.lineTo(left, chartArea.bottom);
       ctx.stroke();
-      ctx.fillText(text, left + 3, chartArea.top + 10);
+      const fits = left + 3 + ctx.measureText(text).width <= chartArea.right;
+      ctx.textAlign = fits ? 'left' : 'right';
+      ctx.fillText(text, left + (fits ? 3 : -3), chartArea.top + 10);
     }
     ctx.restore();
   },
 };
 
-function draw(canvas, chart) {
+function draw(canvas, chart, isStrip) {
   const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
   const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
-  if (!chart.y.log) y.beginAtZero = true;
-  const labels = chart.stacked ? {boxHeight: 7} : {boxHeight: 1, boxWidth: 36};
+  if (!chart.y.log && !chart.y.free) y.beginAtZero = true;
+  alignAxes(chart, isStrip, x, y);
   new Chart(canvas, {
     type: 'line',
     plugins: [kWarmUpShade, kWarningMarks],
@@ -117,7 +151,7 @@ function draw(canvas, chart) {
       plugins: {
         warmUp: {endS: chart.warmupS},
         warningMarks: {marks: chart.marks},
-        legend: {display: chart.series.length > 1, labels},
+        legend: legendOptions(chart),
         tooltip: {
           callbacks: {
             title: (items) => `${chart.x.title.split(' (')[0]}: ${shortNumber(items[0].parsed.x)}`,
@@ -135,10 +169,14 @@ function drawAll(charts) {
     Chart.defaults.font.family = getComputedStyle(document.body).fontFamily;
     Chart.defaults.font.size = document.documentElement.hasAttribute('data-print') ? 9 : 12;
     Chart.defaults.color = styleColour('--ink');
-    for (const chart of charts) {
+    const redrawOne = (chart, isStrip) => {
       const canvas = document.getElementById(chart.id);
       Chart.getChart(canvas)?.destroy();
-      draw(canvas, chart);
+      draw(canvas, chart, isStrip);
+    };
+    for (const chart of charts) {
+      redrawOne(chart, false);
+      for (const strip of chart.beneath ?? []) redrawOne(strip, true);
     }
   };
   const print = (isPrinting) => () => {
@@ -154,10 +192,11 @@ function drawAll(charts) {
 // Charts with titles. The text for screen readers begins with `about`. drawAll draws them after they are in the page.
 function chartFigures(charts, about) {
   if (charts.length === 0) return [];
-  return el('div', {class: 'charts'}, charts.map((chart) => {
+  const captioned = (chart, kind) => {
     const words = `${about}${chart.title}. Vertical: ${chart.y.title}. Horizontal: ${chart.x.title}.`;
     const canvas = el('canvas', {id: chart.id, role: 'img', 'aria-label': words});
-    return el('figure', {class: chart.broad && 'broad'}, el('figcaption', {}, chart.title),
-        el('div', {class: 'plot'}, canvas));
-  }));
+    return [el('figcaption', {class: kind === 'plot strip' && 'minor'}, chart.title), el('div', {class: kind}, canvas)];
+  };
+  return el('div', {class: 'charts'}, charts.map((chart) => el('figure', {class: chart.broad && 'broad'},
+      captioned(chart, 'plot'), ...(chart.beneath ?? []).map((strip) => captioned(strip, 'plot strip')))));
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Makes the page of a report from its data, which scope/FORMAT.md describes.
+// The page of runs.
 
 function section(title, ...content) {
   return el('section', {}, el('h2', {}, title), ...content);
@@ -41,21 +41,18 @@ function showReport(data) {
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
   const counters = charts.counters();
 
-  document.title = `stress_scope: ${data.runs.map((run) => run.name).join(' | ')}`;
-  document.querySelector('header').append(...data.runs.map(runHead));
-  document.querySelector('main').prepend(
+  showPage({
+    heading: 'stress_scope report',
+    title: data.runs.map((run) => run.name).join(' | '),
+    heads: data.runs.map(runHead),
+    figures: data.figures,
+    sections: [
       section('Warnings', warningList(data.runs)),
       summarySection(data, engines, totals),
       ...engines.map((engine, i) => engineSection(data.runs, engine, ofEngines[i])),
       section('Counters of the machine', chartFigures(counters, 'Counters. '), counterTable(data.runs)),
-      section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)));
-  document.getElementById('tool').textContent = data.tool;
-  for (const term of document.querySelectorAll('dt[data-figures]')) {
-    const names = term.dataset.figures.split(' ');
-    term.prepend(data.figures.filter(({name, chart}) => names.includes(chart || name)).map(({title}) => title).join(', '));
-  }
-
-  drawAll([...totals, ...ofEngines.flat(), ...counters]);
+      section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)),
+    ],
+    charts: [...totals, ...ofEngines.flat(), ...counters],
+  });
 }
-
-showReport(JSON.parse(document.getElementById('report-data').textContent));

@@ -14,6 +14,7 @@
 #include "errors.h"
 #include "experiment_folder.h"
 #include "experiment_plan.h"
+#include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "temporary_folder.h"
@@ -22,6 +23,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 
@@ -146,7 +148,35 @@ TEST_F(AbTest, SwitchesRecordsAndEndsWhenBIsWorse) {
   }
   EXPECT_EQ(folder_.Get("log"), wanted);
   EXPECT_EQ(experiment.runs[8].state, SweepState::kPlanned);
+
+  EXPECT_THAT(result.output, EndsWith("\nreport in " + Folder() + "/report.html\n"));
+  const auto page = DataOf(folder_.Get("ab/report.html"));
+  EXPECT_EQ(page.at("answer"), "worse");
+  EXPECT_EQ(page.at("a").at("name"), Setting(1000));
+  EXPECT_EQ(page.at("report").at("runs").size(), 8U);
+  // The looks share the confidence on this page, too.
+  const ToolResult report = RunTool({"report", Folder(), "-o", folder_ / "page.html"});
+  EXPECT_EQ(report.status, 0) << report.errors;
+  EXPECT_THAT(report.output, HasSubstr("\nB is worse than A: cpu printed -9.71 % (-9.75 to -9.68).\n"));
+  EXPECT_EQ(DataOf(folder_.Get("page.html")), page);
   EXPECT_EQ(RunTool({"compare", Folder() + "/a", Folder() + "/b", "--skip", "0"}).status, 1);
+}
+
+TEST_F(AbTest, ReportNeedsARunOfEachSide) {
+  (void)Benchmark();
+  ASSERT_EQ(RunTool(Arguments(1000, 900)).status, 1);
+  Experiment experiment = ReadExperiment(Folder());
+  for (ExperimentRun& run : experiment.runs) {
+    if (run.isB) run.state = SweepState::kPlanned;
+  }
+  WriteExperiment(Folder(), experiment);
+  const ToolResult result = RunTool({"report", Folder()});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors,
+              HasSubstr("ab: no run of B is recorded. Continue with: stress_scope ab --resume"));
+  const ToolResult both = RunTool({"report", Folder() + "/a/001", Folder()});
+  EXPECT_EQ(both.status, 2);
+  EXPECT_THAT(both.errors, HasSubstr("ab is an experiment, and a report shows one of these or several runs"));
 }
 
 TEST_F(AbTest, EndsWhenBIsBetterOrDoesNotDiffer) {

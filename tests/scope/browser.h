@@ -28,7 +28,7 @@ const charts = [...document.querySelectorAll('canvas')].map((canvas) => {
   let drawn = 0;
   for (let at = 0; at < pixels.length; at += 4) drawn += pixels[at + 3] > 200 && wanted.some(isNear(pixels, at));
   const series = sets.map((set) => ({name: set.label, colour: set.borderColor, dash: set.borderDash,
-    marker: set.pointStyle, stepped: set.stepped, spansGaps: set.spanGaps, points: (set.data ?? []).map((point) => [point.x, point.y])}));
+    marker: set.pointStyle, stepped: set.stepped, showLine: set.showLine, spansGaps: set.spanGaps, points: (set.data ?? []).map((point) => [point.x, point.y])}));
   const marks = Chart.getChart(canvas).options?.plugins.warningMarks.marks.map(({x, text}) => ({x, text}));
   let cautions = 0; // pixels of the marks
   for (let at = 0; at < pixels.length; at += 4) cautions += pixels[at + 3] > 100 && isNear(pixels, at)([0xb3, 0x26, 0x1e]);
@@ -143,14 +143,20 @@ class BrowserTest : public ::testing::Test {
     return page + "<script nonce=\"measure\">let extra = null; " + script + "</script>" + kMeasure;
   }
 
+  // The page that stress_scope writes with these arguments, with `script` and what measures it.
+  std::string PageOf(std::vector<std::string> arguments, const std::string& script = {},
+                     int status = 0) const {
+    const std::string file = folder_ / "report.html";
+    arguments.insert(arguments.end(), {"-o", file});
+    const ToolResult result = RunProgram(STRESS_SCOPE, arguments);
+    EXPECT_EQ(result.status, status) << result.errors;
+    return folder_.Put("report.html", Measured(folder_.Get("report.html"), script));
+  }
+
   // The report of `folders`, with `script` and what measures it.
   std::string Page(std::vector<std::string> folders, const std::string& script = {}) const {
-    const std::string file = folder_ / "report.html";
     folders.insert(folders.begin(), "report");
-    folders.insert(folders.end(), {"-o", file});
-    const ToolResult result = RunProgram(STRESS_SCOPE, folders);
-    EXPECT_EQ(result.status, 0) << result.errors;
-    return folder_.Put("report.html", Measured(folder_.Get("report.html"), script));
+    return PageOf(std::move(folders), script);
   }
 
   TemporaryFolder folder_;

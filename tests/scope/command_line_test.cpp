@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "made_run.h"
+#include "page_json.h"
 #include "run_tool.h"
 #include "similar_word.h"
 #include "synthetic_run.h"
@@ -292,7 +293,8 @@ TEST_F(CommandLineTest, FormatDescribesEveryKeyOfTheJson) {
   std::set<std::string> keys;
   AddKeys(Json::parse(RunTool({"report", run, "--json"}).output), keys);
   AddKeys(Json::parse(Sweep({"--json"}).output), keys);
-  AddKeys(Json::parse(RunTool({"compare", run, run, "--json"}).output), keys);
+  AddKeys(Json::parse(RunTool({"compare", run, run, "--json", "-o", folder_ / "page.html"}).output), keys);
+  AddKeys(DataOf(folder_.Get("page.html")), keys);
   EXPECT_GT(keys.size(), 60U);
   for (const std::string& key : keys) EXPECT_TRUE(describes(key)) << key;
   EXPECT_FALSE(describes("no_such_key"));

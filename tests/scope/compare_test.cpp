@@ -15,6 +15,7 @@
 #include "comparison_text.h"
 #include "errors.h"
 #include "number_text.h"
+#include "page_json.h"
 #include "ratio.h"
 #include "run_reader.h"
 #include "run_summary.h"
@@ -539,6 +540,25 @@ TEST_F(CompareTest, JsonHasEveryFigure) {
   }
   EXPECT_EQ(found, 6U) << table.output << all.dump(2);
   EXPECT_EQ(all["figures"].size(), 6U);
+}
+
+TEST_F(CompareTest, WritesAPageOnlyIfItIsNamed) {
+  const std::string a = Repeats("a", {500, 501});
+  const std::string b = Repeats("b", {450, 451});
+  const ToolResult none = RunTool({"compare", a, b});
+  EXPECT_THAT(none.output, AllOf(HasSubstr("B is worse than A"), Not(HasSubstr("report in"))));
+  const std::string file = folder_ / "page.html";
+  const ToolResult written = RunTool({"compare", a, b, "-o", file});
+  EXPECT_EQ(written.status, 1) << written.errors;
+  EXPECT_EQ(written.output, none.output + "\nreport in " + file + "\n");
+  EXPECT_EQ(DataOf(folder_.Get("page.html")).at("sentence"),
+            nlohmann::json::parse(RunTool({"compare", a, b, "--json"}).output).at("sentence"));
+  std::filesystem::remove(file);
+  EXPECT_EQ(RunTool({"compare", a, b, "--quiet", "-o", file}).output, "");
+  EXPECT_TRUE(std::filesystem::exists(file));
+  const ToolResult refused = RunTool({"compare", a, b, "-o", "/proc/none/page.html"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_THAT(refused.errors, HasSubstr("cannot write /proc/none/page.html"));
 }
 
 TEST_F(CompareTest, RefusesWhatIsNoRun) {

@@ -9,6 +9,7 @@
 #include <regex>
 
 #include "made_run.h"
+#include "page_json.h"
 #include "run_warnings.h"
 
 namespace {
@@ -28,15 +29,8 @@ ReportedRun Reported(scope::Run run, const std::string& name) {
   return reported;
 }
 
-// The data of the page, as a browser reads it.
-nlohmann::json DataOf(const std::string& page) {
-  const std::string begin = "<script type=\"application/json\" id=\"report-data\">";
-  const std::size_t from = page.find(begin) + begin.size();
-  return nlohmann::json::parse(page.substr(from, page.find('<', from) - from));
-}
-
 nlohmann::json DataOf(const std::vector<ReportedRun>& runs) {
-  return DataOf(ReportPage(runs));
+  return ::DataOf(ReportPage(runs));
 }
 
 TEST(ReportPage, ItsDataAreTheFigures) {
@@ -123,7 +117,7 @@ TEST(ReportPage, NothingLeadsOutOfItsData) {
   for (const char* text : {"<script>alert", "</script><!--", "\xe2\x80\xa8", "\x1b", "\x01"}) {
     EXPECT_THAT(page, Not(HasSubstr(text)));
   }
-  const nlohmann::json data = DataOf(page);
+  const nlohmann::json data = ::DataOf(page);
   EXPECT_EQ(data["runs"][0]["label"], hostile);
   EXPECT_EQ(data["runs"][0]["counter_series"][0]["name"], hostile);
   EXPECT_EQ(data["engines"].back()["title"], hostile);

@@ -14,8 +14,10 @@
 #include "compare_conditions.h"
 #include "configuration.h"
 #include "errors.h"
+#include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
+#include "saturation.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "sweep_table.h"
@@ -27,6 +29,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Pair;
@@ -386,6 +389,36 @@ TEST_F(SweepTest, TwoPointsAreComparedAtTheEnd) {
                     HasSubstr("After the first 0 s")));  // the sweep's warm-up
 }
 
+TEST_F(SweepTest, EndsWithItsPage) {
+  const ToolResult result = RunTool(SweepOf(Counting(), {"--levels", "CPU=1..3"}));
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output, EndsWith("\nreport in " + Folder() + "/report.html\n"));
+  const auto data = DataOf(folder_.Get("sweep/report.html"));
+  EXPECT_EQ(data.at("kind"), "sweep");
+  EXPECT_EQ(data.at("points").size(), 3U);
+  std::filesystem::remove(Folder() + "/report.html");
+
+  EXPECT_EQ(RunTool({"report", Folder(), "--text"}).status, 0);
+  EXPECT_EQ(RunTool({"report", Folder(), "--json"}).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(Folder() + "/report.html"));
+  const ToolResult named = RunTool({"report", Folder(), "--json", "-o", folder_ / "page.html"});
+  EXPECT_EQ(DataOf(folder_.Get("page.html")).at("points"), nlohmann::json::parse(named.output).at("points"));
+  EXPECT_FALSE(std::filesystem::exists(Folder() + "/report.html"));
+  EXPECT_EQ(RunTool({"report", Folder(), "--quiet"}).output, "");
+  EXPECT_EQ(DataOf(folder_.Get("sweep/report.html")), data);
+}
+
+TEST_F(SweepTest, AnInterruptedSweepHasAPage) {
+  Sweep sweep = Recorded(ParseAxes({"CPU=1..2"}), {{5}, {8}});
+  sweep.runs[1].state = SweepState::kInterrupted;
+  WriteSweep(Folder(), sweep);
+  EXPECT_EQ(RunTool({"report", Folder()}).status, 0);
+  const auto data = DataOf(folder_.Get("sweep/report.html"));
+  EXPECT_EQ(data.at("complete"), false);
+  EXPECT_EQ(data.at("points").at(1).at("runs"), 0);
+  EXPECT_EQ(data.at("points").at(1).at("figures"), nlohmann::json::array());
+}
+
 TEST_F(SweepTest, PointsAreNamedInFull) {
   ASSERT_EQ(RunTool(SweepOf(Counting(), {"--levels", "CPU=1,2", "--levels", "VENC=0,1"})).status, 0);
   const auto refused = [&](const std::string& point, const std::string& words) {
@@ -450,8 +483,10 @@ TEST_F(SweepTest, SaturationIsTheLowestLevelWithinFivePercent) {
   EXPECT_EQ(saturation->lowest, 3U);
   EXPECT_TRUE(saturation->reached);
   EXPECT_FALSE(saturation->indistinct.has_value());
-  EXPECT_EQ(SaturationText(table),
-            "Saturates with 9.600 GB/s at CPU=4, within 5 % of the best, 10.00 GB/s at CPU=8.\n");
+  EXPECT_EQ(
+      SaturationText(table),
+      "The total bandwidth saturates at CPU=4: 9.600 GB/s, within 5 % of the best, 10.00 GB/s at CPU=8. "
+      "Uncertainty not known: sweep with --repeat 4.\n");
   EXPECT_THAT(BandwidthText(table), AllOf(HasSubstr("  1  5.000  "
                                                     "████████████████████\n"),
                                           HasSubstr("██ saturated\n")));
@@ -477,7 +512,7 @@ TEST_F(SweepTest, FewRepeatsAreNotCalledNoise) {
   EXPECT_EQ(FindSaturation(table)->lowest, 1U);
   EXPECT_FALSE(FindSaturation(table)->indistinct.has_value());
   EXPECT_EQ(SaturationText(table),
-            "No saturation: the best, 10.00 GB/s at CPU=2, has the most threads of all points.\n");
+            "The total bandwidth does not saturate: the best, 10.00 GB/s at CPU=2, has the most threads.\n");
 }
 
 TEST_F(SweepTest, TwoSectionsAreAMap) {
@@ -543,7 +578,7 @@ TEST_F(SweepTest, SweepsTheRealBenchmark) {
   EXPECT_NEAR(
       *MedianOf(table.points[1], {kAllEngines, Figure::kBandwidth}) / (operations * 2 * 8294400 / 1e9), 1,
       1e-9);
-  EXPECT_THAT(result.output, HasSubstr("No saturation: the best"));
+  EXPECT_THAT(result.output, HasSubstr("The total bandwidth does not saturate: the best"));
 }
 
 }  // namespace

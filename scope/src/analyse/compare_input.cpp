@@ -74,4 +74,15 @@ Side ReadSide(const std::string& argument) {
   return side;
 }
 
+Side ReadExperimentSide(const std::string& folder, const Experiment& experiment, bool isB) {
+  Side side;
+  const std::string& command = isB ? experiment.settings.commandB : experiment.settings.commandA;
+  side.name = command.empty() ? folder + (isB ? "/b" : "/a") : command;
+  for (const ExperimentRun& run : experiment.runs) {
+    const bool isRecorded = run.state == SweepState::kDone || run.state == SweepState::kFailed;
+    if (run.isB == isB && isRecorded) side.runs.push_back(ReadRun(folder + "/" + run.folder));
+  }
+  return side;
+}
+
 }  // namespace scope

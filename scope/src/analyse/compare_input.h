@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "experiment.h"
 #include "run.h"
 
 namespace scope {
@@ -20,5 +21,9 @@ struct Side {
 /// for each swept section. The runs of a folder, and the finished runs of a point, are repeats. Throws
 /// UserError for anything else.
 Side ReadSide(const std::string& argument);
+
+/// Reads the recorded runs of one side of the experiment in `folder`, in the order of recording. There may be
+/// none. Throws UserError.
+Side ReadExperimentSide(const std::string& folder, const Experiment& experiment, bool isB);
 
 }  // namespace scope

@@ -6,7 +6,6 @@
 
 #include "compare_conditions.h"
 #include "errors.h"
-#include "ratio.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -17,26 +16,7 @@
 namespace scope {
 namespace {
 
-constexpr double kCloseShare = 0.05;
-constexpr double kError = 0.05;
-// Fewer repeats cannot tell most points from the best, and would name them all.
-constexpr std::size_t kLeastRepeats = 4;
 const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
-
-int Threads(const SweepPoint& point) {
-  int sum = 0;
-  for (const auto& [section, level] : point.levels) sum += level;
-  return sum;
-}
-
-bool NoDifferenceShown(const std::vector<double>& a, const std::vector<double>& b) {
-  if (a.size() < kLeastRepeats || b.size() < kLeastRepeats) return false;
-  const auto isPositive = [](double value) { return value > 0; };
-  if (!std::all_of(a.begin(), a.end(), isPositive) || !std::all_of(b.begin(), b.end(), isPositive))
-    return false;
-  const RatioEstimate estimate = EstimateRatio(a, b, kError);
-  return estimate.low <= 1 && estimate.high >= 1;
-}
 
 void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
   for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
@@ -120,36 +100,6 @@ std::optional<double> MedianOf(const SweepPoint& point, const FigureKey& key) {
   const auto at = point.values.find(key);
   if (at == point.values.end()) return std::nullopt;
   return Median(at->second);
-}
-
-std::optional<Saturation> FindSaturation(const SweepTable& table) {
-  Saturation saturation;
-  const double greatest = GreatestBandwidth(table);
-  if (greatest <= 0) return std::nullopt;
-  int mostThreads = 0;
-  for (std::size_t i = 0; i < table.points.size(); ++i) {
-    const std::optional<double> total = MedianOf(table.points[i], kTotal);
-    if (!total) continue;
-    mostThreads = std::max(mostThreads, Threads(table.points[i]));
-    if (*total >= greatest) saturation.best = i;
-  }
-  const std::vector<double>& best = table.points[saturation.best].values.at(kTotal);
-  saturation.lowest = saturation.best;
-  const auto hasFewer = [&table](std::size_t point, std::size_t than) {
-    return Threads(table.points[point]) < Threads(table.points[than]);
-  };
-  for (std::size_t i = 0; i < table.points.size(); ++i) {
-    const double total = MedianOf(table.points[i], kTotal).value_or(0);
-    if (total >= (1 - kCloseShare) * greatest && hasFewer(i, saturation.lowest)) saturation.lowest = i;
-  }
-  for (std::size_t i = 0; i < table.points.size(); ++i) {
-    const auto values = table.points[i].values.find(kTotal);
-    if (values == table.points[i].values.end()) continue;
-    if (!hasFewer(i, saturation.indistinct.value_or(saturation.lowest))) continue;
-    if (NoDifferenceShown(values->second, best)) saturation.indistinct = i;
-  }
-  saturation.reached = Threads(table.points[saturation.lowest]) < mostThreads;
-  return saturation;
 }
 
 }  // namespace scope

@@ -34,19 +34,6 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep);
 /// The median over the point's runs; none if the point lacks the figure.
 std::optional<double> MedianOf(const SweepPoint& point, const FigureKey& key);
 
-/// The point from which more load gives no more total bandwidth.
-struct Saturation {
-  std::size_t best = 0;  ///< the point with the greatest total bandwidth
-  /// The point with the fewest threads, over all swept sections, whose median is within 5 % of the best.
-  std::size_t lowest = 0;
-  bool reached = false;  ///< false: `lowest` has the most threads, so more threads may give more
-  /// A point with even fewer threads that the test of `compare` cannot distinguish from the best, with four
-  /// or more repeats each. Either it is as good, or noise hides the difference.
-  std::optional<std::size_t> indistinct;
-};
-/// None if no point has a total bandwidth above 0.
-std::optional<Saturation> FindSaturation(const SweepTable& table);
-
 /// The greatest median of the total bandwidth, in GB/s; 0 if there is none.
 double GreatestBandwidth(const SweepTable& table);
 

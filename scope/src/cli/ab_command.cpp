@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "compare.h"
 #include "compare_conditions.h"
+#include "compare_input.h"
 #include "comparison_text.h"
 #include "configuration.h"
 #include "durable_file.h"
@@ -24,6 +25,7 @@
 #include "printable.h"
 #include "record.h"
 #include "run_reader.h"
+#include "run_tables.h"
 #include "series.h"
 #include "setting_switch.h"
 #include "standard_output.h"
@@ -137,16 +139,7 @@ class Runner {
     return Compare();
   }
 
-  Side SideOf(bool isB) const {
-    Side side;
-    const std::string& command = isB ? experiment_.settings.commandB : experiment_.settings.commandA;
-    side.name = command.empty() ? folder_ + (isB ? "/b" : "/a") : command;
-    for (const ExperimentRun& run : experiment_.runs) {
-      const bool isRecorded = run.state == SweepState::kDone || run.state == SweepState::kFailed;
-      if (run.isB == isB && isRecorded) side.runs.push_back(ReadRun(folder_ + "/" + run.folder));
-    }
-    return side;
-  }
+  Side SideOf(bool isB) const { return ReadExperimentSide(folder_, experiment_, isB); }
 
   const CompareOptions& Options() const { return options_; }
 
@@ -227,11 +220,9 @@ int RunAb(const AbOptions& options) {
   }
   const Side a = runner.SideOf(false);
   const Side b = runner.SideOf(true);
-  const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
-  if (text) Print('\n' + ComparisonText(a, b, *comparison, differences, runner.Options(), options.style));
-  if (options.output == Output::kJson) {
-    Print(ComparisonJson(a, b, *comparison, differences, runner.Options()));
-  }
+  if (text) Print("\n");
+  ShowComparison({a, b, *comparison, DifferentConditions(a.runs, b.runs), runner.Options()}, options.output,
+                 options.style, {folder + "/" + kReportName});
   RequireStandardOutput();
   if (comparison->answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
   return ExitStatusOf(comparison->answer);

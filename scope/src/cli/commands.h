@@ -3,8 +3,12 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 #include "command_line.h"
+#include "compare.h"
+#include "compare_conditions.h"
+#include "pages.h"
 #include "sweep.h"
 
 /// Each Add function adds a sub-command to `app`. The chosen sub-command runs during the parse and sets
@@ -22,8 +26,21 @@ void AddAb(CLI::App& app, int& status);
 /// null.
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
-/// Prints the figures of the sweep in `folder`. Throws UserError.
-void PrintSweep(const std::string& folder, Output output, const TextStyle& style);
+/// Prints the figures of the sweep in `folder`, and writes their page. Throws
+/// UserError.
+void ShowSweep(const std::string& folder, Output output, const TextStyle& style, const PageFile& file);
+
+/// Two sides and how they compare.
+struct ComparedSides {
+  Side a;
+  Side b;
+  Comparison comparison;
+  std::vector<ConditionDifference> differences;
+  CompareOptions options;
+};
+
+/// Prints the comparison, and writes its page. Throws UserError.
+void ShowComparison(const ComparedSides& sides, Output output, const TextStyle& style, const PageFile& file);
 
 /// The longest time that an option takes.
 constexpr double kMostSeconds = 1e6;

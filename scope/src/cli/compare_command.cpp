@@ -27,6 +27,7 @@ struct CommandOptions {
   Output output = Output::kText;
   TextStyle style;
   bool allowUnclear = false;
+  std::string file;  // of the page; empty: none
 };
 
 void RefuseDifferences(const std::vector<ConditionDifference>& differences, const CommandOptions& options) {
@@ -66,11 +67,8 @@ int RunCompare(CommandOptions options) {
   const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
   RefuseDifferences(differences, options);
   const Comparison comparison = Compare(a, b, options.compare);
-  if (options.output == Output::kJson) {
-    Print(ComparisonJson(a, b, comparison, differences, options.compare));
-  } else if (options.output == Output::kText) {
-    Print(ComparisonText(a, b, comparison, differences, options.compare, options.style));
-  }
+  ShowComparison({a, b, comparison, differences, options.compare}, options.output, options.style,
+                 {options.file, true});
   RequireStandardOutput();  // an answer that is lost must not have an exit status
   if (comparison.answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
   return ExitStatusOf(comparison.answer);
@@ -118,13 +116,14 @@ void AddCompare(CLI::App& app, int& status) {
       ->type_name("NAMES")
       ->check(OneOf(ConditionNames()));
   command->add_flag("--force", options->force, "Compare even if conditions differ");
+  command->add_option("-o,--output", options->file, "Page to write as well")->type_name("FILE");
   command->add_flag("--allow-unclear", options->allowUnclear,
                     "End with status 0 instead of 4 if the runs cannot tell");
   AddOutput(*command, options->output);
   AddColour(*command, options->style);
   command->footer(
       "Examples:\n"
-      "  stress_scope compare before after --tolerance 2\n"
+      "  stress_scope compare before after --tolerance 2 -o comparison.html\n"
       "  stress_scope compare grid:CPU=1,VENC=0 grid:CPU=2,VENC=0 --figure bandwidth");
   command->callback([options, &status] {
     try {

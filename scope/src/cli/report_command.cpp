@@ -1,11 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "commands.h"
+#include "compare_input.h"
 #include "errors.h"
+#include "experiment_folder.h"
+#include "experiment_plan.h"
 #include "printable.h"
 #include "report.h"
+#include "run_tables.h"
 #include "sweep_folder.h"
 
 namespace scope {
@@ -19,23 +25,48 @@ struct ReportOptions {
   TextStyle style;
 };
 
+[[noreturn]] void RefuseSeries(const std::string& folder) {
+  const bool isSweep = IsSweepFolder(folder);
+  throw UserError(folder + (isSweep ? " is a sweep" : " is an experiment") +
+                  ", and a report shows one of these or several runs: give it alone, or give its run "
+                  "folders, as in " +
+                  folder + (isSweep ? "/run-0001" : "/a/001"));
+}
+
+ComparedSides CompareExperiment(const std::string& folder) {
+  const Experiment experiment = ReadExperiment(folder);
+  ComparedSides sides;
+  sides.a = ReadExperimentSide(folder, experiment, false);
+  sides.b = ReadExperimentSide(folder, experiment, true);
+  if (sides.a.runs.empty() || sides.b.runs.empty()) {
+    throw UserError(folder + ": no run of " + (sides.a.runs.empty() ? "A" : "B") +
+                    " is recorded. Continue with: stress_scope ab --resume " + folder);
+  }
+  sides.options = LookOptions(experiment.settings);
+  sides.comparison = Compare(sides.a, sides.b, sides.options);
+  sides.differences = DifferentConditions(sides.a.runs, sides.b.runs);
+  return sides;
+}
+
+bool IsSeries(const std::string& folder) {
+  return IsSweepFolder(folder) || IsExperimentFolder(folder);
+}
+
 int Report(const ReportOptions& options) {
-  const auto sweep = std::find_if(options.folders.begin(), options.folders.end(), IsSweepFolder);
-  if (sweep != options.folders.end()) {
-    if (options.folders.size() > 1) {
-      throw UserError(*sweep +
-                      " is a sweep, and a report shows one sweep or several runs: give it alone, or "
-                      "give its run folders, as in " +
-                      *sweep + "/run-0001");
+  const bool isNamed = !options.file.empty();
+  const bool page = isNamed || (!options.text && options.output != Output::kJson);
+  const auto series = std::find_if(options.folders.begin(), options.folders.end(), IsSeries);
+  if (series != options.folders.end()) {
+    if (options.folders.size() > 1) RefuseSeries(*series);
+    const PageFile file = {isNamed ? options.file : *series + "/" + kReportName, isNamed};
+    if (IsSweepFolder(*series)) {
+      ShowSweep(*series, options.output, options.style, page ? file : PageFile());
+    } else {
+      ShowComparison(CompareExperiment(*series), options.output, options.style, page ? file : PageFile());
     }
-    if (!options.file.empty()) {
-      throw UserError(*sweep + " is a sweep, which is shown as text: leave out -o, or give its run folders");
-    }
-    PrintSweep(*sweep, options.output, options.style);
     return kExitOk;
   }
   const std::vector<ReportedRun> runs = ReadRuns(options.folders);
-  const bool page = !options.file.empty() || (!options.text && options.output != Output::kJson);
   const std::string file = page ? WriteReport(runs, options.file) : std::string();
   if (options.output == Output::kJson) Print(ReportJson(runs));
   if (options.output == Output::kText)
@@ -46,11 +77,11 @@ int Report(const ReportOptions& options) {
 }  // namespace
 
 void AddReport(CLI::App& app, int& status) {
-  CLI::App* const command =
-      app.add_subcommand("report", "Show run folders as one HTML page, and print a summary");
+  CLI::App* const command = app.add_subcommand(
+      "report", "Show runs, a sweep or an experiment as an HTML page, and print a summary");
   const auto options = std::make_shared<ReportOptions>();
   command
-      ->add_option("DIR", options->folders, "Run folders, which share one page; or a sweep folder, as text")
+      ->add_option("DIR", options->folders, "Run folders, which share one page; or one folder of sweep or ab")
       ->required();
   command
       ->add_option("-o,--output", options->file,

@@ -15,6 +15,7 @@
 #include "printable.h"
 #include "record.h"
 #include "run_reader.h"
+#include "run_tables.h"
 #include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -161,7 +162,7 @@ int RunSweep(const SweepOptions& options) {
   std::unique_ptr<FolderLock> lock;
   Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
   const bool done = RecordAll(folder, sweep, options.output);
-  PrintSweep(folder, options.output, options.style);
+  ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
   return done ? kExitOk : kExitFailure;
 }
 

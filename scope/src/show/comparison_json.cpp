@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "comparison_text.h"
-#include "json.h"
+#include "page_data.h"
 
 namespace scope {
 namespace {
@@ -13,9 +13,8 @@ Json SideJson(const Side& side) {
 
 }  // namespace
 
-std::string ComparisonJson(const Side& a, const Side& b, const Comparison& comparison,
-                           const std::vector<ConditionDifference>& differences,
-                           const CompareOptions& options) {
+Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
+                    const std::vector<ConditionDifference>& differences, const CompareOptions& options) {
   Json different = Json::array();
   for (const ConditionDifference& difference : differences) {
     different.push_back(Json{{"name", difference.name}, {"a", difference.a}, {"b", difference.b}});
@@ -44,24 +43,29 @@ std::string ComparisonJson(const Side& a, const Side& b, const Comparison& compa
   for (const Finding& finding : comparison.findings) {
     findings.push_back(Json{{"engine", finding.engine}, {"text", finding.text}, {"worse", finding.worse}});
   }
-  const Json json{{"format", 2},
-                  {"kind", "compare"},
-                  {"tool", kToolVersion},
-                  {"a", SideJson(a)},
-                  {"b", SideJson(b)},
-                  {"answer", AnswerText(comparison.answer)},
-                  {"exit_status", ExitStatusOf(comparison.answer)},
-                  {"sentence", AnswerSentence(a, b, comparison, options)},
-                  {"skip_s", options.skipS},
-                  {"confidence", options.confidence},
-                  {"tolerance_percent", options.tolerancePercent},
-                  {"figure_confidence", comparison.figureConfidence},
-                  {"repeats", OrNull(comparison.repeats)},
-                  {"different", different},
-                  {"figures", figures},
-                  {"findings", findings},
-                  {"notes", comparison.notes}};
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+  return Json{{"format", 2},
+              {"kind", "compare"},
+              {"tool", kToolVersion},
+              {"a", SideJson(a)},
+              {"b", SideJson(b)},
+              {"answer", AnswerText(comparison.answer)},
+              {"exit_status", ExitStatusOf(comparison.answer)},
+              {"sentence", AnswerSentence(a, b, comparison, options)},
+              {"skip_s", options.skipS},
+              {"confidence", options.confidence},
+              {"tolerance_percent", options.tolerancePercent},
+              {"figure_confidence", comparison.figureConfidence},
+              {"repeats", OrNull(comparison.repeats)},
+              {"different", different},
+              {"figures", figures},
+              {"findings", findings},
+              {"notes", comparison.notes}};
+}
+
+std::string ComparisonJson(const Side& a, const Side& b, const Comparison& comparison,
+                           const std::vector<ConditionDifference>& differences,
+                           const CompareOptions& options) {
+  return JsonText(ComparisonData(a, b, comparison, differences, options));
 }
 
 }  // namespace scope

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "durable_file.h"
 #include "errors.h"
+#include "pages.h"
 #include "run_reader.h"
 #include "run_warnings.h"
 
@@ -15,14 +15,18 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string NameOf(const Run& run, std::size_t index, std::size_t count) {
-  fs::path folder = fs::path(run.folder).lexically_normal();
-  if (!folder.has_filename()) folder = folder.parent_path();
-  std::string name = run.info.label.empty() ? folder.filename().string() : run.info.label;
+  const std::string name = run.info.label.empty() ? FolderName(run.folder) : run.info.label;
   if (count == 1) return name;
   return std::string(1, static_cast<char>('A' + index)) + ": " + name;
 }
 
 }  // namespace
+
+std::string FolderName(const std::string& path) {
+  fs::path folder = fs::path(path).lexically_normal();
+  if (!folder.has_filename()) folder = folder.parent_path();
+  return folder.filename().string();
+}
 
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders) {
   if (folders.empty() || folders.size() > kMostRuns) {
@@ -45,15 +49,7 @@ std::string WriteReport(const std::vector<ReportedRun>& runs, const std::string&
   std::string path = file;
   if (path.empty())
     path = runs.size() == 1 ? (fs::path(runs.front().run.folder) / "report.html").string() : "report.html";
-  const std::string page = ReportPage(runs);
-  std::error_code ignored;
-  // A device or a pipe that the user names is written to. One that stands in a run folder may come from
-  // elsewhere: it is replaced.
-  if (!file.empty() && fs::exists(path, ignored) && !fs::is_regular_file(path, ignored)) {
-    OutputFile(path).Write(page);
-    return path;
-  }
-  ReplaceFile(path, page);
+  WritePage({path, !file.empty()}, ReportPage(runs));
   return path;
 }
 

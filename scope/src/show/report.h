@@ -22,6 +22,9 @@ struct ReportedRun {
 /// The number of line styles of the page that readers can distinguish.
 constexpr std::size_t kMostRuns = 8;
 
+/// The last part of the path.
+std::string FolderName(const std::string& path);
+
 /// Reads the run folders. Throws UserError for an unusable folder, no folder, or more than kMostRuns.
 std::vector<ReportedRun> ReadRuns(const std::vector<std::string>& folders);
 

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 
-#include "json.h"
+#include "page_data.h"
+#include "saturation.h"
 #include "statistics.h"
+#include "sweep_text.h"
 
 namespace scope {
 namespace {
@@ -28,41 +30,60 @@ Json PointJson(const SweepPoint& point) {
   return Json{{"levels", LevelsJson(point.levels)}, {"runs", point.runs}, {"figures", figures}};
 }
 
-Json SaturationJson(const SweepTable& table) {
-  const std::optional<Saturation> saturation = FindSaturation(table);
-  if (!saturation) return nullptr;
+Json SaturationJson(const SweepTable& table, const std::string& engine, const Saturation& saturation) {
   const auto levels = [&table](std::size_t point) { return LevelsJson(table.points[point].levels); };
-  return Json{{"reached", saturation->reached},
-              {"lowest", levels(saturation->lowest)},
-              {"best", levels(saturation->best)},
-              {"indistinct", saturation->indistinct ? levels(*saturation->indistinct) : Json(nullptr)}};
+  const auto& from = saturation.fromBest;
+  return Json{{"sentence", SaturationSentence(table, engine, saturation)},
+              {"reached", saturation.reached},
+              {"lowest", levels(saturation.lowest)},
+              {"best", levels(saturation.best)},
+              {"indistinct", saturation.indistinct ? levels(*saturation.indistinct) : Json(nullptr)},
+              {"from_best_percent", from ? Json(from->value) : Json(nullptr)},
+              {"low_percent", from ? Json(from->low) : Json(nullptr)},
+              {"high_percent", from ? Json(from->high) : Json(nullptr)}};
+}
+
+Json SaturationsJson(const SweepTable& table) {
+  Json saturations = Json::array();
+  for (const EngineSaturation& each : EngineSaturations(table)) {
+    Json json{{"engine", each.engine}, {"section", each.section}};
+    json.update(SaturationJson(table, each.engine, each.saturation));
+    saturations.push_back(std::move(json));
+  }
+  return saturations;
 }
 
 }  // namespace
 
-std::string SweepJson(const std::string& folder, const Sweep& sweep, const SweepTable& table,
-                      const std::string& comparison) {
+Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
+               const std::string& comparison) {
+  const std::optional<Saturation> total = FindSaturation(table);
   Json grid = Json::object();
   for (const SweepAxis& axis : sweep.axes) grid[axis.section] = axis.levels;
   Json points = Json::array();
   for (const SweepPoint& point : table.points) points.push_back(PointJson(point));
   const bool complete = std::all_of(sweep.runs.begin(), sweep.runs.end(),
                                     [](const SweepRun& run) { return run.state == SweepState::kDone; });
-  const Json json{{"format", 1},
-                  {"kind", "sweep"},
-                  {"tool", kToolVersion},
-                  {"folder", folder},
-                  {"started", sweep.started},
-                  {"complete", complete},
-                  {"grid", grid},
-                  {"repeats", sweep.settings.repeats},
-                  {"seed", sweep.settings.seed},
-                  {"warmup_s", sweep.settings.warmupS},
-                  {"points", points},
-                  {"saturation", SaturationJson(table)},
-                  {"notes", table.notes},
-                  {"comparison", comparison.empty() ? Json(nullptr) : Json::parse(comparison)}};
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+  return Json{{"format", 1},
+              {"kind", "sweep"},
+              {"tool", kToolVersion},
+              {"folder", folder},
+              {"started", sweep.started},
+              {"complete", complete},
+              {"grid", grid},
+              {"repeats", sweep.settings.repeats},
+              {"seed", sweep.settings.seed},
+              {"warmup_s", sweep.settings.warmupS},
+              {"points", points},
+              {"saturation", total ? SaturationJson(table, kAllEngines, *total) : Json(nullptr)},
+              {"saturations", SaturationsJson(table)},
+              {"notes", table.notes},
+              {"comparison", comparison.empty() ? Json(nullptr) : Json::parse(comparison)}};
+}
+
+std::string SweepJson(const std::string& folder, const Sweep& sweep, const SweepTable& table,
+                      const std::string& comparison) {
+  return JsonText(SweepData(folder, sweep, table, comparison));
 }
 
 }  // namespace scope

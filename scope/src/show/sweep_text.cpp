@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "number_text.h"
+#include "saturation.h"
 #include "sweep_plan.h"
+#include "text_format.h"
 #include "text_table.h"
 
 namespace scope {
@@ -102,23 +104,41 @@ std::string BandwidthText(const SweepTable& table, std::size_t width) {
   return {};
 }
 
-std::string SaturationText(const SweepTable& table) {
-  const std::optional<Saturation> saturation = FindSaturation(table);
-  if (!saturation) return {};
-  const auto at = [&table](std::size_t point) {
-    return ShortNumber(*MedianOf(table.points[point], kTotal)) + " GB/s at " +
-           PointText(table.points[point].levels);
+std::string SaturationSentence(const SweepTable& table, const std::string& engine,
+                               const Saturation& saturation) {
+  const auto levels = [&table](std::size_t point) { return PointText(table.points[point].levels); };
+  const auto value = [&](std::size_t point) {
+    return ShortNumber(*MedianOf(table.points[point], {engine, Figure::kBandwidth})) + " GB/s";
   };
-  std::string text;
-  if (saturation->reached) {
-    text = "Saturates with " + at(saturation->lowest) + ", within 5 % of the best, " + at(saturation->best) +
-           ".\n";
+  const auto at = [&](std::size_t point) { return value(point) + " at " + levels(point); };
+  const std::size_t lowest = saturation.lowest;
+  std::string text = engine == kAllEngines ? "The total bandwidth" : "The bandwidth of " + engine;
+  if (lowest != saturation.best) {
+    text += " saturates at " + levels(lowest) + ": " + value(lowest) + ", within 5 % of the best, " +
+            at(saturation.best) + ".";
+  } else if (saturation.reached) {
+    text += " is best at " + levels(lowest) + ", " + value(lowest) + ": more threads give no more.";
   } else {
-    text = "No saturation: the best, " + at(saturation->best) + ", has the most threads of all points.\n";
+    text += " does not saturate: the best, " + at(lowest) + ", has the most threads.";
   }
-  if (saturation->indistinct) {
-    text += "These repeats cannot distinguish the best from " + at(*saturation->indistinct) +
-            ". Record more of them, or use a quieter machine.\n";
+  if (saturation.fromBest) {
+    text += Format(" The repeats put it at %.1f to %.1f %% of the best", 100 + saturation.fromBest->low,
+                   100 + saturation.fromBest->high);
+    text += saturation.fromBest->low < -kSaturatedPercent ? ", so they do not show that." : ".";
+  }
+  if (!saturation.hasRepeats) text += " Uncertainty not known: sweep with --repeat 4.";
+  if (saturation.indistinct) {
+    text += " These repeats cannot distinguish the best from " + at(*saturation.indistinct) +
+            ". Record more of them, or use a quieter machine.";
+  }
+  return text;
+}
+
+std::string SaturationText(const SweepTable& table) {
+  const std::optional<Saturation> total = FindSaturation(table);
+  std::string text = total ? SaturationSentence(table, kAllEngines, *total) + "\n" : "";
+  for (const EngineSaturation& each : EngineSaturations(table)) {
+    text += SaturationSentence(table, each.engine, each.saturation) + "\n";
   }
   return text;
 }

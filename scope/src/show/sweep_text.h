@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "saturation.h"
 #include "sweep_table.h"
 #include "text_table.h"
 
@@ -14,7 +15,10 @@ std::string TableText(const SweepTable& table, std::size_t width = kTextWidth);
 /// The total bandwidth as bars for one swept section, and as a shaded map for two. Empty for more sections or
 /// without a bandwidth.
 std::string BandwidthText(const SweepTable& table, std::size_t width = kTextWidth);
-/// The result of FindSaturation as text; empty if there is none.
+/// What `saturation` says about the bandwidth of `engine` (or kAllEngines), in some sentences.
+std::string SaturationSentence(const SweepTable& table, const std::string& engine,
+                               const Saturation& saturation);
+/// The sentences of the total bandwidth and of each engine, one line each; empty without a bandwidth.
 std::string SaturationText(const SweepTable& table);
 
 }  // namespace scope

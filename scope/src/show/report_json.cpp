@@ -3,35 +3,19 @@
 #include <cmath>
 #include <map>
 #include <set>
-#include <string_view>
 #include <tuple>
 #include <utility>
 
 #include "compare.h"
 #include "compare_figures.h"
 #include "engines.h"
-#include "json.h"
+#include "page_data.h"
 #include "report.h"
 #include "run_json.h"
 #include "run_keys.h"
 #include "run_warnings.h"
 #include "statistics.h"
 #include "text_format.h"
-
-// The page without its data, which the build makes from page/. The assembler embeds files of any size; the
-// length of a literal is limited.
-__asm__(
-    ".pushsection .rodata\n"
-    "scopePageTemplateBegin:\n"
-    ".incbin \"" SCOPE_PAGE_TEMPLATE
-    "\"\n"
-    "scopePageTemplateEnd:\n"
-    ".byte 0\n"
-    ".popsection\n");
-extern "C" {
-__attribute__((visibility("hidden"))) extern const char scopePageTemplateBegin[];
-__attribute__((visibility("hidden"))) extern const char scopePageTemplateEnd[];
-}
 
 namespace scope {
 namespace {
@@ -124,9 +108,9 @@ Json PrintedJson(const RunSummary& summary) {
 }
 
 // The same figures as in comparisons.
-Json MediansJson(const RunSummary& summary) {
+Json MediansJson(const RunSummary& summary, double warmupS) {
   Json medians = Json::array();
-  for (const auto& [key, values] : FiguresOf(summary, CompareOptions().skipS)) {
+  for (const auto& [key, values] : FiguresOf(summary, warmupS)) {
     if (values.empty()) continue;
     medians.push_back(
         Json{{"engine", key.engine}, {"figure", KindOf(key.figure).name}, {"median", Median(values)}});
@@ -163,7 +147,7 @@ Json ConditionsJson(const RunInfo& info) {
   return conditions;
 }
 
-Json RunJson(const ReportedRun& reported) {
+Json RunJson(const ReportedRun& reported, double warmupS) {
   const RunInfo& info = reported.run.info;
   Json run = Json::parse(RunInfoText(info));
   run["warnings"] = Json::array();
@@ -178,7 +162,7 @@ Json RunJson(const ReportedRun& reported) {
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);
-  run["medians"] = MediansJson(reported.summary);
+  run["medians"] = MediansJson(reported.summary, warmupS);
   run["counter_series"] = CountersJson(reported.run.counters);
   return run;
 }
@@ -200,44 +184,38 @@ std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
   return names;
 }
 
-Json ReportData(const std::vector<ReportedRun>& runs) {
-  Json data{{"format", 1},
-            {"kind", "report"},
-            {"tool", kToolVersion},
-            {"warmup_s", CompareOptions().skipS},
-            {"figures", Column(FigureKinds(), FigureJson)},
-            {"engines", Json::array()},
-            {"runs", Json::array()}};
-  for (const std::string& engine : ShownEngines(runs)) {
-    const EngineInfo* const info = FindEngine(&EngineInfo::id, engine);
-    data["engines"].push_back(Json{{"name", engine},
-                                   {"title", info == nullptr ? engine : std::string(info->title)},
-                                   {"colour", info == nullptr ? "" : info->colour},
-                                   {"load", IsLoad(engine)}});
-  }
-  for (const ReportedRun& run : runs) data["runs"].push_back(RunJson(run));
-  return data;
-}
-
-// In a script element only "<" can end the data, so it is escaped. All non-ASCII characters are, too.
-std::string ScriptJson(const Json& json) {
-  std::string escaped;
-  for (const char letter : json.dump(-1, ' ', true, Json::error_handler_t::replace)) {
-    escaped += letter == '<' ? std::string("\\u003c") : std::string(1, letter);
-  }
-  return escaped;
-}
-
 }  // namespace
 
+Json EngineList(const std::vector<std::string>& engines) {
+  return Column(engines, [](const std::string& engine) {
+    const EngineInfo* const info = FindEngine(&EngineInfo::id, engine);
+    return Json{{"name", engine},
+                {"title", info == nullptr ? engine : std::string(info->title)},
+                {"colour", info == nullptr ? "" : info->colour},
+                {"load", IsLoad(engine)}};
+  });
+}
+
+Json ReportData(const std::vector<ReportedRun>& runs, double warmupS) {
+  return Json{{"format", 1},
+              {"kind", "report"},
+              {"tool", kToolVersion},
+              {"warmup_s", warmupS},
+              {"figures", Column(FigureKinds(), FigureJson)},
+              {"engines", EngineList(ShownEngines(runs))},
+              {"runs", Column(runs, [warmupS](const ReportedRun& run) { return RunJson(run, warmupS); })}};
+}
+
+std::string JsonText(const Json& json) {
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
 std::string ReportJson(const std::vector<ReportedRun>& runs) {
-  return ReportData(runs).dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+  return JsonText(ReportData(runs, CompareOptions().skipS));
 }
 
 std::string ReportPage(const std::vector<ReportedRun>& runs) {
-  constexpr std::string_view kPlace = "@REPORT_DATA@";
-  std::string page(scopePageTemplateBegin, scopePageTemplateEnd);
-  return page.replace(page.find(kPlace), kPlace.size(), ScriptJson(ReportData(runs)));
+  return PageOf(ReportData(runs, CompareOptions().skipS));
 }
 
 }  // namespace scope

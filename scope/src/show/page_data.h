@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "comparison_text.h"
+#include "json.h"
+#include "report.h"
+#include "sweep.h"
+#include "sweep_table.h"
+
+/// The JSON of the program and of its pages; scope/FORMAT.md describes it.
+namespace scope {
+
+/// The first `warmupS` of each run are left out of its medians.
+Json ReportData(const std::vector<ReportedRun>& runs, double warmupS);
+
+Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
+                    const std::vector<ConditionDifference>& differences, const CompareOptions& options);
+
+/// `comparison` is the text of ComparisonJson, or empty.
+Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
+               const std::string& comparison);
+
+/// Names, titles and colours of these engines.
+Json EngineList(const std::vector<std::string>& engines);
+
+/// As people and programs read it, with a line feed at its end.
+std::string JsonText(const Json& json);
+
+/// The HTML page that contains `data` and the script that draws it.
+std::string PageOf(const Json& data);
+
+}  // namespace scope

@@ -1,0 +1,292 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The pages of comparisons and of sweeps in a browser, and what else the machine did beneath the curves of a
+// run. The screenshots and prints stay in the build folder.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "browser.h"
+#include "made_run.h"
+#include "sweep_folder.h"
+#include "sweep_plan.h"
+#include "synthetic_run.h"
+
+namespace {
+
+using browser::Visit;
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+const std::string kHostile =
+    "</script><script>throw 1</script><!--<img src=\"http://outside.example/a.png\" onerror=\"throw "
+    "2\">&amp; '";
+
+void ExpectQuiet(const Visit& visit) {
+  EXPECT_THAT(visit.console, IsEmpty());
+  EXPECT_THAT(visit.requests, IsEmpty());
+}
+
+void AddMachine(scope::Run& run, double othersCpus) {
+  for (int second = 2; second <= 41; ++second) {
+    const double time = second;
+    run.counters.push_back({time, "load", "others", "CPUs", second == 20 ? 1.5 : othersCpus});
+    run.counters.push_back({time, "load", "steal", "CPUs", 0.05});
+    run.counters.push_back({time, "pressure", "cpu", "%", 12});
+    run.counters.push_back({time, "pressure", "io", "%", 1});
+    run.counters.push_back({time, "cpufreq", "cpu0", "MHz", 2900.0 - second});
+    run.counters.push_back({time, "cpufreq", "cpu1", "MHz", 3000});
+  }
+}
+
+class PagesInBrowser : public browser::BrowserTest {
+ protected:
+  // Runs whose copies do these operations a second and thread.
+  std::string Side(const std::string& name, const std::vector<std::uint64_t>& operations,
+                   const std::string& governor, std::uint64_t failures = 0) const {
+    int number = 0;
+    for (const std::uint64_t each : operations) {
+      scope::Run run = made_run::Run();
+      run.info.conditions.governor = governor;
+      for (scope::Sample& sample : run.samples) {
+        if (sample.engine == "venc" && sample.timeS == 30) sample.failures = failures;
+        if (sample.engine != "cpu") continue;
+        sample.operations = sample.operations * each / 400;
+        sample.bytes = *sample.bytes * each / 400;
+      }
+      AddMachine(run, 0.1);
+      made_run::Write(run, folder_ / (name + "/" + std::to_string(++number)));
+    }
+    return folder_ / name;
+  }
+
+  std::vector<std::string> Comparison() const {
+    return {"compare", Side("a", {400, 402, 398, 401}, "performance"),
+            Side("b", {380, 381, 378, 383}, "powersave", 3), "--allow", "governor"};
+  }
+
+  // A finished sweep. The bandwidth of the copies saturates; the encoders take from them.
+  std::string Sweep(const std::vector<std::string>& levels, int repeats,
+                    const std::string& name = "sweep") const {
+    scope::Sweep sweep;
+    sweep.started = "2026-11-21T04:00:00Z";
+    sweep.axes = scope::ParseAxes(levels);
+    sweep.settings.repeats = repeats;
+    sweep.runs = scope::PlanRuns(sweep.axes, repeats, 1);
+    for (scope::SweepRun& run : sweep.runs) {
+      const int cpu = run.levels[0].second;
+      const int venc = run.levels.size() > 1 ? run.levels[1].second : 1;
+      const double share = cpu < 3 ? cpu / 3.0 : 1 + 0.01 * (cpu - 3);
+      std::vector<SyntheticEngine> engines(2);
+      engines[0].operationsPerS = (4000 * share - 300 * venc) * (1 + 0.002 * run.repeat);
+      engines[1] = engines[0];
+      engines[1].engine = "venc";
+      engines[1].stress = "kivuVencStress";
+      engines[1].operationsPerS = 400 * venc;
+      if (venc == 0) engines.pop_back();
+      WriteRun(folder_ / (name + "/" + run.folder), engines);
+      run.state = scope::SweepState::kDone;
+    }
+    scope::WriteSweep(folder_ / name, sweep);
+    return folder_ / name;
+  }
+};
+
+TEST_F(PagesInBrowser, TheMachineIsDrawnBeneathTheCurvesOfARun) {
+  scope::Run run = made_run::Run();
+  AddMachine(run, 0.1);
+  made_run::Write(run, folder_ / "run");
+  const std::string page = Page({folder_ / "run"},
+                                "extra = ['total-0', 'load-0', 'pressure-0', 'frequency-0'].map((id) => {"
+                                "const {top, bottom} = document.getElementById(id).getBoundingClientRect();"
+                                "const {left, right} = Chart.getChart(id).chartArea;"
+                                "return {top, bottom, left: Math.round(left), right: Math.round(right)};});");
+  const Visit visit = Open(page, "report_with_machine", 1280, 2000);
+  ExpectQuiet(visit);
+  const json places = visit.page["extra"];
+  for (std::size_t i = 1; i != places.size(); ++i) {
+    EXPECT_GT(places[i]["top"], places[i - 1]["bottom"]);
+    EXPECT_EQ(places[i]["left"], places[0]["left"]) << "the same second is at the same place";
+    EXPECT_EQ(places[i]["right"], places[0]["right"]);
+  }
+  const json load = visit.Chart("load-0")["series"];
+  ASSERT_EQ(load.size(), 2U);
+  EXPECT_EQ(load[0]["name"], "others");
+  EXPECT_EQ(load[0]["points"][18], json::parse("[20, 1.5]"));
+  EXPECT_EQ(load[1]["name"], "steal");
+  EXPECT_EQ(visit.Chart("load-0")["marks"], json::parse(R"([{"x": 20, "text": "1"}])")) << "disturbed";
+  ASSERT_EQ(visit.Chart("pressure-0")["series"].size(), 2U) << "memory was not recorded";
+  const json frequency = visit.Chart("frequency-0")["series"];
+  EXPECT_EQ(frequency[0]["points"][0], json::parse("[2, 2898]"));
+  EXPECT_EQ(frequency[1]["points"][0], json::parse("[2, 3000]"));
+  for (const json& chart : visit.page["charts"]) EXPECT_GT(chart["drawn"], 200) << chart["id"];
+  const std::vector<std::string> ids = visit.ChartIds();
+  EXPECT_THAT(std::vector<std::string>(ids.end() - 2, ids.end()), ElementsAre("counter-0-0", "counter-0-1"))
+      << "frequency of each CPU and temperature, but not what is above";
+}
+
+constexpr const char* kBars =
+    "extra = {bars: [...document.querySelectorAll('.verdicts tbody .bar')].map((bar) => ({words: "
+    "bar.getAttribute('aria-label'), kind: bar.querySelector('.interval')?.classList[1] ?? '', value: "
+    "Number(bar.querySelector('.value')?.getAttribute('cx') ?? -1), colour: "
+    "getComputedStyle(bar.querySelector('.value') ?? bar).fill, band: "
+    "bar.querySelector('.band').getAttribute('width')})),"
+    " answer: getComputedStyle(document.querySelector('.answer')).borderLeftColor,"
+    " fits: document.documentElement.scrollWidth <= innerWidth,"
+    " legend: Chart.getChart('cpu-rate').legend.legendItems.map(({text}) => text)};";
+
+TEST_F(PagesInBrowser, AComparisonShowsItsVerdictsAndTheRunsOfBothSides) {
+  const std::string page = PageOf(Comparison(), kBars, 1);
+  const Visit visit = Open(page, "comparison_1280_light", 1280, 6400);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.page["title"].get<std::string>(), HasSubstr("stress_scope: worse: "));
+  EXPECT_THAT(
+      visit.Text(),
+      AllOf(HasSubstr("B is worse than A: cpu ops -4.9"), HasSubstr("/a (4 runs)\n\nB: "),
+            HasSubstr("Intervals of 99 %; those of the 5 judged figures together: 95 %."),
+            HasSubstr("The band is the tolerance, ±2 %"), HasSubstr("B is worse\nvenc: operations failed"),
+            HasSubstr("Lines of A are solid, those of B are dashed.")));
+  EXPECT_THAT(visit.Row("conditions", {"governor"}), ElementsAre("governor", "performance", "powersave"));
+  const std::vector<std::string> ops = visit.Row("figures verdicts two", {"cpu", "ops (op/s)", "", "worse"});
+  ASSERT_EQ(ops.size(), 9U);
+  EXPECT_THAT(ops[4], AllOf(HasSubstr("−4.9"), HasSubstr(" %")));
+  EXPECT_EQ(ops[7], "800.5");
+  EXPECT_THAT(visit.Row("figures verdicts two", {"vpc", "ops (op/s)"}), Contains("no difference"));
+
+  const json bars = visit.page["extra"]["bars"];
+  ASSERT_GT(bars.size(), 5U);
+  EXPECT_THAT(bars[0]["words"].get<std::string>(), AllOf(HasSubstr("−4.9"), HasSubstr(", from −")));
+  EXPECT_EQ(bars[0]["kind"], "bad");
+  EXPECT_LT(bars[0]["value"], 110) << "left of 0";
+  EXPECT_EQ(bars[0]["colour"], "rgb(179, 38, 30)");
+  EXPECT_EQ(visit.page["extra"]["answer"], "rgb(179, 38, 30)");
+
+  EXPECT_EQ(visit.page["extra"]["legend"], json::parse(R"(["A", "B"])"));
+  const json rate = visit.Chart("cpu-rate")["series"];
+  ASSERT_EQ(rate.size(), 8U);
+  EXPECT_EQ(rate[3]["name"], "A: 4");
+  EXPECT_EQ(rate[4]["name"], "B: 1");
+  for (const json& series : rate) {
+    EXPECT_EQ(series["colour"], "#0072b2ff");
+    EXPECT_EQ(series["dash"].empty(), series["name"].get<std::string>()[0] == 'A') << series["name"];
+  }
+  const std::vector<std::string> ids = visit.ChartIds();
+  EXPECT_THAT(std::vector<std::string>(ids.begin(), ids.begin() + 3),
+              ElementsAre("totals", "loads", "cpu-rate"));
+  EXPECT_EQ(visit.Chart("loads")["series"].size(), 8U);
+  EXPECT_NEAR(visit.Chart("loads")["series"][0]["points"][0][1].get<double>(), 0.15, 1e-9);
+  for (const json& chart : visit.page["charts"]) EXPECT_GT(chart["drawn"], 200) << chart["id"];
+}
+
+TEST_F(PagesInBrowser, AComparisonIsDarkFitsAPhoneAndIsPrintedLight) {
+  const std::string page = PageOf(Comparison(), kBars, 1);
+  const Visit dark = Open(page, "comparison_1280_dark", 1280, 6400, true);
+  EXPECT_EQ(dark.page["extra"]["answer"], "rgb(255, 138, 128)");
+  EXPECT_EQ(dark.page["extra"]["bars"][0]["colour"], "rgb(255, 138, 128)");
+  for (const bool isDark : {false, true}) {
+    const Visit phone =
+        Open(page, isDark ? "comparison_390_dark" : "comparison_390_light", 390, 9000, isDark);
+    ExpectQuiet(phone);
+    EXPECT_EQ(phone.page["extra"]["fits"], true);
+    for (const json& chart : phone.page["charts"]) EXPECT_GT(chart["drawn"], 100) << chart["id"];
+  }
+  EXPECT_THAT(Print(page, "comparison_printed"), HasSubstr("MediaBox [0 0 594.9"));
+}
+
+// A run a side has no interval; a figure of one side alone has no difference.
+TEST_F(PagesInBrowser, AComparisonTakesWhatRunsSayAsWordsAndShowsWhatIsMissing) {
+  scope::Run run = made_run::Run();
+  made_run::Write(run, folder_ / "a");
+  run.info.conditions.cpuModel = run.info.conditions.governor = kHostile;
+  run.info.config.text = run.info.config.path = run.info.label = kHostile;
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
+                                   [](const auto& sample) { return sample.engine == "venc"; }),
+                    run.samples.end());
+  made_run::Write(run, folder_ / "b <img src=x>");
+  const std::string page = PageOf({"compare", folder_ / "a", folder_ / "b <img src=x>", "--force"}, kBars, 1);
+  const Visit visit = Open(page, "comparison_hostile", 1280, 5000);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.page["title"].get<std::string>(), HasSubstr("b <img src=x>"));
+  EXPECT_THAT(visit.Row("conditions", {"cpu_model"})[2],
+              HasSubstr("</script><script>throw 1</script><!--<img"));
+  EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
+  EXPECT_THAT(visit.Text(), HasSubstr("No intervals and no verdicts: they need two runs a side or more."));
+  const std::vector<std::string> gone = visit.Row("figures verdicts two", {"venc", "ops (op/s)"});
+  ASSERT_EQ(gone.size(), 9U);
+  EXPECT_EQ(gone[3], "worse: B does not have it");
+  EXPECT_EQ(gone[4], "–");
+  EXPECT_EQ(gone[8], "–");
+  EXPECT_EQ(visit.page["extra"]["bars"][0]["kind"], "") << "a dot without an interval";
+}
+
+constexpr const char* kMap =
+    "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
+    " colours: [...document.querySelector('.heat').querySelectorAll('td')].map((cell) => "
+    "getComputedStyle(cell).backgroundColor),"
+    " bars: [...document.querySelectorAll('.saturations .interval')].map((line) => line.classList[1])};";
+
+TEST_F(PagesInBrowser, ASweepOfTwoSectionsIsAMap) {
+  const std::string page = PageOf({"report", Sweep({"CPU=1..5", "VENC=0..2"}, 3)}, kMap);
+  const Visit visit = Open(page, "sweep_map_1280_light", 1280, 2600);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.ChartIds(), IsEmpty());
+  EXPECT_THAT(visit.Row("heat", {"", "VENC=0"}), ElementsAre("", "VENC=0", "VENC=1", "VENC=2"));
+  EXPECT_EQ(visit.Row("heat", {"CPU=5"})[3], "8.588best");
+  EXPECT_EQ(visit.Row("heat", {"CPU=3"})[2], "8.230saturates");
+  const json colours = visit.page["extra"]["colours"];
+  EXPECT_NE(colours[0], colours[12]);
+  EXPECT_THAT(visit.Row("figures saturations", {"cpu"}),
+              ElementsAre("cpu", "CPU=3 VENC=0", "8.032", "CPU=5 VENC=0", "8.192", ""));
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("The bandwidth of cpu saturates at CPU=3 VENC=0: 8.032 GB/s, within 5 % of "
+                              "the best, 8.192 GB/s at CPU=5 VENC=0. The repeats put it at"),
+                    Not(HasSubstr("ncertainty not known")), HasSubstr("Notes\n\nNone.")));
+  EXPECT_EQ(visit.page["extra"]["bars"], json::parse(R"(["good", "good"])"));
+  EXPECT_THAT(visit.Row("figures points two", {}), IsEmpty());
+
+  const Visit dark = Open(page, "sweep_map_1280_dark", 1280, 2600, true);
+  EXPECT_NE(dark.page["extra"]["colours"], colours);
+  for (const bool isDark : {false, true}) {
+    const Visit phone = Open(page, isDark ? "sweep_map_390_dark" : "sweep_map_390_light", 390, 4200, isDark);
+    EXPECT_EQ(phone.page["extra"]["fits"], true);
+  }
+  EXPECT_THAT(Print(page, "sweep_map_printed"), HasSubstr("MediaBox [0 0 594.9"));
+}
+
+TEST_F(PagesInBrowser, ASweepOfOneSectionIsACurveWithTheRunsAsDots) {
+  const std::string page = PageOf({"report", Sweep({"CPU=1..5"}, 4)});
+  const Visit visit = Open(page, "sweep_curve_1280_light", 1280, 1800);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.ChartIds(), ElementsAre("curve"));
+  const json series = visit.Chart("curve")["series"];
+  ASSERT_EQ(series.size(), 6U);
+  EXPECT_EQ(series[0]["name"], "cpu");
+  EXPECT_EQ(series[0]["colour"], "#0072b2ff");
+  EXPECT_EQ(series[0]["points"].size(), 5U);
+  EXPECT_EQ(series[3]["name"], "cpu, a run");
+  EXPECT_EQ(series[3]["points"].size(), 20U);
+  EXPECT_EQ(series[3]["showLine"], false);
+  EXPECT_EQ(visit.Chart("curve")["marks"], json::parse(R"([{"x": 3, "text": "saturates"}])"));
+  EXPECT_GT(visit.Chart("curve")["drawn"], 500);
+  EXPECT_THAT(visit.Row("figures points", {"5", "4"})[2], HasSubstr(" ("));
+}
+
+// Two points are compared; with one run each, nothing is certain.
+TEST_F(PagesInBrowser, ASweepOfSingleRunsSaysThatTheUncertaintyIsNotKnown) {
+  const std::string folder = Sweep({"CPU=3,4"}, 1, "sweep <img src=x>");
+  const Visit visit = Open(PageOf({"report", folder}), "sweep_of_single_runs", 1280, 2400);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
+  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("Uncertainty not known: sweep with --repeat 4."),
+                                  HasSubstr("sweep <img src=x>"), HasSubstr("Comparison of the two points"),
+                                  HasSubstr("Cannot tell: one run a side")));
+  EXPECT_THAT(visit.Row("figures saturations", {"cpu", "CPU=3"}), Contains("not known"));
+}
+
+}  // namespace
