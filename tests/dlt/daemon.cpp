@@ -7,12 +7,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -52,6 +55,37 @@ Launch Silent(const std::string& tool, const std::filesystem::path& folder) {
   launch.standardOutput = Launch::Output::kFull;
   launch.standardError = false;
   return launch;
+}
+
+// "12 2025/01/31 23:59:59.123456 62430001 003 ECU1 STBM STBM log info V 2 [4711 text]". Not by a regular
+// expression, which takes a sanitizer a minute for a flood of messages.
+std::optional<DltMessage> ParseMessage(std::string_view line) {
+  const auto nextWord = [&line] {
+    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+    const std::string_view word = line.substr(0, line.find(' '));
+    line.remove_prefix(word.size());
+    return std::string(word);
+  };
+  for (int skipped = 0; skipped < 6; ++skipped) (void)nextWord();  // up to the control unit
+  DltMessage message;
+  message.application = nextWord();
+  message.context = nextWord();
+  if (nextWord() != "log") return std::nullopt;
+  message.level = nextWord();
+  if (nextWord() != "V") return std::nullopt;
+  (void)nextWord();  // the number of arguments
+  message.threadId = nextWord();
+  const std::size_t end = line.find_last_not_of(' ');
+  if (message.threadId.size() < 2 || message.threadId[0] != '[' ||
+      message.threadId.find_first_not_of("0123456789", 1) != std::string::npos ||
+      end == std::string_view::npos || end == 0 || line[end] != ']') {
+    return std::nullopt;
+  }
+  message.threadId.erase(0, 1);
+  message.text = line.substr(1, end - 1);
+  // The protocol's ids have four characters; the tool prints missing ones as hyphens.
+  for (std::string* id : {&message.application, &message.context}) id->erase(id->find_last_not_of('-') + 1);
+  return message;
 }
 
 }  // namespace
@@ -151,8 +185,6 @@ void DltDaemon::WaitForOwnLog(const std::string& text) const {
 }
 
 std::vector<DltMessage> DltDaemon::Received(const std::string& application) const {
-  // "12 2025/01/31 23:59:59.123456 62430001 003 ECU1 STBM STBM log info V 2 [4711 text]"
-  static const std::regex shape(R"(\d+ \S+ \S+ +\d+ \d+ \S+ (\S+) (\S+) log (\S+) V \d+ \[(\d+) (.*)\] *)");
   std::vector<DltMessage> messages;
   for (int i = 0; i < starts_; ++i) {
     Launch convert;
@@ -160,14 +192,8 @@ std::vector<DltMessage> DltDaemon::Received(const std::string& application) cons
     convert.arguments = {"-a", (folder_ / ("received" + std::to_string(i))).string()};
     Program program(convert);
     for (const std::string& line : program.Wait().OutputLines()) {
-      std::smatch match;
-      if (!std::regex_match(line, match, shape)) continue;
-      DltMessage message{match[1], match[2], match[3], match[4], match[5]};
-      // The protocol's ids have four characters; the tool prints missing ones as hyphens.
-      for (std::string* id : {&message.application, &message.context}) {
-        id->erase(id->find_last_not_of('-') + 1);
-      }
-      if (message.application == application) messages.push_back(message);
+      const std::optional<DltMessage> message = ParseMessage(line);
+      if (message && message->application == application) messages.push_back(*message);
     }
   }
   return messages;
