@@ -19,6 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Ormis::portable::CopyRoutine;
+using Ormis::portable::FlushLines;
 
 void Require(bool condition, const char* what) {
   if (condition) return;
@@ -26,13 +27,13 @@ void Require(bool condition, const char* what) {
   std::exit(1);
 }
 
-void CopyChecked(void* destination, const void* source, std::size_t bytes) {
+void CopyChecked(void* destination, const void* source, std::size_t bytes, FlushLines) {
   (void)memcpy_s(destination, bytes, source, bytes);
 }
 
 /// One element at a time: the compiler may vectorize this loop, but may not replace it by memcpy.
 [[clang::no_builtin("memcpy", "memmove")]] void CopyAsStream(void* destination, const void* source,
-                                                             std::size_t bytes) {
+                                                             std::size_t bytes, FlushLines) {
   auto* to = static_cast<double*>(destination);
   const auto* from = static_cast<const double*>(source);
   for (std::size_t i = 0; i < bytes / sizeof(double); ++i) to[i] = from[i];
@@ -70,7 +71,7 @@ double Rate(const CopyRoutine& routine, const std::vector<std::vector<Pair>>& pa
       std::uint64_t done = 0;
       while (!stop.load(std::memory_order_relaxed)) {
         const Pair& pair = own[done % own.size()];
-        routine.copy(pair.destination.get(), pair.source.get(), kCopyBytes);
+        routine.copy(pair.destination.get(), pair.source.get(), kCopyBytes, nullptr);
         ++done;
       }
       copies += done;
@@ -104,7 +105,8 @@ Measures how fast copies move memory: memcpy_s, the routines that it chooses fro
 The second form prints one figure of memcpy_s, so that scripts can take turns with other programs.
 
 Every thread copies a buffer of the CPU stress's size into another, over and over. "own": each thread has two
-buffers, as in the CPU stress; large caches hold them. "far": each thread goes through so many pairs that no
+buffers, as in the CPU stress; large caches hold them.
+memcpy_s alone removes them from the caches, as it does for the stress. "far": each thread goes through so many pairs that no
 cache holds them. All routines take turns in each round. The figure is the median of the rounds, in GB/s (10^9
 bytes a second, read + written, all threads together).
 )";

@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -54,12 +55,48 @@ TEST_P(CopyTest, CopiesEveryByteAndNoOther) {
       for (const std::size_t from : {0UL, 1UL, 32UL, 61UL}) {
         const std::size_t size = kMargin + to + bytes + kMargin;
         std::memset(destination.data(), kGuard, size);
-        GetParam().copy(destination.data() + kMargin + to, source.data() + from, bytes);
+        GetParam().copy(destination.data() + kMargin + to, source.data() + from, bytes, nullptr);
 
         std::memset(expected.data(), kGuard, size);
         std::memcpy(expected.data() + kMargin + to, source.data() + from, bytes);
         ASSERT_EQ(std::memcmp(destination.data(), expected.data(), size), 0)
             << bytes << " bytes from " << from << " to " << to;
+      }
+    }
+  }
+}
+
+/// The lines that a routine has flushed, by address.
+std::set<std::uintptr_t> flushedLines;
+
+void RecordFlush(const void* memory, std::size_t bytes) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+  for (std::uintptr_t line = begin / 64; line * 64 < begin + bytes; ++line) flushedLines.insert(line);
+}
+
+std::set<std::uintptr_t> LinesOf(const std::uint8_t* memory, std::size_t bytes) {
+  std::set<std::uintptr_t> lines;
+  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+  for (std::uintptr_t line = begin / 64; line * 64 < begin + bytes; ++line) lines.insert(line);
+  return lines;
+}
+
+TEST_P(CopyTest, FlushesItsSourceAndWhatItWritesThroughTheCaches) {
+  const std::vector<std::uint8_t> source = Pattern(70'000);
+  std::vector<std::uint8_t> destination(source.size());
+  for (const std::size_t bytes : {1UL, 64UL, 4096UL, 8192UL, 8193UL, 12352UL, 60'001UL}) {
+    for (const std::size_t offset : {0UL, 7UL, 64UL}) {
+      flushedLines.clear();
+      const std::uint8_t* const from = source.data() + offset;
+      std::uint8_t* const to = destination.data() + 3 * offset;
+      GetParam().copy(to, from, bytes, RecordFlush);
+      EXPECT_EQ(std::memcmp(to, from, bytes), 0);
+      const std::set<std::uintptr_t> all = LinesOf(from, bytes);
+      EXPECT_TRUE(std::includes(flushedLines.begin(), flushedLines.end(), all.begin(), all.end()))
+          << bytes << " bytes from " << offset;
+      // The lines between are written past the caches, or flushed as well.
+      for (const std::uint8_t* const edge : {to, to + bytes - 1}) {
+        EXPECT_EQ(flushedLines.count(*LinesOf(edge, 1).begin()), 1U) << bytes << " bytes from " << offset;
       }
     }
   }
@@ -77,13 +114,6 @@ TEST(CopyToMemoryTest, CopiesBelowAndAboveTheLimitOfStreaming) {
   }
 }
 
-TEST(CopyRoutinesTest, AMebibyteIsTheSmallestCopyThatStreams) {
-  EXPECT_EQ(RoutineFor(0).name, CopyRoutines().front().name);
-  EXPECT_EQ(RoutineFor((std::size_t{1} << 20) - 1).name, CopyRoutines().front().name);
-  EXPECT_EQ(RoutineFor(std::size_t{1} << 20).name, CopyRoutines().back().name);
-  EXPECT_EQ(RoutineFor(SIZE_MAX).name, CopyRoutines().back().name);
-}
-
 #if defined(__x86_64__)
 /// The processor's features as the kernel reports them.
 std::set<std::string> ProcessorFlags() {
@@ -96,6 +126,53 @@ std::set<std::string> ProcessorFlags() {
   return {};
 }
 #endif
+
+TEST(CacheFlushTest, LeavesTheContentAsItIs) {
+  const std::vector<std::uint8_t> pattern = Pattern(20'000);
+  std::vector<std::uint8_t> memory = pattern;
+  for (const FlushRoutine& routine : FlushRoutines()) {
+    for (const std::size_t bytes : {0UL, 1UL, 63UL, 64UL, 65UL, 4097UL, 19'000UL}) {
+      memory[5] = 1;
+      memory[5] = pattern[5];
+      routine.flush(memory.data() + 5, bytes);
+      EndFlush();
+      ASSERT_TRUE(memory == pattern) << routine.name << ", " << bytes << " bytes";
+    }
+  }
+}
+
+TEST(CacheFlushTest, CanBeTurnedOff) {
+  ASSERT_EQ(CurrentFlush(), FlushRoutines().back().flush);
+  FlushCaches(false);
+  EXPECT_EQ(CurrentFlush(), nullptr);
+  std::vector<std::uint8_t> memory = Pattern(100);
+  FlushFromCaches(memory.data(), memory.size());
+  EXPECT_TRUE(memory == Pattern(100));
+  FlushCaches(true);
+  EXPECT_EQ(CurrentFlush(), FlushRoutines().back().flush);
+}
+
+TEST(CacheFlushTest, TheListHasWhatThisProcessorHas) {
+  std::vector<std::string> expected = {"none"};
+#if defined(__x86_64__)
+  const std::set<std::string> flags = ProcessorFlags();
+  for (const std::string flag : {"clflush", "clflushopt"}) {
+    if (flags.count(flag) != 0) expected.push_back(flag);
+  }
+#else
+  expected.emplace_back("civac");
+#endif
+  std::vector<std::string> names;
+  for (const FlushRoutine& routine : FlushRoutines()) names.emplace_back(routine.name);
+  EXPECT_EQ(names, expected);
+}
+
+TEST(CopyRoutinesTest, AMebibyteIsTheSmallestCopyThatStreams) {
+  EXPECT_EQ(RoutineFor(0).name, CopyRoutines().front().name);
+  EXPECT_EQ(RoutineFor((std::size_t{1} << 20) - 1).name, CopyRoutines().front().name);
+  EXPECT_EQ(RoutineFor(std::size_t{1} << 20).name, CopyRoutines().back().name);
+  EXPECT_EQ(RoutineFor(SIZE_MAX).name, CopyRoutines().back().name);
+}
 
 TEST(CopyRoutinesTest, TheLibrarysComesFirstThenAllThatThisProcessorHas) {
   std::vector<std::string> expected = {"memcpy"};
