@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <new>
 #include <string>
@@ -7,6 +10,7 @@
 #include "diagnostics.h"
 #include "ormis/qet_context.h"
 #include "ormis/qet_host.h"
+#include "settings.h"
 #include "state.h"
 
 namespace Ormis {
@@ -21,7 +25,19 @@ std::atomic<std::uint64_t> processContextId{0};
 Table<std::uint64_t, Context> contexts;
 thread_local std::uint64_t currentContextId = 0;
 
-constexpr std::uint32_t kDeviceId = 0;  // one machine, one device
+constexpr std::uint32_t kDeviceId = 0;               // one machine, one device
+constexpr char kSettingsFile[] = "ormis/host.yaml";  // beside the library
+
+/// Reads the settings from the file that `configuration` names, or from the platform's own, which may be
+/// missing. `from` says where they come from. Returns the empty string or the reason of the failure.
+std::string FindSettings(const std::string& configuration, Settings& settings, std::string& from) {
+  from = configuration.empty() ? PathBesideLibrary(kSettingsFile) : configuration;
+  if (configuration.empty() && access(from.c_str(), F_OK) != 0 && errno == ENOENT) {
+    from = "defaults, without the file " + from;
+    return {};
+  }
+  return ReadSettings(from, settings);
+}
 
 std::int32_t RequireInitialized(const char* operation) {
   if (initialized) return kQetOk;
@@ -74,10 +90,11 @@ std::int32_t RequireContext(const char* operation) {
 
 std::int32_t QetInitialize(QetContext& context, const QetContextParameters& parameters) {
   return host::Guarded(__func__, [&]() -> std::int32_t {
-    if (!parameters.configuration.empty()) {
-      return QET_FAIL(
-          "QetInitialize", kQetInvalidArgument,
-          "unknown configuration '" << parameters.configuration << "', expected the empty string");
+    host::Settings settings;
+    std::string from;
+    if (const std::string fault = host::FindSettings(parameters.configuration, settings, from);
+        !fault.empty()) {
+      return QET_FAIL("QetInitialize", kQetInvalidArgument, fault);
     }
     if (parameters.deviceId != host::kDeviceId) {
       return QET_FAIL("QetInitialize", kQetInvalidArgument,
@@ -86,8 +103,11 @@ std::int32_t QetInitialize(QetContext& context, const QetContextParameters& para
     if (host::initialized.exchange(true)) {
       return QET_FAIL("QetInitialize", kQetAlreadyInitialized, "the platform is initialised already");
     }
+    host::UseSettings(settings);
     context.id = host::NextId();
     host::processContextId = context.id;
+    host::Log().LogInfo({__FILE__, "QetInitialize", __LINE__})
+        << "QetInitialize: settings: " << from << ":" << host::SettingsText(settings);
     return kQetOk;
   });
 }

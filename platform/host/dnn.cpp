@@ -3,6 +3,7 @@
 #include <mutex>
 #include <string>
 
+#include "cache_flush.h"
 #include "diagnostics.h"
 #include "model_trial.h"
 #include "onnx_model.h"
@@ -102,6 +103,10 @@ std::int32_t CreateBuffers(const char* operation, const Side& side, QetDNNHandle
   return kQetOk;
 }
 
+void FlushTensors(const std::vector<OnnxTensor>& tensors) {
+  for (const OnnxTensor& tensor : tensors) portable::FlushFromCaches(tensor.data, tensor.sizeBytes);
+}
+
 void Empty(QetDNNHandle& handle) {
   handle.modelId = 0;
   handle.modelPath.clear();
@@ -178,6 +183,8 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
     if (const host::Outcome outcome = model->engine->Run(); !outcome.Ok()) {
       return QET_FAIL(kOperation, outcome.code, "model " << handle.modelPath << ": " << outcome.reason);
     }
+    host::FlushTensors(model->engine->Inputs());
+    host::FlushTensors(model->engine->Outputs());
     return kQetOk;
   });
 }

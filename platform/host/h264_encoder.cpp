@@ -54,10 +54,12 @@ void KeepCallersMemory(void*, std::uint8_t*) {}
 
 }  // namespace
 
-std::vector<H264Engine> H264EnginesToTry(const std::function<bool(const char*)>& exists) {
+std::vector<H264Engine> H264EnginesToTry(const std::string& encoder,
+                                         const std::function<bool(const char*)>& exists) {
   std::vector<H264Engine> engines;
   for (const H264Engine& engine : kEngines) {
-    if (engine.device == nullptr || exists(engine.device)) engines.push_back(engine);
+    const bool found = engine.device == nullptr || exists(engine.device);
+    if (encoder == engine.name || (encoder == "auto" && found)) engines.push_back(engine);
   }
   return engines;
 }

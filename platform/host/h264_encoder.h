@@ -29,9 +29,10 @@ struct H264Engine {
   const char* options;  ///< its own options, "key=value,key=value"
 };
 
-/// The engines to try, best first: the hardware engines for whose device `exists` is true, then the software
-/// engine.
-std::vector<H264Engine> H264EnginesToTry(const std::function<bool(const char* pattern)>& exists);
+/// The engines to try, best first. "auto": the hardware engines for whose device `exists` is true, then the
+/// software engine. The name of an engine: that one alone, whatever devices there are.
+std::vector<H264Engine> H264EnginesToTry(const std::string& encoder,
+                                         const std::function<bool(const char* pattern)>& exists);
 
 /// True when this machine has a device node that matches the shell pattern.
 bool DeviceExists(const char* pattern);

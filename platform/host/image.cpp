@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "cache_flush.h"
 #include "diagnostics.h"
 #include "state.h"
 
@@ -240,7 +241,9 @@ std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
     } else {
       // memmove: a caller's record may name a part of the destination's memory.
       std::memmove(to->pixels.get(), pixels, to->shape.bytes);
+      portable::FlushFromCaches(pixels, to->shape.bytes);
     }
+    portable::FlushFromCaches(to->pixels.get(), to->shape.bytes);
     return kQetOk;
   });
 }

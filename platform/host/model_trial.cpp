@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "model_trial.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -22,6 +21,7 @@
 #include <vector>
 
 #include "diagnostics.h"
+#include "settings.h"
 
 namespace Ormis::host {
 
@@ -44,10 +44,7 @@ bool StateOf(const std::string& path, FileState& state) {
 }
 
 std::string ProgramPath() {
-  Dl_info library{};
-  if (dladdr(&trialMutex, &library) == 0 || library.dli_fname == nullptr) return kProgram;
-  const std::string path = library.dli_fname;
-  return path.substr(0, path.rfind('/') + 1) + kProgram;
+  return PathBesideLibrary(kProgram);
 }
 
 class Pipe {
@@ -113,8 +110,10 @@ std::vector<char*> TrialEnvironment() {
 /// error number.
 int Start(const std::string& path, int output, pid_t& child) {
   std::string program = ProgramPath();
-  std::string argument = path;
-  char* const arguments[] = {program.data(), argument.data(), nullptr};
+  std::string file = path;
+  std::string processorS = std::to_string(CurrentSettings().trialProcessorS);
+  std::string memoryPercent = std::to_string(CurrentSettings().trialMemoryPercent);
+  char* const arguments[] = {program.data(), file.data(), processorS.data(), memoryPercent.data(), nullptr};
   std::vector<char*> environment = TrialEnvironment();
 
   posix_spawn_file_actions_t files;
@@ -149,7 +148,7 @@ std::string EndOf(pid_t child) {
   }
   if (!WIFSIGNALED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
   if (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL) {
-    return "more than " + std::to_string(kTrialProcessorS) +
+    return "more than " + std::to_string(CurrentSettings().trialProcessorS) +
            " s of processor time, or more memory than there is";
   }
   const char* const name = sigdescr_np(WTERMSIG(status));

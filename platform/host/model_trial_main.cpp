@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The process in which libormis.so tries a model file. Its only argument is the file. It writes the result to
-// standard output.
+// The process in which libormis.so tries a model file. model_trial.h has its arguments and what it writes.
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -48,12 +47,12 @@ void Limit(int resource, rlim_t limit) {
   (void)setrlimit(resource, &value);
 }
 
-void LimitResources() {
+void LimitResources(rlim_t processorS, [[maybe_unused]] rlim_t memoryPercent) {
   Limit(RLIMIT_CORE, 0);
-  Limit(RLIMIT_CPU, kTrialProcessorS);
+  Limit(RLIMIT_CPU, processorS);
 #ifndef MODEL_TRIAL_SANITIZED
   const auto pages = static_cast<rlim_t>(sysconf(_SC_PHYS_PAGES));
-  Limit(RLIMIT_AS, pages / 2 * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)));
+  Limit(RLIMIT_AS, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) / 100 * memoryPercent);
 #endif
 }
 
@@ -86,10 +85,10 @@ int main(int argc, char** argv) {
     (void)std::puts("model_trial " STRESS_VERSION);
     return 0;
   }
-  if (argc != 2) return 2;
+  if (argc != 4) return 2;
   // A caller that is killed while it waits takes this process with it.
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-  Ormis::host::LimitResources();
+  Ormis::host::LimitResources(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10));
   try {
     Ormis::host::Try(argv[1]);
   } catch (const std::exception&) {

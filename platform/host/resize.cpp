@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <mutex>
 
+#include "cache_flush.h"
 #include "channel.h"
 #include "diagnostics.h"
 #include "image.h"
@@ -71,6 +72,8 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
       sourcePlane += sourceShape.Bytes();
       destinationPlane += destinationShape.Bytes();
     }
+    portable::FlushFromCaches(from->pixels.get(), from->shape.bytes);
+    portable::FlushFromCaches(to->pixels.get(), to->shape.bytes);
     return kQetOk;
   });
 }

@@ -6,10 +6,12 @@
 #include <mutex>
 #include <string>
 
+#include "cache_flush.h"
 #include "diagnostics.h"
 #include "h264_encoder.h"
 #include "image.h"
 #include "ormis/qet_venc.h"
+#include "settings.h"
 #include "state.h"
 
 namespace Ormis {
@@ -148,18 +150,23 @@ std::int32_t QetVenc::Init() {
                                       static_cast<int>(bitrateKbps * 1000)};
     auto encoder = std::make_shared<host::Encoder>();
     std::string refused;
-    encoder->engine = host::H264Encoder::Open(settings, host::H264EnginesToTry(host::DeviceExists), refused);
+    const std::string& wanted = host::CurrentSettings().encoder;
+    encoder->engine =
+        host::H264Encoder::Open(settings, host::H264EnginesToTry(wanted, host::DeviceExists), refused);
     if (encoder->engine == nullptr) {
       return QET_FAIL(kInit, kQetEncoderFailure,
                       "no engine encodes " << host::Size(width, height) << " at " << frameRate
-                                           << " frames/s and " << bitrateKbps << " kbit/s: " << refused);
+                                           << " frames/s and " << bitrateKbps << " kbit/s: " << refused
+                                           << " (settings: encoder " << wanted << ")");
     }
-    {
-      auto record = host::Log().LogInfo({__FILE__, kInit, __LINE__});
-      record << kInit << ": channel " << channel << ", " << host::Size(width, height) << ", engine "
-             << encoder->engine->EngineName();
-      if (!refused.empty()) record << ", after " << refused;
+    if (!refused.empty()) {
+      host::Log().LogWarn({__FILE__, kInit, __LINE__})
+          << kInit << ": channel " << channel << " falls back to " << encoder->engine->EngineName() << ": "
+          << refused;
     }
+    host::Log().LogInfo({__FILE__, kInit, __LINE__})
+        << kInit << ": channel " << channel << ", " << host::Size(width, height) << ", engine "
+        << encoder->engine->EngineName();
     encoder->width = width;
     encoder->height = height;
     encoder->channel = channel;
@@ -196,6 +203,7 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
     if (const std::string failure = encoder->engine->Encode(frame.data, slot->packet); !failure.empty()) {
       return QET_FAIL(kSendFrame, kQetEncoderFailure, encoder->engine->EngineName() << ": " << failure);
     }
+    portable::FlushFromCaches(frame.data, std::uint64_t{encoder->width} * encoder->height * 3 / 2);
     slot->state = host::Slot::State::kWaiting;
     slot->streamId = host::NextId();
     encoder->outstandingBytes += slot->packet.SizeBytes();

@@ -19,9 +19,9 @@ using Ormis::host::H264Settings;
 constexpr H264Settings kSettings{64, 48, 30, 60, 200000};
 const std::vector<std::uint8_t> grey(64 * 48 * 3 / 2, 90);
 
-std::vector<std::string> NamesToTry(const std::vector<std::string>& patterns) {
+std::vector<std::string> NamesToTry(const std::string& encoder, const std::vector<std::string>& patterns) {
   std::vector<std::string> names;
-  for (const auto& engine : H264EnginesToTry([&](const char* pattern) {
+  for (const auto& engine : H264EnginesToTry(encoder, [&](const char* pattern) {
          for (const std::string& one : patterns) {
            if (one == pattern) return true;
          }
@@ -33,14 +33,22 @@ std::vector<std::string> NamesToTry(const std::vector<std::string>& patterns) {
 }
 
 TEST(EncoderChoice, WithoutADeviceOnlyTheSoftwareEngineIsTried) {
-  EXPECT_EQ(NamesToTry({}), std::vector<std::string>{"libx264"});
+  EXPECT_EQ(NamesToTry("auto", {}), std::vector<std::string>{"libx264"});
 }
 
 TEST(EncoderChoice, ADeviceIsTriedBeforeTheSoftwareEngine) {
-  EXPECT_EQ(NamesToTry({"/dev/video*"}), (std::vector<std::string>{"h264_v4l2m2m", "libx264"}));
-  EXPECT_EQ(NamesToTry({"/dev/dri/renderD*"}), (std::vector<std::string>{"h264_vaapi", "libx264"}));
-  EXPECT_EQ(NamesToTry({"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
+  EXPECT_EQ(NamesToTry("auto", {"/dev/video*"}), (std::vector<std::string>{"h264_v4l2m2m", "libx264"}));
+  EXPECT_EQ(NamesToTry("auto", {"/dev/dri/renderD*"}), (std::vector<std::string>{"h264_vaapi", "libx264"}));
+  EXPECT_EQ(NamesToTry("auto", {"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
             (std::vector<std::string>{"h264_nvenc", "h264_vaapi", "h264_v4l2m2m", "libx264"}));
+}
+
+TEST(EncoderChoice, AnEngineThatIsAskedForIsTheOnlyOneTried) {
+  for (const std::string name : {"libx264", "h264_nvenc", "h264_vaapi", "h264_v4l2m2m"}) {
+    EXPECT_EQ(NamesToTry(name, {}), std::vector<std::string>{name});
+    EXPECT_EQ(NamesToTry(name, {"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
+              std::vector<std::string>{name});
+  }
 }
 
 TEST(EncoderChoice, DevicesAreFoundByPattern) {
@@ -52,7 +60,7 @@ TEST(EncoderChoice, DevicesAreFoundByPattern) {
 TEST(EncoderChoice, FallsBackToTheSoftwareEngineWithTheReasons) {
   std::string reason;
   const auto encoder =
-      H264Encoder::Open(kSettings, H264EnginesToTry([](const char*) { return true; }), reason);
+      H264Encoder::Open(kSettings, H264EnginesToTry("auto", [](const char*) { return true; }), reason);
   ASSERT_NE(encoder, nullptr) << reason;
   if (std::string(encoder->EngineName()) != "libx264")
     GTEST_SKIP() << "this machine has " << encoder->EngineName();

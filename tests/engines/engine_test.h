@@ -14,9 +14,10 @@ class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override { StartPlatform(); }
 
-  void StartPlatform() {
+  /// `settings`: a file of settings; empty: the platform's own.
+  void StartPlatform(const std::string& settings = {}) {
     context_ = Ormis::QetContext{};
-    ASSERT_EQ(Ormis::QetInitialize(process_, Ormis::QetContextParameters{}), Ormis::kQetOk);
+    ASSERT_EQ(Ormis::QetInitialize(process_, {settings, 0}), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetCreateContext(context_), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetSetCurrentContext(context_), Ormis::kQetOk);
   }

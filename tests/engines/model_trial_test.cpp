@@ -17,6 +17,7 @@ namespace {
 using Ormis::QetDNNHandle;
 using Ormis::test::ExpectFailure;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -179,6 +180,29 @@ TEST_F(ModelTrialTest, TheTrialHasTheEnvironmentWithoutPreloadedLibraries) {
   EXPECT_THAT(environment, Not(Contains("LD_PRELOAD=/none.so")));
   (void)unsetenv("LD_PRELOAD");
   (void)unsetenv("LD_PRELOADED");
+}
+
+TEST_F(ModelTrialTest, TheSettingsAreItsLimits) {
+  std::vector<std::string> arguments;
+  spawn_calls::before = [&](spawn_calls::Call& call) {
+    for (char* const* argument = call.arguments; *argument != nullptr; ++argument)
+      arguments.emplace_back(*argument);
+    return 0;
+  };
+  ExpectLoads();
+  EXPECT_THAT(arguments, ElementsAre(EndsWith("/lib/ormis/model_trial"), path_, "20", "50"));
+  ReleasePlatform();
+  std::ofstream(folder_ / "host.yaml") << "trial_processor_s: 7\ntrial_memory_percent: 80\n";
+  StartPlatform(folder_ / "host.yaml");
+  arguments.clear();
+  path_ = Write(TinyNetwork());
+  ExpectLoads();
+  EXPECT_THAT(arguments, ElementsAre(EndsWith("/lib/ormis/model_trial"), path_, "7", "80"));
+  path_ = Write(TinyNetwork());
+  ExpectLoadFails("kill -XCPU $$", Ormis::kQetModelUnreadable,
+                  "cannot load model " + path_ +
+                      ": the engine died of it in a trial: more than 7 s of "
+                      "processor time, or more memory than there is");
 }
 
 TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {

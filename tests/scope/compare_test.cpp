@@ -406,6 +406,10 @@ TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
             "build_type: Release | Debug");
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.libraryVersions = {{"libormis", "2"}}; }),
             "library_versions: libormis 1.0.0 | libormis 2");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.platformSettings = {{"memory", "cached"}}; }),
+            "platform_settings: memory device, flush clflushopt | memory cached");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.encoderEngines = {{"0", "h264_nvenc"}}; }),
+            "encoder_engines: 0 libx264, 1 libx264 | 0 h264_nvenc");
   EXPECT_EQ(different([](RunInfo& info) { info.config.levels = {{"cpu", 2}, {"vpc", 0}}; }),
             "levels: cpu=1 | cpu=2, vpc=0");
   EXPECT_EQ(different([](RunInfo& info) { info.config.text += "# a word more\n"; }), "0 differences");

@@ -15,6 +15,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::Pair;
 using ::testing::SizeIs;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 
@@ -135,6 +136,29 @@ TEST(BenchmarkLogTest, OnlyRecordsOfTheLevelErrorAreErrors) {
   ASSERT_THAT(log.Errors(), SizeIs(1));
   EXPECT_EQ(log.Errors()[0].thread, "41");
   EXPECT_EQ(log.WhyItFailed(), "Parse() | Cannot find CPU: Level in Config File!");
+}
+
+TEST(BenchmarkLogTest, KnowsWhatThePlatformSaysOfItself) {
+  BenchmarkLog log;
+  EXPECT_THAT(log.PlatformSettings(), IsEmpty());
+  EXPECT_THAT(log.EncoderEngines(), IsEmpty());
+  const std::string settings = "QetInitialize: settings: /a: memory=b/host.yaml: memory=device encoder=auto";
+  log.Add(Record("INFO", "STBM", 1, settings));
+  log.Add(Record("WARN", "QET", 1, settings));
+  log.Add(Record("INFO", "QET", 1, "QetRelease: settings: /host.yaml: memory=device encoder=auto"));
+  log.Add(Record("INFO", "QET", 1, "QetInitialize: settings: /host.yaml"));
+  EXPECT_THAT(log.PlatformSettings(), IsEmpty());
+  log.Add(Record("INFO", "QET", 1, settings));
+  const auto expected = ElementsAre(Pair("memory", "device"), Pair("encoder", "auto"));
+  EXPECT_THAT(log.PlatformSettings(), expected);
+  log.Add(Record("INFO", "QET", 1, settings + " (/source/context.cpp:99 QetInitialize)"));
+  EXPECT_THAT(log.PlatformSettings(), expected);
+
+  log.Add(Record("WARN", "QET", 2, "QetVenc::Init: channel 34 falls back to libx264: h264_nvenc: why"));
+  EXPECT_THAT(log.EncoderEngines(), IsEmpty());
+  log.Add(Record("INFO", "QET", 2, "QetVenc::Init: channel 34, 1920x1080, engine libx264"));
+  log.Add(Record("INFO", "QET", 3, "QetVenc::Init: channel 9, 64x48, engine h264_nvenc (venc.cpp:1 Init)"));
+  EXPECT_THAT(log.EncoderEngines(), ElementsAre(Pair("9", "h264_nvenc"), Pair("34", "libx264")));
 }
 
 TEST(BenchmarkLogTest, KnowsAFileThatIsTheOnlySink) {

@@ -21,9 +21,13 @@
 namespace {
 
 using scope::ChildProcess;
+using ::testing::_;
 using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::Pair;
 
 class ProgramTest : public ::testing::Test {
  protected:
@@ -55,7 +59,7 @@ constexpr const char* kRateLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fp
 TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   const std::string config =
       folder_.Put("all.yaml",
-                  "logMode: 4\nlogLevel: 3\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
+                  "logMode: 4\nlogLevel: 4\nrunTimes: 600\nCPU:\n  Level: 1\nVPC:\n  Level: 2\n"
                   "VENC:\n  Level: 1\nAIC:\n  Level: 1\n  File: " EXAMPLE_NETWORK "\n");
   ChildProcess child(Tool({"record", config, "-o", folder_ / "run", "--label", "a label", "--grace", "120"}));
   // Waits until every engine has worked for a second, even on a slow machine.
@@ -108,6 +112,9 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
     platformKnown = platformKnown || (library == "libormis" && version == "1.0.0");
   }
   EXPECT_TRUE(platformKnown);
+  EXPECT_THAT(run.info.conditions.platformSettings, Contains(Pair("memory", "device")));
+  EXPECT_THAT(run.info.conditions.platformSettings, Contains(Pair("encoder", "auto")));
+  EXPECT_THAT(run.info.conditions.encoderEngines, ElementsAre(Pair("25", _)));
 }
 
 TEST_F(ProgramTest, KeepsTheLinesAndTheirRates) {

@@ -122,7 +122,9 @@ TEST(RunKeys, HaveTextsForPeople) {
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
   EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "build_type: Release",
-                                 "library_versions: libormis 1.0.0", "cpu_model: a CPU", "cpu_count: 2",
+                                 "library_versions: libormis 1.0.0",
+                                 "platform_settings: memory device, flush clflushopt",
+                                 "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
                                  "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
                                  "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
                                  "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));

@@ -68,6 +68,16 @@ TEST(RunWarnings, SayWhenAndOfWhichEngine) {
   EXPECT_EQ(TimedWarning(hot).engine, "");
 }
 
+TEST(RunWarnings, EncodersWithDifferentEngines) {
+  scope::Run run = QuietRun();
+  run.info.conditions.encoderEngines = {{"25", "libx264"}, {"26", "libx264"}};
+  EXPECT_THAT(WarningsOf(run), IsEmpty());
+  run.info.conditions.encoderEngines = {{"25", "h264_nvenc"}, {"26", "libx264"}};
+  EXPECT_THAT(WarningsOf(run),
+              ElementsAre("venc: the encoder's channels have different engines: 25 h264_nvenc, "
+                          "26 libx264"));
+}
+
 TEST(RunWarnings, OperationsBelowAMillisecond) {
   EXPECT_THAT(WarningsOf(made_run::Run()),
               ElementsAre(AllOf(HasSubstr("cpu: 100 % of the operations take less than a millisecond"),

@@ -45,6 +45,8 @@ inline scope::RunInfo SyntheticInfo() {
   info.conditions.hostnameHash = "0123";
   info.conditions.buildType = "Release";
   info.conditions.libraryVersions = {{"libormis", "1.0.0"}};
+  info.conditions.platformSettings = {{"memory", "device"}, {"flush", "clflushopt"}};
+  info.conditions.encoderEngines = {{"0", "libx264"}, {"1", "libx264"}};
   info.conditions.meter = true;
   return info;
 }

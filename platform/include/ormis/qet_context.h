@@ -26,7 +26,7 @@ static_assert(sizeof(QetContext) == 40 && offsetof(QetContext, name) == 8 &&
 
 /// Start-up parameters of the process context; an empty string and 0 choose the platform's defaults.
 struct QetContextParameters {
-  std::string configuration;   ///< defined by the platform; the host accepts only the empty string
+  std::string configuration;   ///< defined by the platform; the host's is a file of settings
   std::uint32_t deviceId = 0;  ///< 0: the default device
 };
 static_assert(sizeof(QetContextParameters) == 32 && offsetof(QetContextParameters, deviceId) == 24,

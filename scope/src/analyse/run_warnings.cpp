@@ -40,6 +40,16 @@ void AddBuild(const Run& run, List& warnings) {
   }
 }
 
+void AddMixedEncoders(const Run& run, List& warnings) {
+  const auto& engines = run.info.conditions.encoderEngines;
+  const bool same = std::all_of(engines.begin(), engines.end(),
+                                [&engines](const auto& one) { return one.second == engines[0].second; });
+  if (same) return;
+  std::string list;
+  for (const auto& [channel, engine] : engines) list += (list.empty() ? "" : ", ") + channel + " " + engine;
+  warnings.push_back({"venc: the encoder's channels have different engines: " + list, std::nullopt, "venc"});
+}
+
 void AddFailures(const EngineSummary& engine, List& warnings) {
   if (engine.work.failures == 0) return;
   const auto first = std::find_if(engine.seconds.begin(), engine.seconds.end(),
@@ -235,6 +245,7 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
   for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
+  AddMixedEncoders(run, warnings);
   const Warning disturbance = Disturbance(run);
   if (!disturbance.text.empty()) warnings.push_back(disturbance);
   for (const EngineSummary& engine : summary.engines) {

@@ -46,8 +46,11 @@ struct Conditions {
   std::string hostnameHash;  ///< tells machines apart without naming them
   std::string buildType;     ///< of the benchmark; empty if it is not from this tool's build
   std::vector<std::pair<std::string, std::string>> libraryVersions;  ///< name to version, sorted by name
-  std::vector<double> loadAverage;                                   ///< three values; empty if unknown
-  bool meter = false;                                                ///< false: no samples, only rate lines
+  /// Of this project's platform, as it logs them: name to value. Empty if unknown.
+  std::vector<std::pair<std::string, std::string>> platformSettings;
+  std::vector<std::pair<std::string, std::string>> encoderEngines;  ///< channel to engine; empty if unknown
+  std::vector<double> loadAverage;                                  ///< three values; empty if unknown
+  bool meter = false;                                               ///< false: no samples, only rate lines
 };
 
 struct Configuration {

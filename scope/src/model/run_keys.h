@@ -38,6 +38,10 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"conditions", "meter", kMustAgree, "Every operation measured"}, machine.meter);
   visit(RunKey{"conditions", "build_type", kMustAgree, "Build"}, machine.buildType);
   visit(RunKey{"conditions", "library_versions", kMustAgree, "Libraries"}, machine.libraryVersions);
+  visit(RunKey{"conditions", "platform_settings", kMustAgree, "Platform's settings"},
+        machine.platformSettings);
+  visit(RunKey{"conditions", "encoder_engines", kMustAgree, "Encoder's engines, by channel"},
+        machine.encoderEngines);
   visit(RunKey{"conditions", "cpu_model", kMustAgree, "CPU"}, machine.cpuModel);
   visit(RunKey{"conditions", "cpu_count", kMustAgree, "CPUs"}, machine.cpuCount);
   visit(RunKey{"conditions", "caches", kMustAgree, "Caches"}, machine.caches);

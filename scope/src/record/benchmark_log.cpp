@@ -17,6 +17,7 @@ constexpr const char* kLogFile = "log/STBM.log";
 constexpr std::size_t kMostBytes = std::size_t{16} << 20;
 // A worker that fails logs a handful of records.
 constexpr std::size_t kMostErrors = 1000;
+constexpr std::size_t kMostChannels = 1000;
 // Names of application and context, and the thread's number, stand between the level and the text.
 constexpr std::size_t kFields = 5;
 
@@ -46,6 +47,43 @@ void BenchmarkLog::Add(const std::string& line) {
   }
   const bool isError = level == "ERROR" || level == "FATAL";
   if (isError && errors_.size() < kMostErrors) errors_.push_back({thread, line.substr(at)});
+  if (level != "INFO" || context != "QET") return;
+  AddSettings(std::string_view(line).substr(at));
+  AddEncoder(std::string_view(line).substr(at));
+}
+
+// "QetInitialize: settings: FILE: memory=device encoder=auto"
+void BenchmarkLog::AddSettings(std::string_view text) {
+  const std::size_t last = text.rfind(": memory=");
+  if (text.rfind("QetInitialize: settings: ", 0) != 0 || last == std::string_view::npos) return;
+  settings_.clear();
+  // At debug level the source's file and line follow.
+  for (text.remove_prefix(last + 1); !text.empty() && text.front() == ' ';) {
+    text.remove_prefix(1);
+    const std::string_view word = text.substr(0, text.find(' '));
+    const std::size_t sign = word.find('=');
+    if (sign == std::string_view::npos) return;
+    settings_.emplace_back(word.substr(0, sign), word.substr(sign + 1));
+    text.remove_prefix(word.size());
+  }
+}
+
+// "QetVenc::Init: channel 3, 1920x1080, engine libx264"
+void BenchmarkLog::AddEncoder(std::string_view text) {
+  constexpr std::string_view kHead = "QetVenc::Init: channel ";
+  constexpr std::string_view kEngine = ", engine ";
+  const std::size_t engine = text.find(kEngine);
+  if (text.rfind(kHead, 0) != 0 || engine == std::string_view::npos) return;
+  const std::string channel(text.substr(kHead.size(), engine - kHead.size()));
+  text.remove_prefix(engine + kEngine.size());
+  if (encoders_.size() == kMostChannels) return;
+  encoders_[std::strtoul(channel.c_str(), nullptr, 10)] = text.substr(0, text.find(' '));
+}
+
+std::vector<std::pair<std::string, std::string>> BenchmarkLog::EncoderEngines() const {
+  std::vector<std::pair<std::string, std::string>> engines;
+  for (const auto& [channel, engine] : encoders_) engines.emplace_back(std::to_string(channel), engine);
+  return engines;
 }
 
 std::string BenchmarkLog::WhyItFailed() const {

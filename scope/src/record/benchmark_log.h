@@ -3,7 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "run.h"
@@ -11,8 +14,8 @@
 /// What the benchmark logs.
 namespace scope {
 
-/// The error records in the benchmark's log. It knows the format of this project's log. Lines of another
-/// format are no records.
+/// The error records in the benchmark's log, and what the platform says of itself there. It knows the format
+/// of this project's log. Lines of another format are no records.
 class BenchmarkLog {
  public:
   struct Error {
@@ -30,8 +33,20 @@ class BenchmarkLog {
   /// which the C++ library writes when a program aborts. Empty if there is neither.
   std::string WhyItFailed() const;
 
+  /// The settings of this project's platform by name. Empty if they are not in the log: another platform, or
+  /// a level that leaves them out.
+  const std::vector<std::pair<std::string, std::string>>& PlatformSettings() const { return settings_; }
+
+  /// The engine of each of the encoder's channels. Empty like the settings.
+  std::vector<std::pair<std::string, std::string>> EncoderEngines() const;
+
  private:
+  void AddSettings(std::string_view text);
+  void AddEncoder(std::string_view text);
+
   std::vector<Error> errors_;
+  std::vector<std::pair<std::string, std::string>> settings_;
+  std::map<unsigned long, std::string> encoders_;  ///< by channel
   std::string lastOther_;
 };
 

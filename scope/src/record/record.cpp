@@ -266,7 +266,13 @@ class Recording {
     info_.conditions.meter = true;
     info_.conditions.libraryVersions =
         LibraryVersions("/proc/" + std::to_string(child_->Id()) + "/maps", meter_->PlatformPath());
+    TakeWhatPlatformLogged();
     Save([this] { writer_->WriteInfo(info_); });
+  }
+
+  void TakeWhatPlatformLogged() {
+    info_.conditions.platformSettings = watch_->Log().PlatformSettings();
+    info_.conditions.encoderEngines = watch_->Log().EncoderEngines();
   }
 
   void ReadCounters() {
@@ -310,6 +316,7 @@ class Recording {
     // Tried even after a failed write: there may be room again, and these files do not need the others.
     if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });
     FindFailures();
+    TakeWhatPlatformLogged();
     info_.incompleteReason = Joined(failures_, "\n");
     info_.complete = info_.incompleteReason.empty();
     (void)Try([this] { writer_->WriteInfo(info_); });
