@@ -17,6 +17,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "cache_flush.h"
 #include "measure.h"
 #include "ormis/ormis.h"
 #include "program.h"
@@ -150,6 +151,23 @@ std::function<void()> Swscale(const std::uint8_t* source, const Case& sizes, std
   };
 }
 
+/// Reads each line of the memory, and removes it from the caches behind itself, a page at a time.
+void ReadAndFlush(const std::uint8_t* memory, std::size_t bytes) {
+  constexpr std::size_t kPage = 4096;
+  using Line = std::uint64_t __attribute__((vector_size(64), aligned(8)));
+  const Ormis::portable::FlushLines flush = Ormis::portable::FlushRoutines().back().flush;
+  Line sum{};
+  for (std::size_t at = 0; at < bytes; at += sizeof(Line)) {
+    if (at % kPage == 0 && at >= 2 * kPage) flush(memory + at - 2 * kPage, kPage);
+    sum += *reinterpret_cast<const Line*>(memory + std::min(at, bytes - sizeof(Line)));
+  }
+  const std::size_t rest = bytes / kPage < 2 ? 0 : (bytes / kPage - 2) * kPage;
+  flush(memory + rest, bytes - rest);
+  Ormis::portable::EndFlush();
+  [[maybe_unused]] static volatile std::uint64_t used;
+  used = sum[0] ^ sum[1] ^ sum[2] ^ sum[3] ^ sum[4] ^ sum[5] ^ sum[6] ^ sum[7];
+}
+
 void Measure(int channel, const Case& sizes, int rounds, bool countRows) {
   Ormis::ImageData source;
   source.width = static_cast<std::uint32_t>(sizes.sourceWidth);
@@ -203,12 +221,22 @@ void Measure(int channel, const Case& sizes, int rounds, bool countRows) {
                      {}});
 #endif
 
+  const Ormis::portable::FlushLines flush = Ormis::portable::FlushRoutines().back().flush;
+  std::vector<double> readingMs;
   for (int round = -3; round < rounds; ++round) {  // the first three warm up
     for (Scaler& scaler : scalers) {
+      flush(source.data, source.dataSize);
+      flush(scaler.result, resultBytes);
+      Ormis::portable::EndFlush();
       const double ms = measure::Milliseconds(scaler.scale);
       if (round >= 0) scaler.ms.push_back(ms);
     }
+    const double ms = measure::Milliseconds([&] { ReadAndFlush(source.data, source.dataSize); });
+    if (round >= 0) readingMs.push_back(ms);
   }
+  (void)std::printf("| %d x %d to %d x %d | reading and removing the source | %.3f | %.2f | | | | | |\n",
+                    sizes.sourceWidth, sizes.sourceHeight, sizes.width, sizes.height,
+                    measure::Best(readingMs), measure::MedianRatio(readingMs, scalers[0].ms));
   const std::vector<double> exact = ExactAreaAverage(source.data, sizes);
   std::vector<Distance> distances;
   for (const Scaler& scaler : scalers) distances.push_back(From(exact, scaler.result));
@@ -234,6 +262,10 @@ void Measure(int channel, const Case& sizes, int rounds, bool countRows) {
 const char* const kUsage = R"(usage: resize_bench [ROUNDS]
 Compares QetImageResize with other libraries' scalers, in turns within one run: the same RGB24 picture, each on
 one thread.
+
+Before each call source and result are removed from the caches, so that every scaler reads from the memory.
+QetImageResize also removes them itself afterwards; the others do not. "Reading" is what no scaler can avoid: it
+reads each line of the source once, and removes it from the caches.
 
 Quality is measured against the exact area average in double precision. Rounding alone keeps an 8-bit picture at
 about 58.9 dB from it. The program also measures which rows of the source a scaler uses: it changes a row and

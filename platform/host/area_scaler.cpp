@@ -2,6 +2,7 @@
 #include "area_scaler.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <numeric>
 
@@ -9,10 +10,13 @@ namespace Ormis::host {
 
 namespace {
 
+constexpr std::size_t kVectorBytes = 64;
+/// Of a table of weights. Larger ones, of extreme ratios, would take longer to make than they save.
+constexpr std::uint64_t kMostWeights = std::uint64_t{1} << 20;
+
 enum class RowUse : std::uint8_t { kSet, kAdd };
 
-/// Sets sums[i] to weight * row[i], or adds it. The compiler makes vector instructions of the loop, which
-/// make the scaler fast.
+/// Sets sums[i] to weight * row[i], or adds it.
 template <RowUse use, typename Sum>
 void WeighRow(const std::uint8_t* __restrict row, Sum weight, std::size_t length, Sum* __restrict sums) {
   for (std::size_t i = 0; i < length; ++i) {
@@ -20,6 +24,27 @@ void WeighRow(const std::uint8_t* __restrict row, Sum weight, std::size_t length
     sums[i] = use == RowUse::kSet ? product : static_cast<Sum>(sums[i] + product);
   }
 }
+
+/// Flushes the memory behind a position that moves on. A line that the position is in waits, because it will
+/// be used again.
+class Wake {
+ public:
+  Wake(portable::FlushLines flush, const std::uint8_t* begin) : flush_(flush), flushed_(begin) {}
+
+  void MoveTo(const std::uint8_t* position) {
+    const std::uint8_t* const line = position - reinterpret_cast<std::uintptr_t>(position) % kVectorBytes;
+    if (flush_ != nullptr && line > flushed_) End(line);
+  }
+
+  void End(const std::uint8_t* end) {
+    if (flush_ != nullptr) flush_(flushed_, static_cast<std::size_t>(end - flushed_));
+    flushed_ = end;
+  }
+
+ private:
+  portable::FlushLines flush_;
+  const std::uint8_t* flushed_;
+};
 
 }  // namespace
 
@@ -39,52 +64,38 @@ AreaScaler::Span AreaScaler::SpanAt(const Ratio& ratio, std::uint32_t index) {
           static_cast<std::uint32_t>(last == first ? 0 : end - last * ratio.sourceUnits)};
 }
 
-void AreaScaler::PrepareColumns(const Ratio& ratio, std::uint32_t count) {
-  if (ratio.sourceUnits == columnRatio_.sourceUnits && ratio.resultUnits == columnRatio_.resultUnits &&
-      columns_.size() >= count) {
+void AreaScaler::PrepareSpans(const Ratio& ratio, std::uint32_t count) {
+  if (ratio.sourceUnits == spansRatio_.sourceUnits && ratio.resultUnits == spansRatio_.resultUnits &&
+      spans_.size() >= count) {
     return;
   }
-  columns_.resize(count);
-  for (std::uint32_t column = 0; column < count; ++column) columns_[column] = SpanAt(ratio, column);
-  columnRatio_ = ratio;
+  spans_.resize(count);
+  for (std::uint32_t column = 0; column < count; ++column) spans_[column] = SpanAt(ratio, column);
+  spansRatio_ = ratio;
 }
 
+/// The reference: plain loops.
 template <typename Sum, typename Total, typename Real>
-void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
-                           std::uint8_t* destination, const Ratio& rows, std::vector<Sum>& rowSums) {
-  const std::size_t length = std::size_t{from.width} * from.channels;
-  const std::size_t channels = from.channels;
-  if (rowSums.size() < length) rowSums.resize(length);
-  Sum* const sums = rowSums.data();
+struct AreaScaler::PlainRows {
+  const Job& job;
+  const std::vector<Span>& spans;
+  Sum* sums;
 
-  const auto columnUnits = static_cast<Total>(columnRatio_.sourceUnits);
-  const auto area = static_cast<std::uint64_t>(rows.resultUnits) * columnRatio_.resultUnits;
-  const auto half = static_cast<Total>(area / 2);
-  const Real scale = Real{1} / static_cast<Real>(area);
+  void Set(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
+    WeighRow<RowUse::kSet>(row, static_cast<Sum>(weight), length, sums);
+  }
 
-  const std::size_t resultLength = std::size_t{to.width} * channels;
-  Span above{};
-  for (std::uint32_t y = 0; y < to.height; ++y) {
-    const Span span = SpanAt(rows, y);
-    // This row and the row above lie within one source row, so they are equal. To compute each of them would
-    // take minutes where a long source row is enlarged to a high image.
-    const bool repeated =
-        y > 0 && span.first == span.last && above.first == above.last && span.first == above.first;
-    above = span;
-    if (repeated) {
-      std::memcpy(destination, destination - resultLength, resultLength);
-      destination += resultLength;
-      continue;
-    }
-    const std::uint8_t* row = source + span.first * length;
-    WeighRow<RowUse::kSet>(row, static_cast<Sum>(span.firstWeight), length, sums);
-    for (std::uint32_t at = span.first + 1; at <= span.last; ++at) {
-      row += length;
-      const std::uint32_t weight = at == span.last ? span.lastWeight : rows.sourceUnits;
-      WeighRow<RowUse::kAdd>(row, static_cast<Sum>(weight), length, sums);
-    }
-    for (std::uint32_t x = 0; x < to.width; ++x) {
-      const Span column = columns_[x];
+  void Add(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
+    WeighRow<RowUse::kAdd>(row, static_cast<Sum>(weight), length, sums);
+  }
+
+  void Finish(std::uint8_t* result) {
+    const std::size_t channels = job.to.channels;
+    const auto columnUnits = static_cast<Total>(job.columns.sourceUnits);
+    const auto half = static_cast<Total>(job.area / 2);
+    const Real scale = Real{1} / static_cast<Real>(job.area);
+    for (std::uint32_t x = 0; x < job.to.width; ++x) {
+      const Span column = spans[x];
       for (std::size_t c = 0; c < channels; ++c) {
         const Sum* const first = sums + column.first * channels + c;
         const Sum* const last = sums + column.last * channels + c;
@@ -94,23 +105,138 @@ void AreaScaler::ScaleWith(const PlaneShape& from, const std::uint8_t* source, c
                             static_cast<Total>(column.lastWeight) * *last;
         // The 0.5 keeps the quotient half a step away from each integer: rounding errors of Real cannot move
         // it across one.
-        *destination++ = static_cast<std::uint8_t>((static_cast<Real>(total + half) + Real{0.5}) * scale);
+        *result++ = static_cast<std::uint8_t>((static_cast<Real>(total + half) + Real{0.5}) * scale);
       }
     }
   }
+};
+
+struct AreaScaler::KernelRows {
+  const AreaKernel& kernel;
+  const AreaColumns& columns;
+  std::uint16_t* sums;
+
+  void Set(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
+    kernel.setRow(row, static_cast<std::uint16_t>(weight), length, sums);
+  }
+  void Add(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
+    kernel.addRow(row, static_cast<std::uint16_t>(weight), length, sums);
+  }
+  void Finish(std::uint8_t* result) { kernel.finishRow(columns, sums, result); }
+};
+
+template <typename Rows>
+void AreaScaler::ScaleRows(const Job& job, Rows rows) {
+  const std::size_t length = std::size_t{job.from.width} * job.from.channels;
+  const std::size_t resultLength = std::size_t{job.to.width} * job.to.channels;
+  if (result_.size() < resultLength + kResultBeyond) result_.resize(resultLength + kResultBeyond);
+  std::uint8_t* destination = job.destination;
+  Wake behindSource(job.flush, job.source);
+  Wake behindResult(job.flush, destination);
+  Span span = SpanAt(job.rows, 0);
+  bool repeated = false;
+  for (std::uint32_t y = 0; y < job.to.height; ++y) {
+    if (!repeated) {
+      const std::uint8_t* row = job.source + span.first * length;
+      rows.Set(row, span.firstWeight, length);
+      for (std::uint32_t at = span.first + 1; at <= span.last; ++at) {
+        row += length;
+        rows.Add(row, at == span.last ? span.lastWeight : job.rows.sourceUnits, length);
+      }
+      rows.Finish(result_.data());
+    }
+    std::memcpy(destination, result_.data(), resultLength);
+    destination += resultLength;
+    const Span below = SpanAt(job.rows, y + 1);
+    // Both rows lie within one source row, so they are equal. To compute each of them would take minutes
+    // where a long source row is enlarged to a high image.
+    repeated = span.first == span.last && below.first == below.last && span.first == below.first;
+    span = below;
+    behindSource.MoveTo(job.source + std::min(span.first, job.from.height) * length);
+    behindResult.MoveTo(destination);
+  }
+  behindSource.End(job.source + job.from.height * length);
+  behindResult.End(destination);
+}
+
+/// The weight of the source pixel `index` in a pixel of the result.
+std::int16_t AreaScaler::WeightAt(const Span& span, std::uint32_t index, const Ratio& ratio) {
+  if (index > span.last) return 0;
+  if (index == span.first) return static_cast<std::int16_t>(span.firstWeight);
+  return static_cast<std::int16_t>(index == span.last ? span.lastWeight : ratio.sourceUnits);
+}
+
+/// Fills columns_. Returns false for a job whose numbers the kernels cannot hold.
+bool AreaScaler::PrepareKernel(const Job& job) {
+  // 255 x 257 is the largest number of 16 bits. A weighted sum and the half of an area have 31 bits.
+  constexpr std::uint64_t kMostArea = 8'400'000;
+  if (kernel_ == nullptr || job.rows.resultUnits > 257 || job.area > kMostArea ||
+      job.columns.sourceUnits > INT16_MAX) {
+    return false;
+  }
+  const std::uint32_t width = job.to.width;
+  const std::uint32_t channels = job.to.channels;
+  const std::array<std::uint32_t, 4> sizes = {job.from.width, width, channels, job.rows.resultUnits};
+  if (sizes == columnsSizes_) return true;
+  columnsSizes_ = {};
+  columns_.width = width;
+  columns_.channels = channels;
+  // What a pixel of the result covers if it begins one unit before the end of a source pixel.
+  const std::uint32_t most =
+      (job.columns.resultUnits + 2 * job.columns.sourceUnits - 2) / job.columns.sourceUnits;
+  columns_.pairs = (most + 1) / 2;
+  columns_.period = std::min(2 * job.columns.sourceUnits, width + width % 2);
+  columns_.periodSamples = 2 * job.columns.resultUnits * channels;
+  const std::uint64_t weights = std::uint64_t{columns_.period} * columns_.pairs * 8;
+  if (weights > kMostWeights) return false;
+  columns_.offset = static_cast<std::uint32_t>(job.area / 2) + kSumBias * job.columns.resultUnits;
+  columns_.inverse = 1.0 / static_cast<double>(job.area);
+  columns_.floatIsExact = job.area <= 8192;
+  columns_.first.assign(columns_.period, 0);
+  columns_.weights.assign(weights, 0);
+  for (std::uint32_t x = 0; x < std::min(columns_.period, width); ++x) {
+    const Span span = SpanAt(job.columns, x);
+    columns_.first[x] = span.first * channels;
+    for (std::uint32_t pair = 0; pair < columns_.pairs; ++pair) {
+      std::int16_t* const at =
+          columns_.weights.data() + (std::size_t{x} / 2 * columns_.pairs + pair) * 16 + x % 2 * 8;
+      for (std::uint32_t i = 0; i < 8; ++i)
+        at[i] = WeightAt(span, span.first + 2 * pair + i % 2, job.columns);
+    }
+  }
+  columnsSizes_ = sizes;
+  return true;
 }
 
 void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
-                       std::uint8_t* destination) {
-  const Ratio rows = ReducedRatio(from.height, to.height);
-  PrepareColumns(ReducedRatio(from.width, to.width), to.width);
-  const std::uint64_t area = std::uint64_t{rows.resultUnits} * columnRatio_.resultUnits;
-  // 255 x 257 is the largest 16-bit number. A float holds 255 x 8192 and has enough bits left for fractions.
-  if (rows.resultUnits <= 257 && area <= 8192) {
-    ScaleWith<std::uint16_t, std::int32_t, float>(from, source, to, destination, rows, narrowSums_);
-  } else {
-    ScaleWith<std::uint32_t, std::int64_t, double>(from, source, to, destination, rows, wideSums_);
+                       std::uint8_t* destination, portable::FlushLines flush) {
+  Job job{from,
+          source,
+          to,
+          destination,
+          flush,
+          ReducedRatio(from.height, to.height),
+          ReducedRatio(from.width, to.width),
+          0};
+  job.area = std::uint64_t{job.rows.resultUnits} * job.columns.resultUnits;
+  const std::size_t length = std::size_t{from.width} * from.channels;
+  if (PrepareKernel(job)) {
+    const std::size_t count = length + AreaSumsBeyond(columns_) + kVectorBytes / sizeof(std::uint16_t);
+    if (narrowSums_.size() < count) narrowSums_.resize(count);
+    // To the beginning of a cache line: stores across two lines are slower.
+    const std::size_t past = reinterpret_cast<std::uintptr_t>(narrowSums_.data()) % kVectorBytes;
+    std::uint16_t* const sums =
+        narrowSums_.data() + (kVectorBytes - past) % kVectorBytes / sizeof(std::uint16_t);
+    return ScaleRows(job, KernelRows{*kernel_, columns_, sums});
   }
+  PrepareSpans(job.columns, to.width);
+  // A float holds 255 x 8192 and has enough bits left for fractions.
+  if (job.rows.resultUnits <= 257 && job.area <= 8192) {
+    if (narrowSums_.size() < length) narrowSums_.resize(length);
+    return ScaleRows(job, PlainRows<std::uint16_t, std::int32_t, float>{job, spans_, narrowSums_.data()});
+  }
+  if (wideSums_.size() < length) wideSums_.resize(length);
+  ScaleRows(job, PlainRows<std::uint32_t, std::int64_t, double>{job, spans_, wideSums_.data()});
 }
 
 }  // namespace Ormis::host

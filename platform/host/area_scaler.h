@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
+#include "area_kernels.h"
+#include "cache_flush.h"
 #include "image.h"
 
 namespace Ormis::host {
@@ -17,10 +20,14 @@ class AreaScaler {
   /// Largest side of a source or a result for which the arithmetic does not overflow.
   static constexpr std::uint32_t kMaxSide = 1U << 24;
 
+  /// `kernel` has what is done most; null: nothing but plain loops, the reference. The results are the same.
+  explicit AreaScaler(const AreaKernel* kernel = &AreaKernels().back()) : kernel_(kernel) {}
+
   /// `from` and `to` have the same number of channels, 1 to 4, and sides of 1 to kMaxSide. The planes must
-  /// not overlap. Throws std::bad_alloc.
+  /// not overlap. Where `flush` is not null, it is called for every cache line of both planes that nothing
+  /// will touch any more; portable::EndFlush is left to the caller. Throws std::bad_alloc.
   void Scale(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
-             std::uint8_t* destination);
+             std::uint8_t* destination, portable::FlushLines flush);
 
  private:
   // A side of n source pixels becomes a side of m pixels. After a division of both by their greatest common
@@ -39,18 +46,39 @@ class AreaScaler {
     std::uint32_t lastWeight;  ///< 0 when `first` equals `last`
   };
 
-  static Ratio ReducedRatio(std::uint32_t from, std::uint32_t to);
-  static Span SpanAt(const Ratio& ratio, std::uint32_t index);
-  void PrepareColumns(const Ratio& ratio, std::uint32_t count);
+  /// What a call is about.
+  struct Job {
+    PlaneShape from;
+    const std::uint8_t* source;
+    PlaneShape to;
+    std::uint8_t* destination;
+    portable::FlushLines flush;
+    Ratio rows;
+    Ratio columns;
+    std::uint64_t area;  ///< of a pixel of the result, in units
+  };
 
   template <typename Sum, typename Total, typename Real>
-  void ScaleWith(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
-                 std::uint8_t* destination, const Ratio& rows, std::vector<Sum>& rowSums);
+  struct PlainRows;
+  struct KernelRows;
 
-  Ratio columnRatio_;
-  std::vector<Span> columns_;
+  static Ratio ReducedRatio(std::uint32_t from, std::uint32_t to);
+  static Span SpanAt(const Ratio& ratio, std::uint32_t index);
+  static std::int16_t WeightAt(const Span& span, std::uint32_t index, const Ratio& ratio);
+  void PrepareSpans(const Ratio& ratio, std::uint32_t count);
+  bool PrepareKernel(const Job& job);
+
+  template <typename Rows>
+  void ScaleRows(const Job& job, Rows rows);
+
+  const AreaKernel* kernel_;
+  Ratio spansRatio_;
+  std::vector<Span> spans_;
+  AreaColumns columns_;
+  std::array<std::uint32_t, 4> columnsSizes_{};  ///< what columns_ is made for; zeros: nothing
   std::vector<std::uint16_t> narrowSums_;
   std::vector<std::uint32_t> wideSums_;
+  std::vector<std::uint8_t> result_;  ///< a row
 };
 
 }  // namespace Ormis::host

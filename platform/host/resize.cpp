@@ -63,17 +63,17 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
     }
 
     const std::lock_guard<std::mutex> lock(unit->mutex);
+    const portable::FlushLines flush = portable::CurrentFlush();
     const std::uint8_t* sourcePlane = from->pixels.get();
     std::uint8_t* destinationPlane = to->pixels.get();
     for (std::uint32_t i = 0; i < from->shape.planeCount; ++i) {
       const host::PlaneShape& sourceShape = from->shape.planes[i];
       const host::PlaneShape& destinationShape = to->shape.planes[i];
-      unit->scaler.Scale(sourceShape, sourcePlane, destinationShape, destinationPlane);
+      unit->scaler.Scale(sourceShape, sourcePlane, destinationShape, destinationPlane, flush);
       sourcePlane += sourceShape.Bytes();
       destinationPlane += destinationShape.Bytes();
     }
-    portable::FlushFromCaches(from->pixels.get(), from->shape.bytes);
-    portable::FlushFromCaches(to->pixels.get(), to->shape.bytes);
+    if (flush != nullptr) portable::EndFlush();
     return kQetOk;
   });
 }

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Compares every kernel of the scaler that this processor can run with the plain loops. They are
+// linked in, because the library shows only the one that it chose.
+#include "area_scaler.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Ormis::host {
+
+void PrintTo(const AreaKernel& kernel, std::ostream* out) {
+  *out << kernel.name;
+}
+
+namespace {
+
+struct Sizes {
+  std::uint32_t width, height, resultWidth, resultHeight;
+};
+
+std::ostream& operator<<(std::ostream& out, const Sizes& sizes) {
+  return out << sizes.width << " x " << sizes.height << " to " << sizes.resultWidth << " x "
+             << sizes.resultHeight;
+}
+
+constexpr std::size_t kMostBytes = std::size_t{1920} * 108 * 4;
+
+/// Made once, because the tests are not optimised. Its beginning differs with `from`.
+const std::uint8_t* Noise(std::size_t from) {
+  static const std::vector<std::uint8_t> noise = [] {
+    std::vector<std::uint8_t> bytes(kMostBytes + 1000);
+    std::uint32_t state = 1;
+    for (std::uint8_t& byte : bytes) {
+      state = state * 1664525U + 1013904223U;
+      byte = static_cast<std::uint8_t>(state >> 24U);
+    }
+    return bytes;
+  }();
+  return noise.data() + from % 1000;
+}
+
+const std::uint8_t* White() {
+  static const std::vector<std::uint8_t> white(kMostBytes, 255);
+  return white.data();
+}
+
+class AreaKernelTest : public testing::TestWithParam<AreaKernel> {
+ protected:
+  /// Expects the reference's result, byte by byte, and nothing behind it.
+  void ExpectReference(const Sizes& sizes, std::uint32_t channels, const std::uint8_t* source) {
+    constexpr std::size_t kMargin = 64;
+    const PlaneShape from{sizes.width, sizes.height, channels};
+    const PlaneShape to{sizes.resultWidth, sizes.resultHeight, channels};
+    std::vector<std::uint8_t> expected(to.Bytes() + kMargin, 0xa5);
+    std::vector<std::uint8_t> result(expected);
+    reference_.Scale(from, source, to, expected.data(), nullptr);
+    scaler_.Scale(from, source, to, result.data(), nullptr);
+    if (std::memcmp(expected.data(), result.data(), expected.size()) == 0) return;
+    const auto differs = std::mismatch(expected.begin(), expected.end(), result.begin());
+    FAIL() << sizes << " of " << channels << " channels: byte " << differs.first - expected.begin() << " is "
+           << int{*differs.second} << ", expected " << int{*differs.first};
+  }
+
+  AreaScaler reference_{nullptr};
+  AreaScaler scaler_{&GetParam()};
+};
+
+TEST_P(AreaKernelTest, HasTheResultsOfThePlainLoops) {
+  for (const Sizes& sizes :
+       {Sizes{1920, 108, 416, 24}, {192, 1080, 42, 234}, {120, 60, 26, 13}, {64, 64, 32, 32},
+        {65, 63, 32, 31},          {640, 216, 139, 47},  {60, 60, 60, 60},  {41, 23, 192, 108},
+        {13, 13, 60, 61},          {1, 1, 5, 7},         {1, 300, 1, 1},    {300, 1, 1, 1},
+        {2000, 2, 3, 2},           {3, 2, 2000, 2},      {257, 257, 1, 1},  {258, 258, 1, 1},
+        {33, 514, 7, 2},           {5000, 3, 7, 2},      {2, 2, 1, 1},      {127, 91, 126, 90},
+        {90, 91, 91, 90}}) {
+    for (std::uint32_t channels = 1; channels <= 4; ++channels) {
+      ExpectReference(sizes, channels, Noise(sizes.width + channels));
+      ExpectReference(sizes, channels, White());
+    }
+  }
+}
+
+TEST_P(AreaKernelTest, HasTheResultsOfThePlainLoopsForRandomSizes) {
+  std::mt19937 random(11);
+  const auto side = [&random](std::uint32_t most) { return 1 + static_cast<std::uint32_t>(random()) % most; };
+  for (int i = 0; i < 150; ++i) {
+    const Sizes sizes{side(180), side(90), side(90), side(45)};
+    const Sizes turned{sizes.resultWidth, sizes.resultHeight, sizes.width, sizes.height};
+    const std::uint32_t channels = side(4);
+    ExpectReference(sizes, channels, Noise(random()));
+    ExpectReference(turned, channels, Noise(random()));
+  }
+}
+
+std::set<std::uintptr_t> LinesOf(const void* memory, std::size_t bytes) {
+  std::set<std::uintptr_t> lines;
+  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+  for (std::uintptr_t line = begin / 64; line * 64 < begin + bytes; ++line) lines.insert(line);
+  return lines;
+}
+
+std::set<std::uintptr_t> flushed;  // lines
+
+void RecordLines(const void* memory, std::size_t bytes) {
+  flushed.merge(LinesOf(memory, bytes));
+}
+
+TEST_P(AreaKernelTest, FlushesBothPlanesAndNothingElse) {
+  for (const Sizes& sizes : {Sizes{120, 60, 26, 13}, {26, 13, 120, 60}, {1, 1, 1, 1}, {300, 270, 30, 1}}) {
+    const PlaneShape from{sizes.width, sizes.height, 3};
+    const PlaneShape to{sizes.resultWidth, sizes.resultHeight, 3};
+    std::vector<std::uint8_t> result(to.Bytes());
+    flushed.clear();
+    for (AreaScaler* const scaler : {&scaler_, &reference_}) {
+      scaler->Scale(from, Noise(0), to, result.data(), RecordLines);
+      std::set<std::uintptr_t> expected = LinesOf(Noise(0), from.Bytes());
+      expected.merge(LinesOf(result.data(), result.size()));
+      EXPECT_TRUE(flushed == expected) << sizes;
+      flushed.clear();
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AreaKernelTest, testing::ValuesIn(AreaKernels().begin(), AreaKernels().end()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace Ormis::host
