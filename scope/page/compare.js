@@ -104,7 +104,7 @@ function runsSection(data, engines, totals) {
   const all = data.a.runs.length + data.b.runs.length;
   const which = runs.length < all ? `The first ${runs.length} of ${all} runs are drawn. ` : '';
   return section('The runs', el('p', {class: 'absent'}, `${which}Lines of A are solid, those of B are dashed.`),
-      chartFigures(totals, ''), more('The whole runs', summaryTable(data.report, engines), ...medianTable(data.report)),
+      chartFigures(totals, ''), more('The whole runs', summaryTable(data.report, engines), ...afterWarmupTable(data.report)),
       more('Warnings', warningList(runs)), more('Conditions', conditionsTable(runs), counterTable(runs)));
 }
 

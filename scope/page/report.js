@@ -25,7 +25,7 @@ function engineSection(runs, engine, charts) {
 function summarySection(data, engines, totals) {
   const parts = engines.length === 0 ?
       [el('p', {}, 'Nothing was recorded: neither an operation nor a rate line.')] :
-      [el('h3', {}, 'The whole run'), summaryTable(data, engines), threadTable(data), ...medianTable(data)].flat();
+      [el('h3', {}, 'The whole run'), summaryTable(data, engines), threadTable(data), ...afterWarmupTable(data)].flat();
   for (const run of data.runs.filter((each) => !each.meter)) {
     parts.push(el('p', {class: 'absent'},
         `${run.name}: recorded without the meter, so there are no operations, bytes and latencies.`));

@@ -106,21 +106,21 @@ function summaryTable(data, engines) {
   return table('figures', workWords(runs), columns, rows);
 }
 
-// Medians over the seconds after the warm-up. They differ from the figures of the whole run.
-function medianTable(data) {
+// What comparisons and sweeps take of a run. It differs from the figures of the whole run.
+function afterWarmupTable(data) {
   const {runs} = data;
-  const medianOf = (run, engine, figure) =>
-    run.medians.find((each) => each.engine === engine && each.figure === figure)?.median;
-  const columns = data.figures.filter(({name}) => runs.some((run) => run.medians.some((each) => each.figure === name)));
+  const valueOf = (run, engine, figure) =>
+    run.after_warmup.find((each) => each.engine === engine && each.figure === figure)?.value;
+  const columns = data.figures.filter(({name}) => runs.some((run) => run.after_warmup.some((each) => each.figure === name)));
   const engines = [...data.engines, {name: 'total'}].filter(({name}) =>
-    runs.some((run) => run.medians.some((entry) => entry.engine === name)));
+    runs.some((run) => run.after_warmup.some((entry) => entry.engine === name)));
   if (engines.length === 0) return [];
   const rows = engines.flatMap(({name}) => runs.map((run) => el('tr', {},
       workHeadings(runs, run, name === 'total' ? 'all' : name),
-      columns.map((figure) => figureCell(medianOf(run, name, figure.name), shortNumber)))));
+      columns.map((figure) => figureCell(valueOf(run, name, figure.name), shortNumber)))));
   const titled = columns.map((figure) => ({...figure, title: `${figure.name} (${figure.unit})`}));
-  return [el('h3', {}, `Medians of the seconds after the warm-up of ${data.warmup_s} s, as compare takes them`),
-    table('figures medians', workWords(runs), titled, rows)];
+  return [el('h3', {}, `After the warm-up of ${data.warmup_s} s, as comparisons and sweeps take it`),
+    table('figures after-warmup', workWords(runs), titled, rows)];
 }
 
 function threadTable(data) {

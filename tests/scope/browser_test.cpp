@@ -204,7 +204,7 @@ TEST_F(ReportInBrowser, CountsAreStepsFromTheStartOfTheRun) {
   EXPECT_EQ(chart["series"][0]["points"][19], json::parse("[20, 2]"));
 }
 
-// The run is four times as fast during warm-up. The whole run includes that; the medians do not.
+// The run is four times as fast during warm-up. The whole run includes that; what compare takes does not.
 TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
   scope::Run run = made_run::Run();
   for (scope::Sample& sample : run.samples) {
@@ -214,15 +214,16 @@ TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
   EXPECT_EQ(visit.Chart("cpu-rate")["shades"], json::parse("[51, 0]"));
   // Its horizontal axis is in ms, and 5 is within it.
   EXPECT_EQ(visit.Chart("vpc-histogram")["shades"], json::parse("[0, 0]"));
-  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("The whole run"), HasSubstr("Medians of the seconds after the "
-                                                                        "warm-up of 5 s, as compare takes")));
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("The whole run"), HasSubstr("After the warm-up of 5 s, as comparisons "
+                                                          "and sweeps take it")));
   EXPECT_EQ(visit.Row("figures", {"venc"})[3], "65.4");
   EXPECT_THAT(
-      visit.Row("figures medians", {"Engine"}),
+      visit.Row("figures after-warmup", {"Engine"}),
       ElementsAre("Engine", "ops (op/s)", "bandwidth (GB/s)", "p50 (us)", "p99 (us)", "printed (fps)"));
-  EXPECT_THAT(visit.Row("figures medians", {"venc"}),
+  EXPECT_THAT(visit.Row("figures after-warmup", {"venc"}),
               ElementsAre("venc", "50", "0.1559", "9,000", "9,000", "111"));
-  EXPECT_THAT(visit.Row("figures medians", {"all"}), ElementsAre("all", "–", "14.64", "–", "–", "–"));
+  EXPECT_THAT(visit.Row("figures after-warmup", {"all"}), ElementsAre("all", "–", "14.64", "–", "–", "–"));
 }
 
 TEST_F(ReportInBrowser, MarksWarningsOnTheTimeAxis) {

@@ -80,7 +80,7 @@ TEST(ComparisonPage, HasTheJsonOfTheComparisonAndItsRuns) {
   EXPECT_EQ(report.at("runs").at(4).at("engines").at(0).at("seconds").at("ops").at(1), 724);
 }
 
-TEST(ComparisonPage, MediansLeaveOutWhatTheComparisonDoes) {
+TEST(ComparisonPage, RunsLeaveOutWhatTheComparisonDoes) {
   Compared compared(SideOf("a", {400}), SideOf("b", {400}));
   compared.options.skipS = 12;
   EXPECT_EQ(compared.Data().at("report").at("warmup_s"), 12);

@@ -8,13 +8,16 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
 
 #include "compare_conditions.h"
+#include "compare_values.h"
 #include "configuration.h"
 #include "errors.h"
 #include "page_json.h"
+#include "report.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "saturation.h"
@@ -536,6 +539,26 @@ TEST_F(SweepTest, TableHasMediansOfTheRepeats) {
             "  1     3    3000.0     6.000       6.000\n"
             "  2     2    4250.0     8.500       8.500\n");
   EXPECT_THAT(table.notes, ElementsAre("run-0006 (CPU=2) failed: why", "not done: 1 of 6 runs"));
+}
+
+// Half of the threads stop late in the run, so that the mean of the seconds is not their median.
+TEST_F(SweepTest, ARunHasOneValueInSweepsComparisonsAndReports) {
+  Sweep sweep = Recorded(ParseAxes({"CPU=2"}), {{5}});
+  SyntheticEngine uneven;
+  uneven.threads = 2;
+  uneven.stopsAt = 24;
+  uneven.stoppingThreads = 1;
+  WriteRun(Folder() + "/run-0001", {uneven});
+  const RunValues compared = ValuesOf(Summarise(ReadRun(Folder() + "/run-0001")), sweep.settings.warmupS);
+  const double rate = compared.at({"cpu", Figure::kOperations});
+  EXPECT_GT(rate, 600);
+  EXPECT_LT(rate, 950);
+  const SweepTable table = ReadSweepTable(Folder(), sweep);
+  for (const auto& [key, value] : compared) EXPECT_DOUBLE_EQ(*MedianOf(table.points[0], key), value);
+  const auto report = nlohmann::json::parse(ReportJson(ReadRuns({Folder() + "/run-0001"})));
+  const auto& first = report.at("runs").at(0).at("after_warmup").at(0);
+  EXPECT_EQ(first.at("figure"), "ops");
+  EXPECT_DOUBLE_EQ(first.at("value"), rate);
 }
 
 TEST_F(SweepTest, ARunThatCannotBeReadIsNotedAndLeftOut) {

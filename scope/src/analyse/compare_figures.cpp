@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "engines.h"
+#include "statistics.h"
 
 namespace scope {
 namespace {
@@ -74,6 +75,11 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
     }
   }
   return figures;
+}
+
+double ValueOf(Figure figure, const std::vector<double>& seconds) {
+  const bool isSum = figure == Figure::kOperations || figure == Figure::kBandwidth;
+  return isSum ? Mean(seconds) : Median(seconds);
 }
 
 }  // namespace scope

@@ -114,10 +114,7 @@ void Judge(ComparedFigure& figure, const ErrorShares& shares, double tolerancePe
 
 RunValues ValuesOf(const RunSummary& summary, double skipS) {
   RunValues values;
-  for (const auto& [key, seconds] : FiguresOf(summary, skipS)) {
-    const bool isSum = key.figure == Figure::kOperations || key.figure == Figure::kBandwidth;
-    values[key] = isSum ? Mean(seconds) : Median(seconds);
-  }
+  for (const auto& [key, seconds] : FiguresOf(summary, skipS)) values[key] = ValueOf(key.figure, seconds);
   return values;
 }
 

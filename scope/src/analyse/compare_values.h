@@ -13,8 +13,7 @@ namespace scope {
 /// One value of a run for each of its figures.
 using RunValues = std::map<FigureKey, double>;
 
-/// Operations and bytes per second: the mean over the seconds. A median of whole operations a second would
-/// move in steps: at 20 operations/s by 5 %. Other figures: the median over the seconds.
+/// The run's values after its first `skipS` seconds. Figures without a second are absent.
 RunValues ValuesOf(const RunSummary& summary, double skipS);
 
 /// The comparison of the values of each run, without findings and notes. Printed rates of the engines

@@ -62,7 +62,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       if (sweep.settings.useMeter && run.samples.empty()) figures[kTotal] = {0};
       for (const auto& [key, seconds] : figures) {
         keys.insert(key);
-        point.values[key].push_back(Median(seconds));
+        point.values[key].push_back(ValueOf(key.figure, seconds));
         if (key.figure == Figure::kOperations) note(key.engine, Drift(seconds));
       }
       ++point.runs;

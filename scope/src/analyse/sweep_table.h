@@ -16,7 +16,7 @@ namespace scope {
 struct SweepPoint {
   SweepLevels levels;
   std::size_t runs = 0;  ///< finished runs
-  /// The median of each run's seconds, in the order of the repeats. Engines that did not work are absent.
+  /// The value of each run, in the order of the repeats. Engines that did not work are absent.
   std::map<FigureKey, std::vector<double>> values;
 };
 

@@ -13,7 +13,7 @@
 /// The JSON of the program and of its pages; scope/FORMAT.md describes it.
 namespace scope {
 
-/// The first `warmupS` of each run are left out of its medians.
+/// The first `warmupS` of each run are left out of its values.
 Json ReportData(const std::vector<ReportedRun>& runs, double warmupS);
 
 Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,

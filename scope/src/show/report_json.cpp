@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "compare.h"
-#include "compare_figures.h"
+#include "compare_values.h"
 #include "engines.h"
 #include "page_data.h"
 #include "report.h"
@@ -108,14 +108,12 @@ Json PrintedJson(const RunSummary& summary) {
 }
 
 // The same figures as in comparisons.
-Json MediansJson(const RunSummary& summary, double warmupS) {
-  Json medians = Json::array();
-  for (const auto& [key, values] : FiguresOf(summary, warmupS)) {
-    if (values.empty()) continue;
-    medians.push_back(
-        Json{{"engine", key.engine}, {"figure", KindOf(key.figure).name}, {"median", Median(values)}});
+Json AfterWarmupJson(const RunSummary& summary, double warmupS) {
+  Json json = Json::array();
+  for (const auto& [key, value] : ValuesOf(summary, warmupS)) {
+    json.push_back(Json{{"engine", key.engine}, {"figure", KindOf(key.figure).name}, {"value", value}});
   }
-  return medians;
+  return json;
 }
 
 Json CountersJson(const std::vector<CounterValue>& values) {
@@ -162,7 +160,7 @@ Json RunJson(const ReportedRun& reported, double warmupS) {
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);
-  run["medians"] = MediansJson(reported.summary, warmupS);
+  run["after_warmup"] = AfterWarmupJson(reported.summary, warmupS);
   run["counter_series"] = CountersJson(reported.run.counters);
   return run;
 }
