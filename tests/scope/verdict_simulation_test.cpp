@@ -11,7 +11,6 @@
 
 #include "compare_values.h"
 #include "experiment_plan.h"
-#include "sanitizers.h"
 #include "simulated_runs.h"
 
 namespace {
@@ -21,7 +20,7 @@ using namespace scope;  // NOLINT(google-build-using-namespace): all of it is un
 // Of each row. VERDICT_COMPARISONS sets another number, to know the shares more exactly.
 int Comparisons() {
   const char* const given = std::getenv("VERDICT_COMPARISONS");
-  return given != nullptr ? std::max(10, std::atoi(given)) : kSanitized ? 30 : 400;
+  return given != nullptr ? std::max(10, std::atoi(given)) : 400;
 }
 const int kComparisons = Comparisons();
 constexpr double kTolerancePercent = 2;
