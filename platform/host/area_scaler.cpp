@@ -6,6 +6,8 @@
 #include <cstring>
 #include <numeric>
 
+#include "stream_copy.h"
+
 namespace Ormis::host {
 
 namespace {
@@ -44,6 +46,56 @@ class Wake {
  private:
   portable::FlushLines flush_;
   const std::uint8_t* flushed_;
+};
+
+/// Writes the rows of the result. Where caches are flushed, it collects some rows and writes them past the
+/// caches: to flush a line that was changed takes several times as long.
+class ResultWriter {
+ public:
+  ResultWriter(portable::FlushLines flush, std::uint8_t* destination, std::vector<std::uint8_t>& rows,
+               std::size_t rowBytes)
+      : flush_(flush), begin_(destination), at_(destination), rows_(rows) {
+    if (flush != nullptr && rows.size() < kRowsBytes + rowBytes) rows.resize(kRowsBytes + rowBytes);
+  }
+
+  void Append(const std::uint8_t* row, std::size_t bytes) {
+    if (flush_ == nullptr) {
+      std::memcpy(at_, row, bytes);
+      at_ += bytes;
+      return;
+    }
+    std::memcpy(rows_.data() + used_, row, bytes);
+    used_ += bytes;
+    if (used_ >= kRowsBytes) Write(used_ - reinterpret_cast<std::uintptr_t>(at_ + used_) % kVectorBytes);
+  }
+
+  void End() {
+    if (flush_ == nullptr) return;
+    Write(used_);
+    // The first and the last line are shared with other memory, so they were written through the caches.
+    flush_(begin_, 1);
+    flush_(at_ - 1, 1);
+  }
+
+ private:
+  static constexpr std::size_t kRowsBytes = 16384;
+
+  /// `bytes` ends at the end of a line, except in End.
+  void Write(std::size_t bytes) {
+    portable::CopyRoutines().back().copy(at_, rows_.data(), bytes, nullptr);
+#if !defined(__x86_64__)
+    flush_(at_, bytes);  // that the stores pass the caches is only a hint
+#endif
+    at_ += bytes;
+    used_ -= bytes;
+    std::memmove(rows_.data(), rows_.data() + bytes, used_);
+  }
+
+  portable::FlushLines flush_;
+  std::uint8_t* begin_;
+  std::uint8_t* at_;
+  std::vector<std::uint8_t>& rows_;
+  std::size_t used_ = 0;
 };
 
 }  // namespace
@@ -130,9 +182,8 @@ void AreaScaler::ScaleRows(const Job& job, Rows rows) {
   const std::size_t length = std::size_t{job.from.width} * job.from.channels;
   const std::size_t resultLength = std::size_t{job.to.width} * job.to.channels;
   if (result_.size() < resultLength + kResultBeyond) result_.resize(resultLength + kResultBeyond);
-  std::uint8_t* destination = job.destination;
   Wake behindSource(job.flush, job.source);
-  Wake behindResult(job.flush, destination);
+  ResultWriter writer(job.flush, job.destination, rows_, resultLength);
   Span span = SpanAt(job.rows, 0);
   bool repeated = false;
   for (std::uint32_t y = 0; y < job.to.height; ++y) {
@@ -145,18 +196,16 @@ void AreaScaler::ScaleRows(const Job& job, Rows rows) {
       }
       rows.Finish(result_.data());
     }
-    std::memcpy(destination, result_.data(), resultLength);
-    destination += resultLength;
+    writer.Append(result_.data(), resultLength);
     const Span below = SpanAt(job.rows, y + 1);
     // Both rows lie within one source row, so they are equal. To compute each of them would take minutes
     // where a long source row is enlarged to a high image.
     repeated = span.first == span.last && below.first == below.last && span.first == below.first;
     span = below;
     behindSource.MoveTo(job.source + std::min(span.first, job.from.height) * length);
-    behindResult.MoveTo(destination);
   }
   behindSource.End(job.source + job.from.height * length);
-  behindResult.End(destination);
+  writer.End();
 }
 
 /// The weight of the source pixel `index` in a pixel of the result.

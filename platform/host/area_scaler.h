@@ -24,8 +24,8 @@ class AreaScaler {
   explicit AreaScaler(const AreaKernel* kernel = &AreaKernels().back()) : kernel_(kernel) {}
 
   /// `from` and `to` have the same number of channels, 1 to 4, and sides of 1 to kMaxSide. The planes must
-  /// not overlap. Where `flush` is not null, it is called for every cache line of both planes that nothing
-  /// will touch any more; portable::EndFlush is left to the caller. Throws std::bad_alloc.
+  /// not overlap. Where `flush` is not null, no line of both planes is in a cache at the end, after
+  /// portable::EndFlush, which is left to the caller. Throws std::bad_alloc.
   void Scale(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
              std::uint8_t* destination, portable::FlushLines flush);
 
@@ -79,6 +79,7 @@ class AreaScaler {
   std::vector<std::uint16_t> narrowSums_;
   std::vector<std::uint32_t> wideSums_;
   std::vector<std::uint8_t> result_;  ///< a row
+  std::vector<std::uint8_t> rows_;    ///< rows of the result that are not yet written
 };
 
 }  // namespace Ormis::host
