@@ -62,8 +62,8 @@ class CountersTest : public ::testing::Test {
   }
 
   // A memory controller of an x86 server.
-  void PutImc() {
-    const std::string unit = "sys/bus/event_source/devices/uncore_imc_0";
+  void PutImc(const std::string& name = "uncore_imc_0") {
+    const std::string unit = "sys/bus/event_source/devices/" + name;
     tree_.Put(unit + "/type", "14\n");
     tree_.Put(unit + "/cpumask", "8,24\n");
     tree_.Put(unit + "/format/event", "config:0-7\n");
@@ -133,6 +133,18 @@ TEST_F(CountersTest, AnEventWhoseScaleIsNotUnderstoodIsNotCounted) {
   const auto counters = Find();
   EXPECT_THAT(perf_.opened, IsEmpty());
   EXPECT_THAT(SourceOf(*counters, "perf").reason, HasSubstr("cas_count_read.scale contains \"64B\""));
+}
+
+TEST_F(CountersTest, FindsTheMemoryUnitsOfEachKindOfProcessor) {
+  for (const char* const unit : {"uncore_imc_free_running_0", "amd_umc_0", "amd_df", "arm_cmn_0", "arm_dsu_0",
+                                 "arm_dmc_0", "dmc620_10008c000", "imx8_ddr0", "imx9_ddr0"}) {
+    PutImc(unit);
+    const auto counters = Find();
+    EXPECT_TRUE(SourceOf(*counters, "perf").present) << unit;
+    std::filesystem::remove_all(tree_ / "sys/bus/event_source/devices");
+  }
+  PutImc("uncore_cha_0");
+  EXPECT_FALSE(SourceOf(*Find(), "perf").present) << "it counts no memory";
 }
 
 TEST_F(CountersTest, OpensTheReadsAndWritesOfAMemoryController) {

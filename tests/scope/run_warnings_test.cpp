@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "made_run.h"
 
 namespace {
@@ -220,6 +222,11 @@ TEST(DriftAtEnd, IsNoneInNoiseInAStepAndInTooFew) {
   EXPECT_DOUBLE_EQ(DriftAtEnd(early), 0) << "it had settled";
   EXPECT_DOUBLE_EQ(DriftAtEnd({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}), 0);
   EXPECT_DOUBLE_EQ(DriftAtEnd({}), 0);
+  std::vector<double> rising(14);
+  std::iota(rising.begin(), rising.end(), 100);
+  EXPECT_DOUBLE_EQ(DriftAtEnd(rising), 0) << "seven values in the second half";
+  rising.insert(rising.end(), {114, 115});
+  EXPECT_GT(DriftAtEnd(rising), 0.05) << "eight of them";
 }
 
 TEST(Drift, IsReportedAboveTwoPercent) {
