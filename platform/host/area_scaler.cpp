@@ -247,8 +247,8 @@ bool AreaScaler::PrepareKernel(const Job& job) {
     const Span span = SpanAt(job.columns, x);
     columns_.first[x] = span.first * channels;
     for (std::uint32_t pair = 0; pair < columns_.pairs; ++pair) {
-      std::int16_t* const at =
-          columns_.weights.data() + (std::size_t{x} / 2 * columns_.pairs + pair) * 16 + x % 2 * 8;
+      std::int16_t* const at = columns_.weights.data() + (std::size_t{x} / 2 * columns_.pairs + pair) * 16 +
+                               std::size_t{x} % 2 * 8;
       for (std::uint32_t i = 0; i < 8; ++i)
         at[i] = WeightAt(span, span.first + 2 * pair + i % 2, job.columns);
     }

@@ -18,6 +18,20 @@ bool HoldsSides(const host::Image& image) {
   return image.width <= host::AreaScaler::kMaxSide && image.height <= host::AreaScaler::kMaxSide;
 }
 
+void ScaleAllPlanes(host::AreaScaler& scaler, const host::Image& from, const host::Image& to) {
+  const portable::FlushLines flush = portable::CurrentFlush();
+  const std::uint8_t* sourcePlane = from.pixels.get();
+  std::uint8_t* destinationPlane = to.pixels.get();
+  for (std::uint32_t i = 0; i < from.shape.planeCount; ++i) {
+    const host::PlaneShape& sourceShape = from.shape.planes[i];
+    const host::PlaneShape& destinationShape = to.shape.planes[i];
+    scaler.Scale(sourceShape, sourcePlane, destinationShape, destinationPlane, flush);
+    sourcePlane += sourceShape.Bytes();
+    destinationPlane += destinationShape.Bytes();
+  }
+  if (flush != nullptr) portable::EndFlush();
+}
+
 }  // namespace
 
 std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
@@ -63,17 +77,7 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
     }
 
     const std::lock_guard<std::mutex> lock(unit->mutex);
-    const portable::FlushLines flush = portable::CurrentFlush();
-    const std::uint8_t* sourcePlane = from->pixels.get();
-    std::uint8_t* destinationPlane = to->pixels.get();
-    for (std::uint32_t i = 0; i < from->shape.planeCount; ++i) {
-      const host::PlaneShape& sourceShape = from->shape.planes[i];
-      const host::PlaneShape& destinationShape = to->shape.planes[i];
-      unit->scaler.Scale(sourceShape, sourcePlane, destinationShape, destinationPlane, flush);
-      sourcePlane += sourceShape.Bytes();
-      destinationPlane += destinationShape.Bytes();
-    }
-    if (flush != nullptr) portable::EndFlush();
+    ScaleAllPlanes(unit->scaler, *from, *to);
     return kQetOk;
   });
 }

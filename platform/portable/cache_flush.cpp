@@ -18,20 +18,24 @@ void FlushNothing(const void*, std::size_t) {}
 
 #if defined(__x86_64__)
 
-constexpr std::uintptr_t kFlushedBytes = 64;  // a cache line
+constexpr std::size_t kFlushedBytes = 64;  // a cache line
+
+const unsigned char* LineOf(const void* memory) {
+  return static_cast<const unsigned char*>(memory) - reinterpret_cast<std::uintptr_t>(memory) % kFlushedBytes;
+}
 
 // Each waits for the one before.
 void FlushInTurn(const void* memory, std::size_t bytes) {
-  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
-  for (std::uintptr_t at = begin / kFlushedBytes * kFlushedBytes; at < begin + bytes; at += kFlushedBytes) {
-    __builtin_ia32_clflush(reinterpret_cast<const void*>(at));
+  const unsigned char* const end = static_cast<const unsigned char*>(memory) + bytes;
+  for (const unsigned char* line = LineOf(memory); line < end; line += kFlushedBytes) {
+    __builtin_ia32_clflush(line);
   }
 }
 
 [[gnu::target("clflushopt")]] void FlushSideBySide(const void* memory, std::size_t bytes) {
-  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
-  for (std::uintptr_t at = begin / kFlushedBytes * kFlushedBytes; at < begin + bytes; at += kFlushedBytes) {
-    __builtin_ia32_clflushopt(reinterpret_cast<const void*>(at));
+  const unsigned char* const end = static_cast<const unsigned char*>(memory) + bytes;
+  for (const unsigned char* line = LineOf(memory); line < end; line += kFlushedBytes) {
+    __builtin_ia32_clflushopt(line);
   }
 }
 
