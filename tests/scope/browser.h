@@ -92,10 +92,9 @@ class BrowserTest : public ::testing::Test {
   // Opens `page`. The screenshot, `width` and `height` pixels large, stays in the build folder.
   Visit Open(const std::string& page, const std::string& name, int width, int height,
              bool dark = false) const {
-    const std::string screenshot = std::string(SCREENSHOTS) + "/" + name + ".png";
+    const std::string screenshot = folder_ / (name + ".png");
     const std::string netLog = folder_ / "net.json";
     std::filesystem::create_directories(SCREENSHOTS);
-    std::filesystem::remove(screenshot);
     std::filesystem::remove(netLog);
     std::vector<std::string> flags = Flags();
     flags.insert(flags.end(), {"--log-net-log=" + netLog, "--enable-logging=stderr", "--hide-scrollbars",
@@ -105,6 +104,7 @@ class BrowserTest : public ::testing::Test {
     const ToolResult result = RunProgram(CHROMIUM, flags);
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_TRUE(std::filesystem::exists(screenshot)) << result.errors;
+    Keep(screenshot, name + ".png");
     Visit visit;
     visit.dom = result.output;
     std::istringstream lines(result.errors);
@@ -119,6 +119,15 @@ class BrowserTest : public ::testing::Test {
       visit.page = nlohmann::json::parse(result.output.substr(from, result.output.find('<', from) - from));
     }
     return visit;
+  }
+
+  // Puts a picture into the build folder. Tests that run at the same time may give the same name.
+  static void Keep(const std::string& picture, const std::string& name) {
+    if (!std::filesystem::exists(picture)) return;
+    const std::string kept = std::string(SCREENSHOTS) + "/" + name;
+    const std::string own = kept + "." + std::to_string(getpid());
+    std::filesystem::copy_file(picture, own, std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::rename(own, kept);
   }
 
   // Prints `page` into the build folder. Returns the PDF.

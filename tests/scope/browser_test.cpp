@@ -184,7 +184,7 @@ TEST_F(ReportInBrowser, AFailedEngineSaysSoInsteadOfEmptyAxes) {
 TEST_F(ReportInBrowser, ShowsTheSourcesOfCountersOfAllRunsInOneTable) {
   scope::Run other = made_run::Run();
   other.info.counters = {{"thermal", false, "no zone"}, {"edac", true, ""}};
-  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  const Visit visit = Open(made_run::Run(), other, "report_counters_of_two", 6200);
   EXPECT_THAT(visit.Row("counters", {"Source"}), ElementsAre("Source", "A: run", "B: other"));
   EXPECT_THAT(visit.Row("counters", {"thermal"}), ElementsAre("thermal", "recorded", "absent: no zone"));
   EXPECT_THAT(visit.Row("counters", {"resctrl"}),
