@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "diagnostics.h"
 #include "ormis/qet_context.h"
@@ -100,14 +101,15 @@ std::int32_t QetInitialize(QetContext& context, const QetContextParameters& para
       return QET_FAIL("QetInitialize", kQetInvalidArgument,
                       "no device " << parameters.deviceId << ", expected 0");
     }
+    // What may throw comes before the platform counts as initialised.
+    const std::string effect = from + ":" + host::SettingsText(settings);
     if (host::initialized.exchange(true)) {
       return QET_FAIL("QetInitialize", kQetAlreadyInitialized, "the platform is initialised already");
     }
-    host::UseSettings(settings);
+    host::UseSettings(std::move(settings));
     context.id = host::NextId();
     host::processContextId = context.id;
-    host::Log().LogInfo({__FILE__, "QetInitialize", __LINE__})
-        << "QetInitialize: settings: " << from << ":" << host::SettingsText(settings);
+    host::Log().LogInfo({__FILE__, "QetInitialize", __LINE__}) << "QetInitialize: settings: " << effect;
     return kQetOk;
   });
 }

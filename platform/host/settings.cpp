@@ -2,6 +2,7 @@
 #include "settings.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <yaml.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "cache_flush.h"
 
@@ -144,6 +146,9 @@ std::string ReadSettings(const std::string& path, Settings& settings) {
   struct Close {
     void operator()(std::FILE* file) const { (void)std::fclose(file); }
   };
+  // A pipe would wait for somebody who writes to it, and a device may never end.
+  struct stat status{};
+  if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path + ": not a regular file";
   const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
   if (file == nullptr) return "cannot read " + path + ": " + std::generic_category().message(errno);
   try {
@@ -165,9 +170,9 @@ const Settings& CurrentSettings() {
   return inUse;
 }
 
-void UseSettings(const Settings& settings) {
-  inUse = settings;
-  portable::FlushCaches(settings.flushCaches);
+void UseSettings(Settings&& settings) noexcept {
+  inUse = std::move(settings);
+  portable::FlushCaches(inUse.flushCaches);
 }
 
 std::string PathBesideLibrary(const std::string& file) {

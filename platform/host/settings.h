@@ -26,7 +26,7 @@ std::string SettingsText(const Settings& settings);
 const Settings& CurrentSettings();
 
 /// Puts the settings into effect. Called by QetInitialize, before any worker exists.
-void UseSettings(const Settings& settings);
+void UseSettings(Settings&& settings) noexcept;
 
 /// The path of a file in the folder of this library, which is where the platform's own files are.
 std::string PathBesideLibrary(const std::string& file);

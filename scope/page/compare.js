@@ -110,6 +110,7 @@ function runsSection(data, engines, totals) {
 
 function showComparison(data) {
   const {report} = data;
+  numberWarnings(report.runs);
   const engines = report.engines.filter((engine) => engine.load);
   const charts = new Charts(report, engines);
   const totals = charts.totals();

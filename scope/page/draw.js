@@ -197,6 +197,6 @@ function chartFigures(charts, about) {
     const canvas = el('canvas', {id: chart.id, role: 'img', 'aria-label': words});
     return [el('figcaption', {class: kind === 'plot strip' && 'minor'}, chart.title), el('div', {class: kind}, canvas)];
   };
-  return el('div', {class: 'charts'}, charts.map((chart) => el('figure', {class: chart.broad && 'broad'},
+  return el('div', {class: 'charts'}, charts.map((chart) => el('figure', {class: Boolean(chart.broad) && 'broad'},
       captioned(chart, 'plot'), ...(chart.beneath ?? []).map((strip) => captioned(strip, 'plot strip')))));
 }

@@ -67,9 +67,10 @@ function curveCharts(sweep, engines) {
     points: sweep.points.flatMap((point) => runsAt(point, line.name).map((y) => ({x: point.levels[axis], y}))),
   }));
   if (lines.length === 0) return [];
+  const beside = levels.length === 1 ? 1 : 0; // an axis needs a length
   const marks = sweep.saturation?.reached ? [{x: sweep.saturation.lowest[axis], text: 'saturates'}] : [];
   return [{id: 'curve', title: `Bandwidth over the level of ${axis}`, broad: true, marks,
-    x: {title: `Level of ${axis} (threads)`, min: levels[0], max: levels[levels.length - 1], whole: true},
+    x: {title: `Level of ${axis} (threads)`, min: levels[0] - beside, max: levels[levels.length - 1] + beside, whole: true},
     y: {title: 'Bandwidth (GB/s)'}, series: [...lines, ...dots]}];
 }
 

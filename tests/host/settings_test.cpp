@@ -163,8 +163,11 @@ TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
                 "cannot read " + parameters.configuration + ": No such file or directory",
                 [&] { return QetInitialize(context, parameters); });
   parameters.configuration = folder_;
-  ExpectFailure(kQetInvalidArgument, "QetInitialize",
-                "cannot read " + parameters.configuration + ": Is a directory",
+  ExpectFailure(kQetInvalidArgument, "QetInitialize", parameters.configuration + ": not a regular file",
+                [&] { return QetInitialize(context, parameters); });
+  parameters.configuration = folder_ / "pipe";
+  ASSERT_EQ(mkfifo(parameters.configuration.c_str(), 0600), 0);
+  ExpectFailure(kQetInvalidArgument, "QetInitialize", parameters.configuration + ": not a regular file",
                 [&] { return QetInitialize(context, parameters); });
 }
 

@@ -409,7 +409,12 @@ TEST_F(CompareTest, EachConditionThatDiffersIsNamedWithBothValues) {
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.platformSettings = {{"memory", "cached"}}; }),
             "platform_settings: memory device, flush clflushopt | memory cached");
   EXPECT_EQ(different([](RunInfo& info) { info.conditions.encoderEngines = {{"0", "h264_nvenc"}}; }),
-            "encoder_engines: 0 libx264, 1 libx264 | 0 h264_nvenc");
+            "encoder_engines: libx264 | h264_nvenc");
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.encoderEngines = {{"0", "libx264"}}; }),
+            "0 differences")
+      << "another level has other channels";
+  EXPECT_EQ(different([](RunInfo& info) { info.conditions.encoderEngines.clear(); }), "0 differences")
+      << "without a channel there is no engine";
   EXPECT_EQ(different([](RunInfo& info) { info.config.levels = {{"cpu", 2}, {"vpc", 0}}; }),
             "levels: cpu=1 | cpu=2, vpc=0");
   EXPECT_EQ(different([](RunInfo& info) { info.config.text += "# a word more\n"; }), "0 differences");

@@ -15,6 +15,8 @@ constexpr const char* kComplete = "complete";
 constexpr const char* kMeter = "meter";
 constexpr const char* kLibraries = "library_versions";
 constexpr const char* kSettings = "config";
+constexpr const char* kPlatform = "platform_settings";
+constexpr const char* kEncoders = "encoder_engines";
 
 // A value of the configuration, or "unset".
 std::string SettingOf(const Run& run, const std::string& name) {
@@ -24,9 +26,21 @@ std::string SettingOf(const Run& run, const std::string& name) {
   return name + "=" + (at == settings.end() ? "unset" : at->second);
 }
 
-// What a run learns when the meter answers. One that broke off before that does not know it.
+// What a run learns while it goes. One that broke off before that does not know it, and one without a channel
+// has no engine of the encoder.
 bool IsUnknown(const Run& run, const std::string& name) {
-  return (name == kMeter || name == kLibraries) && !run.info.complete && !run.info.conditions.meter;
+  const Conditions& known = run.info.conditions;
+  if (name == kEncoders) return known.encoderEngines.empty();
+  if (run.info.complete) return false;
+  return name == kPlatform ? known.platformSettings.empty()
+                           : (name == kMeter || name == kLibraries) && !known.meter;
+}
+
+// Without the channels: a higher level has more of them.
+std::string EncodersOf(const Run& run) {
+  std::set<std::string> engines;
+  for (const auto& [channel, engine] : run.info.conditions.encoderEngines) engines.insert(engine);
+  return Joined(engines, ", ");
 }
 
 // Adds a difference unless all runs that know it have the same `text`. Incomplete runs differ from each
@@ -76,6 +90,7 @@ std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, 
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!rows[i].key.mustAgree) continue;
     const auto text = [&](const Run& run) {
+      if (rows[i].key.name == std::string(kEncoders)) return EncodersOf(run);
       const std::string& value = texts.at(&run)[i].text;
       return value.empty() ? std::string("unknown") : value;
     };

@@ -130,6 +130,7 @@ Comparison CompareValues(const std::vector<RunValues>& a, const std::vector<RunV
   const auto parts = static_cast<double>(std::max<std::size_t>(judged.size(), 1));
   const ErrorShares shares = {(1 - options.confidence) / (parts * options.looks), kMissShare};
   comparison.figureConfidence = 1 - shares.error;
+  bool canTell = true;
   for (const FigureKey& key : keys) {
     ComparedFigure figure;
     figure.key = key;
@@ -149,12 +150,16 @@ Comparison CompareValues(const std::vector<RunValues>& a, const std::vector<RunV
       figure.repeats.reset();
     } else if (figure.repeats) {
       comparison.repeats = std::max(comparison.repeats.value_or(0), *figure.repeats);
+    } else {
+      canTell = canTell && figure.verdict != Verdict::kCannotTell;
     }
     if (key.figure == Figure::kPrinted && printedTooCoarsely.count(key.engine) != 0) {
       figure.note = "operations of less than 1 ms count as no time";
     }
     comparison.figures.push_back(std::move(figure));
   }
+  // No number of runs makes a figure clear that no number makes clear.
+  if (!canTell) comparison.repeats.reset();
   comparison.answer = AnswerOf(comparison);
   return comparison;
 }

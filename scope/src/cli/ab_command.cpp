@@ -128,15 +128,15 @@ class Runner {
       }
       hasFailedB = hasFailedB || run.state == SweepState::kFailed;
       // A pair that begins with B gets its A first: a B without an A cannot be judged.
-      if (i % 2 == 1 && hasFailedB) return Compare();
+      if (i % 2 == 1 && hasFailedB) return Compare(i + 1);
       const std::size_t repeats = (i + 1) / 2;
       const bool isLook = i % 2 == 1 && std::count(looks_.begin(), looks_.end(), repeats) != 0;
       if (!isLook) continue;
-      Comparison comparison = Compare();
+      Comparison comparison = Compare(i + 1);
       if (IsClear(comparison.answer) || i + 1 == experiment_.runs.size()) return comparison;
       if (text_) Print("after " + Counted(repeats, "run") + " of each: not clear yet\n");
     }
-    return Compare();
+    return Compare(experiment_.runs.size());
   }
 
   Side SideOf(bool isB) const { return ReadExperimentSide(folder_, experiment_, isB); }
@@ -183,7 +183,14 @@ class Runner {
     return !isStopped;
   }
 
-  Comparison Compare() const { return scope::Compare(SideOf(false), SideOf(true), options_); }
+  // Of the first `count` runs. In a continued experiment later ones may be recorded already: a look at them
+  // would be one that was not planned.
+  Comparison Compare(std::size_t count) const {
+    Experiment part = experiment_;
+    part.runs.resize(count);
+    return scope::Compare(ReadExperimentSide(folder_, part, false), ReadExperimentSide(folder_, part, true),
+                          options_);
+  }
 
   std::string folder_;
   Experiment& experiment_;

@@ -57,7 +57,8 @@ std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const st
 
 void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named) {
   for (const auto& [what, text] : named) {
-    if (!text.empty()) std::cout << file << " names the " << what << ": " << Printable(text) << std::endl;
+    if (!text.empty())
+      std::cout << Printable(file) << " names the " << what << ": " << Printable(text) << std::endl;
   }
 }
 

@@ -2,6 +2,7 @@
 #include "setting_switch.h"
 
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,6 +61,8 @@ bool RunSwitch(const std::string& command, bool show, Signals& signals) {
 }
 
 bool AskForSwitch(const std::string& name, Signals& signals) {
+  // A line that was typed during a run is no answer.
+  (void)tcflush(STDIN_FILENO, TCIFLUSH);
   std::cerr << "Make setting " << name << " and press Enter: " << std::flush;
   while (true) {
     pollfd waits[] = {{STDIN_FILENO, POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
