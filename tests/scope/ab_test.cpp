@@ -17,6 +17,7 @@
 #include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
+#include "synthetic_run.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -303,6 +304,28 @@ TEST_F(AbTest, ASignalEndsItsCommandAndItCanBeContinued) {
   const ToolResult resumed = RunTool({"ab", "--resume", Folder()});
   EXPECT_EQ(resumed.status, 1) << resumed.errors;
   EXPECT_THAT(resumed.output, HasSubstr("B is worse than A: cpu printed -9.71 %"));
+}
+
+// Four pairs show that B is worse, two later ones hide it. A look at all of them was not planned.
+TEST_F(AbTest, AContinuedExperimentLooksAtWhatWasRecordedUntilThen) {
+  Experiment experiment;
+  experiment.settings.commandA = "true";
+  experiment.settings.commandB = "true";
+  experiment.settings.mostRuns = 12;
+  experiment.runs = PlanExperiment(experiment.settings);
+  for (std::size_t i = 0; i < experiment.runs.size(); ++i) {
+    ExperimentRun& run = experiment.runs[i];
+    const double share = !run.isB ? 1 : i / 2 < 4 ? 0.5 : 2;
+    SyntheticEngine cpu;
+    cpu.operationsPerS = share * static_cast<double>(500 + i);
+    WriteRun(Folder() + "/" + run.folder, {cpu});
+    run.state = SweepState::kDone;
+  }
+  (void)folder_.Put("ab/config.yaml", "CPU:\n  Level: 1\n");
+  WriteExperiment(Folder(), experiment);
+  const ToolResult result = RunTool({"ab", "--resume", Folder()});
+  EXPECT_EQ(result.status, 1) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("B is worse than A: cpu ops -"));
 }
 
 TEST_F(AbTest, OutputOfACommandIsShownUnlessQuiet) {
