@@ -65,6 +65,10 @@ void Frame::Next() {
   Paint(pixels_, row_, kStep, 220);
 }
 
+void Frame::ChangeAll() {
+  for (std::uint8_t& value : pixels_) value = static_cast<std::uint8_t>(value + 100);
+}
+
 void EncodeOne(Ormis::QetVenc& encoder, Frame& frame) {
   RequireOk(encoder.SendFrame(frame.Record()), "SendFrame");
   ux_venc_stream stream{};

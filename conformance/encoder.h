@@ -18,6 +18,9 @@ class Frame {
 
   /// Changes the picture a little, like the next picture of a film.
   void Next();
+
+  /// Adds 100 to every byte of the picture, modulo 256.
+  void ChangeAll();
   const Ormis::ImageData& Record() const { return record_; }
 
  private:

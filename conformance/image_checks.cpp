@@ -103,6 +103,25 @@ void CopyOfPixels(Session& session) {
   RequirePattern(source.record, bytes, 4, "the source of a copy");
 }
 
+void CopySeenByResize(Session& session) {
+  constexpr std::uint32_t kWidth = 640;
+  constexpr std::uint32_t kHeight = 360;
+  const Device device;
+  const Channel channel(0);
+  const Picture picture(kWidth, kHeight);
+  Image from(kWidth, kHeight);
+  Image source(kWidth, kHeight);
+  const Image destination(kWidth / 2, kHeight / 2);
+  for (const Picture& next : {picture, picture.Inverted()}) {
+    next.PutInto(from.record, session.settings);
+    RequireOk(Ormis::QetMemcpyToKivu(from.record, source.record), "QetMemcpyToKivu");
+    RequireOk(Ormis::QetImageResize(channel.Number(), source.record, destination.record,
+                                    Ormis::kQetInterpolationArea, -1),
+              "QetImageResize of an image that was copied from another");
+    next.RequireScaled(destination.record, session.settings);
+  }
+}
+
 }  // namespace
 
 std::vector<Check> ImageChecks() {
@@ -121,6 +140,8 @@ std::vector<Check> ImageChecks() {
        CopyOfTheSameRecord},
       {"copy.copies-pixels",
        "QetMemcpyToKivu puts the source's pixels into the destination and leaves the source", CopyOfPixels},
+      {"copy.seen-by-resize", "QetImageResize shows what the last QetMemcpyToKivu put into its source",
+       CopySeenByResize},
   };
 }
 

@@ -158,6 +158,12 @@ Picture::Picture(std::uint32_t width, std::uint32_t height)
   }
 }
 
+Picture Picture::Inverted() const {
+  Picture inverted = *this;
+  for (std::uint8_t& value : inverted.pixels_) value = static_cast<std::uint8_t>(255 - value);
+  return inverted;
+}
+
 void Picture::PutInto(Ormis::ImageData& image, const Settings& settings) const {
   const std::size_t rowBytes = RowBytes(width_, settings);
   for (std::uint32_t y = 0; y < height_; ++y) {

@@ -20,6 +20,9 @@ class Picture {
  public:
   Picture(std::uint32_t width, std::uint32_t height);
 
+  /// The picture in which every value is 255 less this one's.
+  Picture Inverted() const;
+
   /// Writes the picture into the platform's memory of `image`, which has the same size, and copies the image
   /// onto itself as the resize worker does.
   void PutInto(Ormis::ImageData& image, const Settings& settings) const;

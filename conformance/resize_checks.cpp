@@ -82,6 +82,27 @@ void AgainAndAgain(Session& session) {
   }
 }
 
+// A device that keeps the source, or its result, from one call to the next shows the picture before.
+void RewrittenSource(Session& session) {
+  constexpr int kTimes = 4;
+  const Device device;
+  const Channel channel(0);
+  const Picture picture(640, 360);
+  const Picture inverted = picture.Inverted();
+  Image source(640, 360);
+  const Image destination(320, 180);
+  for (int time = 0; time < kTimes; ++time) {
+    const Picture& next = time % 2 == 0 ? picture : inverted;
+    next.PutInto(source.record, session.settings);
+    RequireOk(Resize(channel, source, destination), "QetImageResize");
+    try {
+      next.RequireScaled(destination.record, session.settings);
+    } catch (const Failure& failure) {
+      throw Failure("picture " + std::to_string(time + 1) + " in one source: " + failure.what());
+    }
+  }
+}
+
 // A worker without a context goes on. Its first resize must fail, so that the worker ends.
 void FailsWithoutImages(Session&) {
   const Platform platform;
@@ -119,6 +140,11 @@ std::vector<Check> ResizeChecks() {
       {"resize.again-and-again",
        "QetImageResize of the same images gives the same picture every time and leaves the source as it is",
        AgainAndAgain},
+      {"resize.rewritten-source",
+       "QetImageResize shows the picture that the source holds at the call, also after the source was "
+       "rewritten "
+       "and copied onto itself between two calls",
+       RewrittenSource},
       {"resize.fails-without-images",
        "QetImageResize of records without memory returns a status other than 0, with and without a context",
        FailsWithoutImages},

@@ -17,11 +17,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "link_names.h"
 #include "ormis/ormis.h"
@@ -184,12 +186,61 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
   return status;
 }
 
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// What a device keeps of memory that it has read, for each reader.
+class Cache {
+ public:
+  /// The bytes that are kept of the memory at `data`. The first call keeps those that are there.
+  Bytes Kept(const void* reader, const std::uint8_t* data, std::size_t bytes) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return kept_[reader].try_emplace(data, data, data + bytes).first->second;
+  }
+
+  void Forget(const void* reader) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    kept_.erase(reader);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<const void*, std::map<const std::uint8_t*, Bytes>> kept_;
+};
+
+constexpr std::size_t kStaleBytes = 4096;  // of a mutant that reads only the end from its cache
+
+Cache sources;  // the reader is the image
+Cache results;
+Cache frames;  // the reader is the encoder
+
+std::size_t BytesOf(const ImageData& image) {
+  return std::size_t{image.width} * image.height * 3;
+}
+
+/// Lets `resize` read the last `stale` bytes of the source as they were at the first call.
+template <typename Resize>
+std::int32_t ResizeStale(std::size_t stale, const ImageData& source, const Resize& resize) {
+  std::uint8_t* const at = source.data + BytesOf(source) - stale;
+  const Bytes kept = sources.Kept(source.data, at, stale);
+  const Bytes present(at, at + stale);
+  std::memcpy(at, kept.data(), stale);
+  const std::int32_t status = resize();
+  std::memcpy(at, present.data(), stale);
+  return status;
+}
+
+}  // namespace
+
 std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
   static auto* const sound = Sound<decltype(QetMemcpyToKivu)>(LINK_QET_MEMCPY_TO_KIVU);
   const bool same = &source == &destination;
   if (Is("copy_same_record_refused") && same && source.width == 640) return kRefused;
   if (Is("copy_same_record_clears") && same) std::memset(destination.data, 0, destination.dataSize);
   if (Is("copy_does_nothing") && !same) return 0;
+  if (Is(same ? "copy_leaves_stale_cache" : "copy_same_record_leaves_stale_cache"))
+    sources.Forget(destination.data);
   return sound(source, destination);
 }
 
@@ -246,6 +297,12 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
     --inside;
     if (!alone) return kRefused;
   }
+  const bool stale = Is("resize_reads_stale_source") || Is("copy_leaves_stale_cache") ||
+                     Is("copy_same_record_leaves_stale_cache");
+  if ((stale || Is("resize_reads_stale_end")) && source.data != nullptr) {
+    return ResizeStale(stale ? BytesOf(source) : kStaleBytes, source,
+                       [&] { return sound(channel, source, destination, interpolation, timeoutMs); });
+  }
   static std::atomic<bool> first{true};
   if (Is("resize_late") && source.data != nullptr && destination.data != nullptr && first.exchange(false)) {
     // A copy: the caller's records are gone when this runs.
@@ -284,12 +341,18 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
       std::swap(destination.data[at], destination.data[at + 2]);
     }
   }
+  if (Is("resize_gives_first_result")) {
+    const Bytes kept = results.Kept(source.data, destination.data, BytesOf(destination));
+    std::memcpy(destination.data, kept.data(), kept.size());
+  }
   if (Is("resize_spoils_source") && source.width == 640 && source.height == 360) ++source.data[1000];
   return status;
 }
 
 std::int32_t QetImageDestroy(ImageData& image) {
   static auto* const sound = Sound<decltype(QetImageDestroy)>(LINK_QET_IMAGE_DESTROY);
+  sources.Forget(image.data);
+  results.Forget(image.data);
   const std::int32_t status = sound(image);
   return Is("image_destroy_status") ? kRefused : status;
 }
@@ -325,7 +388,17 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   static auto* const sound = Sound<std::int32_t(QetVenc*, const ImageData&)>(LINK_QET_VENC_SEND_FRAME);
   if (Is("encoder_sends_without_init") && encoderId == 0) return 0;
   if (Is("encoder_sends_only_once") && gopSize == 0) return kRefused;
-  const std::int32_t status = sound(this, frame);
+  ImageData sent = frame;
+  Bytes pixels;
+  if (Is("encoder_reads_stale_frame")) pixels = frames.Kept(this, frame.data, frame.dataSize);
+  if (Is("encoder_reads_stale_end")) {
+    const std::size_t fresh = frame.dataSize - kStaleBytes;
+    pixels.assign(frame.data, frame.data + fresh);
+    const Bytes kept = frames.Kept(this, frame.data + fresh, kStaleBytes);
+    pixels.insert(pixels.end(), kept.begin(), kept.end());
+  }
+  if (!pixels.empty()) sent.data = pixels.data();
+  const std::int32_t status = sound(this, sent);
   if (Is("encoder_sends_only_once")) gopSize = 0;
   const std::lock_guard<std::mutex> lock(holdingMutex);
   waiting.insert(this);
@@ -372,6 +445,7 @@ void EndEncoder(QetVenc* encoder) {
     const std::lock_guard<std::mutex> lock(holdingMutex);
     holding.erase(encoder);
   }
+  frames.Forget(encoder);
   sound(encoder);
 }
 
