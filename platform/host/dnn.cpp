@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <malloc.h>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,6 +23,32 @@ struct Model {
 };
 
 Table<std::uint64_t, Model> models;
+
+/// One load of a model, from its trial to its end. Loading takes and frees more memory than the weights have,
+/// and the C library would keep it. The last load that is in progress gives it back: that disturbs all
+/// threads, and the workers that have loaded before are measured already.
+class LoadInProgress {
+ public:
+  LoadInProgress() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++count_;
+  }
+  ~LoadInProgress() {
+    // Also keeps a second call out: under a preloaded allocator the first call sets up the C library's own
+    // allocator, and two at once break that.
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (--count_ != 0) return;
+#ifdef __GLIBC__
+    (void)malloc_trim(0);
+#endif
+  }
+  LoadInProgress(const LoadInProgress&) = delete;
+  LoadInProgress& operator=(const LoadInProgress&) = delete;
+
+ private:
+  inline static std::mutex mutex_;
+  inline static int count_ = 0;
+};
 
 /// Returns the handle's model. Otherwise logs why there is none, sets `status` and returns null.
 std::shared_ptr<Model> RequireModel(const char* operation, const QetDNNHandle& handle, std::int32_t& status) {
@@ -136,6 +164,7 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
       return QET_FAIL(kOperation, kQetAlreadyInitialized,
                       "the handle holds model " << handle.modelPath << " already, expected an empty one");
     }
+    const host::LoadInProgress load;
     const host::TrialResult trial = host::TryModel(path);
     if (!trial.load.Ok()) return QET_FAIL(kOperation, trial.load.code, trial.load.reason);
     auto model = std::make_shared<host::Model>();

@@ -42,6 +42,16 @@ void KeepMessage(void* context, int level, const char* format, std::va_list argu
   lastMessage[std::strcspn(lastMessage, "\n")] = '\0';
 }
 
+// libavcodec has one callback for the whole process.
+std::mutex callbackMutex;
+bool callbackIsOurs = false;
+
+void KeepMessages() {
+  const std::lock_guard<std::mutex> lock(callbackMutex);
+  if (!callbackIsOurs) av_log_set_callback(KeepMessage);
+  callbackIsOurs = true;
+}
+
 std::string Reason(const char* what, int error) {
   char text[AV_ERROR_MAX_STRING_SIZE];
   av_make_error_string(text, sizeof text, error);
@@ -69,6 +79,12 @@ bool DeviceExists(const char* pattern) {
   const bool exists = glob(pattern, GLOB_NOSORT, nullptr, &found) == 0;
   globfree(&found);
   return exists;
+}
+
+void GiveMessagesBack() noexcept {
+  const std::lock_guard<std::mutex> lock(callbackMutex);
+  if (callbackIsOurs) av_log_set_callback(av_log_default_callback);
+  callbackIsOurs = false;
 }
 
 H264Packet::H264Packet() : packet_(av_packet_alloc()) {
@@ -101,9 +117,8 @@ void H264Packet::Clear() {
 
 std::unique_ptr<H264Encoder> H264Encoder::Open(const H264Settings& settings,
                                                const std::vector<H264Engine>& engines, std::string& reason) {
-  static std::once_flag once;
   // One callback for the whole process: libavcodec has no other. Its own writes to standard error.
-  std::call_once(once, [] { av_log_set_callback(KeepMessage); });
+  KeepMessages();
 
   reason.clear();
   for (const H264Engine& engine : engines) {

@@ -37,6 +37,10 @@ std::vector<H264Engine> H264EnginesToTry(const std::string& encoder,
 /// True when this machine has a device node that matches the shell pattern.
 bool DeviceExists(const char* pattern);
 
+/// Lets libavcodec write its messages to standard error again, as it does by itself. While an encoder works,
+/// they are kept for the reasons of failures. Called when the platform ends.
+void GiveMessagesBack() noexcept;
+
 /// One encoded frame. The next Encode into it reuses its memory.
 class H264Packet {
  public:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "image.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -9,6 +10,7 @@
 
 #include "cache_flush.h"
 #include "diagnostics.h"
+#include "memory_limit.h"
 #include "state.h"
 
 namespace Ormis {
@@ -20,6 +22,27 @@ constexpr std::size_t kAlignment = 4096;
 
 // By id. Addresses are soon used again: by address, a stale record would name another caller's image.
 Table<std::uint64_t, Image> images;
+
+std::atomic<std::uint64_t> allBytes{0};  // of all images
+
+/// Adds the image to the sum of all. Refuses it where they would then take more than half of the memory that
+/// this process may use. Linux promises more memory than there is, and ends the process when it is written.
+std::int32_t Count(const char* operation, Image& image) {
+  const std::uint64_t most = MemoryLimit() / 2;
+  std::uint64_t others = allBytes;
+  do {
+    if (others > most || image.shape.bytes > most - others) {
+      return QET_FAIL(
+          operation, kQetOutOfMemory,
+          "no memory for an image of "
+              << image.shape.bytes << " bytes beside " << std::to_string(others)
+              << " of other images, expected at most " << std::to_string(most)
+              << " in all: half of the memory of the machine, or of this process's control group");
+    }
+  } while (!allBytes.compare_exchange_weak(others, others + image.shape.bytes));
+  image.countedBytes = image.shape.bytes;
+  return kQetOk;
+}
 
 /// Returns null unless the record names a live image and still holds its address.
 std::shared_ptr<Image> FindImage(const ImageData& record) {
@@ -74,6 +97,10 @@ void CopyInPlace(std::uint8_t* pixels, std::uint32_t bytes) {
 }
 
 }  // namespace
+
+Image::~Image() {
+  allBytes -= countedBytes;
+}
 
 std::int32_t DescribeImage(const char* operation, const ImageData& record, ImageShape& shape) {
   const std::uint32_t width = record.width;
@@ -187,6 +214,7 @@ std::int32_t QetImageMallocAligned(ImageData& image) {
     if (const std::int32_t status = host::DescribeImage(kOperation, image, made->shape); status != kQetOk) {
       return status;
     }
+    if (const std::int32_t status = host::Count(kOperation, *made); status != kQetOk) return status;
     made->width = image.width;
     made->height = image.height;
     made->type = image.imageType;

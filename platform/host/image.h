@@ -35,10 +35,16 @@ struct Image {
     void operator()(std::uint8_t* memory) const { std::free(memory); }
   };
 
+  Image() = default;
+  ~Image();
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
   std::uint32_t width = 0;
   std::uint32_t height = 0;
   std::uint32_t type = 0;
   ImageShape shape;
+  std::uint64_t countedBytes = 0;  ///< what it adds to the sum of all images
   std::unique_ptr<std::uint8_t, Free> pixels;
 };
 

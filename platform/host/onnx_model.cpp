@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "onnx_model.h"
 
-#include <malloc.h>
 #include <onnxruntime_c_api.h>
 #include <sys/stat.h>
 
@@ -306,15 +305,6 @@ Outcome OnnxModel::Load(const std::string& path, std::unique_ptr<OnnxModel>& mod
     return {kQetModelUnreadable, "cannot load model " + path + ": " + Text(status)};
   }
   state->session.reset(session);
-#ifdef __GLIBC__
-  // Loading takes and frees more memory than the weights have. Without this call the C library would keep it.
-  // One thread at a time: under a preloaded allocator the first call sets up the C library's own, and two
-  // calls at once break that.
-  static std::mutex trimming;
-  const std::lock_guard<std::mutex> lock(trimming);
-  (void)malloc_trim(0);
-#endif
-
   std::size_t count = 0;
   ThrowOnFailure(Api().SessionGetInputCount(session, &count));
   ReadNames(session, &OrtApi::SessionGetInputName, count, state->inputs);

@@ -131,7 +131,9 @@ std::shared_ptr<Encoder> RequireEncoder(const char* operation, const QetVenc& ve
 }  // namespace
 
 Leftover ReclaimEncoders() noexcept {
-  return {encoders.TakeAll().size(), 0};
+  const Leftover left{encoders.TakeAll().size(), 0};
+  GiveMessagesBack();
+  return left;
 }
 
 }  // namespace host

@@ -12,6 +12,10 @@
 #include "expect_failure.h"
 #include "model_test.h"
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 namespace {
 
 using Ormis::ImageData;
@@ -167,6 +171,25 @@ Bytes Inferred(const std::string& path) {
   }
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
   return outputs;
+}
+
+std::string WrittenByTheLibrary() {
+  return StandardErrorOf([] { av_log(nullptr, AV_LOG_ERROR, "words of libavcodec\n"); });
+}
+
+TEST_F(EngineSettingsTest, TheMessagesOfTheEncodersLibraryAreKeptUntilThePlatformEnds) {
+  {
+    QetVenc venc;
+    (void)LogOfInit(venc);
+    EXPECT_EQ(WrittenByTheLibrary(), "");
+  }
+  EXPECT_EQ(WrittenByTheLibrary(), "") << "another encoder may be in use";
+  ReleasePlatform();
+  EXPECT_THAT(WrittenByTheLibrary(), HasSubstr("words of libavcodec"));
+  StartPlatform();
+  QetVenc venc;
+  (void)LogOfInit(venc);
+  EXPECT_EQ(WrittenByTheLibrary(), "");
 }
 
 TEST_F(EngineSettingsTest, TheResultsAreTheSameWithAndWithoutTheCaches) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // What a load makes of the trial of a model. A shell script in place of the trial ends as the engine might.
+#include <dlfcn.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +23,18 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+
+int trims = 0;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int malloc_trim(std::size_t pad) noexcept {
+  ++trims;
+  static const auto real = reinterpret_cast<decltype(&malloc_trim)>(dlsym(RTLD_NEXT, "malloc_trim"));
+  return real == nullptr ? 0 : real(pad);
+}
+
+namespace {
 
 class ModelTrialTest : public ModelTest {
  protected:
@@ -203,6 +217,22 @@ TEST_F(ModelTrialTest, TheSettingsAreItsLimits) {
                   "cannot load model " + path_ +
                       ": the engine died of it in a trial: more than 7 s of "
                       "processor time, or more memory than there is");
+}
+
+TEST_F(ModelTrialTest, TheLastLoadInProgressGivesMemoryBack) {
+  int duringTheLoad = -1;
+  spawn_calls::before = [&](spawn_calls::Call&) {
+    QetDNNHandle inner;  // a load that begins and ends while the other is in progress
+    EXPECT_EQ(Ormis::QetDNNModelInitialize(inner, "none.onnx"), Ormis::kQetModelUnreadable);
+    duringTheLoad = trims;
+    return 0;
+  };
+  trims = 0;
+  ExpectLoads();
+  EXPECT_EQ(duringTheLoad, 0);
+  EXPECT_EQ(trims, 1);
+  ExpectLoads();
+  EXPECT_EQ(trims, 2);
 }
 
 TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {

@@ -19,6 +19,7 @@ struct QetContext {
   std::uint64_t id = 0;        ///< set by the platform; 0: no context
   std::string name;            ///< the platform's own; callers leave it empty
   std::uint32_t deviceId = 0;  ///< callers leave 0, the default device
+  std::uint32_t offset24 = 0;  ///< padding, named so that `QetContext{}` zeroes it
 };
 static_assert(sizeof(QetContext) == 40 && offsetof(QetContext, name) == 8 &&
                   offsetof(QetContext, deviceId) == 32,
@@ -28,6 +29,7 @@ static_assert(sizeof(QetContext) == 40 && offsetof(QetContext, name) == 8 &&
 struct QetContextParameters {
   std::string configuration;   ///< defined by the platform; the host's is a file of settings
   std::uint32_t deviceId = 0;  ///< 0: the default device
+  std::uint32_t offset1C = 0;  ///< padding, named so that `QetContextParameters{}` zeroes it
 };
 static_assert(sizeof(QetContextParameters) == 32 && offsetof(QetContextParameters, deviceId) == 24,
               "layout of QetContextParameters");

@@ -49,6 +49,7 @@ struct ImageData {
   std::uint32_t dataSize = 0;      ///< bytes at `data`; 0 before QetImageMallocAligned, which fills it
   std::uint32_t bufferMode = 0;    ///< a QetBufferMode
   std::uint32_t imageType = 0;     ///< a QetImageType
+  std::uint32_t offset34 = 0;      ///< padding, named so that `ImageData{}` zeroes it
   std::uint8_t* data = nullptr;    ///< first byte of the pixels
   std::uint64_t offset40[2] = {};  ///< the platform's own; never set by callers
 };
@@ -78,8 +79,9 @@ ORMIS_API std::int32_t QetDestroyChannel(int channel);
 /// the operations below refuse one that differs from what was allocated. A copy of the record names the same
 /// memory. A record whose memory was freed is refused with kQetUnknownBuffer, even when its address is in use
 /// again, and so is a record that holds only the address. Limits: 4294967295 bytes; an even width for the
-/// semi-planar types, and an even height for those of 4:2:0. Requires: a current context. Threads: any.
-/// Returns 0, or a code and leaves `image` as it was.
+/// semi-planar types, and an even height for those of 4:2:0. The host's images take at most half of the
+/// memory of the machine, or of the process's control group, all together (kQetOutOfMemory). Requires: a
+/// current context. Threads: any. Returns 0, or a code and leaves `image` as it was.
 ORMIS_API std::int32_t QetImageMallocAligned(ImageData& image);
 
 /// Copies the pixels of `source` into the media-unit memory of `destination` (same size and type).
