@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "area_kernels.h"
 
+#include <algorithm>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -12,18 +13,21 @@ namespace Ormis::host {
 namespace {
 
 /// Source bytes ahead of those that are weighed. The hardware's prefetcher stops at the end of each page.
+/// Memory behind the source stays out of the caches: it may be another image's.
 constexpr std::size_t kPrefetchBytes = 2048;
 
 /// Weighs kBytes at once. The compiler makes the instructions of the function that it is inlined into.
 template <std::size_t kBytes, bool kAdd>
 [[gnu::always_inline]] inline void WeighWithVectors(const std::uint8_t* row, std::uint16_t weight,
-                                                    std::size_t length, std::uint16_t* sums) {
+                                                    std::size_t length, const std::uint8_t* sourceEnd,
+                                                    std::uint16_t* sums) {
   using Bytes = std::uint8_t __attribute__((vector_size(kBytes)));
   using Words = std::uint16_t __attribute__((vector_size(2 * kBytes)));
   constexpr auto kStart = static_cast<std::uint16_t>(0U - kSumBias);
+  const auto left = static_cast<std::size_t>(sourceEnd - row) - 1;
   std::size_t i = 0;
   for (; i + kBytes <= length; i += kBytes) {
-    __builtin_prefetch(row + i + kPrefetchBytes);
+    __builtin_prefetch(row + i + std::min(kPrefetchBytes, left - i));
     Bytes bytes;
     Words words;
     std::memcpy(&bytes, row + i, sizeof bytes);
@@ -50,12 +54,14 @@ using Floats4 = float __attribute__((vector_size(16)));
 using Doubles4 = double __attribute__((vector_size(32)));
 using Bytes4 = std::uint8_t __attribute__((vector_size(4)));
 
-void SetRowPlain(const std::uint8_t* row, std::uint16_t weight, std::size_t length, std::uint16_t* sums) {
-  WeighWithVectors<16, false>(row, weight, length, sums);
+void SetRowPlain(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
+                 const std::uint8_t* sourceEnd, std::uint16_t* sums) {
+  WeighWithVectors<16, false>(row, weight, length, sourceEnd, sums);
 }
 
-void AddRowPlain(const std::uint8_t* row, std::uint16_t weight, std::size_t length, std::uint16_t* sums) {
-  WeighWithVectors<16, true>(row, weight, length, sums);
+void AddRowPlain(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
+                 const std::uint8_t* sourceEnd, std::uint16_t* sums) {
+  WeighWithVectors<16, true>(row, weight, length, sourceEnd, sums);
 }
 
 Uints4 Weighted(const std::uint16_t* sums, std::int16_t weight) {
@@ -101,23 +107,25 @@ void FinishRowPlain(const AreaColumns& columns, const std::uint16_t* sums, std::
 #if defined(__x86_64__)
 
 [[gnu::target("avx2")]] void SetRowAvx2(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
-                                        std::uint16_t* sums) {
-  WeighWithVectors<32, false>(row, weight, length, sums);
+                                        const std::uint8_t* sourceEnd, std::uint16_t* sums) {
+  WeighWithVectors<32, false>(row, weight, length, sourceEnd, sums);
 }
 
 [[gnu::target("avx2")]] void AddRowAvx2(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
-                                        std::uint16_t* sums) {
-  WeighWithVectors<32, true>(row, weight, length, sums);
+                                        const std::uint8_t* sourceEnd, std::uint16_t* sums) {
+  WeighWithVectors<32, true>(row, weight, length, sourceEnd, sums);
 }
 
 [[gnu::target("avx512bw")]] void SetRowAvx512(const std::uint8_t* row, std::uint16_t weight,
-                                              std::size_t length, std::uint16_t* sums) {
-  WeighWithVectors<64, false>(row, weight, length, sums);
+                                              std::size_t length, const std::uint8_t* sourceEnd,
+                                              std::uint16_t* sums) {
+  WeighWithVectors<64, false>(row, weight, length, sourceEnd, sums);
 }
 
 [[gnu::target("avx512bw")]] void AddRowAvx512(const std::uint8_t* row, std::uint16_t weight,
-                                              std::size_t length, std::uint16_t* sums) {
-  WeighWithVectors<64, true>(row, weight, length, sums);
+                                              std::size_t length, const std::uint8_t* sourceEnd,
+                                              std::uint16_t* sums) {
+  WeighWithVectors<64, true>(row, weight, length, sourceEnd, sums);
 }
 
 /// Brings the samples of one channel of two neighbouring pixels together, for a pixel of 1 to 4 channels.

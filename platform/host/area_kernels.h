@@ -32,9 +32,12 @@ constexpr std::uint32_t kSumBias = 32768;
 /// The two steps of an area average, for one kind of processor. All kernels have the same results.
 struct AreaKernel {
   const char* name;
-  /// Set sums[i] to weight * row[i] - kSumBias, or add weight * row[i]. Modulo 2^16.
-  void (*setRow)(const std::uint8_t* row, std::uint16_t weight, std::size_t length, std::uint16_t* sums);
-  void (*addRow)(const std::uint8_t* row, std::uint16_t weight, std::size_t length, std::uint16_t* sums);
+  /// Set sums[i] to weight * row[i] - kSumBias, or add weight * row[i]. Modulo 2^16. They fetch lines ahead,
+  /// but none behind `sourceEnd`, the end of the memory that `row` is in.
+  void (*setRow)(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
+                 const std::uint8_t* sourceEnd, std::uint16_t* sums);
+  void (*addRow)(const std::uint8_t* row, std::uint16_t weight, std::size_t length,
+                 const std::uint8_t* sourceEnd, std::uint16_t* sums);
   /// Makes a result row. Reads up to AreaSumsBeyond(columns) sums behind the last of the row, whose values do
   /// not matter, and writes up to kResultBeyond bytes behind the result row.
   void (*finishRow)(const AreaColumns& columns, const std::uint16_t* sums, std::uint8_t* result);

@@ -167,12 +167,13 @@ struct AreaScaler::KernelRows {
   const AreaKernel& kernel;
   const AreaColumns& columns;
   std::uint16_t* sums;
+  const std::uint8_t* sourceEnd;
 
   void Set(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
-    kernel.setRow(row, static_cast<std::uint16_t>(weight), length, sums);
+    kernel.setRow(row, static_cast<std::uint16_t>(weight), length, sourceEnd, sums);
   }
   void Add(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
-    kernel.addRow(row, static_cast<std::uint16_t>(weight), length, sums);
+    kernel.addRow(row, static_cast<std::uint16_t>(weight), length, sourceEnd, sums);
   }
   void Finish(std::uint8_t* result) { kernel.finishRow(columns, sums, result); }
 };
@@ -276,7 +277,7 @@ void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const
     const std::size_t past = reinterpret_cast<std::uintptr_t>(narrowSums_.data()) % kVectorBytes;
     std::uint16_t* const sums =
         narrowSums_.data() + (kVectorBytes - past) % kVectorBytes / sizeof(std::uint16_t);
-    return ScaleRows(job, KernelRows{*kernel_, columns_, sums});
+    return ScaleRows(job, KernelRows{*kernel_, columns_, sums, source + from.height * length});
   }
   PrepareSpans(job.columns, to.width);
   // A float holds 255 x 8192 and has enough bits left for fractions.

@@ -39,6 +39,15 @@ ara::log::Logger& Log() {
 
 namespace {
 
+const char* const kUsage = R"(usage: model_trial FILE SECONDS PERCENT
+Loads the model FILE and runs it once. libormis.so starts this program, because a damaged model may crash it.
+
+  SECONDS    most seconds of processor time
+  PERCENT    most memory, of the machine's
+  --help     print this help
+  --version  print the version
+)";
+
 void Limit(int resource, rlim_t limit) {
   rlimit value{};
   if (getrlimit(resource, &value) != 0) return;
@@ -85,7 +94,14 @@ int main(int argc, char** argv) {
     (void)std::puts("model_trial " STRESS_VERSION);
     return 0;
   }
-  if (argc != 4) return 2;
+  if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+    (void)std::fputs(Ormis::host::kUsage, stdout);
+    return 0;
+  }
+  if (argc != 4) {
+    (void)std::fputs(Ormis::host::kUsage, stderr);
+    return 2;
+  }
   // A caller that is killed while it waits takes this process with it.
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   Ormis::host::LimitResources(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10));

@@ -122,7 +122,16 @@ class SettingsReader {
       throw std::runtime_error("cannot read " + path_ + ": " + std::generic_category().message(errno));
     }
     event_.start_mark = parser_.problem_mark;
+    if (parser_.error == YAML_READER_ERROR) event_.start_mark.line = LinesBefore(parser_.problem_offset);
     Fail(parser_.problem == nullptr ? "not YAML" : parser_.problem);
+  }
+
+  /// The parser counts the lines of what it could decode later than it finds what it cannot.
+  std::size_t LinesBefore(std::size_t offset) const {
+    std::rewind(file_);
+    std::size_t lines = 0;
+    for (std::size_t at = 0; at < offset; ++at) lines += std::fgetc(file_) == '\n' ? 1 : 0;
+    return lines;
   }
 
   std::string Text() const {

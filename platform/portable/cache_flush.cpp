@@ -81,7 +81,8 @@ const RoutineList<FlushRoutine>& FlushRoutines() {
 
 void EndFlush() {
 #if defined(__x86_64__)
-  __builtin_ia32_sfence();
+  // A store fence would keep later stores behind the flushes, but not later loads.
+  __builtin_ia32_mfence();
 #elif defined(__aarch64__)
   __asm__ volatile("dsb ish" : : : "memory");
 #endif

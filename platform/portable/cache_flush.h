@@ -21,7 +21,8 @@ struct FlushRoutine {
 /// and is always there.
 const RoutineList<FlushRoutine>& FlushRoutines();
 
-/// Waits until the lines that were flushed before are out of the caches.
+/// Waits until the lines that this thread flushed before are out of the caches. Its later loads and stores
+/// come after that. A line comes back when a thread uses it, or the processor fetches it ahead.
 void EndFlush();
 
 /// Whether operations remove what they have read and written from the caches, as if a unit with no part in

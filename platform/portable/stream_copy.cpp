@@ -67,6 +67,7 @@ template <typename Vector>
   flush(flushed, static_cast<std::size_t>(from - flushed) + left);
   flush(destination, 1);
   flush(static_cast<unsigned char*>(destination) + bytes - 1, 1);
+  EndFlush();
 }
 
 #if defined(__x86_64__)

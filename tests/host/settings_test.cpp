@@ -155,6 +155,12 @@ TEST_F(SettingsTest, WhatIsNoListOfKeysIsRefusedWithItsLine) {
   ExpectRefused("memory: {a: 1}\n", ":1: memory has no plain value, expected device or cached");
 }
 
+TEST_F(SettingsTest, BytesThatAreNoTextAreRefusedWithTheirLine) {
+  ExpectRefused("memory: device\nencoder: \x80\n", ":2: invalid leading UTF-8 octet");
+  ExpectRefused("memory: device\n\n# \x01\n", ":3: control characters are not allowed");
+  ExpectRefused("\x80", ":1: invalid leading UTF-8 octet");
+}
+
 TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
   QetContext context;
   QetContextParameters parameters;
