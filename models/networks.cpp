@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "networks.h"
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -22,9 +23,9 @@ class Builder {
  public:
   explicit Builder(const char* name) { graph_.name = name; }
 
-  std::string Input(const std::vector<std::int64_t>& shape) {
-    graph_.inputs.push_back({"image", shape});
-    return "image";
+  std::string Input(const std::string& name, const std::vector<std::int64_t>& shape) {
+    graph_.inputs.push_back({name, shape});
+    return name;
   }
 
   std::string Conv(const std::string& name, const std::string& from, std::int64_t inChannels,
@@ -66,14 +67,24 @@ class Builder {
     return Relu(Add(outer, shortcut));
   }
 
+  /// A fully connected layer. Its weights have the prefix `weights`.
+  std::string Dense(const std::string& name, const std::string& weights, const std::string& from,
+                    std::int64_t inputs, std::int64_t outputs) {
+    Weights(weights + "Weight", {outputs, inputs}, RectifiedLimit(inputs));
+    Weights(weights + "Bias", {outputs}, kBiasLimit);
+    Node("Gemm", {from, weights + "Weight", weights + "Bias"}, name);
+    graph_.nodes.back().numbers = {{"transB", 1}};
+    return name;
+  }
+
   /// Ends the network: the mean of each channel, then a fully connected layer.
   Graph Classify(const std::string& from, std::int64_t channels, std::int64_t classes) {
     const std::string means = Node("Flatten", {Node("GlobalAveragePool", {from}, "means")}, "features");
-    Weights("denseWeight", {classes, channels}, RectifiedLimit(channels));
-    Weights("denseBias", {classes}, kBiasLimit);
-    Node("Gemm", {means, "denseWeight", "denseBias"}, "scores");
-    graph_.nodes.back().numbers = {{"transB", 1}};
-    graph_.outputs.push_back({"scores", {1, classes}});
+    return End(Dense("scores", "dense", means, channels, classes), classes);
+  }
+
+  Graph End(const std::string& output, std::int64_t size) {
+    graph_.outputs.push_back({output, {1, size}});
     return std::move(graph_);
   }
 
@@ -104,7 +115,7 @@ class Builder {
 
 onnx_writer::Graph ExampleNetwork() {
   Builder builder("example");
-  std::string top = builder.Input({1, 3, 224, 224});
+  std::string top = builder.Input("image", {1, 3, 224, 224});
   top = builder.MaxPoolHalf(builder.Relu(builder.Conv("stem", top, 3, 64, 7, 2)));
   std::int64_t channels = 64;
   for (int stage = 0; stage < 4; ++stage) {
@@ -120,8 +131,28 @@ onnx_writer::Graph ExampleNetwork() {
 
 onnx_writer::Graph TinyNetwork() {
   Builder builder("tiny");
-  std::string top = builder.Input({1, 3, 8, 8});
+  std::string top = builder.Input("image", {1, 3, 8, 8});
   top = builder.Relu(builder.Conv("conv1", top, 3, 4, 3, 2));
   top = builder.Relu(builder.Add(builder.Conv("conv2", top, 4, 4, 3, 1), top));
   return builder.Classify(top, 4, 5);
+}
+
+onnx_writer::Graph MemoryNetwork(std::int64_t megabytes) {
+  // Layers of about 2000 x 2000, and no fewer than four: several layers, as in real networks, and each too
+  // large for the caches of a core.
+  constexpr std::int64_t kLayerMegabytes = 16;
+  constexpr std::int64_t kFewestLayers = 4;
+  constexpr std::int64_t kWidthStep = 16;  // floats in a cache line
+  const std::int64_t layers = std::max(kFewestLayers, (megabytes + kLayerMegabytes - 1) / kLayerMegabytes);
+  const double weights = static_cast<double>(megabytes) * 1e6 / sizeof(float) / static_cast<double>(layers);
+  const auto least = static_cast<std::int64_t>(std::ceil(std::sqrt(weights)));
+  const std::int64_t width = (least + kWidthStep - 1) / kWidthStep * kWidthStep;
+
+  Builder builder("memory");
+  std::string top = builder.Input("features", {1, width});
+  for (std::int64_t layer = 0; layer < layers; ++layer) {
+    const std::string name = "dense" + std::to_string(layer);
+    top = builder.Relu(builder.Dense(name, name, top, width, width));
+  }
+  return builder.End(top, width);
 }
