@@ -4,23 +4,25 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <mutex>
-#include <set>
 #include <tuple>
 #include <vector>
 
 #include "diagnostics.h"
+#include "model_files.h"
 #include "settings.h"
 
 namespace Ormis::host {
@@ -29,19 +31,11 @@ namespace {
 
 constexpr char kProgram[] = "ormis/model_trial";  // beside the library
 
-/// Identifies a file and its present content: changes when the file is replaced or written.
-using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long>;
+/// What the result of a trial depends on: the files, and the limits.
+using Question = std::tuple<std::vector<FileState>, unsigned int, unsigned int, unsigned int>;
 
 std::mutex trialMutex;
-std::set<FileState> passed;
-
-/// Returns false if it is not a regular file. OnnxModel::Load then reports why.
-bool StateOf(const std::string& path, FileState& state) {
-  struct stat status{};
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  state = {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
-  return true;
-}
+std::map<Question, TrialResult> answers;
 
 std::string ProgramPath() {
   return PathBesideLibrary(kProgram);
@@ -61,11 +55,13 @@ class Pipe {
   Pipe& operator=(const Pipe&) = delete;
 
   bool Ok() const { return ends_[0] >= 0; }
+  bool Killed() const { return killed_; }
   int WriteEnd() const { return ends_[1]; }
 
-  /// Returns all that `writer` writes until it ends. Does not wait for the end of the pipe: a process that
-  /// another thread forked meanwhile holds the write end open as long as it lives.
-  std::string ReadAll(pid_t writer) {
+  /// Returns all that `writer` writes until it ends, and kills it after `limit`. Does not wait for the end of
+  /// the pipe: a process that another thread forked meanwhile holds the write end open as long as it lives.
+  std::string ReadAll(pid_t writer, std::chrono::seconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
     Close(ends_[1]);
     // Fails on a kernel before 5.3. poll then ignores it, and the end of the pipe is waited for.
     ended_ = static_cast<int>(syscall(SYS_pidfd_open, writer, 0));
@@ -76,7 +72,12 @@ class Pipe {
     for (;;) {
       // The callers' lock is held on purpose: one trial at a time.
       // NOLINTBEGIN(clang-analyzer-unix.BlockInCriticalSection)
-      if (poll(events, std::size(events), isGone ? 0 : -1) < 0 && errno == EINTR) continue;
+      const int ready = poll(events, std::size(events), isGone ? 0 : WaitMs(end));
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready == 0 && !isGone) {
+        if (WaitMs(end) == 0) Kill(writer);
+        continue;
+      }
       if (events[0].revents == 0) return text;  // the process has ended, and all it wrote has been read
       const ssize_t size = read(ends_[0], part, sizeof part);
       // NOLINTEND(clang-analyzer-unix.BlockInCriticalSection)
@@ -92,8 +93,25 @@ class Pipe {
     descriptor = -1;
   }
 
+  /// Milliseconds until `end`, at most a day; endless for a writer that was killed.
+  int WaitMs(std::chrono::steady_clock::time_point end) const {
+    if (killed_) return -1;
+    const auto left = end - std::chrono::steady_clock::now();
+    const auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    return static_cast<int>(std::clamp<std::int64_t>(leftMs, 0, 86'400'000));
+  }
+
+  void Kill(pid_t writer) {
+    killed_ = true;
+    // Not by its number where that can be avoided: a process that has ended and was waited for has none.
+    if (ended_ < 0 || syscall(SYS_pidfd_send_signal, ended_, SIGKILL, nullptr, 0) != 0) {
+      (void)kill(writer, SIGKILL);
+    }
+  }
+
   int ends_[2] = {-1, -1};
   int ended_ = -1;  ///< readable when the writer has ended
+  bool killed_ = false;
 };
 
 /// The environment without LD_PRELOAD, which would load foreign code into the process.
@@ -140,12 +158,13 @@ int Start(const std::string& path, int output, pid_t& child) {
   return error;
 }
 
-/// Waits for the process and describes how it ended.
-std::string EndOf(pid_t child) {
+/// Waits for the process and describes how it ended. `killed`: its time was over.
+std::string EndOf(pid_t child, bool killed) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) return "exit status unknown";  // the application ignores SIGCHLD
   }
+  if (killed) return "more than " + std::to_string(CurrentSettings().trialWallS) + " s by the clock";
   if (!WIFSIGNALED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
   if (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL) {
     return "more than " + std::to_string(CurrentSettings().trialProcessorS) +
@@ -184,11 +203,16 @@ void WarnOnce(int error) {
 }  // namespace
 
 TrialResult TryModel(const std::string& path) {
-  FileState state;
-  if (!StateOf(path, state)) return {};
+  if (!IsRegularFile(path)) return {};  // OnnxModel::Load reports why it is not one
   const std::lock_guard<std::mutex> lock(trialMutex);
-  if (passed.count(state) != 0) return {};
+  const Settings& settings = CurrentSettings();
+  const Question question{StatesOfModel(path), settings.trialProcessorS, settings.trialWallS,
+                          settings.trialMemoryPercent};
+  if (const auto found = answers.find(question); found != answers.end()) return found->second;
 
+  Log().LogInfo({__FILE__, "TryModel", __LINE__})
+      << "QetDNNModelInitialize: trying model " << path << " in a process of its own, for at most "
+      << settings.trialProcessorS << " s of processor time and " << settings.trialWallS << " s by the clock";
   Pipe pipe;
   pid_t child = 0;
   int error = errno;
@@ -197,8 +221,8 @@ TrialResult TryModel(const std::string& path) {
     WarnOnce(error);
     return {};
   }
-  const std::string said = pipe.ReadAll(child);
-  const std::string end = EndOf(child);
+  const std::string said = pipe.ReadAll(child, std::chrono::seconds(settings.trialWallS));
+  const std::string end = EndOf(child, pipe.Killed());
 
   TrialResult result;
   if (!Find(said, kTrialLoaded, result.load)) {
@@ -207,7 +231,7 @@ TrialResult TryModel(const std::string& path) {
   } else if (result.load.Ok() && !Find(said, kTrialRan, result.run)) {
     result.run = {kQetInferenceFailure, "the engine died of the first inference in a trial: " + end};
   }
-  if (result.load.Ok() && result.run.Ok()) passed.insert(state);
+  answers.emplace(question, result);
   return result;
 }
 

@@ -3,7 +3,6 @@
 // The process in which libormis.so tries a model file. model_trial.h has its arguments and what it writes.
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -15,6 +14,7 @@
 #include <memory>
 
 #include "diagnostics.h"
+#include "memory_limit.h"
 #include "model_trial.h"
 #include "prepare_process.h"
 
@@ -60,8 +60,7 @@ void LimitResources(rlim_t processorS, [[maybe_unused]] rlim_t memoryPercent) {
   Limit(RLIMIT_CORE, 0);
   Limit(RLIMIT_CPU, processorS);
 #ifndef MODEL_TRIAL_SANITIZED
-  const auto pages = static_cast<rlim_t>(sysconf(_SC_PHYS_PAGES));
-  Limit(RLIMIT_AS, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) / 100 * memoryPercent);
+  Limit(RLIMIT_AS, MemoryLimit() / 100 * memoryPercent);
 #endif
 }
 

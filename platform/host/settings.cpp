@@ -49,6 +49,10 @@ bool SetTrialProcessor(const std::string& value, Settings& settings) {
   return ToNumber(value, 86400, settings.trialProcessorS);
 }
 
+bool SetTrialWall(const std::string& value, Settings& settings) {
+  return ToNumber(value, 86400, settings.trialWallS);
+}
+
 bool SetTrialMemory(const std::string& value, Settings& settings) {
   return ToNumber(value, 100, settings.trialMemoryPercent);
 }
@@ -63,6 +67,7 @@ constexpr SettingKey kSettingKeys[] = {
     {"memory", "device or cached", SetMemory},
     {"encoder", "auto, libx264, h264_nvenc, h264_vaapi or h264_v4l2m2m", SetEncoder},
     {"trial_processor_s", "a whole number of seconds from 1 to 86400", SetTrialProcessor},
+    {"trial_wall_s", "a whole number of seconds from 1 to 86400", SetTrialWall},
     {"trial_memory_percent", "a whole number from 1 to 100", SetTrialMemory},
 };
 
@@ -172,6 +177,7 @@ std::string SettingsText(const Settings& settings) {
   return std::string(" memory=") + (settings.flushCaches ? "device" : "cached") +
          " flush=" + (settings.flushCaches ? portable::FlushRoutines().back().name : "none") +
          " encoder=" + settings.encoder + " trial_processor_s=" + std::to_string(settings.trialProcessorS) +
+         " trial_wall_s=" + std::to_string(settings.trialWallS) +
          " trial_memory_percent=" + std::to_string(settings.trialMemoryPercent);
 }
 

@@ -10,6 +10,7 @@ struct Settings {
   bool flushCaches = true;  ///< memory: device
   std::string encoder = "auto";
   unsigned int trialProcessorS = 20;
+  unsigned int trialWallS = 60;
   unsigned int trialMemoryPercent = 50;
 };
 

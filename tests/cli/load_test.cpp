@@ -3,8 +3,10 @@
 // The stresses on the real engines: each of them works, and each stops.
 
 #include <csignal>
+#include <fstream>
 #include <iostream>
 
+#include "endless_network.h"
 #include "program_test.h"
 
 namespace {
@@ -72,6 +74,32 @@ TEST_F(Load, EveryStressAtLevel2WorksAndStops) {
 TEST_F(Load, EveryStressAtLevel10WorksAndStops) {
   if (kThreadSanitized) GTEST_SKIP() << "level 2 has every pair of threads already, and this takes minutes";
   RunEveryStress(10);
+}
+
+// An endless model with ten workers: without the memory of a failed trial the run would go on for ten of
+// them.
+TEST_F(Load, ARunEndsOneTrialAfterSigintAtMost) {
+  if (kSanitized) GTEST_SKIP() << "the trial is a process of its own, which the program only waits for";
+  std::ofstream(Directory() / "endless.onnx", std::ios::binary) << onnx_writer::Serialize(EndlessNetwork());
+  Launch launch = Configured("runTimes: 600\nlogLevel: 5\nAIC: {Level: 10, File: endless.onnx}\n");
+  // The same libraries, beside settings of this test.
+  const std::filesystem::path built = launch.program.parent_path() / "../lib";
+  std::filesystem::create_directories(Directory() / "lib/ormis");
+  for (const std::string file : {"libormis.so.1", "libonnxruntime.so.1", "ormis/model_trial"}) {
+    if (std::filesystem::exists(built / file)) {
+      std::filesystem::create_symlink(std::filesystem::canonical(built) / file, Directory() / "lib" / file);
+    }
+  }
+  Write("lib/ormis/host.yaml", "trial_processor_s: 1\n");
+  launch.environment["LD_LIBRARY_PATH"] = Directory() / "lib";
+  Program program(launch);
+  ASSERT_TRUE(program.WaitForError("trying model endless.onnx")) << program.Wait(std::chrono::seconds(0));
+  program.Signal(SIGINT);
+  EXPECT_THAT(program.Wait(), Exited(0));
+  const std::vector<std::string> texts = Texts(LogFile(), "");
+  EXPECT_THAT(texts, Contains(HasSubstr(" for at most 1 s of processor time ")).Times(1));
+  EXPECT_THAT(texts,
+              Contains("DEBUG AICoreInit() | [AicoreStress] Initialize AicStress finished.").Times(10));
 }
 
 TEST_F(Load, AMissingModelEndsOnlyItsWorkers) {

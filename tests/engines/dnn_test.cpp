@@ -297,7 +297,7 @@ TEST_F(DnnTest, AFileThatCannotBeReadIsNamedWithTheReason) {
     const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelInitialize(handle, path); });
     EXPECT_EQ(code, Ormis::kQetModelUnreadable);
     EXPECT_NE(log.find("QetDNNModelInitialize: " + line), std::string::npos) << log;
-    EXPECT_EQ(LineCount(log), 1U) << log;
+    EXPECT_EQ(LineCount(Ormis::test::WithoutTrials(log)), 1U) << log;
     EXPECT_EQ(handle.modelId, 0U);
   };
   expectLine("none.onnx", "cannot read model none.onnx: No such file or directory");

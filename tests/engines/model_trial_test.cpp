@@ -6,11 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <vector>
 
+#include "endless_network.h"
 #include "expect_failure.h"
+#include "model_bytes.h"
 #include "model_test.h"
 #include "spawn_calls.h"
 
@@ -45,6 +48,7 @@ class ModelTrialTest : public ModelTest {
 
   /// Runs the script in place of the trial from now on.
   void ReplaceTrial(const std::string& script) {
+    Touch();
     script_ = script;
     arguments_[2] = script_.data();
     spawn_calls::before = [this](spawn_calls::Call& call) {
@@ -77,6 +81,18 @@ class ModelTrialTest : public ModelTest {
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
   }
 
+  /// Makes the file a new one, whose trial is not remembered.
+  void Touch() {
+    std::filesystem::last_write_time(path_,
+                                     std::filesystem::file_time_type() + std::chrono::seconds(++touched_));
+  }
+
+  void RestartWith(const std::string& settings) {
+    ReleasePlatform();
+    std::ofstream(folder_ / "host.yaml") << settings;
+    StartPlatform(folder_ / "host.yaml");
+  }
+
   void ExpectLoads() {
     QetDNNHandle handle;
     EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path_), Ormis::kQetOk);
@@ -87,6 +103,7 @@ class ModelTrialTest : public ModelTest {
   spawn_calls::Watch watch_;
 
  private:
+  int touched_ = 0;
   std::string shell_ = "sh";
   std::string option_ = "-c";
   std::string script_;
@@ -128,6 +145,7 @@ TEST_F(ModelTrialTest, ATrialThatEndsWhileItLoadsSaysOfWhat) {
   ExpectLoadFails("kill -40 $$", Ormis::kQetModelUnreadable, died + "signal 40");
 #endif
   spawn_calls::before = nullptr;
+  Touch();
   ExpectLoads();
 }
 
@@ -142,7 +160,7 @@ TEST_F(ModelTrialTest, AnInferenceThatFailsInTheTrialIsRefused) {
   ExpectRunFails("echo loaded 0; kill -ABRT $$", Ormis::kQetInferenceFailure,
                  "the engine died of the first inference in a trial: Aborted");
   ExpectRunFails("echo loaded 0; echo ran 1010 no memory", Ormis::kQetOutOfMemory, "no memory");
-  EXPECT_EQ(watch_.Count(), 2) << "a model that failed is tried again";
+  EXPECT_EQ(watch_.Count(), 2);
 }
 
 TEST_F(ModelTrialTest, AModelThatPassedIsNotTriedAgain) {
@@ -152,6 +170,90 @@ TEST_F(ModelTrialTest, AModelThatPassedIsNotTriedAgain) {
   path_ = Write(TinyNetwork());
   ExpectLoads();
   EXPECT_EQ(watch_.Count(), 2) << "the file has been written again";
+}
+
+TEST_F(ModelTrialTest, AModelThatFailedIsNotTriedAgain) {
+  const std::string died = "cannot load model " + path_ + ": the engine died of it in a trial: exit status 3";
+  const auto expectFailure = [&] {
+    QetDNNHandle handle;
+    ExpectFailure(Ormis::kQetModelUnreadable, "QetDNNModelInitialize", died,
+                  [&] { return Ormis::QetDNNModelInitialize(handle, path_); });
+  };
+  ReplaceTrial("exit 3");
+  expectFailure();
+  expectFailure();
+  EXPECT_EQ(watch_.Count(), 1);
+  Touch();
+  expectFailure();
+  EXPECT_EQ(watch_.Count(), 2) << "the file has changed";
+  RestartWith("trial_wall_s: 59");
+  expectFailure();
+  EXPECT_EQ(watch_.Count(), 3) << "a limit has changed";
+  ReplaceTrial("echo loaded 0; echo ran 1016 so it ends");
+  for (int i = 0; i < 2; ++i) {
+    QetDNNHandle handle;
+    ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path_), Ormis::kQetOk);
+    ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+    ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+    ExpectFailure(Ormis::kQetInferenceFailure, "QetDNNModelProcess", "model " + path_ + ": so it ends",
+                  [&] { return Ormis::QetDNNModelProcess(handle); });
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  }
+  EXPECT_EQ(watch_.Count(), 4);
+}
+
+TEST_F(ModelTrialTest, AChangeOfExternalWeightsIsTriedAgain) {
+  path_ = Write(onnx_writer::Serialize(TinyNetwork()) + Field(7, Field(5, ExternalTensor("w.bin"))));
+  std::ofstream(folder_ / "w.bin") << "four";
+  ExpectLoads();
+  ExpectLoads();
+  EXPECT_EQ(watch_.Count(), 1);
+  std::ofstream(folder_ / "w.bin") << "fourmore";
+  ExpectLoads();
+  EXPECT_EQ(watch_.Count(), 2);
+  std::filesystem::remove(folder_ / "w.bin");
+  ExpectLoads();  // the engine does not read what nothing uses
+  EXPECT_EQ(watch_.Count(), 3);
+}
+
+TEST_F(ModelTrialTest, TheClockEndsATrialThatWaits) {
+  RestartWith("trial_wall_s: 1");
+  ExpectLoadFails(
+      "exec sleep 60", Ormis::kQetModelUnreadable,
+      "cannot load model " + path_ + ": the engine died of it in a trial: more than 1 s by the clock");
+}
+
+TEST_F(ModelTrialTest, TheLogSaysThatAndForHowLongAModelIsTried) {
+  RestartWith("trial_processor_s: 7\ntrial_wall_s: 8\n");
+  const std::string log = StandardErrorOf([&] { ExpectLoads(); });
+  EXPECT_THAT(log, HasSubstr("Z INFO - QET "));
+  EXPECT_EQ(Ormis::test::MessageOf(log),
+            "QetDNNModelInitialize: trying model " + path_ +
+                " in a process of its own, for at most 7 s of processor time and 8 s by the clock");
+  EXPECT_EQ(StandardErrorOf([&] { ExpectLoads(); }), "");
+}
+
+TEST_F(ModelTrialTest, TenWorkersTryAnEndlessModelOnce) {
+  RestartWith("trial_processor_s: 1");
+  path_ = Write(EndlessNetwork());
+  std::vector<std::int32_t> results(10);
+  std::vector<std::thread> threads;
+  const std::string log = StandardErrorOf([&] {
+    for (std::int32_t& result : results) {
+      threads.push_back(WithContext([&] {
+        QetDNNHandle handle;
+        EXPECT_EQ(Ormis::QetDNNModelInitialize(handle, path_), Ormis::kQetOk);
+        EXPECT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+        EXPECT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
+        result = Ormis::QetDNNModelProcess(handle);
+        EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+      }));
+    }
+    for (std::thread& thread : threads) thread.join();
+  });
+  EXPECT_THAT(results, testing::Each(Ormis::kQetInferenceFailure));
+  EXPECT_THAT(log, HasSubstr("more than 1 s of processor time, or more memory than there is"));
+  EXPECT_EQ(watch_.Count(), 1);
 }
 
 TEST_F(ModelTrialTest, WhatIsNoFileIsNotTried) {
@@ -205,9 +307,7 @@ TEST_F(ModelTrialTest, TheSettingsAreItsLimits) {
   };
   ExpectLoads();
   EXPECT_THAT(arguments, ElementsAre(EndsWith("/lib/ormis/model_trial"), path_, "20", "50"));
-  ReleasePlatform();
-  std::ofstream(folder_ / "host.yaml") << "trial_processor_s: 7\ntrial_memory_percent: 80\n";
-  StartPlatform(folder_ / "host.yaml");
+  RestartWith("trial_processor_s: 7\ntrial_memory_percent: 80\n");
   arguments.clear();
   path_ = Write(TinyNetwork());
   ExpectLoads();
@@ -241,13 +341,13 @@ TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {
     program = call.program;
     return ENOEXEC;
   };
-  const std::string first = StandardErrorOf([&] { ExpectLoads(); });
+  const std::string first = Ormis::test::WithoutTrials(StandardErrorOf([&] { ExpectLoads(); }));
   EXPECT_THAT(first, HasSubstr(" WARN - QET "));
   EXPECT_EQ(Ormis::test::MessageOf(first),
             "models are loaded without a trial: cannot run " + program + ": Exec format error");
   EXPECT_EQ(LineCount(first), 1U) << first;
   EXPECT_THAT(program, EndsWith("/lib/ormis/model_trial"));
-  EXPECT_EQ(StandardErrorOf([&] { ExpectLoads(); }), "");
+  EXPECT_EQ(Ormis::test::WithoutTrials(StandardErrorOf([&] { ExpectLoads(); })), "");
   EXPECT_EQ(watch_.Count(), 2) << "a model that was not tried has not passed";
 }
 

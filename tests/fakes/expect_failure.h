@@ -62,13 +62,23 @@ inline std::string MessageOf(const std::string& line) {
   return line.substr(begin, location - begin);
 }
 
+/// A log without the lines that say that a model is tried.
+inline std::string WithoutTrials(std::string log) {
+  for (std::size_t found = log.find(": trying model "); found != std::string::npos;) {
+    const std::size_t begin = log.rfind('\n', found) + 1;  // npos + 1 is 0
+    log.erase(begin, log.find('\n', found) + 1 - begin);
+    found = log.find(": trying model ", begin);
+  }
+  return log;
+}
+
 /// Expects that `call` returns `code` and logs one line: at error level, in the context "QET", with the text
-/// "OPERATION: MESSAGE" and nothing more, located in the operation.
+/// "OPERATION: MESSAGE" and nothing more, located in the operation. A line about a trial may precede it.
 template <typename Call>
 void ExpectFailure(std::int32_t code, const std::string& operation, const std::string& message, Call&& call) {
   CapturedStandardError log;
   const std::int32_t status = call();
-  const std::string text = log.Text();
+  const std::string text = WithoutTrials(log.Text());
   EXPECT_EQ(status, code) << text;
   EXPECT_THAT(text, testing::HasSubstr("Z ERROR - QET "));
   EXPECT_EQ(MessageOf(text), operation + ": " + message);

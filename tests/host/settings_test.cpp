@@ -86,7 +86,8 @@ TEST_F(SettingsTest, ThePlatformsOwnFileHasEveryKeyWithItsDefault) {
   std::ifstream file(own);
   std::vector<std::string> lines;
   for (std::string line; std::getline(file, line);) lines.push_back(line);
-  for (const std::string key : {"memory", "encoder", "trial_processor_s", "trial_memory_percent"}) {
+  for (const std::string key :
+       {"memory", "encoder", "trial_processor_s", "trial_wall_s", "trial_memory_percent"}) {
     EXPECT_THAT(settings, HasSubstr(key + "="));
     EXPECT_THAT(lines, testing::Contains(StartsWith(key + ": "))) << "in " << own;
   }
@@ -110,25 +111,27 @@ TEST_F(SettingsTest, WithoutTheFileTheDefaultsHold) {
 }
 
 TEST_F(SettingsTest, EveryKeyIsReadAndLogged) {
-  EXPECT_EQ(SettingsOf("memory: cached\nencoder: libx264\ntrial_processor_s: 7\ntrial_memory_percent: 30\n"),
-            "memory=cached flush=none encoder=libx264 trial_processor_s=7 trial_memory_percent=30");
+  EXPECT_EQ(
+      SettingsOf("memory: cached\nencoder: libx264\ntrial_processor_s: 7\ntrial_wall_s: "
+                 "9\ntrial_memory_percent: 30\n"),
+      "memory=cached flush=none encoder=libx264 trial_processor_s=7 trial_wall_s=9 trial_memory_percent=30");
   EXPECT_THAT(SettingsOf("{encoder: 'h264_vaapi'} # comment"),
               AllOf(StartsWith("memory=device flush="), EndsWith("encoder=h264_vaapi trial_processor_s=20 "
-                                                                 "trial_memory_percent=50")));
+                                                                 "trial_wall_s=60 trial_memory_percent=50")));
   for (const char* const encoder : {"auto", "libx264", "h264_nvenc", "h264_vaapi", "h264_v4l2m2m"}) {
     EXPECT_THAT(SettingsOf(std::string("encoder: ") + encoder), HasSubstr(std::string("encoder=") + encoder));
   }
-  EXPECT_THAT(SettingsOf("trial_processor_s: 86400\ntrial_memory_percent: 100"),
-              EndsWith("trial_processor_s=86400 trial_memory_percent=100"));
+  EXPECT_THAT(SettingsOf("trial_processor_s: 86400\ntrial_wall_s: 86400\ntrial_memory_percent: 100"),
+              EndsWith("trial_processor_s=86400 trial_wall_s=86400 trial_memory_percent=100"));
 }
 
 TEST_F(SettingsTest, AnUnknownKeyIsNamedWithItsLine) {
-  ExpectRefused(
-      "# comment\nmemory: device\nencodr: auto\n",
-      ":3: unknown key 'encodr', expected memory, encoder, trial_processor_s or trial_memory_percent");
-  ExpectRefused(
-      "Memory: device\n",
-      ":1: unknown key 'Memory', expected memory, encoder, trial_processor_s or trial_memory_percent");
+  ExpectRefused("# comment\nmemory: device\nencodr: auto\n",
+                ":3: unknown key 'encodr', expected memory, encoder, trial_processor_s, trial_wall_s or "
+                "trial_memory_percent");
+  ExpectRefused("Memory: device\n",
+                ":1: unknown key 'Memory', expected memory, encoder, trial_processor_s, trial_wall_s or "
+                "trial_memory_percent");
 }
 
 TEST_F(SettingsTest, ABadValueIsNamedWithItsLineAndWhatIsExpected) {
@@ -138,8 +141,10 @@ TEST_F(SettingsTest, ABadValueIsNamedWithItsLineAndWhatIsExpected) {
   ExpectRefused("encoder: x264\n", ":1: encoder is 'x264'" + encoders);
   ExpectRefused("encoder: [auto]\n", ":1: encoder has no plain value" + encoders);
   for (const std::string value : {"0", "86401", "-1", "1.5", "20 s", "4294967297", "0x10"}) {
-    ExpectRefused("trial_processor_s: " + value, ":1: trial_processor_s is '" + value +
-                                                     "', expected a whole number of seconds from 1 to 86400");
+    for (const std::string key : {"trial_processor_s", "trial_wall_s"}) {
+      ExpectRefused(key + ": " + value,
+                    ":1: " + key + " is '" + value + "', expected a whole number of seconds from 1 to 86400");
+    }
   }
   ExpectRefused("trial_memory_percent: 101",
                 ":1: trial_memory_percent is '101', expected a whole number from 1 to 100");
@@ -179,10 +184,11 @@ TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
 
 TEST_F(SettingsTest, AfterARefusalThePlatformStarts) {
   ExpectRefused("a: b\n",
-                ":1: unknown key 'a', expected memory, encoder, trial_processor_s or "
+                ":1: unknown key 'a', expected memory, encoder, trial_processor_s, trial_wall_s or "
                 "trial_memory_percent");
-  EXPECT_EQ(SettingsOf("memory: cached"),
-            "memory=cached flush=none encoder=auto trial_processor_s=20 trial_memory_percent=50");
+  EXPECT_EQ(
+      SettingsOf("memory: cached"),
+      "memory=cached flush=none encoder=auto trial_processor_s=20 trial_wall_s=60 trial_memory_percent=50");
   EXPECT_THAT(SettingsOf(""), StartsWith("memory=device flush="));
 }
 

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace Ormis::host {
+
+/// Identifies a file and its present content: changes when the file is replaced or written. Device, inode,
+/// size, and the times of the last change of content and of the file. All zero: there is no such file.
+using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
+
+/// The files with weights that the model file `path` names, as it names them: relative to its folder. Of a
+/// file that is damaged or no model, those that can be read.
+std::set<std::string> ExternalWeights(const std::string& path);
+
+bool IsRegularFile(const std::string& path);
+
+/// The states of all files that the model consists of, the model file first.
+std::vector<FileState> StatesOfModel(const std::string& path);
+
+}  // namespace Ormis::host

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Which files a model consists of. Uses a part of the host platform directly: loads only show that a change
+// of one of them is noticed.
+#include "model_files.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "model_bytes.h"
+#include "model_test.h"
+
+namespace {
+
+using Ormis::host::ExternalWeights;
+using Ormis::host::StatesOfModel;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class ModelFilesTest : public ModelTest {};
+
+TEST_F(ModelFilesTest, AModelWithItsWeightsInsideHasOneFile) {
+  EXPECT_THAT(ExternalWeights(Write(TinyNetwork())), IsEmpty());
+  EXPECT_EQ(StatesOfModel(Write(TinyNetwork())).size(), 1U);
+}
+
+TEST_F(ModelFilesTest, WeightsAreFoundWhereverTensorsStand) {
+  const auto node = [](const std::string& attribute) { return Field(1, Field(5, attribute)); };
+  const std::string inner = Field(1, Field(5, Field(6, Field(5, ExternalTensor("nested.bin")))));
+  EXPECT_THAT(
+      ExternalWeights(
+          Write(onnx_writer::Serialize(TinyNetwork()) +                  //
+                Field(7, Field(5, ExternalTensor("initializer.bin"))) +  //
+                Field(7, node(Field(5, ExternalTensor("constant.bin")))) +
+                Field(7, node(Field(10, ExternalTensor("list.bin")))) + Field(7, node(Field(6, inner))) +
+                Field(7, Field(15, Field(1, ExternalTensor("sparse.bin")))) +
+                Field(25, Field(7, Field(5, Field(5, ExternalTensor("function.bin")))) + Field(1, "name")))),
+      ElementsAre("constant.bin", "function.bin", "initializer.bin", "list.bin", "nested.bin", "sparse.bin"));
+}
+
+TEST_F(ModelFilesTest, ADamagedModelNamesWhatPrecedesTheDamage) {
+  const std::string good = Field(7, Field(5, ExternalTensor("w.bin")));
+  const std::string named = good + Field(7, Field(5, ExternalTensor("more.bin")));
+  for (std::size_t size = 0; size < named.size(); ++size) {
+    const std::set<std::string> names = ExternalWeights(Write(named.substr(0, size)));
+    EXPECT_EQ(names.count("w.bin"), size >= good.size() ? 1U : 0U) << size;
+    EXPECT_EQ(names.count("more.bin"), 0U) << size;
+  }
+  EXPECT_THAT(ExternalWeights(Write(good + std::string(1000, '\xFF'))), ElementsAre("w.bin"));
+  EXPECT_THAT(ExternalWeights(Write(std::string("\x3A\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F"))), IsEmpty());
+  std::string deep = ExternalTensor("deep.bin");
+  for (int i = 0; i < 2000; ++i) deep = Field(1, Field(5, Field(6, deep)));
+  EXPECT_THAT(ExternalWeights(Write(Field(7, deep))), IsEmpty());
+}
+
+TEST_F(ModelFilesTest, WeightsLieInTheFolderOfTheModel) {
+  const std::string path = Write(Field(7, Field(5, ExternalTensor("w.bin"))));
+  const auto missing = StatesOfModel(path);
+  ASSERT_EQ(missing.size(), 2U);
+  EXPECT_EQ(missing[1], Ormis::host::FileState{});
+  std::ofstream(folder_ / "w.bin") << "weights";
+  const auto present = StatesOfModel(path);
+  EXPECT_EQ(present[0], missing[0]);
+  EXPECT_NE(present[1], missing[1]);
+  std::ofstream(folder_ / "w.bin") << "more weights";
+  EXPECT_NE(StatesOfModel(path)[1], present[1]);
+}
+
+}  // namespace
