@@ -133,7 +133,7 @@ class SettingsReader {
 
   /// The parser counts the lines of what it could decode later than it finds what it cannot.
   std::size_t LinesBefore(std::size_t offset) const {
-    std::rewind(file_);
+    if (std::fseek(file_, 0, SEEK_SET) != 0) return 0;
     std::size_t lines = 0;
     for (std::size_t at = 0; at < offset; ++at) lines += std::fgetc(file_) == '\n' ? 1 : 0;
     return lines;

@@ -29,9 +29,16 @@ function answerSection(comparison, title, sides) {
       el('p', {class: 'absent'}, methodText(comparison)));
 }
 
+// Larger numbers are not practical, and an exact value would suggest a certainty that is not there.
+const kManyRepeats = 9999;
+
+function repeatsText(repeats) {
+  return `${repeats > kManyRepeats ? 'more than ' : ''}${thousands(Math.min(repeats, kManyRepeats))} repeats would`;
+}
+
 function verdictText(figure) {
   const repeats = figure.verdict === 'cannot tell' && figure.repeats !== null;
-  const parts = [figure.verdict, ...(repeats ? [`${thousands(figure.repeats)} repeats would`] : []), figure.note];
+  const parts = [figure.verdict, ...(repeats ? [repeatsText(figure.repeats)] : []), figure.note];
   return parts.filter((part) => part !== '').join(': ');
 }
 

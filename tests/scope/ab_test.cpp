@@ -14,6 +14,7 @@
 #include "errors.h"
 #include "experiment_folder.h"
 #include "experiment_plan.h"
+#include "folder_lock.h"
 #include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
@@ -326,6 +327,24 @@ TEST_F(AbTest, AContinuedExperimentLooksAtWhatWasRecordedUntilThen) {
   const ToolResult result = RunTool({"ab", "--resume", Folder()});
   EXPECT_EQ(result.status, 1) << result.errors;
   EXPECT_THAT(result.output, HasSubstr("B is worse than A: cpu ops -"));
+}
+
+TEST_F(AbTest, ARunWithADamagedFileIsRecordedAgain) {
+  (void)Benchmark();
+  ASSERT_EQ(RunTool(Arguments(1000, 900)).status, 1);
+  folder_.Put("ab/a/002/run.json", "{");
+  const ToolResult resumed = RunTool({"ab", "--resume", Folder()});
+  EXPECT_EQ(resumed.status, 1) << resumed.errors;
+  EXPECT_THAT(resumed.errors,
+              AllOf(HasSubstr(Folder() + "/a/002/run.json"), HasSubstr("; the run is recorded again\n")));
+  EXPECT_TRUE(ReadRun(Folder() + "/a/002").info.complete);
+}
+
+TEST_F(AbTest, IsReadOnlyWhenNobodyElseRecordsIt) {
+  (void)folder_.Put("ab/experiment.json", "{");  // as another recorder may leave it for a moment
+  const FolderLock lock(Folder());
+  EXPECT_THAT(RunTool({"ab", "--resume", Folder()}).errors,
+              HasSubstr(Folder() + " is in use: another stress_scope records into it"));
 }
 
 TEST_F(AbTest, OutputOfACommandIsShownUnlessQuiet) {

@@ -139,6 +139,8 @@ constexpr const char* kBars =
     "bar.querySelector('.band').getAttribute('width')})),"
     " answer: getComputedStyle(document.querySelector('.answer')).borderLeftColor,"
     " fits: document.documentElement.scrollWidth <= innerWidth,"
+    " repeats: [1500, 9999, 10000].map((repeats) => verdictText({verdict: 'cannot tell', repeats, note: "
+    "''})),"
     " legend: Chart.getChart('cpu-rate').legend.legendItems.map(({text}) => text)};";
 
 TEST_F(PagesInBrowser, AComparisonShowsItsVerdictsAndTheRunsOfBothSides) {
@@ -166,6 +168,9 @@ TEST_F(PagesInBrowser, AComparisonShowsItsVerdictsAndTheRunsOfBothSides) {
   EXPECT_LT(bars[0]["value"], 110) << "left of 0";
   EXPECT_EQ(bars[0]["colour"], "rgb(179, 38, 30)");
   EXPECT_EQ(visit.page["extra"]["answer"], "rgb(179, 38, 30)");
+  EXPECT_EQ(visit.page["extra"]["repeats"],
+            json({"cannot tell: 1,500 repeats would", "cannot tell: 9,999 repeats would",
+                  "cannot tell: more than 9,999 repeats would"}));
 
   EXPECT_EQ(visit.page["extra"]["legend"], json::parse(R"(["A", "B"])"));
   const json rate = visit.Chart("cpu-rate")["series"];

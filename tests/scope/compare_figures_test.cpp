@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "compare_values.h"
 #include "run_reader.h"
 #include "synthetic_run.h"
 #include "temporary_folder.h"
@@ -176,6 +177,22 @@ TEST(CompareFigures, AreInTheOrderOfTheEnginesAndThenOfTheFigures) {
   for (std::size_t i = 0; i != order.size(); ++i) {
     for (std::size_t j = 0; j != order.size(); ++j) EXPECT_EQ(order[i] < order[j], i < j) << i << " " << j;
   }
+}
+
+// Nobody waits for a figure that decides nothing, however noisy it is.
+TEST(CompareFigures, RepeatsAreThoseOfJudgedFigures) {
+  const FigureKey ops = {"cpu", Figure::kOperations};
+  const FigureKey latency = {"cpu", Figure::kP99};
+  const std::vector<RunValues> a = {
+      {{ops, 100}, {latency, 10}}, {{ops, 110}, {latency, 90}}, {{ops, 105}, {latency, 30}}};
+  const Comparison comparison = CompareValues(a, {a.rbegin(), a.rend()}, {});
+  ASSERT_EQ(comparison.figures.size(), 2U);
+  EXPECT_EQ(comparison.figures[0].verdict, Verdict::kCannotTell);
+  ASSERT_TRUE(comparison.figures[0].repeats.has_value());
+  EXPECT_EQ(comparison.figures[1].verdict, Verdict::kNotJudged);
+  EXPECT_TRUE(comparison.figures[1].interval.has_value());
+  EXPECT_EQ(comparison.figures[1].repeats, std::nullopt);
+  EXPECT_EQ(comparison.repeats, comparison.figures[0].repeats);
 }
 
 }  // namespace

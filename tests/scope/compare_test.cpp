@@ -441,7 +441,7 @@ TEST_F(CompareTest, RefusesDifferentConditionsUnlessAllowed) {
   EXPECT_THAT(half.errors, AllOf(Not(HasSubstr("6.6")), HasSubstr("levels: cpu=1 in A")));
   const ToolResult allowed = RunTool({"compare", a, b, "--allow", "kernel,levels"});
   EXPECT_EQ(allowed.status, 4) << allowed.errors;
-  EXPECT_THAT(allowed.output, HasSubstr("Different, as allowed: kernel: 6.1 in A, 6.6 in B"));
+  EXPECT_THAT(allowed.output, HasSubstr("Different condition: kernel: 6.1 in A, 6.6 in B"));
   EXPECT_EQ(RunTool({"compare", a, b, "--force", "--allow-unclear"}).status, 0);
   EXPECT_EQ(RunTool({"compare", b, a, "--allow", "weather"}).status, 2);
 }
@@ -457,7 +457,7 @@ TEST_F(CompareTest, RefusesOtherConfigurationsUnlessAllowed) {
                                     HasSubstr("add --allow config\n")));
   const ToolResult allowed = RunTool({"compare", a, b, "--allow", "config"});
   EXPECT_EQ(allowed.status, 4) << allowed.errors;
-  EXPECT_THAT(allowed.output, HasSubstr("Different, as allowed: config: runTimes=40 in A, runTimes=60 in B"));
+  EXPECT_THAT(allowed.output, HasSubstr("Different condition: config: runTimes=40 in A, runTimes=60 in B"));
 }
 
 TEST_F(CompareTest, WhatItCannotDoIsNoRegression) {

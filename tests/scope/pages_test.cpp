@@ -10,11 +10,13 @@
 
 #include "comparison_text.h"
 #include "made_run.h"
+#include "page_data.h"
 #include "page_json.h"
 #include "sweep_text.h"
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using Json = nlohmann::json;
@@ -181,6 +183,14 @@ TEST(SweepPage, WithoutABandwidthThereIsNoSaturation) {
   EXPECT_EQ(data.at("points").at(0).at("figures"), Json::array());
 }
 
+TEST(JsonText, EscapesWhatControlsATerminal) {
+  const std::string text = "\x1b\x7f\xc2\x80\xc2\x9f\xc2\xa0\xc3\xa9\xc2";
+  const std::string printed = JsonText(scope::Json{{"text\x7f", text}});
+  EXPECT_EQ(printed,
+            "{\n  \"text\\u007f\": \"\\u001b\\u007f\\u0080\\u009f\xc2\xa0\xc3\xa9\xef\xbf\xbd\"\n}\n");
+  EXPECT_EQ(Json::parse(printed).at("text\x7f"), "\x1b\x7f\xc2\x80\xc2\x9f\xc2\xa0\xc3\xa9\xef\xbf\xbd");
+}
+
 TEST(SweepPage, NothingLeadsOutOfItsData) {
   SweepTable table = TableOf({{5}});
   table.notes = {kHostile};
@@ -217,6 +227,11 @@ TEST(SaturationSentence, GivesTheIntervalOverTheRepeats) {
       "The repeats put it at 97.3 to 98.5 % of the best.\n");
   EXPECT_THAT(TotalOf({{5, 5.01}, {9.2, 10}, {9.5, 10.5}}),
               HasSubstr("of the best, so they do not show that.\n"));
+}
+
+TEST(SaturationSentence, WithAnIntervalTheUncertaintyIsKnown) {
+  EXPECT_THAT(TotalOf({{5}, {9.78, 9.8}, {9.99, 10.01}}),
+              AllOf(HasSubstr("The repeats put it at "), Not(HasSubstr("Uncertainty not known"))));
 }
 
 // The point with 9.9 GB/s has fewer threads of the copies, but others of the encoders.

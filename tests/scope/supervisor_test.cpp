@@ -143,11 +143,26 @@ TEST_F(SupervisorTest, ABenchmarkMayBeSilentWithinItsRunTimeAndTwoSecondsMore) {
   EXPECT_THAT(supervisor_.Fault(), StartsWith("the benchmark hangs"));
 }
 
-TEST_F(SupervisorTest, ABenchmarkThatStillWorksDoesNotHang) {
-  for (double nowS = 0; nowS < 500; nowS += 10) {
+TEST_F(SupervisorTest, ABenchmarkThatStillWorksHangsAMinuteAfterItsEnd) {
+  for (double nowS = 0; nowS < 90; nowS += 10) {
     supervisor_.SignOfLife(nowS);
     Expect(supervisor_.TimePassed(nowS + 9), Send::kNothing, "", State::kRunning);
   }
+  supervisor_.SignOfLife(102);
+  Expect(supervisor_.TimePassed(102), Send::kNothing, "", State::kRunning);
+  supervisor_.SignOfLife(103);
+  Expect(supervisor_.TimePassed(103), Send::kSigint,
+         "the benchmark hangs: its run time of 40 s is over, and it still prints or works 63 s later",
+         State::kStopping);
+}
+
+TEST_F(SupervisorTest, ALongerGraceLetsTheBenchmarkWorkLonger) {
+  Supervisor::Limits limits = Limits();
+  limits.graceS = 20;
+  supervisor_ = Supervisor(limits);
+  supervisor_.SignOfLife(122);
+  Expect(supervisor_.TimePassed(122), Send::kNothing, "", State::kRunning);
+  EXPECT_EQ(supervisor_.TimePassed(122.001).send, Send::kSigint);
 }
 
 TEST_F(SupervisorTest, ARecordingThatFailsEndsTheBenchmark) {

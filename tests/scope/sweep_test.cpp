@@ -16,6 +16,7 @@
 #include "compare_values.h"
 #include "configuration.h"
 #include "errors.h"
+#include "folder_lock.h"
 #include "page_json.h"
 #include "report.h"
 #include "run_reader.h"
@@ -31,6 +32,7 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -220,6 +222,25 @@ TEST_F(SweepTest, SaysThatRunsWereDisturbed) {
                                   "the CPUs' time, at most 50 %"));
 }
 
+TEST_F(SweepTest, ManyDisturbedRunsAreCounted) {
+  const Sweep sweep = Recorded(ParseAxes({"CPU=1..6"}), {{1}, {2}, {3}, {4}, {5}, {6}});
+  const auto disturbedOf = [&](std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      folder_.Put("sweep/" + sweep.runs[i].folder + "/counters.csv",
+                  "time_s,source,name,unit,value\n1.000,load,steal,CPUs,1\n");
+    }
+    std::vector<std::string> notes;
+    for (const std::string& note : ReadSweepTable(Folder(), sweep).notes) {
+      if (note.find("disturbed") != std::string::npos) notes.push_back(note);
+    }
+    return notes;
+  };
+  EXPECT_EQ(disturbedOf(3).size(), 3U);
+  EXPECT_THAT(disturbedOf(4), ElementsAre(HasSubstr("CPU=1"), HasSubstr("CPU=2"), HasSubstr("CPU=3"),
+                                          "1 more run was disturbed"));
+  EXPECT_THAT(disturbedOf(6), Contains("3 more runs were disturbed"));
+}
+
 TEST_F(SweepTest, ReadsWhatItWrote) {
   Sweep sweep;
   sweep.started = "2026-11-21T04:00:00Z";
@@ -368,6 +389,26 @@ TEST_F(SweepTest, ARunWhoseFolderHasGoneIsRecordedAgain) {
   EXPECT_EQ(resumed.status, 0) << resumed.errors;
   EXPECT_THAT(resumed.output, HasSubstr("1 of 2 runs to record"));
   EXPECT_TRUE(IsRunFolder(Folder() + "/run-0002"));
+}
+
+TEST_F(SweepTest, ARunWithADamagedFileIsRecordedAgain) {
+  const std::string benchmark = Counting();
+  ASSERT_EQ(RunTool(SweepOf(benchmark, {"--levels", "CPU=1,2"})).status, 0);
+  folder_.Put("sweep/run-0002/run.json", "{\"format\":");
+  const ToolResult resumed = RunTool({"sweep", "--resume", Folder()});
+  EXPECT_EQ(resumed.status, 0) << resumed.errors;
+  EXPECT_THAT(resumed.output, HasSubstr("1 of 2 runs to record"));
+  EXPECT_THAT(resumed.errors,
+              AllOf(HasSubstr(Folder() + "/run-0002/run.json"), HasSubstr("; the run is recorded again\n")));
+  EXPECT_TRUE(ReadRun(Folder() + "/run-0002").info.complete);
+}
+
+TEST_F(SweepTest, IsReadOnlyWhenNobodyElseRecordsIt) {
+  ASSERT_EQ(RunTool(SweepOf(Counting(), {"--levels", "CPU=1"})).status, 0);
+  folder_.Put("sweep/sweep.json", "{");  // as another recorder may leave it for a moment
+  const FolderLock lock(Folder());
+  EXPECT_THAT(RunTool({"sweep", "--resume", Folder()}).errors,
+              HasSubstr(Folder() + " is in use: another stress_scope records into it"));
 }
 
 TEST_F(SweepTest, ARunThatFailsIsReportedAndTheOthersAreRecorded) {

@@ -32,11 +32,12 @@ SideRuns Read(const Side& side, const CompareOptions& options) {
   return read;
 }
 
-void NoteRuns(const SideRuns& side, double skipS, std::vector<std::string>& notes) {
+void NoteRuns(const SideRuns& side, double skipS, std::vector<std::string>& disturbances,
+              std::vector<std::string>& notes) {
   for (const auto& [run, summary] : side.runs) {
     for (const std::string& note : run->notes) notes.push_back(run->folder + ": " + note);
     const std::string disturbance = Disturbance(*run).text;
-    if (!disturbance.empty()) notes.push_back(run->folder + ": " + disturbance);
+    if (!disturbance.empty()) disturbances.push_back(run->folder + ": " + disturbance);
     for (const auto& [key, values] : FiguresOf(summary, skipS)) {
       const std::string drift = key.figure == Figure::kOperations ? Drift(values) : std::string();
       if (!drift.empty()) notes.push_back(run->folder + ": " + key.engine + ": " + drift);
@@ -61,8 +62,10 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
   if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
   comparison.findings = CompareTroubles(ofA.runs, ofB.runs);
   comparison.answer = AnswerOf(comparison);
-  NoteRuns(ofA, options.skipS, comparison.notes);
-  NoteRuns(ofB, options.skipS, comparison.notes);
+  std::vector<std::string> disturbances;
+  NoteRuns(ofA, options.skipS, disturbances, comparison.notes);
+  NoteRuns(ofB, options.skipS, disturbances, comparison.notes);
+  AddDisturbances(disturbances, comparison.notes);
   return comparison;
 }
 

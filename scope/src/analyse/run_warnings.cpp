@@ -241,6 +241,15 @@ Warning Disturbance(const Run& run) {
           firstS};
 }
 
+void AddDisturbances(const std::vector<std::string>& disturbances, std::vector<std::string>& notes) {
+  constexpr std::size_t kShown = 3;
+  const std::size_t shown = std::min(disturbances.size(), kShown);
+  notes.insert(notes.end(), disturbances.begin(), disturbances.begin() + static_cast<std::ptrdiff_t>(shown));
+  const std::size_t more = disturbances.size() - shown;
+  if (more == 0) return;
+  notes.push_back(Counted(more, "more run") + (more == 1 ? " was disturbed" : " were disturbed"));
+}
+
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
   for (const std::string& note : run.notes) warnings.push_back({note});

@@ -25,6 +25,9 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 /// if the run does not know.
 Warning Disturbance(const Run& run);
 
+/// Adds the notes on disturbed runs to `notes`: the first three, and how many more there are.
+void AddDisturbances(const std::vector<std::string>& disturbances, std::vector<std::string>& notes);
+
 /// Warns if `engine`, or a thread of it, stopped working before the run ended at `endS`. The sentence does
 /// not name the engine. It is empty if all threads worked to the end, and for an engine of a set-up.
 Warning EarlyEnd(const EngineSummary& engine, double endS);

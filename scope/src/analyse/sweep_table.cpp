@@ -32,6 +32,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
   table.axes = sweep.axes;
   std::set<FigureKey> keys;
   std::vector<Run> runs;
+  std::vector<std::string> disturbances;
   std::size_t notDone = 0;
   for (const SweepRun& planned : sweep.runs) {
     if (table.points.empty() || table.points.back().levels != planned.levels) {
@@ -54,7 +55,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
         if (!text.empty()) table.notes.push_back(where + engine + ": " + text);
       };
       const std::string disturbance = Disturbance(run).text;
-      if (!disturbance.empty()) table.notes.push_back(where + disturbance);
+      if (!disturbance.empty()) disturbances.push_back(where + disturbance);
       for (const EngineSummary& engine : summary.engines)
         note(engine.engine, EarlyEnd(engine, summary.endS).text);
       auto figures = FiguresOf(summary, sweep.settings.warmupS);
@@ -75,6 +76,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       ++notDone;
     }
   }
+  AddDisturbances(disturbances, table.notes);
   if (notDone != 0) {
     table.notes.push_back("not done: " + std::to_string(notDone) + " of " +
                           Counted(sweep.runs.size(), "run"));

@@ -24,7 +24,6 @@
 #include "live_view.h"
 #include "printable.h"
 #include "record.h"
-#include "run_reader.h"
 #include "run_tables.h"
 #include "series.h"
 #include "setting_switch.h"
@@ -91,8 +90,8 @@ Experiment PrepareExperiment(const AbOptions& options, std::unique_ptr<FolderLoc
 Experiment ResumeExperiment(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   for (const std::string name : {kExperimentName, kSeriesConfig, "a", "b"})
     RequireNoLink(folder + "/" + name);
+  if (IsExperimentFolder(folder)) lock = std::make_unique<FolderLock>(folder);
   Experiment experiment = ReadExperiment(folder);
-  lock = std::make_unique<FolderLock>(folder);
   for (const ExperimentRun& run : experiment.runs) RequireNoLink(folder + "/" + run.folder);
   const ExperimentSettings& settings = experiment.settings;
   if (output == Output::kText) {
@@ -145,8 +144,7 @@ class Runner {
 
  private:
   bool IsDone(ExperimentRun& run) const {
-    const std::string path = folder_ + "/" + run.folder;
-    if (run.state == SweepState::kDone && IsRunFolder(path) && ReadRunInfo(path).complete) return true;
+    if (run.state == SweepState::kDone && IsRecorded(folder_ + "/" + run.folder)) return true;
     run.state = SweepState::kPlanned;
     return false;
   }

@@ -9,6 +9,7 @@
 #include "durable_file.h"
 #include "errors.h"
 #include "printable.h"
+#include "run_reader.h"
 #include "text_format.h"
 
 namespace scope {
@@ -53,6 +54,16 @@ std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const st
   auto lock = std::make_unique<FolderLock>(folder);
   ReplaceFile(folder + "/" + kSeriesConfig, config);
   return lock;
+}
+
+bool IsRecorded(const std::string& folder) {
+  if (!IsRunFolder(folder)) return false;
+  try {
+    return ReadRunInfo(folder).complete;
+  } catch (const DamagedFolder& error) {
+    std::cerr << "stress_scope: " << Printable(error.what()) << "; the run is recorded again" << std::endl;
+    return false;
+  }
 }
 
 void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named) {

@@ -32,6 +32,9 @@ void CheckRunLength(double runS, double warmupS);
 /// the folder exists and is not empty.
 std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config);
 
+/// True if the folder of a run holds a complete recording. Prints a warning if its run.json is damaged.
+bool IsRecorded(const std::string& folder);
+
 /// Before a series is continued, whose folder may come from elsewhere: prints each program or command that
 /// `file` names, with what it is for. Empty ones are left out.
 void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named);

@@ -14,7 +14,6 @@
 #include "live_view.h"
 #include "printable.h"
 #include "record.h"
-#include "run_reader.h"
 #include "run_tables.h"
 #include "series.h"
 #include "sweep_folder.h"
@@ -73,8 +72,8 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
 Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   RequireNoLink(folder + "/" + kSweepName);
   RequireNoLink(folder + "/" + kSeriesConfig);
+  if (IsSweepFolder(folder)) lock = std::make_unique<FolderLock>(folder);
   Sweep sweep = ReadSweep(folder);
-  lock = std::make_unique<FolderLock>(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
   if (output == Output::kText) {
     TellWhatRuns(folder + "/" + kSweepName, {{"program to run", sweep.settings.benchmark},
@@ -87,9 +86,8 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
 std::vector<SweepRun*> RunsToRecord(const std::string& folder, Sweep& sweep) {
   std::vector<SweepRun*> toRecord;
   for (SweepRun& run : sweep.runs) {
-    if (run.state == SweepState::kDone) {
-      const std::string path = folder + "/" + run.folder;
-      if (!IsRunFolder(path) || !ReadRunInfo(path).complete) run.state = SweepState::kPlanned;
+    if (run.state == SweepState::kDone && !IsRecorded(folder + "/" + run.folder)) {
+      run.state = SweepState::kPlanned;
     }
     if (run.state != SweepState::kDone) toRecord.push_back(&run);
   }

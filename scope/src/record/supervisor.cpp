@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "supervisor.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "text_format.h"
@@ -11,6 +12,9 @@ namespace {
 // The benchmark's run-time limiter ends a second after it set the flag. The engines need time to start and
 // end.
 constexpr double kUsualEndS = 2;
+// A worker ends with the operation that it is in. A benchmark that works for longer has missed its end.
+constexpr double kLongestEndS = 60;
+constexpr double kLongestEndGraces = 4;
 // One Ctrl-C may arrive twice: from the terminal, and from a parent program that passes it on.
 constexpr double kSameSignalS = 1;
 
@@ -28,10 +32,9 @@ std::string SignalText(int signal) {
 Supervisor::Decision Supervisor::TimePassed(double nowS) {
   if (state_ == State::kRunning) {
     if (limits_.stopAfterS > 0 && nowS >= limits_.stopAfterS) return {Ask(nowS), ""};
-    if (!Hangs(nowS)) return {};
-    return {Ask(nowS), FirstFault("the benchmark hangs: its run time of " + Seconds(limits_.runTimeS) +
-                                  " is over, and there was neither a rate line nor an operation for " +
-                                  Seconds(limits_.graceS))};
+    const std::string hang = Hang(nowS);
+    if (hang.empty()) return {};
+    return {Ask(nowS), FirstFault(hang)};
   }
   if (state_ == State::kStopping && nowS > askedS_ + limits_.graceS) {
     return {Kill(), FirstFault("the benchmark did not end within " + Seconds(limits_.graceS) +
@@ -74,8 +77,17 @@ std::string Supervisor::FirstFault(const std::string& fault) {
   return fault;
 }
 
-bool Supervisor::Hangs(double nowS) const {
-  return nowS > limits_.runTimeS + kUsualEndS && nowS > lastLifeS_ + limits_.graceS;
+std::string Supervisor::Hang(double nowS) const {
+  const double endS = limits_.runTimeS + kUsualEndS;
+  const std::string hangs =
+      "the benchmark hangs: its run time of " + Seconds(limits_.runTimeS) + " is over, and ";
+  if (nowS > endS && nowS > lastLifeS_ + limits_.graceS) {
+    return hangs + "there was neither a rate line nor an operation for " + Seconds(limits_.graceS);
+  }
+  if (nowS > endS + std::max(kLongestEndS, kLongestEndGraces * limits_.graceS)) {
+    return hangs + "it still prints or works " + Seconds(nowS - limits_.runTimeS) + " later";
+  }
+  return "";
 }
 
 std::string Supervisor::FaultOf(const Ending& ending) const {

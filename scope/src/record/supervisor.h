@@ -31,7 +31,9 @@ class Supervisor {
     std::string program;    ///< the benchmark's path, for messages
     double runTimeS = 0;    ///< how long it runs by itself
     double stopAfterS = 0;  ///< when it is asked to end; 0: never
-    double graceS = 15;     ///< longest silence past the run time, and longest time to end after SIGINT
+    /// Longest silence past the run time, and longest time to end after SIGINT. Past the run time the
+    /// benchmark may work for a minute, or four times this if that is longer.
+    double graceS = 15;
   };
 
   enum class Meter {
@@ -70,7 +72,8 @@ class Supervisor {
   Send Ask(double nowS);
   Send Kill();
   std::string FirstFault(const std::string& fault);
-  bool Hangs(double nowS) const;
+  /// The fault of a benchmark that does not end by itself; empty if it is in time.
+  std::string Hang(double nowS) const;
   std::string FaultOf(const Ending& ending) const;
 
   Limits limits_;

@@ -180,7 +180,7 @@ std::string ComparisonText(const Side& a, const Side& b, const Comparison& compa
     text += ".\n";
   }
   for (const ConditionDifference& difference : differences) {
-    text += "Different, as allowed: " + difference.name + ": " + difference.a + " in A, " + difference.b +
+    text += "Different condition: " + difference.name + ": " + difference.a + " in A, " + difference.b +
             " in B\n";
   }
   text += '\n' + TableOf(comparison, style);

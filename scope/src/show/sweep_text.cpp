@@ -126,7 +126,8 @@ std::string SaturationSentence(const SweepTable& table, const std::string& engin
                    100 + saturation.fromBest->high);
     text += saturation.fromBest->low < -kSaturatedPercent ? ", so they do not show that." : ".";
   }
-  if (!saturation.hasRepeats) text += " Uncertainty not known: sweep with --repeat 4.";
+  if (!saturation.fromBest && !saturation.hasRepeats)
+    text += " Uncertainty not known: sweep with --repeat 4.";
   if (saturation.indistinct) {
     text += " These repeats cannot distinguish the best from " + at(*saturation.indistinct) +
             ". Record more of them, or use a quieter machine.";

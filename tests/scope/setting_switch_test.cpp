@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "setting_switch.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+
+namespace {
+
+/// A terminal as the standard input of this process.
+class TerminalAsInput {
+ public:
+  TerminalAsInput() : before_(dup(STDIN_FILENO)), keys_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_TRUE(grantpt(keys_) == 0 && unlockpt(keys_) == 0);
+    const int terminal = open(ptsname(keys_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(dup2(terminal, STDIN_FILENO), STDIN_FILENO);
+    (void)close(terminal);
+  }
+  ~TerminalAsInput() {
+    (void)dup2(before_, STDIN_FILENO);
+    (void)close(before_);
+    (void)close(keys_);
+  }
+  TerminalAsInput(const TerminalAsInput&) = delete;
+  TerminalAsInput& operator=(const TerminalAsInput&) = delete;
+
+  void PressEnter() const { EXPECT_EQ(write(keys_, "\n", 1), 1); }
+
+ private:
+  int before_;
+  int keys_;
+};
+
+TEST(SettingSwitchTest, ALineThatWasTypedBeforeThePromptIsNoAnswer) {
+  using std::chrono::milliseconds;
+  const TerminalAsInput terminal;
+  terminal.PressEnter();
+  scope::Signals signals;
+  testing::internal::CaptureStderr();
+  auto answer = std::async(std::launch::async, [&] { return scope::AskForSwitch("B", signals); });
+  EXPECT_EQ(answer.wait_for(milliseconds(300)), std::future_status::timeout);
+  // More than once: what comes before the prompt is dropped.
+  while (answer.wait_for(milliseconds(20)) == std::future_status::timeout) terminal.PressEnter();
+  EXPECT_TRUE(answer.get());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Make setting B and press Enter: ");
+}
+
+}  // namespace
