@@ -67,12 +67,11 @@ class Load : public ProgramTest {
 };
 
 TEST_F(Load, EveryStressAtLevel2WorksAndStops) {
-  if (kAddressSanitized) GTEST_SKIP() << "level 10 runs the same code, and this takes a minute";
   RunEveryStress(2);
 }
 
 TEST_F(Load, EveryStressAtLevel10WorksAndStops) {
-  if (kThreadSanitized) GTEST_SKIP() << "level 2 has every pair of threads already, and this takes minutes";
+  if (kSanitized) GTEST_SKIP() << "level 2 has every pair of threads already, and this takes minutes";
   RunEveryStress(10);
 }
 
