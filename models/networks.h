@@ -19,8 +19,8 @@ constexpr std::int64_t kMinMemoryMegabytes = 1;
 constexpr std::int64_t kMaxMemoryMegabytes = 2000;
 
 /// A network that reads each of its weights once an inference and computes little with them, as large
-/// networks do with one input at a time: fully connected layers of equal width, each with biases and
-/// rectified, batch 1. Its weights have `megabytes` x 10^6 bytes, and what rounding up to a whole width adds:
-/// below 13 % of 1 MB, below 2 % from 64 MB on. Input "features", and an output as wide. Its tensors are
-/// "dense0Weight", "dense0Bias" and so on.
+/// networks do that serve one request at a time: fully connected layers of equal width, each with biases and
+/// rectified, batch 1. Its weights have `megabytes` x 10^6 bytes or, because the width is rounded up, some
+/// more: at most 13 %, and 2 % from 64 MB on. Input "features" and the last output have the width of a layer.
+/// Its tensors are "dense0Weight", "dense0Bias" and so on.
 onnx_writer::Graph MemoryNetwork(std::int64_t megabytes);

@@ -137,6 +137,44 @@ TEST_F(DnnBasicsTest, OutputsAreThoseComputedIndependently) {
   }
 }
 
+Values ComputeMemory(const onnx_writer::Graph& graph, Values values) {
+  for (std::size_t layer = 0; layer * 2 < graph.initializers.size(); ++layer) {
+    const std::string name = "dense" + std::to_string(layer);
+    const Values& weight = Weights(graph, (name + "Weight").c_str());
+    Values sums = Weights(graph, (name + "Bias").c_str());
+    for (std::size_t output = 0; output < sums.size(); ++output) {
+      double sum = 0;
+      for (std::size_t i = 0; i < values.size(); ++i) {
+        sum += double{weight[output * values.size() + i]} * double{values[i]};
+      }
+      sums[output] += static_cast<float>(sum);
+    }
+    Rectify(sums);
+    values = sums;
+  }
+  return values;
+}
+
+TEST_F(DnnTest, TheNetworkThatLoadsMemoryUsesAllItsWeights) {
+  const onnx_writer::Graph graph = MemoryNetwork(1);
+  std::size_t weights = 0;
+  for (const onnx_writer::Tensor& tensor : graph.initializers) {
+    if (tensor.shape.size() == 2) weights += tensor.values.size() * sizeof(float);
+  }
+  EXPECT_GE(weights, 1'000'000U);
+  EXPECT_LE(weights, 1'130'000U);
+  Loaded model(Write(graph));
+  const std::size_t width = model.handle.inputs.at(0).sizeBytes / sizeof(float);
+  const Values features = SomeImage(width, 1);
+  std::copy(features.begin(), features.end(), model.Input());
+  ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
+  const Values expected = ComputeMemory(graph, features);
+  const Values output = model.Output();
+  ASSERT_EQ(output.size(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_NEAR(output[i], expected[i], 1e-4f) << i;
+  EXPECT_GT(*std::max_element(output.begin(), output.end()), 0.1f) << "the values vanish";
+}
+
 TEST_F(DnnTest, UntouchedInputsAreZeros) {
   Loaded model(Write(TinyNetwork()));
   ASSERT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
