@@ -24,6 +24,7 @@ struct AreaColumns {
   std::uint32_t offset = 0;   ///< added to each weighted sum; modulo 2^32
   double inverse = 0;         ///< of the area: what a sum is multiplied with
   bool floatIsExact = false;  ///< a float has enough bits for the division
+  bool quarters = false;      ///< each result pixel is the mean of 2 x 2 source pixels
 };
 
 /// Kernels store sums of pixels less this, so that they fit into 16 bits with a sign.
@@ -44,9 +45,9 @@ struct AreaKernel {
 };
 
 inline std::size_t AreaSumsBeyond(const AreaColumns& columns) {
-  return std::size_t{2} * columns.pairs * columns.channels + 8;
+  return std::size_t{2} * columns.pairs * columns.channels + 16;
 }
-constexpr std::size_t kResultBeyond = 8;
+constexpr std::size_t kResultBeyond = 16;
 
 /// The kernels that this processor can run, slowest first. There is always one.
 const portable::RoutineList<AreaKernel>& AreaKernels();

@@ -242,6 +242,7 @@ bool AreaScaler::PrepareKernel(const Job& job) {
   columns_.offset = static_cast<std::uint32_t>(job.area / 2) + kSumBias * job.columns.resultUnits;
   columns_.inverse = 1.0 / static_cast<double>(job.area);
   columns_.floatIsExact = job.area <= 8192;
+  columns_.quarters = job.columns.resultUnits == 2 && job.area == 4;
   columns_.first.assign(columns_.period, 0);
   columns_.weights.assign(weights, 0);
   for (std::uint32_t x = 0; x < std::min(columns_.period, width); ++x) {
