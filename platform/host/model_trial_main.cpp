@@ -43,7 +43,7 @@ const char* const kUsage = R"(usage: model_trial FILE SECONDS PERCENT
 Loads the model FILE and runs it once. libormis.so starts this program, because a damaged model may crash it.
 
   SECONDS    most seconds of processor time
-  PERCENT    most memory, of the machine's
+  PERCENT    most memory, in per cent of memory: of the machine's, or of the control group's limit
   --help     print this help
   --version  print the version
 )";

@@ -75,8 +75,7 @@ TEST_F(Load, EveryStressAtLevel10WorksAndStops) {
   RunEveryStress(10);
 }
 
-// An endless model with ten workers: without the memory of a failed trial the run would go on for ten of
-// them.
+// An endless model with ten workers. If a failed trial were not remembered, the run would last ten trials.
 TEST_F(Load, ARunEndsOneTrialAfterSigintAtMost) {
   if (kSanitized) GTEST_SKIP() << "the trial is a process of its own, which the program only waits for";
   std::ofstream(Directory() / "endless.onnx", std::ios::binary) << onnx_writer::Serialize(EndlessNetwork());
