@@ -10,6 +10,8 @@
 #include <memory>
 #include <utility>
 
+#include "model_inputs.h"
+
 namespace Ormis::host {
 
 namespace {
@@ -28,7 +30,7 @@ enum class Message : std::uint8_t {
 
 struct Field {
   Message in;
-  std::uint64_t number;
+  std::uint8_t number;
   Message is;
 };
 
@@ -158,6 +160,7 @@ bool IsRegularFile(const std::string& path) {
 std::vector<FileState> StatesOfModel(const std::string& path) {
   std::vector<FileState> states = {StateOf(path)};
   const std::string folder = path.substr(0, path.rfind('/') + 1);
+  states.push_back(StateOf(InputsPath(path)));
   for (const std::string& name : ExternalWeights(path)) states.push_back(StateOf(folder + name));
   return states;
 }

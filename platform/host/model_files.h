@@ -21,7 +21,7 @@ std::set<std::string> ExternalWeights(const std::string& path);
 
 bool IsRegularFile(const std::string& path);
 
-/// The states of all files that the model consists of, the model file first.
+/// The states of all files that the model consists of: the model file, its file of inputs, its weights.
 std::vector<FileState> StatesOfModel(const std::string& path);
 
 }  // namespace Ormis::host

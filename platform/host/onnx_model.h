@@ -20,9 +20,11 @@ struct Outcome {
 
 /// One input or output of a model, and the memory behind it.
 struct OnnxTensor {
-  void* data = nullptr;  ///< owned by the model; page-aligned, zeroed when created
+  void* data = nullptr;  ///< owned by the model; page-aligned
   std::size_t sizeBytes = 0;
 };
+
+struct OnnxTensors;
 
 /// A model that ONNX Runtime has loaded. It runs on the calling thread and starts no thread.
 /// Threads: one at a time.
@@ -38,7 +40,9 @@ class OnnxModel {
   bool HasInputs() const;
   bool HasOutputs() const;
 
-  /// Create the buffers: all of them or none. A dimension that the model leaves open becomes 1.
+  /// Create the buffers: all of them or none. A file of inputs beside the model (model_inputs.h) says how
+  /// large inputs are and what they hold; else they have usual sizes, and zeros. Where the model leaves sizes
+  /// of outputs open, they are those of a first inference.
   Outcome CreateInputs();
   Outcome CreateOutputs();
   const std::vector<OnnxTensor>& Inputs() const;
@@ -59,6 +63,8 @@ class OnnxModel {
 
  private:
   struct State;
+  Outcome MakeInputs(OnnxTensors& inputs) const;
+  Outcome LearnOutputs(std::vector<std::vector<std::int64_t>>& shapes) const;
   explicit OnnxModel(std::unique_ptr<State> state);
   std::unique_ptr<State> state_;
 };

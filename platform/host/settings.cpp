@@ -2,22 +2,16 @@
 #include "settings.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
-#include <yaml.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <memory>
-#include <new>
 #include <set>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "cache_flush.h"
+#include "yaml_events.h"
 
 namespace Ormis::host {
 
@@ -80,97 +74,26 @@ std::string KeyNames() {
   return names;
 }
 
-/// Reads a mapping of scalars from the parser's events. Anything else is refused where it begins, so nothing
-/// can be nested.
-class SettingsReader {
- public:
-  SettingsReader(const std::string& path, std::FILE* file) : path_(path), file_(file) {
-    if (yaml_parser_initialize(&parser_) == 0) throw std::bad_alloc();
-    yaml_parser_set_input_file(&parser_, file);
+/// Reads the key that is the present event, and its value. `seen`: the keys so far.
+void ReadSetting(YamlEvents& events, std::set<std::string>& seen, Settings& settings) {
+  const std::string name = events.Text();
+  const SettingKey* const key = std::find_if(std::begin(kSettingKeys), std::end(kSettingKeys),
+                                             [&](const SettingKey& one) { return one.name == name; });
+  if (key == std::end(kSettingKeys)) events.Fail("unknown key '" + name + "', expected " + KeyNames());
+  if (!seen.insert(name).second) events.Fail("'" + name + "' stands there twice, expected it once");
+  if (events.Next() != YAML_SCALAR_EVENT)
+    events.Fail(name + " has no plain value, expected " + key->expected);
+  if (!key->set(events.Text(), settings)) {
+    events.Fail(name + " is '" + events.Text() + "', expected " + key->expected);
   }
-  ~SettingsReader() {
-    yaml_event_delete(&event_);
-    yaml_parser_delete(&parser_);
-  }
-  SettingsReader(const SettingsReader&) = delete;
-  SettingsReader& operator=(const SettingsReader&) = delete;
-
-  /// Throws std::runtime_error with the message.
-  void Read(Settings& settings) {
-    (void)Next();  // the start of the stream
-    if (Next() == YAML_STREAM_END_EVENT) return;
-    const yaml_event_type_t top = Next();
-    const bool empty = top == YAML_SCALAR_EVENT && Text().empty();
-    if (!empty && top != YAML_MAPPING_START_EVENT) Fail("expected lines of KEY: VALUE");
-    while (!empty && Next() != YAML_MAPPING_END_EVENT) ReadPair(settings);
-    (void)Next();  // the end of the document
-    if (Next() != YAML_STREAM_END_EVENT) Fail("a second document, expected one");
-  }
-
- private:
-  void ReadPair(Settings& settings) {
-    if (event_.type != YAML_SCALAR_EVENT) Fail("expected KEY: VALUE");
-    const std::string name = Text();
-    const SettingKey* const key = std::find_if(std::begin(kSettingKeys), std::end(kSettingKeys),
-                                               [&](const SettingKey& one) { return one.name == name; });
-    if (key == std::end(kSettingKeys)) Fail("unknown key '" + name + "', expected " + KeyNames());
-    if (!seen_.insert(name).second) Fail("'" + name + "' stands there twice, expected it once");
-    if (Next() != YAML_SCALAR_EVENT) Fail(name + " has no plain value, expected " + key->expected);
-    if (!key->set(Text(), settings)) Fail(name + " is '" + Text() + "', expected " + key->expected);
-  }
-
-  yaml_event_type_t Next() {
-    yaml_event_delete(&event_);
-    if (yaml_parser_parse(&parser_, &event_) != 0) return event_.type;
-    if (parser_.error == YAML_MEMORY_ERROR) throw std::bad_alloc();
-    if (std::ferror(file_) != 0) {
-      throw std::runtime_error("cannot read " + path_ + ": " + std::generic_category().message(errno));
-    }
-    event_.start_mark = parser_.problem_mark;
-    if (parser_.error == YAML_READER_ERROR) event_.start_mark.line = LinesBefore(parser_.problem_offset);
-    Fail(parser_.problem == nullptr ? "not YAML" : parser_.problem);
-  }
-
-  /// The parser counts the lines of what it could decode later than it finds what it cannot.
-  std::size_t LinesBefore(std::size_t offset) const {
-    if (std::fseek(file_, 0, SEEK_SET) != 0) return 0;
-    std::size_t lines = 0;
-    for (std::size_t at = 0; at < offset; ++at) lines += std::fgetc(file_) == '\n' ? 1 : 0;
-    return lines;
-  }
-
-  std::string Text() const {
-    return {reinterpret_cast<const char*>(event_.data.scalar.value), event_.data.scalar.length};
-  }
-
-  [[noreturn]] void Fail(const std::string& message) const {
-    throw std::runtime_error(path_ + ":" + std::to_string(event_.start_mark.line + 1) + ": " + message);
-  }
-
-  const std::string& path_;
-  std::FILE* file_;
-  yaml_parser_t parser_{};
-  yaml_event_t event_{};
-  std::set<std::string> seen_;
-};
+}
 
 }  // namespace
 
 std::string ReadSettings(const std::string& path, Settings& settings) {
-  struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-  };
-  // A pipe would wait for somebody who writes to it, and a device may never end.
-  struct stat status{};
-  if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path + ": not a regular file";
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
-  if (file == nullptr) return "cannot read " + path + ": " + std::generic_category().message(errno);
-  try {
-    SettingsReader(path, file.get()).Read(settings);
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  return {};
+  std::set<std::string> seen;
+  return ReadYamlFile(
+      path, [&](YamlEvents& events) { events.ReadDocument([&] { ReadSetting(events, seen, settings); }); });
 }
 
 std::string SettingsText(const Settings& settings) {

@@ -41,13 +41,15 @@ struct QetDNNHandle {
 ORMIS_API std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path);
 
 /// Creates the model's input buffers. Where a caller never writes them, the inference reads what the platform
-/// put there (the host: zeros). A dimension that the model leaves open becomes 1. Requires: a current
-/// context, a loaded model, no inputs yet. Returns 0, or a code: kQetUnsupported for an input whose elements
-/// are not numbers of whole bytes. After a failure there are no inputs.
+/// put there. The host gives dimensions that the model leaves open usual sizes, and fills with zeros; the
+/// file NAME.inputs.yaml beside NAME.onnx says otherwise. Requires: a current context, a loaded model, no
+/// inputs yet. Returns 0, or a code: kQetUnsupported for an input that is not a tensor of numbers of whole
+/// bytes, kQetInvalidArgument for a file of inputs that does not fit. After a failure there are no inputs.
 ORMIS_API std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle);
 
-/// Creates the model's output buffers. Open dimensions, requirements and codes are those of
-/// QetDNNModelCreateInput.
+/// Creates the model's output buffers. Where the model leaves dimensions open, the host runs an inference and
+/// takes them from its outputs. Requirements and codes are those of QetDNNModelCreateInput, and
+/// kQetInferenceFailure.
 ORMIS_API std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle);
 
 /// Runs one inference. Returns when the output buffers are written.

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tensor_elements.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <system_error>
+#include <type_traits>
+
+namespace Ormis::host {
+
+namespace {
+
+/// The 16 bits of a float of that kind. Cut, not rounded: a fill need not be exact.
+std::uint16_t ToBfloat16(float value) {
+  std::uint32_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  return static_cast<std::uint16_t>(bits >> 16U);
+}
+
+std::uint16_t ToFloat16(float value) {
+  const auto half = static_cast<_Float16>(value);
+  std::uint16_t bits = 0;
+  std::memcpy(&bits, &half, sizeof bits);
+  return bits;
+}
+
+/// Reads a number of the type. libc++ 19 has no from_chars for fractions.
+template <typename Number>
+bool Parse(const std::string& text, Number& number) {
+  if constexpr (std::is_same_v<Number, bool>) {
+    number = text == "1" || text == "true";
+    return number || text == "0" || text == "false";
+  } else if constexpr (std::is_integral_v<Number>) {
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && rest == end;
+  } else {
+    char* end = nullptr;
+    number = static_cast<Number>(std::strtod(text.c_str(), &end));
+    return !text.empty() && end == text.c_str() + text.size() && std::isfinite(number);
+  }
+}
+
+template <typename Number>
+Number Random(std::mt19937& random) {
+  // Without a standard distribution: the numbers of the generator are the same everywhere.
+  const auto bits = static_cast<std::uint32_t>(random());
+  if constexpr (std::is_same_v<Number, bool>) {
+    return bits >> 31U != 0;
+  } else if constexpr (std::is_integral_v<Number>) {
+    return static_cast<Number>(sizeof(Number) == 1 ? bits >> 24U : bits >> 31U);
+  } else {
+    return static_cast<Number>(bits >> 8U) / Number{1U << 24U};
+  }
+}
+
+/// `toElement` makes what is stored of a number.
+template <typename Number, typename ToElement>
+std::string FillWith(const InputChoice& choice, std::size_t count, std::uint32_t seed, void* data,
+                     const char* expected, ToElement toElement) {
+  using Element = decltype(toElement(Number{}));
+  auto* const elements = static_cast<Element*>(data);
+  Number value{};
+  if (choice.value && !Parse(*choice.value, value)) {
+    return "value is '" + *choice.value + "', expected " + expected;
+  }
+  std::mt19937 random(seed);  // NOLINT(cert-msc51-cpp): the same input each time
+  for (std::size_t i = 0; i < count; ++i) {
+    elements[i] = toElement(choice.random ? Random<Number>(random) : value);
+  }
+  return {};
+}
+
+template <typename Number>
+std::string FillNumbers(const InputChoice& choice, std::size_t count, std::uint32_t seed, void* data) {
+  constexpr bool kTruth = std::is_same_v<Number, bool>;
+  constexpr bool kWhole = std::is_integral_v<Number>;
+  const std::string expected = kTruth   ? "0 or 1"
+                               : kWhole ? "a whole number from " +
+                                              std::to_string(std::numeric_limits<Number>::min()) + " to " +
+                                              std::to_string(std::numeric_limits<Number>::max())
+                                        : "a number";
+  return FillWith<Number>(choice, count, seed, data, expected.c_str(), [](Number number) { return number; });
+}
+
+}  // namespace
+
+std::size_t ElementBytes(ONNXTensorElementDataType type) {
+  switch (type) {
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_BOOL:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT8E4M3FN:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT8E4M3FNUZ:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT8E5M2:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT8E5M2FNUZ:
+      return 1;
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT16:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT16:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_BFLOAT16:
+      return 2;
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT32:
+      return 4;
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT64:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_COMPLEX64:
+      return 8;
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_COMPLEX128:
+      return 16;
+    default:
+      return 0;
+  }
+}
+
+bool IsWhole(ONNXTensorElementDataType type) {
+  switch (type) {
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT16:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT16:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT32:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT64:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_BOOL:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string Fill(const InputChoice& choice, ONNXTensorElementDataType type, std::size_t count,
+                 std::uint32_t seed, void* data) {
+  if (!choice.random && !choice.value) return {};
+  switch (type) {
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_BOOL:
+      return FillNumbers<bool>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
+      return FillNumbers<std::uint8_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
+      return FillNumbers<std::int8_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT16:
+      return FillNumbers<std::uint16_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT16:
+      return FillNumbers<std::int16_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT32:
+      return FillNumbers<std::uint32_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
+      return FillNumbers<std::int32_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT64:
+      return FillNumbers<std::uint64_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
+      return FillNumbers<std::int64_t>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
+      return FillNumbers<float>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
+      return FillNumbers<double>(choice, count, seed, data);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
+      return FillWith<float>(choice, count, seed, data, "a number", ToFloat16);
+    case ONNX_TENSOR_ELEMENT_DATA_TYPE_BFLOAT16:
+      return FillWith<float>(choice, count, seed, data, "a number", ToBfloat16);
+    default:
+      return "fill or value for an input of 8-bit fractions or complex numbers, expected none";
+  }
+}
+
+}  // namespace Ormis::host
