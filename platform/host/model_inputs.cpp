@@ -130,6 +130,16 @@ std::vector<std::int64_t> UsualShape(const DeclaredInput& input) {
   return shape;
 }
 
+std::string UnknownInput(const std::string& path, const InputChoice& choice, const std::string& name,
+                         const std::string& names) {
+  return path + ":" + std::to_string(choice.line) + ": unknown input '" + name + "', the model has " + names;
+}
+
+std::string WrongShape(const std::string& path, const InputChoice& choice, const DeclaredInput& input) {
+  return path + ":" + std::to_string(choice.shapeLine) + ": the shape of '" + input.name + "' is " +
+         ShapeText({{}, false, *choice.shape, {}}) + ", the model says " + ShapeText(input);
+}
+
 bool Fits(const DeclaredInput& input, const std::vector<std::int64_t>& shape) {
   return std::equal(
       shape.begin(), shape.end(), input.shape.begin(), input.shape.end(),
@@ -187,13 +197,11 @@ std::string ChooseShapes(std::vector<DeclaredInput>& inputs, const InputChoices&
     const auto input = std::find_if(inputs.begin(), inputs.end(),
                                     [&, &wanted = name](const auto& one) { return one.name == wanted; });
     if (input == inputs.end()) {
-      return path + ":" + std::to_string(choice.line) + ": unknown input '" + name + "', the model has " +
-             names;
+      return UnknownInput(path, choice, name, names);
     }
     if (!choice.shape) continue;
     if (!Fits(*input, *choice.shape)) {
-      return path + ":" + std::to_string(choice.shapeLine) + ": the shape of '" + name + "' is " +
-             ShapeText({{}, false, *choice.shape, {}}) + ", the model says " + ShapeText(*input);
+      return WrongShape(path, choice, *input);
     }
     remember(*input, *choice.shape);
   }

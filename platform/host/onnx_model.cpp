@@ -75,6 +75,15 @@ std::string Unreadable(const std::string& path) {
   return {};
 }
 
+/// Returns the empty string, or the line of the choice and why it does not fit.
+std::string FillInput(const InputChoice& choice, const TensorType& type, std::uint32_t seed,
+                      const OnnxTensor& tensor) {
+  const std::string fault =
+      Fill(choice, type.element, tensor.sizeBytes / ElementBytes(type.element), seed, tensor.data);
+  if (fault.empty()) return {};
+  return ":" + std::to_string(choice.valueLine) + ": " + type.declared.name + ": " + fault;
+}
+
 }  // namespace
 
 struct OnnxModel::State {
@@ -148,12 +157,10 @@ Outcome OnnxModel::MakeInputs(OnnxTensors& inputs) const {
   for (std::size_t i = 0; i < types.size(); ++i) {
     const auto choice = choices.find(types[i].declared.name);
     if (choice == choices.end()) continue;
-    fault = Fill(choice->second, types[i].element, types[i].bytes / ElementBytes(types[i].element),
-                 static_cast<std::uint32_t>(i), inputs.tensors[i].data);
+    fault = FillInput(choice->second, types[i], static_cast<std::uint32_t>(i), inputs.tensors[i]);
     if (fault.empty()) continue;
     DropTensors(inputs);
-    return {kQetInvalidArgument, path + ":" + std::to_string(choice->second.valueLine) + ": " +
-                                     types[i].declared.name + ": " + fault};
+    return {kQetInvalidArgument, path + fault};
   }
   return {};
 }

@@ -6,7 +6,6 @@
 #include "model_inputs.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -123,7 +122,13 @@ class ModelInputsTest : public ModelTest {
         Write(Copies({{"image", {kOpen, 3, kOpen, kOpen}}, {"flag", {2}, ElementType::kInt8}}));
     const std::string file = WriteInputs(text);
     const spawn_calls::Watch watch;
-    spawn_calls::before = [](spawn_calls::Call&) { return ENOEXEC; };  // a trial would show nothing more
+    // Takes less time than a trial, which would show nothing more.
+    char* const arguments[] = {name_.data(), option_.data(), script_.data(), nullptr};
+    spawn_calls::before = [&](spawn_calls::Call& call) {
+      call.program = "/bin/sh";
+      call.arguments = arguments;
+      return 0;
+    };
     QetDNNHandle handle;
     ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, model), Ormis::kQetOk);
     ExpectFailure(Ormis::kQetInvalidArgument, "QetDNNModelCreateInput",
@@ -131,6 +136,10 @@ class ModelInputsTest : public ModelTest {
     EXPECT_TRUE(handle.inputs.empty());
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
   }
+
+  std::string name_ = "sh";
+  std::string option_ = "-c";
+  std::string script_ = "echo loaded 0; echo ran 0";
 
   void Run(QetDNNHandle& handle, const std::string& path) {
     ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
