@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include "engine_rows.h"
 #include "live_view.h"
@@ -100,6 +104,28 @@ TEST(Describe, HasTheFiguresOfASecondInOneLine) {
   figures.failures = 7;
   EXPECT_EQ(scope::Describe("venc", figures),
             "venc 10 threads  ops/s 62.5  GB/s 1.250  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
+}
+
+// Who reads the lines through a pipe sees each second in its second.
+TEST(PlainView, PassesASecondOnAtOnce) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  ASSERT_EQ(std::fflush(stdout), 0);
+  const int before = dup(STDOUT_FILENO);
+  ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+
+  Figures figures;
+  figures.Add(SecondAt(1, {SampleOf("vpc", 0, 10, 0)}));
+  scope::MakePlainView()->Second(figures, 1, 40);
+  char text[200] = {};
+  const ssize_t length = read(ends[0], text, sizeof text - 1);
+  const int flushed = std::fflush(stdout);
+
+  ASSERT_EQ(dup2(before, STDOUT_FILENO), STDOUT_FILENO);
+  for (const int descriptor : {before, ends[0], ends[1]}) close(descriptor);
+  EXPECT_EQ(flushed, 0);
+  ASSERT_GT(length, 0);
+  EXPECT_EQ(std::string(text).rfind("1 s vpc ", 0), 0U) << text;
 }
 
 TEST(RateText, HasFewerDecimalsWhereItIsGreater) {
