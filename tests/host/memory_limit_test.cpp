@@ -141,6 +141,8 @@ TEST(RecordTest, PaddingIsZero) {
   ExpectZeroPadding<ImageData>(0x34);
   ExpectZeroPadding<QetContext>(0x24);
   ExpectZeroPadding<QetContextParameters>(0x1C);
+  ExpectZeroPadding<QetVenc>(0xFC);
+  ExpectZeroPadding<QetVenc>(0x11C);
 }
 
 }  // namespace

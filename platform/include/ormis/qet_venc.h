@@ -99,8 +99,10 @@ class ORMIS_API QetVenc {
   std::uint32_t offsetF0 = 0;                        ///< 0xF0
   std::uint32_t offsetF4 = 0;                        ///< 0xF4
   std::uint32_t offsetF8 = 0;                        ///< 0xF8
+  std::uint32_t offsetFC = 0;                        ///< 0xFC
   std::map<std::uint32_t, std::uint64_t> offset100;  ///< 0x100, empty
   std::uint32_t offset118 = 0;                       ///< 0x118
+  std::uint32_t offset11C = 0;                       ///< 0x11C
   std::uint64_t offset120 = 0;                       ///< 0x120
   std::uint32_t offset128 = 0;                       ///< 0x128
   std::uint32_t offset12C = 0;                       ///< 0x12C
@@ -129,8 +131,10 @@ ORMIS_ASSERT_OFFSET(streamBufferBytes, 0xEC);
 ORMIS_ASSERT_OFFSET(offsetF0, 0xF0);
 ORMIS_ASSERT_OFFSET(offsetF4, 0xF4);
 ORMIS_ASSERT_OFFSET(offsetF8, 0xF8);
+ORMIS_ASSERT_OFFSET(offsetFC, 0xFC);
 ORMIS_ASSERT_OFFSET(offset100, 0x100);
 ORMIS_ASSERT_OFFSET(offset118, 0x118);
+ORMIS_ASSERT_OFFSET(offset11C, 0x11C);
 ORMIS_ASSERT_OFFSET(offset120, 0x120);
 ORMIS_ASSERT_OFFSET(offset128, 0x128);
 ORMIS_ASSERT_OFFSET(offset12C, 0x12C);
