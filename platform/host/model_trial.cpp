@@ -161,10 +161,12 @@ int Start(const std::string& path, int output, pid_t& child) {
 /// Waits for the process and describes how it ended. `killed`: its time was over.
 std::string EndOf(pid_t child, bool killed) {
   int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return "exit status unknown";  // the application ignores SIGCHLD
-  }
+  pid_t waited = 0;
+  do {
+    waited = waitpid(child, &status, 0);
+  } while (waited < 0 && errno == EINTR);
   if (killed) return "more than " + std::to_string(CurrentSettings().trialWallS) + " s by the clock";
+  if (waited < 0) return "exit status unknown";  // the application ignores SIGCHLD
   if (!WIFSIGNALED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
   if (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL) {
     return "more than " + std::to_string(CurrentSettings().trialProcessorS) +

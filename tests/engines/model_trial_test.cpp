@@ -149,10 +149,13 @@ TEST_F(ModelTrialTest, ATrialThatEndsWhileItLoadsSaysOfWhat) {
   ExpectLoads();
 }
 
-TEST_F(ModelTrialTest, WhereTheApplicationIgnoresSigchldTheEndIsNotKnown) {
+TEST_F(ModelTrialTest, WhereTheApplicationIgnoresSigchldOnlyTheClockIsAKnownEnd) {
+  RestartWith("trial_wall_s: 1");
+  const std::string died = "cannot load model " + path_ + ": the engine died of it in a trial: ";
   const auto before = std::signal(SIGCHLD, SIG_IGN);
-  ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable,
-                  "cannot load model " + path_ + ": the engine died of it in a trial: exit status unknown");
+  ExpectLoadFails("exec sleep 60", Ormis::kQetModelUnreadable, died + "more than 1 s by the clock");
+  RestartWith("");
+  ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable, died + "exit status unknown");
   (void)std::signal(SIGCHLD, before);
 }
 
