@@ -2,6 +2,7 @@
 #include <charconv>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <new>
 #include <string>
 #include <vector>
@@ -32,10 +33,12 @@ struct Options {
   std::string path;
 };
 
+/// A number of too many digits is the largest.
 bool IsNumber(const std::string& text, std::int64_t& number) {
   const char* const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && rest == end;
+  if (error == std::errc::result_out_of_range) number = std::numeric_limits<std::int64_t>::max();
+  return error != std::errc::invalid_argument && rest == end;
 }
 
 /// Returns the empty string, or what is wrong with the arguments.
