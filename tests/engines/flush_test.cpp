@@ -139,7 +139,7 @@ TEST_P(FlushTest, CopiesOfImagesLeaveBothImagesInMemory) {
   ExpectFlushed(to.data, to.dataSize, "its destination");
 }
 
-TEST_P(FlushTest, ResizesLeaveTheSourceInMemory) {
+TEST_P(FlushTest, ResizesLeaveTheSourceAndTheEndsOfTheDestinationInMemory) {
   const ImageData from = Image(kWidth, kHeight);
   const ImageData to = Image(kWidth / 2, kHeight / 2);
   int channel = 0;
@@ -147,6 +147,9 @@ TEST_P(FlushTest, ResizesLeaveTheSourceInMemory) {
   Forget();
   ASSERT_EQ(Ormis::QetImageResize(channel, from, to, Ormis::kQetInterpolationArea, -1), Ormis::kQetOk);
   ExpectFlushed(from.data, from.dataSize, "the source of a resize");
+  // The rest is written past the caches.
+  ExpectFlushed(to.data, 1, "the first byte of the destination");
+  ExpectFlushed(to.data + to.dataSize - 1, 1, "the last byte of the destination");
 }
 
 TEST_P(FlushTest, EncodersLeaveTheFrameInMemory) {
