@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -40,6 +41,9 @@ TEST(SettingSwitchTest, ALineThatWasTypedBeforeThePromptIsNoAnswer) {
   using std::chrono::milliseconds;
   const TerminalAsInput terminal;
   terminal.PressEnter();
+  // A worker of the kernel hands the line over: the prompt must not come before that.
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  ASSERT_EQ(poll(&input, 1, 10000), 1);
   scope::Signals signals;
   testing::internal::CaptureStderr();
   auto answer = std::async(std::launch::async, [&] { return scope::AskForSwitch("B", signals); });
