@@ -272,8 +272,9 @@ Options ReadOptions(int argc, char** argv) {
   if (argc > 2) {
     char* end = nullptr;
     options.seconds = std::strtod(argv[2], &end);
-    Require(*end == '\0' && options.seconds > 0.0 && options.seconds <= 1000.0,
-            (std::string("reading SECONDS '") + argv[2] + "': expected a number above 0, which").c_str());
+    Require(
+        *end == '\0' && options.seconds > 0.0 && options.seconds <= 1000.0,
+        (std::string("reading SECONDS '") + argv[2] + "': expected above 0, at most 1000, which").c_str());
   }
   if (argc > 3) options.levels.clear();
   for (int i = 3; i < argc; ++i) {
