@@ -203,7 +203,7 @@ TEST_F(ModelInputsTest, AnEmptyFileAndNoFileAreTheSame) {
     WriteInputs(text);
     QetDNNHandle handle;
     Run(handle, path);
-    EXPECT_EQ(handle.inputs.at(0).sizeBytes, 32U * 320 * sizeof(float));
+    EXPECT_EQ(handle.inputs.at(0).sizeBytes, std::size_t{32} * 320 * sizeof(float));
     EXPECT_EQ(NumbersOf<float>(handle.outputs.at(0)), std::vector<float>(std::size_t{32} * 320));
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
   }
