@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <time.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -43,10 +44,11 @@ class Gate : public measure::Watcher {
     const auto row = static_cast<std::size_t>(engine);
     thread_local const int index = begun_[row]++;
     std::unique_lock<std::mutex> lock(mutex_);
-    ++waiting_;
+    bool& waits = waits_[row][static_cast<std::size_t>(index)];
+    waits = true;
     arrived_.notify_all();
     opened_.wait(lock, [&] { return index < levels_[row]; });
-    --waiting_;
+    waits = false;
     lock.unlock();
     beganNs = ThreadNs();
   }
@@ -59,13 +61,12 @@ class Gate : public measure::Watcher {
   }
 
   /// Lets these workers through. Returns when all others wait, so that no operation of them is under way.
-  void Open(const Levels& levels) {
+  /// Meanwhile calls `check` again and again: a worker that has failed never comes.
+  void Open(const Levels& levels, const std::function<void()>& check) {
     std::unique_lock<std::mutex> lock(mutex_);
     levels_ = levels;
     opened_.notify_all();
-    int others = 0;
-    for (const int level : levels) others += kMostWorkers - level;
-    arrived_.wait(lock, [&] { return waiting_ >= others; });
+    while (!arrived_.wait_for(lock, std::chrono::milliseconds(100), [&] { return OthersWait(); })) check();
   }
 
   int Begun(Engine engine) const { return begun_[static_cast<std::size_t>(engine)]; }
@@ -81,6 +82,14 @@ class Gate : public measure::Watcher {
   }
 
  private:
+  bool OthersWait() const {
+    for (std::size_t row = 0; row < kEngineCount; ++row) {
+      const auto firstOther = waits_[row].begin() + levels_[row];
+      if (!std::all_of(firstOther, waits_[row].end(), [](bool waits) { return waits; })) return false;
+    }
+    return true;
+  }
+
   static std::int64_t ThreadNs() {
     timespec time{};
     (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -102,7 +111,7 @@ class Gate : public measure::Watcher {
   std::mutex mutex_;
   std::condition_variable opened_;
   std::condition_variable arrived_;
-  int waiting_ = 0;
+  std::array<std::array<bool, kMostWorkers>, kEngineCount> waits_{};  ///< before its next operation
   Levels levels_{};
 };
 
@@ -173,9 +182,8 @@ class Machine {
       engines_.push_back(std::make_unique<measure::Workers>(engine, kMostWorkers, model));
     }
     for (const Engine engine : measure::kEngines) {
-      const measure::Workers& workers = *engines_[static_cast<std::size_t>(engine)];
       while (gate_.Begun(engine) < kMostWorkers) {
-        Require(!workers.Failed(), (std::string("a ") + Name(engine) + " worker, see the log,").c_str());
+        RequireWorkers();
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
     }
@@ -185,7 +193,7 @@ class Machine {
   ~Machine() {
     Levels all;
     all.fill(kMostWorkers);
-    gate_.Open(all);
+    gate_.Open(all, [] {});
     engines_.clear();
     measure::Watch(nullptr);
   }
@@ -198,11 +206,12 @@ class Machine {
     seconds *= 1.0 + workers / 10.0;
     constexpr auto kSettle =
         std::chrono::milliseconds(250);  // operations of the mix before are still under way
-    gate_.Open(levels);
+    Open(levels);
     std::this_thread::sleep_for(kSettle);
     const auto before = gate_.Counts();
     const Clock::time_point start = Clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    RequireWorkers();
     const auto after = gate_.Counts();
     const double took = std::chrono::duration<double>(Clock::now() - start).count();
     Rates rates;
@@ -214,9 +223,21 @@ class Machine {
     return rates;
   }
 
-  void Rest() { gate_.Open({}); }
+  void Rest() { Open({}); }
 
  private:
+  void Open(const Levels& levels) {
+    gate_.Open(levels, [this] { RequireWorkers(); });
+  }
+
+  /// Ends the program when a worker has failed.
+  void RequireWorkers() const {
+    for (const Engine engine : measure::kEngines) {
+      const bool failed = engines_[static_cast<std::size_t>(engine)]->Failed();
+      Require(!failed, (std::string("a ") + Name(engine) + " worker, see the log,").c_str());
+    }
+  }
+
   Gate gate_;
   std::vector<std::unique_ptr<measure::Workers>> engines_;
 };

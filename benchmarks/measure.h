@@ -16,7 +16,8 @@ namespace measure {
 inline void Require(bool condition, const char* what) {
   if (condition) return;
   (void)std::fprintf(stderr, "%s failed\n", what);
-  std::exit(1);
+  (void)std::fflush(nullptr);
+  std::_Exit(1);  // without the clean-up of libraries, in which other threads may still work
 }
 
 /// The argument at `index`, or `fallback`; ends the program unless it is a number above 0.
