@@ -7,6 +7,9 @@
 #include <fstream>
 #include <string>
 
+#include "memory_limit.h"
+#include "networks.h"
+
 namespace measure {
 
 namespace {
@@ -14,13 +17,15 @@ namespace {
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 
 /// The largest buffer: far beyond what the kernel says of the caches, but never more than half of the free
-/// memory.
+/// memory, or of what the process may use.
 std::size_t LargestBuffer() {
   const std::size_t wanted = std::clamp(8 * ClaimedCacheBytes(), 256 * kMiB, 2048 * kMiB);
+  const std::size_t allowed = Ormis::host::MemoryLimit() / 2;
   const long freePages = sysconf(_SC_AVPHYS_PAGES);
   const long pageBytes = sysconf(_SC_PAGESIZE);
-  if (freePages <= 0 || pageBytes <= 0) return 64 * kMiB;
-  return std::min(wanted, static_cast<std::size_t>(freePages) * static_cast<std::size_t>(pageBytes) / 2);
+  if (freePages <= 0 || pageBytes <= 0) return std::min(allowed, 64 * kMiB);
+  const std::size_t free = static_cast<std::size_t>(freePages) * static_cast<std::size_t>(pageBytes);
+  return std::min({wanted, allowed, free / 2});
 }
 
 double ShareAfterReading(const Range& range, const Threshold& threshold, Random& random) {
@@ -72,6 +77,17 @@ std::size_t ClaimedCacheBytes() {
 
 std::size_t NetworkMegabytes(std::size_t cacheBytes) {
   return (4 * cacheBytes + 999'999) / 1'000'000;
+}
+
+std::string NetworkAdvice(const CacheSize& size) {
+  if (size.bytes == 0) return {};
+  const std::size_t megabytes = NetworkMegabytes(size.bytes);
+  const std::string number = std::to_string(megabytes);
+  const std::string most = std::to_string(kMaxMemoryMegabytes);
+  const bool canBeMade = megabytes <= static_cast<std::size_t>(kMaxMemoryMegabytes);
+  return "A network that loads the memory needs weights of four times\nthe measured size: " +
+         std::string(size.mayBeLarger ? "at least " : "") + number + " MB (`make_network --memory" +
+         (canBeMade ? " " + number + " FILE`)." : "` makes " + most + " MB at most).");
 }
 
 }  // namespace measure

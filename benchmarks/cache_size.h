@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "line_timer.h"
@@ -36,5 +37,8 @@ std::size_t ClaimedCacheBytes();
 /// Which weights a network needs so that it has to take them from memory: four times the cache, in MB of 10^6
 /// bytes.
 std::size_t NetworkMegabytes(std::size_t cacheBytes);
+
+/// Says which network that is, and how to make it. Empty where no buffer stayed in a cache.
+std::string NetworkAdvice(const CacheSize& size);
 
 }  // namespace measure

@@ -238,16 +238,15 @@ void PrintCache(const Threshold& threshold, measure::Random& random) {
     (void)std::printf("| %.2f | %.3f | %.2f |\n", static_cast<double>(step.bytes) / kMiB, step.fromMemory,
                       step.KeptBytes() / kMiB);
   }
+  (void)(size.bytes == 0
+             ? std::printf("\nLast cache: no buffer stayed in a cache, ")
+             : std::printf("\nLast cache: %s%.1f MiB measured, ", size.mayBeLarger ? "at least " : "",
+                           static_cast<double>(size.bytes) / kMiB));
   const double claimed = static_cast<double>(measure::ClaimedCacheBytes()) / kMiB;
-  (void)std::printf("\nLast cache: %s%.1f MiB measured, ", size.mayBeLarger ? "at least " : "",
-                    static_cast<double>(size.bytes) / kMiB);
   (void)(claimed > 0 ? std::printf("%.1f MiB claimed by the system.", claimed)
                      : std::printf("none claimed by the system."));
-  const std::size_t megabytes = measure::NetworkMegabytes(size.bytes);
-  (void)std::printf(
-      " A network that loads the memory needs weights of four times\nthe measured size: %s%zu MB "
-      "(`make_network --memory %zu FILE`).\n\n",
-      size.mayBeLarger ? "at least " : "", megabytes, megabytes);
+  const std::string advice = measure::NetworkAdvice(size);
+  (void)std::printf("%s%s\n\n", advice.empty() ? "" : " ", advice.c_str());
   (void)std::fflush(stdout);
 }
 

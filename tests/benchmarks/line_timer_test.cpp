@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <set>
+#include <string>
 
 #include "cache_flush.h"
 #include "cache_size.h"
@@ -140,6 +141,17 @@ TEST(SizeOfCacheTest, SaysWhenEvenTheLargestBufferStays) {
 TEST(SizeOfCacheTest, ANetworkNeedsFourTimesTheCache) {
   EXPECT_EQ(NetworkMegabytes(32 * kMiB), 135);
   EXPECT_EQ(NetworkMegabytes(25'000'000), 100);
+}
+
+TEST(NetworkAdviceTest, NamesACommandOnlyForANetworkThatCanBeMade) {
+  const std::string needs =
+      "A network that loads the memory needs weights of four times\nthe measured size: ";
+  EXPECT_EQ(NetworkAdvice({25'000'000, false}), needs + "100 MB (`make_network --memory 100 FILE`).");
+  EXPECT_EQ(NetworkAdvice({500'000'000, true}),
+            needs + "at least 2000 MB (`make_network --memory 2000 FILE`).");
+  EXPECT_EQ(NetworkAdvice({500'000'001, false}),
+            needs + "2001 MB (`make_network --memory` makes 2000 MB at most).");
+  EXPECT_EQ(NetworkAdvice({0, false}), "");
 }
 
 }  // namespace
