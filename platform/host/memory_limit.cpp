@@ -47,6 +47,7 @@ std::uint64_t MachineMemory() {
 std::uint64_t MemoryLimit(const std::string& root) {
   std::uint64_t least = MachineMemory();
   std::ifstream groups(root + "/proc/self/cgroup");
+  groups.exceptions(std::ios_base::badbit);  // want of memory is not the end of the file
   // NUMBER:CONTROLLERS:PATH. The controllers of version 2 are none.
   for (std::string line; std::getline(groups, line);) {
     const std::size_t first = line.find(':');
