@@ -39,7 +39,7 @@ class YamlEvents {
  private:
   std::size_t LinesBefore(std::size_t offset) const;
 
-  const std::string& path_;
+  const std::string path_;
   std::FILE* file_;
   yaml_parser_t parser_{};
   yaml_event_t event_{};

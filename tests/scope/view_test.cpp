@@ -106,7 +106,7 @@ TEST(Describe, HasTheFiguresOfASecondInOneLine) {
             "venc 10 threads  ops/s 62.5  GB/s 1.250  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
 }
 
-// Who reads the lines through a pipe sees each second in its second.
+// A reader of the pipe gets each line as soon as its second is over.
 TEST(PlainView, PassesASecondOnAtOnce) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
