@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "model_inputs.h"
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -95,55 +95,101 @@ void ChooseSides(std::int64_t& height, std::int64_t& width) {
 
 /// Recognises pictures of rank 3 and 4 by their depth, 1, 3 or 4 channels before or behind the sides.
 bool ChoosePicture(const DeclaredInput& input, std::vector<std::int64_t>& shape) {
-  const std::size_t rank = shape.size();
-  if (rank == 4) {
-    if (shape[1] == kOpen && shape[3] == kOpen) shape[1] = 3;
-    if (IsPictureDepth(shape[1])) return ChooseSides(shape[2], shape[3]), true;
-    if (IsPictureDepth(shape[3])) return ChooseSides(shape[1], shape[2]), true;
+  const std::vector<std::int64_t>& declared = input.shape;
+  if (declared.size() == 4) {
+    const bool openDepth = declared[1] == kOpen && declared[3] == kOpen;
+    if (openDepth && shape[1] == kOpen) shape[1] = 3;
+    if (openDepth || IsPictureDepth(declared[1])) return ChooseSides(shape[2], shape[3]), true;
+    if (IsPictureDepth(declared[3])) return ChooseSides(shape[1], shape[2]), true;
   }
-  if (rank == 3 && !input.whole) {
-    if (IsPictureDepth(shape[0]) && shape[1] == kOpen && shape[2] == kOpen) {
+  if (declared.size() == 3 && !input.whole) {
+    if (IsPictureDepth(declared[0]) && declared[1] == kOpen && declared[2] == kOpen) {
       return ChooseSides(shape[1], shape[2]), true;
     }
-    if (IsPictureDepth(shape[2]) && shape[0] == kOpen && shape[1] == kOpen) {
+    if (IsPictureDepth(declared[2]) && declared[0] == kOpen && declared[1] == kOpen) {
       return ChooseSides(shape[0], shape[1]), true;
     }
   }
   return false;
 }
 
-/// Sizes of the open dimensions of an input of which nothing else is known.
-std::vector<std::int64_t> UsualShape(const DeclaredInput& input) {
-  std::vector<std::int64_t> shape = input.shape;
+/// Gives what is still open in `shape` the sizes of usual networks. The declared shape tells the kind of the
+/// input: a batch that another input has set to 2 makes no state of it.
+void ChooseUsualSizes(const DeclaredInput& input, std::vector<std::int64_t>& shape) {
   const std::size_t rank = shape.size();
   const bool picture = ChoosePicture(input, shape);
-  if (rank != 0 && shape[0] == kOpen) shape[0] = 1;  // the batch
-  if (picture || rank < 2 || rank > 3) {
-    // Of other ranks nothing is usual.
-  } else if (rank == 3 && input.shape[0] > 1) {
-    if (shape[1] == kOpen) shape[1] = 1;  // a state: layers, batch, width
-  } else {
+  const bool state = rank == 3 && input.shape[0] > 1;  // layers, batch, width
+  if (rank == 1 && !input.whole && shape[0] == kOpen) shape[0] = kSamples;
+  if (!picture && !state && (rank == 2 || rank == 3)) {
     const std::int64_t length = rank == 2 && !input.whole ? kSamples : kTokens;
-    std::replace(shape.begin(), shape.end(), kOpen, length);
+    std::replace(shape.begin() + 1, shape.end(), kOpen, length);
   }
-  std::replace(shape.begin(), shape.end(), kOpen, std::int64_t{1});
-  return shape;
+  std::replace(shape.begin(), shape.end(), kOpen, std::int64_t{1});  // the batch, and what is not usual
+}
+
+std::string InLine(const std::string& path, std::size_t line, const std::string& fault) {
+  return path + ":" + std::to_string(line) + ": " + fault;
 }
 
 std::string UnknownInput(const std::string& path, const InputChoice& choice, const std::string& name,
                          const std::string& names) {
-  return path + ":" + std::to_string(choice.line) + ": unknown input '" + name + "', the model has " + names;
+  return InLine(path, choice.line, "unknown input '" + name + "', the model has " + names);
 }
 
 std::string WrongShape(const std::string& path, const InputChoice& choice, const DeclaredInput& input) {
-  return path + ":" + std::to_string(choice.shapeLine) + ": the shape of '" + input.name + "' is " +
-         ShapeText({{}, false, *choice.shape, {}}) + ", the model says " + ShapeText(input);
+  return InLine(path, choice.shapeLine,
+                "the shape of '" + input.name + "' is " + ShapeText({{}, false, *choice.shape, {}}) +
+                    ", the model says " + ShapeText(input));
 }
 
+/// The engine reports one number where the model does not declare how many dimensions there are. So any shape
+/// fits that, and the inference shows whether the model takes it.
 bool Fits(const DeclaredInput& input, const std::vector<std::int64_t>& shape) {
-  return std::equal(
-      shape.begin(), shape.end(), input.shape.begin(), input.shape.end(),
-      [](std::int64_t size, std::int64_t declared) { return declared == kOpen || declared == size; });
+  return input.shape.empty() || std::equal(shape.begin(), shape.end(), input.shape.begin(), input.shape.end(),
+                                           [](std::int64_t size, std::int64_t declared) {
+                                             return declared == kOpen || declared == size;
+                                           });
+}
+
+struct NamedSize {
+  std::int64_t size;
+  std::string input;  ///< the first that has it
+  bool once;          ///< the input has only one dimension of that name
+};
+using NamedSizes = std::map<std::string, NamedSize>;  ///< by the name of the dimension
+
+/// Enters the sizes that `shape` gives to open dimensions with a name. Returns the empty string, or which
+/// size contradicts that of another input. Some models use one name for several sizes of an input: such a
+/// name says nothing about others.
+std::string EnterSizes(const DeclaredInput& input, const std::vector<std::int64_t>& shape,
+                       NamedSizes& sizes) {
+  for (std::size_t i = 0; i < input.symbols.size(); ++i) {
+    const std::string& symbol = input.symbols[i];
+    if (input.shape[i] != kOpen || symbol.empty()) continue;
+    const bool once = std::count(input.symbols.begin(), input.symbols.end(), symbol) == 1;
+    const auto [place, isNew] = sizes.emplace(symbol, NamedSize{shape[i], input.name, once});
+    const NamedSize& known = place->second;
+    if (isNew || known.size == shape[i] || !known.once || !once) continue;
+    return "'" + symbol + "' is " + std::to_string(shape[i]) + " in the shape of '" + input.name + "' and " +
+           std::to_string(known.size) + " in that of '" + known.input + "', expected one size";
+  }
+  return {};
+}
+
+void ChooseShape(DeclaredInput& input, const InputChoices& choices, NamedSizes& sizes) {
+  const auto choice = choices.find(input.name);
+  if (choice != choices.end() && choice->second.shape) {
+    input.shape = *choice->second.shape;
+    return;
+  }
+  std::vector<std::int64_t> shape = input.shape;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    const auto known = sizes.find(input.symbols[i]);
+    if (shape[i] == kOpen && known != sizes.end()) shape[i] = known->second.size;
+  }
+  ChooseUsualSizes(input, shape);
+  (void)EnterSizes(input, shape, sizes);  // contradicts none: those that are known were taken
+  input.shape = std::move(shape);
 }
 
 }  // namespace
@@ -156,7 +202,8 @@ std::string InputsPath(const std::string& modelPath) {
 }
 
 std::string ReadInputs(const std::string& path, InputChoices& choices) {
-  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return {};
+  struct stat status{};
+  if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) return {};  // a link to nothing is a mistake
   return ReadYamlFile(path, [&](YamlEvents& events) {
     bool seen = false;
     events.ReadDocument([&] {
@@ -185,41 +232,23 @@ std::string ChooseShapes(std::vector<DeclaredInput>& inputs, const InputChoices&
                          const std::string& path) {
   std::string names;
   for (const DeclaredInput& input : inputs) {
-    names += (names.empty() ? "'" : ", '") + input.name + "' (" + ShapeText(input) + ")";
+    const std::string shape = input.shape.empty() ? "one number, or any shape" : ShapeText(input);
+    names += (names.empty() ? "'" : ", '") + input.name + "' (" + shape + ")";
   }
-  std::map<std::string, std::int64_t> sizes;  // by the name of the dimension
-  const auto remember = [&](const DeclaredInput& input, const std::vector<std::int64_t>& shape) {
-    for (std::size_t i = 0; i < shape.size(); ++i) {
-      if (input.shape[i] == kOpen && !input.symbols[i].empty()) sizes.emplace(input.symbols[i], shape[i]);
-    }
-  };
+  NamedSizes sizes;
   for (const auto& [name, choice] : choices) {
     const auto input = std::find_if(inputs.begin(), inputs.end(),
                                     [&, &wanted = name](const auto& one) { return one.name == wanted; });
-    if (input == inputs.end()) {
-      return UnknownInput(path, choice, name, names);
-    }
+    if (input == inputs.end()) return UnknownInput(path, choice, name, names);
     if (!choice.shape) continue;
-    if (!Fits(*input, *choice.shape)) {
-      return WrongShape(path, choice, *input);
-    }
-    remember(*input, *choice.shape);
+    if (!Fits(*input, *choice.shape)) return WrongShape(path, choice, *input);
+    const std::string fault = EnterSizes(*input, *choice.shape, sizes);
+    if (!fault.empty()) return InLine(path, choice.shapeLine, fault);
   }
-  for (DeclaredInput& input : inputs) {
-    const auto choice = choices.find(input.name);
-    std::vector<std::int64_t> shape;
-    if (choice != choices.end() && choice->second.shape) {
-      shape = *choice->second.shape;
-    } else {
-      DeclaredInput known = input;
-      for (std::size_t i = 0; i < known.shape.size(); ++i) {
-        const auto size = sizes.find(known.symbols[i]);
-        if (known.shape[i] == kOpen && size != sizes.end()) known.shape[i] = size->second;
-      }
-      shape = UsualShape(known);
-      remember(input, shape);
+  for (const bool alone : {false, true}) {  // a size that stands alone may be the batch of another input
+    for (DeclaredInput& input : inputs) {
+      if ((input.symbols.size() == 1) == alone) ChooseShape(input, choices, sizes);
     }
-    input.shape = std::move(shape);
   }
   return {};
 }

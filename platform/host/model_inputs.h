@@ -32,7 +32,7 @@ std::string ReadInputs(const std::string& path, InputChoices& choices);
 struct DeclaredInput {
   std::string name;
   bool whole = false;                ///< the elements are whole numbers or truth values
-  std::vector<std::int64_t> shape;   ///< -1: open
+  std::vector<std::int64_t> shape;   ///< -1: open; empty: one number, or no shape is declared
   std::vector<std::string> symbols;  ///< the name of each open dimension, which may be empty
 };
 
@@ -41,7 +41,7 @@ std::string ShapeText(const DeclaredInput& input);
 
 /// Gives every open dimension of all inputs a size: the one of the choice; else the one that another input
 /// has for the same name; else one with which usual networks run. `path` is that of the file of inputs.
-/// Returns the empty string, or which choice does not fit, and what the model says. Throws std::bad_alloc.
+/// Returns the empty string, or which choice does not fit the model or another choice. Throws std::bad_alloc.
 std::string ChooseShapes(std::vector<DeclaredInput>& inputs, const InputChoices& choices,
                          const std::string& path);
 

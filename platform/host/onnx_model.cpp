@@ -171,8 +171,10 @@ Outcome OnnxModel::CreateOutputs() {
       !outcome.Ok()) {
     return outcome;
   }
-  // A model that must not run gets buffers as well, so that its first inference says why.
-  if (state_->refusal.Ok() && std::any_of(types.begin(), types.end(), IsOpen)) {
+  // Without an inference these sizes stay unknown. A model that must not run and has no such output gets its
+  // buffers, and its first inference says why.
+  if (std::any_of(types.begin(), types.end(), MayBeOpen)) {
+    if (!state_->refusal.Ok()) return state_->refusal;
     std::vector<std::vector<std::int64_t>> shapes;
     if (const Outcome outcome = LearnOutputs(shapes); !outcome.Ok()) return outcome;
     for (std::size_t i = 0; i < types.size(); ++i) types[i].declared.shape = shapes[i];

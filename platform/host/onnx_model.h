@@ -55,7 +55,7 @@ class OnnxModel {
   /// Runs the model once over its buffers. Requires: inputs and outputs. Allocates nothing of its own.
   Outcome Run();
 
-  /// From now on Run does nothing and returns `reason`.
+  /// From now on Run does nothing and returns `reason`. So does CreateOutputs where it needs an inference.
   void RefuseToRun(Outcome reason);
 
   /// Releases the environment that all models share. It lives on until the last loaded model is destroyed.

@@ -94,8 +94,9 @@ Outcome Measure(std::vector<TensorType>& types) {
   return {};
 }
 
-bool IsOpen(const TensorType& type) {
-  return std::find(type.declared.shape.begin(), type.declared.shape.end(), -1) != type.declared.shape.end();
+bool MayBeOpen(const TensorType& type) {
+  const std::vector<std::int64_t>& shape = type.declared.shape;
+  return shape.empty() || std::find(shape.begin(), shape.end(), -1) != shape.end();
 }
 
 void MakeTensors(const std::vector<TensorType>& types, OnnxTensors& tensors) {

@@ -16,7 +16,7 @@ struct FreeMemory {
   void operator()(void* memory) const { std::free(memory); }
 };
 
-/// The inputs or the outputs of a model: the names from the model and, after CreateTensors, buffers and
+/// The inputs or the outputs of a model: the names from the model and, after MakeTensors, buffers and
 /// values. The arrays are those that Run hands to the runtime, so that it allocates nothing.
 struct OnnxTensors {
   std::vector<std::string> names;
@@ -51,7 +51,9 @@ Outcome DescribeAll(OrtSession* session, const TypeInfoGetter& getter, const Onn
 /// Computes the bytes of tensors without open dimensions. Fails where they take more than 2 GiB together.
 Outcome Measure(std::vector<TensorType>& types);
 
-bool IsOpen(const TensorType& type);
+/// Whether only an inference tells the shape: a dimension is open, or there is none. The engine reports no
+/// dimensions for one number, and for a tensor of which the model does not declare how many it has.
+bool MayBeOpen(const TensorType& type);
 
 /// Makes zeroed buffers and values of measured types.
 void MakeTensors(const std::vector<TensorType>& types, OnnxTensors& tensors);

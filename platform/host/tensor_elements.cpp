@@ -21,12 +21,8 @@ std::uint16_t ToBfloat16(float value) {
   return static_cast<std::uint16_t>(bits >> 16U);
 }
 
-std::uint16_t ToFloat16(float value) {
-  const auto half = static_cast<_Float16>(value);
-  std::uint16_t bits = 0;
-  std::memcpy(&bits, &half, sizeof bits);
-  return bits;
-}
+template <typename Number>
+constexpr bool kHalf = std::is_same_v<Number, _Float16>;
 
 /// Reads a number of the type. libc++ 19 has no from_chars for fractions.
 template <typename Number>
@@ -41,7 +37,7 @@ bool Parse(const std::string& text, Number& number) {
   } else {
     char* end = nullptr;
     number = static_cast<Number>(std::strtod(text.c_str(), &end));
-    return !text.empty() && end == text.c_str() + text.size() && std::isfinite(number);
+    return !text.empty() && end == text.c_str() + text.size() && std::isfinite(static_cast<double>(number));
   }
 }
 
@@ -54,7 +50,8 @@ Number Random(std::mt19937& random) {
   } else if constexpr (std::is_integral_v<Number>) {
     return static_cast<Number>(sizeof(Number) == 1 ? bits >> 24U : bits >> 31U);
   } else {
-    return static_cast<Number>(bits >> 8U) / Number{1U << 24U};
+    constexpr std::uint32_t kBits = kHalf<Number> ? 11 : 24;  // what a half, or a float, holds exactly
+    return static_cast<Number>(bits >> (32U - kBits)) / static_cast<Number>(1U << kBits);
   }
 }
 
@@ -75,16 +72,21 @@ std::string FillWith(const InputChoice& choice, std::size_t count, std::uint32_t
   return {};
 }
 
+/// What a value must be, for messages.
+template <typename Number>
+std::string Expected() {
+  if constexpr (std::is_same_v<Number, bool>) return "0 or 1";
+  if constexpr (std::is_integral_v<Number>) {
+    return "a whole number from " + std::to_string(std::numeric_limits<Number>::min()) + " to " +
+           std::to_string(std::numeric_limits<Number>::max());
+  }
+  return kHalf<Number> ? "a number from -65504 to 65504" : "a number";
+}
+
 template <typename Number>
 std::string FillNumbers(const InputChoice& choice, std::size_t count, std::uint32_t seed, void* data) {
-  constexpr bool kTruth = std::is_same_v<Number, bool>;
-  constexpr bool kWhole = std::is_integral_v<Number>;
-  const std::string expected = kTruth   ? "0 or 1"
-                               : kWhole ? "a whole number from " +
-                                              std::to_string(std::numeric_limits<Number>::min()) + " to " +
-                                              std::to_string(std::numeric_limits<Number>::max())
-                                        : "a number";
-  return FillWith<Number>(choice, count, seed, data, expected.c_str(), [](Number number) { return number; });
+  return FillWith<Number>(choice, count, seed, data, Expected<Number>().c_str(),
+                          [](Number number) { return number; });
 }
 
 }  // namespace
@@ -164,7 +166,7 @@ std::string Fill(const InputChoice& choice, ONNXTensorElementDataType type, std:
     case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
       return FillNumbers<double>(choice, count, seed, data);
     case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
-      return FillWith<float>(choice, count, seed, data, "a number", ToFloat16);
+      return FillNumbers<_Float16>(choice, count, seed, data);
     case ONNX_TENSOR_ELEMENT_DATA_TYPE_BFLOAT16:
       return FillWith<float>(choice, count, seed, data, "a number", ToBfloat16);
     default:

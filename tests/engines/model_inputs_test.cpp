@@ -6,7 +6,9 @@
 #include "model_inputs.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -61,6 +63,9 @@ TEST(UsualShapeTest, LinesOfRecognisers) {
 TEST(UsualShapeTest, Sequences) {
   EXPECT_THAT(Usual({kOpen, kOpen}, true), ElementsAre(1, 64)) << "tokens";
   EXPECT_THAT(Usual({kOpen, kOpen}), ElementsAre(1, 512)) << "samples";
+  EXPECT_THAT(Usual({kOpen}), ElementsAre(512)) << "samples without a batch";
+  EXPECT_THAT(Usual({kOpen, kOpen, 3}, true), ElementsAre(1, 64, 3))
+      << "only fractions of rank 3 are pictures";
   EXPECT_THAT(Usual({1, kOpen, 80}), ElementsAre(1, 64, 80));
   EXPECT_THAT(Usual({kOpen, 80, kOpen}), ElementsAre(1, 80, 64));
   EXPECT_THAT(Usual({2, kOpen, 128}), ElementsAre(2, 1, 128)) << "a state of two layers";
@@ -68,7 +73,7 @@ TEST(UsualShapeTest, Sequences) {
 
 TEST(UsualShapeTest, WhatIsNotUsualIsOne) {
   EXPECT_THAT(Usual({}), ElementsAre());
-  EXPECT_THAT(Usual({kOpen}), ElementsAre(1));
+  EXPECT_THAT(Usual({kOpen}, true), ElementsAre(1));
   EXPECT_THAT(Usual({kOpen, 8, kOpen, 64}), ElementsAre(1, 8, 1, 64));
   EXPECT_THAT(Usual({kOpen, 2, kOpen, 3, kOpen}), ElementsAre(1, 2, 1, 3, 1));
 }
@@ -87,6 +92,55 @@ TEST(UsualShapeTest, DimensionsOfOneNameHaveOneSize) {
   EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"), "");
   EXPECT_THAT(inputs[0].shape, ElementsAre(1, 9)) << "what the file says goes before what is usual";
   EXPECT_THAT(inputs[1].shape, ElementsAre(9, 2));
+}
+
+DeclaredInput Named(const std::string& name, const std::vector<std::string>& symbols, bool whole = false) {
+  return {name, whole, Shape(symbols.size(), kOpen), symbols};
+}
+
+TEST(UsualShapeTest, TheKindOfAnInputIsThatOfItsDeclaredShape) {
+  const DeclaredInput ids = Named("ids", {"batch", "sequence"}, true);
+  std::vector<DeclaredInput> inputs = {ids, Named("features", {"batch", "", ""})};
+  EXPECT_EQ(ChooseShapes(inputs, {}, "f.yaml"), "");
+  EXPECT_THAT(inputs[1].shape, ElementsAre(1, 64, 64)) << "a batch of 1 is not the depth of a picture";
+  InputChoices choices;
+  choices["ids"].shape = Shape{2, 64};
+  DeclaredInput features = Named("features", {"batch", "frames", ""});
+  features.shape[2] = 80;
+  inputs = {ids, features};
+  EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"), "");
+  EXPECT_THAT(inputs[1].shape, ElementsAre(2, 64, 80)) << "a batch of 2 makes no state";
+  choices["ids"].shape = Shape{1, 32};
+  inputs = {ids, Named("lines", {"", "", "sequence", ""})};
+  EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"), "");
+  EXPECT_THAT(inputs[1].shape, ElementsAre(1, 3, 32, 320)) << "a known height counts for the width";
+}
+
+TEST(UsualShapeTest, ASizeThatStandsAloneMayBeTheBatchOfALaterInput) {
+  std::vector<DeclaredInput> inputs = {Named("time", {"batch"}), Named("ids", {"batch", "sequence"}, true)};
+  EXPECT_EQ(ChooseShapes(inputs, {}, "f.yaml"), "");
+  EXPECT_THAT(inputs[0].shape, ElementsAre(1));
+  EXPECT_THAT(inputs[1].shape, ElementsAre(1, 64));
+}
+
+TEST(UsualShapeTest, ShapesThatGiveOneNameTwoSizesAreRefused) {
+  const std::vector<DeclaredInput> declared = {Named("ids", {"batch", "sequence"}, true),
+                                               Named("mask", {"batch", "sequence"}, true)};
+  InputChoices choices;
+  choices["ids"].shape = Shape{1, 9};
+  choices["mask"].shape = Shape{1, 8};
+  choices["mask"].shapeLine = 3;
+  std::vector<DeclaredInput> inputs = declared;
+  EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"),
+            "f.yaml:3: 'sequence' is 8 in the shape of 'mask' and 9 in that of 'ids', expected one size");
+  choices["mask"].shape = Shape{1, 9};
+  inputs = declared;
+  EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"), "");
+  // The name stands for any size where one input has it for two.
+  inputs = {Named("ids", {"n", "n"}, true), Named("mask", {"n"}, true)};
+  choices["mask"].shape = Shape{9};
+  EXPECT_EQ(ChooseShapes(inputs, choices, "f.yaml"), "");
+  EXPECT_THAT(inputs[0].shape, ElementsAre(1, 9));
 }
 
 TEST(UsualShapeTest, TheFileOfInputsIsBesideTheModel) {
@@ -115,20 +169,32 @@ class ModelInputsTest : public ModelTest {
     return graph;
   }
 
-  /// Expects that the inputs are refused with this file. `where`: what follows the name of the file.
-  void ExpectRefused(const std::string& text, const std::string& where) {
-    SCOPED_TRACE(text);
-    const std::string model =
-        Write(Copies({{"image", {kOpen, 3, kOpen, kOpen}}, {"flag", {2}, ElementType::kInt8}}));
-    const std::string file = WriteInputs(text);
-    const spawn_calls::Watch watch;
-    // Takes less time than a trial, which would show nothing more.
-    char* const arguments[] = {name_.data(), option_.data(), script_.data(), nullptr};
-    spawn_calls::before = [&](spawn_calls::Call& call) {
+  /// A graph's input (field 11) or output (field 12) without a shape, behind the bytes of a whole model.
+  static std::string WithoutShape(std::uint32_t field, const std::string& name) {
+    const std::string floats = Field(1, std::string("\x08\x01", 2));
+    return Field(7, Field(field, Field(1, name) + Field(2, floats)));
+  }
+
+  /// Runs `script` in place of the trial.
+  void ReplaceTrial(const std::string& script) {
+    script_ = script;
+    arguments_[2] = script_.data();
+    spawn_calls::before = [this](spawn_calls::Call& call) {
       call.program = "/bin/sh";
-      call.arguments = arguments;
+      call.arguments = arguments_;
       return 0;
     };
+  }
+
+  /// Expects that the inputs are refused with this file. `where`: what follows the name of the file.
+  void ExpectRefused(const std::string& text, const std::string& where, bool realTrial = false) {
+    SCOPED_TRACE(text);
+    const std::string model = Write(Copies({{"image", {kOpen, 3, kOpen, kOpen}},
+                                            {"flag", {2}, ElementType::kInt8},
+                                            {"half", {}, ElementType::kFloat16}}));
+    const std::string file = WriteInputs(text);
+    const spawn_calls::Watch watch;
+    if (!realTrial) ReplaceTrial("echo loaded 0; echo ran 0");  // takes less time
     QetDNNHandle handle;
     ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, model), Ormis::kQetOk);
     ExpectFailure(Ormis::kQetInvalidArgument, "QetDNNModelCreateInput",
@@ -137,16 +203,18 @@ class ModelInputsTest : public ModelTest {
     EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
   }
 
-  std::string name_ = "sh";
-  std::string option_ = "-c";
-  std::string script_ = "echo loaded 0; echo ran 0";
-
   void Run(QetDNNHandle& handle, const std::string& path) {
     ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
   }
+
+ private:
+  std::string shell_ = "sh";
+  std::string option_ = "-c";
+  std::string script_;
+  char* arguments_[4] = {shell_.data(), option_.data(), nullptr, nullptr};
 };
 
 template <typename Number>
@@ -158,7 +226,9 @@ std::vector<Number> NumbersOf(const Ormis::QetDNNBuffer& buffer) {
 
 TEST_F(ModelInputsTest, AnUnknownInputIsNamedWithThoseOfTheModel) {
   ExpectRefused("inputs:\n  imag: {fill: random}\n",
-                ":2: unknown input 'imag', the model has 'image' (open x 3 x open x open), 'flag' (2)");
+                ":2: unknown input 'imag', the model has 'image' (open x 3 x open x open), 'flag' (2), "
+                "'half' (one number, or any shape)",
+                true);
 }
 
 TEST_F(ModelInputsTest, AShapeThatDoesNotFitIsNamedWithTheModels) {
@@ -194,13 +264,27 @@ TEST_F(ModelInputsTest, KeysAndValuesThatAreNoneAreNamed) {
     ExpectRefused("inputs:\n  flag: {value: " + value + "}",
                   ":2: flag: value is '" + text + "', expected a whole number from -128 to 127");
   }
+  ExpectRefused("inputs: {half: {value: 100000}}",
+                ":1: half: value is '100000', expected a number from -65504 to 65504");
   ExpectRefused("inputs: {\n", ":2: did not find expected node content");
+}
+
+TEST_F(ModelInputsTest, ALinkToAFileThatIsMissingIsRefused) {
+  const std::string path = Write(TinyNetwork());
+  const std::string file = folder_ / "model.inputs.yaml";
+  std::filesystem::create_symlink(folder_ / "none.yaml", file);
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  ExpectFailure(Ormis::kQetInvalidArgument, "QetDNNModelCreateInput",
+                "model " + path + ": cannot read " + file + ": No such file or directory",
+                [&] { return Ormis::QetDNNModelCreateInput(handle); });
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
 TEST_F(ModelInputsTest, AnEmptyFileAndNoFileAreTheSame) {
   const std::string path = Write(Copies({{"image", {kOpen, 1, 32, kOpen}}}));
-  for (const std::string text : {"", "inputs: {}", "# nothing"}) {
-    WriteInputs(text);
+  for (const char* const text : {static_cast<const char*>(nullptr), "", "inputs: {}", "# nothing"}) {
+    if (text != nullptr) WriteInputs(text);
     QetDNNHandle handle;
     Run(handle, path);
     EXPECT_EQ(handle.inputs.at(0).sizeBytes, std::size_t{32} * 320 * sizeof(float));
@@ -218,11 +302,16 @@ TEST_F(ModelInputsTest, ValuesOfEveryTypeReachTheModel) {
                                          {"uint64", {1}, ElementType::kUint64},
                                          {"bool", {2}, ElementType::kBool},
                                          {"half", {2}, ElementType::kFloat16},
-                                         {"brain", {2}, ElementType::kBfloat16}}));
+                                         {"brain", {2}, ElementType::kBfloat16},
+                                         {"uint8", {2}, ElementType::kUint8},
+                                         {"int16", {2}, ElementType::kInt16},
+                                         {"int32", {2}, ElementType::kInt32},
+                                         {"uint32", {2}, ElementType::kUint32}}));
   WriteInputs(
       "inputs: {float: {value: 1.5}, double: {value: -2e3}, int8: {value: -7}, uint16: {value: 65535},\n"
       "  int64: {value: 16000}, uint64: {value: 18446744073709551615}, bool: {value: true},\n"
-      "  half: {value: 1.5}, brain: {value: 1.5}}\n");
+      "  half: {value: 1.5}, brain: {value: 1.5}, uint8: {value: 255}, int16: {value: -32768},\n"
+      "  int32: {value: -2147483648}, uint32: {value: 4294967295}}\n");
   QetDNNHandle handle;
   Run(handle, path);
   EXPECT_THAT(NumbersOf<float>(handle.outputs.at(0)), ElementsAre(1.5F, 1.5F));
@@ -234,6 +323,10 @@ TEST_F(ModelInputsTest, ValuesOfEveryTypeReachTheModel) {
   EXPECT_THAT(NumbersOf<std::uint8_t>(handle.outputs.at(6)), ElementsAre(1, 1));
   EXPECT_THAT(NumbersOf<std::uint16_t>(handle.outputs.at(7)), ElementsAre(0x3E00, 0x3E00));
   EXPECT_THAT(NumbersOf<std::uint16_t>(handle.outputs.at(8)), ElementsAre(0x3FC0, 0x3FC0));
+  EXPECT_THAT(NumbersOf<std::uint8_t>(handle.outputs.at(9)), ElementsAre(255, 255));
+  EXPECT_THAT(NumbersOf<std::int16_t>(handle.outputs.at(10)), ElementsAre(-32768, -32768));
+  EXPECT_THAT(NumbersOf<std::int32_t>(handle.outputs.at(11)), ElementsAre(INT32_MIN, INT32_MIN));
+  EXPECT_THAT(NumbersOf<std::uint32_t>(handle.outputs.at(12)), ElementsAre(4294967295U, 4294967295U));
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
@@ -241,14 +334,16 @@ TEST_F(ModelInputsTest, RandomFillsAreTheSameEachTime) {
   const std::string path = Write(Copies({{"float", {1000}},
                                          {"more", {1000}},
                                          {"byte", {1000}, ElementType::kUint8},
-                                         {"token", {1000}, ElementType::kInt64}}));
+                                         {"token", {1000}, ElementType::kInt64},
+                                         {"half", {100'000}, ElementType::kFloat16}}));
   WriteInputs(
-      "inputs: {float: {fill: random}, more: {fill: random}, byte: {fill: random}, token: {fill: random}}");
+      "inputs: {float: {fill: random}, more: {fill: random}, byte: {fill: random}, token: {fill: random},\n"
+      "  half: {fill: random}}");
   QetDNNHandle first;
   QetDNNHandle second;
   Run(first, path);
   Run(second, path);
-  for (std::size_t i = 0; i < 4; ++i) {
+  for (std::size_t i = 0; i < 5; ++i) {
     EXPECT_EQ(NumbersOf<std::uint8_t>(first.outputs.at(i)), NumbersOf<std::uint8_t>(second.outputs.at(i)))
         << i;
   }
@@ -261,6 +356,8 @@ TEST_F(ModelInputsTest, RandomFillsAreTheSameEachTime) {
   const auto tokens = NumbersOf<std::int64_t>(first.outputs.at(3));
   EXPECT_THAT(tokens, testing::Each(testing::AnyOf(0, 1)));
   EXPECT_THAT(tokens, testing::Contains(1));
+  const auto halves = NumbersOf<std::uint16_t>(first.outputs.at(4));
+  EXPECT_EQ(*std::max_element(halves.begin(), halves.end()), 0x3BFF) << "the last half below 1";
   EXPECT_EQ(Ormis::QetDNNRelease(first), Ormis::kQetOk);
   EXPECT_EQ(Ormis::QetDNNRelease(second), Ormis::kQetOk);
 }
@@ -304,6 +401,68 @@ TEST_F(ModelInputsTest, AModelThatFailsOverZerosIsTriedWithItsFill) {
   WriteInputs("inputs: {limit: {value: 5}, step: {value: 1}}");
   const std::string again = StandardErrorOf([&] { Run(handle, path); });
   EXPECT_THAT(again, testing::HasSubstr("trying model ")) << "another fill is another trial";
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_F(ModelInputsTest, AFirstInferenceThatFailsInTheTrialIsNotRepeated) {
+  const std::string path = Write(RangeNetwork());
+  const auto expectRefusal = [&](QetDNNHandle& handle, std::int32_t expected, const std::string& reason) {
+    ASSERT_EQ(Ormis::QetDNNModelCreateInput(handle), Ormis::kQetOk);
+    std::int32_t code = 0;
+    const std::string log = StandardErrorOf([&] { code = Ormis::QetDNNModelCreateOutput(handle); });
+    EXPECT_EQ(code, expected);
+    EXPECT_THAT(log, testing::HasSubstr("QetDNNModelCreateOutput: model " + path + ": " + reason));
+    EXPECT_TRUE(handle.outputs.empty());
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  };
+  const std::string runs = "inputs: {limit: {value: 5}, step: {value: 1}}";
+  QetDNNHandle tried;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(tried, path), Ormis::kQetOk);
+  WriteInputs(runs);  // an inference would now pass
+  expectRefusal(tried, Ormis::kQetInferenceFailure, "the first inference failed: Non-zero status code");
+
+  const spawn_calls::Watch watch;
+  ReplaceTrial("echo loaded 0; echo ran 1010 no memory");
+  WriteInputs(runs + " # another trial");
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(tried, path), Ormis::kQetOk);
+  expectRefusal(tried, Ormis::kQetOutOfMemory, "no memory");
+  EXPECT_EQ(watch.Count(), 1);
+}
+
+TEST_F(ModelInputsTest, AnOutputOfUndeclaredRankIsLearnt) {
+  onnx_writer::Graph graph;
+  graph.name = "reshape";
+  graph.inputs = {{"data", {4}}, {"sizes", {kOpen}, ElementType::kInt64}};
+  graph.nodes = {{"Reshape", {"data", "sizes"}, {"out"}, {}, {}}};
+  const std::string path = Write(onnx_writer::Serialize(graph) + WithoutShape(12, "out"));
+  WriteInputs("inputs: {data: {value: 3}, sizes: {shape: [2], value: 2}}");
+  QetDNNHandle handle;
+  Run(handle, path);
+  EXPECT_THAT(NumbersOf<float>(handle.outputs.at(0)), ElementsAre(3.0F, 3.0F, 3.0F, 3.0F));
+  EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_F(ModelInputsTest, AnInputOfUndeclaredRankIsOneNumberOrHasTheShapeOfTheFile) {
+  onnx_writer::Graph graph;
+  graph.name = "copy";
+  graph.nodes = {{"Identity", {"in"}, {"out"}, {}, {}}};
+  const std::string path =
+      Write(onnx_writer::Serialize(graph) + WithoutShape(11, "in") + WithoutShape(12, "out"));
+  for (const auto& [text, count] : {std::pair{"inputs: {in: {value: 7}}", std::size_t{1}},
+                                    {"inputs: {in: {value: 7, shape: [2, 3]}}", std::size_t{6}}}) {
+    WriteInputs(text);
+    QetDNNHandle handle;
+    Run(handle, path);
+    EXPECT_EQ(NumbersOf<float>(handle.outputs.at(0)), std::vector<float>(count, 7.0F));
+    EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+  }
+  const std::string file = WriteInputs("inputs: {on: {value: 7}}");
+  QetDNNHandle handle;
+  ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk);
+  ExpectFailure(
+      Ormis::kQetInvalidArgument, "QetDNNModelCreateInput",
+      "model " + path + ": " + file + ":1: unknown input 'on', the model has 'in' (one number, or any shape)",
+      [&] { return Ormis::QetDNNModelCreateInput(handle); });
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 
