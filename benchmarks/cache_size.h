@@ -9,7 +9,7 @@
 
 namespace measure {
 
-/// A buffer that was read from its begin to its end, several times.
+/// A buffer that was read from beginning to end, several times.
 struct CacheStep {
   std::size_t bytes = 0;
   double fromMemory = 0.0;  ///< share of its lines that the next reading takes from memory

@@ -39,7 +39,7 @@ double NsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
 }
 
-/// Takes turns with the worker, see above. One object serves all, because one worker runs at a time.
+/// Takes turns with the worker. One object serves all, because one worker runs at a time.
 struct Turns {
   Turns(bool real, int cyclesATurn, int rounds) : real(real), cyclesATurn(cyclesATurn), rounds(rounds) {}
 

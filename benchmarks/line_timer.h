@@ -25,7 +25,7 @@ std::vector<Line> DrawLines(const Range& range, std::size_t count, Random& rando
 /// Adds nothing where there is no such counter.
 void TimeLines(const std::vector<Line>& lines, std::vector<std::uint32_t>& ticks);
 
-/// Reads a range once, from its begin to its end.
+/// Reads a range once, from beginning to end.
 void ReadAll(const Range& range);
 
 /// A buffer whose lines are put into a known state.
@@ -55,7 +55,7 @@ struct Threshold {
   bool tells = false;               ///< false: times tell nothing here, and no figure may be made of them
 };
 
-/// The threshold lies nine tenths up to what 95 % of the flushed lines exceed. It tells where both times
+/// The threshold is 0.9 times the time that 95 % of the flushed lines exceed. It tells where both times
 /// exist, at most 5 % of the lines that were read exceed it, and the median of the flushed lines is 1.5 times
 /// that of the others, or more.
 Threshold FindThreshold(std::vector<std::uint32_t> read, std::vector<std::uint32_t> flushed);

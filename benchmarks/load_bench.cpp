@@ -264,8 +264,8 @@ double MedianOf(const std::vector<Turn>& turns, const std::function<double(const
 
 void PrintMixes(const std::vector<Turn>& turns) {
   (void)std::printf(
-      "| CPU | VPC | VENC | AIC | CPU, GB/s | VPC, GB/s | VENC, GB/s | AIC, GB/s | together, GB/s | / ten "
-      "copies |\n"
+      "| CPU | VPC | VENC | AIC | CPU, GB/s | VPC, GB/s | VENC, GB/s | AIC, GB/s | together, GB/s "
+      "| / ten copies |\n"
       "|---|---|---|---|---|---|---|---|---|---|\n");
   for (std::size_t mix = 0; mix < std::size(kMixes); ++mix) {
     (void)std::printf("|");
@@ -318,8 +318,9 @@ void PrintProcessorTime(const std::vector<Turn>& turns) {
 
 const char* const kUsage = R"(usage: load_bench [MODEL [ROUNDS [SECONDS]]]
 Measures how much memory the benchmark's workers move, each engine alone and together, in turns within one run: all
-forty workers are there from the start, and a mix lets some of them work for SECONDS (default 0.5) while the others
-wait. Figures are medians of ROUNDS (default 3), ratios are medians of the ratios within each round.
+forty workers are there from the start, and a mix lets some of them work while the others wait: for SECONDS (default
+0.5), and a tenth longer for each of these workers. Figures are medians of ROUNDS (default 3), ratios are medians of
+the ratios within each round.
 
 GB/s (10^9 bytes) count what an operation has to move: a copy its source and its destination, a resize both images, an
 encode its frame, an inference the model's weights once, inputs and outputs. MODEL: default build/models/memory.onnx.

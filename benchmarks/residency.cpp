@@ -220,11 +220,9 @@ void PrintCannotTell(const Threshold& threshold) {
     (void)std::puts("Not measured: this processor has no instruction with which a program can empty caches.");
   } else {
     (void)std::printf(
-        "Not measured: load times do not tell caches from memory here, as is usual under emulation. Lines "
-        "that were "
-        "just read\ntake %u ticks (median), lines that were just flushed %u, and %.0f %% of the lines just "
-        "read take "
-        "longer than the threshold, %u.\n",
+        "Not measured: load times do not tell caches from memory here, as is usual under emulation. "
+        "Lines that were just read\ntake %u ticks (median), lines that were just flushed %u, and %.0f %% of "
+        "the lines just read take longer than the threshold, %u.\n",
         threshold.readMedian, threshold.flushedMedian, 100 * threshold.readAbove, threshold.ticks);
   }
 }
@@ -255,8 +253,9 @@ const char* const kUsage = R"(usage: residency [MODEL [SECONDS [LEVEL...]]]
 Measures which share of the lines that an operation has used come from the memory afterwards, by timed loads: the
 first worker of each level times drawn lines of its source and destination when the operation returns. Between
 operations it times lines of another buffer that were just read, and others that were just flushed. They give the
-threshold, at the same level and under the same load. The benchmark's own workers run, each level for SECONDS at most
-(default 1), without and with caches ("memory: device" and "memory: cached"). Levels: 1 to 10, default 1 2 4 10.
+threshold, at the same level and under the same load. The benchmark's own workers run, each level for about SECONDS
+(default 1) and until the first one has made some 18 operations, without and with caches ("memory: device" and
+"memory: cached"). Levels: 1 to 10, default 1 2 4 10.
 MODEL: default build/models/memory.onnx.
 
 First of all it measures the last cache. The second form does only that, and says which weights a network needs.
@@ -297,9 +296,8 @@ void PrintAll(const Options& options) {
   if (dlsym(RTLD_DEFAULT, LINK_HOST_VERSION) != nullptr) MeasureEngines("cached", options, all);
 
   (void)std::printf(
-      "\n| `memory` | engine | workers | just read: median ticks | just flushed: median ticks | threshold | "
-      "read, but "
-      "above, %% | flushed, but below, %% | lines of sources | lines of destinations |\n"
+      "\n| `memory` | engine | workers | just read: median ticks | just flushed: median ticks | threshold "
+      "| read, but above, %% | flushed, but below, %% | lines of sources | lines of destinations |\n"
       "|---|---|---|---|---|---|---|---|---|---|\n");
   for (const Measured& one : all) {
     for (const Level& level : one.levels) PrintThreshold(one.memory, one.engine, level);

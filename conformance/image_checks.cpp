@@ -135,8 +135,7 @@ std::vector<Check> ImageChecks() {
        Destroy},
       {"copy.same-record",
        "QetMemcpyToKivu accepts one record as source and destination, keeps its pixels and leaves it usable "
-       "for a "
-       "resize",
+       "for a resize",
        CopyOfTheSameRecord},
       {"copy.copies-pixels",
        "QetMemcpyToKivu puts the source's pixels into the destination and leaves the source", CopyOfPixels},

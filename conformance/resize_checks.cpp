@@ -132,8 +132,7 @@ std::vector<Check> ResizeChecks() {
   return {
       {"resize.scales",
        "QetImageResize with interpolation 1 and -1 returns 0 and leaves the whole source picture, scaled to "
-       "the "
-       "destination's size, in the whole destination",
+       "the destination's size, in the whole destination",
        Scales},
       {"resize.in-place-at-return",
        "QetImageResize returns when the result is in the destination, not before", InPlaceAtReturn},
@@ -142,8 +141,7 @@ std::vector<Check> ResizeChecks() {
        AgainAndAgain},
       {"resize.rewritten-source",
        "QetImageResize shows the picture that the source holds at the call, also after the source was "
-       "rewritten "
-       "and copied onto itself between two calls",
+       "rewritten and copied onto itself between two calls",
        RewrittenSource},
       {"resize.fails-without-images",
        "QetImageResize of records without memory returns a status other than 0, with and without a context",

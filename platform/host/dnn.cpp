@@ -25,8 +25,8 @@ struct Model {
 Table<std::uint64_t, Model> models;
 
 /// One load of a model, from its trial to its end. Loading takes and frees more memory than the weights have,
-/// and the C library would keep it. The last load that is in progress gives it back: that disturbs all
-/// threads, and the workers that have loaded before are measured already.
+/// and the C library would keep it. Only the last running load gives it back, because this disturbs
+/// all threads, also those of workers that are measured already.
 class LoadInProgress {
  public:
   LoadInProgress() {

@@ -94,7 +94,8 @@ class ModelReader {
     return Walk(field->is, at_ + length, depth + 1);
   }
 
-  /// Reads the length of a field's value, or finds it from its wire type. Leaves a varint to be skipped: 0.
+  /// Reads the length of a field's value, or finds it from its wire type. A varint is read here and leaves 0
+  /// bytes.
   bool LengthOf(std::uint64_t wireType, std::uint64_t& length) {
     std::uint64_t unused = 0;
     length = wireType == 1 ? 8 : wireType == 5 ? 4 : 0;

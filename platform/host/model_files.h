@@ -15,8 +15,8 @@ namespace Ormis::host {
 /// size, and the times of the last change of content and of the file. All zero: there is no such file.
 using FileState = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
 
-/// The files with weights that the model file `path` names, as it names them: relative to its folder. Of a
-/// file that is damaged or no model, those that can be read.
+/// The files with weights that the model file `path` names, as it names them: relative to its folder. From
+/// a damaged file it returns the names that it could read.
 std::set<std::string> ExternalWeights(const std::string& path);
 
 bool IsRegularFile(const std::string& path);

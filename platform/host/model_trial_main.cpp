@@ -44,7 +44,7 @@ Loads the model FILE and runs it: once, or twice where it leaves sizes of output
 program, because a damaged model may crash it.
 
   SECONDS    most seconds of processor time
-  PERCENT    most memory, in per cent of memory: of the machine's, or of the control group's limit
+  PERCENT    most memory, in per cent of the machine's or of the control group's limit
   --help     print this help
   --version  print the version
 )";

@@ -41,8 +41,8 @@ struct QetDNNHandle {
 ORMIS_API std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path);
 
 /// Creates the model's input buffers. Where a caller never writes them, the inference reads what the platform
-/// put there. The host gives dimensions that the model leaves open usual sizes, and fills with zeros; the
-/// file NAME.inputs.yaml beside NAME.onnx says otherwise. Requires: a current context, a loaded model, no
+/// put there. The host gives dimensions that the model leaves open usual sizes, and fills inputs with zeros;
+/// the file NAME.inputs.yaml beside NAME.onnx says otherwise. Requires: a current context, a loaded model, no
 /// inputs yet. Returns 0, or a code: kQetUnsupported for an input that is not a tensor of numbers of whole
 /// bytes, kQetInvalidArgument for a file of inputs that does not fit. After a failure there are no inputs.
 ORMIS_API std::int32_t QetDNNModelCreateInput(QetDNNHandle& handle);
