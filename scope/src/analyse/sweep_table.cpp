@@ -25,6 +25,16 @@ void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& note
   }
 }
 
+std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
+  std::vector<std::string> engines;
+  for (const FigureKey& key : keys) {
+    if (key.engine != kAllEngines && (engines.empty() || engines.back() != key.engine)) {
+      engines.push_back(key.engine);
+    }
+  }
+  return engines;
+}
+
 }  // namespace
 
 SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
@@ -82,11 +92,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
                           Counted(sweep.runs.size(), "run"));
   }
   if (!runs.empty()) NoteConditions(runs, table.notes);
-  for (const FigureKey& key : keys) {
-    if (key.engine != kAllEngines && (table.engines.empty() || table.engines.back() != key.engine)) {
-      table.engines.push_back(key.engine);
-    }
-  }
+  table.engines = EnginesOf(keys);
   return table;
 }
 
