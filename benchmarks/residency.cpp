@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
@@ -84,7 +85,7 @@ class Sampler : public measure::Watcher {
 
   const int level_;
   const measure::KnownLines known_{kKnownBytes};
-  measure::Random random_{20260101};  // NOLINT(cert-msc51-cpp): the same lines each time
+  measure::Random random_{20260101};  // the same lines each time
   std::atomic<int> begun_{0};
   std::atomic<bool> enough_{false};
   std::atomic<bool> calibrates_{false};
@@ -164,7 +165,7 @@ class SettingsFile {
     const int file = mkstemp(path_.data());
     Require(file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
                 close(file) == 0,
-            "writing the platform's settings to a file in /tmp");
+            "writing the platform's settings to a temporary file");
   }
   SettingsFile(const SettingsFile&) = delete;
   SettingsFile& operator=(const SettingsFile&) = delete;
@@ -173,7 +174,7 @@ class SettingsFile {
   const std::string& Path() const { return path_; }
 
  private:
-  std::string path_ = "/tmp/residency.XXXXXX";
+  std::string path_ = (std::filesystem::temp_directory_path() / "residency.XXXXXX").string();
 };
 
 struct Measured {
@@ -310,7 +311,7 @@ int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "residency", kUsage);
   const bool cacheAlone = argc == 2 && std::string(argv[1]) == "cache";
   const Options options = cacheAlone ? Options() : ReadOptions(argc, argv);
-  measure::Random random{20260101};  // NOLINT(cert-msc51-cpp): the same lines each time
+  measure::Random random{20260101};  // the same lines each time
   const Threshold threshold = Calibrate(random);
   if (!threshold.tells) {
     PrintCannotTell(threshold);

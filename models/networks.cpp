@@ -108,7 +108,7 @@ class Builder {
   }
 
   Graph graph_;
-  std::mt19937 random_{20240229};  // NOLINT(cert-msc51-cpp): the same network each time
+  std::mt19937 random_{20240229};  // the same network each time
 };
 
 }  // namespace

@@ -65,7 +65,7 @@ std::string FillWith(const InputChoice& choice, std::size_t count, std::uint32_t
   if (choice.value && !Parse(*choice.value, value)) {
     return "value is '" + *choice.value + "', expected " + expected;
   }
-  std::mt19937 random(seed);  // NOLINT(cert-msc51-cpp): the same input each time
+  std::mt19937 random(seed);  // the same input each time
   for (std::size_t i = 0; i < count; ++i) {
     elements[i] = toElement(choice.random ? Random<Number>(random) : value);
   }

@@ -20,7 +20,7 @@ constexpr std::size_t kPage = 4096;
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 
 Random Draws() {
-  return Random{7};  // NOLINT(cert-msc51-cpp): the same draws each time
+  return Random{7};  // the same draws each time
 }
 
 std::vector<std::uint32_t> Times(std::size_t count, std::uint32_t from, std::uint32_t to) {

@@ -93,7 +93,7 @@ TEST_F(HostileModelTest, CutOffAnywhere) {
 
 TEST_F(HostileModelTest, DamagedBytes) {
   Try(60, true, [](int i) {
-    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::mt19937 random(static_cast<unsigned int>(i));  // the same files each time
     std::string model = GoodModel();
     for (auto changes = 1 + random() % 4; changes > 0; --changes) {
       model[random() % model.size()] = static_cast<char>(random());
@@ -104,7 +104,7 @@ TEST_F(HostileModelTest, DamagedBytes) {
 
 TEST_F(HostileModelTest, MissingAndRepeatedParts) {
   Try(40, false, [](int i) {
-    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::mt19937 random(static_cast<unsigned int>(i));  // the same files each time
     std::string model = GoodModel();
     const std::string part = model.substr(random() % model.size(), 1 + random() % 100);
     if (i % 2 == 0) {
@@ -118,7 +118,7 @@ TEST_F(HostileModelTest, MissingAndRepeatedParts) {
 
 TEST_F(HostileModelTest, ChangedFields) {
   Try(100, true, [](int i) {
-    std::mt19937 random(static_cast<unsigned int>(i));  // NOLINT(cert-msc51-cpp): the same files each time
+    std::mt19937 random(static_cast<unsigned int>(i));  // the same files each time
     std::vector<ModelField> fields = ReadFields(GoodModel());
     ChangeFields(fields, random);
     return WriteFields(fields);

@@ -175,17 +175,6 @@ class ModelInputsTest : public ModelTest {
     return Field(7, Field(field, Field(1, name) + Field(2, floats)));
   }
 
-  /// Runs `script` in place of the trial.
-  void ReplaceTrial(const std::string& script) {
-    script_ = script;
-    arguments_[2] = script_.data();
-    spawn_calls::before = [this](spawn_calls::Call& call) {
-      call.program = "/bin/sh";
-      call.arguments = arguments_;
-      return 0;
-    };
-  }
-
   /// Expects that the inputs are refused with this file. `where`: what follows the name of the file.
   void ExpectRefused(const std::string& text, const std::string& where, bool realTrial = false) {
     SCOPED_TRACE(text);
@@ -194,7 +183,7 @@ class ModelInputsTest : public ModelTest {
                                             {"half", {}, ElementType::kFloat16}}));
     const std::string file = WriteInputs(text);
     const spawn_calls::Watch watch;
-    if (!realTrial) ReplaceTrial("echo loaded 0; echo ran 0");  // takes less time
+    if (!realTrial) spawn_calls::ReplaceByScript("echo loaded 0; echo ran 0");  // takes less time
     QetDNNHandle handle;
     ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, model), Ormis::kQetOk);
     ExpectFailure(Ormis::kQetInvalidArgument, "QetDNNModelCreateInput",
@@ -209,12 +198,6 @@ class ModelInputsTest : public ModelTest {
     ASSERT_EQ(Ormis::QetDNNModelCreateOutput(handle), Ormis::kQetOk);
     ASSERT_EQ(Ormis::QetDNNModelProcess(handle), Ormis::kQetOk);
   }
-
- private:
-  std::string shell_ = "sh";
-  std::string option_ = "-c";
-  std::string script_;
-  char* arguments_[4] = {shell_.data(), option_.data(), nullptr, nullptr};
 };
 
 template <typename Number>
@@ -422,7 +405,7 @@ TEST_F(ModelInputsTest, AFirstInferenceThatFailsInTheTrialIsNotRepeated) {
   expectRefusal(tried, Ormis::kQetInferenceFailure, "the first inference failed: Non-zero status code");
 
   const spawn_calls::Watch watch;
-  ReplaceTrial("echo loaded 0; echo ran 1010 no memory");
+  spawn_calls::ReplaceByScript("echo loaded 0; echo ran 1010 no memory");
   WriteInputs(runs + " # another trial");
   ASSERT_EQ(Ormis::QetDNNModelInitialize(tried, path), Ormis::kQetOk);
   expectRefusal(tried, Ormis::kQetOutOfMemory, "no memory");

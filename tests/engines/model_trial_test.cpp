@@ -49,13 +49,7 @@ class ModelTrialTest : public ModelTest {
   /// Runs the script in place of the trial from now on.
   void ReplaceTrial(const std::string& script) {
     Touch();
-    script_ = script;
-    arguments_[2] = script_.data();
-    spawn_calls::before = [this](spawn_calls::Call& call) {
-      call.program = "/bin/sh";
-      call.arguments = arguments_;
-      return 0;
-    };
+    spawn_calls::ReplaceByScript(script);
   }
 
   /// Expects that the load fails with this code and message when the script is run in place of the trial.
@@ -104,10 +98,6 @@ class ModelTrialTest : public ModelTest {
 
  private:
   int touched_ = 0;
-  std::string shell_ = "sh";
-  std::string option_ = "-c";
-  std::string script_;
-  char* arguments_[4] = {shell_.data(), option_.data(), nullptr, nullptr};
 };
 
 TEST_F(ModelTrialTest, TheTrialsAnswerIsTheLoads) {

@@ -15,6 +15,19 @@ int count = 0;
 
 }  // namespace
 
+void ReplaceByScript(const std::string& script) {
+  before = [shell = std::string("sh"), option = std::string("-c"),
+            text = std::string(script)](Call& call) mutable {
+    static char* arguments[4];
+    arguments[0] = shell.data();
+    arguments[1] = option.data();
+    arguments[2] = text.data();
+    call.program = "/bin/sh";
+    call.arguments = arguments;
+    return 0;
+  };
+}
+
 Watch::Watch() {
   count = 0;
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
 
 /// The platform's calls of posix_spawn(3) come here, so that a test can act in the middle of an operation.
 namespace spawn_calls {
@@ -18,6 +19,8 @@ struct Call {
 /// Called before the process is started, when the library has all its descriptors open. Returns 0, or the
 /// error number with which posix_spawn(3) fails.
 extern std::function<int(Call& call)> before;
+/// Starts a shell with this script in place of what is to be started, until the test ends.
+void ReplaceByScript(const std::string& script);
 /// Called with the process that was started.
 extern std::function<void(pid_t child)> after;
 

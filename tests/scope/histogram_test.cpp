@@ -42,7 +42,7 @@ TEST(LatencyBuckets, EndsWithTheLastOneForWhatIsLonger) {
 }
 
 TEST(Histogram, PercentilesAreWithinHalfAPercentOfExactOnes) {
-  std::mt19937_64 random(7);  // NOLINT(cert-msc51-cpp,cert-msc32-c): the same figures in every run
+  std::mt19937_64 random(7);  // the same figures in every run
   std::lognormal_distribution<double> latency(14, 1.5);
   std::vector<std::uint64_t> values(20'001);
   scope::Histogram histogram;
