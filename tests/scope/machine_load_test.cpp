@@ -33,9 +33,10 @@ class MachineLoadTest : public ::testing::Test {
     return std::to_string(static_cast<long>(seconds * static_cast<double>(sysconf(_SC_CLK_TCK))));
   }
 
-  static std::string Process(double seconds) {
-    return "77 (a ) name) R 1 2 3 4 5 6 7 8 9 10 " + Ticks(seconds / 2) + " " + Ticks(seconds / 2) +
-           " 0 0 20\n";
+  /// `endedS` is the time of children that the process has waited for.
+  static std::string Process(double seconds, double endedS = 0) {
+    return "77 (a ) name) R 1 2 3 4 5 6 7 8 9 10 " + Ticks(seconds / 2) + " " + Ticks(seconds / 2) + " " +
+           Ticks(endedS / 2) + " " + Ticks(endedS / 2) + " 20\n";
   }
 
   std::map<std::string, double> Read(double timeS) {
@@ -60,6 +61,46 @@ TEST_F(MachineLoadTest, TimeOfTheBenchmarkAndOfTheRecorderIsNotThatOfOthers) {
   Put(1005, 51, 14, 3);
   EXPECT_THAT(Read(4), UnorderedElementsAre(Pair("load/others", 0), Pair("load/steal", 0)))
       << "ticks that were counted late";
+}
+
+TEST_F(MachineLoadTest, TimeOfWhatTheBenchmarkStartsIsNotThatOfOthers) {
+  const auto othersAt = [this](double timeS) { return Read(timeS)["load/others"]; };
+  Put(1000, 0, 10, 0);
+  (void)Read(1);
+  // A thread starts the child 78, which starts 79. Both work for 1 s, as the benchmark itself does.
+  Put(1003, 0, 11, 0);
+  folder_.Put("proc/77/task/77/children", "");
+  folder_.Put("proc/77/task/80/children", "78 ");
+  folder_.Put("proc/78/task/78/children", "79 ");
+  folder_.Put("proc/78/stat", Process(1));
+  folder_.Put("proc/79/stat", Process(1));
+  EXPECT_EQ(othersAt(2), 0);
+  // 79 ends, and 78 has waited for it.
+  Put(1005, 0, 12, 0);
+  folder_.Put("proc/78/task/78/children", "");
+  std::filesystem::remove_all(folder_ / "proc/79");
+  folder_.Put("proc/78/stat", Process(2, 1));
+  EXPECT_EQ(othersAt(3), 0);
+  // 78 ends, too. The benchmark has its time and that of 79. Others take half a second.
+  Put(1006.5, 0, 13, 0);
+  folder_.Put("proc/77/task/80/children", "");
+  std::filesystem::remove_all(folder_ / "proc/78");
+  folder_.Put("proc/77/stat", Process(13, 3));
+  EXPECT_EQ(othersAt(4), 0.5);
+  Put(1008.5, 0, 14, 0);
+  folder_.Put("proc/77/stat", Process(14, 3));
+  EXPECT_EQ(othersAt(5), 1) << "the time of an ended child is counted once";
+}
+
+TEST_F(MachineLoadTest, AChildThatTwoThreadsListIsCountedOnce) {
+  folder_.Put("proc/77/task/77/children", "78 ");
+  folder_.Put("proc/77/task/80/children", "78 ");
+  folder_.Put("proc/78/stat", Process(1));
+  Put(1000, 0, 10, 0);
+  (void)Read(1);
+  folder_.Put("proc/78/stat", Process(2));
+  Put(1002, 0, 10, 0);
+  EXPECT_EQ(Read(2)["load/others"], 1);
 }
 
 TEST_F(MachineLoadTest, WithoutTheBenchmarkItCannotTellOthers) {

@@ -34,8 +34,13 @@ std::optional<CpuTimes> ReadCpuTimes(const std::string& path) {
   return CpuTimes{ticks[0] + ticks[1] + ticks[2] + ticks[5] + ticks[6], ticks[7]};
 }
 
-// User and system time of all threads of a process, in clock ticks.
-std::optional<double> ReadProcessTicks(const std::string& path) {
+/// User and system time, in clock ticks.
+struct ProcessTicks {
+  double own = 0;    ///< of all threads of the process
+  double ended = 0;  ///< of the children that it has waited for, and of theirs
+};
+
+std::optional<ProcessTicks> ReadProcessTicks(const std::string& path) {
   const std::string text = ReadText(path).value_or("");
   // The second field is the program's name in brackets, which may contain anything.
   const std::size_t end = text.rfind(')');
@@ -45,8 +50,40 @@ std::optional<double> ReadProcessTicks(const std::string& path) {
   for (int field = 3; field != 14; ++field) fields >> skipped;
   double user = 0;
   double system = 0;
-  if (!(fields >> user >> system)) return {};
-  return user + system;
+  double endedUser = 0;
+  double endedSystem = 0;
+  if (!(fields >> user >> system >> endedUser >> endedSystem)) return {};
+  return ProcessTicks{user + system, endedUser + endedSystem};
+}
+
+// The children of all threads of the process. The kernel lists a child with the thread that started it. One
+// that was built without these lists shows a child's time only when the child has ended.
+std::vector<std::string> ChildrenOf(const std::string& process) {
+  std::vector<std::string> children;
+  for (const std::string& thread : ListFolder(process + "/task")) {
+    std::istringstream text(ReadText(process + "/task/" + thread + "/children").value_or(""));
+    for (std::string child; text >> child;) children.push_back(child);
+  }
+  return children;
+}
+
+// The time of the process and of all that it started, in clock ticks: a model is tried in a child, and a
+// script may start the benchmark. A child's time moves to its parent when the parent has waited for it. So
+// the parent is read first: a child that is gone by then is in the parent's time alone.
+std::optional<double> ReadTreeTicks(const std::string& proc, pid_t process) {
+  std::vector<std::string> ids{std::to_string(process)};
+  double sum = 0;
+  for (std::size_t i = 0; i != ids.size(); ++i) {
+    const std::string folder = proc + "/" + ids[i];
+    // A child moves to another thread if its own ends, and may be listed twice.
+    for (const std::string& child : ChildrenOf(folder)) {
+      if (std::find(ids.begin(), ids.end(), child) == ids.end()) ids.push_back(child);
+    }
+    const std::optional<ProcessTicks> ticks = ReadProcessTicks(folder + "/stat");
+    if (!ticks && i == 0) return {};
+    if (ticks) sum += ticks->own + ticks->ended;
+  }
+  return sum;
 }
 
 // The microseconds in which some thread waited.
@@ -79,12 +116,13 @@ std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark) {
     // The files are read one after the other, and ticks are counted late: a difference may be below 0.
     if (rate) values.push_back({timeS, source, name, unit, std::max(0.0, *rate)});
   };
-  const std::optional<double> own = ReadProcessTicks(root_ + "/proc/self/stat");
-  const std::optional<double> child =
-      ReadProcessTicks(root_ + "/proc/" + std::to_string(benchmark) + "/stat");
+  const std::optional<ProcessTicks> recorder = ReadProcessTicks(root_ + "/proc/self/stat");
+  const std::optional<double> ofBenchmark = ReadTreeTicks(root_ + "/proc", benchmark);
   if (const std::optional<CpuTimes> times = ReadCpuTimes(root_ + "/proc/stat")) {
     const auto ticksPerS = static_cast<double>(sysconf(_SC_CLK_TCK));
-    if (own && child) add(kLoad, "others", "CPUs", (times->busy - *own - *child) / ticksPerS);
+    if (recorder && ofBenchmark) {
+      add(kLoad, "others", "CPUs", (times->busy - recorder->own - *ofBenchmark) / ticksPerS);
+    }
     add(kLoad, "steal", "CPUs", times->steal / ticksPerS);
   }
   for (const char* const name : {"cpu", "memory", "io"}) {

@@ -24,8 +24,8 @@ class MachineLoad {
   std::vector<CounterSource> Sources() const;
 
   /// The values at `timeS`, over the time since the previous call; the first call returns none. The time of
-  /// `benchmark` and of this program is not that of others. There is none of others after the benchmark has
-  /// ended.
+  /// `benchmark`, of the programs that it started and of this program is not that of others. There is none of
+  /// others after the benchmark has ended.
   std::vector<CounterValue> Read(double timeS, pid_t benchmark);
 
  private:
