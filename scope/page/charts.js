@@ -165,16 +165,19 @@ class Charts {
     return this.strip('loads', title, {title: 'CPUs', max: 1}, lines, this.runs);
   }
 
-  // The engines of a run, with a point for every second of any of them. Before its start and after its end an engine has
-  // the value 0. If an engine lacks a second in between, all have a gap there, because the sum is unknown.
+  // The engines of a run, with a point for every whole second of any of them. Before its first second of work and after its
+  // last one an engine has the value 0. The sum is unknown, and all have a gap, where an engine lacks a second in between,
+  // and in the second in which it began or ended, of which it worked a part.
   stack(run) {
     const engines = run.engines.filter((engine) => this.engines.some(({name}) => name === engine.name));
     const lines = engines.map((engine) => wholePoints(engine, 'bandwidth'));
     const times = [...new Set(lines.flatMap((points) => points.map(({x}) => x)))].sort((a, b) => a - b);
-    const values = lines.map((points) => {
-      const byTime = new Map(points.map(({x, y}) => [x, y]));
-      const works = (x) => points.length > 0 && x >= points[0].x && x <= points[points.length - 1].x;
-      return times.map((x) => (works(x) ? byTime.get(x) ?? null : 0));
+    const values = engines.map(({seconds}, i) => {
+      const points = lines[i];
+      const byTime = new Map(seconds.time_s.map((x, at) => [x, seconds.bandwidth[at]]));
+      const isWhole = (x) => points.length > 0 && x >= points[0].x && x <= points[points.length - 1].x;
+      const outside = (x) => (byTime.get(x) > 0 ? null : 0);
+      return times.map((x) => (isWhole(x) ? byTime.get(x) ?? null : outside(x)));
     });
     const isGap = times.map((_, at) => values.some((column) => column[at] === null));
     return engines.map((engine, i) => ({

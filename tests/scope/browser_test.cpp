@@ -161,6 +161,40 @@ TEST_F(ReportInBrowser, AStackHasAGapWhereOneEngineLacksASecond) {
   }
 }
 
+// The figures leave out the seconds in which an engine begins and ends. It worked in them, so 0 is wrong.
+TEST_F(ReportInBrowser, AStackHasAGapWhereAnEngineWorkedForAPartOfASecond) {
+  constexpr int kEnd = made_run::kWholeSeconds + 2;  // of all engines but cpu
+  constexpr int kBeginOfVenc = 10;
+  scope::Run run = made_run::Run();
+  run.info.durationS = kEnd + 1.2;
+  for (int thread = 0; thread != 2; ++thread) {
+    run.samples.push_back(made_run::SampleOf(made_run::kEngines[0], thread, kEnd + 1, 200));
+  }
+  run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
+                                   [](const auto& sample) {
+                                     return sample.engine == "venc" && sample.timeS < kBeginOfVenc;
+                                   }),
+                    run.samples.end());
+  const Visit visit = Open(run, made_run::Run(), "report_parts_of_seconds", 6200);
+  const json stack = visit.Chart("total-0")["series"];
+  ASSERT_EQ(stack.size(), 4U);
+  for (const json& engine : stack) {
+    ASSERT_EQ(engine["points"].size(), std::size_t{kEnd - 1}) << engine["name"];
+    for (int second = 2; second <= kEnd; ++second) {
+      const json value = engine["points"][static_cast<std::size_t>(second - 2)][1];
+      const bool isGap = second == kBeginOfVenc || second == kEnd;
+      EXPECT_EQ(value.is_null(), isGap) << engine["name"] << " " << second;
+      const bool hasNotBegun = engine["name"] == "venc" && second < kBeginOfVenc;
+      if (!isGap) EXPECT_EQ(value == 0, hasNotBegun) << engine["name"] << " " << second;
+    }
+  }
+  const json sums = visit.Chart("totals")["series"];
+  ASSERT_EQ(sums.size(), 2U);
+  EXPECT_EQ(sums[0]["points"].back(), json({kEnd, nullptr}));
+  EXPECT_EQ(sums[1]["points"].back()[0], kEnd - 1);
+  EXPECT_FALSE(sums[1]["points"].back()[1].is_null());
+}
+
 TEST_F(ReportInBrowser, AFailedEngineSaysSoInsteadOfEmptyAxes) {
   scope::Run run = made_run::Run();
   for (scope::Sample& sample : run.samples) {
