@@ -638,13 +638,15 @@ TEST_F(CompareTest, SaysThatRunsWereDisturbed) {
   const std::string a = One("a");
   const std::string b = One("b");
   folder_.Put("b/counters.csv",
-              "time_s,source,name,unit,value\n1.000,load,others,CPUs,0.01\n2.000,load,others,CPUs,0.5\n");
+              "time_s,source,name,unit,value\n4.000,load,others,CPUs,0.9\n6.000,load,others,CPUs,0.01\n"
+              "7.000,load,others,CPUs,0.5\n");
   const ToolResult result = RunTool({"compare", a, b});
   EXPECT_THAT(result.output,
               AllOf(HasSubstr("\nnote: " + b +
                               ": disturbed: 1 of 2 seconds, in which others took more than 5 % "
                               "of the CPUs' time, at most 25 %\n"),
                     Not(HasSubstr("note: " + a))));
+  EXPECT_THAT(RunTool({"compare", a, b, "--skip", "7"}).output, Not(HasSubstr("disturbed")));
 }
 
 }  // namespace

@@ -117,6 +117,9 @@ TEST(RunWarnings, ADisturbedMachine) {
               ElementsAre("disturbed: 1 of 10 seconds, in which others took more than 5 % of "
                           "the CPUs' time, at most 25 %"));
   EXPECT_EQ(TimedWarning(run).timeS, 7);
+  EXPECT_EQ(scope::Disturbance(run, 6).text,
+            "disturbed: 1 of 4 seconds, in which others took more than 5 % of the CPUs' time, at most 25 %");
+  EXPECT_EQ(scope::Disturbance(run, 7).text, "") << "the second that ends at 7 s is left out";
   for (scope::CounterValue& value : run.counters) {
     if (value.source == "load") value.value /= 10;
   }

@@ -215,7 +215,7 @@ TEST_F(SweepTest, RefusesASectionThatNoStressReads) {
 TEST_F(SweepTest, SaysThatRunsWereDisturbed) {
   const Sweep sweep = Recorded(ParseAxes({"CPU=1,2"}), {{2}, {4}});
   folder_.Put("sweep/" + sweep.runs[1].folder + "/counters.csv",
-              "time_s,source,name,unit,value\n1.000,load,steal,CPUs,1\n");
+              "time_s,source,name,unit,value\n5.000,load,steal,CPUs,2\n6.000,load,steal,CPUs,1\n");
   EXPECT_THAT(ReadSweepTable(Folder(), sweep).notes,
               ::testing::Contains(sweep.runs[1].folder +
                                   " (CPU=2): disturbed: 1 of 1 second, in which others took more than 5 % of "
@@ -227,7 +227,7 @@ TEST_F(SweepTest, ManyDisturbedRunsAreCounted) {
   const auto disturbedOf = [&](std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       folder_.Put("sweep/" + sweep.runs[i].folder + "/counters.csv",
-                  "time_s,source,name,unit,value\n1.000,load,steal,CPUs,1\n");
+                  "time_s,source,name,unit,value\n6.000,load,steal,CPUs,1\n");
     }
     std::vector<std::string> notes;
     for (const std::string& note : ReadSweepTable(Folder(), sweep).notes) {

@@ -36,7 +36,7 @@ void NoteRuns(const SideRuns& side, double skipS, std::vector<std::string>& dist
               std::vector<std::string>& notes) {
   for (const auto& [run, summary] : side.runs) {
     for (const std::string& note : run->notes) notes.push_back(run->folder + ": " + note);
-    const std::string disturbance = Disturbance(*run).text;
+    const std::string disturbance = Disturbance(*run, skipS).text;
     if (!disturbance.empty()) disturbances.push_back(run->folder + ": " + disturbance);
     for (const auto& [key, values] : FiguresOf(summary, skipS)) {
       const std::string drift = key.figure == Figure::kOperations ? Drift(values) : std::string();

@@ -18,6 +18,8 @@ namespace {
 
 // Share of the CPUs' time. A second in which others take more is disturbed.
 constexpr double kDisturbed = 0.05;
+// The counters are read once a second. A value is that of the time before it.
+constexpr double kCounterPeriodS = 1;
 // Changes above this share are reported.
 constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;
@@ -218,10 +220,11 @@ std::string Drift(const std::vector<double>& rates) {
 }
 
 // Others are programs beside the benchmark and its recorder, and the machine's host (steal).
-Warning Disturbance(const Run& run) {
+Warning Disturbance(const Run& run, double skipS) {
   std::map<double, double> othersAt;
   for (const CounterValue& value : run.counters) {
-    if (value.source == "load") othersAt[value.timeS] += value.value;
+    const double middleS = std::max(0.0, value.timeS - kCounterPeriodS / 2);
+    if (value.source == "load" && middleS >= skipS) othersAt[value.timeS] += value.value;
   }
   if (othersAt.empty() || run.info.conditions.cpuCount <= 0) return {};
   std::size_t disturbed = 0;

@@ -22,8 +22,8 @@ struct Warning {
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 
 /// Warns of the seconds in which others than the benchmark took processor time; empty if there are none, or
-/// if the run does not know.
-Warning Disturbance(const Run& run);
+/// if the run does not know. Seconds whose middle is before `skipS` are left out, as in its figures.
+Warning Disturbance(const Run& run, double skipS = 0);
 
 /// Adds the notes on disturbed runs to `notes`: the first three, and how many more there are.
 void AddDisturbances(const std::vector<std::string>& disturbances, std::vector<std::string>& notes);

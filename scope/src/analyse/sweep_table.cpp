@@ -64,7 +64,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
       const auto note = [&](const std::string& engine, const std::string& text) {
         if (!text.empty()) table.notes.push_back(where + engine + ": " + text);
       };
-      const std::string disturbance = Disturbance(run).text;
+      const std::string disturbance = Disturbance(run, sweep.settings.warmupS).text;
       if (!disturbance.empty()) disturbances.push_back(where + disturbance);
       for (const EngineSummary& engine : summary.engines)
         note(engine.engine, EarlyEnd(engine, summary.endS).text);
