@@ -30,6 +30,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
@@ -369,6 +370,44 @@ TEST_F(CompareTest, ARateOfZeroHasNoRatio) {
   EXPECT_EQ(fails.answer, Answer::kWorse);
   EXPECT_EQ(Find(fails, "cpu", Figure::kOperations).note, "B has runs with the value 0");
   EXPECT_EQ(Find(Compare(a, a, {}), "cpu", Figure::kOperations).verdict, Verdict::kNotJudged);
+}
+
+TEST_F(CompareTest, NamesTheFigureThatHasNoIntervalAndSaysWhy) {
+  SyntheticEngine none;
+  none.operationsPerS = 0;
+  (void)One("a/1", {}, none);
+  (void)One("a/2");
+  for (const char* run : {"b/1", "b/2"}) (void)One(run);
+  const ToolResult zero = RunTool({"compare", folder_ / "a", folder_ / "b"});
+  EXPECT_EQ(zero.status, 4) << zero.errors;
+  EXPECT_THAT(zero.output, EndsWith("\nCannot tell: cpu ops: A has runs with the value 0.\n"));
+
+  SyntheticEngine venc;
+  venc.engine = "venc";
+  venc.stress = "kivuVencStress";
+  WriteRun(folder_ / "c/1", {SyntheticEngine()});
+  WriteRun(folder_ / "c/2", {SyntheticEngine(), venc});
+  for (const char* run : {"d/1", "d/2"}) WriteRun(folder_ / run, {SyntheticEngine(), venc});
+  const ToolResult one = RunTool({"compare", folder_ / "c", folder_ / "d"});
+  EXPECT_EQ(one.status, 4) << one.errors;
+  EXPECT_THAT(one.output, EndsWith("\nCannot tell: venc ops: fewer than two runs of A have it.\n"));
+}
+
+TEST_F(CompareTest, SaysThatNothingIsJudged) {
+  SyntheticEngine fast;
+  fast.p50Ns = 999'000;
+  for (const char* run : {"a/1", "a/2", "b/1", "b/2"}) (void)One(run, {}, fast);
+  const ToolResult result = RunTool({"compare", folder_ / "a", folder_ / "b", "--figure", "printed"});
+  EXPECT_EQ(result.status, 4) << result.errors;
+  EXPECT_THAT(result.output, EndsWith("\nCannot tell: none of the figures can be judged.\n"));
+}
+
+TEST_F(CompareTest, SaysThatMoreRunsThanPracticalWouldShowIt) {
+  (void)Repeats("a", {5, 500});
+  (void)Repeats("b", {500, 5});
+  const ToolResult result = RunTool({"compare", folder_ / "a", folder_ / "b"});
+  EXPECT_EQ(result.status, 4) << result.errors;
+  EXPECT_THAT(result.output, EndsWith("could not be seen. More than 9999 of each would show it.\n"));
 }
 
 TEST_F(CompareTest, NotesDrift) {

@@ -90,10 +90,14 @@ bool JudgeMissing(ComparedFigure& figure, std::size_t runsOfA, std::size_t runsO
   return false;
 }
 
-void Judge(ComparedFigure& figure, const ErrorShares& shares, double tolerancePercent, bool paired) {
+// `fewest` is the number of runs of the smaller side.
+void Judge(ComparedFigure& figure, const ErrorShares& shares, double tolerancePercent, bool paired,
+           std::size_t fewest) {
   if (figure.aValues.size() < 2 || figure.bValues.size() < 2) {
     figure.verdict = Verdict::kCannotTell;
     figure.notWorse = false;
+    if (fewest < 2) return;  // true of every figure
+    figure.note = Format("fewer than two runs of %s have it", figure.aValues.size() < 2 ? "A" : "B");
     return;
   }
   const bool lowerIsBetter = KindOf(figure.key.figure).lowerIsBetter;
@@ -142,7 +146,7 @@ Comparison CompareValues(const std::vector<RunValues>& a, const std::vector<RunV
     const bool isPaired = options.paired && figure.aValues.size() == a.size() &&
                           figure.bValues.size() == b.size() && a.size() == b.size();
     if (!JudgeMissing(figure, a.size(), b.size())) {
-      Judge(figure, shares, options.tolerancePercent, isPaired);
+      Judge(figure, shares, options.tolerancePercent, isPaired, std::min(a.size(), b.size()));
     }
     if (judged.count(key) == 0) {
       figure.verdict = Verdict::kNotJudged;

@@ -14,9 +14,16 @@ namespace {
 // Larger numbers are not practical, and an exact value would suggest a certainty that is not there.
 constexpr int kManyRepeats = 9999;
 
-std::string RepeatsText(const std::optional<int>& repeats) {
-  if (!repeats || *repeats > kManyRepeats) return "more than " + std::to_string(kManyRepeats);
-  return std::to_string(*repeats);
+std::string RepeatsText(int repeats) {
+  if (repeats > kManyRepeats) return "more than " + std::to_string(kManyRepeats);
+  return std::to_string(repeats);
+}
+
+// None: too many to count.
+std::string AdviceText(const std::optional<int>& repeats) {
+  const bool isMany = !repeats || *repeats > kManyRepeats;
+  return (isMany ? "More than " + std::to_string(kManyRepeats) : "About " + std::to_string(*repeats)) +
+         " of each would show it.";
 }
 
 std::string Percent(double value) {
@@ -43,6 +50,15 @@ std::string FiguresText(const Comparison& comparison, Verdict verdict) {
   return Joined(texts, ", ");
 }
 
+// The judged figures whose runs give no interval. More runs beside these do not always give one.
+std::string WithoutIntervalText(const Comparison& comparison) {
+  std::vector<std::string> texts;
+  for (const ComparedFigure& figure : comparison.figures) {
+    if (figure.verdict == Verdict::kCannotTell && !figure.interval) texts.push_back(FigureText(figure));
+  }
+  return Joined(texts, ", ");
+}
+
 std::string WorseText(const Comparison& comparison) {
   std::vector<std::string> texts;
   const std::string figures = FiguresText(comparison, Verdict::kWorse);
@@ -63,13 +79,19 @@ std::string CannotTellText(const Side& a, const Side& b, const Comparison& compa
       std::any_of(comparison.figures.begin(), comparison.figures.end(),
                   [](const ComparedFigure& figure) { return figure.interval.has_value(); });
   if (!hasFigure) return "Cannot tell: there is no figure with a value above 0 in all runs.";
+  const std::string withoutInterval = WithoutIntervalText(comparison);
+  if (!withoutInterval.empty()) return "Cannot tell: " + withoutInterval + ".";
+  const bool isJudged =
+      std::any_of(comparison.figures.begin(), comparison.figures.end(),
+                  [](const ComparedFigure& figure) { return figure.verdict != Verdict::kNotJudged; });
+  if (!isJudged) return "Cannot tell: none of the figures can be judged.";
   if (!comparison.repeats && tolerance == "0 %") {
     return "Cannot tell: no number of repeats shows that there is no difference at all. Choose a tolerance "
            "above 0.";
   }
   return Format("Cannot tell: with %s of A and %zu of B a difference of %s could not be seen. ",
                 Counted(a.runs.size(), "run").c_str(), b.runs.size(), tolerance.c_str()) +
-         "About " + RepeatsText(comparison.repeats) + " of each would show it.";
+         AdviceText(comparison.repeats);
 }
 
 std::string Painted(const std::string& text, Verdict verdict, const TextStyle& style) {
@@ -86,7 +108,7 @@ std::string Painted(const std::string& text, Answer answer, const TextStyle& sty
 std::string RowVerdict(const ComparedFigure& figure, const TextStyle& style) {
   std::string text = Painted(VerdictText(figure.verdict), figure.verdict, style);
   if (figure.verdict == Verdict::kCannotTell && figure.repeats) {
-    text += ": " + RepeatsText(figure.repeats) + " repeats";
+    text += ": " + RepeatsText(*figure.repeats) + " repeats";
   }
   return text + (figure.note.empty() ? "" : ": " + figure.note);
 }
