@@ -122,6 +122,26 @@ class AbTest : public ::testing::Test {
     return arguments;
   }
 
+  // An experiment of at most six pairs, which are compared after four and after six of them. `shareOfB` is
+  // the rate of B in a pair as a share of that of A.
+  void PutRecorded(std::size_t pairs, const std::function<double(std::size_t)>& shareOfB) const {
+    std::filesystem::remove_all(Folder());
+    Experiment experiment;
+    experiment.settings.commandA = "true";
+    experiment.settings.commandB = "true";
+    experiment.settings.mostRuns = 12;
+    experiment.runs = PlanExperiment(experiment.settings);
+    for (std::size_t i = 0; i < 2 * pairs; ++i) {
+      ExperimentRun& run = experiment.runs[i];
+      SyntheticEngine cpu;
+      cpu.operationsPerS = (run.isB ? shareOfB(i / 2) : 1) * static_cast<double>(500 + i);
+      WriteRun(Folder() + "/" + run.folder, {cpu});
+      run.state = SweepState::kDone;
+    }
+    (void)folder_.Put("ab/config.yaml", "CPU:\n  Level: 1\n");
+    WriteExperiment(Folder(), experiment);
+  }
+
   TemporaryFolder folder_;
 };
 
@@ -309,24 +329,30 @@ TEST_F(AbTest, ASignalEndsItsCommandAndItCanBeContinued) {
 
 // Four pairs show that B is worse, two later ones hide it. A look at all of them was not planned.
 TEST_F(AbTest, AContinuedExperimentLooksAtWhatWasRecordedUntilThen) {
-  Experiment experiment;
-  experiment.settings.commandA = "true";
-  experiment.settings.commandB = "true";
-  experiment.settings.mostRuns = 12;
-  experiment.runs = PlanExperiment(experiment.settings);
-  for (std::size_t i = 0; i < experiment.runs.size(); ++i) {
-    ExperimentRun& run = experiment.runs[i];
-    const double share = !run.isB ? 1 : i / 2 < 4 ? 0.5 : 2;
-    SyntheticEngine cpu;
-    cpu.operationsPerS = share * static_cast<double>(500 + i);
-    WriteRun(Folder() + "/" + run.folder, {cpu});
-    run.state = SweepState::kDone;
-  }
-  (void)folder_.Put("ab/config.yaml", "CPU:\n  Level: 1\n");
-  WriteExperiment(Folder(), experiment);
+  PutRecorded(6, [](std::size_t pair) { return pair < 4 ? 0.5 : 2; });
   const ToolResult result = RunTool({"ab", "--resume", Folder()});
   EXPECT_EQ(result.status, 1) << result.errors;
-  EXPECT_THAT(result.output, HasSubstr("B is worse than A: cpu ops -"));
+  EXPECT_THAT(result.output, AllOf(HasSubstr("A: true (4 runs)\nB: true (4 runs)\n"),
+                                   HasSubstr("B is worse than A: cpu ops -")));
+  const auto page = DataOf(folder_.Get("ab/report.html"));
+  for (const char* side : {"a", "b"}) EXPECT_EQ(page.at(side).at("runs").size(), 4U) << side;
+  EXPECT_EQ(page.at("report").at("runs").size(), 8U);
+  const ToolResult report = RunTool({"report", Folder(), "-o", folder_ / "page.html"});
+  EXPECT_EQ(report.status, 0) << report.errors;
+  EXPECT_EQ(DataOf(folder_.Get("page.html")), page) << "the same look";
+}
+
+TEST_F(AbTest, AReportBetweenTwoLooksShowsTheEarlierOne) {
+  const auto unclear = [](std::size_t pair) { return pair % 2 == 0 ? 0.5 : 2; };
+  const auto sidesOf = [](std::size_t pairs) {
+    return "A: true (" + std::to_string(pairs) + " runs)\nB: true (" + std::to_string(pairs) + " runs)\n";
+  };
+  PutRecorded(5, unclear);
+  EXPECT_THAT(RunTool({"report", Folder(), "--text"}).output, HasSubstr(sidesOf(4)));
+  PutRecorded(6, unclear);
+  EXPECT_THAT(RunTool({"report", Folder(), "--text"}).output, HasSubstr(sidesOf(6)));
+  PutRecorded(3, unclear);
+  EXPECT_THAT(RunTool({"report", Folder(), "--text"}).output, HasSubstr(sidesOf(3))) << "before the first";
 }
 
 TEST_F(AbTest, ARunWithADamagedFileIsRecordedAgain) {

@@ -12,6 +12,13 @@ namespace {
 // Fewer runs show only differences that a glance would show, and the look would make all intervals wider.
 constexpr std::size_t kFirstLook = 4;
 
+// What fails in B alone is an answer.
+bool HasFailedB(const Experiment& experiment, std::size_t count) {
+  const auto begin = experiment.runs.begin();
+  return std::any_of(begin, begin + static_cast<std::ptrdiff_t>(count),
+                     [](const ExperimentRun& run) { return run.isB && run.state == SweepState::kFailed; });
+}
+
 }  // namespace
 
 std::vector<ExperimentRun> PlanExperiment(const ExperimentSettings& settings) {
@@ -45,6 +52,17 @@ CompareOptions LookOptions(const ExperimentSettings& settings) {
   options.paired = true;
   options.looks = static_cast<int>(LooksOf(static_cast<std::size_t>(settings.mostRuns / 2)).size());
   return options;
+}
+
+// A pair that begins with B gets its A first: a B without an A cannot be judged.
+bool IsLook(const Experiment& experiment, std::size_t count) {
+  if (count == 0 || count % 2 == 1) return false;
+  const std::vector<std::size_t> looks = LooksOf(experiment.runs.size() / 2);
+  return std::count(looks.begin(), looks.end(), count / 2) != 0 || HasFailedB(experiment, count);
+}
+
+bool IsLastLook(const Experiment& experiment, std::size_t count, Answer answer) {
+  return IsClear(answer) || count == experiment.runs.size() || HasFailedB(experiment, count);
 }
 
 bool IsClear(Answer answer) {

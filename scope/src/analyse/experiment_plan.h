@@ -20,6 +20,12 @@ std::vector<std::size_t> LooksOf(std::size_t repeats);
 /// How the sides are compared at each look, so that the answer holds with the confidence over all looks.
 CompareOptions LookOptions(const ExperimentSettings& settings);
 
+/// True if the sides are compared after the first `count` runs: at a look, and when a run of B has failed.
+bool IsLook(const Experiment& experiment, std::size_t count);
+
+/// True if no more runs are recorded after the look at the first `count` runs, which had this answer.
+bool IsLastLook(const Experiment& experiment, std::size_t count, Answer answer);
+
 /// True if more runs would not change what is said: B is worse, better, or does not differ.
 bool IsClear(Answer answer);
 

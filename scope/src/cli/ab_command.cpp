@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -12,13 +11,12 @@
 
 #include "commands.h"
 #include "compare.h"
-#include "compare_conditions.h"
-#include "compare_input.h"
 #include "comparison_text.h"
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
 #include "experiment_folder.h"
+#include "experiment_look.h"
 #include "experiment_plan.h"
 #include "folder_lock.h"
 #include "live_view.h"
@@ -110,14 +108,10 @@ class Runner {
       : folder_(std::move(folder)),
         experiment_(experiment),
         text_(output == Output::kText),
-        showsSwitches_(output != Output::kQuiet) {
-    looks_ = LooksOf(experiment.runs.size() / 2);
-    options_ = LookOptions(experiment.settings);
-  }
+        showsSwitches_(output != Output::kQuiet) {}
 
-  /// The comparison of all that is recorded; none if a signal ended it. Throws UserError if it cannot go on.
-  std::optional<Comparison> Run() {
-    bool hasFailedB = false;
+  /// The look with which the experiment ends; none if a signal ended it. Throws UserError if it cannot go on.
+  std::optional<ComparedSides> Run() {
     for (std::size_t i = 0; i < experiment_.runs.size(); ++i) {
       ExperimentRun& run = experiment_.runs[i];
       if (!IsDone(run) && (!Switch(run.isB) || !Record(run, i))) return std::nullopt;
@@ -125,22 +119,14 @@ class Runner {
       if (run.state == SweepState::kFailed && !run.isB) {
         throw UserError(run.folder + " of " + folder_ + " is not complete: " + run.reason);
       }
-      hasFailedB = hasFailedB || run.state == SweepState::kFailed;
-      // A pair that begins with B gets its A first: a B without an A cannot be judged.
-      if (i % 2 == 1 && hasFailedB) return Compare(i + 1);
-      const std::size_t repeats = (i + 1) / 2;
-      const bool isLook = i % 2 == 1 && std::count(looks_.begin(), looks_.end(), repeats) != 0;
-      if (!isLook) continue;
-      Comparison comparison = Compare(i + 1);
-      if (IsClear(comparison.answer) || i + 1 == experiment_.runs.size()) return comparison;
-      if (text_) Print("after " + Counted(repeats, "run") + " of each: not clear yet\n");
+      const std::size_t count = i + 1;
+      if (!IsLook(experiment_, count)) continue;
+      ComparedSides sides = LookAt(folder_, experiment_, count);
+      if (IsLastLook(experiment_, count, sides.comparison.answer)) return sides;
+      if (text_) Print("after " + Counted(count / 2, "run") + " of each: not clear yet\n");
     }
-    return Compare(experiment_.runs.size());
+    return LookAt(folder_, experiment_, experiment_.runs.size());
   }
-
-  Side SideOf(bool isB) const { return ReadExperimentSide(folder_, experiment_, isB); }
-
-  const CompareOptions& Options() const { return options_; }
 
  private:
   bool IsDone(ExperimentRun& run) const {
@@ -181,21 +167,10 @@ class Runner {
     return !isStopped;
   }
 
-  // Of the first `count` runs. In a continued experiment later ones may be recorded already: a look at them
-  // would be one that was not planned.
-  Comparison Compare(std::size_t count) const {
-    Experiment part = experiment_;
-    part.runs.resize(count);
-    return scope::Compare(ReadExperimentSide(folder_, part, false), ReadExperimentSide(folder_, part, true),
-                          options_);
-  }
-
   std::string folder_;
   Experiment& experiment_;
   bool text_;
   bool showsSwitches_;
-  std::vector<std::size_t> looks_;
-  CompareOptions options_;
   std::optional<bool> setting_;  // the one that is made; none if that is unknown
   // Lives across all runs: a signal between two runs must not leave experiment.json out of date.
   Signals signals_;
@@ -213,24 +188,22 @@ int RunAb(const AbOptions& options) {
           ", in random order of seed " + std::to_string(experiment.settings.seed) + "\n");
   }
   Runner runner(folder, experiment, options.output);
-  std::optional<Comparison> comparison;
+  std::optional<ComparedSides> sides;
   try {
-    comparison = runner.Run();
+    sides = runner.Run();
   } catch (const std::exception& error) {
     throw UserError(std::string(error.what()) + "\nContinue with: stress_scope ab --resume " + folder);
   }
-  if (!comparison) {
+  if (!sides) {
     throw UserError("interrupted; what was recorded is kept. Continue with: stress_scope ab --resume " +
                     folder);
   }
-  const Side a = runner.SideOf(false);
-  const Side b = runner.SideOf(true);
   if (text) Print("\n");
-  ShowComparison({a, b, *comparison, DifferentConditions(a.runs, b.runs), runner.Options()}, options.output,
-                 options.style, {folder + "/" + kReportName});
+  ShowComparison(*sides, options.output, options.style, {folder + "/" + kReportName});
   RequireStandardOutput();
-  if (comparison->answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
-  return ExitStatusOf(comparison->answer);
+  const Answer answer = sides->comparison.answer;
+  if (answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
+  return ExitStatusOf(answer);
 }
 
 }  // namespace

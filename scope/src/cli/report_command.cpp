@@ -5,10 +5,9 @@
 #include <vector>
 
 #include "commands.h"
-#include "compare_input.h"
 #include "errors.h"
 #include "experiment_folder.h"
-#include "experiment_plan.h"
+#include "experiment_look.h"
 #include "printable.h"
 #include "report.h"
 #include "run_tables.h"
@@ -33,21 +32,6 @@ struct ReportOptions {
                   folder + (isSweep ? "/run-0001" : "/a/001"));
 }
 
-ComparedSides CompareExperiment(const std::string& folder) {
-  const Experiment experiment = ReadExperiment(folder);
-  ComparedSides sides;
-  sides.a = ReadExperimentSide(folder, experiment, false);
-  sides.b = ReadExperimentSide(folder, experiment, true);
-  if (sides.a.runs.empty() || sides.b.runs.empty()) {
-    throw UserError(folder + ": no run of " + (sides.a.runs.empty() ? "A" : "B") +
-                    " is recorded. Continue with: stress_scope ab --resume " + folder);
-  }
-  sides.options = LookOptions(experiment.settings);
-  sides.comparison = Compare(sides.a, sides.b, sides.options);
-  sides.differences = DifferentConditions(sides.a.runs, sides.b.runs);
-  return sides;
-}
-
 bool IsSeries(const std::string& folder) {
   return IsSweepFolder(folder) || IsExperimentFolder(folder);
 }
@@ -62,7 +46,8 @@ int Report(const ReportOptions& options) {
     if (IsSweepFolder(*series)) {
       ShowSweep(*series, options.output, options.style, page ? file : PageFile());
     } else {
-      ShowComparison(CompareExperiment(*series), options.output, options.style, page ? file : PageFile());
+      ShowComparison(LastLook(*series, ReadExperiment(*series)), options.output, options.style,
+                     page ? file : PageFile());
     }
     return kExitOk;
   }
