@@ -8,8 +8,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <future>
+#include <string>
+
+#include "errors.h"
 
 namespace {
 
@@ -52,6 +56,21 @@ TEST(SettingSwitchTest, ALineThatWasTypedBeforeThePromptIsNoAnswer) {
   while (answer.wait_for(milliseconds(20)) == std::future_status::timeout) terminal.PressEnter();
   EXPECT_TRUE(answer.get());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Make setting B and press Enter: ");
+}
+
+// A shell cannot undo it either: what it ignores from its start, it ignores for ever.
+TEST(SettingSwitchTest, ACommandCanBeInterruptedWhereThisProcessIgnoresInterrupts) {
+  const auto before = std::signal(SIGINT, SIG_IGN);
+  ASSERT_NE(before, SIG_ERR);
+  scope::Signals signals;
+  std::string answer = "not ended by a signal";
+  try {
+    (void)scope::RunSwitch("kill -INT $$; sleep 0", false, signals);
+  } catch (const scope::UserError& error) {
+    answer = error.what();
+  }
+  (void)std::signal(SIGINT, before);
+  EXPECT_EQ(answer, "the command was ended by signal 2: kill -INT $$; sleep 0");
 }
 
 }  // namespace

@@ -77,6 +77,8 @@ ChildProcess::ChildProcess(const Options& options) {
     if (options.inherit >= 0) (void)fcntl(options.inherit, F_SETFD, 0);
     // Blocked and ignored signals would stay blocked and ignored after the exec.
     (void)std::signal(SIGPIPE, SIG_DFL);
+    // A script that starts this program in the background makes it ignore SIGINT.
+    (void)std::signal(SIGINT, SIG_DFL);
     stress::RestoreSignals();
     sigset_t none;
     sigemptyset(&none);
