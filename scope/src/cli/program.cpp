@@ -2,12 +2,11 @@
 #include "program.h"
 
 #include <exception>
-#include <iostream>
 
 #include "commands.h"
 #include "errors.h"
-#include "printable.h"
 #include "standard_output.h"
+#include "tell.h"
 
 namespace scope {
 namespace {
@@ -48,10 +47,10 @@ int Main(int argc, char** argv) {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();
   } catch (const UserError& error) {
-    std::cerr << "stress_scope: " << Printable(error.what()) << '\n';
+    Tell(error.what());
     return status == kExitOk ? kExitBadUsage : status;
   } catch (const std::exception& error) {
-    std::cerr << "stress_scope: " << Printable(error.what()) << '\n';
+    Tell(error.what());
     return kExitFailure;
   }
   return status;

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <iostream>
 #include <memory>
 
 #include "commands.h"
@@ -9,6 +8,7 @@
 #include "printable.h"
 #include "record.h"
 #include "report.h"
+#include "tell.h"
 
 namespace scope {
 namespace {
@@ -24,7 +24,7 @@ int RunRecord(const RecordOptions& options, Output output) {
     if (output == Output::kText) Print(ReportText(ReadRuns({options.folder}), OutputWidth()));
     if (output == Output::kJson) Print(ReportJson(ReadRuns({options.folder})));
   } catch (const UserError& error) {
-    std::cerr << "stress_scope: " << Printable(error.what()) << std::endl;
+    Tell(error.what());
   }
   if (output == Output::kText) {
     Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");

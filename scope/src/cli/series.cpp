@@ -10,6 +10,7 @@
 #include "errors.h"
 #include "printable.h"
 #include "run_reader.h"
+#include "tell.h"
 #include "text_format.h"
 
 namespace scope {
@@ -61,7 +62,7 @@ bool IsRecorded(const std::string& folder) {
   try {
     return ReadRunInfo(folder).complete;
   } catch (const DamagedFolder& error) {
-    std::cerr << "stress_scope: " << Printable(error.what()) << "; the run is recorded again" << std::endl;
+    Tell(error.what() + std::string("; the run is recorded again"));
     return false;
   }
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstdint>
-#include <iostream>
 #include <limits>
 #include <memory>
 #include <random>
@@ -18,6 +17,7 @@
 #include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
+#include "tell.h"
 #include "text_format.h"
 
 namespace scope {
@@ -146,9 +146,7 @@ bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
     interrupted = !RecordOne(folder, sweep, run, output, signals) || signals.TakeStop();
   }
   if (interrupted) {
-    std::cerr << "stress_scope: interrupted; the finished runs are kept. Continue with: stress_scope sweep "
-                 "--resume "
-              << Printable(folder) << std::endl;
+    Tell("interrupted; the finished runs are kept. Continue with: stress_scope sweep --resume " + folder);
   }
   return std::all_of(sweep.runs.begin(), sweep.runs.end(),
                      [](const SweepRun& run) { return run.state == SweepState::kDone; });

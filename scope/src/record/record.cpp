@@ -2,43 +2,36 @@
 #include "record.h"
 
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <iostream>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include "child_process.h"
 #include "conditions.h"
 #include "configuration.h"
 #include "counters.h"
 #include "errors.h"
-#include "failures.h"
 #include "live_figures.h"
 #include "machine_load.h"
 #include "meter_reader.h"
 #include "preload_path.h"
-#include "printable.h"
-#include "rate_line.h"
-#include "run_writer.h"
+#include "program_files.h"
+#include "saved_run.h"
 #include "signals.h"
 #include "supervisor.h"
+#include "tell.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int kPollMs = 200;
 // Of each pipe and turn. A benchmark that prints without pause then delays an answer to SIGINT by some ten
@@ -47,94 +40,34 @@ constexpr std::size_t kTurnBytes = 16384;
 constexpr double kCounterPeriodS = 1;
 constexpr double kShownSecondS = 0.5;
 
-void Tell(const std::string& text) {
-  std::cerr << "stress_scope: " << Printable(text) << std::endl;
-}
-
 std::uint64_t NowNs() {
   timespec now{};
   (void)clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-std::string OwnFolder() {
-  std::error_code error;
-  const fs::path self = fs::read_symlink("/proc/self/exe", error);
-  return error ? std::string(".") : self.parent_path().string();
-}
-
-std::string FindBenchmark(const std::string& given) {
-  const std::string path = given.empty() ? OwnFolder() + "/stress_benchmark" : given;
-  if (access(path.c_str(), X_OK) != 0) {
-    throw UserError(
-        "cannot run the benchmark " + path + ": " + std::strerror(errno) +
-        (given.empty() ? ". Give its path with --benchmark." : ". Check the path after --benchmark."));
-  }
-  return path;
-}
-
-std::string FindMeter(const std::string& given) {
-  std::vector<std::string> candidates = {given};
-  if (given.empty()) {
-    candidates = {OwnFolder() + "/../lib/libstress_scope.so",
-                  OwnFolder() + "/../" STRESS_SCOPE_LIBDIR "/libstress_scope.so"};
-  }
-  for (const std::string& candidate : candidates) {
-    if (access(candidate.c_str(), R_OK) != 0) continue;
-    return fs::absolute(candidate).lexically_normal().string();
-  }
-  throw UserError(
-      "cannot read the meter " + candidates.front() + ": " + std::strerror(errno) +
-      ". Give the path of libstress_scope.so with --meter, or record without it with --no-meter.");
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (std::size_t from = 0; from < text.size();) {
-    const std::size_t end = std::min(text.find('\n', from), text.size());
-    lines.push_back(text.substr(from, end - from));
-    from = end + 1;
-  }
-  return lines;
-}
-
-/// One recording, from the start of the benchmark to the last file: it waits, reads, saves and shows. The
-/// supervisor decides when the benchmark has to end.
+/// One recording: starts the benchmark, waits, and passes on what comes. The supervisor decides when the
+/// benchmark has to end.
 class Recording {
  public:
   Recording(const RecordOptions& options, View& view)
       : options_(options), view_(view), limits_(LimitsOf(options)) {
     if (options.useMeter) preload_ = std::make_unique<PreloadPath>(FindMeter(options.meter));
     unsigned int runTimeS = 0;
-    info_.config = ReadConfiguration(options.config, runTimeS);
+    Configuration config = ReadConfiguration(options.config, runTimeS);
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
     if (options.stopAfterS > 0) limits_.runTimeS = std::min(limits_.runTimeS, std::ceil(options.stopAfterS));
     supervisor_ = std::make_unique<Supervisor>(limits_);
-    writer_ = std::make_unique<RunWriter>(options.folder, options.force);
-    info_.tool = kToolVersion;
-    info_.kind = "record";
-    info_.label = options.label;
-    info_.conditions = ReadConditions(options.systemRoot);
-    // Only the benchmark of this build has a known build type.
-    if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
+    run_ = std::make_unique<SavedRun>(options, std::move(config),
+                                      [this](const std::string& reason) { Fail(reason); });
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
-    info_.counters = counters_->Sources();
     load_ = std::make_unique<MachineLoad>(options.systemRoot);
-    for (CounterSource& source : load_->Sources()) info_.counters.push_back(std::move(source));
-    info_.incompleteReason = "the recorder ended before the run did";
-    failures_ = UnreadSections(options.config);
-    watch_ = std::make_unique<FailureWatch>(info_.config.levels, options.useMeter);
+    run_->AddSources(counters_->Sources());
+    run_->AddSources(load_->Sources());
   }
 
   RecordResult Run(Signals& signals) {
-    info_.started = UtcNow();
-    writer_->WriteInfo(info_);
-    writer_->Add(std::vector<Rate>());
-    if (options_.useMeter) {
-      writer_->Add(std::vector<Sample>());
-      writer_->Add(std::vector<EngineSample>());
-    }
-    for (const std::string& failure : failures_) Tell(failure);
+    run_->Begin();
     Start();
     try {
       while (supervisor_->CurrentState() != Supervisor::State::kEnded) Step(signals);
@@ -206,36 +139,19 @@ class Recording {
     return meter_->SaidLast() ? Supervisor::Meter::kSaidTheEnd : Supervisor::Meter::kCut;
   }
 
+  void Fail(const std::string& reason) { Do(supervisor_->RecordingFailed(TimeS(), reason)); }
+
   void ReadOutput(std::size_t mostBytes) {
     std::vector<std::string> lines;
     (void)output_.Read(child_->Output(), lines, mostBytes);
-    std::string text;
-    for (const std::string& line : lines) text += line + '\n';
-    Save([&] { writer_->AddRateLines(text); });
-    for (const std::string& line : lines) {
+    if (!lines.empty()) {
       const double timeS = TimeS();
       supervisor_->SignOfLife(timeS);
-      try {
-        const std::vector<Rate> rates = ParseRateLine(line, timeS);
-        Save([&] { writer_->Add(rates); });
-        watch_->Add(rates);
-      } catch (const UserError& error) {
-        if (badLines_++ == 0)
-          Tell("the benchmark printed a line that is not a rate line: " + std::string(error.what()));
-      }
+      run_->AddRateLines(lines, timeS);
     }
     lines.clear();
     (void)errors_.Read(child_->Errors(), lines, mostBytes);
-    AddLog(lines);
-  }
-
-  void AddLog(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) {
-      text += line + '\n';
-      watch_->AddLogLine(line);
-    }
-    if (!text.empty()) Save([&] { writer_->AddLog(text); });
+    run_->AddLog(lines);
   }
 
   void ReadMeter() {
@@ -243,18 +159,19 @@ class Recording {
     try {
       meter_->Read(seconds);
     } catch (const UserError& error) {
-      Do(supervisor_->RecordingFailed(TimeS(), error.what()));
+      Fail(error.what());
       meter_ = std::make_unique<MeterReader>(startNs_);
       meter_->CloseChildEnd();
     }
     for (const MeterSecond& second : seconds) {
-      if (!info_.conditions.meter) ReadLibraries();
+      if (!run_->KnowsLibraries()) {
+        run_->SetLibraries(
+            LibraryVersions("/proc/" + std::to_string(child_->Id()) + "/maps", meter_->PlatformPath()));
+      }
       const bool worked = std::any_of(second.engines.begin(), second.engines.end(),
                                       [](const EngineSample& engine) { return engine.operations != 0; });
       if (worked) supervisor_->SignOfLife(second.timeS);
-      Save([&] { writer_->Add(second.samples); });
-      Save([&] { writer_->Add(second.engines); });
-      watch_->Add(second.samples);
+      run_->Add(second);
       const bool whole = second.timeS > figures_.TimeS() + kShownSecondS;
       figures_.Add(second);
       // The rest of a second at the end has too few operations to show a rate.
@@ -262,49 +179,16 @@ class Recording {
     }
   }
 
-  void ReadLibraries() {
-    info_.conditions.meter = true;
-    info_.conditions.libraryVersions =
-        LibraryVersions("/proc/" + std::to_string(child_->Id()) + "/maps", meter_->PlatformPath());
-    TakeWhatPlatformLogged();
-    Save([this] { writer_->WriteInfo(info_); });
-  }
-
-  void TakeWhatPlatformLogged() {
-    info_.conditions.platformSettings = watch_->Log().PlatformSettings();
-    info_.conditions.encoderEngines = watch_->Log().EncoderEngines();
-  }
-
   void ReadCounters() {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
     std::vector<CounterValue> values = counters_->Read(timeS);
     for (CounterValue& value : load_->Read(timeS, child_->Id())) values.push_back(std::move(value));
-    if (!values.empty()) Save([&] { writer_->Add(values); });
-  }
-
-  // After a failed write nothing more is added: the run would have a gap.
-  template <typename Write>
-  void Save(Write write) {
-    if (saving_) saving_ = Try(write);
-  }
-
-  template <typename Write>
-  bool Try(Write write) {
-    try {
-      write();
-      return true;
-    } catch (const UserError& error) {
-      Do(supervisor_->RecordingFailed(
-          TimeS(), std::string(error.what()) + "; the data up to now is kept in " + writer_->Folder()));
-      return false;
-    }
+    run_->Add(values);
   }
 
   RecordResult Finish() {
-    info_.durationS = TimeS();
-    info_.exitStatus = child_->ExitStatus();
-    info_.signal = child_->EndSignal();
+    const double durationS = TimeS();
     if (meter_->Unmeasured() != 0) {
       Tell("the meter did not measure " + Counted(meter_->Unmeasured(), "call") +
            ": there are more threads than it can count");
@@ -313,42 +197,22 @@ class Recording {
       Tell("the recorder was too slow: " + Counted(meter_->DelayedSamples(), "sample") +
            " arrived a second late");
     }
-    // Tried even after a failed write: there may be room again, and these files do not need the others.
-    if (options_.useMeter) (void)Try([this] { writer_->WriteHistogram(meter_->HistogramRows()); });
-    FindFailures();
-    TakeWhatPlatformLogged();
-    info_.incompleteReason = Joined(failures_, "\n");
-    info_.complete = info_.incompleteReason.empty();
-    (void)Try([this] { writer_->WriteInfo(info_); });
-    if (!info_.complete) return {false, supervisor_->Interrupted(), Joined(failures_, "; ")};
+    if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
+    run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
+                       meter_->Unmeasured() == 0);
+    const std::vector<std::string>& failures =
+        run_->End(durationS, child_->ExitStatus(), child_->EndSignal());
+    if (!failures.empty()) return {false, supervisor_->Interrupted(), Joined(failures, "; ")};
+    // The last write may have failed.
     return {supervisor_->Fault().empty(), supervisor_->Interrupted(), supervisor_->Fault()};
-  }
-
-  // Adds what was found at the end to what was found at the start, and tells it.
-  void FindFailures() {
-    if (LogsToFileOnly(info_.config)) AddLog(Lines(logFile_.Added()));
-    const std::string fault = supervisor_->Fault();
-    if (!fault.empty()) {
-      // What else failed may follow from the fault, which was told when it happened.
-      const std::string why = watch_->Log().WhyItFailed();
-      if (!why.empty()) Tell("the log says: " + why);
-      failures_.insert(failures_.begin(), WithLogLine(fault, why));
-      return;
-    }
-    const bool allCounted = meter_->Unmeasured() == 0;
-    for (const std::string& failure : watch_->Failures(std::min(workEndS_, limits_.runTimeS), allCounted)) {
-      Tell(failure);
-      failures_.push_back(failure);
-    }
   }
 
   RecordOptions options_;
   View& view_;
   Supervisor::Limits limits_;
   std::unique_ptr<PreloadPath> preload_;  ///< null without a meter
-  RunInfo info_;
   std::unique_ptr<Supervisor> supervisor_;
-  std::unique_ptr<RunWriter> writer_;
+  std::unique_ptr<SavedRun> run_;
   std::unique_ptr<Counters> counters_;
   std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;
@@ -359,11 +223,6 @@ class Recording {
   std::uint64_t startNs_ = 0;
   double counterTimeS_ = 0;
   double workEndS_ = std::numeric_limits<double>::infinity();  ///< when the benchmark was asked to end
-  LogFile logFile_;
-  std::unique_ptr<FailureWatch> watch_;
-  std::vector<std::string> failures_;  ///< one line each
-  int badLines_ = 0;
-  bool saving_ = true;
 };
 
 }  // namespace

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "saved_run.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+#include "conditions.h"
+#include "configuration.h"
+#include "durable_file.h"
+#include "errors.h"
+#include "rate_line.h"
+#include "tell.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t from = 0; from < text.size();) {
+    const std::size_t end = std::min(text.find('\n', from), text.size());
+    lines.push_back(text.substr(from, end - from));
+    from = end + 1;
+  }
+  return lines;
+}
+
+std::string TextOf(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + '\n';
+  return text;
+}
+
+}  // namespace
+
+SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault onFault)
+    : onFault_(std::move(onFault)),
+      useMeter_(options.useMeter),
+      writer_(options.folder, options.force),
+      watch_(config.levels, options.useMeter),
+      failures_(UnreadSections(options.config)) {
+  info_.tool = kToolVersion;
+  info_.kind = "record";
+  info_.label = options.label;
+  info_.config = std::move(config);
+  info_.conditions = ReadConditions(options.systemRoot);
+  // Only the benchmark of this build has a known build type.
+  if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
+  info_.incompleteReason = "the recorder ended before the run did";
+}
+
+void SavedRun::AddSources(const std::vector<CounterSource>& sources) {
+  info_.counters.insert(info_.counters.end(), sources.begin(), sources.end());
+}
+
+void SavedRun::Begin() {
+  info_.started = UtcNow();
+  writer_.WriteInfo(info_);
+  writer_.Add(std::vector<Rate>());
+  if (useMeter_) {
+    writer_.Add(std::vector<Sample>());
+    writer_.Add(std::vector<EngineSample>());
+  }
+  for (const std::string& failure : failures_) Tell(failure);
+}
+
+void SavedRun::AddRateLines(const std::vector<std::string>& lines, double timeS) {
+  Save([&] { writer_.AddRateLines(TextOf(lines)); });
+  for (const std::string& line : lines) {
+    try {
+      const std::vector<Rate> rates = ParseRateLine(line, timeS);
+      Save([&] { writer_.Add(rates); });
+      watch_.Add(rates);
+    } catch (const UserError& error) {
+      if (badLines_++ == 0)
+        Tell("the benchmark printed a line that is not a rate line: " + std::string(error.what()));
+    }
+  }
+}
+
+void SavedRun::AddLog(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) watch_.AddLogLine(line);
+  if (!lines.empty()) Save([&] { writer_.AddLog(TextOf(lines)); });
+}
+
+void SavedRun::Add(const MeterSecond& second) {
+  Save([&] { writer_.Add(second.samples); });
+  Save([&] { writer_.Add(second.engines); });
+  watch_.Add(second.samples);
+}
+
+void SavedRun::Add(const std::vector<CounterValue>& values) {
+  if (!values.empty()) Save([&] { writer_.Add(values); });
+}
+
+void SavedRun::SetLibraries(std::vector<std::pair<std::string, std::string>> versions) {
+  info_.conditions.meter = true;
+  info_.conditions.libraryVersions = std::move(versions);
+  TakeWhatPlatformLogged();
+  Save([this] { writer_.WriteInfo(info_); });
+}
+
+void SavedRun::TakeWhatPlatformLogged() {
+  info_.conditions.platformSettings = watch_.Log().PlatformSettings();
+  info_.conditions.encoderEngines = watch_.Log().EncoderEngines();
+}
+
+void SavedRun::WriteHistogram(const std::vector<HistogramRow>& rows) {
+  (void)Try([&] { writer_.WriteHistogram(rows); });
+}
+
+void SavedRun::FindFailures(const std::string& fault, double endS, bool allCounted) {
+  if (LogsToFileOnly(info_.config)) AddLog(Lines(logFile_.Added()));
+  if (!fault.empty()) {
+    // What else failed may follow from the fault, which was told when it happened.
+    const std::string why = watch_.Log().WhyItFailed();
+    if (!why.empty()) Tell("the log says: " + why);
+    failures_.insert(failures_.begin(), WithLogLine(fault, why));
+    return;
+  }
+  for (const std::string& failure : watch_.Failures(endS, allCounted)) {
+    Tell(failure);
+    failures_.push_back(failure);
+  }
+}
+
+const std::vector<std::string>& SavedRun::End(double durationS, int exitStatus, int signal) {
+  info_.durationS = durationS;
+  info_.exitStatus = exitStatus;
+  info_.signal = signal;
+  TakeWhatPlatformLogged();
+  info_.incompleteReason = Joined(failures_, "\n");
+  info_.complete = failures_.empty();
+  (void)Try([this] { writer_.WriteInfo(info_); });
+  return failures_;
+}
+
+template <typename Write>
+void SavedRun::Save(Write write) {
+  if (saving_) saving_ = Try(write);
+}
+
+template <typename Write>
+bool SavedRun::Try(Write write) {
+  try {
+    write();
+    return true;
+  } catch (const UserError& error) {
+    onFault_(std::string(error.what()) + "; the data up to now is kept in " + writer_.Folder());
+    return false;
+  }
+}
+
+}  // namespace scope
