@@ -20,7 +20,7 @@ constexpr std::size_t kMiB = std::size_t{1} << 20;
 /// memory, or of what the process may use.
 std::size_t LargestBuffer() {
   const std::size_t wanted = std::clamp(8 * ClaimedCacheBytes(), 256 * kMiB, 2048 * kMiB);
-  const std::size_t allowed = Ormis::host::MemoryLimit() / 2;
+  const std::size_t allowed = Ormis::portable::MemoryLimit() / 2;
   const long freePages = sysconf(_SC_AVPHYS_PAGES);
   const long pageBytes = sysconf(_SC_PAGESIZE);
   if (freePages <= 0 || pageBytes <= 0) return std::min(allowed, 64 * kMiB);

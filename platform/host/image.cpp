@@ -28,7 +28,7 @@ std::atomic<std::uint64_t> allBytes{0};  // of all images
 /// Adds the image to the sum of all. Refuses it where they would then take more than half of the memory that
 /// this process may use. Linux promises more memory than there is, and ends the process when it is written.
 std::int32_t Count(const char* operation, Image& image) {
-  const std::uint64_t most = MemoryLimit() / 2;
+  const std::uint64_t most = portable::MemoryLimit() / 2;
   std::uint64_t others = allBytes;
   do {
     if (others > most || image.shape.bytes > most - others) {

@@ -144,10 +144,7 @@ FileState StateOf(const std::string& path) {
 }  // namespace
 
 std::set<std::string> ExternalWeights(const std::string& path) {
-  struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-  };
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
   struct stat status{};
   if (file == nullptr || fstat(fileno(file.get()), &status) != 0) return {};
   return ModelReader(file.get(), static_cast<std::uint64_t>(status.st_size)).Read();

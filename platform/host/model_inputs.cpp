@@ -5,10 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <system_error>
 #include <utility>
 
+#include "whole_number.h"
 #include "yaml_events.h"
 
 namespace Ormis::host {
@@ -24,20 +23,13 @@ constexpr std::int64_t kLineHeight = 64;    // at most
 constexpr std::int64_t kTokens = 64;
 constexpr std::int64_t kSamples = 512;  // of sound: the smallest window of speech networks
 
-template <typename Number>
-bool ToNumber(const std::string& text, Number& number) {
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && rest == end;
-}
-
 std::vector<std::int64_t> ReadShape(YamlEvents& events) {
   const std::string expected = "expected a shape, such as [1, 3, 640, 640]";
   if (events.Next() != YAML_SEQUENCE_START_EVENT) events.Fail("shape is no list, " + expected);
   std::vector<std::int64_t> shape;
   for (yaml_event_type_t type = events.Next(); type != YAML_SEQUENCE_END_EVENT; type = events.Next()) {
     std::int64_t size = 0;
-    if (type != YAML_SCALAR_EVENT || !ToNumber(events.Text(), size) || size < 1) {
+    if (type != YAML_SCALAR_EVENT || !ReadWholeNumber(events.Text(), size) || size < 1) {
       events.Fail("a size of the shape is no whole number from 1, " + expected);
     }
     shape.push_back(size);

@@ -14,9 +14,9 @@ struct TrialResult {
 };
 
 // The process gets three arguments: the file, the seconds of processor time that it may take, and the per
-// cent of MemoryLimit that it may take. It writes two lines to standard output: kTrialLoaded after loading,
-// kTrialRan after the last inference. Each word is followed by a blank and a QetError. Where that is not 0, a
-// blank and the reason follow.
+// cent of portable::MemoryLimit that it may take. It writes two lines to standard output: kTrialLoaded after
+// loading, kTrialRan after the last inference. Each word is followed by a blank and a QetError. Where that is
+// not 0, a blank and the reason follow.
 constexpr char kTrialLoaded[] = "loaded";
 constexpr char kTrialRan[] = "ran";
 

@@ -61,7 +61,7 @@ void LimitResources(rlim_t processorS, [[maybe_unused]] rlim_t memoryPercent) {
   Limit(RLIMIT_CORE, 0);
   Limit(RLIMIT_CPU, processorS);
 #ifndef MODEL_TRIAL_SANITIZED
-  Limit(RLIMIT_AS, MemoryLimit() / 100 * memoryPercent);
+  Limit(RLIMIT_AS, portable::MemoryLimit() / 100 * memoryPercent);
 #endif
 }
 

@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <set>
-#include <system_error>
 #include <utility>
 
 #include "cache_flush.h"
+#include "whole_number.h"
 #include "yaml_events.h"
 
 namespace Ormis::host {
@@ -21,9 +20,7 @@ Settings inUse;
 
 bool ToNumber(const std::string& text, unsigned int most, unsigned int& number) {
   unsigned int value = 0;
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || rest != end || value == 0 || value > most) return false;
+  if (!ReadWholeNumber(text, value) || value == 0 || value > most) return false;
   number = value;
   return true;
 }

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tensor_elements.h"
 
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <random>
-#include <system_error>
 #include <type_traits>
+
+#include "whole_number.h"
 
 namespace Ormis::host {
 
@@ -31,9 +31,7 @@ bool Parse(const std::string& text, Number& number) {
     number = text == "1" || text == "true";
     return number || text == "0" || text == "false";
   } else if constexpr (std::is_integral_v<Number>) {
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && rest == end;
+    return ReadWholeNumber(text, number);
   } else {
     char* end = nullptr;
     number = static_cast<Number>(std::strtod(text.c_str(), &end));

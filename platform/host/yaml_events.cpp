@@ -68,13 +68,10 @@ void YamlEvents::Fail(const std::string& message) const {
 }
 
 std::string ReadYamlFile(const std::string& path, const std::function<void(YamlEvents&)>& read) {
-  struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-  };
   // A pipe would wait for somebody who writes to it, and a device may never end.
   struct stat status{};
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path + ": not a regular file";
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
   if (file == nullptr) return "cannot read " + path + ": " + std::generic_category().message(errno);
   try {
     YamlEvents events(path, file.get());

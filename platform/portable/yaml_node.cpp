@@ -24,13 +24,10 @@ constexpr std::size_t kMaxNodes = 10'000;
 constexpr std::size_t kMaxDepth = 64;
 
 std::string ReadFile(const std::string& path) {
-  struct Close {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-  };
   const auto fail = [&path](int error) {
     throw std::runtime_error("cannot read " + path + ": " + std::generic_category().message(error));
   };
-  const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rbe"));
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
   if (file == nullptr) fail(errno);
 
   // Reads at most one byte more than allowed: a device may have no end.

@@ -56,7 +56,7 @@ class MemoryLimitTest : public testing::Test {
     fs::create_directories((root_ / file).parent_path());
     std::ofstream(root_ / file) << text << '\n';
   }
-  std::uint64_t Limit() const { return host::MemoryLimit(root_); }
+  std::uint64_t Limit() const { return portable::MemoryLimit(root_); }
 
   const fs::path root_ = fs::temp_directory_path() / ("memory_limit_test_" + std::to_string(getpid()));
   const PretendedMemory machine_{kMachine};

@@ -16,7 +16,7 @@
 namespace scope {
 
 std::optional<std::string> ReadFile(const std::string& path) {
-  struct Close {
+  struct Close {  // keeps errno, which the caller may print
     void operator()(std::FILE* file) const {
       const int error = errno;
       (void)std::fclose(file);

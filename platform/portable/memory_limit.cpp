@@ -7,7 +7,7 @@
 #include <fstream>
 #include <limits>
 
-namespace Ormis::host {
+namespace Ormis::portable {
 
 namespace {
 
@@ -64,4 +64,4 @@ std::uint64_t MemoryLimit(const std::string& root) {
   return least;
 }
 
-}  // namespace Ormis::host
+}  // namespace Ormis::portable
