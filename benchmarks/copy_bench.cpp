@@ -1,31 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "cpu_stress.h"
+#include "copies.h"
+#include "measure.h"
 #include "ormis/memcpy_s.h"
 #include "program.h"
 #include "stream_copy.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using measure::Copies;
+using measure::Median;
+using measure::Require;
 using Ormis::portable::CopyRoutine;
 using Ormis::portable::FlushLines;
-
-void Require(bool condition, const char* what) {
-  if (condition) return;
-  (void)std::fprintf(stderr, "copy_bench: %s failed\n", what);
-  std::exit(1);
-}
 
 void CopyChecked(void* destination, const void* source, std::size_t bytes, FlushLines) {
   (void)memcpy_s(destination, bytes, source, bytes);
@@ -39,64 +29,8 @@ void CopyChecked(void* destination, const void* source, std::size_t bytes, Flush
   for (std::size_t i = 0; i < bytes / sizeof(double); ++i) to[i] = from[i];
 }
 
-/// More memory than any cache holds, for all threads together.
-constexpr std::size_t kFarBytes = std::size_t{1} << 30;
-
-struct Pair {
-  std::unique_ptr<std::uint8_t[]> source;
-  std::unique_ptr<std::uint8_t[]> destination;
-};
-
-/// Every page is written once, so that it is not the shared zero page.
-std::vector<Pair> MakePairs(std::size_t count) {
-  std::vector<Pair> pairs(count);
-  for (Pair& pair : pairs) {
-    pair.source.reset(new std::uint8_t[kCopyBytes]);
-    pair.destination.reset(new std::uint8_t[kCopyBytes]);
-    std::fill_n(pair.source.get(), kCopyBytes, std::uint8_t{1});
-    std::fill_n(pair.destination.get(), kCopyBytes, std::uint8_t{2});
-  }
-  return pairs;
-}
-
-/// GB/s of all threads together.
-double Rate(const CopyRoutine& routine, const std::vector<std::vector<Pair>>& pairs, double seconds) {
-  std::atomic<bool> stop{false};
-  std::atomic<std::uint64_t> copies{0};
-  std::vector<std::thread> threads;
-  threads.reserve(pairs.size());
-  const Clock::time_point start = Clock::now();
-  for (const std::vector<Pair>& own : pairs) {
-    threads.emplace_back([&routine, &own, &stop, &copies] {
-      std::uint64_t done = 0;
-      while (!stop.load(std::memory_order_relaxed)) {
-        const Pair& pair = own[done % own.size()];
-        routine.copy(pair.destination.get(), pair.source.get(), kCopyBytes, nullptr);
-        ++done;
-      }
-      copies += done;
-    });
-  }
-  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-  stop = true;
-  for (std::thread& thread : threads) thread.join();
-  const double took = std::chrono::duration<double>(Clock::now() - start).count();
-  return static_cast<double>(copies) * 2.0 * static_cast<double>(kCopyBytes) / took / 1e9;
-}
-
-/// The buffers of all threads: two for each thread, or so many that no cache holds them.
-std::vector<std::vector<Pair>> MakePairsOf(std::size_t threads, bool far) {
-  const std::size_t pairsAThread =
-      far ? std::max(std::size_t{2}, kFarBytes / (2 * kCopyBytes) / threads) : std::size_t{1};
-  std::vector<std::vector<Pair>> pairs;
-  for (std::size_t i = 0; i < threads; ++i) pairs.push_back(MakePairs(pairsAThread));
-  return pairs;
-}
-
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+Copies::Reach ReachOf(bool far) {
+  return far ? Copies::Reach::kFar : Copies::Reach::kNear;
 }
 
 const char* const kUsage = R"(usage: copy_bench [ROUNDS [SECONDS]]
@@ -117,17 +51,16 @@ int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "copy_bench", kUsage);
   const std::string buffers = argc == 4 ? argv[1] : "";
   if (buffers == "own" || buffers == "far") {
-    const long threads = std::strtol(argv[2], nullptr, 10);
-    const double seconds = std::strtod(argv[3], nullptr);
-    Require(threads > 0 && threads <= 1000 && seconds > 0.0, "reading the arguments own|far THREADS SECONDS");
-    const auto pairs = MakePairsOf(static_cast<std::size_t>(threads), buffers == "far");
-    (void)Rate({"memcpy_s", CopyChecked}, pairs, seconds / 10);  // warms up
-    (void)std::printf("%.1f\n", Rate({"memcpy_s", CopyChecked}, pairs, seconds));
+    const int threads = measure::CountArgument(argc, argv, 2, "THREADS", 0, 1000);
+    const double seconds = measure::SecondsArgument(argc, argv, 3, 0);
+    const Copies copies(static_cast<std::size_t>(threads), ReachOf(buffers == "far"));
+    (void)copies.Rate({"memcpy_s", CopyChecked}, seconds / 10);  // warms up
+    (void)std::printf("%.1f\n", copies.Rate({"memcpy_s", CopyChecked}, seconds));
     return 0;
   }
-  const int rounds = argc > 1 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 7;
-  const double seconds = argc > 2 ? std::strtod(argv[2], nullptr) : 0.5;
-  Require(rounds > 0 && seconds > 0.0 && argc <= 3, "reading the arguments [ROUNDS [SECONDS]]");
+  Require(argc <= 3, "reading the arguments [ROUNDS [SECONDS]] or own|far THREADS SECONDS");
+  const int rounds = measure::CountArgument(argc, argv, 1, "ROUNDS", 7);
+  const double seconds = measure::SecondsArgument(argc, argv, 2, 0.5);
 
   std::vector<CopyRoutine> routines{{"memcpy_s", CopyChecked}, {"STREAM copy", CopyAsStream}};
   for (const CopyRoutine& routine : Ormis::portable::CopyRoutines()) routines.push_back(routine);
@@ -139,11 +72,11 @@ int main(int argc, char** argv) {
 
   for (const bool far : {false, true}) {
     for (const std::size_t threads : {1U, 2U, 4U, 10U}) {
-      const auto pairs = MakePairsOf(threads, far);
+      const Copies copies(threads, ReachOf(far));
       std::vector<std::vector<double>> rates(routines.size());
       for (int round = -1; round < rounds; ++round) {  // the first one warms up
         for (std::size_t i = 0; i < routines.size(); ++i) {
-          const double rate = Rate(routines[i], pairs, seconds);
+          const double rate = copies.Rate(routines[i], seconds);
           if (round >= 0) rates[i].push_back(rate);
         }
       }

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,25 +13,16 @@
 #include "kivu_venc_stress.h"
 #include "kivu_vpc_stress.h"
 #include "link_names.h"
+#include "measure.h"
 #include "ormis/ormis.h"
 #include "program.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-void Require(bool condition, const char* what) {
-  if (condition) return;
-  (void)std::fprintf(stderr, "driver_bench: %s failed\n", what);
-  std::exit(1);
-}
-
-double Median(std::vector<double> values) {
-  Require(!values.empty(), "measuring");
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
+using measure::Median;
+using measure::MedianRatio;
+using measure::Require;
 
 double NsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::nano>(Clock::now() - start).count();
@@ -139,13 +128,6 @@ void Measure(const Worker& worker, const std::string& model, Turns& measured) {
   Require(static_cast<int>(measured.directNs.size()) == measured.rounds, worker.name);
 }
 
-/// In turns: a disturbance that lasts seconds hits both sides.
-double MedianRatio(const std::vector<double>& numerators, const std::vector<double>& denominators) {
-  std::vector<double> ratios;
-  for (std::size_t i = 0; i < numerators.size(); ++i) ratios.push_back(numerators[i] / denominators[i]);
-  return Median(ratios);
-}
-
 /// What the three clock reads of a cycle cost by themselves.
 double ClockReadsNs() {
   constexpr int kCycles = 100'000;
@@ -216,8 +198,8 @@ std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
 int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "driver_bench", kUsage);
   const std::string model = argc > 1 ? argv[1] : "build/models/example.onnx";
-  const int rounds = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 15;
-  Require(rounds > 0 && argc <= 3, "reading the arguments [MODEL [ROUNDS]]");
+  const int rounds = measure::CountArgument(argc, argv, 2, "ROUNDS", 15);
+  Require(argc <= 3, "reading the arguments [MODEL [ROUNDS]]");
   Ormis::QetContext process;
   Require(Ormis::QetInitialize(process, {}) == 0, "QetInitialize");
 

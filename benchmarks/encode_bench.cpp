@@ -7,6 +7,7 @@ extern "C" {
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "cache_flush.h"
@@ -99,11 +100,91 @@ only in where its memory lies, shows the noise. After each frame every side remo
 platform does.
 )";
 
+/// The encode stress's settings.
+void SetUp(Ormis::QetVenc& encoder) {
+  encoder.width = kWidth;
+  encoder.height = kHeight;
+  encoder.maxWidth = 4096;
+  encoder.maxHeight = 4096;
+  encoder.bitrateKbps = kBitsPerSecond / 1000;
+  encoder.frameRate = kFrameRate;
+  encoder.gopSize = kGopSize;
+  encoder.streamBufferBytes = 9 * 1048576;
+  Require(encoder.Init() == 0, "QetVenc::Init");
+}
+
+Ormis::ImageData FrameOf(std::vector<std::uint8_t>& pixels) {
+  Ormis::ImageData frame;
+  frame.width = kWidth;
+  frame.height = kHeight;
+  frame.dataSize = static_cast<std::uint32_t>(pixels.size());
+  frame.bufferMode = Ormis::kQetBufferUser;
+  frame.imageType = Ormis::kQetImageYuv420sp;
+  frame.data = pixels.data();
+  return frame;
+}
+
+struct Measured {
+  std::uint64_t bytes = 0;  ///< of QetVenc's streams
+  std::vector<double> ownMs;
+  std::vector<double> directMs;
+  std::vector<double> againMs;
+};
+
+/// Lets the three sides take turns. A turn is one group of pictures, so all encode the same number of key
+/// frames.
+Measured Measure(std::vector<std::uint8_t>& pixels, DirectEncoder& direct, DirectEncoder& again, int rounds) {
+  Measured measured;
+  Ormis::QetVenc encoder;
+  SetUp(encoder);
+  const Ormis::ImageData frame = FrameOf(pixels);
+  const auto ownTurn = [&] {
+    for (int i = 0; i < kGopSize; ++i) {
+      ux_venc_stream stream{};
+      Require(encoder.SendFrame(frame) == 0 && encoder.GetStream(stream) == 0, "QetVenc");
+      measured.bytes += stream.totalBytes;
+      Require(encoder.ReleaseStream(stream) == 0, "QetVenc::ReleaseStream");
+    }
+  };
+  const auto directTurn = [&] {
+    for (int i = 0; i < kGopSize; ++i) direct.Encode();
+  };
+  const auto againTurn = [&] {
+    for (int i = 0; i < kGopSize; ++i) again.Encode();
+  };
+  struct Side {
+    std::function<void()> turn;
+    std::vector<double>& ms;
+  };
+  std::vector<Side> sides = {
+      {ownTurn, measured.ownMs}, {directTurn, measured.directMs}, {againTurn, measured.againMs}};
+  for (const Side& side : sides) side.turn();  // warms up
+  for (int round = 0; round < rounds; ++round) {
+    for (std::size_t i = 0; i < sides.size(); ++i) {  // each comes first, second and third
+      const Side& side = sides[(static_cast<std::size_t>(round) + i) % sides.size()];
+      side.ms.push_back(measure::Milliseconds(side.turn) / kGopSize);
+    }
+  }
+  return measured;
+}
+
+/// `share` is the rate as a share of the direct use's.
+void PrintRow(const char* name, const std::vector<double>& ms, double bytesAFrame, const char* share) {
+  (void)std::printf("| %s | %.3f | %.1f | %.0f | %s |\n", name, measure::Median(ms),
+                    1000.0 / measure::Median(ms), bytesAFrame, share);
+}
+
+std::string ShareText(const std::vector<double>& directMs, const std::vector<double>& ms) {
+  char text[16];
+  (void)std::snprintf(text, sizeof text, "%.4f", measure::MedianRatio(directMs, ms));
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "encode_bench", kUsage);
-  const int rounds = measure::CountArgument(argc, argv, 1, 31);
+  const int rounds = measure::CountArgument(argc, argv, 1, "ROUNDS", 31);
   // Black, like the encode stress's picture.
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 3 / 2);
   Ormis::QetContext process;
@@ -111,72 +192,20 @@ int main(int argc, char** argv) {
   Require(Ormis::QetInitialize(process, {}) == 0 && Ormis::QetCreateContext(context) == 0 &&
               Ormis::QetSetCurrentContext(context) == 0,
           "starting the platform");
-  std::uint64_t bytes = 0;
-  std::vector<double> ownMs;
-  std::vector<double> directMs;
-  std::vector<double> againMs;
   DirectEncoder direct(pixels);
   DirectEncoder again(pixels);
-  {
-    Ormis::QetVenc encoder;
-    encoder.width = kWidth;
-    encoder.height = kHeight;
-    encoder.maxWidth = 4096;
-    encoder.maxHeight = 4096;
-    encoder.bitrateKbps = kBitsPerSecond / 1000;
-    encoder.frameRate = kFrameRate;
-    encoder.gopSize = kGopSize;
-    encoder.streamBufferBytes = 9 * 1048576;
-    Require(encoder.Init() == 0, "QetVenc::Init");
-    Ormis::ImageData frame;
-    frame.width = kWidth;
-    frame.height = kHeight;
-    frame.dataSize = static_cast<std::uint32_t>(pixels.size());
-    frame.bufferMode = Ormis::kQetBufferUser;
-    frame.imageType = Ormis::kQetImageYuv420sp;
-    frame.data = pixels.data();
-
-    // A turn is one group of pictures, so both sides encode the same number of key frames.
-    const auto ownTurn = [&] {
-      for (int i = 0; i < kGopSize; ++i) {
-        ux_venc_stream stream{};
-        Require(encoder.SendFrame(frame) == 0 && encoder.GetStream(stream) == 0, "QetVenc");
-        bytes += stream.totalBytes;
-        Require(encoder.ReleaseStream(stream) == 0, "QetVenc::ReleaseStream");
-      }
-    };
-    const auto directTurn = [&] {
-      for (int i = 0; i < kGopSize; ++i) direct.Encode();
-    };
-    const auto againTurn = [&] {
-      for (int i = 0; i < kGopSize; ++i) again.Encode();
-    };
-    struct Side {
-      std::function<void()> turn;
-      std::vector<double>& ms;
-    };
-    std::vector<Side> sides = {{ownTurn, ownMs}, {directTurn, directMs}, {againTurn, againMs}};
-    for (const Side& side : sides) side.turn();  // warms up
-    for (int round = 0; round < rounds; ++round) {
-      for (std::size_t i = 0; i < sides.size(); ++i) {  // each comes first, second and third
-        const Side& side = sides[(static_cast<std::size_t>(round) + i) % sides.size()];
-        side.ms.push_back(measure::Milliseconds(side.turn) / kGopSize);
-      }
-    }
-  }
+  const Measured measured = Measure(pixels, direct, again, rounds);
   Require(Ormis::QetDestroyContext(context) == 0 && Ormis::QetRelease(process) == 0, "stopping the platform");
-  Require(bytes == direct.Bytes(), "encoding the same: the streams' lengths differ, so this comparison");
+  Require(measured.bytes == direct.Bytes(),
+          "encoding the same: the streams' lengths differ, so this comparison");
 
   (void)std::printf(
       "| 1920 x 1080 NV12 | ms a frame | frames/s | bytes a frame | rate / direct use "
       "|\n|---|---|---|---|---|\n");
   const double frames = static_cast<double>(rounds + 1) * kGopSize;
-  (void)std::printf("| QetVenc | %.3f | %.1f | %.0f | %.4f |\n", measure::Median(ownMs),
-                    1000.0 / measure::Median(ownMs), static_cast<double>(bytes) / frames,
-                    measure::MedianRatio(directMs, ownMs));
-  (void)std::printf("| libavcodec, used directly | %.3f | %.1f | %.0f | 1 |\n", measure::Median(directMs),
-                    1000.0 / measure::Median(directMs), static_cast<double>(direct.Bytes()) / frames);
-  (void)std::printf("| the same once more | %.3f | %.1f | %.0f | %.4f |\n", measure::Median(againMs),
-                    1000.0 / measure::Median(againMs), static_cast<double>(again.Bytes()) / frames,
-                    measure::MedianRatio(directMs, againMs));
+  PrintRow("QetVenc", measured.ownMs, static_cast<double>(measured.bytes) / frames,
+           ShareText(measured.directMs, measured.ownMs).c_str());
+  PrintRow("libavcodec, used directly", measured.directMs, static_cast<double>(direct.Bytes()) / frames, "1");
+  PrintRow("the same once more", measured.againMs, static_cast<double>(again.Bytes()) / frames,
+           ShareText(measured.directMs, measured.againMs).c_str());
 }

@@ -184,21 +184,8 @@ void MeasureInstances(const char* name, LoadOne&& loadOne, RunOne&& runOne) {
                     used);
 }
 
-const char* const kUsage = R"(usage: inference_bench [MODEL [ROUNDS]]
-Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run, and what
-ten instances of the model cost to load and to keep.
-
-Memory is the growth of the process's anonymous memory. Each side runs in its own process, because the second
-one would use again what the first one gave back.
-)";
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  measure::AnswerOptions(argc, argv, "inference_bench", kUsage);
-  const std::string model = argc > 1 ? argv[1] : "build/models/example.onnx";
-  const int rounds = measure::CountArgument(argc, argv, 2, 31);
-
+/// What ten instances of the model cost, on each side in a process of its own.
+void MeasureMemory(const std::string& model) {
   (void)std::printf(
       "| ten instances | loading the first, ms | each other, ms | memory, MB | memory after one inference of "
       "each, MB |\n|---|---|---|---|---|\n");
@@ -225,7 +212,10 @@ int main(int argc, char** argv) {
         [&](int i) { sessions[static_cast<std::size_t>(i)] = std::make_unique<BareSession>(model); },
         [&](int i) { sessions[static_cast<std::size_t>(i)]->Run(); });
   });
+}
 
+/// Inference in turns. Starts the platform on this thread.
+void MeasureInference(const std::string& model, int rounds) {
   StartPlatform();
   Ormis::QetDNNHandle handle;
   Load(handle, model);
@@ -260,4 +250,22 @@ int main(int argc, char** argv) {
   (void)std::printf("| bare session | %.3f | %.2f | 1 |\n", measure::Median(bareMs),
                     1000.0 / measure::Median(bareMs));
   Require(Ormis::QetDNNRelease(handle) == 0, "QetDNNRelease");
+}
+
+const char* const kUsage = R"(usage: inference_bench [MODEL [ROUNDS]]
+Compares QetDNN with a bare session of the same runtime and options: inference in turns within one run, and what
+ten instances of the model cost to load and to keep.
+
+Memory is the growth of the process's anonymous memory. Each side runs in its own process, because the second
+one would use again what the first one gave back.
+)";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "inference_bench", kUsage);
+  const std::string model = argc > 1 ? argv[1] : "build/models/example.onnx";
+  const int rounds = measure::CountArgument(argc, argv, 2, "ROUNDS", 31);
+  MeasureMemory(model);
+  MeasureInference(model, rounds);
 }

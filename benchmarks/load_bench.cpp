@@ -7,7 +7,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -16,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "cpu_stress.h"
+#include "copies.h"
 #include "measure.h"
 #include "ormis/ormis.h"
 #include "program.h"
@@ -129,49 +128,18 @@ double Total(const Rates& rates) {
   return total;
 }
 
-/// Copies, as memcpy_s does, through so much memory that no cache holds it, in threads of its own.
-class FarCopies {
- public:
-  FarCopies() {
-    constexpr std::size_t kFarBytes = std::size_t{1} << 30;
-    for (std::vector<Pair>& pairs : pairs_) {
-      pairs.resize(kFarBytes / (2 * kCopyBytes) / kThreads);
-      for (Pair& pair : pairs) {  // written, so that no page is the shared page of zeros
-        pair.source.assign(kCopyBytes, 1);
-        pair.destination.assign(kCopyBytes, 2);
-      }
-    }
-  }
+constexpr int kFarThreads = 2;
 
-  static constexpr int kThreads = 2;
-
-  /// GB/s of all threads together.
-  double Copy(double seconds) {
-    std::atomic<bool> stop{false};
-    std::atomic<std::uint64_t> copies{0};
-    std::vector<std::thread> threads;
-    const Clock::time_point start = Clock::now();
-    for (std::vector<Pair>& pairs : pairs_) {
-      threads.emplace_back([&pairs, &stop, &copies] {
-        for (std::size_t i = 0; !stop; i = (i + 1) % pairs.size(), ++copies) {
-          Ormis::portable::CopyToMemory(pairs[i].destination.data(), pairs[i].source.data(), kCopyBytes);
-        }
-      });
-    }
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
-    const double took = std::chrono::duration<double>(Clock::now() - start).count();
-    return static_cast<double>(copies) * 2.0 * static_cast<double>(kCopyBytes) / took / 1e9;
-  }
-
- private:
-  struct Pair {
-    std::vector<std::uint8_t> source;
-    std::vector<std::uint8_t> destination;
-  };
-  std::array<std::vector<Pair>, kThreads> pairs_;
-};
+/// Copies far beyond the caches in threads of their own, as memcpy_s does, which this program stands in front
+/// of.
+double FarRate(const measure::Copies& copies, double seconds) {
+  return copies.Rate(
+      {"memcpy_s",
+       [](void* destination, const void* source, std::size_t bytes, Ormis::portable::FlushLines) {
+         Ormis::portable::CopyToMemory(destination, source, bytes);
+       }},
+      seconds);
+}
 
 /// The workers of all engines, behind the gate.
 class Machine {
@@ -234,7 +202,7 @@ class Machine {
   void RequireWorkers() const {
     for (const Engine engine : measure::kEngines) {
       const bool failed = engines_[static_cast<std::size_t>(engine)]->Failed();
-      Require(!failed, (std::string("a ") + Name(engine) + " worker, see the log,").c_str());
+      if (failed) measure::Fail(std::string("a ") + Name(engine) + " worker failed, see the log");
     }
   }
 
@@ -279,15 +247,14 @@ void PrintMixes(const std::vector<Turn>& turns) {
         " %.2f | %.2f |\n", MedianOf(turns, [&](const Turn& turn) { return Total(turn.mixes[mix]); }),
         MedianOf(turns, [&](const Turn& turn) { return Total(turn.mixes[mix]) / Total(turn.mixes[1]); }));
   }
-  (void)std::printf("| | | | | copies far beyond the caches, %d threads | | | | %.2f | %.2f |\n",
-                    FarCopies::kThreads, MedianOf(turns, [](const Turn& turn) { return turn.farCopies; }),
+  (void)std::printf("| | | | | copies far beyond the caches, %d threads | | | | %.2f | %.2f |\n", kFarThreads,
+                    MedianOf(turns, [](const Turn& turn) { return turn.farCopies; }),
                     MedianOf(turns, [](const Turn& turn) { return turn.farCopies / Total(turn.mixes[1]); }));
 }
 
 void PrintRatios(const std::vector<Turn>& turns) {
   (void)std::printf("\n| ratio | |\n|---|---|\n");
-  (void)std::printf("| AIC at level 2 / copies far beyond the caches, %d threads | %.2f |\n",
-                    FarCopies::kThreads,
+  (void)std::printf("| AIC at level 2 / copies far beyond the caches, %d threads | %.2f |\n", kFarThreads,
                     MedianOf(turns, [](const Turn& turn) { return Total(turn.mixes[0]) / turn.farCopies; }));
   (void)std::printf(
       "| all forty workers / ten copies alone | %.2f |\n",
@@ -328,7 +295,7 @@ encode its frame, an inference the model's weights once, inputs and outputs. MOD
 
 std::uint64_t SizeOf(const std::string& path) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
-  Require(file.good(), ("reading the model " + path).c_str());
+  if (!file.good()) measure::Fail("cannot read the model " + path);
   return static_cast<std::uint64_t>(file.tellg());
 }
 
@@ -337,22 +304,21 @@ std::uint64_t SizeOf(const std::string& path) {
 int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "load_bench", kUsage);
   const std::string model = argc > 1 ? argv[1] : "build/models/memory.onnx";
+  const int rounds = measure::CountArgument(argc, argv, 2, "ROUNDS", 3);
+  const double seconds = measure::SecondsArgument(argc, argv, 3, 0.5);
+  Require(argc <= 4, "reading the arguments [MODEL [ROUNDS [SECONDS]]]");
   const std::uint64_t weightBytes = SizeOf(model);
-  const int rounds = measure::CountArgument(argc, argv, 2, 3);
-  const double seconds = argc > 3 ? std::strtod(argv[3], nullptr) : 0.5;
-  Require(argc <= 4 && seconds > 0.0 && seconds <= 1000.0,
-          "reading the arguments [MODEL [ROUNDS [SECONDS]]]");
 
   Ormis::QetContext process;
   Require(Ormis::QetInitialize(process, {}) == 0, "QetInitialize");
   {
-    FarCopies farCopies;
+    const measure::Copies farCopies(kFarThreads, measure::Copies::Reach::kFar);
     Machine machine(model, weightBytes);
     std::vector<Turn> turns;
     for (int round = 0; round < rounds; ++round) {
       turns.emplace_back();
       machine.Rest();
-      turns.back().farCopies = farCopies.Copy(seconds);
+      turns.back().farCopies = FarRate(farCopies, seconds);
       for (const Levels& mix : kMixes) turns.back().mixes.push_back(machine.Measure(mix, seconds));
     }
     PrintMixes(turns);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-/// What the side-by-side programs share: timing, and how they end when something fails.
+/// What the side-by-side programs share: timing, their arguments, and how they end when something fails.
 #pragma once
 
 #include <algorithm>
@@ -8,23 +8,47 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 namespace measure {
 
-/// Ends the program with status 1 and one line when `condition` does not hold.
-inline void Require(bool condition, const char* what) {
-  if (condition) return;
-  (void)std::fprintf(stderr, "%s failed\n", what);
+/// Ends the program with status 1 and one line.
+[[noreturn]] inline void Fail(const std::string& line) {
+  (void)std::fprintf(stderr, "%s\n", line.c_str());
   (void)std::fflush(nullptr);
   std::_Exit(1);  // without the clean-up of libraries, in which other threads may still work
 }
 
-/// The argument at `index`, or `fallback`; ends the program unless it is a number above 0.
-inline int CountArgument(int argc, char** argv, int index, int fallback) {
-  const long value = index < argc ? std::strtol(argv[index], nullptr, 10) : fallback;
-  Require(value > 0 && value < 1'000'000, "reading the arguments: expected a count above 0, which");
+/// Fails when `condition` does not hold.
+inline void Require(bool condition, const char* what) {
+  if (!condition) Fail(std::string(what) + " failed");
+}
+
+/// The argument at `index`, which the usage calls `name`, or `fallback` if there is none. Fails unless it is
+/// a whole number from 1 to `most`.
+inline int CountArgument(int argc, char** argv, int index, const char* name, int fallback,
+                         int most = 999'999) {
+  if (index >= argc) return fallback;
+  char* end = nullptr;
+  const long value = std::strtol(argv[index], &end, 10);
+  if (end == argv[index] || *end != '\0' || value < 1 || value > most) {
+    Fail(std::string(name) + " is '" + argv[index] + "', expected a whole number from 1 to " +
+         std::to_string(most));
+  }
   return static_cast<int>(value);
+}
+
+/// The same for a time, which may have a fraction.
+inline double SecondsArgument(int argc, char** argv, int index, double fallback) {
+  constexpr double kMost = 1000;
+  if (index >= argc) return fallback;
+  char* end = nullptr;
+  const double value = std::strtod(argv[index], &end);
+  if (end == argv[index] || *end != '\0' || !(value > 0.0 && value <= kMost)) {
+    Fail(std::string("SECONDS is '") + argv[index] + "', expected a number above 0, at most 1000");
+  }
+  return value;
 }
 
 inline double Median(std::vector<double> values) {

@@ -15,6 +15,7 @@
 
 #include "child_process.h"
 #include "engines.h"
+#include "measure.h"
 #include "meter_reader.h"
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"
@@ -166,7 +167,7 @@ int main(int argc, char** argv) {
   if (argc > 2 && std::strcmp(argv[1], "calls") == 0) {
     return MeasureCalls(static_cast<int>(std::strtol(argv[2], nullptr, 10)));
   }
-  const std::string rounds = argc > 1 ? argv[1] : "100";
+  const std::string rounds = std::to_string(measure::CountArgument(argc, argv, 1, "ROUNDS", 100));
   const std::vector<double> plain = Run("/proc/self/exe", rounds, false, false);
   const std::vector<double> silent = Run("/proc/self/exe", rounds, true, false);
   const std::vector<double> metered = Run("/proc/self/exe", rounds, true, true);

@@ -117,8 +117,8 @@ Level MeasureLevel(Engine engine, int workers, const Options& options) {
   Clock::time_point begun{};
   for (;;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    Require(!running.Failed(),
-            (std::string("the ") + measure::Name(engine) + " worker, see the log,").c_str());
+    if (running.Failed())
+      measure::Fail(std::string("the ") + measure::Name(engine) + " worker failed, see the log");
     if (begun == Clock::time_point{} && sampler.HasBegun()) begun = Clock::now();
     const bool late = std::chrono::duration<double>(Clock::now() - begun).count() > options.seconds;
     if (sampler.Enough() || (sampler.Calibrates() && late)) break;
@@ -267,22 +267,11 @@ Where load times do not tell caches from memory, it says so and gives no figure.
 Options ReadOptions(int argc, char** argv) {
   Options options;
   if (argc > 1) options.model = argv[1];
-  Require(std::ifstream(options.model).good(), ("reading the model " + options.model).c_str());
-  if (argc > 2) {
-    char* end = nullptr;
-    options.seconds = std::strtod(argv[2], &end);
-    Require(
-        *end == '\0' && options.seconds > 0.0 && options.seconds <= 1000.0,
-        (std::string("reading SECONDS '") + argv[2] + "': expected above 0, at most 1000, which").c_str());
-  }
+  if (!std::ifstream(options.model).good()) measure::Fail("cannot read the model " + options.model);
+  options.seconds = measure::SecondsArgument(argc, argv, 2, options.seconds);
   if (argc > 3) options.levels.clear();
-  for (int i = 3; i < argc; ++i) {
-    char* end = nullptr;
-    const long level = std::strtol(argv[i], &end, 10);
-    Require(*end == '\0' && level >= 1 && level <= 10,
-            (std::string("reading LEVEL '") + argv[i] + "': expected 1 to 10, which").c_str());
-    options.levels.push_back(static_cast<int>(level));
-  }
+  for (int i = 3; i < argc; ++i)
+    options.levels.push_back(measure::CountArgument(argc, argv, i, "LEVEL", 0, 10));
   return options;
 }
 

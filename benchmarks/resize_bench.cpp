@@ -276,7 +276,7 @@ checks whether the result changes.
 
 int main(int argc, char** argv) {
   measure::AnswerOptions(argc, argv, "resize_bench", kUsage);
-  const int rounds = measure::CountArgument(argc, argv, 1, 101);
+  const int rounds = measure::CountArgument(argc, argv, 1, "ROUNDS", 101);
   Ormis::QetContext process;
   Ormis::QetContext context;
   int channel = 0;
