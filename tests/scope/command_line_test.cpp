@@ -35,7 +35,8 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 
-constexpr const char* kCommands[] = {"record", "rates", "report", "sweep", "compare", "ab"};
+constexpr const char* kCommands[] = {"record", "rates", "report", "sweep",  "compare",
+                                     "ab",     "plan",  "cell",   "collect"};
 constexpr const char* kOneLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fps.";
 
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -129,10 +130,11 @@ TEST_F(CommandLineTest, EachHelpHasAnExampleAndFitsAHundredColumns) {
   for (const std::string command : kCommands) EXPECT_THAT(whole.output, HasSubstr("\n  " + command + " "));
 }
 
-// The options in the manual, without its backslashes: it writes \- for -, and \fI before what an option
-// takes.
-std::string OptionsInManual() {
-  std::string manual = scope::ReadText(SCOPE_MANUAL).value_or("");
+// The options in the command's manual page, without its backslashes: it writes \- for -, and \fI before what
+// an option takes.
+std::string OptionsInManual(const std::string& command) {
+  const bool isOfPlans = command == "plan" || command == "cell" || command == "collect";
+  std::string manual = scope::ReadText(isOfPlans ? SCOPE_PLAN_MANUAL : SCOPE_MANUAL).value_or("");
   manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
   const std::size_t from = manual.find(".SH OPTIONS");
   if (from == std::string::npos) return {};
@@ -140,10 +142,10 @@ std::string OptionsInManual() {
 }
 
 TEST_F(CommandLineTest, TheManualHasEveryOption) {
-  const std::string manual = OptionsInManual();
   const std::regex option("(^|[ ,])(--?[a-z][a-z-]*)");
   std::size_t options = 0;
   for (const std::string command : kCommands) {
+    const std::string manual = OptionsInManual(command);
     for (const std::string& line : LinesOf(RunTool({command, "--help"}).output)) {
       if (line.rfind("  -", 0) != 0) continue;
       const std::string names = line.substr(0, line.find("  ", 2));
@@ -158,10 +160,10 @@ TEST_F(CommandLineTest, TheManualHasEveryOption) {
 }
 
 TEST_F(CommandLineTest, TheManualSaysLikeTheHelpWhatAnOptionTakes) {
-  const std::vector<std::string> manual = LinesOf(OptionsInManual());
   const std::regex option("^  (-[a-z], )?(--[a-z-]+) ([A-Z]+)");
   std::size_t options = 0;
   for (const std::string command : kCommands) {
+    const std::vector<std::string> manual = LinesOf(OptionsInManual(command));
     for (const std::string& line : LinesOf(RunTool({command, "--help"}).output)) {
       std::smatch found;
       // One entry of the manual is about the --output of all commands: a folder or a page.
@@ -322,6 +324,14 @@ TEST_F(CommandLineTest, FormatDescribesEveryKeyOfTheJson) {
   AddKeys(Json::parse(Sweep({"--json"}).output), keys);
   AddKeys(Json::parse(RunTool({"compare", run, run, "--json", "-o", folder_ / "page.html"}).output), keys);
   AddKeys(DataOf(folder_.Get("page.html")), keys);
+  AddKeys(
+      Json::parse(RunTool({"plan", Config(), "--no-meter", "-o", folder_ / "plan.json", "--json"}).output),
+      keys);
+  AddKeys(Json::parse(RunTool({"cell", folder_ / "plan.json", "1", "-o", folder_ / "cells", "--benchmark",
+                               Benchmark(), "--json"})
+                          .output),
+          keys);
+  AddKeys(Json::parse(RunTool({"collect", folder_ / "cells", "--json"}).output), keys);
   EXPECT_GT(keys.size(), 60U);
   for (const std::string& key : keys) EXPECT_TRUE(describes(key)) << key;
   EXPECT_FALSE(describes("no_such_key"));

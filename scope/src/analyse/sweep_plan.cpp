@@ -103,7 +103,7 @@ SweepLevels ParsePoint(const std::string& text) {
   return levels;
 }
 
-std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed) {
+std::vector<SweepLevels> PointsOf(const std::vector<SweepAxis>& axes) {
   std::vector<SweepLevels> points = {{}};
   for (const SweepAxis& axis : axes) {
     std::vector<SweepLevels> longer;
@@ -115,26 +115,37 @@ std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, 
     }
     points = std::move(longer);
   }
+  return points;
+}
+
+std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint64_t seed) {
+  std::vector<std::size_t> order;
+  std::mt19937_64 random(seed);
+  for (int repeat = 1; repeat <= repeats; ++repeat) {
+    std::vector<std::size_t> shuffled(points);
+    for (std::size_t i = 0; i < points; ++i) shuffled[i] = i;
+    Shuffle(shuffled, random);
+    order.insert(order.end(), shuffled.begin(), shuffled.end());
+  }
+  return order;
+}
+
+std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed) {
+  const std::vector<SweepLevels> points = PointsOf(axes);
   const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
   if (count > kMostRuns) {
     throw UserError("the grid has " + std::to_string(count) + " runs, expected at most " +
                     std::to_string(kMostRuns) + ": give fewer levels or repeats");
   }
   std::vector<SweepRun> runs(count);
-  std::mt19937_64 random(seed);
-  int order = 0;
-  for (int repeat = 1; repeat <= repeats; ++repeat) {
-    std::vector<std::size_t> shuffled(points.size());
-    for (std::size_t i = 0; i < shuffled.size(); ++i) shuffled[i] = i;
-    Shuffle(shuffled, random);
-    for (const std::size_t point : shuffled) {
-      const std::size_t index =
-          point * static_cast<std::size_t>(repeats) + static_cast<std::size_t>(repeat - 1);
-      runs[index].folder = Format("run-%04zu", index + 1);
-      runs[index].levels = points[point];
-      runs[index].repeat = repeat;
-      runs[index].order = ++order;
-    }
+  const std::vector<std::size_t> order = RandomOrder(points.size(), repeats, seed);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t repeat = i / points.size();
+    const std::size_t index = order[i] * static_cast<std::size_t>(repeats) + repeat;
+    runs[index].folder = Format("run-%04zu", index + 1);
+    runs[index].levels = points[order[i]];
+    runs[index].repeat = static_cast<int>(repeat) + 1;
+    runs[index].order = static_cast<int>(i) + 1;
   }
   return runs;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -18,6 +19,12 @@ std::vector<SweepAxis> ParseAxes(const std::vector<std::string>& texts);
 
 /// Parses "CPU=1,VENC=2": one level for each section. Throws UserError.
 SweepLevels ParsePoint(const std::string& text);
+
+/// All points of the grid; the last axis changes fastest. One point without levels if there is no axis.
+std::vector<SweepLevels> PointsOf(const std::vector<SweepAxis>& axes);
+
+/// The indices of `points` points, `repeats` times: each time all of them, in random order.
+std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint64_t seed);
 
 /// Plans every point of the grid `repeats` times. All points are recorded once, in random order, before any
 /// is repeated. So drift and interruptions affect all points equally. The order depends only on `seed`.

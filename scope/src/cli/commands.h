@@ -21,9 +21,14 @@ void AddReport(CLI::App& app, int& status);
 void AddSweep(CLI::App& app, int& status);
 void AddCompare(CLI::App& app, int& status);
 void AddAb(CLI::App& app, int& status);
+void AddPlan(CLI::App& app, int& status);
+void AddCell(CLI::App& app, int& status);
+void AddCollect(CLI::App& app, int& status);
 
-/// Adds the options of `record` and `sweep` that control the benchmark. They exclude `excluded` if it is not
-/// null.
+/// Add options that control the benchmark, which exclude `excluded` if it is not null: the programs and
+/// folders of this machine, how long and how a run is measured, and both.
+void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
+void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
 /// Prints the figures of the sweep in `folder`, and writes their page. Throws
@@ -48,5 +53,6 @@ constexpr double kMostSeconds = 1e6;
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;   ///< the benchmark failed or the recording is incomplete
 constexpr int kExitBadUsage = 2;  ///< wrong arguments or bad input
+constexpr int kExitNotYet = 3;    ///< `collect`: nothing failed, but not all cells are done
 
 }  // namespace scope

@@ -43,6 +43,9 @@ int Main(int argc, char** argv) {
   AddSweep(app, status);
   AddCompare(app, status);
   AddAb(app, status);
+  AddPlan(app, status);
+  AddCell(app, status);
+  AddCollect(app, status);
   try {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();

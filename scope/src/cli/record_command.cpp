@@ -34,28 +34,46 @@ int RunRecord(const RecordOptions& options, Output output) {
 
 }  // namespace
 
-void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
-  const auto add = [&](const char* name, auto& value, const char* type, const char* help) {
-    CLI::Option* const option = command.add_option(name, value, help)->type_name(type);
-    return excluded == nullptr ? option : option->excludes(excluded);
-  };
-  add("--benchmark", settings.benchmark, "FILE",
-      "Benchmark to run (default: the stress_benchmark beside stress_scope)");
-  add("--meter", settings.meter, "FILE",
-      "Meter library to preload (default: libstress_scope.so of this build)");
+namespace {
+
+// Adds an option that excludes `excluded` if that is not null.
+template <typename Value>
+CLI::Option* AddUnless(CLI::App& command, CLI::Option* excluded, const char* name, Value& value,
+                       const char* type, const char* help) {
+  CLI::Option* const option = command.add_option(name, value, help)->type_name(type);
+  return excluded == nullptr ? option : option->excludes(excluded);
+}
+
+}  // namespace
+
+void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
+  AddUnless(command, excluded, "--benchmark", settings.benchmark, "FILE",
+            "Benchmark to run (default: the stress_benchmark beside stress_scope)");
+  AddUnless(command, excluded, "--meter", settings.meter, "FILE",
+            "Meter library to preload (default: libstress_scope.so of this build)");
+  AddUnless(command, excluded, "--sysfs-root", settings.systemRoot, "DIR",
+            "Folder that contains sys and proc (default: /)");
+}
+
+void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
   CLI::Option* const noMeter = command.add_flag_callback(
       "--no-meter", [&settings] { settings.useMeter = false; },
       "Record without the meter: only rate lines, counters and conditions");
   if (excluded != nullptr) noMeter->excludes(excluded);
-  add("--sysfs-root", settings.systemRoot, "DIR", "Folder that contains sys and proc (default: /)");
-  add("--stop-after", settings.stopAfterS, "SECONDS",
-      "End the run with SIGINT after this time (default: the run ends by itself)")
+  AddUnless(command, excluded, "--stop-after", settings.stopAfterS, "SECONDS",
+            "End the run with SIGINT after this time (default: the run ends by itself)")
       ->check(NumberFrom(0, kMostSeconds));
-  add("--grace", settings.graceS, "SECONDS",
-      "Stop the benchmark if it does nothing for so long after its run time")
+  AddUnless(command, excluded, "--grace", settings.graceS, "SECONDS",
+            "Stop the benchmark if it does nothing for so long after its run time")
       ->check(NumberFrom(1, 3600))
       ->capture_default_str();
-  add("ARGUMENT", settings.extra, "WORD", "More arguments for the benchmark, after --");
+  AddUnless(command, excluded, "ARGUMENT", settings.extra, "WORD",
+            "More arguments for the benchmark, after --");
+}
+
+void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
+  AddPrograms(command, settings, excluded);
+  AddRunLimits(command, settings, excluded);
 }
 
 void AddRecord(CLI::App& app, int& status) {

@@ -23,9 +23,13 @@ constexpr double kLeastMeasuredS = 4;
 
 }  // namespace
 
+std::string AbsolutePath(const std::string& path) {
+  return fs::absolute(path).lexically_normal().string();
+}
+
 void MakeAbsolute(RunSettings& settings) {
   for (std::string* path : {&settings.benchmark, &settings.meter}) {
-    if (!path->empty()) *path = fs::absolute(*path).lexically_normal().string();
+    if (!path->empty()) *path = AbsolutePath(*path);
   }
 }
 

@@ -15,6 +15,12 @@ namespace scope {
 /// The copy of the benchmark's configuration in the folder of a series, and in that of each run.
 constexpr const char* kSeriesConfig = "config.yaml";
 
+/// Estimated time between two runs.
+constexpr double kBetweenRunsS = 2;
+
+/// The path from the root folder.
+std::string AbsolutePath(const std::string& path);
+
 /// Makes the paths of programs and libraries absolute: a series may be continued from another folder.
 void MakeAbsolute(RunSettings& settings);
 

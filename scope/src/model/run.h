@@ -16,6 +16,9 @@ constexpr const char* kToolVersion = "stress_scope " STRESS_VERSION;
 /// A second that is longer than this is not one second: samples between are missing.
 constexpr double kGapS = 1.75;
 
+/// RunInfo::incompleteReason of a run that has begun and not ended.
+constexpr const char* kRecorderEnded = "the recorder ended before the run did";
+
 /// The number of the second that ends `spanS` after the end of the second `before`. A gap skips numbers.
 inline int SecondAfter(int before, double spanS) {
   return before + (spanS > kGapS ? static_cast<int>(std::lround(spanS)) : 1);

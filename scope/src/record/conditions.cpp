@@ -12,7 +12,7 @@
 #include <tuple>
 
 #include "system_files.h"
-#include "text_format.h"
+#include "text_hash.h"
 
 namespace scope {
 namespace {
@@ -75,16 +75,6 @@ std::vector<Cache> Caches(const std::string& cpuFolder, const std::vector<std::s
   return caches;
 }
 
-// FNV-1a, 64 bits: the same in every run on one machine, without its name.
-std::string Hash(const std::string& text) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char letter : text) {
-    hash ^= static_cast<unsigned char>(letter);
-    hash *= 0x100000001b3;
-  }
-  return Format("%016llx", static_cast<unsigned long long>(hash));
-}
-
 bool IsCpu(const std::string& name) {
   return name.size() > 3 && name.compare(0, 3, "cpu") == 0 &&
          name.find_first_not_of("0123456789", 3) == std::string::npos;
@@ -124,7 +114,7 @@ Conditions ReadConditions(const std::string& systemRoot) {
   conditions.kernel = ReadText(root + "/proc/sys/kernel/osrelease").value_or("");
   const std::string machine = ReadText(root + "/etc/machine-id").value_or("") +
                               ReadText(root + "/proc/sys/kernel/hostname").value_or("");
-  if (!machine.empty()) conditions.hostnameHash = Hash(machine);
+  if (!machine.empty()) conditions.hostnameHash = HashOf(machine);
   std::istringstream loads(ReadText(root + "/proc/loadavg").value_or(""));
   for (double load = 0; conditions.loadAverage.size() < 3 && loads >> load;)
     conditions.loadAverage.push_back(load);

@@ -104,7 +104,7 @@ std::vector<std::string> UnreadSections(const std::string& path) {
   return sentences;
 }
 
-std::string PointConfiguration(const std::string& path, const SweepLevels& levels) {
+std::string PointConfiguration(const std::string& path, const SweepLevels& levels, const std::string& model) {
   std::string text;
   RequireRegularFile(path);
   try {
@@ -137,6 +137,7 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
         throw UserError(path + ": levels of " + section + " need a section " + section +
                         " with a model as \"" + key + "\"");
       }
+      if (!model.empty()) file = model;
       text += "  " + key + ": " +
               Quoted(file.empty() ? file : fs::absolute(file).lexically_normal().string()) + "\n";
     }
@@ -146,6 +147,22 @@ std::string PointConfiguration(const std::string& path, const SweepLevels& level
     throw UserError(error.what());
   }
   return text;
+}
+
+std::vector<NamedModel> ModelsOf(const std::string& path) {
+  unsigned int runTimeS = 0;
+  const Configuration config = ReadConfiguration(path, runTimeS);
+  std::vector<NamedModel> models;
+  for (const EngineInfo& engine : Engines()) {
+    const std::string name = std::string(engine.section) + "." + engine.fileKey;
+    for (const auto& [key, file] : config.settings) {
+      if (key != name || file.empty()) continue;
+      const auto level = std::find_if(config.levels.begin(), config.levels.end(),
+                                      [&engine](const auto& one) { return one.first == engine.id; });
+      models.push_back({engine.section, file, level == config.levels.end() ? 0 : level->second});
+    }
+  }
+  return models;
 }
 
 }  // namespace scope

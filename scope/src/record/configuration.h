@@ -20,8 +20,20 @@ Configuration ReadConfiguration(const std::string& path, unsigned int& runTimesS
 std::vector<std::string> UnreadSections(const std::string& path);
 
 /// The text of a configuration with the settings of `path` and the given levels. A missing section is added.
-/// The model's path becomes absolute. Throws UserError for a file that cannot be read or that the benchmark
-/// would refuse, and for an AIC level without an AIC section: only that section names the model.
-std::string PointConfiguration(const std::string& path, const SweepLevels& levels);
+/// The model's path becomes absolute, or `model` if that is not empty. Throws UserError for a file that
+/// cannot be read or that the benchmark would refuse, and for an AIC level without an AIC section: only that
+/// section names the model.
+std::string PointConfiguration(const std::string& path, const SweepLevels& levels,
+                               const std::string& model = "");
+
+/// A model that a configuration names.
+struct NamedModel {
+  std::string section;  ///< "AIC"
+  std::string file;
+  int level = 0;  ///< at level 0 nothing reads the model
+};
+
+/// Throws UserError as ReadConfiguration does.
+std::vector<NamedModel> ModelsOf(const std::string& path);
 
 }  // namespace scope

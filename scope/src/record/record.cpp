@@ -55,6 +55,7 @@ class Recording {
     if (options.useMeter) preload_ = std::make_unique<PreloadPath>(FindMeter(options.meter));
     unsigned int runTimeS = 0;
     Configuration config = ReadConfiguration(options.config, runTimeS);
+    if (!options.savedConfig.empty()) config.path = options.savedConfig;
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
     if (options.stopAfterS > 0) limits_.runTimeS = std::min(limits_.runTimeS, std::ceil(options.stopAfterS));
     supervisor_ = std::make_unique<Supervisor>(limits_);
@@ -231,9 +232,9 @@ RecordResult Record(const RecordOptions& options, View& view, Signals& signals) 
   return Recording(options, view).Run(signals);
 }
 
-void CheckRecord(const RecordOptions& options) {
-  (void)FindBenchmark(options.benchmark);
-  if (options.useMeter) (void)FindMeter(options.meter);
+void CheckRecord(const RunSettings& settings) {
+  (void)FindBenchmark(settings.benchmark);
+  if (settings.useMeter) (void)FindMeter(settings.meter);
 }
 
 }  // namespace scope

@@ -12,6 +12,7 @@ namespace scope {
 
 struct RecordOptions : RunSettings {
   std::string config;         ///< the benchmark's configuration file
+  std::string savedConfig;    ///< its path in run.json, if it will be moved; empty: `config`
   std::string folder;         ///< the run folder to make
   bool force = false;         ///< replace an existing run in the folder
   std::string label;          ///< the user's text, saved with the run
@@ -31,6 +32,6 @@ struct RecordResult {
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals);
 
 /// Throws UserError if the program or the meter is missing, as Record does. Changes nothing.
-void CheckRecord(const RecordOptions& options);
+void CheckRecord(const RunSettings& settings);
 
 }  // namespace scope

@@ -47,7 +47,7 @@ SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault o
   info_.conditions = ReadConditions(options.systemRoot);
   // Only the benchmark of this build has a known build type.
   if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
-  info_.incompleteReason = "the recorder ended before the run did";
+  info_.incompleteReason = kRecorderEnded;
 }
 
 void SavedRun::AddSources(const std::vector<CounterSource>& sources) {

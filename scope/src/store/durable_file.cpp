@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "durable_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,19 @@
 namespace scope {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+void SyncPath(const std::string& path, int flags) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
+  // EINVAL: this file system, or a device, has no fsync.
+  const bool saved = descriptor >= 0 && (fsync(descriptor) == 0 || errno == EINVAL);
+  const int error = errno;
+  if (descriptor >= 0) (void)close(descriptor);
+  if (!saved) throw UserError("cannot write " + path + ": " + std::strerror(error));
+}
+
+}  // namespace
 
 OutputFile::OutputFile(std::string path, Existing existing)
     : path_(std::move(path)),
@@ -68,6 +82,26 @@ void ReplaceFile(const std::string& path, const std::string& text) {
   }
 }
 
+void SyncFiles(const std::string& folder) {
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    std::error_code ignored;
+    if (entry->is_regular_file(ignored) && !entry->is_symlink(ignored)) SyncPath(entry->path().string(), 0);
+  }
+  if (error) throw UserError("cannot read the folder " + folder + ": " + error.message());
+}
+
+void SyncFolder(const std::string& folder) {
+  SyncPath(folder, O_DIRECTORY);
+}
+
+void MoveFolder(const std::string& from, const std::string& to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0) {
+    throw UserError("cannot move " + from + " to " + to + ": " + std::strerror(errno));
+  }
+  for (const std::string& path : {from, to}) SyncFolder(fs::path(path).parent_path().string());
+}
+
 std::string UtcNow() {
   const std::time_t now = std::time(nullptr);
   std::tm parts{};
@@ -93,7 +127,7 @@ void MakeFolder(const std::string& path) {
 void RequireNoLink(const std::string& path) {
   std::error_code error;
   if (!fs::is_symlink(fs::symlink_status(path, error))) return;
-  throw UserError(path + " is a link. A resumed sweep follows no links: replace it by what it leads to");
+  throw UserError(path + " is a link, and is not followed: replace it by what it leads to");
 }
 
 bool IsTaken(const std::string& path) {

@@ -33,6 +33,15 @@ class OutputFile {
 /// stays. Writes to `path`.new first, and follows no link there. Throws UserError.
 void ReplaceFile(const std::string& path, const std::string& text);
 
+/// On return, the content of each file in the folder is on the disk. Throws UserError.
+void SyncFiles(const std::string& folder);
+
+/// On return, the names in the folder are on the disk. Throws UserError.
+void SyncFolder(const std::string& folder);
+
+/// Moves a folder within a file system in one step, which is on the disk on return. Throws UserError.
+void MoveFolder(const std::string& from, const std::string& to);
+
 /// The current time in UTC, ISO 8601, in whole seconds.
 std::string UtcNow();
 

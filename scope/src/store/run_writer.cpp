@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "cell_file.h"
 #include "errors.h"
 #include "run_json.h"
 
@@ -20,10 +21,10 @@ RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
       throw UserError(folder + " exists and is not an empty folder" +
                       (force ? "" : ": choose another one, or add --force to replace the run in it"));
     }
-    // Format 1 had samples.jsonl.
+    // Format 1 had samples.jsonl. cell.json describes the run that is replaced.
     for (const char* name :
          {kInfoName, kTableName<Sample>, kTableName<EngineSample>, "samples.jsonl", kTableName<HistogramRow>,
-          kTableName<Rate>, kRatesTextName, kLogName, kTableName<CounterValue>, kReportName}) {
+          kTableName<Rate>, kRatesTextName, kLogName, kTableName<CounterValue>, kReportName, kCellName}) {
       fs::remove(fs::path(folder) / name, error);
       if (error) throw UserError("cannot remove " + folder + "/" + name + ": " + error.message());
     }

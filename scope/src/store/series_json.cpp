@@ -40,7 +40,11 @@ SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind) {
     throw UserError(folder + ": not " + kind.what + ": cannot read " + kind.file + ": " +
                     std::strerror(errno));
   }
-  SeriesJson json = ParseFolderJson(*text, path);
+  return ParseSeriesJson(*text, path, kind);
+}
+
+SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, const SeriesKind& kind) {
+  SeriesJson json = ParseFolderJson(text, path);
   const int format = json.at("format").get<int>();
   if (format != kind.format) {
     throw DamagedFolder(path + ": written in format " + std::to_string(format) +

@@ -7,7 +7,7 @@
 #include "run.h"
 #include "sweep.h"
 
-/// What sweep.json and experiment.json have in common: both describe a series of runs that may be continued.
+/// What sweep.json, experiment.json, plans and cell.json have in common: all describe planned runs.
 namespace scope {
 
 using SeriesJson = nlohmann::ordered_json;
@@ -36,6 +36,10 @@ bool IsSeriesFolder(const std::string& folder, const SeriesKind& kind);
 /// The content of the file in `folder`. Throws UserError if there is none, and DamagedFolder if it has
 /// another format or kind. Both name the file and what was expected.
 SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind);
+
+/// Parses `text`, the content of the file `path`. Throws DamagedFolder as ReadSeriesJson does, and the
+/// library's exception if it is no JSON.
+SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, const SeriesKind& kind);
 
 /// The keys with which the file begins.
 SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath);

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "plan.h"
+
+namespace scope {
+
+/// What is in the folder `root` for cell `number` of the plan, from 1. Reads cell.json alone; of a cell that
+/// is not done also run.json of its last attempt.
+CellStatus StatusOf(const std::string& root, const Plan& plan, std::size_t number);
+
+/// That of every cell, in the order of the plan. The time is proportional to the number of cells.
+std::vector<CellStatus> Collect(const std::string& root, const Plan& plan);
+
+/// How many cells are in a state.
+std::size_t CountOf(const std::vector<CellStatus>& cells, CellState state);
+
+/// The numbers of the cells that are not done, as job schedulers take them: "2,5-9". Empty if all are done.
+std::string NumbersToRun(const std::vector<CellStatus>& cells);
+
+}  // namespace scope

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "cell_file.h"
+#include "cell_plan.h"
+#include "cell_runner.h"
+#include "commands.h"
+#include "errors.h"
+#include "live_view.h"
+#include "plan_file.h"
+#include "printable.h"
+#include "series.h"
+#include "system_files.h"
+
+namespace scope {
+namespace {
+
+struct CellCommand {
+  std::string plan;
+  std::size_t number = 0;
+  RunSettings programs;
+  CellOptions cell;
+  Output output = Output::kText;
+};
+
+PlanFile ReadPlanFor(const CellCommand& command) {
+  PlanFile file = ReadPlan(command.plan);
+  const std::size_t count = file.plan.cells.size();
+  if (command.number > count) {
+    throw UserError("there is no cell " + std::to_string(command.number) + " in " + command.plan +
+                    ": its cells are 1 to " + std::to_string(count));
+  }
+  SweepSettings& settings = file.plan.settings;
+  settings.benchmark = command.programs.benchmark;
+  settings.meter = command.programs.meter;
+  settings.systemRoot = command.programs.systemRoot;
+  return file;
+}
+
+void ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
+  const std::string folder = Printable(outcome.folder);
+  if (command.output == Output::kJson) Print(ReadFile(outcome.folder + "/" + kCellName).value_or("null\n"));
+  if (command.output == Output::kText && !outcome.isNew) Print("already done, in " + folder + "\n");
+  if (command.output == Output::kText && outcome.isNew)
+    Print(NameOf(outcome.state) + std::string(", saved in ") + folder + "\n");
+  if (outcome.state == CellState::kDone) return;
+  std::cerr << "stress_scope: cell " << command.number << ' ' << NameOf(outcome.state) << ": "
+            << Printable(outcome.reason) << "; run it again with the same command" << std::endl;
+}
+
+int RunCellCommand(CellCommand& command) {
+  const PlanFile file = ReadPlanFor(command);
+  const Plan& plan = file.plan;
+  CellOptions options = command.cell;
+  options.planFile = file.text;
+  if (!options.model.empty()) options.model = AbsolutePath(options.model);
+  const bool text = command.output == Output::kText;
+  options.showsApply = text;
+  if (text) {
+    Print("cell " + std::to_string(command.number) + " of " + std::to_string(plan.cells.size()) + ", " +
+          CellLabel(plan.cells[command.number - 1]) + "\n");
+  }
+  const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+  // Lives to the end: a signal after the run must not leave it half saved.
+  Signals signals;
+  const CellOutcome outcome = RunCell(plan, command.number, options, *view, signals);
+  ShowOutcome(command, outcome);
+  return outcome.state == CellState::kDone ? kExitOk : kExitFailure;
+}
+
+}  // namespace
+
+void AddCell(CLI::App& app, int& status) {
+  CLI::App* const command =
+      app.add_subcommand("cell", "Record one run of a plan, unless it is done, into a folder of its own");
+  const auto options = std::make_shared<CellCommand>();
+  const auto add = [command](const char* name, std::string& value, const char* type, const char* help) {
+    return command->add_option(name, value, help)->type_name(type);
+  };
+  command->add_option("PLAN", options->plan, "File that stress_scope plan made")->required();
+  command->add_option("NUMBER", options->number, "Number of the cell in the plan, from 1")
+      ->required()
+      ->check(WholeNumberFrom(1, 1'000'000'000));
+  add("-o,--output", options->cell.root, "DIR", "Folder of all cells of the plan")->required();
+  add("--board", options->cell.board, "NAME", "Name of this board; a cell of another one is refused");
+  add("--model", options->cell.model, "FILE",
+      "Model on this machine, instead of the one that the plan names");
+  add("--apply", options->cell.apply, "COMMAND",
+      "Shell command that makes the settings of the cell; it gets NAME=VALUE for each");
+  AddPrograms(*command, options->programs, nullptr);
+  AddOutput(*command, options->output);
+  command->footer(
+      "Example:\n"
+      "  stress_scope cell night.json 3 --board b1 -o night");
+  command->callback([options, &status] {
+    if (!options->cell.board.empty()) RequireBoardName(options->cell.board, "--board");
+    status = RunCellCommand(*options);
+  });
+}
+
+}  // namespace scope

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cell_runner.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <optional>
+
+#include "cell_file.h"
+#include "cell_folder.h"
+#include "cell_plan.h"
+#include "collection.h"
+#include "compare_figures.h"
+#include "configuration.h"
+#include "durable_file.h"
+#include "errors.h"
+#include "figures.h"
+#include "printable.h"
+#include "record.h"
+#include "run_reader.h"
+#include "run_summary.h"
+#include "series.h"
+#include "setting_switch.h"
+
+namespace scope {
+namespace {
+
+std::string NumberedCell(std::size_t number) {
+  return "cell " + std::to_string(number);
+}
+
+// Before anything is made.
+void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {
+  if (!cell.board.empty() && cell.board != options.board) {
+    throw UserError(NumberedCell(number) + " is for the board " + cell.board +
+                    (options.board.empty() ? ": say --board " + cell.board + " if this is it"
+                                           : ", and this is " + options.board));
+  }
+  if (cell.settings.empty() || !options.apply.empty()) return;
+  throw UserError(NumberedCell(number) + " has settings of the board (" + CellLabel(cell) +
+                  "): give the command that makes them with --apply");
+}
+
+// Writes the cell's configuration to `path`.
+void WriteConfiguration(const Plan& plan, const PlanCell& cell, const std::string& model,
+                        const std::string& path) {
+  try {
+    ReplaceFile(path, plan.configText);
+    ReplaceFile(path, PointConfiguration(path, cell.levels, model));
+    for (const NamedModel& named : ModelsOf(path)) {
+      if (named.level == 0 || access(named.file.c_str(), R_OK) == 0) continue;
+      throw UserError("cannot read the model of " + named.section + ", " + named.file + ": " +
+                      std::strerror(errno) + ". Copy it there, or give its path here with --model");
+    }
+  } catch (const DamagedFolder&) {
+    throw;
+  } catch (const UserError& error) {
+    throw UserError(std::string("the configuration of the plan cannot be used here: ") + error.what());
+  }
+}
+
+std::string ApplyCommand(const std::string& command, const BoardSettings& settings) {
+  std::string text = command;
+  // Names and values have no character that a shell would not pass on as it is.
+  for (const auto& [name, value] : settings) text.append(" ").append(name).append("=").append(value);
+  return text;
+}
+
+// Empty if the settings are made, or why they are not. Sets `stopped` if a signal ended the command.
+std::string Apply(const PlanCell& cell, const CellOptions& options, Signals& signals, bool& stopped) {
+  if (cell.settings.empty()) return "";
+  try {
+    stopped = !RunSwitch(ApplyCommand(options.apply, cell.settings), options.showsApply, signals);
+    return stopped ? "interrupted while the settings were made" : "";
+  } catch (const std::exception& error) {
+    return std::string("cannot make the settings of the board: ") + error.what();
+  }
+}
+
+// Adds what is known from the files of the attempt.
+void AddFromRun(const std::string& attempt, double warmupS, CellRecord& record) {
+  if (!IsRunFolder(attempt)) return;
+  try {
+    record.machine = ReadRunInfo(attempt).conditions.hostnameHash;
+    if (record.state != CellState::kDone) return;
+    for (const auto& [key, seconds] : FiguresOf(Summarise(ReadRun(attempt)), warmupS)) {
+      record.figures.push_back({key.engine, KindOf(key.figure).name, ValueOf(key.figure, seconds)});
+    }
+  } catch (const UserError& error) {
+    record.state = CellState::kFailed;
+    record.reason = error.what();
+  }
+}
+
+RecordOptions RecordingOf(const Plan& plan, const PlanCell& cell, const std::string& attempt,
+                          const std::string& final) {
+  RecordOptions options;
+  static_cast<RunSettings&>(options) = plan.settings;
+  options.folder = attempt;
+  options.config = attempt + "/" + kSeriesConfig;
+  options.savedConfig = final + "/" + kSeriesConfig;
+  options.force = true;  // it holds this run's configuration
+  options.label = CellLabel(cell);
+  return options;
+}
+
+void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
+                Signals& signals, const std::string& final, CellRecord& record) {
+  bool stopped = false;
+  record.reason = Apply(record.cell, options, signals, stopped);
+  if (record.reason.empty()) {
+    const RecordResult result = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
+    stopped = result.stopped;
+    record.reason = stopped ? "interrupted by a signal" : result.reason;
+    if (result.complete && !stopped) record.state = CellState::kDone;
+  }
+  if (stopped) record.state = CellState::kInterrupted;
+  record.ended = UtcNow();
+  AddFromRun(attempt, plan.settings.warmupS, record);
+}
+
+}  // namespace
+
+bool IsCellDone(const std::string& root, const Plan& plan, std::size_t number, bool warns) {
+  const CellStatus status = StatusOf(root, plan, number);
+  const std::string folder = root + "/" + status.folder;
+  std::string damage = status.state == CellState::kDamaged ? folder + ": " + status.reason : "";
+  try {
+    if (status.state == CellState::kDone && ReadRunInfo(folder).complete) return true;
+  } catch (const DamagedFolder& error) {
+    damage = error.what();
+  }
+  if (warns && !damage.empty())
+    std::cerr << "stress_scope: " << Printable(damage) << "; the run is recorded again" << std::endl;
+  return false;
+}
+
+CellOutcome RunCell(const Plan& plan, std::size_t number, const CellOptions& options, View& view,
+                    Signals& signals) {
+  const PlanCell& cell = plan.cells[number - 1];
+  RequireThisBoard(cell, number, options);
+  CellFolders folders(options.root, cell.folder);
+  if (!options.planFile.empty()) folders.PutPlan(options.planFile);
+  // Not before the lock: another runner may have finished it a moment ago.
+  if (IsCellDone(options.root, plan, number, options.warns)) {
+    folders.RemoveAttemptsIfEmpty();
+    return {CellState::kDone, "", folders.Final(), false};
+  }
+  if (const std::optional<std::string> done = folders.Done(plan.id)) {
+    folders.Publish(*done);
+    return {CellState::kDone, "", folders.Final(), false};
+  }
+  const std::string attempt = folders.NewAttempt();
+  try {
+    CheckRecord(plan.settings);
+    WriteConfiguration(plan, cell, options.model, attempt + "/" + kSeriesConfig);
+  } catch (...) {
+    folders.Discard(attempt);
+    throw;
+  }
+  CellRecord record;
+  record.plan = plan.id;
+  record.number = number;
+  record.cell = cell;
+  record.board = options.board;
+  record.started = UtcNow();
+  RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
+  folders.Finish(attempt, record);
+  if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true};
+  folders.Publish(attempt);
+  return {CellState::kDone, "", folders.Final(), true};
+}
+
+}  // namespace scope

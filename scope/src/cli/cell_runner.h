@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "live_figures.h"
+#include "plan.h"
+#include "signals.h"
+
+namespace scope {
+
+/// How a cell of a plan is run here. The programs are those of Plan::settings.
+struct CellOptions {
+  std::string root;         ///< the folder of the cells
+  std::string board;        ///< the name of this board; may be empty
+  std::string model;        ///< in place of the model that the plan names; empty: that one
+  std::string apply;        ///< shell command that makes the cell's settings of the board
+  std::string planFile;     ///< the plan's file, which `root` gets a copy of; empty: none
+  bool showsApply = false;  ///< the output of `apply` goes to standard error
+  bool warns = true;        ///< of a cell that has to be recorded again because it is damaged
+};
+
+struct CellOutcome {
+  CellState state = CellState::kFailed;  ///< kDone, kFailed or kInterrupted
+  std::string reason;                    ///< why it is not done
+  std::string folder;                    ///< of the run
+  bool isNew = true;                     ///< false: the cell was done before, and nothing was recorded
+};
+
+/// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.
+bool IsCellDone(const std::string& root, const Plan& plan, std::size_t number, bool warns);
+
+/// Runs cell `number`, from 1, unless it is done. Its folder appears in one step, when everything in it is on
+/// the disk. An attempt that fails or is interrupted is kept beside it. Throws UserError for a cell that
+/// another runner has, that is for another board, or that lacks something on this machine, before anything
+/// runs; and if the result cannot be saved.
+CellOutcome RunCell(const Plan& plan, std::size_t number, const CellOptions& options, View& view,
+                    Signals& signals);
+
+}  // namespace scope

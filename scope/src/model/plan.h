@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sweep.h"
+
+/// Runs that are planned in one place and recorded in others, as plain data.
+namespace scope {
+
+/// Settings of a board: name to value, such as "refresh" to "7800".
+using BoardSettings = std::vector<std::pair<std::string, std::string>>;
+
+/// One run of a plan.
+struct PlanCell {
+  std::string folder;  ///< of the finished run, within the folder of the cells
+  std::string board;   ///< on which it has to run; empty: on any
+  SweepLevels levels;
+  BoardSettings settings;
+  int repeat = 1;  ///< from 1
+};
+
+struct Plan {
+  /// Of the plan's file; tells plans apart. Empty for the plan of a sweep, which is part of sweep.json.
+  std::string id;
+  std::string made;        ///< UTC, ISO 8601
+  std::string configPath;  ///< the user's file
+  std::string configText;  ///< what the benchmark reads of it, with absolute paths to models
+  /// How each cell is recorded. Of a plan's file, it names no program and no folder of a machine.
+  SweepSettings settings;
+  std::vector<PlanCell> cells;  ///< in the order of recording; the first one is cell 1
+};
+
+enum class CellState {
+  kMissing,      ///< nobody has begun it
+  kUnfinished,   ///< begun: it is being recorded, or its recorder was killed
+  kInterrupted,  ///< a signal to the recorder ended it
+  kFailed,       ///< recorded, but not complete
+  kDamaged,      ///< its folder is there, but cannot be used
+  kDone
+};
+
+/// The value of a run for a figure after the warm-up.
+struct CellFigure {
+  std::string engine;  ///< its id, or "total"
+  std::string figure;  ///< FigureKind::name
+  double value = 0;    ///< in FigureKind::unit
+};
+
+/// cell.json: how one attempt to record a cell ended.
+struct CellRecord {
+  std::string plan;        ///< Plan::id
+  std::size_t number = 0;  ///< of the cell, from 1
+  PlanCell cell;           ///< as planned
+  std::string board;       ///< on which it ran; empty if nobody said
+  std::string machine;     ///< Conditions::hostnameHash
+  std::string started;     ///< UTC, ISO 8601; so is the next one
+  std::string ended;
+  CellState state = CellState::kFailed;  ///< kDone, kFailed or kInterrupted
+  std::string reason;                    ///< why it is not done; empty otherwise
+  std::vector<CellFigure> figures;       ///< of a run that is done
+};
+
+/// What is in the folder of the cells for one cell.
+struct CellStatus {
+  CellState state = CellState::kMissing;
+  std::string reason;  ///< why it is not done; may be empty
+  std::string folder;  ///< of the run or of the last attempt, within that of the cells; empty if missing
+  std::string board;   ///< on which it ran, or empty
+};
+
+}  // namespace scope
