@@ -209,6 +209,15 @@ TEST_F(ProgramTest, AFullDiskEndsTheRunAndKeepsWhatWasRecorded) {
   EXPECT_THAT(info.incompleteReason, HasSubstr("No space left"));
 }
 
+TEST_F(ProgramTest, MetricsThatCannotBeWrittenAreToldAndTheRunIsWhole) {
+  const ToolResult result =
+      RecordScript("mkdir -p \"$0.prom.new/full\"", {"--metrics", folder_ / "benchmark.prom"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("cannot write " + (folder_ / "benchmark.prom.new")),
+                                   HasSubstr("; the run went on\n")));
+  EXPECT_TRUE(scope::ReadRunInfo(folder_ / "run").complete);
+}
+
 TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   const std::string run = folder_ / "run";
   const auto refused = [&run](std::vector<std::string> arguments, const std::string& words) {
@@ -225,6 +234,13 @@ TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   refused({"record", Config(), "-o", run, "--benchmark", folder_ / "none"}, "cannot run the benchmark");
   refused({"record", Config(), "-o", run, "--meter", folder_ / "none.so"}, "cannot read the meter");
   refused({"record", Config(), "-o", "/proc/none/run"}, "cannot make the folder /proc/none/run");
+  refused({"record", Config(), "-o", run, "--metrics", Config()},
+          "is the configuration: name a file of its own");
+  refused({"record", Config(), "-o", run, "--trace", "/dev/null"}, "/dev/null is no regular file");
+  refused({"record", Config(), "-o", run, "--trace", folder_ / "a", "--metrics", folder_ / "a"},
+          "--metrics and --trace name the same file");
+  refused({"record", Config(), "-o", run, "--metrics", folder_ / "none/a.prom"},
+          "cannot write " + (folder_ / "none/a.prom"));
   refused({"rates", folder_ / "none.txt", "-o", run}, "none.txt: No such file");
   refused({"rates", folder_.Put("empty.txt", ""), "-o", run}, "empty.txt has no rate line");
 }

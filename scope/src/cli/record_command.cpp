@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <filesystem>
 #include <memory>
+#include <string>
+#include <system_error>
 
 #include "commands.h"
 #include "durable_file.h"
@@ -12,6 +15,18 @@
 
 namespace scope {
 namespace {
+
+// What is exported replaces a file.
+void RequireOwnFile(const std::string& file, const std::string& config) {
+  std::error_code error;
+  if (file.empty() || !std::filesystem::exists(file, error)) return;
+  if (!std::filesystem::is_regular_file(file, error) || std::filesystem::equivalent(file, config, error)) {
+    throw UserError(
+        file + " is " +
+        (std::filesystem::is_regular_file(file, error) ? "the configuration" : "no regular file") +
+        ": name a file of its own");
+  }
+}
 
 int RunRecord(const RecordOptions& options, Output output) {
   const auto view = output != Output::kText ? std::make_unique<View>()
@@ -29,7 +44,7 @@ int RunRecord(const RecordOptions& options, Output output) {
   if (output == Output::kText) {
     Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
   }
-  return result.complete ? kExitOk : kExitFailure;
+  return result.complete && result.exported ? kExitOk : kExitFailure;
 }
 
 }  // namespace
@@ -89,6 +104,12 @@ void AddRecord(CLI::App& app, int& status) {
   command->add_option("--run-time", options->runTimeS, "Run time to expect, instead of the one in CONFIG")
       ->type_name("SECONDS")
       ->check(WholeNumberFrom(0, static_cast<std::uint64_t>(kMostSeconds)));
+  command
+      ->add_option("--metrics", options->exports.metrics,
+                   "Keep the figures of the last second in FILE, for Prometheus' node exporter")
+      ->type_name("FILE");
+  command->add_option("--trace", options->exports.trace, "Write a trace of the run for Perfetto")
+      ->type_name("FILE");
   AddRunSettings(*command, *options, nullptr);
   AddOutput(*command, *output);
   command->footer(
@@ -96,6 +117,13 @@ void AddRecord(CLI::App& app, int& status) {
       "  stress_scope record config/all.yaml -o before --label \"tRFC 350\"\n"
       "  stress_scope record config/cpu.yaml --stop-after 15 --json");
   command->callback([options, output, &status] {
+    for (const std::string& file : {options->exports.metrics, options->exports.trace}) {
+      RequireOwnFile(file, options->config);
+    }
+    if (!options->exports.trace.empty() && options->exports.trace == options->exports.metrics) {
+      throw UserError("--metrics and --trace name the same file, " + options->exports.trace +
+                      ": name one for each");
+    }
     if (options->folder.empty()) options->folder = TimedFolder("run-");
     status = RunRecord(*options, *output);
   });

@@ -13,6 +13,9 @@
 
 namespace scope {
 
+/// A second that is not longer than this, at the end of a run, has too few operations to show a rate.
+constexpr double kShownSecondS = 0.5;
+
 /// What the meter reported for one second.
 struct MeterSecond {
   int second = 0;

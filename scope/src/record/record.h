@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "live_export.h"
 #include "live_figures.h"
 #include "run.h"
 #include "signals.h"
@@ -17,12 +18,14 @@ struct RecordOptions : RunSettings {
   bool force = false;         ///< replace an existing run in the folder
   std::string label;          ///< the user's text, saved with the run
   unsigned int runTimeS = 0;  ///< 0: as the configuration says
+  ExportFiles exports;        ///< for other programs, while the benchmark runs
 };
 
 struct RecordResult {
   bool complete = false;
   bool stopped = false;  ///< a signal to this program ended the run early
   std::string reason;    ///< why it failed, as printed on standard error; empty if it did not
+  bool exported = true;  ///< false: an export file could not be written to the end. The run is whole
 };
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. A signal from `signals`

@@ -57,22 +57,31 @@ void OutputFile::Close() {
   // EINVAL: this file system has no fsync.
   const bool saved = fsync(fileno(file_)) == 0 || errno == EINVAL;
   const int error = errno;
+  CloseUnsynced();
+  if (!saved) Fail(error);
+}
+
+void OutputFile::CloseUnsynced() {
   std::FILE* const file = std::exchange(file_, nullptr);
   errno = 0;
-  if (std::fclose(file) != 0 || !saved) Fail(saved ? errno : error);
+  if (std::fclose(file) != 0) Fail(errno);
 }
 
 void OutputFile::Fail(int error) const {
   throw UserError("cannot write " + path_ + ": " + std::strerror(error));
 }
 
-void ReplaceFile(const std::string& path, const std::string& text) {
+void ReplaceFile(const std::string& path, const std::string& text, Durability durability) {
   const std::string next = path + ".new";
   (void)std::remove(next.c_str());  // of a program that was killed here
   try {
     OutputFile file(next, OutputFile::Existing::kRefuse);
     file.Write(text);
-    file.Close();
+    if (durability == Durability::kDisk) {
+      file.Close();
+    } else {
+      file.CloseUnsynced();
+    }
     if (std::rename(next.c_str(), path.c_str()) != 0) {
       throw UserError("cannot write " + path + ": " + std::strerror(errno));
     }

@@ -21,6 +21,8 @@ class OutputFile {
   void Write(const std::string& text);
   /// On return, all data is on the disk.
   void Close();
+  /// The same, without waiting for the disk.
+  void CloseUnsynced();
 
  private:
   [[noreturn]] void Fail(int error) const;
@@ -29,9 +31,12 @@ class OutputFile {
   std::FILE* file_;
 };
 
+/// kDisk: the data is on the disk when a function returns. kNone: a power cut may lose it.
+enum class Durability { kDisk, kNone };
+
 /// Replaces the file's content with `text`, completely or not at all. If the disk is full, the old file
 /// stays. Writes to `path`.new first, and follows no link there. Throws UserError.
-void ReplaceFile(const std::string& path, const std::string& text);
+void ReplaceFile(const std::string& path, const std::string& text, Durability durability = Durability::kDisk);
 
 /// On return, the content of each file in the folder is on the disk. Throws UserError.
 void SyncFiles(const std::string& folder);

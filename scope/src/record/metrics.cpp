@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "metrics.h"
+
+#include <charconv>
+#include <functional>
+#include <optional>
+
+#include "figures.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+constexpr double kNsPerS = 1e9;
+
+std::string Number(double value) {
+  char digits[32];
+  return {digits, std::to_chars(digits, digits + sizeof digits, value).ptr};
+}
+
+std::string LabelValue(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char character : text) {
+    if (character == '\\' || character == '"') quoted += '\\';
+    if (character == '\n') {
+      quoted += "\\n";
+    } else {
+      quoted += character;
+    }
+  }
+  return quoted + '"';
+}
+
+/// Counters of one source that have a family of their own. `scale` makes base units.
+struct Family {
+  const char* source;
+  const char* name;
+  const char* type;
+  const char* help;
+  const char* label;
+  double scale;
+};
+constexpr Family kFamilies[] = {
+    {"thermal", "stress_temperature_celsius", "gauge", "Temperature of a thermal zone.", "zone", 1},
+    {"cpufreq", "stress_cpu_frequency_hertz", "gauge", "Frequency of a CPU.", "cpu", 1e6},
+    {"devfreq", "stress_memory_frequency_hertz", "gauge", "Frequency of a memory controller.", "device", 1},
+    {"edac", "stress_memory_errors_total", "counter", "Memory errors that a controller has counted.",
+     "counter", 1},
+    {"throttle", "stress_cpu_throttle_events_total", "counter", "How often a CPU was throttled.", "cpu", 1},
+    {"resctrl", "stress_memory_bandwidth_bytes_per_second", "gauge", "Memory traffic of a domain.", "domain",
+     1},
+    {"load", "stress_machine_cpus", "gauge", "CPUs that others use (others) or that were taken away (steal).",
+     "use", 1},
+    {"pressure", "stress_machine_pressure_ratio", "gauge",
+     "Share of the last second in which some process waited.", "resource", 1e-2},
+};
+
+bool HasFamily(const std::string& source) {
+  for (const Family& family : kFamilies) {
+    if (source == family.source) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+/// The text under construction.
+class MetricsPage {
+ public:
+  void Family(const std::string& name, const char* type, const char* help) {
+    name_ = name;
+    head_ = "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+  }
+
+  /// `labels`: "engine=\"cpu\"", or nothing. A family without values is left out.
+  void Value(const std::string& labels, double value) {
+    text_ += head_ + name_ + (labels.empty() ? labels : "{" + labels + "}") + " " + Number(value) + "\n";
+    head_.clear();
+  }
+
+  const std::string& Text() const { return text_; }
+
+ private:
+  std::string name_;
+  std::string head_;
+  std::string text_;
+};
+
+Metrics::Metrics(double startedS, std::string label) : startedS_(startedS), label_(std::move(label)) {}
+
+void Metrics::Add(const MeterSecond& second) {
+  const double spanS = second.timeS - timeS_;
+  const bool whole = spanS > kShownSecondS;
+  for (auto& [name, engine] : engines_) {
+    if (whole) engine.last = {};
+  }
+  for (const EngineSample& row : second.engines) {
+    Engine& engine = engines_[row.engine];
+    if (whole) {
+      engine.last = row;
+      SetRates(engine.last, spanS);
+    }
+    engine.total.operations += row.operations;
+    engine.total.failures += row.failures;
+    engine.total.busyNs += row.busyNs;
+    if (row.bytes) engine.total.bytes = engine.total.bytes.value_or(0) + *row.bytes;
+  }
+  timeS_ = second.timeS;
+}
+
+void Metrics::Add(const std::vector<CounterValue>& values) {
+  for (const CounterValue& value : values) counters_[{value.source, value.name}] = value;
+}
+
+std::string Metrics::Text(bool running) const {
+  MetricsPage page;
+  page.Family("stress_run_info", "gauge", "The run that these figures are of.");
+  page.Value("label=" + LabelValue(label_) + ",tool=" + LabelValue(kToolVersion), 1);
+  page.Family("stress_run_start_time_seconds", "gauge", "Start of the run since 1970.");
+  page.Value("", startedS_);
+  page.Family("stress_run_running", "gauge", "1 while the benchmark runs, 0 after its end.");
+  page.Value("", running ? 1 : 0);
+  page.Family("stress_run_elapsed_seconds", "gauge", "Time from the start of the run to its last second.");
+  page.Value("", timeS_);
+  AddEngines(page);
+  AddCounters(page);
+  return page.Text();
+}
+
+void Metrics::AddEngines(MetricsPage& page) const {
+  const auto each = [&](const char* name, const char* type, const char* help,
+                        const std::function<std::optional<double>(const Engine&)>& figure) {
+    page.Family(name, type, help);
+    for (const auto& [id, engine] : engines_) {
+      if (const std::optional<double> value = figure(engine)) page.Value("engine=" + LabelValue(id), *value);
+    }
+  };
+  each("stress_engine_operations_total", "counter", "Operations that succeeded.",
+       [](const Engine& engine) { return static_cast<double>(engine.total.operations); });
+  each("stress_engine_failed_operations_total", "counter", "Operations that failed.",
+       [](const Engine& engine) { return static_cast<double>(engine.total.failures); });
+  each("stress_engine_busy_seconds_total", "counter", "Time in operations, of all threads.",
+       [](const Engine& engine) { return static_cast<double>(engine.total.busyNs) / kNsPerS; });
+  each("stress_engine_bytes_total", "counter", "Bytes that operations read and wrote.",
+       [](const Engine& engine) -> std::optional<double> {
+         if (!engine.total.bytes) return {};
+         return static_cast<double>(*engine.total.bytes);
+       });
+  each("stress_engine_operations_per_second", "gauge", "Operations in the last second.",
+       [](const Engine& engine) { return engine.last.operationsPerS; });
+  each("stress_engine_bandwidth_bytes_per_second", "gauge",
+       "Bytes that were read and written in the last second.",
+       [](const Engine& engine) -> std::optional<double> {
+         if (!engine.last.gigabytesPerS) return {};
+         return *engine.last.gigabytesPerS * kBytesPerGigabyte;
+       });
+  each("stress_engine_threads", "gauge", "Worker threads that completed an operation in the last second.",
+       [](const Engine& engine) { return engine.last.threads; });
+  const auto latency = [&](const char* name, const char* help, std::uint64_t Work::* field) {
+    each(name, "gauge", help, [field](const Engine& engine) -> std::optional<double> {
+      if (engine.last.operations == 0) return {};
+      return static_cast<double>(engine.last.*field) / kNsPerS;
+    });
+  };
+  latency("stress_engine_latency_median_seconds", "Median latency of the last second's operations.",
+          &Work::p50Ns);
+  latency("stress_engine_latency_p99_seconds", "99th percentile of the last second's latencies.",
+          &Work::p99Ns);
+  latency("stress_engine_latency_max_seconds", "Longest operation of the last second.", &Work::maxNs);
+}
+
+void Metrics::AddCounters(MetricsPage& page) const {
+  for (const Family& family : kFamilies) {
+    page.Family(family.name, family.type, family.help);
+    for (const auto& [key, counter] : counters_) {
+      if (key.first != family.source) continue;
+      page.Value(std::string(family.label) + "=" + LabelValue(key.second), counter.value * family.scale);
+    }
+  }
+  page.Family("stress_machine_counter", "gauge", "Another counter of the machine, in the unit that it has.");
+  for (const auto& [key, counter] : counters_) {
+    if (HasFamily(key.first)) continue;
+    page.Value("source=" + LabelValue(key.first) + ",name=" + LabelValue(key.second) +
+                   ",unit=" + LabelValue(counter.unit),
+               counter.value);
+  }
+}
+
+}  // namespace scope

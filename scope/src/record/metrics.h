@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "meter_reader.h"
+#include "run.h"
+
+namespace scope {
+
+class MetricsPage;
+
+/// The figures of a running benchmark as metrics, in the text format that Prometheus' node exporter reads
+/// from files. Units are base units: seconds, bytes, hertz, degrees Celsius.
+class Metrics {
+ public:
+  /// `startedS`: seconds since 1970 at the benchmark's start. `label`: the user's text for the run.
+  Metrics(double startedS, std::string label);
+
+  void Add(const MeterSecond& second);
+  /// Keeps the last value of each counter.
+  void Add(const std::vector<CounterValue>& values);
+
+  /// Everything that was added so far. `running`: false after the benchmark's end.
+  std::string Text(bool running) const;
+
+ private:
+  struct Engine {
+    Work total;
+    EngineSample last;
+  };
+
+  void AddEngines(MetricsPage& page) const;
+  void AddCounters(MetricsPage& page) const;
+
+  double startedS_;
+  std::string label_;
+  double timeS_ = 0;
+  std::map<std::string, Engine> engines_;
+  std::map<std::pair<std::string, std::string>, CounterValue> counters_;  ///< by source and name
+};
+
+}  // namespace scope

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "durable_file.h"
+#include "meter_reader.h"
+#include "run.h"
+
+namespace scope {
+
+/// A run as a trace: a file in the JSON array form of the trace event format, which trace viewers open. Each
+/// worker thread is a track with a slice for each second. Rates, latencies and the machine's counters are
+/// counter tracks. Times are in microseconds from the benchmark's start. Failures to write are UserErrors.
+class TraceFile {
+ public:
+  /// Replaces an existing file.
+  explicit TraceFile(const std::string& path);
+
+  void Add(const MeterSecond& second);
+  void Add(const std::vector<CounterValue>& values);
+  /// Ends the file. A viewer opens one without its end, too.
+  void Close();
+
+ private:
+  void NameThread(const Sample& sample);
+  void Count(int process, double timeS, const std::string& name, double value);
+  void Event(const std::string& json);
+
+  OutputFile file_;
+  std::string events_ = "[\n";  ///< not yet written
+  std::set<std::pair<std::string, int>> threads_;
+  double timeS_ = 0;
+  bool first_ = true;
+};
+
+}  // namespace scope
