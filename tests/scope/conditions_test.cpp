@@ -106,6 +106,16 @@ TEST(LibraryVersions, AreThoseThatMatterAndThePlatformsNeighbours) {
   EXPECT_THAT(scope::LibraryVersions(folder / "none", ""), IsEmpty());
 }
 
+TEST(LibraryVersions, LeaveOutTheSystemsWhereThePlatformIsAmongThem) {
+  const TemporaryFolder folder;
+  const std::string maps = folder.Put("maps",
+                                      "7f00-7f01 r-xp 00000000 08:01 1   /usr/lib/libormis.so.1.0.0\n"
+                                      "7f00-7f01 r-xp 00000000 08:01 1   /usr/lib/libgsm.so.1.0\n"
+                                      "7f00-7f01 r-xp 00000000 08:01 1   /usr/lib/libc.so.6\n");
+  EXPECT_THAT(scope::LibraryVersions(maps, "/usr/lib/libormis.so.1"),
+              ElementsAre(Pair("libc", "6"), Pair("libormis", "1.0.0")));
+}
+
 TEST(ReadConfiguration, HasTheLevelsAndTheRunTimeThatTheBenchmarkMakesOfIt) {
   const TemporaryFolder folder;
   unsigned int runTimeS = 0;

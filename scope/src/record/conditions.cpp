@@ -129,6 +129,8 @@ std::vector<std::pair<std::string, std::string>> LibraryVersions(const std::stri
                                                 "libyaml",    "libdlt"};
   const std::string platformFolder = platformPath.substr(0, platformPath.rfind('/') + 1);
   std::map<std::string, std::string> versions;
+  std::map<std::string, std::string> neighbours;
+  bool withSystem = false;  // a platform among the system's libraries: its neighbours are all of these
   std::ifstream maps(mapsPath);
   for (std::string line; std::getline(maps, line);) {
     const std::size_t path = line.find('/');
@@ -137,12 +139,14 @@ std::vector<std::pair<std::string, std::string>> LibraryVersions(const std::stri
     const std::size_t suffix = line.find(".so", name);
     if (suffix == std::string::npos) continue;
     const std::string stem = line.substr(name, suffix - name);
-    const std::string folder = line.substr(path, name - path);
-    const bool ofPlatform = !platformFolder.empty() && folder == platformFolder && stem != "libstress_scope";
-    if (kMatter.count(stem) == 0 && !ofPlatform) continue;
+    const bool ofPlatform = !platformFolder.empty() && line.substr(path, name - path) == platformFolder;
+    withSystem = withSystem || (ofPlatform && stem == "libc");
+    if (stem == "libstress_scope" || (kMatter.count(stem) == 0 && !ofPlatform)) continue;
     const std::size_t number = suffix + std::strlen(".so.");
-    versions[stem] = number < line.size() ? line.substr(number) : line.substr(name);
+    auto& found = kMatter.count(stem) != 0 ? versions : neighbours;
+    found[stem] = number < line.size() ? line.substr(number) : line.substr(name);
   }
+  if (!withSystem) versions.merge(neighbours);
   return {versions.begin(), versions.end()};
 }
 

@@ -14,8 +14,9 @@ namespace scope {
 Conditions ReadConditions(const std::string& root);
 
 /// Versions of the libraries that matter to a run and that the process has mapped: the platform library,
-/// those in its folder, the C and C++ libraries and the engines. The version is what follows ".so." in the
-/// file's name, or the whole name if nothing follows. Sorted by name. Empty if the process has ended.
+/// those in its folder (unless the C library is there, too), the C and C++ libraries and the engines. The
+/// version is what follows ".so." in the file's name, or the whole name if nothing follows. Sorted by name.
+/// Empty if the process has ended.
 std::vector<std::pair<std::string, std::string>> LibraryVersions(const std::string& mapsPath,
                                                                  const std::string& platformPath);
 

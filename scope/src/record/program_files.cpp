@@ -37,8 +37,10 @@ std::string FindBenchmark(const std::string& given) {
 std::string FindMeter(const std::string& given) {
   std::vector<std::string> candidates = {given};
   if (given.empty()) {
+    // The last is where a package of a distribution has what is no library to link with.
     candidates = {OwnFolder() + "/../lib/libstress_scope.so",
-                  OwnFolder() + "/../" STRESS_SCOPE_LIBDIR "/libstress_scope.so"};
+                  OwnFolder() + "/../" STRESS_SCOPE_LIBDIR "/libstress_scope.so",
+                  OwnFolder() + "/../lib/stress-benchmark/libstress_scope.so"};
   }
   for (const std::string& candidate : candidates) {
     if (access(candidate.c_str(), R_OK) != 0) continue;
