@@ -48,8 +48,10 @@ withMounts() {
     mount -t proc proc "$1/proc" && mount --rbind /sys "$1/sys" && mount --rbind /dev "$1/dev" && exec "${@:2}"' \
     bash "$root" "$@" &
   inside=$!
-  wait "$inside"
+  local status=0
+  wait "$inside" || status=$?
   inside=
+  return "$status"
 }
 
 # inRoot FOLDER COMMAND...: runs it in this folder of the root.

@@ -5,7 +5,7 @@
 _platform_conformance() {
   COMPREPLY=()
   [[ $2 == -* ]] || return 0
-  mapfile -t COMPREPLY < <(compgen -W "$("$1" --help 2>/dev/null | grep -oE -- '--[a-z][a-z-]+')" -- "$2")
+  mapfile -t COMPREPLY < <(compgen -W "$("$1" --help 2>/dev/null | grep -oE -- '--[a-z][a-z-]+' | sort -u)" -- "$2")
 }
 
 complete -o default -F _platform_conformance platform_conformance

@@ -5,7 +5,7 @@
 _make_network() {
   COMPREPLY=()
   [[ $2 == -* ]] || return 0
-  mapfile -t COMPREPLY < <(compgen -W "$("$1" --help 2>/dev/null | grep -oE -- '--[a-z][a-z-]+')" -- "$2")
+  mapfile -t COMPREPLY < <(compgen -W "$("$1" --help 2>/dev/null | grep -oE -- '--[a-z][a-z-]+' | sort -u)" -- "$2")
 }
 
 complete -o default -F _make_network make_network
