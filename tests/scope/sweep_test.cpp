@@ -419,6 +419,30 @@ TEST_F(SweepTest, ARunThatFailsIsReportedAndTheOthersAreRecorded) {
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.output, HasSubstr("note: run-0002 (CPU=3) failed: the benchmark ended with status 9"));
   EXPECT_THAT(States(), ElementsAre(SweepState::kDone, SweepState::kFailed, SweepState::kDone));
+  EXPECT_FALSE(std::filesystem::exists(Folder() + "/run-0002"));
+  EXPECT_TRUE(IsRunFolder(Folder() + "/attempts/run-0002/1"));
+  (void)Script("echo 'cpuStress : 5.000000 fps. kivuVencStress : 1.000000 fps. ispStress : 30.0 fps.'");
+  EXPECT_EQ(RunTool({"sweep", "--resume", Folder()}).status, 0);
+  EXPECT_TRUE(IsRunFolder(Folder() + "/run-0002"));
+  EXPECT_TRUE(IsRunFolder(Folder() + "/attempts/run-0002/1")) << "what was measured is kept";
+}
+
+TEST_F(SweepTest, ARunThatIsDoneIsNotRecordedAgainAlthoughSweepJsonDoesNotKnow) {
+  ASSERT_EQ(RunTool(SweepOf(Counting(), {"--levels", "CPU=1,2"})).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(Folder() + "/attempts"));
+  Sweep sweep = ReadSweep(Folder());
+  sweep.runs[0].state = SweepState::kPlanned;  // the recorder was killed before it wrote sweep.json
+  WriteSweep(Folder(), sweep);
+  EXPECT_THAT(RunTool({"sweep", "--resume", Folder()}).output, HasSubstr("0 of 2 runs to record"));
+  // Earlier versions had no cell.json, and an interrupted run in the place of a finished one.
+  for (const SweepRun& run : sweep.runs) std::filesystem::remove(Folder() + "/" + run.folder + "/cell.json");
+  sweep.runs[0].state = SweepState::kInterrupted;
+  WriteSweep(Folder(), sweep);
+  const ToolResult resumed = RunTool({"sweep", "--resume", Folder()});
+  EXPECT_EQ(resumed.status, 0) << resumed.errors;
+  EXPECT_THAT(resumed.output, HasSubstr("1 of 2 runs to record"));
+  EXPECT_THAT(States(), ElementsAre(SweepState::kDone, SweepState::kDone));
+  EXPECT_TRUE(IsRunFolder(Folder() + "/attempts/run-0001/2")) << "what was there is kept";
 }
 
 TEST_F(SweepTest, TwoPointsAreComparedAtTheEnd) {

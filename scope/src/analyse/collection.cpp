@@ -27,13 +27,6 @@ CellStatus FinalStatus(const std::string& root, const Plan& plan, std::size_t nu
   try {
     const std::optional<CellRecord> record = ReadCell(folder);
     if (!record && !IsRunFolder(folder)) return {};
-    if (!record && plan.id.empty()) {
-      // Sweeps of earlier versions have no cell.json.
-      const RunInfo info = ReadRunInfo(folder);
-      status.state = info.complete ? CellState::kDone : CellState::kFailed;
-      status.reason = info.incompleteReason;
-      return status;
-    }
     if (!record) {
       status.reason = "cell.json is missing";
       return status;

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <random>
 
+#include "cell_folder.h"
+#include "cell_plan.h"
+#include "cell_runner.h"
 #include "commands.h"
 #include "configuration.h"
 #include "durable_file.h"
@@ -17,14 +23,12 @@
 #include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
+#include "system_files.h"
 #include "tell.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
-
-// Estimated time between two runs.
-constexpr double kBetweenS = 2;
 
 struct SweepOptions {
   std::string config;
@@ -35,15 +39,6 @@ struct SweepOptions {
   Output output = Output::kText;
   TextStyle style;
 };
-
-RecordOptions RecordOf(const Sweep& sweep, const std::string& folder) {
-  RecordOptions options;
-  static_cast<RunSettings&>(options) = sweep.settings;
-  options.folder = folder;
-  options.config = folder + "/" + kSeriesConfig;
-  options.force = true;  // the folder belongs to the sweep: it holds this run's configuration or remains
-  return options;
-}
 
 Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   if (options.levels.empty()) throw UserError("nothing to sweep: give --levels, as in --levels CPU=0..4");
@@ -56,7 +51,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS);
-  CheckRecord(RecordOf(sweep, options.folder));
+  CheckRecord(sweep.settings);
 
   if (IsSweepFolder(options.folder)) {
     throw UserError(options.folder + " contains a sweep: continue it with --resume " + options.folder +
@@ -72,6 +67,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
 Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   RequireNoLink(folder + "/" + kSweepName);
   RequireNoLink(folder + "/" + kSeriesConfig);
+  RequireNoLink(folder + "/" + kAttemptsName);
   if (IsSweepFolder(folder)) lock = std::make_unique<FolderLock>(folder);
   Sweep sweep = ReadSweep(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
@@ -82,50 +78,56 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
-// The runs to record, in order. A run whose folder is missing or incomplete is recorded again.
-std::vector<SweepRun*> RunsToRecord(const std::string& folder, Sweep& sweep) {
+// The runs to record, in order. A run whose folder is missing or incomplete is recorded again. One that is
+// done may be unknown to sweep.json, if the recorder was killed between the two.
+std::vector<SweepRun*> RunsToRecord(const std::string& folder, const Plan& plan, Sweep& sweep) {
   std::vector<SweepRun*> toRecord;
   for (SweepRun& run : sweep.runs) {
-    if (run.state == SweepState::kDone && !IsRecorded(folder + "/" + run.folder)) {
-      run.state = SweepState::kPlanned;
+    // Sweeps of earlier versions have no cell.json: then sweep.json alone tells the states of runs.
+    const bool isDone = run.state == SweepState::kDone
+                            ? IsRecorded(folder + "/" + run.folder)
+                            : IsCellDone(folder, plan, static_cast<std::size_t>(run.order), false);
+    if (isDone) {
+      run.state = SweepState::kDone;
+    } else {
+      if (run.state == SweepState::kDone) run.state = SweepState::kPlanned;
+      toRecord.push_back(&run);
     }
-    if (run.state != SweepState::kDone) toRecord.push_back(&run);
   }
   std::sort(toRecord.begin(), toRecord.end(),
             [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
   return toRecord;
 }
 
-bool RecordOne(const std::string& folder, const Sweep& sweep, SweepRun& run, Output output,
+SweepState StateAfter(CellState state) {
+  if (state == CellState::kDone) return SweepState::kDone;
+  return state == CellState::kInterrupted ? SweepState::kInterrupted : SweepState::kFailed;
+}
+
+// False if a signal ended the run.
+bool RecordOne(const std::string& folder, const Plan& plan, Sweep& sweep, SweepRun& run, Output output,
                Signals& signals) {
-  RecordOptions options = RecordOf(sweep, folder + "/" + run.folder);
-  options.label = PointText(run.levels) + ", repeat " + std::to_string(run.repeat);
-  MakeFolder(options.folder);
-  ReplaceFile(options.config, PointConfiguration(folder + "/" + kSeriesConfig, run.levels));
   const bool text = output == Output::kText;
   const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+  CellOptions options;
+  options.root = folder;
+  options.warns = false;  // RunsToRecord did
   // No summary per run: the sweep prints its figures at its end.
-  const RecordResult result = Record(options, *view, signals);
-  if (text)
-    Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
-  run.reason.clear();
-  if (result.stopped) {
-    run.state = SweepState::kInterrupted;
-  } else if (!result.complete) {
-    run.state = SweepState::kFailed;
-    run.reason = result.reason;
-  } else {
-    run.state = SweepState::kDone;
-  }
+  const CellOutcome outcome = RunCell(plan, static_cast<std::size_t>(run.order), options, *view, signals);
+  const bool isDone = outcome.state == CellState::kDone;
+  if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
+  run.state = StateAfter(outcome.state);
+  run.reason = outcome.state == CellState::kFailed ? outcome.reason : "";
   WriteSweep(folder, sweep);
-  return !result.stopped;
+  return outcome.state != CellState::kInterrupted;
 }
 
 // True when all runs are done.
 bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
-  const std::vector<SweepRun*> toRecord = RunsToRecord(folder, sweep);
-  const double runS =
-      toRecord.empty() ? 0 : RunSeconds(folder + "/" + kSeriesConfig, sweep.settings) + kBetweenS;
+  const std::string config = folder + "/" + kSeriesConfig;
+  const Plan plan = PlanOfSweep(sweep, ReadFile(config).value_or(""));
+  const std::vector<SweepRun*> toRecord = RunsToRecord(folder, plan, sweep);
+  const double runS = toRecord.empty() ? 0 : RunSeconds(config, sweep.settings) + kBetweenRunsS;
   const bool text = output == Output::kText;
   if (text) {
     Print("sweep " + Printable(folder) + ": " + std::to_string(toRecord.size()) + " of " +
@@ -143,8 +145,10 @@ bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
             PointText(run.levels) + ", repeat " + std::to_string(run.repeat) +
             Format(leftS < 90 ? "; %.0f s left\n" : "; %.0f min left\n", leftS < 90 ? leftS : leftS / 60));
     }
-    interrupted = !RecordOne(folder, sweep, run, output, signals) || signals.TakeStop();
+    interrupted = !RecordOne(folder, plan, sweep, run, output, signals) || signals.TakeStop();
   }
+  // Goes if it is empty.
+  (void)rmdir((folder + "/" + kAttemptsName).c_str());
   if (interrupted) {
     Tell("interrupted; the finished runs are kept. Continue with: stress_scope sweep --resume " + folder);
   }

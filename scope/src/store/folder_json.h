@@ -16,23 +16,59 @@ constexpr int kMostJsonLevels = 64;
 /// second.
 constexpr std::size_t kMostJsonComparisons = 50'000'000;
 
+/// Throws DamagedFolder beyond one of these limits. Events of the library's parser, which builds nothing.
+class JsonLimits : public nlohmann::json_sax<nlohmann::ordered_json> {
+ public:
+  explicit JsonLimits(const std::string& path) : path_(path) {}
+
+  bool start_object(std::size_t /*elements*/) override { return Enter(); }
+  bool start_array(std::size_t /*elements*/) override { return Enter(); }
+  bool end_object() override { return Leave(); }
+  bool end_array() override { return Leave(); }
+  bool key(string_t& /*name*/) override {
+    comparisons_ += keys_.back()++;
+    if (comparisons_ > kMostJsonComparisons) throw DamagedFolder(path_ + ": too many keys in one object");
+    return true;
+  }
+  bool null() override { return true; }
+  bool boolean(bool /*value*/) override { return true; }
+  bool number_integer(number_integer_t /*value*/) override { return true; }
+  bool number_unsigned(number_unsigned_t /*value*/) override { return true; }
+  bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return true; }
+  bool string(string_t& /*value*/) override { return true; }
+  bool binary(binary_t& /*value*/) override { return true; }
+  // The parser that builds the value reports it.
+  bool parse_error(std::size_t /*at*/, const std::string& /*token*/,
+                   const nlohmann::detail::exception& /*error*/) override {
+    return false;
+  }
+
+ private:
+  bool Enter() {
+    if (keys_.size() >= static_cast<std::size_t>(kMostJsonLevels)) {
+      throw DamagedFolder(path_ + ": more than " + std::to_string(kMostJsonLevels) + " levels deep");
+    }
+    keys_.push_back(0);
+    return true;
+  }
+  bool Leave() {
+    keys_.pop_back();
+    return true;
+  }
+
+  const std::string& path_;
+  std::vector<std::size_t> keys_;  // of each object that is open
+  std::size_t comparisons_ = 0;
+};
+
 /// Parses `text`, the content of the file `path`. Throws DamagedFolder beyond one of these limits, and the
 /// library's exception if it is no JSON.
 inline nlohmann::ordered_json ParseFolderJson(const std::string& text, const std::string& path) {
-  using Json = nlohmann::ordered_json;
-  using Event = Json::parse_event_t;
-  std::vector<std::size_t> keys;  // of each object that is open
-  std::size_t comparisons = 0;
-  return Json::parse(text, [&](int depth, Event event, const Json&) {
-    if ((event == Event::object_start || event == Event::array_start) && depth >= kMostJsonLevels) {
-      throw DamagedFolder(path + ": more than " + std::to_string(kMostJsonLevels) + " levels deep");
-    }
-    if (event == Event::object_start) keys.push_back(0);
-    if (event == Event::object_end) keys.pop_back();
-    if (event == Event::key) comparisons += keys.back()++;
-    if (comparisons > kMostJsonComparisons) throw DamagedFolder(path + ": too many keys in one object");
-    return true;
-  });
+  // In a pass of its own: the library's parser with a callback looks through a whole list at the end of each
+  // of its objects.
+  JsonLimits limits(path);
+  (void)nlohmann::ordered_json::sax_parse(text, &limits);
+  return nlohmann::ordered_json::parse(text);
 }
 
 }  // namespace scope
