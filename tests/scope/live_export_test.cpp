@@ -13,10 +13,12 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::Pair;
 using testing::StartsWith;
 
 scope::MeterSecond Second(int number, double timeS, std::uint64_t operations) {
@@ -51,8 +53,10 @@ TEST(MetricsTest, AddsUpAndShowsTheLastSecondInBaseUnits) {
   scope::Metrics metrics(1'700'000'000.5, "tRFC \"350\"\n");
   metrics.Add(Second(1, 1, 500));
   metrics.Add(Second(2, 3, 1000));
-  metrics.Add({Counter("thermal", "zone0", "degC", 47.25), Counter("cpufreq", "cpu0", "MHz", 2500),
-               Counter("edac", "mc0/ue_count", "errors", 2), Counter("perf", "imc0/reads", "MiB/s", 12.5)});
+  metrics.Add(3.5,
+              {Counter("thermal", "zone0", "degC", 47.25), Counter("cpufreq", "cpu0", "MHz", 2500),
+               Counter("edac", "mc0/ue_count", "errors", 2), Counter("perf", "imc0/reads", "MiB/s", 12.5),
+               Counter("perf", "arm_cmn/read", "events/s", 7)});
   EXPECT_EQ(
       metrics.Text(true),
       "# HELP stress_run_info The run that these figures are of.\n"
@@ -65,9 +69,9 @@ TEST(MetricsTest, AddsUpAndShowsTheLastSecondInBaseUnits) {
       "# HELP stress_run_running 1 while the benchmark runs, 0 after its end.\n"
       "# TYPE stress_run_running gauge\n"
       "stress_run_running 1\n"
-      "# HELP stress_run_elapsed_seconds Time from the start of the run to its last second.\n"
+      "# HELP stress_run_elapsed_seconds Time from the start of the run to its last figures.\n"
       "# TYPE stress_run_elapsed_seconds gauge\n"
-      "stress_run_elapsed_seconds 3\n"
+      "stress_run_elapsed_seconds 3.5\n"
       "# HELP stress_engine_operations_total Operations that succeeded.\n"
       "# TYPE stress_engine_operations_total counter\n"
       "stress_engine_operations_total{engine=\"cpu\"} 1500\n"
@@ -107,9 +111,12 @@ TEST(MetricsTest, AddsUpAndShowsTheLastSecondInBaseUnits) {
       "# HELP stress_memory_errors_total Memory errors that a controller has counted.\n"
       "# TYPE stress_memory_errors_total counter\n"
       "stress_memory_errors_total{counter=\"mc0/ue_count\"} 2\n"
-      "# HELP stress_machine_counter Another counter of the machine, in the unit that it has.\n"
-      "# TYPE stress_machine_counter gauge\n"
-      "stress_machine_counter{source=\"perf\",name=\"imc0/reads\",unit=\"MiB/s\"} 12.5\n");
+      "# HELP stress_memory_traffic_bytes_per_second Memory traffic that a controller counts.\n"
+      "# TYPE stress_memory_traffic_bytes_per_second gauge\n"
+      "stress_memory_traffic_bytes_per_second{event=\"imc0/reads\"} 13107200\n"
+      "# HELP stress_machine_reading Another figure of the machine, in the unit that it has.\n"
+      "# TYPE stress_machine_reading gauge\n"
+      "stress_machine_reading{source=\"perf\",name=\"arm_cmn/read\",unit=\"events/s\"} 7\n");
 }
 
 TEST(MetricsTest, TheRestOfASecondIsCountedButIsNoRate) {
@@ -130,6 +137,11 @@ TEST(MetricsTest, UnknownBytesHaveNoValue) {
   EXPECT_THAT(metrics.Text(true), Not(HasSubstr("bytes")));
 }
 
+// Prometheus refuses a file for such a byte.
+TEST(MetricsTest, ALabelThatIsNoUtf8IsWritten) {
+  EXPECT_THAT(scope::Metrics(0, "gr\xfc\xdf").Text(true), HasSubstr("label=\"gr\\\\xfc\\\\xdf\""));
+}
+
 class LiveExportTest : public testing::Test {
  protected:
   scope::LiveExport Make() {
@@ -147,12 +159,14 @@ class LiveExportTest : public testing::Test {
 TEST_F(LiveExportTest, ATraceHasASliceForEachSecondOfAThreadAndCounters) {
   scope::LiveExport exports = Make();
   exports.Add(Second(1, 1, 500));
-  exports.Add({Counter("thermal", "zone0", "degC", 47.25)});
+  exports.Add(1.5, {Counter("thermal", "zone0", "degC", 47.25)});
+  exports.Add(2.5, {Counter("thermal", "zone0", "degC", 48.25)});
   exports.Add(Second(2, 2, 400));
   exports.End();
   std::set<std::string> names;
   std::vector<double> starts;
   std::vector<double> rates;
+  std::vector<std::pair<double, double>> temperatures;
   for (const nlohmann::json& event : Trace()) {
     const std::string phase = event.at("ph");
     ASSERT_TRUE(event.at("name").is_string() && event.at("pid").is_number_integer()) << event;
@@ -169,14 +183,17 @@ TEST_F(LiveExportTest, ATraceHasASliceForEachSecondOfAThreadAndCounters) {
       ASSERT_EQ(phase, "C") << event;
       for (const auto& [key, value] : event.at("args").items()) ASSERT_TRUE(value.is_number()) << event;
       names.insert(event["name"]);
+      if (event["pid"] == 2) temperatures.emplace_back(event["ts"], event["args"]["value"]);
       if (event["name"] == "cpu op/s") rates.push_back(event["args"]["value"]);
     }
   }
   EXPECT_THAT(starts, ElementsAre(0, 1e6));
   EXPECT_THAT(rates, ElementsAre(500, 400));
-  EXPECT_THAT(names,
-              ElementsAre("cpu GB/s", "cpu op/s", "cpu p50 us", "cpu p99 us", "process_name machine",
-                          "process_name stress_benchmark", "thermal zone0 degC", "thread_name CPU: memory copies 3"));
+  // Of the time before they were read.
+  EXPECT_THAT(temperatures, ElementsAre(Pair(0, 47.25), Pair(1.5e6, 48.25)));
+  EXPECT_THAT(names, ElementsAre("cpu GB/s", "cpu op/s", "cpu p50 us", "cpu p99 us", "process_name machine",
+                                 "process_name stress_benchmark", "thermal zone0 degC",
+                                 "thread_name CPU: memory copies 3"));
   EXPECT_THAT(faults_, IsEmpty());
 }
 
@@ -193,12 +210,30 @@ TEST_F(LiveExportTest, AFileThatCannotBeWrittenIsToldOnceAndTheOtherGoesOn) {
   scope::LiveExport exports = Make();
   std::filesystem::create_directory(folder_ / "stress.prom.new");
   std::filesystem::create_directory(folder_ / "stress.prom.new/full");
-  exports.Add(Second(1, 1, 500));
-  exports.Add(Second(2, 2, 500));
+  exports.Add(1.5, {});
+  exports.Add(2.5, {});
   exports.End();
   EXPECT_THAT(faults_, ElementsAre(HasSubstr("cannot write " + (folder_ / "stress.prom.new"))));
-  EXPECT_GT(Trace().size(), 3U);
+  EXPECT_EQ(Trace().size(), 2U);
   EXPECT_THAT(folder_.Get("stress.prom"), HasSubstr("stress_run_running 1\n")) << "the last whole file stays";
+}
+
+// Without the meter there are no seconds.
+TEST_F(LiveExportTest, CountersAloneAreWrittenAtOnce) {
+  scope::LiveExport exports = Make();
+  exports.Add(1.5, {Counter("thermal", "zone0", "degC", 47.25)});
+  EXPECT_THAT(folder_.Get("stress.prom"),
+              AllOf(HasSubstr("celsius{zone=\"zone0\"} 47.25\n"), HasSubstr("elapsed_seconds 1.5\n")));
+  EXPECT_EQ(nlohmann::json::parse(folder_.Get("run.trace") + "]").size(), 3U);
+}
+
+// A recording that cannot go on ends with an exception.
+TEST_F(LiveExportTest, TheEndIsSaidWhateverHappens) {
+  {
+    const scope::LiveExport exports = Make();
+  }
+  EXPECT_THAT(folder_.Get("stress.prom"), HasSubstr("stress_run_running 0\n"));
+  EXPECT_EQ(Trace().size(), 2U);
 }
 
 TEST_F(LiveExportTest, AFileThatCannotBeMadeIsRefused) {

@@ -218,6 +218,14 @@ TEST_F(ProgramTest, MetricsThatCannotBeWrittenAreToldAndTheRunIsWhole) {
   EXPECT_TRUE(scope::ReadRunInfo(folder_ / "run").complete);
 }
 
+TEST_F(ProgramTest, AnExportThatIsRefusedLeavesTheOldRun) {
+  folder_.Put("run/run.json", "old");
+  const ToolResult result = RunTool({"record", Config(), "-o", folder_ / "run", "--force", "--no-meter",
+                                     "--trace", folder_ / "none/run.trace"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(folder_.Get("run/run.json"), "old");
+}
+
 TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   const std::string run = folder_ / "run";
   const auto refused = [&run](std::vector<std::string> arguments, const std::string& words) {
@@ -237,8 +245,11 @@ TEST_F(ProgramTest, RefusesBadInputBeforeAnythingRuns) {
   refused({"record", Config(), "-o", run, "--metrics", Config()},
           "is the configuration: name a file of its own");
   refused({"record", Config(), "-o", run, "--trace", "/dev/null"}, "/dev/null is no regular file");
-  refused({"record", Config(), "-o", run, "--trace", folder_ / "a", "--metrics", folder_ / "a"},
-          "--metrics and --trace name the same file");
+  for (const std::string file : {"./a", "a.new"}) {
+    refused({"record", Config(), "-o", run, "--trace", folder_ / file, "--metrics", folder_ / "a"},
+            "--metrics and --trace name the same file");
+  }
+  refused({"record", Config(), "-o", run, "--metrics", run + "/seconds.csv"}, "is in the run folder");
   refused({"record", Config(), "-o", run, "--metrics", folder_ / "none/a.prom"},
           "cannot write " + (folder_ / "none/a.prom"));
   refused({"rates", folder_ / "none.txt", "-o", run}, "none.txt: No such file");

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <filesystem>
 #include <memory>
-#include <string>
-#include <system_error>
 
 #include "commands.h"
 #include "durable_file.h"
@@ -15,18 +12,6 @@
 
 namespace scope {
 namespace {
-
-// What is exported replaces a file.
-void RequireOwnFile(const std::string& file, const std::string& config) {
-  std::error_code error;
-  if (file.empty() || !std::filesystem::exists(file, error)) return;
-  if (!std::filesystem::is_regular_file(file, error) || std::filesystem::equivalent(file, config, error)) {
-    throw UserError(
-        file + " is " +
-        (std::filesystem::is_regular_file(file, error) ? "the configuration" : "no regular file") +
-        ": name a file of its own");
-  }
-}
 
 int RunRecord(const RecordOptions& options, Output output) {
   const auto view = output != Output::kText ? std::make_unique<View>()
@@ -46,10 +31,6 @@ int RunRecord(const RecordOptions& options, Output output) {
   }
   return result.complete && result.exported ? kExitOk : kExitFailure;
 }
-
-}  // namespace
-
-namespace {
 
 // Adds an option that excludes `excluded` if that is not null.
 template <typename Value>
@@ -117,14 +98,8 @@ void AddRecord(CLI::App& app, int& status) {
       "  stress_scope record config/all.yaml -o before --label \"tRFC 350\"\n"
       "  stress_scope record config/cpu.yaml --stop-after 15 --json");
   command->callback([options, output, &status] {
-    for (const std::string& file : {options->exports.metrics, options->exports.trace}) {
-      RequireOwnFile(file, options->config);
-    }
-    if (!options->exports.trace.empty() && options->exports.trace == options->exports.metrics) {
-      throw UserError("--metrics and --trace name the same file, " + options->exports.trace +
-                      ": name one for each");
-    }
     if (options->folder.empty()) options->folder = TimedFolder("run-");
+    RequireOwnFiles(options->exports, options->config, options->folder);
     status = RunRecord(*options, *output);
   });
 }

@@ -16,15 +16,24 @@ struct ExportFiles {
   std::string trace;    ///< empty: none
 };
 
+/// Throws UserError unless each file can be replaced, and is neither the other one, nor `config`, nor in the
+/// run folder `folder`.
+void RequireOwnFiles(const ExportFiles& files, const std::string& config, const std::string& folder);
+
 /// Gives a recording to other programs while it runs.
 class LiveExport {
  public:
   /// Writes each file for the first time. Throws UserError if it cannot. A file that cannot be written later
   /// is reported once to `fail`, and not written again.
   LiveExport(ExportFiles files, const std::string& label, std::function<void(const std::string&)> fail);
+  /// Calls End, if nobody did.
+  ~LiveExport();
+  LiveExport(const LiveExport&) = delete;
+  LiveExport& operator=(const LiveExport&) = delete;
 
   void Add(const MeterSecond& second);
-  void Add(const std::vector<CounterValue>& values);
+  /// The machine's counters at `timeS`, once a second. The metrics are written then.
+  void Add(double timeS, const std::vector<CounterValue>& values);
   /// The benchmark has ended.
   void End();
 
@@ -37,6 +46,7 @@ class LiveExport {
   std::function<void(const std::string&)> fail_;
   Metrics metrics_;
   std::unique_ptr<TraceFile> trace_;
+  bool ended_ = false;
   bool metricsFailed_ = false;
   bool traceFailed_ = false;
 };

@@ -1,26 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "metrics.h"
 
+#include <algorithm>
 #include <charconv>
 #include <functional>
+#include <iterator>
 #include <optional>
 
 #include "figures.h"
+#include "printable.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
 
 constexpr double kNsPerS = 1e9;
+constexpr double kMebibyte = 1024.0 * 1024;
 
 std::string Number(double value) {
   char digits[32];
   return {digits, std::to_chars(digits, digits + sizeof digits, value).ptr};
 }
 
+// A reader refuses the whole file for one byte that is no UTF-8.
 std::string LabelValue(const std::string& text) {
   std::string quoted = "\"";
-  for (const char character : text) {
+  for (const char character : Printable(text)) {
     if (character == '\\' || character == '"') quoted += '\\';
     if (character == '\n') {
       quoted += "\\n";
@@ -31,7 +36,8 @@ std::string LabelValue(const std::string& text) {
   return quoted + '"';
 }
 
-/// Counters of one source that have a family of their own. `scale` makes base units.
+/// Counters of one source that have a family of their own. `scale` makes base units. `unit`: only counters in
+/// this unit; null: all.
 struct Family {
   const char* source;
   const char* name;
@@ -39,6 +45,11 @@ struct Family {
   const char* help;
   const char* label;
   double scale;
+  const char* unit = nullptr;
+
+  bool Has(const CounterValue& counter) const {
+    return counter.source == source && (unit == nullptr || counter.unit == unit);
+  }
 };
 constexpr Family kFamilies[] = {
     {"thermal", "stress_temperature_celsius", "gauge", "Temperature of a thermal zone.", "zone", 1},
@@ -49,17 +60,17 @@ constexpr Family kFamilies[] = {
     {"throttle", "stress_cpu_throttle_events_total", "counter", "How often a CPU was throttled.", "cpu", 1},
     {"resctrl", "stress_memory_bandwidth_bytes_per_second", "gauge", "Memory traffic of a domain.", "domain",
      1},
+    {"perf", "stress_memory_traffic_bytes_per_second", "gauge", "Memory traffic that a controller counts.",
+     "event", kMebibyte, "MiB/s"},
     {"load", "stress_machine_cpus", "gauge", "CPUs that others use (others) or that were taken away (steal).",
      "use", 1},
     {"pressure", "stress_machine_pressure_ratio", "gauge",
      "Share of the last second in which some process waited.", "resource", 1e-2},
 };
 
-bool HasFamily(const std::string& source) {
-  for (const Family& family : kFamilies) {
-    if (source == family.source) return true;
-  }
-  return false;
+bool HasFamily(const CounterValue& counter) {
+  return std::any_of(std::begin(kFamilies), std::end(kFamilies),
+                     [&](const Family& family) { return family.Has(counter); });
 }
 
 }  // namespace
@@ -106,9 +117,11 @@ void Metrics::Add(const MeterSecond& second) {
     if (row.bytes) engine.total.bytes = engine.total.bytes.value_or(0) + *row.bytes;
   }
   timeS_ = second.timeS;
+  elapsedS_ = std::max(elapsedS_, timeS_);
 }
 
-void Metrics::Add(const std::vector<CounterValue>& values) {
+void Metrics::Add(double timeS, const std::vector<CounterValue>& values) {
+  elapsedS_ = std::max(elapsedS_, timeS);
   for (const CounterValue& value : values) counters_[{value.source, value.name}] = value;
 }
 
@@ -120,8 +133,8 @@ std::string Metrics::Text(bool running) const {
   page.Value("", startedS_);
   page.Family("stress_run_running", "gauge", "1 while the benchmark runs, 0 after its end.");
   page.Value("", running ? 1 : 0);
-  page.Family("stress_run_elapsed_seconds", "gauge", "Time from the start of the run to its last second.");
-  page.Value("", timeS_);
+  page.Family("stress_run_elapsed_seconds", "gauge", "Time from the start of the run to its last figures.");
+  page.Value("", elapsedS_);
   AddEngines(page);
   AddCounters(page);
   return page.Text();
@@ -173,13 +186,13 @@ void Metrics::AddCounters(MetricsPage& page) const {
   for (const Family& family : kFamilies) {
     page.Family(family.name, family.type, family.help);
     for (const auto& [key, counter] : counters_) {
-      if (key.first != family.source) continue;
+      if (!family.Has(counter)) continue;
       page.Value(std::string(family.label) + "=" + LabelValue(key.second), counter.value * family.scale);
     }
   }
-  page.Family("stress_machine_counter", "gauge", "Another counter of the machine, in the unit that it has.");
+  page.Family("stress_machine_reading", "gauge", "Another figure of the machine, in the unit that it has.");
   for (const auto& [key, counter] : counters_) {
-    if (HasFamily(key.first)) continue;
+    if (HasFamily(counter)) continue;
     page.Value("source=" + LabelValue(key.first) + ",name=" + LabelValue(key.second) +
                    ",unit=" + LabelValue(counter.unit),
                counter.value);

@@ -22,8 +22,8 @@ class Metrics {
   Metrics(double startedS, std::string label);
 
   void Add(const MeterSecond& second);
-  /// Keeps the last value of each counter.
-  void Add(const std::vector<CounterValue>& values);
+  /// Keeps the last value of each counter. `timeS`: when they were read.
+  void Add(double timeS, const std::vector<CounterValue>& values);
 
   /// Everything that was added so far. `running`: false after the benchmark's end.
   std::string Text(bool running) const;
@@ -39,7 +39,8 @@ class Metrics {
 
   double startedS_;
   std::string label_;
-  double timeS_ = 0;
+  double timeS_ = 0;  ///< end of the last second
+  double elapsedS_ = 0;
   std::map<std::string, Engine> engines_;
   std::map<std::pair<std::string, std::string>, CounterValue> counters_;  ///< by source and name
 };

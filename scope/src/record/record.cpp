@@ -10,10 +10,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <limits>
 #include <memory>
-#include <system_error>
 #include <utility>
 
 #include "child_process.h"
@@ -60,18 +58,12 @@ class Recording {
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
     if (options.stopAfterS > 0) limits_.runTimeS = std::min(limits_.runTimeS, std::ceil(options.stopAfterS));
     supervisor_ = std::make_unique<Supervisor>(limits_);
-    std::error_code error;
-    const bool isNew = !std::filesystem::exists(options.folder, error);
+    // First: a folder that is replaced loses its old run.
+    exports_ = std::make_unique<LiveExport>(options.exports, options.label, [this](const std::string& fault) {
+      exportFaults_.push_back(fault + "; the run went on");
+    });
     run_ = std::make_unique<SavedRun>(options, std::move(config),
                                       [this](const std::string& reason) { Fail(reason); });
-    try {
-      exports_ = std::make_unique<LiveExport>(
-          options.exports, options.label,
-          [this](const std::string& fault) { exportFaults_.push_back(fault + "; the run went on"); });
-    } catch (const UserError&) {
-      if (isNew) std::filesystem::remove(options.folder, error);
-      throw;
-    }
     counters_ = std::make_unique<Counters>(options.systemRoot, KernelPerfEvents());
     load_ = std::make_unique<MachineLoad>(options.systemRoot);
     run_->AddSources(counters_->Sources());
@@ -198,13 +190,11 @@ class Recording {
     std::vector<CounterValue> values = counters_->Read(timeS);
     for (CounterValue& value : load_->Read(timeS, child_->Id())) values.push_back(std::move(value));
     run_->Add(values);
-    exports_->Add(values);
+    exports_->Add(timeS, values);
   }
 
   RecordResult Finish() {
     const double durationS = TimeS();
-    exports_->End();
-    for (const std::string& fault : exportFaults_) Tell(fault);
     if (meter_->Unmeasured() != 0) {
       Tell("the meter did not measure " + Counted(meter_->Unmeasured(), "call") +
            ": there are more threads than it can count");
@@ -218,6 +208,8 @@ class Recording {
                        meter_->Unmeasured() == 0);
     const std::vector<std::string>& failures =
         run_->End(durationS, child_->ExitStatus(), child_->EndSignal());
+    exports_->End();
+    for (const std::string& fault : exportFaults_) Tell(fault);
     const bool exported = exportFaults_.empty();
     if (!failures.empty()) return {false, supervisor_->Interrupted(), Joined(failures, "; "), exported};
     // The last write may have failed.
@@ -230,8 +222,8 @@ class Recording {
   std::unique_ptr<PreloadPath> preload_;  ///< null without a meter
   std::unique_ptr<Supervisor> supervisor_;
   std::unique_ptr<SavedRun> run_;
-  std::unique_ptr<LiveExport> exports_;
   std::vector<std::string> exportFaults_;
+  std::unique_ptr<LiveExport> exports_;
   std::unique_ptr<Counters> counters_;
   std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;

@@ -47,6 +47,7 @@ std::string Text(const Json& event) {
 TraceFile::TraceFile(const std::string& path) : file_(path) {
   Event(Text(Named("process_name", kBenchmark, "stress_benchmark")));
   Event(Text(Named("process_name", kMachine, "machine")));
+  Flush();
 }
 
 void TraceFile::Add(const MeterSecond& second) {
@@ -71,29 +72,34 @@ void TraceFile::Add(const MeterSecond& second) {
                 {"dur", Us(spanS)},
                 {"args", std::move(work)}}));
   }
-  // A value holds from its time on, so it stands at the begin of its second.
+  // A value is drawn from its time on. That of a second stands at the second's begin.
   for (EngineSample engine : second.engines) {
     if (spanS <= kShownSecondS) continue;
     SetRates(engine, spanS);
     Count(kBenchmark, timeS_, engine.engine + " op/s", engine.operationsPerS);
     if (engine.gigabytesPerS) Count(kBenchmark, timeS_, engine.engine + " GB/s", *engine.gigabytesPerS);
-    if (engine.operations == 0) continue;
     Count(kBenchmark, timeS_, engine.engine + " p50 us", static_cast<double>(engine.p50Ns) / kNsPerUs);
     Count(kBenchmark, timeS_, engine.engine + " p99 us", static_cast<double>(engine.p99Ns) / kNsPerUs);
   }
   timeS_ = second.timeS;
-  file_.Write(std::exchange(events_, {}));
+  Flush();
 }
 
-void TraceFile::Add(const std::vector<CounterValue>& values) {
+void TraceFile::Add(double timeS, const std::vector<CounterValue>& values) {
   for (const CounterValue& value : values) {
-    Count(kMachine, value.timeS, value.source + " " + value.name + " " + value.unit, value.value);
+    Count(kMachine, countersS_, value.source + " " + value.name + " " + value.unit, value.value);
   }
+  countersS_ = timeS;
+  Flush();
 }
 
 void TraceFile::Close() {
   file_.Write(std::exchange(events_, {}) + "\n]\n");
   file_.Close();
+}
+
+void TraceFile::Flush() {
+  file_.Write(std::exchange(events_, {}));
 }
 
 void TraceFile::NameThread(const Sample& sample) {

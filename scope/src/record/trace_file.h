@@ -21,7 +21,8 @@ class TraceFile {
   explicit TraceFile(const std::string& path);
 
   void Add(const MeterSecond& second);
-  void Add(const std::vector<CounterValue>& values);
+  /// `timeS`: when they were read. Their values are those of the time since the call before.
+  void Add(double timeS, const std::vector<CounterValue>& values);
   /// Ends the file. A viewer opens one without its end, too.
   void Close();
 
@@ -29,11 +30,13 @@ class TraceFile {
   void NameThread(const Sample& sample);
   void Count(int process, double timeS, const std::string& name, double value);
   void Event(const std::string& json);
+  void Flush();
 
   OutputFile file_;
   std::string events_ = "[\n";  ///< not yet written
   std::set<std::pair<std::string, int>> threads_;
-  double timeS_ = 0;
+  double timeS_ = 0;      ///< end of the last second
+  double countersS_ = 0;  ///< when the counters were last read
   bool first_ = true;
 };
 
