@@ -172,7 +172,7 @@ class BrowserTest : public ::testing::Test {
 
  private:
   std::vector<std::string> Flags() const {
-    return {"--headless=new",
+    return {"--headless",
             "--no-sandbox",
             "--disable-gpu",
             "--disable-dev-shm-usage",
