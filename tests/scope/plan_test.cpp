@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "cell_file.h"
+#include "cell_folder.h"
 #include "cell_plan.h"
 #include "collection.h"
 #include "collection_text.h"
@@ -201,6 +202,10 @@ class PlanTest : public ::testing::Test {
     return Collected().at("cells").at(number - 1).at("state").get<std::string>();
   }
 
+  std::string ReasonOf(std::size_t number) const {
+    return Collected().at("cells").at(number - 1).at("reason").get<std::string>();
+  }
+
   std::string PlanPath() const { return folder_ / "plan.json"; }
   std::string Folder() const { return folder_ / "night"; }
   // How often the script that counts was run.
@@ -220,7 +225,7 @@ TEST_F(PlanTest, RecordsEachCellOnItsBoard) {
               AllOf(StartsWith("plan " + PlanPath() + ": 4 cells for 2 boards, in random order of seed 1\n"),
                     HasSubstr("A cell takes about 42 s, each board 84 s\n")));
   fs::remove(folder_ / "config.yaml");  // the plan has all of it
-  const Plan plan = ReadPlan(PlanPath()).plan;
+  const Plan plan = ReadPlan(PlanPath());
   ASSERT_EQ(plan.cells.size(), 4U);
   for (int number = 1; number <= 4; ++number) {
     const PlanCell& cell = plan.cells[static_cast<std::size_t>(number - 1)];
@@ -366,17 +371,91 @@ TEST_F(PlanTest, ADamagedCellIsRunAgainAndKept) {
   Counting();
   MakeSmallPlan();
   ASSERT_EQ(RunCell(1).status, 0);
-  folder_.Put("night/cell-0001/run.json", "{\"format\":");
+  // Of the size that cell.json gives.
+  const std::string damaged(folder_.Get("night/cell-0001/run.json").size(), '{');
+  folder_.Put("night/cell-0001/run.json", damaged);
   const ToolResult again = RunCell(1);
   EXPECT_EQ(again.status, 0) << again.errors;
   EXPECT_THAT(again.errors, HasSubstr("cell-0001/run.json: "));
   EXPECT_THAT(again.errors, EndsWith("; the run is recorded again\n"));
-  EXPECT_EQ(folder_.Get("night/attempts/cell-0001/2/run.json"), "{\"format\":");
+  EXPECT_EQ(folder_.Get("night/attempts/cell-0001/2/run.json"), damaged);
   folder_.Put("night/cell-0001/cell.json", "{\"format\":");
   EXPECT_EQ(StateOf(1), "damaged");
   EXPECT_EQ(RunTool({"collect", Folder()}).status, 1);
   EXPECT_EQ(RunCell(1).status, 0);
   EXPECT_EQ(StateOf(1), "done");
+}
+
+TEST_F(PlanTest, ACellThatWasCopiedInPartIsDamaged) {
+  Counting();
+  MakeSmallPlan();
+  ASSERT_EQ(RunCell(1).status, 0);
+  const std::size_t bytes = folder_.Get("night/cell-0001/rates.txt").size();
+  fs::resize_file(Folder() + "/cell-0001/rates.txt", 3);
+  EXPECT_EQ(ReasonOf(1), "rates.txt has 3 bytes, expected " + std::to_string(bytes));
+  fs::remove(Folder() + "/cell-0001/rates.txt");
+  EXPECT_EQ(ReasonOf(1), "rates.txt is missing");
+  fs::remove(Folder() + "/cell-0001/cell.json");
+  EXPECT_EQ(ReasonOf(1), "cell.json is missing");
+  fs::create_directories(Folder() + "/cell-0002");
+  EXPECT_EQ(StateOf(2), "damaged");
+  EXPECT_EQ(ReasonOf(2), "cell.json is missing");
+  EXPECT_EQ(RunCell(1).status, 0);
+  EXPECT_EQ(RunCell(2).status, 0);
+  EXPECT_EQ(RunTool({"collect", Folder()}).status, 0);
+  folder_.Put("night/cell-0001/report.html", "added later");
+  EXPECT_EQ(StateOf(1), "done");
+}
+
+TEST_F(PlanTest, AnAttemptOfAnotherCellDoesNotBecomeTheCell) {
+  Counting();
+  MakeSmallPlan();
+  ASSERT_EQ(RunCell(1).status, 0);
+  fs::create_directories(Folder() + "/attempts/cell-0002");
+  fs::rename(Folder() + "/cell-0001", Folder() + "/attempts/cell-0002/1");
+  EXPECT_THAT(RunCell(2).output, EndsWith("\ndone, saved in " + Folder() + "/cell-0002\n"));
+  EXPECT_EQ(RunCount(), 2);
+}
+
+// The lock does not hold between machines. Here the benchmark does what another machine would.
+TEST_F(PlanTest, TheFirstCompleteRunOfTwoMachinesStays) {
+  Counting();
+  MakeSmallPlan();
+  ASSERT_EQ(RunCell(1).status, 0);
+  fs::rename(Folder() + "/cell-0001", folder_ / "other");
+  const std::string other = folder_.Get("other/cell.json");
+  Counting("mv '" + (folder_ / "other") + "' '" + Folder() + "/cell-0001'");
+  const ToolResult result = RunCell(1);
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output, EndsWith("already done, in " + Folder() + "/cell-0001\n"));
+  EXPECT_EQ(folder_.Get("night/cell-0001/cell.json"), other);
+  EXPECT_TRUE(ReadRun(Folder() + "/attempts/cell-0001/1").info.complete) << "what was measured is kept";
+}
+
+TEST_F(PlanTest, NoTwoAttemptsHaveTheSameFolder) {
+  fs::create_directories(Folder() + "/attempts/cell-0001");
+  std::vector<std::vector<std::string>> made(4);
+  std::vector<std::thread> threads;
+  for (std::vector<std::string>& own : made) {
+    threads.emplace_back([this, &own] {
+      for (int i = 0; i < 50; ++i) own.push_back(MakeAttempt(Folder(), "cell-0001"));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::set<std::string> all;
+  for (const std::vector<std::string>& own : made) all.insert(own.begin(), own.end());
+  EXPECT_EQ(all.size(), 200U);
+}
+
+TEST_F(PlanTest, ABenchmarkThatCannotBeStartedFailsTheCell) {
+  Script("");
+  folder_.Put("benchmark", "no program");
+  MakeSmallPlan();
+  const ToolResult result = RunCell(1);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("cell 1 failed: cannot start "));
+  EXPECT_EQ(StateOf(1), "failed");
+  EXPECT_THAT(ReasonOf(1), HasSubstr("cannot start "));
 }
 
 TEST_F(PlanTest, CellsOfAnotherPlanAreNotTakenForDone) {
@@ -487,6 +566,12 @@ TEST_F(PlanTest, RefusesADamagedPlan) {
   EXPECT_THAT(error("\"settings\":{}", "\"settings\":{\"a\":\"$(reboot)\"}"),
               HasSubstr("cell 1: a: expected"));
   EXPECT_THAT(error("\"repeat\":1", "\"repeat\":2"), HasSubstr("cell 1: expected a repeat from 1 to 1"));
+  for (const std::string number : {"4294967297", "1.9", "-4294967295", "true", "18446744073709551615"}) {
+    const std::string words = "expected a whole number, found " + number.substr(0, 3);
+    EXPECT_THAT(error("\"repeat\":1", "\"repeat\":" + number), HasSubstr("cell 1: repeat: " + words));
+    EXPECT_THAT(error("\"CPU\":", "\"CPU\":" + number + ",\"VPC\":"), HasSubstr("cell 1: CPU: " + words));
+    EXPECT_THAT(error("\"repeats\": 1", "\"repeats\": " + number), HasSubstr("repeats: " + words));
+  }
   folder_.Put("plan.json", good.substr(0, good.find("\"cells\"")) + "\"cells\": []}");
   EXPECT_THAT(RunCell(1).errors, HasSubstr("expected a list of cells"));
   fs::remove(PlanPath());
@@ -539,7 +624,7 @@ TEST_F(PlanTest, NamesTheModelThatEachBoardNeeds) {
   EXPECT_THAT(plan({}), Not(HasSubstr("AIC reads")));
   EXPECT_THAT(plan({"--levels", "AIC=0,1"}),
               HasSubstr("AIC reads " + file + ": the plan does not contain it"));
-  const std::vector<PlanCell> cells = ReadPlan(PlanPath()).plan.cells;
+  const std::vector<PlanCell> cells = ReadPlan(PlanPath()).cells;
   const int loaded = cells[0].levels[0].second == 1 ? 1 : 2;
   EXPECT_THAT(RunCell(loaded).errors,
               HasSubstr("cannot read the model of AIC, " + file + ": No such file or directory"));
@@ -559,7 +644,7 @@ TEST_F(PlanTest, ACommandMakesTheSettingsOfTheBoard) {
   EXPECT_EQ(none.status, 2);
   EXPECT_THAT(none.errors, HasSubstr("give the command that makes them with --apply"));
   EXPECT_FALSE(fs::exists(Folder()));
-  const std::string refresh = ReadPlan(PlanPath()).plan.cells[0].settings[0].second;
+  const std::string refresh = ReadPlan(PlanPath()).cells[0].settings[0].second;
   const ToolResult fails = RunCell(1, {"--apply", "echo cannot; false"});
   EXPECT_EQ(fails.status, 1);
   EXPECT_THAT(fails.errors,

@@ -2,8 +2,9 @@
 #include "collection.h"
 
 #include <algorithm>
-#include <cstring>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 
 #include "cell_file.h"
 #include "cell_folder.h"
@@ -13,28 +14,32 @@
 namespace scope {
 namespace {
 
+namespace fs = std::filesystem;
+
 // Why the record is not one of this cell; empty if it is.
-std::string WhyForeign(const CellRecord& record, const Plan& plan, std::size_t number) {
-  if (record.plan != plan.id) return "cell.json is of another plan";
+std::string WhyForeign(const CellRecord& record, const std::string& plan, std::size_t number) {
+  if (record.plan != plan) return "cell.json is of another plan";
   if (record.number != number) return "cell.json is of cell " + std::to_string(record.number);
   return "";
 }
 
-CellStatus FinalStatus(const std::string& root, const Plan& plan, std::size_t number) {
-  const PlanCell& cell = plan.cells[number - 1];
+CellStatus FinalStatus(const std::string& root, const std::string& plan, const PlanCell& cell,
+                       std::size_t number) {
   const std::string folder = root + "/" + cell.folder;
   CellStatus status{CellState::kDamaged, "", cell.folder, ""};
   try {
     const std::optional<CellRecord> record = ReadCell(folder);
-    if (!record && !IsRunFolder(folder)) return {};
+    std::error_code ignored;
+    if (!record && !fs::exists(fs::symlink_status(folder, ignored))) return {};
     if (!record) {
       status.reason = "cell.json is missing";
       return status;
     }
     status.board = record->board;
     status.reason = WhyForeign(*record, plan, number);
-    if (status.reason.empty() && record->state != CellState::kDone) status.reason = record->reason;
-    if (status.reason.empty() && !IsRunFolder(folder)) status.reason = "run.json is missing";
+    if (status.reason.empty() && record->state != CellState::kDone)
+      status.reason = "cell.json says that it is " + std::string(NameOf(record->state));
+    if (status.reason.empty()) status.reason = WhatIsMissing(folder, *record);
     if (status.reason.empty()) status.state = CellState::kDone;
   } catch (const UserError& error) {
     status.reason = error.what();
@@ -68,16 +73,16 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder)
 
 }  // namespace
 
-CellStatus StatusOf(const std::string& root, const Plan& plan, std::size_t number) {
-  CellStatus status = FinalStatus(root, plan, number);
-  return status.state == CellState::kMissing ? AttemptStatus(root, plan.cells[number - 1].folder) : status;
+CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
+                    std::size_t number) {
+  CellStatus status = FinalStatus(root, plan, cell, number);
+  return status.state == CellState::kMissing ? AttemptStatus(root, cell.folder) : status;
 }
 
 std::vector<CellStatus> Collect(const std::string& root, const Plan& plan) {
   std::vector<CellStatus> cells;
   cells.reserve(plan.cells.size());
-  for (std::size_t number = 1; number <= plan.cells.size(); ++number)
-    cells.push_back(StatusOf(root, plan, number));
+  for (const PlanCell& cell : plan.cells) cells.push_back(StatusOf(root, plan.id, cell, cells.size() + 1));
   return cells;
 }
 

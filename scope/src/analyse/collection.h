@@ -9,9 +9,10 @@
 
 namespace scope {
 
-/// What is in the folder `root` for cell `number` of the plan, from 1. Reads cell.json alone; of a cell that
-/// is not done also run.json of its last attempt.
-CellStatus StatusOf(const std::string& root, const Plan& plan, std::size_t number);
+/// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. Reads
+/// cell.json and the sizes of files; of a cell that is not done also run.json of its last attempt.
+CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
+                    std::size_t number);
 
 /// That of every cell, in the order of the plan. The time is proportional to the number of cells.
 std::vector<CellStatus> Collect(const std::string& root, const Plan& plan);

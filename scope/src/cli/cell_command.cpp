@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <malloc.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "cell_file.h"
 #include "cell_plan.h"
@@ -27,18 +31,17 @@ struct CellCommand {
   Output output = Output::kText;
 };
 
-PlanFile ReadPlanFor(const CellCommand& command) {
-  PlanFile file = ReadPlan(command.plan);
-  const std::size_t count = file.plan.cells.size();
+Plan ReadPlanFor(const CellCommand& command) {
+  Plan plan = ReadPlan(command.plan);
+  const std::size_t count = plan.cells.size();
   if (command.number > count) {
     throw UserError("there is no cell " + std::to_string(command.number) + " in " + command.plan +
                     ": its cells are 1 to " + std::to_string(count));
   }
-  SweepSettings& settings = file.plan.settings;
-  settings.benchmark = command.programs.benchmark;
-  settings.meter = command.programs.meter;
-  settings.systemRoot = command.programs.systemRoot;
-  return file;
+  plan.settings.benchmark = command.programs.benchmark;
+  plan.settings.meter = command.programs.meter;
+  plan.settings.systemRoot = command.programs.systemRoot;
+  return plan;
 }
 
 void ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
@@ -53,21 +56,25 @@ void ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
 }
 
 int RunCellCommand(CellCommand& command) {
-  const PlanFile file = ReadPlanFor(command);
-  const Plan& plan = file.plan;
+  Plan plan = ReadPlanFor(command);
+  const std::size_t count = plan.cells.size();
+  const PlanCell cell = std::move(plan.cells[command.number - 1]);
+  // A large plan takes memory, which the run is to measure.
+  plan.cells = std::vector<PlanCell>();
+  (void)malloc_trim(0);
   CellOptions options = command.cell;
-  options.planFile = file.text;
+  options.planPath = command.plan;
   if (!options.model.empty()) options.model = AbsolutePath(options.model);
   const bool text = command.output == Output::kText;
   options.showsApply = text;
   if (text) {
-    Print("cell " + std::to_string(command.number) + " of " + std::to_string(plan.cells.size()) + ", " +
-          CellLabel(plan.cells[command.number - 1]) + "\n");
+    Print("cell " + std::to_string(command.number) + " of " + std::to_string(count) + ", " + CellLabel(cell) +
+          "\n");
   }
   const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // Lives to the end: a signal after the run must not leave it half saved.
   Signals signals;
-  const CellOutcome outcome = RunCell(plan, command.number, options, *view, signals);
+  const CellOutcome outcome = RunCell(plan, cell, command.number, options, *view, signals);
   ShowOutcome(command, outcome);
   return outcome.state == CellState::kDone ? kExitOk : kExitFailure;
 }

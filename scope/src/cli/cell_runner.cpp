@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <optional>
 
@@ -113,10 +114,15 @@ void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions&
   bool stopped = false;
   record.reason = Apply(record.cell, options, signals, stopped);
   if (record.reason.empty()) {
-    const RecordResult result = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
-    stopped = result.stopped;
-    record.reason = stopped ? "interrupted by a signal" : result.reason;
-    if (result.complete && !stopped) record.state = CellState::kDone;
+    try {
+      const RecordResult result = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
+      stopped = result.stopped;
+      record.reason = stopped ? "interrupted by a signal" : result.reason;
+      if (result.complete && !stopped) record.state = CellState::kDone;
+    } catch (const std::exception& error) {
+      // For example a benchmark that is made for another processor.
+      record.reason = error.what();
+    }
   }
   if (stopped) record.state = CellState::kInterrupted;
   record.ended = UtcNow();
@@ -125,8 +131,9 @@ void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions&
 
 }  // namespace
 
-bool IsCellDone(const std::string& root, const Plan& plan, std::size_t number, bool warns) {
-  const CellStatus status = StatusOf(root, plan, number);
+bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
+                bool warns) {
+  const CellStatus status = StatusOf(root, plan, cell, number);
   const std::string folder = root + "/" + status.folder;
   std::string damage = status.state == CellState::kDamaged ? folder + ": " + status.reason : "";
   try {
@@ -139,20 +146,20 @@ bool IsCellDone(const std::string& root, const Plan& plan, std::size_t number, b
   return false;
 }
 
-CellOutcome RunCell(const Plan& plan, std::size_t number, const CellOptions& options, View& view,
-                    Signals& signals) {
-  const PlanCell& cell = plan.cells[number - 1];
+CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, const CellOptions& options,
+                    View& view, Signals& signals) {
   RequireThisBoard(cell, number, options);
   CellFolders folders(options.root, cell.folder);
-  if (!options.planFile.empty()) folders.PutPlan(options.planFile);
+  if (!options.planPath.empty()) folders.PutPlan(options.planPath, plan.id);
+  const CellOutcome before = {CellState::kDone, "", folders.Final(), false};
   // Not before the lock: another runner may have finished it a moment ago.
-  if (IsCellDone(options.root, plan, number, options.warns)) {
+  if (IsCellDone(options.root, plan.id, cell, number, options.warns)) {
     folders.RemoveAttemptsIfEmpty();
-    return {CellState::kDone, "", folders.Final(), false};
+    return before;
   }
-  if (const std::optional<std::string> done = folders.Done(plan.id)) {
-    folders.Publish(*done);
-    return {CellState::kDone, "", folders.Final(), false};
+  if (const std::optional<std::string> done = folders.Done(plan.id, number)) {
+    (void)folders.Publish(*done, plan.id, number);
+    return before;
   }
   const std::string attempt = folders.NewAttempt();
   try {
@@ -171,7 +178,7 @@ CellOutcome RunCell(const Plan& plan, std::size_t number, const CellOptions& opt
   RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
   folders.Finish(attempt, record);
   if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true};
-  folders.Publish(attempt);
+  if (!folders.Publish(attempt, plan.id, number)) return before;
   return {CellState::kDone, "", folders.Final(), true};
 }
 

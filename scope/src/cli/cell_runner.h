@@ -16,7 +16,7 @@ struct CellOptions {
   std::string board;        ///< the name of this board; may be empty
   std::string model;        ///< in place of the model that the plan names; empty: that one
   std::string apply;        ///< shell command that makes the cell's settings of the board
-  std::string planFile;     ///< the plan's file, which `root` gets a copy of; empty: none
+  std::string planPath;     ///< the plan's file, which `root` gets a copy of; empty: none
   bool showsApply = false;  ///< the output of `apply` goes to standard error
   bool warns = true;        ///< of a cell that has to be recorded again because it is damaged
 };
@@ -29,13 +29,15 @@ struct CellOutcome {
 };
 
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.
-bool IsCellDone(const std::string& root, const Plan& plan, std::size_t number, bool warns);
+bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
+                bool warns);
 
-/// Runs cell `number`, from 1, unless it is done. Its folder appears in one step, when everything in it is on
-/// the disk. An attempt that fails or is interrupted is kept beside it. Throws UserError for a cell that
-/// another runner has, that is for another board, or that lacks something on this machine, before anything
-/// runs; and if the result cannot be saved.
-CellOutcome RunCell(const Plan& plan, std::size_t number, const CellOptions& options, View& view,
-                    Signals& signals);
+/// Runs the cell with this number, from 1, unless it is done. Its folder appears in one step, when everything
+/// in it is on the disk. `plan` needs no cells: many would take memory that is to be measured. An attempt
+/// that fails or is interrupted is kept beside it. Throws UserError for a cell that another runner has, that
+/// is for another board, or that lacks something on this machine, before anything runs; and if the result
+/// cannot be saved.
+CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, const CellOptions& options,
+                    View& view, Signals& signals);
 
 }  // namespace scope

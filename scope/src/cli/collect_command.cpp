@@ -24,7 +24,7 @@ int ExitStatusFor(const std::vector<CellStatus>& cells) {
 }
 
 int RunCollect(const CollectOptions& options) {
-  const Plan plan = ReadPlan(options.plan.empty() ? options.folder + "/" + kPlanName : options.plan).plan;
+  const Plan plan = ReadPlan(options.plan.empty() ? options.folder + "/" + kPlanName : options.plan);
   const std::vector<CellStatus> cells = Collect(options.folder, plan);
   if (options.output == Output::kJson) Print(CollectionJson(options.folder, plan, cells));
   if (options.output == Output::kText) Print(CollectionText(options.folder, plan, cells, options.style));

@@ -78,6 +78,14 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
+std::size_t NumberOf(const SweepRun& run) {
+  return static_cast<std::size_t>(run.order);
+}
+
+const PlanCell& CellOf(const Plan& plan, const SweepRun& run) {
+  return plan.cells[NumberOf(run) - 1];
+}
+
 // The runs to record, in order. A run whose folder is missing or incomplete is recorded again. One that is
 // done may be unknown to sweep.json, if the recorder was killed between the two.
 std::vector<SweepRun*> RunsToRecord(const std::string& folder, const Plan& plan, Sweep& sweep) {
@@ -86,7 +94,7 @@ std::vector<SweepRun*> RunsToRecord(const std::string& folder, const Plan& plan,
     // Sweeps of earlier versions have no cell.json: then sweep.json alone tells the states of runs.
     const bool isDone = run.state == SweepState::kDone
                             ? IsRecorded(folder + "/" + run.folder)
-                            : IsCellDone(folder, plan, static_cast<std::size_t>(run.order), false);
+                            : IsCellDone(folder, plan.id, CellOf(plan, run), NumberOf(run), false);
     if (isDone) {
       run.state = SweepState::kDone;
     } else {
@@ -113,7 +121,7 @@ bool RecordOne(const std::string& folder, const Plan& plan, Sweep& sweep, SweepR
   options.root = folder;
   options.warns = false;  // RunsToRecord did
   // No summary per run: the sweep prints its figures at its end.
-  const CellOutcome outcome = RunCell(plan, static_cast<std::size_t>(run.order), options, *view, signals);
+  const CellOutcome outcome = RunCell(plan, CellOf(plan, run), NumberOf(run), options, *view, signals);
   const bool isDone = outcome.state == CellState::kDone;
   if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
   run.state = StateAfter(outcome.state);

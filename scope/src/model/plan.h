@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,6 +63,8 @@ struct CellRecord {
   CellState state = CellState::kFailed;  ///< kDone, kFailed or kInterrupted
   std::string reason;                    ///< why it is not done; empty otherwise
   std::vector<CellFigure> figures;       ///< of a run that is done
+  /// The other files of the folder: name to bytes.
+  std::vector<std::pair<std::string, std::uint64_t>> files;
 };
 
 /// What is in the folder of the cells for one cell.

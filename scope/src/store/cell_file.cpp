@@ -1,16 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cell_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "cell_json.h"
 #include "errors.h"
 #include "folder_file.h"
 #include "run.h"
+#include "run_json.h"
+#include "run_reader.h"
 
 namespace scope {
+
+namespace fs = std::filesystem;
+
 namespace {
 
 constexpr SeriesKind kCell = {kCellName, "cell", "a cell", 1};
@@ -49,21 +58,29 @@ PlanCell CellFromJson(const SeriesJson& json) {
   PlanCell cell;
   json.at("board").get_to(cell.board);
   for (const auto& [section, level] : json.at("levels").items())
-    cell.levels.emplace_back(section, level.get<int>());
+    GetWhole(level, section, cell.levels.emplace_back(section, 0).second);
   for (const auto& [name, value] : json.at("settings").items())
     cell.settings.emplace_back(name, value.get<std::string>());
-  json.at("repeat").get_to(cell.repeat);
+  GetWhole(json.at("repeat"), "repeat", cell.repeat);
   return cell;
 }
 
 std::string CellText(const CellRecord& record) {
-  SeriesJson json{{"format", kCell.format},         {"kind", kCell.kind},
-                  {"tool", kToolVersion},           {"plan", record.plan},
-                  {"number", record.number},        {"cell", CellJson(record.cell)},
-                  {"board", record.board},          {"machine", record.machine},
-                  {"started", record.started},      {"ended", record.ended},
-                  {"state", NameOf(record.state)},  {"reason", record.reason},
-                  {"figures", SeriesJson::object()}};
+  SeriesJson json{{"format", kCell.format},
+                  {"kind", kCell.kind},
+                  {"tool", kToolVersion},
+                  {"plan", record.plan},
+                  {"number", record.number},
+                  {"cell", CellJson(record.cell)},
+                  {"board", record.board},
+                  {"machine", record.machine},
+                  {"started", record.started},
+                  {"ended", record.ended},
+                  {"state", NameOf(record.state)},
+                  {"reason", record.reason},
+                  {"figures", SeriesJson::object()},
+                  {"files", SeriesJson::object()}};
+  for (const auto& [name, bytes] : record.files) json["files"][name] = bytes;
   for (const CellFigure& figure : record.figures)
     json["figures"][figure.engine][figure.figure] = figure.value;
   return json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n';
@@ -77,7 +94,7 @@ std::optional<CellRecord> ReadCell(const std::string& folder) {
     const SeriesJson json = ParseSeriesJson(*text, path, kCell);
     CellRecord record;
     json.at("plan").get_to(record.plan);
-    json.at("number").get_to(record.number);
+    GetWhole(json.at("number"), "number", record.number);
     record.cell = CellFromJson(json.at("cell"));
     json.at("board").get_to(record.board);
     json.at("machine").get_to(record.machine);
@@ -89,9 +106,54 @@ std::optional<CellRecord> ReadCell(const std::string& folder) {
       for (const auto& [figure, value] : figures.items())
         record.figures.push_back({engine, figure, value.get<double>()});
     }
+    for (const auto& [name, bytes] : json.at("files").items())
+      GetWhole(bytes, name, record.files.emplace_back(name, 0).second);
     return record;
   } catch (const SeriesJson::exception& error) {
     throw DamagedFolder(path + ": " + error.what());
+  } catch (const DamagedFolder&) {
+    throw;
+  } catch (const UserError& error) {
+    throw DamagedFolder(path + ": " + error.what());
+  }
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> FilesOf(const std::string& folder) {
+  std::vector<std::pair<std::string, std::uint64_t>> files;
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    std::error_code ignored;
+    if (name != kCellName && entry->is_regular_file(ignored) && !entry->is_symlink(ignored))
+      files.emplace_back(name, entry->file_size(ignored));
+  }
+  if (error) throw UserError("cannot read the folder " + folder + ": " + error.message());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+std::string WhatIsMissing(const std::string& folder, const CellRecord& record) {
+  bool hasInfo = false;
+  for (const auto& [name, bytes] : record.files) {
+    hasInfo = hasInfo || name == kInfoName;
+    struct stat status{};
+    const bool isThere = name.find('/') == std::string::npos &&
+                         stat((folder + "/" + name).c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (!isThere) return name + " is missing";
+    const auto found = static_cast<std::uint64_t>(status.st_size);
+    if (found != bytes)
+      return name + " has " + std::to_string(found) + " bytes, expected " + std::to_string(bytes);
+  }
+  return hasInfo ? "" : std::string(kInfoName) + " is missing";
+}
+
+bool IsWholeCell(const std::string& folder, const std::string& plan, std::size_t number) {
+  try {
+    const std::optional<CellRecord> record = ReadCell(folder);
+    return record && record->plan == plan && record->number == number && record->state == CellState::kDone &&
+           WhatIsMissing(folder, *record).empty() && ReadRunInfo(folder).complete;
+  } catch (const UserError&) {
+    return false;
   }
 }
 

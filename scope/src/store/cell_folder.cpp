@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cell_folder.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +18,8 @@
 #include "errors.h"
 #include "folder_file.h"
 #include "plan_file.h"
-#include "run_reader.h"
 #include "system_files.h"
+#include "text_hash.h"
 
 namespace scope {
 
@@ -55,11 +56,13 @@ CellFolders::CellFolders(std::string root, std::string cellFolder)
   }
 }
 
-void CellFolders::PutPlan(const std::string& text) {
+void CellFolders::PutPlan(const std::string& planPath, const std::string& plan) {
   const std::string path = root_ + "/" + kPlanName;
   RequireNoLink(path);
-  std::optional<std::string> there = ReadFolderFile(path, kMostJsonBytes);
+  std::optional<std::string> there = HashFolderFile(path, kMostJsonBytes);
   if (!there) {
+    const std::string text = ReadFolderFile(planPath, kMostJsonBytes).value_or("");
+    if (HashOf(text) != plan) throw UserError("the plan " + planPath + " was changed a moment ago");
     // Many runners may begin at once: each writes a file of its own, and the first one stays.
     const std::string own = Attempts() + "/" + kPlanName;
     ReplaceFile(own, text);
@@ -70,30 +73,26 @@ void CellFolders::PutPlan(const std::string& text) {
     }
     (void)std::remove(own.c_str());
     SyncFolder(root_);
-    there = ReadFolderFile(path, kMostJsonBytes);
+    there = HashFolderFile(path, kMostJsonBytes);
   }
-  if (there == text) return;
+  if (there == plan) return;
   throw UserError(root_ + " has the cells of another plan, " + path + ": choose another folder");
 }
 
-std::optional<std::string> CellFolders::Done(const std::string& plan) const {
-  for (int number = LastAttempt(root_, cellFolder_); number > 0; --number) {
-    const std::string attempt = root_ + "/" + AttemptFolder(cellFolder_, number);
-    try {
-      const std::optional<CellRecord> record = ReadCell(attempt);
-      const bool isDone = record && record->plan == plan && record->state == CellState::kDone;
-      if (isDone && ReadRunInfo(attempt).complete) return attempt;
-    } catch (const UserError&) {
-      // An attempt that cannot be read is kept as it is.
-    }
+std::optional<std::string> CellFolders::Done(const std::string& plan, std::size_t number) const {
+  for (int attempt = LastAttempt(root_, cellFolder_); attempt > 0; --attempt) {
+    std::string folder = root_ + "/" + AttemptFolder(cellFolder_, attempt);
+    if (IsWholeCell(folder, plan, number)) return folder;
   }
   return std::nullopt;
 }
 
-std::string CellFolders::NewAttempt() {
-  const std::string attempt = root_ + "/" + AttemptFolder(cellFolder_, LastAttempt(root_, cellFolder_) + 1);
-  MakeFolder(attempt);
-  return attempt;
+std::string MakeAttempt(const std::string& root, const std::string& cellFolder) {
+  for (int number = LastAttempt(root, cellFolder) + 1;; ++number) {
+    std::string attempt = root + "/" + AttemptFolder(cellFolder, number);
+    if (mkdir(attempt.c_str(), 0777) == 0) return attempt;
+    if (errno != EEXIST) throw UserError("cannot make the folder " + attempt + ": " + std::strerror(errno));
+  }
 }
 
 void CellFolders::Discard(const std::string& attempt) {
@@ -101,19 +100,29 @@ void CellFolders::Discard(const std::string& attempt) {
   fs::remove_all(attempt, ignored);
 }
 
-void CellFolders::Finish(const std::string& attempt, const CellRecord& record) {
+void CellFolders::Finish(const std::string& attempt, CellRecord record) {
   SyncFiles(attempt);
+  record.files = FilesOf(attempt);
   ReplaceFile(attempt + "/" + kCellName, CellText(record));
   SyncFolder(attempt);
 }
 
-void CellFolders::Publish(const std::string& attempt) {
+bool CellFolders::Publish(const std::string& attempt, const std::string& plan, std::size_t number) {
   std::error_code error;
-  if (fs::exists(fs::symlink_status(Final(), error))) {
-    MoveFolder(Final(), root_ + "/" + AttemptFolder(cellFolder_, LastAttempt(root_, cellFolder_) + 1));
+  const bool isTaken = fs::exists(fs::symlink_status(Final(), error));
+  if (isTaken && IsWholeCell(Final(), plan, number)) return false;
+  try {
+    if (isTaken) {
+      MoveFolder(Final(), root_ + "/" + AttemptFolder(cellFolder_, LastAttempt(root_, cellFolder_) + 1));
+    }
+    MoveFolder(attempt, Final());
+  } catch (const UserError&) {
+    // A folder is replaced only if it is empty: one of another machine stays.
+    if (IsWholeCell(Final(), plan, number)) return false;
+    throw;
   }
-  MoveFolder(attempt, Final());
   RemoveAttemptsIfEmpty();
+  return true;
 }
 
 void CellFolders::RemoveAttemptsIfEmpty() {

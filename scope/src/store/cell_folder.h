@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,8 +21,12 @@ int LastAttempt(const std::string& root, const std::string& cellFolder);
 /// "attempts/cell-0001/2", within the folder of all cells.
 std::string AttemptFolder(const std::string& cellFolder, int number);
 
-/// Keeps other runners away from a cell while it exists, and moves its folders. Every operation throws
-/// UserError if the file system fails. Threads: one.
+/// Makes the folder of a new attempt and returns it. No other caller gets the same one, also where locks do
+/// not hold, between machines. Throws UserError.
+std::string MakeAttempt(const std::string& root, const std::string& cellFolder);
+
+/// Keeps other runners of this machine away from a cell while it exists, and moves its folders. Every
+/// operation throws UserError if the file system fails. Threads: one.
 class CellFolders {
  public:
   /// Makes the folder of the attempts and locks it. Throws UserError, which names the process that has the
@@ -30,26 +35,28 @@ class CellFolders {
   /// The folder of the cell when it is done.
   std::string Final() const { return root_ + "/" + cellFolder_; }
 
-  /// Makes `root`/plan.json with this text. Throws UserError if there is one with another text: these are the
-  /// cells of another plan.
-  void PutPlan(const std::string& text);
+  /// Copies the file `planPath`, whose Plan::id is `plan`, to `root`/plan.json. Throws UserError if there is
+  /// another one: these are the cells of another plan.
+  void PutPlan(const std::string& planPath, const std::string& plan);
 
-  /// An attempt of the plan with the id `plan` that is done, but was not moved into place because its
-  /// recorder was killed. None if there is none.
-  std::optional<std::string> Done(const std::string& plan) const;
+  /// An attempt that holds the complete run of this cell, but was not moved into place because its recorder
+  /// was killed. None if there is none.
+  std::optional<std::string> Done(const std::string& plan, std::size_t number) const;
 
-  /// Makes the folder of a new attempt and returns it.
-  std::string NewAttempt();
+  /// As MakeAttempt.
+  std::string NewAttempt() { return MakeAttempt(root_, cellFolder_); }
 
   /// Removes an attempt in which nothing was recorded.
   void Discard(const std::string& attempt);
 
   /// Writes cell.json into `attempt` when everything else in it is on the disk.
-  void Finish(const std::string& attempt, const CellRecord& record);
+  void Finish(const std::string& attempt, CellRecord record);
 
   /// Makes the finished `attempt` the folder of the cell, in one step that is on the disk when this returns.
-  /// What is there already becomes an attempt. Calls RemoveAttemptsIfEmpty.
-  void Publish(const std::string& attempt);
+  /// A folder that is there and not complete becomes an attempt. If it is complete, because another machine
+  /// has recorded the cell meanwhile, it stays, and so does the attempt; false is returned. Calls
+  /// RemoveAttemptsIfEmpty.
+  bool Publish(const std::string& attempt, const std::string& plan, std::size_t number);
 
   /// Removes the folder of the attempts if there is none in it. Only when the cell is done: what was locked
   /// is gone, and a runner that comes later locks a new folder.

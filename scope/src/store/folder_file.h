@@ -19,4 +19,7 @@ constexpr std::uint64_t kMostTableBytes = 1ULL << 30;
 /// cannot be read.
 std::optional<std::string> ReadFolderFile(const std::string& path, std::uint64_t mostBytes);
 
+/// HashOf the file's content, which is not kept in memory. Otherwise as ReadFolderFile.
+std::optional<std::string> HashFolderFile(const std::string& path, std::uint64_t mostBytes);
+
 }  // namespace scope

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <optional>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 #include "cell_json.h"
@@ -67,15 +68,29 @@ void RequireLevels(const SweepLevels& levels, const std::string& where) {
   }
 }
 
+template <typename Value>
+void GetSetting(const SeriesJson& json, const char* key, Value& value) {
+  if constexpr (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)
+    GetWhole(json.at(key), key, value);
+  else
+    json.at(key).get_to(value);
+}
+
 // Somebody may have written the file by hand, or means harm.
-void RequireCell(const PlanCell& cell, const Plan& plan, const std::string& where) {
+PlanCell CellAt(const SeriesJson& json, const Plan& plan, const std::string& where) {
+  PlanCell cell;
+  try {
+    cell = CellFromJson(json);
+  } catch (const UserError& error) {
+    throw UserError(where + ": " + error.what());
+  }
   if (!cell.board.empty()) RequireBoardName(cell.board, where + ": board");
   RequireLevels(cell.levels, where);
   for (const auto& [name, value] : cell.settings) {
     RequireSettingName(name, where + ": name of a setting");
     RequireSettingValue(value, where + ": " + name);
   }
-  if (cell.repeat >= 1 && cell.repeat <= plan.settings.repeats) return;
+  if (cell.repeat >= 1 && cell.repeat <= plan.settings.repeats) return cell;
   throw UserError(where + ": expected a repeat from 1 to " + std::to_string(plan.settings.repeats) +
                   ", found " + std::to_string(cell.repeat));
 }
@@ -85,7 +100,7 @@ Plan PlanFromJson(const SeriesJson& json) {
   json.at("made").get_to(plan.made);
   json.at("config").at("path").get_to(plan.configPath);
   json.at("config").at("text").get_to(plan.configText);
-  ForEachPlanSetting(plan.settings, [&](const char* key, auto& value) { json.at(key).get_to(value); });
+  ForEachPlanSetting(plan.settings, [&json](const char* key, auto& value) { GetSetting(json, key, value); });
   RequireTime("warmup_s", plan.settings.warmupS, kAllowedTimeS);
   RequireTime("stop_after_s", plan.settings.stopAfterS, kAllowedTimeS);
   RequireTime("grace_s", plan.settings.graceS, kAllowedGraceS);
@@ -94,9 +109,8 @@ Plan PlanFromJson(const SeriesJson& json) {
   plan.cells.reserve(cells.size());
   for (const SeriesJson& each : cells) {
     const std::size_t number = plan.cells.size() + 1;
-    PlanCell cell = CellFromJson(each);
+    PlanCell cell = CellAt(each, plan, "cell " + std::to_string(number));
     cell.folder = CellFolder(number);
-    RequireCell(cell, plan, "cell " + std::to_string(number));
     plan.cells.push_back(std::move(cell));
   }
   return plan;
@@ -120,8 +134,8 @@ void RequireSettingValue(const std::string& text, const std::string& where) {
   RequireName(text, "_-+./:", where);
 }
 
-PlanFile ReadPlan(const std::string& path) {
-  std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
+Plan ReadPlan(const std::string& path) {
+  const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
   if (!text) {
     throw UserError("cannot read the plan " + path + ": " + std::strerror(errno) +
                     ". Make one with stress_scope plan");
@@ -129,7 +143,7 @@ PlanFile ReadPlan(const std::string& path) {
   try {
     Plan plan = PlanFromJson(ParseSeriesJson(*text, path, kPlan));
     plan.id = HashOf(*text);
-    return {std::move(plan), std::move(*text)};
+    return plan;
   } catch (const SeriesJson::exception& error) {
     throw DamagedFolder(path + ": " + error.what());
   } catch (const DamagedFolder&) {

@@ -25,14 +25,8 @@ void RequireBoardName(const std::string& text, const std::string& where);
 void RequireSettingName(const std::string& text, const std::string& where);
 void RequireSettingValue(const std::string& text, const std::string& where);
 
-/// The plan with the text of its file.
-struct PlanFile {
-  Plan plan;
-  std::string text;
-};
-
 /// Throws UserError, which names the file and what was expected.
-PlanFile ReadPlan(const std::string& path);
+Plan ReadPlan(const std::string& path);
 
 /// The text of the plan's file. Throws UserError if it is larger than ReadPlan reads.
 std::string PlanFileText(const Plan& plan);

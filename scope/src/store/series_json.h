@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "errors.h"
 #include "run.h"
 #include "sweep.h"
 
@@ -29,6 +32,19 @@ void ForEachRunSetting(Settings& settings, Visit visit) {
   visit("arguments", settings.extra);
   visit("sysfs_root", settings.systemRoot);
   visit("grace_s", settings.graceS);
+}
+
+/// Sets `value` to the whole number that `json` is. Throws UserError, which begins with `name`, if it is
+/// something else or does not fit. The library would cut 1.9 and 4294967297 to 1.
+template <typename Whole>
+void GetWhole(const SeriesJson& json, const std::string& name, Whole& value) {
+  using Limits = std::numeric_limits<Whole>;
+  const bool fits = json.is_number_unsigned()
+                        ? json.get<std::uint64_t>() <= static_cast<std::uint64_t>(Limits::max())
+                        : json.is_number_integer() && Limits::is_signed &&
+                              json.get<std::int64_t>() >= static_cast<std::int64_t>(Limits::min());
+  if (!fits) throw UserError(name + ": expected a whole number, found " + json.dump());
+  value = json.get<Whole>();
 }
 
 bool IsSeriesFolder(const std::string& folder, const SeriesKind& kind);
