@@ -1,0 +1,419 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The packets of the meter, one by one, of programs that know exactly what they do.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <thread>
+
+#include "child_process.h"
+#include "link_names.h"
+#include "protocol.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using scope::ChildProcess;
+using scope::Engine;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Environment = std::vector<std::pair<std::string, std::string>>;
+using Steps = std::vector<std::string>;
+
+constexpr std::uint64_t kNsPerS = 1'000'000'000;
+// A descriptor of two digits, so that its base counts.
+constexpr int kDescriptor = 64;
+// The clock of the load. The meter's seconds then end so much later: only the program's end ends one.
+constexpr std::uint64_t kAheadS = 1'000'000'000;
+constexpr std::uint64_t kFrame = 64 * 32 * 3 / 2;
+
+std::uint64_t NowNs() {
+  timespec now{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * kNsPerS + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+struct SamplePacket {
+  scope::ThreadSamplePacket head{};
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> buckets;
+};
+
+class MeterCasesTest : public ::testing::Test {
+ protected:
+  ~MeterCasesTest() override {
+    for (const int end : {reader_, writer_}) {
+      if (end >= 0) (void)close(end);
+    }
+  }
+
+  void MakeSockets(int type = SOCK_SEQPACKET) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
+    reader_ = ends[0];
+    writer_ = fcntl(ends[1], F_DUPFD_CLOEXEC, kDescriptor);
+    (void)close(ends[1]);
+    ASSERT_EQ(writer_, kDescriptor);
+  }
+
+  /// Runs the load with the meter and takes all packets. The variable names the reader's socket, unless
+  /// `environment` says something else.
+  void Run(const Steps& steps, const Environment& environment = {}) {
+    if (writer_ < 0) MakeSockets();
+    if (HasFatalFailure()) return;
+    ChildProcess::Options options;
+    options.program = ODD_LOAD;
+    options.arguments = steps;
+    options.environment = {{"LD_PRELOAD", METER},
+                           {scope::kDescriptorVariable, std::to_string(kDescriptor)},
+                           {"ODD_AHEAD", std::to_string(kAheadS)}};
+    options.environment.insert(options.environment.end(), environment.begin(), environment.end());
+    options.inherit = writer_;
+    options.takeErrors = true;
+    ChildProcess child(options);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!child.HasEnded()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "the program does not end";
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    id_ = child.Id();
+    exitStatus_ = child.ExitStatus();
+    endSignal_ = child.EndSignal();
+    scope::LineReader output;
+    output.Read(child.Output(), output_);
+    scope::LineReader errors;
+    errors.Read(child.Errors(), errors_);
+    TakePackets();
+  }
+
+  void TakePackets() {
+    std::vector<char> bytes(1 << 17);
+    for (;;) {
+      const ssize_t size = recv(reader_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+      if (size <= 0) return;
+      scope::PacketHeader header{};
+      std::memcpy(&header, bytes.data(), sizeof(header));
+      headers_.push_back(header);
+      if (header.type == scope::PacketType::kHello) {
+        order_ += 'H';
+        ASSERT_EQ(size, ssize_t{sizeof(hello_)});
+        std::memcpy(&hello_, bytes.data(), sizeof(hello_));
+      } else if (header.type == scope::PacketType::kEndOfSecond) {
+        order_ += 'E';
+        ASSERT_EQ(size, ssize_t{sizeof(scope::EndOfSecondPacket)});
+        std::memcpy(&ends_.emplace_back(), bytes.data(), sizeof(scope::EndOfSecondPacket));
+      } else {
+        order_ += 'S';
+        TakeSample(bytes.data(), static_cast<std::size_t>(size));
+      }
+    }
+  }
+
+  void TakeSample(const char* bytes, std::size_t size) {
+    SamplePacket& sample = samples_.emplace_back();
+    std::memcpy(&sample.head, bytes, sizeof(sample.head));
+    ASSERT_EQ(size, sizeof(sample.head) + sample.head.buckets * sizeof(scope::BucketCount));
+    for (std::uint32_t i = 0; i < sample.head.buckets; ++i) {
+      scope::BucketCount bucket{};
+      std::memcpy(&bucket, bytes + sizeof(sample.head) + i * sizeof(bucket), sizeof(bucket));
+      sample.buckets.emplace_back(bucket.bucket, bucket.count);
+    }
+  }
+
+  TemporaryFolder folder_;
+  int reader_ = -1;
+  int writer_ = -1;
+  pid_t id_ = -1;
+  int exitStatus_ = -1;
+  int endSignal_ = -1;
+  std::vector<std::string> output_;
+  std::vector<std::string> errors_;
+  std::string order_;  ///< of the packets: H, S and E
+  std::vector<scope::PacketHeader> headers_;
+  scope::HelloPacket hello_{};
+  std::vector<SamplePacket> samples_;
+  std::vector<scope::EndOfSecondPacket> ends_;
+};
+
+TEST_F(MeterCasesTest, EveryFieldOfThePacketsIsExact) {
+  const std::uint64_t before = NowNs() + kAheadS * kNsPerS;
+  Run({"cpu", "cpu"});
+  const std::uint64_t after = NowNs() + kAheadS * kNsPerS;
+  ASSERT_EQ(order_, "HSE");
+  for (const scope::PacketHeader& header : headers_) {
+    EXPECT_EQ(header.magic, scope::kMeterMagic);
+    EXPECT_EQ(header.version, scope::kMeterVersion);
+    EXPECT_EQ(header.processId, id_);
+    EXPECT_GE(header.timeNs, before);
+    EXPECT_LE(header.timeNs, after);
+  }
+  EXPECT_EQ(hello_.hostPlatform, 0U);
+  EXPECT_EQ(hello_.bucketCount, scope::kBucketCount);
+  EXPECT_THAT(hello_.platformPath, HasSubstr("libcounting_platform"));
+  const scope::ThreadSamplePacket& sample = samples_[0].head;
+  EXPECT_EQ(sample.engine, Engine::kCpu);
+  EXPECT_EQ(sample.thread, 0U);
+  EXPECT_EQ(sample.operations, 2U);
+  EXPECT_EQ(sample.busyNs, 0U);
+  EXPECT_EQ(sample.bytes, 2U * 2 * 100);
+  EXPECT_EQ(sample.failures, 0U);
+  EXPECT_EQ(sample.maxNs, 0U);
+  EXPECT_EQ(sample.bytesKnown, 1U);
+  EXPECT_THAT(samples_[0].buckets, ElementsAre(std::make_pair(0U, 2U)));
+  EXPECT_EQ(ends_[0].samples, 1U);
+  EXPECT_EQ(ends_[0].last, 1U);
+  EXPECT_EQ(ends_[0].delayedSamples, 0U);
+  EXPECT_EQ(ends_[0].unmeasured, 0U);
+  // The last packets wait so long for a slow reader.
+  timeval wait{};
+  socklen_t size = sizeof(wait);
+  ASSERT_EQ(getsockopt(writer_, SOL_SOCKET, SO_SNDTIMEO, &wait, &size), 0);
+  EXPECT_EQ(wait.tv_sec, 5);
+  EXPECT_EQ(wait.tv_usec, 0);
+}
+
+TEST_F(MeterCasesTest, ASecondHasOnlyItsOwnWorkAndOnlyTheLastOneWaits) {
+  Run({"time:1000:0", "cpu", "cpu", "cpu", "copy:1:0:1:0", "second", "busy:0"},
+      {{"ODD_SENDS", "1"}, {"ODD_AHEAD", "0"}});
+  ASSERT_GE(ends_.size(), 2U);
+  ASSERT_EQ(samples_.size(), 2 * ends_.size());
+  EXPECT_EQ(order_.substr(0, 4), "HSSE");
+  EXPECT_EQ(order_.find('H', 1), std::string::npos);
+  ASSERT_EQ(output_.size(), 2U);
+  // The letters of the first second, and the number.
+  EXPECT_EQ(output_[0].substr(0, 4), "HSSE");
+  EXPECT_EQ(output_[1].substr(output_[1].size() - 3), "sse");
+  EXPECT_EQ(output_[1].find_first_of("hse"), output_[1].size() - 3);
+  EXPECT_GE(ends_[0].header.timeNs, hello_.header.timeNs + kNsPerS);
+  EXPECT_EQ(samples_[0].head.operations, 3U);
+  EXPECT_EQ(std::to_string(samples_[0].head.busyNs), output_[0].substr(4));
+  EXPECT_GE(samples_[0].head.maxNs, 1000U);
+  EXPECT_EQ(samples_[1].head.operations, 1U);
+  for (std::size_t i = 0; i < ends_.size(); ++i) {
+    EXPECT_EQ(ends_[i].last, i + 1 == ends_.size() ? 1U : 0U);
+    EXPECT_EQ(ends_[i].samples, 2U);
+  }
+  for (std::size_t i = 2; i < samples_.size(); ++i) {
+    const scope::ThreadSamplePacket& sample = samples_[i].head;
+    EXPECT_EQ(sample.operations, 0U);
+    EXPECT_EQ(sample.busyNs, 0U);
+    EXPECT_EQ(sample.bytes, 0U);
+    EXPECT_EQ(sample.maxNs, 0U);
+    EXPECT_THAT(samples_[i].buckets, IsEmpty());
+  }
+}
+
+TEST_F(MeterCasesTest, AHelloThatFindsNoRoomIsSentWithTheSecond) {
+  for (const int error : {EAGAIN, ENOBUFS, ENOMEM}) {
+    order_.clear();
+    Run({"sends:1", "cpu"}, {{"ODD_SEND", "1 " + std::to_string(error)}});
+    EXPECT_EQ(order_, "HSE") << std::strerror(error);
+  }
+}
+
+TEST_F(MeterCasesTest, AnInterruptedSendIsRepeated) {
+  Run({"cpu", "sends:2"}, {{"ODD_SEND", "1 " + std::to_string(EINTR)}, {"ODD_SENDS", "1"}});
+  EXPECT_EQ(order_, "HSE");
+  EXPECT_THAT(output_, ElementsAre("HHse"));
+}
+
+TEST_F(MeterCasesTest, AfterALastPacketThatIsNotTakenNoneIsWaitedFor) {
+  Run({"sends:1", "cpu", "copy:1:0:1:0"}, {{"ODD_SEND", "2 " + std::to_string(EAGAIN)}, {"ODD_SENDS", "1"}});
+  EXPECT_EQ(order_, "HSE");
+  EXPECT_THAT(output_, ElementsAre("HsSE"));
+  ASSERT_EQ(ends_.size(), 1U);
+  EXPECT_EQ(ends_[0].samples, 1U);
+  EXPECT_EQ(ends_[0].delayedSamples, 1U);
+}
+
+TEST_F(MeterCasesTest, WithoutAReaderTheRecordingEnds) {
+  MakeSockets();
+  (void)close(reader_);
+  reader_ = -1;
+  Run({"gone"});
+  EXPECT_EQ(exitStatus_, 0);
+  EXPECT_THAT(output_, IsEmpty());
+}
+
+TEST_F(MeterCasesTest, NothingIsRecordedForNobody) {
+  Run({"gone"}, {{scope::kDescriptorVariable, ""}});
+  EXPECT_EQ(exitStatus_, 0);
+  EXPECT_THAT(output_, IsEmpty());
+  EXPECT_EQ(order_, "");
+}
+
+TEST_F(MeterCasesTest, BytesOfAnImageDependOnItsType) {
+  constexpr std::uint64_t kPixels = 64 * 32;
+  Run({"copy:0:0:1:0", "copy:2:0:9:0", "copy:10:0:11:0", "copy:12:0:13:0", "copy:14:0:15:0",
+       "copy:99:1:99:7"});
+  ASSERT_EQ(order_, "HSE");
+  EXPECT_EQ(samples_[0].head.bytes, kPixels * (2 * 3 + 3 + 2 * 2 + 4 * 4) + 1 + 7);
+  EXPECT_EQ(samples_[0].head.bytesKnown, 1U);
+}
+
+TEST_F(MeterCasesTest, UnknownBytesAreSaidToBeUnknown) {
+  Run({"copy:99:0:1:0", "resize:1:0:99:0", "encode:99:0", "infer", "cpu"});
+  ASSERT_EQ(order_, "HSSSSSE");
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(samples_[i].head.bytesKnown, 0U) << i;
+  EXPECT_EQ(samples_[4].head.bytesKnown, 1U);
+}
+
+TEST_F(MeterCasesTest, OneByteIsKnown) {
+  const std::string model = folder_.Put("model", "w");
+  Run({"copy:99:1:99:1", "resize:99:1:99:1", "encode:99:1", "model:" + model, "infer"});
+  ASSERT_EQ(order_, "HSSSSE");
+  const std::uint64_t bytes[] = {2, 2, 1, 1};
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(samples_[i].head.bytes, bytes[i]) << i;
+    EXPECT_EQ(samples_[i].head.bytesKnown, 1U) << i;
+  }
+}
+
+TEST_F(MeterCasesTest, KnowsTheSizesOfTheLast256Models) {
+  const std::string model = folder_.Put("model", std::string(5000, 'w'));
+  folder_.Put("model.small", "w");
+  Run({"models:" + model});
+  ASSERT_EQ(order_, "HSE");
+  EXPECT_EQ(samples_[0].head.operations, 256U + 257 + 2);
+  EXPECT_EQ(samples_[0].head.bytes, 256U * 5000 + 1);
+}
+
+TEST_F(MeterCasesTest, OnlyOfItsOwnPlatformItCountsStreamsAndBuffers) {
+  const std::string model = folder_.Put("model", std::string(5000, 'w'));
+  const Steps steps = {"encode:2:0", "model:" + model, "infer"};
+  Run(steps, {{"ODD_HOST", "1"}});
+  ASSERT_EQ(order_, "HSSE");
+  EXPECT_EQ(hello_.hostPlatform, 1U);
+  EXPECT_EQ(samples_[0].head.bytes, kFrame + 1'000'000);
+  EXPECT_EQ(samples_[1].head.bytes, 5000U + 10 + 200 + 3000);
+  samples_.clear();
+  order_.clear();
+  Run(steps, {{"ODD_HOST", "2"}});
+  ASSERT_EQ(order_, "HSSE");
+  EXPECT_EQ(hello_.hostPlatform, 0U);
+  EXPECT_EQ(samples_[0].head.bytes, kFrame);
+  EXPECT_EQ(samples_[1].head.bytes, 5000U);
+}
+
+TEST_F(MeterCasesTest, TheTimeOfAFailedCallBelongsToNoOperation) {
+  Run({"time:1000:2", "encode:2:0", "encode:2:0", "encode:2:0", "cpu", "cpu", "cpu", "busy:2", "busy:0"});
+  ASSERT_EQ(order_, "HSSE");
+  ASSERT_EQ(output_.size(), 2U);
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(samples_[i].head.operations, 2U) << i;
+    EXPECT_EQ(samples_[i].head.failures, 1U) << i;
+    EXPECT_EQ(std::to_string(samples_[i].head.busyNs), output_[i]) << i;
+  }
+  EXPECT_EQ(samples_[0].head.bytes, 2 * kFrame);
+}
+
+TEST_F(MeterCasesTest, APlatformOfOneOperationIsAPlatform) {
+  for (const std::string name :
+       {LINK_MEMCPY_S, LINK_QET_IMAGE_RESIZE, LINK_QET_MEMCPY_TO_KIVU, LINK_QET_VENC_SEND_FRAME,
+        LINK_QET_VENC_GET_STREAM, LINK_QET_VENC_RELEASE_STREAM, LINK_QET_DNN_MODEL_INITIALIZE,
+        LINK_QET_DNN_MODEL_PROCESS}) {
+    order_.clear();
+    Run({}, {{"ODD_OPERATIONS", name + ","}});
+    EXPECT_EQ(order_, "HE") << name;
+    const bool named = name == LINK_MEMCPY_S || name == LINK_QET_IMAGE_RESIZE;
+    EXPECT_EQ(std::strstr(hello_.platformPath, "libcounting_platform") != nullptr, named) << name;
+  }
+}
+
+TEST_F(MeterCasesTest, AProgramWithoutAPlatformIsNotMeasured) {
+  Run({"platform", "cpu"}, {{"ODD_OPERATIONS", ""}});
+  EXPECT_EQ(exitStatus_, 0);
+  EXPECT_EQ(endSignal_, 0);
+  EXPECT_EQ(order_, "");
+}
+
+TEST_F(MeterCasesTest, AnOperationThatNoPlatformHasEndsTheProgram) {
+  Run({"cpu"}, {{"ODD_OPERATIONS", ""}});
+  EXPECT_EQ(endSignal_, SIGABRT);
+  EXPECT_THAT(errors_, ElementsAre("libstress_scope: no platform library has memcpy_s"));
+}
+
+TEST_F(MeterCasesTest, AForkedChildRecordsNothingAndJoinsNoThread) {
+  Run({"cpu", "fork"});
+  EXPECT_THAT(output_, ElementsAre("0"));
+  ASSERT_EQ(order_, "HSE");
+  EXPECT_EQ(samples_[0].head.operations, 1U);
+}
+
+TEST_F(MeterCasesTest, ItsThreadHasANameAndTakesNoSignals) {
+  Run({"thread", "close"});
+  ASSERT_EQ(output_.size(), 3U);
+  for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGCHLD, SIGRTMAX}) {
+    EXPECT_NE(std::stoull(output_[0], nullptr, 16) >> (signal - 1) & 1, 0U) << signal;
+  }
+  EXPECT_EQ(std::stoull(output_[1], nullptr, 16), 0U);
+  EXPECT_EQ(output_[2], std::to_string(FD_CLOEXEC));
+}
+
+TEST_F(MeterCasesTest, WithoutAThreadItSaysSoAndRecordsNothing) {
+  Run({"gone"}, {{"ODD_THREAD", "1"}});
+  EXPECT_EQ(exitStatus_, 0);
+  EXPECT_THAT(output_, IsEmpty());
+  EXPECT_THAT(errors_, ElementsAre(std::string("libstress_scope: cannot start the meter's thread: ") +
+                                   std::strerror(EAGAIN)));
+  EXPECT_EQ(order_, "");
+}
+
+/// The reader's socket is standard input, too.
+class MeterDescriptorTest : public MeterCasesTest {
+ protected:
+  ~MeterDescriptorTest() override {
+    if (input_ >= 0) {
+      (void)dup2(input_, STDIN_FILENO);
+      (void)close(input_);
+    }
+  }
+
+  void SetUp() override {
+    input_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+    MakeSockets();
+    ASSERT_EQ(dup2(writer_, STDIN_FILENO), STDIN_FILENO);
+  }
+
+ private:
+  int input_ = -1;
+};
+
+TEST_F(MeterDescriptorTest, MayBeZero) {
+  Run({"cpu"}, {{scope::kDescriptorVariable, "0"}});
+  EXPECT_EQ(order_, "HSE");
+}
+
+TEST_F(MeterDescriptorTest, IsANumberAndNothingElse) {
+  const std::string own = std::to_string(kDescriptor);
+  const std::string above = std::to_string(kDescriptor + (std::int64_t{1} << 32));
+  const std::string below = std::to_string(kDescriptor - (std::int64_t{1} << 32));
+  for (const std::string& text : Steps{"", "x", "-1", own + "x", above, below}) {
+    Run({"gone"}, {{scope::kDescriptorVariable, text}});
+    EXPECT_EQ(exitStatus_, 0) << text;
+    EXPECT_EQ(order_, "") << text;
+  }
+}
+
+TEST_F(MeterDescriptorTest, IsASocketOfPackets) {
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  Run({"gone"}, {{scope::kDescriptorVariable, std::to_string(ends[1])}});
+  char byte = 0;
+  EXPECT_EQ(recv(ends[0], &byte, 1, MSG_DONTWAIT), -1);
+  EXPECT_EQ(order_, "");
+  (void)close(ends[0]);
+  (void)close(ends[1]);
+}
+
+}  // namespace
