@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "child_process.h"
+#include "latency_buckets.h"
 #include "link_names.h"
 #include "protocol.h"
 #include "temporary_folder.h"
@@ -253,11 +254,11 @@ TEST_F(MeterCasesTest, NothingIsRecordedForNobody) {
 }
 
 TEST_F(MeterCasesTest, BytesOfAnImageDependOnItsType) {
-  constexpr std::uint64_t kPixels = 64 * 32;
+  constexpr std::uint64_t kPixels = std::uint64_t{64} * 32;
   Run({"copy:0:0:1:0", "copy:2:0:9:0", "copy:10:0:11:0", "copy:12:0:13:0", "copy:14:0:15:0",
        "copy:99:1:99:7"});
   ASSERT_EQ(order_, "HSE");
-  EXPECT_EQ(samples_[0].head.bytes, kPixels * (2 * 3 + 3 + 2 * 2 + 4 * 4) + 1 + 7);
+  EXPECT_EQ(samples_[0].head.bytes, kPixels * (6 + 3 + 4 + 16) + 1 + 7);
   EXPECT_EQ(samples_[0].head.bytesKnown, 1U);
 }
 
@@ -335,6 +336,12 @@ TEST_F(MeterCasesTest, AProgramWithoutAPlatformIsNotMeasured) {
   EXPECT_EQ(exitStatus_, 0);
   EXPECT_EQ(endSignal_, 0);
   EXPECT_EQ(order_, "");
+}
+
+TEST_F(MeterCasesTest, AsksTheLoaderOnceForAnOperation) {
+  Run({"cpu", "asked", "platform", "copy:1:0:1:0", "copy:1:0:1:0", "asked"},
+      {{"ODD_OPERATIONS", std::string(LINK_MEMCPY_S) + ","}});
+  EXPECT_THAT(output_, ElementsAre("0", "1"));
 }
 
 TEST_F(MeterCasesTest, AnOperationThatNoPlatformHasEndsTheProgram) {

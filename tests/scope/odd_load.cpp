@@ -8,6 +8,7 @@
 ///   model:FILE     loads a model
 ///   infer          with that model, or without one; it has inputs of 10 bytes and outputs of 200 and 3000
 ///   models:FILE    see Models() below
+///   asked          prints how often the loader was asked since the first step
 ///   busy:ENGINE    prints the platform's own time of this engine, by its number
 ///   sends:N        waits until the meter has called send N times
 ///   second         waits until the meter has ended a second
@@ -56,6 +57,7 @@ namespace {
 constexpr long kNsPerS = 1'000'000'000;
 std::atomic<bool> platformIsWhole{false};
 std::atomic<int> sends{0};
+std::atomic<int> questions{0};
 std::atomic<int> secondsEnded{0};
 thread_local int clockReadings = 0;
 bool isChild = false;
@@ -88,6 +90,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 }
 
 void* dlsym(void* /*handle*/, const char* name) noexcept {
+  ++questions;
   if (std::strcmp(name, LINK_HOST_VERSION) == 0) {
     return std::getenv("ODD_HOST") == nullptr ? nullptr : reinterpret_cast<void*>(HostVersion);
   }
@@ -259,6 +262,8 @@ bool Work(const Words& step, Ormis::QetDNNHandle& handle) {
 bool Watch(const Words& step) {
   if (step[0] == "time") {
     SetWork(std::stol(step[1]), std::stoi(step[2]));
+  } else if (step[0] == "asked") {
+    std::printf("%d\n", questions.load());
   } else if (step[0] == "busy") {
     std::printf("%llu\n", static_cast<unsigned long long>(CountedCallsOf(std::stoi(step[1])).busyNs.load()));
   } else if (step[0] == "sends") {
@@ -290,6 +295,7 @@ bool Watch(const Words& step) {
 int main(int argc, char** argv) {
   (void)std::setvbuf(stdout, nullptr, _IONBF, 0);
   VirtualNs() = kNsPerS;
+  questions = 0;
   Ormis::QetDNNHandle handle;
   handle.inputs = {{nullptr, 10}};
   handle.outputs = {{nullptr, 200}, {nullptr, 3000}};
