@@ -13,7 +13,6 @@
 
 #include "compare_conditions.h"
 #include "comparison_text.h"
-#include "error_of.h"
 #include "errors.h"
 #include "number_text.h"
 #include "page_json.h"
@@ -68,7 +67,12 @@ class CompareTest : public ::testing::Test {
   }
 
   static std::string ErrorOf(const std::string& argument) {
-    return ::ErrorOf([&] { (void)ReadSide(argument); });
+    try {
+      (void)ReadSide(argument);
+    } catch (const UserError& error) {
+      return error.what();
+    }
+    return "no error";
   }
 
   TemporaryFolder folder_;

@@ -21,7 +21,7 @@
 #include "cell_plan.h"
 #include "collection.h"
 #include "collection_text.h"
-#include "error_of.h"
+#include "errors.h"
 #include "folder_lock.h"
 #include "plan_file.h"
 #include "run_reader.h"
@@ -41,6 +41,16 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 namespace fs = std::filesystem;
+
+template <typename Call>
+std::string MessageOf(Call call) {
+  try {
+    call();
+  } catch (const UserError& error) {
+    return error.what();
+  }
+  return "no error";
+}
 
 TEST(CellPlanTest, EachBoardRecordsEachPointBeforeAnyRepeat) {
   const PlanGrid grid{
@@ -75,7 +85,7 @@ TEST(CellPlanTest, WithoutBoardsAndLevelsACellIsTheConfigurationOnAnyBoard) {
 }
 
 TEST(CellPlanTest, RefusesNamesThatAShellOrAFolderWouldNotTake) {
-  const auto boards = [](const std::string& text) { return ErrorOf([&] { (void)ParseBoards({text}); }); };
+  const auto boards = [](const std::string& text) { return MessageOf([&] { (void)ParseBoards({text}); }); };
   EXPECT_EQ(boards("b1,b2"), "no error");
   EXPECT_THAT(boards("b1,b1"), HasSubstr("the board b1 is given twice"));
   for (const char* const name : {"", "b1,", "-b", "b 1", "b;1", "../b", "b\n"})
@@ -83,7 +93,7 @@ TEST(CellPlanTest, RefusesNamesThatAShellOrAFolderWouldNotTake) {
   EXPECT_THAT(boards(std::string(65, 'b')), HasSubstr("expected 1 to 64"));
   EXPECT_EQ(boards(std::string(64, 'b')), "no error");
   const auto settings = [](std::vector<std::string> texts) {
-    return ErrorOf([&] { (void)ParseSettings(texts); });
+    return MessageOf([&] { (void)ParseSettings(texts); });
   };
   EXPECT_EQ(settings({"refresh=3900,7800", "file=/sys/x:1"}), "no error");
   EXPECT_THAT(settings({"refresh"}), HasSubstr("as in refresh=3900,7800"));
@@ -98,7 +108,7 @@ TEST(CellPlanTest, RefusesMoreCellsThanAPlanHolds) {
   PlanGrid grid;
   for (int i = 0; i < 10'000; ++i) grid.boards.push_back("b" + std::to_string(i));
   grid.axes = ParseAxes({"CPU=0..10", "VPC=0..10", "VENC=0..10", "AIC=0..10"});
-  EXPECT_THAT(ErrorOf([&] { (void)PlanCells(grid, 1000, 1); }), HasSubstr("more than 500000 cells"));
+  EXPECT_THAT(MessageOf([&] { (void)PlanCells(grid, 1000, 1); }), HasSubstr("more than 500000 cells"));
 }
 
 TEST(CollectionTest, NumbersToRunAreRanges) {
@@ -114,6 +124,24 @@ TEST(CollectionTest, NumbersToRunAreRanges) {
   EXPECT_EQ(numbers(""), "");
 }
 
+TEST(CollectionTest, NumbersToRunByBoardMayLeaveOutWhatFailed) {
+  Plan plan;
+  std::vector<CellStatus> cells;
+  const auto add = [&](const std::string& board, CellState state) {
+    plan.cells.push_back({CellFolder(plan.cells.size() + 1), board, {}, {}, 1});
+    cells.push_back({state, "", "", ""});
+  };
+  for (const CellState state : {CellState::kDone, CellState::kFailed, CellState::kMissing})
+    for (const char* const board : {"b2", "b1", ""}) add(board, state);
+  add("b1", CellState::kInterrupted);
+  add("b1", CellState::kUnfinished);
+  add("b1", CellState::kDamaged);
+  EXPECT_EQ(NumbersToRunByBoard(plan, cells, false), "- 6,9\nb1 5,8,10-12\nb2 4,7\n");
+  EXPECT_EQ(NumbersToRunByBoard(plan, cells, true), "- 9\nb1 8,10-11\nb2 7\n");
+  EXPECT_EQ(NumbersToRunByBoard(plan, std::vector<CellStatus>(12, {CellState::kDone, "", "", ""}), false),
+            "");
+}
+
 TEST(CollectionTest, LongListsAreCutAndSaySo) {
   Plan plan;
   std::vector<CellStatus> cells;
@@ -126,6 +154,22 @@ TEST(CollectionTest, LongListsAreCutAndSaySo) {
                           HasSubstr("30 more boards not complete\n"), Not(HasSubstr("\nboard49 ")),
                           HasSubstr("\nboard50 "), HasSubstr("30 more cells not done; --json lists all\n"),
                           HasSubstr("(all)      100    50      50"), HasSubstr("\nto run: 51-100\n")));
+}
+
+TEST(CollectionTest, AMissingCellHasTheLastLineOfItsLog) {
+  const TemporaryFolder folder;
+  const auto reasonOf = [&folder](std::size_t number) {
+    return StatusOf(folder.Path(), "plan", {CellFolder(number), "", {}, {}, 1}, number);
+  };
+  EXPECT_EQ(reasonOf(1).reason, "");
+  folder.Put("logs/cell-0001.log", "job 1 begins\nstress_scope: cannot read the model\n\n");
+  EXPECT_EQ(reasonOf(1).reason, "stress_scope: cannot read the model");
+  EXPECT_EQ(reasonOf(1).folder, "logs/cell-0001.log");
+  EXPECT_EQ(reasonOf(1).state, CellState::kMissing);
+  folder.Put("logs/cell-0002.log", std::string(10'000, 'x') + "y");
+  EXPECT_EQ(reasonOf(2).reason, std::string(4095, 'x') + "y");
+  ASSERT_EQ(mkfifo((folder / "logs/cell-0003.log").c_str(), 0666), 0);
+  EXPECT_EQ(reasonOf(3).reason, "");
 }
 
 class PlanTest : public ::testing::Test {
@@ -474,11 +518,18 @@ TEST_F(PlanTest, ASecondRunnerOfACellIsToldWhoHasIt) {
   EXPECT_THAT(second.errors, AllOf(HasSubstr("attempts/cell-0001 is in use: another stress_scope"),
                                    HasSubstr("process " + std::to_string(first->Id()))));
   EXPECT_EQ(RunCount(), 1);
+  // Whoever waits, waits for its end, and has the cell then.
+  const auto third =
+      std::make_unique<ChildProcess>(ProgramOptions(STRESS_SCOPE, CellOf(1, {"--wait", "0.3"})));
+  EXPECT_THAT(WaitFor(*third).errors, HasSubstr("is in use"));
+  const auto fourth =
+      std::make_unique<ChildProcess>(ProgramOptions(STRESS_SCOPE, CellOf(1, {"--wait", "60"})));
   // Another cell of the plan is free.
   folder_.Put("benchmark.go", "");
   EXPECT_EQ(RunCell(2).status, 0);
   first->Signal(SIGINT);
   (void)WaitFor(*first);
+  EXPECT_EQ(WaitFor(*fourth).status, 0);
   EXPECT_EQ(RunCell(1).status, 0) << "the lock stays";
 }
 

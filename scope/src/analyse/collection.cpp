@@ -3,18 +3,23 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <system_error>
 
 #include "cell_file.h"
 #include "cell_folder.h"
 #include "errors.h"
+#include "folder_file.h"
 #include "run_reader.h"
 
 namespace scope {
 namespace {
 
 namespace fs = std::filesystem;
+
+// Of a log. A message of the scope is shorter.
+constexpr std::size_t kMostReasonBytes = 4096;
 
 // Why the record is not one of this cell; empty if it is.
 std::string WhyForeign(const CellRecord& record, const std::string& plan, std::size_t number) {
@@ -47,10 +52,19 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
   return status;
 }
 
+// Of a cell in whose folders nothing is. Its job may have said why.
+CellStatus StatusFromLog(const std::string& root, const std::string& cellFolder) {
+  CellStatus status;
+  const std::string name = std::string(kLogsName) + "/" + cellFolder + ".log";
+  status.reason = LastLine(root + "/" + name, kMostReasonBytes);
+  if (!status.reason.empty()) status.folder = name;
+  return status;
+}
+
 CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder) {
   const int last = LastAttempt(root, cellFolder);
   CellStatus status{CellState::kUnfinished, "", AttemptFolder(cellFolder, last), ""};
-  if (last == 0) return {};
+  if (last == 0) return StatusFromLog(root, cellFolder);
   const std::string folder = root + "/" + status.folder;
   try {
     const std::optional<CellRecord> record = ReadCell(folder);
@@ -69,6 +83,19 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder)
     status.reason = error.what();
   }
   return status;
+}
+
+// "2,5-9" of numbers that rise.
+std::string Ranges(const std::vector<std::size_t>& numbers) {
+  std::string text;
+  for (std::size_t first = 0; first < numbers.size(); ++first) {
+    std::size_t last = first;
+    while (last + 1 < numbers.size() && numbers[last + 1] == numbers[last] + 1) ++last;
+    text += (text.empty() ? "" : ",") + std::to_string(numbers[first]);
+    if (last > first) text += "-" + std::to_string(numbers[last]);
+    first = last;
+  }
+  return text;
 }
 
 }  // namespace
@@ -92,15 +119,24 @@ std::size_t CountOf(const std::vector<CellStatus>& cells, CellState state) {
 }
 
 std::string NumbersToRun(const std::vector<CellStatus>& cells) {
-  std::string text;
-  for (std::size_t first = 0; first < cells.size(); ++first) {
-    if (cells[first].state == CellState::kDone) continue;
-    std::size_t last = first;
-    while (last + 1 < cells.size() && cells[last + 1].state != CellState::kDone) ++last;
-    text += (text.empty() ? "" : ",") + std::to_string(first + 1);
-    if (last > first) text += "-" + std::to_string(last + 1);
-    first = last;
+  std::vector<std::size_t> numbers;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    if (cells[i].state != CellState::kDone) numbers.push_back(i + 1);
   }
+  return Ranges(numbers);
+}
+
+std::string NumbersToRunByBoard(const Plan& plan, const std::vector<CellStatus>& cells, bool onlyLost) {
+  std::map<std::string, std::vector<std::size_t>> boards;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    const CellState state = cells[i].state;
+    const bool hasFailed = state == CellState::kFailed || state == CellState::kDamaged;
+    if (state == CellState::kDone || (onlyLost && hasFailed)) continue;
+    boards[plan.cells[i].board].push_back(i + 1);
+  }
+  std::string text;
+  for (const auto& [board, numbers] : boards)
+    text += (board.empty() ? "-" : board) + " " + Ranges(numbers) + "\n";
   return text;
 }
 

@@ -10,7 +10,8 @@
 namespace scope {
 
 /// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. Reads
-/// cell.json and the sizes of files; of a cell that is not done also run.json of its last attempt.
+/// cell.json and the sizes of files; of a cell that is not done also run.json of its last attempt, or the log
+/// of its job.
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
                     std::size_t number);
 
@@ -22,5 +23,10 @@ std::size_t CountOf(const std::vector<CellStatus>& cells, CellState state);
 
 /// The numbers of the cells that are not done, as job schedulers take them: "2,5-9". Empty if all are done.
 std::string NumbersToRun(const std::vector<CellStatus>& cells);
+
+/// The same for each board, a line each: its name, or "-" for the cells of any board, and the numbers. If
+/// `onlyLost`, without the cells that failed or are damaged: those that were not begun, or that ended because
+/// a recorder or a machine did.
+std::string NumbersToRunByBoard(const Plan& plan, const std::vector<CellStatus>& cells, bool onlyLost);
 
 }  // namespace scope

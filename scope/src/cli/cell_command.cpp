@@ -17,6 +17,7 @@
 #include "live_view.h"
 #include "plan_file.h"
 #include "printable.h"
+#include "remote_cell.h"
 #include "series.h"
 #include "system_files.h"
 
@@ -28,6 +29,7 @@ struct CellCommand {
   std::size_t number = 0;
   RunSettings programs;
   CellOptions cell;
+  RemoteBoard on;
   Output output = Output::kText;
 };
 
@@ -64,17 +66,19 @@ int RunCellCommand(CellCommand& command) {
   (void)malloc_trim(0);
   CellOptions options = command.cell;
   options.planPath = command.plan;
-  if (!options.model.empty()) options.model = AbsolutePath(options.model);
+  const bool isHere = command.on.host.empty();
+  if (isHere && !options.model.empty()) options.model = AbsolutePath(options.model);
   const bool text = command.output == Output::kText;
   options.showsApply = text;
   if (text) {
     Print("cell " + std::to_string(command.number) + " of " + std::to_string(count) + ", " + CellLabel(cell) +
-          "\n");
+          (isHere ? "\n" : ", on " + Printable(command.on.host) + "\n"));
   }
-  const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+  const auto view = isHere && text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
   // Lives to the end: a signal after the run must not leave it half saved.
   Signals signals;
-  const CellOutcome outcome = RunCell(plan, cell, command.number, options, *view, signals);
+  const CellOutcome outcome = isHere ? RunCell(plan, cell, command.number, options, *view, signals)
+                                     : RunCellOn(command.on, plan, cell, command.number, options, signals);
   ShowOutcome(command, outcome);
   return outcome.state == CellState::kDone ? kExitOk : kExitFailure;
 }
@@ -96,14 +100,34 @@ void AddCell(CLI::App& app, int& status) {
   add("--board", options->cell.board, "NAME", "Name of this board; a cell of another one is refused");
   add("--model", options->cell.model, "FILE",
       "Model on this machine, instead of the one that the plan names");
+  command
+      ->add_option("--wait", options->cell.waitS,
+                   "Time to wait for the end of another process that records the cell")
+      ->type_name("SECONDS")
+      ->check(NumberFrom(0, kMostSeconds));
   add("--apply", options->cell.apply, "COMMAND",
       "Shell command that makes the settings of the cell; it gets NAME=VALUE for each");
+  CLI::Option* const on =
+      add("--on", options->on.host, "HOST",
+          "Run the cell on this board, by ssh, and bring the result back; --model, --apply and "
+          "programs are then those of the board");
+  add("--bundle", options->on.bundle, "FILE",
+      "With --on: programs to copy there once, a tar file of scripts/bundle (default: the board's own)")
+      ->needs(on);
+  add("--folder", options->on.folder, "DIR", "With --on: folder for all of this on the board")
+      ->needs(on)
+      ->capture_default_str();
+  add("--ssh-config", options->on.sshConfig, "FILE", "With --on: configuration of ssh (default: the user's)")
+      ->needs(on);
   AddPrograms(*command, options->programs, nullptr);
   AddOutput(*command, options->output);
   command->footer(
       "Example:\n"
       "  stress_scope cell night.json 3 --board b1 -o night");
   command->callback([options, &status] {
+    // Most boards are reached under their names.
+    const std::string& host = options->on.host;
+    if (options->cell.board.empty()) options->cell.board = host.substr(host.find('@') + 1);
     if (!options->cell.board.empty()) RequireBoardName(options->cell.board, "--board");
     status = RunCellCommand(*options);
   });

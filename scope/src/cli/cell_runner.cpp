@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cell_runner.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <iostream>
 #include <optional>
 
 #include "cell_file.h"
-#include "cell_folder.h"
 #include "cell_plan.h"
 #include "collection.h"
 #include "compare_figures.h"
@@ -30,18 +32,6 @@ namespace {
 
 std::string NumberedCell(std::size_t number) {
   return "cell " + std::to_string(number);
-}
-
-// Before anything is made.
-void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {
-  if (!cell.board.empty() && cell.board != options.board) {
-    throw UserError(NumberedCell(number) + " is for the board " + cell.board +
-                    (options.board.empty() ? ": say --board " + cell.board + " if this is it"
-                                           : ", and this is " + options.board));
-  }
-  if (cell.settings.empty() || !options.apply.empty()) return;
-  throw UserError(NumberedCell(number) + " has settings of the board (" + CellLabel(cell) +
-                  "): give the command that makes them with --apply");
 }
 
 // Writes the cell's configuration to `path`.
@@ -131,6 +121,34 @@ void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions&
 
 }  // namespace
 
+void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {
+  if (!cell.board.empty() && cell.board != options.board) {
+    throw UserError(NumberedCell(number) + " is for the board " + cell.board +
+                    (options.board.empty() ? ": say --board " + cell.board + " if this is it"
+                                           : ", and this is " + options.board));
+  }
+  if (cell.settings.empty() || !options.apply.empty()) return;
+  throw UserError(NumberedCell(number) + " has settings of the board (" + CellLabel(cell) +
+                  "): give the command that makes them with --apply");
+}
+
+CellFolders LockCell(const PlanCell& cell, const CellOptions& options, Signals& signals) {
+  constexpr int kBetweenTriesMs = 200;
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end =
+      Clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(options.waitS * 1000));
+  while (true) {
+    try {
+      return {options.root, cell.folder};
+    } catch (const FolderInUse&) {
+      if (Clock::now() >= end) throw;
+    }
+    pollfd wait = {signals.Descriptor(), POLLIN, 0};
+    (void)poll(&wait, 1, kBetweenTriesMs);
+    if (signals.TakeStop()) throw UserError("interrupted while another stress_scope had the cell");
+  }
+}
+
 bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
                 bool warns) {
   const CellStatus status = StatusOf(root, plan, cell, number);
@@ -146,21 +164,26 @@ bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell
   return false;
 }
 
-CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, const CellOptions& options,
-                    View& view, Signals& signals) {
-  RequireThisBoard(cell, number, options);
-  CellFolders folders(options.root, cell.folder);
-  if (!options.planPath.empty()) folders.PutPlan(options.planPath, plan.id);
+std::optional<CellOutcome> DoneBefore(CellFolders& folders, const Plan& plan, const PlanCell& cell,
+                                      std::size_t number, const CellOptions& options) {
   const CellOutcome before = {CellState::kDone, "", folders.Final(), false};
-  // Not before the lock: another runner may have finished it a moment ago.
   if (IsCellDone(options.root, plan.id, cell, number, options.warns)) {
     folders.RemoveAttemptsIfEmpty();
     return before;
   }
-  if (const std::optional<std::string> done = folders.Done(plan.id, number)) {
-    (void)folders.Publish(*done, plan.id, number);
-    return before;
-  }
+  const std::optional<std::string> done = folders.Done(plan.id, number);
+  if (!done) return std::nullopt;
+  (void)folders.Publish(*done, plan.id, number);
+  return before;
+}
+
+CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, const CellOptions& options,
+                    View& view, Signals& signals) {
+  RequireThisBoard(cell, number, options);
+  CellFolders folders = LockCell(cell, options, signals);
+  if (!options.planPath.empty()) folders.PutPlan(options.planPath, plan.id);
+  // Not before the lock: another runner may have finished it a moment ago.
+  if (const auto before = DoneBefore(folders, plan, cell, number, options)) return *before;
   const std::string attempt = folders.NewAttempt();
   try {
     CheckRecord(plan.settings);
@@ -178,8 +201,8 @@ CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, 
   RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
   folders.Finish(attempt, record);
   if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true};
-  if (!folders.Publish(attempt, plan.id, number)) return before;
-  return {CellState::kDone, "", folders.Final(), true};
+  const bool isNew = folders.Publish(attempt, plan.id, number);
+  return {CellState::kDone, "", folders.Final(), isNew};
 }
 
 }  // namespace scope

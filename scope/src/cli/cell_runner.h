@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
+#include "cell_folder.h"
 #include "live_figures.h"
 #include "plan.h"
 #include "signals.h"
@@ -18,8 +20,13 @@ struct CellOptions {
   std::string apply;        ///< shell command that makes the cell's settings of the board
   std::string planPath;     ///< the plan's file, which `root` gets a copy of; empty: none
   bool showsApply = false;  ///< the output of `apply` goes to standard error
+  double waitS = 0;         ///< for the end of another runner of the cell
   bool warns = true;        ///< of a cell that has to be recorded again because it is damaged
 };
+
+/// Throws UserError if the cell is for another board than `options.board`, or has settings of the board and
+/// `options.apply` makes none.
+void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options);
 
 struct CellOutcome {
   CellState state = CellState::kFailed;  ///< kDone, kFailed or kInterrupted
@@ -31,6 +38,14 @@ struct CellOutcome {
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.
 bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
                 bool warns);
+
+/// Locks the cell in `options.root`, as CellFolders. Waits up to `options.waitS` for another runner's end.
+/// Throws UserError if a signal came meanwhile.
+CellFolders LockCell(const PlanCell& cell, const CellOptions& options, Signals& signals);
+
+/// If the cell was done before: its outcome. A complete attempt that was not moved into place is moved there.
+std::optional<CellOutcome> DoneBefore(CellFolders& folders, const Plan& plan, const PlanCell& cell,
+                                      std::size_t number, const CellOptions& options);
 
 /// Runs the cell with this number, from 1, unless it is done. Its folder appears in one step, when everything
 /// in it is on the disk. `plan` needs no cells: many would take memory that is to be measured. An attempt

@@ -72,7 +72,8 @@ ChildProcess::ChildProcess(const Options& options) {
     (void)setpgid(0, 0);
     (void)prctl(PR_SET_PDEATHSIG, SIGINT);
     if (getppid() != parent) _exit(127);
-    (void)dup2(output.writeEnd, STDOUT_FILENO);
+    if (options.input >= 0) (void)dup2(options.input, STDIN_FILENO);
+    (void)dup2(options.output >= 0 ? options.output : output.writeEnd, STDOUT_FILENO);
     if (options.takeErrors) (void)dup2(errors.writeEnd, STDERR_FILENO);
     if (options.inherit >= 0) (void)fcntl(options.inherit, F_SETFD, 0);
     // Blocked and ignored signals would stay blocked and ignored after the exec.

@@ -9,8 +9,8 @@
 
 namespace scope {
 
-/// A child program in a process group of its own. Its standard output and, on request, its standard error are
-/// pipes. It gets SIGINT when this program dies.
+/// A child program in a process group of its own. Its standard output, unless it is given, and on request its
+/// standard error are pipes. It gets SIGINT when this program dies.
 class ChildProcess {
  public:
   struct Options {
@@ -18,6 +18,8 @@ class ChildProcess {
     std::vector<std::string> arguments;                            ///< without the program's name
     std::vector<std::pair<std::string, std::string>> environment;  ///< added to this program's
     int inherit = -1;                                              ///< a descriptor that the program inherits
+    int input = -1;                                                ///< standard input; -1: this program's
+    int output = -1;  ///< standard output, and Output() has nothing; -1: the pipe
     bool takeErrors = false;
   };
 

@@ -75,8 +75,9 @@ std::string NotDoneText(const Plan& plan, const std::vector<CellStatus>& cells, 
   std::size_t cut = 0;
   for (std::size_t i = 0; i < cells.size(); ++i) {
     const CellStatus& cell = cells[i];
-    // The table has their number, and there is nothing to say about them.
-    if (cell.state == CellState::kDone || cell.state == CellState::kMissing) continue;
+    // The table has their number, and there is nothing to say about most of them.
+    if (cell.state == CellState::kDone || (cell.state == CellState::kMissing && cell.reason.empty()))
+      continue;
     if (shown == kMostShown) {
       ++cut;
       continue;

@@ -15,6 +15,9 @@ namespace scope {
 
 constexpr const char* kAttemptsName = "attempts";
 
+/// What a job scheduler's jobs wrote: `root`/logs/CELL.log. The scope only reads it.
+constexpr const char* kLogsName = "logs";
+
 /// The number of the last attempt in `root`; 0 if there is none.
 int LastAttempt(const std::string& root, const std::string& cellFolder);
 
@@ -29,8 +32,8 @@ std::string MakeAttempt(const std::string& root, const std::string& cellFolder);
 /// operation throws UserError if the file system fails. Threads: one.
 class CellFolders {
  public:
-  /// Makes the folder of the attempts and locks it. Throws UserError, which names the process that has the
-  /// cell, if another runner has it, and if one of the folders is a link.
+  /// Makes the folder of the attempts and locks it. Throws FolderInUse, which names the process that has the
+  /// cell, if another runner has it, and UserError if one of the folders is a link.
   CellFolders(std::string root, std::string cellFolder);
   /// The folder of the cell when it is done.
   std::string Final() const { return root_ + "/" + cellFolder_; }

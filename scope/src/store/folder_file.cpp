@@ -69,6 +69,20 @@ std::optional<std::string> ReadFolderFile(const std::string& path, std::uint64_t
   return text;
 }
 
+std::string LastLine(const std::string& path, std::size_t mostBytes) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status{};
+  if (file.Number() < 0 || fstat(file.Number(), &status) != 0 || !S_ISREG(status.st_mode)) return "";
+  std::string text(mostBytes, '\0');
+  const auto most = static_cast<off_t>(mostBytes);
+  const ssize_t size =
+      pread(file.Number(), text.data(), text.size(), status.st_size > most ? status.st_size - most : 0);
+  text.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+  text.resize(text.find_last_not_of("\r\n \t") + 1);
+  const std::size_t feed = text.rfind('\n');
+  return feed == std::string::npos ? text : text.substr(feed + 1);
+}
+
 std::optional<std::string> HashFolderFile(const std::string& path, std::uint64_t mostBytes) {
   TextHash hash;
   const bool found =

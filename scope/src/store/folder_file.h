@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,6 +19,10 @@ constexpr std::uint64_t kMostTableBytes = 1ULL << 30;
 /// file (a pipe would wait for its writer, a device has no end), if it has more than `mostBytes`, and if it
 /// cannot be read.
 std::optional<std::string> ReadFolderFile(const std::string& path, std::uint64_t mostBytes);
+
+/// The last line of the text file `path` that is not empty, at most its last `mostBytes`. Empty if there is
+/// none, or no such regular file.
+std::string LastLine(const std::string& path, std::size_t mostBytes);
 
 /// HashOf the file's content, which is not kept in memory. Otherwise as ReadFolderFile.
 std::optional<std::string> HashFolderFile(const std::string& path, std::uint64_t mostBytes);

@@ -12,8 +12,6 @@
 #include <fstream>
 #include <system_error>
 
-#include "errors.h"
-
 namespace scope {
 namespace {
 
@@ -56,9 +54,9 @@ FolderLock::FolderLock(const std::string& folder)
   struct stat status{};
   const std::string holder = fstat(folder_, &status) == 0 ? Holder(status) : "";
   (void)close(folder_);
-  throw UserError(folder + " is in use: another stress_scope records into it" +
-                  (holder.empty() ? "" : ", process " + holder) +
-                  ". Wait for its end, or choose another folder");
+  throw FolderInUse(folder + " is in use: another stress_scope records into it" +
+                    (holder.empty() ? "" : ", process " + holder) +
+                    ". Wait for its end, or choose another folder");
 }
 
 FolderLock::~FolderLock() {
