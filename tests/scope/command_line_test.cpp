@@ -35,8 +35,8 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 
-constexpr const char* kCommands[] = {"record", "rates", "report", "sweep",  "compare",
-                                     "ab",     "plan",  "cell",   "collect"};
+constexpr const char* kCommands[] = {"record", "rates", "report", "sweep",   "compare",
+                                     "ab",     "plan",  "cell",   "collect", "fleet"};
 constexpr const char* kOneLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fps.";
 
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -134,7 +134,10 @@ TEST_F(CommandLineTest, EachHelpHasAnExampleAndFitsAHundredColumns) {
 // an option takes.
 std::string OptionsInManual(const std::string& command) {
   const bool isOfPlans = command == "plan" || command == "cell" || command == "collect";
-  std::string manual = scope::ReadText(isOfPlans ? SCOPE_PLAN_MANUAL : SCOPE_MANUAL).value_or("");
+  const char* const path = command == "fleet" ? SCOPE_FLEET_MANUAL
+                           : isOfPlans        ? SCOPE_PLAN_MANUAL
+                                              : SCOPE_MANUAL;
+  std::string manual = scope::ReadText(path).value_or("");
   manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
   const std::size_t from = manual.find(".SH OPTIONS");
   if (from == std::string::npos) return {};
@@ -332,6 +335,11 @@ TEST_F(CommandLineTest, FormatDescribesEveryKeyOfTheJson) {
                           .output),
           keys);
   AddKeys(Json::parse(RunTool({"collect", folder_ / "cells", "--json"}).output), keys);
+  AddKeys(
+      Json::parse(
+          RunTool({"fleet", folder_ / "cells", "--json", "--save-baseline", folder_ / "baseline"}).output),
+      keys);
+  AddKeys(Json::parse(folder_.Get("baseline")), keys);
   EXPECT_GT(keys.size(), 60U);
   for (const std::string& key : keys) EXPECT_TRUE(describes(key)) << key;
   EXPECT_FALSE(describes("no_such_key"));

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "cell_file.h"
 #include "cell_folder.h"
@@ -29,11 +30,11 @@ std::string WhyForeign(const CellRecord& record, const std::string& plan, std::s
 }
 
 CellStatus FinalStatus(const std::string& root, const std::string& plan, const PlanCell& cell,
-                       std::size_t number) {
+                       std::size_t number, CellCheck check, CellRecord* taken) {
   const std::string folder = root + "/" + cell.folder;
   CellStatus status{CellState::kDamaged, "", cell.folder, ""};
   try {
-    const std::optional<CellRecord> record = ReadCell(folder);
+    std::optional<CellRecord> record = ReadCell(folder);
     std::error_code ignored;
     if (!record && !fs::exists(fs::symlink_status(folder, ignored))) return {};
     if (!record) {
@@ -44,8 +45,10 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
     status.reason = WhyForeign(*record, plan, number);
     if (status.reason.empty() && record->state != CellState::kDone)
       status.reason = "cell.json says that it is " + std::string(NameOf(record->state));
-    if (status.reason.empty()) status.reason = WhatIsMissing(folder, *record);
-    if (status.reason.empty()) status.state = CellState::kDone;
+    if (status.reason.empty() && check == CellCheck::kFiles) status.reason = WhatIsMissing(folder, *record);
+    if (!status.reason.empty()) return status;
+    status.state = CellState::kDone;
+    if (taken != nullptr) *taken = std::move(*record);
   } catch (const UserError& error) {
     status.reason = error.what();
   }
@@ -101,8 +104,8 @@ std::string Ranges(const std::vector<std::size_t>& numbers) {
 }  // namespace
 
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
-                    std::size_t number) {
-  CellStatus status = FinalStatus(root, plan, cell, number);
+                    std::size_t number, CellCheck check, CellRecord* record) {
+  CellStatus status = FinalStatus(root, plan, cell, number, check, record);
   return status.state == CellState::kMissing ? AttemptStatus(root, cell.folder) : status;
 }
 

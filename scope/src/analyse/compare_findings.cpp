@@ -86,11 +86,12 @@ bool IsCounted(Trouble trouble) {
 }
 
 // "in 2 of 4 runs of B (17 in all)".
-std::string SideText(const Occurrence& occurrence, std::size_t runs, bool isCounted, const char* side) {
+std::string SideText(const Occurrence& occurrence, std::size_t runs, bool isCounted,
+                     const std::string& side) {
   double sum = 0;
   for (const double count : occurrence.counts) sum += count;
   std::string text =
-      Format("in %zu of %s of %s", occurrence.counts.size(), Counted(runs, "run").c_str(), side);
+      Format("in %zu of %s of ", occurrence.counts.size(), Counted(runs, "run").c_str()) + side;
   if (isCounted) text += Format(" (%.0f in all)", sum);
   if (!occurrence.example.empty()) text += " (" + occurrence.example + ")";
   return text;
@@ -104,8 +105,8 @@ bool IsClearlyMore(const Occurrence& a, std::size_t runsOfB, const Occurrence& b
 
 }  // namespace
 
-std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a,
-                                     const std::vector<SummarisedRun>& b) {
+std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const std::vector<SummarisedRun>& b,
+                                     const std::string& nameOfA, const std::string& nameOfB) {
   const Troubles ofA = Collect(a);
   const Troubles ofB = Collect(b);
   Troubles all = ofA;
@@ -116,14 +117,14 @@ std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a,
     const auto atB = ofB.find(key);
     const bool isCounted = IsCounted(key.first);
     std::vector<std::string> sides;
-    if (atA != ofA.end()) sides.push_back(SideText(atA->second, a.size(), isCounted, "A"));
-    if (atB != ofB.end()) sides.push_back(SideText(atB->second, b.size(), isCounted, "B"));
+    if (atA != ofA.end()) sides.push_back(SideText(atA->second, a.size(), isCounted, nameOfA));
+    if (atB != ofB.end()) sides.push_back(SideText(atB->second, b.size(), isCounted, nameOfB));
     Finding finding;
     finding.engine = key.second;
     finding.text =
         (key.second.empty() ? "" : key.second + ": ") + NameOf(key.first) + " " + Joined(sides, ", ");
-    if (atA == ofA.end()) finding.text += ", in none of A";
-    if (atB == ofB.end()) finding.text += ", in none of B";
+    if (atA == ofA.end()) finding.text += ", in none of " + nameOfA;
+    if (atB == ofB.end()) finding.text += ", in none of " + nameOfB;
     finding.worse = atB != ofB.end() &&
                     (atA == ofA.end() || (isCounted && IsClearlyMore(atA->second, b.size(), atB->second)));
     findings.push_back(std::move(finding));

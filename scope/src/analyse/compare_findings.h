@@ -24,8 +24,8 @@ struct SummarisedRun {
   RunSummary summary;
 };
 
-/// What any run of either side has.
-std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a,
-                                     const std::vector<SummarisedRun>& b);
+/// What any run of either side has. The sentences name the sides so.
+std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const std::vector<SummarisedRun>& b,
+                                     const std::string& nameOfA = "A", const std::string& nameOfB = "B");
 
 }  // namespace scope

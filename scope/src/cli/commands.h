@@ -24,6 +24,7 @@ void AddAb(CLI::App& app, int& status);
 void AddPlan(CLI::App& app, int& status);
 void AddCell(CLI::App& app, int& status);
 void AddCollect(CLI::App& app, int& status);
+void AddFleet(CLI::App& app, int& status);
 
 /// Add options that control the benchmark, which exclude `excluded` if it is not null: the programs and
 /// folders of this machine, how long and how a run is measured, and both.
@@ -51,7 +52,7 @@ void ShowComparison(const ComparedSides& sides, Output output, const TextStyle& 
 constexpr double kMostSeconds = 1e6;
 
 constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;   ///< the benchmark failed or the recording is incomplete
+constexpr int kExitFailure = 1;  ///< the benchmark failed, the recording is incomplete, or a board stands out
 constexpr int kExitBadUsage = 2;  ///< wrong arguments or bad input
 constexpr int kExitNotYet = 3;    ///< `collect`: nothing failed, but not all cells are done
 

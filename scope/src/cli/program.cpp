@@ -46,6 +46,7 @@ int Main(int argc, char** argv) {
   AddPlan(app, status);
   AddCell(app, status);
   AddCollect(app, status);
+  AddFleet(app, status);
   try {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();

@@ -23,6 +23,9 @@ Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
 Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                const std::string& comparison);
 
+/// The value with six digits: more than a chart shows, in a third of the space. Null if it is not finite.
+Json Rounded(double value);
+
 /// Names, titles and colours of these engines.
 Json EngineList(const std::vector<std::string>& engines);
 

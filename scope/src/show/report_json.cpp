@@ -20,11 +20,6 @@
 namespace scope {
 namespace {
 
-// Six digits are more than a chart shows, and take a third of the space.
-Json Rounded(double value) {
-  return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
-}
-
 template <typename Rows, typename Value>
 Json Column(const Rows& rows, Value value) {
   Json column = Json::array();
@@ -183,6 +178,10 @@ std::vector<std::string> ShownEngines(const std::vector<ReportedRun>& runs) {
 }
 
 }  // namespace
+
+Json Rounded(double value) {
+  return std::isfinite(value) ? Json(std::stod(Format("%.6g", value))) : Json(nullptr);
+}
 
 Json EngineList(const std::vector<std::string>& engines) {
   return Column(engines, [](const std::string& engine) {

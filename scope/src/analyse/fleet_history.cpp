@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include "fleet_verdict.h"
+#include "robust.h"
+#include "statistics.h"
+
+namespace scope {
+namespace {
+
+// Of fewer boards, a median says too little about the night.
+std::map<std::uint16_t, double> MediansOf(const FleetValue* first, const FleetValue* last,
+                                          std::size_t nights) {
+  std::map<std::uint16_t, std::vector<double>> values;
+  for (const FleetValue* value = first; value != last; ++value) {
+    if (value->night < nights) values[value->night].push_back(value->middle);
+  }
+  std::map<std::uint16_t, double> medians;
+  for (auto& [night, all] : values) {
+    if (all.size() >= kFewestForOutliers) medians[night] = Median(std::move(all));
+  }
+  return medians;
+}
+
+// The history of a board from its values [first, last). The boards of a fleet share what a night does to
+// them.
+std::optional<BoardHistory> BoardOf(const Fleet& fleet, const FleetValue* first, const FleetValue* last,
+                                    std::size_t nights, const std::map<std::uint16_t, double>& medians) {
+  std::vector<double> values;
+  std::vector<double> apart;
+  for (const FleetValue* value = first; value != last; ++value) {
+    const auto median = medians.find(value->night);
+    if (value->night >= nights || (!medians.empty() && median == medians.end())) continue;
+    values.push_back(value->middle);
+    apart.push_back(value->middle - (medians.empty() ? 0 : median->second));
+  }
+  if (values.empty()) return std::nullopt;
+  BoardHistory history;
+  history.board = fleet.boards[first->board];
+  history.nights = static_cast<int>(values.size());
+  history.middle = Median(std::move(values));
+  history.deviation = FindCentre(std::move(apart)).deviation;
+  return history;
+}
+
+}  // namespace
+
+std::pair<std::size_t, std::size_t> SpanOf(const Fleet& fleet, std::uint32_t measure) {
+  const auto less = [](const FleetValue& value, std::uint32_t wanted) { return value.measure < wanted; };
+  const auto begin = fleet.values.begin();
+  const auto from = std::lower_bound(begin, fleet.values.end(), measure, less);
+  const auto to = std::lower_bound(from, fleet.values.end(), measure + 1, less);
+  return {static_cast<std::size_t>(from - begin), static_cast<std::size_t>(to - begin)};
+}
+
+FleetHistory HistoryOf(const Fleet& fleet, std::size_t nights, const std::string& made) {
+  FleetHistory history;
+  history.setup = fleet.nights.back().setup;
+  history.made = made;
+  for (std::size_t night = 0; night < nights; ++night) {
+    if (fleet.nights[night].setup == history.setup) history.nights.push_back(fleet.nights[night].name);
+  }
+  for (std::uint32_t measure = 0; measure < fleet.measures.size(); ++measure) {
+    const auto [from, to] = SpanOf(fleet, measure);
+    const FleetValue* const last = fleet.values.data() + to;
+    const auto medians = MediansOf(fleet.values.data() + from, last, nights);
+    MeasureHistory one;
+    one.measure = fleet.measures[measure];
+    one.nights = static_cast<int>(medians.size());
+    std::vector<double> all;
+    for (const auto& [night, median] : medians) all.push_back(median);
+    if (all.size() > 1) one.deviation = StandardDeviation(all);
+    for (const FleetValue* first = fleet.values.data() + from; first != last;) {
+      const FleetValue* next = first;
+      while (next != last && next->board == first->board) ++next;
+      if (auto board = BoardOf(fleet, first, next, nights, medians)) one.boards.push_back(std::move(*board));
+      first = next;
+    }
+    if (!one.boards.empty()) history.measures.push_back(std::move(one));
+  }
+  return history;
+}
+
+}  // namespace scope

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fleet_text.h"
+#include "printable.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+// As text and as the value of an attribute. XML 1.0 has no place for most control characters, not even
+// escaped; Printable has none of them.
+std::string Escaped(const std::string& text) {
+  std::string escaped;
+  for (const char letter : Printable(text)) {
+    switch (letter) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      case '\n':
+        escaped += "&#10;";
+        break;
+      case '\t':
+        escaped += "&#9;";
+        break;
+      default:
+        escaped += letter;
+    }
+  }
+  return escaped;
+}
+
+std::string Element(const char* name, const char* type, const std::vector<std::string>& lines) {
+  const std::string first = lines.empty() ? "" : lines.front();
+  return "      <" + std::string(name) + " type=\"" + type + "\" message=\"" + Escaped(first) + "\">" +
+         Escaped(Joined(lines, "\n")) + "</" + name + ">\n";
+}
+
+// What is wrong with the board, by line.
+std::vector<std::string> LinesOf(const FleetReport& report, std::uint32_t board) {
+  std::vector<std::string> lines;
+  for (const FleetFinding& finding : FindingsOf(report.verdict, board))
+    lines.push_back(FindingText(report, finding));
+  for (const FleetReasons& reasons : report.reasons) {
+    if (reasons.board != board) continue;
+    for (const ConditionDifference& one : reasons.conditions)
+      lines.push_back(one.name + ": " + one.b + "; typical boards: " + one.a);
+    lines.insert(lines.end(), reasons.troubles.begin(), reasons.troubles.end());
+  }
+  return lines;
+}
+
+// One pass over the cells that are not done, not one a board.
+std::vector<std::vector<std::string>> NotDoneOf(const Fleet& fleet) {
+  std::vector<std::vector<std::string>> lines(fleet.boards.size());
+  for (const FleetCell& cell : fleet.notDone) lines[cell.board].push_back(CellText(cell));
+  return lines;
+}
+
+// The content of the board's test: one element at most, as readers of the format expect.
+std::string ResultOf(BoardState state, std::vector<std::string> lines,
+                     const std::vector<std::string>& notDone) {
+  lines.insert(lines.end(), notDone.begin(), notDone.end());
+  switch (state) {
+    case BoardState::kOdd:
+    case BoardState::kWorse:
+      return Element("failure", NameOf(state), lines);
+    case BoardState::kFailed:
+      return Element("error", NameOf(state), lines);
+    case BoardState::kNoRuns:
+      lines.insert(lines.begin(), "no runs in this night");
+      return Element("error", NameOf(state), lines);
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+std::string FleetJunit(const FleetReport& report) {
+  const Fleet& fleet = report.fleet;
+  const std::string night = fleet.nights.back().name;
+  const auto notDone = NotDoneOf(fleet);
+  std::string tests;
+  std::size_t count = 0;
+  for (std::uint32_t board = 0; board < fleet.boards.size(); ++board) {
+    const BoardState state = report.verdict.boards[board].state;
+    const bool isIncomplete = state == BoardState::kIncomplete;
+    if (state == BoardState::kAbsent) continue;
+    ++count;
+    tests += "    <testcase classname=\"" + Escaped("fleet." + night) + "\" name=\"" +
+             Escaped(fleet.boards[board]) + "\" time=\"0\">\n" +
+             ResultOf(state, LinesOf(report, board), notDone[board]);
+    // It is not wrong, but whoever reads wants to know.
+    if (isIncomplete)
+      tests += "      <system-out>" + Escaped(Joined(notDone[board], "\n")) + "</system-out>\n";
+    tests += "    </testcase>\n";
+  }
+  std::vector<std::string> changes;
+  for (std::size_t i = 0; i < report.verdict.measures.size(); ++i) {
+    const auto& change = report.verdict.measures[i].change;
+    if (change && change->worse)
+      changes.push_back("the whole fleet is worse than before: " + MeasureTitle(fleet.measures[i], true) +
+                        Format(" %+.1f %%", change->differencePercent));
+  }
+  ++count;
+  tests += "    <testcase classname=\"" + Escaped("fleet." + night) +
+           "\" name=\"(the whole fleet)\" time=\"0\">\n" +
+           (changes.empty() ? "" : Element("failure", "worse", changes)) + "    </testcase>\n";
+  const FleetVerdict& verdict = report.verdict;
+  const std::size_t failures =
+      CountOf(verdict, BoardState::kOdd) + CountOf(verdict, BoardState::kWorse) + (changes.empty() ? 0 : 1);
+  const std::size_t errors = CountOf(verdict, BoardState::kFailed) + CountOf(verdict, BoardState::kNoRuns);
+  const std::string counts =
+      Format(" tests=\"%zu\" failures=\"%zu\" errors=\"%zu\" time=\"0\"", count, failures, errors);
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts + ">\n  <testsuite name=\"" +
+         Escaped("stress_scope fleet " + night) + "\"" + counts + ">\n" + tests +
+         "  </testsuite>\n</testsuites>\n";
+}
+
+}  // namespace scope

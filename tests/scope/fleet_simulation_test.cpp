@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// How often boards are called odd or worse, over made-up fleets with a known truth. Prints the table that
+// docs/fleet.md shows.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "fleet_verdict.h"
+#include "made_fleet.h"
+
+namespace {
+
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+// Of each row. FLEET_SIMULATIONS sets another number, to know the shares more exactly.
+int Fleets() {
+  const char* const given = std::getenv("FLEET_SIMULATIONS");
+  return given != nullptr ? std::max(10, std::atoi(given)) : 40;
+}
+const int kFleets = Fleets();
+
+// The greatest share that a true share of `goal` exceeds in one of 1000 simulations: the normal approximation
+// with 3.1 standard errors, and one case more.
+double AtMost(double goal, int cases) {
+  return goal + 3.1 * std::sqrt(goal * (1 - goal) / cases) + 1.0 / cases;
+}
+
+struct Tally {
+  int found = 0;    ///< board 0 stands out
+  int falsely = 0;  ///< another board does, or the fleet
+};
+
+Tally Simulate(const MadeSize& size, const MadeFault& fault, std::uint64_t seed,
+               const MadeScatter& scatter = {}) {
+  Tally tally;
+  for (int i = 0; i < kFleets; ++i) {
+    const Fleet fleet = MadeFleet(seed + static_cast<std::uint64_t>(i), size, fault, scatter).InMemory();
+    const FleetVerdict verdict = JudgeFleet(fleet, HistoryOf(fleet, fleet.nights.size() - 1, ""), {});
+    const bool isFound = std::count(verdict.standOut.begin(), verdict.standOut.end(), 0U) != 0;
+    bool isFleetWorse = false;
+    for (const MeasureVerdict& measure : verdict.measures)
+      isFleetWorse |= measure.change && measure.change->worse;
+    tally.found += isFound ? 1 : 0;
+    tally.falsely += verdict.standOut.size() > (isFound ? 1 : 0) || isFleetWorse ? 1 : 0;
+  }
+  return tally;
+}
+
+void PrintRow(const char* what, const MadeSize& size, const Tally& tally) {
+  std::printf("| %-44s | %6d | %6d | %7d | %5.1f %% | %5.1f %% |\n", what, size.boards, size.nights,
+              size.repeats, 100.0 * tally.found / kFleets, 100.0 * tally.falsely / kFleets);
+}
+
+void PrintHead() {
+  std::printf(
+      "| board 0                                      | boards | nights | repeats | found   | false   |\n"
+      "|---|---|---|---|---|---|\n");
+}
+
+TEST(FleetSimulation, AGoodFleetHasNoOddBoard) {
+  PrintHead();
+  for (const MadeSize& size : {MadeSize{3, 8, 4}, MadeSize{5, 8, 4}, MadeSize{8, 8, 1}, MadeSize{20, 8, 4},
+                               MadeSize{100, 1, 4}, MadeSize{100, 4, 1}, MadeSize{100, 8, 4}}) {
+    Tally tally = Simulate(size, {}, 1000);
+    tally.falsely += tally.found;
+    tally.found = 0;
+    PrintRow("good", size, tally);
+    EXPECT_LE(static_cast<double>(tally.falsely) / kFleets, AtMost(0.05, kFleets)) << size.boards;
+  }
+}
+
+TEST(FleetSimulation, TheBadBoardIsFoundAndNoOtherIsCalledOdd) {
+  PrintHead();
+  const struct {
+    const char* what;
+    MadeSize size;
+    MadeFault fault;
+  } kRows[] = {{"one engine 12 % slower", {100, 8, 4}, {0.88, 1, false}},
+               {"all engines 10 % slower", {100, 8, 4}, {1, 0.9, false}},
+               {"one engine 10 % slower since the last night", {100, 8, 4}, {0.9, 1, true}}};
+  for (const auto& row : kRows) {
+    const Tally tally = Simulate(row.size, row.fault, 2000);
+    PrintRow(row.what, row.size, tally);
+    EXPECT_EQ(tally.found, kFleets) << row.what;
+    EXPECT_LE(static_cast<double>(tally.falsely) / kFleets, AtMost(0.05, kFleets)) << row.what;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,421 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Many boards over nights: what is read of their folders, which boards stand out, and what is written about
+// them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "errors.h"
+#include "fleet_baseline.h"
+#include "fleet_reader.h"
+#include "fleet_text.h"
+#include "made_fleet.h"
+#include "made_run.h"
+#include "page_json.h"
+#include "robust.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+using Json = nlohmann::json;
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+namespace fs = std::filesystem;
+
+template <typename Call>
+std::string MessageOf(Call call) {
+  try {
+    call();
+  } catch (const UserError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+TEST(RobustTest, TheCentreIsThatOfMostValues) {
+  const RobustCentre centre = FindCentre({1, 2, 3, 4, 5, 6, 7, 8, 1e9, 1e9});
+  EXPECT_DOUBLE_EQ(centre.middle, 5.5);
+  EXPECT_NEAR(centre.deviation, 2.5 / 0.67449 * 10 / 9.2, 1e-3);
+  EXPECT_EQ(FindCentre({4}).deviation, 0);
+  // More than half are the same: the scale is that of the rest.
+  EXPECT_GT(FindCentre({1, 1, 1, 1, 1, 1, 1, 2, 2, 2}).deviation, 0);
+  EXPECT_THROW((void)FindCentre({}), std::invalid_argument);
+}
+
+// The example with which the test was published.
+TEST(RobustTest, FindsThePublishedOutliers) {
+  const std::vector<double> values = {-0.25, 0.68, 0.94, 1.15, 1.20, 1.26, 1.26, 1.34, 1.38, 1.43, 1.49,
+                                      1.49,  1.55, 1.56, 1.58, 1.65, 1.69, 1.70, 1.76, 1.77, 1.81, 1.91,
+                                      1.94,  1.96, 1.99, 2.06, 2.09, 2.10, 2.14, 2.15, 2.23, 2.24, 2.26,
+                                      2.35,  2.37, 2.40, 2.47, 2.54, 2.62, 2.64, 2.90, 2.92, 2.92, 2.93,
+                                      3.21,  3.26, 3.30, 3.59, 3.68, 4.30, 4.64, 5.34, 5.42, 6.01};
+  EXPECT_THAT(FindOutliers(values, 0.05).odd, ElementsAre(53, 52, 51));
+  EXPECT_THAT(FindOutliers(values, 0.01).odd, IsEmpty());
+  EXPECT_THROW((void)FindOutliers({1, 2, 3, 4}, 0.05), std::invalid_argument);
+}
+
+TEST(RobustTest, TwoFifthsMayBeOddAndEqualValuesAreNot) {
+  std::vector<double> values;
+  for (int i = 0; i < 100; ++i) values.push_back(i < 35 ? 50 + i : std::sin(i));
+  EXPECT_EQ(FindOutliers(values, 0.05).odd.size(), 35U);
+  EXPECT_THAT(FindOutliers(std::vector<double>(50, 3.5), 0.05).odd, IsEmpty());
+  std::vector<double> one(50, 3.5);
+  one[7] = 3.6;
+  EXPECT_THAT(FindOutliers(one, 0.05).odd, ElementsAre(7));
+}
+
+FleetReport Judged(Fleet fleet, FleetOptions options = {}) {
+  FleetReport report;
+  report.fleet = std::move(fleet);
+  report.options = std::move(options);
+  report.verdict =
+      JudgeFleet(report.fleet, HistoryOf(report.fleet, report.fleet.nights.size() - 1, ""), report.options);
+  report.reasons = FindReasons(report.fleet, report.verdict);
+  return report;
+}
+
+TEST(FleetVerdictTest, NamesTheBoardThatIsOddAndTheFigure) {
+  const FleetReport report = Judged(MadeFleet(1, {40, 6, 4}, {0.8, 1, false}).InMemory());
+  ASSERT_THAT(report.verdict.standOut, ElementsAre(0));
+  EXPECT_EQ(report.verdict.boards[0].state, BoardState::kOdd);
+  EXPECT_FALSE(report.verdict.isGood);
+  const FleetFinding& finding = report.verdict.findings.at(0);
+  EXPECT_EQ(report.fleet.measures[finding.measure].engine, "cpu");
+  EXPECT_NEAR(finding.differencePercent, -20, 6);
+  EXPECT_LT(finding.value, finding.low);
+  EXPECT_THAT(FindingText(report, finding), StartsWith("odd: cpu ops/s is "));
+  // It was so before: it is not worse than its own history.
+  EXPECT_FALSE(report.verdict.boards[0].worse);
+}
+
+TEST(FleetVerdictTest, ABoardThatGotSlowerIsWorseThanBefore) {
+  const FleetReport report = Judged(MadeFleet(1, {40, 8, 4}, {0.85, 1, true}).InMemory());
+  ASSERT_THAT(report.verdict.standOut, ElementsAre(0));
+  EXPECT_TRUE(report.verdict.boards[0].worse);
+  EXPECT_THAT(FleetSentence(report),
+              HasSubstr("night7: 1 of 40 boards to look at: 1 odd; all 160 cells done"));
+}
+
+TEST(FleetVerdictTest, OneBoardAloneIsComparedWithItsOwnNights) {
+  const MadeScatter calm = {0.005, 0, 0};
+  const FleetReport bad = Judged(MadeFleet(3, {1, 12, 4}, {1, 0.8, true}, calm).InMemory());
+  EXPECT_EQ(bad.verdict.boards[0].state, BoardState::kWorse);
+  EXPECT_THAT(bad.verdict.notes, Contains(HasSubstr("not compared with each other: that takes 5 boards")));
+  EXPECT_TRUE(Judged(MadeFleet(3, {1, 12, 4}, {}, calm).InMemory()).verdict.isGood);
+}
+
+TEST(FleetVerdictTest, ABoardThatGotFasterIsNotWorse) {
+  const FleetReport report = Judged(MadeFleet(3, {3, 12, 4}, {1, 1.3, true}, {0.005, 0, 0}).InMemory());
+  EXPECT_TRUE(report.verdict.isGood);
+}
+
+// All boards have got slower, by an update for example: no board is odd, but the fleet is worse.
+TEST(FleetVerdictTest, AFleetThatGotSlowerAsAWholeIsWorse) {
+  Fleet fleet = MadeFleet(5, {20, 10, 4}, {}, {0.01, 0.01, 0.002}).InMemory();
+  for (FleetValue& value : fleet.values) {
+    if (value.night == 9) value.middle -= 0.1;
+  }
+  const FleetReport report = Judged(std::move(fleet));
+  EXPECT_THAT(report.verdict.standOut, IsEmpty());
+  EXPECT_FALSE(report.verdict.isGood);
+  EXPECT_EQ(ExitStatusOf(report.verdict), 1);
+  EXPECT_THAT(FleetSentence(report), HasSubstr("; the whole fleet is worse than before: cpu ops/s -"));
+  EXPECT_THAT(FleetJunit(report),
+              HasSubstr("name=\"(the whole fleet)\" time=\"0\">\n      <failure type=\"worse\""));
+}
+
+TEST(FleetVerdictTest, ASmallDifferenceIsNoFinding) {
+  Fleet fleet = MadeFleet(1, {40, 6, 4}, {0.985, 1, false}, {0.0001, 0.0001, 0}).InMemory();
+  FleetOptions exact;
+  exact.tolerancePercent = 1;
+  EXPECT_TRUE(Judged(fleet).verdict.isGood);
+  EXPECT_FALSE(Judged(fleet, exact).verdict.isGood);
+}
+
+TEST(FleetVerdictTest, OtherFiguresAreJudgedIfTheyAreNamed) {
+  FleetOptions options;
+  options.figures = {Figure::kP99};
+  const Fleet fleet = MadeFleet(1, {40, 6, 4}, {0.8, 1, false}).InMemory();
+  EXPECT_TRUE(Judged(fleet, options).verdict.isGood) << "no board has a p99";
+}
+
+class FleetFolderTest : public ::testing::Test {
+ protected:
+  // DIR with nights; board b0 has the fault.
+  void Make(int nights, const MadeFault& fault = {}, const MadeSize& size = {6, 0, 2}) {
+    MadeFleet fleet(7, size, fault, {0.004, 0.002, 0});
+    for (int night = 1; night <= nights; ++night) fleet.Write(Night(night), night == nights);
+  }
+  std::string Dir() const { return folder_ / "nights"; }
+  std::string Night(int number) const { return folder_ / Format("nights/2026-11-%02d", number); }
+  std::string CellFile(int night, int cell) const {
+    return Night(night) + "/" + CellFolder(static_cast<std::size_t>(cell)) + "/cell.json";
+  }
+
+  // Changes a cell's file.
+  void Edit(const std::string& path, const std::function<void(Json&)>& edit) const {
+    Json json = Json::parse(std::ifstream(path));
+    edit(json);
+    std::ofstream(path) << json.dump();
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(FleetFolderTest, ReadsNightsInTheOrderOfTheirNames) {
+  Make(3);
+  const Fleet fleet = ReadFleet(Dir());
+  ASSERT_EQ(fleet.nights.size(), 3U);
+  EXPECT_EQ(fleet.nights[0].name, "2026-11-01");
+  EXPECT_EQ(fleet.nights[2].name, "2026-11-03");
+  EXPECT_EQ(fleet.boards.size(), 6U);
+  EXPECT_EQ(fleet.measures.size(), 21U);
+  EXPECT_EQ(fleet.values.size(), 21U * 6 * 3);
+  EXPECT_EQ(fleet.values[0].runs, 2);
+  EXPECT_THAT(fleet.notDone, IsEmpty());
+  // As the maker has them in memory.
+  const Fleet made = MadeFleet(7, {6, 3, 2}, {}, {0.004, 0.002, 0}).InMemory();
+  EXPECT_NEAR(fleet.values[0].middle, made.values[0].middle, 1e-9);
+  const Fleet one = ReadFleet(Night(2) + "/");
+  ASSERT_EQ(one.nights.size(), 1U);
+  EXPECT_EQ(one.nights[0].name, "2026-11-02");
+}
+
+TEST_F(FleetFolderTest, SaysWhatIsMissing) {
+  Make(2);
+  fs::remove_all(Night(2) + "/cell-0003");
+  fs::remove_all(Night(2) + "/cell-0011");
+  fs::remove_all(Night(2) + "/cell-0012");
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(report.verdict.boards[1].state, BoardState::kIncomplete);
+  EXPECT_EQ(report.verdict.boards[5].state, BoardState::kNoRuns);
+  EXPECT_FALSE(report.verdict.isGood);
+  EXPECT_THAT(FleetText(report, {}), AllOf(HasSubstr("1 without runs; 3 of 12 cells not done"),
+                                           HasSubstr("3 cells missing\nno runs: b5\n")));
+  const Json json = Json::parse(FleetJson(report));
+  EXPECT_EQ(json.at("not_done_cells"), 3);
+  EXPECT_EQ(json.at("not_done").at(0).at("board"), "b1");
+  EXPECT_EQ(json.at("counts").at("no runs"), 1);
+}
+
+TEST_F(FleetFolderTest, ACellThatFailedIsNamedWithItsReason) {
+  Make(1);
+  fs::create_directories(Night(1) + "/attempts/cell-0002");
+  fs::rename(Night(1) + "/cell-0002", Night(1) + "/attempts/cell-0002/1");
+  Edit(Night(1) + "/attempts/cell-0002/1/cell.json", [](Json& json) {
+    json["state"] = "failed";
+    json["reason"] = "the benchmark ended with status 9";
+  });
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(report.verdict.boards[0].state, BoardState::kFailed);
+  EXPECT_THAT(FleetText(report, {}),
+              HasSubstr("! cell 2 (b0: CPU=1, repeat 2) failed: the benchmark ended with status 9; see "
+                        "attempts/cell-0002/1\n"));
+  EXPECT_THAT(FleetJunit(report),
+              HasSubstr("<error type=\"failed\" message=\"cell 2 (b0: CPU=1, repeat 2) failed: the"));
+}
+
+// Whatever a cell.json holds, the other cells are judged, and the figures of this one are not.
+TEST_F(FleetFolderTest, HostileCellsAreDamaged) {
+  Make(1);
+  const std::vector<std::pair<const char*, std::function<void(Json&)>>> edits = {
+      {"is of another plan", [](Json& json) { json["plan"] = "x"; }},
+      {"is of cell 9", [](Json& json) { json["number"] = 9; }},
+      {"expected a whole number", [](Json& json) { json["number"] = 1.5; }},
+      {"names of a board", [](Json& json) { json["board"] = "<b>\x1b[31m"; }},
+      {"board: expected \"b0\", found \"b1\"", [](Json& json) { json["board"] = "b1"; }},
+      {"numbers from 0 on, found -1", [](Json& json) { json["figures"]["cpu"]["ops"] = -1; }},
+      {"type must be number", [](Json& json) { json["figures"]["cpu"]["ops"] = nullptr; }},
+      {"not a cell", [](Json& json) { json["kind"] = "run"; }}};
+  const std::string path = CellFile(1, 1);
+  const std::string good = folder_.Get("nights/2026-11-01/cell-0001/cell.json");
+  for (const auto& [reason, edit] : edits) {
+    Edit(path, edit);
+    const Fleet fleet = ReadFleet(Dir());
+    ASSERT_EQ(fleet.notDone.size(), 1U) << reason;
+    EXPECT_EQ(fleet.notDone[0].state, CellState::kDamaged) << reason;
+    EXPECT_THAT(fleet.notDone[0].reason, HasSubstr(reason));
+    EXPECT_EQ(fleet.boards.size(), 6U) << reason;
+    folder_.Put("nights/2026-11-01/cell-0001/cell.json", good);
+  }
+  for (const std::string text : {"", "{", "[]", "1e999", "{\"format\":1e9}", "\xff\xfe"}) {
+    folder_.Put("nights/2026-11-01/cell-0001/cell.json", text);
+    EXPECT_EQ(ReadFleet(Dir()).notDone.at(0).state, CellState::kDamaged) << text;
+  }
+  fs::remove(path);
+  fs::create_symlink("cell.json", path);  // it leads to itself
+  EXPECT_EQ(ReadFleet(Dir()).notDone.at(0).state, CellState::kDamaged);
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(ReadFleet(Dir()).notDone.at(0).state, CellState::kDamaged);
+}
+
+TEST_F(FleetFolderTest, UnknownFiguresAreNotComparedAndHugeNumbersDoNoHarm) {
+  Make(1);
+  Edit(CellFile(1, 1), [](Json& json) {
+    json["figures"]["cpu"] = {{"ops", 1e308}, {"later", 1}};
+    json["figures"]["npu"] = {{"ops", 1}};
+    json["figures"]["vpc"]["ops"] = 0;
+  });
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(report.fleet.measures.size(), 21U);
+  EXPECT_EQ(report.verdict.boards[0].state, BoardState::kOdd);
+  EXPECT_NO_THROW((void)Json::parse(FleetJson(report)));
+  EXPECT_THAT(FleetText(report, {}), Not(HasSubstr("nan")));
+}
+
+TEST_F(FleetFolderTest, NightsOfAnotherKindAreLeftOutAndTheUserIsTold) {
+  Make(3);
+  fs::create_directories(Dir() + "/notes");
+  folder_.Put("nights/readme.txt", "");
+  folder_.Put("nights/2026-11-01/plan.json", "{");
+  Edit(Night(2) + "/plan.json", [](Json& json) { json["stop_after_s"] = 99; });
+  const Fleet fleet = ReadFleet(Dir());
+  EXPECT_EQ(fleet.nights.size(), 2U);
+  EXPECT_THAT(fleet.notes,
+              ElementsAre("left out, because there is no plan.json: notes",
+                          HasSubstr("the night 2026-11-01 is left out: "),
+                          HasSubstr("1 night not compared: the configuration or the times differ")));
+  folder_.Put("nights/2026-11-03/plan.json", "{");
+  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(Dir()); }), HasSubstr("2026-11-03/plan.json: "));
+  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(folder_ / "none"); }), HasSubstr("cannot read the folder "));
+  fs::create_directories(folder_ / "empty");
+  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(folder_ / "empty"); }),
+              HasSubstr("one a night; found no plan.json"));
+}
+
+TEST(SetupTest, IsTheConfigurationWithoutLevelsAndTheTimes) {
+  Plan plan;
+  plan.configText = "CPU:\n  Level: 1\nVENC: {Level: 0x2}\nfile: a\n";
+  Plan other = plan;
+  other.configText = "CPU:\n  Level: 10\nVENC: {Level: 7}\nfile: a\n";
+  EXPECT_EQ(SetupOf(plan), SetupOf(other));
+  other.configText = "CPU:\n  Level: 10\nVENC: {Level: 7}\nfile: b\n";
+  EXPECT_NE(SetupOf(plan), SetupOf(other));
+  other = plan;
+  other.settings.warmupS = 6;
+  EXPECT_NE(SetupOf(plan), SetupOf(other));
+  other.configText = "Level:";
+  (void)SetupOf(other);
+}
+
+TEST_F(FleetFolderTest, ABaselineIsReadAsItWasWritten) {
+  Make(4);
+  const Fleet fleet = ReadFleet(Dir());
+  const FleetHistory history = HistoryOf(fleet, 4, "2026-11-22T06:00:00Z");
+  WriteBaseline(folder_ / "good.json", history);
+  const FleetHistory read = ReadBaseline(folder_ / "good.json");
+  EXPECT_EQ(read.setup, fleet.nights[3].setup);
+  EXPECT_EQ(read.nights, history.nights);
+  ASSERT_EQ(read.measures.size(), 21U);
+  EXPECT_EQ(read.measures[3].boards[2].middle, history.measures[3].boards[2].middle);
+  EXPECT_EQ(read.measures[3].boards[2].nights, 4);
+  const FleetVerdict verdict = JudgeFleet(fleet, read, {});
+  EXPECT_EQ(verdict.judgedBefore, 6U);
+}
+
+TEST_F(FleetFolderTest, ADamagedBaselineIsRefused) {
+  Make(3);
+  WriteBaseline(folder_ / "good.json", HistoryOf(ReadFleet(Dir()), 3, "now"));
+  const std::string good = folder_.Get("good.json");
+  const std::vector<std::pair<const char*, std::function<void(Json&)>>> edits = {
+      {"not a baseline of a fleet", [](Json& json) { json["kind"] = "cell"; }},
+      {"written in format 2", [](Json& json) { json["format"] = 2; }},
+      {"setup: expected 16 digits", [](Json& json) { json["setup"] = ""; }},
+      {"measure 1: unknown figure", [](Json& json) { json["measures"][0]["figure"] = "x"; }},
+      {"measure 1: deviation: expected a number from 0",
+       [](Json& json) { json["measures"][0]["deviation"] = -1; }},
+      {"measure 1: b0: nights: expected", [](Json& json) { json["measures"][0]["boards"][0][3] = 1.5; }},
+      {"measure 1: b0: expected at least one night",
+       [](Json& json) { json["measures"][0]["boards"][0][3] = 0; }},
+      {"measure 1: board: expected 1 to 64",
+       [](Json& json) { json["measures"][0]["boards"][0][0] = "\x1b"; }}};
+  for (const auto& [reason, edit] : edits) {
+    Edit(folder_ / "good.json", edit);
+    EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "good.json"); }),
+                AllOf(StartsWith(folder_ / "good.json"), HasSubstr(reason)));
+    folder_.Put("good.json", good);
+  }
+  folder_.Put("good.json", good.substr(0, good.size() / 2));
+  EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "good.json"); }), HasSubstr("good.json: "));
+  EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "none.json"); }),
+              HasSubstr("Make one with stress_scope fleet DIR --save-baseline"));
+}
+
+TEST_F(FleetFolderTest, TheConditionsOfAnOddBoardAreNamed) {
+  Make(1, {0.5, 1, false}, {8, 0, 1});
+  for (int cell = 1; cell <= 8; ++cell) {
+    scope::Run run = made_run::Run();
+    run.info.conditions.governor = cell == 1 ? "powersave" : "performance";
+    if (cell == 1) {
+      run.counters.push_back({1, "throttle", "cpu0", "events", 3});
+      run.counters.push_back({30, "throttle", "cpu0", "events", 45});
+    }
+    run.counters.push_back({20, "thermal", "soc", "degC", cell == 1 ? 91.5 : 60.0});
+    const std::string folder = Night(1) + "/" + CellFolder(static_cast<std::size_t>(cell));
+    const std::string record =
+        folder_.Get("nights/2026-11-01/" + CellFolder(static_cast<std::size_t>(cell)) + "/cell.json");
+    fs::remove_all(folder);
+    made_run::Write(run, folder);
+    std::ofstream(folder + "/cell.json") << record;
+  }
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  ASSERT_EQ(report.reasons.size(), 1U);
+  ASSERT_THAT(report.reasons[0].conditions.size(), 1U);
+  EXPECT_EQ(report.reasons[0].conditions[0].b, "powersave");
+  EXPECT_THAT(
+      report.reasons[0].troubles,
+      ElementsAre("throttled for heat in 1 of 1 run of this board (42 in all), in none of typical boards",
+                  "hottest zone: 91.5 degC; typical boards: 60.0 degC"));
+  EXPECT_THAT(FleetText(report, {}), HasSubstr("  governor: powersave; typical boards: performance\n"));
+  EXPECT_THAT(FleetJunit(report), HasSubstr("throttled for heat"));
+}
+
+// Names of nights are those of folders, so they may have any bytes.
+TEST_F(FleetFolderTest, HostileNamesAreInert) {
+  const std::string hostile = "9</script><script>alert(1)</script>&\"'\x1b[31m\x01";
+  Make(1, {0.5, 1, false}, {6, 0, 1});
+  fs::rename(Night(1), folder_ / "night");
+  fs::create_directories(Dir());
+  std::string name = hostile;
+  name.erase(std::remove(name.begin(), name.end(), '/'), name.end());
+  fs::rename(folder_ / "night", Dir() + "/" + name);
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_THAT(FleetText(report, {}), Not(HasSubstr("\x1b")));
+  const std::string xml = FleetJunit(report);
+  for (const char* const text : {"<script", "\x1b", "\x01", "&\""}) {
+    EXPECT_THAT(xml, Not(HasSubstr(text)));
+    EXPECT_THAT(FleetPage(report), Not(HasSubstr(std::string(text) + ">alert")));
+  }
+  EXPECT_EQ(DataOf(FleetPage(report)).at("night"), name);
+  EXPECT_EQ(DataOf(FleetPage(report)), Json::parse(FleetJson(report)));
+}
+
+TEST(FleetReportTest, ManyBoardsAreCutAndThePageStaysSmall) {
+  Fleet fleet = MadeFleet(1, {2000, 30, 1}).InMemory();
+  for (FleetValue& value : fleet.values) {
+    if (value.board < 100 && value.night == 29) value.middle -= 0.5;
+  }
+  const FleetReport report = Judged(std::move(fleet));
+  EXPECT_EQ(report.verdict.standOut.size(), 100U);
+  const std::string text = FleetText(report, {});
+  EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 60);
+  EXPECT_THAT(text, HasSubstr("more findings; --json and the page have more\n"));
+  // At 10,000 boards five times as much.
+  EXPECT_LT(FleetPage(report).size(), 2'000'000U);
+}
+
+}  // namespace
