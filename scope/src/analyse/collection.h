@@ -16,9 +16,8 @@ enum class CellCheck {
 };
 
 /// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. Of a
-/// cell that is not done, also run.json of its last attempt is read, or the log of
-/// its job. Sets `record`, if it is not null, to
-/// that of a cell that is done.
+/// cell that is not done, also run.json of its last attempt is read, or the log of its job. Sets `record`, if
+/// it is not null, to that of a cell that is done.
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
                     std::size_t number, CellCheck check = CellCheck::kFiles, CellRecord* record = nullptr);
 
