@@ -40,6 +40,17 @@ TEST_F(ModelFilesTest, WeightsAreFoundWhereverTensorsStand) {
       ElementsAre("constant.bin", "function.bin", "initializer.bin", "list.bin", "nested.bin", "sparse.bin"));
 }
 
+TEST_F(ModelFilesTest, FieldsOfOtherKindsAreSkippedByTheirLength) {
+  const std::string weights = Field(7, Field(5, ExternalTensor("w.bin")));
+  const std::string number = "\x08\x96\x01";
+  const std::string eightBytes = '\x11' + std::string(8, '\xFF');
+  const std::string fourBytes = '\x1D' + std::string(4, '\xFF');
+  EXPECT_THAT(ExternalWeights(Write(number + eightBytes + fourBytes + weights)), ElementsAre("w.bin"));
+  for (const char unknown : {'\x1B', '\x1C', '\x1E', '\x1F'}) {
+    EXPECT_THAT(ExternalWeights(Write(unknown + std::string(4, '\0') + weights)), IsEmpty());
+  }
+}
+
 TEST_F(ModelFilesTest, ADamagedModelNamesWhatPrecedesTheDamage) {
   const std::string good = Field(7, Field(5, ExternalTensor("w.bin")));
   const std::string named = good + Field(7, Field(5, ExternalTensor("more.bin")));

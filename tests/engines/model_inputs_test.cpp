@@ -228,6 +228,8 @@ TEST_F(ModelInputsTest, KeysAndValuesThatAreNoneAreNamed) {
   ExpectRefused("inputs: image", ":1: inputs has no keys, expected names of inputs");
   ExpectRefused("inputs: {}\ninputs: {}", ":2: 'inputs' stands there twice, expected it once");
   ExpectRefused("inputs: {image: {}, image: {}}", ":1: 'image' stands there twice, expected it once");
+  ExpectRefused("inputs: {image: {shape: [1], shape: [1]}}",
+                ":1: 'shape' stands there twice, expected it once");
   ExpectRefused("inputs: {image: random}", ":1: image has no keys, expected shape, fill or value");
   ExpectRefused("inputs:\n  image:\n    shap: [1]\n",
                 ":3: unknown key 'shap', expected shape, fill or value");
