@@ -29,13 +29,24 @@ findScope() {
   fi
 }
 
-# isOfLab PROCESS DIR: true if the process belongs to the laboratory in DIR: lab/start marks its daemons, lab/night its jobs.
-isOfLab() { tr '\0' '\n' 2>/dev/null <"/proc/$1/environ" | grep -qxF "STRESS_LAB=$2"; }
+# isOfLab PROCESS DIR: true if lab/start or lab/night marked the process as one of the laboratory in DIR.
+isOfLab() { grep -qsxzF "STRESS_LAB=$2" "/proc/$1/environ"; }
 
-# labProcesses DIR: the processes that belong to the laboratory in DIR.
-labProcesses() {
+# jobProcesses DIR: those of its runs.
+jobProcesses() {
+  { grep -lsxzF "STRESS_LAB=$1" /proc/[0-9]*/environ | xargs -r grep -lsz '^SLURM_JOB_ID=' | cut -d/ -f3; } || true
+}
+
+# stepProcesses DIR: what watches over runs. They overwrite their environment, but stay in the folder of their daemon.
+stepProcesses() {
   local process
-  for process in /proc/[0-9]*; do
-    ! isOfLab "${process##*/}" "$1" || printf '%s\n' "${process##*/}"
-  done 2>/dev/null
+  for process in $(pgrep -x slurmstepd); do
+    if [[ $(readlink "/proc/$process/cwd") == "$1/log" ]]; then echo "$process"; fi
+  done
+}
+
+# labProcesses DIR: all that belong to the laboratory in DIR.
+labProcesses() {
+  { grep -lsxzF "STRESS_LAB=$1" /proc/[0-9]*/environ | cut -d/ -f3; } || true
+  stepProcesses "$1"
 }
