@@ -15,7 +15,7 @@ namespace scope {
 std::string CollectionText(const std::string& folder, const Plan& plan, const std::vector<CellStatus>& cells,
                            const TextStyle& style);
 
-/// The JSON of `collect` (scope/FORMAT.md).
+/// The JSON of `collect` (scope/FORMAT-BOARDS.md).
 std::string CollectionJson(const std::string& folder, const Plan& plan, const std::vector<CellStatus>& cells);
 
 }  // namespace scope

@@ -29,7 +29,7 @@ std::string FleetSentence(const FleetReport& report);
 /// text says so.
 std::string FleetText(const FleetReport& report, const TextStyle& style);
 
-/// The JSON of `fleet` (scope/FORMAT.md).
+/// The JSON of `fleet` (scope/FORMAT-BOARDS.md).
 std::string FleetJson(const FleetReport& report);
 
 /// The HTML page, which contains that JSON.

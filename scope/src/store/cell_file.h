@@ -10,8 +10,8 @@
 
 #include "plan.h"
 
-/// cell.json, in the folder of each cell (scope/FORMAT.md). It is small: collect reads no other file of a
-/// cell that is done.
+/// cell.json, in the folder of each cell (scope/FORMAT-BOARDS.md). It is small: collect reads no other file
+/// of a cell that is done.
 namespace scope {
 
 constexpr const char* kCellName = "cell.json";

@@ -5,7 +5,7 @@
 
 #include "fleet.h"
 
-/// The file that keeps what the boards of a fleet did (scope/FORMAT.md).
+/// The file that keeps what the boards of a fleet did (scope/FORMAT-BOARDS.md).
 namespace scope {
 
 /// Throws UserError, which names the file and what was expected.

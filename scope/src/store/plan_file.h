@@ -6,7 +6,7 @@
 
 #include "plan.h"
 
-/// The file of a plan (scope/FORMAT.md). It holds all that its cells need on another machine.
+/// The file of a plan (scope/FORMAT-BOARDS.md). It holds all that its cells need on another machine.
 namespace scope {
 
 /// The copy of the plan in the folder of its cells.
