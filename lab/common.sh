@@ -29,7 +29,13 @@ findScope() {
   fi
 }
 
-# isOfLab PROCESS DIR: true if lab/start or lab/night marked the process as one of the laboratory in DIR.
+# labOfSlurm: prints the folder of the laboratory of lab/start whose configuration $SLURM_CONF is. Fails for another Slurm.
+labOfSlurm() {
+  [[ -n ${SLURM_CONF:-} && $(head -n 1 "$SLURM_CONF" 2>/dev/null) == '# Made by lab/start: '* ]] || return 1
+  dirname "$(realpath "$SLURM_CONF")"
+}
+
+# isOfLab PROCESS DIR: true if lab/start or lab/slurm/submit marked the process as one of the laboratory in DIR.
 isOfLab() { grep -qsxzF "STRESS_LAB=$2" "/proc/$1/environ"; }
 
 # jobProcesses DIR: those of its runs.
