@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "board_shell.h"
 #include "cell_file.h"
 #include "cell_plan.h"
 #include "cell_runner.h"
@@ -80,6 +81,7 @@ int RunCellCommand(CellCommand& command) {
   const CellOutcome outcome = isHere ? RunCell(plan, cell, command.number, options, *view, signals)
                                      : RunCellOn(command.on, plan, cell, command.number, options, signals);
   ShowOutcome(command, outcome);
+  if (outcome.isBoardAway) return kExitBoardAway;
   return outcome.state == CellState::kDone ? kExitOk : kExitFailure;
 }
 
@@ -129,7 +131,12 @@ void AddCell(CLI::App& app, int& status) {
     const std::string& host = options->on.host;
     if (options->cell.board.empty()) options->cell.board = host.substr(host.find('@') + 1);
     if (!options->cell.board.empty()) RequireBoardName(options->cell.board, "--board");
-    status = RunCellCommand(*options);
+    try {
+      status = RunCellCommand(*options);
+    } catch (const BoardAway&) {
+      status = kExitBoardAway;
+      throw;
+    }
   });
 }
 

@@ -33,6 +33,7 @@ struct CellOutcome {
   std::string reason;                    ///< why it is not done
   std::string folder;                    ///< of the run
   bool isNew = true;                     ///< false: the cell was done before, and nothing was recorded
+  bool isBoardAway = false;              ///< it is not done because the board can no longer be reached
 };
 
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.

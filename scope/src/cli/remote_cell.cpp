@@ -50,20 +50,31 @@ class RemoteCell {
 
   CellOutcome Run() {
     const std::string started = UtcNow();
-    there_.Prepare(board_.bundle, options_.root + "/" + kPlanName);
+    try {
+      there_.Prepare(board_.bundle, options_.root + "/" + kPlanName, PatienceS());
+    } catch (const BoardLost& lost) {
+      if (lost.IsAway()) throw BoardAway(lost.what());
+      throw;
+    }
     try {
       const BoardShell::Result result = there_.Run(number_, RemoteOptions(), LimitS());
       ShowErrors(result);
-      if (result.status == kRefusedStatus)
-        throw UserError(board_.host + ": " +
-                        (result.errors.empty() ? "refused" : Message(result.errors.back())));
       there_.Fetch(cell_.folder, incoming_);
+      const bool isRefused = result.status == kRefusedStatus;
+      if (isRefused && !HasBrought()) throw UserError(Reason(result));
       const CellOutcome outcome = Import(started, Reason(result));
       Remove();
+      // For example a disk that the run has filled.
+      if (isRefused && outcome.state != CellState::kDone)
+        throw UserError(outcome.reason + ". What it had measured is in " + options_.root + "/" +
+                        kAttemptsName + "/" + cell_.folder);
       return outcome;
     } catch (const BoardLost& lost) {
-      return Keep(started, std::string(lost.what()) + ". What it has measured is there, in " + board_.folder +
-                               "/plan-" + plan_.id + ", and comes here with the next try");
+      CellOutcome outcome =
+          Keep(started, std::string(lost.what()) + ". What it has measured is there, in " + board_.folder +
+                            "/plan-" + plan_.id + ", and comes here with the next try");
+      outcome.isBoardAway = lost.IsAway();
+      return outcome;
     }
   }
 
@@ -104,9 +115,12 @@ class RemoteCell {
     add("--meter", plan_.settings.meter);
     add("--sysfs-root", plan_.settings.systemRoot);
     // An earlier try may still run there, if only the connection ended.
-    add("--wait", Format("%.0f", options_.waitS + RunS() + plan_.settings.graceS));
+    add("--wait", Format("%.0f", PatienceS()));
     return options;
   }
+
+  // How long another run may have the cell or the board.
+  double PatienceS() const { return options_.waitS + RunS() + plan_.settings.graceS; }
 
   double RunS() const {
     const std::string path = incoming_ + ".yaml";
@@ -120,6 +134,8 @@ class RemoteCell {
   double LimitS() const { return options_.waitS + 2 * (RunS() + plan_.settings.graceS) + kSlackS; }
 
   std::string Reason(const BoardShell::Result& result) const {
+    if (result.status == kRefusedStatus)
+      return board_.host + ": " + (result.errors.empty() ? "refused" : Message(result.errors.back()));
     if (result.stopped) return "interrupted by a signal";
     if (result.late) return board_.host + " had not ended the run after " + Format("%.0f s", LimitS());
     if (result.status > 128)
@@ -127,6 +143,10 @@ class RemoteCell {
     return result.status > kInterruptedStatus
                ? "its recorder on " + board_.host + " ended with status " + std::to_string(result.status)
                : "";
+  }
+
+  bool HasBrought() const {
+    return LastAttempt(incoming_, cell_.folder) > 0 || fs::is_directory(incoming_ + "/" + cell_.folder);
   }
 
   // Moves what came to where it belongs. `reason`: why the run has no end; may be empty.
@@ -144,9 +164,12 @@ class RemoteCell {
     if (fs::is_directory(final)) {
       const bool isWhole = IsWholeCell(final, plan_.id, number_);
       const std::string attempt = Take(final);
-      if (!isWhole)
+      if (!isWhole) {
+        // Otherwise it would be sent with each try.
+        Remove();
         throw UserError("what " + board_.host + " sent of " + cell_.folder + " is not complete; see " +
                         attempt);
+      }
       fs::remove_all(incoming_);
       return {CellState::kDone, "", folders_.Final(), folders_.Publish(attempt, plan_.id, number_)};
     }

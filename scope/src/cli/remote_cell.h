@@ -19,7 +19,9 @@ struct RemoteBoard {
 /// Runs the cell on a board that is reached by ssh, unless it is done, and brings what it measured back:
 /// otherwise as RunCell, with the programs, the model and the command for the settings on that board. What an
 /// earlier try left there comes as well. If the connection ends, an attempt here says so, and what was
-/// measured stays there. Throws UserError, with what is wrong, if the run could not begin.
+/// measured stays there. Throws UserError, with what is wrong, if the run could not begin or be saved there
+/// (what was measured is here then, as an attempt), and BoardAway if the board cannot be reached now or
+/// another run has it.
 CellOutcome RunCellOn(const RemoteBoard& board, const Plan& plan, const PlanCell& cell, std::size_t number,
                       const CellOptions& options, Signals& signals);
 

@@ -11,7 +11,9 @@ namespace scope {
 
 /// The cells of one plan on a board that is reached by ssh. They lie there in a folder `folder`:
 /// bundle-SUM, the unpacked tar file of programs with this sum; plan-ID, the plan and its cells, as in any
-/// folder of cells. Every operation throws UserError, with what is wrong on which board, and BoardLost.
+/// folder of cells. Whoever changes or runs the programs, or brings cells back, has the folder `folder` for
+/// itself there. Every operation throws UserError, with what is wrong on which board, BoardLost, and
+/// BoardAway, also if another one has the folder.
 /// Threads: one.
 class BoardCells {
  public:
@@ -21,8 +23,9 @@ class BoardCells {
 
   /// Makes sure that the board has what the tar file `bundle` holds (scripts/bundle makes one), checked by
   /// sums, and the plan of the file `planPath`. Copies what is missing or damaged. Empty `bundle`: the board
-  /// has its own stress_scope.
-  void Prepare(const std::string& bundle, const std::string& planPath);
+  /// has its own stress_scope. `patienceS`: how long each operation waits for another one that has the
+  /// folder.
+  void Prepare(const std::string& bundle, const std::string& planPath, double patienceS);
 
   /// Runs stress_scope cell for this cell there, with these options more. Ends it after `limitS`, and when a
   /// signal comes; it then has the time that it needs to save.
@@ -32,10 +35,12 @@ class BoardCells {
   /// folders and regular files is then.
   void Fetch(const std::string& cellFolder, const std::string& to);
 
-  /// Removes them there.
+  /// Removes there what Fetch has copied, and no attempt that came since.
   void Remove(const std::string& cellFolder);
 
  private:
+  std::string Locked(const char* script) const;
+  void ThrowIfBusy(const BoardShell::Result& result) const;
   BoardShell::Result Do(const char* what, BoardShell::Script script);
   void PutBundle(const std::string& bundle);
 
@@ -44,6 +49,8 @@ class BoardCells {
   std::string plan_;
   std::string sum_;  ///< of the bundle; empty: none
   Signals& signals_;
+  long patienceS_ = 0;
+  std::vector<std::string> fetched_;  ///< folders of the cell there
 };
 
 }  // namespace scope

@@ -75,24 +75,24 @@ std::string LastOf(const std::vector<std::string>& lines) {
   return at == lines.rend() ? "ssh does not say why" : *at;
 }
 
-std::string WhyNoConnection(const std::string& host, const std::vector<std::string>& lines) {
+// Throws why there was no connection.
+[[noreturn]] void ThrowNoConnection(const std::string& host, const std::vector<std::string>& lines) {
   const std::string compare =
       " Compare it with the board's own (there: ssh-keygen -lf /etc/ssh/ssh_host_ed25519_key.pub)";
   if (Says(lines, "HOST IDENTIFICATION HAS CHANGED")) {
-    return host +
-           " shows another host key than the known one: it was set up anew, or another machine answers in "
-           "its "
-           "place. Nothing was sent to it." +
-           compare + ", and only then replace the known one: ssh-keygen -R " + host;
+    throw UserError(host +
+                    " shows another host key than the known one: it was set up anew, or another machine "
+                    "answers in its place. Nothing was sent to it." +
+                    compare + ", and only then replace the known one: ssh-keygen -R " + host);
   }
   if (Says(lines, "Host key verification failed"))
-    return "the host key of " + host + " is not known here. Nothing was sent to it." + compare +
-           ", and add it to known_hosts";
+    throw UserError("the host key of " + host + " is not known here. Nothing was sent to it." + compare +
+                    ", and add it to known_hosts");
   if (Says(lines, "Permission denied"))
-    return host + " accepts none of this user's keys (" + LastOf(lines) +
-           "). Put the public key into authorized_keys there; passwords are not used";
-  if (Says(lines, "env: ")) return "cannot start ssh: install openssh-client";
-  return "cannot reach " + host + ": " + LastOf(lines);
+    throw UserError(host + " accepts none of this user's keys (" + LastOf(lines) +
+                    "). Put the public key into authorized_keys there; passwords are not used");
+  if (Says(lines, "env: ")) throw UserError("cannot start ssh: install openssh-client");
+  throw BoardAway("cannot reach " + host + ": " + LastOf(lines));
 }
 
 using Clock = std::chrono::steady_clock;
@@ -165,6 +165,7 @@ BoardShell::Result BoardShell::Run(const Script& script) {
   options.input = script.input < 0 ? readEnd.Number() : script.input;
   options.output = script.output;
   options.takeErrors = true;
+  options.ignoresStop = true;
   ChildProcess child(options);
   readEnd.Close();
 
@@ -194,10 +195,11 @@ BoardShell::Result BoardShell::Run(const Script& script) {
   result.status = child.ExitStatus();
   const bool hasEnded = !killed && child.EndSignal() == 0 && result.status != kNoConnection;
   if (answer.began && hasEnded) return result;
-  if (!answer.began && !result.stopped) throw UserError(WhyNoConnection(host_, result.errors));
-  if (result.stopped) throw BoardLost("interrupted by a signal, before " + host_ + " had ended its work");
-  if (result.late) throw BoardLost(host_ + " answers, but has not ended its work in time");
-  throw BoardLost(host_ + " no longer answers: " + LastOf(result.errors));
+  if (!answer.began && !result.stopped) ThrowNoConnection(host_, result.errors);
+  if (result.stopped)
+    throw BoardLost("interrupted by a signal, before " + host_ + " had ended its work", false);
+  if (result.late) throw BoardLost(host_ + " answers, but has not ended its work in time", false);
+  throw BoardLost(host_ + " no longer answers: " + LastOf(result.errors), true);
 }
 
 }  // namespace scope

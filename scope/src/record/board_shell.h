@@ -10,10 +10,20 @@
 
 namespace scope {
 
+/// The board cannot be reached now, or is in use. It may be later.
+class BoardAway : public UserError {
+ public:
+  using UserError::UserError;
+};
+
 /// The board answered, and then no more. What ran there may still run.
 class BoardLost : public UserError {
  public:
-  using UserError::UserError;
+  BoardLost(const std::string& text, bool isAway) : UserError(text), isAway_(isAway) {}
+  bool IsAway() const { return isAway_; }  ///< false: this program gave it up
+
+ private:
+  bool isAway_;
 };
 
 /// `text` as one word for a POSIX shell.
@@ -47,7 +57,8 @@ class BoardShell {
   };
 
   /// Returns how the script ended. Throws BoardLost if the connection ended or was given up before the script
-  /// did, and UserError, with the reason and what to do, if there was none.
+  /// did; BoardAway if the board cannot be reached; UserError, with the reason and what to do, if it refuses.
+  /// Signals that come to ssh as well, from a scheduler for example, do not end it: the script has to.
   Result Run(const Script& script);
 
   const std::string& Host() const { return host_; }

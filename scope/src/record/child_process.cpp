@@ -70,7 +70,7 @@ ChildProcess::ChildProcess(const Options& options) {
   id_ = fork();
   if (id_ == 0) {
     (void)setpgid(0, 0);
-    (void)prctl(PR_SET_PDEATHSIG, SIGINT);
+    (void)prctl(PR_SET_PDEATHSIG, options.ignoresStop ? SIGHUP : SIGINT);
     if (getppid() != parent) _exit(127);
     if (options.input >= 0) (void)dup2(options.input, STDIN_FILENO);
     (void)dup2(options.output >= 0 ? options.output : output.writeEnd, STDOUT_FILENO);
@@ -81,6 +81,10 @@ ChildProcess::ChildProcess(const Options& options) {
     // A script that starts this program in the background makes it ignore SIGINT.
     (void)std::signal(SIGINT, SIG_DFL);
     stress::RestoreSignals();
+    if (options.ignoresStop) {
+      (void)std::signal(SIGINT, SIG_IGN);
+      (void)std::signal(SIGTERM, SIG_IGN);
+    }
     sigset_t none;
     sigemptyset(&none);
     (void)sigprocmask(SIG_SETMASK, &none, nullptr);

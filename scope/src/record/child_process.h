@@ -21,6 +21,7 @@ class ChildProcess {
     int input = -1;                                                ///< standard input; -1: this program's
     int output = -1;  ///< standard output, and Output() has nothing; -1: the pipe
     bool takeErrors = false;
+    bool ignoresStop = false;  ///< it ignores SIGINT and SIGTERM, and gets SIGHUP when this program dies
   };
 
   /// Throws std::runtime_error, with the reason, if the program cannot be started.
