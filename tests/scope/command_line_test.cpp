@@ -311,7 +311,8 @@ void AddKeys(const Json& json, std::set<std::string>& keys) {
 }
 
 TEST_F(CommandLineTest, FormatDescribesEveryKeyOfTheJson) {
-  const std::string format = scope::ReadFile(SCOPE_FORMAT).value_or("");
+  const std::string format =
+      scope::ReadFile(SCOPE_FORMAT).value_or("") + scope::ReadFile(SCOPE_FORMAT_BOARDS).value_or("");
   // As `key`, `group.key`, `key[]` or `key.member`, or as "name" of a figure.
   const auto describes = [&format](const std::string& key) {
     for (const char* const before : {"`", "."}) {
