@@ -4,7 +4,7 @@
 
 const kShownRows = 200; // of the boards; a button shows more
 const kStateKinds = {
-  'odd': 'bad', 'worse': 'bad', 'failed': 'bad', 'no runs': 'bad', 'incomplete': 'unclear', 'absent': 'aside', 'good': 'good',
+  'odd': 'bad', 'worse': 'bad', 'failed': 'bad', 'no runs': 'bad', 'vanished': 'bad', 'incomplete': 'unclear', 'absent': 'aside', 'good': 'good',
 };
 const kStates = Object.keys(kStateKinds);
 const kSpark = {width: 160, height: 24, edge: 3};
@@ -77,7 +77,8 @@ function detailSection(data, detail) {
   const rows = detail.conditions.map(({name, typical, here}) =>
     el('tr', {}, rowHeading(name), el('td', {}, here), el('td', {}, typical)));
   const cells = data.not_done.filter(({board}) => board === detail.board).slice(0, 20);
-  const texts = [...detail.findings.map(({text}) => text), ...cells.map(({text}) => text)];
+  const gone = data.absent.filter(({board}) => board === detail.board);
+  const texts = [...detail.findings, ...cells, ...gone].map(({text}) => text);
   const drawings = detail.figures.filter(({measure}) => data.measures[measure].nights.length > 0)
       .map(({measure, values}) => el('figure', {}, el('figcaption', {class: 'minor'}, `${data.measures[measure].title} (${data.measures[measure].unit})`),
           historyDrawing(data, data.measures[measure], values)));
@@ -102,12 +103,13 @@ function lookSection(data) {
 }
 
 function missingSection(data) {
-  if (data.not_done_cells === 0) return [];
+  const gone = data.absent.length > 0 ? [section('Absent boards', listOf(data.absent.map(({text}) => text)))] : [];
+  if (data.not_done_cells === 0) return gone;
   const rows = data.not_done.map(({number, board, state, reason, folder}) => el('tr', {class: kStateKinds[state] ?? 'unclear'},
       rowHeading(String(number), {'data-value': number}), el('td', {}, board), el('td', {class: 'verdict'}, state), el('td', {}, reason), el('td', {}, folder)));
   const more = data.not_done_cells - data.not_done.length;
   return [section('Cells that are not done', table('missing', ['Cell', 'Board', 'State', 'Why', 'Folder'], [], rows),
-      ...(more > 0 ? [el('p', {}, `${thousands(more)} more; stress_scope collect lists all.`)] : []))];
+      ...(more > 0 ? [el('p', {}, `${thousands(more)} more; stress_scope collect lists all.`)] : [])), ...gone];
 }
 
 // The range of all drawings of a column, so that they can be compared: without the outermost hundredth of the values.
@@ -116,6 +118,23 @@ function commonRange(rows) {
   if (values.length === 0) return [99, 101];
   const at = (share) => values[Math.round(share * (values.length - 1))];
   return [Math.min(at(0.01), 99), Math.max(at(0.99), 101)];
+}
+
+// What the columns of the table of boards are sorted by; null: no value.
+const kBoardValues = [
+  ({board}) => board, ({state}) => kStates.indexOf(state), ({cells, done}) => (cells > 0 ? done / cells : null),
+  ({index}) => index[index.length - 1], ({index}) => index[index.length - 1],
+];
+
+// Boards without a value come last.
+function sortBoards(boards, column, rising) {
+  const valueOf = kBoardValues[column];
+  const order = (a, b) => (column === 0 ? a.localeCompare(b, 'en', {numeric: true}) : a - b);
+  boards.sort((a, b) => {
+    const [left, right] = [valueOf(a), valueOf(b)];
+    if (left === null || right === null) return (left === null) - (right === null);
+    return rising ? order(left, right) : -order(left, right);
+  });
 }
 
 function boardRow(board, range) {
@@ -134,7 +153,12 @@ function boardSection(data) {
   const order = [...data.boards].sort((a, b) =>
     kStates.indexOf(a.state) - kStates.indexOf(b.state) || a.board.localeCompare(b.board, 'en', {numeric: true}));
   const titles = ['State', 'Cells done', 'Last night', 'Nights'].map((title) => ({title, lower_is_better: true}));
-  const shown = table('figures boards', ['Board'], titles, []);
+  // The rows that are not drawn yet are sorted, too.
+  const sort = (heading) => {
+    sortBoards(order, heading.cellIndex, turnHeading(heading));
+    find();
+  };
+  const shown = table('figures boards', ['Board'], titles, [], sort);
   const body = shown.querySelector('tbody');
   const more = el('button', {type: 'button', class: 'more'}, 'Show more');
   const found = el('p', {class: 'absent'});
@@ -147,14 +171,23 @@ function boardSection(data) {
     found.textContent = `${thousands(body.rows.length)} of ${counted(matching.length, 'board')}`;
   };
   more.addEventListener('click', show);
-  field.addEventListener('input', () => {
+  const find = () => {
     matching = order.filter(({board, state}) => `${board} ${state}`.toLowerCase().includes(field.value.toLowerCase()));
     body.replaceChildren();
     show();
-  });
+  };
+  field.addEventListener('input', find);
   show();
   return section('All boards', el('p', {class: 'absent'}, 'The mean of the judged figures, in per cent of the fleet’s median ' +
     `over all nights. The drawings go from ${shortNumber(range[0])} to ${shortNumber(range[1])} %.`), ...(data.boards.length > 10 ? [field] : []), found, shown, more);
+}
+
+function nightSection(data) {
+  const shown = data.nights.slice(data.first_night).reverse();
+  const rows = shown.map(({night, cells, done, compared}) => el('tr', {}, rowHeading(night), el('td', {}, thousands(cells)),
+      el('td', {class: done < cells && 'bad'}, thousands(done)), el('td', {}, compared ? 'yes' : 'no: another configuration or other times')));
+  const cut = data.first_night > 0 ? [el('p', {}, `${thousands(data.first_night)} earlier.`)] : [];
+  return section('Nights', table('nights', ['Night', 'Cells', 'Done', 'Compared'], [], rows), ...cut);
 }
 
 function measureRow(data, measure) {
@@ -192,7 +225,7 @@ function showFleet(data) {
     sections: [
       section('Answer', el('p', {class: `answer ${kind}`}, data.sentence), el('p', {class: 'absent'},
           `If all boards are good, none is called odd or worse in ${share} of 100 nights. Differences up to ${data.tolerance_percent} % do not count.`)),
-      ...lookSection(data), ...missingSection(data), boardSection(data), ...fleetSection(data),
+      ...lookSection(data), ...missingSection(data), boardSection(data), ...fleetSection(data), nightSection(data),
       section('Notes', data.notes.length > 0 ? listOf(data.notes) : el('p', {}, 'None.')),
     ],
     charts: [],

@@ -30,15 +30,21 @@ function rowHeading(text, attributes = {}) {
   return el('th', {scope: 'row', ...attributes}, text);
 }
 
+// Marks the column as the one that the table is sorted by, or turns its direction. Whether values rise now.
+function turnHeading(heading) {
+  const before = heading.getAttribute('aria-sort');
+  const rising = before ? before === 'descending' : heading.classList.contains('words') || 'rising' in heading.dataset;
+  for (const other of heading.parentNode.cells) other.removeAttribute('aria-sort');
+  heading.setAttribute('aria-sort', rising ? 'ascending' : 'descending');
+  return rising;
+}
+
 // Sorts the rows by a column. Rows without a value come after the others, and fixed rows come last.
 function sortRows(heading) {
   const column = heading.cellIndex;
   const body = heading.closest('table').tBodies[0];
   const isWords = heading.classList.contains('words');
-  const before = heading.getAttribute('aria-sort');
-  const rising = before ? before === 'descending' : isWords || 'rising' in heading.dataset;
-  for (const other of heading.parentNode.cells) other.removeAttribute('aria-sort');
-  heading.setAttribute('aria-sort', rising ? 'ascending' : 'descending');
+  const rising = turnHeading(heading);
   const valueOf = (row) => (isWords ? row.cells[column].textContent : Number(row.cells[column].dataset.value));
   const hasValue = (row) => isWords || 'value' in row.cells[column].dataset;
   const fixed = [...body.rows].filter((row) => 'fixed' in row.dataset);
@@ -50,20 +56,20 @@ function sortRows(heading) {
   body.append(...sorted, ...rest.filter((row) => !hasValue(row)), ...fixed);
 }
 
-function sortableHeading(title, attributes) {
+function sortableHeading(title, attributes, sort) {
   const button = el('button', {type: 'button', title: 'Sort'}, title);
   const heading = el('th', {scope: 'col', ...attributes}, button);
-  button.addEventListener('click', () => sortRows(heading));
+  button.addEventListener('click', () => sort(heading));
   return heading;
 }
 
 // `words` are the titles of the text columns; `figures` have those of the number columns after them. A table with numbers
 // can be sorted. The first click puts the best value of a column on top.
-function table(kind, words, figures, rows) {
-  const wordHeading = (title) => (figures.length > 0 ? sortableHeading(title, {class: 'words'}) :
+function table(kind, words, figures, rows, sort = sortRows) {
+  const wordHeading = (title) => (figures.length > 0 ? sortableHeading(title, {class: 'words'}, sort) :
       el('th', {scope: 'col', class: 'words'}, title));
   const headings = [...words.map(wordHeading), ...figures.map((figure) =>
-    sortableHeading(figure.title, {'data-rising': figure.lower_is_better ? '' : null}))];
+    sortableHeading(figure.title, {'data-rising': figure.lower_is_better ? '' : null}, sort))];
   const head = headings.length > 0 && el('thead', {}, el('tr', {}, headings));
   const columns = figures.length > 0 && words.length > 1 ? ' two' : '';
   return el('div', {class: 'wide'}, el('table', {class: kind + columns}, head || [], el('tbody', {}, rows)));

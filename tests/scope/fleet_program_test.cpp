@@ -16,6 +16,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 namespace fs = std::filesystem;
@@ -87,6 +88,19 @@ TEST_F(FleetTest, ABaselineStandsForTheEarlierNights) {
   EXPECT_THAT(other.errors, HasSubstr("is of another plan: its configuration or times differ"));
   folder_.Put("good.json", "{");
   EXPECT_EQ(Fleet({"--baseline", folder_ / "good.json"}).status, 2);
+}
+
+// Of three nights, the first one was recorded in another way.
+TEST_F(FleetTest, ABaselineCountsTheNightsThatAreInIt) {
+  Make(3);
+  EXPECT_THAT(Fleet({"--save-baseline", folder_ / "good.json"}).output,
+              AllOf(HasSubstr("\nbaseline of 3 nights in "), Not(HasSubstr("note: a baseline"))));
+  Json plan = Json::parse(folder_.Get("nights/1/plan.json"));
+  plan["warmup_s"] = 7;
+  folder_.Put("nights/1/plan.json", plan.dump());
+  EXPECT_THAT(Fleet({"--save-baseline", folder_ / "good.json"}).output,
+              AllOf(HasSubstr("\nbaseline of 2 nights in "),
+                    HasSubstr("note: a baseline of fewer than 3 nights is not compared with\n")));
 }
 
 TEST_F(FleetTest, WhatCannotBeReadOrWrittenEndsWithStatus2) {

@@ -29,11 +29,13 @@ struct MadeScatter {
   double nights = 0.01;  ///< from night to night, of all boards alike
 };
 
-/// What is wrong with board 0.
+/// What is wrong with the first boards.
 struct MadeFault {
   double engine = 1;      ///< factor of the first engine's rate
   double all = 1;         ///< factor of all engines' rates
   bool onlyLast = false;  ///< in the last night alone
+  int boards = 1;         ///< how many have the fault
+  double missing = 0;     ///< share of all boards' runs of the last night that are missing, in memory
 };
 
 struct MadeSize {
@@ -62,7 +64,7 @@ class MadeFleet {
         for (int engine = 0; engine < kEngines; ++engine) {
           const double ofBoard = boards_[static_cast<std::size_t>(board * kEngines + engine)];
           double factor = std::exp(shared[engine] + ofBoard + scatter_.runs * Normal());
-          if (board == 0 && isFaulty) factor *= fault_.all * (engine == 0 ? fault_.engine : 1);
+          if (board < fault_.boards && isFaulty) factor *= fault_.all * (engine == 0 ? fault_.engine : 1);
           factors.push_back(factor);
         }
       }
@@ -185,24 +187,30 @@ class MadeFleet {
     return total;
   }
 
-  void AddNight(const std::vector<double>& factors, std::uint16_t night, scope::Fleet& fleet) const {
-    std::vector<double> logarithms(static_cast<std::size_t>(size_.repeats));
+  void AddNight(const std::vector<double>& factors, std::uint16_t night, scope::Fleet& fleet) {
+    const double missing = night + 1 == size_.nights ? fault_.missing : 0;
     for (int board = 0; board < size_.boards; ++board) {
+      std::vector<int> repeats;
+      for (int repeat = 0; repeat < size_.repeats; ++repeat) {
+        if (missing == 0 || Uniform() >= missing) repeats.push_back(repeat);
+      }
+      if (repeats.empty()) continue;
+      std::vector<double> rates(repeats.size());
       for (int engine = 0; engine <= kEngines; ++engine) {
         scope::FleetValue value;
         value.measure = static_cast<std::uint32_t>(engine);
         value.board = static_cast<std::uint32_t>(board);
         value.night = night;
-        value.runs = static_cast<std::uint16_t>(size_.repeats);
-        for (int repeat = 0; repeat < size_.repeats; ++repeat) {
-          const double* const run =
-              &factors[static_cast<std::size_t>((board * size_.repeats + repeat) * kEngines)];
-          double& logarithm = logarithms[static_cast<std::size_t>(repeat)];
-          logarithm = std::log(Judged(run, engine));
-          value.middle += logarithm / size_.repeats;
+        value.runs = static_cast<std::uint16_t>(rates.size());
+        double mean = 0;
+        for (std::size_t i = 0; i < rates.size(); ++i) {
+          const int run = board * size_.repeats + repeats[i];
+          rates[i] = Judged(&factors[static_cast<std::size_t>(run * kEngines)], engine);
+          mean += rates[i] / static_cast<double>(rates.size());
         }
+        value.middle = std::log(mean);
         double squares = 0;
-        for (const double each : logarithms) squares += (each - value.middle) * (each - value.middle);
+        for (const double each : rates) squares += (each / mean - 1) * (each / mean - 1);
         value.squares = static_cast<float>(squares);
         fleet.values.push_back(value);
       }

@@ -10,6 +10,22 @@
 namespace scope {
 namespace {
 
+// A night that is farther from the others than this, in their standard deviations, counts as if it were
+// that far: one night without power must not hide all later changes. Fewer nights have no such scale.
+constexpr double kFarthestNight = 5;
+constexpr std::size_t kFewestForScale = 5;
+
+double NightDeviation(std::vector<double> medians) {
+  if (medians.size() < 2) return 0;
+  const RobustCentre centre = FindCentre(medians);
+  const double reach = kFarthestNight * centre.deviation;
+  for (double& median : medians) {
+    if (medians.size() >= kFewestForScale && reach > 0)
+      median = std::clamp(median, centre.middle - reach, centre.middle + reach);
+  }
+  return StandardDeviation(medians);
+}
+
 // Of fewer boards, a median says too little about the night.
 std::map<std::uint16_t, double> MediansOf(const FleetValue* first, const FleetValue* last,
                                           std::size_t nights) {
@@ -71,7 +87,12 @@ FleetHistory HistoryOf(const Fleet& fleet, std::size_t nights, const std::string
     one.nights = static_cast<int>(medians.size());
     std::vector<double> all;
     for (const auto& [night, median] : medians) all.push_back(median);
-    if (all.size() > 1) one.deviation = StandardDeviation(all);
+    one.deviation = NightDeviation(std::move(all));
+    std::vector<double> runs;
+    for (std::size_t i = from; i < to; ++i) {
+      if (fleet.values[i].night < nights) runs.push_back(fleet.values[i].runs);
+    }
+    if (!runs.empty()) one.runs = Median(std::move(runs));
     for (const FleetValue* first = fleet.values.data() + from; first != last;) {
       const FleetValue* next = first;
       while (next != last && next->board == first->board) ++next;

@@ -4,18 +4,41 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "compare_figures.h"
+#include "fleet_reader.h"
 #include "statistics.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
 
 constexpr double kBeyondSpread = 0.05;  // of the boards, at either end
 constexpr double kGreatestIndex = 10;   // a logarithm: the page shows it
+
+// The runs of a board and night that scatter more than this, as a variance in those of most boards, count as
+// if they scattered that much. Two runs with a normal distribution do that once in 1300 cases.
+constexpr double kGreatestVariance = 25;
+
+// The scatter of runs within a night. A single run that failed must not widen the limits of all boards.
+double RunDeviation(const std::vector<std::pair<double, double>>& squaresAndFreedoms) {
+  std::vector<double> variances;
+  double freedoms = 0;
+  for (const auto& [squares, freedom] : squaresAndFreedoms) {
+    variances.push_back(squares / freedom);
+    freedoms += freedom;
+  }
+  if (variances.empty()) return 0;
+  const double most = kGreatestVariance * Median(variances);
+  double sum = 0;
+  for (const auto& [squares, freedom] : squaresAndFreedoms)
+    sum += most > 0 ? std::min(squares, most * freedom) : squares;
+  return std::sqrt(sum / freedoms);
+}
 
 // The sum of a board's judged values of a night, as logarithms, and their number.
 using NightSums = std::vector<std::pair<double, int>>;
@@ -31,15 +54,15 @@ void DescribeMeasure(const Fleet& fleet, std::uint32_t measure, MeasureVerdict& 
   const auto [from, to] = SpanOf(fleet, measure);
   std::vector<std::vector<double>> nights(fleet.nights.size());
   std::vector<double> all;
-  double squares = 0;
+  std::vector<std::pair<double, double>> squares;
   for (std::size_t i = from; i < to; ++i) {
     const FleetValue& value = fleet.values[i];
     nights[value.night].push_back(value.middle);
     all.push_back(value.middle);
-    squares += static_cast<double>(value.squares);
+    if (value.runs > 1) squares.emplace_back(static_cast<double>(value.squares), value.runs - 1);
     verdict.runFreedom += value.runs - 1;
   }
-  if (verdict.runFreedom > 0) verdict.runDeviation = std::sqrt(squares / verdict.runFreedom);
+  verdict.runDeviation = RunDeviation(squares);
   for (const std::vector<double>& night : nights) verdict.nights.push_back(SpreadOf(night));
   if (!verdict.judged || all.empty()) return;
   const double middle = Median(std::move(all));
@@ -86,6 +109,46 @@ void DescribeNights(const Fleet& fleet, FleetVerdict& verdict) {
     for (const auto& [sum, count] : sums[board]) {
       const double index = count == 0 ? 0 : std::exp(std::min(sum / count, kGreatestIndex)) * 100;
       verdict.boards[board].index.push_back(static_cast<float>(index));
+    }
+  }
+}
+
+void FindLastSeen(const Fleet& fleet, FleetVerdict& verdict) {
+  const FleetNight& last = fleet.nights.back();
+  std::optional<std::size_t> before;
+  for (std::size_t night = 0; night < fleet.nights.size(); ++night) {
+    const FleetNight& one = fleet.nights[night];
+    if (night + 1 < fleet.nights.size() && one.setup == last.setup) before = night;
+    for (std::size_t board = 0; board < one.cells.size(); ++board) {
+      if (one.cells[board][static_cast<std::size_t>(CellState::kDone)] != 0)
+        verdict.boards[board].lastSeen = night;
+    }
+  }
+  for (BoardVerdict& board : verdict.boards)
+    board.ranBefore = !last.hasOpenCells && before && board.lastSeen && *board.lastSeen >= *before;
+}
+
+void FindLacking(const Fleet& fleet, FleetVerdict& verdict) {
+  // Of each point, the boards and how many cells they have done.
+  std::map<std::uint32_t, std::map<std::uint32_t, std::size_t>> done;
+  for (const DoneCell& cell : fleet.done) ++done[cell.point][cell.board];
+  for (std::uint32_t i = 0; i < fleet.measures.size(); ++i) {
+    const FleetMeasure& measure = fleet.measures[i];
+    if (!verdict.measures[i].judged) continue;
+    std::map<std::uint32_t, std::size_t> left = done[measure.point];
+    const std::size_t boards = left.size();
+    const auto [from, to] = SpanOf(fleet, i);
+    for (std::size_t at = from; at < to; ++at) {
+      const FleetValue& value = fleet.values[at];
+      const auto found = left.find(value.board);
+      if (value.night + 1U != fleet.nights.size() || found == left.end()) continue;
+      found->second -= std::min<std::size_t>(found->second, value.runs);
+      if (found->second == 0) left.erase(found);
+    }
+    if (2 * left.size() >= boards) continue;
+    for (const auto& [board, cells] : left) {
+      verdict.boards[board].lacking.push_back(Counted(cells, "cell") + " done without " +
+                                              MeasureTitle(measure, true));
     }
   }
 }

@@ -16,4 +16,12 @@ std::set<std::uint32_t> JudgedMeasures(const Fleet& fleet, const FleetOptions& o
 /// of the judged measures. Requires: a MeasureVerdict for each measure, a BoardVerdict for each board.
 void DescribeNights(const Fleet& fleet, FleetVerdict& verdict);
 
+/// Sets when each board was seen last, and if it ran in the night before the last one. A plan that has cells
+/// for any board promises no board a cell: with such a last night, no board counts as having run before.
+void FindLastSeen(const Fleet& fleet, FleetVerdict& verdict);
+
+/// Sets the figures that cells of the last night should have, and lack: those that all done cells of most
+/// boards have at the same point.
+void FindLacking(const Fleet& fleet, FleetVerdict& verdict);
+
 }  // namespace scope

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <system_error>
 #include <tuple>
 #include <unordered_map>
@@ -27,7 +28,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Logarithms need values above 0. An engine that does nothing has the rate 0, far below all others.
+// Logarithms need values above 0. An engine that does nothing in all runs has the rate 0, far below all
+// others.
 constexpr double kLeastValue = 1e-9;
 constexpr std::size_t kMostNights = 5000;
 constexpr std::size_t kMostShownReason = 300;
@@ -68,6 +70,7 @@ class FleetReader {
       CellRecord record;
       CellStatus status = StatusOf(folder, plan.id, cell, i + 1, CellCheck::kRecord, &record);
       RequireUsable(cell, record, status);
+      night.hasOpenCells |= cell.board.empty();
       const std::uint32_t board = BoardAt(BoardOf(cell, record, status));
       if (night.cells.size() <= board) night.cells.resize(board + 1);
       ++night.cells[board][static_cast<std::size_t>(status.state)];
@@ -161,8 +164,7 @@ class FleetReader {
       const bool isKnown =
           figure.engine == kAllEngines || FindEngine(&EngineInfo::id, figure.engine) != nullptr;
       if (kind == nullptr || !isKnown) continue;
-      observations.push_back({MeasureAt(point, cell, figure.engine, *kind), board,
-                              std::log(std::max(figure.value, kLeastValue))});
+      observations.push_back({MeasureAt(point, cell, figure.engine, *kind), board, figure.value});
     }
   }
 
@@ -176,14 +178,16 @@ class FleetReader {
       value.board = from->board;
       value.night = night;
       auto to = from;
-      double sum = 0;
-      for (; to != observations.end() && to->measure == from->measure && to->board == from->board; ++to)
-        sum += to->value;
+      while (to != observations.end() && to->measure == from->measure && to->board == from->board) ++to;
       const auto runs = to - from;
       value.runs = static_cast<std::uint16_t>(std::min<std::ptrdiff_t>(runs, UINT16_MAX));
-      value.middle = sum / static_cast<double>(runs);
+      // The sum of huge values may not be finite, their mean is.
+      double mean = 0;
+      for (auto run = from; run != to; ++run) mean += run->value / static_cast<double>(runs);
+      mean = std::max(mean, kLeastValue);
+      value.middle = std::log(mean);
       double squares = 0;
-      for (; from != to; ++from) squares += (from->value - value.middle) * (from->value - value.middle);
+      for (; from != to; ++from) squares += (from->value / mean - 1) * (from->value / mean - 1);
       value.squares = static_cast<float>(squares);
       fleet_.values.push_back(value);
     }
@@ -195,9 +199,25 @@ class FleetReader {
   std::map<std::tuple<std::uint32_t, std::string, Figure>, std::uint32_t> measures_;
 };
 
+[[noreturn]] void RefuseFolder(const std::string& path, const std::string& reason) {
+  throw UserError("cannot read the folder " + path + ": " + reason);
+}
+
 bool IsNight(const std::string& folder) {
-  std::error_code ignored;
-  return fs::exists(fs::symlink_status(folder + "/" + kPlanName, ignored));
+  std::error_code error;
+  const fs::file_status plan = fs::symlink_status(folder + "/" + kPlanName, error);
+  if (plan.type() == fs::file_type::none) RefuseFolder(folder, error.message());
+  return fs::exists(plan);
+}
+
+// Names of folders that differ in their numbers alone are alike: 2026-11-21 and 2026-11-22.
+std::string ShapeOf(const std::string& name) {
+  std::string shape;
+  for (const char letter : name) {
+    const bool isDigit = letter >= '0' && letter <= '9';
+    if (!isDigit || shape.empty() || shape.back() != '0') shape += isDigit ? '0' : letter;
+  }
+  return shape;
 }
 
 // The name of the folder, also of "night/" and of ".".
@@ -207,28 +227,55 @@ std::string NameOfFolder(const std::string& folder) {
   return whole.filename().empty() ? folder : whole.filename().string();
 }
 
+// The folders in `folder`, each once: a link to another one of them is left out.
+std::vector<std::string> FoldersIn(const std::string& folder) {
+  std::error_code error;
+  const fs::directory_iterator readable(folder, error);
+  if (error) RefuseFolder(folder, error.message());
+  std::vector<std::string> names;
+  std::set<std::string> own;
+  for (const std::string& name : ListFolder(folder)) {
+    const fs::path path = folder + "/" + name;
+    const fs::file_status status = fs::status(path, error);
+    if (status.type() == fs::file_type::none) RefuseFolder(path.string(), error.message());
+    if (!fs::is_directory(status)) continue;
+    names.push_back(name);
+    if (!fs::is_symlink(fs::symlink_status(path, error))) own.insert(fs::canonical(path, error).string());
+  }
+  const auto isOther = [&](const std::string& name) {
+    const fs::path path = folder + "/" + name;
+    const bool isLink = fs::is_symlink(fs::symlink_status(path, error));
+    return isLink && !own.insert(fs::canonical(path, error).string()).second;
+  };
+  names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
+  return names;
+}
+
 // Names and folders of the nights.
 std::vector<std::pair<std::string, std::string>> NightsIn(const std::string& folder, FleetReader& reader) {
   if (IsNight(folder)) return {{NameOfFolder(folder), folder}};
-  std::error_code error;
-  if (!fs::is_directory(folder, error)) {
-    throw UserError("cannot read the folder " + folder + ": " +
-                    (error ? error.message() : std::string(std::strerror(ENOTDIR))));
-  }
   std::vector<std::pair<std::string, std::string>> nights;
   std::vector<std::string> others;
-  for (const std::string& name : ListFolder(folder)) {
+  std::vector<std::string> later;  // than the last night
+  for (const std::string& name : FoldersIn(folder)) {
     const std::string path = folder + "/" + name;
-    std::error_code ignored;
-    if (!fs::is_directory(path, ignored)) continue;
-    if (IsNight(path))
+    if (IsNight(path)) {
       nights.emplace_back(name, path);
-    else
+      later.clear();
+    } else {
       others.push_back(name);
+      later.push_back(name);
+    }
   }
   if (nights.empty()) {
     throw UserError(folder + ": expected a folder of cells, or folders of cells, one a night; found no " +
                     kPlanName + " in it or in a folder in it");
+  }
+  for (const std::string& name : later) {
+    if (ShapeOf(name) != ShapeOf(nights.back().first)) continue;
+    throw UserError(folder + "/" + name + ": expected " + kPlanName +
+                    " in the folder of the newest night: nothing was begun. Without this folder, " +
+                    nights.back().first + " is judged");
   }
   if (!others.empty()) {
     reader.Note("left out, because there is no " + std::string(kPlanName) + ": " + others.front() +
@@ -269,6 +316,12 @@ std::string PointLabel(const FleetMeasure& measure) {
     text += (text.empty() ? "" : " ") + section + "=" + std::to_string(level);
   for (const auto& [name, value] : measure.settings) text += (text.empty() ? "" : ", ") + name + "=" + value;
   return text;
+}
+
+std::string MeasureTitle(const FleetMeasure& measure, bool point) {
+  const std::string label = point ? PointLabel(measure) : std::string();
+  return (measure.engine == kAllEngines ? "all" : measure.engine) + " " + KindOf(measure.figure).title +
+         (label.empty() ? "" : " at " + label);
 }
 
 Fleet ReadFleet(const std::string& folder) {

@@ -20,4 +20,7 @@ std::string SetupOf(const Plan& plan);
 /// "CPU=1 VENC=2, refresh=7800"; empty if the plan leaves all open.
 std::string PointLabel(const FleetMeasure& measure);
 
+/// "cpu ops/s"; with `point`, "cpu ops/s at CPU=4".
+std::string MeasureTitle(const FleetMeasure& measure, bool point);
+
 }  // namespace scope

@@ -25,8 +25,11 @@ constexpr double kShareOfFleet = 0.1;
 constexpr int kFewestOwnNights = 5;
 // The median of n values has the variance of the mean of n / 1.57 values.
 constexpr double kMedianVariance = 1.57;
-constexpr int kFewestNights = 3;
-constexpr std::size_t kManyBoards = 25;
+constexpr int kFewestNights = static_cast<int>(kFewestNightsBefore);
+constexpr std::size_t kMostLacking = 20;  // lines
+// A board that scatters more than this from night to night, in the scatter of the middle one, counts as if it
+// scattered that much.
+constexpr double kGreatestScatter = 3;
 // The deviations of boards (RobustCentre) are known as well as those of so much fewer values.
 constexpr double kEfficiency = 0.37;
 
@@ -34,7 +37,6 @@ constexpr double kEfficiency = 0.37;
 struct Last {
   const FleetValue* value = nullptr;
   const BoardHistory* before = nullptr;  // null: none
-  double reference = 0;                  // `before`, or the fleet, moved by what all boards share
 };
 
 using MeasureKey = std::tuple<SweepLevels, BoardSettings, std::string, Figure>;
@@ -92,6 +94,14 @@ class FleetJudge {
                                std::to_string(kFewestNights) +
                                " nights before the last one, or a baseline of as many");
     }
+    std::size_t lacking = 0;
+    for (std::size_t i = 0; i < verdict_.boards.size(); ++i) {
+      for (const std::string& text : verdict_.boards[i].lacking) {
+        if (++lacking <= kMostLacking) verdict_.notes.push_back(fleet_.boards[i] + ": " + text);
+      }
+    }
+    if (lacking > kMostLacking)
+      verdict_.notes.push_back(Counted(lacking - kMostLacking, "more figure") + " missing of done cells");
   }
 
   double Error() const { return 1 - options_.confidence; }
@@ -109,7 +119,7 @@ class FleetJudge {
     for (std::size_t i = from; i < to; ++i) {
       if (fleet_.values[i].night != last_) continue;
       const auto before = histories.find(fleet_.boards[fleet_.values[i].board]);
-      last.push_back({&fleet_.values[i], before == histories.end() ? nullptr : before->second, 0});
+      last.push_back({&fleet_.values[i], before == histories.end() ? nullptr : before->second});
     }
     return last;
   }
@@ -133,8 +143,9 @@ class FleetJudge {
     finding.board = value.board;
     finding.value = std::exp(value.middle);
     finding.expected = std::exp(expected);
-    finding.low = std::exp(expected - reach);
-    finding.high = std::exp(expected + reach);
+    const double tolerance = options_.tolerancePercent / kHundred;
+    finding.low = std::min(std::exp(expected - reach), finding.expected * (1 - tolerance));
+    finding.high = std::max(std::exp(expected + reach), finding.expected * (1 + tolerance));
     finding.differencePercent = PercentOfLog(value.middle - expected);
     if (std::abs(finding.differencePercent) <= options_.tolerancePercent) return;
     verdict_.findings.push_back(finding);
@@ -144,7 +155,6 @@ class FleetJudge {
 
   void JudgeOdd(std::uint32_t measure, const std::vector<Last>& last) {
     if (last.size() < kFewestForOutliers) return;
-    const MeasureVerdict& verdict = verdict_.measures[measure];
     std::vector<double> values;
     std::vector<double> runs;
     for (const Last& each : last) {
@@ -156,8 +166,7 @@ class FleetJudge {
     // A board with fewer runs than most scatters more.
     std::vector<double> widths;
     for (std::size_t i = 0; i < values.size(); ++i) {
-      const double more =
-          std::max(0.0, 1 / runs[i] - 1 / usual) * verdict.runDeviation * verdict.runDeviation;
+      const double more = MoreVariance(measure, runs[i], usual);
       const double variance = centre.deviation * centre.deviation;
       widths.push_back(variance > 0 ? std::sqrt(1 + more / variance) : 1);
       values[i] = centre.middle + (values[i] - centre.middle) / widths.back();
@@ -175,12 +184,23 @@ class FleetJudge {
     return KindOf(fleet_.measures[measure].figure).lowerIsBetter ? difference > 0 : difference < 0;
   }
 
+  // By how much fewer runs than `usual` make a value scatter more, as a variance.
+  double MoreVariance(std::uint32_t measure, double runs, double usual) const {
+    const double deviation = verdict_.measures[measure].runDeviation;
+    return runs > 0 && usual > 0 ? std::max(0.0, 1 / runs - 1 / usual) * deviation * deviation : 0;
+  }
+
   // A change of the whole fleet against its scatter from night to night.
-  void JudgeChange(std::uint32_t measure, double change, const MeasureHistory& history) {
+  void JudgeChange(std::uint32_t measure, double change, const std::vector<Last>& last,
+                   const MeasureHistory& history) {
     const double nights = history.nights;
-    if (history.nights < kFewestNights) return;
+    std::vector<double> runs;
+    for (const Last& each : last) runs.push_back(each.value->runs);
+    const double more = MoreVariance(measure, Median(std::move(runs)), history.runs) * kMedianVariance /
+                        static_cast<double>(last.size());
     const double t = StudentQuantile(1 - Error() * kShareOfFleet / judged_, nights - 1);
-    const double reach = t * history.deviation * std::sqrt(1 + kMedianVariance / nights);
+    const double variance = history.deviation * history.deviation;
+    const double reach = t * std::sqrt(variance * (1 + kMedianVariance / nights) + more);
     FleetChange found;
     found.differencePercent = PercentOfLog(change);
     found.limitPercent = PercentOfLog(reach);
@@ -194,51 +214,60 @@ class FleetJudge {
         std::remove_if(last.begin(), last.end(), [](const Last& each) { return each.before == nullptr; }),
         last.end());
     if (last.empty()) return;
-    std::vector<double> changes;
-    for (const Last& each : last) changes.push_back(each.value->middle - each.before->middle);
-    const bool isFleet = last.size() >= kFewestForOutliers;
-    // What all boards share is the fleet's, not a board's.
-    const double shared = isFleet ? Median(changes) : 0;
-    if (isFleet) JudgeChange(measure, shared, *histories_.at(KeyOf(fleet_.measures[measure])));
-    const double error = 2 * Error() * kShareOfBefore / static_cast<double>(beforeTests_);
-    if (last.size() >= kManyBoards)
-      CompareChanges(measure, last, shared, error);
-    else
-      CompareNights(measure, last, shared, error);
-  }
-
-  // Of many boards: those whose change is not like the others'. `error`: of a board, in both directions.
-  void CompareChanges(std::uint32_t measure, const std::vector<Last>& last, double shared, double error) {
-    std::vector<double> changes;
-    for (const Last& each : last)
-      changes.push_back((each.value->middle - each.before->middle - shared) / Width(*each.before));
-    const Outliers outliers = FindOutliers(changes, error * static_cast<double>(last.size()));
-    for (const std::size_t odd : outliers.odd) {
-      const Last& each = last[odd];
-      const double own = each.before->nights >= kFewestOwnNights ? each.before->deviation : 0;
-      const double expected = each.before->middle + shared + outliers.middle * Width(*each.before);
-      AddIfWorse(measure, *each.value, expected,
-                 outliers.reach * std::max(outliers.deviation, own) * Width(*each.before));
+    const MeasureHistory& history = *histories_.at(KeyOf(fleet_.measures[measure]));
+    double shared = 0;
+    double sharedVariance = 0;
+    // What all boards share is the fleet's, not a board's. It is taken out only where it is judged.
+    if (last.size() >= kFewestForOutliers && history.nights >= kFewestNights) {
+      std::vector<double> changes;
+      for (const Last& each : last) changes.push_back(each.value->middle - each.before->middle);
+      shared = Median(std::move(changes));
+      sharedVariance = kMedianVariance / static_cast<double>(last.size());
+      JudgeChange(measure, shared, last, history);
     }
+    CompareNights(measure, last, shared, sharedVariance);
   }
 
-  // Of few boards: how they change from night to night says more than how they differ in the last one.
-  void CompareNights(std::uint32_t measure, const std::vector<Last>& last, double shared, double error) {
+  // The boards' scatter from night to night, together: its variance and degrees of freedom. A board that
+  // scatters far more than most must not hide what happens to others.
+  static std::pair<double, double> NightVariance(const std::vector<Last>& last) {
+    std::vector<double> deviations;
+    for (const Last& each : last) deviations.push_back(each.before->deviation);
+    const double most = kGreatestScatter * Median(deviations);
     double squares = 0;
-    double nights = 0;
-    for (const Last& each : last) {
-      squares += each.before->deviation * each.before->deviation * (each.before->nights - 1);
-      nights += each.before->nights - 1;
+    double freedoms = 0;
+    for (std::size_t i = 0; i < last.size(); ++i) {
+      const double deviation = most > 0 ? std::min(deviations[i], most) : deviations[i];
+      const double freedom = last[i].before->nights - 1;
+      squares += deviation * deviation * freedom;
+      freedoms += freedom;
     }
-    const double deviation = std::sqrt(squares / nights);
-    const double reach = StudentQuantile(1 - error / 2, std::max(1.0, kEfficiency * nights));
-    const double ofShared =
-        last.size() >= kFewestForOutliers ? kMedianVariance / static_cast<double>(last.size()) : 0;
+    return {squares / freedoms, std::max(1.0, kEfficiency * freedoms)};
+  }
+
+  // Each board's change against those from night to night before: that holds however many boards have
+  // changed. `sharedVariance`: of `shared`, in that of a board; 0 if nothing is taken out.
+  void CompareNights(std::uint32_t measure, const std::vector<Last>& last, double shared,
+                     double sharedVariance) {
+    const MeasureHistory& history = *histories_.at(KeyOf(fleet_.measures[measure]));
+    const auto [boards, freedom] = NightVariance(last);
+    // The history of a board is apart from what all boards shared, so that comes on top.
+    const double fleet = sharedVariance > 0 ? 0 : history.deviation * history.deviation;
+    const double nights = history.nights > 1 ? history.nights - 1 : 1;
+    const double both = boards + fleet;
+    // As of the sum of two variances (Welch and Satterthwaite).
+    const double freedoms =
+        fleet > 0 ? both * both / (boards * boards / freedom + fleet * fleet / nights) : freedom;
+    const double error = Error() * kShareOfBefore / static_cast<double>(beforeTests_);
+    const double t = StudentQuantile(1 - error, std::max(1.0, freedoms));
     for (const Last& each : last) {
-      const double own = each.before->nights >= kFewestOwnNights ? each.before->deviation : 0;
-      const double width = std::hypot(Width(*each.before), std::sqrt(ofShared));
-      AddIfWorse(measure, *each.value, each.before->middle + shared,
-                 reach * std::max(deviation, own) * width);
+      const BoardHistory& before = *each.before;
+      const double own = before.nights >= kFewestOwnNights ? before.deviation * before.deviation : 0;
+      // How much the difference between a night and the median of others scatters, compared with a night.
+      const double width = 1 + kMedianVariance / before.nights + sharedVariance;
+      const double variance =
+          (std::max(boards, own) + fleet) * width + MoreVariance(measure, each.value->runs, history.runs);
+      AddIfWorse(measure, *each.value, before.middle + shared, t * std::sqrt(variance));
     }
   }
 
@@ -248,9 +277,6 @@ class FleetJudge {
       Add(FleetFinding::Kind::kWorse, measure, value, expected, reach);
   }
 
-  // How much the difference between a night and the median of others scatters, compared with a night.
-  static double Width(const BoardHistory& before) { return std::sqrt(1 + kMedianVariance / before.nights); }
-
   static BoardState StateOf(const BoardVerdict& board) {
     const auto count = [&board](CellState state) { return board.cells[static_cast<std::size_t>(state)]; };
     std::size_t all = 0;
@@ -258,13 +284,16 @@ class FleetJudge {
     if (board.odd) return BoardState::kOdd;
     if (board.worse) return BoardState::kWorse;
     if (count(CellState::kFailed) + count(CellState::kDamaged) != 0) return BoardState::kFailed;
-    if (all == 0) return BoardState::kAbsent;
+    if (all == 0) return board.ranBefore ? BoardState::kVanished : BoardState::kAbsent;
     if (count(CellState::kDone) == 0) return BoardState::kNoRuns;
-    return count(CellState::kDone) == all ? BoardState::kGood : BoardState::kIncomplete;
+    const bool isWhole = count(CellState::kDone) == all && board.lacking.empty();
+    return isWhole ? BoardState::kGood : BoardState::kIncomplete;
   }
 
   void SetStates() {
     const std::vector<CellCounts>& cells = fleet_.nights.back().cells;
+    FindLastSeen(fleet_, verdict_);
+    FindLacking(fleet_, verdict_);
     for (std::uint32_t i = 0; i < verdict_.boards.size(); ++i) {
       BoardVerdict& board = verdict_.boards[i];
       if (i < cells.size()) board.cells = cells[i];
@@ -272,7 +301,7 @@ class FleetJudge {
       // These cells are no board's.
       if (board.state == BoardState::kNoRuns && fleet_.boards[i] == kAnyBoard)
         board.state = BoardState::kIncomplete;
-      if (board.state < BoardState::kNoRuns) continue;
+      if (board.state < BoardState::kVanished) continue;
       verdict_.isGood = false;
       verdict_.standOut.push_back(i);
     }
@@ -328,6 +357,8 @@ const char* NameOf(BoardState state) {
       return "absent";
     case BoardState::kNoRuns:
       return "no runs";
+    case BoardState::kVanished:
+      return "vanished";
     case BoardState::kFailed:
       return "failed";
     case BoardState::kWorse:

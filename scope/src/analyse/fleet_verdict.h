@@ -62,6 +62,7 @@ enum class BoardState {
   kGood,
   kIncomplete,  ///< some cells of the last night are missing, interrupted or unfinished
   kAbsent,      ///< has no cells in the last night
+  kVanished,    ///< has no cells in the last night, and ran in the night before
   kNoRuns,      ///< no cell of the last night is done
   kFailed,      ///< a cell of the last night has failed, or is damaged
   kWorse,
@@ -72,7 +73,10 @@ struct BoardVerdict {
   BoardState state = BoardState::kGood;  ///< the worst that is true
   bool odd = false;
   bool worse = false;
-  CellCounts cells{};  ///< of the last night
+  CellCounts cells{};                   ///< of the last night
+  std::optional<std::size_t> lastSeen;  ///< the last night with a cell of this board that is done
+  bool ranBefore = false;               ///< in the night before the last one of the same setup
+  std::vector<std::string> lacking;     ///< judged figures that its done cells lack and those of others have
   /// For each night: the mean of its judged values, in per cent of the fleet's median over all nights. 0:
   /// none.
   std::vector<float> index;
@@ -82,12 +86,15 @@ struct FleetVerdict {
   std::vector<MeasureVerdict> measures;  ///< of each of Fleet::measures
   std::vector<BoardVerdict> boards;      ///< of each of Fleet::boards
   std::vector<FleetFinding> findings;    ///< by board; of a board, the greatest difference first
-  std::vector<std::uint32_t> standOut;   ///< boards that are odd, worse or failed, the worst first
+  std::vector<std::uint32_t> standOut;   ///< boards that are kVanished or worse than that, the worst first
   std::size_t judgedBoards = 0;          ///< boards compared with the others
   std::size_t judgedBefore = 0;          ///< boards compared with what they were before
   std::vector<std::string> notes;
-  bool isGood = true;  ///< no board is odd, worse, failed or without runs, and the fleet is not worse
+  bool isGood = true;  ///< no board stands out, and the fleet is not worse
 };
+
+/// A board and a fleet are compared with what they were before from so many nights on.
+constexpr std::size_t kFewestNightsBefore = 3;
 
 /// Judges the last night. `before` is what the boards did before. Two kinds of questions share
 /// 1 - options.confidence: whether a board is like the others (FindOutliers), and whether it or the fleet is

@@ -39,6 +39,12 @@ double Limit(std::size_t left, double error) {
   return t * (n - 1) / std::sqrt((n - 2 + t * t) * n);
 }
 
+// As Limit, of a further value: from the mean of `kept` values, in their standard deviations.
+double Reach(std::size_t kept, double error) {
+  const auto n = static_cast<double>(kept);
+  return StudentQuantile(1 - error / (2 * (n + 1)), n - 1) * std::sqrt(1 + 1 / n);
+}
+
 // Sum and sum of squares of the values that remain, which are a part of the sorted ones.
 struct Remaining {
   std::size_t from = 0;
@@ -105,7 +111,7 @@ Outliers FindOutliers(const std::vector<double>& values, double error) {
     kept = remaining;
   }
   removed.resize(odd);
-  return {std::move(removed), kept.Middle() + shift, kept.Deviation(), Limit(kept.Count(), error)};
+  return {std::move(removed), kept.Middle() + shift, kept.Deviation(), Reach(kept.Count(), error)};
 }
 
 }  // namespace scope

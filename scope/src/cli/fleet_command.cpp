@@ -14,6 +14,7 @@
 #include "fleet_text.h"
 #include "printable.h"
 #include "standard_output.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -58,9 +59,15 @@ void Save(const FleetCommand& command, const FleetReport& report) {
   }
   if (!command.junit.empty()) WritePage({command.junit, true}, FleetJunit(report));
   if (!command.saveBaseline.empty()) {
-    WriteBaseline(command.saveBaseline, HistoryOf(report.fleet, report.fleet.nights.size(), UtcNow()));
-    told += "\nbaseline of " + std::to_string(report.fleet.nights.size()) + " nights in " +
+    // Nights of another configuration or other times are no part of it.
+    const FleetHistory history = HistoryOf(report.fleet, report.fleet.nights.size(), UtcNow());
+    WriteBaseline(command.saveBaseline, history);
+    told += "\nbaseline of " + Counted(history.nights.size(), "night") + " in " +
             Printable(command.saveBaseline) + "\n";
+    if (history.nights.size() < kFewestNightsBefore) {
+      told += "note: a baseline of fewer than " + std::to_string(kFewestNightsBefore) +
+              " nights is not compared with\n";
+    }
   }
   if (command.output == Output::kText) Print(told);
 }

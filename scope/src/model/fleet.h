@@ -22,10 +22,10 @@ struct FleetMeasure {
   std::uint32_t point = 0;  ///< the same for all measures of these levels and settings
 };
 
-/// A board's runs of a night for a measure. Values are natural logarithms: figures differ by factors.
+/// A board's runs of a night for a measure.
 struct FleetValue {
-  double middle = 0;          ///< mean over the runs
-  float squares = 0;          ///< sum of the runs' squared differences from it
+  double middle = 0;          ///< natural logarithm of the runs' mean: figures differ by factors
+  float squares = 0;          ///< sum of the runs' squared differences from their mean, in parts of it
   std::uint32_t measure = 0;  ///< its place in Fleet::measures; likewise the next two
   std::uint32_t board = 0;
   std::uint16_t night = 0;
@@ -43,6 +43,7 @@ struct FleetNight {
   std::string setup;  ///< tells apart what is recorded: configuration without levels, and times
   std::string made;   ///< Plan::made
   double warmupS = 0;
+  bool hasOpenCells = false;      ///< cells of its plan that any board may run
   std::vector<CellCounts> cells;  ///< of each board; may be shorter than Fleet::boards
 };
 
@@ -89,6 +90,7 @@ struct MeasureHistory {
   FleetMeasure measure;
   double deviation = 0;  ///< of the fleet's median from night to night
   int nights = 0;        ///< with a median of the fleet
+  double runs = 0;       ///< of a board in a night, usually
   std::vector<BoardHistory> boards;
 };
 

@@ -205,6 +205,18 @@ Json NotDoneJson(const Fleet& fleet) {
   return cells;
 }
 
+Json AbsentJson(const FleetReport& report) {
+  Json boards = Json::array();
+  for (std::uint32_t i = 0; i < report.verdict.boards.size(); ++i) {
+    const BoardVerdict& board = report.verdict.boards[i];
+    if (!IsAbsent(board) || boards.size() == kMostCells) continue;
+    boards.push_back(Json{{"board", report.fleet.boards[i]},
+                          {"last_seen", report.fleet.nights[*board.lastSeen].name},
+                          {"text", "absent: " + AbsentText(report, i)}});
+  }
+  return boards;
+}
+
 Json CountsJson(const FleetReport& report) {
   Json counts = Json::object();
   for (int state = static_cast<int>(BoardState::kOdd); state >= 0; --state) {
@@ -246,6 +258,7 @@ Json FleetData(const FleetReport& report) {
               {"boards", std::move(boards)},
               {"not_done", NotDoneJson(fleet)},
               {"not_done_cells", fleet.notDone.size()},
+              {"absent", AbsentJson(report)},
               {"notes", notes}};
 }
 

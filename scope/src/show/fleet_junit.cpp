@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "fleet_reader.h"
 #include "fleet_text.h"
 #include "printable.h"
 #include "text_format.h"
@@ -6,11 +7,38 @@
 namespace scope {
 namespace {
 
+// If the three or four bytes of UTF-8 from `at` on are no character of XML 1.0: surrogates, U+FFFE, U+FFFF,
+// overlong forms, and what is above U+10FFFF. Other lengths have none of these after Printable.
+bool IsNoCharacter(const std::string& text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  switch (byte(0)) {
+    case 0xE0:
+      return byte(1) < 0xA0;
+    case 0xED:
+      return byte(1) >= 0xA0;
+    case 0xEF:
+      return byte(1) == 0xBF && byte(2) >= 0xBE;
+    case 0xF0:
+      return byte(1) < 0x90;
+    case 0xF4:
+      return byte(1) >= 0x90;
+    default:
+      return false;
+  }
+}
+
 // As text and as the value of an attribute. XML 1.0 has no place for most control characters, not even
 // escaped; Printable has none of them.
-std::string Escaped(const std::string& text) {
+std::string Escaped(const std::string& raw) {
   std::string escaped;
-  for (const char letter : Printable(text)) {
+  const std::string text = Printable(raw);
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char letter = text[at];
+    if (IsNoCharacter(text, at)) {
+      escaped += "\xEF\xBF\xBD";  // U+FFFD, which stands for what cannot be shown
+      at += (static_cast<unsigned char>(letter) & 0xF0U) == 0xF0 ? 3 : 2;
+      continue;
+    }
     switch (letter) {
       case '&':
         escaped += "&amp;";
@@ -65,8 +93,10 @@ std::vector<std::vector<std::string>> NotDoneOf(const Fleet& fleet) {
 }
 
 // The content of the board's test: one element at most, as readers of the format expect.
-std::string ResultOf(BoardState state, std::vector<std::string> lines,
+std::string ResultOf(const FleetReport& report, std::uint32_t board,
                      const std::vector<std::string>& notDone) {
+  const BoardState state = report.verdict.boards[board].state;
+  std::vector<std::string> lines = LinesOf(report, board);
   lines.insert(lines.end(), notDone.begin(), notDone.end());
   switch (state) {
     case BoardState::kOdd:
@@ -77,6 +107,10 @@ std::string ResultOf(BoardState state, std::vector<std::string> lines,
     case BoardState::kNoRuns:
       lines.insert(lines.begin(), "no runs in this night");
       return Element("error", NameOf(state), lines);
+    case BoardState::kVanished:
+      return Element("error", NameOf(state), {"absent: " + AbsentText(report, board)});
+    case BoardState::kAbsent:
+      return "      <skipped message=\"" + Escaped("absent: " + AbsentText(report, board)) + "\"/>\n";
     default:
       return "";
   }
@@ -90,17 +124,23 @@ std::string FleetJunit(const FleetReport& report) {
   const auto notDone = NotDoneOf(fleet);
   std::string tests;
   std::size_t count = 0;
+  std::size_t skipped = 0;
   for (std::uint32_t board = 0; board < fleet.boards.size(); ++board) {
     const BoardState state = report.verdict.boards[board].state;
     const bool isIncomplete = state == BoardState::kIncomplete;
-    if (state == BoardState::kAbsent) continue;
+    // The board of cells that any may run is none.
+    if (state == BoardState::kAbsent && !IsAbsent(report.verdict.boards[board])) continue;
     ++count;
+    skipped += state == BoardState::kAbsent ? 1 : 0;
     tests += "    <testcase classname=\"" + Escaped("fleet." + night) + "\" name=\"" +
-             Escaped(fleet.boards[board]) + "\" time=\"0\">\n" +
-             ResultOf(state, LinesOf(report, board), notDone[board]);
+             Escaped(fleet.boards[board]) + "\" time=\"0\">\n" + ResultOf(report, board, notDone[board]);
     // It is not wrong, but whoever reads wants to know.
-    if (isIncomplete)
-      tests += "      <system-out>" + Escaped(Joined(notDone[board], "\n")) + "</system-out>\n";
+    if (isIncomplete) {
+      std::vector<std::string> lines = notDone[board];
+      const std::vector<std::string>& lacking = report.verdict.boards[board].lacking;
+      lines.insert(lines.end(), lacking.begin(), lacking.end());
+      tests += "      <system-out>" + Escaped(Joined(lines, "\n")) + "</system-out>\n";
+    }
     tests += "    </testcase>\n";
   }
   std::vector<std::string> changes;
@@ -117,12 +157,13 @@ std::string FleetJunit(const FleetReport& report) {
   const FleetVerdict& verdict = report.verdict;
   const std::size_t failures =
       CountOf(verdict, BoardState::kOdd) + CountOf(verdict, BoardState::kWorse) + (changes.empty() ? 0 : 1);
-  const std::size_t errors = CountOf(verdict, BoardState::kFailed) + CountOf(verdict, BoardState::kNoRuns);
+  const std::size_t errors = CountOf(verdict, BoardState::kFailed) + CountOf(verdict, BoardState::kNoRuns) +
+                             CountOf(verdict, BoardState::kVanished);
   const std::string counts =
       Format(" tests=\"%zu\" failures=\"%zu\" errors=\"%zu\" time=\"0\"", count, failures, errors);
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts + ">\n  <testsuite name=\"" +
-         Escaped("stress_scope fleet " + night) + "\"" + counts + ">\n" + tests +
-         "  </testsuite>\n</testsuites>\n";
+         Escaped("stress_scope fleet " + night) + "\"" + counts + Format(" skipped=\"%zu\"", skipped) +
+         ">\n" + tests + "  </testsuite>\n</testsuites>\n";
 }
 
 }  // namespace scope

@@ -81,6 +81,15 @@ std::string ReasonText(const FleetReport& report) {
   return text;
 }
 
+// A line with the first names.
+std::string ListText(const char* title, std::vector<std::string> names, const char* between) {
+  if (names.empty()) return "";
+  const std::size_t more = names.size() > kMostRows ? names.size() - kMostRows : 0;
+  names.resize(names.size() - more);
+  return title + Printable(Joined(names, between)) +
+         (more == 0 ? "" : between + std::string("and ") + std::to_string(more) + " more") + "\n";
+}
+
 // Cells that need a look. Of those that are missing, the boards say how many.
 std::string NotDoneText(const FleetReport& report, const TextStyle& style) {
   std::string text;
@@ -105,11 +114,12 @@ std::string NotDoneText(const FleetReport& report, const TextStyle& style) {
   for (std::size_t i = 0; i < report.verdict.boards.size(); ++i) {
     if (report.verdict.boards[i].state == BoardState::kNoRuns) silent.push_back(report.fleet.boards[i]);
   }
-  const std::size_t more = silent.size() > kMostRows ? silent.size() - kMostRows : 0;
-  silent.resize(silent.size() - more);
-  if (!silent.empty())
-    text += "no runs: " + Printable(Joined(silent, ", ")) +
-            (more == 0 ? "" : ", and " + std::to_string(more) + " more") + "\n";
+  text += ListText("no runs: ", silent, ", ");
+  std::vector<std::string> absent;
+  for (std::uint32_t i = 0; i < report.verdict.boards.size(); ++i) {
+    if (IsAbsent(report.verdict.boards[i])) absent.push_back(AbsentText(report, i));
+  }
+  text += ListText("absent: ", absent, "; ");
   return text.empty() ? "" : "\n" + text;
 }
 
@@ -145,7 +155,8 @@ std::string CountsText(const FleetVerdict& verdict) {
   const std::pair<BoardState, const char*> states[] = {{BoardState::kOdd, " odd"},
                                                        {BoardState::kWorse, " worse than before"},
                                                        {BoardState::kFailed, " failed"},
-                                                       {BoardState::kNoRuns, " without runs"}};
+                                                       {BoardState::kNoRuns, " without runs"},
+                                                       {BoardState::kVanished, " vanished"}};
   for (const auto& [state, text] : states) {
     const std::size_t count = CountOf(verdict, state);
     if (count != 0) parts.push_back(std::to_string(count) + text);
@@ -157,12 +168,6 @@ std::string CountsText(const FleetVerdict& verdict) {
 
 int ExitStatusOf(const FleetVerdict& verdict) {
   return verdict.isGood ? 0 : 1;
-}
-
-std::string MeasureTitle(const FleetMeasure& measure, bool point) {
-  const std::string label = point ? PointLabel(measure) : std::string();
-  return (measure.engine == kAllEngines ? "all" : measure.engine) + " " + KindOf(measure.figure).title +
-         (label.empty() ? "" : " at " + label);
 }
 
 std::string FindingText(const FleetReport& report, const FleetFinding& finding) {
@@ -183,6 +188,15 @@ std::string CellText(const FleetCell& cell) {
   std::string text = "cell " + std::to_string(cell.number) + " (" + cell.label + ") " + NameOf(cell.state);
   if (!cell.reason.empty()) text += ": " + cell.reason.substr(0, cell.reason.find('\n'));
   return cell.folder.empty() ? text : text + "; see " + cell.folder;
+}
+
+bool IsAbsent(const BoardVerdict& board) {
+  return (board.state == BoardState::kAbsent && board.lastSeen) || board.state == BoardState::kVanished;
+}
+
+std::string AbsentText(const FleetReport& report, std::uint32_t board) {
+  return report.fleet.boards[board] + ", last seen " +
+         report.fleet.nights[*report.verdict.boards[board].lastSeen].name;
 }
 
 std::string FleetSentence(const FleetReport& report) {

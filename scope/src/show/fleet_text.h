@@ -41,14 +41,17 @@ std::string FleetJunit(const FleetReport& report);
 /// 0, or 1 if a board or the fleet needs a look.
 int ExitStatusOf(const FleetVerdict& verdict);
 
-/// "cpu ops/s"; with `point`, "cpu ops/s at CPU=4".
-std::string MeasureTitle(const FleetMeasure& measure, bool point);
-
 /// What the finding says, in one line.
 std::string FindingText(const FleetReport& report, const FleetFinding& finding);
 
 /// The findings of a board, the greatest difference first.
 std::vector<FleetFinding> FindingsOf(const FleetVerdict& verdict, std::uint32_t board);
+
+/// It has no cells in the last night, but had runs before.
+bool IsAbsent(const BoardVerdict& board);
+
+/// "b7, last seen 2026-11-21". Requires IsAbsent.
+std::string AbsentText(const FleetReport& report, std::uint32_t board);
 
 /// The last cells that are not done, for people: "cell 3 (b1: CPU=4, repeat 1) failed: ...".
 std::string CellText(const FleetCell& cell);

@@ -53,6 +53,7 @@ MeasureHistory MeasureFromJson(const SeriesJson& json, const std::string& where)
   history.measure.figure = FigureOf(json.at("figure").get<std::string>(), where);
   history.deviation = NumberOf(json.at("deviation"), where + ": deviation", 0);
   history.nights = NightsOf(json.at("nights"), where);
+  history.runs = NumberOf(json.at("runs"), where + ": runs", 0);
   for (const SeriesJson& each : json.at("boards")) {
     BoardHistory board;
     each.at(0).get_to(board.board);
@@ -92,6 +93,7 @@ SeriesJson MeasureJson(const MeasureHistory& history) {
   json["figure"] = KindOf(history.measure.figure).name;
   json["deviation"] = history.deviation;
   json["nights"] = history.nights;
+  json["runs"] = history.runs;
   json["boards"] = SeriesJson::array();
   for (const BoardHistory& board : history.boards)
     json["boards"].push_back({board.board, board.middle, board.deviation, board.nights});
