@@ -214,7 +214,7 @@ TEST(FleetVerdictTest, ABoardWithFewerRunsIsAllowedMore) {
   for (FleetValue& value : fleet.values) {
     if (value.measure == 0 && value.board == 0 && value.night == 7) last = &value;
   }
-  last->middle = history.measures[0].boards[0].middle - 0.075;
+  last->middle = history.measures[0].boards[0].middle - 0.09;
   EXPECT_TRUE(JudgeFleet(fleet, history, {}).boards[0].worse);
   last->runs = 1;
   last->squares = 0;
