@@ -80,11 +80,11 @@ double NormalQuantile(double p) {
   // Bisection: the standard library has no inverse of erfc, and speed does not matter here.
   double low = 0;
   double high = 40;
-  for (int step = 0; step < 100; ++step) {
+  for (;;) {
     const double middle = (low + high) / 2;
+    if (middle <= low || middle >= high) return low;  // no number is between them
     (NormalTail(middle) > 1 - p ? low : high) = middle;
   }
-  return low;
 }
 
 Trend TestTrend(const std::vector<double>& values) {
