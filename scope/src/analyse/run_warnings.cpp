@@ -18,8 +18,6 @@ namespace {
 
 // Share of the CPUs' time. A second in which others take more is disturbed.
 constexpr double kDisturbed = 0.05;
-// The counters are read once a second. A value is that of the time before it.
-constexpr double kCounterPeriodS = 1;
 // Changes above this share are reported.
 constexpr double kDrift = 0.02;
 constexpr double kDriftP = 0.01;

@@ -150,6 +150,9 @@ struct Rate {
   double fps = 0;
 };
 
+/// Counters are read once in this time. A value is that of the time before it.
+constexpr double kCounterPeriodS = 1;
+
 struct CounterValue {
   double timeS = 0;
   std::string source;

@@ -37,7 +37,6 @@ constexpr int kPollMs = 200;
 // Of each pipe and turn. A benchmark that prints without pause then delays an answer to SIGINT by some ten
 // milliseconds.
 constexpr std::size_t kTurnBytes = 16384;
-constexpr double kCounterPeriodS = 1;
 
 std::uint64_t NowNs() {
   timespec now{};
