@@ -32,6 +32,11 @@ void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded
 void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
+/// Adds --levels, --repeat, --warmup and --seed, which exclude `excluded` if it is not null. `point` is what
+/// the runs are repeated for, in the help. Returns --seed: without it the caller chooses one.
+CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepSettings& settings,
+                     const std::string& point, CLI::Option* excluded);
+
 /// Prints the figures of the sweep in `folder`, and writes their page. Throws
 /// UserError.
 void ShowSweep(const std::string& folder, Output output, const TextStyle& style, const PageFile& file);

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <cstdint>
-#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -105,21 +103,10 @@ void AddPlan(CLI::App& app, int& status) {
   add("--boards", options->boards, "NAMES",
       "Boards, separated by commas, on each of which all is planned (default: any board)")
       ->allow_extra_args(false);
-  add("--levels", options->levels, "SECTION=LEVELS",
-      "Section and its levels, as in CPU=0,1,2..4; once for each section")
-      ->allow_extra_args(false);
   add("--setting", options->boardSettings, "NAME=VALUES",
       "Setting of the board and its values, as in refresh=3900,7800; once for each setting")
       ->allow_extra_args(false);
-  add("--repeat", settings.repeats, "N", "Runs of each combination")
-      ->check(WholeNumberFrom(1, 1000))
-      ->capture_default_str();
-  add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
-      ->check(NumberFrom(0, kMostSeconds))
-      ->capture_default_str();
-  CLI::Option* const seed =
-      add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
-          ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+  CLI::Option* const seed = AddGrid(*command, options->levels, settings, "combination", nullptr);
   add("-o,--output", options->file, "FILE", "Plan to make (default: plan-TIME.json)");
   AddRunLimits(*command, settings, nullptr);
   AddOutput(*command, options->output);

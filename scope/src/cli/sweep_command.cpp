@@ -176,6 +176,26 @@ int RunSweep(const SweepOptions& options) {
 
 }  // namespace
 
+CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepSettings& settings,
+                     const std::string& point, CLI::Option* excluded) {
+  const auto add = [&](const char* name, auto& value, const char* type, const std::string& help) {
+    CLI::Option* const option = command.add_option(name, value, help)->type_name(type);
+    if (excluded != nullptr) option->excludes(excluded);
+    return option;
+  };
+  add("--levels", levels, "SECTION=LEVELS",
+      "Section and its levels, as in CPU=0,1,2..4; once for each section")
+      ->allow_extra_args(false);
+  add("--repeat", settings.repeats, "N", "Runs of each " + point)
+      ->check(WholeNumberFrom(1, 1000))
+      ->capture_default_str();
+  add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
+      ->check(NumberFrom(0, kMostSeconds))
+      ->capture_default_str();
+  return add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
+      ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+}
+
 void AddSweep(CLI::App& app, int& status) {
   CLI::App* const command =
       app.add_subcommand("sweep", "Record a grid of levels, and show where the bandwidth saturates");
@@ -188,23 +208,11 @@ void AddSweep(CLI::App& app, int& status) {
           ->add_option("--resume", options->resume,
                        "Continue the sweep in this folder; if all its runs are done, show it")
           ->type_name("DIR");
-  const auto add = [command, resume](const char* name, auto& value, const char* type, const char* help) {
-    return command->add_option(name, value, help)->type_name(type)->excludes(resume);
-  };
   config->excludes(resume);
-  add("--levels", options->levels, "SECTION=LEVELS",
-      "Section and its levels, as in CPU=0,1,2..4; once for each section")
-      ->allow_extra_args(false);
-  add("--repeat", settings.repeats, "N", "Runs of each point")
-      ->check(WholeNumberFrom(1, 1000))
-      ->capture_default_str();
-  add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
-      ->check(NumberFrom(0, kMostSeconds))
-      ->capture_default_str();
-  CLI::Option* const seed =
-      add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
-          ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
-  add("-o,--output", options->folder, "DIR", "Sweep folder to make (default: sweep-TIME)");
+  CLI::Option* const seed = AddGrid(*command, options->levels, settings, "point", resume);
+  command->add_option("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)")
+      ->type_name("DIR")
+      ->excludes(resume);
   AddRunSettings(*command, settings, resume);
   AddOutput(*command, options->output);
   AddColour(*command, options->style);
