@@ -9,9 +9,10 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <thread>
 
-#include "errors.h"
+#include "error_of.h"
 #include "experiment_folder.h"
 #include "experiment_plan.h"
 #include "folder_lock.h"
@@ -428,18 +429,19 @@ TEST_F(AbTest, RefusesBadInputBeforeAnythingRuns) {
 TEST_F(AbTest, RefusesForeignExperiments) {
   const auto error = [&](const std::string& text) {
     folder_.Put("ab/experiment.json", text);
-    try {
-      (void)ReadExperiment(Folder());
-    } catch (const UserError& caught) {
-      return std::string(caught.what());
-    }
-    return std::string("no error");
+    return ErrorOf([&] { (void)ReadExperiment(Folder()); });
   };
   EXPECT_THAT(error("{"), HasSubstr("experiment.json: "));
   EXPECT_THAT(error("{\"format\": 2}"), HasSubstr("written in format 2, this program reads format 1"));
   EXPECT_THAT(error("{\"format\": 1, \"kind\": \"sweep\"}"), HasSubstr("not an experiment"));
   Experiment experiment;
   experiment.runs = PlanExperiment(experiment.settings);
+  WriteExperiment(Folder(), experiment);
+  auto json = nlohmann::json::parse(folder_.Get("ab/experiment.json"));
+  EXPECT_EQ(error(json.dump()), "no error");
+  // As an int it would be the same number.
+  json["max_runs"] = 4294967296 + experiment.settings.mostRuns;
+  EXPECT_THAT(error(json.dump()), HasSubstr("max_runs: expected a whole number, found "));
   for (const char* folder : {"../a/001", "a/../../x", "b/001", "a/", "/tmp"}) {
     experiment.runs[0].isB = false;
     experiment.runs[0].folder = folder;

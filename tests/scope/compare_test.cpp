@@ -13,6 +13,7 @@
 
 #include "compare_conditions.h"
 #include "comparison_text.h"
+#include "error_of.h"
 #include "errors.h"
 #include "number_text.h"
 #include "page_json.h"
@@ -67,12 +68,7 @@ class CompareTest : public ::testing::Test {
   }
 
   static std::string ErrorOf(const std::string& argument) {
-    try {
-      (void)ReadSide(argument);
-    } catch (const UserError& error) {
-      return error.what();
-    }
-    return "no error";
+    return ::ErrorOf([&] { (void)ReadSide(argument); });
   }
 
   TemporaryFolder folder_;

@@ -7,12 +7,11 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <utility>
 
-#include "errors.h"
+#include "error_of.h"
 #include "folder_file.h"
 #include "folder_lock.h"
 #include "printable.h"
@@ -46,15 +45,6 @@ class HostileFolderTest : public ::testing::Test {
 
   std::string Error() const {
     return ErrorOf([this] { (void)ReadRun(run_); });
-  }
-
-  static std::string ErrorOf(const std::function<void()>& read) {
-    try {
-      read();
-    } catch (const UserError& error) {
-      return error.what();
-    }
-    return "no error";
   }
 
   // A run whose samples and histogram are these rows. The rows of the engines have the same operations,

@@ -21,7 +21,7 @@
 #include "cell_plan.h"
 #include "collection.h"
 #include "collection_text.h"
-#include "errors.h"
+#include "error_of.h"
 #include "folder_lock.h"
 #include "plan_file.h"
 #include "run_reader.h"
@@ -41,16 +41,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
 namespace fs = std::filesystem;
-
-template <typename Call>
-std::string MessageOf(Call call) {
-  try {
-    call();
-  } catch (const UserError& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 TEST(CellPlanTest, EachBoardRecordsEachPointBeforeAnyRepeat) {
   const PlanGrid grid{
@@ -85,7 +75,7 @@ TEST(CellPlanTest, WithoutBoardsAndLevelsACellIsTheConfigurationOnAnyBoard) {
 }
 
 TEST(CellPlanTest, RefusesNamesThatAShellOrAFolderWouldNotTake) {
-  const auto boards = [](const std::string& text) { return MessageOf([&] { (void)ParseBoards({text}); }); };
+  const auto boards = [](const std::string& text) { return ErrorOf([&] { (void)ParseBoards({text}); }); };
   EXPECT_EQ(boards("b1,b2"), "no error");
   EXPECT_THAT(boards("b1,b1"), HasSubstr("the board b1 is given twice"));
   for (const char* const name : {"", "b1,", "-b", "b 1", "b;1", "../b", "b\n"})
@@ -93,7 +83,7 @@ TEST(CellPlanTest, RefusesNamesThatAShellOrAFolderWouldNotTake) {
   EXPECT_THAT(boards(std::string(65, 'b')), HasSubstr("expected 1 to 64"));
   EXPECT_EQ(boards(std::string(64, 'b')), "no error");
   const auto settings = [](std::vector<std::string> texts) {
-    return MessageOf([&] { (void)ParseSettings(texts); });
+    return ErrorOf([&] { (void)ParseSettings(texts); });
   };
   EXPECT_EQ(settings({"refresh=3900,7800", "file=/sys/x:1"}), "no error");
   EXPECT_THAT(settings({"refresh"}), HasSubstr("as in refresh=3900,7800"));
@@ -108,7 +98,7 @@ TEST(CellPlanTest, RefusesMoreCellsThanAPlanHolds) {
   PlanGrid grid;
   for (int i = 0; i < 10'000; ++i) grid.boards.push_back("b" + std::to_string(i));
   grid.axes = ParseAxes({"CPU=0..10", "VPC=0..10", "VENC=0..10", "AIC=0..10"});
-  EXPECT_THAT(MessageOf([&] { (void)PlanCells(grid, 1000, 1); }), HasSubstr("more than 500000 cells"));
+  EXPECT_THAT(ErrorOf([&] { (void)PlanCells(grid, 1000, 1); }), HasSubstr("more than 500000 cells"));
 }
 
 TEST(CollectionTest, NumbersToRunAreRanges) {

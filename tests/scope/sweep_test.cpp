@@ -15,7 +15,7 @@
 #include "compare_conditions.h"
 #include "compare_values.h"
 #include "configuration.h"
-#include "errors.h"
+#include "error_of.h"
 #include "folder_lock.h"
 #include "page_json.h"
 #include "report.h"
@@ -39,16 +39,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Pair;
 using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
-
-template <typename Call>
-std::string ErrorOf(Call call) {
-  try {
-    call();
-  } catch (const UserError& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 TEST(SweepPlanTest, ReadsLevels) {
   const auto axes = ParseAxes({"CPU=0,1,2,4", "VENC=0..4", "AIC=7,0..2"});
@@ -323,6 +313,33 @@ TEST_F(SweepTest, RefusesASweepWhoseRunsAreNotItsGrid) {
   EXPECT_THAT(error([](Sweep& sweep) { sweep.axes[0].section = "\033[2J"; }),
               HasSubstr("expected sections of engines, each once"));
   EXPECT_THAT(error([](Sweep& sweep) { sweep.axes.clear(); }), HasSubstr("the grid has no section"));
+}
+
+// As an int each of the large numbers would be 1, which is right here.
+TEST_F(SweepTest, RefusesNumbersThatDoNotFit) {
+  Sweep sweep;
+  sweep.axes = ParseAxes({"CPU=1"});
+  sweep.runs = PlanRuns(sweep.axes, 1, 1);
+  std::filesystem::create_directories(Folder());
+  WriteSweep(Folder(), sweep);
+  EXPECT_EQ(ErrorOf([&] { (void)ReadSweep(Folder()); }), "no error");
+  const auto valid = nlohmann::json::parse(folder_.Get("sweep/sweep.json"));
+  const auto error = [&](const std::string& place, const nlohmann::json& value) {
+    nlohmann::json changed = valid;
+    changed.at(nlohmann::json::json_pointer(place)) = value;
+    folder_.Put("sweep/sweep.json", changed.dump());
+    return ErrorOf([&] { (void)ReadSweep(Folder()); });
+  };
+  EXPECT_THAT(error("/grid/CPU/0", 4294967297),
+              EndsWith("sweep.json: level of CPU: expected a whole number, found 4294967297"));
+  EXPECT_THAT(error("/runs/0/levels/CPU", 4294967297), HasSubstr("level of CPU: expected a whole number"));
+  EXPECT_THAT(error("/runs/0/repeat", 4294967297), HasSubstr("repeat: expected a whole number"));
+  EXPECT_THAT(error("/runs/0/order", 4294967297), HasSubstr("order: expected a whole number"));
+  EXPECT_THAT(error("/repeats", 4294967297), HasSubstr("repeats: expected a whole number"));
+  EXPECT_THAT(error("/format", 4294967297), HasSubstr("format: expected a whole number"));
+  EXPECT_THAT(error("/seed", -1), HasSubstr("seed: expected a whole number, found -1"));
+  EXPECT_THAT(error("/grid/CPU/0", 1.9), HasSubstr("expected a whole number, found 1.9"));
+  EXPECT_THAT(error("/grid/CPU", {{"a", 1}}), HasSubstr("expected a list of levels of CPU"));
 }
 
 TEST_F(SweepTest, RecordsTheGridInItsOrder) {

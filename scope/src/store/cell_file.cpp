@@ -44,6 +44,26 @@ CellState CellStateOf(const SeriesJson& json, const std::string& path) {
   return at->first;
 }
 
+CellRecord RecordFromJson(const SeriesJson& json, const std::string& path) {
+  CellRecord record;
+  json.at("plan").get_to(record.plan);
+  GetWhole(json.at("number"), "number", record.number);
+  record.cell = CellFromJson(json.at("cell"));
+  json.at("board").get_to(record.board);
+  json.at("machine").get_to(record.machine);
+  json.at("started").get_to(record.started);
+  json.at("ended").get_to(record.ended);
+  record.state = CellStateOf(json.at("state"), path);
+  json.at("reason").get_to(record.reason);
+  for (const auto& [engine, figures] : json.at("figures").items()) {
+    for (const auto& [figure, value] : figures.items())
+      record.figures.push_back({engine, figure, value.get<double>()});
+  }
+  for (const auto& [name, bytes] : json.at("files").items())
+    GetWhole(bytes, name, record.files.emplace_back(name, 0).second);
+  return record;
+}
+
 }  // namespace
 
 SeriesJson CellJson(const PlanCell& cell) {
@@ -90,32 +110,7 @@ std::optional<CellRecord> ReadCell(const std::string& folder) {
   const std::string path = folder + "/" + kCellName;
   const std::optional<std::string> text = ReadFolderFile(path, kMostCellBytes);
   if (!text) return std::nullopt;
-  try {
-    const SeriesJson json = ParseSeriesJson(*text, path, kCell);
-    CellRecord record;
-    json.at("plan").get_to(record.plan);
-    GetWhole(json.at("number"), "number", record.number);
-    record.cell = CellFromJson(json.at("cell"));
-    json.at("board").get_to(record.board);
-    json.at("machine").get_to(record.machine);
-    json.at("started").get_to(record.started);
-    json.at("ended").get_to(record.ended);
-    record.state = CellStateOf(json.at("state"), path);
-    json.at("reason").get_to(record.reason);
-    for (const auto& [engine, figures] : json.at("figures").items()) {
-      for (const auto& [figure, value] : figures.items())
-        record.figures.push_back({engine, figure, value.get<double>()});
-    }
-    for (const auto& [name, bytes] : json.at("files").items())
-      GetWhole(bytes, name, record.files.emplace_back(name, 0).second);
-    return record;
-  } catch (const SeriesJson::exception& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  } catch (const DamagedFolder&) {
-    throw;
-  } catch (const UserError& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  }
+  return ReadFrom(path, [&] { return RecordFromJson(ParseSeriesJson(*text, path, kCell), path); });
 }
 
 std::vector<std::pair<std::string, std::uint64_t>> FilesOf(const std::string& folder) {

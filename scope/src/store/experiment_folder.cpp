@@ -63,7 +63,7 @@ Experiment ExperimentFromJson(const SeriesJson& json, const std::string& path) {
   json.at("started").get_to(experiment.started);
   json.at("config").at("path").get_to(experiment.configPath);
   ForEachExperimentSetting(experiment.settings,
-                           [&](const char* key, auto& value) { json.at(key).get_to(value); });
+                           [&](const char* key, auto& value) { GetField(json, key, value); });
   for (const SeriesJson& entry : json.at("runs")) {
     ExperimentRun run;
     GetRun(entry, path, run);
@@ -83,11 +83,8 @@ bool IsExperimentFolder(const std::string& folder) {
 
 Experiment ReadExperiment(const std::string& folder) {
   const std::string path = folder + "/" + kExperimentName;
-  try {
-    return ExperimentFromJson(ReadSeriesJson(folder, kExperiment), path);
-  } catch (const SeriesJson::exception& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  }
+  const SeriesJson json = ReadSeriesJson(folder, kExperiment);
+  return ReadFrom(path, [&] { return ExperimentFromJson(json, path); });
 }
 
 void WriteExperiment(const std::string& folder, const Experiment& experiment) {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <optional>
 #include <set>
-#include <type_traits>
 #include <utility>
 
 #include "cell_json.h"
@@ -68,14 +67,6 @@ void RequireLevels(const SweepLevels& levels, const std::string& where) {
   }
 }
 
-template <typename Value>
-void GetSetting(const SeriesJson& json, const char* key, Value& value) {
-  if constexpr (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)
-    GetWhole(json.at(key), key, value);
-  else
-    json.at(key).get_to(value);
-}
-
 // Somebody may have written the file by hand, or means harm.
 PlanCell CellAt(const SeriesJson& json, const Plan& plan, const std::string& where) {
   PlanCell cell;
@@ -100,7 +91,7 @@ Plan PlanFromJson(const SeriesJson& json) {
   json.at("made").get_to(plan.made);
   json.at("config").at("path").get_to(plan.configPath);
   json.at("config").at("text").get_to(plan.configText);
-  ForEachPlanSetting(plan.settings, [&json](const char* key, auto& value) { GetSetting(json, key, value); });
+  ForEachPlanSetting(plan.settings, [&json](const char* key, auto& value) { GetField(json, key, value); });
   RequireTime("warmup_s", plan.settings.warmupS, kAllowedTimeS);
   RequireTime("stop_after_s", plan.settings.stopAfterS, kAllowedTimeS);
   RequireTime("grace_s", plan.settings.graceS, kAllowedGraceS);
@@ -140,17 +131,11 @@ Plan ReadPlan(const std::string& path) {
     throw UserError("cannot read the plan " + path + ": " + std::strerror(errno) +
                     ". Make one with stress_scope plan");
   }
-  try {
+  return ReadFrom(path, [&] {
     Plan plan = PlanFromJson(ParseSeriesJson(*text, path, kPlan));
     plan.id = HashOf(*text);
     return plan;
-  } catch (const SeriesJson::exception& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  } catch (const DamagedFolder&) {
-    throw;
-  } catch (const UserError& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  }
+  });
 }
 
 std::string PlanFileText(const Plan& plan) {

@@ -44,14 +44,17 @@ SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind) {
 }
 
 SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, const SeriesKind& kind) {
-  SeriesJson json = ParseFolderJson(text, path);
-  const int format = json.at("format").get<int>();
-  if (format != kind.format) {
-    throw DamagedFolder(path + ": written in format " + std::to_string(format) +
-                        ", this program reads format " + std::to_string(kind.format));
-  }
-  if (json.at("kind").get<std::string>() != kind.kind) throw DamagedFolder(path + ": not " + kind.what);
-  return json;
+  return ReadFrom(path, [&] {
+    SeriesJson json = ParseFolderJson(text, path);
+    int format = 0;
+    GetField(json, "format", format);
+    if (format != kind.format) {
+      throw UserError("written in format " + std::to_string(format) + ", this program reads format " +
+                      std::to_string(kind.format));
+    }
+    if (json.at("kind").get<std::string>() != kind.kind) throw UserError(std::string("not ") + kind.what);
+    return json;
+  });
 }
 
 SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath) {

@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <type_traits>
 
 #include "errors.h"
 #include "run.h"
@@ -47,14 +48,39 @@ void GetWhole(const SeriesJson& json, const std::string& name, Whole& value) {
   value = json.get<Whole>();
 }
 
+/// Sets `value` to what is at `key`. Throws UserError as GetWhole does, and the library's exception if the
+/// key is missing or the value has another type.
+template <typename Value>
+void GetField(const SeriesJson& json, const char* key, Value& value) {
+  if constexpr (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)
+    GetWhole(json.at(key), key, value);
+  else
+    json.at(key).get_to(value);
+}
+
+/// Returns what `read` makes of the content of the file `path`. What it throws about that content becomes a
+/// DamagedFolder, which names the file.
+template <typename Read>
+auto ReadFrom(const std::string& path, Read read) {
+  try {
+    return read();
+  } catch (const SeriesJson::exception& error) {
+    throw DamagedFolder(path + ": " + error.what());
+  } catch (const DamagedFolder&) {
+    throw;  // names the file already
+  } catch (const UserError& error) {
+    throw DamagedFolder(path + ": " + error.what());
+  }
+}
+
 bool IsSeriesFolder(const std::string& folder, const SeriesKind& kind);
 
 /// The content of the file in `folder`. Throws UserError if there is none, and DamagedFolder if it has
 /// another format or kind. Both name the file and what was expected.
 SeriesJson ReadSeriesJson(const std::string& folder, const SeriesKind& kind);
 
-/// Parses `text`, the content of the file `path`. Throws DamagedFolder as ReadSeriesJson does, and the
-/// library's exception if it is no JSON.
+/// Parses `text`, the content of the file `path`. Throws DamagedFolder as ReadSeriesJson does, also if it is
+/// no JSON.
 SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, const SeriesKind& kind);
 
 /// The keys with which the file begins.

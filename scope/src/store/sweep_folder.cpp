@@ -52,10 +52,10 @@ SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
     throw DamagedFolder(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
   }
   for (const auto& [section, level] : json.at("levels").items()) {
-    run.levels.emplace_back(section, level.get<int>());
+    GetWhole(level, "level of " + section, run.levels.emplace_back(section, 0).second);
   }
-  json.at("repeat").get_to(run.repeat);
-  json.at("order").get_to(run.order);
+  GetField(json, "repeat", run.repeat);
+  GetField(json, "order", run.order);
   return run;
 }
 
@@ -118,9 +118,14 @@ Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
   json.at("config").at("path").get_to(sweep.configPath);
-  ForEachSweepSetting(sweep.settings, [&](const char* key, auto& value) { json.at(key).get_to(value); });
+  ForEachSweepSetting(sweep.settings, [&](const char* key, auto& value) { GetField(json, key, value); });
   for (const auto& [section, levels] : json.at("grid").items()) {
-    sweep.axes.push_back({section, levels.get<std::vector<int>>()});
+    if (!levels.is_array()) throw UserError("expected a list of levels of " + section);
+    SweepAxis& axis = sweep.axes.emplace_back();
+    axis.section = section;
+    for (const SeriesJson& level : levels) {
+      GetWhole(level, "level of " + section, axis.levels.emplace_back());
+    }
   }
   for (const SeriesJson& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
   RequireAxes(sweep, path);
@@ -136,11 +141,8 @@ bool IsSweepFolder(const std::string& folder) {
 
 Sweep ReadSweep(const std::string& folder) {
   const std::string path = folder + "/" + kSweepName;
-  try {
-    return SweepFromJson(ReadSeriesJson(folder, kSweep), path);
-  } catch (const SeriesJson::exception& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  }
+  const SeriesJson json = ReadSeriesJson(folder, kSweep);
+  return ReadFrom(path, [&] { return SweepFromJson(json, path); });
 }
 
 void WriteSweep(const std::string& folder, const Sweep& sweep) {
