@@ -38,6 +38,9 @@ struct Device {
   AVHWDeviceType type = AV_HWDEVICE_TYPE_NONE;
   AVHWFramesContext frames{};  ///< the description of its frames
   AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
+  int bFrames = -1;
+  int threads = -1;
+  bool lowDelay = false;
   std::string rateControl;
   std::vector<std::int64_t> times;  ///< of the frames that were sent
   int framesHeld = 0;               ///< frames of the device that were not given back before the next
@@ -92,6 +95,9 @@ int __wrap_av_hwframe_ctx_init(AVBufferRef* frames) {
 int __wrap_avcodec_open2(AVCodecContext* codec, const AVCodec* description, AVDictionary** options) {
   if (device == nullptr) return __real_avcodec_open2(codec, description, options);
   device->pixelFormat = codec->pix_fmt;
+  device->bFrames = codec->max_b_frames;
+  device->threads = codec->thread_count;
+  device->lowDelay = (codec->flags & AV_CODEC_FLAG_LOW_DELAY) != 0;
   const AVDictionaryEntry* const mode = av_dict_get(*options, "rc_mode", nullptr, 0);
   device->rateControl = mode != nullptr ? mode->value : "";
   EXPECT_GE(av_dict_set(options, "tune", "zerolatency", 0), 0);
@@ -162,6 +168,9 @@ TEST_F(DeviceEncoder, EncodesFramesInTheMemoryOfTheDevice) {
   EXPECT_EQ(scripted_.frames.initial_pool_size, 4);
   EXPECT_EQ(scripted_.pixelFormat, AV_PIX_FMT_VAAPI);
   EXPECT_EQ(scripted_.rateControl, "CBR");
+  EXPECT_EQ(scripted_.bFrames, 0);
+  EXPECT_EQ(scripted_.threads, 1);
+  EXPECT_TRUE(scripted_.lowDelay);
   H264Packet packet;
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(encoder->Encode(grey.data(), packet), "");
