@@ -28,7 +28,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 TEST(ExperimentPlanTest, RecordsEachSideOnceBeforeAnyAgain) {
   ExperimentSettings settings;

@@ -12,7 +12,7 @@
 namespace {
 
 using ::testing::ElementsAre;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 using Values = std::map<FigureKey, std::vector<double>>;
 

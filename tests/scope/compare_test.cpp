@@ -34,7 +34,7 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 class CompareTest : public ::testing::Test {
  protected:

@@ -17,7 +17,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::Pair;
 using ::testing::SizeIs;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 using Levels = std::vector<std::pair<std::string, int>>;
 

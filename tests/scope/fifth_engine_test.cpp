@@ -26,7 +26,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Pair;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 class FifthEngineTest : public ::testing::Test {
  protected:

@@ -14,7 +14,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 // Of each row. FLEET_SIMULATIONS sets another number, to know the shares more exactly.
 int Fleets() {

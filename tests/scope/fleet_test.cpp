@@ -12,6 +12,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
+#include "error_of.h"
 #include "errors.h"
 #include "fleet_baseline.h"
 #include "fleet_reader.h"
@@ -32,18 +33,8 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 namespace fs = std::filesystem;
-
-template <typename Call>
-std::string MessageOf(Call call) {
-  try {
-    call();
-  } catch (const UserError& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 TEST(RobustTest, TheCentreIsThatOfMostValues) {
   const RobustCentre centre = FindCentre({1, 2, 3, 4, 5, 6, 7, 8, 1e9, 1e9});
@@ -390,10 +381,10 @@ TEST_F(FleetFolderTest, NightsOfAnotherKindAreLeftOutAndTheUserIsTold) {
                           HasSubstr("the night 2026-11-01 is left out: "),
                           HasSubstr("1 night not compared: the configuration or the times differ")));
   folder_.Put("nights/2026-11-03/plan.json", "{");
-  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(Dir()); }), HasSubstr("2026-11-03/plan.json: "));
-  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(folder_ / "none"); }), HasSubstr("cannot read the folder "));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(Dir()); }), HasSubstr("2026-11-03/plan.json: "));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(folder_ / "none"); }), HasSubstr("cannot read the folder "));
   fs::create_directories(folder_ / "empty");
-  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(folder_ / "empty"); }),
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(folder_ / "empty"); }),
               HasSubstr("one a night; found no plan.json"));
 }
 
@@ -426,7 +417,7 @@ TEST_F(FleetFolderTest, TheNewestNightNeedsAPlan) {
   fs::create_directories(Dir() + "/2026-10-31");
   EXPECT_THAT(ReadFleet(Dir()).notes, ElementsAre("left out, because there is no plan.json: 2026-10-31"));
   fs::create_directories(Night(3));
-  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(Dir()); }),
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(Dir()); }),
               AllOf(HasSubstr("nights/2026-11-03: expected plan.json"), HasSubstr("2026-11-02 is judged")));
 }
 
@@ -440,7 +431,7 @@ TEST_F(FleetFolderTest, ALinkToANightIsNoFurtherNightAndWhatCannotBeReadIsAnErro
   ASSERT_EQ(fleet.nights.size(), 3U);
   EXPECT_EQ(fleet.nights[2].name, "2026-11-03");
   fs::create_symlink("loop", Dir() + "/loop");
-  EXPECT_THAT(MessageOf([&] { (void)ReadFleet(Dir()); }),
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(Dir()); }),
               AllOf(StartsWith("cannot read the folder "), HasSubstr("nights/loop: ")));
 }
 
@@ -526,13 +517,13 @@ TEST_F(FleetFolderTest, ADamagedBaselineIsRefused) {
        [](Json& json) { json["measures"][0]["boards"][0][0] = "\x1b"; }}};
   for (const auto& [reason, edit] : edits) {
     Edit(folder_ / "good.json", edit);
-    EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "good.json"); }),
+    EXPECT_THAT(ErrorOf([&] { (void)ReadBaseline(folder_ / "good.json"); }),
                 AllOf(StartsWith(folder_ / "good.json"), HasSubstr(reason)));
     folder_.Put("good.json", good);
   }
   folder_.Put("good.json", good.substr(0, good.size() / 2));
-  EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "good.json"); }), HasSubstr("good.json: "));
-  EXPECT_THAT(MessageOf([&] { (void)ReadBaseline(folder_ / "none.json"); }),
+  EXPECT_THAT(ErrorOf([&] { (void)ReadBaseline(folder_ / "good.json"); }), HasSubstr("good.json: "));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadBaseline(folder_ / "none.json"); }),
               HasSubstr("Make one with stress_scope fleet DIR --save-baseline"));
 }
 

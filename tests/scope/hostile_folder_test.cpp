@@ -26,7 +26,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 constexpr const char* kSamples =
     "second,time_s,engine,thread,operations,busy_ns,bytes,failures,p50_ns,p99_ns,max_ns\n";

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -18,6 +17,7 @@
 #include "cell_file.h"
 #include "compare_figures.h"
 #include "fleet.h"
+#include "normal_values.h"
 #include "plan_file.h"
 #include "text_format.h"
 #include "text_hash.h"
@@ -49,21 +49,21 @@ class MadeFleet {
  public:
   MadeFleet(std::uint64_t seed, MadeSize size, MadeFault fault = {}, MadeScatter scatter = {})
       : size_(size), fault_(fault), scatter_(scatter), random_(seed) {
-    for (int i = 0; i < size.boards * kEngines; ++i) boards_.push_back(scatter.boards * Normal());
+    for (int i = 0; i < size.boards * kEngines; ++i) boards_.push_back(scatter.boards * random_.Normal());
   }
 
   /// The runs of a night: for each board and repeat the factor of each engine's rate. To be called night by
   /// night.
   std::vector<double> Night(bool isLast) {
     double shared[kEngines];
-    for (double& each : shared) each = scatter_.nights * Normal();
+    for (double& each : shared) each = scatter_.nights * random_.Normal();
     const bool isFaulty = isLast || !fault_.onlyLast;
     std::vector<double> factors;
     for (int board = 0; board < size_.boards; ++board) {
       for (int repeat = 0; repeat < size_.repeats; ++repeat) {
         for (int engine = 0; engine < kEngines; ++engine) {
           const double ofBoard = boards_[static_cast<std::size_t>(board * kEngines + engine)];
-          double factor = std::exp(shared[engine] + ofBoard + scatter_.runs * Normal());
+          double factor = std::exp(shared[engine] + ofBoard + scatter_.runs * random_.Normal());
           if (board < fault_.boards && isFaulty) factor *= fault_.all * (engine == 0 ? fault_.engine : 1);
           factors.push_back(factor);
         }
@@ -192,7 +192,7 @@ class MadeFleet {
     for (int board = 0; board < size_.boards; ++board) {
       std::vector<int> repeats;
       for (int repeat = 0; repeat < size_.repeats; ++repeat) {
-        if (missing == 0 || Uniform() >= missing) repeats.push_back(repeat);
+        if (missing == 0 || random_.Uniform() >= missing) repeats.push_back(repeat);
       }
       if (repeats.empty()) continue;
       std::vector<double> rates(repeats.size());
@@ -217,27 +217,9 @@ class MadeFleet {
     }
   }
 
-  double Uniform() { return static_cast<double>(random_() >> 11) * 0x1p-53; }
-
-  // As in simulated_runs.h: the standard's own distributions differ between libraries.
-  double Normal() {
-    if (hasSpare_) {
-      hasSpare_ = false;
-      return spare_;
-    }
-    constexpr double kTwoPi = 6.28318530717958647692;
-    const double radius = std::sqrt(-2 * std::log(1 - Uniform()));
-    const double angle = kTwoPi * Uniform();
-    hasSpare_ = true;
-    spare_ = radius * std::sin(angle);
-    return radius * std::cos(angle);
-  }
-
   MadeSize size_;
   MadeFault fault_;
   MadeScatter scatter_;
-  std::mt19937_64 random_;
+  NormalValues random_;
   std::vector<double> boards_;
-  bool hasSpare_ = false;
-  double spare_ = 0;
 };

@@ -20,7 +20,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using Json = nlohmann::json;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 const std::string kHostile = "</script><script>alert(1)</script><!-- & \" ' \xe2\x80\xa8 \x1b \x01";
 

@@ -39,7 +39,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 namespace fs = std::filesystem;
 
 TEST(CellPlanTest, EachBoardRecordsEachPointBeforeAnyRepeat) {

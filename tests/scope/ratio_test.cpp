@@ -14,7 +14,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 // The additional sleep of ten patients with two drugs, hours: Student, "The probable error of a mean",
 // Biometrika 6, 1908. R 4, t.test(extra ~ group, sleep): Welch's interval of the difference is

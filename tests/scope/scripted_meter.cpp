@@ -24,7 +24,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): the packets and their buckets
+using namespace scope;
 
 int meter = -1;
 

@@ -3,11 +3,11 @@
 
 #include <cmath>
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "compare_values.h"
+#include "normal_values.h"
 
 struct SimulatedScatter {
   double runs = 0.025;
@@ -33,7 +33,7 @@ class SimulatedRuns {
     scope::RunValues values;
     double total = 0;
     for (std::size_t i = 0; i < factors.size(); ++i) {
-      const double rate = kEngines[i].operationsPerS * factors[i] * std::exp(scatter.runs * Normal());
+      const double rate = kEngines[i].operationsPerS * factors[i] * std::exp(scatter.runs * random_.Normal());
       const double operationsPerS = WholeOperations(rate, scatter) / kSeconds;
       values[{kEngines[i].name, scope::Figure::kOperations}] = operationsPerS;
       total += operationsPerS * kEngines[i].gigabytes;
@@ -50,7 +50,7 @@ class SimulatedRuns {
   }
 
   /// A factor around 1.
-  double Factor(double deviation) { return std::exp(deviation * Normal()); }
+  double Factor(double deviation) { return std::exp(deviation * random_.Normal()); }
 
  private:
   static constexpr int kSeconds = 30;
@@ -58,34 +58,15 @@ class SimulatedRuns {
   // The operations that end within the seconds.
   double WholeOperations(double rate, const SimulatedScatter& scatter) {
     const double change = std::sqrt(1 - scatter.neighbours * scatter.neighbours);
-    double noise = Normal();
-    const double begun = Uniform();
+    double noise = random_.Normal();
+    const double begun = random_.Uniform();
     double done = begun;
     for (int second = 0; second < kSeconds; ++second) {
       done += rate * std::exp(scatter.seconds * noise);
-      noise = scatter.neighbours * noise + change * Normal();
+      noise = scatter.neighbours * noise + change * random_.Normal();
     }
     return std::floor(done);
   }
 
-  double Uniform() { return static_cast<double>(random_() >> 11) * 0x1p-53; }
-
-  // The C++ standard fixes the numbers of the engine, but not those of its distributions. Box and Muller's
-  // method makes two values at a time.
-  double Normal() {
-    if (hasSpare_) {
-      hasSpare_ = false;
-      return spare_;
-    }
-    constexpr double kTwoPi = 6.28318530717958647692;
-    const double radius = std::sqrt(-2 * std::log(1 - Uniform()));
-    const double angle = kTwoPi * Uniform();
-    hasSpare_ = true;
-    spare_ = radius * std::sin(angle);
-    return radius * std::cos(angle);
-  }
-
-  std::mt19937_64 random_;
-  bool hasSpare_ = false;
-  double spare_ = 0;
+  NormalValues random_;
 };

@@ -12,7 +12,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 // Michelson's hundred measurements of the speed of light in air, km/s above 299000, in the order of NIST's
 // Statistical Reference Datasets ("Michelso"), which certifies mean and standard deviation to 15 digits.

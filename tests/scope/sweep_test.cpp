@@ -38,7 +38,7 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Pair;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 TEST(SweepPlanTest, ReadsLevels) {
   const auto axes = ParseAxes({"CPU=0,1,2,4", "VENC=0..4", "AIC=7,0..2"});

@@ -16,7 +16,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 // Of each row. VERDICT_COMPARISONS sets another number, to know the shares more exactly.
 int Comparisons() {

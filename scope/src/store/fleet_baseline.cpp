@@ -108,31 +108,13 @@ FleetHistory ReadBaseline(const std::string& path) {
     throw UserError("cannot read the baseline " + path + ": " + std::strerror(errno) +
                     ". Make one with stress_scope fleet DIR --save-baseline " + path);
   }
-  try {
-    return HistoryFromJson(ParseSeriesJson(*text, path, kBaseline));
-  } catch (const SeriesJson::exception& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  } catch (const DamagedFolder&) {
-    throw;
-  } catch (const UserError& error) {
-    throw DamagedFolder(path + ": " + error.what());
-  }
+  return ReadFrom(path, [&] { return HistoryFromJson(ParseSeriesJson(*text, path, kBaseline)); });
 }
 
 void WriteBaseline(const std::string& path, const FleetHistory& history) {
   const SeriesJson head{{"format", kBaseline.format}, {"kind", kBaseline.kind}, {"tool", kToolVersion},
                         {"made", history.made},       {"setup", history.setup}, {"nights", history.nights}};
-  const auto replace = SeriesJson::error_handler_t::replace;
-  std::string text = head.dump(2, ' ', false, replace);
-  text.resize(text.rfind('\n'));
-  // A line for each measure, and no tree of all of them in memory.
-  text += ",\n  \"measures\": [";
-  const char* separator = "\n    ";
-  for (const MeasureHistory& measure : history.measures) {
-    text += separator + MeasureJson(measure).dump(-1, ' ', false, replace);
-    separator = ",\n    ";
-  }
-  text += "\n  ]\n}\n";
+  const std::string text = TextWithLines(head, "measures", history.measures, MeasureJson);
   if (text.size() > kMostJsonBytes) {
     throw UserError("the baseline has " + std::to_string(text.size() >> 20) + " MiB, expected at most " +
                     std::to_string(kMostJsonBytes >> 20));

@@ -145,17 +145,8 @@ std::string PlanFileText(const Plan& plan) {
                   {"made", plan.made},
                   {"config", {{"path", plan.configPath}, {"text", plan.configText}}}};
   ForEachPlanSetting(plan.settings, [&](const char* key, const auto& value) { json[key] = value; });
-  const auto replace = SeriesJson::error_handler_t::replace;
-  std::string text = json.dump(2, ' ', false, replace);
-  // A line for each cell: people and scripts find cell K in the K-th of them.
-  text.resize(text.rfind('\n'));
-  text += ",\n  \"cells\": [";
-  const char* separator = "\n    ";
-  for (const PlanCell& cell : plan.cells) {
-    text += separator + CellJson(cell).dump(-1, ' ', false, replace);
-    separator = ",\n    ";
-  }
-  text += "\n  ]\n}\n";
+  // People and scripts find cell K in the K-th line of them.
+  std::string text = TextWithLines(json, "cells", plan.cells, CellJson);
   if (text.size() > kMostJsonBytes) {
     throw UserError("the plan has " + std::to_string(text.size() >> 20) + " MiB, expected at most " +
                     std::to_string(kMostJsonBytes >> 20) + ": give fewer boards, levels or repeats");

@@ -86,6 +86,23 @@ SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, con
 /// The keys with which the file begins.
 SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath);
 
+/// The text of `head` with a last key more: a list with a line for each of `items`, as `toJson` makes them.
+/// The tree of all of them is never in memory. `head` has at least one key. Bytes that are not UTF-8 are
+/// replaced.
+template <typename Items, typename ToJson>
+std::string TextWithLines(const SeriesJson& head, const std::string& key, const Items& items, ToJson toJson) {
+  const auto replace = SeriesJson::error_handler_t::replace;
+  std::string text = head.dump(2, ' ', false, replace);
+  text.resize(text.rfind('\n'));
+  text += ",\n  \"" + key + "\": [";
+  const char* separator = "\n    ";
+  for (const auto& item : items) {
+    text += separator + toJson(item).dump(-1, ' ', false, replace);
+    separator = ",\n    ";
+  }
+  return text + "\n  ]\n}\n";
+}
+
 /// Replaces the file in `folder` as a whole. Throws UserError.
 void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json);
 
