@@ -435,6 +435,21 @@ TEST_F(FleetFolderTest, ALinkToANightIsNoFurtherNightAndWhatCannotBeReadIsAnErro
               AllOf(StartsWith("cannot read the folder "), HasSubstr("nights/loop: ")));
 }
 
+// The disk with the night is away. That must not show the good night before it.
+TEST_F(FleetFolderTest, ALinkThatLeadsNowhereIsNamed) {
+  Make(2);
+  fs::create_directories(Dir() + "/notes");
+  fs::create_directory_symlink(folder_ / "gone", Dir() + "/2026-10-30");
+  fs::create_directory_symlink(folder_ / "gone", Dir() + "/2026-10-31");
+  EXPECT_THAT(ReadFleet(Dir()).notes,
+              ElementsAre("left out, because the link leads nowhere: 2026-10-30 and 1 other folder",
+                          "left out, because there is no plan.json: notes"));
+  fs::create_directory_symlink(folder_ / "gone", Night(3));
+  EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(Dir()); }),
+              AllOf(HasSubstr("nights/2026-11-03: the link to the newest night leads nowhere"),
+                    HasSubstr("2026-11-02 is judged")));
+}
+
 TEST_F(FleetFolderTest, ADoneCellWithoutFiguresMakesItsBoardIncomplete) {
   Make(1);
   Edit(CellFile(1, 1), [](Json& json) { json["figures"] = Json::object(); });

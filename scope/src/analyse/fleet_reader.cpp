@@ -227,7 +227,13 @@ std::string NameOfFolder(const std::string& folder) {
   return whole.filename().empty() ? folder : whole.filename().string();
 }
 
-// The folders in `folder`, each once: a link to another one of them is left out.
+bool LeadsNowhere(const fs::path& path) {
+  std::error_code error;
+  return fs::is_symlink(fs::symlink_status(path, error)) && !fs::exists(path, error);
+}
+
+// The folders in `folder`, each once: a link to another one of them is left out. Links that lead nowhere are
+// among them: the night may lie on a disk that is away.
 std::vector<std::string> FoldersIn(const std::string& folder) {
   std::error_code error;
   const fs::directory_iterator readable(folder, error);
@@ -238,17 +244,32 @@ std::vector<std::string> FoldersIn(const std::string& folder) {
     const fs::path path = folder + "/" + name;
     const fs::file_status status = fs::status(path, error);
     if (status.type() == fs::file_type::none) RefuseFolder(path.string(), error.message());
-    if (!fs::is_directory(status)) continue;
+    if (!fs::is_directory(status) && !LeadsNowhere(path)) continue;
     names.push_back(name);
     if (!fs::is_symlink(fs::symlink_status(path, error))) own.insert(fs::canonical(path, error).string());
   }
   const auto isOther = [&](const std::string& name) {
     const fs::path path = folder + "/" + name;
-    const bool isLink = fs::is_symlink(fs::symlink_status(path, error));
+    const bool isLink = fs::is_symlink(fs::symlink_status(path, error)) && !LeadsNowhere(path);
     return isLink && !own.insert(fs::canonical(path, error).string()).second;
   };
   names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
   return names;
+}
+
+// The reason why `path` is no night.
+std::string WhyNoNight(const fs::path& path) {
+  return LeadsNowhere(path) ? "the link leads nowhere" : "there is no " + std::string(kPlanName);
+}
+
+// Tells which folders are no nights, a note for each reason.
+void NoteOthers(const std::string& folder, const std::vector<std::string>& others, FleetReader& reader) {
+  std::map<std::string, std::vector<std::string>> reasons;
+  for (const std::string& name : others) reasons[WhyNoNight(folder + "/" + name)].push_back(name);
+  for (const auto& [reason, names] : reasons) {
+    reader.Note("left out, because " + reason + ": " + names.front() +
+                (names.size() > 1 ? " and " + Counted(names.size() - 1, "other folder") : ""));
+  }
 }
 
 // Names and folders of the nights.
@@ -273,14 +294,14 @@ std::vector<std::pair<std::string, std::string>> NightsIn(const std::string& fol
   }
   for (const std::string& name : later) {
     if (ShapeOf(name) != ShapeOf(nights.back().first)) continue;
-    throw UserError(folder + "/" + name + ": expected " + kPlanName +
-                    " in the folder of the newest night: nothing was begun. Without this folder, " +
-                    nights.back().first + " is judged");
+    const std::string path = folder + "/" + name;
+    const std::string reason = LeadsNowhere(path)
+                                   ? ": the link to the newest night leads nowhere"
+                                   : ": expected " + std::string(kPlanName) +
+                                         " in the folder of the newest night: nothing was begun";
+    throw UserError(path + reason + ". Without it, " + nights.back().first + " is judged");
   }
-  if (!others.empty()) {
-    reader.Note("left out, because there is no " + std::string(kPlanName) + ": " + others.front() +
-                (others.size() > 1 ? " and " + Counted(others.size() - 1, "other folder") : ""));
-  }
+  NoteOthers(folder, others, reader);
   if (nights.size() > kMostNights) {
     reader.Note("the first " + std::to_string(nights.size() - kMostNights) + " nights are left out");
     nights.erase(nights.begin(), nights.end() - static_cast<std::ptrdiff_t>(kMostNights));
