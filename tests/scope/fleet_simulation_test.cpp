@@ -95,14 +95,18 @@ TEST(FleetSimulation, TheBadBoardIsFoundAndNoOtherIsCalledOdd) {
     const char* what;
     MadeSize size;
     MadeFault fault;
-  } kRows[] = {{"one engine 12 % slower", {100, 8, 4}, {0.88, 1, false}},
-               {"all engines 10 % slower", {100, 8, 4}, {1, 0.9, false}},
-               {"one engine 10 % slower since the last night", {100, 8, 4}, {0.9, 1, true}},
-               {"45 boards 20 % slower since the last night", {100, 8, 4}, {1, 0.8, true, 45}}};
+    double missed;  // the greatest share of fleets
+  } kRows[] = {{"one engine 12 % slower", {100, 8, 4}, {0.88, 1, false}, 0},
+               {"all engines 10 % slower", {100, 8, 4}, {1, 0.9, false}, 0},
+               {"one engine 12 % slower since the last night", {100, 8, 4}, {0.88, 1, true}, 0},
+               // Three standard deviations beyond the limit.
+               {"one engine 10 % slower since the last night", {100, 8, 4}, {0.9, 1, true}, 0.005},
+               {"45 boards 20 % slower since the last night", {100, 8, 4}, {1, 0.8, true, 45}, 0}};
   for (const auto& row : kRows) {
     const Tally tally = Simulate(row.size, row.fault, 2000);
     PrintRow(row.what, row.size, tally);
-    EXPECT_EQ(tally.found, kFleets) << row.what;
+    const double most = row.missed > 0 ? AtMost(row.missed, kFleets) : 0;
+    EXPECT_LE(1 - static_cast<double>(tally.found) / kFleets, most) << row.what;
     EXPECT_LE(static_cast<double>(tally.falsely) / kFleets, AtMost(0.05, kFleets)) << row.what;
   }
 }
