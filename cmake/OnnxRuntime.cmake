@@ -41,4 +41,7 @@ else()
           PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   get_filename_component(onnxruntime_root "${ONNXRUNTIME_LIBRARY}/../.." ABSOLUTE)
   install_notice(onnxruntime "${onnxruntime_root}/copyright")
+  # What is inside the library. ./scripts/setup --packaging fetches it.
+  install(FILES "${onnxruntime_root}/ThirdPartyNotices.txt" DESTINATION "${CMAKE_INSTALL_DOCDIR}/notices"
+          RENAME onnxruntime-parts OPTIONAL)
 endif()
