@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /// libstress_scope.so is preloaded in front of a platform library. It takes the calls of the operations that
-/// do work, passes them on and measures them. It changes no argument and no status.
+/// do work, passes them on and measures them. It changes no argument and no status. On request it also fills
+/// the sources of operations with a pattern, and checks their results.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -12,12 +13,16 @@
 #include <ctime>
 #include <string>
 
+#include "fill.h"
 #include "link_names.h"
 #include "ormis/memcpy_s.h"
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"
 #include "ormis/qet_venc.h"
 #include "recorder.h"
+#include "records.h"
+#include "verify.h"
+#include "words.h"
 
 namespace {
 
@@ -26,6 +31,12 @@ using Ormis::QetDNNHandle;
 using Ormis::QetImageInterpolationType;
 using Ormis::QetVenc;
 using scope::Engine;
+using scope::KindOf;
+using scope::NowNs;
+using scope::PixelBytes;
+using scope::PixelsOf;
+using scope::Spans;
+using scope::SpansOf;
 using scope::ThreadCounters;
 
 /// The platform's operation with the same link name as ours. Members are called as functions that take the
@@ -84,6 +95,10 @@ Next<std::int32_t(const QetDNNHandle&)> nextModelProcess(LINK_QET_DNN_MODEL_PROC
 Next<std::uint32_t()> nextHostVersion(LINK_HOST_VERSION);
 bool hostPlatform = false;
 
+// Set before main. Without them a call takes one branch more.
+scope::Extras extras;
+bool watches = false;
+
 __attribute__((constructor)) void Start() {
   // This program is a shell or a tool that starts the benchmark: there is nothing to measure.
   bool found = nextMemcpyS.Find();
@@ -99,40 +114,17 @@ __attribute__((constructor)) void Start() {
   Dl_info library{};
   void* const any = nextResize.Address() != nullptr ? nextResize.Address() : nextMemcpyS.Address();
   const bool known = any != nullptr && dladdr(any, &library) != 0;
-  scope::StartReporting(hostPlatform, known ? library.dli_fname : nullptr);
+  const char* const verify = std::getenv(scope::kVerifyVariable);
+  scope::Extras wanted;
+  wanted.fill = scope::PrepareFill();
+  wanted.verify = verify != nullptr && *verify == '1';
+  if (!scope::StartReporting(hostPlatform, known ? library.dli_fname : nullptr, wanted)) return;
+  extras = wanted;
+  watches = wanted.fill || wanted.verify;
 }
 
 __attribute__((destructor)) void Stop() {
   scope::StopReporting();
-}
-
-std::uint64_t NowNs() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
-// Bytes of the image's pixels. 0 if the type is unknown and the record has no size.
-std::uint64_t PixelBytes(const ImageData& image) {
-  const std::uint64_t pixels = std::uint64_t{image.width} * image.height;
-  switch (image.imageType) {
-    case Ormis::kQetImageRgb888:
-    case Ormis::kQetImageBgr888:
-      return pixels * 3;
-    case Ormis::kQetImageYuv420sp:
-    case Ormis::kQetImageYvu420sp:
-      return pixels * 3 / 2;
-    case Ormis::kQetImageYuv422sp:
-    case Ormis::kQetImageYvu422sp:
-      return pixels * 2;
-    case Ormis::kQetImageArgb8888:
-    case Ormis::kQetImageAbgr8888:
-    case Ormis::kQetImageRgba8888:
-    case Ormis::kQetImageBgra8888:
-      return pixels * 4;
-    default:
-      return image.dataSize;
-  }
 }
 
 struct Bytes {
@@ -140,7 +132,7 @@ struct Bytes {
   bool known = false;
 };
 
-Bytes PixelBytes(const ImageData& source, const ImageData& destination) {
+Bytes BothPixelBytes(const ImageData& source, const ImageData& destination) {
   const std::uint64_t read = PixelBytes(source);
   const std::uint64_t written = PixelBytes(destination);
   return {read + written, read != 0 && written != 0};
@@ -162,6 +154,40 @@ std::int32_t Measure(Engine engine, Call call, CountBytes countBytes) {
   return status;
 }
 
+// --- filling and checking ---
+
+bool Watches() {
+  return __builtin_expect(static_cast<long>(watches), 0) != 0;
+}
+
+// As Measure. Calls `before` where sources are filled, and `after` an operation that succeeded where results
+// are checked. Neither is measured.
+template <typename Before, typename Call, typename CountBytes, typename After>
+std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countBytes, After after) {
+  ThreadCounters* const counters = scope::CountersOf(engine);
+  if (counters == nullptr) return call();
+  if (extras.fill) before();
+  const std::uint64_t start = NowNs();
+  const std::int32_t status = call();
+  const std::uint64_t end = NowNs();
+  if (status != 0) {
+    counters->Failed();
+    return status;
+  }
+  const Bytes bytes = countBytes();
+  counters->Succeeded(end - start, bytes.count, bytes.known);
+  if (extras.verify) after(*counters, end - start);
+  return status;
+}
+
+void FillImage(const ImageData& source, const ImageData* destination) {
+  const Spans from = PixelsOf(source);
+  scope::FillSource(from.list[0].data, from.total);
+  if (destination == nullptr || destination->data == source.data) return;
+  const Spans to = PixelsOf(*destination);
+  scope::NoteDestination(to.list[0].data, to.total);
+}
+
 // --- encoder ---
 
 // Time and bytes of the calls that belong to this thread's current encode. The time between the calls does
@@ -169,6 +195,8 @@ std::int32_t Measure(Engine engine, Call call, CountBytes countBytes) {
 struct Encode {
   std::uint64_t busyNs;
   std::uint64_t bytes;
+  const std::uint8_t* frame;  // the frame, if results are checked
+  std::size_t frameBytes;
 };
 __attribute__((tls_model("initial-exec"))) thread_local Encode encode;
 
@@ -224,31 +252,56 @@ Bytes InferenceBytes(const QetDNNHandle& handle) {
 }  // namespace
 
 int memcpy_s(void* destination, std::size_t destinationMax, const void* source, std::size_t count) {
-  return Measure(
-      Engine::kCpu, [&] { return nextMemcpyS(destination, destinationMax, source, count); },
-      [&] { return Bytes{2 * std::uint64_t{count}, true}; });
+  const auto call = [&] { return nextMemcpyS(destination, destinationMax, source, count); };
+  const auto bytes = [&] { return Bytes{2 * std::uint64_t{count}, true}; };
+  if (!Watches()) return Measure(Engine::kCpu, call, bytes);
+  const auto fill = [&] {
+    scope::FillSource(source, count);
+    scope::NoteDestination(destination, count);
+  };
+  return Watch(Engine::kCpu, fill, call, bytes, [&](ThreadCounters& counters, std::uint64_t ns) {
+    scope::CheckCopy(counters, destination, source, count, ns);
+  });
 }
 
 namespace Ormis {
 
 std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                             QetImageInterpolationType interpolation, int timeoutMs) {
-  return Measure(
-      Engine::kVpc, [&] { return nextResize(channel, source, destination, interpolation, timeoutMs); },
-      [&] { return PixelBytes(source, destination); });
+  const auto call = [&] { return nextResize(channel, source, destination, interpolation, timeoutMs); };
+  const auto bytes = [&] { return BothPixelBytes(source, destination); };
+  if (!Watches()) return Measure(Engine::kVpc, call, bytes);
+  return Watch(
+      Engine::kVpc, [&] { FillImage(source, &destination); }, call, bytes,
+      [&](ThreadCounters& counters, std::uint64_t ns) {
+        const std::uint64_t kind = KindOf(source.width, source.height, source.imageType, destination.width,
+                                          destination.height, destination.imageType, interpolation);
+        scope::CheckResults(counters, PixelsOf(source), PixelsOf(destination), kind, ns);
+      });
 }
 
 std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
-  return Measure(
-      Engine::kVpcCopy, [&] { return nextMemcpyToKivu(source, destination); },
-      [&] { return PixelBytes(source, destination); });
+  const auto call = [&] { return nextMemcpyToKivu(source, destination); };
+  const auto bytes = [&] { return BothPixelBytes(source, destination); };
+  if (!Watches()) return Measure(Engine::kVpcCopy, call, bytes);
+  // Part of the set-up: the resizes that follow are checked.
+  return Watch(
+      Engine::kVpcCopy, [&] { FillImage(source, &destination); }, call, bytes,
+      [](ThreadCounters& /*counters*/, std::uint64_t /*ns*/) {});
 }
 
 std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   ThreadCounters* const counters = scope::CountersOf(Engine::kVenc);
   if (counters == nullptr) return nextSendFrame(this, frame);
+  if (Watches() && extras.fill) FillImage(frame, nullptr);
   const std::int32_t status = MeasureStep(*counters, [&] { return nextSendFrame(this, frame); });
   if (status == 0) encode.bytes += PixelBytes(frame);
+  if (Watches() && extras.verify && status == 0 && hostPlatform) {
+    const Spans pixels = PixelsOf(frame);
+    encode.frame = pixels.list[0].data;
+    encode.frameBytes = pixels.total;
+    scope::CheckFrame(*counters, pixels, KindOf(width, height, bitrateKbps, frameRate, gopSize));
+  }
   return status;
 }
 
@@ -258,6 +311,14 @@ std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
   const std::int32_t status = MeasureStep(*counters, [&] { return nextGetStream(this, stream); });
   // The fields of the record belong to the platform, so another platform's stream is not counted.
   if (status == 0 && hostPlatform) encode.bytes += stream.totalBytes;
+  if (Watches() && extras.verify && status == 0) {
+    if (hostPlatform) {
+      scope::CheckStream(*counters, {encode.frame, encode.frameBytes}, SpansOf(stream),
+                         static_cast<std::uint64_t>(stream.packets[0].frameIndex), encode.busyNs);
+    } else {
+      scope::LeaveUnchecked(*counters, encode.busyNs);
+    }
+  }
   return status;
 }
 
@@ -289,8 +350,18 @@ std::int32_t QetDNNModelInitialize(QetDNNHandle& handle, const std::string& path
 }
 
 std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
-  return Measure(
-      Engine::kAic, [&] { return nextModelProcess(handle); }, [&] { return InferenceBytes(handle); });
+  const auto call = [&] { return nextModelProcess(handle); };
+  const auto bytes = [&] { return InferenceBytes(handle); };
+  if (!Watches()) return Measure(Engine::kAic, call, bytes);
+  return Watch(
+      Engine::kAic, [] {}, call, bytes,
+      [&](ThreadCounters& counters, std::uint64_t ns) {
+        if (!hostPlatform) return scope::LeaveUnchecked(counters, ns);
+        const std::string& path = handle.modelPath;
+        const auto* const name = reinterpret_cast<const std::uint8_t*>(path.data());
+        scope::CheckResults(counters, SpansOf(handle.inputs), SpansOf(handle.outputs),
+                            scope::HashOf({name, path.size()}, 0), ns);
+      });
 }
 
 }  // namespace Ormis

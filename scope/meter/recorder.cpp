@@ -16,11 +16,12 @@
 #include <cstring>
 #include <ctime>
 
+#include "checker.h"
+#include "fill.h"
+
 namespace scope {
 namespace {
 
-// The benchmark has at most 40 workers, and a resize worker needs two sets.
-constexpr std::uint32_t kCounterSets = 128;
 constexpr long kNsPerS = 1'000'000'000;
 // The longest wait for a slow reader at the program's end, for each packet. After the first packet that is
 // not taken in this time, none is waited for.
@@ -65,6 +66,9 @@ SentCounters sentCounters[kCounterSets];
 SamplePacket packet;
 std::uint64_t delayedSamples = 0;
 HelloPacket hello;
+Extras reported;
+ErrorPacket waitingError;  // one that the queue had no room for
+bool hasWaitingError = false;
 bool saidHello = false;
 sem_t programEnds;
 pthread_t reportingThread;
@@ -128,6 +132,33 @@ bool SendSample(ThreadCounters& counters, SentCounters& before) {
   return true;
 }
 
+void SendErrors() {
+  while (hasWaitingError || TakeError(waitingError)) {
+    const std::uint64_t timeNs = waitingError.header.timeNs;
+    waitingError.header = Header(PacketType::kError);
+    waitingError.header.timeNs = timeNs;
+    hasWaitingError = !Send(&waitingError, sizeof(waitingError));
+    if (hasWaitingError) return;
+  }
+}
+
+// All counts are so far, so a packet that is not sent is made good by the next one.
+void SendExtras() {
+  if (reported.fill) {
+    FillPacket fill = FillCounts();
+    fill.header = Header(PacketType::kFill);
+    (void)Send(&fill, sizeof(fill));
+  }
+  if (!reported.verify) return;
+  SendErrors();
+  for (std::uint32_t i = 0; i < kEngineCount; ++i) {
+    CheckPacket check = CheckCounts(static_cast<Engine>(i));
+    if (check.operations == 0) continue;
+    check.header = Header(PacketType::kCheck);
+    (void)Send(&check, sizeof(check));
+  }
+}
+
 void SendSecond(bool last) {
   if (last && setsockopt(readerSocket, SOL_SOCKET, SO_SNDTIMEO, &kLastWait, sizeof(kLastWait)) == 0) {
     sendFlags = MSG_NOSIGNAL;
@@ -144,6 +175,7 @@ void SendSecond(bool last) {
       ++delayedSamples;
     }
   }
+  if (saidHello) SendExtras();
   end.header = Header(PacketType::kEndOfSecond);
   end.last = last ? 1 : 0;
   end.delayedSamples = delayedSamples;
@@ -214,15 +246,17 @@ ThreadCounters* CountersOf(Engine engine) {
     return nullptr;
   }
   own = &counterSets[taken];
+  own->set = taken;
   own->engine = engine;
   own->thread = threadsOf[index].fetch_add(1, std::memory_order_relaxed);
   own->inUse.store(1, std::memory_order_release);
   return own;
 }
 
-void StartReporting(bool hostPlatform, const char* platformPath) {
+bool StartReporting(bool hostPlatform, const char* platformPath, const Extras& extras) {
   readerSocket = InheritedSocket();
-  if (readerSocket < 0) return;
+  if (readerSocket < 0) return false;
+  reported = extras;
   // Programs that this one starts do not belong to this run.
   (void)fcntl(readerSocket, F_SETFD, FD_CLOEXEC);
   hello.header = Header(PacketType::kHello);
@@ -231,7 +265,7 @@ void StartReporting(bool hostPlatform, const char* platformPath) {
   if (platformPath != nullptr) {
     (void)std::snprintf(hello.platformPath, sizeof(hello.platformPath), "%s", platformPath);
   }
-  if (sem_init(&programEnds, 0, 0) != 0 || pthread_atfork(nullptr, nullptr, ForgetReader) != 0) return;
+  if (sem_init(&programEnds, 0, 0) != 0 || pthread_atfork(nullptr, nullptr, ForgetReader) != 0) return false;
 
   // Signals go to the program's own threads, never to this one.
   sigset_t all;
@@ -244,9 +278,10 @@ void StartReporting(bool hostPlatform, const char* platformPath) {
   if (error != 0) {
     recording.store(false, std::memory_order_relaxed);
     (void)std::fprintf(stderr, "libstress_scope: cannot start the meter's thread: %s\n", strerror(error));
-    return;
+    return false;
   }
   reportingThreadRuns = true;
+  return true;
 }
 
 void StopReporting() {

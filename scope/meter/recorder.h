@@ -11,6 +11,9 @@
 /// Recording takes no lock, makes no system call and allocates nothing.
 namespace scope {
 
+/// The benchmark has at most 40 workers, and a resize worker needs two sets.
+constexpr std::uint32_t kCounterSets = 128;
+
 /// What one thread has done on one engine since the program started. Only that thread writes, and the
 /// reporting thread reads, so plain loads and stores are enough.
 struct alignas(64) ThreadCounters {
@@ -26,6 +29,7 @@ struct alignas(64) ThreadCounters {
   std::atomic<std::uint32_t> inUse;  ///< set after all other members when a thread takes these counters
   Engine engine;
   std::uint32_t thread;
+  std::uint32_t set;  ///< number of this set of counters
   std::atomic<std::uint32_t> buckets[kBucketCount];
 };
 
@@ -33,9 +37,16 @@ struct alignas(64) ThreadCounters {
 /// null if all sets of counters are taken: the call is then counted as unmeasured. Never waits.
 ThreadCounters* CountersOf(Engine engine);
 
+/// What the meter does beside counting.
+struct Extras {
+  bool fill = false;
+  bool verify = false;
+};
+
 /// Starts the reporting thread if the environment names a reader's socket. Otherwise nothing is recorded.
-/// `hostPlatform` and `platformPath` (null: unknown) go into the Hello. Called once, before main.
-void StartReporting(bool hostPlatform, const char* platformPath);
+/// `hostPlatform` and `platformPath` (null: unknown) go into the Hello. What `extras` name is reported, too.
+/// Called once, before main. False if nothing is recorded.
+bool StartReporting(bool hostPlatform, const char* platformPath, const Extras& extras);
 
 /// Sends what is left and ends the reporting thread. Waits a few seconds at most for a slow reader.
 /// Called once, after main.

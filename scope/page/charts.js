@@ -151,6 +151,8 @@ class Charts {
           lines('load'), [run]),
       ...this.strip(`pressure-${runIndex}`, titled('Time in which a thread waited for a processor, memory or a disk'),
           {title: '%', max: 10}, lines('pressure'), [run]),
+      ...this.strip(`errors-${runIndex}`, titled('Errors found so far'), {title: 'errors', max: 1}, errorLines(run), [run])
+          .map((chart) => ({...chart, stepped: true})),
       ...this.strip(`frequency-${runIndex}`, titled('Frequency of the slowest and of the fastest CPU'),
           {title: 'MHz', free: true}, extremes(countersOf(run, 'cpufreq')), [run]),
     ];
@@ -286,6 +288,16 @@ function withBeneath([chart, ...beneath], broad) {
 
 function countersOf(run, source) {
   return run.counter_series.filter((counter) => counter.source === source);
+}
+
+// How many errors each source had so far. The list of a run with very many is cut.
+function errorLines(run) {
+  const sources = [...new Set(run.error_list.map(({source}) => source))];
+  return sources.map((source, at) => {
+    const times = run.error_list.filter((error) => error.source === source).map((error) => error.time_s);
+    const points = [{x: 0, y: 0}, ...times.map((x, i) => ({x, y: i + 1})), {x: run.duration_s, y: times.length}];
+    return stripLine(source, at, points);
+  });
 }
 
 function stripLine(name, at, points) {

@@ -26,6 +26,7 @@ function methodText(comparison) {
 
 function answerSection(comparison, title, sides) {
   return section(title, el('p', {class: `answer ${kKinds[comparison.answer]}`}, comparison.sentence), ...sides,
+      ...comparison.errors.map((text) => el('p', {}, `Errors: ${text}.`)),
       el('p', {class: 'absent'}, methodText(comparison)));
 }
 

@@ -40,6 +40,7 @@ function showReport(data) {
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
   const counters = charts.counters();
+  const errors = errorParts(data.runs);
 
   showPage({
     heading: 'stress_scope report',
@@ -47,6 +48,7 @@ function showReport(data) {
     heads: data.runs.map(runHead),
     figures: data.figures,
     sections: [
+      ...(errors.length > 0 ? [section('Errors', ...errors)] : []),
       section('Warnings', warningList(data.runs)),
       summarySection(data, engines, totals),
       ...engines.map((engine, i) => engineSection(data.runs, engine, ofEngines[i])),

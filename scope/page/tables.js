@@ -151,6 +151,27 @@ function warningList(runs) {
   ]));
 }
 
+// The errors of the runs, and how much was looked at. Nothing if nothing was looked for.
+function errorParts(runs) {
+  const kMostRows = 100;
+  const several = runs.length > 1;
+  return runs.filter((run) => run.checks.length > 0 || run.error_list.length > 0).flatMap((run) => {
+    const cell = (value) => el('td', {}, value === null || value === '' ? absent() : String(value));
+    const rows = run.error_list.slice(0, kMostRows).map((error) => el('tr', {class: 'failed'}, rowHeading(error.source),
+        ...['time_s', 'thread', 'operation', 'what', 'offset', 'address', 'physical', 'expected', 'found', 'bits', 'note']
+            .map((key) => cell(key === 'time_s' ? error.time_s.toFixed(3) : error[key]))));
+    const titles = ['Source', 'Time (s)', 'Thread', 'Operation', 'What', 'Offset', 'Address', 'Physical', 'Expected', 'Found',
+      'Bits', 'Note'];
+    const sum = Object.values(run.errors).reduce((all, count) => all + count, 0);
+    return [
+      ...(several ? [el('h3', {}, run.name)] : []),
+      el('p', {class: sum > 0 && 'failed'}, sum > 0 ? `${thousands(sum)} in all.` : 'None found.'),
+      el('ul', {}, run.checks.map((text) => el('li', {}, text))),
+      ...(rows.length > 0 ? [table('errors', titles, [], rows)] : []),
+    ];
+  });
+}
+
 // One row per source, for all runs together.
 function counterTable(runs) {
   const sources = [...new Set(runs.flatMap((run) => run.counters.map((entry) => entry.source)))];

@@ -11,13 +11,17 @@
 /// The meter sends a Hello first. Then, for each second, it sends one ThreadSample with its buckets for every
 /// thread and engine that has worked so far, and an EndOfSecond. A sample holds the work since that thread's
 /// last sample that was sent. A sample that could not be sent is part of the next one, so the sum of all
-/// samples is exact.
+/// samples is exact. A meter that fills or verifies sends FillPackets, CheckPackets and ErrorPackets between
+/// the samples and the EndOfSecond.
 namespace scope {
 
 constexpr const char* kDescriptorVariable = "STRESS_SCOPE_FD";
-constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
+/// The environment asks the meter for more than counting. Each is absent where it was not asked for.
+constexpr const char* kFillVariable = "STRESS_SCOPE_FILL";      ///< a name of kFillNames
+constexpr const char* kVerifyVariable = "STRESS_SCOPE_VERIFY";  ///< "1": check results as they pass
+constexpr std::uint32_t kMeterMagic = 0x43535453;               // "STSC"
 /// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
-constexpr std::uint32_t kMeterVersion = 1;
+constexpr std::uint32_t kMeterVersion = 2;
 
 /// kCpu: memcpy_s. kVpc: QetImageResize. kVenc: SendFrame, GetStream and ReleaseStream count as one
 /// operation. kAic: QetDNNModelProcess; a failed QetDNNModelInitialize counts as one failure. kVpcCopy:
@@ -33,7 +37,48 @@ constexpr std::uint32_t kEngineCount = 0
 #undef ENGINE
     ;
 
-enum class PacketType : std::uint32_t { kHello = 0, kThreadSample = 1, kEndOfSecond = 2 };
+enum class PacketType : std::uint32_t {
+  kHello = 0,
+  kThreadSample = 1,
+  kEndOfSecond = 2,
+  kFill = 3,
+  kCheck = 4,
+  kError = 5
+};
+
+/// The patterns that sources and frames can be filled with.
+enum class Fill : std::uint32_t {
+  kZeros,
+  kOnes,
+  kRandom,
+  kChecker,  ///< words of 64 bits: 0x55... and 0xAA... in turns
+  kWalking,  ///< words with one bit set that walks, then words with one bit clear
+  kWorst     ///< all lines of a bus switch at once, one goes against them; in steps of 8, 4 and 2 bytes
+};
+constexpr const char* kFillNames[] = {"zeros", "ones", "random", "checker", "walking", "worst"};
+constexpr std::uint32_t kFillCount = sizeof(kFillNames) / sizeof(kFillNames[0]);
+
+/// Whether the results of an engine can be judged. The last one that is true counts.
+enum class CheckState : std::uint32_t {
+  kLearning,          ///< too few operations so far to know what is right
+  kJudged,            ///< wrong results are errors
+  kAlone,             ///< one channel: there is no other stream to compare with
+  kSourcesChange,     ///< the program writes its sources between operations
+  kNotDeterministic,  ///< the same source gives different results
+  kUnreadable,        ///< results are where the processor cannot read them
+  kUnknown            ///< the records of this platform are not known
+};
+constexpr std::uint32_t kCheckStates = 7;
+
+/// What was wrong.
+enum class ErrorKind : std::uint32_t {
+  kCopy,     ///< the destination of a copy differs from its source
+  kSource,   ///< a source is no longer what it was
+  kResult,   ///< a result differs from what the same source gave before
+  kThreads,  ///< a result differs from what another thread gets from the same source
+  kPassing   ///< a difference was gone when the memory was read again
+};
+constexpr std::uint32_t kErrorKinds = 5;
 
 /// The start of every packet. Its layout never changes, so that a reader recognises other versions.
 struct PacketHeader {
@@ -78,6 +123,50 @@ struct EndOfSecondPacket {
   std::uint64_t unmeasured;      ///< so far: calls of threads for which the meter had no counters left
 };
 
+/// After each second of a meter that fills.
+struct FillPacket {
+  PacketHeader header;
+  std::uint32_t pattern;  ///< a Fill
+  std::uint32_t buffers;  ///< so far: buffers that were filled
+  std::uint32_t refused;  ///< so far: buffers that cannot be written, or hold the result of an operation
+  std::uint32_t reserved;
+  std::uint64_t bytes;  ///< so far: bytes that were filled
+};
+
+/// After each second of a meter that verifies, for each engine that has worked. All counts are so far.
+struct CheckPacket {
+  PacketHeader header;
+  Engine engine;
+  CheckState state;
+  std::uint64_t operations;  ///< that could have been checked
+  std::uint64_t checked;     ///< operations of whose results something was checked
+  std::uint64_t whole;       ///< operations whose whole result was checked
+  std::uint64_t bytes;       ///< of results that were compared
+  std::uint64_t allBytes;    ///< of all results
+  std::uint64_t errors;
+  std::uint64_t unlisted;  ///< errors that no ErrorPacket has: too many at once, or the same again
+  std::uint64_t checkNs;   ///< time that the checks took
+};
+
+/// One error of a meter that verifies.
+struct ErrorPacket {
+  PacketHeader header;  ///< its time is that of the check
+  Engine engine;
+  ErrorKind kind;
+  std::uint32_t thread;
+  std::uint32_t other;      ///< with kThreads: the thread that got another result
+  std::uint64_t operation;  ///< number of the operation on its thread, from 1
+  std::uint32_t placed;     ///< 0: only that something differs is known, and the next four are 0
+  std::uint32_t bits;       ///< differing bits in all
+  std::uint64_t offset;     ///< of the first differing word of 8 bytes in the result or the source
+  std::uint64_t address;    ///< virtual, of that word
+  std::uint64_t expected;   ///< that word
+  std::uint64_t found;
+};
+
+static_assert(std::is_trivially_copyable_v<FillPacket> && std::is_trivially_copyable_v<CheckPacket> &&
+                  std::is_trivially_copyable_v<ErrorPacket>,
+              "packets are bytes");
 static_assert(std::is_trivially_copyable_v<HelloPacket> && std::is_trivially_copyable_v<ThreadSamplePacket> &&
                   std::is_trivially_copyable_v<EndOfSecondPacket>,
               "packets are bytes");

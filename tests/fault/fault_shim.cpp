@@ -6,11 +6,15 @@
 //                 call of the operation, counted over all threads: "fail=CODE" in place of the call,
 //                 "delay=MILLISECONDS" or "sigint" before it. "N-" means the N-th and all later calls. "1/N"
 //                 means one call in N at random; a delay is then random, too, up to the given time.
+//                 "flip=BIT" changes a bit of what a copy, a resize, GetStream or an inference has written.
+//                 "stuck=CALLS" changes a bit in every such call of one thread; after so many calls of all
+//                 threads, counted from the N-th, it is another bit, perhaps of another thread.
 //   FAULT_SEED    a number that decides which calls the random ones are.
 //   FAULT_CALLS   a file to which every call is written: thread, operation, status.
 //   FAULT_TOTALS  a file to which every fault is written: a 1 in the first, second or third place for failed,
 //                 delayed or interrupted, then the operation and the number of the call. Written before the
-//                 fault is made, because the process may die of it.
+//                 fault is made, because the process may die of it. A changed bit has none of the three; its
+//                 number follows, and when it was changed (CLOCK_MONOTONIC, ns).
 //   FAULT_NAP     milliseconds: the longest that any sleep takes, so that a whole run passes in a moment.
 // An operation without a status fails in its own way: the constructor of the YAML node and its operator[]
 // throw, its conversions return false, ParseLogLevel and ParseLogMode return CODE, memory is refused.
@@ -34,6 +38,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -133,7 +138,7 @@ struct Fault {
   int from = 0;
   int to = 0;
   int oneIn = 0;  // 0: not at random
-  enum class Action { kNone, kFail, kDelay, kSigint } action = Action::kNone;
+  enum class Action { kNone, kFail, kDelay, kSigint, kFlip, kStuck } action = Action::kNone;
   int value = 0;
 };
 
@@ -142,6 +147,7 @@ constexpr int kFaultsAnOperation = 4;
 void* real[kOperations];
 Fault faults[kOperations][kFaultsAnOperation];
 std::atomic<int> counts[kOperations];
+bool changesResults = false;
 std::uint64_t seed = 0;
 int callsFile = -1;
 int totalsFile = -1;
@@ -192,6 +198,13 @@ void Parse(const char* text) {
       fault.action = Fault::Action::kDelay;
     } else if (std::strcmp(action + 1, "sigint") == 0) {
       fault.action = Fault::Action::kSigint;
+    } else if (std::strncmp(action + 1, "flip=", 5) == 0 || std::strncmp(action + 1, "stuck=", 6) == 0) {
+      const bool writes = operation == kMemcpyS || operation == kImageResize || operation == kGetStream ||
+                          operation == kProcess;
+      fault.action = action[1] == 'f' ? Fault::Action::kFlip : Fault::Action::kStuck;
+      if (!writes || (fault.action == Fault::Action::kStuck && fault.value < 1))
+        Refuse("no such flip", entry);
+      changesResults = true;
     } else {
       Refuse("no such action", action + 1);
     }
@@ -261,6 +274,7 @@ bool InjectFault(int operation, int& code) {
   for (int slot = 0; slot < kFaultsAnOperation; ++slot) {
     const Fault& fault = faults[operation][slot];
     if (fault.action == Fault::Action::kNone) return false;
+    if (fault.action == Fault::Action::kFlip || fault.action == Fault::Action::kStuck) continue;
     int delayMs = fault.value;
     if (fault.oneIn != 0) {
       const std::uint64_t mixed = Mixed(operation, slot, number);
@@ -307,6 +321,57 @@ Result Call(int operation, Arguments... arguments) {
     cycled = true;
   }
   return result;
+}
+
+// --- changed results ---
+
+struct Stuck {
+  int round = -1;
+  pthread_t thread{};
+  std::uint64_t bit = 0;
+};
+
+std::mutex changeMutex;
+int changeCounts[kOperations];
+Stuck stuckBits[kOperations];
+
+void Change(int operation, int number, void* data, std::uint64_t bit, bool note) {
+  if (note && totalsFile >= 0) {
+    struct timespec now;
+    (void)syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    char line[160];
+    const int length =
+        std::snprintf(line, sizeof line, "0 0 0 %s %d %llu %lld\n", kNames[operation][0], number,
+                      static_cast<unsigned long long>(bit), now.tv_sec * 1000000000LL + now.tv_nsec);
+    if (write(totalsFile, line, static_cast<std::size_t>(length)) != length) std::abort();
+  }
+  static_cast<unsigned char*>(data)[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
+}
+
+// Changes the bits of the result of a call that succeeded, as FAULT says. Returns its status.
+int Changed(int operation, int status, void* data, std::uint64_t bytes) {
+  if (!changesResults || status != 0 || bytes == 0) return status;
+  const std::lock_guard<std::mutex> lock(changeMutex);
+  const int number = ++changeCounts[operation];
+  for (int slot = 0; slot < kFaultsAnOperation; ++slot) {
+    const Fault& fault = faults[operation][slot];
+    const bool isRandom = fault.oneIn != 0;
+    if (number < fault.from && !isRandom) continue;
+    const std::uint64_t mixed = Mixed(operation, slot, number);
+    if (fault.action == Fault::Action::kFlip) {
+      if (isRandom ? mixed % static_cast<std::uint64_t>(fault.oneIn) != 0 : number > fault.to) continue;
+      const std::uint64_t bit = isRandom ? mixed >> 20 : static_cast<std::uint64_t>(fault.value);
+      Change(operation, number, data, bit % (bytes * 8), true);
+    } else if (fault.action == Fault::Action::kStuck) {
+      Stuck& stuck = stuckBits[operation];
+      const int round = (number - fault.from) / fault.value;
+      const bool isNew = round != stuck.round;
+      if (isNew) stuck = {round, pthread_self(), (mixed >> 20) % (bytes * 8)};
+      if (pthread_equal(stuck.thread, pthread_self()) == 0 || stuck.bit >= bytes * 8) continue;
+      Change(operation, number, data, stuck.bit, isNew);
+    }
+  }
+  return status;
 }
 
 // For operations without a status. Writes the call down before it is made, with status 0.
@@ -357,7 +422,9 @@ std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
 }
 std::int32_t QetImageResize(int channel, const ImageData& source, const ImageData& destination,
                             QetImageInterpolationType interpolation, int timeoutMs) {
-  return Call<std::int32_t>(kImageResize, channel, &source, &destination, interpolation, timeoutMs);
+  const auto status =
+      Call<std::int32_t>(kImageResize, channel, &source, &destination, interpolation, timeoutMs);
+  return Changed(kImageResize, status, destination.data, destination.dataSize);
 }
 std::int32_t QetImageDestroy(ImageData& image) {
   return Call<std::int32_t>(kImageDestroy, &image);
@@ -369,7 +436,11 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   return Call<std::int32_t>(kSendFrame, this, &frame);
 }
 std::int32_t QetVenc::GetStream(ux_venc_stream& stream) {
-  return Call<std::int32_t>(kGetStream, this, &stream);
+  const auto status = Call<std::int32_t>(kGetStream, this, &stream);
+  if (status != 0) return status;
+  // Streams differ in length. Each of them has the first bytes.
+  const std::uint64_t bytes = std::min<std::uint64_t>(stream.packets[0].sizeBytes, 1024);
+  return Changed(kGetStream, status, const_cast<std::uint8_t*>(stream.packets[0].data), bytes);
 }
 std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
   return Call<std::int32_t>(kReleaseStream, this, &stream);
@@ -408,7 +479,9 @@ std::int32_t QetDNNModelCreateOutput(QetDNNHandle& handle) {
   return Call<std::int32_t>(kCreateOutput, &handle);
 }
 std::int32_t QetDNNModelProcess(const QetDNNHandle& handle) {
-  return Call<std::int32_t>(kProcess, &handle);
+  const auto status = Call<std::int32_t>(kProcess, &handle);
+  if (handle.outputs.empty()) return status;
+  return Changed(kProcess, status, handle.outputs[0].data, handle.outputs[0].sizeBytes);
 }
 std::int32_t QetDNNRelease(QetDNNHandle& handle) {
   return Call<std::int32_t>(kDnnRelease, &handle);
@@ -418,7 +491,8 @@ std::int32_t QetDNNRelease(QetDNNHandle& handle) {
 
 extern "C" int memcpy_s(void* destination, std::size_t destinationMax, const void* source,
                         std::size_t count) {
-  return Call<int>(kMemcpyS, destination, destinationMax, source, count);
+  const int status = Call<int>(kMemcpyS, destination, destinationMax, source, count);
+  return Changed(kMemcpyS, status, destination, count);
 }
 
 // Defined by their link names: C++ definitions here would construct and destroy the members as well.

@@ -132,16 +132,21 @@ TEST_F(CommandLineTest, EachHelpHasAnExampleAndFitsAHundredColumns) {
 
 // The options in the command's manual page, without its backslashes: it writes \- for -, and \fI before what
 // an option takes.
-std::string OptionsInManual(const std::string& command) {
-  const bool isOfPlans = command == "plan" || command == "cell" || command == "collect";
-  const char* const path = command == "fleet" ? SCOPE_FLEET_MANUAL
-                           : isOfPlans        ? SCOPE_PLAN_MANUAL
-                                              : SCOPE_MANUAL;
-  std::string manual = scope::ReadText(path).value_or("");
+std::string OptionsIn(const char* page) {
+  std::string manual = scope::ReadText(page).value_or("");
   manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
   const std::size_t from = manual.find(".SH OPTIONS");
   if (from == std::string::npos) return {};
   return manual.substr(from, manual.find(".SH", from + 1) - from);
+}
+
+std::string OptionsInManual(const std::string& command) {
+  const bool isOfPlans = command == "plan" || command == "cell" || command == "collect";
+  const char* const page = command == "fleet" ? SCOPE_FLEET_MANUAL
+                           : isOfPlans        ? SCOPE_PLAN_MANUAL
+                                              : SCOPE_MANUAL;
+  return OptionsIn(page) +
+         (command == "record" ? OptionsIn(SCOPE_RECORD_MANUAL) : "");
 }
 
 TEST_F(CommandLineTest, TheManualHasEveryOption) {

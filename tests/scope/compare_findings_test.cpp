@@ -49,6 +49,48 @@ TEST(CompareFindings, NoneWhereNothingIsAmiss) {
   EXPECT_THAT(Findings({Complete()}, {Counting("thermal", "zone0", 9)}), IsEmpty());
 }
 
+// A checked run with an error of the engine at each of `times`.
+scope::Run Checked(const std::vector<double>& times) {
+  scope::Run run = Complete();
+  run.info.conditions.verify = true;
+  for (const double timeS : times) {
+    RunError error;
+    error.timeS = timeS;
+    error.source = "vpc";
+    error.what = "result";
+    run.errors.push_back(error);
+  }
+  if (!times.empty()) run.info.errors = {{"vpc", times.size()}};
+  return run;
+}
+
+std::string Errors(const std::vector<scope::Run>& runs) {
+  std::vector<SummarisedRun> side;
+  for (const scope::Run& run : runs) side.push_back({&run, {}});
+  return TimeToFailure(side, "B");
+}
+
+TEST(CompareFindings, WrongResultsComeFirst) {
+  scope::Run both = Checked({3, 4});
+  both.info.complete = false;
+  const auto findings = Findings({Checked({})}, {both});
+  ASSERT_EQ(findings.size(), 2U);
+  EXPECT_EQ(findings[0].text, "vpc: wrong results in 1 of 1 run of B (2 in all), in none of A");
+  EXPECT_TRUE(findings[0].worse);
+}
+
+TEST(CompareFindings, TimeToTheFirstErrorIsToldOverTheRepeats) {
+  EXPECT_EQ(Errors({Checked({7, 8}), Checked({}), Checked({2.5}), Checked({4})}),
+            "errors in 3 of 4 runs of B; time to the first error: 2.5 s at the least, 4.0 s in the median");
+}
+
+TEST(CompareFindings, NoErrorInSomeRunsBoundsTheFailureRate) {
+  EXPECT_EQ(Errors(std::vector<scope::Run>(12, Checked({}))),
+            "no error in 12 runs of B: failure rate below 0.25 per run, 95 %");
+  EXPECT_EQ(Errors({Checked({})}), "no error in 1 run of B: failure rate below 1 per run, 95 %");
+  EXPECT_EQ(Errors({Checked({}), Complete()}), "") << "nothing looked for errors in one of them";
+}
+
 TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {
   const auto findings = Findings({Complete(), Complete()}, {Complete(), Counting("edac", "mc0 ce_count", 3)});
   ASSERT_EQ(findings.size(), 1U);

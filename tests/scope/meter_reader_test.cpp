@@ -78,7 +78,7 @@ TEST_F(MeterReaderTest, RefusesAMeterOfAnotherVersion) {
   Send(hello);
   const std::string error = ErrorOfRead();
   EXPECT_THAT(error, HasSubstr("built for another version"));
-  EXPECT_THAT(error, HasSubstr("sends version 2"));
+  EXPECT_THAT(error, HasSubstr("sends version " + std::to_string(scope::kMeterVersion + 1)));
   EXPECT_THAT(error, HasSubstr("same build"));
 }
 
@@ -207,6 +207,68 @@ TEST_F(MeterReaderTest, ASecondsLatenciesAreNotThoseOfTheOneBefore) {
   ASSERT_EQ(seconds_.size(), 2U);
   EXPECT_EQ(seconds_[1].engines[0].p50Ns, 200U);
   EXPECT_EQ(seconds_[1].engines[0].p99Ns, 200U);
+}
+
+TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
+  SendHello();
+  scope::ErrorPacket error{};
+  error.header = Header(PacketType::kError);
+  error.header.timeNs = 1'500'000'000;
+  error.engine = scope::Engine::kVpc;
+  error.kind = scope::ErrorKind::kThreads;
+  error.thread = 3;
+  error.other = 1;
+  error.operation = 77;
+  error.placed = 1;
+  error.bits = 2;
+  error.offset = 64;
+  error.address = 0x7f00'1040;
+  error.expected = 0xff;
+  error.found = 0xfc;
+  Send(error);
+  scope::CheckPacket check{};
+  check.header = Header(PacketType::kCheck);
+  check.engine = scope::Engine::kVpc;
+  check.state = scope::CheckState::kSourcesChange;
+  check.operations = 9;
+  check.errors = 1;
+  Send(check);
+  scope::FillPacket fill{};
+  fill.header = Header(PacketType::kFill);
+  fill.buffers = 4;
+  Send(fill);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  const std::vector<scope::RunError> errors = reader_.TakeErrors();
+  ASSERT_EQ(errors.size(), 1U);
+  EXPECT_DOUBLE_EQ(errors[0].timeS, 1.5);
+  EXPECT_EQ(errors[0].source, "vpc");
+  EXPECT_EQ(errors[0].what, "threads");
+  EXPECT_EQ(errors[0].thread, 3U);
+  EXPECT_EQ(errors[0].operation, 77U);
+  EXPECT_EQ(errors[0].offset, 64U);
+  EXPECT_EQ(errors[0].address, "0x7f001040");
+  EXPECT_EQ(errors[0].expected, "0x00000000000000ff");
+  EXPECT_EQ(errors[0].found, "0x00000000000000fc");
+  EXPECT_EQ(errors[0].bits, 2U);
+  EXPECT_EQ(errors[0].note, "compared with thread 1");
+  ASSERT_EQ(reader_.Checks().size(), 1U);
+  EXPECT_EQ(reader_.Checks()[0].state, "sources change");
+  EXPECT_EQ(reader_.Checks()[0].operations, 9U);
+  EXPECT_EQ(reader_.Filled().buffers, 4U);
+}
+
+TEST_F(MeterReaderTest, RefusesErrorsAndChecksThatItDoesNotKnow) {
+  SendHello();
+  scope::ErrorPacket error{};
+  error.header = Header(PacketType::kError);
+  error.kind = static_cast<scope::ErrorKind>(scope::kErrorKinds);
+  Send(error);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("an error that cannot be read"));
+  scope::CheckPacket check{};
+  check.header = Header(PacketType::kCheck);
+  check.state = static_cast<scope::CheckState>(scope::kCheckStates);
+  Send(check);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("a check that cannot be read"));
 }
 
 TEST_F(MeterReaderTest, NumbersSecondsAndLeavesOutThoseThatAreMissing) {

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -115,6 +116,32 @@ TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {
   EXPECT_NEAR(static_cast<double>(first.p99Ns), 3'000, 30);
   EXPECT_GE(first.maxNs, 9'000'000U);
   EXPECT_EQ(first.threads, 2);
+}
+
+// The memory controllers count on during the run: a file of the tree that the recorder reads grows.
+TEST_F(RecordTest, MemoryErrorsOfAControllerAreErrorsOfTheRun) {
+  const std::string counter = "system/sys/devices/system/edac/mc/mc0/ce_count";
+  folder_.Put(counter, "7\n");
+  struct Growing : scope::View {
+    void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override { grow(); }
+    std::function<void()> grow;
+  } view;
+  view.grow = [&] { folder_.Put(counter, "10\n"); };
+  scope::RecordOptions options;
+  options.benchmark = SCRIPTED_METER;
+  options.meter = IDLE_LIBRARY;
+  options.config = folder_.Put("c.yaml", "CPU:\n  Level: 1\n");
+  options.extra = {folder_.Put("script", Script(2))};
+  options.folder = run_;
+  options.systemRoot = folder_ / "system";
+  scope::Signals signals;
+  const scope::RecordResult result = scope::Record(options, view, signals);
+  EXPECT_EQ(result.errors, 3U);
+  const scope::Run run = scope::ReadRun(run_);
+  ASSERT_EQ(run.errors.size(), 1U);
+  EXPECT_EQ(run.errors[0].source, "edac");
+  EXPECT_EQ(run.errors[0].note, "3 more of mc0/ce_count");
+  EXPECT_EQ(run.info.errors, (std::vector<std::pair<std::string, std::uint64_t>>{{"edac", 3}}));
 }
 
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {

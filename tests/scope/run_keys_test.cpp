@@ -46,6 +46,7 @@ std::set<std::string> WrittenKeys() {
   RunInfo info;
   info.conditions.caches.emplace_back();
   info.counters.emplace_back();
+  info.verification.emplace_back();
   std::set<std::string> keys;
   AddLeaves(Json::parse(scope::RunInfoText(info)), "", keys);
   return keys;
@@ -87,6 +88,7 @@ TEST(RunTables, HaveTheHeadersOfTheFormatsDescription) {
   EXPECT_TRUE(documented(scope::kTableName<scope::EngineSample>, scope::TableHeader<scope::EngineSample>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::HistogramRow>, scope::TableHeader<scope::HistogramRow>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::Rate>, scope::TableHeader<scope::Rate>()));
+  EXPECT_TRUE(documented(scope::kTableName<scope::RunError>, scope::TableHeader<scope::RunError>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::CounterValue>, scope::TableHeader<scope::CounterValue>()));
 }
 
@@ -108,6 +110,10 @@ TEST(RunKeys, ReadWhatWasWritten) {
   RunInfo info = SyntheticInfo();
   info.conditions.loadAverage = {0.5, 1, 2};
   info.counters = {{"edac", false, "why"}};
+  info.conditions.fill = "random";
+  info.conditions.verify = true;
+  info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5}};
+  info.errors = {{"cpu", 4}, {"edac", 1}};
   info.label = "words";
   info.exitStatus = 3;
   const std::string text = scope::RunInfoText(info);
@@ -121,8 +127,8 @@ TEST(RunKeys, HaveTextsForPeople) {
   info.conditions.loadAverage = {0.5, 1, 2.006};
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
-  EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "build_type: Release",
-                                 "library_versions: libormis 1.0.0",
+  EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
+                                 "build_type: Release", "library_versions: libormis 1.0.0",
                                  "platform_settings: memory device, flush clflushopt",
                                  "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
                                  "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
@@ -135,7 +141,7 @@ TEST(RunKeys, OfWhatTheMachineDoesNotTellHaveNoText) {
   for (const auto& [key, text] : scope::RunTexts({})) {
     if (!text.empty()) told.push_back(key.name + ("=" + text));
   }
-  EXPECT_THAT(told, ElementsAre("complete=no", "meter=no"));
+  EXPECT_THAT(told, ElementsAre("complete=no", "meter=no", "verify=no"));
 }
 
 }  // namespace

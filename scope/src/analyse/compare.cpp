@@ -2,6 +2,7 @@
 #include "compare.h"
 
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "compare_values.h"
@@ -61,6 +62,10 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
   Comparison comparison = CompareValues(ofA.values, ofB.values, options, printedTooCoarsely);
   if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
   comparison.findings = CompareTroubles(ofA.runs, ofB.runs);
+  for (const auto& [side, letter] : {std::pair(&ofA, "A"), std::pair(&ofB, "B")}) {
+    const std::string text = TimeToFailure(side->runs, letter);
+    if (!text.empty()) comparison.errors.push_back(text);
+  }
   comparison.answer = AnswerOf(comparison);
   std::vector<std::string> disturbances;
   NoteRuns(ofA, options.skipS, disturbances, comparison.notes);

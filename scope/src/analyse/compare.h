@@ -39,6 +39,7 @@ enum class Answer {
 
 struct Comparison {
   std::vector<ComparedFigure> figures;
+  std::vector<std::string> errors;  ///< of each side that has some, or was checked; see TimeToFailure
   std::vector<Finding> findings;
   std::vector<std::string> notes;
   std::size_t judged = 0;  ///< number of figures that are judged

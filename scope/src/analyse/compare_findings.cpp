@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "run_error.h"
 #include "run_warnings.h"
+#include "statistics.h"
 #include "text_format.h"
 
 namespace scope {
@@ -14,10 +16,13 @@ namespace {
 
 constexpr double kClearlyMore = 2;
 
-enum class Trouble { kIncomplete, kStopsEarly, kFailures, kMemoryErrors, kThrottling };
+// In the order in which they are told.
+enum class Trouble { kErrors, kMemoryErrors, kIncomplete, kStopsEarly, kFailures, kThrottling };
 
 const char* NameOf(Trouble trouble) {
   switch (trouble) {
+    case Trouble::kErrors:
+      return "wrong results";
     case Trouble::kIncomplete:
       return "incomplete runs";
     case Trouble::kStopsEarly:
@@ -63,6 +68,10 @@ double Growth(const Run& run, const std::string& source) {
 Troubles Collect(const std::vector<SummarisedRun>& runs) {
   Troubles troubles;
   for (const auto& [run, summary] : runs) {
+    for (const auto& [source, count] : ErrorCounts(*run)) {
+      // The counters themselves are looked at below.
+      if (source != kMemoryController) Add(troubles, {Trouble::kErrors, source}, static_cast<double>(count));
+    }
     if (!run->info.complete) Add(troubles, {Trouble::kIncomplete, ""}, 1, run->info.incompleteReason);
     for (const EngineSummary& engine : summary.engines) {
       if (engine.work.failures != 0) {
@@ -130,6 +139,28 @@ std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const 
     findings.push_back(std::move(finding));
   }
   return findings;
+}
+
+std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side) {
+  std::vector<double> times;
+  std::size_t failed = 0;
+  for (const SummarisedRun& one : runs) {
+    if (!LooksForErrors(one.run->info) && ErrorsOf(*one.run) == 0) return {};
+    if (ErrorsOf(*one.run) == 0) continue;
+    ++failed;
+    if (const std::optional<double> firstS = FirstErrorS(*one.run)) times.push_back(*firstS);
+  }
+  const std::string of = Counted(runs.size(), "run") + " of " + side;
+  if (failed == 0) {
+    // The rule of three: with this rate, n runs without an error have a chance of 5 %.
+    return "no error in " + of +
+           Format(": failure rate below %.2g per run, 95 %%",
+                  std::min(1.0, 3 / static_cast<double>(runs.size())));
+  }
+  std::string text = Format("errors in %zu of ", failed) + of;
+  if (times.empty()) return text;
+  return text + Format("; time to the first error: %.1f s at the least, %.1f s in the median",
+                       *std::min_element(times.begin(), times.end()), Median(times));
 }
 
 }  // namespace scope

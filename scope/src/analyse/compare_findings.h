@@ -24,7 +24,11 @@ struct SummarisedRun {
   RunSummary summary;
 };
 
-/// What any run of either side has. The sentences name the sides so.
+/// In how many runs of the side there were errors, and when; without errors, which failure rate that leaves
+/// room for. Empty if no run has an error and nothing looked for any.
+std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side);
+
+/// What any run of either side has, errors first. The sentences name the sides so.
 std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const std::vector<SummarisedRun>& b,
                                      const std::string& nameOfA = "A", const std::string& nameOfB = "B");
 

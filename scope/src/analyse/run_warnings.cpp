@@ -10,6 +10,7 @@
 
 #include "early_end.h"
 #include "engines.h"
+#include "run_error.h"
 #include "statistics.h"
 #include "text_format.h"
 
@@ -48,6 +49,21 @@ void AddMixedEncoders(const Run& run, List& warnings) {
   std::string list;
   for (const auto& [channel, engine] : engines) list += (list.empty() ? "" : ", ") + channel + " " + engine;
   warnings.push_back({"venc: the encoder's channels have different engines: " + list, std::nullopt, "venc"});
+}
+
+// Those that a memory controller counts have a warning of their counter.
+void AddErrors(const Run& run, List& warnings) {
+  for (const auto& [source, count] : ErrorCounts(run)) {
+    if (source == kMemoryController) continue;
+    const auto first = std::find_if(run.errors.begin(), run.errors.end(),
+                                    [&name = source](const RunError& error) { return error.source == name; });
+    const bool isEngine = FindEngine(&EngineInfo::id, source) != nullptr;
+    warnings.push_back({first == run.errors.end()
+                            ? source + ": " + Counted(count, "error")
+                            : Counted(count, "error") + ", the first: " + ErrorText(*first),
+                        first == run.errors.end() ? std::nullopt : std::optional(first->timeS),
+                        isEngine ? source : std::string()});
+  }
 }
 
 void AddFailures(const EngineSummary& engine, List& warnings) {
@@ -253,6 +269,7 @@ void AddDisturbances(const std::vector<std::string>& disturbances, std::vector<s
 
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   List warnings;
+  AddErrors(run, warnings);
   for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
   AddMixedEncoders(run, warnings);

@@ -31,6 +31,8 @@ void AddFleet(CLI::App& app, int& status);
 void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
+/// Adds --fill and --verify, which need the meter. Call it after AddRunLimits.
+void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
 /// Adds --levels, --repeat, --warmup and --seed, which exclude `excluded` if it is not null. `point` is what
 /// the runs are repeated for, in the help. Returns --seed: without it the caller chooses one.
@@ -60,6 +62,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;  ///< the benchmark failed, the recording is incomplete, or a board stands out
 constexpr int kExitBadUsage = 2;   ///< wrong arguments or bad input
 constexpr int kExitNotYet = 3;     ///< `collect`: nothing failed, but not all cells are done
+constexpr int kExitErrors = 3;     ///< `record`: results were wrong, or memory had errors
 constexpr int kExitBoardAway = 4;  ///< `cell --on`: the board cannot be reached, was lost, or is in use
 
 }  // namespace scope

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <iterator>
 #include <memory>
 
 #include "commands.h"
@@ -6,6 +7,7 @@
 #include "errors.h"
 #include "live_view.h"
 #include "printable.h"
+#include "protocol.h"
 #include "record.h"
 #include "report.h"
 #include "tell.h"
@@ -29,6 +31,7 @@ int RunRecord(const RecordOptions& options, Output output) {
   if (output == Output::kText) {
     Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
   }
+  if (result.errors != 0) return kExitErrors;
   return result.complete && result.exported ? kExitOk : kExitFailure;
 }
 
@@ -72,6 +75,18 @@ void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* exclu
   AddRunLimits(command, settings, excluded);
 }
 
+void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
+  CLI::Option* const noMeter = command.get_option("--no-meter");
+  AddUnless(command, excluded, "--fill", settings.fill, "PATTERN",
+            "Fill sources and frames: zeros, ones, random, checker, walking or worst")
+      ->check(OneOf({std::begin(kFillNames), std::end(kFillNames)}))
+      ->excludes(noMeter);
+  CLI::Option* const verify = command.add_flag("--verify", settings.verify,
+                                               "Check the results of the engines; errors end with status 3");
+  verify->excludes(noMeter);
+  if (excluded != nullptr) verify->excludes(excluded);
+}
+
 void AddRecord(CLI::App& app, int& status) {
   CLI::App* const command =
       app.add_subcommand("record", "Run the benchmark under the meter and save a run folder");
@@ -92,11 +107,13 @@ void AddRecord(CLI::App& app, int& status) {
   command->add_option("--trace", options->exports.trace, "Write a trace of the run for Perfetto")
       ->type_name("FILE");
   AddRunSettings(*command, *options, nullptr);
+  AddChecks(*command, *options, nullptr);
   AddOutput(*command, *output);
   command->footer(
       "Examples:\n"
       "  stress_scope record config/all.yaml -o before --label \"tRFC 350\"\n"
-      "  stress_scope record config/cpu.yaml --stop-after 15 --json");
+      "  stress_scope record config/cpu.yaml --stop-after 15 --json\n"
+      "  stress_scope record config/all.yaml --fill random --verify");
   command->callback([options, output, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("run-");
     RequireOwnFiles(options->exports, options->config, options->folder);

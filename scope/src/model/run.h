@@ -54,6 +54,8 @@ struct Conditions {
   std::vector<std::pair<std::string, std::string>> encoderEngines;  ///< channel to engine; empty if unknown
   std::vector<double> loadAverage;                                  ///< three values; empty if unknown
   bool meter = false;                                               ///< false: no samples, only rate lines
+  std::string fill;     ///< what the meter filled sources and frames with; empty: as the program made them
+  bool verify = false;  ///< the meter checked results, which costs some of the rates
 };
 
 struct Configuration {
@@ -72,6 +74,20 @@ struct CounterSource {
   std::string reason;  ///< why it is absent; empty if it is present
 };
 
+/// How the results of an engine were checked.
+struct EngineCheck {
+  std::string engine;
+  std::string state;             ///< "judged", or why they were not; FORMAT.md has the words
+  std::uint64_t operations = 0;  ///< that could have been checked
+  std::uint64_t checked = 0;     ///< operations of whose results something was checked
+  std::uint64_t whole = 0;       ///< operations whose whole result was checked
+  std::uint64_t bytes = 0;       ///< of results that were checked
+  std::uint64_t allBytes = 0;    ///< of all results
+  std::uint64_t errors = 0;
+  std::uint64_t unlisted = 0;  ///< errors that are not in the table: too many at once, or the same again
+  double checkS = 0;           ///< time that the checks took, of all threads
+};
+
 /// How the benchmark is started and ended.
 struct RunSettings {
   std::string benchmark;  ///< program; empty: stress_benchmark beside this program
@@ -81,6 +97,8 @@ struct RunSettings {
   std::string systemRoot = "/";    ///< folder that contains sys and proc
   double stopAfterS = 0;           ///< SIGINT ends the run after these seconds; 0: it ends by itself
   double graceS = 15;              ///< after its run time, a benchmark that is silent for so long has hung
+  std::string fill;                ///< of kFillNames; empty: sources and frames are as the program makes them
+  bool verify = false;             ///< the meter checks results
 };
 
 /// run.json.
@@ -97,6 +115,9 @@ struct RunInfo {
   Configuration config;
   Conditions conditions;
   std::vector<CounterSource> counters;
+  std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
+  /// From each source of errors ("cpu", "edac") to how many there were, in the table or not.
+  std::vector<std::pair<std::string, std::uint64_t>> errors;
 };
 
 /// What an engine, or one of its threads, did in a second or in a whole run. Operations are calls that
@@ -161,6 +182,22 @@ struct CounterValue {
   double value = 0;
 };
 
+/// Memory, or a result, that is not what it has to be. What does not apply is absent or empty.
+struct RunError {
+  double timeS = 0;    ///< when it was found
+  std::string source;  ///< an engine, "edac", or another watcher of memory
+  std::optional<std::uint64_t> thread;
+  std::optional<std::uint64_t> operation;  ///< on its thread, from 1
+  std::string what;                        ///< FORMAT.md has the words
+  std::optional<std::uint64_t> offset;     ///< bytes, in the result, the source or the watched memory
+  std::string address;                     ///< virtual: "0x7f0000001000"
+  std::string physical;                    ///< physical, where the system tells it
+  std::string expected;                    ///< the word of 8 bytes there: "0x0000000000000000"
+  std::string found;
+  std::optional<std::uint64_t> bits;  ///< that differ, in all
+  std::string note;                   ///< what else is known
+};
+
 struct Run {
   std::string folder;
   RunInfo info;
@@ -169,6 +206,7 @@ struct Run {
   std::vector<HistogramRow> histogram;
   std::vector<Rate> rates;
   std::vector<CounterValue> counters;
+  std::vector<RunError> errors;
   /// Problems that did not stop the reader, one sentence each: an incomplete run, a cut last line, seconds
   /// without a sample.
   std::vector<std::string> notes;

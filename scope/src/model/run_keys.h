@@ -36,6 +36,8 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"config", "levels", kMustAgree, "Levels"}, info.config.levels);
   visit(RunKey{"config", "settings"}, info.config.settings);
   visit(RunKey{"conditions", "meter", kMustAgree, "Every operation measured"}, machine.meter);
+  visit(RunKey{"conditions", "fill", kMustAgree, "Data of sources and frames"}, machine.fill);
+  visit(RunKey{"conditions", "verify", kMustAgree, "Results checked"}, machine.verify);
   visit(RunKey{"conditions", "build_type", kMustAgree, "Build"}, machine.buildType);
   visit(RunKey{"conditions", "library_versions", kMustAgree, "Libraries"}, machine.libraryVersions);
   visit(RunKey{"conditions", "platform_settings", kMustAgree, "Platform's settings"},
@@ -54,6 +56,8 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"conditions", "hostname_hash", kMustAgree, "Machine (hash of its name)"},
         machine.hostnameHash);
   visit(RunKey{"", "counters"}, info.counters);
+  visit(RunKey{"", "verification"}, info.verification);
+  visit(RunKey{"", "errors"}, info.errors);
 }
 
 struct RunText {

@@ -13,6 +13,7 @@
 #include "errors.h"
 #include "figures.h"
 #include "latency_buckets.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -119,6 +120,13 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
     delayedSamples_ = end.delayedSamples;
     unmeasured_ = end.unmeasured;
     Flush(header.timeNs, seconds);
+  } else if (header.type == PacketType::kError) {
+    TakeError(bytes, size);
+  } else if (header.type == PacketType::kCheck) {
+    TakeCheck(bytes, size);
+  } else if (header.type == PacketType::kFill) {
+    const auto fill = Unpack<FillPacket>(bytes, size, "fill");
+    filled_ = {fill.buffers, fill.bytes, fill.refused};
   } else {
     throw UserError("the meter sent a packet of the unknown type " +
                     std::to_string(static_cast<std::uint32_t>(header.type)));
@@ -165,6 +173,57 @@ void MeterReader::TakeSample(const char* bytes, std::size_t size, std::vector<Me
   if (packet.operations != 0)
     SetLatencies(second, std::max(packet.maxNs, BucketLow(second.Buckets().rbegin()->first)), sample);
   pending_.samples.push_back(sample);
+}
+
+void MeterReader::TakeError(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<ErrorPacket>(bytes, size, "error");
+  const auto row = static_cast<std::size_t>(packet.engine);
+  const auto kind = static_cast<std::size_t>(packet.kind);
+  if (row >= Engines().size() || kind >= kErrorKinds) {
+    throw UserError("the meter sent an error that cannot be read: engine " + std::to_string(row) + ", kind " +
+                    std::to_string(kind));
+  }
+  static constexpr const char* kWhat[kErrorKinds] = {"copy", "source", "result", "threads", "passing"};
+  RunError error;
+  if (packet.header.timeNs > startNs_) {
+    error.timeS = static_cast<double>(packet.header.timeNs - startNs_) * 1e-9;
+  }
+  error.source = Engines()[row].id;
+  error.thread = packet.thread;
+  error.operation = packet.operation;
+  error.what = kWhat[kind];
+  if (packet.kind == ErrorKind::kThreads) error.note = "compared with thread " + std::to_string(packet.other);
+  if (packet.placed != 0) {
+    error.offset = packet.offset;
+    error.address = Format("0x%llx", static_cast<unsigned long long>(packet.address));
+    error.expected = Format("0x%016llx", static_cast<unsigned long long>(packet.expected));
+    error.found = Format("0x%016llx", static_cast<unsigned long long>(packet.found));
+    error.bits = packet.bits;
+  }
+  errors_.push_back(std::move(error));
+}
+
+void MeterReader::TakeCheck(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<CheckPacket>(bytes, size, "check");
+  const auto row = static_cast<std::size_t>(packet.engine);
+  const auto state = static_cast<std::size_t>(packet.state);
+  if (row >= Engines().size() || state >= kCheckStates) {
+    throw UserError("the meter sent a check that cannot be read: engine " + std::to_string(row) + ", state " +
+                    std::to_string(state));
+  }
+  static constexpr const char* kStates[kCheckStates] = {
+      "learning", "judged", "alone", "sources change", "not deterministic", "unreadable", "unknown"};
+  checks_[row] = {Engines()[row].id, kStates[state],
+                  packet.operations, packet.checked,
+                  packet.whole,      packet.bytes,
+                  packet.allBytes,   packet.errors,
+                  packet.unlisted,   static_cast<double>(packet.checkNs) * 1e-9};
+}
+
+std::vector<EngineCheck> MeterReader::Checks() const {
+  std::vector<EngineCheck> checks;
+  for (const auto& [row, check] : checks_) checks.push_back(check);
+  return checks;
 }
 
 void MeterReader::Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds) {

@@ -25,6 +25,13 @@ struct MeterSecond {
   std::vector<EngineSample> engines;
 };
 
+/// What a meter has filled so far.
+struct FillCounts {
+  std::uint64_t buffers = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t refused = 0;  ///< cannot be written, or hold results
+};
+
 /// The other end of the meter's socket.
 class MeterReader {
  public:
@@ -55,6 +62,12 @@ class MeterReader {
   /// True if the meter has reported the program's end, so nothing is missing.
   bool SaidLast() const { return last_; }
 
+  /// Takes the errors that have arrived, in their order.
+  std::vector<RunError> TakeErrors() { return std::exchange(errors_, {}); }
+  /// How results were checked so far, in the order of the engines.
+  std::vector<EngineCheck> Checks() const;
+  const FillCounts& Filled() const { return filled_; }
+
   /// Latencies of the whole run by engine and thread.
   const std::map<std::pair<std::string, int>, Histogram>& Latencies() const { return latencies_; }
   std::vector<HistogramRow> HistogramRows() const;
@@ -62,6 +75,8 @@ class MeterReader {
  private:
   void Take(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
   void TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
+  void TakeError(const char* bytes, std::size_t size);
+  void TakeCheck(const char* bytes, std::size_t size);
   void Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds);
 
   std::uint64_t startNs_;
@@ -74,6 +89,9 @@ class MeterReader {
   std::uint64_t unmeasured_ = 0;
   MeterSecond pending_;
   std::map<std::string, Histogram> pendingLatencies_;
+  std::vector<RunError> errors_;
+  std::map<std::size_t, EngineCheck> checks_;  ///< by the row of the engine
+  FillCounts filled_;
   int second_ = 0;  ///< the last one
   double timeS_ = 0;
   std::map<std::pair<std::string, int>, Histogram> latencies_;

@@ -100,6 +100,8 @@ class Recording {
       const bool more = others != nullptr && *others != '\0';
       child.environment = {{"LD_PRELOAD", more ? preload_->Text() + ":" + others : preload_->Text()},
                            {kDescriptorVariable, std::to_string(meter_->ChildEnd())}};
+      if (!options_.fill.empty()) child.environment.emplace_back(kFillVariable, options_.fill);
+      if (options_.verify) child.environment.emplace_back(kVerifyVariable, "1");
       child.inherit = meter_->ChildEnd();
     }
     child_ = std::make_unique<ChildProcess>(child);
@@ -166,6 +168,7 @@ class Recording {
       meter_ = std::make_unique<MeterReader>(startNs_);
       meter_->CloseChildEnd();
     }
+    run_->Add(meter_->TakeErrors());
     for (const MeterSecond& second : seconds) {
       if (!run_->KnowsLibraries()) {
         run_->SetLibraries(
@@ -180,6 +183,16 @@ class Recording {
       figures_.Add(second);
       // The rest of a second at the end has too few operations to show a rate.
       if (whole) view_.Second(figures_, second.timeS, limits_.runTimeS);
+    }
+  }
+
+  void TellOfFill() const {
+    if (options_.fill.empty()) return;
+    const FillCounts& filled = meter_->Filled();
+    if (filled.buffers == 0) Tell("fill: the meter filled nothing with " + options_.fill);
+    if (filled.refused != 0) {
+      Tell("fill: " + Counted(filled.refused, "buffer") +
+           " not filled: not writable, or written by an operation before");
     }
   }
 
@@ -202,7 +215,11 @@ class Recording {
       Tell("the recorder was too slow: " + Counted(meter_->DelayedSamples(), "sample") +
            " arrived a second late");
     }
+    // What they have counted since the last second.
+    ReadCounters();
+    TellOfFill();
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
+    run_->SetChecks(meter_->Checks());
     run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
                        meter_->Unmeasured() == 0);
     const std::vector<std::string>& failures =
@@ -210,9 +227,12 @@ class Recording {
     exports_->End();
     for (const std::string& fault : exportFaults_) Tell(fault);
     const bool exported = exportFaults_.empty();
-    if (!failures.empty()) return {false, supervisor_->Interrupted(), Joined(failures, "; "), exported};
+    const std::uint64_t errors = run_->Errors();
+    if (!failures.empty()) {
+      return {false, supervisor_->Interrupted(), Joined(failures, "; "), errors, exported};
+    }
     // The last write may have failed.
-    return {supervisor_->Fault().empty(), supervisor_->Interrupted(), supervisor_->Fault(), exported};
+    return {supervisor_->Fault().empty(), supervisor_->Interrupted(), supervisor_->Fault(), errors, exported};
   }
 
   RecordOptions options_;

@@ -23,9 +23,10 @@ struct RecordOptions : RunSettings {
 
 struct RecordResult {
   bool complete = false;
-  bool stopped = false;  ///< a signal to this program ended the run early
-  std::string reason;    ///< why it failed, as printed on standard error; empty if it did not
-  bool exported = true;  ///< false: an export file could not be written to the end. The run is whole
+  bool stopped = false;      ///< a signal to this program ended the run early
+  std::string reason;        ///< why it failed, as printed on standard error; empty if it did not
+  std::uint64_t errors = 0;  ///< wrong results and memory errors that were found
+  bool exported = true;      ///< false: an export file could not be written to the end. The run is whole
 };
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. A signal from `signals`

@@ -10,11 +10,15 @@
 #include "durable_file.h"
 #include "errors.h"
 #include "rate_line.h"
+#include "run_error.h"
 #include "tell.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
+
+// Of the table. Errors that no row has are counted.
+constexpr std::size_t kMostErrorRows = 20'000;
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -48,6 +52,8 @@ SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault o
   // Only the benchmark of this build has a known build type.
   if (options.benchmark.empty()) info_.conditions.buildType = STRESS_SCOPE_BUILD_TYPE;
   info_.incompleteReason = kRecorderEnded;
+  info_.conditions.fill = options.fill;
+  info_.conditions.verify = options.verify;
 }
 
 void SavedRun::AddSources(const std::vector<CounterSource>& sources) {
@@ -92,6 +98,43 @@ void SavedRun::Add(const MeterSecond& second) {
 
 void SavedRun::Add(const std::vector<CounterValue>& values) {
   if (!values.empty()) Save([&] { writer_.Add(values); });
+  Add(memoryErrors_.Found(values));
+}
+
+void SavedRun::Add(std::vector<RunError> errors) {
+  for (const RunError& error : errors) {
+    const auto at = std::find_if(info_.errors.begin(), info_.errors.end(),
+                                 [&error](const auto& one) { return one.first == error.source; });
+    const std::uint64_t count = ErrorsIn(error);
+    if (at != info_.errors.end()) {
+      at->second += count;
+    } else {
+      info_.errors.emplace_back(error.source, count);
+      Tell("an error: " + ErrorText(error));
+    }
+  }
+  errors.resize(std::min(errors.size(), kMostErrorRows - errorRows_));
+  errorRows_ += errors.size();
+  if (!errors.empty()) Save([&] { writer_.Add(errors); });
+}
+
+void SavedRun::SetChecks(std::vector<EngineCheck> checks) {
+  info_.verification = std::move(checks);
+  for (const EngineCheck& check : info_.verification) {
+    const auto at = std::find_if(info_.errors.begin(), info_.errors.end(),
+                                 [&check](const auto& one) { return one.first == check.engine; });
+    if (at != info_.errors.end()) {
+      at->second = std::max(at->second, check.errors);
+    } else if (check.errors != 0) {
+      info_.errors.emplace_back(check.engine, check.errors);
+    }
+  }
+}
+
+std::uint64_t SavedRun::Errors() const {
+  std::uint64_t sum = 0;
+  for (const auto& [source, count] : info_.errors) sum += count;
+  return sum;
 }
 
 void SavedRun::SetLibraries(std::vector<std::pair<std::string, std::string>> versions) {

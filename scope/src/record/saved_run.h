@@ -8,6 +8,7 @@
 
 #include "benchmark_log.h"
 #include "failures.h"
+#include "memory_errors.h"
 #include "meter_reader.h"
 #include "record.h"
 #include "run.h"
@@ -38,6 +39,8 @@ class SavedRun {
   void AddLog(const std::vector<std::string>& lines);
   void Add(const MeterSecond& second);
   void Add(const std::vector<CounterValue>& values);
+  /// Errors that the meter found.
+  void Add(std::vector<RunError> errors);
 
   /// True after SetLibraries.
   bool KnowsLibraries() const { return info_.conditions.meter; }
@@ -52,6 +55,12 @@ class SavedRun {
   /// Adds what failed in the run to what was found at its start, and tells it. `fault` is the supervisor's.
   /// `endS` and `allCounted` are those of FailureWatch::Failures.
   void FindFailures(const std::string& fault, double endS, bool allCounted);
+
+  /// How results were checked. Adds the errors that no row of the table has.
+  void SetChecks(std::vector<EngineCheck> checks);
+
+  /// Errors of all sources so far, in the table or not.
+  std::uint64_t Errors() const;
 
   /// Writes run.json for the last time. Returns all failures, one line each; empty for a complete run.
   const std::vector<std::string>& End(double durationS, int exitStatus, int signal);
@@ -72,6 +81,8 @@ class SavedRun {
   std::vector<std::string> failures_;  ///< one line each
   int badLines_ = 0;
   bool saving_ = true;
+  MemoryErrors memoryErrors_;
+  std::size_t errorRows_ = 0;
 };
 
 }  // namespace scope

@@ -58,6 +58,7 @@ Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
               {"repeats", OrNull(comparison.repeats)},
               {"different", different},
               {"figures", figures},
+              {"errors", comparison.errors},
               {"findings", findings},
               {"notes", comparison.notes}};
 }

@@ -190,6 +190,7 @@ std::string ComparisonText(const Side& a, const Side& b, const Comparison& compa
                            const TextStyle& style) {
   std::string text = "A: " + Printable(a.name) + " (" + Counted(a.runs.size(), "run") +
                      ")\nB: " + Printable(b.name) + " (" + Counted(b.runs.size(), "run") + ")\n";
+  for (const std::string& errors : comparison.errors) text += "Errors: " + Printable(errors) + ".\n";
   text += Format("After the first %g s of each run. ", options.skipS);
   if (std::min(a.runs.size(), b.runs.size()) < 2) {
     text += "No intervals and no verdicts: they need two runs a side or more.\n";

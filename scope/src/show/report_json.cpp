@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 #include "compare.h"
@@ -11,8 +12,10 @@
 #include "engines.h"
 #include "page_data.h"
 #include "report.h"
+#include "run_error.h"
 #include "run_json.h"
 #include "run_keys.h"
+#include "run_tables.h"
 #include "run_warnings.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -140,6 +143,24 @@ Json ConditionsJson(const RunInfo& info) {
   return conditions;
 }
 
+// A page with more rows cannot be read, and errors.csv has them all.
+Json ErrorsJson(const std::vector<RunError>& errors) {
+  constexpr std::size_t kMost = 1000;
+  Json list = Json::array();
+  for (std::size_t i = 0; i < std::min(errors.size(), kMost); ++i) {
+    Json row{{"text", ErrorText(errors[i])}};
+    VisitColumns(errors[i], [&row](const CsvColumn& column, const auto& value) {
+      if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::optional<std::uint64_t>>) {
+        row[column.name] = OrNull(value);
+      } else {
+        row[column.name] = value;
+      }
+    });
+    list.push_back(std::move(row));
+  }
+  return list;
+}
+
 Json RunJson(const ReportedRun& reported, double warmupS) {
   const RunInfo& info = reported.run.info;
   Json run = Json::parse(RunInfoText(info));
@@ -152,6 +173,9 @@ Json RunJson(const ReportedRun& reported, double warmupS) {
     run["warnings"].push_back(
         Json{{"text", warning.text}, {"time_s", OrNull(warning.timeS)}, {"engine", warning.engine}});
   }
+  run["error_list"] = ErrorsJson(reported.run.errors);
+  run["first_error_s"] = OrNull(FirstErrorS(reported.run));
+  run["checks"] = Column(info.verification, [](const EngineCheck& check) { return Json(CheckText(check)); });
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);

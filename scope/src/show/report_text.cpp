@@ -4,6 +4,7 @@
 #include "engines.h"
 #include "printable.h"
 #include "report.h"
+#include "run_error.h"
 #include "text_format.h"
 #include "text_table.h"
 
@@ -63,6 +64,28 @@ std::string Table(const RunSummary& summary, std::size_t width) {
   return table.Text(width);
 }
 
+// The errors, and how much was looked at.
+std::string ErrorsText(const Run& run) {
+  constexpr std::size_t kShown = 3;
+  std::string text;
+  const std::uint64_t count = ErrorsOf(run);
+  if (count != 0) {
+    std::vector<std::string> sources;
+    for (const auto& [source, ofSource] : ErrorCounts(run)) {
+      sources.push_back(source + " " + std::to_string(ofSource));
+    }
+    text += "  ERRORS: " + std::to_string(count) + " (" + Printable(Joined(sources, ", ")) + ")\n";
+  }
+  for (std::size_t i = 0; i < std::min(run.errors.size(), kShown); ++i) {
+    text += Format("    %.3f s ", run.errors[i].timeS) + Printable(ErrorText(run.errors[i])) + "\n";
+  }
+  if (count > kShown) text += "    all that are listed: errors.csv\n";
+  for (const EngineCheck& check : run.info.verification) {
+    text += "  checked " + Printable(CheckText(check)) + "\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) {
@@ -76,6 +99,7 @@ std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) 
     if (!reported.run.info.conditions.meter && !empty) {
       text += "  no meter: only rate lines, without operations, bytes and latencies\n";
     }
+    text += ErrorsText(reported.run);
     for (const Warning& warning : reported.warnings) text += "  warning: " + Printable(warning.text) + "\n";
   }
   return text;

@@ -141,6 +141,11 @@ void CheckRows(const Run& run) {
   CheckHistogram(run);
   Names stresses(run, kTableName<Rate>, "stress");
   for (std::size_t i = 0; i != run.rates.size(); ++i) stresses.Add(run.rates[i].stress, i);
+  Names sources(run, kTableName<RunError>, "source");
+  for (std::size_t i = 0; i != run.errors.size(); ++i) {
+    sources.Add(run.errors[i].source, i);
+    if (run.errors[i].timeS < 0) Fail(run, kTableName<RunError>, i, "expected a time from the start on");
+  }
 }
 
 void CheckTotals(const Run& run) {

@@ -105,6 +105,26 @@ static void from_json(const Json& json, CounterSource& source) {
   Take(json, "reason", source.reason);
 }
 
+static void to_json(Json& json, const EngineCheck& check) {
+  json = {{"engine", check.engine},      {"state", check.state},   {"operations", check.operations},
+          {"checked", check.checked},    {"whole", check.whole},   {"bytes", check.bytes},
+          {"all_bytes", check.allBytes}, {"errors", check.errors}, {"unlisted", check.unlisted},
+          {"check_s", check.checkS}};
+}
+
+static void from_json(const Json& json, EngineCheck& check) {
+  Take(json, "engine", check.engine);
+  Take(json, "state", check.state);
+  Take(json, "operations", check.operations);
+  Take(json, "checked", check.checked);
+  Take(json, "whole", check.whole);
+  Take(json, "bytes", check.bytes);
+  Take(json, "all_bytes", check.allBytes);
+  Take(json, "errors", check.errors);
+  Take(json, "unlisted", check.unlisted);
+  Take(json, "check_s", check.checkS);
+}
+
 std::string RunInfoText(const RunInfo& info) {
   return ToJson(info).dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }

@@ -137,6 +137,7 @@ Run ReadRun(const std::string& folder) {
   ReadTable(run, run.histogram, meter);
   ReadTable(run, run.rates, true);
   ReadTable(run, run.counters, false);
+  ReadTable(run, run.errors, false);
   CheckRows(run);
   NoteGaps(run);
   if (run.info.complete && meter && run.notes.empty()) CheckTotals(run);

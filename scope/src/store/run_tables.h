@@ -29,6 +29,8 @@ template <>
 inline constexpr const char* kTableName<Rate> = "rates.csv";
 template <>
 inline constexpr const char* kTableName<CounterValue> = "counters.csv";
+template <>
+inline constexpr const char* kTableName<RunError> = "errors.csv";
 
 /// Calls `visit` with each column of the table and its value in `row`, which may be const.
 template <typename Row, typename Visit>
@@ -60,6 +62,19 @@ void VisitColumns(Row& row, const Visit& visit) {
     visit(CsvColumn{"time_s"}, row.timeS);
     visit(CsvColumn{"stress"}, row.stress);
     visit(CsvColumn{"fps", 6}, row.fps);
+  } else if constexpr (std::is_same_v<Kind, RunError>) {
+    visit(CsvColumn{"time_s"}, row.timeS);
+    visit(CsvColumn{"source"}, row.source);
+    visit(CsvColumn{"thread"}, row.thread);
+    visit(CsvColumn{"operation"}, row.operation);
+    visit(CsvColumn{"what"}, row.what);
+    visit(CsvColumn{"offset"}, row.offset);
+    visit(CsvColumn{"address"}, row.address);
+    visit(CsvColumn{"physical"}, row.physical);
+    visit(CsvColumn{"expected"}, row.expected);
+    visit(CsvColumn{"found"}, row.found);
+    visit(CsvColumn{"bits"}, row.bits);
+    visit(CsvColumn{"note"}, row.note);
   } else {
     visit(CsvColumn{"time_s"}, row.timeS);
     visit(CsvColumn{"source"}, row.source);

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "checker.h"
+
+namespace scope {
+namespace {
+
+// Of the time in which an engine works. The rest of what an engine may lose to the checks, 3 %, is for the
+// memory that they move.
+constexpr std::uint64_t kShareOf = 1000;
+constexpr std::uint64_t kShare = 15;
+constexpr std::size_t kPartBytes = std::size_t{32} << 10;
+// A program that writes its sources is recognised in these first operations.
+constexpr std::uint64_t kFirstOperations = 64;
+constexpr int kMostChanges = 3;
+constexpr std::size_t kListedErrors = 256;
+
+Checker checkers[kCounterSets];
+std::atomic<std::uint32_t> engineOf[kCounterSets];
+std::atomic<std::uint32_t> states[kEngineCount];
+std::atomic<bool> listTaken{false};
+ErrorPacket list[kListedErrors];
+std::size_t listBegin = 0;
+std::size_t listCount = 0;
+
+void Count(std::atomic<std::uint64_t>& counter, std::uint64_t amount) {
+  counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+}
+
+bool List(const ErrorPacket& error) {
+  const ShortLock lock(listTaken);
+  if (listCount == kListedErrors) return false;
+  list[(listBegin + listCount++) % kListedErrors] = error;
+  return true;
+}
+
+bool IsLast(const ErrorPacket& last, const ErrorPacket& error) {
+  return last.operation != 0 && last.kind == error.kind && last.placed == error.placed &&
+         last.address == error.address && last.offset == error.offset && last.expected == error.expected &&
+         last.found == error.found && last.bits == error.bits;
+}
+
+// The program has written its source: what was learnt from it is of no use any more.
+void Forget(Checker& checker) {
+  checker.source = nullptr;
+  checker.content = nullptr;
+  checker.key = 0;
+  checker.learnt = false;
+  checker.observations = 0;
+}
+
+}  // namespace
+
+Checker& CheckerOf(const ThreadCounters& counters) {
+  return checkers[counters.set];
+}
+
+Checker& BeginCheck(ThreadCounters& counters, std::uint64_t ns, std::size_t bytes) {
+  Checker& checker = checkers[counters.set];
+  engineOf[counters.set].store(static_cast<std::uint32_t>(counters.engine), std::memory_order_relaxed);
+  Count(checker.operations, 1);
+  Count(checker.allBytes, bytes);
+  checker.busyNs += ns;
+  if (checker.random == 0) checker.random = counters.set * 0x9e3779b97f4a7c15U + 0x2545f4914f6cdd1dU;
+  return checker;
+}
+
+bool MaySpend(const Checker& checker, std::uint64_t ns) {
+  return checker.spentNs + ns <= checker.busyNs / kShareOf * kShare;
+}
+
+void Spent(Checker& checker, std::uint64_t ns) {
+  checker.spentNs += ns;
+  Count(checker.checkNs, ns);
+}
+
+void Compared(Checker& checker, std::size_t bytes, bool whole) {
+  Count(checker.checked, 1);
+  Count(checker.whole, whole ? 1 : 0);
+  Count(checker.bytes, bytes);
+}
+
+void RaiseState(Engine engine, CheckState state) {
+  std::atomic<std::uint32_t>& held = states[static_cast<std::uint32_t>(engine)];
+  std::uint32_t before = held.load(std::memory_order_relaxed);
+  const auto wanted = static_cast<std::uint32_t>(state);
+  while (before < wanted && !held.compare_exchange_weak(before, wanted, std::memory_order_relaxed)) {
+  }
+}
+
+CheckState StateOf(Engine engine) {
+  return static_cast<CheckState>(states[static_cast<std::uint32_t>(engine)].load(std::memory_order_relaxed));
+}
+
+bool MayJudge(Engine engine) {
+  return StateOf(engine) <= CheckState::kAlone;
+}
+
+bool KnowSource(Checker& checker, Engine engine, const Spans& sources) {
+  if (sources.count == 0) return true;
+  if (checker.source == sources.list[0].data && checker.sourceBytes == sources.total) return true;
+  Forget(checker);
+  if (!CanRead(sources)) {
+    RaiseState(engine, CheckState::kUnreadable);
+    return false;
+  }
+  checker.source = sources.list[0].data;
+  checker.sourceBytes = sources.total;
+  checker.cursor = 0;
+  checker.content = KeepContent(sources);
+  return true;
+}
+
+bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sources, std::size_t from,
+                   std::size_t bytes) {
+  const Content* const content = checker.content;
+  if (content == nullptr || content->copy == nullptr) return true;
+  Difference difference;
+  if (SameInMemory(content->copy, sources, from, bytes, difference)) return true;
+  Difference again;
+  if (SameInMemory(content->copy, sources, from, bytes, again)) {
+    ReportError(counters, checker, ErrorKind::kPassing, &difference);
+    return false;
+  }
+  Difference all;
+  (void)SameInMemory(content->copy, sources, 0, sources.total, all);
+  const bool first = checker.operations.load(std::memory_order_relaxed) <= kFirstOperations;
+  if (!first && !IsOther(again, bytes) && !IsOther(all, sources.total)) {
+    ReportError(counters, checker, ErrorKind::kSource, &again);
+    return false;
+  }
+  Forget(checker);
+  if (first || ++checker.changes == kMostChanges) RaiseState(counters.engine, CheckState::kSourcesChange);
+  return false;
+}
+
+bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& sources, bool all) {
+  if (all) return CheckSourceAt(counters, checker, sources, 0, sources.total);
+  if (sources.total == 0) return true;
+  if (checker.cursor >= sources.total) checker.cursor = 0;
+  const std::size_t from = checker.cursor;
+  const std::size_t bytes = std::min(kPartBytes, sources.total - from);
+  checker.cursor += bytes;
+  return CheckSourceAt(counters, checker, sources, from, bytes);
+}
+
+void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kind,
+                 const Difference* difference, std::uint32_t other) {
+  ErrorPacket error{};
+  error.header.timeNs = NowNs();
+  error.engine = counters.engine;
+  error.thread = counters.thread;
+  error.kind = kind;
+  error.other = other;
+  error.operation = checker.operations.load(std::memory_order_relaxed);
+  if (difference != nullptr && difference->words != 0) {
+    error.placed = 1;
+    error.bits = difference->bits;
+    error.offset = difference->offset;
+    error.address = difference->address;
+    error.expected = difference->expected;
+    error.found = difference->found;
+  }
+  Count(checker.errors, 1);
+  // A bit that stays wrong is found with every check.
+  if (IsLast(checker.last, error) || !List(error)) {
+    Count(checker.unlisted, 1);
+    return;
+  }
+  checker.last = error;
+}
+
+CheckPacket CheckCounts(Engine engine) {
+  CheckPacket packet{};
+  packet.engine = engine;
+  packet.state = StateOf(engine);
+  // Nothing but another channel shows what the stream of a frame has to be.
+  if (engine == Engine::kVenc && packet.state == CheckState::kLearning) packet.state = CheckState::kAlone;
+  for (std::size_t i = 0; i < kCounterSets; ++i) {
+    const Checker& checker = checkers[i];
+    const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);
+    const std::uint32_t of = engineOf[i].load(std::memory_order_relaxed);
+    if (operations == 0 || of != static_cast<std::uint32_t>(engine)) continue;
+    packet.operations += operations;
+    packet.checked += checker.checked.load(std::memory_order_relaxed);
+    packet.whole += checker.whole.load(std::memory_order_relaxed);
+    packet.bytes += checker.bytes.load(std::memory_order_relaxed);
+    packet.allBytes += checker.allBytes.load(std::memory_order_relaxed);
+    packet.errors += checker.errors.load(std::memory_order_relaxed);
+    packet.unlisted += checker.unlisted.load(std::memory_order_relaxed);
+    packet.checkNs += checker.checkNs.load(std::memory_order_relaxed);
+  }
+  return packet;
+}
+
+bool TakeError(ErrorPacket& error) {
+  const ShortLock lock(listTaken);
+  if (listCount == 0) return false;
+  error = list[listBegin];
+  listBegin = (listBegin + 1) % kListedErrors;
+  --listCount;
+  return true;
+}
+
+}  // namespace scope

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fill.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "words.h"
+
+namespace scope {
+namespace {
+
+// The pattern repeats after this. Longer than what a memory controller reorders, and quickly made.
+constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
+constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
+constexpr std::size_t kLineWords = 8;
+constexpr std::size_t kMostBuffers = 512;
+
+struct Buffer {
+  std::uintptr_t begin;
+  std::uintptr_t end;
+};
+
+Fill pattern = Fill::kZeros;
+int blockFile = -1;
+std::atomic<bool> listTaken{false};
+Buffer sources[kMostBuffers];
+std::size_t sourceCount = 0;
+Buffer destinations[kMostBuffers];
+std::size_t destinationCount = 0;
+std::atomic<std::uint32_t> filled{0};
+std::atomic<std::uint32_t> refused{0};
+std::atomic<std::uint64_t> filledBytes{0};
+
+// The last ones of this thread: a worker that repeats one operation looks nowhere else.
+__attribute__((tls_model("initial-exec"))) thread_local Buffer lastSource;
+__attribute__((tls_model("initial-exec"))) thread_local Buffer lastDestination;
+
+// All lines of the bus switch with each step of `stepBytes`, and the victim goes against them.
+std::uint64_t WorstWord(std::size_t word) {
+  constexpr std::uint64_t kSteps[] = {0, 0xffffffff00000000U, 0xffff0000ffff0000U};
+  const std::size_t line = word / kLineWords;
+  const std::uint64_t step = kSteps[line / 64 % 3];
+  const std::uint64_t all = step != 0 ? step : (word % 2 == 0 ? 0 : ~std::uint64_t{0});
+  return all ^ (std::uint64_t{1} << line % 64);
+}
+
+std::uint64_t PatternWord(std::size_t word, std::uint64_t& random) {
+  switch (pattern) {
+    case Fill::kZeros:
+      return 0;
+    case Fill::kOnes:
+      return ~std::uint64_t{0};
+    case Fill::kRandom:
+      random ^= random << 13;
+      random ^= random >> 7;
+      random ^= random << 17;
+      return random;
+    case Fill::kChecker:
+      return word % 2 == 0 ? 0x5555555555555555U : 0xaaaaaaaaaaaaaaaaU;
+    case Fill::kWalking:
+      return (std::uint64_t{1} << word % 64) ^ (word / 64 % 2 == 0 ? 0 : ~std::uint64_t{0});
+    case Fill::kWorst:
+      return WorstWord(word);
+  }
+  return 0;
+}
+
+// The kernel writes the pattern, from a file in memory: it refuses memory that is not writable, where this
+// program would be killed.
+bool MakeBlock() {
+  blockFile = memfd_create("scope_fill", MFD_CLOEXEC);
+  if (blockFile < 0 || ftruncate(blockFile, kBlockBytes) != 0) return false;
+  void* const memory = mmap(nullptr, kBlockBytes, PROT_READ | PROT_WRITE, MAP_SHARED, blockFile, 0);
+  if (memory == MAP_FAILED) return false;
+  auto* const words = static_cast<std::uint64_t*>(memory);
+  std::uint64_t random = 0x9e3779b97f4a7c15U;
+  for (std::size_t i = 0; i < kBlockBytes / kWordBytes; ++i) words[i] = PatternWord(i, random);
+  (void)munmap(memory, kBlockBytes);
+  return true;
+}
+
+bool Write(std::uintptr_t begin, std::size_t bytes) {
+  for (std::size_t at = 0; at < bytes;) {
+    const std::size_t inBlock = at % kBlockBytes;
+    const std::size_t left = bytes - at < kBlockBytes - inBlock ? bytes - at : kBlockBytes - inBlock;
+    const ssize_t written =
+        pread(blockFile, reinterpret_cast<void*>(begin + at), left, static_cast<off_t>(inBlock));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    at += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+bool Overlaps(const Buffer* list, std::size_t count, const Buffer& buffer) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (list[i].begin < buffer.end && buffer.begin < list[i].end) return true;
+  }
+  return false;
+}
+
+bool IsIn(const Buffer* list, std::size_t count, const Buffer& buffer) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (list[i].begin == buffer.begin && list[i].end == buffer.end) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool PrepareFill() {
+  const char* const name = std::getenv(kFillVariable);
+  if (name == nullptr || *name == '\0') return false;
+  std::uint32_t at = 0;
+  while (at < kFillCount && std::strcmp(kFillNames[at], name) != 0) ++at;
+  if (at == kFillCount) return false;
+  pattern = static_cast<Fill>(at);
+  if (MakeBlock()) return true;
+  (void)std::fprintf(stderr, "libstress_scope: cannot make the pattern %s: %s\n", name, strerror(errno));
+  return false;
+}
+
+void FillSource(const void* source, std::size_t bytes) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(source);
+  const Buffer buffer{begin, begin + bytes};
+  if (buffer.begin == lastSource.begin && buffer.end == lastSource.end) return;
+  lastSource = buffer;
+  if (source == nullptr || bytes == 0) return;
+  {
+    const ShortLock lock(listTaken);
+    if (IsIn(sources, sourceCount, buffer)) return;
+    if (sourceCount == kMostBuffers || Overlaps(destinations, destinationCount, buffer)) {
+      refused.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
+    sources[sourceCount++] = buffer;
+  }
+  const int error = errno;
+  if (Write(begin, bytes)) {
+    filled.fetch_add(1, std::memory_order_relaxed);
+    filledBytes.fetch_add(bytes, std::memory_order_relaxed);
+  } else {
+    refused.fetch_add(1, std::memory_order_relaxed);
+  }
+  errno = error;
+}
+
+void NoteDestination(const void* destination, std::size_t bytes) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(destination);
+  const Buffer buffer{begin, begin + bytes};
+  if (buffer.begin == lastDestination.begin && buffer.end == lastDestination.end) return;
+  lastDestination = buffer;
+  const ShortLock lock(listTaken);
+  if (IsIn(destinations, destinationCount, buffer) || destinationCount == kMostBuffers) return;
+  destinations[destinationCount++] = buffer;
+}
+
+FillPacket FillCounts() {
+  FillPacket packet{};
+  packet.pattern = static_cast<std::uint32_t>(pattern);
+  packet.buffers = filled.load(std::memory_order_relaxed);
+  packet.refused = refused.load(std::memory_order_relaxed);
+  packet.bytes = filledBytes.load(std::memory_order_relaxed);
+  return packet;
+}
+
+}  // namespace scope

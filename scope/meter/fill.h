@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "protocol.h"
+
+/// Fills the sources of operations with a pattern. Every buffer gets the same bytes, from its start on, so
+/// that threads whose sources have one size have the same source.
+namespace scope {
+
+/// Prepares the pattern that the environment names. False if it names none, or there is no memory for it.
+/// Called once, before main.
+bool PrepareFill();
+
+/// Fills `bytes` at `source` when this is seen for the first time. Leaves memory alone that cannot be
+/// written, or that an operation has written: there a result would be lost. Threads: any; only the thread
+/// whose operation reads the source may call.
+void FillSource(const void* source, std::size_t bytes);
+
+/// Remembers that an operation writes here.
+void NoteDestination(const void* destination, std::size_t bytes);
+
+/// Counts so far. The header is not set.
+FillPacket FillCounts();
+
+}  // namespace scope

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "run_error.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+// "thread 0, operation 986: ".
+std::string Who(const RunError& error) {
+  std::string text;
+  if (error.thread) text = "thread " + std::to_string(*error.thread);
+  if (error.operation) text += (text.empty() ? "" : ", ") + ("operation " + std::to_string(*error.operation));
+  return text.empty() ? text : text + ": ";
+}
+
+std::string Place(const RunError& error) {
+  if (!error.offset) return {};
+  return " at byte " + std::to_string(*error.offset) + ": expected " + error.expected + ", found " +
+         error.found;
+}
+
+}  // namespace
+
+std::uint64_t ErrorsIn(const RunError& error) {
+  if (error.source != kMemoryController) return 1;
+  return std::max<std::uint64_t>(1, std::strtoull(error.note.c_str(), nullptr, 10));
+}
+
+std::string ErrorText(const RunError& error) {
+  static const std::map<std::string, std::string> kWords = {
+      {"copy", "a copy differs from its source"},
+      {"source", "a source is no longer what it was"},
+      {"result", "a result differs from what the same source gave before"},
+      {"threads", "a result differs from that of another thread"},
+      {"passing", "a difference was gone when it was read again"},
+      {"corrected", "the memory controller corrected errors"},
+      {"uncorrected", "the memory controller found errors that it could not correct"}};
+  const auto at = kWords.find(error.what);
+  return error.source + ": " + Who(error) + (at == kWords.end() ? error.what : at->second) + Place(error) +
+         (error.note.empty() ? "" : " (" + error.note + ")");
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run) {
+  if (!run.info.errors.empty()) return run.info.errors;
+  std::map<std::string, std::uint64_t> counts;
+  for (const RunError& error : run.errors) counts[error.source] += ErrorsIn(error);
+  return {counts.begin(), counts.end()};
+}
+
+std::uint64_t ErrorsOf(const Run& run) {
+  std::uint64_t sum = 0;
+  for (const auto& [source, count] : ErrorCounts(run)) sum += count;
+  return sum;
+}
+
+std::optional<double> FirstErrorS(const Run& run) {
+  const auto first = std::min_element(run.errors.begin(), run.errors.end(),
+                                      [](const auto& a, const auto& b) { return a.timeS < b.timeS; });
+  return first == run.errors.end() ? std::nullopt : std::optional(first->timeS);
+}
+
+bool LooksForErrors(const RunInfo& info) {
+  return info.conditions.verify || !info.errors.empty();
+}
+
+std::string CheckText(const EngineCheck& check) {
+  static const std::map<std::string, std::string> kWhy = {
+      {"learning", "too few operations to learn what is right"},
+      {"alone", "one channel alone: there is no other stream to compare with"},
+      {"sources change", "the program writes its sources between operations"},
+      {"not deterministic", "the same source gives different results by nature"},
+      {"unreadable", "the processor cannot read the results"},
+      {"unknown", "the records of this platform are not known"}};
+  if (check.state != "judged") {
+    const auto why = kWhy.find(check.state);
+    return check.engine + ": not judged: " + (why == kWhy.end() ? check.state : why->second);
+  }
+  const double share =
+      check.allBytes == 0 ? 0 : static_cast<double>(check.bytes) / static_cast<double>(check.allBytes);
+  return check.engine + Format(": %.3g %% of the results' bytes checked, in ", std::min(share, 1.0) * 100) +
+         Format("%.3g %% of the operations, %llu whole results; ",
+                check.operations == 0
+                    ? 0
+                    : static_cast<double>(check.checked) / static_cast<double>(check.operations) * 100,
+                static_cast<unsigned long long>(check.whole)) +
+         (check.errors == 0 ? "no error" : Counted(check.errors, "error"));
+}
+
+}  // namespace scope

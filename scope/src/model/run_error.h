@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "run.h"
+
+/// Wrong results and memory errors of a run.
+namespace scope {
+
+/// RunError::source of what the memory controllers of the machine count.
+constexpr const char* kMemoryController = "edac";
+
+/// How many errors the entry stands for: a counter may grow by more than one.
+std::uint64_t ErrorsIn(const RunError& error);
+
+/// The error in one sentence, without its time.
+std::string ErrorText(const RunError& error);
+
+/// From each source to its errors. Those of a run whose recorder was killed are counted in its table.
+std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run);
+std::uint64_t ErrorsOf(const Run& run);
+
+/// When the first error was found; none without errors.
+std::optional<double> FirstErrorS(const Run& run);
+
+/// True if a run without errors says that memory kept its contents: something looked at it.
+bool LooksForErrors(const RunInfo& info);
+
+/// What was checked of an engine, in one sentence.
+std::string CheckText(const EngineCheck& check);
+
+}  // namespace scope
