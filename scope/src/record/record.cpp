@@ -106,6 +106,8 @@ class Recording {
     }
     child_ = std::make_unique<ChildProcess>(child);
     meter_->CloseChildEnd();
+    // At once: what a counter has now is from before the run.
+    ReadCounters();
   }
 
   double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
