@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sched.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -16,12 +18,13 @@ inline std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-/// Held for some hundred instructions by checks alone, never in a call that only counts.
+/// Held by checks alone, never in a call that only counts: for some hundred instructions, or while a content that
+/// is seen for the first time is copied.
 class ShortLock {
  public:
   explicit ShortLock(std::atomic<bool>& taken) : taken_(taken) {
-    while (taken_.exchange(true, std::memory_order_acquire)) {
-    }
+    // More workers than processors: the one that holds the lock may have none.
+    while (taken_.exchange(true, std::memory_order_acquire)) (void)sched_yield();
   }
   ~ShortLock() { taken_.store(false, std::memory_order_release); }
   ShortLock(const ShortLock&) = delete;
