@@ -18,8 +18,8 @@ inline std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-/// Held by checks alone, never in a call that only counts: for some hundred instructions, or while a content that
-/// is seen for the first time is copied.
+/// Held by checks alone, never in a call that only counts: for some hundred instructions, or while a content
+/// that is seen for the first time is copied.
 class ShortLock {
  public:
   explicit ShortLock(std::atomic<bool>& taken) : taken_(taken) {
