@@ -310,7 +310,7 @@ void CheckCopy(ThreadCounters& counters, const void* destination, const void* so
   const Spans to(destination, bytes);
   const Spans from(source, bytes);
   const bool isKnown = checker.source == from.list[0].data && checker.sourceBytes == bytes;
-  if (!isKnown && !CanRead(to)) RaiseState(Engine::kCpu, CheckState::kUnreadable);
+  if (!isKnown && !CanRead(to)) return RaiseState(Engine::kCpu, CheckState::kUnreadable);
   if (!KnowSource(checker, Engine::kCpu, from)) return;
   RaiseState(Engine::kCpu, CheckState::kJudged);
 

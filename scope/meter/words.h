@@ -42,16 +42,19 @@ struct Span {
 
 /// Removes the lines from the caches, so that the next read comes from memory. Written lines reach it first.
 inline void FlushLines(Span span) {
-  constexpr std::uintptr_t kLine = 64;
-  const auto begin = reinterpret_cast<std::uintptr_t>(span.data) & ~(kLine - 1);
-  const auto end = reinterpret_cast<std::uintptr_t>(span.data) + span.bytes;
+  const auto begin = reinterpret_cast<std::uintptr_t>(span.data);
+  const std::uintptr_t end = begin + span.bytes;
 #if defined(__x86_64__)
-  for (std::uintptr_t at = begin; at < end; at += kLine) {
+  constexpr std::uintptr_t kLine = 64;
+  for (std::uintptr_t at = begin / kLine * kLine; at < end; at += kLine) {
     __builtin_ia32_clflush(reinterpret_cast<const void*>(at));
   }
   __builtin_ia32_mfence();
 #elif defined(__aarch64__)
-  for (std::uintptr_t at = begin; at < end; at += kLine)
+  std::uint64_t cacheType = 0;
+  __asm__ volatile("mrs %0, ctr_el0" : "=r"(cacheType));
+  const std::uintptr_t line = std::uintptr_t{4} << (cacheType >> 16U & 15U);
+  for (std::uintptr_t at = begin / line * line; at < end; at += line)
     __asm__ volatile("dc civac, %0" ::"r"(at) : "memory");
   __asm__ volatile("dsb sy" ::: "memory");
 #else

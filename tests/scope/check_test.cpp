@@ -314,6 +314,9 @@ TEST(Check, MemoryThatCannotBeReadDoesNotEndTheProgram) {
     CheckResults(*worker.counters, {source.data(), source.size()}, {hidden, kBytes}, 7, kOperationNs);
     EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kUnreadable);
     CheckResults(*worker.counters, {hidden, kBytes}, {source.data(), source.size()}, 7, kOperationNs);
+    const Worker copies(Engine::kCpu, 0);
+    CheckCopy(*copies.counters, hidden, source.data(), kBytes, kOperationNs);
+    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kUnreadable);
   });
 }
 
