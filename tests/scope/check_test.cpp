@@ -142,6 +142,21 @@ TEST(Check, AProgramThatWritesItsSourcesGetsNoErrors) {
   });
 }
 
+TEST(Check, AProgramThatWritesItsSourcesLaterGetsNoErrors) {
+  InOwnProcess([] {
+    const Worker worker(Engine::kCpu, 0);
+    Bytes source(20'000);
+    for (unsigned copy = 0; copy < 200; ++copy) {
+      const Bytes next = Random(source.size(), copy < 100 ? 0 : copy / 10);
+      std::copy(next.begin(), next.end(), source.begin());
+      const Bytes destination = source;
+      CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), kOperationNs);
+    }
+    EXPECT_TRUE(Errors().empty());
+    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kSourcesChange);
+  });
+}
+
 // A resize of the tests: each byte of the result is the sum of some of the source.
 void Resize(const Bytes& source, Bytes& result) {
   for (std::size_t i = 0; i < result.size(); ++i) {
