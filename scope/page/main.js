@@ -12,7 +12,7 @@ function showPage({heading, title, heads, figures, sections, charts}) {
   document.querySelector('header').append(...heads);
   document.querySelector('main').prepend(...sections);
   document.getElementById('tool').textContent = kData.tool;
-  const shown = [kData.kind, ...(kData.comparison ? ['comparison'] : [])];
+  const shown = [kData.margin ? 'margin' : kData.kind, ...(kData.comparison ? ['comparison'] : [])];
   for (const part of document.querySelectorAll('[data-pages]')) {
     if (!part.dataset.pages.split(' ').some((page) => shown.includes(page))) part.remove();
   }

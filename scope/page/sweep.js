@@ -121,12 +121,16 @@ function pointColumns(sweep, engine) {
 }
 
 function pointSection(sweep) {
-  const axes = Object.keys(sweep.grid);
+  const settings = sweep.margin?.settings.map(({name}) => name) ?? [];
+  const axes = [...Object.keys(sweep.grid), ...settings];
   const columns = [...sweep.engines.map(({name}) => name), kTotalName].flatMap((engine) => pointColumns(sweep, engine));
   const levelCell = ([axis, level]) =>
     (axis === axes[0] ? rowHeading(String(level), {'data-value': level}) : figureCell(level, String));
   const valueCell = (found) => figureCell(found?.median, () => spanText(found));
-  const rows = sweep.points.map((point) => el('tr', {}, Object.entries(point.levels).map(levelCell),
+  // The search for an edge leaves most points out.
+  const points = sweep.points.filter(({runs}) => runs > 0 || !sweep.margin);
+  const placeOf = (point) => [...Object.entries(point.levels), ...settings.map((name) => [name, point.settings[name]])];
+  const rows = points.map((point) => el('tr', {}, placeOf(point).map(levelCell),
       figureCell(point.runs, String), columns.map(({engine, figure}) => valueCell(valuesOf(point, engine, figure)))));
   const titled = [...axes, 'Runs'].map((title) => ({title, lower_is_better: true}));
   return section('Points', el('p', {class: 'absent'},
@@ -140,7 +144,7 @@ function ofTwoPoints(comparison) {
 
 function showSweep(sweep) {
   const engines = sweep.engines.filter((engine) => engine.load);
-  const curves = curveCharts(sweep, engines);
+  const curves = sweep.margin ? [] : curveCharts(sweep, engines);
   const done = sweep.points.reduce((sum, point) => sum + point.runs, 0);
   const facts = [`sweep of ${sweep.started}`, `${counted(done, 'run')} at ${counted(sweep.points.length, 'point')}`,
     ...(sweep.complete ? [] : ['incomplete']), `seed ${sweep.seed}`];
@@ -149,7 +153,8 @@ function showSweep(sweep) {
     title: sweep.folder,
     heads: [el('p', {}, el('strong', {}, sweep.folder), ` ${facts.join(', ')}`)],
     figures: [],
-    sections: [saturationSection(sweep), ...mapSection(sweep, engines, curves), pointSection(sweep),
+    sections: [...(sweep.margin ? marginSections(sweep.margin) : [saturationSection(sweep), ...mapSection(sweep, engines, curves)]),
+      pointSection(sweep),
       section('Notes', sweep.notes.length > 0 ? listOf(sweep.notes) : el('p', {}, 'None.')),
       ...(sweep.comparison ? ofTwoPoints(sweep.comparison) : [])],
     charts: Object.keys(sweep.grid).length === 1 ? curves : [],

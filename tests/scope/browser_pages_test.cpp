@@ -294,4 +294,43 @@ TEST_F(PagesInBrowser, ASweepOfSingleRunsSaysThatTheUncertaintyIsNotKnown) {
   EXPECT_THAT(visit.Row("figures saturations", {"cpu", "CPU=3"}), Contains("not known"));
 }
 
+// Two settings: what fails is one corner of the map.
+TEST_F(PagesInBrowser, ASweepOverSettingsIsAMarginMap) {
+  scope::Sweep sweep;
+  sweep.started = "2026-11-21T04:00:00Z";
+  sweep.boardAxes = {{"refresh", {"100", "200", "300"}}, {"vref", {"7", "8", "9"}}};
+  sweep.margin.apply = "./set";
+  sweep.margin.chosen = {{"refresh", "200"}, {"vref", "7"}};
+  sweep.runs = scope::PlanRuns({}, 1, 1, sweep.boardAxes);
+  for (std::size_t i = 0; i < sweep.runs.size(); ++i) {
+    scope::SweepRun& run = sweep.runs[i];
+    SyntheticEngine cpu;
+    cpu.operationsPerS = 500 + 10.0 * static_cast<double>(i);
+    if (i != 7) WriteRun(folder_ / ("sweep/" + run.folder), {cpu});
+    run.state = i == 7 ? scope::SweepState::kHung : scope::SweepState::kDone;
+    if (i == 5 || i == 7) run.reason = i == 5 ? "2 errors (cpu 2)" : "<img src=x> hangs";
+  }
+  sweep.runs[8].state = scope::SweepState::kPlanned;
+  scope::WriteSweep(folder_ / "sweep", sweep);
+  const std::string page =
+      PageOf({"report", folder_ / "sweep"},
+             "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
+             " marked: [...document.querySelectorAll('.map .marked')].map((cell) => cell.textContent),"
+             " kinds: [...document.querySelectorAll('.map td')].map((cell) => cell.className)};");
+  const Visit visit = Open(page, "margin_1280_light", 1280, 2200);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
+  EXPECT_THAT(visit.Row("margin map", {"refresh=200"}),
+              ElementsAre("refresh=200", "pass 1/11.060 GB/s", "pass 1/11.080 GB/s", "fail 1/11.100 GB/s"));
+  EXPECT_THAT(visit.Row("margin map", {"refresh=300"}),
+              ElementsAre("refresh=300", "pass 1/11.120 GB/s", "hang 1/1", "(fail)"));
+  EXPECT_EQ(visit.page["extra"]["marked"], json::parse(R"(["pass 1/11.060 GB/s"])"));
+  EXPECT_EQ(visit.page["extra"]["kinds"][8], "bad inferred");
+  EXPECT_THAT(visit.Row("figures margin", {"refresh=300 vref=7"}), Contains("+5.66 %"));
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("vref up: passes to 8, 1 step away; 9 fails."), HasSubstr("<img src=x> hangs"),
+                    HasSubstr("2 errors (cpu 2)"), Not(HasSubstr("Saturation"))));
+  EXPECT_EQ(Open(page, "margin_390_dark", 390, 3600, true).page["extra"]["fits"], true);
+}
+
 }  // namespace

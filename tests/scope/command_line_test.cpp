@@ -145,7 +145,9 @@ std::string OptionsInManual(const std::string& command) {
   const char* const page = command == "fleet" ? SCOPE_FLEET_MANUAL
                            : isOfPlans        ? SCOPE_PLAN_MANUAL
                                               : SCOPE_MANUAL;
-  return OptionsIn(page) + (command == "record" ? OptionsIn(SCOPE_RECORD_MANUAL) : "");
+  return OptionsIn(page) + (command == "record"  ? OptionsIn(SCOPE_RECORD_MANUAL)
+                            : command == "sweep" ? OptionsIn(SCOPE_SWEEP_MANUAL)
+                                                 : "");
 }
 
 TEST_F(CommandLineTest, TheManualHasEveryOption) {

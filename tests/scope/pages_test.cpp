@@ -125,7 +125,7 @@ SweepTable TableOf(const std::vector<std::vector<double>>& cpu) {
   for (const std::vector<double>& values : cpu) {
     const int level = static_cast<int>(table.points.size()) + 1;
     table.axes[0].levels.push_back(level);
-    SweepPoint point{{{"CPU", level}}, values.size(), {}};
+    SweepPoint point{{{"CPU", level}}, values.size(), {}, {}};
     point.values[{"cpu", Figure::kBandwidth}] = values;
     for (const double value : values) {
       point.values[{"venc", Figure::kBandwidth}].push_back(2 - 0.5 * level);
@@ -176,7 +176,7 @@ TEST(SweepPage, TheUncertaintyOfOneRunAPointIsNull) {
 TEST(SweepPage, WithoutABandwidthThereIsNoSaturation) {
   SweepTable table;
   table.axes = {{"CPU", {1}}};
-  table.points = {{{{"CPU", 1}}, 1, {}}};
+  table.points = {{{{"CPU", 1}}, 1, {}, {}}};
   const Json data = SweepDataOf(table);
   EXPECT_EQ(data.at("saturation"), nullptr);
   EXPECT_EQ(data.at("saturations"), Json::array());
@@ -241,7 +241,7 @@ TEST(SaturationSentence, AnEngineIsLookedAtAlongItsOwnLevel) {
   table.engines = {"cpu", "venc"};
   const double cpu[] = {5, 9.9, 10, 7};
   for (int i = 0; i != 4; ++i) {
-    SweepPoint point{{{"CPU", 1 + i / 2}, {"VENC", i % 2}}, 1, {}};
+    SweepPoint point{{{"CPU", 1 + i / 2}, {"VENC", i % 2}}, 1, {}, {}};
     point.values[{"cpu", Figure::kBandwidth}] = {cpu[i]};
     if (i % 2 == 1) point.values[{"venc", Figure::kBandwidth}] = {1};
     table.points.push_back(point);

@@ -209,4 +209,26 @@ TEST_F(SupervisorTest, SaysHowTheBenchmarkEnded) {
   EXPECT_EQ(fault({0, 0, Meter::kSaidTheEnd}), "");
 }
 
+TEST_F(SupervisorTest, AHangMayBeFoundBeforeTheRunTimeIsOver) {
+  Supervisor::Limits limits = Limits();
+  limits.hangAfterS = 5;
+  supervisor_ = Supervisor(limits);
+  supervisor_.SignOfLife(3);
+  Expect(supervisor_.TimePassed(8), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(8.25), Send::kSigint,
+         "the benchmark hangs: there was neither a rate line nor an operation for 5 s", State::kStopping);
+  EXPECT_TRUE(supervisor_.Hung());
+}
+
+TEST_F(SupervisorTest, OnlyWhatDoesNotEndHangs) {
+  (void)supervisor_.RecordingFailed(3, "no room");
+  Expect(supervisor_.TimePassed(19), Send::kSigkill, "", State::kKilled);
+  EXPECT_FALSE(supervisor_.Hung()) << "the first fault counts";
+  supervisor_ = StoppingAfter(2);
+  (void)supervisor_.TimePassed(2);
+  EXPECT_FALSE(supervisor_.Hung());
+  (void)supervisor_.TimePassed(18);
+  EXPECT_TRUE(supervisor_.Hung());
+}
+
 }  // namespace

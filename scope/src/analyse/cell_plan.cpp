@@ -22,21 +22,6 @@ std::vector<std::string> PartsOf(const std::string& text) {
   return parts;
 }
 
-std::vector<BoardSettings> CombinationsOf(const std::vector<SettingAxis>& axes) {
-  std::vector<BoardSettings> combinations = {{}};
-  for (const auto& [name, values] : axes) {
-    std::vector<BoardSettings> longer;
-    for (const BoardSettings& combination : combinations) {
-      for (const std::string& value : values) {
-        longer.push_back(combination);
-        longer.back().emplace_back(name, value);
-      }
-    }
-    combinations = std::move(longer);
-  }
-  return combinations;
-}
-
 // Each factor may be large: their product must not overflow.
 void RequireCount(const PlanGrid& grid, int repeats) {
   std::vector<std::size_t> factors = {std::max<std::size_t>(grid.boards.size(), 1),
@@ -118,7 +103,8 @@ Plan PlanOfSweep(const Sweep& sweep, std::string configText) {
   plan.settings = sweep.settings;
   plan.cells.resize(sweep.runs.size());
   for (const SweepRun& run : sweep.runs) {
-    plan.cells[static_cast<std::size_t>(run.order - 1)] = {run.folder, "", run.levels, {}, run.repeat};
+    plan.cells[static_cast<std::size_t>(run.order - 1)] = {run.folder, "", run.levels, run.settings,
+                                                           run.repeat};
   }
   return plan;
 }

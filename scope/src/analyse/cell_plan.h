@@ -2,15 +2,11 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "plan.h"
 
 namespace scope {
-
-/// The values of a setting of the board in a plan.
-using SettingAxis = std::pair<std::string, std::vector<std::string>>;
 
 /// What the cells of a plan are made of.
 struct PlanGrid {

@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <set>
+#include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "errors.h"
 #include "run_reader.h"
@@ -16,9 +19,38 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// "CPU=1,refresh=7800": levels of sections, and values of the settings that were swept.
+std::pair<SweepLevels, std::map<std::string, std::string>> PartsOfPoint(const Sweep& sweep,
+                                                                        const std::string& point) {
+  std::map<std::string, std::string> settings;
+  std::string levels;
+  std::istringstream parts(point + ",");
+  for (std::string part; std::getline(parts, part, ',');) {
+    const std::string name = part.substr(0, part.find('='));
+    const bool isSetting = std::any_of(sweep.boardAxes.begin(), sweep.boardAxes.end(),
+                                       [&name](const SettingAxis& axis) { return axis.first == name; });
+    if (isSetting && part.size() > name.size()) {
+      settings[name] = part.substr(name.size() + 1);
+    } else {
+      levels += (levels.empty() ? "" : ",") + part;
+    }
+  }
+  const bool hasLevels = !levels.empty() || settings.empty();
+  return {hasLevels ? ParsePoint(levels) : SweepLevels(), settings};
+}
+
+// The colon before a point of a sweep; values may have colons, too.
+std::size_t PointColon(const std::string& argument) {
+  const std::size_t last = argument.rfind(':');
+  std::size_t colon = last;
+  while (colon != std::string::npos && colon > 0 && !IsSweepFolder(argument.substr(0, colon)))
+    colon = argument.rfind(':', colon - 1);
+  return colon == std::string::npos || colon == 0 ? last : colon;
+}
+
 Side PointOfSweep(const std::string& folder, const std::string& point, const std::string& argument) {
   const Sweep sweep = ReadSweep(folder);
-  const SweepLevels wanted = ParsePoint(point);
+  const auto [wanted, settings] = PartsOfPoint(sweep, point);
   const auto refuse = [&argument](const std::string& why) { throw UserError(argument + ": " + why); };
   for (const auto& [section, level] : wanted) {
     const auto isSection = [&name = section](const SweepAxis& axis) { return axis.section == name; };
@@ -30,6 +62,11 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
   bool isPoint = false;
   for (const SweepRun& run : sweep.runs) {
     bool matches = true;
+    for (const auto& [name, value] : run.settings) {
+      const auto at = settings.find(name);
+      if (at == settings.end()) refuse("expected a value of " + name + " as well: it was swept");
+      matches = matches && at->second == value;
+    }
     for (const auto& level : run.levels) {
       const auto sameSection = [&](const auto& one) { return one.first == level.first; };
       const auto at = std::find_if(wanted.begin(), wanted.end(), sameSection);
@@ -50,7 +87,7 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
 
 Side ReadSide(const std::string& argument) {
   std::error_code ignored;
-  const std::size_t colon = argument.rfind(':');
+  const std::size_t colon = PointColon(argument);
   if (!fs::exists(argument, ignored) && colon != std::string::npos) {
     return PointOfSweep(argument.substr(0, colon), argument.substr(colon + 1), argument);
   }

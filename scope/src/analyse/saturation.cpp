@@ -89,6 +89,7 @@ std::vector<Candidate> CandidatesOf(const SweepTable& table, const FigureKey& ke
 }  // namespace
 
 std::optional<Saturation> FindSaturation(const SweepTable& table) {
+  if (!table.boardAxes.empty()) return std::nullopt;
   return FindIn(CandidatesOf(table, {kAllEngines, Figure::kBandwidth}, [](const SweepPoint& point) {
     int sum = 0;
     for (const auto& [section, level] : point.levels) sum += level;
@@ -98,7 +99,7 @@ std::optional<Saturation> FindSaturation(const SweepTable& table) {
 
 std::vector<EngineSaturation> EngineSaturations(const SweepTable& table) {
   std::vector<EngineSaturation> saturations;
-  if (table.engines.size() < 2) return saturations;
+  if (table.engines.size() < 2 || !table.boardAxes.empty()) return saturations;
   for (const SweepAxis& axis : table.axes) {
     const EngineInfo* const engine = FindEngine(&EngineInfo::section, axis.section);
     if (engine == nullptr) continue;

@@ -30,7 +30,7 @@ struct Saturation {
 };
 
 /// Of the total bandwidth, over all points: threads are the sum of the levels. None if no point has a total
-/// bandwidth above 0.
+/// bandwidth above 0, or if settings of the board were swept.
 std::optional<Saturation> FindSaturation(const SweepTable& table);
 
 /// Of one engine's bandwidth.

@@ -71,11 +71,12 @@ void Shuffle(std::vector<std::size_t>& items, std::mt19937_64& random) {
 
 }  // namespace
 
-std::string PointText(const SweepLevels& levels) {
+std::string PointText(const SweepLevels& levels, const BoardSettings& settings) {
   std::string text;
   for (const auto& [section, level] : levels) {
     text += (text.empty() ? "" : " ") + section + "=" + std::to_string(level);
   }
+  for (const auto& [name, value] : settings) text += (text.empty() ? "" : " ") + name + "=" + value;
   return text;
 }
 
@@ -118,6 +119,21 @@ std::vector<SweepLevels> PointsOf(const std::vector<SweepAxis>& axes) {
   return points;
 }
 
+std::vector<BoardSettings> CombinationsOf(const std::vector<SettingAxis>& axes) {
+  std::vector<BoardSettings> combinations = {{}};
+  for (const auto& [name, values] : axes) {
+    std::vector<BoardSettings> longer;
+    for (const BoardSettings& combination : combinations) {
+      for (const std::string& value : values) {
+        longer.push_back(combination);
+        longer.back().emplace_back(name, value);
+      }
+    }
+    combinations = std::move(longer);
+  }
+  return combinations;
+}
+
 std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint64_t seed) {
   std::vector<std::size_t> order;
   std::mt19937_64 random(seed);
@@ -130,20 +146,27 @@ std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint6
   return order;
 }
 
-std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed) {
-  const std::vector<SweepLevels> points = PointsOf(axes);
-  const std::size_t count = points.size() * static_cast<std::size_t>(repeats);
+std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed,
+                               const std::vector<SettingAxis>& boardAxes) {
+  std::size_t count = static_cast<std::size_t>(repeats);
+  for (const SweepAxis& axis : axes) count *= axis.levels.size();
+  // The product of many long lists must not overflow.
+  for (const SettingAxis& axis : boardAxes) count = std::min(count, kMostRuns + 1) * axis.second.size();
   if (count > kMostRuns) {
     throw UserError("the grid has " + std::to_string(count) + " runs, expected at most " +
-                    std::to_string(kMostRuns) + ": give fewer levels or repeats");
+                    std::to_string(kMostRuns) + ": give fewer levels, values or repeats");
   }
+  const std::vector<SweepLevels> points = PointsOf(axes);
+  const std::vector<BoardSettings> combinations = CombinationsOf(boardAxes);
+  const std::size_t places = points.size() * combinations.size();
   std::vector<SweepRun> runs(count);
-  const std::vector<std::size_t> order = RandomOrder(points.size(), repeats, seed);
+  const std::vector<std::size_t> order = RandomOrder(places, repeats, seed);
   for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t repeat = i / points.size();
+    const std::size_t repeat = i / places;
     const std::size_t index = order[i] * static_cast<std::size_t>(repeats) + repeat;
     runs[index].folder = Format("run-%04zu", index + 1);
-    runs[index].levels = points[order[i]];
+    runs[index].levels = points[order[i] / combinations.size()];
+    runs[index].settings = combinations[order[i] % combinations.size()];
     runs[index].repeat = static_cast<int>(repeat) + 1;
     runs[index].order = static_cast<int>(i) + 1;
   }

@@ -10,8 +10,8 @@
 
 namespace scope {
 
-/// "CPU=1 VENC=2".
-std::string PointText(const SweepLevels& levels);
+/// "CPU=1 VENC=2 refresh=7800".
+std::string PointText(const SweepLevels& levels, const BoardSettings& settings = {});
 
 /// Parses --levels: "CPU=0,1,2,4", "VENC=0..4", "AIC=0,2..4". Throws UserError for a section that is unknown
 /// or given twice, and for levels that are not numbers from 0 to 10 in rising order.
@@ -23,12 +23,16 @@ SweepLevels ParsePoint(const std::string& text);
 /// All points of the grid; the last axis changes fastest. One point without levels if there is no axis.
 std::vector<SweepLevels> PointsOf(const std::vector<SweepAxis>& axes);
 
+/// All combinations of settings; the last one changes fastest. One without settings if there is no axis.
+std::vector<BoardSettings> CombinationsOf(const std::vector<SettingAxis>& axes);
+
 /// The indices of `points` points, `repeats` times: each time all of them, in random order.
 std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint64_t seed);
 
 /// Plans every point of the grid `repeats` times. All points are recorded once, in random order, before any
 /// is repeated. So drift and interruptions affect all points equally. The order depends only on `seed`.
 /// Throws UserError for more than 9999 runs.
-std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed);
+std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed,
+                               const std::vector<SettingAxis>& boardAxes = {});
 
 }  // namespace scope

@@ -6,6 +6,7 @@
 
 #include "compare_conditions.h"
 #include "errors.h"
+#include "margin_map.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -25,6 +26,13 @@ void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& note
   }
 }
 
+void NoteResult(const Sweep& sweep, const SweepRun& run, const std::string& name,
+                std::vector<std::string>& notes) {
+  // What fails at a setting is in the margin map.
+  if (!sweep.boardAxes.empty() || !HasFailed(run)) return;
+  notes.push_back(name + (run.state == SweepState::kDone ? ": " : " failed: ") + run.reason);
+}
+
 std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
   std::vector<std::string> engines;
   for (const FigureKey& key : keys) {
@@ -40,32 +48,32 @@ std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
 SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
   SweepTable table;
   table.axes = sweep.axes;
+  table.boardAxes = sweep.boardAxes;
   std::set<FigureKey> keys;
   std::vector<Run> runs;
   std::vector<std::string> disturbances;
   std::size_t notDone = 0;
   for (const SweepRun& planned : sweep.runs) {
-    if (table.points.empty() || table.points.back().levels != planned.levels) {
-      table.points.push_back({planned.levels, 0, {}});
+    const std::string name = planned.folder + " (" + PointText(planned.levels, planned.settings) + ")";
+    if (table.points.empty() || table.points.back().levels != planned.levels ||
+        table.points.back().settings != planned.settings) {
+      table.points.push_back({planned.levels, 0, {}, planned.settings});
     }
+    NoteResult(sweep, planned, name, table.notes);
     if (planned.state != SweepState::kDone) {
-      ++notDone;
-      if (planned.state == SweepState::kFailed) {
-        table.notes.push_back(planned.folder + " (" + PointText(planned.levels) +
-                              ") failed: " + planned.reason);
-      }
+      const bool isResult = !sweep.boardAxes.empty() && HasResult(planned);
+      if (!isResult && !sweep.margin.edge) ++notDone;
       continue;
     }
     SweepPoint& point = table.points.back();
     try {
       Run run = ReadRun(folder + "/" + planned.folder);
       const RunSummary summary = Summarise(run);
-      const std::string where = planned.folder + " (" + PointText(planned.levels) + "): ";
       const auto note = [&](const std::string& engine, const std::string& text) {
-        if (!text.empty()) table.notes.push_back(where + engine + ": " + text);
+        if (!text.empty()) table.notes.push_back(name + ": " + engine + ": " + text);
       };
       const std::string disturbance = Disturbance(run, sweep.settings.warmupS).text;
-      if (!disturbance.empty()) disturbances.push_back(where + disturbance);
+      if (!disturbance.empty()) disturbances.push_back(name + ": " + disturbance);
       for (const EngineSummary& engine : summary.engines)
         note(engine.engine, EarlyEnd(engine, summary.endS).text);
       auto figures = FiguresOf(summary, sweep.settings.warmupS);

@@ -18,11 +18,13 @@ struct SweepPoint {
   std::size_t runs = 0;  ///< finished runs
   /// The value of each run, in the order of the repeats. Engines that did not work are absent.
   std::map<FigureKey, std::vector<double>> values;
+  BoardSettings settings;
 };
 
 /// The finished part of a sweep.
 struct SweepTable {
   std::vector<SweepAxis> axes;
+  std::vector<SettingAxis> boardAxes;
   std::vector<SweepPoint> points;  ///< the whole grid; the last axis changes fastest
   std::vector<std::string> engines;
   std::vector<std::string> notes;  ///< reasons to doubt the figures, one sentence each

@@ -54,21 +54,19 @@ void WriteConfiguration(const Plan& plan, const PlanCell& cell, const std::strin
   }
 }
 
-std::string ApplyCommand(const std::string& command, const BoardSettings& settings) {
-  std::string text = command;
-  // Names and values have no character that a shell would not pass on as it is.
-  for (const auto& [name, value] : settings) text.append(" ").append(name).append("=").append(value);
-  return text;
-}
-
-// Empty if the settings are made, or why they are not. Sets `stopped` if a signal ended the command.
-std::string Apply(const PlanCell& cell, const CellOptions& options, Signals& signals, bool& stopped) {
-  if (cell.settings.empty()) return "";
+// Fills in `end` if the settings are not made.
+void Apply(const PlanCell& cell, const CellOptions& options, double mostS, Signals& signals,
+           RecordResult& end) {
+  if (cell.settings.empty()) return;
   try {
-    stopped = !RunSwitch(ApplyCommand(options.apply, cell.settings), options.showsApply, signals);
-    return stopped ? "interrupted while the settings were made" : "";
+    end.stopped = !RunSwitch(ApplyCommand(options.apply, cell.settings), options.showsApply, signals, mostS);
+    if (end.stopped) end.reason = "interrupted while the settings were made";
+  } catch (const CommandMissing&) {
+    // It says nothing about the setting.
+    throw;
   } catch (const std::exception& error) {
-    return std::string("cannot make the settings of the board: ") + error.what();
+    end.reason = std::string("cannot make the settings of the board: ") + error.what();
+    end.hung = dynamic_cast<const CommandHangs*>(&error) != nullptr;
   }
 }
 
@@ -99,27 +97,36 @@ RecordOptions RecordingOf(const Plan& plan, const PlanCell& cell, const std::str
   return options;
 }
 
-void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
+// True if the cell failed because something did not end.
+bool RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
                 Signals& signals, const std::string& final, CellRecord& record) {
-  bool stopped = false;
-  record.reason = Apply(record.cell, options, signals, stopped);
-  if (record.reason.empty()) {
+  RecordResult end;
+  Apply(record.cell, options, plan.settings.hangAfterS, signals, end);
+  if (end.reason.empty()) {
     try {
-      const RecordResult result = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
-      stopped = result.stopped;
-      record.reason = stopped ? "interrupted by a signal" : result.reason;
-      if (result.complete && !stopped) record.state = CellState::kDone;
+      end = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
+      if (end.stopped) end.reason = "interrupted by a signal";
+      if (end.complete && !end.stopped) record.state = CellState::kDone;
     } catch (const std::exception& error) {
       // For example a benchmark that is made for another processor.
-      record.reason = error.what();
+      end.reason = error.what();
     }
   }
-  if (stopped) record.state = CellState::kInterrupted;
+  record.reason = end.reason;
+  if (end.stopped) record.state = CellState::kInterrupted;
   record.ended = UtcNow();
   AddFromRun(attempt, plan.settings.warmupS, record);
+  return end.hung;
 }
 
 }  // namespace
+
+std::string ApplyCommand(const std::string& command, const BoardSettings& settings) {
+  std::string text = command;
+  // Names and values have no character that a shell would not pass on as it is.
+  for (const auto& [name, value] : settings) text.append(" ").append(name).append("=").append(value);
+  return text;
+}
 
 void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {
   if (!cell.board.empty() && cell.board != options.board) {
@@ -198,9 +205,15 @@ CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, 
   record.cell = cell;
   record.board = options.board;
   record.started = UtcNow();
-  RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
+  bool isHung = false;
+  try {
+    isHung = RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
+  } catch (const CommandMissing&) {
+    folders.Discard(attempt);
+    throw;
+  }
   folders.Finish(attempt, record);
-  if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true};
+  if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true, isHung};
   const bool isNew = folders.Publish(attempt, plan.id, number);
   return {CellState::kDone, "", folders.Final(), isNew};
 }

@@ -24,6 +24,9 @@ struct CellOptions {
   bool warns = true;        ///< of a cell that has to be recorded again because it is damaged
 };
 
+/// The shell command that makes `settings`: `command` with NAME=VALUE for each of them.
+std::string ApplyCommand(const std::string& command, const BoardSettings& settings);
+
 /// Throws UserError if the cell is for another board than `options.board`, or has settings of the board and
 /// `options.apply` makes none.
 void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options);
@@ -33,6 +36,7 @@ struct CellOutcome {
   std::string reason;                    ///< why it is not done
   std::string folder;                    ///< of the run
   bool isNew = true;                     ///< false: the cell was done before, and nothing was recorded
+  bool isHung = false;                   ///< it failed because something did not end
   bool isBoardAway = false;              ///< it is not done because the board can no longer be reached
 };
 

@@ -1,31 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <random>
+#include <sstream>
 
 #include "cell_folder.h"
 #include "cell_plan.h"
-#include "cell_runner.h"
 #include "commands.h"
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
 #include "folder_lock.h"
-#include "live_view.h"
-#include "printable.h"
+#include "margin_map.h"
 #include "record.h"
 #include "run_tables.h"
 #include "series.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
-#include "system_files.h"
-#include "tell.h"
-#include "text_format.h"
+#include "sweep_recorder.h"
 
 namespace scope {
 namespace {
@@ -35,19 +31,61 @@ struct SweepOptions {
   std::string folder;
   std::string resume;
   std::vector<std::string> levels;
+  std::vector<std::string> boardSettings;
+  std::string at;
+  MarginSettings margin;
   SweepSettings settings;
   Output output = Output::kText;
   TextStyle style;
 };
 
+void RequireAxes(const SweepOptions& options) {
+  if (options.levels.empty() && options.boardSettings.empty()) {
+    throw UserError(
+        "nothing to sweep: give --levels, as in --levels CPU=0..4, or --setting, as in --setting "
+        "refresh=3900,7800");
+  }
+  if (options.boardSettings.empty()) {
+    if (options.margin.apply.empty() && options.at.empty() && !options.margin.edge) return;
+    throw UserError("--apply, --at and --edge are for settings of the board: give --setting as well");
+  }
+  if (options.margin.apply.empty())
+    throw UserError("--setting needs --apply, the command that makes the settings");
+  if (options.margin.edge && !options.levels.empty())
+    throw UserError("--edge looks for the edge of settings: give the levels in CONFIG, not with --levels");
+}
+
+// The point that `text` names, as in "refresh=7800,vref=50". Settings that it leaves out have their first
+// value.
+BoardSettings ParseChosen(const std::string& text, const std::vector<SettingAxis>& axes) {
+  BoardSettings chosen;
+  for (const auto& [name, values] : axes) chosen.emplace_back(name, values.front());
+  std::istringstream parts(text);
+  for (std::string part; std::getline(parts, part, ',');) {
+    const std::string name = part.substr(0, part.find('='));
+    const std::string value = part.size() > name.size() ? part.substr(name.size() + 1) : "";
+    const auto axis =
+        std::find_if(axes.begin(), axes.end(), [&name](const SettingAxis& one) { return one.first == name; });
+    if (axis == axes.end()) throw UserError("--at " + text + ": --setting does not give \"" + name + "\"");
+    if (std::find(axis->second.begin(), axis->second.end(), value) == axis->second.end())
+      throw UserError("--at " + text + ": expected one of the values of " + name + ", found \"" + value +
+                      "\"");
+    chosen[static_cast<std::size_t>(axis - axes.begin())].second = value;
+  }
+  return chosen;
+}
+
 Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
-  if (options.levels.empty()) throw UserError("nothing to sweep: give --levels, as in --levels CPU=0..4");
+  RequireAxes(options);
   Sweep sweep;
   sweep.settings = options.settings;
   MakeAbsolute(sweep.settings);
   sweep.configPath = options.config;
   sweep.axes = ParseAxes(options.levels);
-  sweep.runs = PlanRuns(sweep.axes, sweep.settings.repeats, sweep.settings.seed);
+  sweep.boardAxes = ParseSettings(options.boardSettings);
+  sweep.margin = options.margin;
+  sweep.margin.chosen = ParseChosen(options.at, sweep.boardAxes);
+  sweep.runs = PlanRuns(sweep.axes, sweep.settings.repeats, sweep.settings.seed, sweep.boardAxes);
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS);
@@ -60,6 +98,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   lock = MakeSeriesFolder(options.folder, config);
   sweep.started = UtcNow();
   WriteSweep(options.folder, sweep);
+  SyncFolder(std::filesystem::path(AbsolutePath(options.folder)).parent_path().string());
   return sweep;
 }
 
@@ -72,96 +111,17 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   Sweep sweep = ReadSweep(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
   if (output == Output::kText) {
-    TellWhatRuns(folder + "/" + kSweepName, {{"program to run", sweep.settings.benchmark},
+    TellWhatRuns(folder + "/" + kSweepName, {{"command that makes the settings", sweep.margin.apply},
+                                             {"program to run", sweep.settings.benchmark},
                                              {"library to load into it", sweep.settings.meter}});
   }
   return sweep;
 }
 
-std::size_t NumberOf(const SweepRun& run) {
-  return static_cast<std::size_t>(run.order);
-}
-
-const PlanCell& CellOf(const Plan& plan, const SweepRun& run) {
-  return plan.cells[NumberOf(run) - 1];
-}
-
-// The runs to record, in order. A run whose folder is missing or incomplete is recorded again. One that is
-// done may be unknown to sweep.json, if the recorder was killed between the two.
-std::vector<SweepRun*> RunsToRecord(const std::string& folder, const Plan& plan, Sweep& sweep) {
-  std::vector<SweepRun*> toRecord;
-  for (SweepRun& run : sweep.runs) {
-    // Sweeps of earlier versions have no cell.json: then sweep.json alone tells the states of runs.
-    const bool isDone = run.state == SweepState::kDone
-                            ? IsRecorded(folder + "/" + run.folder)
-                            : IsCellDone(folder, plan.id, CellOf(plan, run), NumberOf(run), false);
-    if (isDone) {
-      run.state = SweepState::kDone;
-    } else {
-      if (run.state == SweepState::kDone) run.state = SweepState::kPlanned;
-      toRecord.push_back(&run);
-    }
-  }
-  std::sort(toRecord.begin(), toRecord.end(),
-            [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
-  return toRecord;
-}
-
-SweepState StateAfter(CellState state) {
-  if (state == CellState::kDone) return SweepState::kDone;
-  return state == CellState::kInterrupted ? SweepState::kInterrupted : SweepState::kFailed;
-}
-
-// False if a signal ended the run.
-bool RecordOne(const std::string& folder, const Plan& plan, Sweep& sweep, SweepRun& run, Output output,
-               Signals& signals) {
-  const bool text = output == Output::kText;
-  const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
-  CellOptions options;
-  options.root = folder;
-  options.warns = false;  // RunsToRecord did
-  // No summary per run: the sweep prints its figures at its end.
-  const CellOutcome outcome = RunCell(plan, CellOf(plan, run), NumberOf(run), options, *view, signals);
-  const bool isDone = outcome.state == CellState::kDone;
-  if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
-  run.state = StateAfter(outcome.state);
-  run.reason = outcome.state == CellState::kFailed ? outcome.reason : "";
-  WriteSweep(folder, sweep);
-  return outcome.state != CellState::kInterrupted;
-}
-
-// True when all runs are done.
-bool RecordAll(const std::string& folder, Sweep& sweep, Output output) {
-  const std::string config = folder + "/" + kSeriesConfig;
-  const Plan plan = PlanOfSweep(sweep, ReadFile(config).value_or(""));
-  const std::vector<SweepRun*> toRecord = RunsToRecord(folder, plan, sweep);
-  const double runS = toRecord.empty() ? 0 : RunSeconds(config, sweep.settings) + kBetweenRunsS;
-  const bool text = output == Output::kText;
-  if (text) {
-    Print("sweep " + Printable(folder) + ": " + std::to_string(toRecord.size()) + " of " +
-          Counted(sweep.runs.size(), "run") + " to record, in random order of seed " +
-          std::to_string(sweep.settings.seed) + "\n");
-  }
-  // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
-  Signals signals;
-  bool interrupted = false;
-  for (std::size_t i = 0; i < toRecord.size() && !interrupted; ++i) {
-    SweepRun& run = *toRecord[i];
-    const double leftS = runS * static_cast<double>(toRecord.size() - i);
-    if (text) {
-      Print("run " + std::to_string(run.order) + " of " + std::to_string(sweep.runs.size()) + ": " +
-            PointText(run.levels) + ", repeat " + std::to_string(run.repeat) +
-            Format(leftS < 90 ? "; %.0f s left\n" : "; %.0f min left\n", leftS < 90 ? leftS : leftS / 60));
-    }
-    interrupted = !RecordOne(folder, plan, sweep, run, output, signals) || signals.TakeStop();
-  }
-  // Goes if it is empty.
-  (void)rmdir((folder + "/" + kAttemptsName).c_str());
-  if (interrupted) {
-    Tell("interrupted; the finished runs are kept. Continue with: stress_scope sweep --resume " + folder);
-  }
-  return std::all_of(sweep.runs.begin(), sweep.runs.end(),
-                     [](const SweepRun& run) { return run.state == SweepState::kDone; });
+bool HasErrors(const Sweep& sweep) {
+  return std::any_of(sweep.runs.begin(), sweep.runs.end(), [](const SweepRun& run) {
+    return run.state == SweepState::kDone && !run.reason.empty();
+  });
 }
 
 int RunSweep(const SweepOptions& options) {
@@ -169,9 +129,35 @@ int RunSweep(const SweepOptions& options) {
   const std::string folder = resumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
-  const bool done = RecordAll(folder, sweep, options.output);
+  const bool done = SweepRecorder(folder, sweep, options.output).Run();
   ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
+  const bool hasErrors = sweep.boardAxes.empty() ? HasErrors(sweep) : ChosenFails(sweep);
+  if (hasErrors) return kExitErrors;
   return done ? kExitOk : kExitFailure;
+}
+
+void AddMargin(CLI::App& command, SweepOptions& options, CLI::Option* resume) {
+  const auto add = [&command, resume](const char* name, auto& value, const char* type, const char* help) {
+    return command.add_option(name, value, help)->type_name(type)->excludes(resume);
+  };
+  add("--setting", options.boardSettings, "NAME=VALUES",
+      "Setting of the board and its values, as in refresh=3900,7800; once for each setting")
+      ->allow_extra_args(false);
+  add("--apply", options.margin.apply, "COMMAND",
+      "Shell command that makes the settings; it gets NAME=VALUE for each of them");
+  add("--at", options.at, "POINT",
+      "Point whose margin is asked for, as in refresh=7800,vref=50 (default: the first values)");
+  CLI::Option* const edge =
+      command.add_flag("--edge", options.margin.edge,
+                       "Look for the edge of the settings that pass, instead of recording the whole grid");
+  edge->excludes(resume);
+  add("--hang-after", options.settings.hangAfterS, "SECONDS",
+      "Stop a run without a rate line or an operation for so long; it hangs (default: only after its time)")
+      ->check(NumberFrom(1, kMostSeconds));
+  add("--tries", options.margin.tries, "N",
+      "How often a run in which the machine died is begun again, with --resume")
+      ->check(WholeNumberFrom(0, 1000))
+      ->capture_default_str();
 }
 
 }  // namespace
@@ -197,8 +183,8 @@ CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepS
 }
 
 void AddSweep(CLI::App& app, int& status) {
-  CLI::App* const command =
-      app.add_subcommand("sweep", "Record a grid of levels, and show where the bandwidth saturates");
+  CLI::App* const command = app.add_subcommand(
+      "sweep", "Record a grid of levels, or of settings of the board and show their margin");
   const auto options = std::make_shared<SweepOptions>();
   SweepSettings& settings = options->settings;
   CLI::Option* const config =
@@ -213,12 +199,16 @@ void AddSweep(CLI::App& app, int& status) {
   command->add_option("-o,--output", options->folder, "Sweep folder to make (default: sweep-TIME)")
       ->type_name("DIR")
       ->excludes(resume);
+  AddMargin(*command, *options, resume);
   AddRunSettings(*command, settings, resume);
+  AddChecks(*command, settings, resume);
   AddOutput(*command, options->output);
   AddColour(*command, options->style);
   command->footer(
       "Examples:\n"
       "  stress_scope sweep config/all.yaml --levels CPU=0..4 --levels VENC=0,1,2 -o grid\n"
+      "  stress_scope sweep config/all.yaml --setting refresh=3900,7800 --apply ./set-refresh "
+      "--verify\n"
       "  stress_scope sweep --resume grid");
   command->callback([options, seed, &status] {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");

@@ -11,6 +11,8 @@
 #include "compare_input.h"
 #include "comparison_text.h"
 #include "errors.h"
+#include "margin_map.h"
+#include "margin_text.h"
 #include "pages.h"
 #include "printable.h"
 #include "sweep_folder.h"
@@ -27,7 +29,7 @@ namespace {
 std::optional<ComparedSides> CompareTwo(const std::string& folder, const Sweep& sweep, SweepTable& table) {
   if (table.points.size() != 2 || table.points[0].runs == 0 || table.points[1].runs == 0) return std::nullopt;
   const auto side = [&folder](const SweepPoint& point) {
-    std::string name = folder + ":" + PointText(point.levels);
+    std::string name = folder + ":" + PointText(point.levels, point.settings);
     std::replace(name.begin() + static_cast<std::ptrdiff_t>(folder.size()), name.end(), ' ', ',');
     return ReadSide(name);
   };
@@ -47,7 +49,8 @@ std::optional<ComparedSides> CompareTwo(const std::string& folder, const Sweep& 
 }
 
 std::string SweepText(const Sweep& sweep, const SweepTable& table, const TextStyle& style) {
-  std::string text =
+  std::string text = sweep.boardAxes.empty() ? "" : "\n" + MarginText(MarginMapOf(sweep, table), style.width);
+  text +=
       Format("\nMedians after a warm-up of %g s\n", sweep.settings.warmupS) + TableText(table, style.width);
   for (const std::string& part : {BandwidthText(table, style.width), SaturationText(table)}) {
     if (!part.empty()) text += '\n' + part;

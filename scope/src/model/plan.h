@@ -12,9 +12,6 @@
 /// Runs that are planned in one place and recorded in others, as plain data.
 namespace scope {
 
-/// Settings of a board: name to value, such as "refresh" to "7800".
-using BoardSettings = std::vector<std::pair<std::string, std::string>>;
-
 /// One run of a plan.
 struct PlanCell {
   std::string folder;  ///< of the finished run, within the folder of the cells

@@ -97,6 +97,7 @@ struct RunSettings {
   std::string systemRoot = "/";    ///< folder that contains sys and proc
   double stopAfterS = 0;           ///< SIGINT ends the run after these seconds; 0: it ends by itself
   double graceS = 15;              ///< after its run time, a benchmark that is silent for so long has hung
+  double hangAfterS = 0;           ///< the same at any time; 0: never before its end
   std::string fill;                ///< of kFillNames; empty: sources and frames are as the program makes them
   bool verify = false;             ///< the meter checks results
 };

@@ -79,12 +79,14 @@ class Recording {
       throw;
     }
     view_.End();
-    return Finish();
+    RecordResult result = Finish();
+    result.hung = supervisor_->Hung();
+    return result;
   }
 
  private:
   static Supervisor::Limits LimitsOf(const RecordOptions& options) {
-    return {FindBenchmark(options.benchmark), 0, options.stopAfterS, options.graceS};
+    return {FindBenchmark(options.benchmark), 0, options.stopAfterS, options.graceS, options.hangAfterS};
   }
 
   void Start() {

@@ -27,6 +27,7 @@ struct RecordResult {
   std::string reason;        ///< why it failed, as printed on standard error; empty if it did not
   std::uint64_t errors = 0;  ///< wrong results and memory errors that were found
   bool exported = true;      ///< false: an export file could not be written to the end. The run is whole
+  bool hung = false;         ///< it failed because the benchmark did not end
 };
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. A signal from `signals`

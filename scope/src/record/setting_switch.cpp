@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <vector>
@@ -13,12 +14,16 @@
 #include "child_process.h"
 #include "errors.h"
 #include "printable.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
 
-// The end of a child is a signal, too. This is only the longest wait for one that is lost.
-constexpr int kLongestWaitMs = 1000;
+// The end of a child is a signal, too. This is only the longest wait for one that is lost, and for a limit.
+constexpr int kLongestWaitMs = 200;
+// Exit statuses of a shell.
+constexpr int kCannotRun = 126;
+constexpr int kNotFound = 127;
 
 // The pipe is read even if nothing is shown: a command that fills it would wait.
 void Forward(LineReader& reader, int descriptor, bool show) {
@@ -30,7 +35,8 @@ void Forward(LineReader& reader, int descriptor, bool show) {
 
 }  // namespace
 
-bool RunSwitch(const std::string& command, bool show, Signals& signals) {
+bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS) {
+  const auto begin = std::chrono::steady_clock::now();
   ChildProcess::Options options;
   options.program = "/bin/sh";
   // The shell is no foreground job: a command that reads the terminal would be stopped and never end.
@@ -39,6 +45,7 @@ bool RunSwitch(const std::string& command, bool show, Signals& signals) {
   ChildProcess child(options);
   LineReader output;
   bool stopped = false;
+  bool hangs = false;
   while (!child.HasEnded()) {
     // A negative descriptor is not waited for: at its end, the output is readable without pause.
     pollfd waits[] = {{output.AtEnd() ? -1 : child.Output(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
@@ -48,11 +55,19 @@ bool RunSwitch(const std::string& command, bool show, Signals& signals) {
       child.Signal(stopped ? SIGKILL : SIGINT);
       stopped = true;
     }
+    hangs = hangs ||
+            (mostS > 0 && std::chrono::steady_clock::now() - begin > std::chrono::duration<double>(mostS));
+    if (hangs) child.Signal(SIGKILL);
   }
   Forward(output, child.Output(), show);
   if (stopped) return false;
+  if (hangs) throw CommandHangs(Format("the command did not end within %g s: ", mostS) + command);
   if (child.EndSignal() != 0) {
     throw UserError("the command was ended by signal " + std::to_string(child.EndSignal()) + ": " + command);
+  }
+  if (child.ExitStatus() == kCannotRun || child.ExitStatus() == kNotFound) {
+    throw CommandMissing("cannot run the command, status " + std::to_string(child.ExitStatus()) + ": " +
+                         command);
   }
   if (child.ExitStatus() != 0) {
     throw UserError("the command ended with status " + std::to_string(child.ExitStatus()) + ": " + command);

@@ -3,14 +3,29 @@
 
 #include <string>
 
+#include "errors.h"
 #include "signals.h"
 
 namespace scope {
 
+/// The shell cannot find the command that makes a setting, or not run it.
+class CommandMissing : public UserError {
+ public:
+  using UserError::UserError;
+};
+
+/// The command that makes a setting did not end.
+class CommandHangs : public UserError {
+ public:
+  using UserError::UserError;
+};
+
 /// Runs `command` in a shell and waits for its end. If `show`, its standard output and standard error go to
 /// this program's standard error, without what controls a terminal. True if it was done, false if a signal
-/// from `signals` ended it. Throws UserError if it ends with a failure.
-bool RunSwitch(const std::string& command, bool show, Signals& signals);
+/// from `signals` ended it. Throws UserError if it ends with a failure, CommandMissing if that is 126 or
+/// 127, and CommandHangs, when it has been
+/// killed, if it takes longer than `mostS` seconds (0: no limit).
+bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS = 0);
 
 /// Asks the user on the terminal to make the setting `name`, and waits for Enter. False if a signal came
 /// instead. Throws UserError at the end of the input.

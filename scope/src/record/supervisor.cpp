@@ -34,11 +34,11 @@ Supervisor::Decision Supervisor::TimePassed(double nowS) {
     if (limits_.stopAfterS > 0 && nowS >= limits_.stopAfterS) return {Ask(nowS), ""};
     const std::string hang = Hang(nowS);
     if (hang.empty()) return {};
-    return {Ask(nowS), FirstFault(hang)};
+    return {Ask(nowS), FirstHang(hang)};
   }
   if (state_ == State::kStopping && nowS > askedS_ + limits_.graceS) {
-    return {Kill(), FirstFault("the benchmark did not end within " + Seconds(limits_.graceS) +
-                               " of SIGINT and was killed")};
+    return {Kill(), FirstHang("the benchmark did not end within " + Seconds(limits_.graceS) +
+                              " of SIGINT and was killed")};
   }
   return {};
 }
@@ -77,6 +77,11 @@ std::string Supervisor::FirstFault(const std::string& fault) {
   return fault;
 }
 
+std::string Supervisor::FirstHang(const std::string& fault) {
+  hung_ = hung_ || fault_.empty();
+  return FirstFault(fault);
+}
+
 std::string Supervisor::Hang(double nowS) const {
   const double endS = limits_.runTimeS + kUsualEndS;
   const std::string hangs =
@@ -86,6 +91,10 @@ std::string Supervisor::Hang(double nowS) const {
   }
   if (nowS > endS + std::max(kLongestEndS, kLongestEndGraces * limits_.graceS)) {
     return hangs + "it still prints or works " + Seconds(nowS - limits_.runTimeS) + " later";
+  }
+  if (limits_.hangAfterS > 0 && nowS > lastLifeS_ + limits_.hangAfterS) {
+    return "the benchmark hangs: there was neither a rate line nor an operation for " +
+           Seconds(limits_.hangAfterS);
   }
   return "";
 }

@@ -34,6 +34,7 @@ class Supervisor {
     /// Longest silence past the run time, and longest time to end after SIGINT. Past the run time the
     /// benchmark may work for a minute, or four times this if that is longer.
     double graceS = 15;
+    double hangAfterS = 0;  ///< longest silence at any time; 0: no limit
   };
 
   enum class Meter {
@@ -65,6 +66,8 @@ class Supervisor {
   State CurrentState() const { return state_; }
   /// True after SIGINT or SIGTERM came.
   bool Interrupted() const { return interrupted_; }
+  /// True if the fault is that the benchmark did not end.
+  bool Hung() const { return hung_; }
   /// The first fault; empty for a complete recording.
   const std::string& Fault() const { return fault_; }
 
@@ -72,6 +75,8 @@ class Supervisor {
   Send Ask(double nowS);
   Send Kill();
   std::string FirstFault(const std::string& fault);
+  /// The same for a benchmark that did not end.
+  std::string FirstHang(const std::string& fault);
   /// The fault of a benchmark that does not end by itself; empty if it is in time.
   std::string Hang(double nowS) const;
   std::string FaultOf(const Ending& ending) const;
@@ -81,6 +86,7 @@ class Supervisor {
   double lastLifeS_ = 0;
   double askedS_ = 0;
   bool interrupted_ = false;
+  bool hung_ = false;
   std::string fault_;
 };
 

@@ -6,6 +6,7 @@
 
 #include "comparison_text.h"
 #include "json.h"
+#include "margin_map.h"
 #include "report.h"
 #include "sweep.h"
 #include "sweep_table.h"
@@ -22,6 +23,9 @@ Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
 /// `comparison` is the text of ComparisonJson, or empty.
 Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                const std::string& comparison);
+
+/// The margin map of a sweep over settings.
+Json MarginData(const MarginMap& map);
 
 /// The value with six digits: more than a chart shows, in a third of the space. Null if it is not finite.
 Json Rounded(double value);

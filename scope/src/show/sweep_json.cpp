@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sweep_json.h"
 
-#include <algorithm>
-
+#include "margin_map.h"
 #include "page_data.h"
 #include "saturation.h"
 #include "statistics.h"
@@ -17,7 +16,7 @@ Json LevelsJson(const SweepLevels& levels) {
   return json;
 }
 
-Json PointJson(const SweepPoint& point) {
+Json PointJson(const SweepTable& table, const SweepPoint& point) {
   Json figures = Json::array();
   for (const auto& [key, values] : point.values) {
     const FigureKind& kind = KindOf(key.figure);
@@ -27,7 +26,11 @@ Json PointJson(const SweepPoint& point) {
                            {"median", Median(values)},
                            {"values", values}});
   }
-  return Json{{"levels", LevelsJson(point.levels)}, {"runs", point.runs}, {"figures", figures}};
+  Json json{{"levels", LevelsJson(point.levels)}, {"runs", point.runs}, {"figures", figures}};
+  if (table.boardAxes.empty()) return json;
+  json["settings"] = Json::object();
+  for (const auto& [name, value] : point.settings) json["settings"][name] = value;
+  return json;
 }
 
 Json SaturationJson(const SweepTable& table, const std::string& engine, const Saturation& saturation) {
@@ -61,20 +64,20 @@ Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& 
   Json grid = Json::object();
   for (const SweepAxis& axis : sweep.axes) grid[axis.section] = axis.levels;
   Json points = Json::array();
-  for (const SweepPoint& point : table.points) points.push_back(PointJson(point));
-  const bool complete = std::all_of(sweep.runs.begin(), sweep.runs.end(),
-                                    [](const SweepRun& run) { return run.state == SweepState::kDone; });
+  for (const SweepPoint& point : table.points) points.push_back(PointJson(table, point));
+  const bool hasMargin = !sweep.boardAxes.empty();
   return Json{{"format", 1},
               {"kind", "sweep"},
               {"tool", kToolVersion},
               {"folder", folder},
               {"started", sweep.started},
-              {"complete", complete},
+              {"complete", IsComplete(sweep)},
               {"grid", grid},
               {"repeats", sweep.settings.repeats},
               {"seed", sweep.settings.seed},
               {"warmup_s", sweep.settings.warmupS},
               {"points", points},
+              {"margin", hasMargin ? MarginData(MarginMapOf(sweep, table)) : Json(nullptr)},
               {"saturation", total ? SaturationJson(table, kAllEngines, *total) : Json(nullptr)},
               {"saturations", SaturationsJson(table)},
               {"notes", table.notes},

@@ -81,24 +81,29 @@ std::string TableText(const SweepTable& table, std::size_t width) {
     }
   }
   if (HasFigure(table, kTotal)) columns.push_back({"total GB/s", kTotal});
-  TextTable rows(std::string(table.axes.size(), 'r'));
+  const std::size_t axes = table.axes.size() + table.boardAxes.size();
+  TextTable rows(std::string(axes, 'r'));
   std::vector<std::string> head;
   for (const SweepAxis& axis : table.axes) head.push_back(axis.section);
+  for (const SettingAxis& axis : table.boardAxes) head.push_back(axis.first);
   head.emplace_back("runs");
   for (const auto& [title, key] : columns) head.push_back(title);
   rows.Add(head);
   for (const SweepPoint& point : table.points) {
+    // The search for an edge leaves most points out.
+    if (!table.boardAxes.empty() && point.runs == 0) continue;
     std::vector<std::string> row;
     for (const auto& [section, level] : point.levels) row.push_back(std::to_string(level));
+    for (const auto& [name, value] : point.settings) row.push_back(value);
     row.push_back(std::to_string(point.runs));
     for (const auto& [title, key] : columns) row.push_back(OrDash(MedianOf(point, key)));
     rows.Add(row);
   }
-  return rows.Text(width, table.axes.size() + 1);
+  return rows.Text(width, axes + 1);
 }
 
 std::string BandwidthText(const SweepTable& table, std::size_t width) {
-  if (GreatestBandwidth(table) <= 0) return {};
+  if (GreatestBandwidth(table) <= 0 || !table.boardAxes.empty()) return {};
   if (table.axes.size() == 1) return CurveText(table);
   if (table.axes.size() == 2) return MapText(table, width);
   return {};

@@ -69,9 +69,10 @@ CellRecord RecordFromJson(const SeriesJson& json, const std::string& path) {
 SeriesJson CellJson(const PlanCell& cell) {
   SeriesJson levels = SeriesJson::object();
   for (const auto& [section, level] : cell.levels) levels[section] = level;
-  SeriesJson settings = SeriesJson::object();
-  for (const auto& [name, value] : cell.settings) settings[name] = value;
-  return {{"board", cell.board}, {"levels", levels}, {"settings", settings}, {"repeat", cell.repeat}};
+  return {{"board", cell.board},
+          {"levels", levels},
+          {"settings", SettingsJson(cell.settings)},
+          {"repeat", cell.repeat}};
 }
 
 PlanCell CellFromJson(const SeriesJson& json) {
@@ -79,8 +80,7 @@ PlanCell CellFromJson(const SeriesJson& json) {
   json.at("board").get_to(cell.board);
   for (const auto& [section, level] : json.at("levels").items())
     GetWhole(level, section, cell.levels.emplace_back(section, 0).second);
-  for (const auto& [name, value] : json.at("settings").items())
-    cell.settings.emplace_back(name, value.get<std::string>());
+  cell.settings = SettingsFromJson(json.at("settings"));
   GetWhole(json.at("repeat"), "repeat", cell.repeat);
   return cell;
 }

@@ -20,10 +20,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::array<std::pair<SweepState, const char*>, 4> kStates = {
+const std::array<std::pair<SweepState, const char*>, 6> kStates = {
     {{SweepState::kPlanned, "planned"},
+     {SweepState::kRunning, "running"},
      {SweepState::kDone, "done"},
      {SweepState::kFailed, "failed"},
+     {SweepState::kHung, "hung"},
      {SweepState::kInterrupted, "interrupted"}}};
 
 }  // namespace
@@ -68,6 +70,18 @@ SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const 
 void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json) {
   ReplaceFile(folder + "/" + kind.file,
               json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n');
+}
+
+SeriesJson SettingsJson(const BoardSettings& settings) {
+  SeriesJson json = SeriesJson::object();
+  for (const auto& [name, value] : settings) json[name] = value;
+  return json;
+}
+
+BoardSettings SettingsFromJson(const SeriesJson& json) {
+  BoardSettings settings;
+  for (const auto& [name, value] : json.items()) settings.emplace_back(name, value.get<std::string>());
+  return settings;
 }
 
 const char* TextOfState(SweepState state) {

@@ -58,6 +58,16 @@ void GetField(const SeriesJson& json, const char* key, Value& value) {
     json.at(key).get_to(value);
 }
 
+/// The same; leaves `value` as it is if the key is missing.
+template <typename Value>
+void GetFieldIfThere(const SeriesJson& json, const char* key, Value& value) {
+  if (json.contains(key)) GetField(json, key, value);
+}
+
+/// A JSON object of settings of a board, and back.
+SeriesJson SettingsJson(const BoardSettings& settings);
+BoardSettings SettingsFromJson(const SeriesJson& json);
+
 /// Returns what `read` makes of the content of the file `path`. What it throws about that content becomes a
 /// DamagedFolder, which names the file.
 template <typename Read>

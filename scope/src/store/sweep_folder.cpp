@@ -10,6 +10,7 @@
 
 #include "engines.h"
 #include "errors.h"
+#include "plan_file.h"
 #include "series_json.h"
 #include "text_format.h"
 
@@ -27,18 +28,44 @@ void ForEachSweepSetting(Settings& settings, Visit visit) {
   ForEachRunSetting(settings, visit);
 }
 
+// Those that files of earlier versions do not have.
+template <typename Settings, typename Visit>
+void ForEachNewSetting(Settings& settings, Visit visit) {
+  visit("fill", settings.fill);
+  visit("verify", settings.verify);
+  visit("hang_after_s", settings.hangAfterS);
+}
+
+void PutMargin(SeriesJson& json, const Sweep& sweep) {
+  if (sweep.boardAxes.empty()) return;
+  SeriesJson& settings = json["settings"] = SeriesJson::object();
+  for (const auto& [name, values] : sweep.boardAxes) settings[name] = values;
+  json["apply"] = sweep.margin.apply;
+  json["at"] = SettingsJson(sweep.margin.chosen);
+  json["edge"] = sweep.margin.edge;
+  json["tries"] = sweep.margin.tries;
+  json["boot_id"] = sweep.bootId;
+}
+
 SeriesJson ToJson(const Sweep& sweep) {
   SeriesJson json = SeriesHead(kSweep, sweep.started, sweep.configPath);
   json["grid"] = SeriesJson::object();
   for (const SweepAxis& axis : sweep.axes) json["grid"][axis.section] = axis.levels;
-  ForEachSweepSetting(sweep.settings, [&](const char* key, const auto& value) { json[key] = value; });
+  const auto put = [&](const char* key, const auto& value) { json[key] = value; };
+  ForEachSweepSetting(sweep.settings, put);
+  ForEachNewSetting(sweep.settings, put);
+  PutMargin(json, sweep);
   json["runs"] = SeriesJson::array();
   for (const SweepRun& run : sweep.runs) {
     SeriesJson levels = SeriesJson::object();
     for (const auto& [section, level] : run.levels) levels[section] = level;
-    SeriesJson entry{
-        {"folder", run.folder}, {"levels", levels}, {"repeat", run.repeat}, {"order", run.order}};
+    SeriesJson entry{{"folder", run.folder}, {"levels", levels}};
+    if (!sweep.boardAxes.empty()) entry["settings"] = SettingsJson(run.settings);
+    entry["repeat"] = run.repeat;
+    entry["order"] = run.order;
     PutState(entry, run);
+    if (run.lost != 0) entry["lost"] = run.lost;
+    if (run.state == SweepState::kRunning) entry["attempt"] = run.attempt;
     json["runs"].push_back(std::move(entry));
   }
   return json;
@@ -54,6 +81,9 @@ SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
   for (const auto& [section, level] : json.at("levels").items()) {
     GetWhole(level, "level of " + section, run.levels.emplace_back(section, 0).second);
   }
+  if (json.contains("settings")) run.settings = SettingsFromJson(json.at("settings"));
+  GetFieldIfThere(json, "lost", run.lost);
+  GetFieldIfThere(json, "attempt", run.attempt);
   GetField(json, "repeat", run.repeat);
   GetField(json, "order", run.order);
   return run;
@@ -73,18 +103,46 @@ void RequireAxes(const Sweep& sweep, const std::string& path) {
                           std::to_string(kMostLevel) + ", each once");
     }
   }
-  if (sections.empty()) throw DamagedFolder(path + ": the grid has no section");
+  if (sections.empty() && sweep.boardAxes.empty()) throw DamagedFolder(path + ": the grid has no section");
 }
 
-// The levels of the grid's point `index`.
-SweepLevels PointOfGrid(const std::vector<SweepAxis>& axes, std::size_t index) {
-  SweepLevels point;
-  for (auto axis = axes.rbegin(); axis != axes.rend(); ++axis) {
-    point.emplace_back(axis->section, axis->levels[index % axis->levels.size()]);
+// Names and values are passed to a shell.
+void RequireBoardAxes(const Sweep& sweep, const std::string& path) {
+  std::set<std::string> names;
+  for (const auto& [name, values] : sweep.boardAxes) {
+    RequireSettingName(name, "name of a setting");
+    if (!names.insert(name).second) throw DamagedFolder(path + ": the setting " + name + " is there twice");
+    for (const std::string& value : values) RequireSettingValue(value, "value of " + name);
+    if (values.empty() || std::set<std::string>(values.begin(), values.end()).size() != values.size())
+      throw DamagedFolder(path + ": expected values of " + name + ", each once");
+  }
+  if (sweep.boardAxes.empty()) return;
+  if (sweep.margin.apply.empty()) throw DamagedFolder(path + ": no command makes the settings");
+  const BoardSettings& chosen = sweep.margin.chosen;
+  const bool isPoint =
+      std::equal(chosen.begin(), chosen.end(), sweep.boardAxes.begin(), sweep.boardAxes.end(),
+                 [](const auto& setting, const SettingAxis& axis) {
+                   return setting.first == axis.first &&
+                          std::count(axis.second.begin(), axis.second.end(), setting.second) != 0;
+                 });
+  if (!isPoint) throw DamagedFolder(path + ": \"at\" is not a point of the settings");
+}
+
+// The levels and settings of the grid's point `index`.
+std::pair<SweepLevels, BoardSettings> PointOfGrid(const Sweep& sweep, std::size_t index) {
+  BoardSettings settings;
+  for (auto axis = sweep.boardAxes.rbegin(); axis != sweep.boardAxes.rend(); ++axis) {
+    settings.emplace_back(axis->first, axis->second[index % axis->second.size()]);
+    index /= axis->second.size();
+  }
+  SweepLevels levels;
+  for (auto axis = sweep.axes.rbegin(); axis != sweep.axes.rend(); ++axis) {
+    levels.emplace_back(axis->section, axis->levels[index % axis->levels.size()]);
     index /= axis->levels.size();
   }
-  std::reverse(point.begin(), point.end());
-  return point;
+  std::reverse(settings.begin(), settings.end());
+  std::reverse(levels.begin(), levels.end());
+  return {levels, settings};
 }
 
 void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
@@ -92,6 +150,7 @@ void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
   const auto repeats = static_cast<std::size_t>(sweep.settings.repeats);
   std::size_t count = repeats;
   for (const SweepAxis& axis : sweep.axes) count *= axis.levels.size();
+  for (const SettingAxis& axis : sweep.boardAxes) count *= axis.second.size();
   if (count != sweep.runs.size()) {
     throw DamagedFolder(path + ": the grid has " + Counted(count, "run") + ", found " +
                         std::to_string(sweep.runs.size()));
@@ -100,7 +159,7 @@ void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
   std::set<std::string> folders;
   for (std::size_t i = 0; i < count; ++i) {
     const SweepRun& run = sweep.runs[i];
-    if (run.levels != PointOfGrid(sweep.axes, i / repeats) ||
+    if (std::pair(run.levels, run.settings) != PointOfGrid(sweep, i / repeats) ||
         run.repeat != static_cast<int>(i % repeats) + 1) {
       throw DamagedFolder(path + ": the run " + run.folder + " is not the next point of the grid");
     }
@@ -114,11 +173,24 @@ void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
   }
 }
 
+void GetMargin(const SeriesJson& json, Sweep& sweep) {
+  if (!json.contains("settings")) return;
+  for (const auto& [name, values] : json.at("settings").items())
+    sweep.boardAxes.emplace_back(name, values.get<std::vector<std::string>>());
+  json.at("apply").get_to(sweep.margin.apply);
+  sweep.margin.chosen = SettingsFromJson(json.at("at"));
+  GetField(json, "edge", sweep.margin.edge);
+  GetField(json, "tries", sweep.margin.tries);
+  json.at("boot_id").get_to(sweep.bootId);
+}
+
 Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
   json.at("config").at("path").get_to(sweep.configPath);
   ForEachSweepSetting(sweep.settings, [&](const char* key, auto& value) { GetField(json, key, value); });
+  ForEachNewSetting(sweep.settings, [&](const char* key, auto& value) { GetFieldIfThere(json, key, value); });
+  GetMargin(json, sweep);
   for (const auto& [section, levels] : json.at("grid").items()) {
     if (!levels.is_array()) throw UserError("expected a list of levels of " + section);
     SweepAxis& axis = sweep.axes.emplace_back();
@@ -129,6 +201,7 @@ Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   }
   for (const SeriesJson& run : json.at("runs")) sweep.runs.push_back(RunFromJson(run, path));
   RequireAxes(sweep, path);
+  RequireBoardAxes(sweep, path);
   RequireRunsOfGrid(sweep, path);
   return sweep;
 }

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sweep_recorder.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "cell_folder.h"
+#include "cell_plan.h"
+#include "cell_runner.h"
+#include "collection.h"
+#include "durable_file.h"
+#include "errors.h"
+#include "live_view.h"
+#include "margin_map.h"
+#include "printable.h"
+#include "run_reader.h"
+#include "series.h"
+#include "setting_switch.h"
+#include "sweep_folder.h"
+#include "sweep_plan.h"
+#include "system_files.h"
+#include "tell.h"
+#include "text_format.h"
+
+namespace scope {
+namespace {
+
+std::size_t NumberOf(const SweepRun& run) {
+  return static_cast<std::size_t>(run.order);
+}
+
+SweepState StateAfter(const CellOutcome& outcome) {
+  if (outcome.state == CellState::kDone) return SweepState::kDone;
+  if (outcome.state == CellState::kInterrupted) return SweepState::kInterrupted;
+  return outcome.isHung ? SweepState::kHung : SweepState::kFailed;
+}
+
+// Which errors the complete run in `folder` has; empty if there are none.
+std::string ErrorsIn(const std::string& folder) {
+  std::vector<std::string> parts;
+  std::uint64_t sum = 0;
+  for (const auto& [source, count] : ReadRunInfo(folder).errors) {
+    sum += count;
+    parts.push_back(source + " " + std::to_string(count));
+  }
+  return sum == 0 ? "" : Counted(sum, "error") + " (" + Joined(parts, ", ") + ")";
+}
+
+std::string BootId(const std::string& systemRoot) {
+  std::string text = ReadFile(systemRoot + "/proc/sys/kernel/random/boot_id").value_or("");
+  text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+  return text;
+}
+
+std::string ResultText(const SweepRun& run) {
+  switch (run.state) {
+    case SweepState::kDone:
+      return run.reason.empty() ? "pass" : "fail: " + run.reason;
+    case SweepState::kHung:
+      return "hang: " + run.reason;
+    case SweepState::kFailed:
+      return "fail: " + run.reason;
+    default:
+      return "interrupted";
+  }
+}
+
+}  // namespace
+
+SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output)
+    : folder_(std::move(folder)), sweep_(sweep), output_(output) {
+  const std::string config = folder_ + "/" + kSeriesConfig;
+  plan_ = PlanOfSweep(sweep_, ReadFile(config).value_or(""));
+  bootId_ = BootId(sweep_.settings.systemRoot);
+}
+
+const PlanCell& SweepRecorder::CellOf(const SweepRun& run) const {
+  return plan_.cells[NumberOf(run) - 1];
+}
+
+// A run that is done may be unknown to sweep.json, if the recorder was killed between the two.
+bool SweepRecorder::IsDone(const SweepRun& run) const {
+  // Sweeps of earlier versions have no cell.json: then sweep.json alone tells the states of runs.
+  return run.state == SweepState::kDone ? IsRecorded(folder_ + "/" + run.folder)
+                                        : IsCellDone(folder_, plan_.id, CellOf(run), NumberOf(run), false);
+}
+
+// It was running when the recorder ended.
+void SweepRecorder::TakeUpLost(SweepRun& run) {
+  CellFolders folders(folder_, run.folder);
+  CellOptions options;
+  options.root = folder_;
+  options.warns = false;
+  run.state = SweepState::kPlanned;
+  if (DoneBefore(folders, plan_, CellOf(run), NumberOf(run), options)) {
+    run.state = SweepState::kDone;
+    return;
+  }
+  CellStatus last;
+  // An earlier attempt says nothing about this one, whose folder may not have reached the disk.
+  if (LastAttempt(folder_, run.folder) >= run.attempt)
+    last = StatusOf(folder_, plan_.id, CellOf(run), NumberOf(run));
+  if (last.state == CellState::kFailed) {
+    // Its attempt says how it ended. Only sweep.json does not.
+    run.state = SweepState::kFailed;
+    run.reason = last.reason;
+    return;
+  }
+  if (last.state == CellState::kInterrupted) return;
+  ++run.lost;
+  run.reason = "did not come back: ";
+  run.reason += sweep_.bootId == bootId_ ? "the recorder was killed" : "the machine was started again";
+  if (run.lost > 1) run.reason += ", " + std::to_string(run.lost) + " times";
+  const bool isTriedAgain = run.lost <= sweep_.margin.tries;
+  Tell(run.folder + " (" + PointText(run.levels, run.settings) + ") " + run.reason +
+       (isTriedAgain ? "; it is tried again" : "; it counts as failed"));
+  if (!isTriedAgain) run.state = SweepState::kFailed;
+}
+
+void SweepRecorder::TakeUp(SweepRun& run) {
+  if (IsDone(run)) {
+    run.state = SweepState::kDone;
+  } else if (run.state == SweepState::kDone) {
+    run.state = SweepState::kPlanned;
+  } else if (run.state == SweepState::kRunning) {
+    TakeUpLost(run);
+  }
+  if (run.state == SweepState::kDone) run.reason = ErrorsIn(folder_ + "/" + run.folder);
+}
+
+void SweepRecorder::PrepareRuns() {
+  for (SweepRun& run : sweep_.runs) TakeUp(run);
+  if (HasSettings()) {
+    // A machine that dies again must not lose what was just counted.
+    WriteSweep(folder_, sweep_);
+    SyncFolder(folder_);
+  }
+  for (SweepRun& run : sweep_.runs) {
+    // A failure of a setting is its result. Otherwise it is none, and the run is recorded again.
+    if (HasSettings() ? !HasResult(run) : run.state != SweepState::kDone) toRecord_.push_back(&run);
+  }
+  std::sort(toRecord_.begin(), toRecord_.end(),
+            [](const SweepRun* a, const SweepRun* b) { return a->order < b->order; });
+  if (!toRecord_.empty()) runS_ = RunSeconds(folder_ + "/" + kSeriesConfig, sweep_.settings) + kBetweenRunsS;
+}
+
+SweepRun* SweepRecorder::Next() {
+  if (sweep_.margin.edge) return NextRun(sweep_);
+  return begun_ < toRecord_.size() ? toRecord_[begun_] : nullptr;
+}
+
+void SweepRecorder::TellOfRun(const SweepRun& run) const {
+  std::string text = "run ";
+  if (sweep_.margin.edge) {
+    text += std::to_string(begun_ + 1);
+  } else {
+    text += std::to_string(run.order) + " of " + std::to_string(sweep_.runs.size());
+  }
+  text += ": " + PointText(run.levels, run.settings) + ", repeat " + std::to_string(run.repeat);
+  const double leftS = runS_ * static_cast<double>(toRecord_.size() - begun_);
+  if (!sweep_.margin.edge)
+    text += Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60);
+  Print(text + "\n");
+}
+
+// False if a signal ended the run.
+bool SweepRecorder::Record(SweepRun& run) {
+  const bool text = output_ == Output::kText;
+  const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
+  CellOptions options;
+  options.root = folder_;
+  options.apply = sweep_.margin.apply;
+  options.showsApply = text;
+  options.warns = false;  // TakeUp did
+  if (HasSettings()) {
+    run.state = SweepState::kRunning;
+    run.attempt = LastAttempt(folder_, run.folder) + 1;
+    sweep_.bootId = bootId_;
+    WriteSweep(folder_, sweep_);
+    SyncFolder(folder_);
+  }
+  CellOutcome outcome;
+  try {
+    // No summary per run: the sweep prints its figures at its end.
+    outcome = RunCell(plan_, CellOf(run), NumberOf(run), options, *view, signals_);
+  } catch (...) {
+    // The run did not end this program.
+    run.state = SweepState::kPlanned;
+    try {
+      WriteSweep(folder_, sweep_);
+    } catch (const UserError& error) {
+      Tell(error.what());
+    }
+    throw;
+  }
+  const bool isDone = outcome.state == CellState::kDone;
+  run.state = StateAfter(outcome);
+  run.reason = isDone ? ErrorsIn(outcome.folder) : outcome.reason;
+  if (run.state == SweepState::kInterrupted) run.reason = "";
+  WriteSweep(folder_, sweep_);
+  if (text && HasSettings()) Print(Printable(ResultText(run)) + "\n");
+  if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
+  return run.state != SweepState::kInterrupted;
+}
+
+// False if a signal ended it.
+bool SweepRecorder::RecordAll() {
+  while (SweepRun* const run = Next()) {
+    if (output_ == Output::kText) TellOfRun(*run);
+    ++begun_;
+    if (!Record(*run) || signals_.TakeStop()) return false;
+  }
+  return true;
+}
+
+bool SweepRecorder::Restore() {
+  if (!HasSettings() || begun_ == 0) return true;
+  BoardSettings first;
+  for (const auto& [name, values] : sweep_.boardAxes) first.emplace_back(name, values.front());
+  const std::string what = "the first values, " + PointText({}, first) + ", are not made: ";
+  try {
+    if (RunSwitch(ApplyCommand(sweep_.margin.apply, first), output_ == Output::kText, signals_,
+                  sweep_.settings.hangAfterS)) {
+      return true;
+    }
+    Tell(what + "interrupted");
+  } catch (const std::exception& error) {
+    Tell(what + error.what());
+  }
+  return false;
+}
+
+bool SweepRecorder::Run() {
+  PrepareRuns();
+  if (output_ == Output::kText) {
+    const std::string name = "sweep " + Printable(folder_) + ": ";
+    const std::string all = Counted(sweep_.runs.size(), "run");
+    Print(sweep_.margin.edge
+              ? name + "looking for the edge of a grid of " + all + "\n"
+              : name + std::to_string(toRecord_.size()) + " of " + all +
+                    " to record, in random order of seed " + std::to_string(sweep_.settings.seed) + "\n");
+  }
+  bool wentOn = false;
+  try {
+    wentOn = RecordAll();
+  } catch (...) {
+    (void)Restore();
+    throw;
+  }
+  const bool isRestored = Restore();
+  // Goes if it is empty.
+  (void)rmdir((folder_ + "/" + kAttemptsName).c_str());
+  if (!wentOn) {
+    Tell("interrupted; the finished runs are kept. Continue with: stress_scope sweep --resume " + folder_);
+  }
+  return isRestored && IsComplete(sweep_);
+}
+
+}  // namespace scope
