@@ -215,7 +215,7 @@ TEST_F(PagesInBrowser, AComparisonTakesWhatRunsSayAsWordsAndShowsWhatIsMissing) 
                     run.samples.end());
   made_run::Write(run, folder_ / "b <img src=x>");
   const std::string page = PageOf({"compare", folder_ / "a", folder_ / "b <img src=x>", "--force"}, kBars, 1);
-  const Visit visit = Open(page, "comparison_hostile", 1280, 5000);
+  const Visit visit = Read(page);
   ExpectQuiet(visit);
   EXPECT_THAT(visit.page["title"].get<std::string>(), HasSubstr("b <img src=x>"));
   EXPECT_THAT(visit.Row("conditions", {"cpu_model"})[2],
@@ -285,7 +285,7 @@ TEST_F(PagesInBrowser, ASweepOfOneSectionIsACurveWithTheRunsAsDots) {
 // Two points are compared; with one run each, nothing is certain.
 TEST_F(PagesInBrowser, ASweepOfSingleRunsSaysThatTheUncertaintyIsNotKnown) {
   const std::string folder = Sweep({"CPU=3,4"}, 1, "sweep <img src=x>");
-  const Visit visit = Open(PageOf({"report", folder}), "sweep_of_single_runs", 1280, 2400);
+  const Visit visit = Read(PageOf({"report", folder}));
   ExpectQuiet(visit);
   EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("Uncertainty not known: sweep with --repeat 4."),

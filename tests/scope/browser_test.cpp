@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The page of a report in a browser: it draws its tables and charts, writes nothing to the console, and loads
-// nothing. A screenshot of each page stays in the build folder.
+// nothing.
 #include "browser.h"
 
 #include <gmock/gmock.h>
@@ -22,8 +22,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-constexpr int kWidth = 1280;
 
 void RemoveSamples(scope::Run& run, double startS, double endS) {
   run.samples.erase(
@@ -53,20 +51,20 @@ void ExpectGood(const Visit& visit, const std::vector<std::string>& charts) {
 class ReportInBrowser : public browser::BrowserTest {
  protected:
   // The page of `run` alone.
-  Visit Open(const scope::Run& run, const std::string& name, int height) const {
+  Visit Open(const scope::Run& run) const {
     made_run::Write(run, folder_ / "run");
-    return BrowserTest::Open(Page({folder_ / "run"}), name, kWidth, height);
+    return Read(Page({folder_ / "run"}));
   }
 
-  Visit Open(const scope::Run& first, const scope::Run& second, const std::string& name, int height) const {
+  Visit Open(const scope::Run& first, const scope::Run& second) const {
     made_run::Write(first, folder_ / "run");
     made_run::Write(second, folder_ / "other");
-    return BrowserTest::Open(Page({folder_ / "run", folder_ / "other"}), name, kWidth, height);
+    return Read(Page({folder_ / "run", folder_ / "other"}));
   }
 };
 
 TEST_F(ReportInBrowser, DrawsEveryChartOfARecording) {
-  const Visit visit = Open(made_run::Run(), "report", 5600);
+  const Visit visit = Open(made_run::Run());
   std::vector<std::string> charts = EngineCharts({"cpu", "vpc", "venc", "aic"});
   charts.insert(charts.begin(), "total-0");
   charts.emplace_back("counter-0-0");
@@ -75,7 +73,7 @@ TEST_F(ReportInBrowser, DrawsEveryChartOfARecording) {
 }
 
 TEST_F(ReportInBrowser, ItsPointsAreTheFigures) {
-  const Visit visit = Open(made_run::Run(), "report", 5600);
+  const Visit visit = Open(made_run::Run());
   const json rate = visit.Chart("cpu-rate")["series"][0]["points"];
   EXPECT_EQ(rate.size(), std::size_t{made_run::kWholeSeconds});
   EXPECT_EQ(rate[0], json::parse("[2, 800]"));
@@ -95,7 +93,7 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
   scope::Run run = made_run::Run();
   run.info.label = "a label";
   run.info.conditions.caches = {{3, "Unified", 32U << 20U, 2}};
-  const Visit visit = Open(run, "report_tables", 5600);
+  const Visit visit = Open(run);
   EXPECT_THAT(visit.Row("figures", {"cpu"}),
               ElementsAre("cpu", "2", "32,000", "800.0", "13.271", "500.00 µs", "500.00 µs", "500.00 µs", "0",
                           "0.00", "2000.0", "–"));
@@ -136,7 +134,7 @@ TEST_F(ReportInBrowser, ShowsEveryTable) {
 TEST_F(ReportInBrowser, ALineHasAGapWhereSamplesAreMissing) {
   scope::Run run = made_run::Run();
   RemoveSamples(run, 10, 14);
-  const Visit visit = Open(run, "report_gap", 5600);
+  const Visit visit = Open(run);
   for (const char* chart : {"total-0", "cpu-rate", "cpu-bandwidth", "cpu-latency"}) {
     const json series = visit.Chart(chart)["series"][0];
     EXPECT_EQ(series["points"][9], json::parse("[14, null]")) << chart;
@@ -152,7 +150,7 @@ TEST_F(ReportInBrowser, AStackHasAGapWhereOneEngineLacksASecond) {
                                      return sample.engine == "vpc" && sample.timeS > 10 && sample.timeS < 14;
                                    }),
                     run.samples.end());
-  const Visit visit = Open(run, "report_gap_of_one", 2400);
+  const Visit visit = Open(run);
   for (const json& series : visit.Chart("total-0")["series"]) {
     for (std::size_t second = 2; second != 41; ++second) {
       const bool gap = second > 10 && second < 15;
@@ -175,7 +173,7 @@ TEST_F(ReportInBrowser, AStackHasAGapWhereAnEngineWorkedForAPartOfASecond) {
                                      return sample.engine == "venc" && sample.timeS < kBeginOfVenc;
                                    }),
                     run.samples.end());
-  const Visit visit = Open(run, made_run::Run(), "report_parts_of_seconds", 6200);
+  const Visit visit = Open(run, made_run::Run());
   const json stack = visit.Chart("total-0")["series"];
   ASSERT_EQ(stack.size(), 4U);
   for (const json& engine : stack) {
@@ -206,7 +204,7 @@ TEST_F(ReportInBrowser, AFailedEngineSaysSoInsteadOfEmptyAxes) {
                                    [](const auto& sample) { return sample.engine == "aic"; }),
                     run.samples.end());
   run.rates.clear();
-  const Visit visit = Open(run, "report_failed_engine", 4400);
+  const Visit visit = Open(run);
   ExpectGood(visit, {"total-0", "cpu-rate", "cpu-bandwidth", "cpu-latency", "cpu-histogram", "venc-rate",
                      "venc-bandwidth", "venc-latency", "venc-histogram", "counter-0-0"});
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("VPC: image resizes\n\nno operation succeeded, 123 failed."),
@@ -218,7 +216,7 @@ TEST_F(ReportInBrowser, AFailedEngineSaysSoInsteadOfEmptyAxes) {
 TEST_F(ReportInBrowser, ShowsTheSourcesOfCountersOfAllRunsInOneTable) {
   scope::Run other = made_run::Run();
   other.info.counters = {{"thermal", false, "no zone"}, {"edac", true, ""}};
-  const Visit visit = Open(made_run::Run(), other, "report_counters_of_two", 6200);
+  const Visit visit = Open(made_run::Run(), other);
   EXPECT_THAT(visit.Row("counters", {"Source"}), ElementsAre("Source", "A: run", "B: other"));
   EXPECT_THAT(visit.Row("counters", {"thermal"}), ElementsAre("thermal", "recorded", "absent: no zone"));
   EXPECT_THAT(visit.Row("counters", {"resctrl"}),
@@ -231,7 +229,7 @@ TEST_F(ReportInBrowser, CountsAreStepsFromTheStartOfTheRun) {
   for (int second = 1; second <= 40; ++second) {
     run.counters.push_back({static_cast<double>(second), "edac", "mc0", "errors", second < 20 ? 7.0 : 9.0});
   }
-  const json chart = Open(run, "report_counts", 5600).Chart("counter-0-0");
+  const json chart = Open(run).Chart("counter-0-0");
   EXPECT_EQ(chart["series"][0]["name"], "mc0");
   EXPECT_EQ(chart["series"][0]["stepped"], true);
   EXPECT_EQ(chart["series"][0]["points"][18], json::parse("[19, 0]"));
@@ -244,7 +242,7 @@ TEST_F(ReportInBrowser, ShadesTheWarmUpAndNamesWhatLeavesItOut) {
   for (scope::Sample& sample : run.samples) {
     if (sample.engine == "venc" && sample.timeS > 1 && sample.timeS <= 5) sample.operations = 200;
   }
-  const Visit visit = Open(run, "report_warm_up", 2400);
+  const Visit visit = Open(run);
   EXPECT_EQ(visit.Chart("cpu-rate")["shades"], json::parse("[51, 0]"));
   // Its horizontal axis is in ms, and 5 is within it.
   EXPECT_EQ(visit.Chart("vpc-histogram")["shades"], json::parse("[0, 0]"));
@@ -269,7 +267,7 @@ TEST_F(ReportInBrowser, MarksWarningsOnTheTimeAxis) {
     run.counters.push_back(
         {static_cast<double>(second), "throttle", "cpu0", "events", second < 31 ? 7.0 : 8.0});
   }
-  const Visit visit = Open(run, "report_marks", 6200);
+  const Visit visit = Open(run);
   EXPECT_THAT(visit.Text(),
               AllOf(HasSubstr("1 venc: 30 operations failed from 12 s on"),
                     HasSubstr("2 throttle: cpu0: throttled 1 time during the run from 31 s on")));
@@ -288,7 +286,7 @@ TEST_F(ReportInBrowser, MarksWarningsOnTheTimeAxis) {
 TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
   scope::Run other = made_run::Run();
   other.info.conditions.governor = "performance";
-  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  const Visit visit = Open(made_run::Run(), other);
   std::vector<std::string> charts = EngineCharts({"cpu", "vpc", "venc", "aic"});
   charts.insert(charts.begin(), {"totals", "total-0", "total-1"});
   charts.insert(charts.end(), {"counter-0-0", "counter-1-0"});
@@ -298,7 +296,7 @@ TEST_F(ReportInBrowser, ShowsSeveralRunsInEachChartAndWhatDiffers) {
 }
 
 TEST_F(ReportInBrowser, ColoursBelongToEnginesAndLineStylesToRuns) {
-  const Visit visit = Open(made_run::Run(), made_run::Run(), "report_of_two", 6200);
+  const Visit visit = Open(made_run::Run(), made_run::Run());
   const json cpu = visit.Chart("cpu-rate")["series"];
   const json venc = visit.Chart("venc-printed")["series"];
   ASSERT_EQ(cpu.size(), 2U);
@@ -318,19 +316,19 @@ TEST_F(ReportInBrowser, ColoursBelongToEnginesAndLineStylesToRuns) {
 // An engine keeps its colour if another one is missing.
 TEST_F(ReportInBrowser, AnEngineHasTheSameColourOnEveryPage) {
   scope::Run run = made_run::Run();
-  const std::string all = Open(run, "report", 2400).Chart("venc-rate")["series"][0]["colour"];
+  const std::string all = Open(run).Chart("venc-rate")["series"][0]["colour"];
   std::filesystem::remove_all(folder_ / "run");
   run.samples.erase(std::remove_if(run.samples.begin(), run.samples.end(),
                                    [](const auto& sample) { return sample.engine != "venc"; }),
                     run.samples.end());
   run.rates.clear();
-  EXPECT_EQ(Open(run, "report_of_one_engine", 2400).Chart("venc-rate")["series"][0]["colour"], all);
+  EXPECT_EQ(Open(run).Chart("venc-rate")["series"][0]["colour"], all);
 }
 
 TEST_F(ReportInBrowser, ShowsTheBandwidthOfAllRunsOnCommonAxes) {
   scope::Run other = made_run::Run();
   for (scope::Sample& sample : other.samples) sample.bytes = *sample.bytes * 2;
-  const Visit visit = Open(made_run::Run(), other, "report_of_two", 6200);
+  const Visit visit = Open(made_run::Run(), other);
   const json series = visit.Chart("totals")["series"];
   ASSERT_EQ(series.size(), 2U);
   EXPECT_EQ(series[0]["name"], "A: run");
@@ -352,7 +350,7 @@ TEST_F(ReportInBrowser, TakesWhatRunsSayAsWords) {
   other.info.counters.back().reason = hostile;
   other.info.complete = false;
   other.counters.front().name = hostile;
-  const Visit visit = Open(made_run::Run(), other, "report_hostile", 6400);
+  const Visit visit = Open(made_run::Run(), other);
   EXPECT_THAT(visit.console, IsEmpty());
   EXPECT_THAT(visit.requests, IsEmpty());
   EXPECT_THAT(visit.page["title"].get<std::string>(), HasSubstr(shown));
@@ -370,7 +368,7 @@ TEST_F(ReportInBrowser, DrawsRateLinesAlone) {
   run.info.conditions = {};
   run.info.counters.clear();
   run.counters.clear();
-  const Visit visit = Open(run, "report_of_rates", 2400);
+  const Visit visit = Open(run);
   ExpectGood(visit, {"cpu-printed", "vpc-printed", "venc-printed", "aic-printed"});
   EXPECT_THAT(visit.Text(),
               AllOf(HasSubstr("recorded without the meter"), HasSubstr("None were looked for")));
@@ -381,7 +379,7 @@ TEST_F(ReportInBrowser, DrawsRateLinesAlone) {
 TEST_F(ReportInBrowser, OfNothingSaysSo) {
   scope::Run run;
   run.info.kind = "record";
-  const Visit visit = Open(run, "report_of_nothing", 1600);
+  const Visit visit = Open(run);
   ExpectGood(visit, {});
   EXPECT_THAT(visit.Text(), HasSubstr("Nothing was recorded: neither an operation nor a rate line."));
 }
@@ -394,7 +392,7 @@ TEST_F(ReportInBrowser, ItsPolicyRefusesAnotherScript) {
   const std::size_t at = page.find("'use strict';");
   ASSERT_NE(at, std::string::npos);
   page.insert(at, "console.log('changed');");
-  const Visit visit = BrowserTest::Open(folder_.Put("changed.html", page), "changed", kWidth, 600);
+  const Visit visit = Read(folder_.Put("changed.html", page));
   EXPECT_THAT(visit.console, ElementsAre(HasSubstr("Content Security Policy")));
   EXPECT_THAT(visit.page["charts"], IsEmpty());
 }
@@ -406,7 +404,7 @@ TEST_F(ReportInBrowser, SeesErrorsRequestsAndEmptyCharts) {
       "<img src=\"http://outside.example/a.png\"><script>"
       "window.Chart = {getChart: () => ({data: {datasets: [{borderColor: '#0072b2'}]}})};"
       "console.log('a word'); throw new Error('a fault');</script>";
-  const Visit visit = BrowserTest::Open(folder_.Put("bad.html", Measured(page)), "bad", kWidth, 400);
+  const Visit visit = Read(folder_.Put("bad.html", Measured(page)));
   EXPECT_THAT(visit.console, Contains(HasSubstr("a word")));
   EXPECT_THAT(visit.console, Contains(HasSubstr("a fault")));
   EXPECT_THAT(visit.requests, ElementsAre("http://outside.example/a.png"));
