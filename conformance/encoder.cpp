@@ -9,12 +9,12 @@ namespace conformance {
 
 namespace {
 
-constexpr std::uint32_t kWidth = 1920;
-constexpr std::uint32_t kHeight = 1080;
+constexpr std::uint32_t kFrameWidth = 1920;
+constexpr std::uint32_t kFrameHeight = 1080;
 constexpr std::uint32_t kFirstChannel = 25;
 
 void Paint(std::vector<std::uint8_t>& pixels, std::uint32_t row, std::uint32_t rows, std::uint8_t value) {
-  std::fill_n(pixels.data() + std::size_t{row} * kWidth, std::size_t{rows} * kWidth, value);
+  std::fill_n(pixels.data() + std::size_t{row} * kFrameWidth, std::size_t{rows} * kFrameWidth, value);
 }
 
 }  // namespace
@@ -23,8 +23,8 @@ void Configure(Ormis::QetVenc& encoder, unsigned int index) {
   encoder.offsetBC = 46;
   encoder.offsetC0 = 25;
   encoder.offsetC4 = 0;
-  encoder.width = kWidth;
-  encoder.height = kHeight;
+  encoder.width = kFrameWidth;
+  encoder.height = kFrameHeight;
   encoder.channel = index + kFirstChannel;
   encoder.offsetD4 = 1;
   encoder.bitrateKbps = 2000;
@@ -44,14 +44,15 @@ void Configure(Ormis::QetVenc& encoder, unsigned int index) {
   encoder.gopSize = 60;
 }
 
-Frame::Frame() : pixels_(kWidth * kHeight * 3 / 2, 128) {
-  for (std::uint32_t y = 0; y < kHeight; ++y) {
-    for (std::uint32_t x = 0; x < kWidth; ++x) {
-      pixels_[y * kWidth + x] = static_cast<std::uint8_t>(16 + (x + y) * 200 / (kWidth + kHeight));
+Frame::Frame() : pixels_(kFrameWidth * kFrameHeight * 3 / 2, 128) {
+  for (std::uint32_t y = 0; y < kFrameHeight; ++y) {
+    for (std::uint32_t x = 0; x < kFrameWidth; ++x) {
+      pixels_[y * kFrameWidth + x] =
+          static_cast<std::uint8_t>(16 + (x + y) * 200 / (kFrameWidth + kFrameHeight));
     }
   }
-  record_.width = kWidth;
-  record_.height = kHeight;
+  record_.width = kFrameWidth;
+  record_.height = kFrameHeight;
   record_.dataSize = static_cast<std::uint32_t>(pixels_.size());
   record_.bufferMode = Ormis::kQetBufferUser;
   record_.imageType = Ormis::kQetImageYuv420sp;
@@ -61,7 +62,7 @@ Frame::Frame() : pixels_(kWidth * kHeight * 3 / 2, 128) {
 void Frame::Next() {
   constexpr std::uint32_t kStep = 16;
   Paint(pixels_, row_, kStep, 60);
-  row_ = (row_ + kStep) % (kHeight - kStep);
+  row_ = (row_ + kStep) % (kFrameHeight - kStep);
   Paint(pixels_, row_, kStep, 220);
 }
 
