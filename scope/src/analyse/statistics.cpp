@@ -77,13 +77,15 @@ double StandardDeviation(const std::vector<double>& values) {
 double NormalQuantile(double p) {
   if (!(p > 0 && p < 1)) throw std::invalid_argument("a normal quantile needs a probability in (0, 1)");
   if (p < 0.5) return -NormalQuantile(1 - p);
-  // Bisection: the standard library has no inverse of erfc, and speed does not matter here.
-  double low = 0;
-  double high = 40;
+  // Newton's method: the standard library has no inverse of erfc. To the right of 0 the tail is convex, so
+  // each step ends between the last value and the quantile.
+  constexpr double kRootOfTwoPi = 2.50662827463100050;
+  double quantile = 0;
   for (;;) {
-    const double middle = (low + high) / 2;
-    if (middle <= low || middle >= high) return low;  // no number is between them
-    (NormalTail(middle) > 1 - p ? low : high) = middle;
+    const double density = std::exp(-quantile * quantile / 2) / kRootOfTwoPi;
+    const double next = quantile + (NormalTail(quantile) - (1 - p)) / density;
+    if (!(next > quantile)) return quantile;
+    quantile = next;
   }
 }
 
