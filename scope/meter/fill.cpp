@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "patterns.h"
 #include "words.h"
 
 namespace scope {
@@ -18,7 +19,6 @@ namespace {
 // The pattern repeats after this. Longer than what a memory controller reorders, and quickly made.
 constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
-constexpr std::size_t kLineWords = 8;
 constexpr std::size_t kMostBuffers = 512;
 
 struct Buffer {
@@ -41,30 +41,21 @@ std::atomic<std::uint64_t> filledBytes{0};
 __attribute__((tls_model("initial-exec"))) thread_local Buffer lastSource;
 __attribute__((tls_model("initial-exec"))) thread_local Buffer lastDestination;
 
-// All lines of the bus switch with each step of `stepBytes`, and the victim goes against them.
-std::uint64_t WorstWord(std::size_t word) {
-  constexpr std::uint64_t kSteps[] = {0, 0xffffffff00000000U, 0xffff0000ffff0000U};
-  const std::size_t line = word / kLineWords;
-  const std::uint64_t step = kSteps[line / 64 % 3];
-  const std::uint64_t all = step != 0 ? step : (word % 2 == 0 ? 0 : ~std::uint64_t{0});
-  return all ^ (std::uint64_t{1} << line % 64);
-}
-
 std::uint64_t PatternWord(std::size_t word, std::uint64_t& random) {
   switch (pattern) {
     case Fill::kZeros:
       return 0;
     case Fill::kOnes:
-      return ~std::uint64_t{0};
+      return kAllBits;
     case Fill::kRandom:
       random ^= random << 13;
       random ^= random >> 7;
       random ^= random << 17;
       return random;
     case Fill::kChecker:
-      return word % 2 == 0 ? 0x5555555555555555U : 0xaaaaaaaaaaaaaaaaU;
+      return CheckerWord(word);
     case Fill::kWalking:
-      return (std::uint64_t{1} << word % 64) ^ (word / 64 % 2 == 0 ? 0 : ~std::uint64_t{0});
+      return WalkingWord(word);
     case Fill::kWorst:
       return WorstWord(word);
   }

@@ -295,7 +295,7 @@ function errorLines(run) {
   const sources = [...new Set(run.error_list.map(({source}) => source))];
   return sources.map((source, at) => {
     const times = run.error_list.filter((error) => error.source === source).map((error) => error.time_s);
-    const points = [{x: 0, y: 0}, ...times.map((x, i) => ({x, y: i + 1})), {x: run.duration_s, y: times.length}];
+    const points = [{x: 0, y: 0}, ...times.map((x, i) => ({x, y: i + 1})), {x: Math.max(run.duration_s, ...times), y: times.length}];
     return stripLine(source, at, points);
   });
 }

@@ -79,6 +79,16 @@ TEST(CompareFindings, WrongResultsComeFirst) {
   EXPECT_TRUE(findings[0].worse);
 }
 
+TEST(CompareFindings, ChangesOfGuardedMemoryAreMemoryErrors) {
+  scope::Run changed = Complete();
+  changed.info.guard.bytes = 1;
+  changed.info.errors = {{"guard", 2}};
+  const auto findings = Findings({Complete()}, {changed});
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0].text, "guard: memory errors in 1 of 1 run of B (2 in all), in none of A");
+  EXPECT_TRUE(findings[0].worse);
+}
+
 TEST(CompareFindings, TimeToTheFirstErrorIsToldOverTheRepeats) {
   EXPECT_EQ(Errors({Checked({7, 8}), Checked({}), Checked({2.5}), Checked({4})}),
             "errors in 3 of 4 runs of B; time to the first error: 2.5 s at the least, 4.0 s in the median");

@@ -63,6 +63,22 @@ TEST_F(MachineLoadTest, TimeOfTheBenchmarkAndOfTheRecorderIsNotThatOfOthers) {
       << "ticks that were counted late";
 }
 
+TEST_F(MachineLoadTest, TimeOfTheGuardIsNotThatOfOthers) {
+  constexpr pid_t kGuard = 90;
+  const auto others = [this](double timeS) {
+    for (const scope::CounterValue& value : load_.Read(timeS, kBenchmark, kGuard)) {
+      if (value.name == "others") return value.value;
+    }
+    return -1.0;
+  };
+  Put(1000, 0, 10, 2);
+  folder_.Put("proc/90/stat", Process(5));
+  EXPECT_EQ(others(1), -1);
+  Put(1002, 0, 11, 2);
+  folder_.Put("proc/90/stat", Process(5.5));
+  EXPECT_EQ(others(2), 0.5);
+}
+
 TEST_F(MachineLoadTest, TimeOfWhatTheBenchmarkStartsIsNotThatOfOthers) {
   const auto othersAt = [this](double timeS) { return Read(timeS)["load/others"]; };
   Put(1000, 0, 10, 0);

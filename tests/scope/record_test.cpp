@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -13,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "guarded.h"
 #include "latency_buckets.h"
 #include "report.h"
 #include "run_reader.h"
@@ -142,6 +144,71 @@ TEST_F(RecordTest, MemoryErrorsOfAControllerAreErrorsOfTheRun) {
   EXPECT_EQ(run.errors[0].source, "edac");
   EXPECT_EQ(run.errors[0].note, "3 more of mc0/ce_count");
   EXPECT_EQ(run.info.errors, (std::vector<std::pair<std::string, std::uint64_t>>{{"edac", 3}}));
+}
+
+// A recording with 1 MiB of guarded memory, to which `harm` does something.
+struct Guarded {
+  scope::RecordResult result;
+  scope::Run run;
+};
+
+Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>& harm) {
+  struct Harming : scope::View {
+    void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
+      if (harm) std::exchange(harm, nullptr)();
+    }
+    std::function<void()> harm;
+  } view;
+  view.harm = harm;
+  scope::RecordOptions options;
+  options.benchmark = SCRIPTED_METER;
+  options.meter = IDLE_LIBRARY;
+  options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
+  options.extra = {folder.Put("script", Script(2))};
+  options.folder = folder / "run";
+  options.systemRoot = folder / "system";
+  folder.Put("system/proc/meminfo", "MemAvailable: 4096 kB\n");
+  options.guard = "25%";
+  options.guardRate = 50;
+  scope::Signals signals;
+  Guarded guarded{scope::Record(options, view, signals), {}};
+  guarded.run = scope::ReadRun(folder / "run");
+  return guarded;
+}
+
+constexpr std::uint64_t kGuardedBytes = std::uint64_t{1} << 20;
+
+TEST_F(RecordTest, WhatTheGuardFindsIsAnErrorOfTheRun) {
+  bool isFlipped = false;
+  const Guarded guarded = RecordGuarded(folder_, [&isFlipped] {
+    const pid_t guard = guarded::Process();
+    isFlipped = guarded::Flip(guard, guarded::Address(guard, kGuardedBytes), 1'234'567);
+  });
+  ASSERT_TRUE(isFlipped);
+  EXPECT_EQ(guarded.result.errors, 1U);
+  EXPECT_TRUE(guarded.result.complete) << guarded.result.reason;
+  ASSERT_EQ(guarded.run.errors.size(), 1U);
+  EXPECT_EQ(guarded.run.errors[0].source, "guard");
+  EXPECT_EQ(guarded.run.errors[0].offset, 1'234'567U / 64 * 8);
+  const scope::RunInfo& info = guarded.run.info;
+  EXPECT_EQ(info.errors, (std::vector<std::pair<std::string, std::uint64_t>>{{"guard", 1}}));
+  EXPECT_EQ(info.conditions.guard, "25% at 50 MB/s");
+  EXPECT_EQ(info.guard.bytes, kGuardedBytes);
+  EXPECT_EQ(info.guard.errors, 1U);
+  EXPECT_GE(info.guard.walks, 1U);
+  const std::string text = scope::ReportText(scope::ReadRuns({run_}), 100);
+  EXPECT_THAT(text, testing::HasSubstr("guard: guarded memory changed at byte 154320: expected 0x"));
+  EXPECT_THAT(text, testing::HasSubstr("checked guard: 1 MiB of memory"));
+}
+
+TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
+  bool isKilled = false;
+  const Guarded guarded =
+      RecordGuarded(folder_, [&isKilled] { isKilled = kill(guarded::Process(), SIGKILL) == 0; });
+  ASSERT_TRUE(isKilled);
+  EXPECT_FALSE(guarded.result.complete);
+  EXPECT_EQ(guarded.result.reason, "the guard was ended by SIGKILL: memory was not guarded from then on");
+  EXPECT_EQ(guarded.run.info.incompleteReason, guarded.result.reason);
 }
 
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {

@@ -112,6 +112,8 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.counters = {{"edac", false, "why"}};
   info.conditions.fill = "random";
   info.conditions.verify = true;
+  info.conditions.guard = "1G at 100 MB/s";
+  info.guard = {1 << 30, "clflush", true, 9, 8, 7, 6, 5, 4};
   info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5}};
   info.errors = {{"cpu", 4}, {"edac", 1}};
   info.label = "words";
@@ -128,7 +130,7 @@ TEST(RunKeys, HaveTextsForPeople) {
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
   EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
-                                 "build_type: Release", "library_versions: libormis 1.0.0",
+                                 "guard: ", "build_type: Release", "library_versions: libormis 1.0.0",
                                  "platform_settings: memory device, flush clflushopt",
                                  "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
                                  "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",

@@ -179,4 +179,13 @@ TEST_F(VerifyProgramTest, NeedsTheMeter) {
               HasSubstr("expected one of zeros, ones, random, checker, walking, worst, found \"noise\""));
 }
 
+TEST_F(VerifyProgramTest, RefusesToGuardMoreThanThereIs) {
+  const std::string config = folder_.Put("c.yaml", "CPU: {Level: 1}\n");
+  const ToolResult result = RunTool({"record", config, "-o", folder_ / "run", "--guard", "900000G"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors,
+              AllOf(HasSubstr("--guard 900000G: only "), HasSubstr("MiB of memory are available")));
+  EXPECT_EQ(RunTool({"record", config, "--guard-rate", "5"}).status, 2) << "a rate of nothing";
+}
+
 }  // namespace

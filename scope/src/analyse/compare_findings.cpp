@@ -70,7 +70,9 @@ Troubles Collect(const std::vector<SummarisedRun>& runs) {
   for (const auto& [run, summary] : runs) {
     for (const auto& [source, count] : ErrorCounts(*run)) {
       // The counters themselves are looked at below.
-      if (source != kMemoryController) Add(troubles, {Trouble::kErrors, source}, static_cast<double>(count));
+      if (source == kMemoryController) continue;
+      const Trouble trouble = source == kGuardSource ? Trouble::kMemoryErrors : Trouble::kErrors;
+      Add(troubles, {trouble, source}, static_cast<double>(count));
     }
     if (!run->info.complete) Add(troubles, {Trouble::kIncomplete, ""}, 1, run->info.incompleteReason);
     for (const EngineSummary& engine : summary.engines) {

@@ -31,7 +31,7 @@ void AddFleet(CLI::App& app, int& status);
 void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
-/// Adds --fill and --verify, which need the meter. Call it after AddRunLimits.
+/// Adds --fill and --verify, which need the meter, and --guard. Call it after AddRunLimits.
 void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
 /// Adds --levels, --repeat, --warmup and --seed, which exclude `excluded` if it is not null. `point` is what

@@ -85,6 +85,14 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) 
                                                "Check the results of the engines; errors end with status 3");
   verify->excludes(noMeter);
   if (excluded != nullptr) verify->excludes(excluded);
+  CLI::Option* const guard =
+      AddUnless(command, excluded, "--guard", settings.guard, "SIZE",
+                "Watch so much memory for changes, as 512M or 25% of what is available");
+  command.add_option("--guard-rate", settings.guardRate, "How many MB of it are checked in a second")
+      ->type_name("NUMBER")
+      ->check(NumberFrom(1, 1e6))
+      ->capture_default_str()
+      ->needs(guard);
 }
 
 void AddRecord(CLI::App& app, int& status) {
@@ -113,7 +121,7 @@ void AddRecord(CLI::App& app, int& status) {
       "Examples:\n"
       "  stress_scope record config/all.yaml -o before --label \"tRFC 350\"\n"
       "  stress_scope record config/cpu.yaml --stop-after 15 --json\n"
-      "  stress_scope record config/all.yaml --fill random --verify");
+      "  stress_scope record config/all.yaml --fill random --verify --guard 512M");
   command->callback([options, output, &status] {
     if (options->folder.empty()) options->folder = TimedFolder("run-");
     RequireOwnFiles(options->exports, options->config, options->folder);

@@ -56,6 +56,7 @@ struct Conditions {
   bool meter = false;                                               ///< false: no samples, only rate lines
   std::string fill;     ///< what the meter filled sources and frames with; empty: as the program made them
   bool verify = false;  ///< the meter checked results, which costs some of the rates
+  std::string guard;    ///< memory that was guarded, as asked for: "512M at 100 MB/s"; empty: none
 };
 
 struct Configuration {
@@ -88,6 +89,22 @@ struct EngineCheck {
   double checkS = 0;           ///< time that the checks took, of all threads
 };
 
+/// What the guard of memory did; see Guard. All is 0 without one.
+struct GuardSummary {
+  std::uint64_t bytes = 0;         ///< of guarded memory
+  std::string reads;               ///< the instruction that keeps reads from the caches, or "none"
+  bool locked = false;             ///< the memory could not be swapped out
+  std::uint64_t walks = 0;         ///< through all of it, with the last one after the benchmark's end
+  std::uint64_t checkedBytes = 0;  ///< of the guarded time
+  double guardedS = 0;             ///< until the benchmark's end
+  double cpuS = 0;                 ///< processor time in it
+  std::uint64_t errors = 0;
+  std::uint64_t unlisted = 0;  ///< errors that are not in the table: too many at once, or the same again
+};
+
+/// MB of guarded memory that are checked in a second.
+constexpr double kUsualGuardRate = 100;
+
 /// How the benchmark is started and ended.
 struct RunSettings {
   std::string benchmark;  ///< program; empty: stress_benchmark beside this program
@@ -100,6 +117,8 @@ struct RunSettings {
   double hangAfterS = 0;           ///< the same at any time; 0: never before its end
   std::string fill;                ///< of kFillNames; empty: sources and frames are as the program makes them
   bool verify = false;             ///< the meter checks results
+  std::string guard;               ///< memory to guard; see GuardBytes; empty: none
+  double guardRate = kUsualGuardRate;
 };
 
 /// run.json.
@@ -117,6 +136,7 @@ struct RunInfo {
   Conditions conditions;
   std::vector<CounterSource> counters;
   std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
+  GuardSummary guard;
   /// From each source of errors ("cpu", "edac") to how many there were, in the table or not.
   std::vector<std::pair<std::string, std::uint64_t>> errors;
 };

@@ -38,6 +38,9 @@ std::string ErrorText(const RunError& error) {
       {"result", "a result differs from what the same source gave before"},
       {"threads", "a result differs from that of another thread"},
       {"passing", "a difference was gone when it was read again"},
+      {"event", "guarded memory changed"},
+      {"comes back", "guarded memory changed again, after it was repaired"},
+      {"stays", "guarded memory stays wrong when it is repaired"},
       {"corrected", "the memory controller corrected errors"},
       {"uncorrected", "the memory controller found errors that it could not correct"}};
   const auto at = kWords.find(error.what);
@@ -65,7 +68,7 @@ std::optional<double> FirstErrorS(const Run& run) {
 }
 
 bool LooksForErrors(const RunInfo& info) {
-  return info.conditions.verify || !info.errors.empty();
+  return info.conditions.verify || info.guard.bytes != 0 || !info.errors.empty();
 }
 
 std::string CheckText(const EngineCheck& check) {
@@ -89,6 +92,23 @@ std::string CheckText(const EngineCheck& check) {
                     : static_cast<double>(check.checked) / static_cast<double>(check.operations) * 100,
                 static_cast<unsigned long long>(check.whole)) +
          (check.errors == 0 ? "no error" : Counted(check.errors, "error"));
+}
+
+std::vector<std::string> CheckTexts(const RunInfo& info) {
+  std::vector<std::string> texts;
+  for (const EngineCheck& check : info.verification) texts.push_back(CheckText(check));
+  const GuardSummary& guard = info.guard;
+  if (guard.bytes == 0) return texts;
+  constexpr double kMebibyte = 1 << 20;
+  const double seconds = std::max(guard.guardedS, 1e-3);
+  const double gigabytes = static_cast<double>(guard.checkedBytes) / kBytesPerGigabyte;
+  texts.push_back(Format("guard: %.4g MiB of memory", static_cast<double>(guard.bytes) / kMebibyte) +
+                  (guard.locked ? "" : " (not locked: it may be swapped out)") +
+                  Format(", %.3g GB/s checked, %.3g CPUs, ", gigabytes / seconds, guard.cpuS / seconds) +
+                  Counted(guard.walks, "walk") +
+                  (guard.reads == "none" ? "; reads may come from a cache; " : "; ") +
+                  (guard.errors == 0 ? "no error" : Counted(guard.errors, "error")));
+  return texts;
 }
 
 }  // namespace scope

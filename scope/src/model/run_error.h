@@ -14,6 +14,8 @@ namespace scope {
 
 /// RunError::source of what the memory controllers of the machine count.
 constexpr const char* kMemoryController = "edac";
+/// RunError::source of memory that a guard watches.
+constexpr const char* kGuardSource = "guard";
 
 /// How many errors the entry stands for: a counter may grow by more than one.
 std::uint64_t ErrorsIn(const RunError& error);
@@ -33,5 +35,8 @@ bool LooksForErrors(const RunInfo& info);
 
 /// What was checked of an engine, in one sentence.
 std::string CheckText(const EngineCheck& check);
+
+/// What was checked of the run, a sentence each: its engines, and the guarded memory.
+std::vector<std::string> CheckTexts(const RunInfo& info);
 
 }  // namespace scope

@@ -38,6 +38,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"conditions", "meter", kMustAgree, "Every operation measured"}, machine.meter);
   visit(RunKey{"conditions", "fill", kMustAgree, "Data of sources and frames"}, machine.fill);
   visit(RunKey{"conditions", "verify", kMustAgree, "Results checked"}, machine.verify);
+  visit(RunKey{"conditions", "guard", kMustAgree, "Memory guarded"}, machine.guard);
   visit(RunKey{"conditions", "build_type", kMustAgree, "Build"}, machine.buildType);
   visit(RunKey{"conditions", "library_versions", kMustAgree, "Libraries"}, machine.libraryVersions);
   visit(RunKey{"conditions", "platform_settings", kMustAgree, "Platform's settings"},
@@ -57,6 +58,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
         machine.hostnameHash);
   visit(RunKey{"", "counters"}, info.counters);
   visit(RunKey{"", "verification"}, info.verification);
+  visit(RunKey{"", "guard"}, info.guard);
   visit(RunKey{"", "errors"}, info.errors);
 }
 

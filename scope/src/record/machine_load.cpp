@@ -109,7 +109,7 @@ std::vector<CounterSource> MachineLoad::Sources() const {
   return {SourceOf(kLoad, root_ + "/proc/stat"), SourceOf(kPressure, root_ + "/proc/pressure/cpu")};
 }
 
-std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark) {
+std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark, pid_t guard) {
   std::vector<CounterValue> values;
   const auto add = [&](const char* source, const char* name, const char* unit, double count) {
     const std::optional<double> rate = PerSecond(std::string(source) + "/" + name, count, timeS);
@@ -117,11 +117,14 @@ std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark) {
     if (rate) values.push_back({timeS, source, name, unit, std::max(0.0, *rate)});
   };
   const std::optional<ProcessTicks> recorder = ReadProcessTicks(root_ + "/proc/self/stat");
+  const std::optional<ProcessTicks> ofGuard =
+      ReadProcessTicks(root_ + "/proc/" + std::to_string(guard) + "/stat");
   const std::optional<double> ofBenchmark = ReadTreeTicks(root_ + "/proc", benchmark);
   if (const std::optional<CpuTimes> times = ReadCpuTimes(root_ + "/proc/stat")) {
     const auto ticksPerS = static_cast<double>(sysconf(_SC_CLK_TCK));
     if (recorder && ofBenchmark) {
-      add(kLoad, "others", "CPUs", (times->busy - recorder->own - *ofBenchmark) / ticksPerS);
+      const double own = recorder->own + (ofGuard ? ofGuard->own : 0) + *ofBenchmark;
+      add(kLoad, "others", "CPUs", (times->busy - own) / ticksPerS);
     }
     add(kLoad, "steal", "CPUs", times->steal / ticksPerS);
   }

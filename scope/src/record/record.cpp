@@ -19,11 +19,13 @@
 #include "configuration.h"
 #include "counters.h"
 #include "errors.h"
+#include "guard.h"
 #include "live_figures.h"
 #include "machine_load.h"
 #include "meter_reader.h"
 #include "preload_path.h"
 #include "program_files.h"
+#include "run_error.h"
 #include "saved_run.h"
 #include "signals.h"
 #include "supervisor.h"
@@ -57,6 +59,10 @@ class Recording {
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
     if (options.stopAfterS > 0) limits_.runTimeS = std::min(limits_.runTimeS, std::ceil(options.stopAfterS));
     supervisor_ = std::make_unique<Supervisor>(limits_);
+    if (!options.guard.empty()) {
+      guard_ = std::make_unique<Guard>(GuardBytes(options.guard, AvailableBytes(options.systemRoot)),
+                                       options.guardRate);
+    }
     // First: a folder that is replaced loses its old run.
     exports_ = std::make_unique<LiveExport>(options.exports, options.label, [this](const std::string& fault) {
       exportFaults_.push_back(fault + "; the run went on");
@@ -67,6 +73,7 @@ class Recording {
     load_ = std::make_unique<MachineLoad>(options.systemRoot);
     run_->AddSources(counters_->Sources());
     run_->AddSources(load_->Sources());
+    if (guard_ != nullptr) run_->AddSources({{kGuardSource, true, ""}});
   }
 
   RecordResult Run(Signals& signals) {
@@ -115,16 +122,18 @@ class Recording {
   double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
 
   void Step(Signals& signals) {
-    std::array<pollfd, 4> waits{{{signals.Descriptor(), POLLIN, 0},
+    std::array<pollfd, 5> waits{{{signals.Descriptor(), POLLIN, 0},
                                  {meter_->Descriptor(), POLLIN, 0},
                                  {output_.AtEnd() ? -1 : child_->Output(), POLLIN, 0},
-                                 {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0}}};
+                                 {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0},
+                                 {guard_ == nullptr ? -1 : guard_->Descriptor(), POLLIN, 0}}};
     (void)poll(waits.data(), waits.size(), kPollMs);
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
     // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
     const bool ended = child_->HasEnded();
     ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
+    ReadGuard(&Guard::Read);
     if (counterTimeS_ <= TimeS()) ReadCounters();
     Do(ended ? supervisor_->BenchmarkEnded({child_->ExitStatus(), child_->EndSignal(), MeterState()})
              : supervisor_->TimePassed(TimeS()));
@@ -190,6 +199,19 @@ class Recording {
     }
   }
 
+  void ReadGuard(void (Guard::*read)(std::uint64_t, std::vector<RunError>&, std::vector<CounterValue>&)) {
+    if (guard_ == nullptr) return;
+    const bool wasWell = guard_->Fault().empty();
+    std::vector<RunError> errors;
+    std::vector<CounterValue> values;
+    (guard_.get()->*read)(startNs_, errors, values);
+    run_->Add(std::move(errors));
+    run_->Add(values);
+    if (wasWell && !guard_->Fault().empty()) {
+      Fail(guard_->Fault() + ": memory was not guarded from then on");
+    }
+  }
+
   void TellOfFill() const {
     if (options_.fill.empty()) return;
     const FillCounts& filled = meter_->Filled();
@@ -204,7 +226,8 @@ class Recording {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
     std::vector<CounterValue> values = counters_->Read(timeS);
-    for (CounterValue& value : load_->Read(timeS, child_->Id())) values.push_back(std::move(value));
+    for (CounterValue& value : load_->Read(timeS, child_->Id(), guard_ == nullptr ? -1 : guard_->Id()))
+      values.push_back(std::move(value));
     run_->Add(values);
     exports_->Add(timeS, values);
   }
@@ -224,6 +247,10 @@ class Recording {
     TellOfFill();
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
     run_->SetChecks(meter_->Checks());
+    if (guard_ != nullptr) {
+      ReadGuard(&Guard::End);
+      run_->SetGuard(guard_->Summary());
+    }
     run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
                        meter_->Unmeasured() == 0);
     const std::vector<std::string>& failures =
@@ -250,6 +277,7 @@ class Recording {
   std::unique_ptr<Counters> counters_;
   std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;
+  std::unique_ptr<Guard> guard_;  ///< null without one
   std::unique_ptr<ChildProcess> child_;
   LineReader output_;
   LineReader errors_;

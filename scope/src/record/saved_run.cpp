@@ -54,6 +54,9 @@ SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault o
   info_.incompleteReason = kRecorderEnded;
   info_.conditions.fill = options.fill;
   info_.conditions.verify = options.verify;
+  if (!options.guard.empty()) {
+    info_.conditions.guard = options.guard + Format(" at %g MB/s", options.guardRate);
+  }
 }
 
 void SavedRun::AddSources(const std::vector<CounterSource>& sources) {
@@ -120,14 +123,21 @@ void SavedRun::Add(std::vector<RunError> errors) {
 
 void SavedRun::SetChecks(std::vector<EngineCheck> checks) {
   info_.verification = std::move(checks);
-  for (const EngineCheck& check : info_.verification) {
-    const auto at = std::find_if(info_.errors.begin(), info_.errors.end(),
-                                 [&check](const auto& one) { return one.first == check.engine; });
-    if (at != info_.errors.end()) {
-      at->second = std::max(at->second, check.errors);
-    } else if (check.errors != 0) {
-      info_.errors.emplace_back(check.engine, check.errors);
-    }
+  for (const EngineCheck& check : info_.verification) CountAtLeast(check.engine, check.errors);
+}
+
+void SavedRun::SetGuard(const GuardSummary& guard) {
+  info_.guard = guard;
+  CountAtLeast(kGuardSource, guard.errors);
+}
+
+void SavedRun::CountAtLeast(const std::string& source, std::uint64_t errors) {
+  const auto at = std::find_if(info_.errors.begin(), info_.errors.end(),
+                               [&source](const auto& one) { return one.first == source; });
+  if (at != info_.errors.end()) {
+    at->second = std::max(at->second, errors);
+  } else if (errors != 0) {
+    info_.errors.emplace_back(source, errors);
   }
 }
 

@@ -39,7 +39,7 @@ class SavedRun {
   void AddLog(const std::vector<std::string>& lines);
   void Add(const MeterSecond& second);
   void Add(const std::vector<CounterValue>& values);
-  /// Errors that the meter found.
+  /// Errors that the meter or the guard found.
   void Add(std::vector<RunError> errors);
 
   /// True after SetLibraries.
@@ -59,6 +59,9 @@ class SavedRun {
   /// How results were checked. Adds the errors that no row of the table has.
   void SetChecks(std::vector<EngineCheck> checks);
 
+  /// What the guard did. Adds the errors that no row of the table has.
+  void SetGuard(const GuardSummary& guard);
+
   /// Errors of all sources so far, in the table or not.
   std::uint64_t Errors() const;
 
@@ -66,6 +69,7 @@ class SavedRun {
   const std::vector<std::string>& End(double durationS, int exitStatus, int signal);
 
  private:
+  void CountAtLeast(const std::string& source, std::uint64_t errors);
   void TakeWhatPlatformLogged();
   template <typename Write>
   void Save(Write write);

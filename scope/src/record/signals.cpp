@@ -11,6 +11,11 @@
 
 namespace scope {
 
+std::string SignalText(int signal) {
+  const char* const name = sigabbrev_np(signal);
+  return name == nullptr ? "signal " + std::to_string(signal) : "SIG" + std::string(name);
+}
+
 Signals::Signals() {
   sigset_t set;
   sigemptyset(&set);

@@ -2,8 +2,12 @@
 #pragma once
 
 #include <csignal>
+#include <string>
 
 namespace scope {
+
+/// "SIGKILL", or "signal 40" for one without a name.
+std::string SignalText(int signal);
 
 /// Makes SIGINT, SIGTERM and SIGCHLD readable from a descriptor. While this object exists, they have no other
 /// effect, and a closed pipe does not end this program. No handler is installed. Threads: the main thread,

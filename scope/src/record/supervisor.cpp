@@ -2,8 +2,8 @@
 #include "supervisor.h"
 
 #include <algorithm>
-#include <cstring>
 
+#include "signals.h"
 #include "text_format.h"
 
 namespace scope {
@@ -20,11 +20,6 @@ constexpr double kSameSignalS = 1;
 
 std::string Seconds(double seconds) {
   return Format("%.3g s", seconds);
-}
-
-std::string SignalText(int signal) {
-  const char* const name = sigabbrev_np(signal);
-  return name == nullptr ? "signal " + std::to_string(signal) : "SIG" + std::string(name);
 }
 
 }  // namespace

@@ -175,7 +175,7 @@ Json RunJson(const ReportedRun& reported, double warmupS) {
   }
   run["error_list"] = ErrorsJson(reported.run.errors);
   run["first_error_s"] = OrNull(FirstErrorS(reported.run));
-  run["checks"] = Column(info.verification, [](const EngineCheck& check) { return Json(CheckText(check)); });
+  run["checks"] = CheckTexts(info);
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);

@@ -80,9 +80,7 @@ std::string ErrorsText(const Run& run) {
     text += Format("    %.3f s ", run.errors[i].timeS) + Printable(ErrorText(run.errors[i])) + "\n";
   }
   if (count > kShown) text += "    all that are listed: errors.csv\n";
-  for (const EngineCheck& check : run.info.verification) {
-    text += "  checked " + Printable(CheckText(check)) + "\n";
-  }
+  for (const std::string& check : CheckTexts(run.info)) text += "  checked " + Printable(check) + "\n";
   return text;
 }
 

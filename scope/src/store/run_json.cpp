@@ -125,6 +125,30 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "check_s", check.checkS);
 }
 
+static void to_json(Json& json, const GuardSummary& guard) {
+  json = {{"bytes", guard.bytes},
+          {"reads", guard.reads},
+          {"locked", guard.locked},
+          {"walks", guard.walks},
+          {"checked_bytes", guard.checkedBytes},
+          {"guarded_s", guard.guardedS},
+          {"cpu_s", guard.cpuS},
+          {"errors", guard.errors},
+          {"unlisted", guard.unlisted}};
+}
+
+static void from_json(const Json& json, GuardSummary& guard) {
+  Take(json, "bytes", guard.bytes);
+  Take(json, "reads", guard.reads);
+  Take(json, "locked", guard.locked);
+  Take(json, "walks", guard.walks);
+  Take(json, "checked_bytes", guard.checkedBytes);
+  Take(json, "guarded_s", guard.guardedS);
+  Take(json, "cpu_s", guard.cpuS);
+  Take(json, "errors", guard.errors);
+  Take(json, "unlisted", guard.unlisted);
+}
+
 std::string RunInfoText(const RunInfo& info) {
   return ToJson(info).dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
