@@ -66,6 +66,9 @@ class GuardedMemory {
   /// Checks the next block and adds what is wrong to `errors`. Repairs it, and reads it again.
   void Step(std::vector<GuardedError>& errors);
 
+  /// True between two walks.
+  bool IsAtStart() const { return next_ == 0; }
+
   unsigned char* Data() const { return data_; }
   std::size_t Bytes() const { return blocks_.size() * kBlockBytes; }
   bool IsLocked() const { return isLocked_; }

@@ -52,8 +52,11 @@ class GuardLoop {
       Report();
     }
     Send(GuardPacket::Type::kCounts);
-    // What changed since the walk came by is found, too.
-    for (std::size_t i = 0; i < memory_->Bytes() / GuardedMemory::kBlockBytes; ++i) Step();
+    // What changed since the walk came by is found, too. The rest of this walk is none of all blocks.
+    while (!memory_->IsAtStart()) Step();
+    do {
+      Step();
+    } while (!memory_->IsAtStart());
     Send(GuardPacket::Type::kEnd);
   }
 

@@ -30,9 +30,9 @@ struct GuardPacket {
 
 /// Starts a process that guards `bytes` of memory and checks at most `bytesPerS` of them a second.
 /// `descriptor` gets the recorder's end of a socket of packets. When the recorder shuts down its writing
-/// side, the guard walks once through all of the memory as fast as it can, says so, and ends. It ends at once
-/// when this program dies, and ignores all signals that ask a program to end. Throws std::runtime_error if
-/// there is no process.
+/// side, the guard ends its walk, makes one more as fast as it can, says so, and ends. It ends at once when
+/// this program dies, and ignores the signals that ask a program to end. Throws std::runtime_error if there
+/// is no process.
 pid_t StartGuardProcess(std::uint64_t bytes, double bytesPerS, int& descriptor);
 
 }  // namespace scope

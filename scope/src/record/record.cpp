@@ -133,7 +133,7 @@ class Recording {
     const bool ended = child_->HasEnded();
     ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
-    ReadGuard(&Guard::Read);
+    ReadGuard(false);
     if (counterTimeS_ <= TimeS()) ReadCounters();
     Do(ended ? supervisor_->BenchmarkEnded({child_->ExitStatus(), child_->EndSignal(), MeterState()})
              : supervisor_->TimePassed(TimeS()));
@@ -199,12 +199,16 @@ class Recording {
     }
   }
 
-  void ReadGuard(void (Guard::*read)(std::uint64_t, std::vector<RunError>&, std::vector<CounterValue>&)) {
+  void ReadGuard(bool toItsEnd) {
     if (guard_ == nullptr) return;
     const bool wasWell = guard_->Fault().empty();
     std::vector<RunError> errors;
     std::vector<CounterValue> values;
-    (guard_.get()->*read)(startNs_, errors, values);
+    if (toItsEnd) {
+      guard_->End(startNs_, errors, values);
+    } else {
+      guard_->Read(startNs_, errors, values);
+    }
     run_->Add(std::move(errors));
     run_->Add(values);
     if (wasWell && !guard_->Fault().empty()) {
@@ -248,7 +252,7 @@ class Recording {
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
     run_->SetChecks(meter_->Checks());
     if (guard_ != nullptr) {
-      ReadGuard(&Guard::End);
+      ReadGuard(true);
       run_->SetGuard(guard_->Summary());
     }
     run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
