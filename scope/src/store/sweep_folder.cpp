@@ -33,6 +33,8 @@ template <typename Settings, typename Visit>
 void ForEachNewSetting(Settings& settings, Visit visit) {
   visit("fill", settings.fill);
   visit("verify", settings.verify);
+  visit("guard", settings.guard);
+  visit("guard_rate", settings.guardRate);
   visit("hang_after_s", settings.hangAfterS);
 }
 
