@@ -128,13 +128,14 @@ TEST_F(VerifyProgramTest, RightResultsAreNoErrorsAndTheShareIsTold) {
 }
 
 // The first copy of a source is compared whole. A result from which a thread learns is one of eight, and its
-// place is not known. The network's outputs are small, so that most of them are checked.
+// place is not known. The network's outputs are small, so that most of them are checked: one right one after
+// those from which the thread learns, and one of the wrong ones.
 TEST_F(VerifyProgramTest, AWrongBitOfEachEngineIsFound) {
   const ToolResult result = Record(
       "CPU: {Level: 1}\nVPC: {Level: 1}\nVENC: {Level: 2}\nAIC: {Level: 1, File: " TINY_NETWORK "}\n",
       "memcpy_s:1:flip=4123457,QetImageResize:3:flip=70001,QetVenc::GetStream:4:flip=777,"
-      "QetDNNModelProcess:20-:flip=9",
-      {{"memcpy_s", 2}, {"QetImageResize", 12}, {"QetVenc::GetStream", 30}, {"QetDNNModelProcess", 60}},
+      "QetDNNModelProcess:100-:flip=9",
+      {{"memcpy_s", 2}, {"QetImageResize", 12}, {"QetVenc::GetStream", 60}, {"QetDNNModelProcess", 300}},
       {"--verify"});
   EXPECT_EQ(result.status, 3) << result.errors;
   EXPECT_TRUE(run_.info.complete) << "the benchmark did what it had to";
