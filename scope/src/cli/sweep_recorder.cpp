@@ -114,7 +114,12 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
   if (last.state == CellState::kInterrupted) return;
   ++run.lost;
   run.reason = "did not come back: ";
-  run.reason += sweep_.bootId == bootId_ ? "the recorder was killed" : "the machine was started again";
+  if (bootId_.empty()) {
+    run.reason += "the recorder or the machine died";
+  } else {
+    run.reason += sweep_.bootId == bootId_ ? "the recorder was killed" : "the machine was started again";
+  }
+  isLeftMade_ = true;
   if (run.lost > 1) run.reason += ", " + std::to_string(run.lost) + " times";
   const bool isTriedAgain = run.lost <= sweep_.margin.tries;
   Tell(run.folder + " (" + PointText(run.levels, run.settings) + ") " + run.reason +
@@ -219,7 +224,7 @@ bool SweepRecorder::RecordAll() {
 }
 
 bool SweepRecorder::Restore() {
-  if (!HasSettings() || begun_ == 0) return true;
+  if (!HasSettings() || (begun_ == 0 && !isLeftMade_)) return true;
   BoardSettings first;
   for (const auto& [name, values] : sweep_.boardAxes) first.emplace_back(name, values.front());
   const std::string what = "the first values, " + PointText({}, first) + ", are not made: ";

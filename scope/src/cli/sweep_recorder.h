@@ -45,6 +45,7 @@ class SweepRecorder {
   double runS_ = 0;
   std::vector<SweepRun*> toRecord_;  // of the whole grid, in order
   std::size_t begun_ = 0;
+  bool isLeftMade_ = false;  ///< the settings of a run in which the recorder or the machine died
   // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
   Signals signals_;
 };

@@ -85,6 +85,11 @@ SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
   }
   if (json.contains("settings")) run.settings = SettingsFromJson(json.at("settings"));
   GetFieldIfThere(json, "lost", run.lost);
+  constexpr int kMostLost = 1'000'000;
+  if (run.lost < 0 || run.lost > kMostLost) {
+    throw DamagedFolder(path + ": expected for \"lost\" a number from 0 to " + std::to_string(kMostLost) +
+                        ", found " + std::to_string(run.lost));
+  }
   GetFieldIfThere(json, "attempt", run.attempt);
   GetField(json, "repeat", run.repeat);
   GetField(json, "order", run.order);
@@ -120,6 +125,13 @@ void RequireBoardAxes(const Sweep& sweep, const std::string& path) {
   }
   if (sweep.boardAxes.empty()) return;
   if (sweep.margin.apply.empty()) throw DamagedFolder(path + ": no command makes the settings");
+  if (sweep.margin.tries < 0) {
+    throw DamagedFolder(path + ": expected tries of 0 or more, found " + std::to_string(sweep.margin.tries));
+  }
+  if (sweep.margin.edge && !sweep.axes.empty()) {
+    throw DamagedFolder(path + ": an edge is looked for in settings alone, found levels of " +
+                        sweep.axes.front().section);
+  }
   const BoardSettings& chosen = sweep.margin.chosen;
   const bool isPoint =
       std::equal(chosen.begin(), chosen.end(), sweep.boardAxes.begin(), sweep.boardAxes.end(),
@@ -151,8 +163,11 @@ void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
   if (sweep.settings.repeats < 1) throw DamagedFolder(path + ": expected repeats of 1 or more");
   const auto repeats = static_cast<std::size_t>(sweep.settings.repeats);
   std::size_t count = repeats;
-  for (const SweepAxis& axis : sweep.axes) count *= axis.levels.size();
-  for (const SettingAxis& axis : sweep.boardAxes) count *= axis.second.size();
+  // The product does not wrap around, whatever the file says: more than a file can have stays that.
+  constexpr std::size_t kTooMany = std::size_t{1} << 32;
+  const auto multiply = [&count](std::size_t values) { count = count > kTooMany ? count : count * values; };
+  for (const SweepAxis& axis : sweep.axes) multiply(axis.levels.size());
+  for (const SettingAxis& axis : sweep.boardAxes) multiply(axis.second.size());
   if (count != sweep.runs.size()) {
     throw DamagedFolder(path + ": the grid has " + Counted(count, "run") + ", found " +
                         std::to_string(sweep.runs.size()));
@@ -179,6 +194,7 @@ void GetMargin(const SeriesJson& json, Sweep& sweep) {
   if (!json.contains("settings")) return;
   for (const auto& [name, values] : json.at("settings").items())
     sweep.boardAxes.emplace_back(name, values.get<std::vector<std::string>>());
+  if (sweep.boardAxes.empty()) throw UserError("expected settings with values, found none");
   json.at("apply").get_to(sweep.margin.apply);
   sweep.margin.chosen = SettingsFromJson(json.at("at"));
   GetField(json, "edge", sweep.margin.edge);
