@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 /// Reaches into the memory of a running guard from outside, as a fault of the memory would.
 namespace guarded {
@@ -28,14 +29,32 @@ inline pid_t Process() {
   return -1;
 }
 
-/// The address of its memory, which has `bytes`: no other mapping is of this size. 0 if there is none.
+/// The address of its memory, which has `bytes`: a mapping of this size between two pages that nobody may
+/// touch. A sanitizer has others of this size. 0 if there is none.
 inline std::uint64_t Address(pid_t guard, std::uint64_t bytes) {
+  struct Mapping {
+    std::uint64_t from = 0;
+    std::uint64_t to = 0;
+    std::string rights;
+  };
+  const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  const auto isBarrier = [page](const Mapping& one) {
+    return one.rights == "---p" && one.to - one.from == page;
+  };
   std::ifstream maps("/proc/" + std::to_string(guard) + "/maps");
+  Mapping before;
+  Mapping memory;
   for (std::string line; std::getline(maps, line);) {
     char* end = nullptr;
-    const std::uint64_t from = std::strtoull(line.c_str(), &end, 16);
-    const std::uint64_t to = std::strtoull(end + 1, &end, 16);
-    if (to - from == bytes && std::string(end).rfind(" rw-p", 0) == 0) return from;
+    Mapping behind;
+    behind.from = std::strtoull(line.c_str(), &end, 16);
+    behind.to = std::strtoull(end + 1, &end, 16);
+    behind.rights = std::string(end).substr(1, 4);
+    if (memory.to - memory.from == bytes && memory.rights == "rw-p" && isBarrier(before) &&
+        isBarrier(behind) && before.to == memory.from && behind.from == memory.to) {
+      return memory.from;
+    }
+    before = std::exchange(memory, behind);
   }
   return 0;
 }
