@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "engine_rows.h"
+#include "run_error.h"
 
 namespace {
 
@@ -49,10 +50,19 @@ TEST(CompareFindings, NoneWhereNothingIsAmiss) {
   EXPECT_THAT(Findings({Complete()}, {Counting("thermal", "zone0", 9)}), IsEmpty());
 }
 
-// A checked run with an error of the engine at each of `times`.
+EngineCheck Check(const char* engine, const char* state) {
+  EngineCheck check;
+  check.engine = engine;
+  check.state = state;
+  return check;
+}
+
+// A judged run with an error of the engine at each of `times`.
 scope::Run Checked(const std::vector<double>& times) {
   scope::Run run = Complete();
   run.info.conditions.verify = true;
+  run.info.config.levels = {{"vpc", 1}, {"cpu", 0}};
+  run.info.verification = {Check("vpc", "judged")};
   for (const double timeS : times) {
     RunError error;
     error.timeS = timeS;
@@ -98,7 +108,48 @@ TEST(CompareFindings, NoErrorInSomeRunsBoundsTheFailureRate) {
   EXPECT_EQ(Errors(std::vector<scope::Run>(12, Checked({}))),
             "no error in 12 runs of B: failure rate below 0.25 per run, 95 %");
   EXPECT_EQ(Errors({Checked({})}), "no error in 1 run of B: failure rate below 1 per run, 95 %");
-  EXPECT_EQ(Errors({Checked({}), Complete()}), "") << "nothing looked for errors in one of them";
+}
+
+TEST(CompareFindings, OnlyRunsThatWereJudgedAreRunsWithoutErrors) {
+  scope::Run unjudged = Checked({});
+  unjudged.info.verification = {Check("vpc", "sources change")};
+  EXPECT_EQ(Errors({unjudged, unjudged}), "no error in 2 runs of B, but none of them was judged");
+  EXPECT_EQ(Errors({Complete()}), "") << "nobody asked";
+  EXPECT_EQ(Errors({Checked({}), Checked({}), unjudged, Complete()}),
+            "no error in 2 runs of B (2 more not judged): failure rate below 1 per run, 95 %");
+  EXPECT_EQ(Errors({Checked({7}), unjudged}),
+            "errors in 1 of 1 run of B (1 more not judged); time to the first error: 7.0 s at the least, "
+            "7.0 s in the median");
+  unjudged.info.errors = {{"guard", 1}};
+  EXPECT_EQ(Errors({unjudged}), "errors in 1 of 1 run of B") << "whatever was judged";
+}
+
+TEST(CompareFindings, LookingForErrorsIsJudgingEachEngineOrWatchingMemory) {
+  RunInfo info = Checked({}).info;
+  EXPECT_TRUE(AreResultsJudged(info));
+  EXPECT_TRUE(LooksForErrors(info));
+  info.config.levels.emplace_back("aic", 1);
+  EXPECT_FALSE(LooksForErrors(info)) << "an engine that never worked";
+  info.verification.push_back(Check("aic", "learning"));
+  EXPECT_FALSE(LooksForErrors(info));
+  info.guard.bytes = 1;
+  info.guard.walks = 1;
+  EXPECT_FALSE(LooksForErrors(info)) << "the guard does not look at results, which was asked for";
+  info.verification.back().state = "judged";
+  EXPECT_TRUE(LooksForErrors(info));
+  info.verification.clear();
+  EXPECT_FALSE(LooksForErrors(info)) << "the recorder was killed";
+  info = RunInfo();
+  EXPECT_FALSE(LooksForErrors(info));
+  info.guard.bytes = 1;
+  EXPECT_FALSE(LooksForErrors(info)) << "the guard did not come round";
+  info.guard.walks = 1;
+  EXPECT_TRUE(LooksForErrors(info));
+  info = RunInfo();
+  info.counters = {{"edac", false, "no memory controller"}, {"thermal", true, ""}};
+  EXPECT_FALSE(LooksForErrors(info));
+  info.counters[0].present = true;
+  EXPECT_TRUE(LooksForErrors(info));
 }
 
 TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "guard.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -23,7 +27,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 constexpr std::size_t kBytes = 4 * GuardedMemory::kBlockBytes;
 
@@ -292,6 +296,42 @@ TEST(Guard, OneThatIsKilledSaysSo) {
   WaitForError(guard, seen);
   EXPECT_EQ(guard.Fault(), "the guard was ended by SIGKILL");
   EXPECT_EQ(guard.Descriptor(), -1);
+}
+
+// The files that a process has open, by their descriptors.
+std::map<int, std::string> OpenFiles(pid_t process) {
+  std::map<int, std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+    std::error_code gone;  // the one that lists the folder
+    files[std::stoi(entry.path().filename())] = std::filesystem::read_symlink(entry.path(), gone);
+  }
+  return files;
+}
+
+TEST(Guard, HasNoFileOfTheRecorder) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Put("lock", "");
+  // One below the guard's socket and one above it.
+  const int low = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int high = fcntl(low, F_DUPFD_CLOEXEC, 200);
+  ASSERT_EQ(OpenFiles(getpid()).at(low), path);
+  ASSERT_EQ(OpenFiles(getpid()).at(high), path);
+  const Guard guard(kGuarded, 100);
+  int sockets = 0;
+  for (const auto& [descriptor, file] : OpenFiles(guard.Id())) {
+    if (descriptor <= STDERR_FILENO) {
+      EXPECT_EQ(file, "/dev/null");
+    } else if (file.find("socket:") == 0) {
+      ++sockets;
+      EXPECT_GT(descriptor, low);
+      EXPECT_LT(descriptor, high);
+    } else {
+      EXPECT_EQ(file, "/proc/" + std::to_string(guard.Id()) + "/pagemap") << "opened by the guard";
+    }
+  }
+  EXPECT_EQ(sockets, 1);
+  (void)close(low);
+  (void)close(high);
 }
 
 TEST(Guard, DoesNotOutliveItsOwner) {

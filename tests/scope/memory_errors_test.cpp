@@ -9,7 +9,7 @@
 namespace {
 
 using ::testing::IsEmpty;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 CounterValue Count(double timeS, const char* name, double value) {
   return {timeS, "edac", name, "errors", value};

@@ -146,20 +146,30 @@ std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const 
 std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side) {
   std::vector<double> times;
   std::size_t failed = 0;
+  std::size_t judged = 0;
+  bool isAsked = false;
   for (const SummarisedRun& one : runs) {
-    if (!LooksForErrors(one.run->info) && ErrorsOf(*one.run) == 0) return {};
-    if (ErrorsOf(*one.run) == 0) continue;
+    const RunInfo& info = one.run->info;
+    const bool hasErrors = ErrorsOf(*one.run) != 0;
+    isAsked = isAsked || info.conditions.verify || info.guard.bytes != 0;
+    judged += hasErrors || LooksForErrors(info) ? 1 : 0;
+    if (!hasErrors) continue;
     ++failed;
     if (const std::optional<double> firstS = FirstErrorS(*one.run)) times.push_back(*firstS);
   }
-  const std::string of = Counted(runs.size(), "run") + " of " + side;
+  const std::string of = Counted(judged, "run") + " of " + side;
+  const std::string unjudged =
+      judged == runs.size() ? "" : Format(" (%zu more not judged)", runs.size() - judged);
+  if (judged == 0) {
+    if (!isAsked) return {};
+    return "no error in " + Counted(runs.size(), "run") + " of " + side + ", but none of them was judged";
+  }
   if (failed == 0) {
     // The rule of three: with this rate, n runs without an error have a chance of 5 %.
-    return "no error in " + of +
-           Format(": failure rate below %.2g per run, 95 %%",
-                  std::min(1.0, 3 / static_cast<double>(runs.size())));
+    return "no error in " + of + unjudged +
+           Format(": failure rate below %.2g per run, 95 %%", std::min(1.0, 3 / static_cast<double>(judged)));
   }
-  std::string text = Format("errors in %zu of ", failed) + of;
+  std::string text = Format("errors in %zu of ", failed) + of + unjudged;
   if (times.empty()) return text;
   return text + Format("; time to the first error: %.1f s at the least, %.1f s in the median",
                        *std::min_element(times.begin(), times.end()), Median(times));

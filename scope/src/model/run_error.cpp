@@ -10,6 +10,8 @@
 namespace scope {
 namespace {
 
+constexpr const char* kJudged = "judged";
+
 // "thread 0, operation 986: ".
 std::string Who(const RunError& error) {
   std::string text;
@@ -67,8 +69,25 @@ std::optional<double> FirstErrorS(const Run& run) {
   return first == run.errors.end() ? std::nullopt : std::optional(first->timeS);
 }
 
+bool AreResultsJudged(const RunInfo& info) {
+  const auto isJudged = [&info](const auto& level) {
+    return level.second == 0 || std::any_of(info.verification.begin(), info.verification.end(),
+                                            [&level](const EngineCheck& check) {
+                                              return check.engine == level.first && check.state == kJudged;
+                                            });
+  };
+  return !info.verification.empty() &&
+         std::all_of(info.config.levels.begin(), info.config.levels.end(), isJudged) &&
+         std::all_of(info.verification.begin(), info.verification.end(),
+                     [](const EngineCheck& check) { return check.state == kJudged; });
+}
+
 bool LooksForErrors(const RunInfo& info) {
-  return info.conditions.verify || info.guard.bytes != 0 || !info.errors.empty();
+  if (info.conditions.verify) return AreResultsJudged(info);
+  return info.guard.walks != 0 ||
+         std::any_of(info.counters.begin(), info.counters.end(), [](const CounterSource& source) {
+           return source.present && source.source == kMemoryController;
+         });
 }
 
 std::string CheckText(const EngineCheck& check) {
@@ -79,7 +98,7 @@ std::string CheckText(const EngineCheck& check) {
       {"not deterministic", "the same source gives different results by nature"},
       {"unreadable", "the processor cannot read the results"},
       {"unknown", "the records of this platform are not known"}};
-  if (check.state != "judged") {
+  if (check.state != kJudged) {
     const auto why = kWhy.find(check.state);
     return check.engine + ": not judged: " + (why == kWhy.end() ? check.state : why->second);
   }

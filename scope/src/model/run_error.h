@@ -30,7 +30,11 @@ std::uint64_t ErrorsOf(const Run& run);
 /// When the first error was found; none without errors.
 std::optional<double> FirstErrorS(const Run& run);
 
-/// True if a run without errors says that memory kept its contents: something looked at it.
+/// True if the results of each engine with a level above 0 were judged, and there was one.
+bool AreResultsJudged(const RunInfo& info);
+
+/// True if a run without errors says that memory kept its contents. With --verify all engines have to be
+/// judged; without it the guard looks, or a counter of the memory controllers.
 bool LooksForErrors(const RunInfo& info);
 
 /// What was checked of an engine, in one sentence.
