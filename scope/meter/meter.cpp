@@ -2,7 +2,7 @@
 
 /// libstress_scope.so is preloaded in front of a platform library. It takes the calls of the operations that
 /// do work, passes them on and measures them. It changes no argument and no status. On request it also fills
-/// the sources of operations with a pattern, and checks their results.
+/// the sources of operations with a pattern, checks their results, and counts the ones that miss a deadline.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -13,6 +13,7 @@
 #include <ctime>
 #include <string>
 
+#include "deadlines.h"
 #include "fill.h"
 #include "link_names.h"
 #include "ormis/memcpy_s.h"
@@ -118,9 +119,10 @@ __attribute__((constructor)) void Start() {
   scope::Extras wanted;
   wanted.fill = scope::PrepareFill();
   wanted.verify = verify != nullptr && *verify == '1';
+  wanted.deadlines = scope::PrepareDeadlines();
   if (!scope::StartReporting(hostPlatform, known ? library.dli_fname : nullptr, wanted)) return;
   extras = wanted;
-  watches = wanted.fill || wanted.verify;
+  watches = wanted.fill || wanted.verify || wanted.deadlines;
 }
 
 __attribute__((destructor)) void Stop() {
@@ -176,6 +178,7 @@ std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countByte
   }
   const Bytes bytes = countBytes();
   counters->Succeeded(end - start, bytes.count, bytes.known);
+  if (extras.deadlines) scope::CountDeadline(*counters, end - start);
   if (extras.verify) after(*counters, end - start);
   return status;
 }
@@ -328,6 +331,7 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
   const std::int32_t status = MeasureStep(*counters, [&] { return nextReleaseStream(this, stream); });
   if (status == 0) {
     counters->Succeeded(encode.busyNs, encode.bytes, encode.bytes != 0);
+    if (Watches() && extras.deadlines) scope::CountDeadline(*counters, encode.busyNs);
     encode = {};
   }
   return status;

@@ -17,6 +17,7 @@
 #include <ctime>
 
 #include "checker.h"
+#include "deadlines.h"
 #include "fill.h"
 
 namespace scope {
@@ -148,6 +149,12 @@ void SendExtras() {
     FillPacket fill = FillCounts();
     fill.header = Header(PacketType::kFill);
     (void)Send(&fill, sizeof(fill));
+  }
+  for (std::uint32_t i = 0; reported.deadlines && i < kEngineCount; ++i) {
+    DeadlinePacket deadline = DeadlineCounts(static_cast<Engine>(i));
+    if (deadline.operations == 0) continue;
+    deadline.header = Header(PacketType::kDeadline);
+    (void)Send(&deadline, sizeof(deadline));
   }
   if (!reported.verify) return;
   SendErrors();

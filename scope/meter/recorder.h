@@ -41,6 +41,7 @@ ThreadCounters* CountersOf(Engine engine);
 struct Extras {
   bool fill = false;
   bool verify = false;
+  bool deadlines = false;
 };
 
 /// Starts the reporting thread if the environment names a reader's socket. Otherwise nothing is recorded.

@@ -41,6 +41,7 @@ function showReport(data) {
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
   const counters = charts.counters();
   const errors = errorParts(data.runs);
+  const deadlines = deadlineParts(data.runs);
 
   showPage({
     heading: 'stress_scope report',
@@ -49,6 +50,7 @@ function showReport(data) {
     figures: data.figures,
     sections: [
       ...(errors.length > 0 ? [section('Errors', ...errors)] : []),
+      ...(deadlines.length > 0 ? [section('Deadlines', ...deadlines)] : []),
       section('Warnings', warningList(data.runs)),
       summarySection(data, engines, totals),
       ...engines.map((engine, i) => engineSection(data.runs, engine, ofEngines[i])),

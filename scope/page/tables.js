@@ -172,6 +172,14 @@ function errorParts(runs) {
   });
 }
 
+// How often the engines missed their deadlines. Nothing if none had one.
+function deadlineParts(runs) {
+  return runs.filter((run) => run.deadline_texts.length > 0).flatMap((run) => [
+    ...(runs.length > 1 ? [el('h3', {}, run.name)] : []),
+    el('ul', {}, run.deadline_texts.map((text) => el('li', {}, text))),
+  ]);
+}
+
 // One row per source, for all runs together.
 function counterTable(runs) {
   const sources = [...new Set(runs.flatMap((run) => run.counters.map((entry) => entry.source)))];

@@ -11,17 +11,19 @@
 /// The meter sends a Hello first. Then, for each second, it sends one ThreadSample with its buckets for every
 /// thread and engine that has worked so far, and an EndOfSecond. A sample holds the work since that thread's
 /// last sample that was sent. A sample that could not be sent is part of the next one, so the sum of all
-/// samples is exact. A meter that fills or verifies sends FillPackets, CheckPackets and ErrorPackets between
-/// the samples and the EndOfSecond.
+/// samples is exact. A meter that fills, verifies or knows deadlines sends FillPackets, CheckPackets,
+/// ErrorPackets and DeadlinePackets between the samples and the EndOfSecond.
 namespace scope {
 
 constexpr const char* kDescriptorVariable = "STRESS_SCOPE_FD";
 /// The environment asks the meter for more than counting. Each is absent where it was not asked for.
 constexpr const char* kFillVariable = "STRESS_SCOPE_FILL";      ///< a name of kFillNames
 constexpr const char* kVerifyVariable = "STRESS_SCOPE_VERIFY";  ///< "1": check results as they pass
-constexpr std::uint32_t kMeterMagic = 0x43535453;               // "STSC"
+/// Ids of engines and nanoseconds: "vpc=16700000,aic=50000000".
+constexpr const char* kDeadlinesVariable = "STRESS_SCOPE_DEADLINES";
+constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
 /// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
-constexpr std::uint32_t kMeterVersion = 2;
+constexpr std::uint32_t kMeterVersion = 3;
 
 /// kCpu: memcpy_s. kVpc: QetImageResize. kVenc: SendFrame, GetStream and ReleaseStream count as one
 /// operation. kAic: QetDNNModelProcess; a failed QetDNNModelInitialize counts as one failure. kVpcCopy:
@@ -43,7 +45,8 @@ enum class PacketType : std::uint32_t {
   kEndOfSecond = 2,
   kFill = 3,
   kCheck = 4,
-  kError = 5
+  kError = 5,
+  kDeadline = 6
 };
 
 /// The patterns that sources and frames can be filled with.
@@ -148,6 +151,18 @@ struct CheckPacket {
   std::uint64_t checkNs;   ///< time that the checks took
 };
 
+/// After each second of a meter that knows deadlines, for each engine that has one and has worked. All counts
+/// are so far, of operations that succeeded.
+struct DeadlinePacket {
+  PacketHeader header;
+  Engine engine;
+  std::uint32_t reserved;
+  std::uint64_t deadlineNs;
+  std::uint64_t operations;
+  std::uint64_t missed;      ///< operations that took longer
+  std::uint64_t longestRun;  ///< of misses, one after the other on one thread
+};
+
 /// One error of a meter that verifies.
 struct ErrorPacket {
   PacketHeader header;  ///< its time is that of the check
@@ -165,7 +180,7 @@ struct ErrorPacket {
 };
 
 static_assert(std::is_trivially_copyable_v<FillPacket> && std::is_trivially_copyable_v<CheckPacket> &&
-                  std::is_trivially_copyable_v<ErrorPacket>,
+                  std::is_trivially_copyable_v<ErrorPacket> && std::is_trivially_copyable_v<DeadlinePacket>,
               "packets are bytes");
 static_assert(std::is_trivially_copyable_v<HelloPacket> && std::is_trivially_copyable_v<ThreadSamplePacket> &&
                   std::is_trivially_copyable_v<EndOfSecondPacket>,

@@ -113,6 +113,10 @@ class MeterCasesTest : public ::testing::Test {
         order_ += 'E';
         ASSERT_EQ(size, ssize_t{sizeof(scope::EndOfSecondPacket)});
         std::memcpy(&ends_.emplace_back(), bytes.data(), sizeof(scope::EndOfSecondPacket));
+      } else if (header.type == scope::PacketType::kDeadline) {
+        order_ += 'D';
+        ASSERT_EQ(size, ssize_t{sizeof(scope::DeadlinePacket)});
+        std::memcpy(&deadlines_.emplace_back(), bytes.data(), sizeof(scope::DeadlinePacket));
       } else {
         order_ += 'S';
         TakeSample(bytes.data(), static_cast<std::size_t>(size));
@@ -139,11 +143,12 @@ class MeterCasesTest : public ::testing::Test {
   int endSignal_ = -1;
   std::vector<std::string> output_;
   std::vector<std::string> errors_;
-  std::string order_;  ///< of the packets: H, S and E
+  std::string order_;  ///< of the packets: H, S, D and E
   std::vector<scope::PacketHeader> headers_;
   scope::HelloPacket hello_{};
   std::vector<SamplePacket> samples_;
   std::vector<scope::EndOfSecondPacket> ends_;
+  std::vector<scope::DeadlinePacket> deadlines_;
 };
 
 TEST_F(MeterCasesTest, EveryFieldOfThePacketsIsExact) {
@@ -181,6 +186,39 @@ TEST_F(MeterCasesTest, EveryFieldOfThePacketsIsExact) {
   ASSERT_EQ(getsockopt(writer_, SOL_SOCKET, SO_SNDTIMEO, &wait, &size), 0);
   EXPECT_EQ(wait.tv_sec, 5);
   EXPECT_EQ(wait.tv_usec, 0);
+}
+
+TEST_F(MeterCasesTest, CountsOperationsThatMissTheirDeadlineAndTheLongestRun) {
+  // A call takes the time to four times as much. An encode is three calls, each of them below its deadline.
+  Run({"time:1000:0", "cpu", "time:60000:0", "cpu", "cpu", "cpu", "time:1000:0", "cpu", "time:60000:0", "cpu",
+       "cpu", "time:10000:0", "encode:1:0", "time:100000:0", "resize:1:0:1:0"},
+      {{scope::kDeadlinesVariable, "cpu=50000,venc=29999,aic=1"}});
+  EXPECT_EQ(exitStatus_, 0);
+  ASSERT_EQ(order_, "HSSSDDE");
+  EXPECT_EQ(deadlines_[0].engine, Engine::kCpu);
+  EXPECT_EQ(deadlines_[0].deadlineNs, 50'000U);
+  EXPECT_EQ(deadlines_[0].operations, 7U);
+  EXPECT_EQ(deadlines_[0].missed, 5U);
+  EXPECT_EQ(deadlines_[0].longestRun, 3U);
+  EXPECT_EQ(deadlines_[1].engine, Engine::kVenc);
+  EXPECT_EQ(deadlines_[1].operations, 1U);
+  EXPECT_EQ(deadlines_[1].missed, 1U);
+  EXPECT_EQ(deadlines_[1].longestRun, 1U);
+}
+
+TEST_F(MeterCasesTest, AnOperationThatTakesItsDeadlineExactlyIsInTimeAndAFailedOneDoesNotCount) {
+  const Steps steps = {"time:1000:2", "cpu", "cpu", "cpu", "cpu"};  // every second call fails
+  Run(steps);
+  ASSERT_EQ(samples_.size(), 1U);
+  EXPECT_EQ(samples_[0].head.failures, 2U);
+  const std::uint64_t longest = samples_[0].head.maxNs;
+  ASSERT_GT(longest, 1'000U);
+  for (const std::uint64_t shorter : {0U, 1U}) {
+    Run(steps, {{scope::kDeadlinesVariable, "cpu=" + std::to_string(longest - shorter)}});
+    ASSERT_FALSE(deadlines_.empty());
+    EXPECT_EQ(deadlines_.back().operations, 2U);
+    EXPECT_EQ(deadlines_.back().missed, shorter);
+  }
 }
 
 TEST_F(MeterCasesTest, ASecondHasOnlyItsOwnWorkAndOnlyTheLastOneWaits) {

@@ -271,6 +271,33 @@ TEST_F(MeterReaderTest, RefusesErrorsAndChecksThatItDoesNotKnow) {
   EXPECT_THAT(ErrorOfRead(), HasSubstr("a check that cannot be read"));
 }
 
+TEST_F(MeterReaderTest, ReadsMissedDeadlinesAndThePercentileOfAllThreads) {
+  SendHello();
+  Send(SampleOf(scope::Engine::kCpu));
+  SendEnd(1'000'000'000);
+  scope::DeadlinePacket deadline{};
+  deadline.header = Header(PacketType::kDeadline);
+  deadline.engine = scope::Engine::kCpu;
+  deadline.deadlineNs = 900;
+  deadline.operations = 7;
+  deadline.missed = 4;
+  deadline.longestRun = 3;
+  Send(deadline);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(reader_.Deadlines().size(), 1U);
+  const scope::EngineDeadline read = reader_.Deadlines()[0];
+  EXPECT_EQ(read.engine, "cpu");
+  EXPECT_EQ(read.deadlineNs, 900U);
+  EXPECT_EQ(read.operations, 7U);
+  EXPECT_EQ(read.missed, 4U);
+  EXPECT_EQ(read.longestRun, 3U);
+  EXPECT_EQ(read.p999Ns, reader_.Latencies().at({"cpu", 0}).Percentile(0.999));
+  EXPECT_NE(read.p999Ns, 0U);
+  deadline.engine = static_cast<scope::Engine>(scope::kEngineCount);
+  Send(deadline);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("a deadline that cannot be read"));
+}
+
 TEST_F(MeterReaderTest, NumbersSecondsAndLeavesOutThoseThatAreMissing) {
   SendHello();
   for (const std::uint64_t ms : {1'020U, 2'020U, 3'770U, 5'530U, 8'400U, 8'700U}) {

@@ -55,8 +55,8 @@ std::string Script(int seconds) {
 
 class RecordTest : public ::testing::Test {
  protected:
-  scope::RecordResult Record(const std::string& config, const std::string& script, scope::View& view) {
-    scope::RecordOptions options;
+  scope::RecordResult Record(const std::string& config, const std::string& script, scope::View& view,
+                             scope::RecordOptions options = {}) {
     options.benchmark = SCRIPTED_METER;
     options.meter = IDLE_LIBRARY;
     options.config = folder_.Put("c.yaml", config);
@@ -70,6 +70,27 @@ class RecordTest : public ::testing::Test {
   TemporaryFolder folder_;
   std::string run_ = folder_ / "run";
 };
+
+TEST_F(RecordTest, SavesMissedDeadlinesAndIsLateAboveTheShareThatMayMiss) {
+  scope::RecordOptions options;
+  options.deadlines = {{"cpu", 5'000}};
+  options.force = true;
+  for (const bool late : {false, true}) {
+    options.failOver = late ? 0.02 : 0.04;
+    scope::View view;
+    const scope::RecordResult result =
+        Record("CPU:\n  Level: 2\n", Script(1) + "deadline 0 300 9\nsecond 1030\n", view, options);
+    EXPECT_EQ(result.late, late);
+    EXPECT_TRUE(result.complete) << result.reason;
+    const scope::RunInfo info = scope::ReadRun(run_).info;
+    ASSERT_EQ(info.deadlines.size(), 1U);
+    EXPECT_EQ(info.deadlines[0].engine, "cpu");
+    EXPECT_EQ(info.deadlines[0].missed, 9U);
+  }
+  EXPECT_THAT(scope::ReportText(scope::ReadRuns({run_}), 80),
+              testing::HasSubstr(
+                  "\n  deadline cpu 5.00 us: 3 % of 300 operations late (9), at most 9 in a row, p99.9 "));
+}
 
 TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {
   constexpr int kSeconds = 12;

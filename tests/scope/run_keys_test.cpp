@@ -47,6 +47,7 @@ std::set<std::string> WrittenKeys() {
   info.conditions.caches.emplace_back();
   info.counters.emplace_back();
   info.verification.emplace_back();
+  info.deadlines.emplace_back();
   std::set<std::string> keys;
   AddLeaves(Json::parse(scope::RunInfoText(info)), "", keys);
   return keys;
@@ -115,6 +116,7 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.conditions.guard = "1G at 100 MB/s";
   info.guard = {1 << 30, "clflush", true, 9, 8, 7, 6, 5, 4};
   info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5}};
+  info.deadlines = {{"vpc", 16'700'000, 9, 8, 7, 6}};
   info.errors = {{"cpu", 4}, {"edac", 1}};
   info.label = "words";
   info.exitStatus = 3;

@@ -4,6 +4,7 @@
 /// usage: scripted_meter CONFIG SCRIPT
 /// A line of the script is one of
 ///   sample ENGINE THREAD [BUCKET COUNT]...   work of a thread on the engine with this number
+///   deadline ENGINE OPERATIONS MISSED       counts of an engine whose deadline the environment names
 ///   second MS                                end of a second, this long after the start
 ///   print LINE                               to standard output
 /// The last packet says that the program ends. Every operation has 1000 bytes.
@@ -66,6 +67,18 @@ void SendSample(std::istringstream& words, std::uint64_t timeNs) {
   Send(packet.data(), packet.size());
 }
 
+void SendDeadline(std::istringstream& words, std::uint64_t timeNs) {
+  if (std::getenv(kDeadlinesVariable) == nullptr) std::exit(5);
+  DeadlinePacket deadline{};
+  deadline.header = Header(PacketType::kDeadline, timeNs);
+  std::uint32_t engine = 0;
+  words >> engine >> deadline.operations >> deadline.missed;
+  deadline.engine = static_cast<Engine>(engine);
+  deadline.deadlineNs = 5'000;
+  deadline.longestRun = deadline.missed;
+  Send(&deadline, sizeof(deadline));
+}
+
 void SendEnd(std::uint64_t timeNs, bool last) {
   EndOfSecondPacket end{};
   end.header = Header(PacketType::kEndOfSecond, timeNs);
@@ -92,6 +105,8 @@ int main(int argc, char** argv) {
     words >> what;
     if (what == "sample") {
       SendSample(words, timeNs);
+    } else if (what == "deadline") {
+      SendDeadline(words, timeNs);
     } else if (what == "second") {
       std::uint64_t ms = 0;
       words >> ms;

@@ -32,7 +32,7 @@ int RunRecord(const RecordOptions& options, Output output) {
     Print((result.complete ? "saved in " : "incomplete, saved in ") + Printable(options.folder) + "\n");
   }
   if (result.errors != 0) return kExitErrors;
-  return result.complete && result.exported ? kExitOk : kExitFailure;
+  return result.complete && result.exported && !result.late ? kExitOk : kExitFailure;
 }
 
 // Adds an option that excludes `excluded` if that is not null.
@@ -41,6 +41,25 @@ CLI::Option* AddUnless(CLI::App& command, CLI::Option* excluded, const char* nam
                        const char* type, const char* help) {
   CLI::Option* const option = command.add_option(name, value, help)->type_name(type);
   return excluded == nullptr ? option : option->excludes(excluded);
+}
+
+void AddDeadlines(CLI::App& command, RecordOptions& options) {
+  CLI::Option* const deadline =
+      command
+          .add_option_function<std::vector<std::string>>(
+              "--deadline",
+              [&options](const std::vector<std::string>& texts) {
+                for (const std::string& text : texts) options.deadlines.push_back(ParseDeadline(text));
+              },
+              "Count operations that take longer, as vpc=16.7ms; may be given for several engines")
+          ->type_name("ENGINE=TIME")
+          ->excludes(command.get_option("--no-meter"));
+  command
+      .add_option_function<std::string>(
+          "--fail-over", [&options](const std::string& text) { options.failOver = ParseMissedShare(text); },
+          "End with status 1 if more of the operations miss their deadline, as 0.1%")
+      ->type_name("SHARE")
+      ->needs(deadline);
 }
 
 }  // namespace
@@ -116,6 +135,7 @@ void AddRecord(CLI::App& app, int& status) {
       ->type_name("FILE");
   AddRunSettings(*command, *options, nullptr);
   AddChecks(*command, *options, nullptr);
+  AddDeadlines(*command, *options);
   AddOutput(*command, *output);
   command->footer(
       "Examples:\n"

@@ -89,6 +89,16 @@ struct EngineCheck {
   double checkS = 0;           ///< time that the checks took, of all threads
 };
 
+/// How often an engine missed its deadline.
+struct EngineDeadline {
+  std::string engine;
+  std::uint64_t deadlineNs = 0;
+  std::uint64_t operations = 0;  ///< that succeeded
+  std::uint64_t missed = 0;      ///< those of them that took longer
+  std::uint64_t longestRun = 0;  ///< of misses, one after the other on one thread
+  std::uint64_t p999Ns = 0;      ///< 99.9th percentile of all of them
+};
+
 /// What the guard of memory did; see Guard. All is 0 without one.
 struct GuardSummary {
   std::uint64_t bytes = 0;         ///< of guarded memory
@@ -136,6 +146,7 @@ struct RunInfo {
   Conditions conditions;
   std::vector<CounterSource> counters;
   std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
+  std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;
   /// From each source of errors ("cpu", "edac") to how many there were, in the table or not.
   std::vector<std::pair<std::string, std::uint64_t>> errors;

@@ -124,6 +124,8 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
     TakeError(bytes, size);
   } else if (header.type == PacketType::kCheck) {
     TakeCheck(bytes, size);
+  } else if (header.type == PacketType::kDeadline) {
+    TakeDeadline(bytes, size);
   } else if (header.type == PacketType::kFill) {
     const auto fill = Unpack<FillPacket>(bytes, size, "fill");
     filled_ = {fill.buffers, fill.bytes, fill.refused};
@@ -224,6 +226,29 @@ std::vector<EngineCheck> MeterReader::Checks() const {
   std::vector<EngineCheck> checks;
   for (const auto& [row, check] : checks_) checks.push_back(check);
   return checks;
+}
+
+void MeterReader::TakeDeadline(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<DeadlinePacket>(bytes, size, "deadline");
+  const auto row = static_cast<std::size_t>(packet.engine);
+  if (row >= Engines().size()) {
+    throw UserError("the meter sent a deadline that cannot be read: engine " + std::to_string(row));
+  }
+  deadlines_[row] = {Engines()[row].id, packet.deadlineNs, packet.operations,
+                     packet.missed,     packet.longestRun, 0};
+}
+
+std::vector<EngineDeadline> MeterReader::Deadlines() const {
+  std::vector<EngineDeadline> deadlines;
+  for (const auto& [row, deadline] : deadlines_) {
+    Histogram all;
+    for (const auto& [key, histogram] : latencies_) {
+      if (key.first == deadline.engine) all.Add(histogram);
+    }
+    deadlines.push_back(deadline);
+    deadlines.back().p999Ns = all.Percentile(0.999);
+  }
+  return deadlines;
 }
 
 void MeterReader::Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds) {

@@ -67,6 +67,8 @@ class MeterReader {
   /// How results were checked so far, in the order of the engines.
   std::vector<EngineCheck> Checks() const;
   const FillCounts& Filled() const { return filled_; }
+  /// Of the engines that have a deadline and have worked, so far, in the order of the engines.
+  std::vector<EngineDeadline> Deadlines() const;
 
   /// Latencies of the whole run by engine and thread.
   const std::map<std::pair<std::string, int>, Histogram>& Latencies() const { return latencies_; }
@@ -77,6 +79,7 @@ class MeterReader {
   void TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
   void TakeError(const char* bytes, std::size_t size);
   void TakeCheck(const char* bytes, std::size_t size);
+  void TakeDeadline(const char* bytes, std::size_t size);
   void Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds);
 
   std::uint64_t startNs_;
@@ -90,7 +93,8 @@ class MeterReader {
   MeterSecond pending_;
   std::map<std::string, Histogram> pendingLatencies_;
   std::vector<RunError> errors_;
-  std::map<std::size_t, EngineCheck> checks_;  ///< by the row of the engine
+  std::map<std::size_t, EngineCheck> checks_;        ///< by the row of the engine
+  std::map<std::size_t, EngineDeadline> deadlines_;  ///< as well
   FillCounts filled_;
   int second_ = 0;  ///< the last one
   double timeS_ = 0;

@@ -55,6 +55,7 @@ class Recording {
     if (options.useMeter) preload_ = std::make_unique<PreloadPath>(FindMeter(options.meter));
     unsigned int runTimeS = 0;
     Configuration config = ReadConfiguration(options.config, runTimeS);
+    RequireDeadlines(options.deadlines, config.levels);
     if (!options.savedConfig.empty()) config.path = options.savedConfig;
     limits_.runTimeS = options.runTimeS != 0 ? options.runTimeS : runTimeS;
     if (options.stopAfterS > 0) limits_.runTimeS = std::min(limits_.runTimeS, std::ceil(options.stopAfterS));
@@ -88,6 +89,11 @@ class Recording {
     view_.End();
     RecordResult result = Finish();
     result.hung = supervisor_->Hung();
+    if (options_.failOver) {
+      const std::vector<std::string> late = MissedTooOften(meter_->Deadlines(), *options_.failOver);
+      for (const std::string& sentence : late) Tell(sentence);
+      result.late = !late.empty();
+    }
     return result;
   }
 
@@ -111,6 +117,9 @@ class Recording {
                            {kDescriptorVariable, std::to_string(meter_->ChildEnd())}};
       if (!options_.fill.empty()) child.environment.emplace_back(kFillVariable, options_.fill);
       if (options_.verify) child.environment.emplace_back(kVerifyVariable, "1");
+      if (!options_.deadlines.empty()) {
+        child.environment.emplace_back(kDeadlinesVariable, DeadlinesText(options_.deadlines));
+      }
       child.inherit = meter_->ChildEnd();
     }
     child_ = std::make_unique<ChildProcess>(child);
@@ -250,7 +259,7 @@ class Recording {
     ReadCounters();
     TellOfFill();
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
-    run_->SetChecks(meter_->Checks());
+    run_->SetChecks(meter_->Checks(), meter_->Deadlines());
     if (guard_ != nullptr) {
       ReadGuard(true);
       run_->SetGuard(guard_->Summary());

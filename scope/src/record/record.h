@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "deadline.h"
 #include "live_export.h"
 #include "live_figures.h"
 #include "run.h"
@@ -12,13 +14,15 @@
 namespace scope {
 
 struct RecordOptions : RunSettings {
-  std::string config;         ///< the benchmark's configuration file
-  std::string savedConfig;    ///< its path in run.json, if it will be moved; empty: `config`
-  std::string folder;         ///< the run folder to make
-  bool force = false;         ///< replace an existing run in the folder
-  std::string label;          ///< the user's text, saved with the run
-  unsigned int runTimeS = 0;  ///< 0: as the configuration says
-  ExportFiles exports;        ///< for other programs, while the benchmark runs
+  std::string config;               ///< the benchmark's configuration file
+  std::string savedConfig;          ///< its path in run.json, if it will be moved; empty: `config`
+  std::string folder;               ///< the run folder to make
+  bool force = false;               ///< replace an existing run in the folder
+  std::string label;                ///< the user's text, saved with the run
+  unsigned int runTimeS = 0;        ///< 0: as the configuration says
+  ExportFiles exports;              ///< for other programs, while the benchmark runs
+  std::vector<Deadline> deadlines;  ///< one for each engine at most
+  std::optional<double> failOver;   ///< most operations, as a share, that may miss their deadline; none: all
 };
 
 struct RecordResult {
@@ -27,6 +31,7 @@ struct RecordResult {
   std::string reason;        ///< why it failed, as printed on standard error; empty if it did not
   std::uint64_t errors = 0;  ///< wrong results and memory errors that were found
   bool exported = true;      ///< false: an export file could not be written to the end. The run is whole
+  bool late = false;         ///< more operations missed their deadline than RecordOptions::failOver
   bool hung = false;         ///< it failed because the benchmark did not end
 };
 

@@ -121,7 +121,8 @@ void SavedRun::Add(std::vector<RunError> errors) {
   if (!errors.empty()) Save([&] { writer_.Add(errors); });
 }
 
-void SavedRun::SetChecks(std::vector<EngineCheck> checks) {
+void SavedRun::SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines) {
+  info_.deadlines = std::move(deadlines);
   info_.verification = std::move(checks);
   for (const EngineCheck& check : info_.verification) CountAtLeast(check.engine, check.errors);
 }

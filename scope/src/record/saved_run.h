@@ -57,7 +57,7 @@ class SavedRun {
   void FindFailures(const std::string& fault, double endS, bool allCounted);
 
   /// How results were checked. Adds the errors that no row of the table has.
-  void SetChecks(std::vector<EngineCheck> checks);
+  void SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines);
 
   /// What the guard did. Adds the errors that no row of the table has.
   void SetGuard(const GuardSummary& guard);

@@ -9,6 +9,7 @@
 
 #include "compare.h"
 #include "compare_values.h"
+#include "deadline.h"
 #include "engines.h"
 #include "page_data.h"
 #include "report.h"
@@ -176,6 +177,9 @@ Json RunJson(const ReportedRun& reported, double warmupS) {
   run["error_list"] = ErrorsJson(reported.run.errors);
   run["first_error_s"] = OrNull(FirstErrorS(reported.run));
   run["checks"] = CheckTexts(info);
+  run["deadline_texts"] = Json::array();
+  for (const EngineDeadline& deadline : info.deadlines)
+    run["deadline_texts"].push_back(DeadlineText(deadline));
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 
+#include "deadline.h"
 #include "engines.h"
 #include "printable.h"
 #include "report.h"
@@ -98,6 +99,9 @@ std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) 
       text += "  no meter: only rate lines, without operations, bytes and latencies\n";
     }
     text += ErrorsText(reported.run);
+    for (const EngineDeadline& deadline : reported.run.info.deadlines) {
+      text += "  deadline " + Printable(DeadlineText(deadline)) + "\n";
+    }
     for (const Warning& warning : reported.warnings) text += "  warning: " + Printable(warning.text) + "\n";
   }
   return text;

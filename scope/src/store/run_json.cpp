@@ -125,6 +125,21 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "check_s", check.checkS);
 }
 
+static void to_json(Json& json, const EngineDeadline& deadline) {
+  json = {{"engine", deadline.engine},          {"deadline_ns", deadline.deadlineNs},
+          {"operations", deadline.operations},  {"missed", deadline.missed},
+          {"longest_run", deadline.longestRun}, {"p999_ns", deadline.p999Ns}};
+}
+
+static void from_json(const Json& json, EngineDeadline& deadline) {
+  Take(json, "engine", deadline.engine);
+  Take(json, "deadline_ns", deadline.deadlineNs);
+  Take(json, "operations", deadline.operations);
+  Take(json, "missed", deadline.missed);
+  Take(json, "longest_run", deadline.longestRun);
+  Take(json, "p999_ns", deadline.p999Ns);
+}
+
 static void to_json(Json& json, const GuardSummary& guard) {
   json = {{"bytes", guard.bytes},
           {"reads", guard.reads},
