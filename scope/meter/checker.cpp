@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "checker.h"
 
+#include "streams.h"
+
 namespace scope {
 namespace {
 
@@ -9,9 +11,11 @@ namespace {
 constexpr std::uint64_t kShareOf = 1000;
 constexpr std::uint64_t kShare = 15;
 constexpr std::size_t kPartBytes = std::size_t{32} << 10;
-// A program that writes its sources is recognised in these first operations.
-constexpr std::uint64_t kFirstOperations = 64;
 constexpr int kMostChanges = 3;
+// A program that writes something into each source, or into each of some frames, does so again within these.
+constexpr int kHeldOperations = 16;
+// The thread has gone over to other work.
+constexpr int kMostMissed = 64;
 constexpr std::size_t kListedErrors = 256;
 
 Checker checkers[kCounterSets];
@@ -34,18 +38,20 @@ bool List(const ErrorPacket& error) {
 }
 
 bool IsLast(const ErrorPacket& last, const ErrorPacket& error) {
-  return last.operation != 0 && last.kind == error.kind && last.placed == error.placed &&
-         last.address == error.address && last.offset == error.offset && last.expected == error.expected &&
-         last.found == error.found && last.bits == error.bits;
+  return last.operation != 0 && last.kind == error.kind && last.thread == error.thread &&
+         last.placed == error.placed && last.address == error.address && last.offset == error.offset &&
+         last.expected == error.expected && last.found == error.found && last.bits == error.bits;
 }
 
-// The program has written its source: what was learnt from it is of no use any more.
-void Forget(Checker& checker) {
-  checker.source = nullptr;
-  checker.content = nullptr;
-  checker.key = 0;
-  checker.learnt = false;
-  checker.observations = 0;
+// The word has been looked at often enough, or cannot be looked at any more. One that was seen only once says
+// nothing.
+void EndHolding(Checker& checker) {
+  const int left = checker.held.left.exchange(0, std::memory_order_acquire);
+  if (left == 0 || left == kHeldOperations) return;
+  ErrorPacket& error = checker.held.error;
+  if (checker.held.isBack) error.kind = ErrorKind::kPassing;
+  checker.wrongSource = !checker.held.isBack;
+  AddError(checker, error);
 }
 
 }  // namespace
@@ -95,19 +101,85 @@ bool MayJudge(Engine engine) {
   return StateOf(engine) <= CheckState::kAlone;
 }
 
-bool KnowSource(Checker& checker, Engine engine, const Spans& sources) {
-  if (sources.count == 0) return true;
-  if (checker.source == sources.list[0].data && checker.sourceBytes == sources.total) return true;
-  Forget(checker);
+void ForgetWork(Checker& checker) {
+  EndHolding(checker);
+  checker.kind = 0;
+  checker.source = nullptr;
+  checker.content = nullptr;
+  checker.wrongSource = false;
+  checker.key = 0;
+  checker.learnt = false;
+  checker.observations = 0;
+  checker.table = nullptr;
+}
+
+bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind) {
+  if (checker.works != 0 && !MaySpend(checker, checker.learnNs)) return false;
+  const std::uint64_t start = NowNs();
+  ForgetWork(checker);
   if (!CanRead(sources)) {
     RaiseState(engine, CheckState::kUnreadable);
     return false;
   }
-  checker.source = sources.list[0].data;
-  checker.sourceBytes = sources.total;
+  checker.kind = Mixed(kind, sources.total);
+  checker.source = sources.Begin();
   checker.cursor = 0;
-  checker.content = KeepContent(sources);
+  checker.missed = 0;
+  if (sources.count != 0) checker.content = KeepContent(sources);
+  checker.learnNs = NowNs() - start;
+  if (checker.works++ != 0) Spent(checker, checker.learnNs);
   return true;
+}
+
+bool KnowWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind) {
+  if (checker.kind == Mixed(kind, sources.total) && checker.source == sources.Begin()) {
+    checker.missed = 0;
+    return true;
+  }
+  if (checker.kind != 0 && ++checker.missed < kMostMissed) return false;
+  return LearnWork(checker, engine, sources, kind);
+}
+
+bool KnowPlace(Checker& checker, Engine engine, const Spans& results) {
+  for (const Span& place : checker.places) {
+    if (place.data == results.Begin() && place.bytes == results.total) return true;
+  }
+  if (checker.placesSeen != 0 && !MaySpend(checker, checker.readNs)) return false;
+  const std::uint64_t start = NowNs();
+  if (!CanRead(results)) {
+    RaiseState(engine, CheckState::kUnreadable);
+    return false;
+  }
+  checker.places[checker.placesSeen % Checker::kMostPlaces] = {results.Begin(), results.total};
+  checker.readNs = NowNs() - start;
+  if (checker.placesSeen++ != 0) Spent(checker, checker.readNs);
+  return true;
+}
+
+bool LookAgain(Checker& checker, Engine engine, const Spans& sources) {
+  HeldDifference& held = checker.held;
+  const int left = held.left.load(std::memory_order_relaxed);
+  if (left == 0) return true;
+  const std::size_t bytes = std::min(sizeof(std::uint64_t), sources.total - held.error.offset);
+  Difference now;
+  const bool isBack = SameInMemory(checker.content->copy, sources, held.error.offset, bytes, now);
+  if ((!isBack && now.found != held.error.found) || (held.isBack && !isBack)) {
+    held.left.store(0, std::memory_order_relaxed);
+    ForgetWork(checker);
+    RaiseState(engine, CheckState::kSourcesChange);
+    return false;
+  }
+  held.isBack = isBack;
+  if (left == 1) {
+    EndHolding(checker);
+  } else {
+    held.left.store(left - 1, std::memory_order_release);
+  }
+  return true;
+}
+
+void ReportHeld() {
+  for (Checker& checker : checkers) EndHolding(checker);
 }
 
 bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sources, std::size_t from,
@@ -121,16 +193,31 @@ bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sour
     ReportError(counters, checker, ErrorKind::kPassing, &difference);
     return false;
   }
+  HeldDifference& held = checker.held;
+  if (held.left.load(std::memory_order_relaxed) != 0) return false;
   Difference all;
   (void)SameInMemory(content->copy, sources, 0, sources.total, all);
-  const bool first = checker.operations.load(std::memory_order_relaxed) <= kFirstOperations;
-  if (!first && !IsOther(again, bytes) && !IsOther(all, sources.total)) {
-    ReportError(counters, checker, ErrorKind::kSource, &again);
+  if (IsOther(all, sources.total)) {
+    ForgetWork(checker);
+    if (++checker.changes == kMostChanges) RaiseState(counters.engine, CheckState::kSourcesChange);
     return false;
   }
-  Forget(checker);
-  if (first || ++checker.changes == kMostChanges) RaiseState(counters.engine, CheckState::kSourcesChange);
+  const ErrorPacket error = MakeError(counters, checker, ErrorKind::kSource, &again);
+  if (IsLast(checker.last, error)) {
+    AddError(checker, error);
+    return false;
+  }
+  held.error = error;
+  held.isBack = false;
+  held.left.store(kHeldOperations, std::memory_order_release);
   return false;
+}
+
+void CheckSourcePart(ThreadCounters& counters, Checker& checker, const Spans& sources) {
+  const std::uint64_t start = NowNs();
+  (void)CheckSource(counters, checker, sources, false);
+  checker.partNs = NowNs() - start;
+  Spent(checker, checker.partNs);
 }
 
 bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& sources, bool all) {
@@ -143,8 +230,8 @@ bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& source
   return CheckSourceAt(counters, checker, sources, from, bytes);
 }
 
-void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kind,
-                 const Difference* difference, std::uint32_t other) {
+ErrorPacket MakeError(const ThreadCounters& counters, const Checker& checker, ErrorKind kind,
+                      const Difference* difference, std::uint32_t other) {
   ErrorPacket error{};
   error.header.timeNs = NowNs();
   error.engine = counters.engine;
@@ -160,21 +247,33 @@ void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kin
     error.expected = difference->expected;
     error.found = difference->found;
   }
+  return error;
+}
+
+void AddError(Checker& checker, const ErrorPacket& error, bool isListed) {
   Count(checker.errors, 1);
   // A bit that stays wrong is found with every check.
-  if (IsLast(checker.last, error) || !List(error)) {
+  if (!isListed || IsLast(checker.last, error) || !List(error)) {
     Count(checker.unlisted, 1);
     return;
   }
   checker.last = error;
 }
 
+void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kind,
+                 const Difference* difference, std::uint32_t other) {
+  AddError(checker, MakeError(counters, checker, kind, difference, other));
+}
+
 CheckPacket CheckCounts(Engine engine) {
   CheckPacket packet{};
   packet.engine = engine;
   packet.state = StateOf(engine);
-  // Nothing but another channel shows what the stream of a frame has to be.
-  if (engine == Engine::kVenc && packet.state == CheckState::kLearning) packet.state = CheckState::kAlone;
+  if (engine == Engine::kVenc && MayJudge(engine)) {
+    // Nothing but another channel shows what the stream of a frame has to be.
+    if (packet.state == CheckState::kLearning) packet.state = CheckState::kAlone;
+    if (StreamsDiffer()) packet.state = CheckState::kNotDeterministic;
+  }
   for (std::size_t i = 0; i < kCounterSets; ++i) {
     const Checker& checker = checkers[i];
     const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);

@@ -10,10 +10,19 @@
 
 namespace scope {
 
+/// A word of a source that is not what it was. It is looked at again for some operations before it counts: a
+/// program that writes its sources changes it again.
+struct HeldDifference {
+  std::atomic<int> left;  ///< operations for which it is looked at; 0: nothing is held
+  bool isBack;            ///< the word is again what it was
+  ErrorPacket error;
+};
+
 /// What the checks know about one thread's work on one engine. Only that thread writes, and the reporting
 /// thread reads the counts.
 struct alignas(64) Checker {
   static constexpr int kObservations = 8;
+  static constexpr std::size_t kMostPlaces = 4;
 
   std::atomic<std::uint64_t> operations;
   std::atomic<std::uint64_t> checked;
@@ -32,12 +41,20 @@ struct alignas(64) Checker {
   std::uint64_t turn;
   std::uint64_t random;
 
-  // The source that the thread works on.
+  // The work that is checked: an operation of one kind with one source.
+  std::uint64_t kind;  ///< 0: none is known
   const std::uint8_t* source;
-  std::size_t sourceBytes;
   const Content* content;
-  std::size_t cursor;  ///< where the next part of the source begins
-  int changes;         ///< how often the program has written it
+  std::size_t cursor;        ///< where the next part of the source begins
+  int changes;               ///< how often the program has written it
+  bool wrongSource;          ///< it has lost bits, which was reported
+  HeldDifference held;       ///< of the source
+  int missed;                ///< operations of other work since this one came by
+  std::uint64_t works;       ///< how many were learnt
+  std::uint64_t learnNs;     ///< what learning the last one took
+  Span places[kMostPlaces];  ///< of results, which can be read
+  std::uint64_t placesSeen;
+  std::uint64_t readNs;  ///< what the last look whether a place can be read took
 
   // Results of the same source.
   std::uint64_t key;
@@ -50,7 +67,9 @@ struct alignas(64) Checker {
 
   // Streams.
   struct StreamTable* table;
-  int strayed;  ///< frames in a row that have nothing in common with those of the other channels
+  std::uint64_t chain;       ///< the frames so far; 0: none
+  bool lostChain;            ///< one of them is not known, and the streams depend on it
+  std::atomic<int> strayed;  ///< times in a row that the thread's streams were not those of other channels
 
   ErrorPacket last;  ///< the last error that was listed
 };
@@ -76,9 +95,19 @@ CheckState StateOf(Engine engine);
 /// True as long as nothing says that the engine's results cannot be judged.
 bool MayJudge(Engine engine);
 
-/// Looks whether the thread works on the same source as before. Learns a new one, and forgets what was learnt
-/// from another. False if it cannot be read.
-bool KnowSource(Checker& checker, Engine engine, const Spans& sources);
+/// Learns the thread's work, and forgets what was learnt from another. The first work is learnt whatever it
+/// costs, others within the allowance. False if the allowance is used up or the source cannot be read.
+bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind);
+
+/// True if this operation can be checked: it is the thread's known work, or a new one that was learnt. A
+/// thread that takes several in turns sticks to one as long as that comes back.
+bool KnowWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind);
+
+/// True if the results are where this program may read them. Looks at a new place within the allowance.
+bool KnowPlace(Checker& checker, Engine engine, const Spans& results);
+
+/// Forgets the work and what was learnt from it.
+void ForgetWork(Checker& checker);
 
 /// Compares the next part of the source, or all of it, with what it was. Reports where it differs. False if
 /// it does.
@@ -86,14 +115,30 @@ bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& source
 /// As CheckSource, for one stretch.
 bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sources, std::size_t from,
                    std::size_t bytes);
+/// As CheckSource for the next part, and counts its time.
+void CheckSourcePart(ThreadCounters& counters, Checker& checker, const Spans& sources);
 
-/// Reports an error. `difference` is null if the place is not known.
+/// Looks at the held difference again: once in each operation of the known work. False if the program writes
+/// its sources.
+bool LookAgain(Checker& checker, Engine engine, const Spans& sources);
+
+/// At the program's end: reports the differences that are still held, if they were seen more than once.
+void ReportHeld();
+
+/// An error of now. `difference` is null if the place is not known.
+ErrorPacket MakeError(const ThreadCounters& counters, const Checker& checker, ErrorKind kind,
+                      const Difference* difference, std::uint32_t other = 0);
+/// Counts the error, and lists it if it is another one than the last.
+void AddError(Checker& checker, const ErrorPacket& error, bool isListed = true);
+
+/// MakeError and AddError.
 void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kind,
                  const Difference* difference, std::uint32_t other = 0);
 
-/// True if so much differs that it is other content, and not memory that has lost some bits.
+/// True if so much differs that it is other content. Memory that has lost some bits, lines or rows differs in
+/// less.
 inline bool IsOther(const Difference& difference, std::size_t bytes) {
-  return difference.words > 8 && difference.words > bytes / 8 / 16;
+  return difference.words > 8 && difference.words > bytes / 8 / 4;
 }
 
 /// The engine's counts so far, of all threads. The header is not set.

@@ -23,6 +23,9 @@ struct Spans {
     total += bytes;
   }
 
+  /// Null if there are none.
+  const std::uint8_t* Begin() const { return count == 0 ? nullptr : list[0].data; }
+
   /// Calls `visit` with each part of the `bytes` from `from` on, and its offset, until it returns false.
   template <typename Visit>
   bool Each(std::size_t from, std::size_t bytes, const Visit& visit) const {

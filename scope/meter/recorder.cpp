@@ -144,7 +144,7 @@ void SendErrors() {
 }
 
 // All counts are so far, so a packet that is not sent is made good by the next one.
-void SendExtras() {
+void SendExtras(bool last) {
   if (reported.fill) {
     FillPacket fill = FillCounts();
     fill.header = Header(PacketType::kFill);
@@ -157,6 +157,7 @@ void SendExtras() {
     (void)Send(&deadline, sizeof(deadline));
   }
   if (!reported.verify) return;
+  if (last) ReportHeld();
   SendErrors();
   for (std::uint32_t i = 0; i < kEngineCount; ++i) {
     CheckPacket check = CheckCounts(static_cast<Engine>(i));
@@ -182,7 +183,7 @@ void SendSecond(bool last) {
       ++delayedSamples;
     }
   }
-  if (saidHello) SendExtras();
+  if (saidHello) SendExtras(last);
   end.header = Header(PacketType::kEndOfSecond);
   end.last = last ? 1 : 0;
   end.delayedSamples = delayedSamples;

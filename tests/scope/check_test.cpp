@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -23,7 +25,7 @@
 
 namespace {
 
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint64_t kOperationNs = 1'000'000'000;  // long, so that every check fits into its share
@@ -83,6 +85,36 @@ void ExpectIs(const ErrorPacket& error, ErrorKind kind, const Bytes& where, std:
   EXPECT_EQ(error.expected ^ error.found, std::uint64_t{1} << bit % 64);
 }
 
+// A resize of the tests: each byte of the result is the sum of some of the source.
+void Resize(const Bytes& source, Bytes& result) {
+  for (std::size_t i = 0; i < result.size(); ++i) {
+    result[i] = static_cast<std::uint8_t>(source[3 * i] + source[3 * i + 1] + source[3 * i + 2]);
+  }
+}
+
+// A frame whose stream is `stream`.
+void EncodeAs(const Worker& worker, const Bytes& frame, std::uint64_t number, const Bytes& stream,
+              std::uint64_t settings = 5, std::uint64_t ns = kOperationNs) {
+  CheckFrame(*worker.counters, {frame.data(), frame.size()}, settings);
+  CheckStream(*worker.counters, {frame.data(), frame.size()}, {stream.data(), stream.size()}, number, ns);
+}
+
+// Streams depend on the frame's number, as those of a rate control do.
+Bytes StreamOf(std::uint64_t number) {
+  return Random(3000 + number % 7, static_cast<unsigned>(number));
+}
+
+// That of an encoder that has strayed has nothing in common with it.
+Bytes StrayedStreamOf(std::uint64_t number, std::size_t missing = 0) {
+  return Random(3000 + number % 7 - missing, 1000 + static_cast<unsigned>(number));
+}
+
+void Encode(const Worker& worker, const Bytes& frame, std::uint64_t number, std::size_t flippedBit = 0) {
+  Bytes stream = StreamOf(number);
+  if (flippedBit != 0) Flip(stream, flippedBit);
+  EncodeAs(worker, frame, number, stream);
+}
+
 TEST(Check, EveryBitThatStaysWrongInACopyIsFound) {
   InOwnProcess([] {
     const Worker worker(Engine::kCpu, 0);
@@ -108,21 +140,174 @@ TEST(Check, EveryBitThatStaysWrongInACopyIsFound) {
   });
 }
 
+// A difference of a source is looked at for so many operations.
+constexpr int kHeld = 16;
+
+void Copy(const Worker& worker, const Bytes& source, std::uint64_t ns = kOperationNs) {
+  static Bytes destination;
+  destination = source;
+  CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), ns);
+}
+
 TEST(Check, ASourceThatLosesABitIsFoundAndNamed) {
+  for (const int before : {1, 2, 50, 100}) {
+    InOwnProcess([before] {
+      const Worker worker(Engine::kCpu, 0);
+      Bytes source = Random(20'000, 1);
+      for (int copy = 0; copy < before; ++copy) Copy(worker, source);
+      Flip(source, 23'457);
+      for (int copy = 0; copy < kHeld; ++copy) Copy(worker, source);
+      EXPECT_TRUE(Errors().empty()) << "the program may write it again";
+      for (int copy = 0; copy < 5; ++copy) Copy(worker, source);
+      const std::vector<ErrorPacket> errors = Errors();
+      ASSERT_EQ(errors.size(), 1U) << before << " copies before";
+      ExpectIs(errors[0], ErrorKind::kSource, source, 23'457);
+      EXPECT_EQ(errors[0].operation, static_cast<std::uint64_t>(before) + 1) << "where it was seen first";
+      EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
+      EXPECT_EQ(CheckCounts(Engine::kCpu).errors, 6U) << "and once with each whole check";
+    });
+  }
+}
+
+TEST(Check, ASourceThatIsRightAgainHasAPassingError) {
   InOwnProcess([] {
     const Worker worker(Engine::kCpu, 0);
     Bytes source = Random(20'000, 1);
-    for (int copy = 0; copy < 100; ++copy) {
-      const Bytes destination = source;
-      CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), kOperationNs);
-    }
-    EXPECT_TRUE(Errors().empty());
-    Flip(source, 23'457);
-    const Bytes destination = source;
-    CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), kOperationNs);
+    Copy(worker, source);
+    Flip(source, 777);
+    Copy(worker, source);
+    Flip(source, 777);
+    for (int copy = 0; copy < kHeld; ++copy) Copy(worker, source);
     const std::vector<ErrorPacket> errors = Errors();
     ASSERT_EQ(errors.size(), 1U);
-    ExpectIs(errors[0], ErrorKind::kSource, source, 23'457);
+    ExpectIs(errors[0], ErrorKind::kPassing, source, 777);
+    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
+  });
+}
+
+TEST(Check, ASourceThatIsWrongAtTheEndIsReportedIfItWasSeenTwice) {
+  for (const int after : {1, 2, 10}) {
+    InOwnProcess([after] {
+      const Worker worker(Engine::kCpu, 0);
+      Bytes source = Random(20'000, 1);
+      Copy(worker, source);
+      Flip(source, 777);
+      for (int copy = 0; copy < after; ++copy) Copy(worker, source);
+      ReportHeld();
+      EXPECT_EQ(Errors().size(), after == 1 ? 0U : 1U);
+      ReportHeld();
+      EXPECT_EQ(CheckCounts(Engine::kCpu).errors, after == 1 ? 0U : 1U) << "once";
+    });
+  }
+}
+
+TEST(Check, AThreadThatLeavesAWrongSourceReportsIt) {
+  InOwnProcess([] {
+    const Worker worker(Engine::kCpu, 0);
+    Bytes source = Random(20'000, 1);
+    const Bytes next = Random(20'000, 2);
+    Copy(worker, source);
+    Flip(source, 777);
+    for (int copy = 0; copy < 3; ++copy) Copy(worker, source);
+    for (int copy = 0; copy < 64; ++copy) Copy(worker, next);
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 1U);
+    ExpectIs(errors[0], ErrorKind::kSource, source, 777);
+  });
+}
+
+// Changes a few words of a frame: what a program does that draws a number into it.
+void Write(Bytes& frame, std::uint64_t number) {
+  std::memcpy(frame.data() + 4000, &number, sizeof(number));
+}
+
+struct Numbers {
+  int every;  ///< operations
+  std::uint64_t different;
+  int from;  ///< which operation on
+};
+
+// The engine's operations with a frame into which the program writes.
+void WriteNumbers(Engine engine, const Numbers& numbers) {
+  const Worker worker(engine, 0);
+  Bytes frame = Random(6000, 1);
+  Write(frame, 0);
+  Bytes result(1500);
+  for (int i = 0; i < 150; ++i) {
+    const int since = std::max(0, i - numbers.from) / numbers.every;
+    Write(frame, static_cast<std::uint64_t>(since) % numbers.different);
+    if (engine == Engine::kCpu) Copy(worker, frame);
+    if (engine == Engine::kVenc) Encode(worker, frame, static_cast<std::uint64_t>(i));
+    if (engine != Engine::kVpc) continue;
+    Resize(frame, result);
+    CheckResults(*worker.counters, {frame.data(), frame.size()}, {result.data(), result.size()}, 7,
+                 kOperationNs);
+  }
+}
+
+TEST(Check, AProgramThatWritesANumberIntoItsSourcesGetsNoErrors) {
+  for (const Numbers& numbers : {Numbers{1, 1000, 0}, {7, 1000, 0}, {1, 1000, 100}, {1, 2, 0}, {3, 2, 50}}) {
+    for (const Engine engine : {Engine::kCpu, Engine::kVpc, Engine::kVenc}) {
+      InOwnProcess([&numbers, engine] {
+        WriteNumbers(engine, numbers);
+        EXPECT_EQ(CheckCounts(engine).errors, 0U) << numbers.every << " " << numbers.different;
+        EXPECT_EQ(CheckCounts(engine).state, CheckState::kSourcesChange)
+            << numbers.every << " " << numbers.different << " " << numbers.from;
+      });
+    }
+  }
+}
+
+// A line, some lines, and a row of 64 lines.
+TEST(Check, ABurstOfWrongWordsIsAnError) {
+  constexpr std::size_t kSize = 40'000;
+  for (const std::size_t words : {std::size_t{8}, std::size_t{9}, std::size_t{64}, std::size_t{512}}) {
+    for (const int before : {1, 2, 100}) {
+      InOwnProcess([words, before] {
+        const auto spoil = [words](Bytes& bytes) {
+          for (std::size_t i = 0; i < words * 8; ++i) bytes[6400 + i] ^= 0xff;
+        };
+        const Worker worker(Engine::kCpu, 0);
+        Bytes source = Random(kSize, 1);
+        for (int copy = 0; copy < before; ++copy) Copy(worker, source);
+        Bytes destination = source;
+        spoil(destination);
+        CheckCopy(*worker.counters, destination.data(), source.data(), kSize, kOperationNs);
+        spoil(source);
+        for (int copy = 0; copy <= kHeld; ++copy) Copy(worker, source);
+        const std::vector<ErrorPacket> errors = Errors();
+        ASSERT_EQ(errors.size(), 2U) << words << " words after " << before;
+        EXPECT_EQ(errors[0].kind, ErrorKind::kCopy);
+        EXPECT_EQ(errors[1].kind, ErrorKind::kSource);
+        for (const ErrorPacket& error : errors) {
+          EXPECT_EQ(error.offset, 6400U);
+          EXPECT_EQ(error.bits, words * 64);
+        }
+        EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
+      });
+    }
+  }
+}
+
+// Only a drawn block of the second copy is compared: most of it is wrong, but not most of the copy.
+TEST(Check, ABurstInADrawnBlockOfTheSecondCopyIsAnError) {
+  InOwnProcess([] {
+    const Bytes source = Random(8192, 1);
+    constexpr std::uint32_t kThreads = 16;
+    for (std::uint32_t thread = 0; thread < kThreads; ++thread) {
+      const Worker worker(Engine::kCpu, thread);
+      Bytes destination = source;
+      CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), 1000);
+      for (std::size_t i = 0; i < 255 * 8; ++i) destination[4096 + i] ^= 1;
+      CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), 1000);
+    }
+    ASSERT_EQ(CheckCounts(Engine::kCpu).whole, kThreads) << "of the first copies";
+    const std::vector<ErrorPacket> errors = Errors();
+    EXPECT_GE(errors.size(), 3U) << "of those who drew it";
+    EXPECT_TRUE(
+        std::any_of(errors.begin(), errors.end(), [](const auto& error) { return error.bits > 500; }));
+    for (const ErrorPacket& error : errors) EXPECT_EQ(error.kind, ErrorKind::kCopy);
+    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
   });
 }
 
@@ -155,13 +340,6 @@ TEST(Check, AProgramThatWritesItsSourcesLaterGetsNoErrors) {
     EXPECT_TRUE(Errors().empty());
     EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kSourcesChange);
   });
-}
-
-// A resize of the tests: each byte of the result is the sum of some of the source.
-void Resize(const Bytes& source, Bytes& result) {
-  for (std::size_t i = 0; i < result.size(); ++i) {
-    result[i] = static_cast<std::uint8_t>(source[3 * i] + source[3 * i + 1] + source[3 * i + 2]);
-  }
 }
 
 TEST(Check, EveryBitThatStaysWrongInAResultIsFound) {
@@ -228,29 +406,29 @@ TEST(Check, ResultsThatDifferByNatureAreNotJudged) {
 }
 
 TEST(Check, AWrongSourceOfAResultIsNamedAndNotTheResult) {
-  InOwnProcess([] {
-    const Worker worker(Engine::kVpc, 0);
-    Bytes source = Random(30'000, 1);
-    Bytes result(10'000);
-    for (int i = 0; i < 100; ++i) {
-      if (i == 80) Flip(source, 8 * 299);
-      Resize(source, result);
-      CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
-                   kOperationNs);
-    }
-    const std::vector<ErrorPacket> errors = Errors();
-    ASSERT_EQ(errors.size(), 1U);
-    ExpectIs(errors[0], ErrorKind::kSource, source, 8 * 299);
-  });
-}
-
-// Streams depend on the frame's number, as those of a rate control do.
-void Encode(const Worker& worker, const Bytes& frame, std::uint64_t number, std::size_t flippedBit = 0) {
-  Bytes stream = Random(3000 + number % 7, static_cast<unsigned>(number));
-  if (flippedBit != 0) Flip(stream, flippedBit);
-  CheckFrame(*worker.counters, {frame.data(), frame.size()}, 5);
-  CheckStream(*worker.counters, {frame.data(), frame.size()}, {stream.data(), stream.size()}, number,
-              kOperationNs);
+  // The fourth result is one of those from which the thread learns.
+  for (const int before : {4, 8, 20, 80}) {
+    InOwnProcess([before] {
+      Bytes source = Random(30'000, 1);
+      Bytes result(10'000);
+      for (const std::uint32_t thread : {0U, 1U}) {
+        const Worker worker(Engine::kVpc, thread);
+        const Bytes own = source;
+        for (int i = 0; i < before + 40; ++i) {
+          if (thread == 1 && i == before) Flip(source, 8 * 299);
+          const Bytes& from = thread == 0 ? own : source;
+          Resize(from, result);
+          CheckResults(*worker.counters, {from.data(), from.size()}, {result.data(), result.size()}, 7,
+                       kOperationNs);
+        }
+      }
+      const std::vector<ErrorPacket> errors = Errors();
+      ASSERT_EQ(errors.size(), 1U) << before;
+      EXPECT_EQ(errors[0].thread, 1U);
+      ExpectIs(errors[0], ErrorKind::kSource, source, 8 * 299);
+      EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kJudged);
+    });
+  }
 }
 
 TEST(Check, EveryWrongBitInAStreamIsFoundByAnotherChannel) {
@@ -292,14 +470,139 @@ TEST(Check, StreamsThatDifferByNatureAreNotJudged) {
     for (std::uint32_t thread = 0; thread < 3; ++thread) {
       const Worker worker(Engine::kVenc, thread);
       for (std::uint64_t number = 0; number < 50; ++number) {
-        const Bytes stream = Random(3000, static_cast<unsigned>(number) + 1000 * thread);
-        CheckFrame(*worker.counters, {frame.data(), frame.size()}, 5);
-        CheckStream(*worker.counters, {frame.data(), frame.size()}, {stream.data(), stream.size()}, number,
-                    kOperationNs);
+        // Some are the same by chance.
+        EncodeAs(worker, frame, number,
+                 Random(3000, static_cast<unsigned>(number) + (number % 5 == 0 ? 0 : 1000 * thread)));
       }
     }
     EXPECT_TRUE(Errors().empty());
-    EXPECT_EQ(StateOf(Engine::kVenc), CheckState::kNotDeterministic);
+    EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kNotDeterministic);
+  });
+}
+
+TEST(Check, OneChannelThatDiffersFromAllOthersIsWrong) {
+  // It may be the first one of each frame, the last one, or run ahead of all others.
+  for (const std::uint32_t bad : {0U, 1U, 2U}) {
+    for (const bool runsAhead : {false, true}) {
+      InOwnProcess([bad, runsAhead] {
+        const Bytes frame = Random(30'000, 1);
+        constexpr std::uint64_t kFrames = 60;
+        const Worker workers[] = {{Engine::kVenc, 0}, {Engine::kVenc, 1}, {Engine::kVenc, 2}};
+        for (std::uint64_t number = 0; runsAhead && number < kFrames; ++number) {
+          EncodeAs(workers[bad], frame, number, StrayedStreamOf(number, 500));
+        }
+        for (std::uint64_t number = 0; number < kFrames; ++number) {
+          for (std::uint32_t thread = 0; thread < 3; ++thread) {
+            if (thread != bad) Encode(workers[thread], frame, number);
+            if (thread == bad && !runsAhead)
+              EncodeAs(workers[thread], frame, number, StrayedStreamOf(number));
+          }
+        }
+        const CheckPacket counts = CheckCounts(Engine::kVenc);
+        EXPECT_EQ(counts.state, CheckState::kJudged) << bad;
+        EXPECT_EQ(counts.errors, kFrames) << "each of its frames is one " << bad;
+        const std::vector<ErrorPacket> errors = Errors();
+        EXPECT_EQ(errors.size(), counts.errors - counts.unlisted);
+        EXPECT_LE(errors.size(), 20U);
+        for (const ErrorPacket& error : errors) {
+          EXPECT_EQ(error.kind, ErrorKind::kThreads);
+          EXPECT_TRUE(error.thread == bad || error.other == bad) << error.thread << " " << error.other;
+        }
+        EXPECT_EQ(errors.back().thread, bad) << "it is known by then";
+        // The others are still judged.
+        const std::uint32_t good = bad == 2 ? 1 : 2;
+        Encode(workers[bad == 0 ? 1 : 0], frame, kFrames);
+        Encode(workers[good], frame, kFrames, 4711);
+        const std::vector<ErrorPacket> flipped = Errors();
+        ASSERT_EQ(flipped.size(), 1U);
+        EXPECT_EQ(flipped[0].thread, good);
+        EXPECT_EQ(flipped[0].offset, 4711U / 64 * 8);
+      });
+    }
+  }
+}
+
+TEST(Check, AStrayedChannelIsComparedAgain) {
+  InOwnProcess([] {
+    const Bytes frame = Random(30'000, 1);
+    const Worker first(Engine::kVenc, 0);
+    const Worker second(Engine::kVenc, 1);
+    for (std::uint64_t number = 0; number < 200; ++number) {
+      Encode(first, frame, number);
+      const bool strays = number >= 20 && number < 60;
+      if (strays) EncodeAs(second, frame, number, StrayedStreamOf(number));
+      if (!strays) Encode(second, frame, number, number == 150 ? 4711 : 0);
+    }
+    EXPECT_EQ(CheckCounts(Engine::kVenc).errors, 41U) << "40 frames, and a bit";
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 9U) << "eight of the frames, and the bit";
+    EXPECT_EQ(errors[8].operation, 151U);
+    EXPECT_EQ(errors[8].bits, 1U);
+    for (const ErrorPacket& error : errors) EXPECT_EQ(error.thread, 1U);
+    EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kJudged);
+  });
+}
+
+// Parts of frames are looked at now and then: in one of these cases it is a part that shows the change, in
+// the others the stream.
+TEST(Check, AFrameThatTheProgramWritesChangesWhatItsStreamsAreComparedWith) {
+  for (const std::uint64_t change : {19U, 20U, 21U, 22U}) {
+    InOwnProcess([change] {
+      const Bytes frame = Random(30'000, 1);
+      const Bytes other = Random(30'000, 2);
+      Bytes written = frame;
+      const Worker first(Engine::kVenc, 0);
+      const Worker second(Engine::kVenc, 1);
+      for (std::uint64_t number = 0; number < 40; ++number) {
+        Encode(first, frame, number);
+        if (number == change) std::copy(other.begin(), other.end(), written.begin());
+        EncodeAs(second, written, number, number < change ? StreamOf(number) : StrayedStreamOf(number));
+      }
+      EXPECT_EQ(CheckCounts(Engine::kVenc).errors, 0U) << change;
+      EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kJudged);
+    });
+  }
+}
+
+// After the tenth frame the second channel does something else than the first one, so its streams are others.
+void EncodeAfterAChange(const std::function<void(const Worker& worker, std::uint64_t number)>& encode) {
+  InOwnProcess([&encode] {
+    const Worker first(Engine::kVenc, 0);
+    const Worker second(Engine::kVenc, 1);
+    for (std::uint64_t number = 0; number < 60; ++number) {
+      encode(first, number);
+      encode(second, number);
+    }
+    EXPECT_GE(CheckCounts(Engine::kVenc).checked, 20U);
+    EXPECT_EQ(CheckCounts(Engine::kVenc).errors, 0U);
+    EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kJudged);
+  });
+}
+
+TEST(Check, OnlyStreamsOfTheSameFramesAndSettingsAreCompared) {
+  const Bytes frame = Random(30'000, 1);
+  const Bytes next = Random(30'000, 2);
+  const auto streamOf = [](const Worker& worker, std::uint64_t number) {
+    return worker.counters->thread == 1 && number >= 10 ? StrayedStreamOf(number) : StreamOf(number);
+  };
+  // Another frame, and the same one as the first channel has, but later.
+  EncodeAfterAChange([&](const Worker& worker, std::uint64_t number) {
+    const bool isNext = number >= 10 + 5 * worker.counters->thread;
+    EncodeAs(worker, isNext ? next : frame, number, isNext ? streamOf(worker, number) : StreamOf(number));
+  });
+  // Other settings.
+  EncodeAfterAChange([&](const Worker& worker, std::uint64_t number) {
+    const bool isOther = worker.counters->thread == 1 && number >= 10;
+    EncodeAs(worker, frame, number, streamOf(worker, number), isOther ? 6 : 5);
+  });
+  // Other frames in between, for which there was no time.
+  const Bytes between[] = {Random(30'000, 3), Random(30'000, 4)};
+  EncodeAfterAChange([&](const Worker& worker, std::uint64_t number) {
+    Checker& checker = CheckerOf(*worker.counters);
+    if (number == 10) checker.spentNs = ~std::uint64_t{0} / 2;
+    EncodeAs(worker, number == 10 ? between[worker.counters->thread] : frame, number,
+             streamOf(worker, number));
+    if (number == 10) checker.spentNs = 0;
   });
 }
 
@@ -320,19 +623,58 @@ TEST(Check, TakesNoMoreThanItsShareOfTheTime) {
   });
 }
 
-TEST(Check, MemoryThatCannotBeReadDoesNotEndTheProgram) {
+TEST(Check, LearningNewSourcesIsPartOfTheShare) {
   InOwnProcess([] {
     const Worker worker(Engine::kVpc, 0);
-    constexpr std::size_t kBytes = 65536;
-    void* const hidden = mmap(nullptr, kBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    const Bytes source = Random(kBytes, 1);
-    CheckResults(*worker.counters, {source.data(), source.size()}, {hidden, kBytes}, 7, kOperationNs);
-    EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kUnreadable);
-    CheckResults(*worker.counters, {hidden, kBytes}, {source.data(), source.size()}, 7, kOperationNs);
-    const Worker copies(Engine::kCpu, 0);
-    CheckCopy(*copies.counters, hidden, source.data(), kBytes, kOperationNs);
-    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kUnreadable);
+    const Bytes sources[] = {Random(30'000, 1), Random(30'000, 2), Random(30'000, 3)};
+    Bytes results[] = {Bytes(10'000), Bytes(10'000), Bytes(10'000)};
+    for (int i = 0; i < 3; ++i) Resize(sources[i], results[i]);
+    const auto check = [&](std::size_t i, std::uint64_t ns) {
+      CheckResults(*worker.counters, {sources[i].data(), sources[i].size()},
+                   {results[i].data(), results[i].size()}, 7, ns);
+    };
+    for (std::size_t i = 0; i < 1000; ++i) check(i % 3, 1'000'000);
+    const Checker& checker = CheckerOf(*worker.counters);
+    EXPECT_EQ(checker.works, 1U) << "the first one comes back";
+    EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kJudged);
+    // Others are learnt when it does not come back, and when there is time.
+    CheckerOf(*worker.counters).spentNs = checker.busyNs / 1000 * 15;
+    for (std::size_t i = 0; i < 1000; ++i) check(1 + i % 2, 1);
+    EXPECT_EQ(checker.works, 1U);
+    for (int i = 0; i < 20; ++i) check(1, kOperationNs);
+    EXPECT_EQ(checker.works, 2U);
+    EXPECT_TRUE(Errors().empty());
+    Flip(results[1], 4242);
+    for (int i = 0; i < 4; ++i) check(1, kOperationNs);
+    EXPECT_EQ(Errors().size(), 1U);
   });
+}
+
+// What ends the program without the check.
+TEST(Check, MemoryThatCannotBeReadDoesNotEndTheProgram) {
+  constexpr std::size_t kBytes = 65536;
+  const auto hidden = [] { return mmap(nullptr, kBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0); };
+  for (const bool isSource : {false, true}) {
+    for (const int before : {0, 20}) {
+      InOwnProcess([&hidden, isSource, before] {
+        const Worker resizes(Engine::kVpc, 0);
+        const Worker copies(Engine::kCpu, 0);
+        const Bytes seen = Random(kBytes, 1);
+        const auto operation = [&](const void* from, const void* to) {
+          CheckResults(*resizes.counters, {from, kBytes}, {to, kBytes}, 7, kOperationNs);
+          CheckCopy(*copies.counters, to, from, kBytes, kOperationNs);
+        };
+        for (int i = 0; i < before; ++i) operation(seen.data(), seen.data());
+        const void* const unseen = hidden();
+        // A source that comes after others is looked at when these have not come for a while.
+        for (int i = 0; i < 100; ++i) {
+          operation(isSource ? unseen : seen.data(), isSource ? seen.data() : unseen);
+        }
+        EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kUnreadable);
+        EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kUnreadable);
+      });
+    }
+  }
 }
 
 TEST(Check, MoreErrorsThanTheListHoldsAreCounted) {

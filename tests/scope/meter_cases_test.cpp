@@ -117,6 +117,14 @@ class MeterCasesTest : public ::testing::Test {
         order_ += 'D';
         ASSERT_EQ(size, ssize_t{sizeof(scope::DeadlinePacket)});
         std::memcpy(&deadlines_.emplace_back(), bytes.data(), sizeof(scope::DeadlinePacket));
+      } else if (header.type == scope::PacketType::kError) {
+        order_ += '!';
+        ASSERT_EQ(size, ssize_t{sizeof(scope::ErrorPacket)});
+        std::memcpy(&errorsFound_.emplace_back(), bytes.data(), sizeof(scope::ErrorPacket));
+      } else if (header.type == scope::PacketType::kCheck) {
+        order_ += 'C';
+        ASSERT_EQ(size, ssize_t{sizeof(check_)});
+        std::memcpy(&check_, bytes.data(), sizeof(check_));
       } else {
         order_ += 'S';
         TakeSample(bytes.data(), static_cast<std::size_t>(size));
@@ -143,12 +151,14 @@ class MeterCasesTest : public ::testing::Test {
   int endSignal_ = -1;
   std::vector<std::string> output_;
   std::vector<std::string> errors_;
-  std::string order_;  ///< of the packets: H, S, D and E
+  std::string order_;  ///< of the packets: H, S, D, !, C and E
   std::vector<scope::PacketHeader> headers_;
   scope::HelloPacket hello_{};
   std::vector<SamplePacket> samples_;
   std::vector<scope::EndOfSecondPacket> ends_;
   std::vector<scope::DeadlinePacket> deadlines_;
+  std::vector<scope::ErrorPacket> errorsFound_;
+  scope::CheckPacket check_{};  ///< the last one
 };
 
 TEST_F(MeterCasesTest, EveryFieldOfThePacketsIsExact) {
@@ -219,6 +229,18 @@ TEST_F(MeterCasesTest, AnOperationThatTakesItsDeadlineExactlyIsInTimeAndAFailedO
     EXPECT_EQ(deadlines_.back().operations, 2U);
     EXPECT_EQ(deadlines_.back().missed, shorter);
   }
+}
+
+// The meter looks at a wrong source for some operations before it counts. The program ends before that.
+TEST_F(MeterCasesTest, AnErrorThatIsHeldIsReportedAtTheEnd) {
+  Run({"zeros", "zeros", "flip", "zeros", "zeros"}, {{scope::kVerifyVariable, "1"}});
+  ASSERT_EQ(order_, "HS!CE");
+  EXPECT_EQ(errorsFound_[0].kind, scope::ErrorKind::kSource);
+  EXPECT_EQ(errorsFound_[0].operation, 3U);
+  EXPECT_EQ(errorsFound_[0].offset, 40U);
+  EXPECT_EQ(errorsFound_[0].found, 4U);
+  EXPECT_EQ(check_.errors, 1U);
+  EXPECT_EQ(check_.state, scope::CheckState::kJudged);
 }
 
 TEST_F(MeterCasesTest, ASecondHasOnlyItsOwnWorkAndOnlyTheLastOneWaits) {

@@ -5,6 +5,8 @@
 ///   time:NS:N      from now on a call takes NS to 4 NS, and every N-th one fails (0: none). At first 0 and
 ///   0. cpu            a copy of 100 bytes copy:T:S:T:S   a copy to media memory. T is the image's type, S
 ///   its dataSize: of the source, of the destination resize:T:S:T:S likewise encode:T:S     a frame
+///   zeros          a copy of 100 zeros that stay in their place
+///   flip           changes a bit of these zeros and of their copy
 ///   model:FILE     loads a model
 ///   infer          with that model, or without one; it has inputs of 10 bytes and outputs of 200 and 3000
 ///   models:FILE    see Models() below
@@ -168,6 +170,16 @@ void Cpu() {
   (void)memcpy_s(to, sizeof(to), from, sizeof(from));
 }
 
+char zeros[2][100];
+
+void CopyZeros() {
+  (void)memcpy_s(zeros[1], sizeof(zeros[1]), zeros[0], sizeof(zeros[0]));
+}
+
+void FlipZero() {
+  for (auto& place : zeros) place[40] = static_cast<char>(place[40] ^ 4);
+}
+
 /// Waits a long time for what takes a short one.
 template <typename Condition>
 void WaitUntil(const Condition& condition) {
@@ -244,6 +256,10 @@ void PrintThread() {
 bool Work(const Words& step, Ormis::QetDNNHandle& handle) {
   if (step[0] == "cpu") {
     Cpu();
+  } else if (step[0] == "zeros") {
+    CopyZeros();
+  } else if (step[0] == "flip") {
+    FlipZero();
   } else if (step[0] == "copy") {
     Ormis::ImageData destination = Image(step[3], step[4]);
     (void)Ormis::QetMemcpyToKivu(Image(step[1], step[2]), destination);
