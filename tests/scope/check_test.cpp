@@ -298,7 +298,7 @@ TEST(Check, ABurstInADrawnBlockOfTheSecondCopyIsAnError) {
       const Worker worker(Engine::kCpu, thread);
       Bytes destination = source;
       CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), 1000);
-      for (std::size_t i = 0; i < 255 * 8; ++i) destination[4096 + i] ^= 1;
+      for (std::size_t i = 0; i < std::size_t{255} * 8; ++i) destination[4096 + i] ^= 1;
       CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), 1000);
     }
     ASSERT_EQ(CheckCounts(Engine::kCpu).whole, kThreads) << "of the first copies";
