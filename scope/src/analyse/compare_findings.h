@@ -25,8 +25,8 @@ struct SummarisedRun {
 };
 
 /// In how many runs of the side there were errors, and when; without errors, which failure rate that leaves
-/// room for. Counts runs that looked for errors (see LooksForErrors) and says how many others there are. Empty
-/// if no run has an error and none was asked to look for any.
+/// room for. Counts runs that looked for errors (see LooksForErrors) and says how many others there are.
+/// Empty if no run has an error and none was asked to look for any.
 std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side);
 
 /// What any run of either side has, errors first. The sentences name the sides so.
