@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ struct Device {
   int bFrames = -1;
   int threads = -1;
   bool lowDelay = false;
+  std::string rates;  ///< times, bits and key frames
   std::string rateControl;
   std::vector<std::int64_t> times;  ///< of the frames that were sent
   int framesHeld = 0;               ///< frames of the device that were not given back before the next
@@ -98,6 +100,12 @@ int __wrap_avcodec_open2(AVCodecContext* codec, const AVCodec* description, AVDi
   device->bFrames = codec->max_b_frames;
   device->threads = codec->thread_count;
   device->lowDelay = (codec->flags & AV_CODEC_FLAG_LOW_DELAY) != 0;
+  std::ostringstream rates;
+  rates << "time " << codec->time_base.num << '/' << codec->time_base.den << " frames "
+        << codec->framerate.num << '/' << codec->framerate.den << " bits " << codec->bit_rate << ' '
+        << codec->rc_max_rate << ' ' << codec->rc_buffer_size << " keys " << codec->gop_size << ' '
+        << codec->keyint_min;
+  device->rates = rates.str();
   const AVDictionaryEntry* const mode = av_dict_get(*options, "rc_mode", nullptr, 0);
   device->rateControl = mode != nullptr ? mode->value : "";
   EXPECT_GE(av_dict_set(options, "tune", "zerolatency", 0), 0);
@@ -171,6 +179,7 @@ TEST_F(DeviceEncoder, EncodesFramesInTheMemoryOfTheDevice) {
   EXPECT_EQ(scripted_.bFrames, 0);
   EXPECT_EQ(scripted_.threads, 1);
   EXPECT_TRUE(scripted_.lowDelay);
+  EXPECT_EQ(scripted_.rates, "time 1/30 frames 30/1 bits 200000 200000 200000 keys 60 60");
   H264Packet packet;
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(encoder->Encode(grey.data(), packet), "");

@@ -180,7 +180,8 @@ class ModelInputsTest : public ModelTest {
     SCOPED_TRACE(text);
     const std::string model = Write(Copies({{"image", {kOpen, 3, kOpen, kOpen}},
                                             {"flag", {2}, ElementType::kInt8},
-                                            {"half", {}, ElementType::kFloat16}}));
+                                            {"half", {}, ElementType::kFloat16},
+                                            {"whether", {1}, ElementType::kBool}}));
     const std::string file = WriteInputs(text);
     const spawn_calls::Watch watch;
     if (!realTrial) spawn_calls::ReplaceByScript("echo loaded 0; echo ran 0");  // takes less time
@@ -210,7 +211,7 @@ std::vector<Number> NumbersOf(const Ormis::QetDNNBuffer& buffer) {
 TEST_F(ModelInputsTest, AnUnknownInputIsNamedWithThoseOfTheModel) {
   ExpectRefused("inputs:\n  imag: {fill: random}\n",
                 ":2: unknown input 'imag', the model has 'image' (open x 3 x open x open), 'flag' (2), "
-                "'half' (one number, or any shape)",
+                "'half' (one number, or any shape), 'whether' (1)",
                 true);
 }
 
@@ -248,6 +249,10 @@ TEST_F(ModelInputsTest, KeysAndValuesThatAreNoneAreNamed) {
     const std::string text = value == "''" ? "" : value;
     ExpectRefused("inputs:\n  flag: {value: " + value + "}",
                   ":2: flag: value is '" + text + "', expected a whole number from -128 to 127");
+  }
+  for (const std::string value : {"2", "no"}) {
+    ExpectRefused("inputs: {whether: {value: " + value + "}}",
+                  ":1: whether: value is '" + value + "', expected 0 or 1");
   }
   ExpectRefused("inputs: {half: {value: 100000}}",
                 ":1: half: value is '100000', expected a number from -65504 to 65504");
@@ -291,12 +296,16 @@ TEST_F(ModelInputsTest, ValuesOfEveryTypeReachTheModel) {
                                          {"uint8", {2}, ElementType::kUint8},
                                          {"int16", {2}, ElementType::kInt16},
                                          {"int32", {2}, ElementType::kInt32},
-                                         {"uint32", {2}, ElementType::kUint32}}));
+                                         {"uint32", {2}, ElementType::kUint32},
+                                         {"one", {1}, ElementType::kBool},
+                                         {"zero", {1}, ElementType::kBool},
+                                         {"not", {1}, ElementType::kBool}}));
   WriteInputs(
       "inputs: {float: {value: 1.5}, double: {value: -2e3}, int8: {value: -7}, uint16: {value: 65535},\n"
       "  int64: {value: 16000}, uint64: {value: 18446744073709551615}, bool: {value: true},\n"
       "  half: {value: 1.5}, brain: {value: 1.5}, uint8: {value: 255}, int16: {value: -32768},\n"
-      "  int32: {value: -2147483648}, uint32: {value: 4294967295}}\n");
+      "  int32: {value: -2147483648}, uint32: {value: 4294967295}, one: {value: 1}, zero: {value: 0},\n"
+      "  not: {value: false}}\n");
   QetDNNHandle handle;
   Run(handle, path);
   EXPECT_THAT(NumbersOf<float>(handle.outputs.at(0)), ElementsAre(1.5F, 1.5F));
@@ -312,6 +321,9 @@ TEST_F(ModelInputsTest, ValuesOfEveryTypeReachTheModel) {
   EXPECT_THAT(NumbersOf<std::int16_t>(handle.outputs.at(10)), ElementsAre(-32768, -32768));
   EXPECT_THAT(NumbersOf<std::int32_t>(handle.outputs.at(11)), ElementsAre(INT32_MIN, INT32_MIN));
   EXPECT_THAT(NumbersOf<std::uint32_t>(handle.outputs.at(12)), ElementsAre(4294967295U, 4294967295U));
+  EXPECT_THAT(NumbersOf<std::uint8_t>(handle.outputs.at(13)), ElementsAre(1));
+  EXPECT_THAT(NumbersOf<std::uint8_t>(handle.outputs.at(14)), ElementsAre(0));
+  EXPECT_THAT(NumbersOf<std::uint8_t>(handle.outputs.at(15)), ElementsAre(0));
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
 }
 

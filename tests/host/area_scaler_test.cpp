@@ -5,6 +5,7 @@
 #include "area_scaler.h"
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -152,6 +153,63 @@ TEST_P(AreaKernelTest, FlushesBothPlanesAndNothingElse) {
       EXPECT_TRUE(std::includes(flushed.begin(), flushed.end(), ofSource.begin(), ofSource.end())) << sizes;
       EXPECT_TRUE(std::includes(ofBoth.begin(), ofBoth.end(), flushed.begin(), flushed.end())) << sizes;
       flushed.clear();
+    }
+  }
+}
+
+/// Memory that ends at a page that nobody may touch.
+class MemoryAtAnEnd {
+ public:
+  MemoryAtAnEnd() {
+    EXPECT_NE(memory_, MAP_FAILED);
+    EXPECT_EQ(mprotect(End(), kPage, PROT_NONE), 0);
+  }
+  ~MemoryAtAnEnd() { (void)munmap(memory_, 2 * kPage); }
+  MemoryAtAnEnd(const MemoryAtAnEnd&) = delete;
+  MemoryAtAnEnd& operator=(const MemoryAtAnEnd&) = delete;
+
+  std::uint8_t* End() const { return static_cast<std::uint8_t*>(memory_) + kPage; }
+
+ private:
+  static constexpr std::size_t kPage = 65536;
+  void* const memory_ = mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+};
+
+/// What makes one pixel of `side` x `side`.
+AreaColumns ColumnsOfSquares(std::uint32_t width, std::uint32_t channels, std::uint32_t side) {
+  AreaColumns columns;
+  columns.width = width;
+  columns.channels = channels;
+  columns.pairs = (side + 1) / 2;
+  columns.period = 2;
+  columns.periodSamples = 2 * side * channels;
+  columns.first = {0, width > 1 ? side * channels : 0};
+  for (std::uint32_t i = 0; i < columns.pairs * 16; ++i)
+    columns.weights.push_back(i / 16 * 2 + i % 2 < side ? 1 : 0);
+  columns.offset = side * side / 2 + kSumBias * side;
+  columns.inverse = 1.0 / (side * side);
+  columns.floatIsExact = true;
+  columns.quarters = side == 2;
+  return columns;
+}
+
+TEST_P(AreaKernelTest, FinishesARowWithinItsMemory) {
+  const MemoryAtAnEnd source;
+  const MemoryAtAnEnd destination;
+  for (std::uint32_t width = 1; width <= 4; ++width) {
+    for (std::uint32_t channels = 1; channels <= 4; ++channels) {
+      for (const std::uint32_t side : {1U, 2U, 3U, 5U, 16U}) {
+        SCOPED_TRACE(testing::Message() << width << " pixels, " << channels << " channels, side " << side);
+        const AreaColumns columns = ColumnsOfSquares(width, channels, side);
+        const std::size_t length = std::size_t{width} * channels;
+        std::vector<std::uint16_t> sums(length * side + AreaSumsBeyond(columns), 0xa5a5);
+        std::fill_n(sums.begin(), length * side, static_cast<std::uint16_t>(side * 77 - kSumBias));
+        void* const atEnd = source.End() - sums.size() * sizeof sums[0];
+        std::memcpy(atEnd, sums.data(), sums.size() * sizeof sums[0]);
+        std::uint8_t* const result = destination.End() - kResultBeyond - length;
+        GetParam().finishRow(columns, static_cast<const std::uint16_t*>(atEnd), result);
+        EXPECT_THAT(std::vector<std::uint8_t>(result, result + length), testing::Each(77));
+      }
     }
   }
 }

@@ -164,6 +164,7 @@ TEST_F(SettingsTest, BytesThatAreNoTextAreRefusedWithTheirLine) {
   ExpectRefused("memory: device\nencoder: \x80\n", ":2: invalid leading UTF-8 octet");
   ExpectRefused("memory: device\n\n# \x01\n", ":3: control characters are not allowed");
   ExpectRefused("\x80", ":1: invalid leading UTF-8 octet");
+  ExpectRefused("\n\x80", ":2: invalid leading UTF-8 octet");
 }
 
 TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
