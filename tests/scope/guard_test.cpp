@@ -20,6 +20,7 @@
 
 #include "error_of.h"
 #include "guarded.h"
+#include "memory_size.h"
 #include "temporary_folder.h"
 
 namespace {

@@ -16,15 +16,15 @@
 /// Reaches into the memory of a running guard from outside, as a fault of the memory would.
 namespace guarded {
 
-/// The guard that this program has started; -1 if there is none.
-inline pid_t Process() {
+/// The guard, or another process of this name, that this program has started; -1 if there is none.
+inline pid_t Process(const std::string& wanted = "scope_guard") {
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::string name;
     std::string state;
     pid_t id = 0;
     pid_t parent = 0;
     std::ifstream(entry.path() / "stat") >> id >> name >> state >> parent;
-    if (name == "(scope_guard)" && parent == getpid()) return id;
+    if (name == "(" + wanted + ")" && parent == getpid()) return id;
   }
   return -1;
 }

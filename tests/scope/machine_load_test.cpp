@@ -66,7 +66,7 @@ TEST_F(MachineLoadTest, TimeOfTheBenchmarkAndOfTheRecorderIsNotThatOfOthers) {
 TEST_F(MachineLoadTest, TimeOfTheGuardIsNotThatOfOthers) {
   constexpr pid_t kGuard = 90;
   const auto others = [this](double timeS) {
-    for (const scope::CounterValue& value : load_.Read(timeS, kBenchmark, kGuard)) {
+    for (const scope::CounterValue& value : load_.Read(timeS, kBenchmark, {kGuard})) {
       if (value.name == "others") return value.value;
     }
     return -1.0;

@@ -232,6 +232,58 @@ TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
   EXPECT_EQ(guarded.run.info.incompleteReason, guarded.result.reason);
 }
 
+/// A recording with a latency probe over 1 MiB, to which `harm` does something.
+scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::function<void()>& harm) {
+  struct Harming : scope::View {
+    void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
+      if (harm) std::exchange(harm, nullptr)();
+    }
+    std::function<void()> harm;
+  } view;
+  view.harm = harm;
+  scope::RecordOptions options;
+  options.benchmark = SCRIPTED_METER;
+  options.meter = IDLE_LIBRARY;
+  options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
+  options.extra = {folder.Put("script", Script(2))};
+  options.folder = folder / "run";
+  options.systemRoot = folder / "system";
+  folder.Put("system/proc/meminfo", "MemAvailable: 4096 kB\n");
+  options.latency = true;
+  scope::Signals signals;
+  return scope::Record(options, view, signals);
+}
+
+TEST_F(RecordTest, WhatTheLatencyProbeMeasuredIsInTheRun) {
+  const scope::RecordResult result = RecordLatency(folder_, nullptr);
+  EXPECT_TRUE(result.complete) << result.reason;
+  const scope::Run run = scope::ReadRun(run_);
+  const scope::LatencySummary& latency = run.info.latency;
+  EXPECT_EQ(latency.bytes, std::uint64_t{1} << 20) << "a quarter of what is available";
+  EXPECT_THAT(run.info.conditions.latency, testing::StartsWith("1 MiB in pages of "));
+  ASSERT_FALSE(run.latency.empty());
+  std::uint64_t bursts = 0;
+  std::uint64_t accesses = 0;
+  for (const scope::LatencySecond& second : run.latency) {
+    bursts += second.bursts;
+    accesses += second.accesses;
+  }
+  EXPECT_GT(bursts, 0U);
+  EXPECT_EQ(bursts, latency.bursts);
+  EXPECT_EQ(accesses, latency.accesses);
+}
+
+TEST_F(RecordTest, ARunWhoseLatencyProbeDiesIsIncomplete) {
+  bool isKilled = false;
+  const scope::RecordResult result = RecordLatency(
+      folder_, [&isKilled] { isKilled = kill(guarded::Process("scope_latency"), SIGKILL) == 0; });
+  ASSERT_TRUE(isKilled);
+  EXPECT_FALSE(result.complete);
+  EXPECT_EQ(result.reason,
+            "the latency probe was ended by SIGKILL: the latency of memory was not measured from then on");
+  EXPECT_EQ(scope::ReadRun(run_).info.incompleteReason, result.reason);
+}
+
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {
   Shown shown;
   const scope::RecordResult result = Record("CPU:\n  Level: 1\n",

@@ -48,6 +48,7 @@ std::set<std::string> WrittenKeys() {
   info.counters.emplace_back();
   info.verification.emplace_back();
   info.deadlines.emplace_back();
+  info.latency.growth.emplace_back();
   std::set<std::string> keys;
   AddLeaves(Json::parse(scope::RunInfoText(info)), "", keys);
   return keys;
@@ -90,6 +91,8 @@ TEST(RunTables, HaveTheHeadersOfTheFormatsDescription) {
   EXPECT_TRUE(documented(scope::kTableName<scope::HistogramRow>, scope::TableHeader<scope::HistogramRow>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::Rate>, scope::TableHeader<scope::Rate>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::RunError>, scope::TableHeader<scope::RunError>()));
+  EXPECT_TRUE(
+      documented(scope::kTableName<scope::LatencySecond>, scope::TableHeader<scope::LatencySecond>()));
   EXPECT_TRUE(documented(scope::kTableName<scope::CounterValue>, scope::TableHeader<scope::CounterValue>()));
 }
 
@@ -115,6 +118,9 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.conditions.verify = true;
   info.conditions.guard = "1G at 100 MB/s";
   info.guard = {1 << 30, "clflush", true, 9, 8, 7, 6, 5, 4};
+  info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 1";
+  info.latency = {
+      1, 2, "2 MiB", 3, 4, "why", "rdtsc", 5.5, 6.5, 7, 8, 9, 10, 11, 12, 13, 14.5, 15, {{16, 17}, {18, 19}}};
   info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5}};
   info.deadlines = {{"vpc", 16'700'000, 9, 8, 7, 6}};
   info.errors = {{"cpu", 4}, {"edac", 1}};
@@ -131,13 +137,14 @@ TEST(RunKeys, HaveTextsForPeople) {
   info.conditions.loadAverage = {0.5, 1, 2.006};
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
-  EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
-                                 "guard: ", "build_type: Release", "library_versions: libormis 1.0.0",
-                                 "platform_settings: memory device, flush clflushopt",
-                                 "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
-                                 "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
-                                 "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
-                                 "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));
+  EXPECT_THAT(texts,
+              ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
+                          "guard: ", "latency: ", "build_type: Release", "library_versions: libormis 1.0.0",
+                          "platform_settings: memory device, flush clflushopt",
+                          "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
+                          "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
+                          "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
+                          "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));
 }
 
 TEST(RunKeys, OfWhatTheMachineDoesNotTellHaveNoText) {

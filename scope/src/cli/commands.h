@@ -34,6 +34,9 @@ void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* exclu
 /// Adds --fill and --verify, which need the meter, and --guard. Call it after AddRunLimits.
 void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
+/// Adds --latency, --latency-cpu and --latency-size.
+void AddLatency(CLI::App& command, RunSettings& settings);
+
 /// Adds --levels, --repeat, --warmup and --seed, which exclude `excluded` if it is not null. `point` is what
 /// the runs are repeated for, in the help. Returns --seed: without it the caller chooses one.
 CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepSettings& settings,

@@ -35,6 +35,8 @@ int RunRecord(const RecordOptions& options, Output output) {
   return result.complete && result.exported && !result.late ? kExitOk : kExitFailure;
 }
 
+constexpr std::uint64_t kMostCpu = 1023;
+
 // Adds an option that excludes `excluded` if that is not null.
 template <typename Value>
 CLI::Option* AddUnless(CLI::App& command, CLI::Option* excluded, const char* name, Value& value,
@@ -114,6 +116,21 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) 
       ->needs(guard);
 }
 
+void AddLatency(CLI::App& command, RunSettings& settings) {
+  CLI::Option* const latency =
+      command.add_flag("--latency", settings.latency,
+                       "Measure the latency of memory during the run, one access after another");
+  command.add_option("--latency-cpu", settings.latencyCpu, "Its CPU (default: the last one that is allowed)")
+      ->type_name("NUMBER")
+      ->check(WholeNumberFrom(0, kMostCpu))
+      ->needs(latency);
+  command
+      .add_option("--latency-size", settings.latencySize,
+                  "Memory to go through, as 512M (default: as the caches ask for, 256M or more)")
+      ->type_name("SIZE")
+      ->needs(latency);
+}
+
 void AddRecord(CLI::App& app, int& status) {
   CLI::App* const command =
       app.add_subcommand("record", "Run the benchmark under the meter and save a run folder");
@@ -136,6 +153,7 @@ void AddRecord(CLI::App& app, int& status) {
   AddRunSettings(*command, *options, nullptr);
   AddChecks(*command, *options, nullptr);
   AddDeadlines(*command, *options);
+  AddLatency(*command, *options);
   AddOutput(*command, *output);
   command->footer(
       "Examples:\n"

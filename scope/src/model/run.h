@@ -57,6 +57,9 @@ struct Conditions {
   std::string fill;     ///< what the meter filled sources and frames with; empty: as the program made them
   bool verify = false;  ///< the meter checked results, which costs some of the rates
   std::string guard;    ///< memory that was guarded, as asked for: "512M at 100 MB/s"; empty: none
+  /// What the latency of memory was measured over: "256 MiB in pages of 2 MiB, CPU 1"; empty: it was not
+  /// measured.
+  std::string latency;
 };
 
 struct Configuration {
@@ -112,6 +115,52 @@ struct GuardSummary {
   std::uint64_t unlisted = 0;  ///< errors that are not in the table: too many at once, or the same again
 };
 
+/// The latency over a part of the probe's memory, before the benchmark started.
+struct LatencyGrowth {
+  std::uint64_t bytes = 0;
+  std::uint64_t p50Ns = 0;
+};
+
+/// What the latency probe measured; see LatencyProbe. All is 0 or empty without one.
+struct LatencySummary {
+  std::uint64_t bytes = 0;      ///< of the memory that it went through
+  std::uint64_t lineBytes = 0;  ///< that an access takes from memory
+  std::string pages;            ///< "2 MiB", "4 KiB", or both with their shares
+  std::uint64_t hugeBytes = 0;  ///< of `bytes`, in huge pages
+  int cpu = -1;                 ///< -1: it had no CPU of its own
+  std::string cpuNote;          ///< why it has none
+  std::string timer;
+  double timerNs = 0;      ///< what timing takes itself; it is not in the figures
+  double timerStepNs = 0;  ///< the least difference that the timer shows
+  std::uint64_t bursts = 0;
+  std::uint64_t interrupted = 0;  ///< bursts that are in no figure
+  std::uint64_t accesses = 0;     ///< of the whole run, timed one by one; so are the next figures
+  std::uint64_t p50Ns = 0;
+  std::uint64_t p99Ns = 0;
+  std::uint64_t p999Ns = 0;
+  std::uint64_t maxNs = 0;
+  double meanNs = 0;     ///< of accesses in batches
+  double bytesPerS = 0;  ///< lines that all accesses took
+  std::vector<LatencyGrowth> growth;
+};
+
+/// What the latency probe measured in a second. Figures are 0 if all bursts were interrupted.
+struct LatencySecond {
+  int second = 0;
+  double timeS = 0;  ///< its end
+  std::uint64_t accesses = 0;
+  double meanNs = 0;
+  std::uint64_t p50Ns = 0;
+  std::uint64_t p99Ns = 0;
+  std::uint64_t p999Ns = 0;
+  std::uint64_t maxNs = 0;
+  std::uint64_t bursts = 0;
+  std::uint64_t interrupted = 0;
+  std::optional<std::uint64_t> stealMs;     ///< that the host took from its CPU
+  std::optional<std::uint64_t> interrupts;  ///< of its CPU
+  std::uint64_t switches = 0;               ///< how often it lost its CPU to others
+};
+
 /// MB of guarded memory that are checked in a second.
 constexpr double kUsualGuardRate = 100;
 
@@ -129,6 +178,9 @@ struct RunSettings {
   bool verify = false;             ///< the meter checks results
   std::string guard;               ///< memory to guard; see GuardBytes; empty: none
   double guardRate = kUsualGuardRate;
+  bool latency = false;     ///< measure the latency of memory during the run
+  int latencyCpu = -1;      ///< its CPU; -1: the last one that is allowed
+  std::string latencySize;  ///< memory to go through; see MemoryBytes; empty: as the caches ask for
 };
 
 /// run.json.
@@ -148,6 +200,7 @@ struct RunInfo {
   std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
   std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;
+  LatencySummary latency;
   /// From each source of errors ("cpu", "edac") to how many there were, in the table or not.
   std::vector<std::pair<std::string, std::uint64_t>> errors;
 };
@@ -239,6 +292,7 @@ struct Run {
   std::vector<Rate> rates;
   std::vector<CounterValue> counters;
   std::vector<RunError> errors;
+  std::vector<LatencySecond> latency;  ///< empty without a latency probe
   /// Problems that did not stop the reader, one sentence each: an incomplete run, a cut last line, seconds
   /// without a sample.
   std::vector<std::string> notes;

@@ -39,6 +39,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"conditions", "fill", kMustAgree, "Data of sources and frames"}, machine.fill);
   visit(RunKey{"conditions", "verify", kMustAgree, "Results checked"}, machine.verify);
   visit(RunKey{"conditions", "guard", kMustAgree, "Memory guarded"}, machine.guard);
+  visit(RunKey{"conditions", "latency", kMustAgree, "Latency of memory measured"}, machine.latency);
   visit(RunKey{"conditions", "build_type", kMustAgree, "Build"}, machine.buildType);
   visit(RunKey{"conditions", "library_versions", kMustAgree, "Libraries"}, machine.libraryVersions);
   visit(RunKey{"conditions", "platform_settings", kMustAgree, "Platform's settings"},
@@ -60,6 +61,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"", "verification"}, info.verification);
   visit(RunKey{"", "deadlines"}, info.deadlines);
   visit(RunKey{"", "guard"}, info.guard);
+  visit(RunKey{"", "latency"}, info.latency);
   visit(RunKey{"", "errors"}, info.errors);
 }
 

@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <new>
 
 #include "cache_flush.h"
+#include "monotonic_ns.h"
 #include "patterns.h"
 
 namespace scope {
@@ -26,12 +26,6 @@ constexpr const char* kPatternNames[] = {"address", "address, inverted", "random
                                          "checker", "checker, inverted", "worst",  "worst, inverted",
                                          "walking", "walking, inverted", "zeros",  "ones"};
 constexpr std::uint32_t kPatterns = sizeof(kPatternNames) / sizeof(kPatternNames[0]);
-
-std::uint64_t MonotonicNs() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 // The finalizer of SplitMix64: any word of the pattern is computed without those before it.
 std::uint64_t RandomWord(std::uint64_t word, std::uint64_t seed) {

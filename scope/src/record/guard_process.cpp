@@ -1,21 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "guard_process.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
-#include <stdexcept>
-#include <string>
+#include <vector>
+
+#include "watcher_process.h"
 
 namespace scope {
 namespace {
@@ -99,9 +93,7 @@ class GuardLoop {
       packet.bytes = memory_->Bytes();
       packet.counts = memory_->Counts();
     }
-    while (send(socket_, &packet, sizeof(packet), MSG_NOSIGNAL) < 0) {
-      if (errno != EINTR) _exit(1);  // nobody is left to tell
-    }
+    SendOrExit(socket_, &packet, sizeof(packet));
   }
 
   int socket_;
@@ -113,47 +105,10 @@ class GuardLoop {
   std::vector<GuardedError> errors_;
 };
 
-// In the new process: nothing of the recorder but the socket.
-void LeaveRecorder(int socket) {
-  (void)setpgid(0, 0);
-  (void)prctl(PR_SET_NAME, "scope_guard");
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) (void)std::signal(signal, SIG_IGN);
-  const int null = open("/dev/null", O_RDWR);
-  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null, standard);
-  // The recorder's files, and the lock of its folder.
-  if (socket > 3) (void)close_range(3, static_cast<unsigned>(socket) - 1, 0);
-  (void)close_range(static_cast<unsigned>(socket) + 1, ~0U, 0);
-  // A system that runs out of memory ends the guard, and not the benchmark.
-  const int score = open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
-  if (score < 0) return;
-  (void)!write(score, "1000", 4);
-  (void)close(score);
-}
-
 }  // namespace
 
-pid_t StartGuardProcess(std::uint64_t bytes, double bytesPerS, int& descriptor) {
-  int ends[2] = {-1, -1};
-  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::runtime_error(std::string("cannot make a socket for the guard: ") + std::strerror(errno));
-  }
-  const pid_t parent = getpid();
-  const pid_t id = fork();
-  if (id == 0) {
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    LeaveRecorder(ends[1]);
-    GuardLoop(ends[1], bytesPerS).Run(bytes);
-    _exit(0);
-  }
-  const int error = errno;
-  (void)close(ends[1]);
-  if (id < 0) {
-    (void)close(ends[0]);
-    throw std::runtime_error(std::string("cannot start the guard: ") + std::strerror(error));
-  }
-  descriptor = ends[0];
-  return id;
+void RunGuard(int socket, std::uint64_t bytes, double bytesPerS) {
+  GuardLoop(socket, bytesPerS).Run(bytes);
 }
 
 }  // namespace scope

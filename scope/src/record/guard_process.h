@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 
 #include "guard_memory.h"
@@ -28,11 +26,9 @@ struct GuardPacket {
   GuardedError error;
 };
 
-/// Starts a process that guards `bytes` of memory and checks at most `bytesPerS` of them a second.
-/// `descriptor` gets the recorder's end of a socket of packets. When the recorder shuts down its writing
-/// side, the guard ends its walk, makes one more as fast as it can, says so, and ends. It ends at once when
-/// this program dies, and ignores the signals that ask a program to end. Throws std::runtime_error if there
-/// is no process.
-pid_t StartGuardProcess(std::uint64_t bytes, double bytesPerS, int& descriptor);
+/// The work of the guard's process, which has `socket`: guards `bytes` of memory and checks at most
+/// `bytesPerS` of them a second. When the recorder sends nothing more, it ends its walk, makes one more as
+/// fast as it can, says so, and returns.
+void RunGuard(int socket, std::uint64_t bytes, double bytesPerS);
 
 }  // namespace scope

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,10 @@ namespace scope {
 class Figures {
  public:
   void Add(const MeterSecond& second);
+
+  void SetLatency(const LatencySecond& second) { latency_ = second; }
+  /// The last second of the latency probe; none without one.
+  const std::optional<LatencySecond>& Latency() const { return latency_; }
 
   double TimeS() const { return timeS_; }
   /// The last second, by engine, in the order in which they are shown. Failures are those since the start.
@@ -30,6 +35,7 @@ class Figures {
   };
   double timeS_ = 0;
   std::map<std::string, EngineState> engines_;
+  std::optional<LatencySecond> latency_;
 };
 
 /// Shows a recording while it runs. This base class shows nothing. Threads: one.

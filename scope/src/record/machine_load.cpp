@@ -109,7 +109,8 @@ std::vector<CounterSource> MachineLoad::Sources() const {
   return {SourceOf(kLoad, root_ + "/proc/stat"), SourceOf(kPressure, root_ + "/proc/pressure/cpu")};
 }
 
-std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark, pid_t guard) {
+std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark,
+                                            const std::vector<pid_t>& helpers) {
   std::vector<CounterValue> values;
   const auto add = [&](const char* source, const char* name, const char* unit, double count) {
     const std::optional<double> rate = PerSecond(std::string(source) + "/" + name, count, timeS);
@@ -117,13 +118,16 @@ std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark, pid_t
     if (rate) values.push_back({timeS, source, name, unit, std::max(0.0, *rate)});
   };
   const std::optional<ProcessTicks> recorder = ReadProcessTicks(root_ + "/proc/self/stat");
-  const std::optional<ProcessTicks> ofGuard =
-      ReadProcessTicks(root_ + "/proc/" + std::to_string(guard) + "/stat");
+  double ofHelpers = 0;
+  for (const pid_t helper : helpers) {
+    const auto ticks = ReadProcessTicks(root_ + "/proc/" + std::to_string(helper) + "/stat");
+    if (ticks) ofHelpers += ticks->own;
+  }
   const std::optional<double> ofBenchmark = ReadTreeTicks(root_ + "/proc", benchmark);
   if (const std::optional<CpuTimes> times = ReadCpuTimes(root_ + "/proc/stat")) {
     const auto ticksPerS = static_cast<double>(sysconf(_SC_CLK_TCK));
     if (recorder && ofBenchmark) {
-      const double own = recorder->own + (ofGuard ? ofGuard->own : 0) + *ofBenchmark;
+      const double own = recorder->own + ofHelpers + *ofBenchmark;
       add(kLoad, "others", "CPUs", (times->busy - own) / ticksPerS);
     }
     add(kLoad, "steal", "CPUs", times->steal / ticksPerS);

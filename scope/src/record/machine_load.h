@@ -24,9 +24,9 @@ class MachineLoad {
   std::vector<CounterSource> Sources() const;
 
   /// The values at `timeS`, over the time since the previous call; the first call returns none. The time of
-  /// `benchmark`, of the programs that it started, of `guard` (-1: none) and of this program is not that of
-  /// others. There is none of others after the benchmark has ended.
-  std::vector<CounterValue> Read(double timeS, pid_t benchmark, pid_t guard = -1);
+  /// `benchmark`, of the programs that it started, of `helpers` and of this program is not that of others.
+  /// There is none of others after the benchmark has ended.
+  std::vector<CounterValue> Read(double timeS, pid_t benchmark, const std::vector<pid_t>& helpers = {});
 
  private:
   std::optional<double> PerSecond(const std::string& name, double count, double timeS);

@@ -20,8 +20,10 @@
 #include "counters.h"
 #include "errors.h"
 #include "guard.h"
+#include "latency_probe.h"
 #include "live_figures.h"
 #include "machine_load.h"
+#include "memory_size.h"
 #include "meter_reader.h"
 #include "preload_path.h"
 #include "program_files.h"
@@ -64,6 +66,12 @@ class Recording {
       guard_ = std::make_unique<Guard>(GuardBytes(options.guard, AvailableBytes(options.systemRoot)),
                                        options.guardRate);
     }
+    if (options.latency) {
+      latency_ = std::make_unique<LatencyProbe>(
+          LatencyBytes(options.latencySize, ReadConditions(options.systemRoot).caches,
+                       AvailableBytes(options.systemRoot)),
+          options.latencyCpu);
+    }
     // First: a folder that is replaced loses its old run.
     exports_ = std::make_unique<LiveExport>(options.exports, options.label, [this](const std::string& fault) {
       exportFaults_.push_back(fault + "; the run went on");
@@ -75,6 +83,7 @@ class Recording {
     run_->AddSources(counters_->Sources());
     run_->AddSources(load_->Sources());
     if (guard_ != nullptr) run_->AddSources({{kGuardSource, true, ""}});
+    if (latency_ != nullptr) run_->SetLatency(latency_->Summary());
   }
 
   RecordResult Run(Signals& signals) {
@@ -124,6 +133,7 @@ class Recording {
     }
     child_ = std::make_unique<ChildProcess>(child);
     meter_->CloseChildEnd();
+    if (latency_ != nullptr) latency_->Begin(startNs_);
     // At once: what a counter has now is from before the run.
     ReadCounters();
   }
@@ -131,11 +141,12 @@ class Recording {
   double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
 
   void Step(Signals& signals) {
-    std::array<pollfd, 5> waits{{{signals.Descriptor(), POLLIN, 0},
+    std::array<pollfd, 6> waits{{{signals.Descriptor(), POLLIN, 0},
                                  {meter_->Descriptor(), POLLIN, 0},
                                  {output_.AtEnd() ? -1 : child_->Output(), POLLIN, 0},
                                  {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0},
-                                 {guard_ == nullptr ? -1 : guard_->Descriptor(), POLLIN, 0}}};
+                                 {guard_ == nullptr ? -1 : guard_->Descriptor(), POLLIN, 0},
+                                 {latency_ == nullptr ? -1 : latency_->Descriptor(), POLLIN, 0}}};
     (void)poll(waits.data(), waits.size(), kPollMs);
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
     // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
@@ -143,6 +154,7 @@ class Recording {
     ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
     ReadGuard(false);
+    ReadLatency(false);
     if (counterTimeS_ <= TimeS()) ReadCounters();
     Do(ended ? supervisor_->BenchmarkEnded({child_->ExitStatus(), child_->EndSignal(), MeterState()})
              : supervisor_->TimePassed(TimeS()));
@@ -225,6 +237,30 @@ class Recording {
     }
   }
 
+  void ReadLatency(bool toItsEnd) {
+    if (latency_ == nullptr) return;
+    const bool wasWell = latency_->Fault().empty();
+    std::vector<LatencySecond> seconds;
+    if (toItsEnd) {
+      latency_->End(seconds);
+    } else {
+      latency_->Read(seconds);
+    }
+    run_->Add(seconds);
+    if (!seconds.empty()) figures_.SetLatency(seconds.back());
+    if (wasWell && !latency_->Fault().empty()) {
+      Fail(latency_->Fault() + ": the latency of memory was not measured from then on");
+    }
+  }
+
+  // Processes of the recording itself.
+  std::vector<pid_t> Helpers() const {
+    std::vector<pid_t> helpers;
+    if (guard_ != nullptr) helpers.push_back(guard_->Id());
+    if (latency_ != nullptr) helpers.push_back(latency_->Id());
+    return helpers;
+  }
+
   void TellOfFill() const {
     if (options_.fill.empty()) return;
     const FillCounts& filled = meter_->Filled();
@@ -239,7 +275,7 @@ class Recording {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
     std::vector<CounterValue> values = counters_->Read(timeS);
-    for (CounterValue& value : load_->Read(timeS, child_->Id(), guard_ == nullptr ? -1 : guard_->Id()))
+    for (CounterValue& value : load_->Read(timeS, child_->Id(), Helpers()))
       values.push_back(std::move(value));
     run_->Add(values);
     exports_->Add(timeS, values);
@@ -263,6 +299,10 @@ class Recording {
     if (guard_ != nullptr) {
       ReadGuard(true);
       run_->SetGuard(guard_->Summary());
+    }
+    if (latency_ != nullptr) {
+      ReadLatency(true);
+      run_->SetLatency(latency_->Summary());
     }
     run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
                        meter_->Unmeasured() == 0);
@@ -290,7 +330,8 @@ class Recording {
   std::unique_ptr<Counters> counters_;
   std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;
-  std::unique_ptr<Guard> guard_;  ///< null without one
+  std::unique_ptr<Guard> guard_;           ///< null without one
+  std::unique_ptr<LatencyProbe> latency_;  ///< null without one
   std::unique_ptr<ChildProcess> child_;
   LineReader output_;
   LineReader errors_;

@@ -9,6 +9,7 @@
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
+#include "latency_probe.h"
 #include "rate_line.h"
 #include "run_error.h"
 #include "tell.h"
@@ -71,6 +72,7 @@ void SavedRun::Begin() {
     writer_.Add(std::vector<Sample>());
     writer_.Add(std::vector<EngineSample>());
   }
+  if (info_.latency.bytes != 0) writer_.Add(std::vector<LatencySecond>());
   for (const std::string& failure : failures_) Tell(failure);
 }
 
@@ -104,6 +106,10 @@ void SavedRun::Add(const std::vector<CounterValue>& values) {
   Add(memoryErrors_.Found(values));
 }
 
+void SavedRun::Add(const std::vector<LatencySecond>& seconds) {
+  if (!seconds.empty()) Save([&] { writer_.Add(seconds); });
+}
+
 void SavedRun::Add(std::vector<RunError> errors) {
   for (const RunError& error : errors) {
     const auto at = std::find_if(info_.errors.begin(), info_.errors.end(),
@@ -130,6 +136,11 @@ void SavedRun::SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDead
 void SavedRun::SetGuard(const GuardSummary& guard) {
   info_.guard = guard;
   CountAtLeast(kGuardSource, guard.errors);
+}
+
+void SavedRun::SetLatency(const LatencySummary& latency) {
+  info_.latency = latency;
+  info_.conditions.latency = LatencyText(latency);
 }
 
 void SavedRun::CountAtLeast(const std::string& source, std::uint64_t errors) {

@@ -39,8 +39,12 @@ class SavedRun {
   void AddLog(const std::vector<std::string>& lines);
   void Add(const MeterSecond& second);
   void Add(const std::vector<CounterValue>& values);
+  void Add(const std::vector<LatencySecond>& seconds);
   /// Errors that the meter or the guard found.
   void Add(std::vector<RunError> errors);
+
+  /// What the latency probe works with, and at the end also what it measured.
+  void SetLatency(const LatencySummary& latency);
 
   /// True after SetLibraries.
   bool KnowsLibraries() const { return info_.conditions.meter; }

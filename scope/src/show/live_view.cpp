@@ -51,6 +51,7 @@ class LiveView : public View {
       });
       lines.push_back(line + "  " + Sparkline(figures.History(engine), kSparkWidth) + FailuresText(second));
     }
+    if (figures.Latency()) lines.push_back(Describe(*figures.Latency()));
     table_ = std::move(lines);
     Draw();
   }
@@ -106,6 +107,7 @@ class PlainView : public View {
     for (const auto& [engine, second] : figures.Last()) {
       (void)std::printf("%.0f s %s\n", timeS, Describe(engine, second).c_str());
     }
+    if (figures.Latency()) (void)std::printf("%.0f s %s\n", timeS, Describe(*figures.Latency()).c_str());
     (void)std::fflush(stdout);
   }
 };
@@ -139,6 +141,12 @@ std::string Describe(const std::string& engine, const EngineSample& second) {
     line += Format("  %s %s", kind.title, FigureText(kind, second).c_str());
   });
   return line + FailuresText(second);
+}
+
+std::string Describe(const LatencySecond& second) {
+  return "memory latency  p50 " + Latency(second.p50Ns) + "  p99 " + Latency(second.p99Ns) + "  p99.9 " +
+         Latency(second.p999Ns) + "  max " + Latency(second.maxNs) +
+         (second.interrupted == 0 ? "" : "  " + Counted(second.interrupted, "burst") + " interrupted");
 }
 
 std::string Sparkline(const std::vector<double>& values, std::size_t width) {

@@ -24,6 +24,9 @@ std::size_t OutputWidth();
 /// The figures of one engine in one line.
 std::string Describe(const std::string& engine, const EngineSample& second);
 
+/// What the latency probe measured in a second, in one line.
+std::string Describe(const LatencySecond& second);
+
 /// The last `width` values as blocks of eight heights, scaled from 0 to the greatest value.
 std::string Sparkline(const std::vector<double>& values, std::size_t width);
 

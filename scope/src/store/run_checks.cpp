@@ -112,6 +112,22 @@ void CheckSeconds(const Run& run, const std::vector<Row>& rows) {
   }
 }
 
+void CheckLatency(const Run& run) {
+  const char* const file = kTableName<LatencySecond>;
+  const LatencySecond* before = nullptr;
+  for (std::size_t i = 0; i != run.latency.size(); ++i) {
+    const LatencySecond& row = run.latency[i];
+    if (row.timeS < 0) Fail(run, file, i, "expected a time from the start on");
+    if (before != nullptr && (row.second <= before->second || row.timeS < before->timeS)) {
+      Fail(run, file, i, Format("expected one row a second, after second %d", before->second));
+    }
+    if (row.p50Ns > row.p99Ns || row.p99Ns > row.p999Ns || row.p999Ns > row.maxNs || row.meanNs < 0) {
+      Fail(run, file, i, "expected p50_ns, p99_ns, p999_ns and max_ns in rising order");
+    }
+    before = &row;
+  }
+}
+
 void CheckHistogram(const Run& run) {
   Names engines(run, kTableName<HistogramRow>, "engine");
   for (std::size_t i = 0; i != run.histogram.size(); ++i) {
@@ -139,6 +155,7 @@ void CheckRows(const Run& run) {
   CheckSeconds(run, run.samples);
   CheckSeconds(run, run.seconds);
   CheckHistogram(run);
+  CheckLatency(run);
   Names stresses(run, kTableName<Rate>, "stress");
   for (std::size_t i = 0; i != run.rates.size(); ++i) stresses.Add(run.rates[i].stress, i);
   Names sources(run, kTableName<RunError>, "source");

@@ -164,6 +164,47 @@ static void from_json(const Json& json, GuardSummary& guard) {
   Take(json, "unlisted", guard.unlisted);
 }
 
+static void to_json(Json& json, const LatencyGrowth& growth) {
+  json = {{"bytes", growth.bytes}, {"p50_ns", growth.p50Ns}};
+}
+
+static void from_json(const Json& json, LatencyGrowth& growth) {
+  Take(json, "bytes", growth.bytes);
+  Take(json, "p50_ns", growth.p50Ns);
+}
+
+// Writes it and reads it back.
+template <typename Summary, typename Visit>
+static void VisitLatency(Summary& latency, const Visit& visit) {
+  visit("bytes", latency.bytes);
+  visit("line_bytes", latency.lineBytes);
+  visit("pages", latency.pages);
+  visit("huge_bytes", latency.hugeBytes);
+  visit("cpu", latency.cpu);
+  visit("cpu_note", latency.cpuNote);
+  visit("timer", latency.timer);
+  visit("timer_ns", latency.timerNs);
+  visit("timer_step_ns", latency.timerStepNs);
+  visit("bursts", latency.bursts);
+  visit("interrupted", latency.interrupted);
+  visit("accesses", latency.accesses);
+  visit("p50_ns", latency.p50Ns);
+  visit("p99_ns", latency.p99Ns);
+  visit("p999_ns", latency.p999Ns);
+  visit("max_ns", latency.maxNs);
+  visit("mean_ns", latency.meanNs);
+  visit("bytes_per_s", latency.bytesPerS);
+  visit("growth", latency.growth);
+}
+
+static void to_json(Json& json, const LatencySummary& latency) {
+  VisitLatency(latency, [&json](const char* name, const auto& value) { json[name] = value; });
+}
+
+static void from_json(const Json& json, LatencySummary& latency) {
+  VisitLatency(latency, [&json](const char* name, auto& value) { Take(json, name, value); });
+}
+
 std::string RunInfoText(const RunInfo& info) {
   return ToJson(info).dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }

@@ -138,6 +138,7 @@ Run ReadRun(const std::string& folder) {
   ReadTable(run, run.rates, true);
   ReadTable(run, run.counters, false);
   ReadTable(run, run.errors, false);
+  ReadTable(run, run.latency, run.info.latency.bytes != 0);
   CheckRows(run);
   NoteGaps(run);
   if (run.info.complete && meter && run.notes.empty()) CheckTotals(run);

@@ -31,6 +31,8 @@ template <>
 inline constexpr const char* kTableName<CounterValue> = "counters.csv";
 template <>
 inline constexpr const char* kTableName<RunError> = "errors.csv";
+template <>
+inline constexpr const char* kTableName<LatencySecond> = "latency.csv";
 
 /// Calls `visit` with each column of the table and its value in `row`, which may be const.
 template <typename Row, typename Visit>
@@ -62,6 +64,20 @@ void VisitColumns(Row& row, const Visit& visit) {
     visit(CsvColumn{"time_s"}, row.timeS);
     visit(CsvColumn{"stress"}, row.stress);
     visit(CsvColumn{"fps", 6}, row.fps);
+  } else if constexpr (std::is_same_v<Kind, LatencySecond>) {
+    visit(CsvColumn{"second"}, row.second);
+    visit(CsvColumn{"time_s"}, row.timeS);
+    visit(CsvColumn{"accesses"}, row.accesses);
+    visit(CsvColumn{"mean_ns", 1}, row.meanNs);
+    visit(CsvColumn{"p50_ns"}, row.p50Ns);
+    visit(CsvColumn{"p99_ns"}, row.p99Ns);
+    visit(CsvColumn{"p999_ns"}, row.p999Ns);
+    visit(CsvColumn{"max_ns"}, row.maxNs);
+    visit(CsvColumn{"bursts"}, row.bursts);
+    visit(CsvColumn{"interrupted"}, row.interrupted);
+    visit(CsvColumn{"steal_ms"}, row.stealMs);
+    visit(CsvColumn{"interrupts"}, row.interrupts);
+    visit(CsvColumn{"switches"}, row.switches);
   } else if constexpr (std::is_same_v<Kind, RunError>) {
     visit(CsvColumn{"time_s"}, row.timeS);
     visit(CsvColumn{"source"}, row.source);

@@ -22,9 +22,10 @@ RunWriter::RunWriter(const std::string& folder, bool force) : folder_(folder) {
                       (force ? "" : ": choose another one, or add --force to replace the run in it"));
     }
     // Format 1 had samples.jsonl. cell.json describes the run that is replaced.
-    for (const char* name : {kInfoName, kTableName<Sample>, kTableName<EngineSample>, "samples.jsonl",
-                             kTableName<HistogramRow>, kTableName<Rate>, kRatesTextName, kLogName,
-                             kTableName<CounterValue>, kTableName<RunError>, kReportName, kCellName}) {
+    for (const char* name :
+         {kInfoName, kTableName<Sample>, kTableName<EngineSample>, "samples.jsonl", kTableName<HistogramRow>,
+          kTableName<Rate>, kRatesTextName, kLogName, kTableName<CounterValue>, kTableName<RunError>,
+          kTableName<LatencySecond>, kReportName, kCellName}) {
       fs::remove(fs::path(folder) / name, error);
       if (error) throw UserError("cannot remove " + folder + "/" + name + ": " + error.message());
     }

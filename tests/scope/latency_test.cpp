@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <set>
+#include <thread>
+
+#include "error_of.h"
+#include "latency_probe.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+
+constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
+
+// --- the chain ---
+
+// The lines of the cycle in their order, as numbers; cut when the first one comes again.
+std::vector<std::uint64_t> LinesOf(const ChaseMemory& memory) {
+  std::vector<std::uint64_t> lines;
+  const ChaseMemory::Line* line = memory.Start();
+  const std::uint64_t most = memory.Bytes() / memory.LineBytes();
+  do {
+    lines.push_back(static_cast<std::uint64_t>(reinterpret_cast<const char*>(line) -
+                                               reinterpret_cast<const char*>(memory.Start())) /
+                    memory.LineBytes());
+    line = line->next;
+  } while (line != memory.Start() && lines.size() <= most);
+  return lines;
+}
+
+TEST(ChaseMemory, TheCycleVisitsEachLineOnceHoweverItGrew) {
+  ChaseMemory memory(kMebibyte + 1);
+  ASSERT_EQ(memory.Bytes(), kMebibyte) << "whole lines";
+  for (const std::uint64_t bytes : {memory.LineBytes(), 3 * memory.LineBytes(), kMebibyte / 3, kMebibyte}) {
+    memory.GrowTo(bytes);
+    const std::uint64_t lines = bytes / memory.LineBytes();
+    EXPECT_EQ(memory.CycleBytes(), lines * memory.LineBytes());
+    const std::vector<std::uint64_t> visited = LinesOf(memory);
+    EXPECT_EQ(visited.size(), lines);
+    const std::set<std::uint64_t> different(visited.begin(), visited.end());
+    EXPECT_EQ(different.size(), lines);
+    EXPECT_EQ(*different.rbegin(), lines - 1);
+  }
+  memory.GrowTo(kMebibyte / 2);
+  EXPECT_EQ(memory.CycleBytes(), kMebibyte) << "it never shrinks";
+}
+
+// What a prefetcher could follow: the neighbour, or the same distance again.
+TEST(ChaseMemory, TheOrderIsOneThatNoPrefetcherFollows) {
+  ChaseMemory memory(kMebibyte);
+  memory.GrowTo(kMebibyte);
+  const std::vector<std::uint64_t> lines = LinesOf(memory);
+  const std::uint64_t linesOfAPage = 4096 / memory.LineBytes();
+  std::size_t samePage = 0;
+  std::size_t sameDistance = 0;
+  for (std::size_t i = 2; i < lines.size(); ++i) {
+    samePage += lines[i] / linesOfAPage == lines[i - 1] / linesOfAPage ? 1 : 0;
+    sameDistance += lines[i] - lines[i - 1] == lines[i - 1] - lines[i - 2] ? 1 : 0;
+  }
+  // By chance one in 256 pages, which is 64 of 16384 lines.
+  EXPECT_LT(samePage, lines.size() / 100);
+  EXPECT_LT(sameDistance, lines.size() / 100);
+}
+
+TEST(ChaseMemory, UsualPagesAreNotHuge) {
+  ChaseMemory memory(4 * ChaseMemory::HugePageBytes(), ChaseMemory::Pages::kUsual);
+  memory.GrowTo(memory.Bytes());
+  EXPECT_EQ(memory.HugeBytes(), 0U);
+}
+
+TEST(ChaseMemory, IsRefusedIfThereIsNone) {
+  EXPECT_THROW(ChaseMemory(std::uint64_t{1} << 60), std::bad_alloc);
+  EXPECT_THROW(ChaseMemory(1), std::bad_alloc);
+}
+
+// --- bursts ---
+
+TEST(Interruption, IsALostProcessorAndNotALongAccess) {
+  const ThreadState before{5, 1'000'000, 500'000};
+  const ThreadState worked{5, 2'000'000, 1'500'000};
+  EXPECT_FALSE(WasInterrupted(before, worked, 100, false));
+  EXPECT_FALSE(WasInterrupted(before, worked, 900'000, false)) << "memory may be slow";
+  EXPECT_FALSE(WasInterrupted(before, worked, 100, true)) << "the host took its time from others";
+  EXPECT_TRUE(WasInterrupted(before, worked, 900'000, true));
+  EXPECT_TRUE(WasInterrupted(before, {6, 2'000'000, 1'500'000}, 100, false)) << "a switch";
+  EXPECT_TRUE(WasInterrupted(before, {5, 2'000'000, 1'400'000}, 100, false)) << "100 us without work";
+}
+
+/// Bursts over small memory, whose machine says what a test wants.
+class LatencyBurstsTest : public ::testing::Test {
+ protected:
+  LatencyBurstsTest() { memory_.GrowTo(memory_.Bytes()); }
+
+  LatencyBursts Bursts(std::function<ThreadState()> state) {
+    return LatencyBursts(memory_, timer_, {std::move(state), nullptr});
+  }
+
+  ChaseMemory memory_{kMebibyte};
+  ChaseTimer timer_{memory_};
+};
+
+TEST_F(LatencyBurstsTest, OneThatWasInterruptedIsCountedApart) {
+  std::uint64_t calls = 0;
+  std::uint64_t injected = 0;
+  // The third burst loses its processor: the state after it is the sixth.
+  LatencyBursts bursts = Bursts([&] {
+    ++calls;
+    injected += calls == 6 ? 1 : 0;
+    return ThreadState{injected, 0, 0};
+  });
+  std::vector<std::uint64_t> accesses;
+  std::uint64_t all = 0;
+  for (int burst = 0; burst < 4; ++burst) {
+    bursts.Burst(100'000);
+    const LatencyCounts counts = bursts.Take();
+    EXPECT_EQ(counts.bursts, 1U);
+    EXPECT_EQ(counts.interrupted, burst == 2 ? 1U : 0U);
+    EXPECT_GT(counts.allAccesses, counts.accesses) << "the first ones are not timed";
+    accesses.push_back(counts.accesses);
+    EXPECT_EQ(counts.batchAccesses == 0, burst == 2);
+    std::uint64_t inBuckets = 0;
+    for (const std::uint32_t count : counts.buckets) inBuckets += count;
+    EXPECT_EQ(inBuckets, counts.accesses);
+    all += counts.allAccesses;
+  }
+  EXPECT_EQ(injected, 1U);
+  EXPECT_GT(accesses[0], 0U);
+  EXPECT_GT(accesses[1], 0U);
+  EXPECT_EQ(accesses[2], 0U);
+  EXPECT_GT(accesses[3], 0U);
+  EXPECT_GT(all, accesses[0] + accesses[1] + accesses[3]);
+}
+
+TEST_F(LatencyBurstsTest, CountsAreOfTheBurstsSinceTheLastCall) {
+  LatencyBursts bursts = Bursts([] { return ThreadState(); });
+  bursts.Burst(50'000);
+  bursts.Burst(50'000);
+  EXPECT_EQ(bursts.Take().bursts, 2U);
+  const LatencyCounts none = bursts.Take();
+  EXPECT_EQ(none.bursts, 0U);
+  EXPECT_EQ(none.accesses, 0U);
+  EXPECT_EQ(LatencyAt(none, 0.5), 0U);
+}
+
+TEST(LatencyCounts, HavePercentilesByNearestRank) {
+  LatencyCounts counts;
+  counts.accesses = 1000;
+  counts.buckets[100] = 500;
+  counts.buckets[200] = 490;
+  counts.buckets[250] = 9;
+  counts.buckets[BucketOf(100'000)] = 1;
+  counts.maxNs = 100'001;
+  EXPECT_EQ(LatencyAt(counts, 0.5), 100U);
+  EXPECT_EQ(LatencyAt(counts, 0.99), 200U);
+  EXPECT_EQ(LatencyAt(counts, 0.999), 250U);
+  EXPECT_NEAR(static_cast<double>(LatencyAt(counts, 1)), 100'000, 400);
+}
+
+TEST(ChaseTimer, TakesItsOwnTimeAway) {
+  ChaseMemory memory(kMebibyte);
+  ChaseTimer timer(memory);
+  EXPECT_GE(timer.OverheadNs(), 0);
+  EXPECT_GT(timer.StepNs(), 0);
+  const std::uint64_t ticks = timer.TicksOf(1e6);
+  EXPECT_NEAR(timer.LoadNs(ticks, 0), 1e6, 1e3);
+  EXPECT_NEAR(timer.LoadNs(ticks, 3), 1e6 - 3 * timer.OverheadNs(), 1e3);
+  EXPECT_EQ(timer.LoadNs(0), 0);
+}
+
+TEST(Steal, IsThatOfTheCpu) {
+  EXPECT_TRUE(ReadStealMs(0).has_value());
+  EXPECT_FALSE(ReadStealMs(100'000).has_value());
+  EXPECT_FALSE(ReadInterrupts(100'000).has_value());
+}
+
+// --- how much ---
+
+TEST(LatencySize, FollowsTheCachesWithinTheMemoryThatThereIs) {
+  const std::uint64_t plenty = std::uint64_t{64} << 30;
+  const auto with = [&](std::uint64_t cache, std::uint64_t available) {
+    return LatencyBytes("", {{1, "Data", 32768, 1}, {3, "Unified", cache, 1}}, available);
+  };
+  EXPECT_EQ(with(kMebibyte, plenty), 256 * kMebibyte);
+  EXPECT_EQ(with(40 * kMebibyte, plenty), 320 * kMebibyte);
+  EXPECT_EQ(with(512 * kMebibyte, plenty), 1024 * kMebibyte);
+  EXPECT_EQ(with(40 * kMebibyte, 400 * kMebibyte), 100 * kMebibyte);
+  EXPECT_EQ(with(40 * kMebibyte, 0), 320 * kMebibyte) << "nobody says how much there is";
+  EXPECT_EQ(LatencyBytes("", {}, plenty), 256 * kMebibyte);
+  EXPECT_EQ(LatencyBytes("16M", {}, plenty), 16 * kMebibyte);
+}
+
+TEST(LatencySize, IsRefusedWithTheReason) {
+  const auto refusal = [](const std::string& size) {
+    return ErrorOf([&] { (void)LatencyBytes(size, {}, 64 * kMebibyte); });
+  };
+  EXPECT_THAT(refusal("many"), HasSubstr("--latency-size: expected a size as 512M or 2G"));
+  EXPECT_THAT(refusal("63K"), HasSubstr("expected at least 64K"));
+  EXPECT_THAT(refusal("17M"), HasSubstr("expected at most a quarter of the 64.0 MiB"));
+}
+
+// --- the process ---
+
+constexpr LatencyRhythm kShort{100'000, 1e6};
+
+// Waits for the first second, or for the end of the probe.
+void WaitForSecond(LatencyProbe& probe, std::vector<LatencySecond>& seconds) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (seconds.empty() && probe.Fault().empty() && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    probe.Read(seconds);
+  }
+}
+
+// Under a heavy load all bursts may be interrupted.
+TEST(LatencyProbe, SendsWhatItMeasured) {
+  LatencyProbe probe(2 * kMebibyte, -1, kShort);
+  const LatencySummary ready = probe.Summary();
+  EXPECT_EQ(ready.bytes, 2 * kMebibyte);
+  EXPECT_EQ(ready.bursts, 0U);
+  ASSERT_THAT(ready.growth, SizeIs(1)) << "from 1 MiB on in steps of four";
+  EXPECT_EQ(ready.growth[0].bytes, 2 * kMebibyte);
+  EXPECT_NE(ready.cpu < 0, ready.cpuNote.empty());
+  probe.Begin(MonotonicNs());
+  // The signals that end a recording are not for it.
+  (void)kill(probe.Id(), SIGINT);
+  (void)kill(probe.Id(), SIGTERM);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::vector<LatencySecond> seconds;
+  probe.End(seconds);
+  EXPECT_EQ(probe.Fault(), "");
+  EXPECT_EQ(probe.Descriptor(), -1);
+  ASSERT_THAT(seconds, SizeIs(1)) << "the rest";
+  const LatencySecond& second = seconds[0];
+  EXPECT_EQ(second.second, 1);
+  EXPECT_GT(second.timeS, 0);
+  EXPECT_GT(second.bursts, 0U);
+  EXPECT_LE(second.interrupted, second.bursts);
+  EXPECT_EQ(second.accesses == 0, second.interrupted == second.bursts);
+  EXPECT_LE(second.p50Ns, second.p99Ns);
+  EXPECT_LE(second.p99Ns, second.p999Ns);
+  EXPECT_LE(second.p999Ns, second.maxNs);
+  const LatencySummary summary = probe.Summary();
+  EXPECT_EQ(summary.accesses, second.accesses);
+  EXPECT_EQ(summary.p50Ns, second.p50Ns);
+  EXPECT_EQ(summary.maxNs, second.maxNs);
+  EXPECT_DOUBLE_EQ(summary.meanNs, second.meanNs);
+  EXPECT_GT(summary.bytesPerS, 0);
+}
+
+// The system is told to make no huge pages for this process and those that it starts.
+TEST(LatencyProbe, SaysThatThereAreNoHugePages) {
+  const int before = prctl(PR_GET_THP_DISABLE, 0, 0, 0, 0);
+  if (before < 0) GTEST_SKIP() << "this system cannot refuse huge pages";
+  ASSERT_EQ(prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0), 0);
+  ASSERT_EQ(prctl(PR_GET_THP_DISABLE, 0, 0, 0, 0), 1) << "the refusal is in force";
+  const std::uint64_t bytes = 2 * ChaseMemory::HugePageBytes();
+  const LatencySummary summary = LatencyProbe(bytes, -1, kShort).Summary();
+  EXPECT_EQ(prctl(PR_SET_THP_DISABLE, before, 0, 0, 0), 0);
+  EXPECT_EQ(summary.bytes, bytes);
+  EXPECT_EQ(summary.hugeBytes, 0U);
+  EXPECT_EQ(summary.pages, std::to_string(sysconf(_SC_PAGESIZE) / 1024) + " KiB");
+  EXPECT_THAT(LatencyText(summary), HasSubstr(" MiB in pages of " + summary.pages));
+}
+
+TEST(LatencyProbe, IsOnItsCpuOrSaysThatItIsNot) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
+  int first = 0;
+  while (!CPU_ISSET(static_cast<std::size_t>(first), &allowed)) ++first;
+  EXPECT_EQ(LatencyProbe(kMebibyte, first, kShort).Summary().cpu, first);
+  EXPECT_THAT(ErrorOf([] { LatencyProbe(kMebibyte, 1000, kShort); }),
+              HasSubstr("--latency-cpu 1000: the latency probe cannot run there: "));
+}
+
+TEST(LatencyProbe, IsRefusedMemoryWithTheReason) {
+  EXPECT_THAT(ErrorOf([] { LatencyProbe(std::uint64_t{1} << 60, -1, kShort); }),
+              HasSubstr("MiB of memory: the system refuses it"));
+}
+
+TEST(LatencyProbe, OneThatIsKilledSaysSo) {
+  LatencyProbe probe(kMebibyte, -1, kShort);
+  probe.Begin(MonotonicNs());
+  ASSERT_EQ(kill(probe.Id(), SIGKILL), 0);
+  std::vector<LatencySecond> seconds;
+  WaitForSecond(probe, seconds);
+  EXPECT_EQ(probe.Fault(), "the latency probe was ended by SIGKILL");
+  EXPECT_THAT(seconds, IsEmpty());
+}
+
+TEST(LatencyProbe, DoesNotOutliveItsOwner) {
+  pid_t id = 0;
+  {
+    const LatencyProbe probe(kMebibyte, -1, kShort);
+    id = probe.Id();
+    EXPECT_EQ(kill(id, 0), 0);
+  }
+  EXPECT_EQ(kill(id, 0), -1);
+}
+
+}  // namespace
