@@ -258,6 +258,26 @@ class Charts {
         {title: 'Rate of a busy thread (fps)'}, series);
   }
 
+  // The latency of memory in each second, and before the run over parts of the memory.
+  latency() {
+    const overTime = this.runs.flatMap((run, i) => kLatencyLines.map(([column, title], at) => {
+      const {time_s: times, accesses, [column]: values} = run.latency_seconds;
+      const points = times.map((x, second) => ({x, y: accesses[second] > 0 ? values[second] : null}));
+      return this.line(i, kCounterColours[at], title, points);
+    })).filter(isDrawn);
+    const growth = this.runs.flatMap((run, i) => {
+      const points = run.latency.growth.map(({bytes, p50_ns: y}) => ({x: bytes / 2 ** 20, y}));
+      return points.length === 0 ? [] : [this.line(i, kCounterColours[0], '', points)];
+    });
+    const sizes = growth.flatMap(({points}) => points.map(({x}) => x));
+    const seconds = {...this.overTime('memory-latency', 'Latency of an access', {title: 'Latency (ns)', log: true}, overTime),
+      broad: true, marks: this.marks(this.runs, (warning) => warning.engine === '')};
+    const parts = {id: 'memory-growth', title: 'Median before the run, over parts of the memory', series: growth,
+      x: {title: 'Memory (MiB, logarithmic)', log: true, min: Math.min(...sizes) / 1.25, max: Math.max(...sizes) * 1.25},
+      y: {title: 'Latency (ns)', min: 0}, marks: []};
+    return [seconds, parts].filter(({series}) => series.length > 0);
+  }
+
   // A chart for each run and each of its sources of counters that is not drawn beneath the run's curves.
   counters() {
     return this.runs.flatMap((run, i) => {
@@ -280,6 +300,9 @@ class Charts {
     });
   }
 }
+
+// [column of latency.csv, title] of the lines of the chart of latencies.
+const kLatencyLines = [['p50_ns', 'p50'], ['p99_ns', 'p99'], ['p999_ns', 'p99.9'], ['max_ns', 'max']];
 
 // One chart with the others beneath it; none if there is no chart.
 function withBeneath([chart, ...beneath], broad) {

@@ -123,13 +123,15 @@ function showComparison(data) {
   const charts = new Charts(report, engines);
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
+  const latency = charts.latency();
   showPage({
     heading: 'stress_scope comparison',
     title: `${data.answer}: ${data.a.name} | ${data.b.name}`,
     heads: sideLines(data),
     figures: report.figures,
     sections: [...comparisonSections(data, 'Answer'), runsSection(data, engines, totals),
-      ...engines.map((engine, i) => engineSection(report.runs, engine, ofEngines[i]))],
-    charts: [...totals, ...ofEngines.flat()],
+      ...engines.map((engine, i) => engineSection(report.runs, engine, ofEngines[i])),
+      ...latencySections(report.runs, latency)],
+    charts: [...totals, ...ofEngines.flat(), ...latency],
   });
 }

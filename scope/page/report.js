@@ -33,12 +33,22 @@ function summarySection(data, engines, totals) {
   return section('Summary', ...parts, chartFigures(totals, ''));
 }
 
+// The latency of memory, where a probe measured it. Its charts are the first element of `charts`.
+function latencySections(runs, charts) {
+  const measured = runs.filter((run) => run.latency_texts.length > 0);
+  if (measured.length === 0) return [];
+  const texts = measured.flatMap((run) => [...(runs.length > 1 ? [el('h3', {}, run.name)] : []),
+    el('ul', {}, run.latency_texts.map((text) => el('li', {}, text)))]);
+  return [section('Latency of memory', ...texts, chartFigures(charts, 'Latency of memory. '))];
+}
+
 function showReport(data) {
   const engines = data.engines.filter((engine) => engine.load);
   numberWarnings(data.runs);
   const charts = new Charts(data, engines);
   const totals = charts.totals();
   const ofEngines = engines.map((engine) => charts.ofEngine(engine.name));
+  const latency = charts.latency();
   const counters = charts.counters();
   const errors = errorParts(data.runs);
   const deadlines = deadlineParts(data.runs);
@@ -54,9 +64,10 @@ function showReport(data) {
       section('Warnings', warningList(data.runs)),
       summarySection(data, engines, totals),
       ...engines.map((engine, i) => engineSection(data.runs, engine, ofEngines[i])),
+      ...latencySections(data.runs, latency),
       section('Counters of the machine', chartFigures(counters, 'Counters. '), counterTable(data.runs)),
       section('Conditions', conditionsTable(data.runs), configurationTexts(data.runs)),
     ],
-    charts: [...totals, ...ofEngines.flat(), ...counters],
+    charts: [...totals, ...ofEngines.flat(), ...latency, ...counters],
   });
 }

@@ -98,6 +98,23 @@ class PagesInBrowser : public browser::BrowserTest {
   }
 };
 
+TEST_F(PagesInBrowser, TheLatencyOfMemoryIsDrawn) {
+  scope::Run run = made_run::Run();
+  made_run::AddLatency(run);
+  made_run::Write(run, folder_ / "run");
+  const Visit visit = Open(Page({folder_ / "run"}), "report_with_latency", 1280, 5600);
+  ExpectQuiet(visit);
+  const json lines = visit.Chart("memory-latency")["series"];
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[0]["name"], "p50");
+  EXPECT_EQ(lines[3]["name"], "max");
+  EXPECT_EQ(lines[0]["points"][1], json::parse("[2.1, 150]"));
+  EXPECT_TRUE(lines[0]["points"][19][1].is_null()) << "all bursts were interrupted";
+  EXPECT_EQ(visit.Chart("memory-growth")["series"][0]["points"],
+            json::parse("[[1, 9], [64, 90], [256, 100]]"));
+  for (const json& chart : visit.page["charts"]) EXPECT_GT(chart["drawn"], 200) << chart["id"];
+}
+
 TEST_F(PagesInBrowser, TheMachineIsDrawnBeneathTheCurvesOfARun) {
   scope::Run run = made_run::Run();
   AddMachine(run, 0.1);

@@ -5,12 +5,15 @@
 #include <gtest/gtest.h>
 
 #include "compare_values.h"
+#include "made_run.h"
 #include "run_reader.h"
 #include "synthetic_run.h"
 #include "temporary_folder.h"
 
 namespace {
 
+using ::testing::DoubleEq;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using namespace scope;
 
@@ -149,6 +152,40 @@ TEST(CompareFigures, PrintedRatesAreOfKnownStressesFromTheSkippedTimeOn) {
   EXPECT_THAT(figures.at({"cpu", Figure::kPrinted}), ElementsAre(2, 3));
 }
 
+TEST(CompareFigures, TheLatencyOfMemoryIsThatOfWholeSecondsUnderLoad) {
+  scope::Run run = made_run::Run();
+  made_run::AddLatency(run);
+  const Values figures = FiguresOf(Summarise(Completed(run)), 5);
+  const std::vector<double>& p50 = figures.at({kMemory, Figure::kP50});
+  // The seconds whose middle is after 5 s, up to the last whole one of the engines, without the interrupted
+  // one.
+  EXPECT_EQ(p50.size(), std::size_t{made_run::kWholeSeconds + 1 - 5 - 1});
+  EXPECT_THAT(p50, Each(DoubleEq(0.15))) << "us";
+  EXPECT_THAT(figures.at({kMemory, Figure::kP99}), Each(DoubleEq(0.4)));
+  EXPECT_THAT(figures.at({kMemory, Figure::kP999}), Each(DoubleEq(0.6)));
+  run.samples.clear();
+  const Values idle = FiguresOf(Summarise(Completed(run)), 0);
+  EXPECT_EQ(idle.at({kMemory, Figure::kP50}).size(), std::size_t{made_run::kWholeSeconds})
+      << "all but the last one, which is short, and the interrupted one";
+}
+
+// It does no work: the bandwidth of one engine and the probe is still that of one engine.
+TEST(CompareFigures, TheLatencyOfMemoryIsJudgedOnlyIfItIsAskedFor) {
+  const FigureKey ops = {"cpu", Figure::kOperations};
+  const FigureKey total = {kAllEngines, Figure::kBandwidth};
+  const FigureKey latency = {kMemory, Figure::kP999};
+  const std::vector<RunValues> a = {{{ops, 100}, {total, 1}, {latency, 1}},
+                                    {{ops, 101}, {total, 1}, {latency, 1.01}}};
+  const std::vector<RunValues> b = {{{ops, 100}, {total, 1}, {latency, 2}},
+                                    {{ops, 101}, {total, 1}, {latency, 2.02}}};
+  EXPECT_EQ(CompareValues(a, b, {}).judged, 1U);
+  CompareOptions options;
+  options.figures = {Figure::kP999};
+  const Comparison comparison = CompareValues(a, b, options);
+  ASSERT_EQ(comparison.figures.size(), 1U);
+  EXPECT_EQ(comparison.figures[0].verdict, Verdict::kWorse) << "lower is better";
+}
+
 TEST(CompareFigures, HaveNamesUnitsAndDirections) {
   const auto is = [](Figure figure, const std::string& name, const std::string& unit, bool lowerIsBetter) {
     EXPECT_EQ(KindOf(figure).figure, figure);
@@ -161,12 +198,16 @@ TEST(CompareFigures, HaveNamesUnitsAndDirections) {
   is(Figure::kP50, "p50", "us", true);
   is(Figure::kP99, "p99", "us", true);
   is(Figure::kPrinted, "printed", "fps", false);
+  is(Figure::kP999, "p999", "us", true);
   std::vector<std::string> compared;
   for (const FigureKind& kind : FigureKinds()) {
     EXPECT_EQ(&KindOf(kind.figure), &kind) << kind.name;
     if (kind.compared) compared.emplace_back(kind.name);
   }
   EXPECT_THAT(compared, ElementsAre("ops", "bandwidth", "p50", "p99", "printed"));
+  compared.clear();
+  for (const FigureKind* const kind : ComparedKinds()) compared.emplace_back(kind->name);
+  EXPECT_THAT(compared, ElementsAre("ops", "bandwidth", "p50", "p99", "printed", "p999"));
 }
 
 TEST(CompareFigures, AreInTheOrderOfTheEnginesAndThenOfTheFigures) {

@@ -42,6 +42,44 @@ inline scope::Sample SampleOf(const Engine& engine, int thread, double timeS, st
   return sample;
 }
 
+/// A latency probe: 150 ns in the whole seconds of the engines, 100 ns before and after them. All bursts of
+/// second 20 were interrupted.
+inline void AddLatency(scope::Run& run) {
+  scope::LatencySummary& latency = run.info.latency;
+  latency.bytes = std::uint64_t{256} << 20;
+  latency.pages = "2 MiB";
+  latency.timer = "rdtsc";
+  latency.cpu = 3;
+  latency.bursts = 328;
+  latency.interrupted = 8;
+  latency.bytesPerS = 2e6;
+  latency.growth = {{std::uint64_t{1} << 20, 9}, {std::uint64_t{64} << 20, 90}, {latency.bytes, 100}};
+  run.info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 3";
+  for (int second = 1; second <= kWholeSeconds + 2; ++second) {
+    const bool edge = second == 1 || second == kWholeSeconds + 2;
+    scope::LatencySecond row;
+    row.second = second;
+    row.timeS = second + 0.1;
+    row.bursts = 8;
+    row.interrupted = second == 20 ? 8 : 0;
+    if (second != 20) {
+      row.accesses = 20'000;
+      row.p50Ns = edge ? 100 : 150;
+      row.p99Ns = edge ? 200 : 400;
+      row.p999Ns = 600;
+      row.maxNs = second == 10 ? 34'000 : 700;
+      row.meanNs = 160.5;
+    }
+    row.stealMs = 10;
+    latency.accesses += row.accesses;
+    run.latency.push_back(row);
+  }
+  latency.p50Ns = 150;
+  latency.p99Ns = 400;
+  latency.p999Ns = 600;
+  latency.maxNs = 34'000;
+}
+
 inline scope::Run Run() {
   scope::Run run;
   run.info.tool = "stress_scope 0.1.0";
@@ -104,6 +142,7 @@ inline void Write(const scope::Run& made, const std::string& folder) {
   }
   writer.Add(run.rates);
   writer.Add(run.counters);
+  if (!run.latency.empty()) writer.Add(run.latency);
 }
 
 }  // namespace made_run

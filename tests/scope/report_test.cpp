@@ -57,6 +57,47 @@ TEST(ReportPage, ItsDataAreTheFigures) {
   EXPECT_EQ(run["counter_series"][0]["value"][9], 51);
 }
 
+TEST(Report, HasTheLatencyOfMemory) {
+  scope::Run run = made_run::Run();
+  EXPECT_THAT(ReportText({Reported(run, "one")}, 200), Not(HasSubstr("latency of memory")));
+  made_run::AddLatency(run);
+  const std::string text = ReportText({Reported(run, "one")}, 200);
+  EXPECT_THAT(text,
+              HasSubstr("latency of memory: p50 150 ns, p99 400 ns, p99.9 600 ns (medians of 38 seconds "
+                        "under load), longest 34.0 us\n"));
+  EXPECT_THAT(text,
+              HasSubstr("over 256 MiB in pages of 2 MiB, CPU 3; its own load 2 MB/s, 0.014 % of the engines' "
+                        "bytes; 8 of 328 bursts interrupted\n"));
+  EXPECT_THAT(text, HasSubstr("over parts of it: 1 MiB 9 ns, 64 MiB 90 ns, 256 MiB 100 ns\n"));
+  EXPECT_THAT(text, Not(HasSubstr("warning: latency")));
+  const nlohmann::json data = DataOf({Reported(run, "one")})["runs"][0];
+  EXPECT_EQ(data["latency"]["growth"][1]["p50_ns"], 90);
+  EXPECT_EQ(data["latency_seconds"]["p50_ns"][1], 150);
+  EXPECT_EQ(data["latency_seconds"]["accesses"][19], 0);
+  EXPECT_TRUE(data["latency_seconds"]["interrupts"][0].is_null());
+  EXPECT_EQ(data["latency_texts"].size(), 3U);
+}
+
+TEST(Report, DoubtsALatencyThatWasMeasuredBadly) {
+  scope::Run run = made_run::Run();
+  made_run::AddLatency(run);
+  run.info.latency.cpu = -1;
+  run.info.latency.cpuNote = "Operation not permitted";
+  run.info.latency.interrupted = 164;
+  run.info.latency.bytesPerS = 1e9;
+  run.info.latency.timerStepNs = 40;
+  run.info.latency.meanNs = 163;
+  run.info.conditions.caches = {{3, "Unified", std::uint64_t{200} << 20, 1}};
+  const std::string text = ReportText({Reported(run, "one")}, 200);
+  EXPECT_THAT(text,
+              HasSubstr("warning: latency: the probe had no CPU of its own: Operation not permitted\n"));
+  EXPECT_THAT(text, HasSubstr("warning: latency: 164 of 328 bursts interrupted: other programs or the host"));
+  EXPECT_THAT(text, HasSubstr("warning: latency: the probe's own load is "));
+  EXPECT_THAT(
+      text, HasSubstr("warning: latency: the probe went through 256 MiB, and the largest cache has 200 MiB"));
+  EXPECT_THAT(text, HasSubstr("warning: latency: the timer moves in steps of 40 ns: the mean of 163 ns"));
+}
+
 TEST(ReportPage, AFigureThatARunDoesNotHaveIsNull) {
   scope::Run run = made_run::Run();
   run.histogram.clear();

@@ -146,6 +146,30 @@ TEST_F(RunFolderTest, ReadsWhatItWrote) {
   EXPECT_EQ(run.histogram[0].highNs, 1008U);
 }
 
+TEST_F(RunFolderTest, ReadsTheLatencyOfMemory) {
+  RunInfo info = SomeInfo();
+  info.latency.bytes = 65536;
+  WriteWhole(info, {SampleAt(1)});
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("latency.csv: the file is missing, although the run is complete"));
+  const std::string header = TableHeader<LatencySecond>() + "\n";
+  const auto put = [&](const std::string& rows) { folder_.Put("a/run/latency.csv", header + rows); };
+  put("1,1.000,5,150.5,140,300,400,500,8,1,,17,2\n2,2.000,0,0.0,0,0,0,0,8,8,10,,3\n");
+  const scope::Run run = ReadRun(run_);
+  ASSERT_EQ(run.latency.size(), 2U);
+  EXPECT_EQ(run.latency[0].accesses, 5U);
+  EXPECT_DOUBLE_EQ(run.latency[0].meanNs, 150.5);
+  EXPECT_EQ(run.latency[0].p999Ns, 400U);
+  EXPECT_FALSE(run.latency[0].stealMs.has_value());
+  EXPECT_EQ(run.latency[0].interrupts, 17U);
+  EXPECT_EQ(run.latency[1].stealMs, 10U);
+  EXPECT_EQ(run.latency[1].interrupted, 8U);
+  put("1,1.000,5,150.5,140,300,200,500,8,1,,17,2\n");
+  EXPECT_THAT(ErrorOfRead(),
+              HasSubstr("latency.csv:2: expected p50_ns, p99_ns, p999_ns and max_ns in rising order"));
+  put("2,1.000,0,0,0,0,0,0,8,8,,,2\n2,2.000,0,0,0,0,0,0,8,8,,,2\n");
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("latency.csv:3: expected one row a second, after second 2"));
+}
+
 TEST_F(RunFolderTest, ReadsNamesThatTheMachineMade) {
   const std::vector<std::string> names = {"zone0/cpu,gpu", "a \"b\", c", "\"", ",", "a\nb", "12\" rack", ""};
   {

@@ -106,6 +106,18 @@ TEST(Describe, HasTheFiguresOfASecondInOneLine) {
             "venc 10 threads  ops/s 62.5  GB/s 1.250  p50 4.00 us  p99 5.00 ms  max 6.00 ms  7 failed");
 }
 
+TEST(Describe, HasTheLatencyOfMemoryInOneLine) {
+  scope::LatencySecond second;
+  second.p50Ns = 148;
+  second.p99Ns = 410;
+  second.p999Ns = 505;
+  second.maxNs = 34'000;
+  EXPECT_EQ(scope::Describe(second), "memory latency  p50 148 ns  p99 410 ns  p99.9 505 ns  max 34.0 us");
+  second.interrupted = 2;
+  EXPECT_EQ(scope::Describe(second),
+            "memory latency  p50 148 ns  p99 410 ns  p99.9 505 ns  max 34.0 us  2 bursts interrupted");
+}
+
 // A reader of the pipe gets each line as soon as its second is over.
 TEST(PlainView, PassesASecondOnAtOnce) {
   int ends[2];

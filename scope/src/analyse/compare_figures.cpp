@@ -38,6 +38,19 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
   if (!bytesKnown) figures.erase({engine.engine, Figure::kBandwidth});
 }
 
+void AddLatency(const RunSummary& run, double skipS, Values& figures) {
+  constexpr double kUsPerNs = 1e-3;
+  for (const LatencySecond& second : run.latency) {
+    if (second.accesses == 0 || second.timeS - 0.5 < skipS) continue;
+    const auto add = [&](Figure figure, std::uint64_t ns) {
+      figures[{kMemory, figure}].push_back(static_cast<double>(ns) * kUsPerNs);
+    };
+    add(Figure::kP50, second.p50Ns);
+    add(Figure::kP99, second.p99Ns);
+    add(Figure::kP999, second.p999Ns);
+  }
+}
+
 }  // namespace
 
 bool operator<(const FigureKey& left, const FigureKey& right) {
@@ -74,6 +87,7 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
       if (rate.timeS >= skipS) figures[{printed.engine, Figure::kPrinted}].push_back(rate.fps);
     }
   }
+  AddLatency(run, skipS, figures);
   return figures;
 }
 

@@ -12,8 +12,11 @@ namespace scope {
 /// All engines together. Its only figure is the bandwidth, if the bytes of every engine are known.
 constexpr const char* kAllEngines = "total";
 
+/// What the latency probe measured. It is no engine, and does no work.
+constexpr const char* kMemory = "memory";
+
 struct FigureKey {
-  std::string engine;  ///< its id, or kAllEngines
+  std::string engine;  ///< its id, kAllEngines or kMemory
   Figure figure = Figure::kOperations;
 };
 /// Orders by engine, as in the table of engines, and then by figure.
@@ -22,7 +25,8 @@ bool operator<(const FigureKey& left, const FigureKey& right);
 /// The values of the run's seconds by figure that is compared, in its unit and in order of time:
 /// - op/s and GB/s (10^9 bytes) of all threads of the engine, divided by the second's length;
 /// - p50 and p99 of EngineSecond;
-/// - the printed rate.
+/// - the printed rate;
+/// - p50, p99 and p99.9 of memory, where the latency probe measured them.
 /// Only whole seconds count. Seconds whose middle is before `skipS` and printed rates before it are left out.
 /// An engine without operations has the single rate 0. If no engine has any, the total is a single 0 too.
 /// Engines and figures without a value are absent.

@@ -56,7 +56,7 @@ std::set<FigureKey> JudgedOf(const std::set<FigureKey>& keys, const CompareOptio
   std::set<std::string> engines;
   for (const FigureKey& key : keys) {
     if (key.engine == kAllEngines) continue;
-    engines.insert(key.engine);
+    if (key.engine != kMemory) engines.insert(key.engine);
     const bool isCoarse = key.figure == Figure::kPrinted && printedTooCoarsely.count(key.engine) != 0;
     const bool isExact = key.figure == Figure::kOperations;
     const bool isOnlyRate =

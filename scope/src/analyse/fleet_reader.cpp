@@ -44,8 +44,8 @@ struct Observation {
 };
 
 const FigureKind* ComparedFigureKind(const std::string& name) {
-  for (const FigureKind& kind : FigureKinds()) {
-    if (kind.compared && name == kind.name) return &kind;
+  for (const FigureKind* const kind : ComparedKinds()) {
+    if (name == kind->name) return kind;
   }
   return nullptr;
 }

@@ -166,6 +166,26 @@ PrintedRates SummarisePrinted(const std::string& stress, const std::vector<Rate>
   return printed;
 }
 
+// The two processes begin their seconds a little apart.
+std::vector<LatencySecond> LoadedSeconds(const Run& run, const std::vector<EngineSummary>& engines) {
+  constexpr double kSlackS = 0.3;
+  double fromS = -1;
+  double toS = run.latency.size() > 1 ? run.latency[run.latency.size() - 2].timeS : run.info.durationS;
+  for (const EngineSummary& engine : engines) {
+    if (!IsLoad(engine.engine) || engine.firstWhole == engine.endWhole) continue;
+    const EngineSecond& first = engine.seconds[engine.firstWhole];
+    fromS = std::max(fromS, first.timeS - first.spanS);
+    toS = std::min(toS, engine.seconds[engine.endWhole - 1].timeS);
+  }
+  std::vector<LatencySecond> loaded;
+  double startS = 0;
+  for (const LatencySecond& second : run.latency) {
+    if (startS >= fromS - kSlackS && second.timeS <= toS + kSlackS) loaded.push_back(second);
+    startS = second.timeS;
+  }
+  return loaded;
+}
+
 }  // namespace
 
 const PrintedRates* RunSummary::PrintedOf(const std::string& engine) const {
@@ -193,6 +213,8 @@ RunSummary Summarise(const Run& run) {
   std::sort(summary.printed.begin(), summary.printed.end(), [](const auto& a, const auto& b) {
     return std::make_pair(OrderOf(a.engine), a.stress) < std::make_pair(OrderOf(b.engine), b.stress);
   });
+
+  summary.latency = LoadedSeconds(run, summary.engines);
 
   double sum = 0;
   bool anyBytes = false;

@@ -55,6 +55,9 @@ struct RunSummary {
   std::vector<PrintedRates> printed;    ///< in the same order
   std::optional<double> gigabytesPerS;  ///< of all engines; none if one is unknown or there is none
   double endS = 0;                      ///< end of the run's last second
+  /// The latency of memory in the seconds in which every engine with an operation has whole seconds; without
+  /// such an engine, in all but the last one, which is shorter.
+  std::vector<LatencySecond> latency;
 
   const PrintedRates* PrintedOf(const std::string& engine) const;
 };

@@ -10,6 +10,7 @@
 
 #include "early_end.h"
 #include "engines.h"
+#include "latency_texts.h"
 #include "run_error.h"
 #include "statistics.h"
 #include "text_format.h"
@@ -293,6 +294,7 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   if (summary.engines.empty()) {
     for (const PrintedRates& printed : summary.printed) AddPrinted(printed, warnings);
   }
+  for (const std::string& doubt : LatencyDoubts(run, summary)) warnings.push_back({"latency: " + doubt});
   AddCounters(run, warnings);
   return warnings;
 }

@@ -46,10 +46,9 @@ void RefuseDifferences(const std::vector<ConditionDifference>& differences, cons
 
 int RunCompare(CommandOptions options) {
   for (const std::string& name : options.figures) {
-    const auto& kinds = FigureKinds();
-    const auto at =
-        std::find_if(kinds.begin(), kinds.end(), [&](const FigureKind& kind) { return name == kind.name; });
-    options.compare.figures.insert(at->figure);
+    for (const FigureKind* const kind : ComparedKinds()) {
+      if (name == kind->name) options.compare.figures.insert(kind->figure);
+    }
   }
   const Side a = ReadSide(options.a);
   const Side b = ReadSide(options.b);
@@ -83,9 +82,7 @@ void AddCompare(CLI::App& app, int& status) {
   command->add_option("A", options->a, "Run folder, folder of runs, or SWEEP:CPU=1,VENC=2")->required();
   command->add_option("B", options->b, "As for A")->required();
   std::vector<std::string> figures;
-  for (const FigureKind& kind : FigureKinds()) {
-    if (kind.compared) figures.emplace_back(kind.name);
-  }
+  for (const FigureKind* const kind : ComparedKinds()) figures.emplace_back(kind->name);
   command
       ->add_option("--figure", options->figures,
                    "Judge these, and show no others (default: judge rates, show all)")

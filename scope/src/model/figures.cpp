@@ -64,7 +64,20 @@ const std::vector<FigureKind>& FigureKinds() {
 }
 
 const FigureKind& KindOf(Figure figure) {
+  // The meter does not keep so rare a latency of an engine for each second.
+  static const FigureKind kP999 = {Figure::kP999, "p999", "p99.9",     "us",   true,
+                                   true,          "",     LatencyText, nullptr};
+  if (figure == Figure::kP999) return kP999;
   return FigureKinds().at(static_cast<std::size_t>(figure));
+}
+
+std::vector<const FigureKind*> ComparedKinds() {
+  std::vector<const FigureKind*> kinds;
+  for (const FigureKind& kind : FigureKinds()) {
+    if (kind.compared) kinds.push_back(&kind);
+  }
+  kinds.push_back(&KindOf(Figure::kP999));
+  return kinds;
 }
 
 std::string FigureText(const FigureKind& kind, const Work& work) {

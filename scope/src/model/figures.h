@@ -18,7 +18,7 @@ std::optional<std::uint64_t> Sum(std::optional<std::uint64_t> left, std::optiona
 void SetRates(Work& work, double spanS);
 
 /// The figures, in display order.
-enum class Figure { kCount, kOperations, kBandwidth, kP50, kP99, kMax, kFailures, kPrinted, kExact };
+enum class Figure { kCount, kOperations, kBandwidth, kP50, kP99, kMax, kFailures, kPrinted, kExact, kP999 };
 
 struct FigureKind {
   Figure figure;
@@ -33,9 +33,12 @@ struct FigureKind {
   std::optional<double> (*of)(const Work& work);
 };
 
-/// The one table of figures. Live table, reports and comparisons list figures from it.
+/// The one table of figures of engines. Live table, reports and comparisons list figures from it.
 const std::vector<FigureKind>& FigureKinds();
+/// The kind of any figure, also of those that only the latency of memory has.
 const FigureKind& KindOf(Figure figure);
+/// The kinds that runs are compared by, in display order.
+std::vector<const FigureKind*> ComparedKinds();
 
 /// The figure's value in `work` as people read it, "-" if it is unknown.
 std::string FigureText(const FigureKind& kind, const Work& work);

@@ -11,6 +11,7 @@
 #include "compare_values.h"
 #include "deadline.h"
 #include "engines.h"
+#include "latency_texts.h"
 #include "page_data.h"
 #include "report.h"
 #include "run_error.h"
@@ -162,6 +163,23 @@ Json ErrorsJson(const std::vector<RunError>& errors) {
   return list;
 }
 
+// Columns as in latency.csv.
+Json LatencyJson(const std::vector<LatencySecond>& seconds) {
+  Json json;
+  const auto put = [&json](const CsvColumn& column, const auto& value) {
+    if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::optional<std::uint64_t>>) {
+      json[column.name].push_back(OrNull(value));
+    } else {
+      json[column.name].push_back(value);
+    }
+  };
+  const LatencySecond none;
+  VisitColumns(
+      none, [&json](const CsvColumn& column, const auto& /*value*/) { json[column.name] = Json::array(); });
+  for (const LatencySecond& second : seconds) VisitColumns(second, put);
+  return json;
+}
+
 Json RunJson(const ReportedRun& reported, double warmupS) {
   const RunInfo& info = reported.run.info;
   Json run = Json::parse(RunInfoText(info));
@@ -180,6 +198,8 @@ Json RunJson(const ReportedRun& reported, double warmupS) {
   run["deadline_texts"] = Json::array();
   for (const EngineDeadline& deadline : info.deadlines)
     run["deadline_texts"].push_back(DeadlineText(deadline));
+  run["latency_seconds"] = LatencyJson(reported.run.latency);
+  run["latency_texts"] = LatencyTexts(reported.run, reported.summary);
   run["gigabytes_per_s"] = OrNull(reported.summary.gigabytesPerS);
   run["engines"] = EnginesJson(reported);
   run["printed"] = PrintedJson(reported.summary);

@@ -3,6 +3,7 @@
 
 #include "deadline.h"
 #include "engines.h"
+#include "latency_texts.h"
 #include "printable.h"
 #include "report.h"
 #include "run_error.h"
@@ -97,6 +98,9 @@ std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) 
                   : Table(reported.summary, width);
     if (!reported.run.info.conditions.meter && !empty) {
       text += "  no meter: only rate lines, without operations, bytes and latencies\n";
+    }
+    for (const std::string& latency : LatencyTexts(reported.run, reported.summary)) {
+      text += "  latency of memory: " + Printable(latency) + "\n";
     }
     text += ErrorsText(reported.run);
     for (const EngineDeadline& deadline : reported.run.info.deadlines) {
