@@ -296,6 +296,7 @@ TEST(Guard, OneThatIsKilledSaysSo) {
   Seen seen;
   WaitForError(guard, seen);
   EXPECT_EQ(guard.Fault(), "the guard was ended by SIGKILL");
+  EXPECT_FALSE(guard.HasCrashed());
   EXPECT_EQ(guard.Descriptor(), -1);
 }
 
@@ -333,6 +334,15 @@ TEST(Guard, HasNoFileOfTheRecorder) {
   EXPECT_EQ(sockets, 1);
   (void)close(low);
   (void)close(high);
+}
+
+TEST(Guard, OneThatCrashesSaysSo) {
+  Guard guard(kGuarded, 100);
+  ASSERT_EQ(kill(guard.Id(), SIGBUS), 0);
+  Seen seen;
+  WaitForError(guard, seen);
+  EXPECT_EQ(guard.Fault(), "the guard was ended by SIGBUS");
+  EXPECT_TRUE(guard.HasCrashed());
 }
 
 TEST(Guard, DoesNotOutliveItsOwner) {

@@ -165,6 +165,10 @@ TEST_F(RecordTest, MemoryErrorsOfAControllerAreErrorsOfTheRun) {
   EXPECT_EQ(run.errors[0].source, "edac");
   EXPECT_EQ(run.errors[0].note, "3 more of mc0/ce_count");
   EXPECT_EQ(run.info.errors, (std::vector<std::pair<std::string, std::uint64_t>>{{"edac", 3}}));
+  // The first values are from before the benchmark's start: what is counted while it starts is of this run.
+  ASSERT_FALSE(run.counters.empty());
+  EXPECT_EQ(run.counters.front().source, "edac");
+  EXPECT_EQ(run.counters.front().timeS, 0);
 }
 
 // A recording with 1 MiB of guarded memory, to which `harm` does something.
@@ -230,6 +234,8 @@ TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
   EXPECT_FALSE(guarded.result.complete);
   EXPECT_EQ(guarded.result.reason, "the guard was ended by SIGKILL: memory was not guarded from then on");
   EXPECT_EQ(guarded.run.info.incompleteReason, guarded.result.reason);
+  // The kernel may have had no memory left.
+  EXPECT_TRUE(guarded.result.recorderFailed);
 }
 
 /// A recording with a latency probe over 1 MiB, to which `harm` does something.

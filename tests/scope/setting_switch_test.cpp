@@ -10,10 +10,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <string>
 
 #include "errors.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -71,6 +73,38 @@ TEST(SettingSwitchTest, ACommandCanBeInterruptedWhereThisProcessIgnoresInterrupt
   }
   (void)std::signal(SIGINT, before);
   EXPECT_EQ(answer, "the command was ended by signal 2: kill -INT $$; sleep 0");
+}
+
+// What RunSwitch says of the command: "missing", or its other errors.
+std::string AnswerTo(const std::string& command) {
+  scope::Signals signals;
+  try {
+    return scope::RunSwitch(command, false, signals) ? "made" : "interrupted";
+  } catch (const scope::CommandMissing&) {
+    return "missing";
+  } catch (const scope::UserError& error) {
+    return error.what();
+  }
+}
+
+TEST(SettingSwitchTest, OnlyACommandThatIsNotThereIsMissing) {
+  const TemporaryFolder folder;
+  const auto script = [&folder](const std::string& first, std::filesystem::perms rights) {
+    folder.Put("set", first + "\nexit ${1#*=}\n");
+    std::filesystem::permissions(folder / "set", rights);
+    return folder / "set";
+  };
+  using std::filesystem::perms;
+  const std::string set = script("#!/bin/sh", perms::owner_all);
+  EXPECT_EQ(AnswerTo(set + " a=0"), "made");
+  EXPECT_EQ(AnswerTo(set + " a=127"), "the command ended with status 127: " + set + " a=127");
+  EXPECT_EQ(AnswerTo("  sh -c 'exit 126'"), "the command ended with status 126:   sh -c 'exit 126'");
+  EXPECT_EQ(AnswerTo(set + "-none a=0"), "missing");
+  EXPECT_EQ(AnswerTo("no-such-command a=0"), "missing");
+  EXPECT_EQ(AnswerTo(script("#!/bin/sh", perms::owner_read) + " a=0"), "missing");
+  EXPECT_EQ(AnswerTo(script("#!/no/such/shell", perms::owner_all) + " a=0"), "missing");
+  // What a shell makes of the first word is not known.
+  EXPECT_EQ(AnswerTo("$NO_SUCH_VARIABLE/set a=0"), "missing");
 }
 
 }  // namespace

@@ -231,4 +231,33 @@ TEST_F(SupervisorTest, OnlyWhatDoesNotEndHangs) {
   EXPECT_TRUE(supervisor_.Hung());
 }
 
+// Whose fault it is: the recorder's says nothing about the benchmark and the board.
+TEST_F(SupervisorTest, TellsItsOwnFaultsFromThoseOfTheBenchmark) {
+  const auto ofRecorder = [](const Supervisor::Ending& ending) {
+    Supervisor supervisor(Limits());
+    (void)supervisor.BenchmarkEnded(ending);
+    return supervisor.RecorderFailed();
+  };
+  EXPECT_TRUE(ofRecorder({0, 0, Meter::kSilent}));
+  EXPECT_TRUE(ofRecorder({0, 0, Meter::kCut}));
+  EXPECT_FALSE(ofRecorder({0, 0, Meter::kSaidTheEnd}));
+  EXPECT_FALSE(ofRecorder({0, 0, Meter::kUnused}));
+  // A benchmark that ends so early has no meter, either.
+  EXPECT_FALSE(ofRecorder({255, 0, Meter::kSilent}));
+  EXPECT_FALSE(ofRecorder({0, SIGSEGV, Meter::kCut}));
+
+  // The first fault counts.
+  (void)supervisor_.RecordingFailed(5, "no space");
+  (void)supervisor_.BenchmarkEnded({255, 0, Meter::kCut});
+  EXPECT_TRUE(supervisor_.RecorderFailed());
+  Supervisor hanging(Limits());
+  (void)hanging.TimePassed(500);
+  EXPECT_TRUE(hanging.Hung());
+  (void)hanging.RecordingFailed(501, "no space");
+  EXPECT_FALSE(hanging.RecorderFailed());
+  Supervisor ofBoard(Limits());
+  (void)ofBoard.RecordingFailed(5, "a crash", true);
+  EXPECT_FALSE(ofBoard.RecorderFailed());
+}
+
 }  // namespace

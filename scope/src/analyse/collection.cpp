@@ -78,6 +78,8 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder)
     }
     status.board = record->board;
     status.reason = record->reason;
+    status.isHung = record->isHung;
+    status.isRecorderFault = record->isRecorderFault;
     if (record->state == CellState::kDone)
       status.reason = "done, but not moved into place: run the cell again";
     else

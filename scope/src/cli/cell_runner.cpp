@@ -67,6 +67,8 @@ void Apply(const PlanCell& cell, const CellOptions& options, double mostS, Signa
   } catch (const std::exception& error) {
     end.reason = std::string("cannot make the settings of the board: ") + error.what();
     end.hung = dynamic_cast<const CommandHangs*>(&error) != nullptr;
+    // Not the command's fault: for example, the system starts no more processes.
+    end.recorderFailed = dynamic_cast<const UserError*>(&error) == nullptr;
   }
 }
 
@@ -80,8 +82,10 @@ void AddFromRun(const std::string& attempt, double warmupS, CellRecord& record) 
       record.figures.push_back({key.engine, KindOf(key.figure).name, ValueOf(key.figure, seconds)});
     }
   } catch (const UserError& error) {
+    if (record.state != CellState::kDone) return;  // it has its reason
     record.state = CellState::kFailed;
     record.reason = error.what();
+    record.isRecorderFault = true;
   }
 }
 
@@ -97,8 +101,7 @@ RecordOptions RecordingOf(const Plan& plan, const PlanCell& cell, const std::str
   return options;
 }
 
-// True if the cell failed because something did not end.
-bool RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
+void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
                 Signals& signals, const std::string& final, CellRecord& record) {
   RecordResult end;
   Apply(record.cell, options, plan.settings.hangAfterS, signals, end);
@@ -110,13 +113,16 @@ bool RecordInto(const std::string& attempt, const Plan& plan, const CellOptions&
     } catch (const std::exception& error) {
       // For example a benchmark that is made for another processor.
       end.reason = error.what();
+      end.recorderFailed = true;
     }
   }
   record.reason = end.reason;
+  record.isHung = end.hung;
+  // Errors are the board's, whatever came after them.
+  record.isRecorderFault = end.recorderFailed && end.errors == 0;
   if (end.stopped) record.state = CellState::kInterrupted;
   record.ended = UtcNow();
   AddFromRun(attempt, plan.settings.warmupS, record);
-  return end.hung;
 }
 
 }  // namespace
@@ -205,15 +211,15 @@ CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, 
   record.cell = cell;
   record.board = options.board;
   record.started = UtcNow();
-  bool isHung = false;
   try {
-    isHung = RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
+    RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
   } catch (const CommandMissing&) {
     folders.Discard(attempt);
     throw;
   }
   folders.Finish(attempt, record);
-  if (record.state != CellState::kDone) return {record.state, record.reason, attempt, true, isHung};
+  if (record.state != CellState::kDone)
+    return {record.state, record.reason, attempt, true, record.isHung, false, record.isRecorderFault};
   const bool isNew = folders.Publish(attempt, plan.id, number);
   return {CellState::kDone, "", folders.Final(), isNew};
 }

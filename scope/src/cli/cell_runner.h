@@ -38,6 +38,7 @@ struct CellOutcome {
   bool isNew = true;                     ///< false: the cell was done before, and nothing was recorded
   bool isHung = false;                   ///< it failed because something did not end
   bool isBoardAway = false;              ///< it is not done because the board can no longer be reached
+  bool isRecorderFault = false;          ///< it failed because the recorder did, not the board
 };
 
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.

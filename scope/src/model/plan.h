@@ -59,7 +59,10 @@ struct CellRecord {
   std::string ended;
   CellState state = CellState::kFailed;  ///< kDone, kFailed or kInterrupted
   std::string reason;                    ///< why it is not done; empty otherwise
-  std::vector<CellFigure> figures;       ///< of a run that is done
+  bool isHung = false;                   ///< it failed because something did not end
+  /// It failed because the recorder did: that says nothing about the board.
+  bool isRecorderFault = false;
+  std::vector<CellFigure> figures;  ///< of a run that is done
   /// The other files of the folder: name to bytes.
   std::vector<std::pair<std::string, std::uint64_t>> files;
 };
@@ -67,9 +70,11 @@ struct CellRecord {
 /// What is in the folder of the cells for one cell.
 struct CellStatus {
   CellState state = CellState::kMissing;
-  std::string reason;  ///< why it is not done; may be empty
-  std::string folder;  ///< of the run or of the last attempt, within that of the cells; empty if missing
-  std::string board;   ///< on which it ran, or empty
+  std::string reason;   ///< why it is not done; may be empty
+  std::string folder;   ///< of the run or of the last attempt, within that of the cells; empty if missing
+  std::string board;    ///< on which it ran, or empty
+  bool isHung = false;  ///< this and the next one: as in CellRecord, of the last attempt
+  bool isRecorderFault = false;
 };
 
 }  // namespace scope

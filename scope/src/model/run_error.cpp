@@ -70,16 +70,7 @@ std::optional<double> FirstErrorS(const Run& run) {
 }
 
 bool AreResultsJudged(const RunInfo& info) {
-  const auto isJudged = [&info](const auto& level) {
-    return level.second == 0 || std::any_of(info.verification.begin(), info.verification.end(),
-                                            [&level](const EngineCheck& check) {
-                                              return check.engine == level.first && check.state == kJudged;
-                                            });
-  };
-  return !info.verification.empty() &&
-         std::all_of(info.config.levels.begin(), info.config.levels.end(), isJudged) &&
-         std::all_of(info.verification.begin(), info.verification.end(),
-                     [](const EngineCheck& check) { return check.state == kJudged; });
+  return !info.verification.empty() && NotJudged(info).empty();
 }
 
 bool LooksForErrors(const RunInfo& info) {
@@ -111,6 +102,20 @@ std::string CheckText(const EngineCheck& check) {
                     : static_cast<double>(check.checked) / static_cast<double>(check.operations) * 100,
                 static_cast<unsigned long long>(check.whole)) +
          (check.errors == 0 ? "no error" : Counted(check.errors, "error"));
+}
+
+std::vector<std::string> NotJudged(const RunInfo& info) {
+  std::vector<std::string> texts;
+  if (!info.conditions.verify && info.verification.empty()) return texts;
+  for (const EngineCheck& check : info.verification) {
+    if (check.state != kJudged) texts.push_back(CheckText(check));
+  }
+  for (const auto& [engine, level] : info.config.levels) {
+    const bool isKnown = std::any_of(info.verification.begin(), info.verification.end(),
+                                     [&id = engine](const EngineCheck& check) { return check.engine == id; });
+    if (level > 0 && !isKnown) texts.push_back(engine + ": not judged: the meter said nothing of it");
+  }
+  return texts;
 }
 
 std::vector<std::string> CheckTexts(const RunInfo& info) {

@@ -40,6 +40,10 @@ bool LooksForErrors(const RunInfo& info);
 /// What was checked of an engine, in one sentence.
 std::string CheckText(const EngineCheck& check);
 
+/// Of a run that was asked to check results: what CheckText says of each engine at work whose results nothing
+/// judged. Wrong ones would not have been found.
+std::vector<std::string> NotJudged(const RunInfo& info);
+
 /// What was checked of the run, a sentence each: its engines, and the guarded memory.
 std::vector<std::string> CheckTexts(const RunInfo& info);
 

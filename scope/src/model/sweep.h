@@ -70,7 +70,8 @@ struct Sweep {
   std::vector<SweepAxis> axes;
   std::vector<SettingAxis> boardAxes;  ///< empty: no settings are swept, and the next two mean nothing
   MarginSettings margin;
-  std::string bootId;  ///< of the machine when the last run began; empty if unknown
+  std::string bootId;    ///< of the machine when the last run began; empty if unknown
+  bool restored = true;  ///< false: the board may still have the settings of a run
   /// By point of the grid (the last axis changes fastest, those of settings come after levels), then by
   /// repeat.
   std::vector<SweepRun> runs;

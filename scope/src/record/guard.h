@@ -34,6 +34,7 @@ class Guard {
 
   /// Why it ended before it was asked; empty if it did not.
   const std::string& Fault() const { return process_.Fault(); }
+  bool HasCrashed() const { return process_.HasCrashed(); }
   const GuardSummary& Summary() const { return summary_; }
 
  private:

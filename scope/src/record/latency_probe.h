@@ -41,6 +41,7 @@ class LatencyProbe {
 
   /// Why it ended before it was asked; empty if it did not.
   const std::string& Fault() const { return process_.Fault(); }
+  bool HasCrashed() const { return process_.HasCrashed(); }
   /// What is known so far.
   LatencySummary Summary() const;
 

@@ -97,7 +97,6 @@ class Recording {
     }
     view_.End();
     RecordResult result = Finish();
-    result.hung = supervisor_->Hung();
     if (options_.failOver) {
       const std::vector<std::string> late = MissedTooOften(meter_->Deadlines(), *options_.failOver);
       for (const std::string& sentence : late) Tell(sentence);
@@ -113,6 +112,8 @@ class Recording {
 
   void Start() {
     startNs_ = NowNs();
+    // Before the benchmark begins: what a counter of errors has now is not of this run.
+    const std::vector<CounterValue> before = counters_->Read(0);
     meter_ = std::make_unique<MeterReader>(startNs_);
     ChildProcess::Options child;
     child.program = limits_.program;
@@ -134,8 +135,8 @@ class Recording {
     child_ = std::make_unique<ChildProcess>(child);
     meter_->CloseChildEnd();
     if (latency_ != nullptr) latency_->Begin(startNs_);
-    // At once: what a counter has now is from before the run.
-    ReadCounters();
+    counterTimeS_ = kCounterPeriodS;
+    AddCounters(0, before);
   }
 
   double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
@@ -178,7 +179,9 @@ class Recording {
     return meter_->SaidLast() ? Supervisor::Meter::kSaidTheEnd : Supervisor::Meter::kCut;
   }
 
-  void Fail(const std::string& reason) { Do(supervisor_->RecordingFailed(TimeS(), reason)); }
+  void Fail(const std::string& reason, bool isOfBoard = false) {
+    Do(supervisor_->RecordingFailed(TimeS(), reason, isOfBoard));
+  }
 
   void ReadOutput(std::size_t mostBytes) {
     std::vector<std::string> lines;
@@ -233,7 +236,7 @@ class Recording {
     run_->Add(std::move(errors));
     run_->Add(values);
     if (wasWell && !guard_->Fault().empty()) {
-      Fail(guard_->Fault() + ": memory was not guarded from then on");
+      Fail(guard_->Fault() + ": memory was not guarded from then on", guard_->HasCrashed());
     }
   }
 
@@ -249,7 +252,8 @@ class Recording {
     run_->Add(seconds);
     if (!seconds.empty()) figures_.SetLatency(seconds.back());
     if (wasWell && !latency_->Fault().empty()) {
-      Fail(latency_->Fault() + ": the latency of memory was not measured from then on");
+      Fail(latency_->Fault() + ": the latency of memory was not measured from then on",
+           latency_->HasCrashed());
     }
   }
 
@@ -274,7 +278,11 @@ class Recording {
   void ReadCounters() {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
-    std::vector<CounterValue> values = counters_->Read(timeS);
+    AddCounters(timeS, counters_->Read(timeS));
+  }
+
+  // Adds `values`, and the load of the machine at this time.
+  void AddCounters(double timeS, std::vector<CounterValue> values) {
     for (CounterValue& value : load_->Read(timeS, child_->Id(), Helpers()))
       values.push_back(std::move(value));
     run_->Add(values);
@@ -306,17 +314,22 @@ class Recording {
     }
     run_->FindFailures(supervisor_->Fault(), std::min(workEndS_, limits_.runTimeS),
                        meter_->Unmeasured() == 0);
+    bool recorderFailed = supervisor_->RecorderFailed();
     const std::vector<std::string>& failures =
         run_->End(durationS, child_->ExitStatus(), child_->EndSignal());
+    // The last write may have failed. What the benchmark did wrong before that is known.
+    if (failures.empty()) recorderFailed = supervisor_->RecorderFailed();
     exports_->End();
     for (const std::string& fault : exportFaults_) Tell(fault);
-    const bool exported = exportFaults_.empty();
-    const std::uint64_t errors = run_->Errors();
-    if (!failures.empty()) {
-      return {false, supervisor_->Interrupted(), Joined(failures, "; "), errors, exported};
-    }
-    // The last write may have failed.
-    return {supervisor_->Fault().empty(), supervisor_->Interrupted(), supervisor_->Fault(), errors, exported};
+    RecordResult result;
+    result.reason = failures.empty() ? supervisor_->Fault() : Joined(failures, "; ");
+    result.complete = result.reason.empty();
+    result.stopped = supervisor_->Interrupted();
+    result.errors = run_->Errors();
+    result.exported = exportFaults_.empty();
+    result.hung = supervisor_->Hung();
+    result.recorderFailed = recorderFailed;
+    return result;
   }
 
   RecordOptions options_;

@@ -33,6 +33,8 @@ struct RecordResult {
   bool exported = true;      ///< false: an export file could not be written to the end. The run is whole
   bool late = false;         ///< more operations missed their deadline than RecordOptions::failOver
   bool hung = false;         ///< it failed because the benchmark did not end
+  /// It failed because the recorder did (a full disk, no meter): that says nothing about the board.
+  bool recorderFailed = false;
 };
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. A signal from `signals`

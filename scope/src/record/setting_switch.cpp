@@ -5,10 +5,18 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <sstream>
+#include <system_error>
 #include <vector>
 
 #include "child_process.h"
@@ -31,6 +39,37 @@ void Forward(LineReader& reader, int descriptor, bool show) {
   (void)reader.Read(descriptor, lines);
   if (!show) return;
   for (const std::string& line : lines) std::cerr << Printable(line) << '\n';
+}
+
+// True if the file can be executed, and what its first line names if it is a script.
+bool IsProgram(const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored) || access(path.c_str(), X_OK) != 0) return false;
+  std::string line;
+  std::getline(std::ifstream(path), line);
+  if (line.rfind("#!", 0) != 0) return true;
+  const std::size_t from = line.find_first_not_of(" \t", 2);
+  if (from == std::string::npos) return true;
+  return access(line.substr(from, line.find_first_of(" \t", from) - from).c_str(), X_OK) == 0;
+}
+
+// True if the command's first word is a program that is there. A word with quotes, variables or operators is
+// not looked for.
+bool CanStart(const std::string& command) {
+  constexpr const char* kSpace = " \t\n";
+  const std::size_t from = std::min(command.find_first_not_of(kSpace), command.size());
+  const std::string word = command.substr(from, command.find_first_of(kSpace, from) - from);
+  const bool isPlain = std::all_of(word.begin(), word.end(), [](unsigned char letter) {
+    return std::isalnum(letter) != 0 || std::strchr("_./+-,:@%", letter) != nullptr;
+  });
+  if (!isPlain || word.empty()) return false;
+  if (word.find('/') != std::string::npos) return IsProgram(word);
+  const char* const folders = std::getenv("PATH");
+  std::istringstream path(folders == nullptr ? "" : folders);
+  for (std::string folder; std::getline(path, folder, ':');) {
+    if (IsProgram((folder.empty() ? "." : folder) + "/" + word)) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -65,7 +104,8 @@ bool RunSwitch(const std::string& command, bool show, Signals& signals, double m
   if (child.EndSignal() != 0) {
     throw UserError("the command was ended by signal " + std::to_string(child.EndSignal()) + ": " + command);
   }
-  if (child.ExitStatus() == kCannotRun || child.ExitStatus() == kNotFound) {
+  const bool mayBeMissing = child.ExitStatus() == kCannotRun || child.ExitStatus() == kNotFound;
+  if (mayBeMissing && !CanStart(command)) {
     throw CommandMissing("cannot run the command, status " + std::to_string(child.ExitStatus()) + ": " +
                          command);
   }

@@ -8,7 +8,7 @@
 
 namespace scope {
 
-/// The shell cannot find the command that makes a setting, or not run it.
+/// The command that makes a setting is not there, or cannot be executed.
 class CommandMissing : public UserError {
  public:
   using UserError::UserError;
@@ -22,9 +22,10 @@ class CommandHangs : public UserError {
 
 /// Runs `command` in a shell and waits for its end. If `show`, its standard output and standard error go to
 /// this program's standard error, without what controls a terminal. True if it was done, false if a signal
-/// from `signals` ended it. Throws UserError if it ends with a failure, CommandMissing if that is 126 or
-/// 127, and CommandHangs, when it has been
-/// killed, if it takes longer than `mostS` seconds (0: no limit).
+/// from `signals` ended it. Throws UserError if it ends with a failure; CommandMissing if that is 126 or 127
+/// and the first word of `command` is not a program that is there (also if a shell would change that word, so
+/// that nobody knows); and CommandHangs, when it has been killed, if it takes longer than `mostS` seconds (0:
+/// no limit).
 bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS = 0);
 
 /// Asks the user on the terminal to make the setting `name`, and waits for Enter. False if a signal came

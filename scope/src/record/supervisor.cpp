@@ -45,13 +45,18 @@ Supervisor::Decision Supervisor::SignalCame(double nowS) {
   return {};
 }
 
-Supervisor::Decision Supervisor::RecordingFailed(double nowS, const std::string& reason) {
+Supervisor::Decision Supervisor::RecordingFailed(double nowS, const std::string& reason, bool isOfBoard) {
+  if (fault_.empty()) recorderFailed_ = !isOfBoard;
   return {state_ == State::kRunning ? Ask(nowS) : Send::kNothing, FirstFault(reason)};
 }
 
 Supervisor::Decision Supervisor::BenchmarkEnded(const Ending& ending) {
   state_ = State::kEnded;
-  return {Send::kNothing, FirstFault(FaultOf(ending))};
+  const std::string fault = FaultOf(ending);
+  // Of a benchmark that ended as it should, only the meter can be missed.
+  const bool endedWell = ending.signal == 0 && ending.exitStatus == 0;
+  if (fault_.empty() && !fault.empty()) recorderFailed_ = endedWell;
+  return {Send::kNothing, FirstFault(fault)};
 }
 
 Supervisor::Send Supervisor::Ask(double nowS) {

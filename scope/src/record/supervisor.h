@@ -59,8 +59,8 @@ class Supervisor {
   Decision TimePassed(double nowS);
   /// This program got SIGINT or SIGTERM.
   Decision SignalCame(double nowS);
-  /// The recording cannot go on, for `reason`.
-  Decision RecordingFailed(double nowS, const std::string& reason);
+  /// The recording cannot go on, for `reason`. `isOfBoard`: because the board failed, not the recorder.
+  Decision RecordingFailed(double nowS, const std::string& reason, bool isOfBoard = false);
   Decision BenchmarkEnded(const Ending& ending);
 
   State CurrentState() const { return state_; }
@@ -68,6 +68,8 @@ class Supervisor {
   bool Interrupted() const { return interrupted_; }
   /// True if the fault is that the benchmark did not end.
   bool Hung() const { return hung_; }
+  /// True if the fault is the recorder's: it says nothing about the benchmark and the board.
+  bool RecorderFailed() const { return recorderFailed_; }
   /// The first fault; empty for a complete recording.
   const std::string& Fault() const { return fault_; }
 
@@ -87,6 +89,7 @@ class Supervisor {
   double askedS_ = 0;
   bool interrupted_ = false;
   bool hung_ = false;
+  bool recorderFailed_ = false;
   std::string fault_;
 };
 

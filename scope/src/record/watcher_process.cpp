@@ -81,6 +81,7 @@ void WatcherProcess::Reap() {
   if (endIsExpected_) return;
   fault_ = name_ + " ended by itself";
   if (WIFSIGNALED(status)) fault_ = name_ + " was ended by " + SignalText(WTERMSIG(status));
+  hasCrashed_ = WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL;
 }
 
 // After the end of the process it is reaped.

@@ -42,6 +42,8 @@ class WatcherProcess {
   void Kill();
   /// Why it ended before it was expected; empty if it did not.
   const std::string& Fault() const { return fault_; }
+  /// True if a signal ended it other than SIGKILL, which the kernel sends when no memory is left.
+  bool HasCrashed() const { return hasCrashed_; }
 
  private:
   void Reap();
@@ -51,6 +53,7 @@ class WatcherProcess {
   int descriptor_ = -1;
   bool endIsExpected_ = false;
   std::string fault_;
+  bool hasCrashed_ = false;
 };
 
 /// Sends a packet from the process to the recorder; ends the process if nobody is left to tell.

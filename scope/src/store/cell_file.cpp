@@ -55,6 +55,8 @@ CellRecord RecordFromJson(const SeriesJson& json, const std::string& path) {
   json.at("ended").get_to(record.ended);
   record.state = CellStateOf(json.at("state"), path);
   json.at("reason").get_to(record.reason);
+  GetFieldIfThere(json, "hung", record.isHung);
+  GetFieldIfThere(json, "recorder_failed", record.isRecorderFault);
   for (const auto& [engine, figures] : json.at("figures").items()) {
     for (const auto& [figure, value] : figures.items())
       record.figures.push_back({engine, figure, value.get<double>()});
@@ -98,6 +100,8 @@ std::string CellText(const CellRecord& record) {
                   {"ended", record.ended},
                   {"state", NameOf(record.state)},
                   {"reason", record.reason},
+                  {"hung", record.isHung},
+                  {"recorder_failed", record.isRecorderFault},
                   {"figures", SeriesJson::object()},
                   {"files", SeriesJson::object()}};
   for (const auto& [name, bytes] : record.files) json["files"][name] = bytes;

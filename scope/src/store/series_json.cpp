@@ -67,9 +67,12 @@ SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const 
                     {"config", SeriesJson{{"path", configPath}}}};
 }
 
+std::string SeriesText(const SeriesJson& json) {
+  return json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n';
+}
+
 void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json) {
-  ReplaceFile(folder + "/" + kind.file,
-              json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n');
+  ReplaceFile(folder + "/" + kind.file, SeriesText(json));
 }
 
 SeriesJson SettingsJson(const BoardSettings& settings) {

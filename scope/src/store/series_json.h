@@ -113,6 +113,9 @@ std::string TextWithLines(const SeriesJson& head, const std::string& key, const 
   return text + "\n  ]\n}\n";
 }
 
+/// The text of such a file. Bytes that are not UTF-8 are replaced.
+std::string SeriesText(const SeriesJson& json);
+
 /// Replaces the file in `folder` as a whole. Throws UserError.
 void WriteSeriesJson(const std::string& folder, const SeriesKind& kind, const SeriesJson& json);
 

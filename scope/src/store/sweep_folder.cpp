@@ -2,12 +2,16 @@
 #include "sweep_folder.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <cstdio>
+#include <cstring>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "durable_file.h"
 #include "engines.h"
 #include "errors.h"
 #include "plan_file.h"
@@ -47,6 +51,7 @@ void PutMargin(SeriesJson& json, const Sweep& sweep) {
   json["edge"] = sweep.margin.edge;
   json["tries"] = sweep.margin.tries;
   json["boot_id"] = sweep.bootId;
+  json["restored"] = sweep.restored;
 }
 
 SeriesJson ToJson(const Sweep& sweep) {
@@ -200,6 +205,7 @@ void GetMargin(const SeriesJson& json, Sweep& sweep) {
   GetField(json, "edge", sweep.margin.edge);
   GetField(json, "tries", sweep.margin.tries);
   json.at("boot_id").get_to(sweep.bootId);
+  GetFieldIfThere(json, "restored", sweep.restored);
 }
 
 Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
@@ -238,6 +244,22 @@ Sweep ReadSweep(const std::string& folder) {
 
 void WriteSweep(const std::string& folder, const Sweep& sweep) {
   WriteSeriesJson(folder, kSweep, ToJson(sweep));
+}
+
+void KeepSweep(const std::string& folder, const Sweep& sweep) {
+  // Only this program uses it again: after a power cut it is of no use.
+  ReplaceFile(folder + "/" + kKeptSweepName, SeriesText(ToJson(sweep)), Durability::kNone);
+}
+
+void TakeBackSweep(const std::string& folder) {
+  const std::string path = folder + "/" + kSweepName;
+  if (std::rename((folder + "/" + kKeptSweepName).c_str(), path.c_str()) != 0)
+    throw UserError("cannot write " + path + ": " + std::strerror(errno));
+  SyncFolder(folder);
+}
+
+void DropKeptSweep(const std::string& folder) {
+  (void)std::remove((folder + "/" + kKeptSweepName).c_str());
 }
 
 }  // namespace scope
