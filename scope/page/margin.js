@@ -4,6 +4,7 @@
 
 const kMarginKinds = {pass: 'good', fail: 'bad', hang: 'bad', unknown: 'aside'};
 const kMostReasonRows = 100;
+const kMostNames = 3;
 
 function settingsText(margin, point) {
   return margin.settings.map(({name}) => `${name}=${point.settings[name]}`).join(' ');
@@ -50,20 +51,40 @@ function reasonRows(margin) {
     el('tr', {}, rowHeading(settingsText(margin, point)), el('td', {class: 'words'}, reason))));
 }
 
+// What was not judged of which engine, and where.
+function notJudgedTexts(margin) {
+  const points = new Map();
+  for (const point of margin.points) {
+    for (const text of point.not_judged) points.set(text, [...(points.get(text) ?? []), settingsText(margin, point)]);
+  }
+  const passed = margin.points.filter(({runs, failures}) => runs > failures).length;
+  const where = (names) => names.length === passed && passed > 1 ? 'all points that passed' :
+    names.slice(0, kMostNames).join(', ') + (names.length > kMostNames ? ` and ${counted(names.length - kMostNames, 'more point')}` : '');
+  return [...points].map(([text, names]) => `${text}; at ${where(names)}`);
+}
+
+function legendOf(margin, hasUnjudged) {
+  return (margin.edge ? ' In brackets: follows from other points, if what is farther from the chosen point fails at least as often.' : '') +
+    (hasUnjudged ? ' ?: the results of an engine were not judged.' : '');
+}
+
 function marginSections(margin) {
   const all = margin.points.map((_, index) => index);
   const near = [margin.chosen, ...margin.neighbours];
   const shown = margin.settings.length === 1 ? all : all.filter((index) => margin.points[index].runs > 0);
   const map = margin.settings.length === 2 ? marginMap(margin) : marginTable(margin, shown);
   const reasons = reasonRows(margin);
+  const notJudged = notJudgedTexts(margin);
   const chosen = settingsText(margin, margin.points[margin.chosen]);
   return [
     section('Margin', listOf(margin.sentences), map,
-        el('p', {class: 'absent'}, `The frame marks ${chosen}. ${margin.runs} of ${counted(margin.grid_runs, 'run')} of the grid. ` +
-          'In brackets: follows from other points, if what is farther from the chosen point fails at least as often.'),
+        el('p', {class: 'absent'}, `The frame marks ${chosen}. The grid has ${counted(margin.grid_runs, 'run')}, ${margin.runs} with a result.` +
+          legendOf(margin, notJudged.length > 0)),
         margin.doubts.length > 0 ? el('div', {class: 'warnings'}, listOf(margin.doubts)) : []),
     ...(margin.settings.length > 1 ? [section('The point and its neighbours', marginTable(margin, near))] : []),
     ...(reasons.length > 0 ? [section('Why runs failed', table('reasons', ['', 'Reason'], [], reasons.slice(0, kMostReasonRows)),
         reasons.length > kMostReasonRows ? el('p', {}, `${reasons.length - kMostReasonRows} more are in the JSON.`) : [])] : []),
+    ...(notJudged.length > 0 ? [section('Not judged', el('p', {}, 'Wrong results of these engines would not have been found.'),
+        listOf(notJudged))] : []),
   ];
 }

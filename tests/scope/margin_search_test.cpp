@@ -287,8 +287,65 @@ Sweep SweepOfResults(const std::string& results, int repeats) {
   return sweep;
 }
 
+// The same of a sweep that looks for the edge.
+Sweep EdgeOfResults(const std::string& results, int repeats) {
+  Sweep sweep = SweepOfResults(results, repeats);
+  sweep.margin.edge = true;
+  return sweep;
+}
+
+std::vector<std::string> SentencesOf(const Sweep& sweep) {
+  return MarginSentences(MarginMapOf(sweep, {}));
+}
+
+TEST(MarginMapTest, OfAWholeGridEachPointStandsForItself) {
+  const MarginMap map = MarginMapOf(SweepOfResults("pp....ppppffffpppp", 2), {});
+  std::vector<std::string> states;
+  for (const MarginPoint& point : map.points) states.push_back(PointState(point));
+  EXPECT_THAT(states, ElementsAre("pass 2/2", "-", "-", "pass 2/2", "pass 2/2", "fail 2/2", "fail 2/2",
+                                  "pass 2/2", "pass 2/2"));
+  EXPECT_EQ(map.points[4].judgement.cleanRuns, 2U);
+  EXPECT_THAT(map.doubts, IsEmpty());
+  EXPECT_THAT(MarginText(map), ::testing::Not(HasSubstr("brackets")));
+  EXPECT_THAT(
+      SentencesOf(SweepOfResults("pp....ppppffffpppp", 2)),
+      ElementsAre(
+          "refresh=20 vref=2 passes. No failure in 2 runs there, too few for a failure rate.",
+          "refresh towards 10: no result yet for 1 value after 20.",
+          "refresh towards 30: passes to 30, 1 step away, the last value. No failure in 2 runs there, "
+          "too few for a failure rate.",
+          "vref towards 1: passes to 1, 1 step away, the last value. No failure in 2 runs there, "
+          "too few for a failure rate.",
+          "vref towards 3: the next value, 3, fails."));
+}
+
+// One setting of six values, of which the first is chosen. A whole grid that is not recorded to its end.
+TEST(MarginMapTest, WhatIsNotRecordedYetIsNotSaidToPassOrToFail) {
+  const auto sentence = [](const std::string& results) {
+    Sweep sweep;
+    sweep.boardAxes = {{"vref", {"1", "2", "3", "4", "5", "6"}}};
+    sweep.margin.chosen = {{"vref", "1"}};
+    sweep.runs = PlanRuns({}, 1, 1, sweep.boardAxes);
+    for (std::size_t i = 0; i < sweep.runs.size(); ++i) {
+      if (results[i] == 'p') sweep.runs[i].state = SweepState::kDone;
+      if (results[i] == 'f') sweep.runs[i].state = SweepState::kFailed;
+    }
+    const std::string text = SentencesOf(sweep).back();
+    return text.substr(0, text.find('.'));
+  };
+  EXPECT_EQ(sentence("p....."), "vref towards 6: no result yet for 5 values after 1");
+  EXPECT_EQ(sentence("p..pf."), "vref towards 6: no result yet for 2 values before 5; 5 fails");
+  EXPECT_EQ(sentence("pp.p.."),
+            "vref towards 6: passes to 2, 1 step away; no result yet for 3 values after 2");
+  EXPECT_EQ(sentence("pp.pfp"),
+            "vref towards 6: passes to 2, 1 step away; no result yet for 1 value before 5; 5 fails");
+  EXPECT_EQ(sentence("pfpppp"), "vref towards 6: the next value, 2, fails");
+  EXPECT_EQ(sentence("pppppp"), "vref towards 6: passes to 6, 5 steps away, the last value");
+  EXPECT_EQ(sentence(".ppppp"), "There is no result of vref=1 yet");
+}
+
 TEST(MarginMapTest, SaysWhatIsKnownOfEachPoint) {
-  const MarginMap map = MarginMapOf(SweepOfResults("pp....ppppfphh....", 2), {});
+  const MarginMap map = MarginMapOf(EdgeOfResults("pp....ppppfphh....", 2), {});
   std::vector<std::string> states;
   for (const MarginPoint& point : map.points) states.push_back(PointState(point));
   EXPECT_THAT(states, ElementsAre("pass 2/2", "(pass)", "(fail)", "pass 2/2", "pass 2/2", "fail 1/2",
@@ -302,42 +359,49 @@ TEST(MarginMapTest, SaysWhatIsKnownOfEachPoint) {
 
 TEST(MarginMapTest, SaysHowFarTheChosenPointIsFromTheEdge) {
   const auto sentences = [](const std::string& results, int repeats) {
-    return MarginSentences(MarginMapOf(SweepOfResults(results, repeats), {}));
+    return SentencesOf(EdgeOfResults(results, repeats));
   };
   EXPECT_THAT(
       sentences("pp....ppppfphh....", 2),
-      ElementsAre("refresh=20 vref=2 passes. No failure in 2 runs there, too few for a bound.",
-                  "refresh down: passes to 10, 1 step away, the last of the values. That follows from points "
-                  "farther out.",
-                  "refresh up: no value beyond 20 passes; nothing is known of the next 1 value.",
-                  "vref down: passes to 1, 1 step away, the last of the values. No failure in 2 runs there, "
-                  "too few for a bound.",
-                  "vref up: no value beyond 2 passes; 3 fails."));
+      ElementsAre(
+          "refresh=20 vref=2 passes. No failure in 2 runs there, too few for a failure rate.",
+          "refresh towards 10: passes to 10, 1 step away, the last value. No run was made there: that "
+          "follows from points farther out.",
+          "refresh towards 30: no result yet for 1 value after 20.",
+          "vref towards 1: passes to 1, 1 step away, the last value. No failure in 2 runs there, "
+          "too few for a failure rate.",
+          "vref towards 3: the next value, 3, fails."));
   const std::string before(4 * 6, '.');
-  EXPECT_EQ(sentences(before + "pppppp" + before, 6).front(),
-            "refresh=20 vref=2 passes. No failure in 6 runs there: failure rate below 0.5 per run, 95 %.");
-  EXPECT_THAT(MarginSentences(MarginMapOf(SweepOfResults("........pf........", 2), {})),
+  EXPECT_EQ(
+      sentences(before + "pppppp" + before, 6).front(),
+      "refresh=20 vref=2 passes. No failure in 6 runs there: the failure rate is below 0.5 per run (95 %).");
+  EXPECT_THAT(sentences("........pf........", 2),
               ElementsAre("refresh=20 vref=2 fails: 1 of 2 runs. It has no margin."));
-  EXPECT_THAT(MarginSentences(MarginMapOf(SweepOfResults("..................", 2), {})),
-              ElementsAre("Nothing is known of refresh=20 vref=2 yet."));
+  EXPECT_THAT(sentences("..................", 2),
+              ElementsAre("There is no result of refresh=20 vref=2 yet."));
 }
 
 TEST(MarginMapTest, SaysWhatSpeaksAgainstIt) {
-  Sweep sweep = SweepOfResults("pp....ppppppffpppp", 2);
+  Sweep sweep = EdgeOfResults("pp....ppppppffpppp", 2);
   sweep.runs[0].lost = 2;
   const MarginMap map = MarginMapOf(sweep, {});
-  EXPECT_THAT(map.doubts, ElementsAre(HasSubstr("run-0001 (refresh=10 vref=1) ended when it was begun again; "
-                                                "before, the machine or the recorder died in it 2 times")));
-  sweep = SweepOfResults("pp....ppffppffpppp", 2);
+  EXPECT_THAT(map.doubts,
+              ElementsAre(HasSubstr("run-0001 (refresh=10 vref=1) came to its end, but before that "
+                                    "the machine or the recorder died in it 2 times")));
+  sweep = EdgeOfResults("pp....ppffppffpppp", 2);
   EXPECT_THAT(
       MarginMapOf(sweep, {}).doubts,
       ::testing::Contains("refresh=20 vref=2 failed in 2 of 2 runs, but refresh=10 vref=1, which is farther "
-                          "out, passed all 2: here farther is not always worse"));
+                          "out, passed in 2 of 2 runs. Here a farther point does not always fail more often. "
+                          "Record the whole grid, without --edge"));
+  EXPECT_THAT(MarginMapOf(SweepOfResults("pp....ppffppffpppp", 2), {}).doubts, IsEmpty());
 }
 
 TEST(MarginMapTest, IsATableOfTwoSettings) {
-  const std::string text = MarginText(MarginMapOf(SweepOfResults("pp....ppppfphh....", 2), {}));
-  EXPECT_THAT(text, HasSubstr("Margin of refresh=20 vref=2, marked with *. 10 of 18 runs of the grid"));
+  const std::string text = MarginText(MarginMapOf(EdgeOfResults("pp....ppppfphh....", 2), {}));
+  EXPECT_THAT(text, HasSubstr("Margin of refresh=20 vref=2, marked with *. The grid has 18 runs, 10 with a "
+                              "result.\n"
+                              "In brackets: follows from other points.\n"));
   EXPECT_THAT(text, HasSubstr("            vref=1    vref=2      vref=3\n"
                               "refresh=10  pass 2/2  (pass)      (fail)\n"
                               "refresh=20  pass 2/2  pass 2/2 *  fail 1/2\n"

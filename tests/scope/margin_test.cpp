@@ -117,8 +117,10 @@ class MarginTest : public ::testing::Test {
 };
 
 TEST_F(MarginTest, EachPointPassesFailsOrHangs) {
-  const ToolResult result = RunTool(
-      SweepOf("hang 1 refresh=500\nwrong 1 refresh=400\nfail 1 refresh=300\n", 5, {"--hang-after", "4"}));
+  const ToolResult result =
+      RunTool(SweepOf("both 1 refresh=600\nhang 1 refresh=500\nwrong 1 refresh=400\nfail 1 refresh=300\n", 6,
+                      {"--hang-after", "4"}));
+  EXPECT_EQ(Count("both"), 1);
   EXPECT_EQ(Count("hang"), 1);
   EXPECT_EQ(Count("wrong"), 1);
   EXPECT_EQ(Count("fail"), 1);
@@ -128,15 +130,77 @@ TEST_F(MarginTest, EachPointPassesFailsOrHangs) {
       ElementsAre("pass", "pass", HasSubstr("fail: the benchmark ended with status 9"),
                   "fail: 2 errors (edac 2)",
                   HasSubstr("hang: the benchmark hangs: there was neither a rate line nor an operation for "
-                            "4 s")));
+                            "4 s"),
+                  HasSubstr("fail: 2 errors (edac 2); the benchmark ended with status 9")));
   EXPECT_THAT(result.output, AllOf(HasSubstr("refresh=200    pass 1/1"), HasSubstr("refresh=500    hang 1/1"),
-                                   HasSubstr("refresh up: passes to 200, 1 step away; 300 fails.")));
+                                   HasSubstr("refresh towards 600: passes to 200, 1 step away; 300 fails.")));
   // Complete, so what it measured stands beside the failure.
   EXPECT_TRUE(ReadRun(Folder() + "/run-0004").info.complete);
-  // Failures of a setting are results: they are not recorded again.
+  // Failures of a setting are results: they are not recorded again. That holds also where the recorder died
+  // after it had written cell.json: only the first values are made again.
+  const std::vector<std::string> results = Results();
+  Sweep sweep = ReadSweep(Folder());
+  for (const std::size_t place : {4U, 5U}) {
+    sweep.runs[place].state = SweepState::kRunning;
+    sweep.runs[place].attempt = 1;
+    sweep.runs[place].reason = "";
+  }
+  WriteSweep(Folder(), sweep);
   const auto before = Log().size();
   EXPECT_EQ(Resume().status, 0);
-  EXPECT_EQ(Log().size(), before);
+  EXPECT_EQ(Results(), results);
+  EXPECT_EQ(Log().size(), before + 1);
+  EXPECT_EQ(Log().back(), "set refresh=100 running 0");
+  EXPECT_EQ(Resume().status, 0);
+  EXPECT_EQ(Log().size(), before + 1);
+}
+
+// A full disk in the middle of a run: the board did nothing wrong.
+TEST_F(MarginTest, WhatTheRecorderCannotWriteIsNoResult) {
+  const ToolResult result = RunTool(SweepOf("full 1 refresh=200\n", 2));
+  EXPECT_EQ(Count("full"), 1);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors,
+              AllOf(HasSubstr("rates.txt: No space left on device"),
+                    HasSubstr("run-0002 (refresh=200) has no result. Continue with: stress_scope sweep "
+                              "--resume " +
+                              Folder())));
+  EXPECT_EQ(Results().back(), "none");
+  EXPECT_EQ(Log().back(), "set refresh=100 running 0");
+  EXPECT_EQ(json::parse(folder_.Get("sweep/attempts/run-0002/1/cell.json")).at("recorder_failed"), true);
+  // As if the recorder had died before it could write that into sweep.json, too.
+  Sweep sweep = ReadSweep(Folder());
+  sweep.runs[1].state = SweepState::kRunning;
+  sweep.runs[1].attempt = 1;
+  WriteSweep(Folder(), sweep);
+  folder_.Put("board/region", "");
+  EXPECT_EQ(Resume().status, 0);
+  EXPECT_THAT(Results(), ElementsAre("pass", "pass"));
+}
+
+TEST_F(MarginTest, WhereNothingCanBeWrittenARunHasNoResult) {
+  const ToolResult result = RunTool(SweepOf("closed 1 refresh=200\n", 2));
+  EXPECT_EQ(Count("closed"), 1);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("/attempts/run-0002/1/cell.json: "),
+                                   HasSubstr("run-0002 (refresh=200) has no result")));
+  EXPECT_EQ(Results().back(), "none");
+  folder_.Put("board/region", "");
+  std::filesystem::remove_all(Folder() + "/sweep.json.new");
+  EXPECT_EQ(Resume().status, 0);
+  EXPECT_THAT(Results(), ElementsAre("pass", "pass"));
+  EXPECT_FALSE(std::filesystem::exists(Folder() + "/" + kKeptSweepName));
+}
+
+TEST_F(MarginTest, AMeterThatIsNotLoadedEndsTheSweep) {
+  std::vector<std::string> arguments = SweepOf("", 2);
+  // The pretended benchmark does not call the platform library.
+  arguments.erase(std::find(arguments.begin(), arguments.end(), "--no-meter"));
+  const ToolResult result = RunTool(arguments);
+  EXPECT_EQ(Count("run "), 1);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.errors, HasSubstr("the meter did not answer"));
+  EXPECT_THAT(Results(), ElementsAre("none", "none"));
 }
 
 TEST_F(MarginTest, SettingsAreMadeBeforeEachRunAndTheFirstOnesAtTheEnd) {
@@ -154,9 +218,10 @@ TEST_F(MarginTest, SettingsAreMadeBeforeEachRunAndTheFirstOnesAtTheEnd) {
 }
 
 TEST_F(MarginTest, AFailedCommandIsAFailedPoint) {
-  const ToolResult result =
-      RunTool(SweepOf("stuck 1 refresh=300\nrefuse 1 refresh=200\n", 3, {"--hang-after", "4"}));
+  const ToolResult result = RunTool(
+      SweepOf("lost 1 refresh=400\nstuck 1 refresh=300\nrefuse 1 refresh=200\n", 4, {"--hang-after", "4"}));
   EXPECT_EQ(Count("refused"), 1);
+  EXPECT_EQ(Count("lost"), 1);
   EXPECT_EQ(Count("stuck"), 1);
   EXPECT_EQ(result.status, 0) << result.errors;
   EXPECT_THAT(
@@ -166,7 +231,9 @@ TEST_F(MarginTest, AFailedCommandIsAFailedPoint) {
           "fail: cannot make the settings of the board: the command ended with status 5: " PRETENDED_BOARD
           " set refresh=200",
           HasSubstr("hang: cannot make the settings of the board: the command did not end "
-                    "within 4 s")));
+                    "within 4 s"),
+          // The command is there. Something in it is not.
+          HasSubstr("fail: cannot make the settings of the board: the command ended with status 127: ")));
   EXPECT_THAT(result.errors, HasSubstr("no such value"));
 }
 
@@ -198,6 +265,16 @@ TEST_F(MarginTest, WhereTheFirstValuesAreNotMadeTheSweepFails) {
   EXPECT_THAT(after.errors,
               HasSubstr("the first values, refresh=100, are not made: the command ended with status 5"));
   EXPECT_THAT(Results(), ElementsAre("pass"));
+  // The folder remembers it: --resume makes them, although no run is left.
+  const auto restored = [this] {
+    return json::parse(RunTool({"report", Folder(), "--json"}).output).at("margin").at("restored");
+  };
+  EXPECT_EQ(restored(), false);
+  EXPECT_THAT(after.output, HasSubstr("note: the first values are not made again"));
+  folder_.Put("board/region", "");
+  EXPECT_EQ(Resume().status, 0);
+  EXPECT_EQ(Log().back(), "set refresh=100 running 0");
+  EXPECT_EQ(restored(), true);
 }
 
 TEST_F(MarginTest, WhatWasRunningWhenTheMachineDiedIsAFailedPoint) {
@@ -289,9 +366,8 @@ TEST_F(MarginTest, WhatDiedIsTriedAgain) {
   EXPECT_EQ(Count("reboot"), 1);
   EXPECT_EQ(result.status, 0) << result.errors;
   EXPECT_THAT(Results(), ElementsAre("pass", "pass", "pass"));
-  EXPECT_THAT(result.output,
-              HasSubstr("note: run-0003 (refresh=300) ended when it was begun again; before, the "
-                        "machine or the recorder died in it once"));
+  EXPECT_THAT(result.output, HasSubstr("note: run-0003 (refresh=300) came to its end, but before that the "
+                                       "machine or the recorder died in it once"));
   EXPECT_TRUE(std::filesystem::exists(Folder() + "/attempts/run-0003/1")) << "what was there is kept";
 }
 
@@ -332,9 +408,10 @@ TEST_F(MarginTest, TheEdgeIsFoundInAQuarterOfTheRunsWhateverDies) {
   EXPECT_LE(map.runs, 16U);
   ASSERT_EQ(map.edges.size(), 1U);
   EXPECT_EQ(map.edges[0].last, 9U);
-  EXPECT_THAT(result.output,
-              HasSubstr("refresh up: passes to 1000, 9 steps away; 1100 fails. No failure in 4 runs there: "
-                        "failure rate below 0.75 per run, 95 %."));
+  EXPECT_THAT(
+      result.output,
+      HasSubstr("refresh towards 1600: passes to 1000, 9 steps away; 1100 fails. No failure in 4 runs there: "
+                "the failure rate is below 0.75 per run (95 %)."));
   // Nothing is left to record.
   const auto before = Log().size();
   EXPECT_EQ(Resume().status, 0);
@@ -359,12 +436,51 @@ TEST_F(MarginTest, JsonAndPageHaveTheMap) {
   EXPECT_EQ(margin.at("figure").at("unit"), "fps");
   EXPECT_EQ(margin.at("edges")[1].at("direction"), "up");
   EXPECT_EQ(data.at("points")[5].at("settings"), json::parse(R"({"refresh": "200", "vref": "9"})"));
+  EXPECT_EQ(margin.at("edge"), false);
+  EXPECT_EQ(margin.at("points")[3].at("not_judged"), json::array());
   EXPECT_EQ(DataOf(folder_.Get("sweep/report.html")).at("margin"), margin);
   const ToolResult compared =
       RunTool({"compare", Folder() + ":refresh=100,vref=7", Folder() + ":refresh=400,vref=7"});
   EXPECT_THAT(compared.output, HasSubstr("-0.30 %")) << compared.errors;
   EXPECT_THAT(RunTool({"compare", Folder() + ":refresh=100", Folder() + ":refresh=400,vref=7"}).errors,
               HasSubstr("expected a value of vref as well: it was swept"));
+}
+
+// A run that was asked to check results, and could not check those of an engine, is not simply good.
+TEST_F(MarginTest, SaysWhichEnginesWereNotJudged) {
+  ASSERT_EQ(RunTool(SweepOf("", 2)).status, 0);
+  const auto judge = [this](const char* run, const char* state) {
+    const std::string path = std::string("sweep/") + run + "/run.json";
+    json info = json::parse(folder_.Get(path));
+    info.at("conditions")["verify"] = true;
+    // Of the meter, which the pretended benchmark has not.
+    json check = {{"engine", "cpu"}, {"state", state}};
+    for (const char* const key :
+         {"operations", "checked", "whole", "bytes", "all_bytes", "errors", "unlisted"})
+      check[key] = 0;
+    check["check_s"] = 0.0;
+    info["verification"] = json::array({check});
+    folder_.Put(path, info.dump());
+  };
+  const auto text = [this] { return RunTool({"report", Folder(), "--text"}).output; };
+  judge("run-0001", "judged");
+  judge("run-0002", "judged");
+  EXPECT_THAT(text(), AllOf(HasSubstr("pass 1/1  "), Not(HasSubstr("pass 1/1 ?")), Not(HasSubstr("judged"))));
+  judge("run-0002", "learning");
+  EXPECT_THAT(
+      text(),
+      AllOf(HasSubstr("refresh=200    pass 1/1 ?"), HasSubstr("refresh=100 *  pass 1/1  "),
+            HasSubstr("?: the results of an engine were not judged."),
+            HasSubstr("passes to 200, 1 step away, the last value. No failure in 1 run there, too few "
+                      "for a failure rate. Not judged there: the results of cpu."),
+            HasSubstr("\n  cpu: not judged: too few operations to learn what is right; at refresh=200\n")));
+  judge("run-0001", "learning");
+  EXPECT_THAT(text(), HasSubstr("learn what is right; at all points that passed\n"));
+  const json margin = json::parse(RunTool({"report", Folder(), "--json"}).output).at("margin");
+  EXPECT_EQ(margin.at("points")[1].at("state"), "pass");
+  EXPECT_EQ(margin.at("points")[1].at("text"), "pass 1/1 ?");
+  EXPECT_EQ(margin.at("points")[1].at("not_judged"),
+            json::array({"cpu: not judged: too few operations to learn what is right"}));
 }
 
 // The documents of the margin describe each of its keys.

@@ -57,6 +57,16 @@ void AddRun(const SweepRun& run, MarginPoint& point) {
   point.reasons.push_back(run.reason);
 }
 
+// Of several levels, `from` is the point at one of them.
+void AddFromTable(const SweepPoint& from, const FigureKey& figure, MarginPoint& point) {
+  const std::optional<double> median = MedianOf(from, figure);
+  if (median && (!point.performance || *median > *point.performance)) point.performance = median;
+  for (const std::string& text : from.notJudged) {
+    if (std::count(point.notJudged.begin(), point.notJudged.end(), text) == 0)
+      point.notJudged.push_back(text);
+  }
+}
+
 MarginEdge EdgeOf(const MarginMap& map, std::size_t axis, bool isUp, std::size_t stride) {
   const std::size_t chosen = ValuesOfPoint(map.grid, map.grid.chosen)[axis];
   const std::size_t room = isUp ? map.grid.counts[axis] - 1 - chosen : chosen;
@@ -68,12 +78,14 @@ MarginEdge EdgeOf(const MarginMap& map, std::size_t axis, bool isUp, std::size_t
   edge.setting = map.axes[axis].first;
   edge.isUp = isUp;
   std::size_t end = 0;
-  while (end < room && !fails(end + 1)) ++end;
+  while (end < room && !fails(end + 1)) {
+    ++end;
+    const bool isKnown = map.points[pointAt(end)].judgement.cleanRuns != 0;
+    if (!isKnown) ++edge.unknown;
+    if (edge.unknown == 0) edge.steps = end;
+  }
   if (end < room) edge.failing = pointAt(end + 1);
-  edge.steps = end;
-  while (edge.steps > 0 && map.points[pointAt(edge.steps)].judgement.cleanRuns == 0) --edge.steps;
   edge.last = pointAt(edge.steps);
-  edge.unknown = end - edge.steps;
   return edge;
 }
 
@@ -95,19 +107,30 @@ std::string TrialsText(const MarginPoint& point) {
          Counted(point.trials.passes + point.trials.failures, "run");
 }
 
-void AddDoubts(const Sweep& sweep, const std::vector<Trials>& trials, MarginMap& map) {
+// Where the runs speak against what the search for the edge assumes.
+void AddContradictions(const Sweep& sweep, const std::vector<Trials>& trials, MarginMap& map) {
+  if (!map.edge) return;
   const auto repeats = static_cast<std::size_t>(sweep.settings.repeats);
   for (const auto& [nearer, farther] : Contradictions(map.grid, trials, repeats, kMostDoubts)) {
     map.doubts.push_back(TrialsText(map.points[nearer]) + ", but " +
-                         PointText({}, map.points[farther].settings) + ", which is farther out, passed all " +
-                         std::to_string(trials[farther].passes) + ": here farther is not always worse" +
-                         (sweep.margin.edge ? ". Record the whole grid, without --edge" : ""));
+                         PointText({}, map.points[farther].settings) + ", which is farther out, passed in " +
+                         std::to_string(trials[farther].passes) + " of " +
+                         Counted(trials[farther].passes, "run") +
+                         ". Here a farther point does not always fail more often. Record the whole grid, "
+                         "without --edge");
+  }
+}
+
+void AddDoubts(const Sweep& sweep, const std::vector<Trials>& trials, MarginMap& map) {
+  AddContradictions(sweep, trials, map);
+  if (!map.restored) {
+    map.doubts.emplace_back(
+        "the first values are not made again: the board may still have the settings of a run");
   }
   for (const SweepRun& run : sweep.runs) {
     if (run.lost == 0 || run.state != SweepState::kDone) continue;
     map.doubts.push_back(run.folder + " (" + PointText(run.levels, run.settings) +
-                         ") ended when it was begun again; " +
-                         "before, the machine or the recorder died in it " +
+                         ") came to its end, but before that the machine or the recorder died in it " +
                          (run.lost == 1 ? "once" : std::to_string(run.lost) + " times"));
   }
 }
@@ -144,6 +167,8 @@ bool IsComplete(const Sweep& sweep) {
 
 MarginMap MarginMapOf(const Sweep& sweep, const SweepTable& table) {
   MarginMap map;
+  map.edge = sweep.margin.edge;
+  map.restored = sweep.restored;
   map.axes = sweep.boardAxes;
   map.grid = GridOf(sweep);
   map.figure = FigureOf(table);
@@ -153,7 +178,7 @@ MarginMap MarginMapOf(const Sweep& sweep, const SweepTable& table) {
     map.points.back().settings = std::move(settings);
   }
   const std::vector<Trials> trials = TrialsOf(sweep, map.grid);
-  const std::vector<Judgement> judgements = Judge(map.grid, trials);
+  const std::vector<Judgement> judgements = map.edge ? Judge(map.grid, trials) : JudgeAlone(trials);
   for (std::size_t i = 0; i < map.points.size(); ++i) {
     map.points[i].trials = trials[i];
     map.points[i].judgement = judgements[i];
@@ -161,11 +186,8 @@ MarginMap MarginMapOf(const Sweep& sweep, const SweepTable& table) {
   }
   for (std::size_t i = 0; i < sweep.runs.size(); ++i)
     AddRun(sweep.runs[i], map.points[PointOfRun(sweep, map.grid, i)]);
-  for (std::size_t i = 0; i < table.points.size(); ++i) {
-    std::optional<double>& best = map.points[i % map.points.size()].performance;
-    const std::optional<double> median = MedianOf(table.points[i], map.figure);
-    if (median && (!best || *median > *best)) best = median;
-  }
+  for (std::size_t i = 0; i < table.points.size(); ++i)
+    AddFromTable(table.points[i], map.figure, map.points[i % map.points.size()]);
   AddEdges(map);
   AddDoubts(sweep, trials, map);
   return map;

@@ -33,6 +33,9 @@ struct MarginPoint {
   std::vector<std::string> reasons;  ///< why runs failed, each once
   Judgement judgement;
   std::optional<double> performance;  ///< the median of its complete runs; the best of several levels
+  /// Of runs that passed and were asked to check results: why those of an engine were not judged, each text
+  /// once.
+  std::vector<std::string> notJudged;
 };
 
 /// How far one setting can be moved from the chosen point until it fails.
@@ -40,12 +43,13 @@ struct MarginEdge {
   std::string setting;
   bool isUp = true;                    ///< towards the values that were given later
   std::size_t steps = 0;               ///< from the chosen point to `last`
-  std::size_t last = 0;                ///< the farthest point that passes, with none before it that fails
+  std::size_t last = 0;                ///< the farthest point up to which all pass
   std::optional<std::size_t> failing;  ///< the first point that fails; none if none of the values does
   std::size_t unknown = 0;  ///< values after `last`, and before `failing`, of which nothing is known
 };
 
 struct MarginMap {
+  bool edge = false;  ///< judged as the search for the edge does; false: each point stands for itself
   std::vector<SettingAxis> axes;
   MarginGrid grid;
   FigureKey figure;                 ///< of the performance
@@ -53,7 +57,8 @@ struct MarginMap {
   std::vector<MarginEdge> edges;    ///< two of each setting, without those that have no other value
   std::size_t runs = 0;             ///< with a result
   std::size_t gridRuns = 0;         ///< of the whole grid
-  std::vector<std::string> doubts;  ///< what speaks against the map, one sentence each
+  bool restored = true;             ///< Sweep::restored
+  std::vector<std::string> doubts;  ///< what speaks against the map or is left to do, one sentence each
 };
 
 /// The map of a sweep that has settings. `table` is that of the sweep.

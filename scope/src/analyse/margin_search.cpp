@@ -124,6 +124,13 @@ std::vector<Judgement> Judge(const MarginGrid& grid, const std::vector<Trials>& 
   return JudgeAt(AllOffsets(grid), trials);
 }
 
+std::vector<Judgement> JudgeAlone(const std::vector<Trials>& trials) {
+  std::vector<Judgement> judgements;
+  judgements.reserve(trials.size());
+  for (const Trials& at : trials) judgements.push_back({at.failures != 0, at.failures == 0 ? at.passes : 0});
+  return judgements;
+}
+
 std::vector<std::size_t> Neighbours(const MarginGrid& grid) {
   const std::vector<Offsets> offsets = AllOffsets(grid);
   std::vector<std::size_t> neighbours;

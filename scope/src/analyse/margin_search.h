@@ -29,8 +29,8 @@ struct Trials {
 
 /// What the runs say about a point.
 struct Judgement {
-  bool fails = false;  ///< a run failed here or at a point nearer to the chosen one
-  /// If it does not fail: the runs here and farther out, at points that do not fail either.
+  bool fails = false;  ///< a run failed here or, of Judge, at a point nearer to the chosen one
+  /// If it does not fail: the runs here and, of Judge, farther out, at points that do not fail either.
   std::size_t cleanRuns = 0;
 };
 
@@ -45,6 +45,9 @@ bool IsFartherOut(const MarginGrid& grid, std::size_t point, std::size_t other);
 
 /// One for each point. `trials` has an entry for each point.
 std::vector<Judgement> Judge(const MarginGrid& grid, const std::vector<Trials>& trials);
+
+/// The same where each point stands for itself: no other one says anything of it.
+std::vector<Judgement> JudgeAlone(const std::vector<Trials>& trials);
 
 /// The points one step from the chosen one along one setting, in the order of their numbers.
 std::vector<std::size_t> Neighbours(const MarginGrid& grid);

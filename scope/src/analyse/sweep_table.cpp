@@ -7,6 +7,7 @@
 #include "compare_conditions.h"
 #include "errors.h"
 #include "margin_map.h"
+#include "run_error.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -31,6 +32,12 @@ void NoteResult(const Sweep& sweep, const SweepRun& run, const std::string& name
   // What fails at a setting is in the margin map.
   if (!sweep.boardAxes.empty() || !HasFailed(run)) return;
   notes.push_back(name + (run.state == SweepState::kDone ? ": " : " failed: ") + run.reason);
+}
+
+void AddNotJudged(const RunInfo& info, std::vector<std::string>& texts) {
+  for (std::string& text : NotJudged(info)) {
+    if (std::find(texts.begin(), texts.end(), text) == texts.end()) texts.push_back(std::move(text));
+  }
 }
 
 std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
@@ -84,6 +91,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
         point.values[key].push_back(ValueOf(key.figure, seconds));
         if (key.figure == Figure::kOperations) note(key.engine, Drift(seconds));
       }
+      if (!HasFailed(planned)) AddNotJudged(run.info, point.notJudged);
       ++point.runs;
       run.samples.clear();
       run.seconds.clear();

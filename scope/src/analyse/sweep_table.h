@@ -19,6 +19,8 @@ struct SweepPoint {
   /// The value of each run, in the order of the repeats. Engines that did not work are absent.
   std::map<FigureKey, std::vector<double>> values;
   BoardSettings settings;
+  /// NotJudged of the runs without an error, each text once.
+  std::vector<std::string> notJudged = {};
 };
 
 /// The finished part of a sweep.

@@ -18,6 +18,7 @@
 #include "live_view.h"
 #include "margin_map.h"
 #include "printable.h"
+#include "run_error.h"
 #include "run_reader.h"
 #include "series.h"
 #include "setting_switch.h"
@@ -40,15 +41,25 @@ SweepState StateAfter(const CellOutcome& outcome) {
   return outcome.isHung ? SweepState::kHung : SweepState::kFailed;
 }
 
-// Which errors the complete run in `folder` has; empty if there are none.
-std::string ErrorsIn(const std::string& folder) {
+// Which errors the run has; empty if there are none.
+std::string ErrorsIn(const RunInfo& info) {
   std::vector<std::string> parts;
   std::uint64_t sum = 0;
-  for (const auto& [source, count] : ReadRunInfo(folder).errors) {
+  for (const auto& [source, count] : info.errors) {
     sum += count;
     parts.push_back(source + " " + std::to_string(count));
   }
   return sum == 0 ? "" : Counted(sum, "error") + " (" + Joined(parts, ", ") + ")";
+}
+
+// `reason`, why the run in `folder` failed, after the errors that it has found.
+std::string WithErrors(const std::string& reason, const std::string& folder) {
+  try {
+    const std::string errors = IsRunFolder(folder) ? ErrorsIn(ReadRunInfo(folder)) : "";
+    return errors.empty() ? reason : errors + "; " + reason;
+  } catch (const UserError&) {
+    return reason;  // it has failed anyway
+  }
 }
 
 std::string BootId(const std::string& systemRoot) {
@@ -105,13 +116,13 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
   // An earlier attempt says nothing about this one, whose folder may not have reached the disk.
   if (LastAttempt(folder_, run.folder) >= run.attempt)
     last = StatusOf(folder_, plan_.id, CellOf(run), NumberOf(run));
+  // Its attempt says how it ended. Only sweep.json does not.
+  if (last.state == CellState::kInterrupted || last.isRecorderFault) return;
   if (last.state == CellState::kFailed) {
-    // Its attempt says how it ended. Only sweep.json does not.
-    run.state = SweepState::kFailed;
-    run.reason = last.reason;
+    run.state = last.isHung ? SweepState::kHung : SweepState::kFailed;
+    run.reason = WithErrors(last.reason, folder_ + "/" + last.folder);
     return;
   }
-  if (last.state == CellState::kInterrupted) return;
   ++run.lost;
   run.reason = "did not come back: ";
   if (bootId_.empty()) {
@@ -119,7 +130,6 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
   } else {
     run.reason += sweep_.bootId == bootId_ ? "the recorder was killed" : "the machine was started again";
   }
-  isLeftMade_ = true;
   if (run.lost > 1) run.reason += ", " + std::to_string(run.lost) + " times";
   const bool isTriedAgain = run.lost <= sweep_.margin.tries;
   Tell(run.folder + " (" + PointText(run.levels, run.settings) + ") " + run.reason +
@@ -128,6 +138,8 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
 }
 
 void SweepRecorder::TakeUp(SweepRun& run) {
+  // Its settings were made, however it ended.
+  if (run.state == SweepState::kRunning) sweep_.restored = false;
   if (IsDone(run)) {
     run.state = SweepState::kDone;
   } else if (run.state == SweepState::kDone) {
@@ -135,7 +147,7 @@ void SweepRecorder::TakeUp(SweepRun& run) {
   } else if (run.state == SweepState::kRunning) {
     TakeUpLost(run);
   }
-  if (run.state == SweepState::kDone) run.reason = ErrorsIn(folder_ + "/" + run.folder);
+  if (run.state == SweepState::kDone) run.reason = ErrorsIn(ReadRunInfo(folder_ + "/" + run.folder));
 }
 
 void SweepRecorder::PrepareRuns() {
@@ -144,6 +156,7 @@ void SweepRecorder::PrepareRuns() {
     // A machine that dies again must not lose what was just counted.
     WriteSweep(folder_, sweep_);
     SyncFolder(folder_);
+    DropKeptSweep(folder_);
   }
   for (SweepRun& run : sweep_.runs) {
     // A failure of a setting is its result. Otherwise it is none, and the run is recorded again.
@@ -173,6 +186,32 @@ void SweepRecorder::TellOfRun(const SweepRun& run) const {
   Print(text + "\n");
 }
 
+// When this returns, the disk says that the run has begun.
+void SweepRecorder::Begin(SweepRun& run) {
+  sweep_.bootId = bootId_;
+  run.attempt = LastAttempt(folder_, run.folder) + 1;
+  run.state = SweepState::kRunning;
+  WriteSweep(folder_, sweep_);
+  SyncFolder(folder_);
+}
+
+// The run has no result, and did not end this program.
+void SweepRecorder::TakeBack(SweepRun& run) {
+  run.state = SweepState::kPlanned;
+  Tell(run.folder + " (" + PointText(run.levels, run.settings) +
+       ") has no result. Continue with: stress_scope sweep --resume " + folder_);
+  try {
+    if (HasSettings()) {
+      TakeBackSweep(folder_);
+    } else {
+      WriteSweep(folder_, sweep_);
+    }
+  } catch (const UserError& error) {
+    Tell(error.what());
+    if (HasSettings()) Tell("set its state from \"running\" to \"planned\" there, or it counts as failed");
+  }
+}
+
 // False if a signal ended the run.
 bool SweepRecorder::Record(SweepRun& run) {
   const bool text = output_ == Output::kText;
@@ -183,32 +222,36 @@ bool SweepRecorder::Record(SweepRun& run) {
   options.showsApply = text;
   options.warns = false;  // TakeUp did
   if (HasSettings()) {
-    run.state = SweepState::kRunning;
-    run.attempt = LastAttempt(folder_, run.folder) + 1;
-    sweep_.bootId = bootId_;
-    WriteSweep(folder_, sweep_);
-    SyncFolder(folder_);
+    sweep_.restored = false;
+    KeepSweep(folder_, sweep_);
   }
   CellOutcome outcome;
+  std::vector<std::string> notJudged;
   try {
+    if (HasSettings()) Begin(run);
     // No summary per run: the sweep prints its figures at its end.
     outcome = RunCell(plan_, CellOf(run), NumberOf(run), options, *view, signals_);
-  } catch (...) {
-    // The run did not end this program.
-    run.state = SweepState::kPlanned;
-    try {
-      WriteSweep(folder_, sweep_);
-    } catch (const UserError& error) {
-      Tell(error.what());
+    // A failure of a setting is its result. What the recorder could not do is none.
+    if (HasSettings() && outcome.isRecorderFault) throw UserError(outcome.reason);
+    if (outcome.state == CellState::kDone) {
+      const RunInfo info = ReadRunInfo(outcome.folder);
+      run.reason = ErrorsIn(info);
+      notJudged = NotJudged(info);
     }
+  } catch (...) {
+    TakeBack(run);
     throw;
   }
-  const bool isDone = outcome.state == CellState::kDone;
   run.state = StateAfter(outcome);
-  run.reason = isDone ? ErrorsIn(outcome.folder) : outcome.reason;
-  if (run.state == SweepState::kInterrupted) run.reason = "";
+  const bool isDone = run.state == SweepState::kDone;
+  if (!isDone)
+    run.reason = run.state == SweepState::kInterrupted ? "" : WithErrors(outcome.reason, outcome.folder);
   WriteSweep(folder_, sweep_);
-  if (text && HasSettings()) Print(Printable(ResultText(run)) + "\n");
+  DropKeptSweep(folder_);
+  if (text && HasSettings()) {
+    Print(Printable(ResultText(run)) + "\n");
+    for (const std::string& note : notJudged) Print("  " + Printable(note) + "\n");
+  }
   if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
   return run.state != SweepState::kInterrupted;
 }
@@ -224,20 +267,24 @@ bool SweepRecorder::RecordAll() {
 }
 
 bool SweepRecorder::Restore() {
-  if (!HasSettings() || (begun_ == 0 && !isLeftMade_)) return true;
+  if (!HasSettings() || sweep_.restored) return true;
   BoardSettings first;
   for (const auto& [name, values] : sweep_.boardAxes) first.emplace_back(name, values.front());
   const std::string what = "the first values, " + PointText({}, first) + ", are not made: ";
   try {
-    if (RunSwitch(ApplyCommand(sweep_.margin.apply, first), output_ == Output::kText, signals_,
-                  sweep_.settings.hangAfterS)) {
-      return true;
-    }
-    Tell(what + "interrupted");
+    sweep_.restored = RunSwitch(ApplyCommand(sweep_.margin.apply, first), output_ == Output::kText, signals_,
+                                sweep_.settings.hangAfterS);
+    if (!sweep_.restored) Tell(what + "interrupted");
   } catch (const std::exception& error) {
     Tell(what + error.what());
   }
-  return false;
+  if (!sweep_.restored) return false;
+  try {
+    WriteSweep(folder_, sweep_);
+  } catch (const UserError& error) {
+    Tell(error.what());
+  }
+  return true;
 }
 
 bool SweepRecorder::Run() {

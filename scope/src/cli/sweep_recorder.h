@@ -21,7 +21,8 @@ class SweepRecorder {
 
   /// Records all runs, or those that the search for the edge asks for. Then it makes the first value of each
   /// setting, also after a signal and after a failure. True if nothing is left to record and these values are
-  /// made. Throws UserError if the recording cannot go on.
+  /// made. Throws UserError if the recording cannot go on. Over settings, that is so when the recorder fails
+  /// in a run (a full disk, no meter): it would fail at each point, and that is no result.
   bool Run();
 
  private:
@@ -33,6 +34,8 @@ class SweepRecorder {
   void PrepareRuns();
   SweepRun* Next();
   void TellOfRun(const SweepRun& run) const;
+  void Begin(SweepRun& run);
+  void TakeBack(SweepRun& run);
   bool Record(SweepRun& run);
   bool RecordAll();
   bool Restore();
@@ -45,7 +48,6 @@ class SweepRecorder {
   double runS_ = 0;
   std::vector<SweepRun*> toRecord_;  // of the whole grid, in order
   std::size_t begun_ = 0;
-  bool isLeftMade_ = false;  ///< the settings of a run in which the recorder or the machine died
   // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
   Signals signals_;
 };

@@ -35,6 +35,7 @@ Json MarginPointJson(const MarginPoint& point) {
               {"failures", point.trials.failures},
               {"hangs", point.hangs},
               {"reasons", point.reasons},
+              {"not_judged", point.notJudged},
               {"clean_runs", point.judgement.cleanRuns},
               {"failure_rate_below", OrNull(FailureRateBelow(point))},
               {"performance", OrNull(point.performance)},
@@ -62,6 +63,8 @@ Json MarginData(const MarginMap& map) {
   for (const MarginEdge& edge : map.edges) edges.push_back(EdgeJson(map, edge));
   const FigureKind& kind = KindOf(map.figure.figure);
   return Json{{"settings", settings},
+              {"edge", map.edge},
+              {"restored", map.restored},
               {"chosen", map.grid.chosen},
               {"neighbours", Neighbours(map.grid)},
               {"figure", Json{{"engine", map.figure.engine}, {"figure", kind.name}, {"unit", kind.unit}}},
