@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -596,6 +597,30 @@ TEST_F(VencTest, AStreamIsReleasedOnce) {
   copy.streamId = 123456789;
   ExpectFailure(Ormis::kQetNoStream, "QetVenc::ReleaseStream", NotOutstandingMessage(123456789),
                 [&] { return small.venc->ReleaseStream(copy); });
+}
+
+TEST_F(VencTest, AReleasedStreamTakesNoMemory) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer does not count what is allocated";
+  const auto bytesInUse = [] {
+    const struct mallinfo2 all = mallinfo2();
+    return all.uordblks + all.hblkhd;
+  };
+  Small small;
+  small.venc->bitrateKbps = 20000;
+  std::uint32_t state = 1;
+  for (std::uint8_t& pixel : small.pixels) {
+    state = state * 1664525U + 1013904223U;
+    pixel = static_cast<std::uint8_t>(state >> 24U);
+  }
+  ASSERT_EQ(small.venc->Init(), Ormis::kQetOk);
+  ASSERT_EQ(small.venc->SendFrame(small.frame), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  ASSERT_EQ(small.venc->GetStream(stream), Ormis::kQetOk);
+  const std::size_t bytes = stream.totalBytes;
+  ASSERT_GT(bytes, 2048U) << "smaller memory may stay in use to be given out again";
+  const std::size_t before = bytesInUse();
+  ASSERT_EQ(small.venc->ReleaseStream(stream), Ormis::kQetOk);
+  EXPECT_LE(bytesInUse() + bytes, before);
 }
 
 TEST_F(VencTest, AStreamOfAnotherEncoderIsRefused) {

@@ -183,6 +183,23 @@ TEST(VerdictTest, ALatencyIsWorseWhenItIsHigher) {
   EXPECT_FALSE(IsShownNotWorse({3, -2.1, 8}, false, 2));
 }
 
+TEST(VerdictTest, AtItsLimits) {
+  for (const bool lowerIsBetter : {false, true}) {
+    const auto judge = [lowerIsBetter](double value, double low, double high) {
+      return lowerIsBetter ? JudgeDifference({-value, -high, -low}, true, 2)
+                           : JudgeDifference({value, low, high}, false, 2);
+    };
+    EXPECT_EQ(judge(0, -2, 2), Verdict::kNoDifference);
+    EXPECT_EQ(judge(3, 0, 6), Verdict::kCannotTell) << "the interval holds 0";
+    EXPECT_EQ(judge(-3, -6, 0), Verdict::kCannotTell);
+    EXPECT_EQ(judge(2, 1, 3), Verdict::kCannotTell) << "not above the tolerance";
+    EXPECT_EQ(judge(-2, -3, -1), Verdict::kCannotTell);
+    EXPECT_EQ(judge(2.1, 0.1, 4.1), Verdict::kBetter);
+    EXPECT_EQ(judge(-2.1, -4.1, -0.1), Verdict::kWorse);
+  }
+  EXPECT_TRUE(IsShownNotWorse({-1, -2, 0}, false, 2));
+}
+
 TEST(VerdictTest, WithoutATolerance) {
   EXPECT_EQ(JudgeDifference({0, 0, 0}, false, 0), Verdict::kNoDifference);
   EXPECT_EQ(JudgeDifference({-0.1, -0.2, -0.05}, false, 0), Verdict::kWorse);
