@@ -258,11 +258,16 @@ TEST_F(Remote, AnotherApplicationIsSetForLaterRecords) {
   Deliver("one");
   receiver_.WaitFor(1);
   sink_->SetApplication("STBM", "a test");
-  sink_->SetApplication("OTHR", "another");
   Deliver("two");
+  receiver_.WaitFor(2);
+  sink_->SetApplication("STBM", "another");
+  Deliver("three");
+  receiver_.WaitForCall("application STBM another");
+  sink_->SetApplication("OTHR", "another");
+  Deliver("four");
   sink_->Stop();
-  EXPECT_THAT(receiver_.calls,
-              ElementsAre("open", "application STBM a test", "application OTHR another", "close"));
+  EXPECT_THAT(receiver_.calls, ElementsAre("open", "application STBM a test", "application STBM another",
+                                           "application OTHR another", "close"));
 }
 
 TEST_F(Remote, ReturnsWhyThePortCannotBeOpened) {
