@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
   void* const memory =
       mmap(nullptr, bytes + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   measure::Require(memory != MAP_FAILED, "taking the memory");
-  const auto start = (reinterpret_cast<std::uintptr_t>(memory) + kHugePage - 1) / kHugePage * kHugePage;
-  auto* const lines = reinterpret_cast<Line*>(start);
+  const std::size_t skipped = (kHugePage - reinterpret_cast<std::uintptr_t>(memory) % kHugePage) % kHugePage;
+  auto* const lines = reinterpret_cast<Line*>(static_cast<unsigned char*>(memory) + skipped);
   (void)madvise(lines, bytes, isSmall ? MADV_NOHUGEPAGE : MADV_HUGEPAGE);
   Line* line = Link(lines, bytes / sizeof(Line));
   // Once around, or a second: what linking has left in the caches.
