@@ -20,6 +20,7 @@
 #include "ormis/qet_dnn.h"
 #include "ormis/qet_image.h"
 #include "ormis/qet_venc.h"
+#include "pin.h"
 #include "recorder.h"
 #include "records.h"
 #include "verify.h"
@@ -120,6 +121,7 @@ __attribute__((constructor)) void Start() {
   wanted.fill = scope::PrepareFill();
   wanted.verify = verify != nullptr && *verify == '1';
   wanted.deadlines = scope::PrepareDeadlines();
+  scope::PreparePin();
   if (!scope::StartReporting(hostPlatform, known ? library.dli_fname : nullptr, wanted)) return;
   extras = wanted;
   watches = wanted.fill || wanted.verify || wanted.deadlines;

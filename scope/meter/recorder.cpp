@@ -19,6 +19,7 @@
 #include "checker.h"
 #include "deadlines.h"
 #include "fill.h"
+#include "pin.h"
 
 namespace scope {
 namespace {
@@ -258,6 +259,7 @@ ThreadCounters* CountersOf(Engine engine) {
   own->engine = engine;
   own->thread = threadsOf[index].fetch_add(1, std::memory_order_relaxed);
   own->inUse.store(1, std::memory_order_release);
+  PinThread(engine);
   return own;
 }
 

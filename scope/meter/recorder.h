@@ -8,7 +8,8 @@
 #include "protocol.h"
 
 /// Counts the calls of the wrapped operations and reports them once a second. All data is in static memory.
-/// Recording takes no lock, makes no system call and allocates nothing.
+/// Recording takes no lock, makes no system call and allocates nothing. Only the first call of a thread may
+/// give the thread its CPUs.
 namespace scope {
 
 /// The benchmark has at most 40 workers, and a resize worker needs two sets.

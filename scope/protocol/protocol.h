@@ -21,6 +21,9 @@ constexpr const char* kFillVariable = "STRESS_SCOPE_FILL";      ///< a name of k
 constexpr const char* kVerifyVariable = "STRESS_SCOPE_VERIFY";  ///< "1": check results as they pass
 /// Ids of engines and nanoseconds: "vpc=16700000,aic=50000000".
 constexpr const char* kDeadlinesVariable = "STRESS_SCOPE_DEADLINES";
+/// Which engine's threads have CPUs to themselves, as "vpc=2,3"; all other threads that work keep off these.
+/// Without an engine, as in "=3", all do.
+constexpr const char* kPinVariable = "STRESS_SCOPE_PIN";
 constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
 /// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
 constexpr std::uint32_t kMeterVersion = 3;

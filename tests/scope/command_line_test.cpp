@@ -35,8 +35,8 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using Json = nlohmann::json;
 
-constexpr const char* kCommands[] = {"record", "rates", "report", "sweep",   "compare",
-                                     "ab",     "plan",  "cell",   "collect", "fleet"};
+constexpr const char* kCommands[] = {"record", "rates", "report",  "sweep", "compare", "ab",
+                                     "plan",   "cell",  "collect", "fleet", "matrix"};
 constexpr const char* kOneLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fps.";
 
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -142,9 +142,10 @@ std::string OptionsIn(const char* page) {
 
 std::string OptionsInManual(const std::string& command) {
   const bool isOfPlans = command == "plan" || command == "cell" || command == "collect";
-  const char* const page = command == "fleet" ? SCOPE_FLEET_MANUAL
-                           : isOfPlans        ? SCOPE_PLAN_MANUAL
-                                              : SCOPE_MANUAL;
+  const char* const page = command == "fleet"    ? SCOPE_FLEET_MANUAL
+                           : command == "matrix" ? SCOPE_MATRIX_MANUAL
+                           : isOfPlans           ? SCOPE_PLAN_MANUAL
+                                                 : SCOPE_MANUAL;
   return OptionsIn(page) + (command == "record"  ? OptionsIn(SCOPE_RECORD_MANUAL)
                             : command == "sweep" ? OptionsIn(SCOPE_SWEEP_MANUAL)
                                                  : "");

@@ -3,10 +3,11 @@
 /// Works on the counting platform with a known number of calls and reports what the platform counted.
 /// usage: counted_load REPORT MODEL CALLS THREADS WAIT_NS FAIL_EVERY [fork|badmodel|virtual]
 /// The report: a line "ENGINE OPERATIONS BUSY_NS FAILURES" each, then "latency ENGINE NS" for each operation,
-/// "around ENGINE NS" (time of all calls, measured around them, so never less than the meter's),
-/// "allocations N" (calls of malloc by a thread inside a measured call) and "threads N" (of the process,
-/// workers left out).
+/// "around ENGINE NS" (time of all calls, measured around them, so never less than the meter's), "cpus ENGINE
+/// MASK" (of the first 64, on which its threads may work after their calls), "allocations N" (calls of malloc
+/// by a thread inside a measured call) and "threads N" (of the process, workers left out).
 #include <dirent.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +32,7 @@ namespace {
 thread_local bool inCall = false;
 std::atomic<int> allocations{0};
 std::atomic<std::uint64_t> aroundNs[kCountedEngines];
+std::atomic<std::uint64_t> cpusOf[kCountedEngines];
 constexpr std::uint64_t kNsPerS = 1'000'000'000;
 }  // namespace
 
@@ -74,6 +76,11 @@ void Repeat(CountedEngine engine, int calls, Operation operation) {
     (void)operation();
     inCall = false;
     aroundNs[engine].fetch_add(NowNs() - start);
+  }
+  cpu_set_t allowed;
+  if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return;
+  for (std::size_t cpu = 0; cpu < 64; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cpusOf[engine].fetch_or(std::uint64_t{1} << cpu);
   }
 }
 
@@ -147,6 +154,8 @@ int main(int argc, char** argv) {
                        static_cast<unsigned long long>(counted.failures.load()));
     (void)std::fprintf(report, "around %d %llu\n", engine,
                        static_cast<unsigned long long>(aroundNs[engine].load()));
+    (void)std::fprintf(report, "cpus %d %llu\n", engine,
+                       static_cast<unsigned long long>(cpusOf[engine].load()));
     for (std::uint64_t i = 0; i < operations && i < kKeptLatencies; ++i) {
       (void)std::fprintf(report, "latency %d %llu\n", engine,
                          static_cast<unsigned long long>(counted.latenciesNs[i]));

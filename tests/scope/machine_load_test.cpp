@@ -57,19 +57,24 @@ TEST_F(MachineLoadTest, TimeOfTheBenchmarkAndOfTheRecorderIsNotThatOfOthers) {
   EXPECT_THAT(Read(1), IsEmpty()) << "the first call";
   // In two seconds: 4 s of the machine, 2 of them the benchmark's and 1 the recorder's.
   Put(1004, 51, 12, 3);
-  EXPECT_THAT(Read(3), UnorderedElementsAre(Pair("load/others", 0.5), Pair("load/steal", 0.5)));
+  EXPECT_THAT(Read(3), UnorderedElementsAre(Pair("load/others", 0.5), Pair("load/steal", 0.5),
+                                            Pair("processor/benchmark", 1)));
   Put(1005, 51, 14, 3);
-  EXPECT_THAT(Read(4), UnorderedElementsAre(Pair("load/others", 0), Pair("load/steal", 0)))
+  EXPECT_THAT(Read(4), UnorderedElementsAre(Pair("load/others", 0), Pair("load/steal", 0),
+                                            Pair("processor/benchmark", 2)))
       << "ticks that were counted late";
 }
 
 TEST_F(MachineLoadTest, TimeOfTheGuardIsNotThatOfOthers) {
   constexpr pid_t kGuard = 90;
-  const auto others = [this](double timeS) {
+  double helpers = -1;
+  const auto others = [&](double timeS) {
+    double found = -1;
     for (const scope::CounterValue& value : load_.Read(timeS, kBenchmark, {kGuard})) {
-      if (value.name == "others") return value.value;
+      if (value.name == "others") found = value.value;
+      if (value.name == "helpers") helpers = value.value;
     }
-    return -1.0;
+    return found;
   };
   Put(1000, 0, 10, 2);
   folder_.Put("proc/90/stat", Process(5));
@@ -77,6 +82,7 @@ TEST_F(MachineLoadTest, TimeOfTheGuardIsNotThatOfOthers) {
   Put(1002, 0, 11, 2);
   folder_.Put("proc/90/stat", Process(5.5));
   EXPECT_EQ(others(2), 0.5);
+  EXPECT_EQ(helpers, 0.5);
 }
 
 TEST_F(MachineLoadTest, TimeOfWhatTheBenchmarkStartsIsNotThatOfOthers) {
@@ -141,11 +147,13 @@ TEST_F(MachineLoadTest, PressureIsAShareOfTheTime) {
 TEST_F(MachineLoadTest, SaysWhatIsAbsent) {
   Put(1, 1, 1, 1);
   const std::vector<scope::CounterSource> sources = load_.Sources();
-  ASSERT_EQ(sources.size(), 2U);
+  ASSERT_EQ(sources.size(), 3U);
   EXPECT_EQ(sources[0].source, "load");
   EXPECT_TRUE(sources[0].present);
   EXPECT_FALSE(sources[1].present);
   EXPECT_THAT(sources[1].reason, HasSubstr("proc/pressure/cpu: No such file"));
+  EXPECT_EQ(sources[2].source, "processor");
+  EXPECT_TRUE(sources[2].present);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // The meter in a program that counts its own calls.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,9 +11,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <sstream>
 #include <thread>
 
@@ -34,6 +37,7 @@ struct Counted {
   std::uint64_t busyNs = 0;
   std::uint64_t failures = 0;
   std::uint64_t aroundNs = 0;
+  std::uint64_t cpus = 0;  ///< a bit for each of the first 64
   std::vector<std::uint64_t> latenciesNs;
 };
 
@@ -59,6 +63,10 @@ Report ReadReport(const std::string& path) {
       std::size_t engine = 0;
       words >> engine;
       words >> report.engines[scope::Engines()[engine].id].aroundNs;
+    } else if (first == "cpus") {
+      std::size_t engine = 0;
+      words >> engine;
+      words >> report.engines[scope::Engines()[engine].id].cpus;
     } else if (first == "allocations") {
       words >> report.allocations;
     } else if (first == "threads") {
@@ -188,6 +196,43 @@ class MeterTest : public ::testing::Test {
   std::map<std::string, Metered> metered_;
   Report report_;
 };
+
+// The first 64 CPUs that this program may use, lowest first, each as its bit.
+std::vector<std::uint64_t> AllowedBits() {
+  std::vector<std::uint64_t> bits;
+  cpu_set_t allowed;
+  if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return bits;
+  for (std::size_t cpu = 0; cpu < 64; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) bits.push_back(std::uint64_t{1} << cpu);
+  }
+  return bits;
+}
+
+TEST_F(MeterTest, GivesAnEngineCpusOfItsOwn) {
+  const std::vector<std::uint64_t> bits = AllowedBits();
+  if (bits.size() < 2 || bits.size() > 63)
+    GTEST_SKIP() << "this machine has one CPU, or too many for this test";
+  const std::uint64_t all = std::accumulate(bits.begin(), bits.end(), std::uint64_t{0});
+  const std::uint64_t last = bits.back();
+  const std::string number = std::to_string(__builtin_ctzll(last));
+  const auto cpusAfter = [this](const std::string& value) {
+    (void)setenv(scope::kPinVariable, value.c_str(), 1);
+    Run({3, 1, 0, 0, ""});
+    (void)unsetenv(scope::kPinVariable);
+    std::map<std::string, std::uint64_t> cpus;
+    for (const auto& [engine, counted] : report_.engines) cpus[engine] = counted.cpus;
+    return cpus;
+  };
+  const std::uint64_t rest = all - last;
+  // One thread works on one engine after the other. A copy of a set-up moves nothing.
+  EXPECT_EQ(cpusAfter("vpc=" + number),
+            (std::map<std::string, std::uint64_t>{
+                {"cpu", rest}, {"vpc", last}, {"vpc_copy", last}, {"venc", rest}, {"aic", rest}}));
+  for (const auto& [engine, cpus] : cpusAfter("=" + number)) EXPECT_EQ(cpus, rest) << engine;
+  for (const char* const nonsense : {"vpc", "vpc=x", "vpc=", "vpc=1,99999999"}) {
+    for (const auto& [engine, cpus] : cpusAfter(nonsense)) EXPECT_EQ(cpus, all) << engine << " " << nonsense;
+  }
+}
 
 // Uses virtual time, which is the same for the platform and the meter. In real time, a worker on a busy
 // machine may lose the CPU between the two readings of the clock.

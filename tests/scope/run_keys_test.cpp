@@ -117,6 +117,8 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.conditions.fill = "random";
   info.conditions.verify = true;
   info.conditions.guard = "1G at 100 MB/s";
+  info.conditions.control = "1 x (10 us)";
+  info.conditions.ownCpus = "vpc: 1";
   info.guard = {1 << 30, "clflush", true, 9, 8, 7, 6, 5, 4};
   info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 1";
   info.latency = {
@@ -137,14 +139,14 @@ TEST(RunKeys, HaveTextsForPeople) {
   info.conditions.loadAverage = {0.5, 1, 2.006};
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
-  EXPECT_THAT(texts,
-              ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
-                          "guard: ", "latency: ", "build_type: Release", "library_versions: libormis 1.0.0",
-                          "platform_settings: memory device, flush clflushopt",
-                          "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
-                          "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
-                          "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
-                          "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));
+  EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
+                                 "guard: ", "latency: ", "control: ", "own_cpus: ", "build_type: Release",
+                                 "library_versions: libormis 1.0.0",
+                                 "platform_settings: memory device, flush clflushopt",
+                                 "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
+                                 "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",
+                                 "cpu_mhz: 800 to 3000 MHz", "mem_total_bytes: 8.0 GiB", "kernel: 6.1",
+                                 "load_average: 0.50, 1.00, 2.01", "hostname_hash: 0123"));
 }
 
 TEST(RunKeys, OfWhatTheMachineDoesNotTellHaveNoText) {

@@ -134,6 +134,12 @@ std::string ApplyCommand(const std::string& command, const BoardSettings& settin
   return text;
 }
 
+SweepState StateAfter(const CellOutcome& outcome) {
+  if (outcome.state == CellState::kDone) return SweepState::kDone;
+  if (outcome.state == CellState::kInterrupted) return SweepState::kInterrupted;
+  return outcome.isHung ? SweepState::kHung : SweepState::kFailed;
+}
+
 void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {
   if (!cell.board.empty() && cell.board != options.board) {
     throw UserError(NumberedCell(number) + " is for the board " + cell.board +

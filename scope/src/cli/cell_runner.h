@@ -41,6 +41,9 @@ struct CellOutcome {
   bool isRecorderFault = false;          ///< it failed because the recorder did, not the board
 };
 
+/// The state of a run of a series that ended so.
+SweepState StateAfter(const CellOutcome& outcome);
+
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.
 bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
                 bool warns);

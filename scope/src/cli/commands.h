@@ -25,6 +25,7 @@ void AddPlan(CLI::App& app, int& status);
 void AddCell(CLI::App& app, int& status);
 void AddCollect(CLI::App& app, int& status);
 void AddFleet(CLI::App& app, int& status);
+void AddMatrix(CLI::App& app, int& status);
 
 /// Add options that control the benchmark, which exclude `excluded` if it is not null: the programs and
 /// folders of this machine, how long and how a run is measured, and both.

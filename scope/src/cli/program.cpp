@@ -47,6 +47,7 @@ int Main(int argc, char** argv) {
   AddCell(app, status);
   AddCollect(app, status);
   AddFleet(app, status);
+  AddMatrix(app, status);
   try {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();

@@ -35,12 +35,6 @@ std::size_t NumberOf(const SweepRun& run) {
   return static_cast<std::size_t>(run.order);
 }
 
-SweepState StateAfter(const CellOutcome& outcome) {
-  if (outcome.state == CellState::kDone) return SweepState::kDone;
-  if (outcome.state == CellState::kInterrupted) return SweepState::kInterrupted;
-  return outcome.isHung ? SweepState::kHung : SweepState::kFailed;
-}
-
 // Which errors the run has; empty if there are none.
 std::string ErrorsIn(const RunInfo& info) {
   std::vector<std::string> parts;

@@ -60,6 +60,9 @@ struct Conditions {
   /// What the latency of memory was measured over: "256 MiB in pages of 2 MiB, CPU 1"; empty: it was not
   /// measured.
   std::string latency;
+  std::string
+      control;  ///< threads that computed beside the benchmark: "2 x (4210 us of 5000 us)"; empty: none
+  std::string ownCpus;  ///< an engine and the CPUs that it had to itself: "vpc: 3"; empty: none
 };
 
 struct Configuration {
@@ -164,6 +167,20 @@ struct LatencySecond {
 /// MB of guarded memory that are checked in a second.
 constexpr double kUsualGuardRate = 100;
 
+/// Threads of a control, which compute in registers and touch no memory, and do so as long as the threads of
+/// an engine.
+struct ControlThreads {
+  int threads = 0;
+  double computeUs = 0;  ///< processor time in each period
+  double periodUs = 0;   ///< not less than that
+};
+
+/// CPUs that the threads of one engine have to themselves.
+struct OwnCpus {
+  std::string engine;     ///< its id; empty: no engine's threads work there
+  std::vector<int> cpus;  ///< empty: threads work where the system puts them
+};
+
 /// How the benchmark is started and ended.
 struct RunSettings {
   std::string benchmark;  ///< program; empty: stress_benchmark beside this program
@@ -181,6 +198,8 @@ struct RunSettings {
   bool latency = false;     ///< measure the latency of memory during the run
   int latencyCpu = -1;      ///< its CPU; -1: the last one that is allowed
   std::string latencySize;  ///< memory to go through; see MemoryBytes; empty: as the caches ask for
+  std::vector<ControlThreads> control;  ///< compute beside the benchmark; empty: nothing does
+  OwnCpus own;                          ///< needs the meter
 };
 
 /// run.json.

@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kLoad = "load";
 constexpr const char* kPressure = "pressure";
+constexpr const char* kProcessor = "processor";
 
 struct CpuTimes {
   double busy = 0;  ///< clock ticks; idle time, waits for a disk and steal are not in it
@@ -106,7 +107,8 @@ CounterSource SourceOf(const char* source, const std::string& path) {
 MachineLoad::MachineLoad(std::string root) : root_(std::move(root)) {}
 
 std::vector<CounterSource> MachineLoad::Sources() const {
-  return {SourceOf(kLoad, root_ + "/proc/stat"), SourceOf(kPressure, root_ + "/proc/pressure/cpu")};
+  return {SourceOf(kLoad, root_ + "/proc/stat"), SourceOf(kPressure, root_ + "/proc/pressure/cpu"),
+          SourceOf(kProcessor, root_ + "/proc/self/stat")};
 }
 
 std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark,
@@ -124,8 +126,10 @@ std::vector<CounterValue> MachineLoad::Read(double timeS, pid_t benchmark,
     if (ticks) ofHelpers += ticks->own;
   }
   const std::optional<double> ofBenchmark = ReadTreeTicks(root_ + "/proc", benchmark);
+  const auto ticksPerS = static_cast<double>(sysconf(_SC_CLK_TCK));
+  if (ofBenchmark) add(kProcessor, "benchmark", "CPUs", *ofBenchmark / ticksPerS);
+  if (!helpers.empty()) add(kProcessor, "helpers", "CPUs", ofHelpers / ticksPerS);
   if (const std::optional<CpuTimes> times = ReadCpuTimes(root_ + "/proc/stat")) {
-    const auto ticksPerS = static_cast<double>(sysconf(_SC_CLK_TCK));
     if (recorder && ofBenchmark) {
       const double own = recorder->own + ofHelpers + *ofBenchmark;
       add(kLoad, "others", "CPUs", (times->busy - own) / ticksPerS);

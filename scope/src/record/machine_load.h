@@ -20,7 +20,7 @@ class MachineLoad {
   /// `root` is "/", or a recorded tree.
   explicit MachineLoad(std::string root);
 
-  /// "load" and "pressure".
+  /// "load", "pressure" and "processor".
   std::vector<CounterSource> Sources() const;
 
   /// The values at `timeS`, over the time since the previous call; the first call returns none. The time of

@@ -17,6 +17,7 @@
 #include "child_process.h"
 #include "conditions.h"
 #include "configuration.h"
+#include "control.h"
 #include "counters.h"
 #include "errors.h"
 #include "guard.h"
@@ -72,6 +73,7 @@ class Recording {
                        AvailableBytes(options.systemRoot)),
           options.latencyCpu);
     }
+    if (!options.control.empty()) control_ = std::make_unique<Control>(options.control, options.own.cpus);
     // First: a folder that is replaced loses its old run.
     exports_ = std::make_unique<LiveExport>(options.exports, options.label, [this](const std::string& fault) {
       exportFaults_.push_back(fault + "; the run went on");
@@ -126,6 +128,8 @@ class Recording {
       child.environment = {{"LD_PRELOAD", more ? preload_->Text() + ":" + others : preload_->Text()},
                            {kDescriptorVariable, std::to_string(meter_->ChildEnd())}};
       if (!options_.fill.empty()) child.environment.emplace_back(kFillVariable, options_.fill);
+      if (!options_.own.cpus.empty())
+        child.environment.emplace_back(kPinVariable, OwnCpusText(options_.own, "="));
       if (options_.verify) child.environment.emplace_back(kVerifyVariable, "1");
       if (!options_.deadlines.empty()) {
         child.environment.emplace_back(kDeadlinesVariable, DeadlinesText(options_.deadlines));
@@ -142,12 +146,13 @@ class Recording {
   double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
 
   void Step(Signals& signals) {
-    std::array<pollfd, 6> waits{{{signals.Descriptor(), POLLIN, 0},
+    std::array<pollfd, 7> waits{{{signals.Descriptor(), POLLIN, 0},
                                  {meter_->Descriptor(), POLLIN, 0},
                                  {output_.AtEnd() ? -1 : child_->Output(), POLLIN, 0},
                                  {errors_.AtEnd() ? -1 : child_->Errors(), POLLIN, 0},
                                  {guard_ == nullptr ? -1 : guard_->Descriptor(), POLLIN, 0},
-                                 {latency_ == nullptr ? -1 : latency_->Descriptor(), POLLIN, 0}}};
+                                 {latency_ == nullptr ? -1 : latency_->Descriptor(), POLLIN, 0},
+                                 {control_ == nullptr ? -1 : control_->Descriptor(), POLLIN, 0}}};
     (void)poll(waits.data(), waits.size(), kPollMs);
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
     // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
@@ -156,6 +161,7 @@ class Recording {
     ReadMeter();
     ReadGuard(false);
     ReadLatency(false);
+    WatchControl();
     if (counterTimeS_ <= TimeS()) ReadCounters();
     Do(ended ? supervisor_->BenchmarkEnded({child_->ExitStatus(), child_->EndSignal(), MeterState()})
              : supervisor_->TimePassed(TimeS()));
@@ -257,11 +263,18 @@ class Recording {
     }
   }
 
+  void WatchControl() {
+    if (control_ == nullptr || control_->Descriptor() < 0) return;
+    if (!control_->Fault().empty())
+      Fail(control_->Fault() + ": nothing computed beside the benchmark from then on");
+  }
+
   // Processes of the recording itself.
   std::vector<pid_t> Helpers() const {
     std::vector<pid_t> helpers;
     if (guard_ != nullptr) helpers.push_back(guard_->Id());
     if (latency_ != nullptr) helpers.push_back(latency_->Id());
+    if (control_ != nullptr) helpers.push_back(control_->Id());
     return helpers;
   }
 
@@ -343,7 +356,8 @@ class Recording {
   std::unique_ptr<Counters> counters_;
   std::unique_ptr<MachineLoad> load_;
   std::unique_ptr<MeterReader> meter_;
-  std::unique_ptr<Guard> guard_;           ///< null without one
+  std::unique_ptr<Guard> guard_;  ///< null without one
+  std::unique_ptr<Control> control_;
   std::unique_ptr<LatencyProbe> latency_;  ///< null without one
   std::unique_ptr<ChildProcess> child_;
   LineReader output_;

@@ -7,6 +7,7 @@
 
 #include "conditions.h"
 #include "configuration.h"
+#include "control.h"
 #include "durable_file.h"
 #include "errors.h"
 #include "latency_probe.h"
@@ -55,6 +56,8 @@ SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault o
   info_.incompleteReason = kRecorderEnded;
   info_.conditions.fill = options.fill;
   info_.conditions.verify = options.verify;
+  info_.conditions.control = ControlText(options.control);
+  info_.conditions.ownCpus = OwnCpusText(options.own);
   if (!options.guard.empty()) {
     info_.conditions.guard = options.guard + Format(" at %g MB/s", options.guardRate);
   }

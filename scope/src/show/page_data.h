@@ -24,6 +24,9 @@ Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
 Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                const std::string& comparison);
 
+/// The levels of a point: section to level.
+Json LevelsJson(const SweepLevels& levels);
+
 /// The margin map of a sweep over settings.
 Json MarginData(const MarginMap& map);
 

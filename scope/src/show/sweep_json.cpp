@@ -10,12 +10,6 @@
 namespace scope {
 namespace {
 
-Json LevelsJson(const SweepLevels& levels) {
-  Json json = Json::object();
-  for (const auto& [section, level] : levels) json[section] = level;
-  return json;
-}
-
 Json PointJson(const SweepTable& table, const SweepPoint& point) {
   Json figures = Json::array();
   for (const auto& [key, values] : point.values) {
@@ -57,6 +51,12 @@ Json SaturationsJson(const SweepTable& table) {
 }
 
 }  // namespace
+
+Json LevelsJson(const SweepLevels& levels) {
+  Json json = Json::object();
+  for (const auto& [section, level] : levels) json[section] = level;
+  return json;
+}
 
 Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                const std::string& comparison) {

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "matrix.h"
+#include "worst_search.h"
+
+namespace scope {
+
+/// Parses --victim: "VPC", "VPC=2", "latency". Throws UserError for a section that is unknown or given twice,
+/// and for a level that is not 1 to 10.
+std::vector<MatrixVictim> ParseVictims(const std::vector<std::string>& texts);
+
+/// "VPC=1", "latency".
+std::string VictimText(const MatrixVictim& victim);
+
+/// Each mix of aggressors for `victim`: the combinations of the axes without the victim's own, and without
+/// the one in which all levels are 0. Levels of 0 are left out.
+std::vector<SweepLevels> MixesFor(const std::vector<SweepAxis>& axes, const std::string& victim);
+
+/// All runs. The aggressors' own runs come first, because the controls need them; then everything else
+/// `repeats` times, each time in random order. Throws UserError if there is no mix, or for more than 9999
+/// runs.
+std::vector<MatrixRun> PlanMatrix(const Matrix& matrix);
+
+/// The levels of each of `sections` in this run: 0 of those that are neither victim nor aggressor.
+SweepLevels LevelsOf(const Matrix& matrix, const MatrixRun& run, const std::vector<std::string>& sections);
+
+/// The victim that `run` is for; none of kLoad.
+const MatrixVictim* VictimOf(const Matrix& matrix, const MatrixRun& run);
+
+/// The grid of a search for the worst mix.
+WorstGrid WorstGridOf(const Matrix& matrix);
+
+/// The number of the mix in that grid; none if it is not one of the victim's.
+std::optional<std::size_t> MixNumber(const Matrix& matrix, const SweepLevels& mix);
+
+/// The next run of a search for the worst mix; none if all is known. First the victim alone; then what the
+/// search asks for; then what tells memory from processor time for the mix that it has found. `slowness` has
+/// the results of the finished runs of kWith, by the number of the mix.
+std::optional<MatrixRun> NextOfWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
+
+/// The mix that slowed the victim most; none without a run.
+std::optional<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
+
+/// Every run is done; of a search, it has ended as well.
+bool IsComplete(const Matrix& matrix, const std::vector<Slowness>& slowness);
+
+}  // namespace scope

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cell_folder.h"
+#include "commands.h"
+#include "configuration.h"
+#include "control.h"
+#include "durable_file.h"
+#include "engines.h"
+#include "errors.h"
+#include "folder_lock.h"
+#include "matrix_folder.h"
+#include "matrix_plan.h"
+#include "matrix_recorder.h"
+#include "matrix_table.h"
+#include "matrix_text.h"
+#include "record.h"
+#include "run_tables.h"
+#include "series.h"
+#include "sweep_plan.h"
+
+namespace scope {
+namespace {
+
+struct MatrixOptions {
+  std::string config;
+  std::string folder;
+  std::string resume;
+  std::vector<std::string> levels;
+  std::vector<std::string> victims;
+  std::string worst;
+  bool sharesCpus = false;
+  SweepSettings settings;
+  Output output = Output::kText;
+  TextStyle style;
+};
+
+// Of the engines that the configuration loads: nothing, and as much as there.
+std::vector<SweepAxis> AxesOfConfiguration(const std::string& config) {
+  std::vector<SweepAxis> axes;
+  unsigned int runTimeS = 0;
+  for (const auto& [engine, level] : ReadConfiguration(config, runTimeS).levels) {
+    const EngineInfo* const info = FindEngine(&EngineInfo::id, engine);
+    if (info != nullptr && level > 0) axes.push_back({info->section, {0, std::min(level, kMostLevel)}});
+  }
+  return axes;
+}
+
+std::vector<MatrixVictim> VictimsOf(const MatrixOptions& options, const std::vector<SweepAxis>& axes) {
+  std::vector<std::string> texts = options.victims;
+  if (!options.worst.empty()) texts = {options.worst};
+  if (texts.empty()) {
+    for (const SweepAxis& axis : axes) texts.push_back(axis.section);
+    texts.emplace_back(kLatencyVictim);
+  }
+  return ParseVictims(texts);
+}
+
+// The last of the allowed CPUs, if some are left for the others: interrupts and other programs are more often
+// on the first one.
+std::vector<int> ChooseOwnCpus(const std::vector<MatrixVictim>& victims) {
+  std::size_t wanted = 1;
+  for (const MatrixVictim& victim : victims)
+    wanted = std::max(wanted, static_cast<std::size_t>(victim.level));
+  const std::vector<int> allowed = AllowedCpus();
+  if (allowed.size() <= wanted) return {};
+  return {allowed.end() - static_cast<std::ptrdiff_t>(wanted), allowed.end()};
+}
+
+Matrix Prepare(const MatrixOptions& options, std::unique_ptr<FolderLock>& lock) {
+  Matrix matrix;
+  matrix.settings = options.settings;
+  MakeAbsolute(matrix.settings);
+  matrix.configPath = options.config;
+  matrix.axes = options.levels.empty() ? AxesOfConfiguration(options.config) : ParseAxes(options.levels);
+  matrix.victims = VictimsOf(options, matrix.axes);
+  matrix.worst = !options.worst.empty();
+  if (!options.sharesCpus) matrix.ownCpus = ChooseOwnCpus(matrix.victims);
+  std::vector<MatrixRun> all = PlanMatrix(matrix);
+  const MatrixRun first = all.front();
+  if (!matrix.worst) matrix.runs = std::move(all);
+  // Each section that a run loads must be one that the configuration can have.
+  SweepLevels most;
+  for (const SweepAxis& axis : matrix.axes) most.emplace_back(axis.section, axis.levels.back());
+  for (const MatrixVictim& victim : matrix.victims) {
+    if (victim.section != kLatencyVictim) most.emplace_back(victim.section, victim.level);
+  }
+  (void)PointConfiguration(options.config, most);
+  const std::string config = PointConfiguration(options.config, LevelsOf(matrix, first, {}));
+  RequireAllRead(options.config);
+  CheckRunLength(RunSeconds(options.config, matrix.settings), matrix.settings.warmupS);
+  CheckRecord(matrix.settings);
+  if (IsMatrixFolder(options.folder)) {
+    throw UserError(options.folder + " contains a matrix: continue it with --resume " + options.folder +
+                    ", or choose another folder");
+  }
+  lock = MakeSeriesFolder(options.folder, config);
+  matrix.started = UtcNow();
+  WriteMatrix(options.folder, matrix);
+  SyncFolder(std::filesystem::path(AbsolutePath(options.folder)).parent_path().string());
+  return matrix;
+}
+
+// A matrix's folder may come from elsewhere: it must neither lead to other folders nor hide what it runs.
+Matrix Resume(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
+  for (const char* const name : {kMatrixName, kSeriesConfig, kAttemptsName})
+    RequireNoLink(folder + "/" + name);
+  if (IsMatrixFolder(folder)) lock = std::make_unique<FolderLock>(folder);
+  Matrix matrix = ReadMatrix(folder);
+  for (const MatrixRun& run : matrix.runs) RequireNoLink(folder + "/" + run.folder);
+  const std::vector<int> allowed = AllowedCpus();
+  for (const int cpu : matrix.ownCpus) {
+    if (std::find(allowed.begin(), allowed.end(), cpu) == allowed.end() ||
+        allowed.size() <= matrix.ownCpus.size())
+      throw UserError(folder + ": its victims have CPU " + std::to_string(cpu) +
+                      " to themselves, which this program cannot give them here");
+  }
+  if (output == Output::kText) {
+    TellWhatRuns(folder + "/" + kMatrixName, {{"program to run", matrix.settings.benchmark},
+                                              {"library to load into it", matrix.settings.meter}});
+  }
+  return matrix;
+}
+
+int RunMatrix(const MatrixOptions& options) {
+  const bool isResumed = !options.resume.empty();
+  const std::string folder = isResumed ? options.resume : options.folder;
+  std::unique_ptr<FolderLock> lock;
+  Matrix matrix = isResumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
+  if (options.output == Output::kText) Print(OwnCpusSentence(matrix));
+  const bool isDone = MatrixRecorder(folder, matrix, options.output).Run();
+  const MatrixTable table = ReadMatrixTable(folder, matrix);
+  if (options.output == Output::kJson) Print(MatrixJson(folder, matrix, table, isDone));
+  if (options.output == Output::kText) Print("\n" + MatrixText(matrix, table, options.style.width));
+  return isDone ? kExitOk : kExitFailure;
+}
+
+}  // namespace
+
+void AddMatrix(CLI::App& app, int& status) {
+  CLI::App* const command = app.add_subcommand(
+      "matrix", "Measure who disturbs whom: engines alone, with others, and with threads that only compute");
+  const auto options = std::make_shared<MatrixOptions>();
+  options->settings.repeats = 3;
+  CLI::Option* const config =
+      command->add_option("CONFIG", options->config, "Configuration file of the benchmark");
+  CLI::Option* const resume = command
+                                  ->add_option("--resume", options->resume,
+                                               "Continue the matrix in this folder; if it is done, show it")
+                                  ->type_name("DIR");
+  config->excludes(resume);
+  CLI::Option* const seed = AddGrid(*command, options->levels, options->settings, "victim and mix", resume);
+  CLI::Option* const victim =
+      command
+          ->add_option("--victim", options->victims,
+                       "Section to disturb and its level, as VPC=1, or latency; once for each (default: all)")
+          ->type_name("VICTIM")
+          ->allow_extra_args(false)
+          ->excludes(resume);
+  command
+      ->add_option("--worst", options->worst,
+                   "Look for the mix that slows this victim most, without trying all")
+      ->type_name("VICTIM")
+      ->excludes(resume)
+      ->excludes(victim);
+  command->add_flag("--share-cpus", options->sharesCpus, "Give the victim no CPU of its own")
+      ->excludes(resume);
+  command->add_option("-o,--output", options->folder, "Folder to make (default: matrix-TIME)")
+      ->type_name("DIR")
+      ->excludes(resume);
+  AddRunSettings(*command, options->settings, resume);
+  // Printed rates are too coarse, and only the meter can give the victim its CPU.
+  (void)command->remove_option(command->get_option("--no-meter"));
+  AddOutput(*command, options->output);
+  AddColour(*command, options->style);
+  command->footer(
+      "Examples:\n"
+      "  stress_scope matrix config/all.yaml --stop-after 12 -o who\n"
+      "  stress_scope matrix config/all.yaml --levels CPU=0..4 --levels VENC=0..4 --worst VPC -o worst\n"
+      "  stress_scope matrix --resume who");
+  command->callback([options, seed, &status] {
+    if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
+    if (options->folder.empty()) options->folder = TimedFolder("matrix-");
+    if (seed->count() == 0) options->settings.seed = std::random_device()();
+    status = RunMatrix(*options);
+  });
+}
+
+}  // namespace scope

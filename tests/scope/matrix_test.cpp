@@ -1,0 +1,531 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Who disturbs whom: the plan, the figures, the control, the search for the worst mix, and the command.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+
+#include "control.h"
+#include "engines.h"
+#include "error_of.h"
+#include "latency_buckets.h"
+#include "margin_search.h"
+#include "matrix_folder.h"
+#include "matrix_plan.h"
+#include "matrix_table.h"
+#include "matrix_text.h"
+#include "normal_values.h"
+#include "run_reader.h"
+#include "run_tool.h"
+#include "sweep_plan.h"
+#include "synthetic_run.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::SizeIs;
+using namespace scope;
+
+Matrix Planned(const std::vector<std::string>& levels, const std::vector<std::string>& victims,
+               int repeats = 2) {
+  Matrix matrix;
+  matrix.axes = ParseAxes(levels);
+  matrix.victims = ParseVictims(victims);
+  matrix.settings.repeats = repeats;
+  matrix.settings.seed = 7;
+  matrix.settings.warmupS = 0;
+  return matrix;
+}
+
+TEST(MatrixPlanTest, ReadsVictims) {
+  const std::vector<MatrixVictim> victims = ParseVictims({"VPC", "CPU=3", "latency"});
+  ASSERT_THAT(victims, SizeIs(3));
+  EXPECT_EQ(VictimText(victims[0]), "VPC=1");
+  EXPECT_EQ(VictimText(victims[1]), "CPU=3");
+  EXPECT_EQ(VictimText(victims[2]), "latency");
+  const auto error = [](const std::vector<std::string>& texts) {
+    return ErrorOf([&] { (void)ParseVictims(texts); });
+  };
+  EXPECT_THAT(error({"GPU"}), HasSubstr("expected CPU, VPC, VENC or AIC"));
+  EXPECT_THAT(error({"VPC=0"}), HasSubstr("a level from 1 to 10"));
+  EXPECT_THAT(error({"VPC=1,CPU=1"}), HasSubstr("expected one section"));
+  EXPECT_THAT(error({"VPC=1..2"}), HasSubstr("expected one level"));
+  EXPECT_THAT(error({"latency=1"}), HasSubstr("expected CPU, VPC, VENC or AIC"));
+  EXPECT_THAT(error({"VPC", "VPC=2"}), HasSubstr("the victim VPC is given twice"));
+}
+
+TEST(MatrixPlanTest, MixesLeaveOutTheVictimAndNothing) {
+  const auto axes = ParseAxes({"CPU=0,2", "VPC=0..3", "VENC=0,1"});
+  EXPECT_THAT(MixesFor(axes, "VPC"), ElementsAre(SweepLevels{{"VENC", 1}}, SweepLevels{{"CPU", 2}},
+                                                 SweepLevels{{"CPU", 2}, {"VENC", 1}}));
+  EXPECT_THAT(MixesFor(axes, kLatencyVictim), SizeIs(15));
+  EXPECT_THAT(ErrorOf([&] { (void)PlanMatrix(Planned({"VPC=0..3"}, {"VPC"})); }),
+              HasSubstr("nothing disturbs VPC"));
+  EXPECT_THAT(ErrorOf([&] {
+                (void)PlanMatrix(Planned({"CPU=0..10", "VPC=0..10", "VENC=0..10", "AIC=0..10"}, {"CPU"}, 9));
+              }),
+              HasSubstr("more than 9999 runs"));
+}
+
+TEST(MatrixPlanTest, RecordsAggressorsFirstAndThenEachRoundInRandomOrder) {
+  const Matrix matrix = Planned({"CPU=0,2", "VENC=0,1"}, {"VPC", "CPU", "latency"}, 3);
+  const std::vector<MatrixRun> runs = PlanMatrix(matrix);
+  // Three mixes of both engines; VPC and latency have three each, CPU has one.
+  const std::size_t round = 3 + 2 * (3 + 1 + 3);
+  ASSERT_THAT(runs, SizeIs(3 + 3 * round));
+  std::vector<std::string> orders;
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    EXPECT_EQ(runs[i].folder, MatrixRunFolder(i));
+    EXPECT_EQ(runs[i].part == MatrixPart::kLoad, i < 3) << "controls need the aggressors' own runs";
+    if (i < 3) continue;
+    EXPECT_EQ(static_cast<std::size_t>(runs[i].repeat), (i - 3) / round + 1);
+    const std::string what =
+        runs[i].victim + std::to_string(static_cast<int>(runs[i].part)) + PointText(runs[i].mix) + ";";
+    if ((i - 3) % round == 0) orders.emplace_back();
+    orders.back() += what;
+  }
+  EXPECT_EQ(std::set<std::string>(orders.begin(), orders.end()).size(), 3U) << "each round has its own order";
+  std::set<std::string> inFirst;
+  for (std::size_t i = 3; i < 3 + round; ++i)
+    inFirst.insert(runs[i].victim + std::to_string(static_cast<int>(runs[i].part)) + PointText(runs[i].mix));
+  EXPECT_THAT(inFirst, SizeIs(round));
+}
+
+TEST(MatrixPlanTest, AControlHasTheVictimAlone) {
+  const Matrix matrix = Planned({"CPU=0,2"}, {"VPC=3", "latency"});
+  MatrixRun run;
+  run.victim = "VPC";
+  run.mix = {{"CPU", 2}};
+  const std::vector<std::string> sections = {"CPU", "AIC"};
+  run.part = MatrixPart::kWith;
+  EXPECT_THAT(LevelsOf(matrix, run, sections), ElementsAre(Pair("CPU", 2), Pair("AIC", 0), Pair("VPC", 3)));
+  run.part = MatrixPart::kControl;
+  EXPECT_THAT(LevelsOf(matrix, run, sections), ElementsAre(Pair("CPU", 0), Pair("AIC", 0), Pair("VPC", 3)));
+  run.part = MatrixPart::kLoad;
+  run.victim = "";
+  EXPECT_THAT(LevelsOf(matrix, run, sections), ElementsAre(Pair("CPU", 2), Pair("AIC", 0)));
+  run.part = MatrixPart::kAlone;
+  run.victim = kLatencyVictim;
+  run.mix = {};
+  EXPECT_THAT(LevelsOf(matrix, run, sections), ElementsAre(Pair("CPU", 0), Pair("AIC", 0)));
+}
+
+TEST(MatrixTableTest, SlowdownIsOfTheSameWork) {
+  // Half the rate, or twice the latency: the same work takes twice as long.
+  EXPECT_NEAR(SlowdownOf({100}, {50}, false)->value, 100, 1e-9);
+  EXPECT_NEAR(SlowdownOf({100}, {200}, true)->value, 100, 1e-9);
+  EXPECT_FALSE(SlowdownOf({100}, {50}, false)->low) << "one run a side has no interval";
+  const auto slowdown = SlowdownOf({99, 101, 100}, {49, 51, 50}, false);
+  EXPECT_NEAR(slowdown->value, 100, 0.1);
+  EXPECT_LT(*slowdown->low, 98);
+  EXPECT_GT(*slowdown->high, 102);
+  EXPECT_FALSE(SlowdownOf({}, {50}, false));
+  EXPECT_FALSE(SlowdownOf({100, 100}, {50, 0}, false)) << "one that did nothing";
+}
+
+class MatrixTest : public ::testing::Test {
+ protected:
+  std::string Folder() const { return folder_ / "matrix"; }
+
+  // A run with `rate` op/s of the VPC, `copies` of the CPU by 2 threads, and these CPUs of benchmark and
+  // helpers.
+  void Put(const std::string& name, double rate, double copies, double benchmarkCpus,
+           double helpersCpus) const {
+    std::vector<SyntheticEngine> engines;
+    SyntheticEngine vpc{"vpc", "kivuVpcStress", 1, rate};
+    vpc.p99Ns = static_cast<std::uint64_t>(1e9 / rate);
+    if (rate > 0) engines.push_back(vpc);
+    SyntheticEngine cpu;
+    cpu.threads = 2;
+    cpu.operationsPerS = copies;
+    cpu.p50Ns = 1'000'000;
+    if (copies > 0) engines.push_back(cpu);
+    WriteRun(Folder() + "/" + name, engines);
+    std::vector<CounterValue> values;
+    for (int second = 1; second <= 29; ++second) {
+      values.push_back({second + 0.1, "processor", "benchmark", "CPUs", benchmarkCpus});
+      values.push_back({second + 0.1, "processor", "helpers", "CPUs", helpersCpus});
+    }
+    AddCounters(name, values);
+  }
+
+  void AddCounters(const std::string& name, const std::vector<CounterValue>& values) const {
+    std::string text = "time_s,source,name,unit,value\n";
+    for (const CounterValue& value : values) {
+      text += std::to_string(value.timeS) + "," + value.source + "," + value.name + "," + value.unit + "," +
+              std::to_string(value.value) + "\n";
+    }
+    (void)folder_.Put("matrix/" + name + "/counters.csv", text);
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
+  Matrix matrix = Planned({"CPU=0,2"}, {"VPC"}, 2);
+  matrix.runs = PlanMatrix(matrix);
+  for (MatrixRun& run : matrix.runs) {
+    run.state = SweepState::kDone;
+    const double off = run.repeat == 1 ? -1 : 1;
+    if (run.part == MatrixPart::kLoad) Put(run.folder, 0, 400, 1.2, 0);
+    if (run.part == MatrixPart::kAlone) Put(run.folder, 200 + off, 0, 1, 0);
+    if (run.part == MatrixPart::kControl) Put(run.folder, 160 + off, 0, 1, 1.19);
+    if (run.part == MatrixPart::kWith) Put(run.folder, 100 + off, 300, 2, 0);
+  }
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  EXPECT_THAT(table.notes, IsEmpty());
+  ASSERT_THAT(table.cells, SizeIs(1));
+  const MatrixCell& cell = table.cells[0];
+  EXPECT_NEAR(cell.byMemory->value, 60, 0.5);
+  EXPECT_NEAR(cell.byCpu->value, 25, 0.5);
+  EXPECT_NEAR(cell.total->value, 100, 0.5);
+  EXPECT_LT(*cell.byMemory->low, cell.byMemory->value);
+  EXPECT_NEAR(*cell.aggressorCpus, 1.2, 1e-6);
+  EXPECT_THAT(cell.control.cpus, Each(::testing::DoubleNear(1.19, 1e-6)));
+  EXPECT_THAT(MatrixText(matrix, table),
+              AllOf(HasSubstr("VPC=1   CPU=2"), HasSubstr("+60.0 % ["), HasSubstr("1.20 / 1.19")));
+  const auto json = nlohmann::json::parse(MatrixJson(Folder(), matrix, table, true));
+  EXPECT_EQ(json["cells"][0]["aggressors"]["CPU"], 2);
+  EXPECT_EQ(json["cells"][0]["unit"], "op/s");
+  EXPECT_NEAR(json["cells"][0]["by_cpu"]["percent"].get<double>(), 25, 0.5);
+
+  // Each of two threads makes 400 operations a second. Both take 1.2 CPUs.
+  const std::vector<ControlThreads> control = ControlOf(Folder() + "/" + matrix.runs[0].folder, 0);
+  ASSERT_THAT(control, SizeIs(1));
+  EXPECT_EQ(control[0].threads, 2);
+  EXPECT_NEAR(control[0].computeUs, 1500, 1);
+  EXPECT_NEAR(control[0].periodUs, 2500, 1);
+  EXPECT_EQ(ControlText(control), "2 x (1500 us of 2500 us)");
+}
+
+TEST_F(MatrixTest, SaysWhatIsMissing) {
+  Matrix matrix = Planned({"CPU=0,2"}, {"VPC"}, 1);
+  matrix.runs = PlanMatrix(matrix);
+  matrix.runs[1].state = SweepState::kFailed;
+  matrix.runs[1].reason = "it broke";
+  matrix.runs[2].state = SweepState::kDone;
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  EXPECT_THAT(table.notes, ::testing::Contains(HasSubstr("failed: it broke")));
+  EXPECT_THAT(table.notes, ::testing::Contains(HasSubstr("run-0003: there is no such folder")));
+  EXPECT_THAT(ErrorOf([&] { (void)ControlOf(Folder() + "/run-0001", 0); }),
+              HasSubstr("there is no such folder"));
+  Put("idle", 100, 0, 0.1, 0);
+  EXPECT_THAT(ErrorOf([&] { (void)ControlOf(Folder() + "/idle", 100); }),
+              HasSubstr("how much processor time"));
+}
+
+// --- the control's process ---
+
+double CpuSecondsOf(pid_t process) {
+  clockid_t clock{};
+  timespec time{};
+  if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0) return -1;
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+TEST(ControlTest, TakesProcessorTimeAndPauses) {
+  Control control({{1, 1000, 1e9}}, {});
+  // It computes for a millisecond and pauses for long. Without the pause it would go on.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (CpuSecondsOf(control.Id()) < 0.001 && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const double seconds = CpuSecondsOf(control.Id());
+  EXPECT_GE(seconds, 0.001);
+  EXPECT_LT(seconds, 0.03);
+  EXPECT_EQ(control.Fault(), "");
+  (void)kill(control.Id(), SIGKILL);
+  while (control.Fault().empty() && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(control.Fault(), "the control was ended by SIGKILL");
+  EXPECT_EQ(control.Descriptor(), -1);
+}
+
+TEST(ControlTest, NeedsACpuThatIsNotTheVictims) {
+  EXPECT_THAT(ErrorOf([] { Control({{1, 1, 1}}, AllowedCpus()); }),
+              HasSubstr("cannot compute beside the benchmark"));
+}
+
+// --- the search for the worst mix ---
+
+/// A platform whose engines contend in a way that the search does not know: some disturb more with each
+/// level, some soon disturb no more, some slow each other down so that less load disturbs more; pairs disturb
+/// more or less than their sum.
+class HiddenContention {
+ public:
+  HiddenContention(const std::vector<std::size_t>& counts, std::uint64_t seed) : values_(seed) {
+    const std::size_t engines = counts.size();
+    std::vector<double> weights;
+    std::vector<std::size_t> kinds;
+    std::vector<double> bends;
+    for (std::size_t i = 0; i < engines; ++i) {
+      weights.push_back(0.05 + 0.6 * values_.Uniform());
+      kinds.push_back(static_cast<std::size_t>(3 * values_.Uniform()));
+      bends.push_back(0.3 + 0.7 * values_.Uniform());
+    }
+    std::vector<double> pairs;
+    for (std::size_t i = 0; i < engines * engines; ++i) pairs.push_back(0.8 * (values_.Uniform() - 0.5));
+    const double most = 0.5 + values_.Uniform();
+    const MarginGrid grid{counts, 0};
+    for (std::size_t mix = 0; mix < PointCount(grid); ++mix) {
+      std::vector<double> loads;
+      double sum = 0;
+      for (std::size_t i = 0; i < engines; ++i) {
+        const double level =
+            static_cast<double>(ValuesOfPoint(grid, mix)[i]) / static_cast<double>(counts[i] - 1);
+        const double falling = level < bends[i] ? level / bends[i] : 1 - 0.8 * (level - bends[i]);
+        const double bent = level * (1 + bends[i]) / (level + bends[i]);
+        loads.push_back(kinds[i] == 0 ? level : kinds[i] == 1 ? bent : falling);
+        sum += weights[i] * loads[i];
+      }
+      for (std::size_t i = 0; i < engines; ++i) {
+        for (std::size_t j = 0; j < i; ++j) sum += pairs[i * engines + j] * loads[i] * loads[j];
+      }
+      slowdowns_.push_back(most * std::tanh(std::max(0.0, sum) / most));
+    }
+  }
+
+  double Slowdown(std::size_t mix) const { return slowdowns_[mix]; }
+  double Worst() const { return *std::max_element(slowdowns_.begin(), slowdowns_.end()); }
+  std::size_t Mixes() const { return slowdowns_.size(); }
+
+  /// As a run measures it: runs of one mix differ by 2 %.
+  double Measure(std::size_t mix) { return (1 + slowdowns_[mix]) * std::exp(0.02 * values_.Normal()); }
+
+ private:
+  NormalValues values_;
+  std::vector<double> slowdowns_;
+};
+
+TEST(WorstSearchTest, FindsTheWorstMixWithAFifthOfTheRuns) {
+  const std::vector<std::size_t> counts = {4, 5, 4};
+  const WorstGrid grid{counts, true, 3};
+  EXPECT_EQ(ExhaustiveRuns(grid), 79U * 3);
+  constexpr int kPlatforms = 40;
+  int found = 0;
+  int foundByAll = 0;
+  for (int seed = 0; seed < kPlatforms; ++seed) {
+    HiddenContention platform(counts, static_cast<std::uint64_t>(seed));
+    std::vector<Slowness> tried(platform.Mixes());
+    std::size_t runs = 0;
+    while (const auto mix = NextMix(grid, tried, WorstBudget(grid))) {
+      ASSERT_NE(*mix, 0U) << "no aggressor";
+      tried[*mix].push_back(platform.Measure(*mix));
+      ASSERT_LE(tried[*mix].size(), grid.repeats);
+      ++runs;
+    }
+    ASSERT_LE(runs * 5, ExhaustiveRuns(grid));
+    if (platform.Slowdown(*WorstMix(grid, tried)) >= 0.95 * platform.Worst()) ++found;
+    std::vector<Slowness> all(platform.Mixes());
+    for (std::size_t mix = 1; mix < all.size(); ++mix) {
+      for (std::size_t i = 0; i < grid.repeats; ++i) all[mix].push_back(platform.Measure(mix));
+    }
+    if (platform.Slowdown(*WorstMix(grid, all)) >= 0.95 * platform.Worst()) ++foundByAll;
+  }
+  std::printf("within 5 %% of the worst: the search %d of %d, all runs %d\n", found, kPlatforms, foundByAll);
+  EXPECT_GE(found, 36) << "of " << kPlatforms << "; recording everything finds " << foundByAll;
+}
+
+TEST(WorstSearchTest, GoesOnFromResultsAlone) {
+  const WorstGrid grid{{3, 3}, true, 2};
+  std::vector<Slowness> tried(9);
+  EXPECT_FALSE(WorstMix(grid, tried));
+  EXPECT_EQ(NextMix(grid, tried, 10), 8U) << "all aggressors at their highest level come first";
+  tried[8] = {2};
+  EXPECT_EQ(NextMix(grid, tried, 10), NextMix(grid, tried, 10));
+  EXPECT_EQ(WorstMix(grid, tried), 8U);
+  EXPECT_FALSE(NextMix(grid, tried, 1)) << "the budget is used up";
+  // Everything is known: nothing is left, whatever the budget.
+  for (std::size_t mix = 1; mix < 9; ++mix) tried[mix] = {1, 1};
+  EXPECT_FALSE(NextMix(grid, tried, 1000));
+  EXPECT_LE(WorstBudget(grid), ExhaustiveRuns(grid));
+}
+
+TEST(WorstSearchTest, TellsWhatOfTheWorstMixIsMemory) {
+  Matrix matrix = Planned({"CPU=0..2", "VENC=0..2"}, {"VPC"}, 2);
+  matrix.worst = true;
+  std::vector<Slowness> slowness(9);
+  std::map<MatrixPart, int> parts;
+  std::vector<MatrixPart> order;
+  while (const auto next = NextOfWorst(matrix, slowness)) {
+    ASSERT_LT(matrix.runs.size(), 50U);
+    matrix.runs.push_back(*next);
+    matrix.runs.back().state = SweepState::kDone;
+    EXPECT_EQ(next->folder, MatrixRunFolder(matrix.runs.size() - 1));
+    ++parts[next->part];
+    order.push_back(next->part);
+    // The encoder alone disturbs, at level 1 most.
+    const bool isWorst = next->mix == SweepLevels{{"VENC", 1}};
+    if (next->part == MatrixPart::kWith) slowness[*MixNumber(matrix, next->mix)].push_back(isWorst ? 3 : 1);
+  }
+  EXPECT_EQ(*FoundWorst(matrix, slowness), (SweepLevels{{"VENC", 1}}));
+  EXPECT_EQ(parts[MatrixPart::kAlone], 2);
+  EXPECT_EQ(parts[MatrixPart::kLoad], 1);
+  EXPECT_EQ(parts[MatrixPart::kControl], 2);
+  EXPECT_EQ(matrix.runs.back().mix, (SweepLevels{{"VENC", 1}}));
+  EXPECT_TRUE(IsComplete(matrix, slowness));
+  matrix.runs.back().state = SweepState::kFailed;
+  EXPECT_EQ(NextOfWorst(matrix, slowness)->folder, matrix.runs.back().folder) << "what failed is needed";
+}
+
+// --- the command ---
+
+class MatrixProgramTest : public ::testing::Test {
+ protected:
+  // A benchmark whose VPC does 100 op/s, a fifth less beside the CPU's copies. It lists what it ran.
+  // Aggressors alone take a second in earnest: so long it takes to see their processor time.
+  std::string Benchmark(const std::string& atItsStart = "") const {
+    const std::string bucket = std::to_string(BucketOf(1'000'000));
+    const std::string path = folder_.Put(
+        "benchmark",
+        "#!/bin/sh\ncpu=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\nvpc=$(sed -n '/^VPC/{n;s/.*: //p}' \"$1\")\n"
+        "echo \"cpu $cpu vpc $vpc\" >>\"$0.ran\"\n" +
+            atItsStart +
+            "\nfor second in 1 2 3 4 5 6; do\n"
+            "  [ \"$vpc\" = 0 ] || echo \"sample 1 0 " +
+            bucket +
+            " $((100 - 20 * cpu))\"\n"
+            "  for thread in 0 1; do\n"
+            "    [ \"$thread\" -ge \"$cpu\" ] || echo \"sample 0 $thread " +
+            bucket +
+            " 50\"\n  done\n"
+            "  echo \"print cpuStress : 1.000000 fps. ispStress : 30.0 fps.\"\n"
+            "  echo \"second $((second * 1000))\"\ndone >\"$0.script\"\n"
+            "[ \"$vpc\" != 0 ] || sleep 1.2\nexec " SCRIPTED_METER " \"$1\" \"$0.script\"\n");
+    (void)chmod(path.c_str(), 0755);
+    return path;
+  }
+
+  std::vector<std::string> Arguments(const std::string& benchmark,
+                                     const std::vector<std::string>& more = {}) const {
+    std::vector<std::string> arguments = {
+        "matrix",      folder_.Put("config.yaml", "CPU: {Level: 2}\nVPC: {Level: 1}\n"),
+        "-o",          Folder(),
+        "--benchmark", benchmark,
+        "--warmup",    "0",
+        "--seed",      "1"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  std::string Folder() const { return folder_ / "who"; }
+
+  std::size_t Ran() const {
+    const std::string text = folder_.Get("benchmark.ran");
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(MatrixProgramTest, GoesOnAfterAnInterruptionAndShowsWhatDisturbs) {
+  // The third run interrupts the recorder.
+  const std::string benchmark = Benchmark("[ $(wc -l <\"$0.ran\") != 3 ] || kill -INT $PPID");
+  const std::vector<std::string> arguments =
+      Arguments(benchmark, {"--levels", "CPU=0,1", "--victim", "VPC", "--repeat", "2"});
+  const ToolResult first = RunTool(arguments);
+  EXPECT_EQ(first.status, 1) << first.errors;
+  EXPECT_THAT(first.errors, HasSubstr("Continue with: stress_scope matrix --resume " + Folder()));
+  EXPECT_EQ(Ran(), 3U);
+  const Matrix interrupted = ReadMatrix(Folder());
+  ASSERT_THAT(interrupted.runs, SizeIs(7));
+  EXPECT_EQ(interrupted.runs[1].state, SweepState::kDone);
+  EXPECT_EQ(interrupted.runs[2].state, SweepState::kInterrupted);
+  EXPECT_THAT(RunTool(arguments).errors, HasSubstr("contains a matrix: continue it with --resume"));
+
+  const ToolResult second = RunTool({"matrix", "--resume", Folder()});
+  EXPECT_EQ(second.status, 0) << second.errors;
+  EXPECT_EQ(Ran(), 8U) << "what was recorded is not recorded again";
+  EXPECT_THAT(second.output,
+              AllOf(HasSubstr("names the program to run: " + benchmark), HasSubstr("VPC=1   CPU=1"),
+                    HasSubstr("+25.0 % [+25.0, +25.0]  +0.0 % [")));
+  for (const MatrixRun& run : ReadMatrix(Folder()).runs) {
+    const Conditions conditions = ReadRun(Folder() + "/" + run.folder).info.conditions;
+    EXPECT_EQ(conditions.control.empty(), run.part != MatrixPart::kControl) << run.folder;
+    const bool isVictim = conditions.ownCpus.rfind("vpc: ", 0) == 0;
+    EXPECT_EQ(isVictim, run.part != MatrixPart::kLoad && AllowedCpus().size() > 1) << conditions.ownCpus;
+  }
+  const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
+  EXPECT_EQ(Ran(), 8U);
+  EXPECT_EQ(json["complete"], true);
+  EXPECT_NEAR(json["cells"][0]["by_memory"]["percent"].get<double>(), 25, 1e-6);
+
+  // A folder from elsewhere.
+  std::string text = folder_.Get("who/matrix.json");
+  const auto refuses = [&](const std::string& from, const std::string& to, const std::string& why) {
+    std::string changed = text;
+    ASSERT_NE(changed.find(from), std::string::npos) << from;
+    changed.replace(changed.find(from), from.size(), to);
+    (void)folder_.Put("who/matrix.json", changed);
+    const ToolResult result = RunTool({"matrix", "--resume", Folder()});
+    EXPECT_EQ(result.status, 2) << to;
+    EXPECT_THAT(result.errors, HasSubstr(why));
+  };
+  refuses("run-0001", "../../x", "expected the run run-0001, found");
+  refuses("\"part\": \"load\"", "\"part\": \"x\"", "unknown part");
+  refuses("\"VPC\": 1", "\"VPC\": 0", "expected victims with levels from 1");
+  refuses("\"victim\": \"VPC\"", "\"victim\": \"CPU\"", "none of this matrix");
+  refuses("\"CPU\": 1", "\"CPU\": 11", "none of this matrix");
+  refuses("\"repeats\": 2", "\"repeats\": 0", "repeats of 1 or more");
+  refuses("\"own_cpus\": ", "\"own_cpus\": \"x\", \"x\": ", "expected a list of CPUs");
+  refuses("\"format\": 1", "\"format\": 7", "written in format 7");
+}
+
+TEST_F(MatrixProgramTest, LooksForTheWorstMixAndGoesOnAfterAFailure) {
+  // The second run fails.
+  const std::string benchmark = Benchmark("[ $(wc -l <\"$0.ran\") != 2 ] || exit 7");
+  const ToolResult first =
+      RunTool(Arguments(benchmark, {"--levels", "CPU=0..2", "--worst", "VPC", "--repeat", "1"}));
+  EXPECT_EQ(first.status, 1) << first.errors;
+  EXPECT_EQ(Ran(), 2U);
+  EXPECT_THAT(first.errors,
+              HasSubstr("run-0002 of " + Folder() + " is not complete, and the search needs it"));
+  EXPECT_THAT(first.output, HasSubstr("It has not ended."));
+  const ToolResult second = RunTool({"matrix", "--resume", Folder()});
+  EXPECT_EQ(second.status, 0) << second.errors;
+  EXPECT_THAT(
+      second.output,
+      AllOf(HasSubstr(
+                "The worst mix for VPC=1 is CPU=2: slower by +66.7 % in all, by +66.7 % because of memory"),
+            HasSubstr("The search made 2 of the 2 runs with aggressors")));
+  const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
+  EXPECT_EQ(json["worst"]["aggressors"], nlohmann::json::parse(R"({"CPU": 2})"));
+  EXPECT_EQ(json["worst"]["all_runs"], 2);
+}
+
+TEST_F(MatrixProgramTest, SaysWhatItNeeds) {
+  const auto error = [this](const std::vector<std::string>& more) {
+    const ToolResult result = RunTool(Arguments(Benchmark(), more));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_FALSE(std::filesystem::exists(Folder()));
+    return result.errors;
+  };
+  EXPECT_THAT(error({"--victim", "GPU"}), HasSubstr("expected CPU, VPC, VENC or AIC"));
+  EXPECT_THAT(error({"--victim", "VPC", "--levels", "VPC=0..2"}), HasSubstr("nothing disturbs VPC"));
+  EXPECT_THAT(error({"--victim", "AIC"}), HasSubstr("need a section AIC"));
+  EXPECT_THAT(error({"--stop-after", "3"}), HasSubstr("too short"));
+  EXPECT_THAT(error({"--worst", "VPC", "--victim", "CPU"}), HasSubstr("--worst"));
+  EXPECT_EQ(RunTool({"matrix"}).status, 2);
+  EXPECT_THAT(RunTool({"matrix", "--resume", folder_ / "none"}).errors, HasSubstr("not a matrix"));
+}
+
+}  // namespace
