@@ -270,15 +270,15 @@ CheckPacket CheckCounts(Engine engine) {
   packet.engine = engine;
   packet.state = StateOf(engine);
   if (engine == Engine::kVenc && MayJudge(engine)) {
-    // Nothing but another channel shows what the stream of a frame has to be.
-    if (packet.state == CheckState::kLearning) packet.state = CheckState::kAlone;
     if (StreamsDiffer()) packet.state = CheckState::kNotDeterministic;
   }
+  int threads = 0;
   for (std::size_t i = 0; i < kCounterSets; ++i) {
     const Checker& checker = checkers[i];
     const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);
     const std::uint32_t of = engineOf[i].load(std::memory_order_relaxed);
     if (operations == 0 || of != static_cast<std::uint32_t>(engine)) continue;
+    ++threads;
     packet.operations += operations;
     packet.checked += checker.checked.load(std::memory_order_relaxed);
     packet.whole += checker.whole.load(std::memory_order_relaxed);
@@ -287,6 +287,10 @@ CheckPacket CheckCounts(Engine engine) {
     packet.errors += checker.errors.load(std::memory_order_relaxed);
     packet.unlisted += checker.unlisted.load(std::memory_order_relaxed);
     packet.checkNs += checker.checkNs.load(std::memory_order_relaxed);
+  }
+  // Nothing but another channel shows what the stream of a frame has to be.
+  if (engine == Engine::kVenc && packet.state == CheckState::kLearning && threads == 1) {
+    packet.state = CheckState::kAlone;
   }
   return packet;
 }

@@ -460,6 +460,10 @@ TEST(Check, AChannelAloneIsNotJudged) {
     const Worker worker(Engine::kVenc, 0);
     for (std::uint64_t number = 0; number < 50; ++number) Encode(worker, frame, number);
     EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kAlone);
+    // Another channel has other settings.
+    const Worker other(Engine::kVenc, 1);
+    for (std::uint64_t number = 0; number < 50; ++number) EncodeAs(other, frame, number, StreamOf(number), 6);
+    EXPECT_EQ(CheckCounts(Engine::kVenc).state, CheckState::kLearning);
     EXPECT_EQ(CheckCounts(Engine::kVenc).checked, 0U);
   });
 }

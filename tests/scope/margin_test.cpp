@@ -473,14 +473,17 @@ TEST_F(MarginTest, SaysWhichEnginesWereNotJudged) {
             HasSubstr("?: the results of an engine were not judged."),
             HasSubstr("passes to 200, 1 step away, the last value. No failure in 1 run there, too few "
                       "for a failure rate. Not judged there: the results of cpu."),
-            HasSubstr("\n  cpu: not judged: too few operations to learn what is right; at refresh=200\n")));
+            HasSubstr("\n  cpu: not judged: too few operations, or none with the same source, to learn what "
+                      "is right; at refresh=200\n")));
   judge("run-0001", "learning");
   EXPECT_THAT(text(), HasSubstr("learn what is right; at all points that passed\n"));
   const json margin = json::parse(RunTool({"report", Folder(), "--json"}).output).at("margin");
   EXPECT_EQ(margin.at("points")[1].at("state"), "pass");
   EXPECT_EQ(margin.at("points")[1].at("text"), "pass 1/1 ?");
-  EXPECT_EQ(margin.at("points")[1].at("not_judged"),
-            json::array({"cpu: not judged: too few operations to learn what is right"}));
+  EXPECT_EQ(
+      margin.at("points")[1].at("not_judged"),
+      json::array(
+          {"cpu: not judged: too few operations, or none with the same source, to learn what is right"}));
 }
 
 // The documents of the margin describe each of its keys.

@@ -83,7 +83,7 @@ bool LooksForErrors(const RunInfo& info) {
 
 std::string CheckText(const EngineCheck& check) {
   static const std::map<std::string, std::string> kWhy = {
-      {"learning", "too few operations to learn what is right"},
+      {"learning", "too few operations, or none with the same source, to learn what is right"},
       {"alone", "one channel alone: there is no other stream to compare with"},
       {"sources change", "the program writes its sources between operations"},
       {"not deterministic", "the same source gives different results by nature"},
