@@ -371,6 +371,32 @@ TEST_F(MarginTest, WhatDiedIsTriedAgain) {
   EXPECT_TRUE(std::filesystem::exists(Folder() + "/attempts/run-0003/1")) << "what was there is kept";
 }
 
+// The second run at 200 would pass.
+TEST_F(MarginTest, WhatFoundErrorsAndDiedHasFailedWhateverTheTries) {
+  const ToolResult result = UntilItEnds(SweepOf("dies 2 refresh=200\n", 2, {"--tries", "1"}), 3);
+  EXPECT_EQ(Count("dies"), 1);
+  EXPECT_EQ(Count("saved 1"), 1);
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(
+      Results(),
+      ElementsAre("pass", "fail: 2 errors (edac 2); did not come back: the machine was started again"));
+  EXPECT_THAT(result.output, HasSubstr("refresh=200    fail 1/1"));
+}
+
+// Without settings of the board, a run that failed is none of the sweep's results. Its errors are.
+TEST_F(MarginTest, ErrorsOfARunThatFailedComeBeforeItsFailure) {
+  std::vector<std::string> arguments = SweepOf("both 1\n", 1);
+  arguments.resize(arguments.size() - 4);
+  arguments.insert(arguments.end(), {"--levels", "CPU=1"});
+  const ToolResult result = RunTool(arguments);
+  EXPECT_EQ(Count("both"), 1);
+  EXPECT_EQ(result.status, 3) << result.errors;
+  EXPECT_THAT(result.output, HasSubstr("failed: 2 errors (edac 2); the benchmark ended with status 9"));
+  folder_.Put("board/region", "fail 1\n");
+  EXPECT_EQ(Resume().status, 1) << "the errors were those of an earlier attempt";
+  EXPECT_EQ(Count("fail"), 1);
+}
+
 TEST_F(MarginTest, TriesEnd) {
   const ToolResult result = UntilItEnds(SweepOf("reboot 1 refresh=200\n", 2, {"--tries", "2"}), 5);
   EXPECT_EQ(Count("reboot"), 3);
@@ -525,6 +551,8 @@ TEST_F(MarginTest, RefusesBadInput) {
   EXPECT_THAT(RunTool(arguments).errors, HasSubstr("--setting needs --apply"));
   EXPECT_THAT(RunTool({"sweep", arguments[1], "--levels", "CPU=1", "--edge"}).errors,
               HasSubstr("give --setting as well"));
+  EXPECT_THAT(RunTool({"sweep", arguments[1], "--levels", "CPU=1", "--tries", "2", "-o", Folder()}).errors,
+              HasSubstr("--tries are for settings of the board"));
   EXPECT_THAT(Log(), IsEmpty());
 }
 

@@ -46,8 +46,11 @@ void RequireAxes(const SweepOptions& options) {
         "refresh=3900,7800");
   }
   if (options.boardSettings.empty()) {
-    if (options.margin.apply.empty() && options.at.empty() && !options.margin.edge) return;
-    throw UserError("--apply, --at and --edge are for settings of the board: give --setting as well");
+    if (options.margin.apply.empty() && options.at.empty() && !options.margin.edge &&
+        options.margin.tries == 0)
+      return;
+    throw UserError(
+        "--apply, --at, --edge and --tries are for settings of the board: give --setting as well");
   }
   if (options.margin.apply.empty())
     throw UserError("--setting needs --apply, the command that makes the settings");
@@ -118,9 +121,12 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
-bool HasErrors(const Sweep& sweep) {
-  return std::any_of(sweep.runs.begin(), sweep.runs.end(), [](const SweepRun& run) {
-    return run.state == SweepState::kDone && !run.reason.empty();
+// Of runs that are done, and of those that ended early after they had found some.
+bool HasErrors(const std::string& folder, const Sweep& sweep) {
+  return std::any_of(sweep.runs.begin(), sweep.runs.end(), [&folder](const SweepRun& run) {
+    if (run.state == SweepState::kDone) return !run.reason.empty();
+    const int attempt = run.state == SweepState::kPlanned ? 0 : LastAttempt(folder, run.folder);
+    return attempt != 0 && !ErrorsFoundIn(folder + "/" + AttemptFolder(run.folder, attempt)).empty();
   });
 }
 
@@ -131,7 +137,7 @@ int RunSweep(const SweepOptions& options) {
   Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
   const bool done = SweepRecorder(folder, sweep, options.output).Run();
   ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
-  const bool hasErrors = sweep.boardAxes.empty() ? HasErrors(sweep) : ChosenFails(sweep);
+  const bool hasErrors = sweep.boardAxes.empty() ? HasErrors(folder, sweep) : ChosenFails(sweep);
   if (hasErrors) return kExitErrors;
   return done ? kExitOk : kExitFailure;
 }

@@ -35,11 +35,11 @@ std::size_t NumberOf(const SweepRun& run) {
   return static_cast<std::size_t>(run.order);
 }
 
-// Which errors the run has; empty if there are none.
-std::string ErrorsIn(const RunInfo& info) {
+// The errors from each source, in words; empty if there are none.
+std::string ErrorsIn(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
   std::vector<std::string> parts;
   std::uint64_t sum = 0;
-  for (const auto& [source, count] : info.errors) {
+  for (const auto& [source, count] : counts) {
     sum += count;
     parts.push_back(source + " " + std::to_string(count));
   }
@@ -48,12 +48,8 @@ std::string ErrorsIn(const RunInfo& info) {
 
 // `reason`, why the run in `folder` failed, after the errors that it has found.
 std::string WithErrors(const std::string& reason, const std::string& folder) {
-  try {
-    const std::string errors = IsRunFolder(folder) ? ErrorsIn(ReadRunInfo(folder)) : "";
-    return errors.empty() ? reason : errors + "; " + reason;
-  } catch (const UserError&) {
-    return reason;  // it has failed anyway
-  }
+  const std::string errors = ErrorsFoundIn(folder);
+  return errors.empty() ? reason : errors + "; " + reason;
 }
 
 std::string BootId(const std::string& systemRoot) {
@@ -76,6 +72,22 @@ std::string ResultText(const SweepRun& run) {
 }
 
 }  // namespace
+
+std::string ErrorsFoundIn(const std::string& runFolder) {
+  Run run;
+  // A machine that died may have damaged one of the two files.
+  try {
+    if (IsRunFolder(runFolder)) run.info = ReadRunInfo(runFolder);
+  } catch (const UserError& error) {
+    Tell(error.what());
+  }
+  try {
+    run.errors = ReadRunErrors(runFolder);
+  } catch (const UserError& error) {
+    Tell(error.what());
+  }
+  return ErrorsIn(ErrorCounts(run));
+}
 
 SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output)
     : folder_(std::move(folder)), sweep_(sweep), output_(output) {
@@ -107,9 +119,13 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
     return;
   }
   CellStatus last;
+  std::string errors;
   // An earlier attempt says nothing about this one, whose folder may not have reached the disk.
-  if (LastAttempt(folder_, run.folder) >= run.attempt)
+  const int lastAttempt = LastAttempt(folder_, run.folder);
+  if (lastAttempt >= run.attempt) {
     last = StatusOf(folder_, plan_.id, CellOf(run), NumberOf(run));
+    errors = ErrorsFoundIn(folder_ + "/" + AttemptFolder(run.folder, lastAttempt));
+  }
   // Its attempt says how it ended. Only sweep.json does not.
   if (last.state == CellState::kInterrupted || last.isRecorderFault) return;
   if (last.state == CellState::kFailed) {
@@ -118,14 +134,15 @@ void SweepRecorder::TakeUpLost(SweepRun& run) {
     return;
   }
   ++run.lost;
-  run.reason = "did not come back: ";
+  run.reason = (errors.empty() ? "" : errors + "; ") + "did not come back: ";
   if (bootId_.empty()) {
     run.reason += "the recorder or the machine died";
   } else {
     run.reason += sweep_.bootId == bootId_ ? "the recorder was killed" : "the machine was started again";
   }
   if (run.lost > 1) run.reason += ", " + std::to_string(run.lost) + " times";
-  const bool isTriedAgain = run.lost <= sweep_.margin.tries;
+  // What dies may do so by chance. Errors are a result.
+  const bool isTriedAgain = errors.empty() && run.lost <= sweep_.margin.tries;
   Tell(run.folder + " (" + PointText(run.levels, run.settings) + ") " + run.reason +
        (isTriedAgain ? "; it is tried again" : "; it counts as failed"));
   if (!isTriedAgain) run.state = SweepState::kFailed;
@@ -141,7 +158,7 @@ void SweepRecorder::TakeUp(SweepRun& run) {
   } else if (run.state == SweepState::kRunning) {
     TakeUpLost(run);
   }
-  if (run.state == SweepState::kDone) run.reason = ErrorsIn(ReadRunInfo(folder_ + "/" + run.folder));
+  if (run.state == SweepState::kDone) run.reason = ErrorsIn(ReadRunInfo(folder_ + "/" + run.folder).errors);
 }
 
 void SweepRecorder::PrepareRuns() {
@@ -229,7 +246,7 @@ bool SweepRecorder::Record(SweepRun& run) {
     if (HasSettings() && outcome.isRecorderFault) throw UserError(outcome.reason);
     if (outcome.state == CellState::kDone) {
       const RunInfo info = ReadRunInfo(outcome.folder);
-      run.reason = ErrorsIn(info);
+      run.reason = ErrorsIn(info.errors);
       notJudged = NotJudged(info);
     }
   } catch (...) {

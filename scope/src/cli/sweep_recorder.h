@@ -12,6 +12,10 @@
 
 namespace scope {
 
+/// Which errors the run of this folder has found, as in "2 errors (edac 2)"; empty if there are none. Also of
+/// a run that was cut off. Prints what cannot be read.
+std::string ErrorsFoundIn(const std::string& runFolder);
+
 /// Records what is left of a sweep. sweep.json is up to date after each run. Over settings of the board, it
 /// also says what runs, on the disk, before anything of the run begins: the machine may die in it.
 class SweepRecorder {

@@ -124,6 +124,13 @@ RunInfo ReadRunInfo(const std::string& folder) {
   return ParseRunInfo(*text, path);
 }
 
+std::vector<RunError> ReadRunErrors(const std::string& folder) {
+  Run run;
+  run.folder = folder;
+  ReadTable(run, run.errors, false);
+  return std::move(run.errors);
+}
+
 Run ReadRun(const std::string& folder) {
   Run run;
   run.folder = folder;

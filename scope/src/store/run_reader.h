@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "run.h"
 
@@ -14,6 +15,9 @@ Run ReadRun(const std::string& folder);
 
 /// Reads only run.json of the folder `folder`. Throws UserError.
 RunInfo ReadRunInfo(const std::string& folder);
+
+/// Reads only errors.csv of the folder `folder`, as ReadRun; empty if there is none. Throws UserError.
+std::vector<RunError> ReadRunErrors(const std::string& folder);
 
 /// True if `folder` contains a run.json, whatever its content. Throws UserError if this cannot be found out.
 bool IsRunFolder(const std::string& folder);
