@@ -12,7 +12,7 @@
 namespace scope {
 namespace {
 
-constexpr std::size_t kMostRuns = 9999;
+constexpr std::size_t kMostMatrixRuns = 9999;
 
 SweepLevels WithoutZeros(const SweepLevels& levels) {
   SweepLevels mix;
@@ -108,11 +108,11 @@ std::vector<MatrixRun> PlanMatrix(const Matrix& matrix) {
       Append(round, MatrixPart::kControl, victim.section, mix, 1);
       if (std::find(loads.begin(), loads.end(), mix) == loads.end()) loads.push_back(mix);
     }
-    if (round.size() > kMostRuns) break;
+    if (round.size() > kMostMatrixRuns) break;
   }
   const auto repeats = static_cast<std::size_t>(matrix.settings.repeats);
-  if (loads.size() + round.size() * repeats > kMostRuns) {
-    throw UserError("the matrix has more than " + std::to_string(kMostRuns) +
+  if (loads.size() + round.size() * repeats > kMostMatrixRuns) {
+    throw UserError("the matrix has more than " + std::to_string(kMostMatrixRuns) +
                     " runs: give fewer victims, levels or repeats, or look for the worst mix with --worst");
   }
   std::vector<MatrixRun> runs;

@@ -21,7 +21,7 @@
 namespace scope {
 namespace {
 
-constexpr double kError = 0.05;
+constexpr double kMatrixError = 0.05;
 
 // The mean of the counter after the warm-up. The last value may be of a part of a second.
 std::optional<double> MeanOfCounter(const Run& run, const char* name, double warmupS) {
@@ -246,7 +246,7 @@ std::optional<SlowdownPercent> SlowdownOf(const std::vector<double>& a, const st
     slowdown.value = percent(std::exp(logMean(above) - logMean(below)));
     return slowdown;
   }
-  const RatioEstimate ratio = EstimateRatio(below, above, kError);
+  const RatioEstimate ratio = EstimateRatio(below, above, kMatrixError);
   slowdown.value = percent(ratio.ratio);
   slowdown.low = percent(ratio.low);
   slowdown.high = percent(ratio.high);

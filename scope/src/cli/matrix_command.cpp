@@ -73,7 +73,7 @@ std::vector<int> ChooseOwnCpus(const std::vector<MatrixVictim>& victims) {
   return {allowed.end() - static_cast<std::ptrdiff_t>(wanted), allowed.end()};
 }
 
-Matrix Prepare(const MatrixOptions& options, std::unique_ptr<FolderLock>& lock) {
+Matrix PrepareMatrix(const MatrixOptions& options, std::unique_ptr<FolderLock>& lock) {
   Matrix matrix;
   matrix.settings = options.settings;
   MakeAbsolute(matrix.settings);
@@ -108,7 +108,7 @@ Matrix Prepare(const MatrixOptions& options, std::unique_ptr<FolderLock>& lock) 
 }
 
 // A matrix's folder may come from elsewhere: it must neither lead to other folders nor hide what it runs.
-Matrix Resume(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
+Matrix ResumeMatrix(const std::string& folder, Output output, std::unique_ptr<FolderLock>& lock) {
   for (const char* const name : {kMatrixName, kSeriesConfig, kAttemptsName})
     RequireNoLink(folder + "/" + name);
   if (IsMatrixFolder(folder)) lock = std::make_unique<FolderLock>(folder);
@@ -132,7 +132,7 @@ int RunMatrix(const MatrixOptions& options) {
   const bool isResumed = !options.resume.empty();
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
-  Matrix matrix = isResumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
+  Matrix matrix = isResumed ? ResumeMatrix(folder, options.output, lock) : PrepareMatrix(options, lock);
   if (options.output == Output::kText) Print(OwnCpusSentence(matrix));
   const bool isDone = MatrixRecorder(folder, matrix, options.output).Run();
   const MatrixTable table = ReadMatrixTable(folder, matrix);

@@ -24,12 +24,12 @@ struct ReadyPacket {
   std::int32_t error = 0;  ///< errno; 0: all threads compute
 };
 
-constexpr std::uint64_t kNsPerS = 1'000'000'000;
+constexpr std::uint64_t kNsOfASecond = 1'000'000'000;
 
 std::uint64_t ThreadCpuNs() {
   timespec now{};
   (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * kNsPerS + static_cast<std::uint64_t>(now.tv_nsec);
+  return static_cast<std::uint64_t>(now.tv_sec) * kNsOfASecond + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 // Some microseconds of multiplications that need nothing but registers.
@@ -64,7 +64,7 @@ std::uint64_t NsOf(double us) {
   (void)prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
   std::uint64_t dueNs = MonotonicNs() + NsOf(work.periodUs * phase);
   while (true) {
-    const timespec due{static_cast<time_t>(dueNs / kNsPerS), static_cast<long>(dueNs % kNsPerS)};
+    const timespec due{static_cast<time_t>(dueNs / kNsOfASecond), static_cast<long>(dueNs % kNsOfASecond)};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr) == EINTR) {
     }
     const std::uint64_t begin = ThreadCpuNs();

@@ -15,14 +15,14 @@
 namespace scope {
 namespace {
 
-constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
+constexpr std::uint64_t kMebibyteOfProbe = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLeastBytes = std::uint64_t{1} << 16;
 constexpr std::uint64_t kCachesPerBuffer = 8;
 constexpr std::uint64_t kSharesOfAvailable = 4;
 
 std::string PageText(std::uint64_t bytes) {
-  return bytes < kMebibyte ? Format("%llu KiB", static_cast<unsigned long long>(bytes >> 10))
-                           : Format("%llu MiB", static_cast<unsigned long long>(bytes >> 20));
+  return bytes < kMebibyteOfProbe ? Format("%llu KiB", static_cast<unsigned long long>(bytes >> 10))
+                                  : Format("%llu MiB", static_cast<unsigned long long>(bytes >> 20));
 }
 
 // A system may have no huge page for a part of the memory.
@@ -50,7 +50,7 @@ std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& ca
   }
   std::uint64_t largest = 0;
   for (const Cache& cache : caches) largest = std::max(largest, cache.bytes);
-  const std::uint64_t least = 256 * kMebibyte;
+  const std::uint64_t least = 256 * kMebibyteOfProbe;
   const std::uint64_t wanted = std::clamp(kCachesPerBuffer * std::min(largest, least), least, 4 * least);
   return std::min(wanted, most);
 }
@@ -144,7 +144,7 @@ LatencySummary LatencyProbe::Summary() const {
 
 std::string LatencyText(const LatencySummary& latency) {
   return Format("%.0f MiB in pages of ",
-                static_cast<double>(latency.bytes) / static_cast<double>(kMebibyte)) +
+                static_cast<double>(latency.bytes) / static_cast<double>(kMebibyteOfProbe)) +
          latency.pages +
          (latency.cpu < 0 ? std::string(", no CPU of its own") : ", CPU " + std::to_string(latency.cpu));
 }

@@ -34,26 +34,32 @@ inline constexpr const char* kTableName<RunError> = "errors.csv";
 template <>
 inline constexpr const char* kTableName<LatencySecond> = "latency.csv";
 
+/// Those of a second's work, of an engine or of one of its threads.
+template <typename Row, typename Visit>
+void VisitWorkColumns(Row& row, const Visit& visit) {
+  visit(CsvColumn{"second"}, row.second);
+  visit(CsvColumn{"time_s"}, row.timeS);
+  visit(CsvColumn{"engine"}, row.engine);
+  if constexpr (std::is_same_v<std::remove_const_t<Row>, Sample>) {
+    visit(CsvColumn{"thread"}, row.thread);
+  } else {
+    visit(CsvColumn{"threads"}, row.threads);
+  }
+  visit(CsvColumn{"operations"}, row.operations);
+  visit(CsvColumn{"busy_ns"}, row.busyNs);
+  visit(CsvColumn{"bytes"}, row.bytes);
+  visit(CsvColumn{"failures"}, row.failures);
+  visit(CsvColumn{"p50_ns"}, row.p50Ns);
+  visit(CsvColumn{"p99_ns"}, row.p99Ns);
+  visit(CsvColumn{"max_ns"}, row.maxNs);
+}
+
 /// Calls `visit` with each column of the table and its value in `row`, which may be const.
 template <typename Row, typename Visit>
 void VisitColumns(Row& row, const Visit& visit) {
   using Kind = std::remove_const_t<Row>;
   if constexpr (std::is_base_of_v<SecondWork, Kind>) {
-    visit(CsvColumn{"second"}, row.second);
-    visit(CsvColumn{"time_s"}, row.timeS);
-    visit(CsvColumn{"engine"}, row.engine);
-    if constexpr (std::is_same_v<Kind, Sample>) {
-      visit(CsvColumn{"thread"}, row.thread);
-    } else {
-      visit(CsvColumn{"threads"}, row.threads);
-    }
-    visit(CsvColumn{"operations"}, row.operations);
-    visit(CsvColumn{"busy_ns"}, row.busyNs);
-    visit(CsvColumn{"bytes"}, row.bytes);
-    visit(CsvColumn{"failures"}, row.failures);
-    visit(CsvColumn{"p50_ns"}, row.p50Ns);
-    visit(CsvColumn{"p99_ns"}, row.p99Ns);
-    visit(CsvColumn{"max_ns"}, row.maxNs);
+    VisitWorkColumns(row, visit);
   } else if constexpr (std::is_same_v<Kind, HistogramRow>) {
     visit(CsvColumn{"engine"}, row.engine);
     visit(CsvColumn{"thread"}, row.thread);
