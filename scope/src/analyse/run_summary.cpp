@@ -169,18 +169,18 @@ PrintedRates SummarisePrinted(const std::string& stress, const std::vector<Rate>
 // The two processes begin their seconds a little apart.
 std::vector<LatencySecond> LoadedSeconds(const Run& run, const std::vector<EngineSummary>& engines) {
   constexpr double kSlackS = 0.3;
-  double fromS = -1;
+  double beginS = -1;
   double toS = run.latency.size() > 1 ? run.latency[run.latency.size() - 2].timeS : run.info.durationS;
   for (const EngineSummary& engine : engines) {
     if (!IsLoad(engine.engine) || engine.firstWhole == engine.endWhole) continue;
     const EngineSecond& first = engine.seconds[engine.firstWhole];
-    fromS = std::max(fromS, first.timeS - first.spanS);
+    beginS = std::max(beginS, first.timeS - first.spanS);
     toS = std::min(toS, engine.seconds[engine.endWhole - 1].timeS);
   }
   std::vector<LatencySecond> loaded;
   double startS = 0;
   for (const LatencySecond& second : run.latency) {
-    if (startS >= fromS - kSlackS && second.timeS <= toS + kSlackS) loaded.push_back(second);
+    if (startS >= beginS - kSlackS && second.timeS <= toS + kSlackS) loaded.push_back(second);
     startS = second.timeS;
   }
   return loaded;
