@@ -2,7 +2,8 @@
 
 /// libstress_scope.so is preloaded in front of a platform library. It takes the calls of the operations that
 /// do work, passes them on and measures them. It changes no argument and no status. On request it also fills
-/// the sources of operations with a pattern, checks their results, and counts the ones that miss a deadline.
+/// the sources of operations with a pattern, checks their results, counts the ones that miss a deadline, and
+/// lets threads sleep between operations.
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "deadlines.h"
+#include "duty.h"
 #include "fill.h"
 #include "link_names.h"
 #include "ormis/memcpy_s.h"
@@ -99,6 +101,7 @@ bool hostPlatform = false;
 
 // Set before main. Without them a call takes one branch more.
 scope::Extras extras;
+bool rests = false;
 bool watches = false;
 
 __attribute__((constructor)) void Start() {
@@ -124,7 +127,8 @@ __attribute__((constructor)) void Start() {
   scope::PreparePin();
   if (!scope::StartReporting(hostPlatform, known ? library.dli_fname : nullptr, wanted)) return;
   extras = wanted;
-  watches = wanted.fill || wanted.verify || wanted.deadlines;
+  rests = scope::PrepareDuty();
+  watches = wanted.fill || wanted.verify || wanted.deadlines || rests;
 }
 
 __attribute__((destructor)) void Stop() {
@@ -158,14 +162,14 @@ std::int32_t Measure(Engine engine, Call call, CountBytes countBytes) {
   return status;
 }
 
-// --- filling and checking ---
+// --- filling, checking and sleeping ---
 
 bool Watches() {
   return __builtin_expect(static_cast<long>(watches), 0) != 0;
 }
 
 // As Measure. Calls `before` where sources are filled, and `after` an operation that succeeded where results
-// are checked. Neither is measured.
+// are checked. Then the thread may sleep. None of these is measured.
 template <typename Before, typename Call, typename CountBytes, typename After>
 std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countBytes, After after) {
   ThreadCounters* const counters = scope::CountersOf(engine);
@@ -182,6 +186,7 @@ std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countByte
   counters->Succeeded(end - start, bytes.count, bytes.known);
   if (extras.deadlines) scope::CountDeadline(*counters, end - start);
   if (extras.verify) after(*counters, end - start);
+  if (rests && engine != Engine::kVpcCopy) scope::Rest(start, end - start);
   return status;
 }
 
@@ -334,7 +339,9 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
   if (status == 0) {
     counters->Succeeded(encode.busyNs, encode.bytes, encode.bytes != 0);
     if (Watches() && extras.deadlines) scope::CountDeadline(*counters, encode.busyNs);
+    const std::uint64_t busyNs = encode.busyNs;
     encode = {};
+    if (Watches() && rests) scope::Rest(NowNs() - busyNs, busyNs);
   }
   return status;
 }

@@ -64,19 +64,19 @@ function figureRow(figure, scale) {
       signed(value), signed(low), signed(high), figureCell(figure.a, shortNumber), figureCell(figure.b, shortNumber));
 }
 
-function verdictTable(comparison) {
+function verdictTable(comparison, place) {
   const scale = scaleOf(comparison);
   const titles = ['Interval', 'Verdict', 'B − A', 'From', 'To', 'A', 'B'];
   const columns = titles.map((title) => ({title, lower_is_better: title === 'Verdict'})); // the worst first
-  const shown = table('figures verdicts', ['Engine', 'Figure'], columns,
+  const shown = table('figures verdicts', [place, 'Figure'], columns,
       comparison.figures.map((figure) => figureRow(figure, scale)));
   shown.querySelector('thead').append(el('tr', {}, el('th', {}), el('th', {}), el('td', {class: 'drawn'}, intervalScale(scale)),
       el('td', {colspan: columns.length - 1})));
   return shown;
 }
 
-function verdictSection(comparison) {
-  return section('Verdicts', verdictTable(comparison),
+function verdictSection(comparison, place) {
+  return section('Verdicts', verdictTable(comparison, place),
       el('p', {class: 'absent'}, 'A dot is the difference of B from A in per cent of A, a line its interval. ' +
         `The band is the tolerance, ±${comparison.tolerance_percent} %. An arrow goes on beyond the scale.`));
 }
@@ -98,9 +98,9 @@ function findingSection({findings, notes, different}) {
   return section('Findings', ...(parts.length > 0 ? parts : [el('p', {}, 'None.')]));
 }
 
-// The sections of a comparison without its runs. `sides` name A and B.
-function comparisonSections(comparison, title, sides = []) {
-  return [answerSection(comparison, title, sides), verdictSection(comparison), findingSection(comparison)];
+// The sections of a comparison without its runs. `sides` name A and B, `place` what figures belong to.
+function comparisonSections(comparison, title, sides = [], place = 'Engine') {
+  return [answerSection(comparison, title, sides), verdictSection(comparison, place), findingSection(comparison)];
 }
 
 function more(title, ...content) {

@@ -134,6 +134,57 @@ const kWarningMarks = {
   },
 };
 
+// Draws the interval of each point that has one, in both directions, as far as it is within the axes.
+const kIntervalMarks = {
+  id: 'intervalMarks',
+  beforeDatasetsDraw(drawn) {
+    const {ctx, chartArea: {left, top, width, height}, scales: {x, y}} = drawn;
+    const cross = (fromX, fromY, toX, toY) => {
+      ctx.beginPath();
+      ctx.moveTo(x.getPixelForValue(fromX), y.getPixelForValue(fromY));
+      ctx.lineTo(x.getPixelForValue(toX), y.getPixelForValue(toY));
+      ctx.stroke();
+    };
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(left, top, width, height);
+    ctx.clip();
+    for (const set of drawn.data.datasets.filter((_, at) => drawn.isDatasetVisible(at))) {
+      ctx.strokeStyle = set.borderColor;
+      ctx.lineWidth = 1;
+      for (const point of set.data) {
+        if ((point.low ?? null) !== null) cross(point.x, point.low, point.x, point.high);
+        if ((point.xLow ?? null) !== null) cross(point.xLow, point.y, point.xHigh, point.y);
+      }
+    }
+    ctx.restore();
+  },
+};
+
+// Writes the text of points beside them, where no other text is.
+const kPointTexts = {
+  id: 'pointTexts',
+  afterDatasetsDraw(drawn) {
+    const {ctx, chartArea} = drawn;
+    const kHeight = Chart.defaults.font.size;
+    const taken = [];
+    ctx.save();
+    ctx.fillStyle = styleColour('--ink');
+    ctx.font = `${kHeight - 1}px ${Chart.defaults.font.family}`;
+    drawn.data.datasets.forEach((set, at) => drawn.getDatasetMeta(at).data.forEach((element, i) => {
+      const {text} = set.data[i];
+      if (!text) return;
+      const width = ctx.measureText(text).width;
+      const left = Math.min(element.x + 6, chartArea.right - width);
+      const box = {left, right: left + width, top: element.y - kHeight - 4, bottom: element.y - 2};
+      if (taken.some((one) => one.left < box.right && box.left < one.right && one.top < box.bottom && box.top < one.bottom)) return;
+      taken.push(box);
+      ctx.fillText(text, left, box.bottom - 2);
+    }));
+    ctx.restore();
+  },
+};
+
 function draw(canvas, chart, isStrip) {
   const x = {...axisOptions(chart.x), min: chart.x.min, max: chart.x.max};
   const y = {...axisOptions(chart.y), suggestedMax: chart.y.max, stacked: Boolean(chart.stacked)};
@@ -141,7 +192,7 @@ function draw(canvas, chart, isStrip) {
   alignAxes(chart, isStrip, x, y);
   new Chart(canvas, {
     type: 'line',
-    plugins: [kWarmUpShade, kWarningMarks],
+    plugins: [kWarmUpShade, kWarningMarks, kIntervalMarks, kPointTexts],
     data: {datasets: chart.series.map((series) => dataset(series, chart))},
     options: {
       animation: false,

@@ -24,9 +24,11 @@ constexpr const char* kDeadlinesVariable = "STRESS_SCOPE_DEADLINES";
 /// Which engine's threads have CPUs to themselves, as "vpc=2,3"; all other threads that work keep off these.
 /// Without an engine, as in "=3", all do.
 constexpr const char* kPinVariable = "STRESS_SCOPE_PIN";
+/// Per cent of the time in which a thread of an engine works: "25". Then it sleeps between operations.
+constexpr const char* kDutyVariable = "STRESS_SCOPE_DUTY";
 constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
 /// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
-constexpr std::uint32_t kMeterVersion = 3;
+constexpr std::uint32_t kMeterVersion = 4;
 
 /// kCpu: memcpy_s. kVpc: QetImageResize. kVenc: SendFrame, GetStream and ReleaseStream count as one
 /// operation. kAic: QetDNNModelProcess; a failed QetDNNModelInitialize counts as one failure. kVpcCopy:

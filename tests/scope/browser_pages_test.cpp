@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "browser.h"
+#include "made_curve.h"
 #include "made_run.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
@@ -309,6 +310,38 @@ TEST_F(PagesInBrowser, ASweepOfSingleRunsSaysThatTheUncertaintyIsNotKnown) {
                                   HasSubstr("sweep <img src=x>"), HasSubstr("Comparison of the two points"),
                                   HasSubstr("Cannot tell: one run a side")));
   EXPECT_THAT(visit.Row("figures saturations", {"cpu", "CPU=3"}), Contains("not known"));
+}
+
+// Two curves and how they compare, on one page.
+TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
+  made_curve::Write(folder_ / "fast", made_curve::Queue, 2);
+  made_curve::Write(folder_ / "slow", made_curve::SlowQueue, 2);
+  const std::string page = PageOf({"compare", folder_ / "fast", folder_ / "slow"},
+                                  "extra = {fits: document.documentElement.scrollWidth <= innerWidth};", 1);
+  const Visit visit = Open(page, "curves_1280_light", 1280, 3400);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.ChartIds(), ElementsAre("latency", "tails"));
+  const json chart = visit.Chart("latency");
+  ASSERT_EQ(chart["series"].size(), 2U);
+  EXPECT_EQ(chart["series"][0]["name"], (folder_ / "fast") + " (CPU)");
+  EXPECT_EQ(chart["series"][0]["colour"], "#0072b2ff");
+  EXPECT_EQ(chart["series"][1]["colour"], "#d55e00ff");
+  EXPECT_NE(chart["series"][0]["marker"], chart["series"][1]["marker"]);
+  EXPECT_NE(chart["series"][0]["dash"], chart["series"][1]["dash"]);
+  EXPECT_EQ(chart["series"][0]["points"].size(), 10U);
+  EXPECT_EQ(chart["series"][0]["points"][0][0], 0);
+  EXPECT_NEAR(chart["series"][0]["points"][0][1].get<double>(), 100, 1e-6);
+  EXPECT_EQ(chart["marks"].size(), 4U);
+  EXPECT_EQ(chart["marks"][1]["text"], "saturation 1");
+  EXPECT_GT(chart["drawn"], 500);
+  EXPECT_EQ(visit.Chart("tails")["series"].size(), 4U);
+  EXPECT_EQ(visit.Row("figures verdicts two", {"idle"})[3], "worse");
+  EXPECT_EQ(visit.Row("figures verdicts two", {"At"})[1], "Figure");
+  EXPECT_EQ(visit.Row("figures points", {"CPU=1 at 33.3 %"})[2], "4 (4 to 4)");
+  EXPECT_THAT(visit.Text(),
+              AllOf(HasSubstr("B is worse than A"), HasSubstr("Idle latency: 100.0 ns"),
+                    HasSubstr("1.5 times that at idle"), HasSubstr("256 MiB in pages of 2 MiB")));
+  EXPECT_EQ(visit.page["extra"]["fits"], true);
 }
 
 // Two settings: what fails is one corner of the map.

@@ -36,7 +36,7 @@ using ::testing::StartsWith;
 using Json = nlohmann::json;
 
 constexpr const char* kCommands[] = {"record", "rates", "report",  "sweep", "compare", "ab",
-                                     "plan",   "cell",  "collect", "fleet", "matrix"};
+                                     "plan",   "cell",  "collect", "fleet", "matrix",  "curve"};
 constexpr const char* kOneLine = "cpuStress : 5.000000 fps. ispStress : 30.0 fps.";
 
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -148,6 +148,7 @@ std::string OptionsInManual(const std::string& command) {
                                                  : SCOPE_MANUAL;
   return OptionsIn(page) + (command == "record"  ? OptionsIn(SCOPE_RECORD_MANUAL)
                             : command == "sweep" ? OptionsIn(SCOPE_SWEEP_MANUAL)
+                            : command == "curve" ? OptionsIn(SCOPE_CURVE_MANUAL)
                                                  : "");
 }
 

@@ -110,6 +110,7 @@ struct Load {
   long waitNs = 1'000'000;
   int failEvery = 0;
   std::string mode;
+  std::string duty;  ///< per cent; empty: none is asked for
 };
 
 class MeterTest : public ::testing::Test {
@@ -130,6 +131,7 @@ class MeterTest : public ::testing::Test {
                          std::to_string(load.waitNs), std::to_string(load.failEvery)};
     if (!load.mode.empty()) options.arguments.push_back(load.mode);
     if (withMeter) options.environment.emplace_back("LD_PRELOAD", METER);
+    if (!load.duty.empty()) options.environment.emplace_back(scope::kDutyVariable, load.duty);
     if (withReader) {
       options.environment.emplace_back(scope::kDescriptorVariable, std::to_string(reader_->ChildEnd()));
       options.inherit = reader_->ChildEnd();
@@ -281,6 +283,36 @@ TEST_F(MeterTest, MeasuresRealTimeBetweenThatInsideACallAndThatAroundIt) {
   EXPECT_EQ(metered_["vpc"].bytes, 600U * 3 * (64 * 32 + 32 * 32));
   EXPECT_EQ(metered_["venc"].bytes, 600U * (64 * 32 * 3 / 2));
   EXPECT_EQ(metered_["aic"].bytes, 600U * 5000);
+}
+
+// In virtual time. "around" has the time of all calls with the sleeps in them.
+TEST_F(MeterTest, LetsThreadsWorkAShareOfTheTime) {
+  Load load;
+  load.mode = "virtual";
+  load.duty = "25";
+  Run(load);
+  for (const char* const engine : {"cpu", "vpc", "venc", "aic"}) {
+    const Counted& counted = report_.engines[engine];
+    const auto busyNs = static_cast<double>(counted.busyNs);
+    EXPECT_NEAR(static_cast<double>(counted.aroundNs), 4 * busyNs, 0.01 * busyNs) << engine;
+    EXPECT_EQ(metered_[engine].busyNs, counted.busyNs) << engine << ": a sleep is no work";
+    EXPECT_EQ(metered_[engine].operations, 200U) << engine;
+  }
+  // It is part of the set-up.
+  EXPECT_EQ(report_.engines["vpc_copy"].aroundNs, report_.engines["vpc_copy"].busyNs);
+}
+
+TEST_F(MeterTest, SleepsNotWithoutAShareToWork) {
+  for (const char* const duty : {"", "100", "0", "-5", "all"}) {
+    metered_.clear();
+    seconds_.clear();
+    Load load;
+    load.calls = 20;
+    load.mode = "virtual";
+    load.duty = duty;
+    Run(load);
+    EXPECT_EQ(report_.engines["cpu"].aroundNs, report_.engines["cpu"].busyNs) << '"' << duty << '"';
+  }
 }
 
 TEST_F(MeterTest, PercentilesAgreeWithExactOnesWithinOnePercent) {

@@ -140,8 +140,8 @@ TEST(RunKeys, HaveTextsForPeople) {
   std::vector<std::string> texts;
   for (const auto& [key, text] : scope::RunTexts(info)) texts.push_back(key.name + (": " + text));
   EXPECT_THAT(texts, ElementsAre("complete: yes", "levels: cpu=1", "meter: yes", "fill: ", "verify: no",
-                                 "guard: ", "latency: ", "control: ", "own_cpus: ", "build_type: Release",
-                                 "library_versions: libormis 1.0.0",
+                                 "guard: ", "latency: ", "control: ", "own_cpus: ", "duty: ",
+                                 "build_type: Release", "library_versions: libormis 1.0.0",
                                  "platform_settings: memory device, flush clflushopt",
                                  "encoder_engines: 0 libx264, 1 libx264", "cpu_model: a CPU", "cpu_count: 2",
                                  "caches: 2 x L1 Data 48 KiB, 1 x L3 Unified 36 MiB", "governor: performance",

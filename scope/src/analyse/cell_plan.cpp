@@ -103,14 +103,14 @@ Plan PlanOfSweep(const Sweep& sweep, std::string configText) {
   plan.settings = sweep.settings;
   plan.cells.resize(sweep.runs.size());
   for (const SweepRun& run : sweep.runs) {
-    plan.cells[static_cast<std::size_t>(run.order - 1)] = {run.folder, "", run.levels, run.settings,
-                                                           run.repeat};
+    plan.cells[static_cast<std::size_t>(run.order - 1)] = {run.folder,   "",         run.levels,
+                                                           run.settings, run.repeat, run.dutyPercent};
   }
   return plan;
 }
 
 std::string CellLabel(const PlanCell& cell) {
-  std::string text = PointText(cell.levels);
+  std::string text = PointText(cell.levels, {}, cell.dutyPercent);
   for (const auto& [name, value] : cell.settings) text += (text.empty() ? "" : ", ") + name + "=" + value;
   text += (text.empty() ? "" : ", ") + std::string("repeat ") + std::to_string(cell.repeat);
   return cell.board.empty() ? text : cell.board + ": " + text;

@@ -55,8 +55,10 @@ struct CompareOptions {
   double confidence = 0.95;
   /// The n-th runs of both sides were recorded right after each other, in random order.
   bool paired = false;
-  int looks = 1;             ///< how often a growing set of runs is compared until the answer is clear
-  std::set<Figure> figures;  ///< empty means all
+  int looks = 1;                 ///< how often a growing set of runs is compared until the answer is clear
+  std::set<Figure> figures;      ///< empty means all
+  const char* repeat = "run";    ///< what a side has several of, in sentences
+  const char* place = "engine";  ///< what FigureKey::engine names, in tables
 };
 
 /// Compares B with A. The value of a run is the mean over its seconds for operations and bytes, and the

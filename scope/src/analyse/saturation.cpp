@@ -10,7 +10,7 @@ namespace scope {
 namespace {
 
 constexpr double kCloseShare = kSaturatedPercent / 100;
-constexpr double kError = 0.05;
+constexpr double kFromBestError = 0.05;
 // Fewer repeats cannot tell most points from the best, and would name them all.
 constexpr std::size_t kLeastRepeats = 4;
 
@@ -29,7 +29,7 @@ std::optional<RatioEstimate> RatioToBest(const Candidate& best, const Candidate&
     if (each->values->size() < repeats) return std::nullopt;
     if (!std::all_of(each->values->begin(), each->values->end(), isPositive)) return std::nullopt;
   }
-  return EstimateRatio(*best.values, *other.values, kError);
+  return EstimateRatio(*best.values, *other.values, kFromBestError);
 }
 
 std::optional<Saturation> FindIn(const std::vector<Candidate>& candidates) {
@@ -94,6 +94,12 @@ std::optional<Saturation> FindSaturation(const SweepTable& table) {
     int sum = 0;
     for (const auto& [section, level] : point.levels) sum += level;
     return sum;
+  }));
+}
+
+std::optional<Saturation> FindSaturationInOrder(const SweepTable& table) {
+  return FindIn(CandidatesOf(table, {kAllEngines, Figure::kBandwidth}, [&table](const SweepPoint& point) {
+    return static_cast<int>(&point - table.points.data());
   }));
 }
 

@@ -14,7 +14,7 @@
 namespace scope {
 namespace {
 
-constexpr std::size_t kMostRuns = 9999;
+constexpr std::size_t kMostGridRuns = 9999;
 
 int ParseLevel(const std::string& text, const std::string& whole) {
   const bool digits =
@@ -71,12 +71,13 @@ void Shuffle(std::vector<std::size_t>& items, std::mt19937_64& random) {
 
 }  // namespace
 
-std::string PointText(const SweepLevels& levels, const BoardSettings& settings) {
+std::string PointText(const SweepLevels& levels, const BoardSettings& settings, double dutyPercent) {
   std::string text;
   for (const auto& [section, level] : levels) {
     text += (text.empty() ? "" : " ") + section + "=" + std::to_string(level);
   }
   for (const auto& [name, value] : settings) text += (text.empty() ? "" : " ") + name + "=" + value;
+  if (dutyPercent < kWholeDuty) text += Format(" at %.3g %%", dutyPercent);
   return text;
 }
 
@@ -146,15 +147,19 @@ std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint6
   return order;
 }
 
+std::string RunFolder(std::size_t index) {
+  return Format("run-%04zu", index + 1);
+}
+
 std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, std::uint64_t seed,
                                const std::vector<SettingAxis>& boardAxes) {
   std::size_t count = static_cast<std::size_t>(repeats);
   for (const SweepAxis& axis : axes) count *= axis.levels.size();
   // The product of many long lists must not overflow.
-  for (const SettingAxis& axis : boardAxes) count = std::min(count, kMostRuns + 1) * axis.second.size();
-  if (count > kMostRuns) {
+  for (const SettingAxis& axis : boardAxes) count = std::min(count, kMostGridRuns + 1) * axis.second.size();
+  if (count > kMostGridRuns) {
     throw UserError("the grid has " + std::to_string(count) + " runs, expected at most " +
-                    std::to_string(kMostRuns) + ": give fewer levels, values or repeats");
+                    std::to_string(kMostGridRuns) + ": give fewer levels, values or repeats");
   }
   const std::vector<SweepLevels> points = PointsOf(axes);
   const std::vector<BoardSettings> combinations = CombinationsOf(boardAxes);
@@ -164,7 +169,7 @@ std::vector<SweepRun> PlanRuns(const std::vector<SweepAxis>& axes, int repeats, 
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t repeat = i / places;
     const std::size_t index = order[i] * static_cast<std::size_t>(repeats) + repeat;
-    runs[index].folder = Format("run-%04zu", index + 1);
+    runs[index].folder = RunFolder(index);
     runs[index].levels = points[order[i] / combinations.size()];
     runs[index].settings = combinations[order[i] % combinations.size()];
     runs[index].repeat = static_cast<int>(repeat) + 1;

@@ -10,8 +10,9 @@
 
 namespace scope {
 
-/// "CPU=1 VENC=2 refresh=7800".
-std::string PointText(const SweepLevels& levels, const BoardSettings& settings = {});
+/// "CPU=1 VENC=2 refresh=7800"; "CPU=1 VENC=2 at 25 %" of the time, if that is not all of it.
+std::string PointText(const SweepLevels& levels, const BoardSettings& settings = {},
+                      double dutyPercent = kWholeDuty);
 
 /// Parses --levels: "CPU=0,1,2,4", "VENC=0..4", "AIC=0,2..4". Throws UserError for a section that is unknown
 /// or given twice, and for levels that are not numbers from 0 to 10 in rising order.
@@ -28,6 +29,9 @@ std::vector<BoardSettings> CombinationsOf(const std::vector<SettingAxis>& axes);
 
 /// The indices of `points` points, `repeats` times: each time all of them, in random order.
 std::vector<std::size_t> RandomOrder(std::size_t points, int repeats, std::uint64_t seed);
+
+/// The folder of a run of a series by its index, from 0: "run-0001".
+std::string RunFolder(std::size_t index);
 
 /// Plans every point of the grid `repeats` times. All points are recorded once, in random order, before any
 /// is repeated. So drift and interruptions affect all points equally. The order depends only on `seed`.

@@ -22,7 +22,7 @@ const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
 
 void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
   for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
-    if (difference.name == "levels") continue;
+    if (difference.name == "levels" || difference.name == "duty") continue;
     notes.push_back("the runs differ in " + difference.name + ": " + difference.a);
   }
 }
@@ -40,6 +40,10 @@ void AddNotJudged(const RunInfo& info, std::vector<std::string>& texts) {
   }
 }
 
+bool IsAt(const SweepPoint& point, const SweepRun& run) {
+  return point.levels == run.levels && point.settings == run.settings && point.dutyPercent == run.dutyPercent;
+}
+
 std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
   std::vector<std::string> engines;
   for (const FigureKey& key : keys) {
@@ -52,7 +56,7 @@ std::vector<std::string> EnginesOf(const std::set<FigureKey>& keys) {
 
 }  // namespace
 
-SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
+SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const RunVisitor& visit) {
   SweepTable table;
   table.axes = sweep.axes;
   table.boardAxes = sweep.boardAxes;
@@ -61,10 +65,10 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
   std::vector<std::string> disturbances;
   std::size_t notDone = 0;
   for (const SweepRun& planned : sweep.runs) {
-    const std::string name = planned.folder + " (" + PointText(planned.levels, planned.settings) + ")";
-    if (table.points.empty() || table.points.back().levels != planned.levels ||
-        table.points.back().settings != planned.settings) {
-      table.points.push_back({planned.levels, 0, {}, planned.settings});
+    const std::string name =
+        planned.folder + " (" + PointText(planned.levels, planned.settings, planned.dutyPercent) + ")";
+    if (table.points.empty() || !IsAt(table.points.back(), planned)) {
+      table.points.push_back({planned.levels, 0, {}, planned.settings, {}, planned.dutyPercent});
     }
     NoteResult(sweep, planned, name, table.notes);
     if (planned.state != SweepState::kDone) {
@@ -92,6 +96,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep) {
         if (key.figure == Figure::kOperations) note(key.engine, Drift(seconds));
       }
       if (!HasFailed(planned)) AddNotJudged(run.info, point.notJudged);
+      if (visit) visit(planned, run, summary);
       ++point.runs;
       run.samples.clear();
       run.seconds.clear();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,6 +22,7 @@ struct SweepPoint {
   BoardSettings settings;
   /// NotJudged of the runs without an error, each text once.
   std::vector<std::string> notJudged = {};
+  double dutyPercent = kWholeDuty;  ///< as SweepRun::dutyPercent
 };
 
 /// The finished part of a sweep.
@@ -32,8 +34,11 @@ struct SweepTable {
   std::vector<std::string> notes;  ///< reasons to doubt the figures, one sentence each
 };
 
+/// Gets each finished run of a sweep.
+using RunVisitor = std::function<void(const SweepRun& planned, const Run& run, const RunSummary& summary)>;
+
 /// Reads the finished runs of the sweep in `folder`. A run that cannot be read is left out and noted.
-SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep);
+SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const RunVisitor& visit = {});
 
 /// The median over the point's runs; none if the point lacks the figure.
 std::optional<double> MedianOf(const SweepPoint& point, const FigureKey& key);

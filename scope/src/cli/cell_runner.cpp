@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -93,6 +94,7 @@ RecordOptions RecordingOf(const Plan& plan, const PlanCell& cell, const std::str
                           const std::string& final) {
   RecordOptions options;
   static_cast<RunSettings&>(options) = plan.settings;
+  options.dutyPercent = std::min(options.dutyPercent, cell.dutyPercent);
   options.folder = attempt;
   options.config = attempt + "/" + kSeriesConfig;
   options.savedConfig = final + "/" + kSeriesConfig;

@@ -19,6 +19,7 @@ void AddRecord(CLI::App& app, int& status);
 void AddRates(CLI::App& app, int& status);
 void AddReport(CLI::App& app, int& status);
 void AddSweep(CLI::App& app, int& status);
+void AddCurve(CLI::App& app, int& status);
 void AddCompare(CLI::App& app, int& status);
 void AddAb(CLI::App& app, int& status);
 void AddPlan(CLI::App& app, int& status);
@@ -32,11 +33,13 @@ void AddMatrix(CLI::App& app, int& status);
 void AddPrograms(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunLimits(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 void AddRunSettings(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
-/// Adds --fill and --verify, which need the meter, and --guard. Call it after AddRunLimits.
+/// Adds --fill, --verify and --duty, which need the meter, and --guard. Call it after AddRunLimits.
 void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
 /// Adds --latency, --latency-cpu and --latency-size.
 void AddLatency(CLI::App& command, RunSettings& settings);
+/// Adds the last two, which exclude `excluded` and need `needed` where these are not null.
+void AddLatencyPlace(CLI::App& command, RunSettings& settings, CLI::Option* excluded, CLI::Option* needed);
 
 /// Adds --levels, --repeat, --warmup and --seed, which exclude `excluded` if it is not null. `point` is what
 /// the runs are repeated for, in the help. Returns --seed: without it the caller chooses one.
@@ -46,6 +49,10 @@ CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepS
 /// Prints the figures of the sweep in `folder`, and writes their page. Throws
 /// UserError.
 void ShowSweep(const std::string& folder, Output output, const TextStyle& style, const PageFile& file);
+
+/// Prints the curves in `folders`, and writes a page that all share. Throws UserError.
+void ShowCurves(const std::vector<std::string>& folders, Output output, const TextStyle& style,
+                const PageFile& file);
 
 /// Two sides and how they compare.
 struct ComparedSides {

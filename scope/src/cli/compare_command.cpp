@@ -3,13 +3,18 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
 #include "compare.h"
 #include "compare_conditions.h"
 #include "comparison_text.h"
+#include "curve_compare.h"
+#include "curve_folder.h"
 #include "errors.h"
+#include "pages.h"
+#include "printable.h"
 #include "standard_output.h"
 #include "text_format.h"
 
@@ -44,7 +49,60 @@ void RefuseDifferences(const std::vector<ConditionDifference>& differences, cons
                   "\nIf that is what you compare, add --allow " + Joined(names, ","));
 }
 
+// A repeat is a whole curve.
+Side SideOf(const CurveTable& table, const Comparison& comparison, bool isB) {
+  Side side;
+  side.name = table.name;
+  const ComparedFigure& figure = comparison.figures.front();
+  side.runs.resize((isB ? figure.bValues : figure.aValues).size());
+  for (Run& run : side.runs) run.folder = table.name;
+  return side;
+}
+
+int Answered(const ComparedSides& sides, const CommandOptions& options) {
+  RequireStandardOutput();  // an answer that is lost must not have an exit status
+  const Answer answer = sides.comparison.answer;
+  if (answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
+  return ExitStatusOf(answer);
+}
+
+int CompareTwoCurves(CommandOptions options) {
+  for (const std::string* const folder : {&options.a, &options.b}) {
+    if (!IsCurveFolder(*folder))
+      throw UserError(*folder + " is not a curve: a curve is compared with another one");
+  }
+  if (options.skipS >= 0 || !options.figures.empty())
+    throw UserError("--skip and --figure are not for curves: a curve has its warm-up and its figures");
+  const CurveTable a = ReadCurveTable(options.a);
+  const CurveTable b = ReadCurveTable(options.b);
+  // A curve has many levels, and curves of two mixes may be compared at the same bandwidth.
+  for (const char* const name : {"levels", "duty"}) options.allowed.emplace_back(name);
+  std::vector<ConditionDifference> differences = DifferentConditions(a.infos, b.infos);
+  RefuseDifferences(differences, options);
+  options.compare.repeat = "curve";
+  options.compare.place = "at";
+  options.compare.skipS = std::max(a.curve.sweep.settings.warmupS, b.curve.sweep.settings.warmupS);
+  ComparedSides sides;
+  sides.comparison = CompareCurves(a, b, options.compare);
+  sides.a = SideOf(a, sides.comparison, false);
+  sides.b = SideOf(b, sides.comparison, true);
+  sides.options = options.compare;
+  for (ConditionDifference& difference : differences) {
+    if (difference.name != "levels" && difference.name != "duty")
+      sides.differences.push_back(std::move(difference));
+  }
+  ShowComparison(sides, options.output, options.style, {});
+  if (!options.file.empty()) {
+    const std::string comparison =
+        ComparisonJson(sides.a, sides.b, sides.comparison, sides.differences, sides.options);
+    WritePage({options.file, true}, CurvePage({a, b}, comparison));
+    if (options.output == Output::kText) Print("\nreport in " + Printable(options.file) + "\n");
+  }
+  return Answered(sides, options);
+}
+
 int RunCompare(CommandOptions options) {
+  if (IsCurveFolder(options.a) || IsCurveFolder(options.b)) return CompareTwoCurves(std::move(options));
   for (const std::string& name : options.figures) {
     for (const FigureKind* const kind : ComparedKinds()) {
       if (name == kind->name) options.compare.figures.insert(kind->figure);
@@ -66,20 +124,20 @@ int RunCompare(CommandOptions options) {
   const std::vector<ConditionDifference> differences = DifferentConditions(a.runs, b.runs);
   RefuseDifferences(differences, options);
   const Comparison comparison = Compare(a, b, options.compare);
-  ShowComparison({a, b, comparison, differences, options.compare}, options.output, options.style,
-                 {options.file, true});
-  RequireStandardOutput();  // an answer that is lost must not have an exit status
-  if (comparison.answer == Answer::kCannotTell && options.allowUnclear) return kExitOk;
-  return ExitStatusOf(comparison.answer);
+  const ComparedSides sides = {a, b, comparison, differences, options.compare};
+  ShowComparison(sides, options.output, options.style, {options.file, true});
+  return Answered(sides, options);
 }
 
 }  // namespace
 
 void AddCompare(CLI::App& app, int& status) {
   CLI::App* const command = app.add_subcommand(
-      "compare", "Tell whether B is better or worse than A: runs, points of a sweep, or folders of repeats");
+      "compare",
+      "Tell whether B is better or worse than A: runs, points of a sweep, folders of repeats, or curves");
   const auto options = std::make_shared<CommandOptions>();
-  command->add_option("A", options->a, "Run folder, folder of runs, or SWEEP:CPU=1,VENC=2")->required();
+  command->add_option("A", options->a, "Run folder, folder of runs, SWEEP:CPU=1,VENC=2, or curve")
+      ->required();
   command->add_option("B", options->b, "As for A")->required();
   std::vector<std::string> figures;
   for (const FigureKind* const kind : ComparedKinds()) figures.emplace_back(kind->name);

@@ -41,6 +41,7 @@ int Main(int argc, char** argv) {
   AddRates(app, status);
   AddReport(app, status);
   AddSweep(app, status);
+  AddCurve(app, status);
   AddCompare(app, status);
   AddAb(app, status);
   AddPlan(app, status);

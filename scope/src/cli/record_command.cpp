@@ -106,6 +106,11 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) 
                                                "Check the results of the engines; errors end with status 3");
   verify->excludes(noMeter);
   if (excluded != nullptr) verify->excludes(excluded);
+  AddUnless(command, excluded, "--duty", settings.dutyPercent, "PERCENT",
+            "Share of the time in which threads of engines work; then they sleep")
+      ->check(NumberFrom(kLeastDuty, kWholeDuty))
+      ->capture_default_str()
+      ->excludes(noMeter);
   CLI::Option* const guard =
       AddUnless(command, excluded, "--guard", settings.guard, "SIZE",
                 "Watch so much memory for changes, as 512M or 25% of what is available");
@@ -120,15 +125,19 @@ void AddLatency(CLI::App& command, RunSettings& settings) {
   CLI::Option* const latency =
       command.add_flag("--latency", settings.latency,
                        "Measure the latency of memory during the run, one access after another");
-  command.add_option("--latency-cpu", settings.latencyCpu, "Its CPU (default: the last one that is allowed)")
-      ->type_name("NUMBER")
-      ->check(WholeNumberFrom(0, kMostCpu))
-      ->needs(latency);
-  command
-      .add_option("--latency-size", settings.latencySize,
-                  "Memory to go through, as 512M (default: as the caches ask for, 256M or more)")
-      ->type_name("SIZE")
-      ->needs(latency);
+  AddLatencyPlace(command, settings, nullptr, latency);
+}
+
+void AddLatencyPlace(CLI::App& command, RunSettings& settings, CLI::Option* excluded, CLI::Option* needed) {
+  CLI::Option* const cpu = AddUnless(command, excluded, "--latency-cpu", settings.latencyCpu, "NUMBER",
+                                     "CPU of the latency probe (default: the last one that is allowed)");
+  cpu->check(WholeNumberFrom(0, kMostCpu));
+  CLI::Option* const size =
+      AddUnless(command, excluded, "--latency-size", settings.latencySize, "SIZE",
+                "Memory to go through, as 512M (default: as the caches ask for, 256M or more)");
+  if (needed == nullptr) return;
+  cpu->needs(needed);
+  size->needs(needed);
 }
 
 void AddRecord(CLI::App& app, int& status) {

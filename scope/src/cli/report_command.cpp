@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "curve_folder.h"
 #include "errors.h"
 #include "experiment_folder.h"
 #include "experiment_look.h"
@@ -25,20 +26,32 @@ struct ReportOptions {
 };
 
 [[noreturn]] void RefuseSeries(const std::string& folder) {
-  const bool isSweep = IsSweepFolder(folder);
-  throw UserError(folder + (isSweep ? " is a sweep" : " is an experiment") +
-                  ", and a report shows one of these or several runs: give it alone, or give its run "
-                  "folders, as in " +
-                  folder + (isSweep ? "/run-0001" : "/a/001"));
+  const bool isExperiment = IsExperimentFolder(folder);
+  const std::string what = isExperiment ? "an experiment" : IsCurveFolder(folder) ? "a curve" : "a sweep";
+  throw UserError(folder + " is " + what +
+                  ", and a report shows one of these or several runs or curves: give it alone, or give its "
+                  "run folders, as in " +
+                  folder + (isExperiment ? "/a/001" : "/run-0001"));
 }
 
 bool IsSeries(const std::string& folder) {
-  return IsSweepFolder(folder) || IsExperimentFolder(folder);
+  return IsSweepFolder(folder) || IsExperimentFolder(folder) || IsCurveFolder(folder);
+}
+
+// One curve has its page in its folder; several have it here.
+int ReportCurves(const ReportOptions& options, bool page) {
+  const bool isNamed = !options.file.empty();
+  const std::string usual = options.folders.size() == 1 ? options.folders.front() + "/" : "";
+  const PageFile file = {isNamed ? options.file : usual + kReportName, isNamed};
+  ShowCurves(options.folders, options.output, options.style, page ? file : PageFile());
+  return kExitOk;
 }
 
 int Report(const ReportOptions& options) {
   const bool isNamed = !options.file.empty();
   const bool page = isNamed || (!options.text && options.output != Output::kJson);
+  if (std::all_of(options.folders.begin(), options.folders.end(), IsCurveFolder))
+    return ReportCurves(options, page);
   const auto series = std::find_if(options.folders.begin(), options.folders.end(), IsSeries);
   if (series != options.folders.end()) {
     if (options.folders.size() > 1) RefuseSeries(*series);
@@ -63,10 +76,11 @@ int Report(const ReportOptions& options) {
 
 void AddReport(CLI::App& app, int& status) {
   CLI::App* const command = app.add_subcommand(
-      "report", "Show runs, a sweep or an experiment as an HTML page, and print a summary");
+      "report", "Show runs, a sweep, an experiment or curves as an HTML page, and print a summary");
   const auto options = std::make_shared<ReportOptions>();
   command
-      ->add_option("DIR", options->folders, "Run folders, which share one page; or one folder of sweep or ab")
+      ->add_option("DIR", options->folders,
+                   "Run folders, or curves, which share one page; or one folder of sweep or ab")
       ->required();
   command
       ->add_option("-o,--output", options->file,

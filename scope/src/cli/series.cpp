@@ -18,9 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The figures leave out the first and the last second. A median needs two more.
-constexpr double kLeastMeasuredS = 4;
-
 }  // namespace
 
 std::string AbsolutePath(const std::string& path) {
@@ -45,10 +42,10 @@ double RunSeconds(const std::string& config, const RunSettings& settings) {
   return settings.stopAfterS > 0 ? std::min(settings.stopAfterS, whole) : whole;
 }
 
-void CheckRunLength(double runS, double warmupS) {
-  if (runS >= warmupS + kLeastMeasuredS) return;
+void CheckRunLength(double runS, double warmupS, double leastS) {
+  if (runS >= warmupS + leastS) return;
   throw UserError(Format("a run of %g s is too short for a warm-up of %g s: at least %g s must remain", runS,
-                         warmupS, kLeastMeasuredS));
+                         warmupS, leastS));
 }
 
 std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config) {

@@ -31,8 +31,11 @@ void RequireAllRead(const std::string& config);
 /// The length of one run, in seconds. Throws UserError as ReadConfiguration does.
 double RunSeconds(const std::string& config, const RunSettings& settings);
 
-/// Throws UserError if so little of a run is left after the warm-up that there is nothing to compare.
-void CheckRunLength(double runS, double warmupS);
+/// The figures leave out the first and the last second. A median needs two more.
+constexpr double kLeastMeasuredS = 4;
+
+/// Throws UserError if less than `leastS` of a run is left after the warm-up.
+void CheckRunLength(double runS, double warmupS, double leastS = kLeastMeasuredS);
 
 /// Makes the folder of a new series, locks it, and puts the configuration's text there. Throws UserError if
 /// the folder exists and is not empty.

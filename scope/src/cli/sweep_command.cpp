@@ -135,7 +135,8 @@ int RunSweep(const SweepOptions& options) {
   const std::string folder = resumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
-  const bool done = SweepRecorder(folder, sweep, options.output).Run();
+  const bool done =
+      SweepRecorder(folder, sweep, options.output, {"sweep", [&] { WriteSweep(folder, sweep); }}).Run();
   ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
   const bool hasErrors = sweep.boardAxes.empty() ? HasErrors(folder, sweep) : ChosenFails(sweep);
   if (hasErrors) return kExitErrors;

@@ -89,8 +89,8 @@ std::string ErrorsFoundIn(const std::string& runFolder) {
   return ErrorsIn(ErrorCounts(run));
 }
 
-SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output)
-    : folder_(std::move(folder)), sweep_(sweep), output_(output) {
+SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind)
+    : folder_(std::move(folder)), sweep_(sweep), output_(output), kind_(std::move(kind)) {
   const std::string config = folder_ + "/" + kSeriesConfig;
   plan_ = PlanOfSweep(sweep_, ReadFile(config).value_or(""));
   bootId_ = BootId(sweep_.settings.systemRoot);
@@ -165,7 +165,7 @@ void SweepRecorder::PrepareRuns() {
   for (SweepRun& run : sweep_.runs) TakeUp(run);
   if (HasSettings()) {
     // A machine that dies again must not lose what was just counted.
-    WriteSweep(folder_, sweep_);
+    kind_.write();
     SyncFolder(folder_);
     DropKeptSweep(folder_);
   }
@@ -190,7 +190,8 @@ void SweepRecorder::TellOfRun(const SweepRun& run) const {
   } else {
     text += std::to_string(run.order) + " of " + std::to_string(sweep_.runs.size());
   }
-  text += ": " + PointText(run.levels, run.settings) + ", repeat " + std::to_string(run.repeat);
+  text +=
+      ": " + PointText(run.levels, run.settings, run.dutyPercent) + ", repeat " + std::to_string(run.repeat);
   const double leftS = runS_ * static_cast<double>(toRecord_.size() - begun_);
   if (!sweep_.margin.edge)
     text += Format(leftS < 90 ? "; %.0f s left" : "; %.0f min left", leftS < 90 ? leftS : leftS / 60);
@@ -202,20 +203,20 @@ void SweepRecorder::Begin(SweepRun& run) {
   sweep_.bootId = bootId_;
   run.attempt = LastAttempt(folder_, run.folder) + 1;
   run.state = SweepState::kRunning;
-  WriteSweep(folder_, sweep_);
+  kind_.write();
   SyncFolder(folder_);
 }
 
 // The run has no result, and did not end this program.
 void SweepRecorder::TakeBack(SweepRun& run) {
   run.state = SweepState::kPlanned;
-  Tell(run.folder + " (" + PointText(run.levels, run.settings) +
-       ") has no result. Continue with: stress_scope sweep --resume " + folder_);
+  Tell(run.folder + " (" + PointText(run.levels, run.settings, run.dutyPercent) +
+       ") has no result. Continue with: stress_scope " + kind_.command + " --resume " + folder_);
   try {
     if (HasSettings()) {
       TakeBackSweep(folder_);
     } else {
-      WriteSweep(folder_, sweep_);
+      kind_.write();
     }
   } catch (const UserError& error) {
     Tell(error.what());
@@ -257,7 +258,7 @@ bool SweepRecorder::Record(SweepRun& run) {
   const bool isDone = run.state == SweepState::kDone;
   if (!isDone)
     run.reason = run.state == SweepState::kInterrupted ? "" : WithErrors(outcome.reason, outcome.folder);
-  WriteSweep(folder_, sweep_);
+  kind_.write();
   DropKeptSweep(folder_);
   if (text && HasSettings()) {
     Print(Printable(ResultText(run)) + "\n");
@@ -291,7 +292,7 @@ bool SweepRecorder::Restore() {
   }
   if (!sweep_.restored) return false;
   try {
-    WriteSweep(folder_, sweep_);
+    kind_.write();
   } catch (const UserError& error) {
     Tell(error.what());
   }
@@ -301,7 +302,7 @@ bool SweepRecorder::Restore() {
 bool SweepRecorder::Run() {
   PrepareRuns();
   if (output_ == Output::kText) {
-    const std::string name = "sweep " + Printable(folder_) + ": ";
+    const std::string name = kind_.command + (" " + Printable(folder_)) + ": ";
     const std::string all = Counted(sweep_.runs.size(), "run");
     Print(sweep_.margin.edge
               ? name + "looking for the edge of a grid of " + all + "\n"
@@ -319,7 +320,8 @@ bool SweepRecorder::Run() {
   // Goes if it is empty.
   (void)rmdir((folder_ + "/" + kAttemptsName).c_str());
   if (!wentOn) {
-    Tell("interrupted; the finished runs are kept. Continue with: stress_scope sweep --resume " + folder_);
+    Tell(std::string("interrupted; the finished runs are kept. Continue with: stress_scope ") +
+         kind_.command + " --resume " + folder_);
   }
   return isRestored && IsComplete(sweep_);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,12 +17,19 @@ namespace scope {
 /// a run that was cut off. Prints what cannot be read.
 std::string ErrorsFoundIn(const std::string& runFolder);
 
-/// Records what is left of a sweep. sweep.json is up to date after each run. Over settings of the board, it
-/// also says what runs, on the disk, before anything of the run begins: the machine may die in it.
+/// What the recorder of a series has to know, beside its runs.
+struct SweepKind {
+  const char* command;          ///< "sweep", for messages
+  std::function<void()> write;  ///< writes the file of the series; throws UserError
+};
+
+/// Records what is left of a sweep, or of another series of runs. sweep.json is up to date after each run.
+/// Over settings of the board, it also says what runs, on the disk, before anything of the run begins: the
+/// machine may die in it.
 class SweepRecorder {
  public:
   /// `sweep` is that of `folder`, which the caller has locked.
-  SweepRecorder(std::string folder, Sweep& sweep, Output output);
+  SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind);
 
   /// Records all runs, or those that the search for the edge asks for. Then it makes the first value of each
   /// setting, also after a signal and after a failure. True if nothing is left to record and these values are
@@ -47,6 +55,7 @@ class SweepRecorder {
   std::string folder_;
   Sweep& sweep_;
   Output output_;
+  SweepKind kind_;
   Plan plan_;
   std::string bootId_;
   double runS_ = 0;

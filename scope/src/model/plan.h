@@ -18,7 +18,8 @@ struct PlanCell {
   std::string board;   ///< on which it has to run; empty: on any
   SweepLevels levels;
   BoardSettings settings;
-  int repeat = 1;  ///< from 1
+  int repeat = 1;                   ///< from 1
+  double dutyPercent = kWholeDuty;  ///< as SweepRun::dutyPercent; always whole in a plan's file
 };
 
 struct Plan {

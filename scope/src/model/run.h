@@ -63,6 +63,7 @@ struct Conditions {
   std::string
       control;  ///< threads that computed beside the benchmark: "2 x (4210 us of 5000 us)"; empty: none
   std::string ownCpus;  ///< an engine and the CPUs that it had to itself: "vpc: 3"; empty: none
+  std::string duty;     ///< share of the time in which threads of engines work: "25 %"; empty: all of it
 };
 
 struct Configuration {
@@ -180,6 +181,9 @@ struct OwnCpus {
   std::string engine;     ///< its id; empty: no engine's threads work there
   std::vector<int> cpus;  ///< empty: threads work where the system puts them
 };
+/// RunSettings::dutyPercent without sleeps, and the least that is allowed.
+constexpr double kWholeDuty = 100;
+constexpr double kLeastDuty = 1;
 
 /// How the benchmark is started and ended.
 struct RunSettings {
@@ -193,7 +197,8 @@ struct RunSettings {
   double hangAfterS = 0;           ///< the same at any time; 0: never before its end
   std::string fill;                ///< of kFillNames; empty: sources and frames are as the program makes them
   bool verify = false;             ///< the meter checks results
-  std::string guard;               ///< memory to guard; see GuardBytes; empty: none
+  double dutyPercent = kWholeDuty;  ///< share of the time in which threads of engines work; then they sleep
+  std::string guard;                ///< memory to guard; see GuardBytes; empty: none
   double guardRate = kUsualGuardRate;
   bool latency = false;     ///< measure the latency of memory during the run
   int latencyCpu = -1;      ///< its CPU; -1: the last one that is allowed

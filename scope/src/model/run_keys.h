@@ -42,6 +42,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
   visit(RunKey{"conditions", "latency", kMustAgree, "Latency of memory measured"}, machine.latency);
   visit(RunKey{"conditions", "control", kMustAgree, "Computing beside the benchmark"}, machine.control);
   visit(RunKey{"conditions", "own_cpus", kMustAgree, "CPUs of one engine alone"}, machine.ownCpus);
+  visit(RunKey{"conditions", "duty", kMustAgree, "Share of time in which engines work"}, machine.duty);
   visit(RunKey{"conditions", "build_type", kMustAgree, "Build"}, machine.buildType);
   visit(RunKey{"conditions", "library_versions", kMustAgree, "Libraries"}, machine.libraryVersions);
   visit(RunKey{"conditions", "platform_settings", kMustAgree, "Platform's settings"},

@@ -39,7 +39,8 @@ struct SweepRun {
   std::string folder;  ///< within the sweep's
   SweepLevels levels;
   BoardSettings settings;
-  int repeat = 1;  ///< from 1
+  double dutyPercent = kWholeDuty;  ///< see RunSettings; no more than that of the sweep's settings
+  int repeat = 1;                   ///< from 1
   /// In which the runs are recorded, from 1. Of a sweep for the edge: only the number of the cell.
   int order = 1;
   SweepState state = SweepState::kPlanned;

@@ -134,6 +134,8 @@ class Recording {
       if (!options_.deadlines.empty()) {
         child.environment.emplace_back(kDeadlinesVariable, DeadlinesText(options_.deadlines));
       }
+      if (options_.dutyPercent < kWholeDuty)
+        child.environment.emplace_back(kDutyVariable, Format("%.6g", options_.dutyPercent));
       child.inherit = meter_->ChildEnd();
     }
     child_ = std::make_unique<ChildProcess>(child);

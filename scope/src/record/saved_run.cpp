@@ -58,6 +58,9 @@ SavedRun::SavedRun(const RecordOptions& options, Configuration config, OnFault o
   info_.conditions.verify = options.verify;
   info_.conditions.control = ControlText(options.control);
   info_.conditions.ownCpus = OwnCpusText(options.own);
+  if (options.useMeter && options.dutyPercent < kWholeDuty) {
+    info_.conditions.duty = Format("%g %%", options.dutyPercent);
+  }
   if (!options.guard.empty()) {
     info_.conditions.guard = options.guard + Format(" at %g MB/s", options.guardRate);
   }

@@ -70,10 +70,11 @@ std::string WorseText(const Comparison& comparison) {
 }
 
 std::string CannotTellText(const Side& a, const Side& b, const Comparison& comparison,
-                           const std::string& tolerance) {
+                           const std::string& tolerance, const char* repeat) {
   const std::size_t least = std::min(a.runs.size(), b.runs.size());
   if (least < 2) {
-    return "Cannot tell: one run a side does not show how much runs differ. Record four or more of each.";
+    return std::string("Cannot tell: one ") + repeat + " a side does not show how much " + repeat +
+           "s differ. Record four or more of each.";
   }
   const bool hasFigure =
       std::any_of(comparison.figures.begin(), comparison.figures.end(),
@@ -90,7 +91,7 @@ std::string CannotTellText(const Side& a, const Side& b, const Comparison& compa
            "above 0.";
   }
   return Format("Cannot tell: with %s of A and %zu of B a difference of %s could not be seen. ",
-                Counted(a.runs.size(), "run").c_str(), b.runs.size(), tolerance.c_str()) +
+                Counted(a.runs.size(), repeat).c_str(), b.runs.size(), tolerance.c_str()) +
          AdviceText(comparison.repeats);
 }
 
@@ -113,9 +114,9 @@ std::string RowVerdict(const ComparedFigure& figure, const TextStyle& style) {
   return text + (figure.note.empty() ? "" : ": " + figure.note);
 }
 
-std::string TableOf(const Comparison& comparison, const TextStyle& style) {
+std::string TableOf(const Comparison& comparison, const char* place, const TextStyle& style) {
   TextTable table("lllrrrrrl");
-  table.Add({"engine", "figure", "unit", "A", "B", "B - A", "from", "to", "verdict"});
+  table.Add({place, "figure", "unit", "A", "B", "B - A", "from", "to", "verdict"});
   for (const ComparedFigure& figure : comparison.figures) {
     const FigureKind& kind = KindOf(figure.key.figure);
     table.Add({figure.key.engine, kind.name, kind.unit, figure.a ? ShortNumber(*figure.a) : "-",
@@ -173,7 +174,7 @@ std::string AnswerSentence(const Side& a, const Side& b, const Comparison& compa
     case Answer::kWorse:
       return "B is worse than A: " + WorseText(comparison) + ".";
     case Answer::kCannotTell:
-      return CannotTellText(a, b, comparison, tolerance);
+      return CannotTellText(a, b, comparison, tolerance, options.repeat);
     case Answer::kNotWorse:
       return "B is not worse than A by more than " + tolerance + ". Whether it is better is not clear.";
     case Answer::kNoDifference:
@@ -188,12 +189,13 @@ std::string AnswerSentence(const Side& a, const Side& b, const Comparison& compa
 std::string ComparisonText(const Side& a, const Side& b, const Comparison& comparison,
                            const std::vector<ConditionDifference>& differences, const CompareOptions& options,
                            const TextStyle& style) {
-  std::string text = "A: " + Printable(a.name) + " (" + Counted(a.runs.size(), "run") +
-                     ")\nB: " + Printable(b.name) + " (" + Counted(b.runs.size(), "run") + ")\n";
+  std::string text = "A: " + Printable(a.name) + " (" + Counted(a.runs.size(), options.repeat) +
+                     ")\nB: " + Printable(b.name) + " (" + Counted(b.runs.size(), options.repeat) + ")\n";
   for (const std::string& errors : comparison.errors) text += "Errors: " + Printable(errors) + ".\n";
   text += Format("After the first %g s of each run. ", options.skipS);
   if (std::min(a.runs.size(), b.runs.size()) < 2) {
-    text += "No intervals and no verdicts: they need two runs a side or more.\n";
+    text +=
+        std::string("No intervals and no verdicts: they need two ") + options.repeat + "s a side or more.\n";
   } else {
     text += Format("Intervals of %.3g %%", comparison.figureConfidence * 100);
     if (comparison.judged > 1) {
@@ -206,7 +208,7 @@ std::string ComparisonText(const Side& a, const Side& b, const Comparison& compa
     text += "Different condition: " + difference.name + ": " + difference.a + " in A, " + difference.b +
             " in B\n";
   }
-  text += '\n' + TableOf(comparison, style);
+  text += '\n' + TableOf(comparison, options.place, style);
   for (const Finding& finding : comparison.findings) {
     text += std::string("\n") + (finding.worse ? "worse: " : "note: ") + Printable(finding.text);
   }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "comparison_text.h"
+#include "curve_table.h"
 #include "json.h"
 #include "margin_map.h"
 #include "report.h"
@@ -23,6 +24,8 @@ Json ComparisonData(const Side& a, const Side& b, const Comparison& comparison,
 /// `comparison` is the text of ComparisonJson, or empty.
 Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                const std::string& comparison);
+
+Json CurveData(const CurveTable& table);
 
 /// The levels of a point: section to level.
 Json LevelsJson(const SweepLevels& levels);

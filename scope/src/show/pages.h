@@ -6,6 +6,7 @@
 
 #include "compare.h"
 #include "compare_conditions.h"
+#include "curve_table.h"
 #include "sweep.h"
 #include "sweep_table.h"
 
@@ -24,6 +25,10 @@ std::string ComparisonPage(const Side& a, const Side& b, const Comparison& compa
 /// ComparisonJson for the two points of the sweep; empty if they are not compared.
 std::string SweepPage(const std::string& folder, const Sweep& sweep, const SweepTable& table,
                       const std::string& comparison);
+
+/// Latency over bandwidth of several curves on common axes, and their points. `comparison` is the text of
+/// ComparisonJson for two curves; empty if they are not compared.
+std::string CurvePage(const std::vector<CurveTable>& tables, const std::string& comparison);
 
 /// Where a page is written.
 struct PageFile {

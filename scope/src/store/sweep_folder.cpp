@@ -16,31 +16,13 @@
 #include "errors.h"
 #include "plan_file.h"
 #include "series_json.h"
+#include "sweep_runs.h"
 #include "text_format.h"
 
 namespace scope {
 namespace {
 
 constexpr SeriesKind kSweep = {kSweepName, "sweep", "a sweep", 1};
-
-// Calls `visit` with the key and the value of each setting.
-template <typename Settings, typename Visit>
-void ForEachSweepSetting(Settings& settings, Visit visit) {
-  visit("repeats", settings.repeats);
-  visit("seed", settings.seed);
-  visit("warmup_s", settings.warmupS);
-  ForEachRunSetting(settings, visit);
-}
-
-// Those that files of earlier versions do not have.
-template <typename Settings, typename Visit>
-void ForEachNewSetting(Settings& settings, Visit visit) {
-  visit("fill", settings.fill);
-  visit("verify", settings.verify);
-  visit("guard", settings.guard);
-  visit("guard_rate", settings.guardRate);
-  visit("hang_after_s", settings.hangAfterS);
-}
 
 void PutMargin(SeriesJson& json, const Sweep& sweep) {
   if (sweep.boardAxes.empty()) return;
@@ -58,47 +40,13 @@ SeriesJson ToJson(const Sweep& sweep) {
   SeriesJson json = SeriesHead(kSweep, sweep.started, sweep.configPath);
   json["grid"] = SeriesJson::object();
   for (const SweepAxis& axis : sweep.axes) json["grid"][axis.section] = axis.levels;
-  const auto put = [&](const char* key, const auto& value) { json[key] = value; };
-  ForEachSweepSetting(sweep.settings, put);
-  ForEachNewSetting(sweep.settings, put);
+  PutSettings(json, sweep.settings);
   PutMargin(json, sweep);
   json["runs"] = SeriesJson::array();
   for (const SweepRun& run : sweep.runs) {
-    SeriesJson levels = SeriesJson::object();
-    for (const auto& [section, level] : run.levels) levels[section] = level;
-    SeriesJson entry{{"folder", run.folder}, {"levels", levels}};
-    if (!sweep.boardAxes.empty()) entry["settings"] = SettingsJson(run.settings);
-    entry["repeat"] = run.repeat;
-    entry["order"] = run.order;
-    PutState(entry, run);
-    if (run.lost != 0) entry["lost"] = run.lost;
-    if (run.state == SweepState::kRunning) entry["attempt"] = run.attempt;
-    json["runs"].push_back(std::move(entry));
+    json["runs"].push_back(RunJson(run, !sweep.boardAxes.empty()));
   }
   return json;
-}
-
-SweepRun RunFromJson(const SeriesJson& json, const std::string& path) {
-  SweepRun run;
-  GetRun(json, path, run);
-  // A resumed sweep replaces this folder, so it must be inside the sweep's own.
-  if (run.folder.empty() || run.folder[0] == '.' || run.folder.find('/') != std::string::npos) {
-    throw DamagedFolder(path + ": expected a folder of the sweep, found \"" + run.folder + "\"");
-  }
-  for (const auto& [section, level] : json.at("levels").items()) {
-    GetWhole(level, "level of " + section, run.levels.emplace_back(section, 0).second);
-  }
-  if (json.contains("settings")) run.settings = SettingsFromJson(json.at("settings"));
-  GetFieldIfThere(json, "lost", run.lost);
-  constexpr int kMostLost = 1'000'000;
-  if (run.lost < 0 || run.lost > kMostLost) {
-    throw DamagedFolder(path + ": expected for \"lost\" a number from 0 to " + std::to_string(kMostLost) +
-                        ", found " + std::to_string(run.lost));
-  }
-  GetFieldIfThere(json, "attempt", run.attempt);
-  GetField(json, "repeat", run.repeat);
-  GetField(json, "order", run.order);
-  return run;
 }
 
 // Another program may have written the file, or somebody who means harm.
@@ -177,22 +125,14 @@ void RequireRunsOfGrid(const Sweep& sweep, const std::string& path) {
     throw DamagedFolder(path + ": the grid has " + Counted(count, "run") + ", found " +
                         std::to_string(sweep.runs.size()));
   }
-  std::set<int> orders;
-  std::set<std::string> folders;
   for (std::size_t i = 0; i < count; ++i) {
     const SweepRun& run = sweep.runs[i];
     if (std::pair(run.levels, run.settings) != PointOfGrid(sweep, i / repeats) ||
         run.repeat != static_cast<int>(i % repeats) + 1) {
       throw DamagedFolder(path + ": the run " + run.folder + " is not the next point of the grid");
     }
-    if (!orders.insert(run.order).second || run.order < 1 || static_cast<std::size_t>(run.order) > count) {
-      throw DamagedFolder(path + ": the order of the run " + run.folder + " is not one of 1 to " +
-                          std::to_string(count) + ", each once");
-    }
-    if (!folders.insert(run.folder).second) {
-      throw DamagedFolder(path + ": two runs have the folder " + run.folder);
-    }
   }
+  RequireOrders(sweep.runs, path);
 }
 
 void GetMargin(const SeriesJson& json, Sweep& sweep) {
@@ -212,8 +152,7 @@ Sweep SweepFromJson(const SeriesJson& json, const std::string& path) {
   Sweep sweep;
   json.at("started").get_to(sweep.started);
   json.at("config").at("path").get_to(sweep.configPath);
-  ForEachSweepSetting(sweep.settings, [&](const char* key, auto& value) { GetField(json, key, value); });
-  ForEachNewSetting(sweep.settings, [&](const char* key, auto& value) { GetFieldIfThere(json, key, value); });
+  GetSettings(json, sweep.settings);
   GetMargin(json, sweep);
   for (const auto& [section, levels] : json.at("grid").items()) {
     if (!levels.is_array()) throw UserError("expected a list of levels of " + section);

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "duty.h"
+
+#include <cstdlib>
+#include <ctime>
+
+#include "protocol.h"
+#include "words.h"
+
+namespace scope {
+namespace {
+
+constexpr double kWholePercent = 100;
+constexpr std::uint64_t kNsPerS = 1'000'000'000;
+// A thread that did nothing for longer, for example while it was set up, does not work without a pause to
+// make up for that.
+constexpr std::uint64_t kMostCreditNs = 100'000'000;
+// The system sleeps some 50 us longer than it is asked to.
+constexpr std::uint64_t kLeastSleepNs = 100'000;
+
+double wholeOfBusy = 1;
+__attribute__((tls_model("initial-exec"))) thread_local std::uint64_t dueNs;
+
+}  // namespace
+
+bool PrepareDuty() {
+  const char* const text = std::getenv(kDutyVariable);
+  const double percent = text == nullptr ? kWholePercent : std::strtod(text, nullptr);
+  if (!(percent > 0) || percent >= kWholePercent) return false;
+  wholeOfBusy = kWholePercent / percent;
+  return true;
+}
+
+void Rest(std::uint64_t startNs, std::uint64_t busyNs) {
+  if (dueNs == 0) dueNs = startNs;
+  if (startNs > dueNs + kMostCreditNs) dueNs = startNs - kMostCreditNs;
+  dueNs += static_cast<std::uint64_t>(static_cast<double>(busyNs) * wholeOfBusy);
+  if (dueNs < NowNs() + kLeastSleepNs) return;
+  // A signal ends the sleep: it may be what ends the program.
+  const timespec due = {static_cast<time_t>(dueNs / kNsPerS), static_cast<long>(dueNs % kNsPerS)};
+  (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+}
+
+}  // namespace scope

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+
+/// Makes engines work a share of the time: their threads sleep between operations.
+namespace scope {
+
+/// Reads the share that the environment asks for. False if threads need not sleep. Called once, before main.
+bool PrepareDuty();
+
+/// After an operation of this thread that began at `startNs` and took `busyNs`: sleeps, so that operations
+/// take the share of the thread's time. What a sleep is too long, and pauses of the program itself, make the
+/// next ones shorter.
+void Rest(std::uint64_t startNs, std::uint64_t busyNs);
+
+}  // namespace scope

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The page of curves: latency of memory over bandwidth on common axes, what each curve says, and its points.
+
+const kCurveColours = ['#0072b2', '#d55e00', '#009e73', '#aa4499', ...kMoreColours];
+const kTails = [{key: 'latency_p99_ns', name: 'p99'}, {key: 'latency_p999_ns', name: 'p99.9'}];
+
+function curveNames({curves}) {
+  return curves.map(({folder, mix}) => `${folder} (${mix})`);
+}
+
+// A point has its interval in both directions, and its text where one is given.
+function curvePoint(point, key, text) {
+  return {
+    x: point.gb_per_s, y: point[key], text,
+    xLow: point.gb_per_s_low, xHigh: point.gb_per_s_high, low: point[`${key}_low`], high: point[`${key}_high`],
+  };
+}
+
+function curveLine(curve, at, key, style) {
+  const points = curve.points.filter((point) => point.gb_per_s !== null && point[key] !== null);
+  return {colour: kCurveColours[at % kCurveColours.length], dash: kDashes[at % kDashes.length],
+    marker: kMarkers[at % kMarkers.length], weight: kStrong,
+    points: points.map((point) => curvePoint(point, key, style.labelled && point.name)), ...style};
+}
+
+function curveMarks(curves) {
+  const named = (text, at) => (curves.length > 1 ? `${text} ${at + 1}` : text);
+  return curves.flatMap(({knee, saturation}, at) => [
+    ...(knee ? [{x: knee.gb_per_s, text: named('knee', at)}] : []),
+    ...(saturation?.reached ? [{x: saturation.gb_per_s, text: named('saturation', at)}] : []),
+  ]);
+}
+
+function latencyChart(id, title, curves, series) {
+  const values = series.flatMap(({points}) => points);
+  const widened = (most) => (most > 0 ? most * 1.1 : 1); // room for texts and intervals
+  return {id, title, broad: true, marks: curveMarks(curves), series: series.filter(isDrawn),
+    x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: widened(greatest(values.map(({x}) => x)))},
+    y: {title: 'Latency of an access to memory (ns)', max: widened(greatest(values.map(({y}) => y)))}};
+}
+
+function curvesCharts(data) {
+  const {curves} = data;
+  const names = curveNames(data);
+  const medians = curves.map((curve, at) => curveLine(curve, at, 'latency_p50_ns', {name: names[at], labelled: curves.length === 1}));
+  const tails = curves.flatMap((curve, at) => kTails.map(({key, name}, tail) => curveLine(curve, at, key,
+      {name: `${names[at]}, ${name}`, weight: kWeights[tail], dash: kDashes[tail]})));
+  return [latencyChart('latency', 'Median latency of memory over bandwidth', curves, medians),
+    latencyChart('tails', 'Tail of the latency over bandwidth: p99 and p99.9', curves, tails)]
+      .filter(({series}) => series.length > 0);
+}
+
+function estimateText(from, key) {
+  const [value, low, high] = [from[key], from[`${key}_low`], from[`${key}_high`]].map((one) => one ?? null);
+  if (value === null) return '–';
+  return shortNumber(value) + (low === null ? '' : ` (${shortNumber(low)} to ${shortNumber(high)})`);
+}
+
+function estimateCell(from, key) {
+  return figureCell(from?.[key], () => estimateText(from, key));
+}
+
+function curveRow(curve, name) {
+  return el('tr', {}, rowHeading(name), estimateCell(curve.idle, 'latency_p50_ns'), estimateCell(curve.knee, 'gb_per_s'),
+      estimateCell(curve.saturation, 'most_gb_per_s'),
+      ...(curve.saturation?.reached ? [el('td', {class: 'words'}, curve.saturation.point),
+        estimateCell(curve.saturation, 'latency_p50_ns'), estimateCell(curve.saturation, 'latency_p99_ns')] :
+        [el('td', {class: 'words'}, 'not reached'), figureCell(null), figureCell(null)]),
+      el('td', {class: 'words'}, curve.latency === '' ? absent() : curve.latency));
+}
+
+function answersSection(data) {
+  const names = curveNames(data);
+  const titles = ['', 'Idle (ns)', 'Knee (GB/s)', 'Most (GB/s)', 'Saturates at', 'There p50 (ns)', 'p99 (ns)', 'Latency of'];
+  const said = data.curves.flatMap((curve, at) => [
+    ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
+    curve.sentences.length > 0 ? listOf(curve.sentences) : el('p', {}, 'No repeat of the curve is whole yet.')]);
+  return section('What the curve says', ...said,
+      table('figures curves', titles, [], data.curves.map((curve, at) => curveRow(curve, names[at]))));
+}
+
+function curvePointRow(point) {
+  return el('tr', {}, rowHeading(point.name, {'data-value': point.load}), figureCell(point.runs, String),
+      estimateCell(point, 'gb_per_s'), estimateCell(point, 'latency_p50_ns'), estimateCell(point, 'latency_p99_ns'),
+      estimateCell(point, 'latency_p999_ns'), figureCell(point.latency_max_ns, shortNumber));
+}
+
+function curvePointsSection(data) {
+  const names = curveNames(data);
+  const titles = ['Point', 'Runs', 'GB/s', 'p50 (ns)', 'p99 (ns)', 'p99.9 (ns)', 'Longest (ns)'];
+  return section('Points', el('p', {class: 'absent'}, 'Means over the repeats, with the interval of 95 %.'),
+      ...data.curves.flatMap((curve, at) => [
+        ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
+        table('figures points', titles, [], curve.points.map(curvePointRow))]));
+}
+
+function curveHead(curve, at, curves) {
+  const done = curve.points.reduce((sum, point) => sum + point.runs, 0);
+  const facts = [`mix ${curve.mix}`, `curve of ${curve.started}`,
+    `${counted(done, 'run')} at ${counted(curve.points.length, 'point')}`, `warm-up ${curve.warmup_s} s`,
+    ...(curve.complete ? [] : ['incomplete']), `seed ${curve.seed}`];
+  const number = curves.length > 1 ? `${at + 1}: ` : '';
+  return el('p', {}, number, el('strong', {}, curve.folder), ` ${facts.join(', ')}`);
+}
+
+function showCurves(data) {
+  const charts = curvesCharts(data);
+  const notes = data.curves.flatMap((curve) => curve.notes.map((note) => (data.curves.length > 1 ? `${curve.folder}: ${note}` : note)));
+  showPage({
+    heading: 'stress_scope curve',
+    title: data.curves.map(({folder}) => folder).join(' | '),
+    heads: data.curves.map(curveHead),
+    figures: [],
+    sections: [...(data.comparison ? comparisonSections(data.comparison, 'Answer', [], 'At') : []),
+      answersSection(data), section('Latency over bandwidth', chartFigures(charts, '')), curvePointsSection(data),
+      section('Notes', notes.length > 0 ? listOf(notes) : el('p', {}, 'None.'))],
+    charts,
+  });
+}

@@ -1,0 +1,450 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Curves of latency over bandwidth: their plan, what they say of made-up runs, their folder, and the program.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+
+#include "curve_compare.h"
+#include "curve_fit.h"
+#include "curve_plan.h"
+#include "curve_table.h"
+#include "error_of.h"
+#include "made_curve.h"
+#include "page_json.h"
+#include "run_reader.h"
+#include "run_tool.h"
+#include "system_files.h"
+#include "temporary_folder.h"
+
+namespace {
+
+using made_curve::Queue;
+using made_curve::Value;
+using nlohmann::json;
+using ::testing::AllOf;
+using ::testing::DoubleEq;
+using ::testing::DoubleNear;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+using namespace scope;
+
+TEST(CurvePlanTest, ReadsMixes) {
+  EXPECT_THAT(ParseMix("CPU"), ElementsAre(Pair("CPU", 1)));
+  EXPECT_THAT(ParseMix("CPU,VPC:2"), ElementsAre(Pair("CPU", 1), Pair("VPC", 2)));
+  EXPECT_EQ(MixText({{"CPU", 1}, {"AIC", 0}, {"VPC", 2}}), "CPU,VPC:2");
+  const auto error = [](const char* text) { return ErrorOf([text] { (void)ParseMix(text); }); };
+  EXPECT_THAT(error("GPU"), AllOf(HasSubstr("--mix GPU"), HasSubstr("expected CPU, VPC, VENC or AIC")));
+  EXPECT_THAT(error("CPU,"), HasSubstr("as in CPU,VPC:2"));
+  EXPECT_THAT(error("CPU:"), HasSubstr("found \"\""));
+  EXPECT_THAT(error("CPU:11"), HasSubstr("found \"11\""));
+  EXPECT_THAT(error("CPU:1..2"), HasSubstr("expected one level"));
+  EXPECT_THAT(error("CPU:0"), HasSubstr("shares from 1, found 0"));
+  EXPECT_THAT(error("CPU,VPC,CPU:2"), HasSubstr("CPU is given twice"));
+}
+
+TEST(CurvePlanTest, TheGreatestLoadHasAThreadForEachCpu) {
+  SweepLevels mix = {{"CPU", 4}, {"VPC", 2}};
+  EXPECT_EQ(ReduceMix(mix), 2);
+  EXPECT_THAT(mix, ElementsAre(Pair("CPU", 2), Pair("VPC", 1)));
+  EXPECT_EQ(UsualMost(mix, 1), 1);
+  EXPECT_EQ(UsualMost(mix, 7), 3);
+  EXPECT_EQ(GreatestMost(mix), 5);
+  EXPECT_EQ(UsualMost(mix, 64), 5) << "no more than levels allow";
+}
+
+// Between whole levels the threads of the next one work a share of the time.
+TEST(CurvePlanTest, StepsTheLoadEvenly) {
+  Curve curve;
+  curve.mix = {{"CPU", 1}, {"VPC", 2}, {"AIC", 0}};
+  curve.most = 2;
+  curve.points = 9;
+  EXPECT_THAT(LevelsOf(curve, 0).first, ElementsAre(Pair("CPU", 0), Pair("VPC", 0), Pair("AIC", 0)));
+  EXPECT_THAT(LevelsOf(curve, 1).first, ElementsAre(Pair("CPU", 1), Pair("VPC", 2), Pair("AIC", 0)));
+  EXPECT_THAT(LevelsOf(curve, 8).first, ElementsAre(Pair("CPU", 2), Pair("VPC", 4), Pair("AIC", 0)));
+  std::vector<double> loads;
+  for (int point = 0; point < curve.points; ++point) {
+    const auto [levels, duty] = LevelsOf(curve, point);
+    loads.push_back(levels[0].second * duty / 100);
+  }
+  EXPECT_THAT(loads, ElementsAre(0, 0.25, 0.5, 0.75, 1, 1.25, 1.5, 1.75, 2));
+  EXPECT_EQ(LevelsOf(curve, 0).second, 100);
+  EXPECT_EQ(LevelsOf(curve, 5).second, 62.5);
+}
+
+TEST(CurvePlanTest, EachRepeatIsAWholeCurveInRandomOrder) {
+  Curve curve;
+  curve.mix = {{"CPU", 1}};
+  curve.sweep.settings.repeats = 3;
+  curve.sweep.settings.seed = 5;
+  PlanRunsOf(curve);
+  const std::vector<SweepRun>& runs = curve.sweep.runs;
+  ASSERT_EQ(runs.size(), 30U);
+  std::vector<double> first(10);
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    EXPECT_EQ((runs[i].order - 1) / 10 + 1, runs[i].repeat);
+    EXPECT_EQ(std::pair(runs[i].levels, runs[i].dutyPercent), LevelsOf(curve, static_cast<int>(i) / 3));
+    if (runs[i].repeat == 1)
+      first[static_cast<std::size_t>(runs[i].order) - 1] = LoadOf(curve, static_cast<int>(i) / 3);
+  }
+  EXPECT_FALSE(std::is_sorted(first.begin(), first.end()));
+  EXPECT_EQ(std::set<double>(first.begin(), first.end()).size(), 10U);
+}
+
+TEST(CurveFitTest, EvensOutWhatFalls) {
+  EXPECT_THAT(Rising({1, 2, 3}), ElementsAre(1, 2, 3));
+  EXPECT_THAT(Rising({1, 4, 2, 6}), ElementsAre(1, 3, 3, 6));
+  EXPECT_THAT(Rising({3, 2, 1}), ElementsAre(2, 2, 2));
+  EXPECT_THAT(Rising({5, 1, 1, 1, 9, 8}), ElementsAre(2, 2, 2, 2, 8.5, 8.5));
+}
+
+TEST(CurveFitTest, TheKneeIsWhereTheLatencyIsHalfAsMuchAgain) {
+  // 150 is a third of the way from 140 to 170.
+  EXPECT_THAT(*KneeOf(FitCurve({0, 5, 8}, {100, 140, 170})), DoubleEq(6));
+  EXPECT_THAT(*KneeOf(FitCurve({0, 5, 8}, {100, 150, 170})), DoubleEq(5));
+  EXPECT_THAT(*KneeOf(FitCurve({0, 8, 8}, {100, 140, 400})), DoubleEq(8)) << "the latency rises alone";
+  EXPECT_FALSE(KneeOf(FitCurve({0, 5, 8}, {100, 120, 149})));
+  EXPECT_THAT(*LatencyAtBandwidth(FitCurve({0, 5, 8}, {100, 140, 170}), 2.5), DoubleEq(120));
+  EXPECT_THAT(*LatencyAtBandwidth(FitCurve({0, 8, 8}, {100, 140, 400}), 8), DoubleEq(140));
+  EXPECT_FALSE(LatencyAtBandwidth(FitCurve({0, 5, 8}, {100, 140, 170}), 8.1));
+  EXPECT_THROW((void)FitCurve({0}, {100}), std::invalid_argument);
+}
+
+class CurveTest : public ::testing::Test {
+ protected:
+  // Latencies scatter by some per cent, bandwidths by one.
+  static made_curve::Machine Scattering(std::uint64_t seed, double latencyFactor = 1, double percent = 2) {
+    auto random = std::make_shared<std::mt19937_64>(seed);
+    return [random, latencyFactor, percent](double load, int repeat) {
+      // Not std::normal_distribution: its values differ between libraries.
+      const auto draw = [&] {
+        double sum = 0;
+        for (int i = 0; i < 12; ++i) sum += static_cast<double>((*random)() >> 11) * 0x1p-53;
+        return sum - 6;
+      };
+      Value value = Queue(load, repeat);
+      value.p50Ns *= latencyFactor * (1 + percent / 100 * draw());
+      value.gigabytesPerS *= 1 + 0.01 * draw();
+      return value;
+    };
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(CurveTest, SaysIdleKneeAndSaturation) {
+  made_curve::Write(folder_ / "curve", Queue, 2);
+  const CurveTable table = ReadCurveTable(folder_ / "curve");
+  ASSERT_EQ(table.points.size(), 10U);
+  EXPECT_EQ(table.points[0].name, "idle");
+  EXPECT_EQ(table.points[3].name, "CPU=1 at 33.3 %");
+  EXPECT_EQ(table.points[9].name, "CPU=1");
+  const auto figures = FiguresOf(table);
+  ASSERT_TRUE(figures);
+  EXPECT_THAT(figures->idleNs.value, DoubleNear(100, 1e-9)) << "without the warm-up";
+  EXPECT_THAT(*figures->idleNs.low, DoubleNear(100, 1e-9)) << "no scatter";
+  EXPECT_THAT(figures->mostGigabytesPerS.values, ElementsAre(DoubleEq(10), DoubleEq(10)));
+  // 20 u / (1.02 - u) is 50 at u = 0.7286.
+  ASSERT_TRUE(figures->knee);
+  EXPECT_NEAR(figures->knee->value, 7.286, 0.3) << "on lines between ten points";
+  EXPECT_TRUE(figures->saturation.reached);
+  EXPECT_EQ(figures->saturation.lowest, 8U);
+  EXPECT_THAT(
+      CurveSentences(table, *figures),
+      ElementsAre("Idle latency: 100.0 ns (100.0 to 100.0).", HasSubstr("Knee: 7."),
+                  "Most bandwidth: 10.00 GB/s (10.00 to 10.00) at CPU=1 at 88.9 %.",
+                  AllOf(HasSubstr("within 5 % of it from CPU=1 at 88.9 % on"), HasSubstr("p99 2200.0 ns"))));
+  EXPECT_THAT(table.notes, IsEmpty());
+}
+
+// Five curves in a row on a machine whose latencies scatter by 2 %.
+TEST_F(CurveTest, TheKneeIsTheSameInFiveCurves) {
+  std::vector<double> knees;
+  for (std::uint64_t seed = 1; seed <= 5; ++seed) {
+    const auto figures = FiguresOf(made_curve::Table(Scattering(seed)));
+    ASSERT_TRUE(figures && figures->knee);
+    EXPECT_LT(*figures->knee->low, *figures->knee->high);
+    knees.push_back(figures->knee->value);
+  }
+  const auto [least, most] = std::minmax_element(knees.begin(), knees.end());
+  EXPECT_NE(*least, *most);
+  EXPECT_LT(*most / *least, 1.1);
+}
+
+TEST_F(CurveTest, SaysWhatItDoesNotReach) {
+  const CurveTable table =
+      made_curve::Table([](double load, int) { return Value{4 * load, 100 + 10 * load}; });
+  const auto figures = FiguresOf(table);
+  ASSERT_TRUE(figures);
+  EXPECT_FALSE(figures->knee);
+  EXPECT_EQ(figures->withoutKnee, 3U);
+  EXPECT_FALSE(figures->saturation.reached);
+  EXPECT_THAT(CurveSentences(table, *figures),
+              ElementsAre(HasSubstr("Idle"),
+                          "No knee: in 3 of 3 repeats the latency stays below 1.5 times that at idle.",
+                          HasSubstr("at point 9."), HasSubstr("Saturation is not reached")));
+}
+
+TEST_F(CurveTest, ARepeatThatIsNotWholeIsLeftOut) {
+  Curve curve = made_curve::Write(folder_ / "curve", Queue, 3);
+  const auto set = [&](std::size_t run, SweepState state) {
+    curve.sweep.runs[run].state = state;
+    WriteCurve(folder_ / "curve", curve);
+    return ReadCurveTable(folder_ / "curve");
+  };
+  const CurveTable less = set(13, SweepState::kInterrupted);  // point 4, repeat 2
+  const auto figures = FiguresOf(less);
+  ASSERT_TRUE(figures);
+  EXPECT_THAT(figures->repeats, ElementsAre(0, 2));
+  EXPECT_EQ(EstimateAt(less.points[4], &CurveValue::p50Ns)->values.size(), 2U);
+  EXPECT_THAT(less.notes, ElementsAre("not done: 1 of 30 runs"));
+  (void)set(12, SweepState::kFailed);
+  const CurveTable none = set(14, SweepState::kPlanned);
+  EXPECT_FALSE(FiguresOf(none));
+  EXPECT_FALSE(EstimateAt(none.points[4], &CurveValue::p50Ns));
+  EXPECT_THAT(ErrorOf([&] { (void)CompareCurves(none, less, {}); }),
+              HasSubstr("no repeat of the curve is whole. Continue with: stress_scope curve --resume "));
+}
+
+TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
+  const Curve curve = made_curve::Write(folder_ / "curve", Queue, 1);
+  scope::Run run = made_curve::Run(Queue(0.5, 1));
+  for (LatencySecond& second : run.latency)
+    second.accesses = second.p50Ns = second.p99Ns = second.p999Ns = second.maxNs = 0;
+  std::filesystem::remove_all(folder_ / ("curve/" + curve.sweep.runs[5].folder));
+  made_run::Write(run, folder_ / ("curve/" + curve.sweep.runs[5].folder));
+  const CurveTable table = ReadCurveTable(folder_ / "curve");
+  EXPECT_FALSE(table.points[5].values[0]);
+  EXPECT_THAT(table.notes, ElementsAre("1 run without a latency or a bandwidth after the warm-up: left out"));
+}
+
+TEST_F(CurveTest, ComparesTwo) {
+  const CurveTable a = made_curve::Table(Scattering(1, 1, 0.1), 4);
+  const auto verdicts = [&](const CurveTable& b, double tolerance = 5) {
+    CompareOptions options;
+    options.tolerancePercent = tolerance;
+    const Comparison comparison = CompareCurves(a, b, options);
+    std::map<std::string, Verdict> found;
+    for (const ComparedFigure& figure : comparison.figures) {
+      const std::string& at = figure.key.engine;
+      found[at.find(" GB/s") == std::string::npos ? at : "between"] = figure.verdict;
+    }
+    return std::pair(comparison.answer, found);
+  };
+  const auto same = verdicts(made_curve::Table(Scattering(2, 1, 0.1), 4));
+  EXPECT_EQ(same.first, Answer::kNoDifference);
+  EXPECT_EQ(same.second.size(), 4U) << "two bandwidths begin alike";
+  const auto slow = verdicts(made_curve::Table(Scattering(3, 1.2, 0.1), 4));
+  EXPECT_EQ(slow.first, Answer::kWorse);
+  EXPECT_EQ(slow.second.at("idle"), Verdict::kWorse);
+  EXPECT_EQ(slow.second.at("between"), Verdict::kWorse);
+  EXPECT_EQ(slow.second.at("knee"), Verdict::kNoDifference) << "the latency is that much greater everywhere";
+  EXPECT_EQ(slow.second.at("most"), Verdict::kNoDifference);
+  const auto quick = verdicts(made_curve::Table(Scattering(4, 0.8, 0.1), 4));
+  EXPECT_EQ(quick.first, Answer::kBetter);
+}
+
+// A curve without a knee is not worse for that.
+TEST_F(CurveTest, KneesAreComparedIfBothHaveOne) {
+  const CurveTable a = made_curve::Table(Queue, 2);
+  const CurveTable flat = made_curve::Table([](double load, int) { return Value{10 * load, 100}; }, 2);
+  const Comparison comparison = CompareCurves(a, flat, {});
+  for (const ComparedFigure& figure : comparison.figures) EXPECT_NE(figure.key.engine, "knee");
+  EXPECT_THAT(comparison.notes, ElementsAre(HasSubstr("B has no knee")));
+}
+
+TEST_F(CurveTest, ReadsWhatItWroteAndNothingElse) {
+  Curve curve = made_curve::Plan(2);
+  std::filesystem::create_directories(folder_ / "curve");
+  curve.mix.emplace_back("AIC", 0);
+  curve.sweep.settings.latencySize = "512M";
+  PlanRunsOf(curve);
+  curve.sweep.runs[3].reason = "why";
+  WriteCurve(folder_ / "curve", curve);
+  const Curve read = ReadCurve(folder_ / "curve");
+  EXPECT_EQ(read.mix, curve.mix);
+  EXPECT_EQ(read.sweep.settings.latencySize, "512M");
+  EXPECT_EQ(read.sweep.runs[3].reason, "why");
+  EXPECT_EQ(read.sweep.runs[3].dutyPercent, curve.sweep.runs[3].dutyPercent);
+  const json good = json::parse(folder_.Get("curve/curve.json"));
+  const auto error = [&](const char* pointer, const json& value) {
+    json bad = good;
+    bad[json::json_pointer(pointer)] = value;
+    folder_.Put("curve/curve.json", bad.dump());
+    return ErrorOf([&] { (void)ReadCurve(folder_ / "curve"); });
+  };
+  EXPECT_THAT(error("/kind", "sweep"), HasSubstr("not a curve"));
+  EXPECT_THAT(error("/mix", {{"GPU", 1}}),
+              HasSubstr("expected sections of engines, each once, found \"GPU\""));
+  EXPECT_THAT(error("/mix", {{"CPU", 0}}), HasSubstr("expected a section that works"));
+  EXPECT_THAT(error("/most", 11), HasSubstr("most: expected a number from 1 to 10, found 11"));
+  EXPECT_THAT(error("/points", 1), HasSubstr("points: expected a number from 4 to 100, found 1"));
+  EXPECT_THAT(error("/points", 11), HasSubstr("the curve has 22 runs, found 20"));
+  EXPECT_THAT(error("/repeats", 0), HasSubstr("repeats: expected a number from 1 to 100"));
+  EXPECT_THAT(error("/runs/2/duty_percent", 50), HasSubstr("is not the next point of the curve"));
+  EXPECT_THAT(error("/runs/2/levels/AIC", 1), HasSubstr("is not the next point of the curve"));
+  EXPECT_THAT(error("/runs/2/order", 21), HasSubstr("the order of the run"));
+  EXPECT_THAT(error("/runs/2/folder", "../x"), HasSubstr("expected a folder of the sweep"));
+  EXPECT_THAT(error("/duty_percent", 0), HasSubstr("duty_percent: expected a number from 1 to 100"));
+}
+
+// FORMAT-CURVE.md describes each key of the JSON and of curve.json.
+void ExpectDescribed(const json& data, const json& file) {
+  const std::string format = ReadText(SCOPE_FORMAT_CURVE).value_or("");
+  const auto expect = [&format](const json& object) {
+    for (const auto& [key, value] : object.items()) {
+      const std::string name = key.substr(0, std::min(key.find("_low"), key.find("_high")));
+      bool describes = false;
+      for (const char* const end : {"`", "[]`", "[]."})
+        for (const char* const begin : {"`", "."})
+          describes = describes || format.find(begin + name + end) != std::string::npos;
+      EXPECT_TRUE(describes) << key;
+    }
+  };
+  expect(data);
+  for (const json& part :
+       {data["points"][1], data["idle"], data["knee"], data["saturation"], file["runs"][4]})
+    expect(part);
+  // How runs are recorded is described with sweep.json.
+  for (const char* const key : {"kind", "mix", "most", "points", "runs", "repeats", "seed", "warmup_s"})
+    expect(json{{key, file.at(key)}});
+}
+
+TEST_F(CurveTest, TheProgramReportsOneOrSeveral) {
+  made_curve::Write(folder_ / "a", Queue, 2);
+  made_curve::Write(folder_ / "b", Scattering(1, 1.3), 1);
+  const ToolResult one = RunTool({"report", folder_ / "a"});
+  EXPECT_EQ(one.status, 0) << one.errors;
+  EXPECT_THAT(one.output,
+              AllOf(HasSubstr("Latency of memory over the bandwidth of CPU, after a warm-up of 1 s\n"
+                              "Latency of 256 MiB in pages of 2 MiB, CPU 1\n"),
+                    HasSubstr("\nidle "), HasSubstr("Knee: 7."), HasSubstr("report in ")));
+  const json page = DataOf(folder_.Get("a/report.html"));
+  EXPECT_EQ(page["kind"], "curves");
+  EXPECT_EQ(page["curves"].size(), 1U);
+  const json data = json::parse(RunTool({"report", "--json", folder_ / "a"}).output);
+  EXPECT_EQ(data["points"].size(), 10U);
+  EXPECT_EQ(data["points"][0]["gb_per_s"], 0);
+  EXPECT_THAT(data["points"][9]["latency_p50_ns"].get<double>(), DoubleNear(1100, 1e-6));
+  EXPECT_THAT(data["points"][9]["latency_p99_ns"].get<double>(), DoubleNear(2200, 1e-6));
+  EXPECT_THAT(data["points"][9]["latency_p999_ns"].get<double>(), DoubleNear(3300, 1e-6));
+  EXPECT_EQ(data["points"][9]["values"].size(), 2U);
+  EXPECT_THAT(data["idle"]["latency_p50_ns"].get<double>(), DoubleNear(100, 1e-6));
+  EXPECT_NEAR(data["knee"]["gb_per_s"].get<double>(), 7.3, 0.3);
+  EXPECT_EQ(data["saturation"]["reached"], true);
+  const json both = json::parse(RunTool({"report", "--json", folder_ / "a", folder_ / "b"}).output);
+  EXPECT_EQ(both["curves"][1]["folder"], folder_ / "b");
+  const ToolResult mixed = RunTool({"report", folder_ / "a", folder_ / ("b/run-0001")});
+  EXPECT_EQ(mixed.status, 2);
+  EXPECT_THAT(mixed.errors,
+              HasSubstr("is a curve, and a report shows one of these or several runs or curves"));
+  ExpectDescribed(data, json::parse(folder_.Get("a/curve.json")));
+}
+
+TEST_F(CurveTest, TheProgramComparesTwo) {
+  made_curve::Write(folder_ / "a", Queue, 2);
+  made_curve::Write(folder_ / "b", made_curve::SlowQueue, 2);
+  const ToolResult worse =
+      RunTool({"compare", folder_ / "a", folder_ / "b", "--tolerance", "5", "-o", folder_ / "page.html"});
+  EXPECT_EQ(worse.status, 1) << worse.errors;
+  EXPECT_THAT(worse.output, AllOf(HasSubstr("(2 curves)\nB: "), HasSubstr("\nat "), HasSubstr("\nidle "),
+                                  HasSubstr("B is worse than A: 4 GB/s p50 "), HasSubstr("idle p50 +")));
+  EXPECT_EQ(DataOf(folder_.Get("page.html"))["comparison"]["answer"], "worse");
+  EXPECT_EQ(RunTool({"compare", folder_ / "b", folder_ / "a", "--tolerance", "5"}).status, 0);
+  const ToolResult run = RunTool({"compare", folder_ / "a", folder_ / "b/run-0001"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.errors, HasSubstr("is not a curve: a curve is compared with another one"));
+  EXPECT_THAT(RunTool({"compare", folder_ / "a", folder_ / "b", "--skip", "2"}).errors,
+              HasSubstr("--skip and --figure are not for curves"));
+}
+
+// The program with a benchmark that sends what a meter would, at once. `stop` interrupts the run with that
+// level and share of time.
+class CurveProgramTest : public CurveTest {
+ protected:
+  std::vector<std::string> CurveOf(const std::string& config, std::vector<std::string> more) const {
+    const std::string benchmark = folder_.Put(
+        "benchmark",
+        "#!/bin/sh\nlevel=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\necho \"$level $STRESS_SCOPE_DUTY\" "
+        ">>\"$0.loads\"\n"
+        "if [ -e \"$0.stop\" ] && [ \"$level\" = 2 ]; then rm \"$0.stop\"; kill -INT $PPID; sleep 0.1; fi\n"
+        "for s in 1 2 3 4; do for t in $(seq 1 $level); do echo \"sample 0 $((t - 1)) 900 1000\"; done; echo "
+        "\"second ${s}000\"; "
+        "done >\"$0.script\"\nexec " SCRIPTED_METER " \"$1\" \"$0.script\"\n");
+    (void)chmod(benchmark.c_str(), 0755);
+    std::vector<std::string> arguments = {"curve",
+                                          folder_.Put("c.yaml", config),
+                                          "-o",
+                                          Folder(),
+                                          "--benchmark",
+                                          benchmark,
+                                          "--meter",
+                                          IDLE_LIBRARY,
+                                          "--latency-size",
+                                          "1M",
+                                          "--seed",
+                                          "1"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  std::string Folder() const { return folder_ / "curve"; }
+};
+
+TEST_F(CurveProgramTest, RecordsEachLoadAndGoesOnAfterASignal) {
+  const std::vector<std::string> arguments =
+      CurveOf("CPU: {Level: 1}\nVPC: {Level: 0}\n", {"--points", "4", "--most", "2", "--repeat", "1"});
+  folder_.Put("benchmark.stop", "");
+  const ToolResult stopped = RunTool(arguments);
+  EXPECT_EQ(stopped.status, 1);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "benchmark.stop")) << "no run was interrupted";
+  EXPECT_THAT(stopped.errors, HasSubstr("Continue with: stress_scope curve --resume " + Folder()));
+  EXPECT_THAT(stopped.output, AllOf(HasSubstr("No repeat of the curve is whole"), HasSubstr("not done: ")));
+  const ToolResult resumed = RunTool({"curve", "--resume", Folder()});
+  EXPECT_EQ(resumed.status, 0) << resumed.errors;
+  EXPECT_THAT(resumed.output, HasSubstr("CPU=2 VPC=0 at 66.7 %"));
+  std::istringstream lines(folder_.Get("benchmark.loads"));
+  std::multiset<std::string> loads;
+  for (std::string line; std::getline(lines, line);) loads.insert(line);
+  EXPECT_EQ(loads.count("0 "), 1U);
+  EXPECT_EQ(loads.count("1 66.6667"), 1U);
+  EXPECT_EQ(loads.count("2 66.6667") + loads.count("2 "), 3U) << "one was interrupted";
+  for (const SweepRun& run : ReadCurve(Folder()).sweep.runs) {
+    EXPECT_EQ(run.state, SweepState::kDone) << run.folder;
+    const RunInfo info = ReadRunInfo(Folder() + "/" + run.folder);
+    EXPECT_THAT(info.conditions.latency, HasSubstr("1 MiB"));
+    EXPECT_EQ(info.conditions.duty, run.dutyPercent < 100 ? "66.6667 %" : "");
+  }
+  EXPECT_EQ(RunTool(arguments).status, 2) << "the folder is taken";
+}
+
+TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {
+  const auto error = [&](const std::string& config, std::vector<std::string> more) {
+    const ToolResult result = RunTool(CurveOf(config, std::move(more)));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_FALSE(std::filesystem::exists(Folder()));
+    return result.errors;
+  };
+  EXPECT_THAT(error("CPU: {Level: 0}\n", {}), HasSubstr("no level is above 0: say what works with --mix"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "GPU"}), HasSubstr("--mix GPU: expected sections"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "AIC"}), HasSubstr("with a model as \"File\""));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "CPU,VPC:4", "--most", "3"}),
+              HasSubstr("--most 3: levels allow at most 2 times CPU,VPC:4"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--no-meter"}), HasSubstr("a curve needs the meter"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--stop-after", "3"}), HasSubstr("too short for a warm-up of 1 s"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--points", "3"}), HasSubstr("--points"));
+  EXPECT_THAT(error("cpu: {Level: 1}\n", {"--mix", "CPU"}), HasSubstr("nothing reads \"cpu\""));
+  EXPECT_THAT(RunTool({"curve"}).errors, HasSubstr("CONFIG or --resume"));
+  EXPECT_THAT(RunTool({"curve", "--resume", folder_ / "none"}).errors, HasSubstr("not a curve"));
+}
+
+}  // namespace
