@@ -11,7 +11,7 @@ namespace scope {
 namespace {
 
 constexpr double kWholePercent = 100;
-constexpr std::uint64_t kNsPerS = 1'000'000'000;
+constexpr std::uint64_t kNsOfASecond = 1'000'000'000;
 // A thread that did nothing for longer, for example while it was set up, does not work without a pause to
 // make up for that.
 constexpr std::uint64_t kMostCreditNs = 100'000'000;
@@ -37,7 +37,7 @@ void Rest(std::uint64_t startNs, std::uint64_t busyNs) {
   dueNs += static_cast<std::uint64_t>(static_cast<double>(busyNs) * wholeOfBusy);
   if (dueNs < NowNs() + kLeastSleepNs) return;
   // A signal ends the sleep: it may be what ends the program.
-  const timespec due = {static_cast<time_t>(dueNs / kNsPerS), static_cast<long>(dueNs % kNsPerS)};
+  const timespec due = {static_cast<time_t>(dueNs / kNsOfASecond), static_cast<long>(dueNs % kNsOfASecond)};
   (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
 }
 
