@@ -18,7 +18,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-using namespace scope;  // NOLINT(google-build-using-namespace): all of it is under test
+using namespace scope;
 
 constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
 
