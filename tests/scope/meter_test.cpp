@@ -219,7 +219,7 @@ TEST_F(MeterTest, GivesAnEngineCpusOfItsOwn) {
   const std::string number = std::to_string(__builtin_ctzll(last));
   const auto cpusAfter = [this](const std::string& value) {
     (void)setenv(scope::kPinVariable, value.c_str(), 1);
-    Run({3, 1, 0, 0, ""});
+    Run({3, 1, 0, 0, "", ""});
     (void)unsetenv(scope::kPinVariable);
     std::map<std::string, std::uint64_t> cpus;
     for (const auto& [engine, counted] : report_.engines) cpus[engine] = counted.cpus;
