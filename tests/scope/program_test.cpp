@@ -83,7 +83,7 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   EXPECT_TRUE(run.info.conditions.meter);
   EXPECT_EQ(run.info.label, "a label");
   EXPECT_EQ(run.info.signal, 0);
-  EXPECT_EQ(run.info.counters.size(), 9U);
+  EXPECT_EQ(run.info.counters.size(), 10U);
   std::map<std::string, std::uint64_t> operations;
   std::map<std::string, std::uint64_t> bytes;
   std::map<std::string, std::uint64_t> counted;
