@@ -377,9 +377,9 @@ TEST_F(PagesInBrowser, ASweepOverSettingsIsAMarginMap) {
   EXPECT_EQ(visit.page["extra"]["marked"], json::parse(R"(["pass 1/11.060 GB/s"])"));
   EXPECT_EQ(visit.page["extra"]["kinds"][8], "bad inferred");
   EXPECT_THAT(visit.Row("figures margin", {"refresh=300 vref=7"}), Contains("+5.66 %"));
-  EXPECT_THAT(visit.Text(),
-              AllOf(HasSubstr("vref up: passes to 8, 1 step away; 9 fails."), HasSubstr("<img src=x> hangs"),
-                    HasSubstr("2 errors (cpu 2)"), Not(HasSubstr("Saturation"))));
+  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("vref towards 9: passes to 8, 1 step away; 9 fails."),
+                                  HasSubstr("<img src=x> hangs"), HasSubstr("2 errors (cpu 2)"),
+                                  Not(HasSubstr("Saturation"))));
   EXPECT_EQ(Open(page, "margin_390_dark", 390, 3600, true).page["extra"]["fits"], true);
 }
 
