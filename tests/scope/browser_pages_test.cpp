@@ -350,6 +350,7 @@ TEST_F(PagesInBrowser, ASweepOverSettingsIsAMarginMap) {
   sweep.started = "2026-11-21T04:00:00Z";
   sweep.boardAxes = {{"refresh", {"100", "200", "300"}}, {"vref", {"7", "8", "9"}}};
   sweep.margin.apply = "./set";
+  sweep.margin.edge = true;
   sweep.margin.chosen = {{"refresh", "200"}, {"vref", "7"}};
   sweep.runs = scope::PlanRuns({}, 1, 1, sweep.boardAxes);
   for (std::size_t i = 0; i < sweep.runs.size(); ++i) {
