@@ -338,10 +338,10 @@ TEST(Guard, HasNoFileOfTheRecorder) {
 
 TEST(Guard, OneThatCrashesSaysSo) {
   Guard guard(kGuarded, 100);
-  ASSERT_EQ(kill(guard.Id(), SIGBUS), 0);
+  ASSERT_EQ(kill(guard.Id(), SIGABRT), 0);
   Seen seen;
   WaitForError(guard, seen);
-  EXPECT_EQ(guard.Fault(), "the guard was ended by SIGBUS");
+  EXPECT_EQ(guard.Fault(), "the guard was ended by SIGABRT");
   EXPECT_TRUE(guard.HasCrashed());
 }
 
