@@ -600,6 +600,7 @@ TEST_F(VencTest, AStreamIsReleasedOnce) {
 }
 
 TEST_F(VencTest, AReleasedStreamTakesNoMemory) {
+  // Its allocator stands in front of the one that mallinfo2 asks.
   if (kSanitized) GTEST_SKIP() << "a sanitizer does not count what is allocated";
   const auto bytesInUse = [] {
     const struct mallinfo2 all = mallinfo2();

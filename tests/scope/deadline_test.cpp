@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "errors.h"
+#include "error_of.h"
 
 namespace {
 
@@ -13,16 +13,6 @@ using scope::EngineDeadline;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-template <typename Call>
-std::string ErrorOf(const Call& call) {
-  try {
-    call();
-  } catch (const scope::UserError& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 TEST(DeadlineTest, ReadsATimeInEachUnit) {
   EXPECT_EQ(scope::ParseDeadline("vpc=16.7ms").ns, 16'700'000U);

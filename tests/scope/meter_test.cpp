@@ -212,6 +212,7 @@ std::vector<std::uint64_t> AllowedBits() {
 
 TEST_F(MeterTest, GivesAnEngineCpusOfItsOwn) {
   const std::vector<std::uint64_t> bits = AllowedBits();
+  // CPUs are noted as bits of one word. With one CPU there is none that others could keep off.
   if (bits.size() < 2 || bits.size() > 63)
     GTEST_SKIP() << "this machine has one CPU, or too many for this test";
   const std::uint64_t all = std::accumulate(bits.begin(), bits.end(), std::uint64_t{0});

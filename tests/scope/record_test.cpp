@@ -177,7 +177,9 @@ struct Guarded {
   scope::Run run;
 };
 
-Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>& harm) {
+/// Records two seconds of the scripted meter with `options`. `harm` does something in the first one.
+scope::RecordResult RecordHarmed(const TemporaryFolder& folder, scope::RecordOptions options,
+                                 const std::function<void()>& harm) {
   struct Harming : scope::View {
     void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
       if (harm) std::exchange(harm, nullptr)();
@@ -185,7 +187,6 @@ Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>
     std::function<void()> harm;
   } view;
   view.harm = harm;
-  scope::RecordOptions options;
   options.benchmark = SCRIPTED_METER;
   options.meter = IDLE_LIBRARY;
   options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
@@ -193,10 +194,15 @@ Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>
   options.folder = folder / "run";
   options.systemRoot = folder / "system";
   folder.Put("system/proc/meminfo", "MemAvailable: 4096 kB\n");
+  scope::Signals signals;
+  return scope::Record(options, view, signals);
+}
+
+Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>& harm) {
+  scope::RecordOptions options;
   options.guard = "25%";
   options.guardRate = 50;
-  scope::Signals signals;
-  Guarded guarded{scope::Record(options, view, signals), {}};
+  Guarded guarded{RecordHarmed(folder, options, harm), {}};
   guarded.run = scope::ReadRun(folder / "run");
   return guarded;
 }
@@ -240,24 +246,9 @@ TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
 
 /// A recording with a latency probe over 1 MiB, to which `harm` does something.
 scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::function<void()>& harm) {
-  struct Harming : scope::View {
-    void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
-      if (harm) std::exchange(harm, nullptr)();
-    }
-    std::function<void()> harm;
-  } view;
-  view.harm = harm;
   scope::RecordOptions options;
-  options.benchmark = SCRIPTED_METER;
-  options.meter = IDLE_LIBRARY;
-  options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
-  options.extra = {folder.Put("script", Script(2))};
-  options.folder = folder / "run";
-  options.systemRoot = folder / "system";
-  folder.Put("system/proc/meminfo", "MemAvailable: 4096 kB\n");
   options.latency = true;
-  scope::Signals signals;
-  return scope::Record(options, view, signals);
+  return RecordHarmed(folder, options, harm);
 }
 
 TEST_F(RecordTest, WhatTheLatencyProbeMeasuredIsInTheRun) {

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -26,6 +25,7 @@
 #include "machine_load.h"
 #include "memory_size.h"
 #include "meter_reader.h"
+#include "monotonic_ns.h"
 #include "preload_path.h"
 #include "program_files.h"
 #include "run_error.h"
@@ -42,12 +42,6 @@ constexpr int kPollMs = 200;
 // Of each pipe and turn. A benchmark that prints without pause then delays an answer to SIGINT by some ten
 // milliseconds.
 constexpr std::size_t kTurnBytes = 16384;
-
-std::uint64_t NowNs() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 /// One recording: starts the benchmark, waits, and passes on what comes. The supervisor decides when the
 /// benchmark has to end.
@@ -113,7 +107,7 @@ class Recording {
   }
 
   void Start() {
-    startNs_ = NowNs();
+    startNs_ = MonotonicNs();
     // Before the benchmark begins: what a counter of errors has now is not of this run.
     const std::vector<CounterValue> before = counters_->Read(0);
     meter_ = std::make_unique<MeterReader>(startNs_);
@@ -145,7 +139,7 @@ class Recording {
     AddCounters(0, before);
   }
 
-  double TimeS() const { return static_cast<double>(NowNs() - startNs_) * 1e-9; }
+  double TimeS() const { return static_cast<double>(MonotonicNs() - startNs_) * 1e-9; }
 
   void Step(Signals& signals) {
     std::array<pollfd, 7> waits{{{signals.Descriptor(), POLLIN, 0},
