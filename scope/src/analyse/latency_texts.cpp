@@ -101,6 +101,11 @@ std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary
     doubts.push_back(Format("the probe's own load is %.1f %% of the engines' bytes", *share * 100));
   }
   const std::uint64_t cache = LargestCache(run);
+  if (cache == 0) {
+    doubts.push_back(
+        "the system names no cache: if the reading before the run still grows steeply at the end, the "
+        "memory that the probe went through is too small");
+  }
   if (latency.bytes < kLeastCaches * cache) {
     doubts.push_back("the probe went through " + MebibytesOf(latency.bytes) + ", and the largest cache has " +
                      MebibytesOf(cache) + ": some accesses may have ended there");

@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::uint64_t kUsualLine = 64;
 constexpr std::uint64_t kUsualHugePage = std::uint64_t{2} << 20;
+// A cache line of 64 bytes holds eight entries of a page table, each for a page of 4 KiB. A virtual machine
+// has such a table beneath its own, whatever pages it uses itself.
+constexpr std::uint64_t kTableReach = std::uint64_t{32} << 10;
 
 // The finalizer of SplitMix64.
 std::uint64_t NextRandom(std::uint64_t& state) {
@@ -89,6 +92,15 @@ void ChaseMemory::GrowTo(std::uint64_t bytes) {
     At(lines_)->next = before->next;
     before->next = At(lines_);
   }
+}
+
+std::uint64_t ChaseMemory::TouchPages() const {
+  const std::uint64_t step = std::max(std::uint64_t{1}, kTableReach / lineBytes_);
+  std::uint64_t touched = 0;
+  for (std::uint64_t line = 0; line < lines_; line += step, ++touched) {
+    (void)*const_cast<Line* volatile*>(&At(line)->next);
+  }
+  return touched;
 }
 
 // Each mapping begins with a line that has its first and last address, and no blank in front of the first

@@ -27,6 +27,10 @@ class ChaseMemory {
   /// Extends the cycle to the first `bytes` of the memory. It never shrinks.
   void GrowTo(std::uint64_t bytes);
 
+  /// Reads one line of each 32 KiB of the cycle, all at once rather than one after the other. So the caches
+  /// hold again what an access needs to find its page. Returns the number of lines.
+  std::uint64_t TouchPages() const;
+
   /// A line of the cycle. There is one after the first call of GrowTo.
   Line* Start() const { return reinterpret_cast<Line*>(data_); }
   std::uint64_t Bytes() const { return bytes_; }

@@ -93,6 +93,10 @@ bool WasInterrupted(const ThreadState& before, const ThreadState& after, double 
 LatencyBursts::LatencyBursts(ChaseMemory& memory, const ChaseTimer& timer, Sources sources)
     : memory_(memory), line_(memory.Start()), timer_(timer), sources_(std::move(sources)) {
   singles_.reserve(kMostSingles);
+  NoteSteal();
+}
+
+void LatencyBursts::NoteSteal() {
   if (sources_.stealMs) stealMs_ = sources_.stealMs();
 }
 
@@ -103,12 +107,18 @@ bool LatencyBursts::StealGrew() {
 }
 
 void LatencyBursts::Settle(double ns) {
+  NoteSteal();
   const std::uint64_t end = Ticks() + timer_.TicksOf(ns);
   const std::uint64_t batches = memory_.CycleBytes() / memory_.LineBytes() / kBatch;
   for (std::uint64_t batch = 0; batch < batches && Ticks() < end; ++batch) line_ = FollowBatch(line_);
 }
 
-void LatencyBursts::Burst(double ns) {
+void LatencyBursts::Warm() {
+  NoteSteal();
+  counts_.allAccesses += memory_.TouchPages();
+}
+
+bool LatencyBursts::Burst(double ns) {
   singles_.clear();
   batches_ = 0;
   batchTicks_ = 0;
@@ -127,9 +137,10 @@ void LatencyBursts::Burst(double ns) {
   counts_.allAccesses += (warmUps + batches_) * kBatch + singles_.size();
   if (WasInterrupted(before, after, longestNs, longestNs > kLongNs && StealGrew())) {
     ++counts_.interrupted;
-  } else {
-    Count();
+    return false;
   }
+  Count();
+  return true;
 }
 
 // Returns the longest.

@@ -61,10 +61,14 @@ class LatencyBursts {
   /// Goes through the memory without counting: once, but not for longer than `ns`.
   void Settle(double ns);
 
-  /// A burst of `ns`. Its first tenth counts nothing: after a pause the translations of addresses, and what
-  /// else the processor keeps of the memory's tables, are gone. Then accesses are timed one by one, in the
-  /// last part in batches.
-  void Burst(double ns);
+  /// Makes up for a pause, in which the page tables have left the caches: counts nothing. What the host took
+  /// before does not spoil the bursts that follow.
+  void Warm();
+
+  /// A burst of `ns`. Its first tenth counts nothing: after a pause the processor has forgotten the latest
+  /// translations of addresses. Then accesses are timed one by one, in the last part in batches. False if it
+  /// was interrupted.
+  bool Burst(double ns);
 
   /// What has been counted since the last call.
   LatencyCounts Take();
@@ -73,7 +77,8 @@ class LatencyBursts {
   void Count();
   double TimeSingles(std::uint64_t endTicks);
   void TimeBatches(std::uint64_t endTicks);
-  bool StealGrew();
+  void NoteSteal();
+  bool StealGrew();  ///< since the last call or note
 
   const ChaseMemory& memory_;
   ChaseMemory::Line* line_;

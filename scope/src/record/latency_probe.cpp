@@ -52,7 +52,11 @@ std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& ca
   for (const Cache& cache : caches) largest = std::max(largest, cache.bytes);
   const std::uint64_t least = 256 * kMebibyteOfProbe;
   const std::uint64_t wanted = std::clamp(kCachesPerBuffer * std::min(largest, least), least, 4 * least);
-  return std::min(wanted, most);
+  if (wanted <= most) return wanted;
+  // The available memory differs from run to run, and runs over other memory are not compared.
+  std::uint64_t bytes = kLeastBytes;
+  while (2 * bytes <= most) bytes *= 2;
+  return bytes;
 }
 
 LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm)

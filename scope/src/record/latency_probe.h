@@ -16,7 +16,7 @@ namespace scope {
 
 /// The bytes that the probe goes through: those of the option --latency-size (see MemoryBytes), or without
 /// one eight times the largest of `caches`, at least 256 MiB and at most 1 GiB. Never more than a quarter of
-/// `availableBytes`, unless that is 0: unknown. Throws UserError.
+/// `availableBytes`, unless that is 0: unknown; if that is the limit, a power of two. Throws UserError.
 std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& caches,
                            std::uint64_t availableBytes);
 
