@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "checker.h"
 
+#include <sched.h>
+
 #include "streams.h"
 
 namespace scope {
@@ -9,7 +11,7 @@ namespace {
 // Of the time in which an engine works. The rest of what an engine may lose to the checks, 3 %, is for the
 // memory that they move.
 constexpr std::uint64_t kShareOf = 1000;
-constexpr std::uint64_t kShare = 15;
+constexpr std::uint64_t kShare = 10;
 constexpr std::size_t kPartBytes = std::size_t{32} << 10;
 constexpr int kMostChanges = 3;
 // A program that writes something into each source, or into each of some frames, does so again within these.
@@ -21,6 +23,7 @@ constexpr std::size_t kListedErrors = 256;
 Checker checkers[kCounterSets];
 std::atomic<std::uint32_t> engineOf[kCounterSets];
 std::atomic<std::uint32_t> states[kEngineCount];
+std::atomic<std::uint64_t> workers{0};
 std::atomic<bool> listTaken{false};
 ErrorPacket list[kListedErrors];
 std::size_t listBegin = 0;
@@ -28,6 +31,14 @@ std::size_t listCount = 0;
 
 void Count(std::atomic<std::uint64_t>& counter, std::uint64_t amount) {
   counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+}
+
+// Those that the program may use.
+std::uint64_t Processors() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  const bool known = sched_getaffinity(0, sizeof(allowed), &allowed) == 0;
+  return known ? std::max<std::uint64_t>(1, static_cast<std::uint64_t>(CPU_COUNT(&allowed))) : 1;
 }
 
 bool List(const ErrorPacket& error) {
@@ -63,6 +74,8 @@ Checker& CheckerOf(const ThreadCounters& counters) {
 Checker& BeginCheck(ThreadCounters& counters, std::uint64_t ns, std::size_t bytes) {
   Checker& checker = checkers[counters.set];
   engineOf[counters.set].store(static_cast<std::uint32_t>(counters.engine), std::memory_order_relaxed);
+  if (checker.operations.load(std::memory_order_relaxed) == 0)
+    workers.fetch_add(1, std::memory_order_relaxed);
   Count(checker.operations, 1);
   Count(checker.allBytes, bytes);
   checker.busyNs += ns;
@@ -70,8 +83,11 @@ Checker& BeginCheck(ThreadCounters& counters, std::uint64_t ns, std::size_t byte
   return checker;
 }
 
+// Of more threads than processors, each has waited for the others in part of its time.
 bool MaySpend(const Checker& checker, std::uint64_t ns) {
-  return checker.spentNs + ns <= checker.busyNs / kShareOf * kShare;
+  static const std::uint64_t processors = Processors();
+  const std::uint64_t sharing = std::max(processors, workers.load(std::memory_order_relaxed));
+  return checker.spentNs + ns <= checker.busyNs / kShareOf * kShare * processors / sharing;
 }
 
 void Spent(Checker& checker, std::uint64_t ns) {

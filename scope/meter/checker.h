@@ -80,7 +80,8 @@ Checker& CheckerOf(const ThreadCounters& counters);
 /// Begins an operation of `ns` with results of `bytes`. Returns the thread's checker.
 Checker& BeginCheck(ThreadCounters& counters, std::uint64_t ns, std::size_t bytes);
 
-/// True if a check of `ns` fits into the share of the time that checks may take.
+/// True if a check of `ns` fits into the share of the time that checks may take: that of the thread, and of
+/// all threads together that of the processors.
 bool MaySpend(const Checker& checker, std::uint64_t ns);
 
 /// Counts the time of a check that has been made.

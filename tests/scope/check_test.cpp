@@ -115,6 +115,29 @@ void Encode(const Worker& worker, const Bytes& frame, std::uint64_t number, std:
   EncodeAs(worker, frame, number, stream);
 }
 
+TEST(Check, ThreadsThatWaitForProcessorsHaveLessTimeForChecks) {
+  InOwnProcess([] {
+    const auto processors = static_cast<std::uint32_t>(sysconf(_SC_NPROCESSORS_ONLN));
+    const Worker first(Engine::kCpu, 0);
+    Checker& checker = BeginCheck(*first.counters, kOperationNs, 1);
+    EXPECT_TRUE(MaySpend(checker, kOperationNs / 100));
+    EXPECT_FALSE(MaySpend(checker, kOperationNs / 100 + 1));
+    std::uint32_t set = 1;
+    for (; set < std::min(kCounterSets, 2 * processors); ++set) {
+      ThreadCounters counters{};
+      counters.engine = Engine::kCpu;
+      counters.set = set;
+      (void)BeginCheck(counters, kOperationNs, 1);
+      // A second operation is not a second thread.
+      (void)BeginCheck(counters, kOperationNs, 1);
+    }
+    ASSERT_GT(set, processors) << "more threads than processors";
+    const std::uint64_t allowed = kOperationNs / 100 * processors / set;
+    EXPECT_TRUE(MaySpend(checker, allowed));
+    EXPECT_FALSE(MaySpend(checker, allowed + 1));
+  });
+}
+
 TEST(Check, EveryBitThatStaysWrongInACopyIsFound) {
   InOwnProcess([] {
     const Worker worker(Engine::kCpu, 0);
