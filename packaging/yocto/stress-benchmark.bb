@@ -18,11 +18,9 @@ TOOLCHAIN = "clang"
 RUNTIME = "llvm"
 DEPENDS = "ffmpeg libyaml onnxruntime"
 
-# The scope needs CLI11, nlohmann-json and Chart.js.
 PACKAGECONFIG ??= ""
-PACKAGECONFIG[scope] = "-DSTRESS_SCOPE=ON -DSCOPE_CHARTS_LIBRARY=${STAGING_DATADIR}/javascript/chart.js/chart.min.js,-DSTRESS_SCOPE=OFF,cli11 nlohmann-json"
 PACKAGECONFIG[dlt] = "-DSTRESS_DLT=ON,-DSTRESS_DLT=OFF,dlt-daemon"
-EXTRA_OECMAKE = "-DSTRESS_TESTS=OFF -DONNXRUNTIME_ROOT=${STAGING_DIR_HOST}${prefix}"
+EXTRA_OECMAKE = "-DSTRESS_TESTS=OFF -DSTRESS_SCOPE=OFF -DONNXRUNTIME_ROOT=${STAGING_DIR_HOST}${prefix}"
 
 # The build starts make_network to make example networks, which the build machine cannot run: only programs are built.
 OECMAKE_TARGET_COMPILE = "stress_benchmark platform_conformance make_network"
