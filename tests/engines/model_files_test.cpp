@@ -61,9 +61,20 @@ TEST_F(ModelFilesTest, ADamagedModelNamesWhatPrecedesTheDamage) {
   }
   EXPECT_THAT(ExternalWeights(Write(good + std::string(1000, '\xFF'))), ElementsAre("w.bin"));
   EXPECT_THAT(ExternalWeights(Write(std::string("\x3A\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F"))), IsEmpty());
-  std::string deep = ExternalTensor("deep.bin");
-  for (int i = 0; i < 2000; ++i) deep = Field(1, Field(5, Field(6, deep)));
-  EXPECT_THAT(ExternalWeights(Write(Field(7, deep))), IsEmpty());
+}
+
+// Of 64 messages one in the other, and no deeper.
+TEST_F(ModelFilesTest, DeepGraphsAreReadToALimit) {
+  const auto inGraphs = [this](int count, std::string content) {
+    for (int i = 0; i < count; ++i) content = Field(1, Field(5, Field(6, content)));
+    return Write(Field(7, content));
+  };
+  const std::string initializer = Field(5, ExternalTensor("w.bin"));                    // 2 messages
+  const std::string sparse = Field(15, Field(1, ExternalTensor("w.bin")));              // 3
+  const std::string attribute = Field(1, Field(5, Field(5, ExternalTensor("w.bin"))));  // 4
+  EXPECT_THAT(ExternalWeights(inGraphs(20, sparse)), ElementsAre("w.bin")) << 1 + 20 * 3 + 3;
+  EXPECT_THAT(ExternalWeights(inGraphs(20, attribute)), IsEmpty()) << 1 + 20 * 3 + 4;
+  EXPECT_THAT(ExternalWeights(inGraphs(2000, initializer)), IsEmpty());
 }
 
 TEST_F(ModelFilesTest, WeightsLieInTheFolderOfTheModel) {
