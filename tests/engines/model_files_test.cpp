@@ -63,6 +63,14 @@ TEST_F(ModelFilesTest, ADamagedModelNamesWhatPrecedesTheDamage) {
   EXPECT_THAT(ExternalWeights(Write(std::string("\x3A\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F"))), IsEmpty());
 }
 
+// A length of 128 is written as 0x80 0x01: the first byte has nothing but the sign that another one follows.
+TEST_F(ModelFilesTest, AByteOfALengthMayBeEmpty) {
+  std::string graph = Field(5, ExternalTensor("w.bin"));
+  graph = Field(2, std::string(128 - 2 - graph.size(), 'n')) + graph;
+  ASSERT_EQ(graph.size(), 128U);
+  EXPECT_THAT(ExternalWeights(Write(Field(7, graph))), ElementsAre("w.bin"));
+}
+
 // Of 64 messages one in the other, and no deeper.
 TEST_F(ModelFilesTest, DeepGraphsAreReadToALimit) {
   const auto inGraphs = [this](int count, std::string content) {
