@@ -4,6 +4,13 @@
 // only the log shows the choice.
 #include <gtest/gtest.h>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/dict.h>
+#include <libavutil/opt.h>
+}
+
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -49,6 +56,35 @@ TEST(EncoderChoice, AnEngineThatIsAskedForIsTheOnlyOneTried) {
     EXPECT_EQ(NamesToTry(name, {"/dev/video*", "/dev/nvidia[0-9]*", "/dev/dri/renderD*"}),
               std::vector<std::string>{name});
   }
+}
+
+// libavcodec only warns of options that it does not know, and this machine need not have the device.
+TEST(EncoderChoice, EachEngineKnowsItsOptions) {
+  int known = 0;
+  for (const auto& engine : H264EnginesToTry("auto", [](const char*) { return true; })) {
+    SCOPED_TRACE(engine.name);
+    const AVCodec* const encoder = avcodec_find_encoder_by_name(engine.name);
+    if (encoder == nullptr) continue;  // libavcodec is built without it
+    ++known;
+    AVDictionary* options = nullptr;
+    ASSERT_EQ(av_dict_parse_string(&options, engine.options, "=", ",", 0), 0);
+    const AVClass* const ofEncoder = encoder->priv_class;
+    for (const AVDictionaryEntry* one = nullptr;
+         (one = av_dict_get(options, "", one, AV_DICT_IGNORE_SUFFIX));) {
+      const AVOption* const option =
+          av_opt_find(const_cast<const AVClass**>(&ofEncoder), one->key, nullptr, 0, AV_OPT_SEARCH_FAKE_OBJ);
+      ASSERT_NE(option, nullptr) << one->key;
+      char* end = nullptr;
+      (void)std::strtol(one->value, &end, 10);
+      if (option->unit == nullptr || *end == '\0') continue;
+      EXPECT_NE(av_opt_find(const_cast<const AVClass**>(&ofEncoder), one->value, option->unit, 0,
+                            AV_OPT_SEARCH_FAKE_OBJ),
+                nullptr)
+          << one->key << "=" << one->value;
+    }
+    av_dict_free(&options);
+  }
+  EXPECT_GE(known, 1) << "libx264";
 }
 
 TEST(EncoderChoice, DevicesAreFoundByPattern) {

@@ -43,9 +43,11 @@ TEST_F(ModelFilesTest, WeightsAreFoundWhereverTensorsStand) {
 TEST_F(ModelFilesTest, FieldsOfOtherKindsAreSkippedByTheirLength) {
   const std::string weights = Field(7, Field(5, ExternalTensor("w.bin")));
   const std::string number = "\x08\x96\x01";
+  const std::string minusOne = "\x08\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01";
   const std::string eightBytes = '\x11' + std::string(8, '\xFF');
   const std::string fourBytes = '\x1D' + std::string(4, '\xFF');
-  EXPECT_THAT(ExternalWeights(Write(number + eightBytes + fourBytes + weights)), ElementsAre("w.bin"));
+  EXPECT_THAT(ExternalWeights(Write(number + minusOne + eightBytes + fourBytes + weights)),
+              ElementsAre("w.bin"));
   for (const char unknown : {'\x1B', '\x1C', '\x1E', '\x1F'}) {
     EXPECT_THAT(ExternalWeights(Write(unknown + std::string(4, '\0') + weights)), IsEmpty());
   }
