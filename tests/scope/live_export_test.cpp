@@ -129,6 +129,55 @@ TEST(MetricsTest, TheRestOfASecondIsCountedButIsNoRate) {
   EXPECT_THAT(text, HasSubstr("stress_run_running 0\n"));
 }
 
+scope::LatencySecond Latency(double timeS, std::uint64_t accesses) {
+  scope::LatencySecond second;
+  second.timeS = timeS;
+  second.accesses = accesses;
+  second.bursts = 8;
+  second.interrupted = accesses == 0 ? 8 : 1;
+  if (accesses == 0) return second;
+  second.p50Ns = 160;
+  second.p99Ns = 250;
+  second.p999Ns = 1500;
+  second.maxNs = 32'000;
+  return second;
+}
+
+TEST(MetricsTest, TheLatencyOfMemoryIsInSeconds) {
+  scope::Metrics metrics(0, "");
+  EXPECT_THAT(metrics.Text(true), Not(HasSubstr("memory_latency"))) << "without a probe";
+  metrics.Add({Latency(1, 0)});
+  EXPECT_THAT(metrics.Text(true), AllOf(HasSubstr("\nstress_memory_latency_interrupted_bursts_total 8\n"),
+                                        Not(HasSubstr("latency_median"))))
+      << "no access, so no latency";
+  // The last one is a rest.
+  metrics.Add({Latency(2, 900), Latency(2.1, 0)});
+  const std::string text = metrics.Text(true);
+  EXPECT_THAT(text, HasSubstr("stress_run_elapsed_seconds 2.1\n"));
+  EXPECT_EQ(
+      text.substr(text.find("# HELP stress_memory")),
+      "# HELP stress_memory_latency_median_seconds Median of the last second's accesses to memory.\n"
+      "# TYPE stress_memory_latency_median_seconds gauge\n"
+      "stress_memory_latency_median_seconds 1.6e-07\n"
+      "# HELP stress_memory_latency_p99_seconds 99th percentile of the last second's accesses to memory.\n"
+      "# TYPE stress_memory_latency_p99_seconds gauge\n"
+      "stress_memory_latency_p99_seconds 2.5e-07\n"
+      "# HELP stress_memory_latency_p999_seconds 99.9th percentile of the last second's accesses to "
+      "memory.\n"
+      "# TYPE stress_memory_latency_p999_seconds gauge\n"
+      "stress_memory_latency_p999_seconds 1.5e-06\n"
+      "# HELP stress_memory_latency_max_seconds Longest access to memory of the last second.\n"
+      "# TYPE stress_memory_latency_max_seconds gauge\n"
+      "stress_memory_latency_max_seconds 3.2e-05\n"
+      "# HELP stress_memory_latency_bursts_total Bursts of accesses that the probe has made.\n"
+      "# TYPE stress_memory_latency_bursts_total counter\n"
+      "stress_memory_latency_bursts_total 24\n"
+      "# HELP stress_memory_latency_interrupted_bursts_total Bursts in which the probe lost its processor; "
+      "their accesses are not counted.\n"
+      "# TYPE stress_memory_latency_interrupted_bursts_total counter\n"
+      "stress_memory_latency_interrupted_bursts_total 17\n");
+}
+
 TEST(MetricsTest, UnknownBytesHaveNoValue) {
   scope::MeterSecond second = Second(1, 1, 500);
   second.engines[0].bytes.reset();
@@ -195,6 +244,26 @@ TEST_F(LiveExportTest, ATraceHasASliceForEachSecondOfAThreadAndCounters) {
                                  "process_name stress_benchmark", "thermal zone0 degC",
                                  "thread_name CPU: memory copies 3"));
   EXPECT_THAT(faults_, IsEmpty());
+}
+
+TEST_F(LiveExportTest, TheLatencyOfMemoryIsATrackOfEachFigure) {
+  scope::LiveExport exports = Make();
+  exports.Add({Latency(1, 900), Latency(2, 0)});
+  exports.Add({Latency(3, 900), Latency(3.05, 900)});
+  exports.End();
+  std::vector<std::pair<double, double>> tails;
+  std::set<std::string> names;
+  for (const nlohmann::json& event : Trace()) {
+    if (event["ph"] != "C") continue;
+    names.insert(event["name"]);
+    EXPECT_EQ(event["pid"], 2);
+    if (event["name"] == "memory latency p99.9 ns") tails.emplace_back(event["ts"], event["args"]["value"]);
+  }
+  EXPECT_THAT(names, ElementsAre("memory latency max ns", "memory latency p50 ns", "memory latency p99 ns",
+                                 "memory latency p99.9 ns"));
+  EXPECT_THAT(tails, ElementsAre(Pair(0, 1500), Pair(2e6, 1500)))
+      << "no value without an access, or of a rest";
+  EXPECT_THAT(folder_.Get("stress.prom"), HasSubstr("stress_memory_latency_p999_seconds 1.5e-06\n"));
 }
 
 // A viewer opens what was written before a crash.

@@ -77,6 +77,11 @@ void LiveExport::Add(double timeS, const std::vector<CounterValue>& values) {
   if (!files_.metrics.empty()) Try(metricsFailed_, [this] { WriteMetrics(true); });
 }
 
+void LiveExport::Add(const std::vector<LatencySecond>& seconds) {
+  metrics_.Add(seconds);
+  if (trace_) Try(traceFailed_, [&] { trace_->Add(seconds); });
+}
+
 void LiveExport::End() {
   if (std::exchange(ended_, true)) return;
   if (!files_.metrics.empty()) Try(metricsFailed_, [this] { WriteMetrics(false); });

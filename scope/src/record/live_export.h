@@ -34,6 +34,8 @@ class LiveExport {
   void Add(const MeterSecond& second);
   /// The machine's counters at `timeS`, once a second. The metrics are written then.
   void Add(double timeS, const std::vector<CounterValue>& values);
+  /// Seconds of the latency probe.
+  void Add(const std::vector<LatencySecond>& seconds);
   /// The benchmark has ended.
   void End();
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <iterator>
 #include <optional>
+#include <utility>
 
 #include "figures.h"
 #include "printable.h"
@@ -125,6 +126,16 @@ void Metrics::Add(double timeS, const std::vector<CounterValue>& values) {
   for (const CounterValue& value : values) counters_[{value.source, value.name}] = value;
 }
 
+void Metrics::Add(const std::vector<LatencySecond>& seconds) {
+  for (const LatencySecond& second : seconds) {
+    if (!latency_) latency_.emplace();
+    if (second.timeS - std::exchange(latency_->timeS, second.timeS) > kShownSecondS) latency_->last = second;
+    latency_->bursts += second.bursts;
+    latency_->interrupted += second.interrupted;
+    elapsedS_ = std::max(elapsedS_, second.timeS);
+  }
+}
+
 std::string Metrics::Text(bool running) const {
   MetricsPage page;
   page.Family("stress_run_info", "gauge", "The run that these figures are of.");
@@ -136,6 +147,7 @@ std::string Metrics::Text(bool running) const {
   page.Family("stress_run_elapsed_seconds", "gauge", "Time from the start of the run to its last figures.");
   page.Value("", elapsedS_);
   AddEngines(page);
+  AddLatency(page);
   AddCounters(page);
   return page.Text();
 }
@@ -180,6 +192,28 @@ void Metrics::AddEngines(MetricsPage& page) const {
   latency("stress_engine_latency_p99_seconds", "99th percentile of the last second's latencies.",
           &Work::p99Ns);
   latency("stress_engine_latency_max_seconds", "Longest operation of the last second.", &Work::maxNs);
+}
+
+void Metrics::AddLatency(MetricsPage& page) const {
+  if (!latency_) return;
+  const auto latency = [&](const char* name, const char* help, std::uint64_t LatencySecond::* field) {
+    page.Family(name, "gauge", help);
+    // Without an access in this second there is no value, and not 0.
+    if (latency_->last.accesses != 0) page.Value("", static_cast<double>(latency_->last.*field) / kNsPerS);
+  };
+  latency("stress_memory_latency_median_seconds", "Median of the last second's accesses to memory.",
+          &LatencySecond::p50Ns);
+  latency("stress_memory_latency_p99_seconds", "99th percentile of the last second's accesses to memory.",
+          &LatencySecond::p99Ns);
+  latency("stress_memory_latency_p999_seconds", "99.9th percentile of the last second's accesses to memory.",
+          &LatencySecond::p999Ns);
+  latency("stress_memory_latency_max_seconds", "Longest access to memory of the last second.",
+          &LatencySecond::maxNs);
+  page.Family("stress_memory_latency_bursts_total", "counter", "Bursts of accesses that the probe has made.");
+  page.Value("", static_cast<double>(latency_->bursts));
+  page.Family("stress_memory_latency_interrupted_bursts_total", "counter",
+              "Bursts in which the probe lost its processor; their accesses are not counted.");
+  page.Value("", static_cast<double>(latency_->interrupted));
 }
 
 void Metrics::AddCounters(MetricsPage& page) const {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +25,8 @@ class Metrics {
   void Add(const MeterSecond& second);
   /// Keeps the last value of each counter. `timeS`: when they were read.
   void Add(double timeS, const std::vector<CounterValue>& values);
+  /// Seconds of the latency probe, in order of time.
+  void Add(const std::vector<LatencySecond>& seconds);
 
   /// Everything that was added so far. `running`: false after the benchmark's end.
   std::string Text(bool running) const;
@@ -34,7 +37,16 @@ class Metrics {
     EngineSample last;
   };
 
+  /// The latency of memory: of the last second, and bursts so far.
+  struct Latency {
+    LatencySecond last;
+    double timeS = 0;  ///< end of what was added
+    std::uint64_t bursts = 0;
+    std::uint64_t interrupted = 0;
+  };
+
   void AddEngines(MetricsPage& page) const;
+  void AddLatency(MetricsPage& page) const;
   void AddCounters(MetricsPage& page) const;
 
   double startedS_;
@@ -42,6 +54,7 @@ class Metrics {
   double timeS_ = 0;  ///< end of the last second
   double elapsedS_ = 0;
   std::map<std::string, Engine> engines_;
+  std::optional<Latency> latency_;                                        ///< none without a probe
   std::map<std::pair<std::string, std::string>, CounterValue> counters_;  ///< by source and name
 };
 

@@ -252,6 +252,7 @@ class Recording {
       latency_->Read(seconds);
     }
     run_->Add(seconds);
+    exports_->Add(seconds);
     if (!seconds.empty()) figures_.SetLatency(seconds.back());
     if (wasWell && !latency_->Fault().empty()) {
       Fail(latency_->Fault() + ": the latency of memory was not measured from then on",

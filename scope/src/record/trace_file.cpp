@@ -93,6 +93,21 @@ void TraceFile::Add(double timeS, const std::vector<CounterValue>& values) {
   Flush();
 }
 
+void TraceFile::Add(const std::vector<LatencySecond>& seconds) {
+  for (const LatencySecond& second : seconds) {
+    const double from = std::exchange(latencyS_, second.timeS);
+    if (second.accesses == 0 || second.timeS - from <= kShownSecondS) continue;
+    const auto count = [&](const char* figure, std::uint64_t ns) {
+      Count(kMachine, from, std::string("memory latency ") + figure + " ns", static_cast<double>(ns));
+    };
+    count("p50", second.p50Ns);
+    count("p99", second.p99Ns);
+    count("p99.9", second.p999Ns);
+    count("max", second.maxNs);
+  }
+  Flush();
+}
+
 void TraceFile::Close() {
   file_.Write(std::exchange(events_, {}) + "\n]\n");
   file_.Close();

@@ -23,6 +23,8 @@ class TraceFile {
   void Add(const MeterSecond& second);
   /// `timeS`: when they were read. Their values are those of the time since the call before.
   void Add(double timeS, const std::vector<CounterValue>& values);
+  /// Seconds of the latency probe, in order of time.
+  void Add(const std::vector<LatencySecond>& seconds);
   /// Ends the file. A viewer opens one without its end, too.
   void Close();
 
@@ -37,6 +39,7 @@ class TraceFile {
   std::set<std::pair<std::string, int>> threads_;
   double timeS_ = 0;      ///< end of the last second
   double countersS_ = 0;  ///< when the counters were last read
+  double latencyS_ = 0;   ///< end of the latency probe's last second
   bool first_ = true;
 };
 
