@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
@@ -225,6 +226,35 @@ TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
   const CurveTable table = ReadCurveTable(folder_ / "curve");
   EXPECT_FALSE(table.points[5].values[0]);
   EXPECT_THAT(table.notes, ElementsAre("1 run without a latency or a bandwidth after the warm-up: left out"));
+}
+
+TEST_F(CurveTest, SaysWhatTheProbeCouldNotHave) {
+  const Curve curve = made_curve::Write(folder_ / "curve", Queue, 1);
+  const auto notes = [&](const std::function<void(scope::Run&, std::size_t)>& change) {
+    for (std::size_t i = 0; i < curve.sweep.runs.size(); ++i) {
+      const std::string folder = folder_ / ("curve/" + curve.sweep.runs[i].folder);
+      scope::Run run = made_curve::Run(Queue(LoadOf(curve, static_cast<int>(i)), 1));
+      change(run, i);
+      std::filesystem::remove_all(folder);
+      made_run::Write(run, folder);
+    }
+    return ReadCurveTable(folder_ / "curve").notes;
+  };
+  EXPECT_THAT(notes([](scope::Run& run, std::size_t) {
+                run.info.latency.cpu = -1;
+                run.info.latency.cpuNote = "Operation not permitted";
+              }),
+              ElementsAre("latency of 10 runs: the probe had no CPU of its own: Operation not permitted"));
+  const std::vector<std::string> interrupted = notes([](scope::Run& run, std::size_t i) {
+    if (i == 0) return;
+    run.info.latency.bursts = 32;
+    run.info.latency.interrupted = i;
+  });
+  ASSERT_EQ(interrupted.size(), 4U) << "a tenth may be interrupted";
+  EXPECT_EQ(
+      interrupted[0],
+      "latency of run-0005: 4 of 32 bursts interrupted: other programs or the host took the probe's CPU");
+  EXPECT_EQ(interrupted[3], "the latency of 3 more runs is doubtful");
 }
 
 TEST_F(CurveTest, ComparesTwo) {

@@ -44,6 +44,7 @@ inline scope::Run Run(const Value& value) {
   run.info.config.levels = {{"cpu", 1}};
   run.info.counters.clear();
   run.info.latency.bytes = 1 << 28;
+  run.info.latency.cpu = 1;
   run.info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 1";
   run.samples.clear();
   run.rates.clear();

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "curve_folder.h"
+#include "latency_texts.h"
 #include "number_text.h"
 #include "ratio.h"
 #include "statistics.h"
@@ -81,18 +82,22 @@ CurveTable ReadCurveTable(const std::string& folder) {
                             std::vector<std::optional<CurveValue>>(repeats)});
   }
   std::size_t without = 0;
+  std::vector<LatencyDoubt> doubts;
   table.runs =
       ReadSweepTable(folder, sweep, [&](const SweepRun& planned, const Run& run, const RunSummary& summary) {
         const auto index = static_cast<std::size_t>(&planned - sweep.runs.data());
         const auto value = CurveValueOf(run, summary, sweep.settings.warmupS);
         if (!value) ++without;
         table.points[index / repeats].values[index % repeats] = value;
+        for (std::string& doubt : LatencyDoubts(run, summary))
+          doubts.push_back({planned.folder, std::move(doubt)});
         Run info;
         info.folder = run.folder;
         info.info = run.info;
         table.infos.push_back(std::move(info));
       });
   table.notes = table.runs.notes;
+  AddLatencyDoubts(doubts, table.notes);
   if (without != 0) {
     table.notes.push_back(Counted(without, "run") +
                           " without a latency or a bandwidth after the warm-up: left out");

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <optional>
+#include <utility>
 
 #include "number_text.h"
 #include "statistics.h"
@@ -117,6 +119,20 @@ std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary
                latency.timerStepNs, latency.meanNs));
   }
   return doubts;
+}
+
+void AddLatencyDoubts(const std::vector<LatencyDoubt>& doubts, std::vector<std::string>& notes) {
+  constexpr std::size_t kShown = 3;
+  std::map<std::string, std::size_t> counts;
+  for (const LatencyDoubt& doubt : doubts) ++counts[doubt.text];
+  std::size_t single = 0;
+  for (const LatencyDoubt& doubt : doubts) {
+    const std::size_t count = std::exchange(counts[doubt.text], 0);
+    if (count > 1) notes.push_back("latency of " + std::to_string(count) + " runs: " + doubt.text);
+    if (count == 1 && ++single <= kShown) notes.push_back("latency of " + doubt.run + ": " + doubt.text);
+  }
+  if (single > kShown)
+    notes.push_back("the latency of " + Counted(single - kShown, "more run") + " is doubtful");
 }
 
 }  // namespace scope

@@ -16,4 +16,14 @@ std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary)
 /// Reasons to doubt these figures, one sentence each.
 std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary);
 
+/// A reason to doubt the latency of one of several runs.
+struct LatencyDoubt {
+  std::string run;  ///< its name
+  std::string text;
+};
+
+/// Adds the doubts of several runs to `notes`: what all or some share once, of the others the first three,
+/// and how many more there are.
+void AddLatencyDoubts(const std::vector<LatencyDoubt>& doubts, std::vector<std::string>& notes);
+
 }  // namespace scope

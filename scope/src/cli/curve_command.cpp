@@ -9,8 +9,8 @@
 
 #include "cell_folder.h"
 #include "commands.h"
-#include "conditions.h"
 #include "configuration.h"
+#include "control.h"
 #include "curve_folder.h"
 #include "curve_plan.h"
 #include "durable_file.h"
@@ -66,7 +66,8 @@ void ChooseLoad(const CurveOptions& options, Curve& curve) {
     throw UserError("--most " + std::to_string(options.most) + ": levels allow at most " +
                     std::to_string(greatest) + " times " + MixText(curve.mix));
   }
-  const int cpus = ReadConditions(options.settings.systemRoot).cpuCount;
+  // Those that it may use.
+  const auto cpus = static_cast<int>(AllowedCpus().size());
   curve.most = options.most != 0 ? options.most : std::clamp(divisor, UsualMost(curve.mix, cpus), greatest);
   unsigned int runTimeS = 0;
   for (const auto& [id, level] : ReadConfiguration(options.config, runTimeS).levels) {
@@ -140,7 +141,8 @@ CLI::Option* AddPlanOfCurve(CLI::App& command, CurveOptions& options, CLI::Optio
       ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurvePoints.least),
                               static_cast<std::uint64_t>(kAllowedCurvePoints.most)))
       ->capture_default_str();
-  add("--most", options.most, "N", "Greatest load, in units of the mix (default: a thread for each CPU)")
+  add("--most", options.most, "N",
+      "Greatest load, in units of the mix (default: a thread for each CPU that it may use)")
       ->check(WholeNumberFrom(1, static_cast<std::uint64_t>(kMostLevel)));
   add("--repeat", settings.repeats, "N", "Runs of each point; each repeat is a whole curve")
       ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurveRepeats.least),
