@@ -35,7 +35,7 @@ function curveMarks(curves) {
 function latencyChart(id, title, curves, series) {
   const values = series.flatMap(({points}) => points);
   const widened = (most) => (most > 0 ? most * 1.1 : 1); // room for texts and intervals
-  return {id, title, broad: true, marks: curveMarks(curves), series: series.filter(isDrawn),
+  return {id, title, broad: true, tall: true, marks: curveMarks(curves), series: series.filter(isDrawn),
     x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: widened(greatest(values.map(({x}) => x)))},
     y: {title: 'Latency of an access to memory (ns)', max: widened(greatest(values.map(({y}) => y)))}};
 }

@@ -249,5 +249,5 @@ function chartFigures(charts, about) {
     return [el('figcaption', {class: kind === 'plot strip' && 'minor'}, chart.title), el('div', {class: kind}, canvas)];
   };
   return el('div', {class: 'charts'}, charts.map((chart) => el('figure', {class: Boolean(chart.broad) && 'broad'},
-      captioned(chart, 'plot'), ...(chart.beneath ?? []).map((strip) => captioned(strip, 'plot strip')))));
+      captioned(chart, chart.tall ? 'plot tall' : 'plot'), ...(chart.beneath ?? []).map((strip) => captioned(strip, 'plot strip')))));
 }

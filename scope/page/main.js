@@ -2,7 +2,7 @@
 
 // Makes the page from its data, which scope/FORMAT.md describes.
 
-const kPages = {report: showReport, compare: showComparison, sweep: showSweep, curves: showCurves, fleet: showFleet};
+const kPages = {report: showReport, compare: showComparison, sweep: showSweep, curves: showCurves, matrix: showMatrix, fleet: showFleet};
 const kData = JSON.parse(document.getElementById('report-data').textContent);
 
 // Fills the template. `figures` are the table of figures, which the explanations name.

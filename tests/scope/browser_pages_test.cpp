@@ -9,7 +9,9 @@
 
 #include "browser.h"
 #include "made_curve.h"
+#include "made_matrix.h"
 #include "made_run.h"
+#include "pages.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "synthetic_run.h"
@@ -342,6 +344,60 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
               AllOf(HasSubstr("B is worse than A"), HasSubstr("Idle latency: 100.0 ns"),
                     HasSubstr("1.5 times that at idle"), HasSubstr("256 MiB in pages of 2 MiB")));
   EXPECT_EQ(visit.page["extra"]["fits"], true);
+}
+
+constexpr const char* kForest =
+    "const colourOf = (element) => getComputedStyle(element).stroke;"
+    "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
+    " drawings: document.querySelectorAll('.forest tr .value').length,"
+    " words: document.querySelectorAll('.forest .bar')[1].getAttribute('aria-label'),"
+    " colours: ['in-all', 'by-memory', 'by-cpu'].map((kind) => colourOf(document.querySelector(`.forest "
+    ".interval.${kind}`))),"
+    " marked: [...document.querySelectorAll('.heat .marked')].map((cell) => cell.firstChild.textContent),"
+    " width: document.querySelectorAll('.forest .bar')[1].getBoundingClientRect().width};";
+
+TEST_F(PagesInBrowser, AMatrixDrawsEachSlowdownWithItsInterval) {
+  scope::MatrixTable table = made_matrix::Table();
+  table.notes.push_back(kHostile);
+  const std::string page =
+      folder_.Put("matrix.html",
+                  Measured(scope::MatrixPage("who <img src=x>", made_matrix::Plan(), table, false), kForest));
+  const Visit visit = Open(page, "matrix_1280_light", 1280, 2400);
+  ExpectQuiet(visit);
+  EXPECT_THAT(visit.dom, Not(HasSubstr("<img")));
+  EXPECT_THAT(visit.Row("heat", {"Aggressors"}), ElementsAre("Aggressors", "latency", "VPC=1"));
+  EXPECT_THAT(visit.Row("heat", {"CPU=2"}),
+              ElementsAre("CPU=2", "no control", "+30.0 %+23.5 % to +36.5 %in all +56.0 %"));
+  EXPECT_THAT(visit.Row("heat", {"VENC=1"}), ElementsAre("VENC=1", "", HasSubstr("+1.0 %")));
+  EXPECT_THAT(visit.Row("figures matrix slowdowns two", {"VPC=1", "CPU=2 VENC=1"}),
+              ElementsAre("VPC=1", "CPU=2 VENC=1", "+100.0 % (+90.0 % to +110.0 %)",
+                          "+60.0 % (+52.0 % to +68.0 %)", "+25.0 % (+18.8 % to +31.3 %)", "68 % (60 to 76)"));
+  EXPECT_THAT(visit.Row("figures matrix values two", {"VPC=1", "CPU=2 VENC=1"}),
+              ElementsAre("VPC=1", "CPU=2 VENC=1", "1000.0", "800.0", "500.0", "2.00 µs", "2.50 µs",
+                          "4.00 µs", "1.20", "1.10"));
+  EXPECT_THAT(visit.Row("figures matrix slowdowns two", {"latency", "CPU=2"}),
+              ElementsAre("latency", "CPU=2", "+80.0 % (+71.0 % to +89.0 %)", "–", "–", "–"));
+  EXPECT_THAT(
+      visit.Row("figures matrix values two", {"latency", "CPU=2"}),
+      ElementsAre("latency", "CPU=2", "100 ns", "–", "180 ns", "2.00 µs", "–", "3.60 µs", "1.20", "–"));
+  EXPECT_THAT(visit.Text(), AllOf(HasSubstr("Memory slows VPC=1 most beside CPU=2 VENC=1"),
+                                  HasSubstr("not done: 4 of 24 runs"), HasSubstr("throw 1"),
+                                  HasSubstr("20 runs, warm-up 1 s, incomplete"),
+                                  HasSubstr("1.6 times by memory are 2 times in all")));
+  const json seen = visit.page["extra"];
+  EXPECT_EQ(seen["drawings"], 5 * 3 - 2);
+  EXPECT_EQ(seen["words"],
+            "In all +152.5 %, +139.9 % to +165.1 %; By memory +150.0 %, +137.5 % to +162.5 %; "
+            "By CPU +1.0 %, −4.1 % to +6.0 %");
+  EXPECT_EQ(seen["colours"], json::parse(R"X(["rgb(27, 31, 36)", "rgb(0, 114, 178)", "rgb(213, 94, 0)"])X"));
+  EXPECT_EQ(seen["marked"], json::parse(R"(["+150.0 %", "+60.0 %", "+30.0 %"])"));
+  EXPECT_EQ(seen["fits"], true);
+  EXPECT_GT(seen["width"], 400);
+  const Visit phone = Open(page, "matrix_390_dark", 390, 4000, true);
+  EXPECT_EQ(phone.page["extra"]["fits"], true);
+  EXPECT_EQ(phone.page["extra"]["colours"],
+            json::parse(R"X(["rgb(227, 231, 235)", "rgb(89, 163, 205)", "rgb(240, 149, 90)"])X"));
+  EXPECT_THAT(Print(page, "matrix_printed"), HasSubstr("MediaBox [0 0 594.9"));
 }
 
 // Two settings: what fails is one corner of the map.

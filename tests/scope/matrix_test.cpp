@@ -21,16 +21,19 @@
 #include "engines.h"
 #include "error_of.h"
 #include "latency_buckets.h"
+#include "made_curve.h"
 #include "margin_search.h"
 #include "matrix_folder.h"
 #include "matrix_plan.h"
 #include "matrix_table.h"
 #include "matrix_text.h"
 #include "normal_values.h"
+#include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "sweep_plan.h"
 #include "synthetic_run.h"
+#include "system_files.h"
 #include "temporary_folder.h"
 
 namespace {
@@ -198,6 +201,9 @@ TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
   EXPECT_NEAR(cell.byMemory->value, 60, 0.5);
   EXPECT_NEAR(cell.byCpu->value, 25, 0.5);
   EXPECT_NEAR(cell.total->value, 100, 0.5);
+  EXPECT_NEAR(cell.memoryShare->percent, std::log(1.6) / std::log(2) * 100, 1);
+  EXPECT_LT(cell.memoryShare->low, 68);
+  EXPECT_GT(cell.memoryShare->high, 68);
   EXPECT_LT(*cell.byMemory->low, cell.byMemory->value);
   EXPECT_NEAR(*cell.aggressorCpus, 1.2, 1e-6);
   EXPECT_THAT(cell.control.cpus, Each(::testing::DoubleNear(1.19, 1e-6)));
@@ -215,6 +221,32 @@ TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
   EXPECT_NEAR(control[0].computeUs, 1500, 1);
   EXPECT_NEAR(control[0].periodUs, 2500, 1);
   EXPECT_EQ(ControlText(control), "2 x (1500 us of 2500 us)");
+}
+
+TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
+  Matrix matrix = Planned({"CPU=0,2"}, {"latency"}, 2);
+  matrix.settings.warmupS = 1;
+  matrix.runs = PlanMatrix(matrix);
+  for (MatrixRun& run : matrix.runs) {
+    run.state = SweepState::kDone;
+    const double ns = run.part == MatrixPart::kAlone ? 100 : run.part == MatrixPart::kControl ? 110 : 220;
+    scope::Run recorded = made_curve::Run({5, ns + run.repeat});
+    if (run.part == MatrixPart::kControl && run.repeat == 2)
+      recorded.info.conditions.latency = "64 MiB in pages of 4 KiB, CPU 1";
+    recorded.info.latency.cpu = run.part == MatrixPart::kWith ? -1 : 1;
+    recorded.info.latency.cpuNote = run.part == MatrixPart::kWith ? "it is taken" : "";
+    made_run::Write(recorded, Folder() + "/" + run.folder);
+  }
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  ASSERT_THAT(table.cells, SizeIs(1));
+  EXPECT_THAT(table.cells[0].alone.main, ElementsAre(101, 102)) << "ns";
+  EXPECT_THAT(table.cells[0].with.p99Us, ElementsAre(0.442, 0.444));
+  EXPECT_NEAR(table.cells[0].byMemory->value, 98.7, 0.1);
+  EXPECT_EQ(table.latency, "256 MiB in pages of 2 MiB, CPU 1");
+  EXPECT_THAT(table.notes, ElementsAre(HasSubstr("its latency is that of 64 MiB in pages of 4 KiB, CPU 1"),
+                                       "latency of 2 runs: the probe had no CPU of its own: it is taken"));
+  EXPECT_THAT(MatrixText(matrix, table),
+              HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"));
 }
 
 TEST_F(MatrixTest, SaysWhatIsMissing) {
@@ -468,6 +500,30 @@ TEST_F(MatrixProgramTest, GoesOnAfterAnInterruptionAndShowsWhatDisturbs) {
   EXPECT_EQ(Ran(), 8U);
   EXPECT_EQ(json["complete"], true);
   EXPECT_NEAR(json["cells"][0]["by_memory"]["percent"].get<double>(), 25, 1e-6);
+  EXPECT_NEAR(json["cells"][0]["memory_share"]["percent"].get<double>(), 100, 1e-6);
+
+  // FORMAT-MATRIX.md describes each key.
+  const std::string format = ReadText(SCOPE_FORMAT_MATRIX).value_or("");
+  for (const auto& part : {json, json["cells"][0]}) {
+    for (const auto& [key, value] : part.items()) {
+      const bool isDescribed =
+          format.find("`" + key) != std::string::npos || format.find("." + key + "`") != std::string::npos;
+      EXPECT_TRUE(isDescribed) << key;
+    }
+  }
+
+  // The page, and the report that writes it again.
+  EXPECT_THAT(second.output, HasSubstr("\nreport in " + Folder() + "/report.html\n"));
+  EXPECT_EQ(DataOf(folder_.Get("who/report.html")), json);
+  std::filesystem::remove(Folder() + "/report.html");
+  const ToolResult report = RunTool({"report", Folder()});
+  EXPECT_EQ(report.status, 0) << report.errors;
+  EXPECT_EQ(report.output, second.output.substr(second.output.size() - report.output.size()));
+  EXPECT_EQ(DataOf(folder_.Get("who/report.html")), json);
+  EXPECT_EQ(nlohmann::json::parse(RunTool({"report", Folder(), "--json"}).output), json);
+  const ToolResult mixed = RunTool({"report", Folder(), Folder() + "/run-0002"});
+  EXPECT_EQ(mixed.status, 2);
+  EXPECT_THAT(mixed.errors, HasSubstr(Folder() + " is a matrix, and a report shows one of these"));
 
   // A folder from elsewhere.
   std::string text = folder_.Get("who/matrix.json");
@@ -510,6 +566,13 @@ TEST_F(MatrixProgramTest, LooksForTheWorstMixAndGoesOnAfterAFailure) {
   const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
   EXPECT_EQ(json["worst"]["aggressors"], nlohmann::json::parse(R"({"CPU": 2})"));
   EXPECT_EQ(json["worst"]["all_runs"], 2);
+  EXPECT_EQ(json["complete"], true);
+  // A run that cannot be read any more.
+  std::filesystem::remove(Folder() + "/run-0002/run.json");
+  const ToolResult damaged = RunTool({"report", Folder(), "--json"});
+  EXPECT_EQ(damaged.status, 0) << damaged.errors;
+  EXPECT_EQ(nlohmann::json::parse(damaged.output)["complete"], false);
+  EXPECT_THAT(damaged.output, HasSubstr("run-0002"));
 }
 
 TEST_F(MatrixProgramTest, SaysWhatItNeeds) {

@@ -9,7 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include "comparison_text.h"
+#include "made_matrix.h"
 #include "made_run.h"
+#include "matrix_text.h"
 #include "page_data.h"
 #include "page_json.h"
 #include "sweep_text.h"
@@ -199,6 +201,52 @@ TEST(SweepPage, NothingLeadsOutOfItsData) {
   ExpectInert(page);
   EXPECT_EQ(DataOf(page).at("folder"), kHostile);
   EXPECT_EQ(DataOf(page).at("engines").at(0).at("title"), kHostile);
+}
+
+TEST(MatrixPage, HasTheJsonOfTheCommandAndSaysWhatSlowsMost) {
+  const Matrix matrix = made_matrix::Plan();
+  const MatrixTable table = made_matrix::Table();
+  const Json data = DataOf(MatrixPage("who", matrix, table, false));
+  EXPECT_EQ(data, Json::parse(MatrixJson("who", matrix, table, false)));
+  EXPECT_EQ(data.at("kind"), "matrix");
+  EXPECT_EQ(data.at("complete"), false);
+  EXPECT_EQ(data.at("sentences"),
+            Json::parse(R"(["The victim has CPU 3 to itself; aggressors and controls share the others.",
+                            "Memory slows VPC=1 most beside CPU=2 VENC=1: by +60.0 % [+52.0, +68.0].",
+                            "The latency of memory grows most beside CPU=2 VENC=1: by +150.0 % [+137.5, +162.5]."])"));
+  EXPECT_EQ(data.at("cells").at(2).at("memory_share"),
+            Json::parse(R"({"percent": 68, "low": 60, "high": 76})"));
+  EXPECT_EQ(data.at("cells").at(0).at("memory_share"), nullptr);
+  EXPECT_EQ(data.at("latency"), "256 MiB in pages of 2 MiB, CPU 3");
+}
+
+TEST(MatrixPage, SaysWhatTheRunsDoNotShow) {
+  MatrixTable table = made_matrix::Table();
+  for (MatrixCell& cell : table.cells) {
+    if (cell.byMemory) cell.byMemory->low = -1;
+    if (cell.byMemory && cell.victim.section == "VPC") cell.byMemory->low.reset();
+  }
+  const std::string text = MatrixText(made_matrix::Plan(), table);
+  EXPECT_THAT(
+      text, AllOf(HasSubstr("\nWhether memory slows VPC=1 is not known: this needs two runs of each part.\n"),
+                  HasSubstr("\nThese runs do not show that the latency of memory grows: no interval is "
+                            "above 0.\n"),
+                  HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 3.\n"),
+                  HasSubstr("note: not done: 4 of 24 runs")));
+}
+
+TEST(MatrixPage, NothingLeadsOutOfItsData) {
+  Matrix matrix = made_matrix::Plan();
+  matrix.started = kHostile;
+  MatrixTable table = made_matrix::Table();
+  table.notes = {kHostile};
+  table.latency = kHostile;
+  const std::string page = MatrixPage(kHostile, matrix, table, true);
+  ExpectInert(page);
+  for (const char* const key : {"folder", "started", "latency"})
+    EXPECT_EQ(DataOf(page).at(key), kHostile) << key;
+  EXPECT_EQ(DataOf(page).at("notes").at(0), kHostile);
+  EXPECT_THAT(MatrixText(matrix, table), AllOf(Not(HasSubstr("\x1b")), HasSubstr("<script>")));
 }
 
 // Saturation: the sentences, which text and page share.

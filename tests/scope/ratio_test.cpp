@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "distributions.h"
+#include "normal_values.h"
 #include "verdict.h"
 
 namespace {
@@ -204,6 +205,42 @@ TEST(VerdictTest, WithoutATolerance) {
   EXPECT_EQ(JudgeDifference({0, 0, 0}, false, 0), Verdict::kNoDifference);
   EXPECT_EQ(JudgeDifference({-0.1, -0.2, -0.05}, false, 0), Verdict::kWorse);
   EXPECT_EQ(JudgeDifference({-0.1, -0.2, 0.05}, false, 0), Verdict::kCannotTell);
+}
+
+// 1.25 x 1.6 = 2.
+TEST(ShareTest, IsThatOfTheLogarithms) {
+  const auto share = EstimateShare({100, 100}, {80, 80}, {50, 50}, 0.05);
+  ASSERT_TRUE(share);
+  EXPECT_NEAR(share->share, std::log(1.6) / std::log(2), 1e-12);
+  EXPECT_NEAR(share->low, share->share, 1e-9) << "nothing scatters";
+  EXPECT_NEAR(share->high, share->share, 1e-9);
+  EXPECT_NEAR(EstimateShare({100, 101}, {50, 50.5}, {50, 50.5}, 0.05)->share, 0, 1e-12);
+  EXPECT_FALSE(EstimateShare({100, 101}, {100, 101}, {100.5, 101}, 0.05)) << "the change may be 0";
+  EXPECT_FALSE(EstimateShare({100, 100}, {80, 80}, {100, 100}, 0.05));
+  EXPECT_THROW((void)EstimateShare({100}, {80, 80}, {50, 50}, 0.05), std::invalid_argument);
+}
+
+TEST(ShareTest, ItsIntervalMissesInOneOfTwenty) {
+  NormalValues values(1);
+  const auto draw = [&values](double mean) {
+    std::vector<double> drawn;
+    for (int i = 0; i < 4; ++i) drawn.push_back(std::exp(mean + 0.05 * values.Normal()));
+    return drawn;
+  };
+  int missed = 0;
+  int shown = 0;
+  for (int i = 0; i < 4000; ++i) {
+    // A quarter of the change is the second step.
+    const auto share = EstimateShare(draw(0.4), draw(0.1), draw(0), 0.05);
+    if (!share) continue;
+    ++shown;
+    EXPECT_LE(share->low, share->share);
+    EXPECT_GE(share->high, share->share);
+    if (share->low > 0.25 || share->high < 0.25) ++missed;
+  }
+  EXPECT_GT(shown, 3900);
+  EXPECT_LT(missed, shown * 0.06);
+  EXPECT_GT(missed, shown * 0.025);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "compare_figures.h"
 #include "engines.h"
 #include "errors.h"
+#include "latency_texts.h"
 #include "matrix_plan.h"
 #include "ratio.h"
 #include "run_reader.h"
@@ -84,6 +85,7 @@ class TableReader {
       if (run.state == SweepState::kDone) Take(run);
     }
     AddDisturbances(disturbances_, table_.notes);
+    AddLatencyDoubts(doubts_, table_.notes);
     const std::size_t missing = matrix_.runs.size() - table_.done;
     if (missing != 0) {
       table_.notes.push_back("not done: " + std::to_string(missing) + " of " +
@@ -118,6 +120,7 @@ class TableReader {
         table_.notes.push_back(NameOf(matrix_, run) + ": the victim did nothing after the warm-up");
         return;
       }
+      if (run.victim == kLatencyVictim) TakeLatency(run, recorded);
       MatrixFigures& figures = FiguresFor(run);
       figures.main.push_back(values->main);
       if (values->p99Us) figures.p99Us.push_back(*values->p99Us);
@@ -149,6 +152,25 @@ class TableReader {
     cell.byMemory = SlowdownOf(cell.control.main, cell.with.main, isLatency);
     cell.byCpu = SlowdownOf(cell.alone.main, cell.control.main, isLatency);
     cell.total = SlowdownOf(cell.alone.main, cell.with.main, isLatency);
+    cell.memoryShare = ShareOf(cell);
+  }
+
+  static std::optional<MemoryShare> ShareOf(const MatrixCell& cell) {
+    const bool isSlower = cell.total && cell.total->low && *cell.total->low > 0;
+    if (!isSlower || !cell.byMemory || !cell.byMemory->low) return std::nullopt;
+    const auto share = EstimateShare(cell.alone.main, cell.control.main, cell.with.main, kMatrixError);
+    if (!share) return std::nullopt;
+    return MemoryShare{share->share * 100, share->low * 100, share->high * 100};
+  }
+
+  // The latency is that of a memory, of pages and of a CPU.
+  void TakeLatency(const MatrixRun& run, const Run& recorded) {
+    const std::string& latency = recorded.info.conditions.latency;
+    for (std::string& doubt : LatencyDoubts(recorded, Summarise(recorded)))
+      doubts_.push_back({run.folder, std::move(doubt)});
+    if (table_.latency.empty()) table_.latency = latency;
+    if (table_.latency != latency)
+      table_.notes.push_back(NameOf(matrix_, run) + ": its latency is that of " + latency);
   }
 
   std::string folder_;
@@ -157,6 +179,7 @@ class TableReader {
   std::map<std::string, MatrixFigures> alone_;
   std::map<SweepLevels, double> loads_;
   std::vector<std::string> disturbances_;
+  std::vector<LatencyDoubt> doubts_;
 };
 
 }  // namespace

@@ -19,6 +19,13 @@ struct SlowdownPercent {
   std::optional<double> high;
 };
 
+/// Which part of a slowdown is that by memory, in percent.
+struct MemoryShare {
+  double percent = 0;
+  double low = 0;  ///< limits of its interval of 95 %
+  double high = 0;
+};
+
 /// One value for each run, in the order of recording.
 struct MatrixFigures {
   std::vector<double> main;   ///< the victim's op/s; of the latency of memory: the median in ns
@@ -38,12 +45,16 @@ struct MatrixCell {
   std::optional<SlowdownPercent> byMemory;  ///< with the aggressors against the control
   std::optional<SlowdownPercent> byCpu;     ///< with the control against alone
   std::optional<SlowdownPercent> total;     ///< with the aggressors against alone
+  /// Of `total`, in logarithms, because slowdowns multiply; none unless `total` is known to be above 0.
+  std::optional<MemoryShare> memoryShare;
 };
 
 struct MatrixTable {
   std::vector<MatrixCell> cells;  ///< those with a finished run, the strongest by memory first
   std::size_t done = 0;           ///< finished runs
   std::size_t withRuns = 0;       ///< of them, those of victims with aggressors
+  /// What the latency of memory is of: "256 MiB in pages of 2 MiB, CPU 1"; empty without that victim.
+  std::string latency;
   std::vector<std::string> notes;
 };
 

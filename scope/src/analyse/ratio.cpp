@@ -26,34 +26,70 @@ std::vector<double> Logarithms(const std::vector<double>& values) {
   return logarithms;
 }
 
+// The mean of the logarithms of one side, and how far it may be off.
+struct LogMean {
+  double mean = 0;
+  double variance = 0;  // of the mean
+  double freedom = 0;
+};
+
+LogMean LogMeanOf(const std::vector<double>& values) {
+  const std::vector<double> logarithms = Logarithms(values);
+  const double deviation = StandardDeviation(logarithms);
+  const auto count = static_cast<double>(values.size());
+  return {Mean(logarithms), deviation * deviation / count, count - 1};
+}
+
+// The approximation of Welch and Satterthwaite for the difference of two means. Needs a variance above 0.
+double FreedomOf(const LogMean& a, const LogMean& b) {
+  const double variance = a.variance + b.variance;
+  return std::max(
+      1.0, variance * variance / (a.variance * a.variance / a.freedom + b.variance * b.variance / b.freedom));
+}
+
 }  // namespace
 
 RatioEstimate EstimateRatio(const std::vector<double>& a, const std::vector<double>& b, double error) {
-  const std::vector<double> logA = Logarithms(a);
-  const std::vector<double> logB = Logarithms(b);
-  const double deviationA = StandardDeviation(logA);
-  const double deviationB = StandardDeviation(logB);
-  const auto freedomA = static_cast<double>(a.size() - 1);
-  const auto freedomB = static_cast<double>(b.size() - 1);
-  const double varianceA = deviationA * deviationA / static_cast<double>(a.size());
-  const double varianceB = deviationB * deviationB / static_cast<double>(b.size());
-  const double variance = varianceA + varianceB;
-  const double difference = Mean(logB) - Mean(logA);
+  const LogMean logA = LogMeanOf(a);
+  const LogMean logB = LogMeanOf(b);
+  const double variance = logA.variance + logB.variance;
+  const double difference = logB.mean - logA.mean;
+  // Of single values, over both sides.
+  const double squares = logA.variance * static_cast<double>(a.size()) * logA.freedom +
+                         logB.variance * static_cast<double>(b.size()) * logB.freedom;
   RatioEstimate estimate;
   estimate.ratio = std::exp(difference);
   estimate.freedom = static_cast<int>(a.size() + b.size()) - 2;
-  estimate.deviation =
-      std::sqrt((deviationA * deviationA * freedomA + deviationB * deviationB * freedomB) / estimate.freedom);
-  double reach = 0;
-  if (variance > 0) {
-    // The approximation of Welch and Satterthwaite.
-    const double freedom =
-        variance * variance / (varianceA * varianceA / freedomA + varianceB * varianceB / freedomB);
-    reach = StudentQuantile(1 - error / 2, std::max(1.0, freedom)) * std::sqrt(variance);
-  }
+  estimate.deviation = std::sqrt(squares / estimate.freedom);
+  const double reach =
+      variance > 0 ? StudentQuantile(1 - error / 2, FreedomOf(logA, logB)) * std::sqrt(variance) : 0;
   estimate.low = std::exp(difference - reach);
   estimate.high = std::exp(difference + reach);
   return estimate;
+}
+
+std::optional<ShareEstimate> EstimateShare(const std::vector<double>& a, const std::vector<double>& between,
+                                           const std::vector<double>& b, double error) {
+  const LogMean from = LogMeanOf(a);
+  const LogMean middle = LogMeanOf(between);
+  const LogMean to = LogMeanOf(b);
+  const double whole = to.mean - from.mean;
+  const double part = to.mean - middle.mean;
+  const double wholeVariance = from.variance + to.variance;
+  const double partVariance = middle.variance + to.variance;
+  double t = 0;
+  for (const LogMean& other : {from, middle}) {
+    if (other.variance + to.variance > 0)
+      t = std::max(t, StudentQuantile(1 - error / 2, FreedomOf(other, to)));
+  }
+  // The shares s with |part - s whole| <= t times the deviation of that difference: between the roots of
+  // square s^2 - 2 linear s + constant. Both steps have the end in common.
+  const double square = whole * whole - t * t * wholeVariance;
+  if (!(square > 0)) return std::nullopt;
+  const double linear = part * whole - t * t * to.variance;
+  const double constant = part * part - t * t * partVariance;
+  const double root = std::sqrt(std::max(0.0, linear * linear - square * constant));
+  return ShareEstimate{part / whole, (linear - root) / square, (linear + root) / square};
 }
 
 RatioEstimate EstimatePairedRatio(const std::vector<double>& a, const std::vector<double>& b, double error) {

@@ -29,6 +29,20 @@ RatioEstimate EstimateRatio(const std::vector<double>& a, const std::vector<doub
 /// does not widen it. Needs two pairs of values above 0; throws std::invalid_argument otherwise.
 RatioEstimate EstimatePairedRatio(const std::vector<double>& a, const std::vector<double>& b, double error);
 
+/// The part that the last of two steps has in a change.
+struct ShareEstimate {
+  double share = 0;  ///< 1: all of it
+  double low = 0;    ///< limits of its interval; it may be below 0 or above 1
+  double high = 0;
+};
+
+/// Which part of the change from `a` to `b` is that from `between` to `b`, in logarithms: of a change by 1.25
+/// x 1.6 = 2 the second step is log 1.6 / log 2. The interval of Fieller's theorem, with Student's t of the
+/// step whose scatter is known less well. None if the change itself may be 0. Needs two values of each, all
+/// above 0; throws std::invalid_argument otherwise.
+std::optional<ShareEstimate> EstimateShare(const std::vector<double>& a, const std::vector<double>& between,
+                                           const std::vector<double>& b, double error);
+
 /// What an interval may get wrong, as shares of all cases.
 struct ErrorShares {
   double error = 0.05;  ///< the interval misses the true ratio

@@ -54,6 +54,9 @@ void ShowSweep(const std::string& folder, Output output, const TextStyle& style,
 void ShowCurves(const std::vector<std::string>& folders, Output output, const TextStyle& style,
                 const PageFile& file);
 
+/// Prints what slows each victim of the matrix in `folder`, and writes its page. Throws UserError.
+void ShowMatrix(const std::string& folder, Output output, const TextStyle& style, const PageFile& file);
+
 /// Two sides and how they compare.
 struct ComparedSides {
   Side a;

@@ -18,7 +18,6 @@
 #include "matrix_folder.h"
 #include "matrix_plan.h"
 #include "matrix_recorder.h"
-#include "matrix_table.h"
 #include "matrix_text.h"
 #include "record.h"
 #include "run_tables.h"
@@ -133,11 +132,9 @@ int RunMatrix(const MatrixOptions& options) {
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Matrix matrix = isResumed ? ResumeMatrix(folder, options.output, lock) : PrepareMatrix(options, lock);
-  if (options.output == Output::kText) Print(OwnCpusSentence(matrix));
+  if (options.output == Output::kText) Print(OwnCpusSentence(matrix) + "\n");
   const bool isDone = MatrixRecorder(folder, matrix, options.output).Run();
-  const MatrixTable table = ReadMatrixTable(folder, matrix);
-  if (options.output == Output::kJson) Print(MatrixJson(folder, matrix, table, isDone));
-  if (options.output == Output::kText) Print("\n" + MatrixText(matrix, table, options.style.width));
+  ShowMatrix(folder, options.output, options.style, {folder + "/" + kReportName});
   return isDone ? kExitOk : kExitFailure;
 }
 

@@ -9,6 +9,7 @@
 #include "errors.h"
 #include "experiment_folder.h"
 #include "experiment_look.h"
+#include "matrix_folder.h"
 #include "printable.h"
 #include "report.h"
 #include "run_tables.h"
@@ -27,7 +28,10 @@ struct ReportOptions {
 
 [[noreturn]] void RefuseSeries(const std::string& folder) {
   const bool isExperiment = IsExperimentFolder(folder);
-  const std::string what = isExperiment ? "an experiment" : IsCurveFolder(folder) ? "a curve" : "a sweep";
+  const std::string what = isExperiment             ? "an experiment"
+                           : IsCurveFolder(folder)  ? "a curve"
+                           : IsMatrixFolder(folder) ? "a matrix"
+                                                    : "a sweep";
   throw UserError(folder + " is " + what +
                   ", and a report shows one of these or several runs or curves: give it alone, or give its "
                   "run folders, as in " +
@@ -35,7 +39,8 @@ struct ReportOptions {
 }
 
 bool IsSeries(const std::string& folder) {
-  return IsSweepFolder(folder) || IsExperimentFolder(folder) || IsCurveFolder(folder);
+  return IsSweepFolder(folder) || IsExperimentFolder(folder) || IsCurveFolder(folder) ||
+         IsMatrixFolder(folder);
 }
 
 // One curve has its page in its folder; several have it here.
@@ -58,6 +63,8 @@ int Report(const ReportOptions& options) {
     const PageFile file = {isNamed ? options.file : *series + "/" + kReportName, isNamed};
     if (IsSweepFolder(*series)) {
       ShowSweep(*series, options.output, options.style, page ? file : PageFile());
+    } else if (IsMatrixFolder(*series)) {
+      ShowMatrix(*series, options.output, options.style, page ? file : PageFile());
     } else {
       ShowComparison(LastLook(*series, ReadExperiment(*series)), options.output, options.style,
                      page ? file : PageFile());
@@ -76,11 +83,11 @@ int Report(const ReportOptions& options) {
 
 void AddReport(CLI::App& app, int& status) {
   CLI::App* const command = app.add_subcommand(
-      "report", "Show runs, a sweep, an experiment or curves as an HTML page, and print a summary");
+      "report", "Show runs, a sweep, an experiment, a matrix or curves as an HTML page, and print a summary");
   const auto options = std::make_shared<ReportOptions>();
   command
       ->add_option("DIR", options->folders,
-                   "Run folders, or curves, which share one page; or one folder of sweep or ab")
+                   "Run folders, or curves, which share one page; or one folder of sweep, ab or matrix")
       ->required();
   command
       ->add_option("-o,--output", options->file,

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "json.h"
 #include "matrix_plan.h"
 #include "matrix_text.h"
 #include "page_data.h"
+#include "pages.h"
 
 namespace scope {
 namespace {
@@ -10,6 +15,11 @@ namespace {
 Json SlowdownJson(const std::optional<SlowdownPercent>& slowdown) {
   if (!slowdown) return nullptr;
   return Json{{"percent", slowdown->value}, {"low", OrNull(slowdown->low)}, {"high", OrNull(slowdown->high)}};
+}
+
+Json ShareJson(const std::optional<MemoryShare>& share) {
+  if (!share) return nullptr;
+  return Json{{"percent", share->percent}, {"low", share->low}, {"high", share->high}};
 }
 
 Json FiguresJson(const MatrixFigures& figures) {
@@ -28,18 +38,20 @@ Json CellJson(const MatrixCell& cell) {
               {"by_memory", SlowdownJson(cell.byMemory)},
               {"by_cpu", SlowdownJson(cell.byCpu)},
               {"total", SlowdownJson(cell.total)},
+              {"memory_share", ShareJson(cell.memoryShare)},
               {"aggressor_cpus", OrNull(cell.aggressorCpus)},
               {"control_cpus", cell.control.cpus}};
 }
 
 }  // namespace
 
-std::string MatrixJson(const std::string& folder, const Matrix& matrix, const MatrixTable& table,
-                       bool isComplete) {
+Json MatrixData(const std::string& folder, const Matrix& matrix, const MatrixTable& table, bool isComplete) {
   Json levels = Json::object();
   for (const SweepAxis& axis : matrix.axes) levels[axis.section] = axis.levels;
   Json cells = Json::array();
   for (const MatrixCell& cell : table.cells) cells.push_back(CellJson(cell));
+  std::vector<std::string> sentences = {OwnCpusSentence(matrix)};
+  for (std::string& sentence : MatrixSentences(matrix, table)) sentences.push_back(std::move(sentence));
   Json worst = nullptr;
   if (matrix.worst) {
     worst = Json{{"runs", table.withRuns}, {"all_runs", ExhaustiveRuns(WorstGridOf(matrix))}};
@@ -47,21 +59,33 @@ std::string MatrixJson(const std::string& folder, const Matrix& matrix, const Ma
       if (!cell.control.main.empty()) worst["aggressors"] = LevelsJson(cell.mix);
     }
   }
-  return JsonText(Json{{"format", 1},
-                       {"kind", "matrix"},
-                       {"tool", kToolVersion},
-                       {"folder", folder},
-                       {"started", matrix.started},
-                       {"complete", isComplete},
-                       {"levels", levels},
-                       {"own_cpus", matrix.ownCpus},
-                       {"repeats", matrix.settings.repeats},
-                       {"seed", matrix.settings.seed},
-                       {"warmup_s", matrix.settings.warmupS},
-                       {"runs", table.done},
-                       {"cells", cells},
-                       {"worst", worst},
-                       {"notes", table.notes}});
+  return Json{{"format", 1},
+              {"kind", "matrix"},
+              {"tool", kToolVersion},
+              {"folder", folder},
+              {"started", matrix.started},
+              {"complete", isComplete},
+              {"levels", levels},
+              {"own_cpus", matrix.ownCpus},
+              {"repeats", matrix.settings.repeats},
+              {"seed", matrix.settings.seed},
+              {"warmup_s", matrix.settings.warmupS},
+              {"runs", table.done},
+              {"cells", cells},
+              {"worst", worst},
+              {"latency", table.latency},
+              {"sentences", sentences},
+              {"notes", table.notes}};
+}
+
+std::string MatrixJson(const std::string& folder, const Matrix& matrix, const MatrixTable& table,
+                       bool isComplete) {
+  return JsonText(MatrixData(folder, matrix, table, isComplete));
+}
+
+std::string MatrixPage(const std::string& folder, const Matrix& matrix, const MatrixTable& table,
+                       bool isComplete) {
+  return PageOf(MatrixData(folder, matrix, table, isComplete));
 }
 
 }  // namespace scope

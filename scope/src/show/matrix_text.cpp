@@ -40,18 +40,36 @@ std::string CpusText(const MatrixCell& cell) {
   return load + " / " + (cell.control.cpus.empty() ? "-" : Format("%.2f", Median(cell.control.cpus)));
 }
 
-std::string WorstText(const Matrix& matrix, const MatrixTable& table) {
+// The worst mix is the only one that has a control.
+std::vector<std::string> WorstSentences(const Matrix& matrix, const MatrixTable& table) {
   const MatrixCell* worst = nullptr;
   for (const MatrixCell& cell : table.cells) {
     if (!cell.control.main.empty()) worst = &cell;
   }
-  const std::size_t all = ExhaustiveRuns(WorstGridOf(matrix));
-  std::string text = "The search made " + std::to_string(table.withRuns) + " of the " + std::to_string(all) +
-                     " runs with aggressors that recording every mix would take.\n";
-  if (worst == nullptr) return text + "It has not ended.\n";
-  return "The worst mix for " + VictimText(worst->victim) + " is " + PointText(worst->mix) + ": slower by " +
-         SlowdownText(worst->total) + " in all, by " + SlowdownText(worst->byMemory) +
-         " because of memory.\n" + text;
+  const std::string made = "The search made " + std::to_string(table.withRuns) + " of the " +
+                           std::to_string(ExhaustiveRuns(WorstGridOf(matrix))) +
+                           " runs with aggressors that recording every mix would take.";
+  if (worst == nullptr) return {made, "It has not ended."};
+  return {"The worst mix for " + VictimText(worst->victim) + " is " + PointText(worst->mix) + ": slower by " +
+              SlowdownText(worst->total) + " in all, by " + SlowdownText(worst->byMemory) +
+              " because of memory.",
+          made};
+}
+
+// Cells are in order of their slowdown by memory.
+std::string SentenceOf(const MatrixVictim& victim, const MatrixTable& table) {
+  const bool isLatency = victim.section == kLatencyVictim;
+  const std::string slowed = isLatency ? "the latency of memory grows" : "memory slows " + VictimText(victim);
+  bool isKnown = false;
+  for (const MatrixCell& cell : table.cells) {
+    if (cell.victim.section != victim.section || !cell.byMemory || !cell.byMemory->low) continue;
+    isKnown = true;
+    if (*cell.byMemory->low > 0)
+      return (isLatency ? "T" : "M") + slowed.substr(1) + " most beside " + PointText(cell.mix) + ": by " +
+             SlowdownText(cell.byMemory) + ".";
+  }
+  return isKnown ? "These runs do not show that " + slowed + ": no interval is above 0."
+                 : "Whether " + slowed + " is not known: this needs two runs of each part.";
 }
 
 }  // namespace
@@ -61,13 +79,21 @@ std::string OwnCpusSentence(const Matrix& matrix) {
     std::vector<std::string> cpus;
     for (const int cpu : matrix.ownCpus) cpus.push_back(std::to_string(cpu));
     return (cpus.size() == 1 ? "The victim has CPU " : "The victim has the CPUs ") + Joined(cpus, ", ") +
-           " to itself; aggressors and controls share the others.\n";
+           " to itself; aggressors and controls share the others.";
   }
-  return "The victim has no CPU to itself: it shares the CPUs with aggressors and controls.\n";
+  return "The victim has no CPU to itself: it shares the CPUs with aggressors and controls.";
+}
+
+std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable& table) {
+  if (matrix.worst) return WorstSentences(matrix, table);
+  std::vector<std::string> sentences;
+  for (const MatrixVictim& victim : matrix.victims) sentences.push_back(SentenceOf(victim, table));
+  return sentences;
 }
 
 std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size_t width) {
-  std::string text = OwnCpusSentence(matrix);
+  std::string text = OwnCpusSentence(matrix) + "\n";
+  if (!table.latency.empty()) text += "The latency is that of " + Printable(table.latency) + ".\n";
   text += Format("Medians after a warm-up of %g s; slowdowns with their intervals of 95 %%\n",
                  matrix.settings.warmupS);
   TextTable rows("ll");
@@ -79,7 +105,8 @@ std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size
               MainText(cell, cell.with), TailText(cell.alone), TailText(cell.with), CpusText(cell)});
   }
   text += rows.Text(width, 2);
-  if (matrix.worst) text += "\n" + WorstText(matrix, table);
+  text += '\n';
+  for (const std::string& sentence : MatrixSentences(matrix, table)) text += sentence + '\n';
   for (const std::string& note : table.notes) text += "\nnote: " + Printable(note);
   if (!table.notes.empty()) text += '\n';
   return text;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "matrix.h"
 #include "matrix_table.h"
@@ -12,7 +13,10 @@ namespace scope {
 /// Which CPUs the victim has to itself, or that it has none; a sentence.
 std::string OwnCpusSentence(const Matrix& matrix);
 
-/// The table of victims and aggressors, the strongest first, and of a search the mix that it has found.
+/// For each victim what slows it most because of memory; of a search, the mix that it has found.
+std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable& table);
+
+/// The table of victims and aggressors, the strongest first, with the sentences.
 std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size_t width = kTextWidth);
 
 /// The same as JSON; scope/FORMAT-MATRIX.md describes it.

@@ -8,6 +8,8 @@
 #include "curve_table.h"
 #include "json.h"
 #include "margin_map.h"
+#include "matrix.h"
+#include "matrix_table.h"
 #include "report.h"
 #include "sweep.h"
 #include "sweep_table.h"
@@ -26,6 +28,8 @@ Json SweepData(const std::string& folder, const Sweep& sweep, const SweepTable& 
                const std::string& comparison);
 
 Json CurveData(const CurveTable& table);
+
+Json MatrixData(const std::string& folder, const Matrix& matrix, const MatrixTable& table, bool isComplete);
 
 /// The levels of a point: section to level.
 Json LevelsJson(const SweepLevels& levels);

@@ -7,6 +7,8 @@
 #include "compare.h"
 #include "compare_conditions.h"
 #include "curve_table.h"
+#include "matrix.h"
+#include "matrix_table.h"
 #include "sweep.h"
 #include "sweep_table.h"
 
@@ -29,6 +31,10 @@ std::string SweepPage(const std::string& folder, const Sweep& sweep, const Sweep
 /// Latency over bandwidth of several curves on common axes, and their points. `comparison` is the text of
 /// ComparisonJson for two curves; empty if they are not compared.
 std::string CurvePage(const std::vector<CurveTable>& tables, const std::string& comparison);
+
+/// What slows each victim, by memory and by shared processors, with the intervals drawn.
+std::string MatrixPage(const std::string& folder, const Matrix& matrix, const MatrixTable& table,
+                       bool isComplete);
 
 /// Where a page is written.
 struct PageFile {
