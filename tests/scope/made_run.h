@@ -55,6 +55,7 @@ inline void AddLatency(scope::Run& run) {
   latency.bytesPerS = 2e6;
   latency.growth = {{std::uint64_t{1} << 20, 9}, {std::uint64_t{64} << 20, 90}, {latency.bytes, 100}};
   run.info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 3";
+  run.info.conditions.caches = {{3, "Unified", std::uint64_t{32} << 20, 1}};
   for (int second = 1; second <= kWholeSeconds + 2; ++second) {
     const bool edge = second == 1 || second == kWholeSeconds + 2;
     scope::LatencySecond row;
