@@ -27,8 +27,13 @@ function isAbove0(slowdown) {
   return (slowdown?.low ?? null) !== null && slowdown.low > 0;
 }
 
+// A decimal of a large one means nothing.
+function slowdownText(percent) {
+  return percentText(percent, Math.abs(percent) < 1000 ? 1 : 0);
+}
+
 function slowdownInterval({low, high}) {
-  return low === null ? 'no interval' : `${percentText(low, 1)} to ${percentText(high, 1)}`;
+  return low === null ? 'no interval' : `${slowdownText(low)} to ${slowdownText(high)}`;
 }
 
 // --- the map ---
@@ -36,9 +41,9 @@ function slowdownInterval({low, high}) {
 function mapCell(cell, top) {
   if (!cell?.by_memory) return el('td', {}, absent(cell ? 'no control' : ''));
   const {by_memory: slowdown, total} = cell;
-  const made = el('td', {class: isAbove0(slowdown) && 'marked'}, percentText(slowdown.percent, 1),
-      el('small', {}, slowdownInterval(slowdown)), total ? el('small', {}, `in all ${percentText(total.percent, 1)}`) : []);
-  if (top > 0) made.style.setProperty('--share', String(Math.max(0, slowdown.percent) / top));
+  const made = el('td', {class: isAbove0(slowdown) && 'marked'}, slowdownText(slowdown.percent),
+      el('small', {}, slowdownInterval(slowdown)), total ? el('small', {}, `in all ${slowdownText(total.percent)}`) : []);
+  if (isAbove0(slowdown)) made.style.setProperty('--share', String(slowdown.percent / top));
   return made;
 }
 
@@ -46,18 +51,18 @@ function mapCell(cell, top) {
 function mapOfVictims(data) {
   const victims = victimsOf(data);
   if (victims.length < 2) return [];
-  const top = greatest(data.cells.map((cell) => cell.by_memory?.percent ?? 0));
+  const top = greatest(data.cells.map(({by_memory: slowdown}) => (isAbove0(slowdown) ? slowdown.percent : 0)));
   const mixes = [...new Set(data.cells.map(({aggressors}) => levelsText(aggressors)))];
   const rows = mixes.map((mix) => el('tr', {}, rowHeading(mix), victims.map((victim) =>
     mapCell(data.cells.find((cell) => victimText(cell) === victim && levelsText(cell.aggressors) === mix), top))));
   return [section('Slowdown by memory', el('figure', {}, table('heat', ['Aggressors', ...victims], [], rows)),
-      el('p', {class: 'absent'}, 'A column for each victim, darker where it is slowed more. A frame: the interval is above 0. ' +
+      el('p', {class: 'absent'}, 'A column for each victim. A frame: the interval is above 0; there, darker is slower. ' +
         'Empty: not recorded, as where the victim is an aggressor itself.'))];
 }
 
 // --- the intervals ---
 
-// All drawings have the same scale. An interval that is far longer than any slowdown is cut.
+// The drawings of a victim have the same scale. An interval that is far longer than any slowdown is cut.
 function slowdownScale(cells) {
   const found = cells.flatMap((cell) => kCauses.map(({key}) => cell[key]).filter(Boolean));
   const farthest = Math.max(kMostEnd, kFarthest * greatest(found.map(({percent}) => Math.abs(percent))));
@@ -107,7 +112,7 @@ function forestDrawing(cell, scale) {
     x1: forestAt(percent, scale), x2: forestAt(percent, scale), y1: 0, y2: kForestHeight}));
   const drawn = kCauses.map((cause, at) => ({...cause, slowdown: cell[cause.key], y: (at + 0.7) * kForestStep}))
       .filter(({slowdown}) => slowdown);
-  const words = drawn.map(({name, slowdown}) => `${name} ${percentText(slowdown.percent, 1)}, ${slowdownInterval(slowdown)}`);
+  const words = drawn.map(({name, slowdown}) => `${name} ${slowdownText(slowdown.percent)}, ${slowdownInterval(slowdown)}`);
   return forestSvg(words.join('; '), kForestHeight,
       [...grid, ...drawn.flatMap(({slowdown, kind, y}) => forestMarks(slowdown, scale, kind, y))]);
 }
@@ -118,7 +123,8 @@ function forestAxis(scale) {
   return forestSvg(`from ${percentText(scale.begin, 0)} to ${percentText(scale.end, 0)}`, 22, labels);
 }
 
-function forestTable(cells, scale) {
+function forestTable(cells) {
+  const scale = slowdownScale(cells);
   const rows = cells.slice(0, kMostForestRows).map((cell) => el('tr', {}, rowHeading(levelsText(cell.aggressors)),
       el('td', {}, forestDrawing(cell, scale))));
   const axis = el('tr', {}, el('td', {}), el('td', {}, forestAxis(scale)));
@@ -132,11 +138,10 @@ function legendOfCauses() {
 }
 
 function intervalsSection(data) {
-  const scale = slowdownScale(data.cells);
   const parts = victimsOf(data).flatMap((victim) => {
     const cells = data.cells.filter((cell) => victimText(cell) === victim && kCauses.some(({key}) => cell[key]));
     const left = cells.length - kMostForestRows;
-    return cells.length === 0 ? [] : [el('h3', {}, victim), forestTable(cells, scale),
+    return cells.length === 0 ? [] : [el('h3', {}, victim), forestTable(cells),
       left > 0 ? el('p', {class: 'absent'}, `${left} more are in the table.`) : []];
   });
   if (parts.length === 0) return [];
@@ -155,7 +160,7 @@ function medianOf(values) {
 }
 
 function slowdownCell(slowdown) {
-  return figureCell(slowdown?.percent, (percent) => percentText(percent, 1) +
+  return figureCell(slowdown?.percent, (percent) => slowdownText(percent) +
     (slowdown.low === null ? '' : ` (${slowdownInterval(slowdown)})`));
 }
 
