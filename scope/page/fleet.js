@@ -205,9 +205,10 @@ function measureRow(data, measure) {
 
 function fleetSection(data) {
   const measures = data.measures.filter(({judged, nights}) => judged && nights.length > 0);
-  const titles = ['Boards', 'Median', '19 of 20 above', '19 of 20 below', 'Change', 'Nights'].map((title) => ({title}));
+  const titles = ['Boards', 'Median', '5 % are below', '5 % are above', 'Change', 'Nights'].map((title) => ({title}));
   if (measures.length === 0) return [];
-  return [section('The fleet', el('p', {class: 'absent'}, 'Of the last night. The change is that of all boards together since the ' +
+  return [section('The fleet', el('p', {class: 'absent'}, 'Figures of the last night. 5 % of the boards are below the first limit, and 5 % above the second. ' +
+    'The change is that of all boards together since the ' +
     `${data.baseline === null ? 'earlier nights' : `baseline ${data.baseline}`}.`),
   table('figures measures', ['Figure'], titles, measures.map((measure) => measureRow(data, measure))))];
 }

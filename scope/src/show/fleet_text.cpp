@@ -125,7 +125,7 @@ std::string NotDoneText(const FleetReport& report, const TextStyle& style) {
 
 std::string FleetTable(const FleetReport& report, const TextStyle& style) {
   TextTable table("ll");
-  table.Add({"figure", "at", "boards", "median", "19 of 20 above", "19 of 20 below", "change"});
+  table.Add({"figure", "at", "boards", "median", "5 % are below", "5 % are above", "change"});
   std::size_t shown = 0;
   std::size_t cut = 0;
   for (std::size_t i = 0; i < report.fleet.measures.size(); ++i) {
