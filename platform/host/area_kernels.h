@@ -18,8 +18,8 @@ struct AreaColumns {
   std::uint32_t period = 0;          ///< result pixels after which the weights repeat; even
   std::uint32_t periodSamples = 0;   ///< source samples of a period
   std::vector<std::uint32_t> first;  ///< of each result pixel of a period: the first sample that it reads
-  /// For two result pixels next to each other and one of their pairs there are 16 weights: left and right,
-  /// four times, for the first of the two, then the same for the second.
+  /// Each two neighbouring result pixels have 16 weights for each of their pairs: left and right, four times,
+  /// for the first pixel, then the same for the second.
   std::vector<std::int16_t> weights;
   std::uint32_t offset = 0;   ///< added to each weighted sum; modulo 2^32
   double inverse = 0;         ///< of the area: what a sum is multiplied with

@@ -13,7 +13,7 @@ namespace Ormis::host {
 namespace {
 
 constexpr std::size_t kVectorBytes = 64;
-/// Of a table of weights. Larger ones, of extreme ratios, would take longer to make than they save.
+/// Most weights in a table. Larger tables, for extreme ratios, would take longer to make than they save.
 constexpr std::uint64_t kMostWeights = std::uint64_t{1} << 20;
 
 enum class RowUse : std::uint8_t { kSet, kAdd };

@@ -62,7 +62,8 @@ bool FixedText::AppendDecimal(std::uint64_t number, unsigned minDigits) {
 
 void FixedText::DropSplitCharacter() {
   std::size_t end = length_;
-  // A sequence has at most three continuation bytes. Of bytes that are not UTF-8 no more are removed either.
+  // A sequence has at most three continuation bytes. At most three bytes are removed in
+  // invalid text, too.
   for (int i = 0; i < 3 && end > 0 && IsUtf8Continuation(static_cast<unsigned char>(buffer_[end - 1])); ++i) {
     --end;
   }

@@ -49,8 +49,8 @@ class RemoteSink {
   /// True when fewer records may have been lost than Stop has returned.
   bool LostIsUpperBound() const { return upperBound_; }
 
-  /// For the child of a fork, which has no forwarding thread and in which the locks may stay locked forever:
-  /// accepts no more records, and Stop has nothing to do.
+  /// Accepts no more records, and leaves Stop nothing to do. Called in the child of a fork, which has no
+  /// forwarding thread and in which the locks may stay locked forever.
   void Abandon();
 
  private:

@@ -9,8 +9,7 @@
 /// the same cost one copy. Nothing is freed before the program's end. Threads: any.
 namespace scope {
 
-/// Some stretches that are read as one, the first after the other. Stretches beyond the last place are left
-/// out.
+/// Several stretches that are read as one, in their order. Stretches beyond the last place are left out.
 struct Spans {
   static constexpr std::size_t kMost = 16;
 

@@ -42,7 +42,7 @@ inline Spans PixelsOf(const Ormis::ImageData& image) {
           static_cast<std::size_t>(image.dataSize != 0 && image.dataSize < bytes ? image.dataSize : bytes)};
 }
 
-/// One number for several.
+/// Combines several numbers into one.
 template <typename... Numbers>
 std::uint64_t KindOf(Numbers... numbers) {
   const std::uint64_t values[] = {static_cast<std::uint64_t>(numbers)...};

@@ -22,7 +22,7 @@ constexpr const char* kVerifyVariable = "STRESS_SCOPE_VERIFY";  ///< "1": check 
 /// Ids of engines and nanoseconds: "vpc=16700000,aic=50000000".
 constexpr const char* kDeadlinesVariable = "STRESS_SCOPE_DEADLINES";
 /// Which engine's threads have CPUs to themselves, as "vpc=2,3"; all other threads that work keep off these.
-/// Without an engine, as in "=3", all do.
+/// Without an engine, as in "=3", all threads keep off them.
 constexpr const char* kPinVariable = "STRESS_SCOPE_PIN";
 /// Per cent of the time in which a thread of an engine works: "25". Then it sleeps between operations.
 constexpr const char* kDutyVariable = "STRESS_SCOPE_DUTY";

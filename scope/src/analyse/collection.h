@@ -15,13 +15,13 @@ enum class CellCheck {
   kFiles    ///< also the sizes of its other files
 };
 
-/// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. Of a
+/// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. For a
 /// cell that is not done, also run.json of its last attempt is read, or the log of its job. Sets `record`, if
 /// it is not null, to that of a cell that is done.
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
                     std::size_t number, CellCheck check = CellCheck::kFiles, CellRecord* record = nullptr);
 
-/// That of every cell, in the order of the plan. The time is proportional to the number of cells.
+/// The same for every cell, in the order of the plan. The time is proportional to the number of cells.
 std::vector<CellStatus> Collect(const std::string& root, const Plan& plan);
 
 /// How many cells are in a state.

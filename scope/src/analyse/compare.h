@@ -69,8 +69,8 @@ struct CompareOptions {
 /// other is shown. The intervals of the judged figures hold together, over all looks, with
 /// options.confidence.
 ///
-/// Throws UserError for a complete run without a second after skipS, and for a tolerance that is no number
-/// from 0 on.
+/// Throws UserError for a complete run without a second after skipS, and for a tolerance that is negative or
+/// not a number.
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options);
 
 }  // namespace scope

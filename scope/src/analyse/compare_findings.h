@@ -24,12 +24,12 @@ struct SummarisedRun {
   RunSummary summary;
 };
 
-/// In how many runs of the side there were errors, and when; without errors, which failure rate that leaves
-/// room for. Counts runs that looked for errors (see LooksForErrors) and says how many others there are.
-/// Empty if no run has an error and none was asked to look for any.
+/// How many runs of the side had errors, and when. Without errors: the failure rate that is still possible.
+/// Counts runs that looked for errors (see LooksForErrors) and says how many others there are. Empty if no
+/// run has an error and none was asked to look for any.
 std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side);
 
-/// What any run of either side has, errors first. The sentences name the sides so.
+/// The troubles of the runs of both sides, errors first. Sentences call the sides `nameOfA` and `nameOfB`.
 std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const std::vector<SummarisedRun>& b,
                                      const std::string& nameOfA = "A", const std::string& nameOfB = "B");
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-/// The course of latency over bandwidth, without what scatter makes fall.
+/// Latency over bandwidth as a line that never falls: falls by scatter are removed.
 namespace scope {
 
 /// The closest values, by least squares, that never fall (pool adjacent violators).
@@ -22,7 +22,7 @@ CurveFit FitCurve(const std::vector<double>& gigabytesPerS, const std::vector<do
 /// The latency at a bandwidth; none if the fit does not get so far.
 std::optional<double> LatencyAtBandwidth(const CurveFit& fit, double gigabytesPerS);
 
-/// The knee is where the latency has become so many times that at idle.
+/// The knee is where the latency is this many times that at idle.
 constexpr double kKneeFactor = 1.5;
 
 /// The bandwidth of the knee: where the line of the fit crosses the latency. None if the latency stays below.

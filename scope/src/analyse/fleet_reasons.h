@@ -10,7 +10,7 @@
 
 namespace scope {
 
-/// In what else a board that stands out differs from typical ones.
+/// Other differences between a board that stands out and typical ones.
 struct FleetReasons {
   std::uint32_t board = 0;
   std::vector<std::string> typical;             ///< the boards that it is compared with

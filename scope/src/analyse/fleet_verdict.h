@@ -15,8 +15,8 @@ namespace scope {
 
 struct FleetOptions {
   double tolerancePercent = 2;  ///< a difference up to this is never a finding
-  double confidence = 0.95;     ///< that no board is called odd or worse that is not
-  std::set<Figure> figures;     ///< to judge; empty: the rates, as comparisons do
+  double confidence = 0.95;     ///< probability that no good board is called odd or worse
+  std::set<Figure> figures;     ///< the figures to judge; empty: the rates, as comparisons do
 };
 
 /// The boards' values of a night.
@@ -77,8 +77,8 @@ struct BoardVerdict {
   std::optional<std::size_t> lastSeen;  ///< the last night with a cell of this board that is done
   bool ranBefore = false;               ///< in the night before the last one of the same setup
   std::vector<std::string> lacking;     ///< judged figures that its done cells lack and those of others have
-  /// For each night: the mean of its judged values, in per cent of the fleet's median over all nights. 0:
-  /// none.
+  /// One for each night: the mean of its judged values, in per cent of the fleet's median over all nights.
+  /// 0: none.
   std::vector<float> index;
 };
 
@@ -93,7 +93,7 @@ struct FleetVerdict {
   bool isGood = true;  ///< no board stands out, and the fleet is not worse
 };
 
-/// A board and a fleet are compared with what they were before from so many nights on.
+/// The fewest earlier nights with which a board or a fleet is compared.
 constexpr std::size_t kFewestNightsBefore = 3;
 
 /// Judges the last night. `before` is what the boards did before. Two kinds of questions share

@@ -33,8 +33,8 @@ struct MarginPoint {
   std::vector<std::string> reasons;  ///< why runs failed, each once
   Judgement judgement;
   std::optional<double> performance;  ///< the median of its complete runs; the best of several levels
-  /// Of runs that passed and were asked to check results: why those of an engine were not judged, each text
-  /// once.
+  /// Why results of an engine were not judged, each text once. From runs that passed and were asked to check
+  /// results.
   std::vector<std::string> notJudged;
 };
 
@@ -67,8 +67,9 @@ MarginMap MarginMapOf(const Sweep& sweep, const SweepTable& table);
 /// The chosen point has failed.
 bool ChosenFails(const Sweep& sweep);
 
-/// The rate of failures that a point leaves room for, with 95 %; none if it fails, or has fewer than four
-/// runs. Its own runs alone count: that of others, farther out, were chosen because they did not fail.
+/// The highest rate of failures that is still possible at a point, with 95 %; none if it fails, or has fewer
+/// than four runs. Its own runs alone count: those at points farther out were chosen because they did not
+/// fail.
 std::optional<double> FailureRateBelow(const MarginPoint& point);
 
 }  // namespace scope

@@ -29,15 +29,16 @@ struct Trials {
 
 /// What the runs say about a point.
 struct Judgement {
-  bool fails = false;  ///< a run failed here or, of Judge, at a point nearer to the chosen one
-  /// If it does not fail: the runs here and, of Judge, farther out, at points that do not fail either.
+  bool fails = false;  ///< a run failed here or, in what Judge returns, at a point nearer to the chosen one
+  /// If it does not fail: the runs here and, in what Judge returns, those at points farther out that do not
+  /// fail.
   std::size_t cleanRuns = 0;
 };
 
 /// The number of points.
 std::size_t PointCount(const MarginGrid& grid);
 
-/// For each setting, the number of the point's value.
+/// The index of the point's value for each setting.
 std::vector<std::size_t> ValuesOfPoint(const MarginGrid& grid, std::size_t point);
 
 /// True if `point` is farther out than `other`, or the same.

@@ -20,8 +20,8 @@ struct CellOptions {
   std::string apply;        ///< shell command that makes the cell's settings of the board
   std::string planPath;     ///< the plan's file, which `root` gets a copy of; empty: none
   bool showsApply = false;  ///< the output of `apply` goes to standard error
-  double waitS = 0;         ///< for the end of another runner of the cell
-  bool warns = true;        ///< of a cell that has to be recorded again because it is damaged
+  double waitS = 0;         ///< seconds to wait until another process has finished the cell
+  bool warns = true;        ///< print a warning if the cell is damaged and has to be recorded again
 };
 
 /// The shell command that makes `settings`: `command` with NAME=VALUE for each of them.
@@ -41,7 +41,7 @@ struct CellOutcome {
   bool isRecorderFault = false;          ///< it failed because the recorder did, not the board
 };
 
-/// The state of a run of a series that ended so.
+/// The state of a run with this outcome.
 SweepState StateAfter(const CellOutcome& outcome);
 
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.

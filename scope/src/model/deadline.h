@@ -27,7 +27,7 @@ double ParseMissedShare(const std::string& text);
 void RequireDeadlines(const std::vector<Deadline>& deadlines,
                       const std::vector<std::pair<std::string, int>>& levels);
 
-/// As the meter reads them: "vpc=16700000,aic=50000000".
+/// The deadlines as the meter reads them: "vpc=16700000,aic=50000000".
 std::string DeadlinesText(const std::vector<Deadline>& deadlines);
 
 /// Share of the operations that missed the deadline; 0 without operations.

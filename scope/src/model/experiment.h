@@ -23,7 +23,7 @@ constexpr NumberRange kAllowedWarmupS = {0, 1e6};
 
 /// Saved, so that a continued experiment uses the same settings.
 struct ExperimentSettings : RunSettings {
-  std::string commandA;  ///< makes the setting of A; empty, as commandB then is: the user is asked to
+  std::string commandA;  ///< makes the setting of A; if both are empty, the user is asked to
   std::string commandB;
   int mostRuns = 64;  ///< of both sides together
   double tolerancePercent = 2;

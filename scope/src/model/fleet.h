@@ -25,7 +25,7 @@ struct FleetMeasure {
 /// A board's runs of a night for a measure.
 struct FleetValue {
   double middle = 0;          ///< natural logarithm of the runs' mean: figures differ by factors
-  float squares = 0;          ///< sum of the runs' squared differences from their mean, in parts of it
+  float squares = 0;          ///< sum of the runs' squared differences from their mean, relative to it
   std::uint32_t measure = 0;  ///< its place in Fleet::measures; likewise the next two
   std::uint32_t board = 0;
   std::uint16_t night = 0;
@@ -90,7 +90,7 @@ struct MeasureHistory {
   FleetMeasure measure;
   double deviation = 0;  ///< of the fleet's median from night to night
   int nights = 0;        ///< with a median of the fleet
-  double runs = 0;       ///< of a board in a night, usually
+  double runs = 0;       ///< the usual number of runs of a board in a night
   std::vector<BoardHistory> boards;
 };
 

@@ -14,8 +14,8 @@ namespace scope {
 constexpr const char* kLatencyVictim = "latency";
 
 struct MatrixVictim {
-  std::string section;  ///< of an engine: "VPC"; or kLatencyVictim
-  int level = 1;        ///< 0 of the latency of memory
+  std::string section;  ///< the section of an engine, "VPC", or kLatencyVictim
+  int level = 1;        ///< 0 for kLatencyVictim
 };
 
 enum class MatrixPart {
@@ -28,8 +28,8 @@ enum class MatrixPart {
 struct MatrixRun {
   std::string folder;  ///< within the matrix's
   MatrixPart part = MatrixPart::kAlone;
-  std::string victim;  ///< MatrixVictim::section; empty of kLoad
-  SweepLevels mix;     ///< the levels of the aggressors, all above 0; empty of kAlone
+  std::string victim;  ///< MatrixVictim::section; empty for kLoad
+  SweepLevels mix;     ///< the levels of the aggressors, all above 0; empty for kAlone
   int repeat = 1;      ///< from 1
   SweepState state = SweepState::kPlanned;
   std::string reason;  ///< why it failed; empty otherwise
@@ -43,7 +43,7 @@ struct Matrix {
   std::vector<MatrixVictim> victims;
   std::vector<int> ownCpus;  ///< CPUs that the victim has to itself; empty: none
   bool worst = false;        ///< look for the worst mix of the only victim, instead of recording all
-  /// In the order of recording. Of a search for the worst: those that it has asked for so far.
+  /// In a search for the worst mix: the runs that it has asked for so far. In the order of recording.
   std::vector<MatrixRun> runs;
 };
 

@@ -23,12 +23,13 @@ struct PlanCell {
 };
 
 struct Plan {
-  /// Of the plan's file; tells plans apart. Empty for the plan of a sweep, which is part of sweep.json.
+  /// A hash of the plan's file, which tells plans apart. Empty for the plan of a sweep, which is part of
+  /// sweep.json.
   std::string id;
   std::string made;        ///< UTC, ISO 8601
   std::string configPath;  ///< the user's file
   std::string configText;  ///< what the benchmark reads of it, with absolute paths to models
-  /// How each cell is recorded. Of a plan's file, it names no program and no folder of a machine.
+  /// How each cell is recorded. In a plan's file, it names no program and no folder of a machine.
   SweepSettings settings;
   std::vector<PlanCell> cells;  ///< in the order of recording; the first one is cell 1
 };

@@ -49,7 +49,7 @@ struct Conditions {
   std::string hostnameHash;  ///< tells machines apart without naming them
   std::string buildType;     ///< of the benchmark; empty if it is not from this tool's build
   std::vector<std::pair<std::string, std::string>> libraryVersions;  ///< name to version, sorted by name
-  /// Of this project's platform, as it logs them: name to value. Empty if unknown.
+  /// What this project's platform logs of its settings: name to value. Empty if unknown.
   std::vector<std::pair<std::string, std::string>> platformSettings;
   std::vector<std::pair<std::string, std::string>> encoderEngines;  ///< channel to engine; empty if unknown
   std::vector<double> loadAverage;                                  ///< three values; empty if unknown
@@ -225,7 +225,7 @@ struct RunInfo {
   std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;
   LatencySummary latency;
-  /// From each source of errors ("cpu", "edac") to how many there were, in the table or not.
+  /// Each source of errors ("cpu", "edac") with their number, in the table or not.
   std::vector<std::pair<std::string, std::uint64_t>> errors;
 };
 
@@ -254,12 +254,12 @@ struct SecondWork : Work {
   std::string engine;
 };
 
-/// By one worker thread.
+/// The work of one worker thread.
 struct Sample : SecondWork {
   int thread = 0;
 };
 
-/// By all worker threads together.
+/// The work of all worker threads together.
 struct EngineSample : SecondWork {
   int threads = 0;  ///< those that completed an operation
 };

@@ -23,7 +23,7 @@ std::uint64_t ErrorsIn(const RunError& error);
 /// The error in one sentence, without its time.
 std::string ErrorText(const RunError& error);
 
-/// From each source to its errors. Those of a run whose recorder was killed are counted in its table.
+/// How many errors each source has. If the recorder was killed, the rows of the run's table are counted.
 std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run);
 std::uint64_t ErrorsOf(const Run& run);
 

@@ -41,12 +41,12 @@ struct SweepRun {
   BoardSettings settings;
   double dutyPercent = kWholeDuty;  ///< see RunSettings; no more than that of the sweep's settings
   int repeat = 1;                   ///< from 1
-  /// In which the runs are recorded, from 1. Of a sweep for the edge: only the number of the cell.
+  /// The run's place in the order of recording, from 1. In a sweep for the edge: only the number of the cell.
   int order = 1;
   SweepState state = SweepState::kPlanned;
   std::string reason;  ///< why it failed, or which errors a run that is done has found; empty otherwise
   int lost = 0;        ///< how often the recorder or the machine died in it
-  int attempt = 0;     ///< of kRunning: the number of the attempt that has begun
+  int attempt = 0;     ///< for kRunning: the number of the attempt that has begun
 };
 
 /// How each run is recorded. Saved, so that a resumed sweep uses the same settings.
@@ -73,8 +73,8 @@ struct Sweep {
   MarginSettings margin;
   std::string bootId;    ///< of the machine when the last run began; empty if unknown
   bool restored = true;  ///< false: the board may still have the settings of a run
-  /// By point of the grid (the last axis changes fastest, those of settings come after levels), then by
-  /// repeat.
+  /// Sorted by point of the grid (the last axis changes fastest, those of settings come after levels), then
+  /// by repeat.
   std::vector<SweepRun> runs;
 };
 

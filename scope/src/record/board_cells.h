@@ -27,12 +27,12 @@ class BoardCells {
   /// folder.
   void Prepare(const std::string& bundle, const std::string& planPath, double patienceS);
 
-  /// Runs stress_scope cell for this cell there, with these options more. Ends it after `limitS`, and when a
-  /// signal comes; it then has the time that it needs to save.
+  /// Runs `stress_scope cell` on the board for this cell, with `options` added. Ends it after `limitS`, and
+  /// when a signal comes; it then has the time that it needs to save.
   BoardShell::Result Run(std::size_t number, const std::vector<std::string>& options, double limitS);
 
-  /// Copies the folder of the cell and those of its attempts into the new folder `to`, in which nothing but
-  /// folders and regular files is then.
+  /// Copies the folder of the cell and those of its attempts into the new folder `to`. Afterwards `to` holds
+  /// only folders and regular files.
   void Fetch(const std::string& cellFolder, const std::string& to);
 
   /// Removes there what Fetch has copied, and no attempt that came since.

@@ -46,8 +46,7 @@ inline ChaseMemory::Line* Follow(ChaseMemory::Line* line) {
   return *const_cast<ChaseMemory::Line* volatile*>(&line->next);
 }
 
-/// Loads that follow each other are timed together where the mean matters: one reading of the counter in so
-/// many.
+/// Number of loads per reading of the counter, where only their mean matters.
 constexpr int kBatch = 64;
 
 inline ChaseMemory::Line* FollowBatch(ChaseMemory::Line* line) {
@@ -65,12 +64,12 @@ class ChaseTimer {
   /// Measures the length of a tick again, over the time since the construction: the longer, the more exact.
   void Adjust();
 
-  /// What the timing of a load takes itself.
+  /// The time that timing a load takes by itself.
   double OverheadNs() const { return overheadTicks_ * nsPerTick_; }
-  /// The counter moves in steps of so much: on some processors by many ticks at once.
+  /// The smallest step of the counter. On some processors it is many ticks.
   double StepNs() const { return stepTicks_ * nsPerTick_; }
   std::uint64_t TicksOf(double ns) const { return static_cast<std::uint64_t>(ns / nsPerTick_); }
-  /// The time of loads that were timed so many times, which took `ticks`.
+  /// Time of the loads that took `ticks`, without the overhead of `timings` readings.
   double LoadNs(std::uint64_t ticks, std::uint64_t timings = 1) const;
 
  private:

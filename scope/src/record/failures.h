@@ -55,7 +55,7 @@ class FailureWatch {
   BenchmarkLog log_;
 };
 
-/// `text`, and behind it what the log says, if it says something.
+/// `text`, followed by what the log says, if anything.
 std::string WithLogLine(const std::string& text, const std::string& line);
 
 }  // namespace scope

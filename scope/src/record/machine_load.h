@@ -25,7 +25,7 @@ class MachineLoad {
 
   /// The values at `timeS`, over the time since the previous call; the first call returns none. The time of
   /// `benchmark`, of the programs that it started, of `helpers` and of this program is not that of others.
-  /// There is none of others after the benchmark has ended.
+  /// After the benchmark has ended, there is no value for others.
   std::vector<CounterValue> Read(double timeS, pid_t benchmark, const std::vector<pid_t>& helpers = {});
 
  private:

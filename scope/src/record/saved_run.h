@@ -53,7 +53,8 @@ class SavedRun {
 
   // At the end, in this order:
 
-  /// Tried even after a failed write: there may be room again, and the file does not need the others.
+  /// Tries to write even after a failed write: there may be room again, and the file does not need the
+  /// others.
   void WriteHistogram(const std::vector<HistogramRow>& rows);
 
   /// Adds what failed in the run to what was found at its start, and tells it. `fault` is the supervisor's.

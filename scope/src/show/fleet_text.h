@@ -38,7 +38,7 @@ std::string FleetPage(const FleetReport& report);
 /// A file in the format that JUnit began and job servers read: a test for each board.
 std::string FleetJunit(const FleetReport& report);
 
-/// 0, or 1 if a board or the fleet needs a look.
+/// The exit status: 0, or 1 if a board or the fleet needs a look.
 int ExitStatusOf(const FleetVerdict& verdict);
 
 /// What the finding says, in one line.
@@ -47,7 +47,7 @@ std::string FindingText(const FleetReport& report, const FleetFinding& finding);
 /// The findings of a board, the greatest difference first.
 std::vector<FleetFinding> FindingsOf(const FleetVerdict& verdict, std::uint32_t board);
 
-/// It has no cells in the last night, but had runs before.
+/// True if the board has no cells in the last night, but had runs before.
 bool IsAbsent(const BoardVerdict& board);
 
 /// "b7, last seen 2026-11-21". Requires IsAbsent.

@@ -43,7 +43,7 @@ Json Rounded(double value);
 /// Names, titles and colours of these engines.
 Json EngineList(const std::vector<std::string>& engines);
 
-/// As people and programs read it, with a line feed at its end.
+/// The text of `json` for people and programs, with a line feed at its end.
 std::string JsonText(const Json& json);
 
 /// The HTML page that contains `data` and the script that draws it.

@@ -46,7 +46,7 @@ class CellFolders {
   /// was killed. None if there is none.
   std::optional<std::string> Done(const std::string& plan, std::size_t number) const;
 
-  /// As MakeAttempt.
+  /// Makes the folder of a new attempt at this cell, as MakeAttempt does.
   std::string NewAttempt() { return MakeAttempt(root_, cellFolder_); }
 
   /// Removes an attempt in which nothing was recorded.
@@ -61,7 +61,7 @@ class CellFolders {
   /// RemoveAttemptsIfEmpty.
   bool Publish(const std::string& attempt, const std::string& plan, std::size_t number);
 
-  /// Removes the folder of the attempts if there is none in it. Only when the cell is done: what was locked
+  /// Removes the folder of the attempts if it is empty. Only when the cell is done: what was locked
   /// is gone, and a runner that comes later locks a new folder.
   void RemoveAttemptsIfEmpty();
 

@@ -62,10 +62,10 @@ class JsonLimits : public nlohmann::json_sax<nlohmann::ordered_json> {
   std::size_t comparisons_ = 0;
 };
 
-/// True for a short text that cannot be beyond the limits: ten thousands of cell.json are read at once.
+/// True for a short text that cannot be beyond the limits: tens of thousands of cell.json are read at once.
 inline bool IsSurelyWithinLimits(const std::string& text) {
   constexpr std::size_t kShort =
-      32 << 10;  // a key takes five bytes, and so many of them 22 million comparisons
+      32 << 10;  // a key takes five bytes or more: at most 6,553 keys and 22 million comparisons
   if (text.size() > kShort) return false;
   const auto levels =
       std::count_if(text.begin(), text.end(), [](char one) { return one == '{' || one == '['; });

@@ -34,7 +34,7 @@ inline constexpr const char* kTableName<RunError> = "errors.csv";
 template <>
 inline constexpr const char* kTableName<LatencySecond> = "latency.csv";
 
-/// Those of a second's work, of an engine or of one of its threads.
+/// Visits the columns of a second's work, of an engine or of one of its threads.
 template <typename Row, typename Visit>
 void VisitWorkColumns(Row& row, const Visit& visit) {
   visit(CsvColumn{"second"}, row.second);

@@ -96,9 +96,9 @@ SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, con
 /// The keys with which the file begins.
 SeriesJson SeriesHead(const SeriesKind& kind, const std::string& started, const std::string& configPath);
 
-/// The text of `head` with a last key more: a list with a line for each of `items`, as `toJson` makes them.
-/// The tree of all of them is never in memory. `head` has at least one key. Bytes that are not UTF-8 are
-/// replaced.
+/// The text of `head` with one more key at its end: a list with a line for each of `items`, as `toJson` makes
+/// them. The tree of all of them is never in memory. `head` has at least one key. Bytes that are not UTF-8
+/// are replaced.
 template <typename Items, typename ToJson>
 std::string TextWithLines(const SeriesJson& head, const std::string& key, const Items& items, ToJson toJson) {
   const auto replace = SeriesJson::error_handler_t::replace;

@@ -9,7 +9,7 @@
 namespace scope {
 
 constexpr const char* kSweepName = "sweep.json";
-/// In the folder while a run over settings is recorded; see KeepSweep.
+/// The copy that KeepSweep makes; it is in the folder while a run over settings is recorded.
 constexpr const char* kKeptSweepName = "sweep.json.before";
 
 bool IsSweepFolder(const std::string& folder);
