@@ -131,7 +131,7 @@ void ForgetWork(Checker& checker) {
 
 bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind) {
   if (checker.works != 0 && !MaySpend(checker, checker.learnNs)) return false;
-  const std::uint64_t start = NowNs();
+  const CheckTimer timer;
   ForgetWork(checker);
   if (!CanRead(sources)) {
     RaiseState(engine, CheckState::kUnreadable);
@@ -142,7 +142,7 @@ bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint6
   checker.cursor = 0;
   checker.missed = 0;
   if (sources.count != 0) checker.content = KeepContent(sources);
-  checker.learnNs = NowNs() - start;
+  checker.learnNs = timer.TookNs();
   if (checker.works++ != 0) Spent(checker, checker.learnNs);
   return true;
 }
@@ -161,13 +161,13 @@ bool KnowPlace(Checker& checker, Engine engine, const Spans& results) {
     if (place.data == results.Begin() && place.bytes == results.total) return true;
   }
   if (checker.placesSeen != 0 && !MaySpend(checker, checker.readNs)) return false;
-  const std::uint64_t start = NowNs();
+  const CheckTimer timer;
   if (!CanRead(results)) {
     RaiseState(engine, CheckState::kUnreadable);
     return false;
   }
   checker.places[checker.placesSeen % Checker::kMostPlaces] = {results.Begin(), results.total};
-  checker.readNs = NowNs() - start;
+  checker.readNs = timer.TookNs();
   if (checker.placesSeen++ != 0) Spent(checker, checker.readNs);
   return true;
 }
@@ -230,9 +230,9 @@ bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sour
 }
 
 void CheckSourcePart(ThreadCounters& counters, Checker& checker, const Spans& sources) {
-  const std::uint64_t start = NowNs();
+  const CheckTimer timer;
   (void)CheckSource(counters, checker, sources, false);
-  checker.partNs = NowNs() - start;
+  checker.partNs = timer.TookNs();
   Spent(checker, checker.partNs);
 }
 

@@ -33,11 +33,11 @@ struct alignas(64) Checker {
   std::atomic<std::uint64_t> unlisted;
   std::atomic<std::uint64_t> checkNs;
 
-  // The allowance: checks take a bounded share of the time that the engine works.
+  // The allowance: checks take a bounded share of the time that the engine works. See CheckTimer.
   std::uint64_t busyNs;
   std::uint64_t spentNs;
-  std::uint64_t wholeNs;  ///< what the last check of a whole result took
-  std::uint64_t partNs;   ///< what the last check of a part of a source took
+  std::uint64_t wholeNs;  ///< processor time that the last check of a whole result took
+  std::uint64_t partNs;   ///< the same of the last part of a source
   std::uint64_t turn;
   std::uint64_t random;
 
@@ -51,10 +51,10 @@ struct alignas(64) Checker {
   HeldDifference held;       ///< of the source
   int missed;                ///< operations of other work since this one came by
   std::uint64_t works;       ///< how many were learnt
-  std::uint64_t learnNs;     ///< what learning the last one took
+  std::uint64_t learnNs;     ///< processor time that learning the last one took
   Span places[kMostPlaces];  ///< of results, which can be read
   std::uint64_t placesSeen;
-  std::uint64_t readNs;  ///< what the last look whether a place can be read took
+  std::uint64_t readNs;  ///< processor time that the last look whether a place can be read took
 
   // Results of the same source.
   std::uint64_t key;

@@ -147,11 +147,11 @@ void ExplainResult(ThreadCounters& counters, Checker& checker, const Spans& sour
 
 void CheckWholeResult(ThreadCounters& counters, Checker& checker, const Spans& sources,
                       const Spans& results) {
-  const std::uint64_t start = NowNs();
+  const CheckTimer timer;
   const bool learning = !checker.learnt;
   const std::uint64_t hash = Mixed(HashFromMemory(results), results.total);
   Compared(checker, results.total, true);
-  checker.wholeNs = NowNs() - start;
+  checker.wholeNs = timer.TookNs();
   if (learning) {
     // The first ones come on top.
     if (checker.works > 1) Spent(checker, checker.wholeNs);
@@ -163,7 +163,29 @@ void CheckWholeResult(ThreadCounters& counters, Checker& checker, const Spans& s
   } else if (!checker.compared) {
     CompareThreads(counters, checker, results);
   }
+  Spent(checker, timer.TookNs());
+}
+
+// Of a whole copy, or of a drawn part, which is too short to be worth a system call.
+void CheckPartOfCopy(ThreadCounters& counters, Checker& checker, const Spans& from, const Spans& to) {
+  const std::uint64_t start = NowNs();
+  checker.random ^= checker.random << 13;
+  checker.random ^= checker.random >> 7;
+  checker.random ^= checker.random << 17;
+  const std::size_t length = std::min(kDrawnBytes, to.total);
+  const std::size_t at = checker.random % (to.total - length + 1) / kLineBytes * kLineBytes;
+  CompareCopy(counters, checker, from, to, at, length);
+  Compared(checker, length, false);
   Spent(checker, NowNs() - start);
+}
+
+void CheckWholeCopy(ThreadCounters& counters, Checker& checker, const Spans& from, const Spans& to) {
+  const bool isFirst = checker.wholeNs == 0;
+  const CheckTimer timer;
+  CompareCopy(counters, checker, from, to, 0, to.total);
+  Compared(checker, to.total, true);
+  checker.wholeNs = timer.TookNs();
+  if (!isFirst) Spent(checker, checker.wholeNs);
 }
 
 }  // namespace
@@ -178,20 +200,11 @@ void CheckCopy(ThreadCounters& counters, const void* destination, const void* so
   if (!LookAgain(checker, Engine::kCpu, from)) return;
   RaiseState(Engine::kCpu, CheckState::kJudged);
 
-  const std::uint64_t start = NowNs();
-  const bool first = checker.wholeNs == 0;
-  const bool whole = first || MaySpend(checker, checker.wholeNs);
-  checker.random ^= checker.random << 13;
-  checker.random ^= checker.random >> 7;
-  checker.random ^= checker.random << 17;
-  const std::size_t drawn = std::min(kDrawnBytes, bytes);
-  const std::size_t at = whole ? 0 : checker.random % (bytes - drawn + 1) / kLineBytes * kLineBytes;
-  const std::size_t length = whole ? bytes : drawn;
-  CompareCopy(counters, checker, from, to, at, length);
-  Compared(checker, length, whole);
-  const std::uint64_t took = NowNs() - start;
-  if (whole) checker.wholeNs = took;
-  if (!first) Spent(checker, took);
+  if (checker.wholeNs == 0 || MaySpend(checker, checker.wholeNs)) {
+    CheckWholeCopy(counters, checker, from, to);
+  } else {
+    CheckPartOfCopy(counters, checker, from, to);
+  }
 }
 
 void CheckResults(ThreadCounters& counters, const Spans& sources, const Spans& results, std::uint64_t kind,

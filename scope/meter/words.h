@@ -18,6 +18,30 @@ inline std::uint64_t NowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+/// Processor time of the calling thread. Mostly a system call.
+inline std::uint64_t ThreadNs() {
+  timespec now{};
+  (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+/// What a check takes: processor time. One that lost its CPU would otherwise count for more than it took, and
+/// keep the next one away for long.
+class CheckTimer {
+ public:
+  /// At least 1. By the clock where the system does not tell processor time, or in too long steps.
+  std::uint64_t TookNs() const {
+    const std::uint64_t now = ThreadNs();
+    if (now > threadStart_) return now - threadStart_;
+    const std::uint64_t byClock = NowNs() - start_;
+    return byClock == 0 ? 1 : byClock;
+  }
+
+ private:
+  std::uint64_t start_ = NowNs();
+  std::uint64_t threadStart_ = ThreadNs();
+};
+
 /// Held by checks alone, never in a call that only counts: for some hundred instructions, or while a content
 /// that is seen for the first time is copied.
 class ShortLock {

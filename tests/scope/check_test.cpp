@@ -4,13 +4,16 @@
 // so each test has a process of its own.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -22,6 +25,23 @@
 #include "checker.h"
 #include "fill.h"
 #include "verify.h"
+
+namespace {
+
+/// Seconds that pass between any two readings of the clock: other programs had the CPU.
+std::atomic<int> secondsAway{0};
+std::atomic<bool> threadTimeStands{false};
+
+}  // namespace
+
+// Replaces that of the C library, for the checks.
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  static std::atomic<int> readings{0};
+  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+  if (clock == CLOCK_MONOTONIC) time->tv_sec += secondsAway * ++readings;
+  if (clock == CLOCK_THREAD_CPUTIME_ID && threadTimeStands) *time = {};
+  return result;
+}
 
 namespace {
 
@@ -648,6 +668,28 @@ TEST(Check, TakesNoMoreThanItsShareOfTheTime) {
     EXPECT_LT(CheckCounts(Engine::kVpc).checked, kOperations / 2U);
     EXPECT_LE(checker.spentNs, kNs * kOperations * 15 / 1000 + 100'000'000) << "the last one may take long";
   });
+}
+
+TEST(Check, ATimeWithoutItsCpuIsNoneOfACheck) {
+  for (const bool isTold : {true, false}) {
+    InOwnProcess([isTold] {
+      const Worker copies(Engine::kCpu, 0);
+      const Worker resizes(Engine::kVpc, 0);
+      const Bytes source = Random(30'000, 1);
+      Bytes result(10'000);
+      Resize(source, result);
+      secondsAway = 1;
+      threadTimeStands = !isTold;
+      for (int i = 0; i < 40; ++i) {
+        Copy(copies, source);
+        CheckResults(*resizes.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
+                     kOperationNs);
+      }
+      // Where the system does not tell processor time, the clock counts, and checks are as rare as it says.
+      EXPECT_EQ(CheckCounts(Engine::kCpu).whole, isTold ? 40U : 1U);
+      EXPECT_EQ(CheckCounts(Engine::kVpc).whole, isTold ? 8U + 24 : 8U) << "and parts of the source";
+    });
+  }
 }
 
 TEST(Check, LearningNewSourcesIsPartOfTheShare) {
