@@ -101,6 +101,10 @@ void Compared(Checker& checker, std::size_t bytes, bool whole) {
   Count(checker.bytes, bytes);
 }
 
+void NoteJudged(Checker& checker) {
+  checker.judged.store(true, std::memory_order_relaxed);
+}
+
 void RaiseState(Engine engine, CheckState state) {
   std::atomic<std::uint32_t>& held = states[static_cast<std::uint32_t>(engine)];
   std::uint32_t before = held.load(std::memory_order_relaxed);
@@ -288,13 +292,13 @@ CheckPacket CheckCounts(Engine engine) {
   if (engine == Engine::kVenc && MayJudge(engine)) {
     if (StreamsDiffer()) packet.state = CheckState::kNotDeterministic;
   }
-  int threads = 0;
   for (std::size_t i = 0; i < kCounterSets; ++i) {
     const Checker& checker = checkers[i];
     const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);
     const std::uint32_t of = engineOf[i].load(std::memory_order_relaxed);
     if (operations == 0 || of != static_cast<std::uint32_t>(engine)) continue;
-    ++threads;
+    ++packet.threads;
+    packet.judgedThreads += checker.judged.load(std::memory_order_relaxed) ? 1 : 0;
     packet.operations += operations;
     packet.checked += checker.checked.load(std::memory_order_relaxed);
     packet.whole += checker.whole.load(std::memory_order_relaxed);
@@ -305,8 +309,11 @@ CheckPacket CheckCounts(Engine engine) {
     packet.checkNs += checker.checkNs.load(std::memory_order_relaxed);
   }
   // Nothing but another channel shows what the stream of a frame has to be.
-  if (engine == Engine::kVenc && packet.state == CheckState::kLearning && threads == 1) {
+  if (engine == Engine::kVenc && packet.state == CheckState::kLearning && packet.threads == 1) {
     packet.state = CheckState::kAlone;
+  }
+  if (packet.state == CheckState::kJudged && packet.judgedThreads < packet.threads) {
+    packet.state = CheckState::kPartlyJudged;
   }
   return packet;
 }

@@ -32,6 +32,7 @@ struct alignas(64) Checker {
   std::atomic<std::uint64_t> errors;
   std::atomic<std::uint64_t> unlisted;
   std::atomic<std::uint64_t> checkNs;
+  std::atomic<bool> judged;  ///< something has said whether a result of the thread was right
 
   // The allowance: checks take a bounded share of the time that the engine works. See CheckTimer.
   std::uint64_t busyNs;
@@ -90,7 +91,10 @@ void Spent(Checker& checker, std::uint64_t ns);
 /// Counts what has been compared.
 void Compared(Checker& checker, std::size_t bytes, bool whole);
 
-/// The state of an engine rises and never falls.
+/// Notes that a result of the thread was judged.
+void NoteJudged(Checker& checker);
+
+/// The state of an engine rises and never falls. kPartlyJudged is none of its states: see CheckCounts.
 void RaiseState(Engine engine, CheckState state);
 CheckState StateOf(Engine engine);
 /// True as long as nothing says that the engine's results cannot be judged.

@@ -179,6 +179,8 @@ bool CompareStream(const ThreadCounters& counters, StreamTable& table, std::uint
   Compared(*made.by, stream.total, true);
   // The first stream of the frame is now checked, too.
   if (slot.compared++ == 0) Compared(*made.by, slot.first.bytes, true);
+  NoteJudged(*made.by);
+  NoteJudged(*slot.first.by);
   if (agrees) {
     Agree(table, slot, made);
   } else {

@@ -106,6 +106,7 @@ void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, std
   checker.learnt = true;
   checker.compared = false;
   checker.reference = nullptr;
+  NoteJudged(checker);
   RaiseState(counters.engine, CheckState::kJudged);
   for (int i = alike; i < Checker::kObservations; ++i) {
     ReportError(counters, checker, ErrorKind::kResult, nullptr);
@@ -198,6 +199,7 @@ void CheckCopy(ThreadCounters& counters, const void* destination, const void* so
   const Spans from(source, bytes);
   if (!KnowWork(checker, Engine::kCpu, from, 0) || !KnowPlace(checker, Engine::kCpu, to)) return;
   if (!LookAgain(checker, Engine::kCpu, from)) return;
+  NoteJudged(checker);
   RaiseState(Engine::kCpu, CheckState::kJudged);
 
   if (checker.wholeNs == 0 || MaySpend(checker, checker.wholeNs)) {

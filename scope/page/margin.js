@@ -65,7 +65,7 @@ function notJudgedTexts(margin) {
 
 function legendOf(margin, hasUnjudged) {
   return (margin.edge ? ' In brackets: follows from other points, if what is farther from the chosen point fails at least as often.' : '') +
-    (hasUnjudged ? ' ?: the results of an engine were not judged.' : '');
+    (hasUnjudged ? ' ?: not all results were judged.' : '');
 }
 
 function marginSections(margin) {
@@ -84,7 +84,7 @@ function marginSections(margin) {
     ...(margin.settings.length > 1 ? [section('The point and its neighbours', marginTable(margin, near))] : []),
     ...(reasons.length > 0 ? [section('Why runs failed', table('reasons', ['', 'Reason'], [], reasons.slice(0, kMostReasonRows)),
         reasons.length > kMostReasonRows ? el('p', {}, `${reasons.length - kMostReasonRows} more are in the JSON.`) : [])] : []),
-    ...(notJudged.length > 0 ? [section('Not judged', el('p', {}, 'Wrong results of these engines would not have been found.'),
+    ...(notJudged.length > 0 ? [section('Not judged', el('p', {}, 'Wrong results of these would not have been found.'),
         listOf(notJudged))] : []),
   ];
 }

@@ -28,7 +28,7 @@ constexpr const char* kPinVariable = "STRESS_SCOPE_PIN";
 constexpr const char* kDutyVariable = "STRESS_SCOPE_DUTY";
 constexpr std::uint32_t kMeterMagic = 0x43535453;  // "STSC"
 /// Raised with every change of this file, of latency_buckets.h, or of the engines' order.
-constexpr std::uint32_t kMeterVersion = 4;
+constexpr std::uint32_t kMeterVersion = 5;
 
 /// kCpu: memcpy_s. kVpc: QetImageResize. kVenc: SendFrame, GetStream and ReleaseStream count as one
 /// operation. kAic: QetDNNModelProcess; a failed QetDNNModelInitialize counts as one failure. kVpcCopy:
@@ -70,13 +70,14 @@ constexpr std::uint32_t kFillCount = sizeof(kFillNames) / sizeof(kFillNames[0]);
 enum class CheckState : std::uint32_t {
   kLearning,          ///< too few operations so far to know what is right
   kJudged,            ///< wrong results are errors
+  kPartlyJudged,      ///< those of some threads; of the others too little is known
   kAlone,             ///< one channel: there is no other stream to compare with
   kSourcesChange,     ///< the program writes its sources between operations
   kNotDeterministic,  ///< the same source gives different results
   kUnreadable,        ///< results are where the processor cannot read them
   kUnknown            ///< the records of this platform are not known
 };
-constexpr std::uint32_t kCheckStates = 7;
+constexpr std::uint32_t kCheckStates = 8;
 
 /// What was wrong.
 enum class ErrorKind : std::uint32_t {
@@ -152,8 +153,10 @@ struct CheckPacket {
   std::uint64_t bytes;       ///< of results that were compared
   std::uint64_t allBytes;    ///< of all results
   std::uint64_t errors;
-  std::uint64_t unlisted;  ///< errors that no ErrorPacket has: too many at once, or the same again
-  std::uint64_t checkNs;   ///< time that the checks took
+  std::uint64_t unlisted;       ///< errors that no ErrorPacket has: too many at once, or the same again
+  std::uint64_t checkNs;        ///< time that the checks took
+  std::uint32_t threads;        ///< that did operations
+  std::uint32_t judgedThreads;  ///< those of them of whose results some were judged
 };
 
 /// After each second of a meter that knows deadlines, for each engine that has one and has worked. All counts

@@ -474,6 +474,51 @@ TEST(Check, AWrongSourceOfAResultIsNamedAndNotTheResult) {
   }
 }
 
+TEST(Check, AnEngineIsJudgedIfEachOfItsThreadsIs) {
+  InOwnProcess([] {
+    const Bytes source = Random(30'000, 1);
+    Bytes result(10'000);
+    Resize(source, result);
+    const auto resize = [&](const Worker& worker, int count) {
+      for (int i = 0; i < count; ++i) {
+        CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
+                     kOperationNs);
+      }
+    };
+    const auto expect = [](Engine engine, CheckState state, std::uint32_t judged, std::uint32_t threads) {
+      const CheckPacket counts = CheckCounts(engine);
+      EXPECT_EQ(counts.state, state);
+      EXPECT_EQ(counts.judgedThreads, judged);
+      EXPECT_EQ(counts.threads, threads);
+    };
+    const Worker first(Engine::kVpc, 0);
+    const Worker second(Engine::kVpc, 1);
+    resize(first, 7);
+    expect(Engine::kVpc, CheckState::kLearning, 0, 1);
+    resize(first, 10);
+    expect(Engine::kVpc, CheckState::kJudged, 1, 1);
+    resize(second, 7);
+    expect(Engine::kVpc, CheckState::kPartlyJudged, 1, 2);
+    resize(second, 1);
+    expect(Engine::kVpc, CheckState::kJudged, 2, 2);
+
+    Copy(Worker(Engine::kCpu, 0), source);
+    expect(Engine::kCpu, CheckState::kJudged, 1, 1);
+    const Bytes empty;
+    Copy(Worker(Engine::kCpu, 1), empty);
+    expect(Engine::kCpu, CheckState::kPartlyJudged, 1, 2);
+
+    // The third channel has other settings.
+    for (std::uint64_t number = 0; number < 10; ++number) {
+      Encode(Worker(Engine::kVenc, 0), source, number);
+      Encode(Worker(Engine::kVenc, 1), source, number);
+      if (number == 0) expect(Engine::kVenc, CheckState::kJudged, 2, 2);
+      EncodeAs(Worker(Engine::kVenc, 2), source, number, StreamOf(number), 6);
+    }
+    expect(Engine::kVenc, CheckState::kPartlyJudged, 2, 3);
+  });
+}
+
 TEST(Check, EveryWrongBitInAStreamIsFoundByAnotherChannel) {
   InOwnProcess([] {
     const Bytes frame = Random(30'000, 1);

@@ -113,13 +113,14 @@ TEST(CompareFindings, NoErrorInSomeRunsBoundsTheFailureRate) {
 TEST(CompareFindings, OnlyRunsThatWereJudgedAreRunsWithoutErrors) {
   scope::Run unjudged = Checked({});
   unjudged.info.verification = {Check("vpc", "sources change")};
-  EXPECT_EQ(Errors({unjudged, unjudged}), "no error in 2 runs of B, but none of them was judged");
+  EXPECT_EQ(Errors({unjudged, unjudged}), "no error in 2 runs of B, but none of them was fully judged");
   EXPECT_EQ(Errors({Complete()}), "") << "nobody asked";
   EXPECT_EQ(Errors({Checked({}), Checked({}), unjudged, Complete()}),
-            "no error in 2 runs of B (2 more not judged): failure rate below 1 per run, 95 %");
-  EXPECT_EQ(Errors({Checked({7}), unjudged}),
-            "errors in 1 of 1 run of B (1 more not judged); time to the first error: 7.0 s at the least, "
-            "7.0 s in the median");
+            "no error in 2 runs of B (2 more not fully judged): failure rate below 1 per run, 95 %");
+  EXPECT_EQ(
+      Errors({Checked({7}), unjudged}),
+      "errors in 1 of 1 run of B (1 more not fully judged); time to the first error: 7.0 s at the least, "
+      "7.0 s in the median");
   unjudged.info.errors = {{"guard", 1}};
   EXPECT_EQ(Errors({unjudged}), "errors in 1 of 1 run of B") << "whatever was judged";
 }
@@ -137,6 +138,8 @@ TEST(CompareFindings, LookingForErrorsIsJudgingEachEngineOrWatchingMemory) {
   EXPECT_FALSE(LooksForErrors(info)) << "the guard does not look at results, which was asked for";
   info.verification.back().state = "judged";
   EXPECT_TRUE(LooksForErrors(info));
+  info.verification.back().state = kPartlyJudged;
+  EXPECT_FALSE(LooksForErrors(info)) << "one thread says nothing of the others";
   info.verification.clear();
   EXPECT_FALSE(LooksForErrors(info)) << "the recorder was killed";
   info = RunInfo();
@@ -150,6 +153,24 @@ TEST(CompareFindings, LookingForErrorsIsJudgingEachEngineOrWatchingMemory) {
   EXPECT_FALSE(LooksForErrors(info));
   info.counters[0].present = true;
   EXPECT_TRUE(LooksForErrors(info));
+}
+
+TEST(CompareFindings, HowManyThreadsWereJudgedIsTold) {
+  RunInfo info = Checked({}).info;
+  EngineCheck& check = info.verification[0];
+  check = {"vpc", kPartlyJudged, 8, 4, 4, 50, 100, 0, 0, 0, 3, 2};
+  EXPECT_EQ(
+      CheckText(check),
+      "vpc: only 2 of 3 threads judged: 50 % of the results' bytes checked, in 50 % of the operations, 4 "
+      "whole results; no error in what was judged");
+  EXPECT_EQ(NotJudged(info), std::vector<std::string>{
+                                 "vpc: not judged: 1 of 3 threads: too few operations, or none with the same "
+                                 "source, to learn what is right"});
+  check.errors = 2;
+  EXPECT_THAT(CheckText(check), testing::EndsWith("4 whole results; 2 errors"));
+  check.state = "judged";
+  EXPECT_THAT(CheckText(check), testing::StartsWith("vpc: 50 % of the results' bytes"));
+  EXPECT_THAT(NotJudged(info), IsEmpty());
 }
 
 TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {

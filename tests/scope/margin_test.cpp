@@ -496,9 +496,9 @@ TEST_F(MarginTest, SaysWhichEnginesWereNotJudged) {
   EXPECT_THAT(
       text(),
       AllOf(HasSubstr("refresh=200    pass 1/1 ?"), HasSubstr("refresh=100 *  pass 1/1  "),
-            HasSubstr("?: the results of an engine were not judged."),
+            HasSubstr("?: not all results were judged."),
             HasSubstr("passes to 200, 1 step away, the last value. No failure in 1 run there, too few "
-                      "for a failure rate. Not judged there: the results of cpu."),
+                      "for a failure rate. Not judged there: results of cpu."),
             HasSubstr("\n  cpu: not judged: too few operations, or none with the same source, to learn what "
                       "is right; at refresh=200\n")));
   judge("run-0001", "learning");

@@ -9,6 +9,7 @@
 
 #include "errors.h"
 #include "latency_buckets.h"
+#include "run_error.h"
 
 namespace {
 
@@ -232,6 +233,11 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   check.state = scope::CheckState::kSourcesChange;
   check.operations = 9;
   check.errors = 1;
+  check.threads = 3;
+  check.judgedThreads = 2;
+  Send(check);
+  check.engine = scope::Engine::kVenc;
+  check.state = scope::CheckState::kPartlyJudged;
   Send(check);
   scope::FillPacket fill{};
   fill.header = Header(PacketType::kFill);
@@ -251,7 +257,10 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   EXPECT_EQ(errors[0].found, "0x00000000000000fc");
   EXPECT_EQ(errors[0].bits, 2U);
   EXPECT_EQ(errors[0].note, "compared with thread 1");
-  ASSERT_EQ(reader_.Checks().size(), 1U);
+  ASSERT_EQ(reader_.Checks().size(), 2U);
+  EXPECT_EQ(reader_.Checks()[1].state, scope::kPartlyJudged);
+  EXPECT_EQ(reader_.Checks()[0].threads, 3U);
+  EXPECT_EQ(reader_.Checks()[0].judgedThreads, 2U);
   EXPECT_EQ(reader_.Checks()[0].state, "sources change");
   EXPECT_EQ(reader_.Checks()[0].operations, 9U);
   EXPECT_EQ(reader_.Filled().buffers, 4U);

@@ -159,10 +159,11 @@ std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* si
   }
   const std::string of = Counted(judged, "run") + " of " + side;
   const std::string unjudged =
-      judged == runs.size() ? "" : Format(" (%zu more not judged)", runs.size() - judged);
+      judged == runs.size() ? "" : Format(" (%zu more not fully judged)", runs.size() - judged);
   if (judged == 0) {
     if (!isAsked) return {};
-    return "no error in " + Counted(runs.size(), "run") + " of " + side + ", but none of them was judged";
+    return "no error in " + Counted(runs.size(), "run") + " of " + side +
+           ", but none of them was fully judged";
   }
   if (failed == 0) {
     // The rule of three: with this rate, n runs without an error have a chance of 5 %.

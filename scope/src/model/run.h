@@ -92,8 +92,10 @@ struct EngineCheck {
   std::uint64_t bytes = 0;       ///< of results that were checked
   std::uint64_t allBytes = 0;    ///< of all results
   std::uint64_t errors = 0;
-  std::uint64_t unlisted = 0;  ///< errors that are not in the table: too many at once, or the same again
-  double checkS = 0;           ///< time that the checks took, of all threads
+  std::uint64_t unlisted = 0;       ///< errors that are not in the table: too many at once, or the same again
+  double checkS = 0;                ///< time that the checks took, of all threads
+  std::uint64_t threads = 0;        ///< that did operations; 0 in runs of earlier versions
+  std::uint64_t judgedThreads = 0;  ///< those of them of whose results some were judged
 };
 
 /// How often an engine missed its deadline.

@@ -81,7 +81,10 @@ bool LooksForErrors(const RunInfo& info) {
          });
 }
 
-std::string CheckText(const EngineCheck& check) {
+namespace {
+
+// "cpu: not judged: 1 of 3 threads: too few operations, ...".
+std::string NotJudgedText(const EngineCheck& check) {
   static const std::map<std::string, std::string> kWhy = {
       {"learning", "too few operations, or none with the same source, to learn what is right"},
       {"alone", "one channel alone: there is no other stream to compare with"},
@@ -89,26 +92,41 @@ std::string CheckText(const EngineCheck& check) {
       {"not deterministic", "the same source gives different results by nature"},
       {"unreadable", "the processor cannot read the results"},
       {"unknown", "the records of this platform are not known"}};
-  if (check.state != kJudged) {
-    const auto why = kWhy.find(check.state);
-    return check.engine + ": not judged: " + (why == kWhy.end() ? check.state : why->second);
-  }
+  const bool isPartly = check.state == kPartlyJudged;
+  const auto why = kWhy.find(isPartly ? "learning" : check.state);
+  const std::uint64_t others = check.threads - std::min(check.judgedThreads, check.threads);
+  return check.engine + ": not judged: " +
+         (isPartly ? std::to_string(others) + " of " + Counted(check.threads, "thread") + ": " : "") +
+         (why == kWhy.end() ? check.state : why->second);
+}
+
+}  // namespace
+
+std::string CheckText(const EngineCheck& check) {
+  const bool isPartly = check.state == kPartlyJudged;
+  if (check.state != kJudged && !isPartly) return NotJudgedText(check);
   const double share =
       check.allBytes == 0 ? 0 : static_cast<double>(check.bytes) / static_cast<double>(check.allBytes);
-  return check.engine + Format(": %.3g %% of the results' bytes checked, in ", std::min(share, 1.0) * 100) +
+  const std::string threads = isPartly ? " only " + std::to_string(check.judgedThreads) + " of " +
+                                             Counted(check.threads, "thread") + " judged:"
+                                       : "";
+  return check.engine + ":" + threads +
+         Format(" %.3g %% of the results' bytes checked, in ", std::min(share, 1.0) * 100) +
          Format("%.3g %% of the operations, %llu whole results; ",
                 check.operations == 0
                     ? 0
                     : static_cast<double>(check.checked) / static_cast<double>(check.operations) * 100,
                 static_cast<unsigned long long>(check.whole)) +
-         (check.errors == 0 ? "no error" : Counted(check.errors, "error"));
+         (check.errors != 0 ? Counted(check.errors, "error")
+          : isPartly        ? "no error in what was judged"
+                            : "no error");
 }
 
 std::vector<std::string> NotJudged(const RunInfo& info) {
   std::vector<std::string> texts;
   if (!info.conditions.verify && info.verification.empty()) return texts;
   for (const EngineCheck& check : info.verification) {
-    if (check.state != kJudged) texts.push_back(CheckText(check));
+    if (check.state != kJudged) texts.push_back(NotJudgedText(check));
   }
   for (const auto& [engine, level] : info.config.levels) {
     const bool isKnown = std::any_of(info.verification.begin(), info.verification.end(),

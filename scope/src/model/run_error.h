@@ -17,6 +17,9 @@ constexpr const char* kMemoryController = "edac";
 /// RunError::source of memory that a guard watches.
 constexpr const char* kGuardSource = "guard";
 
+/// EngineCheck::state: some of the engine's threads were judged, others not.
+constexpr const char* kPartlyJudged = "partly judged";
+
 /// How many errors the entry stands for: a counter may grow by more than one.
 std::uint64_t ErrorsIn(const RunError& error);
 
@@ -30,7 +33,7 @@ std::uint64_t ErrorsOf(const Run& run);
 /// When the first error was found; none without errors.
 std::optional<double> FirstErrorS(const Run& run);
 
-/// True if the results of each engine with a level above 0 were judged, and there was one.
+/// True if the results of each thread of each engine with a level above 0 were judged, and there was one.
 bool AreResultsJudged(const RunInfo& info);
 
 /// True if a run without errors says that memory kept its contents. With --verify all engines have to be
@@ -40,8 +43,8 @@ bool LooksForErrors(const RunInfo& info);
 /// What was checked of an engine, in one sentence.
 std::string CheckText(const EngineCheck& check);
 
-/// Of a run that was asked to check results: what CheckText says of each engine at work whose results nothing
-/// judged. Wrong ones would not have been found.
+/// Of a run that was asked to check results: each engine at work whose results, or those of some of its
+/// threads, nothing judged, and why. Wrong ones would not have been found.
 std::vector<std::string> NotJudged(const RunInfo& info);
 
 /// What was checked of the run, a sentence each: its engines, and the guarded memory.

@@ -13,6 +13,7 @@
 #include "errors.h"
 #include "figures.h"
 #include "latency_buckets.h"
+#include "run_error.h"
 #include "text_format.h"
 
 namespace scope {
@@ -213,13 +214,15 @@ void MeterReader::TakeCheck(const char* bytes, std::size_t size) {
     throw UserError("the meter sent a check that cannot be read: engine " + std::to_string(row) + ", state " +
                     std::to_string(state));
   }
-  static constexpr const char* kStates[kCheckStates] = {
-      "learning", "judged", "alone", "sources change", "not deterministic", "unreadable", "unknown"};
+  static constexpr const char* kStates[kCheckStates] = {"learning",   "judged",         kPartlyJudged,
+                                                        "alone",      "sources change", "not deterministic",
+                                                        "unreadable", "unknown"};
   checks_[row] = {Engines()[row].id, kStates[state],
                   packet.operations, packet.checked,
                   packet.whole,      packet.bytes,
                   packet.allBytes,   packet.errors,
-                  packet.unlisted,   static_cast<double>(packet.checkNs) * 1e-9};
+                  packet.unlisted,   static_cast<double>(packet.checkNs) * 1e-9,
+                  packet.threads,    packet.judgedThreads};
 }
 
 std::vector<EngineCheck> MeterReader::Checks() const {

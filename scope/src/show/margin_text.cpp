@@ -58,7 +58,7 @@ std::string CleanText(const MarginPoint& point) {
   return "No failure in " + Counted(RunsOf(point), "run") + " there" +
          (below ? Format(": the failure rate is below %.2g per run (95 %%).", *below)
                 : ", too few for a failure rate.") +
-         (engines.empty() ? "" : " Not judged there: the results of " + engines + ".");
+         (engines.empty() ? "" : " Not judged there: results of " + engines + ".");
 }
 
 std::string Mark(const MarginMap& map, std::size_t point) {
@@ -139,7 +139,7 @@ std::string NotJudgedText(const MarginMap& map) {
     }
   }
   if (byText.empty()) return "";
-  std::string lines = "\nNot judged: wrong results of these engines would not have been found\n";
+  std::string lines = "\nNot judged: wrong results of these would not have been found\n";
   for (const auto& [text, points] : byText)
     lines += "  " + Printable(text) + "; at " + PointNames(map, points, passed) + "\n";
   return lines;
@@ -150,7 +150,7 @@ std::string LegendText(const MarginMap& map) {
   if (map.edge) text += "In brackets: follows from other points. ";
   const bool hasUnjudged = std::any_of(map.points.begin(), map.points.end(),
                                        [](const MarginPoint& point) { return !point.notJudged.empty(); });
-  if (hasUnjudged) text += "?: the results of an engine were not judged. ";
+  if (hasUnjudged) text += "?: not all results were judged. ";
   if (text.empty()) return "";
   text.back() = '\n';
   return text;

@@ -11,8 +11,8 @@
 namespace scope {
 
 /// What is known of a point: "pass 8/8", "fail 3/8", "hang 8/8", "pass" and "fail" in brackets where it
-/// follows from other points, "-" if nothing is known. "pass 8/8 ?" if the results of an engine were not
-/// judged although the runs were asked to.
+/// follows from other points, "-" if nothing is known. "pass 8/8 ?" if not all results were judged
+/// although the runs were asked to.
 std::string PointState(const MarginPoint& point);
 
 /// How far the setting can be moved in this direction, in one sentence.

@@ -106,10 +106,10 @@ static void from_json(const Json& json, CounterSource& source) {
 }
 
 static void to_json(Json& json, const EngineCheck& check) {
-  json = {{"engine", check.engine},      {"state", check.state},   {"operations", check.operations},
-          {"checked", check.checked},    {"whole", check.whole},   {"bytes", check.bytes},
-          {"all_bytes", check.allBytes}, {"errors", check.errors}, {"unlisted", check.unlisted},
-          {"check_s", check.checkS}};
+  json = {{"engine", check.engine},      {"state", check.state},     {"operations", check.operations},
+          {"checked", check.checked},    {"whole", check.whole},     {"bytes", check.bytes},
+          {"all_bytes", check.allBytes}, {"errors", check.errors},   {"unlisted", check.unlisted},
+          {"check_s", check.checkS},     {"threads", check.threads}, {"judged_threads", check.judgedThreads}};
 }
 
 static void from_json(const Json& json, EngineCheck& check) {
@@ -123,6 +123,8 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "errors", check.errors);
   Take(json, "unlisted", check.unlisted);
   Take(json, "check_s", check.checkS);
+  Take(json, "threads", check.threads);
+  Take(json, "judged_threads", check.judgedThreads);
 }
 
 static void to_json(Json& json, const EngineDeadline& deadline) {
