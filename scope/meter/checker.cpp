@@ -54,6 +54,20 @@ bool IsLast(const ErrorPacket& last, const ErrorPacket& error) {
          last.expected == error.expected && last.found == error.found && last.bits == error.bits;
 }
 
+// The program has written another source into the place.
+void TakeAsWritten(Checker& checker, Engine engine) {
+  ForgetWork(checker);
+  if (++checker.changes == kMostChanges) RaiseState(engine, CheckState::kSourcesChange);
+}
+
+// True if the source, of which there was no room for a copy, has the sum that it had. If not, nothing tells
+// whether it has lost bits or the program has written it.
+bool IsSame(Checker& checker, Engine engine, const Spans& sources) {
+  if (HashFromMemory(sources) == checker.content->hash) return true;
+  TakeAsWritten(checker, engine);
+  return false;
+}
+
 // The word has been looked at often enough, or cannot be looked at any more. One that was seen only once says
 // nothing.
 void EndHolding(Checker& checker) {
@@ -145,10 +159,17 @@ bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint6
   checker.source = sources.Begin();
   checker.cursor = 0;
   checker.missed = 0;
-  if (sources.count != 0) checker.content = KeepContent(sources);
+  if (sources.count != 0) {
+    checker.content = KeepContent(sources);
+    // Results of this source would be compared with those of any other.
+    if (checker.content == nullptr) {
+      checker.leftOut.store(true, std::memory_order_relaxed);
+      checker.kind = 0;
+    }
+  }
   checker.learnNs = timer.TookNs();
   if (checker.works++ != 0) Spent(checker, checker.learnNs);
-  return true;
+  return checker.kind != 0;
 }
 
 bool KnowWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind) {
@@ -218,8 +239,7 @@ bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sour
   Difference all;
   (void)SameInMemory(content->copy, sources, 0, sources.total, all);
   if (IsOther(all, sources.total)) {
-    ForgetWork(checker);
-    if (++checker.changes == kMostChanges) RaiseState(counters.engine, CheckState::kSourcesChange);
+    TakeAsWritten(checker, counters.engine);
     return false;
   }
   const ErrorPacket error = MakeError(counters, checker, ErrorKind::kSource, &again);
@@ -241,8 +261,9 @@ void CheckSourcePart(ThreadCounters& counters, Checker& checker, const Spans& so
 }
 
 bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& sources, bool all) {
+  if (sources.total == 0 || checker.content == nullptr) return true;
+  if (checker.content->copy == nullptr) return !all || IsSame(checker, counters.engine, sources);
   if (all) return CheckSourceAt(counters, checker, sources, 0, sources.total);
-  if (sources.total == 0) return true;
   if (checker.cursor >= sources.total) checker.cursor = 0;
   const std::size_t from = checker.cursor;
   const std::size_t bytes = std::min(kPartBytes, sources.total - from);
@@ -298,6 +319,7 @@ CheckPacket CheckCounts(Engine engine) {
     const std::uint32_t of = engineOf[i].load(std::memory_order_relaxed);
     if (operations == 0 || of != static_cast<std::uint32_t>(engine)) continue;
     ++packet.threads;
+    if (checker.leftOut.load(std::memory_order_relaxed)) packet.leftOut = 1;
     packet.judgedThreads += checker.judged.load(std::memory_order_relaxed) ? 1 : 0;
     packet.operations += operations;
     packet.checked += checker.checked.load(std::memory_order_relaxed);
@@ -312,7 +334,7 @@ CheckPacket CheckCounts(Engine engine) {
   if (engine == Engine::kVenc && packet.state == CheckState::kLearning && packet.threads == 1) {
     packet.state = CheckState::kAlone;
   }
-  if (packet.state == CheckState::kJudged && packet.judgedThreads < packet.threads) {
+  if (packet.state == CheckState::kJudged && (packet.judgedThreads < packet.threads || packet.leftOut != 0)) {
     packet.state = CheckState::kPartlyJudged;
   }
   return packet;

@@ -32,7 +32,8 @@ struct alignas(64) Checker {
   std::atomic<std::uint64_t> errors;
   std::atomic<std::uint64_t> unlisted;
   std::atomic<std::uint64_t> checkNs;
-  std::atomic<bool> judged;  ///< something has said whether a result of the thread was right
+  std::atomic<bool> leftOut;  ///< a source was not checked: too many are known
+  std::atomic<bool> judged;   ///< something has said whether a result of the thread was right
 
   // The allowance: checks take a bounded share of the time that the engine works. See CheckTimer.
   std::uint64_t busyNs;
@@ -101,7 +102,8 @@ CheckState StateOf(Engine engine);
 bool MayJudge(Engine engine);
 
 /// Learns the thread's work, and forgets what was learnt from another. The first work is learnt whatever it
-/// costs, others within the allowance. False if the allowance is used up or the source cannot be read.
+/// costs, others within the allowance. False if the allowance is used up, if the source cannot be read, or if
+/// so many are known that this one cannot be told from others.
 bool LearnWork(Checker& checker, Engine engine, const Spans& sources, std::uint64_t kind);
 
 /// True if this operation can be checked: it is the thread's known work, or a new one that was learnt. A
@@ -115,7 +117,7 @@ bool KnowPlace(Checker& checker, Engine engine, const Spans& results);
 void ForgetWork(Checker& checker);
 
 /// Compares the next part of the source, or all of it, with what it was. Reports where it differs. False if
-/// it does.
+/// it does. Without a copy only all of it can be compared, and a difference counts as another source.
 bool CheckSource(ThreadCounters& counters, Checker& checker, const Spans& sources, bool all);
 /// As CheckSource, for one stretch.
 bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sources, std::size_t from,

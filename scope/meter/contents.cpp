@@ -9,7 +9,6 @@
 namespace scope {
 namespace {
 
-constexpr std::size_t kMostContents = 128;
 // For all copies together. The benchmark's own take 20 MB: one for each kind of source, and the results.
 constexpr std::size_t kMostBytes = std::size_t{256} << 20;
 constexpr std::size_t kAtOnce = std::size_t{64} << 10;

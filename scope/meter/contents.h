@@ -60,7 +60,10 @@ struct Content {
 /// does not end the program.
 bool CanRead(const Spans& spans);
 
-/// The content that `spans` have now. Null if the list is full.
+/// Contents that are told apart.
+constexpr std::size_t kMostContents = 128;
+
+/// The content that `spans` have now. Null if it is another one than the kMostContents that are known.
 const Content* KeepContent(const Spans& spans);
 
 }  // namespace scope

@@ -213,7 +213,7 @@ void CheckFrame(ThreadCounters& counters, const Spans& frame, std::uint64_t sett
     return;
   }
   // Another frame in the middle of the stream: what follows depends on all frames before it.
-  std::uint64_t chain = Mixed(settings, checker.content == nullptr ? 0 : checker.content->hash);
+  std::uint64_t chain = Mixed(settings, checker.content->hash);
   if (checker.chain != 0) {
     chain = Mixed(Mixed(chain, checker.chain), checker.operations.load(std::memory_order_relaxed));
   }

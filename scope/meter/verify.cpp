@@ -216,6 +216,7 @@ void CheckResults(ThreadCounters& counters, const Spans& sources, const Spans& r
   if (!KnowWork(checker, counters.engine, sources, kind)) return;
   if (!KnowPlace(checker, counters.engine, results)) return;
   if (!LookAgain(checker, counters.engine, sources)) return;
+  // Without a content there are no sources.
   checker.key = Mixed(kind, checker.content == nullptr ? 0 : checker.content->hash);
   if (!checker.learnt) {
     CheckWholeResult(counters, checker, sources, results);

@@ -70,7 +70,7 @@ constexpr std::uint32_t kFillCount = sizeof(kFillNames) / sizeof(kFillNames[0]);
 enum class CheckState : std::uint32_t {
   kLearning,          ///< too few operations so far to know what is right
   kJudged,            ///< wrong results are errors
-  kPartlyJudged,      ///< those of some threads; of the others too little is known
+  kPartlyJudged,      ///< those of some threads, or of some sources
   kAlone,             ///< one channel: there is no other stream to compare with
   kSourcesChange,     ///< the program writes its sources between operations
   kNotDeterministic,  ///< the same source gives different results
@@ -157,6 +157,8 @@ struct CheckPacket {
   std::uint64_t checkNs;        ///< time that the checks took
   std::uint32_t threads;        ///< that did operations
   std::uint32_t judgedThreads;  ///< those of them of whose results some were judged
+  std::uint32_t leftOut;        ///< 1: some sources were not checked, as too many others are known
+  std::uint32_t reserved;
 };
 
 /// After each second of a meter that knows deadlines, for each engine that has one and has worked. All counts

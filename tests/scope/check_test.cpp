@@ -519,6 +519,83 @@ TEST(Check, AnEngineIsJudgedIfEachOfItsThreadsIs) {
   });
 }
 
+// What cannot be told apart is not compared: it would be wrong for each thread but one.
+TEST(Check, SourcesBeyondThoseThatAreToldApartAreLeftOut) {
+  InOwnProcess([] {
+    const Bytes known = Random(30'000, 0);
+    for (std::uint64_t i = 1; i < kMostContents; ++i) ASSERT_NE(KeepContent({&i, sizeof(i)}), nullptr);
+    const auto work = [](std::uint32_t thread, const Bytes& source) {
+      Bytes result(10'000);
+      Resize(source, result);
+      for (int i = 0; i < 20; ++i) {
+        CheckResults(*Worker(Engine::kVpc, thread).counters, {source.data(), source.size()},
+                     {result.data(), result.size()}, 7, kOperationNs);
+        Copy(Worker(Engine::kCpu, thread), source);
+        const auto number = static_cast<unsigned>(i);
+        EncodeAs(Worker(Engine::kVenc, thread), source, number, Random(3000, source[0] + 256 * number));
+      }
+    };
+    constexpr Engine kEngines[] = {Engine::kVpc, Engine::kCpu, Engine::kVenc};
+    work(0, known);
+    work(1, known);
+    for (const Engine engine : kEngines) {
+      EXPECT_EQ(CheckCounts(engine).state, CheckState::kJudged);
+      EXPECT_EQ(CheckCounts(engine).leftOut, 0U);
+    }
+    ASSERT_EQ(KeepContent({"another", 7}), nullptr) << "the list is full";
+    std::uint64_t checked[3];
+    for (int i = 0; i < 3; ++i) checked[i] = CheckCounts(kEngines[i]).checked;
+    work(2, Random(30'000, 1));
+    work(3, Random(30'000, 2));
+    for (int i = 0; i < 3; ++i) {
+      const CheckPacket counts = CheckCounts(kEngines[i]);
+      EXPECT_EQ(counts.errors, 0U) << "they have other sources";
+      EXPECT_EQ(counts.state, CheckState::kPartlyJudged);
+      EXPECT_EQ(counts.leftOut, 1U);
+      EXPECT_EQ(counts.judgedThreads, 2U);
+      EXPECT_EQ(counts.threads, 4U);
+      EXPECT_EQ(counts.checked, checked[i]) << "nothing of them counts as right";
+    }
+    // Threads with the known source are judged as before.
+    work(4, known);
+    for (const Engine engine : kEngines) EXPECT_EQ(CheckCounts(engine).judgedThreads, 3U);
+  });
+}
+
+TEST(Check, ASourceWithoutACopyThatDiffersIsNoErrorOfItsResults) {
+  for (const Engine engine : {Engine::kVpc, Engine::kVenc}) {
+    InOwnProcess([engine] {
+      const Worker first(engine, 0);
+      const Worker second(engine, 1);
+      Bytes source = Random(30'000, 1);
+      const Bytes own = source;
+      Bytes result(10'000);
+      std::uint64_t number = 0;
+      const auto work = [&](const Worker& worker, const Bytes& from) {
+        Resize(from, result);
+        if (engine == Engine::kVenc)
+          return EncodeAs(worker, from, number,
+                          Random(3000, static_cast<unsigned>(from[8 * 299] + 256 * number)));
+        CheckResults(*worker.counters, {from.data(), from.size()}, {result.data(), result.size()}, 7,
+                     kOperationNs);
+      };
+      work(first, own);
+      ASSERT_NE(CheckerOf(*first.counters).content, nullptr);
+      // As if there had been no room for it.
+      const_cast<Content*>(CheckerOf(*first.counters).content)->copy = nullptr;
+      work(second, source);
+      ASSERT_EQ(CheckerOf(*second.counters).content, CheckerOf(*first.counters).content);
+      for (number = 1; number < 40; ++number) {
+        if (number == 20) Flip(source, 8 * 8 * 299);
+        work(first, own);
+        work(second, source);
+      }
+      EXPECT_EQ(CheckCounts(engine).errors, 0U) << "nothing says that the engine was wrong";
+      EXPECT_EQ(CheckCounts(engine).state, CheckState::kJudged);
+    });
+  }
+}
+
 TEST(Check, EveryWrongBitInAStreamIsFoundByAnotherChannel) {
   InOwnProcess([] {
     const Bytes frame = Random(30'000, 1);

@@ -166,6 +166,17 @@ TEST(CompareFindings, HowManyThreadsWereJudgedIsTold) {
   EXPECT_EQ(NotJudged(info), std::vector<std::string>{
                                  "vpc: not judged: 1 of 3 threads: too few operations, or none with the same "
                                  "source, to learn what is right"});
+  check.leftOut = true;
+  EXPECT_THAT(CheckText(check),
+              testing::EndsWith("judged; some sources left out: more different ones than the "
+                                "meter tells apart"));
+  EXPECT_THAT(NotJudged(info)[0],
+              testing::EndsWith("what is right; more different sources than the meter tells "
+                                "apart: some were left out"));
+  check.judgedThreads = 3;
+  EXPECT_EQ(NotJudged(info)[0],
+            "vpc: not judged: more different sources than the meter tells apart: some were left out");
+  check.leftOut = false;
   check.errors = 2;
   EXPECT_THAT(CheckText(check), testing::EndsWith("4 whole results; 2 errors"));
   check.state = "judged";

@@ -238,6 +238,7 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   Send(check);
   check.engine = scope::Engine::kVenc;
   check.state = scope::CheckState::kPartlyJudged;
+  check.leftOut = 1;
   Send(check);
   scope::FillPacket fill{};
   fill.header = Header(PacketType::kFill);
@@ -259,6 +260,8 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   EXPECT_EQ(errors[0].note, "compared with thread 1");
   ASSERT_EQ(reader_.Checks().size(), 2U);
   EXPECT_EQ(reader_.Checks()[1].state, scope::kPartlyJudged);
+  EXPECT_TRUE(reader_.Checks()[1].leftOut);
+  EXPECT_FALSE(reader_.Checks()[0].leftOut);
   EXPECT_EQ(reader_.Checks()[0].threads, 3U);
   EXPECT_EQ(reader_.Checks()[0].judgedThreads, 2U);
   EXPECT_EQ(reader_.Checks()[0].state, "sources change");

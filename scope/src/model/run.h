@@ -96,6 +96,7 @@ struct EngineCheck {
   double checkS = 0;                ///< time that the checks took, of all threads
   std::uint64_t threads = 0;        ///< that did operations; 0 in runs of earlier versions
   std::uint64_t judgedThreads = 0;  ///< those of them of whose results some were judged
+  bool leftOut = false;             ///< some sources were not checked: the meter knew too many others
 };
 
 /// How often an engine missed its deadline.

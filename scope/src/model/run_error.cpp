@@ -93,11 +93,17 @@ std::string NotJudgedText(const EngineCheck& check) {
       {"unreadable", "the processor cannot read the results"},
       {"unknown", "the records of this platform are not known"}};
   const bool isPartly = check.state == kPartlyJudged;
-  const auto why = kWhy.find(isPartly ? "learning" : check.state);
+  const auto at = kWhy.find(isPartly ? "learning" : check.state);
+  const std::string why = at == kWhy.end() ? check.state : at->second;
   const std::uint64_t others = check.threads - std::min(check.judgedThreads, check.threads);
-  return check.engine + ": not judged: " +
-         (isPartly ? std::to_string(others) + " of " + Counted(check.threads, "thread") + ": " : "") +
-         (why == kWhy.end() ? check.state : why->second);
+  std::vector<std::string> reasons;
+  if (!isPartly) reasons.push_back(why);
+  if (isPartly && others != 0) {
+    reasons.push_back(std::to_string(others) + " of " + Counted(check.threads, "thread") + ": " + why);
+  }
+  if (check.leftOut)
+    reasons.push_back("more different sources than the meter tells apart: some were left out");
+  return check.engine + ": not judged: " + Joined(reasons, "; ");
 }
 
 }  // namespace
@@ -107,7 +113,8 @@ std::string CheckText(const EngineCheck& check) {
   if (check.state != kJudged && !isPartly) return NotJudgedText(check);
   const double share =
       check.allBytes == 0 ? 0 : static_cast<double>(check.bytes) / static_cast<double>(check.allBytes);
-  const std::string threads = isPartly ? " only " + std::to_string(check.judgedThreads) + " of " +
+  const std::string threads = isPartly ? " " + std::string(check.leftOut ? "" : "only ") +
+                                             std::to_string(check.judgedThreads) + " of " +
                                              Counted(check.threads, "thread") + " judged:"
                                        : "";
   return check.engine + ":" + threads +
@@ -119,7 +126,8 @@ std::string CheckText(const EngineCheck& check) {
                 static_cast<unsigned long long>(check.whole)) +
          (check.errors != 0 ? Counted(check.errors, "error")
           : isPartly        ? "no error in what was judged"
-                            : "no error");
+                            : "no error") +
+         (check.leftOut ? "; some sources left out: more different ones than the meter tells apart" : "");
 }
 
 std::vector<std::string> NotJudged(const RunInfo& info) {

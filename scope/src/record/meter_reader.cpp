@@ -217,12 +217,13 @@ void MeterReader::TakeCheck(const char* bytes, std::size_t size) {
   static constexpr const char* kStates[kCheckStates] = {"learning",   "judged",         kPartlyJudged,
                                                         "alone",      "sources change", "not deterministic",
                                                         "unreadable", "unknown"};
-  checks_[row] = {Engines()[row].id, kStates[state],
-                  packet.operations, packet.checked,
-                  packet.whole,      packet.bytes,
-                  packet.allBytes,   packet.errors,
-                  packet.unlisted,   static_cast<double>(packet.checkNs) * 1e-9,
-                  packet.threads,    packet.judgedThreads};
+  checks_[row] = {Engines()[row].id,  kStates[state],
+                  packet.operations,  packet.checked,
+                  packet.whole,       packet.bytes,
+                  packet.allBytes,    packet.errors,
+                  packet.unlisted,    static_cast<double>(packet.checkNs) * 1e-9,
+                  packet.threads,     packet.judgedThreads,
+                  packet.leftOut != 0};
 }
 
 std::vector<EngineCheck> MeterReader::Checks() const {

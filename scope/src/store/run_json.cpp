@@ -106,10 +106,12 @@ static void from_json(const Json& json, CounterSource& source) {
 }
 
 static void to_json(Json& json, const EngineCheck& check) {
-  json = {{"engine", check.engine},      {"state", check.state},     {"operations", check.operations},
-          {"checked", check.checked},    {"whole", check.whole},     {"bytes", check.bytes},
-          {"all_bytes", check.allBytes}, {"errors", check.errors},   {"unlisted", check.unlisted},
-          {"check_s", check.checkS},     {"threads", check.threads}, {"judged_threads", check.judgedThreads}};
+  json = {
+      {"engine", check.engine},           {"state", check.state},     {"operations", check.operations},
+      {"checked", check.checked},         {"whole", check.whole},     {"bytes", check.bytes},
+      {"all_bytes", check.allBytes},      {"errors", check.errors},   {"unlisted", check.unlisted},
+      {"check_s", check.checkS},          {"threads", check.threads}, {"judged_threads", check.judgedThreads},
+      {"sources_left_out", check.leftOut}};
 }
 
 static void from_json(const Json& json, EngineCheck& check) {
@@ -125,6 +127,7 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "check_s", check.checkS);
   Take(json, "threads", check.threads);
   Take(json, "judged_threads", check.judgedThreads);
+  Take(json, "sources_left_out", check.leftOut);
 }
 
 static void to_json(Json& json, const EngineDeadline& deadline) {
