@@ -26,19 +26,35 @@ struct Buffer {
   std::uintptr_t end;
 };
 
+struct Source {
+  Buffer buffer;
+  bool isFilled;
+  std::uint32_t engines;  // a bit for each one that reads it
+};
+static_assert(kEngineCount <= 32, "a bit each");
+
+struct Counts {
+  bool hasSources;
+  std::uint32_t buffers;
+  std::uint32_t refused;
+  std::uint64_t bytes;
+};
+
 Fill pattern = Fill::kZeros;
 int blockFile = -1;
-std::atomic<bool> listTaken{false};
-Buffer sources[kMostBuffers];
+std::atomic<bool> listTaken{false};  // for all that follows
+Source sources[kMostBuffers];
 std::size_t sourceCount = 0;
 Buffer destinations[kMostBuffers];
 std::size_t destinationCount = 0;
-std::atomic<std::uint32_t> filled{0};
-std::atomic<std::uint32_t> refused{0};
-std::atomic<std::uint64_t> filledBytes{0};
+Counts counts[kEngineCount];
 
 // The last ones of this thread: a worker that repeats one operation looks nowhere else.
-__attribute__((tls_model("initial-exec"))) thread_local Buffer lastSource;
+struct LastSource {
+  Buffer buffer;
+  Engine engine;
+};
+__attribute__((tls_model("initial-exec"))) thread_local LastSource lastSource;
 __attribute__((tls_model("initial-exec"))) thread_local Buffer lastDestination;
 
 std::uint64_t PatternWord(std::size_t word, std::uint64_t& random) {
@@ -103,6 +119,20 @@ bool IsIn(const Buffer* list, std::size_t count, const Buffer& buffer) {
   return false;
 }
 
+// The entry of the buffer, which is made and filled where there is none. Null if the list is full.
+Source* FilledSource(const Buffer& buffer) {
+  for (std::size_t i = 0; i < sourceCount; ++i) {
+    if (sources[i].buffer.begin == buffer.begin && sources[i].buffer.end == buffer.end) return &sources[i];
+  }
+  if (sourceCount == kMostBuffers) return nullptr;
+  Source& source = sources[sourceCount++];
+  source = {buffer, !Overlaps(destinations, destinationCount, buffer), 0};
+  const int error = errno;
+  source.isFilled = source.isFilled && Write(buffer.begin, buffer.end - buffer.begin);
+  errno = error;
+  return &source;
+}
+
 }  // namespace
 
 bool PrepareFill() {
@@ -117,29 +147,26 @@ bool PrepareFill() {
   return false;
 }
 
-void FillSource(const void* source, std::size_t bytes) {
+void FillSource(Engine engine, const void* source, std::size_t bytes) {
   const auto begin = reinterpret_cast<std::uintptr_t>(source);
   const Buffer buffer{begin, begin + bytes};
-  if (buffer.begin == lastSource.begin && buffer.end == lastSource.end) return;
-  lastSource = buffer;
+  const Buffer& last = lastSource.buffer;
+  if (buffer.begin == last.begin && buffer.end == last.end && engine == lastSource.engine) return;
+  lastSource = {buffer, engine};
+  const auto number = static_cast<std::uint32_t>(engine);
+  const ShortLock lock(listTaken);
+  Counts& ofEngine = counts[number];
+  ofEngine.hasSources = true;
   if (source == nullptr || bytes == 0) return;
-  {
-    const ShortLock lock(listTaken);
-    if (IsIn(sources, sourceCount, buffer)) return;
-    if (sourceCount == kMostBuffers || Overlaps(destinations, destinationCount, buffer)) {
-      refused.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    sources[sourceCount++] = buffer;
+  Source* const entry = FilledSource(buffer);
+  if (entry != nullptr && (entry->engines >> number & 1U) != 0) return;
+  if (entry != nullptr) entry->engines |= 1U << number;
+  if (entry == nullptr || !entry->isFilled) {
+    ++ofEngine.refused;
+    return;
   }
-  const int error = errno;
-  if (Write(begin, bytes)) {
-    filled.fetch_add(1, std::memory_order_relaxed);
-    filledBytes.fetch_add(bytes, std::memory_order_relaxed);
-  } else {
-    refused.fetch_add(1, std::memory_order_relaxed);
-  }
-  errno = error;
+  ++ofEngine.buffers;
+  ofEngine.bytes += bytes;
 }
 
 void NoteDestination(const void* destination, std::size_t bytes) {
@@ -152,12 +179,16 @@ void NoteDestination(const void* destination, std::size_t bytes) {
   destinations[destinationCount++] = buffer;
 }
 
-FillPacket FillCounts() {
+FillPacket FillCounts(Engine engine) {
+  const ShortLock lock(listTaken);
+  const Counts& ofEngine = counts[static_cast<std::uint32_t>(engine)];
   FillPacket packet{};
   packet.pattern = static_cast<std::uint32_t>(pattern);
-  packet.buffers = filled.load(std::memory_order_relaxed);
-  packet.refused = refused.load(std::memory_order_relaxed);
-  packet.bytes = filledBytes.load(std::memory_order_relaxed);
+  packet.engine = engine;
+  packet.hasSources = ofEngine.hasSources ? 1 : 0;
+  packet.buffers = ofEngine.buffers;
+  packet.refused = ofEngine.refused;
+  packet.bytes = ofEngine.bytes;
   return packet;
 }
 

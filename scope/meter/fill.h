@@ -14,15 +14,15 @@ namespace scope {
 /// Called once, before main.
 bool PrepareFill();
 
-/// Fills `bytes` at `source` when this is seen for the first time. Leaves memory alone that cannot be
-/// written, or that an operation has written: there a result would be lost. Threads: any; only the thread
-/// whose operation reads the source may call.
-void FillSource(const void* source, std::size_t bytes);
+/// Fills `bytes` at `source`, of an operation of `engine`, when this is seen for the first time. Leaves
+/// memory alone that cannot be written, or that an operation has written: there a result would be lost.
+/// Threads: any; only the thread whose operation reads the source may call.
+void FillSource(Engine engine, const void* source, std::size_t bytes);
 
 /// Remembers that an operation writes here.
 void NoteDestination(const void* destination, std::size_t bytes);
 
-/// Counts so far. The header is not set.
-FillPacket FillCounts();
+/// The engine's counts so far: a buffer that two engines read counts for both. The header is not set.
+FillPacket FillCounts(Engine engine);
 
 }  // namespace scope

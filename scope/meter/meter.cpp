@@ -190,9 +190,9 @@ std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countByte
   return status;
 }
 
-void FillImage(const ImageData& source, const ImageData* destination) {
+void FillImage(Engine engine, const ImageData& source, const ImageData* destination) {
   const Spans from = PixelsOf(source);
-  scope::FillSource(from.list[0].data, from.total);
+  scope::FillSource(engine, from.list[0].data, from.total);
   if (destination == nullptr || destination->data == source.data) return;
   const Spans to = PixelsOf(*destination);
   scope::NoteDestination(to.list[0].data, to.total);
@@ -266,7 +266,7 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
   const auto bytes = [&] { return Bytes{2 * std::uint64_t{count}, true}; };
   if (!Watches()) return Measure(Engine::kCpu, call, bytes);
   const auto fill = [&] {
-    scope::FillSource(source, count);
+    scope::FillSource(Engine::kCpu, source, count);
     scope::NoteDestination(destination, count);
   };
   return Watch(Engine::kCpu, fill, call, bytes, [&](ThreadCounters& counters, std::uint64_t ns) {
@@ -282,7 +282,7 @@ std::int32_t QetImageResize(int channel, const ImageData& source, const ImageDat
   const auto bytes = [&] { return BothPixelBytes(source, destination); };
   if (!Watches()) return Measure(Engine::kVpc, call, bytes);
   return Watch(
-      Engine::kVpc, [&] { FillImage(source, &destination); }, call, bytes,
+      Engine::kVpc, [&] { FillImage(Engine::kVpc, source, &destination); }, call, bytes,
       [&](ThreadCounters& counters, std::uint64_t ns) {
         const std::uint64_t kind = KindOf(source.width, source.height, source.imageType, destination.width,
                                           destination.height, destination.imageType, interpolation);
@@ -296,14 +296,14 @@ std::int32_t QetMemcpyToKivu(const ImageData& source, ImageData& destination) {
   if (!Watches()) return Measure(Engine::kVpcCopy, call, bytes);
   // Part of the set-up: the resizes that follow are checked.
   return Watch(
-      Engine::kVpcCopy, [&] { FillImage(source, &destination); }, call, bytes,
+      Engine::kVpcCopy, [&] { FillImage(Engine::kVpcCopy, source, &destination); }, call, bytes,
       [](ThreadCounters& /*counters*/, std::uint64_t /*ns*/) {});
 }
 
 std::int32_t QetVenc::SendFrame(const ImageData& frame) {
   ThreadCounters* const counters = scope::CountersOf(Engine::kVenc);
   if (counters == nullptr) return nextSendFrame(this, frame);
-  if (Watches() && extras.fill) FillImage(frame, nullptr);
+  if (Watches() && extras.fill) FillImage(Engine::kVenc, frame, nullptr);
   const std::int32_t status = MeasureStep(*counters, [&] { return nextSendFrame(this, frame); });
   if (status == 0) encode.bytes += PixelBytes(frame);
   if (Watches() && extras.verify && status == 0 && hostPlatform) {

@@ -146,8 +146,9 @@ void SendErrors() {
 
 // All counts are so far, so a packet that is not sent is made good by the next one.
 void SendExtras(bool last) {
-  if (reported.fill) {
-    FillPacket fill = FillCounts();
+  for (std::uint32_t i = 0; reported.fill && i < kEngineCount; ++i) {
+    FillPacket fill = FillCounts(static_cast<Engine>(i));
+    if (fill.hasSources == 0) continue;
     fill.header = Header(PacketType::kFill);
     (void)Send(&fill, sizeof(fill));
   }

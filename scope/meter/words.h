@@ -43,7 +43,7 @@ class CheckTimer {
 };
 
 /// Held by checks alone, never in a call that only counts: for some hundred instructions, or while a content
-/// that is seen for the first time is copied.
+/// that is seen for the first time is copied, or a source is filled.
 class ShortLock {
  public:
   explicit ShortLock(std::atomic<bool>& taken) : taken_(taken) {

@@ -132,14 +132,16 @@ struct EndOfSecondPacket {
   std::uint64_t unmeasured;      ///< so far: calls of threads for which the meter had no counters left
 };
 
-/// After each second of a meter that fills.
+/// After each second of a meter that fills, for each engine whose sources it has seen. All counts are so far.
 struct FillPacket {
   PacketHeader header;
-  std::uint32_t pattern;  ///< a Fill
-  std::uint32_t buffers;  ///< so far: buffers that were filled
-  std::uint32_t refused;  ///< so far: buffers that cannot be written, or hold the result of an operation
+  Engine engine;
+  std::uint32_t pattern;     ///< a Fill
+  std::uint32_t buffers;     ///< of the engine's sources that hold the pattern
+  std::uint32_t refused;     ///< of them that cannot be written, or hold the result of an operation
+  std::uint32_t hasSources;  ///< 0: the engine's sources were not seen; not sent then
   std::uint32_t reserved;
-  std::uint64_t bytes;  ///< so far: bytes that were filled
+  std::uint64_t bytes;  ///< of the buffers that hold the pattern
 };
 
 /// After each second of a meter that verifies, for each engine that has worked. All counts are so far.

@@ -926,7 +926,7 @@ const Bytes& Filled(const char* pattern, std::size_t bytes) {
   Bytes& memory = kept.emplace_back(bytes, 0x33);
   EXPECT_EQ(setenv(kFillVariable, pattern, 1), 0);
   EXPECT_TRUE(PrepareFill());
-  FillSource(memory.data(), memory.size());
+  FillSource(Engine::kCpu, memory.data(), memory.size());
   return memory;
 }
 
@@ -962,13 +962,22 @@ TEST(Fill, FillsABufferOnce) {
     ASSERT_EQ(setenv(kFillVariable, "ones", 1), 0);
     ASSERT_TRUE(PrepareFill());
     Bytes memory(4096, 1);
-    FillSource(memory.data(), memory.size());
+    FillSource(Engine::kVpcCopy, memory.data(), memory.size());
     EXPECT_EQ(memory, Bytes(4096, 0xff));
     memory.assign(4096, 1);
-    FillSource(memory.data(), memory.size());
+    Bytes other(64);
+    for (int i = 0; i < 3; ++i) {
+      FillSource(Engine::kVpcCopy, memory.data(), memory.size());
+      FillSource(Engine::kVpc, memory.data(), memory.size());
+      FillSource(Engine::kVpc, other.data(), other.size());
+    }
     EXPECT_EQ(memory, Bytes(4096, 1));
-    EXPECT_EQ(FillCounts().buffers, 1U);
-    EXPECT_EQ(FillCounts().bytes, 4096U);
+    EXPECT_EQ(FillCounts(Engine::kVpcCopy).buffers, 1U);
+    EXPECT_EQ(FillCounts(Engine::kVpcCopy).bytes, 4096U);
+    EXPECT_EQ(FillCounts(Engine::kVpc).buffers, 2U) << "it counts for both engines that read it";
+    EXPECT_EQ(FillCounts(Engine::kVpc).bytes, 4096U + 64);
+    EXPECT_EQ(FillCounts(Engine::kVpc).refused, 0U);
+    EXPECT_EQ(FillCounts(Engine::kCpu).hasSources, 0U);
   });
 }
 
@@ -978,13 +987,22 @@ TEST(Fill, LeavesResultsAndReadOnlyMemoryAlone) {
     ASSERT_TRUE(PrepareFill());
     Bytes result(4096, 1);
     NoteDestination(result.data() + 4000, 96);
-    FillSource(result.data(), result.size());
+    Bytes good(64);
+    for (int i = 0; i < 3; ++i) {
+      FillSource(Engine::kVpc, result.data(), result.size());
+      FillSource(Engine::kVpc, good.data(), good.size());
+    }
     EXPECT_EQ(result, Bytes(4096, 1));
     void* const constant = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    FillSource(constant, 4096);
+    FillSource(Engine::kVenc, constant, 4096);
     EXPECT_EQ(*static_cast<std::uint8_t*>(constant), 0);
-    EXPECT_EQ(FillCounts().buffers, 0U);
-    EXPECT_EQ(FillCounts().refused, 2U);
+    FillSource(Engine::kCpu, nullptr, 4096);
+    EXPECT_EQ(FillCounts(Engine::kVpc).buffers, 1U);
+    EXPECT_EQ(FillCounts(Engine::kVpc).refused, 1U) << "each buffer counts once";
+    EXPECT_EQ(FillCounts(Engine::kVenc).buffers, 0U);
+    EXPECT_EQ(FillCounts(Engine::kVenc).refused, 1U);
+    EXPECT_EQ(FillCounts(Engine::kCpu).hasSources, 1U) << "what the program cannot see is not filled";
+    EXPECT_EQ(FillCounts(Engine::kCpu).buffers, 0U);
   });
 }
 

@@ -117,6 +117,10 @@ class MeterCasesTest : public ::testing::Test {
         order_ += 'D';
         ASSERT_EQ(size, ssize_t{sizeof(scope::DeadlinePacket)});
         std::memcpy(&deadlines_.emplace_back(), bytes.data(), sizeof(scope::DeadlinePacket));
+      } else if (header.type == scope::PacketType::kFill) {
+        order_ += 'F';
+        ASSERT_EQ(size, ssize_t{sizeof(scope::FillPacket)});
+        std::memcpy(&fills_.emplace_back(), bytes.data(), sizeof(scope::FillPacket));
       } else if (header.type == scope::PacketType::kError) {
         order_ += '!';
         ASSERT_EQ(size, ssize_t{sizeof(scope::ErrorPacket)});
@@ -151,11 +155,12 @@ class MeterCasesTest : public ::testing::Test {
   int endSignal_ = -1;
   std::vector<std::string> output_;
   std::vector<std::string> errors_;
-  std::string order_;  ///< of the packets: H, S, D, !, C and E
+  std::string order_;  ///< of the packets: H, S, F, D, !, C and E
   std::vector<scope::PacketHeader> headers_;
   scope::HelloPacket hello_{};
   std::vector<SamplePacket> samples_;
   std::vector<scope::EndOfSecondPacket> ends_;
+  std::vector<scope::FillPacket> fills_;
   std::vector<scope::DeadlinePacket> deadlines_;
   std::vector<scope::ErrorPacket> errorsFound_;
   scope::CheckPacket check_{};  ///< the last one
@@ -228,6 +233,20 @@ TEST_F(MeterCasesTest, AnOperationThatTakesItsDeadlineExactlyIsInTimeAndAFailedO
     ASSERT_FALSE(deadlines_.empty());
     EXPECT_EQ(deadlines_.back().operations, 2U);
     EXPECT_EQ(deadlines_.back().missed, shorter);
+  }
+}
+
+TEST_F(MeterCasesTest, WhatWasFilledIsToldOfEachEngine) {
+  // The images have no memory that the program can see.
+  Run({"zeros", "zeros", "resize:1:0:1:0", "encode:2:0", "infer"}, {{scope::kFillVariable, "ones"}});
+  ASSERT_EQ(order_, "HSSSSFFFE");
+  const Engine engines[] = {Engine::kCpu, Engine::kVpc, Engine::kVenc};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(fills_[i].engine, engines[i]);
+    EXPECT_EQ(fills_[i].pattern, static_cast<std::uint32_t>(scope::Fill::kOnes));
+    EXPECT_EQ(fills_[i].buffers, i == 0 ? 1U : 0U);
+    EXPECT_EQ(fills_[i].bytes, i == 0 ? 100U : 0U);
+    EXPECT_EQ(fills_[i].refused, 0U);
   }
 }
 

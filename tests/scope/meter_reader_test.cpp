@@ -242,7 +242,12 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   Send(check);
   scope::FillPacket fill{};
   fill.header = Header(PacketType::kFill);
+  fill.engine = scope::Engine::kVenc;
+  fill.refused = 2;
+  Send(fill);
+  fill.engine = scope::Engine::kCpu;
   fill.buffers = 4;
+  fill.bytes = 99;
   Send(fill);
   EXPECT_EQ(ErrorOfRead(), "no error");
   const std::vector<scope::RunError> errors = reader_.TakeErrors();
@@ -266,7 +271,13 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   EXPECT_EQ(reader_.Checks()[0].judgedThreads, 2U);
   EXPECT_EQ(reader_.Checks()[0].state, "sources change");
   EXPECT_EQ(reader_.Checks()[0].operations, 9U);
-  EXPECT_EQ(reader_.Filled().buffers, 4U);
+  ASSERT_EQ(reader_.Filled().size(), 2U);
+  EXPECT_EQ(reader_.Filled()[0].engine, "cpu");
+  EXPECT_EQ(reader_.Filled()[0].buffers, 4U);
+  EXPECT_EQ(reader_.Filled()[0].bytes, 99U);
+  EXPECT_EQ(reader_.Filled()[1].engine, "venc");
+  EXPECT_EQ(reader_.Filled()[1].buffers, 0U);
+  EXPECT_EQ(reader_.Filled()[1].refused, 2U);
 }
 
 TEST_F(MeterReaderTest, RefusesErrorsAndChecksThatItDoesNotKnow) {
@@ -281,6 +292,11 @@ TEST_F(MeterReaderTest, RefusesErrorsAndChecksThatItDoesNotKnow) {
   check.state = static_cast<scope::CheckState>(scope::kCheckStates);
   Send(check);
   EXPECT_THAT(ErrorOfRead(), HasSubstr("a check that cannot be read"));
+  scope::FillPacket fill{};
+  fill.header = Header(PacketType::kFill);
+  fill.engine = static_cast<scope::Engine>(scope::kEngineCount);
+  Send(fill);
+  EXPECT_THAT(ErrorOfRead(), HasSubstr("filled buffers that cannot be read"));
 }
 
 TEST_F(MeterReaderTest, ReadsMissedDeadlinesAndThePercentileOfAllThreads) {

@@ -22,7 +22,10 @@
 
 namespace {
 
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 /// Keeps what is shown of every second.
 struct Shown : scope::View {
@@ -90,6 +93,31 @@ TEST_F(RecordTest, SavesMissedDeadlinesAndIsLateAboveTheShareThatMayMiss) {
   EXPECT_THAT(scope::ReportText(scope::ReadRuns({run_}), 80),
               testing::HasSubstr(
                   "\n  deadline cpu 5.00 us: 3 % of 300 operations late (9), at most 9 in a row, p99.9 "));
+}
+
+TEST_F(RecordTest, SaysWhatOfEachEngineWasFilled) {
+  scope::RecordOptions options;
+  options.fill = "random";
+  options.force = true;
+  scope::View view;
+  const std::string config = "CPU:\n  Level: 2\nVENC:\n  Level: 1\n";
+  const auto text = [this] { return scope::ReportText(scope::ReadRuns({run_}), 80); };
+  (void)Record(config, Script(1) + "fill 0 2 0\nfill 2 0 3\nfill 4 3 1\nsecond 1030\n", view, options);
+  EXPECT_THAT(text(), AllOf(HasSubstr("\n  filled cpu: 2 buffers, 0.002 MB\n  filled venc: nothing\n"
+                                      "  filled vpc_copy: 3 buffers, 0.003 MB\n"),
+                            HasSubstr("  warning: venc: nothing was filled with random: not writable, or"),
+                            HasSubstr("  warning: vpc_copy: 1 of 4 buffers not filled with random: not"),
+                            Not(HasSubstr("cpu: nothing"))));
+  EXPECT_EQ(scope::ReadRun(run_).info.conditions.fill, "random") << "what was asked for";
+  EXPECT_EQ(scope::ReadRun(run_).info.filling.at(1).refused, 3U);
+  (void)Record(config, Script(1), view, options);
+  for (const char* const engine : {"cpu", "venc"}) {
+    EXPECT_THAT(text(), HasSubstr(std::string("  warning: ") + engine +
+                                  ": nothing was filled with random: no source was seen that can be"));
+  }
+  options.fill.clear();
+  (void)Record(config, Script(1), view, options);
+  EXPECT_THAT(text(), Not(HasSubstr("filled")));
 }
 
 TEST_F(RecordTest, TheLiveTableTheFolderAndTheReportTellTheSameOfASecond) {

@@ -5,6 +5,7 @@
 /// A line of the script is one of
 ///   sample ENGINE THREAD [BUCKET COUNT]...   work of a thread on the engine with this number
 ///   deadline ENGINE OPERATIONS MISSED       counts of an engine whose deadline the environment names
+///   fill ENGINE BUFFERS REFUSED             counts of an engine whose sources the environment has filled
 ///   second MS                                end of a second, this long after the start
 ///   print LINE                               to standard output
 /// The last packet says that the program ends. Every operation has 1000 bytes.
@@ -79,6 +80,17 @@ void SendDeadline(std::istringstream& words, std::uint64_t timeNs) {
   Send(&deadline, sizeof(deadline));
 }
 
+void SendFill(std::istringstream& words, std::uint64_t timeNs) {
+  if (std::getenv(kFillVariable) == nullptr) std::exit(6);
+  FillPacket fill{};
+  fill.header = Header(PacketType::kFill, timeNs);
+  std::uint32_t engine = 0;
+  words >> engine >> fill.buffers >> fill.refused;
+  fill.engine = static_cast<Engine>(engine);
+  fill.bytes = std::uint64_t{1000} * fill.buffers;
+  Send(&fill, sizeof(fill));
+}
+
 void SendEnd(std::uint64_t timeNs, bool last) {
   EndOfSecondPacket end{};
   end.header = Header(PacketType::kEndOfSecond, timeNs);
@@ -107,6 +119,8 @@ int main(int argc, char** argv) {
       SendSample(words, timeNs);
     } else if (what == "deadline") {
       SendDeadline(words, timeNs);
+    } else if (what == "fill") {
+      SendFill(words, timeNs);
     } else if (what == "second") {
       std::uint64_t ms = 0;
       words >> ms;

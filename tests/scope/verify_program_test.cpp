@@ -22,6 +22,7 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -125,6 +126,14 @@ TEST_F(VerifyProgramTest, RightResultsAreNoErrorsAndTheShareIsTold) {
   EXPECT_TRUE(run_.info.conditions.verify);
   EXPECT_EQ(run_.info.conditions.fill, "random");
   EXPECT_THAT(result.errors, Not(HasSubstr("fill:")));
+  std::vector<std::string> filled;
+  for (const scope::EngineFill& fill : run_.info.filling) {
+    filled.push_back(fill.engine);
+    EXPECT_GT(fill.buffers, 0U) << fill.engine;
+    EXPECT_GT(fill.bytes, 0U) << fill.engine;
+    EXPECT_THAT(result.output, HasSubstr("filled " + fill.engine + ": "));
+  }
+  EXPECT_THAT(filled, ElementsAre("cpu", "vpc", "vpc_copy")) << "inputs of networks are not filled";
 }
 
 // The first copy of a source is compared whole. A result from which a thread learns is one of eight, and its

@@ -10,6 +10,7 @@
 
 #include "early_end.h"
 #include "engines.h"
+#include "fill_text.h"
 #include "latency_texts.h"
 #include "run_error.h"
 #include "statistics.h"
@@ -65,6 +66,11 @@ void AddErrors(const Run& run, List& warnings) {
                         first == run.errors.end() ? std::nullopt : std::optional(first->timeS),
                         isEngine ? source : std::string()});
   }
+}
+
+void AddFillDoubts(const Run& run, List& warnings) {
+  for (const FillDoubt& doubt : FillDoubts(run.info))
+    warnings.push_back({doubt.text, std::nullopt, doubt.engine});
 }
 
 void AddFailures(const EngineSummary& engine, List& warnings) {
@@ -274,6 +280,7 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   for (const std::string& note : run.notes) warnings.push_back({note});
   AddBuild(run, warnings);
   AddMixedEncoders(run, warnings);
+  AddFillDoubts(run, warnings);
   const Warning disturbance = Disturbance(run);
   if (!disturbance.text.empty()) warnings.push_back(disturbance);
   for (const EngineSummary& engine : summary.engines) {

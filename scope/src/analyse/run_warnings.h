@@ -17,8 +17,9 @@ struct Warning {
 };
 
 /// Reasons to doubt the figures of `run`, one sentence each: the reader's notes (an incomplete run, gaps), a
-/// debug build, a busy machine at the start, failed operations, an engine that stopped, rates that still
-/// drift at the end, unusable printed rates, throttling and memory errors. Empty if there are none.
+/// debug build, a busy machine at the start, sources that were to be filled and were not, failed operations,
+/// an engine that stopped, rates that still drift at the end, unusable printed rates, throttling and memory
+/// errors. Empty if there are none.
 std::vector<Warning> Warnings(const Run& run, const RunSummary& summary);
 
 /// Warns of the seconds in which others than the benchmark took processor time; empty if there are none, or

@@ -54,7 +54,7 @@ struct Conditions {
   std::vector<std::pair<std::string, std::string>> encoderEngines;  ///< channel to engine; empty if unknown
   std::vector<double> loadAverage;                                  ///< three values; empty if unknown
   bool meter = false;                                               ///< false: no samples, only rate lines
-  std::string fill;     ///< what the meter filled sources and frames with; empty: as the program made them
+  std::string fill;  ///< what sources and frames were to be filled with; see RunInfo::filling; empty: nothing
   bool verify = false;  ///< the meter checked results, which costs some of the rates
   std::string guard;    ///< memory that was guarded, as asked for: "512M at 100 MB/s"; empty: none
   /// What the latency of memory was measured over: "256 MiB in pages of 2 MiB, CPU 1"; empty: it was not
@@ -97,6 +97,14 @@ struct EngineCheck {
   std::uint64_t threads = 0;        ///< that did operations; 0 in runs of earlier versions
   std::uint64_t judgedThreads = 0;  ///< those of them of whose results some were judged
   bool leftOut = false;             ///< some sources were not checked: the meter knew too many others
+};
+
+/// What the meter filled of an engine's sources.
+struct EngineFill {
+  std::string engine;
+  std::uint64_t buffers = 0;  ///< that hold the pattern
+  std::uint64_t bytes = 0;    ///< of these
+  std::uint64_t refused = 0;  ///< that do not: they cannot be written, or an operation had written them
 };
 
 /// How often an engine missed its deadline.
@@ -225,6 +233,7 @@ struct RunInfo {
   Conditions conditions;
   std::vector<CounterSource> counters;
   std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
+  std::vector<EngineFill> filling;        ///< of the engines whose sources the meter was to fill and has seen
   std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;
   LatencySummary latency;

@@ -128,8 +128,7 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
   } else if (header.type == PacketType::kDeadline) {
     TakeDeadline(bytes, size);
   } else if (header.type == PacketType::kFill) {
-    const auto fill = Unpack<FillPacket>(bytes, size, "fill");
-    filled_ = {fill.buffers, fill.bytes, fill.refused};
+    TakeFill(bytes, size);
   } else {
     throw UserError("the meter sent a packet of the unknown type " +
                     std::to_string(static_cast<std::uint32_t>(header.type)));
@@ -230,6 +229,22 @@ std::vector<EngineCheck> MeterReader::Checks() const {
   std::vector<EngineCheck> checks;
   for (const auto& [row, check] : checks_) checks.push_back(check);
   return checks;
+}
+
+void MeterReader::TakeFill(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<FillPacket>(bytes, size, "fill");
+  const auto row = static_cast<std::size_t>(packet.engine);
+  if (row >= Engines().size()) {
+    throw UserError("the meter sent counts of filled buffers that cannot be read: engine " +
+                    std::to_string(row));
+  }
+  filled_[row] = {Engines()[row].id, packet.buffers, packet.bytes, packet.refused};
+}
+
+std::vector<EngineFill> MeterReader::Filled() const {
+  std::vector<EngineFill> filled;
+  for (const auto& [row, fill] : filled_) filled.push_back(fill);
+  return filled;
 }
 
 void MeterReader::TakeDeadline(const char* bytes, std::size_t size) {

@@ -25,13 +25,6 @@ struct MeterSecond {
   std::vector<EngineSample> engines;
 };
 
-/// What a meter has filled so far.
-struct FillCounts {
-  std::uint64_t buffers = 0;
-  std::uint64_t bytes = 0;
-  std::uint64_t refused = 0;  ///< cannot be written, or hold results
-};
-
 /// The other end of the meter's socket.
 class MeterReader {
  public:
@@ -66,7 +59,8 @@ class MeterReader {
   std::vector<RunError> TakeErrors() { return std::exchange(errors_, {}); }
   /// How results were checked so far, in the order of the engines.
   std::vector<EngineCheck> Checks() const;
-  const FillCounts& Filled() const { return filled_; }
+  /// What was filled so far of the engines whose sources the meter has seen, in the order of the engines.
+  std::vector<EngineFill> Filled() const;
   /// Of the engines that have a deadline and have worked, so far, in the order of the engines.
   std::vector<EngineDeadline> Deadlines() const;
 
@@ -79,6 +73,7 @@ class MeterReader {
   void TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
   void TakeError(const char* bytes, std::size_t size);
   void TakeCheck(const char* bytes, std::size_t size);
+  void TakeFill(const char* bytes, std::size_t size);
   void TakeDeadline(const char* bytes, std::size_t size);
   void Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds);
 
@@ -95,8 +90,8 @@ class MeterReader {
   std::vector<RunError> errors_;
   std::map<std::size_t, EngineCheck> checks_;        ///< by the row of the engine
   std::map<std::size_t, EngineDeadline> deadlines_;  ///< as well
-  FillCounts filled_;
-  int second_ = 0;  ///< the last one
+  std::map<std::size_t, EngineFill> filled_;         ///< as well
+  int second_ = 0;                                   ///< the last one
   double timeS_ = 0;
   std::map<std::pair<std::string, int>, Histogram> latencies_;
 };

@@ -275,16 +275,6 @@ class Recording {
     return helpers;
   }
 
-  void TellOfFill() const {
-    if (options_.fill.empty()) return;
-    const FillCounts& filled = meter_->Filled();
-    if (filled.buffers == 0) Tell("fill: the meter filled nothing with " + options_.fill);
-    if (filled.refused != 0) {
-      Tell("fill: " + Counted(filled.refused, "buffer") +
-           " not filled: not writable, or written by an operation before");
-    }
-  }
-
   void ReadCounters() {
     const double timeS = TimeS();
     counterTimeS_ = timeS + kCounterPeriodS;
@@ -319,8 +309,8 @@ class Recording {
     }
     // What they have counted since the last second.
     ReadCounters();
-    TellOfFill();
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
+    run_->SetFilling(meter_->Filled());
     run_->SetChecks(meter_->Checks(), meter_->Deadlines());
     if (guard_ != nullptr) {
       ReadGuard(true);

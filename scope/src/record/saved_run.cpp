@@ -10,6 +10,7 @@
 #include "control.h"
 #include "durable_file.h"
 #include "errors.h"
+#include "fill_text.h"
 #include "latency_probe.h"
 #include "rate_line.h"
 #include "run_error.h"
@@ -131,6 +132,17 @@ void SavedRun::Add(std::vector<RunError> errors) {
   errors.resize(std::min(errors.size(), kMostErrorRows - errorRows_));
   errorRows_ += errors.size();
   if (!errors.empty()) Save([&] { writer_.Add(errors); });
+}
+
+void SavedRun::SetFilling(std::vector<EngineFill> filling) {
+  if (info_.conditions.fill.empty()) return;
+  info_.filling = std::move(filling);
+  // The meter has seen no source, or could not make the pattern.
+  const bool isSilent = info_.filling.empty();
+  for (const auto& [engine, level] : info_.config.levels) {
+    if (isSilent && level > 0) info_.filling.push_back({engine, 0, 0, 0});
+  }
+  for (const FillDoubt& doubt : FillDoubts(info_)) Tell("fill: " + doubt.text);
 }
 
 void SavedRun::SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines) {

@@ -61,6 +61,9 @@ class SavedRun {
   /// `endS` and `allCounted` are those of FailureWatch::Failures.
   void FindFailures(const std::string& fault, double endS, bool allCounted);
 
+  /// What the meter filled. Tells of what was to be filled and was not.
+  void SetFilling(std::vector<EngineFill> filling);
+
   /// How results were checked. Adds the errors that no row of the table has.
   void SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines);
 

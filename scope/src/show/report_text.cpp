@@ -3,6 +3,7 @@
 
 #include "deadline.h"
 #include "engines.h"
+#include "fill_text.h"
 #include "latency_texts.h"
 #include "printable.h"
 #include "report.h"
@@ -102,6 +103,8 @@ std::string ReportText(const std::vector<ReportedRun>& runs, std::size_t width) 
     for (const std::string& latency : LatencyTexts(reported.run, reported.summary)) {
       text += "  latency of memory: " + Printable(latency) + "\n";
     }
+    for (const std::string& filled : FillTexts(reported.run.info))
+      text += "  filled " + Printable(filled) + "\n";
     text += ErrorsText(reported.run);
     for (const EngineDeadline& deadline : reported.run.info.deadlines) {
       text += "  deadline " + Printable(DeadlineText(deadline)) + "\n";

@@ -130,6 +130,18 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "sources_left_out", check.leftOut);
 }
 
+static void to_json(Json& json, const EngineFill& fill) {
+  json = {
+      {"engine", fill.engine}, {"buffers", fill.buffers}, {"bytes", fill.bytes}, {"refused", fill.refused}};
+}
+
+static void from_json(const Json& json, EngineFill& fill) {
+  Take(json, "engine", fill.engine);
+  Take(json, "buffers", fill.buffers);
+  Take(json, "bytes", fill.bytes);
+  Take(json, "refused", fill.refused);
+}
+
 static void to_json(Json& json, const EngineDeadline& deadline) {
   json = {{"engine", deadline.engine},          {"deadline_ns", deadline.deadlineNs},
           {"operations", deadline.operations},  {"missed", deadline.missed},
