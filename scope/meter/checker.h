@@ -18,6 +18,12 @@ struct HeldDifference {
   ErrorPacket error;
 };
 
+/// Of the streams of a channel's frames in the present group.
+struct GroupSum {
+  std::uint64_t hash;
+  std::uint64_t next;  ///< the frame that has to come next, from 1; 0: the group has gaps, or is finished
+};
+
 /// What the checks know about one thread's work on one engine. Only that thread writes, and the reporting
 /// thread reads the counts.
 struct alignas(64) Checker {
@@ -69,7 +75,8 @@ struct alignas(64) Checker {
 
   // Streams.
   struct StreamTable* table;
-  std::uint64_t chain;       ///< the frames so far; 0: none
+  std::uint64_t chain;  ///< the frames so far; 0: none
+  GroupSum group;
   bool lostChain;            ///< one of them is not known, and the streams depend on it
   std::atomic<int> strayed;  ///< times in a row that the thread's streams were not those of other channels
 

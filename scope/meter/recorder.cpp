@@ -20,6 +20,7 @@
 #include "deadlines.h"
 #include "fill.h"
 #include "pin.h"
+#include "streams.h"
 
 namespace scope {
 namespace {
@@ -166,6 +167,12 @@ void SendExtras(bool last) {
     if (check.operations == 0) continue;
     check.header = Header(PacketType::kCheck);
     (void)Send(&check, sizeof(check));
+  }
+  for (std::size_t i = 0; i < kMostStreamKinds; ++i) {
+    StreamsPacket streams{};
+    if (!StreamsOf(i, streams)) continue;
+    streams.header = Header(PacketType::kStreams);
+    (void)Send(&streams, sizeof(streams));
   }
 }
 

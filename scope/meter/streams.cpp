@@ -14,7 +14,6 @@ namespace {
 constexpr std::size_t kSlots = 16384;
 constexpr std::size_t kKeptStreams = 1024;
 constexpr std::size_t kKeptBytes = std::size_t{32} << 10;
-constexpr int kMostTables = 4;
 constexpr std::uint64_t kLeastAgreed = 8;
 constexpr std::uint64_t kMostHeld = 8;
 // An encoder that has strayed stays wrong: after so many errors in a row they are only counted.
@@ -49,13 +48,15 @@ struct StreamTable {
   std::uint64_t agreed;         ///< streams that were as that of another channel
   std::uint64_t others;         ///< until then: streams that have nothing in common with another channel's
   ErrorPacket held[kMostHeld];  ///< the first ones of these
+  std::uint64_t groups[kStreamGroups];  ///< hash of the first channel that has finished it; 0: none has
+  bool groupsDiffer[kStreamGroups];     ///< another channel has another one
   Slot slots[kSlots];
 };
 
 namespace {
 
 std::atomic<bool> tablesTaken{false};
-StreamTable tables[kMostTables];
+StreamTable tables[kMostStreamKinds];
 
 StreamTable* TableFor(std::uint64_t key) {
   const ShortLock lock(tablesTaken);
@@ -190,6 +191,26 @@ bool CompareStream(const ThreadCounters& counters, StreamTable& table, std::uint
   return false;
 }
 
+std::uint32_t GroupOf(std::uint64_t frame) {
+  std::uint32_t group = 0;
+  while (group + 1 < kStreamGroups && frame >= GroupBegin(group + 1)) ++group;
+  return group;
+}
+
+// Adds the stream of the channel's frame, numbered from 0, to its group. A group of which a stream is
+// missing, and frames after the last group, are left out.
+void AddToGroup(StreamTable& table, GroupSum& sum, std::uint64_t frame, std::uint64_t hash) {
+  const std::uint32_t group = GroupOf(frame);
+  if (frame == GroupBegin(group)) sum = {0, frame + 1};
+  if (sum.next != frame + 1) return;
+  sum.hash = Mixed(sum.hash, hash);
+  if (sum.next++ != GroupBegin(group + 1)) return;
+  sum.next = 0;
+  const ShortLock lock(table.taken);
+  if (table.groups[group] == 0) table.groups[group] = sum.hash;
+  if (table.groups[group] != sum.hash) table.groupsDiffer[group] = true;
+}
+
 // What follows from a frame that has changed is not counted twice. A channel that has strayed has shown
 // before that its frame is right.
 bool MayDisagree(ThreadCounters& counters, Checker& checker, const Spans& frame) {
@@ -199,8 +220,22 @@ bool MayDisagree(ThreadCounters& counters, Checker& checker, const Spans& frame)
 }  // namespace
 
 bool StreamsDiffer() {
-  return std::any_of(tables, tables + kMostTables,
+  return std::any_of(tables, tables + kMostStreamKinds,
                      [](const StreamTable& table) { return table.differs.load(std::memory_order_relaxed); });
+}
+
+bool StreamsOf(std::size_t kind, StreamsPacket& packet) {
+  StreamTable& table = tables[kind];
+  const ShortLock lockTables(tablesTaken);
+  const ShortLock lock(table.taken);
+  packet = {};
+  packet.key = table.key;
+  bool isKnown = false;
+  for (std::uint32_t i = 0; i < kStreamGroups; ++i) {
+    isKnown = isKnown || table.groups[i] != 0;
+    if (!table.groupsDiffer[i]) packet.hashes[i] = table.groups[i];
+  }
+  return isKnown;
 }
 
 void CheckFrame(ThreadCounters& counters, const Spans& frame, std::uint64_t settings) {
@@ -218,6 +253,7 @@ void CheckFrame(ThreadCounters& counters, const Spans& frame, std::uint64_t sett
     chain = Mixed(Mixed(chain, checker.chain), checker.operations.load(std::memory_order_relaxed));
   }
   checker.chain = chain;
+  checker.group = {};
   if (!checker.lostChain) checker.table = TableFor(chain);
 }
 
@@ -243,6 +279,7 @@ void CheckStream(ThreadCounters& counters, const Spans& frame, const Spans& stre
       MayDisagree(counters, checker, frame)) {
     (void)CompareStream(counters, *checker.table, number + 1, made, stream, true);
   }
+  if (checker.table != nullptr) AddToGroup(*checker.table, checker.group, number, hash);
   Spent(checker, NowNs() - start);
 }
 

@@ -12,7 +12,7 @@
 /// thread and engine that has worked so far, and an EndOfSecond. A sample holds the work since that thread's
 /// last sample that was sent. A sample that could not be sent is part of the next one, so the sum of all
 /// samples is exact. A meter that fills, verifies or knows deadlines sends FillPackets, CheckPackets,
-/// ErrorPackets and DeadlinePackets between the samples and the EndOfSecond.
+/// ErrorPackets, StreamsPackets and DeadlinePackets between the samples and the EndOfSecond.
 namespace scope {
 
 constexpr const char* kDescriptorVariable = "STRESS_SCOPE_FD";
@@ -51,7 +51,8 @@ enum class PacketType : std::uint32_t {
   kFill = 3,
   kCheck = 4,
   kError = 5,
-  kDeadline = 6
+  kDeadline = 6,
+  kStreams = 7
 };
 
 /// The patterns that sources and frames can be filled with.
@@ -175,6 +176,23 @@ struct DeadlinePacket {
   std::uint64_t longestRun;  ///< of misses, one after the other on one thread
 };
 
+/// The frames of an encoder in groups: the first group has kFirstGroup, each further one twice as many.
+constexpr std::uint64_t kFirstGroup = 16;
+constexpr std::uint32_t kStreamGroups = 20;
+
+/// The number of the group's first frame, from 0.
+constexpr std::uint64_t GroupBegin(std::uint32_t group) {
+  return kFirstGroup * ((std::uint64_t{1} << group) - 1);
+}
+
+/// After each second of a meter that verifies, for each kind of stream: equal frames with equal settings. All
+/// is so far.
+struct StreamsPacket {
+  PacketHeader header;
+  std::uint64_t key;                    ///< of frames and settings: the same in each run
+  std::uint64_t hashes[kStreamGroups];  ///< of the streams of each group; 0: unknown, or channels differ
+};
+
 /// One error of a meter that verifies.
 struct ErrorPacket {
   PacketHeader header;  ///< its time is that of the check
@@ -192,7 +210,8 @@ struct ErrorPacket {
 };
 
 static_assert(std::is_trivially_copyable_v<FillPacket> && std::is_trivially_copyable_v<CheckPacket> &&
-                  std::is_trivially_copyable_v<ErrorPacket> && std::is_trivially_copyable_v<DeadlinePacket>,
+                  std::is_trivially_copyable_v<ErrorPacket> && std::is_trivially_copyable_v<DeadlinePacket> &&
+                  std::is_trivially_copyable_v<StreamsPacket>,
               "packets are bytes");
 static_assert(std::is_trivially_copyable_v<HelloPacket> && std::is_trivially_copyable_v<ThreadSamplePacket> &&
                   std::is_trivially_copyable_v<EndOfSecondPacket>,

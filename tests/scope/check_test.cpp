@@ -17,6 +17,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <new>
 #include <random>
 #include <set>
 #include <thread>
@@ -24,6 +25,7 @@
 
 #include "checker.h"
 #include "fill.h"
+#include "streams.h"
 #include "verify.h"
 
 namespace {
@@ -689,6 +691,61 @@ TEST(Check, OneChannelThatDiffersFromAllOthersIsWrong) {
       });
     }
   }
+}
+
+struct Channels {
+  int count = 1;
+  std::uint64_t flipped = ~std::uint64_t{0};  ///< a frame of the last channel whose stream has a wrong bit
+  std::uint64_t missing = ~std::uint64_t{0};  ///< a frame of all channels whose stream does not come
+  unsigned content = 1;
+};
+
+// What a run of 48 frames, which are two groups, says of its streams.
+StreamsPacket RunOf(const Channels& channels) {
+  void* const shared =
+      mmap(nullptr, sizeof(StreamsPacket), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  auto* const packet = new (shared) StreamsPacket{};
+  InOwnProcess([&] {
+    const Bytes frame = Random(30'000, channels.content);
+    for (std::uint64_t number = 0; number < 48; ++number) {
+      for (int i = 0; i < channels.count && number != channels.missing; ++i) {
+        const bool flips = number == channels.flipped && i + 1 == channels.count;
+        Encode({Engine::kVenc, static_cast<std::uint32_t>(i)}, frame, number, flips ? 4711 : 0);
+      }
+    }
+    EXPECT_TRUE(StreamsOf(0, *packet));
+    StreamsPacket none{};
+    EXPECT_FALSE(StreamsOf(1, none));
+  });
+  const StreamsPacket told = *packet;
+  (void)munmap(shared, sizeof(StreamsPacket));
+  return told;
+}
+
+TEST(Check, RunsWithEqualFramesHaveTheSameHashesOfStreams) {
+  const StreamsPacket one = RunOf({});
+  EXPECT_NE(one.hashes[0], 0U);
+  EXPECT_NE(one.hashes[1], 0U);
+  EXPECT_EQ(one.hashes[2], 0U) << "it has not begun";
+  for (const int count : {1, 3}) {
+    const StreamsPacket same = RunOf({count});
+    EXPECT_EQ(same.key, one.key);
+    EXPECT_TRUE(std::equal(same.hashes, same.hashes + kStreamGroups, one.hashes)) << count;
+  }
+  for (const std::uint64_t flipped : {0U, 15U, 16U, 47U}) {
+    const std::size_t group = flipped < 16 ? 0 : 1;
+    const StreamsPacket wrong = RunOf({1, flipped});
+    EXPECT_NE(wrong.hashes[group], 0U);
+    EXPECT_NE(wrong.hashes[group], one.hashes[group]) << flipped;
+    EXPECT_EQ(wrong.hashes[1 - group], one.hashes[1 - group]) << flipped;
+    const StreamsPacket channelsDiffer = RunOf({2, flipped});
+    EXPECT_EQ(channelsDiffer.hashes[group], 0U) << flipped;
+    EXPECT_EQ(channelsDiffer.hashes[1 - group], one.hashes[1 - group]) << flipped;
+  }
+  const StreamsPacket gap = RunOf({1, ~std::uint64_t{0}, 5});
+  EXPECT_EQ(gap.hashes[0], 0U) << "not all of the group was seen";
+  EXPECT_EQ(gap.hashes[1], one.hashes[1]);
+  EXPECT_NE(RunOf({1, ~std::uint64_t{0}, ~std::uint64_t{0}, 2}).key, one.key);
 }
 
 TEST(Check, AStrayedChannelIsComparedAgain) {

@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "engine_rows.h"
 #include "run_error.h"
+#include "stream_runs.h"
 
 namespace {
 
@@ -182,6 +185,68 @@ TEST(CompareFindings, HowManyThreadsWereJudgedIsTold) {
   check.state = "judged";
   EXPECT_THAT(CheckText(check), testing::StartsWith("vpc: 50 % of the results' bytes"));
   EXPECT_THAT(NotJudged(info), IsEmpty());
+}
+
+// A run with these hashes of a kind of stream.
+scope::Run Encoded(const char* folder, const std::vector<std::string>& groups, const char* key = "1") {
+  scope::Run run = Complete();
+  run.folder = folder;
+  run.info.conditions.verify = true;
+  run.info.conditions.encoderEngines = {{"0", "libx264"}, {"1", "libx264"}};
+  run.info.verification = {Check("venc", "alone")};
+  run.info.streams = {{"0", {"always"}}, {key, groups}};
+  return run;
+}
+
+std::vector<std::string> Streams(const std::vector<scope::Run>& runs) {
+  std::vector<const scope::Run*> all;
+  for (const scope::Run& run : runs) all.push_back(&run);
+  return DifferentStreams(all);
+}
+
+constexpr const char* kWhy =
+    " of a channel: something was wrong in one of them, or the encoder does not always make the same streams";
+
+TEST(StreamRuns, ARunWhoseStreamsDifferIsNamed) {
+  EXPECT_THAT(Streams({Encoded("a", {"1", "2"}), Encoded("b", {"1", "2", "3"}), Encoded("c", {"", "2"})}),
+              IsEmpty());
+  const std::vector<std::string> one = {
+      "venc: of equal frames, the streams of b differ from those of a, first in frames 17 to 48" +
+      std::string(kWhy)};
+  EXPECT_EQ(Streams({Encoded("a", {"1", "2", "3"}), Encoded("b", {"1", "4", "5"})}), one);
+  EXPECT_EQ(Streams({Encoded("b", {"1", "4", "5"}), Encoded("a", {"1", "2", "3"}), Encoded("c", {"1", "2"})}),
+            one)
+      << "most agree";
+  EXPECT_THAT(Streams({Encoded("a", {"1"}), Encoded("b", {"2"}, "2")}), IsEmpty())
+      << "other frames or settings";
+}
+
+TEST(StreamRuns, OnlyRunsThatMustHaveTheSameStreamsAreCompared) {
+  const scope::Run one = Encoded("a", {"1"});
+  const scope::Run two = Encoded("b", {"2"});
+  ASSERT_EQ(Streams({one, two}).size(), 1U);
+  const auto without = [&](const std::function<void(RunInfo & info)>& change) {
+    scope::Run other = two;
+    change(other.info);
+    return Streams({one, other});
+  };
+  for (const char* const state : {"not deterministic", "sources change", "unreadable", "unknown"}) {
+    EXPECT_THAT(without([state](RunInfo& info) { info.verification[0].state = state; }), IsEmpty());
+  }
+  EXPECT_THAT(without([](RunInfo& info) { info.verification.clear(); }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.encoderEngines[1].second = "other"; }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.encoderEngines = {{"0", "other"}}; }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.buildType = "Debug"; }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.cpuModel = "another"; }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.libraryVersions = {{"libx264", "2"}}; }),
+              IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.conditions.platformSettings = {{"memory", "2"}}; }),
+              IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.tool = "another version"; }), IsEmpty());
+  EXPECT_THAT(without([](RunInfo& info) { info.streams[1].groups = std::vector<std::string>(100, "1"); }),
+              IsEmpty())
+      << "more than there can be";
+  EXPECT_EQ(without([](RunInfo& info) { info.conditions.kernel = "another"; }).size(), 1U);
 }
 
 TEST(CompareFindings, MemoryErrorsInBAloneAreWorse) {

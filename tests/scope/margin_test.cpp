@@ -512,6 +512,28 @@ TEST_F(MarginTest, SaysWhichEnginesWereNotJudged) {
           {"cpu: not judged: too few operations, or none with the same source, to learn what is right"}));
 }
 
+// Whatever the setting, equal frames give equal streams.
+TEST_F(MarginTest, NamesRunsWhoseStreamsDiffer) {
+  ASSERT_EQ(RunTool(SweepOf("", 2)).status, 0);
+  const auto encode = [this](const char* run, const char* hash) {
+    const std::string path = std::string("sweep/") + run + "/run.json";
+    json info = json::parse(folder_.Get(path));
+    info["verification"] = json::array({{{"engine", "venc"}, {"state", "alone"}}});
+    info["streams"] = json::array({{{"key", "1"}, {"groups", json::array({hash})}}});
+    folder_.Put(path, info.dump());
+  };
+  const auto texts = [this] {
+    return std::vector{RunTool({"report", Folder(), "--text"}).output,
+                       RunTool({"compare", Folder() + ":refresh=100", Folder() + ":refresh=200"}).output};
+  };
+  const std::string differ = "sweep/run-0002 differ from those of ";
+  encode("run-0001", "a");
+  encode("run-0002", "a");
+  for (const std::string& text : texts()) EXPECT_THAT(text, AllOf(Not(HasSubstr(differ)), Not(IsEmpty())));
+  encode("run-0002", "b");
+  for (const std::string& text : texts()) EXPECT_THAT(text, HasSubstr(differ));
+}
+
 // The documents of the margin describe each of its keys.
 TEST_F(MarginTest, FormatDescribesEveryKey) {
   std::stringstream format;

@@ -125,6 +125,8 @@ class MeterCasesTest : public ::testing::Test {
         order_ += '!';
         ASSERT_EQ(size, ssize_t{sizeof(scope::ErrorPacket)});
         std::memcpy(&errorsFound_.emplace_back(), bytes.data(), sizeof(scope::ErrorPacket));
+      } else if (header.type == scope::PacketType::kStreams) {
+        order_ += 'G';
       } else if (header.type == scope::PacketType::kCheck) {
         order_ += 'C';
         ASSERT_EQ(size, ssize_t{sizeof(check_)});

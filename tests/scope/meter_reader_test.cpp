@@ -280,6 +280,27 @@ TEST_F(MeterReaderTest, TakesErrorsAndWhatWasChecked) {
   EXPECT_EQ(reader_.Filled()[1].refused, 2U);
 }
 
+TEST_F(MeterReaderTest, KeepsTheLastHashesOfEachKindOfStream) {
+  SendHello();
+  scope::StreamsPacket streams{};
+  streams.header = Header(PacketType::kStreams);
+  streams.key = 0xabc;
+  streams.hashes[0] = 5;
+  Send(streams);
+  streams.hashes[0] = 0;
+  streams.hashes[2] = 0xffff'0000'ffff'0000;
+  Send(streams);
+  streams.key = 1;
+  streams.hashes[2] = 0;
+  Send(streams);
+  EXPECT_EQ(ErrorOfRead(), "no error");
+  ASSERT_EQ(reader_.Streams().size(), 2U);
+  EXPECT_EQ(reader_.Streams()[0].key, "0000000000000001");
+  EXPECT_TRUE(reader_.Streams()[0].groups.empty());
+  EXPECT_EQ(reader_.Streams()[1].key, "0000000000000abc");
+  EXPECT_EQ(reader_.Streams()[1].groups, (std::vector<std::string>{"", "", "ffff0000ffff0000"}));
+}
+
 TEST_F(MeterReaderTest, RefusesErrorsAndChecksThatItDoesNotKnow) {
   SendHello();
   scope::ErrorPacket error{};

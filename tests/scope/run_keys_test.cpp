@@ -47,6 +47,7 @@ std::set<std::string> WrittenKeys() {
   info.conditions.caches.emplace_back();
   info.counters.emplace_back();
   info.verification.emplace_back();
+  info.streams.emplace_back();
   info.filling.emplace_back();
   info.deadlines.emplace_back();
   info.latency.growth.emplace_back();
@@ -125,6 +126,7 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.latency = {
       1, 2, "2 MiB", 3, 4, "why", "rdtsc", 5.5, 6.5, 7, 8, 9, 10, 11, 12, 13, 14.5, 15, {{16, 17}, {18, 19}}};
   info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5, 2, 1, true}};
+  info.streams = {{"0123", {"4567", "", "89ab"}}};
   info.filling = {{"vpc", 3, 2, 1}};
   info.deadlines = {{"vpc", 16'700'000, 9, 8, 7, 6}};
   info.errors = {{"cpu", 4}, {"edac", 1}};

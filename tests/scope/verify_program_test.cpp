@@ -170,10 +170,12 @@ TEST_F(VerifyProgramTest, AWrongBitOfEachEngineIsFound) {
 
 TEST_F(VerifyProgramTest, WhatIsNotJudgedIsNamed) {
   const ToolResult result = Record("VENC: {Level: 1}\nVPC: {Level: 1}\n", "QetImageResize:1/1:flip=0",
-                                   {{"QetImageResize", 12}, {"QetVenc::GetStream", 5}}, {"--verify"});
+                                   {{"QetImageResize", 12}, {"QetVenc::GetStream", 17}}, {"--verify"});
   ASSERT_THAT(Changes(), SizeIs(Ge(8U)));
   EXPECT_EQ(result.status, 0) << result.errors;
   EXPECT_EQ(CheckOf("venc").state, "alone");
+  ASSERT_THAT(run_.info.streams, SizeIs(1)) << "another run tells whether its streams are right";
+  EXPECT_THAT(run_.info.streams[0].groups, Not(IsEmpty()));
   EXPECT_EQ(CheckOf("vpc").state, "not deterministic");
   EXPECT_THAT(result.output, AllOf(HasSubstr("checked venc: not judged: one channel alone"),
                                    HasSubstr("checked vpc: not judged: the same source gives different")));

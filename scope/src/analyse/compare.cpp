@@ -9,6 +9,7 @@
 #include "errors.h"
 #include "run_summary.h"
 #include "run_warnings.h"
+#include "stream_runs.h"
 #include "text_format.h"
 
 namespace scope {
@@ -62,6 +63,11 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
   Comparison comparison = CompareValues(ofA.values, ofB.values, options, printedTooCoarsely);
   if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
   comparison.findings = CompareTroubles(ofA.runs, ofB.runs);
+  std::vector<const Run*> all;
+  for (const Side* side : {&a, &b}) {
+    for (const Run& run : side->runs) all.push_back(&run);
+  }
+  for (const std::string& text : DifferentStreams(all)) comparison.findings.push_back({"venc", text, false});
   for (const auto& [side, letter] : {std::pair(&ofA, "A"), std::pair(&ofB, "B")}) {
     const std::string text = TimeToFailure(side->runs, letter);
     if (!text.empty()) comparison.errors.push_back(text);

@@ -12,6 +12,7 @@
 #include "run_summary.h"
 #include "run_warnings.h"
 #include "statistics.h"
+#include "stream_runs.h"
 #include "sweep_plan.h"
 #include "text_format.h"
 
@@ -25,6 +26,12 @@ void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& note
     if (difference.name == "levels" || difference.name == "duty") continue;
     notes.push_back("the runs differ in " + difference.name + ": " + difference.a);
   }
+}
+
+void NoteStreams(const std::vector<Run>& runs, std::vector<std::string>& notes) {
+  std::vector<const Run*> all;
+  for (const Run& run : runs) all.push_back(&run);
+  for (std::string& text : DifferentStreams(all)) notes.push_back(std::move(text));
 }
 
 void NoteResult(const Sweep& sweep, const SweepRun& run, const std::string& name,
@@ -112,6 +119,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const R
     table.notes.push_back("not done: " + std::to_string(notDone) + " of " +
                           Counted(sweep.runs.size(), "run"));
   }
+  NoteStreams(runs, table.notes);
   if (!runs.empty()) NoteConditions(runs, table.notes);
   table.engines = EnginesOf(keys);
   return table;

@@ -99,6 +99,12 @@ struct EngineCheck {
   bool leftOut = false;             ///< some sources were not checked: the meter knew too many others
 };
 
+/// The streams of encoders with equal frames and settings. Equal programs make the same ones in each run.
+struct StreamHashes {
+  std::string key;                  ///< of frames and settings: the same in each run
+  std::vector<std::string> groups;  ///< of each group of frames; empty: unknown, or channels differ
+};
+
 /// What the meter filled of an engine's sources.
 struct EngineFill {
   std::string engine;
@@ -233,6 +239,7 @@ struct RunInfo {
   Conditions conditions;
   std::vector<CounterSource> counters;
   std::vector<EngineCheck> verification;  ///< of the engines that the meter checked
+  std::vector<StreamHashes> streams;      ///< of encoders whose streams the meter checked
   std::vector<EngineFill> filling;        ///< of the engines whose sources the meter was to fill and has seen
   std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;

@@ -62,6 +62,7 @@ void VisitRunKeys(Info& info, const Visit& visit) {
         machine.hostnameHash);
   visit(RunKey{"", "counters"}, info.counters);
   visit(RunKey{"", "verification"}, info.verification);
+  visit(RunKey{"", "streams"}, info.streams);
   visit(RunKey{"", "filling"}, info.filling);
   visit(RunKey{"", "deadlines"}, info.deadlines);
   visit(RunKey{"", "guard"}, info.guard);

@@ -125,6 +125,8 @@ void MeterReader::Take(const char* bytes, std::size_t size, std::vector<MeterSec
     TakeError(bytes, size);
   } else if (header.type == PacketType::kCheck) {
     TakeCheck(bytes, size);
+  } else if (header.type == PacketType::kStreams) {
+    TakeStreams(bytes, size);
   } else if (header.type == PacketType::kDeadline) {
     TakeDeadline(bytes, size);
   } else if (header.type == PacketType::kFill) {
@@ -229,6 +231,23 @@ std::vector<EngineCheck> MeterReader::Checks() const {
   std::vector<EngineCheck> checks;
   for (const auto& [row, check] : checks_) checks.push_back(check);
   return checks;
+}
+
+void MeterReader::TakeStreams(const char* bytes, std::size_t size) {
+  const auto packet = Unpack<StreamsPacket>(bytes, size, "streams");
+  const auto text = [](std::uint64_t hash) {
+    return Format("%016llx", static_cast<unsigned long long>(hash));
+  };
+  StreamHashes& streams = streams_[text(packet.key)];
+  streams = {text(packet.key), {}};
+  for (const std::uint64_t hash : packet.hashes) streams.groups.push_back(hash == 0 ? "" : text(hash));
+  while (!streams.groups.empty() && streams.groups.back().empty()) streams.groups.pop_back();
+}
+
+std::vector<StreamHashes> MeterReader::Streams() const {
+  std::vector<StreamHashes> streams;
+  for (const auto& [key, hashes] : streams_) streams.push_back(hashes);
+  return streams;
 }
 
 void MeterReader::TakeFill(const char* bytes, std::size_t size) {

@@ -61,6 +61,8 @@ class MeterReader {
   std::vector<EngineCheck> Checks() const;
   /// What was filled so far of the engines whose sources the meter has seen, in the order of the engines.
   std::vector<EngineFill> Filled() const;
+  /// The streams that the meter checked, so far, in the order of their keys.
+  std::vector<StreamHashes> Streams() const;
   /// Of the engines that have a deadline and have worked, so far, in the order of the engines.
   std::vector<EngineDeadline> Deadlines() const;
 
@@ -73,6 +75,7 @@ class MeterReader {
   void TakeSample(const char* bytes, std::size_t size, std::vector<MeterSecond>& seconds);
   void TakeError(const char* bytes, std::size_t size);
   void TakeCheck(const char* bytes, std::size_t size);
+  void TakeStreams(const char* bytes, std::size_t size);
   void TakeFill(const char* bytes, std::size_t size);
   void TakeDeadline(const char* bytes, std::size_t size);
   void Flush(std::uint64_t timeNs, std::vector<MeterSecond>& seconds);
@@ -91,6 +94,7 @@ class MeterReader {
   std::map<std::size_t, EngineCheck> checks_;        ///< by the row of the engine
   std::map<std::size_t, EngineDeadline> deadlines_;  ///< as well
   std::map<std::size_t, EngineFill> filled_;         ///< as well
+  std::map<std::string, StreamHashes> streams_;      ///< by their keys
   int second_ = 0;                                   ///< the last one
   double timeS_ = 0;
   std::map<std::pair<std::string, int>, Histogram> latencies_;

@@ -311,6 +311,7 @@ class Recording {
     ReadCounters();
     if (options_.useMeter) run_->WriteHistogram(meter_->HistogramRows());
     run_->SetFilling(meter_->Filled());
+    run_->SetStreams(meter_->Streams());
     run_->SetChecks(meter_->Checks(), meter_->Deadlines());
     if (guard_ != nullptr) {
       ReadGuard(true);

@@ -66,6 +66,7 @@ class SavedRun {
 
   /// How results were checked. Adds the errors that no row of the table has.
   void SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines);
+  void SetStreams(std::vector<StreamHashes> streams) { info_.streams = std::move(streams); }
 
   /// What the guard did. Adds the errors that no row of the table has.
   void SetGuard(const GuardSummary& guard);

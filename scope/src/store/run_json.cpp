@@ -130,6 +130,15 @@ static void from_json(const Json& json, EngineCheck& check) {
   Take(json, "sources_left_out", check.leftOut);
 }
 
+static void to_json(Json& json, const StreamHashes& streams) {
+  json = {{"key", streams.key}, {"groups", streams.groups}};
+}
+
+static void from_json(const Json& json, StreamHashes& streams) {
+  Take(json, "key", streams.key);
+  Take(json, "groups", streams.groups);
+}
+
 static void to_json(Json& json, const EngineFill& fill) {
   json = {
       {"engine", fill.engine}, {"buffers", fill.buffers}, {"bytes", fill.bytes}, {"refused", fill.refused}};
