@@ -58,6 +58,8 @@ inline scope::Run Run(const Value& value) {
     latency.second = second;
     latency.timeS = second;
     latency.accesses = 1000;
+    latency.bursts = 8;
+    latency.interrupted = second == 3 ? 1 : 0;
     latency.meanNs = value.p50Ns;
     // The first second is the warm-up.
     latency.p50Ns = second == 1 ? 5 * p50Ns : p50Ns;
@@ -92,13 +94,10 @@ inline scope::CurveTable Table(const Machine& machine, int repeats = 3) {
   for (int point = 0; point < table.curve.points; ++point) {
     auto [levels, duty] = LevelsOf(table.curve, point);
     table.points.push_back({LoadOf(table.curve, point), "point " + std::to_string(point), levels, duty, {}});
-    table.runs.points.push_back({levels, static_cast<std::size_t>(repeats), {}, {}, {}, duty});
     for (int repeat = 1; repeat <= repeats; ++repeat) {
       const Value value = machine(LoadOf(table.curve, point), repeat);
       table.points.back().values.push_back(scope::CurveValue{
           value.gigabytesPerS, value.p50Ns, 2 * value.p50Ns, 3 * value.p50Ns, 4 * value.p50Ns});
-      table.runs.points.back().values[{scope::kAllEngines, scope::Figure::kBandwidth}].push_back(
-          value.gigabytesPerS);
     }
   }
   return table;

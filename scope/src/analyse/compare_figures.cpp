@@ -40,8 +40,8 @@ void AddEngine(const EngineSummary& engine, double skipS, Values& figures,
 
 void AddLatency(const RunSummary& run, double skipS, Values& figures) {
   constexpr double kUsPerNs = 1e-3;
-  for (const LatencySecond& second : run.latency) {
-    if (second.accesses == 0 || second.timeS - 0.5 < skipS) continue;
+  for (const LatencySecond& second : LatencyAfter(run, skipS)) {
+    if (second.accesses == 0) continue;
     const auto add = [&](Figure figure, std::uint64_t ns) {
       figures[{kMemory, figure}].push_back(static_cast<double>(ns) * kUsPerNs);
     };
@@ -89,6 +89,14 @@ std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double
   }
   AddLatency(run, skipS, figures);
   return figures;
+}
+
+std::vector<LatencySecond> LatencyAfter(const RunSummary& run, double skipS) {
+  std::vector<LatencySecond> seconds;
+  for (const LatencySecond& second : run.latency) {
+    if (second.timeS - kCounterPeriodS / 2 >= skipS) seconds.push_back(second);
+  }
+  return seconds;
 }
 
 double ValueOf(Figure figure, const std::vector<double>& seconds) {

@@ -32,6 +32,10 @@ bool operator<(const FigureKey& left, const FigureKey& right);
 /// Engines and figures without a value are absent.
 std::map<FigureKey, std::vector<double>> FiguresOf(const RunSummary& run, double skipS);
 
+/// The seconds of the latency probe that count: those of RunSummary::latency whose middle is not before
+/// `skipS`. One may be without an access, if all its bursts were interrupted.
+std::vector<LatencySecond> LatencyAfter(const RunSummary& run, double skipS);
+
 /// The one value that a run has for a figure, from those of its seconds, of which there is at least one.
 /// Operations and bytes per second: the mean. A median of whole operations a second would move in steps: at
 /// 20 operations/s by 5 %. Other figures: the median.

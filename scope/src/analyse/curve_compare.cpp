@@ -52,15 +52,17 @@ Comparison CompareCurves(const CurveTable& a, const CurveTable& b, const Compare
   const CurveFigures ofA = Require(a);
   const CurveFigures ofB = Require(b);
   const double reach = std::min(Reach(ofA), Reach(ofB));
-  const bool withKnee = ofA.knee && ofB.knee;
+  const auto hasKnee = [](const CurveFigures& figures) { return figures.withoutKnee == 0; };
+  const bool withKnee = hasKnee(ofA) && hasKnee(ofB);
   CompareOptions all = options;
   all.figures = {Figure::kP50, Figure::kBandwidth};  // judged then
   Comparison comparison = CompareValues(ValuesOf(ofA, reach, withKnee), ValuesOf(ofB, reach, withKnee), all);
   for (const auto& [figures, letter] : {std::pair(&ofA, "A"), std::pair(&ofB, "B")}) {
-    if (figures->knee) continue;
+    if (hasKnee(*figures)) continue;
     comparison.notes.push_back(
-        Format("%s has no knee: its latency stays below %g times that at idle; knees are not compared",
-               letter, kKneeFactor));
+        Format("%s has no knee in %zu of ", letter, figures->withoutKnee) +
+        Counted(figures->repeats.size(), "repeat") +
+        Format(": there the latency stays below %g times that at idle; knees are not compared", kKneeFactor));
   }
   for (const CurveTable* const table : {&a, &b}) {
     for (const std::string& note : table->notes) comparison.notes.push_back(table->name + ": " + note);

@@ -8,6 +8,7 @@
 #include "latency_texts.h"
 #include "number_text.h"
 #include "ratio.h"
+#include "saturation.h"
 #include "statistics.h"
 #include "sweep_plan.h"
 #include "text_format.h"
@@ -25,9 +26,41 @@ std::string PointName(const SweepLevels& levels, double dutyPercent) {
   return working.empty() ? "idle" : PointText(working, {}, dutyPercent);
 }
 
-bool IsWhole(const CurveTable& table, std::size_t repeat) {
-  return std::all_of(table.points.begin(), table.points.end(),
-                     [repeat](const CurveTablePoint& point) { return point.values[repeat].has_value(); });
+std::vector<std::size_t> WholeRepeats(const CurveTable& table) {
+  std::vector<std::size_t> whole;
+  for (std::size_t repeat = 0; repeat < table.points.front().values.size(); ++repeat) {
+    const auto has = [repeat](const CurveTablePoint& point) { return point.values[repeat].has_value(); };
+    if (std::all_of(table.points.begin(), table.points.end(), has)) whole.push_back(repeat);
+  }
+  return whole;
+}
+
+// The values of these repeats, which the point has.
+std::vector<double> ValuesAt(const CurveTablePoint& point, const std::vector<std::size_t>& repeats,
+                             double CurveValue::* figure) {
+  std::vector<double> values;
+  for (const std::size_t repeat : repeats) values.push_back((*point.values[repeat]).*figure);
+  return values;
+}
+
+// Without the figures of latency.
+CurveSaturation SaturationOf(const CurveTable& table, const std::vector<std::size_t>& repeats) {
+  std::vector<double> means;
+  for (const CurveTablePoint& point : table.points) {
+    means.push_back(EstimateOf(ValuesAt(point, repeats, &CurveValue::gigabytesPerS)).value);
+  }
+  const auto best = std::max_element(means.begin(), means.end());
+  const auto isClose = [least = (1 - kSaturatedPercent / 100) * *best](double mean) { return mean >= least; };
+  CurveSaturation saturation;
+  saturation.best = static_cast<std::size_t>(best - means.begin());
+  saturation.lowest =
+      static_cast<std::size_t>(std::find_if(means.begin(), means.end(), isClose) - means.begin());
+  // On a plateau the best point is one of many by chance: the latency goes on rising behind it.
+  saturation.last =
+      means.size() - 1 -
+      static_cast<std::size_t>(std::find_if(means.rbegin(), means.rend(), isClose) - means.rbegin());
+  saturation.reached = saturation.lowest + 1 < means.size();
+  return saturation;
 }
 
 CurveFit FitOf(const CurveTable& table, std::size_t repeat, std::size_t last) {
@@ -44,6 +77,21 @@ CurveFit FitOf(const CurveTable& table, std::size_t repeat, std::size_t last) {
 std::string EstimateText(const CurveEstimate& estimate, const char* unit) {
   std::string text = ShortNumber(estimate.value) + " " + unit;
   if (estimate.low) text += " (" + ShortNumber(*estimate.low) + " to " + ShortNumber(*estimate.high) + ")";
+  return text;
+}
+
+std::string KneeSentence(const CurveFigures& figures) {
+  const std::string times = Format("%g times that at idle", kKneeFactor);
+  const std::string repeats = Counted(figures.repeats.size(), "repeat");
+  if (!figures.knee) {
+    return Format("No knee: in %zu of ", figures.withoutKnee) + repeats + " the latency stays below " +
+           times + ".";
+  }
+  std::string text = "Knee: " + EstimateText(*figures.knee, "GB/s") + "; there the latency is " + times + ".";
+  if (figures.withoutKnee != 0) {
+    text += Format(" That is of %zu of ", figures.knee->values.size()) + repeats +
+            ": in the others the latency stays below.";
+  }
   return text;
 }
 
@@ -64,8 +112,10 @@ std::optional<CurveValue> CurveValueOf(const Run& run, const RunSummary& summary
   const auto p999 = valueOf({kMemory, Figure::kP999});
   if (!total || !p50 || !p99 || !p999) return std::nullopt;
   CurveValue value = {*total, *p50 * kNsPerUs, *p99 * kNsPerUs, *p999 * kNsPerUs};
-  for (const LatencySecond& second : summary.latency) {
-    if (second.timeS > warmupS) value.maxNs = std::max(value.maxNs, static_cast<double>(second.maxNs));
+  for (const LatencySecond& second : LatencyAfter(summary, warmupS)) {
+    value.maxNs = std::max(value.maxNs, static_cast<double>(second.maxNs));
+    value.bursts += second.bursts;
+    value.interrupted += second.interrupted;
   }
   return value;
 }
@@ -83,7 +133,7 @@ CurveTable ReadCurveTable(const std::string& folder) {
   }
   std::size_t without = 0;
   std::vector<LatencyDoubt> doubts;
-  table.runs =
+  SweepTable runs =
       ReadSweepTable(folder, sweep, [&](const SweepRun& planned, const Run& run, const RunSummary& summary) {
         const auto index = static_cast<std::size_t>(&planned - sweep.runs.data());
         const auto value = CurveValueOf(run, summary, sweep.settings.warmupS);
@@ -96,7 +146,7 @@ CurveTable ReadCurveTable(const std::string& folder) {
         info.info = run.info;
         table.infos.push_back(std::move(info));
       });
-  table.notes = table.runs.notes;
+  table.notes = std::move(runs.notes);
   AddLatencyDoubts(doubts, table.notes);
   if (without != 0) {
     table.notes.push_back(Counted(without, "run") +
@@ -130,51 +180,54 @@ std::optional<CurveEstimate> EstimateAt(const CurveTablePoint& point, double Cur
   return EstimateOf(std::move(values));
 }
 
+std::optional<double> LongestAt(const CurveTablePoint& point) {
+  std::optional<double> longest;
+  for (const std::optional<CurveValue>& value : point.values) {
+    if (value) longest = std::max(longest.value_or(0), value->maxNs);
+  }
+  return longest;
+}
+
 std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
   CurveFigures figures;
-  const std::optional<Saturation> saturation = FindSaturationInOrder(table.runs);
-  if (!saturation || saturation->best == 0) return std::nullopt;
-  figures.saturation = *saturation;
-  std::vector<double> idle;
-  std::vector<double> most;
+  figures.repeats = WholeRepeats(table);
+  if (figures.repeats.empty()) return std::nullopt;
+  const auto at = [&](std::size_t point, double CurveValue::* figure) {
+    return EstimateOf(ValuesAt(table.points[point], figures.repeats, figure));
+  };
+  CurveSaturation& saturation = figures.saturation;
+  saturation = SaturationOf(table, figures.repeats);
+  figures.mostGigabytesPerS = at(saturation.best, &CurveValue::gigabytesPerS);
+  // Without load there is no bandwidth: a curve that has its best there is none.
+  if (saturation.best == 0 || figures.mostGigabytesPerS.value <= 0) return std::nullopt;
+  saturation.gigabytesPerS = at(saturation.lowest, &CurveValue::gigabytesPerS);
+  saturation.p50Ns = at(saturation.lowest, &CurveValue::p50Ns);
+  saturation.p99Ns = at(saturation.lowest, &CurveValue::p99Ns);
+  saturation.p999Ns = at(saturation.lowest, &CurveValue::p999Ns);
+  figures.idleNs = at(0, &CurveValue::p50Ns);
   std::vector<double> knees;
-  for (std::size_t repeat = 0; repeat < table.points.front().values.size(); ++repeat) {
-    if (!IsWhole(table, repeat)) continue;
-    figures.repeats.push_back(repeat);
-    idle.push_back(table.points.front().values[repeat]->p50Ns);
-    most.push_back(table.points[saturation->best].values[repeat]->gigabytesPerS);
-    figures.fits.push_back(FitOf(table, repeat, saturation->best));
+  for (const std::size_t repeat : figures.repeats) {
+    figures.fits.push_back(FitOf(table, repeat, saturation.last));
     if (const auto knee = KneeOf(figures.fits.back())) knees.push_back(*knee);
   }
-  if (figures.repeats.empty()) return std::nullopt;
   figures.withoutKnee = figures.repeats.size() - knees.size();
-  if (figures.withoutKnee == 0) figures.knee = EstimateOf(std::move(knees));
-  figures.idleNs = EstimateOf(std::move(idle));
-  figures.mostGigabytesPerS = EstimateOf(std::move(most));
+  if (knees.empty()) return figures;
+  figures.knee = EstimateOf(std::move(knees));
+  if (figures.withoutKnee != 0) figures.knee->low = figures.knee->high = std::nullopt;
   return figures;
 }
 
 std::vector<std::string> CurveSentences(const CurveTable& table, const CurveFigures& figures) {
-  const Saturation& saturation = figures.saturation;
-  const CurveTablePoint& lowest = table.points[saturation.lowest];
-  const std::string times = Format("%g times that at idle", kKneeFactor);
+  const CurveSaturation& saturation = figures.saturation;
   std::vector<std::string> sentences = {"Idle latency: " + EstimateText(figures.idleNs, "ns") + "."};
-  if (figures.knee) {
-    sentences.push_back("Knee: " + EstimateText(*figures.knee, "GB/s") + "; there the latency is " + times +
-                        ".");
-  } else {
-    sentences.push_back(Format("No knee: in %zu of %s the latency stays below ", figures.withoutKnee,
-                               Counted(figures.repeats.size(), "repeat").c_str()) +
-                        times + ".");
-  }
+  sentences.push_back(KneeSentence(figures));
   sentences.push_back("Most bandwidth: " + EstimateText(figures.mostGigabytesPerS, "GB/s") + " at " +
                       table.points[saturation.best].name + ".");
-  const auto latency = EstimateAt(lowest, &CurveValue::p50Ns);
-  const auto tail = EstimateAt(lowest, &CurveValue::p99Ns);
-  if (saturation.reached && latency) {
-    sentences.push_back(Format("Saturation: within %g %% of it from ", kSaturatedPercent) + lowest.name +
-                        " on, with a latency of " + EstimateText(*latency, "ns") + ", p99 " +
-                        EstimateText(*tail, "ns") + ".");
+  if (saturation.reached) {
+    sentences.push_back(
+        "Saturation: " + table.points[saturation.lowest].name +
+        Format(" is the least load within %g %% of that, with a latency of ", kSaturatedPercent) +
+        EstimateText(saturation.p50Ns, "ns") + ", p99 " + EstimateText(saturation.p99Ns, "ns") + ".");
   } else {
     sentences.push_back("Saturation is not reached: the greatest load has the most bandwidth by more than " +
                         Format("%g %%", kSaturatedPercent) + ". Try --most with a greater number.");

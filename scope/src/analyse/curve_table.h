@@ -2,13 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "curve.h"
 #include "curve_fit.h"
-#include "saturation.h"
 #include "sweep_table.h"
 
 namespace scope {
@@ -23,7 +23,9 @@ struct CurveValue {
   double p50Ns = 0;
   double p99Ns = 0;
   double p999Ns = 0;
-  double maxNs = 0;  ///< the longest access of all these seconds
+  double maxNs = 0;               ///< the longest access of all these seconds
+  std::uint64_t bursts = 0;       ///< of the latency probe in these seconds
+  std::uint64_t interrupted = 0;  ///< of them; their accesses are in no figure
 };
 
 /// The value of a recorded run; none if it has no second with a latency, or no bandwidth of all engines.
@@ -42,7 +44,6 @@ struct CurveTable {
   std::string name;  ///< of its folder
   Curve curve;
   std::vector<CurveTablePoint> points;  ///< by load
-  SweepTable runs;                      ///< the same points with all their figures
   std::vector<Run> infos;               ///< the runs without their rows
   std::vector<std::string> notes;       ///< reasons to doubt the figures, one sentence each
 };
@@ -65,15 +66,32 @@ CurveEstimate EstimateOf(std::vector<double> values);
 /// The estimate of a figure of a point, of the repeats that have it; none if none has.
 std::optional<CurveEstimate> EstimateAt(const CurveTablePoint& point, double CurveValue::* figure);
 
+/// The longest access of a point, of all repeats; none if none is recorded.
+std::optional<double> LongestAt(const CurveTablePoint& point);
+
+/// Where more load gives no more bandwidth. Points are judged by the geometric means of the repeats.
+struct CurveSaturation {
+  std::size_t best = 0;         ///< the point with the most bandwidth
+  std::size_t lowest = 0;       ///< the one with the least load that is close to it (kSaturatedPercent)
+  std::size_t last = 0;         ///< the one with the greatest load that is
+  bool reached = false;         ///< `lowest` is not the greatest load of the curve
+  CurveEstimate gigabytesPerS;  ///< at `lowest`; so are the next
+  CurveEstimate p50Ns;
+  CurveEstimate p99Ns;
+  CurveEstimate p999Ns;
+};
+
 /// What a curve says. Each repeat is a curve by itself, and gives one value of each figure.
 struct CurveFigures {
-  std::vector<std::size_t> repeats;   ///< those that are whole, from 0
-  std::vector<CurveFit> fits;         ///< one of each, up to the point `saturation.best`
-  Saturation saturation;              ///< of the points of the curve
-  CurveEstimate idleNs;               ///< the median latency without load
-  CurveEstimate mostGigabytesPerS;    ///< at `saturation.best`
-  std::optional<CurveEstimate> knee;  ///< GB/s; none if the latency of a repeat stays below it
-  std::size_t withoutKnee = 0;        ///< so many repeats
+  std::vector<std::size_t> repeats;  ///< those that are whole, from 0
+  std::vector<CurveFit> fits;        ///< one of each, up to the point `saturation.last`
+  CurveSaturation saturation;
+  CurveEstimate idleNs;             ///< the median latency without load
+  CurveEstimate mostGigabytesPerS;  ///< at `saturation.best`
+  /// GB/s, of the repeats that have one; none if none has. Without an interval unless all have one: those of
+  /// the others are above what they reach.
+  std::optional<CurveEstimate> knee;
+  std::size_t withoutKnee = 0;  ///< repeats whose latency stays below it
 };
 
 /// None without a repeat that is whole, or without a bandwidth above 0.

@@ -97,12 +97,6 @@ std::optional<Saturation> FindSaturation(const SweepTable& table) {
   }));
 }
 
-std::optional<Saturation> FindSaturationInOrder(const SweepTable& table) {
-  return FindIn(CandidatesOf(table, {kAllEngines, Figure::kBandwidth}, [&table](const SweepPoint& point) {
-    return static_cast<int>(&point - table.points.data());
-  }));
-}
-
 std::vector<EngineSaturation> EngineSaturations(const SweepTable& table) {
   std::vector<EngineSaturation> saturations;
   if (table.engines.size() < 2 || !table.boardAxes.empty()) return saturations;

@@ -33,9 +33,6 @@ struct Saturation {
 /// bandwidth above 0, or if settings of the board were swept.
 std::optional<Saturation> FindSaturation(const SweepTable& table);
 
-/// The same for points in the order of rising load, whatever their threads.
-std::optional<Saturation> FindSaturationInOrder(const SweepTable& table);
-
 /// Of one engine's bandwidth.
 struct EngineSaturation {
   std::string engine;

@@ -22,7 +22,7 @@ void PutFigures(Json& json, const CurveTablePoint& point) {
   Put(json, "latency_p50_ns", EstimateAt(point, &CurveValue::p50Ns));
   Put(json, "latency_p99_ns", EstimateAt(point, &CurveValue::p99Ns));
   Put(json, "latency_p999_ns", EstimateAt(point, &CurveValue::p999Ns));
-  Put(json, "latency_max_ns", EstimateAt(point, &CurveValue::maxNs));
+  json["latency_max_ns"] = OrNull(LongestAt(point));
 }
 
 Json PointJson(const CurveTablePoint& point) {
@@ -35,7 +35,9 @@ Json PointJson(const CurveTablePoint& point) {
                           {"latency_p50_ns", value->p50Ns},
                           {"latency_p99_ns", value->p99Ns},
                           {"latency_p999_ns", value->p999Ns},
-                          {"latency_max_ns", value->maxNs}});
+                          {"latency_max_ns", value->maxNs},
+                          {"bursts", value->bursts},
+                          {"interrupted", value->interrupted}});
   }
   Json json{{"name", point.name},
             {"load", point.load},
@@ -53,14 +55,19 @@ Json KneeJson(const CurveFigures& figures) {
   Put(json, "gb_per_s", figures.knee);
   json["latency_factor"] = kKneeFactor;
   json["values"] = figures.knee->values;
+  json["repeats_without"] = figures.withoutKnee;
   return json;
 }
 
 Json CurveSaturationJson(const CurveTable& table, const CurveFigures& figures) {
-  const CurveTablePoint& lowest = table.points[figures.saturation.lowest];
-  Json json{{"reached", figures.saturation.reached}, {"point", lowest.name}};
-  PutFigures(json, lowest);
-  json["best_point"] = table.points[figures.saturation.best].name;
+  const CurveSaturation& saturation = figures.saturation;
+  Json json{{"reached", saturation.reached}, {"point", table.points[saturation.lowest].name}};
+  Put(json, "gb_per_s", saturation.gigabytesPerS);
+  Put(json, "latency_p50_ns", saturation.p50Ns);
+  Put(json, "latency_p99_ns", saturation.p99Ns);
+  Put(json, "latency_p999_ns", saturation.p999Ns);
+  json["latency_max_ns"] = OrNull(LongestAt(table.points[saturation.lowest]));
+  json["best_point"] = table.points[saturation.best].name;
   Put(json, "most_gb_per_s", figures.mostGigabytesPerS);
   return json;
 }
