@@ -12,6 +12,7 @@ bool PrepareDuty();
 /// After an operation of this thread that began at `startNs` and took `busyNs`: sleeps, so that operations
 /// take the share of the thread's time. What a sleep is too long, and pauses of the program itself, make the
 /// next ones shorter.
+/// The first sleep of a thread is longer, each by another share: threads do not sleep in step.
 void Rest(std::uint64_t startNs, std::uint64_t busyNs);
 
 }  // namespace scope

@@ -4,7 +4,8 @@
 /// usage: counted_load REPORT MODEL CALLS THREADS WAIT_NS FAIL_EVERY [fork|badmodel|virtual]
 /// The report: a line "ENGINE OPERATIONS BUSY_NS FAILURES" each, then "latency ENGINE NS" for each operation,
 /// "around ENGINE NS" (time of all calls, measured around them, so never less than the meter's), "cpus ENGINE
-/// MASK" (of the first 64, on which its threads may work after their calls), "allocations N" (calls of malloc
+/// MASK" (of the first 64, on which its threads may work after their calls), "first ENGINE NS" (time of the
+/// first call of each thread, measured around it), "allocations N" (calls of malloc
 /// by a thread inside a measured call) and "threads N" (of the process, workers left out).
 #include <dirent.h>
 #include <sched.h>
@@ -34,6 +35,9 @@ thread_local bool inCall = false;
 std::atomic<int> allocations{0};
 std::atomic<std::uint64_t> aroundNs[kCountedEngines];
 std::atomic<std::uint64_t> cpusOf[kCountedEngines];
+constexpr std::size_t kKeptFirsts = 64;
+std::atomic<std::uint64_t> firstNs[kCountedEngines][kKeptFirsts];
+std::atomic<std::size_t> firsts[kCountedEngines];
 constexpr std::uint64_t kNsPerS = 1'000'000'000;
 }  // namespace
 
@@ -86,7 +90,9 @@ void Repeat(CountedEngine engine, int calls, Operation operation) {
     inCall = true;
     (void)operation();
     inCall = false;
-    aroundNs[engine].fetch_add(NowNs() - start);
+    const std::uint64_t ns = NowNs() - start;
+    aroundNs[engine].fetch_add(ns);
+    if (i == 0) firstNs[engine][firsts[engine].fetch_add(1) % kKeptFirsts] = ns;
   }
   cpu_set_t allowed;
   if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return;
@@ -165,6 +171,10 @@ int main(int argc, char** argv) {
                        static_cast<unsigned long long>(counted.failures.load()));
     (void)std::fprintf(report, "around %d %llu\n", engine,
                        static_cast<unsigned long long>(aroundNs[engine].load()));
+    for (std::size_t i = 0; i < std::min(firsts[engine].load(), kKeptFirsts); ++i) {
+      (void)std::fprintf(report, "first %d %llu\n", engine,
+                         static_cast<unsigned long long>(firstNs[engine][i].load()));
+    }
     (void)std::fprintf(report, "cpus %d %llu\n", engine,
                        static_cast<unsigned long long>(cpusOf[engine].load()));
     for (std::uint64_t i = 0; i < operations && i < kKeptLatencies; ++i) {
