@@ -61,9 +61,13 @@ TEST(DeadlineTest, SaysHowManyAreLateAndFailsAboveTheShare) {
   const EngineDeadline none{"cpu", 900'000, 1, 0, 0, 800'000};
   EXPECT_EQ(scope::DeadlineText(late),
             "vpc 16.7 ms: 1 % of 2000 operations late (20), at most 3 in a row, p99.9 18.2 ms");
-  EXPECT_EQ(scope::DeadlineText(none), "cpu 900 us: none of 1 operation late, p99.9 800 us");
+  const EngineDeadline few{"vpc", 16'700'000, 999, 0, 0, 18'200'000};
+  EXPECT_THAT(scope::DeadlineText(few), testing::EndsWith(", longest 18.2 ms"));
+  const EngineDeadline enough{"vpc", 16'700'000, 1000, 0, 0, 18'200'000};
+  EXPECT_THAT(scope::DeadlineText(enough), testing::EndsWith(", p99.9 18.2 ms"));
+  EXPECT_EQ(scope::DeadlineText(none), "cpu 900 us: none of 1 operation late, longest 800 us");
   EXPECT_EQ(scope::DeadlineText({"aic", 1'000, 0, 0, 0, 0}),
-            "aic 1.00 us: none of 0 operations late, p99.9 -");
+            "aic 1.00 us: none of 0 operations late, longest -");
   EXPECT_THAT(scope::MissedTooOften({late, none}, 0.01), IsEmpty());
   EXPECT_THAT(scope::MissedTooOften({late, none}, 0.0099),
               ElementsAre(HasSubstr("(--fail-over 0.99 %): vpc 16.7 ms: 1 %")));

@@ -92,7 +92,7 @@ TEST_F(RecordTest, SavesMissedDeadlinesAndIsLateAboveTheShareThatMayMiss) {
   }
   EXPECT_THAT(scope::ReportText(scope::ReadRuns({run_}), 80),
               testing::HasSubstr(
-                  "\n  deadline cpu 5.00 us: 3 % of 300 operations late (9), at most 9 in a row, p99.9 "));
+                  "\n  deadline cpu 5.00 us: 3 % of 300 operations late (9), at most 9 in a row, longest "));
 }
 
 TEST_F(RecordTest, SaysWhatOfEachEngineWasFilled) {

@@ -114,7 +114,9 @@ std::string DeadlineText(const EngineDeadline& deadline) {
             Counted(deadline.operations, "operation") + " late (" + std::to_string(deadline.missed) +
             "), at most " + std::to_string(deadline.longestRun) + " in a row";
   }
-  return text + ", p99.9 " + Latency(deadline.p999Ns);
+  // Of fewer operations than that, the longest is the 99.9th percentile.
+  constexpr std::uint64_t kLeastForTail = 1000;
+  return text + (deadline.operations < kLeastForTail ? ", longest " : ", p99.9 ") + Latency(deadline.p999Ns);
 }
 
 std::vector<std::string> MissedTooOften(const std::vector<EngineDeadline>& deadlines, double failOver) {

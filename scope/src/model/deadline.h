@@ -33,7 +33,8 @@ std::string DeadlinesText(const std::vector<Deadline>& deadlines);
 /// Share of the operations that missed the deadline; 0 without operations.
 double MissedShare(const EngineDeadline& deadline);
 
-/// "vpc 16.7 ms: 0.119 % of 20162 operations late (24), at most 3 in a row, p99.9 18.2 ms".
+/// "vpc 16.7 ms: 0.119 % of 20162 operations late (24), at most 3 in a row, p99.9 18.2 ms". Of fewer than
+/// 1000 operations it names the longest in place of p99.9.
 std::string DeadlineText(const EngineDeadline& deadline);
 
 /// A sentence for each engine of which more than `failOver` of the operations missed their deadline.
