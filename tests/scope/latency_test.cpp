@@ -313,6 +313,16 @@ TEST(LatencyProbe, SendsWhatItMeasured) {
   EXPECT_GT(summary.bytesPerS, 0);
 }
 
+// How many of the pages are huge is different each time, and runs with different conditions are not compared.
+TEST(LatencyProbe, NamesThePagesAndNotHowManyThereAre) {
+  constexpr std::uint64_t kGibibyte = std::uint64_t{1} << 30;
+  EXPECT_EQ(LatencyPages(kGibibyte, kGibibyte / 100 * 96), LatencyPages(kGibibyte, kGibibyte / 100 * 97));
+  EXPECT_THAT(LatencyPages(kGibibyte, kGibibyte / 2),
+              ::testing::MatchesRegex("[0-9]+ [KM]iB and " + LatencyPages(kGibibyte, 0)));
+  EXPECT_EQ(LatencyPages(kGibibyte, kGibibyte) + " and " + LatencyPages(kGibibyte, 0),
+            LatencyPages(kGibibyte, kGibibyte / 2));
+}
+
 // The system is told to make no huge pages for this process and those that it starts.
 TEST(LatencyProbe, SaysThatThereAreNoHugePages) {
   const int before = prctl(PR_GET_THP_DISABLE, 0, 0, 0, 0);

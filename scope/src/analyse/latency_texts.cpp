@@ -60,6 +60,13 @@ std::string BurstsText(const LatencySummary& latency) {
                 Counted(latency.bursts, "burst").c_str());
 }
 
+// How much of the memory is in huge pages, if that is a part.
+std::string HugeShareText(const LatencySummary& latency) {
+  if (latency.pages.find(" and ") == std::string::npos) return "";
+  return Format(" (%.0f %% of it in huge pages)",
+                static_cast<double>(latency.hugeBytes) / static_cast<double>(latency.bytes) * 100);
+}
+
 std::uint64_t LargestCache(const Run& run) {
   std::uint64_t largest = 0;
   for (const Cache& cache : run.info.conditions.caches) largest = std::max(largest, cache.bytes);
@@ -77,7 +84,7 @@ std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary)
   if (latency.bytes == 0) return {};
   std::vector<std::string> texts = {FiguresText(run, summary)};
   const std::optional<double> share = LoadShare(run, summary);
-  texts.push_back("over " + run.info.conditions.latency +
+  texts.push_back("over " + run.info.conditions.latency + HugeShareText(latency) +
                   Format("; its own load %.3g MB/s", latency.bytesPerS / 1e6) +
                   (share ? Format(", %.2g %% of the engines' bytes; ", *share * 100) : std::string("; ")) +
                   BurstsText(latency));

@@ -30,6 +30,30 @@ std::vector<SweepAxis> AggressorsOf(const std::vector<SweepAxis>& axes, const st
   return others;
 }
 
+std::vector<SweepLevels> RequireMixes(const std::vector<SweepAxis>& axes, const std::string& victim) {
+  std::vector<SweepLevels> mixes = MixesFor(axes, victim);
+  if (!mixes.empty()) return mixes;
+  throw UserError("nothing disturbs " + victim +
+                  ": give levels above 0 of another section, as in --levels CPU=0,1");
+}
+
+// Of each mix, the runs of the search's budget. Those that come after it are of the mix that it has found.
+std::vector<Slowness> WithinBudget(const Matrix& matrix, std::vector<Slowness> slowness) {
+  const WorstGrid grid = WorstGridOf(matrix);
+  const std::vector<SweepLevels> mixes = MixesFor(matrix.axes, matrix.victims.front().section);
+  std::vector<std::size_t> counts(slowness.size());
+  std::size_t left = WorstBudget(grid);
+  for (const MatrixRun& run : matrix.runs) {
+    if (run.part != MatrixPart::kWith || run.state != SweepState::kDone || left == 0) continue;
+    const auto mix = std::find(mixes.begin(), mixes.end(), run.mix);
+    if (mix != mixes.end()) ++counts[static_cast<std::size_t>(mix - mixes.begin()) + (grid.hasNone ? 1 : 0)];
+    --left;
+  }
+  for (std::size_t mix = 0; mix < slowness.size(); ++mix)
+    slowness[mix].resize(std::min(slowness[mix].size(), counts[mix]));
+  return slowness;
+}
+
 // How many runs of this kind there are, and whether one of them is not done.
 struct Count {
   int runs = 0;
@@ -97,11 +121,7 @@ std::vector<MatrixRun> PlanMatrix(const Matrix& matrix) {
   std::vector<SweepLevels> loads;
   std::vector<MatrixRun> round;
   for (const MatrixVictim& victim : matrix.victims) {
-    const std::vector<SweepLevels> mixes = MixesFor(matrix.axes, victim.section);
-    if (mixes.empty()) {
-      throw UserError("nothing disturbs " + victim.section +
-                      ": give levels above 0 of another section, as in --levels CPU=0,1");
-    }
+    const std::vector<SweepLevels> mixes = RequireMixes(matrix.axes, victim.section);
     Append(round, MatrixPart::kAlone, victim.section, {}, 1);
     for (const SweepLevels& mix : mixes) {
       Append(round, MatrixPart::kWith, victim.section, mix, 1);
@@ -125,6 +145,16 @@ std::vector<MatrixRun> PlanMatrix(const Matrix& matrix) {
     Append(runs, next.part, next.victim, next.mix, static_cast<int>(i / round.size()) + 1);
   }
   return runs;
+}
+
+void RequireSearch(const Matrix& matrix) {
+  (void)RequireMixes(matrix.axes, matrix.victims.front().section);
+  // Its own runs; then the victim alone, the mix that it found, and its control.
+  const auto repeats = static_cast<std::size_t>(matrix.settings.repeats);
+  const std::size_t most = WorstBudget(WorstGridOf(matrix)) + 3 * repeats + 1;
+  if (most <= kMostMatrixRuns) return;
+  throw UserError("the search may take " + std::to_string(most) + " runs, expected at most " +
+                  std::to_string(kMostMatrixRuns) + ": give fewer levels or repeats");
 }
 
 SweepLevels LevelsOf(const Matrix& matrix, const MatrixRun& run, const std::vector<std::string>& sections) {
@@ -172,11 +202,13 @@ std::optional<std::size_t> MixNumber(const Matrix& matrix, const SweepLevels& mi
   return static_cast<std::size_t>(at - mixes.begin()) + (WorstGridOf(matrix).hasNone ? 1 : 0);
 }
 
-std::optional<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness) {
+std::vector<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness) {
   const WorstGrid grid = WorstGridOf(matrix);
-  const std::optional<std::size_t> worst = WorstMix(grid, slowness);
-  if (!worst) return std::nullopt;
-  return MixesFor(matrix.axes, matrix.victims.front().section)[*worst - (grid.hasNone ? 1 : 0)];
+  const std::vector<SweepLevels> mixes = MixesFor(matrix.axes, matrix.victims.front().section);
+  std::vector<SweepLevels> found;
+  for (const std::size_t mix : WorstMixes(grid, WithinBudget(matrix, slowness)))
+    found.push_back(mixes[mix - (grid.hasNone ? 1 : 0)]);
+  return found;
 }
 
 std::optional<MatrixRun> NextOfWorst(const Matrix& matrix, const std::vector<Slowness>& slowness) {
@@ -194,11 +226,12 @@ std::optional<MatrixRun> NextOfWorst(const Matrix& matrix, const std::vector<Slo
   const WorstGrid grid = WorstGridOf(matrix);
   if (const std::optional<std::size_t> mix = NextMix(grid, slowness, WorstBudget(grid)))
     return next(MatrixPart::kWith, MixesFor(matrix.axes, victim)[*mix - (grid.hasNone ? 1 : 0)]);
-  const std::optional<SweepLevels> worst = FoundWorst(matrix, slowness);
-  if (!worst) return std::nullopt;
-  if (CountOf(matrix, MatrixPart::kLoad, *worst).runs == 0) return next(MatrixPart::kLoad, *worst);
+  const std::vector<SweepLevels> found = FoundWorst(matrix, slowness);
+  if (found.empty()) return std::nullopt;
+  const SweepLevels& worst = found.front();
+  if (CountOf(matrix, MatrixPart::kLoad, worst).runs == 0) return next(MatrixPart::kLoad, worst);
   for (const MatrixPart part : {MatrixPart::kWith, MatrixPart::kControl}) {
-    if (CountOf(matrix, part, *worst).runs < repeats) return next(part, *worst);
+    if (CountOf(matrix, part, worst).runs < repeats) return next(part, worst);
   }
   return std::nullopt;
 }

@@ -27,6 +27,9 @@ std::vector<SweepLevels> MixesFor(const std::vector<SweepAxis>& axes, const std:
 /// runs.
 std::vector<MatrixRun> PlanMatrix(const Matrix& matrix);
 
+/// Throws UserError if there is no mix to look for, or if the search may take more than 9999 runs.
+void RequireSearch(const Matrix& matrix);
+
 /// The levels of each of `sections` in this run: 0 of those that are neither victim nor aggressor.
 SweepLevels LevelsOf(const Matrix& matrix, const MatrixRun& run, const std::vector<std::string>& sections);
 
@@ -41,11 +44,12 @@ std::optional<std::size_t> MixNumber(const Matrix& matrix, const SweepLevels& mi
 
 /// The next run of a search for the worst mix; none if all is known. First the victim alone; then what the
 /// search asks for; then what tells memory from processor time for the mix that it has found. `slowness` has
-/// the results of the finished runs of kWith, by the number of the mix.
+/// the results of the finished runs of kWith, by the number of the mix, in the order of recording.
 std::optional<MatrixRun> NextOfWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
 
-/// The mix that slowed the victim most; none without a run.
-std::optional<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
+/// The mixes that the search has tried, the one that slowed the victim most first. Only the runs of its
+/// budget decide: what is recorded of the first one afterwards does not make it another one.
+std::vector<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
 
 /// Every run is done; of a search, it has ended as well.
 bool IsComplete(const Matrix& matrix, const std::vector<Slowness>& slowness);

@@ -38,6 +38,8 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 
 /// Adds --latency, --latency-cpu and --latency-size.
 void AddLatency(CLI::App& command, RunSettings& settings);
+/// Adds --latency-size, which excludes `excluded` if it is not null.
+CLI::Option* AddLatencySize(CLI::App& command, RunSettings& settings, CLI::Option* excluded);
 /// Adds the last two, which exclude `excluded` and need `needed` where these are not null.
 void AddLatencyPlace(CLI::App& command, RunSettings& settings, CLI::Option* excluded, CLI::Option* needed);
 

@@ -93,6 +93,7 @@ Curve PrepareCurve(const CurveOptions& options, std::unique_ptr<FolderLock>& loc
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS, kLeastOfRunS);
   CheckRecord(sweep.settings);
+  FixLatencySize(sweep.settings);
   if (IsCurveFolder(options.folder)) {
     throw UserError(options.folder + " contains a curve: continue it with --resume " + options.folder +
                     ", or choose another folder");

@@ -81,20 +81,23 @@ Matrix PrepareMatrix(const MatrixOptions& options, std::unique_ptr<FolderLock>& 
   matrix.victims = VictimsOf(options, matrix.axes);
   matrix.worst = !options.worst.empty();
   if (!options.sharesCpus) matrix.ownCpus = ChooseOwnCpus(matrix.victims);
-  std::vector<MatrixRun> all = PlanMatrix(matrix);
-  const MatrixRun first = all.front();
-  if (!matrix.worst) matrix.runs = std::move(all);
+  if (matrix.worst) {
+    RequireSearch(matrix);
+  } else {
+    matrix.runs = PlanMatrix(matrix);
+  }
   // Each section that a run loads must be one that the configuration can have.
   SweepLevels most;
   for (const SweepAxis& axis : matrix.axes) most.emplace_back(axis.section, axis.levels.back());
   for (const MatrixVictim& victim : matrix.victims) {
     if (victim.section != kLatencyVictim) most.emplace_back(victim.section, victim.level);
   }
-  (void)PointConfiguration(options.config, most);
-  const std::string config = PointConfiguration(options.config, LevelsOf(matrix, first, {}));
+  const std::string config = PointConfiguration(options.config, most);
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, matrix.settings), matrix.settings.warmupS);
   CheckRecord(matrix.settings);
+  const auto isLatency = [](const MatrixVictim& victim) { return victim.section == kLatencyVictim; };
+  if (std::any_of(matrix.victims.begin(), matrix.victims.end(), isLatency)) FixLatencySize(matrix.settings);
   if (IsMatrixFolder(options.folder)) {
     throw UserError(options.folder + " contains a matrix: continue it with --resume " + options.folder +
                     ", or choose another folder");
@@ -171,6 +174,7 @@ void AddMatrix(CLI::App& app, int& status) {
   command->add_option("-o,--output", options->folder, "Folder to make (default: matrix-TIME)")
       ->type_name("DIR")
       ->excludes(resume);
+  (void)AddLatencySize(*command, options->settings, resume);
   AddRunSettings(*command, options->settings, resume);
   // Printed rates are too coarse, and only the meter can give the victim its CPU.
   (void)command->remove_option(command->get_option("--no-meter"));

@@ -128,13 +128,16 @@ void AddLatency(CLI::App& command, RunSettings& settings) {
   AddLatencyPlace(command, settings, nullptr, latency);
 }
 
+CLI::Option* AddLatencySize(CLI::App& command, RunSettings& settings, CLI::Option* excluded) {
+  return AddUnless(command, excluded, "--latency-size", settings.latencySize, "SIZE",
+                   "Memory to go through, as 512M (default: as the caches ask for, 256M or more)");
+}
+
 void AddLatencyPlace(CLI::App& command, RunSettings& settings, CLI::Option* excluded, CLI::Option* needed) {
   CLI::Option* const cpu = AddUnless(command, excluded, "--latency-cpu", settings.latencyCpu, "NUMBER",
                                      "CPU of the latency probe (default: the last one that is allowed)");
   cpu->check(WholeNumberFrom(0, kMostCpu));
-  CLI::Option* const size =
-      AddUnless(command, excluded, "--latency-size", settings.latencySize, "SIZE",
-                "Memory to go through, as 512M (default: as the caches ask for, 256M or more)");
+  CLI::Option* const size = AddLatencySize(command, settings, excluded);
   if (needed == nullptr) return;
   cpu->needs(needed);
   size->needs(needed);

@@ -2,12 +2,16 @@
 #include "series.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <iostream>
 
+#include "conditions.h"
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
+#include "latency_probe.h"
+#include "memory_size.h"
 #include "printable.h"
 #include "run_reader.h"
 #include "tell.h"
@@ -28,6 +32,19 @@ void MakeAbsolute(RunSettings& settings) {
   for (std::string* path : {&settings.benchmark, &settings.meter}) {
     if (!path->empty()) *path = AbsolutePath(*path);
   }
+}
+
+void FixLatencySize(RunSettings& settings) {
+  const std::uint64_t available = AvailableBytes(settings.systemRoot);
+  if (available == 0) return;  // nothing is taken from it then
+  // A later run may find a little less. It must not be refused what this one chose.
+  constexpr std::uint64_t kSparedShare = 8;
+  const bool isGiven = !settings.latencySize.empty();
+  const std::uint64_t bytes = LatencyBytes(settings.latencySize, ReadConditions(settings.systemRoot).caches,
+                                           isGiven ? available : available - available / kSparedShare);
+  constexpr std::uint64_t kMebibyteBytes = std::uint64_t{1} << 20;
+  settings.latencySize =
+      bytes % kMebibyteBytes == 0 ? std::to_string(bytes / kMebibyteBytes) + "M" : std::to_string(bytes);
 }
 
 void RequireAllRead(const std::string& config) {

@@ -24,6 +24,11 @@ std::string AbsolutePath(const std::string& path);
 /// Makes the paths of programs and libraries absolute: a series may be continued from another folder.
 void MakeAbsolute(RunSettings& settings);
 
+/// Chooses once how much memory the latency probe of all runs goes through, and puts it into the settings:
+/// how much is available differs from run to run, and latencies over different memory are not compared.
+/// Throws UserError as LatencyBytes does.
+void FixLatencySize(RunSettings& settings);
+
 /// Throws UserError if nothing reads a section of the configuration file, such as "cpu". The copies that the
 /// runs get do not have it.
 void RequireAllRead(const std::string& config);

@@ -146,7 +146,7 @@ struct LatencyGrowth {
 struct LatencySummary {
   std::uint64_t bytes = 0;      ///< of the memory that it went through
   std::uint64_t lineBytes = 0;  ///< that an access takes from memory
-  std::string pages;            ///< "2 MiB", "4 KiB", or both with their shares
+  std::string pages;            ///< "2 MiB", "4 KiB", or "2 MiB and 4 KiB"
   std::uint64_t hugeBytes = 0;  ///< of `bytes`, in huge pages
   int cpu = -1;                 ///< -1: it had no CPU of its own
   std::string cpuNote;          ///< why it has none

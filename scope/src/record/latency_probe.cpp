@@ -25,17 +25,6 @@ std::string PageText(std::uint64_t bytes) {
                                   : Format("%llu MiB", static_cast<unsigned long long>(bytes >> 20));
 }
 
-// A system may have no huge page for a part of the memory.
-std::string PagesText(std::uint64_t bytes, std::uint64_t hugeBytes) {
-  const std::string usual = PageText(static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
-  const std::string huge = PageText(ChaseMemory::HugePageBytes());
-  if (hugeBytes == 0) return usual;
-  // The memory need not end with a page.
-  if (hugeBytes + ChaseMemory::HugePageBytes() > bytes) return huge;
-  return huge + Format(" (%.0f %%) and ", static_cast<double>(hugeBytes) / static_cast<double>(bytes) * 100) +
-         usual;
-}
-
 }  // namespace
 
 std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& caches,
@@ -59,6 +48,15 @@ std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& ca
   return bytes;
 }
 
+std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes) {
+  const std::string usual = PageText(static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
+  const std::string huge = PageText(ChaseMemory::HugePageBytes());
+  if (hugeBytes == 0) return usual;
+  // The memory need not end with a page.
+  if (hugeBytes + ChaseMemory::HugePageBytes() > bytes) return huge;
+  return huge + " and " + usual;
+}
+
 LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm)
     : process_("the latency probe", "scope_latency",
                [bytes, cpu, &rhythm](int socket) { RunLatencyProbe(socket, bytes, cpu, rhythm); }) {
@@ -77,7 +75,7 @@ LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rh
   summary_.bytes = setup.bytes;
   summary_.lineBytes = setup.lineBytes;
   summary_.hugeBytes = setup.hugeBytes;
-  summary_.pages = PagesText(setup.bytes, setup.hugeBytes);
+  summary_.pages = LatencyPages(setup.bytes, setup.hugeBytes);
   summary_.cpu = setup.cpu;
   if (setup.cpu < 0) summary_.cpuNote = std::strerror(setup.cpuError);
   summary_.timer = kTimerName;

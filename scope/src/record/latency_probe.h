@@ -20,6 +20,10 @@ namespace scope {
 std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& caches,
                            std::uint64_t availableBytes);
 
+/// The pages of `bytes` of memory, of which `hugeBytes` are in huge ones: "2 MiB", "4 KiB", or "2 MiB and 4
+/// KiB" where the system has no huge page for a part. How large that part is differs from run to run.
+std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes);
+
 /// The process that measures the latency of memory during a run: one thread that follows a chain of pointers
 /// in short bursts. It never outlives this object or this program.
 class LatencyProbe {

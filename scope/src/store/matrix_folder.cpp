@@ -21,6 +21,9 @@ constexpr std::array<std::pair<MatrixPart, const char*>, 4> kParts = {{{MatrixPa
                                                                        {MatrixPart::kWith, "with"},
                                                                        {MatrixPart::kControl, "control"}}};
 
+// Files of earlier versions do not have it.
+constexpr const char* kLatencySize = "latency_size";
+
 template <typename Settings, typename Visit>
 void ForEachMatrixSetting(Settings& settings, Visit visit) {
   visit("repeats", settings.repeats);
@@ -51,6 +54,7 @@ SeriesJson ToJson(const Matrix& matrix) {
   json["own_cpus"] = matrix.ownCpus;
   json["worst"] = matrix.worst;
   ForEachMatrixSetting(matrix.settings, [&](const char* key, const auto& value) { json[key] = value; });
+  json[kLatencySize] = matrix.settings.latencySize;
   json["runs"] = SeriesJson::array();
   for (const MatrixRun& run : matrix.runs) {
     const auto* const part =
@@ -125,6 +129,7 @@ Matrix MatrixFromJson(const SeriesJson& json, const std::string& path) {
   json.at("started").get_to(matrix.started);
   json.at("config").at("path").get_to(matrix.configPath);
   ForEachMatrixSetting(matrix.settings, [&](const char* key, auto& value) { GetField(json, key, value); });
+  GetFieldIfThere(json, kLatencySize, matrix.settings.latencySize);
   for (const auto& [section, levels] : json.at("levels").items()) {
     if (!levels.is_array()) throw UserError("expected a list of levels of " + section);
     SweepAxis& axis = matrix.axes.emplace_back();
