@@ -13,8 +13,9 @@ namespace {
 
 // This share of the runs goes to mixes far from each other, the rest to what they have shown.
 constexpr double kSpreadShare = 0.4;
-// What one run of a mix may be off by.
-constexpr double kRunError = 0.02;
+// What one run of a mix is off by where nothing is known, and how many runs that knowledge is worth.
+constexpr double kUsualError = 0.02;
+constexpr double kUsualFreedom = 4;
 
 /// The places of a mix's levels, from 0 (the lowest) to 1 (the highest).
 using Place = std::vector<double>;
@@ -194,21 +195,30 @@ std::optional<std::size_t> NextMix(const WorstGrid& grid, const std::vector<Slow
   return Farthest(mixes, tried);
 }
 
-std::optional<std::size_t> WorstMix(const WorstGrid& grid, const std::vector<Slowness>& tried) {
-  const Mixes mixes(grid);
-  std::optional<std::size_t> best;
-  const std::size_t slowest = Slowest(mixes, tried);
-  if (slowest == mixes.End()) return std::nullopt;
-  // One run says little: the mean of few is drawn to the others'.
-  double greatest = 0;
-  for (std::size_t mix = mixes.First(); mix < mixes.End(); ++mix) {
-    if (tried[mix].empty()) continue;
-    const double worth = LogMean(tried[mix]) - kRunError / std::sqrt(static_cast<double>(tried[mix].size()));
-    if (best && worth <= greatest) continue;
-    best = mix;
-    greatest = worth;
+double ScatterOfRuns(const std::vector<Slowness>& tried) {
+  double squares = kUsualFreedom * kUsualError * kUsualError;
+  double freedom = kUsualFreedom;
+  for (const Slowness& runs : tried) {
+    if (runs.size() < 2) continue;
+    const double mean = LogMean(runs);
+    for (const double slowness : runs) squares += (std::log(slowness) - mean) * (std::log(slowness) - mean);
+    freedom += static_cast<double>(runs.size() - 1);
   }
-  return best;
+  return std::sqrt(squares / freedom);
+}
+
+std::vector<std::size_t> WorstMixes(const WorstGrid& grid, const std::vector<Slowness>& tried) {
+  const double error = ScatterOfRuns(tried);
+  std::vector<std::pair<double, std::size_t>> ranked;
+  for (std::size_t mix = grid.hasNone ? 1 : 0; mix < tried.size(); ++mix) {
+    if (tried[mix].empty()) continue;
+    const double worth = LogMean(tried[mix]) - error / std::sqrt(static_cast<double>(tried[mix].size()));
+    ranked.emplace_back(-worth, mix);
+  }
+  std::sort(ranked.begin(), ranked.end());
+  std::vector<std::size_t> mixes;
+  for (const auto& [worth, mix] : ranked) mixes.push_back(mix);
+  return mixes;
 }
 
 }  // namespace scope

@@ -37,8 +37,13 @@ std::size_t WorstBudget(const WorstGrid& grid);
 std::optional<std::size_t> NextMix(const WorstGrid& grid, const std::vector<Slowness>& tried,
                                    std::size_t budget);
 
-/// The mix that slowed the victim most so far: of those whose runs are nearly as slow as the slowest, the one
-/// that is known best. None without a run.
-std::optional<std::size_t> WorstMix(const WorstGrid& grid, const std::vector<Slowness>& tried);
+/// What the logarithm of one run is off by: the scatter of the runs of each mix around their mean, over all
+/// mixes. Few runs say little of it: 2 % count as much as four more.
+double ScatterOfRuns(const std::vector<Slowness>& tried);
+
+/// The mixes with a run, the one that slowed the victim most first. A mix with few runs is drawn to the
+/// others, by as much as ScatterOfRuns makes its mean uncertain: of mixes that are nearly alike, that which
+/// is known best is first.
+std::vector<std::size_t> WorstMixes(const WorstGrid& grid, const std::vector<Slowness>& tried);
 
 }  // namespace scope
