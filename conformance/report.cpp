@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <fstream>
 
+#include "xml_text.h"
+
 namespace conformance {
 
 namespace {
@@ -20,31 +22,6 @@ std::string Quoted(const std::string& text) {
     quoted += IsControl(letter) ? ' ' : letter;
   }
   return quoted + '"';
-}
-
-std::string Escaped(const std::string& text) {
-  std::string escaped;
-  for (const char letter : text) {
-    switch (letter) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        // XML has no control characters, and a single byte above ASCII is not UTF-8.
-        escaped += IsControl(letter) || static_cast<unsigned char>(letter) > 0x7e ? '?' : letter;
-        break;
-    }
-  }
-  return escaped;
 }
 
 std::string Found(const Outcome& outcome) {
@@ -101,16 +78,16 @@ bool WriteJunit(const std::string& file, const std::vector<struct Result>& resul
   for (const auto& [check, outcome] : results) {
     const std::string& name = check.name;
     const std::size_t point = name.find('.');
-    out << "  <testcase classname=\"" << Escaped(name.substr(0, point)) << "\" name=\""
-        << Escaped(name.substr(point + 1)) << "\" time=\"" << outcome.seconds << "\">\n";
+    out << "  <testcase classname=\"" << stress::XmlText(name.substr(0, point)) << "\" name=\""
+        << stress::XmlText(name.substr(point + 1)) << "\" time=\"" << outcome.seconds << "\">\n";
     if (Fails(outcome, allowSkip)) {
-      out << "    <failure message=\"" << Escaped(Found(outcome))
-          << "\">expected: " << Escaped(check.expected) << "</failure>\n";
+      out << "    <failure message=\"" << stress::XmlText(Found(outcome))
+          << "\">expected: " << stress::XmlText(check.expected) << "</failure>\n";
       out << "    <system-err>";
-      for (const std::string& line : outcome.output) out << Escaped(line) << '\n';
+      for (const std::string& line : outcome.output) out << stress::XmlText(line) << '\n';
       out << "</system-err>\n";
     } else if (outcome.kind == Outcome::Kind::kSkipped) {
-      out << "    <skipped message=\"" << Escaped(outcome.text) << "\"/>\n";
+      out << "    <skipped message=\"" << stress::XmlText(outcome.text) << "\"/>\n";
     }
     out << "  </testcase>\n";
   }

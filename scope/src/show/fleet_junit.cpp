@@ -1,74 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fleet_reader.h"
 #include "fleet_text.h"
-#include "printable.h"
 #include "text_format.h"
+#include "xml_text.h"
 
 namespace scope {
 namespace {
 
-// If the three or four bytes of UTF-8 from `at` on are no character of XML 1.0: surrogates, U+FFFE, U+FFFF,
-// overlong forms, and what is above U+10FFFF. Other lengths have none of these after Printable.
-bool IsNoCharacter(const std::string& text, std::size_t at) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
-  switch (byte(0)) {
-    case 0xE0:
-      return byte(1) < 0xA0;
-    case 0xED:
-      return byte(1) >= 0xA0;
-    case 0xEF:
-      return byte(1) == 0xBF && byte(2) >= 0xBE;
-    case 0xF0:
-      return byte(1) < 0x90;
-    case 0xF4:
-      return byte(1) >= 0x90;
-    default:
-      return false;
-  }
-}
-
-// As text and as the value of an attribute. XML 1.0 has no place for most control characters, not even
-// escaped; Printable has none of them.
-std::string Escaped(const std::string& raw) {
-  std::string escaped;
-  const std::string text = Printable(raw);
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const char letter = text[at];
-    if (IsNoCharacter(text, at)) {
-      escaped += "\xEF\xBF\xBD";  // U+FFFD, which stands for what cannot be shown
-      at += (static_cast<unsigned char>(letter) & 0xF0U) == 0xF0 ? 3 : 2;
-      continue;
-    }
-    switch (letter) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\n':
-        escaped += "&#10;";
-        break;
-      case '\t':
-        escaped += "&#9;";
-        break;
-      default:
-        escaped += letter;
-    }
-  }
-  return escaped;
-}
+using stress::XmlText;
 
 std::string Element(const char* name, const char* type, const std::vector<std::string>& lines) {
   const std::string first = lines.empty() ? "" : lines.front();
-  return "      <" + std::string(name) + " type=\"" + type + "\" message=\"" + Escaped(first) + "\">" +
-         Escaped(Joined(lines, "\n")) + "</" + name + ">\n";
+  return "      <" + std::string(name) + " type=\"" + type + "\" message=\"" + XmlText(first) + "\">" +
+         XmlText(Joined(lines, "\n")) + "</" + name + ">\n";
 }
 
 // What is wrong with the board, by line.
@@ -110,7 +54,7 @@ std::string ResultOf(const FleetReport& report, std::uint32_t board,
     case BoardState::kVanished:
       return Element("error", NameOf(state), {"absent: " + AbsentText(report, board)});
     case BoardState::kAbsent:
-      return "      <skipped message=\"" + Escaped("absent: " + AbsentText(report, board)) + "\"/>\n";
+      return "      <skipped message=\"" + XmlText("absent: " + AbsentText(report, board)) + "\"/>\n";
     default:
       return "";
   }
@@ -132,14 +76,14 @@ std::string FleetJunit(const FleetReport& report) {
     if (state == BoardState::kAbsent && !IsAbsent(report.verdict.boards[board])) continue;
     ++count;
     skipped += state == BoardState::kAbsent ? 1 : 0;
-    tests += "    <testcase classname=\"" + Escaped("fleet." + night) + "\" name=\"" +
-             Escaped(fleet.boards[board]) + "\" time=\"0\">\n" + ResultOf(report, board, notDone[board]);
+    tests += "    <testcase classname=\"" + XmlText("fleet." + night) + "\" name=\"" +
+             XmlText(fleet.boards[board]) + "\" time=\"0\">\n" + ResultOf(report, board, notDone[board]);
     // It is not wrong, but whoever reads wants to know.
     if (isIncomplete) {
       std::vector<std::string> lines = notDone[board];
       const std::vector<std::string>& lacking = report.verdict.boards[board].lacking;
       lines.insert(lines.end(), lacking.begin(), lacking.end());
-      tests += "      <system-out>" + Escaped(Joined(lines, "\n")) + "</system-out>\n";
+      tests += "      <system-out>" + XmlText(Joined(lines, "\n")) + "</system-out>\n";
     }
     tests += "    </testcase>\n";
   }
@@ -151,7 +95,7 @@ std::string FleetJunit(const FleetReport& report) {
                         Format(" %+.1f %%", change->differencePercent));
   }
   ++count;
-  tests += "    <testcase classname=\"" + Escaped("fleet." + night) +
+  tests += "    <testcase classname=\"" + XmlText("fleet." + night) +
            "\" name=\"(the whole fleet)\" time=\"0\">\n" +
            (changes.empty() ? "" : Element("failure", "worse", changes)) + "    </testcase>\n";
   const FleetVerdict& verdict = report.verdict;
@@ -162,7 +106,7 @@ std::string FleetJunit(const FleetReport& report) {
   const std::string counts =
       Format(" tests=\"%zu\" failures=\"%zu\" errors=\"%zu\" time=\"0\"", count, failures, errors);
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts + ">\n  <testsuite name=\"" +
-         Escaped("stress_scope fleet " + night) + "\"" + counts + Format(" skipped=\"%zu\"", skipped) +
+         XmlText("stress_scope fleet " + night) + "\"" + counts + Format(" skipped=\"%zu\"", skipped) +
          ">\n" + tests + "  </testsuite>\n</testsuites>\n";
 }
 
