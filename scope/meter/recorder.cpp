@@ -19,13 +19,13 @@
 #include "checker.h"
 #include "deadlines.h"
 #include "fill.h"
+#include "monotonic_ns.h"
 #include "pin.h"
 #include "streams.h"
 
 namespace scope {
 namespace {
 
-constexpr long kNsPerS = 1'000'000'000;
 // The longest wait for a slow reader at the program's end, for each packet. After the first packet that is
 // not taken in this time, none is waited for.
 constexpr timeval kLastWait{5, 0};
@@ -78,10 +78,7 @@ pthread_t reportingThread;
 bool reportingThreadRuns = false;
 
 PacketHeader Header(PacketType type) {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return {kMeterMagic, kMeterVersion, type, getpid(),
-          static_cast<std::uint64_t>(now.tv_sec) * kNsPerS + static_cast<std::uint64_t>(now.tv_nsec)};
+  return {kMeterMagic, kMeterVersion, type, getpid(), MonotonicNs()};
 }
 
 // Returns false if the packet was not sent: the queue is full, or the reader has gone. Without a reader the

@@ -7,15 +7,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
+
+#include "monotonic_ns.h"
 
 /// What the checks of the meter share: time, a lock for short stretches, and memory by words of 8 bytes.
 namespace scope {
 
+/// The short name of the time in the meter.
 inline std::uint64_t NowNs() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+  return MonotonicNs();
 }
 
 /// Processor time of the calling thread. Mostly a system call.
