@@ -22,6 +22,7 @@
 #include "ormis/qet_image.h"
 #include "ormis/qet_venc.h"
 #include "program.h"
+#include "protocol.h"
 
 namespace {
 
@@ -29,12 +30,12 @@ constexpr int kCallsARound = 20'000;
 // What is measured, in this order, and the engine whose operation it is.
 struct MeasuredOperation {
   const char* name;
-  const char* engine;
+  scope::Engine engine;
 };
-constexpr MeasuredOperation kOperations[] = {{"memcpy_s", "cpu"},
-                                             {"QetImageResize", "vpc"},
-                                             {"encode (3 calls)", "venc"},
-                                             {"QetDNNModelProcess", "aic"}};
+constexpr MeasuredOperation kOperations[] = {{"memcpy_s", scope::Engine::kCpu},
+                                             {"QetImageResize", scope::Engine::kVpc},
+                                             {"encode (3 calls)", scope::Engine::kVenc},
+                                             {"QetDNNModelProcess", scope::Engine::kAic}};
 constexpr std::chrono::seconds kMeasured{10};
 
 // The least disturbed round, ns a call.
@@ -181,11 +182,12 @@ int main(int argc, char** argv) {
   const std::map<std::string, Busy> engines = RunEngines(argv[2]);
   (void)std::printf("\n%-20s %10s %16s %14s %14s\n", "engine", "operations", "ns an operation", "meter adds",
                     "of its rate");
-  for (const scope::EngineInfo& engine : scope::Engines()) {
+  for (std::size_t row = 0; row < scope::Engines().size(); ++row) {
+    const scope::EngineInfo& engine = scope::Engines()[row];
     if (!engine.load) continue;
     const auto* const measured = std::find_if(
         std::begin(kOperations), std::end(kOperations),
-        [&engine](const MeasuredOperation& one) { return engine.id == std::string(one.engine); });
+        [row](const MeasuredOperation& one) { return static_cast<std::size_t>(one.engine) == row; });
     if (measured == std::end(kOperations)) {
       (void)std::fprintf(stderr, "meter_bench: no operation of %s is measured\n", engine.id);
       return 1;

@@ -3,6 +3,9 @@
 
 #include <dlfcn.h>
 
+#include <cstddef>
+#include <iterator>
+
 #include "aicore_stress.h"
 #include "cpu_stress.h"
 #include "kivu_venc_stress.h"
@@ -39,6 +42,13 @@ std::vector<Range> RangesOf(const std::vector<Ormis::QetDNNBuffer>& buffers) {
   return ranges;
 }
 
+constexpr std::size_t kLoads = 0
+#define ENGINE(symbol, id, load, ...) +(load ? 1 : 0)
+#include "engines.inc"
+#undef ENGINE
+    ;
+static_assert(std::size(kEngines) == kLoads, "an engine of the table has no worker here");
+
 std::uint32_t PauseUs(Engine engine) {
   return engine == Engine::kVpc || engine == Engine::kVenc ? 100 : 1000;
 }
@@ -46,8 +56,12 @@ std::uint32_t PauseUs(Engine engine) {
 }  // namespace
 
 const char* Name(Engine engine) {
-  constexpr const char* kNames[] = {"CPU", "VPC", "VENC", "AIC"};
-  return kNames[static_cast<std::size_t>(engine)];
+  constexpr const char* kSections[] = {
+#define ENGINE(symbol, id, load, section, ...) section,
+#include "engines.inc"
+#undef ENGINE
+  };
+  return kSections[static_cast<std::size_t>(engine)];
 }
 
 void Watch(Watcher* watcher) {
@@ -76,6 +90,8 @@ void Workers::Run(int index) {
       break;
     case Engine::kAic:
       (void)AICoreStressNode(record_, static_cast<unsigned int>(index), stop_);
+      break;
+    case Engine::kVpcCopy:  // a part of the set-up of VPCResize
       break;
   }
   if (stop_ == 0) ++ended_;

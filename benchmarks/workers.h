@@ -16,7 +16,12 @@
 
 namespace measure {
 
-enum class Engine : std::uint8_t { kCpu, kVpc, kVenc, kAic };
+enum class Engine : std::uint8_t {
+#define ENGINE(symbol, ...) k##symbol,
+#include "engines.inc"
+#undef ENGINE
+};
+/// Those that work during a run: the first ones of the table.
 constexpr Engine kEngines[] = {Engine::kCpu, Engine::kVpc, Engine::kVenc, Engine::kAic};
 const char* Name(Engine engine);  ///< the section of the configuration: "CPU"
 
