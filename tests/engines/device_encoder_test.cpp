@@ -77,6 +77,8 @@ const AVCodec* __wrap_avcodec_find_encoder_by_name(const char* name) {
 int __wrap_av_hwdevice_ctx_create(AVBufferRef** context, AVHWDeviceType type, const char* name,
                                   AVDictionary* options, int flags) {
   if (device == nullptr) return __real_av_hwdevice_ctx_create(context, type, name, options, flags);
+  EXPECT_EQ(options, nullptr);
+  EXPECT_EQ(flags, 0);
   device->type = type;
   if (device->onCreate == 0) *context = av_buffer_allocz(1);
   return device->onCreate;

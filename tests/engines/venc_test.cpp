@@ -518,10 +518,10 @@ TEST_F(VencTest, SendFrameAnswersACodeForMemoryThatIsNotThePlatforms) {
 
   const ImageData stale = image;
   ASSERT_EQ(Ormis::QetImageDestroy(image), Ormis::kQetOk);
-  expectRefused(stale, Ormis::kQetUnknownBuffer, "without memory of the platform");
+  expectRefused(stale, Ormis::kQetUnknownBuffer, ": frame without memory of the platform");
   ImageData foreign = small.frame;
   foreign.bufferMode = Ormis::kQetBufferPlatform;
-  expectRefused(foreign, Ormis::kQetUnknownBuffer, "without memory of the platform");
+  expectRefused(foreign, Ormis::kQetUnknownBuffer, ": frame without memory of the platform");
   for (const std::uint32_t mode : {2U, 0xffffffffU}) {
     ImageData frame = small.frame;
     frame.bufferMode = mode;
