@@ -111,7 +111,19 @@ const kWarmUpShade = {
   },
 };
 
-// Draws a numbered line at the time of each warning.
+// Writes on a chart, with a rim in the colour of the ground so that lines behind it do not spoil it.
+function writeOn(ctx, text, x, y) {
+  ctx.save();
+  ctx.setLineDash([]);
+  ctx.lineWidth = 3;
+  ctx.lineJoin = 'round';
+  ctx.strokeStyle = styleColour('--card');
+  ctx.strokeText(text, x, y);
+  ctx.fillText(text, x, y);
+  ctx.restore();
+}
+
+// Draws a line with its text at each mark, such as the time of a warning. Texts that would lie on each other stand in rows.
 const kWarningMarks = {
   id: 'warningMarks',
   afterDatasetsDraw(drawn, _, {marks}) {
@@ -120,15 +132,22 @@ const kWarningMarks = {
     ctx.strokeStyle = ctx.fillStyle = styleColour('--mark');
     ctx.setLineDash([3, 3]);
     ctx.font = `bold 12px ${Chart.defaults.font.family}`;
-    for (const {x, text} of marks ?? []) {
-      const left = scales.x.getPixelForValue(x);
+    const found = (marks ?? []).map(({x, text}) => ({left: scales.x.getPixelForValue(x), text})).sort((a, b) => a.left - b.left);
+    for (const {left} of found) {
       ctx.beginPath();
       ctx.moveTo(left, chartArea.top);
       ctx.lineTo(left, chartArea.bottom);
       ctx.stroke();
-      const fits = left + 3 + ctx.measureText(text).width <= chartArea.right;
-      ctx.textAlign = fits ? 'left' : 'right';
-      ctx.fillText(text, left + (fits ? 3 : -3), chartArea.top + 10);
+    }
+    const rows = []; // how far right each one is taken
+    for (const {left, text} of found) {
+      const width = ctx.measureText(text).width;
+      const fits = left + 3 + width <= chartArea.right;
+      const begin = fits ? left + 3 : left - 3 - width;
+      const row = rows.findIndex((end) => end < begin);
+      const at = row < 0 ? rows.length : row;
+      rows[at] = begin + width;
+      writeOn(ctx, text, begin, chartArea.top + 10 + at * 14);
     }
     ctx.restore();
   },
@@ -179,7 +198,7 @@ const kPointTexts = {
       const box = {left, right: left + width, top: element.y - kHeight - 4, bottom: element.y - 2};
       if (taken.some((one) => one.left < box.right && box.left < one.right && one.top < box.bottom && box.top < one.bottom)) return;
       taken.push(box);
-      ctx.fillText(text, left, box.bottom - 2);
+      writeOn(ctx, text, left, box.bottom - 2);
     }));
     ctx.restore();
   },

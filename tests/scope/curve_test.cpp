@@ -316,9 +316,9 @@ TEST_F(CurveTest, SaysWhatTheProbeCouldNotHave) {
     run.info.latency.interrupted = i;
   });
   ASSERT_EQ(interrupted.size(), 4U) << "a tenth may be interrupted";
-  EXPECT_EQ(
-      interrupted[0],
-      "latency of run-0005: 4 of 32 bursts interrupted: other programs or the host took the probe's CPU");
+  EXPECT_EQ(interrupted[0],
+            "latency of run-0005: 4 of 32 bursts interrupted: the load, other programs or the host took the "
+            "probe's CPU");
   EXPECT_EQ(interrupted[3], "the latency of 3 more runs is doubtful");
 }
 

@@ -96,7 +96,9 @@ TEST(Report, DoubtsALatencyThatWasMeasuredBadly) {
   const std::string text = ReportText({Reported(run, "one")}, 200);
   EXPECT_THAT(text,
               HasSubstr("warning: latency: the probe had no CPU of its own: Operation not permitted\n"));
-  EXPECT_THAT(text, HasSubstr("warning: latency: 164 of 328 bursts interrupted: other programs or the host"));
+  EXPECT_THAT(
+      text,
+      HasSubstr("warning: latency: 164 of 328 bursts interrupted: the load, other programs or the host"));
   EXPECT_THAT(text, HasSubstr("warning: latency: the probe's own load is "));
   EXPECT_THAT(
       text, HasSubstr("warning: latency: the probe went through 256 MiB, and the largest cache has 200 MiB"));

@@ -103,7 +103,7 @@ std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary
   if (latency.cpu < 0) doubts.push_back("the probe had no CPU of its own: " + latency.cpuNote);
   const auto bursts = static_cast<double>(latency.bursts);
   if (static_cast<double>(latency.interrupted) > kMostInterrupted * bursts) {
-    doubts.push_back(BurstsText(latency) + ": other programs or the host took the probe's CPU");
+    doubts.push_back(BurstsText(latency) + ": the load, other programs or the host took the probe's CPU");
   }
   const std::optional<double> share = LoadShare(run, summary);
   if (share && *share > kMostLoadShare) {

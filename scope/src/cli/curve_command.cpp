@@ -119,11 +119,22 @@ Curve ResumeCurve(const std::string& folder, Output output, std::unique_ptr<Fold
   return curve;
 }
 
+// Where load and probe share a CPU, the probe loses it in many bursts, and a run may be left without a
+// latency.
+void TellOfCpus() {
+  if (AllowedCpus().size() != 1) return;
+  Print(
+      "One CPU: the probe shares it with the load. Bursts in which the load takes it are left out, and so "
+      "are "
+      "runs without others.\n");
+}
+
 int RunCurve(const CurveOptions& options) {
   const bool isResumed = !options.resume.empty();
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Curve curve = isResumed ? ResumeCurve(folder, options.output, lock) : PrepareCurve(options, lock);
+  if (options.output == Output::kText) TellOfCpus();
   const bool isDone =
       SweepRecorder(folder, curve.sweep, options.output, {"curve", [&] { WriteCurve(folder, curve); }}).Run();
   ShowCurves({folder}, options.output, options.style, {folder + "/" + kReportName});
