@@ -66,16 +66,16 @@ function curveRow(curve, name) {
       estimateCell(curve.saturation, 'most_gb_per_s'),
       ...(curve.saturation?.reached ? [el('td', {class: 'words'}, curve.saturation.point),
         estimateCell(curve.saturation, 'latency_p50_ns'), estimateCell(curve.saturation, 'latency_p99_ns')] :
-        [el('td', {class: 'words'}, 'not reached'), figureCell(null), figureCell(null)]),
-      el('td', {class: 'words'}, curve.latency === '' ? absent() : curve.latency));
+        [el('td', {class: 'words'}, 'not reached'), figureCell(null), figureCell(null)]));
 }
 
 function answersSection(data) {
   const names = curveNames(data);
-  const titles = ['', 'Idle (ns)', 'Knee (GB/s)', 'Most (GB/s)', 'Saturates at', 'There p50 (ns)', 'p99 (ns)', 'Latency of'];
+  const titles = ['', 'Idle (ns)', 'Knee (GB/s)', 'Most (GB/s)', 'Saturates at', 'There p50 (ns)', 'p99 (ns)'];
   const said = data.curves.flatMap((curve, at) => [
     ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
-    curve.sentences.length > 0 ? listOf(curve.sentences) : el('p', {}, 'No repeat of the curve is whole yet.')]);
+    listOf([...(curve.sentences.length > 0 ? curve.sentences : ['No repeat of the curve is whole yet.']),
+      ...(curve.latency === '' ? [] : [`The latency is that of ${curve.latency}.`])])]);
   return section('What the curve says', ...said,
       table('figures curves', titles, [], data.curves.map((curve, at) => curveRow(curve, names[at]))));
 }
