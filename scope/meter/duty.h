@@ -10,8 +10,8 @@ namespace scope {
 bool PrepareDuty();
 
 /// After an operation of this thread that began at `startNs` and took `busyNs`: sleeps, so that operations
-/// take the share of the thread's time. What a sleep is too long, and pauses of the program itself, make the
-/// next ones shorter.
+/// take the share of the thread's time. If a sleep takes too long, or the program pauses by itself, the next
+/// sleeps are shorter.
 /// The first sleep of a thread is longer, each by another share: threads do not sleep in step.
 void Rest(std::uint64_t startNs, std::uint64_t busyNs);
 

@@ -116,7 +116,7 @@ inline std::uint64_t HashOf(Span span, std::uint64_t seed) {
   return hash;
 }
 
-/// One number for two; never 0.
+/// Combines two numbers into one; never 0.
 inline std::uint64_t Mixed(std::uint64_t a, std::uint64_t b) {
   std::uint64_t mixed = (a ^ (b + 0x9e3779b97f4a7c15U)) * 0xbf58476d1ce4e5b9U;
   mixed ^= mixed >> 31;

@@ -30,10 +30,10 @@ std::vector<MatrixRun> PlanMatrix(const Matrix& matrix);
 /// Throws UserError if there is no mix to look for, or if the search may take more than 9999 runs.
 void RequireSearch(const Matrix& matrix);
 
-/// The levels of each of `sections` in this run: 0 of those that are neither victim nor aggressor.
+/// The levels of each of `sections` in this run: 0 for those that are neither victim nor aggressor.
 SweepLevels LevelsOf(const Matrix& matrix, const MatrixRun& run, const std::vector<std::string>& sections);
 
-/// The victim that `run` is for; none of kLoad.
+/// The victim that `run` is for; none for kLoad.
 const MatrixVictim* VictimOf(const Matrix& matrix, const MatrixRun& run);
 
 /// The grid of a search for the worst mix.
@@ -51,7 +51,7 @@ std::optional<MatrixRun> NextOfWorst(const Matrix& matrix, const std::vector<Slo
 /// budget decide: what is recorded of the first one afterwards does not make it another one.
 std::vector<SweepLevels> FoundWorst(const Matrix& matrix, const std::vector<Slowness>& slowness);
 
-/// Every run is done; of a search, it has ended as well.
+/// True if every run is done and, in a search, the search has ended.
 bool IsComplete(const Matrix& matrix, const std::vector<Slowness>& slowness);
 
 }  // namespace scope

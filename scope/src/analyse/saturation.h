@@ -11,7 +11,7 @@
 
 namespace scope {
 
-/// A bandwidth that is at most so much below the best one counts as saturated.
+/// A bandwidth that is at most this much below the best one counts as saturated.
 constexpr double kSaturatedPercent = 5;
 
 /// The point of a sweep from which more load gives no more bandwidth.
@@ -29,20 +29,20 @@ struct Saturation {
   bool hasRepeats = false;  ///< all points that were looked at have two runs or more
 };
 
-/// Of the total bandwidth, over all points: threads are the sum of the levels. None if no point has a total
-/// bandwidth above 0, or if settings of the board were swept.
+/// The saturation of the total bandwidth, over all points: threads are the sum of the levels. None if no
+/// point has a total bandwidth above 0, or if settings of the board were swept.
 std::optional<Saturation> FindSaturation(const SweepTable& table);
 
-/// Of one engine's bandwidth.
+/// The saturation of one engine's bandwidth.
 struct EngineSaturation {
   std::string engine;
   std::string section;  ///< of the configuration, which was swept
   Saturation saturation;
 };
 
-/// Of each engine whose section was swept and that has a bandwidth. Its best point is compared with the
-/// points that differ from it only in the level of that section. Empty if a single engine worked: its
-/// bandwidth is the total one.
+/// The saturation of each engine whose section was swept and that has a bandwidth. Its best point is compared
+/// with the points that differ from it only in the level of that section. Empty if a single engine worked:
+/// its bandwidth is the total one.
 std::vector<EngineSaturation> EngineSaturations(const SweepTable& table);
 
 }  // namespace scope

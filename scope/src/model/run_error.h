@@ -43,7 +43,7 @@ bool LooksForErrors(const RunInfo& info);
 /// What was checked of an engine, in one sentence.
 std::string CheckText(const EngineCheck& check);
 
-/// Of a run that was asked to check results: each engine at work whose results, or those of some of its
+/// For a run that was asked to check results: each engine at work whose results, or those of some of its
 /// threads, nothing judged, and why. Wrong ones would not have been found.
 std::vector<std::string> NotJudged(const RunInfo& info);
 

@@ -59,11 +59,11 @@ class MeterReader {
   std::vector<RunError> TakeErrors() { return std::exchange(errors_, {}); }
   /// How results were checked so far, in the order of the engines.
   std::vector<EngineCheck> Checks() const;
-  /// What was filled so far of the engines whose sources the meter has seen, in the order of the engines.
+  /// What was filled so far for the engines whose sources the meter has seen, in the order of the engines.
   std::vector<EngineFill> Filled() const;
   /// The streams that the meter checked, so far, in the order of their keys.
   std::vector<StreamHashes> Streams() const;
-  /// Of the engines that have a deadline and have worked, so far, in the order of the engines.
+  /// The counts so far of the engines that have a deadline and have worked, in the order of the engines.
   std::vector<EngineDeadline> Deadlines() const;
 
   /// Latencies of the whole run by engine and thread.
