@@ -168,8 +168,8 @@ bool Watches() {
   return __builtin_expect(static_cast<long>(watches), 0) != 0;
 }
 
-// As Measure. Calls `before` where sources are filled, and `after` an operation that succeeded where results
-// are checked. Then the thread may sleep. None of these is measured.
+// Does what Measure does. Calls `before` where sources are filled, and `after` an operation that succeeded
+// where results are checked. Then the thread may sleep. None of these is measured.
 template <typename Before, typename Call, typename CountBytes, typename After>
 std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countBytes, After after) {
   ThreadCounters* const counters = scope::CountersOf(engine);

@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Of a log. A message of the scope is shorter.
+// What is read of a log. A message of the scope is shorter.
 constexpr std::size_t kMostReasonBytes = 4096;
 
 // Why the record is not one of this cell; empty if it is.
@@ -55,7 +55,7 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
   return status;
 }
 
-// Of a cell in whose folders nothing is. Its job may have said why.
+// The status of a cell whose folders are empty. Its job may have said why.
 CellStatus StatusFromLog(const std::string& root, const std::string& cellFolder) {
   CellStatus status;
   const std::string name = std::string(kLogsName) + "/" + cellFolder + ".log";

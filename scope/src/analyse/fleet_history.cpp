@@ -26,7 +26,7 @@ double NightDeviation(std::vector<double> medians) {
   return StandardDeviation(medians);
 }
 
-// Of fewer boards, a median says too little about the night.
+// The median of each night that has enough boards for one.
 std::map<std::uint16_t, double> MediansOf(const FleetValue* first, const FleetValue* last,
                                           std::size_t nights) {
   std::map<std::uint16_t, std::vector<double>> values;

@@ -129,7 +129,7 @@ void FindLastSeen(const Fleet& fleet, FleetVerdict& verdict) {
 }
 
 void FindLacking(const Fleet& fleet, FleetVerdict& verdict) {
-  // Of each point, the boards and how many cells they have done.
+  // By point: the boards and how many cells they have done.
   std::map<std::uint32_t, std::map<std::uint32_t, std::size_t>> done;
   for (const DoneCell& cell : fleet.done) ++done[cell.point][cell.board];
   for (std::uint32_t i = 0; i < fleet.measures.size(); ++i) {

@@ -255,7 +255,7 @@ class FleetJudge {
     const double fleet = sharedVariance > 0 ? 0 : history.deviation * history.deviation;
     const double nights = history.nights > 1 ? history.nights - 1 : 1;
     const double both = boards + fleet;
-    // As of the sum of two variances (Welch and Satterthwaite).
+    // The degrees of freedom of the sum of two variances (Welch and Satterthwaite).
     const double freedoms =
         fleet > 0 ? both * both / (boards * boards / freedom + fleet * fleet / nights) : freedom;
     const double error = Error() * kShareOfBefore / static_cast<double>(beforeTests_);

@@ -49,7 +49,7 @@ std::string FiguresText(const Run& run, const RunSummary& summary) {
          (isLoaded ? " under load" : " without load") + "), longest " + Latency(longest);
 }
 
-// Of the engines' bytes; none if these are unknown.
+// What the probe moves, as a share of the engines' bytes; none if these are unknown.
 std::optional<double> LoadShare(const Run& run, const RunSummary& summary) {
   if (!summary.gigabytesPerS || *summary.gigabytesPerS <= 0) return std::nullopt;
   return run.info.latency.bytesPerS / (*summary.gigabytesPerS * kBytesPerGigabyte);

@@ -57,7 +57,7 @@ void AddRun(const SweepRun& run, MarginPoint& point) {
   point.reasons.push_back(run.reason);
 }
 
-// Of several levels, `from` is the point at one of them.
+// `from` is the point of the table at one of the levels.
 void AddFromTable(const SweepPoint& from, const FigureKey& figure, MarginPoint& point) {
   const std::optional<double> median = MedianOf(from, figure);
   if (median && (!point.performance || *median > *point.performance)) point.performance = median;

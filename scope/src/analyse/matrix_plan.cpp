@@ -37,7 +37,7 @@ std::vector<SweepLevels> RequireMixes(const std::vector<SweepAxis>& axes, const 
                   ": give levels above 0 of another section, as in --levels CPU=0,1");
 }
 
-// Of each mix, the runs of the search's budget. Those that come after it are of the mix that it has found.
+// The runs of each mix within the search's budget. Those that come after it are of the mix that it has found.
 std::vector<Slowness> WithinBudget(const Matrix& matrix, std::vector<Slowness> slowness) {
   const WorstGrid grid = WorstGridOf(matrix);
   const std::vector<SweepLevels> mixes = MixesFor(matrix.axes, matrix.victims.front().section);

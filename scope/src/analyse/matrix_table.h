@@ -45,7 +45,8 @@ struct MatrixCell {
   std::optional<SlowdownPercent> byMemory;  ///< with the aggressors against the control
   std::optional<SlowdownPercent> byCpu;     ///< with the control against alone
   std::optional<SlowdownPercent> total;     ///< with the aggressors against alone
-  /// Of `total`, in logarithms, because slowdowns multiply; none unless `total` is known to be above 0.
+  /// The share of `total`, in logarithms, because slowdowns multiply; none unless `total` is known to be
+  /// above 0.
   std::optional<MemoryShare> memoryShare;
 };
 

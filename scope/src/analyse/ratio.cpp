@@ -54,7 +54,7 @@ RatioEstimate EstimateRatio(const std::vector<double>& a, const std::vector<doub
   const LogMean logB = LogMeanOf(b);
   const double variance = logA.variance + logB.variance;
   const double difference = logB.mean - logA.mean;
-  // Of single values, over both sides.
+  // The squares of single values, over both sides.
   const double squares = logA.variance * static_cast<double>(a.size()) * logA.freedom +
                          logB.variance * static_cast<double>(b.size()) * logB.freedom;
   RatioEstimate estimate;
@@ -103,7 +103,7 @@ RatioEstimate EstimatePairedRatio(const std::vector<double>& a, const std::vecto
   estimate.paired = true;
   estimate.ratio = std::exp(difference);
   estimate.freedom = static_cast<int>(differences.size()) - 1;
-  // Of one side: a difference varies as two runs do.
+  // The deviation of one side: a difference varies as two runs do.
   estimate.deviation = deviation / std::sqrt(2.0);
   const double reach = StudentQuantile(1 - error / 2, estimate.freedom) * deviation /
                        std::sqrt(static_cast<double>(differences.size()));

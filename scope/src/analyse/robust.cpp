@@ -39,7 +39,8 @@ double Limit(std::size_t left, double error) {
   return t * (n - 1) / std::sqrt((n - 2 + t * t) * n);
 }
 
-// As Limit, of a further value: from the mean of `kept` values, in their standard deviations.
+// The greatest distance of one more value from the mean of `kept` values that is not odd, in their standard
+// deviations.
 double Reach(std::size_t kept, double error) {
   const auto n = static_cast<double>(kept);
   return StudentQuantile(1 - error / (2 * (n + 1)), n - 1) * std::sqrt(1 + 1 / n);

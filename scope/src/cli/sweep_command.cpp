@@ -121,7 +121,7 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
-// Of runs that are done, and of those that ended early after they had found some.
+// True if runs that are done have found errors, or runs that ended early.
 bool HasErrors(const std::string& folder, const Sweep& sweep) {
   return std::any_of(sweep.runs.begin(), sweep.runs.end(), [&folder](const SweepRun& run) {
     if (run.state == SweepState::kDone) return !run.reason.empty();

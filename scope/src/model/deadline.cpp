@@ -114,7 +114,7 @@ std::string DeadlineText(const EngineDeadline& deadline) {
             Counted(deadline.operations, "operation") + " late (" + std::to_string(deadline.missed) +
             "), at most " + std::to_string(deadline.longestRun) + " in a row";
   }
-  // Of fewer operations than that, the longest is the 99.9th percentile.
+  // With fewer operations, the 99.9th percentile is the longest one.
   constexpr std::uint64_t kLeastForTail = 1000;
   return text + (deadline.operations < kLeastForTail ? ", longest " : ", p99.9 ") + Latency(deadline.p999Ns);
 }

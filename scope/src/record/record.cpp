@@ -39,8 +39,8 @@ namespace scope {
 namespace {
 
 constexpr int kPollMs = 200;
-// Of each pipe and turn. A benchmark that prints without pause then delays an answer to SIGINT by some ten
-// milliseconds.
+// What is read of each pipe in a turn. A benchmark that prints without pause then delays an answer to SIGINT
+// by some ten milliseconds.
 constexpr std::size_t kTurnBytes = 16384;
 
 /// One recording: starts the benchmark, waits, and passes on what comes. The supervisor decides when the

@@ -20,7 +20,7 @@
 namespace scope {
 namespace {
 
-// Of the table. Errors that no row has are counted.
+// Rows of the table. Errors that no row has are counted.
 constexpr std::size_t kMostErrorRows = 20'000;
 
 std::vector<std::string> Lines(const std::string& text) {

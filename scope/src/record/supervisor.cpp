@@ -53,7 +53,7 @@ Supervisor::Decision Supervisor::RecordingFailed(double nowS, const std::string&
 Supervisor::Decision Supervisor::BenchmarkEnded(const Ending& ending) {
   state_ = State::kEnded;
   const std::string fault = FaultOf(ending);
-  // Of a benchmark that ended as it should, only the meter can be missed.
+  // If the benchmark ended as it should, only the meter can be missing.
   const bool endedWell = ending.signal == 0 && ending.exitStatus == 0;
   if (fault_.empty() && !fault.empty()) recorderFailed_ = endedWell;
   return {Send::kNothing, FirstFault(fault)};

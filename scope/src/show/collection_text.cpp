@@ -36,7 +36,7 @@ std::vector<std::string> RowOf(const std::string& name, const Counts& counts) {
   return fields;
 }
 
-// Of all boards if they are few, otherwise of those that are not complete.
+// The table of all boards if they are few, otherwise of those that are not complete.
 std::string BoardTable(const Plan& plan, const std::vector<CellStatus>& cells, const TextStyle& style) {
   std::map<std::string, Counts> boards;
   Counts all;

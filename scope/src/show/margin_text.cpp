@@ -50,7 +50,7 @@ std::string EnginesNotJudged(const MarginPoint& point) {
   return Joined(engines, ", ");
 }
 
-// Of a point that does not fail.
+// What is known of a point that does not fail.
 std::string CleanText(const MarginPoint& point) {
   if (RunsOf(point) == 0) return "No run was made there: that follows from points farther out.";
   const std::optional<double> below = FailureRateBelow(point);
