@@ -142,7 +142,8 @@ TEST(CollectionTest, LongListsAreCutAndSaySo) {
   const std::string text = CollectionText("night", plan, cells, {});
   EXPECT_THAT(text, AllOf(HasSubstr("50 boards complete and not listed\n"),
                           HasSubstr("30 more boards not complete\n"), Not(HasSubstr("\nboard49 ")),
-                          HasSubstr("\nboard50 "), HasSubstr("30 more cells not done; --json lists all\n"),
+                          HasSubstr("\nboard50 "),
+                          HasSubstr("30 more cells not done or with errors; --json lists all\n"),
                           HasSubstr("(all)      100    50      50"), HasSubstr("\nto run: 51-100\n")));
 }
 
@@ -353,6 +354,41 @@ TEST_F(PlanTest, ACellThatFailsIsReportedKeptAndRunAgain) {
   EXPECT_EQ(RunCell(2).status, 0);
   EXPECT_EQ(StateOf(2), "done");
   EXPECT_FALSE(ReadRun(Folder() + "/attempts/cell-0002/1").rates.empty());
+}
+
+// The memory controllers of a made system count during the run.
+TEST_F(PlanTest, ACellWithMemoryErrorsIsDoneAndSaysSo) {
+  const std::string counter = "system/sys/devices/system/edac/mc/mc0/ce_count";
+  const auto counts = [&](const std::string& more) {
+    folder_.Put(counter, "5\n");
+    Counting("echo 7 >'" + (folder_ / counter) + "'\n" + more);
+  };
+  MakeSmallPlan();
+  const std::vector<std::string> system = {"--sysfs-root", folder_ / "system"};
+  counts("exit 9");
+  const ToolResult failed = RunCell(1, system);
+  EXPECT_EQ(folder_.Get(counter), "7\n");
+  EXPECT_EQ(failed.status, 1) << "it is not done";
+  EXPECT_THAT(failed.errors, HasSubstr("cell 1 failed, with 2 errors (edac 2): the benchmark ended with"));
+  EXPECT_THAT(RunTool({"collect", Folder()}).output, HasSubstr(" failed, with 2 errors (edac 2): "));
+  counts("");
+  const ToolResult done = RunCell(1, system);
+  EXPECT_EQ(done.status, 3) << done.errors;
+  EXPECT_THAT(done.output, EndsWith("\ndone, saved in " + Folder() + "/cell-0001\n"));
+  EXPECT_THAT(done.errors,
+              EndsWith("stress_scope: cell 1 done, with 2 errors (edac 2), in " + Folder() + "/cell-0001\n"));
+  EXPECT_EQ(RunCount(), 2);
+  const ToolResult again = RunCell(1, {"--sysfs-root", folder_ / "system", "--json"});
+  EXPECT_EQ(again.status, 3) << "it still has them";
+  EXPECT_EQ(nlohmann::json::parse(again.output).at("errors"), nlohmann::json({{"edac", 2}}));
+  EXPECT_EQ(RunCount(), 2) << "it was run again";
+  EXPECT_EQ(RunCell(2).status, 0);
+  const ToolResult collected = RunTool({"collect", Folder()});
+  EXPECT_EQ(collected.status, 0);
+  EXPECT_THAT(collected.output, AllOf(HasSubstr(": 2 of 2 cells done"), Not(HasSubstr("to run")),
+                                      HasSubstr(" done, with 2 errors (edac 2); see cell-0001\n")));
+  EXPECT_EQ(Collected().at("cells").at(0).at("errors"), nlohmann::json({{"edac", 2}}));
+  EXPECT_EQ(Collected().at("cells").at(1).at("errors"), nlohmann::json::object());
 }
 
 TEST_F(PlanTest, AFullDiskFailsTheCellAndTheNextRunnerRecordsIt) {

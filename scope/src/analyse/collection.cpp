@@ -48,6 +48,7 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
     if (status.reason.empty() && check == CellCheck::kFiles) status.reason = WhatIsMissing(folder, *record);
     if (!status.reason.empty()) return status;
     status.state = CellState::kDone;
+    status.errors = record->errors;
     if (taken != nullptr) *taken = std::move(*record);
   } catch (const UserError& error) {
     status.reason = error.what();
@@ -80,6 +81,7 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder)
     status.reason = record->reason;
     status.isHung = record->isHung;
     status.isRecorderFault = record->isRecorderFault;
+    status.errors = record->errors;
     if (record->state == CellState::kDone)
       status.reason = "done, but not moved into place: run the cell again";
     else

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "plan_file.h"
 #include "printable.h"
 #include "remote_cell.h"
+#include "run_error.h"
 #include "series.h"
 #include "system_files.h"
 
@@ -47,15 +49,25 @@ Plan ReadPlanFor(const CellCommand& command) {
   return plan;
 }
 
-void ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
+// Returns the exit status.
+int ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
   const std::string folder = Printable(outcome.folder);
   if (command.output == Output::kJson) Print(ReadFile(outcome.folder + "/" + kCellName).value_or("null\n"));
   if (command.output == Output::kText && !outcome.isNew) Print("already done, in " + folder + "\n");
   if (command.output == Output::kText && outcome.isNew)
     Print(NameOf(outcome.state) + std::string(", saved in ") + folder + "\n");
-  if (outcome.state == CellState::kDone) return;
-  std::cerr << "stress_scope: cell " << command.number << ' ' << NameOf(outcome.state) << ": "
-            << Printable(outcome.reason) << "; run it again with the same command" << std::endl;
+  const std::optional<CellRecord> record = ReadCell(outcome.folder);
+  const std::string errors = record ? CountsText(record->errors) : "";
+  const bool isDone = outcome.state == CellState::kDone;
+  if (isDone && errors.empty()) return kExitOk;
+  std::cerr << "stress_scope: cell " << command.number << ' ' << NameOf(outcome.state)
+            << (errors.empty() ? "" : ", with " + Printable(errors));
+  if (isDone) {
+    std::cerr << ", in " << folder << std::endl;
+    return kExitErrors;
+  }
+  std::cerr << ": " << Printable(outcome.reason) << "; run it again with the same command" << std::endl;
+  return outcome.isBoardAway ? kExitBoardAway : kExitFailure;
 }
 
 int RunCellCommand(CellCommand& command) {
@@ -80,9 +92,7 @@ int RunCellCommand(CellCommand& command) {
   Signals signals;
   const CellOutcome outcome = isHere ? RunCell(plan, cell, command.number, options, *view, signals)
                                      : RunCellOn(command.on, plan, cell, command.number, options, signals);
-  ShowOutcome(command, outcome);
-  if (outcome.isBoardAway) return kExitBoardAway;
-  return outcome.state == CellState::kDone ? kExitOk : kExitFailure;
+  return ShowOutcome(command, outcome);
 }
 
 }  // namespace

@@ -77,7 +77,9 @@ void Apply(const PlanCell& cell, const CellOptions& options, double mostS, Signa
 void AddFromRun(const std::string& attempt, double warmupS, CellRecord& record) {
   if (!IsRunFolder(attempt)) return;
   try {
-    record.machine = ReadRunInfo(attempt).conditions.hostnameHash;
+    const RunInfo info = ReadRunInfo(attempt);
+    record.machine = info.conditions.hostnameHash;
+    record.errors = info.errors;
     if (record.state != CellState::kDone) return;
     for (const auto& [key, seconds] : FiguresOf(Summarise(ReadRun(attempt)), warmupS)) {
       record.figures.push_back({key.engine, KindOf(key.figure).name, ValueOf(key.figure, seconds)});

@@ -35,17 +35,6 @@ std::size_t NumberOf(const SweepRun& run) {
   return static_cast<std::size_t>(run.order);
 }
 
-// The errors from each source, in words; empty if there are none.
-std::string ErrorsIn(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
-  std::vector<std::string> parts;
-  std::uint64_t sum = 0;
-  for (const auto& [source, count] : counts) {
-    sum += count;
-    parts.push_back(source + " " + std::to_string(count));
-  }
-  return sum == 0 ? "" : Counted(sum, "error") + " (" + Joined(parts, ", ") + ")";
-}
-
 // `reason`, why the run in `folder` failed, after the errors that it has found.
 std::string WithErrors(const std::string& reason, const std::string& folder) {
   const std::string errors = ErrorsFoundIn(folder);
@@ -86,7 +75,7 @@ std::string ErrorsFoundIn(const std::string& runFolder) {
   } catch (const UserError& error) {
     Tell(error.what());
   }
-  return ErrorsIn(ErrorCounts(run));
+  return CountsText(ErrorCounts(run));
 }
 
 SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind)
@@ -158,7 +147,7 @@ void SweepRecorder::TakeUp(SweepRun& run) {
   } else if (run.state == SweepState::kRunning) {
     TakeUpLost(run);
   }
-  if (run.state == SweepState::kDone) run.reason = ErrorsIn(ReadRunInfo(folder_ + "/" + run.folder).errors);
+  if (run.state == SweepState::kDone) run.reason = CountsText(ReadRunInfo(folder_ + "/" + run.folder).errors);
 }
 
 void SweepRecorder::PrepareRuns() {
@@ -247,7 +236,7 @@ bool SweepRecorder::Record(SweepRun& run) {
     if (HasSettings() && outcome.isRecorderFault) throw UserError(outcome.reason);
     if (outcome.state == CellState::kDone) {
       const RunInfo info = ReadRunInfo(outcome.folder);
-      run.reason = ErrorsIn(info.errors);
+      run.reason = CountsText(info.errors);
       notJudged = NotJudged(info);
     }
   } catch (...) {

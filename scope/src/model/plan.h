@@ -64,6 +64,8 @@ struct CellRecord {
   bool isHung = false;                   ///< it failed because something did not end
   /// It failed because the recorder did: that says nothing about the board.
   bool isRecorderFault = false;
+  /// Of the run, done or not: from each source of errors to how many there were. Empty: none.
+  std::vector<std::pair<std::string, std::uint64_t>> errors;
   std::vector<CellFigure> figures;  ///< of a run that is done
   /// The other files of the folder: name to bytes.
   std::vector<std::pair<std::string, std::uint64_t>> files;
@@ -77,6 +79,7 @@ struct CellStatus {
   std::string board;    ///< on which it ran, or empty
   bool isHung = false;  ///< this and the next one: as in CellRecord, of the last attempt
   bool isRecorderFault = false;
+  std::vector<std::pair<std::string, std::uint64_t>> errors = {};  ///< as in CellRecord
 };
 
 }  // namespace scope

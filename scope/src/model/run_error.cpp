@@ -63,6 +63,16 @@ std::uint64_t ErrorsOf(const Run& run) {
   return sum;
 }
 
+std::string CountsText(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
+  std::vector<std::string> parts;
+  std::uint64_t sum = 0;
+  for (const auto& [source, count] : counts) {
+    sum += count;
+    parts.push_back(source + " " + std::to_string(count));
+  }
+  return sum == 0 ? "" : Counted(sum, "error") + " (" + Joined(parts, ", ") + ")";
+}
+
 std::optional<double> FirstErrorS(const Run& run) {
   const auto first = std::min_element(run.errors.begin(), run.errors.end(),
                                       [](const auto& a, const auto& b) { return a.timeS < b.timeS; });

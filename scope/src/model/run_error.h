@@ -30,6 +30,9 @@ std::string ErrorText(const RunError& error);
 std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run);
 std::uint64_t ErrorsOf(const Run& run);
 
+/// "2 errors (edac 2)"; empty if there are none. From each source to its errors.
+std::string CountsText(const std::vector<std::pair<std::string, std::uint64_t>>& counts);
+
 /// When the first error was found; none without errors.
 std::optional<double> FirstErrorS(const Run& run);
 

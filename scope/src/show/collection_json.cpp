@@ -33,6 +33,8 @@ std::string CollectionJson(const std::string& folder, const Plan& plan,
     for (const auto& [section, level] : cell.levels) levels[section] = level;
     Json settings = Json::object();
     for (const auto& [name, value] : cell.settings) settings[name] = value;
+    Json errors = Json::object();
+    for (const auto& [source, count] : cells[i].errors) errors[source] = count;
     list.push_back(Json{{"number", i + 1},
                         {"board", cell.board},
                         {"levels", levels},
@@ -40,6 +42,7 @@ std::string CollectionJson(const std::string& folder, const Plan& plan,
                         {"repeat", cell.repeat},
                         {"state", NameOf(cells[i].state)},
                         {"reason", cells[i].reason},
+                        {"errors", errors},
                         {"folder", cells[i].folder},
                         {"ran_on", cells[i].board}});
   }

@@ -8,13 +8,15 @@
 #include "cell_plan.h"
 #include "collection.h"
 #include "printable.h"
+#include "run_error.h"
 #include "text_format.h"
 #include "text_table.h"
 
 namespace scope {
 namespace {
 
-// Boards that are not complete, and cells that are not done. Ten thousand boards would fill the terminal.
+// Boards that are not complete, and cells that are not done or have errors. Ten thousand boards would fill
+// the terminal.
 constexpr std::size_t kMostShown = 20;
 
 constexpr std::array<CellState, 6> kColumns = {CellState::kDone,       CellState::kFailed,
@@ -69,29 +71,33 @@ std::string BoardTable(const Plan& plan, const std::vector<CellStatus>& cells, c
   return text;
 }
 
-std::string NotDoneText(const Plan& plan, const std::vector<CellStatus>& cells, const TextStyle& style) {
+// Cells that are not done, and those whose runs have found errors.
+std::string ProblemText(const Plan& plan, const std::vector<CellStatus>& cells, const TextStyle& style) {
   std::string text;
   std::size_t shown = 0;
   std::size_t cut = 0;
   for (std::size_t i = 0; i < cells.size(); ++i) {
     const CellStatus& cell = cells[i];
-    // The table has their number, and there is nothing to say about most of them.
-    if (cell.state == CellState::kDone || (cell.state == CellState::kMissing && cell.reason.empty()))
-      continue;
+    const std::string errors = CountsText(cell.errors);
+    // The table has the number of those that are missing, and there is nothing to say about most of them.
+    const bool isMute = cell.state == CellState::kMissing && cell.reason.empty();
+    if (errors.empty() && (cell.state == CellState::kDone || isMute)) continue;
     if (shown == kMostShown) {
       ++cut;
       continue;
     }
     ++shown;
-    const Colour colour = cell.state == CellState::kFailed || cell.state == CellState::kDamaged
-                              ? Colour::kBad
-                              : Colour::kUnclear;
-    text += "cell " + std::to_string(i + 1) + " (" + Printable(CellLabel(plan.cells[i])) + ") " +
-            Painted(NameOf(cell.state), colour, style);
+    const Colour colour =
+        !errors.empty() || cell.state == CellState::kFailed || cell.state == CellState::kDamaged
+            ? Colour::kBad
+            : Colour::kUnclear;
+    text +=
+        "cell " + std::to_string(i + 1) + " (" + Printable(CellLabel(plan.cells[i])) + ") " +
+        Painted(NameOf(cell.state) + (errors.empty() ? "" : ", with " + Printable(errors)), colour, style);
     if (!cell.reason.empty()) text += ": " + Printable(cell.reason.substr(0, cell.reason.find('\n')));
     text += "; see " + Printable(cell.folder) + "\n";
   }
-  if (cut != 0) text += Counted(cut, "more cell") + " not done; --json lists all\n";
+  if (cut != 0) text += Counted(cut, "more cell") + " not done or with errors; --json lists all\n";
   return text;
 }
 
@@ -102,8 +108,8 @@ std::string CollectionText(const std::string& folder, const Plan& plan, const st
   std::string text = Printable(folder) + ": " + std::to_string(CountOf(cells, CellState::kDone)) + " of " +
                      Counted(cells.size(), "cell") + " done, of the plan of " + Printable(plan.made) +
                      ", seed " + std::to_string(plan.settings.seed) + "\n\n" + BoardTable(plan, cells, style);
-  const std::string notDone = NotDoneText(plan, cells, style);
-  if (!notDone.empty()) text += '\n' + notDone;
+  const std::string problems = ProblemText(plan, cells, style);
+  if (!problems.empty()) text += '\n' + problems;
   std::string numbers = NumbersToRun(cells);
   if (numbers.empty()) return text;
   constexpr std::size_t kMostNumbers = 400;

@@ -61,6 +61,11 @@ CellRecord RecordFromJson(const SeriesJson& json, const std::string& path) {
     for (const auto& [figure, value] : figures.items())
       record.figures.push_back({engine, figure, value.get<double>()});
   }
+  // Earlier versions do not have it.
+  if (const auto errors = json.find("errors"); errors != json.end()) {
+    for (const auto& [source, count] : errors->items())
+      GetWhole(count, source, record.errors.emplace_back(source, 0).second);
+  }
   for (const auto& [name, bytes] : json.at("files").items())
     GetWhole(bytes, name, record.files.emplace_back(name, 0).second);
   return record;
@@ -88,23 +93,17 @@ PlanCell CellFromJson(const SeriesJson& json) {
 }
 
 std::string CellText(const CellRecord& record) {
-  SeriesJson json{{"format", kCell.format},
-                  {"kind", kCell.kind},
-                  {"tool", kToolVersion},
-                  {"plan", record.plan},
-                  {"number", record.number},
-                  {"cell", CellJson(record.cell)},
-                  {"board", record.board},
-                  {"machine", record.machine},
-                  {"started", record.started},
-                  {"ended", record.ended},
-                  {"state", NameOf(record.state)},
-                  {"reason", record.reason},
-                  {"hung", record.isHung},
-                  {"recorder_failed", record.isRecorderFault},
-                  {"figures", SeriesJson::object()},
+  SeriesJson json{{"format", kCell.format},         {"kind", kCell.kind},
+                  {"tool", kToolVersion},           {"plan", record.plan},
+                  {"number", record.number},        {"cell", CellJson(record.cell)},
+                  {"board", record.board},          {"machine", record.machine},
+                  {"started", record.started},      {"ended", record.ended},
+                  {"state", NameOf(record.state)},  {"reason", record.reason},
+                  {"hung", record.isHung},          {"recorder_failed", record.isRecorderFault},
+                  {"errors", SeriesJson::object()}, {"figures", SeriesJson::object()},
                   {"files", SeriesJson::object()}};
   for (const auto& [name, bytes] : record.files) json["files"][name] = bytes;
+  for (const auto& [source, count] : record.errors) json["errors"][source] = count;
   for (const CellFigure& figure : record.figures)
     json["figures"][figure.engine][figure.figure] = figure.value;
   return json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n';
