@@ -3,6 +3,8 @@
 
 #include <sched.h>
 
+#include <algorithm>
+
 #include "streams.h"
 
 namespace scope {
@@ -48,10 +50,18 @@ bool List(const ErrorPacket& error) {
   return true;
 }
 
-bool IsLast(const ErrorPacket& last, const ErrorPacket& error) {
-  return last.operation != 0 && last.kind == error.kind && last.thread == error.thread &&
-         last.placed == error.placed && last.address == error.address && last.offset == error.offset &&
-         last.expected == error.expected && last.found == error.found && last.bits == error.bits;
+ListedError AsListed(const ErrorPacket& error) {
+  return {error.kind, error.thread, error.address, error.offset, error.expected ^ error.found};
+}
+
+// A bit that stays wrong is found with every check. Several of them are found in turns.
+bool IsListed(const Checker& checker, const ErrorPacket& error) {
+  const ListedError wanted = AsListed(error);
+  const std::uint64_t count = std::min<std::uint64_t>(checker.listedCount, Checker::kRemembered);
+  return std::any_of(checker.listed, checker.listed + count, [&wanted](const ListedError& one) {
+    return one.kind == wanted.kind && one.thread == wanted.thread && one.address == wanted.address &&
+           one.offset == wanted.offset && one.bits == wanted.bits;
+  });
 }
 
 // The program has written another source into the place.
@@ -243,7 +253,7 @@ bool CheckSourceAt(ThreadCounters& counters, Checker& checker, const Spans& sour
     return false;
   }
   const ErrorPacket error = MakeError(counters, checker, ErrorKind::kSource, &again);
-  if (IsLast(checker.last, error)) {
+  if (IsListed(checker, error)) {
     AddError(checker, error);
     return false;
   }
@@ -293,12 +303,11 @@ ErrorPacket MakeError(const ThreadCounters& counters, const Checker& checker, Er
 
 void AddError(Checker& checker, const ErrorPacket& error, bool isListed) {
   Count(checker.errors, 1);
-  // A bit that stays wrong is found with every check.
-  if (!isListed || IsLast(checker.last, error) || !List(error)) {
+  if (!isListed || IsListed(checker, error) || !List(error)) {
     Count(checker.unlisted, 1);
     return;
   }
-  checker.last = error;
+  checker.listed[checker.listedCount++ % Checker::kRemembered] = AsListed(error);
 }
 
 void ReportError(const ThreadCounters& counters, Checker& checker, ErrorKind kind,

@@ -24,11 +24,21 @@ struct GroupSum {
   std::uint64_t next;  ///< the frame that has to come next, from 1; 0: the group has gaps, or is finished
 };
 
+/// An error, apart from when it was seen: bits that differ at a place.
+struct ListedError {
+  ErrorKind kind;
+  std::uint32_t thread;  ///< of streams: the one that is blamed
+  std::uint64_t address;
+  std::uint64_t offset;
+  std::uint64_t bits;
+};
+
 /// What the checks know about one thread's work on one engine. Only that thread writes, and the reporting
 /// thread reads the counts.
 struct alignas(64) Checker {
   static constexpr int kObservations = 8;
   static constexpr std::size_t kMostPlaces = 4;
+  static constexpr std::size_t kRemembered = 64;
 
   std::atomic<std::uint64_t> operations;
   std::atomic<std::uint64_t> checked;
@@ -80,7 +90,8 @@ struct alignas(64) Checker {
   bool lostChain;            ///< one of them is not known, and the streams depend on it
   std::atomic<int> strayed;  ///< times in a row that the thread's streams were not those of other channels
 
-  ErrorPacket last;  ///< the last error that was listed
+  ListedError listed[kRemembered];  ///< the last errors that were listed
+  std::uint64_t listedCount;
 };
 
 /// The checker of the thread that `counters` belong to.
@@ -142,7 +153,7 @@ void ReportHeld();
 /// An error of now. `difference` is null if the place is not known.
 ErrorPacket MakeError(const ThreadCounters& counters, const Checker& checker, ErrorKind kind,
                       const Difference* difference, std::uint32_t other = 0);
-/// Counts the error, and lists it if it is another one than the last.
+/// Counts the error, and lists it unless it is one of the last that were listed.
 void AddError(Checker& checker, const ErrorPacket& error, bool isListed = true);
 
 /// MakeError and AddError.

@@ -166,8 +166,10 @@ TEST(Check, EveryBitThatStaysWrongInACopyIsFound) {
     const Bytes source = Random(20'000, 1);
     Bytes destination(source.size());
     std::mt19937 random(2);
+    std::set<std::size_t> bits;
     for (int flip = 0; flip < 200; ++flip) {
-      const std::size_t bit = random() % (source.size() * 8);
+      std::size_t bit = random() % (source.size() * 8);
+      while (!bits.insert(bit).second) bit = random() % (source.size() * 8);  // the same again is not listed
       bool found = false;
       for (int copy = 0; copy < 5 && !found; ++copy) {
         destination = source;
@@ -399,8 +401,10 @@ TEST(Check, EveryBitThatStaysWrongInAResultIsFound) {
     Resize(source, result);
     for (int i = 0; i < 10; ++i) check();
     std::mt19937 random(2);
+    std::set<std::size_t> bits;
     for (int flip = 0; flip < 200; ++flip) {
-      const std::size_t bit = random() % (result.size() * 8);
+      std::size_t bit = random() % (result.size() * 8);
+      while (!bits.insert(bit).second) bit = random() % (result.size() * 8);
       Flip(result, bit);
       for (int i = 0; i < 4; ++i) check();
       Flip(result, bit);
@@ -410,6 +414,34 @@ TEST(Check, EveryBitThatStaysWrongInAResultIsFound) {
     }
     const CheckPacket counts = CheckCounts(Engine::kVpc);
     EXPECT_EQ(counts.errors - counts.unlisted, 200U);
+  });
+}
+
+TEST(Check, BitsThatAreWrongInTurnsAreListedOnceEachAndCounted) {
+  InOwnProcess([] {
+    const Worker worker(Engine::kVpc, 0);
+    const Bytes source = Random(30'000, 1);
+    Bytes result(10'000);
+    const auto check = [&] {
+      CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
+                   kOperationNs);
+    };
+    Resize(source, result);
+    for (int i = 0; i < 10; ++i) check();
+    const std::size_t bits[] = {777, 4242, 60'001};
+    for (int turn = 0; turn < 20; ++turn) {
+      for (const std::size_t bit : bits) {
+        Flip(result, bit);
+        for (int i = 0; i < 4; ++i) check();
+        Flip(result, bit);
+      }
+    }
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 3U);
+    for (std::size_t i = 0; i < 3; ++i) ExpectIs(errors[i], ErrorKind::kResult, result, bits[i]);
+    const CheckPacket counts = CheckCounts(Engine::kVpc);
+    EXPECT_GE(counts.errors, 60U) << "each is found in each turn";
+    EXPECT_EQ(counts.unlisted, counts.errors - 3);
   });
 }
 

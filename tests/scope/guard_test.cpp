@@ -122,23 +122,44 @@ TEST(GuardedMemory, TheSamePlaceAgainComesBackAndIsListedOnce) {
   EXPECT_EQ(memory.Counts().unlisted, 1U);
 }
 
-// Another thread plays a bad cell: it changes the word again and again. When it has a processor, the guard
-// sees the wanted state sooner or later.
-GuardedState SeenWith(const std::function<void(std::uint64_t*)>& disturb, GuardedState wanted) {
-  GuardedMemory memory(GuardedMemory::kBlockBytes);
+TEST(GuardedMemory, TheAgeOfARepairedWordBeginsWithItsRepair) {
+  GuardedMemory memory(kBytes);
+  FlipIn(memory, 4711);
+  const GuardedError first = Walk(memory).at(0);
+  EXPECT_LT(first.writtenNs, first.foundNs);
+  FlipIn(memory, 4711);
+  const GuardedError again = Walk(memory).at(0);
+  EXPECT_GE(again.writtenNs, first.foundNs);
+  EXPECT_LT(again.writtenNs, again.foundNs);
+  // Other words of the block have the age of its pattern.
+  FlipIn(memory, 4711 + 64);
+  EXPECT_EQ(Walk(memory).at(0).writtenNs, first.writtenNs);
+}
+
+// Walks until `enough`. Another thread plays a bad cell: it changes a word again and again.
+void WalkDisturbed(GuardedMemory& memory, const std::function<void(std::uint64_t*)>& disturb,
+                   const std::function<bool(const std::vector<GuardedError>&)>& enough) {
   auto* const word = reinterpret_cast<std::uint64_t*>(memory.Data() + 800);
   std::atomic<bool> ends{false};
   std::thread other([&] {
     while (!ends.load(std::memory_order_relaxed)) disturb(word);
   });
-  GuardedState last = GuardedState::kEvent;
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (last != wanted && std::chrono::steady_clock::now() < limit) {
-    for (const GuardedError& error : Walk(memory)) last = last == wanted ? last : error.state;
+  while (!enough(Walk(memory)) && std::chrono::steady_clock::now() < limit) {
   }
   ends.store(true, std::memory_order_relaxed);
   other.join();
   return last;
+}
+
+// When the other thread has a processor, the guard sees the wanted state sooner or later.
+GuardedState SeenWith(const std::function<void(std::uint64_t*)>& disturb, GuardedState wanted) {
+  GuardedMemory memory(GuardedMemory::kBlockBytes);
+  GuardedState last = GuardedState::kEvent;
+  WalkDisturbed(memory, disturb, [&](const std::vector<GuardedError>& errors) {
+    for (const GuardedError& error : errors) last = last == wanted ? last : error.state;
+    return last == wanted;
+  });
 }
 
 TEST(GuardedMemory, AWordThatCannotBeRepairedStays) {
@@ -152,6 +173,20 @@ TEST(GuardedMemory, AWordThatIsRightAgainPasses) {
 }
 
 TEST(GuardedMemory, AWalkListsABoundedNumberAndCountsAll) {
+// Its states come in turns.
+TEST(GuardedMemory, APlaceThatIsWrongAgainAndAgainIsListedOnceForEachState) {
+  GuardedMemory memory(GuardedMemory::kBlockBytes);
+  std::map<GuardedState, int> rows;
+  const auto toggling = [](std::uint64_t* word) { __atomic_fetch_xor(word, 1, __ATOMIC_RELAXED); };
+  WalkDisturbed(memory, toggling, [&](const std::vector<GuardedError>& errors) {
+    for (const GuardedError& error : errors) ++rows[error.state];
+    return memory.Counts().errors >= 300;
+  });
+  ASSERT_GE(memory.Counts().errors, 300U);
+  for (const auto& [state, count] : rows) EXPECT_EQ(count, 1) << static_cast<int>(state);
+  EXPECT_EQ(memory.Counts().errors - memory.Counts().unlisted, rows.size());
+}
+
   GuardedMemory memory(kBytes);
   std::memset(memory.Data(), 0x5a, GuardedMemory::kBlockBytes);
   EXPECT_THAT(Walk(memory), SizeIs(GuardedMemory::kMostListed));

@@ -19,8 +19,8 @@ using Ormis::portable::EndFlush;
 using Ormis::portable::FlushRoutines;
 
 constexpr std::size_t kBlockWords = GuardedMemory::kBlockBytes / sizeof(std::uint64_t);
-// Repaired places that are remembered. On memory with more of them it does not matter which came back.
-constexpr std::size_t kMostKnown = 100'000;
+// Wrong places that are remembered. On memory with more of them it does not matter which came back.
+constexpr std::size_t kMostPlaces = 100'000;
 
 constexpr const char* kPatternNames[] = {"address", "address, inverted", "random", "random, inverted",
                                          "checker", "checker, inverted", "worst",  "worst, inverted",
@@ -156,25 +156,27 @@ void GuardedMemory::Judge(std::size_t block, std::size_t word, std::uint64_t exp
   error.expected = expected;
   error.found = found;
   error.pattern = blocks_[block].pattern;
-  error.writtenNs = blocks_[block].writtenNs;
+  const auto known = places_.find(error.offset);
+  Place place = known == places_.end() ? Place() : known->second;
+  error.writtenNs = std::max(blocks_[block].writtenNs, place.repairedNs);
   FindPhysical(error);
   error.state = Repair(WordsOf(block) + word, expected);
-  ++counts_.errors;
-  const auto before = known_.find(error.offset);
-  const bool isKnown = before != known_.end();
-  if (isKnown && error.state == GuardedState::kEvent) error.state = GuardedState::kComesBack;
-  const bool isListed = !(isKnown && before->second == error.state) && listed_ < kMostListed;
   // What passed was not repaired, so that it cannot come back.
-  if (isKnown) {
-    before->second = error.state;
-  } else if (error.state != GuardedState::kPassing && known_.size() < kMostKnown) {
-    known_.emplace(error.offset, error.state);
-  }
-  if (isListed) {
+  if (place.repairedNs != 0 && error.state == GuardedState::kEvent) error.state = GuardedState::kComesBack;
+  if (error.state != GuardedState::kPassing) place.repairedNs = MonotonicNs();
+  ++counts_.errors;
+  const std::uint32_t state = 1U << static_cast<std::uint32_t>(error.state);
+  if ((place.listed & state) == 0 && listed_ < kMostListed) {
+    place.listed |= state;
     ++listed_;
     errors.push_back(error);
   } else {
     ++counts_.unlisted;
+  }
+  if (known != places_.end()) {
+    known->second = place;
+  } else if (places_.size() < kMostPlaces) {
+    places_.emplace(error.offset, place);
   }
 }
 

@@ -30,7 +30,7 @@ struct GuardedError {
   std::uint64_t expected = 0;
   std::uint64_t found = 0;
   std::uint32_t pattern = 0;    ///< number of the pattern that was written
-  std::uint64_t writtenNs = 0;  ///< when it was written (monotonic)
+  std::uint64_t writtenNs = 0;  ///< when the word was written, by the pattern or a repair (monotonic)
   std::uint64_t foundNs = 0;
 };
 
@@ -63,7 +63,8 @@ class GuardedMemory {
   GuardedMemory(const GuardedMemory&) = delete;
   GuardedMemory& operator=(const GuardedMemory&) = delete;
 
-  /// Checks the next block and adds what is wrong to `errors`. Repairs it, and reads it again.
+  /// Checks the next block and adds what is wrong to `errors`. Repairs it, and reads it again. Of a place
+  /// that is wrong again and again, each GuardedState is added once, with what was found the first time.
   void Step(std::vector<GuardedError>& errors);
 
   /// True between two walks.
@@ -80,6 +81,11 @@ class GuardedMemory {
   struct Block {
     std::uint32_t pattern = 0;
     std::uint64_t writtenNs = 0;
+  };
+  /// A word that was wrong before.
+  struct Place {
+    std::uint32_t listed = 0;      ///< a bit for each GuardedState that was handed out
+    std::uint64_t repairedNs = 0;  ///< 0: it was not repaired
   };
 
   std::uint64_t* WordsOf(std::size_t block) const;
@@ -98,7 +104,7 @@ class GuardedMemory {
   std::size_t next_ = 0;  ///< blocks of this walk that are done
   std::size_t listed_ = 0;
   GuardCounts counts_;
-  std::map<std::uint64_t, GuardedState> known_;  ///< offsets that were wrong before
+  std::map<std::uint64_t, Place> places_;  ///< by offset
 };
 
 }  // namespace scope
