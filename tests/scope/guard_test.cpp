@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -149,7 +150,6 @@ void WalkDisturbed(GuardedMemory& memory, const std::function<void(std::uint64_t
   }
   ends.store(true, std::memory_order_relaxed);
   other.join();
-  return last;
 }
 
 // When the other thread has a processor, the guard sees the wanted state sooner or later.
@@ -160,6 +160,7 @@ GuardedState SeenWith(const std::function<void(std::uint64_t*)>& disturb, Guarde
     for (const GuardedError& error : errors) last = last == wanted ? last : error.state;
     return last == wanted;
   });
+  return last;
 }
 
 TEST(GuardedMemory, AWordThatCannotBeRepairedStays) {
@@ -172,7 +173,6 @@ TEST(GuardedMemory, AWordThatIsRightAgainPasses) {
   EXPECT_EQ(SeenWith(toggling, GuardedState::kPassing), GuardedState::kPassing);
 }
 
-TEST(GuardedMemory, AWalkListsABoundedNumberAndCountsAll) {
 // Its states come in turns.
 TEST(GuardedMemory, APlaceThatIsWrongAgainAndAgainIsListedOnceForEachState) {
   GuardedMemory memory(GuardedMemory::kBlockBytes);
@@ -187,6 +187,7 @@ TEST(GuardedMemory, APlaceThatIsWrongAgainAndAgainIsListedOnceForEachState) {
   EXPECT_EQ(memory.Counts().errors - memory.Counts().unlisted, rows.size());
 }
 
+TEST(GuardedMemory, AWalkListsABoundedNumberAndCountsAll) {
   GuardedMemory memory(kBytes);
   std::memset(memory.Data(), 0x5a, GuardedMemory::kBlockBytes);
   EXPECT_THAT(Walk(memory), SizeIs(GuardedMemory::kMostListed));
@@ -258,6 +259,16 @@ void WaitForError(Guard& guard, Seen& seen) {
   }
 }
 
+// Its last walk.
+void End(Guard& guard, Seen& seen) {
+  guard.BeginLastWalk();
+  while (guard.Descriptor() >= 0) {
+    pollfd wait{guard.Descriptor(), POLLIN, 0};
+    (void)poll(&wait, 1, 1000);
+    guard.Read(0, seen.errors, seen.values);
+  }
+}
+
 bool HasEnded(pid_t process) {
   std::string name;
   std::string state = "Z";
@@ -289,11 +300,12 @@ TEST(Guard, FindsAFlipInItsRunningProcess) {
   EXPECT_EQ(error.bits, 1U);
   EXPECT_THAT(error.note, testing::MatchesRegex("pattern [a-z, ]+; written [0-9.]+ s before"));
   EXPECT_GT(error.timeS, 0);
-  guard.End(0, seen.errors, seen.values);
+  End(guard, seen);
   EXPECT_EQ(guard.Fault(), "");
   EXPECT_THAT(seen.errors, SizeIs(1)) << "it was repaired";
   EXPECT_EQ(guard.Summary().errors, 1U);
   EXPECT_GT(guard.Summary().walks, 0U);
+  EXPECT_FALSE(guard.Summary().isCut);
   EXPECT_GT(guard.Summary().checkedBytes, 0U);
   EXPECT_GT(guard.Summary().guardedS, 0);
 }
@@ -304,11 +316,49 @@ TEST(Guard, WalksOnceMoreAtTheEnd) {
   ASSERT_NE(address, 0U);
   ASSERT_TRUE(guarded::Flip(guard.Id(), address, kGuarded * 8 - 1));
   Seen seen;
-  guard.End(0, seen.errors, seen.values);
+  End(guard, seen);
   ASSERT_THAT(seen.errors, SizeIs(1));
   EXPECT_EQ(seen.errors[0].offset, kGuarded - 8);
   EXPECT_EQ(guard.Fault(), "");
   EXPECT_EQ(guard.Descriptor(), -1);
+}
+
+TEST(Guard, ASignalEndsItWhileItFillsItsMemory) {
+  Signals signals;
+  ASSERT_EQ(kill(getpid(), SIGINT), 0);
+  EXPECT_THROW(Guard(std::uint64_t{64} << 20, 1000, &signals), Interrupted);
+  EXPECT_EQ(guarded::Process(), -1);
+  // The end of another process is a signal, too, but none of the user's.
+  ASSERT_EQ(kill(getpid(), SIGCHLD), 0);
+  Guard guard(kGuarded, 1000, &signals);
+  EXPECT_EQ(guard.Summary().bytes, kGuarded);
+}
+
+// It has found one bit when it is stopped, so that its last walk does not end.
+TEST(Guard, ALastWalkThatIsCutShortKeepsWhatWasFound) {
+  Guard guard(kGuarded, 1000);
+  const std::uint64_t address = guarded::Address(guard.Id(), kGuarded);
+  ASSERT_NE(address, 0U);
+  const auto flipAndAwaitRepair = [&](std::uint64_t bit) {
+    ASSERT_TRUE(guarded::Flip(guard.Id(), address, bit));
+    const int is = guarded::Byte(guard.Id(), address, bit);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (guarded::Byte(guard.Id(), address, bit) == is && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  };
+  flipAndAwaitRepair(800);
+  flipAndAwaitRepair(kGuarded * 8 - 1);  // in another block: the first one was told before
+  ASSERT_EQ(kill(guard.Id(), SIGSTOP), 0);
+  guard.BeginLastWalk();
+  guard.CutShort();
+  Seen seen;
+  End(guard, seen);
+  EXPECT_EQ(guard.Fault(), "");
+  ASSERT_GE(seen.errors.size(), 1U);
+  EXPECT_EQ(seen.errors[0].offset, 800U / 64 * 8);
+  EXPECT_GE(guard.Summary().errors, seen.errors.size());
+  EXPECT_TRUE(guard.Summary().isCut);
 }
 
 TEST(Guard, KeepsToItsRate) {
@@ -319,7 +369,7 @@ TEST(Guard, KeepsToItsRate) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     guard.Read(0, seen.errors, seen.values);
   }
-  guard.End(0, seen.errors, seen.values);
+  End(guard, seen);
   const GuardSummary& summary = guard.Summary();
   // 1 MB a second, the first block, and what a guard that had no processor may make good.
   EXPECT_LE(static_cast<double>(summary.checkedBytes), 1e6 * (summary.guardedS + 0.1) + 65536);

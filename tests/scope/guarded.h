@@ -59,6 +59,15 @@ inline std::uint64_t Address(pid_t guard, std::uint64_t bytes) {
   return 0;
 }
 
+/// The byte of a bit; -1 if it cannot be read.
+inline int Byte(pid_t guard, std::uint64_t address, std::uint64_t bit) {
+  const int memory = open(("/proc/" + std::to_string(guard) + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+  unsigned char byte = 0;
+  const bool isRead = pread(memory, &byte, 1, static_cast<off_t>(address + bit / 8)) == 1;
+  if (memory >= 0) (void)close(memory);
+  return isRead ? byte : -1;
+}
+
 /// Changes a bit. True if it was written: the byte is read again.
 inline bool Flip(pid_t guard, std::uint64_t address, std::uint64_t bit) {
   const int memory = open(("/proc/" + std::to_string(guard) + "/mem").c_str(), O_RDWR | O_CLOEXEC);

@@ -6,14 +6,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "error_of.h"
 #include "guarded.h"
 #include "latency_buckets.h"
 #include "report.h"
@@ -205,16 +209,23 @@ struct Guarded {
   scope::Run run;
 };
 
-/// Records two seconds of the scripted meter with `options`. `harm` does something in the first one.
+/// Records two seconds of the scripted meter with `options`. `harm` does something in the first one, and
+/// `atEnd` when the program has ended.
 scope::RecordResult RecordHarmed(const TemporaryFolder& folder, scope::RecordOptions options,
-                                 const std::function<void()>& harm) {
+                                 const std::function<void()>& harm,
+                                 const std::function<void()>& atEnd = nullptr) {
   struct Harming : scope::View {
     void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
       if (harm) std::exchange(harm, nullptr)();
     }
+    void End() override {
+      if (atEnd) std::exchange(atEnd, nullptr)();
+    }
     std::function<void()> harm;
+    std::function<void()> atEnd;
   } view;
   view.harm = harm;
+  view.atEnd = atEnd;
   options.benchmark = SCRIPTED_METER;
   options.meter = IDLE_LIBRARY;
   options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
@@ -226,11 +237,12 @@ scope::RecordResult RecordHarmed(const TemporaryFolder& folder, scope::RecordOpt
   return scope::Record(options, view, signals);
 }
 
-Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>& harm) {
+Guarded RecordGuarded(const TemporaryFolder& folder, const std::function<void()>& harm,
+                      const std::function<void()>& atEnd = nullptr) {
   scope::RecordOptions options;
   options.guard = "25%";
   options.guardRate = 50;
-  Guarded guarded{RecordHarmed(folder, options, harm), {}};
+  Guarded guarded{RecordHarmed(folder, options, harm, atEnd), {}};
   guarded.run = scope::ReadRun(folder / "run");
   return guarded;
 }
@@ -272,6 +284,75 @@ TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
   EXPECT_TRUE(guarded.result.recorderFailed);
 }
 
+// What only the guard's last walk makes them see: the guard is held until the recorder has read the counters
+// at the program's end, and they count before it goes on.
+TEST_F(RecordTest, WhatMemoryControllersCountDuringTheLastWalkIsAnErrorOfTheRun) {
+  const std::string counter = "system/sys/devices/system/edac/mc/mc0/ue_count";
+  folder_.Put(counter, "7\n");
+  pid_t guard = -1;
+  std::thread growth;
+  bool isGrown = false;
+  const Guarded guarded = RecordGuarded(
+      folder_,
+      [&guard] {
+        guard = guarded::Process();
+        ASSERT_EQ(kill(guard, SIGSTOP), 0);
+      },
+      [&] {
+        growth = std::thread([&, before = folder_.Get("run/counters.csv").size()] {
+          const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+          while (!isGrown && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            isGrown = folder_.Get("run/counters.csv").size() > before;
+          }
+          folder_.Put(counter, "9\n");
+          (void)kill(guard, SIGCONT);
+        });
+      });
+  growth.join();
+  ASSERT_TRUE(isGrown);
+  EXPECT_TRUE(guarded.result.complete) << guarded.result.reason;
+  EXPECT_EQ(guarded.result.errors, 2U);
+  ASSERT_EQ(guarded.run.errors.size(), 1U);
+  EXPECT_EQ(guarded.run.errors[0].source, "edac");
+  EXPECT_EQ(guarded.run.errors[0].what, "uncorrected");
+  EXPECT_EQ(guarded.run.errors[0].note, "2 more of mc0/ue_count");
+  EXPECT_GE(guarded.run.errors[0].timeS + 0.001, guarded.run.info.durationS) << "when the program had ended";
+  EXPECT_EQ(guarded.run.info.errors, (std::vector<std::pair<std::string, std::uint64_t>>{{"edac", 2}}));
+}
+
+// The guard is stopped, so that its last walk would never end.
+TEST_F(RecordTest, ASignalCutsTheLastWalkShortAndTheRunSaysSo) {
+  pid_t guard = -1;
+  const Guarded guarded = RecordGuarded(
+      folder_,
+      [&guard] {
+        guard = guarded::Process();
+        ASSERT_EQ(kill(guard, SIGSTOP), 0);
+      },
+      [] { ASSERT_EQ(kill(getpid(), SIGINT), 0); });
+  ASSERT_GT(guard, 0);
+  EXPECT_TRUE(guarded.result.stopped);
+  EXPECT_TRUE(guarded.result.complete) << guarded.result.reason;
+  EXPECT_TRUE(guarded.run.info.guard.isCut);
+  EXPECT_EQ(guarded.run.seconds.size(), 4U) << "of two engines";
+  EXPECT_THAT(scope::ReportText(scope::ReadRuns({run_}), 100), testing::HasSubstr(", and one cut short"));
+}
+
+TEST_F(RecordTest, ASignalWhileMemoryIsPreparedEndsTheRecordingBeforeItBegins) {
+  for (const bool guarded : {true, false}) {
+    scope::RecordOptions options;
+    options.guard = guarded ? "25%" : "";
+    options.latency = !guarded;
+    // Before Record: it takes the signal as soon as it waits.
+    const scope::Signals signals;
+    ASSERT_EQ(kill(getpid(), SIGINT), 0);
+    EXPECT_THAT(::ErrorOf([&] { (void)RecordHarmed(folder_, options, nullptr); }),
+                testing::HasSubstr("; nothing was recorded"));
+    EXPECT_FALSE(std::filesystem::exists(run_));
+  }
+}
+
 /// A recording with a latency probe over 1 MiB, to which `harm` does something.
 scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::function<void()>& harm) {
   scope::RecordOptions options;
@@ -307,6 +388,33 @@ TEST_F(RecordTest, ARunWhoseLatencyProbeDiesIsIncomplete) {
   EXPECT_EQ(result.reason,
             "the latency probe was ended by SIGKILL: the latency of memory was not measured from then on");
   EXPECT_EQ(scope::ReadRun(run_).info.incompleteReason, result.reason);
+}
+
+// In mid-run, when it has measured a second. What it and all others have measured stays.
+TEST_F(RecordTest, ALatencyProbeThatCrashesIsOfTheBoardAndLosesNothingElse) {
+  bool isCrashed = false;
+  const scope::RecordResult result = RecordLatency(folder_, [&isCrashed] {
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    isCrashed = kill(guarded::Process("scope_latency"), SIGABRT) == 0;
+  });
+  ASSERT_TRUE(isCrashed);
+  EXPECT_FALSE(result.complete);
+  EXPECT_FALSE(result.recorderFailed) << "as if memory were bad";
+  EXPECT_EQ(result.reason,
+            "the latency probe was ended by SIGABRT: the latency of memory was not measured from then on");
+  const scope::Run run = scope::ReadRun(run_);
+  EXPECT_EQ(run.info.incompleteReason, result.reason);
+  ASSERT_GE(run.latency.size(), 1U);
+  std::uint64_t bursts = 0;
+  for (const scope::LatencySecond& second : run.latency) bursts += second.bursts;
+  EXPECT_GT(bursts, 0U);
+  EXPECT_EQ(run.info.latency.bursts, bursts);
+  EXPECT_EQ(run.info.latency.bytes, std::uint64_t{1} << 20);
+  EXPECT_EQ(run.seconds.size(), 4U) << "of two engines";
+  EXPECT_EQ(run.samples.size(), 6U);
+  EXPECT_EQ(run.rates.size(), 2U);
+  EXPECT_FALSE(run.histogram.empty());
+  EXPECT_FALSE(run.counters.empty());
 }
 
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {

@@ -86,10 +86,56 @@ TEST_F(SupervisorTest, AKilledBenchmarkIsSentNothingMore) {
   (void)supervisor_.SignalCame(1);
   (void)supervisor_.SignalCame(3);
   Expect(supervisor_.SignalCame(5), Send::kNothing, "", State::kKilled);
-  Expect(supervisor_.TimePassed(500), Send::kNothing, "", State::kKilled);
-  Expect(supervisor_.RecordingFailed(501, "full"), Send::kNothing, "full", State::kKilled);
+  Expect(supervisor_.TimePassed(13), Send::kNothing, "", State::kKilled);
+  Expect(supervisor_.RecordingFailed(13, "full"), Send::kNothing, "full", State::kKilled);
   Expect(supervisor_.BenchmarkEnded({0, SIGKILL, Meter::kCut}), Send::kNothing, "", State::kEnded);
   EXPECT_EQ(supervisor_.Fault(), "full");
+}
+
+// For example one that a driver keeps.
+TEST_F(SupervisorTest, ABenchmarkThatSigkillDoesNotEndIsGivenUp) {
+  const std::string stuck =
+      "the benchmark, process 4711, did not end within 10 s of SIGKILL: it still runs, and disturbs what "
+      "follows";
+  supervisor_.BenchmarkStarted(4711);
+  (void)supervisor_.SignalCame(1);
+  (void)supervisor_.SignalCame(3);
+  Expect(supervisor_.TimePassed(13), Send::kNothing, "", State::kKilled);
+  EXPECT_FALSE(supervisor_.IsOver());
+  Expect(supervisor_.TimePassed(13.001), Send::kNothing, stuck, State::kStuck);
+  EXPECT_TRUE(supervisor_.IsOver());
+  EXPECT_TRUE(supervisor_.Hung());
+  EXPECT_FALSE(supervisor_.RecorderFailed());
+  EXPECT_EQ(supervisor_.Fault(), stuck);
+  Expect(supervisor_.TimePassed(500), Send::kNothing, "", State::kStuck);
+}
+
+TEST_F(SupervisorTest, WhatKilledABenchmarkIsToldBeforeThatItDoesNotEnd) {
+  supervisor_ = StoppingAfter(8);
+  supervisor_.BenchmarkStarted(5);
+  (void)supervisor_.TimePassed(8);
+  const std::string killed = supervisor_.TimePassed(23.001).fault;
+  ASSERT_NE(killed, "");
+  const std::string stuck = supervisor_.TimePassed(33.002).fault;
+  EXPECT_THAT(stuck, StartsWith("the benchmark, process 5, did not end within 10 s of SIGKILL"));
+  EXPECT_EQ(supervisor_.Fault(), killed + "; " + stuck);
+  EXPECT_TRUE(supervisor_.Hung());
+  // What the recorder could not do comes first, and says nothing about the board.
+  supervisor_ = StoppingAfter(8);
+  (void)supervisor_.RecordingFailed(1, "full");
+  (void)supervisor_.TimePassed(17);
+  (void)supervisor_.TimePassed(28);
+  EXPECT_EQ(supervisor_.CurrentState(), State::kStuck);
+  EXPECT_FALSE(supervisor_.Hung());
+  EXPECT_TRUE(supervisor_.RecorderFailed());
+}
+
+TEST_F(SupervisorTest, OneSignalMayComeTwiceAlsoWhenTheBenchmarkHasEnded) {
+  EXPECT_TRUE(supervisor_.IsAnotherSignal(0));
+  (void)supervisor_.SignalCame(3);
+  (void)supervisor_.BenchmarkEnded({});
+  EXPECT_FALSE(supervisor_.IsAnotherSignal(4));
+  EXPECT_TRUE(supervisor_.IsAnotherSignal(4.001));
 }
 
 TEST_F(SupervisorTest, ABenchmarkThatIgnoresSigintIsKilledAfterTheGrace) {

@@ -164,6 +164,8 @@ class Runner {
                 : result.complete ? SweepState::kDone
                                   : SweepState::kFailed;
     WriteExperiment(folder_, experiment_);
+    // It would disturb all that follows, and the runs of B that it failed in are no answer.
+    if (result.stuck) throw UserError(run.folder + " of " + folder_ + ": " + result.reason);
     return !isStopped;
   }
 

@@ -56,11 +56,12 @@ void WriteConfiguration(const Plan& plan, const PlanCell& cell, const std::strin
 }
 
 // Fills in `end` if the settings are not made.
-void Apply(const PlanCell& cell, const CellOptions& options, double mostS, Signals& signals,
+void Apply(const PlanCell& cell, const CellOptions& options, const RunSettings& settings, Signals& signals,
            RecordResult& end) {
   if (cell.settings.empty()) return;
   try {
-    end.stopped = !RunSwitch(ApplyCommand(options.apply, cell.settings), options.showsApply, signals, mostS);
+    end.stopped = !RunSwitch(ApplyCommand(options.apply, cell.settings), options.showsApply, signals,
+                             settings.hangAfterS, settings.deathS);
     if (end.stopped) end.reason = "interrupted while the settings were made";
   } catch (const CommandMissing&) {
     // It says nothing about the setting.
@@ -68,6 +69,7 @@ void Apply(const PlanCell& cell, const CellOptions& options, double mostS, Signa
   } catch (const std::exception& error) {
     end.reason = std::string("cannot make the settings of the board: ") + error.what();
     end.hung = dynamic_cast<const CommandHangs*>(&error) != nullptr;
+    end.stuck = dynamic_cast<const CommandStuck*>(&error) != nullptr;
     // Not the command's fault: for example, the system starts no more processes.
     end.recorderFailed = dynamic_cast<const UserError*>(&error) == nullptr;
   }
@@ -105,15 +107,19 @@ RecordOptions RecordingOf(const Plan& plan, const PlanCell& cell, const std::str
   return options;
 }
 
-void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
+// Returns true if what ran does not end.
+bool RecordInto(const std::string& attempt, const Plan& plan, const CellOptions& options, View& view,
                 Signals& signals, const std::string& final, CellRecord& record) {
   RecordResult end;
-  Apply(record.cell, options, plan.settings.hangAfterS, signals, end);
+  Apply(record.cell, options, plan.settings, signals, end);
   if (end.reason.empty()) {
     try {
       end = Record(RecordingOf(plan, record.cell, attempt, final), view, signals);
-      if (end.stopped) end.reason = "interrupted by a signal";
+      if (end.stopped && !end.stuck) end.reason = "interrupted by a signal";
       if (end.complete && !end.stopped) record.state = CellState::kDone;
+    } catch (const Interrupted& error) {
+      end.reason = error.what();
+      end.stopped = true;
     } catch (const std::exception& error) {
       // For example a benchmark that is made for another processor.
       end.reason = error.what();
@@ -127,6 +133,7 @@ void RecordInto(const std::string& attempt, const Plan& plan, const CellOptions&
   if (end.stopped) record.state = CellState::kInterrupted;
   record.ended = UtcNow();
   AddFromRun(attempt, plan.settings.warmupS, record);
+  return end.stuck;
 }
 
 }  // namespace
@@ -221,15 +228,17 @@ CellOutcome RunCell(const Plan& plan, const PlanCell& cell, std::size_t number, 
   record.cell = cell;
   record.board = options.board;
   record.started = UtcNow();
+  bool isStuck = false;
   try {
-    RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
+    isStuck = RecordInto(attempt, plan, options, view, signals, folders.Final(), record);
   } catch (const CommandMissing&) {
     folders.Discard(attempt);
     throw;
   }
   folders.Finish(attempt, record);
   if (record.state != CellState::kDone)
-    return {record.state, record.reason, attempt, true, record.isHung, false, record.isRecorderFault};
+    return {record.state, record.reason,          attempt, true, record.isHung,
+            false,        record.isRecorderFault, isStuck};
   const bool isNew = folders.Publish(attempt, plan.id, number);
   return {CellState::kDone, "", folders.Final(), isNew};
 }

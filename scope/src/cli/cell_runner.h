@@ -39,6 +39,7 @@ struct CellOutcome {
   bool isHung = false;                   ///< it failed because something did not end
   bool isBoardAway = false;              ///< it is not done because the board can no longer be reached
   bool isRecorderFault = false;          ///< it failed because the recorder did, not the board
+  bool isStuck = false;  ///< what ran does not end, even after SIGKILL: it disturbs what follows
 };
 
 /// The state of a run with this outcome.

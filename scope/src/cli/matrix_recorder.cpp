@@ -126,7 +126,7 @@ bool MatrixRecorder::PrepareControl(MatrixRun& run, RunSettings& settings) const
   return false;
 }
 
-// False if a signal ended the run.
+// False if a signal ended the run, or if what ran does not end.
 bool MatrixRecorder::Record(std::size_t index) {
   MatrixRun& run = matrix_.runs[index];
   const bool text = output_ == Output::kText;
@@ -147,11 +147,12 @@ bool MatrixRecorder::Record(std::size_t index) {
   options.warns = false;  // TakeUp did
   const CellOutcome outcome = RunCell(plan, CellOf(index), index + 1, options, *view, signals_);
   run.state = StateAfter(outcome);
+  isStuck_ = outcome.isStuck;
   run.reason = run.state == SweepState::kDone || run.state == SweepState::kInterrupted ? "" : outcome.reason;
   WriteMatrix(folder_, matrix_);
   const bool isDone = run.state == SweepState::kDone;
   if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
-  return run.state != SweepState::kInterrupted;
+  return run.state != SweepState::kInterrupted && !isStuck_;
 }
 
 bool MatrixRecorder::Run() {
@@ -162,18 +163,18 @@ bool MatrixRecorder::Run() {
           (matrix_.worst ? "looking for the worst mix" : Counted(matrix_.runs.size(), "run")) +
           ", in random order of seed " + std::to_string(matrix_.settings.seed) + "\n");
   }
-  bool isInterrupted = false;
+  bool isEarly = false;
   while (const std::optional<std::size_t> next = Next()) {
     if (output_ == Output::kText) TellOfRun(*next);
     isTried_.resize(std::max(isTried_.size(), *next + 1));
     isTried_[*next] = true;
-    isInterrupted = !Record(*next) || signals_.TakeStop();
-    if (isInterrupted) break;
+    isEarly = !Record(*next) || signals_.TakeStop();
+    if (isEarly) break;
   }
   // Goes if it is empty.
   (void)rmdir((folder_ + "/" + kAttemptsName).c_str());
-  if (isInterrupted) {
-    Tell("interrupted; the finished runs are kept. Continue with: stress_scope matrix --resume " + folder_);
+  if (isEarly) {
+    TellOfEarlyEnd(isStuck_, "matrix", folder_);
     return false;
   }
   return std::all_of(matrix_.runs.begin(), matrix_.runs.end(),

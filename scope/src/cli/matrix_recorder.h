@@ -39,6 +39,7 @@ class MatrixRecorder {
   std::vector<std::string> sections_;
   std::vector<bool> isTried_;  ///< by the index of the run, in this call of the program
   double runS_ = 0;
+  bool isStuck_ = false;  ///< what ran last does not end
   // Lives across all runs: a signal between two runs must not leave matrix.json out of date.
   Signals signals_;
 };

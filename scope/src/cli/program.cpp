@@ -52,6 +52,9 @@ int Main(int argc, char** argv) {
   try {
     status = Parse(app, argc, argv, status);
     RequireStandardOutput();
+  } catch (const Interrupted& error) {
+    Tell(error.what());
+    return kExitFailure;
   } catch (const UserError& error) {
     Tell(error.what());
     return status == kExitOk ? kExitBadUsage : status;

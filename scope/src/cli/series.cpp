@@ -92,4 +92,12 @@ void TellWhatRuns(const std::string& file, const std::vector<std::pair<const cha
   }
 }
 
+void TellOfEarlyEnd(bool isStuck, const std::string& command, const std::string& folder) {
+  const std::string kept = "; the finished runs are kept. ";
+  Tell((isStuck ? "ended early: a process that SIGKILL does not end would disturb the next runs" + kept +
+                      "When it is gone, at the latest after a restart of the machine, continue with: "
+                : "interrupted" + kept + "Continue with: ") +
+       "stress_scope " + command + " --resume " + folder);
+}
+
 }  // namespace scope

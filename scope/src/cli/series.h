@@ -53,4 +53,8 @@ bool IsRecorded(const std::string& folder);
 /// `file` names, with what it is for. Empty ones are left out.
 void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named);
 
+/// Prints why the series in `folder` ended before its runs did, and how `command` continues it. `isStuck`:
+/// because what ran does not end; otherwise a signal came.
+void TellOfEarlyEnd(bool isStuck, const std::string& command, const std::string& folder);
+
 }  // namespace scope

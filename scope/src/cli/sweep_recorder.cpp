@@ -213,7 +213,7 @@ void SweepRecorder::TakeBack(SweepRun& run) {
   }
 }
 
-// False if a signal ended the run.
+// False if a signal ended the run, or if what ran does not end.
 bool SweepRecorder::Record(SweepRun& run) {
   const bool text = output_ == Output::kText;
   const auto view = text && OutputIsTerminal() ? MakeLiveView() : std::make_unique<View>();
@@ -244,6 +244,7 @@ bool SweepRecorder::Record(SweepRun& run) {
     throw;
   }
   run.state = StateAfter(outcome);
+  isStuck_ = outcome.isStuck;
   const bool isDone = run.state == SweepState::kDone;
   if (!isDone)
     run.reason = run.state == SweepState::kInterrupted ? "" : WithErrors(outcome.reason, outcome.folder);
@@ -254,10 +255,10 @@ bool SweepRecorder::Record(SweepRun& run) {
     for (const std::string& note : notJudged) Print("  " + Printable(note) + "\n");
   }
   if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
-  return run.state != SweepState::kInterrupted;
+  return run.state != SweepState::kInterrupted && !isStuck_;
 }
 
-// False if a signal ended it.
+// False if it ended early.
 bool SweepRecorder::RecordAll() {
   while (SweepRun* const run = Next()) {
     if (output_ == Output::kText) TellOfRun(*run);
@@ -274,7 +275,7 @@ bool SweepRecorder::Restore() {
   const std::string what = "the first values, " + PointText({}, first) + ", are not made: ";
   try {
     sweep_.restored = RunSwitch(ApplyCommand(sweep_.margin.apply, first), output_ == Output::kText, signals_,
-                                sweep_.settings.hangAfterS);
+                                sweep_.settings.hangAfterS, sweep_.settings.deathS);
     if (!sweep_.restored) Tell(what + "interrupted");
   } catch (const std::exception& error) {
     Tell(what + error.what());
@@ -308,10 +309,7 @@ bool SweepRecorder::Run() {
   const bool isRestored = Restore();
   // Goes if it is empty.
   (void)rmdir((folder_ + "/" + kAttemptsName).c_str());
-  if (!wentOn) {
-    Tell(std::string("interrupted; the finished runs are kept. Continue with: stress_scope ") +
-         kind_.command + " --resume " + folder_);
-  }
+  if (!wentOn) TellOfEarlyEnd(isStuck_, kind_.command, folder_);
   return isRestored && IsComplete(sweep_);
 }
 

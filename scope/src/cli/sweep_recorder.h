@@ -32,9 +32,10 @@ class SweepRecorder {
   SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind);
 
   /// Records all runs, or those that the search for the edge asks for. Then it makes the first value of each
-  /// setting, also after a signal and after a failure. True if nothing is left to record and these values are
-  /// made. Throws UserError if the recording cannot go on. Over settings, that is so when the recorder fails
-  /// in a run (a full disk, no meter): it would fail at each point, and that is no result.
+  /// setting, also after a signal and after a failure. Ends early if what ran does not end, even after
+  /// SIGKILL: it would disturb all that follows. True if nothing is left to record and these values are made.
+  /// Throws UserError if the recording cannot go on. Over settings, that is so when the recorder fails in a
+  /// run (a full disk, no meter): it would fail at each point, and that is no result.
   bool Run();
 
  private:
@@ -61,6 +62,7 @@ class SweepRecorder {
   double runS_ = 0;
   std::vector<SweepRun*> toRecord_;  // of the whole grid, in order
   std::size_t begun_ = 0;
+  bool isStuck_ = false;  // what ran last does not end
   // Lives across all runs: a signal between two runs must not leave sweep.json out of date.
   Signals signals_;
 };

@@ -13,6 +13,12 @@ class UserError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// A signal from the user ended the work.
+class Interrupted : public UserError {
+ public:
+  using UserError::UserError;
+};
+
 /// A run folder or sweep folder with files that are missing or do not follow their format.
 class DamagedFolder : public UserError {
  public:

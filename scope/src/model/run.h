@@ -134,6 +134,7 @@ struct GuardSummary {
   double cpuS = 0;                 ///< processor time in it
   std::uint64_t errors = 0;
   std::uint64_t unlisted = 0;  ///< errors that are not in the table: too many at once, or the same again
+  bool isCut = false;          ///< a signal ended its last walk early
 };
 
 /// The latency over a part of the probe's memory, before the benchmark started.
@@ -212,6 +213,7 @@ struct RunSettings {
   double stopAfterS = 0;           ///< SIGINT ends the run after these seconds; 0: it ends by itself
   double graceS = 15;              ///< after its run time, a benchmark that is silent for so long has hung
   double hangAfterS = 0;           ///< the same at any time; 0: never before its end
+  double deathS = 10;              ///< after SIGKILL, a process that has not ended in this time is given up
   std::string fill;                ///< of kFillNames; empty: sources and frames are as the program makes them
   bool verify = false;             ///< the meter checks results
   double dutyPercent = kWholeDuty;  ///< share of the time in which threads of engines work; then they sleep

@@ -165,7 +165,7 @@ std::vector<std::string> CheckTexts(const RunInfo& info) {
   texts.push_back(Format("guard: %.4g MiB of memory", static_cast<double>(guard.bytes) / kMebibyte) +
                   (guard.locked ? "" : " (not locked: it may be swapped out)") +
                   Format(", %.3g GB/s checked, %.3g CPUs, ", gigabytes / seconds, guard.cpuS / seconds) +
-                  Counted(guard.walks, "walk") +
+                  Counted(guard.walks, "walk") + (guard.isCut ? ", and one cut short" : "") +
                   (guard.reads == "none" ? "; reads may come from a cache; " : "; ") +
                   (guard.errors == 0 ? "no error" : Counted(guard.errors, "error")));
   return texts;

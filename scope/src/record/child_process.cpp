@@ -115,7 +115,7 @@ ChildProcess::ChildProcess(const Options& options) {
 }
 
 ChildProcess::~ChildProcess() {
-  if (!HasEnded()) {
+  if (!HasEnded() && !isGivenUp_) {
     Signal(SIGKILL);
     (void)waitpid(id_, nullptr, 0);
   }

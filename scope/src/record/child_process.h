@@ -26,7 +26,7 @@ class ChildProcess {
 
   /// Throws std::runtime_error, with the reason, if the program cannot be started.
   explicit ChildProcess(const Options& options);
-  /// Kills the program if it still runs.
+  /// Kills the program if it still runs. Does not wait for one that was given up.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -39,6 +39,9 @@ class ChildProcess {
   /// Sends `signal` to the program and to all programs that it started: a shell would not pass it on.
   void Signal(int signal);
 
+  /// It does not end, even after SIGKILL. It stays when this object goes.
+  void GiveUp() { isGivenUp_ = true; }
+
   /// True after the program has ended. The next two then say how.
   bool HasEnded();
   int ExitStatus() const;
@@ -49,6 +52,7 @@ class ChildProcess {
   int output_ = -1;
   int errors_ = -1;
   bool ended_ = false;
+  bool isGivenUp_ = false;
   int status_ = 0;
 };
 

@@ -37,9 +37,12 @@ std::uint64_t GuardBytes(const std::string& size, std::uint64_t availableBytes) 
   return MemoryBytes("--guard", size, availableBytes, GuardedMemory::kBlockBytes);
 }
 
-Guard::Guard(std::uint64_t bytes, double megabytesPerS)
+Guard::Guard(std::uint64_t bytes, double megabytesPerS, Signals* signals)
     : process_("the guard", "scope_guard",
                [bytes, megabytesPerS](int socket) { RunGuard(socket, bytes, megabytesPerS * 1e6); }) {
+  if (signals != nullptr && !process_.Await(*signals)) {
+    throw Interrupted("interrupted while the guard filled its memory; nothing was recorded");
+  }
   GuardPacket packet;
   const bool isReady =
       process_.Receive(&packet, sizeof(packet), true) && packet.type == GuardPacket::Type::kReady;
@@ -56,15 +59,17 @@ Guard::Guard(std::uint64_t bytes, double megabytesPerS)
 
 void Guard::Take(const GuardPacket& packet, std::uint64_t startNs, std::vector<RunError>& errors,
                  std::vector<CounterValue>& values) {
+  summary_.walks = packet.counts.walks;
+  summary_.errors = packet.counts.errors;
+  summary_.unlisted = packet.counts.unlisted;
   if (packet.type == GuardPacket::Type::kError) {
     errors.push_back(ErrorOf(packet.error, startNs));
     return;
   }
-  summary_.walks = packet.counts.walks;
-  summary_.errors = packet.counts.errors;
-  summary_.unlisted = packet.counts.unlisted;
   // The last walk has no bound, and the benchmark has ended.
   if (packet.type == GuardPacket::Type::kEnd) {
+    isDone_ = true;
+    summary_.isCut = false;
     process_.ExpectEnd();
     return;
   }
@@ -89,11 +94,10 @@ void Guard::Read(std::uint64_t startNs, std::vector<RunError>& errors, std::vect
   }
 }
 
-void Guard::End(std::uint64_t startNs, std::vector<RunError>& errors, std::vector<CounterValue>& values) {
-  process_.EndSending();
-  for (GuardPacket packet; process_.Receive(&packet, sizeof(packet), true);) {
-    Take(packet, startNs, errors, values);
-  }
+void Guard::CutShort() {
+  if (isDone_ || Descriptor() < 0) return;
+  summary_.isCut = true;
+  process_.Break();
 }
 
 }  // namespace scope

@@ -57,9 +57,12 @@ std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes) {
   return huge + " and " + usual;
 }
 
-LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm)
+LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm, Signals* signals)
     : process_("the latency probe", "scope_latency",
                [bytes, cpu, &rhythm](int socket) { RunLatencyProbe(socket, bytes, cpu, rhythm); }) {
+  if (signals != nullptr && !process_.Await(*signals)) {
+    throw Interrupted("interrupted while the latency probe prepared its memory; nothing was recorded");
+  }
   LatencyPacket packet;
   const bool hasAnswer = process_.Receive(&packet, sizeof(packet), true);
   const LatencySetup& setup = packet.setup;

@@ -29,8 +29,9 @@ std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes);
 class LatencyProbe {
  public:
   /// Returns when the memory is prepared and the latency over its parts is known. `cpu` -1: the last one that
-  /// is allowed. Throws UserError if there is no such memory, or if it cannot have that CPU.
-  LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm = {});
+  /// is allowed. Throws UserError if there is no such memory, or if it cannot have that CPU, and Interrupted
+  /// if a signal comes from `signals`, which may be null.
+  LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm = {}, Signals* signals = nullptr);
 
   pid_t Id() const { return process_.Id(); }
   /// Readable when it has something to say; -1 after its end.

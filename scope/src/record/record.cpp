@@ -8,11 +8,11 @@
 #include <cmath>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <utility>
 
+#include "benchmark_command.h"
 #include "child_process.h"
 #include "conditions.h"
 #include "configuration.h"
@@ -47,7 +47,7 @@ constexpr std::size_t kTurnBytes = 16384;
 /// benchmark has to end.
 class Recording {
  public:
-  Recording(const RecordOptions& options, View& view)
+  Recording(const RecordOptions& options, View& view, Signals& signals)
       : options_(options), view_(view), limits_(LimitsOf(options)) {
     if (options.useMeter) preload_ = std::make_unique<PreloadPath>(FindMeter(options.meter));
     unsigned int runTimeS = 0;
@@ -59,13 +59,13 @@ class Recording {
     supervisor_ = std::make_unique<Supervisor>(limits_);
     if (!options.guard.empty()) {
       guard_ = std::make_unique<Guard>(GuardBytes(options.guard, AvailableBytes(options.systemRoot)),
-                                       options.guardRate);
+                                       options.guardRate, &signals);
     }
     if (options.latency) {
       latency_ = std::make_unique<LatencyProbe>(
           LatencyBytes(options.latencySize, ReadConditions(options.systemRoot).caches,
                        AvailableBytes(options.systemRoot)),
-          options.latencyCpu);
+          options.latencyCpu, LatencyRhythm(), &signals);
     }
     if (!options.control.empty()) control_ = std::make_unique<Control>(options.control, options.own.cpus);
     // First: a folder that is replaced loses its old run.
@@ -86,13 +86,13 @@ class Recording {
     run_->Begin();
     Start();
     try {
-      while (supervisor_->CurrentState() != Supervisor::State::kEnded) Step(signals);
+      while (!supervisor_->IsOver()) Step(signals);
     } catch (...) {
       view_.End();
       throw;
     }
     view_.End();
-    RecordResult result = Finish();
+    RecordResult result = Finish(signals);
     if (options_.failOver) {
       const std::vector<std::string> late = MissedTooOften(meter_->Deadlines(), *options_.failOver);
       for (const std::string& sentence : late) Tell(sentence);
@@ -103,7 +103,12 @@ class Recording {
 
  private:
   static Supervisor::Limits LimitsOf(const RecordOptions& options) {
-    return {FindBenchmark(options.benchmark), 0, options.stopAfterS, options.graceS, options.hangAfterS};
+    return {FindBenchmark(options.benchmark),
+            0,
+            options.stopAfterS,
+            options.graceS,
+            options.hangAfterS,
+            options.deathS};
   }
 
   void Start() {
@@ -111,28 +116,10 @@ class Recording {
     // Before the benchmark begins: what a counter of errors has now is not of this run.
     const std::vector<CounterValue> before = counters_->Read(0);
     meter_ = std::make_unique<MeterReader>(startNs_);
-    ChildProcess::Options child;
-    child.program = limits_.program;
-    child.arguments = {options_.config};
-    child.arguments.insert(child.arguments.end(), options_.extra.begin(), options_.extra.end());
-    child.takeErrors = true;
-    if (options_.useMeter) {
-      const char* const others = std::getenv("LD_PRELOAD");
-      const bool more = others != nullptr && *others != '\0';
-      child.environment = {{"LD_PRELOAD", more ? preload_->Text() + ":" + others : preload_->Text()},
-                           {kDescriptorVariable, std::to_string(meter_->ChildEnd())}};
-      if (!options_.fill.empty()) child.environment.emplace_back(kFillVariable, options_.fill);
-      if (!options_.own.cpus.empty())
-        child.environment.emplace_back(kPinVariable, OwnCpusText(options_.own, "="));
-      if (options_.verify) child.environment.emplace_back(kVerifyVariable, "1");
-      if (!options_.deadlines.empty()) {
-        child.environment.emplace_back(kDeadlinesVariable, DeadlinesText(options_.deadlines));
-      }
-      if (options_.dutyPercent < kWholeDuty)
-        child.environment.emplace_back(kDutyVariable, Format("%.6g", options_.dutyPercent));
-      child.inherit = meter_->ChildEnd();
-    }
-    child_ = std::make_unique<ChildProcess>(child);
+    const std::string preload = preload_ == nullptr ? "" : preload_->Text();
+    child_ = std::make_unique<ChildProcess>(
+        BenchmarkCommand(options_, limits_.program, preload, meter_->ChildEnd()));
+    supervisor_->BenchmarkStarted(child_->Id());
     meter_->CloseChildEnd();
     if (latency_ != nullptr) latency_->Begin(startNs_);
     counterTimeS_ = kCounterPeriodS;
@@ -155,7 +142,7 @@ class Recording {
     const bool ended = child_->HasEnded();
     ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
-    ReadGuard(false);
+    ReadGuard();
     ReadLatency(false);
     WatchControl();
     if (counterTimeS_ <= TimeS()) ReadCounters();
@@ -225,20 +212,33 @@ class Recording {
     }
   }
 
-  void ReadGuard(bool toItsEnd) {
+  void ReadGuard() {
     if (guard_ == nullptr) return;
     const bool wasWell = guard_->Fault().empty();
     std::vector<RunError> errors;
     std::vector<CounterValue> values;
-    if (toItsEnd) {
-      guard_->End(startNs_, errors, values);
-    } else {
-      guard_->Read(startNs_, errors, values);
-    }
+    guard_->Read(startNs_, errors, values);
     run_->Add(std::move(errors));
     run_->Add(values);
     if (wasWell && !guard_->Fault().empty()) {
       Fail(guard_->Fault() + ": memory was not guarded from then on", guard_->HasCrashed());
+    }
+  }
+
+  // Waits for its last walk, unless a signal comes.
+  void EndGuard(Signals& signals) {
+    guard_->BeginLastWalk();
+    while (guard_->Descriptor() >= 0) {
+      std::array<pollfd, 2> waits{{{signals.Descriptor(), POLLIN, 0}, {guard_->Descriptor(), POLLIN, 0}}};
+      (void)poll(waits.data(), waits.size(), kPollMs);
+      if (signals.TakeStop() && supervisor_->IsAnotherSignal(TimeS())) {
+        (void)supervisor_->SignalCame(TimeS());
+        guard_->CutShort();
+      }
+      ReadGuard();
+    }
+    if (guard_->Summary().isCut) {
+      Tell("the guard's last walk was cut short: what changed since the walk before it may not be found");
     }
   }
 
@@ -297,7 +297,7 @@ class Recording {
     run_->Add(values);
   }
 
-  RecordResult Finish() {
+  RecordResult Finish(Signals& signals) {
     const double durationS = TimeS();
     if (meter_->Unmeasured() != 0) {
       Tell("the meter did not measure " + Counted(meter_->Unmeasured(), "call") +
@@ -314,7 +314,7 @@ class Recording {
     run_->SetStreams(meter_->Streams());
     run_->SetChecks(meter_->Checks(), meter_->Deadlines());
     if (guard_ != nullptr) {
-      ReadGuard(true);
+      EndGuard(signals);
       run_->SetGuard(guard_->Summary());
       ReadMemoryControllers();
     }
@@ -338,6 +338,8 @@ class Recording {
     result.errors = run_->Errors();
     result.exported = exportFaults_.empty();
     result.hung = supervisor_->Hung();
+    result.stuck = supervisor_->CurrentState() == Supervisor::State::kStuck;
+    if (result.stuck) child_->GiveUp();
     result.recorderFailed = recorderFailed;
     return result;
   }
@@ -368,7 +370,7 @@ class Recording {
 }  // namespace
 
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals) {
-  return Recording(options, view).Run(signals);
+  return Recording(options, view, signals).Run(signals);
 }
 
 void CheckRecord(const RunSettings& settings) {

@@ -33,13 +33,16 @@ struct RecordResult {
   bool exported = true;      ///< false: an export file could not be written to the end. The run is whole
   bool late = false;         ///< more operations missed their deadline than RecordOptions::failOver
   bool hung = false;         ///< it failed because the benchmark did not end
+  bool stuck = false;        ///< SIGKILL did not end it either: it still runs
   /// It failed because the recorder did (a full disk, no meter): that says nothing about the board.
   bool recorderFailed = false;
 };
 
 /// Runs the benchmark under the meter, shows it in `view` and saves the run folder. A signal from `signals`
-/// stops the benchmark with SIGINT. Another one more than a second later kills it. The recording is saved in
-/// both cases. Throws UserError, before anything runs, for a configuration that cannot be read, a missing
+/// stops the benchmark with SIGINT. Another one more than a second later kills it. One that comes when it has
+/// ended cuts the guard's last walk short. The recording is saved in all cases. A benchmark that SIGKILL does
+/// not end is given up. Throws, before anything runs, Interrupted if a signal comes while the guard or the
+/// latency probe prepares its memory, and UserError for a configuration that cannot be read, a missing
 /// program or meter, or a folder that cannot be used. Threads: one call at a time, on the main thread.
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals);
 

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -74,8 +75,10 @@ bool CanStart(const std::string& command) {
 
 }  // namespace
 
-bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS) {
-  const auto begin = std::chrono::steady_clock::now();
+bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS, double deathS) {
+  using Clock = std::chrono::steady_clock;
+  using Seconds = std::chrono::duration<double>;
+  const auto begin = Clock::now();
   ChildProcess::Options options;
   options.program = "/bin/sh";
   // The shell is no foreground job: a command that reads the terminal would be stopped and never end.
@@ -85,18 +88,28 @@ bool RunSwitch(const std::string& command, bool show, Signals& signals, double m
   LineReader output;
   bool stopped = false;
   bool hangs = false;
+  std::optional<Clock::time_point> killed;
   while (!child.HasEnded()) {
     // A negative descriptor is not waited for: at its end, the output is readable without pause.
     pollfd waits[] = {{output.AtEnd() ? -1 : child.Output(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
     (void)poll(waits, 2, kLongestWaitMs);
     Forward(output, child.Output(), show);
     if (signals.TakeStop()) {
+      if (stopped && !killed) killed = Clock::now();
       child.Signal(stopped ? SIGKILL : SIGINT);
       stopped = true;
     }
-    hangs = hangs ||
-            (mostS > 0 && std::chrono::steady_clock::now() - begin > std::chrono::duration<double>(mostS));
+    hangs = hangs || (mostS > 0 && Clock::now() - begin > Seconds(mostS));
+    if (hangs && !killed) killed = Clock::now();
     if (hangs) child.Signal(SIGKILL);
+    if (killed && Clock::now() - *killed > Seconds(deathS)) {
+      child.GiveUp();
+      throw CommandStuck("the command, process " + std::to_string(child.Id()) +
+                         Format(", did not end within %g s of SIGKILL: it still runs, and disturbs what "
+                                "follows: ",
+                                deathS) +
+                         command);
+    }
   }
   Forward(output, child.Output(), show);
   if (stopped) return false;

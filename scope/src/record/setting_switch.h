@@ -4,6 +4,7 @@
 #include <string>
 
 #include "errors.h"
+#include "run.h"
 #include "signals.h"
 
 namespace scope {
@@ -20,13 +21,20 @@ class CommandHangs : public UserError {
   using UserError::UserError;
 };
 
+/// The same, and SIGKILL did not end it either: it still runs.
+class CommandStuck : public CommandHangs {
+ public:
+  using CommandHangs::CommandHangs;
+};
+
 /// Runs `command` in a shell and waits for its end. If `show`, its standard output and standard error go to
 /// this program's standard error, without what controls a terminal. True if it was done, false if a signal
 /// from `signals` ended it. Throws UserError if it ends with a failure; CommandMissing if that is 126 or 127
 /// and the first word of `command` is not a program that is there (also if a shell would change that word, so
 /// that nobody knows); and CommandHangs, when it has been killed, if it takes longer than `mostS` seconds (0:
-/// no limit).
-bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS = 0);
+/// no limit); CommandStuck, if it was killed for that or by a second signal and has not ended after `deathS`.
+bool RunSwitch(const std::string& command, bool show, Signals& signals, double mostS = 0,
+               double deathS = RunSettings().deathS);
 
 /// Asks the user on the terminal to make the setting `name`, and waits for Enter. False if a signal came
 /// instead. Throws UserError at the end of the input.

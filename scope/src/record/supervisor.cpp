@@ -15,8 +15,6 @@ constexpr double kUsualEndS = 2;
 // A worker ends with the operation that it is in. A benchmark that works for longer has missed its end.
 constexpr double kLongestEndS = 60;
 constexpr double kLongestEndGraces = 4;
-// One Ctrl-C may arrive twice: from the terminal, and from a parent program that passes it on.
-constexpr double kSameSignalS = 1;
 
 std::string Seconds(double seconds) {
   return Format("%.3g s", seconds);
@@ -32,16 +30,17 @@ Supervisor::Decision Supervisor::TimePassed(double nowS) {
     return {Ask(nowS), FirstHang(hang)};
   }
   if (state_ == State::kStopping && nowS > askedS_ + limits_.graceS) {
-    return {Kill(), FirstHang("the benchmark did not end within " + Seconds(limits_.graceS) +
-                              " of SIGINT and was killed")};
+    return {Kill(nowS), FirstHang("the benchmark did not end within " + Seconds(limits_.graceS) +
+                                  " of SIGINT and was killed")};
   }
+  if (state_ == State::kKilled && nowS > killedS_ + limits_.deathS) return {Send::kNothing, GiveUp()};
   return {};
 }
 
 Supervisor::Decision Supervisor::SignalCame(double nowS) {
   interrupted_ = true;
   if (state_ == State::kRunning) return {Ask(nowS), ""};
-  if (state_ == State::kStopping && nowS > askedS_ + kSameSignalS) return {Kill(), ""};
+  if (state_ == State::kStopping && nowS > askedS_ + kSameSignalS) return {Kill(nowS), ""};
   return {};
 }
 
@@ -65,9 +64,20 @@ Supervisor::Send Supervisor::Ask(double nowS) {
   return Send::kSigint;
 }
 
-Supervisor::Send Supervisor::Kill() {
+Supervisor::Send Supervisor::Kill(double nowS) {
   state_ = State::kKilled;
+  killedS_ = nowS;
   return Send::kSigkill;
+}
+
+// A driver may keep a process for ever. This is told beside the first fault, which may be why it was killed.
+std::string Supervisor::GiveUp() {
+  state_ = State::kStuck;
+  hung_ = hung_ || fault_.empty();
+  const std::string fault = "the benchmark, process " + std::to_string(process_) + ", did not end within " +
+                            Seconds(limits_.deathS) + " of SIGKILL: it still runs, and disturbs what follows";
+  fault_ += (fault_.empty() ? "" : "; ") + fault;
+  return fault;
 }
 
 // Only the first fault is kept: later ones follow from it.

@@ -15,8 +15,11 @@ class Supervisor {
     kRunning,
     kStopping,  ///< the benchmark was sent SIGINT
     kKilled,    ///< the benchmark was sent SIGKILL
+    kStuck,     ///< it was, and did not end: it is given up, and still runs
     kEnded,     ///< the benchmark has ended
   };
+  /// One Ctrl-C may arrive twice: from the terminal, and from a parent program that passes it on.
+  static constexpr double kSameSignalS = 1;
 
   /// A signal to send to the benchmark.
   enum class Send { kNothing, kSigint, kSigkill };
@@ -35,6 +38,7 @@ class Supervisor {
     /// benchmark may work for a minute, or four times this if that is longer.
     double graceS = 15;
     double hangAfterS = 0;  ///< longest silence at any time; 0: no limit
+    double deathS = 10;     ///< longest time to end after SIGKILL
   };
 
   enum class Meter {
@@ -53,6 +57,8 @@ class Supervisor {
 
   explicit Supervisor(const Limits& limits) : limits_(limits) {}
 
+  /// The benchmark runs as this process.
+  void BenchmarkStarted(long process) { process_ = process; }
   /// The benchmark printed a line or did an operation at `timeS`, which may lie in the past.
   void SignOfLife(double timeS) { lastLifeS_ = std::max(lastLifeS_, timeS); }
   /// Checks the time limits. Call it a few times a second.
@@ -64,6 +70,10 @@ class Supervisor {
   Decision BenchmarkEnded(const Ending& ending);
 
   State CurrentState() const { return state_; }
+  /// True when there is nothing left to wait for: the benchmark has ended or was given up.
+  bool IsOver() const { return state_ == State::kEnded || state_ == State::kStuck; }
+  /// True if a signal at `nowS` is another one than that which asked the benchmark to end.
+  bool IsAnotherSignal(double nowS) const { return !interrupted_ || nowS > askedS_ + kSameSignalS; }
   /// True after SIGINT or SIGTERM came.
   bool Interrupted() const { return interrupted_; }
   /// True if the fault is that the benchmark did not end.
@@ -75,7 +85,8 @@ class Supervisor {
 
  private:
   Send Ask(double nowS);
-  Send Kill();
+  Send Kill(double nowS);
+  std::string GiveUp();
   std::string FirstFault(const std::string& fault);
   /// The same for a benchmark that did not end.
   std::string FirstHang(const std::string& fault);
@@ -87,6 +98,8 @@ class Supervisor {
   State state_ = State::kRunning;
   double lastLifeS_ = 0;
   double askedS_ = 0;
+  double killedS_ = 0;
+  long process_ = 0;
   bool interrupted_ = false;
   bool hung_ = false;
   bool recorderFailed_ = false;

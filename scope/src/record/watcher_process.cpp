@@ -2,6 +2,7 @@
 #include "watcher_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -12,8 +13,6 @@
 #include <cstring>
 #include <stdexcept>
 #include <utility>
-
-#include "signals.h"
 
 namespace scope {
 namespace {
@@ -94,6 +93,21 @@ bool WatcherProcess::Receive(void* packet, std::size_t bytes, bool waits) {
     Reap();
   }
   return false;
+}
+
+bool WatcherProcess::Await(Signals& signals) const {
+  pollfd waits[] = {{descriptor_, POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
+  while (descriptor_ >= 0) {
+    (void)poll(waits, 2, -1);
+    if (signals.TakeStop()) return false;
+    if (waits[0].revents != 0) break;
+  }
+  return true;
+}
+
+void WatcherProcess::Break() {
+  ExpectEnd();
+  if (id_ > 0) (void)kill(id_, SIGKILL);
 }
 
 void WatcherProcess::Send(const void* packet, std::size_t bytes) const {

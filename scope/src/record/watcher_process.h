@@ -7,6 +7,8 @@
 #include <functional>
 #include <string>
 
+#include "signals.h"
+
 namespace scope {
 
 /// A process of its own that works beside the benchmark and sends packets to the recorder. It never outlives
@@ -31,6 +33,8 @@ class WatcherProcess {
   /// True if `packet` got the next packet, which must have `bytes`. Without one it waits if `waits`. After
   /// the end of the process there is none.
   bool Receive(void* packet, std::size_t bytes, bool waits);
+  /// Waits until there is a packet, or the process has ended. False if SIGINT or SIGTERM came before.
+  bool Await(Signals& signals) const;
   /// Sends a packet to the process.
   void Send(const void* packet, std::size_t bytes) const;
   /// The process reads the end of its socket: nothing more is sent to it.
@@ -38,6 +42,8 @@ class WatcherProcess {
 
   /// The process has said that it ends: its end is no fault.
   void ExpectEnd() { endIsExpected_ = true; }
+  /// Ends it at once, which is no fault. What it has sent can still be received.
+  void Break();
   /// Kills it. How it ended before is in Fault.
   void Kill();
   /// Why it ended before it was expected; empty if it did not.

@@ -175,7 +175,8 @@ static void to_json(Json& json, const GuardSummary& guard) {
           {"guarded_s", guard.guardedS},
           {"cpu_s", guard.cpuS},
           {"errors", guard.errors},
-          {"unlisted", guard.unlisted}};
+          {"unlisted", guard.unlisted},
+          {"cut", guard.isCut}};
 }
 
 static void from_json(const Json& json, GuardSummary& guard) {
@@ -188,6 +189,7 @@ static void from_json(const Json& json, GuardSummary& guard) {
   Take(json, "cpu_s", guard.cpuS);
   Take(json, "errors", guard.errors);
   Take(json, "unlisted", guard.unlisted);
+  Take(json, "cut", guard.isCut);
 }
 
 static void to_json(Json& json, const LatencyGrowth& growth) {
