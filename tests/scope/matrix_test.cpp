@@ -22,6 +22,7 @@
 #include "error_of.h"
 #include "latency_buckets.h"
 #include "made_curve.h"
+#include "made_run.h"
 #include "margin_search.h"
 #include "matrix_folder.h"
 #include "matrix_plan.h"
@@ -39,6 +40,7 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::DoubleEq;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -207,7 +209,9 @@ TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
     if (run.part == MatrixPart::kWith) Put(run.folder, 100 + off, 300, 2, 0);
   }
   const MatrixTable table = ReadMatrixTable(Folder(), matrix);
-  EXPECT_THAT(table.notes, IsEmpty());
+  EXPECT_THAT(table.notes, ElementsAre(HasSubstr("that by CPU too large"))) << "it has no CPU of its own";
+  matrix.ownCpus = {1};
+  EXPECT_THAT(ReadMatrixTable(Folder(), matrix).notes, IsEmpty());
   ASSERT_THAT(table.cells, SizeIs(1));
   const MatrixCell& cell = table.cells[0];
   EXPECT_NEAR(cell.byMemory->value, 60, 0.5);
@@ -238,6 +242,7 @@ TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
 TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
   Matrix matrix = Planned({"CPU=0,2"}, {"latency"}, 2);
   matrix.settings.warmupS = 1;
+  matrix.ownCpus = {1};
   matrix.runs = PlanMatrix(matrix);
   for (MatrixRun& run : matrix.runs) {
     run.state = SweepState::kDone;
@@ -251,7 +256,7 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
   }
   const MatrixTable table = ReadMatrixTable(Folder(), matrix);
   ASSERT_THAT(table.cells, SizeIs(1));
-  EXPECT_THAT(table.cells[0].alone.main, ElementsAre(101, 102)) << "ns";
+  EXPECT_THAT(table.cells[0].alone.main, ElementsAre(DoubleEq(101), DoubleEq(102))) << "ns";
   EXPECT_THAT(table.cells[0].with.p99Us, ElementsAre(0.442, 0.444));
   EXPECT_NEAR(table.cells[0].byMemory->value, 98.7, 0.1);
   EXPECT_EQ(table.latency, "256 MiB in pages of 2 MiB, CPU 1");
@@ -259,6 +264,34 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
                                        "latency of 2 runs: the probe had no CPU of its own: it is taken"));
   EXPECT_THAT(MatrixText(matrix, table),
               HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"));
+}
+
+// The seconds in which aggressors begin and end are no seconds under load.
+TEST_F(MatrixTest, TheLatencyIsThatUnderLoad) {
+  Matrix matrix = Planned({"CPU=0,2"}, {"latency"}, 1);
+  matrix.runs = PlanMatrix(matrix);
+  for (MatrixRun& run : matrix.runs) {
+    const bool isAlone = run.part == MatrixPart::kAlone;
+    if (run.part != MatrixPart::kWith && !isAlone) continue;
+    run.state = SweepState::kDone;
+    scope::Run made = made_run::Run();
+    made_run::AddLatency(made);
+    made.info.conditions.kernel = isAlone ? "one" : "another";
+    // The aggressors work from second 29 to 34.
+    const auto isIdle = [&](const Sample& sample) {
+      return isAlone || sample.timeS < 29 || sample.timeS > 34;
+    };
+    made.samples.erase(std::remove_if(made.samples.begin(), made.samples.end(), isIdle), made.samples.end());
+    for (LatencySecond& second : made.latency) {
+      second.p50Ns = !isAlone && second.second >= 30 && second.second <= 33 ? 150 : 100;
+    }
+    made_run::Write(made, Folder() + "/" + run.folder);
+  }
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  ASSERT_THAT(table.cells, SizeIs(1));
+  EXPECT_THAT(table.cells[0].alone.main, ElementsAre(100));
+  EXPECT_THAT(table.cells[0].with.main, ElementsAre(150)) << "most seconds have no load";
+  EXPECT_THAT(table.notes, ::testing::Contains(HasSubstr("the runs differ in kernel")));
 }
 
 TEST_F(MatrixTest, SaysWhatIsMissing) {
@@ -655,10 +688,13 @@ TEST_F(MatrixProgramTest, LooksForTheWorstMixAndGoesOnAfterAFailure) {
       second.output,
       AllOf(HasSubstr(
                 "The worst mix for VPC=1 is CPU=2: slower by +66.7 % in all, by +66.7 % because of memory"),
+            HasSubstr("Than beside the next one, CPU=1, it is slower by +33.3 %. That is too few runs"),
             HasSubstr("The search made 2 of the 2 runs with aggressors")));
   const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
   EXPECT_EQ(json["worst"]["aggressors"], nlohmann::json::parse(R"({"CPU": 2})"));
   EXPECT_EQ(json["worst"]["all_runs"], 2);
+  EXPECT_EQ(json["worst"]["next"], nlohmann::json::parse(R"({"CPU": 1})"));
+  EXPECT_NEAR(json["worst"]["slower_than_next"]["percent"].get<double>(), 100.0 / 3, 0.1);
   EXPECT_EQ(json["complete"], true);
   // A run that cannot be read any more.
   std::filesystem::remove(Folder() + "/run-0002/run.json");

@@ -103,4 +103,12 @@ std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, 
   return differences;
 }
 
+void NoteConditions(const std::vector<Run>& runs, const std::set<std::string>& planned,
+                    std::vector<std::string>& notes) {
+  for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
+    if (planned.count(difference.name) != 0) continue;
+    notes.push_back("the runs differ in " + difference.name + ": " + difference.a);
+  }
+}
+
 }  // namespace scope

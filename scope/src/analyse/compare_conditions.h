@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ struct ConditionDifference {
 };
 /// The keys of run.json that must agree and do not, and one entry "config" for each setting that differs.
 std::vector<ConditionDifference> DifferentConditions(const std::vector<Run>& a, const std::vector<Run>& b);
+/// Adds a note for each condition that differs between the runs of a series, without those that are `planned`
+/// to differ.
+void NoteConditions(const std::vector<Run>& runs, const std::set<std::string>& planned,
+                    std::vector<std::string>& notes);
 /// All names that DifferentConditions can return.
 std::vector<std::string> ConditionNames();
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "compare_conditions.h"
 #include "compare_figures.h"
 #include "engines.h"
 #include "errors.h"
@@ -42,20 +43,17 @@ struct VictimValues {
 
 // None if the victim did not work after the warm-up.
 std::optional<VictimValues> ValuesOf(const Run& run, const std::string& section, double warmupS) {
+  const auto figures = FiguresOf(Summarise(run), warmupS);
   if (section == kLatencyVictim) {
-    std::vector<double> medians;
-    std::vector<double> tails;
-    for (const LatencySecond& second : run.latency) {
-      if (second.accesses == 0 || second.timeS - kCounterPeriodS / 2 < warmupS) continue;
-      medians.push_back(static_cast<double>(second.p50Ns));
-      tails.push_back(static_cast<double>(second.p99Ns) * 1e-3);
-    }
-    if (medians.empty()) return std::nullopt;
-    return VictimValues{Median(medians), Median(tails)};
+    const auto median = figures.find({kMemory, Figure::kP50});
+    const auto tail = figures.find({kMemory, Figure::kP99});
+    if (median == figures.end() || tail == figures.end()) return std::nullopt;
+    constexpr double kNsPerMicrosecond = 1000;
+    return VictimValues{ValueOf(Figure::kP50, median->second) * kNsPerMicrosecond,
+                        ValueOf(Figure::kP99, tail->second)};
   }
   const EngineInfo* const engine = FindEngine(&EngineInfo::section, section);
   if (engine == nullptr) return std::nullopt;
-  const auto figures = FiguresOf(Summarise(run), warmupS);
   const auto rate = figures.find({engine->id, Figure::kOperations});
   if (rate == figures.end()) return std::nullopt;
   VictimValues values;
@@ -63,6 +61,11 @@ std::optional<VictimValues> ValuesOf(const Run& run, const std::string& section,
   const auto tail = figures.find({engine->id, Figure::kP99});
   if (tail != figures.end()) values.p99Us = ValueOf(Figure::kP99, tail->second);
   return values;
+}
+
+// A figure that grows with it.
+double SlownessOf(double main, bool isLatency) {
+  return isLatency ? main : 1 / main;
 }
 
 std::string NameOf(const Matrix& matrix, const MatrixRun& run) {
@@ -91,7 +94,11 @@ class TableReader {
       table_.notes.push_back("not done: " + std::to_string(missing) + " of " +
                              Counted(matrix_.runs.size(), "run"));
     }
+    // Parts of a matrix differ in these by plan. TakeLatency looks at that of the latency.
+    NoteConditions(infos_, {"levels", "control", "own_cpus", "latency"}, table_.notes);
+    NoteShared();
     for (MatrixCell& cell : table_.cells) Finish(cell);
+    FindNext();
     std::stable_sort(table_.cells.begin(), table_.cells.end(), [](const MatrixCell& a, const MatrixCell& b) {
       constexpr double kUnknown = -1000;
       const auto strength = [](const MatrixCell& cell) {
@@ -107,6 +114,9 @@ class TableReader {
     try {
       const Run recorded = ReadRun(folder_ + "/" + run.folder);
       ++table_.done;
+      Run info;
+      info.info = recorded.info;
+      infos_.push_back(std::move(info));
       const double warmupS = matrix_.settings.warmupS;
       const std::string disturbance = Disturbance(recorded, warmupS).text;
       if (!disturbance.empty()) disturbances_.push_back(NameOf(matrix_, run) + ": " + disturbance);
@@ -144,6 +154,39 @@ class TableReader {
     return run.part == MatrixPart::kWith ? cell->with : cell->control;
   }
 
+  static bool HasControl(const MatrixCell& cell) { return !cell.control.main.empty(); }
+
+  void NoteShared() {
+    if (!matrix_.ownCpus.empty() || std::none_of(table_.cells.begin(), table_.cells.end(), HasControl))
+      return;
+    table_.notes.emplace_back(
+        "the victim shares its CPUs with the aggressors, which get less of them beside it; the control takes "
+        "what they took without it: the slowdown by memory is shown too small, that by CPU too large");
+  }
+
+  // Only the worst mix has a control.
+  void FindNext() {
+    const auto worst = std::find_if(table_.cells.begin(), table_.cells.end(), HasControl);
+    if (!matrix_.worst || worst == table_.cells.end()) return;
+    const bool isLatency = worst->victim.section == kLatencyVictim;
+    std::map<std::size_t, const MatrixCell*> cells;
+    for (const MatrixCell& cell : table_.cells) {
+      const std::optional<std::size_t> number = MixNumber(matrix_, cell.mix);
+      if (&cell != &*worst && number) cells[*number] = &cell;
+    }
+    if (cells.empty()) return;
+    std::vector<Slowness> others(cells.rbegin()->first + 1);
+    for (const auto& [number, cell] : cells) {
+      for (const double main : cell->with.main) {
+        if (main > 0) others[number].push_back(SlownessOf(main, isLatency));
+      }
+    }
+    const std::vector<std::size_t> ranked = WorstMixes(WorstGridOf(matrix_), others);
+    if (ranked.empty()) return;
+    const MatrixCell& next = *cells.at(ranked.front());
+    table_.next = NextWorst{next.mix, SlowdownOf(next.with.main, worst->with.main, isLatency)};
+  }
+
   void Finish(MatrixCell& cell) {
     cell.alone = alone_[cell.victim.section];
     const auto load = loads_.find(cell.mix);
@@ -179,6 +222,7 @@ class TableReader {
   std::map<std::string, MatrixFigures> alone_;
   std::map<SweepLevels, double> loads_;
   std::vector<std::string> disturbances_;
+  std::vector<Run> infos_;  ///< the runs without their rows
   std::vector<LatencyDoubt> doubts_;
 };
 
@@ -203,7 +247,7 @@ std::vector<Slowness> ReadSlowness(const std::string& folder, const Matrix& matr
     if (main == 0) {
       slowness[*mix].push_back(kNever);
     } else {
-      slowness[*mix].push_back(victim == kLatencyVictim ? main : 1 / main);
+      slowness[*mix].push_back(SlownessOf(main, victim == kLatencyVictim));
     }
   }
   return slowness;

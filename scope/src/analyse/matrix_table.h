@@ -50,12 +50,20 @@ struct MatrixCell {
   std::optional<MemoryShare> memoryShare;
 };
 
+/// The mix that comes after the one that a search has found.
+struct NextWorst {
+  SweepLevels mix;
+  /// How much slower the victim is beside the worst mix than beside this one.
+  std::optional<SlowdownPercent> behind;
+};
+
 struct MatrixTable {
   std::vector<MatrixCell> cells;  ///< those with a finished run, the strongest by memory first
   std::size_t done = 0;           ///< finished runs
   std::size_t withRuns = 0;       ///< of them, those of victims with aggressors
   /// What the latency of memory is of: "256 MiB in pages of 2 MiB, CPU 1"; empty without that victim.
   std::string latency;
+  std::optional<NextWorst> next;  ///< of a search that has found a mix, and tried another one
   std::vector<std::string> notes;
 };
 

@@ -21,13 +21,6 @@ namespace {
 
 const FigureKey kTotal = {kAllEngines, Figure::kBandwidth};
 
-void NoteConditions(const std::vector<Run>& runs, std::vector<std::string>& notes) {
-  for (const ConditionDifference& difference : DifferentConditions(runs, runs)) {
-    if (difference.name == "levels" || difference.name == "duty") continue;
-    notes.push_back("the runs differ in " + difference.name + ": " + difference.a);
-  }
-}
-
 void NoteStreams(const std::vector<Run>& runs, std::vector<std::string>& notes) {
   std::vector<const Run*> all;
   for (const Run& run : runs) all.push_back(&run);
@@ -120,7 +113,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const R
                           Counted(sweep.runs.size(), "run"));
   }
   NoteStreams(runs, table.notes);
-  if (!runs.empty()) NoteConditions(runs, table.notes);
+  if (!runs.empty()) NoteConditions(runs, {"levels", "duty"}, table.notes);
   table.engines = EnginesOf(keys);
   return table;
 }

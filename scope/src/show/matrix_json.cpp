@@ -58,6 +58,10 @@ Json MatrixData(const std::string& folder, const Matrix& matrix, const MatrixTab
     for (const MatrixCell& cell : table.cells) {
       if (!cell.control.main.empty()) worst["aggressors"] = LevelsJson(cell.mix);
     }
+    if (table.next) {
+      worst["next"] = LevelsJson(table.next->mix);
+      worst["slower_than_next"] = SlowdownJson(table.next->behind);
+    }
   }
   return Json{{"format", 1},
               {"kind", "matrix"},

@@ -40,6 +40,17 @@ std::string CpusText(const MatrixCell& cell) {
   return load + " / " + (cell.control.cpus.empty() ? "-" : Format("%.2f", Median(cell.control.cpus)));
 }
 
+// Whether the search can tell the worst mix from the one after it.
+std::string NextSentence(const MatrixTable& table) {
+  if (!table.next) return "It tried no other mix.";
+  const std::optional<SlowdownPercent>& behind = table.next->behind;
+  const std::string text = "Than beside the next one, " + PointText(table.next->mix) + ", it is slower by " +
+                           SlowdownText(behind) + ".";
+  if (behind && behind->low && *behind->low > 0) return text;
+  return text + (behind && behind->low ? " These runs cannot tell the two apart."
+                                       : " That is too few runs to tell the two apart.");
+}
+
 // The worst mix is the only one that has a control.
 std::vector<std::string> WorstSentences(const Matrix& matrix, const MatrixTable& table) {
   const MatrixCell* worst = nullptr;
@@ -53,7 +64,7 @@ std::vector<std::string> WorstSentences(const Matrix& matrix, const MatrixTable&
   return {"The worst mix for " + VictimText(worst->victim) + " is " + PointText(worst->mix) + ": slower by " +
               SlowdownText(worst->total) + " in all, by " + SlowdownText(worst->byMemory) +
               " because of memory.",
-          made};
+          NextSentence(table), made};
 }
 
 // Cells are in order of their slowdown by memory.
@@ -94,8 +105,11 @@ std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable
 std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size_t width) {
   std::string text = OwnCpusSentence(matrix) + "\n";
   if (!table.latency.empty()) text += "The latency is that of " + Printable(table.latency) + ".\n";
-  text += Format("Medians after a warm-up of %g s; slowdowns with their intervals of 95 %%\n",
-                 matrix.settings.warmupS);
+  text += Format(
+      "Medians of the runs after a warm-up of %g s; slowdowns are ratios of geometric means with intervals "
+      "of "
+      "95 %%\n",
+      matrix.settings.warmupS);
   TextTable rows("ll");
   rows.Add({"victim", "aggressors", "by memory", "by CPU", "alone", "control", "with", "p99 alone", "with",
             "CPUs of aggressors / control"});
