@@ -2,17 +2,17 @@
 
 // The page of curves: latency of memory over bandwidth on common axes, what each curve says, and its points.
 
-const kCurveColours = ['#0072b2', '#d55e00', '#009e73', '#aa4499', ...kMoreColours];
+const kCurveColours = ['#0072b2', '#d55e00', '#009e73', '#aa4499', ...kMoreColours, '#882255'];
 const kTails = [{key: 'latency_p99_ns', name: 'p99'}, {key: 'latency_p999_ns', name: 'p99.9'}];
 
 function curveNames({curves}) {
   return curves.map(({folder, mix}) => `${folder} (${mix})`);
 }
 
-// A point has its interval in both directions, and its text where one is given.
+// A point has its interval in both directions, its name, and a text beside it where one is given.
 function curvePoint(point, key, text) {
   return {
-    x: point.gb_per_s, y: point[key], text,
+    x: point.gb_per_s, y: point[key], name: point.name, text,
     xLow: point.gb_per_s_low, xHigh: point.gb_per_s_high, low: point[`${key}_low`], high: point[`${key}_high`],
   };
 }
@@ -20,24 +20,31 @@ function curvePoint(point, key, text) {
 function curveLine(curve, at, key, style) {
   const points = curve.points.filter((point) => point.gb_per_s !== null && point[key] !== null);
   return {colour: kCurveColours[at % kCurveColours.length], dash: kDashes[at % kDashes.length],
-    marker: kMarkers[at % kMarkers.length], weight: kStrong,
+    marker: kMarkers[at % kMarkers.length], weight: kStrong, curve: at,
     points: points.map((point) => curvePoint(point, key, style.labelled && point.name)), ...style};
 }
 
 function curveMarks(curves) {
-  const named = (text, at) => (curves.length > 1 ? `${text} ${at + 1}` : text);
+  const several = curves.length > 1;
+  const mark = (x, text, at) => ({x, text: several ? `${text} ${at + 1}` : text, curve: at,
+    colour: several ? kCurveColours[at % kCurveColours.length] : null});
   return curves.flatMap(({knee, saturation}, at) => [
-    ...(knee ? [{x: knee.gb_per_s, text: named('knee', at)}] : []),
-    ...(saturation?.reached ? [{x: saturation.gb_per_s, text: named('saturation', at)}] : []),
+    ...(knee ? [mark(knee.gb_per_s, 'knee', at)] : []),
+    ...(saturation?.reached ? [mark(saturation.gb_per_s, 'saturation', at)] : []),
   ]);
 }
 
 function latencyChart(id, title, curves, series) {
   const values = series.flatMap(({points}) => points);
-  const widened = (most) => (most > 0 ? most * 1.1 : 1); // room for texts and intervals
+  // Intervals are within the axes, and there is room for texts; but one that is very long does not squeeze the points.
+  const end = (value, limit) => {
+    const most = greatest(values.map((point) => point[value]));
+    const farthest = greatest(values.map((point) => point[limit] ?? 0));
+    return most > 0 ? Math.max(most, Math.min(farthest, 2 * most)) * 1.1 : 1;
+  };
   return {id, title, broad: true, tall: true, marks: curveMarks(curves), series: series.filter(isDrawn),
-    x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: widened(greatest(values.map(({x}) => x)))},
-    y: {title: 'Latency of an access to memory (ns)', max: widened(greatest(values.map(({y}) => y)))}};
+    x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: end('x', 'xHigh')},
+    y: {title: 'Latency of an access to memory (ns)', max: end('y', 'high')}};
 }
 
 function curvesCharts(data) {
@@ -89,7 +96,7 @@ function curvePointRow(point) {
 function curvePointsSection(data) {
   const names = curveNames(data);
   const titles = ['Point', 'Runs', 'GB/s', 'p50 (ns)', 'p99 (ns)', 'p99.9 (ns)', 'Longest (ns)'];
-  return section('Points', el('p', {class: 'absent'}, 'Means over the repeats, with the interval of 95 %.'),
+  return section('Points', el('p', {class: 'absent'}, 'Means over the repeats, with the interval of 95 %. The longest access is that of all repeats.'),
       ...data.curves.flatMap((curve, at) => [
         ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
         table('figures points', titles, [], curve.points.map(curvePointRow))]));

@@ -52,6 +52,7 @@ function dataset(series, chart) {
     fill: series.fill ? (chart.stacked ? 'stack' : 'origin') : false,
     stepped: Boolean(chart.stepped),
     pointStyle: series.marker,
+    curve: series.curve,
     pointRadius: series.points.map((_, at) => (marked || isAlone(series.points, at) ? 2.5 : 0)),
     pointHitRadius: 6,
     spanGaps: false,
@@ -129,18 +130,23 @@ const kWarningMarks = {
   afterDatasetsDraw(drawn, _, {marks}) {
     const {ctx, chartArea, scales} = drawn;
     ctx.save();
-    ctx.strokeStyle = ctx.fillStyle = styleColour('--mark');
     ctx.setLineDash([3, 3]);
     ctx.font = `bold 12px ${Chart.defaults.font.family}`;
-    const found = (marks ?? []).map(({x, text}) => ({left: scales.x.getPixelForValue(x), text})).sort((a, b) => a.left - b.left);
-    for (const {left} of found) {
+    // Those of a curve are hidden with it.
+    const isShown = ({curve}) => curve === undefined ||
+        drawn.data.datasets.some((set, i) => set.curve === curve && drawn.isDatasetVisible(i));
+    const found = (marks ?? []).filter(isShown).map(({x, text, colour}) => ({left: scales.x.getPixelForValue(x), text,
+      colour: colour ? onGround(colour) : styleColour('--mark')})).sort((a, b) => a.left - b.left);
+    for (const {left, colour} of found) {
+      ctx.strokeStyle = colour;
       ctx.beginPath();
       ctx.moveTo(left, chartArea.top);
       ctx.lineTo(left, chartArea.bottom);
       ctx.stroke();
     }
     const rows = []; // how far right each one is taken
-    for (const {left, text} of found) {
+    for (const {left, text, colour} of found) {
+      ctx.fillStyle = colour;
       const width = ctx.measureText(text).width;
       const fits = left + 3 + width <= chartArea.right;
       const begin = fits ? left + 3 : left - 3 - width;
@@ -225,7 +231,7 @@ function draw(canvas, chart, isStrip) {
         tooltip: {
           callbacks: {
             title: (items) => `${chart.x.title.split(' (')[0]}: ${shortNumber(items[0].parsed.x)}`,
-            label: (item) => `${item.dataset.label}: ${shortNumber(item.parsed.y)}`,
+            label: ({dataset: {label}, parsed, raw}) => `${label}: ${shortNumber(parsed.y)}${raw.name ? ` (${raw.name})` : ''}`,
           },
         },
       },

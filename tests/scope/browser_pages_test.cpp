@@ -319,7 +319,15 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   made_curve::Write(folder_ / "fast", made_curve::Queue, 2);
   made_curve::Write(folder_ / "slow", made_curve::SlowQueue, 2);
   const std::string page = PageOf({"compare", folder_ / "fast", folder_ / "slow"},
-                                  "extra = {fits: document.documentElement.scrollWidth <= innerWidth};", 1);
+                                  "const {options, data} = Chart.getChart('latency');"
+                                  "const point = data.datasets[0].data[3];"
+                                  "const line = {dataset: {label: 'A'}, parsed: {y: point.y}, raw: point};"
+                                  "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
+                                  " tip: options.plugins.tooltip.callbacks.label(line),"
+                                  " colours: options.plugins.warningMarks.marks.map(({colour}) => colour),"
+                                  " reach: options.scales.x.max - Math.max(...data.datasets.flatMap((set) =>"
+                                  " set.data.map(({xHigh}) => xHigh ?? 0)))};",
+                                  1);
   const Visit visit = Open(page, "curves_1280_light", 1280, 3400);
   ExpectQuiet(visit);
   EXPECT_THAT(visit.ChartIds(), ElementsAre("latency", "tails"));
@@ -335,6 +343,9 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   EXPECT_NEAR(chart["series"][0]["points"][0][1].get<double>(), 100, 1e-6);
   EXPECT_EQ(chart["marks"].size(), 4U);
   EXPECT_EQ(chart["marks"][1]["text"], "saturation 1");
+  EXPECT_EQ(visit.page["extra"]["colours"], json::parse(R"(["#0072b2", "#0072b2", "#d55e00", "#d55e00"])"));
+  EXPECT_EQ(visit.page["extra"]["tip"], "A: 113 (CPU=1 at 33.3 %)");
+  EXPECT_GE(visit.page["extra"]["reach"].get<double>(), 0) << "intervals are within the axis";
   EXPECT_GT(chart["drawn"], 500);
   EXPECT_EQ(visit.Chart("tails")["series"].size(), 4U);
   EXPECT_EQ(visit.Row("figures verdicts two", {"idle"})[3], "worse");

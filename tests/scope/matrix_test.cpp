@@ -283,12 +283,13 @@ TEST_F(MatrixTest, TheLatencyIsThatUnderLoad) {
     };
     made.samples.erase(std::remove_if(made.samples.begin(), made.samples.end(), isIdle), made.samples.end());
     for (LatencySecond& second : made.latency) {
-      second.p50Ns = !isAlone && second.second >= 30 && second.second <= 33 ? 150 : 100;
+      if (second.accesses != 0)
+        second.p50Ns = !isAlone && second.second >= 30 && second.second <= 33 ? 150 : 100;
     }
     made_run::Write(made, Folder() + "/" + run.folder);
   }
   const MatrixTable table = ReadMatrixTable(Folder(), matrix);
-  ASSERT_THAT(table.cells, SizeIs(1));
+  ASSERT_THAT(table.cells, SizeIs(1)) << ::testing::PrintToString(table.notes);
   EXPECT_THAT(table.cells[0].alone.main, ElementsAre(100));
   EXPECT_THAT(table.cells[0].with.main, ElementsAre(150)) << "most seconds have no load";
   EXPECT_THAT(table.notes, ::testing::Contains(HasSubstr("the runs differ in kernel")));
