@@ -16,8 +16,6 @@
 namespace scope {
 namespace {
 
-using Runs = std::vector<const Run*>;
-
 // Channels may have different engines, and the meter does not see which one a channel has.
 bool HasMixedEngines(const Run& run) {
   std::set<std::string> engines;
@@ -69,7 +67,7 @@ struct Deviation {
 
 }  // namespace
 
-std::vector<std::string> DifferentStreams(const Runs& runs) {
+std::vector<std::string> DifferentStreams(const std::vector<const Run*>& runs) {
   // From the encoder, the key of its streams and the group to the runs that have it.
   std::map<std::pair<std::pair<std::string, std::string>, std::size_t>, Hashes> all;
   for (const Run* run : runs) {
