@@ -296,6 +296,7 @@ TEST_F(RecordTest, WhatMemoryControllersCountDuringTheLastWalkIsAnErrorOfTheRun)
       folder_,
       [&guard] {
         guard = guarded::Process();
+        ASSERT_GT(guard, 0);
         ASSERT_EQ(kill(guard, SIGSTOP), 0);
       },
       [&] {
@@ -306,7 +307,7 @@ TEST_F(RecordTest, WhatMemoryControllersCountDuringTheLastWalkIsAnErrorOfTheRun)
             isGrown = folder_.Get("run/counters.csv").size() > before;
           }
           folder_.Put(counter, "9\n");
-          (void)kill(guard, SIGCONT);
+          if (guard > 0) (void)kill(guard, SIGCONT);
         });
       });
   growth.join();
@@ -328,6 +329,7 @@ TEST_F(RecordTest, ASignalCutsTheLastWalkShortAndTheRunSaysSo) {
       folder_,
       [&guard] {
         guard = guarded::Process();
+        ASSERT_GT(guard, 0);
         ASSERT_EQ(kill(guard, SIGSTOP), 0);
       },
       [] { ASSERT_EQ(kill(getpid(), SIGINT), 0); });
@@ -395,7 +397,8 @@ TEST_F(RecordTest, ALatencyProbeThatCrashesIsOfTheBoardAndLosesNothingElse) {
   bool isCrashed = false;
   const scope::RecordResult result = RecordLatency(folder_, [&isCrashed] {
     std::this_thread::sleep_for(std::chrono::seconds(2));
-    isCrashed = kill(guarded::Process("scope_latency"), SIGABRT) == 0;
+    const pid_t probe = guarded::Process("scope_latency");
+    isCrashed = probe > 0 && kill(probe, SIGABRT) == 0;
   });
   ASSERT_TRUE(isCrashed);
   EXPECT_FALSE(result.complete);

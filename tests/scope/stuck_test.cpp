@@ -34,8 +34,10 @@ class StuckTest : public ::testing::Test {
   // Who keeps the program from its end; 0 before it runs.
   pid_t Holder() const { return std::atoi(folder_.Get("holder").c_str()); }
   bool IsHeld() const { return Holder() > 0 && kill(Holder(), 0) == 0; }
+  // Once: its number may then be that of another process.
   void LetGo() const {
     if (Holder() > 0) (void)kill(Holder(), SIGKILL);
+    folder_.Put("holder", "");
   }
 
   TemporaryFolder folder_;
