@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +28,11 @@ inline pid_t Process(const std::string& wanted = "scope_guard") {
     if (name == "(" + wanted + ")" && parent == getpid()) return id;
   }
   return -1;
+}
+
+/// True if the process has got the signal. -1 gets none: it would mean all processes.
+inline bool Signal(pid_t process, int signal) {
+  return process > 0 && kill(process, signal) == 0;
 }
 
 /// The address of its memory, which has `bytes`: a mapping of this size between two pages that nobody may

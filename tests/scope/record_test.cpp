@@ -275,7 +275,7 @@ TEST_F(RecordTest, WhatTheGuardFindsIsAnErrorOfTheRun) {
 TEST_F(RecordTest, ARunWhoseGuardDiesIsIncomplete) {
   bool isKilled = false;
   const Guarded guarded =
-      RecordGuarded(folder_, [&isKilled] { isKilled = kill(guarded::Process(), SIGKILL) == 0; });
+      RecordGuarded(folder_, [&isKilled] { isKilled = guarded::Signal(guarded::Process(), SIGKILL); });
   ASSERT_TRUE(isKilled);
   EXPECT_FALSE(guarded.result.complete);
   EXPECT_EQ(guarded.result.reason, "the guard was ended by SIGKILL: memory was not guarded from then on");
@@ -384,7 +384,7 @@ TEST_F(RecordTest, WhatTheLatencyProbeMeasuredIsInTheRun) {
 TEST_F(RecordTest, ARunWhoseLatencyProbeDiesIsIncomplete) {
   bool isKilled = false;
   const scope::RecordResult result = RecordLatency(
-      folder_, [&isKilled] { isKilled = kill(guarded::Process("scope_latency"), SIGKILL) == 0; });
+      folder_, [&isKilled] { isKilled = guarded::Signal(guarded::Process("scope_latency"), SIGKILL); });
   ASSERT_TRUE(isKilled);
   EXPECT_FALSE(result.complete);
   EXPECT_EQ(result.reason,
@@ -397,8 +397,7 @@ TEST_F(RecordTest, ALatencyProbeThatCrashesIsOfTheBoardAndLosesNothingElse) {
   bool isCrashed = false;
   const scope::RecordResult result = RecordLatency(folder_, [&isCrashed] {
     std::this_thread::sleep_for(std::chrono::seconds(2));
-    const pid_t probe = guarded::Process("scope_latency");
-    isCrashed = probe > 0 && kill(probe, SIGABRT) == 0;
+    isCrashed = guarded::Signal(guarded::Process("scope_latency"), SIGABRT);
   });
   ASSERT_TRUE(isCrashed);
   EXPECT_FALSE(result.complete);
