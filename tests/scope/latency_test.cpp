@@ -266,7 +266,7 @@ TEST(LatencySize, IsRefusedWithTheReason) {
 
 // --- the process ---
 
-constexpr LatencyRhythm kShort{100'000, 2, 1e6};
+constexpr LatencyRhythm kShort{100'000, 1e6};
 
 // Waits for the first second, or for the end of the probe.
 void WaitForSecond(LatencyProbe& probe, std::vector<LatencySecond>& seconds) {

@@ -62,7 +62,7 @@ class LatencyBursts {
   void Settle(double ns);
 
   /// Makes up for a pause, in which the page tables have left the caches: counts nothing. What the host took
-  /// before does not spoil the bursts that follow.
+  /// before does not spoil the burst that follows.
   void Warm();
 
   /// A burst of `ns`. Its first tenth counts nothing: after a pause the processor has forgotten the latest

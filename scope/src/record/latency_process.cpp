@@ -106,7 +106,7 @@ class LatencyLoop {
       timer_->Adjust();
       bursts_->Settle(kSettleNs);
       // One that was interrupted all the time shows 0.
-      for (int burst = 0; burst < 20; ++burst) (void)bursts_->Burst(kGrowthNs / 20);
+      for (int burst = 0; burst < 20; ++burst) bursts_->Burst(kGrowthNs / 20);
       setup_.growth[setup_.growths++] = {memory_->CycleBytes(), LatencyAt(bursts_->Take(), 0.5)};
       if (isLast) return;
     }
@@ -134,22 +134,14 @@ class LatencyLoop {
         // After a stall the report is of more than a second.
         while (reportNs <= now()) reportNs += kSecondNs;
       }
-      Turn();
+      bursts_->Warm();
+      bursts_->Burst(rhythm_.burstNs);
       dueNs = std::max(now(), dueNs + share(random) * rhythm_.periodNs);
     }
     Report(LatencyPacket::Type::kEnd);
   }
 
-  // Where another program was in between, the pages are touched again.
-  void Turn() {
-    bool isWarm = false;
-    for (int burst = 0; burst < rhythm_.bursts; ++burst) {
-      if (!isWarm) bursts_->Warm();
-      isWarm = bursts_->Burst(rhythm_.burstNs);
-    }
-  }
-
-  // Waits until the next bursts are due. The recorder never writes again: its end is all that can be read.
+  // Waits until the next burst is due. The recorder never writes again: its end is all that can be read.
   bool EndIsAsked(double ns) {
     timespec wait{};
     if (ns > 0) {

@@ -48,12 +48,12 @@ struct LatencyPacket {
   std::uint64_t switches = 0;  ///< involuntary ones
 };
 
-/// How much the probe does: some bursts at a time, then a pause. Its load is `bursts` times `burstNs` of
-/// `periodNs` of a CPU, and what it takes to begin again after a pause.
+/// How much the probe does. Its load is `burstNs` of `periodNs` of a CPU, and what it takes to begin again
+/// after a pause. Longer bursts would seldom end: where others wait for the CPU, a scheduler takes it away
+/// after some 3 ms.
 struct LatencyRhythm {
   double burstNs = 1e6;
-  int bursts = 4;
-  double periodNs = 500e6;  ///< on average: pauses have random lengths, so that they do not beat with a load
+  double periodNs = 125e6;  ///< on average: pauses have random lengths, so that they do not beat with a load
 };
 
 /// The work of the latency probe's process, which has `socket`. It goes through `bytes` of memory on CPU
