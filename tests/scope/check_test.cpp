@@ -114,6 +114,22 @@ void Resize(const Bytes& source, Bytes& result) {
   }
 }
 
+/// A worker that resizes, whose right results have been learnt.
+struct Resized {
+  Resized() {
+    Resize(source, result);
+    for (int i = 0; i < 10; ++i) Check();
+  }
+  void Check() const {
+    CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
+                 kOperationNs);
+  }
+
+  const Worker worker{Engine::kVpc, 0};
+  const Bytes source = Random(30'000, 1);
+  Bytes result = Bytes(10'000);
+};
+
 // A frame whose stream is `stream`.
 void EncodeAs(const Worker& worker, const Bytes& frame, std::uint64_t number, const Bytes& stream,
               std::uint64_t settings = 5, std::uint64_t ns = kOperationNs) {
@@ -391,26 +407,18 @@ TEST(Check, AProgramThatWritesItsSourcesLaterGetsNoErrors) {
 
 TEST(Check, EveryBitThatStaysWrongInAResultIsFound) {
   InOwnProcess([] {
-    const Worker worker(Engine::kVpc, 0);
-    const Bytes source = Random(30'000, 1);
-    Bytes result(10'000);
-    const auto check = [&] {
-      CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
-                   kOperationNs);
-    };
-    Resize(source, result);
-    for (int i = 0; i < 10; ++i) check();
+    Resized resized;
     std::mt19937 random(2);
     std::set<std::size_t> bits;
     for (int flip = 0; flip < 200; ++flip) {
-      std::size_t bit = random() % (result.size() * 8);
-      while (!bits.insert(bit).second) bit = random() % (result.size() * 8);
-      Flip(result, bit);
-      for (int i = 0; i < 4; ++i) check();
-      Flip(result, bit);
+      std::size_t bit = random() % (resized.result.size() * 8);
+      while (!bits.insert(bit).second) bit = random() % (resized.result.size() * 8);
+      Flip(resized.result, bit);
+      for (int i = 0; i < 4; ++i) resized.Check();
+      Flip(resized.result, bit);
       const std::vector<ErrorPacket> errors = Errors();
       ASSERT_EQ(errors.size(), 1U) << "flip " << flip << ": the same again is not listed";
-      ExpectIs(errors[0], ErrorKind::kResult, result, bit);
+      ExpectIs(errors[0], ErrorKind::kResult, resized.result, bit);
     }
     const CheckPacket counts = CheckCounts(Engine::kVpc);
     EXPECT_EQ(counts.errors - counts.unlisted, 200U);
@@ -419,26 +427,18 @@ TEST(Check, EveryBitThatStaysWrongInAResultIsFound) {
 
 TEST(Check, BitsThatAreWrongInTurnsAreListedOnceEachAndCounted) {
   InOwnProcess([] {
-    const Worker worker(Engine::kVpc, 0);
-    const Bytes source = Random(30'000, 1);
-    Bytes result(10'000);
-    const auto check = [&] {
-      CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
-                   kOperationNs);
-    };
-    Resize(source, result);
-    for (int i = 0; i < 10; ++i) check();
+    Resized resized;
     const std::size_t bits[] = {777, 4242, 60'001};
     for (int turn = 0; turn < 20; ++turn) {
       for (const std::size_t bit : bits) {
-        Flip(result, bit);
-        for (int i = 0; i < 4; ++i) check();
-        Flip(result, bit);
+        Flip(resized.result, bit);
+        for (int i = 0; i < 4; ++i) resized.Check();
+        Flip(resized.result, bit);
       }
     }
     const std::vector<ErrorPacket> errors = Errors();
     ASSERT_EQ(errors.size(), 3U);
-    for (std::size_t i = 0; i < 3; ++i) ExpectIs(errors[i], ErrorKind::kResult, result, bits[i]);
+    for (std::size_t i = 0; i < 3; ++i) ExpectIs(errors[i], ErrorKind::kResult, resized.result, bits[i]);
     const CheckPacket counts = CheckCounts(Engine::kVpc);
     EXPECT_GE(counts.errors, 60U) << "each is found in each turn";
     EXPECT_EQ(counts.unlisted, counts.errors - 3);

@@ -296,8 +296,7 @@ TEST_F(RecordTest, WhatMemoryControllersCountDuringTheLastWalkIsAnErrorOfTheRun)
       folder_,
       [&guard] {
         guard = guarded::Process();
-        ASSERT_GT(guard, 0);
-        ASSERT_EQ(kill(guard, SIGSTOP), 0);
+        ASSERT_TRUE(guarded::Signal(guard, SIGSTOP));
       },
       [&] {
         growth = std::thread([&, before = folder_.Get("run/counters.csv").size()] {
@@ -307,7 +306,7 @@ TEST_F(RecordTest, WhatMemoryControllersCountDuringTheLastWalkIsAnErrorOfTheRun)
             isGrown = folder_.Get("run/counters.csv").size() > before;
           }
           folder_.Put(counter, "9\n");
-          if (guard > 0) (void)kill(guard, SIGCONT);
+          (void)guarded::Signal(guard, SIGCONT);
         });
       });
   growth.join();
@@ -329,8 +328,7 @@ TEST_F(RecordTest, ASignalCutsTheLastWalkShortAndTheRunSaysSo) {
       folder_,
       [&guard] {
         guard = guarded::Process();
-        ASSERT_GT(guard, 0);
-        ASSERT_EQ(kill(guard, SIGSTOP), 0);
+        ASSERT_TRUE(guarded::Signal(guard, SIGSTOP));
       },
       [] { ASSERT_EQ(kill(getpid(), SIGINT), 0); });
   ASSERT_GT(guard, 0);
