@@ -313,7 +313,7 @@ TEST_F(AbTest, ASignalEndsItsCommandAndItCanBeContinued) {
                "; exec sleep 100; }; " + *command;
   }
   ChildProcess child(ProgramOptions(STRESS_SCOPE, arguments));
-  for (int i = 0; i < 500 && !std::filesystem::exists(folder_ / "waiting"); ++i) {
+  for (int i = 0; i < 6000 && !std::filesystem::exists(folder_ / "waiting"); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   ASSERT_TRUE(std::filesystem::exists(folder_ / "waiting"));

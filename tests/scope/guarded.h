@@ -74,8 +74,8 @@ inline int Byte(pid_t guard, std::uint64_t address, std::uint64_t bit) {
   return isRead ? byte : -1;
 }
 
-/// Changes a bit. True if it was written: the byte is read again.
-inline bool Flip(pid_t guard, std::uint64_t address, std::uint64_t bit) {
+/// Changes a bit, and returns its byte; -1 if it could not be written.
+inline int Flipped(pid_t guard, std::uint64_t address, std::uint64_t bit) {
   const int memory = open(("/proc/" + std::to_string(guard) + "/mem").c_str(), O_RDWR | O_CLOEXEC);
   const auto at = static_cast<off_t>(address + bit / 8);
   unsigned char byte = 0;
@@ -83,7 +83,12 @@ inline bool Flip(pid_t guard, std::uint64_t address, std::uint64_t bit) {
   byte ^= static_cast<unsigned char>(1U << bit % 8);
   done = done && pwrite(memory, &byte, 1, at) == 1;
   if (memory >= 0) (void)close(memory);
-  return done;
+  return done ? byte : -1;
+}
+
+/// True if the bit was changed.
+inline bool Flip(pid_t guard, std::uint64_t address, std::uint64_t bit) {
+  return Flipped(guard, address, bit) >= 0;
 }
 
 }  // namespace guarded

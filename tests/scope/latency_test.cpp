@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <set>
@@ -18,7 +19,6 @@
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using namespace scope;
 
@@ -268,10 +268,10 @@ TEST(LatencySize, IsRefusedWithTheReason) {
 
 constexpr LatencyRhythm kShort{100'000, 1e6};
 
-// Waits for the first second, or for the end of the probe.
-void WaitForSecond(LatencyProbe& probe, std::vector<LatencySecond>& seconds) {
+void WaitForFault(LatencyProbe& probe) {
+  std::vector<LatencySecond> seconds;
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (seconds.empty() && probe.Fault().empty() && std::chrono::steady_clock::now() < limit) {
+  while (probe.Fault().empty() && std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     probe.Read(seconds);
   }
@@ -290,26 +290,31 @@ TEST(LatencyProbe, SendsWhatItMeasured) {
   // The signals that end a recording are not for it.
   (void)kill(probe.Id(), SIGINT);
   (void)kill(probe.Id(), SIGTERM);
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  // Even one that is asked to end at once measures.
   std::vector<LatencySecond> seconds;
   probe.End(seconds);
   EXPECT_EQ(probe.Fault(), "");
   EXPECT_EQ(probe.Descriptor(), -1);
-  ASSERT_THAT(seconds, SizeIs(1)) << "the rest";
-  const LatencySecond& second = seconds[0];
-  EXPECT_EQ(second.second, 1);
-  EXPECT_GT(second.timeS, 0);
-  EXPECT_GT(second.bursts, 0U);
-  EXPECT_LE(second.interrupted, second.bursts);
-  EXPECT_EQ(second.accesses == 0, second.interrupted == second.bursts);
-  EXPECT_LE(second.p50Ns, second.p99Ns);
-  EXPECT_LE(second.p99Ns, second.p999Ns);
-  EXPECT_LE(second.p999Ns, second.maxNs);
+  ASSERT_GE(seconds.size(), 1U) << "the rest; more only on a machine that stood still for a second";
   const LatencySummary summary = probe.Summary();
-  EXPECT_EQ(summary.accesses, second.accesses);
-  EXPECT_EQ(summary.p50Ns, second.p50Ns);
-  EXPECT_EQ(summary.maxNs, second.maxNs);
-  EXPECT_DOUBLE_EQ(summary.meanNs, second.meanNs);
+  std::uint64_t accesses = 0;
+  std::uint64_t longest = 0;
+  for (const LatencySecond& second : seconds) {
+    EXPECT_GE(second.second, 1);
+    EXPECT_GT(second.timeS, 0);
+    EXPECT_GT(second.bursts, 0U);
+    EXPECT_LE(second.interrupted, second.bursts);
+    EXPECT_EQ(second.accesses == 0, second.interrupted == second.bursts);
+    EXPECT_LE(second.p50Ns, second.p99Ns);
+    EXPECT_LE(second.p99Ns, second.p999Ns);
+    EXPECT_LE(second.p999Ns, second.maxNs);
+    if (seconds.size() == 1) EXPECT_EQ(summary.p50Ns, second.p50Ns);
+    if (seconds.size() == 1) EXPECT_DOUBLE_EQ(summary.meanNs, second.meanNs);
+    accesses += second.accesses;
+    longest = std::max(longest, second.maxNs);
+  }
+  EXPECT_EQ(summary.accesses, accesses);
+  EXPECT_EQ(summary.maxNs, longest);
   EXPECT_GT(summary.bytesPerS, 0);
 }
 
@@ -359,10 +364,8 @@ TEST(LatencyProbe, OneThatIsKilledSaysSo) {
   LatencyProbe probe(kMebibyte, -1, kShort);
   probe.Begin(MonotonicNs());
   ASSERT_EQ(kill(probe.Id(), SIGKILL), 0);
-  std::vector<LatencySecond> seconds;
-  WaitForSecond(probe, seconds);
+  WaitForFault(probe);
   EXPECT_EQ(probe.Fault(), "the latency probe was ended by SIGKILL");
-  EXPECT_THAT(seconds, IsEmpty());
 }
 
 TEST(LatencyProbe, DoesNotOutliveItsOwner) {

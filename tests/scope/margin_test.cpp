@@ -408,7 +408,7 @@ TEST_F(MarginTest, TriesEnd) {
 TEST_F(MarginTest, AnInterruptedSweepMakesTheFirstValuesAndGoesOn) {
   std::vector<std::string> arguments = SweepOf("hang 1 refresh=200\n", 2);
   scope::ChildProcess child(ProgramOptions(STRESS_SCOPE, arguments));
-  for (int i = 0; i < 3000 && Count("hang") == 0; ++i) {
+  for (int i = 0; i < 12000 && Count("hang") == 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   EXPECT_EQ(Count("hang"), 1);

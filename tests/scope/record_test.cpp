@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -210,10 +212,10 @@ struct Guarded {
 };
 
 /// Records two seconds of the scripted meter with `options`. `harm` does something in the first one, and
-/// `atEnd` when the program has ended.
+/// `atEnd` when the program has ended. `more` is the end of the script.
 scope::RecordResult RecordHarmed(const TemporaryFolder& folder, scope::RecordOptions options,
                                  const std::function<void()>& harm,
-                                 const std::function<void()>& atEnd = nullptr) {
+                                 const std::function<void()>& atEnd = nullptr, const std::string& more = "") {
   struct Harming : scope::View {
     void Second(const scope::Figures& /*figures*/, double /*timeS*/, double /*runTimeS*/) override {
       if (harm) std::exchange(harm, nullptr)();
@@ -229,7 +231,7 @@ scope::RecordResult RecordHarmed(const TemporaryFolder& folder, scope::RecordOpt
   options.benchmark = SCRIPTED_METER;
   options.meter = IDLE_LIBRARY;
   options.config = folder.Put("c.yaml", "CPU:\n  Level: 1\n");
-  options.extra = {folder.Put("script", Script(2))};
+  options.extra = {folder.Put("script", Script(2) + more)};
   options.folder = folder / "run";
   options.systemRoot = folder / "system";
   folder.Put("system/proc/meminfo", "MemAvailable: 4096 kB\n");
@@ -354,10 +356,11 @@ TEST_F(RecordTest, ASignalWhileMemoryIsPreparedEndsTheRecordingBeforeItBegins) {
 }
 
 /// A recording with a latency probe over 1 MiB, to which `harm` does something.
-scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::function<void()>& harm) {
+scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::function<void()>& harm,
+                                  const std::string& more = "") {
   scope::RecordOptions options;
   options.latency = true;
-  return RecordHarmed(folder, options, harm);
+  return RecordHarmed(folder, options, harm, nullptr, more);
 }
 
 TEST_F(RecordTest, WhatTheLatencyProbeMeasuredIsInTheRun) {
@@ -392,11 +395,27 @@ TEST_F(RecordTest, ARunWhoseLatencyProbeDiesIsIncomplete) {
 
 // In mid-run, when it has measured a second. What it and all others have measured stays.
 TEST_F(RecordTest, ALatencyProbeThatCrashesIsOfTheBoardAndLosesNothingElse) {
-  bool isCrashed = false;
-  const scope::RecordResult result = RecordLatency(folder_, [&isCrashed] {
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    isCrashed = guarded::Signal(guarded::Process("scope_latency"), SIGABRT);
-  });
+  std::atomic<bool> isCrashed{false};
+  std::thread crash;
+  const auto rows = [this](const std::string& file) {
+    const std::string text = folder_.Get("run/" + file);
+    return std::count(text.begin(), text.end(), '\n') - 1;
+  };
+  const scope::RecordResult result = RecordLatency(
+      folder_,
+      [&] {
+        crash = std::thread([&] {
+          const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+          while (std::chrono::steady_clock::now() < limit &&
+                 (rows("latency.csv") < 1 || rows("seconds.csv") < 4 || rows("rates.csv") < 2)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          }
+          isCrashed = guarded::Signal(guarded::Process("scope_latency"), SIGABRT);
+          folder_.Put("crashed", "");
+        });
+      },
+      "await " + (folder_ / "crashed") + "\n");
+  crash.join();
   ASSERT_TRUE(isCrashed);
   EXPECT_FALSE(result.complete);
   EXPECT_FALSE(result.recorderFailed) << "as if memory were bad";

@@ -8,6 +8,7 @@
 ///   fill ENGINE BUFFERS REFUSED             counts of an engine whose sources the environment has filled
 ///   second MS                                end of a second, this long after the start
 ///   print LINE                               to standard output
+///   await FILE                               until there is one, at most a minute
 /// The last packet says that the program ends. Every operation has 1000 bytes.
 #include <sys/socket.h>
 #include <unistd.h>
@@ -91,6 +92,13 @@ void SendFill(std::istringstream& words, std::uint64_t timeNs) {
   Send(&fill, sizeof(fill));
 }
 
+void Await(const std::string& file) {
+  for (int i = 0; access(file.c_str(), F_OK) != 0; ++i) {
+    if (i == 12'000) std::exit(7);
+    (void)usleep(5'000);
+  }
+}
+
 void SendEnd(std::uint64_t timeNs, bool last) {
   EndOfSecondPacket end{};
   end.header = Header(PacketType::kEndOfSecond, timeNs);
@@ -128,6 +136,8 @@ int main(int argc, char** argv) {
       SendEnd(timeNs, false);
     } else if (what == "print") {
       std::cout << line.substr(what.size() + 1) << std::endl;
+    } else if (what == "await") {
+      Await(line.substr(what.size() + 1));
     } else {
       return 4;
     }

@@ -128,7 +128,8 @@ class LatencyLoop {
     std::uniform_real_distribution<double> share(0.5, 1.5);
     double reportNs = startNs + kSecondNs;
     double dueNs = startNs;
-    while (!EndIsAsked(dueNs - now())) {
+    // At least once: a short run may have ended before it began.
+    do {
       if (now() >= reportNs) {
         Report(LatencyPacket::Type::kSecond);
         // After a stall the report is of more than a second.
@@ -137,7 +138,7 @@ class LatencyLoop {
       bursts_->Warm();
       bursts_->Burst(rhythm_.burstNs);
       dueNs = std::max(now(), dueNs + share(random) * rhythm_.periodNs);
-    }
+    } while (!EndIsAsked(dueNs - now()));
     Report(LatencyPacket::Type::kEnd);
   }
 
