@@ -154,6 +154,17 @@ TEST_F(ProgramTest, EndsABenchmarkThatHangsPastItsRunTime) {
   EXPECT_FALSE(scope::ReadRun(folder_ / "run").info.complete);
 }
 
+// SIGINT would break it off before that.
+TEST_F(ProgramTest, StopsABenchmarkOnlyWhenItCatchesSigint) {
+  // A shell catches SIGINT by itself, and python does.
+  const ToolResult result = RecordScript(
+      "exec perl -e 'sub pause { select(undef, undef, undef, shift) } pause(0.6); $SIG{INT} = sub { exit }; "
+      "pause(0.05) while 1'",
+      {"--stop-after", "0.2"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(scope::ReadRunInfo(folder_ / "run").signal, 0);
+}
+
 TEST_F(ProgramTest, KillsABenchmarkThatDoesNotEndAtSigint) {
   ChildProcess child(Tool({"record", Config(), "-o", folder_ / "run", "--benchmark",
                            Script("trap '' INT\ntouch \"$0.up\"\nwhile :; do sleep 0.1; done"), "--no-meter",

@@ -28,10 +28,13 @@ class SupervisorTest : public ::testing::Test {
     return limits;
   }
 
-  static Supervisor StoppingAfter(double stopAfterS) {
+  // Below 0: it has not begun.
+  static Supervisor StoppingAfter(double stopAfterS, double beganS = 0.1) {
     Supervisor::Limits limits = Limits();
     limits.stopAfterS = stopAfterS;
-    return Supervisor(limits);
+    Supervisor supervisor(limits);
+    if (beganS >= 0) supervisor.CatchesSigint(true, beganS);
+    return supervisor;
   }
 
   void Expect(const Supervisor::Decision& decision, Send send, const std::string& fault, State state) {
@@ -161,6 +164,39 @@ TEST_F(SupervisorTest, StopsAtTheTimeThatWasAskedFor) {
   Expect(supervisor_.TimePassed(8.2), Send::kNothing, "", State::kStopping);
   Expect(supervisor_.TimePassed(23), Send::kNothing, "", State::kStopping);
   EXPECT_EQ(supervisor_.TimePassed(23.001).send, Send::kSigkill);
+}
+
+// SIGINT would break off a benchmark that does not catch it yet.
+TEST_F(SupervisorTest, ABenchmarkThatHasNotBegunIsNotStopped) {
+  constexpr double kNotYet = -1;
+  supervisor_ = StoppingAfter(3, kNotYet);
+  Expect(supervisor_.TimePassed(3), Send::kNothing, "", State::kRunning);
+  // A script that starts it.
+  supervisor_.CatchesSigint(true, 3);
+  supervisor_.CatchesSigint(false, 3.1);
+  Expect(supervisor_.TimePassed(4.5), Send::kNothing, "", State::kRunning);
+  supervisor_.CatchesSigint(true, 4.5);
+  // It has the time that was asked for, but for the usual second of a start.
+  Expect(supervisor_.TimePassed(6.499), Send::kNothing, "", State::kRunning);
+  supervisor_.CatchesSigint(true, 5);
+  Expect(supervisor_.TimePassed(6.5), Send::kSigint, "", State::kStopping);
+  // What it prints or does shows it as well.
+  supervisor_ = StoppingAfter(3, kNotYet);
+  EXPECT_FALSE(supervisor_.IsAlive());
+  supervisor_.SignOfLife(2);
+  EXPECT_TRUE(supervisor_.IsAlive());
+  Expect(supervisor_.TimePassed(3.999), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(4), Send::kSigint, "", State::kStopping);
+}
+
+TEST_F(SupervisorTest, ABenchmarkThatNeverBeginsHangs) {
+  supervisor_ = StoppingAfter(3, -1);
+  Expect(supervisor_.TimePassed(42), Send::kNothing, "", State::kRunning);
+  Expect(supervisor_.TimePassed(42.001), Send::kSigint, supervisor_.Fault(), State::kStopping);
+  EXPECT_THAT(supervisor_.Fault(), StartsWith("the benchmark hangs"));
+  // The user's signal does not wait.
+  supervisor_ = StoppingAfter(3, -1);
+  Expect(supervisor_.SignalCame(1), Send::kSigint, "", State::kStopping);
 }
 
 TEST_F(SupervisorTest, ASilentBenchmarkHangsOnceItsRunTimeAndTheGraceAreOver) {

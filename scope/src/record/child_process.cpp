@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -125,6 +126,15 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::Signal(int signal) {
   if (!ended_) (void)kill(-id_, signal);
+}
+
+// "SigCgt:" is followed by a number with a bit for each signal, from 1 on.
+bool ChildProcess::Catches(int signal) const {
+  std::ifstream status("/proc/" + std::to_string(id_) + "/status");
+  std::string word;
+  while (status >> word && word != "SigCgt:") continue;
+  status >> word;
+  return status && (std::strtoull(word.c_str(), nullptr, 16) >> (signal - 1)) % 2 != 0;
 }
 
 bool ChildProcess::HasEnded() {

@@ -39,6 +39,9 @@ class ChildProcess {
   /// Sends `signal` to the program and to all programs that it started: a shell would not pass it on.
   void Signal(int signal);
 
+  /// True if the program has a handler for `signal`; false if the system does not tell.
+  bool Catches(int signal) const;
+
   /// It does not end, even after SIGKILL. It stays when this object goes.
   void GiveUp() { isGivenUp_ = true; }
 

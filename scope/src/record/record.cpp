@@ -140,6 +140,7 @@ class Recording {
     if (signals.TakeStop()) Do(supervisor_->SignalCame(TimeS()));
     // Checked before the pipes are read: if it has ended, they now hold everything that it wrote.
     const bool ended = child_->HasEnded();
+    if (!supervisor_->IsAlive()) supervisor_->CatchesSigint(child_->Catches(SIGINT), TimeS());
     ReadOutput(ended ? LineReader::kWholePipe : kTurnBytes);
     ReadMeter();
     ReadGuard();

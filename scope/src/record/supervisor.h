@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 #include <string>
 
 namespace scope {
@@ -20,6 +21,8 @@ class Supervisor {
   };
   /// One Ctrl-C may arrive twice: from the terminal, and from a parent program that passes it on.
   static constexpr double kSameSignalS = 1;
+  /// A start that takes longer puts off the time at which the benchmark is asked to end.
+  static constexpr double kUsualStartS = 1;
 
   /// A signal to send to the benchmark.
   enum class Send { kNothing, kSigint, kSigkill };
@@ -33,7 +36,7 @@ class Supervisor {
   struct Limits {
     std::string program;    ///< the benchmark's path, for messages
     double runTimeS = 0;    ///< how long it runs by itself
-    double stopAfterS = 0;  ///< when it is asked to end; 0: never
+    double stopAfterS = 0;  ///< when it is asked to end, once it has begun; 0: never
     /// Longest silence past the run time, and longest time to end after SIGINT. Past the run time the
     /// benchmark may work for a minute, or four times this if that is longer.
     double graceS = 15;
@@ -59,8 +62,19 @@ class Supervisor {
 
   /// The benchmark runs as this process.
   void BenchmarkStarted(long process) { process_ = process; }
-  /// The benchmark printed a line or did an operation at `timeS`, which may lie in the past.
-  void SignOfLife(double timeS) { lastLifeS_ = std::max(lastLifeS_, timeS); }
+  /// Whether the benchmark catches SIGINT now. Until it does, the signal would break it off, so that it is
+  /// not sent for `stopAfterS`. A script that starts it may catch it for a moment.
+  void CatchesSigint(bool catches, double timeS) {
+    beganS_ = catches ? std::optional(beganS_.value_or(timeS)) : std::nullopt;
+  }
+  /// The benchmark printed a line or did an operation at `timeS`, which may lie in the past. So it has begun.
+  void SignOfLife(double timeS) {
+    isAlive_ = true;
+    lastLifeS_ = std::max(lastLifeS_, timeS);
+    beganS_ = std::min(timeS, beganS_.value_or(timeS));
+  }
+  /// True after a sign of life.
+  bool IsAlive() const { return isAlive_; }
   /// Checks the time limits. Call it a few times a second.
   Decision TimePassed(double nowS);
   /// This program got SIGINT or SIGTERM.
@@ -84,6 +98,7 @@ class Supervisor {
   const std::string& Fault() const { return fault_; }
 
  private:
+  bool IsStopDue(double nowS) const;
   Send Ask(double nowS);
   Send Kill(double nowS);
   std::string GiveUp();
@@ -96,6 +111,8 @@ class Supervisor {
 
   Limits limits_;
   State state_ = State::kRunning;
+  bool isAlive_ = false;
+  std::optional<double> beganS_;
   double lastLifeS_ = 0;
   double askedS_ = 0;
   double killedS_ = 0;
