@@ -23,7 +23,7 @@ template <std::size_t kBytes, bool kAdd>
                                                     std::uint16_t* sums) {
   using Bytes = std::uint8_t __attribute__((vector_size(kBytes)));
   using Words = std::uint16_t __attribute__((vector_size(2 * kBytes)));
-  constexpr auto kStart = static_cast<std::uint16_t>(0U - kSumBias);
+  constexpr auto kStart = static_cast<std::uint16_t>(-kSumBias);
   const auto left = static_cast<std::size_t>(sourceEnd - row) - 1;
   std::size_t i = 0;
   for (; i + kBytes <= length; i += kBytes) {
@@ -128,13 +128,24 @@ void FinishRowPlain(const AreaColumns& columns, const std::uint16_t* sums, std::
   WeighWithVectors<64, true>(row, weight, length, sourceEnd, sums);
 }
 
-/// Brings the samples of one channel of two neighbouring pixels together, for a pixel of 1 to 4 channels.
-alignas(16) constexpr std::int8_t kPairOfPixels[4][16] = {
-    {0, 1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1},
-    {0, 1, 4, 5, 2, 3, 6, 7, -1, -1, -1, -1, -1, -1, -1, -1},
-    {0, 1, 6, 7, 2, 3, 8, 9, 4, 5, 10, 11, -1, -1, -1, -1},
-    {0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15},
+/// Orders of bytes for pixels of 1 to 4 channels. Where a pixel has fewer, the bytes behind it do not matter.
+struct ByteOrders {
+  constexpr ByteOrders() {
+    for (std::size_t channels = 1; channels <= 4; ++channels) {
+      for (std::size_t byte = 0; byte < 16; ++byte) {
+        const std::size_t inPair = byte % 4;
+        pairOfPixels[channels][byte] =
+            static_cast<std::uint8_t>(byte / 4 * 2 + inPair / 2 * 2 * channels + inPair % 2);
+        firstOfTwo[channels][byte] = static_cast<std::uint8_t>(byte + byte / channels * channels);
+      }
+    }
+  }
+  /// Brings the samples of one channel of two neighbouring pixels together.
+  alignas(16) std::uint8_t pairOfPixels[5][16]{};
+  /// Where the first pixel of each two is among 16 samples.
+  alignas(16) std::uint8_t firstOfTwo[5][16]{};
 };
+constexpr ByteOrders kByteOrders;
 
 /// Divides 8 sums by the area and brings the 4 bytes of each half together.
 [[gnu::target("avx2"), gnu::always_inline]] inline __m256i DividedByArea(__m256i sums, bool floatIsExact,
@@ -161,7 +172,7 @@ template <std::uint32_t kPairs, bool kFloatIsExact>
   const std::size_t channels = columns.channels;
   const std::uint32_t pairs = kPairs == 0 ? columns.pairs : kPairs;
   const __m256i together = _mm256_broadcastsi128_si256(
-      _mm_load_si128(reinterpret_cast<const __m128i*>(kPairOfPixels[channels - 1])));
+      _mm_load_si128(reinterpret_cast<const __m128i*>(kByteOrders.pairOfPixels[channels])));
   const __m256i offset = _mm256_set1_epi32(static_cast<int>(columns.offset));
   const double inverse = columns.inverse;
   const std::int16_t* weights = columns.weights.data();
@@ -210,21 +221,14 @@ void FinishWithPairs(const AreaColumns& columns, const std::uint16_t* sums, std:
   }
 }
 
-/// Where the first pixel of each two is among 16 samples, for a pixel of 1 to 4 channels.
-alignas(16) constexpr std::int8_t kFirstOfTwo[4][16] = {
-    {0, 2, 4, 6, 8, 10, 12, 14, -1, -1, -1, -1, -1, -1, -1, -1},
-    {0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1},
-    {0, 1, 2, 6, 7, 8, 12, 13, 14, -1, -1, -1, -1, -1, -1, -1},
-    {0, 1, 2, 3, 8, 9, 10, 11, -1, -1, -1, -1, -1, -1, -1, -1},
-};
-
 /// Result pixels of 2 x 2 source pixels. The biases of two sums make 2^16, so 16 bits hold what is left.
 [[gnu::target("avx2")]] void FinishQuarters(const AreaColumns& columns, const std::uint16_t* sums,
                                             std::uint8_t* result) {
   const std::size_t channels = columns.channels;
   const std::size_t atOnce = channels == 3 ? 9 : 8;
   const std::size_t length = columns.width * channels;
-  const __m128i firstOfTwo = _mm_load_si128(reinterpret_cast<const __m128i*>(kFirstOfTwo[channels - 1]));
+  const __m128i firstOfTwo =
+      _mm_load_si128(reinterpret_cast<const __m128i*>(kByteOrders.firstOfTwo[channels]));
   for (std::size_t i = 0; i < length; i += atOnce) {
     const __m256i here = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + 2 * i));
     const __m256i next = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + 2 * i + channels));
@@ -246,18 +250,13 @@ void FinishRowAvx2(const AreaColumns& columns, const std::uint16_t* sums, std::u
 
 portable::RoutineList<AreaKernel> FindAreaKernels() {
   portable::RoutineList<AreaKernel> kernels;
+  kernels.Add({"plain", SetRowPlain, AddRowPlain, FinishRowPlain});
 #if defined(__x86_64__)
-  __builtin_cpu_init();
-  kernels.Add({"sse2", SetRowPlain, AddRowPlain, FinishRowPlain});
   if (__builtin_cpu_supports("avx2")) {
     kernels.Add({"avx2", SetRowAvx2, AddRowAvx2, FinishRowAvx2});
     if (__builtin_cpu_supports("avx512bw"))
       kernels.Add({"avx512", SetRowAvx512, AddRowAvx512, FinishRowAvx2});
   }
-#elif defined(__aarch64__)
-  kernels.Add({"neon", SetRowPlain, AddRowPlain, FinishRowPlain});
-#else
-  kernels.Add({"plain", SetRowPlain, AddRowPlain, FinishRowPlain});
 #endif
   return kernels;
 }

@@ -47,7 +47,7 @@ struct AreaKernel {
 inline std::size_t AreaSumsBeyond(const AreaColumns& columns) {
   return std::size_t{2} * columns.pairs * columns.channels + 16;
 }
-constexpr std::size_t kResultBeyond = 16;
+constexpr std::size_t kResultBeyond = 15;
 
 /// The kernels that this processor can run, slowest first. There is always one.
 const portable::RoutineList<AreaKernel>& AreaKernels();

@@ -6,8 +6,6 @@
 #include <cstring>
 #include <numeric>
 
-#include "stream_copy.h"
-
 namespace Ormis::host {
 
 namespace {
@@ -16,17 +14,6 @@ constexpr std::size_t kVectorBytes = 64;
 /// Most weights in a table. Larger tables, for extreme ratios, would take longer to make than they save.
 constexpr std::uint64_t kMostWeights = std::uint64_t{1} << 20;
 
-enum class RowUse : std::uint8_t { kSet, kAdd };
-
-/// Sets sums[i] to weight * row[i], or adds it.
-template <RowUse use, typename Sum>
-void WeighRow(const std::uint8_t* __restrict row, Sum weight, std::size_t length, Sum* __restrict sums) {
-  for (std::size_t i = 0; i < length; ++i) {
-    const auto product = static_cast<Sum>(weight * row[i]);
-    sums[i] = use == RowUse::kSet ? product : static_cast<Sum>(sums[i] + product);
-  }
-}
-
 /// Flushes the memory behind a position that moves on. A line that the position is in waits, because it will
 /// be used again.
 class Wake {
@@ -34,12 +21,12 @@ class Wake {
   Wake(portable::FlushLines flush, const std::uint8_t* begin) : flush_(flush), flushed_(begin) {}
 
   void MoveTo(const std::uint8_t* position) {
-    const std::uint8_t* const line = position - reinterpret_cast<std::uintptr_t>(position) % kVectorBytes;
-    if (flush_ != nullptr && line > flushed_) End(line);
+    End(position - reinterpret_cast<std::uintptr_t>(position) % kVectorBytes);
   }
 
   void End(const std::uint8_t* end) {
-    if (flush_ != nullptr) flush_(flushed_, static_cast<std::size_t>(end - flushed_));
+    if (flush_ == nullptr || end <= flushed_) return;
+    flush_(flushed_, static_cast<std::size_t>(end - flushed_));
     flushed_ = end;
   }
 
@@ -52,10 +39,10 @@ class Wake {
 /// caches: to flush a line that was changed takes several times as long.
 class ResultWriter {
  public:
-  ResultWriter(portable::FlushLines flush, std::uint8_t* destination, std::vector<std::uint8_t>& rows,
-               std::size_t rowBytes)
-      : flush_(flush), begin_(destination), at_(destination), rows_(rows) {
-    if (flush != nullptr && rows.size() < kRowsBytes + rowBytes) rows.resize(kRowsBytes + rowBytes);
+  ResultWriter(const portable::CopyRoutine& writer, portable::FlushLines flush, std::uint8_t* destination,
+               std::vector<std::uint8_t>& rows, std::size_t rowBytes)
+      : writer_(writer), flush_(flush), begin_(destination), at_(destination), rows_(rows) {
+    if (flush != nullptr) rows.resize(kRowsBytes + rowBytes);
   }
 
   void Append(const std::uint8_t* row, std::size_t bytes) {
@@ -82,7 +69,7 @@ class ResultWriter {
 
   /// `bytes` ends at the end of a line, except in End.
   void Write(std::size_t bytes) {
-    portable::CopyRoutines().back().copy(at_, rows_.data(), bytes, nullptr);
+    writer_.copy(at_, rows_.data(), bytes, nullptr);
 #if !defined(__x86_64__)
     flush_(at_, bytes);  // that the stores pass the caches is only a hint
 #endif
@@ -91,6 +78,7 @@ class ResultWriter {
     std::memmove(rows_.data(), rows_.data() + bytes, used_);
   }
 
+  const portable::CopyRoutine& writer_;
   portable::FlushLines flush_;
   std::uint8_t* begin_;
   std::uint8_t* at_;
@@ -116,48 +104,36 @@ AreaScaler::Span AreaScaler::SpanAt(const Ratio& ratio, std::uint32_t index) {
           static_cast<std::uint32_t>(last == first ? 0 : end - last * ratio.sourceUnits)};
 }
 
-void AreaScaler::PrepareSpans(const Ratio& ratio, std::uint32_t count) {
-  if (ratio.sourceUnits == spansRatio_.sourceUnits && ratio.resultUnits == spansRatio_.resultUnits &&
-      spans_.size() >= count) {
-    return;
-  }
-  spans_.resize(count);
-  for (std::uint32_t column = 0; column < count; ++column) spans_[column] = SpanAt(ratio, column);
-  spansRatio_ = ratio;
-}
-
-/// The reference: plain loops.
-template <typename Sum, typename Total, typename Real>
+/// The reference: plain loops, for all sizes.
 struct AreaScaler::PlainRows {
   const Job& job;
   const std::vector<Span>& spans;
-  Sum* sums;
+  std::uint32_t* sums;
 
   void Set(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
-    WeighRow<RowUse::kSet>(row, static_cast<Sum>(weight), length, sums);
+    for (std::size_t i = 0; i < length; ++i) sums[i] = weight * row[i];
   }
 
   void Add(const std::uint8_t* row, std::uint32_t weight, std::size_t length) {
-    WeighRow<RowUse::kAdd>(row, static_cast<Sum>(weight), length, sums);
+    for (std::size_t i = 0; i < length; ++i) sums[i] += weight * row[i];
   }
 
   void Finish(std::uint8_t* result) {
     const std::size_t channels = job.to.channels;
-    const auto columnUnits = static_cast<Total>(job.columns.sourceUnits);
-    const auto half = static_cast<Total>(job.area / 2);
-    const Real scale = Real{1} / static_cast<Real>(job.area);
+    const auto half = static_cast<std::int64_t>(job.area / 2);
+    const double scale = 1.0 / static_cast<double>(job.area);
     for (std::uint32_t x = 0; x < job.to.width; ++x) {
       const Span column = spans[x];
       for (std::size_t c = 0; c < channels; ++c) {
-        const Sum* const first = sums + column.first * channels + c;
-        const Sum* const last = sums + column.last * channels + c;
-        Total inner = 0;
-        for (const Sum* at = first + channels; at < last; at += channels) inner += *at;
-        const Total total = static_cast<Total>(column.firstWeight) * *first + columnUnits * inner +
-                            static_cast<Total>(column.lastWeight) * *last;
-        // The 0.5 keeps the quotient half a step away from each integer: rounding errors of Real cannot move
-        // it across one.
-        *result++ = static_cast<std::uint8_t>((static_cast<Real>(total + half) + Real{0.5}) * scale);
+        const std::uint32_t* const first = sums + column.first * channels + c;
+        const std::uint32_t* const last = sums + column.last * channels + c;
+        std::int64_t inner = 0;
+        for (const std::uint32_t* at = first + channels; at < last; at += channels) inner += *at;
+        const std::int64_t total = std::int64_t{column.firstWeight} * *first +
+                                   job.columns.sourceUnits * inner + std::int64_t{column.lastWeight} * *last;
+        // The 0.5 keeps the quotient half a step away from each integer: rounding errors cannot move it
+        // across one.
+        *result++ = static_cast<std::uint8_t>((static_cast<double>(total + half) + 0.5) * scale);
       }
     }
   }
@@ -182,9 +158,9 @@ template <typename Rows>
 void AreaScaler::ScaleRows(const Job& job, Rows rows) {
   const std::size_t length = std::size_t{job.from.width} * job.from.channels;
   const std::size_t resultLength = std::size_t{job.to.width} * job.to.channels;
-  if (result_.size() < resultLength + kResultBeyond) result_.resize(resultLength + kResultBeyond);
+  result_.resize(resultLength + kResultBeyond);
   Wake behindSource(job.flush, job.source);
-  ResultWriter writer(job.flush, job.destination, rows_, resultLength);
+  ResultWriter writer(*writer_, job.flush, job.destination, rows_, resultLength);
   Span span = SpanAt(job.rows, 0);
   bool repeated = false;
   for (std::uint32_t y = 0; y < job.to.height; ++y) {
@@ -203,7 +179,7 @@ void AreaScaler::ScaleRows(const Job& job, Rows rows) {
     // where a long source row is enlarged to a high image.
     repeated = span.first == span.last && below.first == below.last && span.first == below.first;
     span = below;
-    behindSource.MoveTo(job.source + std::min(span.first, job.from.height) * length);
+    behindSource.MoveTo(job.source + span.first * length);
   }
   behindSource.End(job.source + job.from.height * length);
   writer.End();
@@ -273,21 +249,17 @@ void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const
   const std::size_t length = std::size_t{from.width} * from.channels;
   if (PrepareKernel(job)) {
     const std::size_t count = length + AreaSumsBeyond(columns_) + kVectorBytes / sizeof(std::uint16_t);
-    if (narrowSums_.size() < count) narrowSums_.resize(count);
+    narrowSums_.resize(count);
     // To the beginning of a cache line: stores across two lines are slower.
     const std::size_t past = reinterpret_cast<std::uintptr_t>(narrowSums_.data()) % kVectorBytes;
     std::uint16_t* const sums =
         narrowSums_.data() + (kVectorBytes - past) % kVectorBytes / sizeof(std::uint16_t);
     return ScaleRows(job, KernelRows{*kernel_, columns_, sums, source + from.height * length});
   }
-  PrepareSpans(job.columns, to.width);
-  // A float holds 255 x 8192 and has enough bits left for fractions.
-  if (job.rows.resultUnits <= 257 && job.area <= 8192) {
-    if (narrowSums_.size() < length) narrowSums_.resize(length);
-    return ScaleRows(job, PlainRows<std::uint16_t, std::int32_t, float>{job, spans_, narrowSums_.data()});
-  }
-  if (wideSums_.size() < length) wideSums_.resize(length);
-  ScaleRows(job, PlainRows<std::uint32_t, std::int64_t, double>{job, spans_, wideSums_.data()});
+  spans_.resize(to.width);
+  for (std::uint32_t x = 0; x < to.width; ++x) spans_[x] = SpanAt(job.columns, x);
+  wideSums_.resize(length);
+  ScaleRows(job, PlainRows{job, spans_, wideSums_.data()});
 }
 
 }  // namespace Ormis::host

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "area_kernels.h"
-#include "cache_flush.h"
 #include "image.h"
+#include "stream_copy.h"
 
 namespace Ormis::host {
 
@@ -21,7 +21,10 @@ class AreaScaler {
   static constexpr std::uint32_t kMaxSide = 1U << 24;
 
   /// `kernel` has what is done most; null: nothing but plain loops, the reference. The results are the same.
-  explicit AreaScaler(const AreaKernel* kernel = &AreaKernels().back()) : kernel_(kernel) {}
+  /// `writer` writes the result where caches are flushed.
+  explicit AreaScaler(const AreaKernel* kernel = &AreaKernels().back(),
+                      const portable::CopyRoutine& writer = portable::CopyRoutines().back())
+      : kernel_(kernel), writer_(&writer) {}
 
   /// `from` and `to` have the same number of channels, 1 to 4, and sides of 1 to kMaxSide. The planes must
   /// not overlap. Where `flush` is not null, no line of both planes is in a cache at the end, after
@@ -58,21 +61,19 @@ class AreaScaler {
     std::uint64_t area;  ///< of a pixel of the result, in units
   };
 
-  template <typename Sum, typename Total, typename Real>
   struct PlainRows;
   struct KernelRows;
 
   static Ratio ReducedRatio(std::uint32_t from, std::uint32_t to);
   static Span SpanAt(const Ratio& ratio, std::uint32_t index);
   static std::int16_t WeightAt(const Span& span, std::uint32_t index, const Ratio& ratio);
-  void PrepareSpans(const Ratio& ratio, std::uint32_t count);
   bool PrepareKernel(const Job& job);
 
   template <typename Rows>
   void ScaleRows(const Job& job, Rows rows);
 
   const AreaKernel* kernel_;
-  Ratio spansRatio_;
+  const portable::CopyRoutine* writer_;
   std::vector<Span> spans_;
   AreaColumns columns_;
   std::array<std::uint32_t, 4> columnsSizes_{};  ///< what columns_ is made for; zeros: nothing

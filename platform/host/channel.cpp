@@ -31,7 +31,8 @@ std::int32_t QetCreateChannel(int& channel) {
   return host::Guarded(kOperation, [&]() -> std::int32_t {
     if (const std::int32_t status = host::RequireContext(kOperation); status != kQetOk) return status;
     const auto made = std::make_shared<host::Channel>();
-    if (channel >= 0 && channel < host::kMaxChannels && host::channels.Add(channel, made)) return kQetOk;
+    const auto wish = static_cast<unsigned int>(channel);  // a large number where it is negative
+    if (wish < host::kMaxChannels && host::channels.Add(channel, made)) return kQetOk;
     // No look first: between a look and Add another thread could take the number.
     for (int number = 0; number < host::kMaxChannels; ++number) {
       if (host::channels.Add(number, made)) {

@@ -21,10 +21,9 @@ namespace {
 
 struct Context {};
 
-std::atomic<bool> initialized{false};
-std::atomic<std::uint64_t> processContextId{0};
+std::atomic<std::uint64_t> processContextId{0};  // 0: the platform is not initialised
 Table<std::uint64_t, Context> contexts;
-thread_local std::uint64_t currentContextId = 0;
+thread_local std::uint64_t currentContextId{};
 
 constexpr std::uint32_t kDeviceId = 0;               // one machine, one device
 constexpr char kSettingsFile[] = "ormis/host.yaml";  // beside the library
@@ -41,7 +40,7 @@ std::string FindSettings(const std::string& configuration, Settings& settings, s
 }
 
 std::int32_t RequireInitialized(const char* operation) {
-  if (initialized) return kQetOk;
+  if (processContextId != 0) return kQetOk;
   return QET_FAIL(operation, kQetNotInitialized, "the platform is not initialised: call QetInitialize first");
 }
 
@@ -72,7 +71,7 @@ ara::log::Logger& Log() {
 }
 
 std::uint64_t NextId() {
-  static std::atomic<std::uint64_t> last{0};
+  static std::atomic<std::uint64_t> last{};
   return ++last;
 }
 
@@ -103,12 +102,13 @@ std::int32_t QetInitialize(QetContext& context, const QetContextParameters& para
     }
     // What may throw comes before the platform counts as initialised.
     const std::string effect = from + ":" + host::SettingsText(settings);
-    if (host::initialized.exchange(true)) {
+    const std::uint64_t id = host::NextId();
+    std::uint64_t none{};
+    if (!host::processContextId.compare_exchange_strong(none, id)) {
       return QET_FAIL("QetInitialize", kQetAlreadyInitialized, "the platform is initialised already");
     }
     host::UseSettings(std::move(settings));
-    context.id = host::NextId();
-    host::processContextId = context.id;
+    context.id = id;
     host::Log().LogInfo({__FILE__, "QetInitialize", __LINE__}) << "QetInitialize: settings: " << effect;
     return kQetOk;
   });
@@ -128,7 +128,7 @@ std::int32_t QetRelease(QetContext& context) {
         {"channel", host::ReclaimChannels()},
         {"context", {host::contexts.TakeAll().size(), 0}},
     };
-    host::initialized = false;
+    host::processContextId = 0;
     context = QetContext{};
     // The release has succeeded. Want of memory for the log line must not turn it into a failure.
     try {

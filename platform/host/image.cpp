@@ -31,7 +31,7 @@ std::int32_t Count(const char* operation, Image& image) {
   const std::uint64_t most = portable::MemoryLimit() / 2;
   std::uint64_t others = allBytes;
   do {
-    if (others > most || image.shape.bytes > most - others) {
+    if (others + image.shape.bytes > most) {
       return QET_FAIL(
           operation, kQetOutOfMemory,
           "no memory for an image of "

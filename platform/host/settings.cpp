@@ -19,10 +19,7 @@ namespace {
 Settings inUse;
 
 bool ToNumber(const std::string& text, unsigned int most, unsigned int& number) {
-  unsigned int value = 0;
-  if (!ReadWholeNumber(text, value) || value == 0 || value > most) return false;
-  number = value;
-  return true;
+  return ReadWholeNumber(text, number) && number >= 1 && number <= most;
 }
 
 bool SetMemory(const std::string& value, Settings& settings) {
@@ -112,7 +109,7 @@ void UseSettings(Settings&& settings) noexcept {
 
 std::string PathBesideLibrary(const std::string& file) {
   Dl_info library{};
-  if (dladdr(&inUse, &library) == 0 || library.dli_fname == nullptr) return file;
+  if (dladdr(&inUse, &library) == 0) return file;
   const std::string path = library.dli_fname;
   return path.substr(0, path.rfind('/') + 1) + file;
 }

@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <type_traits>
@@ -16,9 +15,7 @@ namespace {
 
 /// The 16 bits of a float of that kind. Cut, not rounded: a fill need not be exact.
 std::uint16_t ToBfloat16(float value) {
-  std::uint32_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  return static_cast<std::uint16_t>(bits >> 16U);
+  return static_cast<std::uint16_t>(__builtin_bit_cast(std::uint32_t, value) >> 16U);
 }
 
 template <typename Number>

@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -53,10 +55,9 @@ yaml_event_type_t YamlEvents::Next() {
 
 // The parser counts the lines of what it could decode later than it finds what it cannot.
 std::size_t YamlEvents::LinesBefore(std::size_t offset) const {
-  if (std::fseek(file_, 0, SEEK_SET) != 0) return 0;
-  std::size_t lines = 0;
-  for (std::size_t at = 0; at < offset; ++at) lines += std::fgetc(file_) == '\n' ? 1 : 0;
-  return lines;
+  std::string before(offset, '\0');
+  (void)std::ifstream(path_).read(before.data(), static_cast<std::streamsize>(offset));
+  return static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
 }
 
 std::string YamlEvents::Text() const {
@@ -71,7 +72,7 @@ std::string ReadYamlFile(const std::string& path, const std::function<void(YamlE
   // A pipe would wait for somebody who writes to it, and a device may never end.
   struct stat status{};
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path + ": not a regular file";
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
   if (file == nullptr) return "cannot read " + path + ": " + std::generic_category().message(errno);
   try {
     YamlEvents events(path, file.get());

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "cache_lines.h"
+
 #if defined(__x86_64__)
 #include <cpuid.h>
 #endif
@@ -20,23 +22,15 @@ void FlushNothing(const void*, std::size_t) {}
 
 constexpr std::size_t kFlushedBytes = 64;  // a cache line
 
-const unsigned char* LineOf(const void* memory) {
-  return static_cast<const unsigned char*>(memory) - reinterpret_cast<std::uintptr_t>(memory) % kFlushedBytes;
-}
-
 // Each waits for the one before.
 void FlushInTurn(const void* memory, std::size_t bytes) {
-  const unsigned char* const end = static_cast<const unsigned char*>(memory) + bytes;
-  for (const unsigned char* line = LineOf(memory); line < end; line += kFlushedBytes) {
-    __builtin_ia32_clflush(line);
-  }
+  ForEachLine(memory, bytes, kFlushedBytes, [](const unsigned char* line) { __builtin_ia32_clflush(line); });
 }
 
-[[gnu::target("clflushopt")]] void FlushSideBySide(const void* memory, std::size_t bytes) {
-  const unsigned char* const end = static_cast<const unsigned char*>(memory) + bytes;
-  for (const unsigned char* line = LineOf(memory); line < end; line += kFlushedBytes) {
-    __builtin_ia32_clflushopt(line);
-  }
+void FlushSideBySide(const void* memory, std::size_t bytes) {
+  ForEachLine(memory, bytes, kFlushedBytes,
+              [](const unsigned char* line)
+                  __attribute__((target("clflushopt"))) { __builtin_ia32_clflushopt(line); });
 }
 
 #elif defined(__aarch64__)
@@ -45,11 +39,10 @@ void FlushInTurn(const void* memory, std::size_t bytes) {
 void FlushToMemory(const void* memory, std::size_t bytes) {
   std::uint64_t cacheType = 0;
   __asm__ volatile("mrs %0, ctr_el0" : "=r"(cacheType));
-  const std::uintptr_t lineBytes = std::uintptr_t{4} << (cacheType >> 16U & 15U);
-  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
-  for (std::uintptr_t at = begin / lineBytes * lineBytes; at < begin + bytes; at += lineBytes) {
-    __asm__ volatile("dc civac, %0" : : "r"(at) : "memory");
-  }
+  const std::size_t lineBytes = std::size_t{4} << (cacheType >> 16U & 15U);
+  ForEachLine(memory, bytes, lineBytes, [](const unsigned char* line) {
+    __asm__ volatile("dc civac, %0" : : "r"(line) : "memory");
+  });
 }
 
 #endif
@@ -58,14 +51,15 @@ RoutineList<FlushRoutine> FindFlushRoutines() {
   RoutineList<FlushRoutine> routines;
   routines.Add({"none", FlushNothing});
 #if defined(__x86_64__)
-  unsigned int a = 0;
-  unsigned int b = 0;
-  unsigned int c = 0;
-  unsigned int d = 0;
-  if (__get_cpuid(1, &a, &b, &c, &d) != 0 && (d & bit_CLFSH) != 0) routines.Add({"clflush", FlushInTurn});
-  if (__get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 && (b & bit_CLFLUSHOPT) != 0) {
-    routines.Add({"clflushopt", FlushSideBySide});
-  }
+  unsigned int a{};
+  unsigned int b{};
+  unsigned int c{};
+  unsigned int d{};
+  (void)__get_cpuid_count(7, 0, &a, &b, &c, &d);  // leaves zeros where the processor does not know the 7
+  const bool hasSideBySide = (b & bit_CLFLUSHOPT) == bit_CLFLUSHOPT;
+  (void)__get_cpuid(1, &a, &b, &c, &d);
+  if ((d & bit_CLFSH) == bit_CLFSH) routines.Add({"clflush", FlushInTurn});
+  if (hasSideBySide) routines.Add({"clflushopt", FlushSideBySide});
 #elif defined(__aarch64__)
   routines.Add({"civac", FlushToMemory});
 #endif
@@ -94,13 +88,6 @@ void FlushCaches(bool on) {
 
 FlushLines CurrentFlush() {
   return flushes.load(std::memory_order_relaxed) ? FlushRoutines().back().flush : nullptr;
-}
-
-void FlushFromCaches(const void* memory, std::size_t bytes) {
-  const FlushLines flush = CurrentFlush();
-  if (flush == nullptr) return;
-  flush(memory, bytes);
-  EndFlush();
 }
 
 }  // namespace Ormis::portable

@@ -33,6 +33,11 @@ void FlushCaches(bool on);
 FlushLines CurrentFlush();
 
 /// Flushes the range with CurrentFlush and waits for it. Takes no lock and allocates nothing.
-void FlushFromCaches(const void* memory, std::size_t bytes);
+inline void FlushFromCaches(const void* memory, std::size_t bytes) {
+  const FlushLines flush = CurrentFlush();
+  if (flush == nullptr) return;
+  flush(memory, bytes);
+  EndFlush();
+}
 
 }  // namespace Ormis::portable

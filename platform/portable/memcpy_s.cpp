@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ormis/memcpy_s.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -17,7 +18,7 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
     error = EINVAL;
   } else if (count > destinationMax) {  // covers a count above kMemcpySMax, too
     error = ERANGE;
-  } else if ((to < from ? from - to : to - from) < count) {
+  } else if (std::max(to, from) - std::min(to, from) < count) {
     error = EOVERFLOW;
   }
   if (error != 0) {

@@ -15,7 +15,7 @@ constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 
 /// A file that is missing, or says "max", sets no limit.
 std::uint64_t LimitIn(const std::string& file) {
-  std::uint64_t bytes = 0;
+  std::uint64_t bytes{};
   return std::ifstream(file) >> bytes ? bytes : kUnlimited;
 }
 
@@ -24,7 +24,6 @@ std::uint64_t LimitIn(const std::string& file) {
 std::uint64_t LimitOfGroups(const std::string& mount, std::string group, const char* file) {
   std::uint64_t least = kUnlimited;
   for (;;) {
-    while (!group.empty() && group.back() == '/') group.pop_back();
     least = std::min(least, LimitIn(mount + group + "/" + file));
     if (group.empty()) return least;
     group.erase(group.rfind('/') == std::string::npos ? 0 : group.rfind('/'));

@@ -115,7 +115,6 @@ CopyRoutineList FindRoutines() {
   CopyRoutineList routines;
   routines.Add({"memcpy", CopyByLibrary});
 #if defined(__x86_64__)
-  __builtin_cpu_init();
   routines.Add({"sse2", StreamSse2});
   if (__builtin_cpu_supports("avx")) routines.Add({"avx", StreamAvx});
   if (__builtin_cpu_supports("avx512f")) routines.Add({"avx512", StreamAvx512});

@@ -27,7 +27,7 @@ std::string ReadFile(const std::string& path) {
   const auto fail = [&path](int error) {
     throw std::runtime_error("cannot read " + path + ": " + std::generic_category().message(error));
   };
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
   if (file == nullptr) fail(errno);
 
   // Reads at most one byte more than allowed: a device may have no end.
@@ -116,11 +116,9 @@ class QetYamlBuilder {
     yaml_mark_t at = parser_.problem_mark;
     if (parser_.error == YAML_READER_ERROR) {
       // The reader reports only the offset of the byte that it refuses.
-      at = yaml_mark_t{};
-      for (std::size_t i = 0; i < parser_.problem_offset && i < text_.size(); ++i) {
-        at.column = text_[i] == '\n' ? 0 : at.column + 1;
-        if (text_[i] == '\n') ++at.line;
-      }
+      const std::string before = text_.substr(0, parser_.problem_offset);
+      at.line = static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
+      at.column = before.size() - (before.rfind('\n') + 1);  // npos + 1 is 0
     }
     Fail(at, message);
   }
@@ -242,15 +240,15 @@ class QetYamlBuilder {
 namespace {
 
 bool ToUnsigned(const std::string& text, unsigned int& out) {
-  const char* begin = text.data();
+  const char* begin = text.c_str();  // a zero ends it
   const char* const end = begin + text.size();
-  if (begin != end && *begin == '+') ++begin;
+  if (*begin == '+') ++begin;
   int base = 10;
-  if (end - begin > 2 && begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'o')) {
+  if (begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'o')) {
     base = begin[1] == 'x' ? 16 : 8;
     begin += 2;
   }
-  unsigned int value = 0;
+  unsigned int value{};
   const auto [rest, error] = std::from_chars(begin, end, value, base);
   if (error != std::errc() || rest != end) return false;
   out = value;

@@ -12,6 +12,7 @@
 
 #include "cache_flush.h"
 #include "model_test.h"
+#include "stream_copy.h"
 
 namespace {
 
@@ -61,12 +62,6 @@ void FlushCaches(bool on) {
 
 FlushLines CurrentFlush() {
   return flushes().on ? NoteFlush : nullptr;
-}
-
-void FlushFromCaches(const void* memory, std::size_t bytes) {
-  if (!flushes().on) return;
-  NoteFlush(memory, bytes);
-  EndFlush();
 }
 
 }  // namespace Ormis::portable
@@ -193,6 +188,29 @@ TEST_P(FlushTest, ModelsLeaveInputsAndOutputsInMemory) {
     }
   }
   EXPECT_EQ(Ormis::QetDNNRelease(handle), Ormis::kQetOk);
+}
+
+TEST_P(FlushTest, CopiesFromAMebibyteOnLeaveBothBuffersInMemory) {
+  constexpr std::size_t kMebibyte = std::size_t{1} << 20;
+  const std::vector<std::uint8_t> source(kMebibyte);
+  std::vector<std::uint8_t> destination(kMebibyte);
+  ASSERT_EQ(memcpy_s(destination.data(), kMebibyte, source.data(), kMebibyte - 1), 0);
+  EXPECT_TRUE(flushes().ranges.empty()) << "a smaller copy";
+  ASSERT_EQ(memcpy_s(destination.data(), kMebibyte, source.data(), kMebibyte), 0);
+  ExpectFlushed(source.data(), kMebibyte, "the source of a copy");
+  ExpectFlushed(destination.data(), 1, "the first byte of the destination");
+  ExpectFlushed(destination.data() + kMebibyte - 1, 1, "the last byte of the destination");
+}
+
+TEST(CopyRoutineTest, EachEndsWhatItHasFlushed) {
+  const std::vector<std::uint8_t> source(10'000);
+  std::vector<std::uint8_t> destination(10'000);
+  for (const Ormis::portable::CopyRoutine& routine : Ormis::portable::CopyRoutines()) {
+    flushes().ranges.clear();
+    routine.copy(destination.data(), source.data(), source.size(), NoteFlush);
+    EXPECT_FALSE(flushes().ranges.empty()) << routine.name;
+    EXPECT_TRUE(flushes().ended) << routine.name;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, FlushTest, testing::Bool(),

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "processor_flags.h"
+
 namespace Ormis::host {
 
 void PrintTo(const AreaKernel& kernel, std::ostream* out) {
@@ -212,6 +214,33 @@ TEST_P(AreaKernelTest, FinishesARowWithinItsMemory) {
       }
     }
   }
+}
+
+TEST_P(AreaKernelTest, SumsARowWithinItsMemory) {
+  const MemoryAtAnEnd source;
+  const MemoryAtAnEnd destination;
+  for (const std::size_t length : {1U, 15U, 16U, 17U, 31U, 32U, 33U, 63U, 64U, 65U, 127U, 128U, 129U}) {
+    std::uint8_t* const row = source.End() - length;
+    for (std::size_t i = 0; i < length; ++i) row[i] = static_cast<std::uint8_t>(255 - i * 7);
+    auto* const sums = reinterpret_cast<std::uint16_t*>(destination.End()) - length;
+    GetParam().setRow(row, 3, length, source.End(), sums);
+    GetParam().addRow(row, 254, length, source.End(), sums);
+    for (std::size_t i = 0; i < length; ++i) {
+      ASSERT_EQ(sums[i], static_cast<std::uint16_t>(257 * row[i] - kSumBias)) << i << " of " << length;
+    }
+  }
+}
+
+TEST(AreaKernelsTest, ThePlainOneComesFirstThenAllThatThisProcessorHas) {
+  std::vector<std::string> expected = {"plain"};
+#if defined(__x86_64__)
+  const std::set<std::string> flags = test::ProcessorFlags();
+  if (flags.count("avx2") != 0) expected.emplace_back("avx2");
+  if (flags.count("avx2") != 0 && flags.count("avx512bw") != 0) expected.emplace_back("avx512");
+#endif
+  std::vector<std::string> names;
+  for (const AreaKernel& kernel : AreaKernels()) names.emplace_back(kernel.name);
+  EXPECT_EQ(names, expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AreaKernelTest, testing::ValuesIn(AreaKernels().begin(), AreaKernels().end()),
