@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "failing_memory.h"
+#include "ormis/qet_host.h"
 #include "platform_test.h"
 
 namespace Ormis::test {
@@ -110,6 +111,21 @@ TEST_F(ContextTest, StartsAgainAfterRelease) {
   ASSERT_EQ(QetInitialize(process_, {}), kQetOk);
   ExpectFailure(kQetUnknownContext, "QetSetCurrentContext", NoLiveContext(context_.id),
                 [&] { return QetSetCurrentContext(context_); });
+}
+
+TEST_F(ContextTest, LaterIdsAreGreater) {
+  QetContext second;
+  ASSERT_EQ(QetCreateContext(second), kQetOk);
+  ImageData image = Record(2, 2, kQetImageBgr888);
+  ASSERT_EQ(QetImageMallocAligned(image), kQetOk);
+  EXPECT_GT(process_.id, 0U);
+  EXPECT_GT(context_.id, process_.id);
+  EXPECT_GT(second.id, context_.id);
+  EXPECT_GT(image.offset00, second.id);
+}
+
+TEST(HostVersionTest, IsOne) {
+  EXPECT_EQ(QetHostVersion(), 1U);
 }
 
 TEST_F(ContextTest, CreateWantsAnEmptyRecord) {

@@ -11,18 +11,21 @@
 #include <string>
 #include <vector>
 
+#include "failing_memory.h"
 #include "platform_test.h"
 
 namespace {
 
 /// Bytes of memory that the machine pretends to have; 0: what it has.
 std::uint64_t pretendedBytes = 0;
+bool nothingIsKnown = false;
 int asked = 0;
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int sysinfo(struct sysinfo* info) noexcept {
   static const auto real = reinterpret_cast<int (*)(struct sysinfo*)>(dlsym(RTLD_NEXT, "sysinfo"));
+  if (nothingIsKnown) return -1;
   const int result = real(info);
   if (pretendedBytes != 0) {
     ++asked;
@@ -96,6 +99,58 @@ TEST_F(MemoryLimitTest, GroupsOfVersionOneCount) {
   EXPECT_EQ(Limit(), 7000000U);
 }
 
+TEST_F(MemoryLimitTest, TheControllerOfMemoryIsFoundAnywhereInItsList) {
+  for (const char* const list : {"memory", "memory,cpu", "cpu,memory,pids", "cpu,memory"}) {
+    Write("proc/self/cgroup", std::string("7:") + list + ":/a");
+    Write("sys/fs/cgroup/memory/a/memory.limit_in_bytes", "7000000");
+    EXPECT_EQ(Limit(), 7000000U) << list;
+  }
+}
+
+TEST_F(MemoryLimitTest, LinesThatAreNoneAndGroupsWithoutASlashAreNoTrouble) {
+  Write("sys/fs/cgroup/memory/memory.limit_in_bytes", "1");
+  Write("sys/fs/cgroup/memory.max", "5000000");
+  Write("proc/self/cgroup", "memory\n7:memory\n");
+  EXPECT_EQ(Limit(), kMachine);
+  Write("proc/self/cgroup", "0::a\n");
+  EXPECT_EQ(Limit(), 5000000U);
+  Write("proc/self/cgroup", "0::/a/\n");
+  Write("sys/fs/cgroup/a/memory.max", "4000000");
+  EXPECT_EQ(Limit(), 4000000U);
+}
+
+TEST_F(MemoryLimitTest, WhereTheMachineDoesNotSayTheGroupsCount) {
+  nothingIsKnown = true;
+  EXPECT_EQ(Limit(), UINT64_MAX);
+  Write("proc/self/cgroup", "0::/");
+  Write("sys/fs/cgroup/memory.max", "5000000");
+  EXPECT_EQ(Limit(), 5000000U);
+  nothingIsKnown = false;
+}
+
+// Makes each allocation fail in turn: a limit that is overlooked for want of memory would be a wrong answer.
+TEST_F(MemoryLimitTest, WantOfMemoryIsNotTheEndOfTheGroups) {
+  if (!FailingMemory::kWorks) GTEST_SKIP();
+  const std::string group = "/a/group/whose/name/takes/more/than/a/string/holds/in/itself";
+  Write("proc/self/cgroup", "7:a,list,of,controllers,which,is/long:/none\n0::" + group);
+  Write("sys/fs/cgroup" + group + "/memory.max", "3000000");
+  const std::string root = root_;
+  std::size_t faults = 0;
+  for (;; ++faults) {
+    ASSERT_LT(faults, 1000U);
+    const FailingMemory memory(faults + 1);
+    std::uint64_t limit = 3000000;
+    try {
+      limit = portable::MemoryLimit(root);
+    } catch (const std::bad_alloc&) {
+      continue;
+    }
+    EXPECT_EQ(limit, 3000000U) << "allocation " << faults + 1;
+    if (!memory.Fired()) break;
+  }
+  EXPECT_GT(faults, 3U);
+}
+
 TEST_F(MemoryLimitTest, AGroupWithMoreThanTheMachineIsNoLimit) {
   Write("proc/self/cgroup", "0::/");
   Write("sys/fs/cgroup/memory.max", "9223372036854771712");
@@ -120,8 +175,24 @@ TEST_F(ImageLimitTest, AllImagesTogetherTakeHalfOfTheMemory) {
       "no memory for an image of 393216 bytes beside 393216 of other images, expected at most 524288 "
       "in all: half of the memory of the machine, or of this process's control group",
       [&] { return QetImageMallocAligned(images[1]); });
+  {
+    const PretendedMemory smaller(std::uint64_t{1} << 18U);
+    ExpectFailure(
+        kQetOutOfMemory, "QetImageMallocAligned",
+        "no memory for an image of 393216 bytes beside 393216 of other images, expected at most 131072 "
+        "in all: half of the memory of the machine, or of this process's control group",
+        [&] { return QetImageMallocAligned(images[1]); });
+  }
+  const PretendedMemory machineAgain(std::uint64_t{1} << 20U);
   ASSERT_EQ(QetImageDestroy(images[0]), kQetOk);
   EXPECT_EQ(QetImageMallocAligned(images[1]), kQetOk) << "what was freed no longer counts";
+  ImageData rest = Record(512, 64, kQetImageArgb8888);  // 128 KiB: all that is left
+  EXPECT_EQ(QetImageMallocAligned(rest), kQetOk);
+  ImageData more = Record(1, 1, 0);
+  ExpectFailure(kQetOutOfMemory, "QetImageMallocAligned",
+                "no memory for an image of 3 bytes beside 524288 of other images, expected at most 524288 in "
+                "all: half of the memory of the machine, or of this process's control group",
+                [&] { return QetImageMallocAligned(more); });
 }
 
 /// Makes a record as `Record{}` in memory that is full of other bytes. Expects the bytes of `padding` to be

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,18 @@
 
 #include "link_names.h"
 #include "platform_test.h"
+#include "yaml_faults.h"
+
+namespace {
+
+bool noLibraryIsFound = false;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int dladdr(const void* address, Dl_info* info) noexcept {
+  static const auto real = reinterpret_cast<decltype(&dladdr)>(dlsym(RTLD_NEXT, "dladdr"));
+  return noLibraryIsFound ? 0 : real(address, info);
+}
 
 namespace Ormis::test {
 namespace {
@@ -31,7 +44,10 @@ fs::path LibraryFile() {
 class SettingsTest : public testing::Test {
  protected:
   SettingsTest() { fs::create_directories(folder_); }
-  ~SettingsTest() override { fs::remove_all(folder_); }
+  ~SettingsTest() override {
+    EXPECT_EQ(LiveYamlObjects(), 0);
+    fs::remove_all(folder_);
+  }
 
   std::string Write(const std::string& text) const {
     std::string path = folder_ / "own.yaml";
@@ -49,6 +65,7 @@ class SettingsTest : public testing::Test {
     std::string text = log.Text();
     if (context.id != 0) EXPECT_EQ(QetRelease(context), kQetOk);
     EXPECT_THAT(text, HasSubstr("Z INFO - QET "));
+    EXPECT_THAT(text, EndsWith(" QetInitialize)\n"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     return MessageOf(text);
   }
@@ -78,6 +95,7 @@ class SettingsTest : public testing::Test {
 
 TEST_F(SettingsTest, ThePlatformsOwnFileHasEveryKeyWithItsDefault) {
   const std::string own = (LibraryFile().parent_path() / "ormis/host.yaml").string();
+  errno = ENOENT;  // of something else
   const std::string fromFile = LogOf("");
   const std::string head = "QetInitialize: settings: " + own + ": ";
   ASSERT_THAT(fromFile, StartsWith(head));
@@ -108,6 +126,17 @@ TEST_F(SettingsTest, WithoutTheFileTheDefaultsHold) {
   EXPECT_EQ(release(context), kQetOk);
   EXPECT_EQ(line, "QetInitialize: settings: defaults, without the file " +
                       (folder_ / "ormis/host.yaml").string() + ": " + SettingsOf(""));
+  std::ofstream(folder_ / "ormis") << "a file where the folder would be";
+  ExpectFailure(kQetInvalidArgument, "QetInitialize",
+                "cannot read " + (folder_ / "ormis/host.yaml").string() + ": Not a directory",
+                [&] { return initialize(context, {}); });
+}
+
+TEST_F(SettingsTest, WhereTheLibraryIsNotFoundTheFileIsLookedForHere) {
+  noLibraryIsFound = true;
+  const std::string line = LogOf("");
+  noLibraryIsFound = false;
+  EXPECT_EQ(line, "QetInitialize: settings: defaults, without the file ormis/host.yaml: " + SettingsOf(""));
 }
 
 TEST_F(SettingsTest, EveryKeyIsReadAndLogged) {
@@ -123,6 +152,9 @@ TEST_F(SettingsTest, EveryKeyIsReadAndLogged) {
   }
   EXPECT_THAT(SettingsOf("trial_processor_s: 86400\ntrial_wall_s: 86400\ntrial_memory_percent: 100"),
               EndsWith("trial_processor_s=86400 trial_wall_s=86400 trial_memory_percent=100"));
+  EXPECT_THAT(SettingsOf("trial_processor_s: 1\ntrial_wall_s: 1\ntrial_memory_percent: 1"),
+              EndsWith("trial_processor_s=1 trial_wall_s=1 trial_memory_percent=1"));
+  EXPECT_EQ(SettingsOf("---\n"), SettingsOf(""));
 }
 
 TEST_F(SettingsTest, AnUnknownKeyIsNamedWithItsLine) {
@@ -146,8 +178,10 @@ TEST_F(SettingsTest, ABadValueIsNamedWithItsLineAndWhatIsExpected) {
                     ":1: " + key + " is '" + value + "', expected a whole number of seconds from 1 to 86400");
     }
   }
-  ExpectRefused("trial_memory_percent: 101",
-                ":1: trial_memory_percent is '101', expected a whole number from 1 to 100");
+  for (const std::string value : {"0", "101"}) {
+    ExpectRefused("trial_memory_percent: " + value,
+                  ":1: trial_memory_percent is '" + value + "', expected a whole number from 1 to 100");
+  }
 }
 
 TEST_F(SettingsTest, WhatIsNoListOfKeysIsRefusedWithItsLine) {
@@ -165,6 +199,7 @@ TEST_F(SettingsTest, BytesThatAreNoTextAreRefusedWithTheirLine) {
   ExpectRefused("memory: device\n\n# \x01\n", ":3: control characters are not allowed");
   ExpectRefused("\x80", ":1: invalid leading UTF-8 octet");
   ExpectRefused("\n\x80", ":2: invalid leading UTF-8 octet");
+  ExpectRefused("\n\xc3\n", ":2: invalid trailing UTF-8 octet");  // the end of the line is the wrong octet
 }
 
 TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
@@ -181,6 +216,35 @@ TEST_F(SettingsTest, AFileThatCannotBeReadIsNamed) {
   ASSERT_EQ(mkfifo(parameters.configuration.c_str(), 0600), 0);
   ExpectFailure(kQetInvalidArgument, "QetInitialize", parameters.configuration + ": not a regular file",
                 [&] { return QetInitialize(context, parameters); });
+  parameters.configuration = "/proc/self/mem";
+  ExpectFailure(kQetInvalidArgument, "QetInitialize", "cannot read /proc/self/mem: Input/output error",
+                [&] { return QetInitialize(context, parameters); });
+}
+
+TEST_F(SettingsTest, WantOfMemoryInTheParserIsOutOfMemory) {
+  QetContext context;
+  QetContextParameters parameters;
+  parameters.configuration = Write("memory: device\n");
+  const auto expectOutOfMemory = [&] {
+    ExpectFailure(kQetOutOfMemory, "QetInitialize", "out of memory",
+                  [&] { return QetInitialize(context, parameters); });
+    EXPECT_TRUE(YamlFault::Fired());
+  };
+  {
+    const YamlFault fault(YamlFault::Kind::kNoParser);
+    expectOutOfMemory();
+  }
+  for (int call = 1; call <= 8; ++call) {  // start and end of stream, document and mapping, key and value
+    SCOPED_TRACE(call);
+    const YamlFault fault(YamlFault::Kind::kNoMemory, call);
+    expectOutOfMemory();
+  }
+}
+
+TEST_F(SettingsTest, AParserThatFailsWithoutAReasonIsRefused) {
+  const YamlFault fault(YamlFault::Kind::kNoReason, 3);
+  ExpectRefused("memory: device\n", ":1: not YAML");
+  EXPECT_TRUE(YamlFault::Fired());
 }
 
 TEST_F(SettingsTest, AfterARefusalThePlatformStarts) {

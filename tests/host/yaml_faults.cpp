@@ -11,6 +11,7 @@ namespace {
 std::optional<YamlFault::Kind> scripted;
 int callsLeft = 0;
 bool fired = false;
+int liveObjects = 0;
 
 /// Whether the scripted fault belongs to this call of yaml_parser_parse.
 bool IsThisCall() {
@@ -35,6 +36,24 @@ bool YamlFault::Fired() {
   return fired;
 }
 
+int LiveYamlObjects() {
+  return liveObjects;
+}
+
+extern "C" __attribute__((visibility("default"))) void yaml_parser_delete(yaml_parser_t* parser) {
+  static const auto real =
+      reinterpret_cast<decltype(&yaml_parser_delete)>(dlsym(RTLD_NEXT, "yaml_parser_delete"));
+  --liveObjects;
+  real(parser);
+}
+
+extern "C" __attribute__((visibility("default"))) void yaml_event_delete(yaml_event_t* event) {
+  static const auto real =
+      reinterpret_cast<decltype(&yaml_event_delete)>(dlsym(RTLD_NEXT, "yaml_event_delete"));
+  if (event->type != YAML_NO_EVENT) --liveObjects;
+  real(event);
+}
+
 extern "C" __attribute__((visibility("default"))) int yaml_parser_initialize(yaml_parser_t* parser) {
   if (scripted == YamlFault::Kind::kNoParser) {
     fired = true;
@@ -42,16 +61,24 @@ extern "C" __attribute__((visibility("default"))) int yaml_parser_initialize(yam
   }
   static const auto real =
       reinterpret_cast<decltype(&yaml_parser_initialize)>(dlsym(RTLD_NEXT, "yaml_parser_initialize"));
+  ++liveObjects;
   return real(parser);
+}
+
+/// Parses with libyaml, and counts the event.
+static int ParseWell(yaml_parser_t* parser, yaml_event_t* event) {
+  static const auto real =
+      reinterpret_cast<decltype(&yaml_parser_parse)>(dlsym(RTLD_NEXT, "yaml_parser_parse"));
+  const int result = real(parser, event);
+  if (event->type != YAML_NO_EVENT) ++liveObjects;
+  return result;
 }
 
 extern "C" __attribute__((visibility("default"))) int yaml_parser_parse(yaml_parser_t* parser,
                                                                         yaml_event_t* event) {
-  static const auto real =
-      reinterpret_cast<decltype(&yaml_parser_parse)>(dlsym(RTLD_NEXT, "yaml_parser_parse"));
-  if (!IsThisCall()) return real(parser, event);
+  if (!IsThisCall()) return ParseWell(parser, event);
   if (*scripted == YamlFault::Kind::kUnexpectedEvent) {
-    const int result = real(parser, event);
+    const int result = ParseWell(parser, event);
     const yaml_mark_t start = event->start_mark;
     yaml_event_delete(event);  // leaves an event of no type
     event->start_mark = start;

@@ -20,3 +20,6 @@ class YamlFault {
 
   static bool Fired();
 };
+
+/// Parsers and events of libyaml that were made and not deleted, in the whole program.
+int LiveYamlObjects();

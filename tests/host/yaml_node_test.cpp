@@ -24,6 +24,7 @@ class YamlNodeTest : public testing::Test {
     std::filesystem::current_path(folder_);
   }
   ~YamlNodeTest() override {
+    EXPECT_EQ(LiveYamlObjects(), 0);
     std::filesystem::current_path(home_);
     std::filesystem::remove_all(folder_);
   }
@@ -222,6 +223,16 @@ TEST_F(YamlNodeTest, AliasesCountWithAllTheyNameAgainstABillionLaughs) {
     text += "]\n";
   }
   ExpectError(text, "c.yaml:4:45: more than 10000 nodes");
+}
+
+TEST_F(YamlNodeTest, AliasesOfMappingsCountWithTheirKeys) {
+  const auto five = [](int pairs) {
+    std::string text = "a: &a {";
+    for (int i = 0; i < pairs; ++i) text += "k" + std::to_string(i) + ": 1, ";
+    return text + "}\n" + "b: *a\n" + "c: *a\n" + "d: *a\n" + "e: *a\n";
+  };
+  EXPECT_EQ(Parse(five(998)).children.size(), 5U);
+  ExpectError(five(999), "c.yaml:5:4: more than 10000 nodes");
 }
 
 TEST_F(YamlNodeTest, FilesAreLimitedToOneMebibyte) {
