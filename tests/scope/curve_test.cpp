@@ -54,12 +54,16 @@ TEST(CurvePlanTest, ReadsMixes) {
   EXPECT_THAT(error("CPU,VPC,CPU:2"), HasSubstr("CPU is given twice"));
 }
 
-TEST(CurvePlanTest, TheGreatestLoadHasAThreadForEachCpu) {
+TEST(CurvePlanTest, TheGreatestLoadHasFiveThreadsForEachCpu) {
   SweepLevels mix = {{"CPU", 4}, {"VPC", 2}};
   EXPECT_EQ(ReduceMix(mix), 2);
   EXPECT_THAT(mix, ElementsAre(Pair("CPU", 2), Pair("VPC", 1)));
-  EXPECT_EQ(UsualMost(mix, 1), 1);
-  EXPECT_EQ(UsualMost(mix, 7), 3);
+  EXPECT_EQ(UsualMost(mix, 1), 2);
+  EXPECT_EQ(UsualMost(mix, 2), 4);
+  EXPECT_EQ(UsualMost({{"CPU", 5}, {"VPC", 5}}, 1), 1);
+  EXPECT_EQ(UsualMost({{"AIC", 1}}, 2), 4) << "each loads a file";
+  EXPECT_EQ(UsualMost({{"AIC", 3}, {"CPU", 1}}, 1), 1);
+  EXPECT_EQ(UsualMost({{"CPU", 1}, {"AIC", 0}}, 2), 10);
   EXPECT_EQ(GreatestMost(mix), 5);
   EXPECT_EQ(UsualMost(mix, 64), 5) << "no more than levels allow";
 }

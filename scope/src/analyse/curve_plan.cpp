@@ -15,6 +15,12 @@
 namespace scope {
 namespace {
 
+// Workers of copies pause for longer than they copy where memory is fast. With fewer threads the processors
+// would wait.
+constexpr int kThreadsPerCpu = 5;
+// Each of these loads its file first, and takes more processor time for it than a short run has.
+constexpr int kLoadersPerCpu = 2;
+
 int GreatestShare(const SweepLevels& mix) {
   int greatest = 1;
   for (const auto& [section, share] : mix) greatest = std::max(greatest, share);
@@ -58,8 +64,14 @@ int GreatestMost(const SweepLevels& mix) {
 
 int UsualMost(const SweepLevels& mix, int cpus) {
   int threads = 0;
-  for (const auto& [section, share] : mix) threads += share;
-  return std::clamp((cpus + threads - 1) / std::max(threads, 1), 1, GreatestMost(mix));
+  int most = GreatestMost(mix);
+  for (const auto& [section, share] : mix) {
+    threads += share;
+    const EngineInfo* const engine = FindEngine(&EngineInfo::section, section);
+    if (share > 0 && engine != nullptr && *engine->fileKey != '\0')
+      most = std::min(most, std::max(kLoadersPerCpu * cpus / share, 1));
+  }
+  return std::clamp((kThreadsPerCpu * cpus + threads - 1) / std::max(threads, 1), 1, most);
 }
 
 void PlanRunsOf(Curve& curve) {

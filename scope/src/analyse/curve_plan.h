@@ -13,8 +13,9 @@ SweepLevels ParseMix(const std::string& text);
 /// The mix with the least whole numbers, and by how much they were divided: 2 of {CPU 2, VPC 4}.
 int ReduceMix(SweepLevels& mix);
 
-/// The fewest units of the mix that have a thread for each of `cpus`; at least 1, and no more than levels
-/// allow.
+/// The fewest units of the mix that have five threads for each of `cpus`, as workers pause after each
+/// operation. At least 1, no more than levels allow, and with no more than two threads for each CPU of an
+/// engine that loads a file.
 int UsualMost(const SweepLevels& mix, int cpus);
 
 /// The most units that levels allow.

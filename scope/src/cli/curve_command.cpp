@@ -154,7 +154,7 @@ CLI::Option* AddPlanOfCurve(CLI::App& command, CurveOptions& options, CLI::Optio
                               static_cast<std::uint64_t>(kAllowedCurvePoints.most)))
       ->capture_default_str();
   add("--most", options.most, "N",
-      "Greatest load, in units of the mix (default: a thread for each CPU that it may use)")
+      "Greatest load, in units of the mix (default: five threads for each CPU, of inferences two)")
       ->check(WholeNumberFrom(1, static_cast<std::uint64_t>(kMostLevel)));
   add("--repeat", settings.repeats, "N", "Runs of each point; each repeat is a whole curve")
       ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurveRepeats.least),
