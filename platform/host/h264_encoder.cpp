@@ -56,7 +56,7 @@ std::string Reason(const char* what, int error) {
   char text[AV_ERROR_MAX_STRING_SIZE];
   av_make_error_string(text, sizeof text, error);
   std::string reason = std::string(what) + ": " + text;
-  if (lastMessage[0] != '\0') reason += std::string(" (") + lastMessage + ")";
+  if (*lastMessage != '\0') reason += std::string(" (") + lastMessage + ")";
   return reason;
 }
 
@@ -128,9 +128,8 @@ std::unique_ptr<H264Encoder> H264Encoder::Open(const H264Settings& settings,
       // A device may open and still not encode, or keep frames back, so one frame is encoded on trial. The
       // trial has an encoder of its own: the caller's stream has to start with the caller's frame.
       H264Packet packet;
-      const std::vector<std::uint8_t> grey(
-          static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height) * 3 / 2, 128);
-      failure = encoder->Encode(grey.data(), packet);
+      const std::vector<std::uint8_t> picture(encoder->FrameBytes());
+      failure = encoder->Encode(picture.data(), packet);
       encoder.reset(new H264Encoder(settings, engine));
       if (failure.empty()) failure = encoder->OpenCodec();
     }
@@ -149,8 +148,12 @@ H264Encoder::~H264Encoder() {
   avcodec_free_context(&codec_);
 }
 
+std::size_t H264Encoder::FrameBytes() const {
+  return Nv12Bytes(static_cast<std::uint32_t>(settings_.width), static_cast<std::uint32_t>(settings_.height));
+}
+
 std::string H264Encoder::OpenCodec() {
-  lastMessage[0] = '\0';
+  *lastMessage = '\0';
   const AVCodec* description = avcodec_find_encoder_by_name(engine_.name);
   if (description == nullptr) return "this build of libavcodec does not have it";
   codec_ = avcodec_alloc_context3(description);
@@ -207,12 +210,12 @@ std::string H264Encoder::UseHardwareFrames() {
 }
 
 std::string H264Encoder::Encode(const std::uint8_t* nv12, H264Packet& packet) {
-  lastMessage[0] = '\0';
+  *lastMessage = '\0';
   // libavcodec's frames have no const pointers. This frame is marked read-only.
   auto* pixels = const_cast<std::uint8_t*>(nv12);
-  const int bytes = av_image_fill_arrays(frame_->data, frame_->linesize, pixels, AV_PIX_FMT_NV12,
-                                         settings_.width, settings_.height, 1);
-  if (bytes < 0) return Reason("the frame cannot be described", bytes);
+  // Cannot fail: a codec of this size was opened.
+  (void)av_image_fill_arrays(frame_->data, frame_->linesize, pixels, AV_PIX_FMT_NV12, settings_.width,
+                             settings_.height, 1);
   frame_->pts = frameCount_++;
 
   std::string failure;
@@ -226,14 +229,14 @@ std::string H264Encoder::Encode(const std::uint8_t* nv12, H264Packet& packet) {
     return failure;
   }
   // libavcodec copies a frame that has no buffer reference. libx264 has read the frame when the call returns,
-  // so it needs no copy. Whether a device has is unknown, so a device gets the copy.
+  // so it needs no copy. Whether a device has is unknown, so a device gets the copy. So does a frame for
+  // whose reference there is no memory.
+  AVBufferRef*& reference = *frame_->buf;
   if (engine_.device == nullptr) {
-    frame_->buf[0] = av_buffer_create(pixels, static_cast<std::size_t>(bytes), KeepCallersMemory, nullptr,
-                                      AV_BUFFER_FLAG_READONLY);
-    if (frame_->buf[0] == nullptr) throw std::bad_alloc();
+    reference = av_buffer_create(pixels, FrameBytes(), KeepCallersMemory, nullptr, AV_BUFFER_FLAG_READONLY);
   }
   failure = EncodeFrame(frame_, packet.packet_);
-  av_buffer_unref(&frame_->buf[0]);
+  av_buffer_unref(&reference);
   return failure;
 }
 

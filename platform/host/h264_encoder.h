@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -20,6 +21,11 @@ struct H264Settings {
   int gopSize = 0;  ///< frames from one key frame to the next
   int bitsPerSecond = 0;
 };
+
+/// Bytes of an NV12 picture without padding between rows.
+constexpr std::uint64_t Nv12Bytes(std::uint32_t width, std::uint32_t height) {
+  return std::uint64_t{width} * height * 3 / 2;
+}
 
 /// An encoder of libavcodec, with the options that make it encode at a constant bit rate and return one
 /// packet for each frame.
@@ -83,6 +89,7 @@ class H264Encoder {
   std::string OpenCodec();
   std::string UseHardwareFrames();
   std::string EncodeFrame(AVFrame* frame, AVPacket* packet);
+  std::size_t FrameBytes() const;
 
   H264Settings settings_;
   H264Engine engine_;

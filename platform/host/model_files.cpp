@@ -73,12 +73,15 @@ class ModelReader {
     while (at_ < end) {
       std::uint64_t tag = 0;
       std::uint64_t length = 0;
-      if (!Varint(tag) || !LengthOf(tag & 7U, length) || at_ > end || length > end - at_) return false;
-      if ((tag & 7U) != kLengthDelimited) {
-        if (!Skip(length)) return false;
+      if (!Varint(tag)) return false;
+      const std::uint64_t wireType = tag & 7U;
+      const std::uint64_t number = tag >> 3U;
+      if (!LengthOf(wireType, length) || at_ > end || length > end - at_) return false;
+      if (wireType != kLengthDelimited) {
+        Skip(length);
       } else if (message == Message::kExternalData && length <= kMaxText) {
-        if (!Text(length, tag >> 3U == 1 ? key : value)) return false;
-      } else if (!WalkField(message, tag >> 3U, length, depth)) {
+        Text(length, number == 1 ? key : value);
+      } else if (!WalkField(message, number, length, depth)) {
         return false;
       }
     }
@@ -90,7 +93,10 @@ class ModelReader {
     const Field* const field = std::find_if(std::begin(kFields), std::end(kFields), [&](const Field& one) {
       return one.in == message && one.number == number;
     });
-    if (field == std::end(kFields) || depth == kMaxDepth) return Skip(length);
+    if (field == std::end(kFields) || depth == kMaxDepth) {
+      Skip(length);
+      return true;
+    }
     return Walk(field->is, at_ + length, depth + 1);
   }
 
@@ -105,7 +111,7 @@ class ModelReader {
 
   bool Varint(std::uint64_t& value) {
     value = 0;
-    for (unsigned int shift = 0; shift < 64; shift += 7) {
+    for (unsigned int shift = 0; shift < kVarintBits; shift += 7) {
       const int byte = std::fgetc(file_);
       if (byte == EOF) return false;
       ++at_;
@@ -115,18 +121,21 @@ class ModelReader {
     return false;
   }
 
-  bool Text(std::uint64_t length, std::string& text) {
+  // The length of a value is within the file. Where the file is cut off meanwhile, the next byte shows it.
+
+  void Text(std::uint64_t length, std::string& text) {
     text.resize(length);
     at_ += length;
-    return std::fread(text.data(), 1, length, file_) == length;
+    (void)std::fread(text.data(), 1, length, file_);
   }
 
-  bool Skip(std::uint64_t length) {
+  void Skip(std::uint64_t length) {
     at_ += length;
-    return length == 0 || fseeko(file_, static_cast<off_t>(at_), SEEK_SET) == 0;
+    (void)fseeko(file_, static_cast<off_t>(at_), SEEK_SET);
   }
 
   static constexpr std::uint64_t kLengthDelimited = 2;
+  static constexpr unsigned int kVarintBits = 70;  // ten bytes of seven bits
 
   std::FILE* file_;
   std::uint64_t size_;
@@ -136,7 +145,7 @@ class ModelReader {
 
 FileState StateOf(const std::string& path) {
   struct stat status{};
-  if (stat(path.c_str(), &status) != 0) return {};
+  (void)stat(path.c_str(), &status);  // leaves all zero where it fails
   return {status.st_dev,          status.st_ino,         status.st_size,        status.st_mtim.tv_sec,
           status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }

@@ -85,34 +85,34 @@ void ChooseSides(std::int64_t& height, std::int64_t& width) {
   if (width == kOpen) width = height <= kLineHeight ? kLineWidth : height;
 }
 
-/// Recognises pictures of rank 3 and 4 by their depth, 1, 3 or 4 channels before or behind the sides.
-bool ChoosePicture(const DeclaredInput& input, std::vector<std::int64_t>& shape) {
+/// Recognises pictures of rank 3 and 4 by their depth, 1, 3 or 4 channels before or behind the sides, and
+/// gives the sides their sizes.
+void ChoosePicture(const DeclaredInput& input, std::vector<std::int64_t>& shape) {
   const std::vector<std::int64_t>& declared = input.shape;
   if (declared.size() == 4) {
     const bool openDepth = declared[1] == kOpen && declared[3] == kOpen;
     if (openDepth && shape[1] == kOpen) shape[1] = 3;
-    if (openDepth || IsPictureDepth(declared[1])) return ChooseSides(shape[2], shape[3]), true;
-    if (IsPictureDepth(declared[3])) return ChooseSides(shape[1], shape[2]), true;
+    if (openDepth || IsPictureDepth(declared[1])) return ChooseSides(shape[2], shape[3]);
+    if (IsPictureDepth(declared[3])) return ChooseSides(shape[1], shape[2]);
   }
   if (declared.size() == 3 && !input.whole) {
     if (IsPictureDepth(declared[0]) && declared[1] == kOpen && declared[2] == kOpen) {
-      return ChooseSides(shape[1], shape[2]), true;
+      return ChooseSides(shape[1], shape[2]);
     }
     if (IsPictureDepth(declared[2]) && declared[0] == kOpen && declared[1] == kOpen) {
-      return ChooseSides(shape[0], shape[1]), true;
+      return ChooseSides(shape[0], shape[1]);
     }
   }
-  return false;
 }
 
 /// Gives what is still open in `shape` the sizes of usual networks. The declared shape tells the kind of the
 /// input: a batch that another input has set to 2 makes no state of it.
 void ChooseUsualSizes(const DeclaredInput& input, std::vector<std::int64_t>& shape) {
   const std::size_t rank = shape.size();
-  const bool picture = ChoosePicture(input, shape);
+  ChoosePicture(input, shape);
   const bool state = rank == 3 && input.shape[0] > 1;  // layers, batch, width
   if (rank == 1 && !input.whole && shape[0] == kOpen) shape[0] = kSamples;
-  if (!picture && !state && (rank == 2 || rank == 3)) {
+  if (!state && (rank == 2 || rank == 3)) {
     const std::int64_t length = rank == 2 && !input.whole ? kSamples : kTokens;
     std::replace(shape.begin() + 1, shape.end(), kOpen, length);
   }
@@ -175,10 +175,11 @@ void ChooseShape(DeclaredInput& input, const InputChoices& choices, NamedSizes& 
     return;
   }
   std::vector<std::int64_t> shape = input.shape;
-  for (std::size_t i = 0; i < shape.size(); ++i) {
-    const auto known = sizes.find(input.symbols[i]);
-    if (shape[i] == kOpen && known != sizes.end()) shape[i] = known->second.size;
-  }
+  std::transform(shape.begin(), shape.end(), input.symbols.begin(), shape.begin(),
+                 [&](std::int64_t size, const std::string& symbol) {
+                   const auto known = sizes.find(symbol);
+                   return size == kOpen && known != sizes.end() ? known->second.size : size;
+                 });
   ChooseUsualSizes(input, shape);
   (void)EnterSizes(input, shape, sizes);  // contradicts none: those that are known were taken
   input.shape = std::move(shape);

@@ -19,6 +19,7 @@
 #include <map>
 #include <mutex>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "diagnostics.h"
@@ -44,7 +45,7 @@ std::string ProgramPath() {
 class Pipe {
  public:
   Pipe() {
-    if (pipe2(ends_, O_CLOEXEC) != 0) ends_[0] = ends_[1] = -1;
+    (void)pipe2(ends_, O_CLOEXEC);  // leaves them as they are where it fails
   }
   ~Pipe() {
     Close(ends_[0]);
@@ -73,15 +74,11 @@ class Pipe {
       // The callers' lock is held on purpose: one trial at a time.
       // NOLINTBEGIN(clang-analyzer-unix.BlockInCriticalSection)
       const int ready = poll(events, std::size(events), isGone ? 0 : WaitMs(end));
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready == 0 && !isGone) {
-        if (WaitMs(end) == 0) Kill(writer);
-        continue;
-      }
+      if (ready < 0) continue;  // a signal
+      if (ready == 0 && !isGone) Kill(writer);
       if (events[0].revents == 0) return text;  // the process has ended, and all it wrote has been read
       const ssize_t size = read(ends_[0], part, sizeof part);
       // NOLINTEND(clang-analyzer-unix.BlockInCriticalSection)
-      if (size < 0 && errno == EINTR) continue;
       if (size <= 0) return text;
       text.append(part, static_cast<std::size_t>(size));
     }
@@ -89,16 +86,14 @@ class Pipe {
 
  private:
   static void Close(int& descriptor) {
-    if (descriptor >= 0) (void)close(descriptor);
-    descriptor = -1;
+    if (descriptor >= 0) (void)close(std::exchange(descriptor, -1));
   }
 
-  /// Milliseconds until `end`, at most a day; endless for a writer that was killed.
-  int WaitMs(std::chrono::steady_clock::time_point end) const {
-    if (killed_) return -1;
+  /// Milliseconds until `end`, which is a day from now at most.
+  static int WaitMs(std::chrono::steady_clock::time_point end) {
     const auto left = end - std::chrono::steady_clock::now();
     const auto leftMs = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-    return static_cast<int>(std::clamp<std::int64_t>(leftMs, 0, 86'400'000));
+    return static_cast<int>(std::max<std::int64_t>(leftMs, 0));
   }
 
   void Kill(pid_t writer) {
@@ -134,13 +129,11 @@ int Start(const std::string& path, int output, pid_t& child) {
   char* const arguments[] = {program.data(), file.data(), processorS.data(), memoryPercent.data(), nullptr};
   std::vector<char*> environment = TrialEnvironment();
 
+  // The GNU C library's cannot fail.
   posix_spawn_file_actions_t files;
-  if (const int error = posix_spawn_file_actions_init(&files); error != 0) return error;
+  (void)posix_spawn_file_actions_init(&files);
   posix_spawnattr_t attributes;
-  if (const int error = posix_spawnattr_init(&attributes); error != 0) {
-    (void)posix_spawn_file_actions_destroy(&files);
-    return error;
-  }
+  (void)posix_spawnattr_init(&attributes);
   // Ctrl-C reaches this process, too. Blocked, so that it does not look like a fault of the model.
   sigset_t blocked;
   (void)sigemptyset(&blocked);
@@ -217,9 +210,8 @@ TrialResult TryModel(const std::string& path) {
       << settings.trialProcessorS << " s of processor time and " << settings.trialWallS << " s by the clock";
   Pipe pipe;
   pid_t child = 0;
-  int error = errno;
-  if (pipe.Ok()) error = Start(path, pipe.WriteEnd(), child);
-  if (!pipe.Ok() || error != 0) {
+  const int error = pipe.Ok() ? Start(path, pipe.WriteEnd(), child) : errno;
+  if (error != 0) {
     WarnOnce(error);
     return {};
   }

@@ -51,7 +51,7 @@ program, because a damaged model may crash it.
 
 void Limit(int resource, rlim_t limit) {
   rlimit value{};
-  if (getrlimit(resource, &value) != 0) return;
+  (void)getrlimit(resource, &value);
   value.rlim_max = std::min(value.rlim_max, limit);
   value.rlim_cur = value.rlim_max;
   (void)setrlimit(resource, &value);

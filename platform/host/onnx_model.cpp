@@ -10,7 +10,6 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <new>
 #include <stdexcept>
 
 #include "diagnostics.h"
@@ -23,18 +22,13 @@ namespace Ormis::host {
 
 namespace {
 
-void ORT_API_CALL LogMessage(void*, OrtLoggingLevel severity, const char* category, const char*,
+/// Gets the runtime's messages from warnings on. Errors of the runtime become warnings: where an operation
+/// fails, its status says so, and the operation logs that once at error level. Allocates nothing: the runtime
+/// may call this because memory is out.
+void ORT_API_CALL LogMessage(void*, OrtLoggingLevel, const char* category, const char*,
                              const char* codeLocation, const char* message) {
-  // Errors of the runtime become warnings: where an operation fails, its status says so, and the operation
-  // logs that once at error level.
-  if (severity < ORT_LOGGING_LEVEL_WARNING) return;
-  const ara::log::SourceLocation here{__FILE__, "LogMessage", __LINE__};
-  try {
-    Log().LogWarn(here) << "ONNX Runtime: " << category << ": " << OneLine(message) << " (" << codeLocation
-                        << ")";
-  } catch (const std::bad_alloc&) {
-    Log().LogWarn(here) << "ONNX Runtime: a message that memory was too short for";
-  }
+  Log().LogWarn({__FILE__, "LogMessage", __LINE__})
+      << "ONNX Runtime: " << category << ": " << message << " (" << codeLocation << ")";
 }
 
 // One environment for all models. Each model holds it, because a session must not outlive it.
@@ -56,12 +50,9 @@ SessionOptions SingleThreaded() {
   OrtSessionOptions* raw = nullptr;
   ThrowOnFailure(Api().CreateSessionOptions(&raw));
   SessionOptions options(raw);
+  // A session that runs one operation after the other, as it does by itself, has no other threads.
   ThrowOnFailure(Api().SetIntraOpNumThreads(raw, 1));
-  ThrowOnFailure(Api().SetInterOpNumThreads(raw, 1));
-  ThrowOnFailure(Api().SetSessionExecutionMode(raw, ORT_SEQUENTIAL));
   ThrowOnFailure(Api().SetSessionGraphOptimizationLevel(raw, ORT_ENABLE_ALL));
-  ThrowOnFailure(Api().AddSessionConfigEntry(raw, "session.intra_op.allow_spinning", "0"));
-  ThrowOnFailure(Api().AddSessionConfigEntry(raw, "session.inter_op.allow_spinning", "0"));
   return options;
 }
 
@@ -70,8 +61,7 @@ std::string Unreadable(const std::string& path) {
   struct stat status{};
   if (stat(path.c_str(), &status) != 0) return std::strerror(errno);
   if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "not a regular file";
-  errno = 0;
-  if (!std::ifstream(path, std::ios::binary)) return std::strerror(errno != 0 ? errno : EIO);
+  if (!std::ifstream(path, std::ios::binary)) return std::strerror(errno);
   return {};
 }
 
@@ -128,11 +118,11 @@ std::size_t OnnxModel::InputCount() const {
 }
 
 bool OnnxModel::HasInputs() const {
-  return state_->inputs.made;
+  return state_->inputs.made.has_value();
 }
 
 bool OnnxModel::HasOutputs() const {
-  return state_->outputs.made;
+  return state_->outputs.made.has_value();
 }
 
 Outcome OnnxModel::CreateInputs() {
@@ -153,13 +143,13 @@ Outcome OnnxModel::MakeInputs(OnnxTensors& inputs) const {
   if (!fault.empty()) return {kQetInvalidArgument, fault};
   for (std::size_t i = 0; i < types.size(); ++i) types[i].declared.shape = shapes[i].shape;
   if (const Outcome outcome = Measure(types); !outcome.Ok()) return outcome;
-  MakeTensors(types, inputs);
+  inputs.made = MakeTensors(types);
   for (std::size_t i = 0; i < types.size(); ++i) {
     const auto choice = choices.find(types[i].declared.name);
     if (choice == choices.end()) continue;
-    fault = FillInput(choice->second, types[i], static_cast<std::uint32_t>(i), inputs.tensors[i]);
+    fault = FillInput(choice->second, types[i], static_cast<std::uint32_t>(i), inputs.made->tensors[i]);
     if (fault.empty()) continue;
-    DropTensors(inputs);
+    inputs.made.reset();
     return {kQetInvalidArgument, path + fault};
   }
   return {};
@@ -179,11 +169,8 @@ Outcome OnnxModel::CreateOutputs() {
     if (const Outcome outcome = LearnOutputs(shapes); !outcome.Ok()) return outcome;
     for (std::size_t i = 0; i < types.size(); ++i) types[i].declared.shape = shapes[i];
   }
-  for (TensorType& type : types) {
-    std::replace(type.declared.shape.begin(), type.declared.shape.end(), std::int64_t{-1}, std::int64_t{1});
-  }
   if (const Outcome outcome = Measure(types); !outcome.Ok()) return outcome;
-  MakeTensors(types, state_->outputs);
+  state_->outputs.made = MakeTensors(types);
   return {};
 }
 
@@ -199,7 +186,7 @@ Outcome OnnxModel::LearnOutputs(std::vector<std::vector<std::int64_t>>& shapes) 
   }
   std::vector<OrtValue*> raw(names.names.size());
   const Status status(Api().Run(state_->session.get(), nullptr, inputs->namePointers.data(),
-                                inputs->valuePointers.data(), inputs->namePointers.size(),
+                                inputs->made->valuePointers.data(), inputs->namePointers.size(),
                                 names.namePointers.data(), names.namePointers.size(), raw.data()));
   std::vector<Value> values;
   for (OrtValue* const value : raw) values.emplace_back(value);
@@ -217,19 +204,19 @@ Outcome OnnxModel::LearnOutputs(std::vector<std::vector<std::int64_t>>& shapes) 
 }
 
 const std::vector<OnnxTensor>& OnnxModel::Inputs() const {
-  return state_->inputs.tensors;
+  return state_->inputs.made->tensors;
 }
 
 const std::vector<OnnxTensor>& OnnxModel::Outputs() const {
-  return state_->outputs.tensors;
+  return state_->outputs.made->tensors;
 }
 
 void OnnxModel::DropInputs() noexcept {
-  DropTensors(state_->inputs);
+  state_->inputs.made.reset();
 }
 
 void OnnxModel::DropOutputs() noexcept {
-  DropTensors(state_->outputs);
+  state_->outputs.made.reset();
 }
 
 void OnnxModel::RefuseToRun(Outcome reason) {
@@ -241,9 +228,9 @@ Outcome OnnxModel::Run() {
   OnnxTensors& inputs = state_->inputs;
   OnnxTensors& outputs = state_->outputs;
   const Status status(Api().Run(state_->session.get(), nullptr, inputs.namePointers.data(),
-                                inputs.valuePointers.data(), inputs.namePointers.size(),
+                                inputs.made->valuePointers.data(), inputs.namePointers.size(),
                                 outputs.namePointers.data(), outputs.namePointers.size(),
-                                outputs.valuePointers.data()));
+                                outputs.made->valuePointers.data()));
   if (status != nullptr) return {kQetInferenceFailure, Text(status)};
   return {};
 }

@@ -45,8 +45,8 @@ class OnnxModel {
   /// of outputs open, they are those of a first inference.
   Outcome CreateInputs();
   Outcome CreateOutputs();
-  const std::vector<OnnxTensor>& Inputs() const;
-  const std::vector<OnnxTensor>& Outputs() const;
+  const std::vector<OnnxTensor>& Inputs() const;   ///< requires: HasInputs
+  const std::vector<OnnxTensor>& Outputs() const;  ///< requires: HasOutputs
 
   /// Free the buffers. The state is then that before CreateInputs or CreateOutputs.
   void DropInputs() noexcept;

@@ -3,9 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
-#include <utility>
 
 #include "tensor_elements.h"
 
@@ -15,28 +13,37 @@ namespace {
 
 /// Zeroed by writing, so that each page is memory of its own and not the kernel's shared zero page.
 std::unique_ptr<void, FreeMemory> AllocatePages(std::size_t bytes) {
-  constexpr std::size_t kPage = 4096;
-  const std::size_t rounded = bytes == 0 ? kPage : (bytes + kPage - 1) / kPage * kPage;
-  std::unique_ptr<void, FreeMemory> memory(std::aligned_alloc(kPage, rounded));
-  if (memory == nullptr) throw std::bad_alloc();
-  std::memset(memory.get(), 0, rounded);
-  return memory;
+  void* memory = nullptr;
+  if (posix_memalign(&memory, 4096, bytes) != 0) throw std::bad_alloc();
+  std::memset(memory, 0, bytes);
+  return std::unique_ptr<void, FreeMemory>(memory);
 }
 
 // For all inputs together, and for all outputs. A damaged dimension may ask for any amount. Linux may promise
 // more memory than there is, and the process would be killed when the pages are written.
 constexpr std::size_t kMaxTensorsBytes = std::size_t{2} << 30;
 
+const char* KindName(ONNXType kind) {
+  switch (kind) {
+    case ONNX_TYPE_SEQUENCE:
+      return "a sequence";
+    case ONNX_TYPE_MAP:
+      return "a map";
+    case ONNX_TYPE_SPARSETENSOR:
+      return "a sparse tensor";
+    case ONNX_TYPE_OPTIONAL:
+      return "an optional value";
+    default:
+      return "of an unknown kind";
+  }
+}
+
 /// Reads element type and shape of an input or output. Fails for what is no tensor of numbers.
 Outcome Describe(const OrtTypeInfo* typeInfo, TensorType& type) {
-  constexpr const char* kKinds[] = {"of an unknown kind", "a tensor",         "a sequence", "a map", "opaque",
-                                    "a sparse tensor",    "an optional value"};
   ONNXType kind = ONNX_TYPE_UNKNOWN;
   ThrowOnFailure(Api().GetOnnxTypeFromTypeInfo(typeInfo, &kind));
   if (kind != ONNX_TYPE_TENSOR) {
-    const auto index =
-        static_cast<std::size_t>(kind) < std::size(kKinds) ? static_cast<std::size_t>(kind) : 0;
-    return {kQetUnsupported, type.item + " is " + kKinds[index] + ", expected a tensor of numbers"};
+    return {kQetUnsupported, type.item + " is " + KindName(kind) + ", expected a tensor of numbers"};
   }
   const OrtTensorTypeAndShapeInfo* shapeInfo = nullptr;
   ThrowOnFailure(Api().CastTypeInfoToTensorInfo(typeInfo, &shapeInfo));
@@ -99,8 +106,8 @@ bool MayBeOpen(const TensorType& type) {
   return shape.empty() || std::find(shape.begin(), shape.end(), -1) != shape.end();
 }
 
-void MakeTensors(const std::vector<TensorType>& types, OnnxTensors& tensors) {
-  OnnxTensors made;
+MadeTensors MakeTensors(const std::vector<TensorType>& types) {
+  MadeTensors made;
   OrtMemoryInfo* rawInfo = nullptr;
   ThrowOnFailure(Api().CreateCpuMemoryInfo(OrtDeviceAllocator, OrtMemTypeDefault, &rawInfo));
   const MemoryInfo memoryInfo(rawInfo);
@@ -114,20 +121,7 @@ void MakeTensors(const std::vector<TensorType>& types, OnnxTensors& tensors) {
     made.valuePointers.push_back(value);
     made.tensors.push_back({made.memory.back().get(), type.bytes});
   }
-
-  tensors.memory = std::move(made.memory);
-  tensors.values = std::move(made.values);
-  tensors.valuePointers = std::move(made.valuePointers);
-  tensors.tensors = std::move(made.tensors);
-  tensors.made = true;
-}
-
-void DropTensors(OnnxTensors& tensors) noexcept {
-  tensors.made = false;
-  tensors.tensors.clear();
-  tensors.valuePointers.clear();
-  tensors.values.clear();
-  tensors.memory.clear();
+  return made;
 }
 
 void ReadNames(OrtSession* session,

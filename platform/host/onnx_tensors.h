@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,16 +17,20 @@ struct FreeMemory {
   void operator()(void* memory) const { std::free(memory); }
 };
 
-/// The inputs or the outputs of a model: the names from the model and, after MakeTensors, buffers and
-/// values. The arrays are those that Run hands to the runtime, so that it allocates nothing.
-struct OnnxTensors {
-  std::vector<std::string> names;
-  std::vector<const char*> namePointers;  ///< of `names`
-  std::vector<OnnxTensor> tensors;        ///< this and the members below are empty until `made`
+/// Buffers and values.
+struct MadeTensors {
+  std::vector<OnnxTensor> tensors;
   std::vector<std::unique_ptr<void, FreeMemory>> memory;
   std::vector<Value> values;
   std::vector<OrtValue*> valuePointers;  ///< of `values`
-  bool made = false;
+};
+
+/// The inputs or the outputs of a model: the names from the model and, once made, buffers and values.
+/// The arrays of pointers are those that Run hands to the runtime, so that it allocates nothing.
+struct OnnxTensors {
+  std::vector<std::string> names;
+  std::vector<const char*> namePointers;  ///< of `names`
+  std::optional<MadeTensors> made;
 };
 
 /// Type, shape and size of one input or output.
@@ -56,8 +61,7 @@ Outcome Measure(std::vector<TensorType>& types);
 bool MayBeOpen(const TensorType& type);
 
 /// Makes zeroed buffers and values of measured types.
-void MakeTensors(const std::vector<TensorType>& types, OnnxTensors& tensors);
-void DropTensors(OnnxTensors& tensors) noexcept;
+MadeTensors MakeTensors(const std::vector<TensorType>& types);
 
 /// Reads the names of `count` inputs, or outputs.
 void ReadNames(OrtSession* session,

@@ -36,12 +36,18 @@ struct Slot {
 };
 
 struct Encoder {
+  explicit Encoder(const QetVenc& venc)
+      : width(venc.width),
+        height(venc.height),
+        channel(venc.channel),
+        streamBufferBytes(venc.streamBufferBytes) {}
+
   std::mutex mutex;
   std::unique_ptr<H264Encoder> engine;
-  std::uint32_t width = 0;
-  std::uint32_t height = 0;
-  std::uint32_t channel = 0;
-  std::uint64_t streamBufferBytes = 0;
+  const std::uint32_t width;
+  const std::uint32_t height;
+  const std::uint32_t channel;
+  const std::uint64_t streamBufferBytes;
   std::uint64_t outstandingBytes = 0;
   std::array<Slot, kMaxOutstanding> slots;
 };
@@ -106,7 +112,7 @@ std::int32_t RequireFrame(const ImageData& frame, const Encoder& encoder, std::s
                     "a frame of " << Size(frame.width, frame.height) << ", expected "
                                   << Size(encoder.width, encoder.height));
   }
-  const std::uint64_t bytes = std::uint64_t{encoder.width} * encoder.height * 3 / 2;
+  const std::uint64_t bytes = Nv12Bytes(encoder.width, encoder.height);
   if (frame.dataSize < bytes) {
     return QET_FAIL(kSendFrame, kQetInvalidSize,
                     "a frame of " << frame.dataSize << " bytes, expected at least " << std::to_string(bytes));
@@ -150,7 +156,7 @@ std::int32_t QetVenc::Init() {
     const host::H264Settings settings{static_cast<int>(width), static_cast<int>(height),
                                       static_cast<int>(frameRate), static_cast<int>(gopSize),
                                       static_cast<int>(bitrateKbps * 1000)};
-    auto encoder = std::make_shared<host::Encoder>();
+    auto encoder = std::make_shared<host::Encoder>(*this);
     std::string refused;
     const std::string& wanted = host::CurrentSettings().encoder;
     encoder->engine =
@@ -169,10 +175,6 @@ std::int32_t QetVenc::Init() {
     host::Log().LogInfo({__FILE__, kInit, __LINE__})
         << kInit << ": channel " << channel << ", " << host::Size(width, height) << ", engine "
         << encoder->engine->EngineName();
-    encoder->width = width;
-    encoder->height = height;
-    encoder->channel = channel;
-    encoder->streamBufferBytes = streamBufferBytes;
     const std::uint64_t id = host::NextId();
     host::encoders.Add(id, std::move(encoder));
     encoderId = id;
@@ -205,7 +207,7 @@ std::int32_t QetVenc::SendFrame(const ImageData& frame) {
     if (const std::string failure = encoder->engine->Encode(frame.data, slot->packet); !failure.empty()) {
       return QET_FAIL(kSendFrame, kQetEncoderFailure, encoder->engine->EngineName() << ": " << failure);
     }
-    portable::FlushFromCaches(frame.data, std::uint64_t{encoder->width} * encoder->height * 3 / 2);
+    portable::FlushFromCaches(frame.data, host::Nv12Bytes(encoder->width, encoder->height));
     slot->state = host::Slot::State::kWaiting;
     slot->streamId = host::NextId();
     encoder->outstandingBytes += slot->packet.SizeBytes();
@@ -270,10 +272,7 @@ std::int32_t QetVenc::ReleaseStream(ux_venc_stream& stream) {
 
 // Needs no context and no initialised platform: after QetRelease there is nothing left to free.
 QetVenc::~QetVenc() {
-  (void)host::Guarded("QetVenc::~QetVenc", [&]() -> std::int32_t {
-    host::encoders.Take(encoderId);
-    return kQetOk;
-  });
+  host::encoders.Take(encoderId);
 }
 
 }  // namespace Ormis
