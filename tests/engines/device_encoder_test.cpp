@@ -4,18 +4,22 @@
 // need the device (--wrap); the software engine encodes in its place.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "h264_encoder.h"
+#include "sanitizers.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/hwcontext.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 }
 
@@ -46,8 +50,20 @@ struct Device {
   std::string rateControl;
   std::vector<std::int64_t> times;  ///< of the frames that were sent
   int framesHeld = 0;               ///< frames of the device that were not given back before the next
+
+  int allocations = 0;     ///< of packets, codecs, frames and descriptions of frames
+  int failAllocation = 0;  ///< the number of the one for which there is no memory, from 1; 0: none
+
+  std::string message;  ///< what the library says before it sends a frame
+  int messageLevel = AV_LOG_ERROR;
+  bool messageOfCodec = false;
 };
-Device* device = nullptr;  // null: calls go to libavcodec
+Device* device = nullptr;        // null: calls go to libavcodec
+bool sentWithReference = false;  // the last frame that was sent had a buffer reference
+
+bool OutOfMemory() {
+  return device != nullptr && ++device->allocations == device->failAllocation;
+}
 
 constexpr H264Settings kSettings{64, 48, 30, 60, 200000};
 constexpr H264Engine kEngine{"h264_vaapi", "/dev/null", "rc_mode=CBR,async_depth=1"};
@@ -69,6 +85,21 @@ const AVCodec* __real_avcodec_find_encoder_by_name(const char* name);
 int __real_avcodec_open2(AVCodecContext* codec, const AVCodec* description, AVDictionary** options);
 int __real_avcodec_send_frame(AVCodecContext* codec, const AVFrame* frame);
 int __real_avcodec_receive_packet(AVCodecContext* codec, AVPacket* packet);
+AVPacket* __real_av_packet_alloc(void);
+AVFrame* __real_av_frame_alloc(void);
+AVCodecContext* __real_avcodec_alloc_context3(const AVCodec* description);
+
+AVPacket* __wrap_av_packet_alloc(void) {
+  return OutOfMemory() ? nullptr : __real_av_packet_alloc();
+}
+
+AVFrame* __wrap_av_frame_alloc(void) {
+  return OutOfMemory() ? nullptr : __real_av_frame_alloc();
+}
+
+AVCodecContext* __wrap_avcodec_alloc_context3(const AVCodec* description) {
+  return OutOfMemory() ? nullptr : __real_avcodec_alloc_context3(description);
+}
 
 const AVCodec* __wrap_avcodec_find_encoder_by_name(const char* name) {
   return __real_avcodec_find_encoder_by_name(device != nullptr ? "libx264" : name);
@@ -87,6 +118,7 @@ int __wrap_av_hwdevice_ctx_create(AVBufferRef** context, AVHWDeviceType type, co
 AVBufferRef* __wrap_av_hwframe_ctx_alloc(AVBufferRef* context) {
   if (device == nullptr) return __real_av_hwframe_ctx_alloc(context);
   EXPECT_NE(context, nullptr);
+  if (OutOfMemory()) return nullptr;
   return av_buffer_allocz(sizeof(AVHWFramesContext));
 }
 
@@ -122,6 +154,7 @@ int __wrap_avcodec_open2(AVCodecContext* codec, const AVCodec* description, AVDi
 int __wrap_av_hwframe_get_buffer(AVBufferRef* frames, AVFrame* frame, int flags) {
   if (device == nullptr) return __real_av_hwframe_get_buffer(frames, frame, flags);
   EXPECT_NE(frames, nullptr);
+  EXPECT_EQ(flags, 0);
   if (device->onFrame != 0) return device->onFrame;
   device->framesHeld += frame->buf[0] != nullptr ? 1 : 0;
   frame->format = AV_PIX_FMT_NV12;
@@ -132,12 +165,17 @@ int __wrap_av_hwframe_get_buffer(AVBufferRef* frames, AVFrame* frame, int flags)
 
 int __wrap_av_hwframe_transfer_data(AVFrame* to, const AVFrame* from, int flags) {
   if (device == nullptr) return __real_av_hwframe_transfer_data(to, from, flags);
+  EXPECT_EQ(flags, 0);
   return device->onTransfer != 0 ? device->onTransfer : av_frame_copy(to, from);
 }
 
 int __wrap_avcodec_send_frame(AVCodecContext* codec, const AVFrame* frame) {
+  sentWithReference = frame->buf[0] != nullptr;
   if (device == nullptr) return __real_avcodec_send_frame(codec, frame);
   device->times.push_back(frame->pts);
+  if (!device->message.empty()) {
+    av_log(device->messageOfCodec ? codec : nullptr, device->messageLevel, "%s", device->message.c_str());
+  }
   return device->onSend != 0 ? device->onSend : __real_avcodec_send_frame(codec, frame);
 }
 
@@ -153,7 +191,11 @@ namespace {
 
 class DeviceEncoder : public testing::Test {
  protected:
-  DeviceEncoder() { device = &scripted_; }
+  DeviceEncoder() {
+    device = &scripted_;
+    // The library has one receiver of messages. Another test may have taken it from this copy of the encoder.
+    Ormis::host::GiveMessagesBack();
+  }
   ~DeviceEncoder() override { device = nullptr; }
 
   /// Expects that the engine is not taken, for this reason.
@@ -215,6 +257,97 @@ TEST_F(DeviceEncoder, EachStepThatFailsIsNamedWithItsReason) {
   ExpectRefused("encoding failed: Input/output error");
   scripted_.onReceive = AVERROR(EAGAIN);
   ExpectRefused("the frame was kept back, expected one packet for each frame");
+}
+
+TEST_F(DeviceEncoder, WithoutMemoryThereIsNoEncoder) {
+  std::string reason;
+  ASSERT_NE(H264Encoder::Open(kSettings, {kEngine}, reason), nullptr) << reason;
+  // Those of the trial's encoder and packet. The encoder after it has no packet.
+  const int all = scripted_.allocations;
+  EXPECT_EQ(all, 2 * 4 + 1);
+  for (int number = 1; number <= all; ++number) {
+    scripted_.allocations = 0;
+    scripted_.failAllocation = number;
+    EXPECT_THROW((void)H264Encoder::Open(kSettings, {kEngine}, reason), std::bad_alloc) << number;
+    EXPECT_GE(scripted_.allocations, number);
+  }
+}
+
+TEST_F(DeviceEncoder, TheLibrarysErrorIsPartOfTheReason) {
+  const std::string refused = "the frame was refused: Device or resource busy";
+  scripted_.onSend = AVERROR(EBUSY);
+  scripted_.message = "the reason\n";
+  ExpectRefused(refused + " (the reason)");
+  scripted_.message = "x";
+  ExpectRefused(refused + " (x)");
+  scripted_.messageLevel = AV_LOG_WARNING;
+  ExpectRefused(refused);
+  scripted_.messageLevel = AV_LOG_ERROR;
+  scripted_.message = std::string(255, 'a') + "b";
+  ExpectRefused(refused + " (" + std::string(255, 'a') + ")");
+  scripted_.message = "the reason";
+  scripted_.messageOfCodec = true;
+  std::string reason;
+  EXPECT_EQ(H264Encoder::Open(kSettings, {kEngine}, reason), nullptr);
+  EXPECT_THAT(reason, testing::ContainsRegex(" \\(\\[libx264 @ 0x[0-9a-f]+\\] the reason\\)$"));
+}
+
+TEST_F(DeviceEncoder, AnErrorOfAnEarlierCallIsNoReason) {
+  std::string reason;
+  const auto encoder = H264Encoder::Open(kSettings, {kEngine}, reason);
+  ASSERT_NE(encoder, nullptr) << reason;
+  H264Packet packet;
+  scripted_.onSend = AVERROR(EBUSY);
+  scripted_.message = "the reason";
+  EXPECT_EQ(encoder->Encode(grey.data(), packet),
+            "the frame was refused: Device or resource busy (the reason)");
+  scripted_.message.clear();
+  EXPECT_EQ(encoder->Encode(grey.data(), packet), "the frame was refused: Device or resource busy");
+  scripted_.message = "the reason";
+  EXPECT_EQ(encoder->Encode(grey.data(), packet),
+            "the frame was refused: Device or resource busy (the reason)");
+  scripted_.onCreate = AVERROR(EACCES);
+  ExpectRefused("its device cannot be opened: Permission denied");
+}
+
+TEST_F(DeviceEncoder, OnlyADeviceGetsACopyOfTheFrame) {
+  device = nullptr;
+  for (const char* const node : {static_cast<const char*>(nullptr), "/dev/null"}) {
+    std::string reason = "of another call";
+    const auto encoder =
+        H264Encoder::Open(kSettings, {{"libx264", node, "preset=ultrafast,tune=zerolatency"}}, reason);
+    ASSERT_NE(encoder, nullptr);
+    EXPECT_EQ(reason, "");
+    H264Packet packet;
+    EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
+    EXPECT_EQ(sentWithReference, node == nullptr);
+  }
+}
+
+TEST_F(DeviceEncoder, AnEncoderThatEndsLeavesNoMemory) {
+  // Its allocator stands in front of the one that mallinfo2 asks.
+  if (kSanitized) GTEST_SKIP() << "a sanitizer does not count what is allocated";
+  const auto bytesAfterRounds = [&](int rounds) {
+    for (int round = 0; round < rounds; ++round) {
+      for (Device* const present : {&scripted_, static_cast<Device*>(nullptr)}) {
+        device = present;
+        const H264Engine one = {present != nullptr ? "h264_vaapi" : "libx264", nullptr,
+                                "tune=zerolatency,no_such_option=1"};
+        std::string reason;
+        const auto encoder = H264Encoder::Open(kSettings, {one}, reason);
+        EXPECT_NE(encoder, nullptr) << reason;
+        H264Packet packet;
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
+      }
+    }
+    const struct mallinfo2 memory = mallinfo2();
+    return memory.uordblks + memory.hblkhd;
+  };
+  constexpr int kTimes = 20;
+  scripted_.times.reserve(1000);
+  (void)bytesAfterRounds(3);
+  const std::size_t before = bytesAfterRounds(1);
+  EXPECT_LT(bytesAfterRounds(kTimes), before + std::size_t{kTimes} * 50) << "less than any object of it";
 }
 
 }  // namespace

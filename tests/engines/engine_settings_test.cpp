@@ -13,6 +13,7 @@
 #include "model_test.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
 }
 
@@ -26,6 +27,11 @@ using testing::StartsWith;
 /// How many searches for device nodes have found one that does not exist.
 int pretendedDevices = 0;
 bool pretendsDevices = false;
+int freedSearches = 0;
+
+/// The result of fetching a packet from the engine's library; 0: the library's own.
+int onReceive = 0;
+int failedReceives = 0;
 
 }  // namespace
 
@@ -39,16 +45,32 @@ extern "C" __attribute__((visibility("default"))) int glob(const char* pattern, 
   return real(pattern, flags, onError, found);
 }
 
+extern "C" __attribute__((visibility("default"))) void globfree(glob_t* found) noexcept {
+  ++freedSearches;
+  static const auto real = reinterpret_cast<decltype(&globfree)>(dlsym(RTLD_NEXT, "globfree"));
+  real(found);
+}
+
+extern "C" __attribute__((visibility("default"))) int avcodec_receive_packet(AVCodecContext* codec,
+                                                                             AVPacket* packet) {
+  static const auto real =
+      reinterpret_cast<decltype(&avcodec_receive_packet)>(dlsym(RTLD_NEXT, "avcodec_receive_packet"));
+  if (onReceive == 0) return real(codec, packet);
+  ++failedReceives;
+  return onReceive;
+}
+
 namespace {
 
 class EngineSettingsTest : public ModelTest {
  protected:
   void SetUp() override {
     ModelTest::SetUp();
-    pretendedDevices = 0;
+    pretendedDevices = freedSearches = failedReceives = 0;
   }
   void TearDown() override {
     pretendsDevices = false;
+    onReceive = 0;
     ModelTest::TearDown();
   }
 
@@ -84,6 +106,7 @@ TEST_F(EngineSettingsTest, AnEncoderThatFallsBackWarns) {
   // Not for any other log: a platform that does not name its engine has to fail here.
   if (log.find("engine h264_") != std::string::npos) GTEST_SKIP() << "this machine has an encoder: " << log;
   EXPECT_EQ(pretendedDevices, 3);
+  EXPECT_EQ(freedSearches, 3);
   ASSERT_EQ(LineCount(log), 2U) << log;
   const std::string warning = log.substr(0, log.find('\n') + 1);
   EXPECT_THAT(warning, HasSubstr("Z WARN - QET "));
@@ -121,6 +144,39 @@ TEST_F(EngineSettingsTest, AnEncoderThatIsAskedForAndDoesNotWorkIsAFailure) {
   EXPECT_THAT(text, StartsWith("QetVenc::Init: no engine encodes 64x48 at 30 frames/s and 2000 kbit/s: "
                                "h264_nvenc: "));
   EXPECT_THAT(text, testing::EndsWith(" (settings: encoder h264_nvenc)"));
+}
+
+// libx264 writes the settings that it uses into its first packet.
+TEST_F(EngineSettingsTest, TheSoftwareEncoderGetsTheSettings) {
+  Restart("encoder: libx264");
+  QetVenc venc;
+  (void)LogOfInit(venc);
+  std::vector<std::uint8_t> pixels(std::size_t{64} * 48 * 3 / 2);
+  ImageData frame;
+  frame.width = 64;
+  frame.height = 48;
+  frame.dataSize = static_cast<std::uint32_t>(pixels.size());
+  frame.imageType = Ormis::kQetImageYuv420sp;
+  frame.data = pixels.data();
+
+  // A frame of which the engine makes nothing.
+  onReceive = AVERROR(EAGAIN);
+  Ormis::test::ExpectFailure(Ormis::kQetEncoderFailure, "QetVenc::SendFrame",
+                             "libx264: the frame was kept back, expected one packet for each frame",
+                             [&] { return venc.SendFrame(frame); });
+  EXPECT_EQ(failedReceives, 1);
+  onReceive = 0;
+
+  ASSERT_EQ(venc.SendFrame(frame), Ormis::kQetOk);
+  ux_venc_stream stream{};
+  ASSERT_EQ(venc.GetStream(stream), Ormis::kQetOk);
+  const std::string packet(reinterpret_cast<const char*>(stream.packets[0].data), stream.totalBytes);
+  for (const char* const setting :
+       {" bitrate=2000 ", " vbv_maxrate=2000 ", " vbv_bufsize=2000 ", " nal_hrd=cbr ", " filler=1",
+        " keyint=60 ", " scenecut=0 ", " bframes=0 ", " threads=1 ", " rc_lookahead=0 "}) {
+    EXPECT_THAT(packet, HasSubstr(setting));
+  }
+  EXPECT_EQ(venc.ReleaseStream(stream), Ormis::kQetOk);
 }
 
 using Bytes = std::vector<std::uint8_t>;

@@ -35,9 +35,12 @@ TEST_F(ModelFilesTest, WeightsAreFoundWhereverTensorsStand) {
                 Field(7, Field(5, ExternalTensor("initializer.bin"))) +  //
                 Field(7, node(Field(5, ExternalTensor("constant.bin")))) +
                 Field(7, node(Field(10, ExternalTensor("list.bin")))) + Field(7, node(Field(6, inner))) +
+                Field(7, node(Field(11, Field(5, ExternalTensor("graphs.bin"))))) +
                 Field(7, Field(15, Field(1, ExternalTensor("sparse.bin")))) +
+                Field(7, Field(15, Field(2, ExternalTensor("indices.bin")))) +
                 Field(25, Field(7, Field(5, Field(5, ExternalTensor("function.bin")))) + Field(1, "name")))),
-      ElementsAre("constant.bin", "function.bin", "initializer.bin", "list.bin", "nested.bin", "sparse.bin"));
+      ElementsAre("constant.bin", "function.bin", "graphs.bin", "indices.bin", "initializer.bin", "list.bin",
+                  "nested.bin", "sparse.bin"));
 }
 
 TEST_F(ModelFilesTest, FieldsOfOtherKindsAreSkippedByTheirLength) {
@@ -65,12 +68,60 @@ TEST_F(ModelFilesTest, ADamagedModelNamesWhatPrecedesTheDamage) {
   EXPECT_THAT(ExternalWeights(Write(std::string("\x3A\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F"))), IsEmpty());
 }
 
-// A length of 128 is written as 0x80 0x01: the first byte has nothing but the sign that another one follows.
-TEST_F(ModelFilesTest, AByteOfALengthMayBeEmpty) {
-  std::string graph = Field(5, ExternalTensor("w.bin"));
-  graph = Field(2, std::string(128 - 2 - graph.size(), 'n')) + graph;
-  ASSERT_EQ(graph.size(), 128U);
-  EXPECT_THAT(ExternalWeights(Write(Field(7, graph))), ElementsAre("w.bin"));
+// A length of 127 is the last of one byte. 128 is written as 0x80 0x01: the first byte has nothing but the
+// sign that another one follows.
+TEST_F(ModelFilesTest, ALengthMayEndABytesRange) {
+  for (const std::size_t length : {127U, 128U}) {
+    std::string graph = Field(5, ExternalTensor("w.bin"));
+    graph = Field(2, std::string(length - 2 - graph.size(), 'n')) + graph;
+    ASSERT_EQ(graph.size(), length);
+    EXPECT_THAT(ExternalWeights(Write(Field(7, graph))), ElementsAre("w.bin"));
+  }
+}
+
+TEST_F(ModelFilesTest, ANumberHasTenBytesAtMost) {
+  const std::string weights = Field(7, Field(5, ExternalTensor("w.bin")));
+  for (const auto& [bytes, readable] : {std::pair{9, true}, {10, false}}) {
+    const std::string number = '\x08' + std::string(static_cast<std::size_t>(bytes), '\x81');
+    EXPECT_EQ(ExternalWeights(Write(number + '\x01' + weights)).size(), readable ? 1U : 0U) << bytes;
+    EXPECT_EQ(ExternalWeights(Write(number + weights)).size(), 0U) << bytes;
+  }
+}
+
+TEST_F(ModelFilesTest, ValuesOfEveryLengthAreSkipped) {
+  const std::string weights = Field(7, Field(5, ExternalTensor("w.bin")));
+  for (const std::size_t length : {0U, 1U, 2U, 100000U}) {
+    EXPECT_THAT(ExternalWeights(Write(Field(2, std::string(length, 'n')) + weights)), ElementsAre("w.bin"));
+  }
+}
+
+TEST_F(ModelFilesTest, ANameHas4096BytesAtMost) {
+  const std::string longest(4096, 'w');
+  EXPECT_THAT(
+      ExternalWeights(Write(Field(
+          7, Field(5, ExternalTensor(longest) + ExternalTensor(longest + 'w') + ExternalTensor("w.bin"))))),
+      ElementsAre("w.bin", longest));
+  EXPECT_THAT(ExternalWeights(Write(Field(7, Field(5, ExternalTensor(""))))), IsEmpty());
+}
+
+// Where a message is damaged, it is not known where what follows begins.
+TEST_F(ModelFilesTest, NothingBehindADamagedMessageIsRead) {
+  const std::string good = Field(5, ExternalTensor("w.bin"));
+  const std::string damage = "\x1B";
+  for (const std::string& graph :
+       {damage, Field(5, damage), Field(5, Field(13, damage)), std::string("\x80")}) {
+    EXPECT_THAT(
+        ExternalWeights(Write(Field(7, good) + Field(7, graph) + Field(7, Field(5, ExternalTensor("x"))))),
+        ElementsAre("w.bin"));
+  }
+}
+
+TEST_F(ModelFilesTest, AFileThatIsMissingNamesNothing) {
+  EXPECT_THAT(ExternalWeights(folder_ / "none.onnx"), IsEmpty());
+  EXPECT_EQ(StatesOfModel(folder_ / "none.onnx"), std::vector<Ormis::host::FileState>(2));
+  EXPECT_FALSE(Ormis::host::IsRegularFile(folder_ / "none.onnx"));
+  EXPECT_FALSE(Ormis::host::IsRegularFile(folder_));
+  EXPECT_TRUE(Ormis::host::IsRegularFile(Write(std::string())));
 }
 
 // Of 64 messages one in the other, and no deeper.

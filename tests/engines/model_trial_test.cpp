@@ -2,19 +2,29 @@
 
 // What a load makes of the trial of a model. A shell script in place of the trial ends as the engine might.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <malloc.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <sstream>
 #include <vector>
 
 #include "endless_network.h"
 #include "expect_failure.h"
+#include "memory_limit.h"
 #include "model_bytes.h"
 #include "model_test.h"
+#include "sanitizers.h"
 #include "spawn_calls.h"
 
 namespace {
@@ -28,11 +38,13 @@ using testing::HasSubstr;
 using testing::Not;
 
 int trims = 0;
+std::size_t trimPad = 1;
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int malloc_trim(std::size_t pad) noexcept {
   ++trims;
+  trimPad = pad;
   static const auto real = reinterpret_cast<decltype(&malloc_trim)>(dlsym(RTLD_NEXT, "malloc_trim"));
   return real == nullptr ? 0 : real(pad);
 }
@@ -119,7 +131,7 @@ TEST_F(ModelTrialTest, TheAnswerIsFoundAmongWhatTheEngineWrites) {
 }
 
 TEST_F(ModelTrialTest, AnAnswerInSeveralPiecesIsReadWhole) {
-  ExpectLoadFails("printf 'loa'; sleep 0.1; printf 'ded 1015 the '; sleep 0.1; echo reason",
+  ExpectLoadFails("printf l; sleep 0.1; printf 'oaded 1015 the '; sleep 0.1; echo reason",
                   Ormis::kQetModelUnreadable, "the reason");
 }
 
@@ -143,7 +155,7 @@ TEST_F(ModelTrialTest, WhereTheApplicationIgnoresSigchldOnlyTheClockIsAKnownEnd)
   RestartWith("trial_wall_s: 1");
   const std::string died = "cannot load model " + path_ + ": the engine died of it in a trial: ";
   const auto before = std::signal(SIGCHLD, SIG_IGN);
-  ExpectLoadFails("exec sleep 60", Ormis::kQetModelUnreadable, died + "more than 1 s by the clock");
+  ExpectLoadFails("exec sleep 1000", Ormis::kQetModelUnreadable, died + "more than 1 s by the clock");
   RestartWith("");
   ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable, died + "exit status unknown");
   (void)std::signal(SIGCHLD, before);
@@ -211,9 +223,74 @@ TEST_F(ModelTrialTest, AChangeOfExternalWeightsIsTriedAgain) {
 
 TEST_F(ModelTrialTest, TheClockEndsATrialThatWaits) {
   RestartWith("trial_wall_s: 1");
-  ExpectLoadFails(
-      "exec sleep 60", Ormis::kQetModelUnreadable,
-      "cannot load model " + path_ + ": the engine died of it in a trial: more than 1 s by the clock");
+  const std::string late =
+      "cannot load model " + path_ + ": the engine died of it in a trial: more than 1 s by the clock";
+  ExpectLoadFails("exec sleep 1000", Ormis::kQetModelUnreadable, late);
+  // Nor does one live on that cannot be ended by its descriptor, as with an older kernel.
+  for (const long number : {SYS_pidfd_send_signal, SYS_pidfd_open}) {
+    int refused = 0;
+    spawn_calls::missing = [&](long one) {
+      refused += one == number ? 1 : 0;
+      return one == number;
+    };
+    ExpectLoadFails("exec sleep 1000", Ormis::kQetModelUnreadable, late);
+    EXPECT_EQ(refused, 1);
+  }
+}
+
+TEST_F(ModelTrialTest, WithoutADescriptorOfTheTrialTheEndOfItsOutputIsAwaited) {
+  RestartWith("trial_wall_s: 20");
+  spawn_calls::missing = [](long number) { return number == SYS_pidfd_open; };
+  ExpectLoadFails("sleep 0.1; echo loaded 1015 late", Ormis::kQetModelUnreadable, "late");
+  ExpectLoadFails("exit 3", Ormis::kQetModelUnreadable,
+                  "cannot load model " + path_ + ": the engine died of it in a trial: exit status 3");
+}
+
+int signals = 0;
+
+TEST_F(ModelTrialTest, SignalsDoNotEndTheWait) {
+  struct sigaction counting{};
+  counting.sa_handler = [](int) { ++signals; };
+  struct sigaction before{};
+  ASSERT_EQ(sigaction(SIGUSR1, &counting, &before), 0);
+  ExpectLoadFails("kill -USR1 $PPID; sleep 0.1; kill -USR1 $PPID; sleep 0.1; echo loaded 1015 read",
+                  Ormis::kQetModelUnreadable, "read");
+  ExpectLoadFails("exec >&-; sleep 0.1; kill -USR1 $PPID; sleep 0.1; exit 3", Ormis::kQetModelUnreadable,
+                  "cannot load model " + path_ + ": the engine died of it in a trial: exit status 3");
+  EXPECT_EQ(signals, 3);
+  (void)sigaction(SIGUSR1, &before, nullptr);
+}
+
+// Where the application has closed its standard input, the platform's descriptors may have its number.
+TEST_F(ModelTrialTest, ADescriptorMayBeZero) {
+  const auto answer = [&] {
+    Touch();
+    QetDNNHandle handle;
+    ExpectFailure(Ormis::kQetModelUnreadable, "QetDNNModelInitialize", "read", [&] {
+      const int input = dup(STDIN_FILENO);
+      (void)close(STDIN_FILENO);
+      const std::int32_t code = Ormis::QetDNNModelInitialize(handle, path_);
+      EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+      EXPECT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+      (void)close(input);
+      return code;
+    });
+  };
+  spawn_calls::ReplaceByScript("sleep 0.1; echo loaded 1015 read");
+  answer();
+  // That of the pipe is closed before the process has a descriptor.
+  const auto script = spawn_calls::before;
+  int pipeEnd = -1;
+  spawn_calls::before = [&](spawn_calls::Call& call) {
+    pipeEnd = dup(STDIN_FILENO);
+    const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_GT(file, 0);
+    (void)close(file);
+    return script(call);
+  };
+  spawn_calls::after = [](pid_t) { errno = ESRCH; };  // of an earlier call
+  answer();
+  (void)close(pipeEnd);
 }
 
 TEST_F(ModelTrialTest, TheLogSaysThatAndForHowLongAModelIsTried) {
@@ -265,11 +342,26 @@ TEST_F(ModelTrialTest, AnInterruptDoesNotEndTheTrial) {
 TEST_F(ModelTrialTest, TheTrialInheritsOnlyItsOutput) {
   constexpr int kInherited = 9;
   ASSERT_EQ(dup2(STDERR_FILENO, kInherited), kInherited);
+  const int input = dup(STDIN_FILENO);
+  const int zeros = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(dup2(zeros, STDIN_FILENO), STDIN_FILENO);
+  (void)close(zeros);
+  // The next one may be in use.
+  const int third = fcntl(STDERR_FILENO + 1, F_GETFD);
+  if (third < 0) ASSERT_EQ(dup2(STDERR_FILENO, STDERR_FILENO + 1), STDERR_FILENO + 1);
+  ASSERT_EQ(fcntl(STDERR_FILENO + 1, F_SETFD, 0), 0);
   ExpectLoadFails(
       "cd /proc/self/fd; for i in 3 4 5 6 7 8 9; do [ -e $i ] && open=\"$open $i\"; done;"
       "for i in 0 2; do [ $i -ef /dev/null ] || open=\"$open $i\"; done; echo loaded 1015 open:$open",
       Ormis::kQetModelUnreadable, "open:");
   (void)close(kInherited);
+  if (third < 0) {
+    (void)close(STDERR_FILENO + 1);
+  } else {
+    (void)fcntl(STDERR_FILENO + 1, F_SETFD, third);
+  }
+  EXPECT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+  (void)close(input);
 }
 
 TEST_F(ModelTrialTest, TheTrialHasTheEnvironmentWithoutPreloadedLibraries) {
@@ -324,6 +416,7 @@ TEST_F(ModelTrialTest, TheLastLoadInProgressGivesMemoryBack) {
   ExpectLoads();
   EXPECT_EQ(duringTheLoad, 0);
   EXPECT_EQ(trims, 1);
+  EXPECT_EQ(trimPad, 0U);
   ExpectLoads();
   EXPECT_EQ(trims, 2);
 }
@@ -342,6 +435,154 @@ TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {
   EXPECT_THAT(program, EndsWith("/lib/ormis/model_trial"));
   EXPECT_EQ(Ormis::test::WithoutTrials(StandardErrorOf([&] { ExpectLoads(); })), "");
   EXPECT_EQ(watch_.Count(), 2) << "a model that was not tried has not passed";
+
+  // Nor is there one without descriptors for a pipe. Then the model cannot be read either.
+  rlimit files{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  QetDNNHandle handle;
+  ExpectFailure(Ormis::kQetModelUnreadable, "QetDNNModelInitialize",
+                "cannot read model " + path_ + ": Too many open files", [&] {
+                  const int free = dup(STDIN_FILENO);
+                  (void)close(free);
+                  const rlimit none = {static_cast<rlim_t>(free), files.rlim_max};
+                  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+                  const std::int32_t code = Ormis::QetDNNModelInitialize(handle, path_);
+                  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
+                  return code;
+                });
+  EXPECT_EQ(watch_.Count(), 2);
+  EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
+}
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST_F(ModelTrialTest, ATrialLeavesNothingOpen) {
+  const std::ptrdiff_t before = OpenDescriptors();
+  ExpectLoads();
+  ExpectLoadFails("echo loaded 1015 read", Ormis::kQetModelUnreadable, "read");
+  spawn_calls::before = [](spawn_calls::Call&) { return ENOEXEC; };
+  Touch();
+  (void)StandardErrorOf([&] { ExpectLoads(); });
+  EXPECT_EQ(watch_.Count(), 3);
+  EXPECT_EQ(watch_.FreedActions(), 3);
+  EXPECT_EQ(OpenDescriptors(), before);
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    EXPECT_GE(fcntl(descriptor, F_GETFD), 0) << descriptor;
+  }
+}
+
+/// The program of trials, as a user might start it.
+class TrialProgramTest : public ModelTrialTest {
+ protected:
+  void SetUp() override {
+    ModelTrialTest::SetUp();
+    spawn_calls::before = [&](spawn_calls::Call& call) {
+      program_ = call.program;
+      return 0;
+    };
+    ExpectLoads();
+    spawn_calls::before = nullptr;
+  }
+
+  struct Result {
+    int status;
+    std::string out, error;
+  };
+
+  Result Run(const std::string& arguments) const {
+    const auto text = [](const std::filesystem::path& path) {
+      std::ostringstream all;
+      all << std::ifstream(path).rdbuf();
+      return all.str();
+    };
+    const std::string command = "'" + program_ + "' " + arguments + " >" + (folder_ / "out").string() +
+                                " 2>" + (folder_ / "error").string() + " </dev/null";
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(folder_ / "out"), text(folder_ / "error")};
+  }
+
+  std::string program_;
+};
+
+constexpr char kUsage[] =
+    "usage: model_trial FILE SECONDS PERCENT\n"
+    "Loads the model FILE and runs it: once, or twice where it leaves sizes of outputs open. libormis.so "
+    "starts "
+    "this\nprogram, because a damaged model may crash it.\n\n"
+    "  SECONDS    most seconds of processor time\n"
+    "  PERCENT    most memory, in per cent of the machine's or of the control group's limit\n"
+    "  --help     print this help\n"
+    "  --version  print the version\n";
+
+TEST_F(TrialProgramTest, ItsArgumentsAreAFileAndTwoLimits) {
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string out, error;
+  };
+  const Case cases[] = {
+      {"--version", 0, "model_trial " STRESS_VERSION "\n", ""},
+      {"--help", 0, kUsage, ""},
+      {"", 2, "", kUsage},
+      {"x", 2, "", kUsage},
+      {"--help 1", 2, "", kUsage},
+      {"--version 1", 2, "", kUsage},
+      {"1 --help", 2, "", kUsage},
+      {"1 --version", 2, "", kUsage},
+      {path_ + " 10 50 x", 2, "", kUsage},
+      {path_ + " 10 50", 0, "loaded 0\nran 0\n", ""},
+      {"none.onnx 10 50", 0, "loaded 1015 cannot read model none.onnx: No such file or directory\n", ""},
+  };
+  for (const Case& one : cases) {
+    const Result result = Run(one.arguments);
+    EXPECT_EQ(result.status, one.status) << one.arguments;
+    EXPECT_EQ(result.out, one.out) << one.arguments;
+    EXPECT_EQ(result.error, one.error) << one.arguments;
+  }
+}
+
+TEST_F(TrialProgramTest, LimitsAreThoseOfTheSettings) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer needs address space";
+  rlimit cores{};
+  ASSERT_EQ(getrlimit(RLIMIT_CORE, &cores), 0);
+  const rlimit endless = {RLIM_INFINITY, RLIM_INFINITY};
+  (void)setrlimit(RLIMIT_CORE, &endless);  // where this is allowed
+  RestartWith("trial_processor_s: 17\ntrial_memory_percent: 80\n");
+  Touch();
+  std::string limits;
+  spawn_calls::after = [&](pid_t child) {
+    siginfo_t ended{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+    std::ostringstream all;
+    all << std::ifstream("/proc/" + std::to_string(child) + "/limits").rdbuf();
+    limits = all.str();
+  };
+  ExpectLoads();
+  (void)setrlimit(RLIMIT_CORE, &cores);
+  const std::string memory = std::to_string(Ormis::portable::MemoryLimit() / 100 * 80);
+  EXPECT_THAT(limits, testing::ContainsRegex("\nMax core file size +0 +0 "));
+  EXPECT_THAT(limits, testing::ContainsRegex("\nMax cpu time +17 +17 |^Max cpu time +17 +17 "));
+  EXPECT_THAT(limits, testing::ContainsRegex("\nMax address space +" + memory + " +" + memory + " "));
+}
+
+TEST_F(TrialProgramTest, ItEndsWithItsCaller) {
+  const std::string model = Write(EndlessNetwork());
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  const pid_t caller = fork();
+  if (caller == 0) {
+    std::FILE* const said = popen(("exec '" + program_ + "' " + model + " 20 50").c_str(), "r");
+    _exit(said != nullptr && std::fgetc(said) == 'l' ? 0 : 1);  // "loaded 0"
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(caller, &status, 0), caller);
+  EXPECT_EQ(status, 0);
+  rusage used{};
+  EXPECT_GT(wait4(-1, &status, 0, &used), 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  EXPECT_LT(used.ru_utime.tv_sec, 10) << "its limit has ended it";
+  EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
 }
 
 }  // namespace

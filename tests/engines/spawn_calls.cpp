@@ -3,15 +3,22 @@
 
 #include <dlfcn.h>
 #include <spawn.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
 
 namespace spawn_calls {
 
 std::function<int(Call&)> before;
 std::function<void(pid_t)> after;
+std::function<bool(long)> missing;
 
 namespace {
 
 int count = 0;
+int freedActions = 0;
 
 }  // namespace
 
@@ -29,17 +36,23 @@ void ReplaceByScript(const std::string& script) {
 }
 
 Watch::Watch() {
-  count = 0;
+  count = freedActions = 0;
 }
 
 Watch::~Watch() {
   before = nullptr;
   after = nullptr;
+  missing = nullptr;
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): counts while a Watch exists
 int Watch::Count() const {
   return count;
+}
+
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): counts while a Watch exists
+int Watch::FreedActions() const {
+  return freedActions;
 }
 
 }  // namespace spawn_calls
@@ -56,4 +69,29 @@ extern "C" __attribute__((visibility("default"))) int posix_spawn(pid_t* child, 
   const int error = real(child, call.program, actions, attributes, call.arguments, call.environment);
   if (error == 0 && spawn_calls::after) spawn_calls::after(*child);
   return error;
+}
+
+extern "C" __attribute__((visibility("default"))) int posix_spawn_file_actions_destroy(
+    posix_spawn_file_actions_t* actions) noexcept {
+  ++spawn_calls::freedActions;
+  static const auto real = reinterpret_cast<decltype(&posix_spawn_file_actions_destroy)>(
+      dlsym(RTLD_NEXT, "posix_spawn_file_actions_destroy"));
+  return real(actions);
+}
+
+extern "C" __attribute__((visibility("default"))) long syscall(long number, ...) noexcept {
+  std::va_list rest;
+  va_start(rest, number);
+  long arguments[6];
+  for (long& argument : arguments) argument = va_arg(rest, long);
+  va_end(rest);
+  if (spawn_calls::missing && spawn_calls::missing(number)) {
+    errno = ENOSYS;
+    return -1;
+  }
+  // No static with a constructor: what guards one calls this function.
+  static std::atomic<decltype(&syscall)> real{nullptr};
+  if (real == nullptr) real = reinterpret_cast<decltype(&syscall)>(dlsym(RTLD_NEXT, "syscall"));
+  return real.load()(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                     arguments[5]);
 }

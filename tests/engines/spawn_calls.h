@@ -6,7 +6,8 @@
 #include <functional>
 #include <string>
 
-/// The platform's calls of posix_spawn(3) come here, so that a test can act in the middle of an operation.
+/// The platform's calls of posix_spawn(3) and syscall(2) come here, so that a test can act in the middle of
+/// an operation.
 namespace spawn_calls {
 
 /// What is to be started. A test may change it.
@@ -23,6 +24,8 @@ extern std::function<int(Call& call)> before;
 void ReplaceByScript(const std::string& script);
 /// Called with the process that was started.
 extern std::function<void(pid_t child)> after;
+/// Whether the kernel does not have this system call, where syscall(2) is called by its number.
+extern std::function<bool(long number)> missing;
 
 /// Counts the calls, and removes what a test has set at the end of the test.
 class Watch {
@@ -33,6 +36,7 @@ class Watch {
   Watch& operator=(const Watch&) = delete;
 
   int Count() const;
+  int FreedActions() const;  ///< calls of posix_spawn_file_actions_destroy(3)
 };
 
 }  // namespace spawn_calls
