@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The page of a fleet: what needs a look, why, what is missing, and all boards with their nights.
+// The page of a fleet: errors, what needs a look, why, what is missing, and all boards with their nights.
 
 const kShownRows = 200; // of the boards; a button shows more
 const kStateKinds = {
-  'odd': 'bad', 'worse': 'bad', 'failed': 'bad', 'no runs': 'bad', 'vanished': 'bad', 'incomplete': 'unclear', 'absent': 'aside', 'good': 'good',
+  'errors': 'bad', 'odd': 'bad', 'worse': 'bad', 'failed': 'bad', 'no runs': 'bad', 'vanished': 'bad', 'incomplete': 'unclear', 'absent': 'aside', 'good': 'good',
 };
 const kStates = Object.keys(kStateKinds);
 const kSpark = {width: 160, height: 24, edge: 3};
@@ -78,7 +78,8 @@ function detailSection(data, detail) {
     el('tr', {}, rowHeading(name), el('td', {}, here), el('td', {}, typical)));
   const cells = data.not_done.filter(({board}) => board === detail.board).slice(0, 20);
   const gone = data.absent.filter(({board}) => board === detail.board);
-  const texts = [...detail.findings, ...cells, ...gone].map(({text}) => text);
+  const errors = data.with_errors.filter(({board}) => board === detail.board).slice(0, 20);
+  const texts = [...errors, ...detail.findings, ...cells, ...gone].map(({text}) => text);
   const drawings = detail.figures.filter(({measure}) => data.measures[measure].nights.length > 0)
       .map(({measure, values}) => el('figure', {}, el('figcaption', {class: 'minor'}, `${data.measures[measure].title} (${data.measures[measure].unit})`),
           historyDrawing(data, data.measures[measure], values)));
@@ -100,6 +101,15 @@ function lookSection(data) {
   const cut = detailed < bad ? [el('p', {}, `${bad - detailed} more stand out: see the table of all boards.`)] : [];
   if (shown.length === 0) return [];
   return [section(bad > 0 ? 'Boards to look at' : 'Boards', el('p', {class: 'absent'}, bands), ...shown, ...cut)];
+}
+
+function errorSection(data) {
+  if (data.cells_with_errors === 0) return [];
+  const rows = data.with_errors.map(({number, board, text}) => el('tr', {class: 'bad'},
+      rowHeading(String(number), {'data-value': number}), el('td', {}, board), el('td', {class: 'words'}, text)));
+  const more = data.cells_with_errors - data.with_errors.length;
+  return [section('Cells with errors', table('errors', ['Cell', 'Board', 'What'], [], rows),
+      ...(more > 0 ? [el('p', {}, `${thousands(more)} more; stress_scope collect lists all.`)] : []))];
 }
 
 function missingSection(data) {
@@ -184,10 +194,11 @@ function boardSection(data) {
 
 function nightSection(data) {
   const shown = data.nights.slice(data.first_night).reverse();
-  const rows = shown.map(({night, cells, done, compared}) => el('tr', {}, rowHeading(night), el('td', {}, thousands(cells)),
-      el('td', {class: done < cells && 'bad'}, thousands(done)), el('td', {}, compared ? 'yes' : 'no: another configuration or other times')));
+  const rows = shown.map(({night, cells, done, errors, compared}) => el('tr', {}, rowHeading(night), el('td', {}, thousands(cells)),
+      el('td', {class: done < cells && 'bad'}, thousands(done)), el('td', {class: errors > 0 && 'bad'}, thousands(errors)),
+      el('td', {}, compared ? 'yes' : 'no: another configuration or other times')));
   const cut = data.first_night > 0 ? [el('p', {}, `${thousands(data.first_night)} earlier.`)] : [];
-  return section('Nights', table('nights', ['Night', 'Cells', 'Done', 'Compared'], [], rows), ...cut);
+  return section('Nights', table('nights', ['Night', 'Cells', 'Done', 'Errors', 'Compared'], [], rows), ...cut);
 }
 
 function measureRow(data, measure) {
@@ -226,7 +237,7 @@ function showFleet(data) {
     sections: [
       section('Answer', el('p', {class: `answer ${kind}`}, data.sentence), el('p', {class: 'absent'},
           `If all boards are good, none is called odd or worse in ${share} of 100 nights. Differences up to ${data.tolerance_percent} % do not count.`)),
-      ...lookSection(data), ...missingSection(data), boardSection(data), ...fleetSection(data), nightSection(data),
+      ...errorSection(data), ...lookSection(data), ...missingSection(data), boardSection(data), ...fleetSection(data), nightSection(data),
       section('Notes', data.notes.length > 0 ? listOf(data.notes) : el('p', {}, 'None.')),
     ],
     charts: [],

@@ -67,6 +67,10 @@ TEST_F(FleetLook, SaysFirstWhatNeedsALook) {
   for (int night = 1; night <= 4; ++night)
     fleet.Write(folder_ / ("nights/" + (night == 4 ? kNight : std::to_string(night))), night == 4);
   std::filesystem::remove_all(folder_ / ("nights/" + kNight + "/cell-0007"));
+  const std::string wrong = "nights/" + kNight + "/cell-0009/cell.json";
+  json cell = json::parse(folder_.Get(wrong));
+  cell["errors"]["edac"] = 3;
+  folder_.Put(wrong, cell.dump());
   EXPECT_EQ(RunProgram(STRESS_SCOPE, {"fleet", folder_ / "nights", "--junit", folder_ / "fleet.xml"}).status,
             1);
   const std::string page = PageOf({"fleet", folder_ / "nights"}, kUse + Xml(), 1);
@@ -86,19 +90,25 @@ TEST_F(FleetLook, SaysFirstWhatNeedsALook) {
   EXPECT_EQ(seen["dots"], 4);
   EXPECT_EQ(seen["band"], true);
   EXPECT_EQ(seen["millimetres"], 186);
-  EXPECT_EQ(seen["first"],
-            kNight + ": 2 of 205 boards to look at: 1 odd, 1 without runs; 1 of 205 cells not done");
+  EXPECT_EQ(seen["first"], kNight +
+                               ": 3 of 205 boards to look at: 1 with errors, 1 odd, 1 without runs; 1 of 205 "
+                               "cells not done");
   const json xml = {{"bad", 0},
                     {"root", "testsuites"},
                     {"tests", 206},
                     {"said", "206"},
-                    {"failed", {"b0"}},
+                    {"failed", {"b0", "b8"}},
                     {"errors", {"no runs in this night"}},
                     {"class", "fleet." + kNight}};
   EXPECT_EQ(seen["xml"], xml);
   EXPECT_THAT(visit.Text(), HasSubstr("odd: cpu ops/s at CPU=1 is "));
   EXPECT_EQ(visit.Row("figures boards", {"b6"}).at(1), "no runs");
-  EXPECT_EQ(visit.Row("nights", {"1"}), (std::vector<std::string>{"1", "205", "205", "yes"}));
+  EXPECT_EQ(visit.Row("nights", {"1"}), (std::vector<std::string>{"1", "205", "205", "0", "yes"}));
+  EXPECT_EQ(visit.Row("nights", {kNight}), (std::vector<std::string>{kNight, "205", "204", "3", "yes"}));
+  EXPECT_EQ(visit.Row("figures boards", {"b8"}).at(1), "errors");
+  const std::string line = "cell 9 (b8: CPU=1, repeat 1) done, with 3 errors (edac 3); see cell-0009";
+  EXPECT_EQ(visit.Row("errors", {"9"}), (std::vector<std::string>{"9", "b8", line}));
+  EXPECT_THAT(visit.Text(), HasSubstr("b8 errors"));
 }
 
 }  // namespace

@@ -69,6 +69,18 @@ TEST_F(FleetTest, ABoardThatIsWorseThanBeforeOrHasFailedEndsWithStatus1) {
   EXPECT_THAT(result.output, HasSubstr("1 failed; 1 of 16 cells not done"));
 }
 
+// Its figures are as good as those of the other boards.
+TEST_F(FleetTest, ABoardWithErrorsEndsWithStatus1) {
+  Make(1);
+  Json cell = Json::parse(folder_.Get("nights/1/cell-0003/cell.json"));
+  cell["errors"]["edac"] = 2;
+  folder_.Put("nights/1/cell-0003/cell.json", cell.dump());
+  const ToolResult result = Fleet({"--junit", folder_ / "fleet.xml"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.output, StartsWith("1: 1 of 8 boards to look at: 1 with errors; all 16 cells done\n"));
+  EXPECT_THAT(folder_.Get("fleet.xml"), HasSubstr("tests=\"9\" failures=\"1\" errors=\"0\""));
+}
+
 TEST_F(FleetTest, ABaselineStandsForTheEarlierNights) {
   Make(4, {}, 3);
   EXPECT_EQ(Fleet({"--save-baseline", folder_ / "good.json"}).status, 0);

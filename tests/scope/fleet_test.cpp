@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "error_of.h"
 #include "errors.h"
@@ -33,6 +34,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 using Json = nlohmann::json;
 using namespace scope;
 namespace fs = std::filesystem;
@@ -252,6 +254,20 @@ class FleetFolderTest : public ::testing::Test {
     return Night(night) + "/" + CellFolder(static_cast<std::size_t>(cell)) + "/cell.json";
   }
 
+  // Puts `run` into the folder of a cell, whose cell.json stays.
+  void SaveRun(int night, int cell, const scope::Run& run) const {
+    const std::string folder = fs::path(CellFile(night, cell)).parent_path().string();
+    std::stringstream record;
+    record << std::ifstream(CellFile(night, cell)).rdbuf();
+    fs::remove_all(folder);
+    made_run::Write(run, folder);
+    std::ofstream(CellFile(night, cell)) << record.str();
+  }
+
+  void SetErrors(int night, int cell, const Json& errors) const {
+    Edit(CellFile(night, cell), [&errors](Json& json) { json["errors"] = errors; });
+  }
+
   // Changes a cell's file.
   void Edit(const std::string& path, const std::function<void(Json&)>& edit) const {
     Json json = Json::parse(std::ifstream(path));
@@ -313,6 +329,75 @@ TEST_F(FleetFolderTest, ACellThatFailedIsNamedWithItsReason) {
                         "attempts/cell-0002/1\n"));
   EXPECT_THAT(FleetJunit(report),
               HasSubstr("<error type=\"failed\" message=\"cell 2 (b0: CPU=1, repeat 2) failed: the"));
+}
+
+// Memory that changed comes before a rate that is lower.
+TEST_F(FleetFolderTest, ABoardWithErrorsIsToldFirst) {
+  Make(4, {0.5, 1, true});
+  SetErrors(4, 4, {{"cpu", 1}, {"edac", 2}});  // of b1
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(report.verdict.boards[1].state, BoardState::kErrors);
+  EXPECT_THAT(report.verdict.standOut, ElementsAre(1, 0));
+  EXPECT_EQ(ExitStatusOf(report.verdict), 1);
+  const std::string line = "cell 4 (b1: CPU=1, repeat 2) done, with 3 errors (cpu 1, edac 2); see cell-0004";
+  EXPECT_THAT(
+      FleetText(report, {}),
+      StartsWith("2026-11-04: 2 of 6 boards to look at: 1 with errors, 1 odd; all 12 cells done\n\n! " +
+                 line + "\n\nboard "));
+  EXPECT_THAT(FleetJunit(report), AllOf(HasSubstr("failures=\"2\" errors=\"0\""),
+                                        HasSubstr("<failure type=\"errors\" message=\"" + line + "\">")));
+  const Json json = Json::parse(FleetJson(report));
+  EXPECT_EQ(json.at("counts").at("errors"), 1);
+  EXPECT_EQ(json.at("cells_with_errors"), 1);
+  EXPECT_EQ(json.at("with_errors").at(0).at("board"), "b1");
+  EXPECT_EQ(json.at("with_errors").at(0).at("text"), line);
+  EXPECT_EQ(json.at("details").at(0).at("state"), "errors");
+  EXPECT_EQ(json.at("details").at(0).at("errors"), (Json{{"cpu", 1}, {"edac", 2}}));
+  EXPECT_EQ(json.at("nights").at(3).at("errors"), 3);
+  EXPECT_EQ(DataOf(FleetPage(report)), json);
+}
+
+// The run was recorded again, and found nothing then.
+TEST_F(FleetFolderTest, ErrorsOfAnEarlierAttemptAreTheBoards) {
+  Make(1);
+  fs::create_directories(Night(1) + "/attempts/cell-0004");
+  fs::copy(Night(1) + "/cell-0004", Night(1) + "/attempts/cell-0004/1");
+  Edit(Night(1) + "/attempts/cell-0004/1/cell.json", [](Json& json) {
+    json["state"] = "failed";
+    json["errors"]["edac"] = 2;
+  });
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(report.verdict.boards[1].state, BoardState::kErrors);
+  EXPECT_THAT(FleetText(report, {}), HasSubstr("\n! cell 4 (b1: CPU=1, repeat 2) done; an earlier attempt "
+                                               "found 2 errors (edac 2); see cell-0004\n"));
+}
+
+TEST_F(FleetFolderTest, ANightWithErrorsIsNoPartOfWhatABoardWasBefore) {
+  Make(4);
+  const Fleet clean = ReadFleet(Dir());
+  SetErrors(2, 3, {{"edac", 1}});
+  for (int cell = 3; cell <= 4; ++cell)
+    Edit(CellFile(2, cell), [](Json& json) { json["figures"]["cpu"]["ops"] = 1; });
+  const Fleet fleet = ReadFleet(Dir());
+  EXPECT_EQ(HistoryOf(clean, 4, "").measures[0].boards[1].nights, 4);
+  const MeasureHistory history = HistoryOf(fleet, 4, "").measures[0];
+  EXPECT_EQ(history.boards[0].nights, 4);
+  EXPECT_EQ(history.boards[1].nights, 3);
+  EXPECT_LT(history.deviation, 0.01) << "nor of what the fleet was";
+  const FleetReport report = Judged(fleet);
+  EXPECT_EQ(report.verdict.boards[1].state, BoardState::kGood) << "it has no errors in the last night";
+  EXPECT_THAT(report.verdict.notes, Contains("1 board found errors in earlier nights: 1 night of a board are "
+                                             "left out of what boards did before"));
+}
+
+// Cells of earlier versions do not say whether they found errors.
+TEST_F(FleetFolderTest, WhatIsNotKnownOfErrorsIsSaid) {
+  Make(1);
+  for (int cell = 1; cell <= 2; ++cell) Edit(CellFile(1, cell), [](Json& json) { json.erase("errors"); });
+  const Fleet fleet = ReadFleet(Dir());
+  EXPECT_THAT(fleet.errors, IsEmpty());
+  EXPECT_THAT(fleet.notes,
+              ElementsAre("an earlier version recorded 2 cells and did not keep whether errors were found"));
 }
 
 // Whatever a cell.json holds, the other cells are judged, and the figures of this one are not.
@@ -548,12 +633,7 @@ TEST_F(FleetFolderTest, TheConditionsOfAnOddBoardAreNamed) {
       run.counters.push_back({30, "throttle", "cpu0", "events", 45});
     }
     run.counters.push_back({20, "thermal", "soc", "degC", cell == 1 ? 91.5 : 60.0});
-    const std::string folder = Night(1) + "/" + CellFolder(static_cast<std::size_t>(cell));
-    const std::string record =
-        folder_.Get("nights/2026-11-01/" + CellFolder(static_cast<std::size_t>(cell)) + "/cell.json");
-    fs::remove_all(folder);
-    made_run::Write(run, folder);
-    std::ofstream(folder + "/cell.json") << record;
+    SaveRun(1, cell, run);
   }
   const FleetReport report = Judged(ReadFleet(Dir()));
   ASSERT_EQ(report.reasons.size(), 1U);
@@ -565,6 +645,24 @@ TEST_F(FleetFolderTest, TheConditionsOfAnOddBoardAreNamed) {
                   "hottest zone: 91.5 degC; typical boards: 60.0 degC"));
   EXPECT_THAT(FleetText(report, {}), HasSubstr("  governor: powersave; typical boards: performance\n"));
   EXPECT_THAT(FleetJunit(report), HasSubstr("throttled for heat"));
+}
+
+// A board with errors is shown beside typical boards, and is none itself.
+TEST_F(FleetFolderTest, TheConditionsOfABoardWithErrorsAreNamed) {
+  Make(1, {}, {8, 0, 1});
+  for (int cell = 1; cell <= 8; ++cell) {
+    scope::Run run = made_run::Run();
+    run.info.conditions.governor = cell == 1 ? "powersave" : "performance";
+    SaveRun(1, cell, run);
+    if (cell <= 6) SetErrors(1, cell, {{"guard", 1}});
+  }
+  const FleetReport report = Judged(ReadFleet(Dir()));
+  EXPECT_EQ(CountOf(report.verdict, BoardState::kErrors), 6U);
+  ASSERT_EQ(report.reasons.size(), 6U);
+  EXPECT_EQ(report.reasons[0].board, 0U);
+  EXPECT_THAT(report.reasons[0].typical, UnorderedElementsAre("b6", "b7"));
+  ASSERT_EQ(report.reasons[0].conditions.size(), 1U);
+  EXPECT_EQ(report.reasons[0].conditions[0].b, "powersave");
 }
 
 // Names of nights are those of folders, so they may have any bytes.

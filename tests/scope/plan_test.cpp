@@ -23,8 +23,11 @@
 #include "collection_text.h"
 #include "error_of.h"
 #include "folder_lock.h"
+#include "made_run.h"
 #include "plan_file.h"
+#include "run_error.h"
 #include "run_reader.h"
+#include "run_tables.h"
 #include "run_tool.h"
 #include "sweep_plan.h"
 #include "system_files.h"
@@ -142,8 +145,7 @@ TEST(CollectionTest, LongListsAreCutAndSaySo) {
   const std::string text = CollectionText("night", plan, cells, {});
   EXPECT_THAT(text, AllOf(HasSubstr("50 boards complete and not listed\n"),
                           HasSubstr("30 more boards not complete\n"), Not(HasSubstr("\nboard49 ")),
-                          HasSubstr("\nboard50 "),
-                          HasSubstr("30 more cells not done or with errors; --json lists all\n"),
+                          HasSubstr("\nboard50 "), HasSubstr("30 more cells not done; --json lists all\n"),
                           HasSubstr("(all)      100    50      50"), HasSubstr("\nto run: 51-100\n")));
 }
 
@@ -161,6 +163,100 @@ TEST(CollectionTest, AMissingCellHasTheLastLineOfItsLog) {
   EXPECT_EQ(reasonOf(2).reason, std::string(4095, 'x') + "y");
   ASSERT_EQ(mkfifo((folder / "logs/cell-0003.log").c_str(), 0666), 0);
   EXPECT_EQ(reasonOf(3).reason, "");
+}
+
+// A run that ended with its recorder: only its files say what it has found.
+TEST(CollectionTest, WhatAnAttemptHasFoundIsToldOnce) {
+  const TemporaryFolder folder;
+  Plan plan;
+  plan.cells = {{CellFolder(1), "", {}, {}, 1}};
+  const SourceErrors two = {{"edac", 2}};
+  const auto write = [&](const std::string& name, bool hasErrors) {
+    scope::Run run = made_run::Run();
+    run.info.complete = false;
+    scope::RunError error;
+    error.source = kMemoryController;
+    error.what = "corrected";
+    error.note = "2 more";
+    made_run::Write(run, folder / name);
+    const std::vector<scope::RunError> errors = {error};
+    if (hasErrors)
+      folder.Put(name + "/errors.csv", TableHeader<scope::RunError>() + "\n" + TableText(errors));
+  };
+  const auto status = [&] { return StatusOf(folder.Path(), plan.id, plan.cells[0], 1); };
+  write("attempts/cell-0001/1", true);
+  EXPECT_EQ(status().state, CellState::kUnfinished);
+  EXPECT_EQ(status().errors, two);
+  EXPECT_EQ(status().earlierErrors, SourceErrors());
+  write("attempts/cell-0001/2", false);
+  EXPECT_EQ(status().errors, SourceErrors());
+  EXPECT_EQ(status().earlierErrors, two);
+  EXPECT_THAT(CollectionText("night", plan, {status()}, {}),
+              AllOf(HasSubstr("\n1 cell with 2 errors (edac 2)\n"),
+                    HasSubstr("; an earlier attempt found 2 errors (edac 2); see attempts/cell-0001/2\n")));
+  folder.Put("attempts/cell-0001/1/run.json", "{");
+  EXPECT_EQ(status().earlierErrors, two) << "the table still has them";
+  // An attempt that has no run repeats what the run before it has found.
+  CellRecord record;
+  record.number = 1;
+  record.state = CellState::kInterrupted;
+  record.errors = two;
+  folder.Put("attempts/cell-0001/3/cell.json", CellText(record));
+  EXPECT_EQ(status().state, CellState::kInterrupted);
+  EXPECT_EQ(status().errors, SourceErrors());
+  EXPECT_EQ(status().earlierErrors, two);
+  // The cell is done at last.
+  record.state = CellState::kDone;
+  record.files = {{"run.json", 3}};
+  folder.Put("cell-0001/run.json", "{}\n");
+  folder.Put("cell-0001/cell.json", CellText(record));
+  EXPECT_EQ(status().state, CellState::kDone);
+  EXPECT_EQ(status().errors, two);
+  EXPECT_EQ(status().earlierErrors, two);
+  folder.Put("cell-0001/cell.json", "{");
+  EXPECT_EQ(status().state, CellState::kDamaged);
+  EXPECT_EQ(status().earlierErrors, two);
+}
+
+// Earlier versions did not keep errors: that is not the same as none.
+TEST(CollectionTest, WhatIsNotKnownIsNotNone) {
+  const TemporaryFolder folder;
+  CellRecord record;
+  record.number = 1;
+  record.state = CellState::kDone;
+  record.files = {{"run.json", 3}};
+  nlohmann::json json = nlohmann::json::parse(CellText(record));
+  EXPECT_EQ(json.erase("errors") + json.erase("looked_for_errors"), 2U);
+  folder.Put("cell-0001/cell.json", json.dump());
+  folder.Put("cell-0001/run.json", "{}\n");
+  const CellRecord read = ReadCell(folder / "cell-0001").value();
+  EXPECT_FALSE(read.errors);
+  EXPECT_FALSE(read.looksForErrors);
+  Plan plan;
+  plan.cells = {{CellFolder(1), "", {}, {}, 1}};
+  const std::vector<CellStatus> cells = Collect(folder.Path(), plan);
+  EXPECT_THAT(CollectionText("night", plan, cells, {}),
+              HasSubstr("\n1 cell of an earlier version, which did not keep whether errors were found\n"));
+  json = nlohmann::json::parse(CollectionJson("night", plan, cells));
+  EXPECT_TRUE(json.at("cells").at(0).at("errors").is_null());
+  EXPECT_EQ(json.at("cells_with_errors"), 0);
+}
+
+// They are not lost among cells that have failed.
+TEST(CollectionTest, CellsWithErrorsComeFirst) {
+  Plan plan;
+  std::vector<CellStatus> cells;
+  for (int i = 0; i < 60; ++i) {
+    plan.cells.push_back({CellFolder(plan.cells.size() + 1), "", {}, {}, 1});
+    cells.push_back({i < 30 ? CellState::kFailed : CellState::kDone, "", "x", ""});
+    if (i >= 35) cells.back().errors = SourceErrors{{"cpu", 1}};
+  }
+  const std::string text = CollectionText("night", plan, cells, {});
+  EXPECT_THAT(text,
+              AllOf(HasSubstr("\n25 cells with 25 errors (cpu 25)\n"),
+                    HasSubstr("\ncell 55 (repeat 1) done, with 1 error (cpu 1); see x\n5 more cells with "
+                              "errors; --json lists all\ncell 1 (repeat 1) failed; see x\n"),
+                    HasSubstr("\n10 more cells not done; --json lists all\n")));
 }
 
 class PlanTest : public ::testing::Test {
@@ -371,6 +467,7 @@ TEST_F(PlanTest, ACellWithMemoryErrorsIsDoneAndSaysSo) {
   EXPECT_EQ(failed.status, 1) << "it is not done";
   EXPECT_THAT(failed.errors, HasSubstr("cell 1 failed, with 2 errors (edac 2): the benchmark ended with"));
   EXPECT_THAT(RunTool({"collect", Folder()}).output, HasSubstr(" failed, with 2 errors (edac 2): "));
+  EXPECT_EQ(ReadCell(Folder() + "/attempts/cell-0001/1")->looksForErrors, true);
   counts("");
   const ToolResult done = RunCell(1, system);
   EXPECT_EQ(done.status, 3) << done.errors;
@@ -381,13 +478,19 @@ TEST_F(PlanTest, ACellWithMemoryErrorsIsDoneAndSaysSo) {
   const ToolResult again = RunCell(1, {"--sysfs-root", folder_ / "system", "--json"});
   EXPECT_EQ(again.status, 3) << "it still has them";
   EXPECT_EQ(nlohmann::json::parse(again.output).at("errors"), nlohmann::json({{"edac", 2}}));
+  EXPECT_EQ(nlohmann::json::parse(again.output).at("looked_for_errors"), true);
+  EXPECT_THAT(again.errors, HasSubstr("cell 1 has an earlier attempt with 2 errors (edac 2)\n"));
   EXPECT_EQ(RunCount(), 2) << "it was run again";
   EXPECT_EQ(RunCell(2).status, 0);
   const ToolResult collected = RunTool({"collect", Folder()});
   EXPECT_EQ(collected.status, 0);
   EXPECT_THAT(collected.output, AllOf(HasSubstr(": 2 of 2 cells done"), Not(HasSubstr("to run")),
-                                      HasSubstr(" done, with 2 errors (edac 2); see cell-0001\n")));
+                                      HasSubstr("\n1 cell with 4 errors (edac 4)\n"),
+                                      HasSubstr(" done, with 2 errors (edac 2); an earlier attempt found 2 "
+                                                "errors (edac 2); see cell-0001\n")));
+  EXPECT_EQ(Collected().at("cells_with_errors"), 1);
   EXPECT_EQ(Collected().at("cells").at(0).at("errors"), nlohmann::json({{"edac", 2}}));
+  EXPECT_EQ(Collected().at("cells").at(0).at("earlier_errors"), nlohmann::json({{"edac", 2}}));
   EXPECT_EQ(Collected().at("cells").at(1).at("errors"), nlohmann::json::object());
 }
 

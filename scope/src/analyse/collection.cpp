@@ -12,6 +12,7 @@
 #include "cell_folder.h"
 #include "errors.h"
 #include "folder_file.h"
+#include "run_error.h"
 #include "run_reader.h"
 
 namespace scope {
@@ -39,19 +40,21 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
     if (!record && !fs::exists(fs::symlink_status(folder, ignored))) return {};
     if (!record) {
       status.reason = "cell.json is missing";
+      status.errors = ReadFoundErrors(folder).counts;
       return status;
     }
     status.board = record->board;
     status.reason = WhyForeign(*record, plan, number);
+    if (status.reason.empty()) status.errors = record->errors;
     if (status.reason.empty() && record->state != CellState::kDone)
       status.reason = "cell.json says that it is " + std::string(NameOf(record->state));
     if (status.reason.empty() && check == CellCheck::kFiles) status.reason = WhatIsMissing(folder, *record);
     if (!status.reason.empty()) return status;
     status.state = CellState::kDone;
-    status.errors = record->errors;
     if (taken != nullptr) *taken = std::move(*record);
   } catch (const UserError& error) {
     status.reason = error.what();
+    status.errors = ReadFoundErrors(folder).counts;
   }
   return status;
 }
@@ -65,8 +68,30 @@ CellStatus StatusFromLog(const std::string& root, const std::string& cellFolder)
   return status;
 }
 
-CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder) {
-  const int last = LastAttempt(root, cellFolder);
+// True if the attempt has no run, and only says how it ended.
+bool IsMessage(const CellRecord& record) {
+  return record.files.empty();
+}
+
+// What the attempts with these numbers have found.
+SourceErrors FoundBefore(const std::string& root, const std::string& cellFolder,
+                         const std::vector<int>& attempts) {
+  SourceErrors errors;
+  for (const int number : attempts) {
+    const std::string folder = root + "/" + AttemptFolder(cellFolder, number);
+    std::optional<CellRecord> record;
+    try {
+      record = ReadCell(folder);
+    } catch (const UserError&) {
+      record.reset();  // the files of the run may say more
+    }
+    if (record && IsMessage(*record)) continue;
+    AddErrors(record && record->errors ? *record->errors : ReadFoundErrors(folder).counts, errors);
+  }
+  return errors;
+}
+
+CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder, int last) {
   CellStatus status{CellState::kUnfinished, "", AttemptFolder(cellFolder, last), ""};
   if (last == 0) return StatusFromLog(root, cellFolder);
   const std::string folder = root + "/" + status.folder;
@@ -75,19 +100,22 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder)
     if (!record) {
       status.reason = IsRunFolder(folder) ? ReadRunInfo(folder).incompleteReason : kRecorderEnded;
       if (status.reason == kRecorderEnded) status.reason = "it is being recorded, or its recorder was killed";
+      status.errors = ReadFoundErrors(folder).counts;
       return status;
     }
     status.board = record->board;
     status.reason = record->reason;
     status.isHung = record->isHung;
     status.isRecorderFault = record->isRecorderFault;
-    status.errors = record->errors;
+    // A message repeats what an earlier attempt has found.
+    if (!IsMessage(*record)) status.errors = record->errors;
     if (record->state == CellState::kDone)
       status.reason = "done, but not moved into place: run the cell again";
     else
       status.state = record->state;
   } catch (const UserError& error) {
     status.reason = error.what();
+    status.errors = ReadFoundErrors(folder).counts;
   }
   return status;
 }
@@ -110,7 +138,31 @@ std::string Ranges(const std::vector<std::size_t>& numbers) {
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
                     std::size_t number, CellCheck check, CellRecord* record) {
   CellStatus status = FinalStatus(root, plan, cell, number, check, record);
-  return status.state == CellState::kMissing ? AttemptStatus(root, cell.folder) : status;
+  std::vector<int> attempts = AttemptsOf(root, cell.folder);
+  if (status.state == CellState::kMissing) {
+    status = AttemptStatus(root, cell.folder, attempts.empty() ? 0 : attempts.back());
+    if (!attempts.empty()) attempts.pop_back();
+  }
+  status.earlierErrors = FoundBefore(root, cell.folder, attempts);
+  return status;
+}
+
+bool HasFoundErrors(const CellStatus& cell) {
+  return (cell.errors && AllErrors(*cell.errors) != 0) || AllErrors(cell.earlierErrors) != 0;
+}
+
+std::size_t CountWithErrors(const std::vector<CellStatus>& cells) {
+  return static_cast<std::size_t>(std::count_if(cells.begin(), cells.end(), HasFoundErrors));
+}
+
+std::string StateText(const CellStatus& cell) {
+  const std::string errors = cell.errors ? CountsText(*cell.errors) : "";
+  return NameOf(cell.state) + (errors.empty() ? "" : ", with " + errors);
+}
+
+std::string EarlierText(const CellStatus& cell) {
+  const std::string errors = CountsText(cell.earlierErrors);
+  return errors.empty() ? "" : "; an earlier attempt found " + errors;
 }
 
 std::vector<CellStatus> Collect(const std::string& root, const Plan& plan) {

@@ -15,8 +15,21 @@ enum class CellCheck {
   kFiles    ///< also the sizes of its other files
 };
 
+/// How many cells have found errors, in their run or in an attempt before it.
+std::size_t CountWithErrors(const std::vector<CellStatus>& cells);
+
+/// True if its run, or an attempt before it, has found errors.
+bool HasFoundErrors(const CellStatus& cell);
+
+/// "done, with 2 errors (edac 2)".
+std::string StateText(const CellStatus& cell);
+
+/// "; an earlier attempt found 1 error (edac 1)"; empty if none did.
+std::string EarlierText(const CellStatus& cell);
+
 /// What is in the folder `root` for the cell with this number, from 1, of the plan with the id `plan`. For a
-/// cell that is not done, also run.json of its last attempt is read, or the log of its job. Sets `record`, if
+/// cell that is not done, also run.json of its last attempt is read, or the log of its job. Of attempts, what
+/// their runs have found is read. Sets `record`, if
 /// it is not null, to that of a cell that is done.
 CellStatus StatusOf(const std::string& root, const std::string& plan, const PlanCell& cell,
                     std::size_t number, CellCheck check = CellCheck::kFiles, CellRecord* record = nullptr);

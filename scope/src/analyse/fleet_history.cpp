@@ -26,16 +26,25 @@ double NightDeviation(std::vector<double> medians) {
   return StandardDeviation(medians);
 }
 
-// The median of each night that has enough boards for one.
-std::map<std::uint16_t, double> MediansOf(const FleetValue* first, const FleetValue* last,
-                                          std::size_t nights) {
-  std::map<std::uint16_t, std::vector<double>> values;
-  for (const FleetValue* value = first; value != last; ++value) {
-    if (value->night < nights) values[value->night].push_back(value->middle);
+// The values of a measure in the first `nights` nights. A night in which a board found errors says nothing
+// about what is usual for it.
+std::vector<FleetValue> UsualValues(const Fleet& fleet, std::uint32_t measure, std::size_t nights) {
+  std::vector<FleetValue> values;
+  const auto [from, to] = SpanOf(fleet, measure);
+  for (std::size_t i = from; i < to; ++i) {
+    const FleetValue& value = fleet.values[i];
+    if (value.night < nights && !HadErrors(fleet.nights[value.night], value.board)) values.push_back(value);
   }
+  return values;
+}
+
+// The median of each night that has enough boards for one.
+std::map<std::uint16_t, double> MediansOf(const std::vector<FleetValue>& all) {
+  std::map<std::uint16_t, std::vector<double>> values;
+  for (const FleetValue& value : all) values[value.night].push_back(value.middle);
   std::map<std::uint16_t, double> medians;
-  for (auto& [night, all] : values) {
-    if (all.size() >= kFewestForOutliers) medians[night] = Median(std::move(all));
+  for (auto& [night, each] : values) {
+    if (each.size() >= kFewestForOutliers) medians[night] = Median(std::move(each));
   }
   return medians;
 }
@@ -43,12 +52,12 @@ std::map<std::uint16_t, double> MediansOf(const FleetValue* first, const FleetVa
 // The history of a board from its values [first, last). The boards of a fleet share what a night does to
 // them.
 std::optional<BoardHistory> BoardOf(const Fleet& fleet, const FleetValue* first, const FleetValue* last,
-                                    std::size_t nights, const std::map<std::uint16_t, double>& medians) {
+                                    const std::map<std::uint16_t, double>& medians) {
   std::vector<double> values;
   std::vector<double> apart;
   for (const FleetValue* value = first; value != last; ++value) {
     const auto median = medians.find(value->night);
-    if (value->night >= nights || (!medians.empty() && median == medians.end())) continue;
+    if (!medians.empty() && median == medians.end()) continue;
     values.push_back(value->middle);
     apart.push_back(value->middle - (medians.empty() ? 0 : median->second));
   }
@@ -79,9 +88,9 @@ FleetHistory HistoryOf(const Fleet& fleet, std::size_t nights, const std::string
     if (fleet.nights[night].setup == history.setup) history.nights.push_back(fleet.nights[night].name);
   }
   for (std::uint32_t measure = 0; measure < fleet.measures.size(); ++measure) {
-    const auto [from, to] = SpanOf(fleet, measure);
-    const FleetValue* const last = fleet.values.data() + to;
-    const auto medians = MediansOf(fleet.values.data() + from, last, nights);
+    const std::vector<FleetValue> values = UsualValues(fleet, measure, nights);
+    const FleetValue* const last = values.data() + values.size();
+    const auto medians = MediansOf(values);
     MeasureHistory one;
     one.measure = fleet.measures[measure];
     one.nights = static_cast<int>(medians.size());
@@ -89,14 +98,12 @@ FleetHistory HistoryOf(const Fleet& fleet, std::size_t nights, const std::string
     for (const auto& [night, median] : medians) all.push_back(median);
     one.deviation = NightDeviation(std::move(all));
     std::vector<double> runs;
-    for (std::size_t i = from; i < to; ++i) {
-      if (fleet.values[i].night < nights) runs.push_back(fleet.values[i].runs);
-    }
+    for (const FleetValue& value : values) runs.push_back(value.runs);
     if (!runs.empty()) one.runs = Median(std::move(runs));
-    for (const FleetValue* first = fleet.values.data() + from; first != last;) {
+    for (const FleetValue* first = values.data(); first != last;) {
       const FleetValue* next = first;
       while (next != last && next->board == first->board) ++next;
-      if (auto board = BoardOf(fleet, first, next, nights, medians)) one.boards.push_back(std::move(*board));
+      if (auto board = BoardOf(fleet, first, next, medians)) one.boards.push_back(std::move(*board));
       first = next;
     }
     if (!one.boards.empty()) history.measures.push_back(std::move(one));

@@ -11,6 +11,7 @@
 
 #include "compare_figures.h"
 #include "fleet_reader.h"
+#include "run_error.h"
 #include "statistics.h"
 #include "text_format.h"
 
@@ -151,6 +152,28 @@ void FindLacking(const Fleet& fleet, FleetVerdict& verdict) {
                                               MeasureTitle(measure, true));
     }
   }
+}
+
+void FindErrors(const Fleet& fleet, FleetVerdict& verdict) {
+  for (const ErrorCell& cell : fleet.errors) {
+    BoardVerdict& board = verdict.boards[cell.board];
+    AddErrors(cell.errors, board.errors);
+    ++board.errorCells;
+  }
+  std::size_t nights = 0;
+  std::set<std::size_t> boards;
+  for (std::size_t night = 0; night + 1 < fleet.nights.size(); ++night) {
+    if (fleet.nights[night].setup != fleet.nights.back().setup) continue;
+    const std::vector<std::uint64_t>& errors = fleet.nights[night].errors;
+    for (std::size_t board = 0; board < errors.size(); ++board) {
+      if (errors[board] == 0) continue;
+      ++nights;
+      boards.insert(board);
+    }
+  }
+  if (nights == 0) return;
+  verdict.notes.push_back(Counted(boards.size(), "board") + " found errors in earlier nights: " +
+                          Counted(nights, "night") + " of a board are left out of what boards did before");
 }
 
 }  // namespace scope

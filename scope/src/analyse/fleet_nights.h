@@ -24,4 +24,8 @@ void FindLastSeen(const Fleet& fleet, FleetVerdict& verdict);
 /// boards have at the same point.
 void FindLacking(const Fleet& fleet, FleetVerdict& verdict);
 
+/// Sets the errors that boards found in the last night. Adds a note on earlier nights with errors, which are
+/// no part of what a board was before.
+void FindErrors(const Fleet& fleet, FleetVerdict& verdict);
+
 }  // namespace scope

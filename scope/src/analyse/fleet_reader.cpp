@@ -4,11 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <optional>
-#include <set>
-#include <system_error>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -18,20 +15,18 @@
 #include "compare_figures.h"
 #include "engines.h"
 #include "errors.h"
+#include "fleet_folders.h"
 #include "plan_file.h"
-#include "system_files.h"
+#include "run_error.h"
 #include "text_format.h"
 #include "text_hash.h"
 
 namespace scope {
 namespace {
 
-namespace fs = std::filesystem;
-
 // Logarithms need values above 0. An engine that does nothing in all runs has the rate 0, far below all
 // others.
 constexpr double kLeastValue = 1e-9;
-constexpr std::size_t kMostNights = 5000;
 constexpr std::size_t kMostShownReason = 300;
 
 using Point = std::pair<SweepLevels, BoardSettings>;
@@ -74,10 +69,11 @@ class FleetReader {
       const std::uint32_t board = BoardAt(BoardOf(cell, record, status));
       if (night.cells.size() <= board) night.cells.resize(board + 1);
       ++night.cells[board][static_cast<std::size_t>(status.state)];
+      AddErrorsOf(status, cell, i + 1, board, isLast, night);
       if (status.state == CellState::kDone) {
         const std::uint32_t point = PointAt(cell);
         if (takesValues) Observe(cell, point, record, board, observations);
-        if (isLast) fleet_.done.push_back({board, point, i + 1});
+        if (isLast) fleet_.done.push_back({board, point, i + 1, HasFoundErrors(status)});
       } else if (isLast) {
         if (status.reason.size() > kMostShownReason) status.reason.resize(kMostShownReason);
         fleet_.notDone.push_back({board, i + 1, status.state, CellLabel(cell), status.reason, status.folder});
@@ -90,6 +86,10 @@ class FleetReader {
   void Note(const std::string& text) { fleet_.notes.push_back(text); }
 
   Fleet Take() {
+    if (unknown_ != 0) {
+      Note("an earlier version recorded " + Counted(unknown_, "cell") +
+           " and did not keep whether errors were found");
+    }
     const auto order = [](const FleetValue& value) {
       return std::tie(value.measure, value.board, value.night);
     };
@@ -135,6 +135,20 @@ class FleetReader {
     if (IsName(status.board)) return status.board;
     const bool isMachine = status.state == CellState::kDone && !record.machine.empty();
     return isMachine ? record.machine : kAnyBoard;
+  }
+
+  void AddErrorsOf(const CellStatus& status, const PlanCell& cell, std::size_t number, std::uint32_t board,
+                   bool isLast, FleetNight& night) {
+    if (!status.errors && isLast) ++unknown_;
+    if (!HasFoundErrors(status)) return;
+    SourceErrors errors = status.earlierErrors;
+    if (status.errors) AddErrors(*status.errors, errors);
+    if (night.errors.size() <= board) night.errors.resize(board + 1);
+    night.errors[board] += AllErrors(errors);
+    if (!isLast) return;
+    fleet_.errors.push_back({board, number, std::move(errors),
+                             "cell " + std::to_string(number) + " (" + CellLabel(cell) + ") " +
+                                 StateText(status) + EarlierText(status) + "; see " + status.folder});
   }
 
   std::uint32_t PointAt(const PlanCell& cell) {
@@ -194,120 +208,11 @@ class FleetReader {
   }
 
   Fleet fleet_;
+  std::size_t unknown_ = 0;  // cells of the last night of which it is not known whether they found errors
   std::unordered_map<std::string, std::uint32_t> boards_;
   std::map<Point, std::uint32_t> points_;
   std::map<std::tuple<std::uint32_t, std::string, Figure>, std::uint32_t> measures_;
 };
-
-[[noreturn]] void RefuseFolder(const std::string& path, const std::string& reason) {
-  throw UserError("cannot read the folder " + path + ": " + reason);
-}
-
-bool IsNight(const std::string& folder) {
-  std::error_code error;
-  const fs::file_status plan = fs::symlink_status(folder + "/" + kPlanName, error);
-  if (plan.type() == fs::file_type::none) RefuseFolder(folder, error.message());
-  return fs::exists(plan);
-}
-
-// Names of folders that differ in their numbers alone are alike: 2026-11-21 and 2026-11-22.
-std::string ShapeOf(const std::string& name) {
-  std::string shape;
-  for (const char letter : name) {
-    const bool isDigit = letter >= '0' && letter <= '9';
-    if (!isDigit || shape.empty() || shape.back() != '0') shape += isDigit ? '0' : letter;
-  }
-  return shape;
-}
-
-// The name of the folder, also of "night/" and of ".".
-std::string NameOfFolder(const std::string& folder) {
-  std::error_code ignored;
-  const fs::path whole = fs::weakly_canonical(folder, ignored);
-  return whole.filename().empty() ? folder : whole.filename().string();
-}
-
-bool LeadsNowhere(const fs::path& path) {
-  std::error_code error;
-  return fs::is_symlink(fs::symlink_status(path, error)) && !fs::exists(path, error);
-}
-
-// The folders in `folder`, each once: a link to another one of them is left out. Links that lead nowhere are
-// among them: the night may lie on a disk that is away.
-std::vector<std::string> FoldersIn(const std::string& folder) {
-  std::error_code error;
-  const fs::directory_iterator readable(folder, error);
-  if (error) RefuseFolder(folder, error.message());
-  std::vector<std::string> names;
-  std::set<std::string> own;
-  for (const std::string& name : ListFolder(folder)) {
-    const fs::path path = folder + "/" + name;
-    const fs::file_status status = fs::status(path, error);
-    if (status.type() == fs::file_type::none) RefuseFolder(path.string(), error.message());
-    if (!fs::is_directory(status) && !LeadsNowhere(path)) continue;
-    names.push_back(name);
-    if (!fs::is_symlink(fs::symlink_status(path, error))) own.insert(fs::canonical(path, error).string());
-  }
-  const auto isOther = [&](const std::string& name) {
-    const fs::path path = folder + "/" + name;
-    const bool isLink = fs::is_symlink(fs::symlink_status(path, error)) && !LeadsNowhere(path);
-    return isLink && !own.insert(fs::canonical(path, error).string()).second;
-  };
-  names.erase(std::remove_if(names.begin(), names.end(), isOther), names.end());
-  return names;
-}
-
-// The reason why `path` is no night.
-std::string WhyNoNight(const fs::path& path) {
-  return LeadsNowhere(path) ? "the link leads nowhere" : "there is no " + std::string(kPlanName);
-}
-
-// Tells which folders are no nights, a note for each reason.
-void NoteOthers(const std::string& folder, const std::vector<std::string>& others, FleetReader& reader) {
-  std::map<std::string, std::vector<std::string>> reasons;
-  for (const std::string& name : others) reasons[WhyNoNight(folder + "/" + name)].push_back(name);
-  for (const auto& [reason, names] : reasons) {
-    reader.Note("left out, because " + reason + ": " + names.front() +
-                (names.size() > 1 ? " and " + Counted(names.size() - 1, "other folder") : ""));
-  }
-}
-
-// Names and folders of the nights.
-std::vector<std::pair<std::string, std::string>> NightsIn(const std::string& folder, FleetReader& reader) {
-  if (IsNight(folder)) return {{NameOfFolder(folder), folder}};
-  std::vector<std::pair<std::string, std::string>> nights;
-  std::vector<std::string> others;
-  std::vector<std::string> later;  // than the last night
-  for (const std::string& name : FoldersIn(folder)) {
-    const std::string path = folder + "/" + name;
-    if (IsNight(path)) {
-      nights.emplace_back(name, path);
-      later.clear();
-    } else {
-      others.push_back(name);
-      later.push_back(name);
-    }
-  }
-  if (nights.empty()) {
-    throw UserError(folder + ": expected a folder of cells, or folders of cells, one a night; found no " +
-                    kPlanName + " in it or in a folder in it");
-  }
-  for (const std::string& name : later) {
-    if (ShapeOf(name) != ShapeOf(nights.back().first)) continue;
-    const std::string path = folder + "/" + name;
-    const std::string reason = LeadsNowhere(path)
-                                   ? ": the link to the newest night leads nowhere"
-                                   : ": expected " + std::string(kPlanName) +
-                                         " in the folder of the newest night: nothing was begun";
-    throw UserError(path + reason + ". Without it, " + nights.back().first + " is judged");
-  }
-  NoteOthers(folder, others, reader);
-  if (nights.size() > kMostNights) {
-    reader.Note("the first " + std::to_string(nights.size() - kMostNights) + " nights are left out");
-    nights.erase(nights.begin(), nights.end() - static_cast<std::ptrdiff_t>(kMostNights));
-  }
-  return nights;
-}
 
 }  // namespace
 
@@ -347,7 +252,9 @@ std::string MeasureTitle(const FleetMeasure& measure, bool point) {
 
 Fleet ReadFleet(const std::string& folder) {
   FleetReader reader(folder);
-  const auto nights = NightsIn(folder, reader);
+  const NightFolders found = FindNights(folder);
+  const auto& nights = found.nights;
+  for (const std::string& note : found.notes) reader.Note(note);
   const std::string setup = SetupOf(ReadPlan(nights.back().second + "/" + kPlanName));
   std::size_t others = 0;
   for (const auto& [name, path] : nights) {

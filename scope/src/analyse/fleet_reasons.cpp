@@ -79,15 +79,20 @@ class Reasons {
  public:
   Reasons(const Fleet& fleet, const FleetVerdict& verdict)
       : fleet_(fleet), verdict_(verdict), typical_(TypicalBoards(verdict)) {
-    for (const DoneCell& cell : fleet.done) cells_[{cell.board, cell.point}].push_back(cell.number);
+    // Of a board, the runs that found errors come first.
+    for (const bool hasErrors : {true, false}) {
+      for (const DoneCell& cell : fleet.done) {
+        if (cell.hasErrors == hasErrors) cells_[{cell.board, cell.point}].push_back(cell.number);
+      }
+    }
   }
 
   FleetReasons Of(std::uint32_t board) {
     FleetReasons reasons;
     reasons.board = board;
-    const auto finding = std::find_if(verdict_.findings.begin(), verdict_.findings.end(),
-                                      [board](const FleetFinding& one) { return one.board == board; });
-    const std::uint32_t point = fleet_.measures[finding->measure].point;
+    const std::optional<std::uint32_t> place = PointOf(board);
+    if (!place) return reasons;
+    const std::uint32_t point = *place;
     const std::vector<Run> here = Read(board, point, reasons.troubles);
     if (here.empty()) return reasons;
     std::vector<Run> there;
@@ -115,6 +120,19 @@ class Reasons {
   }
 
  private:
+  // Where the board found errors; otherwise that of its greatest difference. None: its errors are those of
+  // attempts.
+  std::optional<std::uint32_t> PointOf(std::uint32_t board) const {
+    const auto cell = std::find_if(fleet_.done.begin(), fleet_.done.end(), [board](const DoneCell& one) {
+      return one.board == board && one.hasErrors;
+    });
+    if (cell != fleet_.done.end()) return cell->point;
+    const auto finding = std::find_if(verdict_.findings.begin(), verdict_.findings.end(),
+                                      [board](const FleetFinding& one) { return one.board == board; });
+    if (finding == verdict_.findings.end()) return std::nullopt;
+    return fleet_.measures[finding->measure].point;
+  }
+
   std::vector<Run> Read(std::uint32_t board, std::uint32_t point, std::vector<std::string>& troubles) const {
     std::vector<Run> runs;
     const auto at = cells_.find({board, point});
@@ -145,7 +163,8 @@ std::vector<FleetReasons> FindReasons(const Fleet& fleet, const FleetVerdict& ve
   Reasons reasons(fleet, verdict);
   for (const std::uint32_t board : verdict.standOut) {
     const BoardVerdict& judged = verdict.boards[board];
-    if (all.size() < kMostBoards && (judged.odd || judged.worse)) all.push_back(reasons.Of(board));
+    const bool isRead = judged.errorCells != 0 || judged.odd || judged.worse;
+    if (all.size() < kMostBoards && isRead) all.push_back(reasons.Of(board));
   }
   return all;
 }

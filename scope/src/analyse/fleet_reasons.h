@@ -18,8 +18,8 @@ struct FleetReasons {
   std::vector<std::string> troubles;            ///< sentences: memory errors, throttling, temperature
 };
 
-/// Reads runs of the last night of the first boards that are odd or worse, and of typical boards at the same
-/// point of the plan. Runs that cannot be read are named in the troubles.
+/// Reads runs of the last night of the first boards that found errors, are odd or worse, and of typical
+/// boards at the same point of the plan. Runs that cannot be read are named in the troubles.
 std::vector<FleetReasons> FindReasons(const Fleet& fleet, const FleetVerdict& verdict);
 
 }  // namespace scope

@@ -281,6 +281,7 @@ class FleetJudge {
     const auto count = [&board](CellState state) { return board.cells[static_cast<std::size_t>(state)]; };
     std::size_t all = 0;
     for (const std::uint32_t each : board.cells) all += each;
+    if (board.errorCells != 0) return BoardState::kErrors;
     if (board.odd) return BoardState::kOdd;
     if (board.worse) return BoardState::kWorse;
     if (count(CellState::kFailed) + count(CellState::kDamaged) != 0) return BoardState::kFailed;
@@ -294,6 +295,7 @@ class FleetJudge {
     const std::vector<CellCounts>& cells = fleet_.nights.back().cells;
     FindLastSeen(fleet_, verdict_);
     FindLacking(fleet_, verdict_);
+    FindErrors(fleet_, verdict_);
     for (std::uint32_t i = 0; i < verdict_.boards.size(); ++i) {
       BoardVerdict& board = verdict_.boards[i];
       if (i < cells.size()) board.cells = cells[i];
@@ -365,6 +367,8 @@ const char* NameOf(BoardState state) {
       return "worse";
     case BoardState::kOdd:
       return "odd";
+    case BoardState::kErrors:
+      return "errors";
   }
   return "";
 }

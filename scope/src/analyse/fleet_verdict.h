@@ -66,13 +66,16 @@ enum class BoardState {
   kNoRuns,      ///< no cell of the last night is done
   kFailed,      ///< a cell of the last night has failed, or is damaged
   kWorse,
-  kOdd
+  kOdd,
+  kErrors  ///< a run of the last night found errors of memory, or wrong results
 };
 
 struct BoardVerdict {
   BoardState state = BoardState::kGood;  ///< the worst that is true
   bool odd = false;
   bool worse = false;
+  SourceErrors errors;                  ///< of all cells of the last night together
+  std::size_t errorCells = 0;           ///< in how many of them there were any
   CellCounts cells{};                   ///< of the last night
   std::optional<std::size_t> lastSeen;  ///< the last night with a cell of this board that is done
   bool ranBefore = false;               ///< in the night before the last one of the same setup
@@ -101,7 +104,7 @@ constexpr std::size_t kFewestNightsBefore = 3;
 /// worse than before. So all boards together are called odd or worse without reason in that share of nights.
 FleetVerdict JudgeFleet(const Fleet& fleet, const FleetHistory& before, const FleetOptions& options);
 
-/// What the boards did in the first `nights` nights.
+/// What the boards did in the first `nights` nights, without those in which they found errors.
 FleetHistory HistoryOf(const Fleet& fleet, std::size_t nights, const std::string& made);
 
 /// The number of boards in a state.

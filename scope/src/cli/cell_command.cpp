@@ -14,6 +14,7 @@
 #include "cell_file.h"
 #include "cell_plan.h"
 #include "cell_runner.h"
+#include "collection.h"
 #include "commands.h"
 #include "errors.h"
 #include "live_view.h"
@@ -49,6 +50,18 @@ Plan ReadPlanFor(const CellCommand& command) {
   return plan;
 }
 
+// Errors of a run that was not the cell's are errors of the board, too.
+void TellOfEarlierErrors(const CellCommand& command, const Plan& plan, const PlanCell& cell,
+                         const CellOutcome& outcome) {
+  const std::optional<CellRecord> record = ReadCell(outcome.folder);
+  if (record && record->files.empty()) return;  // it says so itself
+  const CellStatus status = StatusOf(command.cell.root, plan.id, cell, command.number, CellCheck::kRecord);
+  const std::string errors = CountsText(status.earlierErrors);
+  if (errors.empty()) return;
+  std::cerr << "stress_scope: cell " << command.number << " has an earlier attempt with " << Printable(errors)
+            << std::endl;
+}
+
 // Returns the exit status.
 int ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
   const std::string folder = Printable(outcome.folder);
@@ -57,7 +70,7 @@ int ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
   if (command.output == Output::kText && outcome.isNew)
     Print(NameOf(outcome.state) + std::string(", saved in ") + folder + "\n");
   const std::optional<CellRecord> record = ReadCell(outcome.folder);
-  const std::string errors = record ? CountsText(record->errors) : "";
+  const std::string errors = record && record->errors ? CountsText(*record->errors) : "";
   const bool isDone = outcome.state == CellState::kDone;
   if (isDone && errors.empty()) return kExitOk;
   std::cerr << "stress_scope: cell " << command.number << ' ' << NameOf(outcome.state)
@@ -92,6 +105,7 @@ int RunCellCommand(CellCommand& command) {
   Signals signals;
   const CellOutcome outcome = isHere ? RunCell(plan, cell, command.number, options, *view, signals)
                                      : RunCellOn(command.on, plan, cell, command.number, options, signals);
+  TellOfEarlierErrors(command, plan, cell, outcome);
   return ShowOutcome(command, outcome);
 }
 

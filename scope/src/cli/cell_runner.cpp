@@ -23,6 +23,7 @@
 #include "figures.h"
 #include "printable.h"
 #include "record.h"
+#include "run_error.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "series.h"
@@ -78,10 +79,12 @@ void Apply(const PlanCell& cell, const CellOptions& options, const RunSettings& 
 // Adds what is known from the files of the attempt.
 void AddFromRun(const std::string& attempt, double warmupS, CellRecord& record) {
   if (!IsRunFolder(attempt)) return;
+  // The recorder may have ended, or its disk been full, before run.json had them.
+  record.errors = ReadFoundErrors(attempt).counts;
   try {
     const RunInfo info = ReadRunInfo(attempt);
     record.machine = info.conditions.hostnameHash;
-    record.errors = info.errors;
+    record.looksForErrors = LooksForErrors(info);
     if (record.state != CellState::kDone) return;
     for (const auto& [key, seconds] : FiguresOf(Summarise(ReadRun(attempt)), warmupS)) {
       record.figures.push_back({key.engine, KindOf(key.figure).name, ValueOf(key.figure, seconds)});

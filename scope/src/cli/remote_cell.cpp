@@ -14,6 +14,7 @@
 #include "errors.h"
 #include "plan_file.h"
 #include "printable.h"
+#include "run_reader.h"
 #include "series.h"
 #include "text_format.h"
 
@@ -174,7 +175,8 @@ class RemoteCell {
       return {CellState::kDone, "", folders_.Final(), folders_.Publish(attempt, plan_.id, number_)};
     }
     if (!last || !reason.empty())
-      return Keep(started, reason.empty() ? board_.host + " has measured nothing" : reason);
+      return Keep(started, reason.empty() ? board_.host + " has measured nothing" : reason,
+                  FoundIn(last, lastFolder));
     return {last->state, last->reason, lastFolder, true};
   }
 
@@ -187,8 +189,14 @@ class RemoteCell {
     return attempt;
   }
 
-  // An attempt that only says how it ended.
-  CellOutcome Keep(const std::string& started, const std::string& reason) {
+  // What the last attempt that was brought has found before it ended.
+  static SourceErrors FoundIn(const std::optional<CellRecord>& last, const std::string& folder) {
+    if (last && last->errors) return *last->errors;
+    return folder.empty() ? SourceErrors() : ReadFoundErrors(folder).counts;
+  }
+
+  // An attempt that only says how it ended, and what the run before has found.
+  CellOutcome Keep(const std::string& started, const std::string& reason, const SourceErrors& errors = {}) {
     CellRecord record;
     record.plan = plan_.id;
     record.number = number_;
@@ -198,6 +206,7 @@ class RemoteCell {
     record.ended = UtcNow();
     record.state = CellState::kInterrupted;
     record.reason = reason;
+    record.errors = errors;
     const std::string attempt = folders_.NewAttempt();
     folders_.Finish(attempt, record);
     return {record.state, record.reason, attempt, true};

@@ -63,19 +63,9 @@ std::string ResultText(const SweepRun& run) {
 }  // namespace
 
 std::string ErrorsFoundIn(const std::string& runFolder) {
-  Run run;
-  // A machine that died may have damaged one of the two files.
-  try {
-    if (IsRunFolder(runFolder)) run.info = ReadRunInfo(runFolder);
-  } catch (const UserError& error) {
-    Tell(error.what());
-  }
-  try {
-    run.errors = ReadRunErrors(runFolder);
-  } catch (const UserError& error) {
-    Tell(error.what());
-  }
-  return CountsText(ErrorCounts(run));
+  const FoundErrors found = ReadFoundErrors(runFolder);
+  for (const std::string& text : found.unreadable) Tell(text);
+  return CountsText(found.counts);
 }
 
 SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind)

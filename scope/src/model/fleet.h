@@ -43,8 +43,9 @@ struct FleetNight {
   std::string setup;  ///< tells apart what is recorded: configuration without levels, and times
   std::string made;   ///< Plan::made
   double warmupS = 0;
-  bool hasOpenCells = false;      ///< cells of its plan that any board may run
-  std::vector<CellCounts> cells;  ///< of each board; may be shorter than Fleet::boards
+  bool hasOpenCells = false;          ///< cells of its plan that any board may run
+  std::vector<CellCounts> cells;      ///< of each board; may be shorter than Fleet::boards
+  std::vector<std::uint64_t> errors;  ///< of memory and results: of each board; may be shorter, too
 };
 
 /// A cell of the last night.
@@ -57,12 +58,26 @@ struct FleetCell {
   std::string folder;  ///< within that of the night
 };
 
+/// A cell of the last night with errors of memory, or wrong results.
+struct ErrorCell {
+  std::uint32_t board = 0;
+  std::size_t number = 0;  ///< in the plan, from 1
+  SourceErrors errors;     ///< of its run and of all attempts before it
+  std::string text;        ///< "cell 3 (b1: CPU=4, repeat 1) done, with 2 errors (edac 2); see cell-0003"
+};
+
 /// A cell of the last night that is done.
 struct DoneCell {
   std::uint32_t board = 0;
   std::uint32_t point = 0;  ///< FleetMeasure::point
   std::size_t number = 0;   ///< in the plan, from 1
+  bool hasErrors = false;   ///< it is one of Fleet::errors
 };
+
+/// True if the board found errors in this night.
+inline bool HadErrors(const FleetNight& night, std::uint32_t board) {
+  return board < night.errors.size() && night.errors[board] != 0;
+}
 
 /// The board of cells that any board may run, and none has.
 constexpr const char* kAnyBoard = "(any)";
@@ -74,6 +89,7 @@ struct Fleet {
   std::vector<FleetMeasure> measures;
   std::vector<FleetValue> values;  ///< sorted by measure, board and night; of nights of the last one's setup
   std::vector<FleetCell> notDone;  ///< of the last night
+  std::vector<ErrorCell> errors;   ///< of the last night
   std::vector<DoneCell> done;      ///< of the last night
   std::vector<std::string> notes;  ///< what was left out
 };

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -64,9 +65,11 @@ struct CellRecord {
   bool isHung = false;                   ///< it failed because something did not end
   /// It failed because the recorder did: that says nothing about the board.
   bool isRecorderFault = false;
-  /// Of the run, done or not: from each source of errors to how many there were. Empty: none.
-  std::vector<std::pair<std::string, std::uint64_t>> errors;
-  std::vector<CellFigure> figures;  ///< of a run that is done
+  /// What the run has found, done or not. Not known (no value) if an earlier version wrote the record. Of an
+  /// attempt that has no run and only says how it ended: what the run before it has found.
+  std::optional<SourceErrors> errors = SourceErrors();
+  std::optional<bool> looksForErrors = false;  ///< as LooksForErrors says; no value: not known
+  std::vector<CellFigure> figures;             ///< of a run that is done
   /// The other files of the folder: name to bytes.
   std::vector<std::pair<std::string, std::uint64_t>> files;
 };
@@ -79,7 +82,8 @@ struct CellStatus {
   std::string board;    ///< on which it ran, or empty
   bool isHung = false;  ///< this and the next one: as in CellRecord, of the last attempt
   bool isRecorderFault = false;
-  std::vector<std::pair<std::string, std::uint64_t>> errors = {};  ///< as in CellRecord
+  std::optional<SourceErrors> errors = SourceErrors();  ///< of its run, or of the last attempt; as CellRecord
+  SourceErrors earlierErrors = {};                      ///< of all attempts before that
 };
 
 }  // namespace scope

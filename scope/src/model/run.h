@@ -185,6 +185,8 @@ struct LatencySecond {
 
 /// MB of guarded memory that are checked in a second.
 constexpr double kUsualGuardRate = 100;
+constexpr double kLeastGuardRate = 1;
+constexpr double kMostGuardRate = 1e6;
 
 /// Threads of a control, which compute in registers and touch no memory, and do so as long as the threads of
 /// an engine.
@@ -226,6 +228,9 @@ struct RunSettings {
   OwnCpus own;                          ///< needs the meter
 };
 
+/// From each source of errors ("cpu", "edac") to how many there were.
+using SourceErrors = std::vector<std::pair<std::string, std::uint64_t>>;
+
 /// run.json.
 struct RunInfo {
   std::string tool;
@@ -246,8 +251,7 @@ struct RunInfo {
   std::vector<EngineDeadline> deadlines;  ///< of the engines that had one
   GuardSummary guard;
   LatencySummary latency;
-  /// Each source of errors ("cpu", "edac") with their number, in the table or not.
-  std::vector<std::pair<std::string, std::uint64_t>> errors;
+  SourceErrors errors;  ///< in the table or not
 };
 
 /// What an engine, or one of its threads, did in a second or in a whole run. Operations are calls that

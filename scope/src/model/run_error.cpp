@@ -50,7 +50,7 @@ std::string ErrorText(const RunError& error) {
          (error.note.empty() ? "" : " (" + error.note + ")");
 }
 
-std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run) {
+SourceErrors ErrorCounts(const Run& run) {
   if (!run.info.errors.empty()) return run.info.errors;
   std::map<std::string, std::uint64_t> counts;
   for (const RunError& error : run.errors) counts[error.source] += ErrorsIn(error);
@@ -58,18 +58,26 @@ std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run) {
 }
 
 std::uint64_t ErrorsOf(const Run& run) {
+  return AllErrors(ErrorCounts(run));
+}
+
+std::uint64_t AllErrors(const SourceErrors& counts) {
   std::uint64_t sum = 0;
-  for (const auto& [source, count] : ErrorCounts(run)) sum += count;
+  for (const auto& [source, count] : counts) sum += count;
   return sum;
 }
 
-std::string CountsText(const std::vector<std::pair<std::string, std::uint64_t>>& counts) {
+void AddErrors(const SourceErrors& more, SourceErrors& counts) {
+  if (more.empty()) return;
+  std::map<std::string, std::uint64_t> sums(counts.begin(), counts.end());
+  for (const auto& [source, count] : more) sums[source] += count;
+  counts.assign(sums.begin(), sums.end());
+}
+
+std::string CountsText(const SourceErrors& counts) {
   std::vector<std::string> parts;
-  std::uint64_t sum = 0;
-  for (const auto& [source, count] : counts) {
-    sum += count;
-    parts.push_back(source + " " + std::to_string(count));
-  }
+  for (const auto& [source, count] : counts) parts.push_back(source + " " + std::to_string(count));
+  const std::uint64_t sum = AllErrors(counts);
   return sum == 0 ? "" : Counted(sum, "error") + " (" + Joined(parts, ", ") + ")";
 }
 

@@ -27,11 +27,17 @@ std::uint64_t ErrorsIn(const RunError& error);
 std::string ErrorText(const RunError& error);
 
 /// How many errors each source has. If the recorder was killed, the rows of the run's table are counted.
-std::vector<std::pair<std::string, std::uint64_t>> ErrorCounts(const Run& run);
+SourceErrors ErrorCounts(const Run& run);
 std::uint64_t ErrorsOf(const Run& run);
 
-/// "2 errors (edac 2)"; empty if there are none. From each source to its errors.
-std::string CountsText(const std::vector<std::pair<std::string, std::uint64_t>>& counts);
+/// All of them together.
+std::uint64_t AllErrors(const SourceErrors& counts);
+
+/// Adds `more` to `counts`.
+void AddErrors(const SourceErrors& more, SourceErrors& counts);
+
+/// "2 errors (edac 2)"; empty if there are none.
+std::string CountsText(const SourceErrors& counts);
 
 /// When the first error was found; none without errors.
 std::optional<double> FirstErrorS(const Run& run);

@@ -25,6 +25,7 @@ std::string CollectionJson(const std::string& folder, const Plan& plan,
             {"warmup_s", plan.settings.warmupS},
             {"complete", CountOf(cells, CellState::kDone) == cells.size()},
             {"counts", counts},
+            {"cells_with_errors", CountWithErrors(cells)},
             {"to_run", NumbersToRun(cells)}};
   Json list = Json::array();
   for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -33,8 +34,6 @@ std::string CollectionJson(const std::string& folder, const Plan& plan,
     for (const auto& [section, level] : cell.levels) levels[section] = level;
     Json settings = Json::object();
     for (const auto& [name, value] : cell.settings) settings[name] = value;
-    Json errors = Json::object();
-    for (const auto& [source, count] : cells[i].errors) errors[source] = count;
     list.push_back(Json{{"number", i + 1},
                         {"board", cell.board},
                         {"levels", levels},
@@ -42,7 +41,8 @@ std::string CollectionJson(const std::string& folder, const Plan& plan,
                         {"repeat", cell.repeat},
                         {"state", NameOf(cells[i].state)},
                         {"reason", cells[i].reason},
-                        {"errors", errors},
+                        {"errors", cells[i].errors ? ErrorCountsJson(*cells[i].errors) : Json(nullptr)},
+                        {"earlier_errors", ErrorCountsJson(cells[i].earlierErrors)},
                         {"folder", cells[i].folder},
                         {"ran_on", cells[i].board}});
   }

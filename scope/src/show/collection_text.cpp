@@ -15,8 +15,8 @@
 namespace scope {
 namespace {
 
-// Boards that are not complete, and cells that are not done or have errors. Ten thousand boards would fill
-// the terminal.
+// Boards that are not complete, cells with errors, and cells that are not done. Ten thousand boards would
+// fill the terminal.
 constexpr std::size_t kMostShown = 20;
 
 constexpr std::array<CellState, 6> kColumns = {CellState::kDone,       CellState::kFailed,
@@ -71,33 +71,54 @@ std::string BoardTable(const Plan& plan, const std::vector<CellStatus>& cells, c
   return text;
 }
 
-// Cells that are not done, and those whose runs have found errors.
+std::string CellLine(const Plan& plan, const CellStatus& cell, std::size_t at, const TextStyle& style) {
+  const bool isBad =
+      HasFoundErrors(cell) || cell.state == CellState::kFailed || cell.state == CellState::kDamaged;
+  std::string text = "cell " + std::to_string(at + 1) + " (" + Printable(CellLabel(plan.cells[at])) + ") " +
+                     Painted(Printable(StateText(cell)), isBad ? Colour::kBad : Colour::kUnclear, style);
+  if (!cell.reason.empty()) text += ": " + Printable(cell.reason.substr(0, cell.reason.find('\n')));
+  text += Printable(EarlierText(cell));
+  return cell.folder.empty() ? text + "\n" : text + "; see " + Printable(cell.folder) + "\n";
+}
+
+// What all cells have found together, and what is not known; empty if there is nothing to say.
+std::string ErrorHead(const std::vector<CellStatus>& cells, const TextStyle& style) {
+  SourceErrors all;
+  std::size_t unknown = 0;
+  for (const CellStatus& cell : cells) {
+    AddErrors(cell.earlierErrors, all);
+    if (cell.errors) AddErrors(*cell.errors, all);
+    if (!cell.errors) ++unknown;
+  }
+  std::string text;
+  if (const std::size_t count = CountWithErrors(cells); count != 0)
+    text =
+        Painted(Counted(count, "cell") + " with " + Printable(CountsText(all)), Colour::kBad, style) + "\n";
+  if (unknown != 0)
+    text +=
+        Counted(unknown, "cell") + " of an earlier version, which did not keep whether errors were found\n";
+  return text;
+}
+
+// Cells that have found errors, then those that are not done.
 std::string ProblemText(const Plan& plan, const std::vector<CellStatus>& cells, const TextStyle& style) {
   std::string text;
-  std::size_t shown = 0;
-  std::size_t cut = 0;
-  for (std::size_t i = 0; i < cells.size(); ++i) {
-    const CellStatus& cell = cells[i];
-    const std::string errors = CountsText(cell.errors);
-    // The table has the number of those that are missing, and there is nothing to say about most of them.
-    const bool isMute = cell.state == CellState::kMissing && cell.reason.empty();
-    if (errors.empty() && (cell.state == CellState::kDone || isMute)) continue;
-    if (shown == kMostShown) {
-      ++cut;
-      continue;
+  for (const bool withErrors : {true, false}) {
+    std::size_t shown = 0;
+    std::size_t cut = 0;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      const CellStatus& cell = cells[i];
+      // The table has the number of those that are missing, and there is nothing to say about most of them.
+      const bool isMute = cell.state == CellState::kMissing && cell.reason.empty();
+      const bool isShown = withErrors || (cell.state != CellState::kDone && !isMute);
+      if (HasFoundErrors(cell) != withErrors || !isShown) continue;
+      if (++shown > kMostShown) ++cut;
+      if (shown <= kMostShown) text += CellLine(plan, cell, i, style);
     }
-    ++shown;
-    const Colour colour =
-        !errors.empty() || cell.state == CellState::kFailed || cell.state == CellState::kDamaged
-            ? Colour::kBad
-            : Colour::kUnclear;
-    text +=
-        "cell " + std::to_string(i + 1) + " (" + Printable(CellLabel(plan.cells[i])) + ") " +
-        Painted(NameOf(cell.state) + (errors.empty() ? "" : ", with " + Printable(errors)), colour, style);
-    if (!cell.reason.empty()) text += ": " + Printable(cell.reason.substr(0, cell.reason.find('\n')));
-    text += "; see " + Printable(cell.folder) + "\n";
+    if (cut != 0)
+      text +=
+          Counted(cut, "more cell") + (withErrors ? " with errors" : " not done") + "; --json lists all\n";
   }
-  if (cut != 0) text += Counted(cut, "more cell") + " not done or with errors; --json lists all\n";
   return text;
 }
 
@@ -107,7 +128,8 @@ std::string CollectionText(const std::string& folder, const Plan& plan, const st
                            const TextStyle& style) {
   std::string text = Printable(folder) + ": " + std::to_string(CountOf(cells, CellState::kDone)) + " of " +
                      Counted(cells.size(), "cell") + " done, of the plan of " + Printable(plan.made) +
-                     ", seed " + std::to_string(plan.settings.seed) + "\n\n" + BoardTable(plan, cells, style);
+                     ", seed " + std::to_string(plan.settings.seed) + "\n" + ErrorHead(cells, style) + "\n" +
+                     BoardTable(plan, cells, style);
   const std::string problems = ProblemText(plan, cells, style);
   if (!problems.empty()) text += '\n' + problems;
   std::string numbers = NumbersToRun(cells);

@@ -134,6 +134,7 @@ Json DetailJson(const FleetReport& report, std::uint32_t board) {
   }
   return Json{{"board", report.fleet.boards[board]},
               {"state", NameOf(report.verdict.boards[board].state)},
+              {"errors", ErrorCountsJson(report.verdict.boards[board].errors)},
               {"findings", findings},
               {"figures", figures},
               {"typical_boards", typical},
@@ -179,14 +180,29 @@ Json NightsJson(const Fleet& fleet) {
       for (const std::uint32_t count : board) cells += count;
       done += board[static_cast<std::size_t>(CellState::kDone)];
     }
+    std::uint64_t errors = 0;
+    for (const std::uint64_t board : night.errors) errors += board;
     nights.push_back(Json{{"night", night.name},
                           {"plan", night.plan},
                           {"made", night.made},
                           {"compared", night.setup == fleet.nights.back().setup},
                           {"cells", cells},
-                          {"done", done}});
+                          {"done", done},
+                          {"errors", errors}});
   }
   return nights;
+}
+
+Json ErrorCellsJson(const Fleet& fleet) {
+  Json cells = Json::array();
+  for (const ErrorCell& cell : fleet.errors) {
+    if (cells.size() == kMostCells) break;
+    cells.push_back(Json{{"number", cell.number},
+                         {"board", fleet.boards[cell.board]},
+                         {"errors", ErrorCountsJson(cell.errors)},
+                         {"text", cell.text}});
+  }
+  return cells;
 }
 
 Json NotDoneJson(const Fleet& fleet) {
@@ -219,7 +235,7 @@ Json AbsentJson(const FleetReport& report) {
 
 Json CountsJson(const FleetReport& report) {
   Json counts = Json::object();
-  for (int state = static_cast<int>(BoardState::kOdd); state >= 0; --state) {
+  for (int state = static_cast<int>(BoardState::kErrors); state >= 0; --state) {
     const auto each = static_cast<BoardState>(state);
     counts[NameOf(each)] = CountOf(report.verdict, each);
   }
@@ -256,6 +272,8 @@ Json FleetData(const FleetReport& report) {
               {"measures", std::move(measures)},
               {"details", std::move(details)},
               {"boards", std::move(boards)},
+              {"with_errors", ErrorCellsJson(fleet)},
+              {"cells_with_errors", fleet.errors.size()},
               {"not_done", NotDoneJson(fleet)},
               {"not_done_cells", fleet.notDone.size()},
               {"absent", AbsentJson(report)},

@@ -36,13 +36,23 @@ std::vector<std::vector<std::string>> NotDoneOf(const Fleet& fleet) {
   return lines;
 }
 
-// The content of the board's test: one element at most, as readers of the format expect.
-std::string ResultOf(const FleetReport& report, std::uint32_t board,
+// The same of the cells with errors.
+std::vector<std::vector<std::string>> ErrorLinesOf(const Fleet& fleet) {
+  std::vector<std::vector<std::string>> lines(fleet.boards.size());
+  for (const ErrorCell& cell : fleet.errors) lines[cell.board].push_back(cell.text);
+  return lines;
+}
+
+// The content of the board's test: one element at most, as readers of the format expect. `errors` and
+// `notDone` are lines on its cells.
+std::string ResultOf(const FleetReport& report, std::uint32_t board, const std::vector<std::string>& errors,
                      const std::vector<std::string>& notDone) {
   const BoardState state = report.verdict.boards[board].state;
   std::vector<std::string> lines = LinesOf(report, board);
+  lines.insert(lines.begin(), errors.begin(), errors.end());
   lines.insert(lines.end(), notDone.begin(), notDone.end());
   switch (state) {
+    case BoardState::kErrors:
     case BoardState::kOdd:
     case BoardState::kWorse:
       return Element("failure", NameOf(state), lines);
@@ -66,6 +76,7 @@ std::string FleetJunit(const FleetReport& report) {
   const Fleet& fleet = report.fleet;
   const std::string night = fleet.nights.back().name;
   const auto notDone = NotDoneOf(fleet);
+  const auto errorLines = ErrorLinesOf(fleet);
   std::string tests;
   std::size_t count = 0;
   std::size_t skipped = 0;
@@ -77,7 +88,8 @@ std::string FleetJunit(const FleetReport& report) {
     ++count;
     skipped += state == BoardState::kAbsent ? 1 : 0;
     tests += "    <testcase classname=\"" + XmlText("fleet." + night) + "\" name=\"" +
-             XmlText(fleet.boards[board]) + "\" time=\"0\">\n" + ResultOf(report, board, notDone[board]);
+             XmlText(fleet.boards[board]) + "\" time=\"0\">\n" +
+             ResultOf(report, board, errorLines[board], notDone[board]);
     // It is not wrong, but whoever reads wants to know.
     if (isIncomplete) {
       std::vector<std::string> lines = notDone[board];
@@ -99,8 +111,8 @@ std::string FleetJunit(const FleetReport& report) {
            "\" name=\"(the whole fleet)\" time=\"0\">\n" +
            (changes.empty() ? "" : Element("failure", "worse", changes)) + "    </testcase>\n";
   const FleetVerdict& verdict = report.verdict;
-  const std::size_t failures =
-      CountOf(verdict, BoardState::kOdd) + CountOf(verdict, BoardState::kWorse) + (changes.empty() ? 0 : 1);
+  const std::size_t failures = CountOf(verdict, BoardState::kErrors) + CountOf(verdict, BoardState::kOdd) +
+                               CountOf(verdict, BoardState::kWorse) + (changes.empty() ? 0 : 1);
   const std::size_t errors = CountOf(verdict, BoardState::kFailed) + CountOf(verdict, BoardState::kNoRuns) +
                              CountOf(verdict, BoardState::kVanished);
   const std::string counts =

@@ -8,6 +8,7 @@
 #include "compare_figures.h"
 #include "fleet_reader.h"
 #include "printable.h"
+#include "run_error.h"
 #include "text_format.h"
 #include "text_table.h"
 
@@ -81,6 +82,22 @@ std::string ReasonText(const FleetReport& report) {
   return text;
 }
 
+// What needs a look before all else, the boards in their order.
+std::string ErrorLines(const FleetReport& report, const TextStyle& style) {
+  std::vector<const ErrorCell*> cells;
+  for (const ErrorCell& cell : report.fleet.errors) cells.push_back(&cell);
+  std::stable_sort(cells.begin(), cells.end(), [&](const ErrorCell* a, const ErrorCell* b) {
+    return AllErrors(report.verdict.boards[a->board].errors) >
+           AllErrors(report.verdict.boards[b->board].errors);
+  });
+  std::string text;
+  for (std::size_t i = 0; i < std::min(cells.size(), kMostRows); ++i)
+    text += Painted("! ", Colour::kBad, style) + Printable(cells[i]->text) + "\n";
+  if (cells.size() > kMostRows)
+    text += Counted(cells.size() - kMostRows, "more cell") + " with errors; --json and the page have more\n";
+  return text.empty() ? "" : "\n" + text;
+}
+
 // A line with the first names.
 std::string ListText(const char* title, std::vector<std::string> names, const char* between) {
   if (names.empty()) return "";
@@ -152,11 +169,10 @@ std::string FleetTable(const FleetReport& report, const TextStyle& style) {
 // "1 odd, 2 failed"; empty if no board stands out.
 std::string CountsText(const FleetVerdict& verdict) {
   std::vector<std::string> parts;
-  const std::pair<BoardState, const char*> states[] = {{BoardState::kOdd, " odd"},
-                                                       {BoardState::kWorse, " worse than before"},
-                                                       {BoardState::kFailed, " failed"},
-                                                       {BoardState::kNoRuns, " without runs"},
-                                                       {BoardState::kVanished, " vanished"}};
+  const std::pair<BoardState, const char*> states[] = {
+      {BoardState::kErrors, " with errors"},      {BoardState::kOdd, " odd"},
+      {BoardState::kWorse, " worse than before"}, {BoardState::kFailed, " failed"},
+      {BoardState::kNoRuns, " without runs"},     {BoardState::kVanished, " vanished"}};
   for (const auto& [state, text] : states) {
     const std::size_t count = CountOf(verdict, state);
     if (count != 0) parts.push_back(std::to_string(count) + text);
@@ -226,8 +242,8 @@ std::string FleetText(const FleetReport& report, const TextStyle& style) {
   const FleetVerdict& verdict = report.verdict;
   const Colour colour = verdict.isGood ? Colour::kGood : Colour::kBad;
   std::string text = Painted(Printable(FleetSentence(report)), colour, style) + "\n" +
-                     FindingTable(report, style) + ReasonText(report) + NotDoneText(report, style) +
-                     FleetTable(report, style);
+                     ErrorLines(report, style) + FindingTable(report, style) + ReasonText(report) +
+                     NotDoneText(report, style) + FleetTable(report, style);
   std::vector<std::string> notes = report.fleet.notes;
   notes.insert(notes.end(), verdict.notes.begin(), verdict.notes.end());
   for (const std::string& note : notes) text += "\nnote: " + Printable(note);

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "run.h"
+
 namespace scope {
 
 /// Objects keep their keys in the order of insertion.
@@ -13,6 +15,13 @@ using Json = nlohmann::ordered_json;
 template <typename Value>
 Json OrNull(const std::optional<Value>& value) {
   return value ? Json(*value) : Json(nullptr);
+}
+
+/// From each source of errors to their number.
+inline Json ErrorCountsJson(const SourceErrors& errors) {
+  Json json = Json::object();
+  for (const auto& [source, count] : errors) json[source] = count;
+  return json;
 }
 
 }  // namespace scope

@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr SeriesKind kCell = {kCellName, "cell", "a cell", 1};
+constexpr const char* kLooksKey = "looked_for_errors";
 // A cell has some twenty figures.
 constexpr std::uint64_t kMostCellBytes = 1 << 20;
 
@@ -61,11 +62,15 @@ CellRecord RecordFromJson(const SeriesJson& json, const std::string& path) {
     for (const auto& [figure, value] : figures.items())
       record.figures.push_back({engine, figure, value.get<double>()});
   }
-  // Earlier versions do not have it.
+  // Earlier versions do not have these two.
+  record.errors.reset();
+  record.looksForErrors.reset();
   if (const auto errors = json.find("errors"); errors != json.end()) {
+    record.errors.emplace();
     for (const auto& [source, count] : errors->items())
-      GetWhole(count, source, record.errors.emplace_back(source, 0).second);
+      GetWhole(count, source, record.errors->emplace_back(source, 0).second);
   }
+  if (json.contains(kLooksKey)) GetField(json, kLooksKey, record.looksForErrors.emplace());
   for (const auto& [name, bytes] : json.at("files").items())
     GetWhole(bytes, name, record.files.emplace_back(name, 0).second);
   return record;
@@ -93,17 +98,28 @@ PlanCell CellFromJson(const SeriesJson& json) {
 }
 
 std::string CellText(const CellRecord& record) {
-  SeriesJson json{{"format", kCell.format},         {"kind", kCell.kind},
-                  {"tool", kToolVersion},           {"plan", record.plan},
-                  {"number", record.number},        {"cell", CellJson(record.cell)},
-                  {"board", record.board},          {"machine", record.machine},
-                  {"started", record.started},      {"ended", record.ended},
-                  {"state", NameOf(record.state)},  {"reason", record.reason},
-                  {"hung", record.isHung},          {"recorder_failed", record.isRecorderFault},
-                  {"errors", SeriesJson::object()}, {"figures", SeriesJson::object()},
+  SeriesJson json{{"format", kCell.format},
+                  {"kind", kCell.kind},
+                  {"tool", kToolVersion},
+                  {"plan", record.plan},
+                  {"number", record.number},
+                  {"cell", CellJson(record.cell)},
+                  {"board", record.board},
+                  {"machine", record.machine},
+                  {"started", record.started},
+                  {"ended", record.ended},
+                  {"state", NameOf(record.state)},
+                  {"reason", record.reason},
+                  {"hung", record.isHung},
+                  {"recorder_failed", record.isRecorderFault},
+                  {"figures", SeriesJson::object()},
                   {"files", SeriesJson::object()}};
   for (const auto& [name, bytes] : record.files) json["files"][name] = bytes;
-  for (const auto& [source, count] : record.errors) json["errors"][source] = count;
+  if (record.errors) {
+    json["errors"] = SeriesJson::object();
+    for (const auto& [source, count] : *record.errors) json["errors"][source] = count;
+  }
+  if (record.looksForErrors) json[kLooksKey] = *record.looksForErrors;
   for (const CellFigure& figure : record.figures)
     json["figures"][figure.engine][figure.figure] = figure.value;
   return json.dump(2, ' ', false, SeriesJson::error_handler_t::replace) + '\n';

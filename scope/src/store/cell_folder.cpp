@@ -4,12 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -25,14 +25,19 @@ namespace scope {
 
 namespace fs = std::filesystem;
 
-int LastAttempt(const std::string& root, const std::string& cellFolder) {
-  int last = 0;
+std::vector<int> AttemptsOf(const std::string& root, const std::string& cellFolder) {
+  std::set<int> numbers;
   for (const std::string& name : ListFolder(root + "/" + kAttemptsName + "/" + cellFolder)) {
     const bool isNumber =
         !name.empty() && name.size() < 9 && name.find_first_not_of("0123456789") == std::string::npos;
-    if (isNumber) last = std::max(last, std::atoi(name.c_str()));
+    if (isNumber) numbers.insert(std::atoi(name.c_str()));
   }
-  return last;
+  return {numbers.upper_bound(0), numbers.end()};
+}
+
+int LastAttempt(const std::string& root, const std::string& cellFolder) {
+  const std::vector<int> numbers = AttemptsOf(root, cellFolder);
+  return numbers.empty() ? 0 : numbers.back();
 }
 
 std::string AttemptFolder(const std::string& cellFolder, int number) {

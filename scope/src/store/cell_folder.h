@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "folder_lock.h"
 #include "plan.h"
@@ -18,7 +19,10 @@ constexpr const char* kAttemptsName = "attempts";
 /// What a job scheduler's jobs wrote: `root`/logs/CELL.log. The scope only reads it.
 constexpr const char* kLogsName = "logs";
 
-/// The number of the last attempt in `root`; 0 if there is none.
+/// The numbers of the attempts in `root`, from the first one on.
+std::vector<int> AttemptsOf(const std::string& root, const std::string& cellFolder);
+
+/// The number of the last one; 0 if there is none.
 int LastAttempt(const std::string& root, const std::string& cellFolder);
 
 /// "attempts/cell-0001/2", within the folder of all cells.

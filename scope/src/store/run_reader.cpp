@@ -15,6 +15,7 @@
 #include "errors.h"
 #include "folder_file.h"
 #include "run_checks.h"
+#include "run_error.h"
 #include "run_json.h"
 #include "run_tables.h"
 #include "text_format.h"
@@ -129,6 +130,23 @@ std::vector<RunError> ReadRunErrors(const std::string& folder) {
   run.folder = folder;
   ReadTable(run, run.errors, false);
   return std::move(run.errors);
+}
+
+FoundErrors ReadFoundErrors(const std::string& folder) {
+  FoundErrors found;
+  Run run;
+  try {
+    if (IsRunFolder(folder)) run.info = ReadRunInfo(folder);
+  } catch (const UserError& error) {
+    found.unreadable.emplace_back(error.what());
+  }
+  try {
+    run.errors = ReadRunErrors(folder);
+  } catch (const UserError& error) {
+    found.unreadable.emplace_back(error.what());
+  }
+  found.counts = ErrorCounts(run);
+  return found;
 }
 
 Run ReadRun(const std::string& folder) {

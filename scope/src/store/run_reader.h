@@ -19,6 +19,16 @@ RunInfo ReadRunInfo(const std::string& folder);
 /// Reads only errors.csv of the folder `folder`, as ReadRun; empty if there is none. Throws UserError.
 std::vector<RunError> ReadRunErrors(const std::string& folder);
 
+/// Which errors a run has found, as far as its folder says.
+struct FoundErrors {
+  SourceErrors counts;
+  std::vector<std::string> unreadable;  ///< sentences
+};
+
+/// Reads run.json and errors.csv of `folder`: the run may have been cut off, and a machine that died may have
+/// damaged one of the two files. Empty for a folder without a run.
+FoundErrors ReadFoundErrors(const std::string& folder);
+
 /// True if `folder` contains a run.json, whatever its content. Throws UserError if this cannot be found out.
 bool IsRunFolder(const std::string& folder);
 
