@@ -576,6 +576,10 @@ TEST(SetupTest, IsTheConfigurationWithoutLevelsAndTheTimes) {
   other = plan;
   other.settings.warmupS = 6;
   EXPECT_NE(SetupOf(plan), SetupOf(other));
+  other = plan;
+  EXPECT_EQ(SetupOf(plan), "d16efac140d99908") << "baselines of plans without checks stay valid";
+  other.settings.verify = true;
+  EXPECT_NE(SetupOf(plan), SetupOf(other));
   other.configText = "Level:";
   (void)SetupOf(other);
 }

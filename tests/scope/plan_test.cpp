@@ -494,6 +494,32 @@ TEST_F(PlanTest, ACellWithMemoryErrorsIsDoneAndSaysSo) {
   EXPECT_EQ(Collected().at("cells").at(1).at("errors"), nlohmann::json::object());
 }
 
+// The checks of the plan are those of the run. A script does not answer the meter, so the first cell fails.
+TEST_F(PlanTest, ThePlanSaysWhatEachCellChecks) {
+  Script(
+      "env >\"$0.env\"\n"
+      "echo 'cpuStress : 5.0 fps. kivuVencStress : 1.0 fps. ispStress : 30.0 fps.'");
+  const std::vector<std::string> plan = {"plan", Config(), "-o", PlanPath(), "--warmup", "0"};
+  const auto make = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), plan.begin(), plan.end());
+    fs::remove(PlanPath());
+    fs::remove_all(Folder());
+    const ToolResult made = RunTool(more);
+    EXPECT_EQ(made.status, 0) << made.errors;
+    (void)RunCell(1);
+    return "\n" + folder_.Get("benchmark.env");
+  };
+  EXPECT_THAT(make({"--fill", "worst", "--verify", "--duty", "50"}),
+              AllOf(HasSubstr("\nSTRESS_SCOPE_FILL=worst\n"), HasSubstr("\nSTRESS_SCOPE_VERIFY=1\n"),
+                    HasSubstr("\nSTRESS_SCOPE_DUTY=50\n")));
+  EXPECT_THAT(make({"--no-meter", "--guard", "1M", "--guard-rate", "50"}), Not(HasSubstr("STRESS_SCOPE_")));
+  EXPECT_EQ(ReadRunInfo(Folder() + "/cell-0001").conditions.guard, "1M at 50 MB/s");
+  EXPECT_EQ(ReadCell(Folder() + "/cell-0001")->looksForErrors, true);
+  EXPECT_THAT(make({"--no-meter"}), Not(HasSubstr("STRESS_SCOPE_")));
+  for (const char* const key : {"verify", "guard", "fill", "duty_percent"})
+    EXPECT_THAT(folder_.Get("plan.json"), Not(HasSubstr(key))) << "as plans were before";
+}
+
 TEST_F(PlanTest, AFullDiskFailsTheCellAndTheNextRunnerRecordsIt) {
   Script(
       "ln -s /dev/full \"$(dirname \"$1\")/rates.txt\"\necho 'cpuStress : 5.0 fps. ispStress : 30.0 fps.'");
@@ -736,6 +762,19 @@ TEST_F(PlanTest, RefusesADamagedPlan) {
   EXPECT_THAT(error("\"settings\":{}", "\"settings\":{\"a\":\"$(reboot)\"}"),
               HasSubstr("cell 1: a: expected"));
   EXPECT_THAT(error("\"repeat\":1", "\"repeat\":2"), HasSubstr("cell 1: expected a repeat from 1 to 1"));
+  const auto check = [&](const std::string& key) {
+    return error("  \"cells\": [", "  " + key + ",\n  \"cells\": [");
+  };
+  EXPECT_THAT(check(R"("fill": "grey")"), HasSubstr(": fill: expected one of zeros, ones, "));
+  EXPECT_THAT(check(R"("verify": 1)"), HasSubstr(": verify: expected true or false, found 1"));
+  EXPECT_THAT(check(R"("verify": true)"),
+              HasSubstr(": use_meter: fill, verify and duty_percent need the meter"));
+  EXPECT_THAT(check(R"("guard": "much")"), HasSubstr(": guard: expected a size as 512M or 2G, or a share"));
+  EXPECT_THAT(check(R"("guard": 5)"), HasSubstr(": guard: expected a text, found 5"));
+  EXPECT_THAT(check(R"("guard_rate": 0)"),
+              HasSubstr(": guard_rate: expected a number from 1 to 1e+06, found 0"));
+  EXPECT_THAT(check(R"("guard_rate": "1")"), HasSubstr(": guard_rate: expected a number, found \"1\""));
+  EXPECT_THAT(check(R"("duty_percent": 0)"), HasSubstr(": duty_percent: expected a number from 1 to 100"));
   for (const std::string number : {"4294967297", "1.9", "-4294967295", "true", "18446744073709551615"}) {
     const std::string words = "expected a whole number, found " + number.substr(0, 3);
     EXPECT_THAT(error("\"repeat\":1", "\"repeat\":" + number), HasSubstr("cell 1: repeat: " + words));
@@ -840,6 +879,9 @@ TEST_F(PlanTest, RefusesBadInputAndMakesNoPlan) {
   refused({"--setting", "x"}, "as in refresh=3900,7800");
   refused({"--stop-after", "2"}, "too short for a warm-up of 0 s");
   refused({"--repeat", "0"}, "--repeat");
+  refused({"--verify"}, "--verify");
+  refused({"--guard", "much"}, "guard: expected a size as 512M or 2G");
+  refused({"--guard-rate", "5"}, "--guard");
   MakeSmallPlan();
   const std::string before = folder_.Get("plan.json");
   EXPECT_THAT(MakePlan({}).errors, HasSubstr(PlanPath() + " exists: choose another file"));

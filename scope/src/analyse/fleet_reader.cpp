@@ -233,6 +233,8 @@ std::string SetupOf(const Plan& plan) {
   const SweepSettings& settings = plan.settings;
   text += Format("\n%.17g %.17g %d", settings.warmupS, settings.stopAfterS, settings.useMeter ? 1 : 0);
   for (const std::string& argument : settings.extra) text += '\n' + argument;
+  // Plans without checks have the setup that they had before there were any.
+  text += ChecksText(plan);
   return HashOf(text);
 }
 

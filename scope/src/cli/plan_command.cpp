@@ -14,6 +14,7 @@
 #include "printable.h"
 #include "series.h"
 #include "sweep_plan.h"
+#include "sweep_runs.h"
 #include "text_format.h"
 
 namespace scope {
@@ -79,6 +80,7 @@ int RunPlan(const PlanOptions& options) {
   plan.configText = PointConfiguration(options.config, plan.cells.front().levels);
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, plan.settings), plan.settings.warmupS);
+  RequireChecks(plan.settings);
   const std::string text = PlanFileText(plan);
   if (IsTaken(options.file)) {
     throw UserError(options.file + " exists: choose another file. A plan is not changed once it is made");
@@ -109,10 +111,12 @@ void AddPlan(CLI::App& app, int& status) {
   CLI::Option* const seed = AddGrid(*command, options->levels, settings, "combination", nullptr);
   add("-o,--output", options->file, "FILE", "Plan to make (default: plan-TIME.json)");
   AddRunLimits(*command, settings, nullptr);
+  AddChecks(*command, settings, nullptr);
   AddOutput(*command, options->output);
   command->footer(
-      "Example:\n"
-      "  stress_scope plan config/all.yaml --boards b1,b2 --levels CPU=1,4 --repeat 4 -o night.json");
+      "Examples:\n"
+      "  stress_scope plan config/all.yaml --boards b1,b2 --levels CPU=1,4 --repeat 4 -o night.json\n"
+      "  stress_scope plan config/all.yaml --boards b1,b2 --verify --guard 25% -o checked.json");
   command->callback([options, seed, &status] {
     if (options->file.empty()) options->file = TimedFolder("plan-") + ".json";
     if (seed->count() == 0) options->settings.seed = std::random_device()();

@@ -116,7 +116,7 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) 
                 "Watch so much memory for changes, as 512M or 25% of what is available");
   command.add_option("--guard-rate", settings.guardRate, "How many MB of it are checked in a second")
       ->type_name("NUMBER")
-      ->check(NumberFrom(1, 1e6))
+      ->check(NumberFrom(kLeastGuardRate, kMostGuardRate))
       ->capture_default_str()
       ->needs(guard);
 }

@@ -22,6 +22,7 @@
 #include "sweep_folder.h"
 #include "sweep_plan.h"
 #include "sweep_recorder.h"
+#include "sweep_runs.h"
 
 namespace scope {
 namespace {
@@ -92,6 +93,7 @@ Sweep Prepare(const SweepOptions& options, std::unique_ptr<FolderLock>& lock) {
   const std::string config = PointConfiguration(options.config, sweep.runs.front().levels);
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS);
+  RequireChecks(sweep.settings);
   CheckRecord(sweep.settings);
 
   if (IsSweepFolder(options.folder)) {

@@ -2,11 +2,12 @@
 #include "memory_size.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
+#include <optional>
 
 #include "errors.h"
 #include "memory_limit.h"
+#include "memory_share.h"
 #include "system_files.h"
 #include "text_format.h"
 
@@ -14,19 +15,6 @@ namespace scope {
 namespace {
 
 constexpr double kMebibyteBytes = 1 << 20;
-
-// The bytes of the size, before they are compared with what there is; a negative number if it is no size.
-double WantedBytes(const std::string& size, std::uint64_t availableBytes) {
-  const std::size_t digits = std::min(size.find_first_not_of("0123456789."), size.size());
-  const std::optional<double> number = ParseNumber(size.substr(0, digits));
-  const std::string unit = size.substr(digits);
-  if (!number) return -1;
-  if (unit.empty()) return *number;
-  if (unit == "K") return *number * 1024;
-  if (unit == "M") return *number * kMebibyteBytes;
-  if (unit == "G") return *number * kMebibyteBytes * 1024;
-  return unit == "%" ? *number / 100 * static_cast<double>(availableBytes) : -1;
-}
 
 }  // namespace
 
@@ -46,12 +34,10 @@ std::uint64_t AvailableBytes(const std::string& systemRoot) {
 
 std::uint64_t MemoryBytes(const std::string& option, const std::string& size, std::uint64_t availableBytes,
                           std::uint64_t leastBytes) {
-  const double bytes = WantedBytes(size, availableBytes);
-  if (bytes < 0 || !std::isfinite(bytes)) {
-    throw UserError(option +
-                    ": expected a size as 512M or 2G, or a share of the available memory as 25%, found \"" +
-                    size + "\"");
-  }
+  const std::optional<MemoryShare> share = ParseMemoryShare(size);
+  if (!share) throw UserError(option + ": " + kMemoryShareWords + ", found \"" + size + "\"");
+  const double bytes =
+      share->isPercent ? share->number / 100 * static_cast<double>(availableBytes) : share->number;
   if (availableBytes == 0) throw UserError(option + ": the system does not say how much memory is available");
   if (bytes < static_cast<double>(leastBytes)) {
     throw UserError(option + " " + size + ": expected at least " + std::to_string(leastBytes >> 10) + "K");

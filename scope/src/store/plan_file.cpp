@@ -14,6 +14,7 @@
 #include "experiment.h"
 #include "folder_file.h"
 #include "series_json.h"
+#include "sweep_runs.h"
 #include "text_format.h"
 #include "text_hash.h"
 
@@ -95,6 +96,7 @@ Plan PlanFromJson(const SeriesJson& json) {
   RequireTime("warmup_s", plan.settings.warmupS, kAllowedTimeS);
   RequireTime("stop_after_s", plan.settings.stopAfterS, kAllowedTimeS);
   RequireTime("grace_s", plan.settings.graceS, kAllowedGraceS);
+  GetChecks(json, plan.settings);
   const SeriesJson& cells = json.at("cells");
   if (!cells.is_array() || cells.empty()) throw UserError("expected a list of cells");
   plan.cells.reserve(cells.size());
@@ -138,6 +140,11 @@ Plan ReadPlan(const std::string& path) {
   });
 }
 
+std::string ChecksText(const Plan& plan) {
+  const SeriesJson checks = ChangedChecks(plan.settings);
+  return checks.empty() ? "" : checks.dump();
+}
+
 std::string PlanFileText(const Plan& plan) {
   SeriesJson json{{"format", kPlan.format},
                   {"kind", kPlan.kind},
@@ -145,6 +152,7 @@ std::string PlanFileText(const Plan& plan) {
                   {"made", plan.made},
                   {"config", {{"path", plan.configPath}, {"text", plan.configText}}}};
   ForEachPlanSetting(plan.settings, [&](const char* key, const auto& value) { json[key] = value; });
+  json.update(ChangedChecks(plan.settings));
   // People and scripts find cell K in the K-th line of them.
   std::string text = TextWithLines(json, "cells", plan.cells, CellJson);
   if (text.size() > kMostJsonBytes) {

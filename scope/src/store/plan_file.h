@@ -28,6 +28,9 @@ void RequireSettingValue(const std::string& text, const std::string& where);
 /// Throws UserError, which names the file and what was expected.
 Plan ReadPlan(const std::string& path);
 
+/// What its cells check and fill, as the plan's file has it; empty if nothing.
+std::string ChecksText(const Plan& plan);
+
 /// The text of the plan's file. Throws UserError if it is larger than ReadPlan reads.
 std::string PlanFileText(const Plan& plan);
 

@@ -48,6 +48,20 @@ void GetWhole(const SeriesJson& json, const std::string& name, Whole& value) {
   value = json.get<Whole>();
 }
 
+/// Sets `value` to what `json` is. Throws UserError, which begins with `name`, if that has another type.
+template <typename Value>
+void GetNamed(const SeriesJson& json, const char* name, Value& value) {
+  constexpr const char* kExpected = std::is_same_v<Value, bool>          ? "true or false"
+                                    : std::is_floating_point_v<Value>    ? "a number"
+                                    : std::is_same_v<Value, std::string> ? "a text"
+                                                                         : "a list of texts";
+  try {
+    json.get_to(value);
+  } catch (const SeriesJson::type_error&) {
+    throw UserError(std::string(name) + ": expected " + kExpected + ", found " + json.dump());
+  }
+}
+
 /// Sets `value` to what is at `key`. Throws UserError as GetWhole does, and the library's exception if the
 /// key is missing or the value has another type.
 template <typename Value>
@@ -55,7 +69,7 @@ void GetField(const SeriesJson& json, const char* key, Value& value) {
   if constexpr (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)
     GetWhole(json.at(key), key, value);
   else
-    json.at(key).get_to(value);
+    GetNamed(json.at(key), key, value);
 }
 
 /// The same; leaves `value` as it is if the key is missing.

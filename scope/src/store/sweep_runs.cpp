@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sweep_runs.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <set>
 
 #include "errors.h"
+#include "memory_share.h"
+#include "protocol.h"
 #include "text_format.h"
 
 namespace scope {
@@ -19,15 +23,19 @@ void ForEachSweepSetting(Settings& settings, Visit visit) {
   ForEachRunSetting(settings, visit);
 }
 
-// Those that files of earlier versions do not have.
 template <typename Settings, typename Visit>
-void ForEachNewSetting(Settings& settings, Visit visit) {
+void ForEachCheck(Settings& settings, Visit visit) {
   visit("fill", settings.fill);
   visit("verify", settings.verify);
   visit("guard", settings.guard);
   visit("guard_rate", settings.guardRate);
-  visit("hang_after_s", settings.hangAfterS);
   visit("duty_percent", settings.dutyPercent);
+}
+
+// Those that files of earlier versions do not have.
+template <typename Settings, typename Visit>
+void ForEachNewSetting(Settings& settings, Visit visit) {
+  visit("hang_after_s", settings.hangAfterS);
   visit("latency", settings.latency);
   visit("latency_cpu", settings.latencyCpu);
   visit("latency_size", settings.latencySize);
@@ -35,19 +43,57 @@ void ForEachNewSetting(Settings& settings, Visit visit) {
 
 }  // namespace
 
+SeriesJson ChecksJson(const RunSettings& settings) {
+  SeriesJson json = SeriesJson::object();
+  ForEachCheck(settings, [&json](const char* key, const auto& value) { json[key] = value; });
+  return json;
+}
+
+SeriesJson ChangedChecks(const RunSettings& settings) {
+  const SeriesJson usual = ChecksJson({});
+  const SeriesJson checks = ChecksJson(settings);
+  SeriesJson json = SeriesJson::object();
+  for (const auto& [key, value] : checks.items()) {
+    if (value != usual.at(key)) json[key] = value;
+  }
+  return json;
+}
+
+void RequireChecks(const RunSettings& settings) {
+  const auto require = [](bool isRight, const char* key, const std::string& expected) {
+    if (!isRight) throw UserError(key + (": " + expected));
+  };
+  const std::vector<std::string> fills(std::begin(kFillNames), std::end(kFillNames));
+  require(settings.fill.empty() || std::count(fills.begin(), fills.end(), settings.fill) != 0, "fill",
+          "expected one of " + Joined(fills, ", ") + ", found \"" + settings.fill + "\"");
+  require(settings.guard.empty() || ParseMemoryShare(settings.guard), "guard",
+          kMemoryShareWords + (", found \"" + settings.guard + "\""));
+  require(settings.guardRate >= kLeastGuardRate && settings.guardRate <= kMostGuardRate, "guard_rate",
+          Format("expected a number from %g to %g, found %g", kLeastGuardRate, kMostGuardRate,
+                 settings.guardRate));
+  require(settings.dutyPercent >= kLeastDuty && settings.dutyPercent <= kWholeDuty, "duty_percent",
+          Format("expected a number from %g to %g, found %g", kLeastDuty, kWholeDuty, settings.dutyPercent));
+  require(
+      settings.useMeter || (settings.fill.empty() && !settings.verify && settings.dutyPercent == kWholeDuty),
+      "use_meter", "fill, verify and duty_percent need the meter");
+}
+
+void GetChecks(const SeriesJson& json, RunSettings& settings) {
+  ForEachCheck(settings, [&json](const char* key, auto& value) { GetFieldIfThere(json, key, value); });
+  RequireChecks(settings);
+}
+
 void PutSettings(SeriesJson& json, const SweepSettings& settings) {
   const auto put = [&json](const char* key, const auto& value) { json[key] = value; };
   ForEachSweepSetting(settings, put);
+  json.update(ChecksJson(settings));
   ForEachNewSetting(settings, put);
 }
 
 void GetSettings(const SeriesJson& json, SweepSettings& settings) {
   ForEachSweepSetting(settings, [&json](const char* key, auto& value) { GetField(json, key, value); });
   ForEachNewSetting(settings, [&json](const char* key, auto& value) { GetFieldIfThere(json, key, value); });
-  if (!(settings.dutyPercent >= kLeastDuty && settings.dutyPercent <= kWholeDuty)) {
-    throw UserError(Format("duty_percent: expected a number from %g to %g, found %g", kLeastDuty, kWholeDuty,
-                           settings.dutyPercent));
-  }
+  GetChecks(json, settings);
 }
 
 SeriesJson RunJson(const SweepRun& run, bool withSettings) {

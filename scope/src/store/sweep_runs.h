@@ -7,9 +7,19 @@
 #include "series_json.h"
 #include "sweep.h"
 
-/// What sweep.json and curve.json have in common: how runs are recorded, and the runs. What throws, throws
-/// UserError, DamagedFolder or the library's exception, as functions of series_json.h do.
+/// What sweep.json and curve.json have in common: how runs are recorded, and the runs. Plans share the
+/// checks. What throws, throws UserError, DamagedFolder or the library's exception, as functions of
+/// series_json.h do.
 namespace scope {
+
+/// The keys of what AddChecks adds to commands: fill, verify, duty_percent, guard and guard_rate.
+SeriesJson ChecksJson(const RunSettings& settings);
+/// Those of them that are not as they are without options.
+SeriesJson ChangedChecks(const RunSettings& settings);
+/// Takes those that are there. Throws UserError as RequireChecks.
+void GetChecks(const SeriesJson& json, RunSettings& settings);
+/// Throws UserError, which begins with the key, if one of these settings is not possible on any machine.
+void RequireChecks(const RunSettings& settings);
 
 void PutSettings(SeriesJson& json, const SweepSettings& settings);
 void GetSettings(const SeriesJson& json, SweepSettings& settings);
