@@ -237,15 +237,10 @@ bool AreaScaler::PrepareKernel(const Job& job) {
 
 void AreaScaler::Scale(const PlaneShape& from, const std::uint8_t* source, const PlaneShape& to,
                        std::uint8_t* destination, portable::FlushLines flush) {
-  Job job{from,
-          source,
-          to,
-          destination,
-          flush,
-          ReducedRatio(from.height, to.height),
-          ReducedRatio(from.width, to.width),
-          0};
-  job.area = std::uint64_t{job.rows.resultUnits} * job.columns.resultUnits;
+  const Ratio rows = ReducedRatio(from.height, to.height);
+  const Ratio columns = ReducedRatio(from.width, to.width);
+  const Job job{from,  source, to,      destination,
+                flush, rows,   columns, std::uint64_t{rows.resultUnits} * columns.resultUnits};
   const std::size_t length = std::size_t{from.width} * from.channels;
   if (PrepareKernel(job)) {
     const std::size_t count = length + AreaSumsBeyond(columns_) + kVectorBytes / sizeof(std::uint16_t);

@@ -155,6 +155,10 @@ TEST(AreaSpyTest, TheKernelGetsNoMoreThanTheColumnsNeed) {
       EXPECT_EQ(columns.period, period);
       EXPECT_EQ(columns.first.size(), period);
       EXPECT_EQ(columns.weights.size(), std::size_t{period} * columns.pairs * 8);
+      if (period > to) {  // the pixel behind an odd row
+        EXPECT_EQ(columns.first.back(), 0U);
+        EXPECT_EQ(columns.weights.back(), 0);
+      }
       if (period == repeats) EXPECT_EQ(columns.periodSamples, std::uint64_t{period} * from / to * channels);
     }
   }
