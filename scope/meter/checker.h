@@ -83,6 +83,12 @@ struct alignas(64) Checker {
   bool compared;             ///< with what other threads get
   const Content* reference;  ///< a copy of what is expected; null if there is none
 
+  // Of copies, the blocks that are drawn. See DrawBlock.
+  std::size_t blocks;
+  std::size_t blocksLeft;  ///< that were not drawn yet
+  std::size_t block;       ///< the last one
+  std::size_t blockStep;
+
   // Streams.
   struct StreamTable* table;
   std::uint64_t chain;  ///< the frames so far; 0: none

@@ -126,6 +126,7 @@ inline std::uint64_t Mixed(std::uint64_t a, std::uint64_t b) {
 /// Where and how two stretches differ.
 struct Difference {
   std::size_t offset = 0;  ///< of the first differing word
+  std::size_t end = 0;     ///< behind the last one
   std::uint64_t expected = 0;
   std::uint64_t found = 0;
   std::uint32_t bits = 0;     ///< in all
@@ -147,6 +148,7 @@ inline bool Same(const std::uint8_t* expected, Span found, std::size_t from, Dif
       difference.found = word;
       difference.address = reinterpret_cast<std::uintptr_t>(found.data + at);
     }
+    difference.end = from + at + (found.bytes - at < 8 ? found.bytes - at : 8);
     ++difference.words;
     difference.bits += static_cast<std::uint32_t>(__builtin_popcountll(right ^ word));
   }

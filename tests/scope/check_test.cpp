@@ -374,6 +374,47 @@ TEST(Check, ABurstInADrawnBlockOfTheSecondCopyIsAnError) {
   });
 }
 
+// Copies for which there is no time to compare them whole: each block, the short last one too, is drawn once
+// in so many copies as there are blocks.
+TEST(Check, EachBlockOfACopyIsDrawnOnceBeforeAnyIsDrawnAgain) {
+  for (const std::size_t blocks : {1U, 2U, 12U, 97U}) {
+    InOwnProcess([blocks] {
+      const Bytes source = Random(blocks * 1024 - 100, 1);
+      Bytes destination = source;
+      std::set<std::vector<std::size_t>> orders;
+      for (const std::uint32_t thread : {0U, 1U}) {
+        const Worker worker(Engine::kCpu, thread);
+        const auto check = [&] {
+          CheckCopy(*worker.counters, destination.data(), source.data(), source.size(), 1);
+          return Errors();
+        };
+        ASSERT_TRUE(check().empty()) << "the first one is compared whole";
+        std::uint16_t number = 0;
+        for (int round = 0; round < 3; ++round) {
+          std::vector<std::size_t> order;
+          for (std::size_t copy = 0; copy < blocks; ++copy) {
+            ++number;  // the same again would not be listed
+            for (std::size_t i = 0; i < blocks; ++i) {
+              for (std::size_t j = 0; j < 2; ++j) {
+                destination[1024 * i + j] =
+                    static_cast<std::uint8_t>(source[1024 * i + j] ^ (number >> 8 * j & 0xff));
+              }
+            }
+            for (const ErrorPacket& error : check()) order.push_back(error.offset / 1024);
+          }
+          orders.insert(order);
+          std::sort(order.begin(), order.end());
+          ASSERT_EQ(order.size(), blocks) << "round " << round;
+          for (std::size_t block = 0; block < blocks; ++block) EXPECT_EQ(order[block], block);
+        }
+        destination = source;
+      }
+      EXPECT_EQ(CheckCounts(Engine::kCpu).whole, 2U);
+      if (blocks == 97) EXPECT_GT(orders.size(), 3U) << "not always in the same order";
+    });
+  }
+}
+
 TEST(Check, AProgramThatWritesItsSourcesGetsNoErrors) {
   InOwnProcess([] {
     const Worker worker(Engine::kCpu, 0);
