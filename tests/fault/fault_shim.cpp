@@ -4,17 +4,20 @@
 // platform and forwards every call to it. Environment variables:
 //   FAULT         "operation:N:action", one or more, separated by commas. The action happens in the N-th
 //                 call of the operation, counted over all threads: "fail=CODE" in place of the call,
-//                 "delay=MILLISECONDS" or "sigint" before it. "N-" means the N-th and all later calls. "1/N"
-//                 means one call in N at random; a delay is then random, too, up to the given time.
-//                 "flip=BIT" changes a bit of what a copy, a resize, GetStream or an inference has written.
-//                 "stuck=CALLS" changes a bit in every such call of one thread; after so many calls of all
-//                 threads, counted from the N-th, it is another bit, perhaps of another thread.
+//                 "delay=MILLISECONDS" or "sigint" before it. "N-" means the N-th and all later calls. "N/M"
+//                 means one call in M at random, from the N-th on; a delay is then random, too, up to the
+//                 given time. "flip=BIT" changes a bit of what a copy, a resize, GetStream or an inference
+//                 has written. "stuck=PLACES" keeps a bit wrong in each of so many places: it changes that
+//                 bit in every such call of a thread, until FAULT_MOVES moves it to another bit, and to
+//                 another thread if one has none.
 //   FAULT_SEED    a number that decides which calls the random ones are.
+//   FAULT_MOVES   a file that has a number of 4 bytes for each place. A bit moves when that number changes.
 //   FAULT_CALLS   a file to which every call is written: thread, operation, status.
 //   FAULT_TOTALS  a file to which every fault is written: a 1 in the first, second or third place for failed,
 //                 delayed or interrupted, then the operation and the number of the call. Written before the
 //                 fault is made, because the process may die of it. A changed bit has none of the three; its
-//                 number follows, and when it was changed (CLOCK_MONOTONIC, ns).
+//                 number follows, when it was changed (CLOCK_MONOTONIC, ns), and of a bit that stays wrong
+//                 its place and its thread (gettid).
 //   FAULT_NAP     milliseconds: the longest that any sleep takes, so that a whole run passes in a moment.
 // An operation without a status fails in its own way: the constructor of the YAML node and its operator[]
 // throw, its conversions return false, ParseLogLevel and ParseLogMode return CODE, memory is refused.
@@ -25,6 +28,7 @@
 #include <link.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -40,6 +44,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -143,6 +148,7 @@ struct Fault {
 };
 
 constexpr int kFaultsAnOperation = 4;
+constexpr int kMostPlaces = 40;
 
 void* real[kOperations];
 Fault faults[kOperations][kFaultsAnOperation];
@@ -151,6 +157,7 @@ bool changesResults = false;
 std::uint64_t seed = 0;
 int callsFile = -1;
 int totalsFile = -1;
+const std::atomic<std::uint32_t>* moves = nullptr;
 long napMs = -1;
 std::atomic<bool> ready{false};
 
@@ -187,7 +194,7 @@ void Parse(const char* text) {
     fault.to = *end == '-' ? 1 << 30 : fault.from;
     if (*end == '/') {
       fault.oneIn = static_cast<int>(std::strtol(end + 1, nullptr, 10));
-      if (fault.from != 1 || fault.oneIn < 1) Refuse("no such share", number + 1);
+      if (fault.from < 1 || fault.oneIn < 1) Refuse("no such share", number + 1);
     }
     const char* const value = std::strchr(action + 1, '=');
     fault.value = value == nullptr ? 0 : static_cast<int>(std::strtol(value + 1, nullptr, 10));
@@ -202,8 +209,9 @@ void Parse(const char* text) {
       const bool writes = operation == kMemcpyS || operation == kImageResize || operation == kGetStream ||
                           operation == kProcess;
       fault.action = action[1] == 'f' ? Fault::Action::kFlip : Fault::Action::kStuck;
-      if (!writes || (fault.action == Fault::Action::kStuck && fault.value < 1))
-        Refuse("no such flip", entry);
+      if (!writes) Refuse("no such flip", entry);
+      if (fault.action == Fault::Action::kStuck && (fault.value < 1 || fault.value > kMostPlaces))
+        Refuse("no such number of places", entry);
       changesResults = true;
     } else {
       Refuse("no such action", action + 1);
@@ -232,6 +240,12 @@ __attribute__((constructor)) void Start() {
   if (const char* const path = std::getenv("FAULT_TOTALS")) {
     totalsFile = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (totalsFile < 0) Refuse("cannot open", path);
+  }
+  if (const char* const path = std::getenv("FAULT_MOVES")) {
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    void* const memory = mmap(nullptr, kMostPlaces * sizeof(*moves), PROT_READ, MAP_SHARED, file, 0);
+    if (memory == MAP_FAILED) Refuse("cannot map", path);
+    moves = static_cast<const std::atomic<std::uint32_t>*>(memory);
   }
   ready = true;
 }
@@ -278,6 +292,7 @@ bool InjectFault(int operation, int& code) {
     int delayMs = fault.value;
     if (fault.oneIn != 0) {
       const std::uint64_t mixed = Mixed(operation, slot, number);
+      if (number < fault.from) continue;
       if (mixed % static_cast<std::uint64_t>(fault.oneIn) != 0) continue;
       delayMs = static_cast<int>((mixed >> 32) % static_cast<std::uint64_t>(fault.value + 1));
     } else if (number < fault.from || number > fault.to) {
@@ -325,27 +340,71 @@ Result Call(int operation, Arguments... arguments) {
 
 // --- changed results ---
 
+/// A bit of one thread's results that stays wrong.
 struct Stuck {
-  int round = -1;
+  bool isUsed = false;
+  std::uint32_t move = 0;
   pthread_t thread{};
   std::uint64_t bit = 0;
 };
 
 std::mutex changeMutex;
 int changeCounts[kOperations];
-Stuck stuckBits[kOperations];
+Stuck stuckBits[kOperations][kMostPlaces];
+// Bits that were wrong before: another one each time, as long as there is one.
+std::set<std::uint64_t> usedBits[kOperations];
 
-void Change(int operation, int number, void* data, std::uint64_t bit, bool note) {
-  if (note && totalsFile >= 0) {
+void Change(int operation, int number, void* data, std::uint64_t bit, int place) {
+  if (totalsFile >= 0) {
     struct timespec now;
     (void)syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
     char line[160];
-    const int length =
-        std::snprintf(line, sizeof line, "0 0 0 %s %d %llu %lld\n", kNames[operation][0], number,
-                      static_cast<unsigned long long>(bit), now.tv_sec * 1000000000LL + now.tv_nsec);
+    int length = std::snprintf(line, sizeof line, "0 0 0 %s %d %llu %lld", kNames[operation][0], number,
+                               static_cast<unsigned long long>(bit), now.tv_sec * 1000000000LL + now.tv_nsec);
+    if (place >= 0) {
+      length += std::snprintf(line + length, sizeof line - static_cast<std::size_t>(length), " %d %ld", place,
+                              syscall(SYS_gettid));
+    }
+    line[length++] = '\n';
     if (write(totalsFile, line, static_cast<std::size_t>(length)) != length) std::abort();
   }
   static_cast<unsigned char*>(data)[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
+}
+
+std::uint64_t UnusedBit(int operation, int slot, int number, std::uint64_t bits) {
+  constexpr int kTries = 100;
+  std::uint64_t bit = 0;
+  for (int i = 0; i < kTries; ++i) {
+    bit = (Mixed(operation, slot + i * kFaultsAnOperation, number) >> 20) % bits;
+    if (usedBits[operation].insert(bit).second) break;
+  }
+  return bit;
+}
+
+// Keeps the thread's bit wrong, or gives it one that has to move.
+void KeepStuck(int operation, int slot, int number, void* data, std::uint64_t bits) {
+  const auto moveOf = [](int place) {
+    return moves == nullptr ? 0 : moves[place].load(std::memory_order_relaxed);
+  };
+  Stuck* const places = stuckBits[operation];
+  const int count = faults[operation][slot].value;
+  for (int place = 0; place < count; ++place) {
+    Stuck& stuck = places[place];
+    if (!stuck.isUsed || pthread_equal(stuck.thread, pthread_self()) == 0) continue;
+    if (stuck.move != moveOf(place)) {
+      stuck.isUsed = false;  // another thread may come first
+    } else if (stuck.bit < bits) {
+      static_cast<unsigned char*>(data)[stuck.bit / 8] ^= static_cast<unsigned char>(1U << stuck.bit % 8);
+    }
+    return;
+  }
+  for (int place = 0; place < count; ++place) {
+    Stuck& stuck = places[place];
+    if (stuck.isUsed) continue;
+    stuck = {true, moveOf(place), pthread_self(), UnusedBit(operation, slot, number, bits)};
+    Change(operation, number, data, stuck.bit, place);
+    return;
+  }
 }
 
 // Changes the bits of the result of a call that succeeded, as FAULT says. Returns its status.
@@ -356,19 +415,14 @@ int Changed(int operation, int status, void* data, std::uint64_t bytes) {
   for (int slot = 0; slot < kFaultsAnOperation; ++slot) {
     const Fault& fault = faults[operation][slot];
     const bool isRandom = fault.oneIn != 0;
-    if (number < fault.from && !isRandom) continue;
-    const std::uint64_t mixed = Mixed(operation, slot, number);
+    if (number < fault.from) continue;
     if (fault.action == Fault::Action::kFlip) {
+      const std::uint64_t mixed = Mixed(operation, slot, number);
       if (isRandom ? mixed % static_cast<std::uint64_t>(fault.oneIn) != 0 : number > fault.to) continue;
       const std::uint64_t bit = isRandom ? mixed >> 20 : static_cast<std::uint64_t>(fault.value);
-      Change(operation, number, data, bit % (bytes * 8), true);
+      Change(operation, number, data, bit % (bytes * 8), -1);
     } else if (fault.action == Fault::Action::kStuck) {
-      Stuck& stuck = stuckBits[operation];
-      const int round = (number - fault.from) / fault.value;
-      const bool isNew = round != stuck.round;
-      if (isNew) stuck = {round, pthread_self(), (mixed >> 20) % (bytes * 8)};
-      if (pthread_equal(stuck.thread, pthread_self()) == 0 || stuck.bit >= bytes * 8) continue;
-      Change(operation, number, data, stuck.bit, isNew);
+      KeepStuck(operation, slot, number, data, bytes * 8);
     }
   }
   return status;
