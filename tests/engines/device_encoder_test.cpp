@@ -4,7 +4,6 @@
 // need the device (--wrap); the software engine encodes in its place.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,7 +13,6 @@
 #include <vector>
 
 #include "h264_encoder.h"
-#include "sanitizers.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -322,32 +320,6 @@ TEST_F(DeviceEncoder, OnlyADeviceGetsACopyOfTheFrame) {
     EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
     EXPECT_EQ(sentWithReference, node == nullptr);
   }
-}
-
-TEST_F(DeviceEncoder, AnEncoderThatEndsLeavesNoMemory) {
-  // Its allocator stands in front of the one that mallinfo2 asks.
-  if (kSanitized) GTEST_SKIP() << "a sanitizer does not count what is allocated";
-  const auto bytesAfterRounds = [&](int rounds) {
-    for (int round = 0; round < rounds; ++round) {
-      for (Device* const present : {&scripted_, static_cast<Device*>(nullptr)}) {
-        device = present;
-        const H264Engine one = {present != nullptr ? "h264_vaapi" : "libx264", nullptr,
-                                "tune=zerolatency,no_such_option=1"};
-        std::string reason;
-        const auto encoder = H264Encoder::Open(kSettings, {one}, reason);
-        EXPECT_NE(encoder, nullptr) << reason;
-        H264Packet packet;
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(encoder->Encode(grey.data(), packet), "");
-      }
-    }
-    const struct mallinfo2 memory = mallinfo2();
-    return memory.uordblks + memory.hblkhd;
-  };
-  constexpr int kTimes = 20;
-  scripted_.times.reserve(1000);
-  (void)bytesAfterRounds(3);
-  const std::size_t before = bytesAfterRounds(1);
-  EXPECT_LT(bytesAfterRounds(kTimes), before + std::size_t{kTimes} * 50) << "less than any object of it";
 }
 
 }  // namespace

@@ -297,6 +297,7 @@ TEST_F(ModelTrialTest, TheLogSaysThatAndForHowLongAModelIsTried) {
   RestartWith("trial_processor_s: 7\ntrial_wall_s: 8\n");
   const std::string log = StandardErrorOf([&] { ExpectLoads(); });
   EXPECT_THAT(log, HasSubstr("Z INFO - QET "));
+  EXPECT_THAT(log, EndsWith(" TryModel)\n"));
   EXPECT_EQ(Ormis::test::MessageOf(log),
             "QetDNNModelInitialize: trying model " + path_ +
                 " in a process of its own, for at most 7 s of processor time and 8 s by the clock");
@@ -429,6 +430,7 @@ TEST_F(ModelTrialTest, WithoutATrialAModelIsLoadedAndOneWarningSaysSo) {
   };
   const std::string first = Ormis::test::WithoutTrials(StandardErrorOf([&] { ExpectLoads(); }));
   EXPECT_THAT(first, HasSubstr(" WARN - QET "));
+  EXPECT_THAT(first, EndsWith(" TryModel)\n"));
   EXPECT_EQ(Ormis::test::MessageOf(first),
             "models are loaded without a trial: cannot run " + program + ": Exec format error");
   EXPECT_EQ(LineCount(first), 1U) << first;
