@@ -90,13 +90,15 @@ function answersSection(data) {
 function curvePointRow(point) {
   return el('tr', {}, rowHeading(point.name, {'data-value': point.load}), figureCell(point.runs, String),
       estimateCell(point, 'gb_per_s'), estimateCell(point, 'latency_p50_ns'), estimateCell(point, 'latency_p99_ns'),
-      estimateCell(point, 'latency_p999_ns'), figureCell(point.latency_max_ns, shortNumber));
+      estimateCell(point, 'latency_p999_ns'), figureCell(point.latency_max_ns, shortNumber),
+      figureCell(point.interrupted_percent, (percent) => `${percent.toFixed(0)} %`));
 }
 
 function curvePointsSection(data) {
   const names = curveNames(data);
-  const titles = ['Point', 'Runs', 'GB/s', 'p50 (ns)', 'p99 (ns)', 'p99.9 (ns)', 'Longest (ns)'];
-  return section('Points', el('p', {class: 'absent'}, 'Means over the repeats, with the interval of 95 %. The longest access is that of all repeats.'),
+  const titles = ['Point', 'Runs', 'GB/s', 'p50 (ns)', 'p99 (ns)', 'p99.9 (ns)', 'Longest (ns)', 'Interrupted'];
+  return section('Points', el('p', {class: 'absent'}, 'Means over the repeats, with the interval of 95 %. The longest access is that of all repeats. ' +
+    'Interrupted: the share of the bursts in which the probe lost its processor; they are in no figure.'),
       ...data.curves.flatMap((curve, at) => [
         ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
         table('figures points', titles, [], curve.points.map(curvePointRow))]));

@@ -179,7 +179,9 @@ function slowdownRow(cell) {
 function valuesRow(cell) {
   const main = ({values}) => figureCell(medianOf(values), (value) =>
     (cell.unit === 'ns' ? `${value.toFixed(0)} ns` : rateText(value)));
-  const tail = ({p99_us: values}) => figureCell(medianOf(values), (us) => latencyText(Math.round(us * 1e3)));
+  const microseconds = (us) => latencyText(Math.round(us * 1e3));
+  const tail = ({p99}) => figureCell(p99?.us, (us) => microseconds(us) +
+    (p99.low === null ? '' : ` (${microseconds(p99.low)} to ${microseconds(p99.high)})`));
   const sides = [cell.alone, cell.control, cell.with];
   return el('tr', {}, cellHeadings(cell), sides.map(main), sides.map(tail),
       figureCell(cell.aggressor_cpus, (value) => value.toFixed(2)),
@@ -194,7 +196,8 @@ function figuresSection({cells}) {
   if (cells.length === 0) return section('Figures', el('p', {}, 'No run of a victim with aggressors is done yet.'));
   return section('Figures', cellTable('slowdowns', [...kCauses.map(({name}) => name), 'Share of memory'], cells.map(slowdownRow)),
       el('h3', {}, 'What the runs measured'),
-      el('p', {class: 'absent'}, 'Medians of the runs: op/s of an engine, ns of the latency of memory, and their 99th percentiles. ' +
+      el('p', {class: 'absent'}, 'Medians of the runs: op/s of an engine, ns of the latency of memory. Their 99th percentiles are geometric means, ' +
+        'with intervals of 95 %. ' +
         'CPUs: processor time a second.'),
       cellTable('values', ['Alone', 'Control', 'With', 'p99 alone', 'p99 control', 'p99 with', 'CPUs of aggressors', 'of control'],
           cells.map(valuesRow)));

@@ -351,6 +351,7 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   EXPECT_EQ(visit.Row("figures verdicts two", {"idle"})[3], "worse");
   EXPECT_EQ(visit.Row("figures verdicts two", {"At"})[1], "Figure");
   EXPECT_EQ(visit.Row("figures points", {"CPU=1 at 33.3 %"})[2], "4 (4 to 4)");
+  EXPECT_EQ(visit.Row("figures points", {"CPU=1 at 33.3 %"}).back(), "4 %");
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("B is worse than A"), HasSubstr("Idle latency: 100.0 ns"),
                                   HasSubstr("1.5 times that at idle"),
                                   HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 1.")));
@@ -384,13 +385,13 @@ TEST_F(PagesInBrowser, AMatrixDrawsEachSlowdownWithItsInterval) {
               ElementsAre("VPC=1", "CPU=2 VENC=1", "+100.0 % (+90.0 % to +110.0 %)",
                           "+60.0 % (+52.0 % to +68.0 %)", "+25.0 % (+18.8 % to +31.3 %)", "68 % (60 to 76)"));
   EXPECT_THAT(visit.Row("figures matrix values two", {"VPC=1", "CPU=2 VENC=1"}),
-              ElementsAre("VPC=1", "CPU=2 VENC=1", "1000.0", "800.0", "500.0", "2.00 µs", "2.50 µs",
-                          "4.00 µs", "1.20", "1.10"));
+              ElementsAre("VPC=1", "CPU=2 VENC=1", "1000.0", "800.0", "500.0", "2.00 µs (2.00 µs to 2.00 µs)",
+                          "2.50 µs (2.50 µs to 2.50 µs)", "4.00 µs (4.00 µs to 4.00 µs)", "1.20", "1.10"));
   EXPECT_THAT(visit.Row("figures matrix slowdowns two", {"latency", "CPU=2"}),
               ElementsAre("latency", "CPU=2", "+80.0 % (+71.0 % to +89.0 %)", "–", "–", "–"));
-  EXPECT_THAT(
-      visit.Row("figures matrix values two", {"latency", "CPU=2"}),
-      ElementsAre("latency", "CPU=2", "100 ns", "–", "180 ns", "2.00 µs", "–", "3.60 µs", "1.20", "–"));
+  EXPECT_THAT(visit.Row("figures matrix values two", {"latency", "CPU=2"}),
+              ElementsAre("latency", "CPU=2", "100 ns", "–", "180 ns", "2.00 µs (2.00 µs to 2.00 µs)", "–",
+                          "3.60 µs (3.60 µs to 3.60 µs)", "1.20", "–"));
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("Memory slows VPC=1 most beside CPU=2 VENC=1"),
                                   HasSubstr("not done: 4 of 24 runs"), HasSubstr("throw 1"),
                                   HasSubstr("20 runs, warm-up 1 s, incomplete"),

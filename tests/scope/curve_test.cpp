@@ -17,6 +17,7 @@
 #include "curve_plan.h"
 #include "curve_table.h"
 #include "error_of.h"
+#include "latency_texts.h"
 #include "made_curve.h"
 #include "page_json.h"
 #include "run_reader.h"
@@ -168,7 +169,8 @@ TEST_F(CurveTest, SaysIdleKneeAndSaturation) {
               ElementsAre("Idle latency: 100.0 ns (100.0 to 100.0).", HasSubstr("Knee: 7."),
                           "Most bandwidth: 10.00 GB/s (10.00 to 10.00) at CPU=1 at 88.9 %.",
                           AllOf(HasSubstr("CPU=1 at 88.9 % is the least load within 5 %"),
-                                HasSubstr("p99 2200.0 ns"))));
+                                HasSubstr("p99 2200.0 ns")),
+                          HasSubstr("1 MiB 9 ns, 256 MiB 100 ns")));
   EXPECT_THAT(table.notes, IsEmpty());
 }
 
@@ -319,11 +321,34 @@ TEST_F(CurveTest, SaysWhatTheProbeCouldNotHave) {
     run.info.latency.bursts = 32;
     run.info.latency.interrupted = i;
   });
-  ASSERT_EQ(interrupted.size(), 4U) << "a tenth may be interrupted";
-  EXPECT_EQ(interrupted[0],
-            "latency of run-0005: 4 of 32 bursts interrupted: the load, other programs or the host took the "
-            "probe's CPU");
-  EXPECT_EQ(interrupted[3], "the latency of 3 more runs is doubtful");
+  EXPECT_THAT(interrupted,
+              ElementsAre("latency of 6 runs, worst in run-0010: 9 of 32 bursts interrupted: the load, other "
+                          "programs or the host took the probe's CPU"))
+      << "a tenth may be interrupted";
+  // One line for each kind, whatever its texts are.
+  const std::vector<std::string> both = notes([](scope::Run& run, std::size_t i) {
+    if (i == 7) run.info.latency.cpu = -1;
+    run.info.latency.bytes = (i + 1) << 20;
+  });
+  EXPECT_THAT(both,
+              ElementsAre("latency of run-0008: the probe had no CPU of its own: ",
+                          "latency of 10 runs, worst in run-0001: the probe went through 1 MiB, and the "
+                          "largest cache has 32 MiB: some accesses may have ended there"));
+}
+
+// Each run reads the latency over parts of its memory.
+TEST_F(CurveTest, ShowsHowTheReadingGrowsWithTheMemory) {
+  std::vector<scope::Run> runs(3);
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    runs[i].info.latency.growth = {{1 << 20, 8 + i}, {1 << 28, i == 2 ? 0 : 100 + 10 * i}};
+  }
+  runs[0].info.latency.growth.push_back({1 << 30, 200});
+  CurveTable table = made_curve::Table(Queue);
+  table.growth = MedianGrowth(runs);
+  EXPECT_EQ(GrowthText(table.growth), "1 MiB 9 ns, 256 MiB 105 ns")
+      << "0 is no reading, one of three no size";
+  EXPECT_THAT(CurveSentences(table, *FiguresOf(table)).back(),
+              "Before the load, medians of all runs over parts of this memory: 1 MiB 9 ns, 256 MiB 105 ns.");
 }
 
 TEST_F(CurveTest, ComparesTwo) {
@@ -410,8 +435,8 @@ void ExpectDescribed(const json& data, const json& file) {
     }
   };
   expect(data);
-  for (const json& part :
-       {data["points"][1], data["idle"], data["knee"], data["saturation"], file["runs"][4]})
+  for (const json& part : {data["points"][1], data["growth"][0], data["idle"], data["knee"],
+                           data["saturation"], file["runs"][4]})
     expect(part);
   // How runs are recorded is described with sweep.json.
   for (const char* const key : {"kind", "mix", "most", "points", "runs", "repeats", "seed", "warmup_s"})
@@ -426,7 +451,9 @@ TEST_F(CurveTest, TheProgramReportsOneOrSeveral) {
   EXPECT_THAT(one.output,
               AllOf(HasSubstr("Latency of memory over the bandwidth of CPU, after a warm-up of 1 s\n"
                               "Latency of 256 MiB in pages of 2 MiB, CPU 1\n"),
-                    HasSubstr("in at most 4 % of a point's bursts (idle); these are in no figure"),
+                    ::testing::ContainsRegex("\nidle  +2  0\\.000  .* +400\\.0 +4 %\n"),
+                    HasSubstr("are interrupted: they are in no figure"),
+                    HasSubstr("over parts of this memory: 1 MiB 9 ns, 256 MiB 100 ns."),
                     HasSubstr("Knee: 7."), HasSubstr("report in ")));
   const json page = DataOf(folder_.Get("a/report.html"));
   EXPECT_EQ(page["kind"], "curves");
@@ -441,6 +468,9 @@ TEST_F(CurveTest, TheProgramReportsOneOrSeveral) {
   EXPECT_EQ(data["points"][9]["values"].size(), 2U);
   EXPECT_EQ(data["points"][9]["values"][1]["bursts"], 24);
   EXPECT_EQ(data["points"][9]["values"][1]["interrupted"], 1);
+  EXPECT_NEAR(data["points"][9]["interrupted_percent"].get<double>(), 100.0 / 24, 1e-9);
+  EXPECT_EQ(data["growth"],
+            json::parse(R"([{"bytes": 1048576, "p50_ns": 9}, {"bytes": 268435456, "p50_ns": 100}])"));
   EXPECT_THAT(data["idle"]["latency_p50_ns"].get<double>(), DoubleNear(100, 1e-6));
   EXPECT_NEAR(data["knee"]["gb_per_s"].get<double>(), 7.3, 0.3);
   EXPECT_EQ(data["saturation"]["reached"], true);

@@ -45,6 +45,7 @@ inline scope::Run Run(const Value& value) {
   run.info.counters.clear();
   run.info.latency.bytes = 1 << 28;
   run.info.latency.cpu = 1;
+  run.info.latency.growth = {{1 << 20, 9}, {1 << 28, 100}};
   run.info.conditions.caches = {{3, "Unified", std::uint64_t{32} << 20, 1}};
   run.info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 1";
   run.samples.clear();

@@ -228,6 +228,8 @@ TEST_F(MatrixTest, SeparatesProcessorTimeFromMemory) {
   const auto json = nlohmann::json::parse(MatrixJson(Folder(), matrix, table, true));
   EXPECT_EQ(json["cells"][0]["aggressors"]["CPU"], 2);
   EXPECT_EQ(json["cells"][0]["unit"], "op/s");
+  EXPECT_EQ(json["cells"][0]["with"]["runs"], 2);
+  EXPECT_EQ(json["cells"][0]["with"]["bursts"], nullptr) << "of the latency of memory alone";
   EXPECT_NEAR(json["cells"][0]["by_cpu"]["percent"].get<double>(), 25, 0.5);
 
   // Each of two threads makes 400 operations a second. Both take 1.2 CPUs.
@@ -258,12 +260,23 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
   ASSERT_THAT(table.cells, SizeIs(1));
   EXPECT_THAT(table.cells[0].alone.main, ElementsAre(DoubleEq(101), DoubleEq(102))) << "ns";
   EXPECT_THAT(table.cells[0].with.p99Us, ElementsAre(0.442, 0.444));
+  EXPECT_EQ(table.cells[0].with.bursts, 48U) << "of both runs without the warm-up and the last second";
+  EXPECT_EQ(table.cells[0].with.interrupted, 2U);
+  const auto json = nlohmann::json::parse(MatrixJson(Folder(), matrix, table, true))["cells"][0];
+  EXPECT_EQ(json["control"]["runs"], 2);
+  EXPECT_EQ(json["control"]["bursts"], 48);
+  EXPECT_EQ(json["control"]["interrupted"], 2);
+  EXPECT_NEAR(json["control"]["p99"]["us"].get<double>(), 0.223, 1e-4);
+  EXPECT_LT(json["control"]["p99"]["low"].get<double>(), 0.222);
+  EXPECT_GT(json["control"]["p99"]["high"].get<double>(), 0.224);
   EXPECT_NEAR(table.cells[0].byMemory->value, 98.7, 0.1);
   EXPECT_EQ(table.latency, "256 MiB in pages of 2 MiB, CPU 1");
   EXPECT_THAT(table.notes, ElementsAre(HasSubstr("its latency is that of 64 MiB in pages of 4 KiB, CPU 1"),
                                        "latency of 2 runs: the probe had no CPU of its own: it is taken"));
   EXPECT_THAT(MatrixText(matrix, table),
-              HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"));
+              AllOf(HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"),
+                    HasSubstr("  p99 alone  "),
+                    ::testing::ContainsRegex(" 223 ns \\[21[0-9] ns, 23[0-9] ns\\]  443 ns \\[4")));
 }
 
 // The seconds in which aggressors begin and end are no seconds under load.
@@ -631,7 +644,7 @@ TEST_F(MatrixProgramTest, GoesOnAfterAnInterruptionAndShowsWhatDisturbs) {
 
   // FORMAT-MATRIX.md describes each key.
   const std::string format = ReadText(SCOPE_FORMAT_MATRIX).value_or("");
-  for (const auto& part : {json, json["cells"][0]}) {
+  for (const auto& part : {json, json["cells"][0], json["cells"][0]["with"]}) {
     for (const auto& [key, value] : part.items()) {
       const bool isDescribed =
           format.find("`" + key) != std::string::npos || format.find("." + key + "`") != std::string::npos;

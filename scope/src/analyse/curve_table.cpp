@@ -7,7 +7,6 @@
 #include "curve_folder.h"
 #include "latency_texts.h"
 #include "number_text.h"
-#include "ratio.h"
 #include "saturation.h"
 #include "statistics.h"
 #include "sweep_plan.h"
@@ -15,8 +14,6 @@
 
 namespace scope {
 namespace {
-
-constexpr double kEstimateError = 0.05;
 
 std::string PointName(const SweepLevels& levels, double dutyPercent) {
   SweepLevels working;
@@ -74,7 +71,7 @@ CurveFit FitOf(const CurveTable& table, std::size_t repeat, std::size_t last) {
   return FitCurve(gigabytesPerS, latencyNs);
 }
 
-std::string EstimateText(const CurveEstimate& estimate, const char* unit) {
+std::string EstimateText(const Estimate& estimate, const char* unit) {
   std::string text = ShortNumber(estimate.value) + " " + unit;
   if (estimate.low) text += " (" + ShortNumber(*estimate.low) + " to " + ShortNumber(*estimate.high) + ")";
   return text;
@@ -139,13 +136,16 @@ CurveTable ReadCurveTable(const std::string& folder) {
         const auto value = CurveValueOf(run, summary, sweep.settings.warmupS);
         if (!value) ++without;
         table.points[index / repeats].values[index % repeats] = value;
-        for (std::string& doubt : LatencyDoubts(run, summary))
-          doubts.push_back({planned.folder, std::move(doubt)});
+        for (LatencyDoubt& doubt : LatencyDoubts(run, summary)) {
+          doubt.run = planned.folder;
+          doubts.push_back(std::move(doubt));
+        }
         Run info;
         info.folder = run.folder;
         info.info = run.info;
         table.infos.push_back(std::move(info));
       });
+  table.growth = MedianGrowth(table.infos);
   table.notes = std::move(runs.notes);
   AddLatencyDoubts(doubts, table.notes);
   if (without != 0) {
@@ -155,23 +155,7 @@ CurveTable ReadCurveTable(const std::string& folder) {
   return table;
 }
 
-CurveEstimate EstimateOf(std::vector<double> values) {
-  CurveEstimate estimate;
-  const bool isPositive = std::all_of(values.begin(), values.end(), [](double value) { return value > 0; });
-  if (isPositive && values.size() > 1) {
-    // The ratio to a side that is 1 without scatter: its interval is that of the values alone.
-    const RatioEstimate ratio = EstimateRatio({1, 1}, values, kEstimateError);
-    estimate.value = ratio.ratio;
-    estimate.low = ratio.low;
-    estimate.high = ratio.high;
-  } else {
-    estimate.value = Mean(values);
-  }
-  estimate.values = std::move(values);
-  return estimate;
-}
-
-std::optional<CurveEstimate> EstimateAt(const CurveTablePoint& point, double CurveValue::* figure) {
+std::optional<Estimate> EstimateAt(const CurveTablePoint& point, double CurveValue::* figure) {
   std::vector<double> values;
   for (const std::optional<CurveValue>& value : point.values) {
     if (value) values.push_back((*value).*figure);
@@ -186,6 +170,18 @@ std::optional<double> LongestAt(const CurveTablePoint& point) {
     if (value) longest = std::max(longest.value_or(0), value->maxNs);
   }
   return longest;
+}
+
+std::optional<double> InterruptedPercentAt(const CurveTablePoint& point) {
+  double bursts = 0;
+  double interrupted = 0;
+  for (const std::optional<CurveValue>& value : point.values) {
+    if (!value) continue;
+    bursts += static_cast<double>(value->bursts);
+    interrupted += static_cast<double>(value->interrupted);
+  }
+  if (bursts <= 0) return std::nullopt;
+  return interrupted / bursts * 100;
 }
 
 std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
@@ -231,6 +227,10 @@ std::vector<std::string> CurveSentences(const CurveTable& table, const CurveFigu
   } else {
     sentences.push_back("Saturation is not reached: the greatest load has the most bandwidth by more than " +
                         Format("%g %%", kSaturatedPercent) + ". Try --most with a greater number.");
+  }
+  if (!table.growth.empty()) {
+    sentences.push_back(
+        "Before the load, medians of all runs over parts of this memory: " + GrowthText(table.growth) + ".");
   }
   return sentences;
 }

@@ -9,6 +9,7 @@
 
 #include "curve.h"
 #include "curve_fit.h"
+#include "estimate.h"
 #include "sweep_table.h"
 
 namespace scope {
@@ -45,6 +46,7 @@ struct CurveTable {
   Curve curve;
   std::vector<CurveTablePoint> points;  ///< by load
   std::vector<Run> infos;               ///< the runs without their rows
+  std::vector<LatencyGrowth> growth;    ///< medians of what the runs read before their load
   std::vector<std::string> notes;       ///< reasons to doubt the figures, one sentence each
 };
 
@@ -52,33 +54,25 @@ struct CurveTable {
 /// UserError if `folder` holds no curve.
 CurveTable ReadCurveTable(const std::string& folder);
 
-/// A figure over repeats: the geometric mean and its interval of 95 % (t test), which needs two values above
-/// 0.
-struct CurveEstimate {
-  std::vector<double> values;  ///< one of each repeat
-  double value = 0;
-  std::optional<double> low;
-  std::optional<double> high;
-};
-/// Needs a value.
-CurveEstimate EstimateOf(std::vector<double> values);
-
 /// The estimate of a figure of a point, of the repeats that have it; none if none has.
-std::optional<CurveEstimate> EstimateAt(const CurveTablePoint& point, double CurveValue::* figure);
+std::optional<Estimate> EstimateAt(const CurveTablePoint& point, double CurveValue::* figure);
 
 /// The longest access of a point, of all repeats; none if none is recorded.
 std::optional<double> LongestAt(const CurveTablePoint& point);
 
+/// Which share of the point's bursts was interrupted, of all repeats, in per cent; none if none is recorded.
+std::optional<double> InterruptedPercentAt(const CurveTablePoint& point);
+
 /// Where more load gives no more bandwidth. Points are judged by the geometric means of the repeats.
 struct CurveSaturation {
-  std::size_t best = 0;         ///< the point with the most bandwidth
-  std::size_t lowest = 0;       ///< the one with the least load that is close to it (kSaturatedPercent)
-  std::size_t last = 0;         ///< the one with the greatest load that is
-  bool reached = false;         ///< `lowest` is not the greatest load of the curve
-  CurveEstimate gigabytesPerS;  ///< at `lowest`; so are the next
-  CurveEstimate p50Ns;
-  CurveEstimate p99Ns;
-  CurveEstimate p999Ns;
+  std::size_t best = 0;    ///< the point with the most bandwidth
+  std::size_t lowest = 0;  ///< the one with the least load that is close to it (kSaturatedPercent)
+  std::size_t last = 0;    ///< the one with the greatest load that is
+  bool reached = false;    ///< `lowest` is not the greatest load of the curve
+  Estimate gigabytesPerS;  ///< at `lowest`; so are the next
+  Estimate p50Ns;
+  Estimate p99Ns;
+  Estimate p999Ns;
 };
 
 /// What a curve says. Each repeat is a curve by itself, and gives one value of each figure.
@@ -86,11 +80,11 @@ struct CurveFigures {
   std::vector<std::size_t> repeats;  ///< those that are whole, from 0
   std::vector<CurveFit> fits;        ///< one of each, up to the point `saturation.last`
   CurveSaturation saturation;
-  CurveEstimate idleNs;             ///< the median latency without load
-  CurveEstimate mostGigabytesPerS;  ///< at `saturation.best`
+  Estimate idleNs;             ///< the median latency without load
+  Estimate mostGigabytesPerS;  ///< at `saturation.best`
   /// GB/s, of the repeats that have one; none if none has. Without an interval unless all have one: those of
   /// the others are above what they reach.
-  std::optional<CurveEstimate> knee;
+  std::optional<Estimate> knee;
   std::size_t withoutKnee = 0;  ///< repeats whose latency stays below it
 };
 

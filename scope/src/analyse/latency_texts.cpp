@@ -88,39 +88,68 @@ std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary)
                   Format("; its own load %.3g MB/s", latency.bytesPerS / 1e6) +
                   (share ? Format(", %.2g %% of the engines' bytes; ", *share * 100) : std::string("; ")) +
                   BurstsText(latency));
-  std::string growth;
-  for (const LatencyGrowth& part : latency.growth) {
-    growth += (growth.empty() ? "" : ", ") + MebibytesOf(part.bytes) + " " + Latency(part.p50Ns);
-  }
-  texts.push_back("before the run, over parts of it: " + growth);
+  texts.push_back("before the run, over parts of it: " + GrowthText(latency.growth));
   return texts;
 }
 
-std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary) {
+std::string GrowthText(const std::vector<LatencyGrowth>& growth) {
+  std::vector<std::string> parts;
+  for (const LatencyGrowth& part : growth)
+    parts.push_back(MebibytesOf(part.bytes) + " " + Latency(part.p50Ns));
+  return Joined(parts, ", ");
+}
+
+// A part in which all bursts were interrupted has no latency.
+std::vector<LatencyGrowth> MedianGrowth(const std::vector<Run>& runs) {
+  std::map<std::uint64_t, std::vector<double>> readings;
+  for (const Run& run : runs) {
+    for (const LatencyGrowth& part : run.info.latency.growth) {
+      if (part.p50Ns != 0) readings[part.bytes].push_back(static_cast<double>(part.p50Ns));
+    }
+  }
+  std::size_t most = 0;
+  for (const auto& [bytes, latencies] : readings) most = std::max(most, latencies.size());
+  std::vector<LatencyGrowth> growth;
+  for (const auto& [bytes, latencies] : readings) {
+    if (2 * latencies.size() > most)
+      growth.push_back({bytes, static_cast<std::uint64_t>(std::llround(Median(latencies)))});
+  }
+  return growth;
+}
+
+std::vector<LatencyDoubt> LatencyDoubts(const Run& run, const RunSummary& summary) {
+  using Kind = LatencyDoubt::Kind;
   const LatencySummary& latency = run.info.latency;
-  std::vector<std::string> doubts;
+  std::vector<LatencyDoubt> doubts;
   if (latency.bytes == 0) return doubts;
-  if (latency.cpu < 0) doubts.push_back("the probe had no CPU of its own: " + latency.cpuNote);
+  const auto add = [&doubts](Kind kind, double degree, std::string text) {
+    doubts.push_back({kind, degree, std::move(text), ""});
+  };
+  if (latency.cpu < 0) add(Kind::kNoCpu, 0, "the probe had no CPU of its own: " + latency.cpuNote);
   const auto bursts = static_cast<double>(latency.bursts);
-  if (static_cast<double>(latency.interrupted) > kMostInterrupted * bursts) {
-    doubts.push_back(BurstsText(latency) + ": the load, other programs or the host took the probe's CPU");
+  const auto interrupted = static_cast<double>(latency.interrupted);
+  if (interrupted > kMostInterrupted * bursts) {
+    add(Kind::kInterrupted, interrupted / bursts,
+        BurstsText(latency) + ": the load, other programs or the host took the probe's CPU");
   }
   const std::optional<double> share = LoadShare(run, summary);
   if (share && *share > kMostLoadShare) {
-    doubts.push_back(Format("the probe's own load is %.1f %% of the engines' bytes", *share * 100));
+    add(Kind::kOwnLoad, *share,
+        Format("the probe's own load is %.1f %% of the engines' bytes", *share * 100));
   }
   const std::uint64_t cache = LargestCache(run);
   if (cache == 0) {
-    doubts.push_back(
+    add(Kind::kNoCache, 0,
         "the system names no cache: if the reading before the run still grows steeply at the end, the "
         "memory that the probe went through is too small");
   }
   if (latency.bytes < kLeastCaches * cache) {
-    doubts.push_back("the probe went through " + MebibytesOf(latency.bytes) + ", and the largest cache has " +
-                     MebibytesOf(cache) + ": some accesses may have ended there");
+    add(Kind::kSmallMemory, static_cast<double>(cache) / static_cast<double>(latency.bytes),
+        "the probe went through " + MebibytesOf(latency.bytes) + ", and the largest cache has " +
+            MebibytesOf(cache) + ": some accesses may have ended there");
   }
   if (latency.timerStepNs > kMostStepShare * static_cast<double>(latency.p50Ns)) {
-    doubts.push_back(
+    add(Kind::kCoarseTimer, latency.timerStepNs,
         Format("the timer moves in steps of %.3g ns: the mean of %.0f ns is more exact than the "
                "percentiles",
                latency.timerStepNs, latency.meanNs));
@@ -129,17 +158,18 @@ std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary
 }
 
 void AddLatencyDoubts(const std::vector<LatencyDoubt>& doubts, std::vector<std::string>& notes) {
-  constexpr std::size_t kShown = 3;
-  std::map<std::string, std::size_t> counts;
-  for (const LatencyDoubt& doubt : doubts) ++counts[doubt.text];
-  std::size_t single = 0;
-  for (const LatencyDoubt& doubt : doubts) {
-    const std::size_t count = std::exchange(counts[doubt.text], 0);
-    if (count > 1) notes.push_back("latency of " + std::to_string(count) + " runs: " + doubt.text);
-    if (count == 1 && ++single <= kShown) notes.push_back("latency of " + doubt.run + ": " + doubt.text);
+  std::map<LatencyDoubt::Kind, std::vector<const LatencyDoubt*>> kinds;
+  for (const LatencyDoubt& doubt : doubts) kinds[doubt.kind].push_back(&doubt);
+  for (const auto& [kind, alike] : kinds) {
+    const auto isLess = [](const LatencyDoubt* a, const LatencyDoubt* b) { return a->degree < b->degree; };
+    const LatencyDoubt& worst = **std::max_element(alike.begin(), alike.end(), isLess);
+    const bool areEqual = std::all_of(alike.begin(), alike.end(),
+                                      [&worst](const LatencyDoubt* one) { return one->text == worst.text; });
+    const std::string who = alike.size() == 1
+                                ? worst.run
+                                : Counted(alike.size(), "run") + (areEqual ? "" : ", worst in " + worst.run);
+    notes.push_back("latency of " + who + ": " + worst.text);
   }
-  if (single > kShown)
-    notes.push_back("the latency of " + Counted(single - kShown, "more run") + " is doubtful");
 }
 
 }  // namespace scope

@@ -13,17 +13,28 @@ namespace scope {
 /// run has no latency probe.
 std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary);
 
-/// Reasons to doubt these figures, one sentence each.
-std::vector<std::string> LatencyDoubts(const Run& run, const RunSummary& summary);
+/// "1 MiB 9 ns, 4 MiB 113 ns"
+std::string GrowthText(const std::vector<LatencyGrowth>& growth);
 
-/// A reason to doubt the latency of one of several runs.
+/// The latency over parts of the memory before the load, as the median of several runs; without the sizes
+/// that only some of them have.
+std::vector<LatencyGrowth> MedianGrowth(const std::vector<Run>& runs);
+
+/// A reason to doubt these figures.
 struct LatencyDoubt {
-  std::string run;  ///< its name
-  std::string text;
+  enum class Kind { kNoCpu, kInterrupted, kOwnLoad, kNoCache, kSmallMemory, kCoarseTimer };
+
+  Kind kind = Kind::kNoCpu;
+  double degree = 0;  ///< of two of a kind the greater one is the worse
+  std::string text;   ///< a sentence
+  std::string run;    ///< its name; empty where there is one run
 };
 
-/// Adds the doubts of several runs to `notes`: what all or some share once, of the others the first three,
-/// and how many more there are.
+/// At most one of each kind.
+std::vector<LatencyDoubt> LatencyDoubts(const Run& run, const RunSummary& summary);
+
+/// Adds the doubts of several runs to `notes`: of each kind a sentence, with how many runs there are and the
+/// text of the worst.
 void AddLatencyDoubts(const std::vector<LatencyDoubt>& doubts, std::vector<std::string>& notes);
 
 }  // namespace scope

@@ -39,18 +39,27 @@ std::optional<double> MeanOfCounter(const Run& run, const char* name, double war
 struct VictimValues {
   double main = 0;
   std::optional<double> p99Us;
+  std::uint64_t bursts = 0;
+  std::uint64_t interrupted = 0;
 };
 
 // None if the victim did not work after the warm-up.
 std::optional<VictimValues> ValuesOf(const Run& run, const std::string& section, double warmupS) {
-  const auto figures = FiguresOf(Summarise(run), warmupS);
+  const RunSummary summary = Summarise(run);
+  const auto figures = FiguresOf(summary, warmupS);
   if (section == kLatencyVictim) {
     const auto median = figures.find({kMemory, Figure::kP50});
     const auto tail = figures.find({kMemory, Figure::kP99});
     if (median == figures.end() || tail == figures.end()) return std::nullopt;
     constexpr double kNsPerMicrosecond = 1000;
-    return VictimValues{ValueOf(Figure::kP50, median->second) * kNsPerMicrosecond,
-                        ValueOf(Figure::kP99, tail->second)};
+    VictimValues values;
+    values.main = ValueOf(Figure::kP50, median->second) * kNsPerMicrosecond;
+    values.p99Us = ValueOf(Figure::kP99, tail->second);
+    for (const LatencySecond& second : LatencyAfter(summary, warmupS)) {
+      values.bursts += second.bursts;
+      values.interrupted += second.interrupted;
+    }
+    return values;
   }
   const EngineInfo* const engine = FindEngine(&EngineInfo::section, section);
   if (engine == nullptr) return std::nullopt;
@@ -134,6 +143,8 @@ class TableReader {
       MatrixFigures& figures = FiguresFor(run);
       figures.main.push_back(values->main);
       if (values->p99Us) figures.p99Us.push_back(*values->p99Us);
+      figures.bursts += values->bursts;
+      figures.interrupted += values->interrupted;
       if (const auto cpus = MeanOfCounter(recorded, "helpers", warmupS)) figures.cpus.push_back(*cpus);
     } catch (const UserError& error) {
       table_.notes.emplace_back(error.what());
@@ -209,8 +220,10 @@ class TableReader {
   // The latency is that of a memory, of pages and of a CPU.
   void TakeLatency(const MatrixRun& run, const Run& recorded) {
     const std::string& latency = recorded.info.conditions.latency;
-    for (std::string& doubt : LatencyDoubts(recorded, Summarise(recorded)))
-      doubts_.push_back({run.folder, std::move(doubt)});
+    for (LatencyDoubt& doubt : LatencyDoubts(recorded, Summarise(recorded))) {
+      doubt.run = run.folder;
+      doubts_.push_back(std::move(doubt));
+    }
     if (table_.latency.empty()) table_.latency = latency;
     if (table_.latency != latency)
       table_.notes.push_back(NameOf(matrix_, run) + ": its latency is that of " + latency);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +32,8 @@ struct MatrixFigures {
   std::vector<double> main;   ///< the victim's op/s; of the latency of memory: the median in ns
   std::vector<double> p99Us;  ///< its 99th percentile
   std::vector<double> cpus;   ///< processor time a second of the aggressors or the control; see MatrixTable
+  std::uint64_t bursts = 0;   ///< of the latency probe in all runs after the warm-up, if that is the victim
+  std::uint64_t interrupted = 0;  ///< of them; their accesses are in no figure
 };
 
 /// A victim and a mix of aggressors.

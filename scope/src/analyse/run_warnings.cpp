@@ -301,7 +301,8 @@ std::vector<Warning> Warnings(const Run& run, const RunSummary& summary) {
   if (summary.engines.empty()) {
     for (const PrintedRates& printed : summary.printed) AddPrinted(printed, warnings);
   }
-  for (const std::string& doubt : LatencyDoubts(run, summary)) warnings.push_back({"latency: " + doubt});
+  for (const LatencyDoubt& doubt : LatencyDoubts(run, summary))
+    warnings.push_back({"latency: " + doubt.text});
   AddCounters(run, warnings);
   return warnings;
 }

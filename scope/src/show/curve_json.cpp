@@ -11,7 +11,7 @@ namespace scope {
 namespace {
 
 // The estimate and its interval as three keys: NAME, NAME_low, NAME_high. Null where it is not known.
-void Put(Json& json, const std::string& name, const std::optional<CurveEstimate>& estimate) {
+void Put(Json& json, const std::string& name, const std::optional<Estimate>& estimate) {
   json[name] = estimate ? Json(estimate->value) : Json(nullptr);
   json[name + "_low"] = estimate ? OrNull(estimate->low) : Json(nullptr);
   json[name + "_high"] = estimate ? OrNull(estimate->high) : Json(nullptr);
@@ -23,6 +23,7 @@ void PutFigures(Json& json, const CurveTablePoint& point) {
   Put(json, "latency_p99_ns", EstimateAt(point, &CurveValue::p99Ns));
   Put(json, "latency_p999_ns", EstimateAt(point, &CurveValue::p999Ns));
   json["latency_max_ns"] = OrNull(LongestAt(point));
+  json["interrupted_percent"] = OrNull(InterruptedPercentAt(point));
 }
 
 Json PointJson(const CurveTablePoint& point) {
@@ -79,6 +80,9 @@ Json CurveData(const CurveTable& table) {
   const std::optional<CurveFigures> figures = FiguresOf(table);
   Json points = Json::array();
   for (const CurveTablePoint& point : table.points) points.push_back(PointJson(point));
+  Json growth = Json::array();
+  for (const LatencyGrowth& part : table.growth)
+    growth.push_back(Json{{"bytes", part.bytes}, {"p50_ns", part.p50Ns}});
   Json idle = nullptr;
   if (figures) Put(idle, "latency_p50_ns", figures->idleNs);
   Json json{{"format", 1},
@@ -94,6 +98,7 @@ Json CurveData(const CurveTable& table) {
             {"seed", sweep.settings.seed},
             {"warmup_s", sweep.settings.warmupS},
             {"latency", table.infos.empty() ? "" : table.infos.front().info.conditions.latency},
+            {"growth", growth},
             {"points", points},
             {"idle", idle},
             {"knee", figures ? KneeJson(*figures) : Json(nullptr)},

@@ -12,12 +12,12 @@
 namespace scope {
 namespace {
 
-std::string SpanText(const std::optional<CurveEstimate>& estimate) {
+std::string SpanText(const std::optional<Estimate>& estimate) {
   if (!estimate || !estimate->low) return "-";
   return ShortNumber(*estimate->low) + " to " + ShortNumber(*estimate->high);
 }
 
-std::string ValueText(const std::optional<CurveEstimate>& estimate) {
+std::string ValueText(const std::optional<Estimate>& estimate) {
   return estimate ? ShortNumber(estimate->value) : "-";
 }
 
@@ -26,31 +26,14 @@ std::string LongestText(const CurveTablePoint& point) {
   return longest ? ShortNumber(*longest) : "-";
 }
 
-// The share of its bursts, of all repeats.
-double InterruptedPercent(const CurveTablePoint& point) {
-  double bursts = 0;
-  double interrupted = 0;
-  for (const std::optional<CurveValue>& value : point.values) {
-    if (!value) continue;
-    bursts += static_cast<double>(value->bursts);
-    interrupted += static_cast<double>(value->interrupted);
-  }
-  return bursts > 0 ? interrupted / bursts * 100 : 0;
-}
-
-std::string InterruptedText(const CurveTable& table) {
-  const auto isLess = [](const CurveTablePoint& a, const CurveTablePoint& b) {
-    return InterruptedPercent(a) < InterruptedPercent(b);
-  };
-  const CurveTablePoint& most = *std::max_element(table.points.begin(), table.points.end(), isLess);
-  return Format("The probe lost its processor in at most %.0f %% of a point's bursts",
-                InterruptedPercent(most)) +
-         " (" + most.name + "); these are in no figure.\n";
+std::string InterruptedText(const CurveTablePoint& point) {
+  const std::optional<double> percent = InterruptedPercentAt(point);
+  return percent ? Format("%.0f %%", *percent) : "-";
 }
 
 std::string TableOf(const CurveTable& table, std::size_t width) {
-  TextTable rows("lrrlrlrrr");
-  rows.Add({"point", "runs", "GB/s", "95 %", "p50 ns", "95 %", "p99", "p99.9", "longest"});
+  TextTable rows("lrrlrlrrrr");
+  rows.Add({"point", "runs", "GB/s", "95 %", "p50 ns", "95 %", "p99", "p99.9", "longest", "interrupted"});
   for (const CurveTablePoint& point : table.points) {
     const auto at = [&point](double CurveValue::* figure) { return EstimateAt(point, figure); };
     const auto runs = std::count_if(point.values.begin(), point.values.end(),
@@ -58,7 +41,7 @@ std::string TableOf(const CurveTable& table, std::size_t width) {
     rows.Add({point.name, std::to_string(runs), ValueText(at(&CurveValue::gigabytesPerS)),
               SpanText(at(&CurveValue::gigabytesPerS)), ValueText(at(&CurveValue::p50Ns)),
               SpanText(at(&CurveValue::p50Ns)), ValueText(at(&CurveValue::p99Ns)),
-              ValueText(at(&CurveValue::p999Ns)), LongestText(point)});
+              ValueText(at(&CurveValue::p999Ns)), LongestText(point), InterruptedText(point)});
   }
   return rows.Text(width);
 }
@@ -70,7 +53,8 @@ std::string CurveText(const CurveTable& table, std::size_t width) {
                      Format(", after a warm-up of %g s\n", table.curve.sweep.settings.warmupS);
   if (!table.infos.empty())
     text += "Latency of " + Printable(table.infos.front().info.conditions.latency) + "\n";
-  text += '\n' + TableOf(table, width) + InterruptedText(table) + '\n';
+  text += '\n' + TableOf(table, width) +
+          "Bursts in which the probe lost its processor are interrupted: they are in no figure.\n\n";
   const std::optional<CurveFigures> figures = FiguresOf(table);
   if (figures) {
     for (const std::string& sentence : CurveSentences(table, *figures)) text += sentence + '\n';

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "estimate.h"
 #include "json.h"
 #include "matrix_plan.h"
 #include "matrix_text.h"
@@ -22,8 +23,19 @@ Json ShareJson(const std::optional<MemoryShare>& share) {
   return Json{{"percent", share->percent}, {"low", share->low}, {"high", share->high}};
 }
 
-Json FiguresJson(const MatrixFigures& figures) {
-  return Json{{"values", figures.main}, {"p99_us", figures.p99Us}};
+// The bursts are those of the latency of memory.
+Json FiguresJson(const MatrixFigures& figures, bool isLatency) {
+  Json tail = nullptr;
+  if (!figures.p99Us.empty()) {
+    const Estimate estimate = EstimateOf(figures.p99Us);
+    tail = Json{{"us", estimate.value}, {"low", OrNull(estimate.low)}, {"high", OrNull(estimate.high)}};
+  }
+  return Json{{"runs", figures.main.size()},
+              {"values", figures.main},
+              {"p99_us", figures.p99Us},
+              {"p99", tail},
+              {"bursts", isLatency ? Json(figures.bursts) : Json(nullptr)},
+              {"interrupted", isLatency ? Json(figures.interrupted) : Json(nullptr)}};
 }
 
 Json CellJson(const MatrixCell& cell) {
@@ -32,9 +44,9 @@ Json CellJson(const MatrixCell& cell) {
               {"level", cell.victim.level},
               {"aggressors", LevelsJson(cell.mix)},
               {"unit", isLatency ? "ns" : "op/s"},
-              {"alone", FiguresJson(cell.alone)},
-              {"control", FiguresJson(cell.control)},
-              {"with", FiguresJson(cell.with)},
+              {"alone", FiguresJson(cell.alone, isLatency)},
+              {"control", FiguresJson(cell.control, isLatency)},
+              {"with", FiguresJson(cell.with, isLatency)},
               {"by_memory", SlowdownJson(cell.byMemory)},
               {"by_cpu", SlowdownJson(cell.byCpu)},
               {"total", SlowdownJson(cell.total)},

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <utility>
 
+#include "estimate.h"
 #include "matrix_plan.h"
 #include "number_text.h"
 #include "printable.h"
@@ -21,9 +22,16 @@ std::string MainText(const MatrixCell& cell, const MatrixFigures& figures) {
   return cell.victim.section == kLatencyVictim ? Format("%.0f ns", median) : RateText(median);
 }
 
+std::string MicrosecondsText(double us) {
+  return Latency(static_cast<std::uint64_t>(std::llround(us * 1e3)));
+}
+
 std::string TailText(const MatrixFigures& figures) {
   if (figures.p99Us.empty()) return "-";
-  return Latency(static_cast<std::uint64_t>(Median(figures.p99Us) * 1e3));
+  const Estimate tail = EstimateOf(figures.p99Us);
+  const std::string value = MicrosecondsText(tail.value);
+  if (!tail.low) return value;
+  return value + " [" + MicrosecondsText(*tail.low) + ", " + MicrosecondsText(*tail.high) + "]";
 }
 
 std::string SlowdownText(const std::optional<SlowdownPercent>& slowdown) {
@@ -106,17 +114,17 @@ std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size
   std::string text = OwnCpusSentence(matrix) + "\n";
   if (!table.latency.empty()) text += "The latency is that of " + Printable(table.latency) + ".\n";
   text += Format(
-      "Medians of the runs after a warm-up of %g s; slowdowns are ratios of geometric means with intervals "
-      "of "
-      "95 %%\n",
+      "Medians of the runs after a warm-up of %g s; slowdowns are ratios of geometric means, p99 are such "
+      "means, with intervals of 95 %%\n",
       matrix.settings.warmupS);
   TextTable rows("ll");
-  rows.Add({"victim", "aggressors", "by memory", "by CPU", "alone", "control", "with", "p99 alone", "with",
-            "CPUs of aggressors / control"});
+  rows.Add({"victim", "aggressors", "by memory", "by CPU", "alone", "control", "with", "p99 alone", "control",
+            "with", "CPUs of aggressors / control"});
   for (const MatrixCell& cell : table.cells) {
     rows.Add({VictimText(cell.victim), PointText(cell.mix), SlowdownText(cell.byMemory),
               SlowdownText(cell.byCpu), MainText(cell, cell.alone), MainText(cell, cell.control),
-              MainText(cell, cell.with), TailText(cell.alone), TailText(cell.with), CpusText(cell)});
+              MainText(cell, cell.with), TailText(cell.alone), TailText(cell.control), TailText(cell.with),
+              CpusText(cell)});
   }
   text += rows.Text(width, 2);
   text += '\n';
