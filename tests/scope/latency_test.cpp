@@ -1,14 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -353,6 +359,48 @@ TEST(LatencyProbe, IsOnItsCpuOrSaysThatItIsNot) {
   EXPECT_EQ(LatencyProbe(kMebibyte, first, kShort).Summary().cpu, first);
   EXPECT_THAT(ErrorOf([] { LatencyProbe(kMebibyte, 1000, kShort); }),
               HasSubstr("--latency-cpu 1000: the latency probe cannot run there: "));
+}
+
+/// Takes the rights to a real-time priority from this thread and from the processes that it starts.
+class WithoutRealTime {
+ public:
+  WithoutRealTime() {
+    (void)getrlimit(RLIMIT_RTPRIO, &limit_);
+    const rlimit none{0, limit_.rlim_max};
+    (void)setrlimit(RLIMIT_RTPRIO, &none);
+    (void)syscall(SYS_capget, &header_, rights_);
+    __user_cap_data_struct less[2] = {rights_[0], rights_[1]};
+    less[0].effective &= ~(1U << CAP_SYS_NICE);
+    (void)syscall(SYS_capset, &header_, less);
+  }
+  ~WithoutRealTime() {
+    (void)syscall(SYS_capset, &header_, rights_);
+    (void)setrlimit(RLIMIT_RTPRIO, &limit_);
+  }
+  WithoutRealTime(const WithoutRealTime&) = delete;
+  WithoutRealTime& operator=(const WithoutRealTime&) = delete;
+
+ private:
+  rlimit limit_{};
+  __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct rights_[2]{};
+};
+
+TEST(LatencyProbe, HasARealTimePriorityOrSaysThatItHasNone) {
+  const auto expect = [](const LatencyProbe& probe) {
+    const LatencySummary summary = probe.Summary();
+    EXPECT_EQ(summary.realTime, sched_getscheduler(probe.Id()) == SCHED_FIFO);
+    EXPECT_EQ(summary.realTime, summary.realTimeNote.empty());
+    EXPECT_EQ(summary.realTime, LatencyText(summary).find(", real-time") != std::string::npos);
+    return summary;
+  };
+  // Whatever this system allows.
+  (void)expect(LatencyProbe(kMebibyte, -1, kShort));
+  const WithoutRealTime refusal;
+  sched_param lowest{};
+  lowest.sched_priority = sched_get_priority_min(SCHED_FIFO);
+  ASSERT_EQ(sched_setscheduler(0, SCHED_FIFO, &lowest), -1) << "the refusal is in force";
+  EXPECT_EQ(expect(LatencyProbe(kMebibyte, -1, kShort)).realTimeNote, std::strerror(EPERM));
 }
 
 TEST(LatencyProbe, IsRefusedMemoryWithTheReason) {

@@ -69,12 +69,14 @@ TEST(Report, HasTheLatencyOfMemory) {
               HasSubstr("over 256 MiB in pages of 2 MiB, CPU 3; its own load 2 MB/s, 0.014 % of the engines' "
                         "bytes; 8 of 328 bursts interrupted\n"));
   EXPECT_THAT(text, HasSubstr("over parts of it: 1 MiB 9 ns, 64 MiB 90 ns, 256 MiB 100 ns\n"));
-  EXPECT_THAT(text, Not(HasSubstr("warning: latency")));
+  EXPECT_THAT(text, AllOf(Not(HasSubstr("warning: latency")), Not(HasSubstr("real-time"))));
   scope::Run mixed = run;
   mixed.info.latency.pages = "2 MiB and 4 KiB";
+  mixed.info.latency.realTimeNote = "Operation not permitted";
   mixed.info.latency.hugeBytes = std::uint64_t{192} << 20;
   EXPECT_THAT(ReportText({Reported(mixed, "one")}, 200),
-              HasSubstr("CPU 3 (75 % of it in huge pages); its own"));
+              AllOf(HasSubstr("CPU 3 (75 % of it in huge pages); its own"),
+                    HasSubstr("bursts interrupted; without real-time priority: Operation not permitted\n")));
   const nlohmann::json data = DataOf({Reported(run, "one")})["runs"][0];
   EXPECT_EQ(data["latency"]["growth"][1]["p50_ns"], 90);
   EXPECT_EQ(data["latency_seconds"]["p50_ns"][1], 150);

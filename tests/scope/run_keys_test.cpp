@@ -123,8 +123,9 @@ TEST(RunKeys, ReadWhatWasWritten) {
   info.conditions.ownCpus = "vpc: 1";
   info.guard = {1 << 30, "clflush", true, 9, 8, 7, 6, 5, 4};
   info.conditions.latency = "256 MiB in pages of 2 MiB, CPU 1";
-  info.latency = {
-      1, 2, "2 MiB", 3, 4, "why", "rdtsc", 5.5, 6.5, 7, 8, 9, 10, 11, 12, 13, 14.5, 15, {{16, 17}, {18, 19}}};
+  info.latency = {1,     2,       "2 MiB", 3,   4,    "why", true,
+                  "not", "rdtsc", 5.5,     6.5, 7,    8,     9,
+                  10,    11,      12,      13,  14.5, 15,    {{16, 17}, {18, 19}}};
   info.verification = {{"cpu", "judged", 9, 8, 7, 6, 5, 4, 3, 0.5, 2, 1, true}};
   info.streams = {{"0123", {"4567", "", "89ab"}}};
   info.filling = {{"vpc", 3, 2, 1}};

@@ -84,10 +84,12 @@ std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary)
   if (latency.bytes == 0) return {};
   std::vector<std::string> texts = {FiguresText(run, summary)};
   const std::optional<double> share = LoadShare(run, summary);
-  texts.push_back("over " + run.info.conditions.latency + HugeShareText(latency) +
-                  Format("; its own load %.3g MB/s", latency.bytesPerS / 1e6) +
-                  (share ? Format(", %.2g %% of the engines' bytes; ", *share * 100) : std::string("; ")) +
-                  BurstsText(latency));
+  texts.push_back(
+      "over " + run.info.conditions.latency + HugeShareText(latency) +
+      Format("; its own load %.3g MB/s", latency.bytesPerS / 1e6) +
+      (share ? Format(", %.2g %% of the engines' bytes; ", *share * 100) : std::string("; ")) +
+      BurstsText(latency) +
+      (latency.realTimeNote.empty() ? "" : "; without real-time priority: " + latency.realTimeNote));
   texts.push_back("before the run, over parts of it: " + GrowthText(latency.growth));
   return texts;
 }

@@ -151,6 +151,8 @@ struct LatencySummary {
   std::uint64_t hugeBytes = 0;  ///< of `bytes`, in huge pages
   int cpu = -1;                 ///< -1: it had no CPU of its own
   std::string cpuNote;          ///< why it has none
+  bool realTime = false;        ///< it ran before all programs without a real-time priority
+  std::string realTimeNote;     ///< why it did not
   std::string timer;
   double timerNs = 0;      ///< what timing takes itself; it is not in the figures
   double timerStepNs = 0;  ///< the least difference that the timer shows

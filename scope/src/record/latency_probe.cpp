@@ -81,6 +81,8 @@ LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rh
   summary_.pages = LatencyPages(setup.bytes, setup.hugeBytes);
   summary_.cpu = setup.cpu;
   if (setup.cpu < 0) summary_.cpuNote = std::strerror(setup.cpuError);
+  summary_.realTime = setup.realTimeError == 0;
+  if (!summary_.realTime) summary_.realTimeNote = std::strerror(setup.realTimeError);
   summary_.timer = kTimerName;
   summary_.timerNs = setup.timerNs;
   summary_.timerStepNs = setup.timerStepNs;
@@ -151,7 +153,8 @@ std::string LatencyText(const LatencySummary& latency) {
   return Format("%.0f MiB in pages of ",
                 static_cast<double>(latency.bytes) / static_cast<double>(kMebibyteOfProbe)) +
          latency.pages +
-         (latency.cpu < 0 ? std::string(", no CPU of its own") : ", CPU " + std::to_string(latency.cpu));
+         (latency.cpu < 0 ? std::string(", no CPU of its own") : ", CPU " + std::to_string(latency.cpu)) +
+         (latency.realTime ? ", real-time" : "");
 }
 
 }  // namespace scope

@@ -64,7 +64,8 @@ class LatencyProbe {
   std::uint64_t allAccesses_ = 0;
 };
 
-/// What figures are of: "256 MiB in pages of 2 MiB, CPU 1". Runs in which it differs are not compared.
+/// What figures are of: "256 MiB in pages of 2 MiB, CPU 1, real-time". Runs in which it differs are not
+/// compared.
 std::string LatencyText(const LatencySummary& latency);
 
 }  // namespace scope

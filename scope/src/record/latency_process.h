@@ -21,8 +21,9 @@ struct LatencySetup {
   std::uint64_t bytes = 0;
   std::uint64_t lineBytes = 0;
   std::uint64_t hugeBytes = 0;
-  std::int32_t cpu = -1;      ///< -1: the system did not let it choose one
-  std::int32_t cpuError = 0;  ///< errno of that
+  std::int32_t cpu = -1;           ///< -1: the system did not let it choose one
+  std::int32_t cpuError = 0;       ///< errno of that
+  std::int32_t realTimeError = 0;  ///< errno: it is scheduled as other programs are; 0: before all of these
   double timerNs = 0;
   double timerStepNs = 0;
   std::size_t growths = 0;

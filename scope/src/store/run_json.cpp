@@ -210,6 +210,8 @@ static void VisitLatency(Summary& latency, const Visit& visit) {
   visit("huge_bytes", latency.hugeBytes);
   visit("cpu", latency.cpu);
   visit("cpu_note", latency.cpuNote);
+  visit("real_time", latency.realTime);
+  visit("real_time_note", latency.realTimeNote);
   visit("timer", latency.timer);
   visit("timer_ns", latency.timerNs);
   visit("timer_step_ns", latency.timerStepNs);
