@@ -16,8 +16,8 @@ std::vector<std::string> LatencyTexts(const Run& run, const RunSummary& summary)
 /// "1 MiB 9 ns, 4 MiB 113 ns"
 std::string GrowthText(const std::vector<LatencyGrowth>& growth);
 
-/// The latency over parts of the memory before the load, as the median of several runs; without the sizes
-/// that only some of them have.
+/// The latency over parts of the memory before the load, as the median of several runs; without sizes that
+/// few of them have.
 std::vector<LatencyGrowth> MedianGrowth(const std::vector<Run>& runs);
 
 /// A reason to doubt these figures.

@@ -33,7 +33,7 @@ std::string InterruptedText(const CurveTablePoint& point) {
 
 std::string TableOf(const CurveTable& table, std::size_t width) {
   TextTable rows("lrrlrlrrrr");
-  rows.Add({"point", "runs", "GB/s", "95 %", "p50 ns", "95 %", "p99", "p99.9", "longest", "interrupted"});
+  rows.Add({"point", "runs", "GB/s", "95 %", "p50 ns", "95 %", "p99", "p99.9", "longest", "lost"});
   for (const CurveTablePoint& point : table.points) {
     const auto at = [&point](double CurveValue::* figure) { return EstimateAt(point, figure); };
     const auto runs = std::count_if(point.values.begin(), point.values.end(),
@@ -54,7 +54,7 @@ std::string CurveText(const CurveTable& table, std::size_t width) {
   if (!table.infos.empty())
     text += "Latency of " + Printable(table.infos.front().info.conditions.latency) + "\n";
   text += '\n' + TableOf(table, width) +
-          "Bursts in which the probe lost its processor are interrupted: they are in no figure.\n\n";
+          "lost: the share of the bursts in which the probe lost its processor; these are in no figure\n\n";
   const std::optional<CurveFigures> figures = FiguresOf(table);
   if (figures) {
     for (const std::string& sentence : CurveSentences(table, *figures)) text += sentence + '\n';
