@@ -940,6 +940,11 @@ TEST(Check, ATimeWithoutItsCpuIsNoneOfACheck) {
       // Where the system does not tell processor time, the clock counts, and checks are as rare as it says.
       EXPECT_EQ(CheckCounts(Engine::kCpu).whole, isTold ? 40U : 1U);
       EXPECT_EQ(CheckCounts(Engine::kVpc).whole, isTold ? 8U + 24 : 8U) << "and parts of the source";
+      // Drawn blocks are timed by the clock.
+      const Worker drawing(Engine::kCpu, 1);
+      for (int i = 0; i < 11; ++i) Copy(drawing, source, 1);
+      EXPECT_EQ(CheckerOf(*drawing.counters).whole, 1U);
+      EXPECT_EQ(CheckerOf(*drawing.counters).spentNs, 10 * 20'000U);
     });
   }
 }
