@@ -323,27 +323,6 @@ TEST(Guard, WalksOnceMoreAtTheEnd) {
   EXPECT_EQ(guard.Descriptor(), -1);
 }
 
-TEST(Guard, OneThatWasStoppedWalksOnAtTheEnd) {
-  Guard guard(kGuarded, 100);
-  ASSERT_EQ(kill(guard.Id(), SIGSTOP), 0);
-  int status = 0;
-  ASSERT_EQ(waitpid(guard.Id(), &status, WUNTRACED), guard.Id());
-  ASSERT_TRUE(WIFSTOPPED(status));
-  Seen seen;
-  guard.Read(0, seen.errors, seen.values);
-  EXPECT_EQ(guard.Fault(), "") << "a stopped one has not ended";
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  guard.BeginLastWalk();
-  while (guard.Descriptor() >= 0 && std::chrono::steady_clock::now() < limit) {
-    pollfd wait{guard.Descriptor(), POLLIN, 0};
-    (void)poll(&wait, 1, 100);
-    guard.Read(0, seen.errors, seen.values);
-  }
-  EXPECT_EQ(guard.Descriptor(), -1) << "it still stands";
-  EXPECT_EQ(guard.Fault(), "");
-  EXPECT_GT(guard.Summary().walks, 0U);
-}
-
 TEST(Guard, ASignalEndsItWhileItFillsItsMemory) {
   Signals signals;
   ASSERT_EQ(kill(getpid(), SIGINT), 0);

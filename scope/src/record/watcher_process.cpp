@@ -116,8 +116,6 @@ void WatcherProcess::Send(const void* packet, std::size_t bytes) const {
 
 void WatcherProcess::EndSending() const {
   if (descriptor_ >= 0) (void)shutdown(descriptor_, SHUT_WR);
-  // One that somebody has stopped would never read it.
-  if (id_ > 0) (void)kill(id_, SIGCONT);
 }
 
 void SendOrExit(int socket, const void* packet, std::size_t bytes) {

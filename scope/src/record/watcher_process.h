@@ -37,7 +37,7 @@ class WatcherProcess {
   bool Await(Signals& signals) const;
   /// Sends a packet to the process.
   void Send(const void* packet, std::size_t bytes) const;
-  /// The process reads the end of its socket: nothing more is sent to it. It goes on if it was stopped.
+  /// The process reads the end of its socket: nothing more is sent to it.
   void EndSending() const;
 
   /// The process has said that it ends: its end is no fault.
