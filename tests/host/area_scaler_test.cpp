@@ -125,6 +125,19 @@ TEST_P(AreaKernelTest, HasTheResultsOfThePlainLoopsForRandomSizes) {
   }
 }
 
+// A float has too few bits for the sums of so large an area.
+TEST_P(AreaKernelTest, DividesALargeAreaExactly) {
+  constexpr std::size_t kPixels = std::size_t{3240} * 256;
+  std::vector<std::uint8_t> source(kPixels, 200);
+  std::fill_n(source.begin(), kPixels / 2, std::uint8_t{201});
+  std::uint8_t result = 0;
+  scaler_.Scale({3240, 256, 1}, source.data(), {1, 1, 1}, &result, nullptr);
+  EXPECT_EQ(result, 201) << "a half is rounded upwards";
+  source.front() = 200;
+  scaler_.Scale({3240, 256, 1}, source.data(), {1, 1, 1}, &result, nullptr);
+  EXPECT_EQ(result, 200) << "just below a half";
+}
+
 std::set<std::uintptr_t> LinesOf(const void* memory, std::size_t bytes) {
   std::set<std::uintptr_t> lines;
   const auto begin = reinterpret_cast<std::uintptr_t>(memory);
