@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "errors.h"
+#include "memory_amount.h"
 #include "memory_limit.h"
-#include "memory_share.h"
 #include "system_files.h"
 #include "text_format.h"
 
@@ -34,8 +34,8 @@ std::uint64_t AvailableBytes(const std::string& systemRoot) {
 
 std::uint64_t MemoryBytes(const std::string& option, const std::string& size, std::uint64_t availableBytes,
                           std::uint64_t leastBytes) {
-  const std::optional<MemoryShare> share = ParseMemoryShare(size);
-  if (!share) throw UserError(option + ": " + kMemoryShareWords + ", found \"" + size + "\"");
+  const std::optional<MemoryAmount> share = ParseMemoryAmount(size);
+  if (!share) throw UserError(option + ": " + kMemoryAmountWords + ", found \"" + size + "\"");
   const double bytes =
       share->isPercent ? share->number / 100 * static_cast<double>(availableBytes) : share->number;
   if (availableBytes == 0) throw UserError(option + ": the system does not say how much memory is available");

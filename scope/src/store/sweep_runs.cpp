@@ -7,7 +7,7 @@
 #include <set>
 
 #include "errors.h"
-#include "memory_share.h"
+#include "memory_amount.h"
 #include "protocol.h"
 #include "text_format.h"
 
@@ -66,8 +66,8 @@ void RequireChecks(const RunSettings& settings) {
   const std::vector<std::string> fills(std::begin(kFillNames), std::end(kFillNames));
   require(settings.fill.empty() || std::count(fills.begin(), fills.end(), settings.fill) != 0, "fill",
           "expected one of " + Joined(fills, ", ") + ", found \"" + settings.fill + "\"");
-  require(settings.guard.empty() || ParseMemoryShare(settings.guard), "guard",
-          kMemoryShareWords + (", found \"" + settings.guard + "\""));
+  require(settings.guard.empty() || ParseMemoryAmount(settings.guard), "guard",
+          kMemoryAmountWords + (", found \"" + settings.guard + "\""));
   require(settings.guardRate >= kLeastGuardRate && settings.guardRate <= kMostGuardRate, "guard_rate",
           Format("expected a number from %g to %g, found %g", kLeastGuardRate, kMostGuardRate,
                  settings.guardRate));

@@ -7,16 +7,16 @@
 namespace scope {
 
 /// An amount of memory as options take it.
-struct MemoryShare {
+struct MemoryAmount {
   double number = 0;
   bool isPercent = false;  ///< of the memory that is available; otherwise `number` is in bytes
 };
 
 /// "65536", "512M" (K, M and G are powers of 1024) or "25%". None if `text` is something else.
-std::optional<MemoryShare> ParseMemoryShare(const std::string& text);
+std::optional<MemoryAmount> ParseMemoryAmount(const std::string& text);
 
 /// What is expected, for messages.
-constexpr const char* kMemoryShareWords =
+constexpr const char* kMemoryAmountWords =
     "expected a size as 512M or 2G, or a share of the available memory as 25%";
 
 }  // namespace scope
