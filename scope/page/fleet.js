@@ -196,7 +196,7 @@ function nightSection(data) {
   const shown = data.nights.slice(data.first_night).reverse();
   const rows = shown.map(({night, cells, done, errors, compared}) => el('tr', {}, rowHeading(night), el('td', {}, thousands(cells)),
       el('td', {class: done < cells && 'bad'}, thousands(done)), el('td', {class: errors > 0 && 'bad'}, thousands(errors)),
-      el('td', {}, compared ? 'yes' : 'no: another configuration or other times')));
+      el('td', {}, compared ? 'yes' : 'no: another configuration, other times or other checks')));
   const cut = data.first_night > 0 ? [el('p', {}, `${thousands(data.first_night)} earlier.`)] : [];
   return section('Nights', table('nights', ['Night', 'Cells', 'Done', 'Errors', 'Compared'], [], rows), ...cut);
 }

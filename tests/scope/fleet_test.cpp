@@ -396,8 +396,7 @@ TEST_F(FleetFolderTest, WhatIsNotKnownOfErrorsIsSaid) {
   for (int cell = 1; cell <= 2; ++cell) Edit(CellFile(1, cell), [](Json& json) { json.erase("errors"); });
   const Fleet fleet = ReadFleet(Dir());
   EXPECT_THAT(fleet.errors, IsEmpty());
-  EXPECT_THAT(fleet.notes,
-              ElementsAre("an earlier version recorded 2 cells and did not keep whether errors were found"));
+  EXPECT_THAT(fleet.notes, ElementsAre("of 2 cells it is not known whether errors were found"));
 }
 
 // Whatever a cell.json holds, the other cells are judged, and the figures of this one are not.
@@ -457,10 +456,11 @@ TEST_F(FleetFolderTest, NightsOfAnotherKindAreLeftOutAndTheUserIsTold) {
   Edit(Night(2) + "/plan.json", [](Json& json) { json["stop_after_s"] = 99; });
   const Fleet fleet = ReadFleet(Dir());
   EXPECT_EQ(fleet.nights.size(), 2U);
-  EXPECT_THAT(fleet.notes,
-              ElementsAre("left out, because there is no plan.json: notes",
-                          HasSubstr("the night 2026-11-01 is left out: "),
-                          HasSubstr("1 night not compared: the configuration or the times differ")));
+  EXPECT_THAT(
+      fleet.notes,
+      ElementsAre("left out, because there is no plan.json: notes",
+                  HasSubstr("the night 2026-11-01 is left out: "),
+                  HasSubstr("1 night not compared: the configuration, the times or the checks differ")));
   folder_.Put("nights/2026-11-03/plan.json", "{");
   EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(Dir()); }), HasSubstr("2026-11-03/plan.json: "));
   EXPECT_THAT(ErrorOf([&] { (void)ReadFleet(folder_ / "none"); }), HasSubstr("cannot read the folder "));

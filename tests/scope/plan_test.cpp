@@ -236,10 +236,20 @@ TEST(CollectionTest, WhatIsNotKnownIsNotNone) {
   plan.cells = {{CellFolder(1), "", {}, {}, 1}};
   const std::vector<CellStatus> cells = Collect(folder.Path(), plan);
   EXPECT_THAT(CollectionText("night", plan, cells, {}),
-              HasSubstr("\n1 cell of an earlier version, which did not keep whether errors were found\n"));
+              HasSubstr("\nof 1 cell it is not known whether errors were found\n"));
   json = nlohmann::json::parse(CollectionJson("night", plan, cells));
   EXPECT_TRUE(json.at("cells").at(0).at("errors").is_null());
   EXPECT_EQ(json.at("cells_with_errors"), 0);
+}
+
+TEST(CollectionTest, WhatCannotBeReadIsNotNone) {
+  const TemporaryFolder folder;
+  folder.Put("attempts/cell-0001/1/errors.csv", "no such table\n");
+  Plan plan;
+  plan.cells = {{CellFolder(1), "", {}, {}, 1}};
+  EXPECT_FALSE(Collect(folder.Path(), plan).at(0).errors);
+  folder.Put("attempts/cell-0001/1/errors.csv", "");
+  EXPECT_EQ(Collect(folder.Path(), plan).at(0).errors, SourceErrors());
 }
 
 // They are not lost among cells that have failed.
@@ -520,14 +530,16 @@ TEST_F(PlanTest, ThePlanSaysWhatEachCellChecks) {
     EXPECT_THAT(folder_.Get("plan.json"), Not(HasSubstr(key))) << "as plans were before";
 }
 
-TEST_F(PlanTest, AFullDiskFailsTheCellAndTheNextRunnerRecordsIt) {
+TEST_F(PlanTest, AFullDiskIsNoFailureOfTheBoardAndTheNextRunnerRecordsTheCell) {
   Script(
       "ln -s /dev/full \"$(dirname \"$1\")/rates.txt\"\necho 'cpuStress : 5.0 fps. ispStress : 30.0 fps.'");
   MakeSmallPlan();
   const ToolResult full = RunCell(1);
   EXPECT_EQ(full.status, 1);
   EXPECT_THAT(full.errors, HasSubstr("rates.txt: No space left on device"));
-  EXPECT_EQ(StateOf(1), "failed");
+  EXPECT_EQ(nlohmann::json::parse(std::ifstream(Folder() + "/attempts/cell-0001/1/cell.json")).at("state"),
+            "failed");
+  EXPECT_EQ(StateOf(1), "interrupted");
   Counting();
   EXPECT_EQ(RunCell(1).status, 0);
   EXPECT_EQ(StateOf(1), "done");
@@ -636,14 +648,14 @@ TEST_F(PlanTest, NoTwoAttemptsHaveTheSameFolder) {
   EXPECT_EQ(all.size(), 200U);
 }
 
-TEST_F(PlanTest, ABenchmarkThatCannotBeStartedFailsTheCell) {
+TEST_F(PlanTest, ABenchmarkThatCannotBeStartedIsNoFailureOfTheBoard) {
   Script("");
   folder_.Put("benchmark", "no program");
   MakeSmallPlan();
   const ToolResult result = RunCell(1);
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors, HasSubstr("cell 1 failed: cannot start "));
-  EXPECT_EQ(StateOf(1), "failed");
+  EXPECT_EQ(StateOf(1), "interrupted") << "no fault of the board";
   EXPECT_THAT(ReasonOf(1), HasSubstr("cannot start "));
 }
 

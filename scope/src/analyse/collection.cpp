@@ -40,7 +40,7 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
     if (!record && !fs::exists(fs::symlink_status(folder, ignored))) return {};
     if (!record) {
       status.reason = "cell.json is missing";
-      status.errors = ReadFoundErrors(folder).counts;
+      status.errors = KnownErrors(folder);
       return status;
     }
     status.board = record->board;
@@ -54,7 +54,7 @@ CellStatus FinalStatus(const std::string& root, const std::string& plan, const P
     if (taken != nullptr) *taken = std::move(*record);
   } catch (const UserError& error) {
     status.reason = error.what();
-    status.errors = ReadFoundErrors(folder).counts;
+    status.errors = KnownErrors(folder);
   }
   return status;
 }
@@ -100,7 +100,7 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder,
     if (!record) {
       status.reason = IsRunFolder(folder) ? ReadRunInfo(folder).incompleteReason : kRecorderEnded;
       if (status.reason == kRecorderEnded) status.reason = "it is being recorded, or its recorder was killed";
-      status.errors = ReadFoundErrors(folder).counts;
+      status.errors = KnownErrors(folder);
       return status;
     }
     status.board = record->board;
@@ -111,11 +111,13 @@ CellStatus AttemptStatus(const std::string& root, const std::string& cellFolder,
     if (!IsMessage(*record)) status.errors = record->errors;
     if (record->state == CellState::kDone)
       status.reason = "done, but not moved into place: run the cell again";
+    else if (record->isRecorderFault)
+      status.state = CellState::kInterrupted;  // it says nothing about the board
     else
       status.state = record->state;
   } catch (const UserError& error) {
     status.reason = error.what();
-    status.errors = ReadFoundErrors(folder).counts;
+    status.errors = KnownErrors(folder);
   }
   return status;
 }

@@ -87,8 +87,7 @@ class FleetReader {
 
   Fleet Take() {
     if (unknown_ != 0) {
-      Note("an earlier version recorded " + Counted(unknown_, "cell") +
-           " and did not keep whether errors were found");
+      Note("of " + Counted(unknown_, "cell") + " it is not known whether errors were found");
     }
     const auto order = [](const FleetValue& value) {
       return std::tie(value.measure, value.board, value.night);
@@ -274,8 +273,9 @@ Fleet ReadFleet(const std::string& folder) {
     reader.Read(name, path, *plan, isLast, isAlike);
   }
   if (others != 0) {
-    reader.Note(Counted(others, "night") +
-                " not compared: the configuration or the times differ from those of the last one");
+    reader.Note(
+        Counted(others, "night") +
+        " not compared: the configuration, the times or the checks differ from those of the last one");
   }
   return reader.Take();
 }

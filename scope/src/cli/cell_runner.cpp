@@ -80,7 +80,7 @@ void Apply(const PlanCell& cell, const CellOptions& options, const RunSettings& 
 void AddFromRun(const std::string& attempt, double warmupS, CellRecord& record) {
   if (!IsRunFolder(attempt)) return;
   // The recorder may have ended, or its disk been full, before run.json had them.
-  record.errors = ReadFoundErrors(attempt).counts;
+  record.errors = KnownErrors(attempt);
   try {
     const RunInfo info = ReadRunInfo(attempt);
     record.machine = info.conditions.hostnameHash;

@@ -37,7 +37,7 @@ FleetHistory HistoryFor(const FleetCommand& command, const Fleet& fleet) {
   FleetHistory history = ReadBaseline(command.baseline);
   if (history.setup == fleet.nights.back().setup) return history;
   throw UserError("the baseline " + command.baseline +
-                  " is of another plan: its configuration or times differ from " + "those of the night " +
+                  " is of another plan: its configuration, times or checks differ from those of the night " +
                   fleet.nights.back().name + ". Make a new one with --save-baseline");
 }
 
@@ -59,7 +59,7 @@ void Save(const FleetCommand& command, const FleetReport& report) {
   }
   if (!command.junit.empty()) WritePage({command.junit, true}, FleetJunit(report));
   if (!command.saveBaseline.empty()) {
-    // Nights of another configuration or other times are no part of it.
+    // Nights of another configuration, other times or other checks are no part of it.
     const FleetHistory history = HistoryOf(report.fleet, report.fleet.nights.size(), UtcNow());
     WriteBaseline(command.saveBaseline, history);
     told += "\nbaseline of " + Counted(history.nights.size(), "night") + " in " +

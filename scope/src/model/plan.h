@@ -65,8 +65,9 @@ struct CellRecord {
   bool isHung = false;                   ///< it failed because something did not end
   /// It failed because the recorder did: that says nothing about the board.
   bool isRecorderFault = false;
-  /// What the run has found, done or not. Not known (no value) if an earlier version wrote the record. Of an
-  /// attempt that has no run and only says how it ended: what the run before it has found.
+  /// What the run has found, done or not. Not known (no value) if an earlier version wrote the record, or a
+  /// file of the run cannot be read. Of an attempt that has no run and only says how it ended: what the run
+  /// before it has found.
   std::optional<SourceErrors> errors = SourceErrors();
   std::optional<bool> looksForErrors = false;  ///< as LooksForErrors says; no value: not known
   std::vector<CellFigure> figures;             ///< of a run that is done

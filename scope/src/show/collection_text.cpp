@@ -94,9 +94,7 @@ std::string ErrorHead(const std::vector<CellStatus>& cells, const TextStyle& sty
   if (const std::size_t count = CountWithErrors(cells); count != 0)
     text =
         Painted(Counted(count, "cell") + " with " + Printable(CountsText(all)), Colour::kBad, style) + "\n";
-  if (unknown != 0)
-    text +=
-        Counted(unknown, "cell") + " of an earlier version, which did not keep whether errors were found\n";
+  if (unknown != 0) text += "of " + Counted(unknown, "cell") + " it is not known whether errors were found\n";
   return text;
 }
 

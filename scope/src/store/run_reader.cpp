@@ -149,6 +149,12 @@ FoundErrors ReadFoundErrors(const std::string& folder) {
   return found;
 }
 
+std::optional<SourceErrors> KnownErrors(const std::string& folder) {
+  FoundErrors found = ReadFoundErrors(folder);
+  if (found.counts.empty() && !found.unreadable.empty()) return {};
+  return std::move(found.counts);
+}
+
 Run ReadRun(const std::string& folder) {
   Run run;
   run.folder = folder;

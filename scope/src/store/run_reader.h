@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ struct FoundErrors {
 /// Reads run.json and errors.csv of `folder`: the run may have been cut off, and a machine that died may have
 /// damaged one of the two files. Empty for a folder without a run.
 FoundErrors ReadFoundErrors(const std::string& folder);
+
+/// The counts of ReadFoundErrors. No value where nothing was found and something could not be read: what the
+/// run has found is not known then.
+std::optional<SourceErrors> KnownErrors(const std::string& folder);
 
 /// True if `folder` contains a run.json, whatever its content. Throws UserError if this cannot be found out.
 bool IsRunFolder(const std::string& folder);
