@@ -679,7 +679,7 @@ void FailLastAllocations(std::size_t last, Prepare prepare, Step step, Check che
 }
 
 TEST_F(DnnTest, BuffersThatCannotBeListedAreNotMade) {
-  if (!FailingMemory::kWorks) GTEST_SKIP();
+  if (!FailingMemory::kWorks) GTEST_SKIP() << FailingMemory::kWhyNot;
   const std::string path = Write(Threefold());
   FailLastAllocations(
       8, [&](QetDNNHandle& handle) { ASSERT_EQ(Ormis::QetDNNModelInitialize(handle, path), Ormis::kQetOk); },
@@ -710,7 +710,7 @@ TEST_F(DnnTest, BuffersThatCannotBeListedAreNotMade) {
 }
 
 TEST_F(DnnTest, AModelThatCannotBeListedLeavesTheHandleAsItWas) {
-  if (!FailingMemory::kWorks) GTEST_SKIP();
+  if (!FailingMemory::kWorks) GTEST_SKIP() << FailingMemory::kWhyNot;
   const std::string path = Write(TinyNetwork());
   const std::string before(100, 'x');
   FailLastAllocations(

@@ -146,18 +146,28 @@ TEST_F(EngineSettingsTest, AnEncoderThatIsAskedForAndDoesNotWorkIsAFailure) {
   EXPECT_THAT(text, testing::EndsWith(" (settings: encoder h264_nvenc)"));
 }
 
-// libx264 writes the settings that it uses into its first packet.
-TEST_F(EngineSettingsTest, TheSoftwareEncoderGetsTheSettings) {
-  Restart("encoder: libx264");
-  QetVenc venc;
-  (void)LogOfInit(venc);
-  std::vector<std::uint8_t> pixels(std::size_t{64} * 48 * 3 / 2);
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kFrameBytes = std::size_t{64} * 48 * 3 / 2;
+
+/// A frame of 64 x 48 pixels over these bytes.
+ImageData FrameOf(Bytes& pixels) {
   ImageData frame;
   frame.width = 64;
   frame.height = 48;
   frame.dataSize = static_cast<std::uint32_t>(pixels.size());
   frame.imageType = Ormis::kQetImageYuv420sp;
   frame.data = pixels.data();
+  return frame;
+}
+
+// libx264 writes the settings that it uses into its first packet.
+TEST_F(EngineSettingsTest, TheSoftwareEncoderGetsTheSettings) {
+  Restart("encoder: libx264");
+  QetVenc venc;
+  (void)LogOfInit(venc);
+  Bytes pixels(kFrameBytes);
+  const ImageData frame = FrameOf(pixels);
 
   // A frame of which the engine makes nothing.
   onReceive = AVERROR(EAGAIN);
@@ -179,12 +189,10 @@ TEST_F(EngineSettingsTest, TheSoftwareEncoderGetsTheSettings) {
   EXPECT_EQ(venc.ReleaseStream(stream), Ormis::kQetOk);
 }
 
-using Bytes = std::vector<std::uint8_t>;
-
 /// The streams of a few frames of noise.
 Bytes Encoded(QetVenc& venc) {
   EXPECT_EQ(venc.Init(), Ormis::kQetOk);
-  Bytes pixels(std::size_t{64} * 48 * 3 / 2);
+  Bytes pixels(kFrameBytes);
   Bytes streams;
   std::uint32_t state = 7;
   for (int i = 0; i < 3; ++i) {
@@ -192,12 +200,7 @@ Bytes Encoded(QetVenc& venc) {
       state = state * 1664525U + 1U;
       pixel = static_cast<std::uint8_t>(state >> 24U);
     }
-    ImageData frame;
-    frame.width = 64;
-    frame.height = 48;
-    frame.dataSize = static_cast<std::uint32_t>(pixels.size());
-    frame.imageType = Ormis::kQetImageYuv420sp;
-    frame.data = pixels.data();
+    const ImageData frame = FrameOf(pixels);
     EXPECT_EQ(venc.SendFrame(frame), Ormis::kQetOk);
     ux_venc_stream stream{};
     EXPECT_EQ(venc.GetStream(stream), Ormis::kQetOk);

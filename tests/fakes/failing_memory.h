@@ -9,6 +9,8 @@
 /// new cannot be replaced. Threads: at most one object in each thread.
 class FailingMemory {
  public:
+  /// Why tests are skipped where it does not work.
+  static constexpr const char* kWhyNot = "ThreadSanitizer's operator new cannot be replaced";
   static constexpr bool kWorks =
 #if __has_feature(thread_sanitizer)
       false;

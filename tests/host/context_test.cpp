@@ -220,7 +220,7 @@ TEST_F(ContextTest, ReleaseCountsOneOfAKindInTheSingular) {
 // Makes each allocation fail in turn. The release succeeds all the same; only the list of what was left is
 // lost.
 TEST_F(ContextTest, ReleaseNeedsNoMemory) {
-  if (!FailingMemory::kWorks) GTEST_SKIP();
+  if (!FailingMemory::kWorks) GTEST_SKIP() << FailingMemory::kWhyNot;
   std::size_t faults = 0;
   for (std::size_t failAt = 1;; ++failAt) {
     ASSERT_LT(failAt, 1000U);

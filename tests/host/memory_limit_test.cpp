@@ -130,7 +130,7 @@ TEST_F(MemoryLimitTest, WhereTheMachineDoesNotSayTheGroupsCount) {
 
 // Makes each allocation fail in turn: a limit that is overlooked for want of memory would be a wrong answer.
 TEST_F(MemoryLimitTest, WantOfMemoryIsNotTheEndOfTheGroups) {
-  if (!FailingMemory::kWorks) GTEST_SKIP();
+  if (!FailingMemory::kWorks) GTEST_SKIP() << FailingMemory::kWhyNot;
   const std::string group = "/a/group/whose/name/takes/more/than/a/string/holds/in/itself";
   Write("proc/self/cgroup", "7:a,list,of,controllers,which,is/long:/none\n0::" + group);
   Write("sys/fs/cgroup" + group + "/memory.max", "3000000");
@@ -162,26 +162,23 @@ class ImageLimitTest : public PlatformTest {};
 TEST_F(ImageLimitTest, AllImagesTogetherTakeHalfOfTheMemory) {
   const PretendedMemory machine(std::uint64_t{1} << 20U);
   std::vector<ImageData> images(2, Record(512, 512, 0));  // 768 KiB
-  ExpectFailure(kQetOutOfMemory, "QetImageMallocAligned",
-                "no memory for an image of 786432 bytes beside 0 of other images, expected at most 524288 in "
-                "all: half of the memory of the machine, or of this process's control group",
-                [&] { return QetImageMallocAligned(images[0]); });
+  const auto expectRefused = [](ImageData& image, const std::string& bytes, const std::string& others,
+                                const std::string& most) {
+    ExpectFailure(kQetOutOfMemory, "QetImageMallocAligned",
+                  "no memory for an image of " + bytes + " bytes beside " + others +
+                      " of other images, expected at most " + most +
+                      " in all: half of the memory of the machine, or of this process's control group",
+                  [&] { return QetImageMallocAligned(image); });
+  };
+  expectRefused(images[0], "786432", "0", "524288");
   EXPECT_EQ(asked, 1);
   EXPECT_EQ(images[0].data, nullptr);
   images.assign(2, Record(512, 256, 0));  // 384 KiB
   ASSERT_EQ(QetImageMallocAligned(images[0]), kQetOk);
-  ExpectFailure(
-      kQetOutOfMemory, "QetImageMallocAligned",
-      "no memory for an image of 393216 bytes beside 393216 of other images, expected at most 524288 "
-      "in all: half of the memory of the machine, or of this process's control group",
-      [&] { return QetImageMallocAligned(images[1]); });
+  expectRefused(images[1], "393216", "393216", "524288");
   {
     const PretendedMemory smaller(std::uint64_t{1} << 18U);
-    ExpectFailure(
-        kQetOutOfMemory, "QetImageMallocAligned",
-        "no memory for an image of 393216 bytes beside 393216 of other images, expected at most 131072 "
-        "in all: half of the memory of the machine, or of this process's control group",
-        [&] { return QetImageMallocAligned(images[1]); });
+    expectRefused(images[1], "393216", "393216", "131072");
   }
   const PretendedMemory machineAgain(std::uint64_t{1} << 20U);
   ASSERT_EQ(QetImageDestroy(images[0]), kQetOk);
