@@ -97,7 +97,7 @@ TEST_F(FleetTest, ABaselineStandsForTheEarlierNights) {
   }());
   const ToolResult other = Fleet({"--baseline", folder_ / "good.json"});
   EXPECT_EQ(other.status, 2);
-  EXPECT_THAT(other.errors, HasSubstr("is of another plan: its configuration or times differ"));
+  EXPECT_THAT(other.errors, HasSubstr("is of another plan: its configuration, times or checks differ"));
   folder_.Put("good.json", "{");
   EXPECT_EQ(Fleet({"--baseline", folder_ / "good.json"}).status, 2);
 }
