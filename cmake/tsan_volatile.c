@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 /* The thread sanitizer's hooks for volatile accesses, which do nothing: the stop flag is a plain volatile int
- * that is read and written without lock or atomic operation, and that is required. Besides it nothing
- * volatile is shared but a flag that signal handlers set, so little else escapes the sanitizer. */
+ * that is read and written without lock or atomic operation, which is deliberate: tests enforce it. Besides
+ * it nothing volatile is shared but a flag that signal handlers set, so little else escapes the sanitizer. */
 
 #define HOOK(name)           \
   void name(void* address);  \
