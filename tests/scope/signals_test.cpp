@@ -32,8 +32,14 @@ bool Readable(const Signals& signals) {
   return poll(&wait, 1, 0) == 1;
 }
 
+// Whatever started this program may ignore it.
+void TakeHangUp() {
+  ASSERT_NE(std::signal(SIGHUP, SIG_DFL), SIG_ERR);
+}
+
 TEST(SignalsTest, TellsOfASignalInsteadOfDyingOfIt) {
-  for (const int signal : {SIGINT, SIGTERM}) {
+  TakeHangUp();
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     Signals signals;
     EXPECT_FALSE(Readable(signals));
     EXPECT_FALSE(signals.TakeStop());
@@ -43,6 +49,20 @@ TEST(SignalsTest, TellsOfASignalInsteadOfDyingOfIt) {
     EXPECT_FALSE(Readable(signals));
     EXPECT_FALSE(signals.TakeStop());
   }
+}
+
+// As under nohup.
+TEST(SignalsTest, AHangUpThatIsIgnoredStaysIgnored) {
+  ASSERT_NE(std::signal(SIGHUP, SIG_IGN), SIG_ERR);
+  {
+    Signals signals;
+    ASSERT_EQ(raise(SIGHUP), 0);
+    EXPECT_FALSE(Readable(signals));
+    EXPECT_FALSE(signals.TakeStop());
+    ASSERT_EQ(raise(SIGTERM), 0);
+    EXPECT_TRUE(signals.TakeStop());
+  }
+  TakeHangUp();
 }
 
 TEST(SignalsTest, AChildsEndWakesAndStopsNothing) {
@@ -57,16 +77,17 @@ TEST(SignalsTest, AChildsEndWakesAndStopsNothing) {
 }
 
 TEST(SignalsTest, LeavesSignalsAsTheyWere) {
+  TakeHangUp();
   ASSERT_FALSE(Blocked(SIGINT));
   void (*const before)(int) = BrokenPipe();
   {
     const Signals signals;
-    for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) EXPECT_TRUE(Blocked(signal)) << signal;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) EXPECT_TRUE(Blocked(signal)) << signal;
     EXPECT_EQ(BrokenPipe(), SIG_IGN);
     // Nobody reads this signal. It must not end the test.
     ASSERT_EQ(raise(SIGINT), 0);
   }
-  for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) EXPECT_FALSE(Blocked(signal)) << signal;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) EXPECT_FALSE(Blocked(signal)) << signal;
   EXPECT_EQ(BrokenPipe(), before);
 }
 

@@ -20,6 +20,11 @@ Signals::Signals() {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&set, signal);
+  // A terminal or a connection that has gone says so. A signal that is ignored, as under nohup, would come
+  // from the descriptor all the same.
+  struct sigaction hangUp{};
+  const bool isIgnored = sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler == SIG_IGN;
+  if (!isIgnored) sigaddset(&set, SIGHUP);
   (void)pthread_sigmask(SIG_BLOCK, &set, &before_);
   struct sigaction ignore{};
   ignore.sa_handler = SIG_IGN;

@@ -9,9 +9,9 @@ namespace scope {
 /// "SIGKILL", or "signal 40" for one without a name.
 std::string SignalText(int signal);
 
-/// Makes SIGINT, SIGTERM and SIGCHLD readable from a descriptor. While this object exists, they have no other
-/// effect, and a closed pipe does not end this program. No handler is installed. Threads: the main thread,
-/// before the program has started another one.
+/// Makes SIGINT, SIGTERM, SIGCHLD and, unless it is ignored, SIGHUP readable from a descriptor. While this
+/// object exists, they have no other effect, and a closed pipe does not end this program. No handler is
+/// installed. Threads: the main thread, before the program has started another one.
 class Signals {
  public:
   /// Throws std::runtime_error if the system has no descriptors left. The signals are then as before.
@@ -24,7 +24,7 @@ class Signals {
   /// Readable when a signal has come.
   int Descriptor() const { return descriptor_; }
 
-  /// Takes all signals that have come. True if SIGINT or SIGTERM is among them.
+  /// Takes all signals that have come. True if one of them asks this program to stop: each but SIGCHLD.
   bool TakeStop();
 
  private:

@@ -77,7 +77,7 @@ class Supervisor {
   bool IsAlive() const { return isAlive_; }
   /// Checks the time limits. Call it a few times a second.
   Decision TimePassed(double nowS);
-  /// This program got SIGINT or SIGTERM.
+  /// This program got a signal that asks it to stop.
   Decision SignalCame(double nowS);
   /// The recording cannot go on, for `reason`. `isOfBoard`: because the board failed, not the recorder.
   Decision RecordingFailed(double nowS, const std::string& reason, bool isOfBoard = false);
@@ -88,7 +88,7 @@ class Supervisor {
   bool IsOver() const { return state_ == State::kEnded || state_ == State::kStuck; }
   /// True if a signal at `nowS` is another one than that which asked the benchmark to end.
   bool IsAnotherSignal(double nowS) const { return !interrupted_ || nowS > askedS_ + kSameSignalS; }
-  /// True after SIGINT or SIGTERM came.
+  /// True after such a signal came.
   bool Interrupted() const { return interrupted_; }
   /// True if the fault is that the benchmark did not end.
   bool Hung() const { return hung_; }

@@ -33,7 +33,7 @@ class WatcherProcess {
   /// True if `packet` got the next packet, which must have `bytes`. Without one it waits if `waits`. After
   /// the end of the process there is none.
   bool Receive(void* packet, std::size_t bytes, bool waits);
-  /// Waits until there is a packet, or the process has ended. False if SIGINT or SIGTERM came before.
+  /// Waits until there is a packet, or the process has ended. False if a signal to stop came before.
   bool Await(Signals& signals) const;
   /// Sends a packet to the process.
   void Send(const void* packet, std::size_t bytes) const;
