@@ -77,10 +77,10 @@ scope::Run Checked(const std::vector<double>& times) {
   return run;
 }
 
-std::string Errors(const std::vector<scope::Run>& runs) {
+std::string Errors(const std::vector<scope::Run>& runs, std::size_t failedRuns = 0) {
   std::vector<SummarisedRun> side;
   for (const scope::Run& run : runs) side.push_back({&run, {}});
-  return TimeToFailure(side, "B");
+  return TimeToFailure(side, "B", failedRuns);
 }
 
 TEST(CompareFindings, WrongResultsComeFirst) {
@@ -111,6 +111,28 @@ TEST(CompareFindings, NoErrorInSomeRunsBoundsTheFailureRate) {
   EXPECT_EQ(Errors(std::vector<scope::Run>(12, Checked({}))),
             "no error in 12 runs of B: failure rate below 0.25 per run, 95 %");
   EXPECT_EQ(Errors({Checked({})}), "no error in 1 run of B: failure rate below 1 per run, 95 %");
+}
+
+TEST(CompareFindings, RunsThatFailedLeaveTheFailureRateUnbounded) {
+  EXPECT_EQ(Errors(std::vector<scope::Run>(12, Checked({})), 1), "no error in 12 runs of B (1 more failed)");
+  EXPECT_EQ(Errors({Checked({}), Complete()}, 2),
+            "no error in 1 run of B (1 more not fully judged, 2 more failed)");
+  EXPECT_EQ(
+      Errors({Checked({7})}, 3),
+      "errors in 1 of 1 run of B (3 more failed); time to the first error: 7.0 s at the least, 7.0 s in "
+      "the median");
+}
+
+// Its run.json is of the run's first second, and may have some of them.
+TEST(CompareFindings, ErrorsOfARunThatWasCutOffAreThoseOfItsTable) {
+  scope::Run run = Complete();
+  run.info.complete = false;
+  run.info.errors = {{"venc", 5}, {"guard", 1}};
+  for (const char* const source : {"guard", "cpu", "guard", "venc"}) {
+    run.errors.emplace_back();
+    run.errors.back().source = source;
+  }
+  EXPECT_EQ(ErrorCounts(run), (SourceErrors{{"venc", 5}, {"guard", 2}, {"cpu", 1}}));
 }
 
 TEST(CompareFindings, OnlyRunsThatWereJudgedAreRunsWithoutErrors) {

@@ -30,6 +30,7 @@ namespace {
 using nlohmann::json;
 using ::testing::AllOf;
 using ::testing::Contains;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -134,6 +135,9 @@ TEST_F(MarginTest, EachPointPassesFailsOrHangs) {
                   HasSubstr("fail: 2 errors (edac 2); the benchmark ended with status 9")));
   EXPECT_THAT(result.output, AllOf(HasSubstr("refresh=200    pass 1/1"), HasSubstr("refresh=500    hang 1/1"),
                                    HasSubstr("refresh towards 600: passes to 200, 1 step away; 300 fails.")));
+  EXPECT_THAT(result.output,
+              ContainsRegex("note: refresh=400: time to the first error: [0-9.]+ s at the least, "
+                            "[0-9.]+ s in the median, of 1 run\n"));
   // Complete, so what it measured stands beside the failure.
   EXPECT_TRUE(ReadRun(Folder() + "/run-0004").info.complete);
   // Failures of a setting are results: they are not recorded again. That holds also where the recorder died
@@ -470,6 +474,27 @@ TEST_F(MarginTest, JsonAndPageHaveTheMap) {
   EXPECT_THAT(compared.output, HasSubstr("-0.30 %")) << compared.errors;
   EXPECT_THAT(RunTool({"compare", Folder() + ":refresh=100", Folder() + ":refresh=400,vref=7"}).errors,
               HasSubstr("expected a value of vref as well: it was swept"));
+}
+
+// The runs of a point that came to their end do not speak for those that failed.
+TEST_F(MarginTest, AComparisonOfPointsTellsOfRunsThatFailed) {
+  ASSERT_EQ(RunTool(SweepOf("fail 1 refresh=300\nfail 2 refresh=200\n", 3, {"--repeat", "2"})).status, 0);
+  EXPECT_EQ(Count("fail"), 3);
+  const auto compared = [this](const char* a, const char* b) {
+    return RunTool({"compare", Folder() + ":refresh=" + a, Folder() + ":refresh=" + b});
+  };
+  const std::string why = " (the benchmark ended with status 9; its log says why)";
+  const ToolResult worse = compared("100", "200");
+  EXPECT_EQ(worse.status, 1) << worse.errors;
+  EXPECT_THAT(worse.output, HasSubstr("B is worse than A: failed: none of A, 1 of 2 runs of B" + why));
+  EXPECT_THAT(compared("200", "100").output,
+              HasSubstr("note: failed: 1 of 2 runs of A" + why + ", none of B"));
+  // As often on both sides: neither is worse for that.
+  EXPECT_THAT(compared("200", "200").output,
+              HasSubstr("note: failed: 1 of 2 runs of A" + why + ", 1 of 2 runs of B"));
+  const ToolResult none = compared("100", "300");
+  EXPECT_EQ(none.status, 2);
+  EXPECT_THAT(none.errors, HasSubstr("no run of this point is done; 2 runs failed" + why));
 }
 
 // A run that was asked to check results, and could not check those of an engine, is not simply good.

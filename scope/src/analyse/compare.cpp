@@ -2,7 +2,6 @@
 #include "compare.h"
 
 #include <map>
-#include <utility>
 #include <vector>
 
 #include "compare_values.h"
@@ -47,6 +46,21 @@ void NoteRuns(const SideRuns& side, double skipS, std::vector<std::string>& dist
   }
 }
 
+// Runs of a point that failed have no figures. Without this, those that came to their end would speak for
+// all.
+void AddFailedRuns(const Side& a, const Side& b, std::vector<Finding>& findings) {
+  constexpr std::size_t kClearlyMoreOften = 2;
+  if (a.failures.empty() && b.failures.empty()) return;
+  const auto all = [](const Side& side) { return side.runs.size() + side.failures.size(); };
+  const auto text = [&all](const Side& side, const std::string& name) {
+    if (side.failures.empty()) return "none of " + name;
+    return std::to_string(side.failures.size()) + " of " + Counted(all(side), "run") + " of " + name + " (" +
+           FailureReasons(side) + ")";
+  };
+  const bool worse = b.failures.size() * all(a) > kClearlyMoreOften * a.failures.size() * all(b);
+  findings.push_back({"", "failed: " + text(a, "A") + ", " + text(b, "B"), worse});
+}
+
 }  // namespace
 
 Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) {
@@ -63,13 +77,14 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
   Comparison comparison = CompareValues(ofA.values, ofB.values, options, printedTooCoarsely);
   if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
   comparison.findings = CompareTroubles(ofA.runs, ofB.runs);
+  AddFailedRuns(a, b, comparison.findings);
   std::vector<const Run*> all;
   for (const Side* side : {&a, &b}) {
     for (const Run& run : side->runs) all.push_back(&run);
   }
   for (const std::string& text : DifferentStreams(all)) comparison.findings.push_back({"venc", text, false});
-  for (const auto& [side, letter] : {std::pair(&ofA, "A"), std::pair(&ofB, "B")}) {
-    const std::string text = TimeToFailure(side->runs, letter);
+  for (const std::string& text :
+       {TimeToFailure(ofA.runs, "A", a.failures.size()), TimeToFailure(ofB.runs, "B", b.failures.size())}) {
     if (!text.empty()) comparison.errors.push_back(text);
   }
   comparison.answer = AnswerOf(comparison);

@@ -143,7 +143,7 @@ std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const 
   return findings;
 }
 
-std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side) {
+std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side, std::size_t failedRuns) {
   std::vector<double> times;
   std::size_t failed = 0;
   std::size_t judged = 0;
@@ -158,19 +158,22 @@ std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* si
     if (const std::optional<double> firstS = FirstErrorS(*one.run)) times.push_back(*firstS);
   }
   const std::string of = Counted(judged, "run") + " of " + side;
-  const std::string unjudged =
-      judged == runs.size() ? "" : Format(" (%zu more not fully judged)", runs.size() - judged);
+  std::vector<std::string> others;
+  if (judged != runs.size()) others.push_back(Format("%zu more not fully judged", runs.size() - judged));
+  if (failedRuns != 0) others.push_back(Format("%zu more failed", failedRuns));
+  const std::string more = others.empty() ? "" : " (" + Joined(others, ", ") + ")";
   if (judged == 0) {
     if (!isAsked) return {};
     return "no error in " + Counted(runs.size(), "run") + " of " + side +
            ", but none of them was fully judged";
   }
   if (failed == 0) {
+    if (failedRuns != 0) return "no error in " + of + more;
     // The rule of three: with this rate, n runs without an error have a chance of 5 %.
-    return "no error in " + of + unjudged +
+    return "no error in " + of + more +
            Format(": failure rate below %.2g per run, 95 %%", std::min(1.0, 3 / static_cast<double>(judged)));
   }
-  std::string text = Format("errors in %zu of ", failed) + of + unjudged;
+  std::string text = Format("errors in %zu of ", failed) + of + more;
   if (times.empty()) return text;
   return text + Format("; time to the first error: %.1f s at the least, %.1f s in the median",
                        *std::min_element(times.begin(), times.end()), Median(times));

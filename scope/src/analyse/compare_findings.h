@@ -26,8 +26,10 @@ struct SummarisedRun {
 
 /// How many runs of the side had errors, and when. Without errors: the failure rate that is still possible.
 /// Counts runs that looked for errors (see LooksForErrors) and says how many others there are. Empty if no
-/// run has an error and none was asked to look for any.
-std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side);
+/// run has an error and none was asked to look for any. `failedRuns` more runs failed and are not among
+/// `runs`: then the failure rate is not bounded.
+std::string TimeToFailure(const std::vector<SummarisedRun>& runs, const char* side,
+                          std::size_t failedRuns = 0);
 
 /// The troubles of the runs of both sides, errors first. Sentences call the sides `nameOfA` and `nameOfB`.
 std::vector<Finding> CompareTroubles(const std::vector<SummarisedRun>& a, const std::vector<SummarisedRun>& b,

@@ -10,9 +10,11 @@
 #include <utility>
 
 #include "errors.h"
+#include "margin_map.h"
 #include "run_reader.h"
 #include "sweep_folder.h"
 #include "sweep_plan.h"
+#include "text_format.h"
 
 namespace scope {
 namespace {
@@ -75,15 +77,36 @@ Side PointOfSweep(const std::string& folder, const std::string& point, const std
     }
     if (!matches) continue;
     isPoint = true;
-    if (run.state == SweepState::kDone) side.runs.push_back(ReadRun(fs::path(folder) / run.folder));
+    if (run.state == SweepState::kDone) {
+      side.runs.push_back(ReadRun(fs::path(folder) / run.folder));
+    } else if (HasResult(run)) {
+      side.failures.push_back(run.reason);
+    }
   }
   if (!isPoint) refuse("the sweep has no such point: \"stress_scope report " + folder + "\" lists them");
+  // A failure of a setting is its result, and is not recorded again.
+  if (side.runs.empty() && !side.failures.empty() && !sweep.boardAxes.empty())
+    refuse("no run of this point is done; " + Counted(side.failures.size(), "run") + " failed (" +
+           FailureReasons(side) + ")");
   if (side.runs.empty())
     refuse("no run of this point is done: continue with \"stress_scope sweep --resume " + folder + "\"");
   return side;
 }
 
 }  // namespace
+
+std::string FailureReasons(const Side& side) {
+  constexpr std::size_t kMostReasons = 3;
+  std::vector<std::string> reasons;
+  for (const std::string& failure : side.failures) {
+    std::string reason = failure.substr(0, failure.find('\n'));
+    if (std::find(reasons.begin(), reasons.end(), reason) == reasons.end())
+      reasons.push_back(std::move(reason));
+  }
+  const std::size_t more = reasons.size() - std::min(reasons.size(), kMostReasons);
+  reasons.resize(reasons.size() - more);
+  return Joined(reasons, "; ") + (more == 0 ? "" : "; and " + Counted(more, "other reason"));
+}
 
 Side ReadSide(const std::string& argument) {
   std::error_code ignored;

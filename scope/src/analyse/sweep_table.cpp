@@ -2,6 +2,7 @@
 #include "sweep_table.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "compare_conditions.h"
@@ -27,11 +28,26 @@ void NoteStreams(const std::vector<Run>& runs, std::vector<std::string>& notes) 
   for (std::string& text : DifferentStreams(all)) notes.push_back(std::move(text));
 }
 
+void NoteNotDone(std::size_t runs, const Sweep& sweep, std::vector<std::string>& notes) {
+  if (runs == 0) return;
+  notes.push_back("not done: " + std::to_string(runs) + " of " + Counted(sweep.runs.size(), "run"));
+}
+
 void NoteResult(const Sweep& sweep, const SweepRun& run, const std::string& name,
                 std::vector<std::string>& notes) {
   // What fails at a setting is in the margin map.
   if (!sweep.boardAxes.empty() || !HasFailed(run)) return;
   notes.push_back(name + (run.state == SweepState::kDone ? ": " : " failed: ") + run.reason);
+}
+
+// `times` has, for each run at the point that found errors, when the first one came.
+void NoteFirstErrors(const SweepPoint& point, const std::vector<double>& times,
+                     std::vector<std::string>& notes) {
+  if (times.empty()) return;
+  notes.push_back(PointText(point.levels, point.settings, point.dutyPercent) +
+                  Format(": time to the first error: %.1f s at the least, %.1f s in the median, of ",
+                         *std::min_element(times.begin(), times.end()), Median(times)) +
+                  Counted(times.size(), "run"));
 }
 
 void AddNotJudged(const RunInfo& info, std::vector<std::string>& texts) {
@@ -63,6 +79,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const R
   std::set<FigureKey> keys;
   std::vector<Run> runs;
   std::vector<std::string> disturbances;
+  std::map<std::size_t, std::vector<double>> firstErrors;  // by the point's place
   std::size_t notDone = 0;
   for (const SweepRun& planned : sweep.runs) {
     const std::string name =
@@ -95,6 +112,7 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const R
         point.values[key].push_back(ValueOf(key.figure, seconds));
         if (key.figure == Figure::kOperations) note(key.engine, Drift(seconds));
       }
+      if (const auto firstS = FirstErrorS(run)) firstErrors[table.points.size() - 1].push_back(*firstS);
       if (!HasFailed(planned)) AddNotJudged(run.info, point.notJudged);
       if (visit) visit(planned, run, summary);
       ++point.runs;
@@ -107,11 +125,9 @@ SweepTable ReadSweepTable(const std::string& folder, const Sweep& sweep, const R
       ++notDone;
     }
   }
+  for (const auto& [place, times] : firstErrors) NoteFirstErrors(table.points[place], times, table.notes);
   AddDisturbances(disturbances, table.notes);
-  if (notDone != 0) {
-    table.notes.push_back("not done: " + std::to_string(notDone) + " of " +
-                          Counted(sweep.runs.size(), "run"));
-  }
+  NoteNotDone(notDone, sweep, table.notes);
   NoteStreams(runs, table.notes);
   if (!runs.empty()) NoteConditions(runs, {"levels", "duty"}, table.notes);
   table.engines = EnginesOf(keys);

@@ -51,10 +51,19 @@ std::string ErrorText(const RunError& error) {
 }
 
 SourceErrors ErrorCounts(const Run& run) {
-  if (!run.info.errors.empty()) return run.info.errors;
-  std::map<std::string, std::uint64_t> counts;
-  for (const RunError& error : run.errors) counts[error.source] += ErrorsIn(error);
-  return {counts.begin(), counts.end()};
+  std::map<std::string, std::uint64_t> rows;
+  for (const RunError& error : run.errors) rows[error.source] += ErrorsIn(error);
+  SourceErrors counts = run.info.errors;
+  for (const auto& [name, listed] : rows) {
+    const auto at =
+        std::find_if(counts.begin(), counts.end(), [&id = name](const auto& one) { return one.first == id; });
+    if (at == counts.end()) {
+      counts.emplace_back(name, listed);
+    } else {
+      at->second = std::max(at->second, listed);
+    }
+  }
+  return counts;
 }
 
 std::uint64_t ErrorsOf(const Run& run) {

@@ -26,7 +26,8 @@ std::uint64_t ErrorsIn(const RunError& error);
 /// The error in one sentence, without its time.
 std::string ErrorText(const RunError& error);
 
-/// How many errors each source has. If the recorder was killed, the rows of the run's table are counted.
+/// How many errors each source has. If the recorder was killed, run.json has those of its first second at
+/// most: then the rows of the run's table are counted.
 SourceErrors ErrorCounts(const Run& run);
 std::uint64_t ErrorsOf(const Run& run);
 
