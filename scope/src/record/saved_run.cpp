@@ -134,6 +134,24 @@ void SavedRun::Add(std::vector<RunError> errors) {
   if (!errors.empty()) Save([&] { writer_.Add(errors); });
 }
 
+void SavedRun::AddTotals(const MeterReader& meter) {
+  if (meter.Unmeasured() != 0) {
+    Tell("the meter did not measure " + Counted(meter.Unmeasured(), "call") +
+         ": there are more threads than it can count");
+  }
+  if (meter.DelayedSamples() != 0) {
+    Tell("the recorder was too slow: " + Counted(meter.DelayedSamples(), "sample") +
+         " arrived a second late");
+  }
+  if (useMeter_) (void)Try([&] { writer_.WriteHistogram(meter.HistogramRows()); });
+  SetFilling(meter.Filled());
+  info_.streams = meter.Streams();
+  info_.deadlines = meter.Deadlines();
+  info_.verification = meter.Checks();
+  // Some errors have no row in the table.
+  for (const EngineCheck& check : info_.verification) CountAtLeast(check.engine, check.errors);
+}
+
 void SavedRun::SetFilling(std::vector<EngineFill> filling) {
   if (info_.conditions.fill.empty()) return;
   info_.filling = std::move(filling);
@@ -143,12 +161,6 @@ void SavedRun::SetFilling(std::vector<EngineFill> filling) {
     if (isSilent && level > 0) info_.filling.push_back({engine, 0, 0, 0});
   }
   for (const FillDoubt& doubt : FillDoubts(info_)) Tell("fill: " + doubt.text);
-}
-
-void SavedRun::SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines) {
-  info_.deadlines = std::move(deadlines);
-  info_.verification = std::move(checks);
-  for (const EngineCheck& check : info_.verification) CountAtLeast(check.engine, check.errors);
 }
 
 void SavedRun::SetGuard(const GuardSummary& guard) {
@@ -187,10 +199,6 @@ void SavedRun::SetLibraries(std::vector<std::pair<std::string, std::string>> ver
 void SavedRun::TakeWhatPlatformLogged() {
   info_.conditions.platformSettings = watch_.Log().PlatformSettings();
   info_.conditions.encoderEngines = watch_.Log().EncoderEngines();
-}
-
-void SavedRun::WriteHistogram(const std::vector<HistogramRow>& rows) {
-  (void)Try([&] { writer_.WriteHistogram(rows); });
 }
 
 void SavedRun::FindFailures(const std::string& fault, double endS, bool allCounted) {

@@ -53,23 +53,16 @@ class SavedRun {
 
   // At the end, in this order:
 
-  /// Tries to write even after a failed write: there may be room again, and the file does not need the
-  /// others.
-  void WriteHistogram(const std::vector<HistogramRow>& rows);
+  /// What the meter reported of the whole run. Tells what it could not measure or fill. Tries to write even
+  /// after a failed write: there may be room again, and the file does not need the others.
+  void AddTotals(const MeterReader& meter);
+
+  /// What the guard did. Adds the errors that no row of the table has.
+  void SetGuard(const GuardSummary& guard);
 
   /// Adds what failed in the run to what was found at its start, and tells it. `fault` is the supervisor's.
   /// `endS` and `allCounted` are those of FailureWatch::Failures.
   void FindFailures(const std::string& fault, double endS, bool allCounted);
-
-  /// What the meter filled. Tells of what was to be filled and was not.
-  void SetFilling(std::vector<EngineFill> filling);
-
-  /// How results were checked. Adds the errors that no row of the table has.
-  void SetChecks(std::vector<EngineCheck> checks, std::vector<EngineDeadline> deadlines);
-  void SetStreams(std::vector<StreamHashes> streams) { info_.streams = std::move(streams); }
-
-  /// What the guard did. Adds the errors that no row of the table has.
-  void SetGuard(const GuardSummary& guard);
 
   /// Errors of all sources so far, in the table or not.
   std::uint64_t Errors() const;
@@ -78,6 +71,7 @@ class SavedRun {
   const std::vector<std::string>& End(double durationS, int exitStatus, int signal);
 
  private:
+  void SetFilling(std::vector<EngineFill> filling);
   void CountAtLeast(const std::string& source, std::uint64_t errors);
   void TakeWhatPlatformLogged();
   template <typename Write>
