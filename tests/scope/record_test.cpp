@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -434,6 +435,25 @@ TEST_F(RecordTest, ALatencyProbeThatCrashesIsOfTheBoardAndLosesNothingElse) {
   EXPECT_EQ(run.rates.size(), 2U);
   EXPECT_FALSE(run.histogram.empty());
   EXPECT_FALSE(run.counters.empty());
+}
+
+TEST_F(RecordTest, ARunWhoseControlDiesIsIncomplete) {
+  scope::RecordOptions options;
+  options.control = {{1, 100, 20'000}};
+  bool hasDied = false;
+  const scope::RecordResult result = RecordHarmed(folder_, options, [&hasDied] {
+    const pid_t control = guarded::Process("scope_control");
+    // The recorder reaps it.
+    siginfo_t ending{};
+    hasDied = guarded::Signal(control, SIGKILL) &&
+              waitid(P_PID, static_cast<id_t>(control), &ending, WEXITED | WNOWAIT) == 0;
+  });
+  ASSERT_TRUE(hasDied);
+  EXPECT_FALSE(result.complete);
+  EXPECT_TRUE(result.recorderFailed);
+  EXPECT_EQ(result.reason,
+            "the control was ended by SIGKILL: nothing computed beside the benchmark from then on");
+  EXPECT_EQ(scope::ReadRun(run_).info.incompleteReason, result.reason);
 }
 
 TEST_F(RecordTest, AMissingSecondLeavesOutANumber) {
