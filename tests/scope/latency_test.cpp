@@ -104,6 +104,13 @@ TEST(Interruption, IsALostProcessorAndNotALongAccess) {
   EXPECT_TRUE(WasInterrupted(before, {5, 2'000'000, 1'400'000}, 100, false)) << "100 us without work";
 }
 
+TEST(LongestWholeBatch, IsFourMedians) {
+  std::vector<std::uint64_t> batches = {41, 10, 9, 40, 10};
+  EXPECT_EQ(LongestWholeBatch(batches), 40U);
+  std::vector<std::uint64_t> none;
+  EXPECT_EQ(LongestWholeBatch(none), 0U);
+}
+
 /// Bursts over small memory, whose machine says what a test wants.
 class LatencyBurstsTest : public ::testing::Test {
  protected:

@@ -17,9 +17,12 @@ namespace scope {
 namespace {
 
 constexpr double kWarmUpShare = 0.1;
-constexpr double kSinglesShare = 0.7;
+constexpr double kBatchesShare = 0.2;
+// A batch of more than so many medians was interrupted: a timer, another machine on the same processor.
+constexpr std::uint64_t kInterruptedMedians = 4;
 // Enough for the longest burst over the fastest memory.
 constexpr std::size_t kMostSingles = 1 << 16;
+constexpr std::size_t kMostBatches = kMostSingles / kBatch;
 // A thread that works has used this much less processor time than has passed, at most: the two clocks are
 // read one after the other.
 constexpr std::uint64_t kLostNs = 20'000;
@@ -90,9 +93,17 @@ bool WasInterrupted(const ThreadState& before, const ThreadState& after, double 
   return longestNs > kLongNs && stealGrew;
 }
 
+std::uint64_t LongestWholeBatch(std::vector<std::uint64_t>& batches) {
+  if (batches.empty()) return 0;
+  const auto middle = batches.begin() + static_cast<std::ptrdiff_t>(batches.size() / 2);
+  std::nth_element(batches.begin(), middle, batches.end());
+  return kInterruptedMedians * *middle;
+}
+
 LatencyBursts::LatencyBursts(ChaseMemory& memory, const ChaseTimer& timer, Sources sources)
     : memory_(memory), line_(memory.Start()), timer_(timer), sources_(std::move(sources)) {
   singles_.reserve(kMostSingles);
+  batches_.reserve(kMostBatches);
   NoteSteal();
 }
 
@@ -120,8 +131,7 @@ void LatencyBursts::Warm() {
 
 bool LatencyBursts::Burst(double ns) {
   singles_.clear();
-  batches_ = 0;
-  batchTicks_ = 0;
+  batches_.clear();
   const ThreadState before = sources_.state();
   const std::uint64_t start = Ticks();
   const std::uint64_t warmUpEnd = start + timer_.TicksOf(ns * kWarmUpShare);
@@ -130,11 +140,11 @@ bool LatencyBursts::Burst(double ns) {
     line_ = FollowBatch(line_);
     ++warmUps;
   } while (Ticks() < warmUpEnd);
-  const double longestNs = TimeSingles(start + timer_.TicksOf(ns * (kWarmUpShare + kSinglesShare)));
-  TimeBatches(start + timer_.TicksOf(ns));
+  TimeBatches(start + timer_.TicksOf(ns * (kWarmUpShare + kBatchesShare)));
+  const double longestNs = TimeSingles(start + timer_.TicksOf(ns));
   const ThreadState after = sources_.state();
   ++counts_.bursts;
-  counts_.allAccesses += (warmUps + batches_) * kBatch + singles_.size();
+  counts_.allAccesses += (warmUps + batches_.size()) * kBatch + singles_.size();
   if (WasInterrupted(before, after, longestNs, longestNs > kLongNs && StealGrew())) {
     ++counts_.interrupted;
     return false;
@@ -159,11 +169,11 @@ double LatencyBursts::TimeSingles(std::uint64_t endTicks) {
 }
 
 void LatencyBursts::TimeBatches(std::uint64_t endTicks) {
-  for (std::uint64_t after = 0; after < endTicks; ++batches_) {
+  for (std::uint64_t after = 0; after < endTicks && batches_.size() < kMostBatches;) {
     const std::uint64_t before = Ticks();
     line_ = FollowBatch(line_);
     after = Ticks();
-    batchTicks_ += after - before;
+    batches_.push_back(after - before);
   }
 }
 
@@ -177,8 +187,16 @@ void LatencyBursts::Count() {
     counts_.maxNs = std::max(counts_.maxNs, whole);
   }
   counts_.accesses += singles_.size();
-  counts_.batchAccesses += batches_ * kBatch;
-  counts_.batchNs += timer_.LoadNs(batchTicks_, batches_);
+  CountBatches();
+}
+
+void LatencyBursts::CountBatches() {
+  const std::uint64_t most = LongestWholeBatch(batches_);
+  for (const std::uint64_t ticks : batches_) {
+    if (ticks > most) continue;
+    counts_.batchAccesses += kBatch;
+    counts_.batchNs += timer_.LoadNs(ticks, 1);
+  }
 }
 
 LatencyCounts LatencyBursts::Take() {

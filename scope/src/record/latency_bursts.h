@@ -33,6 +33,9 @@ std::optional<std::uint64_t> ReadInterrupts(int cpu);
 /// alone is none: memory may be as slow.
 bool WasInterrupted(const ThreadState& before, const ThreadState& after, double longestNs, bool stealGrew);
 
+/// Four medians: a batch that took longer was interrupted. Puts the batches into another order.
+std::uint64_t LongestWholeBatch(std::vector<std::uint64_t>& batches);
+
 /// An access that takes longer is looked at twice.
 constexpr double kLongNs = 20'000;
 
@@ -43,7 +46,7 @@ struct LatencyCounts {
   std::uint64_t accesses = 0;     ///< timed one by one
   std::uint64_t allAccesses = 0;  ///< with the first ones of each burst and those of interrupted bursts
   std::uint64_t batchAccesses = 0;
-  double batchNs = 0;  ///< of `batchAccesses`
+  double batchNs = 0;  ///< of `batchAccesses`: without batches of more than four times the burst's median
   std::uint64_t maxNs = 0;
   std::array<std::uint32_t, kBucketCount> buckets{};
 };
@@ -66,8 +69,8 @@ class LatencyBursts {
   void Warm();
 
   /// A burst of `ns`. Its first tenth counts nothing: after a pause the processor has forgotten the latest
-  /// translations of addresses. Then accesses are timed one by one, in the last part in batches. False if it
-  /// was interrupted.
+  /// translations of addresses. Then accesses are timed in batches, as long as the page tables are where a
+  /// chase without pauses has them, and after that one by one. False if it was interrupted.
   bool Burst(double ns);
 
   /// What has been counted since the last call.
@@ -75,6 +78,7 @@ class LatencyBursts {
 
  private:
   void Count();
+  void CountBatches();
   double TimeSingles(std::uint64_t endTicks);
   void TimeBatches(std::uint64_t endTicks);
   void NoteSteal();
@@ -86,8 +90,7 @@ class LatencyBursts {
   Sources sources_;
   std::optional<std::uint64_t> stealMs_;
   std::vector<std::uint64_t> singles_;  ///< ticks, of this burst
-  std::uint64_t batches_ = 0;           ///< of this burst
-  std::uint64_t batchTicks_ = 0;
+  std::vector<std::uint64_t> batches_;  ///< ticks, of this burst
   std::uint64_t random_ = 1;
   LatencyCounts counts_;
 };
