@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What each chart shows: {id, title, broad, tall, x, y, stacked, stepped, warmupS, marks, series, beneath}. An axis is
+// What each chart shows: {id, title, broad, tall, x, y, stacked, stepped, warmupS, marks, textRows, series, beneath}. An axis is
 // {title, min, max, log, whole, free}; a series {name, group, colour, weight, dash, marker, fill, loose, points}, whose points
 // are {x, y}, y null where the line has a gap; a mark {x, text}. `beneath` are low charts with the same horizontal axis.
 

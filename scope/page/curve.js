@@ -3,13 +3,14 @@
 // The page of curves: latency of memory over bandwidth on common axes, what each curve says, and its points.
 
 const kCurveColours = ['#0072b2', '#d55e00', '#009e73', '#aa4499', ...kMoreColours, '#882255'];
+const kTextRows = 8; // so far may the name of a point be away from it; beside the points of another curve it would mislead
 const kTails = [{key: 'latency_p99_ns', name: 'p99'}, {key: 'latency_p999_ns', name: 'p99.9'}];
 
 function curveNames({curves}) {
   return curves.map(({folder, mix}) => `${folder} (${mix})`);
 }
 
-// A point has its interval in both directions, its name, and a text beside it where one is given.
+// A point has its interval in both directions, its name, and a text beside it where one is given and fits.
 function curvePoint(point, key, text) {
   return {
     x: point.gb_per_s, y: point[key], name: point.name, text,
@@ -37,20 +38,21 @@ function curveMarks(curves) {
 function latencyChart(id, title, curves, series) {
   const values = series.flatMap(({points}) => points);
   // Intervals are within the axes, and there is room for texts; but one that is very long does not squeeze the points.
-  const end = (value, limit) => {
+  const end = (value, limit, room) => {
     const most = greatest(values.map((point) => point[value]));
     const farthest = greatest(values.map((point) => point[limit] ?? 0));
-    return most > 0 ? Math.max(most, Math.min(farthest, 2 * most)) * 1.1 : 1;
+    return most > 0 ? Math.max(most, Math.min(farthest, 2 * most)) * room : 1;
   };
   return {id, title, broad: true, tall: true, marks: curveMarks(curves), series: series.filter(isDrawn),
-    x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: end('x', 'xHigh')},
-    y: {title: 'Latency of an access to memory (ns)', max: end('y', 'high')}};
+    textRows: curves.length === 1 ? kTextRows : 1,
+    x: {title: 'Bandwidth of all engines (GB/s)', min: 0, max: end('x', 'xHigh', 1.15)},
+    y: {title: 'Latency of an access to memory (ns)', max: end('y', 'high', 1.1)}};
 }
 
 function curvesCharts(data) {
   const {curves} = data;
   const names = curveNames(data);
-  const medians = curves.map((curve, at) => curveLine(curve, at, 'latency_p50_ns', {name: names[at], labelled: curves.length === 1}));
+  const medians = curves.map((curve, at) => curveLine(curve, at, 'latency_p50_ns', {name: names[at], labelled: true}));
   const tails = curves.flatMap((curve, at) => kTails.map(({key, name}, tail) => curveLine(curve, at, key,
       {name: `${names[at]}, ${name}`, weight: kWeights[tail], dash: kDashes[tail]})));
   return [latencyChart('latency', 'Median latency of memory over bandwidth', curves, medians),

@@ -124,36 +124,30 @@ function writeOn(ctx, text, x, y) {
   ctx.restore();
 }
 
-// Draws a line with its text at each mark, such as the time of a warning. Texts that would lie on each other stand in rows.
+function drawLine(ctx, {x1, y1, x2, y2}) {
+  ctx.beginPath();
+  ctx.moveTo(x1, y1);
+  ctx.lineTo(x2, y2);
+  ctx.stroke();
+}
+
+// Draws a line with its text at each mark, such as the time of a warning.
 const kWarningMarks = {
   id: 'warningMarks',
   afterDatasetsDraw(drawn, _, {marks}) {
-    const {ctx, chartArea, scales} = drawn;
+    const {ctx} = drawn;
     ctx.save();
     ctx.setLineDash([3, 3]);
-    ctx.font = `bold 12px ${Chart.defaults.font.family}`;
-    // Those of a curve are hidden with it.
-    const isShown = ({curve}) => curve === undefined ||
-        drawn.data.datasets.some((set, i) => set.curve === curve && drawn.isDatasetVisible(i));
-    const found = (marks ?? []).filter(isShown).map(({x, text, colour}) => ({left: scales.x.getPixelForValue(x), text,
-      colour: colour ? onGround(colour) : styleColour('--mark')})).sort((a, b) => a.left - b.left);
-    for (const {left, colour} of found) {
-      ctx.strokeStyle = colour;
-      ctx.beginPath();
-      ctx.moveTo(left, chartArea.top);
-      ctx.lineTo(left, chartArea.bottom);
-      ctx.stroke();
+    ctx.font = markFont();
+    const placed = placeMarks(drawn, marks);
+    const colourOf = ({colour}) => (colour ? onGround(colour) : styleColour('--mark'));
+    for (const mark of placed) {
+      ctx.strokeStyle = colourOf(mark);
+      drawLine(ctx, mark.line);
     }
-    const rows = []; // how far right each one is taken
-    for (const {left, text, colour} of found) {
-      ctx.fillStyle = colour;
-      const width = ctx.measureText(text).width;
-      const fits = left + 3 + width <= chartArea.right;
-      const begin = fits ? left + 3 : left - 3 - width;
-      const row = rows.findIndex((end) => end < begin);
-      const at = row < 0 ? rows.length : row;
-      rows[at] = begin + width;
-      writeOn(ctx, text, begin, chartArea.top + 10 + at * 14);
+    for (const mark of placed.filter(({box}) => box)) {
+      ctx.fillStyle = colourOf(mark);
+      writeOn(ctx, mark.text, mark.box.left, mark.box.top + 10);
     }
     ctx.restore();
   },
@@ -163,49 +157,35 @@ const kWarningMarks = {
 const kIntervalMarks = {
   id: 'intervalMarks',
   beforeDatasetsDraw(drawn) {
-    const {ctx, chartArea: {left, top, width, height}, scales: {x, y}} = drawn;
-    const cross = (fromX, fromY, toX, toY) => {
-      ctx.beginPath();
-      ctx.moveTo(x.getPixelForValue(fromX), y.getPixelForValue(fromY));
-      ctx.lineTo(x.getPixelForValue(toX), y.getPixelForValue(toY));
-      ctx.stroke();
-    };
+    const {ctx, chartArea: {left, top, width, height}} = drawn;
     ctx.save();
     ctx.beginPath();
     ctx.rect(left, top, width, height);
     ctx.clip();
-    for (const set of drawn.data.datasets.filter((_, at) => drawn.isDatasetVisible(at))) {
-      ctx.strokeStyle = set.borderColor;
-      ctx.lineWidth = 1;
-      for (const point of set.data) {
-        if ((point.low ?? null) !== null) cross(point.x, point.low, point.x, point.high);
-        if ((point.xLow ?? null) !== null) cross(point.xLow, point.y, point.xHigh, point.y);
-      }
+    ctx.lineWidth = 1;
+    for (const line of intervalLines(drawn)) {
+      ctx.strokeStyle = line.colour;
+      drawLine(ctx, line);
     }
     ctx.restore();
   },
 };
 
-// Writes the text of points beside them, where no other text is.
+// Writes the text of points beside them, as far as there is room.
 const kPointTexts = {
   id: 'pointTexts',
-  afterDatasetsDraw(drawn) {
-    const {ctx, chartArea} = drawn;
-    const kHeight = Chart.defaults.font.size;
-    const taken = [];
+  afterDatasetsDraw(drawn, _, {marks, rows}) {
+    const {ctx} = drawn;
+    const placed = placePointTexts(drawn, marks, rows);
     ctx.save();
+    ctx.font = pointFont();
     ctx.fillStyle = styleColour('--ink');
-    ctx.font = `${kHeight - 1}px ${Chart.defaults.font.family}`;
-    drawn.data.datasets.forEach((set, at) => drawn.getDatasetMeta(at).data.forEach((element, i) => {
-      const {text} = set.data[i];
-      if (!text) return;
-      const width = ctx.measureText(text).width;
-      const left = Math.min(element.x + 6, chartArea.right - width);
-      const box = {left, right: left + width, top: element.y - kHeight - 4, bottom: element.y - 2};
-      if (taken.some((one) => one.left < box.right && box.left < one.right && one.top < box.bottom && box.top < one.bottom)) return;
-      taken.push(box);
-      writeOn(ctx, text, left, box.bottom - 2);
-    }));
+    ctx.setLineDash([1, 2]);
+    for (const {leader, colour} of placed) {
+      ctx.strokeStyle = colour;
+      if (leader) drawLine(ctx, leader);
+    }
+    for (const {text, box} of placed) writeOn(ctx, text, box.left + kTextRim, box.bottom - 2 * kTextRim);
     ctx.restore();
   },
 };
@@ -226,7 +206,8 @@ function draw(canvas, chart, isStrip) {
       scales: {x, y},
       plugins: {
         warmUp: {endS: chart.warmupS},
-        warningMarks: {marks: chart.marks},
+        warningMarks: {marks: chart.marks ?? []},
+        pointTexts: {marks: chart.marks ?? [], rows: chart.textRows ?? 1},
         legend: legendOptions(chart),
         tooltip: {
           callbacks: {

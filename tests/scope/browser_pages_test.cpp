@@ -314,20 +314,63 @@ TEST_F(PagesInBrowser, ASweepOfSingleRunsSaysThatTheUncertaintyIsNotKnown) {
   EXPECT_THAT(visit.Row("figures saturations", {"cpu", "CPU=3"}), Contains("not known"));
 }
 
+// Texts of a chart, and how many of them lie on another one, or on a point, a line or an interval. A curve
+// whose points are almost in one place is drawn and taken away again.
+constexpr const char* kTextsOfCharts = R"(
+const isInside = ({left, right, top, bottom}, [x, y]) => left < x && x < right && top < y && y < bottom;
+const steps = Array.from({length: 400}, (_, i) => i / 399);
+const along = ([x1, y1], [x2, y2]) => steps.map((share) => [x1 + share * (x2 - x1), y1 + share * (y2 - y1)]);
+const textsOf = (chart) => {
+  const {marks, rows} = chart.options.plugins.pointTexts;
+  const {x, y} = chart.scales;
+  const at = (toX, toY) => [x.getPixelForValue(toX), y.getPixelForValue(toY)];
+  const placed = [...placeMarks(chart, marks).filter(({box}) => box), ...placePointTexts(chart, marks, rows)];
+  const ink = chart.data.datasets.flatMap(({data}) => data.flatMap((point, i) => [
+    ...along(at(point.x, point.y), at((data[i + 1] ?? point).x, (data[i + 1] ?? point).y)),
+    ...along(at(point.x, point.low ?? point.y), at(point.x, point.high ?? point.y)),
+    ...along(at(point.xLow ?? point.x, point.y), at(point.xHigh ?? point.x, point.y))]));
+  const corners = ({left, right, top, bottom}) => [0, 0.5, 1].flatMap((share) => along([left, top + share * (bottom - top)],
+    [right, top + share * (bottom - top)]));
+  const ofPoints = placed.filter(({text}) => !/^(knee|saturation)/.test(text));
+  return {texts: placed.map(({text}) => text), leaders: ofPoints.filter(({leader}) => leader).length,
+    onOthers: placed.filter(({box}) => placed.some((other) => other.box !== box && corners(box).some((corner) => isInside(other.box, corner)))).length,
+    onInk: ofPoints.filter(({box}) => ink.some((spot) => isInside(box, spot))).length,
+    onMarks: placed.filter(({box}) => placed.some(({line}) => line && along([line.x1, line.y1], [line.x2, line.y2]).some((spot) => isInside(box, spot)))).length};
+};
+const crowd = JSON.parse(JSON.stringify(kData.curves[0]));
+crowd.points.slice(2).forEach((point, i) => Object.assign(point, {gb_per_s: 9 + 0.12 * i, gb_per_s_low: 7, gb_per_s_high: 9.9,
+  latency_p50_ns: 150 + 3 * i, latency_p50_ns_low: 140, latency_p50_ns_high: 190}));
+crowd.knee = {gb_per_s: 9.3};
+crowd.saturation = {...crowd.saturation, gb_per_s: 9.35};
+const frame = document.createElement('div');
+const canvas = document.createElement('canvas');
+frame.style.width = '900px';
+frame.style.height = '400px';
+frame.append(canvas);
+document.body.append(frame);
+draw(canvas, curvesCharts({curves: [crowd]})[0], false);
+const crowded = textsOf(Chart.getChart(canvas));
+Chart.getChart(canvas).destroy();
+frame.remove();
+)";
+
 // Two curves and how they compare, on one page.
 TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   made_curve::Write(folder_ / "fast", made_curve::Queue, 2);
   made_curve::Write(folder_ / "slow", made_curve::SlowQueue, 2);
-  const std::string page = PageOf({"compare", folder_ / "fast", folder_ / "slow"},
-                                  "const {options, data} = Chart.getChart('latency');"
-                                  "const point = data.datasets[0].data[3];"
-                                  "const line = {dataset: {label: 'A'}, parsed: {y: point.y}, raw: point};"
-                                  "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
-                                  " tip: options.plugins.tooltip.callbacks.label(line),"
-                                  " colours: options.plugins.warningMarks.marks.map(({colour}) => colour),"
-                                  " reach: options.scales.x.max - Math.max(...data.datasets.flatMap((set) =>"
-                                  " set.data.map(({xHigh}) => xHigh ?? 0)))};",
-                                  1);
+  const std::string page =
+      PageOf({"compare", folder_ / "fast", folder_ / "slow"},
+             std::string(kTextsOfCharts) +
+                 "const {options, data} = Chart.getChart('latency');"
+                 "const point = data.datasets[0].data[3];"
+                 "const line = {dataset: {label: 'A'}, parsed: {y: point.y}, raw: point};"
+                 "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
+                 " crowded, shared: textsOf(Chart.getChart('latency')),"
+                 " tip: options.plugins.tooltip.callbacks.label(line),"
+                 " colours: options.plugins.warningMarks.marks.map(({colour}) => colour),"
+                 " reach: options.scales.x.max - Math.max(...data.datasets.flatMap((set) =>"
+                 " set.data.map(({xHigh}) => xHigh ?? 0)))};",
+             1);
   const Visit visit = Open(page, "curves_1280_light", 1280, 3400);
   ExpectQuiet(visit);
   EXPECT_THAT(visit.ChartIds(), ElementsAre("latency", "tails"));
@@ -346,6 +389,16 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   EXPECT_EQ(visit.page["extra"]["colours"], json::parse(R"(["#0072b2", "#0072b2", "#d55e00", "#d55e00"])"));
   EXPECT_EQ(visit.page["extra"]["tip"], "A: 113 (CPU=1 at 33.3 %)");
   EXPECT_GE(visit.page["extra"]["reach"].get<double>(), 0) << "intervals are within the axis";
+  for (const char* const which : {"shared", "crowded"}) {
+    const json seen = visit.page["extra"][which];
+    for (const char* const what : {"onOthers", "onInk", "onMarks"}) EXPECT_EQ(seen[what], 0) << which << what;
+    EXPECT_THAT(seen["texts"].get<std::vector<std::string>>(),
+                which == std::string("shared") ? AllOf(Contains("saturation 2"), Contains("CPU=1 at 11.1 %"))
+                                               : AllOf(Contains("knee"), Contains("idle")));
+  }
+  EXPECT_GE(visit.page["extra"]["crowded"]["texts"].size(), 10U) << "two marks and most of ten points";
+  EXPECT_GT(visit.page["extra"]["crowded"]["leaders"], 3);
+  EXPECT_EQ(visit.page["extra"]["shared"]["leaders"], 0) << "they would lead to points of another curve";
   EXPECT_GT(chart["drawn"], 500);
   EXPECT_EQ(visit.Chart("tails")["series"].size(), 4U);
   EXPECT_EQ(visit.Row("figures verdicts two", {"idle"})[3], "worse");

@@ -297,6 +297,8 @@ TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
   const CurveTable table = ReadCurveTable(folder_ / "curve");
   EXPECT_FALSE(table.points[5].values[0]);
   EXPECT_THAT(table.notes, ElementsAre("1 run without a latency or a bandwidth after the warm-up: left out"));
+  EXPECT_THAT(ErrorOf([&] { (void)CompareCurves(table, table, {}); }),
+              HasSubstr("All its runs are done, and the notes of its report say what they lack"));
 }
 
 TEST_F(CurveTest, SaysWhatTheProbeCouldNotHave) {

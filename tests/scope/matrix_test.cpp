@@ -78,6 +78,13 @@ TEST(MatrixPlanTest, ReadsVictims) {
   EXPECT_THAT(error({"VPC", "VPC=2"}), HasSubstr("the victim VPC is given twice"));
 }
 
+TEST(MatrixPlanTest, EachSectionThatWorksAndHasAnAggressorIsAVictim) {
+  EXPECT_THAT(UsualVictims(ParseAxes({"CPU=0,1"}), {"CPU", "VPC", "AIC"}),
+              ElementsAre("VPC", "AIC", "latency"));
+  EXPECT_THAT(UsualVictims(ParseAxes({"CPU=0,1", "VPC=0,2"}), {"CPU", "VPC"}),
+              ElementsAre("CPU", "VPC", "latency"));
+}
+
 TEST(MatrixPlanTest, MixesLeaveOutTheVictimAndNothing) {
   const auto axes = ParseAxes({"CPU=0,2", "VPC=0..3", "VENC=0,1"});
   EXPECT_THAT(MixesFor(axes, "VPC"), ElementsAre(SweepLevels{{"VENC", 1}}, SweepLevels{{"CPU", 2}},
@@ -277,6 +284,34 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
               AllOf(HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"),
                     HasSubstr("  p99 alone  "),
                     ::testing::ContainsRegex(" 223 ns \\[21[0-9] ns, 23[0-9] ns\\]  443 ns \\[4")));
+}
+
+// With one CPU and no real-time priority, a load may leave the probe no whole burst.
+TEST_F(MatrixTest, SaysThatNoBurstWasUndisturbed) {
+  Matrix matrix = Planned({"CPU=0,2"}, {"latency"}, 1);
+  matrix.runs = PlanMatrix(matrix);
+  for (MatrixRun& run : matrix.runs) {
+    run.state = SweepState::kDone;
+    scope::Run recorded = made_curve::Run({5, 100});
+    if (run.part == MatrixPart::kWith || run.part == MatrixPart::kControl) {
+      for (LatencySecond& second : recorded.latency) second.accesses = 0;
+      recorded.info.latency.bursts = recorded.info.latency.interrupted = 40;
+      recorded.info.latency.realTimeNote = "it is not allowed";
+    }
+    made_run::Write(recorded, Folder() + "/" + run.folder);
+  }
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  const auto none = HasSubstr("CPU=2): no undisturbed burst of the latency probe after the warm-up");
+  EXPECT_THAT(table.notes, ElementsAre(none, none,
+                                       "latency of 2 runs: 40 of 40 bursts interrupted: the load, other "
+                                       "programs or the host took the probe's CPU; it had no real-time "
+                                       "priority: it is not allowed"));
+  EXPECT_THAT(MatrixText(matrix, table), HasSubstr("Whether the latency of memory grows is not known"));
+  matrix.worst = true;
+  EXPECT_THAT(MatrixText(matrix, table),
+              HasSubstr("It found CPU=2, whose control measured nothing: see the notes."));
+  matrix.runs.clear();
+  EXPECT_THAT(MatrixText(matrix, table), HasSubstr("It has not ended."));
 }
 
 // The seconds in which aggressors begin and end are no seconds under load.
@@ -728,7 +763,9 @@ TEST_F(MatrixProgramTest, SaysWhatItNeeds) {
   EXPECT_THAT(error({"--victim", "GPU"}), HasSubstr("expected CPU, VPC, VENC or AIC"));
   EXPECT_THAT(error({"--victim", "VPC", "--levels", "VPC=0..2"}), HasSubstr("nothing disturbs VPC"));
   EXPECT_THAT(error({"--victim", "AIC"}), HasSubstr("need a section AIC"));
-  EXPECT_THAT(error({"--stop-after", "3"}), HasSubstr("too short"));
+  EXPECT_THAT(error({"--worst", "CPU", "--levels", "CPU=0..2"}), HasSubstr("as in --levels VPC=0,1"));
+  EXPECT_THAT(error({"--levels", "CPU=0,1", "--stop-after", "3"}), HasSubstr("too short"))
+      << "copies, which nothing else disturbs, are no victim";
   EXPECT_THAT(error({"--worst", "VPC", "--victim", "CPU"}), HasSubstr("--worst"));
   EXPECT_EQ(RunTool({"matrix"}).status, 2);
   EXPECT_THAT(RunTool({"matrix", "--resume", folder_ / "none"}).errors, HasSubstr("not a matrix"));

@@ -100,11 +100,15 @@ TEST(Report, DoubtsALatencyThatWasMeasuredBadly) {
               HasSubstr("warning: latency: the probe had no CPU of its own: Operation not permitted\n"));
   EXPECT_THAT(
       text,
-      HasSubstr("warning: latency: 164 of 328 bursts interrupted: the load, other programs or the host"));
+      HasSubstr("warning: latency: 164 of 328 bursts interrupted: the load, other programs or the host took "
+                "the probe's CPU\n"));
   EXPECT_THAT(text, HasSubstr("warning: latency: the probe's own load is "));
   EXPECT_THAT(
       text, HasSubstr("warning: latency: the probe went through 256 MiB, and the largest cache has 200 MiB"));
   EXPECT_THAT(text, HasSubstr("warning: latency: the timer moves in steps of 40 ns: the mean of 163 ns"));
+  run.info.latency.realTimeNote = "it is not allowed";
+  EXPECT_THAT(ReportText({Reported(run, "one")}, 200),
+              HasSubstr("the probe's CPU; it had no real-time priority: it is not allowed\n"));
 }
 
 TEST(ReportPage, AFigureThatARunDoesNotHaveIsNull) {

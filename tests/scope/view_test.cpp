@@ -108,6 +108,7 @@ TEST(Describe, HasTheFiguresOfASecondInOneLine) {
 
 TEST(Describe, HasTheLatencyOfMemoryInOneLine) {
   scope::LatencySecond second;
+  second.accesses = 1000;
   second.p50Ns = 148;
   second.p99Ns = 410;
   second.p999Ns = 505;
@@ -116,6 +117,9 @@ TEST(Describe, HasTheLatencyOfMemoryInOneLine) {
   second.interrupted = 2;
   EXPECT_EQ(scope::Describe(second),
             "memory latency  p50 148 ns  p99 410 ns  p99.9 505 ns  max 34.0 us  2 bursts interrupted");
+  scope::LatencySecond none;
+  none.interrupted = 8;
+  EXPECT_EQ(scope::Describe(none), "memory latency  -  8 bursts interrupted");
 }
 
 // A reader of the pipe gets each line as soon as its second is over.

@@ -6,6 +6,7 @@
 
 #include "compare_values.h"
 #include "errors.h"
+#include "margin_map.h"
 #include "text_format.h"
 
 namespace scope {
@@ -16,9 +17,10 @@ constexpr double kShares[] = {0.5, 0.8};  // of the lesser most bandwidth
 CurveFigures Require(const CurveTable& table) {
   std::optional<CurveFigures> figures = FiguresOf(table);
   if (!figures) {
-    throw UserError(table.name +
-                    ": no repeat of the curve is whole. Continue with: stress_scope curve --resume " +
-                    table.name);
+    throw UserError(table.name + ": no repeat of the curve is whole. " +
+                    (IsComplete(table.curve.sweep)
+                         ? "All its runs are done, and the notes of its report say what they lack"
+                         : "Continue with: stress_scope curve --resume " + table.name));
   }
   return *std::move(figures);
 }

@@ -132,7 +132,8 @@ std::vector<LatencyDoubt> LatencyDoubts(const Run& run, const RunSummary& summar
   const auto interrupted = static_cast<double>(latency.interrupted);
   if (interrupted > kMostInterrupted * bursts) {
     add(Kind::kInterrupted, interrupted / bursts,
-        BurstsText(latency) + ": the load, other programs or the host took the probe's CPU");
+        BurstsText(latency) + ": the load, other programs or the host took the probe's CPU" +
+            (latency.realTimeNote.empty() ? "" : "; it had no real-time priority: " + latency.realTimeNote));
   }
   const std::optional<double> share = LoadShare(run, summary);
   if (share && *share > kMostLoadShare) {

@@ -33,8 +33,8 @@ std::vector<SweepAxis> AggressorsOf(const std::vector<SweepAxis>& axes, const st
 std::vector<SweepLevels> RequireMixes(const std::vector<SweepAxis>& axes, const std::string& victim) {
   std::vector<SweepLevels> mixes = MixesFor(axes, victim);
   if (!mixes.empty()) return mixes;
-  throw UserError("nothing disturbs " + victim +
-                  ": give levels above 0 of another section, as in --levels CPU=0,1");
+  throw UserError("nothing disturbs " + victim + ": give levels above 0 of another section, as in --levels " +
+                  (victim == "CPU" ? "VPC" : "CPU") + "=0,1");
 }
 
 // The runs of each mix within the search's budget. Those that come after it are of the mix that it has found.
@@ -101,6 +101,16 @@ std::vector<MatrixVictim> ParseVictims(const std::vector<std::string>& texts) {
     if (isTwice) throw UserError("the victim " + victim.section + " is given twice");
     victims.push_back(std::move(victim));
   }
+  return victims;
+}
+
+std::vector<std::string> UsualVictims(const std::vector<SweepAxis>& axes,
+                                      const std::vector<std::string>& sections) {
+  std::vector<std::string> victims;
+  for (const std::string& section : sections) {
+    if (!MixesFor(axes, section).empty()) victims.push_back(section);
+  }
+  victims.emplace_back(kLatencyVictim);
   return victims;
 }
 

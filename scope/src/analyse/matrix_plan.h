@@ -15,6 +15,10 @@ namespace scope {
 /// and for a level that is not 1 to 10.
 std::vector<MatrixVictim> ParseVictims(const std::vector<std::string>& texts);
 
+/// The victims where none is named: those of the sections that have an aggressor, and the latency of memory.
+std::vector<std::string> UsualVictims(const std::vector<SweepAxis>& axes,
+                                      const std::vector<std::string>& sections);
+
 /// "VPC=1", "latency".
 std::string VictimText(const MatrixVictim& victim);
 

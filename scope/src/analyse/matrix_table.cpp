@@ -134,12 +134,15 @@ class TableReader {
         return;
       }
       if (run.part == MatrixPart::kWith) ++table_.withRuns;
+      const bool isLatency = run.victim == kLatencyVictim;
+      if (isLatency) TakeLatency(run, recorded);
       const std::optional<VictimValues> values = ValuesOf(recorded, run.victim, warmupS);
       if (!values) {
-        table_.notes.push_back(NameOf(matrix_, run) + ": the victim did nothing after the warm-up");
+        table_.notes.push_back(NameOf(matrix_, run) +
+                               (isLatency ? ": no undisturbed burst of the latency probe after the warm-up"
+                                          : ": the victim did nothing after the warm-up"));
         return;
       }
-      if (run.victim == kLatencyVictim) TakeLatency(run, recorded);
       MatrixFigures& figures = FiguresFor(run);
       figures.main.push_back(values->main);
       if (values->p99Us) figures.p99Us.push_back(*values->p99Us);

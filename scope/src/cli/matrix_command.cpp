@@ -55,8 +55,9 @@ std::vector<MatrixVictim> VictimsOf(const MatrixOptions& options, const std::vec
   std::vector<std::string> texts = options.victims;
   if (!options.worst.empty()) texts = {options.worst};
   if (texts.empty()) {
-    for (const SweepAxis& axis : axes) texts.push_back(axis.section);
-    texts.emplace_back(kLatencyVictim);
+    std::vector<std::string> loaded;
+    for (const SweepAxis& axis : AxesOfConfiguration(options.config)) loaded.push_back(axis.section);
+    texts = UsualVictims(axes, loaded);
   }
   return ParseVictims(texts);
 }

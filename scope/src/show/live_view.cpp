@@ -144,9 +144,11 @@ std::string Describe(const std::string& engine, const EngineSample& second) {
 }
 
 std::string Describe(const LatencySecond& second) {
+  const std::string interrupted =
+      second.interrupted == 0 ? "" : "  " + Counted(second.interrupted, "burst") + " interrupted";
+  if (second.accesses == 0) return "memory latency  -" + interrupted;
   return "memory latency  p50 " + Latency(second.p50Ns) + "  p99 " + Latency(second.p99Ns) + "  p99.9 " +
-         Latency(second.p999Ns) + "  max " + Latency(second.maxNs) +
-         (second.interrupted == 0 ? "" : "  " + Counted(second.interrupted, "burst") + " interrupted");
+         Latency(second.p999Ns) + "  max " + Latency(second.maxNs) + interrupted;
 }
 
 std::string Sparkline(const std::vector<double>& values, std::size_t width) {

@@ -68,7 +68,14 @@ std::vector<std::string> WorstSentences(const Matrix& matrix, const MatrixTable&
   const std::string made = "The search made " + std::to_string(table.withRuns) + " of the " +
                            std::to_string(ExhaustiveRuns(WorstGridOf(matrix))) +
                            " runs with aggressors that recording every mix would take.";
-  if (worst == nullptr) return {made, "It has not ended."};
+  if (worst == nullptr) {
+    const auto control = std::find_if(matrix.runs.begin(), matrix.runs.end(), [](const MatrixRun& run) {
+      return run.part == MatrixPart::kControl && run.state == SweepState::kDone;
+    });
+    return {made, control == matrix.runs.end() ? "It has not ended."
+                                               : "It found " + PointText(control->mix) +
+                                                     ", whose control measured nothing: see the notes."};
+  }
   return {"The worst mix for " + VictimText(worst->victim) + " is " + PointText(worst->mix) + ": slower by " +
               SlowdownText(worst->total) + " in all, by " + SlowdownText(worst->byMemory) +
               " because of memory.",
