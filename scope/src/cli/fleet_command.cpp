@@ -74,8 +74,8 @@ void Save(const FleetCommand& command, const FleetReport& report) {
 
 int RunFleet(FleetCommand& command) {
   for (const std::string& name : command.figures) {
-    for (const FigureKind& kind : FigureKinds()) {
-      if (name == kind.name) command.options.figures.insert(kind.figure);
+    for (const FigureKind* const kind : EngineKinds()) {
+      if (name == kind->name) command.options.figures.insert(kind->figure);
     }
   }
   FleetReport report;
@@ -115,8 +115,8 @@ void AddFleet(CLI::App& app, int& status) {
       ->delimiter(',')
       ->allow_extra_args(false);
   std::vector<std::string> figures;
-  for (const FigureKind& kind : FigureKinds()) {
-    if (kind.compared) figures.emplace_back(kind.name);
+  for (const FigureKind* const kind : EngineKinds()) {
+    if (kind->compared) figures.emplace_back(kind->name);
   }
   add("--figure", options->figures, "NAMES", "Judge these (default: rates, and the bandwidth of all engines)")
       ->delimiter(',')

@@ -47,6 +47,7 @@ void SetRates(Work& work, double spanS) {
 }
 
 const std::vector<FigureKind>& FigureKinds() {
+  constexpr bool kOfMemoryAlone = true;
   static const std::vector<FigureKind> kKinds = {
       {Figure::kCount, "operations", "ops", "", false, false, "", CountText, CountOf<&Work::operations>},
       {Figure::kOperations, "ops", "ops/s", "op/s", false, true, "rate", RateText,
@@ -59,16 +60,22 @@ const std::vector<FigureKind>& FigureKinds() {
       {Figure::kFailures, "failures", "failed", "", true, false, "", CountText, CountOf<&Work::failures>},
       {Figure::kPrinted, "printed", "printed fps", "fps", false, true, "", RateText, nullptr},
       {Figure::kExact, "exact", "exact fps", "fps", false, false, "", RateText,
-       [](const Work& work) { return work.busyRate > 0 ? std::optional(work.busyRate) : std::nullopt; }}};
+       [](const Work& work) { return work.busyRate > 0 ? std::optional(work.busyRate) : std::nullopt; }},
+      // The meter does not keep so rare a latency of an engine for each second.
+      {Figure::kP999, "p999", "p99.9", "us", true, true, "", LatencyText, nullptr, kOfMemoryAlone}};
   return kKinds;
 }
 
 const FigureKind& KindOf(Figure figure) {
-  // The meter does not keep so rare a latency of an engine for each second.
-  static const FigureKind kP999 = {Figure::kP999, "p999", "p99.9",     "us",   true,
-                                   true,          "",     LatencyText, nullptr};
-  if (figure == Figure::kP999) return kP999;
   return FigureKinds().at(static_cast<std::size_t>(figure));
+}
+
+std::vector<const FigureKind*> EngineKinds() {
+  std::vector<const FigureKind*> kinds;
+  for (const FigureKind& kind : FigureKinds()) {
+    if (!kind.ofMemoryAlone) kinds.push_back(&kind);
+  }
+  return kinds;
 }
 
 std::vector<const FigureKind*> ComparedKinds() {
@@ -76,7 +83,6 @@ std::vector<const FigureKind*> ComparedKinds() {
   for (const FigureKind& kind : FigureKinds()) {
     if (kind.compared) kinds.push_back(&kind);
   }
-  kinds.push_back(&KindOf(Figure::kP999));
   return kinds;
 }
 

@@ -31,12 +31,14 @@ struct FigureKind {
   std::string (*text)(double);  ///< a value as people read it, without the unit where the title says it
   /// The value in `unit`; none if it is unknown. Null: the meter does not measure it.
   std::optional<double> (*of)(const Work& work);
+  bool ofMemoryAlone = false;  ///< only the latency of memory has it; no engine has
 };
 
-/// The one table of figures of engines. Live table, reports and comparisons list figures from it.
+/// The one table of figures. Live table, reports and comparisons list figures from it.
 const std::vector<FigureKind>& FigureKinds();
-/// The kind of any figure, also of those that only the latency of memory has.
 const FigureKind& KindOf(Figure figure);
+/// The kinds that engines have, in display order.
+std::vector<const FigureKind*> EngineKinds();
 /// The kinds that runs are compared by, in display order.
 std::vector<const FigureKind*> ComparedKinds();
 

@@ -32,13 +32,13 @@ Json Column(const Rows& rows, Value value) {
   return column;
 }
 
-Json FigureJson(const FigureKind& kind) {
-  return Json{{"name", kind.name},
-              {"title", kind.title},
-              {"unit", kind.unit},
-              {"lower_is_better", kind.lowerIsBetter},
-              {"measured", kind.of != nullptr},
-              {"chart", kind.chart}};
+Json FigureJson(const FigureKind* kind) {
+  return Json{{"name", kind->name},
+              {"title", kind->title},
+              {"unit", kind->unit},
+              {"lower_is_better", kind->lowerIsBetter},
+              {"measured", kind->of != nullptr},
+              {"chart", kind->chart}};
 }
 
 Json WorkJson(const Work& work) {
@@ -246,7 +246,7 @@ Json ReportData(const std::vector<ReportedRun>& runs, double warmupS) {
               {"kind", "report"},
               {"tool", kToolVersion},
               {"warmup_s", warmupS},
-              {"figures", Column(FigureKinds(), FigureJson)},
+              {"figures", Column(EngineKinds(), FigureJson)},
               {"engines", EngineList(ShownEngines(runs))},
               {"runs", Column(runs, [warmupS](const ReportedRun& run) { return RunJson(run, warmupS); })}};
 }

@@ -35,11 +35,11 @@ std::string Head(const ReportedRun& reported) {
 std::vector<std::string> Row(const std::string& engine, const EngineSummary* measured,
                              const PrintedRates* printed) {
   std::vector<std::string> row = {"  " + engine, measured ? std::to_string(measured->threads.size()) : "-"};
-  for (const FigureKind& kind : FigureKinds()) {
-    if (kind.figure == Figure::kPrinted) {
-      row.push_back(printed ? kind.text(printed->median) : "-");
+  for (const FigureKind* const kind : EngineKinds()) {
+    if (kind->figure == Figure::kPrinted) {
+      row.push_back(printed ? kind->text(printed->median) : "-");
     } else {
-      row.push_back(measured ? FigureText(kind, measured->work) : "-");
+      row.push_back(measured ? FigureText(*kind, measured->work) : "-");
     }
   }
   return row;
@@ -49,10 +49,11 @@ std::string Table(const RunSummary& summary, std::size_t width) {
   TextTable table("l");
   std::vector<std::string> head = {"  engine", "threads"};
   std::vector<std::string> all = {"  all", ""};
-  for (const FigureKind& kind : FigureKinds()) {
-    head.emplace_back(kind.title);
-    all.push_back(
-        kind.figure == Figure::kBandwidth && summary.gigabytesPerS ? kind.text(*summary.gigabytesPerS) : "");
+  for (const FigureKind* const kind : EngineKinds()) {
+    head.emplace_back(kind->title);
+    all.push_back(kind->figure == Figure::kBandwidth && summary.gigabytesPerS
+                      ? kind->text(*summary.gigabytesPerS)
+                      : "");
   }
   table.Add(head);
   for (const EngineSummary& engine : summary.engines) {
