@@ -36,6 +36,12 @@ constexpr MeasuredOperation kOperations[] = {{"memcpy_s", scope::Engine::kCpu},
                                              {"QetImageResize", scope::Engine::kVpc},
                                              {"encode (3 calls)", scope::Engine::kVenc},
                                              {"QetDNNModelProcess", scope::Engine::kAic}};
+constexpr std::size_t kLoads = 0
+#define ENGINE(symbol, id, load, ...) +(load ? 1 : 0)
+#include "engines.inc"
+#undef ENGINE
+    ;
+static_assert(std::size(kOperations) == kLoads, "an engine of the table has no operation here");
 constexpr std::chrono::seconds kMeasured{10};
 
 // The least disturbed round, ns a call.
