@@ -22,6 +22,7 @@ using Json = nlohmann::json;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::UnorderedElementsAreArray;
 
 std::string ReadFile(const char* path) {
   std::ifstream file(path);
@@ -56,19 +57,32 @@ std::set<std::string> WrittenKeys() {
   return keys;
 }
 
-// In the first column of the table: names in full, or from a point on, as the one before.
-std::set<std::string> DocumentedKeys() {
-  std::set<std::string> keys;
+// The rows of the table of run.json in the format's description.
+std::vector<std::string> DocumentedRows() {
+  std::vector<std::string> rows;
   std::istringstream lines(ReadFile(SCOPE_FORMAT));
   bool here = false;
   for (std::string line; std::getline(lines, line);) {
     if (line[0] == '#') here = line == "## run.json";
-    if (!here || line.rfind("| `", 0) != 0) continue;
-    const std::string cell = line.substr(0, line.find(" |"));
-    const std::regex name("`([^`]+)`");
+    if (here && line.rfind("| `", 0) == 0) rows.push_back(line);
+  }
+  return rows;
+}
+
+std::vector<std::string> NamesIn(const std::string& cell) {
+  std::vector<std::string> names;
+  const std::regex name("`([^`]+)`");
+  for (std::sregex_iterator at(cell.begin(), cell.end(), name), end; at != end; ++at)
+    names.push_back((*at)[1]);
+  return names;
+}
+
+// In the first column: names in full, or from a point on, as the one before.
+std::set<std::string> DocumentedKeys() {
+  std::set<std::string> keys;
+  for (const std::string& row : DocumentedRows()) {
     std::string before;
-    for (std::sregex_iterator at(cell.begin(), cell.end(), name), end; at != end; ++at) {
-      const std::string found = (*at)[1];
+    for (const std::string& found : NamesIn(row.substr(0, row.find(" |")))) {
       before = found[0] == '.' ? before.substr(0, before.rfind('.')) + found : found;
       keys.insert(before);
     }
@@ -76,9 +90,28 @@ std::set<std::string> DocumentedKeys() {
   return keys;
 }
 
+// In the third column, which only rows of keys that must agree have.
+std::vector<std::string> DocumentedConditions() {
+  std::vector<std::string> all;
+  for (const std::string& row : DocumentedRows()) {
+    const std::size_t second = row.find(" | ");
+    const std::size_t third = row.find(" | ", second + 1);
+    if (third == std::string::npos) continue;
+    for (const std::string& name : NamesIn(row.substr(third))) {
+      EXPECT_LT(row.find(name), second) << name << " stands beside another key: " << row;
+      all.push_back(name);
+    }
+  }
+  return all;
+}
+
 TEST(RunKeys, AreExactlyThoseOfTheFormatsDescription) {
   EXPECT_THAT(WrittenKeys(), Not(IsEmpty()));
   EXPECT_EQ(WrittenKeys(), DocumentedKeys());
+}
+
+TEST(RunKeys, ThatMustAgreeAreThoseOfTheFormatsDescription) {
+  EXPECT_THAT(DocumentedConditions(), UnorderedElementsAreArray(scope::ConditionNames()));
 }
 
 TEST(RunTables, HaveTheHeadersOfTheFormatsDescription) {
