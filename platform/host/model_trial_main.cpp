@@ -18,18 +18,6 @@
 #include "model_trial.h"
 #include "prepare_process.h"
 
-// Sanitizers reserve far more address space than RLIMIT_AS would allow. They have limits of their own.
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define MODEL_TRIAL_SANITIZED
-constexpr char kSanitizerOptions[] = "hard_rss_limit_mb=4096:allocator_may_return_null=1";
-extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-  return kSanitizerOptions;
-}
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
-  return kSanitizerOptions;
-}
-#endif
-
 namespace Ormis::host {
 
 // onnx_model.cpp needs it. Logs nothing: the result says what there is to say.
@@ -57,12 +45,11 @@ void Limit(int resource, rlim_t limit) {
   (void)setrlimit(resource, &value);
 }
 
-void LimitResources(rlim_t processorS, [[maybe_unused]] rlim_t memoryPercent) {
+void LimitResources(rlim_t processorS, rlim_t memoryPercent) {
+  constexpr bool kLimitsAddressSpace = MODEL_TRIAL_LIMITS_ADDRESS_SPACE;
   Limit(RLIMIT_CORE, 0);
   Limit(RLIMIT_CPU, processorS);
-#ifndef MODEL_TRIAL_SANITIZED
-  Limit(RLIMIT_AS, portable::MemoryLimit() / 100 * memoryPercent);
-#endif
+  if (kLimitsAddressSpace) Limit(RLIMIT_AS, portable::MemoryLimit() / 100 * memoryPercent);
 }
 
 void Say(const char* step, const Outcome& outcome) {

@@ -569,6 +569,15 @@ TEST_F(TrialProgramTest, LimitsAreThoseOfTheSettings) {
   EXPECT_THAT(limits, testing::ContainsRegex("\nMax address space +" + memory + " +" + memory + " "));
 }
 
+#ifdef STRESS_ADDRESS_SANITIZER
+TEST_F(TrialProgramTest, ASanitizerLimitsMemoryInPlaceOfAddressSpace) {
+  (void)setenv("ASAN_OPTIONS", "help=1", 1);
+  const Result result = Run("--version");
+  (void)unsetenv("ASAN_OPTIONS");
+  EXPECT_THAT(result.error, testing::ContainsRegex("\thard_rss_limit_mb\n[^\n]*Value: 0x1000\\)"));
+}
+#endif
+
 TEST_F(TrialProgramTest, ItEndsWithItsCaller) {
   const std::string model = Write(EndlessNetwork());
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
