@@ -29,6 +29,7 @@
 #include "run_reader.h"
 #include "run_tables.h"
 #include "run_tool.h"
+#include "series_json.h"
 #include "sweep_plan.h"
 #include "system_files.h"
 #include "temporary_folder.h"
@@ -530,6 +531,19 @@ TEST_F(PlanTest, ThePlanSaysWhatEachCellChecks) {
     EXPECT_THAT(folder_.Get("plan.json"), Not(HasSubstr(key))) << "as plans were before";
 }
 
+// It would record the cell without them, and nobody would know.
+TEST_F(PlanTest, AProgramThatKnowsNoChecksRefusesAPlanThatHasSome) {
+  constexpr SeriesKind kReadByThat = {kPlanName, "plan", "a plan", 1};
+  const auto read = [&] { return ParseSeriesJson(folder_.Get("plan.json"), PlanPath(), kReadByThat); };
+  MakeSmallPlan();
+  EXPECT_EQ(read().at("cells").size(), 2U);
+  fs::remove(PlanPath());
+  ASSERT_EQ(MakePlan({"--guard", "1M"}).status, 0);
+  EXPECT_EQ(ErrorOf([&] { (void)read(); }),
+            PlanPath() + ": written in format 2, this program reads format 1");
+  EXPECT_EQ(ReadPlan(PlanPath()).settings.guard, "1M");
+}
+
 TEST_F(PlanTest, AFullDiskIsNoFailureOfTheBoardAndTheNextRunnerRecordsTheCell) {
   Script(
       "ln -s /dev/full \"$(dirname \"$1\")/rates.txt\"\necho 'cpuStress : 5.0 fps. ispStress : 30.0 fps.'");
@@ -759,7 +773,9 @@ TEST_F(PlanTest, RefusesADamagedPlan) {
     EXPECT_FALSE(fs::exists(Folder()));
     return result.errors;
   };
-  EXPECT_THAT(error("\"format\": 1", "\"format\": 2"), HasSubstr("this program reads format 1"));
+  EXPECT_THAT(error("\"format\": 1", "\"format\": 3"),
+              HasSubstr("written in format 3, this program reads formats 1 to 2"));
+  EXPECT_THAT(error("\"format\": 1", "\"format\": 0"), HasSubstr("written in format 0, this program"));
   EXPECT_THAT(error("\"plan\"", "\"sweep\""), HasSubstr("not a plan"));
   EXPECT_THAT(error("\"made\"", "\"mode\""), HasSubstr("made"));
   EXPECT_THAT(error("]\n}", ""), HasSubstr("parse error"));
@@ -777,6 +793,7 @@ TEST_F(PlanTest, RefusesADamagedPlan) {
   const auto check = [&](const std::string& key) {
     return error("  \"cells\": [", "  " + key + ",\n  \"cells\": [");
   };
+  EXPECT_THAT(check(R"("guard": "1M")"), HasSubstr(": a plan of format 1 has no checks: make it again"));
   EXPECT_THAT(check(R"("fill": "grey")"), HasSubstr(": fill: expected one of zeros, ones, "));
   EXPECT_THAT(check(R"("verify": 1)"), HasSubstr(": verify: expected true or false, found 1"));
   EXPECT_THAT(check(R"("verify": true)"),

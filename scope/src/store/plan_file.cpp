@@ -21,7 +21,10 @@
 namespace scope {
 namespace {
 
-constexpr SeriesKind kPlan = {kPlanName, "plan", "a plan", 1};
+// A plan has format 2 if its cells check or fill something. A program that knows no checks reads format 1
+// alone: it must not record such a cell without them.
+constexpr int kPlainFormat = 1;
+constexpr SeriesKind kPlan = {kPlanName, "plan", "a plan", 2, kPlainFormat};
 constexpr NumberRange kAllowedGraceS = {1, 3600};
 constexpr NumberRange kAllowedTimeS = {0, 1e6};
 
@@ -97,6 +100,8 @@ Plan PlanFromJson(const SeriesJson& json) {
   RequireTime("stop_after_s", plan.settings.stopAfterS, kAllowedTimeS);
   RequireTime("grace_s", plan.settings.graceS, kAllowedGraceS);
   GetChecks(json, plan.settings);
+  if (json.at("format") == kPlainFormat && !ChangedChecks(plan.settings).empty())
+    throw UserError(Format("a plan of format %d has no checks: make it again", kPlainFormat));
   const SeriesJson& cells = json.at("cells");
   if (!cells.is_array() || cells.empty()) throw UserError("expected a list of cells");
   plan.cells.reserve(cells.size());
@@ -146,13 +151,14 @@ std::string ChecksText(const Plan& plan) {
 }
 
 std::string PlanFileText(const Plan& plan) {
-  SeriesJson json{{"format", kPlan.format},
+  const SeriesJson checks = ChangedChecks(plan.settings);
+  SeriesJson json{{"format", checks.empty() ? kPlainFormat : kPlan.format},
                   {"kind", kPlan.kind},
                   {"tool", kToolVersion},
                   {"made", plan.made},
                   {"config", {{"path", plan.configPath}, {"text", plan.configText}}}};
   ForEachPlanSetting(plan.settings, [&](const char* key, const auto& value) { json[key] = value; });
-  json.update(ChangedChecks(plan.settings));
+  json.update(checks);
   // People and scripts find cell K in the K-th line of them.
   std::string text = TextWithLines(json, "cells", plan.cells, CellJson);
   if (text.size() > kMostJsonBytes) {

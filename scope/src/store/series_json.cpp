@@ -50,9 +50,12 @@ SeriesJson ParseSeriesJson(const std::string& text, const std::string& path, con
     SeriesJson json = ParseFolderJson(text, path);
     int format = 0;
     GetField(json, "format", format);
-    if (format != kind.format) {
-      throw UserError("written in format " + std::to_string(format) + ", this program reads format " +
-                      std::to_string(kind.format));
+    if (format < kind.firstFormat || format > kind.format) {
+      const std::string first = std::to_string(kind.firstFormat);
+      throw UserError("written in format " + std::to_string(format) + ", this program reads " +
+                      (kind.firstFormat == kind.format
+                           ? "format " + first
+                           : "formats " + first + " to " + std::to_string(kind.format)));
     }
     if (json.at("kind").get<std::string>() != kind.kind) throw UserError(std::string("not ") + kind.what);
     return json;

@@ -20,7 +20,8 @@ struct SeriesKind {
   const char* file;  ///< "sweep.json"
   const char* kind;  ///< its key "kind": "sweep"
   const char* what;  ///< for messages: "a sweep"
-  int format;
+  int format;        ///< the latest one
+  int firstFormat = format;
 };
 
 /// Calls `visit` with the key and the value of each setting of RunSettings.
