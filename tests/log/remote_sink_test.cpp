@@ -74,6 +74,15 @@ TEST_F(Remote, ForwardsEachRecordUnchanged) {
   EXPECT_THAT(receiver_.calls, ElementsAre("open", "application STBM a test", "close"));
 }
 
+TEST_F(Remote, WaitsForRecordsWithoutWork) {
+  Start();
+  EXPECT_TRUE(Deliver("one"));
+  const std::clock_t before = std::clock();  // processor time of all threads
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 40);
+  EXPECT_EQ(sink_->Stop(), 0U);
+}
+
 TEST_F(Remote, TheUptimeIsInTenthsOfAMillisecond) {
   Start();
   log_test::SystemCalls calls;

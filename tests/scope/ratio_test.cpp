@@ -92,6 +92,8 @@ TEST(RatioTest, TheIntervalOfPairsIsThePublishedOne) {
   EXPECT_NEAR(std::log(estimate.ratio), 1.58, 1e-9);
   EXPECT_NEAR(std::log(estimate.low), 0.7001142, 1e-6);
   EXPECT_NEAR(std::log(estimate.high), 2.4598858, 1e-6);
+  // sd(differences) is 1.229995; a difference varies as two runs do.
+  EXPECT_NEAR(estimate.deviation, 1.229995 / std::sqrt(2.0), 1e-5);
   EXPECT_EQ(estimate.freedom, 9);
   EXPECT_THROW((void)EstimatePairedRatio({1, 2}, {1, 2, 3}, 0.05), std::invalid_argument);
   EXPECT_THROW((void)EstimatePairedRatio({1}, {1}, 0.05), std::invalid_argument);

@@ -299,6 +299,9 @@ TEST(RunSummary, ShortOperationsAreThoseBelowAMillisecond) {
   run.samples = {At(1, 70), At(2, 10)};
   run.samples[1].p50Ns = 999'999;
   EXPECT_DOUBLE_EQ(Summarise(Completed(run)).engines[0].belowMillisecond, 0.125);
+  run.samples = {At(1, 1)};
+  run.samples[0].p50Ns = 999'999;
+  EXPECT_DOUBLE_EQ(Summarise(Completed(run)).engines[0].belowMillisecond, 1);
 }
 
 TEST(RunSummary, FiguresOfTheWholeRunAreOfAllSeconds) {
