@@ -138,6 +138,11 @@ TEST(RatioTest, RepeatsArePublishedOnesWhereTheScatterIsKnown) {
   known.freedom = 100'000'000;
   known.deviation = std::log1p(0.01);
   EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 17);
+  // Pairs know the scatter from half as many differences: t(17) is 2.1098 and 0.8633, t(16) 2.1199 and
+  // 0.8647.
+  known.paired = true;
+  EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 18);
+  known.paired = false;
   known.deviation *= 2;
   EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 64);
 }

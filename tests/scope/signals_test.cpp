@@ -51,6 +51,19 @@ TEST(SignalsTest, TellsOfASignalInsteadOfDyingOfIt) {
   }
 }
 
+// A shell passes on that its terminal has gone, and the system tells it as well.
+TEST(SignalsTest, ALostTerminalAsksOnce) {
+  TakeHangUp();
+  Signals signals;
+  ASSERT_EQ(raise(SIGHUP), 0);
+  EXPECT_TRUE(signals.TakeStop());
+  ASSERT_EQ(raise(SIGHUP), 0);
+  EXPECT_TRUE(Readable(signals));
+  EXPECT_FALSE(signals.TakeStop());
+  ASSERT_EQ(raise(SIGINT), 0);
+  EXPECT_TRUE(signals.TakeStop()) << "somebody asks again";
+}
+
 // As under nohup.
 TEST(SignalsTest, AHangUpThatIsIgnoredStaysIgnored) {
   ASSERT_NE(std::signal(SIGHUP, SIG_IGN), SIG_ERR);

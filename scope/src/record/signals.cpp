@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace scope {
 
@@ -47,8 +48,11 @@ Signals::~Signals() {
 bool Signals::TakeStop() {
   bool stop = false;
   signalfd_siginfo info{};
-  while (read(descriptor_, &info, sizeof(info)) == ssize_t{sizeof(info)})
-    stop = stop || info.ssi_signo != SIGCHLD;
+  while (read(descriptor_, &info, sizeof(info)) == ssize_t{sizeof(info)}) {
+    // A lost terminal is told twice, by the shell and by the system: that asks only once.
+    const bool isToldAgain = info.ssi_signo == SIGHUP && std::exchange(hungUp_, true);
+    stop = stop || (info.ssi_signo != SIGCHLD && !isToldAgain);
+  }
   return stop;
 }
 

@@ -24,13 +24,15 @@ class Signals {
   /// Readable when a signal has come.
   int Descriptor() const { return descriptor_; }
 
-  /// Takes all signals that have come. True if one of them asks this program to stop: each but SIGCHLD.
+  /// Takes all signals that have come. True if one of them asks this program to stop: each but SIGCHLD and
+  /// a SIGHUP after the first one.
   bool TakeStop();
 
  private:
   void Restore();
 
   int descriptor_ = -1;
+  bool hungUp_ = false;  ///< SIGHUP has come
   sigset_t before_{};
   struct sigaction brokenPipe_{};
 };

@@ -34,8 +34,8 @@ int NightsOf(const SeriesJson& json, const std::string& where) {
 }
 
 Figure FigureOf(const std::string& name, const std::string& where) {
-  for (const FigureKind& kind : FigureKinds()) {
-    if (kind.compared && name == kind.name) return kind.figure;
+  for (const FigureKind* const kind : EngineKinds()) {
+    if (kind->compared && name == kind->name) return kind->figure;
   }
   throw UserError(where + ": unknown figure \"" + name + "\"");
 }
