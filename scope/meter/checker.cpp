@@ -153,6 +153,7 @@ void ForgetWork(Checker& checker) {
   checker.wrongSource = false;
   checker.key = 0;
   checker.learnt = false;
+  checker.unlike.store(false, std::memory_order_relaxed);
   checker.observations = 0;
   checker.table = nullptr;
 }
@@ -319,9 +320,7 @@ CheckPacket CheckCounts(Engine engine) {
   CheckPacket packet{};
   packet.engine = engine;
   packet.state = StateOf(engine);
-  if (engine == Engine::kVenc && MayJudge(engine)) {
-    if (StreamsDiffer()) packet.state = CheckState::kNotDeterministic;
-  }
+  bool isUnlike = engine == Engine::kVenc && StreamsDiffer();
   for (std::size_t i = 0; i < kCounterSets; ++i) {
     const Checker& checker = checkers[i];
     const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);
@@ -329,6 +328,7 @@ CheckPacket CheckCounts(Engine engine) {
     if (operations == 0 || of != static_cast<std::uint32_t>(engine)) continue;
     ++packet.threads;
     if (checker.leftOut.load(std::memory_order_relaxed)) packet.leftOut = 1;
+    isUnlike = isUnlike || checker.unlike.load(std::memory_order_relaxed);
     packet.judgedThreads += checker.judged.load(std::memory_order_relaxed) ? 1 : 0;
     packet.operations += operations;
     packet.checked += checker.checked.load(std::memory_order_relaxed);
@@ -339,6 +339,7 @@ CheckPacket CheckCounts(Engine engine) {
     packet.unlisted += checker.unlisted.load(std::memory_order_relaxed);
     packet.checkNs += checker.checkNs.load(std::memory_order_relaxed);
   }
+  if (isUnlike && MayJudge(engine)) packet.state = CheckState::kNotDeterministic;
   // Nothing but another channel shows what the stream of a frame has to be.
   if (engine == Engine::kVenc && packet.state == CheckState::kLearning && packet.threads == 1) {
     packet.state = CheckState::kAlone;

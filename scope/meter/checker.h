@@ -50,6 +50,7 @@ struct alignas(64) Checker {
   std::atomic<std::uint64_t> checkNs;
   std::atomic<bool> leftOut;  ///< a source was not checked: too many are known
   std::atomic<bool> judged;   ///< something has said whether a result of the thread was right
+  std::atomic<bool> unlike;   ///< its first results differ from each other, and nothing says which are right
 
   // The allowance: checks take a bounded share of the time that the engine works. See CheckTimer.
   std::uint64_t busyNs;
@@ -81,7 +82,8 @@ struct alignas(64) Checker {
   bool learnt;
   std::uint64_t expected;
   bool compared;             ///< with what other threads get
-  const Content* reference;  ///< a copy of what is expected; null if there is none
+  const Content* reference;  ///< a copy of what is expected; null if there is none. Of a thread that is
+                             ///< `unlike`: of the result that others have differed from in few bits so far
 
   // Of copies, the blocks that are drawn. See DrawBlock.
   std::size_t blocks;
@@ -119,7 +121,8 @@ void Compared(Checker& checker, std::size_t bytes, bool whole);
 /// Notes that a result of the thread was judged.
 void NoteJudged(Checker& checker);
 
-/// The state of an engine rises and never falls. kPartlyJudged is none of its states: see CheckCounts.
+/// The state of an engine rises and never falls. kPartlyJudged and kNotDeterministic are none of its states:
+/// see CheckCounts.
 void RaiseState(Engine engine, CheckState state);
 CheckState StateOf(Engine engine);
 /// True as long as nothing says that the engine's results cannot be judged.

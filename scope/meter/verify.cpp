@@ -12,6 +12,7 @@ constexpr std::size_t kDrawnBytes = 1024;
 constexpr std::uint64_t kMostDrawnNs = 20'000;
 constexpr int kMostReferences = 32;
 constexpr int kLeastAlike = 6;  // of Checker::kObservations
+constexpr std::size_t kFewWords = 16;
 constexpr std::uint64_t kPartEvery = 4;
 
 // What a source gives: learnt by the first thread, and compared by all others.
@@ -68,16 +69,20 @@ void CompareCopy(ThreadCounters& counters, Checker& checker, const Spans& source
 
 // --- results ---
 
+// Null if there is none.
+const Reference* FindReference(std::uint64_t key) {
+  const ShortLock lock(referencesTaken);
+  for (int i = 0; i < referenceCount; ++i) {
+    if (references[i].key == key) return &references[i];
+  }
+  return nullptr;
+}
+
 // The reference for the key. Makes it of these results, which have `hash`, where there is none; null if there
 // is no room.
 const Reference* ReferenceFor(std::uint64_t key, std::uint64_t hash, const Spans& results,
                               std::uint32_t thread) {
-  {
-    const ShortLock lock(referencesTaken);
-    for (int i = 0; i < referenceCount; ++i) {
-      if (references[i].key == key) return &references[i];
-    }
-  }
+  if (const Reference* const known = FindReference(key); known != nullptr) return known;
   const Content* const content = KeepContent(results);
   const ShortLock lock(referencesTaken);
   for (int i = 0; i < referenceCount; ++i) {
@@ -89,11 +94,22 @@ const Reference* ReferenceFor(std::uint64_t key, std::uint64_t hash, const Spans
   return &reference;
 }
 
-// Learns what is right when enough results were seen. A thread whose own results differ from each other
-// cannot be judged, if its source has stayed the same.
-void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, std::uint64_t hash) {
-  checker.seen[checker.observations++] = hash;
-  if (checker.observations < Checker::kObservations) return;
+// From now on `checker.expected` is right. Those of the seen results that differ are errors.
+void JudgeBy(ThreadCounters& counters, Checker& checker, const Content* reference, bool isCompared) {
+  checker.learnt = true;
+  checker.unlike.store(false, std::memory_order_relaxed);
+  checker.observations = 0;
+  checker.compared = isCompared;
+  checker.reference = reference;
+  NoteJudged(checker);
+  RaiseState(counters.engine, CheckState::kJudged);
+  for (const std::uint64_t hash : checker.seen) {
+    if (hash != checker.expected) ReportError(counters, checker, ErrorKind::kResult, nullptr);
+  }
+}
+
+// Takes the most common one of the seen results as right. Returns how many are as this one.
+int TakeMostCommon(Checker& checker) {
   int alike = 0;
   for (const std::uint64_t candidate : checker.seen) {
     const auto count =
@@ -102,21 +118,63 @@ void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, std
     alike = count;
     checker.expected = candidate;
   }
+  return alike;
+}
+
+// Learns what is right when enough results were seen. A thread whose own results differ from each other, if
+// its source has stayed the same, does not know what is right: see LearnFromUnlike.
+void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results,
+           std::uint64_t hash) {
+  checker.seen[checker.observations++] = hash;
+  if (checker.observations < Checker::kObservations) return;
+  const int alike = TakeMostCommon(checker);
   checker.observations = 0;
   // What follows from a source that has changed is not counted.
   if (alike < Checker::kObservations && !CheckSource(counters, checker, sources, true)) return;
-  if (alike < kLeastAlike) {
-    RaiseState(counters.engine, CheckState::kNotDeterministic);
-    return;
-  }
-  checker.learnt = true;
-  checker.compared = false;
+  if (alike >= kLeastAlike) return JudgeBy(counters, checker, nullptr, false);
+  // Whole numbers, unlike a network's outputs, whose last bits may depend on the order of sums.
+  const bool hasPixels = counters.engine == Engine::kVpc;
+  checker.reference = hasPixels ? KeepContent(results) : nullptr;
+  checker.unlike.store(true, std::memory_order_relaxed);
+}
+
+// True if so little differs that no resize does that by nature.
+bool IsInFewBits(const Content& content, const Spans& results) {
+  if (content.copy == nullptr || content.bytes != results.total) return false;
+  Difference difference;
+  (void)SameInMemory(content.copy, results, 0, results.total, difference);
+  return difference.words <= kFewWords && difference.bits <= 2 * difference.words;
+}
+
+// Compares so many more results with the kept one. If all of them differ in few bits at most, the most common
+// one is taken as right, or the kept one if no two are alike.
+void LearnFromBits(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results) {
+  const Content* const kept = checker.reference;
+  checker.seen[checker.observations++] = Mixed(HashFromMemory(results), results.total);
+  Compared(checker, results.total, true);
+  const bool isFew = IsInFewBits(*kept, results);
+  if (isFew && checker.observations < Checker::kObservations) return;
   checker.reference = nullptr;
-  NoteJudged(checker);
-  RaiseState(counters.engine, CheckState::kJudged);
-  for (int i = alike; i < Checker::kObservations; ++i) {
-    ReportError(counters, checker, ErrorKind::kResult, nullptr);
+  if (!CheckSource(counters, checker, sources, true) || !isFew) return;
+  const std::uint64_t hash = Mixed(kept->hash, kept->bytes);
+  if (TakeMostCommon(checker) == 1) checker.expected = hash;
+  JudgeBy(counters, checker, checker.expected == hash ? kept : nullptr, false);
+}
+
+// Either the engine gives different results by nature, or the thread's are often wrong. It is the second if
+// another thread has learnt what is right, or if pixels differ in few bits.
+void LearnFromUnlike(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results) {
+  if (const Reference* const reference = FindReference(checker.key); reference != nullptr) {
+    checker.expected = reference->hash;
+    return JudgeBy(counters, checker, reference->content, true);
   }
+  if (checker.reference == nullptr) return;
+  // Of the first work these come on top, too.
+  const bool isOnTop = checker.works == 1;
+  if (!isOnTop && !MaySpend(checker, checker.wholeNs)) return;
+  const CheckTimer timer;
+  LearnFromBits(counters, checker, sources, results);
+  if (!isOnTop) Spent(checker, timer.TookNs());
 }
 
 void CompareThreads(ThreadCounters& counters, Checker& checker, const Spans& results) {
@@ -162,7 +220,7 @@ void CheckWholeResult(ThreadCounters& counters, Checker& checker, const Spans& s
   if (learning) {
     // The first ones come on top.
     if (checker.works > 1) Spent(checker, checker.wholeNs);
-    Learn(counters, checker, sources, hash);
+    Learn(counters, checker, sources, results, hash);
     return;
   }
   if (hash != checker.expected) {
@@ -241,7 +299,9 @@ void CheckResults(ThreadCounters& counters, const Spans& sources, const Spans& r
   if (!LookAgain(checker, counters.engine, sources)) return;
   // Without a content there are no sources.
   checker.key = Mixed(kind, checker.content == nullptr ? 0 : checker.content->hash);
-  if (!checker.learnt) {
+  if (checker.unlike.load(std::memory_order_relaxed)) {
+    LearnFromUnlike(counters, checker, sources, results);
+  } else if (!checker.learnt) {
     CheckWholeResult(counters, checker, sources, results);
   } else if (++checker.turn % kPartEvery == 0) {
     if (MaySpend(checker, checker.partNs)) CheckSourcePart(counters, checker, sources);

@@ -508,18 +508,156 @@ TEST(Check, ThreadsThatDisagreeAboutTheSameSourceAreAnError) {
   });
 }
 
-TEST(Check, ResultsThatDifferByNatureAreNotJudged) {
-  InOwnProcess([] {
-    const Worker worker(Engine::kAic, 0);
-    const Bytes source = Random(3000, 1);
-    for (unsigned i = 0; i < 50; ++i) {
-      const Bytes result = Random(1000, i);
+using Spoil = std::function<void(Bytes& result, unsigned number)>;
+
+/// A worker whose results are not what they should be.
+struct Spoiled {
+  Spoiled(Engine engine, std::uint32_t thread) : worker(engine, thread) {}
+  void Give(unsigned count, const Spoil& spoil) {
+    for (const unsigned end = given + count; given < end; ++given) {
+      Resize(source, result);
+      spoil(result, given);
       CheckResults(*worker.counters, {source.data(), source.size()}, {result.data(), result.size()}, 7,
                    kOperationNs);
     }
-    EXPECT_TRUE(Errors().empty());
-    EXPECT_EQ(StateOf(Engine::kAic), CheckState::kNotDeterministic);
+  }
+
+  const Worker worker;
+  Bytes source = Random(3000, 1);
+  Bytes result = Bytes(1000);
+  unsigned given = 0;
+};
+
+// Another word of each result has a wrong bit.
+void SpoilBit(Bytes& result, unsigned number) {
+  Flip(result, std::size_t{64} * number + 3);
+}
+
+void ExpectSpoiledBit(const ErrorPacket& error) {
+  EXPECT_EQ(error.kind, ErrorKind::kResult);
+  EXPECT_EQ(error.bits, 1U);
+  EXPECT_EQ(error.offset, 8 * (error.operation - 1));
+  EXPECT_EQ(error.expected ^ error.found, 8U);
+}
+
+TEST(Check, ResultsThatDifferByNatureAreNotJudged) {
+  const Spoil other = [](Bytes& result, unsigned number) { result = Random(1000, number); };
+  // The lowest bits of sums whose order changes.
+  const Spoil lowBits = [](Bytes& result, unsigned number) {
+    const Bytes noise = Random(1000, number);
+    for (std::size_t at = 0; at < result.size(); at += 4) result[at] ^= noise[at] & 1;
+  };
+  const Spoil word = [](Bytes& result, unsigned number) {
+    const Bytes noise = Random(8, number);
+    std::copy(noise.begin(), noise.end(), result.begin() + 64);
+  };
+  const Spoil fewBitsAtFirst = [&](Bytes& result, unsigned number) {
+    return number < 12 ? SpoilBit(result, number) : lowBits(result, number);
+  };
+  const std::pair<Engine, Spoil> cases[] = {
+      {Engine::kAic, other}, {Engine::kAic, lowBits}, {Engine::kAic, word}, {Engine::kAic, SpoilBit},
+      {Engine::kVpc, other}, {Engine::kVpc, lowBits}, {Engine::kVpc, word}, {Engine::kVpc, fewBitsAtFirst}};
+  for (const auto& one : cases) {
+    InOwnProcess([engine = one.first, &spoil = one.second] {
+      Spoiled first(engine, 0);
+      Spoiled second(engine, 1);
+      first.Give(50, spoil);
+      second.Give(50, spoil);
+      // As if they were right: what a thread gives later does not show that the first ones were wrong.
+      first.Give(50, [](Bytes& /*result*/, unsigned /*number*/) {});
+      EXPECT_TRUE(Errors().empty());
+      const CheckPacket counts = CheckCounts(engine);
+      EXPECT_EQ(counts.state, CheckState::kNotDeterministic);
+      EXPECT_EQ(counts.judgedThreads, 0U);
+      EXPECT_EQ(counts.errors, 0U);
+    });
+  }
+}
+
+TEST(Check, AThreadThatIsOftenWrongIsJudgedByWhatAnotherOneHasLearnt) {
+  for (const bool isLast : {true, false}) {
+    InOwnProcess([isLast] {
+      Spoiled right(Engine::kAic, 0);
+      Spoiled wrong(Engine::kAic, 1);
+      const auto learn = [&right] { right.Give(12, [](Bytes& /*result*/, unsigned /*number*/) {}); };
+      if (isLast) learn();
+      wrong.Give(20, SpoilBit);
+      if (!isLast) {
+        EXPECT_EQ(CheckCounts(Engine::kAic).state, CheckState::kNotDeterministic);
+        EXPECT_EQ(CheckCounts(Engine::kAic).errors, 0U);
+        learn();
+      }
+      wrong.Give(40, SpoilBit);
+      const CheckPacket counts = CheckCounts(Engine::kAic);
+      EXPECT_EQ(counts.state, CheckState::kJudged);
+      EXPECT_EQ(counts.judgedThreads, 2U);
+      std::vector<ErrorPacket> errors = Errors();
+      ASSERT_GE(errors.size(), 25U);
+      EXPECT_EQ(errors[0].placed, 0U) << "one of those from which it learns";
+      EXPECT_EQ(counts.errors, errors.size() + 7) << "each of them counts";
+      errors.erase(errors.begin());
+      for (const ErrorPacket& error : errors) {
+        EXPECT_EQ(error.thread, 1U);
+        ExpectSpoiledBit(error);
+      }
+    });
+  }
+}
+
+TEST(Check, PixelsThatDifferInFewBitsAreWrongOnOneThread) {
+  InOwnProcess([] {
+    Spoiled worker(Engine::kVpc, 0);
+    worker.Give(15, SpoilBit);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kNotDeterministic);
+    worker.Give(45, SpoilBit);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kJudged);
+    EXPECT_GE(CheckCounts(Engine::kVpc).errors, 8U + 30);
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 2U) << "the first ones have no place";
+    EXPECT_EQ(errors[1].offset, 7 * 8U) << "the eighth one is taken as right, and is wrong, too";
+    EXPECT_EQ(errors[1].bits, 2U);
+  });
+  // The most common result is right.
+  InOwnProcess([] {
+    Spoiled worker(Engine::kVpc, 0);
+    worker.Give(60, [](Bytes& result, unsigned number) {
+      if (number % 5 < 3) SpoilBit(result, number);
+    });
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kJudged);
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_GE(errors.size(), 15U);
+    for (const ErrorPacket& error : errors) {
+      if (error.placed != 0) ExpectSpoiledBit(error);
+    }
+    EXPECT_NE(errors.back().placed, 0U);
+  });
+}
+
+TEST(Check, AThreadWhoseResultsDifferLearnsFromItsNextSource) {
+  InOwnProcess([] {
+    Spoiled before(Engine::kAic, 0);
+    before.Give(50, SpoilBit);
+    EXPECT_EQ(CheckCounts(Engine::kAic).state, CheckState::kNotDeterministic);
+    Spoiled after(Engine::kAic, 0);
+    after.Give(100, [](Bytes& /*result*/, unsigned /*number*/) {});
+    EXPECT_EQ(CheckCounts(Engine::kAic).state, CheckState::kJudged);
     EXPECT_EQ(CheckCounts(Engine::kAic).errors, 0U);
+  });
+}
+
+TEST(Check, NothingIsLearntOfUnlikeResultsWhoseSourceHasChanged) {
+  InOwnProcess([] {
+    Spoiled worker(Engine::kVpc, 0);
+    worker.Give(10, SpoilBit);
+    constexpr std::size_t kBit = 8 * 299 + 7;  // which changes one bit of a result
+    Flip(worker.source, kBit);
+    worker.Give(60, SpoilBit);
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 1U);
+    ExpectIs(errors[0], ErrorKind::kSource, worker.source, kBit);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kNotDeterministic);
+    RaiseState(Engine::kVpc, CheckState::kSourcesChange);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kSourcesChange);
   });
 }
 

@@ -116,7 +116,7 @@ std::string NotJudgedText(const EngineCheck& check) {
       {"learning", "too few operations, or none with the same source, to learn what is right"},
       {"alone", "one channel alone: there is no other stream to compare with"},
       {"sources change", "the program writes its sources between operations"},
-      {"not deterministic", "the same source gives different results by nature"},
+      {"not deterministic", "the same source gives different results, by nature or because most are wrong"},
       {"unreadable", "the processor cannot read the results"},
       {"unknown", "the records of this platform are not known"}};
   const bool isPartly = check.state == kPartlyJudged;
