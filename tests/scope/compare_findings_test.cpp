@@ -207,6 +207,17 @@ TEST(CompareFindings, HowManyThreadsWereJudgedIsTold) {
   check.state = "judged";
   EXPECT_THAT(CheckText(check), testing::StartsWith("vpc: 50 % of the results' bytes"));
   EXPECT_THAT(NotJudged(info), IsEmpty());
+  EXPECT_THAT(CheckText(check), testing::Not(testing::HasSubstr("one thread")));
+  for (const char* const state : {"judged", kPartlyJudged}) {
+    check.state = state;
+    check.judgedThreads = 1;
+    check.engine = "vpc";
+    EXPECT_THAT(CheckText(check),
+                testing::EndsWith(
+                    "; 2 errors; one thread only: what is wrong from its first operation on is not seen"));
+    check.engine = "cpu";
+    EXPECT_THAT(CheckText(check), testing::EndsWith("; 2 errors")) << "a copy has its source";
+  }
 }
 
 // A run with these hashes of a kind of stream.

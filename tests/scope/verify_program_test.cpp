@@ -22,8 +22,8 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
-using ::testing::Ge;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -122,6 +122,10 @@ TEST_F(VerifyProgramTest, RightResultsAreNoErrorsAndTheShareIsTold) {
     EXPECT_LE(check.checked, check.operations) << engine;
     EXPECT_LE(check.bytes, check.allBytes) << engine;
     EXPECT_THAT(result.output, HasSubstr(std::string("checked ") + engine + ": "));
+    EXPECT_EQ(check.threads, 1U) << engine;
+  }
+  for (const char* engine : {"vpc", "aic"}) {
+    EXPECT_THAT(result.output, ContainsRegex(std::string("checked ") + engine + ": [^\n]* one thread only"));
   }
   EXPECT_TRUE(run_.info.conditions.verify);
   EXPECT_EQ(run_.info.conditions.fill, "random");

@@ -144,6 +144,8 @@ std::string CheckText(const EngineCheck& check) {
                                              std::to_string(check.judgedThreads) + " of " +
                                              Counted(check.threads, "thread") + " judged:"
                                        : "";
+  // Copies have their sources to compare with, the others nothing but another thread.
+  const bool isAlone = check.judgedThreads == 1 && check.engine != "cpu";
   return check.engine + ":" + threads +
          Format(" %.3g %% of the results' bytes checked, in ", std::min(share, 1.0) * 100) +
          Format("%.3g %% of the operations, %llu whole results; ",
@@ -154,6 +156,7 @@ std::string CheckText(const EngineCheck& check) {
          (check.errors != 0 ? Counted(check.errors, "error")
           : isPartly        ? "no error in what was judged"
                             : "no error") +
+         (isAlone ? "; one thread only: what is wrong from its first operation on is not seen" : "") +
          (check.leftOut ? "; some sources left out: more different ones than the meter tells apart" : "");
 }
 
