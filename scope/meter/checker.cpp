@@ -10,10 +10,6 @@
 namespace scope {
 namespace {
 
-// Of the time in which an engine works. The rest of what an engine may lose to the checks, 3 %, is for the
-// memory that they move.
-constexpr std::uint64_t kShareOf = 1000;
-constexpr std::uint64_t kShare = 10;
 constexpr std::size_t kPartBytes = std::size_t{32} << 10;
 constexpr int kMostChanges = 3;
 // A program that writes something into each source, or into each of some frames, does so again within these.
@@ -111,7 +107,7 @@ Checker& BeginCheck(ThreadCounters& counters, std::uint64_t ns, std::size_t byte
 bool MaySpend(const Checker& checker, std::uint64_t ns) {
   static const std::uint64_t processors = Processors();
   const std::uint64_t sharing = std::max(processors, workers.load(std::memory_order_relaxed));
-  return checker.spentNs + ns <= checker.busyNs / kShareOf * kShare * processors / sharing;
+  return checker.spentNs + ns <= checker.busyNs / kCheckShareOf * kCheckShare * processors / sharing;
 }
 
 void Spent(Checker& checker, std::uint64_t ns) {

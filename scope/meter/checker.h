@@ -10,6 +10,11 @@
 
 namespace scope {
 
+/// What checks may take: so much of the time in which an engine works. The rest of what an engine may lose to
+/// them, 3 %, is for the memory that they move.
+constexpr std::uint64_t kCheckShareOf = 1000;
+constexpr std::uint64_t kCheckShare = 10;
+
 /// A word of a source that is not what it was. It is looked at again for some operations before it counts: a
 /// program that writes its sources changes it again.
 struct HeldDifference {
