@@ -169,6 +169,22 @@ TEST(CompareFigures, TheLatencyOfMemoryIsThatOfWholeSecondsUnderLoad) {
       << "all but the last one, which is short, and the interrupted one";
 }
 
+TEST(CompareFigures, ASecondOfMemoryIsLeftOutIfItsMiddleIs) {
+  RunSummary run;
+  for (const double timeS : {2.5, 3.5}) run.latency.emplace_back().timeS = timeS;
+  EXPECT_EQ(LatencyAfter(run, 2).size(), 2U);
+  ASSERT_EQ(LatencyAfter(run, 2.01).size(), 1U);
+  EXPECT_DOUBLE_EQ(LatencyAfter(run, 2.01)[0].timeS, 3.5);
+  EXPECT_TRUE(LatencyAfter(run, 3.01).empty());
+}
+
+TEST(CompareFigures, RatesAreMeansAndOtherFiguresMedians) {
+  for (const Figure figure : {Figure::kOperations, Figure::kBandwidth})
+    EXPECT_DOUBLE_EQ(ValueOf(figure, {1, 2, 6}), 3);
+  for (const Figure figure : {Figure::kP50, Figure::kP99, Figure::kPrinted, Figure::kP999})
+    EXPECT_DOUBLE_EQ(ValueOf(figure, {1, 2, 6}), 2);
+}
+
 // It does no work: the bandwidth of one engine and the probe is still that of one engine.
 TEST(CompareFigures, TheLatencyOfMemoryIsJudgedOnlyIfItIsAskedFor) {
   const FigureKey ops = {"cpu", Figure::kOperations};

@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <stdexcept>
+#include <string>
 
 #include "distributions.h"
 #include "normal_values.h"
@@ -95,6 +97,7 @@ TEST(RatioTest, TheIntervalOfPairsIsThePublishedOne) {
   // sd(differences) is 1.229995; a difference varies as two runs do.
   EXPECT_NEAR(estimate.deviation, 1.229995 / std::sqrt(2.0), 1e-5);
   EXPECT_EQ(estimate.freedom, 9);
+  EXPECT_TRUE(estimate.paired);
   EXPECT_THROW((void)EstimatePairedRatio({1, 2}, {1, 2, 3}, 0.05), std::invalid_argument);
   EXPECT_THROW((void)EstimatePairedRatio({1}, {1}, 0.05), std::invalid_argument);
 }
@@ -117,6 +120,15 @@ TEST(RatioTest, NeverFallsBelowZeroAndTurnsWithItsSides) {
   EXPECT_LT(there.low, EstimateRatio(a, b, 0.05).low);
 }
 
+// From the formulas, with 30 digits. Welch's degrees of freedom are 1.0366.
+TEST(RatioTest, OfTwoRunsASideWithHardlyADegreeOfFreedom) {
+  const RatioEstimate estimate = EstimateRatio({1, 20}, {2, 3}, 0.05);
+  EXPECT_NEAR(estimate.ratio, 0.54772255750516611, 1e-12);
+  EXPECT_NEAR(estimate.low / 1.155540157671855e-8, 1, 1e-9);
+  EXPECT_NEAR(estimate.high / 25961884.40602794, 1, 1e-9);
+  EXPECT_FALSE(estimate.paired);
+}
+
 TEST(RatioTest, RunsWithoutScatterHaveAPoint) {
   const RatioEstimate estimate = EstimateRatio({10, 10}, {9, 9, 9}, 0.05);
   EXPECT_DOUBLE_EQ(estimate.ratio, 0.9);
@@ -129,6 +141,16 @@ TEST(RatioTest, RefusesWhatHasNoRatio) {
   EXPECT_THROW((void)EstimateRatio({1}, {1, 2}, 0.05), std::invalid_argument);
   EXPECT_THROW((void)EstimateRatio({1, 2}, {1, 0}, 0.05), std::invalid_argument);
   EXPECT_THROW((void)EstimateRatio({1, -2}, {1, 2}, 0.05), std::invalid_argument);
+  const auto error = [](const std::function<RatioEstimate()>& call) {
+    try {
+      return "no error: " + std::to_string(call().ratio);
+    } catch (const std::invalid_argument& caught) {
+      return std::string(caught.what());
+    }
+  };
+  EXPECT_EQ(error([] { return EstimateRatio({1, 2}, {1, 0}, 0.05); }), "a ratio needs values above 0");
+  EXPECT_EQ(error([] { return EstimatePairedRatio({1, 2}, {1, 2, 3}, 0.05); }),
+            "pairs need as many values of each side");
 }
 
 // Cohen, "Statistical Power Analysis for the Behavioral Sciences", 1988, table 2.4.1: 17 and 64 a side for
@@ -147,6 +169,23 @@ TEST(RatioTest, RepeatsArePublishedOnesWhereTheScatterIsKnown) {
   EXPECT_EQ(RepeatsToTell(known, 0.01, {}), 64);
 }
 
+// From the formulas, with 30 digits: t of the repeats' own degrees of freedom, which are few.
+TEST(RatioTest, FewRepeatsKnowTheScatterLessWell) {
+  const auto repeats = [](double deviation, bool paired) {
+    RatioEstimate known;
+    known.freedom = 100'000'000;
+    known.deviation = deviation * std::log1p(0.01);
+    known.paired = paired;
+    return RepeatsToTell(known, 0.01, {});
+  };
+  EXPECT_EQ(repeats(0.2, false), 3);
+  EXPECT_EQ(repeats(0.2, true), 3);
+  EXPECT_EQ(repeats(0.4, false), 4);
+  EXPECT_EQ(repeats(0.4, true), 5);
+  EXPECT_EQ(repeats(0.5, false), 6);
+  EXPECT_EQ(repeats(0.5, true), 7);
+}
+
 TEST(RatioTest, MoreRepeatsWhereTheScatterIsHardlyKnown) {
   RatioEstimate estimate;
   estimate.deviation = 0.01;
@@ -154,9 +193,11 @@ TEST(RatioTest, MoreRepeatsWhereTheScatterIsHardlyKnown) {
   const int few = *RepeatsToTell(estimate, 0.01, {});
   estimate.freedom = 30;
   const int many = *RepeatsToTell(estimate, 0.01, {});
-  EXPECT_GT(few, 2 * many);
-  EXPECT_GT(RepeatsToTell(estimate, 0.01, {0.01, 0.2}), many);
-  EXPECT_GT(RepeatsToTell(estimate, 0.01, {0.05, 0.1}), many);
+  // From the formulas, with 30 digits.
+  EXPECT_EQ(few, 45);
+  EXPECT_EQ(many, 20);
+  EXPECT_EQ(RepeatsToTell(estimate, 0.01, {0.01, 0.2}), 30);
+  EXPECT_EQ(RepeatsToTell(estimate, 0.01, {0.05, 0.1}), 26);
 }
 
 TEST(RatioTest, SomeQuestionsNoNumberOfRepeatsAnswers) {
@@ -165,6 +206,35 @@ TEST(RatioTest, SomeQuestionsNoNumberOfRepeatsAnswers) {
   estimate.freedom = 6;
   EXPECT_FALSE(RepeatsToTell(estimate, 0, {}).has_value());
   EXPECT_FALSE(RepeatsToTell(estimate, 1e-5, {}).has_value());
+  estimate.deviation = 0;
+  EXPECT_FALSE(RepeatsToTell(estimate, 0, {}).has_value()) << "nothing scatters, and nothing is told apart";
+}
+
+// Where the scatter is known, the least number is 2 sum^2 (deviation / log 2)^2 for a difference of 100 %.
+TEST(RatioTest, AMillionRepeatsAreTheMost) {
+  const auto repeats = [](double least) {
+    RatioEstimate known;
+    known.freedom = 100'000'000;
+    const double sum = 1.959963984540054 + 0.8416212335729143;
+    const double bound = std::sqrt(least / 2) / sum * std::log(2);
+    known.deviation = bound / std::sqrt(known.freedom / ChiSquaredQuantile(0.3, known.freedom));
+    return RepeatsToTell(known, 1, {});
+  };
+  ASSERT_TRUE(repeats(999'999.5));
+  EXPECT_GE(*repeats(999'999.5), 1'000'000);
+  EXPECT_LE(*repeats(999'999.5), 1'000'002);
+  EXPECT_FALSE(repeats(1'000'000.5));
+}
+
+TEST(VerdictTest, ADifferenceIsInPercentOfTheFirstSide) {
+  RatioEstimate estimate;
+  estimate.ratio = 1.25;
+  estimate.low = 0.5;
+  estimate.high = 3;
+  const DifferencePercent difference = PercentOf(estimate);
+  EXPECT_DOUBLE_EQ(difference.value, 25);
+  EXPECT_DOUBLE_EQ(difference.low, -50);
+  EXPECT_DOUBLE_EQ(difference.high, 200);
 }
 
 TEST(VerdictTest, DependsOnTheIntervalAndTheTolerance) {
@@ -225,6 +295,33 @@ TEST(ShareTest, IsThatOfTheLogarithms) {
   EXPECT_FALSE(EstimateShare({100, 101}, {100, 101}, {100.5, 101}, 0.05)) << "the change may be 0";
   EXPECT_FALSE(EstimateShare({100, 100}, {80, 80}, {100, 100}, 0.05));
   EXPECT_THROW((void)EstimateShare({100}, {80, 80}, {50, 50}, 0.05), std::invalid_argument);
+}
+
+// From the formulas, with 30 digits.
+TEST(ShareTest, ItsIntervalIsThatOfFiellersTheorem) {
+  const auto isNear = [](const std::optional<ShareEstimate>& share, double value, double low, double high) {
+    ASSERT_TRUE(share);
+    EXPECT_NEAR(share->share, value, 1e-9);
+    EXPECT_NEAR(share->low, low, 1e-9);
+    EXPECT_NEAR(share->high, high, 1e-9);
+  };
+  const std::vector<double> a = {100, 101, 99};
+  const std::vector<double> between = {80, 81, 79, 80.5};
+  const std::vector<double> b = {50, 53, 51, 52, 50.5};
+  isNear(EstimateShare(a, between, b, 0.05), 0.66810970320034251, 0.64030427763338701, 0.69552967724317257);
+  isNear(EstimateShare(a, between, b, 0.5), 0.66810970320034251, 0.66006835212857343, 0.67611849540909978);
+  // Only the values between scatter: t has their 4 degrees of freedom.
+  isNear(EstimateShare({100, 100}, {78, 79, 80, 81, 82}, {50, 50}, 0.05), 0.67784642411115971,
+         0.64243466900244402, 0.7132581792198754);
+}
+
+TEST(ShareTest, IsAPointWithoutScatterHoweverItIsRounded) {
+  for (const double between : {0.5, 0.6, 0.7, 0.75, 0.8, 0.85, 0.9}) {
+    const auto share = EstimateShare({1, 1}, {between, between}, {0.4, 0.4}, 0.05);
+    ASSERT_TRUE(share) << between;
+    EXPECT_NEAR(share->low, share->share, 1e-7) << between;
+    EXPECT_NEAR(share->high, share->share, 1e-7) << between;
+  }
 }
 
 TEST(ShareTest, ItsIntervalMissesInOneOfTwenty) {

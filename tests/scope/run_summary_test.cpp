@@ -129,6 +129,9 @@ TEST(RunSummary, PercentilesAreByNearestRank) {
   EXPECT_EQ(work.p99Ns, 2000U);
   run.histogram[1].count = 48;
   EXPECT_EQ(Summarise(Completed(run)).engines[0].work.p99Ns, 900'100U) << "not above the longest";
+  run.histogram[0].count = 49;
+  run.histogram[1].count = 50;
+  EXPECT_EQ(Summarise(Completed(run)).engines[0].work.p50Ns, 2000U);
 }
 
 TEST(RunSummary, PrintedRatesCountFromTheFirstThatIsNotZero) {
@@ -192,6 +195,7 @@ TEST(RunSummary, WholeSecondsAreThoseBetweenTheFirstAndTheLast) {
   };
   EXPECT_EQ(whole({At(1, 5)}), std::make_pair(0UL, 1UL));
   EXPECT_EQ(whole({At(1, 5), At(2, 5)}), std::make_pair(0UL, 2UL));
+  EXPECT_EQ(whole({At(1, 0), At(2, 5)}), std::make_pair(1UL, 2UL));
   EXPECT_EQ(whole({At(1, 5), At(2, 5), At(3, 5)}), std::make_pair(1UL, 2UL));
   EXPECT_EQ(whole({At(1, 0), At(2, 5), At(3, 5), At(4, 5), At(5, 5), At(6, 0)}), std::make_pair(2UL, 4UL));
   EXPECT_EQ(whole({At(1, 0), At(2, 0), At(3, 0)}), std::make_pair(0UL, 0UL));
@@ -266,7 +270,10 @@ TEST(RunSummary, EachThreadHasItsOwnFigures) {
   scope::Run run;
   run.samples = {At(1, 1), At(2, 10), At(3, 1), At(1, 2, 3), At(2, 30, 3), At(3, 2, 3)};
   for (std::size_t i = 3; i != 6; ++i) run.samples[i].busyNs *= 2;
-  run.histogram = {{"cpu", 0, 1000, 1001, 12}, {"cpu", 3, 900, 901, 34}, {"aic", 3, 7, 8, 1'000'000}};
+  run.histogram = {{"cpu", 0, 990, 991, 3},
+                   {"cpu", 0, 1000, 1001, 9},
+                   {"cpu", 3, 900, 901, 34},
+                   {"aic", 3, 7, 8, 1'000'000}};
   const EngineSummary engine = Summarise(Completed(run)).engines.at(0);
   ASSERT_EQ(engine.threads.size(), 2U);
   EXPECT_EQ(engine.threads[0].thread, 0);
@@ -287,6 +294,9 @@ TEST(RunSummary, TheRateOfBusyTimeIsOfTheThreadsThatWereBusy) {
   std::vector<Sample> samples = {At(1, 10), At(1, 0, 1), At(1, 30, 2)};
   samples[2].busyNs = 60'000'000;
   EXPECT_DOUBLE_EQ(OnlyEngine(samples).work.busyRate, 750);
+  samples = {At(5, 1), At(5, 1, 1)};
+  for (Sample& sample : samples) sample.busyNs = 4'000'000'000;
+  EXPECT_DOUBLE_EQ(OnlyEngine(samples).work.busyRate, 0.25) << "operations longer than a second";
 }
 
 TEST(RunSummary, ShortOperationsAreThoseBelowAMillisecond) {
@@ -310,6 +320,8 @@ TEST(RunSummary, FiguresOfTheWholeRunAreOfAllSeconds) {
   for (Sample& sample : samples) sample.failures = 1;
   const scope::WorkSummary work = OnlyEngine(samples).work;
   EXPECT_EQ(work.operations, 24U);
+  EXPECT_EQ(work.bytes, 24'000'000U);
+  EXPECT_EQ(work.busyNs, 24'000'000U);
   EXPECT_EQ(work.failures, 5U);
   EXPECT_EQ(work.maxNs, 9'000'000U);
   EXPECT_DOUBLE_EQ(work.lastS, 6);
@@ -337,6 +349,31 @@ TEST(RunSummary, EnginesAndPrintedRatesAreInTheirOwnOrder) {
   EXPECT_THAT(loads, ElementsAre("cpu", "vpc", "venc", "aic", "", ""));
   EXPECT_EQ(summary.PrintedOf("vpc")->stress, "kivuVpcStress");
   EXPECT_EQ(summary.PrintedOf("gpu"), nullptr);
+}
+
+TEST(RunSummary, TheLatencyOfMemoryIsOfSecondsInWhichEveryEngineWorks) {
+  scope::Run run;
+  // Whole from 1 to 3. One that is set up and one that does nothing do not count.
+  run.samples = {At(1, 1),           At(2, 5),           At(3, 5),          At(4, 1), At(3, 9, 0, "vpc_copy"),
+                 At(1, 0, 0, "aic"), At(2, 0, 0, "aic"), At(3, 0, 0, "aic")};
+  const auto loaded = [&run](const std::vector<double>& endsS) {
+    run.latency.clear();
+    for (const double endS : endsS) run.latency.emplace_back().timeS = endS;
+    std::vector<double> left;
+    for (const scope::LatencySecond& second : Summarise(Completed(run)).latency) left.push_back(second.timeS);
+    return left;
+  };
+  // The two processes may be 0.3 s apart.
+  EXPECT_THAT(loaded({1 - 0.3, 1.7, 2.7, 3 + 0.3, 4.3}), ElementsAre(1.7, 2.7, 3 + 0.3));
+  EXPECT_THAT(loaded({0.69, 1.69, 2.7, 3.31, 4.3}), ElementsAre(2.7));
+  // Without an engine: all but the last one.
+  run.samples.clear();
+  run.info.durationS = 9;
+  EXPECT_THAT(loaded({1, 2, 3.2}), ElementsAre(1, 2));
+  EXPECT_THAT(loaded({1, 2}), ElementsAre(1));
+  EXPECT_THAT(loaded({8.9}), ElementsAre(8.9)) << "a single one, if the run is as long";
+  EXPECT_THAT(loaded({9.5}), ElementsAre());
+  EXPECT_THAT(loaded({}), ElementsAre());
 }
 
 TEST(RunSummary, RatesThatAreAllZeroHaveTheMedianZero) {

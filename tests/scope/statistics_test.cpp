@@ -6,9 +6,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -103,6 +106,16 @@ TEST(StatisticsTest, QuantilesBetweenTheLastTwoValues) {
   EXPECT_DOUBLE_EQ(Median({1, 2, 3, 10}), 2.5);
 }
 
+TEST(StatisticsTest, TheMeanOfTinyValuesKeepsTheirDigits) {
+  EXPECT_DOUBLE_EQ(Mean({1e-20, 3e-20}), 2e-20);
+}
+
+TEST(StatisticsTest, TheGreatestValueIsReadFromNothingBehindIt) {
+  std::vector<double> values = {1, 2, std::nan("")};
+  values.pop_back();  // its bytes stay behind the last value
+  EXPECT_DOUBLE_EQ(Quantile(std::move(values), 1), 2);
+}
+
 TEST(StatisticsTest, SharesOutsideOfZeroToOneAreTheEnds) {
   EXPECT_DOUBLE_EQ(Quantile({1, 2, 3}, -0.5), 1);
   EXPECT_DOUBLE_EQ(Quantile({1, 2, 3}, 1.5), 3);
@@ -112,6 +125,7 @@ TEST(StatisticsTest, NormalQuantilesOfTheTails) {
   EXPECT_NEAR(NormalQuantile(1e-6), -4.753424308822899, 1e-9);
   EXPECT_NEAR(NormalQuantile(0.999), 3.090232306167813, 1e-11);
   EXPECT_NEAR(NormalQuantile(0.6), 0.2533471031357998, 1e-12);
+  EXPECT_NEAR(NormalQuantile(1 - 0x1p-53), 8.209536151601387, 1e-13) << "the greatest p below 1";
   EXPECT_THROW(NormalQuantile(0), std::invalid_argument);
   EXPECT_THROW(NormalQuantile(-0.1), std::invalid_argument);
 }
@@ -133,6 +147,7 @@ TEST(StatisticsTest, TrendWithTies) {
   const Trend flat = TestTrend({5, 5, 5, 5});
   EXPECT_DOUBLE_EQ(flat.p, 1);
   EXPECT_DOUBLE_EQ(flat.slope, 0);
+  EXPECT_DOUBLE_EQ(TestTrend({1, 2, 1}).p, 1) << "as much up as down";
   EXPECT_DOUBLE_EQ(TestTrend({1, 2}).p, 1) << "two values have no trend that could be told from noise";
 }
 

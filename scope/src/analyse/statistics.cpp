@@ -24,8 +24,7 @@ double NormalTail(double z) {
 // Two-sided p of a score with this standard deviation. The score moves in steps of 2 * `halfStep`.
 double NormalP(double score, double halfStep, double deviation) {
   if (deviation <= 0) return 1;
-  const double z = std::max(0.0, std::abs(score) - halfStep) / deviation;
-  return std::min(1.0, 2 * NormalTail(z));
+  return 2 * NormalTail(std::max(0.0, std::abs(score) - halfStep) / deviation);
 }
 
 // Sums `add(t)` over the groups of equal values, where t is the size of the group.
