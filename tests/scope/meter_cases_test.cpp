@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -26,9 +27,11 @@ namespace {
 
 using scope::ChildProcess;
 using scope::Engine;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using Environment = std::vector<std::pair<std::string, std::string>>;
 using Steps = std::vector<std::string>;
 
@@ -197,6 +200,7 @@ TEST_F(MeterCasesTest, EveryFieldOfThePacketsIsExact) {
   EXPECT_EQ(ends_[0].last, 1U);
   EXPECT_EQ(ends_[0].delayedSamples, 0U);
   EXPECT_EQ(ends_[0].unmeasured, 0U);
+  EXPECT_THAT(errors_, IsEmpty());
   // The last packets wait so long for a slow reader.
   timeval wait{};
   socklen_t size = sizeof(wait);
@@ -235,6 +239,7 @@ TEST_F(MeterCasesTest, AnOperationThatTakesItsDeadlineExactlyIsInTimeAndAFailedO
     ASSERT_FALSE(deadlines_.empty());
     EXPECT_EQ(deadlines_.back().operations, 2U);
     EXPECT_EQ(deadlines_.back().missed, shorter);
+    EXPECT_EQ(samples_.back().head.failures, 2U);
   }
 }
 
@@ -250,6 +255,81 @@ TEST_F(MeterCasesTest, WhatWasFilledIsToldOfEachEngine) {
     EXPECT_EQ(fills_[i].bytes, i == 0 ? 100U : 0U);
     EXPECT_EQ(fills_[i].refused, 0U);
   }
+}
+
+TEST_F(MeterCasesTest, WhatHoldsAResultIsNotFilled) {
+  Run({"zeros", "back", "seen:resize", "seen:encode", "seen:again"}, {{scope::kFillVariable, "ones"}});
+  ASSERT_EQ(fills_.size(), 3U);
+  EXPECT_EQ(fills_[0].buffers, 1U);
+  EXPECT_EQ(fills_[0].refused, 1U) << "it was copied to";
+  EXPECT_EQ(fills_[1].engine, Engine::kVpc);
+  EXPECT_EQ(fills_[1].buffers, 1U);
+  EXPECT_EQ(fills_[1].bytes, 64U * 32 * 3);
+  EXPECT_EQ(fills_[1].refused, 1U) << "it was resized to";
+  EXPECT_EQ(fills_[2].engine, Engine::kVenc);
+  EXPECT_EQ(fills_[2].buffers, 1U);
+  EXPECT_EQ(fills_[2].bytes, kFrame);
+  EXPECT_EQ(fills_[2].refused, 0U);
+}
+
+TEST_F(MeterCasesTest, AWrongSourceOfEachEngineIsFound) {
+  for (const auto& [what, engine] : {std::pair<std::string, Engine>{"resize", Engine::kVpc},
+                                     {"encode", Engine::kVenc},
+                                     {"infer", Engine::kAic}}) {
+    // Long operations, so that there is time for each check.
+    Steps steps = {"time:1000000000:0"};
+    steps.insert(steps.end(), 16, "seen:" + what);
+    steps.emplace_back("spoil");
+    steps.insert(steps.end(), 8, "seen:" + what);
+    errorsFound_.clear();
+    order_.clear();
+    Run(steps, {{scope::kVerifyVariable, "1"}, {"ODD_HOST", "1"}});
+    ASSERT_EQ(errorsFound_.size(), 1U) << what;
+    EXPECT_EQ(errorsFound_[0].engine, engine);
+    EXPECT_EQ(errorsFound_[0].kind, scope::ErrorKind::kSource);
+    EXPECT_EQ(errorsFound_[0].offset, 48U);
+    EXPECT_EQ(errorsFound_[0].bits, 1U);
+    ASSERT_FALSE(checks_.empty());
+    EXPECT_EQ(checks_.back().engine, engine);
+    EXPECT_EQ(checks_.back().operations, 24U);
+    EXPECT_EQ(order_, what == "encode" ? "HS!CGE" : "HS!CE") << "a group of streams is finished";
+  }
+}
+
+TEST_F(MeterCasesTest, SaysOnceWhyThreadsGetNoCpusOfTheirOwn) {
+  cpu_set_t allowed;
+  ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
+  std::vector<std::size_t> cpus;
+  for (std::size_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
+  }
+  std::string all;
+  for (const std::size_t cpu : cpus) all += (all.empty() ? "" : ",") + std::to_string(cpu);
+  const auto said = [this](const std::string& value) {
+    errors_.clear();
+    Run({"cpu", "elsewhere"}, {{scope::kPinVariable, value}});
+    EXPECT_EQ(exitStatus_, 0);
+    return errors_;
+  };
+  const std::string begin = "libstress_scope: cannot give threads CPUs of their own: ";
+  for (const char* const value : {"cpu=x", "cpu=1024", "cpu=1a", "cpu=0,,1"}) {
+    EXPECT_THAT(said(value), ElementsAre(begin + "not a list of CPUs")) << value;
+  }
+  for (const std::string& value : {std::string("cpu="), "cpu=" + all}) {
+    EXPECT_THAT(said(value), ElementsAre(begin + "no CPU is left for the others")) << value;
+  }
+  // No machine of the tests has so many.
+  EXPECT_THAT(said("cpu=1023"), ElementsAre(begin + std::strerror(EINVAL)));
+  EXPECT_THAT(said("cpu=9"), Not(Contains(HasSubstr("list")))) << "a number, whether there is one or not";
+  EXPECT_THAT(said("cpu"), IsEmpty());
+  if (cpus.size() < 2) return;
+  EXPECT_THAT(said("cpu=" + std::to_string(cpus[1])), IsEmpty());
+  cpu_set_t first;
+  CPU_ZERO(&first);
+  CPU_SET(cpus[0], &first);
+  ASSERT_EQ(sched_setaffinity(0, sizeof(first), &first), 0);
+  EXPECT_THAT(said("cpu=" + std::to_string(cpus[0])), ElementsAre(begin + "no CPU is left for the others"));
+  EXPECT_EQ(sched_setaffinity(0, sizeof(allowed), &allowed), 0);
 }
 
 // The meter looks at a wrong source for some operations before it counts. The program ends before that.

@@ -2,13 +2,19 @@
 
 /// Works on the counting platform step by step, in virtual time, and stands in for the system and the loader
 /// where a test needs an odd one. usage: odd_load STEP...
-///   time:NS:N      from now on a call takes NS to 4 NS, and every N-th one fails (0: none). At first 0 and
-///   0. cpu            a copy of 100 bytes copy:T:S:T:S   a copy to media memory. T is the image's type, S
-///   its dataSize: of the source, of the destination resize:T:S:T:S likewise encode:T:S     a frame
+///   time:NS:N      from now on a call takes NS to 4 NS, and every N-th one fails (0: none). At first 0, 0
+///   cpu            a copy of 100 bytes
+///   copy:T:S:T:S   a copy to media memory. T is the image's type, S its dataSize: source, destination
+///   resize:T:S:T:S likewise
+///   encode:T:S     a frame
 ///   zeros          a copy of 100 zeros that stay in their place
 ///   flip           changes a bit of these zeros and of their copy
+///   back           copies that copy back
+///   seen:WHAT      resize, encode or infer: of memory that the meter can see; again: resizes the result
+///   spoil          changes a bit of what these read
+///   elsewhere      a thread of its own makes a copy of 100 bytes
 ///   model:FILE     loads a model
-///   infer          with that model, or without one; it has inputs of 10 bytes and outputs of 200 and 3000
+///   infer          with that model, or without one; inputs of 10 bytes and outputs of 200 and 3000
 ///   models:FILE    see Models() below
 ///   asked          prints how often the loader was asked since the first step
 ///   busy:ENGINE    prints the platform's own time of this engine, by its number
@@ -20,11 +26,12 @@
 ///   close          prints the flags of the reader's descriptor
 ///   platform       from now on the loader finds all operations
 /// The environment may have
-///   ODD_OPERATIONS  the loader finds only these, by their link names, each followed by a comma
-///   ODD_HOST        the platform is this project's own, of this version
-///   ODD_SEND        "N ERRNO": the N-th call of send fails
-///   ODD_SENDS       prints a letter for each call of send: Hello, Sample or End; a small one if the call may
-///   wait ODD_THREAD      no thread can be started ODD_AHEAD       the clock is so many seconds ahead
+///   ODD_OPERATIONS the loader finds only these, by their link names, each followed by a comma
+///   ODD_HOST       the platform is this project's own, of this version
+///   ODD_SEND       "N ERRNO": the N-th call of send fails
+///   ODD_SENDS      prints a letter for each call of send: Hello, Sample or End; a small one if it may wait
+///   ODD_THREAD     no thread can be started
+///   ODD_AHEAD      the clock is so many seconds ahead
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -44,6 +51,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "counting_platform.h"
@@ -180,6 +188,48 @@ void FlipZero() {
   for (auto& place : zeros) place[40] = static_cast<char>(place[40] ^ 4);
 }
 
+void CopyBack() {
+  (void)memcpy_s(zeros[0], sizeof(zeros[0]), zeros[1], sizeof(zeros[1]));
+}
+
+std::uint8_t seenSource[64 * 32 * 3];
+std::uint8_t seenResult[64 * 32 * 3];
+std::uint8_t seenOutput[200];
+
+Ormis::ImageData SeenImage(const std::string& type, std::uint8_t* data) {
+  Ormis::ImageData image = Image(type, "0");
+  image.data = data;
+  return image;
+}
+
+void EncodeSeen() {
+  static std::int64_t frames = 0;
+  Ormis::QetVenc encoder;
+  ux_venc_stream stream{};
+  stream.packetCount = 1;
+  stream.packets[0].data = seenOutput;
+  stream.packets[0].sizeBytes = sizeof(seenOutput);
+  stream.packets[0].frameIndex = frames++;
+  (void)encoder.SendFrame(SeenImage("2", seenSource));
+  (void)encoder.GetStream(stream);
+  (void)encoder.ReleaseStream(stream);
+}
+
+void WorkSeen(const std::string& what) {
+  if (what == "encode") return EncodeSeen();
+  if (what == "infer") {
+    Ormis::QetDNNHandle handle;
+    handle.inputs = {{seenSource, 100}};
+    handle.outputs = {{seenOutput, sizeof(seenOutput)}};
+    (void)Ormis::QetDNNModelProcess(handle);
+    return;
+  }
+  const bool isAgain = what == "again";
+  (void)Ormis::QetImageResize(0, SeenImage("1", isAgain ? seenResult : seenSource),
+                              SeenImage("1", isAgain ? seenSource : seenResult), Ormis::kQetInterpolationArea,
+                              -1);
+}
+
 /// Waits a long time for what takes a short one.
 template <typename Condition>
 void WaitUntil(const Condition& condition) {
@@ -260,6 +310,14 @@ bool Work(const Words& step, Ormis::QetDNNHandle& handle) {
     CopyZeros();
   } else if (step[0] == "flip") {
     FlipZero();
+  } else if (step[0] == "back") {
+    CopyBack();
+  } else if (step[0] == "seen") {
+    WorkSeen(step[1]);
+  } else if (step[0] == "spoil") {
+    seenSource[50] ^= 4;
+  } else if (step[0] == "elsewhere") {
+    std::thread(Cpu).join();
   } else if (step[0] == "copy") {
     Ormis::ImageData destination = Image(step[3], step[4]);
     (void)Ormis::QetMemcpyToKivu(Image(step[1], step[2]), destination);
