@@ -14,6 +14,7 @@
 
 #include "child_process.h"
 #include "folder_lock.h"
+#include "matrix_folder.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "sanitizers.h"
@@ -265,6 +266,32 @@ TEST_F(ResumeTest, FollowsNoLinks) {
     std::filesystem::create_symlink(folder_ / "moved", Sweep() + name);
     EXPECT_THAT(Run({"sweep", "--resume", Sweep()}).errors, HasSubstr(std::string(name) + " is a link"));
     std::filesystem::rename(folder_ / "moved", Sweep() + name);
+  }
+}
+
+// Each of the two recorders reads it.
+TEST_F(ResumeTest, RefusesAConfigurationThatIsNoFileOfARun) {
+  MakeSweep();
+  scope::Matrix matrix;
+  matrix.axes = {{"CPU", {0, 1}}};
+  matrix.victims = {{"VPC", 1}};
+  std::filesystem::create_directory(folder_ / "matrix");
+  scope::WriteMatrix(folder_ / "matrix", matrix);
+  for (const char* const command : {"sweep", "matrix"}) {
+    const std::string config = folder_ / (command + std::string("/config.yaml"));
+    const auto refuses = [&](const char* words) {
+      const ToolResult result = Run({command, "--resume", folder_ / command});
+      EXPECT_EQ(result.status, 2) << result.output;
+      EXPECT_THAT(result.errors, HasSubstr(std::string("config.yaml") + words));
+    };
+    std::filesystem::remove(config);
+    refuses(" is missing: all runs are made from it. Put it back");
+    ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
+    refuses(": not a regular file");
+    std::filesystem::remove(config);
+    folder_.Put(command + std::string("/config.yaml"), "");
+    std::filesystem::resize_file(config, (1 << 20) + 1);  // takes no room on the disk
+    refuses(": larger than 1 MiB");
   }
 }
 

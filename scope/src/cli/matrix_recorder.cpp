@@ -20,7 +20,6 @@
 #include "printable.h"
 #include "series.h"
 #include "sweep_plan.h"
-#include "system_files.h"
 #include "tell.h"
 #include "text_format.h"
 
@@ -50,7 +49,7 @@ MatrixRecorder::MatrixRecorder(std::string folder, Matrix& matrix, Output output
   const std::string config = folder_ + "/" + kSeriesConfig;
   plan_.made = matrix_.started;
   plan_.configPath = matrix_.configPath;
-  plan_.configText = ReadFile(config).value_or("");
+  plan_.configText = ReadSeriesConfig(folder_);
   plan_.settings = matrix_.settings;
   unsigned int runTimeS = 0;
   for (const auto& [engine, level] : ReadConfiguration(config, runTimeS).levels) {

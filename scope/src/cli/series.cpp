@@ -5,11 +5,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
+#include <optional>
+#include <utility>
 
 #include "conditions.h"
 #include "configuration.h"
 #include "durable_file.h"
 #include "errors.h"
+#include "folder_file.h"
 #include "latency_probe.h"
 #include "memory_size.h"
 #include "printable.h"
@@ -73,6 +76,16 @@ std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const st
   auto lock = std::make_unique<FolderLock>(folder);
   ReplaceFile(folder + "/" + kSeriesConfig, config);
   return lock;
+}
+
+std::string ReadSeriesConfig(const std::string& folder) {
+  constexpr std::uint64_t kMostBytes = 1 << 20;
+  const std::string path = folder + "/" + kSeriesConfig;
+  std::optional<std::string> text = ReadFolderFile(path, kMostBytes);
+  if (!text)
+    throw DamagedFolder(path +
+                        " is missing: all runs are made from it. Put it back, or record into another folder");
+  return std::move(*text);
 }
 
 bool IsRecorded(const std::string& folder) {

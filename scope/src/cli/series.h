@@ -47,6 +47,10 @@ void CheckRunLength(double runS, double warmupS, double leastS = kLeastMeasuredS
 std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config);
 
 /// True if the folder of a run holds a complete recording. Prints a warning if its run.json is damaged.
+/// The configuration in the folder of a series, from which its runs are made. Throws UserError if it is
+/// missing, no regular file, or larger than the benchmark reads.
+std::string ReadSeriesConfig(const std::string& folder);
+
 bool IsRecorded(const std::string& folder);
 
 /// Before a series is continued, whose folder may come from elsewhere: prints each program or command that

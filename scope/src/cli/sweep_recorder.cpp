@@ -70,8 +70,7 @@ std::string ErrorsFoundIn(const std::string& runFolder) {
 
 SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind)
     : folder_(std::move(folder)), sweep_(sweep), output_(output), kind_(std::move(kind)) {
-  const std::string config = folder_ + "/" + kSeriesConfig;
-  plan_ = PlanOfSweep(sweep_, ReadFile(config).value_or(""));
+  plan_ = PlanOfSweep(sweep_, ReadSeriesConfig(folder_));
   bootId_ = BootId(sweep_.settings.systemRoot);
 }
 
