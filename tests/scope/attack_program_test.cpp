@@ -25,6 +25,7 @@ namespace {
 using scope::ChildProcess;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 
@@ -267,6 +268,15 @@ TEST_F(ResumeTest, FollowsNoLinks) {
     EXPECT_THAT(Run({"sweep", "--resume", Sweep()}).errors, HasSubstr(std::string(name) + " is a link"));
     std::filesystem::rename(folder_ / "moved", Sweep() + name);
   }
+}
+
+TEST_F(ResumeTest, SaysItBesideJson) {
+  MakeSweep();
+  const ToolResult result = Run({"sweep", "--resume", Sweep(), "--json"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output, StartsWith("{"));
+  EXPECT_THAT(result.errors, HasSubstr("sweep.json names the program to run: " + (folder_ / "benchmark")));
+  EXPECT_THAT(Run({"sweep", "--resume", Sweep(), "--quiet"}).errors, IsEmpty());
 }
 
 // Each of the two recorders reads it.

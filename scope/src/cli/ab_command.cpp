@@ -92,12 +92,12 @@ Experiment ResumeExperiment(const std::string& folder, Output output, std::uniqu
   Experiment experiment = ReadExperiment(folder);
   for (const ExperimentRun& run : experiment.runs) RequireNoLink(folder + "/" + run.folder);
   const ExperimentSettings& settings = experiment.settings;
-  if (output == Output::kText) {
-    TellWhatRuns(folder + "/" + kExperimentName, {{"command of A", settings.commandA},
-                                                  {"command of B", settings.commandB},
-                                                  {"program to run", settings.benchmark},
-                                                  {"library to load into it", settings.meter}});
-  }
+  TellWhatRuns(folder + "/" + kExperimentName,
+               {{"command of A", settings.commandA},
+                {"command of B", settings.commandB},
+                {"program to run", settings.benchmark},
+                {"library to load into it", settings.meter}},
+               output);
   return experiment;
 }
 

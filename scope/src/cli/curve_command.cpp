@@ -112,10 +112,10 @@ Curve ResumeCurve(const std::string& folder, Output output, std::unique_ptr<Fold
   if (IsCurveFolder(folder)) lock = std::make_unique<FolderLock>(folder);
   Curve curve = ReadCurve(folder);
   for (const SweepRun& run : curve.sweep.runs) RequireNoLink(folder + "/" + run.folder);
-  if (output == Output::kText) {
-    TellWhatRuns(folder + "/" + kCurveName, {{"program to run", curve.sweep.settings.benchmark},
-                                             {"library to load into it", curve.sweep.settings.meter}});
-  }
+  TellWhatRuns(folder + "/" + kCurveName,
+               {{"program to run", curve.sweep.settings.benchmark},
+                {"library to load into it", curve.sweep.settings.meter}},
+               output);
   return curve;
 }
 

@@ -124,10 +124,10 @@ Matrix ResumeMatrix(const std::string& folder, Output output, std::unique_ptr<Fo
       throw UserError(folder + ": its victims have CPU " + std::to_string(cpu) +
                       " to themselves, which this program cannot give them here");
   }
-  if (output == Output::kText) {
-    TellWhatRuns(folder + "/" + kMatrixName, {{"program to run", matrix.settings.benchmark},
-                                              {"library to load into it", matrix.settings.meter}});
-  }
+  TellWhatRuns(
+      folder + "/" + kMatrixName,
+      {{"program to run", matrix.settings.benchmark}, {"library to load into it", matrix.settings.meter}},
+      output);
   return matrix;
 }
 

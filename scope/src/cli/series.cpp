@@ -98,10 +98,17 @@ bool IsRecorded(const std::string& folder) {
   }
 }
 
-void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named) {
+void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named,
+                  Output output) {
+  if (output == Output::kQuiet) return;
   for (const auto& [what, text] : named) {
-    if (!text.empty())
-      std::cout << Printable(file) << " names the " << what << ": " << Printable(text) << std::endl;
+    if (text.empty()) continue;
+    const std::string sentence = file + " names the " + what + ": " + text;
+    if (output == Output::kJson) {
+      Tell(sentence);
+    } else {
+      std::cout << Printable(sentence) << std::endl;
+    }
   }
 }
 

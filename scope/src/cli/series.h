@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "command_line.h"
 #include "folder_lock.h"
 #include "run.h"
 
@@ -46,16 +47,18 @@ void CheckRunLength(double runS, double warmupS, double leastS = kLeastMeasuredS
 /// the folder exists and is not empty.
 std::unique_ptr<FolderLock> MakeSeriesFolder(const std::string& folder, const std::string& config);
 
-/// True if the folder of a run holds a complete recording. Prints a warning if its run.json is damaged.
 /// The configuration in the folder of a series, from which its runs are made. Throws UserError if it is
 /// missing, no regular file, or larger than the benchmark reads.
 std::string ReadSeriesConfig(const std::string& folder);
 
+/// True if the folder of a run holds a complete recording. Prints a warning if its run.json is damaged.
 bool IsRecorded(const std::string& folder);
 
 /// Before a series is continued, whose folder may come from elsewhere: prints each program or command that
-/// `file` names, with what it is for. Empty ones are left out.
-void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named);
+/// `file` names, with what it is for. Empty ones are left out. Beside JSON it goes to standard error; --quiet
+/// leaves it out.
+void TellWhatRuns(const std::string& file, const std::vector<std::pair<const char*, std::string>>& named,
+                  Output output);
 
 /// Prints why the series in `folder` ended before its runs did, and how `command` continues it. `isStuck`:
 /// because what ran does not end; otherwise a signal came.

@@ -115,11 +115,11 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   if (IsSweepFolder(folder)) lock = std::make_unique<FolderLock>(folder);
   Sweep sweep = ReadSweep(folder);
   for (const SweepRun& run : sweep.runs) RequireNoLink(folder + "/" + run.folder);
-  if (output == Output::kText) {
-    TellWhatRuns(folder + "/" + kSweepName, {{"command that makes the settings", sweep.margin.apply},
-                                             {"program to run", sweep.settings.benchmark},
-                                             {"library to load into it", sweep.settings.meter}});
-  }
+  TellWhatRuns(folder + "/" + kSweepName,
+               {{"command that makes the settings", sweep.margin.apply},
+                {"program to run", sweep.settings.benchmark},
+                {"library to load into it", sweep.settings.meter}},
+               output);
   return sweep;
 }
 
