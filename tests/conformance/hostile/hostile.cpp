@@ -36,6 +36,15 @@ void LeaveSession() {
   for (;;) (void)pause();
 }
 
+/// A link to the file that ORMIS_HOSTILE_PID names, in the place of the kit's result. That file says how
+/// often.
+void PlantLink() {
+  const char* const target = std::getenv("ORMIS_HOSTILE_PID");
+  if (symlink(target, ".result") != 0) return;
+  const int file = open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  (void)!write(file, "planted\n", 8);
+}
+
 struct AtLoad {
   AtLoad() {
     const char* const chosen = std::getenv("ORMIS_HOSTILE");
@@ -47,6 +56,7 @@ struct AtLoad {
     if (harm == "flood") Flood();
     if (harm == "flood") _exit(3);
     if (harm == "session") LeaveSession();
+    if (harm == "link") PlantLink();
   }
 } atLoad;
 
