@@ -9,6 +9,7 @@
 #include "loader.h"
 #include "options.h"
 #include "prepare_process.h"
+#include "printable_text.h"
 #include "report.h"
 #include "runner.h"
 
@@ -29,8 +30,8 @@ void EndIfInterrupted(const conformance::CheckText& check, conformance::TapRepor
   const int signal = conformance::Interrupted();
   if (signal == 0) return;
   report.BailOut("interrupted while checking " + check.name);
-  std::cerr << "platform_conformance: interrupted while checking " << check.name << ": " << check.expected
-            << '\n';
+  std::cerr << "platform_conformance: interrupted while checking "
+            << stress::PrintableText(check.name + ": " + check.expected) << '\n';
   conformance::EndBy(signal);
 }
 
@@ -87,7 +88,7 @@ int Run(const conformance::Options& options) {
   if (chosen.empty()) return Wrong("no check matches the pattern of --only: --list prints all names");
   if (!options.list) return RunAll(description, chosen, options);
   for (const conformance::CheckText& check : chosen)
-    std::cout << check.name << '\t' << check.expected << '\n';
+    std::cout << stress::PrintableText(check.name + '\t' + check.expected) << '\n';
   return std::cout.flush() ? kAllHold : Wrong("cannot write to standard output");
 }
 

@@ -4,24 +4,28 @@
 #include <algorithm>
 #include <fstream>
 
+#include "printable_text.h"
 #include "xml_text.h"
 
 namespace conformance {
 
 namespace {
 
-bool IsControl(char letter) {
-  return static_cast<unsigned char>(letter) < 0x20 || letter == 0x7f;
+/// On one line, and without what could control a terminal: texts come from the platform's library.
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char letter) { return letter == '\n' || letter == '\t'; }, ' ');
+  return stress::PrintableText(text);
 }
 
 /// A scalar of YAML in double quotes, on one line.
 std::string Quoted(const std::string& text) {
-  std::string quoted = "\"";
+  std::string quoted;
   for (const char letter : text) {
     if (letter == '"' || letter == '\\') quoted += '\\';
-    quoted += IsControl(letter) ? ' ' : letter;
+    quoted += letter;
   }
-  return quoted + '"';
+  return '"' + OneLine(quoted) + '"';
 }
 
 std::string Found(const Outcome& outcome) {
@@ -39,17 +43,17 @@ TapReport::TapReport(std::ostream& out, std::size_t count) : out_(out) {
 }
 
 void TapReport::Comment(const std::string& text) {
-  out_ << "# " << text << '\n';
+  out_ << "# " << OneLine(text) << '\n';
 }
 
 void TapReport::BailOut(const std::string& why) {
-  out_ << "Bail out! " << why << '\n' << std::flush;
+  out_ << "Bail out! " << OneLine(why) << '\n' << std::flush;
 }
 
 void TapReport::Result(const CheckText& check, const Outcome& outcome, bool allowSkip) {
   const bool fails = Fails(outcome, allowSkip);
-  out_ << (fails ? "not ok " : "ok ") << ++number_ << " - " << check.name;
-  if (!fails && outcome.kind == Outcome::Kind::kSkipped) out_ << " # SKIP " << outcome.text;
+  out_ << (fails ? "not ok " : "ok ") << ++number_ << " - " << OneLine(check.name);
+  if (!fails && outcome.kind == Outcome::Kind::kSkipped) out_ << " # SKIP " << OneLine(outcome.text);
   out_ << "\n  ---\n  expected: " << Quoted(check.expected) << '\n';
   if (fails) {
     out_ << "  found: " << Quoted(Found(outcome)) << '\n';

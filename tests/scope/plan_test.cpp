@@ -922,4 +922,26 @@ TEST_F(PlanTest, JsonOfAPlanIsItsFile) {
   EXPECT_EQ(result.output, folder_.Get("plan.json"));
 }
 
+// Their files have them as they are.
+TEST_F(PlanTest, JsonHasNoControlCharacters) {
+  const std::string raw = "red\xc2\x9bmore\x7f";
+  const auto shows = [&raw](const std::string& output, const std::string& file) {
+    EXPECT_THAT(file, HasSubstr(raw));
+    EXPECT_THAT(output, AllOf(HasSubstr("red\\u009bmore\\u007f"), Not(HasSubstr(raw))));
+    EXPECT_EQ(nlohmann::json::parse(output), nlohmann::json::parse(file));
+  };
+  const std::string config = folder_.Put(raw, "CPU:\n  Level: 1\n");
+  const ToolResult plan =
+      RunTool({"plan", config, "-o", PlanPath(), "--no-meter", "--warmup", "0", "--json"});
+  shows(plan.output, folder_.Get("plan.json"));
+  Counting();
+  ASSERT_EQ(RunCell(1).status, 0);
+  std::string cell = folder_.Get("night/cell-0001/cell.json");
+  const std::string reason = "\"reason\": \"";
+  ASSERT_NE(cell.find(reason), std::string::npos);
+  cell.insert(cell.find(reason) + reason.size(), raw);
+  folder_.Put("night/cell-0001/cell.json", cell);
+  shows(RunCell(1, {"--json"}).output, cell);
+}
+
 }  // namespace

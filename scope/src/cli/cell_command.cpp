@@ -17,13 +17,13 @@
 #include "collection.h"
 #include "commands.h"
 #include "errors.h"
+#include "folder_file.h"
 #include "live_view.h"
 #include "plan_file.h"
 #include "printable.h"
 #include "remote_cell.h"
 #include "run_error.h"
 #include "series.h"
-#include "system_files.h"
 
 namespace scope {
 namespace {
@@ -65,7 +65,8 @@ void TellOfEarlierErrors(const CellCommand& command, const Plan& plan, const Pla
 // Returns the exit status.
 int ShowOutcome(const CellCommand& command, const CellOutcome& outcome) {
   const std::string folder = Printable(outcome.folder);
-  if (command.output == Output::kJson) Print(ReadFile(outcome.folder + "/" + kCellName).value_or("null\n"));
+  if (command.output == Output::kJson)
+    Print(PrintableJson(ReadFolderFile(outcome.folder + "/" + kCellName, kMostCellBytes).value_or("null\n")));
   if (command.output == Output::kText && !outcome.isNew) Print("already done, in " + folder + "\n");
   if (command.output == Output::kText && outcome.isNew)
     Print(NameOf(outcome.state) + std::string(", saved in ") + folder + "\n");

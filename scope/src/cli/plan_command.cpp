@@ -86,7 +86,7 @@ int RunPlan(const PlanOptions& options) {
     throw UserError(options.file + " exists: choose another file. A plan is not changed once it is made");
   }
   ReplaceFile(options.file, text);
-  if (options.output == Output::kJson) Print(text);
+  if (options.output == Output::kJson) Print(PrintableJson(text));
   if (options.output == Output::kText) ShowPlan(options, plan, grid.boards.size());
   return kExitOk;
 }

@@ -1,58 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "printable.h"
 
-#include <algorithm>
 #include <cstddef>
 
 #include "text_format.h"
 
 namespace scope {
-namespace {
 
-unsigned int Byte(const std::string& text, std::size_t at) {
-  return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-}
-
-// The bytes of the UTF-8 character at `at`; 0 if there is none. Surrogates and overlong forms are no matter
-// here: no terminal takes them for a control character.
-std::size_t CharacterBytes(const std::string& text, std::size_t at) {
-  const unsigned int first = Byte(text, at);
-  const std::size_t size = first < 0x80   ? 1
-                           : first < 0xC2 ? 0
-                           : first < 0xE0 ? 2
-                           : first < 0xF0 ? 3
-                           : first < 0xF5 ? 4
-                                          : 0;
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((Byte(text, at + i) & 0xC0U) != 0x80) return 0;
-  }
-  return size;
-}
-
-bool IsControl(const std::string& text, std::size_t at, std::size_t size) {
-  const unsigned int first = Byte(text, at);
-  if (size == 1) return (first < 0x20 && first != '\n' && first != '\t') || first == 0x7F;
-  return size == 2 && first == 0xC2 && Byte(text, at + 1) < 0xA0;  // U+0080 to U+009F
-}
-
-}  // namespace
-
-std::string Printable(const std::string& text) {
-  // Nearly every text. Tables have millions of lines.
-  if (std::all_of(text.begin(), text.end(), [](char letter) { return letter >= ' ' && letter < '\x7f'; }))
-    return text;
-  std::string printable;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t size = CharacterBytes(text, at);
-    if (size != 0 && !IsControl(text, at, size)) {
-      printable.append(text, at, size);
-      at += size;
-      continue;
+std::string PrintableJson(const std::string& json) {
+  std::string escaped;
+  for (std::size_t at = 0; at < json.size(); ++at) {
+    const auto next = at + 1 < json.size() ? static_cast<unsigned char>(json[at + 1]) : 0;
+    if (json[at] == '\x7f') {
+      escaped += "\\u007f";
+    } else if (json[at] == '\xc2' && next >= 0x80 && next < 0xa0) {
+      escaped += Format("\\u%04x", next);
+      ++at;
+    } else {
+      escaped += json[at];
     }
-    printable += Format("\\x%02x", Byte(text, at));
-    ++at;
   }
-  return printable;
+  return escaped;
 }
 
 }  // namespace scope

@@ -3,10 +3,16 @@
 
 #include <string>
 
+#include "printable_text.h"
+
 namespace scope {
 
-/// `text` without what could control a terminal: control characters but line feed and tab, and bytes that are
-/// no UTF-8, become "\x1b". For texts that come from files and from other programs.
-std::string Printable(const std::string& text);
+inline std::string Printable(const std::string& text) {
+  return stress::PrintableText(text);
+}
+
+/// The same for the text of a JSON document, whose meaning stays: the control characters that JSON allows in
+/// its strings become "\u009b".
+std::string PrintableJson(const std::string& json);
 
 }  // namespace scope

@@ -13,6 +13,7 @@
 #include "engines.h"
 #include "latency_texts.h"
 #include "page_data.h"
+#include "printable.h"
 #include "report.h"
 #include "run_error.h"
 #include "run_json.h"
@@ -252,20 +253,7 @@ Json ReportData(const std::vector<ReportedRun>& runs, double warmupS) {
 }
 
 std::string JsonText(const Json& json) {
-  const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace);
-  std::string escaped;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0;
-    if (text[at] == '\x7f') {
-      escaped += "\\u007f";
-    } else if (text[at] == '\xc2' && next >= 0x80 && next < 0xa0) {
-      escaped += Format("\\u%04x", next);
-      ++at;
-    } else {
-      escaped += text[at];
-    }
-  }
-  return escaped + '\n';
+  return PrintableJson(json.dump(2, ' ', false, Json::error_handler_t::replace)) + '\n';
 }
 
 std::string ReportJson(const std::vector<ReportedRun>& runs) {

@@ -24,8 +24,6 @@ namespace {
 
 constexpr SeriesKind kCell = {kCellName, "cell", "a cell", 1};
 constexpr const char* kLooksKey = "looked_for_errors";
-// A cell has some twenty figures.
-constexpr std::uint64_t kMostCellBytes = 1 << 20;
 
 const std::array<std::pair<CellState, const char*>, 6> kCellStates = {
     {{CellState::kDone, "done"},

@@ -15,6 +15,8 @@
 namespace scope {
 
 constexpr const char* kCellName = "cell.json";
+/// A cell has some twenty figures.
+constexpr std::uint64_t kMostCellBytes = 1 << 20;
 
 /// The text of cell.json.
 std::string CellText(const CellRecord& record);

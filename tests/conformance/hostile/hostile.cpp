@@ -45,6 +45,16 @@ void PlantLink() {
   (void)!write(file, "planted\n", 8);
 }
 
+/// What a terminal takes for a title, for colours and for the one character that begins a control sequence.
+void Control() {
+  const std::string text =
+      "\033]0;title\a \xc2\x9b"
+      "31m \x9b"
+      "32m";
+  (void)!write(STDERR_FILENO, text.data(), text.size());
+  _exit(3);
+}
+
 struct AtLoad {
   AtLoad() {
     const char* const chosen = std::getenv("ORMIS_HOSTILE");
@@ -57,6 +67,7 @@ struct AtLoad {
     if (harm == "flood") _exit(3);
     if (harm == "session") LeaveSession();
     if (harm == "link") PlantLink();
+    if (harm == "control") Control();
   }
 } atLoad;
 
