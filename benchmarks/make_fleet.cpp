@@ -1,16 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Writes the folders of a made-up fleet, to measure collect and fleet: FOLDER/night-01, ...
+// Writes the folders of a made-up fleet, to measure collect and fleet.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "made_fleet.h"
+#include "program.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: make_fleet FOLDER BOARDS NIGHTS REPEATS SEED\n"
+    "\n"
+    "Writes the runs of a made-up fleet into FOLDER/night-01, FOLDER/night-02, ... Board b0 gets slower in "
+    "the last "
+    "night.\n";
+
+}  // namespace
 
 int main(int argc, char** argv) {
+  measure::AnswerOptions(argc, argv, "make_fleet", kUsage);
   if (argc != 6) {
-    std::fprintf(stderr, "usage: make_fleet FOLDER BOARDS NIGHTS REPEATS SEED\n");
+    (void)std::fputs(kUsage, stderr);
     return 2;
   }
   try {
