@@ -630,6 +630,8 @@ TEST_F(CompareTest, RefusesBadArguments) {
   refused({"compare", a, a, "--tolerance", "-1"}, "--tolerance");
   refused({"compare", a, a, "--confidence", "1"}, "--confidence");
   refused({"compare", a, a, "--figure", "speed"}, "speed");
+  refused({"compare", a, a, "--figure", "p999"},
+          "neither side has a figure that was asked for: leave --figure out to compare what they have\n");
   refused({"compare", a, a, "--skip", "31"}, "there is no second to compare after the first 31 s");
 }
 

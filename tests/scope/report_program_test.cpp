@@ -98,7 +98,9 @@ TEST_F(ReportProgramTest, RefusesWrongArguments) {
 TEST_F(ReportProgramTest, RefusesFoldersThatAreNoRun) {
   fs::create_directories(folder_ / "empty");
   Refused({folder_ / "none"}, "none: there is no such folder");
-  Refused({folder_ / "empty"}, "empty: not a run folder: cannot read run.json");
+  Refused({folder_ / "empty"},
+          "empty: not a run folder: cannot read run.json: No such file or directory; give a folder that "
+          "stress_scope record or rates made\n");
   Refused({folder_.Put("a file", "")}, "a file: there is no such folder");
   Refused({run_, folder_ / "empty"}, "empty: not a run folder");
 }

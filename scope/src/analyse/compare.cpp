@@ -75,7 +75,9 @@ Comparison Compare(const Side& a, const Side& b, const CompareOptions& options) 
     }
   }
   Comparison comparison = CompareValues(ofA.values, ofB.values, options, printedTooCoarsely);
-  if (comparison.figures.empty()) throw UserError("neither side has a figure that was asked for");
+  if (comparison.figures.empty())
+    throw UserError(
+        "neither side has a figure that was asked for: leave --figure out to compare what they have");
   comparison.findings = CompareTroubles(ofA.runs, ofB.runs);
   AddFailedRuns(a, b, comparison.findings);
   std::vector<const Run*> all;

@@ -21,13 +21,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Why `path` was not written, and what to do where that is known.
+[[noreturn]] void FailToWrite(const std::string& path, int error) {
+  const bool isFull = error == ENOSPC || error == EDQUOT;
+  throw UserError("cannot write " + path + ": " + std::strerror(error) +
+                  (isFull ? "; free some space, or choose a folder on another disk" : ""));
+}
+
 void SyncPath(const std::string& path, int flags) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
   // EINVAL: this file system, or a device, has no fsync.
   const bool saved = descriptor >= 0 && (fsync(descriptor) == 0 || errno == EINVAL);
   const int error = errno;
   if (descriptor >= 0) (void)close(descriptor);
-  if (!saved) throw UserError("cannot write " + path + ": " + std::strerror(error));
+  if (!saved) FailToWrite(path, error);
 }
 
 }  // namespace
@@ -68,7 +75,7 @@ void OutputFile::CloseUnsynced() {
 }
 
 void OutputFile::Fail(int error) const {
-  throw UserError("cannot write " + path_ + ": " + std::strerror(error));
+  FailToWrite(path_, error);
 }
 
 void ReplaceFile(const std::string& path, const std::string& text, Durability durability) {
@@ -82,9 +89,7 @@ void ReplaceFile(const std::string& path, const std::string& text, Durability du
     } else {
       file.CloseUnsynced();
     }
-    if (std::rename(next.c_str(), path.c_str()) != 0) {
-      throw UserError("cannot write " + path + ": " + std::strerror(errno));
-    }
+    if (std::rename(next.c_str(), path.c_str()) != 0) FailToWrite(path, errno);
   } catch (const UserError&) {
     (void)std::remove(next.c_str());
     throw;

@@ -145,7 +145,8 @@ void CompareTotals(const Run& run, Totals operations, const char* file, Totals c
     if (counts[thread] == count) continue;
     throw DamagedFolder(run.folder + ": " + kTableName<Sample> + " has " + std::to_string(count) +
                         " operations of " + NameOf(thread) + ", " + file + " has " +
-                        std::to_string(counts[thread]) + ": they are not of the same run");
+                        std::to_string(counts[thread]) +
+                        ": they are not of the same run. Copy the whole folder again, or record anew");
   }
 }
 

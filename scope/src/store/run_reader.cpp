@@ -121,7 +121,9 @@ RunInfo ReadRunInfo(const std::string& folder) {
   if (!fs::is_directory(folder, ignored))
     throw UserError(folder + ": there is no such folder, expected one that stress_scope record made");
   const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
-  if (!text) throw UserError(folder + ": not a run folder: cannot read run.json: " + std::strerror(errno));
+  if (!text)
+    throw UserError(folder + ": not a run folder: cannot read run.json: " + std::strerror(errno) +
+                    "; give a folder that stress_scope record or rates made");
   return ParseRunInfo(*text, path);
 }
 
