@@ -10,6 +10,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "compare_conditions.h"
@@ -575,6 +576,24 @@ TEST_F(SweepTest, SaturationIsTheLowestLevelWithinFivePercent) {
   EXPECT_THAT(BandwidthText(table), AllOf(HasSubstr("  1  5.000  "
                                                     "████████████████████\n"),
                                           HasSubstr("██ saturated\n")));
+}
+
+TEST_F(SweepTest, BarsFitTheTerminal) {
+  const SweepTable table =
+      ReadSweepTable(Folder(), Recorded(ParseAxes({"CPU=0,1,2,4,8"}), {{0.1}, {5}, {9.4}, {9.6}, {10}}));
+  const auto widest = [&table](std::size_t width) {
+    std::size_t longest = 0;
+    std::istringstream lines(BandwidthText(table, width));
+    for (std::string line; std::getline(lines, line);) {
+      const auto isCharacter = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80; };
+      longest =
+          std::max(longest, static_cast<std::size_t>(std::count_if(line.begin(), line.end(), isCharacter)));
+    }
+    return longest;
+  };
+  EXPECT_LE(widest(50), 50U);
+  EXPECT_THAT(BandwidthText(table, 50), HasSubstr("  1  5.000  ██████████\n"));
+  EXPECT_EQ(widest(80), widest(100)) << "they need no more";
 }
 
 TEST_F(SweepTest, NoiseThatHidesSaturationIsReported) {

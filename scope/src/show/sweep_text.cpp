@@ -27,7 +27,10 @@ bool HasFigure(const SweepTable& table, const FigureKey& key) {
                      [&key](const SweepPoint& point) { return point.values.count(key) != 0; });
 }
 
-std::string CurveText(const SweepTable& table) {
+std::string CurveText(const SweepTable& table, std::size_t width) {
+  // The other columns, and the word behind a bar.
+  constexpr std::size_t kBesideBar = 30;
+  const std::size_t barWidth = width > kBesideBar ? std::min(kBarWidth, width - kBesideBar) : 1;
   const double greatest = GreatestBandwidth(table);
   const std::optional<Saturation> saturation = FindSaturation(table);
   TextTable rows("rrl");
@@ -37,12 +40,12 @@ std::string CurveText(const SweepTable& table) {
     const std::optional<double> total = MedianOf(point, kTotal);
     std::string bar;
     const auto filled =
-        static_cast<std::size_t>(std::lround(total.value_or(0) / greatest * static_cast<double>(kBarWidth)));
+        static_cast<std::size_t>(std::lround(total.value_or(0) / greatest * static_cast<double>(barWidth)));
     for (std::size_t j = 0; j < filled; ++j) bar += "█";
     if (saturation && saturation->reached && saturation->lowest == i) bar += " saturated";
     rows.Add({std::to_string(point.levels[0].second), OrDash(total), bar});
   }
-  return "Total bandwidth against the level of " + table.axes[0].section + "\n" + rows.Text();
+  return "Total bandwidth against the level of " + table.axes[0].section + "\n" + rows.Text(width);
 }
 
 std::string MapText(const SweepTable& table, std::size_t width) {
@@ -104,7 +107,7 @@ std::string TableText(const SweepTable& table, std::size_t width) {
 
 std::string BandwidthText(const SweepTable& table, std::size_t width) {
   if (GreatestBandwidth(table) <= 0 || !table.boardAxes.empty()) return {};
-  if (table.axes.size() == 1) return CurveText(table);
+  if (table.axes.size() == 1) return CurveText(table, width);
   if (table.axes.size() == 2) return MapText(table, width);
   return {};
 }
