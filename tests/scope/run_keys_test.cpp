@@ -11,6 +11,9 @@
 #include <sstream>
 
 #include "compare_conditions.h"
+#include "made_run.h"
+#include "page_data.h"
+#include "report.h"
 #include "run_json.h"
 #include "run_tables.h"
 #include "synthetic_run.h"
@@ -57,13 +60,13 @@ std::set<std::string> WrittenKeys() {
   return keys;
 }
 
-// The rows of the table of run.json in the format's description.
-std::vector<std::string> DocumentedRows() {
+// The rows of the tables under this heading of the format's description.
+std::vector<std::string> DocumentedRows(const std::string& heading = "## run.json") {
   std::vector<std::string> rows;
   std::istringstream lines(ReadFile(SCOPE_FORMAT));
   bool here = false;
   for (std::string line; std::getline(lines, line);) {
-    if (line[0] == '#') here = line == "## run.json";
+    if (line[0] == '#') here = line == heading;
     if (here && line.rfind("| `", 0) == 0) rows.push_back(line);
   }
   return rows;
@@ -103,6 +106,72 @@ std::vector<std::string> DocumentedConditions() {
     }
   }
   return all;
+}
+
+// The names of all members, at any depth, but of those that a run names itself.
+void AddNames(const Json& json, std::set<std::string>& names) {
+  static const std::set<std::string> kNamedByTheRun = {"levels", "settings", "library_versions",
+                                                       "platform_settings", "encoder_engines"};
+  if (!json.is_structured()) return;
+  for (const auto& [name, value] : json.items()) {
+    if (json.is_object()) names.insert(name);
+    const bool isCount = name == "errors" && value.is_object();
+    if (!isCount && kNamedByTheRun.count(name) == 0) AddNames(value, names);
+  }
+}
+
+// The parts of "runs[].engines[].name", or of the header of a table.
+void AddParts(const std::string& path, std::set<std::string>& names) {
+  const std::regex part("[a-z0-9_]+");
+  for (std::sregex_iterator at(path.begin(), path.end(), part), end; at != end; ++at) names.insert(at->str());
+}
+
+// The object has what the first columns of the tables under these headings name, and nothing that the tables
+// do not name.
+void ExpectAsDescribed(const Json& json, const std::vector<std::string>& headings,
+                       std::set<std::string> alsoDescribed) {
+  std::set<std::string> printed;
+  AddNames(json, printed);
+  for (const std::string& heading : headings) {
+    const std::vector<std::string> rows = DocumentedRows(heading);
+    EXPECT_GE(rows.size(), 3U) << heading;
+    for (const std::string& row : rows) {
+      std::set<std::string> required;
+      for (const std::string& name : NamesIn(row.substr(0, row.find(" |")))) AddParts(name, required);
+      for (const std::string& name : required) EXPECT_EQ(printed.count(name), 1U) << name << " of " << row;
+      for (const std::string& name : NamesIn(row)) AddParts(name, alsoDescribed);
+    }
+  }
+  for (const std::string& name : printed) EXPECT_EQ(alsoDescribed.count(name), 1U) << name;
+}
+
+TEST(JsonKeys, OfAComparisonAreThoseOfTheFormatsDescription) {
+  scope::Comparison comparison;
+  comparison.figures.emplace_back();
+  comparison.findings.emplace_back();
+  const scope::Json json =
+      scope::ComparisonData({}, {}, comparison, {{"kernel", "6.1", "6.2"}}, scope::CompareOptions());
+  ExpectAsDescribed(Json::parse(json.dump()), {"# The JSON of a comparison, format 2"}, {});
+}
+
+TEST(JsonKeys, OfAReportAreThoseOfTheFormatsDescription) {
+  scope::ReportedRun reported;
+  reported.run = made_run::Run();
+  made_run::AddLatency(reported.run);
+  reported.run = Completed(reported.run);
+  reported.run.errors.emplace_back();
+  reported.run.info.errors = {{"cpu", 1}};
+  reported.run.info.deadlines.emplace_back();
+  reported.summary = scope::Summarise(reported.run);
+  reported.warnings.emplace_back();
+  const Json json = Json::parse(scope::ReportJson({reported}));
+  // Of run.json, which another test compares, of the tables that it contains, and the names of figures.
+  std::set<std::string> described;
+  for (const std::string& key : DocumentedKeys()) AddParts(key, described);
+  AddParts(scope::TableHeader<scope::RunError>(), described);
+  AddParts(scope::TableHeader<scope::LatencySecond>(), described);
+  for (const scope::FigureKind* figure : scope::EngineKinds()) described.insert(figure->name);
+  ExpectAsDescribed(json, {"# The JSON of the program", "## Report"}, described);
 }
 
 TEST(RunKeys, AreExactlyThoseOfTheFormatsDescription) {
