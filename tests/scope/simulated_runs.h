@@ -15,10 +15,10 @@ struct SimulatedScatter {
   double neighbours = 0.6;  ///< correlation of neighbouring seconds
 };
 
-/// Values of simulated runs that scatter as measured (benchmarks/RESULTS.md, Repeat): by 2.5 % between runs,
-/// by 3 % between the seconds of a run, in which neighbours resemble each other. Each second has a whole
-/// number of operations. Engines scatter independently of each other, which is the hardest case for verdicts
-/// that are to hold together.
+/// Values of simulated runs. They scatter by 2.5 % between runs, a little less than the quietest of the
+/// measured engines (2.75 to 10.98 %; benchmarks/RESULTS.md, Repeat), by 3 % between the seconds of a run, in
+/// which neighbours resemble each other. Each second has a whole number of operations. Engines scatter
+/// independently of each other, which is the hardest case for verdicts that are to hold together.
 class SimulatedRuns {
  public:
   explicit SimulatedRuns(std::uint64_t seed) : random_(seed) {}
