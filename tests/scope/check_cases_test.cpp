@@ -581,15 +581,90 @@ TEST(CheckCases, OfEightResultsSixHaveToBeAlike) {
   }
 }
 
-TEST(CheckCases, ResultsOfTwoSourcesAreNotLearntTogether) {
+struct FewBits {
+  std::size_t words;
+  std::size_t bits;  ///< of each
+  bool isFew;
+};
+
+// Eight results of a resize, none as another. In the last of them, and in those that follow, `wrong` is
+// different.
+void ExpectFew(const FewBits& wrong, std::size_t missing, bool hasRoom) {
+  const Worker worker(Engine::kVpc, 0);
+  const Bytes source = Random(300, 1);
+  Bytes result = Random(400, 2);
+  if (!hasRoom) checkSystem.refusal = System::kMemory;
+  for (std::size_t i = 0; i < 8; ++i) {
+    Flip(result, 64 * i);
+    CheckResult(worker, source, result);
+  }
+  EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kNotDeterministic);
+  for (std::size_t i = 0; i < wrong.words * wrong.bits; ++i) {
+    Flip(result, 64 * (i / wrong.bits) + i % wrong.bits);
+  }
+  result.resize(result.size() - missing);
+  for (int i = 0; i < 7; ++i) CheckResult(worker, source, result);
+  EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kNotDeterministic);
+  CheckResult(worker, source, result);
+  const bool isFew = wrong.isFew && missing == 0 && hasRoom;
+  const CheckPacket counts = CheckCounts(Engine::kVpc);
+  EXPECT_EQ(counts.state, isFew ? CheckState::kJudged : CheckState::kNotDeterministic) << wrong.words;
+  EXPECT_EQ(counts.checked, isFew ? 16U : 9U) << "with a result that is quite another one, it is over";
+  EXPECT_EQ(counts.whole, counts.checked);
+  EXPECT_EQ(counts.errors, 0U);
+  if (missing == 0) EXPECT_EQ(counts.checkNs, 0U) << "these come on top";
+  if (!isFew) return;
+  // What was kept is not what is right, so the place of an error is not known.
+  Flip(result, 77);
+  for (int i = 0; i < 2; ++i) CheckResult(worker, source, result);
+  const std::vector<ErrorPacket> errors = Errors();
+  ASSERT_EQ(errors.size(), 1U);
+  EXPECT_EQ(errors[0].placed, 0U);
+}
+
+TEST(CheckCases, ResultsThatDifferInTwoBitsOfSixteenWordsAtMostAreLearntFrom) {
+  for (const FewBits& wrong :
+       {FewBits{16, 1, true}, {17, 1, false}, {16, 2, true}, {1, 2, true}, {1, 3, false}}) {
+    InOwnProcess([&wrong] { ExpectFew(wrong, 0, true); });
+  }
+  InOwnProcess([] { ExpectFew({1, 1, true}, 8, true); });
+  InOwnProcess([] { ExpectFew({1, 1, true}, 0, false); });
+}
+
+TEST(CheckCases, LearningFromFewBitsOfTheNextWorkIsPartOfTheShare) {
   InOwnProcess([] {
     const Worker worker(Engine::kVpc, 0);
+    const Bytes sources[] = {Random(300, 1), Random(300, 2)};
+    Bytes result = Random(400, 3);
+    for (int i = 0; i < 8; ++i) CheckResult(worker, sources[0], result);
+    for (std::size_t i = 0; i < 63 + 8; ++i) {
+      if (i >= 63) Flip(result, 64 * (i - 63));
+      CheckResult(worker, sources[1], result);
+    }
+    Checker& checker = CheckerOf(*worker.counters);
+    ASSERT_TRUE(checker.unlike);
+    const std::uint64_t checked = checker.checked;
+    const std::uint64_t spent = checker.spentNs;
+    checker.spentNs = kNever;
+    CheckResult(worker, sources[1], result);
+    EXPECT_EQ(checker.checked, checked) << "there was no time";
+    EXPECT_EQ(checker.spentNs, kNever);
+    checker.spentNs = spent;
+    CheckResult(worker, sources[1], result);
+    EXPECT_EQ(checker.checked, checked + 1);
+    EXPECT_GT(checker.spentNs, spent);
+  });
+}
+
+TEST(CheckCases, ResultsOfTwoSourcesAreNotLearntTogether) {
+  InOwnProcess([] {
+    const Worker worker(Engine::kAic, 0);
     const Bytes sources[] = {Random(300, 1), Random(300, 2)};
     const Bytes results[] = {Random(100, 3), Random(100, 4)};
     for (int i = 0; i < 4; ++i) CheckResult(worker, sources[0], results[0]);
     for (int i = 0; i < 80; ++i) CheckResult(worker, sources[1], results[1]);
-    EXPECT_EQ(StateOf(Engine::kVpc), CheckState::kJudged);
-    EXPECT_EQ(CheckCounts(Engine::kVpc).errors, 0U);
+    EXPECT_EQ(StateOf(Engine::kAic), CheckState::kJudged);
+    EXPECT_EQ(CheckCounts(Engine::kAic).errors, 0U);
   });
 }
 

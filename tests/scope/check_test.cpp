@@ -551,7 +551,7 @@ TEST(Check, AWrongSourceOfAResultIsNamedAndNotTheResult) {
         const Worker worker(Engine::kVpc, thread);
         const Bytes own = source;
         for (int i = 0; i < before + 40; ++i) {
-          if (thread == 1 && i == before) Flip(source, 8 * 50'001);
+          if (thread == 1 && i == before) Flip(source, std::size_t{8} * 50'001);
           const Bytes& from = thread == 0 ? own : source;
           Resize(from, result);
           CheckResults(*worker.counters, {from.data(), from.size()}, {result.data(), result.size()}, 7,
@@ -561,7 +561,7 @@ TEST(Check, AWrongSourceOfAResultIsNamedAndNotTheResult) {
       const std::vector<ErrorPacket> errors = Errors();
       ASSERT_EQ(errors.size(), 1U) << before;
       EXPECT_EQ(errors[0].thread, 1U);
-      ExpectIs(errors[0], ErrorKind::kSource, source, 8 * 50'001);
+      ExpectIs(errors[0], ErrorKind::kSource, source, std::size_t{8} * 50'001);
       EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kJudged) << "both threads are";
     });
   }

@@ -340,8 +340,20 @@ TEST_F(MeterCasesTest, AnErrorThatIsHeldIsReportedAtTheEnd) {
   EXPECT_EQ(errorsFound_[0].operation, 3U);
   EXPECT_EQ(errorsFound_[0].offset, 40U);
   EXPECT_EQ(errorsFound_[0].found, 4U);
+  EXPECT_EQ(errorsFound_[0].header.timeNs, kNsPerS) << "the time of its thread, not that of the packet";
   EXPECT_EQ(checks_.back().errors, 1U);
   EXPECT_EQ(checks_.back().state, scope::CheckState::kJudged);
+}
+
+TEST_F(MeterCasesTest, AnErrorThatFindsNoRoomIsSentWithTheNextSecond) {
+  Steps steps = {"zeros", "zeros", "flip"};
+  steps.insert(steps.end(), 17, "zeros");
+  steps.emplace_back("second");
+  // After the Hello and a sample.
+  Run(steps,
+      {{scope::kVerifyVariable, "1"}, {"ODD_SEND", "3 " + std::to_string(EAGAIN)}, {"ODD_AHEAD", "0"}});
+  EXPECT_EQ(order_.substr(0, 8), "HSCES!CE");
+  EXPECT_EQ(errorsFound_.size(), 1U);
 }
 
 TEST_F(MeterCasesTest, ASecondHasOnlyItsOwnWorkAndOnlyTheLastOneWaits) {
@@ -538,6 +550,13 @@ TEST_F(MeterCasesTest, ItsThreadHasANameAndTakesNoSignals) {
   }
   EXPECT_EQ(std::stoull(output_[1], nullptr, 16), 0U);
   EXPECT_EQ(output_[2], std::to_string(FD_CLOEXEC));
+}
+
+TEST_F(MeterCasesTest, WithoutASemaphoreItRecordsNothing) {
+  Run({"gone"}, {{"ODD_SEMAPHORE", "1"}});
+  EXPECT_EQ(exitStatus_, 0);
+  EXPECT_THAT(output_, IsEmpty());
+  EXPECT_EQ(order_, "");
 }
 
 TEST_F(MeterCasesTest, WithoutAThreadItSaysSoAndRecordsNothing) {

@@ -31,6 +31,7 @@
 ///   ODD_SEND       "N ERRNO": the N-th call of send fails
 ///   ODD_SENDS      prints a letter for each call of send: Hello, Sample or End; a small one if it may wait
 ///   ODD_THREAD     no thread can be started
+///   ODD_SEMAPHORE  no semaphore can be made
 ///   ODD_AHEAD      the clock is so many seconds ahead
 #include <dirent.h>
 #include <dlfcn.h>
@@ -145,6 +146,11 @@ int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end) {
   // An end a second after an earlier reading of the clock is less than a second away.
   if ((end->tv_sec - now.tv_sec) * kNsPerS + end->tv_nsec - now.tv_nsec > kNsPerS) std::puts("a long second");
   return SystemFunction<decltype(sem_clockwait)>("sem_clockwait")(semaphore, clock, end);
+}
+
+int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {
+  if (std::getenv("ODD_SEMAPHORE") != nullptr) return -1;
+  return SystemFunction<decltype(sem_init)>("sem_init")(semaphore, shared, value);
 }
 
 int sem_post(sem_t* semaphore) noexcept {
