@@ -42,7 +42,8 @@ struct Counts {
 
 Fill pattern = Fill::kZeros;
 int blockFile = -1;
-std::atomic<bool> listTaken{false};  // for all that follows
+const std::uint8_t* block = nullptr;  // the pattern
+std::atomic<bool> listTaken{false};   // for all that follows
 Source sources[kMostBuffers];
 std::size_t sourceCount = 0;
 Buffer destinations[kMostBuffers];
@@ -88,7 +89,8 @@ bool MakeBlock() {
   auto* const words = static_cast<std::uint64_t*>(memory);
   std::uint64_t random = 0x9e3779b97f4a7c15U;
   for (std::size_t i = 0; i < kBlockBytes / kWordBytes; ++i) words[i] = PatternWord(i, random);
-  (void)munmap(memory, kBlockBytes);
+  (void)mprotect(memory, kBlockBytes, PROT_READ);
+  block = static_cast<const std::uint8_t*>(memory);
   return true;
 }
 
@@ -120,11 +122,12 @@ bool IsIn(const Buffer* list, std::size_t count, const Buffer& buffer) {
 }
 
 // The entry of the buffer, which is made and filled where there is none. Null if the list is full.
-Source* FilledSource(const Buffer& buffer) {
+Source* FilledSource(const Buffer& buffer, bool& isNew) {
   for (std::size_t i = 0; i < sourceCount; ++i) {
     if (sources[i].buffer.begin == buffer.begin && sources[i].buffer.end == buffer.end) return &sources[i];
   }
   if (sourceCount == kMostBuffers) return nullptr;
+  isNew = true;
   Source& source = sources[sourceCount++];
   source = {buffer, !Overlaps(destinations, destinationCount, buffer), 0};
   const int error = errno;
@@ -147,26 +150,42 @@ bool PrepareFill() {
   return false;
 }
 
-void FillSource(Engine engine, const void* source, std::size_t bytes) {
+bool FillSource(Engine engine, const void* source, std::size_t bytes) {
   const auto begin = reinterpret_cast<std::uintptr_t>(source);
   const Buffer buffer{begin, begin + bytes};
   const Buffer& last = lastSource.buffer;
-  if (buffer.begin == last.begin && buffer.end == last.end && engine == lastSource.engine) return;
+  if (buffer.begin == last.begin && buffer.end == last.end && engine == lastSource.engine) return false;
   lastSource = {buffer, engine};
   const auto number = static_cast<std::uint32_t>(engine);
   const ShortLock lock(listTaken);
   Counts& ofEngine = counts[number];
   ofEngine.hasSources = true;
-  if (source == nullptr || bytes == 0) return;
-  Source* const entry = FilledSource(buffer);
-  if (entry != nullptr && (entry->engines >> number & 1U) != 0) return;
+  if (source == nullptr || bytes == 0) return false;
+  bool isNew = false;
+  Source* const entry = FilledSource(buffer, isNew);
+  if (entry != nullptr && (entry->engines >> number & 1U) != 0) return false;
   if (entry != nullptr) entry->engines |= 1U << number;
   if (entry == nullptr || !entry->isFilled) {
     ++ofEngine.refused;
-    return;
+    return false;
   }
   ++ofEngine.buffers;
   ofEngine.bytes += bytes;
+  return isNew;
+}
+
+bool HoldsPattern(Span filled, Difference& difference) {
+  bool same = true;
+  for (std::size_t at = 0; at < filled.bytes; at += kBlockBytes) {
+    const std::size_t left = filled.bytes - at;
+    const Span part{filled.data + at, left < kBlockBytes ? left : kBlockBytes};
+    FlushLines(part);
+    same = Same(block, part, at, difference) && same;
+  }
+  if (same) return true;
+  const auto begin = reinterpret_cast<std::uintptr_t>(filled.data);
+  const ShortLock lock(listTaken);
+  return Overlaps(destinations, destinationCount, {begin, begin + filled.bytes});
 }
 
 void NoteDestination(const void* destination, std::size_t bytes) {

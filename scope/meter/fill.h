@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "protocol.h"
+#include "words.h"
 
 /// Fills the sources of operations with a pattern. Every buffer gets the same bytes, from its start on, so
 /// that threads whose sources have one size have the same source.
@@ -16,8 +17,12 @@ bool PrepareFill();
 
 /// Fills `bytes` at `source`, of an operation of `engine`, when this is seen for the first time. Leaves
 /// memory alone that cannot be written, or that an operation has written: there a result would be lost.
-/// Threads: any; only the thread whose operation reads the source may call.
-void FillSource(Engine engine, const void* source, std::size_t bytes);
+/// Threads: any; only the thread whose operation reads the source may call. True if this call has filled it.
+bool FillSource(Engine engine, const void* source, std::size_t bytes);
+
+/// Compares filled memory with the pattern, past the caches. Memory that an operation writes holds what it
+/// has to.
+bool HoldsPattern(Span filled, Difference& difference);
 
 /// Remembers that an operation writes here.
 void NoteDestination(const void* destination, std::size_t bytes);

@@ -190,9 +190,15 @@ std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countByte
   return status;
 }
 
+void FillFrom(Engine engine, const Spans& source) {
+  if (!scope::FillSource(engine, source.Begin(), source.total) || !extras.verify) return;
+  if (ThreadCounters* const counters = scope::CountersOf(engine); counters != nullptr)
+    scope::CheckFilled(*counters, source);
+}
+
 void FillImage(Engine engine, const ImageData& source, const ImageData* destination) {
   const Spans from = PixelsOf(source);
-  scope::FillSource(engine, from.list[0].data, from.total);
+  FillFrom(engine, from);
   if (destination == nullptr || destination->data == source.data) return;
   const Spans to = PixelsOf(*destination);
   scope::NoteDestination(to.list[0].data, to.total);
@@ -266,7 +272,7 @@ int memcpy_s(void* destination, std::size_t destinationMax, const void* source, 
   const auto bytes = [&] { return Bytes{2 * std::uint64_t{count}, true}; };
   if (!Watches()) return Measure(Engine::kCpu, call, bytes);
   const auto fill = [&] {
-    scope::FillSource(Engine::kCpu, source, count);
+    FillFrom(Engine::kCpu, {source, count});
     scope::NoteDestination(destination, count);
   };
   return Watch(Engine::kCpu, fill, call, bytes, [&](ThreadCounters& counters, std::uint64_t ns) {

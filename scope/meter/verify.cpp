@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "checker.h"
+#include "fill.h"
 
 namespace scope {
 namespace {
@@ -271,6 +272,17 @@ void CheckWholeCopy(ThreadCounters& counters, Checker& checker, const Spans& fro
 }
 
 }  // namespace
+
+void CheckFilled(ThreadCounters& counters, const Spans& source) {
+  Difference difference;
+  if (!CanRead(source) || HoldsPattern(source.list[0], difference)) return;
+  // If most of it differs, the program has written it.
+  if (IsOther(difference, source.total)) return;
+  Checker& checker = CheckerOf(counters);
+  ErrorPacket error = MakeError(counters, checker, ErrorKind::kSource, &difference);
+  ++error.operation;  // the one that begins
+  AddError(checker, error);
+}
 
 void CheckCopy(ThreadCounters& counters, const void* destination, const void* source, std::size_t bytes,
                std::uint64_t ns) {

@@ -12,6 +12,9 @@
 /// on other channels. Each function is called after an operation that succeeded and took `ns`, on its thread.
 namespace scope {
 
+/// Before an operation: a source that was filled with the pattern just now. It has to hold it.
+void CheckFilled(ThreadCounters& counters, const Spans& source);
+
 /// A copy of `bytes`.
 void CheckCopy(ThreadCounters& counters, const void* destination, const void* source, std::size_t bytes,
                std::uint64_t ns);

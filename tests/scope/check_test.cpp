@@ -1158,6 +1158,38 @@ TEST(Fill, FillsABufferOnce) {
   });
 }
 
+TEST(Fill, MemoryThatDoesNotHoldThePatternIsAnErrorOfTheSource) {
+  InOwnProcess([] {
+    ASSERT_EQ(setenv(kFillVariable, "random", 1), 0);
+    ASSERT_TRUE(PrepareFill());
+    const Worker worker(Engine::kVpc, 3);
+    Bytes memory(4 << 20);  // longer than the pattern
+    const Spans source(memory.data(), memory.size());
+    EXPECT_TRUE(FillSource(Engine::kVpc, memory.data(), memory.size()));
+    EXPECT_FALSE(FillSource(Engine::kVpcCopy, memory.data(), memory.size())) << "it is filled";
+    CheckFilled(*worker.counters, source);
+    EXPECT_TRUE(Errors().empty());
+    constexpr std::size_t kBit = 8 * ((5 << 19) + 1234) + 3;  // where the pattern has begun again
+    Flip(memory, kBit);
+    CheckFilled(*worker.counters, source);
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_EQ(errors.size(), 1U);
+    ExpectIs(errors[0], ErrorKind::kSource, memory, kBit);
+    EXPECT_EQ(errors[0].thread, 3U);
+    EXPECT_EQ(errors[0].operation, 1U);
+    EXPECT_EQ(errors[0].expected, Word(memory, 1234 / 8 + (1 << 16))) << "as a pattern before";
+    // It is not an error that the program writes, or that an operation does.
+    Flip(memory, 77);
+    NoteDestination(memory.data() + 100, 8);
+    CheckFilled(*worker.counters, source);
+    Bytes written(4096);
+    EXPECT_TRUE(FillSource(Engine::kVpc, written.data(), written.size()));
+    std::fill(written.begin(), written.end(), 5);
+    CheckFilled(*worker.counters, {written.data(), written.size()});
+    EXPECT_TRUE(Errors().empty());
+  });
+}
+
 TEST(Fill, LeavesResultsAndReadOnlyMemoryAlone) {
   InOwnProcess([] {
     ASSERT_EQ(setenv(kFillVariable, "ones", 1), 0);

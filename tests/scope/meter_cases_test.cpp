@@ -332,6 +332,27 @@ TEST_F(MeterCasesTest, SaysOnceWhyThreadsGetNoCpusOfTheirOwn) {
   EXPECT_EQ(sched_setaffinity(0, sizeof(allowed), &allowed), 0);
 }
 
+// Only where results are checked, too.
+TEST_F(MeterCasesTest, ACellThatDoesNotTakeThePatternIsAnError) {
+  const Environment fill = {{scope::kFillVariable, "ones"}, {"ODD_CELL", "1"}};
+  Run({"zeros", "zeros"}, fill);
+  ASSERT_EQ(order_, "HSFE");
+  order_.clear();
+  Environment both = fill;
+  both.emplace_back(scope::kVerifyVariable, "1");
+  Run({"zeros", "zeros"}, both);
+  ASSERT_EQ(order_, "HSF!CE");
+  const scope::ErrorPacket& error = errorsFound_[0];
+  EXPECT_EQ(error.engine, Engine::kCpu);
+  EXPECT_EQ(error.kind, scope::ErrorKind::kSource);
+  EXPECT_EQ(error.operation, 1U);
+  EXPECT_EQ(error.offset, 40U);
+  EXPECT_EQ(error.expected, ~std::uint64_t{0});
+  EXPECT_EQ(error.found, ~std::uint64_t{4});
+  EXPECT_EQ(error.bits, 1U);
+  EXPECT_EQ(checks_.back().errors, 1U);
+}
+
 // The meter looks at a wrong source for some operations before it counts. The program ends before that.
 TEST_F(MeterCasesTest, AnErrorThatIsHeldIsReportedAtTheEnd) {
   Run({"zeros", "zeros", "flip", "zeros", "zeros"}, {{scope::kVerifyVariable, "1"}});
