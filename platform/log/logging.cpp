@@ -257,7 +257,6 @@ void InitLogging(const std::string& appId, const std::string& appDescription, Lo
                  const std::string& directory) {
   try {
     auto next = std::make_unique<Settings>();
-    std::memset(next->appId, 0, sizeof next->appId);
     CopyId(appId, next->appId, kMaxAppIdBytes);
     next->level = level;
     next->toConsole = HasMode(mode, LogMode::kConsole);

@@ -187,13 +187,9 @@ bool RemoteSink::HandOver(RemoteRecord& record) {
     CollectLeftBehind();
     if (state == RemotePort::State::kIdle) return true;
     std::unique_lock lock(mutex_);
-    if (stopping_ && (state == RemotePort::State::kAway || Clock::now() >= deadline_)) return false;
-    if (stopping_) {
-      lock.unlock();
-      std::this_thread::sleep_for(kFirstPause);
-    } else {
-      changed_.wait_for(lock, pause, [this] { return stopping_; });
-    }
+    const bool stopping = stopping_;
+    if (stopping && (state == RemotePort::State::kAway || Clock::now() >= deadline_)) return false;
+    changed_.wait_for(lock, stopping ? kFirstPause : pause, [&] { return stopping_ != stopping; });
   }
 }
 

@@ -2,6 +2,7 @@
 #include "allocation_count.h"
 
 #include <cstddef>
+#include <utility>
 
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 
@@ -12,13 +13,15 @@ bool CountsAllocations() {
 long AllocationsOfThisThread() {
   return 0;
 }
+void FailNextAllocation() {}
 }  // namespace log_test
 
 #else
 
 namespace {
 thread_local long allocations = 0;
-}
+thread_local bool failNext = false;
+}  // namespace
 
 // The C library's names for its own allocator. The functions below replace it in the whole process and call
 // it.
@@ -30,6 +33,7 @@ void* __libc_memalign(std::size_t alignment, std::size_t size);  // NOLINT(bugpr
 
 __attribute__((visibility("default"))) void* malloc(std::size_t size) {
   ++allocations;
+  if (std::exchange(failNext, false)) return nullptr;
   return __libc_malloc(size);
 }
 __attribute__((visibility("default"))) void* calloc(std::size_t count, std::size_t size) {
@@ -52,6 +56,9 @@ bool CountsAllocations() {
 }
 long AllocationsOfThisThread() {
   return allocations;
+}
+void FailNextAllocation() {
+  failNext = true;
 }
 }  // namespace log_test
 

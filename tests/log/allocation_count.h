@@ -9,5 +9,7 @@ bool CountsAllocations();
 /// How often malloc, calloc, realloc and aligned_alloc have been called on this thread, operator new
 /// included.
 long AllocationsOfThisThread();
+/// The next malloc of this thread returns null, if allocations are counted.
+void FailNextAllocation();
 
 }  // namespace log_test

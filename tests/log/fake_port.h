@@ -37,6 +37,8 @@ struct Receiver {
   std::vector<std::string> texts;
   std::vector<std::string> calls;
   sigset_t blocked{};
+  char threadName[16] = "";
+  std::vector<std::chrono::steady_clock::time_point> unsettled;  ///< when Settle was called without success
 
   void Note(const std::string& call) {
     const std::lock_guard lock(mutex);
@@ -68,6 +70,7 @@ class FakePort : public RemotePort {
   explicit FakePort(Receiver& receiver) : receiver_(receiver) {}
   const char* Open() override {
     pthread_sigmask(SIG_SETMASK, nullptr, &receiver_.blocked);
+    (void)pthread_getname_np(pthread_self(), receiver_.threadName, sizeof receiver_.threadName);
     receiver_.Note("open");
     return receiver_.failure;
   }
@@ -86,8 +89,13 @@ class FakePort : public RemotePort {
     return true;
   }
   RemotePort::State Settle() override {
+    const RemotePort::State state = receiver_.state;
+    if (state != RemotePort::State::kIdle) {
+      const std::lock_guard lock(receiver_.mutex);
+      receiver_.unsettled.push_back(std::chrono::steady_clock::now());
+    }
     ++receiver_.settled;
-    return receiver_.state;
+    return state;
   }
   std::uint64_t TakeLeftBehind() override { return receiver_.leftBehind.exchange(0); }
   void Close() override {

@@ -54,6 +54,15 @@ TEST(FixedText, DropsAtMostFourBytesOfWhatIsNoUtf8) {
   EXPECT_EQ(Escaped("a\xf8" + continuations, 6, false), "a\xf8" + continuations.substr(0, 4));
 }
 
+TEST(FixedText, NeverLooksAtBytesBeforeItsBuffer) {
+  for (const char before : {'\xbf', '\xc3'}) {
+    char memory[] = {'\xc3', before, ' ', ' '};
+    FixedText text(memory + 2, 2);
+    EXPECT_FALSE(text.AppendEscaped("\xbf\xbf\xbf"));
+    EXPECT_EQ(text.size(), 2U) << "no first byte of a sequence stands in the buffer";
+  }
+}
+
 TEST(FixedText, KeepsToTheAllowedBytes) {
   char buffer[16];
   FixedText text(buffer, sizeof buffer);

@@ -20,6 +20,7 @@
 //   sigpipe                         prints whether SIGPIPE has its default action
 //   unblocked                       prints how many other threads do not block SIGINT
 //   descriptors                     prints the open files without the standard streams
+//   errno                           prints what errno was when main began
 //   exec WORD                       runs the probe with that command in a child process
 // The first command may be "early": it makes a record before any library is initialised.
 #include <fcntl.h>
@@ -28,6 +29,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -163,6 +165,7 @@ int OtherThreadsThatTakeSigint() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const int errnoAtStart = errno;
   Logger* logger = nullptr;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
@@ -208,6 +211,8 @@ int main(int argc, char** argv) {
       std::printf("waits %ld, longest %ld us, on the processor %ld us\n", floodTimes.waits.load(),
                   static_cast<long>(floodTimes.longestNs / 1000),
                   static_cast<long>(floodTimes.longestOnProcessorNs / 1000));
+    } else if (word == "errno") {
+      std::printf("%d\n", errnoAtStart);
     } else if (word == "descriptors") {
       PrintDescriptors();
     } else if (word == "exec" && left >= 1) {

@@ -407,6 +407,20 @@ TEST_F(Logging, AllocatesNothingForARecord) {
   testing::internal::GetCapturedStderr();
 }
 
+TEST_F(Logging, WithoutMemoryItSaysThatItCannotStartAndKeepsItsSettings) {
+  if (!log_test::CountsAllocations()) GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
+  const std::string app = "NEXT";
+  const std::string none;
+  testing::internal::CaptureStderr();
+  log_test::FailNextAllocation();
+  InitLogging(app, none, LogLevel::kOff, kNowhere, none);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ara::log: cannot start logging for NEXT: std::bad_alloc\n");
+  logger_.LogInfo(kHere) << "text";
+  ASSERT_EQ(Records().size(), 1U);
+  EXPECT_EQ(Records()[0].appId, "STBM");
+}
+
 TEST_F(Logging, TheConsoleIsStandardErrorAndTheFileGetsTheSame) {
   Init(LogLevel::kInfo, LogMode::kFile | LogMode::kConsole);
   testing::internal::CaptureStderr();

@@ -194,6 +194,11 @@ TEST_F(LogProbe, WithoutStandardErrorTheLogGoesToNoOtherFile) {
   EXPECT_EQ(FileRecords()[0].text, "after");
 }
 
+TEST_F(LogProbe, WithoutStandardErrorAProgramStillStartsWithoutAnError) {
+  Run({"errno"}, {STDERR_FILENO});
+  EXPECT_EQ(out_, "0\n");
+}
+
 TEST_F(LogProbe, TheLogFileNeverGetsTheDescriptorOfAStandardStream) {
   Run({"init", "STBM", "4", "6", "./log", "logger", "STBM", "4", "error", "text", "write", "0", "foreign",
        "write", "2", "foreign"},

@@ -13,6 +13,9 @@
 #include <csignal>
 #include <ctime>
 #include <iostream>
+#include <iterator>
+#include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -98,8 +101,7 @@ TEST_F(Remote, CutsAndMarksALongText) {
   EXPECT_TRUE(Deliver(std::string(1200, 'y')));
   EXPECT_EQ(sink_->Stop(), 0U);
   ASSERT_EQ(receiver_.texts.size(), 2U);
-  EXPECT_THAT(receiver_.texts[0], EndsWith("xx [cut]"));
-  EXPECT_LE(receiver_.texts[0].size(), RemoteRecord::kTextCapacity);
+  EXPECT_EQ(receiver_.texts[0], std::string(RemoteRecord::kTextCapacity - 44, 'x') + " [cut]");
   EXPECT_EQ(receiver_.texts[1], std::string(1200, 'y'));
 }
 
@@ -145,8 +147,15 @@ TEST_F(Remote, CountsAndMarksRecordsThatTheReceiverHasNotRead) {
   Deliver("first");
   Deliver("second");
   Deliver("third");
-  EXPECT_EQ(sink_->Stop(), 3U);
-  EXPECT_THAT(receiver_.texts, ElementsAre("first", "second [up to 3 lost before]", "third"));
+  receiver_.WaitFor(3);
+  receiver_.refuses = true;
+  Deliver("lost");
+  while (receiver_.refused < 1) std::this_thread::yield();
+  receiver_.refuses = false;
+  Deliver("fourth");
+  EXPECT_EQ(sink_->Stop(), 4U);
+  EXPECT_THAT(receiver_.texts,
+              ElementsAre("first", "second [up to 3 lost before]", "third", "fourth [1 lost before]"));
   EXPECT_TRUE(sink_->LostIsUpperBound());
 }
 
@@ -175,7 +184,10 @@ TEST_F(Remote, StopCountsWhatAnAbsentReceiverDoesNotGet) {
   Start();
   receiver_.state = State::kAway;
   for (int i = 0; i < 10; ++i) Deliver("lost");
+  receiver_.WaitFor(1);
+  const int before = receiver_.settled;
   EXPECT_EQ(sink_->Stop(), 10U);
+  EXPECT_LT(receiver_.settled - before, 100) << "it is not asked until the flush time is over";
   EXPECT_LE(receiver_.texts.size(), 1U);
   EXPECT_EQ(receiver_.calls.back(), "close");
 }
@@ -186,6 +198,39 @@ TEST_F(Remote, StopGivesUpOnAReceiverThatTakesNothing) {
   for (int i = 0; i < 10; ++i) Deliver("lost");
   EXPECT_EQ(sink_->Stop(), 10U);
   EXPECT_EQ(receiver_.calls.back(), "close");
+  EXPECT_LT(receiver_.settled, 1100) << "at most once in a millisecond of the flush time";
+}
+
+TEST_F(Remote, AReceiverThatIsBusyWhenItStopsStillGetsTheRecords) {
+  Start(RemoteSink::kCapacity);
+  receiver_.state = State::kBusy;
+  Deliver("one");
+  receiver_.WaitFor(1);
+  std::thread taker([this] {
+    while (Deliver("more")) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Now it stops. It has to ask again.
+    const int before = receiver_.settled;
+    for (int i = 0; i < 500 && receiver_.settled < before + 2; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    receiver_.state = State::kIdle;
+  });
+  EXPECT_EQ(sink_->Stop(), 0U);
+  taker.join();
+}
+
+TEST_F(Remote, AsksABusyReceiverLessAndLessOften) {
+  Start();
+  receiver_.state = State::kBusy;
+  Deliver("one");
+  while (receiver_.settled < 9) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  receiver_.state = State::kIdle;
+  EXPECT_EQ(sink_->Stop(), 0U);
+  const int leastMs[] = {1, 2, 4, 8, 16, 32, 50, 50};
+  for (std::size_t i = 0; i != std::size(leastMs); ++i) {
+    EXPECT_GE(receiver_.unsettled.at(i + 1) - receiver_.unsettled.at(i),
+              std::chrono::milliseconds(leastMs[i]))
+        << i;
+  }
 }
 
 TEST_F(Remote, APortThatHangsDelaysNoThread) {
@@ -247,6 +292,31 @@ TEST_F(Remote, AbandonedInAForkedProcessItAcceptsNothingAndStopDoesNotWait) {
   EXPECT_TRUE(Deliver("two"));
   EXPECT_EQ(sink_->Stop(), 0U);
   EXPECT_THAT(receiver_.texts, ElementsAre("one", "two"));
+}
+
+TEST_F(Remote, AbandonedItTellsThePortOfNoOtherApplication) {
+  const pid_t child = fork();
+  if (child == 0) {
+    Start();
+    receiver_.state = State::kBusy;
+    Deliver("one");
+    receiver_.WaitFor(1);
+    sink_->Abandon();
+    sink_->SetApplication("OTHR", "");
+    receiver_.state = State::kIdle;
+    receiver_.WaitForCall("close");
+    const std::vector<std::string> expected = {"open", "application STBM a test", "close"};
+    _exit(receiver_.calls == expected ? 0 : 1);  // no one waits for the thread of an abandoned sink
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(Remote, TheForwardingThreadHasAName) {
+  Start();
+  sink_->Stop();
+  EXPECT_STREQ(receiver_.threadName, "ara_log_remote");
 }
 
 TEST_F(Remote, BlocksAllSignalsInTheForwardingThreadOnly) {

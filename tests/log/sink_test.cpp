@@ -239,6 +239,22 @@ TEST(Sink, LosesLinesOfANonBlockingPipeThatIsFull) {
   EXPECT_EQ(pipe.Read(), "line [2 lost before]\n");
 }
 
+TEST(Sink, ASingleLossIsMarkedToo) {
+  Pipe pipe;
+  Sink sink(pipe.ends[1], Sink::Blocking::kNever);
+  {
+    log_test::SystemCalls calls;
+    calls.onWrite = [](int, const char*, std::size_t) {
+      errno = ENOSPC;
+      return -1;
+    };
+    EXPECT_STREQ(Deliver(sink, "lost"), "No space left on device");
+  }
+  EXPECT_EQ(Deliver(sink, "first"), nullptr);
+  EXPECT_EQ(Deliver(sink, "second"), nullptr);
+  EXPECT_EQ(pipe.Read(), "first [1 lost before]\nsecond\n");
+}
+
 TEST(Sink, RaisesNoSignalWhenTheReaderIsGone) {
   const auto handler = std::signal(SIGPIPE, SIG_DFL);
   Pipe pipe;

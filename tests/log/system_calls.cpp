@@ -39,7 +39,7 @@ long __real_syscall(long number, ...);
 long __wrap_syscall(long number, ...);
 
 int __wrap_poll(pollfd* requests, nfds_t count, int timeoutMs) {
-  if (scripted != nullptr && scripted->onPoll) {
+  if (scripted != nullptr && scripted->onPoll && count == 1) {
     if (const auto result = scripted->onPoll(*requests, timeoutMs)) return *result;
   }
   return __real_poll(requests, count, timeoutMs);

@@ -22,7 +22,7 @@ class SystemCalls {
   SystemCalls(const SystemCalls&) = delete;
   SystemCalls& operator=(const SystemCalls&) = delete;
 
-  std::function<std::optional<int>(pollfd& request, int timeoutMs)> onPoll;
+  std::function<std::optional<int>(pollfd& request, int timeoutMs)> onPoll;  ///< of one descriptor
   std::function<std::optional<ssize_t>(int descriptor, const char* bytes, std::size_t size)> onWrite;
   std::function<std::optional<int>(int from, int to, int flags)> onDup3;
   std::function<std::optional<std::timespec>()> onRealTime;  ///< clock_gettime(CLOCK_REALTIME)
