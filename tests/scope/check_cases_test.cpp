@@ -23,6 +23,7 @@
 #include "deadlines.h"
 #include "duty.h"
 #include "fill.h"
+#include "sanitizers.h"
 #include "verify.h"
 
 namespace {
@@ -221,6 +222,27 @@ TEST(CheckCases, SeveralStretchesAreOneContent) {
       EXPECT_NE(KeepContent(source), content);
     });
   }
+}
+
+// Nothing of this size is copied here: the system refuses the memory, if it is asked at all.
+TEST(CheckCases, CopiesTakeNoMoreThanTwoHundredAndFiftySixMebibytes) {
+  if (kSanitized) GTEST_SKIP() << "reading that much takes long";
+  InOwnProcess([] {
+    constexpr std::size_t kMebibyte = std::size_t{1} << 20;
+    constexpr std::size_t kPart = 16 * kMebibyte;
+    void* const zeros = mmap(nullptr, kPart, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(zeros, MAP_FAILED);
+    ASSERT_NE(KeepContent({zeros, kMebibyte})->copy, nullptr);
+    checkSystem.refusal = System::kMemory;
+    for (const std::size_t more : {0U, 1U}) {
+      Spans left;
+      for (std::size_t part = 0; part < 15; ++part) left.Add(zeros, kPart);
+      left.Add(zeros, 15 * kMebibyte + more);
+      ASSERT_EQ(left.total, 255 * kMebibyte + more);
+      EXPECT_EQ(KeepContent(left)->copy, nullptr);
+      EXPECT_EQ(checkSystem.refused, 1) << "asked for what is left, and not for a byte more";
+    }
+  });
 }
 
 // --- sources ---
@@ -766,6 +788,7 @@ TEST(CheckCases, WorkWithoutSourcesIsJudged) {
     std::vector<ErrorPacket> errors = Errors();
     ASSERT_EQ(errors.size(), 1U);
     ExpectIs(errors[0], ErrorKind::kThreads, result, 99);
+    EXPECT_EQ(errors[0].other, 0U);
     for (int i = 0; i < 4; ++i) CheckResult(first, {}, result);
     errors = Errors();
     ASSERT_EQ(errors.size(), 1U);

@@ -290,6 +290,23 @@ TEST(StreamCases, AFrameThatIsWrittenWhenItsChannelHasStrayedEightTimesIsNoError
   });
 }
 
+TEST(StreamCases, AChannelThatIsRightAgainAndStraysAgainIsListedAgain) {
+  InOwnProcess([] {
+    const Bytes frame = Random(3000, 1);
+    for (std::uint64_t number = 0; number < 50; ++number) {
+      const bool strays = (number >= 10 && number < 30) || number >= 40;
+      EncodeAs(Channel(0), frame, number, strays ? StrayedStreamOf(number) : StreamOf(number));
+      Encode(Channel(1), frame, number);
+      Encode(Channel(2), frame, number);
+      if (number == 29) EXPECT_GT(Errors().size(), 1U);
+    }
+    const std::vector<ErrorPacket> errors = Errors();
+    ASSERT_GT(errors.size(), 1U);
+    EXPECT_EQ(errors.back().thread, 0U);
+    EXPECT_EQ(VencCounts().errors, 30U);
+  });
+}
+
 TEST(StreamCases, AGroupOfTwoFramesIsLeftOut) {
   InOwnProcess([] {
     const Bytes frame = Random(3000, 1);
