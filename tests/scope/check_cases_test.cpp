@@ -886,6 +886,52 @@ TEST(FillCases, RandomWordsAreTheSameInEveryVersionAndBeginAgainAfterAMebibyte) 
   });
 }
 
+TEST(FillCases, EachPartOfWhatWasFilledHasToHoldThePattern) {
+  constexpr std::size_t kBlock = std::size_t{1} << 20;
+  for (const std::size_t at : {std::size_t{0}, kBlock - 8, kBlock, 2 * kBlock + 56}) {
+    InOwnProcess([at] {
+      Prepare("random");
+      Bytes memory(2 * kBlock + 64 + 64);
+      const Span filled{memory.data(), 2 * kBlock + 64};
+      ASSERT_TRUE(FillSource(Engine::kVpc, filled.data, filled.bytes));
+      EXPECT_FALSE(FillSource(Engine::kVpc, nullptr, 64));
+      EXPECT_FALSE(FillSource(Engine::kVpc, filled.data, filled.bytes)) << "it was filled before";
+      Difference difference;
+      EXPECT_TRUE(HoldsPattern(filled, difference));
+      memory[at] ^= 4;
+      EXPECT_FALSE(HoldsPattern(filled, difference));
+      EXPECT_EQ(difference.words, 1U);
+      EXPECT_EQ(difference.offset, at);
+      // Beside it an operation may write.
+      NoteDestination(memory.data() + filled.bytes, 64);
+      EXPECT_FALSE(HoldsPattern(filled, difference));
+      NoteDestination(memory.data() + filled.bytes - 1, 1);
+      EXPECT_TRUE(HoldsPattern(filled, difference));
+    });
+  }
+}
+
+TEST(FillCases, MemoryOfWhichMoreThanAQuarterDiffersWasWrittenByTheProgram) {
+  for (const std::size_t words : {10U, 11U}) {
+    InOwnProcess([words] {
+      Prepare("random");
+      const Worker worker(Engine::kVpc, 2);
+      Bytes memory(320);
+      ASSERT_TRUE(FillSource(Engine::kVpc, memory.data(), memory.size()));
+      (void)BeginCheck(*worker.counters, kOperationNs, 1);
+      for (std::size_t word = 0; word < words; ++word) Flip(memory, 64 * word);
+      CheckFilled(*worker.counters, SpanOf(memory));
+      const std::vector<ErrorPacket> errors = Errors();
+      ASSERT_EQ(errors.size(), words == 10 ? 1U : 0U);
+      EXPECT_EQ(CheckCounts(Engine::kVpc).errors, errors.size());
+      if (!errors.empty()) EXPECT_EQ(errors[0].operation, 2U) << "the one that begins";
+      // What cannot be read is not compared.
+      void* const hidden = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      CheckFilled(*worker.counters, {hidden, 4096});
+    });
+  }
+}
+
 TEST(FillCases, CountsBelongToTheEngine) {
   InOwnProcess([] {
     Prepare("checker");
