@@ -147,6 +147,17 @@ TEST_F(ProgramTest, SaysWhichStatusABenchmarkEndedWith) {
   EXPECT_EQ(scope::ReadRun(folder_ / "run").info.exitStatus, 255);
 }
 
+TEST_F(ProgramTest, ErrorsComeBeforeTheStatusOfAnIncompleteRun) {
+  const std::string count = folder_.Put("system/sys/devices/system/edac/mc/mc0/ce_count", "7\n");
+  const ToolResult result =
+      RecordScript("echo 10 >" + count + "; exit 255", {"--sysfs-root", folder_ / "system"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.errors, HasSubstr("ended with status 255"));
+  const scope::RunInfo info = scope::ReadRunInfo(folder_ / "run");
+  EXPECT_FALSE(info.complete);
+  EXPECT_THAT(info.errors, ElementsAre(Pair("edac", 3)));
+}
+
 TEST_F(ProgramTest, EndsABenchmarkThatHangsPastItsRunTime) {
   const ToolResult result = RecordScript("sleep 60", {"--run-time", "1", "--grace", "1"});
   EXPECT_EQ(result.status, 1);
