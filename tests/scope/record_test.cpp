@@ -23,6 +23,7 @@
 #include "error_of.h"
 #include "guarded.h"
 #include "latency_buckets.h"
+#include "on_one_cpu.h"
 #include "report.h"
 #include "run_reader.h"
 #include "temporary_folder.h"
@@ -364,13 +365,16 @@ scope::RecordResult RecordLatency(const TemporaryFolder& folder, const std::func
   return RecordHarmed(folder, options, harm, nullptr, more);
 }
 
-TEST_F(RecordTest, WhatTheLatencyProbeMeasuredIsInTheRun) {
+TEST_F(RecordTest, WhatTheLatencyProbeMeasuredOnOneCpuIsInTheRun) {
+  const OnOneCpu one;
   const scope::RecordResult result = RecordLatency(folder_, nullptr);
   EXPECT_TRUE(result.complete) << result.reason;
   const scope::Run run = scope::ReadRun(run_);
   const scope::LatencySummary& latency = run.info.latency;
   EXPECT_EQ(latency.bytes, std::uint64_t{1} << 20) << "a quarter of what is available";
-  EXPECT_THAT(run.info.conditions.latency, testing::StartsWith("1 MiB in pages of "));
+  EXPECT_EQ(latency.cpu, one.Cpu());
+  EXPECT_THAT(run.info.conditions.latency, AllOf(testing::StartsWith("1 MiB in pages of "),
+                                                 HasSubstr(", CPU " + std::to_string(one.Cpu()))));
   ASSERT_FALSE(run.latency.empty());
   std::uint64_t bursts = 0;
   std::uint64_t accesses = 0;
