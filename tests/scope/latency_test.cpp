@@ -18,6 +18,7 @@
 #include <set>
 #include <thread>
 
+#include "control.h"
 #include "error_of.h"
 #include "latency_probe.h"
 #include "monotonic_ns.h"
@@ -366,6 +367,9 @@ TEST(LatencyProbe, IsOnItsCpuOrSaysThatItIsNot) {
   EXPECT_EQ(LatencyProbe(kMebibyte, first, kShort).Summary().cpu, first);
   EXPECT_THAT(ErrorOf([] { LatencyProbe(kMebibyte, 1000, kShort); }),
               HasSubstr("--latency-cpu 1000: the latency probe cannot run there: "));
+  const int last = AllowedCpus().back();
+  EXPECT_EQ(LatencyProbe(kMebibyte, -1, kShort).Summary().cpu, last);
+  if (first == last) GTEST_SKIP() << "one CPU: the default cannot be another one";
 }
 
 /// Takes the rights to a real-time priority from this thread and from the processes that it starts.
