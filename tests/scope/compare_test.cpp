@@ -671,9 +671,12 @@ TEST_F(CompareTest, ABenchmarkThatEndsBeforeTheMeterAnswersIsJudged) {
   EXPECT_THAT(RunTool({"compare", a, b}).errors, HasSubstr("meter: yes in A, no or yes in B"));
 }
 
-TEST_F(CompareTest, SaysThatRunsWereDisturbed) {
+TEST_F(CompareTest, TellsErrorsFirstAndThatRunsWereDisturbed) {
   const std::string a = One("a");
   const std::string b = One("b");
+  folder_.Put("b/errors.csv",
+              "time_s,source,thread,operation,what,offset,address,physical,expected,found,bits,note\n"
+              "5.000,edac,,,corrected,,,,,,,3 more of mc0/ce_count\n");
   folder_.Put("b/counters.csv",
               "time_s,source,name,unit,value\n4.000,load,others,CPUs,0.9\n6.000,load,others,CPUs,0.01\n"
               "7.000,load,others,CPUs,0.5\n");
@@ -683,7 +686,12 @@ TEST_F(CompareTest, SaysThatRunsWereDisturbed) {
                               ": disturbed: 1 of 2 seconds, in which others took more than 5 % "
                               "of the CPUs' time, at most 25 %\n"),
                     Not(HasSubstr("note: " + a))));
+  const std::string errors =
+      "errors in 1 of 1 run of B; time to the first error: 5.0 s at the least, 5.0 s in the median";
+  EXPECT_THAT(result.output, HasSubstr("\nB: " + b + " (1 run)\nErrors: " + errors + ".\nAfter the first "));
   EXPECT_THAT(RunTool({"compare", a, b, "--skip", "7"}).output, Not(HasSubstr("disturbed")));
+  EXPECT_EQ(nlohmann::json::parse(RunTool({"compare", a, b, "--json"}).output).at("errors"),
+            nlohmann::json({errors}));
 }
 
 }  // namespace
