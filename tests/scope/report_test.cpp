@@ -94,7 +94,10 @@ TEST(Report, DoubtsALatencyThatWasMeasuredBadly) {
   run.info.latency.bytesPerS = 1e9;
   run.info.latency.timerStepNs = 40;
   run.info.latency.meanNs = 163;
-  run.info.conditions.caches = {{3, "Unified", std::uint64_t{200} << 20, 1}};
+  run.info.conditions.caches = {{3, "Unified", std::uint64_t{64} << 20, 1}};
+  EXPECT_THAT(ReportText({Reported(run, "one")}, 200), Not(HasSubstr("the largest cache")))
+      << "four times it";
+  run.info.conditions.caches[0].bytes += std::uint64_t{1} << 20;
   const std::string text = ReportText({Reported(run, "one")}, 200);
   EXPECT_THAT(text,
               HasSubstr("warning: latency: the probe had no CPU of its own: Operation not permitted\n"));
@@ -104,7 +107,8 @@ TEST(Report, DoubtsALatencyThatWasMeasuredBadly) {
                 "the probe's CPU\n"));
   EXPECT_THAT(text, HasSubstr("warning: latency: the probe's own load is "));
   EXPECT_THAT(
-      text, HasSubstr("warning: latency: the probe went through 256 MiB, and the largest cache has 200 MiB"));
+      text,
+      HasSubstr("warning: latency: the probe went through 256 MiB, and the largest cache has 65 MiB: some"));
   EXPECT_THAT(text, HasSubstr("warning: latency: the timer moves in steps of 40 ns: the mean of 163 ns"));
   run.info.latency.realTimeNote = "it is not allowed";
   EXPECT_THAT(ReportText({Reported(run, "one")}, 200),
