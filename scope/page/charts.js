@@ -140,9 +140,10 @@ class Charts {
     return chart.series.length === 0 ? [] : [{...chart, marks: this.marks(runs, (warning) => warning.engine === '')}];
   }
 
-  // What else the machine did during a run, as far as it was recorded.
+  // What else the machine did during a run, as far as it was recorded. Errors have the temperature beneath them.
   strips(runIndex) {
     const run = this.runs[runIndex];
+    const thermal = run.error_list.length > 0 ? countersOf(run, 'thermal') : [];
     const lines = (source) => countersOf(run, source).map(({name, time_s: times, value}, at) =>
       stripLine(name, at, pointsOf(times, value)));
     const titled = (title) => (run.gigabytes_per_s === null ? this.ofRun(title, run) : title);
@@ -151,10 +152,12 @@ class Charts {
           lines('load'), [run]),
       ...this.strip(`pressure-${runIndex}`, titled('Time in which a thread waited for a processor, memory or a disk'),
           {title: '%', max: 10}, lines('pressure'), [run]),
-      ...this.strip(`errors-${runIndex}`, titled('Errors found so far'), {title: 'errors', max: 1}, errorLines(run), [run])
+      ...this.strip(`errors-${runIndex}`, titled('Errors so far, as errors.csv lists them'), {title: 'errors', max: 1}, errorLines(run), [run])
           .map((chart) => ({...chart, stepped: true})),
+      ...this.strip(`temperature-${runIndex}`, titled('Temperature of the coolest and of the hottest zone'),
+          {title: '°C', free: true}, extremes(thermal, 'coolest', 'hottest'), [run]),
       ...this.strip(`frequency-${runIndex}`, titled('Frequency of the slowest and of the fastest CPU'),
-          {title: 'MHz', free: true}, extremes(countersOf(run, 'cpufreq')), [run]),
+          {title: 'MHz', free: true}, extremes(countersOf(run, 'cpufreq'), 'slowest', 'fastest'), [run]),
     ];
   }
 
@@ -317,9 +320,12 @@ function countersOf(run, source) {
 function errorLines(run) {
   const sources = [...new Set(run.error_list.map(({source}) => source))];
   return sources.map((source, at) => {
-    const times = run.error_list.filter((error) => error.source === source).map((error) => error.time_s);
-    const points = [{x: 0, y: 0}, ...times.map((x, i) => ({x, y: i + 1})), {x: Math.max(run.duration_s, ...times), y: times.length}];
-    return stripLine(source, at, points);
+    const points = [{x: 0, y: 0}];
+    for (const error of run.error_list.filter((one) => one.source === source)) {
+      points.push({x: error.time_s, y: points[points.length - 1].y + error.errors});
+    }
+    const last = points[points.length - 1];
+    return stripLine(source, at, [...points, {x: Math.max(run.duration_s, last.x), y: last.y}]);
   });
 }
 
@@ -329,13 +335,13 @@ function stripLine(name, at, points) {
 }
 
 // The least and the greatest of several counters in each second.
-function extremes(counters) {
+function extremes(counters, least, most) {
   const byTime = new Map();
   for (const {time_s: times, value} of counters) {
     times.forEach((x, i) => byTime.set(x, [...(byTime.get(x) ?? []), value[i]]));
   }
   const sorted = [...byTime].sort(([a], [b]) => a - b);
-  return [['slowest', Math.min], ['fastest', Math.max]].map(([name, pick], at) =>
+  return [[least, Math.min], [most, Math.max]].map(([name, pick], at) =>
     stripLine(name, at, sorted.map(([x, values]) => ({x, y: pick(...values)}))));
 }
 

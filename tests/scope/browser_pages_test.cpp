@@ -48,6 +48,39 @@ void AddMachine(scope::Run& run, double othersCpus) {
   }
 }
 
+// Two wrong copies, a change of guarded memory, and a counter that grew by 3.
+void AddErrors(scope::Run& run) {
+  scope::RunError error;
+  error.source = "cpu";
+  error.timeS = 12.5;
+  error.thread = 1;
+  error.operation = 55;
+  error.what = "copy";
+  error.offset = 4096;
+  error.address = "0x7f0000001000";
+  error.expected = "0x00";
+  error.found = "0x10";
+  error.bits = 1;
+  run.errors = {error, error};
+  run.errors[1].timeS = 14.25;
+  run.errors[1].operation = 77;
+  error.thread.reset();
+  error.operation.reset();
+  error.source = "guard";
+  error.timeS = 25;
+  error.what = "event";
+  run.errors.push_back(error);
+  scope::RunError counted;
+  counted.source = "edac";
+  counted.timeS = 30;
+  counted.what = "corrected";
+  counted.note = "3 more of mc0/ce_count";
+  run.errors.push_back(counted);
+  run.info.errors = {{"cpu", 2}, {"guard", 1}, {"edac", 3}};
+  run.info.guard.bytes = 1 << 20;
+  run.info.guard.errors = 1;
+}
+
 class PagesInBrowser : public browser::BrowserTest {
  protected:
   // Runs whose copies do these operations a second and thread.
@@ -57,6 +90,7 @@ class PagesInBrowser : public browser::BrowserTest {
     for (const std::uint64_t each : operations) {
       scope::Run run = made_run::Run();
       run.info.conditions.governor = governor;
+      run.info.counters.push_back({"edac", true, ""});
       for (scope::Sample& sample : run.samples) {
         if (sample.engine == "venc" && sample.timeS == 30) sample.failures = failures;
         if (sample.engine != "cpu") continue;
@@ -121,9 +155,11 @@ TEST_F(PagesInBrowser, TheLatencyOfMemoryIsDrawn) {
 TEST_F(PagesInBrowser, TheMachineIsDrawnBeneathTheCurvesOfARun) {
   scope::Run run = made_run::Run();
   AddMachine(run, 0.1);
+  AddErrors(run);
   made_run::Write(run, folder_ / "run");
   const std::string page = Page({folder_ / "run"},
-                                "extra = ['total-0', 'load-0', 'pressure-0', 'frequency-0'].map((id) => {"
+                                "extra = ['total-0', 'load-0', 'pressure-0', 'errors-0', 'temperature-0', "
+                                "'frequency-0'].map((id) => {"
                                 "const {top, bottom} = document.getElementById(id).getBoundingClientRect();"
                                 "const {left, right} = Chart.getChart(id).chartArea;"
                                 "return {top, bottom, left: Math.round(left), right: Math.round(right)};});");
@@ -140,7 +176,31 @@ TEST_F(PagesInBrowser, TheMachineIsDrawnBeneathTheCurvesOfARun) {
   EXPECT_EQ(load[0]["name"], "others");
   EXPECT_EQ(load[0]["points"][18], json::parse("[20, 1.5]"));
   EXPECT_EQ(load[1]["name"], "steal");
-  EXPECT_EQ(visit.Chart("load-0")["marks"], json::parse(R"([{"x": 20, "text": "1"}])")) << "disturbed";
+  EXPECT_EQ(visit.Chart("load-0")["marks"],
+            json::parse(R"([{"x": 25, "text": "2"}, {"x": 20, "text": "3"}])"))
+      << "guarded memory changed, and disturbed";
+  EXPECT_EQ(visit.Chart("errors-0")["marks"], visit.Chart("load-0")["marks"]);
+  EXPECT_EQ(visit.Chart("cpu-rate")["marks"], json::parse(R"([{"x": 12.5, "text": "1"}])"))
+      << "its first error";
+  EXPECT_EQ(visit.Chart("total-0")["marks"].size(), 3U) << "all of them";
+  EXPECT_GT(visit.Chart("errors-0")["cautions"], 50) << "marks are drawn";
+  const json errors = visit.Chart("errors-0")["series"];
+  ASSERT_EQ(errors.size(), 3U);
+  EXPECT_EQ(errors[0]["name"], "cpu");
+  EXPECT_EQ(errors[0]["points"], json::parse("[[0, 0], [12.5, 1], [14.25, 2], [41.2, 2]]"));
+  EXPECT_EQ(errors[1]["name"], "guard");
+  EXPECT_EQ(errors[2]["name"], "edac");
+  EXPECT_EQ(errors[2]["points"], json::parse("[[0, 0], [30, 3], [41.2, 3]]")) << "a counter grew by 3";
+  EXPECT_EQ(errors[0]["stepped"], true);
+  const json temperature = visit.Chart("temperature-0")["series"];
+  ASSERT_EQ(temperature.size(), 2U);
+  EXPECT_EQ(temperature[1]["name"], "hottest");
+  EXPECT_EQ(temperature[1]["points"][9], json::parse("[10, 51]"));
+  EXPECT_THAT(visit.Text(), HasSubstr("Errors\n\n6 in all.\n\nguard: 1 MiB of memory"));
+  EXPECT_THAT(visit.Row("errors", {"cpu", "14.250", "1", "77"}),
+              ElementsAre("cpu", "14.250", "1", "77", "copy", "4096", "0x7f0000001000", "–", "0x00", "0x10",
+                          "1", "–"));
+  EXPECT_EQ(visit.Row("errors", {"edac", "30.000"}).back(), "3 more of mc0/ce_count");
   ASSERT_EQ(visit.Chart("pressure-0")["series"].size(), 2U) << "memory was not recorded";
   const json frequency = visit.Chart("frequency-0")["series"];
   EXPECT_EQ(frequency[0]["points"][0], json::parse("[2, 2898]"));
@@ -171,6 +231,7 @@ TEST_F(PagesInBrowser, AComparisonShowsItsVerdictsAndTheRunsOfBothSides) {
   EXPECT_THAT(
       visit.Text(),
       AllOf(HasSubstr("B is worse than A: cpu ops -4.9"), HasSubstr("/a (4 runs)\n\nB: "),
+            HasSubstr("Errors: no error in 4 runs of A: failure rate below 0.75 per run, 95 %.\n"),
             HasSubstr("Intervals of 99 %; those of the 5 judged figures together: 95 %."),
             HasSubstr("The band is the tolerance, ±2 %"), HasSubstr("B is worse\nvenc: operations failed"),
             HasSubstr("Lines of A are solid, those of B are dashed.")));

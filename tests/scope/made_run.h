@@ -144,6 +144,7 @@ inline void Write(const scope::Run& made, const std::string& folder) {
   writer.Add(run.rates);
   writer.Add(run.counters);
   if (!run.latency.empty()) writer.Add(run.latency);
+  if (!run.errors.empty()) writer.Add(run.errors);
 }
 
 }  // namespace made_run

@@ -151,7 +151,7 @@ Json ErrorsJson(const std::vector<RunError>& errors) {
   constexpr std::size_t kMost = 1000;
   Json list = Json::array();
   for (std::size_t i = 0; i < std::min(errors.size(), kMost); ++i) {
-    Json row{{"text", ErrorText(errors[i])}};
+    Json row{{"text", ErrorText(errors[i])}, {"errors", ErrorsIn(errors[i])}};
     VisitColumns(errors[i], [&row](const CsvColumn& column, const auto& value) {
       if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::optional<std::uint64_t>>) {
         row[column.name] = OrNull(value);
