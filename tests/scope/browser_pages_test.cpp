@@ -427,6 +427,8 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
                  "const line = {dataset: {label: 'A'}, parsed: {y: point.y}, raw: point};"
                  "extra = {fits: document.documentElement.scrollWidth <= innerWidth,"
                  " crowded, shared: textsOf(Chart.getChart('latency')),"
+                 " titles: [options.scales.x.title.text, options.scales.y.title.text],"
+                 " ground: getComputedStyle(document.body).backgroundColor,"
                  " tip: options.plugins.tooltip.callbacks.label(line),"
                  " colours: options.plugins.warningMarks.marks.map(({colour}) => colour),"
                  " reach: options.scales.x.max - Math.max(...data.datasets.flatMap((set) =>"
@@ -448,6 +450,8 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   EXPECT_EQ(chart["marks"].size(), 4U);
   EXPECT_EQ(chart["marks"][1]["text"], "saturation 1");
   EXPECT_EQ(visit.page["extra"]["colours"], json::parse(R"(["#0072b2", "#0072b2", "#d55e00", "#d55e00"])"));
+  EXPECT_EQ(visit.page["extra"]["titles"],
+            json({"Bandwidth of all engines (GB/s)", "Latency of an access to memory (ns)"}));
   EXPECT_EQ(visit.page["extra"]["tip"], "A: 113 (CPU=1 at 33.3 %)");
   EXPECT_GE(visit.page["extra"]["reach"].get<double>(), 0) << "intervals are within the axis";
   for (const char* const which : {"shared", "crowded"}) {
@@ -470,6 +474,13 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
                                   HasSubstr("1.5 times that at idle"),
                                   HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 1.")));
   EXPECT_EQ(visit.page["extra"]["fits"], true);
+
+  const Visit dark = Open(page, "curves_1280_dark", 1280, 3400, true);
+  EXPECT_EQ(dark.page["extra"]["ground"], "rgb(18, 22, 26)");
+  EXPECT_EQ(dark.page["extra"]["titles"], visit.page["extra"]["titles"]);
+  for (const json& drawn : dark.page["charts"]) EXPECT_GT(drawn["drawn"], 500) << drawn["id"];
+  EXPECT_NE(dark.Chart("latency")["series"][0]["colour"], chart["series"][0]["colour"]) << "to be seen there";
+  EXPECT_THAT(Print(page, "curves_printed"), HasSubstr("MediaBox [0 0 594.9"));
 }
 
 constexpr const char* kForest =
