@@ -19,6 +19,7 @@
 #include "error_of.h"
 #include "latency_texts.h"
 #include "made_curve.h"
+#include "on_one_cpu.h"
 #include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
@@ -503,7 +504,8 @@ TEST_F(CurveTest, TheProgramComparesTwo) {
 }
 
 // The program with a benchmark that sends what a meter would, at once. `stop` interrupts the run with that
-// level and share of time.
+// level and share of time. If there is a file `count`, the memory controller that it names counts errors in
+// the run without load.
 class CurveProgramTest : public CurveTest {
  protected:
   std::vector<std::string> CurveOf(const std::string& config, std::vector<std::string> more) const {
@@ -513,6 +515,7 @@ class CurveProgramTest : public CurveTest {
         "benchmark",
         "#!/bin/sh\nlevel=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\necho \"$level $STRESS_SCOPE_DUTY\" "
         ">>\"$0.loads\"\n"
+        "[ ! -e \"$0.count\" ] || [ \"$level\" != 0 ] || echo 10 >\"$(cat \"$0.count\")\"\n"
         "if [ -e \"$0.stop\" ] && [ \"$level\" = 2 ]; then rm \"$0.stop\"; kill -INT $PPID; sleep 0.1; fi\n"
         "for s in 1 2 3 4; do for t in $(seq 1 $level); do echo \"sample 0 $((t - 1)) 900 1000\"; done; echo "
         "\"second ${s}000\"; "
@@ -558,6 +561,21 @@ TEST_F(CurveProgramTest, RecordsEachLoadAndGoesOnAfterASignal) {
     EXPECT_EQ(info.conditions.duty, run.dutyPercent < 100 ? "66.6667 %" : "");
   }
   EXPECT_EQ(RunTool(arguments).status, 2) << "the folder is taken";
+}
+
+TEST_F(CurveProgramTest, TellsOfOneCpuAndEndsWithTheStatusOfErrors) {
+  const OnOneCpu one;
+  const std::string count = folder_.Put("root/sys/devices/system/edac/mc/mc0/ce_count", "7\n");
+  folder_.Put("benchmark.count", count);
+  const ToolResult result =
+      RunTool(CurveOf("CPU: {Level: 1}\n", {"--points", "4", "--most", "1", "--repeat", "1"}));
+  EXPECT_EQ(result.status, 3) << result.errors;
+  EXPECT_EQ(ReadText(count), "10");
+  EXPECT_THAT(
+      result.output,
+      AllOf(HasSubstr("One CPU: the probe shares it with the load. Bursts in which the load takes it"),
+            HasSubstr("(CPU=0): 3 errors (edac 3)\n")));
+  EXPECT_EQ(ReadRunInfo(Folder() + "/run-0001").latency.cpu, one.Cpu());
 }
 
 TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {

@@ -29,6 +29,7 @@
 #include "matrix_table.h"
 #include "matrix_text.h"
 #include "normal_values.h"
+#include "on_one_cpu.h"
 #include "page_json.h"
 #include "run_reader.h"
 #include "run_tool.h"
@@ -750,6 +751,37 @@ TEST_F(MatrixProgramTest, LooksForTheWorstMixAndGoesOnAfterAFailure) {
   EXPECT_EQ(damaged.status, 0) << damaged.errors;
   EXPECT_EQ(nlohmann::json::parse(damaged.output)["complete"], false);
   EXPECT_THAT(damaged.output, HasSubstr("run-0002"));
+}
+
+// The runs of the victim without aggressors find errors: alone, which fails the first time, and with the
+// control.
+TEST_F(MatrixProgramTest, TellsOfOneCpuAndEndsWithTheStatusOfErrors) {
+  const OnOneCpu one;
+  const std::string count = folder_.Put("root/sys/devices/system/edac/mc/mc0/ce_count", "7\n");
+  std::filesystem::create_symlink("/proc", folder_ / "root/proc");
+  const std::string benchmark =
+      Benchmark("if [ \"$cpu\" = 0 ]; then echo $(($(cat " + count + ") + 3)) >" + count +
+                "; [ -e \"$0.failed\" ] || { touch \"$0.failed\"; exit 7; }; fi");
+  const ToolResult failed =
+      RunTool(Arguments(benchmark, {"--levels", "CPU=0,1", "--victim", "VPC", "--repeat", "1", "--sysfs-root",
+                                    folder_ / "root"}));
+  EXPECT_EQ(failed.status, 3) << failed.errors;
+  EXPECT_EQ(ReadText(count), "13");
+  EXPECT_THAT(failed.output,
+              AllOf(::testing::StartsWith("The victim has no CPU to itself: it shares the CPUs with"),
+                    HasSubstr("(VPC=1) failed: 3 errors (edac 3); "),
+                    HasSubstr("(VPC=1 control of CPU=1): 3 errors (edac 3)\n"),
+                    HasSubstr("the victim shares its CPUs with the aggressors")));
+  const ToolResult done = RunTool({"matrix", "--resume", Folder()});
+  EXPECT_EQ(done.status, 3) << done.errors;
+  EXPECT_EQ(ReadText(count), "16");
+  EXPECT_THAT(done.output, HasSubstr("(VPC=1): 3 errors (edac 3)\n"));
+  const Matrix matrix = ReadMatrix(Folder());
+  for (const MatrixRun& run : matrix.runs) {
+    EXPECT_EQ(run.state, SweepState::kDone) << run.folder;
+    const bool hasErrors = run.part == MatrixPart::kAlone || run.part == MatrixPart::kControl;
+    EXPECT_EQ(run.reason, hasErrors ? "3 errors (edac 3)" : "") << run.folder;
+  }
 }
 
 TEST_F(MatrixProgramTest, SaysWhatItNeeds) {

@@ -13,6 +13,7 @@
 #include "latency_texts.h"
 #include "matrix_plan.h"
 #include "ratio.h"
+#include "run_error.h"
 #include "run_reader.h"
 #include "run_summary.h"
 #include "run_warnings.h"
@@ -126,6 +127,8 @@ class TableReader {
       Run info;
       info.info = recorded.info;
       infos_.push_back(std::move(info));
+      const std::string errors = CountsText(ErrorCounts(recorded));
+      if (!errors.empty()) table_.notes.push_back(NameOf(matrix_, run) + ": " + errors);
       const double warmupS = matrix_.settings.warmupS;
       const std::string disturbance = Disturbance(recorded, warmupS).text;
       if (!disturbance.empty()) disturbances_.push_back(NameOf(matrix_, run) + ": " + disturbance);

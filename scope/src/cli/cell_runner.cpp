@@ -28,6 +28,7 @@
 #include "run_summary.h"
 #include "series.h"
 #include "setting_switch.h"
+#include "tell.h"
 
 namespace scope {
 namespace {
@@ -152,6 +153,23 @@ SweepState StateAfter(const CellOutcome& outcome) {
   if (outcome.state == CellState::kDone) return SweepState::kDone;
   if (outcome.state == CellState::kInterrupted) return SweepState::kInterrupted;
   return outcome.isHung ? SweepState::kHung : SweepState::kFailed;
+}
+
+std::string ErrorsFoundIn(const std::string& runFolder) {
+  const FoundErrors found = ReadFoundErrors(runFolder);
+  for (const std::string& text : found.unreadable) Tell(text);
+  return CountsText(found.counts);
+}
+
+std::string WithErrors(const std::string& reason, const std::string& folder) {
+  const std::string errors = ErrorsFoundIn(folder);
+  return errors.empty() ? reason : errors + "; " + reason;
+}
+
+bool HasErrors(const std::string& root, const std::string& cellFolder, SweepState state) {
+  if (state == SweepState::kDone) return !ErrorsFoundIn(root + "/" + cellFolder).empty();
+  const int attempt = LastAttempt(root, cellFolder);
+  return attempt != 0 && !ErrorsFoundIn(root + "/" + AttemptFolder(cellFolder, attempt)).empty();
 }
 
 void RequireThisBoard(const PlanCell& cell, std::size_t number, const CellOptions& options) {

@@ -45,6 +45,16 @@ struct CellOutcome {
 /// The state of a run with this outcome.
 SweepState StateAfter(const CellOutcome& outcome);
 
+/// Which errors the run of this folder has found, as in "2 errors (edac 2)"; empty if there are none. Also of
+/// a run that was cut off. Prints what cannot be read.
+std::string ErrorsFoundIn(const std::string& runFolder);
+
+/// `reason`, why the run in `folder` failed, after the errors that it has found.
+std::string WithErrors(const std::string& reason, const std::string& folder);
+
+/// True if the cell's run has found errors. Of a cell in another state than kDone: the last attempt at it.
+bool HasErrors(const std::string& root, const std::string& cellFolder, SweepState state);
+
 /// True if the cell's folder holds its complete recording. If that is damaged and `warns`, prints a warning.
 bool IsCellDone(const std::string& root, const std::string& plan, const PlanCell& cell, std::size_t number,
                 bool warns);

@@ -78,7 +78,8 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;  ///< the benchmark failed, the recording is incomplete, or a board stands out
 constexpr int kExitBadUsage = 2;  ///< wrong arguments or bad input
 constexpr int kExitNotYet = 3;    ///< `collect`: nothing failed, but not all cells are done
-/// `record`, `sweep`, `cell`: results were wrong, or memory had errors. A cell is then done all the same.
+/// `record`, `sweep`, `curve`, `matrix`, `cell`: results were wrong, or memory had errors. A cell is then
+/// done all the same.
 constexpr int kExitErrors = 3;
 constexpr int kExitBoardAway = 4;  ///< `cell --on`: the board cannot be reached, was lost, or is in use
 

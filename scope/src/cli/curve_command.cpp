@@ -138,6 +138,7 @@ int RunCurve(const CurveOptions& options) {
   const bool isDone =
       SweepRecorder(folder, curve.sweep, options.output, {"curve", [&] { WriteCurve(folder, curve); }}).Run();
   ShowCurves({folder}, options.output, options.style, {folder + "/" + kReportName});
+  if (HasErrors(folder, curve.sweep)) return kExitErrors;
   return isDone ? kExitOk : kExitFailure;
 }
 

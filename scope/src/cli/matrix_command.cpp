@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cell_folder.h"
+#include "cell_runner.h"
 #include "commands.h"
 #include "configuration.h"
 #include "control.h"
@@ -139,6 +140,10 @@ int RunMatrix(const MatrixOptions& options) {
   if (options.output == Output::kText) Print(OwnCpusSentence(matrix) + "\n");
   const bool isDone = MatrixRecorder(folder, matrix, options.output).Run();
   ShowMatrix(folder, options.output, options.style, {folder + "/" + kReportName});
+  const bool hasErrors = std::any_of(matrix.runs.begin(), matrix.runs.end(), [&folder](const MatrixRun& run) {
+    return HasErrors(folder, run.folder, run.state);
+  });
+  if (hasErrors) return kExitErrors;
   return isDone ? kExitOk : kExitFailure;
 }
 

@@ -73,7 +73,7 @@ void MatrixRecorder::TakeUp() {
   for (std::size_t i = 0; i < matrix_.runs.size(); ++i) {
     const bool isDone = IsCellDone(folder_, plan_.id, CellOf(i), i + 1, true);
     matrix_.runs[i].state = isDone ? SweepState::kDone : SweepState::kPlanned;
-    matrix_.runs[i].reason.clear();
+    matrix_.runs[i].reason = isDone ? ErrorsFoundIn(folder_ + "/" + matrix_.runs[i].folder) : "";
   }
 }
 
@@ -147,9 +147,13 @@ bool MatrixRecorder::Record(std::size_t index) {
   const CellOutcome outcome = RunCell(plan, CellOf(index), index + 1, options, *view, signals_);
   run.state = StateAfter(outcome);
   isStuck_ = outcome.isStuck;
-  run.reason = run.state == SweepState::kDone || run.state == SweepState::kInterrupted ? "" : outcome.reason;
-  WriteMatrix(folder_, matrix_);
   const bool isDone = run.state == SweepState::kDone;
+  if (isDone) {
+    run.reason = ErrorsFoundIn(outcome.folder);
+  } else {
+    run.reason = run.state == SweepState::kInterrupted ? "" : WithErrors(outcome.reason, outcome.folder);
+  }
+  WriteMatrix(folder_, matrix_);
   if (text) Print((isDone ? "saved in " : "incomplete, saved in ") + Printable(outcome.folder) + "\n");
   return run.state != SweepState::kInterrupted && !isStuck_;
 }

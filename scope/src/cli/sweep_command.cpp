@@ -123,15 +123,6 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
-// True if runs that are done have found errors, or runs that ended early.
-bool HasErrors(const std::string& folder, const Sweep& sweep) {
-  return std::any_of(sweep.runs.begin(), sweep.runs.end(), [&folder](const SweepRun& run) {
-    if (run.state == SweepState::kDone) return !run.reason.empty();
-    const int attempt = run.state == SweepState::kPlanned ? 0 : LastAttempt(folder, run.folder);
-    return attempt != 0 && !ErrorsFoundIn(folder + "/" + AttemptFolder(run.folder, attempt)).empty();
-  });
-}
-
 int RunSweep(const SweepOptions& options) {
   const bool resumed = !options.resume.empty();
   const std::string folder = resumed ? options.resume : options.folder;

@@ -35,12 +35,6 @@ std::size_t NumberOf(const SweepRun& run) {
   return static_cast<std::size_t>(run.order);
 }
 
-// `reason`, why the run in `folder` failed, after the errors that it has found.
-std::string WithErrors(const std::string& reason, const std::string& folder) {
-  const std::string errors = ErrorsFoundIn(folder);
-  return errors.empty() ? reason : errors + "; " + reason;
-}
-
 std::string BootId(const std::string& systemRoot) {
   std::string text = ReadFile(systemRoot + "/proc/sys/kernel/random/boot_id").value_or("");
   text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
@@ -62,10 +56,9 @@ std::string ResultText(const SweepRun& run) {
 
 }  // namespace
 
-std::string ErrorsFoundIn(const std::string& runFolder) {
-  const FoundErrors found = ReadFoundErrors(runFolder);
-  for (const std::string& text : found.unreadable) Tell(text);
-  return CountsText(found.counts);
+bool HasErrors(const std::string& folder, const Sweep& sweep) {
+  return std::any_of(sweep.runs.begin(), sweep.runs.end(),
+                     [&folder](const SweepRun& run) { return HasErrors(folder, run.folder, run.state); });
 }
 
 SweepRecorder::SweepRecorder(std::string folder, Sweep& sweep, Output output, SweepKind kind)

@@ -13,9 +13,8 @@
 
 namespace scope {
 
-/// Which errors the run of this folder has found, as in "2 errors (edac 2)"; empty if there are none. Also of
-/// a run that was cut off. Prints what cannot be read.
-std::string ErrorsFoundIn(const std::string& runFolder);
+/// True if runs of the series in `folder` have found errors, also runs that are not done.
+bool HasErrors(const std::string& folder, const Sweep& sweep);
 
 /// What the recorder of a series has to know, beside its runs.
 struct SweepKind {
