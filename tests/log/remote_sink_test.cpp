@@ -119,6 +119,17 @@ TEST_F(Remote, CountsAndMarksRecordsThatFindTheQueueFull) {
   EXPECT_THAT(receiver_.texts, ElementsAre("0", "1", "2", "3", "after [6 lost before]"));
 }
 
+TEST_F(Remote, CountsAndMarksASingleRecordThatFindsTheQueueFull) {
+  Start(2);
+  receiver_.state = State::kBusy;
+  for (const char* const text : {"0", "1", "lost"}) EXPECT_TRUE(Deliver(text));
+  receiver_.state = State::kIdle;
+  receiver_.WaitFor(2);
+  Deliver("after");
+  EXPECT_EQ(sink_->Stop(), 1U);
+  EXPECT_THAT(receiver_.texts, ElementsAre("0", "1", "after [1 lost before]"));
+}
+
 TEST_F(Remote, CountsAndMarksRecordsThatThePortRefuses) {
   Start();
   receiver_.refuses = true;
