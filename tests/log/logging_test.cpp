@@ -206,14 +206,14 @@ TEST_F(Logging, ARecordHasToPassBothThresholds) {
             << level << " of " << own << " and " << application;
       }
       const std::size_t before = Records().size();
-      logger.LogError(kHere) << "E";
-      logger.LogWarn(kHere) << "W";
-      logger.LogInfo(kHere) << "I";
-      logger.LogDebug(kHere) << "D";
+      logger.LogError(kHere) << "ERROR";
+      logger.LogWarn(kHere) << "WARN";
+      logger.LogInfo(kHere) << "INFO";
+      logger.LogDebug(kHere) << "DEBUG";
       std::string written;
       const std::vector<Line> records = Records();
       for (std::size_t i = before; i < records.size(); ++i) {
-        EXPECT_EQ(records[i].level.substr(0, 1), records[i].text.substr(0, 1));
+        EXPECT_EQ(records[i].level, records[i].text.substr(0, records[i].text.find(' ')));
         written += records[i].text.substr(0, 1);
       }
       const unsigned threshold = std::min(own, application);
