@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,9 +81,16 @@ TEST_F(Remote, ForwardsEachRecordUnchanged) {
 TEST_F(Remote, WaitsForRecordsWithoutWork) {
   Start();
   EXPECT_TRUE(Deliver("one"));
+  const auto waits = [] {
+    rusage usage{};
+    (void)getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_nvcsw;
+  };
   const std::clock_t before = std::clock();  // processor time of all threads
+  const long waitsBefore = waits();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 40);
+  EXPECT_LT(waits() - waitsBefore, 10) << "it does not look again and again";
   EXPECT_EQ(sink_->Stop(), 0U);
 }
 
