@@ -316,7 +316,7 @@ CheckPacket CheckCounts(Engine engine) {
   CheckPacket packet{};
   packet.engine = engine;
   packet.state = StateOf(engine);
-  bool isUnlike = engine == Engine::kVenc && StreamsDiffer();
+  bool isUnlike = false;
   for (std::size_t i = 0; i < kCounterSets; ++i) {
     const Checker& checker = checkers[i];
     const std::uint64_t operations = checker.operations.load(std::memory_order_relaxed);
@@ -335,7 +335,11 @@ CheckPacket CheckCounts(Engine engine) {
     packet.unlisted += checker.unlisted.load(std::memory_order_relaxed);
     packet.checkNs += checker.checkNs.load(std::memory_order_relaxed);
   }
-  if (isUnlike && MayJudge(engine)) packet.state = CheckState::kNotDeterministic;
+  // The errors of threads that are judged count, whatever others do.
+  const bool differs = isUnlike && packet.judgedThreads == 0;
+  if (MayJudge(engine) && (differs || (engine == Engine::kVenc && StreamsDiffer()))) {
+    packet.state = CheckState::kNotDeterministic;
+  }
   // Nothing but another channel shows what the stream of a frame has to be.
   if (engine == Engine::kVenc && packet.state == CheckState::kLearning && packet.threads == 1) {
     packet.state = CheckState::kAlone;

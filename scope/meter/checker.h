@@ -56,6 +56,7 @@ struct alignas(64) Checker {
   std::atomic<bool> leftOut;  ///< a source was not checked: too many are known
   std::atomic<bool> judged;   ///< something has said whether a result of the thread was right
   std::atomic<bool> unlike;   ///< its first results differ from each other, and nothing says which are right
+  std::atomic<bool> unsure;   ///< some of its results differed from each other: others are not judged by them
 
   // The allowance: checks take a bounded share of the time that the engine works. See CheckTimer.
   std::uint64_t busyNs;

@@ -22,6 +22,7 @@ struct Reference {
   std::uint64_t hash;
   const Content* content;
   std::uint32_t thread;
+  const Checker* owner;  // of that thread
 };
 
 std::atomic<bool> referencesTaken{false};
@@ -82,7 +83,7 @@ const Reference* FindReference(std::uint64_t key) {
 // The reference for the key. Makes it of these results, which have `hash`, where there is none; null if there
 // is no room.
 const Reference* ReferenceFor(std::uint64_t key, std::uint64_t hash, const Spans& results,
-                              std::uint32_t thread) {
+                              std::uint32_t thread, const Checker& owner) {
   if (const Reference* const known = FindReference(key); known != nullptr) return known;
   const Content* const content = KeepContent(results);
   const ShortLock lock(referencesTaken);
@@ -91,7 +92,7 @@ const Reference* ReferenceFor(std::uint64_t key, std::uint64_t hash, const Spans
   }
   if (referenceCount == kMostReferences) return nullptr;
   Reference& reference = references[referenceCount++];
-  reference = {key, hash, content, thread};
+  reference = {key, hash, content, thread, &owner};
   return &reference;
 }
 
@@ -132,6 +133,7 @@ void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, con
   checker.observations = 0;
   // What follows from a source that has changed is not counted.
   if (alike < Checker::kObservations && !CheckSource(counters, checker, sources, true)) return;
+  if (alike < Checker::kObservations) checker.unsure.store(true, std::memory_order_relaxed);
   if (alike >= kLeastAlike) return JudgeBy(counters, checker, nullptr, false);
   // Whole numbers, unlike a network's outputs, whose last bits may depend on the order of sums.
   const bool hasPixels = counters.engine == Engine::kVpc;
@@ -163,9 +165,11 @@ void LearnFromBits(ThreadCounters& counters, Checker& checker, const Spans& sour
 }
 
 // Either the engine gives different results by nature, or the thread's are often wrong. It is the second if
-// another thread has learnt what is right, or if pixels differ in few bits.
+// another thread has always had the same one, or if pixels differ in few bits.
 void LearnFromUnlike(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results) {
-  if (const Reference* const reference = FindReference(checker.key); reference != nullptr) {
+  const Reference* const reference = FindReference(checker.key);
+  // Of a thread whose own results differ at times, some are alike by chance.
+  if (reference != nullptr && !reference->owner->unsure.load(std::memory_order_relaxed)) {
     checker.expected = reference->hash;
     return JudgeBy(counters, checker, reference->content, true);
   }
@@ -182,7 +186,8 @@ void CompareThreads(ThreadCounters& counters, Checker& checker, const Spans& res
   // What follows from a source that has changed is not counted twice.
   if (checker.wrongSource || checker.held.left.load(std::memory_order_relaxed) != 0) return;
   checker.compared = true;
-  const Reference* const reference = ReferenceFor(checker.key, checker.expected, results, counters.thread);
+  const Reference* const reference =
+      ReferenceFor(checker.key, checker.expected, results, counters.thread, checker);
   if (reference == nullptr) return;
   if (reference->hash == checker.expected) {
     checker.reference = reference->content;
@@ -208,6 +213,7 @@ void ExplainResult(ThreadCounters& counters, Checker& checker, const Spans& sour
       checker.reference->bytes == results.total) {
     (void)SameInMemory(checker.reference->copy, results, 0, results.total, difference);
   }
+  checker.unsure.store(true, std::memory_order_relaxed);
   ReportError(counters, checker, ErrorKind::kResult, &difference);
 }
 

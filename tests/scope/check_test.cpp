@@ -484,6 +484,35 @@ TEST(Check, AThreadThatIsOftenWrongIsJudgedByWhatAnotherOneHasLearnt) {
   }
 }
 
+// Results of an engine that gives different ones by nature: six of the first eight may be alike by chance.
+TEST(Check, AThreadIsNotJudgedByOneWhoseOwnResultsDiffer) {
+  for (const Engine engine : {Engine::kAic, Engine::kVpc}) {
+    for (const unsigned firstOther : {0U, 8U}) {
+      InOwnProcess([engine, firstOther] {
+        const Spoil other = [](Bytes& result, unsigned number) { result = Random(1000, number); };
+        Spoiled chance(engine, 0);
+        Spoiled often(engine, 1);
+        if (firstOther == 0) chance.Give(1, other);
+        chance.Give(12 - chance.given, [](Bytes& /*result*/, unsigned /*number*/) {});
+        chance.Give(20, other);
+        ASSERT_GT(CheckCounts(engine).errors, 10U) << "it is judged";
+        EXPECT_EQ(CheckCounts(engine).state, CheckState::kJudged);
+        for (unsigned i = 0; i < 60; ++i) {
+          often.Give(1, [&](Bytes& result, unsigned number) {
+            if (number >= 4) other(result, 1000 + number);
+          });
+          chance.Give(1, other);
+        }
+        for (const ErrorPacket& error : Errors()) EXPECT_EQ(error.thread, 0U);
+        const CheckPacket counts = CheckCounts(engine);
+        EXPECT_EQ(counts.judgedThreads, 1U);
+        EXPECT_EQ(counts.errors, CheckerOf(*chance.worker.counters).errors);
+        EXPECT_EQ(counts.state, CheckState::kPartlyJudged) << "the errors of the other thread count";
+      });
+    }
+  }
+}
+
 TEST(Check, PixelsThatDifferInFewBitsAreWrongOnOneThread) {
   InOwnProcess([] {
     Spoiled worker(Engine::kVpc, 0);
