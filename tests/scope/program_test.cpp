@@ -233,7 +233,9 @@ TEST_F(ProgramTest, AFullDiskEndsTheRunAndKeepsWhatWasRecorded) {
 
 TEST_F(ProgramTest, MetricsThatCannotBeWrittenAreToldAndTheRunIsWhole) {
   const ToolResult result =
-      RecordScript("mkdir -p \"$0.prom.new/full\"", {"--metrics", folder_ / "benchmark.prom"});
+      // The recorder may be about to write there.
+      RecordScript("until mkdir -p \"$0.prom.new/full\" 2>/dev/null; do sleep 0.01; done",
+                   {"--metrics", folder_ / "benchmark.prom"});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors, AllOf(HasSubstr("cannot write " + (folder_ / "benchmark.prom.new")),
                                    HasSubstr("; the run went on\n")));
