@@ -320,6 +320,18 @@ TEST(StreamCases, AGroupOfTwoFramesIsLeftOut) {
   });
 }
 
+TEST(StreamCases, AGroupInWhichAStreamComesTwiceAndAnotherIsMissingIsLeftOut) {
+  InOwnProcess([] {
+    const Bytes frame = Random(3000, 1);
+    for (std::uint64_t number = 0; number < 20; ++number) {
+      if (number != 5) Encode(Channel(0), frame, number);
+      if (number == 7) Encode(Channel(0), frame, number);
+    }
+    StreamsPacket packet{};
+    EXPECT_FALSE(StreamsOf(0, packet));
+  });
+}
+
 TEST(StreamCases, FramesAfterTheLastGroupAreLeftOut) {
   InOwnProcess([] {
     const Bytes frame = Random(3000, 1);
