@@ -20,6 +20,7 @@ TEST(FixedText, EscapesEveryControlCharacterAndNothingElse) {
   EXPECT_EQ(Escaped("a\nb\rc\td"), "a\\nb\\rc\\td");
   EXPECT_EQ(Escaped("\x1b[2J\x7f"), "\\x1b[2J\\x7f");
   EXPECT_EQ(Escaped(std::string("\0\x01\x1f", 3)), "\\x00\\x01\\x1f");
+  EXPECT_EQ(Escaped("\x1a\x1c\x1d\x1e"), "\\x1a\\x1c\\x1d\\x1e");
   EXPECT_EQ(Escaped("C:\\n %s \xc3\xa4 ~"), "C:\\n %s \xc3\xa4 ~");
   for (int byte = 0; byte < 256; ++byte) {
     const std::string text(1, static_cast<char>(byte));
