@@ -119,7 +119,8 @@ RunInfo ReadRunInfo(const std::string& folder) {
   const std::string path = folder + "/" + kInfoName;
   std::error_code ignored;
   if (!fs::is_directory(folder, ignored))
-    throw UserError(folder + ": there is no such folder, expected one that stress_scope record or rates made");
+    throw UserError(folder +
+                    ": there is no such folder, expected one that stress_scope record or rates made");
   const std::optional<std::string> text = ReadFolderFile(path, kMostJsonBytes);
   if (!text)
     throw UserError(folder + ": not a run folder: cannot read run.json: " + std::strerror(errno) +
