@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,6 +31,7 @@ struct Receiver {
   std::atomic<std::uint64_t> leftBehind{0};
   std::atomic<std::uint64_t> leftBehindAtEnd{0};
   std::atomic<int> settled{0};
+  std::function<void()> onSettle;  ///< called before each answer
   const char* failure = nullptr;
 
   std::mutex mutex;
@@ -89,6 +91,7 @@ class FakePort : public RemotePort {
     return true;
   }
   RemotePort::State Settle() override {
+    if (receiver_.onSettle) receiver_.onSettle();
     const RemotePort::State state = receiver_.state;
     if (state != RemotePort::State::kIdle) {
       const std::lock_guard lock(receiver_.mutex);
