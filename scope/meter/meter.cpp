@@ -192,7 +192,9 @@ std::int32_t Watch(Engine engine, Before before, Call call, CountBytes countByte
 
 void FillFrom(Engine engine, const Spans& source) {
   if (!scope::FillSource(engine, source.Begin(), source.total) || !extras.verify) return;
-  if (ThreadCounters* const counters = scope::CountersOf(engine); counters != nullptr)
+  // Copies to media memory are not checked: what they take is the source of the resizes that follow.
+  const Engine checked = engine == Engine::kVpcCopy ? Engine::kVpc : engine;
+  if (ThreadCounters* const counters = scope::CountersOf(checked); counters != nullptr)
     scope::CheckFilled(*counters, source);
 }
 

@@ -123,6 +123,11 @@ int TakeMostCommon(Checker& checker) {
   return alike;
 }
 
+// The first results of the first work come on top: those that Learn and LearnFromBits take.
+bool IsOnTop(const Checker& checker) {
+  return checker.works == 1 && checker.checked.load(std::memory_order_relaxed) < 2 * Checker::kObservations;
+}
+
 // Learns what is right when enough results were seen. A thread whose own results differ from each other, if
 // its source has stayed the same, does not know what is right: see LearnFromUnlike.
 void Learn(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results,
@@ -146,7 +151,9 @@ bool IsInFewBits(const Content& content, const Spans& results) {
   if (content.copy == nullptr || content.bytes != results.total) return false;
   Difference difference;
   (void)SameInMemory(content.copy, results, 0, results.total, difference);
-  return difference.words <= kFewWords && difference.bits <= 2 * difference.words;
+  // A result that has no more words than these may differ in all of them.
+  const std::size_t most = std::min(kFewWords, results.total / sizeof(std::uint64_t) / 4);
+  return difference.words <= most && difference.bits <= 2 * difference.words;
 }
 
 // Compares so many more results with the kept one. If all of them differ in few bits at most, the most common
@@ -158,24 +165,37 @@ void LearnFromBits(ThreadCounters& counters, Checker& checker, const Spans& sour
   const bool isFew = IsInFewBits(*kept, results);
   if (isFew && checker.observations < Checker::kObservations) return;
   checker.reference = nullptr;
-  if (!CheckSource(counters, checker, sources, true) || !isFew) return;
+  if (!CheckSource(counters, checker, sources, true)) {
+    checker.unlike.store(false, std::memory_order_relaxed);  // Learn begins again
+    checker.observations = 0;
+    return;
+  }
+  if (!isFew) return;
   const std::uint64_t hash = Mixed(kept->hash, kept->bytes);
   if (TakeMostCommon(checker) == 1) checker.expected = hash;
   JudgeBy(counters, checker, checker.expected == hash ? kept : nullptr, false);
 }
 
+// The lock is that of all threads, so this is not done in each operation. By the clock: see CheckPartOfCopy.
+const Reference* LookForReference(Checker& checker) {
+  if (++checker.turn % kPartEvery != 0 || !MaySpend(checker, 1)) return nullptr;
+  const std::uint64_t start = NowNs();
+  const Reference* const reference = FindReference(checker.key);
+  Spent(checker, std::min(NowNs() - start, kMostDrawnNs));
+  return reference;
+}
+
 // Either the engine gives different results by nature, or the thread's are often wrong. It is the second if
 // another thread has always had the same one, or if pixels differ in few bits.
 void LearnFromUnlike(ThreadCounters& counters, Checker& checker, const Spans& sources, const Spans& results) {
-  const Reference* const reference = FindReference(checker.key);
+  const Reference* const reference = LookForReference(checker);
   // Of a thread whose own results differ at times, some are alike by chance.
   if (reference != nullptr && !reference->owner->unsure.load(std::memory_order_relaxed)) {
     checker.expected = reference->hash;
     return JudgeBy(counters, checker, reference->content, true);
   }
   if (checker.reference == nullptr) return;
-  // Of the first work these come on top, too.
-  const bool isOnTop = checker.works == 1;
+  const bool isOnTop = IsOnTop(checker);
   if (!isOnTop && !MaySpend(checker, checker.wholeNs)) return;
   const CheckTimer timer;
   LearnFromBits(counters, checker, sources, results);
@@ -221,21 +241,18 @@ void CheckWholeResult(ThreadCounters& counters, Checker& checker, const Spans& s
                       const Spans& results) {
   const CheckTimer timer;
   const bool learning = !checker.learnt;
+  const bool isOnTop = learning && IsOnTop(checker);
   const std::uint64_t hash = Mixed(HashFromMemory(results), results.total);
   Compared(checker, results.total, true);
   checker.wholeNs = timer.TookNs();
   if (learning) {
-    // The first ones come on top.
-    if (checker.works > 1) Spent(checker, checker.wholeNs);
     Learn(counters, checker, sources, results, hash);
-    return;
-  }
-  if (hash != checker.expected) {
+  } else if (hash != checker.expected) {
     ExplainResult(counters, checker, sources, results);
   } else if (!checker.compared) {
     CompareThreads(counters, checker, results);
   }
-  Spent(checker, timer.TookNs());
+  if (!isOnTop) Spent(checker, timer.TookNs());
 }
 
 // Each of the blocks is drawn once before any is drawn again: a bit that stays wrong is found in so many
@@ -280,12 +297,16 @@ void CheckWholeCopy(ThreadCounters& counters, Checker& checker, const Spans& fro
 }  // namespace
 
 void CheckFilled(ThreadCounters& counters, const Spans& source) {
-  Difference difference;
-  if (!CanRead(source) || HoldsPattern(source.list[0], difference)) return;
+  Difference first;
+  if (!CanRead(source) || HoldsPattern(source.list[0], first) || first.words == 0) return;
+  Difference again;
+  const bool isBack = HoldsPattern(source.list[0], again) || again.words == 0;
+  const Difference& difference = isBack ? first : again;
   // If most of it differs, the program has written it.
   if (IsOther(difference, source.total)) return;
   Checker& checker = CheckerOf(counters);
-  ErrorPacket error = MakeError(counters, checker, ErrorKind::kSource, &difference);
+  ErrorPacket error =
+      MakeError(counters, checker, isBack ? ErrorKind::kPassing : ErrorKind::kSource, &difference);
   ++error.operation;  // the one that begins
   AddError(checker, error);
 }
@@ -320,7 +341,8 @@ void CheckResults(ThreadCounters& counters, const Spans& sources, const Spans& r
   if (checker.unlike.load(std::memory_order_relaxed)) {
     LearnFromUnlike(counters, checker, sources, results);
   } else if (!checker.learnt) {
-    CheckWholeResult(counters, checker, sources, results);
+    if (IsOnTop(checker) || MaySpend(checker, checker.wholeNs))
+      CheckWholeResult(counters, checker, sources, results);
   } else if (++checker.turn % kPartEvery == 0) {
     if (MaySpend(checker, checker.partNs)) CheckSourcePart(counters, checker, sources);
   } else if (MaySpend(checker, checker.wholeNs)) {

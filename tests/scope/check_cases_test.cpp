@@ -113,12 +113,13 @@ TEST(CheckCases, AThreadKeepsItsWorkUntilItDoesNotComeBack) {
 
 TEST(CheckCases, TheTimeOfLearningIsSpentExceptThatOfTheFirstWork) {
   InOwnProcess([] {
+    checkSystem.threadStepNs = 1000;
     const Worker worker(Engine::kVpc, 0);
     Checker& checker = BeginCheck(*worker.counters, kOperationNs, 1);
     const Bytes own = Random(70'000, 1);
     const Bytes other = Random(70'000, 2);
     EXPECT_TRUE(LearnWork(checker, Engine::kVpc, SpanOf(own), 7));
-    EXPECT_GT(checker.learnNs, 0U);
+    EXPECT_EQ(checker.learnNs, 1000U);
     EXPECT_EQ(checker.spentNs, 0U);
     checker.cursor = 5;
     checker.spentNs = kAllowedNs - checker.learnNs + 1;
@@ -136,6 +137,7 @@ TEST(CheckCases, TheTimeOfLearningIsSpentExceptThatOfTheFirstWork) {
 
 TEST(CheckCases, APlaceOfResultsIsLookedAtOnce) {
   InOwnProcess([] {
+    checkSystem.threadStepNs = 1000;
     const Worker worker(Engine::kVpc, 0);
     Checker& checker = BeginCheck(*worker.counters, kOperationNs, 1);
     const Bytes memory(1000);
@@ -145,7 +147,7 @@ TEST(CheckCases, APlaceOfResultsIsLookedAtOnce) {
     EXPECT_TRUE(know(0, 100));
     EXPECT_TRUE(know(0, 100));
     EXPECT_EQ(checker.placesSeen, 1U);
-    EXPECT_GT(checker.readNs, 0U);
+    EXPECT_EQ(checker.readNs, 1000U);
     EXPECT_EQ(checker.spentNs, 0U);
     checker.spentNs = kAllowedNs - checker.readNs + 1;
     EXPECT_FALSE(know(0, 200));
@@ -476,6 +478,38 @@ TEST(CheckCases, WhatIsRightWhenItIsReadAgainIsAPassingError) {
   });
 }
 
+// The page of the pattern is read behind the wrong word: the word is right when it is read again.
+TEST(CheckCases, WhatWasFilledMayDifferOnceOnly) {
+  for (const bool isBack : {true, false}) {
+    InOwnProcess([isBack] {
+      ASSERT_EQ(setenv(kFillVariable, "random", 1), 0);
+      ASSERT_TRUE(PrepareFill());
+      std::ifstream maps("/proc/self/maps");
+      for (std::string line; std::getline(maps, line);) {
+        if (line.find("scope_fill") == std::string::npos) continue;
+        touchedPage = reinterpret_cast<std::uint8_t*>(std::stoull(line, nullptr, 16) + 4096);
+      }
+      ASSERT_NE(touchedPage, nullptr);
+      struct sigaction action{};
+      action.sa_handler = Repair;
+      ASSERT_EQ(sigaction(SIGSEGV, &action, nullptr), 0);
+      const Worker worker(Engine::kVpc, 0);
+      Bytes memory(8192);
+      ASSERT_TRUE(FillSource(Engine::kVpc, memory.data(), memory.size()));
+      SpoilUntilTouched(memory, 777);
+      if (!isBack) rightValue ^= 8;
+      CheckFilled(*worker.counters, SpanOf(memory));
+      EXPECT_EQ(repaired, nullptr) << "the pattern was read";
+      const std::vector<ErrorPacket> errors = Errors();
+      ASSERT_EQ(errors.size(), 1U);
+      EXPECT_EQ(errors[0].kind, isBack ? ErrorKind::kPassing : ErrorKind::kSource);
+      EXPECT_EQ(errors[0].offset, 96U);
+      EXPECT_EQ(errors[0].expected ^ errors[0].found, std::uint64_t{1} << (isBack ? 9 : 11))
+          << "as seen last";
+    });
+  }
+}
+
 // --- copies ---
 
 TEST(CheckCases, OnlyTheFirstTwoCopiesMayShowThatAnotherThreadWritesTheSource) {
@@ -611,10 +645,11 @@ struct FewBits {
 
 // Eight results of a resize, none as another. In the last of them, and in those that follow, `wrong` is
 // different.
-void ExpectFew(const FewBits& wrong, std::size_t missing, bool hasRoom) {
+void ExpectFew(const FewBits& wrong, std::size_t missing, bool hasRoom, std::size_t bytes = 512) {
   const Worker worker(Engine::kVpc, 0);
   const Bytes source = Random(300, 1);
-  Bytes result = Random(400, 2);
+  Bytes result = Random(bytes, 2);
+  checkSystem.stepNs = 1;
   if (!hasRoom) checkSystem.refusal = System::kMemory;
   for (std::size_t i = 0; i < 8; ++i) {
     Flip(result, 64 * i);
@@ -634,7 +669,8 @@ void ExpectFew(const FewBits& wrong, std::size_t missing, bool hasRoom) {
   EXPECT_EQ(counts.checked, isFew ? 16U : 9U) << "with a result that is quite another one, it is over";
   EXPECT_EQ(counts.whole, counts.checked);
   EXPECT_EQ(counts.errors, 0U);
-  if (missing == 0) EXPECT_EQ(counts.checkNs, 0U) << "these come on top";
+  if (missing == 0)
+    EXPECT_EQ(counts.checkNs, 2U) << "two looks for what others have learnt; these come on top";
   if (!isFew) return;
   // What was kept is not what is right, so the place of an error is not known.
   Flip(result, 77);
@@ -649,6 +685,9 @@ TEST(CheckCases, ResultsThatDifferInTwoBitsOfSixteenWordsAtMostAreLearntFrom) {
        {FewBits{16, 1, true}, {17, 1, false}, {16, 2, true}, {1, 2, true}, {1, 3, false}}) {
     InOwnProcess([&wrong] { ExpectFew(wrong, 0, true); });
   }
+  InOwnProcess([] { ExpectFew({16, 1, false}, 0, true, 511); });
+  InOwnProcess([] { ExpectFew({4, 1, true}, 0, true, 128); });
+  InOwnProcess([] { ExpectFew({5, 1, false}, 0, true, 128); });
   InOwnProcess([] { ExpectFew({1, 1, true}, 8, true); });
   InOwnProcess([] { ExpectFew({1, 1, true}, 0, false); });
 }
@@ -675,6 +714,29 @@ TEST(CheckCases, LearningFromFewBitsOfTheNextWorkIsPartOfTheShare) {
     CheckResult(worker, sources[1], result);
     EXPECT_EQ(checker.checked, checked + 1);
     EXPECT_GT(checker.spentNs, spent);
+  });
+}
+
+TEST(CheckCases, WhatOthersHaveLearntIsLookedForWithinTheShare) {
+  InOwnProcess([] {
+    const Worker worker(Engine::kAic, 0);
+    const Bytes source = Random(300, 1);
+    Bytes result = Random(100, 2);
+    for (std::size_t i = 0; i < 8; ++i) {
+      Flip(result, i);
+      CheckResult(worker, source, result);
+    }
+    Checker& checker = CheckerOf(*worker.counters);
+    ASSERT_TRUE(checker.unlike);
+    checkSystem.stepNs = 1000;
+    for (int i = 0; i < 40; ++i) CheckResult(worker, source, result);
+    EXPECT_EQ(checker.spentNs, 10'000U) << "at each fourth operation";
+    checkSystem.stepNs = 1'000'000;
+    for (int i = 0; i < 4; ++i) CheckResult(worker, source, result);
+    EXPECT_EQ(checker.spentNs, 30'000U) << "by the clock, so that of a wait for the CPU only a part counts";
+    checker.spentNs = kNever;
+    for (int i = 0; i < 40; ++i) CheckResult(worker, source, result);
+    EXPECT_EQ(checker.spentNs, kNever) << "there was no time";
   });
 }
 
@@ -822,8 +884,16 @@ TEST(CheckCases, ChecksOfResultsAreSpentExceptTheFirstEight) {
     EXPECT_GT(checker.spentNs, 0U);
     for (int i = 0; i < 63; ++i) CheckResult(worker, sources[1], result);
     const std::uint64_t before = checker.spentNs;
+    checkSystem.threadStepNs = 1000;
     CheckResult(worker, sources[1], result);
-    EXPECT_EQ(checker.spentNs, before + checker.learnNs + checker.wholeNs);
+    EXPECT_EQ(checker.learnNs, 1000U);
+    EXPECT_EQ(checker.wholeNs, 1000U);
+    EXPECT_EQ(checker.spentNs, before + 3000) << "and what follows, which may be a copy of the result";
+    // Only the results from which it learns come on top, and so many as that takes.
+    CheckerOf(*worker.counters).spentNs = kNever;
+    const std::uint64_t checked = checker.checked;
+    CheckResult(worker, sources[1], result);
+    EXPECT_EQ(checker.checked, checked) << "there was no time";
   });
 }
 

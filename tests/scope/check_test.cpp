@@ -450,6 +450,8 @@ TEST(Check, ResultsThatDifferByNatureAreNotJudged) {
       EXPECT_EQ(counts.state, CheckState::kNotDeterministic);
       EXPECT_EQ(counts.judgedThreads, 0U);
       EXPECT_EQ(counts.errors, 0U);
+      RaiseState(engine, CheckState::kSourcesChange);
+      EXPECT_EQ(CheckCounts(engine).state, CheckState::kSourcesChange);
     });
   }
 }
@@ -564,9 +566,18 @@ TEST(Check, NothingIsLearntOfUnlikeResultsWhoseSourceHasChanged) {
     const std::vector<ErrorPacket> errors = Errors();
     ASSERT_EQ(errors.size(), 1U);
     ExpectIs(errors[0], ErrorKind::kSource, worker.source, kBit);
-    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kNotDeterministic);
-    RaiseState(Engine::kVpc, CheckState::kSourcesChange);
-    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kSourcesChange);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kLearning);
+    // That does not come on top again and again.
+    const Spoil right = [](Bytes& /*result*/, unsigned /*number*/) {};
+    Checker& checker = CheckerOf(*worker.worker.counters);
+    const std::uint64_t spent = checker.spentNs;
+    checker.spentNs = ~std::uint64_t{0} / 2;
+    worker.Give(16, right);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kLearning) << "there was no time";
+    checker.spentNs = spent;
+    worker.Give(16, right);
+    EXPECT_EQ(CheckCounts(Engine::kVpc).state, CheckState::kJudged) << "it has learnt from what it has now";
+    EXPECT_TRUE(Errors().empty());
   });
 }
 

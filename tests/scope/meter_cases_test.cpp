@@ -322,7 +322,7 @@ TEST_F(MeterCasesTest, SaysOnceWhyThreadsGetNoCpusOfTheirOwn) {
   EXPECT_THAT(said("cpu=1023"), ElementsAre(begin + std::strerror(EINVAL)));
   EXPECT_THAT(said("cpu=9"), Not(Contains(HasSubstr("list")))) << "a number, whether there is one or not";
   EXPECT_THAT(said("cpu"), IsEmpty());
-  if (cpus.size() < 2) return;
+  if (cpus.size() < 2) GTEST_SKIP() << "one CPU: none can be given away";
   EXPECT_THAT(said("cpu=" + std::to_string(cpus[1])), IsEmpty());
   cpu_set_t first;
   CPU_ZERO(&first);
@@ -350,6 +350,20 @@ TEST_F(MeterCasesTest, ACellThatDoesNotTakeThePatternIsAnError) {
   EXPECT_EQ(error.expected, ~std::uint64_t{0});
   EXPECT_EQ(error.found, ~std::uint64_t{4});
   EXPECT_EQ(error.bits, 1U);
+  EXPECT_EQ(checks_.back().errors, 1U);
+}
+
+TEST_F(MeterCasesTest, ACellUnderTheSourceOfACopyToMediaMemoryIsOneOfTheResizes) {
+  Run({"seen:copy", "seen:resize"},
+      {{scope::kFillVariable, "ones"}, {"ODD_CELL", "1"}, {scope::kVerifyVariable, "1"}});
+  ASSERT_EQ(order_, "HSSFF!CE");
+  EXPECT_EQ(errorsFound_[0].engine, Engine::kVpc);
+  EXPECT_EQ(errorsFound_[0].thread, 0U);
+  EXPECT_EQ(errorsFound_[0].kind, scope::ErrorKind::kSource);
+  EXPECT_EQ(errorsFound_[0].operation, 1U);
+  EXPECT_EQ(errorsFound_[0].offset, 40U);
+  ASSERT_EQ(checks_.back().engine, Engine::kVpc);
+  EXPECT_EQ(checks_.back().operations, 1U);
   EXPECT_EQ(checks_.back().errors, 1U);
 }
 

@@ -10,7 +10,9 @@
 ///   zeros          a copy of 100 zeros that stay in their place
 ///   flip           changes a bit of these zeros and of their copy
 ///   back           copies that copy back
-///   seen:WHAT      resize, encode or infer: of memory that the meter can see; again: resizes the result
+///   seen:WHAT      resize, encode or infer: of memory that the meter can see; again: resizes the result;
+///   copy:
+///                  to media memory
 ///   spoil          changes a bit of what these read
 ///   elsewhere      a thread of its own makes a copy of 100 bytes
 ///   model:FILE     loads a model
@@ -236,6 +238,11 @@ void WorkSeen(const std::string& what) {
     handle.inputs = {{seenSource, 100}};
     handle.outputs = {{seenOutput, sizeof(seenOutput)}};
     (void)Ormis::QetDNNModelProcess(handle);
+    return;
+  }
+  if (what == "copy") {
+    Ormis::ImageData destination = SeenImage("1", seenResult);
+    (void)Ormis::QetMemcpyToKivu(SeenImage("1", seenSource), destination);
     return;
   }
   const bool isAgain = what == "again";
