@@ -13,6 +13,7 @@ constexpr std::size_t kDrawnBytes = 1024;
 constexpr std::uint64_t kMostDrawnNs = 20'000;
 constexpr int kMostReferences = 32;
 constexpr int kLeastAlike = 6;  // of Checker::kObservations
+constexpr std::uint64_t kMostOnTop = std::uint64_t{2} * Checker::kObservations;
 constexpr std::size_t kFewWords = 16;
 constexpr std::uint64_t kPartEvery = 4;
 
@@ -125,7 +126,7 @@ int TakeMostCommon(Checker& checker) {
 
 // The first results of the first work come on top: those that Learn and LearnFromBits take.
 bool IsOnTop(const Checker& checker) {
-  return checker.works == 1 && checker.checked.load(std::memory_order_relaxed) < 2 * Checker::kObservations;
+  return checker.works == 1 && checker.checked.load(std::memory_order_relaxed) < kMostOnTop;
 }
 
 // Learns what is right when enough results were seen. A thread whose own results differ from each other, if
