@@ -189,8 +189,8 @@ TEST(CompareFindings, HowManyThreadsWereJudgedIsTold) {
       "vpc: only 2 of 3 threads judged: 50 % of the results' bytes checked, in 50 % of the operations, 4 "
       "whole results; no error in what was judged");
   EXPECT_EQ(NotJudged(info), std::vector<std::string>{
-                                 "vpc: not judged: 1 of 3 threads: too few operations, or none with the same "
-                                 "source, to learn what is right"});
+                                 "vpc: not judged: 1 of 3 threads: too few operations, none with the same "
+                                 "source, or too different results, to learn what is right"});
   check.leftOut = true;
   EXPECT_THAT(CheckText(check),
               testing::EndsWith("judged; some sources left out: more different ones than the "

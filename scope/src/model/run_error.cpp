@@ -114,13 +114,15 @@ namespace {
 std::string NotJudgedText(const EngineCheck& check) {
   static const std::map<std::string, std::string> kWhy = {
       {"learning", "too few operations, or none with the same source, to learn what is right"},
+      {kPartlyJudged,
+       "too few operations, none with the same source, or too different results, to learn what is right"},
       {"alone", "one channel alone: there is no other stream to compare with"},
       {"sources change", "the program writes its sources between operations"},
       {"not deterministic", "the same source gives different results, by nature or because most are wrong"},
       {"unreadable", "the processor cannot read the results"},
       {"unknown", "the records of this platform are not known"}};
   const bool isPartly = check.state == kPartlyJudged;
-  const auto at = kWhy.find(isPartly ? "learning" : check.state);
+  const auto at = kWhy.find(check.state);
   const std::string why = at == kWhy.end() ? check.state : at->second;
   const std::uint64_t others = check.threads - std::min(check.judgedThreads, check.threads);
   std::vector<std::string> reasons;
