@@ -334,25 +334,6 @@ TEST(CheckCases, ASourceThatIsWrittenAgainIsNotComparedAnyMore) {
   });
 }
 
-TEST(CheckCases, AfterAPassingDifferenceALastingOneIsAnError) {
-  InOwnProcess([] {
-    const Worker worker(Engine::kCpu, 0);
-    Bytes source = Random(20'000, 1);
-    Copy(worker, source);
-    Flip(source, 777);
-    Copy(worker, source);
-    Flip(source, 777);
-    for (int copy = 0; copy < kHeld; ++copy) Copy(worker, source);
-    ASSERT_EQ(Errors().size(), 1U);
-    Flip(source, 12'345);
-    for (int copy = 0; copy <= kHeld; ++copy) Copy(worker, source);
-    const std::vector<ErrorPacket> errors = Errors();
-    ASSERT_EQ(errors.size(), 1U);
-    ExpectIs(errors[0], ErrorKind::kSource, source, 12'345);
-    EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
-  });
-}
-
 TEST(CheckCases, AThreadThatLeavesItsSourceReportsItAtTheSixtyFourthOfOthers) {
   InOwnProcess([] {
     const Worker worker(Engine::kCpu, 0);

@@ -108,9 +108,15 @@ TEST(Check, ASourceThatIsRightAgainHasAPassingError) {
     Copy(worker, source);
     Flip(source, 777);
     for (int copy = 0; copy < kHeld; ++copy) Copy(worker, source);
+    const std::vector<ErrorPacket> passing = Errors();
+    ASSERT_EQ(passing.size(), 1U);
+    ExpectIs(passing[0], ErrorKind::kPassing, source, 777);
+    // A later one that lasts is an error.
+    Flip(source, 12'345);
+    for (int copy = 0; copy <= kHeld; ++copy) Copy(worker, source);
     const std::vector<ErrorPacket> errors = Errors();
     ASSERT_EQ(errors.size(), 1U);
-    ExpectIs(errors[0], ErrorKind::kPassing, source, 777);
+    ExpectIs(errors[0], ErrorKind::kSource, source, 12'345);
     EXPECT_EQ(StateOf(Engine::kCpu), CheckState::kJudged);
   });
 }
