@@ -252,6 +252,27 @@ TEST_F(CurveTest, SaysHowManyRepeatsHaveAKnee) {
   EXPECT_THAT(comparison.notes, ElementsAre(HasSubstr("B has no knee in 1 of 3 repeats")));
 }
 
+// One that is slow at a single load, as on a machine that others use, too.
+TEST_F(CurveTest, AKneeOfHalfTheRepeatsIsNone) {
+  const auto withKnees = [](int knees) {
+    return made_curve::Table(
+        [knees](double load, int repeat) {
+          return repeat <= knees ? Queue(load, repeat) : Value{10 * load, 100 + 40 * load};
+        },
+        4);
+  };
+  const CurveTable half = withKnees(2);
+  const auto figures = FiguresOf(half);
+  ASSERT_TRUE(figures);
+  EXPECT_FALSE(figures->knee);
+  EXPECT_EQ(figures->withoutKnee, 2U);
+  EXPECT_EQ(CurveSentences(half, *figures)[1],
+            "No knee: in 2 of 4 repeats the latency stays below 1.5 times that at idle. A knee has to be in "
+            "more than "
+            "half of the repeats.");
+  EXPECT_TRUE(FiguresOf(withKnees(3))->knee);
+}
+
 TEST_F(CurveTest, TheLongestAccessIsOfTheSameSecondsAndOfAllRepeats) {
   scope::Run run = made_curve::Run({0, 100});
   for (LatencySecond& second : run.latency) second.timeS += 0.2;

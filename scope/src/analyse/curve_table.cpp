@@ -81,8 +81,11 @@ std::string KneeSentence(const CurveFigures& figures) {
   const std::string times = Format("%g times that at idle", kKneeFactor);
   const std::string repeats = Counted(figures.repeats.size(), "repeat");
   if (!figures.knee) {
+    const std::string some = figures.withoutKnee == figures.repeats.size()
+                                 ? ""
+                                 : " A knee has to be in more than half of the repeats.";
     return Format("No knee: in %zu of ", figures.withoutKnee) + repeats + " the latency stays below " +
-           times + ".";
+           times + "." + some;
   }
   std::string text = "Knee: " + EstimateText(*figures.knee, "GB/s") + "; there the latency is " + times + ".";
   if (figures.withoutKnee != 0) {
@@ -207,7 +210,8 @@ std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
     if (const auto knee = KneeOf(figures.fits.back())) knees.push_back(*knee);
   }
   figures.withoutKnee = figures.repeats.size() - knees.size();
-  if (knees.empty()) return figures;
+  // Where the latency scatters much, a repeat may have one by chance.
+  if (knees.size() <= figures.withoutKnee) return figures;
   figures.knee = EstimateOf(std::move(knees));
   if (figures.withoutKnee != 0) figures.knee->low = figures.knee->high = std::nullopt;
   return figures;

@@ -82,8 +82,8 @@ struct CurveFigures {
   CurveSaturation saturation;
   Estimate idleNs;             ///< the median latency without load
   Estimate mostGigabytesPerS;  ///< at `saturation.best`
-  /// GB/s, of the repeats that have one; none if none has. Without an interval unless all have one: those of
-  /// the others are above what they reach.
+  /// GB/s, of the repeats that have one; none unless more than half have. Without an interval unless all have
+  /// one: those of the others are above what they reach.
   std::optional<Estimate> knee;
   std::size_t withoutKnee = 0;  ///< repeats whose latency stays below it
 };
