@@ -83,8 +83,7 @@ function answersSection(data) {
   const titles = ['', 'Idle (ns)', 'Knee (GB/s)', 'Most (GB/s)', 'Saturates at', 'There p50 (ns)', 'p99 (ns)'];
   const said = data.curves.flatMap((curve, at) => [
     ...(data.curves.length > 1 ? [el('h3', {}, names[at])] : []),
-    listOf([...(curve.sentences.length > 0 ? curve.sentences : ['No repeat of the curve is whole yet.']),
-      ...(curve.latency === '' ? [] : [`The latency is that of ${curve.latency}.`])])]);
+    listOf([...curve.sentences, ...(curve.latency === '' ? [] : [`The latency is that of ${curve.latency}.`])])]);
   return section('What the curve says', ...said,
       table('figures curves', titles, [], data.curves.map((curve, at) => curveRow(curve, names[at]))));
 }

@@ -200,7 +200,12 @@ TEST_F(CurveTest, SaysWhatItDoesNotReach) {
   EXPECT_THAT(CurveSentences(table, *figures),
               ElementsAre(HasSubstr("Idle"),
                           "No knee: in 3 of 3 repeats the latency stays below 1.5 times that at idle.",
-                          HasSubstr("at point 9."), HasSubstr("Saturation is not reached")));
+                          HasSubstr("at point 9."), HasSubstr("Try --most with a greater number.")));
+  CurveTable greatest = table;
+  greatest.curve.most = 10;
+  EXPECT_THAT(CurveSentences(greatest, *figures)[3],
+              AllOf(HasSubstr("Saturation is not reached"),
+                    HasSubstr("Levels allow no more of this mix: add an engine with --mix.")));
 }
 
 // Where bandwidth stands still and latency rises, the best point is an early one only by chance.
@@ -321,6 +326,24 @@ TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
   EXPECT_THAT(table.notes, ElementsAre("1 run without a latency or a bandwidth after the warm-up: left out"));
   EXPECT_THAT(ErrorOf([&] { (void)CompareCurves(table, table, {}); }),
               HasSubstr("All its runs are done, and the notes of its report say what they lack"));
+  EXPECT_THAT(CurveSentences(table, FiguresOf(table)),
+              ElementsAre("No figures: no run of " + table.points[5].name +
+                          " has a latency and a bandwidth after the warm-up."));
+}
+
+TEST_F(CurveTest, SaysWhyItHasNoFigures) {
+  const auto sentences = [](const CurveTable& table) { return CurveSentences(table, FiguresOf(table)); };
+  made_curve::Write(folder_ / "curve", Queue, 2);
+  CurveTable table = ReadCurveTable(folder_ / "curve");
+  ASSERT_TRUE(FiguresOf(table));
+  table.points[2].values[0] = table.points[7].values[1] = std::nullopt;
+  EXPECT_THAT(sentences(table),
+              ElementsAre("No figures: no repeat has a latency and a bandwidth at each load."));
+  table.curve.sweep.runs[3].state = SweepState::kPlanned;
+  EXPECT_THAT(sentences(table), ElementsAre("No repeat of the curve is whole yet."));
+  made_curve::Write(folder_ / "none", [](double, int) { return Value{0, 100}; }, 1);
+  EXPECT_THAT(sentences(ReadCurveTable(folder_ / "none")),
+              ElementsAre("No figures: no load has a bandwidth."));
 }
 
 TEST_F(CurveTest, SaysWhatTheProbeCouldNotHave) {
@@ -614,6 +637,8 @@ TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--no-meter"}), HasSubstr("a curve needs the meter"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--stop-after", "3"}), HasSubstr("too short for a warm-up of 1 s"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--points", "3"}), HasSubstr("--points"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--latency-cpu", "1000"}),
+              HasSubstr("--latency-cpu 1000: the latency probe cannot run there: "));
   EXPECT_THAT(error("cpu: {Level: 1}\n", {"--mix", "CPU"}), HasSubstr("nothing reads \"cpu\""));
   EXPECT_THAT(RunTool({"curve"}).errors, HasSubstr("CONFIG or --resume"));
   EXPECT_THAT(RunTool({"curve", "--resume", folder_ / "none"}).errors, HasSubstr("not a curve"));

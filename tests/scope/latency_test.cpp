@@ -92,6 +92,20 @@ TEST(ChaseMemory, IsRefusedIfThereIsNone) {
   EXPECT_THROW(ChaseMemory(1), std::bad_alloc);
 }
 
+TEST(ChaseMemory, TouchesEachPageUnlessPagesAreHuge) {
+  const auto page = std::min<std::uint64_t>(static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)), 32U << 10);
+  EXPECT_EQ(ChaseMemory::TouchStep(256 * kMebibyte, true), 32U << 10);
+  EXPECT_EQ(ChaseMemory::TouchStep(256 * kMebibyte, false), page);
+  EXPECT_EQ(ChaseMemory::TouchStep(std::uint64_t{1} << 40, false), kMebibyte << 4) << "2^16 lines";
+  EXPECT_EQ(ChaseMemory::TouchStep(std::uint64_t{1} << 40, true), kMebibyte << 4);
+  ChaseMemory usual(4 * kMebibyte, ChaseMemory::Pages::kUsual);
+  usual.GrowTo(usual.Bytes());
+  EXPECT_EQ(usual.TouchPages(), 4 * kMebibyte / page);
+  ChaseMemory huge(4 * kMebibyte);
+  huge.GrowTo(huge.Bytes());
+  if (huge.HugeBytes() == huge.CycleBytes()) EXPECT_EQ(huge.TouchPages(), 4 * kMebibyte >> 15);
+}
+
 // --- bursts ---
 
 TEST(Interruption, IsALostProcessorAndNotALongAccess) {
@@ -206,7 +220,8 @@ TEST_F(LatencyBurstsTest, WarmingIsALoadThatIsTold) {
   LatencyBursts bursts = Bursts([] { return ThreadState(); });
   bursts.Warm();
   const LatencyCounts counts = bursts.Take();
-  EXPECT_EQ(counts.allAccesses, kMebibyte >> 15) << "a line of each 32 KiB";
+  EXPECT_EQ(counts.allAccesses,
+            kMebibyte / ChaseMemory::TouchStep(kMebibyte, memory_.HugeBytes() == memory_.CycleBytes()));
   EXPECT_EQ(counts.accesses, 0U);
   EXPECT_EQ(counts.bursts, 0U);
 }
@@ -280,7 +295,7 @@ TEST(LatencySize, IsRefusedWithTheReason) {
 
 // --- the process ---
 
-constexpr LatencyRhythm kShort{100'000, 1e6};
+constexpr LatencyRhythm kShort{100'000, 1e6, 1};
 
 void WaitForFault(LatencyProbe& probe) {
   std::vector<LatencySecond> seconds;
@@ -289,6 +304,23 @@ void WaitForFault(LatencyProbe& probe) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     probe.Read(seconds);
   }
+}
+
+// 1 ms of work, so the next burst is due after 5 s or more. A row is of one second all the same.
+TEST(LatencyProbe, PausesForLongerWhereItsWorkIsMuch) {
+  LatencyProbe probe(kMebibyte, -1, {1e6, 1e6, 0.0001});
+  probe.Begin(MonotonicNs());
+  std::vector<LatencySecond> seconds;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (seconds.empty() && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    probe.Read(seconds);
+  }
+  probe.End(seconds);
+  ASSERT_THAT(seconds, SizeIs(1)) << "no row of the time without a burst";
+  EXPECT_GE(seconds[0].bursts, 1U);
+  EXPECT_LE(seconds[0].bursts, 5U) << "hundreds without";
+  EXPECT_LT(seconds[0].timeS, 4);
 }
 
 // Under a heavy load all bursts may be interrupted.

@@ -5,7 +5,9 @@
 #include <utility>
 
 #include "curve_folder.h"
+#include "curve_plan.h"
 #include "latency_texts.h"
+#include "margin_map.h"
 #include "number_text.h"
 #include "saturation.h"
 #include "statistics.h"
@@ -75,6 +77,17 @@ std::string EstimateText(const Estimate& estimate, const char* unit) {
   std::string text = ShortNumber(estimate.value) + " " + unit;
   if (estimate.low) text += " (" + ShortNumber(*estimate.low) + " to " + ShortNumber(*estimate.high) + ")";
   return text;
+}
+
+// Each repeat lacks a run, or what the run should have measured.
+std::string WhyNoFigures(const CurveTable& table) {
+  if (!IsComplete(table.curve.sweep)) return "No repeat of the curve is whole yet.";
+  for (const CurveTablePoint& point : table.points) {
+    if (!EstimateAt(point, &CurveValue::p50Ns))
+      return "No figures: no run of " + point.name + " has a latency and a bandwidth after the warm-up.";
+  }
+  if (!WholeRepeats(table).empty()) return "No figures: no load has a bandwidth.";
+  return "No figures: no repeat has a latency and a bandwidth at each load.";
 }
 
 std::string KneeSentence(const CurveFigures& figures) {
@@ -217,7 +230,9 @@ std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
   return figures;
 }
 
-std::vector<std::string> CurveSentences(const CurveTable& table, const CurveFigures& figures) {
+std::vector<std::string> CurveSentences(const CurveTable& table, const std::optional<CurveFigures>& found) {
+  if (!found) return {WhyNoFigures(table)};
+  const CurveFigures& figures = *found;
   const CurveSaturation& saturation = figures.saturation;
   std::vector<std::string> sentences = {"Idle latency: " + EstimateText(figures.idleNs, "ns") + "."};
   sentences.push_back(KneeSentence(figures));
@@ -229,8 +244,11 @@ std::vector<std::string> CurveSentences(const CurveTable& table, const CurveFigu
         Format(" is the least load within %g %% of that, with a latency of ", kSaturatedPercent) +
         EstimateText(saturation.p50Ns, "ns") + ", p99 " + EstimateText(saturation.p99Ns, "ns") + ".");
   } else {
+    const bool isMore = table.curve.most < GreatestMost(table.curve.mix);
     sentences.push_back("Saturation is not reached: the greatest load has the most bandwidth by more than " +
-                        Format("%g %%", kSaturatedPercent) + ". Try --most with a greater number.");
+                        Format("%g %%. ", kSaturatedPercent) +
+                        (isMore ? "Try --most with a greater number."
+                                : "Levels allow no more of this mix: add an engine with --mix."));
   }
   if (!table.growth.empty()) {
     sentences.push_back(

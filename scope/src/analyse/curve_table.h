@@ -91,7 +91,7 @@ struct CurveFigures {
 /// None without a repeat that is whole, or without a bandwidth above 0.
 std::optional<CurveFigures> FiguresOf(const CurveTable& table);
 
-/// The figures in sentences.
-std::vector<std::string> CurveSentences(const CurveTable& table, const CurveFigures& figures);
+/// The figures in sentences, or why there are none.
+std::vector<std::string> CurveSentences(const CurveTable& table, const std::optional<CurveFigures>& found);
 
 }  // namespace scope

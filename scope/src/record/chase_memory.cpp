@@ -18,8 +18,11 @@ namespace {
 constexpr std::uint64_t kUsualLine = 64;
 constexpr std::uint64_t kUsualHugePage = std::uint64_t{2} << 20;
 // A cache line of 64 bytes holds eight entries of a page table, each for a page of 4 KiB. A virtual machine
-// has such a table beneath its own, whatever pages it uses itself.
+// has such a table beneath its own, whatever pages it uses itself. Addresses of a huge page are neighbours
+// there, those of eight small pages seldom are.
 constexpr std::uint64_t kTableReach = std::uint64_t{32} << 10;
+// 1.5 ms where each line is in a page of its own. A load on the same CPU may have to wait so long.
+constexpr std::uint64_t kMostTouches = std::uint64_t{1} << 16;
 
 // The finalizer of SplitMix64.
 std::uint64_t NextRandom(std::uint64_t& state) {
@@ -27,6 +30,13 @@ std::uint64_t NextRandom(std::uint64_t& state) {
   std::uint64_t mixed = (state ^ (state >> 30)) * 0xbf58476d1ce4e5b9U;
   mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebU;
   return mixed ^ (mixed >> 31);
+}
+
+// What mmap takes for reserved pages of this size, which need not be the system's usual one.
+int HugePageFlags(std::uint64_t bytes) {
+  int power = 0;
+  while (std::uint64_t{1} << power < bytes) ++power;
+  return MAP_HUGETLB | (power << MAP_HUGE_SHIFT);
 }
 
 void* Map(std::size_t bytes, int flags) {
@@ -62,7 +72,7 @@ ChaseMemory::ChaseMemory(std::uint64_t bytes, Pages wanted)
   const std::uint64_t huge = HugePageBytes();
   const bool isHuge = wanted == Pages::kHuge;
   mappingBytes_ = (bytes_ + huge - 1) / huge * huge;
-  void* memory = isHuge ? Map(mappingBytes_, MAP_HUGETLB) : MAP_FAILED;
+  void* memory = isHuge ? Map(mappingBytes_, HugePageFlags(huge)) : MAP_FAILED;
   // Few systems have pages of this kind in reserve. The others make huge pages of usual ones, where these lie
   // on a border of a huge page.
   if (memory == MAP_FAILED) {
@@ -92,10 +102,16 @@ void ChaseMemory::GrowTo(std::uint64_t bytes) {
     At(lines_)->next = before->next;
     before->next = At(lines_);
   }
+  isHuge_ = HugeBytes() == CycleBytes();
+}
+
+std::uint64_t ChaseMemory::TouchStep(std::uint64_t cycleBytes, bool isHuge) {
+  const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  return std::max(isHuge ? kTableReach : std::min(page, kTableReach), cycleBytes / kMostTouches);
 }
 
 std::uint64_t ChaseMemory::TouchPages() const {
-  const std::uint64_t step = std::max(std::uint64_t{1}, kTableReach / lineBytes_);
+  const std::uint64_t step = std::max(std::uint64_t{1}, TouchStep(CycleBytes(), isHuge_) / lineBytes_);
   std::uint64_t touched = 0;
   for (std::uint64_t line = 0; line < lines_; line += step, ++touched) {
     (void)*const_cast<Line* volatile*>(&At(line)->next);

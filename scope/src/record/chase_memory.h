@@ -27,9 +27,11 @@ class ChaseMemory {
   /// Extends the cycle to the first `bytes` of the memory. It never shrinks.
   void GrowTo(std::uint64_t bytes);
 
-  /// Reads one line of each 32 KiB of the cycle, all at once rather than one after the other. So the caches
-  /// hold again what an access needs to find its page. Returns the number of lines.
+  /// Reads one line of each `TouchStep` of the cycle, all at once rather than one after the other. So the
+  /// caches hold again what an access needs to find its page. Returns the number of lines.
   std::uint64_t TouchPages() const;
+  /// In bytes: 32 KiB of huge pages, else a page. More in a large cycle: 2^16 lines of it are read.
+  static std::uint64_t TouchStep(std::uint64_t cycleBytes, bool isHuge);
 
   /// A line of the cycle. There is one after the first call of GrowTo.
   Line* Start() const { return reinterpret_cast<Line*>(data_); }
@@ -50,6 +52,7 @@ class ChaseMemory {
   std::uint64_t lineBytes_;
   std::uint64_t bytes_;
   std::uint64_t lines_ = 0;   ///< of the cycle
+  bool isHuge_ = false;       ///< all of the cycle is in huge pages
   std::uint64_t random_ = 1;  ///< the same order in every run
 };
 

@@ -149,4 +149,15 @@ std::vector<int> AllowedCpus() {
   return cpus;
 }
 
+int WhyNotOn(int cpu) {
+  cpu_set_t before;
+  if (sched_getaffinity(0, sizeof(before), &before) != 0) return errno;
+  cpu_set_t only;
+  CPU_ZERO(&only);
+  if (cpu >= 0 && cpu < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &only);
+  if (sched_setaffinity(0, sizeof(only), &only) != 0) return errno;
+  (void)sched_setaffinity(0, sizeof(before), &before);
+  return 0;
+}
+
 }  // namespace scope

@@ -39,4 +39,8 @@ std::string OwnCpusText(const OwnCpus& own, const char* sign = ": ");
 /// The CPUs that this program may use, in rising order; empty if the system does not say.
 std::vector<int> AllowedCpus();
 
+/// 0 if the calling thread may choose this CPU, else why not, as errno. It may choose others than those that
+/// it has now, which `taskset` gave it.
+int WhyNotOn(int cpu);
+
 }  // namespace scope

@@ -57,6 +57,11 @@ std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes) {
   return huge + " and " + usual;
 }
 
+UserError NoCpuForLatency(int cpu, int error) {
+  return UserError("--latency-cpu " + std::to_string(cpu) +
+                   ": the latency probe cannot run there: " + std::strerror(error));
+}
+
 LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rhythm, Signals* signals)
     : process_("the latency probe", "scope_latency",
                [bytes, cpu, &rhythm](int socket) { RunLatencyProbe(socket, bytes, cpu, rhythm); }) {
@@ -68,8 +73,7 @@ LatencyProbe::LatencyProbe(std::uint64_t bytes, int cpu, const LatencyRhythm& rh
   const LatencySetup& setup = packet.setup;
   if (hasAnswer && packet.type == LatencyPacket::Type::kNoCpu) {
     process_.ExpectEnd();
-    throw UserError("--latency-cpu " + std::to_string(cpu) +
-                    ": the latency probe cannot run there: " + std::strerror(setup.cpuError));
+    throw NoCpuForLatency(cpu, setup.cpuError);
   }
   if (!hasAnswer || packet.type != LatencyPacket::Type::kReady) {
     const std::string reason = process_.Fault().empty() ? "the system refuses it" : process_.Fault();

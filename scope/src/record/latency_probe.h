@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "errors.h"
 #include "histogram.h"
 #include "latency_process.h"
 #include "run.h"
@@ -23,6 +24,9 @@ std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& ca
 /// The pages of `bytes` of memory, of which `hugeBytes` are in huge ones: "2 MiB", "4 KiB", or "2 MiB and 4
 /// KiB" where the system has no huge page for a part. How large that part is differs from run to run.
 std::string LatencyPages(std::uint64_t bytes, std::uint64_t hugeBytes);
+
+/// The refusal of a CPU that the probe cannot have, with the reason as errno.
+UserError NoCpuForLatency(int cpu, int error);
 
 /// The process that measures the latency of memory during a run: one thread that follows a chain of pointers
 /// in short bursts. It never outlives this object or this program.

@@ -144,10 +144,13 @@ class LatencyLoop {
         // After a stall the report is of more than a second.
         while (reportNs <= now()) reportNs += kSecondNs;
       }
+      if (now() < dueNs) continue;
+      const std::uint64_t cpuNs = ReadThreadState().cpuNs;
       bursts_->Warm();
       bursts_->Burst(rhythm_.burstNs);
-      dueNs = std::max(now(), dueNs + share(random) * rhythm_.periodNs);
-    } while (!EndIsAsked(dueNs - now()));
+      const auto tookNs = static_cast<double>(ReadThreadState().cpuNs - cpuNs);
+      dueNs = std::max(now(), dueNs + share(random) * std::max(rhythm_.periodNs, tookNs / rhythm_.mostShare));
+    } while (!EndIsAsked(std::min(dueNs, reportNs) - now()));
     Report(LatencyPacket::Type::kEnd);
   }
 

@@ -55,6 +55,7 @@ struct LatencyPacket {
 struct LatencyRhythm {
   double burstNs = 1e6;
   double periodNs = 125e6;  ///< on average: pauses have random lengths, so that they do not beat with a load
+  double mostShare = 0.01;  ///< of a CPU: pauses are longer where beginning again takes long
 };
 
 /// The work of the latency probe's process, which has `socket`. It goes through `bytes` of memory on CPU

@@ -103,7 +103,7 @@ Json CurveData(const CurveTable& table) {
             {"idle", idle},
             {"knee", figures ? KneeJson(*figures) : Json(nullptr)},
             {"saturation", figures ? CurveSaturationJson(table, *figures) : Json(nullptr)},
-            {"sentences", figures ? CurveSentences(table, *figures) : std::vector<std::string>()},
+            {"sentences", CurveSentences(table, figures)},
             {"notes", table.notes}};
   return json;
 }

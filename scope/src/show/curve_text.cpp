@@ -55,12 +55,7 @@ std::string CurveText(const CurveTable& table, std::size_t width) {
     text += "Latency of " + Printable(table.infos.front().info.conditions.latency) + "\n";
   text += '\n' + TableOf(table, width) +
           "lost: the share of the bursts in which the probe lost its processor; these are in no figure\n\n";
-  const std::optional<CurveFigures> figures = FiguresOf(table);
-  if (figures) {
-    for (const std::string& sentence : CurveSentences(table, *figures)) text += sentence + '\n';
-  } else {
-    text += "No repeat of the curve is whole, or no load has a bandwidth: there is no knee yet.\n";
-  }
+  for (const std::string& sentence : CurveSentences(table, FiguresOf(table))) text += sentence + '\n';
   for (const std::string& note : table.notes) text += "\nnote: " + Printable(note);
   return text + (table.notes.empty() ? "" : "\n");
 }
