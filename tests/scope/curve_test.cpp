@@ -634,7 +634,7 @@ TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "AIC"}), HasSubstr("with a model as \"File\""));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "CPU,VPC:4", "--most", "3"}),
               HasSubstr("--most 3: levels allow at most 2 times CPU,VPC:4"));
-  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--no-meter"}), HasSubstr("a curve needs the meter"));
+  EXPECT_THAT(error("CPU: {Level: 1}\n", {"--no-meter"}), HasSubstr("no option --no-meter"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--stop-after", "3"}), HasSubstr("too short for a warm-up of 1 s"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--points", "3"}), HasSubstr("--points"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--latency-cpu", "1000"}),

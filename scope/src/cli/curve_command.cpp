@@ -25,8 +25,8 @@
 namespace scope {
 namespace {
 
-// Ten points, three times, in less than three minutes: a run takes its four seconds and a good one around
-// them.
+// Ten points, three times, in less than three minutes: a run takes its four seconds and a little more than
+// one around them.
 constexpr double kUsualRunS = 4;
 constexpr double kUsualWarmupS = 1;
 constexpr int kUsualRepeats = 3;
@@ -83,7 +83,6 @@ Curve PrepareCurve(const CurveOptions& options, std::unique_ptr<FolderLock>& loc
   Sweep& sweep = curve.sweep;
   sweep.settings = options.settings;
   sweep.settings.latency = true;
-  if (!sweep.settings.useMeter) throw UserError("a curve needs the meter: leave --no-meter out");
   MakeAbsolute(sweep.settings);
   sweep.configPath = options.config;
   curve.points = options.points;
@@ -190,6 +189,8 @@ void AddCurve(CLI::App& app, int& status) {
   CLI::Option* const seed = AddPlanOfCurve(*command, *options, resume);
   AddLatencyPlace(*command, settings, resume, nullptr);
   AddRunSettings(*command, settings, resume);
+  // The bandwidth of a point is what the meter counts.
+  (void)command->remove_option(command->get_option("--no-meter"));
   command->get_option("--stop-after")
       ->description("End each run with SIGINT after this time")
       ->capture_default_str();
