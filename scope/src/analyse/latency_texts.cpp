@@ -23,7 +23,8 @@ constexpr double kMostStepShare = 0.1;
 constexpr std::uint64_t kLeastCaches = 4;
 
 // The median of the seconds.
-std::string MedianText(const std::vector<LatencySecond>& seconds, std::uint64_t LatencySecond::* ns) {
+template <typename Number>
+std::string MedianText(const std::vector<LatencySecond>& seconds, Number LatencySecond::* ns) {
   std::vector<double> values;
   for (const LatencySecond& second : seconds) values.push_back(static_cast<double>(second.*ns));
   return Latency(static_cast<std::uint64_t>(std::llround(Median(std::move(values)))));
@@ -38,8 +39,9 @@ std::string FiguresText(const Run& run, const RunSummary& summary) {
     const LatencySummary& whole = run.info.latency;
     if (whole.accesses == 0) return "no access was undisturbed";
     return "p50 " + Latency(whole.p50Ns) + ", p99 " + Latency(whole.p99Ns) + ", p99.9 " +
-           Latency(whole.p999Ns) + ", longest " + Latency(whole.maxNs) +
-           " of the whole run: no second is whole";
+           Latency(whole.p999Ns) + ", mean " +
+           Latency(static_cast<std::uint64_t>(std::llround(whole.meanNs))) + ", longest " +
+           Latency(whole.maxNs) + " of the whole run: no second is whole";
   }
   std::uint64_t longest = 0;
   for (const LatencySecond& second : seconds) longest = std::max(longest, second.maxNs);
@@ -47,7 +49,8 @@ std::string FiguresText(const Run& run, const RunSummary& summary) {
                                     [](const EngineSummary& engine) { return engine.work.operations != 0; });
   return "p50 " + MedianText(seconds, &LatencySecond::p50Ns) + ", p99 " +
          MedianText(seconds, &LatencySecond::p99Ns) + ", p99.9 " +
-         MedianText(seconds, &LatencySecond::p999Ns) + " (medians of " + Counted(seconds.size(), "second") +
+         MedianText(seconds, &LatencySecond::p999Ns) + ", mean " +
+         MedianText(seconds, &LatencySecond::meanNs) + " (medians of " + Counted(seconds.size(), "second") +
          (isLoaded ? " under load" : " without load") + "), longest " + Latency(longest);
 }
 
