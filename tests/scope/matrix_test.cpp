@@ -798,6 +798,11 @@ TEST_F(MatrixProgramTest, SaysWhatItNeeds) {
   EXPECT_THAT(error({"--levels", "CPU=0,1", "--stop-after", "3"}), HasSubstr("too short"))
       << "copies, which nothing else disturbs, are no victim";
   EXPECT_THAT(error({"--worst", "VPC", "--victim", "CPU"}), HasSubstr("--worst"));
+  const std::string noProbe = "--latency-size needs the victim latency";
+  EXPECT_THAT(error({"--victim", "VPC", "--latency-size", "nonsense"}), HasSubstr(noProbe));
+  EXPECT_THAT(error({"--worst", "VPC", "--latency-size", "1M"}), HasSubstr(noProbe));
+  EXPECT_THAT(error({"--victim", "latency", "--latency-size", "nonsense"}),
+              AllOf(HasSubstr("--latency-size"), Not(HasSubstr(noProbe))));
   EXPECT_EQ(RunTool({"matrix"}).status, 2);
   EXPECT_THAT(RunTool({"matrix", "--resume", folder_ / "none"}).errors, HasSubstr("not a matrix"));
 }

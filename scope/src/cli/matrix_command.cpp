@@ -74,6 +74,15 @@ std::vector<int> ChooseOwnCpus(const std::vector<MatrixVictim>& victims) {
   return {allowed.end() - static_cast<std::ptrdiff_t>(wanted), allowed.end()};
 }
 
+void PrepareLatency(Matrix& matrix) {
+  const auto isLatency = [](const MatrixVictim& victim) { return victim.section == kLatencyVictim; };
+  if (std::any_of(matrix.victims.begin(), matrix.victims.end(), isLatency)) {
+    FixLatencySize(matrix.settings);
+  } else if (!matrix.settings.latencySize.empty()) {
+    throw UserError("--latency-size needs the victim latency");
+  }
+}
+
 Matrix PrepareMatrix(const MatrixOptions& options, std::unique_ptr<FolderLock>& lock) {
   Matrix matrix;
   matrix.settings = options.settings;
@@ -98,8 +107,7 @@ Matrix PrepareMatrix(const MatrixOptions& options, std::unique_ptr<FolderLock>& 
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, matrix.settings), matrix.settings.warmupS);
   CheckRecord(matrix.settings);
-  const auto isLatency = [](const MatrixVictim& victim) { return victim.section == kLatencyVictim; };
-  if (std::any_of(matrix.victims.begin(), matrix.victims.end(), isLatency)) FixLatencySize(matrix.settings);
+  PrepareLatency(matrix);
   if (IsMatrixFolder(options.folder)) {
     throw UserError(options.folder + " contains a matrix: continue it with --resume " + options.folder +
                     ", or choose another folder");
