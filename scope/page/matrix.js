@@ -206,13 +206,12 @@ function figuresSection({cells}) {
 function showMatrix(data) {
   const facts = [`matrix of ${data.started}`, counted(data.runs, 'run'), `warm-up ${data.warmup_s} s`,
     ...(data.complete ? [] : ['incomplete']), `seed ${data.seed}`];
-  const latency = data.latency === '' ? [] : [`The latency is that of ${data.latency}.`];
   showPage({
     heading: 'stress_scope matrix',
     title: data.folder,
     heads: [el('p', {}, el('strong', {}, data.folder), ` ${facts.join(', ')}`)],
     figures: [],
-    sections: [section('What the matrix says', listOf([...data.sentences, ...latency])), ...mapOfVictims(data),
+    sections: [section('What the matrix says', listOf(data.sentences)), ...mapOfVictims(data),
       ...intervalsSection(data), figuresSection(data),
       section('Notes', data.notes.length > 0 ? listOf(data.notes) : el('p', {}, 'None.'))],
     charts: [],

@@ -520,7 +520,9 @@ TEST_F(PagesInBrowser, AMatrixDrawsEachSlowdownWithItsInterval) {
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("Memory slows VPC=1 most beside CPU=2 VENC=1"),
                                   HasSubstr("not done: 4 of 24 runs"), HasSubstr("throw 1"),
                                   HasSubstr("20 runs, warm-up 1 s, incomplete"),
-                                  HasSubstr("1.6 times by memory are 2 times in all")));
+                                  HasSubstr("1.6 times by memory are 2 times in all"),
+                                  HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 3."),
+                                  HasSubstr("parts of this memory: 1 MiB 9 ns, 256 MiB 100 ns.")));
   const json seen = visit.page["extra"];
   EXPECT_EQ(seen["drawings"], 5 * 3 - 2);
   EXPECT_EQ(seen["words"],

@@ -14,13 +14,17 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "control.h"
 #include "engines.h"
 #include "error_of.h"
 #include "latency_buckets.h"
+#include "latency_texts.h"
 #include "made_curve.h"
 #include "made_run.h"
 #include "margin_search.h"
@@ -46,6 +50,7 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::Pair;
 using ::testing::SizeIs;
 using namespace scope;
@@ -166,6 +171,16 @@ TEST(MatrixTableTest, SlowdownIsOfTheSameWork) {
   EXPECT_FALSE(SlowdownOf({100, 100}, {50, 0}, false)) << "one that did nothing";
 }
 
+// FORMAT-MATRIX.md describes each key.
+void ExpectDescribed(const nlohmann::json& part) {
+  const std::string format = ReadText(SCOPE_FORMAT_MATRIX).value_or("");
+  for (const auto& [key, value] : part.items()) {
+    const bool isDescribed =
+        format.find("`" + key) != std::string::npos || format.find("." + key + "`") != std::string::npos;
+    EXPECT_TRUE(isDescribed) << key;
+  }
+}
+
 class MatrixTest : public ::testing::Test {
  protected:
   std::string Folder() const { return folder_ / "matrix"; }
@@ -259,6 +274,8 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
     scope::Run recorded = made_curve::Run({5, ns + run.repeat});
     if (run.part == MatrixPart::kControl && run.repeat == 2)
       recorded.info.conditions.latency = "64 MiB in pages of 4 KiB, CPU 1";
+    recorded.info.latency.growth.back().p50Ns = static_cast<std::uint64_t>(ns);
+    if (run.part == MatrixPart::kLoad) recorded.info.latency = {};
     recorded.info.latency.cpu = run.part == MatrixPart::kWith ? -1 : 1;
     recorded.info.latency.cpuNote = run.part == MatrixPart::kWith ? "it is taken" : "";
     made_run::Write(recorded, Folder() + "/" + run.folder);
@@ -269,7 +286,11 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
   EXPECT_THAT(table.cells[0].with.p99Us, ElementsAre(0.442, 0.444));
   EXPECT_EQ(table.cells[0].with.bursts, 48U) << "of both runs without the warm-up and the last second";
   EXPECT_EQ(table.cells[0].with.interrupted, 2U);
-  const auto json = nlohmann::json::parse(MatrixJson(Folder(), matrix, table, true))["cells"][0];
+  const auto data = nlohmann::json::parse(MatrixJson(Folder(), matrix, table, true));
+  EXPECT_EQ(data["growth"][0], nlohmann::json::parse(R"({"bytes": 1048576, "p50_ns": 9})"));
+  EXPECT_EQ(data["growth"][1]["p50_ns"], 110) << "of 100, 110 and 220, each twice";
+  ExpectDescribed(data["growth"][1]);
+  const auto& json = data["cells"][0];
   EXPECT_EQ(json["control"]["runs"], 2);
   EXPECT_EQ(json["control"]["bursts"], 48);
   EXPECT_EQ(json["control"]["interrupted"], 2);
@@ -281,7 +302,8 @@ TEST_F(MatrixTest, TheLatencyOfMemoryIsAVictim) {
   EXPECT_THAT(table.notes, ElementsAre(HasSubstr("its latency is that of 64 MiB in pages of 4 KiB, CPU 1"),
                                        "latency of 2 runs: the probe had no CPU of its own: it is taken"));
   EXPECT_THAT(MatrixText(matrix, table),
-              AllOf(HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"),
+              AllOf(HasSubstr("over parts of this memory: 1 MiB 9 ns, 256 MiB 110 ns.\n"),
+                    HasSubstr("The latency of memory grows most beside CPU=2: by +98.7 %"),
                     HasSubstr("  p99 alone  "),
                     ::testing::ContainsRegex(" 223 ns \\[21[0-9] ns, 23[0-9] ns\\]  443 ns \\[4")));
 }
@@ -605,7 +627,7 @@ class MatrixProgramTest : public ::testing::Test {
     const std::string path = folder_.Put(
         "benchmark",
         "#!/bin/sh\ncpu=$(sed -n '/^CPU/{n;s/.*: //p}' \"$1\")\nvpc=$(sed -n '/^VPC/{n;s/.*: //p}' \"$1\")\n"
-        "echo \"cpu $cpu vpc $vpc\" >>\"$0.ran\"\n" +
+        "echo \"cpu $cpu vpc $vpc pin $STRESS_SCOPE_PIN\" >>\"$0.ran\"\n" +
             atItsStart +
             "\nfor second in 1 2 3 4 5 6; do\n"
             "  [ \"$vpc\" = 0 ] || echo \"sample 1 0 " +
@@ -617,7 +639,8 @@ class MatrixProgramTest : public ::testing::Test {
             " 50\"\n  done\n"
             "  echo \"print cpuStress : 1.000000 fps. ispStress : 30.0 fps.\"\n"
             "  echo \"second $((second * 1000))\"\ndone >\"$0.script\"\n"
-            "[ \"$vpc\" != 0 ] || sleep 1.2\nexec " SCRIPTED_METER " \"$1\" \"$0.script\"\n");
+            "[ \"$vpc$cpu\" = 00 ] || [ \"$vpc\" != 0 ] || sleep 1.2\nexec " SCRIPTED_METER
+            " \"$1\" \"$0.script\"\n");
     (void)chmod(path.c_str(), 0755);
     return path;
   }
@@ -677,15 +700,7 @@ TEST_F(MatrixProgramTest, GoesOnAfterAnInterruptionAndShowsWhatDisturbs) {
   EXPECT_NEAR(json["cells"][0]["by_memory"]["percent"].get<double>(), 25, 1e-6);
   EXPECT_NEAR(json["cells"][0]["memory_share"]["percent"].get<double>(), 100, 1e-6);
 
-  // FORMAT-MATRIX.md describes each key.
-  const std::string format = ReadText(SCOPE_FORMAT_MATRIX).value_or("");
-  for (const auto& part : {json, json["cells"][0], json["cells"][0]["with"]}) {
-    for (const auto& [key, value] : part.items()) {
-      const bool isDescribed =
-          format.find("`" + key) != std::string::npos || format.find("." + key + "`") != std::string::npos;
-      EXPECT_TRUE(isDescribed) << key;
-    }
-  }
+  for (const auto& part : {json, json["cells"][0], json["cells"][0]["with"]}) ExpectDescribed(part);
 
   // The page, and the report that writes it again.
   EXPECT_THAT(second.output, HasSubstr("\nreport in " + Folder() + "/report.html\n"));
@@ -719,6 +734,42 @@ TEST_F(MatrixProgramTest, GoesOnAfterAnInterruptionAndShowsWhatDisturbs) {
   refuses("\"repeats\": 2", "\"repeats\": 0", "repeats of 1 or more");
   refuses("\"own_cpus\": ", "\"own_cpus\": \"x\", \"x\": ", "expected a list of CPUs");
   refuses("\"format\": 1", "\"format\": 7", "written in format 7");
+}
+
+TEST_F(MatrixProgramTest, MeasuresTheLatencyOfMemoryOnACpuOfItsOwn) {
+  const ToolResult result = RunTool(Arguments(
+      Benchmark(), {"--levels", "CPU=0,1", "--victim", "latency", "--latency-size", "1M", "--repeat", "1"}));
+  EXPECT_EQ(result.status, 0) << result.errors;
+  const int last = AllowedCpus().back();
+  const bool isOwn = AllowedCpus().size() > 1;
+  const std::string name = std::to_string(last);
+  const Matrix matrix = ReadMatrix(Folder());
+  EXPECT_EQ(matrix.ownCpus, isOwn ? std::vector<int>{last} : std::vector<int>());
+  if (isOwn) EXPECT_THAT(result.output, HasSubstr("The victim has CPU " + name + " to itself"));
+  ASSERT_THAT(matrix.runs, SizeIs(4));
+  std::vector<scope::Run> runs;
+  for (const MatrixRun& run : matrix.runs) {
+    runs.push_back(ReadRun(Folder() + "/" + run.folder));
+    const RunInfo& info = runs.back().info;
+    const bool isLoad = run.part == MatrixPart::kLoad;
+    EXPECT_EQ(info.conditions.ownCpus, isOwn ? ": " + name : "") << "of no engine";
+    EXPECT_EQ(info.conditions.control.empty(), run.part != MatrixPart::kControl) << run.folder;
+    EXPECT_EQ(info.latency.bytes, isLoad ? 0U : 1U << 20) << run.folder;
+    if (isLoad) continue;
+    EXPECT_EQ(info.latency.cpu, last) << run.folder;
+    EXPECT_GT(info.latency.bursts, 0U) << run.folder;
+    EXPECT_THAT(info.conditions.latency,
+                AllOf(::testing::StartsWith("1 MiB in pages of "), HasSubstr(", CPU " + name)));
+  }
+  // No engine's threads may work there.
+  std::istringstream ran(folder_.Get("benchmark.ran"));
+  std::size_t lines = 0;
+  for (std::string line; std::getline(ran, line); ++lines)
+    EXPECT_THAT(line, ::testing::EndsWith(isOwn ? " vpc 0 pin =" + name : " vpc 0 pin "));
+  EXPECT_EQ(lines, 4U);
+  const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
+  EXPECT_EQ(json["latency"], runs.back().info.conditions.latency);
+  EXPECT_EQ(json["growth"].size(), MedianGrowth(runs).size());
 }
 
 TEST_F(MatrixProgramTest, LooksForTheWorstMixAndGoesOnAfterAFailure) {

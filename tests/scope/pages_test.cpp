@@ -212,12 +212,16 @@ TEST(MatrixPage, HasTheJsonOfTheCommandAndSaysWhatSlowsMost) {
   EXPECT_EQ(data.at("complete"), false);
   EXPECT_EQ(data.at("sentences"),
             Json::parse(R"(["The victim has CPU 3 to itself; aggressors and controls share the others.",
+                            "The latency is that of 256 MiB in pages of 2 MiB, CPU 3.",
+                            "Before the load, medians of all runs with the probe over parts of this memory: 1 MiB 9 ns, 256 MiB 100 ns.",
                             "Memory slows VPC=1 most beside CPU=2 VENC=1: by +60.0 % [+52.0, +68.0].",
                             "The latency of memory grows most beside CPU=2 VENC=1: by +150.0 % [+137.5, +162.5]."])"));
   EXPECT_EQ(data.at("cells").at(2).at("memory_share"),
             Json::parse(R"({"percent": 68, "low": 60, "high": 76})"));
   EXPECT_EQ(data.at("cells").at(0).at("memory_share"), nullptr);
   EXPECT_EQ(data.at("latency"), "256 MiB in pages of 2 MiB, CPU 3");
+  EXPECT_EQ(data.at("growth"),
+            Json::parse(R"([{"bytes": 1048576, "p50_ns": 9}, {"bytes": 268435456, "p50_ns": 100}])"));
 }
 
 TEST(MatrixPage, SaysWhatTheRunsDoNotShow) {
@@ -231,7 +235,9 @@ TEST(MatrixPage, SaysWhatTheRunsDoNotShow) {
       text, AllOf(HasSubstr("\nWhether memory slows VPC=1 is not known: this needs two runs of each part.\n"),
                   HasSubstr("\nThese runs do not show that the latency of memory grows: no interval is "
                             "above 0.\n"),
-                  HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 3.\n"),
+                  HasSubstr("The latency is that of 256 MiB in pages of 2 MiB, CPU 3.\n"
+                            "Before the load, medians of all runs with the probe over parts of this memory: "
+                            "1 MiB 9 ns, 256 MiB 100 ns.\n"),
                   HasSubstr("note: not done: 4 of 24 runs")));
 }
 

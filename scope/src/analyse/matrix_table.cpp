@@ -99,6 +99,7 @@ class TableReader {
     }
     AddDisturbances(disturbances_, table_.notes);
     AddLatencyDoubts(doubts_, table_.notes);
+    table_.growth = MedianGrowth(infos_);
     const std::size_t missing = matrix_.runs.size() - table_.done;
     if (missing != 0) {
       table_.notes.push_back("not done: " + std::to_string(missing) + " of " +

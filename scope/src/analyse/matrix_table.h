@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "matrix.h"
+#include "run.h"
 #include "worst_search.h"
 
 namespace scope {
@@ -66,7 +67,8 @@ struct MatrixTable {
   std::size_t withRuns = 0;       ///< of them, those of victims with aggressors
   /// What the latency of memory is of: "256 MiB in pages of 2 MiB, CPU 1"; empty without that victim.
   std::string latency;
-  std::optional<NextWorst> next;  ///< of a search that has found a mix, and tried another one
+  std::vector<LatencyGrowth> growth;  ///< medians of what the runs with the probe read before their load
+  std::optional<NextWorst> next;      ///< of a search that has found a mix, and tried another one
   std::vector<std::string> notes;
 };
 

@@ -63,7 +63,11 @@ Json MatrixData(const std::string& folder, const Matrix& matrix, const MatrixTab
   Json cells = Json::array();
   for (const MatrixCell& cell : table.cells) cells.push_back(CellJson(cell));
   std::vector<std::string> sentences = {OwnCpusSentence(matrix)};
+  for (std::string& sentence : ProbeSentences(table)) sentences.push_back(std::move(sentence));
   for (std::string& sentence : MatrixSentences(matrix, table)) sentences.push_back(std::move(sentence));
+  Json growth = Json::array();
+  for (const LatencyGrowth& part : table.growth)
+    growth.push_back(Json{{"bytes", part.bytes}, {"p50_ns", part.p50Ns}});
   Json worst = nullptr;
   if (matrix.worst) {
     worst = Json{{"runs", table.withRuns}, {"all_runs", ExhaustiveRuns(WorstGridOf(matrix))}};
@@ -90,6 +94,7 @@ Json MatrixData(const std::string& folder, const Matrix& matrix, const MatrixTab
               {"cells", cells},
               {"worst", worst},
               {"latency", table.latency},
+              {"growth", growth},
               {"sentences", sentences},
               {"notes", table.notes}};
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "estimate.h"
+#include "latency_texts.h"
 #include "matrix_plan.h"
 #include "number_text.h"
 #include "printable.h"
@@ -110,6 +111,16 @@ std::string OwnCpusSentence(const Matrix& matrix) {
   return "The victim has no CPU to itself: it shares the CPUs with aggressors and controls.";
 }
 
+std::vector<std::string> ProbeSentences(const MatrixTable& table) {
+  std::vector<std::string> sentences;
+  if (!table.latency.empty()) sentences.push_back("The latency is that of " + table.latency + ".");
+  if (!table.growth.empty()) {
+    sentences.push_back("Before the load, medians of all runs with the probe over parts of this memory: " +
+                        GrowthText(table.growth) + ".");
+  }
+  return sentences;
+}
+
 std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable& table) {
   if (matrix.worst) return WorstSentences(matrix, table);
   std::vector<std::string> sentences;
@@ -119,7 +130,7 @@ std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable
 
 std::string MatrixText(const Matrix& matrix, const MatrixTable& table, std::size_t width) {
   std::string text = OwnCpusSentence(matrix) + "\n";
-  if (!table.latency.empty()) text += "The latency is that of " + Printable(table.latency) + ".\n";
+  for (const std::string& sentence : ProbeSentences(table)) text += Printable(sentence) + '\n';
   text += Format(
       "Medians of the runs after a warm-up of %g s; slowdowns are ratios of geometric means, p99 are such "
       "means, with intervals of 95 %%\n",

@@ -13,6 +13,9 @@ namespace scope {
 /// Which CPUs the victim has to itself, or that it has none; a sentence.
 std::string OwnCpusSentence(const Matrix& matrix);
 
+/// What the latency of memory is of, and how it grows with the memory; nothing without that victim.
+std::vector<std::string> ProbeSentences(const MatrixTable& table);
+
 /// For each victim what slows it most because of memory; of a search, the mix that it has found.
 std::vector<std::string> MatrixSentences(const Matrix& matrix, const MatrixTable& table);
 
