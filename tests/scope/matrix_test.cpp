@@ -333,7 +333,46 @@ TEST_F(MatrixTest, SaysThatNoBurstWasUndisturbed) {
   EXPECT_THAT(MatrixText(matrix, table),
               HasSubstr("It found CPU=2, whose control measured nothing: see the notes."));
   matrix.runs.clear();
-  EXPECT_THAT(MatrixText(matrix, table), HasSubstr("It has not ended."));
+  EXPECT_THAT(MatrixText(matrix, table), HasSubstr("No mix that it tried has figures: see the notes."));
+  EXPECT_THAT(MatrixText(matrix, MatrixTable()), HasSubstr("It has not ended."));
+}
+
+// What takes the probe's CPU does not slow memory for that.
+TEST_F(MatrixTest, ASearchDoesNotRankRunsWithoutALatency) {
+  Matrix matrix = Planned({"CPU=0..2"}, {"latency"}, 1);
+  matrix.worst = true;
+  const SweepLevels slow = {{"CPU", 1}};
+  const SweepLevels blind = {{"CPU", 2}};
+  for (const auto& [part, mix, ns] : {std::tuple(MatrixPart::kAlone, SweepLevels(), 100),
+                                      {MatrixPart::kWith, slow, 150},
+                                      {MatrixPart::kWith, blind, 0},
+                                      {MatrixPart::kControl, slow, 100}}) {
+    MatrixRun run;
+    run.folder = MatrixRunFolder(matrix.runs.size());
+    run.part = part;
+    run.victim = kLatencyVictim;
+    run.mix = mix;
+    run.state = SweepState::kDone;
+    scope::Run recorded = made_curve::Run({5, static_cast<double>(ns)});
+    for (LatencySecond& second : recorded.latency) second.accesses = ns == 0 ? 0 : second.accesses;
+    made_run::Write(recorded, Folder() + "/" + run.folder);
+    matrix.runs.push_back(run);
+  }
+  const std::vector<Slowness> slowness = ReadSlowness(Folder(), matrix);
+  EXPECT_THAT(slowness, ElementsAre(IsEmpty(), ElementsAre(150.0), ElementsAre(std::nullopt)));
+  EXPECT_THAT(FoundWorst(matrix, slowness), ElementsAre(slow));
+  const MatrixTable table = ReadMatrixTable(Folder(), matrix);
+  EXPECT_THAT(table.notes, ::testing::Contains(::testing::StartsWith(
+                               "no latency beside CPU=2: the probe had no undisturbed burst")));
+  EXPECT_THAT(MatrixText(matrix, table),
+              AllOf(HasSubstr("The worst mix for latency is CPU=1: slower by +50.0 % in all"),
+                    HasSubstr("The other mixes that it tried have no figures: see the notes.")));
+  // An engine that does nothing is as slow as can be.
+  matrix.victims = ParseVictims({"VPC"});
+  matrix.runs.erase(matrix.runs.begin() + 3);
+  Put(matrix.runs[1].folder, 100, 50, 1, 0);
+  Put(matrix.runs[2].folder, 0, 50, 1, 0);
+  EXPECT_THAT(FoundWorst(matrix, ReadSlowness(Folder(), matrix)), ElementsAre(blind, slow));
 }
 
 // The seconds in which aggressors begin and end are no seconds under load.
@@ -547,6 +586,47 @@ TEST(WorstSearchTest, JudgesByTheScatterOfTheRuns) {
   const std::vector<Slowness> scattered = {{}, {1.25}, {1.0, 1.2, 1.44}};
   EXPECT_NEAR(ScatterOfRuns(scattered), 0.1065, 0.0005);
   EXPECT_EQ(WorstMixes(grid, scattered).front(), 2U);
+}
+
+TEST(WorstSearchTest, RunsThatMeasuredNothingRankNoMix) {
+  const WorstGrid grid{{3}, true, 3};
+  const std::vector<Slowness> tried = {{}, {1.25, std::nullopt}, {1.2, std::nullopt, 1.2}};
+  EXPECT_NEAR(ScatterOfRuns(tried), ScatterOfRuns({{}, {1.25}, {1.2, 1.2}}), 1e-12);
+  EXPECT_THAT(WorstMixes(grid, tried), ElementsAre(1U, 2U));
+  EXPECT_THAT(WorstMixes(grid, {{}, {std::nullopt, std::nullopt}, {1}}), ElementsAre(2U));
+  EXPECT_EQ(NextMix(grid, {{}, {}, {std::nullopt}}, 6), 1U);
+  EXPECT_FALSE(NextMix(grid, {{}, {std::nullopt}, {std::nullopt}}, 6)) << "each is tried once";
+  EXPECT_EQ(NextMix(grid, {{}, {1}, {std::nullopt}}, 6), 1U);
+  EXPECT_FALSE(NextMix(grid, {{}, {1, std::nullopt, 1}, {std::nullopt}}, 6)) << "no mix has more runs";
+}
+
+// The copies take the probe's CPU at their highest level, and the encoder slows memory.
+TEST(WorstSearchTest, WhatTakesTheProbesCpuIsNotTheWorst) {
+  Matrix matrix = Planned({"CPU=0..5", "VENC=0..5"}, {"latency"}, 3);
+  matrix.worst = true;
+  std::vector<Slowness> tried(36);
+  std::map<SweepLevels, int> blind;
+  while (auto next = NextOfWorst(matrix, tried)) {
+    ASSERT_LT(matrix.runs.size(), 100U);
+    next->state = SweepState::kDone;
+    if (next->part == MatrixPart::kWith) {
+      const std::size_t mix = *MixNumber(matrix, next->mix);
+      const std::size_t copies = mix / 6;
+      const std::size_t frames = mix % 6;
+      if (copies == 5) {
+        ++blind[next->mix];
+        tried[mix].push_back(std::nullopt);
+      } else {
+        tried[mix].push_back(100.0 + 2 * static_cast<double>(copies) + 10 * static_cast<double>(frames));
+      }
+    }
+    matrix.runs.push_back(*std::move(next));
+  }
+  EXPECT_THAT(blind, Not(IsEmpty()));
+  EXPECT_THAT(blind, Each(Pair(::testing::_, 1))) << "it is not tried again";
+  EXPECT_EQ(FoundWorst(matrix, tried).front(), (SweepLevels{{"CPU", 4}, {"VENC", 5}}));
+  EXPECT_EQ(matrix.runs.back().part, MatrixPart::kControl);
+  EXPECT_EQ(matrix.runs.back().mix, (SweepLevels{{"CPU", 4}, {"VENC", 5}}));
 }
 
 // What is recorded of the mix that was found must not make the search look at another one.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "compare_conditions.h"
@@ -99,6 +100,7 @@ class TableReader {
     }
     AddDisturbances(disturbances_, table_.notes);
     AddLatencyDoubts(doubts_, table_.notes);
+    NoteUnmeasured();
     table_.growth = MedianGrowth(infos_);
     const std::size_t missing = matrix_.runs.size() - table_.done;
     if (missing != 0) {
@@ -141,6 +143,10 @@ class TableReader {
       const bool isLatency = run.victim == kLatencyVictim;
       if (isLatency) TakeLatency(run, recorded);
       const std::optional<VictimValues> values = ValuesOf(recorded, run.victim, warmupS);
+      if (!values && isLatency && matrix_.worst && run.part == MatrixPart::kWith) {
+        unmeasured_.insert(run.mix);
+        return;
+      }
       if (!values) {
         table_.notes.push_back(NameOf(matrix_, run) +
                                (isLatency ? ": no undisturbed burst of the latency probe after the warm-up"
@@ -170,6 +176,17 @@ class TableReader {
       cell = table_.cells.insert(cell, std::move(fresh));
     }
     return run.part == MatrixPart::kWith ? cell->with : cell->control;
+  }
+
+  // In a search, these may be many, and runs of one mix alike.
+  void NoteUnmeasured() {
+    if (unmeasured_.empty()) return;
+    std::vector<std::string> mixes;
+    for (const SweepLevels& mix : unmeasured_) mixes.push_back(PointText(mix));
+    table_.notes.push_back(
+        "no latency beside " + Joined(mixes, ", ") +
+        ": the probe had no undisturbed burst after the warm-up. The search leaves out runs "
+        "without a latency, so memory may be slower than it says");
   }
 
   static bool HasControl(const MatrixCell& cell) { return !cell.control.main.empty(); }
@@ -244,6 +261,7 @@ class TableReader {
   std::vector<std::string> disturbances_;
   std::vector<Run> infos_;  ///< the runs without their rows
   std::vector<LatencyDoubt> doubts_;
+  std::set<SweepLevels> unmeasured_;  ///< mixes of a search with a run that has no latency
 };
 
 }  // namespace
@@ -261,13 +279,15 @@ std::vector<Slowness> ReadSlowness(const std::string& folder, const Matrix& matr
     const std::optional<std::size_t> mix = MixNumber(matrix, run.mix);
     if (!mix) continue;
     const auto values = ValuesOf(ReadRun(folder + "/" + run.folder), victim, matrix.settings.warmupS);
-    // One that does nothing any more is as slow as can be.
-    constexpr double kNever = 1e9;
-    const double main = values && values->main > 0 ? values->main : 0;
-    if (main == 0) {
-      slowness[*mix].push_back(kNever);
+    const bool isLatency = victim == kLatencyVictim;
+    if (values && values->main > 0) {
+      slowness[*mix].push_back(SlownessOf(values->main, isLatency));
+    } else if (isLatency) {
+      slowness[*mix].push_back(std::nullopt);
     } else {
-      slowness[*mix].push_back(SlownessOf(main, victim == kLatencyVictim));
+      // One that does nothing any more is as slow as can be.
+      constexpr double kNever = 1e9;
+      slowness[*mix].push_back(kNever);
     }
   }
   return slowness;

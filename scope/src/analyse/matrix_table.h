@@ -75,7 +75,8 @@ struct MatrixTable {
 /// Reads the finished runs of the matrix in `folder`. A run that cannot be read is left out and noted.
 MatrixTable ReadMatrixTable(const std::string& folder, const Matrix& matrix);
 
-/// The results of a search so far, by the number of the mix: time per operation, or latency.
+/// The results of a search so far, by the number of the mix: time per operation, or latency. An engine that
+/// did nothing is as slow as can be; without an undisturbed burst, the latency is not known.
 std::vector<Slowness> ReadSlowness(const std::string& folder, const Matrix& matrix);
 
 /// Threads that take the processor time that the aggressors took in the run `folder`, which had no victim:

@@ -80,10 +80,16 @@ class Mixes {
   std::vector<Place> places_;
 };
 
+std::size_t MeasuredRuns(const Slowness& runs) {
+  return static_cast<std::size_t>(std::count_if(
+      runs.begin(), runs.end(), [](const std::optional<double>& slowness) { return slowness.has_value(); }));
+}
+
+// Of the runs that measured it: one at least.
 double LogMean(const Slowness& runs) {
   double sum = 0;
-  for (const double slowness : runs) sum += std::log(slowness);
-  return sum / static_cast<double>(runs.size());
+  for (const std::optional<double>& slowness : runs) sum += slowness ? std::log(*slowness) : 0;
+  return sum / static_cast<double>(MeasuredRuns(runs));
 }
 
 std::size_t RunsOf(const std::vector<Slowness>& tried) {
@@ -113,7 +119,7 @@ double Expected(const Mixes& mixes, const std::vector<Slowness>& tried, std::siz
   double sum = 0;
   double weights = 0;
   for (std::size_t other = mixes.First(); other < mixes.End(); ++other) {
-    if (tried[other].empty()) continue;
+    if (MeasuredRuns(tried[other]) == 0) continue;
     const double distance = mixes.Distance(mix, other);
     const double weight = 1 / (distance * distance * distance * distance);
     sum += weight * LogMean(tried[other]);
@@ -122,11 +128,11 @@ double Expected(const Mixes& mixes, const std::vector<Slowness>& tried, std::siz
   return sum / weights;
 }
 
-std::size_t Slowest(const Mixes& mixes, const std::vector<Slowness>& tried) {
-  std::size_t slowest = mixes.End();
+std::optional<std::size_t> Slowest(const Mixes& mixes, const std::vector<Slowness>& tried) {
+  std::optional<std::size_t> slowest;
   for (std::size_t mix = mixes.First(); mix < mixes.End(); ++mix) {
-    if (tried[mix].empty()) continue;
-    if (slowest == mixes.End() || LogMean(tried[mix]) > LogMean(tried[slowest])) slowest = mix;
+    if (MeasuredRuns(tried[mix]) == 0) continue;
+    if (!slowest || LogMean(tried[mix]) > LogMean(tried[*slowest])) slowest = mix;
   }
   return slowest;
 }
@@ -152,7 +158,7 @@ std::optional<std::size_t> LeastKnown(const WorstGrid& grid, const Mixes& mixes,
                                       const std::vector<Slowness>& tried) {
   std::vector<std::size_t> ranked;
   for (std::size_t mix = mixes.First(); mix < mixes.End(); ++mix) {
-    if (!tried[mix].empty()) ranked.push_back(mix);
+    if (MeasuredRuns(tried[mix]) != 0) ranked.push_back(mix);
   }
   std::sort(ranked.begin(), ranked.end(),
             [&tried](std::size_t a, std::size_t b) { return LogMean(tried[a]) > LogMean(tried[b]); });
@@ -187,10 +193,11 @@ std::optional<std::size_t> NextMix(const WorstGrid& grid, const std::vector<Slow
   if (static_cast<double>(runs) < kSpreadShare * static_cast<double>(budget)) {
     if (const auto farthest = Farthest(mixes, tried)) return farthest;
   }
-  const std::size_t slowest = Slowest(mixes, tried);
+  const std::optional<std::size_t> slowest = Slowest(mixes, tried);
+  if (!slowest) return Farthest(mixes, tried);
   // A mix that was slow by chance must not be climbed from for long.
-  if (tried[slowest].size() == 1 && grid.repeats > 1) return slowest;
-  if (const auto neighbour = BestNeighbour(mixes, tried, slowest)) return neighbour;
+  if (tried[*slowest].size() == 1 && grid.repeats > 1) return slowest;
+  if (const auto neighbour = BestNeighbour(mixes, tried, *slowest)) return neighbour;
   if (const auto known = LeastKnown(grid, mixes, tried)) return known;
   return Farthest(mixes, tried);
 }
@@ -199,10 +206,12 @@ double ScatterOfRuns(const std::vector<Slowness>& tried) {
   double squares = kUsualFreedom * kUsualError * kUsualError;
   double freedom = kUsualFreedom;
   for (const Slowness& runs : tried) {
-    if (runs.size() < 2) continue;
+    const std::size_t measured = MeasuredRuns(runs);
+    if (measured < 2) continue;
     const double mean = LogMean(runs);
-    for (const double slowness : runs) squares += (std::log(slowness) - mean) * (std::log(slowness) - mean);
-    freedom += static_cast<double>(runs.size() - 1);
+    for (const std::optional<double>& slowness : runs)
+      squares += slowness ? (std::log(*slowness) - mean) * (std::log(*slowness) - mean) : 0;
+    freedom += static_cast<double>(measured - 1);
   }
   return std::sqrt(squares / freedom);
 }
@@ -211,8 +220,9 @@ std::vector<std::size_t> WorstMixes(const WorstGrid& grid, const std::vector<Slo
   const double error = ScatterOfRuns(tried);
   std::vector<std::pair<double, std::size_t>> ranked;
   for (std::size_t mix = grid.hasNone ? 1 : 0; mix < tried.size(); ++mix) {
-    if (tried[mix].empty()) continue;
-    const double worth = LogMean(tried[mix]) - error / std::sqrt(static_cast<double>(tried[mix].size()));
+    const std::size_t measured = MeasuredRuns(tried[mix]);
+    if (measured == 0) continue;
+    const double worth = LogMean(tried[mix]) - error / std::sqrt(static_cast<double>(measured));
     ranked.emplace_back(-worth, mix);
   }
   std::sort(ranked.begin(), ranked.end());

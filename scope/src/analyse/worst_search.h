@@ -22,8 +22,8 @@ struct WorstGrid {
 };
 
 /// How slow the victim was in each run of a mix: any figure above 0 that grows with it, such as time per
-/// operation.
-using Slowness = std::vector<double>;
+/// operation. None where the run could not measure it: such a run counts, but says nothing of the mix.
+using Slowness = std::vector<std::optional<double>>;
 
 /// The runs of a search over all mixes.
 std::size_t ExhaustiveRuns(const WorstGrid& grid);
@@ -33,7 +33,7 @@ std::size_t ExhaustiveRuns(const WorstGrid& grid);
 std::size_t WorstBudget(const WorstGrid& grid);
 
 /// The mix to try next; none when `budget` runs were made, or nothing is left to find out. `tried` has an
-/// entry for each mix.
+/// entry for each mix. One whose runs measured nothing is not tried again.
 std::optional<std::size_t> NextMix(const WorstGrid& grid, const std::vector<Slowness>& tried,
                                    std::size_t budget);
 
@@ -41,9 +41,9 @@ std::optional<std::size_t> NextMix(const WorstGrid& grid, const std::vector<Slow
 /// mixes. Few runs say little of it: 2 % count as much as four more.
 double ScatterOfRuns(const std::vector<Slowness>& tried);
 
-/// The mixes with a run, the one that slowed the victim most first. A mix with few runs is drawn to the
-/// others, by as much as ScatterOfRuns makes its mean uncertain: of mixes that are nearly alike, that which
-/// is known best is first.
+/// The mixes with a measured run, the one that slowed the victim most first. A mix with few runs is drawn to
+/// the others, by as much as ScatterOfRuns makes its mean uncertain: of mixes that are nearly alike, that
+/// which is known best is first.
 std::vector<std::size_t> WorstMixes(const WorstGrid& grid, const std::vector<Slowness>& tried);
 
 }  // namespace scope

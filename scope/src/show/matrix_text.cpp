@@ -50,8 +50,15 @@ std::string CpusText(const MatrixCell& cell) {
 }
 
 // Whether the search can tell the worst mix from the one after it.
-std::string NextSentence(const MatrixTable& table) {
-  if (!table.next) return "It tried no other mix.";
+std::string NextSentence(const Matrix& matrix, const MatrixTable& table, const SweepLevels& worst) {
+  const auto isOther = [&worst](const MatrixRun& run) {
+    return run.part == MatrixPart::kWith && run.state == SweepState::kDone && run.mix != worst;
+  };
+  if (!table.next) {
+    return std::any_of(matrix.runs.begin(), matrix.runs.end(), isOther)
+               ? "The other mixes that it tried have no figures: see the notes."
+               : "It tried no other mix.";
+  }
   const std::optional<SlowdownPercent>& behind = table.next->behind;
   const std::string text = "Than beside the next one, " + PointText(table.next->mix) + ", it is slower by " +
                            SlowdownText(behind) + ".";
@@ -73,14 +80,17 @@ std::vector<std::string> WorstSentences(const Matrix& matrix, const MatrixTable&
     const auto control = std::find_if(matrix.runs.begin(), matrix.runs.end(), [](const MatrixRun& run) {
       return run.part == MatrixPart::kControl && run.state == SweepState::kDone;
     });
-    return {made, control == matrix.runs.end() ? "It has not ended."
-                                               : "It found " + PointText(control->mix) +
-                                                     ", whose control measured nothing: see the notes."};
+    if (control != matrix.runs.end())
+      return {made,
+              "It found " + PointText(control->mix) + ", whose control measured nothing: see the notes."};
+    if (table.withRuns != 0 && table.cells.empty())
+      return {made, "No mix that it tried has figures: see the notes."};
+    return {made, "It has not ended."};
   }
   return {"The worst mix for " + VictimText(worst->victim) + " is " + PointText(worst->mix) + ": slower by " +
               SlowdownText(worst->total) + " in all, by " + SlowdownText(worst->byMemory) +
               " because of memory.",
-          NextSentence(table), made};
+          NextSentence(matrix, table, worst->mix), made};
 }
 
 // Cells are in order of their slowdown by memory.
