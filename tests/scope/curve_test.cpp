@@ -406,6 +406,7 @@ TEST_F(CurveTest, ComparesTwo) {
     const Comparison comparison = CompareCurves(a, b, options);
     std::map<std::string, Verdict> found;
     for (const ComparedFigure& figure : comparison.figures) {
+      if (figure.verdict == Verdict::kNotJudged) continue;
       const std::string& at = figure.key.engine;
       found[at.find(" GB/s") == std::string::npos ? at : "between"] = figure.verdict;
     }
@@ -424,13 +425,102 @@ TEST_F(CurveTest, ComparesTwo) {
   EXPECT_EQ(quick.first, Answer::kBetter);
 }
 
+// Tails scatter so much that a verdict on them would mostly be one of chance.
+TEST_F(CurveTest, ShowsTheTailsAndTheLatencyAtSaturationAndJudgesNone) {
+  CurveTable a = made_curve::Table(Scattering(1, 1, 0.1), 4);
+  CurveTable b = made_curve::Table(Scattering(2, 1, 0.1), 4);
+  CompareOptions options;
+  options.tolerancePercent = 5;
+  const auto compare = [&] {
+    std::map<std::string, ComparedFigure> found;
+    Comparison comparison = CompareCurves(a, b, options);
+    for (const ComparedFigure& figure : comparison.figures)
+      found[figure.key.engine + " " + KindOf(figure.key.figure).name] = figure;
+    return std::pair(std::move(comparison), std::move(found));
+  };
+  const auto before = compare();
+  // The tails of B are longer everywhere, its median where it saturates.
+  const std::size_t saturated = FiguresOf(b)->saturation.lowest;
+  for (std::size_t i = 0; i < b.points.size(); ++i) {
+    for (auto& value : b.points[i].values) {
+      value->p99Ns *= 10;
+      value->p999Ns *= 20;
+      if (i == saturated) value->p50Ns *= 3;
+    }
+  }
+  const auto [comparison, found] = compare();
+  EXPECT_EQ(before.first.judged, 5U) << "idle, two bandwidths, knee and most";
+  EXPECT_EQ(comparison.judged, 5U);
+  EXPECT_THAT(comparison.figureConfidence, DoubleNear(0.99, 1e-12)) << "the 5 % are of the judged figures";
+  EXPECT_EQ(before.first.answer, Answer::kNoDifference);
+  EXPECT_EQ(comparison.answer, Answer::kNoDifference);
+  EXPECT_THAT(comparison.notes, IsEmpty());
+  std::size_t shown = 0;
+  for (const auto& [name, figure] : found) {
+    if (figure.verdict != Verdict::kNotJudged) continue;
+    ++shown;
+    ASSERT_TRUE(figure.interval) << name;
+    const bool isP99 = name.find("p99") != std::string::npos && name.find("p999") == std::string::npos;
+    const double percent = name == "saturation p50" ? 200 : isP99 ? 900 : 1900;
+    EXPECT_NEAR(*figure.differencePercent, percent, 0.03 * percent) << name;
+    EXPECT_LE(figure.interval->low, *figure.differencePercent) << name;
+  }
+  EXPECT_EQ(shown, 9U) << "two tails at four places, and the median at saturation";
+  EXPECT_THAT(*found.at("idle p99").a, DoubleNear(0.2, 0.001)) << "us";
+  EXPECT_THAT(*found.at("idle p999").a, DoubleNear(0.3, 0.001));
+  EXPECT_THAT(*found.at("saturation p50").a, DoubleNear(FiguresOf(a)->saturation.p50Ns.value / 1000, 1e-9));
+  EXPECT_THAT(*found.at("saturation p999").b, DoubleNear(FiguresOf(b)->saturation.p999Ns.value / 1000, 1e-9));
+}
+
+// At idle a processor may sleep, and the tail falls with load. Only the median is evened out.
+TEST_F(CurveTest, ATailThatFallsWithLoadIsShownAsMeasured) {
+  CurveTable b = made_curve::Table(Queue, 2);
+  for (auto& value : b.points[0].values) value->p99Ns = 9000;
+  const Comparison comparison = CompareCurves(made_curve::Table(Queue, 2), b, {});
+  std::map<std::string, double> p99;
+  for (const ComparedFigure& figure : comparison.figures) {
+    if (figure.key.figure == Figure::kP99) p99[figure.key.engine] = *figure.differencePercent;
+  }
+  EXPECT_THAT(p99,
+              ElementsAre(Pair("5 GB/s", DoubleNear(0, 1e-9)), Pair("8 GB/s", DoubleNear(0, 1e-9)),
+                          Pair("idle", DoubleNear(4400, 1e-6)), Pair("saturation", DoubleNear(0, 1e-9))));
+}
+
+TEST_F(CurveTest, NotesInWhatThePlansOfTwoDiffer) {
+  const CurveTable a = made_curve::Table(Queue, 2);
+  const auto notes = [&a](const std::function<void(Curve&)>& change) {
+    CurveTable b = a;
+    change(b.curve);
+    const Comparison comparison = CompareCurves(a, b, {});
+    EXPECT_EQ(comparison.answer, CompareCurves(a, a, {}).answer) << "a note is no verdict";
+    return comparison.notes;
+  };
+  EXPECT_THAT(notes([](Curve&) {}), IsEmpty());
+  EXPECT_THAT(notes([](Curve& curve) { curve.points = 20; }),
+              ElementsAre("the curves differ in the number of points: 10 in A, 20 in B"));
+  EXPECT_THAT(notes([](Curve& curve) { curve.most = 3; }),
+              ElementsAre("the curves differ in the greatest load: 1 times CPU in A, 3 times CPU in B"));
+  EXPECT_THAT(
+      notes([](Curve& curve) { curve.mix.emplace_back("VPC", 2); }),
+      ElementsAre("the curves differ in the greatest load: 1 times CPU in A, 1 times CPU,VPC:2 in B"));
+  EXPECT_THAT(notes([](Curve& curve) { curve.sweep.settings.stopAfterS = 8; }),
+              ElementsAre("the curves differ in the length of their runs: to their own end in A, 8 s in B"));
+  EXPECT_THAT(notes([](Curve& curve) { curve.sweep.settings.warmupS = 2; }),
+              ElementsAre("the curves differ in the warm-up that figures leave out: 1 s in A, 2 s in B"));
+}
+
 // A curve without a knee is not worse for that.
 TEST_F(CurveTest, KneesAreComparedIfBothHaveOne) {
   const CurveTable a = made_curve::Table(Queue, 2);
   const CurveTable flat = made_curve::Table([](double load, int) { return Value{10 * load, 100}; }, 2);
   const Comparison comparison = CompareCurves(a, flat, {});
-  for (const ComparedFigure& figure : comparison.figures) EXPECT_NE(figure.key.engine, "knee");
-  EXPECT_THAT(comparison.notes, ElementsAre(HasSubstr("B has no knee")));
+  for (const ComparedFigure& figure : comparison.figures) {
+    EXPECT_NE(figure.key.engine, "knee");
+    EXPECT_NE(figure.key.engine, "saturation");
+  }
+  EXPECT_THAT(comparison.notes,
+              ElementsAre(HasSubstr("B has no knee"),
+                          "B does not reach saturation: the latency there is not compared"));
 }
 
 TEST_F(CurveTest, ReadsWhatItWroteAndNothingElse) {
@@ -537,8 +627,18 @@ TEST_F(CurveTest, TheProgramComparesTwo) {
       RunTool({"compare", folder_ / "a", folder_ / "b", "--tolerance", "5", "-o", folder_ / "page.html"});
   EXPECT_EQ(worse.status, 1) << worse.errors;
   EXPECT_THAT(worse.output, AllOf(HasSubstr("(2 curves)\nB: "), HasSubstr("\nat "), HasSubstr("\nidle "),
-                                  HasSubstr("B is worse than A: 4 GB/s p50 "), HasSubstr("idle p50 +")));
-  EXPECT_EQ(DataOf(folder_.Get("page.html"))["comparison"]["answer"], "worse");
+                                  HasSubstr("B is worse than A: 4 GB/s p50 "), HasSubstr("idle p50 +"),
+                                  ::testing::ContainsRegex("\nidle +p999 .* not judged\n"),
+                                  ::testing::ContainsRegex("\nsaturation +p50 .* not judged\n"),
+                                  Not(HasSubstr("idle p99 "))));
+  const json comparison = DataOf(folder_.Get("page.html"))["comparison"];
+  EXPECT_EQ(comparison["answer"], "worse");
+  const std::string format = ReadText(SCOPE_FORMAT_CURVE).value_or("");
+  for (const json& figure : comparison["figures"]) {
+    EXPECT_THAT(format, HasSubstr("`" + figure["figure"].get<std::string>() + "`"));
+    const std::string place = figure["engine"];
+    if (place.find(" GB/s") == std::string::npos) EXPECT_THAT(format, HasSubstr('"' + place + '"'));
+  }
   EXPECT_EQ(RunTool({"compare", folder_ / "b", folder_ / "a", "--tolerance", "5"}).status, 0);
   const ToolResult run = RunTool({"compare", folder_ / "a", folder_ / "b/run-0001"});
   EXPECT_EQ(run.status, 2);

@@ -57,6 +57,7 @@ struct CompareOptions {
   bool paired = false;
   int looks = 1;                 ///< how often a growing set of runs is compared until the answer is clear
   std::set<Figure> figures;      ///< empty means all
+  std::set<FigureKey> shown;     ///< of the figures that are named above, those that are shown and not judged
   const char* repeat = "run";    ///< what a side has several of, in sentences
   const char* place = "engine";  ///< what FigureKey::engine names, in tables
 };
@@ -65,9 +66,9 @@ struct CompareOptions {
 /// median for other figures. The runs of a side are repeats.
 ///
 /// Judged are the exact rate of each engine (the printed one where no run has an exact one) and, of more than
-/// one engine, the total bandwidth. If `options.figures` names figures, those are judged instead, and no
-/// other is shown. The intervals of the judged figures hold together, over all looks, with
-/// options.confidence.
+/// one engine, the total bandwidth. If `options.figures` names figures, those are judged instead, without
+/// those in `options.shown`, and no other is shown. The intervals of the judged figures hold together, over
+/// all looks, with options.confidence.
 ///
 /// Throws UserError for a complete run without a second after skipS, and for a tolerance that is negative or
 /// not a number.

@@ -57,6 +57,7 @@ std::set<FigureKey> JudgedOf(const std::set<FigureKey>& keys, const CompareOptio
   for (const FigureKey& key : keys) {
     if (key.engine == kAllEngines) continue;
     if (key.engine != kMemory) engines.insert(key.engine);
+    if (options.shown.count(key) != 0) continue;
     const bool isCoarse = key.figure == Figure::kPrinted && printedTooCoarsely.count(key.engine) != 0;
     const bool isExact = key.figure == Figure::kOperations;
     const bool isOnlyRate =
