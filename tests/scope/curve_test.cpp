@@ -687,7 +687,15 @@ TEST_F(CurveProgramTest, RecordsEachLoadAndGoesOnAfterASignal) {
   EXPECT_FALSE(std::filesystem::exists(folder_ / "benchmark.stop")) << "no run was interrupted";
   EXPECT_THAT(stopped.errors, HasSubstr("Continue with: stress_scope curve --resume " + Folder()));
   EXPECT_THAT(stopped.output, AllOf(HasSubstr("No repeat of the curve is whole"), HasSubstr("not done: ")));
-  // All runs go through as much memory, even if there is more by now.
+  // All runs go through as much memory. If there is too little by now, no option alone is blamed for it.
+  (void)folder_.Put("root/proc/meminfo", "MemAvailable: 2000 kB\n");
+  const ToolResult refused = RunTool({"curve", "--resume", Folder()});
+  EXPECT_EQ(refused.status, 1) << refused.errors;
+  EXPECT_THAT(
+      refused.output + refused.errors,
+      HasSubstr("the latency probe is to go through 1M (--latency-size, or chosen before the first run): "
+                "expected at most a quarter of the 2.0 MiB"));
+  // And even if there is more.
   (void)folder_.Put("root/proc/meminfo", "MemAvailable: 50000 kB\n");
   const ToolResult resumed = RunTool({"curve", "--resume", Folder()});
   EXPECT_EQ(resumed.status, 0) << resumed.errors;

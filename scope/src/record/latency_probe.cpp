@@ -34,7 +34,8 @@ std::uint64_t LatencyBytes(const std::string& size, const std::vector<Cache>& ca
   if (!size.empty()) {
     const std::uint64_t bytes = MemoryBytes("--latency-size", size, availableBytes, kLeastBytes);
     if (bytes <= most) return bytes;
-    throw UserError("--latency-size " + size + ": expected at most a quarter of the " +
+    throw UserError("the latency probe is to go through " + size +
+                    " (--latency-size, or chosen before the first run): expected at most a quarter of the " +
                     MebibytesText(availableBytes) + " of memory that are available");
   }
   std::uint64_t largest = 0;
