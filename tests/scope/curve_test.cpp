@@ -12,6 +12,7 @@
 #include <random>
 #include <set>
 
+#include "control.h"
 #include "curve_compare.h"
 #include "curve_fit.h"
 #include "curve_plan.h"
@@ -679,8 +680,10 @@ class CurveProgramTest : public CurveTest {
 };
 
 TEST_F(CurveProgramTest, RecordsEachLoadAndGoesOnAfterASignal) {
+  const int cpu = AllowedCpus().front();  // the default is the last one
   const std::vector<std::string> arguments =
-      CurveOf("CPU: {Level: 1}\nVPC: {Level: 0}\n", {"--points", "4", "--most", "2", "--repeat", "1"});
+      CurveOf("CPU: {Level: 1}\nVPC: {Level: 0}\n",
+              {"--points", "4", "--most", "2", "--repeat", "1", "--latency-cpu", std::to_string(cpu)});
   folder_.Put("benchmark.stop", "");
   const ToolResult stopped = RunTool(arguments);
   EXPECT_EQ(stopped.status, 1);
@@ -710,6 +713,7 @@ TEST_F(CurveProgramTest, RecordsEachLoadAndGoesOnAfterASignal) {
     EXPECT_EQ(run.state, SweepState::kDone) << run.folder;
     const RunInfo info = ReadRunInfo(Folder() + "/" + run.folder);
     EXPECT_THAT(info.conditions.latency, StartsWith("1 MiB in"));
+    EXPECT_EQ(info.latency.cpu, cpu);
     EXPECT_EQ(info.conditions.duty, run.dutyPercent < 100 ? "66.6667 %" : "");
   }
   EXPECT_EQ(RunTool(arguments).status, 2) << "the folder is taken";
@@ -720,14 +724,22 @@ TEST_F(CurveProgramTest, TellsOfOneCpuAndEndsWithTheStatusOfErrors) {
   const std::string count = folder_.Put("root/sys/devices/system/edac/mc/mc0/ce_count", "7\n");
   folder_.Put("benchmark.count", count);
   const ToolResult result =
-      RunTool(CurveOf("CPU: {Level: 1}\n", {"--points", "4", "--most", "1", "--repeat", "1"}));
+      RunTool(CurveOf("CPU: {Level: 1}\nVPC: {Level: 1}\n", {"--points", "4", "--most", "1", "--repeat", "1",
+                                                             "--mix", "CPU", "--latency-size", "512K"}));
   EXPECT_EQ(result.status, 3) << result.errors;
   EXPECT_EQ(ReadText(count), "10");
   EXPECT_THAT(
       result.output,
       AllOf(HasSubstr("One CPU: the probe shares it with the load. Bursts in which the load takes it"),
-            HasSubstr("(CPU=0): 3 errors (edac 3)\n")));
-  EXPECT_EQ(ReadRunInfo(Folder() + "/run-0001").latency.cpu, one.Cpu());
+            HasSubstr("Latency of memory over the bandwidth of CPU, after"),
+            HasSubstr("(CPU=0 VPC=0): 3 errors (edac 3)\n")));
+  const Curve curve = ReadCurve(Folder());
+  for (std::size_t i = 0; i < curve.sweep.runs.size(); ++i) {
+    const RunInfo info = ReadRunInfo(Folder() + "/" + curve.sweep.runs[i].folder);
+    EXPECT_EQ(info.latency.cpu, one.Cpu());
+    EXPECT_EQ(info.latency.bytes, 512U << 10) << "the chosen size is 1 MiB";
+    EXPECT_THAT(info.config.levels, ElementsAre(Pair("cpu", i == 0 ? 0 : 1), Pair("vpc", 0))) << "the mix";
+  }
 }
 
 TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {

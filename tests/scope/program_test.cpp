@@ -117,6 +117,22 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   EXPECT_THAT(run.info.conditions.encoderEngines, ElementsAre(Pair("25", _)));
 }
 
+// The script's meter says that 9 of 300 operations were late.
+TEST_F(ProgramTest, EndsWithStatus1IfTooManyOperationsMissTheirDeadline) {
+  const std::string script = folder_.Put("script", "sample 0 0 900 300\ndeadline 0 300 9\nsecond 1000\n");
+  const auto record = [&](const char* share) {
+    return RunTool({"record", Config(), "-o", folder_ / "run", "--force", "--benchmark", SCRIPTED_METER,
+                    "--meter", IDLE_LIBRARY, "--deadline", "cpu=5us", "--fail-over", share, "--", script});
+  };
+  const ToolResult late = record("2%");
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.errors, HasSubstr("deadline missed too often (--fail-over 2 %): cpu 5.00 us: 3 %"));
+  EXPECT_TRUE(scope::ReadRun(folder_ / "run").info.complete) << "the run is whole";
+  const ToolResult good = record("3%");
+  EXPECT_EQ(good.status, 0) << good.errors;
+  EXPECT_THAT(good.errors, Not(HasSubstr("deadline missed")));
+}
+
 TEST_F(ProgramTest, KeepsTheLinesAndTheirRates) {
   const ToolResult result =
       RecordScript(std::string("echo '") + kRateLine + "'; echo \"$2\"", {"--", "more words"});
