@@ -429,6 +429,8 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
                  " crowded, shared: textsOf(Chart.getChart('latency')),"
                  " titles: [options.scales.x.title.text, options.scales.y.title.text],"
                  " ground: getComputedStyle(document.body).backgroundColor,"
+                 " heights: ['idle', 'saturation'].map((place) => [...document.querySelectorAll("
+                 "'.verdicts tbody tr')].find((row) => row.textContent.startsWith(place)).offsetHeight),"
                  " tip: options.plugins.tooltip.callbacks.label(line),"
                  " colours: options.plugins.warningMarks.marks.map(({colour}) => colour),"
                  " reach: options.scales.x.max - Math.max(...data.datasets.flatMap((set) =>"
@@ -468,6 +470,8 @@ TEST_F(PagesInBrowser, CurvesShareAxesAndSayWhereTheyDiffer) {
   EXPECT_EQ(visit.Chart("tails")["series"].size(), 4U);
   EXPECT_EQ(visit.Row("figures verdicts two", {"idle"})[3], "worse");
   EXPECT_EQ(visit.Row("figures verdicts two", {"At"})[1], "Figure");
+  const json heights = visit.page["extra"]["heights"];
+  EXPECT_EQ(heights[0], heights[1]) << "no place is broken within its word";
   EXPECT_EQ(visit.Row("figures points", {"CPU=1 at 33.3 %"})[2], "4 (4 to 4)");
   EXPECT_EQ(visit.Row("figures points", {"CPU=1 at 33.3 %"}).back(), "4 %");
   EXPECT_THAT(visit.Text(), AllOf(HasSubstr("B is worse than A"), HasSubstr("Idle latency: 100.0 ns"),
