@@ -273,9 +273,8 @@ TEST_F(CurveTest, AKneeOfHalfTheRepeatsIsNone) {
   EXPECT_FALSE(figures->knee);
   EXPECT_EQ(figures->withoutKnee, 2U);
   EXPECT_EQ(CurveSentences(half, *figures)[1],
-            "No knee: in 2 of 4 repeats the latency stays below 1.5 times that at idle. A knee has to be in "
-            "more than "
-            "half of the repeats.");
+            "No knee: in 2 of 4 repeats the latency stays below 1.5 times that at idle. "
+            "A knee has to be in more than half of the repeats.");
   EXPECT_TRUE(FiguresOf(withKnees(3))->knee);
 }
 
@@ -312,7 +311,7 @@ TEST_F(CurveTest, ARepeatThatIsNotWholeIsLeftOut) {
   EXPECT_FALSE(FiguresOf(none));
   EXPECT_FALSE(EstimateAt(none.points[4], &CurveValue::p50Ns));
   EXPECT_THAT(ErrorOf([&] { (void)CompareCurves(none, less, {}); }),
-              HasSubstr("no repeat of the curve is whole. Continue with: stress_scope curve --resume "));
+              HasSubstr("No repeat of the curve is whole yet. Continue with: stress_scope curve --resume "));
 }
 
 TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
@@ -326,7 +325,7 @@ TEST_F(CurveTest, ARunWithoutALatencyIsLeftOut) {
   EXPECT_FALSE(table.points[5].values[0]);
   EXPECT_THAT(table.notes, ElementsAre("1 run without a latency or a bandwidth after the warm-up: left out"));
   EXPECT_THAT(ErrorOf([&] { (void)CompareCurves(table, table, {}); }),
-              HasSubstr("All its runs are done, and the notes of its report say what they lack"));
+              HasSubstr("after the warm-up. The notes of its report say more"));
   EXPECT_THAT(CurveSentences(table, FiguresOf(table)),
               ElementsAre("No figures: no run of " + table.points[5].name +
                           " has a latency and a bandwidth after the warm-up."));

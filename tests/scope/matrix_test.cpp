@@ -364,7 +364,7 @@ TEST_F(MatrixTest, ASearchDoesNotRankRunsWithoutALatency) {
   EXPECT_THAT(FoundWorst(matrix, slowness), ElementsAre(slow));
   const MatrixTable table = ReadMatrixTable(Folder(), matrix);
   EXPECT_THAT(table.notes, ::testing::Contains(::testing::StartsWith(
-                               "no latency beside CPU=2: the probe had no undisturbed burst")));
+                               "runs without a latency beside CPU=2: the probe had no undisturbed burst")));
   EXPECT_THAT(MatrixText(matrix, table),
               AllOf(HasSubstr("The worst mix for latency is CPU=1: slower by +50.0 % in all"),
                     HasSubstr("The other mixes that it tried have no figures: see the notes.")));
@@ -849,7 +849,7 @@ TEST_F(MatrixProgramTest, MeasuresTheLatencyOfMemoryOnACpuOfItsOwn) {
     EXPECT_THAT(line, ::testing::EndsWith(isOwn ? " vpc 0 pin =" + name : " vpc 0 pin "));
   EXPECT_EQ(lines, 4U);
   const auto json = nlohmann::json::parse(RunTool({"matrix", "--resume", Folder(), "--json"}).output);
-  EXPECT_EQ(json["latency"], runs.back().info.conditions.latency);
+  EXPECT_THAT(json["latency"].get<std::string>(), ::testing::StartsWith("1 MiB in pages of "));
   EXPECT_EQ(json["growth"].size(), MedianGrowth(runs).size());
 }
 

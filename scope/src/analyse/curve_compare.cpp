@@ -36,10 +36,10 @@ struct CommonFigures {
 CurveFigures Require(const CurveTable& table) {
   std::optional<CurveFigures> figures = FiguresOf(table);
   if (!figures) {
-    throw UserError(table.name + ": no repeat of the curve is whole. " +
+    throw UserError(table.name + ": " + WhyNoFigures(table) +
                     (IsComplete(table.curve.sweep)
-                         ? "All its runs are done, and the notes of its report say what they lack"
-                         : "Continue with: stress_scope curve --resume " + table.name));
+                         ? " The notes of its report say more"
+                         : " Continue with: stress_scope curve --resume " + table.name));
   }
   return *std::move(figures);
 }

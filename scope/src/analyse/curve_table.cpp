@@ -79,17 +79,6 @@ std::string EstimateText(const Estimate& estimate, const char* unit) {
   return text;
 }
 
-// Each repeat lacks a run, or what the run should have measured.
-std::string WhyNoFigures(const CurveTable& table) {
-  if (!IsComplete(table.curve.sweep)) return "No repeat of the curve is whole yet.";
-  for (const CurveTablePoint& point : table.points) {
-    if (!EstimateAt(point, &CurveValue::p50Ns))
-      return "No figures: no run of " + point.name + " has a latency and a bandwidth after the warm-up.";
-  }
-  if (!WholeRepeats(table).empty()) return "No figures: no load has a bandwidth.";
-  return "No figures: no repeat has a latency and a bandwidth at each load.";
-}
-
 std::string KneeSentence(const CurveFigures& figures) {
   const std::string times = Format("%g times that at idle", kKneeFactor);
   const std::string repeats = Counted(figures.repeats.size(), "repeat");
@@ -228,6 +217,17 @@ std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
   figures.knee = EstimateOf(std::move(knees));
   if (figures.withoutKnee != 0) figures.knee->low = figures.knee->high = std::nullopt;
   return figures;
+}
+
+// Each repeat lacks a run, or what the run should have measured.
+std::string WhyNoFigures(const CurveTable& table) {
+  if (!WholeRepeats(table).empty()) return "No figures: no load has a bandwidth.";
+  if (!IsComplete(table.curve.sweep)) return "No repeat of the curve is whole yet.";
+  for (const CurveTablePoint& point : table.points) {
+    if (!EstimateAt(point, &CurveValue::p50Ns))
+      return "No figures: no run of " + point.name + " has a latency and a bandwidth after the warm-up.";
+  }
+  return "No figures: no repeat has a latency and a bandwidth at each load.";
 }
 
 std::vector<std::string> CurveSentences(const CurveTable& table, const std::optional<CurveFigures>& found) {

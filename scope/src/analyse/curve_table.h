@@ -91,6 +91,9 @@ struct CurveFigures {
 /// None without a repeat that is whole, or without a bandwidth above 0.
 std::optional<CurveFigures> FiguresOf(const CurveTable& table);
 
+/// Why it has no figures, in a sentence.
+std::string WhyNoFigures(const CurveTable& table);
+
 /// The figures in sentences, or why there are none.
 std::vector<std::string> CurveSentences(const CurveTable& table, const std::optional<CurveFigures>& found);
 

@@ -184,7 +184,7 @@ class TableReader {
     std::vector<std::string> mixes;
     for (const SweepLevels& mix : unmeasured_) mixes.push_back(PointText(mix));
     table_.notes.push_back(
-        "no latency beside " + Joined(mixes, ", ") +
+        "runs without a latency beside " + Joined(mixes, ", ") +
         ": the probe had no undisturbed burst after the warm-up. The search leaves out runs "
         "without a latency, so memory may be slower than it says");
   }

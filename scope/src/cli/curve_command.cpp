@@ -17,6 +17,7 @@
 #include "engines.h"
 #include "errors.h"
 #include "folder_lock.h"
+#include "latency_probe.h"
 #include "record.h"
 #include "run_tables.h"
 #include "series.h"
@@ -92,6 +93,8 @@ Curve PrepareCurve(const CurveOptions& options, std::unique_ptr<FolderLock>& loc
   RequireAllRead(options.config);
   CheckRunLength(RunSeconds(options.config, sweep.settings), sweep.settings.warmupS, kLeastOfRunS);
   CheckRecord(sweep.settings);
+  const int cpu = sweep.settings.latencyCpu;
+  if (const int reason = cpu < 0 ? 0 : WhyNotOn(cpu); reason != 0) throw NoCpuForLatency(cpu, reason);
   FixLatencySize(sweep.settings);
   if (IsCurveFolder(options.folder)) {
     throw UserError(options.folder + " contains a curve: continue it with --resume " + options.folder +

@@ -18,10 +18,9 @@ namespace {
 constexpr std::uint64_t kUsualLine = 64;
 constexpr std::uint64_t kUsualHugePage = std::uint64_t{2} << 20;
 // A cache line of 64 bytes holds eight entries of a page table, each for a page of 4 KiB. A virtual machine
-// has such a table beneath its own, whatever pages it uses itself. Addresses of a huge page are neighbours
-// there, those of eight small pages seldom are.
+// has such a table beneath its own, whatever pages it uses itself.
 constexpr std::uint64_t kTableReach = std::uint64_t{32} << 10;
-// 1.5 ms where each line is in a page of its own. A load on the same CPU may have to wait so long.
+// Some milliseconds, for which a load on the same CPU may have to wait.
 constexpr std::uint64_t kMostTouches = std::uint64_t{1} << 16;
 
 // The finalizer of SplitMix64.
@@ -105,13 +104,9 @@ void ChaseMemory::GrowTo(std::uint64_t bytes) {
   isHuge_ = HugeBytes() == CycleBytes();
 }
 
-std::uint64_t ChaseMemory::TouchStep(std::uint64_t cycleBytes, bool isHuge) {
-  const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-  return std::max(isHuge ? kTableReach : std::min(page, kTableReach), cycleBytes / kMostTouches);
-}
-
 std::uint64_t ChaseMemory::TouchPages() const {
-  const std::uint64_t step = std::max(std::uint64_t{1}, TouchStep(CycleBytes(), isHuge_) / lineBytes_);
+  const std::uint64_t step =
+      std::max(std::uint64_t{1}, std::max(kTableReach, CycleBytes() / kMostTouches) / lineBytes_);
   std::uint64_t touched = 0;
   for (std::uint64_t line = 0; line < lines_; line += step, ++touched) {
     (void)*const_cast<Line* volatile*>(&At(line)->next);

@@ -27,16 +27,17 @@ class ChaseMemory {
   /// Extends the cycle to the first `bytes` of the memory. It never shrinks.
   void GrowTo(std::uint64_t bytes);
 
-  /// Reads one line of each `TouchStep` of the cycle, all at once rather than one after the other. So the
-  /// caches hold again what an access needs to find its page. Returns the number of lines.
+  /// Reads one line of each 32 KiB of the cycle, all at once rather than one after the other; of a large
+  /// cycle some 2^16 lines. So the caches hold again what an access needs to find its page. Returns the
+  /// number of lines.
   std::uint64_t TouchPages() const;
-  /// In bytes: 32 KiB of huge pages, else a page. More in a large cycle: 2^16 lines of it are read.
-  static std::uint64_t TouchStep(std::uint64_t cycleBytes, bool isHuge);
 
   /// A line of the cycle. There is one after the first call of GrowTo.
   Line* Start() const { return reinterpret_cast<Line*>(data_); }
   std::uint64_t Bytes() const { return bytes_; }
   std::uint64_t CycleBytes() const { return lines_ * lineBytes_; }
+  /// All of the cycle was in huge pages when it grew last.
+  bool IsHuge() const { return isHuge_; }
   std::uint64_t LineBytes() const { return lineBytes_; }
 
   /// Bytes of the cycle that are in huge pages now, as the system says.
@@ -51,8 +52,8 @@ class ChaseMemory {
   unsigned char* data_ = nullptr;
   std::uint64_t lineBytes_;
   std::uint64_t bytes_;
-  std::uint64_t lines_ = 0;   ///< of the cycle
-  bool isHuge_ = false;       ///< all of the cycle is in huge pages
+  std::uint64_t lines_ = 0;  ///< of the cycle
+  bool isHuge_ = false;
   std::uint64_t random_ = 1;  ///< the same order in every run
 };
 

@@ -151,7 +151,8 @@ std::vector<int> AllowedCpus() {
 
 int WhyNotOn(int cpu) {
   cpu_set_t before;
-  if (sched_getaffinity(0, sizeof(before), &before) != 0) return errno;
+  // It cannot be tried where it could not be undone.
+  if (sched_getaffinity(0, sizeof(before), &before) != 0) return 0;
   cpu_set_t only;
   CPU_ZERO(&only);
   if (cpu >= 0 && cpu < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &only);

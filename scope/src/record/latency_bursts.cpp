@@ -17,6 +17,9 @@ namespace scope {
 namespace {
 
 constexpr double kWarmUpShare = 0.1;
+// Small pages have so many entries in the tables that one line of these brings back too few or, with all
+// lines, more than a chase finds in the nearest caches. Then a chase has to come before.
+constexpr double kSmallPagesNs = 2e6;
 constexpr double kBatchesShare = 0.2;
 // A batch of more than so many medians was interrupted: a timer, another machine on the same processor.
 constexpr std::uint64_t kInterruptedMedians = 4;
@@ -127,6 +130,12 @@ void LatencyBursts::Settle(double ns) {
 void LatencyBursts::Warm() {
   NoteSteal();
   counts_.allAccesses += memory_.TouchPages();
+  if (memory_.IsHuge()) return;
+  const std::uint64_t end = Ticks() + timer_.TicksOf(kSmallPagesNs);
+  do {
+    line_ = FollowBatch(line_);
+    counts_.allAccesses += kBatch;
+  } while (Ticks() < end);
 }
 
 bool LatencyBursts::Burst(double ns) {

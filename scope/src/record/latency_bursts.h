@@ -64,8 +64,9 @@ class LatencyBursts {
   /// Goes through the memory without counting: once, but not for longer than `ns`.
   void Settle(double ns);
 
-  /// Makes up for a pause, in which the page tables have left the caches: counts nothing. What the host took
-  /// before does not spoil the burst that follows.
+  /// Makes up for a pause, in which the page tables have left the caches: reads some lines, and where pages
+  /// are small chases for 2 ms. Counts nothing. What the host took before does not spoil the burst that
+  /// follows.
   void Warm();
 
   /// A burst of `ns`. Its first tenth counts nothing: after a pause the processor has forgotten the latest

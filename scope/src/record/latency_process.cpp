@@ -20,6 +20,9 @@ namespace scope {
 namespace {
 
 constexpr double kSecondNs = 1e9;
+// A second ends with the burst before its report, unless it would be so late. So the last row is of a burst,
+// too.
+constexpr double kLateNs = 0.25e9;
 constexpr std::uint64_t kLeastGrowth = std::uint64_t{1} << 20;
 constexpr std::uint64_t kGrowthFactor = 4;
 // Lines that were just written are in the caches. Those of a small part belong there, those of a large one do
@@ -150,7 +153,7 @@ class LatencyLoop {
       bursts_->Burst(rhythm_.burstNs);
       const auto tookNs = static_cast<double>(ReadThreadState().cpuNs - cpuNs);
       dueNs = std::max(now(), dueNs + share(random) * std::max(rhythm_.periodNs, tookNs / rhythm_.mostShare));
-    } while (!EndIsAsked(std::min(dueNs, reportNs) - now()));
+    } while (!EndIsAsked(std::min(dueNs, reportNs + kLateNs) - now()));
     Report(LatencyPacket::Type::kEnd);
   }
 

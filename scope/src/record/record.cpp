@@ -12,8 +12,6 @@
 #include <utility>
 
 #include "configuration.h"
-#include "control.h"
-#include "latency_probe.h"
 #include "monotonic_ns.h"
 #include "preload_path.h"
 #include "program_files.h"
@@ -166,9 +164,6 @@ RecordResult Record(const RecordOptions& options, View& view, Signals& signals) 
 void CheckRecord(const RunSettings& settings) {
   (void)FindBenchmark(settings.benchmark);
   if (settings.useMeter) (void)FindMeter(settings.meter);
-  if (!settings.latency || settings.latencyCpu < 0) return;
-  if (const int reason = WhyNotOn(settings.latencyCpu); reason != 0)
-    throw NoCpuForLatency(settings.latencyCpu, reason);
 }
 
 }  // namespace scope

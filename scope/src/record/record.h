@@ -46,8 +46,7 @@ struct RecordResult {
 /// program or meter, or a folder that cannot be used. Threads: one call at a time, on the main thread.
 RecordResult Record(const RecordOptions& options, View& view, Signals& signals);
 
-/// Throws UserError if the program or the meter is missing, or the latency probe cannot have its CPU, as
-/// Record does. Changes nothing.
+/// Throws UserError if the program or the meter is missing, as Record does. Changes nothing.
 void CheckRecord(const RunSettings& settings);
 
 }  // namespace scope
