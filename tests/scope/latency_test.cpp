@@ -322,6 +322,7 @@ TEST(LatencyProbe, PausesForLongerWhereItsWorkIsMuch) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     probe.Read(seconds);
   }
+  ASSERT_THAT(seconds, SizeIs(1)) << "while it waits";
   probe.End(seconds);
   ASSERT_THAT(seconds, SizeIs(1)) << "no row of the time without a burst";
   EXPECT_GE(seconds[0].bursts, 1U);
