@@ -517,11 +517,12 @@ TEST_F(DnnTest, ReleasedModelsLeaveNoTensors) {
   std::ofstream(folder_ / "model.inputs.yaml") << "inputs: {shape: {value: 1000000}}";
   std::size_t before = 0;
   for (int i = 0; i < 4; ++i) {
-    {
+    // In a thread of its own: what the allocator keeps for a thread counts as in use until the thread ends.
+    WithContext([&path] {
       const Loaded model(path);
       EXPECT_EQ(model.handle.outputs.back().sizeBytes, 4'000'000U);
       EXPECT_EQ(Ormis::QetDNNModelProcess(model.handle), Ormis::kQetOk);
-    }
+    }).join();
     if (i == 1) before = BytesInUse();
   }
   EXPECT_LT(BytesInUse(), before + 2 * 300 * 50) << "less than 300 values of each load take";
