@@ -30,6 +30,7 @@ using ::testing::SizeIs;
 using namespace scope;
 
 constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
+const auto kPageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 
 // --- the chain ---
 
@@ -92,12 +93,12 @@ TEST(ChaseMemory, IsRefusedIfThereIsNone) {
   EXPECT_THROW(ChaseMemory(1), std::bad_alloc);
 }
 
-TEST(ChaseMemory, TouchesALineOfEach32KiB) {
+TEST(ChaseMemory, TouchesALineOfEach32KiBOrOfEachSmallPage) {
   for (const ChaseMemory::Pages pages : {ChaseMemory::Pages::kHuge, ChaseMemory::Pages::kUsual}) {
     ChaseMemory memory(4 * kMebibyte, pages);
     memory.GrowTo(memory.Bytes());
-    EXPECT_EQ(memory.TouchPages(), 4 * kMebibyte >> 15);
-    if (pages == ChaseMemory::Pages::kUsual) EXPECT_FALSE(memory.IsHuge());
+    if (pages == ChaseMemory::Pages::kUsual) ASSERT_FALSE(memory.IsHuge());
+    EXPECT_EQ(memory.TouchPages(), 4 * kMebibyte / (memory.IsHuge() ? 32 << 10 : kPageBytes));
   }
 }
 
@@ -227,9 +228,21 @@ TEST(LatencyBursts, ChaseBeforeABurstOverSmallPages) {
   LatencyBursts bursts(memory, timer, {[] { return ThreadState(); }, nullptr});
   bursts.Warm();
   const LatencyCounts counts = bursts.Take();
-  EXPECT_GT(counts.allAccesses, kMebibyte >> 15);
-  EXPECT_EQ((counts.allAccesses - (kMebibyte >> 15)) % kBatch, 0U);
+  EXPECT_GT(counts.allAccesses, kMebibyte / kPageBytes);
+  EXPECT_EQ((counts.allAccesses - kMebibyte / kPageBytes) % kBatch, 0U);
   EXPECT_EQ(counts.accesses, 0U);
+}
+
+TEST(LatencyBursts, ChaseBeforeABurstOverMoreThan256MiB) {
+  for (const std::uint64_t more : {0U, 8U}) {
+    ChaseMemory memory((256 + more) * kMebibyte);
+    ChaseTimer timer(memory);
+    memory.GrowTo(memory.Bytes());
+    if (!memory.IsHuge()) GTEST_SKIP() << "this system has no 264 MiB in huge pages now";
+    LatencyBursts bursts(memory, timer, {[] { return ThreadState(); }, nullptr});
+    bursts.Warm();
+    EXPECT_EQ(bursts.Take().allAccesses > memory.Bytes() >> 15, more != 0) << more;
+  }
 }
 
 TEST_F(LatencyBurstsTest, CountsAreOfTheBurstsSinceTheLastCall) {
@@ -314,8 +327,10 @@ void WaitForFault(LatencyProbe& probe) {
 
 // 1 ms of work, so the next burst is due after minutes. The row of the first second comes all the same.
 TEST(LatencyProbe, PausesForLongerWhereItsWorkIsMuch) {
-  LatencyProbe probe(kMebibyte, -1, {1e6, 1e6, 1e-6});
+  LatencyProbe probe(kMebibyte, -1, {1e6, 1e6, 1e-6, 1e12});
+  LatencyProbe bounded(kMebibyte, -1, {1e6, 1e6, 1e-6, 50e6});
   probe.Begin(MonotonicNs());
+  bounded.Begin(MonotonicNs());
   std::vector<LatencySecond> seconds;
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (seconds.empty() && std::chrono::steady_clock::now() < limit) {
@@ -323,6 +338,9 @@ TEST(LatencyProbe, PausesForLongerWhereItsWorkIsMuch) {
     probe.Read(seconds);
   }
   ASSERT_THAT(seconds, SizeIs(1)) << "while it waits";
+  std::vector<LatencySecond> more;
+  bounded.End(more);
+  EXPECT_GT(bounded.Summary().bursts, 5U) << "the pause has a bound";
   probe.End(seconds);
   ASSERT_THAT(seconds, SizeIs(1)) << "no row of the time without a burst";
   EXPECT_GE(seconds[0].bursts, 1U);

@@ -105,8 +105,10 @@ void ChaseMemory::GrowTo(std::uint64_t bytes) {
 }
 
 std::uint64_t ChaseMemory::TouchPages() const {
-  const std::uint64_t step =
-      std::max(std::uint64_t{1}, std::max(kTableReach, CycleBytes() / kMostTouches) / lineBytes_);
+  // In the table beneath, the entries of small pages are in any order.
+  const std::uint64_t apart = isHuge_ ? kTableReach : static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  const std::uint64_t reach = std::max(apart, CycleBytes() / kMostTouches);
+  const std::uint64_t step = std::max(std::uint64_t{1}, reach / lineBytes_);
   std::uint64_t touched = 0;
   for (std::uint64_t line = 0; line < lines_; line += step, ++touched) {
     (void)*const_cast<Line* volatile*>(&At(line)->next);

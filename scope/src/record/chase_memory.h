@@ -27,9 +27,9 @@ class ChaseMemory {
   /// Extends the cycle to the first `bytes` of the memory. It never shrinks.
   void GrowTo(std::uint64_t bytes);
 
-  /// Reads one line of each 32 KiB of the cycle, all at once rather than one after the other; of a large
-  /// cycle some 2^16 lines. So the caches hold again what an access needs to find its page. Returns the
-  /// number of lines.
+  /// Reads one line of each 32 KiB of the cycle, of each page where they are small, all at once rather than
+  /// one after the other; of a large cycle some 2^16 lines. So the caches hold again what an access needs to
+  /// find its page. Returns the number of lines.
   std::uint64_t TouchPages() const;
 
   /// A line of the cycle. There is one after the first call of GrowTo.

@@ -65,8 +65,8 @@ class LatencyBursts {
   void Settle(double ns);
 
   /// Makes up for a pause, in which the page tables have left the caches: reads some lines, and where pages
-  /// are small chases for 2 ms. Counts nothing. What the host took before does not spoil the burst that
-  /// follows.
+  /// are small or the memory has more than 256 MiB chases for 3 ms. Counts nothing. What the host took before
+  /// does not spoil the burst that follows.
   void Warm();
 
   /// A burst of `ns`. Its first tenth counts nothing: after a pause the processor has forgotten the latest

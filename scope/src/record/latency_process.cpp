@@ -152,7 +152,8 @@ class LatencyLoop {
       bursts_->Warm();
       bursts_->Burst(rhythm_.burstNs);
       const auto tookNs = static_cast<double>(ReadThreadState().cpuNs - cpuNs);
-      dueNs = std::max(now(), dueNs + share(random) * std::max(rhythm_.periodNs, tookNs / rhythm_.mostShare));
+      const double periodNs = std::clamp(tookNs / rhythm_.mostShare, rhythm_.periodNs, rhythm_.mostPeriodNs);
+      dueNs = std::max(now(), dueNs + share(random) * periodNs);
     } while (!EndIsAsked(std::min(dueNs, reportNs + kLateNs) - now()));
     Report(LatencyPacket::Type::kEnd);
   }

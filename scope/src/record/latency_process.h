@@ -56,6 +56,7 @@ struct LatencyRhythm {
   double burstNs = 1e6;
   double periodNs = 125e6;  ///< on average: pauses have random lengths, so that they do not beat with a load
   double mostShare = 0.01;  ///< of a CPU: pauses are longer where beginning again takes long
+  double mostPeriodNs = 650e6;  ///< on average, whatever the share: each second has a burst
 };
 
 /// The work of the latency probe's process, which has `socket`. It goes through `bytes` of memory on CPU
