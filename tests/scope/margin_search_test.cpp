@@ -117,16 +117,23 @@ TEST(MarginSearchTest, RunsThatAreLeftAreForTheChosenPointAndItsNeighbours) {
   EXPECT_LE(found.order.size(), 100U);
 }
 
+// True if a failure at `other` condemns `point`: it does so for itself and all points farther out.
+bool Condemns(const MarginGrid& grid, std::size_t other, std::size_t point) {
+  std::vector<Trials> trials(PointCount(grid));
+  trials[other].failures = 1;
+  return Judge(grid, trials)[point].fails;
+}
+
 TEST(MarginSearchTest, FartherOutIsTheSameDirectionInEachSetting) {
   const MarginGrid grid{{5, 5}, 12};
-  EXPECT_TRUE(IsFartherOut(grid, 24, 18));
-  EXPECT_TRUE(IsFartherOut(grid, 18, 18));
-  EXPECT_TRUE(IsFartherOut(grid, 19, 13));  // the first setting as chosen: any of its values
-  EXPECT_TRUE(IsFartherOut(grid, 9, 13));
-  EXPECT_FALSE(IsFartherOut(grid, 18, 24));
-  EXPECT_FALSE(IsFartherOut(grid, 0, 18));
-  EXPECT_FALSE(IsFartherOut(grid, 6, 8));
-  EXPECT_TRUE(IsFartherOut(grid, 0, 12));
+  EXPECT_TRUE(Condemns(grid, 18, 24));
+  EXPECT_TRUE(Condemns(grid, 18, 18));
+  EXPECT_TRUE(Condemns(grid, 13, 19));  // the first setting as chosen: any of its values
+  EXPECT_TRUE(Condemns(grid, 13, 9));
+  EXPECT_FALSE(Condemns(grid, 24, 18));
+  EXPECT_FALSE(Condemns(grid, 18, 0));
+  EXPECT_FALSE(Condemns(grid, 8, 6));
+  EXPECT_TRUE(Condemns(grid, 12, 0));
 }
 
 TEST(MarginSearchTest, RunsThatSpeakAgainstTheAssumptionAreFound) {

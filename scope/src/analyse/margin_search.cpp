@@ -22,6 +22,7 @@ std::vector<Offsets> AllOffsets(const MarginGrid& grid) {
   return all;
 }
 
+/// True if the first point is farther out than the other one, or the same.
 bool IsFarther(const Offsets& offsets, const Offsets& others) {
   for (std::size_t i = 0; i < offsets.size(); ++i) {
     if (others[i] > 0 && offsets[i] < others[i]) return false;
@@ -113,11 +114,6 @@ std::vector<std::size_t> ValuesOfPoint(const MarginGrid& grid, std::size_t point
     point /= grid.counts[i];
   }
   return values;
-}
-
-bool IsFartherOut(const MarginGrid& grid, std::size_t point, std::size_t other) {
-  const std::vector<Offsets> offsets = AllOffsets(grid);
-  return IsFarther(offsets[point], offsets[other]);
 }
 
 std::vector<Judgement> Judge(const MarginGrid& grid, const std::vector<Trials>& trials) {

@@ -41,9 +41,6 @@ std::size_t PointCount(const MarginGrid& grid);
 /// The index of the point's value for each setting.
 std::vector<std::size_t> ValuesOfPoint(const MarginGrid& grid, std::size_t point);
 
-/// True if `point` is farther out than `other`, or the same.
-bool IsFartherOut(const MarginGrid& grid, std::size_t point, std::size_t other);
-
 /// One for each point. `trials` has an entry for each point.
 std::vector<Judgement> Judge(const MarginGrid& grid, const std::vector<Trials>& trials);
 
