@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>

@@ -5,7 +5,6 @@
 #include <link.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 
 #include "demangled.h"

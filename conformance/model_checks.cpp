@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "check.h"

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <memory>
 
 namespace conformance {

@@ -4,7 +4,6 @@
 #include <glob.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <new>

@@ -5,12 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <stdexcept>
 
 #include "diagnostics.h"
 #include "model_inputs.h"

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "compare.h"
 
-#include <map>
 #include <vector>
 
 #include "compare_values.h"

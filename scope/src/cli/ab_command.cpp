@@ -7,7 +7,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "compare.h"

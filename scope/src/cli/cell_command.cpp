@@ -2,7 +2,6 @@
 #include <malloc.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <optional>

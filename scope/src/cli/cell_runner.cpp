@@ -13,7 +13,6 @@
 #include <iostream>
 #include <optional>
 
-#include "cell_file.h"
 #include "cell_plan.h"
 #include "collection.h"
 #include "compare_figures.h"

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <memory>

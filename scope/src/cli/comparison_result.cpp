@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <string>
-
 #include "commands.h"
 #include "comparison_text.h"
 #include "pages.h"

@@ -9,7 +9,6 @@
 
 #include "cell_folder.h"
 #include "cell_runner.h"
-#include "collection.h"
 #include "configuration.h"
 #include "engines.h"
 #include "errors.h"

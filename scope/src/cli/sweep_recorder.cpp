@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <exception>
 #include <memory>
 #include <utility>

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "curve.h"
 
-#include <cmath>
-
 namespace scope {
 
 double LoadOf(const Curve& curve, int point) {

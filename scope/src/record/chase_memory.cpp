@@ -2,7 +2,6 @@
 #include "chase_memory.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>

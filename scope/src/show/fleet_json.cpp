@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <set>
 
 #include "cell_file.h"

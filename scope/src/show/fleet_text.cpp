@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "cell_file.h"
-#include "compare_figures.h"
 #include "fleet_reader.h"
 #include "printable.h"
 #include "run_error.h"

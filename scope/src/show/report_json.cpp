@@ -20,7 +20,6 @@
 #include "run_keys.h"
 #include "run_tables.h"
 #include "run_warnings.h"
-#include "statistics.h"
 #include "text_format.h"
 
 namespace scope {
