@@ -2,8 +2,6 @@
 
 // Each fault of a configuration: the exit status, the exact log line, and that nothing runs.
 
-#include <sys/stat.h>
-
 #include "fifo.h"
 #include "program_test.h"
 

@@ -13,7 +13,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <ostream>
 #include <stdexcept>

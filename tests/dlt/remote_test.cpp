@@ -3,7 +3,6 @@
 // Records on their way to a real daemon that runs, is missing, is slow, is stopped or dies.
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <map>

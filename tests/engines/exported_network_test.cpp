@@ -2,7 +2,8 @@
 
 // Networks that people have exported and packages carry: detection, recognition and classification of text,
 // and of speech.
-#include <cstring>
+#include <gmock/gmock.h>
+
 #include <filesystem>
 #include <fstream>
 

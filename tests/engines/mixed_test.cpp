@@ -6,7 +6,6 @@
 #include <array>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>

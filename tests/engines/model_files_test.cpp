@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "model_bytes.h"

@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <ostream>

@@ -12,13 +12,11 @@
 #include <sstream>
 
 #include "compare_conditions.h"
-#include "comparison_text.h"
 #include "error_of.h"
 #include "errors.h"
 #include "number_text.h"
 #include "page_json.h"
 #include "ratio.h"
-#include "run_reader.h"
 #include "run_summary.h"
 #include "run_tool.h"
 #include "sanitizers.h"

@@ -3,10 +3,8 @@
 /// A platform that only waits and counts its own work. Tests compare the meter with these counts.
 #include "counting_platform.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <string>
 

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <cstring>
-
 #include "errors.h"
 #include "latency_buckets.h"
 #include "run_error.h"

@@ -2,7 +2,6 @@
 
 // The meter in a program that counts its own calls.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -22,7 +22,6 @@
 #include "collection.h"
 #include "collection_text.h"
 #include "error_of.h"
-#include "folder_lock.h"
 #include "made_run.h"
 #include "plan_file.h"
 #include "run_error.h"

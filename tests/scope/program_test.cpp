@@ -3,7 +3,6 @@
 // Runs stress_scope as a user does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
 
 #include <chrono>

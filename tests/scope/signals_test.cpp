@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <exception>

@@ -13,7 +13,6 @@
 #include <sstream>
 #include <thread>
 
-#include "compare_conditions.h"
 #include "compare_values.h"
 #include "configuration.h"
 #include "error_of.h"

@@ -14,7 +14,6 @@
 #include <sstream>
 #include <thread>
 
-#include "report.h"
 #include "run_reader.h"
 #include "run_tool.h"
 #include "temporary_folder.h"

@@ -9,7 +9,6 @@
 // SECONDS, and there are at least ROUNDS. After each round a line of the file RESTS gets the memory,
 // descriptors and threads of the process. Failures are only logged: the preloaded library makes them.
 #include <malloc.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>

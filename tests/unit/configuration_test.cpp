@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <stdexcept>
-
 #include "faults.h"
 #include "fixture.h"
 #include "stress_bencmark.h"

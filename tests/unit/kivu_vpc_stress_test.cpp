@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kivu_vpc_stress.h"
 
-#include <atomic>
 #include <cstring>
 #include <set>
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <chrono>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>

@@ -17,7 +17,6 @@
 #include "fixture.h"
 #include "kivu_venc_stress.h"
 #include "kivu_vpc_stress.h"
-#include "stress_bencmark.h"
 
 namespace {
 
