@@ -132,6 +132,7 @@ TEST(MarginSearchTest, FartherOutIsTheSameDirectionInEachSetting) {
   EXPECT_FALSE(Condemns(grid, 24, 18));
   EXPECT_FALSE(Condemns(grid, 18, 0));
   EXPECT_FALSE(Condemns(grid, 8, 6));
+  EXPECT_FALSE(Condemns(grid, 6, 7));  // nearer in a setting below the chosen value
   EXPECT_TRUE(Condemns(grid, 12, 0));
 }
 
