@@ -167,12 +167,14 @@ TEST_F(CurveTest, SaysIdleKneeAndSaturation) {
   EXPECT_NEAR(figures->knee->value, 7.286, 0.3) << "on lines between ten points";
   EXPECT_TRUE(figures->saturation.reached);
   EXPECT_EQ(figures->saturation.lowest, 8U);
-  EXPECT_THAT(CurveSentences(table, *figures),
-              ElementsAre("Idle latency: 100.0 ns (100.0 to 100.0).", HasSubstr("Knee: 7."),
-                          "Most bandwidth: 10.00 GB/s (10.00 to 10.00) at CPU=1 at 88.9 %.",
-                          AllOf(HasSubstr("CPU=1 at 88.9 % is the least load within 5 %"),
-                                HasSubstr("p99 2200.0 ns")),
-                          HasSubstr("1 MiB 9 ns, 256 MiB 100 ns")));
+  EXPECT_THAT(
+      CurveSentences(table, *figures),
+      ElementsAre(
+          "Idle latency: 100.0 ns (100.0 to 100.0). Its mean, which other tools show: "
+          "110.0 ns (110.0 to 110.0).",
+          HasSubstr("Knee: 7."), "Most bandwidth: 10.00 GB/s (10.00 to 10.00) at CPU=1 at 88.9 %.",
+          AllOf(HasSubstr("CPU=1 at 88.9 % is the least load within 5 %"), HasSubstr("p99 2200.0 ns")),
+          HasSubstr("1 MiB 9 ns, 256 MiB 100 ns")));
   EXPECT_THAT(table.notes, IsEmpty());
 }
 
@@ -283,9 +285,14 @@ TEST_F(CurveTest, TheLongestAccessIsOfTheSameSecondsAndOfAllRepeats) {
   for (LatencySecond& second : run.latency) second.timeS += 0.2;
   run.latency[0].maxNs = 1'000'000;  // from 0.2 to 1.2 s: most of it is the warm-up
   run.latency[1].maxNs = 5000;
+  for (const std::size_t second : {2U, 3U}) {
+    run.latency[second].accesses = 0;  // all of its bursts were interrupted
+    run.latency[second].meanNs = 0;
+  }
   const CurveValue value = *CurveValueOf(run, Summarise(run), 1);
   EXPECT_EQ(value.maxNs, 5000);
   EXPECT_EQ(value.p50Ns, 100);
+  EXPECT_DOUBLE_EQ(value.meanNs, 110);
   EXPECT_EQ(value.bursts, 24U) << "without the last second, which may be shorter";
   EXPECT_EQ(value.interrupted, 1U);
   const CurveTable table =
@@ -601,6 +608,8 @@ TEST_F(CurveTest, TheProgramReportsOneOrSeveral) {
   EXPECT_THAT(data["points"][9]["latency_p50_ns"].get<double>(), DoubleNear(1100, 1e-6));
   EXPECT_THAT(data["points"][9]["latency_p99_ns"].get<double>(), DoubleNear(2200, 1e-6));
   EXPECT_THAT(data["points"][9]["latency_p999_ns"].get<double>(), DoubleNear(3300, 1e-6));
+  EXPECT_THAT(data["points"][9]["latency_mean_ns"].get<double>(), DoubleNear(1210, 1e-6));
+  EXPECT_THAT(data["points"][9]["values"][0]["latency_mean_ns"].get<double>(), DoubleNear(1210, 1e-6));
   EXPECT_EQ(data["points"][9]["latency_max_ns"], 4400);
   EXPECT_EQ(data["points"][9]["values"].size(), 2U);
   EXPECT_EQ(data["points"][9]["values"][1]["bursts"], 24);
@@ -609,6 +618,7 @@ TEST_F(CurveTest, TheProgramReportsOneOrSeveral) {
   EXPECT_EQ(data["growth"],
             json::parse(R"([{"bytes": 1048576, "p50_ns": 9}, {"bytes": 268435456, "p50_ns": 100}])"));
   EXPECT_THAT(data["idle"]["latency_p50_ns"].get<double>(), DoubleNear(100, 1e-6));
+  EXPECT_THAT(data["idle"]["latency_mean_ns"].get<double>(), DoubleNear(110, 1e-6));
   EXPECT_NEAR(data["knee"]["gb_per_s"].get<double>(), 7.3, 0.3);
   EXPECT_EQ(data["saturation"]["reached"], true);
   const json both = json::parse(RunTool({"report", "--json", folder_ / "a", folder_ / "b"}).output);

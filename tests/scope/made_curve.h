@@ -61,12 +61,12 @@ inline scope::Run Run(const Value& value) {
     latency.accesses = 1000;
     latency.bursts = 8;
     latency.interrupted = second == 3 ? 1 : 0;
-    latency.meanNs = value.p50Ns;
     // The first second is the warm-up.
     latency.p50Ns = second == 1 ? 5 * p50Ns : p50Ns;
     latency.p99Ns = 2 * latency.p50Ns;
     latency.p999Ns = 3 * latency.p50Ns;
     latency.maxNs = 4 * latency.p50Ns;
+    latency.meanNs = 1.1 * static_cast<double>(latency.p50Ns);
     run.latency.push_back(latency);
   }
   if (value.gigabytesPerS > 0)

@@ -114,11 +114,14 @@ std::optional<CurveValue> CurveValueOf(const Run& run, const RunSummary& summary
   const auto p999 = valueOf({kMemory, Figure::kP999});
   if (!total || !p50 || !p99 || !p999) return std::nullopt;
   CurveValue value = {*total, *p50 * kNsPerUs, *p99 * kNsPerUs, *p999 * kNsPerUs};
+  std::vector<double> means;
   for (const LatencySecond& second : LatencyAfter(summary, warmupS)) {
+    if (second.accesses != 0) means.push_back(second.meanNs);
     value.maxNs = std::max(value.maxNs, static_cast<double>(second.maxNs));
     value.bursts += second.bursts;
     value.interrupted += second.interrupted;
   }
+  value.meanNs = Median(std::move(means));
   return value;
 }
 
@@ -206,6 +209,7 @@ std::optional<CurveFigures> FiguresOf(const CurveTable& table) {
   saturation.p99Ns = at(saturation.lowest, &CurveValue::p99Ns);
   saturation.p999Ns = at(saturation.lowest, &CurveValue::p999Ns);
   figures.idleNs = at(0, &CurveValue::p50Ns);
+  figures.idleMeanNs = at(0, &CurveValue::meanNs);
   std::vector<double> knees;
   for (const std::size_t repeat : figures.repeats) {
     figures.fits.push_back(FitOf(table, repeat, saturation.last));
@@ -234,7 +238,9 @@ std::vector<std::string> CurveSentences(const CurveTable& table, const std::opti
   if (!found) return {WhyNoFigures(table)};
   const CurveFigures& figures = *found;
   const CurveSaturation& saturation = figures.saturation;
-  std::vector<std::string> sentences = {"Idle latency: " + EstimateText(figures.idleNs, "ns") + "."};
+  std::vector<std::string> sentences = {
+      "Idle latency: " + EstimateText(figures.idleNs, "ns") +
+      ". Its mean, which other tools show: " + EstimateText(figures.idleMeanNs, "ns") + "."};
   sentences.push_back(KneeSentence(figures));
   sentences.push_back("Most bandwidth: " + EstimateText(figures.mostGigabytesPerS, "GB/s") + " at " +
                       table.points[saturation.best].name + ".");

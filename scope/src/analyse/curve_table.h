@@ -27,6 +27,7 @@ struct CurveValue {
   double maxNs = 0;               ///< the longest access of all these seconds
   std::uint64_t bursts = 0;       ///< of the latency probe in these seconds
   std::uint64_t interrupted = 0;  ///< of them; their accesses are in no figure
+  double meanNs = 0;              ///< of accesses in batches: the median of the seconds' means
 };
 
 /// The value of a recorded run; none if it has no second with a latency, or no bandwidth of all engines.
@@ -81,6 +82,7 @@ struct CurveFigures {
   std::vector<CurveFit> fits;        ///< one of each, up to the point `saturation.last`
   CurveSaturation saturation;
   Estimate idleNs;             ///< the median latency without load
+  Estimate idleMeanNs;         ///< the mean latency without load
   Estimate mostGigabytesPerS;  ///< at `saturation.best`
   /// GB/s, of the repeats that have one; none unless more than half have. Without an interval unless all have
   /// one: those of the others are above what they reach.

@@ -22,6 +22,7 @@ void PutFigures(Json& json, const CurveTablePoint& point) {
   Put(json, "latency_p50_ns", EstimateAt(point, &CurveValue::p50Ns));
   Put(json, "latency_p99_ns", EstimateAt(point, &CurveValue::p99Ns));
   Put(json, "latency_p999_ns", EstimateAt(point, &CurveValue::p999Ns));
+  Put(json, "latency_mean_ns", EstimateAt(point, &CurveValue::meanNs));
   json["latency_max_ns"] = OrNull(LongestAt(point));
   json["interrupted_percent"] = OrNull(InterruptedPercentAt(point));
 }
@@ -36,6 +37,7 @@ Json PointJson(const CurveTablePoint& point) {
                           {"latency_p50_ns", value->p50Ns},
                           {"latency_p99_ns", value->p99Ns},
                           {"latency_p999_ns", value->p999Ns},
+                          {"latency_mean_ns", value->meanNs},
                           {"latency_max_ns", value->maxNs},
                           {"bursts", value->bursts},
                           {"interrupted", value->interrupted}});
@@ -84,7 +86,10 @@ Json CurveData(const CurveTable& table) {
   for (const LatencyGrowth& part : table.growth)
     growth.push_back(Json{{"bytes", part.bytes}, {"p50_ns", part.p50Ns}});
   Json idle = nullptr;
-  if (figures) Put(idle, "latency_p50_ns", figures->idleNs);
+  if (figures) {
+    Put(idle, "latency_p50_ns", figures->idleNs);
+    Put(idle, "latency_mean_ns", figures->idleMeanNs);
+  }
   Json json{{"format", 1},
             {"kind", "curve"},
             {"tool", kToolVersion},
