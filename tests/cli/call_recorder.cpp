@@ -2,7 +2,8 @@
 
 // Preloaded into the program, before the platform and the log. Writes the name of each call to the file that
 // RECORD_CALLS names, then calls the real function. When RAISE_SIGINT_IN_INITIALIZE is set, it raises SIGINT
-// inside the platform's start. One write(2) for each call, so it works in signal handlers.
+// inside the platform's start. When HOLD_RELEASE names a file, the platform's release waits until there is
+// one, at most a minute. One write(2) for each call, so it works in signal handlers.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -70,6 +71,8 @@ std::int32_t QetInitialize(QetContext& context, const QetContextParameters& para
 
 std::int32_t QetRelease(QetContext& context) {
   recorder.Note("QetRelease\n");
+  const char* const file = std::getenv("HOLD_RELEASE");
+  for (int i = 0; i < 6000 && file != nullptr && access(file, F_OK) != 0; ++i) (void)usleep(10'000);
   return recorder.release(context);
 }
 

@@ -112,9 +112,12 @@ TEST_F(Output, ReaderThatDoesNotReadDelaysOnlyTheLines) {
   const int threads = program.ThreadCount();
   program.Signal(SIGINT);
   ASSERT_TRUE(program.WaitForError("SignalHandler() | "));
-  program.RunFor(std::chrono::milliseconds(2500));
-  EXPECT_TRUE(program.Running()) << "it still has a line to write";
+  while (program.ThreadCount() > threads - 2 && program.Seconds() < 60) {
+    program.RunFor(std::chrono::milliseconds(100));
+  }
   EXPECT_LE(program.ThreadCount(), threads - 2) << "the workers have ended";
+  program.RunFor(std::chrono::milliseconds(2000));
+  EXPECT_TRUE(program.Running()) << "it still has a line to write";
   program.TakeOutput();
   const Ending ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));

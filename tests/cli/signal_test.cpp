@@ -129,12 +129,16 @@ TEST_F(Signals, SigintDuringTheRunPrintsTheLastLineAndReleases) {
 }
 
 TEST_F(Signals, ASecondSigintIsLoggedAgain) {
-  Program program(Configured("logLevel: 5\nCPU: {Level: 1}\n"));
+  // Otherwise the program might have ended before the second one.
+  Launch launch = Recorded(Configured("logLevel: 5\nCPU: {Level: 1}\n"));
+  launch.environment["HOLD_RELEASE"] = "go";
+  Program program(launch);
   ASSERT_TRUE(program.ReadLine().has_value());
-  program.RunFor(std::chrono::milliseconds(100));
-  program.Signal(SIGINT);
-  ASSERT_TRUE(program.WaitForError("stopFlag_: 1 ====="));
-  program.Signal(SIGINT);
+  for (int i = 0; i < 2; ++i) {
+    program.Signal(SIGINT);
+    ASSERT_TRUE(program.WaitForError("stopFlag_: 1 =====")) << program.Wait(std::chrono::seconds(0));
+  }
+  Write("go", "");
   const Ending ending = program.Wait();
   EXPECT_THAT(ending, Exited(0));
   EXPECT_EQ(Count(Texts(LogFile()), kSignal), 2);
