@@ -268,6 +268,22 @@ TEST_F(CommandLineTest, RefusesWhatIsNotAFiniteNumber) {
   EXPECT_EQ(RunTool({"compare", run, run, "--tolerance", "2.5e1", "--allow-unclear"}).status, 0);
 }
 
+// The name of the folder of a cell has its number with zeros in front.
+TEST_F(CommandLineTest, ZerosInFrontOfANumberMeanNothing) {
+  const std::string plan = folder_ / "plan.json";
+  const ToolResult made =
+      RunTool({"plan", Config(), "--repeat", "010", "--seed", "0100", "-o", plan, "--json"});
+  ASSERT_EQ(made.status, 0) << made.errors;
+  const Json json = Json::parse(made.output);
+  EXPECT_EQ(json.at("cells").size(), 10U);
+  EXPECT_EQ(json.at("seed"), 100);
+  for (const std::string number : {"0011", "0018"}) {
+    EXPECT_THAT(RunTool({"cell", plan, number, "-o", folder_ / "cells"}).errors,
+                HasSubstr("there is no cell " + number.substr(2) + " in "));
+  }
+  EXPECT_EQ(RunTool({"plan", Config(), "--repeat", "0x10"}).status, 2);
+}
+
 TEST_F(CommandLineTest, JsonOfARecordingIsItsReport) {
   const ToolResult result = Record({"--json"});
   EXPECT_EQ(result.status, 0) << result.errors;

@@ -227,8 +227,8 @@ void AddAb(CLI::App& app, int& status) {
       "Shell command that makes setting A (default: ask on the terminal)");
   add("--b", settings.commandB, "COMMAND", "Shell command that makes setting B");
   add("--max-runs", settings.mostRuns, "N", "Most runs to record, of both sides together")
-      ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedMaxRuns.least),
-                              static_cast<std::uint64_t>(kAllowedMaxRuns.most)))
+      ->transform(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedMaxRuns.least),
+                                  static_cast<std::uint64_t>(kAllowedMaxRuns.most)))
       ->capture_default_str();
   add("--tolerance", settings.tolerancePercent, "PERCENT", "Difference up to which figures count as equal")
       ->check(NumberFrom(kAllowedTolerancePercent.least, kAllowedTolerancePercent.most))
@@ -241,7 +241,7 @@ void AddAb(CLI::App& app, int& status) {
       ->capture_default_str();
   CLI::Option* const seed =
       add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
-          ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+          ->transform(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
   add("-o,--output", options->folder, "DIR", "Folder to make (default: ab-TIME)");
   AddRunSettings(*command, settings, resume);
   command->add_flag("--allow-unclear", options->allowUnclear,

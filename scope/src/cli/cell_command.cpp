@@ -121,7 +121,7 @@ void AddCell(CLI::App& app, int& status) {
   command->add_option("PLAN", options->plan, "File that stress_scope plan made")->required();
   command->add_option("NUMBER", options->number, "Number of the cell in the plan, from 1")
       ->required()
-      ->check(WholeNumberFrom(1, 1'000'000'000));
+      ->transform(WholeNumberFrom(1, 1'000'000'000));
   add("-o,--output", options->cell.root, "DIR", "Folder of all cells of the plan")->required();
   add("--board", options->cell.board, "NAME", "Name of this board; a cell of another one is refused");
   add("--model", options->cell.model, "FILE",

@@ -179,11 +179,14 @@ CLI::Validator NumberFrom(double least, double most) {
 }
 
 CLI::Validator WholeNumberFrom(std::uint64_t least, std::uint64_t most) {
-  return {[least, most](const std::string& text) {
+  return {[least, most](std::string& text) {
             errno = 0;
             const std::uint64_t value = std::strtoull(text.c_str(), nullptr, 10);
             const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-            if (digits && errno == 0 && value >= least && value <= most) return std::string();
+            if (digits && errno == 0 && value >= least && value <= most) {
+              text = std::to_string(value);
+              return std::string();
+            }
             return "expected a whole number from " + std::to_string(least) + " to " + std::to_string(most) +
                    ", found \"" + text + "\"";
           },

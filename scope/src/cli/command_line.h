@@ -36,7 +36,8 @@ void SetHelpLayout(CLI::App& app);
 /// too large for a double, such as 1e-320.
 CLI::Validator NumberFrom(double least, double most);
 
-/// Accepts whole decimal numbers from `least` to `most`.
+/// Accepts whole decimal numbers from `least` to `most`. For Option::transform: it takes leading zeros away,
+/// with which the library would read 010 as 8.
 CLI::Validator WholeNumberFrom(std::uint64_t least, std::uint64_t most);
 
 /// Accepts one of `words`.

@@ -153,22 +153,22 @@ CLI::Option* AddPlanOfCurve(CLI::App& command, CurveOptions& options, CLI::Optio
   add("--mix", options.mix, "MIX",
       "Engines and their shares of the load, as in CPU,VPC:2 (default: the levels in CONFIG)");
   add("--points", options.points, "N", "Loads in equal steps from none to the greatest")
-      ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurvePoints.least),
-                              static_cast<std::uint64_t>(kAllowedCurvePoints.most)))
+      ->transform(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurvePoints.least),
+                                  static_cast<std::uint64_t>(kAllowedCurvePoints.most)))
       ->capture_default_str();
   add("--most", options.most, "N",
       "Greatest load, in units of the mix (default: five threads for each CPU, of inferences two)")
-      ->check(WholeNumberFrom(1, static_cast<std::uint64_t>(kMostLevel)));
+      ->transform(WholeNumberFrom(1, static_cast<std::uint64_t>(kMostLevel)));
   add("--repeat", settings.repeats, "N", "Runs of each point; each repeat is a whole curve")
-      ->check(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurveRepeats.least),
-                              static_cast<std::uint64_t>(kAllowedCurveRepeats.most)))
+      ->transform(WholeNumberFrom(static_cast<std::uint64_t>(kAllowedCurveRepeats.least),
+                                  static_cast<std::uint64_t>(kAllowedCurveRepeats.most)))
       ->capture_default_str();
   add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
       ->check(NumberFrom(0, kMostSeconds))
       ->capture_default_str();
   add("-o,--output", options.folder, "DIR", "Folder to make (default: curve-TIME)");
   return add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
-      ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+      ->transform(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
 }
 
 }  // namespace

@@ -136,7 +136,7 @@ CLI::Option* AddLatencySize(CLI::App& command, RunSettings& settings, CLI::Optio
 void AddLatencyPlace(CLI::App& command, RunSettings& settings, CLI::Option* excluded, CLI::Option* needed) {
   CLI::Option* const cpu = AddUnless(command, excluded, "--latency-cpu", settings.latencyCpu, "NUMBER",
                                      "CPU of the latency probe (default: the last one that is allowed)");
-  cpu->check(WholeNumberFrom(0, kMostCpu));
+  cpu->transform(WholeNumberFrom(0, kMostCpu));
   CLI::Option* const size = AddLatencySize(command, settings, excluded);
   if (needed == nullptr) return;
   cpu->needs(needed);
@@ -155,7 +155,7 @@ void AddRecord(CLI::App& app, int& status) {
   command->add_option("--label", options->label, "Text to save with the run")->type_name("WORDS");
   command->add_option("--run-time", options->runTimeS, "Run time to expect, instead of the one in CONFIG")
       ->type_name("SECONDS")
-      ->check(WholeNumberFrom(0, static_cast<std::uint64_t>(kMostSeconds)));
+      ->transform(WholeNumberFrom(0, static_cast<std::uint64_t>(kMostSeconds)));
   command
       ->add_option("--metrics", options->exports.metrics,
                    "Keep the figures of the last second in FILE, for Prometheus' node exporter")

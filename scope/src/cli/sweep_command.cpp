@@ -156,7 +156,7 @@ void AddMargin(CLI::App& command, SweepOptions& options, CLI::Option* resume) {
       ->check(NumberFrom(1, kMostSeconds));
   add("--tries", options.margin.tries, "N",
       "How often a run in which the machine died is begun again, with --resume")
-      ->check(WholeNumberFrom(0, 1000))
+      ->transform(WholeNumberFrom(0, 1000))
       ->capture_default_str();
 }
 
@@ -173,13 +173,13 @@ CLI::Option* AddGrid(CLI::App& command, std::vector<std::string>& levels, SweepS
       "Section and its levels, as in CPU=0,1,2..4; once for each section")
       ->allow_extra_args(false);
   add("--repeat", settings.repeats, "N", "Runs of each " + point)
-      ->check(WholeNumberFrom(1, 1000))
+      ->transform(WholeNumberFrom(1, 1000))
       ->capture_default_str();
   add("--warmup", settings.warmupS, "SECONDS", "Time at the start of each run that figures leave out")
       ->check(NumberFrom(0, kMostSeconds))
       ->capture_default_str();
   return add("--seed", settings.seed, "N", "Seed of the random order (default: a new one each time)")
-      ->check(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
+      ->transform(WholeNumberFrom(0, std::numeric_limits<std::uint64_t>::max()));
 }
 
 void AddSweep(CLI::App& app, int& status) {
