@@ -124,7 +124,11 @@ std::string WhatIsWrong(const CLI::App& command, bool isTop, const std::vector<s
   const std::string text = error.what();
   const std::string kind = error.get_name();
   if (kind == "RequiredError") return text.substr(0, text.find(" is required")) + " is missing";
-  if (kind == "ArgumentMismatch") return text.substr(0, text.find(':')) + ": the value is missing";
+  if (kind == "ArgumentMismatch") {
+    const bool isTooOften = text.find("At Most") != std::string::npos;
+    return text.substr(0, text.find(':')) +
+           (isTooOften ? " is given more than once" : ": the value is missing");
+  }
   const std::size_t excludes = text.find(" excludes ");
   if (kind == "ExcludesError" && excludes != std::string::npos) {
     return text.substr(0, excludes) + " cannot be used together with " +
