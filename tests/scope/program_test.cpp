@@ -116,12 +116,13 @@ TEST_F(ProgramTest, RecordsTheRealBenchmarkUntilSigint) {
   EXPECT_THAT(run.info.conditions.encoderEngines, ElementsAre(Pair("25", _)));
 }
 
-// The script's meter says that 9 of 300 operations were late.
+// The script's meter says that 9 of 300 operations were late. An option takes one word: CONFIG may follow.
 TEST_F(ProgramTest, EndsWithStatus1IfTooManyOperationsMissTheirDeadline) {
   const std::string script = folder_.Put("script", "sample 0 0 900 300\ndeadline 0 300 9\nsecond 1000\n");
   const auto record = [&](const char* share) {
-    return RunTool({"record", Config(), "-o", folder_ / "run", "--force", "--benchmark", SCRIPTED_METER,
-                    "--meter", IDLE_LIBRARY, "--deadline", "cpu=5us", "--fail-over", share, "--", script});
+    return RunTool({"record", "--deadline", "cpu=5us", Config(), "-o", folder_ / "run", "--force",
+                    "--benchmark", SCRIPTED_METER, "--meter", IDLE_LIBRARY, "--fail-over", share, "--",
+                    script});
   };
   const ToolResult late = record("2%");
   EXPECT_EQ(late.status, 1);

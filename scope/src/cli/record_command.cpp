@@ -55,6 +55,7 @@ void AddDeadlines(CLI::App& command, RecordOptions& options) {
               },
               "Count operations that take longer, as vpc=16.7ms; may be given for several engines")
           ->type_name("ENGINE=TIME")
+          ->allow_extra_args(false)
           ->excludes(command.get_option("--no-meter"));
   command
       .add_option_function<std::string>(
