@@ -240,6 +240,8 @@ TEST_F(CommandLineTest, AnErrorBeginsWithTheProgramAndEndsWithWhatToDo) {
   refused({"record", Config(), "-o"}, "--output: the value is missing", "See stress_scope record --help.");
   refused({"record", Config(), "-o", "a", "--output", "b"}, "--output is given more than once",
           "See stress_scope record --help.");
+  refused({"record", Config(), "--guard", ""}, "--guard: expected a size as 512M or 2G, or ",
+          "found \"\". See stress_scope record --help.");
   refused({"report", Run(), "--json", "--quiet"}, "--json cannot be used together with --quiet",
           "See stress_scope report --help.");
   refused({"rates", "a", "b"}, "unexpected argument \"b\"", "See stress_scope rates --help.");

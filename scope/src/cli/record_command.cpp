@@ -6,6 +6,7 @@
 #include "durable_file.h"
 #include "errors.h"
 #include "live_view.h"
+#include "memory_amount.h"
 #include "printable.h"
 #include "protocol.h"
 #include "record.h"
@@ -115,6 +116,10 @@ void AddChecks(CLI::App& command, RunSettings& settings, CLI::Option* excluded) 
   CLI::Option* const guard =
       AddUnless(command, excluded, "--guard", settings.guard, "SIZE",
                 "Watch so much memory for changes, as 512M or 25% of what is available");
+  // An empty one would mean no guard.
+  guard->check([](const std::string& text) {
+    return text.empty() ? kMemoryAmountWords + std::string(", found \"\"") : std::string();
+  });
   command.add_option("--guard-rate", settings.guardRate, "How many MB of it are checked in a second")
       ->type_name("NUMBER")
       ->check(NumberFrom(kLeastGuardRate, kMostGuardRate))
