@@ -343,6 +343,38 @@ TEST_F(RecordTest, ASignalCutsTheLastWalkShortAndTheRunSaysSo) {
   EXPECT_THAT(scope::ReportText(scope::ReadRuns({run_}), 100), testing::HasSubstr(", and one cut short"));
 }
 
+// The walk is at full speed, and is no load of the run. Here it does not begin before the probe has gone.
+TEST_F(RecordTest, TheLatencyProbeEndsBeforeTheGuardsLastWalk) {
+  scope::RecordOptions options;
+  options.guard = "25%";
+  options.latency = true;
+  pid_t guard = -1;
+  std::thread wait;
+  bool isGone = false;
+  const scope::RecordResult result = RecordHarmed(
+      folder_, options,
+      [&guard] {
+        guard = guarded::Process();
+        ASSERT_TRUE(guarded::Signal(guard, SIGSTOP));
+      },
+      [&] {
+        wait = std::thread([&] {
+          const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+          while (!isGone && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            isGone = guarded::Process("scope_latency") < 0;
+          }
+          (void)guarded::Signal(guard, SIGCONT);
+        });
+      });
+  wait.join();
+  EXPECT_TRUE(isGone) << "while the guard was stopped";
+  EXPECT_TRUE(result.complete) << result.reason;
+  const scope::Run run = scope::ReadRun(run_);
+  EXPECT_FALSE(run.latency.empty());
+  EXPECT_FALSE(run.info.guard.isCut);
+}
+
 TEST_F(RecordTest, ASignalWhileMemoryIsPreparedEndsTheRecordingBeforeItBegins) {
   for (const bool guarded : {true, false}) {
     scope::RecordOptions options;

@@ -62,14 +62,15 @@ void Watchers::Read(RecordedData& data) {
 }
 
 void Watchers::End(Signals& signals, Supervisor& supervisor, RecordedData& data) {
+  // First: the guard's last walk, at full speed, is no load of the run.
+  if (latency_ != nullptr) {
+    ReadLatency(true, data);
+    data.Saved().SetLatency(latency_->Summary());
+  }
   if (guard_ != nullptr) {
     EndGuard(signals, supervisor, data);
     data.Saved().SetGuard(guard_->Summary());
     ReadMemoryControllers(data);
-  }
-  if (latency_ != nullptr) {
-    ReadLatency(true, data);
-    data.Saved().SetLatency(latency_->Summary());
   }
 }
 

@@ -47,8 +47,8 @@ class Watchers {
   void Read(RecordedData& data);
   /// Adds the counters now.
   void ReadCounters(RecordedData& data);
-  /// The benchmark has ended. Waits for the guard's last walk, which a signal cuts short, and for the end of
-  /// the latency probe, and adds what they found.
+  /// The benchmark has ended. Waits for the end of the latency probe, and then for the guard's last walk,
+  /// which a signal cuts short, and adds what they found.
   void End(Signals& signals, Supervisor& supervisor, RecordedData& data);
 
  private:
