@@ -397,6 +397,18 @@ TEST(LatencyProbe, NamesThePagesAndNotHowManyThereAre) {
             LatencyPages(kGibibyte, kGibibyte / 2));
 }
 
+// Runs are compared if this text is the same.
+TEST(LatencyProbe, SaysHowMuchASmallMemoryHas) {
+  const auto text = [](std::uint64_t bytes) {
+    LatencySummary summary;
+    summary.bytes = bytes;
+    return LatencyText(summary);
+  };
+  EXPECT_THAT(text(kMebibyte / 16), ::testing::StartsWith("64 KiB in pages of "));
+  EXPECT_THAT(text(kMebibyte / 2), ::testing::StartsWith("512 KiB in pages of "));
+  EXPECT_THAT(text(kMebibyte), ::testing::StartsWith("1 MiB in pages of "));
+}
+
 // The system is told to make no huge pages for this process and those that it starts.
 TEST(LatencyProbe, SaysThatThereAreNoHugePages) {
   const int before = prctl(PR_GET_THP_DISABLE, 0, 0, 0, 0);

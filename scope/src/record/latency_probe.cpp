@@ -155,8 +155,9 @@ LatencySummary LatencyProbe::Summary() const {
 }
 
 std::string LatencyText(const LatencySummary& latency) {
-  return Format("%.0f MiB in pages of ",
-                static_cast<double>(latency.bytes) / static_cast<double>(kMebibyteOfProbe)) +
+  const bool isSmall = latency.bytes < kMebibyteOfProbe;
+  return Format(isSmall ? "%.0f KiB in pages of " : "%.0f MiB in pages of ",
+                static_cast<double>(latency.bytes) / (isSmall ? 1 << 10 : 1 << 20)) +
          latency.pages +
          (latency.cpu < 0 ? std::string(", no CPU of its own") : ", CPU " + std::to_string(latency.cpu)) +
          (latency.realTime ? ", real-time" : "");
