@@ -759,6 +759,8 @@ TEST_F(CurveProgramTest, RefusesWhatGivesNoCurve) {
     return result.errors;
   };
   EXPECT_THAT(error("CPU: {Level: 0}\n", {}), HasSubstr("no level is above 0: say what works with --mix"));
+  EXPECT_THAT(error("CPU: {Level: 11}\nVPC: {Level: 1}\n", {}),
+              HasSubstr("expected a \"Level\" from 0 to 10 in the section CPU"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "GPU"}), HasSubstr("--mix GPU: expected sections"));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "AIC"}), HasSubstr("with a model as \"File\""));
   EXPECT_THAT(error("CPU: {Level: 1}\n", {"--mix", "CPU,VPC:4", "--most", "3"}),

@@ -51,7 +51,12 @@ SweepLevels MixOfConfig(const CurveOptions& options) {
   SweepLevels mix;
   unsigned int runTimeS = 0;
   for (const auto& [id, level] : ReadConfiguration(options.config, runTimeS).levels) {
-    if (level > 0) mix.emplace_back(FindEngine(&EngineInfo::id, id)->section, level);
+    const std::string section = FindEngine(&EngineInfo::id, id)->section;
+    if (level > kMostLevel) {
+      throw UserError(options.config + ": expected a \"Level\" from 0 to " + std::to_string(kMostLevel) +
+                      " in the section " + section);
+    }
+    if (level > 0) mix.emplace_back(section, level);
   }
   if (mix.empty())
     throw UserError(options.config + ": no level is above 0: say what works with --mix, as in --mix CPU");
