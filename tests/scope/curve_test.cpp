@@ -742,6 +742,12 @@ TEST_F(CurveProgramTest, TellsOfOneCpuAndEndsWithTheStatusOfErrors) {
       AllOf(HasSubstr("One CPU: the probe shares it with the load. Bursts in which the load takes it"),
             HasSubstr("Latency of memory over the bandwidth of CPU, after"),
             HasSubstr("(CPU=0 VPC=0): 3 errors (edac 3)\n")));
+  // The errors are told whatever else fails.
+  std::filesystem::remove(Folder() + "/report.html");
+  std::filesystem::create_directory(Folder() + "/report.html");
+  const ToolResult noPage = RunTool({"curve", "--resume", Folder()});
+  EXPECT_EQ(noPage.status, 3);
+  EXPECT_THAT(noPage.errors, HasSubstr("cannot write " + Folder() + "/report.html: Is a directory"));
   const Curve curve = ReadCurve(Folder());
   for (std::size_t i = 0; i < curve.sweep.runs.size(); ++i) {
     const RunInfo info = ReadRunInfo(Folder() + "/" + curve.sweep.runs[i].folder);

@@ -395,6 +395,14 @@ TEST_F(MarginTest, ErrorsOfARunThatFailedComeBeforeItsFailure) {
   EXPECT_EQ(Count("both"), 1);
   EXPECT_EQ(result.status, 3) << result.errors;
   EXPECT_THAT(result.output, HasSubstr("failed: 2 errors (edac 2); the benchmark ended with status 9"));
+  // They are told whatever else fails.
+  std::filesystem::remove(Folder() + "/report.html");
+  std::filesystem::create_directory(Folder() + "/report.html");
+  const ToolResult noPage = Resume();
+  EXPECT_EQ(Count("both"), 2);
+  EXPECT_EQ(noPage.status, 3);
+  EXPECT_THAT(noPage.errors, HasSubstr("cannot write " + Folder() + "/report.html: Is a directory"));
+  std::filesystem::remove(Folder() + "/report.html");
   folder_.Put("board/region", "fail 1\n");
   EXPECT_EQ(Resume().status, 1) << "the errors were those of an earlier attempt";
   EXPECT_EQ(Count("fail"), 1);

@@ -908,6 +908,12 @@ TEST_F(MatrixProgramTest, TellsOfOneCpuAndEndsWithTheStatusOfErrors) {
   EXPECT_EQ(done.status, 3) << done.errors;
   EXPECT_EQ(ReadText(count), "16");
   EXPECT_THAT(done.output, HasSubstr("(VPC=1): 3 errors (edac 3)\n"));
+  // The errors are told whatever else fails.
+  std::filesystem::remove(Folder() + "/report.html");
+  std::filesystem::create_directory(Folder() + "/report.html");
+  const ToolResult noPage = RunTool({"matrix", "--resume", Folder()});
+  EXPECT_EQ(noPage.status, 3);
+  EXPECT_THAT(noPage.errors, HasSubstr("cannot write " + Folder() + "/report.html: Is a directory"));
   const Matrix matrix = ReadMatrix(Folder());
   for (const MatrixRun& run : matrix.runs) {
     EXPECT_EQ(run.state, SweepState::kDone) << run.folder;

@@ -136,7 +136,8 @@ void TellOfCpus() {
       "runs without others.\n");
 }
 
-int RunCurve(const CurveOptions& options) {
+// Sets `status` before it shows the curve: a page that cannot be written hides no errors of the runs.
+void RunCurve(const CurveOptions& options, int& status) {
   const bool isResumed = !options.resume.empty();
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
@@ -144,9 +145,8 @@ int RunCurve(const CurveOptions& options) {
   if (options.output == Output::kText) TellOfCpus();
   const bool isDone =
       SweepRecorder(folder, curve.sweep, options.output, {"curve", [&] { WriteCurve(folder, curve); }}).Run();
+  status = HasErrors(folder, curve.sweep) ? kExitErrors : isDone ? kExitOk : kExitFailure;
   ShowCurves({folder}, options.output, options.style, {folder + "/" + kReportName});
-  if (HasErrors(folder, curve.sweep)) return kExitErrors;
-  return isDone ? kExitOk : kExitFailure;
 }
 
 // What the curve is made of. Returns --seed.
@@ -214,7 +214,7 @@ void AddCurve(CLI::App& app, int& status) {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("curve-");
     if (seed->count() == 0) options->settings.seed = std::random_device()();
-    status = RunCurve(*options);
+    RunCurve(*options, status);
   });
 }
 

@@ -140,19 +140,19 @@ Matrix ResumeMatrix(const std::string& folder, Output output, std::unique_ptr<Fo
   return matrix;
 }
 
-int RunMatrix(const MatrixOptions& options) {
+// Sets `status` before it shows the matrix: a page that cannot be written hides no errors of the runs.
+void RunMatrix(const MatrixOptions& options, int& status) {
   const bool isResumed = !options.resume.empty();
   const std::string folder = isResumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Matrix matrix = isResumed ? ResumeMatrix(folder, options.output, lock) : PrepareMatrix(options, lock);
   if (options.output == Output::kText) Print(OwnCpusSentence(matrix) + "\n");
   const bool isDone = MatrixRecorder(folder, matrix, options.output).Run();
-  ShowMatrix(folder, options.output, options.style, {folder + "/" + kReportName});
   const bool hasErrors = std::any_of(matrix.runs.begin(), matrix.runs.end(), [&folder](const MatrixRun& run) {
     return HasErrors(folder, run.folder, run.state);
   });
-  if (hasErrors) return kExitErrors;
-  return isDone ? kExitOk : kExitFailure;
+  status = hasErrors ? kExitErrors : isDone ? kExitOk : kExitFailure;
+  ShowMatrix(folder, options.output, options.style, {folder + "/" + kReportName});
 }
 
 }  // namespace
@@ -203,7 +203,7 @@ void AddMatrix(CLI::App& app, int& status) {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("matrix-");
     if (seed->count() == 0) options->settings.seed = std::random_device()();
-    status = RunMatrix(*options);
+    RunMatrix(*options, status);
   });
 }
 

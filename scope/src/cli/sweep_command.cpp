@@ -123,17 +123,17 @@ Sweep Resume(const std::string& folder, Output output, std::unique_ptr<FolderLoc
   return sweep;
 }
 
-int RunSweep(const SweepOptions& options) {
+// Sets `status` before it shows the sweep: a page that cannot be written hides no errors of the runs.
+void RunSweep(const SweepOptions& options, int& status) {
   const bool resumed = !options.resume.empty();
   const std::string folder = resumed ? options.resume : options.folder;
   std::unique_ptr<FolderLock> lock;
   Sweep sweep = resumed ? Resume(folder, options.output, lock) : Prepare(options, lock);
   const bool done =
       SweepRecorder(folder, sweep, options.output, {"sweep", [&] { WriteSweep(folder, sweep); }}).Run();
-  ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
   const bool hasErrors = sweep.boardAxes.empty() ? HasErrors(folder, sweep) : ChosenFails(sweep);
-  if (hasErrors) return kExitErrors;
-  return done ? kExitOk : kExitFailure;
+  status = hasErrors ? kExitErrors : done ? kExitOk : kExitFailure;
+  ShowSweep(folder, options.output, options.style, {folder + "/" + kReportName});
 }
 
 void AddMargin(CLI::App& command, SweepOptions& options, CLI::Option* resume) {
@@ -214,7 +214,7 @@ void AddSweep(CLI::App& app, int& status) {
     if (options->resume.empty() && options->config.empty()) throw CLI::RequiredError("CONFIG or --resume");
     if (options->folder.empty()) options->folder = TimedFolder("sweep-");
     if (seed->count() == 0) options->settings.seed = std::random_device()();
-    status = RunSweep(*options);
+    RunSweep(*options, status);
   });
 }
 
