@@ -42,7 +42,7 @@ void FixLatencySize(RunSettings& settings) {
   if (available == 0) return;  // nothing is taken from it then
   // A later run may find a little less. It must not be refused what this one chose.
   constexpr std::uint64_t kSparedShare = 8;
-  const bool isGiven = !settings.latencySize.empty();
+  const bool isGiven = !settings.latencySize.empty() && settings.latencySize.back() != '%';
   const std::uint64_t bytes = LatencyBytes(settings.latencySize, ReadConditions(settings.systemRoot).caches,
                                            isGiven ? available : available - available / kSparedShare);
   constexpr std::uint64_t kMebibyteBytes = std::uint64_t{1} << 20;

@@ -26,8 +26,9 @@ std::string AbsolutePath(const std::string& path);
 void MakeAbsolute(RunSettings& settings);
 
 /// Chooses once how much memory the latency probe of all runs goes through, and puts it into the settings:
-/// how much is available differs from run to run, and latencies over different memory are not compared.
-/// Throws UserError as LatencyBytes does.
+/// how much is available differs from run to run, and latencies over different memory are not compared. For
+/// the same reason a share is one of seven eighths of what is available now. Throws UserError as LatencyBytes
+/// does.
 void FixLatencySize(RunSettings& settings);
 
 /// Throws UserError if nothing reads a section of the configuration file, such as "cpu". The copies that the
