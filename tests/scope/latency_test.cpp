@@ -233,14 +233,14 @@ TEST(LatencyBursts, ChaseBeforeABurstOverSmallPages) {
 }
 
 TEST(LatencyBursts, ChaseBeforeABurstOverMoreThan256MiB) {
-  for (const std::uint64_t more : {0U, 8U}) {
-    ChaseMemory memory((256 + more) * kMebibyte);
-    ChaseTimer timer(memory);
-    memory.GrowTo(memory.Bytes());
+  ChaseMemory memory(264 * kMebibyte);
+  ChaseTimer timer(memory);
+  LatencyBursts bursts(memory, timer, {[] { return ThreadState(); }, nullptr});
+  for (const std::uint64_t mebibytes : {256U, 264U}) {
+    memory.GrowTo(mebibytes * kMebibyte);
     if (!memory.IsHuge()) GTEST_SKIP() << "this system has no 264 MiB in huge pages now";
-    LatencyBursts bursts(memory, timer, {[] { return ThreadState(); }, nullptr});
     bursts.Warm();
-    EXPECT_EQ(bursts.Take().allAccesses > memory.Bytes() >> 15, more != 0) << more;
+    EXPECT_EQ(bursts.Take().allAccesses > memory.CycleBytes() >> 15, mebibytes > 256) << mebibytes;
   }
 }
 
@@ -339,7 +339,7 @@ TEST(LatencyProbe, PausesForLongerWhereItsWorkIsMuch) {
   ASSERT_THAT(seconds, SizeIs(1)) << "while it waits";
   std::vector<LatencySecond> more;
   bounded.End(more);
-  EXPECT_GT(bounded.Summary().bursts, 5U) << "the pause has a bound";
+  EXPECT_GT(bounded.Summary().bursts, 2U) << "the pause has a bound";
   probe.End(seconds);
   ASSERT_THAT(seconds, SizeIs(1)) << "no row of the time without a burst";
   EXPECT_GE(seconds[0].bursts, 1U);
