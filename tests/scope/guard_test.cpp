@@ -245,6 +245,9 @@ TEST(GuardSize, IsComparedWithWhatTheSystemSaysIsAvailable) {
 // --- the process ---
 
 constexpr std::uint64_t kGuarded = std::uint64_t{1} << 20;
+// A walk takes 0.1 s, and the fourth one writes the next pattern: over what has changed since its word was
+// read, too, which nobody finds then. Tests change bits long before that.
+constexpr double kSlowRate = 10;
 
 struct Seen {
   std::vector<RunError> errors;
@@ -278,7 +281,7 @@ bool HasEnded(pid_t process) {
 }
 
 TEST(Guard, FindsAFlipInItsRunningProcess) {
-  Guard guard(kGuarded, 1000);
+  Guard guard(kGuarded, kSlowRate);
   EXPECT_EQ(guard.Summary().bytes, kGuarded);
   ASSERT_EQ(guarded::Process(), guard.Id());
   const std::uint64_t address = guarded::Address(guard.Id(), kGuarded);
@@ -336,7 +339,7 @@ TEST(Guard, ASignalEndsItWhileItFillsItsMemory) {
 
 // It has found one bit when it is stopped, so that its last walk does not end.
 TEST(Guard, ALastWalkThatIsCutShortKeepsWhatWasFound) {
-  Guard guard(kGuarded, 1000);
+  Guard guard(kGuarded, kSlowRate);
   const std::uint64_t address = guarded::Address(guard.Id(), kGuarded);
   ASSERT_NE(address, 0U);
   const auto flipAndAwaitRepair = [&](std::uint64_t bit) {
