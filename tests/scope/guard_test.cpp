@@ -145,7 +145,7 @@ void WalkDisturbed(GuardedMemory& memory, const std::function<void(std::uint64_t
   std::thread other([&] {
     while (!ends.load(std::memory_order_relaxed)) disturb(word);
   });
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(120);
   while (!enough(Walk(memory)) && std::chrono::steady_clock::now() < limit) {
   }
   ends.store(true, std::memory_order_relaxed);
